@@ -1,0 +1,16 @@
+// The host's HTTP service, as seen by the statistics.
+#pragma once
+
+#include "platform/zel/Export.h"
+
+class ZEL_API IHttp {
+public:
+    /// Returns: requests that failed since the process started.
+    virtual unsigned int GetFailCount() = 0;
+
+protected:
+    ~IHttp() = default;
+};
+
+/// Returns: never null.
+ZEL_API IHttp* GetHttpInstance();

@@ -1,0 +1,40 @@
+// Directories, disk space, sleeping and the hash mode.
+#pragma once
+
+#include <string>
+
+#include "platform/zel/Export.h"
+
+namespace zel {
+
+class ZEL_API CToolUtil {
+public:
+    /// Returns: the application directory without a trailing "/": ZEL_APP_DIR when set, else the executable's.
+    static std::string GetApplicationDirPath();
+
+    /// Free space and free inodes for an unprivileged writer on the file system of `path` (empty: the
+    /// application directory's). Units: bytes; inodes. A file system without inode accounting reports ULONG_MAX.
+    /// Returns: false on failure, outputs untouched.
+    static bool GetSelfDiskFreeSpace(unsigned long& freeSpace, unsigned long* freeInodes, std::string path);
+
+    /// Sleeps whole seconds. A thread of CThreadUtil that is being stopped returns early.
+    static void sleep(unsigned int seconds);
+
+    /// Sleeps milliseconds.
+    static void msleep(unsigned int milliseconds);
+};
+
+class ZEL_API CSleepUtil {
+public:
+    /// Pauses a worker inside a long loop for a short while (10 ms).
+    /// Returns: true when it slept.
+    static bool SleepForLoop();
+};
+
+class ZEL_API CAlgorithmUtil {
+public:
+    /// Selects the process-wide hash mode; any int is kept.
+    static void SetHashMode(int mode);
+};
+
+}  // namespace zel
