@@ -1,0 +1,57 @@
+# Front of the build: all work is in CMake.
+#   make run [FOR=seconds]   install what is missing, build, run the agent's demonstration
+#   make test                build and run every test that this machine allows; says which it could not run and why
+#   make sanitize            the same tests under the address, undefined and thread sanitizers
+#   make bench               build and run the benchmarks
+#   make install [PREFIX=]   install libraries, headers, agent, unit file and man pages
+JOBS ?= $(shell nproc)
+PREFIX ?= /usr/local
+FOR ?=
+
+.PHONY: all run test sanitize bench fuzz install clean deps deps-build
+
+all: deps-build
+	cmake --preset dev
+	cmake --build --preset dev -j $(JOBS)
+
+deps:
+	scripts/install-deps
+
+deps-build:
+	scripts/install-deps --build
+
+run: deps-build
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS)
+	scripts/demo --build build/release $(if $(FOR),--for $(FOR))
+
+test: deps
+	cmake --preset dev
+	cmake --build --preset dev -j $(JOBS)
+	scripts/run-tests dev
+
+sanitize: deps
+	cmake --preset asan
+	cmake --build --preset asan -j $(JOBS)
+	scripts/run-tests asan
+	cmake --preset tsan
+	cmake --build --preset tsan -j $(JOBS)
+	scripts/run-tests tsan
+
+fuzz: deps
+	cmake --preset fuzz
+	cmake --build --preset fuzz -j $(JOBS)
+	scripts/run-tests fuzz
+
+bench: deps
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS)
+	scripts/run-benchmarks build/release
+
+install: deps-build
+	cmake --preset release -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake --build --preset release -j $(JOBS)
+	cmake --install build/release
+
+clean:
+	rm -rf build
