@@ -1,6 +1,39 @@
-// Which kernels a limit may be used on: the local release, prefix lists and version ranges.
-#include "MonitorPri.h"
+// Which kernels a limit may be used on: the local release from uname(2), prefix lists and version ranges.
+// Entered by configuration parsing and by the set-up of the control groups, which the core serialises.
+#include <sys/utsname.h>
 
-bool CMonitorPri::GetLocalKernel() { return false; }
-bool CMonitorPri::CheckKernelHits(const std::string&) { return false; }
-bool CMonitorPri::LocalKernelLimits(std::string&) { return false; }
+#include "MonitorPri.h"
+#include "limits/KernelVersion.h"
+#include "platform/zel/StringUtil.h"
+
+bool CMonitorPri::GetLocalKernel() {
+    // Deliberately false for a record that is filled already: callers look at `major` first and ask only when it is 0.
+    if (m_localKernel.major != 0) return false;
+
+    struct utsname system = {};
+    if (uname(&system) != 0) return false;
+
+    const std::string release = system.release;
+    KernelReleaseNumbers numbers;
+    if (!ParseKernelRelease(release, numbers)) return false;
+
+    m_localKernel.major = numbers.majorPart;
+    m_localKernel.minor = numbers.minorPart;
+    m_localKernel.patch = numbers.patchPart;
+    m_localKernel.build = numbers.build;
+    m_localKernel.release = release;
+    return true;
+}
+
+bool CMonitorPri::CheckKernelHits(const std::string& list) { return HasKernelPrefix(list, m_localKernel.release); }
+
+bool CMonitorPri::LocalKernelLimits(std::string& list) {
+    const std::string trimmed = zel::CStringUtil::trim(list);
+    if (trimmed.empty()) return false;  // before the kernel is read: nothing to compare it with
+    if (m_localKernel.major == 0 && !GetLocalKernel()) return false;
+
+    PackedKernelVersion local;
+    local.packed = PackKernelVersion(m_localKernel.major, m_localKernel.minor, m_localKernel.patch);
+    local.build = m_localKernel.build;
+    return IsKernelInRangeList(trimmed, local);
+}

@@ -1,4 +1,97 @@
-// The legacy CPU limit: one group for the whole agent.
-#include "MonitorPri.h"
+// The legacy CPU limit: one group for the whole agent, set through the utility library's limit object.
+// Entered by configuration parsing and by the online update, which their callers serialise.
+#include <unistd.h>
 
-bool CMonitorPri::CpuResourceLimit(int, long) { return true; }
+#include <ctime>
+
+#include "MonitorPri.h"
+#include "limits/LegacyLimitMath.h"
+#include "platform/zel/CgroupManager.h"
+#include "platform/zel/LogMessage.h"
+#include "platform/zel/ResourceLimitUtil.h"
+
+namespace {
+
+constexpr const char* kLogSource = "MonitorPri";
+
+int StartLimit(zel::IResourceLimitUtil& util, int32_t value100Times, int& error) {
+    error = 0;
+    return util.StartCpuLimit(value100Times / 100, value100Times % 100, error);
+}
+
+}  // namespace
+
+bool CMonitorPri::CpuResourceLimit(int mode, long maxCpu) {
+    // Whoever else holds the CPU controller goes first. The version is asked before the detach makes the library
+    // forget.
+    const bool unifiedV2 = IsUnifiedV2RuntimeActive();
+    const bool legacyV2 = zel::IsResourceLimitCpuCgroupV2Runtime();
+    if (unifiedV2) DetachLegacyV2RuntimeState();
+    if (m_isMainAgent && m_unifiedActive && m_cgroupManager != nullptr && m_cgroupManager->IsCpuCgroupEnabled()) {
+        DetachLegacyCpuRuntimeState();
+        return true;
+    }
+    if (m_isMainAgent && m_unifiedActive && m_cgroupManager != nullptr && unifiedV2 && m_cgroupManager->IsCpuV2()) {
+        ResetLegacyCpuLimitState();
+        return true;
+    }
+    if (IsCgroupClientCpuJoined()) {
+        DetachLegacyCpuRuntimeState();
+        return true;
+    }
+    if (!m_isMainAgent && unifiedV2 && legacyV2) {
+        ResetLegacyCpuLimitState();
+        return true;
+    }
+
+    int32_t value = LegacyCpuLimit100Times(maxCpu);
+    if (IsCpuSolarisMode()) {
+        // After the clamps, so that it may exceed 100 %: the share is counted over all configured processors.
+        value = ScaleByProcessors(value, static_cast<int32_t>(sysconf(_SC_NPROCESSORS_CONF)));
+    }
+
+    zel::IResourceLimitUtil& util = *zel::GetResourceLimitUtil();  // the library always has one while limits are set
+    m_legacyCpuCallCount = NextLegacyCpuCallCount(m_legacyCpuCallCount);
+    if (m_legacyCpuCallCount % kLegacyCpuSyncPeriod == 0) util.SyncCpuLimit();
+
+    zel::CLogMessage& log = *zel::CLogMessage::GetInstance();
+    int error = 0;
+    const bool enable = (mode & MULTI_CGROUP_MODE_CPU) != 0;
+
+    if (m_legacyCpuEnabled != enable || m_legacyCpuLimitValue != value) {
+        log.log(zel::kLogInfo, kLogSource, __LINE__, "resource mode user conf:%d", mode);
+        log.log(zel::kLogInfo, kLogSource, __LINE__, "resource cpu user conf:%d", static_cast<int>(maxCpu));
+        m_legacyCpuMode = mode;
+        m_legacyCpuEnabled = enable;
+        m_legacyCpuLimitValue = value;
+        log.log(zel::kLogInfo, kLogSource, __LINE__, "resource get res:%d", mode & MULTI_CGROUP_MODE_CPU);
+        if (!enable) {
+            log.WriteLogMessage("match 0 try to close resource limit", zel::kLogInfo);
+            const int ret = util.StopCpuLimit(error);
+            if (ret != 0) m_legacyCpuErrorCode = PackLimitError(ret, error);
+        } else {
+            log.WriteLogMessage("not match 0 try to start resource limit", zel::kLogInfo);
+            const int ret = StartLimit(util, value, error);
+            if (ret != 0) {
+                log.log(zel::kLogWarning, kLogSource, __LINE__, "limit cpu fail, error is %d", error);
+                m_legacyCpuErrorCode = PackLimitError(ret, error);
+            } else {
+                log.WriteLogMessage("limit cpu success", zel::kLogInfo);
+            }
+        }
+        m_resourceLimited = util.IsCpuLimited();
+        return true;
+    }
+
+    log.WriteLogMessage("resource limit mode and max limit cpu is not change", zel::kLogInfo);
+    const int32_t now = static_cast<int32_t>(time(nullptr));
+    if (!IsLegacyCpuRetryDue(m_legacyCpuLastRetryTime, now)) return true;
+    m_legacyCpuLastRetryTime = now;  // also when no retry follows
+    if (!enable || m_resourceLimited) return true;
+
+    log.log(zel::kLogInfo, kLogSource, __LINE__, "try limit cpu again:%d", static_cast<int>(maxCpu));
+    const int ret = StartLimit(util, value, error);
+    if (ret != 0) m_legacyCpuErrorCode = PackLimitError(ret, error);
+    m_resourceLimited = util.IsCpuLimited();
+    return true;
+}

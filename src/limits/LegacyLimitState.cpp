@@ -1,10 +1,69 @@
-// What the module remembers of the legacy limits: resets, detaches and the full disable.
+// What the module remembers of the legacy limits: resets only forget, detaches make the library forget too, and only
+// the disable removes the limits. Entered by the thread that handles the configuration.
 #include "MonitorPri.h"
+#include "platform/zel/LogMessage.h"
+#include "platform/zel/ResourceLimitUtil.h"
 
-void CMonitorPri::ResetLegacyCpuLimitState() {}
-void CMonitorPri::ResetLegacyMemLimitState() {}
-void CMonitorPri::ResetLegacyCgroupLimitState() {}
-void CMonitorPri::DetachLegacyCpuRuntimeState() {}
-void CMonitorPri::DetachLegacyMemRuntimeState() {}
-void CMonitorPri::DetachLegacyV2RuntimeState() {}
-void CMonitorPri::DisableLegacyCgroupLimitState(const char*) {}
+namespace {
+constexpr const char* kLogSource = "MonitorPri";
+}  // namespace
+
+// Error codes, the applied mode and the pass counter outlive every reset: the statistics report them.
+
+void CMonitorPri::ResetLegacyCpuLimitState() {
+    m_resourceLimited = false;
+    m_legacyCpuEnabled = false;
+    m_legacyCpuLimitValue = 0;
+    m_legacyCpuLastRetryTime = 0;
+}
+
+void CMonitorPri::ResetLegacyMemLimitState() {
+    m_legacyMemLimited = false;
+    m_legacyMemEnabled = false;
+    m_legacyMemFirstLimit = 0;
+    m_legacyMemSecondLimit = 0;
+}
+
+void CMonitorPri::ResetLegacyCgroupLimitState() {
+    ResetLegacyCpuLimitState();
+    ResetLegacyMemLimitState();
+}
+
+void CMonitorPri::DetachLegacyCpuRuntimeState() {
+    zel::ClearResourceLimitCpuCgroupState();
+    ResetLegacyCpuLimitState();
+}
+
+void CMonitorPri::DetachLegacyMemRuntimeState() {
+    zel::ClearResourceLimitMemCgroupState();
+    ResetLegacyMemLimitState();
+}
+
+void CMonitorPri::DetachLegacyV2RuntimeState() {
+    if (zel::IsResourceLimitCpuCgroupV2Runtime()) DetachLegacyCpuRuntimeState();
+    if (zel::IsResourceLimitMemCgroupV2Runtime()) DetachLegacyMemRuntimeState();
+}
+
+void CMonitorPri::DisableLegacyCgroupLimitState(const char* reason) {
+    zel::IResourceLimitUtil* util = zel::GetResourceLimitUtil();
+    if (util != nullptr) {
+        zel::CLogMessage& log = *zel::CLogMessage::GetInstance();
+        const char* reasonText = reason != nullptr ? reason : "";
+        int error = 0;
+        int ret = util->StopCpuLimit(error);
+        if (ret != 0) {
+            log.log(zel::kLogWarning, kLogSource, __LINE__,
+                    "MonitorPri: uninstall legacy cpu cgroup failed ret[%d] err[%d], reason[%s]", ret, error,
+                    reasonText);
+        }
+        error = 0;
+        ret = util->StopMemLimit(error, true);
+        if (ret != 0) {
+            log.log(zel::kLogWarning, kLogSource, __LINE__,
+                    "MonitorPri: uninstall legacy mem cgroup failed ret[%d] err[%d], reason[%s]", ret, error,
+                    reasonText);
+        }
+        util->ReleaseLimits();
+    }
+    ResetLegacyCgroupLimitState();
+}

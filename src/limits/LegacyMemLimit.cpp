@@ -1,4 +1,98 @@
-// The legacy memory limit: one group for the whole agent.
+// The legacy memory limit: one group for the whole agent, where the kernel is allowed and no recent failure is on
+// record.
+// Entered by configuration parsing and by the online update, which their callers serialise.
 #include "MonitorPri.h"
+#include "limits/LegacyLimitMath.h"
+#include "platform/zel/CgroupManager.h"
+#include "platform/zel/LogMessage.h"
+#include "platform/zel/ResourceLimitUtil.h"
 
-bool CMonitorPri::MemResourceLimit(int, int, int, bool) { return true; }
+namespace {
+
+constexpr const char* kLogSource = "MonitorPri";
+
+// Refusals of our own, beside the limit object's error numbers. Neither is put on record.
+constexpr int kRefusedByErrorRecord = 120;
+constexpr int kRefusedByKernel = 10;
+
+constexpr int kExcludeKindMemory = 2;
+
+}  // namespace
+
+bool CMonitorPri::MemResourceLimit(int mode, int firstLimit, int secondLimit, bool) {
+    // Whoever else holds the memory controller goes first. The version is asked before the detach makes the library
+    // forget.
+    const bool unifiedV2 = IsUnifiedV2RuntimeActive();
+    const bool legacyV2 = zel::IsResourceLimitMemCgroupV2Runtime();
+    if (unifiedV2) DetachLegacyV2RuntimeState();
+    if (m_isMainAgent && m_unifiedActive && m_cgroupManager != nullptr && m_cgroupManager->IsMemCgroupEnabled()) {
+        DetachLegacyMemRuntimeState();
+        return true;
+    }
+    if (m_isMainAgent && m_unifiedActive && m_cgroupManager != nullptr && unifiedV2 && m_cgroupManager->IsMemV2()) {
+        ResetLegacyMemLimitState();
+        return true;
+    }
+    if (IsCgroupClientMemJoined()) {
+        DetachLegacyMemRuntimeState();
+        return true;
+    }
+    if (!m_isMainAgent && unifiedV2 && legacyV2) {
+        ResetLegacyMemLimitState();
+        return true;
+    }
+
+    zel::CLogMessage& log = *zel::CLogMessage::GetInstance();
+    const bool enable = (mode & MULTI_CGROUP_MODE_MEM) != 0;
+    if (m_legacyMemEnabled == enable && m_legacyMemFirstLimit == firstLimit && m_legacyMemSecondLimit == secondLimit) {
+        log.WriteLogMessage("resource limit mode and max limit mem is not change", zel::kLogInfo);
+        // A wanted limit that is not in force is tried again at every call; the error record is what holds it back.
+        if (!enable || m_legacyMemLimited) return true;
+    }
+    m_legacyMemEnabled = enable;
+    m_legacyMemFirstLimit = firstLimit;
+    m_legacyMemSecondLimit = secondLimit;
+
+    int ret = 0;
+    int error = 0;
+    if (!enable) {
+        log.WriteLogMessage("match 0 try to close mem limit", zel::kLogInfo);
+        zel::IResourceLimitUtil& util = *zel::GetResourceLimitUtil();
+        ret = util.StopMemLimit(error, true);
+        if (ret != 0) m_legacyMemErrorCode = PackLimitError(ret, error);
+        m_legacyMemLimited = util.IsMemLimited();
+        return true;
+    }
+
+    bool started = false;
+    log.WriteLogMessage("not match 0 try to set mem limit", zel::kLogInfo);
+    const int32_t firstBytes = ShiftKbToBytes32(firstLimit);
+    const int32_t secondBytes = ShiftKbToBytes32(secondLimit);
+    if (CheckCgroupError()) {
+        ret = kRefusedByErrorRecord;
+        log.WriteLogMessage("Has mnt or write limit error, not do limit!", zel::kLogInfo);
+    } else if (m_memLimitKernelRange.empty() || !LocalKernelLimits(m_memLimitKernelRange)) {
+        ret = kRefusedByKernel;
+        log.log(zel::kLogInfo, kLogSource, __LINE__, "kernel not in limit range: %s!", m_localKernel.release.c_str());
+    } else {
+        zel::IResourceLimitUtil& util = *zel::GetResourceLimitUtil();
+        // The limit object itself refuses excluded kernels, in PrepareMemLimit.
+        if (!m_memLimitExcludeKernels.empty() || !m_memLimitExcludeRange.empty()) {
+            util.SetKernelExcludeLists(kExcludeKindMemory, m_memLimitExcludeRange, m_memLimitExcludeKernels);
+        }
+        ret = util.PrepareMemLimit();
+        if (ret == 0) ret = util.StartMemLimit(firstBytes, secondBytes, error);
+        if (ret == 0) {
+            m_legacyMemLimited = util.IsMemLimited();
+            started = true;
+        }
+    }
+
+    if (ret != 0) {
+        WriteCgroupError(ret);
+        log.log(zel::kLogWarning, kLogSource, __LINE__, "mem limit fail [%d - %d]", ret, error);
+    } else {
+        log.WriteLogMessage("mem limit success", zel::kLogInfo);
+    }
+    return started;
+}
