@@ -1,8 +1,100 @@
-// The resource configuration file: reading, publishing, first application; and the limit conversions.
-#include "MonitorPri.h"
-#include "LimitConversion.h"
+// The resource configuration file: reading it, publishing its values into the online configuration and the first
+// application of every limit. On the host's starting thread.
+#define SI_NO_CONVERSION
+#define SI_IMPLEMENTATION
+#include <SimpleIni.h>
 
-void RelaxMultiCgroupLimits(long&, int&, bool) {}
-int MbToKb(int) { return 0; }
-int MbToKbWithHeadroom(int) { return 0; }
-bool CMonitorPri::ParseMonitorConfig(const std::string&, ResourceConfig&) { return false; }
+#include <algorithm>
+#include <climits>
+#include <exception>
+#include <string>
+
+#include "LimitConversion.h"
+#include "MonitorPri.h"
+#include "platform/zel/FileUtil.h"
+#include "platform/zel/LogMessage.h"
+#include "platform/zel/StringUtil.h"
+
+namespace {
+
+using IniFile = CSimpleIniTempl<char, SI_GenericNoCase<char>, SI_ConvertA<char>>;
+
+// Keys before any section header.
+constexpr const char* kUnnamedSection = "";
+constexpr int kDecimal = 10;
+
+std::string ReadText(const IniFile& ini, const char* key, const char* fallback) {
+    return ini.GetValue(kUnnamedSection, key, fallback);
+}
+
+// A value that is no number is converted like any other; the conversion decides what it is worth.
+int ReadInt(const IniFile& ini, const char* key, const char* fallback) {
+    return zel::CStringUtil::StringToInt(ReadText(ini, key, fallback), nullptr, kDecimal);
+}
+
+}  // namespace
+
+bool CMonitorPri::ParseMonitorConfig(const std::string& path, ResourceConfig& config) {
+    if (path.empty() || !zel::CFileUtil::IsFile(path)) return false;
+
+    int mode = 0;
+    int hashMode = 0;
+    bool loaded = false;
+    try {
+        IniFile ini(false, false, false);
+        loaded = ini.LoadFile(path.c_str()) >= 0;
+        if (loaded) {
+            config.maxCpu = ReadInt(ini, "max_cpu", "10");
+            config.maxMemory = ReadInt(ini, "max_memory", "200");
+            config.maxFd = ReadInt(ini, "max_fd", "1024");
+            mode = ReadInt(ini, "resource_limit_mode", "0");
+            config.cpuAll = ReadInt(ini, "cpu_all", "0") != 0;
+            config.maxReadIo = ReadInt(ini, "max_rio", "20480");
+            config.maxWriteIo = ReadInt(ini, "max_wio", "20480");
+            config.maxPidCheck = ReadInt(ini, "max_pid_check", "100");
+            hashMode = ReadInt(ini, "hash_mode", "0");
+            m_memLimitKernelRange = ReadText(ini, "mem_limit_kernel_range", "");
+            m_memLimitExcludeKernels = ReadText(ini, "mem_limit_exclude_kernels", "");
+            m_memLimitExcludeRange = ReadText(ini, "mem_limit_exclude_range", "");
+            m_cgroupGroupsSpec = ReadText(ini, "cgroup_groups", "");
+            m_cgroupComponentsSpec = ReadText(ini, "cgroup_components", "");
+        }
+    } catch (const std::exception&) {
+        loaded = false;  // the parser ran out of memory
+    }
+    if (!loaded) {
+        zel::CLogMessage::GetInstance()->WriteLogMessage("read resource monitor config fail", zel::kLogError);
+        return false;
+    }
+
+    COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance();
+    if (conf == nullptr) return false;
+    conf->maxCpu.Set(config.maxCpu);
+    conf->cpuAll.Set(config.cpuAll ? 1 : 0);
+    conf->maxPidCheck.Set(config.maxPidCheck);
+    conf->maxMemory.Set(config.maxMemory);
+    // As configured: every online update widens this pair itself.
+    conf->groupMaxCpu.Set(config.maxCpu);
+    conf->groupMaxMemory.Set(config.maxMemory);
+    conf->resourceLimitMode.Set(mode);
+    conf->maxWriteIo.Set(config.maxWriteIo);
+    conf->maxReadIo.Set(config.maxReadIo);
+    conf->hashMode.Set(hashMode);
+
+    long widenedCpu = config.maxCpu;
+    int widenedMem = config.maxMemory;
+    RelaxMultiCgroupLimits(widenedCpu, widenedMem, config.cpuAll);
+
+    SetCpuSolarisMode(config.cpuAll);  // first: the limits below ask for it
+    InitMultiCgroup(mode, widenedCpu, widenedMem);
+    CheckMultiCgroupOom();
+    CpuResourceLimit(mode, config.maxCpu);
+    MemResourceLimit(mode, MbToKbWithHeadroom(config.maxMemory), MbToKb(config.maxMemory), false);
+
+    if ((mode & MULTI_CGROUP_MODE_UNIFIED) != 0) {
+        config.maxCpu = static_cast<int32_t>(std::min<long>(widenedCpu, INT_MAX));
+        config.maxMemory = widenedMem;
+    }
+    ApplySelfKillLimitsFromConfig(config);
+    return true;
+}

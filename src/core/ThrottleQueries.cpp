@@ -1,12 +1,55 @@
-// The queries that worker threads ask before and during heavy work.
+// The queries that worker threads ask before and during heavy work, from any thread and often. They cost atomic
+// loads: no lock, no allocation, no formatting and, unless the caller asks to be paused, no system call.
 #include "MonitorPri.h"
+#include "platform/zel/ToolUtil.h"
 
-bool CheckPriorityValid(unsigned int) { return false; }
-bool CMonitorPri::CheckCpuLimit(unsigned int, bool) { return false; }
-bool CMonitorPri::IsCpuNeedLimit(unsigned int) { return false; }
-bool CMonitorPri::CpuLimit(unsigned int) { return false; }
-bool CMonitorPri::IsMemBusy() { return false; }
-bool CMonitorPri::GetMaxMem(long&) { return false; }
-bool CMonitorPri::GetMaxCpu(long&) { return false; }
-bool CMonitorPri::IsResourceLimited() { return false; }
-bool CMonitorPri::IsDiskFull() { return false; }
+namespace {
+
+constexpr unsigned int kPriorityCount = 3;  // 0 (most important), 1, 2
+constexpr int kCpuLevelBusy = 1;
+constexpr int kCpuLevelVeryBusy = 2;
+constexpr unsigned int kBusyPauseMs = 5;
+constexpr unsigned int kVeryBusyPauseMs = 10;
+
+// Local, so that the exported queries below reach it without a detour through the symbol table.
+// Returns: how long work of this priority should pause, 0 for not at all.
+inline unsigned int CpuPauseMs(CResourceMonitor& sampling, unsigned int priority) {
+    if (priority >= kPriorityCount) return 0;
+    if (CSingleton<COnlineClientConf>::GetInstance()->cpuLimitEnabled.Get() == 0) return 0;
+    const int level = sampling.GetCpuUsageLevel();
+    if (level == kCpuLevelVeryBusy) return kVeryBusyPauseMs;
+    // The most important work goes on while the process is merely busy.
+    if (level == kCpuLevelBusy && priority != 0) return kBusyPauseMs;
+    return 0;
+}
+
+// Returns: false and `out` untouched when there is no maximum.
+inline bool StoreMaximum(int maximum, long& out) {
+    if (maximum < 1) return false;
+    out = maximum;
+    return true;
+}
+
+}  // namespace
+
+bool CheckPriorityValid(unsigned int priority) { return priority < kPriorityCount; }
+
+bool CMonitorPri::CheckCpuLimit(unsigned int priority, bool sleep) {
+    const unsigned int pauseMs = CpuPauseMs(*this, priority);
+    if (sleep && pauseMs != 0) zel::CToolUtil::msleep(pauseMs);
+    return pauseMs != 0;
+}
+
+bool CMonitorPri::IsCpuNeedLimit(unsigned int priority) { return CpuPauseMs(*this, priority) != 0; }
+
+bool CMonitorPri::CpuLimit(unsigned int priority) { return CheckCpuLimit(priority, true); }
+
+bool CMonitorPri::IsMemBusy() { return GetMemUsageLevel() != 0; }
+
+bool CMonitorPri::GetMaxMem(long& out) { return StoreMaximum(CResourceMonitor::GetMaxMem(), out); }
+
+bool CMonitorPri::GetMaxCpu(long& out) { return StoreMaximum(CResourceMonitor::GetMaxCpu(), out); }
+
+bool CMonitorPri::IsResourceLimited() { return m_resourceLimited; }
+
+bool CMonitorPri::IsDiskFull() { return m_osAbnormalMonitor.IsDiskFull(); }
