@@ -194,6 +194,16 @@ public:
     void CheckMultiCgroupOom();
 
 protected:
+    // --- steps of the unified mode: src/cgroup/UnifiedMode.cpp ---
+    struct UnifiedRun;
+    void BuildUnified(int mode, long effectiveMaxCpu, int maxMem, UnifiedRun& run);
+    void BuildAndReconcileUnified(int mode, long effectiveMaxCpu, int maxMem, UnifiedRun& run);
+    bool InitWithLimits(const UnifiedRun& run);
+    bool UpdateWithLimits(const UnifiedRun& run);
+    bool RestoreLastUnified();
+    void RememberUnified(const UnifiedRun& run);
+    void ForgetUnified();
+
     // The declaration order is fixed. A value that a second thread reads is a RelaxedValue.
     RelaxedValue<bool> m_resourceLimited{false};
     RelaxedValue<uint64_t> m_heartbeatTimerId{0};  // 0: no timer

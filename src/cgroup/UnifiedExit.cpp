@@ -1,7 +1,107 @@
-// The three ways out of the unified mode.
-#include "MonitorPri.h"
+// The three ways out of the unified mode: switched off by configuration (clean-up), given up after a failure
+// (fallback), kept with every controller off (disabled). Each tells the other processes, which read the component
+// file, that the unified limits no longer hold. Entered by the configuration and notify threads.
+#include <unistd.h>
 
-bool CMonitorPri::PublishUnifiedExitConfig() { return true; }
-bool CMonitorPri::EnterLegacyFallback(const std::vector<zel::CgroupGroupConfig>&) { return true; }
-bool CMonitorPri::CleanupUnifiedConfigForLegacy() { return true; }
-bool CMonitorPri::EnterUnifiedDisabled(const std::vector<zel::CgroupGroupConfig>&) { return true; }
+#include "MonitorPri.h"
+#include "UnifiedCommon.h"
+#include "platform/zel/CgroupClient.h"
+#include "platform/zel/CgroupManager.h"
+#include "platform/zel/FileUtil.h"
+
+using unified::kLogSource;
+using unified::Log;
+using unified::Say;
+using zel::CFileUtil;
+
+namespace {
+/// Returns: true once nothing stands at `path` any more. It is moved aside first and then deleted: after the move the
+/// published file is gone even if the deletion fails.
+bool MoveAwayAndDelete(const std::string& path) {
+    const std::string backup = path + unified::kExitBackupSuffix;
+    if (CFileUtil::IsFile(backup) && !CFileUtil::RemoveFile(backup)) return false;
+    if (!zel::CFileCom(path).rename(backup)) return false;
+    if (!CFileUtil::RemoveFile(backup)) {
+        Log().log(zel::kLogWarning, kLogSource, __LINE__,
+                  "MonitorPri: failed to remove unified config backup [%s] after exit", backup.c_str());
+    }
+    return true;
+}
+
+void LeaveMainGroup(zel::CCgroupManager* manager) {
+    manager->ResetMemoryOomMonitor();
+    manager->RemovePidFromGroup(unified::kMainGroup, getpid());  // ignoring: the group is left to its fate either way
+}
+}  // namespace
+
+bool CMonitorPri::PublishUnifiedExitConfig() {
+    const std::string path = unified::ComponentConfigPath();
+    if (CFileUtil::IsFile(path)) {
+        bool published = MoveAwayAndDelete(path);
+        if (!published) {
+            Log().log(zel::kLogWarning, kLogSource, __LINE__,
+                      "MonitorPri: failed to move cgroup config [%s], writing disabled config", path.c_str());
+            if (m_cgroupManager != nullptr) published = m_cgroupManager->WriteDisabledConfig(path);
+        }
+        if (!published) {
+            Say(zel::kLogWarning, "MonitorPri: failed to publish unified exit config");
+            return false;
+        }
+    }
+    NotifyCgroupConfigChanged();
+    if (m_cgroupClient != nullptr) m_cgroupClient->ReloadConfig();
+    return true;
+}
+
+// The groups stay as they are. The manager object is kept for a later return to the unified mode.
+bool CMonitorPri::EnterLegacyFallback(const std::vector<zel::CgroupGroupConfig>&) {
+    ClearUnifiedSelfKillQuota();
+    if (m_cgroupManager != nullptr) LeaveMainGroup(m_cgroupManager);
+    const bool published = PublishUnifiedExitConfig();
+    // Also after a failed publish, so that the next change starts from the legacy state and tries again.
+    m_unifiedActive = false;
+    ForgetUnified();
+    ResetLegacyCgroupLimitState();
+    if (!published) {
+        Say(zel::kLogWarning,
+            "MonitorPri: legacy fallback config publish failed, local legacy state reset for retry");
+        return false;
+    }
+    Say(zel::kLogInfo, "MonitorPri: entered legacy fallback mode");
+    return true;
+}
+
+bool CMonitorPri::CleanupUnifiedConfigForLegacy() {
+    ClearUnifiedSelfKillQuota();
+    if (!m_unifiedActive && !CFileUtil::IsFile(unified::ComponentConfigPath())) return true;
+    // A file left by an earlier run is published away in silence when there is no manager.
+    if (m_cgroupManager != nullptr) {
+        Say(zel::kLogInfo, "MonitorPri: multi-cgroup mode disabled, publishing legacy exit");
+        LeaveMainGroup(m_cgroupManager);
+    }
+    const bool published = PublishUnifiedExitConfig();
+    m_unifiedActive = false;
+    ForgetUnified();
+    ResetLegacyCgroupLimitState();
+    return published;
+}
+
+// The unified mode keeps the groups, with every controller off.
+bool CMonitorPri::EnterUnifiedDisabled(const std::vector<zel::CgroupGroupConfig>& groups) {
+    ClearUnifiedSelfKillQuota();
+    if (m_cgroupManager != nullptr && !m_cgroupManager->Reconcile(false, false, groups)) {
+        Say(zel::kLogWarning,
+            "MonitorPri: Reconcile(false,false) failed in EnterUnifiedDisabled, fallback to legacy");
+        EnterLegacyFallback(groups);
+        return false;
+    }
+    if (m_cgroupManager == nullptr || !m_cgroupManager->WriteDisabledConfig(unified::ComponentConfigPath())) {
+        Say(zel::kLogWarning, "MonitorPri: WriteDisabledConfig failed, fallback to legacy");
+        EnterLegacyFallback(groups);
+        return false;
+    }
+    DisableLegacyCgroupLimitState("multi-cgroup unified disabled");
+    m_unifiedActive = true;
+    NotifyCgroupConfigChanged();
+    return true;
+}
