@@ -1,0 +1,68 @@
+// Pure conversions between the agent's amounts and the kernel's.
+#include "LimitUnits.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <limits>
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+constexpr int64_t kHundredthsPerCpu = 10000;
+
+int64_t PageBytes() {
+    static const int64_t bytes = [] {
+        const long size = sysconf(_SC_PAGESIZE);
+        return size > 0 ? static_cast<int64_t>(size) : int64_t{4096};
+    }();
+    return bytes;
+}
+
+}  // namespace
+
+CpuQuota QuotaFrom100Times(int64_t hundredths) {
+    if (hundredths <= 0) return CpuQuota{};
+    CpuQuota out;
+    int64_t quota = 0;
+    if (__builtin_mul_overflow(hundredths, kDefaultPeriodUs / kHundredthsPerCpu, &quota)) quota = kMaxQuotaUs;
+    if (quota >= kMinQuotaUs) {
+        out.quotaUs = std::min(quota, kMaxQuotaUs);
+        return out;
+    }
+    // ceil, so that the share is never above what was asked for.
+    const int64_t period = (kMinQuotaUs * kHundredthsPerCpu + hundredths - 1) / hundredths;
+    out.quotaUs = kMinQuotaUs;
+    out.periodUs = std::min(period, kMaxPeriodUs);
+    return out;
+}
+
+int QuotaTo100Times(const CpuQuota& quota) {
+    if (quota.Unlimited() || quota.periodUs <= 0) return 0;
+    const __int128 scaled = static_cast<__int128>(quota.quotaUs) * kHundredthsPerCpu + quota.periodUs / 2;
+    const __int128 hundredths = scaled / quota.periodUs;
+    if (hundredths < 1) return 1;
+    if (hundredths > std::numeric_limits<int>::max()) return std::numeric_limits<int>::max();
+    return static_cast<int>(hundredths);
+}
+
+int64_t PageRoundDown(int64_t bytes) {
+    if (bytes < 0) return kUnlimited;
+    return bytes - bytes % PageBytes();
+}
+
+int64_t BytesFromKb(int64_t kb) {
+    if (kb <= 0) return kUnlimited;
+    int64_t bytes = 0;
+    if (__builtin_mul_overflow(kb, int64_t{1024}, &bytes)) return kUnlimited;
+    return bytes;
+}
+
+int KbFromBytes(int64_t bytes) {
+    if (bytes < 0 || bytes >= kV1UnlimitedFromBytes) return 0;
+    return static_cast<int>(std::min<int64_t>(bytes / 1024, std::numeric_limits<int>::max()));
+}
+
+}  // namespace cgroup
+}  // namespace zel

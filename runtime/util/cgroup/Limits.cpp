@@ -1,0 +1,231 @@
+// Limits and counters of one group, read and written at the leaf where the version is known.
+#include "Limits.h"
+
+#include <cerrno>
+#include <map>
+#include <string>
+
+#include "CgroupFiles.h"
+#include "ProcText.h"
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+std::string QuotaText(const CpuQuota& quota) {
+    return quota.Unlimited() ? "max" : std::to_string(quota.quotaUs) + "/" + std::to_string(quota.periodUs);
+}
+
+std::string LimitText(int64_t bytes) { return bytes < 0 ? "max" : std::to_string(bytes); }
+
+int64_t ValueOr(const std::map<std::string, int64_t>& values, const char* key, int64_t fallback) {
+    const auto found = values.find(key);
+    return found == values.end() ? fallback : found->second;
+}
+
+bool RetryOtherOrder(const Status& status) { return !status && status.GetError().kind == ErrorKind::kInvalidValue; }
+
+// Two files, each write checked by the kernel against the other one, the parent and the children.
+Status WriteV1Quota(const GroupDir& group, const CpuQuota& old, const CpuQuota& wanted) {
+    const std::string quota = std::to_string(wanted.quotaUs);
+    const std::string period = std::to_string(wanted.periodUs);
+    if (wanted.Unlimited()) return group.Write(v1::kCpuQuotaUs, "-1");
+    if (old.periodUs == wanted.periodUs) return group.Write(v1::kCpuQuotaUs, quota);
+    if (old.Unlimited()) {
+        Status status = group.Write(v1::kCpuPeriodUs, period);
+        return status ? group.Write(v1::kCpuQuotaUs, quota) : status;
+    }
+    Status first = group.Write(v1::kCpuPeriodUs, period);
+    if (first) {
+        Status second = group.Write(v1::kCpuQuotaUs, quota);
+        if (second) return second;
+        Status back = group.Write(v1::kCpuPeriodUs, std::to_string(old.periodUs));
+        (void)back;  // the failure to report is the one of the quota; the caller's read-back sees what stands
+        return second;
+    }
+    if (!RetryOtherOrder(first)) return first;
+    Status second = group.Write(v1::kCpuQuotaUs, quota);
+    if (!second) return second;
+    Status third = group.Write(v1::kCpuPeriodUs, period);
+    if (!third) {
+        Status back = group.Write(v1::kCpuQuotaUs, std::to_string(old.quotaUs));
+        (void)back;
+    }
+    return third;
+}
+
+Result<CpuQuota> ParseCpuMax(const std::string& text, const std::string& path) {
+    const std::vector<std::string> words = ParseWords(text);
+    CpuQuota out;
+    if (words.size() != 2) return MakeError(ErrorKind::kMalformed, "parse cpu.max of", path);
+    Result<int64_t> quota = ParseNumberOrMax(words[0]);
+    Result<int64_t> period = ParseNumberOrMax(words[1]);
+    if (!quota || !period || *period <= 0) return MakeError(ErrorKind::kMalformed, "parse cpu.max of", path);
+    out.quotaUs = *quota;
+    out.periodUs = *period;
+    return out;
+}
+
+Result<int64_t> ReadV1Limit(const GroupDir& group, const char* file) {
+    Result<int64_t> bytes = group.ReadNumber(file);
+    if (!bytes) return bytes;
+    return *bytes < 0 || *bytes >= kV1UnlimitedFromBytes ? kUnlimited : *bytes;
+}
+
+bool Above(int64_t a, int64_t b) { return b >= 0 && (a < 0 || a > b); }
+
+Status WriteV1Hard(const GroupDir& group, const MemLimit& old, int64_t bytes) {
+    const std::string text = bytes < 0 ? "-1" : std::to_string(bytes);
+    if (!old.hasSwapLimit) return group.Write(v1::kMemLimitBytes, text);
+    // The kernel wants limit <= limit with swap after each of the two writes.
+    const bool grows = Above(bytes, old.withSwapBytes);
+    Status first = group.Write(grows ? v1::kMemSwapLimitBytes : v1::kMemLimitBytes, text);
+    if (!first) return first;
+    Status second = group.Write(grows ? v1::kMemLimitBytes : v1::kMemSwapLimitBytes, text);
+    if (second) return second;
+    const int64_t before = grows ? old.withSwapBytes : old.hardBytes;
+    Status back = group.Write(grows ? v1::kMemSwapLimitBytes : v1::kMemLimitBytes,
+                              before < 0 ? "-1" : std::to_string(before));
+    (void)back;  // the failure to report is the second write's
+    return second;
+}
+
+}  // namespace
+
+Result<CpuQuota> ReadCpuQuota(const GroupDir& group) {
+    if (group.GetVersion() == Version::kV2) {
+        Result<std::string> text = group.Read(v2::kCpuMax);
+        if (!text) return text.GetError();
+        return ParseCpuMax(*text, group.Path());
+    }
+    Result<int64_t> quota = group.ReadNumber(v1::kCpuQuotaUs);
+    if (!quota) return quota.GetError();
+    Result<int64_t> period = group.ReadNumber(v1::kCpuPeriodUs);
+    if (!period) return period.GetError();
+    return CpuQuota{*quota < 0 ? kUnlimited : *quota, *period};
+}
+
+Status ApplyCpuQuota(const GroupDir& group, const CpuQuota& quota) {
+    Result<CpuQuota> old = ReadCpuQuota(group);
+    if (!old) return old.GetError();
+    if (*old == quota) return {};
+    Status written;
+    if (group.GetVersion() == Version::kV2) {
+        written = group.Write(v2::kCpuMax, quota.Unlimited() ? std::string("max")
+                                                             : std::to_string(quota.quotaUs) + " " +
+                                                                   std::to_string(quota.periodUs));
+    } else {
+        written = WriteV1Quota(group, *old, quota);
+    }
+    if (!written) return written;
+    Result<CpuQuota> now = ReadCpuQuota(group);
+    if (!now) return now.GetError();
+    if (*now == quota) return {};
+    return MakeError(ErrorKind::kNotInForce, "set CPU quota " + QuotaText(quota) + " on", group.Path(),
+                     "the kernel shows " + QuotaText(*now) + ": somebody else writes this group");
+}
+
+Result<CpuCounters> ReadCpuCounters(const GroupDir& group) {
+    Result<std::string> text = group.Read(v1::kCpuStat);
+    if (!text) return text.GetError();
+    const std::map<std::string, int64_t> values = ParseFlatKeyed(*text);
+    CpuCounters out;
+    out.periods = ValueOr(values, "nr_periods", 0);
+    out.throttledPeriods = ValueOr(values, "nr_throttled", 0);
+    if (group.GetVersion() == Version::kV2) {
+        out.throttledUs = ValueOr(values, "throttled_usec", 0);
+        out.usageUs = ValueOr(values, "usage_usec", -1);
+        return out;
+    }
+    out.throttledUs = ValueOr(values, "throttled_time", 0) / 1000;
+    if (group.HasFile(v1::kCpuacctUsageNs)) {
+        Result<int64_t> usage = group.ReadNumber(v1::kCpuacctUsageNs);
+        if (usage) out.usageUs = *usage / 1000;
+    }
+    return out;
+}
+
+Result<MemLimit> ReadMemLimit(const GroupDir& group) {
+    MemLimit out;
+    if (group.GetVersion() == Version::kV2) {
+        Result<int64_t> hard = group.ReadNumber(v2::kMemMax);
+        if (!hard) return hard.GetError();
+        out.hardBytes = *hard;
+        return out;
+    }
+    Result<int64_t> hard = ReadV1Limit(group, v1::kMemLimitBytes);
+    if (!hard) return hard.GetError();
+    out.hardBytes = *hard;
+    if (group.HasFile(v1::kMemSoftLimitBytes)) {
+        Result<int64_t> soft = ReadV1Limit(group, v1::kMemSoftLimitBytes);
+        if (!soft) return soft.GetError();
+        out.softBytes = *soft;
+    }
+    out.hasSwapLimit = group.HasFile(v1::kMemSwapLimitBytes);
+    if (out.hasSwapLimit) {
+        Result<int64_t> withSwap = ReadV1Limit(group, v1::kMemSwapLimitBytes);
+        if (!withSwap) return withSwap.GetError();
+        out.withSwapBytes = *withSwap;
+    }
+    return out;
+}
+
+Status ApplyMemHardLimit(const GroupDir& group, int64_t bytes) {
+    const int64_t wanted = PageRoundDown(bytes);
+    Result<MemLimit> old = ReadMemLimit(group);
+    if (!old) return old.GetError();
+    if (old->hardBytes == wanted && (!old->hasSwapLimit || old->withSwapBytes == wanted)) return {};
+    const bool v2 = group.GetVersion() == Version::kV2;
+    Status written = v2 ? group.Write(v2::kMemMax, LimitText(wanted)) : WriteV1Hard(group, *old, wanted);
+    if (!written) return written;
+    Result<MemLimit> now = ReadMemLimit(group);
+    if (!now) return now.GetError();
+    if (now->hardBytes == wanted && (!now->hasSwapLimit || now->withSwapBytes == wanted)) return {};
+    return MakeError(ErrorKind::kNotInForce, "set memory limit " + LimitText(wanted) + " on", group.Path(),
+                     "the kernel shows " + LimitText(now->hardBytes) + ": somebody else writes this group");
+}
+
+Status ApplyMemSoftLimit(const GroupDir& group, int64_t bytes) {
+    if (group.GetVersion() == Version::kV2 || !group.HasFile(v1::kMemSoftLimitBytes)) return {};
+    const int64_t wanted = PageRoundDown(bytes);
+    Result<int64_t> old = ReadV1Limit(group, v1::kMemSoftLimitBytes);
+    if (!old) return old.GetError();
+    if (*old == wanted) return {};
+    Status written = group.Write(v1::kMemSoftLimitBytes, wanted < 0 ? "-1" : std::to_string(wanted));
+    if (!written) return written;
+    Result<int64_t> now = ReadV1Limit(group, v1::kMemSoftLimitBytes);
+    if (!now) return now.GetError();
+    if (*now == wanted) return {};
+    return MakeError(ErrorKind::kNotInForce, "set soft memory limit " + LimitText(wanted) + " on", group.Path(),
+                     "the kernel shows " + LimitText(*now));
+}
+
+Result<MemCounters> ReadMemCounters(const GroupDir& group) {
+    MemCounters out;
+    const bool isV2 = group.GetVersion() == Version::kV2;
+    Result<int64_t> usage = group.ReadNumber(isV2 ? v2::kMemCurrent : v1::kMemUsageBytes);
+    if (usage) out.usageBytes = *usage;
+    // The root group has no events and no current of its own; that is not an error of the others.
+    Result<std::string> events = group.Read(isV2 ? v2::kMemEvents : v1::kMemOomControl);
+    if (!events) return events.GetError();
+    const std::map<std::string, int64_t> values = ParseFlatKeyed(*events);
+    out.oomKills = ValueOr(values, "oom_kill", -1);
+    if (!isV2) {
+        out.underOom = static_cast<int>(ValueOr(values, "under_oom", 0));
+        out.oomKillDisable = static_cast<int>(ValueOr(values, "oom_kill_disable", 0));
+        Result<int64_t> hits = group.ReadNumber(v1::kMemFailCount);
+        if (hits) out.limitHits = *hits;
+        return out;
+    }
+    out.limitHits = ValueOr(values, "max", -1);
+    out.ooms = ValueOr(values, "oom", -1);
+    out.oomGroupKills = ValueOr(values, "oom_group_kill", -1);
+    if (group.HasFile(v2::kMemEventsLocal)) {
+        Result<std::string> local = group.Read(v2::kMemEventsLocal);
+        if (local) out.localOoms = ValueOr(ParseFlatKeyed(*local), "oom", -1);
+    }
+    return out;
+}
+
+}  // namespace cgroup
+}  // namespace zel

@@ -1,0 +1,72 @@
+// Amounts to the kernel's quota, period and pages, and back.
+#include "LimitUnits.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+using namespace zel::cgroup;
+
+namespace {
+
+TEST(LimitUnitsTest, QuotaFollowsTheTable) {
+    struct Case {
+        int64_t hundredths, quotaUs, periodUs;
+        int back;
+    };
+    const Case cases[] = {
+        {10000, 100000, 100000, 10000}, {950, 9500, 100000, 950}, {100, 1000, 100000, 100},
+        {99, 1000, 101011, 99},         {50, 1000, 200000, 50},   {33, 1000, 303031, 33},
+        {10, 1000, 1000000, 10},        {9, 1000, 1000000, 10},   {1, 1000, 1000000, 10},
+        {19000, 190000, 100000, 19000}, {2147483647, 21474836470, 100000, 2147483647},
+    };
+    for (const Case& c : cases) {
+        const CpuQuota quota = QuotaFrom100Times(c.hundredths);
+        EXPECT_EQ(c.quotaUs, quota.quotaUs) << c.hundredths;
+        EXPECT_EQ(c.periodUs, quota.periodUs) << c.hundredths;
+        EXPECT_EQ(c.back, QuotaTo100Times(quota)) << c.hundredths;
+    }
+}
+
+TEST(LimitUnitsTest, EveryAmountDownToATenthOfAPercentComesBackAsItWas) {
+    for (int hundredths = 10; hundredths <= 20000; ++hundredths) {
+        const CpuQuota quota = QuotaFrom100Times(hundredths);
+        ASSERT_EQ(hundredths, QuotaTo100Times(quota));
+        ASSERT_GE(quota.quotaUs, kMinQuotaUs);
+        ASSERT_LE(quota.periodUs, kMaxPeriodUs);
+        // Never above what was asked for.
+        ASSERT_LE(quota.quotaUs * 10000, quota.periodUs * hundredths);
+    }
+}
+
+TEST(LimitUnitsTest, NothingAskedForIsNoLimit) {
+    EXPECT_TRUE(QuotaFrom100Times(0).Unlimited());
+    EXPECT_TRUE(QuotaFrom100Times(-950).Unlimited());
+    EXPECT_EQ(0, QuotaTo100Times(CpuQuota{}));
+    EXPECT_EQ(0, QuotaTo100Times(CpuQuota{1000, 0}));
+}
+
+TEST(LimitUnitsTest, HugeAmountsSaturate) {
+    EXPECT_EQ(kMaxQuotaUs, QuotaFrom100Times(INT64_MAX).quotaUs);
+    EXPECT_EQ(2147483647, QuotaTo100Times(CpuQuota{INT64_MAX, 1}));
+    EXPECT_EQ(kUnlimited, BytesFromKb(INT64_MAX));
+    EXPECT_EQ(2147483647, KbFromBytes(kV1UnlimitedFromBytes - 1));
+}
+
+TEST(LimitUnitsTest, UnlimitedQuotasAreEqualWhateverTheirPeriod) {
+    EXPECT_EQ((CpuQuota{kUnlimited, 1}), (CpuQuota{kUnlimited, 2}));
+    EXPECT_NE((CpuQuota{1000, 100000}), (CpuQuota{1000, 200000}));
+}
+
+TEST(LimitUnitsTest, MemoryIsRoundedDownToPages) {
+    EXPECT_EQ(0, PageRoundDown(4095));
+    EXPECT_EQ(0, PageRoundDown(65536) % 65536);
+    EXPECT_EQ(kUnlimited, PageRoundDown(kUnlimited));
+    EXPECT_EQ(1024, BytesFromKb(1));
+    EXPECT_EQ(kUnlimited, BytesFromKb(0));
+    EXPECT_EQ(1, KbFromBytes(2047));
+    EXPECT_EQ(0, KbFromBytes(kUnlimited));
+    EXPECT_EQ(0, KbFromBytes(9223372036854771712LL));
+}
+
+}  // namespace
