@@ -36,6 +36,7 @@ void ForgetMonitor() { MonitorAccess::Forget(); }
 
 void Platform::Record(const std::string& line) {
     std::lock_guard<std::recursive_mutex> guard(lock);
+    if (keepInJournal && !keepInJournal(line)) return;
     journal.push_back(line);
 }
 

@@ -9,6 +9,7 @@
 
 #include <ctime>
 #include <deque>
+#include <functional>
 #include <list>
 #include <map>
 #include <mutex>
@@ -170,9 +171,12 @@ struct FakeKernel {
 struct Platform {
     std::vector<std::string> journal;
     std::vector<LogLine> logs;
+    /// Which lines the journal keeps; unset: all. Keeps the journal small in a test of millions of ticks.
+    std::function<bool(const std::string&)> keepInJournal;
 
     bool clockScripted = true;
     time_t now = 1700000000;  ///< CToolUtil::sleep moves it on
+    std::function<void(unsigned int)> onSleep;  ///< what happens to the world during CToolUtil::sleep
 
     std::string appDir = "/opt/agent/home";
     std::string globalCfgDir = "/opt/agent/home/conf";

@@ -248,6 +248,7 @@ bool CToolUtil::GetSelfDiskFreeSpace(unsigned long& freeSpace, unsigned long* fr
 void CToolUtil::sleep(unsigned int seconds) {
     P().Record(Format("CToolUtil::sleep(%u)", seconds));
     P().now += static_cast<time_t>(seconds);
+    if (P().onSleep) P().onSleep(seconds);
 }
 void CToolUtil::msleep(unsigned int milliseconds) { P().Record(Format("CToolUtil::msleep(%u)", milliseconds)); }
 bool CSleepUtil::SleepForLoop() {
