@@ -80,7 +80,8 @@ protected:
                                static_cast<int>(pri().m_legacyMemEnabled), pri().m_legacyMemFirstLimit,
                                pri().m_legacyMemSecondLimit, pri().m_legacyMemErrorCode);
     }
-    static constexpr const char* kCpuFilled = "limited=1 enabled=1 value=950 retry=1699999000 | code=50013 mode=5 count=17";
+    static constexpr const char* kCpuFilled =
+        "limited=1 enabled=1 value=950 retry=1699999000 | code=50013 mode=5 count=17";
     static constexpr const char* kCpuForgotten = "limited=0 enabled=0 value=0 retry=0 | code=50013 mode=5 count=17";
     static constexpr const char* kMemFilled = "limited=1 enabled=1 first=307200 second=204800 | code=70002";
     static constexpr const char* kMemForgotten = "limited=0 enabled=0 first=0 second=0 | code=70002";
