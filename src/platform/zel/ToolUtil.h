@@ -35,6 +35,9 @@ class ZEL_API CAlgorithmUtil {
 public:
     /// Selects the process-wide hash mode; any int is kept.
     static void SetHashMode(int mode);
+
+    /// Returns: the mode set last, 0 before the first.
+    static int GetHashMode();
 };
 
 }  // namespace zel

@@ -1,0 +1,61 @@
+// The agent's directories: from the environment when set, else from where the executable lies.
+#include <climits>
+#include <cstdlib>
+#include <string>
+
+#include <unistd.h>
+
+#include "platform/zel/PathInfo.h"
+#include "platform/zel/ToolUtil.h"
+
+namespace zel {
+namespace {
+
+constexpr char kAppDirVariable[] = "ZEL_APP_DIR";
+constexpr char kGlobalCfgDirVariable[] = "ZEL_GLOBAL_CFG_DIR";
+constexpr char kGlobalCfgFolder[] = "/conf";
+
+// Names are joined to a directory with their own "/". Of the root itself nothing remains, and "" + "/x" is right.
+std::string WithoutTrailingSlashes(std::string path) {
+    while (!path.empty() && path.back() == '/') path.pop_back();
+    return path;
+}
+
+std::string DirectoryFromEnvironment(const char* variable) {
+    const char* value = ::secure_getenv(variable);
+    return value == nullptr ? std::string() : WithoutTrailingSlashes(value);
+}
+
+bool IsSet(const char* variable) {
+    const char* value = ::secure_getenv(variable);
+    return value != nullptr && *value != '\0';
+}
+
+std::string ReadExecutableDirectory() {
+    char path[PATH_MAX];
+    const ssize_t length = ::readlink("/proc/self/exe", path, sizeof path);
+    // Without /proc the working directory is the best that is known.
+    if (length <= 0 || static_cast<size_t>(length) >= sizeof path) return ".";
+    const std::string executable(path, static_cast<size_t>(length));
+    return WithoutTrailingSlashes(executable.substr(0, executable.rfind('/')));
+}
+
+}  // namespace
+
+std::string CToolUtil::GetApplicationDirPath() {
+    if (IsSet(kAppDirVariable)) return DirectoryFromEnvironment(kAppDirVariable);
+    static const std::string executableDirectory = ReadExecutableDirectory();
+    return executableDirectory;
+}
+
+COrvexPathInfo* COrvexPathInfo::GetInstance() {
+    static COrvexPathInfo info;
+    return &info;
+}
+
+std::string COrvexPathInfo::GetGlobalCfgPath() {
+    if (IsSet(kGlobalCfgDirVariable)) return DirectoryFromEnvironment(kGlobalCfgDirVariable);
+    return CToolUtil::GetApplicationDirPath() + kGlobalCfgFolder;
+}
+
+}  // namespace zel

@@ -1,0 +1,51 @@
+// The rotating file behind the logger. Plain system calls; one thread at a time.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <string_view>
+
+#include "UniqueFd.h"
+
+namespace zel {
+
+/// A log file of bounded size with a bounded number of predecessors: "x.log", "x.log.1", "x.log.2", ...
+/// Lifetime: by its owner. Errors: Write tells by its result; the cause is kept until the next success.
+class LogFile {
+public:
+    /// Units: `maxBytes` in bytes per file; `maxFiles` counts the current file.
+    LogFile(std::string directory, std::string fileName, unsigned long maxBytes, unsigned int maxFiles);
+
+    /// Appends whole lines; `lines` ends with a line end. Opens the file when it is not open, and again when somebody
+    /// moved or removed it.
+    /// Returns: false when not all of it could be written.
+    bool Write(std::string_view lines);
+
+    /// Returns: "<operation> <path>: <reason>" of the last failure.
+    const std::string& Error() const { return m_error; }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    bool EnsureOpen();
+    bool OpenDirectory();
+    bool OpenFile();
+    bool IsStillInPlace() const;
+    void Rotate();
+    bool Append(std::string_view lines);
+    bool Fail(const char* operation, const std::string& path, int error);
+    std::string NameOf(unsigned int generation) const;
+
+    const std::string m_directory;
+    const std::string m_fileName;
+    const unsigned long m_maxBytes;
+    const unsigned int m_maxFiles;
+    UniqueFd m_directoryFd;
+    UniqueFd m_file;
+    unsigned long m_size = 0;
+    bool m_midLine = false;  ///< the last write broke off inside a line
+    Clock::time_point m_nextCheck{};
+    std::string m_error;
+};
+
+}  // namespace zel

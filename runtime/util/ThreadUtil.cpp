@@ -1,0 +1,129 @@
+// Threads with a virtual body. The one thing beyond std::thread: a body that sleeps in CToolUtil::sleep is woken when
+// its owner stops it.
+#include "platform/zel/ThreadUtil.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <exception>
+#include <mutex>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include "ThreadSleep.h"
+#include "UniqueFd.h"
+#include "platform/zel/LogMessage.h"
+
+namespace zel {
+namespace {
+
+constexpr size_t kMaxThreadNameBytes = 15;  // Source: prctl(2), PR_SET_NAME
+
+// What the calling thread sleeps on; null in a thread that CThreadUtil did not start.
+thread_local ThreadSleep* t_sleep = nullptr;
+
+// An exception ends the body, not the process.
+void RunContained(CThreadUtil& owner) {
+    try {
+        owner.run();
+    } catch (const std::exception& error) {
+        CLogMessage::GetInstance()->log(kLogError, "ThreadUtil", __LINE__, "a thread ended by an exception: %s",
+                                        error.what());
+    } catch (...) {
+        CLogMessage::GetInstance()->log(kLogError, "ThreadUtil", __LINE__, "a thread ended by an unknown exception");
+    }
+}
+
+}  // namespace
+
+ThreadSleep* ThreadSleep::OfCallingThread() {
+    return t_sleep;
+}
+
+struct CThreadUtil::Impl {
+    std::mutex lifecycle;  ///< serialises start and stop; held while a stop waits for the body
+    std::thread thread;    ///< by `lifecycle`
+    // Shared with the thread, which may outlive the object when its body destroys it.
+    std::shared_ptr<ThreadSleep> sleep;  ///< by `lifecycle`
+    std::atomic<ThreadSleep*> sleepOfBody{nullptr};  ///< the same, for a comparison without the lock
+    std::shared_ptr<std::atomic<bool>> running = std::make_shared<std::atomic<bool>>(false);
+
+    void Join() {
+        sleep->Interrupt();
+        thread.join();
+    }
+};
+
+CThreadUtil::CThreadUtil() : m_impl(std::make_unique<Impl>()) {}
+
+CThreadUtil::~CThreadUtil() {
+    if (!m_impl->thread.joinable()) return;
+    if (m_impl->thread.get_id() == std::this_thread::get_id()) {
+        m_impl->thread.detach();  // destroyed by its own body: nobody is left to wait
+    } else {
+        m_impl->Join();
+    }
+}
+
+bool CThreadUtil::startThread() {
+    std::lock_guard<std::mutex> guard(m_impl->lifecycle);
+    if (m_impl->running->load(std::memory_order_acquire)) return false;
+    if (m_impl->thread.joinable()) m_impl->thread.join();  // a body that returned by itself
+    const auto running = m_impl->running;
+    try {
+        const auto sleep = std::make_shared<ThreadSleep>();
+        m_impl->sleep = sleep;
+        m_impl->sleepOfBody.store(sleep.get(), std::memory_order_release);
+        running->store(true, std::memory_order_release);
+        m_impl->thread = std::thread([this, sleep, running] {
+            t_sleep = sleep.get();
+            RunContained(*this);
+            t_sleep = nullptr;
+            running->store(false, std::memory_order_release);
+        });
+    } catch (const std::exception&) {
+        running->store(false, std::memory_order_release);
+        return false;
+    }
+    return true;
+}
+
+bool CThreadUtil::stopThread() {
+    // The body cannot wait for itself; asking would also lock out the owner that is waiting for it already.
+    ThreadSleep* const own = ThreadSleep::OfCallingThread();
+    if (own != nullptr && own == m_impl->sleepOfBody.load(std::memory_order_acquire)) return false;
+    std::lock_guard<std::mutex> guard(m_impl->lifecycle);
+    if (!m_impl->thread.joinable()) return false;
+    m_impl->Join();
+    return true;
+}
+
+bool CThreadUtil::IsThreadRunning() {
+    return m_impl->running->load(std::memory_order_acquire);
+}
+
+unsigned int CThreadUtil::GetCurrentThreadId() {
+    return static_cast<unsigned int>(::gettid());
+}
+
+std::string CThreadUtil::GetThreadName(long tid) {
+    if (tid <= 0) return std::string();
+    char path[48];
+    std::snprintf(path, sizeof path, "/proc/self/task/%ld/comm", tid);
+    const UniqueFd fd(RetryOnSignal([&] { return ::open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW); }));
+    if (!fd.IsOpen()) return std::string();
+    char name[64];
+    const ssize_t got = RetryOnSignal([&] { return ::read(fd.Get(), name, sizeof name); });
+    if (got <= 0) return std::string();
+    const size_t length = static_cast<size_t>(got);
+    return std::string(name, name[length - 1] == '\n' ? length - 1 : length);
+}
+
+void CThreadUtil::SetThreadName(const std::string& name) {
+    ::prctl(PR_SET_NAME, name.substr(0, kMaxThreadNameBytes).c_str(), 0, 0, 0);
+}
+
+}  // namespace zel
