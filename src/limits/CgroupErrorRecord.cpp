@@ -1,6 +1,6 @@
 // The record of a failed memory limit, which holds further attempts back for 12 hours, also across restarts.
 // One small file in the application directory. Entered by the thread that handles the configuration.
-#include "limits/CgroupErrorRecord.h"
+#include "CgroupErrorRecord.h"
 
 #include <ctime>
 #include <list>

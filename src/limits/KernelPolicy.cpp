@@ -2,8 +2,8 @@
 // Entered by configuration parsing and by the set-up of the control groups, which the core serialises.
 #include <sys/utsname.h>
 
+#include "KernelVersion.h"
 #include "MonitorPri.h"
-#include "limits/KernelVersion.h"
 #include "platform/zel/StringUtil.h"
 
 bool CMonitorPri::GetLocalKernel() {

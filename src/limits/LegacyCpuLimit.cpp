@@ -4,8 +4,8 @@
 
 #include <ctime>
 
+#include "LegacyLimitMath.h"
 #include "MonitorPri.h"
-#include "limits/LegacyLimitMath.h"
 #include "platform/zel/CgroupManager.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ResourceLimitUtil.h"

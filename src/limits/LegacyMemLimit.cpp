@@ -1,8 +1,8 @@
 // The legacy memory limit: one group for the whole agent, where the kernel is allowed and no recent failure is on
 // record.
 // Entered by configuration parsing and by the online update, which their callers serialise.
+#include "LegacyLimitMath.h"
 #include "MonitorPri.h"
-#include "limits/LegacyLimitMath.h"
 #include "platform/zel/CgroupManager.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ResourceLimitUtil.h"
