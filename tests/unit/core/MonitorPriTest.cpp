@@ -1,0 +1,639 @@
+// Lifecycle of the private object: construction, start, stop, timer, schedule, memory line and online updates. Every
+// journal is compared whole, calls and log lines of the limits included.
+#include <algorithm>
+#include <climits>
+
+#include "CoreFixture.h"
+#include "platform/zel/CgroupClient.h"
+#include "platform/zel/CgroupManager.h"
+
+namespace {
+
+const Lines kStarted = {"COnlineClientConf::AddNotify()", "CTimerEvent::StringToMagicNum(main_heartbeat)",
+                        "CTimerEvent::startTimer(60000,4711)", "CResourceMonitor::StartMonitor()"};
+
+Lines Thresholds(int cpu, int mem, int fd, int rio, int wio, int pid, int all) {
+    return {doubles::Format("CResourceMonitor::SetMaxResourceConfig(cpu=%d mem=%d fd=%d a=5 b=1000 rio=%d wio=%d "
+                            "pid=%d all=%d)",
+                            cpu, mem, fd, rio, wio, pid, all)};
+}
+
+const Lines kDefaultThresholds = Thresholds(10, 200, 1024, 20480, 20480, 100, 0);
+
+// The process-wide memory line remembers when it was last forced, so every test that looks at it moves on to an hour
+// that no test had before.
+time_t FreshHour() {
+    static time_t next = 1800000000;
+    next += 100000;
+    return next;
+}
+
+}  // namespace
+
+class MonitorPriTest : public CoreFixture {
+protected:
+    /// A process that is not the main agent parses the empty file.
+    Lines ParsedDefaults(const std::string& path) {
+        return Joined({{"CFileUtil::IsFile(" + path + ")"},
+                       Published().lines(),
+                       {"CResourceMonitor::SetCpuSolarisMode(0)"},
+                       LegacyCpuOff(0, 10),
+                       LegacyMemOff()});
+    }
+    Lines ParsedDefaultsAsMain(const std::string& path) {
+        return Joined({{"CFileUtil::IsFile(" + path + ")"},
+                       Published().lines(),
+                       {"CResourceMonitor::SetCpuSolarisMode(0)"},
+                       NoUnifiedLeftovers(),
+                       LegacyCpuOff(0, 10),
+                       LegacyMemOff()});
+    }
+    /// The tail of an online update after the memory limit.
+    static Lines UpdateTail(int memOut, int rio, int wio, int pid, int fd, int hash) {
+        return {doubles::Format("CResourceMonitor::SetMaxMem(%d)", memOut),
+                doubles::Format("CResourceMonitor::SetMaxIO(%d,%d)", rio, wio),
+                doubles::Format("CResourceMonitor::SetMaxPidCheck(%d)", pid),
+                doubles::Format("CResourceMonitor::SetMaxFdCount(%d)", fd),
+                doubles::Format("CAlgorithmUtil::SetHashMode(%d)", hash),
+                doubles::Format("F4 [MonitorPri] set hash mode %u", static_cast<unsigned int>(hash))};
+    }
+};
+
+// --- construction and destruction ---
+
+TEST_F(MonitorPriTest, RegistersAndThenAsksForTheConfigurationsDirectory) {
+    {
+        MonitorPriProbe another;
+        // The first directory is the event store's.
+        EXPECT_EQ(Lines({"CToolUtil::GetApplicationDirPath()", "CMtIntf::RegMtInfoCallback()",
+                         "CToolUtil::GetApplicationDirPath()"}),
+                  calls());
+        EXPECT_EQ("/opt/agent/home/conf/resource_config", another.m_configPath);
+        ASSERT_EQ(2u, platform().registered.size());
+        EXPECT_EQ(static_cast<IMtInfo*>(&another), platform().registered.back());
+        EXPECT_TRUE(platform().notifies.empty());
+    }
+    EXPECT_EQ(Lines({"CMtIntf::UnRegMtInfoCallback()"}), calls()) << "the destructor stops nothing";
+    ASSERT_EQ(1u, platform().registered.size());
+    EXPECT_EQ(static_cast<IMtInfo*>(&pri()), platform().registered.back());
+}
+
+TEST_F(MonitorPriTest, AppendsTheFileNameToTheDirectoryAsItStands) {
+    platform().appDir = "/opt/agent//";
+    MonitorPriProbe slashes;
+    EXPECT_EQ("/opt/agent///conf/resource_config", slashes.m_configPath);
+    platform().appDir = "";
+    MonitorPriProbe empty;
+    EXPECT_EQ("/conf/resource_config", empty.m_configPath);
+}
+
+TEST_F(MonitorPriTest, StartsFromTheInitialValues) {
+    const MonitorPriProbe& p = pri();
+    EXPECT_FALSE(p.m_resourceLimited);
+    EXPECT_EQ(0u, p.m_heartbeatTimerId);
+    EXPECT_EQ("", p.m_appName);
+    EXPECT_FALSE(p.m_isMainAgent);
+    EXPECT_FALSE(p.m_legacyCpuEnabled);
+    EXPECT_EQ(0, p.m_legacyCpuErrorCode);
+    EXPECT_EQ(-1, p.m_legacyCpuMode);
+    EXPECT_EQ(0, p.m_legacyCpuLimitValue);
+    EXPECT_EQ(0, p.m_legacyCpuCallCount);
+    EXPECT_EQ(0, p.m_legacyCpuLastRetryTime);
+    EXPECT_FALSE(p.m_legacyMemLimited);
+    EXPECT_FALSE(p.m_legacyMemEnabled);
+    EXPECT_EQ(0, p.m_legacyMemFirstLimit);
+    EXPECT_EQ(0, p.m_legacyMemSecondLimit);
+    EXPECT_EQ(0, p.m_legacyMemErrorCode);
+    EXPECT_EQ(0u, p.m_localKernel.major);
+    EXPECT_EQ("", p.m_localKernel.release);
+    EXPECT_EQ("", p.m_memLimitKernelRange);
+    EXPECT_EQ("", p.m_memLimitExcludeKernels);
+    EXPECT_EQ("", p.m_memLimitExcludeRange);
+    EXPECT_EQ(nullptr, static_cast<zel::CCgroupManager*>(p.m_cgroupManager));
+    EXPECT_FALSE(p.m_unifiedActive);
+    EXPECT_EQ(0, p.m_lastUnifiedMaxMem);
+    EXPECT_EQ(0, p.m_lastUnifiedMaxCpu);
+    EXPECT_EQ(0, p.m_lastUnifiedMode);
+    EXPECT_EQ(0, p.m_effectiveMaxCpu);
+    EXPECT_EQ(0, p.m_effectiveMaxMem);
+    EXPECT_FALSE(p.m_unifiedCpuQuotaActive);
+    EXPECT_FALSE(p.m_unifiedMemQuotaActive);
+    EXPECT_EQ(0, p.m_unifiedCpuQuota100Times);
+    EXPECT_EQ(0, p.m_unifiedMemQuotaKB);
+    EXPECT_EQ(nullptr, p.m_cgroupClient);
+    EXPECT_EQ(nullptr, p.m_ipcBroadcastCallback);
+    EXPECT_EQ("", p.m_cgroupGroupsSpec);
+    EXPECT_EQ("", p.m_cgroupComponentsSpec);
+    EXPECT_EQ(0, p.m_lastRuntimeOomReportTime);
+}
+
+TEST_F(MonitorPriTest, UnregistersBeforeItDeletesItsManagerAndNeverDeletesTheClient) {
+    zel::CCgroupClient client;
+    {
+        MonitorPriProbe another;
+        another.m_cgroupManager = new zel::CCgroupManager;
+        another.m_cgroupClient = &client;
+        journal();
+    }
+    EXPECT_EQ(Lines({"CMtIntf::UnRegMtInfoCallback()", "CCgroupManager::~CCgroupManager()"}), journal());
+}
+
+TEST_F(MonitorPriTest, IsDestroyedThroughAnyOfItsBases) {
+    delete static_cast<IMtInfo*>(new MonitorPriProbe);
+    delete static_cast<IOnlineClientConfNotify*>(new MonitorPriProbe);
+    delete static_cast<CResourceMonitor*>(new MonitorPriProbe);
+    delete static_cast<zel::CTimerEvent*>(new MonitorPriProbe);
+    ASSERT_EQ(1u, platform().registered.size());
+}
+
+TEST_F(MonitorPriTest, IgnoresAnEmptyConfigurationPath) {
+    pri().SetConfigPath("/etc/agent/limits");
+    EXPECT_EQ("/etc/agent/limits", pri().m_configPath);
+    pri().SetConfigPath("");
+    EXPECT_EQ("/etc/agent/limits", pri().m_configPath);
+    EXPECT_EQ(Lines({}), journal());
+}
+
+// --- start ---
+
+TEST_F(MonitorPriTest, StartsAComponentProcessInOrder) {
+    const std::string path = WriteConfig("");
+    pri().SetConfigPath(path);
+    EXPECT_TRUE(pri().StartMonitor(nullptr, "collector"));
+    EXPECT_EQ(Joined({ParsedDefaults(path), kDefaultThresholds, kStarted}), calls());
+    EXPECT_EQ("collector", pri().m_appName);
+    EXPECT_FALSE(pri().m_isMainAgent);
+    EXPECT_EQ(9001u, pri().m_heartbeatTimerId);
+    ASSERT_EQ(1u, platform().notifies.size());
+    EXPECT_EQ(static_cast<IOnlineClientConfNotify*>(&pri()), platform().notifies.front());
+}
+
+TEST_F(MonitorPriTest, StartsTheMainProcessWithItsOsAbnormalMonitorFirst) {
+    const std::string path = WriteConfig("");
+    pri().SetConfigPath(path);
+    EXPECT_TRUE(pri().StartMonitor(nullptr, "tervane"));
+    EXPECT_EQ(Joined({{"CThreadUtil::IsThreadRunning()", "CThreadUtil::startThread()"},
+                      ParsedDefaultsAsMain(path),
+                      kDefaultThresholds,
+                      kStarted}),
+              calls());
+    EXPECT_EQ("tervane", pri().m_appName);
+    EXPECT_TRUE(pri().m_isMainAgent);
+}
+
+TEST_F(MonitorPriTest, CarriesOnWhenTheOsAbnormalMonitorDoesNotStart) {
+    platform().startThread.Always(false);
+    const std::string path = WriteConfig("");
+    pri().SetConfigPath(path);
+    EXPECT_TRUE(pri().StartMonitor(nullptr, "tervane"));
+    EXPECT_EQ(Joined({{"CThreadUtil::IsThreadRunning()", "CThreadUtil::startThread()",
+                       "W3 start os os abnormal monitor fail"},
+                      ParsedDefaultsAsMain(path),
+                      kDefaultThresholds,
+                      kStarted}),
+              calls());
+    EXPECT_TRUE(pri().m_isMainAgent);
+}
+
+TEST_F(MonitorPriTest, TakesOnlyTheExactNameForTheMainProcess) {
+    const std::string path = WriteConfig("");
+    pri().SetConfigPath(path);
+    for (const std::string name : {"Tervane", "TERVANE", "tervane ", "tervan", "tervanectl", ""}) {
+        EXPECT_TRUE(pri().StartMonitor(nullptr, name));
+        EXPECT_FALSE(pri().m_isMainAgent) << name;
+        EXPECT_EQ(name, pri().m_appName);
+    }
+    for (const std::string& line : journal()) EXPECT_EQ(std::string::npos, line.find("startThread")) << line;
+}
+
+TEST_F(MonitorPriTest, StaysTheMainProcessWhenStartedAgainUnderAnotherName) {
+    pri().SetConfigPath(WriteConfig(""));
+    EXPECT_TRUE(pri().StartMonitor(nullptr, "tervane"));
+    EXPECT_TRUE(pri().StartMonitor(nullptr, "guard"));
+    EXPECT_TRUE(pri().m_isMainAgent);
+    EXPECT_EQ("guard", pri().m_appName);
+}
+
+TEST_F(MonitorPriTest, StartsNothingElseWhenTheConfigurationIsMissing) {
+    EXPECT_FALSE(pri().StartMonitor(nullptr, "collector"));
+    EXPECT_EQ(Lines({"CFileUtil::IsFile(/opt/agent/home/conf/resource_config)", "W2 ParseMonitorConfig Fail"}),
+              journal());
+    EXPECT_TRUE(platform().notifies.empty());
+    EXPECT_EQ(0u, pri().m_heartbeatTimerId);
+}
+
+TEST_F(MonitorPriTest, KeepsTheOsAbnormalMonitorRunningWhenTheConfigurationIsMissing) {
+    EXPECT_FALSE(pri().StartMonitor(nullptr, "tervane"));
+    EXPECT_EQ(Lines({"CThreadUtil::IsThreadRunning()", "CThreadUtil::startThread()",
+                     "CFileUtil::IsFile(/opt/agent/home/conf/resource_config)", "W2 ParseMonitorConfig Fail"}),
+              journal());
+    EXPECT_TRUE(platform().threadRunning);
+}
+
+TEST_F(MonitorPriTest, FailsInTheParseWithoutAnOnlineConfiguration) {
+    const std::string path = WriteConfig("");
+    pri().SetConfigPath(path);
+    doubles::ForgetOnlineConf();
+    EXPECT_FALSE(pri().StartMonitor(nullptr, "collector"));
+    EXPECT_EQ(Lines({"CFileUtil::IsFile(" + path + ")", "W2 ParseMonitorConfig Fail"}), journal());
+}
+
+TEST_F(MonitorPriTest, FailsWhenTheOnlineConfigurationGoesAwayAfterTheParse) {
+    const std::string path = WriteConfig("");
+    pri().SetConfigPath(path);
+    platform().base.onSetMaxResourceConfig = [] { doubles::ForgetOnlineConf(); };
+    EXPECT_FALSE(pri().StartMonitor(nullptr, "collector"));
+    EXPECT_EQ(Joined({ParsedDefaults(path), kDefaultThresholds, {"W2 get COnlineClientConf instance fail"}}), calls());
+}
+
+TEST_F(MonitorPriTest, KeepsTheSubscriptionWhenTheTimerDoesNotStart) {
+    const std::string path = WriteConfig("");
+    pri().SetConfigPath(path);
+    platform().timerId.Always(0);
+    EXPECT_FALSE(pri().StartMonitor(nullptr, "collector"));
+    EXPECT_EQ(Joined({ParsedDefaults(path),
+                      kDefaultThresholds,
+                      {"COnlineClientConf::AddNotify()", "CTimerEvent::StringToMagicNum(main_heartbeat)",
+                       "CTimerEvent::startTimer(60000,4711)", "W3 start timer fail for monitor timer"}}),
+              calls());
+    EXPECT_EQ(1u, platform().notifies.size());
+    EXPECT_EQ(0u, pri().m_heartbeatTimerId);
+}
+
+TEST_F(MonitorPriTest, ReportsTheSamplingThreadsOwnResult) {
+    pri().SetConfigPath(WriteConfig(""));
+    platform().base.start.Always(false);
+    EXPECT_FALSE(pri().StartMonitor(nullptr, "collector"));
+    EXPECT_EQ("CResourceMonitor::StartMonitor()", journal().back());
+    EXPECT_EQ(9001u, pri().m_heartbeatTimerId) << "the timer runs until StopMonitor";
+}
+
+TEST_F(MonitorPriTest, HandsTheFilesThresholdsToTheSamplingClass) {
+    const std::string path = WriteConfig(
+        "max_cpu=20\nmax_memory=300\nmax_fd=500\nmax_rio=11\nmax_wio=12\nmax_pid_check=13\ncpu_all=1\n");
+    pri().SetConfigPath(path);
+    EXPECT_TRUE(pri().StartMonitor(nullptr, "collector"));
+    EXPECT_EQ(1000, platform().base.lastConfig.auxValueB);
+    EXPECT_EQ(5, platform().base.lastConfig.auxValueA);
+    const Lines all = calls();
+    const Lines expected = Thresholds(20, 300, 500, 11, 12, 13, 1);
+    EXPECT_EQ(1, std::count(all.begin(), all.end(), expected.front()));
+}
+
+// --- stop ---
+
+TEST_F(MonitorPriTest, StopsTimerThenSubscriptionThenOsAbnormalMonitorThenSampling) {
+    pri().SetConfigPath(WriteConfig(""));
+    ASSERT_TRUE(pri().StartMonitor(nullptr, "tervane"));
+    journal();
+    EXPECT_TRUE(pri().StopMonitor());
+    EXPECT_EQ(Lines({"CTimerEvent::killTimer(9001)", "COnlineClientConf::RemoveNotify()",
+                     "CThreadUtil::IsThreadRunning()", "CThreadUtil::stopThread()",
+                     "CResourceMonitor::StopMonitor()"}),
+              journal());
+    EXPECT_EQ(0u, pri().m_heartbeatTimerId);
+    EXPECT_TRUE(platform().notifies.empty());
+}
+
+TEST_F(MonitorPriTest, StopsAnObjectThatNeverStarted) {
+    EXPECT_TRUE(pri().StopMonitor());
+    EXPECT_EQ(Lines({"COnlineClientConf::RemoveNotify()", "CThreadUtil::IsThreadRunning()",
+                     "CResourceMonitor::StopMonitor()"}),
+              journal());
+}
+
+TEST_F(MonitorPriTest, StopsTwice) {
+    pri().SetConfigPath(WriteConfig(""));
+    ASSERT_TRUE(pri().StartMonitor(nullptr, "collector"));
+    EXPECT_TRUE(pri().StopMonitor());
+    journal();
+    EXPECT_TRUE(pri().StopMonitor());
+    EXPECT_EQ(Lines({"COnlineClientConf::RemoveNotify()", "CThreadUtil::IsThreadRunning()",
+                     "CResourceMonitor::StopMonitor()"}),
+              journal());
+}
+
+TEST_F(MonitorPriTest, StopsWithoutAnOnlineConfigurationAndReportsTheSamplingThreadsResult) {
+    doubles::ForgetOnlineConf();
+    platform().base.stop.Always(false);
+    EXPECT_FALSE(pri().StopMonitor());
+    EXPECT_EQ(Lines({"CThreadUtil::IsThreadRunning()", "CResourceMonitor::StopMonitor()"}), journal());
+}
+
+TEST_F(MonitorPriTest, TakesTheSubscriptionBackAfterAFailedStart) {
+    pri().SetConfigPath(WriteConfig(""));
+    platform().timerId.Always(0);
+    ASSERT_FALSE(pri().StartMonitor(nullptr, "collector"));
+    journal();
+    EXPECT_TRUE(pri().StopMonitor());
+    EXPECT_EQ(Lines({"COnlineClientConf::RemoveNotify()", "CThreadUtil::IsThreadRunning()",
+                     "CResourceMonitor::StopMonitor()"}),
+              journal());
+    EXPECT_TRUE(platform().notifies.empty());
+}
+
+// --- timer ---
+
+TEST_F(MonitorPriTest, RefreshesTheMainHeartbeatFromTheTimersThread) {
+    pri().m_heartbeatTimerId = 9001;
+    platform().threadId = 123456;
+    pri().timeEvent(9001);
+    EXPECT_EQ(Lines({"CResourceMonitor::SetThreadHeartbeat(123456,main,1800)"}), journal());
+}
+
+TEST_F(MonitorPriTest, IgnoresOtherTimers) {
+    pri().m_heartbeatTimerId = 9001;
+    pri().timeEvent(9000);
+    pri().timeEvent(0);
+    pri().timeEvent(ULONG_MAX);
+    EXPECT_EQ(Lines({}), journal());
+}
+
+// --- periodic schedule and memory line ---
+
+class MonitorScheduleTest : public MonitorPriTest {
+protected:
+    void SetUp() override {
+        MonitorPriTest::SetUp();
+        // A main process whose unified mode is off: the OOM check shows as one call on the manager.
+        pri().m_isMainAgent = true;
+        pri().m_cgroupManager = new zel::CCgroupManager;
+        platform().now = FreshHour();
+        journal();
+    }
+    const std::string m_oomCheck = "CCgroupManager::ResetMemoryOomMonitor()";
+    const std::string m_memoryAsked = "COSInfo::GetMemoryUsage(null)";
+};
+
+TEST_F(MonitorScheduleTest, LogsMemoryEverySixtiethAndChecksOomEveryFifteenthRound) {
+    LogMemInfo();  // the forced line of this hour
+    journal();
+    for (const unsigned long tick : {0UL, 60UL, 120UL, 3600UL, ULONG_MAX - 15UL}) {
+        pri().MonitorOther(tick);
+        EXPECT_EQ(Lines({m_memoryAsked, m_oomCheck}), journal()) << tick;
+    }
+    for (const unsigned long tick : {15UL, 30UL, 45UL, 75UL, ULONG_MAX}) {
+        pri().MonitorOther(tick);
+        EXPECT_EQ(Lines({m_oomCheck}), journal()) << tick;
+    }
+    for (const unsigned long tick : {1UL, 7UL, 14UL, 16UL, 59UL, 61UL}) {
+        pri().MonitorOther(tick);
+        EXPECT_EQ(Lines({}), journal()) << tick;
+    }
+}
+
+TEST_F(MonitorScheduleTest, ForcesTheMemoryLineOnceAnHour) {
+    platform().memory.usagePercent = 12;
+    const time_t start = platform().now;
+    const std::string line = "F4 [MonitorPri] system memory usage is 12";
+    struct Case {
+        time_t after;
+        bool forced;
+    };
+    // The hour must have passed: 3600 seconds after the line are not enough.
+    for (const Case& c : {Case{0, true}, Case{0, false}, Case{3599, false}, Case{3600, false}, Case{3601, true},
+                          Case{3602, false}, Case{7201, false}, Case{7202, true}}) {
+        platform().now = start + c.after;
+        LogMemInfo();
+        EXPECT_EQ(c.forced ? Lines({m_memoryAsked, line}) : Lines({m_memoryAsked}), journal()) << c.after;
+    }
+}
+
+TEST_F(MonitorScheduleTest, LogsMemoryAtEveryCallFromEightyPercentOn) {
+    LogMemInfo();
+    journal();
+    struct Case {
+        int usage;
+        bool logged;
+    };
+    for (const Case& c : {Case{79, false}, Case{80, true}, Case{80, true}, Case{81, true}, Case{100, true},
+                          Case{0, false}, Case{-1, false}}) {
+        platform().memory.usagePercent = c.usage;
+        LogMemInfo();
+        Lines expected = {m_memoryAsked};
+        if (c.logged) expected.push_back(doubles::Format("F4 [MonitorPri] system memory usage is %d", c.usage));
+        EXPECT_EQ(expected, journal()) << c.usage;
+    }
+}
+
+TEST_F(MonitorScheduleTest, DoesNotPutTheHourlyLineOffByTheLinesOfAFullMemory) {
+    const time_t start = platform().now;
+    LogMemInfo();
+    platform().memory.usagePercent = 90;
+    platform().now = start + 3000;
+    LogMemInfo();
+    journal();
+    platform().memory.usagePercent = 10;
+    platform().now = start + 3601;
+    LogMemInfo();
+    EXPECT_EQ(Lines({m_memoryAsked, "F4 [MonitorPri] system memory usage is 10"}), journal());
+}
+
+TEST_F(MonitorScheduleTest, LogsAnUnreadableMemoryAsItWasReturned) {
+    platform().memory.usagePercent = -1;
+    LogMemInfo();
+    EXPECT_EQ(Lines({m_memoryAsked, "F4 [MonitorPri] system memory usage is -1"}), journal());
+}
+
+TEST_F(MonitorScheduleTest, SharesTheMemoryLinesHourBetweenObjects) {
+    pri().MonitorOther(60);
+    journal();
+    MonitorPriProbe another;
+    journal();
+    another.MonitorOther(60);
+    EXPECT_EQ(Lines({m_memoryAsked}), journal());
+}
+
+// A child of its own, because the process-wide time must be the one after loading.
+TEST(MonitorMemoryLineDeathTest, ForcesTheFirstLineAfterLoading) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            doubles::ResetPlatform();
+            doubles::P().memory.usagePercent = 3;
+            doubles::P().now = 3600;  // not yet more than an hour after 0
+            LogMemInfo();
+            const bool quiet = doubles::P().LogJournal().empty();
+            doubles::P().now = 3601;
+            LogMemInfo();
+            const bool forced = doubles::P().LogJournal() == Lines({"F4 [MonitorPri] system memory usage is 3"});
+            _exit(quiet && forced ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST_F(MonitorPriTest, SkipsTheOomCheckOutsideTheMainProcess) {
+    pri().m_cgroupManager = new zel::CCgroupManager;
+    journal();
+    pri().MonitorOther(15);
+    EXPECT_EQ(Lines({}), journal());
+}
+
+// --- online updates ---
+
+TEST_F(MonitorPriTest, IgnoresAnUpdateWithoutAnOnlineConfiguration) {
+    doubles::ForgetOnlineConf();
+    pri().OnUpdate();
+    EXPECT_EQ(Lines({}), journal());
+}
+
+TEST_F(MonitorPriTest, ReappliesEverythingInOrderAfterAnUpdate) {
+    conf().maxCpu.Set(20);
+    conf().maxMemory.Set(300);
+    conf().groupMaxCpu.Set(40);
+    conf().groupMaxMemory.Set(400);
+    conf().resourceLimitMode.Set(1);
+    conf().maxReadIo.Set(111);
+    conf().maxWriteIo.Set(222);
+    conf().maxPidCheck.Set(33);
+    conf().maxFdCount.Set(44);
+    conf().hashMode.Set(2);
+    journal();
+    pri().OnUpdate();
+    EXPECT_EQ(Joined({{"CResourceMonitor::SetCpuSolarisMode(0)"},
+                      LegacyCpuOn(1, 20, 19, 0),
+                      {"CResourceMonitor::SetMaxCpu(20)"},
+                      LegacyMemOff(),
+                      UpdateTail(300, 111, 222, 33, 44, 2)}),
+              calls());
+    EXPECT_EQ(20, pri().m_effectiveMaxCpu);
+    EXPECT_EQ(300, pri().m_effectiveMaxMem);
+    EXPECT_EQ(300 * 1024 * 3 / 2, pri().m_legacyMemFirstLimit) << "the larger limit comes first";
+    EXPECT_EQ(300 * 1024, pri().m_legacyMemSecondLimit);
+}
+
+TEST_F(MonitorPriTest, ReappliesThresholdsAlsoWhenNothingChanged) {
+    conf().maxCpu.Set(20);
+    conf().maxMemory.Set(300);
+    pri().OnUpdate();
+    journal();
+    pri().OnUpdate();
+    EXPECT_EQ(Joined({{"CResourceMonitor::SetCpuSolarisMode(0)"},
+                      LegacyCpuUnchanged(),
+                      {"CResourceMonitor::SetMaxCpu(20)"},
+                      LegacyMemUnchanged(),
+                      UpdateTail(300, 0, 0, 0, 0, 0)}),
+              calls());
+}
+
+TEST_F(MonitorPriTest, TakesTheWidenedGroupValuesForTheThresholdsInUnifiedModeOnly) {
+    conf().maxCpu.Set(10);
+    conf().maxMemory.Set(200);
+    conf().groupMaxCpu.Set(40);
+    conf().groupMaxMemory.Set(400);
+    struct Case {
+        long mode, cpuAll;
+        int cpu, mem;
+    };
+    for (const Case& c : {Case{0, 0, 10, 200}, Case{5, 0, 10, 200}, Case{8, 0, 45, 500}, Case{15, 0, 45, 500},
+                          Case{8, 1, 40, 500}, Case{0, 1, 10, 200}}) {
+        SCOPED_TRACE(testing::Message() << "mode " << c.mode << " cpuAll " << c.cpuAll);
+        conf().resourceLimitMode.Set(c.mode);
+        conf().cpuAll.Set(c.cpuAll);
+        journal();
+        pri().OnUpdate();
+        EXPECT_EQ(c.cpu, pri().m_effectiveMaxCpu);
+        EXPECT_EQ(c.mem, pri().m_effectiveMaxMem);
+        const Lines all = calls();
+        EXPECT_THAT(all, testing::Contains(doubles::Format("CResourceMonitor::SetMaxCpu(%d)", c.cpu)));
+        EXPECT_THAT(all, testing::Contains(doubles::Format("CResourceMonitor::SetMaxMem(%d)", c.mem)));
+        EXPECT_EQ(200 * 1024, pri().m_legacyMemSecondLimit) << "the memory limit takes the plain value in any mode";
+        EXPECT_EQ(300 * 1024, pri().m_legacyMemFirstLimit);
+    }
+}
+
+TEST_F(MonitorPriTest, HandsThePlainCpuToTheLegacyLimitInUnifiedModeToo) {
+    conf().maxCpu.Set(10);
+    conf().groupMaxCpu.Set(40);
+    conf().resourceLimitMode.Set(9);
+    journal();
+    pri().OnUpdate();
+    EXPECT_EQ(Joined({{"CResourceMonitor::SetCpuSolarisMode(0)"},
+                      LegacyCpuOn(9, 10, 9, 50),
+                      {"CResourceMonitor::SetMaxCpu(45)"},
+                      LegacyMemUnchanged(),
+                      UpdateTail(0, 0, 0, 0, 0, 0)}),
+              calls());
+}
+
+TEST_F(MonitorPriTest, ReadsCpuAllInItsFullWidthAndTruncatesTheRest) {
+    const long high = 4294967296L;  // 2^32
+    conf().cpuAll.Set(high);
+    conf().resourceLimitMode.Set(high);
+    conf().maxMemory.Set(high + 7);
+    conf().maxReadIo.Set(high + 1);
+    conf().maxWriteIo.Set(high + 2);
+    conf().maxPidCheck.Set(high + 3);
+    conf().maxFdCount.Set(high + 4);
+    conf().hashMode.Set(high + 5);
+    platform().kernel.configuredCpus = 1;
+    journal();
+    pri().OnUpdate();
+    EXPECT_EQ(Joined({{"CResourceMonitor::SetCpuSolarisMode(1)", "IsResourceLimitCpuCgroupV2Runtime()",
+                       "CResourceMonitor::IsCpuSolarisMode()", "sysconf(_SC_NPROCESSORS_CONF)",
+                       "IResourceLimitUtil::SyncCpuLimit()", "F4 [MonitorPri] resource mode user conf:0",
+                       "F4 [MonitorPri] resource cpu user conf:0", "F4 [MonitorPri] resource get res:0",
+                       "W4 match 0 try to close resource limit", "IResourceLimitUtil::StopCpuLimit(error=0)",
+                       "IResourceLimitUtil::IsCpuLimited()", "CResourceMonitor::SetMaxCpu(0)"},
+                      LegacyMemOff(),
+                      UpdateTail(7, 1, 2, 3, 4, 5)}),
+              calls());
+}
+
+TEST_F(MonitorPriTest, KeepsCpuIn64BitsUntilTheThresholdIsClamped) {
+    conf().maxCpu.Set(4294967296L + 10);
+    journal();
+    pri().OnUpdate();
+    EXPECT_EQ(4294967306L, pri().m_effectiveMaxCpu);
+    EXPECT_THAT(calls(), testing::Contains("CResourceMonitor::SetMaxCpu(2147483647)"));
+}
+
+TEST_F(MonitorPriTest, ShowsANegativeHashModeAsTheUnsignedNumberItIsLoggedAs) {
+    conf().hashMode.Set(-1);
+    journal();
+    pri().OnUpdate();
+    const Lines all = calls();
+    ASSERT_GE(all.size(), 2u);
+    EXPECT_EQ("CAlgorithmUtil::SetHashMode(-1)", all[all.size() - 2]);
+    EXPECT_EQ("F4 [MonitorPri] set hash mode 4294967295", all.back());
+}
+
+TEST_F(MonitorPriTest, ReloadsAComponentsCgroupClientAtEveryUpdate) {
+    zel::CCgroupClient client;
+    pri().m_cgroupClient = &client;
+    journal();
+    for (int round = 0; round < 2; ++round) {
+        pri().OnUpdate();
+        const Lines all = calls();
+        ASSERT_GE(all.size(), 3u);
+        EXPECT_EQ("CResourceMonitor::SetCpuSolarisMode(0)", all[0]);
+        EXPECT_EQ("W4 MonitorPri: compensation reload cgroup config after online config update", all[1]);
+        EXPECT_EQ("CCgroupClient::ReloadConfig()", all[2]);
+        EXPECT_EQ(1, std::count(all.begin(), all.end(), "CCgroupClient::ReloadConfig()"));
+    }
+}
+
+TEST_F(MonitorPriTest, CarriesOnWhenTheClientsReloadFails) {
+    zel::CCgroupClient client;
+    pri().m_cgroupClient = &client;
+    platform().client.reload.Always(false);
+    pri().OnUpdate();
+    EXPECT_EQ("F4 [MonitorPri] set hash mode 0", journal().back());
+}
+
+TEST_F(MonitorPriTest, NeverReloadsAClientInTheMainProcess) {
+    zel::CCgroupClient client;
+    pri().m_cgroupClient = &client;
+    pri().m_isMainAgent = true;
+    conf().maxCpu.Set(20);
+    journal();
+    pri().OnUpdate();
+    EXPECT_EQ(Joined({{"CResourceMonitor::SetCpuSolarisMode(0)"},
+                      NoUnifiedLeftovers(),
+                      LegacyCpuOff(0, 20),
+                      {"CResourceMonitor::SetMaxCpu(20)"},
+                      {"IsResourceLimitMemCgroupV2Runtime()",
+                       "W4 resource limit mode and max limit mem is not change"},
+                      UpdateTail(0, 0, 0, 0, 0, 0)}),
+              calls());
+}

@@ -1,7 +1,0 @@
-#include <gtest/gtest.h>
-
-#include "support/MonitorFixture.h"
-
-using SmokeTest = MonitorFixture;
-
-TEST_F(SmokeTest, ConstructsOnTheScriptedPlatform) { EXPECT_NE(nullptr, &pri()); }
