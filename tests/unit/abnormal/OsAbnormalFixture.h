@@ -54,7 +54,7 @@ protected:
     /// Sets an online value without leaving a line in the journal.
     void Set(CAtomicInt64<long>& value, long to) {
         value.Set(to);
-        platform().journal.pop_back();
+        if (!platform().journal.empty()) platform().journal.pop_back();
     }
 
     /// The swap alarm outlives monitors. It goes down on a tick that the interval divides, inside the interval.
