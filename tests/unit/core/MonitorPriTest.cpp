@@ -637,3 +637,80 @@ TEST_F(MonitorPriTest, NeverReloadsAClientInTheMainProcess) {
                       UpdateTail(0, 0, 0, 0, 0, 0)}),
               calls());
 }
+
+TEST_F(MonitorPriTest, ReappliesTheUnifiedModeWithTheWidenedGroupPair) {
+    pri().m_isMainAgent = true;
+    platform().manager.cpuEnabled.Always(true);
+    pri().m_cgroupGroupsSpec = "main:20:15360";
+    pri().m_cgroupComponentsSpec = "Tervane:main:main:2000:15360";
+    conf().maxCpu.Set(10);
+    conf().maxMemory.Set(100);
+    conf().groupMaxCpu.Set(20);
+    conf().groupMaxMemory.Set(200);
+    conf().resourceLimitMode.Set(9);
+    journal();
+    const Lines versionAsked = {"CCgroupManager::IsCpuCgroupEnabled()", "CCgroupManager::IsCpuV2()",
+                                "CCgroupManager::IsMemCgroupEnabled()"};
+    const Lines limitsAndThresholds =
+        Joined({{"CCgroupManager::PollMemoryOomEvents()"},
+                versionAsked,
+                {"IsResourceLimitCpuCgroupV2Runtime()", "CCgroupManager::IsCpuCgroupEnabled()",
+                 "ClearResourceLimitCpuCgroupState()",
+                 "F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=25 mem=300) effective(cpu=1 mem=300) "
+                 "unified(cpu=1 mem=0)",
+                 "CResourceMonitor::SetMaxCpu(1)"},
+                versionAsked,
+                {"IsResourceLimitMemCgroupV2Runtime()", "CCgroupManager::IsMemCgroupEnabled()"}});
+
+    pri().OnUpdate();
+    EXPECT_EQ(Joined({{"CResourceMonitor::SetCpuSolarisMode(0)"},
+                      {"CCgroupManager::CCgroupManager()", "CCgroupManager::EnsureInitialized()",
+                       "CResourceMonitor::IsCpuSolarisMode()", "uname()",
+                       "F4 [MonitorPri] MonitorPri: parsed 1 cgroup groups from config",
+                       "F4 [MonitorPri] MonitorPri: parsed 1 cgroup components from config",
+                       "CCgroupManager::Reconcile(1,0,total{cpu=1 23.00 mem=0 460800KB},groups[main cpu=1 4.60 mem=0 "
+                       "0KB])",
+                       "CCgroupManager::IsCpuCgroupEnabled()", "CCgroupManager::IsMemCgroupEnabled()",
+                       "CCgroupManager::IsParentCpuActive()", "CCgroupManager::IsParentMemActive()",
+                       "CCgroupManager::AddPidToGroup(main,4242)",
+                       "CCgroupManager::WriteComponentConfig(/opt/agent/home/conf/cgroup_resource.json,"
+                       "quotas[Tervane@main/main 92 23040KB],0,0)",
+                       "F4 [MonitorPri] MonitorPri: unified self-kill quota cpuActive=1 cpuQ=92 memActive=0 memQ=0"},
+                      versionAsked,
+                      {"ClearResourceLimitCpuCgroupState()", "CCgroupManager::SnapshotSelfMemoryOomCounters()",
+                       "W3 MonitorPri: no IPC broadcast callback, cannot send cgroup config notify",
+                       "W4 MonitorPri: multi-cgroup initialized"},
+                      limitsAndThresholds,
+                      {"W4 match 0 try to close mem limit", "IResourceLimitUtil::StopMemLimit(error=0,1)",
+                       "IResourceLimitUtil::IsMemLimited()"},
+                      UpdateTail(300, 0, 0, 0, 0, 0)}),
+              calls());
+    EXPECT_EQ(25, pri().m_effectiveMaxCpu);
+    EXPECT_EQ(300, pri().m_effectiveMaxMem);
+    EXPECT_EQ(100 * 1024, pri().m_legacyMemSecondLimit) << "the plain maximum, not the group's";
+
+    pri().OnUpdate();
+    EXPECT_EQ(Joined({{"CResourceMonitor::SetCpuSolarisMode(0)", "CResourceMonitor::IsCpuSolarisMode()"},
+                      limitsAndThresholds,
+                      {"W4 resource limit mode and max limit mem is not change"},
+                      UpdateTail(300, 0, 0, 0, 0, 0)}),
+              calls());
+}
+
+TEST_F(MonitorPriTest, AsksTheOomCheckAtEveryFifteenthRoundInUnifiedMode) {
+    pri().m_isMainAgent = true;
+    pri().m_unifiedActive = true;
+    pri().m_cgroupManager = new zel::CCgroupManager;
+    journal();
+    pri().MonitorOther(15);
+    EXPECT_EQ(Lines({"CCgroupManager::PollMemoryOomEvents()"}), journal());
+    pri().m_unifiedActive = false;
+}
+
+TEST_F(MonitorPriTest, TellsWhatTheLastDiskCheckFound) {
+    EXPECT_FALSE(pri().IsDiskFull());
+    conf().osAbnormalSwitch.Set(1);
+    platform().disk.freeSpace = 0;
+    pri().m_osAbnormalMonitor.CheckOsAbnormal(0);
+    EXPECT_TRUE(pri().IsDiskFull());
+}

@@ -61,7 +61,9 @@ static_assert(std::has_virtual_destructor<CMonitor>::value, "deleted through the
 static_assert(std::is_base_of<CSingleton<CMonitor>, CMonitor>::value, "reached through the singleton");
 static_assert(!std::is_copy_constructible<CMonitor>::value, "there is one");
 
-TEST_F(CoreFixture, GetInstanceNeverCreates) {
+using MonitorSingletonTest = CoreFixture;
+
+TEST_F(MonitorSingletonTest, GetInstanceNeverCreates) {
     EXPECT_EQ(nullptr, CSingleton<CMonitor>::GetInstance());
     EXPECT_EQ(Lines({}), journal());
 }

@@ -366,3 +366,99 @@ TEST_F(ResourceConfigurationTest, ALaterParseIsHeldAgainstTheLimitsOfTheFirst) {
                       LegacyMemUnchanged()}),
               calls());
 }
+
+// --- first application in the main process under the unified mode ---
+
+class UnifiedConfigurationTest : public ResourceConfigurationTest {
+protected:
+    void SetUp() override {
+        ResourceConfigurationTest::SetUp();
+        pri().m_isMainAgent = true;
+    }
+    /// Asked by whoever wants to know whether the unified mode runs on a version 2 hierarchy.
+    const Lines m_versionAsked = {"CCgroupManager::IsCpuCgroupEnabled()", "CCgroupManager::IsCpuV2()",
+                                  "CCgroupManager::IsMemCgroupEnabled()"};
+    const std::string m_file = "/opt/agent/home/conf/cgroup_resource.json";
+};
+
+TEST_F(UnifiedConfigurationTest, AppliesUnifiedModeThenOomCheckThenLegacyLimitsThenSelfKill) {
+    platform().manager.cpuEnabled.Always(true);
+    EXPECT_TRUE(Parse("max_cpu=20\nresource_limit_mode=9\ncgroup_groups=main:20:15360\n"
+                      "cgroup_components=Tervane:main:main:2000:15360\n"));
+    Published published;
+    published.maxCpu = 20;
+    published.mode = 9;
+    EXPECT_EQ(Joined({Opened(),
+                      published.lines(),
+                      {"CResourceMonitor::SetCpuSolarisMode(0)"},
+                      // the unified mode takes the widened pair: 25 percent less a margin of 5 %, and 300 MB
+                      {"CCgroupManager::CCgroupManager()", "CCgroupManager::EnsureInitialized()",
+                       "CResourceMonitor::IsCpuSolarisMode()", "uname()",
+                       "F4 [MonitorPri] MonitorPri: parsed 1 cgroup groups from config",
+                       "F4 [MonitorPri] MonitorPri: parsed 1 cgroup components from config",
+                       "CCgroupManager::Reconcile(1,0,total{cpu=1 23.00 mem=0 460800KB},groups[main cpu=1 4.60 mem=0 "
+                       "0KB])",
+                       "CCgroupManager::IsCpuCgroupEnabled()", "CCgroupManager::IsMemCgroupEnabled()",
+                       "CCgroupManager::IsParentCpuActive()", "CCgroupManager::IsParentMemActive()",
+                       "CCgroupManager::AddPidToGroup(main,4242)",
+                       "CCgroupManager::WriteComponentConfig(" + m_file + ",quotas[Tervane@main/main 92 23040KB],0,0)",
+                       "F4 [MonitorPri] MonitorPri: unified self-kill quota cpuActive=1 cpuQ=92 memActive=0 memQ=0"},
+                      m_versionAsked,
+                      {"ClearResourceLimitCpuCgroupState()", "CCgroupManager::SnapshotSelfMemoryOomCounters()",
+                       "W3 MonitorPri: no IPC broadcast callback, cannot send cgroup config notify",
+                       "W4 MonitorPri: multi-cgroup initialized"},
+                      {"CCgroupManager::PollMemoryOomEvents()"},
+                      // the legacy CPU limit stands aside
+                      m_versionAsked,
+                      {"IsResourceLimitCpuCgroupV2Runtime()", "CCgroupManager::IsCpuCgroupEnabled()",
+                       "ClearResourceLimitCpuCgroupState()"},
+                      // the legacy memory limit goes on: nobody else holds that controller
+                      m_versionAsked,
+                      {"IsResourceLimitMemCgroupV2Runtime()", "CCgroupManager::IsMemCgroupEnabled()",
+                       "W4 match 0 try to close mem limit", "IResourceLimitUtil::StopMemLimit(error=0,1)",
+                       "IResourceLimitUtil::IsMemLimited()"},
+                      {"F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=25 mem=300) effective(cpu=1 mem=300) "
+                       "unified(cpu=1 mem=0)"}}),
+              calls());
+    EXPECT_EQ("cpu=1 mem=300 fd=1024 a=5 b=0 rio=20480 wio=20480 pid=100 all=0", Show(m_config));
+    EXPECT_EQ(25, pri().m_effectiveMaxCpu);
+    EXPECT_EQ(300, pri().m_effectiveMaxMem);
+    EXPECT_EQ(20, conf().groupMaxCpu.Get());
+    EXPECT_EQ(200, conf().groupMaxMemory.Get());
+}
+
+TEST_F(UnifiedConfigurationTest, DoesNotWidenCpuOfTheWholeMachineForTheUnifiedMode) {
+    platform().manager.cpuEnabled.Always(true);
+    EXPECT_TRUE(Parse("max_cpu=20\ncpu_all=1\nresource_limit_mode=9\n"));
+    EXPECT_EQ(19 * 4, platform().manager.lastTotal.cpuLimitPercent) << "20 percent less 5 %, on four processors";
+    EXPECT_EQ(300 * 1024 * 3 / 2, platform().manager.lastTotal.memLimitKB);
+}
+
+TEST_F(UnifiedConfigurationTest, WidensTheRecordAlsoWhenTheUnifiedModeFailed) {
+    platform().manager.reconcile.Always(false);
+    EXPECT_TRUE(Parse("resource_limit_mode=9\n"));
+    EXPECT_FALSE(pri().m_unifiedActive);
+    EXPECT_EQ("cpu=15 mem=300 fd=1024 a=5 b=0 rio=20480 wio=20480 pid=100 all=0", Show(m_config));
+    const Lines all = calls();
+    EXPECT_THAT(all, testing::IsSupersetOf(
+                         {"W3 MonitorPri: active desired but reconcile all failed, fallback to legacy",
+                          "IResourceLimitUtil::StartCpuLimit(9,50,error=0)"}))
+        << "the legacy limit takes over with the plain maximum";
+}
+
+TEST_F(ResourceConfigurationTest, FollowsAJoinedClientsQuota) {
+    zel::CCgroupClient client;
+    pri().m_cgroupClient = &client;
+    platform().client.cpuJoined.Always(true);
+    platform().client.cpuQuota.Always(750);
+    journal();
+    EXPECT_TRUE(Parse("resource_limit_mode=8\n"));
+    EXPECT_EQ(8, m_config.maxCpu) << "the quota in force, not the widened maximum";
+    EXPECT_EQ(300, m_config.maxMemory);
+    EXPECT_EQ(15, pri().m_effectiveMaxCpu);
+    const Lines all = calls();
+    EXPECT_THAT(all, testing::Not(testing::Contains(testing::HasSubstr("StartCpuLimit"))));
+    EXPECT_EQ("F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=15 mem=300) effective(cpu=8 mem=300) "
+              "unified(cpu=1 mem=0)",
+              all.back());
+}

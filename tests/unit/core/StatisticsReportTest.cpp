@@ -230,3 +230,67 @@ TEST_F(StatisticsReportTest, PrintsANegativeMemoryFigureAsItIs) {
     EXPECT_TRUE(pri().GetExceptionInfo(map));
     EXPECT_EQ("-1", map["mem_usage"]);
 }
+
+TEST_F(StatisticsReportTest, SendsAShortageOfMemoryAtOnceAndEveryTime) {
+    pri().m_isMainAgent = true;
+    pri().m_appName = "tervane";
+    platform().memory.usagePercent = 99;
+    platform().memory.available = 17;
+    platform().sendMsg.Then(false);  // the result does not matter
+    Map map;
+    EXPECT_TRUE(pri().GetExceptionInfo(map));
+    Map expected = Expected("tervane");
+    expected["mem_usage"] = "99";
+    EXPECT_EQ(expected, map);
+    const Lines reported = Joined({{"COSInfo::GetMemoryUsage(available)",
+                                    "IMsgTransmit::SendMsg(T_MSG_OS_ABNORMAL,body,\"\",1,0)"},
+                                   m_fullReport});
+    EXPECT_EQ(reported, calls());
+    ASSERT_EQ(1u, platform().sent.size());
+    const doubles::SentMessage& message = platform().sent.front();
+    Json::Value body;
+    ASSERT_TRUE(Json::Reader().parse(message.body, body));
+    EXPECT_EQ(Json::Value::Members({"available_mem", "mem_usage"}), body.getMemberNames());
+    EXPECT_EQ(99, body["mem_usage"].asInt());
+    EXPECT_EQ(17u, body["available_mem"].asUInt64());
+    EXPECT_EQ(body.toStyledString(), message.body);
+
+    EXPECT_TRUE(pri().GetExceptionInfo(map));
+    EXPECT_EQ(reported, calls()) << "not rate-limited";
+}
+
+TEST_F(StatisticsReportTest, SendsTheShortageAlsoWhenTheFetchFails) {
+    pri().m_isMainAgent = true;
+    platform().memory.usagePercent = 99;
+    platform().memory.available = 17;
+    platform().base.fetchOk = false;
+    Map map;
+    EXPECT_FALSE(pri().GetExceptionInfo(map));
+    EXPECT_EQ(Map({{"mem_usage", "99"}}), map);
+    EXPECT_EQ(Lines({"COSInfo::GetMemoryUsage(available)", "IMsgTransmit::SendMsg(T_MSG_OS_ABNORMAL,body,\"\",1,0)",
+                     "CResourceMonitor::FetchResourceMonitorInfo()", "W2 FetchResourceMonitorInfo fail"}),
+              calls());
+}
+
+TEST_F(StatisticsReportTest, SendsAvailableMemoryIn64Bits) {
+    pri().m_isMainAgent = true;
+    platform().memory.usagePercent = 99;
+    platform().memory.available = 5000000000UL;
+    conf().availableMemThreshold.Set(6000000000L);
+    Map map;
+    EXPECT_TRUE(pri().GetExceptionInfo(map));
+    ASSERT_EQ(1u, platform().sent.size());
+    Json::Value body;
+    ASSERT_TRUE(Json::Reader().parse(platform().sent.front().body, body));
+    EXPECT_EQ(5000000000UL, body["available_mem"].asUInt64());
+}
+
+TEST_F(StatisticsReportTest, GoesOnSilentlyWithoutADelivery) {
+    pri().m_isMainAgent = true;
+    platform().memory.usagePercent = 99;
+    platform().memory.available = 17;
+    platform().transmitPresent = false;
+    Map map;
+    EXPECT_TRUE(pri().GetExceptionInfo(map));
+    EXPECT_EQ(Joined({{"COSInfo::GetMemoryUsage(available)"}, m_fullReport}), calls());
+}
