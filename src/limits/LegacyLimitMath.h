@@ -23,8 +23,8 @@ constexpr int32_t LegacyCpuLimit100Times(long maxCpu) {
     return value;
 }
 
-/// Multiplies by the number of processors, unless it is 0; wraps. A -1 from the system is deliberately multiplied in:
-/// the limit object refuses the negative value and says so.
+/// Multiplies by the number of processors, unless it is 0; wraps. A -1 from the system (unknown) is deliberately
+/// multiplied in and the negative value passed on: a limit that cannot be set shows up as a failed start.
 constexpr int32_t ScaleByProcessors(int32_t value, int32_t processors) {
     if (processors == 0) return value;
     return static_cast<int32_t>(static_cast<uint32_t>(value) * static_cast<uint32_t>(processors));
