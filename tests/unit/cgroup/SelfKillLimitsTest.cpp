@@ -136,10 +136,10 @@ TEST_F(SelfKillLimitsTest, MainProcessTakesItsQuotaWhetherLargerOrSmaller) {
     EXPECT_EQ("2 2", Resolve(10, 200));
     EXPECT_EQ("2 2", Resolve(-3, 1));
     EXPECT_EQ(
-        Lines({"F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=10 mem=200) effective(cpu=2 mem=2) unified(cpu=1 "
-               "mem=1)",
-               "F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=-3 mem=1) effective(cpu=2 mem=2) unified(cpu=1 "
-               "mem=1)"}),
+        Lines({"F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=10 mem=200) effective(cpu=2 mem=2) "
+               "unified(cpu=1 mem=1)",
+               "F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=-3 mem=1) effective(cpu=2 mem=2) "
+               "unified(cpu=1 mem=1)"}),
         journal());
 }
 

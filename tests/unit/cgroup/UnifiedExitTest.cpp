@@ -215,7 +215,8 @@ TEST_F(UnifiedExitTest, DisabledSwitchesTheControllersOffAndStopsTheLegacyLimits
     pri().m_unifiedActive = false;
     platform().limit.stopCpu.Always({1, 2});
     EXPECT_TRUE(pri().EnterUnifiedDisabled(m_groups));
-    EXPECT_EQ(Lines({kReconcileOff, kWriteDisabled, "GetResourceLimitUtil()", "IResourceLimitUtil::StopCpuLimit(error=0)",
+    EXPECT_EQ(Lines({kReconcileOff, kWriteDisabled, "GetResourceLimitUtil()",
+                     "IResourceLimitUtil::StopCpuLimit(error=0)",
                      "F3 [MonitorPri] MonitorPri: uninstall legacy cpu cgroup failed ret[1] err[2], "
                      "reason[multi-cgroup unified disabled]",
                      "IResourceLimitUtil::StopMemLimit(error=0,1)", "IResourceLimitUtil::ReleaseLimits()", kBroadcast,

@@ -67,18 +67,20 @@ std::string Write(const char* quotas, int parentCpu = 0, int parentMem = 0) {
                            parentCpu, parentMem);
 }
 const char* const kQuotas9 =
-    "Tervane@main/main 36 15360KB; TervaneMonitor@collect-defense/collect-defense 324 40960KB; TervaneUpdate@guard/guard "
+    "Tervane@main/main 36 15360KB; "
+    "TervaneMonitor@collect-defense/collect-defense 324 40960KB; TervaneUpdate@guard/guard "
     "0 10240KB; QorHips@collect-defense/collect-defense 270 20480KB; QorNet@collect-defense/collect-defense 270 "
     "10240KB; QorWebGuard@collect-defense/collect-defense 270 20480KB";
 const char* const kQuotas19 =
-    "Tervane@main/main 76 30720KB; TervaneMonitor@collect-defense/collect-defense 684 81920KB; TervaneUpdate@guard/guard "
+    "Tervane@main/main 76 30720KB; "
+    "TervaneMonitor@collect-defense/collect-defense 684 81920KB; TervaneUpdate@guard/guard "
     "0 20480KB; QorHips@collect-defense/collect-defense 570 40960KB; QorNet@collect-defense/collect-defense 570 "
     "20480KB; QorWebGuard@collect-defense/collect-defense 570 40960KB";
 
 std::string SelfKill(int cpuActive, int cpuQ, int memActive, int memQ) {
     return doubles::Format(
-        "F4 [MonitorPri] MonitorPri: unified self-kill quota cpuActive=%d cpuQ=%d memActive=%d memQ=%d", cpuActive, cpuQ,
-        memActive, memQ);
+        "F4 [MonitorPri] MonitorPri: unified self-kill quota cpuActive=%d cpuQ=%d memActive=%d memQ=%d",
+        cpuActive, cpuQ, memActive, memQ);
 }
 std::string Updating(const char* what) {
     return std::string("F4 [MonitorPri] MonitorPri: multi-cgroup updating, ") + what;
