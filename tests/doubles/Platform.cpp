@@ -11,7 +11,8 @@ namespace doubles {
 
 namespace {
 std::unique_ptr<Platform>& Instance() {
-    static std::unique_ptr<Platform> instance = std::make_unique<Platform>();
+    // Never destroyed: threads of a test tool may still ask for the time while the process ends.
+    static auto& instance = *new std::unique_ptr<Platform>(std::make_unique<Platform>());
     return instance;
 }
 
