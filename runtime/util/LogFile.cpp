@@ -13,13 +13,16 @@ namespace {
 
 constexpr mode_t kDirectoryMode = 0750;
 constexpr mode_t kFileMode = 0640;
-// How often the file is looked for under its name: a log cleaner's rename is followed within this time.
-constexpr std::chrono::seconds kCheckInterval{1};
 
 }  // namespace
 
-LogFile::LogFile(std::string directory, std::string fileName, unsigned long maxBytes, unsigned int maxFiles)
-    : m_directory(std::move(directory)), m_fileName(std::move(fileName)), m_maxBytes(maxBytes), m_maxFiles(maxFiles) {}
+LogFile::LogFile(std::string directory, std::string fileName, unsigned long maxBytes, unsigned int maxFiles,
+                 std::chrono::milliseconds checkInterval)
+    : m_directory(std::move(directory)),
+      m_fileName(std::move(fileName)),
+      m_maxBytes(maxBytes),
+      m_maxFiles(maxFiles),
+      m_checkInterval(checkInterval) {}
 
 bool LogFile::Write(std::string_view lines) {
     if (!EnsureOpen()) return false;
@@ -35,11 +38,11 @@ bool LogFile::Write(std::string_view lines) {
 bool LogFile::EnsureOpen() {
     const Clock::time_point now = Clock::now();
     if (m_file.IsOpen() && now >= m_nextCheck) {
-        m_nextCheck = now + kCheckInterval;
+        m_nextCheck = now + m_checkInterval;
         if (!IsStillInPlace()) m_file.Reset();
     }
     if (m_file.IsOpen()) return true;
-    m_nextCheck = now + kCheckInterval;
+    m_nextCheck = now + m_checkInterval;
     return OpenDirectory() && OpenFile();
 }
 
@@ -70,12 +73,15 @@ bool LogFile::OpenFile() {
     return true;
 }
 
-bool LogFile::IsStillInPlace() const {
+bool LogFile::IsStillInPlace() {
     struct stat open {};
     struct stat named {};
-    return ::fstat(m_file.Get(), &open) == 0 &&
-           ::fstatat(AT_FDCWD, (m_directory + "/" + m_fileName).c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-           open.st_ino == named.st_ino && open.st_dev == named.st_dev;
+    if (::fstat(m_file.Get(), &open) != 0 ||
+        ::fstatat(AT_FDCWD, (m_directory + "/" + m_fileName).c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
+        return false;
+    }
+    m_size = static_cast<unsigned long>(open.st_size);  // another process of the same name may write to it too
+    return open.st_ino == named.st_ino && open.st_dev == named.st_dev;
 }
 
 void LogFile::Rotate() {

@@ -13,8 +13,10 @@ namespace zel {
 /// Lifetime: by its owner. Errors: Write tells by its result; the cause is kept until the next success.
 class LogFile {
 public:
-    /// Units: `maxBytes` in bytes per file; `maxFiles` counts the current file.
-    LogFile(std::string directory, std::string fileName, unsigned long maxBytes, unsigned int maxFiles);
+    /// Units: `maxBytes` in bytes per file; `maxFiles` counts the current file. `checkInterval`: how often the file is
+    /// looked for under its name; a log cleaner's rename is followed within this time.
+    LogFile(std::string directory, std::string fileName, unsigned long maxBytes, unsigned int maxFiles,
+            std::chrono::milliseconds checkInterval = std::chrono::seconds(1));
 
     /// Appends whole lines; `lines` ends with a line end. Opens the file when it is not open, and again when somebody
     /// moved or removed it.
@@ -30,7 +32,7 @@ private:
     bool EnsureOpen();
     bool OpenDirectory();
     bool OpenFile();
-    bool IsStillInPlace() const;
+    bool IsStillInPlace();
     void Rotate();
     bool Append(std::string_view lines);
     bool Fail(const char* operation, const std::string& path, int error);
@@ -40,6 +42,7 @@ private:
     const std::string m_fileName;
     const unsigned long m_maxBytes;
     const unsigned int m_maxFiles;
+    const std::chrono::milliseconds m_checkInterval;
     UniqueFd m_directoryFd;
     UniqueFd m_file;
     unsigned long m_size = 0;
