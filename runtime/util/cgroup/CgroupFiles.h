@@ -36,6 +36,7 @@ constexpr char kMemMax[] = "memory.max";
 constexpr char kMemHigh[] = "memory.high";
 constexpr char kMemLow[] = "memory.low";
 constexpr char kMemCurrent[] = "memory.current";
+constexpr char kMemStat[] = "memory.stat";
 constexpr char kMemEvents[] = "memory.events";
 constexpr char kMemEventsLocal[] = "memory.events.local";
 }  // namespace v2

@@ -114,6 +114,16 @@ Result<std::string> ReadAll(int fd, const std::string& path, size_t limit) {
     }
 }
 
+// A process that nobody has waited for yet is still in /proc, but in no group's list.
+bool HasEnded(int pid) {
+    constexpr size_t kMaxStatBytes = 8192;
+    Result<std::string> stat = ReadProcFile("/proc/" + std::to_string(pid) + "/stat", kMaxStatBytes);
+    if (!stat) return true;
+    const size_t name = stat->rfind(") ");
+    return name != std::string::npos && name + 2 < stat->size() &&
+           ((*stat)[name + 2] == 'Z' || (*stat)[name + 2] == 'X');
+}
+
 }  // namespace
 
 bool IsSafeGroupName(std::string_view name) {
@@ -310,7 +320,7 @@ Status GroupDir::MoveHere(int pid) const {
     Result<bool> arrived = Contains(pid);
     if (!arrived) return arrived.GetError();
     if (*arrived) return {};
-    if (faccessat(AT_FDCWD, ("/proc/" + number).c_str(), F_OK, 0) != 0) {
+    if (HasEnded(pid)) {
         return ErrnoError(ESRCH, "move process " + number + " to", m_path, "the process has ended");
     }
     return MakeError(ErrorKind::kNotInForce, "move process " + number + " to", m_path,

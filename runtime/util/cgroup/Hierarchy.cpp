@@ -298,6 +298,17 @@ std::string ApplicationTag(std::string_view applicationDir) {
     return text;
 }
 
+Result<GroupDir> OpenGroup(const Hierarchy& hierarchy, std::string_view groupPath) {
+    std::string relative;
+    if (groupPath.empty() || groupPath.front() != '/' || !RelativeTo(groupPath, hierarchy.mountRoot, relative)) {
+        return MakeError(ErrorKind::kNotFound, "open group", std::string(groupPath),
+                         "the mount at " + hierarchy.mountPoint + " does not show it");
+    }
+    Result<GroupDir> root = GroupDir::Open(hierarchy.mountPoint, hierarchy.version);
+    if (!root) return root;
+    return root->OpenBelow(relative);
+}
+
 Result<std::string> ReadGroupOf(int pid, const Hierarchy& hierarchy) {
     const std::string path = "/proc/" + std::to_string(pid) + "/cgroup";
     Result<std::string> text = ReadProcFile(path);

@@ -77,7 +77,10 @@ std::string AgentGroupName();
 /// Returns: eight hex digits that tell one application directory from another (FNV-1a of its bytes).
 std::string ApplicationTag(std::string_view applicationDir);
 
-/// Returns: this process's group for the controller as the kernel says now, from the hierarchy's root.
+/// Opens a group given from the hierarchy's root. On failure: kNotFound when this mount does not show it.
+Result<GroupDir> OpenGroup(const Hierarchy& hierarchy, std::string_view groupPath);
+
+/// Returns: a process's group for the controller as the kernel says now, from the hierarchy's root.
 Result<std::string> ReadGroupOf(int pid, const Hierarchy& hierarchy);
 
 }  // namespace cgroup

@@ -72,6 +72,16 @@ Result<int64_t> ReadV1Limit(const GroupDir& group, const char* file) {
     return *bytes < 0 || *bytes >= kV1UnlimitedFromBytes ? kUnlimited : *bytes;
 }
 
+// Version 2 takes a limit below what is in use and kills until it holds; version 1 refuses it. We refuse it on both.
+Status CheckRoomUnder(const GroupDir& group, int64_t bytes) {
+    Result<std::string> stat = group.Read(v2::kMemStat);
+    if (!stat) return {};
+    const int64_t anonymous = ValueOr(ParseFlatKeyed(*stat), "anon", 0);
+    if (bytes < 0 || anonymous <= bytes) return {};
+    return Error{ErrorKind::kBusy, EBUSY, "set memory limit " + LimitText(bytes) + " on", group.Path(),
+                 "its processes hold " + LimitText(anonymous) + " bytes that stay in use: the kernel would kill"};
+}
+
 bool Above(int64_t a, int64_t b) { return b >= 0 && (a < 0 || a > b); }
 
 Status WriteV1Hard(const GroupDir& group, const MemLimit& old, int64_t bytes) {
@@ -175,8 +185,12 @@ Status ApplyMemHardLimit(const GroupDir& group, int64_t bytes) {
     Result<MemLimit> old = ReadMemLimit(group);
     if (!old) return old.GetError();
     if (old->hardBytes == wanted && (!old->hasSwapLimit || old->withSwapBytes == wanted)) return {};
-    const bool v2 = group.GetVersion() == Version::kV2;
-    Status written = v2 ? group.Write(v2::kMemMax, LimitText(wanted)) : WriteV1Hard(group, *old, wanted);
+    const bool isV2 = group.GetVersion() == Version::kV2;
+    if (isV2) {
+        Status room = CheckRoomUnder(group, wanted);
+        if (!room) return room;
+    }
+    Status written = isV2 ? group.Write(v2::kMemMax, LimitText(wanted)) : WriteV1Hard(group, *old, wanted);
     if (!written) return written;
     Result<MemLimit> now = ReadMemLimit(group);
     if (!now) return now.GetError();
@@ -198,6 +212,13 @@ Status ApplyMemSoftLimit(const GroupDir& group, int64_t bytes) {
     if (*now == wanted) return {};
     return MakeError(ErrorKind::kNotInForce, "set soft memory limit " + LimitText(wanted) + " on", group.Path(),
                      "the kernel shows " + LimitText(*now));
+}
+
+Status EnsureMemHierarchical(const GroupDir& group) {
+    if (group.GetVersion() != Version::kV1 || !group.HasFile(v1::kMemUseHierarchy)) return {};
+    Result<int64_t> now = group.ReadNumber(v1::kMemUseHierarchy);
+    if (!now) return now.GetError();
+    return *now == 1 ? Status{} : group.Write(v1::kMemUseHierarchy, "1");
 }
 
 Result<MemCounters> ReadMemCounters(const GroupDir& group) {

@@ -42,11 +42,17 @@ Result<MemLimit> ReadMemLimit(const GroupDir& group);
 /// Kernel: version 1 with swap accounting keeps the limit on memory and swap together at the same value, since a limit
 /// that only moves the agent's memory to swap helps nobody; it must never be below the memory limit, so it is raised
 /// first and lowered last. Version 2: memory.max; memory.swap.max is left alone.
+/// A limit below the anonymous memory in use is refused as kBusy on version 2 too, where the kernel would take it and
+/// kill.
 /// On failure: kBusy when more is in use than can be reclaimed; version 1 puts the old pair back.
 Status ApplyMemHardLimit(const GroupDir& group, int64_t bytes);
 
 /// Version 1: memory.soft_limit_in_bytes. Version 2: nothing, because memory.high can stall a process for good.
 Status ApplyMemSoftLimit(const GroupDir& group, int64_t bytes);
+
+/// Version 1: makes a group's limit count for the groups below it too (memory.use_hierarchy; new groups of kernels
+/// before 5.11 do not). Needs a group without children. Version 2 and newer kernels: nothing to do.
+Status EnsureMemHierarchical(const GroupDir& group);
 
 /// Usage and counters. Absent ones are -1.
 struct MemCounters {

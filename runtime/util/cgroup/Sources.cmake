@@ -3,9 +3,12 @@
 add_library(zelCgroup OBJECT
   ${CMAKE_CURRENT_LIST_DIR}/GroupDir.cpp
   ${CMAKE_CURRENT_LIST_DIR}/Hierarchy.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/KernelExclude.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/LegacyLimit.cpp
   ${CMAKE_CURRENT_LIST_DIR}/LimitUnits.cpp
   ${CMAKE_CURRENT_LIST_DIR}/Limits.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ProcText.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ProcessTable.cpp
   ${CMAKE_CURRENT_LIST_DIR}/Result.cpp)
 target_include_directories(zelCgroup PRIVATE ${PROJECT_SOURCE_DIR}/src)
 target_link_libraries(zelCgroup PRIVATE zelFlags)

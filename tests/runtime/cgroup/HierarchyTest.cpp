@@ -74,7 +74,8 @@ TEST(DecideHierarchyTest, PrefersWritableWholeAndLaterMounts) {
 }
 
 TEST(DecideHierarchyTest, MapsGroupsThroughABindMount) {
-    const Hierarchy part = Best(Controller::kCpu, {"3 2 0:32 /part /bind rw - cgroup c rw,cpu\n", "1:cpu:/part/x\n", ""});
+    const Hierarchy part = Best(Controller::kCpu,
+                                {"3 2 0:32 /part /bind rw - cgroup c rw,cpu\n", "1:cpu:/part/x\n", ""});
     EXPECT_EQ("/bind/x", part.DirectoryOf("/part/x"));
     EXPECT_EQ("/bind", part.DirectoryOf("/part"));
     EXPECT_EQ("", part.DirectoryOf("/party"));

@@ -117,8 +117,9 @@ TEST(ProcCgroupsTest, ReadsStatesAndSkipsGarbage) {
 }
 
 TEST(FlatKeyedTest, ReadsNumbersKeepsTheFirstDuplicateAndSaturates) {
-    EXPECT_THAT(ParseFlatKeyed("a 1\nb -2\na 7\nbig 18446744073709551615\nhuge 99999999999999999999999\nc\nd 1 2\ne x\n"),
-                UnorderedElementsAre(Pair("a", 1), Pair("b", -2), Pair("big", INT64_MAX)));
+    EXPECT_THAT(
+        ParseFlatKeyed("a 1\nb -2\na 7\nbig 18446744073709551615\nhuge 99999999999999999999999\nc\nd 1 2\ne x\n"),
+        UnorderedElementsAre(Pair("a", 1), Pair("b", -2), Pair("big", INT64_MAX)));
 }
 
 TEST(PidsTest, LeavesOutZeroAndGarbage) {

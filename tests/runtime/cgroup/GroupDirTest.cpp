@@ -1,0 +1,274 @@
+// Groups and limits on the machine's version 1 controllers.
+#include "GroupDir.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+
+#include <cerrno>
+
+#include "FailingCalls.h"
+#include "Limits.h"
+#include "RealKernel.h"
+
+using namespace zel::cgroup;
+using testing::Contains;
+using testing::HasSubstr;
+
+namespace {
+
+class GroupDirTest : public RealV1 {
+protected:
+    void SetUp() override {
+        RealV1::SetUp();
+        if (IsSkipped()) return;
+        auto cpu = GroupDir::Open(m_cpu.mountPoint, Version::kV1);
+        auto memory = GroupDir::Open(m_memory.mountPoint, Version::kV1);
+        ASSERT_TRUE(cpu.Ok() && memory.Ok());
+        m_cpuRoot = std::move(*cpu);
+        m_memRoot = std::move(*memory);
+    }
+    void TearDown() override {
+        g_failing = {};
+        RealV1::TearDown();
+    }
+    GroupDir Make(const GroupDir& root) {
+        auto group = root.MakeChild(m_name);
+        EXPECT_TRUE(group.Ok()) << group.GetError().Text();
+        return group ? std::move(*group) : GroupDir();
+    }
+
+    GroupDir m_cpuRoot;
+    GroupDir m_memRoot;
+};
+
+TEST_F(GroupDirTest, MakesTheGroupOnceAndRemovesIt) {
+    bool created = false;
+    ASSERT_TRUE(m_cpuRoot.MakeChild(m_name, &created).Ok());
+    EXPECT_TRUE(created);
+    ASSERT_TRUE(m_cpuRoot.MakeChild(m_name, &created).Ok());
+    EXPECT_FALSE(created);
+    EXPECT_THAT(*m_cpuRoot.Children(), Contains(m_name));
+    EXPECT_TRUE(m_cpuRoot.RemoveChild(m_name).Ok());
+    EXPECT_TRUE(m_cpuRoot.RemoveChild(m_name).Ok());
+    EXPECT_FALSE(Exists(CpuDir(m_name)));
+}
+
+TEST_F(GroupDirTest, RefusesNamesThatLeadElsewhere) {
+    for (const char* name : {"", ".", "..", "../x", "a/b", ".x", "-x", "a b"}) {
+        auto made = m_cpuRoot.MakeChild(name);
+        ASSERT_FALSE(made.Ok()) << name;
+        EXPECT_EQ(ErrorKind::kRefused, made.GetError().kind) << name;
+    }
+    EXPECT_EQ(ErrorKind::kRefused, m_cpuRoot.OpenBelow("../x").GetError().kind);
+    EXPECT_EQ(ErrorKind::kRefused, m_cpuRoot.Write("../x", "1").GetError().kind);
+    EXPECT_EQ(ErrorKind::kRefused, m_cpuRoot.Read("a/b").GetError().kind);
+}
+
+TEST_F(GroupDirTest, NeverCreatesAControlFile) {
+    GroupDir group = Make(m_cpuRoot);
+    Status status = group.Write("cpu.no_such_file", "1");
+    ASSERT_FALSE(status.Ok());
+    EXPECT_EQ(ErrorKind::kNotFound, status.GetError().kind);
+    EXPECT_EQ("cannot write 1 to " + CpuDir(m_name) +
+                  "/cpu.no_such_file: No such file or directory; the kernel offers no such control file in this group",
+              status.GetError().Text());
+}
+
+TEST_F(GroupDirTest, AnErrorNamesPathValueErrnoAndCure) {
+    GroupDir group = Make(m_cpuRoot);
+    Status status = group.Write("cpu.cfs_quota_us", "500");
+    ASSERT_FALSE(status.Ok());
+    EXPECT_EQ(EINVAL, status.GetError().error);
+    EXPECT_EQ("cannot write 500 to " + CpuDir(m_name) +
+                  "/cpu.cfs_quota_us: Invalid argument; out of the kernel's range (1 ms to 1 s), above the parent's "
+                  "limit or below a child's",
+              status.GetError().Text());
+}
+
+TEST_F(GroupDirTest, AShortWriteIsAFailure) {
+    GroupDir group = Make(m_cpuRoot);
+    g_failing = {1, 0, 0, 0, 1};
+    EXPECT_EQ(ErrorKind::kShortWrite, group.Write("cpu.cfs_quota_us", "20000").GetError().kind);
+}
+
+TEST_F(GroupDirTest, AWriteThatIsInterruptedIsRepeated) {
+    GroupDir group = Make(m_cpuRoot);
+    g_failing = {1, EINTR, 0, 0, 1};
+    EXPECT_TRUE(group.Write("cpu.cfs_quota_us", "20000").Ok());
+    EXPECT_EQ(2, g_failing.writes);
+    EXPECT_EQ("20000", Slurp(CpuDir(m_name) + "/cpu.cfs_quota_us"));
+}
+
+TEST_F(GroupDirTest, TellsARemadeGroupFromTheOldOne) {
+    GroupDir old = Make(m_cpuRoot);
+    const GroupIdentity before = *old.Identity();
+    EXPECT_TRUE(old.IsAlive());
+    ASSERT_TRUE(m_cpuRoot.RemoveChild(m_name).Ok());
+    EXPECT_FALSE(old.IsAlive());
+    GroupDir fresh = Make(m_cpuRoot);
+    EXPECT_NE(before, *fresh.Identity());
+    EXPECT_FALSE(old.IsAlive());
+    EXPECT_FALSE(old.Write("cpu.cfs_quota_us", "20000").Ok());
+    EXPECT_EQ("-1", Slurp(CpuDir(m_name) + "/cpu.cfs_quota_us"));
+}
+
+TEST_F(GroupDirTest, MovesAProcessAndKeepsABusyGroup) {
+    GroupDir group = Make(m_cpuRoot);
+    WaitingChild child;
+    ASSERT_TRUE(group.MoveHere(child.Pid()).Ok());
+    EXPECT_TRUE(*group.Contains(child.Pid()));
+    EXPECT_EQ("/" + m_name, *ReadGroupOf(child.Pid(), m_cpu));
+    Status busy = m_cpuRoot.RemoveChild(m_name);
+    ASSERT_FALSE(busy.Ok());
+    EXPECT_EQ(ErrorKind::kBusy, busy.GetError().kind);
+    EXPECT_THAT(busy.GetError().Text(), HasSubstr("processes or groups are still in it"));
+    EXPECT_EQ(1, *MoveAll(group, m_cpuRoot));
+    EXPECT_FALSE(*group.Contains(child.Pid()));
+}
+
+TEST_F(GroupDirTest, AProcessThatEndedIsNotFound) {
+    GroupDir group = Make(m_cpuRoot);
+    WaitingChild child;
+    const int pid = child.Pid();
+    child.End();
+    EXPECT_EQ(ErrorKind::kNotFound, group.MoveHere(pid).GetError().kind);
+    EXPECT_EQ(ErrorKind::kRefused, group.MoveHere(0).GetError().kind);
+}
+
+TEST_F(GroupDirTest, FollowsNoLink) {
+    char folder[] = "/tmp/zeltestXXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(folder));
+    const std::string link = std::string(folder) + "/link";
+    ASSERT_EQ(0, symlink(m_cpu.mountPoint.c_str(), link.c_str()));
+    EXPECT_EQ(ErrorKind::kRefused, GroupDir::Open(link, Version::kV1).GetError().kind);
+    unlink(link.c_str());
+    EXPECT_EQ(ErrorKind::kNotCgroup, GroupDir::Open(folder, Version::kV1).GetError().kind);
+    rmdir(folder);
+    EXPECT_EQ(ErrorKind::kNotCgroup, GroupDir::Open(m_cpu.mountPoint, Version::kV2).GetError().kind);
+}
+
+TEST_F(GroupDirTest, QuotaIsReadBackForEveryAmount) {
+    GroupDir group = Make(m_cpuRoot);
+    // Up, down, below one percent and back: every step crosses from one period to another or stays in it.
+    for (int hundredths : {950, 100, 50, 10, 20000, 33, 100, 1, 10000, 7, 8, 950}) {
+        const CpuQuota wanted = QuotaFrom100Times(hundredths);
+        Status status = ApplyCpuQuota(group, wanted);
+        ASSERT_TRUE(status.Ok()) << hundredths << ": " << status.GetError().Text();
+        EXPECT_EQ(std::to_string(wanted.quotaUs), Slurp(CpuDir(m_name) + "/cpu.cfs_quota_us")) << hundredths;
+        EXPECT_EQ(std::to_string(wanted.periodUs), Slurp(CpuDir(m_name) + "/cpu.cfs_period_us")) << hundredths;
+    }
+    ASSERT_TRUE(ApplyCpuQuota(group, CpuQuota{}).Ok());
+    EXPECT_TRUE(ReadCpuQuota(group)->Unlimited());
+}
+
+TEST_F(GroupDirTest, AnUnchangedQuotaIsNotWrittenAgain) {
+    GroupDir group = Make(m_cpuRoot);
+    ASSERT_TRUE(ApplyCpuQuota(group, QuotaFrom100Times(950)).Ok());
+    g_failing = {};
+    ASSERT_TRUE(ApplyCpuQuota(group, QuotaFrom100Times(950)).Ok());
+    EXPECT_EQ(0, g_failing.writes);
+}
+
+TEST_F(GroupDirTest, AQuotaAboveTheParentsIsRefusedAndTheOldOneStays) {
+    GroupDir parent = Make(m_cpuRoot);
+    GroupDir child = std::move(*parent.MakeChild("leaf"));
+    ASSERT_TRUE(ApplyCpuQuota(parent, QuotaFrom100Times(2000)).Ok());
+    ASSERT_TRUE(ApplyCpuQuota(child, QuotaFrom100Times(1000)).Ok());
+    for (int hundredths : {3000, 2001}) {
+        Status status = ApplyCpuQuota(child, QuotaFrom100Times(hundredths));
+        ASSERT_FALSE(status.Ok());
+        EXPECT_EQ(ErrorKind::kInvalidValue, status.GetError().kind);
+    }
+    EXPECT_EQ(QuotaFrom100Times(1000), *ReadCpuQuota(child));
+    // The parent cannot go below its child, also when the period changes with it.
+    EXPECT_FALSE(ApplyCpuQuota(parent, QuotaFrom100Times(50)).Ok());
+    EXPECT_EQ(QuotaFrom100Times(2000), *ReadCpuQuota(parent));
+    ASSERT_TRUE(ApplyCpuQuota(child, QuotaFrom100Times(40)).Ok());
+    EXPECT_TRUE(ApplyCpuQuota(parent, QuotaFrom100Times(50)).Ok());
+}
+
+TEST_F(GroupDirTest, AnyFailedWriteOfAChangeKeepsOldOrReachesNewQuota) {
+    GroupDir group = Make(m_cpuRoot);
+    const CpuQuota old = QuotaFrom100Times(1000);
+    for (int error : {EINVAL, EBUSY, ENOSPC, EROFS}) {
+        for (int number = 1; number <= 2; ++number) {
+            g_failing = {};
+            ASSERT_TRUE(ApplyCpuQuota(group, old).Ok());
+            g_failing = {number, error, 0, 0, 1};
+            Status status = ApplyCpuQuota(group, QuotaFrom100Times(50));
+            EXPECT_EQ(status ? QuotaFrom100Times(50) : old, *ReadCpuQuota(group)) << error << " at " << number;
+        }
+    }
+}
+
+TEST_F(GroupDirTest, ThrottlingIsCounted) {
+    GroupDir group = Make(m_cpuRoot);
+    ASSERT_TRUE(ApplyCpuQuota(group, QuotaFrom100Times(500)).Ok());
+    const pid_t burner = fork();
+    if (burner == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        for (volatile unsigned long spin = 0;; ++spin) {
+        }
+    }
+    ASSERT_TRUE(group.MoveHere(burner).Ok());
+    usleep(600000);
+    kill(burner, SIGKILL);
+    waitpid(burner, nullptr, 0);
+    auto counters = ReadCpuCounters(group);
+    ASSERT_TRUE(counters.Ok());
+    EXPECT_GE(counters->periods, 3);
+    EXPECT_GE(counters->throttledPeriods, 2);
+    EXPECT_GT(counters->throttledUs, 100000);
+}
+
+TEST_F(GroupDirTest, MemoryLimitGrowsAndShrinksTogetherWithTheSwapLimit) {
+    GroupDir group = Make(m_memRoot);
+    const bool hasSwap = group.HasFile("memory.memsw.limit_in_bytes");
+    for (int64_t bytes : {int64_t{64} << 20, int64_t{128} << 20, int64_t{32} << 20, int64_t{96} << 20}) {
+        Status status = ApplyMemHardLimit(group, bytes + 100);
+        ASSERT_TRUE(status.Ok()) << status.GetError().Text();
+        EXPECT_EQ(std::to_string(bytes), Slurp(MemDir(m_name) + "/memory.limit_in_bytes"));
+        if (hasSwap) {
+            EXPECT_EQ(std::to_string(bytes), Slurp(MemDir(m_name) + "/memory.memsw.limit_in_bytes"));
+        }
+    }
+    ASSERT_TRUE(ApplyMemSoftLimit(group, 16 << 20).Ok());
+    EXPECT_EQ(16 << 20, ReadMemLimit(group)->softBytes);
+    ASSERT_TRUE(ApplyMemHardLimit(group, kUnlimited).Ok());
+    EXPECT_EQ(kUnlimited, ReadMemLimit(group)->hardBytes);
+    EXPECT_EQ(kUnlimited, ReadMemLimit(group)->withSwapBytes);
+}
+
+TEST_F(GroupDirTest, AFailedSecondMemoryWritePutsTheFirstBack) {
+    GroupDir group = Make(m_memRoot);
+    if (!group.HasFile("memory.memsw.limit_in_bytes")) GTEST_SKIP() << "SKIP: the kernel has no swap accounting";
+    for (int64_t wanted : {int64_t{128} << 20, int64_t{32} << 20}) {
+        g_failing = {};
+        ASSERT_TRUE(ApplyMemHardLimit(group, 64 << 20).Ok());
+        g_failing = {2, EINVAL, 0, 0, 1};
+        EXPECT_FALSE(ApplyMemHardLimit(group, wanted).Ok());
+        EXPECT_EQ(64 << 20, ReadMemLimit(group)->hardBytes);
+        EXPECT_EQ(64 << 20, ReadMemLimit(group)->withSwapBytes);
+    }
+}
+
+TEST_F(GroupDirTest, MemoryCountersComeFromTheGroup) {
+    GroupDir group = Make(m_memRoot);
+    auto counters = ReadMemCounters(group);
+    ASSERT_TRUE(counters.Ok());
+    EXPECT_GE(counters->usageBytes, 0);
+    EXPECT_EQ(0, counters->limitHits);
+    EXPECT_EQ(0, counters->oomKills);
+    EXPECT_EQ(-1, counters->ooms);
+    EXPECT_EQ(0, counters->underOom);
+}
+
+TEST_F(GroupDirTest, PlacesGroupsAtTheRootWhereNothingIsDelegated) {
+    auto placement = FindPlacement(m_cpu, m_texts);
+    ASSERT_TRUE(placement.Ok()) << placement.GetError().Text();
+    if (placement->delegated) GTEST_SKIP() << "SKIP: this process runs in a delegated group";
+    EXPECT_EQ(m_cpu.mountPoint, placement->base.Path());
+    EXPECT_EQ("in a group of its own at the root of the hierarchy", placement->reason);
+}
+
+}  // namespace

@@ -1,0 +1,635 @@
+// The legacy limit on the machine's version 1 controllers: what it says must be what the kernel says.
+#include "LegacyLimit.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/utsname.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <thread>
+
+#include "FailingCalls.h"
+#include "KernelExclude.h"
+#include "Limits.h"
+#include "RealKernel.h"
+#include "RecordedLog.h"
+
+using namespace zel::cgroup;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace {
+
+std::vector<std::string> Warnings() {
+    std::vector<std::string> out;
+    for (const RecordedLine& line : TakeLog()) {
+        if (line.level <= 3) out.push_back(line.text);
+    }
+    return out;
+}
+
+class LegacyLimitTest : public RealV1 {
+protected:
+    void SetUp() override {
+        RealV1::SetUp();
+        if (IsSkipped()) return;
+        m_group = m_name + ".legacy";
+        m_limit = Make();
+        TakeLog();
+    }
+    void TearDown() override {
+        g_failing = {};
+        m_limit.reset();
+        RealV1::TearDown();
+    }
+    std::unique_ptr<CLegacyLimit> Make() const {
+        LegacyOptions options;
+        options.groupName = m_group;
+        options.treeName = m_name;
+        options.applicationDir = "/opt/zeltest-nowhere";
+        return std::make_unique<CLegacyLimit>(std::move(options));
+    }
+    std::string Quota() const { return Slurp(CpuDir(m_group) + "/cpu.cfs_quota_us"); }
+    std::string Period() const { return Slurp(CpuDir(m_group) + "/cpu.cfs_period_us"); }
+    std::string Hard() const { return Slurp(MemDir(m_group) + "/memory.limit_in_bytes"); }
+    std::string SelfGroup(const Hierarchy& hierarchy) const {
+        return ReadGroupOf(static_cast<int>(getpid()), hierarchy).Value();
+    }
+    int Start(int percent, int hundredths) { return m_limit->StartCpuLimit(percent, hundredths, m_error); }
+    int Stop() { return m_limit->StopCpuLimit(m_error); }
+    GroupDir Root(const Hierarchy& hierarchy) {
+        return std::move(*GroupDir::Open(hierarchy.mountPoint, Version::kV1));
+    }
+
+    std::string m_group;
+    std::unique_ptr<CLegacyLimit> m_limit;
+    int m_error = 0;
+};
+
+TEST_F(LegacyLimitTest, StartHoldsThisProcessAndStopLeavesNothingBehind) {
+    const std::string before = SelfGroup(m_cpu);
+    EXPECT_FALSE(m_limit->IsCpuLimited());
+    m_error = 7;
+    ASSERT_EQ(kLegacyOk, Start(9, 50));
+    EXPECT_EQ(0, m_error);
+    EXPECT_EQ("9500", Quota());
+    EXPECT_EQ("100000", Period());
+    EXPECT_EQ("/" + m_group, SelfGroup(m_cpu));
+    EXPECT_TRUE(m_limit->IsCpuLimited());
+    EXPECT_FALSE(m_limit->IsV2Runtime(Controller::kCpu));
+    EXPECT_THAT(Warnings(), IsEmpty());
+    ASSERT_EQ(kLegacyOk, Stop());
+    EXPECT_EQ(before, SelfGroup(m_cpu));
+    EXPECT_FALSE(Exists(CpuDir(m_group)));
+    EXPECT_FALSE(m_limit->IsCpuLimited());
+    EXPECT_THAT(Warnings(), IsEmpty());
+}
+
+TEST_F(LegacyLimitTest, SaysWhatIsInForceAndWhere) {
+    ASSERT_EQ(kLegacyOk, Start(9, 50));
+    const auto lines = TakeLog();
+    ASSERT_THAT(lines, SizeIs(1));
+    EXPECT_EQ(4, lines[0].level);
+    EXPECT_EQ("legacy cpu limit in force: 9.50 % of one CPU (9500 us in 100000 us) in " + CpuDir(m_group) + ", " +
+                  m_cpu.reason + ", in a group of its own at the root of the hierarchy",
+              lines[0].text);
+    Stop();
+}
+
+TEST_F(LegacyLimitTest, ChangesUpAndDownWithoutLeaving) {
+    const int steps[][2] = {{10, 0}, {0, 50}, {190, 0}, {1, 0}, {0, 1}, {100, 0}};
+    for (const auto& step : steps) {
+        ASSERT_EQ(kLegacyOk, Start(step[0], step[1])) << step[0];
+        const CpuQuota wanted = QuotaFrom100Times(step[0] * 100 + step[1]);
+        EXPECT_EQ(std::to_string(wanted.quotaUs), Quota());
+        EXPECT_EQ(std::to_string(wanted.periodUs), Period());
+        EXPECT_TRUE(m_limit->IsCpuLimited());
+        EXPECT_EQ("/" + m_group, SelfGroup(m_cpu));
+    }
+    EXPECT_EQ(kLegacyOk, Stop());
+}
+
+TEST_F(LegacyLimitTest, RefusesAShareOfNothing) {
+    const int steps[][2] = {{0, 0}, {-9, -50}, {0, -1}};
+    for (const auto& step : steps) {
+        EXPECT_EQ(kLegacyBadValue, Start(step[0], step[1]));
+        EXPECT_EQ(EINVAL, m_error);
+        EXPECT_THAT(Warnings(), SizeIs(1));
+    }
+    EXPECT_FALSE(Exists(CpuDir(m_group)));
+}
+
+TEST_F(LegacyLimitTest, ABurnerIsReallyHeldToItsQuota) {
+    ASSERT_EQ(kLegacyOk, Start(10, 0));
+    timespec wallStart{}, wallEnd{}, cpuStart{}, cpuEnd{};
+    clock_gettime(CLOCK_MONOTONIC, &wallStart);
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpuStart);
+    do {
+        clock_gettime(CLOCK_MONOTONIC, &wallEnd);
+    } while (wallEnd.tv_sec - wallStart.tv_sec < 2);
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpuEnd);
+    auto group = Root(m_cpu).OpenChild(m_group);
+    ASSERT_TRUE(group.Ok());
+    auto counters = ReadCpuCounters(*group);
+    ASSERT_TRUE(counters.Ok());
+    EXPECT_EQ(kLegacyOk, Stop());
+    const double used = static_cast<double>(cpuEnd.tv_sec - cpuStart.tv_sec) +
+                        static_cast<double>(cpuEnd.tv_nsec - cpuStart.tv_nsec) / 1e9;
+    EXPECT_LT(used, 0.5);  // 10 % of 1 to 2 s and one period of slack
+    EXPECT_GE(counters->throttledPeriods, 5);
+}
+
+TEST_F(LegacyLimitTest, StopWithoutStartIsSilentAndRemovesAnEmptyLeftOver) {
+    EXPECT_EQ(kLegacyOk, Stop());
+    ASSERT_EQ(0, mkdir(CpuDir(m_group).c_str(), 0755));
+    EXPECT_EQ(kLegacyOk, Stop());
+    EXPECT_FALSE(Exists(CpuDir(m_group)));
+    EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+TEST_F(LegacyLimitTest, AProcessBornIntoTheGroupIsAdoptedAndLeavesOnStop) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    // The same process with a library that knows nothing yet, as after a restart in place.
+    auto fresh = Make();
+    EXPECT_FALSE(fresh->IsCpuLimited());
+    int error = 0;
+    EXPECT_EQ(kLegacyOk, fresh->StartCpuLimit(20, 0, error));
+    EXPECT_TRUE(fresh->IsCpuLimited());
+    EXPECT_EQ(kLegacyOk, Make()->StopCpuLimit(error));
+    EXPECT_FALSE(Exists(CpuDir(m_group)));
+    EXPECT_FALSE(fresh->IsCpuLimited());
+}
+
+TEST_F(LegacyLimitTest, AChangedValueIsSeenAndSetAgainBySync) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    ASSERT_TRUE(Root(m_cpu).OpenChild(m_group)->Write("cpu.cfs_quota_us", "-1").Ok());
+    EXPECT_FALSE(m_limit->IsCpuLimited());
+    TakeLog();
+    m_limit->SyncCpuLimit();
+    EXPECT_EQ("20000", Quota());
+    EXPECT_TRUE(m_limit->IsCpuLimited());
+    const auto warnings = Warnings();
+    ASSERT_THAT(warnings, SizeIs(1));
+    EXPECT_EQ("legacy limit of " + CpuDir(m_group) + " was changed by somebody else: set again", warnings[0]);
+    Stop();
+}
+
+TEST_F(LegacyLimitTest, AProcessTakenOutIsSeenAndPutBackBySync) {
+    EXPECT_FALSE(m_limit->IsSelfRemovedFromCgroup());
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    EXPECT_FALSE(m_limit->IsSelfRemovedFromCgroup());
+    ASSERT_TRUE(Root(m_cpu).MoveHere(static_cast<int>(getpid())).Ok());
+    EXPECT_TRUE(m_limit->IsSelfRemovedFromCgroup());
+    EXPECT_FALSE(m_limit->IsCpuLimited());
+    m_limit->SyncCpuLimit();
+    EXPECT_FALSE(m_limit->IsSelfRemovedFromCgroup());
+    EXPECT_TRUE(m_limit->IsCpuLimited());
+    EXPECT_THAT(Warnings(), testing::ElementsAre("this process was moved out of " + CpuDir(m_group) + ": moved back"));
+    Stop();
+    EXPECT_FALSE(m_limit->IsSelfRemovedFromCgroup());
+}
+
+TEST_F(LegacyLimitTest, AGroupThatDisappearsIsMadeAgain) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    ASSERT_TRUE(Root(m_cpu).MoveHere(static_cast<int>(getpid())).Ok());
+    ASSERT_EQ(0, rmdir(CpuDir(m_group).c_str()));
+    EXPECT_FALSE(m_limit->IsCpuLimited());
+    EXPECT_TRUE(m_limit->IsSelfRemovedFromCgroup());
+    m_limit->SyncCpuLimit();
+    EXPECT_TRUE(m_limit->IsCpuLimited());
+    EXPECT_EQ("20000", Quota());
+    // And by a start as well, and a stop of a group that is gone is fine.
+    ASSERT_TRUE(Root(m_cpu).MoveHere(static_cast<int>(getpid())).Ok());
+    ASSERT_EQ(0, rmdir(CpuDir(m_group).c_str()));
+    EXPECT_EQ(kLegacyOk, Start(30, 0));
+    EXPECT_EQ("30000", Quota());
+    ASSERT_TRUE(Root(m_cpu).MoveHere(static_cast<int>(getpid())).Ok());
+    ASSERT_EQ(0, rmdir(CpuDir(m_group).c_str()));
+    EXPECT_EQ(kLegacyOk, Stop());
+}
+
+TEST_F(LegacyLimitTest, ChildrenJoinAtStartAndStraysAreCaughtBySync) {
+    WaitingChild child;
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    EXPECT_EQ("/" + m_group, *ReadGroupOf(child.Pid(), m_cpu));
+    ASSERT_TRUE(Root(m_cpu).MoveHere(child.Pid()).Ok());
+    m_limit->SyncCpuLimit();
+    EXPECT_EQ("/" + m_group, *ReadGroupOf(child.Pid(), m_cpu));
+    EXPECT_EQ(0, m_limit->GetCgroupOtherProcessNum());
+    EXPECT_EQ(kLegacyOk, Stop());
+    EXPECT_NE("/" + m_group, *ReadGroupOf(child.Pid(), m_cpu));
+    EXPECT_FALSE(Exists(CpuDir(m_group)));
+}
+
+TEST_F(LegacyLimitTest, AChildInTheUnifiedTreeStaysThere) {
+    WaitingChild child;
+    auto leaf = Root(m_cpu).MakeChild(m_name)->MakeChild("main");
+    ASSERT_TRUE(leaf.Ok());
+    ASSERT_TRUE(leaf->MoveHere(child.Pid()).Ok());
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    m_limit->SyncCpuLimit();
+    EXPECT_EQ("/" + m_name + "/main", *ReadGroupOf(child.Pid(), m_cpu));
+    Stop();
+    child.End();
+}
+
+// A process that is nobody's child here: its parent has ended.
+int SpawnOrphan() {
+    int ends[2] = {-1, -1};
+    if (pipe2(ends, O_CLOEXEC) != 0) return -1;
+    const pid_t middle = fork();
+    if (middle == 0) {
+        const pid_t orphan = fork();
+        if (orphan == 0) {
+            alarm(60);
+            for (;;) pause();
+        }
+        const int pid = orphan;
+        if (write(ends[1], &pid, sizeof pid) != static_cast<ssize_t>(sizeof pid)) _exit(1);
+        _exit(0);
+    }
+    int pid = -1;
+    if (read(ends[0], &pid, sizeof pid) != static_cast<ssize_t>(sizeof pid)) pid = -1;
+    close(ends[0]);
+    close(ends[1]);
+    waitpid(middle, nullptr, 0);
+    return pid;
+}
+
+TEST_F(LegacyLimitTest, AForeignProcessIsCountedAndNotHeldDownAfterTheStop) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    const int orphan = SpawnOrphan();
+    ASSERT_GT(orphan, 0);
+    ASSERT_TRUE(Root(m_cpu).OpenChild(m_group)->MoveHere(orphan).Ok());
+    EXPECT_EQ(1, m_limit->GetCgroupOtherProcessNum());
+    TakeLog();
+    EXPECT_EQ(kLegacyOk, Stop());
+    EXPECT_EQ("-1", Quota());
+    EXPECT_EQ("/" + m_group, *ReadGroupOf(orphan, m_cpu));
+    const auto warnings = Warnings();
+    ASSERT_THAT(warnings, SizeIs(1));
+    EXPECT_EQ("legacy group " + CpuDir(m_group) +
+                  " kept, 1 processes that are not the agent's are in it; its limit is lifted",
+              warnings[0]);
+    EXPECT_EQ(0, m_limit->GetCgroupOtherProcessNum());
+    kill(orphan, SIGKILL);
+    for (int i = 0; i < 200 && Exists(CpuDir(m_group)); ++i) {
+        if (rmdir(CpuDir(m_group).c_str()) != 0) usleep(10000);
+    }
+}
+
+TEST_F(LegacyLimitTest, AProgramOfTheApplicationDirectoryIsTheAgents) {
+    const std::string self = ReadExecutable(static_cast<int>(getpid()));
+    LegacyOptions options;
+    options.groupName = m_group;
+    options.treeName = m_name;
+    options.applicationDir = self.substr(0, self.rfind('/'));
+    CLegacyLimit limit(std::move(options));
+    ASSERT_EQ(kLegacyOk, limit.StartCpuLimit(20, 0, m_error));
+    const int orphan = SpawnOrphan();
+    ASSERT_GT(orphan, 0);
+    EXPECT_EQ("/" + m_group, *ReadGroupOf(orphan, m_cpu));
+    EXPECT_EQ(0, limit.GetCgroupOtherProcessNum());
+    // The last process of the agent has not left: limit and group stay.
+    EXPECT_EQ(kLegacyOk, limit.StopCpuLimit(m_error));
+    EXPECT_EQ("20000", Quota());
+    kill(orphan, SIGKILL);
+}
+
+TEST_F(LegacyLimitTest, OfTwoProcessesTheLastRemovesTheGroup) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    int toChild[2];
+    int toParent[2];
+    ASSERT_EQ(0, pipe2(toChild, O_CLOEXEC));
+    ASSERT_EQ(0, pipe2(toParent, O_CLOEXEC));
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        auto own = Make();
+        int error = 0;
+        char result = own->StartCpuLimit(20, 0, error) == kLegacyOk && own->IsCpuLimited() ? 'y' : 'n';
+        if (write(toParent[1], &result, 1) != 1 || read(toChild[0], &result, 1) != 1) _exit(2);
+        // The other one has left the group meanwhile; the limit of this one must stand.
+        result = own->IsCpuLimited() && own->StopCpuLimit(error) == kLegacyOk ? 'y' : 'n';
+        if (write(toParent[1], &result, 1) != 1) _exit(2);
+        _exit(0);
+    }
+    char result = 0;
+    ASSERT_EQ(1, read(toParent[0], &result, 1));
+    EXPECT_EQ('y', result);
+    // The child is below us: take only this process out, as a stop in an unrelated process would.
+    ASSERT_TRUE(Root(m_cpu).MoveHere(static_cast<int>(getpid())).Ok());
+    m_limit->Forget(Controller::kCpu);
+    EXPECT_EQ("20000", Quota());
+    ASSERT_EQ(1, write(toChild[1], "x", 1));
+    ASSERT_EQ(1, read(toParent[0], &result, 1));
+    EXPECT_EQ('y', result);
+    EXPECT_FALSE(Exists(CpuDir(m_group)));
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(0, status);
+    for (int fd : {toChild[0], toChild[1], toParent[0], toParent[1]}) close(fd);
+}
+
+TEST_F(LegacyLimitTest, ForgettingMovesNobodyAndWritesNoLimit) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    m_limit->Forget(Controller::kCpu);
+    EXPECT_EQ("/" + m_group, SelfGroup(m_cpu));
+    EXPECT_EQ("20000", Quota());
+    EXPECT_FALSE(m_limit->IsCpuLimited());
+    EXPECT_FALSE(m_limit->IsSelfRemovedFromCgroup());
+    ASSERT_EQ(kLegacyOk, Start(25, 0));
+    ASSERT_TRUE(Root(m_cpu).MoveHere(static_cast<int>(getpid())).Ok());
+    m_limit->Forget(Controller::kCpu);
+    EXPECT_FALSE(Exists(CpuDir(m_group)));
+}
+
+TEST_F(LegacyLimitTest, MemoryLimitHoldsBothValuesAndStops) {
+    ASSERT_EQ(kLegacyOk, m_limit->PrepareMemLimit());
+    EXPECT_FALSE(m_limit->IsMemLimited());
+    const std::string before = SelfGroup(m_memory);
+    ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(300 << 20, 200 << 20, m_error));
+    EXPECT_EQ(std::to_string(300 << 20), Hard());
+    EXPECT_EQ(std::to_string(200 << 20), Slurp(MemDir(m_group) + "/memory.soft_limit_in_bytes"));
+    EXPECT_TRUE(m_limit->IsMemLimited());
+    EXPECT_FALSE(m_limit->IsCpuLimited());
+    ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(450 << 20, 300 << 20, m_error));
+    EXPECT_EQ(std::to_string(450 << 20), Hard());
+    ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(150 << 20, 0, m_error));
+    EXPECT_EQ(std::to_string(150 << 20), Hard());
+    EXPECT_TRUE(m_limit->IsMemLimited());
+    EXPECT_FALSE(m_limit->IsV2Runtime(Controller::kMemory));
+    ASSERT_EQ(kLegacyOk, m_limit->StopMemLimit(m_error, true));
+    EXPECT_FALSE(Exists(MemDir(m_group)));
+    EXPECT_EQ(before, SelfGroup(m_memory));
+}
+
+TEST_F(LegacyLimitTest, WrappedMemoryLimitsAreRefused) {
+    struct Case {
+        int first, second;
+    };
+    const Case cases[] = {
+        {0, 0},
+        {-1, 0},
+        {-1024, -2147483647 - 1},          // 2 GiB and more, wrapped below zero
+        {109051904, -1358954496},          // hard limit wrapped to a small number, soft one below zero
+        {100 << 20, 200 << 20},            // soft above hard
+        {100, 0},                          // less than one page
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(kLegacyBadValue, m_limit->StartMemLimit(c.first, c.second, m_error)) << c.first;
+        EXPECT_EQ(EINVAL, m_error);
+        EXPECT_THAT(Warnings(), SizeIs(1));
+    }
+    EXPECT_FALSE(Exists(MemDir(m_group)));
+}
+
+TEST_F(LegacyLimitTest, AMemoryLimitBelowWhatIsInUseIsRefusedAndTriedAgain) {
+    ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(256 << 20, 0, m_error));
+    constexpr size_t kBytes = 48 << 20;
+    void* memory = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(MAP_FAILED, memory);
+    memset(memory, 1, kBytes);
+    TakeLog();
+    EXPECT_EQ(kLegacyInUse, m_limit->StartMemLimit(8 << 20, 0, m_error));
+    EXPECT_EQ(EBUSY, m_error);
+    EXPECT_EQ(std::to_string(256 << 20), Hard());
+    EXPECT_FALSE(m_limit->IsMemLimited());  // not the limit that was asked for
+    EXPECT_THAT(Warnings(), SizeIs(1));
+    munmap(memory, kBytes);
+    EXPECT_EQ(kLegacyOk, m_limit->StartMemLimit(8 << 20, 0, m_error));
+    EXPECT_TRUE(m_limit->IsMemLimited());
+    EXPECT_EQ(kLegacyOk, m_limit->StopMemLimit(m_error, true));
+}
+
+TEST_F(LegacyLimitTest, ReleaseLeavesAndRemovesBothGroups) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(300 << 20, 200 << 20, m_error));
+    m_limit->ReleaseLimits();
+    EXPECT_FALSE(Exists(CpuDir(m_group)));
+    EXPECT_FALSE(Exists(MemDir(m_group)));
+    EXPECT_FALSE(m_limit->IsCpuLimited());
+    EXPECT_FALSE(m_limit->IsMemLimited());
+    m_limit->ReleaseLimits();
+    EXPECT_THAT(Warnings(), IsEmpty());
+}
+
+TEST_F(LegacyLimitTest, AnExcludedKernelGetsItsOwnNumber) {
+    utsname host{};
+    ASSERT_EQ(0, uname(&host));
+    m_limit->SetKernelExcludeLists(1, "", host.release);
+    EXPECT_EQ(kLegacyOk, m_limit->PrepareMemLimit());
+    m_limit->SetKernelExcludeLists(2, "", host.release);
+    EXPECT_EQ(kLegacyKernelExcluded, m_limit->PrepareMemLimit());
+    EXPECT_THAT(Warnings(), SizeIs(1));
+    m_limit->SetKernelExcludeLists(2, "0.0.0-0,99.0.0-0", "");
+    EXPECT_EQ(kLegacyKernelExcluded, m_limit->PrepareMemLimit());
+    m_limit->SetKernelExcludeLists(2, "", "");
+    EXPECT_EQ(kLegacyOk, m_limit->PrepareMemLimit());
+}
+
+TEST_F(LegacyLimitTest, NothingIsWrittenWhereNoHierarchyIs) {
+    char folder[] = "/dev/shm/zeltestXXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(folder));
+    LegacyOptions options;
+    options.groupName = m_group;
+    options.applicationDir = "/opt/zeltest-nowhere";
+    options.readLayout = [&folder]() -> Result<LayoutTexts> {
+        return LayoutTexts{std::string("9 1 0:32 / ") + folder + " rw - cgroup c rw,cpu,memory\n",
+                           "1:cpu,memory:/\n", ""};
+    };
+    CLegacyLimit limit(std::move(options));
+    EXPECT_EQ(kLegacyNoHierarchy, limit.StartCpuLimit(20, 0, m_error));
+    EXPECT_EQ(kLegacyNoHierarchy, limit.PrepareMemLimit());
+    EXPECT_EQ(kLegacyNoHierarchy, limit.StartMemLimit(64 << 20, 0, m_error));
+    EXPECT_FALSE(limit.IsCpuLimited());
+    const auto warnings = Warnings();
+    ASSERT_THAT(warnings, SizeIs(3));
+    for (const std::string& line : warnings) EXPECT_THAT(line, HasSubstr("not a cgroup file system"));
+    EXPECT_EQ(0, rmdir(folder)) << "something was written into it";
+}
+
+TEST_F(LegacyLimitTest, AReadOnlyHierarchyIsAPermissionFailure) {
+    const pid_t child = fork();
+    if (child == 0) {
+        if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount(m_cpu.mountPoint.c_str(), m_cpu.mountPoint.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+            mount("none", m_cpu.mountPoint.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0) {
+            _exit(77);
+        }
+        // The writable mount below is covered and must not be taken for the visible one.
+        const int code = Start(20, 0);
+        const auto warnings = Warnings();
+        if (code != kLegacyDenied || m_error != EROFS || warnings.size() != 1) _exit(1);
+        _exit(warnings[0].find("remount it read-write") != std::string::npos ? 0 : 2);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 77) GTEST_SKIP() << "SKIP: no private mount namespace here";
+    EXPECT_EQ(0, status);
+    EXPECT_FALSE(Exists(CpuDir(m_group)));
+}
+
+TEST_F(LegacyLimitTest, EveryFailedCallHasItsNumberOneLineAndLeavesNoGroup) {
+    struct Case {
+        int write, writeError, mkdirError, code;
+    };
+    const Case cases[] = {
+        {1, EINVAL, 0, kLegacyWriteFailed},  // the quota
+        {1, EROFS, 0, kLegacyDenied},
+        {1, EACCES, 0, kLegacyDenied},
+        {1, ENOSPC, 0, kLegacyNoRoom},
+        {1, EIO, 0, kLegacyWriteFailed},
+        {1, 0, 0, kLegacyWriteFailed},       // a short write
+        {2, EBUSY, 0, kLegacyCannotMove},    // this process
+        {2, EINVAL, 0, kLegacyCannotMove},
+        {2, EPERM, 0, kLegacyDenied},
+        {0, 0, EACCES, kLegacyDenied},       // the group
+        {0, 0, ENOSPC, kLegacyNoRoom},
+        {0, 0, EIO, kLegacyWriteFailed},
+    };
+    for (const Case& c : cases) {
+        g_failing = {c.write, c.writeError, c.mkdirError, 0, 1};
+        EXPECT_EQ(c.code, Start(20, 0)) << c.write << " " << c.writeError << " " << c.mkdirError;
+        const int failed = c.mkdirError != 0 ? c.mkdirError : c.writeError;
+        EXPECT_EQ(failed, m_error);
+        g_failing = {};
+        EXPECT_FALSE(m_limit->IsCpuLimited());
+        EXPECT_FALSE(Exists(CpuDir(m_group)));
+        EXPECT_THAT(Warnings(), SizeIs(1));
+    }
+}
+
+TEST_F(LegacyLimitTest, AGroupRemovedDuringTheStartIsMadeAgain) {
+    g_failing = {2, ENODEV, 0, 0, 1};
+    EXPECT_EQ(kLegacyOk, Start(20, 0));
+    EXPECT_TRUE(m_limit->IsCpuLimited());
+    EXPECT_THAT(Warnings(), IsEmpty());
+    Stop();
+}
+
+TEST_F(LegacyLimitTest, AFailedChangeKeepsTheOldLimitAndAsksForARetry) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    g_failing = {1, EINVAL, 0, 0, 1};
+    EXPECT_EQ(kLegacyWriteFailed, Start(30, 0));
+    g_failing = {};
+    EXPECT_EQ("20000", Quota());
+    EXPECT_EQ("/" + m_group, SelfGroup(m_cpu));
+    EXPECT_FALSE(m_limit->IsCpuLimited());
+    EXPECT_EQ(kLegacyOk, Start(30, 0));
+    EXPECT_TRUE(m_limit->IsCpuLimited());
+    Stop();
+}
+
+TEST_F(LegacyLimitTest, AStopFallsBackToTheRootWhenTheOldGroupRefusesTheProcess) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    TakeLog();
+    g_failing = {1, EPERM, 0, 0, 1};
+    EXPECT_EQ(kLegacyOk, Stop());
+    EXPECT_FALSE(Exists(CpuDir(m_group)));
+    EXPECT_THAT(Warnings(), IsEmpty());
+}
+
+TEST_F(LegacyLimitTest, AStopThatCannotMoveLiftsTheLimitAndSaysSo) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    TakeLog();
+    g_failing = {1, EPERM, 0, 0, 2};
+    EXPECT_EQ(kLegacyCannotLeave, Stop());
+    EXPECT_EQ(EPERM, m_error);
+    EXPECT_EQ("-1", Quota());
+    EXPECT_FALSE(m_limit->IsCpuLimited());
+    EXPECT_THAT(Warnings(), SizeIs(1));
+}
+
+TEST_F(LegacyLimitTest, AStopThatCanNeitherMoveNorLiftSaysSo) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    TakeLog();
+    g_failing = {1, EPERM, 0, 0, 3};
+    EXPECT_EQ(kLegacyCannotLift, Stop());
+    EXPECT_EQ("20000", Quota());
+    EXPECT_FALSE(m_limit->IsCpuLimited());
+    EXPECT_THAT(Warnings(), SizeIs(1));
+}
+
+TEST_F(LegacyLimitTest, ManyThreadsMayEnterAtOnce) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([this, i] {
+            for (int round = 0; round < 5; ++round) {
+                int error = 0;
+                if (i == 0) m_limit->StartCpuLimit(20 + round, 0, error);
+                if (i == 1) m_limit->SyncCpuLimit();
+                if (i == 2) m_limit->IsCpuLimited();
+                if (i == 3) m_limit->GetCgroupOtherProcessNum();
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_TRUE(m_limit->IsCpuLimited());
+    Stop();
+}
+
+TEST(LegacyCodeTest, KeepsTheNumbersOfTheModuleFree) {
+    for (int kind = 0; kind <= static_cast<int>(ErrorKind::kOther); ++kind) {
+        const int code = LegacyCodeOf(MakeError(static_cast<ErrorKind>(kind), "x", "y"));
+        EXPECT_NE(0, code);
+        EXPECT_NE(10, code);
+        EXPECT_NE(120, code);
+    }
+}
+
+TEST(KernelExcludeTest, FollowsTheTable) {
+    struct Case {
+        const char *release, *ranges, *prefixes;
+        bool excluded;
+    };
+    const Case cases[] = {
+        {"4.9.93-010.x86_64", "", "4.9.93-010", true},
+        {"4.9.93-0101", "", "4.9.93-010", true},
+        {"4.9.93-011", "", "4.9.93-010  4.9.93-012", false},
+        {"4.9.93-011", "4.9.93-010,4.9.93-012", "", true},
+        {"4.9.93-9", "4.9.93-010,4.9.93-012", "", false},
+        {"4.9.93-13", "4.9.93-010,4.9.93-012", "", false},
+        {"4.14.7-500", "4.9.0-0,4.19.0-0", "", true},
+        {"6.1.0-49-cloud-amd64", "1.0.0-0,2.0.0-0 6.1.0-49,6.1.0-49", "", true},
+        {"5.10.0", "5.10.0-0,5.10.0-0", "", true},
+        {"5.10.0", "5.10.0,5.10.0 5.10-0,5.10-0 garbage , - 5.10.0-0", "", false},
+        {"abc", "0.0.0-0,9.9.9-9", "", false},
+        {"", "0.0.0-0,9.9.9-9", "a", false},
+        {"6.1.0-1", "", "", false},
+        {"4.9.300-1", "4.10.0-0,4.11.0-0", "", false},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.excluded, IsKernelExcluded(c.release, c.ranges, c.prefixes)) << c.release << " " << c.ranges;
+    }
+}
+
+TEST(ProcessTableTest, ReadsAHostileCommandName) {
+    ProcessEntry entry;
+    ASSERT_TRUE(ParseProcessStat("42 (a) S 7 (b) S 9 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 777 0 0", entry));
+    EXPECT_EQ(42, entry.pid);
+    EXPECT_EQ(9, entry.parent);
+    EXPECT_EQ(777u, entry.startTicks);
+    for (const char* bad : {"", "42", "42 (a", "42 )a(", "42 (a) S", "x (a) S 1 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 777",
+                            "42 (a) S -1 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 777"}) {
+        EXPECT_FALSE(ParseProcessStat(bad, entry)) << bad;
+    }
+}
+
+TEST(ProcessTableTest, FindsDescendantsAndBearsALoop) {
+    const std::vector<ProcessEntry> table = {{1, 0, 0}, {2, 1, 0}, {3, 2, 0}, {4, 1, 0}, {5, 6, 0}, {6, 5, 0}};
+    EXPECT_THAT(DescendantsOf(table, 2), SizeIs(2));
+    EXPECT_THAT(DescendantsOf(table, 5), SizeIs(2));
+    EXPECT_THAT(DescendantsOf(table, 9), IsEmpty());
+    EXPECT_TRUE(IsBelow(table, 3, 1));
+    EXPECT_FALSE(IsBelow(table, 4, 2));
+    EXPECT_FALSE(IsBelow(table, 5, 1));
+}
+
+}  // namespace

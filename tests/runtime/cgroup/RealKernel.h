@@ -1,0 +1,107 @@
+// Fixture on the machine's own version 1 controllers: names carry the pid, everything made is removed again, and a
+// machine without them is skipped with the reason.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "GroupDir.h"
+#include "Hierarchy.h"
+
+/// Returns: the file's text without the last line end; "<missing>" when it cannot be read.
+inline std::string Slurp(const std::string& path) {
+    std::ifstream in(path);
+    if (!in) return "<missing>";
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    return text;
+}
+
+inline bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+/// A child that waits until it is killed; ends with its parent.
+class WaitingChild {
+public:
+    WaitingChild() {
+        m_pid = fork();
+        if (m_pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            for (;;) pause();
+        }
+    }
+    ~WaitingChild() { End(); }
+    WaitingChild(const WaitingChild&) = delete;
+    WaitingChild& operator=(const WaitingChild&) = delete;
+    int Pid() const { return m_pid; }
+    void End() {
+        if (m_pid <= 0) return;
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+        m_pid = 0;
+    }
+
+private:
+    pid_t m_pid = 0;
+};
+
+class RealV1 : public testing::Test {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) GTEST_SKIP() << "SKIP direct v1: not root: cannot mkdir under /sys/fs/cgroup";
+        auto texts = zel::cgroup::ReadLayoutTexts();
+        ASSERT_TRUE(texts.Ok());
+        m_texts = *texts;
+        m_cpu = zel::cgroup::FindHierarchy(zel::cgroup::Controller::kCpu, m_texts);
+        m_memory = zel::cgroup::FindHierarchy(zel::cgroup::Controller::kMemory, m_texts);
+        for (const auto* hierarchy : {&m_cpu, &m_memory}) {
+            if (hierarchy->version != zel::cgroup::Version::kV1 || hierarchy->readOnly) {
+                GTEST_SKIP() << "SKIP direct v1: no writable cgroup v1 mount: " << hierarchy->reason;
+            }
+        }
+        m_name = "zeltest-" + std::to_string(getpid());
+    }
+
+    void TearDown() override {
+        for (const auto* hierarchy : {&m_cpu, &m_memory}) {
+            if (hierarchy->version != zel::cgroup::Version::kV1) continue;
+            auto root = zel::cgroup::GroupDir::Open(hierarchy->mountPoint, hierarchy->version);
+            if (!root) continue;
+            auto children = root->Children();
+            if (!children) continue;
+            for (const std::string& child : *children) {
+                if (child == m_name || child.compare(0, m_name.size() + 1, m_name + ".") == 0) RemoveTree(*root, child);
+            }
+        }
+    }
+
+    /// Moves whatever is in the group back to where this test started and removes it with its children.
+    static void RemoveTree(const zel::cgroup::GroupDir& parent, const std::string& name) {
+        auto group = parent.OpenChild(name);
+        if (!group) return;
+        if (auto children = group->Children()) {
+            for (const std::string& child : *children) RemoveTree(*group, child);
+        }
+        auto moved = zel::cgroup::MoveAll(*group, parent);
+        EXPECT_TRUE(moved.Ok());
+        auto removed = parent.RemoveChild(name);
+        EXPECT_TRUE(removed.Ok()) << (removed ? "" : removed.GetError().Text());
+    }
+
+    std::string CpuDir(const std::string& group) const { return m_cpu.mountPoint + "/" + group; }
+    std::string MemDir(const std::string& group) const { return m_memory.mountPoint + "/" + group; }
+
+    zel::cgroup::LayoutTexts m_texts;
+    zel::cgroup::Hierarchy m_cpu;
+    zel::cgroup::Hierarchy m_memory;
+    std::string m_name;
+};
