@@ -1,6 +1,5 @@
 // Feeds arbitrary bytes as a resource configuration file to the private object on the scripted platform, and holds
 // what it published and applied against rules that must be true for any file.
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <climits>
@@ -8,7 +7,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <string>
 
 #include "MonitorPri.h"
@@ -25,17 +23,26 @@ void Require(bool holds, const char* rule) {
     abort();
 }
 
-/// A file without a name that the parser opens through /proc, so that no run leaves anything behind.
-class MemoryFile {
+/// The file that the parser opens; gone when the program ends.
+class TemporaryFile {
 public:
-    MemoryFile() : m_fd(memfd_create("resource_config", MFD_CLOEXEC)), m_path("/proc/self/fd/" + std::to_string(m_fd)) {
-        Require(m_fd >= 0, "the kernel gives an anonymous file");
+    TemporaryFile() {
+        const char* folder = getenv("TMPDIR");
+        m_path = std::string(folder != nullptr ? folder : "/tmp") + "/fuzz_resource_file_XXXXXX";
+        m_fd = mkstemp(m_path.data());
+        Require(m_fd >= 0, "a temporary file can be made");
+    }
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+    ~TemporaryFile() {
+        close(m_fd);
+        unlink(m_path.c_str());
     }
     void Replace(const uint8_t* data, size_t size) {
-        Require(ftruncate(m_fd, 0) == 0, "the anonymous file can be emptied");
+        Require(ftruncate(m_fd, 0) == 0, "the temporary file can be emptied");
         for (size_t at = 0; at < size;) {
             const ssize_t written = pwrite(m_fd, data + at, size - at, static_cast<off_t>(at));
-            Require(written > 0, "the anonymous file can be written");
+            Require(written > 0, "the temporary file can be written");
             at += static_cast<size_t>(written);
         }
     }
@@ -125,7 +132,7 @@ Outcome Run(const std::string& path, bool isMain, bool online) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static MemoryFile file;
+    static TemporaryFile file;
     if (size > kMaxInput) return 0;
     file.Replace(data, size);
     const Outcome component = Run(file.path(), false, true);

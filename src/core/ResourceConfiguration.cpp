@@ -3,10 +3,15 @@
 #define SI_NO_CONVERSION
 #define SI_IMPLEMENTATION
 #include <SimpleIni.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
+#include <cstdio>
 #include <exception>
+#include <memory>
 #include <string>
 
 #include "LimitConversion.h"
@@ -22,6 +27,23 @@ using IniFile = CSimpleIniTempl<char, SI_GenericNoCase<char>, SI_ConvertA<char>>
 // Keys before any section header.
 constexpr const char* kUnnamedSection = "";
 constexpr int kDecimal = 10;
+// The parser takes a file whole, so what cannot be a configuration must not reach it.
+constexpr off_t kMaxFileBytes = 64L * 1024 * 1024;
+
+struct FileCloser {
+    void operator()(FILE* file) const { fclose(file); }
+};
+
+// The parser's own opening would follow a link, wait for a pipe's writer and leak the descriptor into a child process.
+std::unique_ptr<FILE, FileCloser> OpenRegularFile(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0) return nullptr;
+    struct stat info {};
+    FILE* file = nullptr;
+    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size <= kMaxFileBytes) file = fdopen(fd, "rb");
+    if (file == nullptr) close(fd);
+    return std::unique_ptr<FILE, FileCloser>(file);
+}
 
 std::string ReadText(const IniFile& ini, const char* key, const char* fallback) {
     return ini.GetValue(kUnnamedSection, key, fallback);
@@ -42,7 +64,8 @@ bool CMonitorPri::ParseMonitorConfig(const std::string& path, ResourceConfig& co
     bool loaded = false;
     try {
         IniFile ini(false, false, false);
-        loaded = ini.LoadFile(path.c_str()) >= 0;
+        const std::unique_ptr<FILE, FileCloser> file = OpenRegularFile(path);
+        loaded = file != nullptr && ini.LoadFile(file.get()) >= 0;
         if (loaded) {
             config.maxCpu = ReadInt(ini, "max_cpu", "10");
             config.maxMemory = ReadInt(ini, "max_memory", "200");

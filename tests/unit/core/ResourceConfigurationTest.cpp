@@ -1,4 +1,8 @@
 // The resource configuration file: keys and defaults, publication, the first application of every limit, bad input.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <climits>
 #include <cstddef>
@@ -60,13 +64,35 @@ TEST_F(ResourceConfigurationTest, RefusesWhatIsNoRegularFileSilently) {
 }
 
 TEST_F(ResourceConfigurationTest, SaysWhenTheFileCannotBeLoaded) {
-    const std::string missing = ::testing::TempDir() + "resource_config_that_is_not_there";
-    for (const std::string& path : {missing, ::testing::TempDir()}) {
+    std::string folder = ::testing::TempDir() + "resource_config_XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(folder.data()));
+    const std::string missing = folder + "/missing", link = folder + "/link", pipe = folder + "/pipe",
+                      huge = folder + "/huge";
+    const std::string good = WriteConfig("max_cpu=20\n");
+    ASSERT_EQ(0, symlink(good.c_str(), link.c_str()));
+    ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600));
+    const int fd = open(huge.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    EXPECT_EQ(0, ftruncate(fd, 64L * 1024 * 1024 + 1)) << "sparse: no block is written";
+    close(fd);
+    for (const std::string& path : {missing, folder, link, pipe, huge}) {
         platform().files.alsoFiles.insert(path);
-        EXPECT_FALSE(pri().ParseMonitorConfig(path, m_config));
+        EXPECT_FALSE(pri().ParseMonitorConfig(path, m_config)) << path;
         EXPECT_EQ(Lines({"CFileUtil::IsFile(" + path + ")", "W2 read resource monitor config fail"}), journal());
         EXPECT_EQ(Show(ResourceConfig()), Show(m_config));
     }
+    for (const std::string& path : {link, pipe, huge}) unlink(path.c_str());
+    EXPECT_EQ(0, rmdir(folder.c_str()));
+}
+
+TEST_F(ResourceConfigurationTest, LeavesNoDescriptorOpen) {
+    const int before = dup(STDIN_FILENO);
+    close(before);
+    EXPECT_TRUE(Parse("max_cpu=20\n"));
+    platform().files.alsoFiles.insert("/dev/null");
+    EXPECT_FALSE(pri().ParseMonitorConfig("/dev/null", m_config));
+    const int after = dup(STDIN_FILENO);
+    close(after);
+    EXPECT_EQ(before, after);
 }
 
 // --- keys ---
