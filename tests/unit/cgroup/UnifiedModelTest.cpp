@@ -385,8 +385,8 @@ std::ostream& operator<<(std::ostream& out, const Scenario& s) {
     out << "main=" << !s.world.component << " callback=" << !s.world.noCallback << " client=" << s.world.client
         << " solaris=" << s.world.solaris << " cpus=" << kCpuCounts[s.world.cpus] << " range=["
         << kRanges[s.world.range].text << "] excluded=[" << kPrefixes[s.world.prefixes].text << "] excludedRange=["
-        << kExcludedRanges[s.world.excludeRange].text << "] groups=[" << kGroupTexts[s.world.groups].text << "] components=["
-        << kComponentTexts[s.world.components].text << "]";
+        << kExcludedRanges[s.world.excludeRange].text << "] groups=["
+        << kGroupTexts[s.world.groups].text << "] components=[" << kComponentTexts[s.world.components].text << "]";
     for (const Op& op : s.ops) out << "\n  " << op;
     return out;
 }
@@ -723,8 +723,12 @@ private:
     bool Publish() {
         Put(std::string("CFileUtil::IsFile(") + kComponentFile + ")");
         Tape disabled = m_writeDisabled;
-        const bool facts[] = {fileThere, backupThere,           !m_op->Has(kRemoveBackupFails), !m_op->Has(kRenameFails),
-                              manager,   disabled.Next()};
+        const bool facts[] = {fileThere,
+                              backupThere,
+                              !m_op->Has(kRemoveBackupFails),
+                              !m_op->Has(kRenameFails),
+                              manager,
+                              disabled.Next()};
         return Play(Find(kPublishRows, facts));
     }
 
@@ -1064,8 +1068,8 @@ private:
     static Lines StateOf(const Model& m) {
         return {doubles::Format("manager=%d active=%d last=%d,%ld,%d", m.manager, m.active, m.last.mode, m.last.cpu,
                                 m.last.mem),
-                doubles::Format("quota=%d/%d,%d/%d legacy=%d,%d", m.quotaCpu > 0, m.quotaCpu, m.quotaMem > 0, m.quotaMem,
-                                m.legacyCpu, m.legacyMem),
+                doubles::Format("quota=%d/%d,%d/%d legacy=%d,%d", m.quotaCpu > 0, m.quotaCpu, m.quotaMem > 0,
+                                m.quotaMem, m.legacyCpu, m.legacyMem),
                 doubles::Format("file=%d backup=%d mark=%d lastReport=%ld", m.fileThere, m.backupThere,
                                 m.mark.state != Model::Watermark::kNone, m.lastReport)};
     }
@@ -1151,7 +1155,8 @@ rc::Gen<Scenario> Scenarios() {
         rc::gen::set(&World::component, Seldom()), rc::gen::set(&World::noCallback, Seldom()),
         rc::gen::set(&World::client, rc::gen::arbitrary<bool>()), rc::gen::set(&World::solaris, Seldom()),
         rc::gen::set(&World::cpus, IndexOf(kCpuCounts)), rc::gen::set(&World::range, MostlyFirst(kRanges)),
-        rc::gen::set(&World::prefixes, MostlyFirst(kPrefixes)), rc::gen::set(&World::excludeRange, MostlyFirst(kExcludedRanges)),
+        rc::gen::set(&World::prefixes, MostlyFirst(kPrefixes)),
+        rc::gen::set(&World::excludeRange, MostlyFirst(kExcludedRanges)),
         rc::gen::set(&World::groups, MostlyFirst(kGroupTexts)),
         rc::gen::set(&World::components, MostlyFirst(kComponentTexts))));
     return rc::gen::build<Scenario>(
