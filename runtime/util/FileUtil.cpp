@@ -76,13 +76,16 @@ bool WriteDurably(const UniqueFd& fd, const std::string& text, bool durable) {
            (!durable || ::fsync(fd.Get()) == 0);
 }
 
-// Takes the lines out of `text` whose end has been seen; the rest stays for the next chunk.
-void TakeLines(std::string& text, std::list<std::string>& lines, unsigned long limit) {
+// Takes the lines out of `text` whose end has been seen; the rest stays for the next chunk. What stands before
+// `searched` is known to hold no line end, so that a long line is not searched again with every chunk.
+void TakeLines(std::string& text, size_t searched, std::list<std::string>& lines, unsigned long limit) {
     size_t at = 0;
-    for (size_t end = 0; lines.size() < limit && (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
+    for (size_t end = 0; lines.size() < limit && (end = text.find('\n', searched)) != std::string::npos;) {
         const size_t length = end - at;
         const bool carriageReturn = length != 0 && text[end - 1] == '\r';
         lines.emplace_back(text, at, carriageReturn ? length - 1 : length);
+        at = end + 1;
+        searched = at;
     }
     text.erase(0, at);
 }
@@ -101,12 +104,13 @@ bool CFileUtil::ReadFileLineToList(const std::string& path, std::list<std::strin
     std::string rest;
     size_t total = 0;
     while (found.size() < limit) {
+        const size_t searched = rest.size();
         const ssize_t got = AppendChunk(fd, rest, kReadChunkBytes);
         if (got < 0) return false;
         if (got == 0) break;
         total += static_cast<size_t>(got);
         if (total > kMaxLinesFileBytes) return false;
-        TakeLines(rest, found, limit);
+        TakeLines(rest, searched, found, limit);
     }
     // The last line may lack its end.
     if (!rest.empty() && found.size() < limit) found.push_back(std::move(rest));

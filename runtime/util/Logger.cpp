@@ -425,7 +425,8 @@ private:
     std::atomic<LogTap> m_tap{nullptr};
     std::atomic<unsigned long> m_redirected{0};
 
-    Logger* const m_parent = nullptr;  ///< in a forked child, so that what it inherited counts as reachable
+    // In a forked child, so that what it inherited counts as reachable.
+    [[maybe_unused]] Logger* const m_parent = nullptr;
 
     std::mutex m_mutex;  ///< guards what follows, up to the empty line
     std::condition_variable m_work;
