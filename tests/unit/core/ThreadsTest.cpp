@@ -1,0 +1,119 @@
+// Every thread that enters the module, at the same time. The thread sanitizer is the judge; without it the tests still
+// find a deadlock and an answer that no state of the module would give.
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include "CoreFixture.h"
+#include "Monitor.h"
+
+namespace {
+
+/// Runs each body over and over in a thread of its own until the last one of `rounds` is done.
+void RunTogether(int rounds, const std::vector<std::function<void(int)>>& bodies) {
+    std::atomic<size_t> ready{0};
+    std::vector<std::thread> threads;
+    for (const auto& body : bodies) {
+        threads.emplace_back([&, body] {
+            ++ready;
+            while (ready < bodies.size()) std::this_thread::yield();
+            for (int round = 0; round < rounds; ++round) body(round);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+}
+
+class Point final : public IMonitorInfo {
+public:
+    std::string GetMonitorMessage() override { return "here"; }
+};
+
+class SysIntfDouble final : public CSysIntf {
+public:
+    void GetHighCpuUsageThread(long& tid, unsigned int& usage) override {
+        tid = 5;
+        usage = 50;
+    }
+    void GetThreadsCpuUsage(std::list<CSysThreadsCpuUsage>& list) override { list.emplace_back(); }
+    unsigned long GetCurrThreadId() override { return 9; }
+};
+
+constexpr int kRounds = 300;
+
+}  // namespace
+
+class ThreadsTest : public CoreFixture {
+protected:
+    void SetUp() override {
+        CoreFixture::SetUp();
+        platform().keepInJournal = [](const std::string&) { return false; };
+    }
+};
+
+TEST_F(ThreadsTest, EnterThePrivateObjectTogether) {
+    platform().manager.cpuEnabled.Always(true);
+    platform().limit.cpuLimited.Always(true);
+    platform().base.cpuLevel = 1;
+    conf().cpuLimitEnabled.Set(1);
+    conf().maxCpu.Set(20);
+    conf().groupMaxCpu.Set(20);
+    conf().groupMaxMemory.Set(200);
+    pri().SetConfigPath(WriteConfig("resource_limit_mode=9\n"));
+    ASSERT_TRUE(pri().StartMonitor(nullptr, "tervane"));
+
+    std::atomic<int> wrong{0};
+    RunTogether(kRounds, {
+        [&](int) {  // a worker
+            long maximum = 0;
+            if (!pri().IsCpuNeedLimit(1) || pri().IsCpuNeedLimit(0) || pri().GetMaxCpu(maximum)) ++wrong;
+            pri().IsResourceLimited();
+            if (pri().IsDiskFull() || pri().IsMemBusy()) ++wrong;
+        },
+        [&](int) { pri().timeEvent(9001); },
+        [&](int round) { pri().MonitorOther(static_cast<unsigned long>(round)); },
+        [&](int round) {  // in and out of the unified mode
+            conf().resourceLimitMode.Set(round % 3 == 0 ? 9 : round % 3 == 1 ? 1 : 0);
+            pri().OnUpdate();
+        },
+        [&](int) {
+            std::map<std::string, std::string> info;
+            if (!pri().GetExceptionInfo(info)) ++wrong;
+            const std::string& enabled = info["tervane_cpu_limit_enable"];
+            if (enabled != "0" && enabled != "1") ++wrong;
+        },
+    });
+    EXPECT_EQ(0, wrong);
+    EXPECT_TRUE(pri().StopMonitor());
+}
+
+TEST_F(ThreadsTest, EnterTheFacadeTogether) {
+    m_pri.reset();
+    CMonitor monitor;
+    SysIntfDouble sysIntf;
+    Point kept, passing;
+    monitor.AddMonitorPoint(&kept);
+    std::atomic<int> wrong{0};
+    RunTogether(kRounds, {
+        [&](int) {
+            std::string report;
+            unsigned int highTid = 7;
+            monitor.GetThreadsInfo(report, &highTid);
+            if (highTid != 0 || report.find("here\n") == std::string::npos) ++wrong;
+        },
+        [&](int) {
+            monitor.AddMonitorPoint(&passing);
+            monitor.RemoveMonitorPoint(&passing);
+        },
+        [&](int round) { monitor.SetSysIntf(round % 2 == 0 ? &sysIntf : nullptr); },
+        [&](int) {
+            const unsigned long id = monitor.GetCurrThreadId();
+            if (id != 0 && id != 9) ++wrong;
+            std::string name;
+            long tid = 1;
+            unsigned int usage = 1;
+            monitor.GetHighCpuUsageThreadName(name, tid, usage);
+            if (!(tid == 0 && usage == 0) && !(tid == 5 && usage == 50)) ++wrong;
+        },
+    });
+    EXPECT_EQ(0, wrong);
+}
