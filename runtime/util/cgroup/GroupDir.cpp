@@ -114,14 +114,20 @@ Result<std::string> ReadAll(int fd, const std::string& path, size_t limit) {
     }
 }
 
-// A process that nobody has waited for yet is still in /proc, but in no group's list.
+// A process that is ending, or that nobody has waited for yet, is still in /proc but in no group's list.
 bool HasEnded(int pid) {
     constexpr size_t kMaxStatBytes = 8192;
+    constexpr size_t kStateField = 0;  // counted from the end of the command name, proc(5)
+    constexpr size_t kFlagsField = 6;
+    constexpr int64_t kExiting = 0x4;  // PF_EXITING
     Result<std::string> stat = ReadProcFile("/proc/" + std::to_string(pid) + "/stat", kMaxStatBytes);
     if (!stat) return true;
-    const size_t name = stat->rfind(") ");
-    return name != std::string::npos && name + 2 < stat->size() &&
-           ((*stat)[name + 2] == 'Z' || (*stat)[name + 2] == 'X');
+    const size_t name = stat->rfind(')');
+    if (name == std::string::npos) return false;
+    const std::vector<std::string> fields = ParseWords(std::string_view(*stat).substr(name + 1));
+    if (fields.size() <= kFlagsField) return false;
+    Result<int64_t> flags = ParseNumberOrMax(fields[kFlagsField]);
+    return fields[kStateField] == "Z" || fields[kStateField] == "X" || (flags && (*flags & kExiting) != 0);
 }
 
 }  // namespace

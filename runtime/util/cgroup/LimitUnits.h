@@ -42,6 +42,9 @@ int QuotaTo100Times(const CpuQuota& quota);
 /// Limit as the kernel keeps it: whole pages, rounded down. Unlimited stays unlimited.
 int64_t PageRoundDown(int64_t bytes);
 
+/// Version 1 limit on memory and swap together that goes with a memory limit of whole pages: one page above.
+int64_t V1SwapLimitFor(int64_t bytes);
+
 /// Units: KB to bytes; zero and negative: unlimited. Saturates.
 int64_t BytesFromKb(int64_t kb);
 /// Units: bytes to KB, rounded down, saturated at 2147483647; no limit: 0.

@@ -87,11 +87,13 @@ bool Above(int64_t a, int64_t b) { return b >= 0 && (a < 0 || a > b); }
 Status WriteV1Hard(const GroupDir& group, const MemLimit& old, int64_t bytes) {
     const std::string text = bytes < 0 ? "-1" : std::to_string(bytes);
     if (!old.hasSwapLimit) return group.Write(v1::kMemLimitBytes, text);
+    const int64_t withSwap = V1SwapLimitFor(bytes);
+    const std::string swapText = withSwap < 0 ? "-1" : std::to_string(withSwap);
     // The kernel wants limit <= limit with swap after each of the two writes.
     const bool grows = Above(bytes, old.withSwapBytes);
-    Status first = group.Write(grows ? v1::kMemSwapLimitBytes : v1::kMemLimitBytes, text);
+    Status first = grows ? group.Write(v1::kMemSwapLimitBytes, swapText) : group.Write(v1::kMemLimitBytes, text);
     if (!first) return first;
-    Status second = group.Write(grows ? v1::kMemLimitBytes : v1::kMemSwapLimitBytes, text);
+    Status second = grows ? group.Write(v1::kMemLimitBytes, text) : group.Write(v1::kMemSwapLimitBytes, swapText);
     if (second) return second;
     const int64_t before = grows ? old.withSwapBytes : old.hardBytes;
     Status back = group.Write(grows ? v1::kMemSwapLimitBytes : v1::kMemLimitBytes,
@@ -184,7 +186,8 @@ Status ApplyMemHardLimit(const GroupDir& group, int64_t bytes) {
     const int64_t wanted = PageRoundDown(bytes);
     Result<MemLimit> old = ReadMemLimit(group);
     if (!old) return old.GetError();
-    if (old->hardBytes == wanted && (!old->hasSwapLimit || old->withSwapBytes == wanted)) return {};
+    const int64_t withSwap = V1SwapLimitFor(wanted);
+    if (old->hardBytes == wanted && (!old->hasSwapLimit || old->withSwapBytes == withSwap)) return {};
     const bool isV2 = group.GetVersion() == Version::kV2;
     if (isV2) {
         Status room = CheckRoomUnder(group, wanted);
@@ -194,7 +197,7 @@ Status ApplyMemHardLimit(const GroupDir& group, int64_t bytes) {
     if (!written) return written;
     Result<MemLimit> now = ReadMemLimit(group);
     if (!now) return now.GetError();
-    if (now->hardBytes == wanted && (!now->hasSwapLimit || now->withSwapBytes == wanted)) return {};
+    if (now->hardBytes == wanted && (!now->hasSwapLimit || now->withSwapBytes == withSwap)) return {};
     return MakeError(ErrorKind::kNotInForce, "set memory limit " + LimitText(wanted) + " on", group.Path(),
                      "the kernel shows " + LimitText(now->hardBytes) + ": somebody else writes this group");
 }

@@ -39,9 +39,10 @@ struct MemLimit {
 Result<MemLimit> ReadMemLimit(const GroupDir& group);
 
 /// Writes the hard limit unless it is there, and reads it back, rounded down to pages as the kernel does.
-/// Kernel: version 1 with swap accounting keeps the limit on memory and swap together at the same value, since a limit
-/// that only moves the agent's memory to swap helps nobody; it must never be below the memory limit, so it is raised
-/// first and lowered last. Version 2: memory.max; memory.swap.max is left alone.
+/// Kernel: version 1 with swap accounting keeps the limit on memory and swap together one page above, since a limit
+/// that only moves the agent's memory to swap helps nobody. Not at the same value: then that one is hit first, and
+/// memory.failcnt stays 0. It must never be below the memory limit, so it is raised first and lowered last.
+/// Version 2: memory.max; memory.swap.max is left alone.
 /// A limit below the anonymous memory in use is refused as kBusy on version 2 too, where the kernel would take it and
 /// kill.
 /// On failure: kBusy when more is in use than can be reclaimed; version 1 puts the old pair back.

@@ -1,6 +1,7 @@
 # Control groups: base layer, legacy limit, manager, client. An object library, so that the tests link the very same
 # objects: what is below the seam is hidden in the shared library.
 add_library(zelCgroup OBJECT
+  ${CMAKE_CURRENT_LIST_DIR}/CgroupStatus.cpp
   ${CMAKE_CURRENT_LIST_DIR}/GroupDir.cpp
   ${CMAKE_CURRENT_LIST_DIR}/Hierarchy.cpp
   ${CMAKE_CURRENT_LIST_DIR}/KernelExclude.cpp

@@ -229,7 +229,7 @@ TEST_F(GroupDirTest, MemoryLimitGrowsAndShrinksTogetherWithTheSwapLimit) {
         ASSERT_TRUE(status.Ok()) << status.GetError().Text();
         EXPECT_EQ(std::to_string(bytes), Slurp(MemDir(m_name) + "/memory.limit_in_bytes"));
         if (hasSwap) {
-            EXPECT_EQ(std::to_string(bytes), Slurp(MemDir(m_name) + "/memory.memsw.limit_in_bytes"));
+            EXPECT_EQ(std::to_string(V1SwapLimitFor(bytes)), Slurp(MemDir(m_name) + "/memory.memsw.limit_in_bytes"));
         }
     }
     ASSERT_TRUE(ApplyMemSoftLimit(group, 16 << 20).Ok());
@@ -248,7 +248,7 @@ TEST_F(GroupDirTest, AFailedSecondMemoryWritePutsTheFirstBack) {
         g_failing = {2, EINVAL, 0, 0, 1};
         EXPECT_FALSE(ApplyMemHardLimit(group, wanted).Ok());
         EXPECT_EQ(64 << 20, ReadMemLimit(group)->hardBytes);
-        EXPECT_EQ(64 << 20, ReadMemLimit(group)->withSwapBytes);
+        EXPECT_EQ(V1SwapLimitFor(64 << 20), ReadMemLimit(group)->withSwapBytes);
     }
 }
 

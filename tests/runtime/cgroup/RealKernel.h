@@ -92,7 +92,7 @@ protected:
             for (const std::string& child : *children) RemoveTree(*group, child);
         }
         auto moved = zel::cgroup::MoveAll(*group, parent);
-        EXPECT_TRUE(moved.Ok());
+        EXPECT_TRUE(moved.Ok()) << (moved ? "" : moved.GetError().Text());
         auto removed = parent.RemoveChild(name);
         EXPECT_TRUE(removed.Ok()) << (removed ? "" : removed.GetError().Text());
     }

@@ -1,0 +1,151 @@
+// Reads what limits a process, from its own group up to the root of the hierarchy.
+#include "platform/zel/CgroupStatus.h"
+
+#include <unistd.h>
+
+#include <utility>
+
+#include "Hierarchy.h"
+#include "Limits.h"
+
+namespace zel {
+namespace {
+
+using cgroup::Controller;
+using cgroup::GroupDir;
+using cgroup::Hierarchy;
+using cgroup::LayoutTexts;
+using cgroup::Result;
+using cgroup::Version;
+
+constexpr int kMaxDepth = 128;
+
+// Fills what both controllers have in common. Returns: the process's own group, or nothing and the reason is filled.
+bool OpenOwn(Controller controller, int pid, const LayoutTexts& texts, CgroupControllerStatus& out, GroupDir& own,
+             std::string& groupPath, Hierarchy& hierarchy) {
+    hierarchy = cgroup::FindHierarchy(controller, texts);
+    out.version = static_cast<int>(hierarchy.version);
+    out.hierarchyPath = hierarchy.mountPoint;
+    if (hierarchy.version == Version::kNone) {
+        out.reason = hierarchy.reason;
+        out.advice = "limits of this controller cannot work on this host until that is changed";
+        return false;
+    }
+    Result<std::string> path = cgroup::ReadGroupOf(pid, hierarchy);
+    if (!path) {
+        out.reason = path.GetError().Text();
+        out.advice = "the process may have ended";
+        return false;
+    }
+    groupPath = *path;
+    out.groupPath = hierarchy.DirectoryOf(groupPath);
+    Result<GroupDir> group = cgroup::OpenGroup(hierarchy, groupPath);
+    if (!group) {
+        out.reason = group.GetError().Text();
+        out.advice = "run the agent in the host's cgroup namespace, or mount the whole hierarchy";
+        return false;
+    }
+    own = std::move(*group);
+    return true;
+}
+
+std::string ParentPath(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos || slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Calls visit(group) for the own group and each one above it that this mount shows.
+template <typename Visit>
+void WalkUp(const Hierarchy& hierarchy, std::string path, Visit visit) {
+    for (int depth = 0; depth < kMaxDepth; ++depth) {
+        Result<GroupDir> group = cgroup::OpenGroup(hierarchy, path);
+        if (!group) return;
+        visit(*group);
+        if (path == "/" || path == hierarchy.mountRoot) return;
+        path = ParentPath(path);
+    }
+}
+
+void Explain(const Hierarchy& hierarchy, const std::string& groupPath, CgroupControllerStatus& out) {
+    if (out.limited) {
+        out.reason = out.limitPath == out.groupPath ? "limited by its own group, " : "limited by a group above it, ";
+        out.reason += out.limitPath;
+        return;
+    }
+    out.reason = groupPath == "/" ? "the process is in the root group, which has no limit"
+                                  : "neither its group nor one above it has a limit";
+    if (hierarchy.readOnly) {
+        out.advice =
+            "the hierarchy is read-only here: remount it read-write, or set ProtectControlGroups=no in the unit";
+    } else if (geteuid() != 0) {
+        out.advice = "run the agent as root or in a delegated group (Delegate=yes), and switch the limit on";
+    } else {
+        out.advice = "switch the limit on: resource_limit_mode 1 for CPU, 4 for memory, 13 for one limit per component";
+    }
+}
+
+void ReadCpu(int pid, const LayoutTexts& texts, CgroupCpuStatus& out) {
+    GroupDir own;
+    std::string path;
+    Hierarchy hierarchy;
+    if (!OpenOwn(Controller::kCpu, pid, texts, out, own, path, hierarchy)) return;
+    cgroup::CpuCounters counters;
+    if (Result<cgroup::CpuCounters> read = cgroup::ReadCpuCounters(own)) counters = *read;
+    WalkUp(hierarchy, path, [&](const GroupDir& group) {
+        Result<cgroup::CpuQuota> quota = cgroup::ReadCpuQuota(group);
+        if (!quota || quota->Unlimited()) return;
+        // Tighter: less quota per period; products, so that periods of different length compare exactly.
+        const auto mine = static_cast<__int128>(quota->quotaUs) * out.periodUs;
+        const auto best = static_cast<__int128>(out.quotaUs) * quota->periodUs;
+        if (out.limited && mine >= best) return;
+        out.limited = true;
+        out.limitPath = group.Path();
+        out.quotaUs = quota->quotaUs;
+        out.periodUs = quota->periodUs;
+        out.limit100Times = cgroup::QuotaTo100Times(*quota);
+        if (Result<cgroup::CpuCounters> read = cgroup::ReadCpuCounters(group)) counters = *read;
+    });
+    out.periods = counters.periods;
+    out.throttledPeriods = counters.throttledPeriods;
+    out.throttledUs = counters.throttledUs;
+    out.usageUs = counters.usageUs;
+    Explain(hierarchy, path, out);
+}
+
+void ReadMem(int pid, const LayoutTexts& texts, CgroupMemStatus& out) {
+    GroupDir own;
+    std::string path;
+    Hierarchy hierarchy;
+    if (!OpenOwn(Controller::kMemory, pid, texts, out, own, path, hierarchy)) return;
+    cgroup::MemCounters counters;
+    if (Result<cgroup::MemCounters> read = cgroup::ReadMemCounters(own)) counters = *read;
+    out.oomKills = counters.oomKills;
+    WalkUp(hierarchy, path, [&](const GroupDir& group) {
+        Result<cgroup::MemLimit> limit = cgroup::ReadMemLimit(group);
+        if (!limit || limit->hardBytes < 0 || (out.limited && limit->hardBytes >= out.limitBytes)) return;
+        out.limited = true;
+        out.limitPath = group.Path();
+        out.limitBytes = limit->hardBytes;
+        out.softLimitBytes = limit->softBytes;
+        if (Result<cgroup::MemCounters> read = cgroup::ReadMemCounters(group)) counters = *read;
+    });
+    out.usageBytes = counters.usageBytes;
+    out.limitHits = counters.limitHits;
+    Explain(hierarchy, path, out);
+}
+
+}  // namespace
+
+bool ReadCgroupStatus(CgroupStatus& out, int pid) {
+    if (pid < 0) return false;
+    if (pid == 0) pid = static_cast<int>(getpid());
+    Result<LayoutTexts> texts = cgroup::ReadLayoutTexts();
+    if (!texts || access(("/proc/" + std::to_string(pid)).c_str(), F_OK) != 0) return false;
+    CgroupStatus status;
+    ReadCpu(pid, *texts, status.cpu);
+    ReadMem(pid, *texts, status.mem);
+    out = std::move(status);
+    return true;
+}
+
+}  // namespace zel
