@@ -10,7 +10,7 @@
 
 /// One value that is published to every thread. Relaxed order: each value stands for itself.
 template <class T>
-class CAtomicInt64 {
+class ZEL_API CAtomicInt64 {
 public:
     T Get() const { return m_value.load(std::memory_order_relaxed); }
     /// Defined where the online configuration is, so that the cheap half (Get) stays inline for hot queries.

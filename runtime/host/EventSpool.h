@@ -1,0 +1,125 @@
+// The durable spool of event messages: one SQLite file in WAL mode. SendMsg commits here before it says yes; the
+// sinks' threads read from here and move their cursors.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace zelhost {
+
+struct SpoolMessage {
+    int64_t seq = 0;
+    std::string id;  ///< "<spool>-<seq>": unique, and the same at every delivery
+    int64_t time = 0;
+    std::string type, body, extra;
+    int arg1 = 0, arg2 = 0;
+};
+
+/// Thread-safety: every operation from any thread between Open and Close.
+/// Writers are committed in groups: whoever finds nobody writing commits for all that wait, so a caller waits for at
+/// most the commit under way and its own. The readers' side has a connection of its own that never syncs.
+class CEventSpool {
+public:
+    CEventSpool() = default;
+    ~CEventSpool();
+    CEventSpool(const CEventSpool&) = delete;
+    CEventSpool& operator=(const CEventSpool&) = delete;
+
+    /// Opens or creates the file; one that is no database any more is put aside under another name.
+    bool Open(const std::string& path, uint64_t maxBytes, size_t memoryRing, std::string& reason);
+    void Close();
+
+    /// Returns: true once the message is on disk; false when it is not (it then waits in memory for the disk, while
+    /// there is room).
+    bool Append(SpoolMessage message);
+    /// Tries to bring what waits in memory to disk. Returns: whether nothing waits any more.
+    bool FlushMemory();
+
+    /// The oldest messages that this sink has not confirmed yet, at most `most` and about `mostBytes`.
+    bool Read(const std::string& sink, size_t most, size_t mostBytes, std::vector<SpoolMessage>& messages);
+    /// The sink has everything up to and including `seq`.
+    bool Confirm(const std::string& sink, int64_t seq);
+    /// Which sinks there are: others' cursors are forgotten, new ones start at the oldest message.
+    bool SetSinks(const std::vector<std::string>& sinks, std::string& reason);
+
+    /// A mark of what there is now; take it before reading.
+    uint64_t News();
+    /// Waits until there may be something new since `seen`, or for so long. Returns: the new mark.
+    uint64_t WaitForNews(uint64_t seen, unsigned int timeoutMs);
+    /// Wakes every waiter.
+    void Wake();
+
+    /// Moves the log's pages into the file. Called by a sink's thread now and then, never by SendMsg.
+    void Checkpoint();
+
+    struct Figures {
+        uint64_t accepted = 0, refused = 0, messages = 0, bytes = 0, dropped = 0, inMemory = 0;
+        bool broken = false;
+    };
+    Figures GetFigures();
+    uint64_t Waiting(const std::string& sink);
+
+private:
+    /// What one transaction does to the figures.
+    struct Change {
+        int64_t messages = 0;
+        int64_t bytes = 0;
+        uint64_t dropped = 0;
+    };
+    struct Request {
+        SpoolMessage message;
+        bool done = false;
+        bool durable = false;
+    };
+
+    bool OpenOnce(const std::string& path, int& code, std::string& reason);
+    bool PrepareSchema(int& code, std::string& reason);
+    bool CommitBatch(const std::vector<Request*>& batch);
+    /// One transaction with everything in memory first, then the batch.
+    bool WriteTransaction(const std::vector<Request*>& batch, int& code, Change& change);
+    bool Insert(const SpoolMessage& message);
+    bool DropOldest(uint64_t bytes, Change& change);
+    void KeepInMemory(const SpoolMessage& message);
+    void TouchReserve();
+    void ReleaseReserve();
+    void RemoveConfirmed();
+
+    std::string m_path;
+    uint64_t m_maxBytes = 0;
+    size_t m_memoryMost = 0;
+    std::string m_name;
+
+    std::mutex m_queueLock;
+    std::condition_variable m_committed;
+    std::vector<Request*> m_queue;
+    bool m_leader = false;
+
+    // of the leader, and of FlushMemory as one
+    sqlite3* m_writer = nullptr;
+    sqlite3_stmt* m_insert = nullptr;
+    std::deque<SpoolMessage> m_memory;
+    bool m_reserve = false;
+
+    std::mutex m_readLock;
+    sqlite3* m_reader = nullptr;
+
+    std::mutex m_figuresLock;
+    Figures m_figures;      // messages and bytes are filled in when asked
+    int64_t m_messages = 0;  // signed: a reader may subtract what the writer is about to add
+    int64_t m_bytes = 0;
+
+    std::mutex m_newsLock;
+    std::condition_variable m_news;
+    uint64_t m_newsCount = 0;
+};
+
+}  // namespace zelhost

@@ -1,0 +1,46 @@
+// The table of the online configuration's values, and the pure reading of its JSON text. No file is touched here.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <string>
+
+#include "platform/host/OnlineClientConf.h"
+
+namespace zelhost {
+
+/// One value: its name in the file, where it is published, what it may be.
+struct OnlineKey {
+    const char* name;
+    CAtomicInt64<long> COnlineClientConf::*value;
+    const char* unit;
+    long least;
+    long most;
+    long byDefault;  ///< in force until the module or the file says otherwise
+    bool isSwitch;   ///< takes true and false too
+};
+
+constexpr size_t kOnlineKeyCount = 15;
+/// Bytes of the largest file that is read; a full file is below 1 KiB.
+constexpr size_t kOnlineFileMaxBytes = 64 * 1024;
+
+/// The table, kOnlineKeyCount entries.
+const OnlineKey* OnlineKeys();
+
+/// Why a file was refused. `key` and `value` are empty when the whole file is at fault.
+struct OnlineRefusal {
+    std::string key;
+    std::string value;
+    std::string reason;
+
+    /// "key 'maxCpu', value '900000': ...", for one log line.
+    std::string Text() const;
+};
+
+/// Reads the text of an online configuration: one JSON object, its members the names of the table. Members whose
+/// name begins with "_" are remarks. Everything else that is not in the table is refused: a misspelt limit that
+/// is silently ignored is a limit that is not in force.
+/// Returns: false with `refusal` set and `values` untouched; else `values` maps table positions to values.
+bool ParseOnlineConfig(const std::string& text, std::map<size_t, long>& values, OnlineRefusal& refusal);
+
+}  // namespace zelhost

@@ -1,0 +1,81 @@
+// CPU figures of this process's threads. Reads /proc/self/task/*/stat and schedstat, without stopping anything and
+// only when asked: by a report, by the statistics collector once a minute, by the sampler during a breach.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "SecureFile.h"
+#include "platform/host/SysIntf.h"
+
+namespace zelhost {
+
+struct ThreadFigures {
+    long tid = 0;
+    std::string name;
+    uint32_t hit = 0;
+    uint32_t sysLoad = 0;
+    uint32_t avgLoad = 0;
+    uint32_t statCnt = 0;
+};
+
+/// Thread-safety: every operation from any thread.
+/// A thread's load is taken over the sampled time: from the older of two baselines, which move on once a minute; a
+/// thread that is new since then counts from its own start.
+class CThreadFacts final : public CSysIntf {
+public:
+    static CThreadFacts& Instance();
+
+    void GetHighCpuUsageThread(long& tid, unsigned int& usage) override;
+    void GetThreadsCpuUsage(std::list<CSysThreadsCpuUsage>& list) override;
+    unsigned long GetCurrThreadId() override;
+
+    /// Reads every thread once. At most kMaxThreads; a pass that follows another within kFreshNs is left out.
+    void Sample();
+    /// Samples and gives the busiest threads, the busiest first.
+    std::vector<ThreadFigures> Busiest(size_t most);
+    /// The cost of the last pass. Units: ns of CPU.
+    int64_t LastPassNs();
+
+    static constexpr size_t kMaxThreads = 16384;
+
+private:
+    struct Point {
+        int64_t timeNs = 0;
+        int64_t cpuNs = 0;
+        uint64_t systemTicks = 0;
+        uint32_t hit = 0;
+        uint32_t samples = 0;
+    };
+    struct Entry {
+        uint64_t startTicks = 0;
+        std::string name;
+        Point older, newer, now;
+        uint64_t pass = 0;
+    };
+    struct Reading {
+        bool running = false;
+        int64_t cpuNs = 0;
+        uint64_t systemTicks = 0;
+        uint64_t startTicks = 0;
+        std::string name;
+    };
+
+    void SampleLocked();
+    bool ReadThread(int taskDir, const char* tid, bool fine, Reading& reading) const;
+    void Account(long tid, const Reading& reading, int64_t nowNs, bool moveBaseline);
+    static ThreadFigures FiguresOf(long tid, const Entry& entry);
+    std::vector<ThreadFigures> AllLocked() const;
+
+    std::mutex m_lock;
+    std::unordered_map<long, Entry> m_threads;
+    uint64_t m_pass = 0;
+    int64_t m_lastSampleNs = 0;
+    int64_t m_baselineNs = 0;
+    int64_t m_lastPassNs = 0;
+};
+
+}  // namespace zelhost
