@@ -1,6 +1,8 @@
 // Which figures of the runtime are shown as metrics. Units are base units, as Prometheus asks: seconds, bytes, ratios.
 #include "HostMetrics.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <string>
