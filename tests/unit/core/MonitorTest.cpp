@@ -78,6 +78,28 @@ TEST_F(MonitorTest, ConstructsItsPrivateObjectAndStartsNothing) {
     EXPECT_TRUE(m_monitor->m_monitorPoints.empty());
 }
 
+TEST_F(MonitorTest, AnswersTheHostWhileItsPrivateObjectIsBeingBuilt) {
+    int asked = 0;
+    platform().base.cpuLevel = platform().base.memLevel = 2;
+    platform().keepInJournal = [&asked](const std::string& line) {
+        if (line.rfind("CMtIntf::RegMtInfoCallback", 0) != 0) return true;
+        ++asked;
+        CMonitor* half = CSingleton<CMonitor>::GetInstance();
+        EXPECT_EQ(0, half->GetCpuUsageLevel());
+        EXPECT_FALSE(half->CpuLimit(2));
+        EXPECT_FALSE(half->IsMemBusy());
+        EXPECT_EQ(0u, half->GetCurrThreadId());
+        return true;
+    };
+    journal();
+    MonitorProbe another;
+    EXPECT_EQ(1, asked);
+    EXPECT_EQ(Lines({"CToolUtil::GetApplicationDirPath()", "CMtIntf::RegMtInfoCallback()",
+                     "CToolUtil::GetApplicationDirPath()"}),
+              journal());
+    platform().keepInJournal = nullptr;
+}
+
 TEST_F(MonitorTest, DestroysItsPrivateObjectWithoutStoppingItAndLeavesTheSingletonPointer) {
     const CMonitor* address = m_monitor.get();
     m_monitor->m_pri->SetConfigPath(WriteConfig(""));

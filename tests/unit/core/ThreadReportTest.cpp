@@ -249,6 +249,25 @@ TEST_F(ThreadReportTest, LetsTheSystemInterfaceAddAMonitorPoint) {
     EXPECT_EQ(kHeader + "curr pid 321\nadded\n", report);
 }
 
+TEST_F(ThreadReportTest, HoldsNoLockWhileThreadsAreNamedAndTheReportIsLogged) {
+    m_sysIntf.threads = {Thread(101, 1, 2, 3, 4)};
+    int entered = 0;
+    // A lock that is still held would hang here.
+    platform().keepInJournal = [this, &entered](const std::string& line) {
+        if (line.rfind("CThreadUtil::GetThreadName", 0) == 0 || line.rfind("W4 ", 0) == 0) {
+            ++entered;
+            m_monitor->SetSysIntf(&m_sysIntf);
+            Point stranger("");
+            m_monitor->RemoveMonitorPoint(&stranger);
+        }
+        return true;
+    };
+    std::string report;
+    m_monitor->GetThreadsInfo(report, nullptr);
+    EXPECT_EQ(2, entered);
+    platform().keepInJournal = nullptr;
+}
+
 TEST_F(ThreadReportTest, AsksADuplicateMonitorPointTwice) {
     Point point("twice");
     m_monitor->AddMonitorPoint(&point);
