@@ -321,6 +321,10 @@ Status GroupDir::MoveHere(int pid) const {
     if (pid <= 0) {
         return MakeError(ErrorKind::kRefused, "write " + number + " to", FilePath(kProcsFile), "not a process");
     }
+    if (m_version == Version::kV2) {
+        Status room = CheckMayHoldProcesses();
+        if (!room) return room;
+    }
     Status written = Write(kProcsFile, number);
     if (!written) return written;
     Result<bool> arrived = Contains(pid);
@@ -332,6 +336,27 @@ Status GroupDir::MoveHere(int pid) const {
     return MakeError(ErrorKind::kNotInForce, "move process " + number + " to", m_path,
                      "the kernel took the write, but the process is not in the group: somebody moved it away");
 }
+
+// Processes beside children with controllers: for memory the kernel refuses that, for cpu alone it takes it and makes
+// the group the root of a threaded subtree, whose other children can hold no process any more. Refused for both.
+Status GroupDir::CheckMayHoldProcesses() const {
+    if (IsHierarchyRoot()) return {};
+    Result<std::string> enabled = Read(v2::kSubtreeControl);
+    if (!enabled) return enabled.GetError();
+    if (ParseWords(*enabled).empty()) return {};
+    return ErrnoError(EBUSY, "put a process into", FilePath(kProcsFile), WriteHint(EBUSY, kProcsFile, m_version));
+}
+
+Status GroupDir::CheckHoldsNoProcess(const std::string& operation) const {
+    if (IsHierarchyRoot()) return {};
+    Result<std::vector<int>> pids = Processes();
+    if (!pids) return pids.GetError();
+    if (pids->empty()) return {};
+    return ErrnoError(EBUSY, operation, FilePath(v2::kSubtreeControl),
+                      WriteHint(EBUSY, v2::kSubtreeControl, m_version));
+}
+
+bool GroupDir::IsHierarchyRoot() const { return m_version != Version::kV2 || !HasFile(v2::kType); }
 
 Result<bool> GroupDir::HasController(const char* controller) const {
     if (m_version != Version::kV2) return true;
@@ -362,6 +387,8 @@ Status GroupDir::EnableForChildren(const char* controller) const {
                          std::string("it is not in cgroup.controllers: enable it in the groups above") +
                              " (Delegate=yes gives all), or a version 1 mount holds it");
     }
+    Status empty = CheckHoldsNoProcess(operation);
+    if (!empty) return empty;
     Status written = Write(v2::kSubtreeControl, std::string("+") + controller);
     if (!written) return written;
     enabled = IsEnabledForChildren(controller);

@@ -80,7 +80,12 @@ public:
     Result<std::vector<int>> Processes() const;
     Result<bool> Contains(int pid) const;
     /// Moves a process (all its threads) here and checks that it arrived. A process that ended meanwhile: kNotFound.
+    /// Kernel: on version 2 a group that gives controllers to its children holds no process: kBusy, nothing is written.
     Status MoveHere(int pid) const;
+
+    /// Version 2: whether this is the real root, which may hold processes beside children with controllers. A container's
+    /// root is not it.
+    bool IsHierarchyRoot() const;
 
     /// Version 2: controllers that the group may use, and those it gives to its children.
     Result<bool> HasController(const char* controller) const;
@@ -93,6 +98,8 @@ public:
 private:
     GroupDir(int fd, std::string path, Version version) : m_fd(fd), m_path(std::move(path)), m_version(version) {}
     std::string FilePath(std::string_view file) const;
+    Status CheckMayHoldProcesses() const;
+    Status CheckHoldsNoProcess(const std::string& operation) const;
 
     int m_fd = -1;
     std::string m_path;

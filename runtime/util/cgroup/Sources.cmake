@@ -13,6 +13,4 @@ add_library(zelCgroup OBJECT
   ${CMAKE_CURRENT_LIST_DIR}/Result.cpp)
 target_include_directories(zelCgroup PRIVATE ${PROJECT_SOURCE_DIR}/src)
 target_link_libraries(zelCgroup PRIVATE zelFlags)
-if(TARGET zelUtil)
-  target_sources(zelUtil PRIVATE $<TARGET_OBJECTS:zelCgroup>)
-endif()
+target_sources(zelUtil PRIVATE $<TARGET_OBJECTS:zelCgroup>)
