@@ -38,6 +38,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr size_t kMaxQueuedLines = 4096;
 constexpr size_t kMaxQueuedBytes = 2 * 1024 * 1024;
+constexpr size_t kKeptQueueLines = 256;  // a burst's memory beyond this is given back
 // Lines of kLogInfo may fill this much of the queue; the rest is for warnings and errors.
 constexpr size_t kInfoShareNumerator = 3;
 constexpr size_t kInfoShareDenominator = 4;
@@ -83,7 +84,9 @@ public:
         }
     }
 
-    std::unique_ptr<custom_flag_formatter> clone() const override { return std::make_unique<OriginFlag>(m_processName); }
+    std::unique_ptr<custom_flag_formatter> clone() const override {
+        return std::make_unique<OriginFlag>(m_processName);
+    }
 
 private:
     const std::string m_processName;
@@ -365,6 +368,7 @@ private:
         lock.lock();
         m_completed += m_batch.size();
         m_batch.clear();
+        if (m_batch.capacity() > kKeptQueueLines) m_batch.shrink_to_fit();
         m_progress.notify_all();
     }
 

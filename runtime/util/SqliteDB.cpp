@@ -79,7 +79,8 @@ public:
             m_lastError = SQLITE_TOOBIG;
             return nullptr;
         }
-        const int result = sqlite3_prepare_v2(m_handle, sql.c_str(), static_cast<int>(sql.size()) + 1, &compiled, nullptr);
+        const int length = static_cast<int>(sql.size()) + 1;  // with its NUL, which spares SQLite a copy
+        const int result = sqlite3_prepare_v2(m_handle, sql.c_str(), length, &compiled, nullptr);
         if (result != SQLITE_OK || compiled == nullptr) {
             m_lastError = result != SQLITE_OK ? result : SQLITE_MISUSE;  // nothing but blanks compiles to nothing
             return nullptr;

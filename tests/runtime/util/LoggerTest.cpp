@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
-#include <regex>
 #include <thread>
 
 #include <sys/stat.h>
@@ -88,10 +88,9 @@ TEST_F(LoggerTest, ALineTellsWhenHowBadWhoWhereAndWhat) {
     ASSERT_EQ(1U, lines.size());
     const std::string origin = "Tervane\\[" + std::to_string(::getpid()) + ":" +
                                std::to_string(zel::CThreadUtil::GetCurrentThreadId()) + "\\] MonitorPri:88";
-    EXPECT_TRUE(std::regex_match(
-        lines[0], std::regex("[0-9]{4}-[01][0-9]-[0-3][0-9]T[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3}[+-][0-9]{2}:[0-9]{2} "
-                             "warning " + origin + " limit cpu fail, error is 5")))
-        << lines[0];
+    EXPECT_THAT(lines[0], testing::MatchesRegex(
+                              "[0-9]{4}-[01][0-9]-[0-3][0-9]T[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3}"
+                              "[+-][0-9]{2}:[0-9]{2} warning " + origin + " limit cpu fail, error is 5"));
     EXPECT_EQ(0640, ModeOf(m_path));
 }
 

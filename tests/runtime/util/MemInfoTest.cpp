@@ -41,11 +41,12 @@ TEST(MemInfoTest, AddsUpWhatAnOldKernelGivesInstead) {
 
 TEST(MemInfoTest, RefusesWhatIsIncompleteOrMalformedAndKeepsTheOutput) {
     MemInfo info{7, 8};
-    for (const char* text : {"", "\n\n", "MemTotal: 5 kB\n", "MemAvailable: 5 kB\n", "MemTotal: 0 kB\nMemAvailable: 0 kB\n",
-                             "MemTotal: x kB\nMemAvailable: 5 kB\n", "MemTotal: 5 MB\nMemAvailable: 5 kB\n",
-                             "MemTotal: -5 kB\nMemAvailable: 5 kB\n", "MemTotal:\nMemAvailable: 5 kB\n",
-                             "MemTotal: 99999999999999999999999 kB\nMemAvailable: 5 kB\n",
-                             "MemTotalX: 5 kB\nMemAvailable: 5 kB\n", "MemTotal: 5 kB\nMemFree: 1 kB\nBuffers: 1 kB\n"}) {
+    for (const char* text :
+         {"", "\n\n", "MemTotal: 5 kB\n", "MemAvailable: 5 kB\n", "MemTotal: 0 kB\nMemAvailable: 0 kB\n",
+          "MemTotal: x kB\nMemAvailable: 5 kB\n", "MemTotal: 5 MB\nMemAvailable: 5 kB\n",
+          "MemTotal: -5 kB\nMemAvailable: 5 kB\n", "MemTotal:\nMemAvailable: 5 kB\n",
+          "MemTotal: 99999999999999999999999 kB\nMemAvailable: 5 kB\n", "MemTotalX: 5 kB\nMemAvailable: 5 kB\n",
+          "MemTotal: 5 kB\nMemFree: 1 kB\nBuffers: 1 kB\n"}) {
         EXPECT_FALSE(ParseMemInfo(text, info)) << text;
     }
     EXPECT_EQ(7U, info.totalKb);
