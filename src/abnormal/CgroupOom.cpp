@@ -60,7 +60,8 @@ void CMonitorPri::CheckSelfCgroupOomAfterRestart() {
 
     std::vector<zel::CgroupMemoryOomEvent> snapshot;
     if (!m_cgroupManager->SnapshotSelfMemoryOomCounters(snapshot)) {
-        zel::CLogMessage::GetInstance()->WriteLogMessage("MonitorPri: snapshot self cgroup OOM counters failed", zel::kLogWarning);
+        zel::CLogMessage::GetInstance()->WriteLogMessage("MonitorPri: snapshot self cgroup OOM counters failed",
+                                                         zel::kLogWarning);
         return;
     }
     if (snapshot.empty()) return;
@@ -121,7 +122,8 @@ void CMonitorPri::CheckMultiCgroupOom() {
     std::vector<zel::CgroupMemoryOomEvent> events;
     if (!m_cgroupManager->PollMemoryOomEvents(events)) {
         // What the manager read before it failed is still true: go on with it.
-        zel::CLogMessage::GetInstance()->WriteLogMessage("MonitorPri: poll multi-cgroup memory OOM events failed", zel::kLogWarning);
+        zel::CLogMessage::GetInstance()->WriteLogMessage("MonitorPri: poll multi-cgroup memory OOM events failed",
+                                                         zel::kLogWarning);
     }
 
     bool ownGroupTouched = false;

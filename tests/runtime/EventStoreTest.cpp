@@ -148,7 +148,8 @@ protected:
         sqlite3* db = nullptr;
         sqlite3_stmt* statement = nullptr;
         sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
-        if (sqlite3_prepare_v2(db, sql, -1, &statement, nullptr) == SQLITE_OK && sqlite3_step(statement) == SQLITE_ROW) {
+        if (sqlite3_prepare_v2(db, sql, -1, &statement, nullptr) == SQLITE_OK &&
+            sqlite3_step(statement) == SQLITE_ROW) {
             answer = reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
         }
         sqlite3_finalize(statement);
@@ -290,7 +291,8 @@ TEST_F(EventStoreTest, LastFileThatCannotBeRemovedStopsTheStoreUntilItCan) {
     Begin(store, 1);
     Write(Last(), "yesterday");
     store.m_dayOfMonth = 0;  // as after midnight
-    // The directory takes no writes from its ordinary owner, so nothing in it can be removed; root becomes such an owner.
+    // The directory takes no writes from its ordinary owner, so nothing in it can be removed; root becomes such an
+    // owner.
     if (geteuid() == 0) {
         ASSERT_EQ(0, chown(m_directory.c_str(), kNobody, kNobody));
         ASSERT_EQ(0, chown(Current().c_str(), kNobody, kNobody));

@@ -486,7 +486,8 @@ TEST_F(CgroupOomTest, MissingTransmitAtRunTimeGivesTwoLines) {
     EXPECT_EQ(Lines({kPoll,
                      "F3 [MonitorPri] MonitorPri: cgroup v1 memory OOM group=[main] parent=0 path=[/cg/main] "
                      "oomKill=1(+0) underOom=0 oomKillDisable=0",
-                     kNullTransmit, "W3 MonitorPri: report runtime cgroup OOM event failed", kSnapshot, kWrite, kRename}),
+                     kNullTransmit, "W3 MonitorPri: report runtime cgroup OOM event failed", kSnapshot, kWrite,
+                     kRename}),
               journal());
     EXPECT_EQ(platform().now, pri().m_lastRuntimeOomReportTime);
 }

@@ -36,7 +36,8 @@ Json::Value Parsed(const std::string& text) {
 std::string Shown(const OomWatermarkMap& map) {
     std::string text;
     for (const auto& entry : map) {
-        text += doubles::Format("%s=%lld/%lld/%lld ", entry.first.c_str(), static_cast<long long>(entry.second.oom_kill),
+        text += doubles::Format("%s=%lld/%lld/%lld ", entry.first.c_str(),
+                                static_cast<long long>(entry.second.oom_kill),
                                 static_cast<long long>(entry.second.oom),
                                 static_cast<long long>(entry.second.oom_group_kill));
     }
@@ -70,7 +71,9 @@ TEST_F(OomWatermarkTest, KeyNamesGroupPathAndVersion) {
         {"", "", false, false, "||v1"},
         {"a|b", "/p|q", false, true, "a|b|/p|q|v2"},
     };
-    for (const auto& c : cases) EXPECT_EQ(c.key, MakeOomWatermarkKey(Counters(c.group, c.path, c.parent, c.v2, 1, 2, 3)));
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.key, MakeOomWatermarkKey(Counters(c.group, c.path, c.parent, c.v2, 1, 2, 3)));
+    }
 }
 
 TEST_F(OomWatermarkTest, EventItemHoldsAllTwelveFieldsWithTheirTypes) {
@@ -81,8 +84,8 @@ TEST_F(OomWatermarkTest, EventItemHoldsAllTwelveFieldsWithTheirTypes) {
     event.under_oom = -7;
     event.oom_kill_disable = INT_MAX;
     const Json::Value item = MakeOomEventItem(event);
-    EXPECT_EQ((std::vector<std::string>{"group", "oom", "oom_delta", "oom_group_kill", "oom_group_kill_delta", "oom_kill",
-                                        "oom_kill_delta", "oom_kill_disable", "parent", "path", "under_oom", "v2"}),
+    EXPECT_EQ((std::vector<std::string>{"group", "oom", "oom_delta", "oom_group_kill", "oom_group_kill_delta",
+                                        "oom_kill", "oom_kill_delta", "oom_kill_disable", "parent", "path", "under_oom", "v2"}),
               item.getMemberNames());
     EXPECT_TRUE(item["group"].isString());
     EXPECT_EQ("guard", item["group"].asString());
@@ -354,7 +357,8 @@ TEST_F(OomWatermarkTest, RefreshWritesTheSnapshotIntoTheGlobalConfigurationDirec
     pri().RefreshSelfCgroupOomWatermark();
     EXPECT_EQ(Lines({"CCgroupManager::SnapshotSelfMemoryOomCounters()",
                      "CFileUtil::WriteNewFile(/etc/agent/cgroup_oom_watermark.json.tmp,0)",
-                     "CFileCom(/etc/agent/cgroup_oom_watermark.json.tmp)::rename(/etc/agent/cgroup_oom_watermark.json)"}),
+                     "CFileCom(/etc/agent/cgroup_oom_watermark.json.tmp)::rename("
+                     "/etc/agent/cgroup_oom_watermark.json)"}),
               journal());
     EXPECT_EQ(FormatOomWatermark(snapshot), platform().files.content["/etc/agent/cgroup_oom_watermark.json"]);
 }

@@ -267,7 +267,8 @@ TEST_F(OsAbnormalDataBaseTest, FirstBindThatFailsStopsTheInsert) {
         Lines expected{kIsCurrent, kOpen, kCreate, kCompile};
         for (size_t i = 0; i <= failing; ++i) expected.push_back(binds[i]);
         expected.insert(expected.end(),
-                        {kError, "F3 [OsAbnormalDataBase] insert os abnormal value fail, error is 25", kRelease, kClose});
+                        {kError, "F3 [OsAbnormalDataBase] insert os abnormal value fail, error is 25", kRelease,
+                         kClose});
         EXPECT_EQ(expected, journal()) << names[failing];
         EXPECT_FALSE(store().IsOpen());
         EXPECT_EQ(0, platform().sqlite.openStatements);

@@ -71,7 +71,8 @@ protected:
     static std::string BoundData(const Strings& lines) {
         const std::string start = "ISqliteStatement::BindString(:data,";
         for (const std::string& line : lines) {
-            if (line.compare(0, start.size(), start) == 0) return line.substr(start.size(), line.size() - start.size() - 1);
+            if (line.compare(0, start.size(), start) != 0) continue;
+            return line.substr(start.size(), line.size() - start.size() - 1);
         }
         return "nothing stored";
     }

@@ -29,8 +29,8 @@ std::string Differs(uint64_t tick, uint64_t last, uint64_t interval, bool alarm,
     const SendDecision decision = DecideSend(tick, last, interval, alarm, alarmUp, memRising);
     const Restated restated(tick, last, interval, alarm, alarmUp, memRising);
     if (decision.send == restated.Sent() && decision.swapAlarmActive == restated.AlarmUpAfter(alarmUp)) return "";
-    return doubles::Format("tick %lu last %lu interval %lu alarm %d up %d rising %d", tick, last, interval, alarm, alarmUp,
-                           memRising);
+    return doubles::Format("tick %lu last %lu interval %lu alarm %d up %d rising %d", tick, last, interval, alarm,
+                           alarmUp, memRising);
 }
 
 class SendDecisionTest : public OsAbnormalFixture {};
