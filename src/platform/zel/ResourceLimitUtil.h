@@ -43,7 +43,8 @@ protected:
 /// Returns: the process's legacy limit object.
 ZEL_API IResourceLimitUtil* GetResourceLimitUtil();
 
-/// Forget the library's record of the legacy group; no process is moved and nothing is written.
+/// Forget the library's record of the legacy group; no process is moved and no limit is written. A group that is
+/// already empty is removed.
 ZEL_API void ClearResourceLimitCpuCgroupState();
 ZEL_API void ClearResourceLimitMemCgroupState();
 
