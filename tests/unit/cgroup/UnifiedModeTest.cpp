@@ -545,6 +545,20 @@ TEST_F(UnifiedModeTest, AnUpdateWritesTellsAndRemembers) {
     EXPECT_TRUE(pri().m_unifiedActive);
 }
 
+TEST_F(UnifiedModeTest, AnUpdateBelievesTheManagerAboutWhatIsInForce) {
+    BeActive();
+    Enable(false, true);
+    EXPECT_TRUE(pri().UpdateMultiCgroup(13, 20, 400));
+    EXPECT_EQ(Lines({kSolaris, Updating("mode 13->13 cpu 9->19 mem 200->400"), Reconcile19(true, true), kIsCpuOn,
+                     kIsMemOn, kAddPid, Write(kQuotas19), SelfKill(0, 0, 1, 30720), kIsCpuOn, kIsMemOn, kIsMemV2,
+                     kClearMem, kBroadcast, kNotified}),
+              steps());
+    // And the other way round: in force although nobody wanted it.
+    Enable(true, true);
+    EXPECT_TRUE(pri().UpdateMultiCgroup(8, 10, 200));
+    EXPECT_EQ(SelfKill(0, 0, 1, 15360), steps()[7]);
+}
+
 TEST_F(UnifiedModeTest, AnUpdateForgetsTheLegacyLimitsOnlyOfControllersInForce) {
     BeActive();
     Enable(true, false);

@@ -1200,10 +1200,13 @@ TEST(UnifiedModelRandomTest, TheModuleAgreesWithTheModelOnEverySequence) {
         const std::string disagreement = Disagreement(scenario);
         if (!disagreement.empty()) RC_FAIL(disagreement);
     }));
-    printf("%ld requests\n", requests);
-    if (ownCount || HasFailure()) return;
-    // A model check proves as much as it reaches.
+    long leastHits = requests;
     for (const auto* rows : {&kInitRows, &kUpdateRows, &kPublishRows}) {
-        for (const Row& row : *rows) EXPECT_GT(row.hits, kSequences / 2000) << row.when;
+        for (const Row& row : *rows) leastHits = std::min(leastHits, row.hits);
     }
+    printf("%ld requests, least used row of the tables: %ld times\n", requests, leastHits);
+    // A model check proves as much as it reaches.
+    constexpr long kEnoughToReachEveryRow = 100000;
+    if (ownCount || kSequences < kEnoughToReachEveryRow) return;
+    EXPECT_GT(leastHits, 30);
 }
