@@ -1,0 +1,218 @@
+// The read-only view of the agent's tree, and its removal at the clean end.
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "CgroupFiles.h"
+#include "CgroupManagerTree.h"
+#include "Limits.h"
+#include "LimitUnits.h"
+#include "OomCounters.h"
+#include "platform/zel/CgroupTreeStatus.h"
+
+namespace zel {
+namespace {
+
+using namespace cgroup;
+
+constexpr int64_t kUsPerSecond = 1000000;
+
+/// User and system time of one process in clock ticks; 0 when it ended.
+int64_t TicksOf(int pid) {
+    Result<std::string> text = ReadProcFile("/proc/" + std::to_string(pid) + "/stat", kMaxControlValueBytes);
+    if (!text) return 0;
+    // The name may hold blanks and parentheses: fields are counted from the last one. utime and stime are 14 and 15.
+    const size_t name = text->rfind(')');
+    if (name == std::string::npos) return 0;
+    const std::vector<std::string> words = ParseWords(std::string_view(*text).substr(name + 1));
+    if (words.size() < 13) return 0;
+    Result<int64_t> user = ParseNumberOrMax(words[11]);
+    Result<int64_t> system = ParseNumberOrMax(words[12]);
+    return (user ? *user : 0) + (system ? *system : 0);
+}
+
+void SumProcessTimes(const GroupDir& dir, int depth, int64_t& ticks) {
+    Result<std::vector<int>> pids = dir.Processes();
+    if (pids) {
+        for (const int pid : *pids) ticks += TicksOf(pid);
+    }
+    if (depth == 0) return;
+    Result<std::vector<std::string>> names = dir.Children();
+    if (!names) return;
+    for (const std::string& name : *names) {
+        Result<GroupDir> child = dir.OpenChild(name);
+        if (child) SumProcessTimes(*child, depth - 1, ticks);
+    }
+}
+
+CgroupUse ReadCpuUse(const GroupDir& dir, int depthBelow) {
+    CgroupUse out;
+    Result<CpuQuota> quota = ReadCpuQuota(dir);
+    if (!quota) return out;
+    out.present = true;
+    out.v2 = dir.GetVersion() == Version::kV2;
+    out.path = dir.Path();
+    out.limit = QuotaTo100Times(*quota);
+    Result<CpuCounters> counters = ReadCpuCounters(dir);
+    if (counters) {
+        out.used = counters->usageUs;
+        out.periods = counters->periods;
+        out.throttledPeriods = counters->throttledPeriods;
+        out.throttledUs = counters->throttledUs;
+    }
+    if (out.used < 0) {
+        int64_t ticks = 0;
+        SumProcessTimes(dir, depthBelow, ticks);
+        out.used = ticks * kUsPerSecond / std::max(1L, sysconf(_SC_CLK_TCK));
+    }
+    return out;
+}
+
+CgroupUse ReadMemoryUse(const GroupDir& dir) {
+    CgroupUse out;
+    Result<MemLimit> limit = ReadMemLimit(dir);
+    if (!limit) return out;
+    out.present = true;
+    out.v2 = dir.GetVersion() == Version::kV2;
+    out.path = dir.Path();
+    out.limit = KbFromBytes(limit->hardBytes);
+    Result<MemCounters> counters = ReadMemCounters(dir);
+    if (counters) {
+        out.used = counters->usageBytes < 0 ? -1 : counters->usageBytes / 1024;
+        out.limitHits = counters->limitHits;
+        out.oomKills = VictimsOf(counters->oomKills, counters->oomGroupKills);
+        out.ownOoms = counters->localOoms;
+    }
+    return out;
+}
+
+/// What is read of one node, from one or two hierarchies.
+struct Found {
+    CgroupNodeStatus status;
+    std::map<size_t, std::set<int>> pids;  ///< by controller
+};
+
+using NodeKey = std::pair<std::string, std::string>;  ///< group and component; both empty for the parent
+
+void ReadNode(const Branch& branch, const GroupDir& dir, CgroupLevel level, const NodeKey& key, int depthBelow,
+              std::map<NodeKey, Found>& found) {
+    Found& node = found[key];
+    node.status.level = level;
+    node.status.group = level == CgroupLevel::kComponent ? key.first : std::string();
+    node.status.name = level == CgroupLevel::kComponent ? key.second
+                       : level == CgroupLevel::kGroup   ? key.first
+                                                        : AgentGroupName();
+    Result<std::vector<int>> pids = dir.Processes();
+    for (const Controller controller : kAllControllers) {
+        if (!branch.Serves(controller)) continue;
+        CgroupUse use = controller == Controller::kCpu ? ReadCpuUse(dir, depthBelow) : ReadMemoryUse(dir);
+        if (!use.present) continue;
+        (controller == Controller::kCpu ? node.status.cpu : node.status.memory) = std::move(use);
+        if (pids) node.pids[static_cast<size_t>(controller)] = std::set<int>(pids->begin(), pids->end());
+    }
+}
+
+Status ReadBranch(const Branch& branch, std::map<NodeKey, Found>& found) {
+    Result<GroupDir> tree = OpenTree(branch);
+    if (!tree) {
+        if (tree.GetError().kind == ErrorKind::kNotFound) return {};
+        return tree.GetError();
+    }
+    const auto visit = [&](const GroupDir& dir, CgroupLevel level, const NodeKey& key, int depthBelow) {
+        ReadNode(branch, dir, level, key, depthBelow, found);
+    };
+    visit(*tree, CgroupLevel::kParent, {}, 2);
+    Result<std::vector<std::string>> groups = OwnChildren(*tree);
+    if (!groups) return groups.GetError();
+    for (const std::string& name : *groups) {
+        Result<GroupDir> group = OpenOwnChild(*tree, name);
+        if (!group) continue;
+        visit(*group, CgroupLevel::kGroup, {name, {}}, 1);
+        Result<std::vector<std::string>> leaves = OwnChildren(*group);
+        if (!leaves) continue;
+        for (const std::string& leafName : *leaves) {
+            Result<GroupDir> leaf = OpenOwnChild(*group, leafName);
+            if (leaf) visit(*leaf, CgroupLevel::kComponent, {name, leafName}, 0);
+        }
+    }
+    return {};
+}
+
+std::string PlaceText(const Branches& branches, Controller controller) {
+    const std::shared_ptr<Branch>& branch = branches.Of(controller);
+    if (!branch) return branches.errors[static_cast<size_t>(controller)].Text();
+    if (!branch->placement) return branch->error.Text();
+    return branch->hierarchy.reason + ", " + branch->placement->reason;
+}
+
+std::string LayoutOf(const Branches& branches) {
+    bool v1 = false;
+    bool v2 = false;
+    for (const std::shared_ptr<Branch>& branch : branches.all) {
+        (branch->GetVersion() == Version::kV2 ? v2 : v1) = true;
+    }
+    return v1 && v2 ? "hybrid" : v1 ? "v1" : v2 ? "v2" : "none";
+}
+
+/// A component whose CPU and memory groups differ has two leaves of one name in two groups: they count as one.
+void VerifyMembership(std::vector<Found*>& leaves) {
+    std::map<std::string, std::map<size_t, std::set<int>>> byName;
+    for (const Found* leaf : leaves) {
+        for (const auto& [controller, pids] : leaf->pids) {
+            byName[leaf->status.name][controller].insert(pids.begin(), pids.end());
+        }
+    }
+    for (Found* leaf : leaves) {
+        const auto& sets = byName[leaf->status.name];
+        std::set<int> all;
+        for (const auto& entry : sets) all.insert(entry.second.begin(), entry.second.end());
+        leaf->status.pids.assign(all.begin(), all.end());
+        leaf->status.membershipVerified =
+            !all.empty() && std::all_of(sets.begin(), sets.end(), [&](const auto& entry) { return entry.second == all; });
+    }
+}
+
+}  // namespace
+
+bool ReadCgroupTreeStatus(CgroupTreeStatus& out, std::string& error) {
+    const Branches branches = FindBranches();
+    CgroupTreeStatus status;
+    status.layout = LayoutOf(branches);
+    status.cpuPlace = PlaceText(branches, Controller::kCpu);
+    status.memoryPlace = PlaceText(branches, Controller::kMemory);
+    std::map<NodeKey, Found> found;
+    for (const std::shared_ptr<Branch>& branch : branches.all) {
+        Status read = ReadBranch(*branch, found);
+        if (!read && branch->placement) {
+            error = read.GetError().Text();
+            return false;
+        }
+    }
+    std::vector<Found*> leaves;
+    for (auto& [key, node] : found) {
+        if (node.status.level == CgroupLevel::kComponent) leaves.push_back(&node);
+    }
+    VerifyMembership(leaves);
+    // Sorted by group, then component: the map's order, with the parent's empty key first.
+    for (auto& [key, node] : found) status.nodes.push_back(node.status);
+    status.present = !status.nodes.empty();
+    out = std::move(status);
+    return true;
+}
+
+bool RemoveAgentCgroupTree(std::string& error) {
+    error.clear();
+    for (const std::shared_ptr<Branch>& branch : FindBranches().all) {
+        if (!branch->placement) continue;
+        Status removed = RemoveTree(*branch);
+        // A group of that name that is not ours is nothing that we left behind.
+        if (removed || removed.GetError().kind == ErrorKind::kNotFound) continue;
+        if (!error.empty()) error += "; ";
+        error += removed.GetError().Text();
+    }
+    return error.empty();
+}
+
+}  // namespace zel

@@ -1,0 +1,64 @@
+// What the agent needs of the cgroup layer beside the manager and the client: a view of the tree as the kernel shows
+// it, the name under which a component finds itself in the component file, and the clean end of the tree.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/zel/Export.h"
+
+namespace zel {
+
+/// One controller of one group, read from the kernel.
+struct CgroupUse {
+    bool present = false;  ///< the group exists there and has the controller's files
+    bool v2 = false;
+    std::string path;
+    int limit = 0;  ///< hundredths of a percent of one CPU, or KB; 0: none of its own
+    /// CPU: time used by the group so far, in microseconds. Version 1 without cpuacct beside cpu: the sum over the
+    /// processes that are in it now. Memory: KB in use. -1: unknown.
+    int64_t used = -1;
+    int64_t periods = 0;           ///< CPU: periods in which the group ran
+    int64_t throttledPeriods = 0;  ///< CPU: those in which it was held back
+    int64_t throttledUs = 0;
+    int64_t limitHits = -1;  ///< memory: times the limit was reached
+    int64_t oomKills = -1;   ///< memory: victims; version 2: in the subtree
+    int64_t ownOoms = -1;    ///< memory, version 2: out-of-memory at this group's own limit
+};
+
+enum class CgroupLevel { kParent, kGroup, kComponent };
+
+struct CgroupNodeStatus {
+    CgroupLevel level = CgroupLevel::kParent;
+    std::string name;
+    std::string group;  ///< of a component
+    CgroupUse cpu;
+    CgroupUse memory;
+    std::vector<int> pids;  ///< of a component
+    /// A component's processes are in its leaf of every controller that is in use, and in no leaf of one only.
+    bool membershipVerified = false;
+};
+
+struct CgroupTreeStatus {
+    bool present = false;  ///< there is a tree of this agent
+    std::string layout;    ///< "v1", "v2", "hybrid" (one of each) or "none"
+    std::string cpuPlace;  ///< one sentence each: which hierarchy, where in it, or why none
+    std::string memoryPlace;
+    std::vector<CgroupNodeStatus> nodes;  ///< the parent, then each group followed by its components
+};
+
+/// Reads the tree of the agent of this application directory. Writes nothing; any process of the agent may call it.
+/// Returns: false with the reason in `error` when the kernel's files cannot be read; no tree is not a failure.
+ZEL_API bool ReadCgroupTreeStatus(CgroupTreeStatus& out, std::string& error);
+
+/// Moves every process out of the agent's tree and removes its groups, for the clean end of the main process.
+/// What others have made inside is left, and so is the tree then.
+/// Returns: true when nothing is left behind; else false with every reason in `error`.
+ZEL_API bool RemoveAgentCgroupTree(std::string& error);
+
+/// Names this process's component for CCgroupClient: the "name" of its entry in the component file. To be called
+/// before the client's first use. Without a call the environment variable ZEL_COMPONENT counts.
+ZEL_API void SetCgroupClientComponent(const std::string& name);
+
+}  // namespace zel

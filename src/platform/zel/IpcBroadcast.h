@@ -1,0 +1,79 @@
+// Broadcast between the processes of one agent: the main process sends, every component listens. Local packets
+// only, over a socket file in the application directory; root or the agent's own user, nobody else.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/zel/Export.h"
+
+namespace zel {
+
+/// Bounds of one message; a longer one is refused by the sender.
+constexpr size_t kIpcMaxTypeBytes = 128;
+constexpr size_t kIpcMaxBodyBytes = 64 * 1024;
+
+/// The sending side, one per agent, in the main process.
+/// The latest message of each type is kept and given to whoever connects later, so that a component that starts or
+/// restarts after a change hears of it.
+/// Thread-safety: every operation may be called from any thread.
+/// Lifetime: the destructor stops the server. Not to be used on the child's side of a fork.
+class ZEL_API CIpcBroadcastServer {
+public:
+    CIpcBroadcastServer();
+    ~CIpcBroadcastServer();
+    CIpcBroadcastServer(const CIpcBroadcastServer&) = delete;
+    CIpcBroadcastServer& operator=(const CIpcBroadcastServer&) = delete;
+
+    /// Makes the socket `path` (mode 0600) and starts serving. A socket left by a process that is gone is replaced.
+    /// On failure: false with the reason in `error`; also when another process serves that path.
+    bool Start(const std::string& path, std::string& error);
+
+    /// Closes every connection and removes the socket. Blocks: until the serving thread has ended.
+    void Stop();
+
+    /// Queues one message for every subscriber. Never waits for one: a subscriber that does not read loses its
+    /// oldest messages beyond a bound, and one that already has the same message waiting is not given it twice.
+    /// Returns: false when the server does not run or the message is too long or has no type.
+    bool Broadcast(const std::string& type, const std::string& body);
+
+    /// Returns: connected subscribers; messages that were dropped for slow ones so far.
+    size_t GetSubscriberCount();
+    uint64_t GetDroppedCount();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+/// The listening side, one per component.
+/// Thread-safety: Start and Stop from one thread, not from the callback; the callback runs on a thread of its own.
+/// Lifetime: the destructor stops it.
+class ZEL_API CIpcBroadcastSubscriber {
+public:
+    using Callback = std::function<void(const std::string& type, const std::string& body)>;
+
+    CIpcBroadcastSubscriber();
+    ~CIpcBroadcastSubscriber();
+    CIpcBroadcastSubscriber(const CIpcBroadcastSubscriber&) = delete;
+    CIpcBroadcastSubscriber& operator=(const CIpcBroadcastSubscriber&) = delete;
+
+    /// Listens to the server at `path` and calls back for each message, in order. Connects as soon as there is a
+    /// server and again whenever it went away. A server of another user is not listened to.
+    /// Returns: false when it runs already or no thread could be started.
+    bool Start(const std::string& path, Callback callback);
+
+    /// Blocks: until the listening thread has ended, a callback that runs included.
+    void Stop();
+
+    bool IsConnected();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace zel
