@@ -114,6 +114,8 @@ struct LimitStep {
 }  // namespace
 
 struct CCgroupManager::Impl {
+    class Scope;
+
     std::mutex mutex;
     Branches branches;
     bool initialized = false;
@@ -126,7 +128,10 @@ struct CCgroupManager::Impl {
     std::map<std::pair<int, std::string>, std::string> origins;  ///< process and tree -> group that it came from
     OomMonitor oom;
 
+    std::array<Version, kControllerCount> versions{};  ///< as last located
+
     void Locate();
+    void Release();
     bool Reconcile(const Flags& on, const CgroupTotalLimitConfig* totalLimit,
                    const std::vector<CgroupGroupConfig>& configs);
     bool TakeTargets(const Flags& on, const CgroupTotalLimitConfig* totalLimit,
@@ -149,7 +154,6 @@ struct CCgroupManager::Impl {
     Status MoveIntoLeaf(const Branch& branch, const std::string& group, const std::string& leaf, int pid);
     bool AddPid(const std::string& group, int pid);
     bool RemovePid(int pid);
-    struct Wanted;
     Status PlaceLeaf(Controller controller, const std::string& component, const std::string& group, int quota,
                      ComponentLeaf& out);
     std::string GroupFor(const CgroupComponentQuota& quota, Controller controller) const;
@@ -157,8 +161,13 @@ struct CCgroupManager::Impl {
     bool FollowOwnLeaf(const ComponentFile& file);
 };
 
+/// Looks at the mounts and opens the places where groups are made; Scope closes them again.
 void CCgroupManager::Impl::Locate() {
     branches = FindBranches();
+    for (const Controller controller : kAllControllers) {
+        const std::shared_ptr<Branch>& branch = branches.Of(controller);
+        versions[At(controller)] = branch ? branch->GetVersion() : Version::kNone;
+    }
     if (initialized) return;
     initialized = true;
     for (const Controller controller : kAllControllers) {
@@ -172,6 +181,9 @@ void CCgroupManager::Impl::Locate() {
         }
     }
 }
+
+/// A descriptor kept in a mount would keep an operator from unmounting it.
+void CCgroupManager::Impl::Release() { branches = Branches(); }
 
 int CCgroupManager::Impl::TargetOfGroup(Controller controller, const std::string& name) const {
     for (const GroupTarget& group : groups) {
@@ -442,7 +454,6 @@ bool CCgroupManager::Impl::IsInUse(Controller controller) {
 
 bool CCgroupManager::Impl::Reconcile(const Flags& on, const CgroupTotalLimitConfig* totalLimit,
                                      const std::vector<CgroupGroupConfig>& configs) {
-    Locate();
     bool ok = TakeTargets(on, totalLimit, configs);
     for (const Controller controller : kAllControllers) {
         if (on[At(controller)] && !branches.Of(controller)) {
@@ -502,7 +513,6 @@ Result<GroupDir> CCgroupManager::Impl::OpenTreeFor(Controller controller) {
 }
 
 int CCgroupManager::Impl::ReadParentLimit(Controller controller) {
-    branches = FindBranches();
     Result<GroupDir> tree = OpenTreeFor(controller);
     if (!tree || !HasLimitFile(controller, *tree)) return 0;
     Result<int> limit = ReadLimit(controller, *tree);
@@ -529,7 +539,6 @@ Status CCgroupManager::Impl::MoveIntoLeaf(const Branch& branch, const std::strin
 }
 
 bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
-    branches = FindBranches();
     if (!IsConfigured(group)) {
         LogError(__LINE__, MakeError(ErrorKind::kNotFound, "add process " + std::to_string(pid) + " to", group,
                                      "there is no group of that name"));
@@ -557,7 +566,6 @@ bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
 }
 
 bool CCgroupManager::Impl::RemovePid(int pid) {
-    branches = FindBranches();
     bool ok = true;
     for (const std::shared_ptr<Branch>& branch : branches.all) {
         if (!branch->placement) continue;
@@ -646,7 +654,6 @@ bool CCgroupManager::Impl::FollowOwnLeaf(const ComponentFile& file) {
 
 bool CCgroupManager::Impl::WriteConfig(const std::string& path, const std::vector<CgroupComponentQuota>& quotas,
                                        const Amounts& parent) {
-    branches = FindBranches();
     ComponentFile file;
     file.enabled = true;
     file.bootId = ReadBootId();
@@ -709,10 +716,6 @@ Status CCgroupManager::Impl::ReadOom() {
         return {};
     }
     Result<GroupDir> tree = OpenTreeFor(Controller::kMemory);
-    if (!tree) {
-        branches = FindBranches();
-        tree = OpenTreeFor(Controller::kMemory);
-    }
     if (!tree) return tree.GetError();
     Result<std::vector<std::string>> names = OwnChildren(*tree);
     if (!names) return names.GetError();
@@ -729,25 +732,37 @@ void CCgroupManager::Impl::ObserveOom() {
     static_cast<void>(read);
 }
 
+/// One operation: locked, with the hierarchies looked at afresh.
+class CCgroupManager::Impl::Scope {
+public:
+    explicit Scope(Impl& impl) : m_guard(impl.mutex), m_impl(impl) { m_impl.Locate(); }
+    ~Scope() { m_impl.Release(); }
+    Scope(const Scope&) = delete;
+    Scope& operator=(const Scope&) = delete;
+
+private:
+    std::lock_guard<std::mutex> m_guard;
+    Impl& m_impl;
+};
+
 CCgroupManager::CCgroupManager() : m_impl(std::make_unique<Impl>()) {}
 
 CCgroupManager::~CCgroupManager() = default;
 
 bool CCgroupManager::EnsureInitialized() {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
-    m_impl->Locate();
+    const Impl::Scope scope(*m_impl);
     return std::any_of(m_impl->branches.all.begin(), m_impl->branches.all.end(),
                        [](const std::shared_ptr<Branch>& branch) { return branch->placement.has_value(); });
 }
 
 bool CCgroupManager::Reconcile(bool cpuOn, bool memOn, const CgroupTotalLimitConfig& total,
                                const std::vector<CgroupGroupConfig>& groups) {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
+    const Impl::Scope scope(*m_impl);
     return m_impl->Reconcile({cpuOn, memOn}, &total, groups);
 }
 
 bool CCgroupManager::Reconcile(bool cpuOn, bool memOn, const std::vector<CgroupGroupConfig>& groups) {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
+    const Impl::Scope scope(*m_impl);
     return m_impl->Reconcile({cpuOn, memOn}, nullptr, groups);
 }
 
@@ -763,14 +778,12 @@ bool CCgroupManager::IsMemCgroupEnabled() {
 
 bool CCgroupManager::IsCpuV2() {
     const std::lock_guard<std::mutex> guard(m_impl->mutex);
-    const std::shared_ptr<Branch>& branch = m_impl->branches.Of(Controller::kCpu);
-    return branch && branch->GetVersion() == Version::kV2;
+    return m_impl->versions[At(Controller::kCpu)] == Version::kV2;
 }
 
 bool CCgroupManager::IsMemV2() {
     const std::lock_guard<std::mutex> guard(m_impl->mutex);
-    const std::shared_ptr<Branch>& branch = m_impl->branches.Of(Controller::kMemory);
-    return branch && branch->GetVersion() == Version::kV2;
+    return m_impl->versions[At(Controller::kMemory)] == Version::kV2;
 }
 
 bool CCgroupManager::IsParentCpuActive() { return GetParentCpuLimit100Times() > 0; }
@@ -778,29 +791,29 @@ bool CCgroupManager::IsParentCpuActive() { return GetParentCpuLimit100Times() > 
 bool CCgroupManager::IsParentMemActive() { return GetParentMemLimitKB() > 0; }
 
 int CCgroupManager::GetParentCpuLimit100Times() {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
+    const Impl::Scope scope(*m_impl);
     return m_impl->ReadParentLimit(Controller::kCpu);
 }
 
 int CCgroupManager::GetParentMemLimitKB() {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
+    const Impl::Scope scope(*m_impl);
     return m_impl->ReadParentLimit(Controller::kMemory);
 }
 
 bool CCgroupManager::AddPidToGroup(const std::string& group, int pid) {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
+    const Impl::Scope scope(*m_impl);
     return m_impl->AddPid(group, pid);
 }
 
 bool CCgroupManager::RemovePidFromGroup(const std::string& group, int pid) {
     static_cast<void>(group);  // Out of the tree is out of every group in it.
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
+    const Impl::Scope scope(*m_impl);
     return m_impl->RemovePid(pid);
 }
 
 bool CCgroupManager::WriteComponentConfig(const std::string& path, const std::vector<CgroupComponentQuota>& quotas,
                                           int parentCpu100Times, int parentMemKB) {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
+    const Impl::Scope scope(*m_impl);
     return m_impl->WriteConfig(path, quotas, {parentCpu100Times, parentMemKB});
 }
 
@@ -819,7 +832,7 @@ void CCgroupManager::ResetMemoryOomMonitor() {
 }
 
 bool CCgroupManager::SnapshotSelfMemoryOomCounters(std::vector<CgroupMemoryOomEvent>& out) {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
+    const Impl::Scope scope(*m_impl);
     Status read = m_impl->ReadOom();
     if (!read) {
         LogError(__LINE__, read.GetError());
@@ -830,7 +843,7 @@ bool CCgroupManager::SnapshotSelfMemoryOomCounters(std::vector<CgroupMemoryOomEv
 }
 
 bool CCgroupManager::PollMemoryOomEvents(std::vector<CgroupMemoryOomEvent>& out) {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
+    const Impl::Scope scope(*m_impl);
     out.clear();
     Status read = m_impl->ReadOom();
     if (!read) {
@@ -838,6 +851,8 @@ bool CCgroupManager::PollMemoryOomEvents(std::vector<CgroupMemoryOomEvent>& out)
         return false;
     }
     out = m_impl->oom.TakeRises();
+    // Leaves and groups that were still in use when their configuration went are looked at again here.
+    for (const std::shared_ptr<Branch>& branch : m_impl->branches.all) m_impl->Sweep(*branch);
     return true;
 }
 
