@@ -235,7 +235,7 @@ Status CLegacyLimit::MoveBack(Half& half, int pid) {
     return half.placement.base.MoveHere(pid);
 }
 
-void CLegacyLimit::RemoveIfUnused(Half& half) {
+void CLegacyLimit::RemoveIfUnused(Half& half, bool mayLift) {
     for (int attempt = 0; attempt < kRemoveAttempts; ++attempt) {
         Status removed = half.placement.base.RemoveChild(m_options.groupName);
         if (removed) return;
@@ -246,7 +246,7 @@ void CLegacyLimit::RemoveIfUnused(Half& half) {
         Result<std::vector<int>> members = half.group.Processes();
         if (members && !members->empty()) {
             // The last process of the agent lifts the limit: what is left in the group is not ours to hold down.
-            if (Foreign(half).size() != members->size()) return;
+            if (!mayLift || Foreign(half).size() != members->size()) return;
             Status lifted = LiftLimit(half);
             Log(kLogWarning, __LINE__,
                 "legacy group " + half.group.Path() + " kept, " + std::to_string(members->size()) +
@@ -258,9 +258,10 @@ void CLegacyLimit::RemoveIfUnused(Half& half) {
     }
 }
 
-Status CLegacyLimit::Leave(Half& half) {
+Status CLegacyLimit::Leave(Half& half, bool wasStarted) {
     if (SharesGroup(half)) return LiftLimit(half);
     const int self = static_cast<int>(getpid());
+    bool wasMember = wasStarted;
     for (int round = 0; round < kLeaveRounds; ++round) {
         Result<std::vector<int>> members = half.group.Processes();
         if (!members) return members.GetError();
@@ -268,6 +269,7 @@ Status CLegacyLimit::Leave(Half& half) {
         for (const ProcessEntry& entry : DescendantsOf(ReadProcessTable(), self)) {
             if (!std::binary_search(members->begin(), members->end(), entry.pid)) continue;
             ++left;
+            wasMember = true;
             Status moved = MoveBack(half, entry.pid);
             if (moved || moved.GetError().kind == ErrorKind::kNotFound) continue;
             Status lifted = LiftLimit(half);
@@ -279,7 +281,7 @@ Status CLegacyLimit::Leave(Half& half) {
         }
         if (left == 0) break;
     }
-    RemoveIfUnused(half);
+    RemoveIfUnused(half, wasMember);
     return {};
 }
 
@@ -294,8 +296,9 @@ int CLegacyLimit::Stop(Half& half, int& error) {
         }
     }
     const bool alive = half.group.IsAlive();
+    const bool wasStarted = half.started;
     half.started = false;
-    Status left = alive ? Leave(half) : Status{};
+    Status left = alive ? Leave(half, wasStarted) : Status{};
     const bool isCpu = half.controller == Controller::kCpu;
     int code = kLegacyOk;
     if (!left && left.GetError().kind != ErrorKind::kGone && left.GetError().kind != ErrorKind::kNotFound) {
@@ -326,8 +329,8 @@ void CLegacyLimit::Sync(Half& half) {
     JoinDescendants(half);
 }
 
-// The agent's processes in a group: this one, its family as far as it is in the group too, and every program of the
-// application directory. The rest was put there by somebody else.
+// The agent's processes in a group: this one, its family as far as it is in the group too, processes of the same
+// program, and every program of the application directory. The rest was put there by somebody else.
 std::vector<int> CLegacyLimit::Foreign(const Half& half) const {
     std::vector<int> out;
     Result<std::vector<int>> members = half.group.Processes();
@@ -339,9 +342,12 @@ std::vector<int> CLegacyLimit::Foreign(const Half& half) const {
         if (pid != head && IsBelow(table, head, pid)) head = pid;
     }
     const std::string directory = m_options.applicationDir + "/";
+    const std::string program = ReadExecutable(self);
     for (int pid : *members) {
         if (IsBelow(table, pid, head)) continue;
-        if (directory.size() > 1 && ReadExecutable(pid).compare(0, directory.size(), directory) == 0) continue;
+        const std::string other = ReadExecutable(pid);
+        if (!other.empty() && other == program) continue;
+        if (directory.size() > 1 && other.compare(0, directory.size(), directory) == 0) continue;
         out.push_back(pid);
     }
     return out;

@@ -99,9 +99,9 @@ private:
     Status StartOnce(Half& half);
     int Start(Half& half, int& error);
     int Stop(Half& half, int& error);
-    Status Leave(Half& half);
+    Status Leave(Half& half, bool wasStarted);
     Status MoveBack(Half& half, int pid);
-    void RemoveIfUnused(Half& half);
+    void RemoveIfUnused(Half& half, bool mayLift);
     void Sync(Half& half);
     bool InForce(const Half& half) const;
     bool SharesGroup(const Half& half);

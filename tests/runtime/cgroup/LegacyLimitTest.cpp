@@ -9,6 +9,8 @@
 #include <sys/utsname.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -239,8 +241,8 @@ TEST_F(LegacyLimitTest, AChildInTheUnifiedTreeStaysThere) {
     child.End();
 }
 
-// A process that is nobody's child here: its parent has ended.
-int SpawnOrphan() {
+// A process that is nobody's child here: its parent has ended. With a program it runs that, else this one.
+int SpawnOrphan(const char* program = nullptr) {
     int ends[2] = {-1, -1};
     if (pipe2(ends, O_CLOEXEC) != 0) return -1;
     const pid_t middle = fork();
@@ -248,6 +250,7 @@ int SpawnOrphan() {
         const pid_t orphan = fork();
         if (orphan == 0) {
             alarm(60);
+            if (program != nullptr) execl(program, program, "60", static_cast<char*>(nullptr));
             for (;;) pause();
         }
         const int pid = orphan;
@@ -264,7 +267,7 @@ int SpawnOrphan() {
 
 TEST_F(LegacyLimitTest, AForeignProcessIsCountedAndNotHeldDownAfterTheStop) {
     ASSERT_EQ(kLegacyOk, Start(20, 0));
-    const int orphan = SpawnOrphan();
+    const int orphan = SpawnOrphan("/bin/sleep");
     ASSERT_GT(orphan, 0);
     ASSERT_TRUE(Root(m_cpu).OpenChild(m_group)->MoveHere(orphan).Ok());
     EXPECT_EQ(1, m_limit->GetCgroupOtherProcessNum());
@@ -284,22 +287,70 @@ TEST_F(LegacyLimitTest, AForeignProcessIsCountedAndNotHeldDownAfterTheStop) {
     }
 }
 
-TEST_F(LegacyLimitTest, AProgramOfTheApplicationDirectoryIsTheAgents) {
-    const std::string self = ReadExecutable(static_cast<int>(getpid()));
-    LegacyOptions options;
-    options.groupName = m_group;
-    options.treeName = m_name;
-    options.applicationDir = self.substr(0, self.rfind('/'));
-    CLegacyLimit limit(std::move(options));
-    ASSERT_EQ(kLegacyOk, limit.StartCpuLimit(20, 0, m_error));
-    const int orphan = SpawnOrphan();
+TEST_F(LegacyLimitTest, AStopInAProcessThatNeverJoinedDoesNotTouchTheOthers) {
+    auto group = Root(m_cpu).MakeChild(m_group);
+    ASSERT_TRUE(group.Ok());
+    ASSERT_TRUE(ApplyCpuQuota(*group, QuotaFrom100Times(2000)).Ok());
+    const int orphan = SpawnOrphan("/bin/sleep");
     ASSERT_GT(orphan, 0);
-    EXPECT_EQ("/" + m_group, *ReadGroupOf(orphan, m_cpu));
-    EXPECT_EQ(0, limit.GetCgroupOtherProcessNum());
-    // The last process of the agent has not left: limit and group stay.
-    EXPECT_EQ(kLegacyOk, limit.StopCpuLimit(m_error));
+    ASSERT_TRUE(group->MoveHere(orphan).Ok());
+    EXPECT_EQ(kLegacyOk, Stop());
     EXPECT_EQ("20000", Quota());
+    EXPECT_EQ("/" + m_group, *ReadGroupOf(orphan, m_cpu));
+    EXPECT_THAT(TakeLog(), IsEmpty());
     kill(orphan, SIGKILL);
+}
+
+TEST_F(LegacyLimitTest, ProgramsOfTheApplicationDirectoryAndOfTheSameFileAreTheAgents) {
+    char sleeper[PATH_MAX] = {};
+    ASSERT_NE(nullptr, realpath("/bin/sleep", sleeper));
+    const std::string program = sleeper;
+    for (const bool same : {false, true}) {
+        LegacyOptions options;
+        options.groupName = m_group;
+        options.treeName = m_name;
+        options.applicationDir = same ? "/opt/zeltest-nowhere" : program.substr(0, program.rfind('/'));
+        CLegacyLimit limit(std::move(options));
+        ASSERT_EQ(kLegacyOk, limit.StartCpuLimit(20, 0, m_error));
+        const int orphan = SpawnOrphan(same ? nullptr : "/bin/sleep");
+        ASSERT_GT(orphan, 0);
+        // Until the program is running it is still this one's image.
+        for (int i = 0; i < 200 && !same && ReadExecutable(orphan) != program; ++i) {
+            usleep(5000);
+        }
+        EXPECT_EQ("/" + m_group, *ReadGroupOf(orphan, m_cpu));
+        EXPECT_EQ(0, limit.GetCgroupOtherProcessNum()) << ReadExecutable(orphan);
+        // The last process of the agent has not left: limit and group stay.
+        EXPECT_EQ(kLegacyOk, limit.StopCpuLimit(m_error));
+        EXPECT_EQ("20000", Quota());
+        kill(orphan, SIGKILL);
+    }
+}
+
+TEST_F(LegacyLimitTest, ProcessesThatStartAndStopAtOnceDoNotDisturbEachOther) {
+    constexpr int kProcesses = 4;
+    constexpr int kRounds = 15;
+    pid_t children[kProcesses];
+    for (pid_t& child : children) {
+        child = fork();
+        if (child != 0) continue;
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        auto own = Make();
+        int error = 0;
+        for (int round = 0; round < kRounds; ++round) {
+            if (own->StartCpuLimit(50, 0, error) != kLegacyOk) _exit(1);
+            if (!own->IsCpuLimited()) _exit(2);
+            if (own->StopCpuLimit(error) != kLegacyOk) _exit(3);
+        }
+        _exit(0);
+    }
+    for (const pid_t child : children) {
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(0, WEXITSTATUS(status));
+    }
+    EXPECT_FALSE(Exists(CpuDir(m_group)));
 }
 
 TEST_F(LegacyLimitTest, OfTwoProcessesTheLastRemovesTheGroup) {
