@@ -40,6 +40,13 @@ void LogPolledEvent(const zel::CgroupMemoryOomEvent& event) {
 
 }  // namespace
 
+void CMonitorPri::RefreshSelfCgroupOomWatermark() {
+    if (!m_isMainAgent || m_cgroupManager == nullptr || !m_unifiedActive) return;
+    std::vector<zel::CgroupMemoryOomEvent> snapshot;
+    if (!m_cgroupManager->SnapshotSelfMemoryOomCounters(snapshot) || snapshot.empty()) return;
+    WriteOomWatermarkFile(GetOomWatermarkPath(), snapshot);  // ignoring: the next refresh writes it again
+}
+
 bool CMonitorPri::ReportCgroupOomEvent(const std::string& type, const Json::Value& items) {
     IMsgTransmit* transmit = GetMsgTransmitInstance();
     if (transmit == nullptr) {

@@ -6,7 +6,6 @@
 
 #include <exception>
 
-#include "platform/zel/CgroupManager.h"
 #include "platform/zel/FileUtil.h"
 #include "platform/zel/PathInfo.h"
 
@@ -117,11 +116,4 @@ bool ReadOomWatermarkFile(const std::string& path, OomWatermarkMap& watermarks) 
     std::string text;
     if (!zel::CFileUtil::ReadFullFile(path, text, kOomWatermarkMaxBytes)) return false;
     return ParseOomWatermark(text, watermarks);
-}
-
-void CMonitorPri::RefreshSelfCgroupOomWatermark() {
-    if (!m_isMainAgent || m_cgroupManager == nullptr || !m_unifiedActive) return;
-    std::vector<zel::CgroupMemoryOomEvent> snapshot;
-    if (!m_cgroupManager->SnapshotSelfMemoryOomCounters(snapshot) || snapshot.empty()) return;
-    WriteOomWatermarkFile(GetOomWatermarkPath(), snapshot);  // ignoring: the next refresh writes it again
 }

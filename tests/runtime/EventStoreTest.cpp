@@ -1,10 +1,8 @@
 // The event store on the real library: real files, a real SQLite, and what a host does to both.
 #include "OsAbnormalDataBase.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/mount.h>
@@ -12,9 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <functional>
@@ -22,9 +18,9 @@
 #include <mutex>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "HostTricks.h"
 #include "platform/zel/LogControl.h"
 
 namespace {
@@ -48,8 +44,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using Strings = std::vector<std::string>;
 
-constexpr uid_t kNobody = 65534;
-
 std::mutex g_logLock;
 Strings g_log;
 
@@ -61,20 +55,6 @@ void CollectLog(int level, const std::string& line) {
 class StoreProbe : public COsAbnormalDataBase {
 public:
     using COsAbnormalDataBase::m_dayOfMonth;
-};
-
-/// Acts as an ordinary user for as long as it lives, where the process is root: root ignores permissions.
-class Unprivileged {
-public:
-    Unprivileged() : m_wasRoot(geteuid() == 0) {
-        EXPECT_EQ(0, m_wasRoot ? seteuid(kNobody) : 0);
-    }
-    ~Unprivileged() {
-        EXPECT_EQ(0, m_wasRoot ? seteuid(0) : 0);
-    }
-
-private:
-    bool m_wasRoot;
 };
 
 class EventStoreTest : public ::testing::Test {
@@ -172,34 +152,8 @@ protected:
         ASSERT_THAT(TakeLog(), IsEmpty());
     }
 
-    /// Runs `body` on a thread that sees a small tmpfs in the place of the directory, which nobody else sees.
-    /// Returns: empty, or why that is not possible here.
-    std::string OnSmallDisk(const char* size, const std::function<void()>& body) {
-        std::string reason;
-        std::thread([&] {
-            // A thread may leave the others' mount namespace on its own; its mounts end with it.
-            if (unshare(CLONE_NEWNS) != 0) {
-                reason = std::string("no mount namespace of its own: ") + strerror(errno);
-                return;
-            }
-            if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                mount("zel-test", m_directory.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, size) != 0) {
-                reason = std::string("no tmpfs of its own: ") + strerror(errno);
-                return;
-            }
-            body();
-        }).join();
-        return reason;
-    }
-
-    void FillDisk() {
-        std::string block(4096, 'x');
-        const int fd = open(Filler().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        ASSERT_GE(fd, 0);
-        while (write(fd, block.data(), block.size()) > 0) {
-        }
-        EXPECT_EQ(ENOSPC, errno);
-        close(fd);
+    std::string OnSmallDisk(const char* options, const std::function<void()>& body) const {
+        return ::OnSmallDisk(m_directory, options, body);
     }
 
     std::string m_directory;
@@ -293,10 +247,8 @@ TEST_F(EventStoreTest, LastFileThatCannotBeRemovedStopsTheStoreUntilItCan) {
     store.m_dayOfMonth = 0;  // as after midnight
     // The directory takes no writes from its ordinary owner, so nothing in it can be removed; root becomes such an
     // owner.
-    if (geteuid() == 0) {
-        ASSERT_EQ(0, chown(m_directory.c_str(), kNobody, kNobody));
-        ASSERT_EQ(0, chown(Current().c_str(), kNobody, kNobody));
-    }
+    GiveAway(m_directory);
+    GiveAway(Current());
     ASSERT_EQ(0, chmod(m_directory.c_str(), 0500));
     {
         Unprivileged guard;
@@ -430,7 +382,7 @@ TEST_F(EventStoreTest, FullDiskLosesTheRowsOfThatTimeAndNoOthers) {
     StoreProbe store;
     const std::string unable = OnSmallDisk("size=128k", [&] {
         Begin(store, 1);
-        FillDisk();
+        FillDisk(Filler());
         EXPECT_FALSE(store.InsertData(OS_ABNORMAL_MEMORY, 2, "", std::string(20000, 'd')));
         EXPECT_THAT(TakeLog(),
                     ElementsAre(EndsWith("insert os abnormal value fail, error is " + std::to_string(SQLITE_FULL))));
@@ -449,7 +401,7 @@ TEST_F(EventStoreTest, FullDiskLosesTheRowsOfThatTimeAndNoOthers) {
 TEST_F(EventStoreTest, DiskThatIsFullFromTheStartFailsInTheOpen) {
     StoreProbe store;
     const std::string unable = OnSmallDisk("size=128k", [&] {
-        FillDisk();
+        FillDisk(Filler());
         EXPECT_FALSE(store.InsertData(OS_ABNORMAL_MEMORY, 1, "", "lost"));
         EXPECT_THAT(TakeLog(),
                     ElementsAre(EndsWith("open os abnormal db fail, error is " + std::to_string(SQLITE_FULL)),
@@ -484,7 +436,7 @@ TEST_F(EventStoreTest, ProcessKilledAtAnyMomentLeavesAReadableStore) {
     constexpr int kRounds = 60;
     for (int round = 0; round < kRounds; ++round) {
         int told[2];
-        ASSERT_EQ(0, pipe2(told, O_CLOEXEC));
+        ASSERT_EQ(0, pipe(told));
         const pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {

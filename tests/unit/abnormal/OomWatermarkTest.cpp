@@ -85,7 +85,8 @@ TEST_F(OomWatermarkTest, EventItemHoldsAllTwelveFieldsWithTheirTypes) {
     event.oom_kill_disable = INT_MAX;
     const Json::Value item = MakeOomEventItem(event);
     EXPECT_EQ((std::vector<std::string>{"group", "oom", "oom_delta", "oom_group_kill", "oom_group_kill_delta",
-                                        "oom_kill", "oom_kill_delta", "oom_kill_disable", "parent", "path", "under_oom", "v2"}),
+                                        "oom_kill", "oom_kill_delta", "oom_kill_disable", "parent", "path",
+                                        "under_oom", "v2"}),
               item.getMemberNames());
     EXPECT_TRUE(item["group"].isString());
     EXPECT_EQ("guard", item["group"].asString());
