@@ -1,8 +1,8 @@
 // Groups and components of the unified mode: configuration values, built-in tables, quota arithmetic.
 // Touches no group and keeps no state. Entered by the configuration and notify threads.
-#include "GroupModel.h"
+#include "cgroup/GroupModel.h"
 
-#include "UnifiedCommon.h"
+#include "cgroup/UnifiedCommon.h"
 #include "platform/zel/StringUtil.h"
 
 using unified::kLogSource;

@@ -4,7 +4,6 @@
 // CPU amounts are hundredths of a percent of one CPU, memory amounts KB; maxima are percent and MB.
 #pragma once
 
-#include <climits>
 #include <cstdint>
 #include <map>
 #include <string>

@@ -8,8 +8,8 @@
 #include <algorithm>
 
 #include "MonitorPri.h"
-#include "SelfKillConversion.h"
-#include "UnifiedCommon.h"
+#include "cgroup/SelfKillConversion.h"
+#include "cgroup/UnifiedCommon.h"
 #include "platform/zel/CgroupClient.h"
 #include "platform/zel/CgroupManager.h"
 

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include "MonitorPri.h"
-#include "UnifiedCommon.h"
+#include "cgroup/UnifiedCommon.h"
 #include "platform/zel/CgroupClient.h"
 #include "platform/zel/CgroupManager.h"
 #include "platform/zel/FileUtil.h"
@@ -30,7 +30,7 @@ bool MoveAwayAndDelete(const std::string& path) {
 
 void LeaveMainGroup(zel::CCgroupManager* manager) {
     manager->ResetMemoryOomMonitor();
-    manager->RemovePidFromGroup(unified::kMainGroup, getpid());  // ignoring: the group is left to its fate either way
+    manager->RemovePidFromGroup(unified::kMainGroup, getpid());  // ignoring: no reason to stay in the unified mode
 }
 }  // namespace
 

@@ -6,9 +6,9 @@
 // Entered by the configuration and notify threads, one at a time.
 #include <unistd.h>
 
-#include "EffectiveCpu.h"
+#include "cgroup/EffectiveCpu.h"
 #include "MonitorPri.h"
-#include "UnifiedCommon.h"
+#include "cgroup/UnifiedCommon.h"
 #include "platform/zel/CgroupManager.h"
 
 using unified::kLogSource;

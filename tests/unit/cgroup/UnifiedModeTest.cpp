@@ -457,6 +457,16 @@ TEST_F(UnifiedModeTest, ABlacklistedKernelWithoutAnAllowlistIsUnifiedDisabled) {
     EXPECT_TRUE(pri().m_unifiedActive);
 }
 
+TEST_F(UnifiedModeTest, WithNoControllerAskedForTheKernelIsReadButNotJudged) {
+    pri().m_memLimitKernelRange = "";
+    platform().kernel.release = "4.9.93-010.x86_64";
+    EXPECT_TRUE(pri().InitMultiCgroup(8, 10, 200));
+    EXPECT_EQ(Lines({"CCgroupManager::CCgroupManager()", "CCgroupManager::EnsureInitialized()", kSolaris, "uname()",
+                     Reconcile9(false, false), kIsCpuOn, kIsMemOn, ReconcileOff9(false, false), kWriteDisabled}) +
+                  kDisable + Lines({kBroadcast, kNotified, kInitializedDisabled}),
+              steps());
+}
+
 TEST_F(UnifiedModeTest, AFailedReconcileOnABlacklistedKernelIsNotAFailureOfWantedLimits) {
     pri().m_memLimitKernelRange = "";
     platform().kernel.release = "4.9.93-010.x86_64";
