@@ -44,7 +44,7 @@ struct KernelCase {
     bool noMajor;   // reads, but counts as unread
     bool blacklisted;
 };
-enum Kernel { kModern, kBlacklisted, kOld, kGarbage, kZero, kKernels };
+enum Kernel { kModern, kBlacklisted, kOld, kNoNumbers, kMajorZero, kKernels };
 const KernelCase kKernelCases[kKernels] = {
     {"6.1.0-13-cloud-amd64", true, false, false},
     {"4.9.93-010.x86_64", true, false, true},
