@@ -1,0 +1,28 @@
+// The agent's components: which processes the main process starts. Read from conf/components.json, or built in.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "LoadProfile.h"
+
+namespace agent {
+
+struct ComponentConfig {
+    std::string name;   ///< name in the unified mode's table; also the process name
+    std::string group;  ///< label only: the group a component is put into comes from the resource configuration
+    LoadProfile load;   ///< synthetic load of a component that is this program itself
+    std::vector<std::string> command;  ///< any other program and its arguments; empty: this program
+};
+
+/// The components of the unified mode's built-in table, the main process left out, without load.
+std::vector<ComponentConfig> BuiltInComponents();
+
+/// Parses the text of conf/components.json. Pure.
+/// Returns: false with `problem` (key, value, reason); `components` is untouched then.
+bool ParseComponents(const std::string& text, std::vector<ComponentConfig>& components, std::string& problem);
+
+/// Reads the file; a missing one gives the built-in components.
+bool LoadComponents(const std::string& path, std::vector<ComponentConfig>& components, std::string& problem);
+
+}  // namespace agent

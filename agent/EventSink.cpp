@@ -1,0 +1,88 @@
+// Events of the sampling class, on their way to the log and to the delivery service.
+#include "EventSink.h"
+
+#include <json/json.h>
+#include <unistd.h>
+
+#include "Monitor.h"
+#include "platform/host/MsgTransmit.h"
+#include "platform/zel/LogMessage.h"
+
+namespace agent {
+
+namespace {
+
+const char* NameOf(ResourceKind kind) {
+    switch (kind) {
+        case ResourceKind::kCpu: return "cpu";
+        case ResourceKind::kMemory: return "memory";
+        case ResourceKind::kDescriptors: return "descriptors";
+        case ResourceKind::kReadIo: return "read_io";
+        case ResourceKind::kWriteIo: return "write_io";
+        case ResourceKind::kWatchedProcess: return "watched_process";
+        case ResourceKind::kWatchedCpu: return "watched_cpu";
+        case ResourceKind::kWatchedMemory: return "watched_memory";
+    }
+    return "unknown";
+}
+
+}  // namespace
+
+void Deliver(const char* type, const std::string& body) {
+    IMsgTransmit* transmit = GetMsgTransmitInstance();
+    if (transmit == nullptr) return;
+    if (!transmit->SendMsg(type, body, "", 1, 0)) {
+        zel::CLogMessage::GetInstance()->WriteLogMessage(std::string("message ") + type + " was not accepted for delivery",
+                                                         zel::kLogWarning);
+    }
+}
+
+EventSink::EventSink(std::string processName, void (*wakeMain)())
+    : m_processName(std::move(processName)), m_wakeMain(wakeMain) {}
+
+void EventSink::OnResourceWarning(const ResourceWarning& warning) {
+    m_warnings.fetch_add(1, std::memory_order_relaxed);
+    // The sampling class has logged the warning itself. What helps most with a CPU warning is who it was.
+    if (warning.kind == ResourceKind::kCpu && warning.stage == WarningStage::kSustained && m_monitor != nullptr) {
+        std::string report;
+        unsigned int tid = 0;
+        m_monitor->GetThreadsInfo(report, &tid);
+    }
+}
+
+void EventSink::OnBuildRecord(ResourceKind kind, std::string& extra) {
+    if (m_monitor == nullptr) return;
+    unsigned int tid = 0;
+    m_monitor->GetThreadsInfo(extra, kind == ResourceKind::kCpu ? &tid : nullptr);
+}
+
+void EventSink::OnSelfKill(const SelfKillRecord& record) {
+    if (m_selfKill.exchange(true)) return;
+    Json::Value body(Json::objectValue);
+    body["process"] = m_processName;
+    body["pid"] = static_cast<int>(getpid());
+    body["detect_time"] = Json::Int64(record.wallTime);
+    body["resource"] = NameOf(record.kind);
+    body["value"] = Json::Int64(record.value);
+    body["limit"] = Json::Int64(record.limit);
+    body["sustained_ms"] = Json::Int64(record.sustainedMs);
+    body["record"] = record.path;
+    Deliver(kSelfKillMessage, body.toStyledString());
+    m_wakeMain();
+}
+
+void EventSink::OnThreadStalled(const ThreadStall& stall) {
+    if (!stall.recovered) m_stalls.fetch_add(1, std::memory_order_relaxed);
+    Json::Value body(Json::objectValue);
+    body["process"] = m_processName;
+    body["thread"] = stall.name;
+    body["tid"] = stall.tid;
+    body["silent_ms"] = Json::Int64(stall.silentMs);
+    body["timeout_seconds"] = stall.timeoutSeconds;
+    body["gone"] = stall.gone;
+    body["recovered"] = stall.recovered;
+    body["stack"] = stall.stack;
+    Deliver(kThreadStallMessage, body.toStyledString());
+}
+
+}  // namespace agent

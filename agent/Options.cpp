@@ -1,0 +1,85 @@
+// Command line by CLI11; every value is checked before anything is started.
+#include "Options.h"
+
+#include <CLI/CLI.hpp>
+#include <climits>
+#include <cstdlib>
+
+#include "ExitCode.h"
+
+namespace agent {
+
+namespace {
+
+constexpr size_t kMaxNameLength = 64;
+
+bool IsPlainName(const std::string& name) {
+    if (name.empty() || name.size() > kMaxNameLength || name[0] == '.') return false;
+    for (char c : name) {
+        bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+                     c == '-' || c == '.';
+        if (!plain) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool ParseOptions(int argc, const char* const* argv, Options& options, std::string& text, int& exitCode) {
+    CLI::App app{"Host agent with its resource monitor"};
+    std::string load;
+    app.add_option("--app-dir", options.appDir, "application directory (default: the executable's, or ZEL_APP_DIR)");
+    app.add_option("--name", options.name, "process name; \"tervane\" is the main process")->capture_default_str();
+    app.add_option("--config", options.configPath, "resource configuration (default: <app dir>/conf/resource_config)");
+    app.add_flag("--foreground", options.foreground, "log to the console as well");
+    app.add_flag("--live", options.live, "show use against limits, refreshed in place on a terminal");
+    app.add_option("--for", options.forSeconds, "end after this many seconds with a summary");
+    app.add_option("--load", load, "synthetic load: " + std::string(kLoadProfileHelp));
+    app.add_option("--parent-pid", options.parentPid, "set by the main process for its components");
+    app.add_option("--group", options.group, "set by the main process for its components");
+    app.add_flag("--exec", options.exec, "put this process into the component's groups, then run COMMAND in its place");
+    app.add_option("command", options.command, "with --exec: program and arguments");
+    app.set_version_flag("--version", std::string(ZEL_VERSION));
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& done) {  // --help and --version
+        text = done.get_name() == "CallForVersion" ? app.version() + "\n" : app.help();
+        exitCode = kExitClean;
+        return false;
+    } catch (const CLI::ParseError& error) {
+        text = std::string("tervane: ") + error.what() + "\n";
+        exitCode = kExitUsage;
+        return false;
+    }
+    exitCode = kExitUsage;
+    if (!IsPlainName(options.name)) {
+        text = "tervane: --name " + options.name + ": letters, digits, '.', '_' and '-' only, at most 64\n";
+        return false;
+    }
+    if (options.exec == options.command.empty()) {
+        text = "tervane: --exec and a command go together\n";
+        return false;
+    }
+    std::string problem;
+    if (!ParseLoadProfile(load, options.load, problem)) {
+        text = "tervane: --load " + load + ": " + problem + "\n";
+        return false;
+    }
+    if (options.appDir.empty()) {
+        const char* fromEnvironment = getenv("ZEL_APP_DIR");
+        if (fromEnvironment != nullptr) options.appDir = fromEnvironment;
+    }
+    if (!options.appDir.empty()) {
+        char resolved[PATH_MAX];
+        if (realpath(options.appDir.c_str(), resolved) == nullptr) {
+            text = "tervane: --app-dir " + options.appDir + ": no such directory\n";
+            exitCode = kExitDirectory;
+            return false;
+        }
+        options.appDir = resolved;
+    }
+    exitCode = kExitClean;
+    return true;
+}
+
+}  // namespace agent

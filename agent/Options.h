@@ -1,0 +1,33 @@
+// The command line of one agent process.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "LoadProfile.h"
+
+namespace agent {
+
+constexpr const char* kMainProcessName = "tervane";   ///< application name of the main process
+constexpr const char* kMainComponentName = "Tervane";  ///< its component in the unified mode's table
+
+struct Options {
+    std::string appDir;           ///< absolute; empty: the executable's directory
+    std::string name = kMainProcessName;
+    std::string configPath;       ///< resource configuration; empty: <app dir>/conf/resource_config
+    bool foreground = false;      ///< log to the console too
+    bool live = false;            ///< show the live view
+    unsigned int forSeconds = 0;  ///< end by itself after this time; 0: run until a signal
+    LoadProfile load;             ///< synthetic load of this process
+    int parentPid = 0;            ///< of a component: the main process, whose end ends it
+    std::string group;            ///< of a component: its group, a label of its metrics
+    bool exec = false;            ///< join the component's groups, then become `command`
+    std::vector<std::string> command;
+
+    bool IsMain() const { return name == kMainProcessName; }
+};
+
+/// Reads the command line. Returns: true to go on; false to end with `exitCode` after `text` was printed.
+bool ParseOptions(int argc, const char* const* argv, Options& options, std::string& text, int& exitCode);
+
+}  // namespace agent

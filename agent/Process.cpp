@@ -1,0 +1,330 @@
+// Start, loop and stop of one agent process.
+#include "Process.h"
+
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "ControlServer.h"
+#include "ExitCode.h"
+#include "LiveView.h"
+#include "Monitor.h"
+#include "StatusReport.h"
+#include "platform/host/OnlineClientConf.h"
+#include "platform/zel/CgroupClient.h"
+#include "platform/zel/FileUtil.h"
+#include "platform/zel/IpcBroadcast.h"
+#include "platform/zel/LogControl.h"
+#include "platform/zel/PathInfo.h"
+#include "platform/zel/ResourceLimitUtil.h"
+
+namespace agent {
+
+namespace {
+
+constexpr const char* kNotifyMessage = "T_MSG_IPC_CGROUP_CONFIG_NOTIFY";
+constexpr long kLoopNs = 250L * 1000 * 1000;
+constexpr unsigned int kComponentGraceMs = 5000;
+constexpr int kModeUnified = 8;
+
+// The module hands its broadcast to a plain function, so the sender is found through the one object of the process.
+zel::CIpcBroadcastServer* g_broadcast = nullptr;
+pid_t g_mainPid = 0;
+
+void Broadcast(const std::string& type, const std::string& body) {
+    if (g_broadcast != nullptr) g_broadcast->Broadcast(type, body);
+}
+
+/// Wakes the main thread's wait from any thread.
+void WakeMain() { kill(g_mainPid, SIGALRM); }
+
+void LogLine(const std::string& text, int level) { zel::CLogMessage::GetInstance()->WriteLogMessage(text, level); }
+
+int64_t Now() { return static_cast<int64_t>(time(nullptr)); }
+
+int64_t MonotonicSeconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec;
+}
+
+}  // namespace
+
+Process::Process(Options options, std::string program)
+    : m_options(std::move(options)), m_program(std::move(program)), m_sink(m_options.name, WakeMain) {
+    g_mainPid = getpid();
+}
+
+Process::~Process() = default;
+
+void Process::RequestStop() { kill(getpid(), SIGTERM); }
+
+int Process::Run() {
+    int code = Start();
+    if (code == kExitClean) code = Loop();
+    Stop();
+    zel::FlushLog();
+    return code;
+}
+
+int Process::Start() {
+    // Signals are taken by the main thread alone, one after the other; every thread started later inherits the mask.
+    sigset_t taken;
+    sigemptyset(&taken);
+    for (int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGCHLD, SIGALRM}) sigaddset(&taken, signal);
+    pthread_sigmask(SIG_BLOCK, &taken, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    umask(0027);
+    if (m_options.parentPid != 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != m_options.parentPid) return kExitParentGone;  // it ended before the line above took effect
+    }
+
+    std::string problem;
+    std::string warning;
+    int code = m_directory.Open(m_options.appDir, m_options.name, problem, warning);
+    if (code != kExitClean) {
+        fprintf(stderr, "%s: %s\n", m_options.name.c_str(), problem.c_str());
+        return code;
+    }
+    zel::LogOptions log;
+    log.processName = m_options.name;
+    log.console = m_options.foreground && !m_options.live;
+    log.journald = true;
+    zel::ConfigureLog(log);
+    if (m_options.live) m_view = std::make_unique<LiveView>();
+    if (!warning.empty()) LogLine(warning, zel::kLogWarning);
+
+    zelhost::HostOptions host;
+    host.processName = m_options.name;
+    host.component = m_options.IsMain() ? kMainComponentName : m_options.name;
+    host.group = m_options.IsMain() ? "main" : m_options.group;
+    host.isMain = m_options.IsMain();
+    if (!m_services.Start(host, problem)) {
+        // What the services keep on disk is not worth the budget: without a directory they run without it.
+        LogLine("host services: " + problem + "; going on without delivery, metrics and statistics history",
+                zel::kLogWarning);
+        host.delivery.enabled = zelhost::Switch::kOff;
+        host.metrics.enabled = zelhost::Switch::kOff;
+        host.statisticsDbPath = "-";
+        if (!m_services.Start(host, problem)) {
+            LogLine("host services: " + problem, zel::kLogError);
+            fprintf(stderr, "%s: %s\n", m_options.name.c_str(), problem.c_str());
+            return kExitServices;
+        }
+    }
+
+    const std::string socket = m_options.appDir + "/run/broadcast.sock";
+    m_monitor = std::make_unique<CMonitor>();
+    m_monitor->SetSysIntf(m_services.GetSysIntf());
+    m_sink.SetMonitor(m_monitor.get());
+    if (m_options.IsMain()) {
+        m_broadcast = std::make_unique<zel::CIpcBroadcastServer>();
+        if (m_broadcast->Start(socket, problem)) {
+            g_broadcast = m_broadcast.get();
+        } else {
+            LogLine("broadcast to the components: " + problem + "; they follow changes only when they restart",
+                    zel::kLogWarning);
+        }
+        m_monitor->SetIpcBroadcastCallback(Broadcast);
+    } else {
+        zel::SetCgroupClientComponent(m_options.name);
+        m_client = std::make_unique<zel::CCgroupClient>();
+        m_monitor->SetCgroupClient(m_client.get());
+        // The groups are joined before the limits are applied: what the unified mode holds needs no legacy limit.
+        if (zel::CFileUtil::IsFile(zel::COrvexPathInfo::GetInstance()->GetGlobalCfgPath() + "/cgroup_resource.json")) {
+            m_client->ReloadConfig();
+        }
+    }
+    if (!StartMonitor(problem)) {
+        LogLine(problem, zel::kLogError);
+        fprintf(stderr, "%s: %s\n", m_options.name.c_str(), problem.c_str());
+        return zel::CFileUtil::IsFile(m_options.configPath) ? kExitMonitor : kExitConfiguration;
+    }
+    if (m_client != nullptr) {
+        m_subscriber = std::make_unique<zel::CIpcBroadcastSubscriber>();
+        m_subscriber->Start(socket, [this](const std::string& type, const std::string&) {
+            if (type == kNotifyMessage) m_monitor->ReloadCgroupClientConfig();
+        });
+    }
+    m_startedAt = Now();
+    ExplainMissingLimits();
+
+    m_workers = std::make_unique<Workers>(*m_monitor);
+    m_workers->Start(m_options.load);
+    m_control = std::make_unique<ControlServer>(*this);
+    if (!m_control->Start(m_options.appDir + "/run/" + m_options.name + ".ctl", problem)) {
+        LogLine("console socket: " + problem + "; tervanectl will not reach this process", zel::kLogWarning);
+    }
+    if (m_options.IsMain()) StartComponents();
+    LogLine(m_options.name + " " ZEL_VERSION " is running, process " + std::to_string(getpid()), zel::kLogInfo);
+    return kExitClean;
+}
+
+bool Process::StartMonitor(std::string& problem) {
+    if (m_options.configPath.empty()) m_options.configPath = m_options.appDir + "/conf/resource_config";
+    m_monitor->SetConfigPath(m_options.configPath);
+    if (m_monitor->StartMonitor(&m_sink, m_options.name)) {
+        m_monitorStarted = true;
+        return true;
+    }
+    m_monitorStarted = true;  // what a failed start left behind is undone like the rest
+    if (!zel::CFileUtil::IsFile(m_options.configPath)) {
+        problem = "no resource configuration at " + m_options.configPath +
+                  ": copy the sample of the installation there, or name another with --config";
+    } else {
+        problem = "the resource monitor did not start with " + m_options.configPath + ": the log says why";
+    }
+    return false;
+}
+
+void Process::ExplainMissingLimits() {
+    StatusReport report;
+    Collect(report);
+    if (!report.modeReason.empty()) LogLine(report.modeReason, zel::kLogInfo);
+    for (const zel::ControllerStatus& controller : {report.cgroup.cpu, report.cgroup.memory}) {
+        if (controller.wanted && !controller.limited) {
+            LogLine(controller.name + " limit is not in force: " + controller.why + "; " + controller.whatToDo,
+                    zel::kLogWarning);
+        }
+    }
+}
+
+void Process::StartComponents() {
+    std::string path = m_options.appDir + "/conf/components.json";
+    std::vector<ComponentConfig> components;
+    std::string problem;
+    if (!LoadComponents(path, components, problem)) {
+        LogLine(problem + "; no component is started", zel::kLogWarning);
+        return;
+    }
+    std::vector<std::string> common{"--app-dir", m_options.appDir, "--config", m_options.configPath};
+    m_supervisor = std::make_unique<Supervisor>(
+        m_program, common, m_options.appDir + "/data/restarts.json", [this](const ComponentEnd& end) {
+            Deliver(kComponentEndMessage, FormatComponentEnd(end, Now()));
+        });
+    m_supervisor->Configure(components);
+}
+
+void Process::RefreshComponentStatus() {
+    if (m_supervisor == nullptr) return;
+    std::map<unsigned int, std::string> running = m_supervisor->Running();
+    if (running != m_watched) {
+        m_watched = running;
+        m_monitor->SetWatcherProcess(running);
+    }
+    std::lock_guard<std::mutex> guard(m_componentLock);
+    m_componentStatus = m_supervisor->Status(Now());
+}
+
+int Process::Loop() {
+    sigset_t taken;
+    sigemptyset(&taken);
+    for (int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGCHLD, SIGALRM}) sigaddset(&taken, signal);
+    const int64_t begin = MonotonicSeconds();
+    int64_t drawn = -1;
+    for (;;) {
+        timespec wait{0, kLoopNs};
+        int signal = sigtimedwait(&taken, nullptr, &wait);
+        if (signal == SIGTERM || signal == SIGINT) {
+            LogLine(std::string("stopping on ") + strsignal(signal), zel::kLogInfo);
+            return kExitClean;
+        }
+        if (signal == SIGHUP) {
+            std::string problem;
+            m_services.ReloadOnlineConfig(problem);
+        }
+        if (signal == SIGUSR1) {
+            std::string report;
+            unsigned int tid = 0;
+            m_monitor->GetThreadsInfo(report, &tid);
+            if (m_view != nullptr) m_view->Note(report);
+        }
+        if (m_sink.SelfKillRequested()) return kExitSelfKill;
+        if (m_options.parentPid != 0 && getppid() != m_options.parentPid) return kExitParentGone;
+        if (m_supervisor != nullptr) {
+            m_supervisor->Tick(Now());
+            RefreshComponentStatus();
+        }
+        int64_t second = MonotonicSeconds() - begin;
+        if (m_view != nullptr && second != drawn) {
+            drawn = second;
+            StatusReport report;
+            Collect(report);
+            m_view->Draw(report);
+        }
+        if (m_options.forSeconds != 0 && second >= static_cast<int64_t>(m_options.forSeconds)) {
+            if (m_view != nullptr) {
+                StatusReport report;
+                Collect(report);
+                m_view->Summary(report);
+            }
+            return kExitClean;
+        }
+    }
+}
+
+void Process::Stop() {
+    if (m_control != nullptr) m_control->Stop();
+    if (m_supervisor != nullptr) m_supervisor->StopAll(kComponentGraceMs);
+    if (m_workers != nullptr) m_workers->Stop();
+    if (m_subscriber != nullptr) m_subscriber->Stop();
+    if (m_monitorStarted) m_monitor->StopMonitor();
+    if (m_monitor != nullptr) {
+        // Nothing of ours is left behind: the legacy group is left and removed, and the main process takes the tree down.
+        zel::IResourceLimitUtil* limits = zel::GetResourceLimitUtil();
+        int error = 0;
+        limits->StopCpuLimit(error);
+        limits->StopMemLimit(error, true);
+        limits->ReleaseLimits();
+        std::string problem;
+        if (m_options.IsMain() && !zel::RemoveAgentCgroupTree(problem)) {
+            LogLine("control groups are left behind: " + problem, zel::kLogWarning);
+        }
+    }
+    g_broadcast = nullptr;
+    m_sink.SetMonitor(nullptr);
+    m_monitor.reset();
+    m_client.reset();
+    if (m_broadcast != nullptr) m_broadcast->Stop();
+    m_services.Stop();
+}
+
+void Process::Collect(StatusReport& report) {
+    report.process = m_options.name;
+    report.pid = getpid();
+    report.now = Now();
+    report.uptimeSeconds = m_startedAt == 0 ? 0 : report.now - m_startedAt;
+    COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance();
+    report.mode = conf == nullptr ? 0 : static_cast<int>(conf->resourceLimitMode.Get());
+    report.diskFull = m_monitor->IsDiskFull();
+    for (unsigned int priority = 0; priority < 3; ++priority) {
+        report.cpuNeedLimit[priority] = m_monitor->IsCpuNeedLimit(priority);
+    }
+    report.samplerRuns = m_services.GetSamplerFigures(report.sampler);
+    if (m_workers != nullptr) {
+        report.greedy = m_workers->Greedy();
+        report.polite = m_workers->Polite();
+        report.heldMemoryKb = m_workers->HeldMemoryKb();
+    }
+    report.warnings = m_sink.Warnings();
+    report.stalls = m_sink.Stalls();
+    report.delivery = m_services.GetDeliveryStats();
+    {
+        std::lock_guard<std::mutex> guard(m_componentLock);
+        report.components = m_componentStatus;
+    }
+    zel::ReadCgroupStatus(report.cgroup);
+    report.unified = (report.mode & kModeUnified) != 0 && zel::ReadCgroupTreeStatus(report.tree) && report.tree.present;
+    report.modeReason = DescribeMode(report);
+}
+
+}  // namespace agent

@@ -1,0 +1,42 @@
+// One picture of a running agent: what the live view draws and the console prints.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Supervisor.h"
+#include "Workers.h"
+#include "platform/host/HostServices.h"
+#include "platform/zel/CgroupStatus.h"
+#include "platform/zel/CgroupTreeStatus.h"
+
+namespace agent {
+
+struct StatusReport {
+    std::string process;
+    int pid = 0;
+    int64_t now = 0;
+    int64_t uptimeSeconds = 0;
+    int mode = 0;              ///< limit mode of the online configuration
+    bool unified = false;      ///< the unified tree holds this process
+    std::string modeReason;    ///< which limits hold this process, and why not others
+    bool diskFull = false;
+    bool cpuNeedLimit[3] = {false, false, false};  ///< answer per priority, now
+    zelhost::SamplerFigures sampler;
+    bool samplerRuns = false;
+    WorkerFigures greedy;
+    WorkerFigures polite;
+    uint64_t heldMemoryKb = 0;
+    uint64_t warnings = 0;
+    uint64_t stalls = 0;
+    zelhost::DeliveryStats delivery;
+    std::vector<ComponentStatus> components;
+    zel::CgroupStatus cgroup;          ///< this process's own groups, as the kernel says
+    zel::CgroupTreeStatus tree;        ///< the unified tree; empty in the legacy mode
+};
+
+/// The report as JSON text, for the console and for scripts. Pure.
+std::string FormatStatusJson(const StatusReport& report);
+
+}  // namespace agent

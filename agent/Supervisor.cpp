@@ -1,0 +1,215 @@
+// Processes of the components: posix_spawn, waitpid of our own children by their ids, restart by the budget.
+#include "Supervisor.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "ExitCode.h"
+#include "platform/zel/FileUtil.h"
+#include "platform/zel/LogMessage.h"
+#include "platform/zel/ToolUtil.h"
+
+extern char** environ;
+
+namespace agent {
+
+namespace {
+constexpr size_t kMaxBudgetBytes = 65536;
+constexpr unsigned int kStopStepMs = 20;
+constexpr unsigned int kKillGraceMs = 2000;
+
+void LogLine(const std::string& text, int level) { zel::CLogMessage::GetInstance()->WriteLogMessage(text, level); }
+}  // namespace
+
+std::string DescribeEnd(int status) {
+    if (WIFSIGNALED(status)) {
+        std::string text = "killed by signal " + std::to_string(WTERMSIG(status)) + " (" + strsignal(WTERMSIG(status)) + ")";
+        if (WTERMSIG(status) == SIGKILL) text += ", perhaps out of memory: the OOM events tell";
+        return text;
+    }
+    int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return "exit code " + std::to_string(code) + " (" + Explain(code) + ")";
+}
+
+Supervisor::Supervisor(std::string program, std::vector<std::string> common, std::string budgetPath,
+                       std::function<void(const ComponentEnd&)> onEnd)
+    : m_program(std::move(program)),
+      m_common(std::move(common)),
+      m_budgetPath(std::move(budgetPath)),
+      m_onEnd(std::move(onEnd)) {
+    std::string text;
+    if (zel::CFileUtil::IsFile(m_budgetPath) &&
+        (!zel::CFileUtil::ReadFullFile(m_budgetPath, text, kMaxBudgetBytes) || !m_budget.Parse(text))) {
+        LogLine("restart budget " + m_budgetPath + " cannot be read: it starts anew", zel::kLogWarning);
+    }
+}
+
+void Supervisor::Configure(const std::vector<ComponentConfig>& components) {
+    for (const ComponentConfig& config : components) {
+        Component component;
+        component.config = config;
+        m_components.push_back(component);
+    }
+}
+
+void Supervisor::Start(Component& component, int64_t now) {
+    std::vector<std::string> arguments{m_program};
+    arguments.insert(arguments.end(), m_common.begin(), m_common.end());
+    arguments.insert(arguments.end(), {"--name", component.config.name, "--parent-pid", std::to_string(getpid())});
+    if (!component.config.group.empty()) arguments.insert(arguments.end(), {"--group", component.config.group});
+    if (!component.config.command.empty()) {
+        arguments.insert(arguments.end(), {"--exec", "--"});
+        arguments.insert(arguments.end(), component.config.command.begin(), component.config.command.end());
+    } else if (!component.config.load.empty()) {
+        arguments.insert(arguments.end(), {"--load", FormatLoadProfile(component.config.load)});
+    }
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+
+    // The main thread blocks the signals it waits for; a child starts with a clean mask and default actions.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t none, all;
+    sigemptyset(&none);
+    sigfillset(&all);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setsigdefault(&attributes, &all);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t pid = 0;
+    int result = posix_spawn(&pid, m_program.c_str(), &files, &attributes, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&files);
+    posix_spawnattr_destroy(&attributes);
+
+    if (result != 0) {
+        component.nextStartAt = m_budget.NoteDeath(component.config.name, now, now, strerror(result));
+        SaveBudget();
+        LogLine("component " + component.config.name + " cannot be started: " + strerror(result), zel::kLogWarning);
+        return;
+    }
+    component.state = ComponentState::kRunning;
+    component.pid = pid;
+    component.startedAt = now;
+    LogLine("component " + component.config.name + " started, process " + std::to_string(pid), zel::kLogInfo);
+}
+
+void Supervisor::Reap(int64_t now) {
+    for (Component& component : m_components) {
+        if (component.state != ComponentState::kRunning) continue;
+        int status = 0;
+        if (waitpid(component.pid, &status, WNOHANG) != component.pid) continue;
+        ComponentEnd end;
+        end.name = component.config.name;
+        end.pid = component.pid;
+        end.status = status;
+        end.reason = DescribeEnd(status);
+        component.nextStartAt = m_budget.NoteDeath(component.config.name, component.startedAt, now, end.reason);
+        component.state = ComponentState::kWaiting;
+        component.pid = 0;
+        ++component.restarts;
+        end.nextStartAt = component.nextStartAt;
+        end.exhausted = m_budget.IsExhausted(component.config.name, now);
+        SaveBudget();
+        LogLine("component " + end.name + " (process " + std::to_string(end.pid) + ") ended: " + end.reason + "; next start in " +
+                    std::to_string(end.nextStartAt - now) + " s" +
+                    (end.exhausted ? ", its restarts of this hour are used up" : ""),
+                zel::kLogWarning);
+        if (m_onEnd) m_onEnd(end);
+    }
+}
+
+void Supervisor::Tick(int64_t now) {
+    Reap(now);
+    for (Component& component : m_components) {
+        if (component.state != ComponentState::kWaiting) continue;
+        // A clock that was set back must not hold a component for longer than the budget's window.
+        if (component.nextStartAt > now + kBudgetWindowSeconds) component.nextStartAt = now;
+        if (component.nextStartAt <= now) Start(component, now);
+    }
+}
+
+void Supervisor::StopAll(unsigned int graceMs) {
+    for (Component& component : m_components) {
+        if (component.state == ComponentState::kRunning) kill(component.pid, SIGTERM);
+    }
+    unsigned int waited = 0;
+    bool killed = false;
+    for (;;) {
+        bool anyLeft = false;
+        for (Component& component : m_components) {
+            if (component.state != ComponentState::kRunning) continue;
+            int status = 0;
+            if (waitpid(component.pid, &status, WNOHANG) == component.pid) {
+                component.state = ComponentState::kStopped;
+                component.pid = 0;
+            } else {
+                anyLeft = true;
+            }
+        }
+        if (!anyLeft) break;
+        if (waited >= graceMs && !killed) {
+            for (Component& component : m_components) {
+                if (component.state != ComponentState::kRunning) continue;
+                LogLine("component " + component.config.name + " did not stop in time, killing it", zel::kLogWarning);
+                kill(component.pid, SIGKILL);
+            }
+            killed = true;
+        }
+        if (waited >= graceMs + kKillGraceMs) break;  // stuck in the kernel: nothing more can be done from here
+        zel::CToolUtil::msleep(kStopStepMs);
+        waited += kStopStepMs;
+    }
+    for (Component& component : m_components) {
+        if (component.state == ComponentState::kWaiting) component.state = ComponentState::kStopped;
+    }
+}
+
+void Supervisor::SaveBudget() {
+    std::string temporary = m_budgetPath + ".tmp";
+    if (!zel::CFileUtil::WriteNewFile(temporary, m_budget.Format(), true) ||
+        !zel::CFileCom(temporary).rename(m_budgetPath)) {
+        LogLine("restart budget " + m_budgetPath + " cannot be written: a restart of the main process forgets it",
+                zel::kLogWarning);
+    }
+}
+
+std::vector<ComponentStatus> Supervisor::Status(int64_t now) const {
+    std::vector<ComponentStatus> all;
+    for (const Component& component : m_components) {
+        ComponentStatus status;
+        status.name = component.config.name;
+        status.group = component.config.group;
+        status.state = component.state;
+        status.pid = component.pid;
+        status.startedAt = component.startedAt;
+        status.nextStartAt = component.nextStartAt;
+        status.restarts = component.restarts;
+        status.recentRestarts = m_budget.RecentRestarts(status.name, now);
+        status.exhausted = m_budget.IsExhausted(status.name, now);
+        status.lastReason = m_budget.LastReason(status.name);
+        all.push_back(status);
+    }
+    return all;
+}
+
+std::map<unsigned int, std::string> Supervisor::Running() const {
+    std::map<unsigned int, std::string> running;
+    for (const Component& component : m_components) {
+        if (component.state == ComponentState::kRunning) {
+            running[static_cast<unsigned int>(component.pid)] = component.config.name;
+        }
+    }
+    return running;
+}
+
+}  // namespace agent

@@ -1,0 +1,84 @@
+// The main process's hand on its components: starts them, notices their end, starts them again in time, stops them.
+// Runs on the main thread only.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "ComponentsConfig.h"
+#include "RestartBudget.h"
+
+namespace agent {
+
+enum class ComponentState { kWaiting, kRunning, kStopped };
+
+struct ComponentStatus {
+    std::string name;
+    std::string group;
+    ComponentState state = ComponentState::kWaiting;
+    pid_t pid = 0;
+    int64_t startedAt = 0;    ///< seconds since the epoch
+    int64_t nextStartAt = 0;  ///< while waiting
+    uint64_t restarts = 0;    ///< by this main process
+    size_t recentRestarts = 0;
+    bool exhausted = false;
+    std::string lastReason;
+};
+
+/// How a component ended.
+struct ComponentEnd {
+    std::string name;
+    pid_t pid = 0;
+    int status = 0;  ///< as waitpid gives it
+    std::string reason;
+    int64_t nextStartAt = 0;
+    bool exhausted = false;
+};
+
+/// Thread-safety: one thread. Lifetime: StopAll before destruction.
+class Supervisor {
+public:
+    /// `program` is this executable, `common` the arguments that every component of it gets.
+    Supervisor(std::string program, std::vector<std::string> common, std::string budgetPath,
+               std::function<void(const ComponentEnd&)> onEnd);
+
+    void Configure(const std::vector<ComponentConfig>& components);
+    /// Starts what is due, reaps what ended. Call it about four times a second and after SIGCHLD.
+    void Tick(int64_t now);
+    /// SIGTERM to all, SIGKILL to those that stay. Blocks: up to `graceMs`, then a little.
+    void StopAll(unsigned int graceMs);
+
+    std::vector<ComponentStatus> Status(int64_t now) const;
+    /// pid -> name of the components that run, for the sampling class's watch.
+    std::map<unsigned int, std::string> Running() const;
+
+private:
+    struct Component {
+        ComponentConfig config;
+        ComponentState state = ComponentState::kWaiting;
+        pid_t pid = 0;
+        int64_t startedAt = 0;
+        int64_t nextStartAt = 0;
+        uint64_t restarts = 0;
+    };
+    void Start(Component& component, int64_t now);
+    void Reap(int64_t now);
+    void SaveBudget();
+
+    std::string m_program;
+    std::vector<std::string> m_common;
+    std::string m_budgetPath;
+    std::function<void(const ComponentEnd&)> m_onEnd;
+    RestartBudget m_budget;
+    std::vector<Component> m_components;
+};
+
+/// A sentence from what waitpid gave: exit code with its meaning, or signal. Pure.
+std::string DescribeEnd(int status);
+
+}  // namespace agent

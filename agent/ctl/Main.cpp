@@ -1,0 +1,104 @@
+// tervanectl: asks a running agent process over its console socket, and looks at the host before one runs.
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "Doctor.h"
+#include "ShowStatus.h"
+
+namespace {
+
+enum CtlExit { kOk = 0, kRefused = 1, kUnreachable = 2, kUsage = 11 };
+
+constexpr size_t kMaxAnswerBytes = 16U << 20;
+
+/// Sends one request line and reads the whole answer. Returns: false with the reason in `answer`.
+bool Ask(const std::string& path, const std::string& request, std::string& answer) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        answer = path + " is too long for a socket";
+        return false;
+    }
+    memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    int connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    timeval patience{30, 0};
+    setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    std::string line = request + "\n";
+    if (connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        send(connection, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
+        answer = path + ": " + strerror(errno) + (errno == ENOENT || errno == ECONNREFUSED ? " (is the agent running?)" : "");
+        close(connection);
+        return false;
+    }
+    char piece[65536];
+    answer.clear();
+    for (;;) {
+        ssize_t step = recv(connection, piece, sizeof piece, 0);
+        if (step < 0 && errno == EINTR) continue;
+        if (step <= 0 || answer.size() > kMaxAnswerBytes) break;
+        answer.append(piece, static_cast<size_t>(step));
+    }
+    close(connection);
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"Console of the host agent"};
+    std::string appDir;
+    std::string name = "tervane";
+    bool json = false;
+    if (const char* fromEnvironment = getenv("ZEL_APP_DIR")) appDir = fromEnvironment;
+    app.add_option("--app-dir", appDir, "application directory of the agent (default: ZEL_APP_DIR)");
+    app.add_option("--name", name, "process to ask")->capture_default_str();
+    app.set_version_flag("--version", std::string(ZEL_VERSION));
+    app.require_subcommand(1);
+    CLI::App* status = app.add_subcommand("status", "use against limits, mode and its reason, components, delivery");
+    status->add_flag("--json", json, "as JSON");
+    CLI::App* doctor = app.add_subcommand("doctor", "what this host allows, what is in force, and what to do about the rest");
+    app.add_subcommand("metrics", "the process's metrics in Prometheus text form");
+    app.add_subcommand("threads", "per-thread CPU report with the busiest thread's kernel stack");
+    app.add_subcommand("statistics", "the registered statistics, collected now");
+    app.add_subcommand("reload", "read the online configuration again now");
+    app.add_subcommand("stop", "stop the agent process");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& done) {
+        return app.exit(done);
+    } catch (const CLI::ParseError& error) {
+        app.exit(error);
+        return kUsage;
+    }
+    if (doctor->parsed()) {
+        std::string text;
+        bool healthy = agent::Diagnose(appDir, text);
+        fputs(text.c_str(), stdout);
+        return healthy ? kOk : kRefused;
+    }
+    if (appDir.empty()) {
+        fprintf(stderr, "tervanectl: which agent? name its directory with --app-dir or ZEL_APP_DIR\n");
+        return kUsage;
+    }
+    std::string request = app.get_subcommands().front()->get_name();
+    std::string answer;
+    if (!Ask(appDir + "/run/" + name + ".ctl", request, answer)) {
+        fprintf(stderr, "tervanectl: %s\n", answer.c_str());
+        return kUnreachable;
+    }
+    size_t end = answer.find('\n');
+    bool ok = answer.compare(0, end, "ok") == 0;
+    std::string body = end == std::string::npos ? "" : answer.substr(end + 1);
+    if (ok && status->parsed() && !json) body = agent::ShowStatus(body);
+    fputs(body.c_str(), ok ? stdout : stderr);
+    return ok ? kOk : kRefused;
+}
