@@ -122,7 +122,7 @@ void ControlServer::Answer(int connection) {
         SendAll(connection, "error\na request is one line\n");
         return;
     }
-    SendAll(connection, Handle(std::string(request, end)));
+    SendAll(connection, Handle(std::string(request, static_cast<size_t>(end - request))));
 }
 
 std::string ControlServer::Handle(const std::string& request) {

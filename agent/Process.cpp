@@ -20,6 +20,7 @@
 #include "StatusReport.h"
 #include "platform/host/OnlineClientConf.h"
 #include "platform/zel/CgroupClient.h"
+#include "platform/zel/CgroupTreeStatus.h"
 #include "platform/zel/FileUtil.h"
 #include "platform/zel/IpcBroadcast.h"
 #include "platform/zel/LogControl.h"
@@ -33,6 +34,8 @@ namespace {
 constexpr const char* kNotifyMessage = "T_MSG_IPC_CGROUP_CONFIG_NOTIFY";
 constexpr long kLoopNs = 250L * 1000 * 1000;
 constexpr unsigned int kComponentGraceMs = 5000;
+constexpr int kModeCpu = 1;
+constexpr int kModeMemory = 4;
 constexpr int kModeUnified = 8;
 
 // The module hands its broadcast to a plain function, so the sender is found through the one object of the process.
@@ -190,12 +193,14 @@ void Process::ExplainMissingLimits() {
     StatusReport report;
     Collect(report);
     if (!report.modeReason.empty()) LogLine(report.modeReason, zel::kLogInfo);
-    for (const zel::ControllerStatus& controller : {report.cgroup.cpu, report.cgroup.memory}) {
-        if (controller.wanted && !controller.limited) {
-            LogLine(controller.name + " limit is not in force: " + controller.why + "; " + controller.whatToDo,
-                    zel::kLogWarning);
-        }
-    }
+    auto tell = [](const char* name, const zel::CgroupControllerStatus& controller) {
+        if (controller.limited) return;
+        LogLine(std::string(name) + " limit is not in force: " + controller.reason +
+                    (controller.advice.empty() ? "" : "; " + controller.advice),
+                zel::kLogWarning);
+    };
+    if ((report.mode & kModeCpu) != 0) tell("CPU", report.cgroup.cpu);
+    if ((report.mode & kModeMemory) != 0) tell("memory", report.cgroup.mem);
 }
 
 void Process::StartComponents() {
@@ -323,7 +328,9 @@ void Process::Collect(StatusReport& report) {
         report.components = m_componentStatus;
     }
     zel::ReadCgroupStatus(report.cgroup);
-    report.unified = (report.mode & kModeUnified) != 0 && zel::ReadCgroupTreeStatus(report.tree) && report.tree.present;
+    std::string problem;
+    report.unified = (report.mode & kModeUnified) != 0 && zel::ReadCgroupTreeStatus(report.tree, problem) &&
+                     report.tree.present;
     report.modeReason = DescribeMode(report);
 }
 

@@ -36,7 +36,13 @@ struct StatusReport {
     zel::CgroupTreeStatus tree;        ///< the unified tree; empty in the legacy mode
 };
 
+/// One sentence: which limits hold this process, and what was asked for and does not hold. Pure.
+std::string DescribeMode(const StatusReport& report);
+
 /// The report as JSON text, for the console and for scripts. Pure.
 std::string FormatStatusJson(const StatusReport& report);
+
+/// Body of the message about a component's end. Pure.
+std::string FormatComponentEnd(const ComponentEnd& end, int64_t now);
 
 }  // namespace agent

@@ -1,0 +1,69 @@
+#include "ComponentsConfig.h"
+
+#include <gtest/gtest.h>
+
+using namespace agent;
+
+namespace {
+bool Parse(const std::string& text, std::vector<ComponentConfig>& components, std::string& problem) {
+    return ParseComponents(text, components, problem);
+}
+}  // namespace
+
+TEST(ComponentsConfigTest, AMissingFileGivesTheBuiltInComponents) {
+    std::vector<ComponentConfig> components;
+    std::string problem;
+    ASSERT_TRUE(LoadComponents("/nowhere/components.json", components, problem));
+    ASSERT_EQ(5u, components.size());
+    EXPECT_EQ("TervaneMonitor", components[0].name);
+    EXPECT_EQ("guard", components[1].group);
+}
+
+TEST(ComponentsConfigTest, ReadsLoadsAndCommands) {
+    std::vector<ComponentConfig> components;
+    std::string problem;
+    ASSERT_TRUE(Parse(R"({"version":1,"components":[{"name":"A","group":"main","load":"greedy:2"},
+                          {"name":"B","command":["/bin/sleep","60"]}]})",
+                      components, problem))
+        << problem;
+    ASSERT_EQ(2u, components.size());
+    EXPECT_EQ("greedy:2", FormatLoadProfile(components[0].load));
+    EXPECT_EQ((std::vector<std::string>{"/bin/sleep", "60"}), components[1].command);
+}
+
+TEST(ComponentsConfigTest, RefusesWithKeyAndReasonAndKeepsWhatWasThere) {
+    const std::pair<const char*, const char*> bad[] = {
+        {"", ""},
+        {"[]", "components"},
+        {"{\"components\":{}}", "components"},
+        {"{\"components\":[1]}", "components[0]"},
+        {"{\"components\":[{}]}", "name"},
+        {"{\"components\":[{\"name\":5}]}", "components[0].name"},
+        {"{\"components\":[{\"name\":\"../x\"}]}", "components[0].name"},
+        {"{\"components\":[{\"name\":\"A\",\"nice\":1}]}", "components[0].nice"},
+        {"{\"components\":[{\"name\":\"A\"},{\"name\":\"A\"}]}", "components[1].name"},
+        {"{\"components\":[{\"name\":\"tervane\"}]}", "components[0].name"},
+        {"{\"components\":[{\"name\":\"A\",\"load\":\"busy\"}]}", "components[0].load"},
+        {"{\"components\":[{\"name\":\"A\",\"command\":[]}]}", "components[0].command"},
+        {"{\"components\":[{\"name\":\"A\",\"command\":[\"sleep\"]}]}", "components[0].command"},
+        {"{\"components\":[{\"name\":\"A\",\"command\":[\"/bin/sleep\",5]}]}", "components[0].command"},
+        {"{\"version\":2,\"components\":[]}", "version"},
+        {"{\"components\":[],\"extra\":1}", "extra"},
+        {"{\"components\":[]", ""},
+        {"{\"components\":[]} trailing", ""},
+    };
+    for (const auto& item : bad) {
+        std::vector<ComponentConfig> components{{"Old", "", {}, {}}};
+        std::string problem;
+        EXPECT_FALSE(Parse(item.first, components, problem)) << item.first;
+        EXPECT_NE(std::string::npos, problem.find(item.second)) << item.first << " -> " << problem;
+        ASSERT_EQ(1u, components.size()) << item.first;
+        EXPECT_EQ("Old", components[0].name);
+    }
+}
+
+TEST(ComponentsConfigTest, DeepNestingIsRefusedNotFollowed) {
+    std::vector<ComponentConfig> components;
+    std::string problem;
+    EXPECT_FALSE(Parse("{\"components\":" + std::string(5000, '[') + "}", components, problem));
+}

@@ -1,0 +1,76 @@
+#include "Options.h"
+
+#include <gtest/gtest.h>
+
+#include "ExitCode.h"
+
+using namespace agent;
+
+namespace {
+
+struct Parsed {
+    bool go = false;
+    Options options;
+    std::string text;
+    int code = -1;
+};
+
+Parsed Parse(std::vector<const char*> arguments) {
+    arguments.insert(arguments.begin(), "tervane");
+    Parsed parsed;
+    parsed.go = ParseOptions(static_cast<int>(arguments.size()), arguments.data(), parsed.options, parsed.text, parsed.code);
+    return parsed;
+}
+
+}  // namespace
+
+TEST(OptionsTest, TheMainProcessIsTheDefault) {
+    Parsed parsed = Parse({"--app-dir", "/tmp"});
+    ASSERT_TRUE(parsed.go) << parsed.text;
+    EXPECT_TRUE(parsed.options.IsMain());
+    EXPECT_EQ("/tmp", parsed.options.appDir);
+    EXPECT_EQ(0u, parsed.options.forSeconds);
+}
+
+TEST(OptionsTest, ANameInOtherLettersIsNotTheMainProcess) {
+    EXPECT_FALSE(Parse({"--name", "Tervane"}).options.IsMain());
+}
+
+TEST(OptionsTest, RefusesNamesThatAreNoPlainFileNames) {
+    for (const char* name : {"", "../x", "a/b", ".hidden", "a b", "x\n"}) {
+        Parsed parsed = Parse({"--name", name});
+        EXPECT_FALSE(parsed.go) << name;
+        EXPECT_EQ(kExitUsage, parsed.code) << name;
+    }
+}
+
+TEST(OptionsTest, ADirectoryThatIsNotThereHasItsOwnExitCode) {
+    Parsed parsed = Parse({"--app-dir", "/nowhere/at/all"});
+    EXPECT_FALSE(parsed.go);
+    EXPECT_EQ(kExitDirectory, parsed.code);
+    EXPECT_NE(std::string::npos, parsed.text.find("/nowhere/at/all"));
+}
+
+TEST(OptionsTest, UnknownArgumentsEndWithTheUsageCode) {
+    EXPECT_EQ(kExitUsage, Parse({"--fast"}).code);
+    EXPECT_EQ(kExitUsage, Parse({"--for", "soon"}).code);
+    EXPECT_EQ(kExitUsage, Parse({"--load", "busy"}).code);
+}
+
+TEST(OptionsTest, HelpAndVersionEndCleanly) {
+    Parsed help = Parse({"--help"});
+    EXPECT_FALSE(help.go);
+    EXPECT_EQ(kExitClean, help.code);
+    EXPECT_NE(std::string::npos, help.text.find("--app-dir"));
+    Parsed version = Parse({"--version"});
+    EXPECT_EQ(kExitClean, version.code);
+    EXPECT_NE(std::string::npos, version.text.find(ZEL_VERSION));
+}
+
+TEST(OptionsTest, ExecNeedsACommandAndACommandNeedsExec) {
+    EXPECT_FALSE(Parse({"--exec"}).go);
+    EXPECT_FALSE(Parse({"--", "/bin/true"}).go);
+    Parsed parsed = Parse({"--name", "QorNet", "--exec", "--", "/bin/sleep", "--help"});
+    ASSERT_TRUE(parsed.go) << parsed.text;
+    EXPECT_EQ((std::vector<std::string>{"/bin/sleep", "--help"}), parsed.options.command);
+}

@@ -1,0 +1,100 @@
+#include "Supervisor.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+#include <ctime>
+
+#include "platform/zel/ToolUtil.h"
+
+using namespace agent;
+
+namespace {
+
+/// A supervisor over a shell that stands in for the agent program: it ignores the agent's arguments.
+class SupervisorTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char name[] = "/tmp/supervisorXXXXXX";
+        m_path = mkdtemp(name);
+    }
+    void TearDown() override {
+        std::string command = "rm -rf '" + m_path + "'";
+        ASSERT_EQ(0, system(command.c_str()));
+    }
+    std::unique_ptr<Supervisor> Make(const std::string& script) {
+        return std::make_unique<Supervisor>("/bin/sh", std::vector<std::string>{"-c", script}, m_path + "/restarts.json",
+                                            [this](const ComponentEnd& end) { m_ends.push_back(end); });
+    }
+    /// Ticks on a clock of the test's own until something ended, at most a few real seconds.
+    void TickUntilEnd(Supervisor& supervisor, int64_t now, size_t ends) {
+        for (int i = 0; i < 500 && m_ends.size() < ends; ++i) {
+            supervisor.Tick(now);
+            zel::CToolUtil::msleep(10);
+        }
+    }
+    std::string m_path;
+    std::vector<ComponentEnd> m_ends;
+};
+
+}  // namespace
+
+TEST_F(SupervisorTest, ADeadComponentIsStartedAgainAfterItsBackoffAndNotBefore) {
+    auto supervisor = Make("exit 20");
+    supervisor->Configure({{"A", "main", {}, {}}});
+    TickUntilEnd(*supervisor, 1000, 1);
+    ASSERT_EQ(1u, m_ends.size());
+    EXPECT_EQ("exit code 20 (over its own maximum, ended itself)", m_ends[0].reason);
+    EXPECT_EQ(1001, m_ends[0].nextStartAt);
+    supervisor->Tick(1000);
+    EXPECT_EQ(ComponentState::kWaiting, supervisor->Status(1000)[0].state);
+    supervisor->Tick(1001);
+    EXPECT_EQ(ComponentState::kRunning, supervisor->Status(1001)[0].state);
+    supervisor->StopAll(1000);
+}
+
+TEST_F(SupervisorTest, TheBudgetIsOnDiskBeforeTheNextStart) {
+    {
+        auto supervisor = Make("exit 1");
+        supervisor->Configure({{"A", "main", {}, {}}});
+        TickUntilEnd(*supervisor, 1000, 1);
+        supervisor->StopAll(1000);
+    }
+    auto next = Make("exit 1");
+    next->Configure({{"A", "main", {}, {}}});
+    EXPECT_EQ(1u, next->Status(1001)[0].recentRestarts);
+    EXPECT_EQ("exit code 1 (internal failure)", next->Status(1001)[0].lastReason);
+}
+
+TEST_F(SupervisorTest, StopsThoseThatDoNotWantTo) {
+    auto supervisor = Make("trap '' TERM; while :; do sleep 0.05; done");
+    supervisor->Configure({{"A", "main", {}, {}}});
+    supervisor->Tick(1000);
+    pid_t pid = supervisor->Status(1000)[0].pid;
+    ASSERT_GT(pid, 0);
+    zel::CToolUtil::msleep(200);
+    supervisor->StopAll(200);
+    EXPECT_EQ(ComponentState::kStopped, supervisor->Status(1000)[0].state);
+    EXPECT_NE(0, kill(pid, 0));
+}
+
+TEST_F(SupervisorTest, TellsAKilledComponentFromOneThatEnded) {
+    auto supervisor = Make("kill -9 $$");
+    supervisor->Configure({{"A", "main", {}, {}}});
+    TickUntilEnd(*supervisor, 1000, 1);
+    ASSERT_EQ(1u, m_ends.size());
+    EXPECT_EQ("killed by signal 9 (Killed), perhaps out of memory: the OOM events tell", m_ends[0].reason);
+    supervisor->StopAll(1000);
+}
+
+TEST_F(SupervisorTest, AProgramThatIsNotThereCountsAsADeath) {
+    Supervisor supervisor("/nowhere/program", {}, m_path + "/restarts.json", nullptr);
+    supervisor.Configure({{"A", "main", {}, {}}});
+    supervisor.Tick(1000);
+    EXPECT_EQ(ComponentState::kWaiting, supervisor.Status(1000)[0].state);
+    EXPECT_EQ("No such file or directory", supervisor.Status(1000)[0].lastReason);
+    EXPECT_EQ(1001, supervisor.Status(1000)[0].nextStartAt);
+}
