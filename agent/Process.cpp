@@ -216,6 +216,18 @@ void Process::StartComponents() {
         m_program, common, m_options.appDir + "/data/restarts.json", [this](const ComponentEnd& end) {
             Deliver(kComponentEndMessage, FormatComponentEnd(end, Now()));
         });
+    m_supervisor->SetPlacement([](const std::string& name) {
+        std::vector<std::string> directories;
+        zel::CgroupTreeStatus tree;
+        std::string reason;
+        if (!zel::ReadCgroupTreeStatus(tree, reason)) return directories;
+        for (const zel::CgroupNodeStatus& node : tree.nodes) {
+            if (node.level != zel::CgroupLevel::kComponent || node.name != name) continue;
+            if (node.cpu.present) directories.push_back(node.cpu.path);
+            if (node.memory.present && node.memory.path != node.cpu.path) directories.push_back(node.memory.path);
+        }
+        return directories;
+    });
     m_supervisor->Configure(components);
 }
 

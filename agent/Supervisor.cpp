@@ -1,9 +1,8 @@
-// Processes of the components: posix_spawn, waitpid of our own children by their ids, restart by the budget.
+// Processes of the components: fork into the right groups, exec, waitpid of our own children by their ids, restart by the budget.
 #include "Supervisor.h"
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -58,6 +57,61 @@ void Supervisor::Configure(const std::vector<ComponentConfig>& components) {
     }
 }
 
+pid_t Supervisor::Launch(const std::string& name, std::vector<std::string> arguments, int& error) {
+    // Everything that allocates is done before the fork: the child of a process with threads may only make system calls.
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    std::vector<int> groups;
+    if (m_placement) {
+        for (const std::string& directory : m_placement(name)) {
+            int group = open((directory + "/cgroup.procs").c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+            if (group >= 0) groups.push_back(group);
+        }
+    }
+    int report[2];
+    if (pipe2(report, O_CLOEXEC) != 0) {
+        error = errno;
+        for (int group : groups) close(group);
+        return -1;
+    }
+    pid_t pid = fork();
+    if (pid == 0) {
+        // A group that does not take the child is no reason not to run: the child's own client tries again and says why.
+        for (int group : groups) {
+            if (write(group, "0", 1) < 0) continue;
+        }
+        // The main thread blocks the signals it waits for; a child starts with a clean mask and default actions.
+        for (int number = 1; number < NSIG; ++number) signal(number, SIG_DFL);
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+        if (null >= 0) {
+            dup2(null, STDIN_FILENO);
+            dup2(null, STDOUT_FILENO);
+        }
+        execve(m_program.c_str(), argv.data(), environ);
+        int failure = errno;
+        if (write(report[1], &failure, sizeof failure) < 0) _exit(126);
+        _exit(127);
+    }
+    error = errno;
+    for (int group : groups) close(group);
+    close(report[1]);
+    if (pid > 0) {
+        int failure = 0;
+        // The pipe closes when the program runs, and carries the reason when it does not.
+        if (read(report[0], &failure, sizeof failure) == static_cast<ssize_t>(sizeof failure)) {
+            waitpid(pid, nullptr, 0);
+            pid = -1;
+            error = failure;
+        }
+    }
+    close(report[0]);
+    return pid;
+}
+
 void Supervisor::Start(Component& component, int64_t now) {
     std::vector<std::string> arguments{m_program};
     arguments.insert(arguments.end(), m_common.begin(), m_common.end());
@@ -69,32 +123,12 @@ void Supervisor::Start(Component& component, int64_t now) {
     } else if (!component.config.load.empty()) {
         arguments.insert(arguments.end(), {"--load", FormatLoadProfile(component.config.load)});
     }
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-
-    // The main thread blocks the signals it waits for; a child starts with a clean mask and default actions.
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t none, all;
-    sigemptyset(&none);
-    sigfillset(&all);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setsigdefault(&attributes, &all);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    pid_t pid = 0;
-    int result = posix_spawn(&pid, m_program.c_str(), &files, &attributes, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&files);
-    posix_spawnattr_destroy(&attributes);
-
-    if (result != 0) {
-        component.nextStartAt = m_budget.NoteDeath(component.config.name, now, now, strerror(result));
+    int error = 0;
+    pid_t pid = Launch(component.config.name, arguments, error);
+    if (pid < 0) {
+        component.nextStartAt = m_budget.NoteDeath(component.config.name, now, now, strerror(error));
         SaveBudget();
-        LogLine("component " + component.config.name + " cannot be started: " + strerror(result), zel::kLogWarning);
+        LogLine("component " + component.config.name + " cannot be started: " + strerror(error), zel::kLogWarning);
         return;
     }
     component.state = ComponentState::kRunning;

@@ -47,6 +47,12 @@ public:
     Supervisor(std::string program, std::vector<std::string> common, std::string budgetPath,
                std::function<void(const ComponentEnd&)> onEnd);
 
+    /// Directories of the groups that a component is to be born in, asked before each start. A component that is placed
+    /// before it runs costs its main process's quota nothing, and is never outside its own.
+    void SetPlacement(std::function<std::vector<std::string>(const std::string& name)> placement) {
+        m_placement = std::move(placement);
+    }
+
     void Configure(const std::vector<ComponentConfig>& components);
     /// Starts what is due, reaps what ended. Call it about four times a second and after SIGCHLD.
     void Tick(int64_t now);
@@ -67,6 +73,7 @@ private:
         uint64_t restarts = 0;
     };
     void Start(Component& component, int64_t now);
+    pid_t Launch(const std::string& name, std::vector<std::string> arguments, int& error);
     void Reap(int64_t now);
     void SaveBudget();
 
@@ -74,6 +81,7 @@ private:
     std::vector<std::string> m_common;
     std::string m_budgetPath;
     std::function<void(const ComponentEnd&)> m_onEnd;
+    std::function<std::vector<std::string>(const std::string&)> m_placement;
     RestartBudget m_budget;
     std::vector<Component> m_components;
 };
