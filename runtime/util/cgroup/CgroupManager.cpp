@@ -347,8 +347,8 @@ bool CCgroupManager::Impl::ApplyTree(const Branch& branch, const GroupDir& tree)
             if (!HasLimitFile(controller, dir)) {
                 // A controller that is off has no file here, which is as good as no limit.
                 if (!on || !target || *target == 0) return;
-                LogError(__LINE__, MakeError(ErrorKind::kNoController, "limit", dir.Path(),
-                                             std::string("it has no file of controller ") + ControllerName(controller)));
+                const std::string what = std::string("it has no file of controller ") + ControllerName(controller);
+                LogError(__LINE__, MakeError(ErrorKind::kNoController, "limit", dir.Path(), what));
                 ok = false;
                 return;
             }
@@ -487,8 +487,9 @@ void CCgroupManager::Impl::Sweep(const Branch& branch) {
                 return branch.Serves(controller) && leaves.count(LeafKey{controller, name, leafName}) != 0;
             });
             if (configured && (known || !leavesKnown || (name == kMainGroup && leafName == kMainComponent))) continue;
-            Result<std::vector<int>> pids = OpenOwnChild(*group, leafName) ? OpenOwnChild(*group, leafName)->Processes()
-                                                                           : Result<std::vector<int>>(Error());
+            Result<GroupDir> leaf = OpenOwnChild(*group, leafName);
+            if (!leaf) continue;
+            Result<std::vector<int>> pids = leaf->Processes();
             if (!pids || !pids->empty()) continue;
             Status removed = group->RemoveChild(leafName);
             static_cast<void>(removed);  // A process came in between: next time.
@@ -595,7 +596,8 @@ bool CCgroupManager::Impl::RemovePid(int pid) {
 /// Group of a component for a controller; empty when it has none.
 std::string CCgroupManager::Impl::GroupFor(const CgroupComponentQuota& quota, Controller controller) const {
     const std::string& named = controller == Controller::kCpu ? quota.cpuGroup : quota.memGroup;
-    const bool shared = branches.Of(Controller::kCpu) && branches.Of(Controller::kCpu) == branches.Of(Controller::kMemory);
+    const std::shared_ptr<Branch>& cpuBranch = branches.Of(Controller::kCpu);
+    const bool shared = cpuBranch && cpuBranch == branches.Of(Controller::kMemory);
     // A process is in one group of a version 2 hierarchy, whatever the controllers: the CPU group decides.
     if (controller == Controller::kMemory && shared && enabled[0] && IsConfigured(quota.cpuGroup) &&
         quota.cpuGroup != named) {

@@ -170,7 +170,8 @@ void VerifyMembership(std::vector<Found*>& leaves) {
         for (const auto& entry : sets) all.insert(entry.second.begin(), entry.second.end());
         leaf->status.pids.assign(all.begin(), all.end());
         leaf->status.membershipVerified =
-            !all.empty() && std::all_of(sets.begin(), sets.end(), [&](const auto& entry) { return entry.second == all; });
+            !all.empty() &&
+            std::all_of(sets.begin(), sets.end(), [&](const auto& entry) { return entry.second == all; });
     }
 }
 

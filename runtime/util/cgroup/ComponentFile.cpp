@@ -114,7 +114,9 @@ public:
     }
     std::string Name(const Json::Value& object, const char* name, const std::string& where) {
         std::string text = Text(object, name, where);
-        if (!Failed() && !IsSafeGroupName(text)) Fail("\"" + std::string(name) + "\" of " + where + " is not a group name");
+        if (!Failed() && !IsSafeGroupName(text)) {
+            Fail("\"" + std::string(name) + "\" of " + where + " is not a group name");
+        }
         return text;
     }
 
@@ -200,7 +202,9 @@ Result<ComponentFile> FromJson(const Json::Value& root) {
     for (const Json::Value& item : components) {
         ComponentEntry entry;
         entry.name = reader.Name(item, "name", "a component");
-        if (!reader.Failed() && !names.insert(entry.name).second) reader.Fail("component " + entry.name + " is there twice");
+        if (!reader.Failed() && !names.insert(entry.name).second) {
+            reader.Fail("component " + entry.name + " is there twice");
+        }
         if (reader.Failed()) return Bad(reader.Hint());
         entry.cpu = ReadLeaf(reader, item, "cpu", "quota_100times", out.cpu, entry.name);
         entry.memory = ReadLeaf(reader, item, "memory", "quota_kb", out.memory, entry.name);
