@@ -170,7 +170,7 @@ void AddSamplerMetrics(const SamplerFigures& f, std::vector<Metric>& metrics) {
                 f.missedRounds);
     add.Counter("zel_cpu_warn_rounds_total", "Rounds at CPU level 1 or 2.", f.cpuWarnCount);
     add.Counter("zel_cpu_high_rounds_total", "Rounds at CPU level 2.", f.cpuHighCount);
-    add.Counter("zel_cpu_high_minutes_total", "Minutes whose average reached the maximum.", f.cpuMinuteHighCount);
+    add.Counter("zel_cpu_high_averages_total", "Minutes whose average reached the maximum.", f.cpuMinuteHighCount);
     add.Counter("zel_io_warn_rounds_total", "Rounds at the I/O maximum.", f.readIoWarnCount, {{"direction", "read"}});
     add.Counter("zel_io_warn_rounds_total", "", f.writeIoWarnCount, {{"direction", "write"}});
     add.Gauge("zel_heartbeat_threads", "Threads that report a heartbeat.", static_cast<double>(f.heartbeats));

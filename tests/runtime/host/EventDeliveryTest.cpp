@@ -1,0 +1,282 @@
+// Delivery from SendMsg to the sinks, killed at any moment, and with sinks that are down.
+#include "EventDelivery.h"
+
+#include <fcntl.h>
+#include <json/json.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <random>
+#include <set>
+
+#include "HostSupport.h"
+#include "HttpServer.h"
+
+using support::ReadLines;
+using support::WaitUntil;
+using zelhost::CEventDelivery;
+using zelhost::DeliveryOptions;
+
+namespace {
+
+class EventDeliveryTest : public ::testing::Test {
+protected:
+    DeliveryOptions Options() {
+        DeliveryOptions options;
+        options.spoolPath = m_dir / "spool/e.db";
+        options.jsonLinesPath = m_dir / "log/e.jsonl";
+        options.backoffMinMs = 5;
+        options.backoffMaxMs = 20;
+        return options;
+    }
+    static std::vector<std::string> Field(const std::string& path, const char* field) {
+        std::vector<std::string> values;
+        for (const auto& line : ReadLines(path)) {
+            Json::Value root;
+            EXPECT_TRUE(Json::Reader().parse(line, root)) << line;
+            values.push_back(root[field].asString());
+        }
+        return values;
+    }
+    support::TempDir m_dir;
+};
+
+}  // namespace
+
+TEST_F(EventDeliveryTest, ALineIsByteForByteAsDocumented) {
+    zelhost::SpoolMessage m;
+    m.id = "0123456789abcdef-42";
+    m.time = 1700000000;
+    m.type = "T_MSG_OS_ABNORMAL";
+    m.body = "{\n\t\"mem_usage\" : 91\n}\n";
+    m.arg1 = 1;
+    EXPECT_EQ(MessageJson(m, "tervane"),
+              "{\"id\":\"0123456789abcdef-42\",\"time\":1700000000,\"process\":\"tervane\","
+              "\"type\":\"T_MSG_OS_ABNORMAL\",\"body\":\"{\\n\\t\\\"mem_usage\\\" : 91\\n}\\n\",\"extra\":\"\","
+              "\"arg1\":1,\"arg2\":0}");
+}
+
+TEST_F(EventDeliveryTest, BytesThatAreNoTextBecomeReplacementCharacters) {
+    zelhost::SpoolMessage m;
+    m.body = "ok \xc3\xa4 \xff \xc0\xaf \xed\xa0\x80 \xf5 \x01 \\";
+    Json::Value root;
+    ASSERT_TRUE(Json::Reader().parse(MessageJson(m, "p"), root));
+    EXPECT_EQ(root["body"].asString(),
+              "ok \xc3\xa4 \xef\xbf\xbd \xef\xbf\xbd\xef\xbf\xbd \xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd \xef\xbf\xbd \x01 \\");
+}
+
+TEST_F(EventDeliveryTest, MessagesReachTheFileInOrder) {
+    CEventDelivery delivery(Options(), "tervane");
+    std::string error;
+    ASSERT_TRUE(delivery.Start(error)) << error;
+    Lines sent;
+    for (int i = 0; i < 50; ++i) {
+        sent.push_back("m" + std::to_string(i));
+        EXPECT_TRUE(delivery.SendMsg("T", sent.back(), "", 1, 0));
+    }
+    ASSERT_TRUE(delivery.Flush(20000));
+    EXPECT_EQ(Field(m_dir / "log/e.jsonl", "body"), sent);
+    const auto stats = delivery.Stats();
+    EXPECT_EQ(stats.accepted, 50u);
+    EXPECT_EQ(stats.spooled, 0u);
+    ASSERT_EQ(stats.sinks.size(), 1u);
+    EXPECT_EQ(stats.sinks[0].delivered, 50u);
+    delivery.Stop();
+    EXPECT_FALSE(delivery.SendMsg("T", "late", "", 1, 0));
+}
+
+TEST_F(EventDeliveryTest, OverlongMessagesAreRefused) {
+    CEventDelivery delivery(Options(), "tervane");
+    std::string error;
+    ASSERT_TRUE(delivery.Start(error)) << error;
+    EXPECT_FALSE(delivery.SendMsg(std::string(300, 't'), "b", "", 0, 0));
+    EXPECT_FALSE(delivery.SendMsg("T", std::string((1 << 20) + 1, 'b'), "", 0, 0));
+    EXPECT_TRUE(delivery.SendMsg("T", std::string(1 << 20, 'b'), "", 0, 0));
+}
+
+TEST_F(EventDeliveryTest, TheFileIsRotatedAndItsGenerationsAreBounded) {
+    DeliveryOptions options = Options();
+    options.jsonLinesMaxBytes = 1000;
+    options.jsonLinesKeep = 2;
+    CEventDelivery delivery(options, "tervane");
+    std::string error;
+    ASSERT_TRUE(delivery.Start(error)) << error;
+    for (int i = 0; i < 60; ++i) delivery.SendMsg("T", "m" + std::to_string(i), "", 1, 0);
+    ASSERT_TRUE(delivery.Flush(20000));
+    EXPECT_EQ(support::FilesIn(m_dir / "log"), (Lines{"e.jsonl", "e.jsonl.1", "e.jsonl.2"}));
+    Lines bodies;
+    for (const char* name : {"log/e.jsonl.2", "log/e.jsonl.1", "log/e.jsonl"}) {
+        EXPECT_LT(support::ReadText(m_dir / name).size(), 1300u);
+        for (const auto& body : Field(m_dir / name, "body")) bodies.push_back(body);
+    }
+    for (size_t i = 0; i < bodies.size(); ++i) EXPECT_EQ(bodies[i], "m" + std::to_string(60 - bodies.size() + i));
+}
+
+TEST_F(EventDeliveryTest, AFileThatWasMovedAwayIsMadeAnew) {
+    CEventDelivery delivery(Options(), "tervane");
+    std::string error;
+    ASSERT_TRUE(delivery.Start(error)) << error;
+    delivery.SendMsg("T", "a", "", 1, 0);
+    ASSERT_TRUE(delivery.Flush(20000));
+    std::rename((m_dir / "log/e.jsonl").c_str(), (m_dir / "log/taken").c_str());
+    delivery.SendMsg("T", "b", "", 1, 0);
+    ASSERT_TRUE(delivery.Flush(20000));
+    EXPECT_EQ(Field(m_dir / "log/taken", "body"), Lines{"a"});
+    EXPECT_EQ(Field(m_dir / "log/e.jsonl", "body"), Lines{"b"});
+}
+
+TEST_F(EventDeliveryTest, ATornLineOfACrashIsCutOff) {
+    support::WriteText(m_dir / "log/e.jsonl", "{\"body\":\"whole\"}\n{\"body\":\"torn");
+    CEventDelivery delivery(Options(), "tervane");
+    std::string error;
+    ASSERT_TRUE(delivery.Start(error)) << error;
+    delivery.SendMsg("T", "next", "", 1, 0);
+    ASSERT_TRUE(delivery.Flush(20000));
+    EXPECT_EQ(Field(m_dir / "log/e.jsonl", "body"), (Lines{"whole", "next"}));
+}
+
+TEST_F(EventDeliveryTest, ASinkThatIsDownLosesNothingAndBlocksNobody) {
+    support::TakeLog();
+    support::HttpServer server;
+    server.AnswerWith(503);
+    DeliveryOptions options = Options();
+    options.httpUrl = server.Url();
+    CEventDelivery delivery(options, "tervane");
+    std::string error;
+    ASSERT_TRUE(delivery.Start(error)) << error;
+    Lines sent;
+    for (int i = 0; i < 20; ++i) {
+        sent.push_back("m" + std::to_string(i));
+        delivery.SendMsg("T", sent.back(), "", 1, 0);
+    }
+    ASSERT_TRUE(WaitUntil([&] { return ReadLines(m_dir / "log/e.jsonl").size() == 20; })) << "the file goes on";
+    ASSERT_TRUE(WaitUntil([&] { return delivery.Stats().sinks[1].failures >= 3; }));
+    EXPECT_EQ(delivery.Stats().sinks[1].waiting, 20u);
+    EXPECT_EQ(delivery.Stats().spooled, 20u);
+    size_t lines = 0;
+    for (const auto& line : support::TakeLog()) lines += line.find("event sink http") != std::string::npos ? 1 : 0;
+    EXPECT_EQ(lines, 1u) << "told once, not per attempt";
+    server.AnswerWith(200);
+    ASSERT_TRUE(delivery.Flush(20000));
+    Lines bodies;
+    std::set<std::string> ids;
+    for (const auto& request : server.Accepted()) {
+        Json::Value root;
+        ASSERT_TRUE(Json::Reader().parse(request.body, root)) << request.body;
+        bodies.push_back(root["body"].asString());
+        ids.insert(root["id"].asString());
+        EXPECT_THAT(request.head, testing::HasSubstr("Idempotency-Key: " + root["id"].asString()));
+    }
+    EXPECT_EQ(bodies, sent);
+    EXPECT_EQ(ids.size(), 20u);
+    EXPECT_EQ(delivery.Stats().spooled, 0u);
+}
+
+TEST_F(EventDeliveryTest, WhatASinkMissedIsDeliveredByTheNextProcess) {
+    support::HttpServer server;
+    server.AnswerWith(500);
+    DeliveryOptions options = Options();
+    options.httpUrl = server.Url();
+    std::string error;
+    {
+        CEventDelivery delivery(options, "tervane");
+        ASSERT_TRUE(delivery.Start(error)) << error;
+        delivery.SendMsg("T", "a", "", 1, 0);
+        ASSERT_TRUE(WaitUntil([&] { return delivery.Stats().sinks[1].failures >= 1; }));
+    }
+    server.AnswerWith(204);
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(delivery.Start(error)) << error;
+    ASSERT_TRUE(delivery.Flush(20000));
+    EXPECT_EQ(server.Accepted().size(), 1u);
+    EXPECT_EQ(ReadLines(m_dir / "log/e.jsonl").size(), 1u) << "the file had it already";
+}
+
+TEST_F(EventDeliveryTest, AMessageThatTheEndpointRefusesForGoodDoesNotHoldUpTheRest) {
+    support::TakeLog();
+    support::HttpServer server;
+    server.Refuse("poison", 422);
+    DeliveryOptions options = Options();
+    options.httpUrl = server.Url();
+    CEventDelivery delivery(options, "tervane");
+    std::string error;
+    ASSERT_TRUE(delivery.Start(error)) << error;
+    for (const char* body : {"a", "poison", "b"}) delivery.SendMsg("T", body, "", 1, 0);
+    ASSERT_TRUE(delivery.Flush(20000));
+    EXPECT_EQ(server.Accepted().size(), 2u);
+    EXPECT_TRUE(support::LogHolds("is given up"));
+}
+
+TEST_F(EventDeliveryTest, AnAddressThatIsNoneFailsTheStart) {
+    for (const char* url : {"ftp://x/", "file:///etc/passwd", "http://", "x", "http://a b/"}) {
+        DeliveryOptions options = Options();
+        options.httpUrl = url;
+        CEventDelivery delivery(options, "tervane");
+        std::string error;
+        EXPECT_FALSE(delivery.Start(error)) << url;
+        EXPECT_THAT(error, testing::HasSubstr("not an http or https address"));
+    }
+}
+
+// A process that sends and says of each message, on a pipe, that it was accepted; killed at random moments.
+TEST_F(EventDeliveryTest, NothingAcceptedIsLostHoweverOftenTheProcessIsKilled) {
+    const char* wanted = std::getenv("ZEL_KILL_ROUNDS");
+    const int rounds = wanted != nullptr ? std::atoi(wanted) : 100;
+    std::mt19937 random(4711);
+    std::set<std::string> accepted;
+    for (int round = 0; round < rounds; ++round) {
+        int fds[2];
+        ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            close(fds[0]);
+            CEventDelivery delivery(Options(), "tervane");
+            std::string error;
+            if (!delivery.Start(error)) _exit(1);
+            for (int i = 0;; ++i) {
+                const std::string body = std::to_string(round) + "-" + std::to_string(i);
+                if (!delivery.SendMsg("T", body, "", 1, 0)) _exit(2);
+                const std::string line = body + "\n";
+                if (write(fds[1], line.data(), line.size()) < 0) _exit(3);
+            }
+        }
+        close(fds[1]);
+        usleep(static_cast<useconds_t>(random() % 40000));
+        kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSIGNALED(status)) << "exit " << WEXITSTATUS(status) << " in round " << round;
+        std::string said;
+        char buffer[4096];
+        for (ssize_t got; (got = read(fds[0], buffer, sizeof(buffer))) > 0;) {
+            said.append(buffer, static_cast<size_t>(got));
+        }
+        close(fds[0]);
+        for (size_t at = 0, end; (end = said.find('\n', at)) != std::string::npos; at = end + 1) {
+            accepted.insert(said.substr(at, end - at));
+        }
+    }
+    CEventDelivery delivery(Options(), "tervane");
+    std::string error;
+    ASSERT_TRUE(delivery.Start(error)) << error;
+    ASSERT_TRUE(delivery.Flush(60000));
+    delivery.Stop();
+    std::map<std::string, std::set<std::string>> idsOf;
+    Lines files{m_dir / "log/e.jsonl"};
+    for (int i = 1; i <= 4; ++i) files.push_back(m_dir / "log/e.jsonl." + std::to_string(i));
+    for (const auto& file : files) {
+        for (const auto& line : ReadLines(file)) {
+            Json::Value root;
+            ASSERT_TRUE(Json::Reader().parse(line, root)) << "every line is whole: " << line;
+            idsOf[root["body"].asString()].insert(root["id"].asString());
+        }
+    }
+    EXPECT_GT(accepted.size(), static_cast<size_t>(rounds) / 4);
+    for (const auto& body : accepted) EXPECT_EQ(idsOf.count(body), 1u) << body << " was accepted and is lost";
+    for (const auto& item : idsOf) EXPECT_EQ(item.second.size(), 1u) << item.first << " has two ids";
+}

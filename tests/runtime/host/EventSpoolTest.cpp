@@ -1,0 +1,262 @@
+// The durable spool on real files.
+#include "EventSpool.h"
+
+#include <sqlite3.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <set>
+#include <thread>
+
+#include "HostSupport.h"
+
+using zelhost::CEventSpool;
+using zelhost::SpoolMessage;
+
+namespace {
+
+SpoolMessage Message(const std::string& body) {
+    SpoolMessage m;
+    m.time = 1700000000;
+    m.type = "T";
+    m.body = body;
+    m.arg1 = 1;
+    return m;
+}
+
+class EventSpoolTest : public ::testing::Test {
+protected:
+    void Open(CEventSpool& spool, uint64_t maxBytes = 1 << 20, size_t ring = 8) {
+        std::string reason;
+        ASSERT_TRUE(spool.Open(m_dir / "spool/e.db", maxBytes, ring, reason)) << reason;
+        ASSERT_TRUE(spool.SetSinks({"one"}, reason)) << reason;
+    }
+    std::vector<std::string> Bodies(CEventSpool& spool, const std::string& sink) {
+        std::vector<SpoolMessage> messages;
+        EXPECT_TRUE(spool.Read(sink, 1000, 1 << 30, messages));
+        std::vector<std::string> bodies;
+        for (const auto& m : messages) bodies.push_back(m.body);
+        return bodies;
+    }
+    support::TempDir m_dir;
+};
+
+}  // namespace
+
+TEST_F(EventSpoolTest, MessagesComeBackInOrderWithIdsThatStay) {
+    std::vector<SpoolMessage> first, second;
+    {
+        CEventSpool spool;
+        Open(spool);
+        SpoolMessage odd = Message(std::string("zero\0byte \xff 'quote'", 20));
+        odd.extra = "x";
+        odd.arg1 = -7;
+        odd.arg2 = 2147483647;
+        EXPECT_TRUE(spool.Append(odd));
+        EXPECT_TRUE(spool.Append(Message("")));
+        ASSERT_TRUE(spool.Read("one", 10, 1 << 20, first));
+    }
+    CEventSpool spool;
+    Open(spool);
+    EXPECT_TRUE(spool.Append(Message("third")));
+    ASSERT_TRUE(spool.Read("one", 10, 1 << 20, second));
+    ASSERT_EQ(second.size(), 3u);
+    EXPECT_EQ(second[0].body, std::string("zero\0byte \xff 'quote'", 20));
+    EXPECT_EQ(second[0].extra, "x");
+    EXPECT_EQ(second[0].arg1, -7);
+    EXPECT_EQ(second[0].arg2, 2147483647);
+    EXPECT_EQ(second[0].time, 1700000000);
+    EXPECT_EQ(second[1].body, "");
+    EXPECT_EQ(second[0].id, first[0].id);
+    EXPECT_EQ(second[1].id, first[1].id);
+    EXPECT_EQ(std::set<std::string>({second[0].id, second[1].id, second[2].id}).size(), 3u);
+}
+
+TEST_F(EventSpoolTest, IdsAreNotUsedAgainAfterEverythingWasDelivered) {
+    std::string before;
+    {
+        CEventSpool spool;
+        Open(spool);
+        spool.Append(Message("a"));
+        std::vector<SpoolMessage> messages;
+        spool.Read("one", 10, 1 << 20, messages);
+        before = messages.at(0).id;
+        spool.Confirm("one", messages[0].seq);
+        EXPECT_EQ(spool.GetFigures().messages, 0u);
+    }
+    CEventSpool spool;
+    Open(spool);
+    spool.Append(Message("b"));
+    std::vector<SpoolMessage> messages;
+    spool.Read("one", 10, 1 << 20, messages);
+    EXPECT_NE(messages.at(0).id, before);
+}
+
+TEST_F(EventSpoolTest, EachSinkHasItsOwnCursorAndNothingGoesBeforeAllHaveIt) {
+    CEventSpool spool;
+    Open(spool);
+    std::string reason;
+    ASSERT_TRUE(spool.SetSinks({"one", "two"}, reason));
+    for (const char* body : {"a", "b", "c"}) spool.Append(Message(body));
+    EXPECT_TRUE(spool.Confirm("one", 2));
+    EXPECT_EQ(Bodies(spool, "one"), Lines{"c"});
+    EXPECT_EQ(Bodies(spool, "two"), (Lines{"a", "b", "c"}));
+    EXPECT_EQ(spool.GetFigures().messages, 3u);
+    EXPECT_TRUE(spool.Confirm("two", 1));
+    EXPECT_EQ(spool.GetFigures().messages, 2u);
+    EXPECT_TRUE(spool.Confirm("two", 1)) << "a cursor never moves back";
+    ASSERT_TRUE(spool.SetSinks({"one"}, reason)) << "a sink that is no more holds nothing up";
+    EXPECT_TRUE(spool.Confirm("one", 3));
+    EXPECT_EQ(spool.GetFigures().messages, 0u);
+    EXPECT_EQ(spool.GetFigures().bytes, 0u);
+}
+
+TEST_F(EventSpoolTest, BeyondItsSizeTheOldestGoAndAreCounted) {
+    {
+        CEventSpool spool;
+        Open(spool, 10 * 1128);
+        for (int i = 0; i < 25; ++i) EXPECT_TRUE(spool.Append(Message(std::string(999, static_cast<char>('a' + i)))));
+        const auto figures = spool.GetFigures();
+        EXPECT_EQ(figures.messages, 10u);
+        EXPECT_EQ(figures.dropped, 15u);
+        EXPECT_LE(figures.bytes, 10u * 1128);
+        EXPECT_EQ(Bodies(spool, "one").front()[0], 'a' + 15);
+    }
+    CEventSpool spool;
+    Open(spool, 10 * 1128);
+    EXPECT_EQ(spool.GetFigures().dropped, 15u) << "the count outlives the process";
+}
+
+TEST_F(EventSpoolTest, AMessageLargerThanTheSpoolIsStillTaken) {
+    CEventSpool spool;
+    Open(spool, 100);
+    EXPECT_TRUE(spool.Append(Message(std::string(5000, 'x'))));
+    EXPECT_TRUE(spool.Append(Message(std::string(5000, 'y'))));
+    EXPECT_EQ(spool.GetFigures().messages, 1u);
+    EXPECT_EQ(Bodies(spool, "one").at(0)[0], 'y');
+}
+
+TEST_F(EventSpoolTest, ManySendersAndReadersLoseNothing) {
+    CEventSpool spool;
+    Open(spool, 64 << 20);
+    constexpr int kSenders = 4, kEach = 50;
+    std::vector<std::thread> senders;
+    for (int s = 0; s < kSenders; ++s) {
+        senders.emplace_back([&, s] {
+            for (int i = 0; i < kEach; ++i) {
+                EXPECT_TRUE(spool.Append(Message(std::to_string(s) + ":" + std::to_string(i))));
+            }
+        });
+    }
+    std::vector<std::string> seen;
+    while (seen.size() < kSenders * kEach) {
+        std::vector<SpoolMessage> messages;
+        const uint64_t news = spool.News();
+        ASSERT_TRUE(spool.Read("one", 16, 1 << 20, messages));
+        for (const auto& m : messages) seen.push_back(m.body);
+        if (messages.empty()) spool.WaitForNews(news, 1000);
+        else spool.Confirm("one", messages.back().seq);
+    }
+    for (auto& sender : senders) sender.join();
+    EXPECT_EQ(std::set<std::string>(seen.begin(), seen.end()).size(), seen.size());
+    for (int s = 0; s < kSenders; ++s) {
+        int next = 0;
+        for (const auto& body : seen) {
+            if (body == std::to_string(s) + ":" + std::to_string(next)) ++next;
+        }
+        EXPECT_EQ(next, kEach) << "in the sender's order";
+    }
+    EXPECT_EQ(spool.GetFigures().messages, 0u);
+    EXPECT_EQ(spool.GetFigures().bytes, 0u);
+}
+
+TEST_F(EventSpoolTest, ADamagedSpoolIsPutAsideAndANewOneBegins) {
+    support::TakeLog();
+    support::WriteText(m_dir / "spool/e.db", std::string(8192, 'x'));
+    CEventSpool spool;
+    Open(spool);
+    EXPECT_TRUE(spool.Append(Message("a")));
+    EXPECT_TRUE(support::LogHolds("2 the event spool " + (m_dir / "spool/e.db") + " is damaged"));
+    EXPECT_THAT(support::FilesIn(m_dir / "spool"), testing::Contains(testing::StartsWith("e.db.corrupt-")));
+}
+
+TEST_F(EventSpoolTest, ALinkIsNotFollowed) {
+    support::WriteText(m_dir / "victim", "");
+    support::WriteText(m_dir / "spool/x", "");
+    ASSERT_EQ(symlink((m_dir / "victim").c_str(), (m_dir / "spool/e.db").c_str()), 0);
+    CEventSpool spool;
+    std::string reason;
+    EXPECT_FALSE(spool.Open(m_dir / "spool/e.db", 1000, 1, reason));
+    EXPECT_FALSE(reason.empty());
+    EXPECT_EQ(support::ReadText(m_dir / "victim"), "");
+}
+
+TEST_F(EventSpoolTest, WhatCannotBeWrittenWaitsInMemoryAndCatchesUpInOrder) {
+    support::TakeLog();
+    CEventSpool spool;
+    Open(spool, 1 << 20, 3);
+    EXPECT_TRUE(spool.Append(Message("a")));
+    unlink(("" + (m_dir / "spool/e.db.reserve")).c_str());
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open((m_dir / "spool/e.db").c_str(), &other), SQLITE_OK);
+    // A limit on the size of files stands for the full disk: the kernel refuses to let the log grow.
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit old{}, none{};
+    getrlimit(RLIMIT_FSIZE, &old);
+    none = old;
+    none.rlim_cur = 1;
+    setrlimit(RLIMIT_FSIZE, &none);
+    for (const char* body : {"b", "c", "d", "e"}) EXPECT_FALSE(spool.Append(Message(body)));
+    EXPECT_FALSE(spool.FlushMemory());
+    auto figures = spool.GetFigures();
+    setrlimit(RLIMIT_FSIZE, &old);
+    sqlite3_close(other);
+    EXPECT_TRUE(figures.broken);
+    EXPECT_EQ(figures.inMemory, 3u);
+    EXPECT_EQ(figures.dropped, 1u) << "the ring is bounded, the oldest went";
+    EXPECT_EQ(figures.refused, 4u);
+    EXPECT_TRUE(spool.Append(Message("f")));
+    EXPECT_EQ(Bodies(spool, "one"), (Lines{"a", "c", "d", "e", "f"}));
+    figures = spool.GetFigures();
+    EXPECT_FALSE(figures.broken);
+    EXPECT_EQ(figures.inMemory, 0u);
+    const Lines log = support::TakeLog();
+    ASSERT_EQ(log.size(), 2u) << "told once, not per message";
+    EXPECT_THAT(log[0], testing::StartsWith("2 the event spool"));
+    EXPECT_THAT(log[1], testing::HasSubstr("can be written again"));
+}
+
+TEST_F(EventSpoolTest, OnAFullDiskTheReserveLetsTheFirstMessagesThrough) {
+    if (geteuid() != 0 || mkdir((m_dir / "small").c_str(), 0700) != 0 ||
+        mount("none", (m_dir / "small").c_str(), "tmpfs", 0, "size=2m") != 0) {
+        GTEST_SKIP() << "needs root: a small tmpfs";
+    }
+    {
+        CEventSpool spool;
+        std::string reason;
+        ASSERT_TRUE(spool.Open(m_dir / "small/e.db", 1 << 20, 100, reason)) << reason;
+        ASSERT_TRUE(spool.SetSinks({"one"}, reason));
+        EXPECT_TRUE(spool.Append(Message("before")));
+        std::ofstream filler(m_dir / "small/filler", std::ios::binary);
+        const std::string block(4096, 'x');
+        while (filler.write(block.data(), static_cast<std::streamsize>(block.size())).flush()) {
+        }
+        EXPECT_TRUE(spool.Append(Message("the disk is full")));
+        int durable = 0;
+        for (int i = 0; i < 2000; ++i) durable += spool.Append(Message(std::string(1000, 'x'))) ? 1 : 0;
+        EXPECT_GT(durable, 10);
+        EXPECT_LT(durable, 2000);
+        EXPECT_TRUE(spool.GetFigures().broken);
+        EXPECT_EQ(spool.GetFigures().inMemory, 100u);
+        filler.close();
+        unlink((m_dir / "small/filler").c_str());
+        EXPECT_TRUE(spool.FlushMemory());
+        EXPECT_EQ(spool.GetFigures().inMemory, 0u);
+        EXPECT_THAT(support::FilesIn(m_dir / "small"), testing::Contains("e.db.reserve"));
+        EXPECT_EQ(Bodies(spool, "one").at(1), "the disk is full");
+    }
+    umount2((m_dir / "small").c_str(), MNT_DETACH);
+}

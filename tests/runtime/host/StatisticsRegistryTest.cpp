@@ -1,0 +1,225 @@
+// The statistics registry with providers that behave, and some that do not.
+#include "StatisticsRegistry.h"
+
+#include <sqlite3.h>
+
+#include <atomic>
+#include <thread>
+
+#include "HostSupport.h"
+
+using support::WaitUntil;
+using zelhost::CStatisticsRegistry;
+
+namespace {
+
+using Figures = std::map<std::string, std::string>;
+
+class Provider : public IMtInfo {
+public:
+    explicit Provider(Figures values) : m_values(std::move(values)) {
+        CMtIntf::RegMtInfoCallback(this);
+    }
+    ~Provider() override { CMtIntf::UnRegMtInfoCallback(this); }
+    bool GetExceptionInfo(std::map<std::string, std::string>& info) override {
+        ++m_calls;
+        if (m_act) m_act();
+        for (const auto& item : m_values) info.insert(item);
+        return m_ok;
+    }
+    std::map<std::string, std::string> m_values;
+    std::function<void()> m_act;
+    std::atomic<int> m_calls{0};
+    bool m_ok = true;
+};
+
+class StatisticsRegistryTest : public ::testing::Test {
+protected:
+    void Start(unsigned int periodMs = 3600000, unsigned int providerMs = 5000) {
+        std::string error;
+        ASSERT_TRUE(registry().Start(periodMs, providerMs, m_dir / "data/s.db", error)) << error;
+    }
+    ~StatisticsRegistryTest() override { registry().Stop(); }
+    CStatisticsRegistry& registry() { return CStatisticsRegistry::Instance(); }
+    std::vector<std::pair<int64_t, std::string>> Rows() {
+        std::vector<std::pair<int64_t, std::string>> rows;
+        sqlite3* db = nullptr;
+        EXPECT_EQ(sqlite3_open(("" + (m_dir / "data/s.db")).c_str(), &db), SQLITE_OK);
+        sqlite3_exec(
+            db, "SELECT time, figures FROM history ORDER BY id;",
+            [](void* user, int, char** columns, char**) {
+                static_cast<std::vector<std::pair<int64_t, std::string>>*>(user)->emplace_back(std::atoll(columns[0]),
+                                                                                              columns[1]);
+                return 0;
+            },
+            &rows, nullptr);
+        sqlite3_close(db);
+        return rows;
+    }
+    support::TempDir m_dir;
+};
+
+}  // namespace
+
+TEST_F(StatisticsRegistryTest, CollectsEveryProviderAndTheFirstValueWins) {
+    Start();
+    Provider first(Figures{{"a", "1"}, {"both", "first"}}), second(Figures{{"b", "2"}, {"both", "second"}});
+    registry().Collect();
+    const auto snapshot = registry().Snapshot();
+    EXPECT_EQ(snapshot.values, (std::map<std::string, std::string>{{"a", "1"}, {"b", "2"}, {"both", "first"}}));
+    EXPECT_EQ(snapshot.providers, 2u);
+    EXPECT_EQ(snapshot.failedProviders, 0u);
+    EXPECT_EQ(Rows().size(), 1u);
+    EXPECT_EQ(Rows()[0].second, "{\"a\":\"1\",\"b\":\"2\",\"both\":\"first\"}");
+}
+
+TEST_F(StatisticsRegistryTest, CollectsInItsOwnRhythm) {
+    Provider provider(Figures{{"a", "1"}});
+    Start(10);
+    EXPECT_TRUE(WaitUntil([&] { return provider.m_calls >= 5; }));
+}
+
+TEST_F(StatisticsRegistryTest, AProviderThatFailsOrThrowsHarmsNobody) {
+    support::TakeLog();
+    Start();
+    Provider failing(Figures{{"kept", "1"}}), throwing(Figures{{"lost", "1"}}), good(Figures{{"good", "1"}});
+    failing.m_ok = false;
+    throwing.m_act = [] { throw std::runtime_error("broken provider"); };
+    registry().Collect();
+    const auto snapshot = registry().Snapshot();
+    EXPECT_EQ(snapshot.values, (std::map<std::string, std::string>{{"kept", "1"}, {"good", "1"}}));
+    EXPECT_EQ(snapshot.failedProviders, 2u);
+    EXPECT_TRUE(support::LogHolds("3 a provider of statistics threw: broken provider"));
+}
+
+TEST_F(StatisticsRegistryTest, AProviderThatBlocksIsLeftOutUntilItReturns) {
+    Start(3600000, 30);
+    std::atomic<bool> go{false};
+    Provider blocking(Figures{{"late", "1"}}), good(Figures{{"good", "1"}});
+    blocking.m_act = [&] {
+        while (!go.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    };
+    registry().Collect();
+    registry().Collect();
+    EXPECT_EQ(registry().Snapshot().values, (std::map<std::string, std::string>{{"good", "1"}}));
+    EXPECT_EQ(registry().Snapshot().slowProviders, 1u);
+    EXPECT_EQ(blocking.m_calls.load(), 1) << "not entered a second time";
+    EXPECT_EQ(good.m_calls.load(), 2);
+    go = true;
+    EXPECT_TRUE(WaitUntil([&] {
+        registry().Collect();
+        return registry().Snapshot().values.size() == 2;
+    }));
+}
+
+TEST_F(StatisticsRegistryTest, ABoundedNumberOfWorkersIsLeftBehind) {
+    Start(3600000, 10);
+    std::atomic<bool> go{false};
+    std::vector<std::unique_ptr<Provider>> blocking;
+    for (size_t i = 0; i < CStatisticsRegistry::kStuckWorkers + 3; ++i) {
+        blocking.push_back(std::make_unique<Provider>(Figures{}));
+        blocking.back()->m_act = [&] {
+            while (!go.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        };
+    }
+    registry().Collect();
+    int calls = 0;
+    for (const auto& provider : blocking) calls += provider->m_calls.load();
+    EXPECT_EQ(calls, static_cast<int>(CStatisticsRegistry::kStuckWorkers));
+    EXPECT_EQ(registry().Snapshot().slowProviders, blocking.size());
+    go = true;
+    blocking.clear();
+}
+
+TEST_F(StatisticsRegistryTest, UnregisteringWaitsForACallThatIsInside) {
+    Start();
+    std::atomic<bool> inside{false}, left{false};
+    auto provider = std::make_unique<Provider>(Figures{});
+    provider->m_act = [&] {
+        inside = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        left = true;
+    };
+    std::thread collector([&] { registry().Collect(); });
+    ASSERT_TRUE(WaitUntil([&] { return inside.load(); }));
+    CMtIntf::UnRegMtInfoCallback(provider.get());
+    EXPECT_TRUE(left.load());
+    collector.join();
+    registry().Collect();
+    EXPECT_EQ(provider->m_calls.load(), 1) << "never called again";
+}
+
+TEST_F(StatisticsRegistryTest, AProviderMayUnregisterFromWithin) {
+    Start();
+    Provider provider(Figures{{"a", "1"}});
+    provider.m_act = [&] { CMtIntf::UnRegMtInfoCallback(&provider); };
+    registry().Collect();
+    registry().Collect();
+    EXPECT_EQ(provider.m_calls.load(), 1);
+}
+
+TEST_F(StatisticsRegistryTest, ComingAndGoingProvidersAreNeverCalledAfterTheyWent) {
+    Start(1);
+    for (int round = 0; round < 200; ++round) {
+        Provider provider(Figures{{"k", std::to_string(round)}});
+        if (round % 10 == 0) WaitUntil([&] { return provider.m_calls > 0; });
+    }
+}
+
+TEST_F(StatisticsRegistryTest, HugeFiguresAreBounded) {
+    Start();
+    std::map<std::string, std::string> many;
+    for (int i = 0; i < 6000; ++i) many["key" + std::to_string(i)] = "1";
+    Provider flooding(many), longValue(Figures{{std::string(300, 'k'), "1"}, {"long", std::string(100000, 'v')}});
+    CMtIntf::UnRegMtInfoCallback(&flooding);
+    registry().Collect();
+    EXPECT_EQ(registry().Snapshot().values.size(), 1u) << "a key that is too long is left out";
+    EXPECT_EQ(registry().Snapshot().values.at("long").size(), CStatisticsRegistry::kMostValueBytes);
+    CMtIntf::RegMtInfoCallback(&flooding);
+    registry().Collect();
+    EXPECT_EQ(registry().Snapshot().values.size(), CStatisticsRegistry::kMostEntries);
+}
+
+TEST_F(StatisticsRegistryTest, TheHistoryKeepsADay) {
+    zelhost::CStatisticsHistory history;
+    std::string reason;
+    ASSERT_TRUE(history.Open(m_dir / "data/s.db", reason)) << reason;
+    constexpr int64_t kStart = 1700000000;
+    for (int minute = 0; minute < 1600; ++minute) {
+        ASSERT_TRUE(history.Append(kStart + minute * 60, {{"m", std::to_string(minute)}}, reason)) << reason;
+    }
+    history.Close();
+    const auto rows = Rows();
+    ASSERT_EQ(rows.size(), 1441u);
+    EXPECT_EQ(rows.front().first, kStart + 159 * 60);
+    EXPECT_EQ(rows.back().second, "{\"m\":\"1599\"}");
+}
+
+TEST_F(StatisticsRegistryTest, AClockThatStandsStillDoesNotGrowTheHistory) {
+    zelhost::CStatisticsHistory history;
+    std::string reason;
+    ASSERT_TRUE(history.Open(m_dir / "data/s.db", reason)) << reason;
+    for (int i = 0; i < 1700; ++i) ASSERT_TRUE(history.Append(1700000000, {}, reason)) << reason;
+    history.Close();
+    EXPECT_EQ(Rows().size(), 1500u);
+}
+
+TEST_F(StatisticsRegistryTest, ADamagedHistoryIsPutAside) {
+    support::WriteText(m_dir / "data/s.db", "this is no database, and long enough to be read as a header of one....."
+                                            "........................................................................");
+    Start();
+    Provider provider(Figures{{"a", "1"}});
+    registry().Collect();
+    EXPECT_EQ(Rows().size(), 1u);
+    EXPECT_THAT(support::FilesIn(m_dir / "data"), testing::Contains("s.db.corrupt"));
+}
+
+TEST_F(StatisticsRegistryTest, WithoutAHistoryFiguresAreStillCollected) {
+    support::TakeLog();
+    support::WriteText(m_dir / "data", "a file where the directory should be");
+    Start();
+    Provider provider(Figures{{"a", "1"}});
+    registry().Collect();
+    EXPECT_EQ(registry().Snapshot().values.size(), 1u);
+    EXPECT_TRUE(support::LogHolds("3 no history of the statistics"));
+}

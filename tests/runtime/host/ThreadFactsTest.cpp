@@ -1,0 +1,147 @@
+// CPU figures of this process's threads.
+#include "ThreadFacts.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include "HostSupport.h"
+
+using std::chrono::milliseconds;
+using zelhost::CThreadFacts;
+
+namespace {
+class Worker {
+public:
+    Worker(const char* name, bool busy) {
+        m_thread = std::thread([this, name, busy] {
+            pthread_setname_np(pthread_self(), name);
+            m_tid = gettid();
+            while (!m_stop.load()) {
+                if (busy) support::Burn(milliseconds(1));
+                else std::this_thread::sleep_for(milliseconds(2));
+            }
+        });
+        while (m_tid.load() == 0) std::this_thread::yield();
+    }
+    ~Worker() {
+        m_stop = true;
+        m_thread.join();
+    }
+    long Tid() const { return m_tid.load(); }
+
+private:
+    std::atomic<bool> m_stop{false};
+    std::atomic<long> m_tid{0};
+    std::thread m_thread;
+};
+
+const CSysThreadsCpuUsage* Find(const std::list<CSysThreadsCpuUsage>& list, long tid) {
+    for (const auto& entry : list) {
+        if (entry.tid == tid) return &entry;
+    }
+    return nullptr;
+}
+}  // namespace
+
+TEST(ThreadFactsTest, TheBusyThreadIsFoundAmongIdleOnes) {
+    std::vector<std::unique_ptr<Worker>> idle;
+    for (int i = 0; i < 20; ++i) idle.push_back(std::make_unique<Worker>("idle", false));
+    Worker busy("busy", true);
+    std::this_thread::sleep_for(milliseconds(200));
+    long tid = 0;
+    unsigned int usage = 0;
+    CThreadFacts::Instance().GetHighCpuUsageThread(tid, usage);
+    EXPECT_EQ(tid, busy.Tid());
+    EXPECT_GT(usage, 0u);
+    EXPECT_LE(usage, 10000u);
+    std::list<CSysThreadsCpuUsage> list;
+    CThreadFacts::Instance().GetThreadsCpuUsage(list);
+    EXPECT_GE(list.size(), 22u);
+    ASSERT_NE(Find(list, busy.Tid()), nullptr);
+    EXPECT_EQ(Find(list, busy.Tid())->name, "busy");
+    ASSERT_NE(Find(list, idle[3]->Tid()), nullptr);
+    EXPECT_GT(Find(list, busy.Tid())->avgLoad, Find(list, idle[3]->Tid())->avgLoad);
+}
+
+TEST(ThreadFactsTest, SamplesAndHitsAreCounted) {
+    Worker busy("busy", true), idle("idle", false);
+    for (int i = 0; i < 10; ++i) {
+        CThreadFacts::Instance().Sample();
+        std::this_thread::sleep_for(milliseconds(30));
+    }
+    std::list<CSysThreadsCpuUsage> list;
+    CThreadFacts::Instance().GetThreadsCpuUsage(list);
+    const auto* entry = Find(list, busy.Tid());
+    ASSERT_NE(entry, nullptr);
+    EXPECT_GE(entry->statCnt, 10u);
+    EXPECT_GT(entry->hit, 0u);
+    EXPECT_LE(entry->hit, entry->statCnt);
+    EXPECT_LE(entry->sysLoad, entry->avgLoad);
+}
+
+TEST(ThreadFactsTest, AThreadThatIsNewIsCountedFromItsStart) {
+    CThreadFacts::Instance().Sample();
+    Worker busy("late", true);
+    std::this_thread::sleep_for(milliseconds(300));
+    std::list<CSysThreadsCpuUsage> list;
+    CThreadFacts::Instance().GetThreadsCpuUsage(list);
+    const auto* entry = Find(list, busy.Tid());
+    ASSERT_NE(entry, nullptr);
+    EXPECT_GT(entry->avgLoad, 0u);
+    EXPECT_EQ(entry->statCnt, 1u);
+}
+
+TEST(ThreadFactsTest, ThreadsThatWentAreNotListed) {
+    long gone = 0;
+    {
+        Worker worker("gone", false);
+        gone = worker.Tid();
+        CThreadFacts::Instance().Sample();
+    }
+    std::this_thread::sleep_for(milliseconds(30));
+    std::list<CSysThreadsCpuUsage> list;
+    CThreadFacts::Instance().GetThreadsCpuUsage(list);
+    EXPECT_EQ(Find(list, gone), nullptr);
+}
+
+TEST(ThreadFactsTest, AskersThatFollowEachOtherShareAPass) {
+    const auto samples = [] {
+        std::list<CSysThreadsCpuUsage> list;
+        CThreadFacts::Instance().GetThreadsCpuUsage(list);
+        const auto* own = Find(list, gettid());
+        return own != nullptr ? own->statCnt : 0u;
+    };
+    const uint32_t before = samples();
+    uint32_t after = before;
+    for (int i = 0; i < 100; ++i) after = samples();
+    EXPECT_GT(before, 0u);
+    EXPECT_LT(after - before, 100u);
+}
+
+TEST(ThreadFactsTest, ThreadsMayComeAndGoWhileOthersAsk) {
+    std::atomic<bool> stop{false};
+    std::thread churn([&] {
+        while (!stop.load()) std::thread([] {}).join();
+    });
+    std::vector<std::thread> askers;
+    for (int i = 0; i < 2; ++i) {
+        askers.emplace_back([&] {
+            while (!stop.load()) {
+                std::list<CSysThreadsCpuUsage> list;
+                CThreadFacts::Instance().GetThreadsCpuUsage(list);
+                EXPECT_GE(list.size(), 1u);
+                std::this_thread::sleep_for(milliseconds(1));
+            }
+        });
+    }
+    std::this_thread::sleep_for(milliseconds(300));
+    stop = true;
+    churn.join();
+    for (auto& asker : askers) asker.join();
+}
+
+TEST(ThreadFactsTest, TheCallersOwnIdIsTheKernels) {
+    EXPECT_EQ(CThreadFacts::Instance().GetCurrThreadId(), static_cast<unsigned long>(gettid()));
+}
