@@ -36,6 +36,36 @@ std::vector<std::string> Warnings() {
     return out;
 }
 
+// Starts a process that is nobody's child here: its parent has ended. With a program it is that program when this
+// returns, else this one. It ends by itself after a minute.
+int SpawnOrphan(const char* program) {
+    int ends[2] = {-1, -1};
+    if (pipe2(ends, O_CLOEXEC) != 0) return -1;
+    const pid_t middle = fork();
+    if (middle == 0) {
+        const pid_t orphan = fork();
+        if (orphan == 0) {
+            alarm(60);
+            // Nobody who waits for the end of our output waits for this process.
+            const int null = open("/dev/null", O_RDWR);
+            for (int fd = 0; fd <= 2; ++fd) dup2(null, fd);
+            if (program != nullptr) execl(program, program, "60", static_cast<char*>(nullptr));
+            for (;;) pause();
+        }
+        const int pid = orphan;
+        if (write(ends[1], &pid, sizeof pid) != static_cast<ssize_t>(sizeof pid)) _exit(1);
+        _exit(0);
+    }
+    int pid = -1;
+    if (read(ends[0], &pid, sizeof pid) != static_cast<ssize_t>(sizeof pid)) pid = -1;
+    close(ends[0]);
+    close(ends[1]);
+    waitpid(middle, nullptr, 0);
+    const std::string own = ReadExecutable(static_cast<int>(getpid()));
+    for (int i = 0; i < 1000 && program != nullptr && pid > 0 && ReadExecutable(pid) == own; ++i) usleep(5000);
+    return pid;
+}
+
 class LegacyLimitTest : public RealV1 {
 protected:
     void SetUp() override {
@@ -48,6 +78,7 @@ protected:
     void TearDown() override {
         g_failing = {};
         m_limit.reset();
+        for (const int pid : m_orphans) kill(pid, SIGKILL);
         RealV1::TearDown();
     }
     std::unique_ptr<CLegacyLimit> Make() const {
@@ -63,6 +94,11 @@ protected:
     std::string SelfGroup(const Hierarchy& hierarchy) const {
         return ReadGroupOf(static_cast<int>(getpid()), hierarchy).Value();
     }
+    int Orphan(const char* program) {
+        const int pid = SpawnOrphan(program);
+        if (pid > 0) m_orphans.push_back(pid);
+        return pid;
+    }
     int Start(int percent, int hundredths) { return m_limit->StartCpuLimit(percent, hundredths, m_error); }
     int Stop() { return m_limit->StopCpuLimit(m_error); }
     GroupDir Root(const Hierarchy& hierarchy) {
@@ -71,6 +107,7 @@ protected:
 
     std::string m_group;
     std::unique_ptr<CLegacyLimit> m_limit;
+    std::vector<int> m_orphans;
     int m_error = 0;
 };
 
@@ -241,33 +278,9 @@ TEST_F(LegacyLimitTest, AChildInTheUnifiedTreeStaysThere) {
     child.End();
 }
 
-// A process that is nobody's child here: its parent has ended. With a program it runs that, else this one.
-int SpawnOrphan(const char* program = nullptr) {
-    int ends[2] = {-1, -1};
-    if (pipe2(ends, O_CLOEXEC) != 0) return -1;
-    const pid_t middle = fork();
-    if (middle == 0) {
-        const pid_t orphan = fork();
-        if (orphan == 0) {
-            alarm(60);
-            if (program != nullptr) execl(program, program, "60", static_cast<char*>(nullptr));
-            for (;;) pause();
-        }
-        const int pid = orphan;
-        if (write(ends[1], &pid, sizeof pid) != static_cast<ssize_t>(sizeof pid)) _exit(1);
-        _exit(0);
-    }
-    int pid = -1;
-    if (read(ends[0], &pid, sizeof pid) != static_cast<ssize_t>(sizeof pid)) pid = -1;
-    close(ends[0]);
-    close(ends[1]);
-    waitpid(middle, nullptr, 0);
-    return pid;
-}
-
 TEST_F(LegacyLimitTest, AForeignProcessIsCountedAndNotHeldDownAfterTheStop) {
     ASSERT_EQ(kLegacyOk, Start(20, 0));
-    const int orphan = SpawnOrphan("/bin/sleep");
+    const int orphan = Orphan("/bin/sleep");
     ASSERT_GT(orphan, 0);
     ASSERT_TRUE(Root(m_cpu).OpenChild(m_group)->MoveHere(orphan).Ok());
     EXPECT_EQ(1, m_limit->GetCgroupOtherProcessNum());
@@ -281,24 +294,19 @@ TEST_F(LegacyLimitTest, AForeignProcessIsCountedAndNotHeldDownAfterTheStop) {
                   " kept, 1 processes that are not the agent's are in it; its limit is lifted",
               warnings[0]);
     EXPECT_EQ(0, m_limit->GetCgroupOtherProcessNum());
-    kill(orphan, SIGKILL);
-    for (int i = 0; i < 200 && Exists(CpuDir(m_group)); ++i) {
-        if (rmdir(CpuDir(m_group).c_str()) != 0) usleep(10000);
-    }
 }
 
 TEST_F(LegacyLimitTest, AStopInAProcessThatNeverJoinedDoesNotTouchTheOthers) {
     auto group = Root(m_cpu).MakeChild(m_group);
     ASSERT_TRUE(group.Ok());
     ASSERT_TRUE(ApplyCpuQuota(*group, QuotaFrom100Times(2000)).Ok());
-    const int orphan = SpawnOrphan("/bin/sleep");
+    const int orphan = Orphan("/bin/sleep");
     ASSERT_GT(orphan, 0);
     ASSERT_TRUE(group->MoveHere(orphan).Ok());
     EXPECT_EQ(kLegacyOk, Stop());
     EXPECT_EQ("20000", Quota());
     EXPECT_EQ("/" + m_group, *ReadGroupOf(orphan, m_cpu));
     EXPECT_THAT(TakeLog(), IsEmpty());
-    kill(orphan, SIGKILL);
 }
 
 TEST_F(LegacyLimitTest, ProgramsOfTheApplicationDirectoryAndOfTheSameFileAreTheAgents) {
@@ -312,12 +320,8 @@ TEST_F(LegacyLimitTest, ProgramsOfTheApplicationDirectoryAndOfTheSameFileAreTheA
         options.applicationDir = same ? "/opt/zeltest-nowhere" : program.substr(0, program.rfind('/'));
         CLegacyLimit limit(std::move(options));
         ASSERT_EQ(kLegacyOk, limit.StartCpuLimit(20, 0, m_error));
-        const int orphan = SpawnOrphan(same ? nullptr : "/bin/sleep");
+        const int orphan = Orphan(same ? nullptr : "/bin/sleep");
         ASSERT_GT(orphan, 0);
-        // Until the program is running it is still this one's image.
-        for (int i = 0; i < 200 && !same && ReadExecutable(orphan) != program; ++i) {
-            usleep(5000);
-        }
         EXPECT_EQ("/" + m_group, *ReadGroupOf(orphan, m_cpu));
         EXPECT_EQ(0, limit.GetCgroupOtherProcessNum()) << ReadExecutable(orphan);
         // The last process of the agent has not left: limit and group stay.
