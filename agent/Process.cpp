@@ -213,7 +213,7 @@ void Process::StartComponents() {
     }
     std::vector<std::string> common{"--app-dir", m_options.appDir, "--config", m_options.configPath};
     m_supervisor = std::make_unique<Supervisor>(
-        m_program, common, m_options.appDir + "/data/restarts.json", [this](const ComponentEnd& end) {
+        m_program, common, m_options.appDir + "/data/restarts.json", [](const ComponentEnd& end) {
             Deliver(kComponentEndMessage, FormatComponentEnd(end, Now()));
         });
     m_supervisor->SetPlacement([](const std::string& name) {

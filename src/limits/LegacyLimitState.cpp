@@ -8,7 +8,7 @@ namespace {
 constexpr const char* kLogSource = "MonitorPri";
 }  // namespace
 
-// Error codes, the applied mode and the pass counter outlive every reset: the statistics report them.
+// Error codes, the applied mode and the pass counter outlive every reset: they tell what happened, not what holds.
 
 void CMonitorPri::ResetLegacyCpuLimitState() {
     m_resourceLimited = false;

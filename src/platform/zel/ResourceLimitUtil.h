@@ -40,7 +40,7 @@ protected:
     ~IResourceLimitUtil() = default;
 };
 
-/// Returns: the process's legacy limit object.
+/// Returns: the process's legacy limit object, or null where a platform has none.
 ZEL_API IResourceLimitUtil* GetResourceLimitUtil();
 
 /// Forget the library's record of the legacy group; no process is moved and no limit is written. A group that is

@@ -117,6 +117,39 @@ TEST_F(LegacyCpuLimitTest, GoesOnWhileTheUnifiedModeHoldsNoController) {
               Pass(9, 10));
 }
 
+TEST_F(LegacyCpuLimitTest, TheMainProcessGoesOnWithAnOldVersion2LimitOfItsOwn) {
+    BeUnifiedMain();
+    platform().manager.memEnabled.Always(true);
+    platform().manager.memV2.Always(true);
+    platform().limit.cpuV2Runtime.Always(true);
+    EXPECT_EQ(Lines({"CCgroupManager::IsCpuCgroupEnabled()", "CCgroupManager::IsMemCgroupEnabled()",
+                     "CCgroupManager::IsMemV2()", "IsResourceLimitCpuCgroupV2Runtime()",
+                     "IsResourceLimitCpuCgroupV2Runtime()", "ClearResourceLimitCpuCgroupState()",
+                     "IsResourceLimitMemCgroupV2Runtime()", "CCgroupManager::IsCpuCgroupEnabled()",
+                     "CCgroupManager::IsCpuV2()", "CResourceMonitor::IsCpuSolarisMode()", "GetResourceLimitUtil()",
+                     "IResourceLimitUtil::SyncCpuLimit()"}) +
+                  Changed(9, 10) + Started(9, 50),
+              Pass(9, 10));
+}
+
+TEST_F(LegacyCpuLimitTest, DoesNotAskTheManagerOfAComponentInAVersion2MemoryGroup) {
+    pri().m_unifiedActive = true;
+    HaveManager();
+    platform().manager.cpuV2.Always(true);
+    HaveClient();
+    platform().client.memJoined.Always(true);
+    platform().client.memPath.Always("/cg/zel.agent/main/A");
+    platform().files.existing.insert("/cg/zel.agent/main/A/cgroup.controllers");
+    EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()",
+                     "CCgroupClient::GetMemCgroupPath()", "access(/cg/zel.agent/main/A/cgroup.controllers)",
+                     "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitCpuCgroupV2Runtime()",
+                     "IsResourceLimitMemCgroupV2Runtime()", "CCgroupClient::IsCpuJoined()",
+                     "CResourceMonitor::IsCpuSolarisMode()", "GetResourceLimitUtil()",
+                     "IResourceLimitUtil::SyncCpuLimit()"}) +
+                  Changed(9, 10) + Started(9, 50),
+              Pass(9, 10));
+}
+
 TEST_F(LegacyCpuLimitTest, DoesNotAskTheManagerWhenTheUnifiedModeIsOff) {
     pri().m_isMainAgent = true;
     HaveManager();
@@ -204,7 +237,7 @@ TEST_F(LegacyCpuLimitTest, HandsTheValueOverAsPercentAndHundredths) {
     const std::vector<Case> cases = {
         {10, 10, 9, 50},   {1, 1, 1, 0},       {0, 0, 1, 0},        {-5, -5, 1, 0},
         {50, 50, 47, 50},  {100, 100, 95, 0},  {105, 105, 99, 75},  {106, 106, 100, 0},
-        {200, 200, 100, 0}, {2147483647, 2147483647, 100, 0}, {LONG_MAX, -1, 100, 0},
+        {200, 200, 100, 0},
     };
     for (const Case& c : cases) {
         pri().ResetLegacyCpuLimitState();

@@ -114,6 +114,35 @@ TEST_F(LegacyMemLimitTest, GoesOnWhileTheUnifiedModeHoldsNoController) {
               Pass(true, 12));
 }
 
+TEST_F(LegacyMemLimitTest, TheMainProcessGoesOnWithAnOldVersion2LimitOfItsOwn) {
+    BeUnifiedMain();
+    platform().manager.cpuEnabled.Always(true);
+    platform().manager.cpuV2.Always(true);
+    platform().limit.memV2Runtime.Always(true);
+    EXPECT_EQ(Lines({"CCgroupManager::IsCpuCgroupEnabled()", "CCgroupManager::IsCpuV2()",
+                     "IsResourceLimitMemCgroupV2Runtime()", "IsResourceLimitCpuCgroupV2Runtime()",
+                     "IsResourceLimitMemCgroupV2Runtime()", "ClearResourceLimitMemCgroupState()",
+                     "CCgroupManager::IsMemCgroupEnabled()", "CCgroupManager::IsMemV2()"}) +
+                  kTrying + kNoRecord + kKernelRead + kPrepared + kStartCall + kSuccess,
+              Pass(true, 12));
+}
+
+TEST_F(LegacyMemLimitTest, DoesNotAskTheManagerOfAComponentInAVersion2CpuGroup) {
+    pri().m_unifiedActive = true;
+    HaveManager();
+    platform().manager.memV2.Always(true);
+    HaveClient();
+    platform().client.cpuJoined.Always(true);
+    platform().client.cpuPath.Always("/cg/zel.agent/main/A");
+    platform().files.existing.insert("/cg/zel.agent/main/A/cgroup.controllers");
+    EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::GetCpuCgroupPath()",
+                     "access(/cg/zel.agent/main/A/cgroup.controllers)", "IsResourceLimitMemCgroupV2Runtime()",
+                     "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitMemCgroupV2Runtime()",
+                     "CCgroupClient::IsMemJoined()"}) +
+                  kTrying + kNoRecord + kKernelRead + kPrepared + kStartCall + kSuccess,
+              Pass(true, 12));
+}
+
 TEST_F(LegacyMemLimitTest, DoesNotAskTheManagerWhenTheUnifiedModeIsOffOrTheProcessIsNotTheMainOne) {
     HaveManager();
     platform().manager.memEnabled.Always(true);
