@@ -2,6 +2,7 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
+#include <sys/xattr.h>
 
 #include <algorithm>
 #include <atomic>
@@ -531,6 +532,38 @@ TEST_F(CgroupManagerTest, LeavesNothingBehindAndMovesProcessesOut) {
     EXPECT_FALSE(Exists(memTree));
     EXPECT_EQ(0, kill(child.Pid(), 0)) << "a process is moved, not ended";
     EXPECT_TRUE(zel::RemoveAgentCgroupTree(error)) << "nothing to remove is no failure: " << error;
+}
+
+TEST_F(CgroupManagerTest, WorksInsideADelegatedGroupAndGivesItBackAsItWas) {
+    if (!layout.cpuV2 || !layout.memV2) GTEST_SKIP() << "SKIP direct v2: covered by vm v2";
+    const std::string unit = layout.cpuMount + "/" + treeName + ".unit";
+    ASSERT_EQ(0, mkdir(unit.c_str(), 0755));
+    ASSERT_EQ(0, setxattr(unit.c_str(), "trusted.delegate", "1", 1, 0));
+    ASSERT_TRUE(WriteText(layout.cpuMount + "/cgroup.subtree_control", "+cpu +memory"));
+    Child neighbour(Sleeper);
+    ASSERT_TRUE(WriteText(unit + "/cgroup.procs", std::to_string(neighbour.Pid())));
+    Child service([&] {
+        if (!WriteText(unit + "/cgroup.procs", std::to_string(getpid()))) return 10;
+        zel::CCgroupManager inside;
+        const std::string tree = unit + "/" + treeName;
+        const std::string rest = tree + ".rest";
+        if (!inside.Reconcile(true, true, Total(400, 307200), {Group("main", 20000, 100000)})) return 11;
+        if (ReadText(tree + "/main/cpu.max") != "200000 100000" || Exists(cpuTree)) return 12;
+        if (Procs(rest).size() != 2 || !Procs(unit).empty()) return 13;
+        if (!inside.AddPidToGroup("main", getpid())) return 14;
+        if (!inside.WriteComponentConfig(file, {Quota("Tervane", "main", 0, 50000)}, 40000, 307200)) return 15;
+        if (Procs(tree + "/main/Tervane") != std::vector<std::string>{std::to_string(getpid())}) return 16;
+        if (!inside.RemovePidFromGroup("main", getpid()) || Procs(rest).size() != 2) return 17;
+        if (!inside.AddPidToGroup("main", getpid())) return 18;
+        std::string error;
+        if (!zel::RemoveAgentCgroupTree(error)) return 19;
+        return Exists(tree) || Exists(rest) || Procs(unit).size() != 2 ? 20 : 0;
+    });
+    const int status = service.Wait();
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    neighbour.Kill();
+    EXPECT_TRUE(Eventually([&] { return rmdir(unit.c_str()) == 0; }));
 }
 
 TEST_F(CgroupManagerTest, HoldsAGreedyComponentToItsQuotaAndLeavesAnotherGroupAlone) {
