@@ -2,7 +2,9 @@
 #include "ComponentsConfig.h"
 
 #include <json/json.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <memory>
 #include <set>
 
@@ -135,9 +137,14 @@ bool ParseComponents(const std::string& text, std::vector<ComponentConfig>& comp
 }
 
 bool LoadComponents(const std::string& path, std::vector<ComponentConfig>& components, std::string& problem) {
-    if (!zel::CFileUtil::IsFile(path)) {
+    struct stat info {};
+    if (lstat(path.c_str(), &info) != 0 && errno == ENOENT) {
         components = BuiltInComponents();
         return true;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        problem = path + ": a regular file is expected, a link is not followed";
+        return false;
     }
     std::string text;
     if (!zel::CFileUtil::ReadFullFile(path, text, kMaxFileBytes)) {
@@ -145,6 +152,10 @@ bool LoadComponents(const std::string& path, std::vector<ComponentConfig>& compo
         return false;
     }
     if (!ParseComponents(text, components, problem)) {
+        // The parser explains itself over several lines; the log has one line per fact.
+        for (char& c : problem) {
+            if (c == '\n') c = ' ';
+        }
         problem = path + ": " + problem;
         return false;
     }

@@ -17,6 +17,7 @@
 #include "ExitCode.h"
 #include "LiveView.h"
 #include "Monitor.h"
+#include "ResourceFileCheck.h"
 #include "StatusReport.h"
 #include "platform/host/OnlineClientConf.h"
 #include "platform/zel/CgroupClient.h"
@@ -34,6 +35,7 @@ namespace {
 constexpr const char* kNotifyMessage = "T_MSG_IPC_CGROUP_CONFIG_NOTIFY";
 constexpr long kLoopNs = 250L * 1000 * 1000;
 constexpr unsigned int kComponentGraceMs = 5000;
+constexpr int64_t kLimitCheckSeconds = 5;
 constexpr int kModeCpu = 1;
 constexpr int kModeMemory = 4;
 constexpr int kModeUnified = 8;
@@ -175,6 +177,11 @@ int Process::Start() {
 bool Process::StartMonitor(std::string& problem) {
     if (m_options.configPath.empty()) m_options.configPath = m_options.appDir + "/conf/resource_config";
     m_monitor->SetConfigPath(m_options.configPath);
+    if (m_options.IsMain() && zel::CFileUtil::IsFile(m_options.configPath)) {
+        for (const std::string& finding : CheckResourceFile(m_options.configPath)) {
+            LogLine("resource configuration " + m_options.configPath + ": " + finding, zel::kLogWarning);
+        }
+    }
     if (m_monitor->StartMonitor(&m_sink, m_options.name)) {
         m_monitorStarted = true;
         return true;
@@ -195,8 +202,11 @@ void Process::ExplainMissingLimits() {
     if (!report.modeReason.empty()) LogLine(report.modeReason, zel::kLogInfo);
     auto tell = [](const char* name, const zel::CgroupControllerStatus& controller) {
         if (controller.limited) return;
-        LogLine(std::string(name) + " limit is not in force: " + controller.reason +
-                    (controller.advice.empty() ? "" : "; " + controller.advice),
+        // The switch is on, so what the kernel shows is the outcome of a refusal that has its own line.
+        bool refused = controller.version != 0 && !controller.limited && geteuid() == 0;
+        std::string advice = refused ? "it was asked for and refused, the warnings before this line say why"
+                                     : controller.advice;
+        LogLine(std::string(name) + " limit is not in force: " + controller.reason + (advice.empty() ? "" : "; " + advice),
                 zel::kLogWarning);
     };
     if ((report.mode & kModeCpu) != 0) tell("CPU", report.cgroup.cpu);
@@ -248,6 +258,7 @@ int Process::Loop() {
     for (int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGCHLD, SIGALRM}) sigaddset(&taken, signal);
     const int64_t begin = MonotonicSeconds();
     int64_t drawn = -1;
+    int64_t checked = 0;
     for (;;) {
         timespec wait{0, kLoopNs};
         int signal = sigtimedwait(&taken, nullptr, &wait);
@@ -272,6 +283,11 @@ int Process::Loop() {
             RefreshComponentStatus();
         }
         int64_t second = MonotonicSeconds() - begin;
+        if (second - checked >= kLimitCheckSeconds) {
+            // The monitor looks at its legacy group when the configuration changes; a group can disappear at any time.
+            checked = second;
+            zel::GetResourceLimitUtil()->SyncCpuLimit();
+        }
         if (m_view != nullptr && second != drawn) {
             drawn = second;
             StatusReport report;

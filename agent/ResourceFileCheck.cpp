@@ -1,0 +1,118 @@
+// Findings about the resource configuration. Text keys (kernel lists, groups, components) are only known by name here;
+// the monitor says itself what it made of them.
+#include "ResourceFileCheck.h"
+
+#include <cstdlib>
+#include <set>
+
+#include "platform/zel/FileUtil.h"
+
+namespace agent {
+
+namespace {
+
+constexpr size_t kMaxResourceBytes = 1024 * 1024;
+constexpr size_t kShownBytes = 40;
+
+struct NumberKey {
+    const char* name;
+    long least;
+    long most;
+};
+
+constexpr NumberKey kNumberKeys[] = {
+    {"max_cpu", 1, 1000000},       {"max_memory", 1, 1048576},  {"max_fd", 0, 1048576}, {"resource_limit_mode", 0, 15},
+    {"cpu_all", 0, 1},             {"max_rio", 0, 10485760},    {"max_wio", 0, 10485760}, {"max_pid_check", 0, 100000},
+    {"hash_mode", -2147483647L - 1, 2147483647L},
+};
+
+constexpr const char* kTextKeys[] = {"mem_limit_kernel_range", "mem_limit_exclude_kernels", "mem_limit_exclude_range",
+                                     "cgroup_groups", "cgroup_components"};
+
+std::string Trim(const std::string& text) {
+    size_t begin = text.find_first_not_of(" \t\r");
+    if (begin == std::string::npos) return "";
+    return text.substr(begin, text.find_last_not_of(" \t\r") - begin + 1);
+}
+
+std::string Shown(const std::string& text) {
+    std::string shown;
+    for (char c : text.substr(0, kShownBytes)) shown += c >= 0x20 && c < 0x7f ? c : '?';
+    return "\"" + shown + (text.size() > kShownBytes ? "...\"" : "\"");
+}
+
+bool IsTextKey(const std::string& key) {
+    for (const char* known : kTextKeys) {
+        if (key == known) return true;
+    }
+    return false;
+}
+
+/// Returns: what is wrong with one "key = value"; empty when nothing is.
+std::string CheckPair(const std::string& key, const std::string& value) {
+    if (IsTextKey(key)) return "";
+    for (const NumberKey& known : kNumberKeys) {
+        if (key != known.name) continue;
+        char* end = nullptr;
+        long number = strtol(value.c_str(), &end, 10);
+        if (value.empty() || *end != '\0') {
+            return key + " = " + Shown(value) + " is not a number and counts as what it begins with, or 0";
+        }
+        if (number < known.least || number > known.most) {
+            return key + " = " + Shown(value) + " is outside " + std::to_string(known.least) + ".." +
+                   std::to_string(known.most);
+        }
+        return "";
+    }
+    return Shown(key) + " is no key of this file";
+}
+
+}  // namespace
+
+std::vector<std::string> CheckResourceText(const std::string& text) {
+    std::vector<std::string> findings;
+    std::set<std::string> seen;
+    bool inSection = false;
+    size_t line = 0;
+    size_t at = text.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0;
+    while (at < text.size() && findings.size() < kMaxResourceFindings) {
+        size_t end = text.find('\n', at);
+        if (end == std::string::npos) end = text.size();
+        std::string content = Trim(text.substr(at, end - at));
+        at = end + 1;
+        ++line;
+        if (content.empty() || content[0] == ';' || content[0] == '#') continue;
+        std::string where = "line " + std::to_string(line) + ": ";
+        if (content[0] == '[') {
+            if (!inSection) findings.push_back(where + "keys below a [section] are not read");
+            inSection = true;
+            continue;
+        }
+        if (inSection) continue;
+        size_t equals = content.find('=');
+        if (equals == std::string::npos) {
+            findings.push_back(where + Shown(content) + " is no \"key = value\"");
+            continue;
+        }
+        std::string key = Trim(content.substr(0, equals));
+        for (char& c : key) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);  // keys have no case
+        std::string problem = CheckPair(key, Trim(content.substr(equals + 1)));
+        if (problem.empty() && !seen.insert(key).second) problem = key + " stands there twice, the last one counts";
+        if (!problem.empty()) findings.push_back(where + problem);
+    }
+    if (seen.empty()) {
+        findings.push_back("no key in it was understood: every value is its default, and no limit is switched on");
+    }
+    return findings;
+}
+
+std::vector<std::string> CheckResourceFile(const std::string& path) {
+    std::string text;
+    if (!zel::CFileUtil::ReadFullFile(path, text, kMaxResourceBytes)) {
+        return {"it cannot be read, or is longer than " + std::to_string(kMaxResourceBytes) +
+                " bytes and hardly a resource configuration"};
+    }
+    return CheckResourceText(text);
+}
+
+}  // namespace agent

@@ -1,0 +1,52 @@
+// What the administrator is told about a resource configuration.
+#include "ResourceFileCheck.h"
+
+#include <gmock/gmock.h>
+
+namespace agent {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+TEST(ResourceFileCheckTest, UnderstoodFileGivesNoFinding) {
+    EXPECT_THAT(CheckResourceText("\xEF\xBB\xBF; comment\r\n# another\n\nmax_cpu = 10\r\nMAX_MEMORY=200\n"
+                                  "resource_limit_mode = 13\ncgroup_groups = a:1:2,b\nhash_mode = -3"),
+                IsEmpty());
+}
+
+TEST(ResourceFileCheckTest, EveryKindOfMistakeIsNamedWithItsLine) {
+    EXPECT_THAT(CheckResourceText("max_cpu = ten\nmax_memory = -5\nresource_limit_mode = 99999999999999999999\nmax_cup = 1\n"
+                                  "just words\ncpu_all = 1\ncpu_all = 0\n[late]\nmax_fd = x\n"),
+                ElementsAre(HasSubstr("line 1: max_cpu = \"ten\" is not a number"),
+                            HasSubstr("line 2: max_memory = \"-5\" is outside 1..1048576"),
+                            HasSubstr("line 3: resource_limit_mode = \"99999999999999999999\" is outside 0..15"),
+                            HasSubstr("line 4: \"max_cup\" is no key of this file"),
+                            HasSubstr("line 5: \"just words\" is no \"key = value\""),
+                            HasSubstr("line 7: cpu_all stands there twice"),
+                            HasSubstr("line 8: keys below a [section] are not read")));
+}
+
+TEST(ResourceFileCheckTest, TextWithoutAnyKeySaysThatDefaultsHold) {
+    EXPECT_THAT(CheckResourceText(""), ElementsAre(HasSubstr("no key in it was understood")));
+    EXPECT_THAT(CheckResourceText("; only a comment\n"), ElementsAre(HasSubstr("no key in it was understood")));
+}
+
+TEST(ResourceFileCheckTest, FindingsAreBoundedAndPrintable) {
+    std::string text;
+    for (int i = 0; i < 1000; ++i) text += std::string("\x01\xFF") + std::string(500, 'k') + "\n";
+    std::vector<std::string> findings = CheckResourceText(text);
+    EXPECT_LE(findings.size(), kMaxResourceFindings + 1);
+    for (const std::string& finding : findings) {
+        EXPECT_LT(finding.size(), 200U);
+        for (char c : finding) EXPECT_TRUE(c >= 0x20 && c < 0x7f);
+    }
+}
+
+TEST(ResourceFileCheckTest, MissingFileIsAFindingToo) {
+    EXPECT_THAT(CheckResourceFile("/nonexistent/resource_config"), ElementsAre(HasSubstr("it cannot be read")));
+}
+
+}  // namespace
+}  // namespace agent

@@ -1,0 +1,186 @@
+// One group for the whole agent: what the kernel counts and enforces when the agent asks for it.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "AgentFixture.h"
+
+namespace agenttest {
+namespace {
+
+constexpr int64_t kMegabyte = 1024 * 1024;
+
+using LegacyModeTest = AgentOnV1Test;
+using AgentAccuracyTest = AgentOnV1Test;  ///< needs the machine for itself
+
+TEST_F(AgentAccuracyTest, GreedyAgentGetsItsShareOfOneCpuAndNoMore) {
+    constexpr int kMeasureMs = 20000;
+    constexpr int kAttempts = 3;
+    WriteResource({{"max_cpu", "10"}, {"resource_limit_mode", "1"}});
+    Child agent = StartRunningAgent({"--load", "greedy:2"});
+    std::string group = LegacyGroup(CpuRoot());
+    ASSERT_FALSE(group.empty());
+    ASSERT_EQ(ReadNumber(group + "/cpu.cfs_quota_us"), 9500);
+    ASSERT_EQ(ReadNumber(group + "/cpu.cfs_period_us"), 100000);
+
+    double percent = 0;
+    double heldPart = 0;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        const double begin = SecondsNow();
+        const double usedBefore = CpuSecondsOf(agent.Pid());
+        const int64_t throttledBefore = ReadField(group + "/cpu.stat", "nr_throttled");
+        const int64_t timeBefore = ReadField(group + "/cpu.stat", "throttled_time");
+        SleepMs(kMeasureMs);
+        const double used = CpuSecondsOf(agent.Pid()) - usedBefore;
+        const double elapsed = SecondsNow() - begin;
+        const auto throttled = static_cast<double>(ReadField(group + "/cpu.stat", "nr_throttled") - throttledBefore);
+        percent = 100 * used / elapsed;
+        heldPart = throttled / (elapsed * 10);
+        printf("used %.2f %% of one CPU over %.1f s; held back in %.0f of %.0f periods\n", percent, elapsed, throttled,
+               elapsed * 10);
+        EXPECT_LE(percent, 10.5);
+        EXPECT_GT(ReadField(group + "/cpu.stat", "throttled_time"), timeBefore);
+        // A period without a held-back thread is one in which others left the agent less than its share: that says
+        // nothing about the limit, so it is measured again.
+        if (heldPart > 0.95) break;
+    }
+    EXPECT_GE(percent, 8.5) << "held back in " << 100 * heldPart << " % of the periods";
+    EXPECT_GT(heldPart, 0.5);
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(LegacyModeTest, EveryThreadAndTheConsolesFiguresAreThoseOfTheKernel) {
+    Child agent = StartRunningAgent({"--load", "greedy:2,hold:20"});
+    std::string cpu = LegacyGroup(CpuRoot());
+    std::string memory = LegacyGroup(MemoryRoot());
+    ASSERT_FALSE(cpu.empty());
+    ASSERT_FALSE(memory.empty());
+    EXPECT_EQ(ProcessesIn(cpu), std::vector<pid_t>{agent.Pid()});
+    EXPECT_EQ(ProcessesIn(memory), std::vector<pid_t>{agent.Pid()});
+    EXPECT_EQ(ReadNumber(memory + "/memory.limit_in_bytes"), 200 * kMegabyte * 3 / 2);
+    EXPECT_EQ(ReadNumber(memory + "/memory.soft_limit_in_bytes"), 200 * kMegabyte);
+    Json::Value status = Status();
+    EXPECT_EQ(status["pid"].asInt(), agent.Pid());
+    EXPECT_TRUE(status["cpu"]["limited"].asBool());
+    EXPECT_EQ(status["cpu"]["limit_group"].asString(), cpu);
+    EXPECT_EQ(status["cpu"]["quota_us"].asInt64(), ReadNumber(cpu + "/cpu.cfs_quota_us"));
+    EXPECT_TRUE(status["memory"]["limited"].asBool());
+    EXPECT_EQ(status["memory"]["limit_bytes"].asInt64(), ReadNumber(memory + "/memory.limit_in_bytes"));
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(LegacyModeTest, MemoryHogInsideTheAgentIsStoppedByTheKernelAtTheLimitThatWasPassedOn) {
+    WriteResource({{"max_memory", "64"}, {"resource_limit_mode", "4"}});
+    Child agent = StartRunningAgent({"--load", "hog:64"});
+    std::string group = LegacyGroup(MemoryRoot());
+    ASSERT_FALSE(group.empty());
+    const int64_t limit = 64 * kMegabyte * 3 / 2;
+    EXPECT_EQ(ReadNumber(group + "/memory.limit_in_bytes"), limit);
+    int status = agent.WaitEnd(kSettleSeconds);
+    ASSERT_FALSE(agent.Running());
+    EXPECT_EQ(ExitCodeOf(status), 1000 + SIGKILL);
+    EXPECT_EQ(ReadField(group + "/memory.oom_control", "oom_kill"), 1);
+    EXPECT_GT(ReadNumber(group + "/memory.failcnt"), 0);
+    const int64_t most = ReadNumber(group + "/memory.max_usage_in_bytes");
+    EXPECT_LE(most, limit);
+    EXPECT_GT(most, limit - kMegabyte) << "it was stopped before the limit";
+
+    // The killed agent could not clean up. The next one adopts what is there and its clean end removes it.
+    Child next = StartRunningAgent();
+    EXPECT_EQ(LegacyGroup(MemoryRoot()), group);
+    EXPECT_EQ(ProcessesIn(group), std::vector<pid_t>{next.Pid()});
+    EXPECT_EQ(next.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(LegacyModeTest, ChangedMaximumReachesTheKernelAndSwitchingTheModeOffRemovesTheLimit) {
+    Child agent = StartRunningAgent();
+    std::string cpu = LegacyGroup(CpuRoot());
+    ASSERT_FALSE(cpu.empty());
+    for (int percent : {20, 7, 150}) {
+        const double begin = SecondsNow();
+        WriteOnline("{\"maxCpu\": " + std::to_string(percent) + "}");
+        const int64_t quota = std::min(95 * percent * 10, 100000);
+        EXPECT_TRUE(Poll(kSettleSeconds, [&] {
+            return ReadNumber(cpu + "/cpu.cfs_quota_us") * 100000 == quota * ReadNumber(cpu + "/cpu.cfs_period_us");
+        })) << percent << ": " << ReadNumber(cpu + "/cpu.cfs_quota_us");
+        printf("maxCpu %d in force after %.2f s (2 s allowed on an idle machine)\n", percent, SecondsNow() - begin);
+    }
+    const double begin = SecondsNow();
+    WriteOnline("{\"maxCpu\": 20, \"resourceLimitMode\": 0}");
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return AllGroups().empty(); }));
+    printf("mode off after %.2f s\n", SecondsNow() - begin);
+    EXPECT_TRUE(agent.Running());
+    WriteOnline("{\"maxCpu\": 20, \"resourceLimitMode\": 1}");
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return ReadNumber(LegacyGroup(CpuRoot()) + "/cpu.cfs_quota_us") == 19000; }));
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(LegacyModeTest, GroupThatDisappearsUnderTheAgentIsMadeAgain) {
+    Child agent = StartRunningAgent();
+    std::string cpu = LegacyGroup(CpuRoot());
+    ASSERT_FALSE(cpu.empty());
+    ASSERT_EQ(WriteText(CpuRoot() + "/cgroup.procs", std::to_string(agent.Pid())), 0);
+    ASSERT_EQ(rmdir(cpu.c_str()), 0);
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] {
+        return ProcessesIn(cpu) == std::vector<pid_t>{agent.Pid()} && ReadNumber(cpu + "/cpu.cfs_quota_us") == 9500;
+    }));
+    EXPECT_TRUE(agent.Running());
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(LegacyModeTest, StrangerInTheAgentsGroupIsNeitherKilledNorHeldAfterTheEnd) {
+    Child agent = StartRunningAgent();
+    std::string cpu = LegacyGroup(CpuRoot());
+    ASSERT_FALSE(cpu.empty());
+    Child stranger = Spawn({"sleep", "600"}, {}, NextOutput());
+    ASSERT_EQ(WriteText(cpu + "/cgroup.procs", std::to_string(stranger.Pid())), 0);
+    EXPECT_EQ(agent.Stop(), 0);
+    EXPECT_TRUE(stranger.Running());
+    ASSERT_EQ(ProcessesIn(cpu), std::vector<pid_t>{stranger.Pid()});
+    EXPECT_EQ(ReadNumber(cpu + "/cpu.cfs_quota_us"), -1) << "the stranger stays limited by an agent that is gone";
+    EXPECT_TRUE(LogHas(cpu)) << Log();
+    EXPECT_EQ(AllProcesses(), std::vector<pid_t>());
+    stranger.Kill();
+    // The next agent takes the group over and leaves nothing.
+    Child next = StartRunningAgent();
+    EXPECT_EQ(ProcessesIn(cpu), std::vector<pid_t>{next.Pid()});
+    EXPECT_EQ(next.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(LegacyModeTest, SecondMainProcessOnTheDirectoryRefusesAndTheFirstGoesOn) {
+    Child first = StartRunningAgent();
+    std::string output;
+    EXPECT_EQ(RunToEnd(AgentWords(), output), 10);
+    EXPECT_NE(output.find("another tervane is running on " + Dir()), std::string::npos) << output;
+    EXPECT_NE(output.find("process " + std::to_string(first.Pid())), std::string::npos) << output;
+    EXPECT_TRUE(first.Running());
+    std::string cpu = LegacyGroup(CpuRoot());
+    EXPECT_EQ(ProcessesIn(cpu), std::vector<pid_t>{first.Pid()});
+    EXPECT_EQ(ReadNumber(cpu + "/cpu.cfs_quota_us"), 9500);
+    EXPECT_EQ(first.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(LegacyModeTest, ReadOnlyControllersAreNamedAndTheAgentRunsWithoutThem) {
+    Child agent = Spawn(InPrivateMounts("mount --bind " + CpuRoot() + " " + CpuRoot() + " && mount -o remount,bind,ro " +
+                                            CpuRoot(),
+                                        AgentWords()),
+                        Environment(), NextOutput());
+    ASSERT_TRUE(WaitLog(" is running, process ")) << agent.Output();
+    EXPECT_TRUE(LogHas("CPU limit is not in force")) << Log();
+    EXPECT_TRUE(LogHas("read-only")) << Log();
+    EXPECT_FALSE(LogHas("memory limit is not in force")) << Log();
+    EXPECT_TRUE(LegacyGroup(CpuRoot()).empty());
+    EXPECT_EQ(ReadNumber(LegacyGroup(MemoryRoot()) + "/memory.limit_in_bytes"), 300 * kMegabyte);
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+}  // namespace
+}  // namespace agenttest
