@@ -509,6 +509,8 @@ void CResourceMonitor::Impl::SuperviseOne(Supervised& what, int64_t value, int64
             return Warn(what.kind, WarningStage::kSustained, value, limit, sustainedMs, "", "");
         case BreachStep::kKill: break;
     }
+    // Descriptors are warned about only: a process that keeps many open harms nobody but itself.
+    if (what.kind == ResourceKind::kDescriptors) return;
     if (m_settings.options.selfKill) SelfKill(what, value, sustainedMs);
 }
 

@@ -371,18 +371,28 @@ TEST_F(SamplerTest, RecoveryDisarmsTheSelfKill) {
 
 TEST_F(SamplerTest, WithoutSelfKillItEndsWithTheWarning) {
     Settings(5, 4, false);
+    m_monitor.SetMaxMem(1);
+    ASSERT_TRUE(m_monitor.StartMonitor(&m_sink));
+    ASSERT_TRUE(Rounds(30));
+    EXPECT_EQ(m_sink.Count(ResourceKind::kMemory, WarningStage::kSustained), 1u);
+    EXPECT_EQ(m_sink.Kills(), 0u);
+    EXPECT_EQ(FilesIn(m_dir / "records"), Lines{});
+}
+
+TEST_F(SamplerTest, TooManyDescriptorsAreWarnedAboutAndKillNobody) {
+    Settings(5, 4);
     m_monitor.SetMaxFdCount(1);
     ASSERT_TRUE(m_monitor.StartMonitor(&m_sink));
     ASSERT_TRUE(Rounds(30));
+    EXPECT_EQ(m_sink.Count(ResourceKind::kDescriptors, WarningStage::kReached), 1u);
     EXPECT_EQ(m_sink.Count(ResourceKind::kDescriptors, WarningStage::kSustained), 1u);
     EXPECT_EQ(m_sink.Kills(), 0u);
-    EXPECT_EQ(FilesIn(m_dir / "records"), Lines{});
 }
 
 TEST_F(SamplerTest, ARecordThatCannotBeWrittenStillAsks) {
     support::WriteText(m_dir / "records", "a file where the directory should be");
     Settings(5, 3);
-    m_monitor.SetMaxFdCount(1);
+    m_monitor.SetMaxMem(1);
     ASSERT_TRUE(m_monitor.StartMonitor(&m_sink));
     ASSERT_TRUE(WaitUntil([&] { return m_sink.Kills() >= 1; }));
     m_monitor.StopMonitor();
@@ -393,7 +403,7 @@ TEST_F(SamplerTest, ARecordThatCannotBeWrittenStillAsks) {
 
 TEST_F(SamplerTest, OldRecordsMakeRoom) {
     Settings(2, 1);
-    m_monitor.SetMaxFdCount(1);
+    m_monitor.SetMaxMem(1);
     ASSERT_TRUE(m_monitor.StartMonitor(&m_sink));
     ASSERT_TRUE(WaitUntil([&] { return m_sink.Kills() >= 25; }));
     m_monitor.StopMonitor();
