@@ -6,7 +6,6 @@
 // stopping at each of them with ptrace; CPU is never taken from that phase. Rounds are counted by the children.
 // Usage: BenchSamplingRound [period in ms, default 200] [seconds, default 10]
 #include <fcntl.h>
-#include <linux/ptrace.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
