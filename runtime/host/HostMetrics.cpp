@@ -62,16 +62,16 @@ std::string OwnGroup(const std::string& controller) {
     std::string groups, mounts;
     {
         CKeptFile file;
-        static thread_local char buffer[128 * 1024];
-        if (!file.Open("/proc/self/cgroup") || file.Read(buffer, sizeof(buffer)) <= 0) return "";
-        groups = buffer;
+        std::vector<char> buffer(64 * 1024);
+        if (!file.Open("/proc/self/cgroup") || file.Read(buffer.data(), buffer.size()) <= 0) return "";
+        groups = buffer.data();
         if (!file.Open("/proc/self/mountinfo")) return "";
         long total = 0;
         // mountinfo gives a part per read: go on to its end.
         for (;;) {
-            const ssize_t got = pread(file.Fd(), buffer, sizeof(buffer), total);
+            const ssize_t got = pread(file.Fd(), buffer.data(), buffer.size(), total);
             if (got <= 0 || total > 1024 * 1024) break;
-            mounts.append(buffer, static_cast<size_t>(got));
+            mounts.append(buffer.data(), static_cast<size_t>(got));
             total += got;
         }
     }

@@ -501,7 +501,10 @@ void CResourceMonitor::Impl::SuperviseOne(Supervised& what, int64_t value, int64
     switch (step) {
         case BreachStep::kNone: return;
         case BreachStep::kReached:
-            return Warn(what.kind, WarningStage::kReached, value, limit, 0, "", "");
+            Warn(what.kind, WarningStage::kReached, value, limit, 0, "", "");
+            // What is said of the threads later is about the breach, not about the time before it.
+            if (what.kind == ResourceKind::kCpu) zelhost::CThreadFacts::Instance().MarkBaseline();
+            return;
         case BreachStep::kRecovered:
             return Warn(what.kind, WarningStage::kRecovered, value, what.limit, sustainedMs, "", "");
         case BreachStep::kSustained:

@@ -160,6 +160,12 @@ void CThreadFacts::Sample() {
     SampleLocked();
 }
 
+void CThreadFacts::MarkBaseline() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    for (auto& entry : m_threads) entry.second.older = entry.second.newer = entry.second.now;
+    m_baselineNs = m_lastSampleNs;
+}
+
 int64_t CThreadFacts::LastPassNs() {
     std::lock_guard<std::mutex> lock(m_lock);
     return m_lastPassNs;

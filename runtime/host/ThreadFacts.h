@@ -37,6 +37,8 @@ public:
     void Sample();
     /// Samples and gives the busiest threads, the busiest first.
     std::vector<ThreadFigures> Busiest(size_t most);
+    /// Has every thread's load counted from now on (from the last pass, to be exact).
+    void MarkBaseline();
     /// The cost of the last pass. Units: ns of CPU.
     int64_t LastPassNs();
 

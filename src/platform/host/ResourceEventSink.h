@@ -34,7 +34,7 @@ struct ResourceWarning {
     int64_t limit = 0;        ///< the maximum in force, same unit
     int64_t sustainedMs = 0;  ///< since when the value has been at the maximum
     int64_t wallTime = 0;     ///< seconds since the epoch
-    long tid = 0;             ///< kCpu: the thread that used most of it since the breach began, else 0
+    long tid = 0;             ///< kCpu: the busiest thread of the breach, of its last two minutes at most, else 0
     std::string name;         ///< kCpu: that thread's name; watched kinds: the process's name
     std::string text;         ///< one line for an operator
 };
