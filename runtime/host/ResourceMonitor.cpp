@@ -1,7 +1,8 @@
 // The sampling class: one round a second on a thread of its own.
 #include "platform/host/ResourceMonitor.h"
 
-#include <sys/syscall.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <json/json.h>
@@ -9,7 +10,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -48,6 +48,7 @@ constexpr int64_t kManyFds = 1000;
 constexpr uint64_t kReopenRounds = 60;
 constexpr uint64_t kBreachThreadRounds = 10;  // rhythm of the thread facts during a CPU breach
 constexpr size_t kRecordThreads = 10;
+constexpr std::chrono::milliseconds kBlindSleep{200};
 
 int64_t ClockNs(clockid_t clock) {
     timespec ts{};
@@ -190,10 +191,9 @@ struct CResourceMonitor::Impl {
     zelhost::CHeartbeats m_heartbeats;
     zelhost::CWatchedProcesses m_watched;
 
-    // Stop.
-    std::mutex m_stopLock;
-    std::condition_variable m_stopped;
-    bool m_stop = false;
+    // Stop. One poll of the event descriptor per round is both the sleep and the way to end it early.
+    std::atomic<bool> m_stop{false};
+    zelhost::UniqueFd m_wake;
 
     // What others may read whole.
     std::mutex m_figuresLock;
@@ -283,8 +283,17 @@ void CResourceMonitor::Impl::OpenFiles() {
 }
 
 bool CResourceMonitor::Impl::SleepUntil(std::chrono::steady_clock::time_point when) {
-    std::unique_lock<std::mutex> lock(m_stopLock);
-    return m_stopped.wait_until(lock, when, [this] { return m_stop; });
+    for (;;) {
+        if (m_stop.load()) return true;
+        auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(when - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        if (!m_wake) left = std::min<std::chrono::nanoseconds>(left, kBlindSleep);  // nothing can wake us
+        timespec ts{};
+        ts.tv_sec = static_cast<time_t>(left.count() / zelhost::kNsPerSecond);
+        ts.tv_nsec = static_cast<long>(left.count() % zelhost::kNsPerSecond);
+        pollfd wake = {m_wake.Get(), POLLIN, 0};
+        ppoll(&wake, 1, &ts, nullptr);
+    }
 }
 
 void CResourceMonitor::Impl::Loop() {
@@ -720,10 +729,8 @@ void CResourceMonitor::MonitorOther(unsigned long) {}
 
 bool CResourceMonitor::StartMonitor(IResourceMonitorEvent* event) {
     if (IsThreadRunning()) return false;
-    {
-        std::lock_guard<std::mutex> lock(m_impl->m_stopLock);
-        m_impl->m_stop = false;
-    }
+    m_impl->m_stop = false;
+    m_impl->m_wake = zelhost::UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     m_impl->m_sink = dynamic_cast<IResourceEventSink*>(event);
     if (!startThread()) return false;
     zelhost::SetActiveSampler(m_impl.get());
@@ -732,11 +739,9 @@ bool CResourceMonitor::StartMonitor(IResourceMonitorEvent* event) {
 
 bool CResourceMonitor::StopMonitor() {
     zelhost::ClearActiveSampler(m_impl.get());
-    {
-        std::lock_guard<std::mutex> lock(m_impl->m_stopLock);
-        m_impl->m_stop = true;
-    }
-    m_impl->m_stopped.notify_all();
+    m_impl->m_stop = true;
+    const uint64_t one = 1;
+    if (m_impl->m_wake) zelhost::WriteAll(m_impl->m_wake.Get(), reinterpret_cast<const char*>(&one), sizeof(one));
     const bool stopped = stopThread();
     // Nobody samples any more: workers must not go on holding back.
     m_impl->m_cpuLevel.store(0, std::memory_order_relaxed);
