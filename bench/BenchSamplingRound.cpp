@@ -166,6 +166,8 @@ private:
 std::string NameOf(uint64_t number) {
     switch (number) {
         case SYS_futex: return "futex";
+        case SYS_ppoll: return "ppoll";
+        case SYS_restart_syscall: return "restart_syscall";
         case SYS_pread64: return "pread64";
         case SYS_clock_gettime: return "clock_gettime";
         case SYS_clock_nanosleep: return "clock_nanosleep";

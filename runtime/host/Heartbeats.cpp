@@ -22,6 +22,7 @@ void CHeartbeats::Beat(unsigned int tid, const std::string& name, int timeoutSec
             return;
         }
         found = m_entries.emplace(tid, Entry()).first;
+        m_count = m_entries.size();
     }
     Entry& entry = found->second;
     if (entry.name != name) entry.name = name;
@@ -36,6 +37,7 @@ void CHeartbeats::Remove(unsigned int tid) {
     if (found == m_entries.end()) return;
     if (found->second.stalled) --m_stalled;
     m_entries.erase(found);
+    m_count = m_entries.size();
     m_full = false;
 }
 
@@ -58,22 +60,15 @@ void CHeartbeats::Round(int64_t elapsedMs, int64_t roundMs, std::vector<ThreadSt
         changes.push_back(change);
         entry.stalled = late;
         entry.cameBack = false;
-        m_stalled += late ? 1 : static_cast<size_t>(-1);
+        if (late) ++m_stalled;
+        else --m_stalled;
     }
 }
 
-size_t CHeartbeats::Count() const {
-    std::lock_guard<std::mutex> lock(m_lock);
-    return m_entries.size();
-}
-size_t CHeartbeats::Stalled() const {
-    std::lock_guard<std::mutex> lock(m_lock);
-    return m_stalled;
-}
 void CHeartbeats::Clear() {
     std::lock_guard<std::mutex> lock(m_lock);
     m_entries.clear();
-    m_stalled = 0;
+    m_count = m_stalled = 0;
 }
 
 }  // namespace zelhost

@@ -1,6 +1,7 @@
 // Threads that report that they are alive, and which of them have been silent for too long.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -24,8 +25,8 @@ public:
     /// Moves the clock and collects what changed. Allocates only when something did.
     void Round(int64_t elapsedMs, int64_t roundMs, std::vector<ThreadStall>& changes);
 
-    size_t Count() const;
-    size_t Stalled() const;
+    size_t Count() const { return m_count.load(std::memory_order_relaxed); }
+    size_t Stalled() const { return m_stalled.load(std::memory_order_relaxed); }
     void Clear();
 
     static constexpr size_t kMaxThreads = 4096;
@@ -38,9 +39,11 @@ private:
         bool stalled = false;
         bool cameBack = false;
     };
-    mutable std::mutex m_lock;
+    std::mutex m_lock;
     int64_t m_clockMs = 0;
-    size_t m_stalled = 0;
+    // Written under the lock, read without it.
+    std::atomic<size_t> m_count{0};
+    std::atomic<size_t> m_stalled{0};
     bool m_full = false;
     std::map<unsigned int, Entry> m_entries;
 };

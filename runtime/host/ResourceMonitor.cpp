@@ -410,7 +410,7 @@ void CResourceMonitor::Impl::UpdateMinute() {
         zelhost::AverageBetween(m_minutes.Back(onBoundary ? windowMinutes : windowMinutes - 1), m_totals);
     m_now.cpuWindow100Times = Scale(window.cpu100Times);
     m_now.memWindowKb = window.memKb;
-    if (m_totals.rounds < kMinuteRounds * kHourMinutes) {
+    if (m_totals.rounds < kMinuteRounds) {  // nothing whole to show yet
         m_now.cpuHour100Times =
             Scale(zelhost::AverageBetween(m_minutes.Back(kHourMinutes), m_totals).cpu100Times);
     }

@@ -33,9 +33,9 @@ void CWatchedProcesses::Clear() {
 void CWatchedProcesses::TakeNewSet() {
     std::map<unsigned int, std::string> wanted;
     int most = 0;
+    if (!m_changed) return;
     {
         std::lock_guard<std::mutex> lock(m_lock);
-        if (!m_changed) return;
         m_changed = false;
         wanted = m_wanted;
         most = std::max(m_most, 0);

@@ -2,6 +2,7 @@
 // such a descriptor belongs to one process, never to a later one with the same number.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -53,7 +54,7 @@ private:
     void Look(Entry& entry, int64_t nowNs, int64_t maxCpu100Times, int64_t maxMemKb, std::vector<WatchedEvent>& events);
 
     std::mutex m_lock;
-    bool m_changed = false;
+    std::atomic<bool> m_changed{false};  // set under the lock, looked at first without it
     int m_most = 100;
     std::map<unsigned int, std::string> m_wanted;
     std::vector<Entry> m_entries;  // of the sampling thread
