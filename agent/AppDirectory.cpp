@@ -58,8 +58,10 @@ int AppDirectory::Open(const std::string& path, const std::string& name, std::st
     std::string lockPath = path + "/run/" + name + ".lock";
     m_lock = open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640);
     if (m_lock < 0) {
-        warning = "cannot make " + lockPath + " (" + strerror(errno) +
-                  "): nothing keeps a second process of this name out";
+        // Without the folder there is no lock either: what matters is then why there is no folder.
+        warning = warning.empty() ? "cannot make " + lockPath + " (" + strerror(errno) +
+                                        "): nothing keeps a second process of this name out"
+                                  : warning + ", and nothing keeps a second process of this name out";
         m_writable = false;
         return kExitClean;
     }

@@ -1,0 +1,293 @@
+// One control group per component: the tree as the kernel shows it, against numbers worked out independently; changes
+// while it runs, a main process that is killed, components that die, controllers that stop taking writes.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+
+#include "AgentFixture.h"
+#include "GroupTable.h"
+
+namespace agenttest {
+namespace {
+
+constexpr int64_t kNoMemoryLimit = int64_t{1} << 62;
+constexpr int64_t kPage = 4096;
+
+class UnifiedModeTest : public AgentOnV1Test {
+protected:
+    void SetUp() override {
+        AgentOnV1Test::SetUp();
+        if (IsSkipped()) return;
+        WriteResource({{"max_cpu", "100"}, {"max_memory", "200"}, {"resource_limit_mode", "13"}});
+        WriteComponents("{\"name\": \"QorHips\", \"group\": \"collect-defense\"}");
+    }
+
+    std::string CpuGroup(const std::string& below = "") const { return CpuRoot() + "/" + Tree() + below; }
+    std::string MemoryGroup(const std::string& below = "") const { return MemoryRoot() + "/" + Tree() + below; }
+
+    static bool HasCpu(const std::string& group, int64_t hundredths) {
+        int64_t quota = ReadNumber(group + "/cpu.cfs_quota_us");
+        int64_t period = ReadNumber(group + "/cpu.cfs_period_us");
+        if (hundredths == 0) return quota == -1;
+        if (quota <= 0 || period <= 0) return false;
+        // The kernel takes no quota under 1 ms; below that the period is longer and the share a trifle smaller.
+        int64_t inForce = quota * 10000 / period;
+        return inForce == hundredths || (hundredths < 100 && inForce == hundredths - 1);
+    }
+
+    static bool HasMemory(const std::string& group, int64_t kilobytes) {
+        int64_t bytes = ReadNumber(group + "/memory.limit_in_bytes");
+        return kilobytes == 0 ? bytes >= kNoMemoryLimit : bytes == kilobytes * 1024 / kPage * kPage;
+    }
+
+    /// Returns: the first difference between the kernel's tree and the expected one; empty when there is none.
+    std::string Difference(const Expectation& expected, const std::vector<GroupRow>& groups = BuiltInGroups(),
+                           const std::vector<ComponentRow>& components = BuiltInComponentRows()) const {
+        std::vector<std::pair<std::string, Numbers>> all{{"", expected.Parent()}};
+        for (const GroupRow& group : groups) all.emplace_back("/" + group.name, expected.Of(group));
+        for (const ComponentRow& component : components) {
+            all.emplace_back("/" + component.group + "/" + component.name, expected.Of(component, groups));
+        }
+        for (const auto& node : all) {
+            if (!HasCpu(CpuGroup(node.first), node.second.cpu)) {
+                return CpuGroup(node.first) + ": quota " + std::to_string(ReadNumber(CpuGroup(node.first) + "/cpu.cfs_quota_us")) +
+                       ", expected " + std::to_string(node.second.cpu) + " hundredths of a percent";
+            }
+            if (!HasMemory(MemoryGroup(node.first), node.second.memoryKb)) {
+                return MemoryGroup(node.first) + ": limit " +
+                       std::to_string(ReadNumber(MemoryGroup(node.first) + "/memory.limit_in_bytes")) + " bytes, expected " +
+                       std::to_string(node.second.memoryKb) + " KB";
+            }
+        }
+        return "";
+    }
+
+    /// Returns: whether exactly this process is in the component's leaf of both controllers.
+    bool IsIn(const std::string& leaf, pid_t pid) const {
+        std::vector<pid_t> only{pid};
+        return ProcessesIn(CpuGroup(leaf)) == only && ProcessesIn(MemoryGroup(leaf)) == only;
+    }
+
+    bool WaitIn(const std::string& leaf, const std::string& component) {
+        return Poll(kSettleSeconds, [&] {
+            pid_t pid = ComponentPid(component);
+            return pid > 0 && IsIn(leaf, pid);
+        });
+    }
+};
+
+TEST_F(UnifiedModeTest, EveryComponentSitsInItsLeafWithTheTablesNumbersAndFollowsNewMaximaWithoutARestart) {
+    unlink(Conf("components.json").c_str());  // the built-in five
+    Child agent = StartRunningAgent();
+    EXPECT_EQ(Difference(Expectation(100, 200)), "");
+    EXPECT_TRUE(IsIn("/main/Tervane", agent.Pid()));
+    std::map<std::string, pid_t> pids;
+    for (const ComponentRow& component : BuiltInComponentRows()) {
+        if (component.name == "Tervane") continue;
+        ASSERT_TRUE(WaitIn("/" + component.group + "/" + component.name, component.name)) << component.name;
+        pids[component.name] = ComponentPid(component.name);
+    }
+    for (auto maxima : {std::pair<int, int>{60, 150}, {10, 300}, {90, 100}}) {
+        const double begin = SecondsNow();
+        WriteOnline("{\"groupMaxCpu\": " + std::to_string(maxima.first) +
+                    ", \"groupMaxMemory\": " + std::to_string(maxima.second) + "}");
+        Expectation expected(maxima.first, maxima.second);
+        EXPECT_TRUE(Poll(kSettleSeconds, [&] { return Difference(expected).empty(); })) << Difference(expected);
+        printf("maxima %d %%, %d MB in force everywhere after %.2f s\n", maxima.first, maxima.second, SecondsNow() - begin);
+    }
+    for (const auto& component : pids) EXPECT_EQ(kill(component.second, 0), 0) << component.first << " was restarted";
+    Json::Value status = Status();
+    EXPECT_TRUE(status["unified"].asBool());
+    EXPECT_EQ(status["tree"]["layout"].asString(), "v1");
+    int verified = 0;
+    for (const Json::Value& node : status["tree"]["nodes"]) {
+        if (node["level"].asString() != "component") continue;
+        ASSERT_EQ(node["pids"].size(), 1U) << node["name"].asString();
+        EXPECT_TRUE(node["membership_verified"].asBool()) << node["name"].asString();
+        ++verified;
+    }
+    EXPECT_EQ(verified, 6);
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(UnifiedModeTest, MainProcessKilledAtAnyMomentLeavesNothingThatTheNextOneDoesNotAdopt) {
+    // Fixed moments rather than random ones, so that a failure can be seen again: within the start, around the
+    // components' starts, and later.
+    WriteComponents("{\"name\": \"QorHips\", \"group\": \"collect-defense\"}, {\"name\": \"QorNet\", \"group\": \"collect-defense\"}");
+    for (int milliseconds : {3, 12, 25, 50, 90, 150, 260, 420, 900, 1800}) {
+        Child agent = StartAgent();
+        SleepMs(milliseconds);
+        agent.Kill();
+        EXPECT_TRUE(Poll(kStopSeconds, [this] { return AllProcesses().empty(); }))
+            << "a component outlived its main process that was killed after " << milliseconds << " ms";
+    }
+    Child agent = StartRunningAgent();
+    EXPECT_EQ(Difference(Expectation(100, 200)), "");
+    EXPECT_TRUE(IsIn("/main/Tervane", agent.Pid()));
+    EXPECT_TRUE(WaitIn("/collect-defense/QorHips", "QorHips"));
+    EXPECT_TRUE(WaitIn("/collect-defense/QorNet", "QorNet"));
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(UnifiedModeTest, ComponentThatDiesIsStartedAgainLaterEachTimeAndTheBudgetOutlivesTheMainProcess) {
+    Child agent = StartRunningAgent();
+    ASSERT_TRUE(WaitIn("/collect-defense/QorHips", "QorHips"));
+    for (int death = 1; death <= 2; ++death) {
+        pid_t before = ComponentPid("QorHips");
+        ASSERT_GT(before, 0);
+        ASSERT_EQ(kill(before, SIGKILL), 0);
+        ASSERT_TRUE(Poll(kSettleSeconds, [&] {
+            pid_t now = ComponentPid("QorHips");
+            return now > 0 && now != before && IsIn("/collect-defense/QorHips", now);
+        }));
+        EXPECT_TRUE(LogHas("(process " + std::to_string(before) + ") ended: killed by signal 9 (Killed), perhaps out of memory: "
+                           "the OOM events tell; next start in " + std::to_string(death) + " s"));
+    }
+    Json::Value component = Status()["components"][0];
+    EXPECT_EQ(component["restarts"].asInt(), 2);
+    EXPECT_EQ(component["restarts_last_hour"].asInt(), 2);
+    EXPECT_NE(component["last_reason"].asString().find("killed by signal 9"), std::string::npos);
+    EXPECT_TRUE(Poll(kSettleSeconds, [this] {
+        int ends = 0;
+        for (const Json::Value& event : Events()) {
+            if (event["body"].asString().find("\"component\" : \"QorHips\"") != std::string::npos) ++ends;
+        }
+        return ends == 2;
+    })) << "one event per end";
+    EXPECT_EQ(agent.Stop(), 0);
+    Child next = StartRunningAgent();
+    EXPECT_TRUE(Poll(kSettleSeconds, [this] {
+        Json::Value components = Status()["components"];
+        return !components.empty() && components[0]["restarts_last_hour"].asInt() == 2;
+    }));
+    EXPECT_EQ(next.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+/// The same with the agent in a view of the mounts of its own, where the controllers can be made read-only.
+class UnifiedModeOnFailingKernelTest : public UnifiedModeTest {
+protected:
+    Child StartInPrivateMounts() {
+        std::string mounts;
+        for (const std::string& root : {CpuRoot(), MemoryRoot()}) {
+            mounts += (mounts.empty() ? "" : " && ") + ("mount --bind " + root + " " + root);
+        }
+        Child agent = Spawn(InPrivateMounts(mounts, AgentWords()), Environment(), NextOutput());
+        EXPECT_TRUE(WaitLog(" is running, process ")) << agent.Output();
+        return agent;
+    }
+
+    void Remount(const Child& agent, const std::string& how) {
+        for (const std::string& root : {CpuRoot(), MemoryRoot()}) {
+            std::string output;
+            ASSERT_EQ(RunToEnd({"nsenter", "--mount", "--target", std::to_string(agent.Pid()), "mount", "-o",
+                                "remount,bind," + how, root}, output), 0) << output;
+        }
+    }
+};
+
+TEST_F(UnifiedModeOnFailingKernelTest, ChangeThatTheKernelDoesNotTakeIsTakenBackAndTheNextOneIsMade) {
+    Child agent = StartInPrivateMounts();
+    ASSERT_TRUE(WaitIn("/collect-defense/QorHips", "QorHips"));
+    const pid_t component = ComponentPid("QorHips");
+    Remount(agent, "ro");
+    WriteOnline("{\"groupMaxCpu\": 60}");
+    EXPECT_TRUE(WaitLog("MonitorPri: write cgroup config failed during update, restoring previous state"));
+    EXPECT_TRUE(WaitLog("MonitorPri: restored previous cgroup state, keeping old config"));
+    EXPECT_TRUE(LogHas("Read-only file system; the hierarchy is read-only here: remount it read-write"));
+    EXPECT_EQ(Difference(Expectation(100, 200)), "") << "what was in force stays";
+    EXPECT_TRUE(Status()["unified"].asBool());
+    Remount(agent, "rw");
+    WriteOnline("{\"groupMaxCpu\": 50}");
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return Difference(Expectation(50, 200)).empty(); }))
+        << Difference(Expectation(50, 200));
+    EXPECT_TRUE(IsIn("/main/Tervane", agent.Pid()));
+    EXPECT_TRUE(IsIn("/collect-defense/QorHips", component));
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(UnifiedModeOnFailingKernelTest, MainProcessThatCannotBePutBackEndsInTheLegacyStateAndReturnsWithTheNextUpdate) {
+    Child agent = StartInPrivateMounts();
+    ASSERT_TRUE(WaitIn("/collect-defense/QorHips", "QorHips"));
+    const pid_t component = ComponentPid("QorHips");
+    // Somebody takes the main process out of its leaf, and then the controllers take no write any more.
+    for (const std::string& root : {CpuRoot(), MemoryRoot()}) {
+        ASSERT_EQ(WriteText(root + "/cgroup.procs", std::to_string(agent.Pid())), 0);
+    }
+    Remount(agent, "ro");
+    const int reloads = LogCount("CgroupClient", "QorHips");
+    WriteOnline("{\"groupMaxCpu\": 60}");
+    EXPECT_TRUE(WaitLog("MonitorPri: add main pid failed during update, fallback to legacy"));
+    EXPECT_TRUE(WaitLog("MonitorPri: entered legacy fallback mode"));
+    EXPECT_FALSE(Exists(Conf("cgroup_resource.json"))) << "the other processes are still told to stay in their leaves";
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return LogCount("CgroupClient", "QorHips") > reloads; }))
+        << "the component was not informed: " << Log("QorHips");
+    EXPECT_TRUE(agent.Running());
+    EXPECT_EQ(kill(component, 0), 0);
+    Remount(agent, "rw");
+    WriteOnline("{\"groupMaxCpu\": 50}");
+    EXPECT_TRUE(WaitLog("MonitorPri: multi-cgroup initialized", 2));
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return Difference(Expectation(50, 200)).empty(); }))
+        << Difference(Expectation(50, 200));
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] {
+        return IsIn("/main/Tervane", agent.Pid()) && IsIn("/collect-defense/QorHips", component);
+    }));
+    EXPECT_EQ(kill(component, 0), 0) << "the component was restarted";
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(UnifiedModeOnFailingKernelTest, StartWithoutWritableControllersRunsUnlimitedAndSaysSo) {
+    std::string mounts;
+    for (const std::string& root : {CpuRoot(), MemoryRoot()}) {
+        mounts += (mounts.empty() ? "" : " && ") + ("mount --bind " + root + " " + root + " && mount -o remount,bind,ro " + root);
+    }
+    Child agent = Spawn(InPrivateMounts(mounts, AgentWords()), Environment(), NextOutput());
+    ASSERT_TRUE(WaitLog(" is running, process ")) << agent.Output();
+    EXPECT_TRUE(LogHas("CPU limit is not in force"));
+    EXPECT_TRUE(LogHas("memory limit is not in force"));
+    EXPECT_TRUE(LogHas("read-only"));
+    EXPECT_TRUE(LogHas("no limit holds")) << Log();
+    EXPECT_TRUE(AllGroups().empty());
+    Remount(agent, "rw");
+    WriteOnline("{\"groupMaxCpu\": 50}");
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return Difference(Expectation(50, 200)).empty(); }))
+        << Difference(Expectation(50, 200));
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return IsIn("/main/Tervane", agent.Pid()); }));
+    EXPECT_TRUE(WaitIn("/collect-defense/QorHips", "QorHips"));
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(UnifiedModeTest, SwitchingBetweenModesLeavesOneKindOfLimitOnly) {
+    Child agent = StartRunningAgent();
+    ASSERT_TRUE(WaitIn("/collect-defense/QorHips", "QorHips"));
+    const pid_t component = ComponentPid("QorHips");
+    WriteOnline("{\"resourceLimitMode\": 5, \"maxCpu\": 30}");
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] {
+        std::string legacy = LegacyGroup(CpuRoot());
+        std::vector<pid_t> members = legacy.empty() ? std::vector<pid_t>() : ProcessesIn(legacy);
+        return std::count(members.begin(), members.end(), agent.Pid()) == 1 &&
+               std::count(members.begin(), members.end(), component) == 1 &&
+               ReadNumber(legacy + "/cpu.cfs_quota_us") == 28500;
+    })) << "both processes belong into the one group";
+    WriteOnline("{\"resourceLimitMode\": 13}");
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] {
+        return Difference(Expectation(100, 200)).empty() && IsIn("/main/Tervane", agent.Pid()) &&
+               IsIn("/collect-defense/QorHips", component) && LegacyGroup(CpuRoot()).empty() &&
+               LegacyGroup(MemoryRoot()).empty();
+    })) << Difference(Expectation(100, 200)) << " legacy group " << LegacyGroup(CpuRoot());
+    EXPECT_EQ(ComponentPid("QorHips"), component);
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+}  // namespace
+}  // namespace agenttest
