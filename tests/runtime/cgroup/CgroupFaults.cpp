@@ -87,7 +87,8 @@ static void KeepLine(int level, const std::string& line) {
 }  // namespace faults
 
 extern "C" ssize_t __real_write(int fd, const void* data, size_t size);
-extern "C" ssize_t __wrap_write(int fd, const void* data, size_t size) {
+// Visible, because the sanitizers' libraries refer to the wrapped name as well.
+extern "C" __attribute__((visibility("default"))) ssize_t __wrap_write(int fd, const void* data, size_t size) {
     if (faults::IsControlFile(fd)) {
         const int error = faults::NextWrite(fd);
         if (error != 0) {
