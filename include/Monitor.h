@@ -55,7 +55,8 @@ public:
     bool GetMaxMem(long& maxMem);
     bool GetMaxCpu(long& maxCpu);
     bool IsDiskFull();
-    /// Sleeps a little when CPU use is above the free level. Returns: whether it slept. Blocks.
+    /// Pauses a little when CPU use is above the free level. Blocks.
+    /// Returns: what the platform's pause says; false without a pause.
     bool SleepByCpuUsage();
 
     /// Units: `timeout` in seconds.

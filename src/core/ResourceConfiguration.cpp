@@ -45,6 +45,16 @@ std::unique_ptr<FILE, FileCloser> OpenRegularFile(const std::string& path) {
     return std::unique_ptr<FILE, FileCloser>(file);
 }
 
+// Returns: false when the file cannot be read or the parser refuses it, out of memory included.
+bool Load(const std::string& path, IniFile& ini) {
+    try {
+        const std::unique_ptr<FILE, FileCloser> file = OpenRegularFile(path);
+        return file != nullptr && ini.LoadFile(file.get()) >= 0;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 std::string ReadText(const IniFile& ini, const char* key, const char* fallback) {
     return ini.GetValue(kUnnamedSection, key, fallback);
 }
@@ -59,35 +69,31 @@ int ReadInt(const IniFile& ini, const char* key, const char* fallback) {
 bool CMonitorPri::ParseMonitorConfig(const std::string& path, ResourceConfig& config) {
     if (path.empty() || !zel::CFileUtil::IsFile(path)) return false;
 
-    int mode = 0;
-    int hashMode = 0;
-    bool loaded = false;
-    try {
-        IniFile ini(false, false, false);
-        const std::unique_ptr<FILE, FileCloser> file = OpenRegularFile(path);
-        loaded = file != nullptr && ini.LoadFile(file.get()) >= 0;
-        if (loaded) {
-            config.maxCpu = ReadInt(ini, "max_cpu", "10");
-            config.maxMemory = ReadInt(ini, "max_memory", "200");
-            config.maxFd = ReadInt(ini, "max_fd", "1024");
-            mode = ReadInt(ini, "resource_limit_mode", "0");
-            config.cpuAll = ReadInt(ini, "cpu_all", "0") != 0;
-            config.maxReadIo = ReadInt(ini, "max_rio", "20480");
-            config.maxWriteIo = ReadInt(ini, "max_wio", "20480");
-            config.maxPidCheck = ReadInt(ini, "max_pid_check", "100");
-            hashMode = ReadInt(ini, "hash_mode", "0");
-            m_memLimitKernelRange = ReadText(ini, "mem_limit_kernel_range", "");
-            m_memLimitExcludeKernels = ReadText(ini, "mem_limit_exclude_kernels", "");
-            m_memLimitExcludeRange = ReadText(ini, "mem_limit_exclude_range", "");
-            m_cgroupGroupsSpec = ReadText(ini, "cgroup_groups", "");
-            m_cgroupComponentsSpec = ReadText(ini, "cgroup_components", "");
-        }
-    } catch (const std::exception&) {
-        loaded = false;  // the parser ran out of memory
-    }
-    if (!loaded) {
+    IniFile ini(false, false, false);
+    if (!Load(path, ini)) {
         zel::CLogMessage::GetInstance()->WriteLogMessage("read resource monitor config fail", zel::kLogError);
         return false;
+    }
+
+    int mode = 0;
+    int hashMode = 0;
+    try {
+        config.maxCpu = ReadInt(ini, "max_cpu", "10");
+        config.maxMemory = ReadInt(ini, "max_memory", "200");
+        config.maxFd = ReadInt(ini, "max_fd", "1024");
+        mode = ReadInt(ini, "resource_limit_mode", "0");
+        config.cpuAll = ReadInt(ini, "cpu_all", "0") != 0;
+        config.maxReadIo = ReadInt(ini, "max_rio", "20480");
+        config.maxWriteIo = ReadInt(ini, "max_wio", "20480");
+        config.maxPidCheck = ReadInt(ini, "max_pid_check", "100");
+        hashMode = ReadInt(ini, "hash_mode", "0");
+        m_memLimitKernelRange = ReadText(ini, "mem_limit_kernel_range", "");
+        m_memLimitExcludeKernels = ReadText(ini, "mem_limit_exclude_kernels", "");
+        m_memLimitExcludeRange = ReadText(ini, "mem_limit_exclude_range", "");
+        m_cgroupGroupsSpec = ReadText(ini, "cgroup_groups", "");
+        m_cgroupComponentsSpec = ReadText(ini, "cgroup_components", "");
+    } catch (const std::exception&) {
+        return false;  // out of memory; the file itself was fine, so nothing is said about it
     }
 
     COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance();

@@ -11,18 +11,6 @@ constexpr int kCpuLevelVeryBusy = 2;
 constexpr unsigned int kBusyPauseMs = 5;
 constexpr unsigned int kVeryBusyPauseMs = 10;
 
-// Local, so that the exported queries below reach it without a detour through the symbol table.
-// Returns: how long work of this priority should pause, 0 for not at all.
-inline unsigned int CpuPauseMs(CResourceMonitor& sampling, unsigned int priority) {
-    if (priority >= kPriorityCount) return 0;
-    if (CSingleton<COnlineClientConf>::GetInstance()->cpuLimitEnabled.Get() == 0) return 0;
-    const int level = sampling.GetCpuUsageLevel();
-    if (level == kCpuLevelVeryBusy) return kVeryBusyPauseMs;
-    // The most important work goes on while the process is merely busy.
-    if (level == kCpuLevelBusy && priority != 0) return kBusyPauseMs;
-    return 0;
-}
-
 // Returns: false and `out` untouched when there is no maximum.
 inline bool StoreMaximum(int maximum, long& out) {
     if (maximum < 1) return false;
@@ -34,13 +22,22 @@ inline bool StoreMaximum(int maximum, long& out) {
 
 bool CheckPriorityValid(unsigned int priority) { return priority < kPriorityCount; }
 
+// The whole rule: the other two only say whether to sleep.
 bool CMonitorPri::CheckCpuLimit(unsigned int priority, bool sleep) {
-    const unsigned int pauseMs = CpuPauseMs(*this, priority);
+    if (!CheckPriorityValid(priority)) return false;
+    if (CSingleton<COnlineClientConf>::GetInstance()->cpuLimitEnabled.Get() == 0) return false;
+    unsigned int pauseMs = 0;
+    const int level = GetCpuUsageLevel();
+    if (level == kCpuLevelVeryBusy) {
+        pauseMs = kVeryBusyPauseMs;
+    } else if (level == kCpuLevelBusy && priority != 0) {
+        pauseMs = kBusyPauseMs;  // the most important work goes on while the process is merely busy
+    }
     if (sleep && pauseMs != 0) zel::CToolUtil::msleep(pauseMs);
     return pauseMs != 0;
 }
 
-bool CMonitorPri::IsCpuNeedLimit(unsigned int priority) { return CpuPauseMs(*this, priority) != 0; }
+bool CMonitorPri::IsCpuNeedLimit(unsigned int priority) { return CheckCpuLimit(priority, false); }
 
 bool CMonitorPri::CpuLimit(unsigned int priority) { return CheckCpuLimit(priority, true); }
 

@@ -74,8 +74,9 @@ CResourceMonitor::CResourceMonitor() = default;
 CResourceMonitor::~CResourceMonitor() = default;
 void CResourceMonitor::run() {}
 void CResourceMonitor::MonitorOther(unsigned long) {}
-bool CResourceMonitor::StartMonitor(IResourceMonitorEvent*) {
+bool CResourceMonitor::StartMonitor(IResourceMonitorEvent* event) {
     P().Record("CResourceMonitor::StartMonitor()");
+    P().base.lastEvent = event;
     return P().base.start.Next();
 }
 bool CResourceMonitor::StopMonitor() {

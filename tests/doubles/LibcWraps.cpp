@@ -17,6 +17,7 @@ long __real_sysconf(int name);
 
 time_t __wrap_time(time_t* out) {
     if (!P().clockScripted) return __real_time(out);
+    if (P().journalTime) P().Record("time()");
     if (out != nullptr) *out = P().now;
     return P().now;
 }

@@ -4,7 +4,7 @@
 // A journal line of a platform call is "Class::Operation(arguments)". Log lines stand in the same journal:
 //   W<level> <text>              a fixed text (WriteLogMessage)
 //   F<level> [<source>] <text>   a formatted line (log)
-// Pure operations (strings) and the clock are not journaled.
+// Pure operations (strings) are not journaled, the clock only on request.
 #pragma once
 
 #include <ctime>
@@ -75,6 +75,7 @@ struct FakeFiles {
     std::map<std::string, std::string> content;
     std::set<std::string> alsoFiles;  ///< IsFile answers true although nothing is there
     std::set<std::string> failRead, failWrite, failRemove, failRename;
+    bool failedReadLeavesLines = false;  ///< ReadFileLineToList hands over what it has before it fails
     std::set<std::string> existing;   ///< paths for which access(F_OK) succeeds besides `content`
     bool realIsFile = false;          ///< IsFile asks the real file system too
 };
@@ -82,6 +83,7 @@ struct FakeFiles {
 struct FakeMemory {
     int usagePercent = 50;
     unsigned long available = 8000;
+    bool writesAvailable = true;
 };
 
 struct FakeDisk {
@@ -139,6 +141,7 @@ struct FakeMonitorBase {
     bool fetchOk = true;
     ResourceMonitorInfo info;
     ResourceConfig lastConfig;
+    IResourceMonitorEvent* lastEvent = nullptr;
     void (*onSetMaxResourceConfig)() = nullptr;
 };
 
@@ -175,6 +178,7 @@ struct Platform {
     std::function<bool(const std::string&)> keepInJournal;
 
     bool clockScripted = true;
+    bool journalTime = false;  ///< time() is a line of the journal too
     time_t now = 1700000000;  ///< CToolUtil::sleep moves it on
     std::function<void(unsigned int)> onSleep;  ///< what happens to the world during CToolUtil::sleep
 

@@ -120,7 +120,8 @@ bool CFileUtil::IsFile(const std::string& path) {
 bool CFileUtil::ReadFileLineToList(const std::string& path, std::list<std::string>& lines, unsigned long limit) {
     P().Record(Format("CFileUtil::ReadFileLineToList(%s,%lu)", path.c_str(), limit));
     auto found = P().files.content.find(path);
-    if (found == P().files.content.end() || P().files.failRead.count(path) != 0) return false;
+    const bool fails = P().files.failRead.count(path) != 0;
+    if (found == P().files.content.end() || (fails && !P().files.failedReadLeavesLines)) return false;
     const std::string& text = found->second;
     for (size_t at = 0; at < text.size();) {
         size_t end = text.find('\n', at);
@@ -128,7 +129,7 @@ bool CFileUtil::ReadFileLineToList(const std::string& path, std::list<std::strin
         lines.push_back(text.substr(at, end - at));
         at = end + 1;
     }
-    return true;
+    return !fails;
 }
 bool CFileUtil::ReadFullFile(const std::string& path, std::string& text, unsigned long limit) {
     P().Record(Format("CFileUtil::ReadFullFile(%s,%lu)", path.c_str(), limit));
@@ -230,7 +231,7 @@ CDataTime CTimeUtil::GetCurrentDataTime() { return CDataTime(P().now); }
 
 int COSInfo::GetMemoryUsage(unsigned long* available) {
     P().Record(Format("COSInfo::GetMemoryUsage(%s)", available == nullptr ? "null" : "available"));
-    if (available != nullptr) *available = P().memory.available;
+    if (available != nullptr && P().memory.writesAvailable) *available = P().memory.available;
     return P().memory.usagePercent;
 }
 

@@ -87,6 +87,20 @@ inline Lines LegacyMemUnchanged() {
 /// The main process looks for a component file that an earlier run left behind.
 inline Lines NoUnifiedLeftovers() { return {"CFileUtil::IsFile(/opt/agent/home/conf/cgroup_resource.json)"}; }
 
+/// A base or member of an object and where it lies.
+struct Place {
+    const char* name;
+    const void* at;
+};
+
+/// The first place is the object's own start, each other one lies behind its predecessor.
+inline void ExpectInOrder(const void* object, const std::vector<Place>& places) {
+    EXPECT_EQ(object, places.front().at) << places.front().name;
+    for (size_t i = 1; i < places.size(); ++i) {
+        EXPECT_LT(places[i - 1].at, places[i].at) << places[i].name << " lies before " << places[i - 1].name;
+    }
+}
+
 class CoreFixture : public MonitorFixture {
 protected:
     void TearDown() override {

@@ -105,6 +105,9 @@ TEST_F(MonitorPriTest, StartsFromTheInitialValues) {
     EXPECT_EQ(0, p.m_legacyMemSecondLimit);
     EXPECT_EQ(0, p.m_legacyMemErrorCode);
     EXPECT_EQ(0u, p.m_localKernel.major);
+    EXPECT_EQ(0u, p.m_localKernel.minor);
+    EXPECT_EQ(0u, p.m_localKernel.patch);
+    EXPECT_EQ(0u, p.m_localKernel.build);
     EXPECT_EQ("", p.m_localKernel.release);
     EXPECT_EQ("", p.m_memLimitKernelRange);
     EXPECT_EQ("", p.m_memLimitExcludeKernels);
@@ -125,6 +128,51 @@ TEST_F(MonitorPriTest, StartsFromTheInitialValues) {
     EXPECT_EQ("", p.m_cgroupGroupsSpec);
     EXPECT_EQ("", p.m_cgroupComponentsSpec);
     EXPECT_EQ(0, p.m_lastRuntimeOomReportTime);
+}
+
+TEST_F(MonitorPriTest, LaysItsBasesAndMembersOutInTheSharedOrder) {
+    MonitorPriProbe& p = pri();
+    ExpectInOrder(&p, {{"IMtInfo", static_cast<IMtInfo*>(&p)},
+                       {"IOnlineClientConfNotify", static_cast<IOnlineClientConfNotify*>(&p)},
+                       {"CResourceMonitor", static_cast<CResourceMonitor*>(&p)},
+                       {"CTimerEvent", static_cast<zel::CTimerEvent*>(&p)},
+                       {"m_resourceLimited", &p.m_resourceLimited},
+                       {"m_heartbeatTimerId", &p.m_heartbeatTimerId},
+                       {"m_appName", &p.m_appName},
+                       {"m_isMainAgent", &p.m_isMainAgent},
+                       {"m_legacyCpuEnabled", &p.m_legacyCpuEnabled},
+                       {"m_legacyCpuErrorCode", &p.m_legacyCpuErrorCode},
+                       {"m_legacyCpuMode", &p.m_legacyCpuMode},
+                       {"m_legacyCpuLimitValue", &p.m_legacyCpuLimitValue},
+                       {"m_legacyCpuCallCount", &p.m_legacyCpuCallCount},
+                       {"m_legacyCpuLastRetryTime", &p.m_legacyCpuLastRetryTime},
+                       {"m_legacyMemLimited", &p.m_legacyMemLimited},
+                       {"m_legacyMemEnabled", &p.m_legacyMemEnabled},
+                       {"m_legacyMemFirstLimit", &p.m_legacyMemFirstLimit},
+                       {"m_legacyMemSecondLimit", &p.m_legacyMemSecondLimit},
+                       {"m_legacyMemErrorCode", &p.m_legacyMemErrorCode},
+                       {"m_configPath", &p.m_configPath},
+                       {"m_osAbnormalMonitor", &p.m_osAbnormalMonitor},
+                       {"m_localKernel", &p.m_localKernel},
+                       {"m_memLimitKernelRange", &p.m_memLimitKernelRange},
+                       {"m_memLimitExcludeKernels", &p.m_memLimitExcludeKernels},
+                       {"m_memLimitExcludeRange", &p.m_memLimitExcludeRange},
+                       {"m_cgroupManager", &p.m_cgroupManager},
+                       {"m_unifiedActive", &p.m_unifiedActive},
+                       {"m_lastUnifiedMaxMem", &p.m_lastUnifiedMaxMem},
+                       {"m_lastUnifiedMaxCpu", &p.m_lastUnifiedMaxCpu},
+                       {"m_lastUnifiedMode", &p.m_lastUnifiedMode},
+                       {"m_effectiveMaxCpu", &p.m_effectiveMaxCpu},
+                       {"m_effectiveMaxMem", &p.m_effectiveMaxMem},
+                       {"m_unifiedCpuQuotaActive", &p.m_unifiedCpuQuotaActive},
+                       {"m_unifiedMemQuotaActive", &p.m_unifiedMemQuotaActive},
+                       {"m_unifiedCpuQuota100Times", &p.m_unifiedCpuQuota100Times},
+                       {"m_unifiedMemQuotaKB", &p.m_unifiedMemQuotaKB},
+                       {"m_cgroupClient", &p.m_cgroupClient},
+                       {"m_ipcBroadcastCallback", &p.m_ipcBroadcastCallback},
+                       {"m_cgroupGroupsSpec", &p.m_cgroupGroupsSpec},
+                       {"m_cgroupComponentsSpec", &p.m_cgroupComponentsSpec},
+                       {"m_lastRuntimeOomReportTime", &p.m_lastRuntimeOomReportTime}});
 }
 
 TEST_F(MonitorPriTest, UnregistersBeforeItDeletesItsManagerAndNeverDeletesTheClient) {
@@ -266,6 +314,15 @@ TEST_F(MonitorPriTest, ReportsTheSamplingThreadsOwnResult) {
     EXPECT_FALSE(pri().StartMonitor(nullptr, "collector"));
     EXPECT_EQ("CResourceMonitor::StartMonitor()", journal().back());
     EXPECT_EQ(9001u, pri().m_heartbeatTimerId) << "the timer runs until StopMonitor";
+}
+
+TEST_F(MonitorPriTest, HandsItsEventSinkToTheSamplingThread) {
+    pri().SetConfigPath(WriteConfig(""));
+    IResourceMonitorEvent event;
+    EXPECT_TRUE(pri().StartMonitor(&event, "collector"));
+    EXPECT_EQ(&event, platform().base.lastEvent);
+    EXPECT_TRUE(pri().StartMonitor(nullptr, "collector"));
+    EXPECT_EQ(nullptr, platform().base.lastEvent);
 }
 
 TEST_F(MonitorPriTest, HandsTheFilesThresholdsToTheSamplingClass) {
@@ -540,6 +597,60 @@ TEST_F(MonitorPriTest, TakesTheWidenedGroupValuesForTheThresholdsInUnifiedModeOn
         EXPECT_EQ(200 * 1024, pri().m_legacyMemSecondLimit) << "the memory limit takes the plain value in any mode";
         EXPECT_EQ(300 * 1024, pri().m_legacyMemFirstLimit);
     }
+}
+
+TEST_F(MonitorPriTest, RemembersTheEffectiveMaximaBetweenTheCpuLimitAndTheSelfKillLimits) {
+    zel::CCgroupClient client;
+    pri().m_cgroupClient = &client;
+    platform().client.memJoined.Always(true);
+    pri().m_effectiveMaxCpu = 11;
+    pri().m_effectiveMaxMem = 22;
+    conf().maxCpu.Set(20);
+    conf().maxMemory.Set(300);
+    Lines seen;
+    const auto look = [this, &seen](const std::string& line) {
+        const bool endOfCpuLimit = line == "IResourceLimitUtil::IsCpuLimited()";
+        const bool selfKillLimits = line == "CCgroupClient::GetMemQuotaKB()";
+        if (endOfCpuLimit || selfKillLimits) {
+            seen.push_back(doubles::Format("%s cpu=%ld mem=%d", line.c_str(),
+                                           static_cast<long>(pri().m_effectiveMaxCpu),
+                                           static_cast<int>(pri().m_effectiveMaxMem)));
+        }
+        return true;
+    };
+    platform().keepInJournal = look;
+    pri().OnUpdate();
+    platform().keepInJournal = nullptr;
+    EXPECT_EQ(Lines({"IResourceLimitUtil::IsCpuLimited() cpu=11 mem=22",
+                     "CCgroupClient::GetMemQuotaKB() cpu=20 mem=300"}),
+              seen);
+}
+
+TEST_F(MonitorPriTest, ReadsWhatIsNotNeededBeforeAtItsOwnStep) {
+    conf().maxReadIo.Set(1);
+    conf().maxWriteIo.Set(2);
+    conf().maxPidCheck.Set(3);
+    conf().maxFdCount.Set(4);
+    conf().hashMode.Set(5);
+    platform().keepInJournal = [this](const std::string& line) {
+        if (line.rfind("COnlineClientConf::", 0) == 0) return false;
+        if (line == "CResourceMonitor::SetMaxMem(0)") {
+            conf().maxReadIo.Set(111);
+            conf().maxWriteIo.Set(222);
+            conf().maxPidCheck.Set(33);
+            conf().maxFdCount.Set(44);
+            conf().hashMode.Set(6);
+        }
+        return true;
+    };
+    journal();
+    pri().OnUpdate();
+    platform().keepInJournal = nullptr;
+    Lines all = calls();
+    const Lines tail = UpdateTail(0, 111, 222, 33, 44, 6);
+    ASSERT_GT(all.size(), tail.size());
+    all.erase(all.begin(), all.end() - static_cast<std::ptrdiff_t>(tail.size()));
+    EXPECT_EQ(tail, all);
 }
 
 TEST_F(MonitorPriTest, HandsThePlainCpuToTheLegacyLimitInUnifiedModeToo) {

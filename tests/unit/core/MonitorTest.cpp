@@ -13,9 +13,11 @@ namespace {
 
 class MonitorProbe : public CMonitor {
 public:
+    using CMonitor::m_monitorPointLock;
     using CMonitor::m_monitorPoints;
     using CMonitor::m_pri;
     using CMonitor::m_sysIntf;
+    using CMonitor::m_sysIntfLock;
 };
 
 class SysIntfDouble final : public CSysIntf {
@@ -34,6 +36,7 @@ public:
 };
 
 void Broadcast(const std::string&, const std::string&) {}
+void OtherBroadcast(const std::string&, const std::string&) {}
 
 }  // namespace
 
@@ -51,6 +54,15 @@ protected:
     void TearDown() override {
         m_monitor.reset();
         CoreFixture::TearDown();
+    }
+
+    /// Gives the facade a private object whose members are open. Owns: the facade.
+    MonitorPriProbe& OpenPrivateObject() {
+        delete std::exchange(m_monitor->m_pri, nullptr);
+        auto* probe = new MonitorPriProbe;
+        m_monitor->m_pri = probe;
+        journal();
+        return *probe;
     }
 
     std::unique_ptr<MonitorProbe> m_monitor;
@@ -76,6 +88,16 @@ TEST_F(MonitorTest, ConstructsItsPrivateObjectAndStartsNothing) {
     EXPECT_NE(nullptr, m_monitor->m_pri);
     EXPECT_EQ(nullptr, m_monitor->m_sysIntf);
     EXPECT_TRUE(m_monitor->m_monitorPoints.empty());
+}
+
+TEST_F(MonitorTest, LaysItsMembersOutInTheSharedOrder) {
+    MonitorProbe& m = *m_monitor;
+    ExpectInOrder(&m, {{"CSingleton", static_cast<CSingleton<CMonitor>*>(&m)},
+                       {"m_pri", &m.m_pri},
+                       {"m_sysIntfLock", &m.m_sysIntfLock},
+                       {"m_monitorPointLock", &m.m_monitorPointLock},
+                       {"m_sysIntf", &m.m_sysIntf},
+                       {"m_monitorPoints", &m.m_monitorPoints}});
 }
 
 TEST_F(MonitorTest, AnswersTheHostWhileItsPrivateObjectIsBeingBuilt) {
@@ -190,6 +212,17 @@ TEST_F(MonitorTest, TellsWhetherTheLegacyLimitIsInForce) {
     EXPECT_TRUE(m_monitor->IsResourceLimited());
 }
 
+TEST_F(MonitorTest, TellsAFullDisk) {
+    MonitorPriProbe& pri = OpenPrivateObject();
+    conf().osAbnormalSwitch.Set(1);
+    platform().disk.freeSpace = 0;
+    pri.m_osAbnormalMonitor.CheckOsAbnormal(0);
+    EXPECT_TRUE(m_monitor->IsDiskFull());
+    platform().disk.freeSpace = doubles::FakeDisk().freeSpace;
+    pri.m_osAbnormalMonitor.CheckOsAbnormal(0);
+    EXPECT_FALSE(m_monitor->IsDiskFull());
+}
+
 TEST_F(MonitorTest, ForwardsSettingsToTheSamplingClass) {
     CMonitor& m = *m_monitor;
     m.SetThreadHeartbeat(11, "worker", 60);
@@ -223,6 +256,30 @@ TEST_F(MonitorTest, StartsAndStopsThePrivateObjectNotItsBase) {
     EXPECT_FALSE(m_monitor->StopMonitor());
     m_monitor->SetConfigPath("/no/such/file");
     EXPECT_FALSE(m_monitor->StartMonitor(nullptr, "collector"));
+}
+
+TEST_F(MonitorTest, HandsTheEventSinkAndTheNameToThePrivateObject) {
+    MonitorPriProbe& pri = OpenPrivateObject();
+    m_monitor->SetConfigPath(WriteConfig(""));
+    IResourceMonitorEvent event, otherEvent;
+    EXPECT_TRUE(m_monitor->StartMonitor(&event, "collector"));
+    EXPECT_EQ(&event, platform().base.lastEvent);
+    EXPECT_EQ("collector", pri.m_appName);
+    EXPECT_FALSE(pri.m_isMainAgent);
+    EXPECT_TRUE(m_monitor->StartMonitor(&otherEvent, "tervane"));
+    EXPECT_EQ(&otherEvent, platform().base.lastEvent);
+    EXPECT_EQ("tervane", pri.m_appName);
+    EXPECT_TRUE(pri.m_isMainAgent);
+}
+
+TEST_F(MonitorTest, HandsThisBroadcastToThePrivateObjectAndNoOther) {
+    MonitorPriProbe& pri = OpenPrivateObject();
+    m_monitor->SetIpcBroadcastCallback(Broadcast);
+    EXPECT_EQ(&Broadcast, pri.m_ipcBroadcastCallback);
+    m_monitor->SetIpcBroadcastCallback(OtherBroadcast);
+    EXPECT_EQ(&OtherBroadcast, pri.m_ipcBroadcastCallback);
+    m_monitor->SetIpcBroadcastCallback(nullptr);
+    EXPECT_EQ(nullptr, pri.m_ipcBroadcastCallback);
 }
 
 TEST_F(MonitorTest, HandsTheClientAndTheBroadcastToThePrivateObject) {

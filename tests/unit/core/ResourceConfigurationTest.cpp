@@ -84,6 +84,19 @@ TEST_F(ResourceConfigurationTest, SaysWhenTheFileCannotBeLoaded) {
     EXPECT_EQ(0, rmdir(folder.c_str()));
 }
 
+TEST_F(ResourceConfigurationTest, SaysWhenTheLoaderItselfRefusesTheFile) {
+    // Regular to stat(2) and a page long, but it yields a few bytes only. Source: Documentation/filesystems/sysfs.rst.
+    const std::string shorter = "/sys/devices/system/cpu/online";
+    struct stat info {};
+    if (lstat(shorter.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size < 4096) {
+        GTEST_SKIP() << "needs " << shorter << " as a regular file of a page";
+    }
+    platform().files.alsoFiles.insert(shorter);
+    EXPECT_FALSE(pri().ParseMonitorConfig(shorter, m_config));
+    EXPECT_EQ(Lines({"CFileUtil::IsFile(" + shorter + ")", "W2 read resource monitor config fail"}), journal());
+    EXPECT_EQ(Show(ResourceConfig()), Show(m_config));
+}
+
 TEST_F(ResourceConfigurationTest, LeavesNoDescriptorOpen) {
     const int before = dup(STDIN_FILENO);
     close(before);

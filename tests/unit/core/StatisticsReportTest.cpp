@@ -130,6 +130,17 @@ TEST_F(StatisticsReportTest, KeepsTheErrorCodeThroughAReset) {
     EXPECT_EQ("20007", map["guard_cpu_limit_error_code"]);
 }
 
+TEST_F(StatisticsReportTest, KeepsTheErrorCodeThroughALaterSuccess) {
+    platform().limit.startCpu.Then({5, 13});
+    pri().CpuResourceLimit(1, 10);
+    platform().limit.cpuLimited.Always(true);
+    pri().CpuResourceLimit(1, 20);
+    Map map;
+    EXPECT_TRUE(pri().GetExceptionInfo(map));
+    EXPECT_EQ("1", map["guard_cpu_limit_enable"]) << "the second attempt succeeded";
+    EXPECT_EQ("50013", map["guard_cpu_limit_error_code"]);
+}
+
 TEST_F(StatisticsReportTest, PrintsUnsignedFiguresUnsigned) {
     platform().base.info.avgCpu = 4294967295u;
     platform().base.info.avgFdCount = 2147483648u;
@@ -283,6 +294,27 @@ TEST_F(StatisticsReportTest, SendsAvailableMemoryIn64Bits) {
     Json::Value body;
     ASSERT_TRUE(Json::Reader().parse(platform().sent.front().body, body));
     EXPECT_EQ(5000000000UL, body["available_mem"].asUInt64());
+}
+
+namespace {
+/// Leaves no zero where the next call has its variables.
+__attribute__((noinline)) void DirtyTheStack() {
+    volatile unsigned char rubbish[8192];
+    for (volatile unsigned char& byte : rubbish) byte = 0xA5;
+}
+}  // namespace
+
+TEST_F(StatisticsReportTest, TakesAvailableMemoryForNoneWhereThePlatformWritesNothing) {
+    pri().m_isMainAgent = true;
+    platform().memory.usagePercent = 99;
+    platform().memory.writesAvailable = false;
+    Map map;
+    DirtyTheStack();
+    EXPECT_TRUE(pri().GetExceptionInfo(map));
+    ASSERT_EQ(1u, platform().sent.size());
+    Json::Value body;
+    ASSERT_TRUE(Json::Reader().parse(platform().sent.front().body, body));
+    EXPECT_EQ(0u, body["available_mem"].asUInt64());
 }
 
 TEST_F(StatisticsReportTest, GoesOnSilentlyWithoutADelivery) {

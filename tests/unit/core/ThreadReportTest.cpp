@@ -1,5 +1,8 @@
 // The thread CPU report, compared to the byte.
+#include <chrono>
 #include <functional>
+#include <future>
+#include <thread>
 
 #include "CoreFixture.h"
 #include "Monitor.h"
@@ -25,6 +28,7 @@ public:
         doubles::P().Record("CSysIntf::GetHighCpuUsageThread()");
         seenTid = tid;
         seenUsage = usage;
+        if (onFill) onFill();
         tid = busiestTid;
         usage = busiestUsage;
     }
@@ -35,6 +39,7 @@ public:
     }
     unsigned long GetCurrThreadId() override {
         doubles::P().Record("CSysIntf::GetCurrThreadId()");
+        if (onCurrent) onCurrent();
         return currentId;
     }
 
@@ -44,7 +49,38 @@ public:
     long seenTid = -1;
     unsigned int seenUsage = 99;
     unsigned long currentId = 321;
-    std::function<void()> onFill;
+    std::function<void()> onFill, onCurrent;
+};
+
+class MonitorProbe : public CMonitor {
+public:
+    using CMonitor::m_monitorPoints;
+};
+
+/// Another thread that does one thing, once.
+class Contender {
+public:
+    ~Contender() {
+        if (m_thread.joinable()) m_thread.join();
+    }
+    /// Starts it. Returns: whether it is still held up when it has had plenty of time.
+    bool IsHeldUpBy(std::function<void()> action) {
+        m_thread = std::thread([this, action] {
+            m_started.set_value();
+            action();
+            m_done.set_value();
+        });
+        const bool started = m_started.get_future().wait_for(kPatience) == std::future_status::ready;
+        return started && m_ended.wait_for(kPlenty) == std::future_status::timeout;
+    }
+    bool GetsThrough() { return m_thread.joinable() && m_ended.wait_for(kPatience) == std::future_status::ready; }
+
+private:
+    static constexpr std::chrono::milliseconds kPlenty{100};
+    static constexpr std::chrono::seconds kPatience{20};
+    std::promise<void> m_started, m_done;
+    std::future<void> m_ended = m_done.get_future();
+    std::thread m_thread;
 };
 
 class Point final : public IMonitorInfo {
@@ -68,7 +104,7 @@ protected:
     void SetUp() override {
         CoreFixture::SetUp();
         m_pri.reset();
-        m_monitor = std::make_unique<CMonitor>();
+        m_monitor = std::make_unique<MonitorProbe>();
         m_monitor->SetSysIntf(&m_sysIntf);
         journal();
     }
@@ -78,7 +114,7 @@ protected:
     }
 
     SysIntfDouble m_sysIntf;
-    std::unique_ptr<CMonitor> m_monitor;
+    std::unique_ptr<MonitorProbe> m_monitor;
 };
 
 TEST_F(ThreadReportTest, TabulatesNamesBusiestStackAndMessages) {
@@ -193,6 +229,20 @@ TEST_F(ThreadReportTest, SaysNothingAboutAStackThatCannotBeRead) {
               report);
 }
 
+TEST_F(ThreadReportTest, AttachesNothingOfAStackWhoseReadingFailsHalfWay) {
+    m_sysIntf.threads = {Thread(101, 1, 2, 30, 4)};
+    platform().files.content["/proc/4242/task/101/stack"] = "[<0>] futex_wait\n";
+    platform().files.failRead.insert("/proc/4242/task/101/stack");
+    platform().files.failedReadLeavesLines = true;
+    std::string report;
+    unsigned int highTid = 0;
+    m_monitor->GetThreadsInfo(report, &highTid);
+    EXPECT_EQ(101u, highTid);
+    EXPECT_EQ(kHeader + "                    101       1           2           30          4           \n" +
+                  "curr pid 321\n",
+              report);
+}
+
 TEST_F(ThreadReportTest, ShiftsTheRowOfALongNameInsteadOfCuttingIt) {
     m_sysIntf.threads = {Thread(101, 1, 2, 0, 4), Thread(102, 1, 2, 0, 4)};
     platform().threadNames = {{101, "exactly-twenty-chars"}, {102, "more-than-twenty-characters"}};
@@ -275,6 +325,88 @@ TEST_F(ThreadReportTest, AsksADuplicateMonitorPointTwice) {
     std::string report;
     m_monitor->GetThreadsInfo(report, nullptr);
     EXPECT_EQ(kHeader + "curr pid 321\ntwice\ntwice\n", report);
+}
+
+TEST_F(ThreadReportTest, SkipsAnEntryThatIsNull) {
+    Point first("first"), last("last");
+    m_monitor->AddMonitorPoint(&first);
+    m_monitor->m_monitorPoints.push_back(nullptr);
+    m_monitor->AddMonitorPoint(&last);
+    std::string report;
+    m_monitor->GetThreadsInfo(report, nullptr);
+    EXPECT_EQ(kHeader + "curr pid 321\nfirst\nlast\n", report);
+}
+
+// --- locks ---
+
+TEST_F(ThreadReportTest, HoldsTheSystemInterfaceWhileItFillsAndWhileTheBusiestThreadIsNamed) {
+    const auto replace = [this] { m_monitor->SetSysIntf(&m_sysIntf); };
+    Contender whileFilled, whileNamed;
+    m_sysIntf.onFill = [&] { EXPECT_TRUE(whileFilled.IsHeldUpBy(replace)); };
+    platform().keepInJournal = [&](const std::string& line) {
+        if (line == "CThreadUtil::GetThreadName(102)") {
+            EXPECT_TRUE(whileNamed.IsHeldUpBy(replace));
+        }
+        return true;
+    };
+    m_sysIntf.busiestTid = 102;
+    std::string name;
+    long tid = 0;
+    unsigned int usage = 0;
+    m_monitor->GetHighCpuUsageThreadName(name, tid, usage);
+    EXPECT_EQ(102, tid);
+    EXPECT_TRUE(whileFilled.GetsThrough());
+    EXPECT_TRUE(whileNamed.GetsThrough());
+    platform().keepInJournal = nullptr;
+}
+
+TEST_F(ThreadReportTest, NamesUnderTheSameLockWithoutASystemInterface) {
+    m_monitor->SetSysIntf(nullptr);
+    Contender whileNamed;
+    platform().keepInJournal = [&](const std::string& line) {
+        if (line == "CThreadUtil::GetThreadName(0)") {
+            EXPECT_TRUE(whileNamed.IsHeldUpBy([this] { m_monitor->SetSysIntf(&m_sysIntf); }));
+        }
+        return true;
+    };
+    std::string name;
+    long tid = 0;
+    unsigned int usage = 0;
+    m_monitor->GetHighCpuUsageThreadName(name, tid, usage);
+    EXPECT_TRUE(whileNamed.GetsThrough());
+    platform().keepInJournal = nullptr;
+}
+
+TEST_F(ThreadReportTest, HoldsTheSystemInterfaceWhileItFillsTheList) {
+    Contender contender;
+    m_sysIntf.onFill = [&] {
+        EXPECT_TRUE(contender.IsHeldUpBy([this] { m_monitor->SetSysIntf(nullptr); }));
+    };
+    std::list<CSysThreadsCpuUsage> list;
+    m_monitor->GetThreadsCpuUsage(list);
+    EXPECT_TRUE(contender.GetsThrough());
+}
+
+TEST_F(ThreadReportTest, HoldsTheSystemInterfaceWhileItTellsTheCurrentThread) {
+    Contender contender;
+    m_sysIntf.onCurrent = [&] {
+        EXPECT_TRUE(contender.IsHeldUpBy([this] { m_monitor->SetSysIntf(nullptr); }));
+    };
+    EXPECT_EQ(321u, m_monitor->GetCurrThreadId());
+    EXPECT_TRUE(contender.GetsThrough());
+}
+
+TEST_F(ThreadReportTest, HoldsTheMonitorPointsWhileTheyAreAsked) {
+    Point point("asked"), late("late");
+    Contender contender;
+    point.onAsked = [&] {
+        EXPECT_TRUE(contender.IsHeldUpBy([&] { m_monitor->AddMonitorPoint(&late); }));
+    };
+    m_monitor->AddMonitorPoint(&point);
+    std::string report;
+    m_monitor->GetThreadsInfo(report, nullptr);
+    EXPECT_TRUE(contender.GetsThrough());
+    EXPECT_EQ(kHeader + "curr pid 321\nasked\n", report);
 }
 
 // --- the list ---

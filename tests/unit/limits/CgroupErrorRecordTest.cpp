@@ -47,6 +47,26 @@ TEST_F(CgroupErrorRecordTest, WritesNothingForAnyOtherCode) {
     EXPECT_FALSE(FileIsThere());
 }
 
+TEST_F(CgroupErrorRecordTest, AsksForTheTimeOnlyForARecordedCodeAndBeforeItLooksForThePlace) {
+    platform().journalTime = true;
+    EXPECT_FALSE(pri().WriteCgroupError(12));
+    EXPECT_EQ(kNothing, journal());
+    EXPECT_TRUE(pri().WriteCgroupError(13));
+    EXPECT_EQ(Lines({"time()", "CToolUtil::GetApplicationDirPath()",
+                     "CFileUtil::WriteNewFile(/opt/agent/home/cgroup_errors,0)"}),
+              journal());
+    platform().appDir = "/opt/agent";
+    EXPECT_FALSE(pri().WriteCgroupError(13));
+    EXPECT_EQ(Lines({"time()", "CToolUtil::GetApplicationDirPath()"}), journal());
+}
+
+TEST_F(CgroupErrorRecordTest, AsksForTheTimeOncePerRecordThatCounts) {
+    platform().journalTime = true;
+    OnRecord("105\n" + At(2, 5) + "\n" + At(13, 50000) + "\n" + At(119, 5));
+    EXPECT_TRUE(pri().CheckCgroupError());
+    EXPECT_EQ(kRead + Lines({"time()"}) + kRemoved + Lines({"time()"}), journal());
+}
+
 TEST_F(CgroupErrorRecordTest, ReplacesTheWholeFile) {
     OnRecord(At(13, 50000) + "\nand much else");
     EXPECT_TRUE(pri().WriteCgroupError(119));
@@ -157,7 +177,7 @@ TEST_F(CgroupErrorRecordTest, SurvivesSeveralAgedLines) {
     OnRecord(At(13, 50000) + "\n" + At(105, 60000));
     EXPECT_FALSE(pri().CheckCgroupError());
     EXPECT_FALSE(FileIsThere());
-    journal();
+    EXPECT_EQ(kRead + kRemoved + kRemoved, journal());  // each aged line removes; the second finds nothing left
     EXPECT_FALSE(pri().CheckCgroupError());
     EXPECT_EQ(kLookedForFile, journal());  // the next check is cheap
 }

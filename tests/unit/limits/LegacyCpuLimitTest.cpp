@@ -8,7 +8,7 @@ namespace {
 // A pass of a process that nobody else limits, up to its first log line.
 const Lines kReached = {"IsResourceLimitCpuCgroupV2Runtime()", "CResourceMonitor::IsCpuSolarisMode()",
                         "GetResourceLimitUtil()", "IResourceLimitUtil::SyncCpuLimit()"};
-const Lines kUnchanged = {"W4 resource limit mode and max limit cpu is not change"};
+const Lines kUnchanged = {"W4 resource limit mode and max limit cpu is not change", "time()"};
 
 Lines Changed(int mode, int maxCpu) {
     return {doubles::Format("F4 [MonitorPri] resource mode user conf:%d", mode),
@@ -36,6 +36,10 @@ Lines Retried(int maxCpu, int percent, int hundredths) {
 
 class LegacyCpuLimitTest : public LimitsFixture {
 protected:
+    void SetUp() override {
+        LimitsFixture::SetUp();
+        platform().journalTime = true;  // only an unchanged pass asks for the time
+    }
     /// Runs one pass. Returns: its whole journal.
     Lines Pass(int mode, long maxCpu) {
         EXPECT_TRUE(pri().CpuResourceLimit(mode, maxCpu));
@@ -181,6 +185,23 @@ TEST_F(LegacyCpuLimitTest, DetachesWhenItsClientJoinedACpuGroup) {
                      "access(/sys/fs/cgroup/cpu/zel.agent/main/cgroup.controllers)", "CCgroupClient::IsMemJoined()",
                      "IsResourceLimitCpuCgroupV2Runtime()", "CCgroupClient::IsCpuJoined()",
                      "ClearResourceLimitCpuCgroupState()"}),
+              Pass(1, 10));
+    EXPECT_EQ(kCpuForgotten, CpuState());
+    EXPECT_EQ(kMemFilled, MemState());
+}
+
+TEST_F(LegacyCpuLimitTest, ClearsTwiceWhenItsClientJoinedAVersion2CpuGroupOverAVersion2Limit) {
+    FillLegacyState();
+    BeClientInV2CpuGroup();
+    platform().limit.cpuV2Runtime.Always(true);
+    EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::GetCpuCgroupPath()",
+                     "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)",
+                     "IsResourceLimitCpuCgroupV2Runtime()",
+                     // the version 2 detach
+                     "IsResourceLimitCpuCgroupV2Runtime()", "ClearResourceLimitCpuCgroupState()",
+                     "IsResourceLimitMemCgroupV2Runtime()",
+                     // then the CPU detach of the joined client
+                     "CCgroupClient::IsCpuJoined()", "ClearResourceLimitCpuCgroupState()"}),
               Pass(1, 10));
     EXPECT_EQ(kCpuForgotten, CpuState());
     EXPECT_EQ(kMemFilled, MemState());

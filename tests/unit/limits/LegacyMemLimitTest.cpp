@@ -160,6 +160,23 @@ TEST_F(LegacyMemLimitTest, ManagesWithoutAManager) {
     EXPECT_EQ(kReached + kTrying + kNoRecord + kKernelRead + kPrepared + kStartCall + kSuccess, Pass(true));
 }
 
+TEST_F(LegacyMemLimitTest, ClearsTwiceWhenItsClientJoinedAVersion2MemoryGroupOverAVersion2Limit) {
+    FillLegacyState();
+    BeClientInV2MemoryGroup();
+    platform().limit.memV2Runtime.Always(true);
+    EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()",
+                     "CCgroupClient::GetMemCgroupPath()", "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)",
+                     "IsResourceLimitMemCgroupV2Runtime()",
+                     // the version 2 detach
+                     "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitMemCgroupV2Runtime()",
+                     "ClearResourceLimitMemCgroupState()",
+                     // then the memory detach of the joined client
+                     "CCgroupClient::IsMemJoined()", "ClearResourceLimitMemCgroupState()"}),
+              Pass(true));
+    EXPECT_EQ(kMemForgotten, MemState());
+    EXPECT_EQ(kCpuFilled, CpuState());
+}
+
 TEST_F(LegacyMemLimitTest, DetachesWhenItsClientJoinedAMemoryGroup) {
     FillLegacyState();
     HaveClient();
