@@ -192,8 +192,10 @@ std::shared_ptr<CStatisticsRegistry::Worker> CStatisticsRegistry::MakeWorker() {
 
 void CStatisticsRegistry::CallProvider(std::unique_lock<std::mutex>& lock, Call& call) {
     Provider& provider = *call.provider;
-    if (provider.removed) return;
-    provider.inside = true;
+    if (provider.removed) {
+        provider.inside = false;
+        return;
+    }
     provider.insideThread = std::this_thread::get_id();
     lock.unlock();
     std::map<std::string, std::string> values;
@@ -208,6 +210,7 @@ void CStatisticsRegistry::CallProvider(std::unique_lock<std::mutex>& lock, Call&
     }
     lock.lock();
     provider.inside = false;
+    provider.insideThread = std::thread::id();
     call.values = std::move(values);
     call.ok = ok;
 }
@@ -259,6 +262,7 @@ void CStatisticsRegistry::Collect() {
         }
         auto call = std::make_shared<Call>();
         call->provider = provider;
+        provider->inside = true;  // from the handing over on: a worker that is slow to begin counts as inside
         m_worker->call = call;
         m_changed.notify_all();
         if (m_changed.wait_for(lock, std::chrono::milliseconds(m_providerMs), [&] { return call->done; })) {

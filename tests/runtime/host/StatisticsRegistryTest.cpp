@@ -93,7 +93,7 @@ TEST_F(StatisticsRegistryTest, AProviderThatFailsOrThrowsHarmsNobody) {
 }
 
 TEST_F(StatisticsRegistryTest, AProviderThatBlocksIsLeftOutUntilItReturns) {
-    Start(3600000, 30);
+    Start(3600000, 300);
     std::atomic<bool> go{false};
     Provider blocking(Figures{{"late", "1"}}), good(Figures{{"good", "1"}});
     blocking.m_act = [&] {
@@ -113,7 +113,7 @@ TEST_F(StatisticsRegistryTest, AProviderThatBlocksIsLeftOutUntilItReturns) {
 }
 
 TEST_F(StatisticsRegistryTest, ABoundedNumberOfWorkersIsLeftBehind) {
-    Start(3600000, 10);
+    Start(3600000, 50);
     std::atomic<bool> go{false};
     std::vector<std::unique_ptr<Provider>> blocking;
     for (size_t i = 0; i < CStatisticsRegistry::kStuckWorkers + 3; ++i) {
@@ -123,9 +123,14 @@ TEST_F(StatisticsRegistryTest, ABoundedNumberOfWorkersIsLeftBehind) {
         };
     }
     registry().Collect();
-    int calls = 0;
-    for (const auto& provider : blocking) calls += provider->m_calls.load();
-    EXPECT_EQ(calls, static_cast<int>(CStatisticsRegistry::kStuckWorkers));
+    const auto calls = [&] {
+        size_t sum = 0;
+        for (const auto& provider : blocking) sum += static_cast<size_t>(provider->m_calls.load());
+        return sum;
+    };
+    EXPECT_TRUE(WaitUntil([&] { return calls() == CStatisticsRegistry::kStuckWorkers; }));
+    registry().Collect();
+    EXPECT_EQ(calls(), CStatisticsRegistry::kStuckWorkers) << "nobody is entered a second time";
     EXPECT_EQ(registry().Snapshot().slowProviders, blocking.size());
     go = true;
     blocking.clear();
