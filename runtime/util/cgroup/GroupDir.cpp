@@ -21,6 +21,7 @@ namespace {
 
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
 constexpr size_t kMaxChildren = 65536;
+constexpr useconds_t kEndingProcessPauseUs = 20000;
 
 class Fd {
 public:
@@ -418,19 +419,17 @@ Result<int> MoveAll(const GroupDir& from, const GroupDir& to, int rounds) {
         Result<std::vector<int>> pids = from.Processes();
         if (!pids) return pids.GetError();
         if (pids->empty()) return moved;
-        bool progress = false;
+        const int movedBefore = moved;
         for (int pid : *pids) {
             Status status = to.MoveHere(pid);
             if (status) {
                 ++moved;
-                progress = true;
             } else if (status.GetError().kind != ErrorKind::kNotFound) {
                 return status.GetError();
-            } else {
-                progress = true;
             }
         }
-        if (!progress) break;
+        // A process that is ending is listed still and cannot be moved any more: give it the time to be gone.
+        if (moved == movedBefore) usleep(kEndingProcessPauseUs);
     }
     return MakeError(ErrorKind::kBusy, "empty", from.Path(), "new processes appear faster than they are moved");
 }
