@@ -1,0 +1,370 @@
+// Processes, files and groups of the agent in a guest.
+#include "GuestAgent.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+
+namespace guest {
+
+namespace {
+
+constexpr int kPollMs = 100;
+constexpr const char* kTree = "zel.agent";
+constexpr size_t kShownLogBytes = 5000;
+
+std::string Layout() {
+    const char* layout = getenv("ZEL_VM_LAYOUT");
+    return layout != nullptr ? layout : "";
+}
+
+bool Parse(const std::string& text, Json::Value& value) {
+    Json::CharReaderBuilder builder;
+    std::string problem;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    return reader->parse(text.data(), text.data() + text.size(), &value, &problem);
+}
+
+std::vector<std::string> FoldersOf(const std::string& path) {
+    std::vector<std::string> names;
+    std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path.c_str()), closedir);
+    if (!directory) return names;
+    while (dirent* entry = readdir(directory.get())) {
+        std::string name = entry->d_name;
+        if (entry->d_type == DT_DIR && name != "." && name != "..") names.push_back(name);
+    }
+    return names;
+}
+
+void Collect(const std::string& path, std::vector<std::string>& all) {
+    for (const std::string& name : FoldersOf(path)) Collect(path + "/" + name, all);
+    all.push_back(path);
+}
+
+pid_t Spawn(const std::vector<std::string>& words, const std::string& output, const std::vector<std::string>& groups) {
+    std::vector<char*> argv;
+    for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
+    argv.push_back(nullptr);
+    pid_t pid = fork();
+    if (pid != 0) return pid;
+    for (const std::string& group : groups) {
+        if (!WriteText(group + "/cgroup.procs", "0")) _exit(125);
+    }
+    int out = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    dup2(out, STDOUT_FILENO);
+    dup2(out, STDERR_FILENO);
+    close(out);
+    execvp(argv[0], argv.data());
+    perror(argv[0]);
+    _exit(127);
+}
+
+}  // namespace
+
+std::string ReadText(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+bool WriteText(const std::string& path, const std::string& text) {
+    // A control file is never made: where there is none, an ordinary file would take the write and nothing would hold.
+    int flags = path.compare(0, 14, "/sys/fs/cgroup") == 0 ? O_WRONLY : O_WRONLY | O_CREAT | O_TRUNC;
+    int file = open(path.c_str(), flags | O_CLOEXEC, 0640);
+    if (file < 0) return false;
+    bool written = write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    close(file);
+    return written;
+}
+
+bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+void SleepMs(int milliseconds) {
+    timespec wait{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
+    nanosleep(&wait, nullptr);
+}
+
+bool Poll(int seconds, const std::function<bool()>& holds) {
+    timespec begin{};
+    clock_gettime(CLOCK_MONOTONIC, &begin);
+    for (;;) {
+        if (holds()) return true;
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        if (now.tv_sec - begin.tv_sec > seconds) return false;
+        SleepMs(kPollMs);
+    }
+}
+
+int64_t Field(const std::string& path, const std::string& key) {
+    std::istringstream lines(ReadText(path));
+    std::string name;
+    int64_t value = 0;
+    while (lines >> name >> value) {
+        if (name == key) return value;
+    }
+    return -1;
+}
+
+int CountOf(const std::string& text, const std::string& part) {
+    int count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++count;
+    return count;
+}
+
+std::string Command(const std::string& words) {
+    std::string text;
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(words.c_str(), "r"), pclose);
+    char buffer[512];
+    while (pipe != nullptr && fgets(buffer, sizeof buffer, pipe.get()) != nullptr) text += buffer;
+    return text;
+}
+
+bool IsV2(const std::string& controller) {
+    const std::string layout = Layout();
+    return layout == "v2" || (layout == "mixed" && controller == "memory");
+}
+
+std::string GroupDir(const std::string& controller, const std::string& below) {
+    std::string root = "/sys/fs/cgroup";
+    if (Layout() == "mixed" && controller == "memory") {
+        root += "/unified";
+    } else if (Layout() != "v2") {
+        root += "/" + controller;
+    }
+    root += std::string("/") + kTree;
+    return below.empty() ? root : root + "/" + below;
+}
+
+int64_t CpuLimit(const std::string& below) {
+    const std::string group = GroupDir("cpu", below);
+    if (!Exists(group)) return -2;
+    std::string quota;
+    int64_t period = 0;
+    if (IsV2("cpu")) {
+        std::istringstream(ReadText(group + "/cpu.max")) >> quota >> period;
+    } else {
+        std::istringstream(ReadText(group + "/cpu.cfs_quota_us")) >> quota;
+        std::istringstream(ReadText(group + "/cpu.cfs_period_us")) >> period;
+    }
+    if (quota == "max" || quota == "-1") return -1;
+    int64_t microseconds = strtoll(quota.c_str(), nullptr, 10);
+    return period > 0 ? (microseconds * 10000 + period / 2) / period : -2;
+}
+
+int64_t MemoryLimit(const std::string& below) {
+    const std::string group = GroupDir("memory", below);
+    if (!Exists(group)) return -2;
+    const std::string text = ReadText(group + (IsV2("memory") ? "/memory.max" : "/memory.limit_in_bytes"));
+    if (text.compare(0, 3, "max") == 0) return -1;
+    int64_t bytes = strtoll(text.c_str(), nullptr, 10);
+    return bytes >= (int64_t{1} << 62) ? -1 : bytes / 1024;
+}
+
+int64_t KillsIn(const std::string& below) {
+    if (IsV2("memory")) return Field(GroupDir("memory", below) + "/memory.events", "oom_kill");
+    std::vector<std::string> groups;
+    Collect(GroupDir("memory", below), groups);
+    int64_t kills = 0;
+    for (const std::string& group : groups) kills += Field(group + "/memory.oom_control", "oom_kill");
+    return kills;
+}
+
+std::vector<pid_t> ProcessesIn(const std::string& controller, const std::string& below) {
+    std::istringstream lines(ReadText(GroupDir(controller, below) + "/cgroup.procs"));
+    std::vector<pid_t> pids;
+    pid_t pid = 0;
+    while (lines >> pid) pids.push_back(pid);
+    return pids;
+}
+
+std::vector<std::string> AllGroups() {
+    std::vector<std::string> all;
+    for (const char* controller : {"cpu", "memory"}) {
+        const std::string root = GroupDir(controller).substr(0, GroupDir(controller).rfind('/'));
+        for (const std::string& name : FoldersOf(root)) {
+            if (name.compare(0, std::string(kTree).size(), kTree) == 0) Collect(root + "/" + name, all);
+        }
+    }
+    return all;
+}
+
+pid_t RunInLeaf(const std::string& below, const std::vector<std::string>& words) {
+    std::vector<std::string> groups{GroupDir("memory", below)};
+    if (GroupDir("cpu", below) != groups[0]) groups.push_back(GroupDir("cpu", below));
+    return Spawn(words, "/tmp/leaf.out", groups);
+}
+
+int WaitEnd(pid_t pid, int seconds) {
+    int status = -1;
+    if (pid > 0 && Poll(seconds, [&] { return waitpid(pid, &status, WNOHANG) == pid; })) return status;
+    return -1;
+}
+
+void AgentInGuest::SetUp() {
+    ASSERT_NE(Layout(), "") << "these tests run in virtual machines only: they take the whole guest for themselves";
+    ASSERT_EQ(Command(std::string("rm -rf ") + kAppDir + " 2>&1"), "");
+    ASSERT_EQ(AllGroups(), std::vector<std::string>()) << "left by the test before this one";
+    mkdir(kAppDir, 0750);
+    mkdir((std::string(kAppDir) + "/conf").c_str(), 0750);
+    unlink("/tmp/kill");
+}
+
+void AgentInGuest::TearDown() {
+    if (HasFailure()) {
+        const std::string log = Log();
+        const size_t from = log.size() > kShownLogBytes ? log.size() - kShownLogBytes : 0;
+        printf("--- log\n%s\n--- output\n%s\n--- events\n%s\n--- groups\n%s\n--- kernel\n%s\n", log.c_str() + from,
+               ReadText(m_lastOutput).c_str(), ReadText(std::string(kAppDir) + "/log/tervane.events.jsonl").c_str(),
+               Command("cd " + GroupDir("memory") + " && find . -name 'memory.events' -o -name cgroup.procs "
+                       "-o -name memory.max -o -name cpu.max | while read f; do echo $f: $(cat $f); done").c_str(),
+               Command("dmesg | tail -n 15; free; ps").c_str());
+    }
+    if (m_pid > 0) {
+        kill(m_pid, SIGKILL);
+        WaitEnd(m_pid, kSettleSeconds);
+    }
+    Poll(kSettleSeconds, [] {
+        for (const std::string& group : AllGroups()) rmdir(group.c_str());
+        return AllGroups().empty();
+    });
+}
+
+void AgentInGuest::WriteResource(const std::map<std::string, std::string>& keys) {
+    std::map<std::string, std::string> all{{"max_cpu", "100"},
+                                           {"max_memory", "400"},
+                                           {"max_fd", "1024"},
+                                           {"resource_limit_mode", "13"},
+                                           {"cpu_all", "1"},
+                                           {"mem_limit_kernel_range", "3.10.0-0,99.0.0-0"}};
+    for (const auto& key : keys) all[key.first] = key.second;
+    std::string text;
+    for (const auto& key : all) text += key.first + " = " + key.second + "\n";
+    ASSERT_TRUE(WriteText(std::string(kAppDir) + "/conf/resource_config", text));
+}
+
+void AgentInGuest::WriteRoomyResource(const std::map<std::string, std::string>& more) {
+    std::map<std::string, std::string> all{
+        {"cgroup_groups", "main:60:61440,guard:20:40960,collect-defense:30:40960"},
+        {"cgroup_components",
+         "Tervane:main:main:10000:61440,Killable:collect-defense:collect-defense:5000:12288,"
+         "Greedy:collect-defense:collect-defense:2000:20480,Quiet:guard:guard:10000:30720"}};
+    for (const auto& key : more) all[key.first] = key.second;
+    WriteResource(all);
+}
+
+void AgentInGuest::WriteOnline(const std::string& text) {
+    const std::string path = std::string(kAppDir) + "/conf/online_config.json";
+    ASSERT_TRUE(WriteText(path + ".new", text));
+    ASSERT_EQ(rename((path + ".new").c_str(), path.c_str()), 0);
+}
+
+void AgentInGuest::WriteComponents(const std::string& list) {
+    ASSERT_TRUE(WriteText(std::string(kAppDir) + "/conf/components.json",
+                          "{\"version\": 1, \"components\": [" + list + "]}\n"));
+}
+
+void AgentInGuest::StartAgent(const std::vector<std::string>& more) {
+    const int before = LogCount("tervane " ZEL_VERSION " is running, process ");
+    std::vector<std::string> words{TERVANE_PROGRAM, "--app-dir", kAppDir};
+    words.insert(words.end(), more.begin(), more.end());
+    m_lastOutput = "/tmp/agent." + std::to_string(++m_starts) + ".out";
+    m_pid = Spawn(words, m_lastOutput, {});
+    bool ended = false;
+    const bool up = Poll(kStartSeconds, [&] {
+        ended = waitpid(m_pid, nullptr, WNOHANG) == m_pid;
+        return ended || LogCount("tervane " ZEL_VERSION " is running, process ") > before;
+    });
+    if (ended) m_pid = -1;
+    ASSERT_TRUE(up && !ended) << "the agent did not start: " << ReadText(m_lastOutput);
+}
+
+int AgentInGuest::StopAgent() {
+    kill(m_pid, SIGTERM);
+    int status = WaitEnd(m_pid, kSettleSeconds);
+    if (status == -1) return -1;
+    m_pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+}
+
+void AgentInGuest::KillMain() {
+    kill(m_pid, SIGKILL);
+    ASSERT_NE(WaitEnd(m_pid, kSettleSeconds), -1);
+    m_pid = -1;
+    // The components follow it; those that are no child of ours end in the hands of the guest's first process.
+    EXPECT_TRUE(Poll(kSettleSeconds, [] {
+        for (const std::string& group : AllGroups()) {
+            if (!ReadText(group + "/cgroup.procs").empty()) return false;
+        }
+        return true;
+    })) << "components outlive their main process";
+}
+
+Json::Value AgentInGuest::Status() {
+    Json::Value status(Json::objectValue);
+    Parse(Command(std::string(TERVANECTL_PROGRAM) + " --app-dir " + kAppDir + " status --json 2>&1"), status);
+    return status;
+}
+
+Json::Value AgentInGuest::ComponentOf(const std::string& name) {
+    const Json::Value status = Status();
+    if (!status.isObject()) return Json::Value(Json::objectValue);
+    for (const Json::Value& component : status["components"]) {
+        if (component["name"].asString() == name) return component;
+    }
+    return Json::Value(Json::objectValue);
+}
+
+pid_t AgentInGuest::PidOf(const std::string& name) { return ComponentOf(name)["pid"].asInt(); }
+
+bool AgentInGuest::WaitLog(const std::string& part, int count) {
+    return Poll(kSettleSeconds, [&] { return LogCount(part) >= count; });
+}
+
+std::vector<Json::Value> AgentInGuest::Messages(const std::string& messageType) {
+    std::vector<Json::Value> bodies;
+    std::istringstream lines(ReadText(std::string(kAppDir) + "/log/tervane.events.jsonl"));
+    std::string line;
+    while (std::getline(lines, line)) {
+        Json::Value event;
+        Json::Value body;
+        if (Parse(line, event) && event["type"].asString() == messageType && Parse(event["body"].asString(), body)) {
+            bodies.push_back(body);
+        }
+    }
+    return bodies;
+}
+
+std::vector<Json::Value> AgentInGuest::OomEvents(const std::string& type) {
+    std::vector<Json::Value> events;
+    for (const Json::Value& body : Messages("T_MSG_OS_ABNORMAL")) {
+        if (body["type"].asString() == type) events.push_back(body);
+    }
+    return events;
+}
+
+std::string AgentInGuest::KillableComponent(const std::string& name, const std::string& group) {
+    return "{\"name\": \"" + name + "\", \"group\": \"" + group +
+           "\", \"command\": [\"/bin/sh\", \"-c\", "
+           "\"while [ ! -e /tmp/kill ]; do sleep 0.2; done; rm /tmp/kill; exec vm-hog 256 600\"]}";
+}
+
+void AgentInGuest::KillComponentOnce(const std::string& name, const std::string& group) {
+    const std::string leaf = group + "/" + name;
+    ASSERT_TRUE(Poll(kStartSeconds, [&] { return !ProcessesIn("memory", leaf).empty(); })) << leaf << " stays empty";
+    const int64_t before = KillsIn(leaf);
+    ASSERT_TRUE(WriteText("/tmp/kill", ""));
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return KillsIn(leaf) == before + 1; })) << "not killed";
+}
+
+}  // namespace guest
