@@ -17,7 +17,8 @@
 //   OOM watermark and detection      src/abnormal/OomWatermark.cpp, CgroupOom.cpp
 //
 // Threads that enter: the host's threads, the timer thread (timeEvent), the sampling thread (MonitorOther), the
-// online configuration's notify thread (OnUpdate), the statistics collector (GetExceptionInfo).
+// online configuration's notify thread (OnUpdate), the statistics collector (GetExceptionInfo), the thread that takes
+// the host's messages (ReloadCgroupClientConfig, which resets the legacy limits' state beside OnUpdate).
 #pragma once
 
 #include <sys/types.h>
@@ -210,17 +211,17 @@ protected:
     std::string m_appName;
     RelaxedValue<bool> m_isMainAgent{false};
     // legacy limits
-    bool m_legacyCpuEnabled = false;
+    RelaxedValue<bool> m_legacyCpuEnabled{false};
     RelaxedValue<int32_t> m_legacyCpuErrorCode{0};  // result * 10000 + error
-    int32_t m_legacyCpuMode = -1;                   // -1: no change applied yet
-    int32_t m_legacyCpuLimitValue = 0;              // hundredths of a percent
-    int32_t m_legacyCpuCallCount = 0;
-    int64_t m_legacyCpuLastRetryTime = 0;  // seconds since the epoch
-    bool m_legacyMemLimited = false;
-    bool m_legacyMemEnabled = false;
-    int32_t m_legacyMemFirstLimit = 0;
-    int32_t m_legacyMemSecondLimit = 0;
-    int32_t m_legacyMemErrorCode = 0;
+    RelaxedValue<int32_t> m_legacyCpuMode{-1};       // -1: no change applied yet
+    RelaxedValue<int32_t> m_legacyCpuLimitValue{0};  // hundredths of a percent
+    RelaxedValue<int32_t> m_legacyCpuCallCount{0};
+    RelaxedValue<int64_t> m_legacyCpuLastRetryTime{0};  // seconds since the epoch
+    RelaxedValue<bool> m_legacyMemLimited{false};
+    RelaxedValue<bool> m_legacyMemEnabled{false};
+    RelaxedValue<int32_t> m_legacyMemFirstLimit{0};
+    RelaxedValue<int32_t> m_legacyMemSecondLimit{0};
+    RelaxedValue<int32_t> m_legacyMemErrorCode{0};
     // lifecycle
     std::string m_configPath;
     COsAbnormalMonitor m_osAbnormalMonitor;

@@ -2,7 +2,8 @@
 //
 // A process in a unified group has that group's quota as its real bound; the maxima of the sampling class follow it.
 // The main process knows its quota from the component list it built, every other process from its cgroup client.
-// Entered by the configuration and notify threads, and by the host's message thread (client reload).
+// Entered by the configuration and notify threads and, with the client reload, by the host's message thread at any
+// moment beside them.
 #include <unistd.h>
 
 #include <algorithm>

@@ -1,5 +1,6 @@
 // The legacy CPU limit: one group for the whole agent, set through the utility library's limit object.
-// Entered by configuration parsing and by the online update, which their callers serialise.
+// Entered by configuration parsing and by the online update, which their callers serialise. A client reload on another
+// thread may reset the remembered values meanwhile (LegacyLimitState.cpp).
 #include <unistd.h>
 
 #include <ctime>

@@ -1,5 +1,8 @@
 // What the module remembers of the legacy limits: resets only forget, detaches make the library forget too, and only
-// the disable removes the limits. Entered by the thread that handles the configuration.
+// the disable removes the limits.
+// Entered by the thread that handles the configuration and, in a component, also by the one that takes the host's
+// messages (client reload), at any moment of an online update. Every member is an atomic of its own; what the update
+// stores after a reset stands until its next pass, where the client's membership decides again.
 #include "MonitorPri.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ResourceLimitUtil.h"

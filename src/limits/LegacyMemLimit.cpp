@@ -1,6 +1,7 @@
 // The legacy memory limit: one group for the whole agent, where the kernel is allowed and no recent failure is on
 // record.
-// Entered by configuration parsing and by the online update, which their callers serialise.
+// Entered by configuration parsing and by the online update, which their callers serialise. A client reload on another
+// thread may reset the remembered values meanwhile (LegacyLimitState.cpp).
 #include "LegacyLimitMath.h"
 #include "MonitorPri.h"
 #include "platform/zel/CgroupManager.h"

@@ -32,6 +32,9 @@ std::string Show(const std::vector<zel::CgroupComponentQuota>& quotas) {
 
 namespace zel {
 
+// The client and the legacy state are used by two threads at once.
+using Guard = std::lock_guard<std::recursive_mutex>;
+
 struct CCgroupManager::Impl {};
 CCgroupManager::CCgroupManager() {
     P().Record("CCgroupManager::CCgroupManager()");
@@ -111,6 +114,7 @@ CCgroupClient::CCgroupClient() = default;
 CCgroupClient::~CCgroupClient() { P().Record("CCgroupClient::~CCgroupClient()"); }
 #define ZEL_GETTER(type, name, member)              \
     type CCgroupClient::name() {                    \
+        const Guard guard(P().lock);                \
         P().Record("CCgroupClient::" #name "()");   \
         return P().client.member.Next();            \
     }
@@ -184,18 +188,22 @@ IResourceLimitUtil* GetResourceLimitUtil() {
     return P().limit.present ? &util : nullptr;
 }
 void ClearResourceLimitCpuCgroupState() {
+    const Guard guard(P().lock);
     P().Record("ClearResourceLimitCpuCgroupState()");
     P().limit.cpuV2Runtime.Always(false);
 }
 void ClearResourceLimitMemCgroupState() {
+    const Guard guard(P().lock);
     P().Record("ClearResourceLimitMemCgroupState()");
     P().limit.memV2Runtime.Always(false);
 }
 bool IsResourceLimitCpuCgroupV2Runtime() {
+    const Guard guard(P().lock);
     P().Record("IsResourceLimitCpuCgroupV2Runtime()");
     return P().limit.cpuV2Runtime.Next();
 }
 bool IsResourceLimitMemCgroupV2Runtime() {
+    const Guard guard(P().lock);
     P().Record("IsResourceLimitMemCgroupV2Runtime()");
     return P().limit.memV2Runtime.Next();
 }

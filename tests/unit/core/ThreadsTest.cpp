@@ -6,6 +6,7 @@
 
 #include "CoreFixture.h"
 #include "Monitor.h"
+#include "platform/zel/CgroupClient.h"
 
 namespace {
 
@@ -83,6 +84,41 @@ TEST_F(ThreadsTest, EnterThePrivateObjectTogether) {
         },
     });
     EXPECT_EQ(0, wrong);
+    EXPECT_TRUE(pri().StopMonitor());
+}
+
+// A component's message thread reloads its client whenever the main process says so, also in the middle of an update.
+TEST_F(ThreadsTest, AReloadOfTheClientResetsTheLegacyLimitsWhileAnUpdateAppliesThem) {
+    zel::CCgroupClient client;
+    pri().SetCgroupClient(&client);
+    pri().SetConfigPath(WriteConfig("resource_limit_mode=5\n"));
+    ASSERT_TRUE(pri().StartMonitor(nullptr, "tervaneupdate"));
+    platform().client.memPath.Always("/sys/fs/cgroup/zel.agent/main");
+    platform().files.existing.insert("/sys/fs/cgroup/zel.agent/main/cgroup.controllers");
+    for (int i = 0; i < kRounds * 10; ++i) {  // in and out of the groups, with every other answer differing
+        platform().client.cpuJoined.Then(i % 3 == 0);
+        platform().client.memJoined.Then(i % 5 < 2);
+    }
+
+    RunTogether(kRounds, {
+        [&](int round) {
+            conf().resourceLimitMode.Set(round % 2 == 0 ? 5 : 0);
+            pri().OnUpdate();
+        },
+        [&](int) { pri().ReloadCgroupClientConfig(); },
+        [&](int) {
+            std::map<std::string, std::string> info;
+            pri().GetExceptionInfo(info);
+            pri().IsResourceLimited();
+        },
+    });
+    platform().client.cpuJoined.Always(true);
+    platform().client.memJoined.Always(true);
+    pri().m_legacyCpuEnabled = true;
+    pri().m_legacyMemEnabled = true;
+    EXPECT_TRUE(pri().ReloadCgroupClientConfig());
+    EXPECT_FALSE(pri().m_legacyCpuEnabled);
+    EXPECT_FALSE(pri().m_legacyMemEnabled);
     EXPECT_TRUE(pri().StopMonitor());
 }
 

@@ -69,16 +69,19 @@ protected:
     std::string CpuState() {
         return doubles::Format("limited=%d enabled=%d value=%d retry=%lld | code=%d mode=%d count=%d",
                                static_cast<int>(pri().m_resourceLimited), static_cast<int>(pri().m_legacyCpuEnabled),
-                               pri().m_legacyCpuLimitValue,
+                               static_cast<int>(pri().m_legacyCpuLimitValue),
                                static_cast<long long>(pri().m_legacyCpuLastRetryTime),
-                               static_cast<int>(pri().m_legacyCpuErrorCode), pri().m_legacyCpuMode,
-                               pri().m_legacyCpuCallCount);
+                               static_cast<int>(pri().m_legacyCpuErrorCode),
+                               static_cast<int>(pri().m_legacyCpuMode),
+                               static_cast<int>(pri().m_legacyCpuCallCount));
     }
     std::string MemState() {
         return doubles::Format("limited=%d enabled=%d first=%d second=%d | code=%d",
                                static_cast<int>(pri().m_legacyMemLimited),
-                               static_cast<int>(pri().m_legacyMemEnabled), pri().m_legacyMemFirstLimit,
-                               pri().m_legacyMemSecondLimit, pri().m_legacyMemErrorCode);
+                               static_cast<int>(pri().m_legacyMemEnabled),
+                               static_cast<int>(pri().m_legacyMemFirstLimit),
+                               static_cast<int>(pri().m_legacyMemSecondLimit),
+                               static_cast<int>(pri().m_legacyMemErrorCode));
     }
     static constexpr const char* kCpuFilled =
         "limited=1 enabled=1 value=950 retry=1699999000 | code=50013 mode=5 count=17";
