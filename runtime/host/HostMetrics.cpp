@@ -192,7 +192,8 @@ void AddDeliveryMetrics(const DeliveryStats& s, std::vector<Metric>& metrics) {
               static_cast<double>(s.inMemory));
     add.Gauge("zel_events_spool_broken", "1 while the spool cannot be written.", s.spoolBroken ? 1 : 0);
     for (const SinkStats& sink : s.sinks) {
-        add.Counter("zel_events_delivered_total", "Messages delivered, by sink.", sink.delivered, {{"sink", sink.name}});
+        add.Counter("zel_events_delivered_total", "Messages delivered, by sink.", sink.delivered,
+                    {{"sink", sink.name}});
         add.Counter("zel_events_delivery_failures_total", "Failed deliveries, by sink.", sink.failures,
                     {{"sink", sink.name}});
         add.Gauge("zel_events_waiting", "Accepted messages not yet delivered, by sink.",
@@ -228,7 +229,8 @@ void AddProcessMetrics(std::vector<Metric>& metrics) {
             add.Gauge("zel_threads", "Threads of the process.", std::strtod(text.c_str() + at + 9, nullptr));
         }
     }
-    add.Counter("zel_http_failures_total", "Failed requests of the HTTP service.", CHttpService::Instance().GetFailCount());
+    add.Counter("zel_http_failures_total", "Failed requests of the HTTP service.",
+                CHttpService::Instance().GetFailCount());
     AddCpuGroup(add);
     AddMemoryGroup(add);
 }

@@ -155,7 +155,8 @@ HttpResult CHttpService::Post(const HttpRequest& request) {
         }
         ++m_failures;
         // An answer of the 400 family will not get better, but for these two.
-        const bool hopeless = result.status >= 400 && result.status < 500 && result.status != 408 && result.status != 429;
+        const long status = result.status;
+        const bool hopeless = status >= 400 && status < 500 && status != 408 && status != 429;
         if (attempt >= request.attempts || hopeless || !m_budget.Take()) return result;
         lock.unlock();
         std::this_thread::sleep_for(std::chrono::milliseconds(kRetryPauseMs * attempt));

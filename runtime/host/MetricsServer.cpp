@@ -147,7 +147,9 @@ bool CMetricsServer::ListenLoopback(const std::string& listenOn, std::string& er
 
 bool CMetricsServer::Start(std::string& error) {
     const bool local = m_options.listen.compare(0, 5, "unix:") == 0;
-    if (local ? !ListenLocal(m_options.listen.substr(5), error) : !ListenLoopback(m_options.listen, error)) return false;
+    const bool listening =
+        local ? ListenLocal(m_options.listen.substr(5), error) : ListenLoopback(m_options.listen, error);
+    if (!listening) return false;
     m_wake = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!m_wake) {
         error = "metrics: no event descriptor: " + ErrnoText(errno);

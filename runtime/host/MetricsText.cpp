@@ -43,7 +43,8 @@ std::string Number(double value) {
 std::string LabelText(const Metric& metric, const MetricLabels& common) {
     MetricLabels labels = metric.labels;
     for (const auto& label : common) {
-        const bool given = std::any_of(labels.begin(), labels.end(), [&](const auto& l) { return l.first == label.first; });
+        const bool given =
+            std::any_of(labels.begin(), labels.end(), [&](const auto& l) { return l.first == label.first; });
         if (!given && !label.second.empty()) labels.push_back(label);
     }
     std::sort(labels.begin(), labels.end());

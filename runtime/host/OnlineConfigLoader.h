@@ -58,7 +58,6 @@ private:
     std::mutex m_lock;
     std::condition_variable m_answered;
     bool m_stop = false;
-    bool m_event = false;
     uint64_t m_reloadWanted = 0;
     uint64_t m_reloadDone = 0;
     bool m_reloadOk = false;

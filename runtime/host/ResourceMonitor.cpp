@@ -472,8 +472,8 @@ void CResourceMonitor::Impl::Warn(ResourceKind kind, WarningStage stage, int64_t
     const char* stageText = stage == WarningStage::kReached     ? "at its maximum"
                             : stage == WarningStage::kSustained ? "at its maximum for a whole breach period"
                                                                 : "below its maximum again";
-    warning.text = text.empty() ? std::string(KindName(kind)) + " " + stageText + ": " + Quantity(kind, value) + " of " +
-                                      Quantity(kind, limit)
+    warning.text = text.empty() ? std::string(KindName(kind)) + " " + stageText + ": " +
+                                      Quantity(kind, value) + " of " + Quantity(kind, limit)
                                 : text;
     if (warning.tid != 0) {
         warning.text += ", busiest thread " + std::to_string(warning.tid) + " (" + warning.name + ")";

@@ -66,7 +66,8 @@ TEST_F(EventDeliveryTest, BytesThatAreNoTextBecomeReplacementCharacters) {
     Json::Value root;
     ASSERT_TRUE(Json::Reader().parse(MessageJson(m, "p"), root));
     EXPECT_EQ(root["body"].asString(),
-              "ok \xc3\xa4 \xef\xbf\xbd \xef\xbf\xbd\xef\xbf\xbd \xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd \xef\xbf\xbd \x01 \\");
+              "ok \xc3\xa4 \xef\xbf\xbd "
+              "\xef\xbf\xbd\xef\xbf\xbd \xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd \xef\xbf\xbd \x01 \\");
 }
 
 TEST_F(EventDeliveryTest, MessagesReachTheFileInOrder) {

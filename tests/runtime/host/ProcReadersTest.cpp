@@ -47,7 +47,8 @@ TEST(ProcReadersTest, LoadTakesTheFirstNumber) {
 }
 
 TEST(ProcReadersTest, StatBearsHostileNames) {
-    const std::string rest = " S 1 2 3 0 -1 4194304 10 0 0 0 150 25 0 0 20 0 1 0 98765 1000000 321 18446744073709551615";
+    const std::string rest = " S 1 2 3 0 -1 4194304 10 0 0 0 150 25 0 0 20 0 1 0 98765 1000000 321 "
+                             "18446744073709551615";
     for (const std::string name : {"plain", "with blank", "a) R 1 2 3", ")))", ""}) {
         ProcStat stat;
         ASSERT_TRUE(ParseProcStat(("42 (" + name + ")" + rest).c_str(), stat)) << name;
