@@ -714,7 +714,8 @@ bool CCgroupManager::Impl::WriteConfig(const std::string& path, const std::vecto
 
 Status CCgroupManager::Impl::ReadOom() {
     if (!enabled[At(Controller::kMemory)]) {
-        oom.Observe({});
+        // What the groups counted before the controller comes back is not news then.
+        oom.Reset();
         return {};
     }
     Result<GroupDir> tree = OpenTreeFor(Controller::kMemory);

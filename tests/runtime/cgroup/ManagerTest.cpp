@@ -225,8 +225,8 @@ TEST_F(CgroupManagerTest, RefusesAProcessThatIsNotThere) {
 TEST_F(CgroupManagerTest, RefusesGroupNamesThatLeadElsewhereAndAppliesTheOthers) {
     for (const char* name : {"../evil", "a/b", "", ".", "..", "a b", "-x"}) {
         faults::Clear();
-        EXPECT_FALSE(manager.Reconcile(true, true, Total(9, 307200), {Group(name, 100, 1024), Group("main", 180, 23040)}))
-            << name;
+        const std::vector<zel::CgroupGroupConfig> groups = {Group(name, 100, 1024), Group("main", 180, 23040)};
+        EXPECT_FALSE(manager.Reconcile(true, true, Total(9, 307200), groups)) << name;
         EXPECT_EQ(1u, faults::Warnings().size()) << name;
         EXPECT_EQ("1800 100000", CpuLimit("main"));
         EXPECT_TRUE(manager.IsCpuCgroupEnabled());
@@ -367,7 +367,7 @@ TEST_F(CgroupManagerTest, AdoptsTheTreeOfAMainProcessThatWasKilled) {
     EXPECT_EQ(inode, InodeOf(cpuTree + "/main"));
     EXPECT_EQ("9000 100000", CpuLimit(""));
     ASSERT_TRUE(manager.WriteComponentConfig(file, {Quota("Tervane", "main", 36, 15360)}, 900, 307200));
-    EXPECT_FALSE(Exists(cpuTree + "/collect-defense/QorHips")) << "what the dead process had and we have not is removed";
+    EXPECT_FALSE(Exists(cpuTree + "/collect-defense/QorHips")) << "what only the dead process had is removed";
 }
 
 TEST_F(CgroupManagerTest, SurvivesAnyKillOfTheMainProcessInTheMiddleOfItsWork) {
@@ -564,6 +564,26 @@ TEST_F(CgroupManagerTest, WorksInsideADelegatedGroupAndGivesItBackAsItWas) {
     EXPECT_EQ(0, WEXITSTATUS(status));
     neighbour.Kill();
     EXPECT_TRUE(Eventually([&] { return rmdir(unit.c_str()) == 0; }));
+}
+
+class CgroupManagerWithoutMemoryTest : public CgroupManagerTest {
+protected:
+    bool RunsWithoutMemory() const override { return true; }
+};
+
+TEST_F(CgroupManagerWithoutMemoryTest, LimitsTheCpuAloneAndSaysWhyNotTheMemory) {
+    EXPECT_TRUE(manager.EnsureInitialized());
+    EXPECT_FALSE(ReconcileWorked());
+    EXPECT_TRUE(manager.IsCpuCgroupEnabled());
+    EXPECT_FALSE(manager.IsMemCgroupEnabled());
+    EXPECT_FALSE(manager.IsParentMemActive());
+    EXPECT_EQ("1800 100000", CpuLimit("main"));
+    EXPECT_THAT(faults::Warnings(), ::testing::Each(HasSubstr("remove cgroup_disable=memory")));
+    EXPECT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 0));
+    EXPECT_THAT(ReadText(file), HasSubstr("\"memory\": null"));
+    std::vector<zel::CgroupMemoryOomEvent> events;
+    EXPECT_TRUE(manager.PollMemoryOomEvents(events));
+    EXPECT_TRUE(manager.Reconcile(true, false, Total(9, 0, true, false), WorkedGroups()));
 }
 
 TEST_F(CgroupManagerTest, HoldsAGreedyComponentToItsQuotaAndLeavesAnotherGroupAlone) {

@@ -48,7 +48,8 @@ TEST(OomCountersTest, CountsTheFirstVictimOfAGroupKillOnce) {
     struct Case {
         int64_t kills, groupKills, victims;
     };
-    const std::vector<Case> cases = {{0, 0, 0}, {1, 0, 1}, {3, 1, 2}, {2, 1, 1}, {-1, -1, 0}, {5, -1, 5}, {1, 1, 1}, {7, 2, 5}};
+    const std::vector<Case> cases = {{0, 0, 0},   {1, 0, 1},  {3, 1, 2}, {2, 1, 1},
+                                     {-1, -1, 0}, {5, -1, 5}, {1, 1, 1}, {7, 2, 5}};
     for (const Case& each : cases) {
         EXPECT_EQ(each.victims, zel::cgroup::VictimsOf(each.kills, each.groupKills)) << each.kills;
     }
@@ -278,6 +279,18 @@ TEST_F(MemoryOomTest, CountsTheVictimsOfAGroupKillOnceEach) {
     ASSERT_EQ(2u, events.size());
     EXPECT_EQ(2, events[1].oom_kill_delta);
     EXPECT_EQ(1, events[1].oom_group_kill_delta);
+}
+
+TEST_F(MemoryOomTest, ReportsNothingOldWhenTheControllerComesBack) {
+    ASSERT_TRUE(Build(200000, 100000, 24576));
+    ASSERT_TRUE(WasKilled(Eat("guard/Hog", 60)));
+    ASSERT_TRUE(manager.Reconcile(true, false, Total(400, 0, true, false),
+                                  {Group("main", 0, 0), Group("guard", 0, 0)}));
+    EXPECT_EQ(Lines{}, Poll());
+    ASSERT_TRUE(Build(200000, 100000, 24576));
+    EXPECT_EQ(Lines{}, Poll());
+    ASSERT_TRUE(WasKilled(Eat("guard/Hog", 60)));
+    EXPECT_EQ(2u, Poll().size());
 }
 
 TEST_F(MemoryOomTest, HasNothingToSayWhenTheMemoryControllerIsOff) {
