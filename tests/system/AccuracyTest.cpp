@@ -46,5 +46,58 @@ TEST_F(AgentAccuracyTest, GreedyAgentGetsItsShareOfOneCpuAndNoMore) {
     ExpectNothingLeft();
 }
 
+TEST_F(AgentAccuracyTest, GreedyComponentIsHeldToItsQuotaWhileOneInMainIsNotSlowed) {
+    constexpr int kMeasureMs = 10000;
+    constexpr int kAttempts = 3;
+    // Little enough for a busy machine to give: 14 % for all, 60 parts of 100 of it to main and 20 to the others; in
+    // main nearly everything to one component.
+    WriteResource({{"max_cpu", "10"},
+                   {"max_memory", "1000"},
+                   {"resource_limit_mode", "13"},
+                   {"cgroup_groups", "main:60:100000,collect-defense:20:100000"},
+                   {"cgroup_components",
+                    "Tervane:main:main:2000:30000,Free:main:main:8000:30000,"
+                    "Greedy:collect-defense:collect-defense:10000:30000"}});
+    WriteComponents(
+        "{\"name\": \"Free\", \"group\": \"main\", \"load\": \"greedy:1\"},"
+        "{\"name\": \"Greedy\", \"group\": \"collect-defense\", \"load\": \"greedy:2\"}");
+    Child agent = StartRunningAgent();
+    const std::string greedyLeaf = CpuRoot() + "/" + Tree() + "/collect-defense/Greedy";
+    const std::string freeLeaf = CpuRoot() + "/" + Tree() + "/main/Free";
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] {
+        return ProcessesIn(greedyLeaf).size() == 1 && ProcessesIn(freeLeaf).size() == 1 && ComponentPid("Free") > 0 &&
+               ThreadsOf(ProcessesIn(greedyLeaf)[0]) > 2;
+    }));
+    ASSERT_EQ(ReadNumber(greedyLeaf + "/cpu.cfs_quota_us"), 2800);
+    ASSERT_EQ(ReadNumber(freeLeaf + "/cpu.cfs_quota_us"), 6720);
+    const pid_t greedyPid = ProcessesIn(greedyLeaf)[0];
+    const pid_t freePid = ProcessesIn(freeLeaf)[0];
+    double greedyPercent = 0;
+    double freePercent = 0;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        const double begin = SecondsNow();
+        const double greedyBefore = CpuSecondsOf(greedyPid);
+        const double freeBefore = CpuSecondsOf(freePid);
+        const int64_t throttledBefore = ReadField(freeLeaf + "/cpu.stat", "nr_throttled");
+        SleepMs(kMeasureMs);
+        const double greedyUsed = CpuSecondsOf(greedyPid) - greedyBefore;
+        const double freeUsed = CpuSecondsOf(freePid) - freeBefore;
+        const double elapsed = SecondsNow() - begin;
+        greedyPercent = 100 * greedyUsed / elapsed;
+        freePercent = 100 * freeUsed / elapsed;
+        const auto reached = static_cast<double>(ReadField(freeLeaf + "/cpu.stat", "nr_throttled") - throttledBefore);
+        printf("greedy %.2f %% of 2.80 %%, free %.2f %% of 6.72 %%, which it reached in %.0f of %.0f periods\n",
+               greedyPercent, freePercent, reached, elapsed * 10);
+        EXPECT_LE(greedyPercent, 2.80 * 1.15);
+        EXPECT_LE(freePercent, 6.72 * 1.1);
+        if (reached > 0.9 * elapsed * 10) break;  // otherwise something else on the machine slowed it
+    }
+    EXPECT_GE(freePercent, 6.72 * 0.9) << "a component in main is slowed by a greedy one elsewhere";
+    EXPECT_GE(greedyPercent, 2.80 * 0.85);
+    EXPECT_GT(ReadField(greedyLeaf + "/cpu.stat", "nr_throttled"), 0);
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
 }  // namespace
 }  // namespace agenttest

@@ -136,7 +136,8 @@ protected:
 
     /// A private view of the mounts for the programs that the test starts from here on is made by running them below
     /// `unshare --mount`; the words before the program.
-    static std::vector<std::string> InPrivateMounts(const std::string& shellCommands, const std::vector<std::string>& words);
+    static std::vector<std::string> InPrivateMounts(const std::string& shellCommands,
+                                                    const std::vector<std::string>& words);
 
     std::string m_dir;
     std::string m_tree;

@@ -168,7 +168,8 @@ TEST_F(BadDirectoryTest, ReadOnlyDirectoryCostsWhatIsKeptOnDiskAndNotTheLimits) 
     }));
     EXPECT_TRUE(agent.Running()) << agent.Output();
     EXPECT_NE(agent.Output().find("Read-only file system): log files, events and statistics are not kept on disk"),
-              std::string::npos) << agent.Output();
+              std::string::npos)
+        << agent.Output();
     EXPECT_EQ(ReadNumber(LegacyGroup(CpuRoot()) + "/cpu.cfs_quota_us"), 9500);
     EXPECT_EQ(ProcessesIn(LegacyGroup(MemoryRoot())), std::vector<pid_t>{agent.Pid()});
     EXPECT_EQ(agent.Stop(), 0) << agent.Output();
@@ -177,9 +178,10 @@ TEST_F(BadDirectoryTest, ReadOnlyDirectoryCostsWhatIsKeptOnDiskAndNotTheLimits) 
 
 TEST_F(BadDirectoryTest, FullDirectoryCostsWhatIsKeptOnDiskAndNotTheLimits) {
     // A tmpfs of its own, filled to the last byte, with the configuration in it.
-    const std::string fill = "cp -a " + Dir() + "/conf /tmp/conf." + Tree() + " && mount -t tmpfs -o size=64k,mode=0750 none " +
-                             Dir() + " && mv /tmp/conf." + Tree() + " " + Dir() + "/conf && { head -c 1000000 /dev/zero > " +
-                             Dir() + "/ballast 2>/dev/null || true; }";
+    const std::string fill = "cp -a " + Dir() + "/conf /tmp/conf." + Tree() +
+                             " && mount -t tmpfs -o size=64k,mode=0750 none " + Dir() + " && mv /tmp/conf." + Tree() +
+                             " " + Dir() + "/conf && { head -c 1000000 /dev/zero > " + Dir() +
+                             "/ballast 2>/dev/null || true; }";
     Child agent = Spawn(InPrivateMounts(fill, AgentWords({"--foreground"})), Environment(), NextOutput());
     ASSERT_TRUE(Poll(kStartSeconds, [&] {
         return agent.Output().find(" is running, process ") != std::string::npos || !agent.Running();
@@ -193,15 +195,16 @@ TEST_F(BadDirectoryTest, FullDirectoryCostsWhatIsKeptOnDiskAndNotTheLimits) {
 
 TEST_F(BadDirectoryTest, OrdinaryUserRunsWithoutLimitsAndIsToldWhichAndWhy) {
     // The programs may stand where only root can go, so the user gets copies.
-    std::string script = "cp -L " + AgentWords()[0] + " " + Dir() + "/tervane.program && for l in $(ldd " + AgentWords()[0] +
-                         " | grep -o '/[^ ]*libzel[^ ]*'); do cp -L $l " + Dir() + "/; done && chown -R 65534:65534 " + Dir();
+    std::string script = "cp -L " + AgentWords()[0] + " " + Dir() + "/tervane.program && for l in $(ldd " +
+                         AgentWords()[0] + " | grep -o '/[^ ]*libzel[^ ]*'); do cp -L $l " + Dir() +
+                         "/; done && chown -R 65534:65534 " + Dir();
     std::string output;
     ASSERT_EQ(RunToEnd({"sh", "-c", script}, output), 0) << output;
     std::map<std::string, std::string> environment = Environment();
     environment["LD_LIBRARY_PATH"] = Dir();
-    Child agent = Spawn({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", Dir() + "/tervane.program",
-                         "--app-dir", Dir()},
-                        environment, NextOutput());
+    Child agent = Spawn(
+        {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", Dir() + "/tervane.program", "--app-dir", Dir()},
+        environment, NextOutput());
     ASSERT_TRUE(WaitLog(" is running, process ")) << agent.Output();
     EXPECT_TRUE(LogHas("CPU limit is not in force: ")) << Log();
     EXPECT_TRUE(LogHas("memory limit is not in force: ")) << Log();

@@ -27,12 +27,9 @@ inline std::vector<GroupRow> BuiltInGroups() {
 }
 
 inline std::vector<ComponentRow> BuiltInComponentRows() {
-    return {{"Tervane", "main", 2000, 15360},
-            {"TervaneMonitor", "collect-defense", 6000, 40960},
-            {"TervaneUpdate", "guard", 0, 10240},
-            {"QorHips", "collect-defense", 5000, 20480},
-            {"QorNet", "collect-defense", 5000, 10240},
-            {"QorWebGuard", "collect-defense", 5000, 20480}};
+    return {{"Tervane", "main", 2000, 15360},           {"TervaneMonitor", "collect-defense", 6000, 40960},
+            {"TervaneUpdate", "guard", 0, 10240},       {"QorHips", "collect-defense", 5000, 20480},
+            {"QorNet", "collect-defense", 5000, 10240}, {"QorWebGuard", "collect-defense", 5000, 20480}};
 }
 
 /// Hundredths of a percent of one CPU, and KB; 0 is no limit.

@@ -65,9 +65,12 @@ TEST_F(LegacyModeTest, ChangedMaximumReachesTheKernelAndSwitchingTheModeOffRemov
         const double begin = SecondsNow();
         WriteOnline("{\"maxCpu\": " + std::to_string(percent) + "}");
         const int64_t quota = std::min(95 * percent * 10, 100000);
-        EXPECT_TRUE(Poll(kSettleSeconds, [&] {
-            return ReadNumber(cpu + "/cpu.cfs_quota_us") * 100000 == quota * ReadNumber(cpu + "/cpu.cfs_period_us");
-        })) << percent << ": " << ReadNumber(cpu + "/cpu.cfs_quota_us");
+        EXPECT_TRUE(Poll(kSettleSeconds,
+                         [&] {
+                             return ReadNumber(cpu + "/cpu.cfs_quota_us") * 100000 ==
+                                    quota * ReadNumber(cpu + "/cpu.cfs_period_us");
+                         }))
+            << percent << ": " << ReadNumber(cpu + "/cpu.cfs_quota_us");
         printf("maxCpu %d in force after %.2f s (2 s allowed on an idle machine)\n", percent, SecondsNow() - begin);
     }
     const double begin = SecondsNow();
@@ -76,7 +79,8 @@ TEST_F(LegacyModeTest, ChangedMaximumReachesTheKernelAndSwitchingTheModeOffRemov
     printf("mode off after %.2f s\n", SecondsNow() - begin);
     EXPECT_TRUE(agent.Running());
     WriteOnline("{\"maxCpu\": 20, \"resourceLimitMode\": 1}");
-    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return ReadNumber(LegacyGroup(CpuRoot()) + "/cpu.cfs_quota_us") == 19000; }));
+    EXPECT_TRUE(
+        Poll(kSettleSeconds, [&] { return ReadNumber(LegacyGroup(CpuRoot()) + "/cpu.cfs_quota_us") == 19000; }));
     EXPECT_EQ(agent.Stop(), 0);
     ExpectNothingLeft();
 }
@@ -130,10 +134,10 @@ TEST_F(LegacyModeTest, SecondMainProcessOnTheDirectoryRefusesAndTheFirstGoesOn) 
 }
 
 TEST_F(LegacyModeTest, ReadOnlyControllersAreNamedAndTheAgentRunsWithoutThem) {
-    Child agent = Spawn(InPrivateMounts("mount --bind " + CpuRoot() + " " + CpuRoot() + " && mount -o remount,bind,ro " +
-                                            CpuRoot(),
-                                        AgentWords()),
-                        Environment(), NextOutput());
+    Child agent = Spawn(
+        InPrivateMounts("mount --bind " + CpuRoot() + " " + CpuRoot() + " && mount -o remount,bind,ro " + CpuRoot(),
+                        AgentWords()),
+        Environment(), NextOutput());
     ASSERT_TRUE(WaitLog(" is running, process ")) << agent.Output();
     EXPECT_TRUE(LogHas("CPU limit is not in force")) << Log();
     EXPECT_TRUE(LogHas("read-only")) << Log();

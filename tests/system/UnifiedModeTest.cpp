@@ -54,13 +54,14 @@ protected:
         }
         for (const auto& node : all) {
             if (!HasCpu(CpuGroup(node.first), node.second.cpu)) {
-                return CpuGroup(node.first) + ": quota " + std::to_string(ReadNumber(CpuGroup(node.first) + "/cpu.cfs_quota_us")) +
-                       ", expected " + std::to_string(node.second.cpu) + " hundredths of a percent";
+                return CpuGroup(node.first) + ": quota " +
+                       std::to_string(ReadNumber(CpuGroup(node.first) + "/cpu.cfs_quota_us")) + ", expected " +
+                       std::to_string(node.second.cpu) + " hundredths of a percent";
             }
             if (!HasMemory(MemoryGroup(node.first), node.second.memoryKb)) {
                 return MemoryGroup(node.first) + ": limit " +
-                       std::to_string(ReadNumber(MemoryGroup(node.first) + "/memory.limit_in_bytes")) + " bytes, expected " +
-                       std::to_string(node.second.memoryKb) + " KB";
+                       std::to_string(ReadNumber(MemoryGroup(node.first) + "/memory.limit_in_bytes")) +
+                       " bytes, expected " + std::to_string(node.second.memoryKb) + " KB";
             }
         }
         return "";
@@ -97,7 +98,8 @@ TEST_F(UnifiedModeTest, EveryComponentSitsInItsLeafWithTheTablesNumbersAndFollow
                     ", \"groupMaxMemory\": " + std::to_string(maxima.second) + "}");
         Expectation expected(maxima.first, maxima.second);
         EXPECT_TRUE(Poll(kSettleSeconds, [&] { return Difference(expected).empty(); })) << Difference(expected);
-        printf("maxima %d %%, %d MB in force everywhere after %.2f s\n", maxima.first, maxima.second, SecondsNow() - begin);
+        printf("maxima %d %%, %d MB in force everywhere after %.2f s\n", maxima.first, maxima.second,
+               SecondsNow() - begin);
     }
     for (const auto& component : pids) EXPECT_EQ(kill(component.second, 0), 0) << component.first << " was restarted";
     Json::Value status = Status();
@@ -118,7 +120,9 @@ TEST_F(UnifiedModeTest, EveryComponentSitsInItsLeafWithTheTablesNumbersAndFollow
 TEST_F(UnifiedModeTest, MainProcessKilledAtAnyMomentLeavesNothingThatTheNextOneDoesNotAdopt) {
     // Fixed moments rather than random ones, so that a failure can be seen again: within the start, around the
     // components' starts, and later.
-    WriteComponents("{\"name\": \"QorHips\", \"group\": \"collect-defense\"}, {\"name\": \"QorNet\", \"group\": \"collect-defense\"}");
+    WriteComponents(
+        "{\"name\": \"QorHips\", \"group\": \"collect-defense\"}, {\"name\": \"QorNet\", \"group\": "
+        "\"collect-defense\"}");
     for (int milliseconds : {3, 12, 25, 50, 90, 150, 260, 420, 900, 1800}) {
         Child agent = StartAgent();
         SleepMs(milliseconds);
@@ -146,8 +150,10 @@ TEST_F(UnifiedModeTest, ComponentThatDiesIsStartedAgainLaterEachTimeAndTheBudget
             pid_t now = ComponentPid("QorHips");
             return now > 0 && now != before && IsIn("/collect-defense/QorHips", now);
         }));
-        EXPECT_TRUE(LogHas("(process " + std::to_string(before) + ") ended: killed by signal 9 (Killed), perhaps out of memory: "
-                           "the OOM events tell; next start in " + std::to_string(death) + " s"));
+        EXPECT_TRUE(LogHas("(process " + std::to_string(before) +
+                           ") ended: killed by signal 9 (Killed), perhaps out of memory: "
+                           "the OOM events tell; next start in " +
+                           std::to_string(death) + " s"));
     }
     Json::Value component = Status()["components"][0];
     EXPECT_EQ(component["restarts"].asInt(), 2);
@@ -187,7 +193,10 @@ protected:
         for (const std::string& root : {CpuRoot(), MemoryRoot()}) {
             std::string output;
             ASSERT_EQ(RunToEnd({"nsenter", "--mount", "--target", std::to_string(agent.Pid()), "mount", "-o",
-                                "remount,bind," + how, root}, output), 0) << output;
+                                "remount,bind," + how, root},
+                               output),
+                      0)
+                << output;
         }
     }
 };
@@ -247,7 +256,8 @@ TEST_F(UnifiedModeOnFailingKernelTest, MainProcessThatCannotBePutBackEndsInTheLe
 TEST_F(UnifiedModeOnFailingKernelTest, StartWithoutWritableControllersRunsUnlimitedAndSaysSo) {
     std::string mounts;
     for (const std::string& root : {CpuRoot(), MemoryRoot()}) {
-        mounts += (mounts.empty() ? "" : " && ") + ("mount --bind " + root + " " + root + " && mount -o remount,bind,ro " + root);
+        mounts += (mounts.empty() ? "" : " && ") +
+                  ("mount --bind " + root + " " + root + " && mount -o remount,bind,ro " + root);
     }
     Child agent = Spawn(InPrivateMounts(mounts, AgentWords()), Environment(), NextOutput());
     ASSERT_TRUE(WaitLog(" is running, process ")) << agent.Output();
@@ -279,14 +289,97 @@ TEST_F(UnifiedModeTest, SwitchingBetweenModesLeavesOneKindOfLimitOnly) {
                ReadNumber(legacy + "/cpu.cfs_quota_us") == 28500;
     })) << "both processes belong into the one group";
     WriteOnline("{\"resourceLimitMode\": 13}");
-    EXPECT_TRUE(Poll(kSettleSeconds, [&] {
-        return Difference(Expectation(100, 200)).empty() && IsIn("/main/Tervane", agent.Pid()) &&
-               IsIn("/collect-defense/QorHips", component) && LegacyGroup(CpuRoot()).empty() &&
-               LegacyGroup(MemoryRoot()).empty();
-    })) << Difference(Expectation(100, 200)) << " legacy group " << LegacyGroup(CpuRoot());
+    EXPECT_TRUE(Poll(kSettleSeconds,
+                     [&] {
+                         return Difference(Expectation(100, 200)).empty() && IsIn("/main/Tervane", agent.Pid()) &&
+                                IsIn("/collect-defense/QorHips", component) && LegacyGroup(CpuRoot()).empty() &&
+                                LegacyGroup(MemoryRoot()).empty();
+                     }))
+        << Difference(Expectation(100, 200)) << " legacy group " << LegacyGroup(CpuRoot());
     EXPECT_EQ(ComponentPid("QorHips"), component);
     EXPECT_EQ(agent.Stop(), 0);
     ExpectNothingLeft();
+}
+
+/// Texts of groups and components that are not as they should be.
+struct SpecCase {
+    const char* what;
+    std::string groups;
+    std::string components;
+    std::vector<GroupRow> expectedGroups;
+    std::vector<ComponentRow> expectedComponents;
+};
+
+class SpecTest : public UnifiedModeTest {
+protected:
+    void SetUp() override {
+        UnifiedModeTest::SetUp();
+        if (!IsSkipped()) WriteComponents("");
+    }
+};
+
+TEST_F(SpecTest, MalformedEntriesAreSkippedAndTheRestIsInForce) {
+    const std::vector<GroupRow> builtInGroups = BuiltInGroups();
+    const std::vector<ComponentRow> builtInComponents = BuiltInComponentRows();
+    const std::vector<SpecCase> cases{
+        {"two fields", "a:10", "", builtInGroups, builtInComponents},
+        {"only separators", ",,:,::::", ",:::::,", builtInGroups, builtInComponents},
+        {"one good group among bad ones",
+         "main:30:20480,bad,b:5:200:9",
+         "Tervane:main:main:5000:20480",
+         {{"main", 30, 20480}},
+         {{"Tervane", "main", 5000, 20480}}},
+        {"four fields of a component", "", "Tervane:main:main:2000", builtInGroups, builtInComponents},
+        {"zero and negative shares",
+         "main:0:20480,off:-5:10240",
+         "Tervane:main:main:2000:15360,Idle:off:off:-1:10240",
+         {{"main", 0, 20480}, {"off", 0, 10240}},
+         {{"Tervane", "main", 0, 15360}, {"Idle", "off", 0, 10240}}},
+        {"component of a group that does not exist",
+         "",
+         "Tervane:main:main:2000:15360,Lost:nowhere:nowhere:5000:10240",
+         builtInGroups,
+         {{"Tervane", "main", 2000, 15360}}},
+        {"shares that are no numbers",
+         "main:twenty:much,guard:0:10240",
+         "Tervane:main:main:some:15360",
+         {{"main", 0, 0}, {"guard", 0, 10240}},
+         {{"Tervane", "main", 0, 15360}}},
+    };
+    for (const SpecCase& one : cases) {
+        SCOPED_TRACE(one.what);
+        WriteResource({{"max_cpu", "100"},
+                       {"max_memory", "200"},
+                       {"resource_limit_mode", "13"},
+                       {"cgroup_groups", one.groups},
+                       {"cgroup_components", one.components}});
+        Child agent = StartRunningAgent();
+        const Expectation expected(100, 200);
+        EXPECT_EQ(Difference(expected, one.expectedGroups, one.expectedComponents), "");
+        EXPECT_TRUE(IsIn("/main/Tervane", agent.Pid()));
+        EXPECT_EQ(ChildrenOf(CpuGroup()).size(), one.expectedGroups.size()) << "another group was made";
+        EXPECT_EQ(agent.Stop(), 0);
+        ExpectNothingLeft();
+    }
+}
+
+TEST_F(SpecTest, NameThatLeadsElsewhereMakesNoGroupThere) {
+    for (const char* name : {"..", "../escape", "a/b", ".", "cpu.shares", "cgroup.procs"}) {
+        SCOPED_TRACE(name);
+        const std::vector<std::string> before = ChildrenOf(CpuRoot(), "escape");
+        WriteResource({{"max_cpu", "100"},
+                       {"max_memory", "200"},
+                       {"resource_limit_mode", "13"},
+                       {"cgroup_groups", "main:20:15360," + std::string(name) + ":10:10240"}});
+        Child agent = StartRunningAgent();
+        EXPECT_TRUE(agent.Running());
+        EXPECT_EQ(ChildrenOf(CpuRoot(), "escape"), before);
+        EXPECT_FALSE(Exists(CpuGroup("/a/b")));
+        EXPECT_TRUE(LogHas(name)) << "not a line about it: " << Log();
+        EXPECT_EQ(agent.Stop(), 0);
+        ExpectNothingLeft();
+        unlink((Dir() + "/log/tervane.log").c_str());
+    }
 }
 
 }  // namespace
