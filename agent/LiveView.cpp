@@ -141,6 +141,7 @@ std::string FormatPicture(const StatusReport& report, const std::map<std::string
         }
         text += "\n";
     }
+    for (const TailEvent& event : report.lastEvents) text += "        " + DescribeEvent(event) + "\n";
     return text;
 }
 
@@ -235,6 +236,7 @@ void LiveView::Summary(const StatusReport& report) {
         text += Text("  %s ended %llu times, last: %s\n", component.name.c_str(),
                      static_cast<unsigned long long>(component.restarts), component.lastReason.c_str());
     }
+    for (const TailEvent& event : report.lastEvents) text += "  event " + DescribeEvent(event) + "\n";
     std::lock_guard<std::mutex> guard(m_lock);
     text += Text("  %llu events accepted, %llu log lines of level 3 or worse\n",
                  static_cast<unsigned long long>(report.delivery.accepted), static_cast<unsigned long long>(m_lineCount));

@@ -14,6 +14,7 @@
 #include <ctime>
 
 #include "ControlServer.h"
+#include "EventTail.h"
 #include "ExitCode.h"
 #include "LiveView.h"
 #include "Monitor.h"
@@ -35,6 +36,7 @@ namespace {
 constexpr const char* kNotifyMessage = "T_MSG_IPC_CGROUP_CONFIG_NOTIFY";
 constexpr long kLoopNs = 250L * 1000 * 1000;
 constexpr unsigned int kComponentGraceMs = 5000;
+constexpr size_t kShownEvents = 4;
 constexpr int64_t kLimitCheckSeconds = 5;
 constexpr int kModeCpu = 1;
 constexpr int kModeMemory = 4;
@@ -238,6 +240,17 @@ void Process::StartComponents() {
         }
         return directories;
     });
+    zel::CgroupTreeStatus tree;
+    std::string reason;
+    if (zel::ReadCgroupTreeStatus(tree, reason)) m_oomPicture = TakeOomPicture(tree);
+    m_supervisor->SetKillExplanation([this](const std::string& name) {
+        zel::CgroupTreeStatus now;
+        std::string unreadable;
+        if (!zel::ReadCgroupTreeStatus(now, unreadable)) return std::string();
+        std::string cause = ExplainOomKill(m_oomPicture, now, name);
+        m_oomPicture = TakeOomPicture(now);
+        return cause;
+    });
     m_supervisor->Configure(components);
 }
 
@@ -292,12 +305,14 @@ int Process::Loop() {
             drawn = second;
             StatusReport report;
             Collect(report);
+            report.lastEvents = ReadEventTail(m_options.appDir + "/log/" + m_options.name + ".events.jsonl", kShownEvents);
             m_view->Draw(report);
         }
         if (m_options.forSeconds != 0 && second >= static_cast<int64_t>(m_options.forSeconds)) {
             if (m_view != nullptr) {
                 StatusReport report;
                 Collect(report);
+                report.lastEvents = ReadEventTail(m_options.appDir + "/log/" + m_options.name + ".events.jsonl", kShownEvents);
                 m_view->Summary(report);
             }
             return kExitClean;

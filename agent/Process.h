@@ -11,6 +11,7 @@
 
 #include "AppDirectory.h"
 #include "EventSink.h"
+#include "OomAttribution.h"
 #include "Options.h"
 #include "Supervisor.h"
 #include "Workers.h"
@@ -74,6 +75,7 @@ private:
     bool m_monitorStarted = false;
     int64_t m_startedAt = 0;
     std::map<unsigned int, std::string> m_watched;
+    OomPicture m_oomPicture;  // counters at the last look, for the attribution of the next kill
     // What the main thread last saw of the components, for the threads that ask.
     std::mutex m_componentLock;
     std::vector<ComponentStatus> m_componentStatus;

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "EventTail.h"
 #include "Supervisor.h"
 #include "Workers.h"
 #include "platform/host/HostServices.h"
@@ -34,6 +35,7 @@ struct StatusReport {
     std::vector<ComponentStatus> components;
     zel::CgroupStatus cgroup;          ///< this process's own groups, as the kernel says
     zel::CgroupTreeStatus tree;        ///< the unified tree; empty in the legacy mode
+    std::vector<TailEvent> lastEvents;  ///< for the live view only
 };
 
 /// One sentence: which limits hold this process, and what was asked for and does not hold. Pure.

@@ -29,7 +29,6 @@ void LogLine(const std::string& text, int level) { zel::CLogMessage::GetInstance
 std::string DescribeEnd(int status) {
     if (WIFSIGNALED(status)) {
         std::string text = "killed by signal " + std::to_string(WTERMSIG(status)) + " (" + strsignal(WTERMSIG(status)) + ")";
-        if (WTERMSIG(status) == SIGKILL) text += ", perhaps out of memory: the OOM events tell";
         return text;
     }
     int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -147,6 +146,10 @@ void Supervisor::Reap(int64_t now) {
         end.pid = component.pid;
         end.status = status;
         end.reason = DescribeEnd(status);
+        if (m_explainKill && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) {
+            std::string cause = m_explainKill(component.config.name);
+            if (!cause.empty()) end.reason += ", " + cause;
+        }
         component.nextStartAt = m_budget.NoteDeath(component.config.name, component.startedAt, now, end.reason);
         component.state = ComponentState::kWaiting;
         component.pid = 0;

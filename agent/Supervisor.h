@@ -53,6 +53,11 @@ public:
         m_placement = std::move(placement);
     }
 
+    /// Asked when a component was killed by signal 9: words on what ran out of memory, empty when nothing did.
+    void SetKillExplanation(std::function<std::string(const std::string& name)> explain) {
+        m_explainKill = std::move(explain);
+    }
+
     void Configure(const std::vector<ComponentConfig>& components);
     /// Starts what is due, reaps what ended. Call it about four times a second and after SIGCHLD.
     void Tick(int64_t now);
@@ -82,6 +87,7 @@ private:
     std::string m_budgetPath;
     std::function<void(const ComponentEnd&)> m_onEnd;
     std::function<std::vector<std::string>(const std::string&)> m_placement;
+    std::function<std::string(const std::string&)> m_explainKill;
     RestartBudget m_budget;
     std::vector<Component> m_components;
 };

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "Doctor.h"
+#include "ShowEvents.h"
 #include "ShowStatus.h"
 
 namespace {
@@ -66,6 +67,9 @@ int main(int argc, char** argv) {
     CLI::App* status = app.add_subcommand("status", "use against limits, mode and its reason, components, delivery");
     status->add_flag("--json", json, "as JSON");
     CLI::App* doctor = app.add_subcommand("doctor", "what this host allows, what is in force, and what to do about the rest");
+    unsigned int last = 20;
+    CLI::App* events = app.add_subcommand("events", "the last delivered events, and the stored findings about the host");
+    events->add_option("--last", last, "how many")->capture_default_str()->check(CLI::Range(1, 1000));
     app.add_subcommand("metrics", "the process's metrics in Prometheus text form");
     app.add_subcommand("threads", "per-thread CPU report with the busiest thread's kernel stack");
     app.add_subcommand("statistics", "the registered statistics, collected now");
@@ -88,6 +92,10 @@ int main(int argc, char** argv) {
     if (appDir.empty()) {
         fprintf(stderr, "tervanectl: which agent? name its directory with --app-dir or ZEL_APP_DIR\n");
         return kUsage;
+    }
+    if (events->parsed()) {
+        fputs(agent::ShowEvents(appDir, name, last).c_str(), stdout);
+        return kOk;
     }
     std::string request = app.get_subcommands().front()->get_name();
     std::string answer;

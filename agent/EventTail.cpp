@@ -1,0 +1,96 @@
+// Reading and wording of delivered events.
+#include "EventTail.h"
+
+#include <fcntl.h>
+#include <json/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <memory>
+
+namespace agent {
+
+namespace {
+
+constexpr off_t kTailBytes = 256 * 1024;
+
+bool ParseObject(const std::string& text, Json::Value& value) {
+    Json::CharReaderBuilder builder;
+    builder["stackLimit"] = 32;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string problem;
+    try {
+        return reader->parse(text.data(), text.data() + text.size(), &value, &problem) && value.isObject();
+    } catch (const Json::Exception&) {
+        return false;
+    }
+}
+
+std::string Word(const Json::Value& value) { return value.isString() ? value.asString() : ""; }
+
+std::string Clock(long long seconds) {
+    time_t time = static_cast<time_t>(seconds);
+    tm local{};
+    char text[32] = "";
+    if (localtime_r(&time, &local) != nullptr) strftime(text, sizeof text, "%F %T", &local);
+    return text;
+}
+
+}  // namespace
+
+std::vector<TailEvent> ReadEventTail(const std::string& path, size_t count) {
+    std::vector<TailEvent> events;
+    int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (file < 0) return events;
+    struct stat info {};
+    std::string text;
+    if (fstat(file, &info) == 0 && S_ISREG(info.st_mode)) {
+        off_t begin = info.st_size > kTailBytes ? info.st_size - kTailBytes : 0;
+        text.resize(static_cast<size_t>(info.st_size - begin));
+        ssize_t length = pread(file, text.data(), text.size(), begin);
+        text.resize(length < 0 ? 0 : static_cast<size_t>(length));
+    }
+    close(file);
+    size_t end = text.rfind('\n');
+    while (end != std::string::npos && events.size() < count) {
+        size_t before = end == 0 ? std::string::npos : text.rfind('\n', end - 1);
+        size_t begin = before == std::string::npos ? 0 : before + 1;
+        Json::Value line;
+        if (ParseObject(text.substr(begin, end - begin), line)) {
+            TailEvent event;
+            event.id = Word(line["id"]);
+            event.time = line["time"].isInt64() ? line["time"].asInt64() : 0;
+            event.type = Word(line["type"]);
+            event.body = Word(line["body"]);
+            events.insert(events.begin(), event);
+        }
+        end = before;
+    }
+    return events;
+}
+
+std::string DescribeEvent(const TailEvent& event) {
+    std::string text = Clock(event.time) + " " + event.type;
+    Json::Value body;
+    if (!ParseObject(event.body, body)) return text;
+    if (body.isMember("items") && body["items"].isObject()) {  // kills for memory in control groups
+        text += " " + Word(body["type"]) + ":";
+        for (const std::string& key : body["items"].getMemberNames()) {
+            const Json::Value& item = body["items"][key];
+            if (!item.isObject() || !item["oom_kill_delta"].isInt64()) continue;
+            bool parent = item["parent"].isBool() && item["parent"].asBool();
+            text += " " + (parent ? std::string("whole agent") : Word(item["group"])) + " +" +
+                    std::to_string(item["oom_kill_delta"].asInt64());
+        }
+        return text;
+    }
+    for (const std::string& key : body.getMemberNames()) {
+        const Json::Value& value = body[key];
+        if (key == "stack" || key == "detect_time" || value.isObject() || value.isArray()) continue;
+        text += " " + key + "=" + (value.isString() ? value.asString() : value.isNull() ? "" : value.asString());
+    }
+    return text;
+}
+
+}  // namespace agent

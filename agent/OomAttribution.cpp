@@ -1,0 +1,66 @@
+// Attribution by comparing counters of the tree before and after.
+#include "OomAttribution.h"
+
+namespace agent {
+
+namespace {
+
+int64_t AtLeastZero(int64_t value) { return value < 0 ? 0 : value; }
+
+OomCounters CountersOf(const zel::CgroupNodeStatus& node) {
+    OomCounters counters;
+    counters.kills = AtLeastZero(node.memory.oomKills);
+    counters.limitHits = AtLeastZero(node.memory.limitHits);
+    counters.ownOoms = AtLeastZero(node.memory.ownOoms);
+    return counters;
+}
+
+OomCounters Before(const OomPicture& before, const zel::CgroupNodeStatus& node) {
+    auto found = before.find(node.memory.path);
+    return found == before.end() ? OomCounters() : found->second;
+}
+
+/// True when the limit of this very group was run into since.
+bool RanIntoLimit(const OomPicture& before, const zel::CgroupNodeStatus& node) {
+    if (!node.memory.present) return false;
+    OomCounters now = CountersOf(node);
+    OomCounters then = Before(before, node);
+    return node.memory.v2 ? now.ownOoms > then.ownOoms : now.limitHits > then.limitHits;
+}
+
+std::string Megabytes(int kb) { return std::to_string((kb + 512) / 1024) + " MB"; }
+
+}  // namespace
+
+OomPicture TakeOomPicture(const zel::CgroupTreeStatus& tree) {
+    OomPicture picture;
+    for (const zel::CgroupNodeStatus& node : tree.nodes) {
+        if (node.memory.present) picture[node.memory.path] = CountersOf(node);
+    }
+    return picture;
+}
+
+std::string ExplainOomKill(const OomPicture& before, const zel::CgroupTreeStatus& tree, const std::string& component) {
+    const zel::CgroupNodeStatus* leaf = nullptr;
+    const zel::CgroupNodeStatus* group = nullptr;
+    const zel::CgroupNodeStatus* parent = nullptr;
+    for (const zel::CgroupNodeStatus& node : tree.nodes) {
+        if (node.level == zel::CgroupLevel::kComponent && node.name == component) leaf = &node;
+    }
+    if (leaf == nullptr || !leaf->memory.present) return "";
+    if (CountersOf(*leaf).kills <= Before(before, *leaf).kills) return "";
+    for (const zel::CgroupNodeStatus& node : tree.nodes) {
+        if (node.level == zel::CgroupLevel::kGroup && node.name == leaf->group) group = &node;
+        if (node.level == zel::CgroupLevel::kParent) parent = &node;
+    }
+    if (RanIntoLimit(before, *leaf)) return "out of memory at its own limit of " + Megabytes(leaf->memory.limit);
+    if (group != nullptr && RanIntoLimit(before, *group)) {
+        return "out of memory at the limit of its group " + group->name + ", " + Megabytes(group->memory.limit);
+    }
+    if (parent != nullptr && RanIntoLimit(before, *parent)) {
+        return "out of memory at the limit of the whole agent, " + Megabytes(parent->memory.limit);
+    }
+    return "killed because the host ran out of memory, no limit of the agent was reached";
+}
+
+}  // namespace agent

@@ -1,0 +1,30 @@
+// Which limit a killed component ran into: its own, its group's, the whole agent's, or none of them (the host ran out).
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "platform/zel/CgroupTreeStatus.h"
+
+namespace agent {
+
+/// Counters of one group as they were at an earlier look, by the path of its memory group.
+struct OomCounters {
+    int64_t kills = 0;
+    int64_t limitHits = 0;
+    int64_t ownOoms = 0;
+};
+using OomPicture = std::map<std::string, OomCounters>;
+
+/// Pure: the counters of every group of the tree.
+OomPicture TakeOomPicture(const zel::CgroupTreeStatus& tree);
+
+/// Pure: what killed a process of `component` between the two looks, as words for an operator; empty when the kernel
+/// counted no kill for it.
+/// Kernel: version 2 counts out-of-memory where the limit is ("oom" of memory.events.local); version 1 counts hits of
+/// the limit (failcnt) there. The innermost group that counted is named. A kill that no limit accounts for is the
+/// host's. Source: kernel documentation, admin-guide/cgroup-v2.rst "Memory Interface Files", cgroup-v1/memory.rst 4.
+std::string ExplainOomKill(const OomPicture& before, const zel::CgroupTreeStatus& tree, const std::string& component);
+
+}  // namespace agent

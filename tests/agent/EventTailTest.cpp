@@ -1,0 +1,67 @@
+#include "EventTail.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+using namespace agent;
+
+namespace {
+class EventTailTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char name[] = "/tmp/eventsXXXXXX";
+        int file = mkstemp(name);
+        ASSERT_GE(file, 0);
+        close(file);
+        m_path = name;
+    }
+    void TearDown() override { unlink(m_path.c_str()); }
+    void Write(const std::string& text) { std::ofstream(m_path, std::ios::binary) << text; }
+    std::string m_path;
+};
+}  // namespace
+
+TEST_F(EventTailTest, GivesTheLastLinesOldestFirstAndLeavesOutWhatIsNoEvent) {
+    Write("{\"id\":\"a-1\",\"time\":1,\"type\":\"T\",\"body\":\"{}\"}\nnot json\n{\"id\":\"a-2\",\"time\":2,\"type\":\"T\"}\n"
+          "[1]\n{\"id\":\"a-3\",\"time\":3,\"type\":\"T\"}\n{\"id\":\"a-4\",\"half");
+    std::vector<TailEvent> events = ReadEventTail(m_path, 2);
+    ASSERT_EQ(2u, events.size());
+    EXPECT_EQ("a-2", events[0].id);
+    EXPECT_EQ("a-3", events[1].id);
+}
+
+TEST_F(EventTailTest, AMissingFileAndALinkGiveNothing) {
+    EXPECT_TRUE(ReadEventTail("/nowhere/events", 5).empty());
+    std::string link = m_path + ".link";
+    ASSERT_EQ(0, symlink(m_path.c_str(), link.c_str()));
+    Write("{\"id\":\"a-1\",\"time\":1,\"type\":\"T\",\"body\":\"{}\"}\n");
+    EXPECT_TRUE(ReadEventTail(link, 5).empty());
+    unlink(link.c_str());
+    EXPECT_EQ(1u, ReadEventTail(m_path, 5).size());
+}
+
+TEST_F(EventTailTest, ReadsTheEndOfALongFileOnly) {
+    std::string text;
+    for (int i = 0; i < 20000; ++i) text += "{\"id\":\"a-" + std::to_string(i) + "\",\"time\":1,\"type\":\"T\",\"body\":\"\"}\n";
+    Write(text);
+    std::vector<TailEvent> events = ReadEventTail(m_path, 3);
+    ASSERT_EQ(3u, events.size());
+    EXPECT_EQ("a-19999", events[2].id);
+}
+
+TEST_F(EventTailTest, DescribesKillsAndMeasurementsAndBearsOddBodies) {
+    TailEvent event;
+    event.type = "T_MSG_OS_ABNORMAL";
+    event.body = "{\"type\":\"multi_cgroup_oom_runtime\",\"items\":{\"k\":{\"group\":\"main\",\"oom_kill_delta\":2,"
+                 "\"parent\":false},\"p\":{\"group\":\"x\",\"oom_kill_delta\":2,\"parent\":true}}}";
+    EXPECT_NE(std::string::npos, DescribeEvent(event).find("multi_cgroup_oom_runtime: main +2 whole agent +2"));
+    event.body = "{\"mem_usage\":91,\"available_mem\":12}";
+    EXPECT_NE(std::string::npos, DescribeEvent(event).find("available_mem=12 mem_usage=91"));
+    for (const char* body : {"", "null", "[]", "{\"items\":[1]}", "{\"items\":{\"k\":5}}", "{\"a\":null,\"b\":{\"c\":1}}"}) {
+        event.body = body;
+        EXPECT_NE(std::string::npos, DescribeEvent(event).find("T_MSG_OS_ABNORMAL")) << body;
+    }
+}

@@ -1,0 +1,83 @@
+#include "OomAttribution.h"
+
+#include <gtest/gtest.h>
+
+using namespace agent;
+
+namespace {
+
+zel::CgroupNodeStatus Node(zel::CgroupLevel level, const std::string& name, const std::string& group, bool v2) {
+    zel::CgroupNodeStatus node;
+    node.level = level;
+    node.name = name;
+    node.group = group;
+    node.memory.present = true;
+    node.memory.v2 = v2;
+    node.memory.path = "/cg/" + group + "/" + name;
+    node.memory.limit = 20480;
+    node.memory.limitHits = 3;
+    node.memory.oomKills = 1;
+    node.memory.ownOoms = v2 ? 1 : -1;
+    return node;
+}
+
+zel::CgroupTreeStatus Tree(bool v2) {
+    zel::CgroupTreeStatus tree;
+    tree.present = true;
+    tree.nodes = {Node(zel::CgroupLevel::kParent, "agent", "", v2), Node(zel::CgroupLevel::kGroup, "main", "", v2),
+                  Node(zel::CgroupLevel::kComponent, "Main", "main", v2),
+                  Node(zel::CgroupLevel::kGroup, "collect", "", v2),
+                  Node(zel::CgroupLevel::kComponent, "Net", "collect", v2)};
+    return tree;
+}
+
+/// Raises what the kernel raises when the limit of node `limit` is run into.
+void Hit(zel::CgroupNodeStatus& node) {
+    if (node.memory.v2) {
+        ++node.memory.ownOoms;
+    } else {
+        ++node.memory.limitHits;
+    }
+}
+
+}  // namespace
+
+class OomAttributionTest : public ::testing::TestWithParam<bool> {};
+
+TEST_P(OomAttributionTest, NamesTheInnermostLimitThatWasReached) {
+    struct Case {
+        int limit;  // index of the node whose limit was reached, -1: none
+        const char* words;
+    };
+    for (const Case& c : {Case{4, "out of memory at its own limit of 20 MB"},
+                          Case{3, "out of memory at the limit of its group collect, 20 MB"},
+                          Case{0, "out of memory at the limit of the whole agent, 20 MB"},
+                          Case{-1, "killed because the host ran out of memory, no limit of the agent was reached"}}) {
+        zel::CgroupTreeStatus tree = Tree(GetParam());
+        OomPicture before = TakeOomPicture(tree);
+        ++tree.nodes[4].memory.oomKills;
+        if (c.limit >= 0) Hit(tree.nodes[static_cast<size_t>(c.limit)]);
+        EXPECT_EQ(c.words, ExplainOomKill(before, tree, "Net"));
+    }
+}
+
+TEST_P(OomAttributionTest, SaysNothingWhereTheKernelCountedNoKill) {
+    zel::CgroupTreeStatus tree = Tree(GetParam());
+    OomPicture before = TakeOomPicture(tree);
+    Hit(tree.nodes[4]);  // reclaim at the limit, nobody died of it
+    EXPECT_EQ("", ExplainOomKill(before, tree, "Net"));
+    ++tree.nodes[2].memory.oomKills;
+    EXPECT_EQ("", ExplainOomKill(before, tree, "Net"));
+    EXPECT_EQ("", ExplainOomKill(before, tree, "Unknown"));
+}
+
+TEST_P(OomAttributionTest, AnotherGroupsLimitIsNotBlamed) {
+    zel::CgroupTreeStatus tree = Tree(GetParam());
+    OomPicture before = TakeOomPicture(tree);
+    ++tree.nodes[4].memory.oomKills;
+    Hit(tree.nodes[1]);
+    EXPECT_EQ("killed because the host ran out of memory, no limit of the agent was reached",
+              ExplainOomKill(before, tree, "Net"));
+}
+
+INSTANTIATE_TEST_SUITE_P(BothVersions, OomAttributionTest, ::testing::Bool());
