@@ -20,7 +20,7 @@ constexpr int32_t SaturateToInt32(Wide value) {
     return value > INT32_MAX ? INT32_MAX : static_cast<int32_t>(value);
 }
 
-/// One half on top, truncating. Room above the sum of the parts, so that each meets its own quota first.
+/// One half on top, truncating.
 constexpr int WithMemHeadroom(long kb) {
     return kb > INT32_MAX ? INT32_MAX : SaturateToInt32(kb * 3 / 2);
 }
@@ -43,7 +43,8 @@ const std::vector<CompDef>& BuiltInComponents();
 /// CPU quota of a group: its share of the effective maximum, saturated. 0 without the controller or a share.
 int32_t GroupCpuQuota100Times(const GroupDef& group, long maxCpu, bool cpuOn);
 
-/// The record of one group. Its memory has headroom over the table, because components may add up to more.
+/// The record of one group. Its memory has headroom over the table: a group is looser than the sum of its components on
+/// purpose, so that a component meets its own quota before the group's limit hits the others in it.
 zel::CgroupGroupConfig BuildGroupConfig(const GroupDef& group, int32_t cpuQuota100Times, int maxMemMb, bool cpuOn,
                                         bool memOn);
 

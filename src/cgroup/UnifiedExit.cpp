@@ -72,8 +72,9 @@ bool CMonitorPri::EnterLegacyFallback(const std::vector<zel::CgroupGroupConfig>&
 }
 
 bool CMonitorPri::CleanupUnifiedConfigForLegacy() {
+    const std::string path = unified::ComponentConfigPath();
     ClearUnifiedSelfKillQuota();
-    if (!m_unifiedActive && !CFileUtil::IsFile(unified::ComponentConfigPath())) return true;
+    if (!m_unifiedActive && !CFileUtil::IsFile(path)) return true;
     // A file left by an earlier run is published away in silence when there is no manager.
     if (m_cgroupManager != nullptr) {
         Say(zel::kLogInfo, "MonitorPri: multi-cgroup mode disabled, publishing legacy exit");
@@ -95,7 +96,8 @@ bool CMonitorPri::EnterUnifiedDisabled(const std::vector<zel::CgroupGroupConfig>
         EnterLegacyFallback(groups);
         return false;
     }
-    if (m_cgroupManager == nullptr || !m_cgroupManager->WriteDisabledConfig(unified::ComponentConfigPath())) {
+    const std::string path = unified::ComponentConfigPath();
+    if (m_cgroupManager == nullptr || !m_cgroupManager->WriteDisabledConfig(path)) {
         Say(zel::kLogWarning, "MonitorPri: WriteDisabledConfig failed, fallback to legacy");
         EnterLegacyFallback(groups);
         return false;

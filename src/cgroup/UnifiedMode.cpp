@@ -34,6 +34,7 @@ struct CMonitorPri::UnifiedRun {
     bool parentStuck = false;  // a controller that is no longer wanted could not be taken off the parent
     int parentCpu100Times = 0;
     int parentMemKb = 0;
+    std::string componentPath;  // where the quotas are written
 
     bool LimitsInForce() const { return cpuEnabled || memEnabled; }
     bool LimitsWanted() const { return cpuOn || memOn; }
@@ -116,8 +117,10 @@ bool CMonitorPri::InitMultiCgroup(int mode, long maxCpu, int maxMem) {
         m_cgroupManager = new zel::CCgroupManager;
         m_cgroupManager->EnsureInitialized();  // ignoring: a manager without a place fails at the reconcile
     }
+    const long effectiveMaxCpu = GetEffectiveMultiCgroupMaxCpu(maxCpu);
     UnifiedRun run;
-    BuildAndReconcileUnified(mode, GetEffectiveMultiCgroupMaxCpu(maxCpu), maxMem, run);
+    run.componentPath = unified::ComponentConfigPath();
+    BuildAndReconcileUnified(mode, effectiveMaxCpu, maxMem, run);
     if (run.LimitsInForce()) return InitWithLimits(run);
 
     if (run.LimitsWanted() && !run.reconciled) {
@@ -138,7 +141,7 @@ bool CMonitorPri::InitWithLimits(const UnifiedRun& run) {
         return false;
     }
     const bool pidOk = m_cgroupManager->AddPidToGroup(unified::kMainGroup, getpid());
-    const bool writeOk = pidOk && m_cgroupManager->WriteComponentConfig(unified::ComponentConfigPath(), run.quotas,
+    const bool writeOk = pidOk && m_cgroupManager->WriteComponentConfig(run.componentPath, run.quotas,
                                                                         run.parentCpu100Times, run.parentMemKb);
     if (!writeOk) {
         Log().log(zel::kLogWarning, kLogSource, __LINE__,
@@ -173,6 +176,7 @@ bool CMonitorPri::UpdateMultiCgroup(int mode, long maxCpu, int maxMem) {
               m_lastUnifiedMaxMem, maxMem);
     UnifiedRun run;
     BuildAndReconcileUnified(mode, effectiveMaxCpu, maxMem, run);
+    run.componentPath = unified::ComponentConfigPath();
     if (run.LimitsInForce()) return UpdateWithLimits(run);
 
     if (run.LimitsWanted() && !run.reconciled) {
@@ -200,8 +204,8 @@ bool CMonitorPri::UpdateWithLimits(const UnifiedRun& run) {
             EnterLegacyFallback(run.groups);
             return false;
         }
-        writeOk = m_cgroupManager->WriteComponentConfig(unified::ComponentConfigPath(), run.quotas,
-                                                        run.parentCpu100Times, run.parentMemKb);
+        writeOk = m_cgroupManager->WriteComponentConfig(run.componentPath, run.quotas, run.parentCpu100Times,
+                                                        run.parentMemKb);
     }
     if (!writeOk) {
         Say(zel::kLogWarning, "MonitorPri: write cgroup config failed during update, restoring previous state");

@@ -61,7 +61,7 @@ public:
     /// Writes the form of that file which says that there are no unified limits.
     bool WriteDisabledConfig(const std::string& path);
 
-    /// Forgets what the previous poll saw, so that the next one starts afresh and reports nothing old.
+    /// Stops watching the groups and forgets what was seen of them. The next poll starts afresh and reports nothing old.
     void ResetMemoryOomMonitor();
 
     /// Current totals of every group of the agent and of the parent.

@@ -281,6 +281,17 @@ TEST_F(GroupModelTest, RecordsAreAppendedToWhatIsThere) {
     EXPECT_EQ("Tervane", m_quotas[2].name);
 }
 
+TEST_F(GroupModelTest, EveryFieldOfTheTotalIsWritten) {
+    zel::CgroupTotalLimitConfig total;
+    total.cpuEnabled = true;
+    total.cpuLimitPercent = 11;
+    total.cpuLimitHundredths = 22;
+    total.memEnabled = true;
+    total.memLimitKB = 33;
+    pri().BuildCgroupTotalLimitConfig(0, 0, false, false, total);
+    EXPECT_EQ("cpu=0 0.00 mem=0 0", Text(total));
+}
+
 TEST_F(GroupModelTest, TheTotalIsFilledWhateverControllersAreWanted) {
     EXPECT_EQ("cpu=0 36.00 mem=0 384000", Total(36, 250, false, false));
     EXPECT_EQ("cpu=1 -1.00 mem=1 -1536", Total(-1, -1, true, true));

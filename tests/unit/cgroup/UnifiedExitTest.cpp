@@ -189,6 +189,48 @@ TEST_F(UnifiedExitTest, CleanupOfTheActiveModeWithoutAFileStillTellsTheOthers) {
     ExpectLegacyState();
 }
 
+TEST_F(UnifiedExitTest, CleanupOfTheActiveModeWithoutAManagerIsSilentAndForgets) {
+    HaveClient();
+    EXPECT_TRUE(pri().CleanupUnifiedConfigForLegacy());
+    EXPECT_EQ(Lines({kIsFile, kBroadcast, kNotified, kReload}), journal());
+    ExpectLegacyState();
+    EXPECT_EQ(0, platform().manager.constructed);
+}
+
+TEST_F(UnifiedExitTest, FallbackAndCleanupStillLookUnifiedWhileTheOthersAreTold) {
+    HaveManager();
+    WatchBroadcasts();
+    EXPECT_TRUE(pri().EnterLegacyFallback(m_groups));
+    ExpectLegacyState();
+
+    pri().m_unifiedActive = true;
+    Remember(13, 9, 200);
+    HaveLegacyLimits();
+    EXPECT_TRUE(pri().CleanupUnifiedConfigForLegacy());
+    ExpectLegacyState();
+    const std::string unified = "active=1 last=13 9 200 legacy=kept";
+    EXPECT_EQ(Lines({unified, unified}), m_broadcasts);
+}
+
+TEST_F(UnifiedExitTest, DisabledHoldsWhenTheOthersAreTold) {
+    HaveManager();
+    pri().m_unifiedActive = false;
+    WatchBroadcasts();
+    EXPECT_TRUE(pri().EnterUnifiedDisabled(m_groups));
+    EXPECT_EQ(Lines({"active=1 last=13 9 200 legacy=forgotten"}), m_broadcasts);
+}
+
+TEST_F(UnifiedExitTest, DisabledTakesThePlaceOfItsFileAfterTheReconcile) {
+    HaveManager();
+    platform().keepInJournal = [this](const std::string& line) {
+        if (line == kReconcileOff) platform().globalCfgDir = "/moved";
+        return true;
+    };
+    EXPECT_TRUE(pri().EnterUnifiedDisabled(m_groups));
+    EXPECT_EQ(1U, platform().files.content.count("/moved/cgroup_resource.json"));
+    EXPECT_FALSE(ComponentFileExists());
+}
+
 TEST_F(UnifiedExitTest, CleanupPublishesAFileOfAnEarlierRunAwayInSilence) {
     HaveComponentFile();
     pri().m_unifiedActive = false;

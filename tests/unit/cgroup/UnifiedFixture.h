@@ -76,6 +76,22 @@ protected:
                                pri().m_lastUnifiedMaxMem);
     }
 
+    /// From here on a broadcast also records what holds at the moment of the notification.
+    void WatchBroadcasts() {
+        Watching() = this;
+        pri().m_ipcBroadcastCallback = [](const std::string&, const std::string&) {
+            UnifiedFixture& test = *Watching();
+            test.m_broadcasts.push_back(doubles::Format("active=%d last=%s legacy=%s",
+                                                        static_cast<bool>(test.pri().m_unifiedActive),
+                                                        test.Remembered().c_str(),
+                                                        test.LegacyLimitsForgotten() ? "forgotten" : "kept"));
+        };
+    }
+    static UnifiedFixture*& Watching() {
+        static UnifiedFixture* watching = nullptr;
+        return watching;
+    }
+
     /// The journal without the questions about the parent, whose place among the steps is free.
     Lines steps() {
         Lines kept;
@@ -88,4 +104,5 @@ protected:
     }
 
     zel::CCgroupClient m_client;
+    Lines m_broadcasts;
 };

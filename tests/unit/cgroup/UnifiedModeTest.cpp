@@ -155,7 +155,11 @@ TEST_F(UnifiedModeTest, KernelPolicyDecidesEachControllerWithAtMostOneLine) {
     } const cases[] = {
         {"6.1.0-13-cloud-amd64", all, "", "", true, true, true, true, {}},
         {"4.9.93-010.x86_64", all, "", "", true, true, false, true, {cpuLine}},
+        {"4.9.93-012", all, "", "", true, true, false, true, {cpuLine}},
         {"4.9.135-013", all, "", "", true, false, false, false, {cpuLine}},
+        {"4.9.151-014.x86_64", all, "", "", true, true, false, true, {cpuLine}},
+        {"4.9.135-010", all, "", "", true, true, true, true, {}},
+        {"4.9.151-013", all, "", "", true, true, true, true, {}},
         {"4.9.93-011", all, "", "", true, false, true, false, {}},
         {"4.9.93-010", all, "", "", false, false, false, false, {}},
         {"6.1.0-13", "", "", "", true, true, true, false, {notAllowed}},
@@ -244,6 +248,37 @@ TEST_F(UnifiedModeTest, WithoutTheUnifiedBitTheActiveModeIsLeftAndTheResultIsThe
     ExpectLegacyState();
 }
 
+TEST_F(UnifiedModeTest, InitWithoutTheUnifiedBitLeavesTheActiveMode) {
+    BeActive();
+    EXPECT_TRUE(pri().InitMultiCgroup(5, 10, 200));
+    EXPECT_EQ(Lines({"W4 MonitorPri: multi-cgroup mode disabled, publishing legacy exit", kResetOom, kRemovePid,
+                     kIsFile, kBroadcast, kNotified}),
+              journal());
+    ExpectLegacyState();
+}
+
+TEST_F(UnifiedModeTest, TheActiveModeWithoutAManagerIsInitialisedByBothEntries) {
+    Enable(true, true);
+    bool (CMonitorPri::*const entries[])(int, long, int) = {&CMonitorPri::InitMultiCgroup,
+                                                            &CMonitorPri::UpdateMultiCgroup};
+    for (const auto entry : entries) {
+        m_pri = std::make_unique<MonitorPriProbe>();
+        pri().m_isMainAgent = true;
+        pri().m_ipcBroadcastCallback = RecordBroadcast;
+        pri().m_memLimitKernelRange = "6.0.0-0,6.9.9-99";
+        pri().m_unifiedActive = true;
+        Remember(13, 9, 200);  // the same settings are no reason to skip it
+        journal();
+        EXPECT_TRUE((pri().*entry)(13, 10, 200));
+        EXPECT_EQ(Lines({"CCgroupManager::CCgroupManager()", "CCgroupManager::EnsureInitialized()", kSolaris,
+                         "uname()", Reconcile9(true, true), kIsCpuOn, kIsMemOn, kAddPid, Write(kQuotas9),
+                         SelfKill(1, 36, 1, 15360), kIsCpuOn, kIsCpuV2, kIsMemOn, kIsMemV2, kClearCpu, kClearMem,
+                         kSnapshot, kBroadcast, kNotified, kInitialized}),
+                  steps());
+        EXPECT_EQ("13 9 200", Remembered());
+    }
+}
+
 TEST_F(UnifiedModeTest, InitOfTheActiveModeChangesNothing) {
     BeActive();
     EXPECT_TRUE(pri().InitMultiCgroup(13, 50, 500));
@@ -282,6 +317,67 @@ TEST_F(UnifiedModeTest, InitSetsTheActiveFlagBeforeTheDetachAndTheOomCheck) {
                      kIsCpuOn, kIsCpuV2, "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitMemCgroupV2Runtime()",
                      kClearMem, kClearCpu, kSnapshot, kBroadcast, kNotified, kInitialized}),
               steps());
+}
+
+TEST_F(UnifiedModeTest, InitForgetsTheLegacyLimitsAndSetsTheFlagBetweenTheQuotaAndTheDetach) {
+    Enable(true, true);
+    HaveLegacyLimits();
+    std::string lastWithLimits;
+    std::string lastNotActive;
+    platform().keepInJournal = [&](const std::string& line) {
+        if (!LegacyLimitsForgotten()) lastWithLimits = line;
+        if (!pri().m_unifiedActive) lastNotActive = line;
+        return true;
+    };
+    EXPECT_TRUE(pri().InitMultiCgroup(13, 10, 200));
+    platform().keepInJournal = nullptr;
+    EXPECT_EQ(SelfKill(1, 36, 1, 15360), lastWithLimits);
+    EXPECT_EQ(SelfKill(1, 36, 1, 15360), lastNotActive);
+}
+
+TEST_F(UnifiedModeTest, TheOthersAreToldAfterTheChangeHoldsAndBeforeItIsOnRecord) {
+    Enable(true, true);
+    HaveLegacyLimits();
+    WatchBroadcasts();
+    EXPECT_TRUE(pri().InitMultiCgroup(13, 10, 200));
+    EXPECT_EQ(Lines({"active=1 last=0 0 0 legacy=forgotten"}), m_broadcasts);
+    EXPECT_EQ("13 9 200", Remembered());
+
+    m_broadcasts.clear();
+    HaveLegacyLimits();
+    EXPECT_TRUE(pri().UpdateMultiCgroup(13, 20, 400));
+    EXPECT_EQ(Lines({"active=1 last=13 9 200 legacy=forgotten"}), m_broadcasts);
+    EXPECT_EQ("13 19 400", Remembered());
+
+    m_broadcasts.clear();
+    platform().manager.reconcile.Always(false);
+    EXPECT_TRUE(pri().UpdateMultiCgroup(13, 10, 200));
+    EXPECT_EQ(Lines({"active=1 last=13 19 400 legacy=forgotten"}), m_broadcasts);
+    EXPECT_EQ("0 0 0", Remembered());
+}
+
+TEST_F(UnifiedModeTest, InitTakesThePlaceOfTheFileBeforeTheReconcileAndAnUpdateAfterIt) {
+    Enable(true, true);
+    const auto moveAt = [this](const std::string& call, const char* to) {
+        platform().keepInJournal = [this, call, to](const std::string& line) {
+            if (line.compare(0, call.size(), call) == 0) platform().globalCfgDir = to;
+            return true;
+        };
+    };
+    const auto isThere = [this](const char* path) { return platform().files.content.count(path) != 0; };
+    moveAt("CCgroupManager::Reconcile", "/first");
+    EXPECT_TRUE(pri().InitMultiCgroup(13, 10, 200));
+    EXPECT_TRUE(ComponentFileExists());
+    EXPECT_FALSE(isThere("/first/cgroup_resource.json"));
+
+    moveAt("CCgroupManager::Reconcile", "/second");
+    EXPECT_TRUE(pri().UpdateMultiCgroup(13, 20, 400));
+    EXPECT_TRUE(isThere("/second/cgroup_resource.json"));
+
+    moveAt("CCgroupManager::AddPidToGroup", "/third");
+    EXPECT_TRUE(pri().UpdateMultiCgroup(13, 10, 200));
+    EXPECT_FALSE(isThere("/third/cgroup_resource.json"));
+    platform().keepInJournal = nullptr;
 }
 
 TEST_F(UnifiedModeTest, InitBelievesTheManagerAboutWhatIsInForce) {
@@ -680,6 +776,33 @@ TEST_F(UnifiedModeTest, AParentThatCannotBeClearedLogsBothLinesAndRestores) {
               steps());
     EXPECT_EQ("13 9 200", Remembered());
     EXPECT_TRUE(pri().m_unifiedActive);
+}
+
+TEST_F(UnifiedModeTest, AParentThatCannotBeClearedWithNothingOnRecordFallsBackWithoutARestore) {
+    BeActive();
+    Remember(0, 9, 200);
+    platform().manager.reconcile.Always(false);
+    platform().manager.parentMemActive.Always(true);
+    EXPECT_FALSE(pri().UpdateMultiCgroup(9, 20, 400));
+    EXPECT_EQ(Lines({kSolaris, Updating("mode 0->9 cpu 9->19 mem 200->400"), Reconcile19(true, false), kIsCpuOn,
+                     kIsMemOn, "W3 MonitorPri: parent clear failed during update, restoring previous state",
+                     kWriteFailed}) +
+                  kFallback,
+              steps());
+    ExpectLegacyState();
+}
+
+TEST_F(UnifiedModeTest, AParentThatCannotBeClearedFallsBackWhenTheRestoreFailsToo) {
+    BeActive();
+    platform().manager.reconcile.Always(false);
+    platform().manager.parentCpuActive.Always(true);
+    EXPECT_FALSE(pri().UpdateMultiCgroup(12, 20, 400));
+    EXPECT_EQ(Lines({kSolaris, Updating("mode 13->12 cpu 9->19 mem 200->400"), Reconcile19(false, true), kIsCpuOn,
+                     kIsMemOn, "W3 MonitorPri: parent clear failed during update, restoring previous state",
+                     kWriteFailed, Reconcile9(true, true), kRestoreFailed}) +
+                  kFallback,
+              steps());
+    ExpectLegacyState();
 }
 
 TEST_F(UnifiedModeTest, AnUpdateFallsBackWhenNothingThatWasWantedCameIntoForce) {
