@@ -18,7 +18,7 @@ class Value;
 /// Watches the host and reports what it finds as "T_MSG_OS_ABNORMAL" messages and rows of its event store.
 /// Thread-safety: Start, Uninit and IsDiskFull from any thread; all else runs on the monitor's own thread.
 /// Lifetime: the owner calls Uninit before destruction; the destructor does not stop the thread.
-/// Errors: a check that cannot be made counts as a check that found nothing.
+/// Errors: a failed disk query or swap sample finds nothing; a failed memory query (-1 %, 0 MB) is a finding.
 class ZEL_API COsAbnormalMonitor : public zel::CThreadUtil {
 public:
     COsAbnormalMonitor();

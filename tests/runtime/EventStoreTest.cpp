@@ -340,7 +340,7 @@ TEST_F(EventStoreTest, DatabaseWithADamagedTableFailsTheInsertOnly) {
     Write(Current(), bytes);
     EXPECT_FALSE(store.InsertData(OS_ABNORMAL_MEMORY, 2, "", ""));
     EXPECT_THAT(TakeLog(),
-                ElementsAre(HasSubstr("insert os abnormal value fail, error is " + std::to_string(SQLITE_CORRUPT))));
+                ElementsAre(EndsWith("insert os abnormal value fail, error is " + std::to_string(SQLITE_CORRUPT))));
     EXPECT_FALSE(store.IsOpen());
 }
 
@@ -414,13 +414,16 @@ TEST_F(EventStoreTest, DiskThatIsFullFromTheStartFailsInTheOpen) {
     if (!unable.empty()) GTEST_SKIP() << unable;
 }
 
-TEST_F(EventStoreTest, ReadOnlyDiskIsAFailedOpen) {
+TEST_F(EventStoreTest, DiskThatBecameReadOnlyFailsTheInsertOnly) {
     StoreProbe store;
     const std::string unable = OnSmallDisk("size=128k", [&] {
         Begin(store, 1);
         ASSERT_EQ(0, mount("zel-test", m_directory.c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, "size=128k"));
         EXPECT_FALSE(store.InsertData(OS_ABNORMAL_MEMORY, 2, "", "lost"));
-        EXPECT_EQ(1u, TakeLog().size());
+        const Strings log = TakeLog();
+        EXPECT_THAT(log, ElementsAre(EndsWith("insert os abnormal value fail, error is " +
+                                              std::to_string(SQLITE_READONLY))));
+        EXPECT_EQ("3", log[0].substr(0, 1));
         EXPECT_FALSE(store.IsOpen());
         ASSERT_EQ(0, mount("zel-test", m_directory.c_str(), "tmpfs", MS_REMOUNT, "size=128k"));
         EXPECT_TRUE(store.InsertData(OS_ABNORMAL_MEMORY, 3, "", "writable"));

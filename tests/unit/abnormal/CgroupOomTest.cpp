@@ -224,6 +224,26 @@ TEST_F(CgroupOomTest, KillsWhileTheAgentWasDownAreLoggedReportedOnceAndStored) {
     EXPECT_EQ(1u, platform().sent.size());
 }
 
+TEST_F(CgroupOomTest, KillInALegacyGroupIsReportedInTheSameWords) {
+    Store({Counters("main", false, false, 1, 0, 0), Counters("top", true, false, 2, 0, 0)});
+    const Events snapshot{Counters("main", false, false, 4, 0, 0), Counters("top", true, false, 3, 0, 0)};
+    platform().manager.snapshot.Always(snapshot);
+    pri().CheckSelfCgroupOomAfterRestart();
+    EXPECT_EQ(Lines({kSnapshot, kIsFile, kRead,
+                     "F3 [MonitorPri] MonitorPri: detected cgroup memory OOM after restart group=[main] parent=0 "
+                     "path=[/cg/main] oomKill=4(+3) oomGroupKill=0(+0)",
+                     "F3 [MonitorPri] MonitorPri: detected cgroup memory OOM after restart group=[top] parent=1 "
+                     "path=[/cg/top] oomKill=3(+1) oomGroupKill=0(+0)",
+                     kSend, kWrite, kRename}),
+              journal());
+    const Json::Value body = Body();
+    EXPECT_EQ((std::vector<std::string>{"main|/cg/main|v1", "parent|/cg/top|v1"}), body["items"].getMemberNames());
+    Event expected = snapshot[0];
+    expected.oom_kill_delta = 3;
+    EXPECT_EQ(MakeOomEventItem(expected), body["items"]["main|/cg/main|v1"]);
+    EXPECT_EQ(FormatOomWatermark(snapshot), Stored());
+}
+
 TEST_F(CgroupOomTest, GroupFirstSeenIsStoredButNotReported) {
     Store({Counters("main", false, true, 1, 1, 1)});
     const Events snapshot{Counters("new", false, true, 50, 50, 50), Counters("main", false, true, 1, 1, 1),
@@ -383,6 +403,24 @@ TEST_F(CgroupOomTest, EveryPolledGroupIsLoggedAndAllAreReportedInOneMessage) {
     EXPECT_EQ(1700000000, pri().m_lastRuntimeOomReportTime);
     // Neither the group "main" nor the parent: the watermark stays.
     EXPECT_EQ("untouched", Stored());
+}
+
+TEST_F(CgroupOomTest, TwoPolledEntriesOfOneKeyAreBothLoggedAndTheLaterIsTheItem) {
+    Events polled{Counters("guard", false, true, 3, 3, 0), Counters("guard", false, true, 5, 6, 0)};
+    polled[0].oom_kill_delta = polled[0].oom_delta = 3;
+    polled[1].oom_kill_delta = 2;
+    polled[1].oom_delta = 3;
+    platform().manager.poll.Always(polled);
+    pri().CheckMultiCgroupOom();
+    EXPECT_EQ(Lines({kPoll,
+                     "F3 [MonitorPri] MonitorPri: cgroup v2 memory OOM group=[guard] parent=0 path=[/cg/guard] "
+                     "oomKill=3(+3) oom=3(+3) oomGroupKill=0(+0)",
+                     "F3 [MonitorPri] MonitorPri: cgroup v2 memory OOM group=[guard] parent=0 path=[/cg/guard] "
+                     "oomKill=5(+2) oom=6(+3) oomGroupKill=0(+0)",
+                     kSend}),
+              journal());
+    EXPECT_EQ((std::vector<std::string>{"guard|/cg/guard|v2"}), Body()["items"].getMemberNames());
+    EXPECT_EQ(MakeOomEventItem(polled[1]), Body()["items"]["guard|/cg/guard|v2"]);
 }
 
 TEST_F(CgroupOomTest, OwnGroupRefreshesTheWatermarkAfterTheReport) {

@@ -198,6 +198,17 @@ TEST_F(OsAbnormalDataBaseTest, OpenDatabaseIsKeptWithoutATableBeingMade) {
     store().Close();
 }
 
+TEST_F(OsAbnormalDataBaseTest, OpenWithoutCreateMissesTheFileOfAnOpenDatabaseToo) {
+    EXPECT_TRUE(store().OpenDb(true));
+    platform().files.content.erase(kCurrent);
+    journal();
+    EXPECT_FALSE(store().OpenDb(false));
+    EXPECT_EQ(Lines({kIsCurrent, kMissing}), journal());
+    EXPECT_TRUE(store().IsOpen());
+    EXPECT_EQ(1, platform().sqlite.open);
+    store().Close();
+}
+
 TEST_F(OsAbnormalDataBaseTest, ClosingTwiceClosesOnce) {
     store().Close();
     EXPECT_EQ(Lines(), journal());

@@ -565,6 +565,57 @@ TEST_F(OsAbnormalMonitorTest, FirstSampleIsRememberedWhenTheSecondIsEmpty) {
     EXPECT_EQ(Strings({kVmstat, kSecond, kVmstat}), journal());
 }
 
+TEST_F(OsAbnormalMonitorTest, FirstSampleIsRememberedWhenTheClockDoesNotAdvanceOverTheSleep) {
+    for (time_t after : {kNow, kNow - 1, kNow - 86400}) {
+        monitor().m_lastSwapTime = 0;
+        monitor().m_prevSwapIndex = {{"stale", 1}};
+        platform().now = kNow;
+        platform().files.content["/proc/vmstat"] = Vmstat(7);
+        platform().onSleep = [&](unsigned int) {
+            platform().now = after;
+            platform().files.content["/proc/vmstat"] = Vmstat(1000000);
+        };
+        Json::Value out(Json::objectValue);
+        EXPECT_FALSE(monitor().FetchSwapIndexIncrement(out));
+        EXPECT_EQ(1u, out.size());
+        EXPECT_EQ("fetch time error", out["error"].asString());
+        EXPECT_EQ(Strings({kVmstat, kSecond, kVmstat}), journal());
+        EXPECT_EQ(kNow, monitor().m_lastSwapTime);
+        EXPECT_EQ(11u, monitor().m_prevSwapIndex.size());
+        EXPECT_EQ(7u, monitor().m_prevSwapIndex["pgmajfault"]);
+    }
+    // The next sample is compared with the first one.
+    platform().onSleep = nullptr;
+    platform().now = kNow + 3;
+    platform().files.content["/proc/vmstat"] = Vmstat(7 + 9000);
+    Json::Value out(Json::objectValue);
+    EXPECT_TRUE(monitor().FetchSwapIndexIncrement(out));
+    EXPECT_EQ(3000u, out["pgmajfault"].asUInt64());
+    EXPECT_EQ(Strings({kVmstat}), journal());
+}
+
+TEST_F(OsAbnormalMonitorTest, ClockAtOrBeforeItsOriginIsAnErrorAndTheNextSampleIsAFirstOne) {
+    for (time_t start : {time_t(0), time_t(-1), time_t(-86400)}) {
+        monitor().m_lastSwapTime = 0;
+        monitor().m_prevSwapIndex.clear();
+        platform().now = start;  // the sleep moves it on by a second
+        Json::Value out(Json::objectValue);
+        EXPECT_FALSE(monitor().FetchSwapIndexIncrement(out));
+        EXPECT_EQ(1u, out.size());
+        EXPECT_EQ("fetch time error", out["error"].asString());
+        EXPECT_EQ(Strings({kVmstat, kSecond, kVmstat}), journal());
+        EXPECT_EQ(start, monitor().m_lastSwapTime);
+        EXPECT_EQ(11u, monitor().m_prevSwapIndex.size());
+    }
+    platform().now = 1;
+    Json::Value out(Json::objectValue);
+    EXPECT_FALSE(monitor().FetchSwapIndexIncrement(out));
+    EXPECT_FALSE(out.isMember("error"));
+    EXPECT_EQ(11u, out.size());
+    EXPECT_EQ(Strings({kVmstat, kSecond, kVmstat}), journal());
+    EXPECT_EQ(2, monitor().m_lastSwapTime);
+}
+
 TEST_F(OsAbnormalMonitorTest, LaterSamplesReadOnceAndDivideByTheSecondsBetween) {
     platform().files.content["/proc/vmstat"] = Vmstat(1000 + 69);
     platform().now = kNow - 3;  // seven seconds after the last sample
@@ -682,6 +733,17 @@ TEST_F(OsAbnormalMonitorTest, DiskFindingIsSentAndNeverStored) {
     EXPECT_EQ((Strings{"free_inode", "free_space"}), root.getMemberNames());
     EXPECT_EQ(1u, root["free_space"].asUInt64());
     EXPECT_EQ(2u, root["free_inode"].asUInt64());
+}
+
+TEST_F(OsAbnormalMonitorTest, FailedMemoryQueryIsAFinding) {
+    platform().memory = {-1, 8000, false};
+    monitor().CheckOsAbnormal(90);
+    const Strings lines = journal();
+    EXPECT_EQ(Strings({kMemory, kVmstat, kSend}) + Row(1, kNow, LastBody()), lines);
+    EXPECT_EQ(-1, Parsed(LastBody())["mem_usage"].asInt());
+    EXPECT_EQ(0u, Parsed(LastBody())["available_mem"].asUInt64());
+    EXPECT_FALSE(monitor().m_memRising);
+    EXPECT_EQ(-1, monitor().m_lastMemUsage);
 }
 
 TEST_F(OsAbnormalMonitorTest, BothFindingsShareOneMessage) {
