@@ -157,6 +157,7 @@ int64_t CpuLimit(const std::string& below) {
         std::istringstream(ReadText(group + "/cpu.cfs_quota_us")) >> quota;
         std::istringstream(ReadText(group + "/cpu.cfs_period_us")) >> period;
     }
+    if (quota.empty()) return -2;
     if (quota == "max" || quota == "-1") return -1;
     int64_t microseconds = strtoll(quota.c_str(), nullptr, 10);
     return period > 0 ? (microseconds * 10000 + period / 2) / period : -2;
@@ -166,6 +167,7 @@ int64_t MemoryLimit(const std::string& below) {
     const std::string group = GroupDir("memory", below);
     if (!Exists(group)) return -2;
     const std::string text = ReadText(group + (IsV2("memory") ? "/memory.max" : "/memory.limit_in_bytes"));
+    if (text.empty()) return -2;  // the group is there, the controller is not
     if (text.compare(0, 3, "max") == 0) return -1;
     int64_t bytes = strtoll(text.c_str(), nullptr, 10);
     return bytes >= (int64_t{1} << 62) ? -1 : bytes / 1024;

@@ -32,7 +32,8 @@ std::string Command(const std::string& words);  ///< output of a shell command, 
 std::string GroupDir(const std::string& controller, const std::string& below = "");
 /// Whether this guest's controller is version 2.
 bool IsV2(const std::string& controller);
-/// What the kernel holds: hundredths of a percent of one CPU, and KB; -1 for no limit, -2 when there is no such group.
+/// What the kernel holds: hundredths of a percent of one CPU, and KB; -1 for no limit, -2 when there is no such group
+/// or the controller is not there.
 int64_t CpuLimit(const std::string& below);
 int64_t MemoryLimit(const std::string& below);
 /// Kills that the kernel counted in this very group and below it.
@@ -45,14 +46,6 @@ std::vector<std::string> AllGroups();
 pid_t RunInLeaf(const std::string& below, const std::vector<std::string>& words);
 /// Returns: its status as waitpid gives it, -1 when it did not end within the seconds.
 int WaitEnd(pid_t pid, int seconds);
-
-/// One configured component and what its leaf ought to hold.
-struct Expected {
-    std::string name;
-    std::string group;
-    int64_t cpu100Times;
-    int64_t memoryKb;
-};
 
 class AgentInGuest : public testing::Test {
 protected:
