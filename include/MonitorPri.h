@@ -196,7 +196,7 @@ public:
 
 protected:
     // --- steps of the unified mode: src/cgroup/UnifiedMode.cpp ---
-    struct UnifiedRun;
+    struct ZEL_HIDDEN UnifiedRun;
     void BuildUnified(int mode, long effectiveMaxCpu, int maxMem, UnifiedRun& run);
     void BuildAndReconcileUnified(int mode, long effectiveMaxCpu, int maxMem, UnifiedRun& run);
     bool InitWithLimits(const UnifiedRun& run);

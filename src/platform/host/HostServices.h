@@ -199,7 +199,7 @@ public:
     bool ReloadOnlineConfig(std::string& error);
 
 private:
-    struct Impl;
+    struct ZEL_HIDDEN Impl;
     std::unique_ptr<Impl> m_impl;
 };
 

@@ -57,7 +57,7 @@ public:
     CAtomicInt64<long> osAbnormalReportInterval;  ///< ticks of a little over 2 s
     CAtomicInt64<long> osAbnormalSwitch;          ///< bit 0: OS abnormal monitor on
 
-    struct Impl;
+    struct ZEL_HIDDEN Impl;
     /// For the host's own loader. Returns: null in a process that loads none.
     Impl* GetImpl() { return m_impl.get(); }
 

@@ -87,7 +87,7 @@ public:
     bool GetAvgCpuWindowBusy();
     bool FetchResourceMonitorInfo(ResourceMonitorInfo& info);
 
-    struct Impl;
+    struct ZEL_HIDDEN Impl;
     /// For the host's own services.
     Impl* GetImpl() { return m_impl.get(); }
 

@@ -35,7 +35,7 @@ public:
     std::string GetMemCgroupPath();
 
 private:
-    struct Impl;
+    struct ZEL_HIDDEN Impl;
     std::unique_ptr<Impl> m_impl;
 };
 

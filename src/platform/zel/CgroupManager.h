@@ -61,7 +61,7 @@ public:
     /// Writes the form of that file which says that there are no unified limits.
     bool WriteDisabledConfig(const std::string& path);
 
-    /// Stops watching the groups and forgets what was seen of them. The next poll starts afresh and reports nothing old.
+    /// Stops watching the groups and forgets what was seen of them: the next poll starts afresh, with nothing old.
     void ResetMemoryOomMonitor();
 
     /// Current totals of every group of the agent and of the parent.
@@ -71,7 +71,7 @@ public:
     bool PollMemoryOomEvents(std::vector<CgroupMemoryOomEvent>& out);
 
 private:
-    struct Impl;
+    struct ZEL_HIDDEN Impl;
     std::unique_ptr<Impl> m_impl;
 };
 

@@ -3,3 +3,6 @@
 #pragma once
 
 #define ZEL_API __attribute__((visibility("default")))
+
+// For what is nested in such a class and stays inside: it would inherit the class's visibility.
+#define ZEL_HIDDEN __attribute__((visibility("hidden")))

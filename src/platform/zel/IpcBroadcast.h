@@ -45,7 +45,7 @@ public:
     uint64_t GetDroppedCount();
 
 private:
-    struct Impl;
+    struct ZEL_HIDDEN Impl;
     std::unique_ptr<Impl> m_impl;
 };
 
@@ -72,7 +72,7 @@ public:
     bool IsConnected();
 
 private:
-    struct Impl;
+    struct ZEL_HIDDEN Impl;
     std::unique_ptr<Impl> m_impl;
 };
 

@@ -19,7 +19,7 @@ public:
     void unlock();
 
 private:
-    struct Impl;
+    struct ZEL_HIDDEN Impl;
     std::unique_ptr<Impl> m_impl;
 };
 

@@ -44,7 +44,7 @@ public:
     static void SetThreadName(const std::string& name);
 
 private:
-    struct Impl;
+    struct ZEL_HIDDEN Impl;
     std::unique_ptr<Impl> m_impl;
 };
 

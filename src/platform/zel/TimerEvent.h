@@ -35,7 +35,7 @@ public:
     bool killTimer(unsigned long id);
 
 private:
-    struct Impl;
+    struct ZEL_HIDDEN Impl;
     std::shared_ptr<Impl> m_impl;
 };
 
