@@ -2,6 +2,7 @@
 #include <chrono>
 #include <functional>
 #include <future>
+#include <list>
 #include <thread>
 
 #include "CoreFixture.h"
@@ -65,17 +66,26 @@ public:
     }
     /// Starts it. Returns: whether it is still held up when it has had plenty of time.
     bool IsHeldUpBy(std::function<void()> action) {
+        Start(std::move(action));
+        return m_ended.wait_for(kPlenty) == std::future_status::timeout;
+    }
+    /// Starts it. Returns: whether nothing holds it up.
+    bool IsFreeTo(std::function<void()> action) {
+        Start(std::move(action));
+        return GetsThrough();
+    }
+    bool GetsThrough() { return m_thread.joinable() && m_ended.wait_for(kPatience) == std::future_status::ready; }
+
+private:
+    void Start(std::function<void()> action) {
         m_thread = std::thread([this, action] {
             m_started.set_value();
             action();
             m_done.set_value();
         });
-        const bool started = m_started.get_future().wait_for(kPatience) == std::future_status::ready;
-        return started && m_ended.wait_for(kPlenty) == std::future_status::timeout;
+        EXPECT_EQ(std::future_status::ready, m_started.get_future().wait_for(kPatience));
     }
-    bool GetsThrough() { return m_thread.joinable() && m_ended.wait_for(kPatience) == std::future_status::ready; }
 
-private:
     static constexpr std::chrono::milliseconds kPlenty{100};
     static constexpr std::chrono::seconds kPatience{20};
     std::promise<void> m_started, m_done;
@@ -302,13 +312,15 @@ TEST_F(ThreadReportTest, LetsTheSystemInterfaceAddAMonitorPoint) {
 TEST_F(ThreadReportTest, HoldsNoLockWhileThreadsAreNamedAndTheReportIsLogged) {
     m_sysIntf.threads = {Thread(101, 1, 2, 3, 4)};
     int entered = 0;
-    // A lock that is still held would hang here.
-    platform().keepInJournal = [this, &entered](const std::string& line) {
+    Point stranger("");
+    std::list<Contender> contenders;
+    platform().keepInJournal = [&](const std::string& line) {
         if (line.rfind("CThreadUtil::GetThreadName", 0) == 0 || line.rfind("W4 ", 0) == 0) {
             ++entered;
-            m_monitor->SetSysIntf(&m_sysIntf);
-            Point stranger("");
-            m_monitor->RemoveMonitorPoint(&stranger);
+            EXPECT_TRUE(contenders.emplace_back().IsFreeTo([&] {
+                m_monitor->SetSysIntf(&m_sysIntf);
+                m_monitor->RemoveMonitorPoint(&stranger);
+            })) << line;
         }
         return true;
     };
