@@ -226,6 +226,16 @@ Child Spawn(const std::vector<std::string>& words, const std::map<std::string, s
     _exit(127);
 }
 
+bool ParseJson(const std::string& text, Json::Value& value) {
+    Json::CharReaderBuilder builder;
+    Json::Value parsed;
+    std::string problem;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    if (!reader->parse(text.data(), text.data() + text.size(), &parsed, &problem)) return false;
+    value = parsed;
+    return true;
+}
+
 void AgentTest::SetUp() {
     static int number = 0;
     m_tree = "zsystest-" + std::to_string(getpid()) + "-" + std::to_string(++number);
@@ -330,12 +340,8 @@ std::string AgentTest::Ask(const std::vector<std::string>& request, const std::s
 }
 
 Json::Value AgentTest::Status(const std::string& name) {
-    std::string text = Ask({"status", "--json"}, name);
-    Json::Value root;
-    Json::CharReaderBuilder builder;
-    std::string problem;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    if (!reader->parse(text.data(), text.data() + text.size(), &root, &problem)) return Json::Value(Json::objectValue);
+    Json::Value root(Json::objectValue);
+    ParseJson(Ask({"status", "--json"}, name), root);
     return root;
 }
 
@@ -366,17 +372,14 @@ bool AgentTest::WaitLog(const std::string& text, int count, const std::string& n
     return Poll(kSettleSeconds, [&] { return LogCount(text, name) >= count; });
 }
 
-std::vector<Json::Value> AgentTest::Events() const {
+std::vector<Json::Value> AgentTest::Events(const std::string& process) const {
     std::vector<Json::Value> events;
     std::set<std::string> ids;
-    std::istringstream lines(ReadText(m_dir + "/log/tervane.events.jsonl"));
+    std::istringstream lines(ReadText(m_dir + "/log/" + process + ".events.jsonl"));
     std::string line;
-    Json::CharReaderBuilder builder;
     while (std::getline(lines, line)) {
         Json::Value event;
-        std::string problem;
-        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        if (!reader->parse(line.data(), line.data() + line.size(), &event, &problem)) continue;
+        if (!ParseJson(line, event)) continue;
         // A process that is killed between writing a message and noting that it did writes it again, under the same id.
         if (ids.insert(event["id"].asString()).second) events.push_back(event);
     }
@@ -385,16 +388,9 @@ std::vector<Json::Value> AgentTest::Events() const {
 
 std::vector<Json::Value> AgentTest::EventBodies(const std::string& type) const {
     std::vector<Json::Value> bodies;
-    Json::CharReaderBuilder builder;
     for (const Json::Value& event : Events()) {
-        Json::Value body = event["body"];
-        if (body.isString()) {
-            std::string text = body.asString();
-            std::string problem;
-            std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-            if (!reader->parse(text.data(), text.data() + text.size(), &body, &problem)) continue;
-        }
-        if (body.isObject() && body["type"].asString() == type) bodies.push_back(body);
+        Json::Value body;
+        if (ParseJson(event["body"].asString(), body) && body["type"].asString() == type) bodies.push_back(body);
     }
     return bodies;
 }

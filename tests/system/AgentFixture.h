@@ -74,6 +74,9 @@ Child Spawn(const std::vector<std::string>& words, const std::map<std::string, s
             const std::string& outputPath);
 int ExitCodeOf(int status);
 
+/// Returns: whether the text is JSON; the value is left alone otherwise.
+bool ParseJson(const std::string& text, Json::Value& value);
+
 class AgentTest : public testing::Test {
 protected:
     void SetUp() override;
@@ -118,7 +121,7 @@ protected:
     int LogCount(const std::string& text, const std::string& name = "tervane") const;
     bool WaitLog(const std::string& text, int count = 1, const std::string& name = "tervane");
     /// Every event that was delivered to the JSON-lines file so far, parsed.
-    std::vector<Json::Value> Events() const;
+    std::vector<Json::Value> Events(const std::string& process = "tervane") const;
     /// Those whose body (itself JSON) has this "type".
     std::vector<Json::Value> EventBodies(const std::string& type) const;
 

@@ -40,10 +40,9 @@ protected:
 
     std::vector<Json::Value> DiskEvents() const {
         std::vector<Json::Value> found;
-        Json::Reader reader;
         for (const Json::Value& event : Events()) {
             Json::Value body;
-            if (event["type"].asString() == "T_MSG_OS_ABNORMAL" && reader.parse(event["body"].asString(), body) &&
+            if (event["type"].asString() == "T_MSG_OS_ABNORMAL" && ParseJson(event["body"].asString(), body) &&
                 body.isMember("free_space")) {
                 found.push_back(body);
             }
