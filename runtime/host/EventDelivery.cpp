@@ -127,8 +127,9 @@ bool CEventDelivery::DeliverSome(Lane& lane, bool& more) {
         return true;
     } else {
         const size_t safe = lane.sink->Deliver(messages, reason);
-        if (safe > 0 && !m_spool.Confirm(name, messages[safe - 1].seq)) reason = "the cursor cannot be moved";
+        // Under the lock, so that nobody who sees the spool empty reads a count that is not there yet.
         std::lock_guard<std::mutex> lock(lane.lock);
+        if (safe > 0 && !m_spool.Confirm(name, messages[safe - 1].seq)) reason = "the cursor cannot be moved";
         lane.delivered += safe;
         if (safe == messages.size() && reason.empty()) {
             if (!lane.lastError.empty()) {
