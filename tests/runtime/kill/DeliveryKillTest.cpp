@@ -265,8 +265,11 @@ TEST_F(DeliveryKillTest, EveryAcceptedEventArrivesUnderOneIdThroughAThousandKill
     EXPECT_EQ(0u, lost);
     // At most one event of each sender was committed when its process was killed, and could not be told any more.
     EXPECT_LE(m_idsOf.size(), m_accepted.size() + static_cast<size_t>(kKills * kSenders));
-    for (const auto& number : m_idsOf) EXPECT_EQ(1u, number.second.size()) << number.first << " has several ids";
-    for (const auto& id : m_numbersOf) EXPECT_EQ(1u, id.second.size()) << id.first << " stands for several events";
+    size_t severalIds = 0, severalEvents = 0;
+    for (const auto& number : m_idsOf) severalIds += number.second.size() != 1 ? 1 : 0;
+    for (const auto& id : m_numbersOf) severalEvents += id.second.size() != 1 ? 1 : 0;
+    EXPECT_EQ(0u, severalIds) << "events came under several ids";
+    EXPECT_EQ(0u, severalEvents) << "ids stand for several events";
 
     // In the order of the ids, all of one spool.
     ASSERT_FALSE(m_firstIds.empty());
