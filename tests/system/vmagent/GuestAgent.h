@@ -1,5 +1,5 @@
-// The whole agent inside a virtual machine: its directory, its processes, its control groups as the guest's kernel shows
-// them, and the numbers that ought to stand there. Times are only bounds of polls, since an emulated machine is slow.
+// The whole agent inside a virtual machine: its directory, its processes, and its control groups as the guest's kernel
+// shows them. Times are only bounds of polls, since an emulated machine is slow.
 #pragma once
 
 #include <gtest/gtest.h>

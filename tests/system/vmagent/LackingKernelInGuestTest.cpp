@@ -10,11 +10,13 @@ using NoPressureFiguresInGuest = AgentInGuest;
 
 TEST_F(NoMemoryControllerInGuest, CpuIsLimitedAndTheMissingMemoryLimitIsTold) {
     WriteRoomyResource();
-    WriteComponents("{\"name\": \"Greedy\", \"group\": \"collect-defense\"}, {\"name\": \"Quiet\", \"group\": \"guard\"}");
+    WriteComponents("{\"name\": \"Greedy\", \"group\": \"collect-defense\"},"
+                    "{\"name\": \"Quiet\", \"group\": \"guard\"}");
     StartAgent();
     ASSERT_FALSE(HasFatalFailure());
     ASSERT_TRUE(Poll(kStartSeconds, [] {
-        return ProcessesIn("cpu", "collect-defense/Greedy").size() == 1 && ProcessesIn("cpu", "guard/Quiet").size() == 1;
+        return ProcessesIn("cpu", "collect-defense/Greedy").size() == 1 &&
+               ProcessesIn("cpu", "guard/Quiet").size() == 1;
     }));
     EXPECT_EQ(ProcessesIn("cpu", "main/Tervane"), std::vector<pid_t>{MainPid()});
     EXPECT_EQ(CpuLimit("collect-defense/Greedy"), 1140);

@@ -3,6 +3,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <ctime>
+
 #include "GuestAgent.h"
 
 using namespace guest;
@@ -95,7 +97,8 @@ TEST_F(OomInGuest, KillWhileTheMainProcessIsDownIsReportedAtTheNextStart) {
         const int status = WaitEnd(RunInLeaf("main/Tervane", {"/bin/vm-hog", "300"}), kSettleSeconds);
         ASSERT_TRUE(status != -1 && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
     }
-    ASSERT_TRUE(WriteText(GroupDir("memory") + (IsV2("memory") ? "/memory.max" : "/memory.limit_in_bytes"), "16777216"));
+    const std::string limit = IsV2("memory") ? "/memory.max" : "/memory.limit_in_bytes";
+    ASSERT_TRUE(WriteText(GroupDir("memory") + limit, "16777216"));
     const int status = WaitEnd(RunInLeaf("main/Tervane", {"/bin/vm-hog", "300"}), kSettleSeconds);
     ASSERT_TRUE(status != -1 && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
     ASSERT_EQ(KillsIn("main"), 3);

@@ -139,11 +139,13 @@ TEST_F(UnifiedInGuest, GreedyComponentIsHeldToItsQuotaAndAnotherGroupIsNot) {
 
 TEST_F(UnifiedInGuest, GroupsOfAKilledMainProcessAreAdoptedAndACleanStopLeavesNone) {
     WriteRoomyResource();
-    WriteComponents("{\"name\": \"Quiet\", \"group\": \"guard\"}, {\"name\": \"Greedy\", \"group\": \"collect-defense\"}");
+    WriteComponents("{\"name\": \"Quiet\", \"group\": \"guard\"},"
+                    "{\"name\": \"Greedy\", \"group\": \"collect-defense\"}");
     StartAgent();
     ASSERT_FALSE(HasFatalFailure());
     ASSERT_TRUE(Poll(kStartSeconds, [] {
-        return ProcessesIn("memory", "guard/Quiet").size() == 1 && ProcessesIn("memory", "collect-defense/Greedy").size() == 1;
+        return ProcessesIn("memory", "guard/Quiet").size() == 1 &&
+               ProcessesIn("memory", "collect-defense/Greedy").size() == 1;
     }));
     const std::vector<std::string> groups = AllGroups();
     KillMain();
@@ -152,7 +154,8 @@ TEST_F(UnifiedInGuest, GroupsOfAKilledMainProcessAreAdoptedAndACleanStopLeavesNo
     ASSERT_FALSE(HasFatalFailure());
     EXPECT_EQ(AllGroups(), groups);
     EXPECT_TRUE(Poll(kStartSeconds, [] {
-        return ProcessesIn("memory", "guard/Quiet").size() == 1 && ProcessesIn("memory", "collect-defense/Greedy").size() == 1;
+        return ProcessesIn("memory", "guard/Quiet").size() == 1 &&
+               ProcessesIn("memory", "collect-defense/Greedy").size() == 1;
     })) << "the components did not come back into their leaves";
     EXPECT_EQ(ProcessesIn("memory", "main/Tervane"), std::vector<pid_t>{MainPid()});
     EXPECT_TRUE(Status()["unified"].asBool());
