@@ -23,6 +23,16 @@ bool IsPlainName(const std::string& name) {
     return true;
 }
 
+/// Whether the address has the form of one that the metrics may be served on: nothing that others could reach.
+bool IsMetricsAddress(const std::string& address) {
+    if (address.compare(0, 6, "unix:/") == 0) return address.size() > 6;
+    size_t colon = address.rfind(':');
+    if (colon == std::string::npos) return false;
+    std::string port = address.substr(colon + 1);
+    if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos) return false;
+    return address.compare(0, 4, "127.") == 0 || address.substr(0, colon) == "[::1]";
+}
+
 }  // namespace
 
 bool ParseOptions(int argc, const char* const* argv, Options& options, std::string& text, int& exitCode) {
@@ -35,6 +45,8 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, std::stri
     app.add_flag("--live", options.live, "show use against limits, refreshed in place on a terminal");
     app.add_option("--for", options.forSeconds, "end after this many seconds with a summary");
     app.add_option("--load", load, "synthetic load: " + std::string(kLoadProfileHelp));
+    app.add_option("--metrics-listen", options.metricsListen,
+                   "serve /metrics on 127.0.0.1:PORT, [::1]:PORT or unix:/PATH (default: a socket of the main process)");
     app.add_option("--parent-pid", options.parentPid, "set by the main process for its components");
     app.add_option("--group", options.group, "set by the main process for its components");
     app.add_flag("--exec", options.exec, "put this process into the component's groups, then run COMMAND in its place");
@@ -54,6 +66,10 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, std::stri
     exitCode = kExitUsage;
     if (!IsPlainName(options.name)) {
         text = "tervane: --name " + options.name + ": letters, digits, '.', '_' and '-' only, at most 64\n";
+        return false;
+    }
+    if (!options.metricsListen.empty() && !IsMetricsAddress(options.metricsListen)) {
+        text = "tervane: --metrics-listen " + options.metricsListen + ": 127.0.0.1:PORT, [::1]:PORT or unix:/PATH\n";
         return false;
     }
     if (options.exec == options.command.empty()) {

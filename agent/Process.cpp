@@ -12,7 +12,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
+#include "AgentMetrics.h"
 #include "ControlServer.h"
 #include "EventTail.h"
 #include "ExitCode.h"
@@ -115,6 +117,10 @@ int Process::Start() {
     host.component = m_options.IsMain() ? kMainComponentName : m_options.name;
     host.group = m_options.IsMain() ? "main" : m_options.group;
     host.isMain = m_options.IsMain();
+    if (!m_options.metricsListen.empty()) {
+        host.metrics.enabled = zelhost::Switch::kOn;
+        host.metrics.listen = m_options.metricsListen;
+    }
     if (!m_services.Start(host, problem)) {
         // What the services keep on disk is not worth the budget: without a directory they run without it.
         LogLine("host services: " + problem + "; going on without delivery, metrics and statistics history",
@@ -171,7 +177,10 @@ int Process::Start() {
     if (!m_control->Start(m_options.appDir + "/run/" + m_options.name + ".ctl", problem)) {
         LogLine("console socket: " + problem + "; tervanectl will not reach this process", zel::kLogWarning);
     }
-    if (m_options.IsMain()) StartComponents();
+    if (m_options.IsMain()) {
+        StartComponents();
+        m_services.SetMetricsSource([this](std::vector<zelhost::Metric>& metrics) { AddMetrics(metrics); });
+    }
     LogLine(m_options.name + " " ZEL_VERSION " is running, process " + std::to_string(getpid()), zel::kLogInfo);
     return kExitClean;
 }
@@ -263,6 +272,21 @@ void Process::RefreshComponentStatus() {
     }
     std::lock_guard<std::mutex> guard(m_componentLock);
     m_componentStatus = m_supervisor->Status(Now());
+}
+
+void Process::AddMetrics(std::vector<zelhost::Metric>& metrics) {
+    AgentFigures figures;
+    COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance();
+    figures.mode = conf == nullptr ? 0 : static_cast<int>(conf->resourceLimitMode.Get());
+    {
+        std::lock_guard<std::mutex> guard(m_componentLock);
+        figures.components = m_componentStatus;
+    }
+    // Read when somebody asks and not otherwise; a tree that cannot be read is one without samples.
+    std::string problem;
+    if ((figures.mode & kModeUnified) != 0) zel::ReadCgroupTreeStatus(figures.tree, problem);
+    std::vector<zelhost::Metric> own = MakeAgentMetrics(figures);
+    metrics.insert(metrics.end(), std::make_move_iterator(own.begin()), std::make_move_iterator(own.end()));
 }
 
 int Process::Loop() {

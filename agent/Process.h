@@ -58,6 +58,8 @@ private:
     bool StartMonitor(std::string& problem);
     void ExplainMissingLimits();
     void RefreshComponentStatus();
+    /// The metrics thread asks for them at every scrape.
+    void AddMetrics(std::vector<zelhost::Metric>& metrics);
 
     Options m_options;
     std::string m_program;

@@ -57,6 +57,19 @@ TEST(OptionsTest, UnknownArgumentsEndWithTheUsageCode) {
     EXPECT_EQ(kExitUsage, Parse({"--load", "busy"}).code);
 }
 
+TEST(OptionsTest, MetricsAreServedOnThisHostOnly) {
+    EXPECT_EQ("", Parse({}).options.metricsListen);
+    for (const char* address : {"127.0.0.1:9471", "127.0.0.1:0", "[::1]:9471", "unix:/run/x.sock"}) {
+        Parsed parsed = Parse({"--metrics-listen", address});
+        EXPECT_TRUE(parsed.go) << parsed.text;
+        EXPECT_EQ(address, parsed.options.metricsListen);
+    }
+    for (const char* address : {"0.0.0.0:9471", "192.0.2.1:9471", "localhost:9471", "127.0.0.1", "127.0.0.1:", "[::]:1",
+                                "127.0.0.1:http", "127.0.0.1:123456", "unix:", "unix:relative", "9471"}) {
+        EXPECT_EQ(kExitUsage, Parse({"--metrics-listen", address}).code) << address;
+    }
+}
+
 TEST(OptionsTest, HelpAndVersionEndCleanly) {
     Parsed help = Parse({"--help"});
     EXPECT_FALSE(help.go);

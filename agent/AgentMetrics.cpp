@@ -1,0 +1,103 @@
+// From the kernel's units to those that Prometheus asks for.
+#include "AgentMetrics.h"
+
+#include <string>
+#include <utility>
+
+namespace agent {
+
+namespace {
+
+constexpr int kModeUnified = 8;
+constexpr double kHundredthsPerCpu = 10000;
+constexpr double kMicrosecondsPerSecond = 1e6;
+constexpr double kBytesPerKb = 1024;
+
+using Labels = std::vector<std::pair<std::string, std::string>>;
+using zelhost::MetricType;
+
+/// Adds samples that share their labels.
+class Samples {
+public:
+    Samples(std::vector<zelhost::Metric>& metrics, Labels labels) : m_metrics(metrics), m_labels(std::move(labels)) {}
+
+    void Gauge(const char* name, const char* help, double value) { Add(name, MetricType::kGauge, help, value); }
+    /// A negative value is one that the kernel does not tell.
+    void KnownGauge(const char* name, const char* help, int64_t value, double factor) {
+        if (value >= 0) Gauge(name, help, static_cast<double>(value) * factor);
+    }
+    void Counter(const char* name, const char* help, int64_t value, double divisor = 1) {
+        if (value >= 0) Add(name, MetricType::kCounter, help, static_cast<double>(value) / divisor);
+    }
+
+private:
+    void Add(const char* name, MetricType type, const char* help, double value) {
+        m_metrics.push_back({name, type, help, m_labels, value});
+    }
+
+    std::vector<zelhost::Metric>& m_metrics;
+    Labels m_labels;
+};
+
+Labels LabelsOf(const zel::CgroupNodeStatus& node) {
+    switch (node.level) {
+        case zel::CgroupLevel::kGroup: return {{"group", node.name}, {"component", ""}};
+        case zel::CgroupLevel::kComponent: return {{"group", node.group}, {"component", node.name}};
+        case zel::CgroupLevel::kParent: break;
+    }
+    return {{"group", ""}, {"component", ""}};
+}
+
+void AddNode(const zel::CgroupNodeStatus& node, std::vector<zelhost::Metric>& metrics) {
+    Samples samples(metrics, LabelsOf(node));
+    const zel::CgroupUse& cpu = node.cpu;
+    if (cpu.present) {
+        samples.Gauge("zel_tree_cpu_quota_ratio", "CPU quota in force, 1 is one CPU; 0: none of its own.",
+                      cpu.limit / kHundredthsPerCpu);
+        samples.Counter("zel_tree_cpu_seconds_total", "CPU time used by the control group.", cpu.used,
+                        kMicrosecondsPerSecond);
+        samples.Counter("zel_tree_cpu_periods_total", "Quota periods in which the control group ran.", cpu.periods);
+        samples.Counter("zel_tree_cpu_throttled_periods_total", "Quota periods in which it was throttled.",
+                        cpu.throttledPeriods);
+        samples.Counter("zel_tree_cpu_throttled_seconds_total", "Time for which it was throttled.", cpu.throttledUs,
+                        kMicrosecondsPerSecond);
+    }
+    const zel::CgroupUse& memory = node.memory;
+    if (memory.present) {
+        samples.Gauge("zel_tree_memory_limit_bytes", "Memory limit in force; 0: none of its own.",
+                      memory.limit * kBytesPerKb);
+        samples.KnownGauge("zel_tree_memory_usage_bytes", "Memory charged to the control group.", memory.used,
+                           kBytesPerKb);
+        samples.Counter("zel_tree_memory_limit_hits_total", "Times at which the memory limit was reached.",
+                        memory.limitHits);
+        samples.Counter("zel_tree_memory_oom_kills_total", "Processes killed for want of memory.", memory.oomKills);
+    }
+    if (node.level == zel::CgroupLevel::kComponent) {
+        samples.Gauge("zel_tree_membership_verified",
+                      "1 while the component's processes are in its control group of every controller in use.",
+                      node.membershipVerified ? 1 : 0);
+    }
+}
+
+}  // namespace
+
+std::vector<zelhost::Metric> MakeAgentMetrics(const AgentFigures& figures) {
+    std::vector<zelhost::Metric> metrics;
+    Samples agent(metrics, {{"group", ""}, {"component", ""}});
+    agent.Gauge("zel_limit_mode",
+                "Limit mode in force, a sum: 1 CPU, 4 memory, 8 one control group per component; 0: no limit.",
+                figures.mode);
+    agent.Gauge("zel_limit_tree_present", "1 while the mode asks for one control group per component and they exist.",
+                (figures.mode & kModeUnified) != 0 && figures.tree.present ? 1 : 0);
+    for (const zel::CgroupNodeStatus& node : figures.tree.nodes) AddNode(node, metrics);
+    for (const ComponentStatus& component : figures.components) {
+        Samples samples(metrics, {{"group", component.group}, {"component", component.name}});
+        samples.Gauge("zel_component_up", "1 while the component's process runs.",
+                      component.state == ComponentState::kRunning ? 1 : 0);
+        samples.Counter("zel_component_restarts_total", "Starts of the component after its first, by this main process.",
+                        static_cast<int64_t>(component.restarts));
+    }
+    return metrics;
+}
+
+}  // namespace agent

@@ -1,0 +1,23 @@
+// Which figures of the agent's tree of control groups and of its components are shown as metrics.
+#pragma once
+
+#include <vector>
+
+#include "Supervisor.h"
+#include "platform/host/HostServices.h"
+#include "platform/zel/CgroupTreeStatus.h"
+
+namespace agent {
+
+/// What the main process knows at one scrape.
+struct AgentFigures {
+    int mode = 0;                ///< limit mode of the online configuration
+    zel::CgroupTreeStatus tree;  ///< empty when one group per component is not asked for
+    std::vector<ComponentStatus> components;
+};
+
+/// One sample per figure that is known, in base units: seconds, bytes, CPUs. The labels "group" and "component" are
+/// always given: a group as a whole has an empty component, the tree as a whole two empty labels. Pure.
+std::vector<zelhost::Metric> MakeAgentMetrics(const AgentFigures& figures);
+
+}  // namespace agent
