@@ -94,7 +94,7 @@ std::vector<zelhost::Metric> MakeAgentMetrics(const AgentFigures& figures) {
         Samples samples(metrics, {{"group", component.group}, {"component", component.name}});
         samples.Gauge("zel_component_up", "1 while the component's process runs.",
                       component.state == ComponentState::kRunning ? 1 : 0);
-        samples.Counter("zel_component_restarts_total", "Starts of the component after its first, by this main process.",
+        samples.Counter("zel_component_restarts_total", "Starts of the component after its first one.",
                         static_cast<int64_t>(component.restarts));
     }
     return metrics;

@@ -72,8 +72,8 @@ std::map<std::string, double> Samples(const std::string& text) {
         size_t value = line.rfind(' ');
         if (line.empty() || line[0] == '#' || value == std::string::npos) continue;
         const std::string labels = line.substr(0, value);
-        samples[labels.substr(0, labels.find('{')) + " " + LabelOf(labels, "group") + "/" + LabelOf(labels, "component")] =
-            strtod(line.c_str() + value, nullptr);
+        const std::string node = LabelOf(labels, "group") + "/" + LabelOf(labels, "component");
+        samples[labels.substr(0, labels.find('{')) + " " + node] = strtod(line.c_str() + value, nullptr);
     }
     return samples;
 }
