@@ -1,14 +1,17 @@
 # Front of the build: all work is in CMake.
 #   make run [FOR=seconds]   install what is missing, build, run the agent's demonstration
 #   make test                build and run every test that this machine allows; says which it could not run and why
-#   make sanitize            the same tests under the address, undefined and thread sanitizers
+#   make sanitize            the same tests under the address, undefined and thread sanitizers (sanitize-module: a part)
 #   make bench               build and run the benchmarks
 #   make install [PREFIX=]   install libraries, headers, agent, unit file and man pages
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 FOR ?=
+ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel FuzzKernelLists FuzzResourceFile \
+  FuzzWatermark FuzzVmstat FuzzGroupSpecs FuzzMountInfo FuzzComponentFile FuzzOnlineConfig
+TSAN_QUICK = UnitCore UnitLimits RuntimeUtilTests RuntimeIpcTests
 
-.PHONY: all run test sanitize bench fuzz install clean deps deps-build
+.PHONY: all run test sanitize sanitize-module bench fuzz install clean deps deps-build
 
 all: deps-build
 	cmake --preset dev
@@ -30,6 +33,7 @@ test: deps
 	cmake --build --preset dev -j $(JOBS)
 	scripts/run-tests dev
 
+# Everything but the virtual machines and the whole agent, whose budgets instrumented programs do not fit in.
 sanitize: deps
 	cmake --preset asan
 	cmake --build --preset asan -j $(JOBS)
@@ -37,6 +41,15 @@ sanitize: deps
 	cmake --preset tsan
 	cmake --build --preset tsan -j $(JOBS)
 	scripts/run-tests tsan -LE "vm|system|tree"
+
+# The module and the fuzz corpora: what CI has the time for.
+sanitize-module: deps
+	cmake --preset asan
+	cmake --build --preset asan -j $(JOBS) --target $(ASAN_QUICK)
+	scripts/run-tests asan -L "unit|fuzz" -E NOT_BUILT
+	cmake --preset tsan
+	cmake --build --preset tsan -j $(JOBS) --target $(TSAN_QUICK)
+	scripts/run-tests tsan -L "unit|runtime" -E "NOT_BUILT|UnitUnifiedModel|LongRun"
 
 fuzz: deps
 	cmake --preset fuzz
