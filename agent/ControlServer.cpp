@@ -45,7 +45,9 @@ void SendAll(int connection, const std::string& text) {
 }  // namespace
 
 ControlServer::ControlServer(Process& process) : m_process(process) {}
-ControlServer::~ControlServer() { Stop(); }
+ControlServer::~ControlServer() {
+    Stop();
+}
 
 bool ControlServer::Start(const std::string& path, std::string& problem) {
     sockaddr_un address{};
@@ -57,7 +59,8 @@ bool ControlServer::Start(const std::string& path, std::string& problem) {
     memcpy(address.sun_path, path.c_str(), path.size() + 1);
     m_listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     m_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    // The lock of the application directory says that no other process of this name runs, so an old socket is a leftover.
+    // The lock of the application directory says that no other process of this name runs, so an old socket is a
+    // leftover.
     unlink(path.c_str());
     mode_t before = umask(0177);
     bool bound = m_listener >= 0 && m_wake >= 0 &&

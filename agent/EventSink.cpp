@@ -32,8 +32,8 @@ void Deliver(const char* type, const std::string& body) {
     IMsgTransmit* transmit = GetMsgTransmitInstance();
     if (transmit == nullptr) return;
     if (!transmit->SendMsg(type, body, "", 1, 0)) {
-        zel::CLogMessage::GetInstance()->WriteLogMessage(std::string("message ") + type + " was not accepted for delivery",
-                                                         zel::kLogWarning);
+        zel::CLogMessage::GetInstance()->WriteLogMessage(
+            std::string("message ") + type + " was not accepted for delivery", zel::kLogWarning);
     }
 }
 

@@ -53,17 +53,17 @@ std::string MemoryColumn(const zel::CgroupUse& use) {
 }
 
 void AppendTree(std::string& text, const StatusReport& report, const std::map<std::string, int64_t>& share) {
-    text += Text("%-26s%-24s%-18s%-24s%-5s%s\n", "group", "cpu used of quota", "throttled", "memory used of limit", "oom",
-                 "member");
+    text += Text("%-26s%-24s%-18s%-24s%-5s%s\n", "group", "cpu used of quota", "throttled", "memory used of limit",
+                 "oom", "member");
     for (const zel::CgroupNodeStatus& node : report.tree.nodes) {
-        std::string name = node.level == zel::CgroupLevel::kParent ? "whole agent"
+        std::string name = node.level == zel::CgroupLevel::kParent  ? "whole agent"
                            : node.level == zel::CgroupLevel::kGroup ? "  " + node.name
                                                                     : "    " + node.name;
         std::string throttled =
-            node.cpu.present ? Text("%lld/%lld %.1fs", static_cast<long long>(node.cpu.throttledPeriods),
-                                    static_cast<long long>(node.cpu.periods),
-                                    static_cast<double>(node.cpu.throttledUs) / 1e6)
-                             : "-";
+            node.cpu.present
+                ? Text("%lld/%lld %.1fs", static_cast<long long>(node.cpu.throttledPeriods),
+                       static_cast<long long>(node.cpu.periods), static_cast<double>(node.cpu.throttledUs) / 1e6)
+                : "-";
         std::string member;
         if (node.level == zel::CgroupLevel::kComponent) {
             member = node.pids.empty() ? "empty" : node.membershipVerified ? "verified" : "NOT VERIFIED";
@@ -78,9 +78,10 @@ void AppendOwnGroup(std::string& text, const StatusReport& report) {
     const zel::CgroupCpuStatus& cpu = report.cgroup.cpu;
     const zel::CgroupMemStatus& memory = report.cgroup.mem;
     if (cpu.limited) {
-        text += Text("cpu     limit %s in %s; throttled %lld of %lld periods, %.1f s\n", Percent(cpu.limit100Times).c_str(),
-                     cpu.limitPath.c_str(), static_cast<long long>(cpu.throttledPeriods),
-                     static_cast<long long>(cpu.periods), static_cast<double>(cpu.throttledUs) / 1e6);
+        text +=
+            Text("cpu     limit %s in %s; throttled %lld of %lld periods, %.1f s\n", Percent(cpu.limit100Times).c_str(),
+                 cpu.limitPath.c_str(), static_cast<long long>(cpu.throttledPeriods),
+                 static_cast<long long>(cpu.periods), static_cast<double>(cpu.throttledUs) / 1e6);
     } else {
         text += "cpu     no limit in force: " + cpu.reason + (cpu.advice.empty() ? "" : "; " + cpu.advice) + "\n";
     }
@@ -90,7 +91,8 @@ void AppendOwnGroup(std::string& text, const StatusReport& report) {
                      static_cast<double>(memory.usageBytes) / 1048576.0, static_cast<long long>(memory.limitHits),
                      static_cast<long long>(memory.oomKills));
     } else {
-        text += "memory  no limit in force: " + memory.reason + (memory.advice.empty() ? "" : "; " + memory.advice) + "\n";
+        text +=
+            "memory  no limit in force: " + memory.reason + (memory.advice.empty() ? "" : "; " + memory.advice) + "\n";
     }
 }
 
@@ -109,8 +111,8 @@ std::string FormatPicture(const StatusReport& report, const std::map<std::string
                  report.diskFull ? "; the disk is full" : "");
     for (const auto& worker : {std::make_pair("greedy", report.greedy), std::make_pair("polite", report.polite)}) {
         if (worker.second.threads == 0) continue;
-        text += Text("%s  %d threads, %llu pieces done, asked %llu times, told to hold back %llu times%s\n", worker.first,
-                     worker.second.threads, static_cast<unsigned long long>(worker.second.pieces),
+        text += Text("%s  %d threads, %llu pieces done, asked %llu times, told to hold back %llu times%s\n",
+                     worker.first, worker.second.threads, static_cast<unsigned long long>(worker.second.pieces),
                      static_cast<unsigned long long>(worker.second.asked),
                      static_cast<unsigned long long>(worker.second.held),
                      worker.first[0] == 'g' ? " and did not" : " and did");
@@ -125,14 +127,16 @@ std::string FormatPicture(const StatusReport& report, const std::map<std::string
         if (component.restarts == 0) continue;
         if (!anyTrouble) text += "\n";
         anyTrouble = true;
-        std::string next = component.state == ComponentState::kWaiting
-                               ? Text(", next start in %lld s", static_cast<long long>(component.nextStartAt - report.now))
-                               : "";
+        std::string next =
+            component.state == ComponentState::kWaiting
+                ? Text(", next start in %lld s", static_cast<long long>(component.nextStartAt - report.now))
+                : "";
         text += Text("%s ended %llu times, last: %s%s\n", component.name.c_str(),
                      static_cast<unsigned long long>(component.restarts), component.lastReason.c_str(), next.c_str());
     }
     if (report.delivery.present) {
-        text += Text("events  accepted %llu, waiting %llu, dropped %llu", static_cast<unsigned long long>(report.delivery.accepted),
+        text += Text("events  accepted %llu, waiting %llu, dropped %llu",
+                     static_cast<unsigned long long>(report.delivery.accepted),
                      static_cast<unsigned long long>(report.delivery.spooled),
                      static_cast<unsigned long long>(report.delivery.dropped));
         for (const zelhost::SinkStats& sink : report.delivery.sinks) {
@@ -197,7 +201,8 @@ void LiveView::Draw(const StatusReport& report) {
     if (m_terminal) text = "\033[H\033[J";
     if (due) text += FormatPicture(report, share);
     if (!m_lines.empty()) {
-        if (m_terminal) text += Text("\nlog, level 3 or worse (%llu so far):\n", static_cast<unsigned long long>(m_lineCount));
+        if (m_terminal)
+            text += Text("\nlog, level 3 or worse (%llu so far):\n", static_cast<unsigned long long>(m_lineCount));
         for (const std::string& line : m_lines) text += (m_terminal ? "  " : "log  ") + line + "\n";
         if (!m_terminal) m_lines.clear();
     }
@@ -219,17 +224,22 @@ void LiveView::Summary(const StatusReport& report) {
                  static_cast<double>(report.sampler.memKb) / 1024.0);
     for (const zel::CgroupNodeStatus& node : report.tree.nodes) {
         if (!report.unified || node.cpu.used < 0) continue;
-        std::string indent(node.level == zel::CgroupLevel::kParent ? 2 : node.level == zel::CgroupLevel::kGroup ? 4 : 6, ' ');
-        text += Text("%s%-22s %6.2f %% of one CPU on average, quota %s, held back in %lld of %lld periods, %lld killed\n",
-                     indent.c_str(), node.name.c_str(), static_cast<double>(node.cpu.used) / 1e4 / seconds,
-                     node.cpu.limit > 0 ? Percent(node.cpu.limit).c_str() : "none",
-                     static_cast<long long>(node.cpu.throttledPeriods), static_cast<long long>(node.cpu.periods),
-                     static_cast<long long>(node.memory.oomKills < 0 ? 0 : node.memory.oomKills));
+        std::string indent(node.level == zel::CgroupLevel::kParent  ? 2
+                           : node.level == zel::CgroupLevel::kGroup ? 4
+                                                                    : 6,
+                           ' ');
+        text +=
+            Text("%s%-22s %6.2f %% of one CPU on average, quota %s, held back in %lld of %lld periods, %lld killed\n",
+                 indent.c_str(), node.name.c_str(), static_cast<double>(node.cpu.used) / 1e4 / seconds,
+                 node.cpu.limit > 0 ? Percent(node.cpu.limit).c_str() : "none",
+                 static_cast<long long>(node.cpu.throttledPeriods), static_cast<long long>(node.cpu.periods),
+                 static_cast<long long>(node.memory.oomKills < 0 ? 0 : node.memory.oomKills));
     }
     if (!report.unified && report.cgroup.cpu.limited) {
-        text += Text("  limit %s, held back in %lld of %lld periods\n", Percent(report.cgroup.cpu.limit100Times).c_str(),
-                     static_cast<long long>(report.cgroup.cpu.throttledPeriods),
-                     static_cast<long long>(report.cgroup.cpu.periods));
+        text +=
+            Text("  limit %s, held back in %lld of %lld periods\n", Percent(report.cgroup.cpu.limit100Times).c_str(),
+                 static_cast<long long>(report.cgroup.cpu.throttledPeriods),
+                 static_cast<long long>(report.cgroup.cpu.periods));
     }
     for (const ComponentStatus& component : report.components) {
         if (component.restarts == 0) continue;
@@ -238,8 +248,9 @@ void LiveView::Summary(const StatusReport& report) {
     }
     for (const TailEvent& event : report.lastEvents) text += "  event " + DescribeEvent(event) + "\n";
     std::lock_guard<std::mutex> guard(m_lock);
-    text += Text("  %llu events accepted, %llu log lines of level 3 or worse\n",
-                 static_cast<unsigned long long>(report.delivery.accepted), static_cast<unsigned long long>(m_lineCount));
+    text +=
+        Text("  %llu events accepted, %llu log lines of level 3 or worse\n",
+             static_cast<unsigned long long>(report.delivery.accepted), static_cast<unsigned long long>(m_lineCount));
     fputs(text.c_str(), stdout);
     fflush(stdout);
 }

@@ -45,8 +45,9 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, std::stri
     app.add_flag("--live", options.live, "show use against limits, refreshed in place on a terminal");
     app.add_option("--for", options.forSeconds, "end after this many seconds with a summary");
     app.add_option("--load", load, "synthetic load: " + std::string(kLoadProfileHelp));
-    app.add_option("--metrics-listen", options.metricsListen,
-                   "serve /metrics on 127.0.0.1:PORT, [::1]:PORT or unix:/PATH (default: a socket of the main process)");
+    app.add_option(
+        "--metrics-listen", options.metricsListen,
+        "serve /metrics on 127.0.0.1:PORT, [::1]:PORT or unix:/PATH (default: a socket of the main process)");
     app.add_option("--parent-pid", options.parentPid, "set by the main process for its components");
     app.add_option("--group", options.group, "set by the main process for its components");
     app.add_flag("--exec", options.exec, "put this process into the component's groups, then run COMMAND in its place");

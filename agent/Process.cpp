@@ -53,11 +53,17 @@ void Broadcast(const std::string& type, const std::string& body) {
 }
 
 /// Wakes the main thread's wait from any thread.
-void WakeMain() { kill(g_mainPid, SIGALRM); }
+void WakeMain() {
+    kill(g_mainPid, SIGALRM);
+}
 
-void LogLine(const std::string& text, int level) { zel::CLogMessage::GetInstance()->WriteLogMessage(text, level); }
+void LogLine(const std::string& text, int level) {
+    zel::CLogMessage::GetInstance()->WriteLogMessage(text, level);
+}
 
-int64_t Now() { return static_cast<int64_t>(time(nullptr)); }
+int64_t Now() {
+    return static_cast<int64_t>(time(nullptr));
+}
 
 int64_t MonotonicSeconds() {
     timespec now{};
@@ -74,7 +80,9 @@ Process::Process(Options options, std::string program)
 
 Process::~Process() = default;
 
-void Process::RequestStop() { kill(getpid(), SIGTERM); }
+void Process::RequestStop() {
+    kill(getpid(), SIGTERM);
+}
 
 int Process::Run() {
     int code = Start();
@@ -121,12 +129,19 @@ int Process::Start() {
         host.metrics.enabled = zelhost::Switch::kOn;
         host.metrics.listen = m_options.metricsListen;
     }
-    if (!m_services.Start(host, problem)) {
+    bool serving = m_services.Start(host, problem);
+    if (!serving && host.metrics.enabled != zelhost::Switch::kOff) {
+        // An address that is taken costs the metrics, not the events.
+        std::string first = problem;
+        host.metrics.enabled = zelhost::Switch::kOff;
+        serving = m_services.Start(host, problem);
+        if (serving) LogLine("host services: " + first + "; going on without metrics", zel::kLogWarning);
+    }
+    if (!serving) {
         // What the services keep on disk is not worth the budget: without a directory they run without it.
         LogLine("host services: " + problem + "; going on without delivery, metrics and statistics history",
                 zel::kLogWarning);
         host.delivery.enabled = zelhost::Switch::kOff;
-        host.metrics.enabled = zelhost::Switch::kOff;
         host.statisticsDbPath = "-";
         if (!m_services.Start(host, problem)) {
             LogLine("host services: " + problem, zel::kLogError);
@@ -215,10 +230,11 @@ void Process::ExplainMissingLimits() {
         if (controller.limited) return;
         // The switch is on, so what the kernel shows is the outcome of a refusal that has its own line.
         bool refused = controller.version != 0 && !controller.limited && geteuid() == 0;
-        std::string advice = refused ? "it was asked for and refused, the warnings before this line say why"
-                                     : controller.advice;
-        LogLine(std::string(name) + " limit is not in force: " + controller.reason + (advice.empty() ? "" : "; " + advice),
-                zel::kLogWarning);
+        std::string advice =
+            refused ? "it was asked for and refused, the warnings before this line say why" : controller.advice;
+        LogLine(
+            std::string(name) + " limit is not in force: " + controller.reason + (advice.empty() ? "" : "; " + advice),
+            zel::kLogWarning);
     };
     if ((report.mode & kModeCpu) != 0) tell("CPU", report.cgroup.cpu);
     if ((report.mode & kModeMemory) != 0) tell("memory", report.cgroup.mem);
@@ -234,9 +250,8 @@ void Process::StartComponents() {
     }
     std::vector<std::string> common{"--app-dir", m_options.appDir, "--config", m_options.configPath};
     m_supervisor = std::make_unique<Supervisor>(
-        m_program, common, m_options.appDir + "/data/restarts.json", [](const ComponentEnd& end) {
-            Deliver(kComponentEndMessage, FormatComponentEnd(end, Now()));
-        });
+        m_program, common, m_options.appDir + "/data/restarts.json",
+        [](const ComponentEnd& end) { Deliver(kComponentEndMessage, FormatComponentEnd(end, Now())); });
     m_supervisor->SetPlacement([](const std::string& name) {
         std::vector<std::string> directories;
         zel::CgroupTreeStatus tree;
@@ -329,14 +344,16 @@ int Process::Loop() {
             drawn = second;
             StatusReport report;
             Collect(report);
-            report.lastEvents = ReadEventTail(m_options.appDir + "/log/" + m_options.name + ".events.jsonl", kShownEvents);
+            report.lastEvents =
+                ReadEventTail(m_options.appDir + "/log/" + m_options.name + ".events.jsonl", kShownEvents);
             m_view->Draw(report);
         }
         if (m_options.forSeconds != 0 && second >= static_cast<int64_t>(m_options.forSeconds)) {
             if (m_view != nullptr) {
                 StatusReport report;
                 Collect(report);
-                report.lastEvents = ReadEventTail(m_options.appDir + "/log/" + m_options.name + ".events.jsonl", kShownEvents);
+                report.lastEvents =
+                    ReadEventTail(m_options.appDir + "/log/" + m_options.name + ".events.jsonl", kShownEvents);
                 m_view->Summary(report);
             }
             return kExitClean;
@@ -351,7 +368,8 @@ void Process::Stop() {
     if (m_subscriber != nullptr) m_subscriber->Stop();
     if (m_monitorStarted) m_monitor->StopMonitor();
     if (m_monitor != nullptr) {
-        // Nothing of ours is left behind: the legacy group is left and removed, and the main process takes the tree down.
+        // Nothing of ours is left behind: the legacy group is left and removed, and the main process takes the tree
+        // down.
         zel::IResourceLimitUtil* limits = zel::GetResourceLimitUtil();
         int error = 0;
         limits->StopCpuLimit(error);
@@ -396,8 +414,8 @@ void Process::Collect(StatusReport& report) {
     }
     zel::ReadCgroupStatus(report.cgroup);
     std::string problem;
-    report.unified = (report.mode & kModeUnified) != 0 && zel::ReadCgroupTreeStatus(report.tree, problem) &&
-                     report.tree.present;
+    report.unified =
+        (report.mode & kModeUnified) != 0 && zel::ReadCgroupTreeStatus(report.tree, problem) && report.tree.present;
     report.modeReason = DescribeMode(report);
 }
 

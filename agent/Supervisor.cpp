@@ -1,4 +1,5 @@
-// Processes of the components: fork into the right groups, exec, waitpid of our own children by their ids, restart by the budget.
+// Processes of the components: fork into the right groups, exec, waitpid of our own children by their ids, restart by
+// the budget.
 #include "Supervisor.h"
 
 #include <fcntl.h>
@@ -23,12 +24,15 @@ constexpr size_t kMaxBudgetBytes = 65536;
 constexpr unsigned int kStopStepMs = 20;
 constexpr unsigned int kKillGraceMs = 2000;
 
-void LogLine(const std::string& text, int level) { zel::CLogMessage::GetInstance()->WriteLogMessage(text, level); }
+void LogLine(const std::string& text, int level) {
+    zel::CLogMessage::GetInstance()->WriteLogMessage(text, level);
+}
 }  // namespace
 
 std::string DescribeEnd(int status) {
     if (WIFSIGNALED(status)) {
-        std::string text = "killed by signal " + std::to_string(WTERMSIG(status)) + " (" + strsignal(WTERMSIG(status)) + ")";
+        std::string text =
+            "killed by signal " + std::to_string(WTERMSIG(status)) + " (" + strsignal(WTERMSIG(status)) + ")";
         return text;
     }
     int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -57,7 +61,8 @@ void Supervisor::Configure(const std::vector<ComponentConfig>& components) {
 }
 
 pid_t Supervisor::Launch(const std::string& name, std::vector<std::string> arguments, int& error) {
-    // Everything that allocates is done before the fork: the child of a process with threads may only make system calls.
+    // Everything that allocates is done before the fork: the child of a process with threads may only make system
+    // calls.
     std::vector<char*> argv;
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
@@ -76,7 +81,8 @@ pid_t Supervisor::Launch(const std::string& name, std::vector<std::string> argum
     }
     pid_t pid = fork();
     if (pid == 0) {
-        // A group that does not take the child is no reason not to run: the child's own client tries again and says why.
+        // A group that does not take the child is no reason not to run: the child's own client tries again and says
+        // why.
         for (int group : groups) {
             if (write(group, "0", 1) < 0) continue;
         }
@@ -157,8 +163,8 @@ void Supervisor::Reap(int64_t now) {
         end.nextStartAt = component.nextStartAt;
         end.exhausted = m_budget.IsExhausted(component.config.name, now);
         SaveBudget();
-        LogLine("component " + end.name + " (process " + std::to_string(end.pid) + ") ended: " + end.reason + "; next start in " +
-                    std::to_string(end.nextStartAt - now) + " s" +
+        LogLine("component " + end.name + " (process " + std::to_string(end.pid) + ") ended: " + end.reason +
+                    "; next start in " + std::to_string(end.nextStartAt - now) + " s" +
                     (end.exhausted ? ", its restarts of this hour are used up" : ""),
                 zel::kLogWarning);
         if (m_onEnd) m_onEnd(end);

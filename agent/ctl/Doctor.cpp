@@ -14,7 +14,9 @@ namespace agent {
 
 namespace {
 
-void Say(std::string& text, bool good, const std::string& what) { text += (good ? "ok    " : "PROBLEM  ") + what + "\n"; }
+void Say(std::string& text, bool good, const std::string& what) {
+    text += (good ? "ok    " : "PROBLEM  ") + what + "\n";
+}
 
 }  // namespace
 
@@ -23,7 +25,8 @@ bool Diagnose(const std::string& appDir, std::string& text) {
     utsname kernel{};
     if (uname(&kernel) == 0) Say(text, true, std::string("kernel ") + kernel.release);
     bool root = geteuid() == 0;
-    Say(text, root, root ? "running as root" : "not root: control groups can be made only where they were delegated to this user");
+    Say(text, root,
+        root ? "running as root" : "not root: control groups can be made only where they were delegated to this user");
 
     zel::CgroupTreeStatus tree;
     std::string problem;
@@ -37,7 +40,8 @@ bool Diagnose(const std::string& appDir, std::string& text) {
         healthy = healthy && usable;
         if (tree.present) {
             for (const zel::CgroupNodeStatus& node : tree.nodes) {
-                if (node.level != zel::CgroupLevel::kComponent || node.pids.empty() || node.membershipVerified) continue;
+                if (node.level != zel::CgroupLevel::kComponent || node.pids.empty() || node.membershipVerified)
+                    continue;
                 Say(text, false, "component " + node.name + " is not in its groups: something else moved it");
                 healthy = false;
             }
@@ -49,22 +53,26 @@ bool Diagnose(const std::string& appDir, std::string& text) {
     }
     unsigned long available = 0;
     int usage = zel::COSInfo::GetMemoryUsage(&available);
-    Say(text, usage >= 0, "memory in use " + std::to_string(usage) + " %, " + std::to_string(available) + " MB available");
+    Say(text, usage >= 0,
+        "memory in use " + std::to_string(usage) + " %, " + std::to_string(available) + " MB available");
     bool pressure = access("/proc/pressure/memory", R_OK) == 0;
-    text += std::string("      pressure figures (PSI): ") + (pressure ? "present" : "absent, boot with psi=1 to have them") + "\n";
+    text += std::string("      pressure figures (PSI): ") +
+            (pressure ? "present" : "absent, boot with psi=1 to have them") + "\n";
     if (!appDir.empty()) {
         unsigned long space = 0;
         unsigned long inodes = 0;
         if (zel::CToolUtil::GetSelfDiskFreeSpace(space, &inodes, appDir)) {
             bool enough = space > 64UL * 1024 * 1024 && inodes > 32;
-            Say(text, enough, appDir + ": " + std::to_string(space >> 20) + " MB and " + std::to_string(inodes) + " inodes free");
+            Say(text, enough,
+                appDir + ": " + std::to_string(space >> 20) + " MB and " + std::to_string(inodes) + " inodes free");
             healthy = healthy && enough;
         } else {
             Say(text, false, appDir + " cannot be examined");
             healthy = false;
         }
         bool configured = zel::CFileUtil::IsFile(appDir + "/conf/resource_config");
-        Say(text, configured, appDir + "/conf/resource_config" + (configured ? "" : " is missing: copy the sample there"));
+        Say(text, configured,
+            appDir + "/conf/resource_config" + (configured ? "" : " is missing: copy the sample there"));
         healthy = healthy && configured;
     }
     return healthy;

@@ -36,7 +36,8 @@ bool Ask(const std::string& path, const std::string& request, std::string& answe
     std::string line = request + "\n";
     if (connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         send(connection, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
-        answer = path + ": " + strerror(errno) + (errno == ENOENT || errno == ECONNREFUSED ? " (is the agent running?)" : "");
+        answer = path + ": " + strerror(errno) +
+                 (errno == ENOENT || errno == ECONNREFUSED ? " (is the agent running?)" : "");
         close(connection);
         return false;
     }
@@ -66,9 +67,11 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     CLI::App* status = app.add_subcommand("status", "use against limits, mode and its reason, components, delivery");
     status->add_flag("--json", json, "as JSON");
-    CLI::App* doctor = app.add_subcommand("doctor", "what this host allows, what is in force, and what to do about the rest");
+    CLI::App* doctor =
+        app.add_subcommand("doctor", "what this host allows, what is in force, and what to do about the rest");
     unsigned int last = 20;
-    CLI::App* events = app.add_subcommand("events", "the last delivered events, and the stored findings about the host");
+    CLI::App* events =
+        app.add_subcommand("events", "the last delivered events, and the stored findings about the host");
     events->add_option("--last", last, "how many")->capture_default_str()->check(CLI::Range(1, 1000));
     app.add_subcommand("metrics", "the process's metrics in Prometheus text form");
     app.add_subcommand("threads", "per-thread CPU report with the busiest thread's kernel stack");

@@ -15,8 +15,8 @@ void AppendStore(std::string& text, const std::string& path, unsigned int last) 
     sqlite3* database = nullptr;
     sqlite3_stmt* rows = nullptr;
     if (sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOFOLLOW, nullptr) == SQLITE_OK &&
-        sqlite3_prepare_v2(database, "select event_time, type, data from os_abnormal order by event_time desc limit ?", -1,
-                           &rows, nullptr) == SQLITE_OK &&
+        sqlite3_prepare_v2(database, "select event_time, type, data from os_abnormal order by event_time desc limit ?",
+                           -1, &rows, nullptr) == SQLITE_OK &&
         sqlite3_bind_int(rows, 1, static_cast<int>(last)) == SQLITE_OK) {
         while (sqlite3_step(rows) == SQLITE_ROW) {
             TailEvent event;

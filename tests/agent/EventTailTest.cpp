@@ -25,8 +25,10 @@ protected:
 }  // namespace
 
 TEST_F(EventTailTest, GivesTheLastLinesOldestFirstAndLeavesOutWhatIsNoEvent) {
-    Write("{\"id\":\"a-1\",\"time\":1,\"type\":\"T\",\"body\":\"{}\"}\nnot json\n{\"id\":\"a-2\",\"time\":2,\"type\":\"T\"}\n"
-          "[1]\n{\"id\":\"a-3\",\"time\":3,\"type\":\"T\"}\n{\"id\":\"a-4\",\"half");
+    Write(
+        "{\"id\":\"a-1\",\"time\":1,\"type\":\"T\",\"body\":\"{}\"}\nnot "
+        "json\n{\"id\":\"a-2\",\"time\":2,\"type\":\"T\"}\n"
+        "[1]\n{\"id\":\"a-3\",\"time\":3,\"type\":\"T\"}\n{\"id\":\"a-4\",\"half");
     std::vector<TailEvent> events = ReadEventTail(m_path, 2);
     ASSERT_EQ(2u, events.size());
     EXPECT_EQ("a-2", events[0].id);
@@ -45,7 +47,8 @@ TEST_F(EventTailTest, AMissingFileAndALinkGiveNothing) {
 
 TEST_F(EventTailTest, ReadsTheEndOfALongFileOnly) {
     std::string text;
-    for (int i = 0; i < 20000; ++i) text += "{\"id\":\"a-" + std::to_string(i) + "\",\"time\":1,\"type\":\"T\",\"body\":\"\"}\n";
+    for (int i = 0; i < 20000; ++i)
+        text += "{\"id\":\"a-" + std::to_string(i) + "\",\"time\":1,\"type\":\"T\",\"body\":\"\"}\n";
     Write(text);
     std::vector<TailEvent> events = ReadEventTail(m_path, 3);
     ASSERT_EQ(3u, events.size());
@@ -55,12 +58,14 @@ TEST_F(EventTailTest, ReadsTheEndOfALongFileOnly) {
 TEST_F(EventTailTest, DescribesKillsAndMeasurementsAndBearsOddBodies) {
     TailEvent event;
     event.type = "T_MSG_OS_ABNORMAL";
-    event.body = "{\"type\":\"multi_cgroup_oom_runtime\",\"items\":{\"k\":{\"group\":\"main\",\"oom_kill_delta\":2,"
-                 "\"parent\":false},\"p\":{\"group\":\"x\",\"oom_kill_delta\":2,\"parent\":true}}}";
+    event.body =
+        "{\"type\":\"multi_cgroup_oom_runtime\",\"items\":{\"k\":{\"group\":\"main\",\"oom_kill_delta\":2,"
+        "\"parent\":false},\"p\":{\"group\":\"x\",\"oom_kill_delta\":2,\"parent\":true}}}";
     EXPECT_NE(std::string::npos, DescribeEvent(event).find("multi_cgroup_oom_runtime: main +2 whole agent +2"));
     event.body = "{\"mem_usage\":91,\"available_mem\":12}";
     EXPECT_NE(std::string::npos, DescribeEvent(event).find("available_mem=12 mem_usage=91"));
-    for (const char* body : {"", "null", "[]", "{\"items\":[1]}", "{\"items\":{\"k\":5}}", "{\"a\":null,\"b\":{\"c\":1}}"}) {
+    for (const char* body :
+         {"", "null", "[]", "{\"items\":[1]}", "{\"items\":{\"k\":5}}", "{\"a\":null,\"b\":{\"c\":1}}"}) {
         event.body = body;
         EXPECT_NE(std::string::npos, DescribeEvent(event).find("T_MSG_OS_ABNORMAL")) << body;
     }

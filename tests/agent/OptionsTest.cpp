@@ -18,7 +18,8 @@ struct Parsed {
 Parsed Parse(std::vector<const char*> arguments) {
     arguments.insert(arguments.begin(), "tervane");
     Parsed parsed;
-    parsed.go = ParseOptions(static_cast<int>(arguments.size()), arguments.data(), parsed.options, parsed.text, parsed.code);
+    parsed.go =
+        ParseOptions(static_cast<int>(arguments.size()), arguments.data(), parsed.options, parsed.text, parsed.code);
     return parsed;
 }
 

@@ -26,7 +26,8 @@ protected:
         ASSERT_EQ(0, system(command.c_str()));
     }
     std::unique_ptr<Supervisor> Make(const std::string& script) {
-        return std::make_unique<Supervisor>("/bin/sh", std::vector<std::string>{"-c", script}, m_path + "/restarts.json",
+        return std::make_unique<Supervisor>("/bin/sh", std::vector<std::string>{"-c", script},
+                                            m_path + "/restarts.json",
                                             [this](const ComponentEnd& end) { m_ends.push_back(end); });
     }
     /// Ticks on a clock of the test's own until something ended, at most a few real seconds.

@@ -84,9 +84,9 @@ bool CResourceMonitor::StopMonitor() {
     return P().base.stop.Next();
 }
 void CResourceMonitor::SetMaxResourceConfig(const ResourceConfig& c) {
-    P().Record(Format("CResourceMonitor::SetMaxResourceConfig(cpu=%d mem=%d fd=%d a=%d b=%d rio=%d wio=%d pid=%d all=%d)",
-                      c.maxCpu, c.maxMemory, c.maxFd, c.auxValueA, c.auxValueB, c.maxReadIo, c.maxWriteIo,
-                      c.maxPidCheck, c.cpuAll));
+    P().Record(Format(
+        "CResourceMonitor::SetMaxResourceConfig(cpu=%d mem=%d fd=%d a=%d b=%d rio=%d wio=%d pid=%d all=%d)", c.maxCpu,
+        c.maxMemory, c.maxFd, c.auxValueA, c.auxValueB, c.maxReadIo, c.maxWriteIo, c.maxPidCheck, c.cpuAll));
     P().base.lastConfig = c;
     if (P().base.onSetMaxResourceConfig != nullptr) P().base.onSetMaxResourceConfig();
 }
@@ -112,15 +112,21 @@ bool CResourceMonitor::IsCpuSolarisMode() {
     P().Record("CResourceMonitor::IsCpuSolarisMode()");
     return P().base.solaris;
 }
-void CResourceMonitor::SetMaxCpu(int percent) { P().Record(Format("CResourceMonitor::SetMaxCpu(%d)", percent)); }
-void CResourceMonitor::SetMaxMem(int mb) { P().Record(Format("CResourceMonitor::SetMaxMem(%d)", mb)); }
+void CResourceMonitor::SetMaxCpu(int percent) {
+    P().Record(Format("CResourceMonitor::SetMaxCpu(%d)", percent));
+}
+void CResourceMonitor::SetMaxMem(int mb) {
+    P().Record(Format("CResourceMonitor::SetMaxMem(%d)", mb));
+}
 void CResourceMonitor::SetMaxIO(int readLimit, int writeLimit) {
     P().Record(Format("CResourceMonitor::SetMaxIO(%d,%d)", readLimit, writeLimit));
 }
 void CResourceMonitor::SetMaxPidCheck(int count) {
     P().Record(Format("CResourceMonitor::SetMaxPidCheck(%d)", count));
 }
-void CResourceMonitor::SetMaxFdCount(int count) { P().Record(Format("CResourceMonitor::SetMaxFdCount(%d)", count)); }
+void CResourceMonitor::SetMaxFdCount(int count) {
+    P().Record(Format("CResourceMonitor::SetMaxFdCount(%d)", count));
+}
 int CResourceMonitor::GetMaxCpu() {
     P().Record("CResourceMonitor::GetMaxCpu()");
     return P().base.maxCpu;

@@ -83,8 +83,8 @@ public:
     /// Kernel: on version 2 a group that gives controllers to its children holds no process: kBusy, nothing is written.
     Status MoveHere(int pid) const;
 
-    /// Version 2: whether this is the real root, which may hold processes beside children with controllers. A container's
-    /// root is not it.
+    /// Version 2: whether this is the real root, which may hold processes beside children with controllers. A
+    /// container's root is not it.
     bool IsHierarchyRoot() const;
 
     /// Version 2: controllers that the group may use, and those it gives to its children.
