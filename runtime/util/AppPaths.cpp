@@ -44,7 +44,8 @@ std::string ReadExecutableDirectory() {
 
 std::string CToolUtil::GetApplicationDirPath() {
     if (IsSet(kAppDirVariable)) return DirectoryFromEnvironment(kAppDirVariable);
-    static const std::string executableDirectory = ReadExecutableDirectory();
+    // Never destroyed: the log's thread still asks for it while the process ends.
+    static const std::string& executableDirectory = *new std::string(ReadExecutableDirectory());
     return executableDirectory;
 }
 
