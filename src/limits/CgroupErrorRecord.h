@@ -11,7 +11,7 @@
 constexpr const char* kCgroupErrorFileName = "/cgroup_errors";
 
 /// The name alone is 14 characters: a path this short means an application directory that is empty or bogus.
-constexpr size_t kCgroupErrorShortestBogusPath = 24;
+constexpr size_t kCgroupErrorLongestBogusPath = 24;
 
 /// Most lines that are read; one is ever written.
 constexpr unsigned long kCgroupErrorMaxLines = 128;
@@ -25,7 +25,7 @@ constexpr bool IsRecordedCgroupError(int code) { return code == 13 || code == 10
 /// Units: seconds since the epoch. A record from the future (a clock that was set back) counts as recent.
 constexpr bool IsRecentCgroupError(int64_t now, int64_t when) { return now - when < kCgroupErrorHoldSeconds; }
 
-constexpr bool IsUsableCgroupErrorPath(size_t pathLength) { return pathLength > kCgroupErrorShortestBogusPath; }
+constexpr bool IsUsableCgroupErrorPath(size_t pathLength) { return pathLength > kCgroupErrorLongestBogusPath; }
 
 /// One line "CODE-TIME", without a line end.
 inline std::string FormatCgroupError(int code, int64_t when) {
