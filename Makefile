@@ -13,7 +13,7 @@ TSAN_QUICK = UnitCore UnitLimits RuntimeUtilTests RuntimeIpcTests
 
 .PHONY: all run test sanitize sanitize-module bench fuzz install clean deps deps-build
 
-all: deps-build
+all: deps
 	cmake --preset dev
 	cmake --build --preset dev -j $(JOBS)
 
@@ -57,9 +57,9 @@ fuzz: deps
 	scripts/run-tests fuzz
 
 bench: deps
-	cmake --preset release
-	cmake --build --preset release -j $(JOBS)
-	scripts/run-benchmarks build/release
+	cmake --preset bench
+	cmake --build --preset bench -j $(JOBS)
+	scripts/run-benchmarks build/bench
 
 install: deps-build
 	cmake --preset release -DCMAKE_INSTALL_PREFIX=$(PREFIX)
