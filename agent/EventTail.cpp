@@ -27,7 +27,9 @@ bool ParseObject(const std::string& text, Json::Value& value) {
     }
 }
 
-std::string Word(const Json::Value& value) { return value.isString() ? value.asString() : ""; }
+std::string Word(const Json::Value& value) {
+    return value.isString() ? value.asString() : "";
+}
 
 std::string Clock(long long seconds) {
     time_t time = static_cast<time_t>(seconds);

@@ -33,7 +33,7 @@ private:
     bool m_terminal;
     uint64_t m_drawn = 0;
     std::mutex m_lock;
-    std::deque<std::string> m_lines;   // of level 3 or worse, those not yet printed or the last few on a terminal
+    std::deque<std::string> m_lines;  // of level 3 or worse, those not yet printed or the last few on a terminal
     uint64_t m_lineCount = 0;
     std::map<std::string, int64_t> m_lastUsed;  // CPU time of each group at the last picture, in microseconds
     int64_t m_lastDrawnUs = 0;

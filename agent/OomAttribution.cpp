@@ -5,7 +5,9 @@ namespace agent {
 
 namespace {
 
-int64_t AtLeastZero(int64_t value) { return value < 0 ? 0 : value; }
+int64_t AtLeastZero(int64_t value) {
+    return value < 0 ? 0 : value;
+}
 
 OomCounters CountersOf(const zel::CgroupNodeStatus& node) {
     OomCounters counters;
@@ -28,7 +30,9 @@ bool RanIntoLimit(const OomPicture& before, const zel::CgroupNodeStatus& node) {
     return node.memory.v2 ? now.ownOoms > then.ownOoms : now.limitHits > then.limitHits;
 }
 
-std::string Megabytes(int kb) { return std::to_string((kb + 512) / 1024) + " MB"; }
+std::string Megabytes(int kb) {
+    return std::to_string((kb + 512) / 1024) + " MB";
+}
 
 }  // namespace
 

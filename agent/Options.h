@@ -8,11 +8,11 @@
 
 namespace agent {
 
-constexpr const char* kMainProcessName = "tervane";   ///< application name of the main process
+constexpr const char* kMainProcessName = "tervane";    ///< application name of the main process
 constexpr const char* kMainComponentName = "Tervane";  ///< its component in the unified mode's table
 
 struct Options {
-    std::string appDir;           ///< absolute; empty: the executable's directory
+    std::string appDir;  ///< absolute; empty: the executable's directory
     std::string name = kMainProcessName;
     std::string configPath;       ///< resource configuration; empty: <app dir>/conf/resource_config
     bool foreground = false;      ///< log to the console too

@@ -21,8 +21,14 @@ struct NumberKey {
 };
 
 constexpr NumberKey kNumberKeys[] = {
-    {"max_cpu", 1, 1000000},       {"max_memory", 1, 1048576},  {"max_fd", 0, 1048576}, {"resource_limit_mode", 0, 15},
-    {"cpu_all", 0, 1},             {"max_rio", 0, 10485760},    {"max_wio", 0, 10485760}, {"max_pid_check", 0, 100000},
+    {"max_cpu", 1, 1000000},
+    {"max_memory", 1, 1048576},
+    {"max_fd", 0, 1048576},
+    {"resource_limit_mode", 0, 15},
+    {"cpu_all", 0, 1},
+    {"max_rio", 0, 10485760},
+    {"max_wio", 0, 10485760},
+    {"max_pid_check", 0, 100000},
     {"hash_mode", -2147483647L - 1, 2147483647L},
 };
 

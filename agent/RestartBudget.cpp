@@ -12,7 +12,9 @@ namespace agent {
 namespace {
 constexpr size_t kMaxEntries = 256;
 
-bool InWindow(int64_t time, int64_t now) { return time <= now && now - time < kBudgetWindowSeconds; }
+bool InWindow(int64_t time, int64_t now) {
+    return time <= now && now - time < kBudgetWindowSeconds;
+}
 }  // namespace
 
 int64_t RestartBudget::NoteDeath(const std::string& name, int64_t startedAt, int64_t now, const std::string& reason) {

@@ -19,9 +19,9 @@ struct StatusReport {
     int pid = 0;
     int64_t now = 0;
     int64_t uptimeSeconds = 0;
-    int mode = 0;              ///< limit mode of the online configuration
-    bool unified = false;      ///< the unified tree holds this process
-    std::string modeReason;    ///< which limits hold this process, and why not others
+    int mode = 0;            ///< limit mode of the online configuration
+    bool unified = false;    ///< the unified tree holds this process
+    std::string modeReason;  ///< which limits hold this process, and why not others
     bool diskFull = false;
     bool cpuNeedLimit[3] = {false, false, false};  ///< answer per priority, now
     zelhost::SamplerFigures sampler;
@@ -33,8 +33,8 @@ struct StatusReport {
     uint64_t stalls = 0;
     zelhost::DeliveryStats delivery;
     std::vector<ComponentStatus> components;
-    zel::CgroupStatus cgroup;          ///< this process's own groups, as the kernel says
-    zel::CgroupTreeStatus tree;        ///< the unified tree; empty in the legacy mode
+    zel::CgroupStatus cgroup;           ///< this process's own groups, as the kernel says
+    zel::CgroupTreeStatus tree;         ///< the unified tree; empty in the legacy mode
     std::vector<TailEvent> lastEvents;  ///< for the live view only
 };
 

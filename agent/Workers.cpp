@@ -50,7 +50,9 @@ WorkerFigures Workers::Counters::Read() const {
 }
 
 Workers::Workers(CMonitor& monitor) : m_monitor(monitor) {}
-Workers::~Workers() { Stop(); }
+Workers::~Workers() {
+    Stop();
+}
 
 void Workers::Start(const LoadProfile& profile) {
     for (const LoadItem& item : profile) {
@@ -75,8 +77,12 @@ void Workers::Stop() {
     m_stop.store(false, std::memory_order_relaxed);
 }
 
-WorkerFigures Workers::Greedy() const { return m_greedy.Read(); }
-WorkerFigures Workers::Polite() const { return m_polite.Read(); }
+WorkerFigures Workers::Greedy() const {
+    return m_greedy.Read();
+}
+WorkerFigures Workers::Polite() const {
+    return m_polite.Read();
+}
 
 bool Workers::Pause(unsigned int milliseconds) const {
     for (unsigned int done = 0; done < milliseconds; done += kPauseStepMs) {

@@ -61,9 +61,13 @@ int main() {
     const auto load = [&] { return word.load(std::memory_order_relaxed); };
     const double loadNs = MedianNs(load);
     Row("relaxed atomic load", load, loadNs);
-    Row("CResourceMonitor::GetCpuUsageLevel", [&] { return sampler.GetCpuUsageLevel(); }, loadNs);
-    Row("CMonitor::GetCpuUsageLevel (target 3 ns)", [&] { return monitor.GetCpuUsageLevel(); }, loadNs);
-    Row("CMonitor::GetMemUsageLevel", [&] { return monitor.GetMemUsageLevel(); }, loadNs);
-    Row("CMonitor::IsCpuNeedLimit(1)", [&] { return monitor.IsCpuNeedLimit(1); }, loadNs);
+    Row(
+        "CResourceMonitor::GetCpuUsageLevel", [&] { return sampler.GetCpuUsageLevel(); }, loadNs);
+    Row(
+        "CMonitor::GetCpuUsageLevel (target 3 ns)", [&] { return monitor.GetCpuUsageLevel(); }, loadNs);
+    Row(
+        "CMonitor::GetMemUsageLevel", [&] { return monitor.GetMemUsageLevel(); }, loadNs);
+    Row(
+        "CMonitor::IsCpuNeedLimit(1)", [&] { return monitor.IsCpuNeedLimit(1); }, loadNs);
     return 0;
 }

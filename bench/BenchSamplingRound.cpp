@@ -128,8 +128,8 @@ public:
 
     uint64_t Rounds() const { return m_shared->rounds.load(); }
     uint64_t CpuNs() const {
-        const std::string path = "/proc/" + std::to_string(m_pid) + "/task/" + std::to_string(m_shared->tid.load()) +
-                                 "/schedstat";
+        const std::string path =
+            "/proc/" + std::to_string(m_pid) + "/task/" + std::to_string(m_shared->tid.load()) + "/schedstat";
         FILE* file = std::fopen(path.c_str(), "r");
         unsigned long long ns = 0;
         if (file != nullptr) {

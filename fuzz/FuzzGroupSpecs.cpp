@@ -38,7 +38,9 @@ size_t CountEntries(const std::string& text, int colons) {
     return entries;
 }
 
-bool IsPlainName(const std::string& name) { return name.find_first_of(",:") == std::string::npos; }
+bool IsPlainName(const std::string& name) {
+    return name.find_first_of(",:") == std::string::npos;
+}
 
 void Check(Probe& probe, long maxCpu, int maxMem, bool cpuOn, bool memOn) {
     std::vector<zel::CgroupGroupConfig> groups;

@@ -84,8 +84,8 @@ void CheckRanges(const std::string& list, const PackedKernelVersion& local) {
         const std::vector<std::string> bounds = Pieces(entry, ',');
         PackedKernelVersion low;
         PackedKernelVersion high;
-        const bool wellFormed = bounds.size() == 2 && ParseKernelBound(bounds[0], low) &&
-                                ParseKernelBound(bounds[1], high);
+        const bool wellFormed =
+            bounds.size() == 2 && ParseKernelBound(bounds[0], low) && ParseKernelBound(bounds[1], high);
         if (!wellFormed) {
             Require(!IsKernelInRangeEntry(entry, local), "a malformed entry matches nothing");
             continue;

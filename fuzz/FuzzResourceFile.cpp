@@ -70,7 +70,9 @@ struct Outcome {
     }
 };
 
-bool IsInt32(long value) { return value >= INT_MIN && value <= INT_MAX; }
+bool IsInt32(long value) {
+    return value >= INT_MIN && value <= INT_MAX;
+}
 
 class Probe : public CMonitorPri {
 public:

@@ -212,7 +212,7 @@ protected:
     RelaxedValue<bool> m_isMainAgent{false};
     // legacy limits
     RelaxedValue<bool> m_legacyCpuEnabled{false};
-    RelaxedValue<int32_t> m_legacyCpuErrorCode{0};  // result * 10000 + error
+    RelaxedValue<int32_t> m_legacyCpuErrorCode{0};   // result * 10000 + error
     RelaxedValue<int32_t> m_legacyCpuMode{-1};       // -1: no change applied yet
     RelaxedValue<int32_t> m_legacyCpuLimitValue{0};  // hundredths of a percent
     RelaxedValue<int32_t> m_legacyCpuCallCount{0};

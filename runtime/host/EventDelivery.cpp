@@ -14,7 +14,9 @@ namespace {
 std::atomic<IMsgTransmit*> g_transmit{nullptr};
 }
 
-IMsgTransmit* GetMsgTransmitInstance() { return g_transmit.load(std::memory_order_acquire); }
+IMsgTransmit* GetMsgTransmitInstance() {
+    return g_transmit.load(std::memory_order_acquire);
+}
 
 namespace zelhost {
 namespace {
@@ -23,12 +25,16 @@ constexpr unsigned int kMemoryRetryMs = 1000;  // while messages wait in memory
 constexpr size_t kBatchBytes = 1 << 20;
 }  // namespace
 
-void SetMsgTransmitInstance(IMsgTransmit* transmit) { g_transmit.store(transmit, std::memory_order_release); }
+void SetMsgTransmitInstance(IMsgTransmit* transmit) {
+    g_transmit.store(transmit, std::memory_order_release);
+}
 
 CEventDelivery::CEventDelivery(const DeliveryOptions& options, const std::string& process)
     : m_options(options), m_process(process) {}
 
-CEventDelivery::~CEventDelivery() { Stop(); }
+CEventDelivery::~CEventDelivery() {
+    Stop();
+}
 
 bool CEventDelivery::Start(std::string& error) {
     if (!m_spool.Open(m_options.spoolPath, m_options.spoolMaxBytes, m_options.memoryRing, error)) {

@@ -26,13 +26,17 @@ constexpr off_t kReserveBytes = 512 * 1024;
 // A message's share of pages, index and log beyond its texts.
 constexpr uint64_t kRowBytes = 128;
 
-uint64_t CostOf(const SpoolMessage& m) { return m.type.size() + m.body.size() + m.extra.size() + kRowBytes; }
+uint64_t CostOf(const SpoolMessage& m) {
+    return m.type.size() + m.body.size() + m.extra.size() + kRowBytes;
+}
 
 void Log(int level, int line, const char* format, const std::string& a, const std::string& b) {
     zel::CLogMessage::GetInstance()->log(level, "EventSpool", line, format, a.c_str(), b.c_str());
 }
 
-int Exec(sqlite3* db, const char* sql) { return sqlite3_exec(db, sql, nullptr, nullptr, nullptr); }
+int Exec(sqlite3* db, const char* sql) {
+    return sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+}
 
 /// A statement that is finalized at the end of its scope.
 class Statement {
@@ -71,11 +75,15 @@ std::string RandomName() {
     return text;
 }
 
-bool IsBroken(int code) { return (code & 0xff) == SQLITE_NOTADB || (code & 0xff) == SQLITE_CORRUPT; }
+bool IsBroken(int code) {
+    return (code & 0xff) == SQLITE_NOTADB || (code & 0xff) == SQLITE_CORRUPT;
+}
 
 }  // namespace
 
-CEventSpool::~CEventSpool() { Close(); }
+CEventSpool::~CEventSpool() {
+    Close();
+}
 
 void CEventSpool::Close() {
     sqlite3_finalize(m_insert);
@@ -161,9 +169,10 @@ bool CEventSpool::PrepareSchema(int& code, std::string& reason) {
         reason = sqlite3_errmsg(m_writer);
         return false;
     }
-    Statement facts(m_writer, "SELECT (SELECT value FROM facts WHERE name='name'),"
-                              "(SELECT value FROM facts WHERE name='dropped'),"
-                              "(SELECT count(*) FROM messages), (SELECT coalesce(sum(bytes), 0) FROM messages);");
+    Statement facts(m_writer,
+                    "SELECT (SELECT value FROM facts WHERE name='name'),"
+                    "(SELECT value FROM facts WHERE name='dropped'),"
+                    "(SELECT count(*) FROM messages), (SELECT coalesce(sum(bytes), 0) FROM messages);");
     if (!facts.Row()) {
         code = sqlite3_errcode(m_writer);
         reason = sqlite3_errmsg(m_writer);
@@ -213,8 +222,9 @@ bool CEventSpool::DropOldest(uint64_t bytes, Change& change) {
         int64_t seq = 0, cost = 0;
         bool confirmed = false;
         {
-            Statement oldest(m_writer, "SELECT seq, bytes, seq <= coalesce((SELECT min(seq) FROM cursors), 0),"
-                                       " seq = (SELECT max(seq) FROM messages) FROM messages ORDER BY seq LIMIT 1;");
+            Statement oldest(m_writer,
+                             "SELECT seq, bytes, seq <= coalesce((SELECT min(seq) FROM cursors), 0),"
+                             " seq = (SELECT max(seq) FROM messages) FROM messages ORDER BY seq LIMIT 1;");
             if (!oldest.Row()) return oldest.Ok();
             if (oldest.Int(3) != 0) return true;  // the newest stays, however large
             seq = oldest.Int(0);
@@ -383,9 +393,10 @@ bool CEventSpool::SetSinks(const std::vector<std::string>& sinks, std::string& r
 bool CEventSpool::Read(const std::string& sink, size_t most, size_t mostBytes, std::vector<SpoolMessage>& messages) {
     messages.clear();
     std::lock_guard<std::mutex> lock(m_readLock);
-    Statement query(m_reader, "SELECT seq, time, type, body, extra, arg1, arg2 FROM messages"
-                              " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0)"
-                              " ORDER BY seq LIMIT ?2;");
+    Statement query(m_reader,
+                    "SELECT seq, time, type, body, extra, arg1, arg2 FROM messages"
+                    " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0)"
+                    " ORDER BY seq LIMIT ?2;");
     if (!query.Ok()) return false;
     query.Bind(1, sink);
     query.Bind(2, static_cast<int64_t>(most));
@@ -421,8 +432,9 @@ void CEventSpool::RemoveConfirmed() {
     int64_t count = 0, bytes = 0;
     bool ok = false;
     {
-        Statement sum(m_reader, "SELECT count(*), coalesce(sum(bytes), 0) FROM messages"
-                                " WHERE seq <= (SELECT min(seq) FROM cursors);");
+        Statement sum(m_reader,
+                      "SELECT count(*), coalesce(sum(bytes), 0) FROM messages"
+                      " WHERE seq <= (SELECT min(seq) FROM cursors);");
         if (sum.Row()) {
             count = sum.Int(0);
             bytes = sum.Int(1);
@@ -474,8 +486,9 @@ CEventSpool::Figures CEventSpool::GetFigures() {
 
 uint64_t CEventSpool::Waiting(const std::string& sink) {
     std::lock_guard<std::mutex> lock(m_readLock);
-    Statement query(m_reader, "SELECT count(*) FROM messages"
-                              " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0);");
+    Statement query(m_reader,
+                    "SELECT count(*) FROM messages"
+                    " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0);");
     query.Bind(1, sink);
     return query.Row() ? static_cast<uint64_t>(query.Int(0)) : 0;
 }

@@ -113,7 +113,7 @@ private:
     sqlite3* m_reader = nullptr;
 
     std::mutex m_figuresLock;
-    Figures m_figures;      // messages and bytes are filled in when asked
+    Figures m_figures;       // messages and bytes are filled in when asked
     int64_t m_messages = 0;  // signed: a reader may subtract what the writer is about to add
     int64_t m_bytes = 0;
 

@@ -60,8 +60,10 @@ void CHeartbeats::Round(int64_t elapsedMs, int64_t roundMs, std::vector<ThreadSt
         changes.push_back(change);
         entry.stalled = late;
         entry.cameBack = false;
-        if (late) ++m_stalled;
-        else --m_stalled;
+        if (late)
+            ++m_stalled;
+        else
+            --m_stalled;
     }
 }
 

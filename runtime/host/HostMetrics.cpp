@@ -31,8 +31,12 @@ private:
     std::vector<Metric>& m_metrics;
 };
 
-double Ratio(int64_t hundredthsOfPercent) { return static_cast<double>(hundredthsOfPercent) / 10000.0; }
-double Kb(int64_t kb) { return static_cast<double>(kb) * 1024.0; }
+double Ratio(int64_t hundredthsOfPercent) {
+    return static_cast<double>(hundredthsOfPercent) / 10000.0;
+}
+double Kb(int64_t kb) {
+    return static_cast<double>(kb) * 1024.0;
+}
 
 bool ReadSmall(const std::string& path, std::string& text) {
     CKeptFile file;

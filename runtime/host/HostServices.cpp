@@ -17,7 +17,9 @@
 namespace zelhost {
 namespace {
 
-bool IsOn(Switch value, bool byDefault) { return value == Switch::kDefault ? byDefault : value == Switch::kOn; }
+bool IsOn(Switch value, bool byDefault) {
+    return value == Switch::kDefault ? byDefault : value == Switch::kOn;
+}
 
 /// Fills in every path that was left to us.
 HostOptions Completed(HostOptions o) {
@@ -63,13 +65,14 @@ std::string CHostServices::Impl::MetricsText() {
         std::lock_guard<std::mutex> lock(m_sourceLock);
         if (m_source) m_source(metrics);
     }
-    return FormatMetrics(metrics, {{"process", m_options.processName},
-                                   {"component", m_options.component},
-                                   {"group", m_options.group}});
+    return FormatMetrics(
+        metrics, {{"process", m_options.processName}, {"component", m_options.component}, {"group", m_options.group}});
 }
 
 CHostServices::CHostServices() : m_impl(std::make_unique<Impl>()) {}
-CHostServices::~CHostServices() { Stop(); }
+CHostServices::~CHostServices() {
+    Stop();
+}
 
 bool CHostServices::Start(const HostOptions& options, std::string& error) {
     Impl& impl = *m_impl;
@@ -120,9 +123,13 @@ void CHostServices::Stop() {
     impl.m_started = false;
 }
 
-CSysIntf* CHostServices::GetSysIntf() { return &CThreadFacts::Instance(); }
+CSysIntf* CHostServices::GetSysIntf() {
+    return &CThreadFacts::Instance();
+}
 
-bool CHostServices::GetSamplerFigures(SamplerFigures& figures) { return ReadActiveSampler(figures); }
+bool CHostServices::GetSamplerFigures(SamplerFigures& figures) {
+    return ReadActiveSampler(figures);
+}
 
 DeliveryStats CHostServices::GetDeliveryStats() {
     return m_impl->m_delivery ? m_impl->m_delivery->Stats() : DeliveryStats();
@@ -132,16 +139,24 @@ bool CHostServices::FlushDelivery(unsigned int timeoutMs) {
     return !m_impl->m_delivery || m_impl->m_delivery->Flush(timeoutMs);
 }
 
-StatisticsSnapshot CHostServices::GetStatistics() { return CStatisticsRegistry::Instance().Snapshot(); }
-void CHostServices::CollectStatistics() { CStatisticsRegistry::Instance().Collect(); }
+StatisticsSnapshot CHostServices::GetStatistics() {
+    return CStatisticsRegistry::Instance().Snapshot();
+}
+void CHostServices::CollectStatistics() {
+    CStatisticsRegistry::Instance().Collect();
+}
 
 void CHostServices::SetMetricsSource(MetricsSource source) {
     std::lock_guard<std::mutex> lock(m_impl->m_sourceLock);
     m_impl->m_source = std::move(source);
 }
 
-std::string CHostServices::GetMetricsText() { return m_impl->MetricsText(); }
-std::string CHostServices::GetMetricsAddress() { return m_impl->m_metrics ? m_impl->m_metrics->Address() : ""; }
+std::string CHostServices::GetMetricsText() {
+    return m_impl->MetricsText();
+}
+std::string CHostServices::GetMetricsAddress() {
+    return m_impl->m_metrics ? m_impl->m_metrics->Address() : "";
+}
 
 bool CHostServices::ReloadOnlineConfig(std::string& error) {
     if (m_impl->m_loader) return m_impl->m_loader->Reload(error);

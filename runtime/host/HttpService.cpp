@@ -10,7 +10,9 @@
 
 #include "platform/zel/LogMessage.h"
 
-IHttp* GetHttpInstance() { return &zelhost::CHttpService::Instance(); }
+IHttp* GetHttpInstance() {
+    return &zelhost::CHttpService::Instance();
+}
 
 namespace zelhost {
 namespace {
@@ -87,7 +89,9 @@ unsigned int CHttpService::GetFailCount() {
     return m_failures;
 }
 
-std::string CHttpService::WhyUnavailable() { return LoadedCurl().problem; }
+std::string CHttpService::WhyUnavailable() {
+    return LoadedCurl().problem;
+}
 
 HttpResult CHttpService::PostOnce(const HttpRequest& request) {
     HttpResult result;

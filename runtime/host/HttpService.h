@@ -23,9 +23,9 @@ struct HttpRequest {
 };
 
 struct HttpResult {
-    bool ok = false;      ///< an answer of the 200 family
-    long status = 0;      ///< 0: no answer
-    std::string error;    ///< why not ok
+    bool ok = false;    ///< an answer of the 200 family
+    long status = 0;    ///< 0: no answer
+    std::string error;  ///< why not ok
     unsigned int attempts = 0;
 };
 

@@ -91,7 +91,9 @@ std::string AnswerMetricsRequest(const std::string& head, const std::function<st
 CMetricsServer::CMetricsServer(MetricsOptions options, std::function<std::string()> text)
     : m_options(std::move(options)), m_text(std::move(text)) {}
 
-CMetricsServer::~CMetricsServer() { Stop(); }
+CMetricsServer::~CMetricsServer() {
+    Stop();
+}
 
 bool CMetricsServer::ListenLocal(const std::string& path, std::string& error) {
     sockaddr_un address{};
@@ -139,7 +141,7 @@ bool CMetricsServer::ListenLoopback(const std::string& listenOn, std::string& er
         return false;
     }
     const uint16_t port = ntohs(address.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6&>(address).sin6_port
-                                                               : reinterpret_cast<sockaddr_in&>(address).sin_port);
+                                                              : reinterpret_cast<sockaddr_in&>(address).sin_port);
     m_listener = std::move(fd);
     m_address = listenOn.substr(0, listenOn.rfind(':') + 1) + std::to_string(port);
     return true;

@@ -23,10 +23,14 @@ bool IsName(const std::string& name, bool colons) {
 std::string Escape(const std::string& text, bool quotes) {
     std::string out;
     for (char c : text) {
-        if (c == '\\') out += "\\\\";
-        else if (c == '\n') out += "\\n";
-        else if (c == '"' && quotes) out += "\\\"";
-        else out += c;
+        if (c == '\\')
+            out += "\\\\";
+        else if (c == '\n')
+            out += "\\n";
+        else if (c == '"' && quotes)
+            out += "\\\"";
+        else
+            out += c;
     }
     return out;
 }
@@ -65,8 +69,12 @@ struct Family {
 
 }  // namespace
 
-bool IsMetricName(const std::string& name) { return IsName(name, true); }
-bool IsLabelName(const std::string& name) { return IsName(name, false) && name.compare(0, 2, "__") != 0; }
+bool IsMetricName(const std::string& name) {
+    return IsName(name, true);
+}
+bool IsLabelName(const std::string& name) {
+    return IsName(name, false) && name.compare(0, 2, "__") != 0;
+}
 
 std::string FormatMetrics(const std::vector<Metric>& metrics, const MetricLabels& common) {
     std::vector<std::string> order;

@@ -35,8 +35,12 @@ COnlineClientConf::COnlineClientConf() {
 }
 COnlineClientConf::~COnlineClientConf() = default;
 
-void COnlineClientConf::AddNotify(IOnlineClientConfNotify* notify) { m_impl->Add(notify); }
-void COnlineClientConf::RemoveNotify(IOnlineClientConfNotify* notify) { m_impl->Remove(notify); }
+void COnlineClientConf::AddNotify(IOnlineClientConfNotify* notify) {
+    m_impl->Add(notify);
+}
+void COnlineClientConf::RemoveNotify(IOnlineClientConfNotify* notify) {
+    m_impl->Remove(notify);
+}
 
 bool COnlineClientConf::Impl::IsSubscribed(IOnlineClientConfNotify* notify) const {
     return std::find(m_subscribers.begin(), m_subscribers.end(), notify) != m_subscribers.end();

@@ -27,7 +27,9 @@ constexpr uint32_t kWatched =
 COnlineConfigLoader::COnlineConfigLoader(COnlineClientConf& conf, std::string path, unsigned int pollMs)
     : m_conf(conf), m_path(std::move(path)), m_pollMs(pollMs == 0 ? 1 : pollMs) {}
 
-COnlineConfigLoader::~COnlineConfigLoader() { Stop(); }
+COnlineConfigLoader::~COnlineConfigLoader() {
+    Stop();
+}
 
 bool COnlineConfigLoader::Start(std::string& error) {
     m_wake = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -37,10 +39,9 @@ bool COnlineConfigLoader::Start(std::string& error) {
     }
     m_inotify = UniqueFd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (!m_inotify) {
-        zel::CLogMessage::GetInstance()->log(
-            zel::kLogWarning, "OnlineConfigLoader", __LINE__,
-            "no inotify (%s); a change of %s is noticed within %u ms by looking", ErrnoText(errno).c_str(),
-            m_path.c_str(), m_pollMs);
+        zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "OnlineConfigLoader", __LINE__,
+                                             "no inotify (%s); a change of %s is noticed within %u ms by looking",
+                                             ErrnoText(errno).c_str(), m_path.c_str(), m_pollMs);
     }
     Rewatch();
     std::string reason;

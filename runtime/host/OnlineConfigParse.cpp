@@ -9,9 +9,9 @@
 namespace zelhost {
 namespace {
 
-constexpr long kMaxPercent = 10000;           // 100 CPUs at 100 percent
-constexpr long kMaxMegabytes = 1024 * 1024;   // 1 TiB
-constexpr long kMaxKbPerSecond = 10L << 20;   // 10 GiB/s
+constexpr long kMaxPercent = 10000;            // 100 CPUs at 100 percent
+constexpr long kMaxMegabytes = 1024 * 1024;    // 1 TiB
+constexpr long kMaxKbPerSecond = 10L << 20;    // 10 GiB/s
 constexpr long kMaxDescriptors = 1024 * 1024;  // the kernel's own default for fs.nr_open
 constexpr size_t kShownValueBytes = 64;
 
@@ -124,7 +124,9 @@ bool ParseChecked(const std::string& text, std::map<size_t, long>& values, Onlin
 
 }  // namespace
 
-const OnlineKey* OnlineKeys() { return kKeys; }
+const OnlineKey* OnlineKeys() {
+    return kKeys;
+}
 
 std::string OnlineRefusal::Text() const {
     if (key.empty()) return reason;

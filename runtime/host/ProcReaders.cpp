@@ -98,7 +98,9 @@ bool ParseProcStat(const char* text, ProcStat& stat) {
     return true;
 }
 
-CDescriptorCounter::~CDescriptorCounter() { Close(); }
+CDescriptorCounter::~CDescriptorCounter() {
+    Close();
+}
 
 void CDescriptorCounter::Close() {
     if (m_dir != nullptr) closedir(m_dir);

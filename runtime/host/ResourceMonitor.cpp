@@ -411,8 +411,7 @@ void CResourceMonitor::Impl::UpdateMinute() {
     m_now.cpuWindow100Times = Scale(window.cpu100Times);
     m_now.memWindowKb = window.memKb;
     if (m_totals.rounds < kMinuteRounds) {  // nothing whole to show yet
-        m_now.cpuHour100Times =
-            Scale(zelhost::AverageBetween(m_minutes.Back(kHourMinutes), m_totals).cpu100Times);
+        m_now.cpuHour100Times = Scale(zelhost::AverageBetween(m_minutes.Back(kHourMinutes), m_totals).cpu100Times);
     }
 
     std::lock_guard<std::mutex> lock(m_figuresLock);
@@ -472,8 +471,8 @@ void CResourceMonitor::Impl::Warn(ResourceKind kind, WarningStage stage, int64_t
     const char* stageText = stage == WarningStage::kReached     ? "at its maximum"
                             : stage == WarningStage::kSustained ? "at its maximum for a whole breach period"
                                                                 : "below its maximum again";
-    warning.text = text.empty() ? std::string(KindName(kind)) + " " + stageText + ": " +
-                                      Quantity(kind, value) + " of " + Quantity(kind, limit)
+    warning.text = text.empty() ? std::string(KindName(kind)) + " " + stageText + ": " + Quantity(kind, value) +
+                                      " of " + Quantity(kind, limit)
                                 : text;
     if (warning.tid != 0) {
         warning.text += ", busiest thread " + std::to_string(warning.tid) + " (" + warning.name + ")";
@@ -591,8 +590,8 @@ void CResourceMonitor::Impl::SelfKill(const Supervised& what, int64_t value, int
         record.json = "{}\n";
     }
     std::string reason;
-    record.path = zelhost::KeepRecord(m_settings, KindName(what.kind), record.wallTime, ++m_recordNumber, record.json,
-                                      reason);
+    record.path =
+        zelhost::KeepRecord(m_settings, KindName(what.kind), record.wallTime, ++m_recordNumber, record.json, reason);
     if (record.path.empty()) {
         Log(zel::kLogError, __LINE__, "the self-kill record could not be written: %s", reason.c_str());
     }
@@ -699,8 +698,7 @@ void CResourceMonitor::Impl::Publish() {
 }
 
 void CResourceMonitor::Impl::Round() {
-    if (m_tick % kReopenRounds == kReopenRounds - 1 &&
-        !(m_statm.IsOpen() && m_io.IsOpen() && m_loadavg.IsOpen())) {
+    if (m_tick % kReopenRounds == kReopenRounds - 1 && !(m_statm.IsOpen() && m_io.IsOpen() && m_loadavg.IsOpen())) {
         OpenFiles();
     }
     ReadCounters(m_totals);
@@ -721,9 +719,13 @@ void CResourceMonitor::Impl::Round() {
 
 CResourceMonitor::CResourceMonitor() : m_impl(std::make_unique<Impl>(*this)) {}
 
-CResourceMonitor::~CResourceMonitor() { zelhost::ClearActiveSampler(m_impl.get()); }
+CResourceMonitor::~CResourceMonitor() {
+    zelhost::ClearActiveSampler(m_impl.get());
+}
 
-void CResourceMonitor::run() { m_impl->Loop(); }
+void CResourceMonitor::run() {
+    m_impl->Loop();
+}
 
 void CResourceMonitor::MonitorOther(unsigned long) {}
 
@@ -765,31 +767,61 @@ void CResourceMonitor::SetMaxResourceConfig(const ResourceConfig& config) {
 void CResourceMonitor::SetThreadHeartbeat(unsigned int tid, const std::string& name, int timeout) {
     m_impl->m_heartbeats.Beat(tid, name, timeout);
 }
-void CResourceMonitor::RemoveThreadHeartbeat(unsigned int tid) { m_impl->m_heartbeats.Remove(tid); }
+void CResourceMonitor::RemoveThreadHeartbeat(unsigned int tid) {
+    m_impl->m_heartbeats.Remove(tid);
+}
 void CResourceMonitor::SetMonitorIOEnable(bool enable) {
     m_impl->m_ioEnabled.store(enable, std::memory_order_relaxed);
 }
 void CResourceMonitor::SetWatcherProcess(std::map<unsigned int, std::string> processes) {
     m_impl->m_watched.Set(std::move(processes));
 }
-void CResourceMonitor::SetCpuSolarisMode(bool on) { m_impl->m_solaris.store(on, std::memory_order_relaxed); }
-bool CResourceMonitor::IsCpuSolarisMode() { return m_impl->m_solaris.load(std::memory_order_relaxed); }
-void CResourceMonitor::SetMaxCpu(int percent) { m_impl->m_maxCpu.store(percent, std::memory_order_relaxed); }
-void CResourceMonitor::SetMaxMem(int mb) { m_impl->m_maxMem.store(mb, std::memory_order_relaxed); }
+void CResourceMonitor::SetCpuSolarisMode(bool on) {
+    m_impl->m_solaris.store(on, std::memory_order_relaxed);
+}
+bool CResourceMonitor::IsCpuSolarisMode() {
+    return m_impl->m_solaris.load(std::memory_order_relaxed);
+}
+void CResourceMonitor::SetMaxCpu(int percent) {
+    m_impl->m_maxCpu.store(percent, std::memory_order_relaxed);
+}
+void CResourceMonitor::SetMaxMem(int mb) {
+    m_impl->m_maxMem.store(mb, std::memory_order_relaxed);
+}
 void CResourceMonitor::SetMaxIO(int readLimit, int writeLimit) {
     m_impl->m_maxReadIo.store(readLimit, std::memory_order_relaxed);
     m_impl->m_maxWriteIo.store(writeLimit, std::memory_order_relaxed);
 }
-void CResourceMonitor::SetMaxPidCheck(int count) { m_impl->m_watched.SetMost(count); }
-void CResourceMonitor::SetMaxFdCount(int count) { m_impl->m_maxFd.store(count, std::memory_order_relaxed); }
-int CResourceMonitor::GetMaxCpu() { return m_impl->m_maxCpu.load(std::memory_order_relaxed); }
-int CResourceMonitor::GetMaxMem() { return m_impl->m_maxMem.load(std::memory_order_relaxed); }
-int CResourceMonitor::GetCpuUsageLevel() { return m_impl->m_cpuLevel.load(std::memory_order_relaxed); }
-int CResourceMonitor::GetMemUsageLevel() { return m_impl->m_memLevel.load(std::memory_order_relaxed); }
-bool CResourceMonitor::GetCpuHighAllRound() { return m_impl->m_highAllRound.load(std::memory_order_relaxed); }
-bool CResourceMonitor::GetCpuBusyLastHour() { return m_impl->m_busyLastHour.load(std::memory_order_relaxed); }
-bool CResourceMonitor::GetAvgCpuMinuteBusy() { return m_impl->m_minuteBusy.load(std::memory_order_relaxed); }
-bool CResourceMonitor::GetAvgCpuWindowBusy() { return m_impl->m_windowBusy.load(std::memory_order_relaxed); }
+void CResourceMonitor::SetMaxPidCheck(int count) {
+    m_impl->m_watched.SetMost(count);
+}
+void CResourceMonitor::SetMaxFdCount(int count) {
+    m_impl->m_maxFd.store(count, std::memory_order_relaxed);
+}
+int CResourceMonitor::GetMaxCpu() {
+    return m_impl->m_maxCpu.load(std::memory_order_relaxed);
+}
+int CResourceMonitor::GetMaxMem() {
+    return m_impl->m_maxMem.load(std::memory_order_relaxed);
+}
+int CResourceMonitor::GetCpuUsageLevel() {
+    return m_impl->m_cpuLevel.load(std::memory_order_relaxed);
+}
+int CResourceMonitor::GetMemUsageLevel() {
+    return m_impl->m_memLevel.load(std::memory_order_relaxed);
+}
+bool CResourceMonitor::GetCpuHighAllRound() {
+    return m_impl->m_highAllRound.load(std::memory_order_relaxed);
+}
+bool CResourceMonitor::GetCpuBusyLastHour() {
+    return m_impl->m_busyLastHour.load(std::memory_order_relaxed);
+}
+bool CResourceMonitor::GetAvgCpuMinuteBusy() {
+    return m_impl->m_minuteBusy.load(std::memory_order_relaxed);
+}
+bool CResourceMonitor::GetAvgCpuWindowBusy() {
+    return m_impl->m_windowBusy.load(std::memory_order_relaxed);
+}
 
 bool CResourceMonitor::FetchResourceMonitorInfo(ResourceMonitorInfo& info) {
     std::lock_guard<std::mutex> lock(m_impl->m_figuresLock);

@@ -156,7 +156,9 @@ bool WriteFileAtomically(const std::string& path, const std::string& text, mode_
     return Replace(path, text, mode, false, reason);
 }
 
-std::string ErrnoText(int error) { return std::system_category().message(error); }
+std::string ErrnoText(int error) {
+    return std::system_category().message(error);
+}
 
 std::string FileNamePart(const std::string& name) {
     std::string out;

@@ -22,7 +22,9 @@ std::string RecordDir(const SamplingSettings& settings) {
     return zel::CToolUtil::GetApplicationDirPath() + "/selfkill";
 }
 
-std::string Prefix(const SamplingSettings& settings) { return FileNamePart(settings.processName) + "-"; }
+std::string Prefix(const SamplingSettings& settings) {
+    return FileNamePart(settings.processName) + "-";
+}
 
 /// Leaves the newest kRecordsKept records; their names sort by time.
 void RemoveOldRecords(const std::string& dir, const std::string& prefix) {

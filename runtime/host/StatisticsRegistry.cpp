@@ -16,14 +16,20 @@
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ThreadUtil.h"
 
-void CMtIntf::RegMtInfoCallback(IMtInfo* info) { zelhost::CStatisticsRegistry::Instance().Register(info); }
-void CMtIntf::UnRegMtInfoCallback(IMtInfo* info) { zelhost::CStatisticsRegistry::Instance().Unregister(info); }
+void CMtIntf::RegMtInfoCallback(IMtInfo* info) {
+    zelhost::CStatisticsRegistry::Instance().Register(info);
+}
+void CMtIntf::UnRegMtInfoCallback(IMtInfo* info) {
+    zelhost::CStatisticsRegistry::Instance().Unregister(info);
+}
 
 namespace zelhost {
 
 // --- history ---
 
-CStatisticsHistory::~CStatisticsHistory() { Close(); }
+CStatisticsHistory::~CStatisticsHistory() {
+    Close();
+}
 
 void CStatisticsHistory::Close() {
     if (m_db != nullptr) sqlite3_close(m_db);

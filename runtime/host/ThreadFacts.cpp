@@ -46,7 +46,9 @@ CThreadFacts& CThreadFacts::Instance() {
     return *facts;
 }
 
-unsigned long CThreadFacts::GetCurrThreadId() { return zel::CThreadUtil::GetCurrentThreadId(); }
+unsigned long CThreadFacts::GetCurrThreadId() {
+    return zel::CThreadUtil::GetCurrentThreadId();
+}
 
 bool CThreadFacts::ReadThread(int taskDir, const char* tid, bool fine, Reading& reading) const {
     char path[64];
@@ -57,9 +59,8 @@ bool CThreadFacts::ReadThread(int taskDir, const char* tid, bool fine, Reading& 
     if (!ParseProcStat(text, stat)) return false;
     const char* open = std::strchr(text, '(');
     const char* close = std::strrchr(text, ')');
-    reading.name.assign(open != nullptr && close > open ? open + 1 : "", open != nullptr && close > open
-                                                                              ? static_cast<size_t>(close - open - 1)
-                                                                              : 0);
+    reading.name.assign(open != nullptr && close > open ? open + 1 : "",
+                        open != nullptr && close > open ? static_cast<size_t>(close - open - 1) : 0);
     reading.running = stat.state == 'R';
     reading.systemTicks = stat.systemTicks;
     reading.startTicks = stat.startTicks;
@@ -141,8 +142,8 @@ ThreadFigures CThreadFacts::FiguresOf(long tid, const Entry& entry) {
         return static_cast<uint32_t>(std::min(value, 10000.0));  // a thread cannot use more than one CPU
     };
     f.avgLoad = load(entry.now.cpuNs - entry.older.cpuNs);
-    f.sysLoad = std::min(
-        f.avgLoad, load(static_cast<int64_t>(entry.now.systemTicks - entry.older.systemTicks) * kTickNs));
+    f.sysLoad =
+        std::min(f.avgLoad, load(static_cast<int64_t>(entry.now.systemTicks - entry.older.systemTicks) * kTickNs));
     f.hit = entry.now.hit - entry.older.hit;
     f.statCnt = entry.now.samples - entry.older.samples;
     return f;

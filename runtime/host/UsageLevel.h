@@ -26,7 +26,9 @@ constexpr int NextLevel(int level, int64_t value, int64_t maximum) {
     return 0;
 }
 
-constexpr bool IsBusy(int64_t value, int64_t maximum) { return maximum > 0 && value * 100 >= maximum * kBusyPercent; }
+constexpr bool IsBusy(int64_t value, int64_t maximum) {
+    return maximum > 0 && value * 100 >= maximum * kBusyPercent;
+}
 
 /// Sums since the start of the sampling; an average over a period is the difference of two of them.
 struct Totals {

@@ -86,8 +86,7 @@ void CWatchedProcesses::Look(Entry& entry, int64_t nowNs, int64_t maxCpu100Times
     }
     const uint64_t ticks = stat.userTicks + stat.systemTicks;
     if (entry.lastNs != 0) {
-        const int64_t cpu =
-            Cpu100Times(static_cast<int64_t>(ticks - entry.lastTicks) * tickNs, nowNs - entry.lastNs);
+        const int64_t cpu = Cpu100Times(static_cast<int64_t>(ticks - entry.lastTicks) * tickNs, nowNs - entry.lastNs);
         const int level = NextLevel(entry.cpuLevel, cpu, maxCpu100Times);
         if (level == 2 && entry.cpuLevel != 2) events.push_back({WatchedEvent::kCpuHigh, entry.pid, entry.name, cpu});
         entry.cpuLevel = level;

@@ -23,9 +23,8 @@ constexpr size_t kMaxLinesFileBytes = 64UL * 1024 * 1024;
 constexpr char kReplacementSuffix[] = ".new";
 
 UniqueFd OpenRegular(const std::string& path) {
-    UniqueFd fd(RetryOnSignal([&] {
-        return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-    }));
+    UniqueFd fd(
+        RetryOnSignal([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY); }));
     struct stat info {};
     if (!fd.IsOpen() || ::fstat(fd.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return UniqueFd();
     return fd;
@@ -138,9 +137,8 @@ bool CFileUtil::WriteNewFile(const std::string& path, const std::string& text, b
     // Written beside and renamed: a reader sees the old or the new text, and a full disk costs nobody the old one.
     const std::string replacement = path + kReplacementSuffix;
     if (::unlink(replacement.c_str()) != 0 && errno != ENOENT) return false;
-    const UniqueFd fd(RetryOnSignal([&] {
-        return ::open(replacement.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode);
-    }));
+    const UniqueFd fd(RetryOnSignal(
+        [&] { return ::open(replacement.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode); }));
     if (!fd.IsOpen()) return false;
     if (!WriteDurably(fd, text, flag) || ::rename(replacement.c_str(), path.c_str()) != 0) {
         ::unlink(replacement.c_str());

@@ -197,8 +197,9 @@ void CIpcBroadcastServer::Impl::Enqueue(Subscriber& subscriber, const Packet& pa
         ++dropped;
         if (!subscriber.dropping) {
             subscriber.dropping = true;
-            Log(kLogWarning, __LINE__, "process " + std::to_string(subscriber.pid) +
-                                           " does not read its messages; its oldest ones are dropped");
+            Log(kLogWarning, __LINE__,
+                "process " + std::to_string(subscriber.pid) +
+                    " does not read its messages; its oldest ones are dropped");
         }
     }
     subscriber.queue.push_back(packet);
@@ -228,8 +229,8 @@ void CIpcBroadcastServer::Impl::Accept() {
         }
         ucred peer{};
         if (!IsTrustedPeer(socket.Get(), peer)) {
-            Log(kLogWarning, __LINE__, "refused process " + std::to_string(peer.pid) + " of user " +
-                                           std::to_string(peer.uid));
+            Log(kLogWarning, __LINE__,
+                "refused process " + std::to_string(peer.pid) + " of user " + std::to_string(peer.uid));
             continue;
         }
         if (subscribers.size() >= kMaxSubscribers) {
@@ -289,7 +290,9 @@ void CIpcBroadcastServer::Impl::Run() {
 
 CIpcBroadcastServer::CIpcBroadcastServer() : m_impl(std::make_unique<Impl>()) {}
 
-CIpcBroadcastServer::~CIpcBroadcastServer() { Stop(); }
+CIpcBroadcastServer::~CIpcBroadcastServer() {
+    Stop();
+}
 
 bool CIpcBroadcastServer::Start(const std::string& path, std::string& error) {
     const std::lock_guard<std::mutex> guard(m_impl->mutex);
@@ -407,8 +410,9 @@ UniqueFd CIpcBroadcastSubscriber::Impl::Connect() {
     if (!IsTrustedPeer(socket.Get(), peer)) {
         if (!refusalLogged) {
             refusalLogged = true;
-            Log(kLogWarning, __LINE__, "process " + std::to_string(peer.pid) + " of user " +
-                                           std::to_string(peer.uid) + " serves " + path + " and is not listened to");
+            Log(kLogWarning, __LINE__,
+                "process " + std::to_string(peer.pid) + " of user " + std::to_string(peer.uid) + " serves " + path +
+                    " and is not listened to");
         }
         return UniqueFd();
     }
@@ -482,7 +486,9 @@ void CIpcBroadcastSubscriber::Impl::Run() {
 
 CIpcBroadcastSubscriber::CIpcBroadcastSubscriber() : m_impl(std::make_unique<Impl>()) {}
 
-CIpcBroadcastSubscriber::~CIpcBroadcastSubscriber() { Stop(); }
+CIpcBroadcastSubscriber::~CIpcBroadcastSubscriber() {
+    Stop();
+}
 
 bool CIpcBroadcastSubscriber::Start(const std::string& path, Callback callback) {
     if (m_impl->thread.joinable() || !callback) {
@@ -512,6 +518,8 @@ void CIpcBroadcastSubscriber::Stop() {
     m_impl->callback = nullptr;
 }
 
-bool CIpcBroadcastSubscriber::IsConnected() { return m_impl->connected; }
+bool CIpcBroadcastSubscriber::IsConnected() {
+    return m_impl->connected;
+}
 
 }  // namespace zel

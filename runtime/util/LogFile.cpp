@@ -51,8 +51,8 @@ bool LogFile::OpenDirectory() {
     if (::mkdir(m_directory.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
         return Fail("make directory", m_directory, errno);
     }
-    m_directoryFd.Reset(RetryOnSignal(
-        [this] { return ::open(m_directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
+    m_directoryFd.Reset(
+        RetryOnSignal([this] { return ::open(m_directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
     return m_directoryFd.IsOpen() || Fail("open directory", m_directory, errno);
 }
 

@@ -38,8 +38,8 @@ public:
 
     bool BindString(const std::string& name, const std::string& value) override {
         const int index = IndexOf(name);
-        return index != 0 && Check(sqlite3_bind_text64(m_statement, index, value.data(), value.size(),
-                                                       SQLITE_TRANSIENT, SQLITE_UTF8));
+        return index != 0 && Check(sqlite3_bind_text64(m_statement, index, value.data(), value.size(), SQLITE_TRANSIENT,
+                                                       SQLITE_UTF8));
     }
 
     bool BindInt(const std::string& name, int value) override {
@@ -141,8 +141,8 @@ ISqliteDB* GetSqliteDB(const std::string& path, int& error) {
     const std::string real = WithRealDirectory(path);
     error = real.empty() ? SQLITE_CANTOPEN_FULLPATH : PrepareFile(real);
     if (error != SQLITE_OK) return nullptr;
-    constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX |
-                           SQLITE_OPEN_EXRESCODE;
+    constexpr int kFlags =
+        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
     sqlite3* handle = nullptr;
     error = sqlite3_open_v2(real.c_str(), &handle, kFlags, nullptr);
     if (error != SQLITE_OK) {

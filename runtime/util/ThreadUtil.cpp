@@ -47,7 +47,7 @@ struct CThreadUtil::Impl {
     std::mutex lifecycle;  ///< serialises start and stop; held while a stop waits for the body
     std::thread thread;    ///< by `lifecycle`
     // Shared with the thread, which may outlive the object when its body destroys it.
-    std::shared_ptr<ThreadSleep> sleep;  ///< by `lifecycle`
+    std::shared_ptr<ThreadSleep> sleep;              ///< by `lifecycle`
     std::atomic<ThreadSleep*> sleepOfBody{nullptr};  ///< the same, for a comparison without the lock
     std::shared_ptr<std::atomic<bool>> running = std::make_shared<std::atomic<bool>>(false);
 

@@ -3,15 +3,13 @@
 #include <stdlib.h>
 #include <time.h>
 
-static double now(clockid_t clock)
-{
+static double now(clockid_t clock) {
     struct timespec at;
     clock_gettime(clock, &at);
     return (double)at.tv_sec + (double)at.tv_nsec / 1e9;
 }
 
-int main(int argc, char** argv)
-{
+int main(int argc, char** argv) {
     double seconds = argc > 1 ? atof(argv[1]) : 1.0;
     double start = now(CLOCK_MONOTONIC);
     while (now(CLOCK_MONOTONIC) - start < seconds) {

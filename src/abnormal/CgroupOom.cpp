@@ -109,8 +109,8 @@ void CMonitorPri::CheckSelfCgroupOomAfterRestart() {
             static_cast<long long>(event.oom_group_kill_delta));
     }
     if (!items.empty() && !ReportCgroupOomEvent("multi_cgroup_oom_after_restart", items)) {
-        zel::CLogMessage::GetInstance()->WriteLogMessage(
-            "MonitorPri: report cgroup OOM after restart event failed", zel::kLogWarning);
+        zel::CLogMessage::GetInstance()->WriteLogMessage("MonitorPri: report cgroup OOM after restart event failed",
+                                                         zel::kLogWarning);
     }
     // Also after a failed report: kills are reported at most once.
     if (!WriteOomWatermarkFile(path, snapshot)) {
@@ -147,8 +147,8 @@ void CMonitorPri::CheckMultiCgroupOom() {
             // Before sending, so that a failed send is not tried again at every poll.
             m_lastRuntimeOomReportTime = now;
             if (!ReportCgroupOomEvent("multi_cgroup_oom_runtime", items)) {
-                zel::CLogMessage::GetInstance()->WriteLogMessage(
-                    "MonitorPri: report runtime cgroup OOM event failed", zel::kLogWarning);
+                zel::CLogMessage::GetInstance()->WriteLogMessage("MonitorPri: report runtime cgroup OOM event failed",
+                                                                 zel::kLogWarning);
             }
         }
     }

@@ -24,7 +24,9 @@ COsAbnormalDataBase::COsAbnormalDataBase() : m_dayOfMonth(0), m_db(nullptr) {
 
 COsAbnormalDataBase::~COsAbnormalDataBase() = default;
 
-bool COsAbnormalDataBase::IsOpen() { return m_db != nullptr; }
+bool COsAbnormalDataBase::IsOpen() {
+    return m_db != nullptr;
+}
 
 bool COsAbnormalDataBase::OpenDb(bool create) {
     const int today = zel::CTimeUtil::GetCurrentDataTime().GetDayOfMonth();
@@ -48,8 +50,8 @@ bool COsAbnormalDataBase::OpenDb(bool create) {
     int error = 0;
     m_db = zel::GetSqliteDB(m_currentDbPath, error);
     if (m_db == nullptr) {
-        zel::CLogMessage::GetInstance()->log(zel::kLogInfo, kSource, __LINE__,
-                                             "open os abnormal db fail, error is %d", error);
+        zel::CLogMessage::GetInstance()->log(zel::kLogInfo, kSource, __LINE__, "open os abnormal db fail, error is %d",
+                                             error);
         return false;
     }
     if (m_db->Execute(kCreateTableSql)) return true;

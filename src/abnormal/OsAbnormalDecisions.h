@@ -71,8 +71,8 @@ constexpr SendDecision DecideSend(uint64_t tick, uint64_t lastReportTick, uint64
 
 /// Increases per second between two samples.
 struct SwapRates {
-    SwapIndexMap rates;   ///< of the names that are in both samples
-    size_t reached = 0;   ///< how many reached their threshold
+    SwapIndexMap rates;  ///< of the names that are in both samples
+    size_t reached = 0;  ///< how many reached their threshold
 };
 
 /// Requires: `elapsedSeconds` above 0. A counter that fell gives a huge rate, which counts: the arithmetic is
@@ -81,7 +81,9 @@ SwapRates ComputeSwapRates(const SwapIndexMap& previous, const SwapIndexMap& cur
                            const SwapIndexMap& thresholds);
 
 /// Returns: true when at least half of the indices reached their threshold.
-constexpr bool IsSwapAlarm(size_t reached, size_t thresholdCount) { return reached >= thresholdCount / 2; }
+constexpr bool IsSwapAlarm(size_t reached, size_t thresholdCount) {
+    return reached >= thresholdCount / 2;
+}
 
 /// Takes the counters that have a threshold from the lines of /proc/vmstat ("name value"), and stops when all of them
 /// were found. A value that is no number is left out but counts as found.

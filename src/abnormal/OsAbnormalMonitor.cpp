@@ -107,9 +107,13 @@ bool COsAbnormalMonitor::Uninit() {
     return IsThreadRunning() && stopThread();
 }
 
-bool COsAbnormalMonitor::Init() { return true; }
+bool COsAbnormalMonitor::Init() {
+    return true;
+}
 
-bool COsAbnormalMonitor::IsDiskFull() { return m_diskFull; }
+bool COsAbnormalMonitor::IsDiskFull() {
+    return m_diskFull;
+}
 
 void COsAbnormalMonitor::CheckOsAbnormal(unsigned long tick) {
     if (!IsMoniitorOsAbnormal()) return;

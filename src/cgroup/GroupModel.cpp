@@ -21,7 +21,9 @@ std::vector<std::vector<std::string>> SplitEntries(const std::string& text, size
     return entries;
 }
 
-int32_t ToNumber(const std::string& text) { return CStringUtil::StringToInt(text, nullptr, 10); }
+int32_t ToNumber(const std::string& text) {
+    return CStringUtil::StringToInt(text, nullptr, 10);
+}
 }  // namespace
 
 std::vector<GroupDef> ParseGroupDefs(const std::string& text) {

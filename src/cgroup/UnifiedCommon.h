@@ -25,9 +25,13 @@ inline std::string ComponentConfigPath() {
     return zel::COrvexPathInfo::GetInstance()->GetGlobalCfgPath() + "/cgroup_resource.json";
 }
 
-inline zel::CLogMessage& Log() { return *zel::CLogMessage::GetInstance(); }
+inline zel::CLogMessage& Log() {
+    return *zel::CLogMessage::GetInstance();
+}
 
 /// Writes one fixed text.
-inline void Say(int level, const char* text) { Log().WriteLogMessage(text, level); }
+inline void Say(int level, const char* text) {
+    Log().WriteLogMessage(text, level);
+}
 
 }  // namespace unified

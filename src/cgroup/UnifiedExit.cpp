@@ -63,8 +63,7 @@ bool CMonitorPri::EnterLegacyFallback(const std::vector<zel::CgroupGroupConfig>&
     ForgetUnified();
     ResetLegacyCgroupLimitState();
     if (!published) {
-        Say(zel::kLogWarning,
-            "MonitorPri: legacy fallback config publish failed, local legacy state reset for retry");
+        Say(zel::kLogWarning, "MonitorPri: legacy fallback config publish failed, local legacy state reset for retry");
         return false;
     }
     Say(zel::kLogInfo, "MonitorPri: entered legacy fallback mode");
@@ -91,8 +90,7 @@ bool CMonitorPri::CleanupUnifiedConfigForLegacy() {
 bool CMonitorPri::EnterUnifiedDisabled(const std::vector<zel::CgroupGroupConfig>& groups) {
     ClearUnifiedSelfKillQuota();
     if (m_cgroupManager != nullptr && !m_cgroupManager->Reconcile(false, false, groups)) {
-        Say(zel::kLogWarning,
-            "MonitorPri: Reconcile(false,false) failed in EnterUnifiedDisabled, fallback to legacy");
+        Say(zel::kLogWarning, "MonitorPri: Reconcile(false,false) failed in EnterUnifiedDisabled, fallback to legacy");
         EnterLegacyFallback(groups);
         return false;
     }

@@ -58,18 +58,15 @@ void CMonitorPri::ApplyMultiCgroupKernelPolicy(bool& cpuOn, bool& memOn) {
     // Memory limits only on kernels that are allowed by name: an empty allowlist means none, deliberately.
     if (m_memLimitKernelRange.empty() || !LocalKernelLimits(m_memLimitKernelRange)) {
         Log().log(zel::kLogInfo, kLogSource, __LINE__,
-                  "MonitorPri: Memory cgroup disabled, kernel [%s] not in allowlist",
-                  m_localKernel.release.c_str());
+                  "MonitorPri: Memory cgroup disabled, kernel [%s] not in allowlist", m_localKernel.release.c_str());
         memOn = false;
     } else if (!m_memLimitExcludeKernels.empty() && CheckKernelHits(m_memLimitExcludeKernels)) {
         Log().log(zel::kLogInfo, kLogSource, __LINE__,
-                  "MonitorPri: Memory cgroup disabled, kernel [%s] in exclude list",
-                  m_localKernel.release.c_str());
+                  "MonitorPri: Memory cgroup disabled, kernel [%s] in exclude list", m_localKernel.release.c_str());
         memOn = false;
     } else if (!m_memLimitExcludeRange.empty() && LocalKernelLimits(m_memLimitExcludeRange)) {
         Log().log(zel::kLogInfo, kLogSource, __LINE__,
-                  "MonitorPri: Memory cgroup disabled, kernel [%s] in exclude range",
-                  m_localKernel.release.c_str());
+                  "MonitorPri: Memory cgroup disabled, kernel [%s] in exclude range", m_localKernel.release.c_str());
         memOn = false;
     }
 }
@@ -91,8 +88,8 @@ void CMonitorPri::BuildAndReconcileUnified(int mode, long effectiveMaxCpu, int m
     run.reconciled = manager->Reconcile(run.cpuOn, run.memOn, run.total, run.groups);
     run.cpuEnabled = manager->IsCpuCgroupEnabled();
     run.memEnabled = manager->IsMemCgroupEnabled();
-    run.parentStuck = !run.reconciled && ((!run.cpuOn && manager->IsParentCpuActive()) ||
-                                          (!run.memOn && manager->IsParentMemActive()));
+    run.parentStuck = !run.reconciled &&
+                      ((!run.cpuOn && manager->IsParentCpuActive()) || (!run.memOn && manager->IsParentMemActive()));
     run.parentCpu100Times = manager->IsParentCpuActive() ? manager->GetParentCpuLimit100Times() : 0;
     run.parentMemKb = manager->IsParentMemActive() ? manager->GetParentMemLimitKB() : 0;
 }
@@ -172,16 +169,15 @@ bool CMonitorPri::UpdateMultiCgroup(int mode, long maxCpu, int maxMem) {
     }
     Log().log(zel::kLogInfo, kLogSource, __LINE__,
               "MonitorPri: multi-cgroup updating, mode %d->%d cpu %lld->%lld mem %d->%d", m_lastUnifiedMode, mode,
-              static_cast<long long>(m_lastUnifiedMaxCpu), static_cast<long long>(effectiveMaxCpu),
-              m_lastUnifiedMaxMem, maxMem);
+              static_cast<long long>(m_lastUnifiedMaxCpu), static_cast<long long>(effectiveMaxCpu), m_lastUnifiedMaxMem,
+              maxMem);
     UnifiedRun run;
     BuildAndReconcileUnified(mode, effectiveMaxCpu, maxMem, run);
     run.componentPath = unified::ComponentConfigPath();
     if (run.LimitsInForce()) return UpdateWithLimits(run);
 
     if (run.LimitsWanted() && !run.reconciled) {
-        Say(zel::kLogWarning,
-            "MonitorPri: active desired but reconcile all failed during update, fallback to legacy");
+        Say(zel::kLogWarning, "MonitorPri: active desired but reconcile all failed during update, fallback to legacy");
         EnterLegacyFallback(run.groups);
         return false;
     }
@@ -218,8 +214,7 @@ bool CMonitorPri::UpdateWithLimits(const UnifiedRun& run) {
     if (run.reconciled) {
         RememberUnified(run);
     } else {
-        Say(zel::kLogWarning,
-            "MonitorPri: reconcile partial failure, config written but last state not updated");
+        Say(zel::kLogWarning, "MonitorPri: reconcile partial failure, config written but last state not updated");
         ForgetUnified();
     }
     return true;

@@ -27,37 +27,65 @@ bool CMonitor::StartMonitor(IResourceMonitorEvent* event, const std::string& app
     return m_pri != nullptr && m_pri->StartMonitor(event, appName);
 }
 
-bool CMonitor::StopMonitor() { return m_pri != nullptr && m_pri->StopMonitor(); }
+bool CMonitor::StopMonitor() {
+    return m_pri != nullptr && m_pri->StopMonitor();
+}
 
 void CMonitor::SetConfigPath(const std::string& path) {
     if (m_pri != nullptr) m_pri->SetConfigPath(path);
 }
 
-bool CMonitor::IsResourceLimited() { return m_pri != nullptr && m_pri->IsResourceLimited(); }
+bool CMonitor::IsResourceLimited() {
+    return m_pri != nullptr && m_pri->IsResourceLimited();
+}
 
-int CMonitor::GetCpuUsageLevel() { return m_pri != nullptr ? m_pri->GetCpuUsageLevel() : 0; }
+int CMonitor::GetCpuUsageLevel() {
+    return m_pri != nullptr ? m_pri->GetCpuUsageLevel() : 0;
+}
 
-int CMonitor::GetMemUsageLevel() { return m_pri != nullptr ? m_pri->GetMemUsageLevel() : 0; }
+int CMonitor::GetMemUsageLevel() {
+    return m_pri != nullptr ? m_pri->GetMemUsageLevel() : 0;
+}
 
-bool CMonitor::IsCpuNeedLimit(unsigned int priority) { return m_pri != nullptr && m_pri->IsCpuNeedLimit(priority); }
+bool CMonitor::IsCpuNeedLimit(unsigned int priority) {
+    return m_pri != nullptr && m_pri->IsCpuNeedLimit(priority);
+}
 
-bool CMonitor::CpuLimit(unsigned int priority) { return m_pri != nullptr && m_pri->CpuLimit(priority); }
+bool CMonitor::CpuLimit(unsigned int priority) {
+    return m_pri != nullptr && m_pri->CpuLimit(priority);
+}
 
-bool CMonitor::IsMemBusy() { return m_pri != nullptr && m_pri->IsMemBusy(); }
+bool CMonitor::IsMemBusy() {
+    return m_pri != nullptr && m_pri->IsMemBusy();
+}
 
-bool CMonitor::GetCpuHighAllRound() { return m_pri != nullptr && m_pri->GetCpuHighAllRound(); }
+bool CMonitor::GetCpuHighAllRound() {
+    return m_pri != nullptr && m_pri->GetCpuHighAllRound();
+}
 
-bool CMonitor::GetCpuBusyLastHour() { return m_pri != nullptr && m_pri->GetCpuBusyLastHour(); }
+bool CMonitor::GetCpuBusyLastHour() {
+    return m_pri != nullptr && m_pri->GetCpuBusyLastHour();
+}
 
-bool CMonitor::GetAvgCpuMinuteBusy() { return m_pri != nullptr && m_pri->GetAvgCpuMinuteBusy(); }
+bool CMonitor::GetAvgCpuMinuteBusy() {
+    return m_pri != nullptr && m_pri->GetAvgCpuMinuteBusy();
+}
 
-bool CMonitor::GetAvgCpuWindowBusy() { return m_pri != nullptr && m_pri->GetAvgCpuWindowBusy(); }
+bool CMonitor::GetAvgCpuWindowBusy() {
+    return m_pri != nullptr && m_pri->GetAvgCpuWindowBusy();
+}
 
-bool CMonitor::GetMaxMem(long& maxMem) { return m_pri != nullptr && m_pri->GetMaxMem(maxMem); }
+bool CMonitor::GetMaxMem(long& maxMem) {
+    return m_pri != nullptr && m_pri->GetMaxMem(maxMem);
+}
 
-bool CMonitor::GetMaxCpu(long& maxCpu) { return m_pri != nullptr && m_pri->GetMaxCpu(maxCpu); }
+bool CMonitor::GetMaxCpu(long& maxCpu) {
+    return m_pri != nullptr && m_pri->GetMaxCpu(maxCpu);
+}
 
-bool CMonitor::IsDiskFull() { return m_pri != nullptr && m_pri->IsDiskFull(); }
+bool CMonitor::IsDiskFull() {
+    return m_pri != nullptr && m_pri->IsDiskFull();
+}
 
 bool CMonitor::SleepByCpuUsage() {
     if (m_pri == nullptr || m_pri->GetCpuUsageLevel() <= 0) return false;
@@ -80,7 +108,9 @@ void CMonitor::SetWatcherProcess(std::map<unsigned int, std::string> processes) 
     if (m_pri != nullptr) m_pri->SetWatcherProcess(processes);
 }
 
-bool CMonitor::ReloadCgroupClientConfig() { return m_pri != nullptr && m_pri->ReloadCgroupClientConfig(); }
+bool CMonitor::ReloadCgroupClientConfig() {
+    return m_pri != nullptr && m_pri->ReloadCgroupClientConfig();
+}
 
 void CMonitor::SetCgroupClient(zel::CCgroupClient* client) {
     if (m_pri != nullptr) m_pri->SetCgroupClient(client);

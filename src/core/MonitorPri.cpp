@@ -34,7 +34,9 @@ constexpr unsigned long kOomCheckRounds = 15;
 constexpr int64_t kMemInfoForcedSeconds = 3600;
 constexpr int kMemInfoHighPercent = 80;
 
-void LogFixed(const char* text, int level) { zel::CLogMessage::GetInstance()->WriteLogMessage(text, level); }
+void LogFixed(const char* text, int level) {
+    zel::CLogMessage::GetInstance()->WriteLogMessage(text, level);
+}
 
 }  // namespace
 

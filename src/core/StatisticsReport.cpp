@@ -17,10 +17,18 @@ constexpr const char* kSource = "MonitorPri";
 constexpr const char* kOsAbnormalMessage = "T_MSG_OS_ABNORMAL";
 constexpr int kDecimal = 10;
 
-std::string Text(long value) { return zel::CStringUtil::IntToString(value, nullptr, kDecimal); }
-std::string Text(uint32_t value) { return zel::CStringUtil::UIntToString(value, nullptr, kDecimal); }
-std::string Text(bool value) { return value ? "1" : "0"; }
-std::string Text(float value) { return zel::CStringUtil::strprintf("%.2f", static_cast<double>(value)); }
+std::string Text(long value) {
+    return zel::CStringUtil::IntToString(value, nullptr, kDecimal);
+}
+std::string Text(uint32_t value) {
+    return zel::CStringUtil::UIntToString(value, nullptr, kDecimal);
+}
+std::string Text(bool value) {
+    return value ? "1" : "0";
+}
+std::string Text(float value) {
+    return zel::CStringUtil::strprintf("%.2f", static_cast<double>(value));
+}
 
 void SendMemoryShortage(int usagePercent, unsigned long available) {
     Json::Value body(Json::objectValue);

@@ -20,7 +20,9 @@ inline bool StoreMaximum(int maximum, long& out) {
 
 }  // namespace
 
-bool CheckPriorityValid(unsigned int priority) { return priority < kPriorityCount; }
+bool CheckPriorityValid(unsigned int priority) {
+    return priority < kPriorityCount;
+}
 
 // The whole rule: the other two only say whether to sleep.
 bool CMonitorPri::CheckCpuLimit(unsigned int priority, bool sleep) {
@@ -37,16 +39,30 @@ bool CMonitorPri::CheckCpuLimit(unsigned int priority, bool sleep) {
     return pauseMs != 0;
 }
 
-bool CMonitorPri::IsCpuNeedLimit(unsigned int priority) { return CheckCpuLimit(priority, false); }
+bool CMonitorPri::IsCpuNeedLimit(unsigned int priority) {
+    return CheckCpuLimit(priority, false);
+}
 
-bool CMonitorPri::CpuLimit(unsigned int priority) { return CheckCpuLimit(priority, true); }
+bool CMonitorPri::CpuLimit(unsigned int priority) {
+    return CheckCpuLimit(priority, true);
+}
 
-bool CMonitorPri::IsMemBusy() { return GetMemUsageLevel() != 0; }
+bool CMonitorPri::IsMemBusy() {
+    return GetMemUsageLevel() != 0;
+}
 
-bool CMonitorPri::GetMaxMem(long& out) { return StoreMaximum(CResourceMonitor::GetMaxMem(), out); }
+bool CMonitorPri::GetMaxMem(long& out) {
+    return StoreMaximum(CResourceMonitor::GetMaxMem(), out);
+}
 
-bool CMonitorPri::GetMaxCpu(long& out) { return StoreMaximum(CResourceMonitor::GetMaxCpu(), out); }
+bool CMonitorPri::GetMaxCpu(long& out) {
+    return StoreMaximum(CResourceMonitor::GetMaxCpu(), out);
+}
 
-bool CMonitorPri::IsResourceLimited() { return m_resourceLimited; }
+bool CMonitorPri::IsResourceLimited() {
+    return m_resourceLimited;
+}
 
-bool CMonitorPri::IsDiskFull() { return m_osAbnormalMonitor.IsDiskFull(); }
+bool CMonitorPri::IsDiskFull() {
+    return m_osAbnormalMonitor.IsDiskFull();
+}

@@ -20,12 +20,18 @@ constexpr unsigned long kCgroupErrorMaxLines = 128;
 constexpr int64_t kCgroupErrorHoldSeconds = 43200;
 
 /// Returns: whether a failure with this code is worth holding back for: the ones that trying again at once cannot mend.
-constexpr bool IsRecordedCgroupError(int code) { return code == 13 || code == 105 || code == 119; }
+constexpr bool IsRecordedCgroupError(int code) {
+    return code == 13 || code == 105 || code == 119;
+}
 
 /// Units: seconds since the epoch. A record from the future (a clock that was set back) counts as recent.
-constexpr bool IsRecentCgroupError(int64_t now, int64_t when) { return now - when < kCgroupErrorHoldSeconds; }
+constexpr bool IsRecentCgroupError(int64_t now, int64_t when) {
+    return now - when < kCgroupErrorHoldSeconds;
+}
 
-constexpr bool IsUsableCgroupErrorPath(size_t pathLength) { return pathLength > kCgroupErrorLongestBogusPath; }
+constexpr bool IsUsableCgroupErrorPath(size_t pathLength) {
+    return pathLength > kCgroupErrorLongestBogusPath;
+}
 
 /// One line "CODE-TIME", without a line end.
 inline std::string FormatCgroupError(int code, int64_t when) {

@@ -25,7 +25,9 @@ bool CMonitorPri::GetLocalKernel() {
     return true;
 }
 
-bool CMonitorPri::CheckKernelHits(const std::string& list) { return HasKernelPrefix(list, m_localKernel.release); }
+bool CMonitorPri::CheckKernelHits(const std::string& list) {
+    return HasKernelPrefix(list, m_localKernel.release);
+}
 
 bool CMonitorPri::LocalKernelLimits(std::string& list) {
     const std::string trimmed = zel::CStringUtil::trim(list);

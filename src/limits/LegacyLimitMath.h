@@ -36,7 +36,9 @@ constexpr int32_t PackLimitError(int32_t result, int32_t error) {
 }
 
 /// The pass counter's next value, 1..10001.
-constexpr int32_t NextLegacyCpuCallCount(int32_t count) { return count > kLegacyCpuCallCountWrap ? 1 : count + 1; }
+constexpr int32_t NextLegacyCpuCallCount(int32_t count) {
+    return count > kLegacyCpuCallCountWrap ? 1 : count + 1;
+}
 
 /// Returns: whether an unchanged limit may be looked at again. Units: seconds since the epoch; `last` 0: never yet.
 /// Unsigned on purpose: a clock that went backwards gives a huge difference and lets the check through.
@@ -47,4 +49,6 @@ constexpr bool IsLegacyCpuRetryDue(int64_t last, int32_t now) {
 
 /// Units: KB in, bytes out, 32 bits each way. Deliberately unguarded: 2 GB and more wraps, the limit object takes the
 /// number as it is.
-constexpr int32_t ShiftKbToBytes32(int32_t kb) { return static_cast<int32_t>(static_cast<uint32_t>(kb) << 10); }
+constexpr int32_t ShiftKbToBytes32(int32_t kb) {
+    return static_cast<int32_t>(static_cast<uint32_t>(kb) << 10);
+}

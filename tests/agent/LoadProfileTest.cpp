@@ -20,8 +20,9 @@ TEST(LoadProfileTest, AnEmptyTextIsIdle) {
 }
 
 TEST(LoadProfileTest, RefusesWhatItCannotReadAndKeepsTheOldProfile) {
-    const char* bad[] = {"busy",      "greedy:",   "greedy:0",  "greedy:-1",  "greedy:65",
-                         "greedy:1x", "hog:99999", "polite:1:2", "greedy:99999999999999999999"};
+    const char* bad[] = {"busy",      "greedy:",    "greedy:0",
+                         "greedy:-1", "greedy:65",  "greedy:1x",
+                         "hog:99999", "polite:1:2", "greedy:99999999999999999999"};
     for (const char* text : bad) {
         LoadProfile profile{{LoadKind::kHold, 7}};
         std::string problem;

@@ -60,10 +60,10 @@ bool CCgroupManager::Reconcile(bool cpuOn, bool memOn, const std::vector<CgroupG
     P().manager.lastGroups = groups;
     return P().manager.reconcileGroupsOnly.Next();
 }
-#define ZEL_GETTER(type, name, member)               \
-    type CCgroupManager::name() {                    \
-        P().Record("CCgroupManager::" #name "()");   \
-        return P().manager.member.Next();            \
+#define ZEL_GETTER(type, name, member)             \
+    type CCgroupManager::name() {                  \
+        P().Record("CCgroupManager::" #name "()"); \
+        return P().manager.member.Next();          \
     }
 ZEL_GETTER(bool, IsCpuCgroupEnabled, cpuEnabled)
 ZEL_GETTER(bool, IsMemCgroupEnabled, memEnabled)
@@ -97,7 +97,9 @@ bool CCgroupManager::WriteDisabledConfig(const std::string& path) {
     if (ok) P().files.content[path] = "disabled config";
     return ok;
 }
-void CCgroupManager::ResetMemoryOomMonitor() { P().Record("CCgroupManager::ResetMemoryOomMonitor()"); }
+void CCgroupManager::ResetMemoryOomMonitor() {
+    P().Record("CCgroupManager::ResetMemoryOomMonitor()");
+}
 bool CCgroupManager::SnapshotSelfMemoryOomCounters(std::vector<CgroupMemoryOomEvent>& out) {
     P().Record("CCgroupManager::SnapshotSelfMemoryOomCounters()");
     out = P().manager.snapshot.Next();
@@ -111,12 +113,14 @@ bool CCgroupManager::PollMemoryOomEvents(std::vector<CgroupMemoryOomEvent>& out)
 
 struct CCgroupClient::Impl {};
 CCgroupClient::CCgroupClient() = default;
-CCgroupClient::~CCgroupClient() { P().Record("CCgroupClient::~CCgroupClient()"); }
-#define ZEL_GETTER(type, name, member)              \
-    type CCgroupClient::name() {                    \
-        const Guard guard(P().lock);                \
-        P().Record("CCgroupClient::" #name "()");   \
-        return P().client.member.Next();            \
+CCgroupClient::~CCgroupClient() {
+    P().Record("CCgroupClient::~CCgroupClient()");
+}
+#define ZEL_GETTER(type, name, member)            \
+    type CCgroupClient::name() {                  \
+        const Guard guard(P().lock);              \
+        P().Record("CCgroupClient::" #name "()"); \
+        return P().client.member.Next();          \
     }
 ZEL_GETTER(bool, ReloadConfig, reload)
 ZEL_GETTER(bool, IsCpuJoined, cpuJoined)

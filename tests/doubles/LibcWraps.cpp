@@ -38,7 +38,9 @@ long __wrap_sysconf(int name) {
     return P().kernel.configuredCpus;
 }
 
-pid_t __wrap_getpid() { return P().kernel.pid; }
+pid_t __wrap_getpid() {
+    return P().kernel.pid;
+}
 
 int __wrap_access(const char* path, int mode) {
     (void)mode;

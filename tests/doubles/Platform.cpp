@@ -24,7 +24,9 @@ struct MonitorAccess : CMonitor {
 };
 }  // namespace
 
-Platform& P() { return *Instance(); }
+Platform& P() {
+    return *Instance();
+}
 
 void ResetPlatform() {
     Instance() = std::make_unique<Platform>();
@@ -32,8 +34,12 @@ void ResetPlatform() {
     ForgetMonitor();
 }
 
-void ForgetOnlineConf() { OnlineConfAccess::Forget(); }
-void ForgetMonitor() { MonitorAccess::Forget(); }
+void ForgetOnlineConf() {
+    OnlineConfAccess::Forget();
+}
+void ForgetMonitor() {
+    MonitorAccess::Forget();
+}
 
 void Platform::Record(const std::string& line) {
     std::lock_guard<std::recursive_mutex> guard(lock);

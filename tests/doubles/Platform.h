@@ -76,8 +76,8 @@ struct FakeFiles {
     std::set<std::string> alsoFiles;  ///< IsFile answers true although nothing is there
     std::set<std::string> failRead, failWrite, failRemove, failRename;
     bool failedReadLeavesLines = false;  ///< ReadFileLineToList hands over what it has before it fails
-    std::set<std::string> existing;   ///< paths for which access(F_OK) succeeds besides `content`
-    bool realIsFile = false;          ///< IsFile asks the real file system too
+    std::set<std::string> existing;      ///< paths for which access(F_OK) succeeds besides `content`
+    bool realIsFile = false;             ///< IsFile asks the real file system too
 };
 
 struct FakeMemory {
@@ -107,7 +107,7 @@ struct FakeLimitUtil {
 
 struct FakeManager {
     Answers<bool> ensureInitialized{true};
-    Answers<bool> reconcile{true};           ///< overload with a total
+    Answers<bool> reconcile{true};            ///< overload with a total
     Answers<bool> reconcileGroupsOnly{true};  ///< overload without
     Answers<bool> cpuEnabled{false}, memEnabled{false};
     Answers<bool> cpuV2{false}, memV2{false};
@@ -150,8 +150,8 @@ struct FakeSqlite {
     Answers<bool> compile{true}, execute{true}, step{true};
     std::map<std::string, bool> failBind;  ///< parameter name -> fails
     int lastError = 0;
-    int open = 0;                ///< databases open now
-    int openStatements = 0;      ///< statements compiled and not released
+    int open = 0;            ///< databases open now
+    int openStatements = 0;  ///< statements compiled and not released
 };
 
 struct FakeProcess {
@@ -178,8 +178,8 @@ struct Platform {
     std::function<bool(const std::string&)> keepInJournal;
 
     bool clockScripted = true;
-    bool journalTime = false;  ///< time() is a line of the journal too
-    time_t now = 1700000000;  ///< CToolUtil::sleep moves it on
+    bool journalTime = false;                   ///< time() is a line of the journal too
+    time_t now = 1700000000;                    ///< CToolUtil::sleep moves it on
     std::function<void(unsigned int)> onSleep;  ///< what happens to the world during CToolUtil::sleep
 
     std::string appDir = "/opt/agent/home";

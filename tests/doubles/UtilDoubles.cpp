@@ -74,13 +74,17 @@ bool CThreadUtil::IsThreadRunning() {
     P().Record("CThreadUtil::IsThreadRunning()");
     return P().threadRunning;
 }
-unsigned int CThreadUtil::GetCurrentThreadId() { return P().threadId; }
+unsigned int CThreadUtil::GetCurrentThreadId() {
+    return P().threadId;
+}
 std::string CThreadUtil::GetThreadName(long tid) {
     P().Record(Format("CThreadUtil::GetThreadName(%ld)", tid));
     auto found = P().threadNames.find(tid);
     return found == P().threadNames.end() ? std::string() : found->second;
 }
-void CThreadUtil::SetThreadName(const std::string& name) { P().Record("CThreadUtil::SetThreadName(" + name + ")"); }
+void CThreadUtil::SetThreadName(const std::string& name) {
+    P().Record("CThreadUtil::SetThreadName(" + name + ")");
+}
 
 // --- timers ---
 struct CTimerEvent::Impl {};
@@ -105,10 +109,18 @@ struct CMutexUtil::Impl {
 };
 CMutexUtil::CMutexUtil() : m_impl(std::make_unique<Impl>()) {}
 CMutexUtil::~CMutexUtil() = default;
-void CMutexUtil::lock() { m_impl->mutex.lock(); }
-void CMutexUtil::unlock() { m_impl->mutex.unlock(); }
-CMutexLockUtil::CMutexLockUtil(CMutexUtil& mutex) : m_mutex(mutex) { m_mutex.lock(); }
-CMutexLockUtil::~CMutexLockUtil() { m_mutex.unlock(); }
+void CMutexUtil::lock() {
+    m_impl->mutex.lock();
+}
+void CMutexUtil::unlock() {
+    m_impl->mutex.unlock();
+}
+CMutexLockUtil::CMutexLockUtil(CMutexUtil& mutex) : m_mutex(mutex) {
+    m_mutex.lock();
+}
+CMutexLockUtil::~CMutexLockUtil() {
+    m_mutex.unlock();
+}
 
 // --- files: in memory ---
 bool CFileUtil::IsFile(const std::string& path) {
@@ -212,7 +224,9 @@ std::string CStringUtil::UIntToString(unsigned long value, bool* ok, int) {
     if (ok != nullptr) *ok = true;
     return std::to_string(value);
 }
-std::string CStringUtil::to_string(int value) { return std::to_string(value); }
+std::string CStringUtil::to_string(int value) {
+    return std::to_string(value);
+}
 std::string CStringUtil::strprintf(const char* format, ...) {
     va_list args;
     va_start(args, format);
@@ -225,9 +239,15 @@ std::string CStringUtil::strprintf(const char* format, ...) {
 }
 
 // --- time, OS facts, tools ---
-time_t CDataTime::ToTime_t() const { return m_seconds; }
-int CDataTime::GetDayOfMonth() const { return P().dayOfMonth; }
-CDataTime CTimeUtil::GetCurrentDataTime() { return CDataTime(P().now); }
+time_t CDataTime::ToTime_t() const {
+    return m_seconds;
+}
+int CDataTime::GetDayOfMonth() const {
+    return P().dayOfMonth;
+}
+CDataTime CTimeUtil::GetCurrentDataTime() {
+    return CDataTime(P().now);
+}
 
 int COSInfo::GetMemoryUsage(unsigned long* available) {
     P().Record(Format("COSInfo::GetMemoryUsage(%s)", available == nullptr ? "null" : "available"));
@@ -251,17 +271,23 @@ void CToolUtil::sleep(unsigned int seconds) {
     P().now += static_cast<time_t>(seconds);
     if (P().onSleep) P().onSleep(seconds);
 }
-void CToolUtil::msleep(unsigned int milliseconds) { P().Record(Format("CToolUtil::msleep(%u)", milliseconds)); }
+void CToolUtil::msleep(unsigned int milliseconds) {
+    P().Record(Format("CToolUtil::msleep(%u)", milliseconds));
+}
 bool CSleepUtil::SleepForLoop() {
     P().Record("CSleepUtil::SleepForLoop()");
     return P().sleepForLoop;
 }
-void CAlgorithmUtil::SetHashMode(int mode) { P().Record(Format("CAlgorithmUtil::SetHashMode(%d)", mode)); }
+void CAlgorithmUtil::SetHashMode(int mode) {
+    P().Record(Format("CAlgorithmUtil::SetHashMode(%d)", mode));
+}
 COrvexPathInfo* COrvexPathInfo::GetInstance() {
     static COrvexPathInfo info;
     return &info;
 }
-std::string COrvexPathInfo::GetGlobalCfgPath() { return P().globalCfgDir; }
+std::string COrvexPathInfo::GetGlobalCfgPath() {
+    return P().globalCfgDir;
+}
 
 // --- processes ---
 namespace {

@@ -167,8 +167,8 @@ TEST_F(EventStoreTest, RowsReadBackAsTheyWereStored) {
     EXPECT_TRUE(store.InsertData(OS_ABNORMAL_MEMORY, 1767268800, "", data));
     EXPECT_TRUE(store.InsertData(OS_ABNORMAL_DISK, 1767268802, "info", ""));
     EXPECT_TRUE(store.InsertData(OS_ABNORMAL_NONE, -2147483647 - 1, "'); drop table os_abnormal; --", "x"));
-    EXPECT_THAT(Rows(Current()), ElementsAre("-2147483648|0|'); drop table os_abnormal; --|x",
-                                             "1767268800|1||" + data, "1767268802|2|info|"));
+    EXPECT_THAT(Rows(Current()), ElementsAre("-2147483648|0|'); drop table os_abnormal; --|x", "1767268800|1||" + data,
+                                             "1767268802|2|info|"));
     EXPECT_EQ("CREATE TABLE os_abnormal(event_time integer UNIQUE, type integer, info varchar, data varchar)",
               Ask(Current(), "select sql from sqlite_master where type = 'table'"));
     EXPECT_FALSE(store.IsOpen());
@@ -290,7 +290,8 @@ TEST_F(EventStoreTest, DatabaseLockedByAnotherConnectionIsGivenUpSoonAndUsedLate
     sqlite3* other = nullptr;
     ASSERT_EQ(SQLITE_OK, sqlite3_open(Current().c_str(), &other));
     ASSERT_EQ(SQLITE_OK, sqlite3_exec(other, "begin exclusive", nullptr, nullptr, nullptr));
-    struct timespec before {}, after {};
+    struct timespec before {
+    }, after{};
     clock_gettime(CLOCK_MONOTONIC, &before);
     EXPECT_FALSE(store.InsertData(OS_ABNORMAL_MEMORY, 2, "", "locked out"));
     clock_gettime(CLOCK_MONOTONIC, &after);
@@ -421,8 +422,8 @@ TEST_F(EventStoreTest, DiskThatBecameReadOnlyFailsTheInsertOnly) {
         ASSERT_EQ(0, mount("zel-test", m_directory.c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, "size=128k"));
         EXPECT_FALSE(store.InsertData(OS_ABNORMAL_MEMORY, 2, "", "lost"));
         const Strings log = TakeLog();
-        EXPECT_THAT(log, ElementsAre(EndsWith("insert os abnormal value fail, error is " +
-                                              std::to_string(SQLITE_READONLY))));
+        EXPECT_THAT(
+            log, ElementsAre(EndsWith("insert os abnormal value fail, error is " + std::to_string(SQLITE_READONLY))));
         EXPECT_EQ("3", log[0].substr(0, 1));
         EXPECT_FALSE(store.IsOpen());
         ASSERT_EQ(0, mount("zel-test", m_directory.c_str(), "tmpfs", MS_REMOUNT, "size=128k"));

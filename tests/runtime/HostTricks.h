@@ -18,12 +18,8 @@ constexpr uid_t kNobody = 65534;
 /// Acts as an ordinary user for as long as it lives, where the process is root: root ignores permissions.
 class Unprivileged {
 public:
-    Unprivileged() : m_wasRoot(geteuid() == 0) {
-        EXPECT_EQ(0, m_wasRoot ? seteuid(kNobody) : 0);
-    }
-    ~Unprivileged() {
-        EXPECT_EQ(0, m_wasRoot ? seteuid(0) : 0);
-    }
+    Unprivileged() : m_wasRoot(geteuid() == 0) { EXPECT_EQ(0, m_wasRoot ? seteuid(kNobody) : 0); }
+    ~Unprivileged() { EXPECT_EQ(0, m_wasRoot ? seteuid(0) : 0); }
 
 private:
     bool m_wasRoot;

@@ -204,10 +204,10 @@ TEST_F(MetricsTest, PrometheusServerScrapesTheAgent) {
                         "    honor_labels: true\n    static_configs:\n      - targets: ['127.0.0.1:" +
                             std::to_string(m_port) + "']\n"),
               0);
-    Child server = Spawn({"prometheus", "--config.file=" + Dir() + "/prometheus.yml",
-                          "--storage.tsdb.path=" + Dir() + "/prometheus",
-                          "--web.listen-address=127.0.0.1:" + std::to_string(port), "--log.level=warn"},
-                         Environment(), NextOutput());
+    Child server = Spawn(
+        {"prometheus", "--config.file=" + Dir() + "/prometheus.yml", "--storage.tsdb.path=" + Dir() + "/prometheus",
+         "--web.listen-address=127.0.0.1:" + std::to_string(port), "--log.level=warn"},
+        Environment(), NextOutput());
     auto has = [&](const std::string& query, const std::string& value) {
         const std::string answer = Get(port, "/api/v1/query?query=" + query);
         return answer.find("\"status\":\"success\"") != std::string::npos &&

@@ -45,7 +45,9 @@ void LogLine(int level, int line, const std::string& text) {
     CLogMessage::GetInstance()->log(level, "CgroupClient", line, "CgroupClient: %s", text.c_str());
 }
 
-size_t At(Controller controller) { return static_cast<size_t>(controller); }
+size_t At(Controller controller) {
+    return static_cast<size_t>(controller);
+}
 
 /// Membership of one controller.
 struct Joined {
@@ -199,8 +201,8 @@ bool CCgroupClient::Impl::Reload() {
     const std::string component = GetComponentName();
     const ComponentEntry* entry = file->Find(component);
     if (entry == nullptr) {
-        return Refuse(__LINE__, MakeError(ErrorKind::kNotFound, "use", path,
-                                          "it has no component named [" + component + "]"));
+        return Refuse(__LINE__,
+                      MakeError(ErrorKind::kNotFound, "use", path, "it has no component named [" + component + "]"));
     }
     const Branches branches = FindBranches();
     std::array<std::optional<Target>, kControllerCount> targets;
@@ -208,8 +210,7 @@ bool CCgroupClient::Impl::Reload() {
         const bool cpu = controller == Controller::kCpu;
         const ComponentLeaf& leaf = cpu ? entry->cpu : entry->memory;
         if (!leaf.present) continue;
-        Result<Target> target =
-            CheckLeaf(branches, controller, leaf, cpu ? file->cpu : file->memory, component);
+        Result<Target> target = CheckLeaf(branches, controller, leaf, cpu ? file->cpu : file->memory, component);
         if (!target) return Refuse(__LINE__, target.GetError());
         targets[At(controller)] = std::move(*target);
     }
@@ -228,8 +229,9 @@ bool CCgroupClient::Impl::Reload() {
         Joined& state = joined[At(controller)];
         const Joined now = targets[At(controller)] ? targets[At(controller)]->state : Joined();
         if (now.joined && (now.path != state.path || now.quota != state.quota)) {
-            LogLine(kLogInfo, __LINE__, "in " + now.path + " with " + std::to_string(now.quota) +
-                                            (controller == Controller::kCpu ? " hundredths of a percent" : " KB"));
+            LogLine(kLogInfo, __LINE__,
+                    "in " + now.path + " with " + std::to_string(now.quota) +
+                        (controller == Controller::kCpu ? " hundredths of a percent" : " KB"));
         }
         state = now;
     }

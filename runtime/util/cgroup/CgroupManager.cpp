@@ -36,9 +36,13 @@ constexpr size_t kMaxOrigins = 64;
 using Amounts = std::array<int, kControllerCount>;
 using Flags = std::array<bool, kControllerCount>;
 
-size_t At(Controller controller) { return static_cast<size_t>(controller); }
+size_t At(Controller controller) {
+    return static_cast<size_t>(controller);
+}
 
-bool IsNotFound(const Error& error) { return error.kind == ErrorKind::kNotFound; }
+bool IsNotFound(const Error& error) {
+    return error.kind == ErrorKind::kNotFound;
+}
 
 /// Nothing else in the same hierarchy will succeed after such an error.
 bool IsHopeless(const Error& error) {
@@ -58,10 +62,14 @@ int Saturated(int64_t value) {
     return static_cast<int>(std::clamp<int64_t>(value, 0, std::numeric_limits<int>::max()));
 }
 
-int Cpu100Times(int percent, int hundredths) { return Saturated(int64_t{percent} * 100 + hundredths); }
+int Cpu100Times(int percent, int hundredths) {
+    return Saturated(int64_t{percent} * 100 + hundredths);
+}
 
 /// Amounts in the order in which they bind: no limit is above every limit.
-int64_t Level(int amount) { return amount > 0 ? amount : std::numeric_limits<int64_t>::max(); }
+int64_t Level(int amount) {
+    return amount > 0 ? amount : std::numeric_limits<int64_t>::max();
+}
 
 Status ApplyLimit(Controller controller, const GroupDir& group, int amount) {
     if (controller == Controller::kCpu) {
@@ -183,7 +191,9 @@ void CCgroupManager::Impl::Locate() {
 }
 
 /// A descriptor kept in a mount would keep an operator from unmounting it.
-void CCgroupManager::Impl::Release() { branches = Branches(); }
+void CCgroupManager::Impl::Release() {
+    branches = Branches();
+}
 
 int CCgroupManager::Impl::TargetOfGroup(Controller controller, const std::string& name) const {
     for (const GroupTarget& group : groups) {
@@ -359,8 +369,8 @@ bool CCgroupManager::Impl::ApplyTree(const Branch& branch, const GroupDir& tree)
                 return;
             }
             const int amount = on ? target.value_or(*current) : 0;
-            steps.push_back({&dir, controller, depth, ClampToAncestors(branch, controller, group, amount),
-                             Level(*current)});
+            steps.push_back(
+                {&dir, controller, depth, ClampToAncestors(branch, controller, group, amount), Level(*current)});
         };
         add(tree, 0, total[At(controller)], {});
         for (const auto& [name, dir] : groupDirs) {
@@ -789,9 +799,13 @@ bool CCgroupManager::IsMemV2() {
     return m_impl->versions[At(Controller::kMemory)] == Version::kV2;
 }
 
-bool CCgroupManager::IsParentCpuActive() { return GetParentCpuLimit100Times() > 0; }
+bool CCgroupManager::IsParentCpuActive() {
+    return GetParentCpuLimit100Times() > 0;
+}
 
-bool CCgroupManager::IsParentMemActive() { return GetParentMemLimitKB() > 0; }
+bool CCgroupManager::IsParentMemActive() {
+    return GetParentMemLimitKB() > 0;
+}
 
 int CCgroupManager::GetParentCpuLimit100Times() {
     const Impl::Scope scope(*m_impl);

@@ -169,9 +169,9 @@ void VerifyMembership(std::vector<Found*>& leaves) {
         std::set<int> all;
         for (const auto& entry : sets) all.insert(entry.second.begin(), entry.second.end());
         leaf->status.pids.assign(all.begin(), all.end());
-        leaf->status.membershipVerified =
-            !all.empty() &&
-            std::all_of(sets.begin(), sets.end(), [&](const auto& entry) { return entry.second == all; });
+        leaf->status.membershipVerified = !all.empty() && std::all_of(sets.begin(), sets.end(), [&](const auto& entry) {
+            return entry.second == all;
+        });
     }
 }
 

@@ -19,9 +19,13 @@ constexpr size_t kMaxMarkBytes = 64;
 constexpr char kRestSuffix[] = ".rest";
 constexpr int kMaxTreeDepth = 8;
 
-bool IsNotFound(const Error& error) { return error.kind == ErrorKind::kNotFound; }
+bool IsNotFound(const Error& error) {
+    return error.kind == ErrorKind::kNotFound;
+}
 
-std::string OwnTag() { return ApplicationTag(CToolUtil::GetApplicationDirPath()); }
+std::string OwnTag() {
+    return ApplicationTag(CToolUtil::GetApplicationDirPath());
+}
 
 Error Foreign(const GroupDir& group) {
     return MakeError(ErrorKind::kRefused, "use", group.Path(),
@@ -30,7 +34,9 @@ Error Foreign(const GroupDir& group) {
 
 // Version 2: the one group that may hold processes beside children with controllers. Only the real root is it: the
 // root of a namespace or of a container has the files of an ordinary group.
-bool IsRealRoot(const GroupDir& group) { return !group.HasFile(v2::kType); }
+bool IsRealRoot(const GroupDir& group) {
+    return !group.HasFile(v2::kType);
+}
 
 Result<GroupDir> MakeRestLeaf(const Branch& branch) {
     return MakeOwnChild(branch.placement->base, AgentGroupName() + kRestSuffix);
@@ -69,8 +75,8 @@ Branches FindBranches() {
         const size_t index = static_cast<size_t>(controller);
         Hierarchy hierarchy = FindHierarchy(controller, *texts);
         if (hierarchy.version == Version::kNone) {
-            out.errors[index] = MakeError(ErrorKind::kNoController, "use controller", ControllerName(controller),
-                                          hierarchy.reason);
+            out.errors[index] =
+                MakeError(ErrorKind::kNoController, "use controller", ControllerName(controller), hierarchy.reason);
             continue;
         }
         for (const std::shared_ptr<Branch>& branch : out.all) {

@@ -36,14 +36,16 @@ private:
     int m_fd;
 };
 
-std::string Quoted(const std::string& text) { return Json::valueToQuotedString(text.c_str()); }
+std::string Quoted(const std::string& text) {
+    return Json::valueToQuotedString(text.c_str());
+}
 
 // "cpu": {...} or "cpu": null, on one line.
 std::string ParentText(const ComponentParent& parent, const char* limitName) {
     if (!parent.present) return "null";
     return "{\"path\": " + Quoted(parent.path) + ", \"version\": " + std::to_string(static_cast<int>(parent.version)) +
-           ", \"inode\": " + std::to_string(parent.inode) + ", \"" + limitName +
-           "\": " + std::to_string(parent.limit) + "}";
+           ", \"inode\": " + std::to_string(parent.inode) + ", \"" + limitName + "\": " + std::to_string(parent.limit) +
+           "}";
 }
 
 std::string LeafText(const ComponentLeaf& leaf, const char* quotaName) {
@@ -54,7 +56,9 @@ std::string LeafText(const ComponentLeaf& leaf, const char* quotaName) {
            "}";
 }
 
-Error Bad(std::string hint) { return MakeError(ErrorKind::kMalformed, "use", "component file", std::move(hint)); }
+Error Bad(std::string hint) {
+    return MakeError(ErrorKind::kMalformed, "use", "component file", std::move(hint));
+}
 
 // A checked walk over one object: the first defect is kept, and everything after it reads as empty.
 class Reader {

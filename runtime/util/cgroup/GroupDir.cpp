@@ -62,7 +62,9 @@ Status CheckFileSystem(int fd, const std::string& path, Version version) {
                                              : "no cgroup version 1 file system is mounted there");
 }
 
-bool StartsWith(std::string_view text, std::string_view prefix) { return text.substr(0, prefix.size()) == prefix; }
+bool StartsWith(std::string_view text, std::string_view prefix) {
+    return text.substr(0, prefix.size()) == prefix;
+}
 
 // What an operator can do about a write that the kernel refused.
 std::string WriteHint(int error, std::string_view file, Version version) {
@@ -257,7 +259,9 @@ Result<GroupIdentity> GroupDir::Identity() const {
     return GroupIdentity{static_cast<uint64_t>(info.st_dev), static_cast<uint64_t>(info.st_ino)};
 }
 
-bool GroupDir::HasFile(const char* file) const { return faccessat(m_fd, file, F_OK, AT_SYMLINK_NOFOLLOW) == 0; }
+bool GroupDir::HasFile(const char* file) const {
+    return faccessat(m_fd, file, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+}
 
 Result<std::string> GroupDir::Read(const char* file) const {
     const std::string path = FilePath(file);
@@ -357,7 +361,9 @@ Status GroupDir::CheckHoldsNoProcess(const std::string& operation) const {
                       WriteHint(EBUSY, v2::kSubtreeControl, m_version));
 }
 
-bool GroupDir::IsHierarchyRoot() const { return m_version != Version::kV2 || !HasFile(v2::kType); }
+bool GroupDir::IsHierarchyRoot() const {
+    return m_version != Version::kV2 || !HasFile(v2::kType);
+}
 
 Result<bool> GroupDir::HasController(const char* controller) const {
     if (m_version != Version::kV2) return true;

@@ -138,7 +138,9 @@ std::string ServiceIn(const std::string& path) {
 
 }  // namespace
 
-const char* ControllerName(Controller controller) { return controller == Controller::kCpu ? "cpu" : "memory"; }
+const char* ControllerName(Controller controller) {
+    return controller == Controller::kCpu ? "cpu" : "memory";
+}
 
 Result<LayoutTexts> ReadLayoutTexts() {
     LayoutTexts out;
@@ -188,7 +190,8 @@ std::vector<Hierarchy> DecideHierarchy(Controller controller, const LayoutTexts&
     if (attachedToV1) {
         return {NoHierarchy(controller, "controller " + name +
                                             " belongs to a version 1 hierarchy that is not mounted here: mount it, or "
-                                            "start the kernel with cgroup_no_v1=" + name)};
+                                            "start the kernel with cgroup_no_v1=" +
+                                            name)};
     }
     for (const CgroupMount& mount : mounts) {
         if (mount.v2) candidates.push_back(FromMount(controller, mount, own));

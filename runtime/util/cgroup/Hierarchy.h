@@ -20,9 +20,9 @@ const char* ControllerName(Controller controller);
 
 /// The kernel's texts that a decision rests on, so that the decision itself is pure.
 struct LayoutTexts {
-    std::string mountInfo;  ///< /proc/self/mountinfo
+    std::string mountInfo;   ///< /proc/self/mountinfo
     std::string selfCgroup;  ///< /proc/self/cgroup
-    std::string cgroups;  ///< /proc/cgroups; may be empty
+    std::string cgroups;     ///< /proc/cgroups; may be empty
 };
 
 /// Reads the three files. /proc/cgroups may be missing.

@@ -65,8 +65,7 @@ bool ParseRelease(std::string_view release, KernelVersion& out) {
     std::string_view version = release.substr(0, dash);
     std::vector<std::string_view> parts = Split(version, '.');
     if (parts.size() < 3) return false;
-    const std::string three =
-        std::string(parts[0]) + "." + std::string(parts[1]) + "." + std::string(parts[2]);
+    const std::string three = std::string(parts[0]) + "." + std::string(parts[1]) + "." + std::string(parts[2]);
     if (!ParseVersion(three, out)) return false;
     out.build = dash == std::string_view::npos ? 0 : LeadingNumber(release.substr(dash + 1));
     return true;

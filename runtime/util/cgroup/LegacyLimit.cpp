@@ -65,8 +65,7 @@ int LegacyCodeOf(const Error& error) {
             const bool members = EndsWith(error.path, kProcsFile) || EndsWith(error.path, v2::kSubtreeControl);
             return members ? kLegacyCannotMove : kLegacyInUse;
         }
-        case ErrorKind::kInvalidValue:
-            return EndsWith(error.path, kProcsFile) ? kLegacyCannotMove : kLegacyWriteFailed;
+        case ErrorKind::kInvalidValue: return EndsWith(error.path, kProcsFile) ? kLegacyCannotMove : kLegacyWriteFailed;
         case ErrorKind::kShortWrite:
         case ErrorKind::kTooLarge:
         case ErrorKind::kMalformed:
@@ -98,8 +97,8 @@ Status CLegacyLimit::Attach(Half& half, bool make) {
     Hierarchy hierarchy = FindHierarchy(half.controller, *texts);
     Result<Placement> placement = FindPlacement(hierarchy, *texts);
     if (!placement) return placement.GetError();
-    Result<GroupDir> group = make ? placement->base.MakeChild(m_options.groupName)
-                                  : placement->base.OpenChild(m_options.groupName);
+    Result<GroupDir> group =
+        make ? placement->base.MakeChild(m_options.groupName) : placement->base.OpenChild(m_options.groupName);
     if (!group) return group.GetError();
     half.hierarchy = std::move(hierarchy);
     half.placement = std::move(*placement);
@@ -201,9 +200,9 @@ int CLegacyLimit::Start(Half& half, int& error) {
     }
     error = 0;
     Log(kLogInfo, __LINE__,
-        std::string("legacy ") + ControllerName(half.controller) + " limit in force: " +
-            LimitedBy(half.controller, half.quota, half.hardBytes) + " in " + half.group.Path() + ", " +
-            half.hierarchy.reason + ", " + half.placement.reason);
+        std::string("legacy ") + ControllerName(half.controller) +
+            " limit in force: " + LimitedBy(half.controller, half.quota, half.hardBytes) + " in " + half.group.Path() +
+            ", " + half.hierarchy.reason + ", " + half.placement.reason);
     return kLegacyOk;
 }
 
@@ -499,12 +498,22 @@ CLegacyLimit& TheLegacyLimit() {
 }  // namespace
 }  // namespace cgroup
 
-IResourceLimitUtil* GetResourceLimitUtil() { return &cgroup::TheLegacyLimit(); }
+IResourceLimitUtil* GetResourceLimitUtil() {
+    return &cgroup::TheLegacyLimit();
+}
 
-void ClearResourceLimitCpuCgroupState() { cgroup::TheLegacyLimit().Forget(cgroup::Controller::kCpu); }
-void ClearResourceLimitMemCgroupState() { cgroup::TheLegacyLimit().Forget(cgroup::Controller::kMemory); }
+void ClearResourceLimitCpuCgroupState() {
+    cgroup::TheLegacyLimit().Forget(cgroup::Controller::kCpu);
+}
+void ClearResourceLimitMemCgroupState() {
+    cgroup::TheLegacyLimit().Forget(cgroup::Controller::kMemory);
+}
 
-bool IsResourceLimitCpuCgroupV2Runtime() { return cgroup::TheLegacyLimit().IsV2Runtime(cgroup::Controller::kCpu); }
-bool IsResourceLimitMemCgroupV2Runtime() { return cgroup::TheLegacyLimit().IsV2Runtime(cgroup::Controller::kMemory); }
+bool IsResourceLimitCpuCgroupV2Runtime() {
+    return cgroup::TheLegacyLimit().IsV2Runtime(cgroup::Controller::kCpu);
+}
+bool IsResourceLimitMemCgroupV2Runtime() {
+    return cgroup::TheLegacyLimit().IsV2Runtime(cgroup::Controller::kMemory);
+}
 
 }  // namespace zel

@@ -23,18 +23,18 @@ namespace cgroup {
 /// module's own and are never used here. docs/CONFIG.md repeats this table for operators.
 enum LegacyCode : int {
     kLegacyOk = 0,
-    kLegacyBadValue = 1,        ///< zero, negative or wrapped limit
-    kLegacyCannotMove = 6,      ///< a process could not be moved into the group
-    kLegacyNotInForce = 8,      ///< written, but the kernel shows something else
-    kLegacyCannotLeave = 9,     ///< the process could not be moved out
-    kLegacyCannotLift = 11,     ///< the limit could not be taken off
-    kLegacyKernelExcluded = 12, ///< memory: the kernel is on an exclude list
-    kLegacyDenied = 13,         ///< no permission, read-only, or not delegated
-    kLegacyNoRoom = 14,         ///< the kernel had no memory, or no descriptor is free
-    kLegacyGroupGone = 15,      ///< somebody removes the group as fast as it is made
-    kLegacyInUse = 16,          ///< memory: more is in use than the limit, and it cannot be reclaimed
-    kLegacyNoHierarchy = 105,   ///< no usable hierarchy with the controller is mounted
-    kLegacyWriteFailed = 119,   ///< the kernel refused the group or the limit's value
+    kLegacyBadValue = 1,         ///< zero, negative or wrapped limit
+    kLegacyCannotMove = 6,       ///< a process could not be moved into the group
+    kLegacyNotInForce = 8,       ///< written, but the kernel shows something else
+    kLegacyCannotLeave = 9,      ///< the process could not be moved out
+    kLegacyCannotLift = 11,      ///< the limit could not be taken off
+    kLegacyKernelExcluded = 12,  ///< memory: the kernel is on an exclude list
+    kLegacyDenied = 13,          ///< no permission, read-only, or not delegated
+    kLegacyNoRoom = 14,          ///< the kernel had no memory, or no descriptor is free
+    kLegacyGroupGone = 15,       ///< somebody removes the group as fast as it is made
+    kLegacyInUse = 16,           ///< memory: more is in use than the limit, and it cannot be reclaimed
+    kLegacyNoHierarchy = 105,    ///< no usable hierarchy with the controller is mounted
+    kLegacyWriteFailed = 119,    ///< the kernel refused the group or the limit's value
 };
 
 /// What an error means to the module.

@@ -52,7 +52,9 @@ int64_t PageRoundDown(int64_t bytes) {
     return bytes - bytes % PageBytes();
 }
 
-int64_t V1SwapLimitFor(int64_t bytes) { return bytes < 0 ? kUnlimited : bytes + PageBytes(); }
+int64_t V1SwapLimitFor(int64_t bytes) {
+    return bytes < 0 ? kUnlimited : bytes + PageBytes();
+}
 
 int64_t BytesFromKb(int64_t kb) {
     if (kb <= 0) return kUnlimited;

@@ -16,14 +16,18 @@ std::string QuotaText(const CpuQuota& quota) {
     return quota.Unlimited() ? "max" : std::to_string(quota.quotaUs) + "/" + std::to_string(quota.periodUs);
 }
 
-std::string LimitText(int64_t bytes) { return bytes < 0 ? "max" : std::to_string(bytes); }
+std::string LimitText(int64_t bytes) {
+    return bytes < 0 ? "max" : std::to_string(bytes);
+}
 
 int64_t ValueOr(const std::map<std::string, int64_t>& values, const char* key, int64_t fallback) {
     const auto found = values.find(key);
     return found == values.end() ? fallback : found->second;
 }
 
-bool RetryOtherOrder(const Status& status) { return !status && status.GetError().kind == ErrorKind::kInvalidValue; }
+bool RetryOtherOrder(const Status& status) {
+    return !status && status.GetError().kind == ErrorKind::kInvalidValue;
+}
 
 // Two files, each write checked by the kernel against the other one, the parent and the children.
 Status WriteV1Quota(const GroupDir& group, const CpuQuota& old, const CpuQuota& wanted) {
@@ -82,7 +86,9 @@ Status CheckRoomUnder(const GroupDir& group, int64_t bytes) {
                  "its processes hold " + LimitText(anonymous) + " bytes that stay in use: the kernel would kill"};
 }
 
-bool Above(int64_t a, int64_t b) { return b >= 0 && (a < 0 || a > b); }
+bool Above(int64_t a, int64_t b) {
+    return b >= 0 && (a < 0 || a > b);
+}
 
 Status WriteV1Hard(const GroupDir& group, const MemLimit& old, int64_t bytes) {
     const std::string text = bytes < 0 ? "-1" : std::to_string(bytes);
@@ -96,8 +102,8 @@ Status WriteV1Hard(const GroupDir& group, const MemLimit& old, int64_t bytes) {
     Status second = grows ? group.Write(v1::kMemLimitBytes, text) : group.Write(v1::kMemSwapLimitBytes, swapText);
     if (second) return second;
     const int64_t before = grows ? old.withSwapBytes : old.hardBytes;
-    Status back = group.Write(grows ? v1::kMemSwapLimitBytes : v1::kMemLimitBytes,
-                              before < 0 ? "-1" : std::to_string(before));
+    Status back =
+        group.Write(grows ? v1::kMemSwapLimitBytes : v1::kMemLimitBytes, before < 0 ? "-1" : std::to_string(before));
     (void)back;  // the failure to report is the second write's
     return second;
 }
@@ -123,9 +129,9 @@ Status ApplyCpuQuota(const GroupDir& group, const CpuQuota& quota) {
     if (*old == quota) return {};
     Status written;
     if (group.GetVersion() == Version::kV2) {
-        written = group.Write(v2::kCpuMax, quota.Unlimited() ? std::string("max")
-                                                             : std::to_string(quota.quotaUs) + " " +
-                                                                   std::to_string(quota.periodUs));
+        written = group.Write(v2::kCpuMax, quota.Unlimited()
+                                               ? std::string("max")
+                                               : std::to_string(quota.quotaUs) + " " + std::to_string(quota.periodUs));
     } else {
         written = WriteV1Quota(group, *old, quota);
     }

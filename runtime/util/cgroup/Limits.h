@@ -58,10 +58,10 @@ Status EnsureMemHierarchical(const GroupDir& group);
 /// Usage and counters. Absent ones are -1.
 struct MemCounters {
     int64_t usageBytes = -1;
-    int64_t limitHits = -1;  ///< version 1: memory.failcnt; version 2: "max" of memory.events
-    int64_t oomKills = -1;   ///< victims; version 2: in the subtree, version 1: in this group only
-    int64_t ooms = -1;       ///< version 2 only
-    int64_t localOoms = -1;  ///< version 2, Linux 5.2: of this group's own limit
+    int64_t limitHits = -1;      ///< version 1: memory.failcnt; version 2: "max" of memory.events
+    int64_t oomKills = -1;       ///< victims; version 2: in the subtree, version 1: in this group only
+    int64_t ooms = -1;           ///< version 2 only
+    int64_t localOoms = -1;      ///< version 2, Linux 5.2: of this group's own limit
     int64_t oomGroupKills = -1;  ///< version 2, Linux 5.17
     int underOom = 0;            ///< version 1 only
     int oomKillDisable = 0;      ///< version 1 only

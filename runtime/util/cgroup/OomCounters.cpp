@@ -10,9 +10,13 @@ namespace zel {
 namespace cgroup {
 namespace {
 
-int64_t AtLeastZero(int64_t value) { return std::max<int64_t>(value, 0); }
+int64_t AtLeastZero(int64_t value) {
+    return std::max<int64_t>(value, 0);
+}
 
-bool IsGone(const Error& error) { return error.kind == ErrorKind::kNotFound || error.kind == ErrorKind::kGone; }
+bool IsGone(const Error& error) {
+    return error.kind == ErrorKind::kNotFound || error.kind == ErrorKind::kGone;
+}
 
 Result<OomReading> ReadOne(const GroupDir& dir, const std::string& group, const GroupDir& reported, bool parent) {
     Result<MemCounters> counters = ReadMemCounters(dir);
@@ -121,10 +125,10 @@ void OomMonitor::Observe(const std::vector<OomReading>& readings) {
         group.event.oom_kill_disable = std::max(group.event.oom_kill_disable, reading.oomKillDisable);
         seenMembers[key].insert(reading.path);
         const auto known = group.members.find(reading.path);
-        const bool again = known != group.members.end() &&
-                           (known->second.identity != reading.identity || known->second.counts.kills > reading.kills ||
-                            known->second.counts.ooms > reading.ooms ||
-                            known->second.counts.groupKills > reading.groupKills);
+        const bool again =
+            known != group.members.end() &&
+            (known->second.identity != reading.identity || known->second.counts.kills > reading.kills ||
+             known->second.counts.ooms > reading.ooms || known->second.counts.groupKills > reading.groupKills);
         if (again) {
             group.carried.kills += known->second.counts.kills;
             group.carried.ooms += known->second.counts.ooms;

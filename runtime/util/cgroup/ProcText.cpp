@@ -15,7 +15,9 @@ std::string_view NextLine(std::string_view& text) {
     return line;
 }
 
-bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+bool IsBlank(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
 
 std::string_view NextWord(std::string_view& text) {
     while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
@@ -74,8 +76,8 @@ bool HasOption(std::string_view options, std::string_view wanted) {
 
 // Super block options of a version 1 mount that are not controllers.
 bool IsControllerOption(std::string_view option) {
-    static constexpr std::string_view kFlags[] = {"rw",    "ro",           "xattr",        "noprefix", "clone_children",
-                                                  "none",  "cpuset_v2_mode", "favordynmods", "nsdelegate"};
+    static constexpr std::string_view kFlags[] = {
+        "rw", "ro", "xattr", "noprefix", "clone_children", "none", "cpuset_v2_mode", "favordynmods", "nsdelegate"};
     if (option.substr(0, 14) == "release_agent=") return false;
     return std::find(std::begin(kFlags), std::end(kFlags), option) == std::end(kFlags);
 }

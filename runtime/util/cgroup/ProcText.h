@@ -24,8 +24,8 @@ struct CgroupMount {
     bool readOnly = false;  ///< of the mount or of the file system
     unsigned devMajor = 0;
     unsigned devMinor = 0;
-    std::string root;        ///< group that the mount shows; "/" unless it is a bind mount of a subtree
-    std::string mountPoint;  ///< absolute, octal escapes resolved
+    std::string root;                      ///< group that the mount shows; "/" unless it is a bind mount of a subtree
+    std::string mountPoint;                ///< absolute, octal escapes resolved
     std::vector<std::string> controllers;  ///< v1 only; several when co-mounted; names such as "name=systemd" stay
 };
 

@@ -38,7 +38,7 @@ struct Error {
     int error = 0;          ///< errno, 0 when there is none
     std::string operation;  ///< "write 500", "mkdir", "statfs"
     std::string path;
-    std::string hint;       ///< what an operator can do, or a detail; may be empty
+    std::string hint;  ///< what an operator can do, or a detail; may be empty
 
     /// Returns: "cannot <operation> <path>: <errno text>; <hint>".
     std::string Text() const;

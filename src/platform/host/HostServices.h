@@ -24,11 +24,11 @@ enum class Switch : int {
 
 /// Where messages go. A sink whose path or URL is empty is off.
 struct DeliveryOptions {
-    Switch enabled = Switch::kOn;       ///< off: GetMsgTransmitInstance() gives null
-    std::string spoolPath;              ///< empty: <app dir>/spool/<process>.db
-    uint64_t spoolMaxBytes = 32 << 20;  ///< oldest messages are dropped and counted beyond this
-    unsigned int memoryRing = 256;      ///< messages kept in memory while the spool cannot be written
-    std::string jsonLinesPath;          ///< empty: <app dir>/log/<process>.events.jsonl; "-": off
+    Switch enabled = Switch::kOn;          ///< off: GetMsgTransmitInstance() gives null
+    std::string spoolPath;                 ///< empty: <app dir>/spool/<process>.db
+    uint64_t spoolMaxBytes = 32 << 20;     ///< oldest messages are dropped and counted beyond this
+    unsigned int memoryRing = 256;         ///< messages kept in memory while the spool cannot be written
+    std::string jsonLinesPath;             ///< empty: <app dir>/log/<process>.events.jsonl; "-": off
     uint64_t jsonLinesMaxBytes = 8 << 20;  ///< size at which the file is rotated
     unsigned int jsonLinesKeep = 4;        ///< rotated files kept
     bool syslog = false;                   ///< also to syslog(3), which the journal collects
@@ -36,8 +36,8 @@ struct DeliveryOptions {
     std::string httpCaFile;                ///< empty: the system's certificate store
     std::string httpHeader;                ///< one extra header line, "Name: value"
     bool httpVerifyTls = true;
-    unsigned int httpTimeoutMs = 5000;     ///< for a whole request
-    unsigned int backoffMinMs = 500;       ///< after the first failure of a sink, doubled up to the maximum
+    unsigned int httpTimeoutMs = 5000;  ///< for a whole request
+    unsigned int backoffMinMs = 500;    ///< after the first failure of a sink, doubled up to the maximum
     unsigned int backoffMaxMs = 60000;
 };
 
@@ -61,12 +61,12 @@ struct HostOptions {
     std::string component;    ///< label of metrics; empty: the process name
     std::string group;        ///< label of metrics; empty: none known
     bool isMain = false;
-    std::string appDir;            ///< empty: zel::CToolUtil::GetApplicationDirPath()
-    std::string onlineConfigPath;  ///< empty: <app dir>/conf/online_config.json; need not exist
-    unsigned int onlinePollMs = 5000;           ///< fallback beside the directory watch
+    std::string appDir;                ///< empty: zel::CToolUtil::GetApplicationDirPath()
+    std::string onlineConfigPath;      ///< empty: <app dir>/conf/online_config.json; need not exist
+    unsigned int onlinePollMs = 5000;  ///< fallback beside the directory watch
     unsigned int statisticsPeriodMs = 60000;
-    unsigned int statisticsProviderMs = 5000;   ///< a provider that takes longer is left out of this collection
-    std::string statisticsDbPath;  ///< empty: <app dir>/data/<process>.stats.db; "-": no history
+    unsigned int statisticsProviderMs = 5000;  ///< a provider that takes longer is left out of this collection
+    std::string statisticsDbPath;              ///< empty: <app dir>/data/<process>.stats.db; "-": no history
     DeliveryOptions delivery;
     MetricsOptions metrics;
     SamplingOptions sampling;
@@ -74,14 +74,14 @@ struct HostOptions {
 
 /// Everything the sampler knows, for a live view. Percentages in hundredths; in the mode that the sampler counts in.
 struct SamplerFigures {
-    uint64_t rounds = 0;         ///< rounds made since the start
-    uint64_t missedRounds = 0;   ///< rounds that fell out because the process could not run
-    int64_t roundMs = 0;         ///< length of a round
-    int64_t cpu100Times = 0;     ///< last round
+    uint64_t rounds = 0;        ///< rounds made since the start
+    uint64_t missedRounds = 0;  ///< rounds that fell out because the process could not run
+    int64_t roundMs = 0;        ///< length of a round
+    int64_t cpu100Times = 0;    ///< last round
     int64_t cpuMinute100Times = 0;
     int64_t cpuWindow100Times = 0;
     int64_t cpuHour100Times = 0;
-    int64_t cpuTotalNs = 0;      ///< CPU time of the process
+    int64_t cpuTotalNs = 0;  ///< CPU time of the process
     int cpuLevel = 0;
     int maxCpu = 0;
     bool solaris = false;
@@ -90,7 +90,7 @@ struct SamplerFigures {
     int64_t memWindowKb = 0;
     int memLevel = 0;
     int maxMemMb = 0;
-    int64_t readKbps = 0;   ///< last round; storage I/O of the process
+    int64_t readKbps = 0;  ///< last round; storage I/O of the process
     int64_t writeKbps = 0;
     uint64_t readBytesTotal = 0;
     uint64_t writeBytesTotal = 0;
@@ -105,8 +105,8 @@ struct SamplerFigures {
     uint64_t readIoWarnCount = 0;
     uint64_t writeIoWarnCount = 0;
     uint64_t watchedProcesses = 0;
-    uint64_t heartbeats = 0;       ///< threads that report one
-    uint64_t stalledThreads = 0;   ///< of these, silent for too long now
+    uint64_t heartbeats = 0;      ///< threads that report one
+    uint64_t stalledThreads = 0;  ///< of these, silent for too long now
     uint64_t selfKillWarnings = 0;
     uint64_t selfKillRequests = 0;
 };
@@ -115,18 +115,18 @@ struct SinkStats {
     std::string name;  ///< "jsonl", "syslog", "http"
     uint64_t delivered = 0;
     uint64_t failures = 0;
-    uint64_t waiting = 0;       ///< accepted and not yet delivered here
-    std::string lastError;      ///< empty while it works
+    uint64_t waiting = 0;   ///< accepted and not yet delivered here
+    std::string lastError;  ///< empty while it works
 };
 
 struct DeliveryStats {
     bool present = false;
-    uint64_t accepted = 0;       ///< by SendMsg since the start of the process
+    uint64_t accepted = 0;  ///< by SendMsg since the start of the process
     uint64_t refused = 0;
-    uint64_t spooled = 0;        ///< messages in the spool now
+    uint64_t spooled = 0;  ///< messages in the spool now
     uint64_t spoolBytes = 0;
-    uint64_t dropped = 0;        ///< for want of room, over the spool's life
-    uint64_t inMemory = 0;       ///< messages that wait for a spool that can be written again
+    uint64_t dropped = 0;   ///< for want of room, over the spool's life
+    uint64_t inMemory = 0;  ///< messages that wait for a spool that can be written again
     bool spoolBroken = false;
     std::vector<SinkStats> sinks;
 };

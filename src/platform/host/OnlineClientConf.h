@@ -41,18 +41,18 @@ public:
     void AddNotify(IOnlineClientConfNotify* notify);
     void RemoveNotify(IOnlineClientConfNotify* notify);
 
-    CAtomicInt64<long> maxCpu;             ///< percent
-    CAtomicInt64<long> maxWriteIo;         ///< KB/s
-    CAtomicInt64<long> maxReadIo;          ///< KB/s
-    CAtomicInt64<long> cpuAll;             ///< non-zero: percentages are of the whole machine
-    CAtomicInt64<long> maxFdCount;         ///< open descriptors
-    CAtomicInt64<long> maxPidCheck;        ///< watched processes
+    CAtomicInt64<long> maxCpu;       ///< percent
+    CAtomicInt64<long> maxWriteIo;   ///< KB/s
+    CAtomicInt64<long> maxReadIo;    ///< KB/s
+    CAtomicInt64<long> cpuAll;       ///< non-zero: percentages are of the whole machine
+    CAtomicInt64<long> maxFdCount;   ///< open descriptors
+    CAtomicInt64<long> maxPidCheck;  ///< watched processes
     CAtomicInt64<long> hashMode;
-    CAtomicInt64<long> maxMemory;          ///< MB
-    CAtomicInt64<long> cpuLimitEnabled;    ///< 0 switches the throttling answers off
-    CAtomicInt64<long> resourceLimitMode;  ///< bit set: 1 CPU limit, 4 memory limit, 8 unified mode
-    CAtomicInt64<long> groupMaxCpu;        ///< percent
-    CAtomicInt64<long> groupMaxMemory;     ///< MB
+    CAtomicInt64<long> maxMemory;                 ///< MB
+    CAtomicInt64<long> cpuLimitEnabled;           ///< 0 switches the throttling answers off
+    CAtomicInt64<long> resourceLimitMode;         ///< bit set: 1 CPU limit, 4 memory limit, 8 unified mode
+    CAtomicInt64<long> groupMaxCpu;               ///< percent
+    CAtomicInt64<long> groupMaxMemory;            ///< MB
     CAtomicInt64<long> availableMemThreshold;     ///< MB
     CAtomicInt64<long> osAbnormalReportInterval;  ///< ticks of a little over 2 s
     CAtomicInt64<long> osAbnormalSwitch;          ///< bit 0: OS abnormal monitor on

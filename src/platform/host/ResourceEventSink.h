@@ -54,9 +54,9 @@ struct ThreadStall {
     std::string name;
     int64_t silentMs = 0;  ///< time since the last heartbeat in which this process could run
     int timeoutSeconds = 0;
-    bool gone = false;   ///< the thread does not exist any more
+    bool gone = false;       ///< the thread does not exist any more
     bool recovered = false;  ///< the heartbeat came back; sent once after a stall
-    std::string stack;   ///< kernel stack, empty when the kernel does not give it (it needs root)
+    std::string stack;       ///< kernel stack, empty when the kernel does not give it (it needs root)
 };
 
 /// Sink of the sampling class.

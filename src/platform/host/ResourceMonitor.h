@@ -69,8 +69,8 @@ public:
     /// On: CPU percentages are of the whole machine, else of one CPU.
     void SetCpuSolarisMode(bool on);
     bool IsCpuSolarisMode();
-    void SetMaxCpu(int percent);  ///< 0 or less: no maximum
-    void SetMaxMem(int mb);       ///< 0 or less: no maximum
+    void SetMaxCpu(int percent);                   ///< 0 or less: no maximum
+    void SetMaxMem(int mb);                        ///< 0 or less: no maximum
     void SetMaxIO(int readLimit, int writeLimit);  ///< KB/s; 0 or less: no maximum
     void SetMaxPidCheck(int count);
     void SetMaxFdCount(int count);

@@ -41,8 +41,8 @@ struct CgroupMemoryOomEvent {
     std::string path;
     bool parent = false;  ///< the parent (total) group rather than a named one
     bool v2 = false;
-    int64_t oom_kill = 0;        ///< victims in this group (v2: in its subtree)
-    int64_t oom_kill_delta = 0;  ///< rise since the previous poll; not meaningful in a snapshot
+    int64_t oom_kill = 0;          ///< victims in this group (v2: in its subtree)
+    int64_t oom_kill_delta = 0;    ///< rise since the previous poll; not meaningful in a snapshot
     int32_t under_oom = 0;         ///< v1 only
     int32_t oom_kill_disable = 0;  ///< v1 only
     int64_t oom = 0;               ///< v2 only: times the limit was hit and nothing could be reclaimed

@@ -16,7 +16,7 @@ struct LogOptions {
     /// Name in every line and of the file, "<processName>.log". Empty: the name of the executable.
     std::string processName;
     bool file = true;
-    bool console = false;  ///< also to stderr
+    bool console = false;   ///< also to stderr
     bool journald = false;  ///< also to the system journal; without one on this machine nothing happens
     /// Lines of a greater (less severe) level are dropped.
     int maxLevel = kLogInfo;

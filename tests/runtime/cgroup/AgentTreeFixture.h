@@ -42,7 +42,9 @@ inline bool WriteText(const std::string& path, const std::string& text) {
     return ok;
 }
 
-inline bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+inline bool Exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
 
 inline uint64_t InodeOf(const std::string& path) {
     struct stat info {};
@@ -250,10 +252,8 @@ protected:
         return {Group("main", 180, 23040), Group("guard", 0, 15360), Group("collect-defense", 540, 138240)};
     }
     static std::vector<zel::CgroupComponentQuota> WorkedQuotas() {
-        return {Quota("Tervane", "main", 36, 15360),
-                Quota("TervaneMonitor", "collect-defense", 324, 40960),
-                Quota("TervaneUpdate", "guard", 0, 10240),
-                Quota("QorHips", "collect-defense", 270, 20480)};
+        return {Quota("Tervane", "main", 36, 15360), Quota("TervaneMonitor", "collect-defense", 324, 40960),
+                Quota("TervaneUpdate", "guard", 0, 10240), Quota("QorHips", "collect-defense", 270, 20480)};
     }
 
     Layout layout;

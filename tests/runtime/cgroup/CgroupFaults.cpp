@@ -101,7 +101,9 @@ extern "C" __attribute__((visibility("default"))) ssize_t __wrap_write(int fd, c
 
 namespace zel {
 
-void CLogMessage::WriteLogMessage(const std::string& text, int level) { faults::KeepLine(level, text); }
+void CLogMessage::WriteLogMessage(const std::string& text, int level) {
+    faults::KeepLine(level, text);
+}
 
 void CLogMessage::log(int level, const char* sourceFileName, int, const char* format, ...) {
     char text[4096];

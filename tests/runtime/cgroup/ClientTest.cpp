@@ -100,8 +100,8 @@ TEST_F(CgroupClientTest, ChangesTheGroup) {
     ASSERT_TRUE(manager.WriteComponentConfig(file, {Quota("Worker", "other", 10000, 102400)}, 40000, 524288));
     ASSERT_TRUE(client.ReloadConfig());
     EXPECT_TRUE(IsIn(getpid(), "other/Worker"));
-    ASSERT_TRUE(manager.Reconcile(true, true, Total(400, 524288),
-                                  {Group("main", 0, 262144), Group("other", 0, 262144)}));
+    ASSERT_TRUE(
+        manager.Reconcile(true, true, Total(400, 524288), {Group("main", 0, 262144), Group("other", 0, 262144)}));
     ASSERT_TRUE(manager.WriteComponentConfig(file, {Quota("Worker", "other", 10000, 102400)}, 40000, 524288));
     EXPECT_FALSE(Exists(cpuTree + "/main/Worker")) << "the leaf that it left is removed";
 }

@@ -110,7 +110,9 @@ protected:
         path = dir + "/file";
     }
     void TearDown() override {
-        if (mounted) { EXPECT_EQ(0, umount(dir.c_str())); }
+        if (mounted) {
+            EXPECT_EQ(0, umount(dir.c_str()));
+        }
         for (const char* name : {"/file", "/file.tmp", "/other"}) unlink((dir + name).c_str());
         EXPECT_EQ(0, rmdir(dir.c_str())) << "something else was left";
     }

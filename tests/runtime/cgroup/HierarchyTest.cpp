@@ -15,7 +15,9 @@ constexpr char kV1[] =
     "35 31 0:32 / /sys/fs/cgroup/memory rw - cgroup cgroup rw,memory\n";
 constexpr char kV2[] = "41 31 0:38 / /sys/fs/cgroup rw - cgroup2 cgroup2 rw\n";
 
-Hierarchy Best(Controller controller, const LayoutTexts& texts) { return DecideHierarchy(controller, texts).front(); }
+Hierarchy Best(Controller controller, const LayoutTexts& texts) {
+    return DecideHierarchy(controller, texts).front();
+}
 
 TEST(DecideHierarchyTest, FindsVersionOneWithCoMountedControllers) {
     const Hierarchy cpu = Best(Controller::kCpu, {kV1, "2:cpu,cpuacct:/own\n", "cpu 2 1 1\n"});
@@ -74,8 +76,8 @@ TEST(DecideHierarchyTest, PrefersWritableWholeAndLaterMounts) {
 }
 
 TEST(DecideHierarchyTest, MapsGroupsThroughABindMount) {
-    const Hierarchy part = Best(Controller::kCpu,
-                                {"3 2 0:32 /part /bind rw - cgroup c rw,cpu\n", "1:cpu:/part/x\n", ""});
+    const Hierarchy part =
+        Best(Controller::kCpu, {"3 2 0:32 /part /bind rw - cgroup c rw,cpu\n", "1:cpu:/part/x\n", ""});
     EXPECT_EQ("/bind/x", part.DirectoryOf("/part/x"));
     EXPECT_EQ("/bind", part.DirectoryOf("/part"));
     EXPECT_EQ("", part.DirectoryOf("/party"));
@@ -92,9 +94,10 @@ TEST(DecideHierarchyTest, AGroupAboveTheNamespaceIsNotReachable) {
 TEST(FindHierarchyTest, RefusesAPlainDirectoryWhereAHierarchyIsAnnounced) {
     const Hierarchy none = FindHierarchy(Controller::kMemory, {"3 2 0:32 / /proc rw - cgroup c rw,memory\n", "", ""});
     EXPECT_EQ(Version::kNone, none.version);
-    EXPECT_EQ("controller memory cannot be used: cannot use /proc: not a cgroup file system; no cgroup version 1 file "
-              "system is mounted there",
-              none.reason);
+    EXPECT_EQ(
+        "controller memory cannot be used: cannot use /proc: not a cgroup file system; no cgroup version 1 file "
+        "system is mounted there",
+        none.reason);
 }
 
 TEST(AgentGroupNameTest, TakesAnotherSafeNameOnly) {

@@ -101,9 +101,7 @@ protected:
     }
     int Start(int percent, int hundredths) { return m_limit->StartCpuLimit(percent, hundredths, m_error); }
     int Stop() { return m_limit->StopCpuLimit(m_error); }
-    GroupDir Root(const Hierarchy& hierarchy) {
-        return std::move(*GroupDir::Open(hierarchy.mountPoint, Version::kV1));
-    }
+    GroupDir Root(const Hierarchy& hierarchy) { return std::move(*GroupDir::Open(hierarchy.mountPoint, Version::kV1)); }
 
     std::string m_group;
     std::unique_ptr<CLegacyLimit> m_limit;
@@ -432,10 +430,10 @@ TEST_F(LegacyLimitTest, WrappedMemoryLimitsAreRefused) {
     const Case cases[] = {
         {0, 0},
         {-1, 0},
-        {-1024, -2147483647 - 1},          // 2 GiB and more, wrapped below zero
-        {109051904, -1358954496},          // hard limit wrapped to a small number, soft one below zero
-        {100 << 20, 200 << 20},            // soft above hard
-        {100, 0},                          // less than one page
+        {-1024, -2147483647 - 1},  // 2 GiB and more, wrapped below zero
+        {109051904, -1358954496},  // hard limit wrapped to a small number, soft one below zero
+        {100 << 20, 200 << 20},    // soft above hard
+        {100, 0},                  // less than one page
     };
     for (const Case& c : cases) {
         EXPECT_EQ(kLegacyBadValue, m_limit->StartMemLimit(c.first, c.second, m_error)) << c.first;
@@ -496,8 +494,8 @@ TEST_F(LegacyLimitTest, NothingIsWrittenWhereNoHierarchyIs) {
     options.groupName = m_group;
     options.applicationDir = "/opt/zeltest-nowhere";
     options.readLayout = [&folder]() -> Result<LayoutTexts> {
-        return LayoutTexts{std::string("9 1 0:32 / ") + folder + " rw - cgroup c rw,cpu,memory\n",
-                           "1:cpu,memory:/\n", ""};
+        return LayoutTexts{std::string("9 1 0:32 / ") + folder + " rw - cgroup c rw,cpu,memory\n", "1:cpu,memory:/\n",
+                           ""};
     };
     CLegacyLimit limit(std::move(options));
     EXPECT_EQ(kLegacyNoHierarchy, limit.StartCpuLimit(20, 0, m_error));
@@ -537,17 +535,13 @@ TEST_F(LegacyLimitTest, EveryFailedCallHasItsNumberOneLineAndLeavesNoGroup) {
     };
     const Case cases[] = {
         {1, EINVAL, 0, kLegacyWriteFailed},  // the quota
-        {1, EROFS, 0, kLegacyDenied},
-        {1, EACCES, 0, kLegacyDenied},
-        {1, ENOSPC, 0, kLegacyNoRoom},
-        {1, EIO, 0, kLegacyWriteFailed},
-        {1, 0, 0, kLegacyWriteFailed},       // a short write
-        {2, EBUSY, 0, kLegacyCannotMove},    // this process
-        {2, EINVAL, 0, kLegacyCannotMove},
-        {2, EPERM, 0, kLegacyDenied},
-        {0, 0, EACCES, kLegacyDenied},       // the group
-        {0, 0, ENOSPC, kLegacyNoRoom},
-        {0, 0, EIO, kLegacyWriteFailed},
+        {1, EROFS, 0, kLegacyDenied},       {1, EACCES, 0, kLegacyDenied},
+        {1, ENOSPC, 0, kLegacyNoRoom},      {1, EIO, 0, kLegacyWriteFailed},
+        {1, 0, 0, kLegacyWriteFailed},     // a short write
+        {2, EBUSY, 0, kLegacyCannotMove},  // this process
+        {2, EINVAL, 0, kLegacyCannotMove},  {2, EPERM, 0, kLegacyDenied},
+        {0, 0, EACCES, kLegacyDenied},  // the group
+        {0, 0, ENOSPC, kLegacyNoRoom},      {0, 0, EIO, kLegacyWriteFailed},
     };
     for (const Case& c : cases) {
         g_failing = {c.write, c.writeError, c.mkdirError, 0, 1};

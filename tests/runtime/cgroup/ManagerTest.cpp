@@ -134,9 +134,9 @@ TEST_F(CgroupManagerTest, TakesSharesThatAddUpToMoreThanTheirParent) {
 }
 
 TEST_F(CgroupManagerTest, TakesZeroNegativeTinyAndHugeAmounts) {
-    ASSERT_TRUE(manager.Reconcile(true, true, Total(2147483647, 2147483647),
-                                  {Group("main", 2147483647, 2147483647), Group("none", 0, 0), Group("minus", -500, -5),
-                                   Group("tiny", 1, 4)}));
+    ASSERT_TRUE(manager.Reconcile(
+        true, true, Total(2147483647, 2147483647),
+        {Group("main", 2147483647, 2147483647), Group("none", 0, 0), Group("minus", -500, -5), Group("tiny", 1, 4)}));
     ASSERT_TRUE(manager.WriteComponentConfig(file, {Quota("Tervane", "main", 2147483647, -7)}, 0, 0));
     EXPECT_EQ("max", CpuLimit("none"));
     EXPECT_EQ("max", MemLimit("none"));
@@ -323,11 +323,15 @@ TEST_F(CgroupManagerTest, NeverTouchesAGroupThatItDidNotMake) {
     ASSERT_TRUE(ReconcileWorked());
     const std::string foreign = memTree + "/foreign";
     ASSERT_EQ(0, mkdir(foreign.c_str(), 0755));
-    if (!layout.memV2) { ASSERT_TRUE(WriteText(foreign + "/memory.limit_in_bytes", "123M")); }
+    if (!layout.memV2) {
+        ASSERT_TRUE(WriteText(foreign + "/memory.limit_in_bytes", "123M"));
+    }
     ASSERT_TRUE(manager.Reconcile(true, true, Total(9, 307200), {Group("main", 180, 23040)}));
     ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
     EXPECT_TRUE(Exists(foreign));
-    if (!layout.memV2) { EXPECT_EQ(std::to_string(123 * 1024), MemLimit("foreign")); }
+    if (!layout.memV2) {
+        EXPECT_EQ(std::to_string(123 * 1024), MemLimit("foreign"));
+    }
     std::string error;
     EXPECT_FALSE(zel::RemoveAgentCgroupTree(error));
     EXPECT_THAT(error, HasSubstr("foreign"));
@@ -396,8 +400,8 @@ TEST_F(CgroupManagerTest, SurvivesAnyKillOfTheMainProcessInTheMiddleOfItsWork) {
 
 TEST_F(CgroupManagerTest, ComesBackFromEveryFailingWrite) {
     // An emulated machine is slow; it has one kind of failure, this machine's own kernel has them all.
-    const std::vector<int> errors = getenv("ZEL_VM_LAYOUT") == nullptr ? std::vector<int>{EBUSY, EINVAL, ENOSPC, EIO}
-                                                                       : std::vector<int>{EBUSY};
+    const std::vector<int> errors =
+        getenv("ZEL_VM_LAYOUT") == nullptr ? std::vector<int>{EBUSY, EINVAL, ENOSPC, EIO} : std::vector<int>{EBUSY};
     for (const int error : errors) {
         for (int n = 0; n < 200; ++n) {
             std::string ignored;
@@ -413,7 +417,9 @@ TEST_F(CgroupManagerTest, ComesBackFromEveryFailingWrite) {
                 break;
             }
             // Some failures are repaired on the spot by another order of writes; all others are told.
-            if (!written) { ASSERT_FALSE(faults::Warnings().empty()) << error << " at " << n; }
+            if (!written) {
+                ASSERT_FALSE(faults::Warnings().empty()) << error << " at " << n;
+            }
             faults::Clear();
             ASSERT_TRUE(fresh.Reconcile(true, true, Total(9, 307200), WorkedGroups())) << error << " at " << n;
             ASSERT_TRUE(fresh.WriteComponentConfig(file, WorkedQuotas(), 900, 307200)) << error << " at " << n;
@@ -618,8 +624,12 @@ TEST_F(CgroupManagerTest, HoldsAGreedyComponentToItsQuotaAndLeavesAnotherGroupAl
     // An emulated processor that was held up runs ahead afterwards, beyond any quota, for some periods.
     const int64_t loose = getenv("ZEL_VM_LAYOUT") == nullptr ? 0 : 8;
     for (const zel::CgroupNodeStatus& node : status.nodes) {
-        if (node.name == "Greedy") { EXPECT_GE(node.cpu.throttledPeriods, 5); }
-        if (node.name == "Free" || node.name == "main") { EXPECT_LE(node.cpu.throttledPeriods, loose) << node.name; }
+        if (node.name == "Greedy") {
+            EXPECT_GE(node.cpu.throttledPeriods, 5);
+        }
+        if (node.name == "Free" || node.name == "main") {
+            EXPECT_LE(node.cpu.throttledPeriods, loose) << node.name;
+        }
     }
 }
 
@@ -655,7 +665,9 @@ TEST_F(CgroupManagerTest, ShowsTheTreeAsTheKernelHasIt) {
             EXPECT_EQ(std::vector<int>{half.Pid()}, node.pids);
             EXPECT_EQ(layout.cpuV2 && layout.memV2, node.membershipVerified) << "in one controller's leaf only";
         }
-        if (node.name == "TervaneUpdate") { EXPECT_FALSE(node.membershipVerified); }
+        if (node.name == "TervaneUpdate") {
+            EXPECT_FALSE(node.membershipVerified);
+        }
     }
     EXPECT_THAT(names, ::testing::ElementsAre(treeName, "collect-defense", "collect-defense/QorHips",
                                               "collect-defense/TervaneMonitor", "guard", "guard/TervaneUpdate", "main",

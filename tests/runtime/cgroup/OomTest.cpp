@@ -36,8 +36,8 @@ OomReading Leaf(const std::string& group, const std::string& leaf, uint64_t inod
 std::vector<std::string> Text(const std::vector<CgroupMemoryOomEvent>& events) {
     std::vector<std::string> out;
     for (const CgroupMemoryOomEvent& event : events) {
-        out.push_back(event.group + " " + std::to_string(event.oom_kill) + "(+" +
-                      std::to_string(event.oom_kill_delta) + ")");
+        out.push_back(event.group + " " + std::to_string(event.oom_kill) + "(+" + std::to_string(event.oom_kill_delta) +
+                      ")");
     }
     return out;
 }
@@ -148,8 +148,8 @@ protected:
             close(gate[1]);
             char byte = 0;
             if (read(gate[0], &byte, 1) != 1) return 2;
-            char* memory = static_cast<char*>(
-                mmap(nullptr, mb * kMb, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+            char* memory =
+                static_cast<char*>(mmap(nullptr, mb * kMb, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
             if (memory == MAP_FAILED) return 3;
             for (size_t at = 0; at < mb * kMb; at += 4096) memory[at] = 1;
             return 0;
@@ -221,8 +221,8 @@ TEST_F(MemoryOomTest, SnapshotsTheParentFirstThenEveryGroup) {
 TEST_F(MemoryOomTest, SeesAKillThatHappenedWhileNoManagerWasThere) {
     {
         zel::CCgroupManager earlier;
-        ASSERT_TRUE(earlier.Reconcile(true, true, Total(400, 200000),
-                                      {Group("main", 0, 65536), Group("guard", 0, 100000)}));
+        ASSERT_TRUE(
+            earlier.Reconcile(true, true, Total(400, 200000), {Group("main", 0, 65536), Group("guard", 0, 100000)}));
         ASSERT_TRUE(earlier.WriteComponentConfig(file, {Quota("Hog", "guard", 0, 24576)}, 40000, 200000));
     }
     ASSERT_TRUE(WasKilled(Eat("guard/Hog", 60)));
@@ -284,8 +284,8 @@ TEST_F(MemoryOomTest, CountsTheVictimsOfAGroupKillOnceEach) {
 TEST_F(MemoryOomTest, ReportsNothingOldWhenTheControllerComesBack) {
     ASSERT_TRUE(Build(200000, 100000, 24576));
     ASSERT_TRUE(WasKilled(Eat("guard/Hog", 60)));
-    ASSERT_TRUE(manager.Reconcile(true, false, Total(400, 0, true, false),
-                                  {Group("main", 0, 0), Group("guard", 0, 0)}));
+    ASSERT_TRUE(
+        manager.Reconcile(true, false, Total(400, 0, true, false), {Group("main", 0, 0), Group("guard", 0, 0)}));
     EXPECT_EQ(Lines{}, Poll());
     ASSERT_TRUE(Build(200000, 100000, 24576));
     EXPECT_EQ(Lines{}, Poll());

@@ -27,7 +27,9 @@ inline std::string Slurp(const std::string& path) {
     return text;
 }
 
-inline bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+inline bool Exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
 
 /// A child that waits until it is killed; ends with its parent.
 class WaitingChild {

@@ -33,7 +33,9 @@ CLogMessage* CLogMessage::GetInstance() {
     return &instance;
 }
 
-void CLogMessage::WriteLogMessage(const std::string& text, int level) { Keep(level, text); }
+void CLogMessage::WriteLogMessage(const std::string& text, int level) {
+    Keep(level, text);
+}
 
 void CLogMessage::log(int level, const char*, int, const char* format, ...) {
     char text[2048] = {};
@@ -44,6 +46,8 @@ void CLogMessage::log(int level, const char*, int, const char* format, ...) {
     Keep(level, text);
 }
 
-std::string CToolUtil::GetApplicationDirPath() { return "/opt/zeltest"; }
+std::string CToolUtil::GetApplicationDirPath() {
+    return "/opt/zeltest";
+}
 
 }  // namespace zel

@@ -157,8 +157,10 @@ TEST_F(EventSpoolTest, ManySendersAndReadersLoseNothing) {
         const uint64_t news = spool.News();
         ASSERT_TRUE(spool.Read("one", 16, 1 << 20, messages));
         for (const auto& m : messages) seen.push_back(m.body);
-        if (messages.empty()) spool.WaitForNews(news, 1000);
-        else spool.Confirm("one", messages.back().seq);
+        if (messages.empty())
+            spool.WaitForNews(news, 1000);
+        else
+            spool.Confirm("one", messages.back().seq);
     }
     for (auto& sender : senders) sender.join();
     EXPECT_EQ(std::set<std::string>(seen.begin(), seen.end()).size(), seen.size());

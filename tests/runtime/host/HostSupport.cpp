@@ -31,7 +31,9 @@ CLogMessage* CLogMessage::GetInstance() {
     static CLogMessage log;
     return &log;
 }
-void CLogMessage::WriteLogMessage(const std::string& text, int level) { Keep(level, text); }
+void CLogMessage::WriteLogMessage(const std::string& text, int level) {
+    Keep(level, text);
+}
 void CLogMessage::log(int level, const char*, int, const char* format, ...) {
     char text[4096];
     va_list args;

@@ -32,7 +32,9 @@ HttpServer::~HttpServer() {
     close(m_listener);
 }
 
-std::string HttpServer::Url() const { return "http://127.0.0.1:" + std::to_string(m_port) + "/events"; }
+std::string HttpServer::Url() const {
+    return "http://127.0.0.1:" + std::to_string(m_port) + "/events";
+}
 
 void HttpServer::Refuse(const std::string& text, int status) {
     std::lock_guard<std::mutex> lock(m_lock);

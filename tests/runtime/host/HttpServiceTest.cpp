@@ -92,9 +92,10 @@ TEST(HttpServiceTest, TheRetryBudgetRunsDryAndRefillsByTenths) {
 
 TEST(HttpServiceTest, ACertificateThatNobodySignedIsNotAccepted) {
     support::TempDir dir;
-    const std::string make = "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=localhost -addext "
-                             "subjectAltName=DNS:localhost -keyout " + (dir / "key.pem") + " -out " +
-                             (dir / "cert.pem") + " >/dev/null 2>&1";
+    const std::string make =
+        "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=localhost -addext "
+        "subjectAltName=DNS:localhost -keyout " +
+        (dir / "key.pem") + " -out " + (dir / "cert.pem") + " >/dev/null 2>&1";
     if (std::system(make.c_str()) != 0) GTEST_SKIP() << "needs the openssl program";
     int port = 0;
     {

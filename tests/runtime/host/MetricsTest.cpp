@@ -90,8 +90,13 @@ TEST(MetricsTextTest, NumbersOfEveryKind) {
     const struct {
         double value;
         const char* text;
-    } cases[] = {{0, "0"},       {-3, "-3"},    {1e14, "100000000000000"}, {0.25, "0.25"},
-                 {inf, "+Inf"},  {-inf, "-Inf"}, {std::numeric_limits<double>::quiet_NaN(), "NaN"}};
+    } cases[] = {{0, "0"},
+                 {-3, "-3"},
+                 {1e14, "100000000000000"},
+                 {0.25, "0.25"},
+                 {inf, "+Inf"},
+                 {-inf, "-Inf"},
+                 {std::numeric_limits<double>::quiet_NaN(), "NaN"}};
     for (const auto& c : cases) {
         EXPECT_EQ(FormatMetrics({{"m", MetricType::kGauge, "h", {}, c.value}}, {}),
                   std::string("# HELP m h\n# TYPE m gauge\nm ") + c.text + "\n");

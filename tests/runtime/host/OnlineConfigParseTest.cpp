@@ -63,8 +63,7 @@ TEST(OnlineConfigParseTest, RefusesWholeWhatIsPartlyWrong) {
         {"{\"maxCpu\":null}", "key 'maxCpu', value null: a whole number is wanted"},
         {"{\"maxCpu\":{}}", "key 'maxCpu', value {}: a whole number is wanted"},
         {"{\"maxCpu\":-1}", "key 'maxCpu', value -1: outside 0..10000 percent"},
-        {"{\"maxCpu\":18446744073709551615}",
-         "key 'maxCpu', value 18446744073709551615: outside 0..10000 percent"},
+        {"{\"maxCpu\":18446744073709551615}", "key 'maxCpu', value 18446744073709551615: outside 0..10000 percent"},
     };
     for (const auto& c : cases) {
         std::map<size_t, long> values{{1, 1}};
@@ -78,10 +77,23 @@ TEST(OnlineConfigParseTest, RefusesWholeWhatIsPartlyWrong) {
 TEST(OnlineConfigParseTest, RefusesWhatIsNoObject) {
     std::string deep;
     for (int i = 0; i < 5000; ++i) deep += "{\"a\":";
-    const std::string cases[] = {"",      " ",     "[]",       "1",       "\"x\"",   "{",
-                                 "{}{}",  "{,}",   "null",     "{\"maxCpu\":1,\"maxCpu\":2}",
-                                 "{\"maxCpu\":0x1}", "{'maxCpu':1}", std::string("{\0}", 3), deep,
-                                 std::string(4000, '['), "\xff\xfe{\"maxCpu\":1}", "{\"maxCpu\":1e400}",
+    const std::string cases[] = {"",
+                                 " ",
+                                 "[]",
+                                 "1",
+                                 "\"x\"",
+                                 "{",
+                                 "{}{}",
+                                 "{,}",
+                                 "null",
+                                 "{\"maxCpu\":1,\"maxCpu\":2}",
+                                 "{\"maxCpu\":0x1}",
+                                 "{'maxCpu':1}",
+                                 std::string("{\0}", 3),
+                                 deep,
+                                 std::string(4000, '['),
+                                 "\xff\xfe{\"maxCpu\":1}",
+                                 "{\"maxCpu\":1e400}",
                                  "{}" + std::string(70000, ' ')};
     for (const std::string& text : cases) {
         std::map<size_t, long> values{{1, 1}};

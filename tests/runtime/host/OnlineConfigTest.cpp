@@ -115,7 +115,9 @@ TEST_F(OnlineConfigTest, UnfitFilesAreRefused) {
     };
     WriteText(m_path, std::string(10 << 20, 'x'));
     refused("longer than 65536 bytes");
-    WriteText(m_path, std::string("\x7f" "ELF\0\1\2", 7));
+    WriteText(m_path, std::string("\x7f"
+                                  "ELF\0\1\2",
+                                  7));
     refused("holds a zero byte");
     ReplaceText(m_path, "{\"maxCpu\":21}");
     chmod(m_path.c_str(), 0666);
@@ -152,7 +154,7 @@ TEST_F(OnlineConfigTest, AForeignOrGroupWritableFileIsRefusedForRoot) {
 
 TEST_F(OnlineConfigTest, PublishedValuesSurviveAbsentKeys) {
     Load();
-    m_conf.maxCpu.Set(15);     // as the module does after reading its own file
+    m_conf.maxCpu.Set(15);  // as the module does after reading its own file
     m_conf.maxMemory.Set(250);
     WriteText(m_path, "{\"maxReadIo\":5}");
     ASSERT_TRUE(WaitUntil([&] { return m_conf.maxReadIo.Get() == 5; }));

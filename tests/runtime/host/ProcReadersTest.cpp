@@ -21,9 +21,10 @@ TEST(ProcReadersTest, StatmGivesTheResidentPages) {
 
 TEST(ProcReadersTest, IoTakesTheStorageCounters) {
     ProcIo io;
-    EXPECT_TRUE(ParseProcIo("rchar: 1\nwchar: 2\nsyscr: 3\nsyscw: 4\nread_bytes: 4096\nwrite_bytes: 8192\n"
-                            "cancelled_write_bytes: 1\n",
-                            io));
+    EXPECT_TRUE(
+        ParseProcIo("rchar: 1\nwchar: 2\nsyscr: 3\nsyscw: 4\nread_bytes: 4096\nwrite_bytes: 8192\n"
+                    "cancelled_write_bytes: 1\n",
+                    io));
     EXPECT_EQ(io.readBytes, 4096u);
     EXPECT_EQ(io.writeBytes, 8192u);
     for (const char* bad : {"", "rchar: 1\n", "\nread_bytes: 1\n", "\nread_bytes: x\nwrite_bytes: 1\n",
@@ -47,8 +48,9 @@ TEST(ProcReadersTest, LoadTakesTheFirstNumber) {
 }
 
 TEST(ProcReadersTest, StatBearsHostileNames) {
-    const std::string rest = " S 1 2 3 0 -1 4194304 10 0 0 0 150 25 0 0 20 0 1 0 98765 1000000 321 "
-                             "18446744073709551615";
+    const std::string rest =
+        " S 1 2 3 0 -1 4194304 10 0 0 0 150 25 0 0 20 0 1 0 98765 1000000 321 "
+        "18446744073709551615";
     for (const std::string name : {"plain", "with blank", "a) R 1 2 3", ")))", ""}) {
         ProcStat stat;
         ASSERT_TRUE(ParseProcStat(("42 (" + name + ")" + rest).c_str(), stat)) << name;

@@ -16,10 +16,10 @@
 #include "SecureFile.h"
 #include "platform/host/ResourceEventSink.h"
 
+using std::chrono::milliseconds;
 using support::Burn;
 using support::FilesIn;
 using support::WaitUntil;
-using std::chrono::milliseconds;
 
 namespace {
 

@@ -17,9 +17,7 @@ using Figures = std::map<std::string, std::string>;
 
 class Provider : public IMtInfo {
 public:
-    explicit Provider(Figures values) : m_values(std::move(values)) {
-        CMtIntf::RegMtInfoCallback(this);
-    }
+    explicit Provider(Figures values) : m_values(std::move(values)) { CMtIntf::RegMtInfoCallback(this); }
     ~Provider() override { CMtIntf::UnRegMtInfoCallback(this); }
     bool GetExceptionInfo(std::map<std::string, std::string>& info) override {
         ++m_calls;
@@ -49,7 +47,7 @@ protected:
             db, "SELECT time, figures FROM history ORDER BY id;",
             [](void* user, int, char** columns, char**) {
                 static_cast<std::vector<std::pair<int64_t, std::string>>*>(user)->emplace_back(std::atoll(columns[0]),
-                                                                                              columns[1]);
+                                                                                               columns[1]);
                 return 0;
             },
             &rows, nullptr);
@@ -210,8 +208,9 @@ TEST_F(StatisticsRegistryTest, AClockThatStandsStillDoesNotGrowTheHistory) {
 }
 
 TEST_F(StatisticsRegistryTest, ADamagedHistoryIsPutAside) {
-    support::WriteText(m_dir / "data/s.db", "this is no database, and long enough to be read as a header of one....."
-                                            "........................................................................");
+    support::WriteText(m_dir / "data/s.db",
+                       "this is no database, and long enough to be read as a header of one....."
+                       "........................................................................");
     Start();
     Provider provider(Figures{{"a", "1"}});
     registry().Collect();

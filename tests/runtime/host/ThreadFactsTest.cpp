@@ -19,8 +19,10 @@ public:
             pthread_setname_np(pthread_self(), name);
             m_tid = gettid();
             while (!m_stop.load()) {
-                if (busy) support::Burn(milliseconds(1));
-                else std::this_thread::sleep_for(milliseconds(2));
+                if (busy)
+                    support::Burn(milliseconds(1));
+                else
+                    std::this_thread::sleep_for(milliseconds(2));
             }
         });
         while (m_tid.load() == 0) std::this_thread::yield();

@@ -37,7 +37,9 @@ constexpr int kRoundsPerLook = 25;  // the stores are looked at after every so m
 constexpr unsigned int kRotatedFiles = 400;
 constexpr uint64_t kBytesPerFile = 512 * 1024;  // small, so that the kills also meet rotations
 
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return std::remove(path); }
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
+    return std::remove(path);
+}
 
 /// Numbers do not repeat: the child's round, the sender, the count of the sender.
 uint64_t NumberOf(int round, int sender, uint64_t count) {
@@ -121,7 +123,9 @@ protected:
             struct timespec wait {};
             wait.tv_sec = left > 0 ? left / 1000000000 : 0;
             wait.tv_nsec = left > 0 ? left % 1000000000 : 0;
-            struct pollfd ready {pipes[0], POLLIN, 0};
+            struct pollfd ready {
+                pipes[0], POLLIN, 0
+            };
             if (ppoll(&ready, 1, &wait, nullptr) <= 0) continue;
             open = ReadSome(pipes[0], told);
             if (!begun) {
@@ -241,8 +245,8 @@ protected:
 
 TEST_F(DeliveryKillTest, EveryAcceptedEventArrivesUnderOneIdThroughAThousandKills) {
     const char* given = std::getenv("ZEL_KILL_SEED");
-    const auto seed = given != nullptr ? static_cast<unsigned int>(std::strtoul(given, nullptr, 10))
-                                       : std::random_device()();
+    const auto seed =
+        given != nullptr ? static_cast<unsigned int>(std::strtoul(given, nullptr, 10)) : std::random_device()();
     printf("seed %u (ZEL_KILL_SEED repeats it)\n", seed);
     std::mt19937 random(seed);
     for (int round = 0; round < kKills; ++round) {

@@ -73,10 +73,11 @@ INSTANTIATE_TEST_SUITE_P(
                     LineCase{"DosEnds", "a\r\nb\r\n", 10, {"a", "b"}},
                     LineCase{"CarriageReturnInside", "a\rb\n\r\n", 10, {"a\rb", ""}},
                     LineCase{"ExactlyTheLimit", "a\nb\n", 2, {"a", "b"}},
-                    LineCase{"LongerThanTheLimit", "a\nb\nc", 2, {"a", "b"}},
-                    LineCase{"LimitZero", "a\n", 0, {}},
+                    LineCase{"LongerThanTheLimit", "a\nb\nc", 2, {"a", "b"}}, LineCase{"LimitZero", "a\n", 0, {}},
                     LineCase{"Binary", std::string("\0\x01\n\xff", 4), 10, {std::string("\0\x01", 2), "\xff"}},
-                    LineCase{"AcrossChunks", std::string(40000, 'x') + "\n" + std::string(20000, 'y'), 10,
+                    LineCase{"AcrossChunks",
+                             std::string(40000, 'x') + "\n" + std::string(20000, 'y'),
+                             10,
                              {std::string(40000, 'x'), std::string(20000, 'y')}}),
     [](const auto& one) { return std::string(one.param.name); });
 
@@ -92,8 +93,8 @@ TEST_F(FileUtilTest, FailedReadsLeaveTheOutputsAsTheyWere) {
     PutFile(m_dir / "file", "text\n");
     ASSERT_EQ(0, ::symlink("file", (m_dir / "link").c_str()));
     ASSERT_EQ(0, ::mkfifo((m_dir / "pipe").c_str(), 0600));
-    for (const std::string& path : {m_dir / "missing", m_dir / "link", m_dir / "pipe", m_dir.Path(),
-                                    std::string("/dev/zero"), std::string()}) {
+    for (const std::string& path :
+         {m_dir / "missing", m_dir / "link", m_dir / "pipe", m_dir.Path(), std::string("/dev/zero"), std::string()}) {
         EXPECT_FALSE(CFileUtil::ReadFileLineToList(path, m_lines, 10)) << path;
         EXPECT_FALSE(CFileUtil::ReadFullFile(path, m_text, 10)) << path;
     }

@@ -88,9 +88,10 @@ TEST_F(LoggerTest, ALineTellsWhenHowBadWhoWhereAndWhat) {
     ASSERT_EQ(1U, lines.size());
     const std::string origin = "Tervane\\[" + std::to_string(::getpid()) + ":" +
                                std::to_string(zel::CThreadUtil::GetCurrentThreadId()) + "\\] MonitorPri:88";
-    EXPECT_THAT(lines[0], testing::MatchesRegex(
-                              "[0-9]{4}-[01][0-9]-[0-3][0-9]T[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3}"
-                              "[+-][0-9]{2}:[0-9]{2} warning " + origin + " limit cpu fail, error is 5"));
+    EXPECT_THAT(lines[0],
+                testing::MatchesRegex("[0-9]{4}-[01][0-9]-[0-3][0-9]T[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3}"
+                                      "[+-][0-9]{2}:[0-9]{2} warning " +
+                                      origin + " limit cpu fail, error is 5"));
     EXPECT_EQ(0640, ModeOf(m_path));
 }
 

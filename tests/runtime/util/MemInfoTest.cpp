@@ -110,25 +110,25 @@ TEST(OSInfoTest, AnswersInAForkedChild) {
 TEST(OSInfoTest, RecoversWhenSomebodyClosedEveryDescriptor) {
     COSInfo::GetMemoryUsage(nullptr);
     EXPECT_EQ(0, InChild([] {
-        for (int fd = 3; fd < 1024; ++fd) ::close(fd);
-        return COSInfo::GetMemoryUsage(nullptr) >= 0 ? 0 : 1;
-    }));
+                  for (int fd = 3; fd < 1024; ++fd) ::close(fd);
+                  return COSInfo::GetMemoryUsage(nullptr) >= 0 ? 0 : 1;
+              }));
 }
 
 TEST(OSInfoTest, LeavesAForeignFileUnderItsOldNumberAlone) {
     COSInfo::GetMemoryUsage(nullptr);
     EXPECT_EQ(0, InChild([] {
-        for (int fd = 3; fd < 1024; ++fd) ::close(fd);
-        int pipes[64][2];
-        for (auto& pipe : pipes) {
-            if (::pipe(pipe) != 0) return 2;
-        }
-        if (COSInfo::GetMemoryUsage(nullptr) < 0) return 1;
-        for (auto& pipe : pipes) {
-            if (::write(pipe[1], "x", 1) != 1) return 3;
-        }
-        return 0;
-    }));
+                  for (int fd = 3; fd < 1024; ++fd) ::close(fd);
+                  int pipes[64][2];
+                  for (auto& pipe : pipes) {
+                      if (::pipe(pipe) != 0) return 2;
+                  }
+                  if (COSInfo::GetMemoryUsage(nullptr) < 0) return 1;
+                  for (auto& pipe : pipes) {
+                      if (::write(pipe[1], "x", 1) != 1) return 3;
+                  }
+                  return 0;
+              }));
 }
 
 }  // namespace

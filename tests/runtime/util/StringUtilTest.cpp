@@ -58,24 +58,22 @@ TEST_P(StringToIntTest, ReadsTheLeadingNumberAndTellsWhetherItWasAll) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, StringToIntTest,
-    testing::Values(IntCase{"Plain", "42", 10, 42, true}, IntCase{"Negative", "-42", 10, -42, true},
-                    IntCase{"Plus", "+42", 10, 42, true}, IntCase{"LeadingBlanks", " \t42", 10, 42, true},
-                    IntCase{"TrailingBlank", "42 ", 10, 42, false}, IntCase{"TrailingText", "42abc", 10, 42, false},
-                    IntCase{"Empty", "", 10, 0, false}, IntCase{"BlanksOnly", "  ", 10, 0, false},
-                    IntCase{"SignOnly", "-", 10, 0, false}, IntCase{"TwoSigns", "--5", 10, 0, false},
-                    IntCase{"PlusMinus", "+-5", 10, 0, false}, IntCase{"Text", "abc", 10, 0, false},
-                    IntCase{"Greatest", "2147483647", 10, INT_MAX, true},
-                    IntCase{"Above", "2147483648", 10, INT_MAX, false},
-                    IntCase{"Least", "-2147483648", 10, INT_MIN, true},
-                    IntCase{"Below", "-2147483649", 10, INT_MIN, false},
-                    IntCase{"FarAbove", "99999999999999999999999999", 10, INT_MAX, false},
-                    IntCase{"FarBelow", "-99999999999999999999999999", 10, INT_MIN, false},
-                    IntCase{"Hex", "fF", 16, 255, true}, IntCase{"HexPrefix", "0x1F", 16, 31, true},
-                    IntCase{"HexPrefixAlone", "0x", 16, 0, false}, IntCase{"PrefixInDecimal", "0x1F", 10, 0, false},
-                    IntCase{"Octal", "017", 8, 15, true}, IntCase{"Base36", "z", 36, 35, true},
-                    IntCase{"Embedded", std::string("4\0002", 3), 10, 4, false},
-                    IntCase{"BaseTooSmall", "1", 1, 0, false}, IntCase{"BaseTooGreat", "1", 37, 0, false},
-                    IntCase{"BaseZero", "1", 0, 0, false}),
+    testing::Values(
+        IntCase{"Plain", "42", 10, 42, true}, IntCase{"Negative", "-42", 10, -42, true},
+        IntCase{"Plus", "+42", 10, 42, true}, IntCase{"LeadingBlanks", " \t42", 10, 42, true},
+        IntCase{"TrailingBlank", "42 ", 10, 42, false}, IntCase{"TrailingText", "42abc", 10, 42, false},
+        IntCase{"Empty", "", 10, 0, false}, IntCase{"BlanksOnly", "  ", 10, 0, false},
+        IntCase{"SignOnly", "-", 10, 0, false}, IntCase{"TwoSigns", "--5", 10, 0, false},
+        IntCase{"PlusMinus", "+-5", 10, 0, false}, IntCase{"Text", "abc", 10, 0, false},
+        IntCase{"Greatest", "2147483647", 10, INT_MAX, true}, IntCase{"Above", "2147483648", 10, INT_MAX, false},
+        IntCase{"Least", "-2147483648", 10, INT_MIN, true}, IntCase{"Below", "-2147483649", 10, INT_MIN, false},
+        IntCase{"FarAbove", "99999999999999999999999999", 10, INT_MAX, false},
+        IntCase{"FarBelow", "-99999999999999999999999999", 10, INT_MIN, false}, IntCase{"Hex", "fF", 16, 255, true},
+        IntCase{"HexPrefix", "0x1F", 16, 31, true}, IntCase{"HexPrefixAlone", "0x", 16, 0, false},
+        IntCase{"PrefixInDecimal", "0x1F", 10, 0, false}, IntCase{"Octal", "017", 8, 15, true},
+        IntCase{"Base36", "z", 36, 35, true}, IntCase{"Embedded", std::string("4\0002", 3), 10, 4, false},
+        IntCase{"BaseTooSmall", "1", 1, 0, false}, IntCase{"BaseTooGreat", "1", 37, 0, false},
+        IntCase{"BaseZero", "1", 0, 0, false}),
     [](const auto& one) { return std::string(one.param.name); });
 
 struct UIntCase {
@@ -95,17 +93,17 @@ TEST_P(StringToUIntTest, RefusesSignsAndTellsOverflow) {
     EXPECT_EQ(GetParam().value, CStringUtil::StringToUInt(GetParam().text, nullptr, GetParam().base));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, StringToUIntTest,
-    testing::Values(UIntCase{"Plain", "42", 10, 42, true}, UIntCase{"Zero", "0", 10, 0, true},
-                    UIntCase{"LeadingBlank", " 42", 10, 42, true}, UIntCase{"Minus", "-42", 10, 0, false},
-                    UIntCase{"Plus", "+42", 10, 0, false}, UIntCase{"TrailingText", "42x", 10, 42, false},
-                    UIntCase{"Empty", "", 10, 0, false}, UIntCase{"Text", "x", 10, 0, false},
-                    UIntCase{"Greatest", "18446744073709551615", 10, ULONG_MAX, true},
-                    UIntCase{"Above", "18446744073709551616", 10, ULONG_MAX, false},
-                    UIntCase{"Hex", "ffffffffffffffff", 16, ULONG_MAX, true},
-                    UIntCase{"BadBase", "1", 99, 0, false}),
-    [](const auto& one) { return std::string(one.param.name); });
+INSTANTIATE_TEST_SUITE_P(Table, StringToUIntTest,
+                         testing::Values(UIntCase{"Plain", "42", 10, 42, true}, UIntCase{"Zero", "0", 10, 0, true},
+                                         UIntCase{"LeadingBlank", " 42", 10, 42, true},
+                                         UIntCase{"Minus", "-42", 10, 0, false}, UIntCase{"Plus", "+42", 10, 0, false},
+                                         UIntCase{"TrailingText", "42x", 10, 42, false},
+                                         UIntCase{"Empty", "", 10, 0, false}, UIntCase{"Text", "x", 10, 0, false},
+                                         UIntCase{"Greatest", "18446744073709551615", 10, ULONG_MAX, true},
+                                         UIntCase{"Above", "18446744073709551616", 10, ULONG_MAX, false},
+                                         UIntCase{"Hex", "ffffffffffffffff", 16, ULONG_MAX, true},
+                                         UIntCase{"BadBase", "1", 99, 0, false}),
+                         [](const auto& one) { return std::string(one.param.name); });
 
 TEST(StringUtilTest, NumbersBecomeTextInEveryBaseThereIs) {
     bool ok = false;

@@ -87,7 +87,9 @@ bool WriteText(const std::string& path, const std::string& text) {
     return written;
 }
 
-bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+bool Exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
 
 void SleepMs(int milliseconds) {
     timespec wait{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
@@ -228,8 +230,10 @@ void AgentInGuest::TearDown() {
         const size_t from = log.size() > kShownLogBytes ? log.size() - kShownLogBytes : 0;
         printf("--- log\n%s\n--- output\n%s\n--- events\n%s\n--- groups\n%s\n--- kernel\n%s\n", log.c_str() + from,
                ReadText(m_lastOutput).c_str(), ReadText(std::string(kAppDir) + "/log/tervane.events.jsonl").c_str(),
-               Command("cd " + GroupDir("memory") + " && find . -name 'memory.events' -o -name cgroup.procs "
-                       "-o -name memory.max -o -name cpu.max | while read f; do echo $f: $(cat $f); done").c_str(),
+               Command("cd " + GroupDir("memory") +
+                       " && find . -name 'memory.events' -o -name cgroup.procs "
+                       "-o -name memory.max -o -name cpu.max | while read f; do echo $f: $(cat $f); done")
+                   .c_str(),
                Command("dmesg | tail -n 15; free; ps").c_str());
     }
     if (m_pid > 0) {
@@ -243,12 +247,9 @@ void AgentInGuest::TearDown() {
 }
 
 void AgentInGuest::WriteResource(const std::map<std::string, std::string>& keys) {
-    std::map<std::string, std::string> all{{"max_cpu", "100"},
-                                           {"max_memory", "400"},
-                                           {"max_fd", "1024"},
-                                           {"resource_limit_mode", "13"},
-                                           {"cpu_all", "1"},
-                                           {"mem_limit_kernel_range", "3.10.0-0,99.0.0-0"}};
+    std::map<std::string, std::string> all{{"max_cpu", "100"}, {"max_memory", "400"},
+                                           {"max_fd", "1024"}, {"resource_limit_mode", "13"},
+                                           {"cpu_all", "1"},   {"mem_limit_kernel_range", "3.10.0-0,99.0.0-0"}};
     for (const auto& key : keys) all[key.first] = key.second;
     std::string text;
     for (const auto& key : all) text += key.first + " = " + key.second + "\n";
@@ -327,7 +328,9 @@ Json::Value AgentInGuest::ComponentOf(const std::string& name) {
     return Json::Value(Json::objectValue);
 }
 
-pid_t AgentInGuest::PidOf(const std::string& name) { return ComponentOf(name)["pid"].asInt(); }
+pid_t AgentInGuest::PidOf(const std::string& name) {
+    return ComponentOf(name)["pid"].asInt();
+}
 
 bool AgentInGuest::WaitLog(const std::string& part, int count) {
     return Poll(kSettleSeconds, [&] { return LogCount(part) >= count; });

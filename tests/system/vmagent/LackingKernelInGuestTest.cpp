@@ -10,8 +10,9 @@ using NoPressureFiguresInGuest = AgentInGuest;
 
 TEST_F(NoMemoryControllerInGuest, CpuIsLimitedAndTheMissingMemoryLimitIsTold) {
     WriteRoomyResource();
-    WriteComponents("{\"name\": \"Greedy\", \"group\": \"collect-defense\"},"
-                    "{\"name\": \"Quiet\", \"group\": \"guard\"}");
+    WriteComponents(
+        "{\"name\": \"Greedy\", \"group\": \"collect-defense\"},"
+        "{\"name\": \"Quiet\", \"group\": \"guard\"}");
     StartAgent();
     ASSERT_FALSE(HasFatalFailure());
     ASSERT_TRUE(Poll(kStartSeconds, [] {

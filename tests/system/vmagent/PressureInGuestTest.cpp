@@ -99,7 +99,8 @@ protected:
 TEST_F(PressureInGuest, ShortMemoryIsMeasuredAndSwappingIsToldAtOnceWithinTheInterval) {
     ASSERT_EQ(Command("mkswap /dev/nvme0n1 >/dev/null && swapon /dev/nvme0n1 2>&1"), "");
     ASSERT_EQ(Command("mke2fs /dev/nvme1n1 >/dev/null 2>&1; mkdir -p /tmp/disk; "
-                      "mount -t ext2 /dev/nvme1n1 /tmp/disk 2>&1"), "");
+                      "mount -t ext2 /dev/nvme1n1 /tmp/disk 2>&1"),
+              "");
     // Everything counts as short of memory, and the interval is longer than two days.
     WriteResource({{"resource_limit_mode", "0"}});
     WriteOnline("{\"osAbnormalSwitch\": 1, \"osAbnormalReportInterval\": 100000, \"availableMemThreshold\": 4000}");
@@ -137,9 +138,12 @@ TEST_F(PressureInGuest, ShortMemoryIsMeasuredAndSwappingIsToldAtOnceWithinTheInt
 
     for (const Json::Value& body : Findings()) {
         // The same verdict from the delivered figures: an alarm has at least five indices at their thresholds.
-        const std::map<std::string, int64_t> thresholds{
-            {"pgmajfault", 50}, {"pageoutrun", 10}, {"pgrotated", 2}, {"nr_vmscan_write", 10},
-            {"nr_vmscan_immediate_reclaim", 10}, {"maj_flt", 5}};
+        const std::map<std::string, int64_t> thresholds{{"pgmajfault", 50},
+                                                        {"pageoutrun", 10},
+                                                        {"pgrotated", 2},
+                                                        {"nr_vmscan_write", 10},
+                                                        {"nr_vmscan_immediate_reclaim", 10},
+                                                        {"maj_flt", 5}};
         int reached = 0;
         for (const auto& threshold : thresholds) {
             if (body.isMember(threshold.first) && body[threshold.first].asInt64() >= threshold.second) ++reached;

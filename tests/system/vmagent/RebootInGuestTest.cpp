@@ -52,8 +52,8 @@ TEST_F(RebootInGuest, SecondBootReportsNothingOfTheFirst) {
     StartAgent();
     ASSERT_FALSE(HasFatalFailure());
     ASSERT_TRUE(Poll(kSettleSeconds, [] { return !OomEvents(kAfterRestart).empty(); })) << "no event";
-    const Json::Value item = OomEvents(kAfterRestart)[0]["items"]["main|" + GroupDir("memory", "main") +
-                                                                  (IsV2("memory") ? "|v2" : "|v1")];
+    const Json::Value item =
+        OomEvents(kAfterRestart)[0]["items"]["main|" + GroupDir("memory", "main") + (IsV2("memory") ? "|v2" : "|v1")];
     EXPECT_EQ(item["oom_kill_delta"].asInt64(), 1) << item.toStyledString();
 }
 

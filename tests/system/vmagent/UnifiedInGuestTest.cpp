@@ -112,8 +112,9 @@ TEST_F(UnifiedInGuest, NewMaximaReachEveryGroupAndRestartNobody) {
 
 TEST_F(UnifiedInGuest, GreedyComponentIsHeldToItsQuotaAndAnotherGroupIsNot) {
     WriteRoomyResource();
-    WriteComponents("{\"name\": \"Greedy\", \"group\": \"collect-defense\", \"command\": [\"/bin/vm-burn\", \"600\"]},"
-                    "{\"name\": \"Quiet\", \"group\": \"guard\", \"command\": [\"/bin/sleep\", \"600\"]}");
+    WriteComponents(
+        "{\"name\": \"Greedy\", \"group\": \"collect-defense\", \"command\": [\"/bin/vm-burn\", \"600\"]},"
+        "{\"name\": \"Quiet\", \"group\": \"guard\", \"command\": [\"/bin/sleep\", \"600\"]}");
     StartAgent();
     ASSERT_FALSE(HasFatalFailure());
     const std::string leaf = "collect-defense/Greedy";
@@ -139,8 +140,9 @@ TEST_F(UnifiedInGuest, GreedyComponentIsHeldToItsQuotaAndAnotherGroupIsNot) {
 
 TEST_F(UnifiedInGuest, GroupsOfAKilledMainProcessAreAdoptedAndACleanStopLeavesNone) {
     WriteRoomyResource();
-    WriteComponents("{\"name\": \"Quiet\", \"group\": \"guard\"},"
-                    "{\"name\": \"Greedy\", \"group\": \"collect-defense\"}");
+    WriteComponents(
+        "{\"name\": \"Quiet\", \"group\": \"guard\"},"
+        "{\"name\": \"Greedy\", \"group\": \"collect-defense\"}");
     StartAgent();
     ASSERT_FALSE(HasFatalFailure());
     ASSERT_TRUE(Poll(kStartSeconds, [] {

@@ -23,8 +23,7 @@ const std::string kRead = "CFileUtil::ReadFullFile(" + kPath + ",65536)";
 const std::string kWrite = "CFileUtil::WriteNewFile(" + kTemporary + ",0)";
 const std::string kRename = "CFileCom(" + kTemporary + ")::rename(" + kPath + ")";
 const std::string kRemove = "CFileUtil::RemoveFile(" + kTemporary + ")";
-const std::string kNullTransmit =
-    "W3 MonitorPri: cannot report cgroup OOM event, MsgTransmit instance is null";
+const std::string kNullTransmit = "W3 MonitorPri: cannot report cgroup OOM event, MsgTransmit instance is null";
 
 Event Counters(const std::string& group, bool parent, bool v2, int64_t oomKill, int64_t oom, int64_t oomGroupKill) {
     Event event;
@@ -70,9 +69,18 @@ TEST_F(CgroupOomTest, CounterIncreaseIsNeverNegative) {
     const struct {
         int64_t current, stored, expected;
     } cases[] = {
-        {0, 0, 0},           {1, 0, 1},           {5, 5, 0},           {4, 5, 0},         {0, INT64_MAX, 0},
-        {INT64_MAX, 0, INT64_MAX}, {INT64_MIN, INT64_MAX, 0}, {INT64_MAX, -1, INT64_MAX}, {0, -5, 5},
-        {INT64_MAX, INT64_MIN, INT64_MAX}, {-1, INT64_MIN, INT64_MAX}, {INT64_MIN, INT64_MIN, 0},
+        {0, 0, 0},
+        {1, 0, 1},
+        {5, 5, 0},
+        {4, 5, 0},
+        {0, INT64_MAX, 0},
+        {INT64_MAX, 0, INT64_MAX},
+        {INT64_MIN, INT64_MAX, 0},
+        {INT64_MAX, -1, INT64_MAX},
+        {0, -5, 5},
+        {INT64_MAX, INT64_MIN, INT64_MAX},
+        {-1, INT64_MIN, INT64_MAX},
+        {INT64_MIN, INT64_MIN, 0},
         {INT64_MAX, INT64_MAX - 1, 1},
     };
     for (const auto& c : cases) EXPECT_EQ(c.expected, OomCounterIncrease(c.current, c.stored)) << c.current;
@@ -84,9 +92,8 @@ TEST_F(CgroupOomTest, ReportIsHeldBackForThreeHundredSecondsAfterTheLast) {
         bool heldBack;
     } cases[] = {
         {1000, 0, false},  // none made yet
-        {299, 0, false},   {1000, 1000, true}, {1299, 1000, true},
-        {1300, 1000, false}, {1301, 1000, false},
-        {400, 1000, true},  // clock set back
+        {299, 0, false},     {1000, 1000, true},  {1299, 1000, true},
+        {1300, 1000, false}, {1301, 1000, false}, {400, 1000, true},  // clock set back
     };
     for (const auto& c : cases) EXPECT_EQ(c.heldBack, IsRuntimeOomReportHeldBack(c.now, c.last)) << c.now;
 }
@@ -290,10 +297,10 @@ TEST_F(CgroupOomTest, HugeCountersAreLoggedInSixtyFourBits) {
     Store({Counters("main", false, true, 0, 0, 0)});
     platform().manager.snapshot.Always({Counters("main", false, true, INT64_MAX, 0, 5000000000)});
     pri().CheckSelfCgroupOomAfterRestart();
-    EXPECT_THAT(journal(), ::testing::Contains(
-                               "F3 [MonitorPri] MonitorPri: detected cgroup memory OOM after restart group=[main] "
-                               "parent=0 path=[/cg/main] oomKill=9223372036854775807(+9223372036854775807) "
-                               "oomGroupKill=5000000000(+5000000000)"));
+    EXPECT_THAT(journal(),
+                ::testing::Contains("F3 [MonitorPri] MonitorPri: detected cgroup memory OOM after restart group=[main] "
+                                    "parent=0 path=[/cg/main] oomKill=9223372036854775807(+9223372036854775807) "
+                                    "oomGroupKill=5000000000(+5000000000)"));
 }
 
 TEST_F(CgroupOomTest, FailedReportAfterRestartIsNotRepeated) {
@@ -430,7 +437,7 @@ TEST_F(CgroupOomTest, OwnGroupRefreshesTheWatermarkAfterTheReport) {
         const char* group;
         bool parent, refreshes;
     } cases[] = {
-        {"main", false, true}, {"top", true, true},     {"main", true, true},   {"guard", false, false},
+        {"main", false, true},  {"top", true, true},     {"main", true, true},     {"guard", false, false},
         {"Main", false, false}, {"main2", false, false}, {"parent", false, false}, {"", false, false},
     };
     for (const auto& c : cases) {
@@ -521,12 +528,12 @@ TEST_F(CgroupOomTest, MissingTransmitAtRunTimeGivesTwoLines) {
     platform().manager.snapshot.Always({Counters("main", false, false, 1, 0, 0)});
     platform().transmitPresent = false;
     pri().CheckMultiCgroupOom();
-    EXPECT_EQ(Lines({kPoll,
-                     "F3 [MonitorPri] MonitorPri: cgroup v1 memory OOM group=[main] parent=0 path=[/cg/main] "
-                     "oomKill=1(+0) underOom=0 oomKillDisable=0",
-                     kNullTransmit, "W3 MonitorPri: report runtime cgroup OOM event failed", kSnapshot, kWrite,
-                     kRename}),
-              journal());
+    EXPECT_EQ(
+        Lines({kPoll,
+               "F3 [MonitorPri] MonitorPri: cgroup v1 memory OOM group=[main] parent=0 path=[/cg/main] "
+               "oomKill=1(+0) underOom=0 oomKillDisable=0",
+               kNullTransmit, "W3 MonitorPri: report runtime cgroup OOM event failed", kSnapshot, kWrite, kRename}),
+        journal());
     EXPECT_EQ(platform().now, pri().m_lastRuntimeOomReportTime);
 }
 
@@ -566,7 +573,8 @@ TEST_F(CgroupOomTest, ClockSetBackHoldsReportsBack) {
 TEST_F(CgroupOomTest, PercentSignsInNamesAreTextNotFormat) {
     platform().manager.poll.Always({Counters("%s%n%d", false, true, 1, 1, 1)});
     pri().CheckMultiCgroupOom();
-    EXPECT_EQ("F3 [MonitorPri] MonitorPri: cgroup v2 memory OOM group=[%s%n%d] parent=0 path=[/cg/%s%n%d] "
-              "oomKill=1(+0) oom=1(+0) oomGroupKill=1(+0)",
-              journal()[1]);
+    EXPECT_EQ(
+        "F3 [MonitorPri] MonitorPri: cgroup v2 memory OOM group=[%s%n%d] parent=0 path=[/cg/%s%n%d] "
+        "oomKill=1(+0) oom=1(+0) oomGroupKill=1(+0)",
+        journal()[1]);
 }

@@ -13,8 +13,8 @@ class LongRunTest : public OsAbnormalFixture {
 protected:
     /// What the host does, by the second.
     struct World {
-        time_t shortSecondsPerDay;   ///< memory is short for so long from 10:00 on
-        unsigned long fullEveryDays; ///< the disk is full on every day whose number ends so; 0: never
+        time_t shortSecondsPerDay;    ///< memory is short for so long from 10:00 on
+        unsigned long fullEveryDays;  ///< the disk is full on every day whose number ends so; 0: never
     };
     struct Totals {
         unsigned long memoryChecks = 0, diskChecks = 0, messages = 0, rows = 0, rotations = 0, opened = 0;

@@ -37,8 +37,7 @@ std::string Shown(const OomWatermarkMap& map) {
     std::string text;
     for (const auto& entry : map) {
         text += doubles::Format("%s=%lld/%lld/%lld ", entry.first.c_str(),
-                                static_cast<long long>(entry.second.oom_kill),
-                                static_cast<long long>(entry.second.oom),
+                                static_cast<long long>(entry.second.oom_kill), static_cast<long long>(entry.second.oom),
                                 static_cast<long long>(entry.second.oom_group_kill));
     }
     return text;
@@ -84,10 +83,10 @@ TEST_F(OomWatermarkTest, EventItemHoldsAllTwelveFieldsWithTheirTypes) {
     event.under_oom = -7;
     event.oom_kill_disable = INT_MAX;
     const Json::Value item = MakeOomEventItem(event);
-    EXPECT_EQ((std::vector<std::string>{"group", "oom", "oom_delta", "oom_group_kill", "oom_group_kill_delta",
-                                        "oom_kill", "oom_kill_delta", "oom_kill_disable", "parent", "path",
-                                        "under_oom", "v2"}),
-              item.getMemberNames());
+    EXPECT_EQ(
+        (std::vector<std::string>{"group", "oom", "oom_delta", "oom_group_kill", "oom_group_kill_delta", "oom_kill",
+                                  "oom_kill_delta", "oom_kill_disable", "parent", "path", "under_oom", "v2"}),
+        item.getMemberNames());
     EXPECT_TRUE(item["group"].isString());
     EXPECT_EQ("guard", item["group"].asString());
     EXPECT_EQ("/p", item["path"].asString());
@@ -173,9 +172,9 @@ TEST_F(OomWatermarkTest, LaterEntryOfOneKeyStays) {
 TEST_F(OomWatermarkTest, WriteReplacesTheFileThroughATemporaryOne) {
     platform().files.content[kPath] = "old";
     EXPECT_TRUE(WriteOomWatermarkFile(kPath, {Counters("main", "/p", false, false, 1, 2, 3)}));
-    EXPECT_EQ(Lines({"CFileUtil::WriteNewFile(" + kTemporary + ",0)",
-                     "CFileCom(" + kTemporary + ")::rename(" + kPath + ")"}),
-              journal());
+    EXPECT_EQ(
+        Lines({"CFileUtil::WriteNewFile(" + kTemporary + ",0)", "CFileCom(" + kTemporary + ")::rename(" + kPath + ")"}),
+        journal());
     EXPECT_EQ(FormatOomWatermark({Counters("main", "/p", false, false, 1, 2, 3)}), platform().files.content[kPath]);
     EXPECT_EQ(0u, platform().files.content.count(kTemporary));
 }
@@ -194,10 +193,10 @@ TEST_F(OomWatermarkTest, FailedRenameRemovesTheTemporaryFile) {
     platform().files.content[kPath] = "old";
     platform().files.failRename.insert(kTemporary);
     EXPECT_FALSE(WriteOomWatermarkFile(kPath, {Counters("main", "/p", false, false, 1, 2, 3)}));
-    EXPECT_EQ(Lines({"CFileUtil::WriteNewFile(" + kTemporary + ",0)",
-                     "CFileCom(" + kTemporary + ")::rename(" + kPath + ")",
-                     "CFileUtil::RemoveFile(" + kTemporary + ")"}),
-              journal());
+    EXPECT_EQ(
+        Lines({"CFileUtil::WriteNewFile(" + kTemporary + ",0)", "CFileCom(" + kTemporary + ")::rename(" + kPath + ")",
+               "CFileUtil::RemoveFile(" + kTemporary + ")"}),
+        journal());
     EXPECT_EQ("old", platform().files.content[kPath]);
     EXPECT_EQ(0u, platform().files.content.count(kTemporary));
 }
@@ -387,9 +386,9 @@ TEST_F(OomWatermarkTest, RefreshLeavesTheFileAloneWithoutASnapshot) {
     platform().manager.snapshotOk.Then(true).Then(false);
     pri().RefreshSelfCgroupOomWatermark();  // empty
     pri().RefreshSelfCgroupOomWatermark();  // failed, although something was filled in
-    EXPECT_EQ(Lines({"CCgroupManager::SnapshotSelfMemoryOomCounters()",
-                     "CCgroupManager::SnapshotSelfMemoryOomCounters()"}),
-              journal());
+    EXPECT_EQ(
+        Lines({"CCgroupManager::SnapshotSelfMemoryOomCounters()", "CCgroupManager::SnapshotSelfMemoryOomCounters()"}),
+        journal());
     EXPECT_EQ("old", platform().files.content[kPath]);
 }
 
@@ -400,10 +399,10 @@ TEST_F(OomWatermarkTest, RefreshSwallowsAFailedWriteWithoutALogLine) {
     platform().files.failWrite.clear();
     platform().files.failRename.insert(kTemporary);
     pri().RefreshSelfCgroupOomWatermark();
-    EXPECT_EQ(Lines({"CCgroupManager::SnapshotSelfMemoryOomCounters()", "CFileUtil::WriteNewFile(" + kTemporary + ",0)",
-                     "CCgroupManager::SnapshotSelfMemoryOomCounters()", "CFileUtil::WriteNewFile(" + kTemporary + ",0)",
-                     "CFileCom(" + kTemporary + ")::rename(" + kPath + ")",
-                     "CFileUtil::RemoveFile(" + kTemporary + ")"}),
-              journal());
+    EXPECT_EQ(
+        Lines({"CCgroupManager::SnapshotSelfMemoryOomCounters()", "CFileUtil::WriteNewFile(" + kTemporary + ",0)",
+               "CCgroupManager::SnapshotSelfMemoryOomCounters()", "CFileUtil::WriteNewFile(" + kTemporary + ",0)",
+               "CFileCom(" + kTemporary + ")::rename(" + kPath + ")", "CFileUtil::RemoveFile(" + kTemporary + ")"}),
+        journal());
     EXPECT_TRUE(platform().logs.empty());
 }

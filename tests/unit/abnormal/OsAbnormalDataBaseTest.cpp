@@ -94,10 +94,9 @@ TEST_F(OsAbnormalDataBaseTest, FirstInsertOfAProcessMovesTheOldFileAside) {
 
 TEST_F(OsAbnormalDataBaseTest, FirstInsertWithoutAnyFileGoesOnAfterTheFailedRename) {
     EXPECT_TRUE(store().InsertData(OS_ABNORMAL_DISK, 5, "", "x"));
-    EXPECT_EQ(Lines({kIsLast, kRename, kIsCurrent, kOpen, kCreate, kCompile,
-                     "ISqliteStatement::BindInt(:event_time,5)", "ISqliteStatement::BindInt(:type,2)",
-                     "ISqliteStatement::BindString(:info,)", "ISqliteStatement::BindString(:data,x)", kStep, kRelease,
-                     kClose}),
+    EXPECT_EQ(Lines({kIsLast, kRename, kIsCurrent, kOpen, kCreate, kCompile, "ISqliteStatement::BindInt(:event_time,5)",
+                     "ISqliteStatement::BindInt(:type,2)", "ISqliteStatement::BindString(:info,)",
+                     "ISqliteStatement::BindString(:data,x)", kStep, kRelease, kClose}),
               journal());
     EXPECT_EQ(14, store().m_dayOfMonth);
 }
@@ -277,9 +276,8 @@ TEST_F(OsAbnormalDataBaseTest, FirstBindThatFailsStopsTheInsert) {
         EXPECT_FALSE(store().InsertData(OS_ABNORMAL_MEMORY, 7, "i", "d"));
         Lines expected{kIsCurrent, kOpen, kCreate, kCompile};
         for (size_t i = 0; i <= failing; ++i) expected.push_back(binds[i]);
-        expected.insert(expected.end(),
-                        {kError, "F3 [OsAbnormalDataBase] insert os abnormal value fail, error is 25", kRelease,
-                         kClose});
+        expected.insert(expected.end(), {kError, "F3 [OsAbnormalDataBase] insert os abnormal value fail, error is 25",
+                                         kRelease, kClose});
         EXPECT_EQ(expected, journal()) << names[failing];
         EXPECT_FALSE(store().IsOpen());
         EXPECT_EQ(0, platform().sqlite.openStatements);

@@ -72,9 +72,10 @@ protected:
 
     /// Text of /proc/vmstat in which each of the `raised` first indices stands at `value`, the others at 0.
     static std::string Vmstat(unsigned long value, size_t raised = 10) {
-        static const char* const names[] = {
-            "pgmajfault", "pgsteal_kswapd_dma", "pgsteal_kswapd_dma32", "pgscan_kswapd_dma", "pgscan_kswapd_dma32",
-            "pageoutrun", "pgrotated", "nr_vmscan_write", "nr_vmscan_immediate_reclaim", "workingset_refault"};
+        static const char* const names[] = {"pgmajfault",        "pgsteal_kswapd_dma",  "pgsteal_kswapd_dma32",
+                                            "pgscan_kswapd_dma", "pgscan_kswapd_dma32", "pageoutrun",
+                                            "pgrotated",         "nr_vmscan_write",     "nr_vmscan_immediate_reclaim",
+                                            "workingset_refault"};
         std::string text = "nr_free_pages 12345\n";
         for (size_t i = 0; i < 10; ++i) {
             text += std::string(names[i]) + " " + std::to_string(i < raised ? value : 0) + "\n";

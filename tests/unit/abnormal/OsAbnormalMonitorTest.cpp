@@ -167,11 +167,11 @@ TEST_F(OsAbnormalMonitorTest, RunNamesTheThreadWaitsTenSecondsAndTicksEveryTwo) 
         if (seconds == 2 && ++ticks == 6) monitor().m_stopRequested = true;
     };
     monitor().run();
-    EXPECT_EQ(Strings({"W4 COsAbnormalMonitor::run Enter", "CThreadUtil::SetThreadName(OsAbnormalMonitor)",
-                       "CToolUtil::sleep(10)", "CToolUtil::sleep(2)", kMemory, kDisk, "CToolUtil::sleep(2)",
-                       "CToolUtil::sleep(2)", "CToolUtil::sleep(2)", "CToolUtil::sleep(2)", "CToolUtil::sleep(2)",
-                       kMemory}),
-              journal());
+    EXPECT_EQ(
+        Strings({"W4 COsAbnormalMonitor::run Enter", "CThreadUtil::SetThreadName(OsAbnormalMonitor)",
+                 "CToolUtil::sleep(10)", "CToolUtil::sleep(2)", kMemory, kDisk, "CToolUtil::sleep(2)",
+                 "CToolUtil::sleep(2)", "CToolUtil::sleep(2)", "CToolUtil::sleep(2)", "CToolUtil::sleep(2)", kMemory}),
+        journal());
 }
 
 TEST_F(OsAbnormalMonitorTest, StopDuringTheFirstWaitRunsNoTick) {
@@ -199,8 +199,10 @@ TEST_F(OsAbnormalMonitorTest, BitZeroOfTheOnlineValueIsTheSwitch) {
     const struct {
         long value;
         bool on;
-    } cases[] = {{0, false}, {1, true},          {2, false},             {3, true},
-                 {4, false}, {-1, true}, {-2, false}, {1L << 32, false}, {(1L << 32) + 1, true}, {LONG_MIN, false}};
+    } cases[] = {{0, false},       {1, true},         {2, false},
+                 {3, true},        {4, false},        {-1, true},
+                 {-2, false},      {1L << 32, false}, {(1L << 32) + 1, true},
+                 {LONG_MIN, false}};
     for (const auto& c : cases) {
         conf().osAbnormalSwitch.Set(c.value);
         EXPECT_EQ(c.on, IsMoniitorOsAbnormal()) << c.value;
@@ -239,13 +241,20 @@ TEST_F(OsAbnormalMonitorTest, MemoryIsCheckedEveryFifthTickAndTheDiskEvery21600t
         unsigned long tick;
         Strings lines;
     } cases[] = {
-        {0, {kMemory, kDisk}}, {1, {}},
-        {2, {}},               {3, {}},
-        {4, {}},               {5, {kMemory}},
-        {6, {}},               {10, {kMemory}},
-        {1800, {kMemory}},     {21595, {kMemory}},
-        {21599, {}},           {21600, {kMemory, kDisk}},
-        {21601, {}},           {21605, {kMemory}},
+        {0, {kMemory, kDisk}},
+        {1, {}},
+        {2, {}},
+        {3, {}},
+        {4, {}},
+        {5, {kMemory}},
+        {6, {}},
+        {10, {kMemory}},
+        {1800, {kMemory}},
+        {21595, {kMemory}},
+        {21599, {}},
+        {21600, {kMemory, kDisk}},
+        {21601, {}},
+        {21605, {kMemory}},
         {43200, {kMemory, kDisk}},
         {15768000, {kMemory, kDisk}},
     };
@@ -305,13 +314,33 @@ TEST_F(OsAbnormalMonitorTest, MemoryVerdicts) {
         long threshold;  // as configured
         bool abnormal;
     } cases[] = {
-        {85, 1000000, 0, true}, {85, 0, 0, true},      {100, 1000000, 0, true}, {84, 1000, 0, false},
-        {84, 400, 0, false},    {84, 399, 0, true},    {80, 400, 0, false},     {80, 399, 0, true},
-        {79, 399, 0, false},    {79, 200, 0, false},   {79, 199, 0, true},      {0, 199, 0, true},
-        {0, 200, 0, false},     {0, 0, 0, true},       {-1, 1000, 0, false},    {-1, 0, 0, true},
-        {79, 399, 200, false},  {50, 100, 100, false}, {50, 99, 100, true},     {50, 1, 1, false},
-        {50, 0, 1, true},       {50, 199, -1, true},   {50, 200, -1, false},    {50, 199, LONG_MIN, true},
-        {50, 999, 1000, true},  {50, 1000, 1000, false}, {50, ULONG_MAX - 1, LONG_MAX, false},
+        {85, 1000000, 0, true},
+        {85, 0, 0, true},
+        {100, 1000000, 0, true},
+        {84, 1000, 0, false},
+        {84, 400, 0, false},
+        {84, 399, 0, true},
+        {80, 400, 0, false},
+        {80, 399, 0, true},
+        {79, 399, 0, false},
+        {79, 200, 0, false},
+        {79, 199, 0, true},
+        {0, 199, 0, true},
+        {0, 200, 0, false},
+        {0, 0, 0, true},
+        {-1, 1000, 0, false},
+        {-1, 0, 0, true},
+        {79, 399, 200, false},
+        {50, 100, 100, false},
+        {50, 99, 100, true},
+        {50, 1, 1, false},
+        {50, 0, 1, true},
+        {50, 199, -1, true},
+        {50, 200, -1, false},
+        {50, 199, LONG_MIN, true},
+        {50, 999, 1000, true},
+        {50, 1000, 1000, false},
+        {50, ULONG_MAX - 1, LONG_MAX, false},
         {50, 5000000000, 5000000001, true},
     };
     for (const auto& c : cases) {
@@ -395,8 +424,8 @@ TEST_F(OsAbnormalMonitorTest, DiskVerdicts) {
     const struct {
         unsigned long space, inodes;
         bool abnormal;
-    } cases[] = {{67108865, 33, false}, {67108864, 33, true}, {67108865, 32, true}, {67108864, 32, true}, {0, 0, true},
-                 {ULONG_MAX, ULONG_MAX, false}, {ULONG_MAX, 0, true}, {0, ULONG_MAX, true}};
+    } cases[] = {{67108865, 33, false}, {67108864, 33, true},          {67108865, 32, true}, {67108864, 32, true},
+                 {0, 0, true},          {ULONG_MAX, ULONG_MAX, false}, {ULONG_MAX, 0, true}, {0, ULONG_MAX, true}};
     for (const auto& c : cases) {
         platform().disk.freeSpace = c.space;
         platform().disk.freeInodes = c.inodes;
@@ -660,10 +689,12 @@ TEST_F(OsAbnormalMonitorTest, NamesMissingInEitherSampleGiveNoRate) {
 TEST_F(OsAbnormalMonitorTest, RateAtItsThresholdCountsAndOneBelowDoesNot) {
     for (const auto& threshold : monitor().m_swapThresholds) {
         const SwapIndexMap before{{threshold.first, 100}};
-        EXPECT_EQ(1u, ComputeSwapRates(before, {{threshold.first, 100 + 3 * threshold.second}}, 3,
-                                       monitor().m_swapThresholds).reached);
+        EXPECT_EQ(
+            1u, ComputeSwapRates(before, {{threshold.first, 100 + 3 * threshold.second}}, 3, monitor().m_swapThresholds)
+                    .reached);
         EXPECT_EQ(0u, ComputeSwapRates(before, {{threshold.first, 100 + 3 * threshold.second - 1}}, 3,
-                                       monitor().m_swapThresholds).reached);
+                                       monitor().m_swapThresholds)
+                          .reached);
     }
     const SwapRates unknown = ComputeSwapRates({{"other", 0}}, {{"other", 1000000}}, 1, monitor().m_swapThresholds);
     EXPECT_EQ(0u, unknown.reached);
@@ -847,10 +878,10 @@ TEST_F(OsAbnormalMonitorTest, InIntervalFindingsAreHeldBackExceptOnItsMultiples)
         unsigned long tick;
         bool sent;
     } cases[] = {
-        {0, true},     // 0 - 0 is inside the interval, but its multiple
-        {5, false},   {85, false}, {90, true},  {95, false}, {175, false},
-        {180, true},  {200, false}, {305, true},  // the interval has passed
-        {360, true},  // 55 ticks later, but a multiple
+        {0, true},  // 0 - 0 is inside the interval, but its multiple
+        {5, false},   {85, false},  {90, true},   {95, false},
+        {175, false}, {180, true},  {200, false}, {305, true},  // the interval has passed
+        {360, true},                                            // 55 ticks later, but a multiple
         {365, false}, {445, false}, {450, true},
     };
     for (const auto& c : cases) {

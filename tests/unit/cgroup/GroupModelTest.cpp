@@ -10,8 +10,8 @@ std::string Text(const zel::CgroupGroupConfig& g) {
                            g.cpuLimitHundredths, g.memEnabled, g.memLimitKB, g.reserved);
 }
 std::string Text(const zel::CgroupComponentQuota& q) {
-    return doubles::Format("%s %s/%s %d %d", q.name.c_str(), q.cpuGroup.c_str(), q.memGroup.c_str(),
-                           q.cpuQuota100Times, q.memQuotaKB);
+    return doubles::Format("%s %s/%s %d %d", q.name.c_str(), q.cpuGroup.c_str(), q.memGroup.c_str(), q.cpuQuota100Times,
+                           q.memQuotaKB);
 }
 std::string Text(const zel::CgroupTotalLimitConfig& t) {
     return doubles::Format("cpu=%d %d.%02d mem=%d %d", t.cpuEnabled, t.cpuLimitPercent, t.cpuLimitHundredths,
@@ -135,12 +135,9 @@ TEST_F(GroupModelTest, OnlyEntriesWithExactlyTheirFieldCountAreTaken) {
         const char* text;
         Lines names;
     } const cases[] = {
-        {"a:10", {"main", "guard", "collect-defense"}},
-        {"a:10:100,bad,b:5:200:9", {"a"}},
-        {",,,", {"main", "guard", "collect-defense"}},
-        {"a:1:2,", {"a"}},
-        {":", {"main", "guard", "collect-defense"}},
-        {" main:1:2,b:1:2 ", {" main", "b"}},
+        {"a:10", {"main", "guard", "collect-defense"}},        {"a:10:100,bad,b:5:200:9", {"a"}},
+        {",,,", {"main", "guard", "collect-defense"}},         {"a:1:2,", {"a"}},
+        {":", {"main", "guard", "collect-defense"}},           {" main:1:2,b:1:2 ", {" main", "b"}},
         {"a:1:2;b:1:2", {"main", "guard", "collect-defense"}},
     };
     for (const auto& c : cases) {

@@ -32,7 +32,7 @@ TEST(SelfKillConversionTest, ClampsBelowOneToZeroAndAboveTheLargestInt) {
 }
 
 TEST(SelfKillConversionTest, RoundsCpuQuotasUpToWholePercent) {
-    const std::pair<int, int> cases[] = {{INT_MIN, 0}, {-1, 0}, {0, 0},  {1, 1},   {99, 1},
+    const std::pair<int, int> cases[] = {{INT_MIN, 0}, {-1, 0},  {0, 0},   {1, 1},   {99, 1},
                                          {100, 1},     {101, 2}, {150, 2}, {200, 2}, {2147483548, 21474836}};
     for (const auto& c : cases) EXPECT_EQ(c.second, CpuQuotaToPercent(c.first)) << c.first;
 }
@@ -53,10 +53,10 @@ TEST_F(SelfKillLimitsTest, SettingTheClientLogsItsAddressEvenWhenNull) {
     EXPECT_EQ(&m_client, pri().m_cgroupClient);
     pri().SetCgroupClient(nullptr);
     EXPECT_EQ(nullptr, pri().m_cgroupClient);
-    EXPECT_EQ(Lines({doubles::Format("F4 [MonitorPri] MonitorPri: cgroup client set to %p",
-                                     static_cast<void*>(&m_client)),
-                     "F4 [MonitorPri] MonitorPri: cgroup client set to (nil)"}),
-              journal());
+    EXPECT_EQ(
+        Lines({doubles::Format("F4 [MonitorPri] MonitorPri: cgroup client set to %p", static_cast<void*>(&m_client)),
+               "F4 [MonitorPri] MonitorPri: cgroup client set to (nil)"}),
+        journal());
 }
 
 TEST_F(SelfKillLimitsTest, NotifyCallsTheCallbackBeforeItLogs) {
@@ -135,12 +135,11 @@ TEST_F(SelfKillLimitsTest, MainProcessTakesItsQuotaWhetherLargerOrSmaller) {
     pri().m_unifiedMemQuotaKB = 1025;
     EXPECT_EQ("2 2", Resolve(10, 200));
     EXPECT_EQ("2 2", Resolve(-3, 1));
-    EXPECT_EQ(
-        Lines({"F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=10 mem=200) effective(cpu=2 mem=2) "
-               "unified(cpu=1 mem=1)",
-               "F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=-3 mem=1) effective(cpu=2 mem=2) "
-               "unified(cpu=1 mem=1)"}),
-        journal());
+    EXPECT_EQ(Lines({"F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=10 mem=200) effective(cpu=2 mem=2) "
+                     "unified(cpu=1 mem=1)",
+                     "F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=-3 mem=1) effective(cpu=2 mem=2) "
+                     "unified(cpu=1 mem=1)"}),
+              journal());
 }
 
 TEST_F(SelfKillLimitsTest, OneQuotaAloneLeavesTheOtherMaximumAsConfigured) {
@@ -151,12 +150,11 @@ TEST_F(SelfKillLimitsTest, OneQuotaAloneLeavesTheOtherMaximumAsConfigured) {
     pri().m_unifiedMemQuotaActive = true;
     pri().m_unifiedMemQuotaKB = 1;
     EXPECT_EQ("10 1", Resolve(10, 200));
-    EXPECT_EQ(
-        Lines({"F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=10 mem=200) effective(cpu=1 mem=200) "
-               "unified(cpu=1 mem=0)",
-               "F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=10 mem=200) effective(cpu=10 mem=1) "
-               "unified(cpu=0 mem=1)"}),
-        journal());
+    EXPECT_EQ(Lines({"F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=10 mem=200) effective(cpu=1 mem=200) "
+                     "unified(cpu=1 mem=0)",
+                     "F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=10 mem=200) effective(cpu=10 mem=1) "
+                     "unified(cpu=0 mem=1)"}),
+              journal());
 }
 
 TEST_F(SelfKillLimitsTest, AQuotaThatConvertsToNothingKeepsTheConfiguredMaximum) {
@@ -295,12 +293,12 @@ TEST_F(SelfKillLimitsTest, AFailedReloadStillDetachesAndAppliesWhatTheClientHas)
     platform().client.reload.Always(false);
     platform().client.memJoined.Always(true);  // memory alone: the flags must not be exchanged
     EXPECT_FALSE(pri().ReloadCgroupClientConfig());
-    EXPECT_EQ(Lines({"CCgroupClient::ReloadConfig()", "CCgroupClient::IsMemJoined()", "CCgroupClient::IsCpuJoined()",
-                     "CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()",
-                     "CCgroupClient::GetMemCgroupPath()", "ClearResourceLimitMemCgroupState()",
-                     "CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()", "CCgroupClient::GetMemQuotaKB()",
-                     "CResourceMonitor::SetMaxCpu(10)", "CResourceMonitor::SetMaxMem(0)"}),
-              journal());
+    EXPECT_EQ(
+        Lines({"CCgroupClient::ReloadConfig()", "CCgroupClient::IsMemJoined()", "CCgroupClient::IsCpuJoined()",
+               "CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()", "CCgroupClient::GetMemCgroupPath()",
+               "ClearResourceLimitMemCgroupState()", "CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()",
+               "CCgroupClient::GetMemQuotaKB()", "CResourceMonitor::SetMaxCpu(10)", "CResourceMonitor::SetMaxMem(0)"}),
+        journal());
 }
 
 TEST_F(SelfKillLimitsTest, ReloadInTheMainProcessUsesTheClientsMembershipAndItsOwnQuota) {
@@ -339,9 +337,9 @@ TEST_F(SelfKillLimitsTest, APathIsOnVersionTwoWhenItHasTheControllersFile) {
     EXPECT_EQ(Lines(), journal());
     EXPECT_TRUE(pri().IsCgroupPathV2("/sys/fs/cgroup/zel"));
     EXPECT_FALSE(pri().IsCgroupPathV2("/sys/fs/cgroup/cpu/zel"));
-    EXPECT_EQ(Lines({"access(/sys/fs/cgroup/zel/cgroup.controllers)",
-                     "access(/sys/fs/cgroup/cpu/zel/cgroup.controllers)"}),
-              journal());
+    EXPECT_EQ(
+        Lines({"access(/sys/fs/cgroup/zel/cgroup.controllers)", "access(/sys/fs/cgroup/cpu/zel/cgroup.controllers)"}),
+        journal());
 }
 
 TEST_F(SelfKillLimitsTest, MainProcessIsOnVersionTwoWhenAnEnabledControllerIsThere) {
@@ -404,15 +402,15 @@ TEST_F(SelfKillLimitsTest, OtherProcessesAreOnVersionTwoWhenAJoinedGroupIs) {
     platform().client.cpuJoined.Always(true);
     platform().client.memJoined.Always(true);
     EXPECT_TRUE(pri().IsUnifiedV2RuntimeActive());
-    EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::GetCpuCgroupPath()",
-                     "access(/v1/cgroup.controllers)", "CCgroupClient::IsMemJoined()",
-                     "CCgroupClient::GetMemCgroupPath()", "access(/v2/cgroup.controllers)"}),
-              journal());
+    EXPECT_EQ(
+        Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::GetCpuCgroupPath()", "access(/v1/cgroup.controllers)",
+               "CCgroupClient::IsMemJoined()", "CCgroupClient::GetMemCgroupPath()", "access(/v2/cgroup.controllers)"}),
+        journal());
     platform().client.cpuPath.Always("/v2");
     EXPECT_TRUE(pri().IsUnifiedV2RuntimeActive());
-    EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::GetCpuCgroupPath()",
-                     "access(/v2/cgroup.controllers)"}),
-              journal());
+    EXPECT_EQ(
+        Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::GetCpuCgroupPath()", "access(/v2/cgroup.controllers)"}),
+        journal());
 }
 
 TEST_F(SelfKillLimitsTest, DetachOnVersionOneTouchesOnlyTheControllersThatAreInUse) {

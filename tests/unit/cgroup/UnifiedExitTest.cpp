@@ -8,8 +8,8 @@ const std::string kRename = std::string("CFileCom(") + kComponentFile + ")::rena
 const std::string kWriteDisabled = std::string("CCgroupManager::WriteDisabledConfig(") + kComponentFile + ")";
 const std::string kMoveFailed = std::string("F3 [MonitorPri] MonitorPri: failed to move cgroup config [") +
                                 kComponentFile + "], writing disabled config";
-const std::string kBackupStays = std::string("F3 [MonitorPri] MonitorPri: failed to remove unified config backup [") +
-                                 kBackupFile + "] after exit";
+const std::string kBackupStays =
+    std::string("F3 [MonitorPri] MonitorPri: failed to remove unified config backup [") + kBackupFile + "] after exit";
 const std::string kPublishFailed = "W3 MonitorPri: failed to publish unified exit config";
 const std::string kReload = "CCgroupClient::ReloadConfig()";
 const std::string kResetOom = "CCgroupManager::ResetMemoryOomMonitor()";
@@ -257,13 +257,13 @@ TEST_F(UnifiedExitTest, DisabledSwitchesTheControllersOffAndStopsTheLegacyLimits
     pri().m_unifiedActive = false;
     platform().limit.stopCpu.Always({1, 2});
     EXPECT_TRUE(pri().EnterUnifiedDisabled(m_groups));
-    EXPECT_EQ(Lines({kReconcileOff, kWriteDisabled, "GetResourceLimitUtil()",
-                     "IResourceLimitUtil::StopCpuLimit(error=0)",
-                     "F3 [MonitorPri] MonitorPri: uninstall legacy cpu cgroup failed ret[1] err[2], "
-                     "reason[multi-cgroup unified disabled]",
-                     "IResourceLimitUtil::StopMemLimit(error=0,1)", "IResourceLimitUtil::ReleaseLimits()", kBroadcast,
-                     kNotified}),
-              journal());
+    EXPECT_EQ(
+        Lines({kReconcileOff, kWriteDisabled, "GetResourceLimitUtil()", "IResourceLimitUtil::StopCpuLimit(error=0)",
+               "F3 [MonitorPri] MonitorPri: uninstall legacy cpu cgroup failed ret[1] err[2], "
+               "reason[multi-cgroup unified disabled]",
+               "IResourceLimitUtil::StopMemLimit(error=0,1)", "IResourceLimitUtil::ReleaseLimits()", kBroadcast,
+               kNotified}),
+        journal());
     EXPECT_TRUE(pri().m_unifiedActive);
     EXPECT_TRUE(SelfKillQuotaCleared());
     EXPECT_TRUE(LegacyLimitsForgotten());
@@ -275,11 +275,11 @@ TEST_F(UnifiedExitTest, DisabledFallsBackWhenTheControllersCannotBeSwitchedOff) 
     HaveComponentFile();
     platform().manager.reconcileGroupsOnly.Always(false);
     EXPECT_FALSE(pri().EnterUnifiedDisabled(m_groups));
-    EXPECT_EQ(Lines({kReconcileOff,
-                     "W3 MonitorPri: Reconcile(false,false) failed in EnterUnifiedDisabled, fallback to legacy",
-                     kResetOom, kRemovePid, kIsFile, kIsBackup, kRename, kRemoveBackup, kBroadcast, kNotified,
-                     kFallbackDone}),
-              journal());
+    EXPECT_EQ(
+        Lines({kReconcileOff,
+               "W3 MonitorPri: Reconcile(false,false) failed in EnterUnifiedDisabled, fallback to legacy", kResetOom,
+               kRemovePid, kIsFile, kIsBackup, kRename, kRemoveBackup, kBroadcast, kNotified, kFallbackDone}),
+        journal());
     ExpectLegacyState();
 }
 

@@ -81,10 +81,9 @@ protected:
         Watching() = this;
         pri().m_ipcBroadcastCallback = [](const std::string&, const std::string&) {
             UnifiedFixture& test = *Watching();
-            test.m_broadcasts.push_back(doubles::Format("active=%d last=%s legacy=%s",
-                                                        static_cast<bool>(test.pri().m_unifiedActive),
-                                                        test.Remembered().c_str(),
-                                                        test.LegacyLimitsForgotten() ? "forgotten" : "kept"));
+            test.m_broadcasts.push_back(
+                doubles::Format("active=%d last=%s legacy=%s", static_cast<bool>(test.pri().m_unifiedActive),
+                                test.Remembered().c_str(), test.LegacyLimitsForgotten() ? "forgotten" : "kept"));
         };
     }
     static UnifiedFixture*& Watching() {

@@ -22,12 +22,10 @@ const std::string kRemovePid = "CCgroupManager::RemovePidFromGroup(main,4242)";
 const std::string kInitialized = "W4 MonitorPri: multi-cgroup initialized";
 const std::string kInitializedDisabled = "W4 MonitorPri: multi-cgroup initialized (unified disabled)";
 const std::string kFallbackDone = "W4 MonitorPri: entered legacy fallback mode";
-const std::string kWriteFailed =
-    "W3 MonitorPri: write cgroup config failed during update, restoring previous state";
+const std::string kWriteFailed = "W3 MonitorPri: write cgroup config failed during update, restoring previous state";
 const std::string kRestored = "W4 MonitorPri: restored previous cgroup state, keeping old config";
 const std::string kRestoreFailed = "W3 MonitorPri: restore previous state failed, fallback to legacy";
-const std::string kPartial =
-    "W3 MonitorPri: reconcile partial failure, config written but last state not updated";
+const std::string kPartial = "W3 MonitorPri: reconcile partial failure, config written but last state not updated";
 const std::string kAllFailedUpdate =
     "W3 MonitorPri: active desired but reconcile all failed during update, fallback to legacy";
 
@@ -79,8 +77,8 @@ const char* const kQuotas19 =
 
 std::string SelfKill(int cpuActive, int cpuQ, int memActive, int memQ) {
     return doubles::Format(
-        "F4 [MonitorPri] MonitorPri: unified self-kill quota cpuActive=%d cpuQ=%d memActive=%d memQ=%d",
-        cpuActive, cpuQ, memActive, memQ);
+        "F4 [MonitorPri] MonitorPri: unified self-kill quota cpuActive=%d cpuQ=%d memActive=%d memQ=%d", cpuActive,
+        cpuQ, memActive, memQ);
 }
 std::string Updating(const char* what) {
     return std::string("F4 [MonitorPri] MonitorPri: multi-cgroup updating, ") + what;
@@ -88,8 +86,8 @@ std::string Updating(const char* what) {
 }  // namespace
 
 TEST(EffectiveCpuTest, IsNinetyFivePercentBetweenOneAndAHundred) {
-    const std::pair<long, long> cases[] = {{LONG_MIN, 1}, {-10, 1}, {0, 1},     {1, 1},     {2, 1},
-                                           {3, 2},        {10, 9},  {20, 19},   {105, 99},  {106, 100},
+    const std::pair<long, long> cases[] = {{LONG_MIN, 1}, {-10, 1},   {0, 1},         {1, 1},    {2, 1},
+                                           {3, 2},        {10, 9},    {20, 19},       {105, 99}, {106, 100},
                                            {200, 100},    {300, 100}, {LONG_MAX, 100}};
     for (const auto& c : cases) EXPECT_EQ(c.second, WithCpuMargin(c.first)) << c.first;
 }
@@ -211,9 +209,9 @@ TEST_F(UnifiedModeTest, AnUnreadableKernelKeepsTheCpuAndDropsTheMemoryWithAnEmpt
     pri().ApplyMultiCgroupKernelPolicy(cpuOn, memOn);
     EXPECT_TRUE(cpuOn);
     EXPECT_FALSE(memOn);
-    EXPECT_EQ(Lines({"uname()", "uname()",
-                     "F4 [MonitorPri] MonitorPri: Memory cgroup disabled, kernel [] not in allowlist"}),
-              journal());
+    EXPECT_EQ(
+        Lines({"uname()", "uname()", "F4 [MonitorPri] MonitorPri: Memory cgroup disabled, kernel [] not in allowlist"}),
+        journal());
 }
 
 // --- who may enter ---
@@ -270,10 +268,26 @@ TEST_F(UnifiedModeTest, TheActiveModeWithoutAManagerIsInitialisedByBothEntries) 
         Remember(13, 9, 200);  // the same settings are no reason to skip it
         journal();
         EXPECT_TRUE((pri().*entry)(13, 10, 200));
-        EXPECT_EQ(Lines({"CCgroupManager::CCgroupManager()", "CCgroupManager::EnsureInitialized()", kSolaris,
-                         "uname()", Reconcile9(true, true), kIsCpuOn, kIsMemOn, kAddPid, Write(kQuotas9),
-                         SelfKill(1, 36, 1, 15360), kIsCpuOn, kIsCpuV2, kIsMemOn, kIsMemV2, kClearCpu, kClearMem,
-                         kSnapshot, kBroadcast, kNotified, kInitialized}),
+        EXPECT_EQ(Lines({"CCgroupManager::CCgroupManager()",
+                         "CCgroupManager::EnsureInitialized()",
+                         kSolaris,
+                         "uname()",
+                         Reconcile9(true, true),
+                         kIsCpuOn,
+                         kIsMemOn,
+                         kAddPid,
+                         Write(kQuotas9),
+                         SelfKill(1, 36, 1, 15360),
+                         kIsCpuOn,
+                         kIsCpuV2,
+                         kIsMemOn,
+                         kIsMemV2,
+                         kClearCpu,
+                         kClearMem,
+                         kSnapshot,
+                         kBroadcast,
+                         kNotified,
+                         kInitialized}),
                   steps());
         EXPECT_EQ("13 9 200", Remembered());
     }
@@ -296,10 +310,26 @@ TEST_F(UnifiedModeTest, InitWithBothLimitsGoesThroughEveryStepInOrder) {
     platform().manager.parentCpuLimit.Always(900);
     platform().manager.parentMemLimit.Always(307200);
     EXPECT_TRUE(pri().InitMultiCgroup(13, 10, 200));
-    EXPECT_EQ(Lines({"CCgroupManager::CCgroupManager()", "CCgroupManager::EnsureInitialized()", kSolaris, "uname()",
-                     Reconcile9(true, true), kIsCpuOn, kIsMemOn, kAddPid, Write(kQuotas9, 900, 307200),
-                     SelfKill(1, 36, 1, 15360), kIsCpuOn, kIsCpuV2, kIsMemOn, kIsMemV2, kClearCpu, kClearMem, kSnapshot,
-                     kBroadcast, kNotified, kInitialized}),
+    EXPECT_EQ(Lines({"CCgroupManager::CCgroupManager()",
+                     "CCgroupManager::EnsureInitialized()",
+                     kSolaris,
+                     "uname()",
+                     Reconcile9(true, true),
+                     kIsCpuOn,
+                     kIsMemOn,
+                     kAddPid,
+                     Write(kQuotas9, 900, 307200),
+                     SelfKill(1, 36, 1, 15360),
+                     kIsCpuOn,
+                     kIsCpuV2,
+                     kIsMemOn,
+                     kIsMemV2,
+                     kClearCpu,
+                     kClearMem,
+                     kSnapshot,
+                     kBroadcast,
+                     kNotified,
+                     kInitialized}),
               steps());
     EXPECT_TRUE(pri().m_unifiedActive);
     EXPECT_TRUE(LegacyLimitsForgotten());
@@ -312,10 +342,26 @@ TEST_F(UnifiedModeTest, InitSetsTheActiveFlagBeforeTheDetachAndTheOomCheck) {
     platform().limit.memV2Runtime.Always(true);
     EXPECT_TRUE(pri().InitMultiCgroup(9, 10, 200));
     // Both look at the flag: the questions about version 2 and the snapshot are only asked when it is set.
-    EXPECT_EQ(Lines({"CCgroupManager::CCgroupManager()", "CCgroupManager::EnsureInitialized()", kSolaris, "uname()",
-                     Reconcile9(true, false), kIsCpuOn, kIsMemOn, kAddPid, Write(kQuotas9), SelfKill(1, 36, 0, 0),
-                     kIsCpuOn, kIsCpuV2, "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitMemCgroupV2Runtime()",
-                     kClearMem, kClearCpu, kSnapshot, kBroadcast, kNotified, kInitialized}),
+    EXPECT_EQ(Lines({"CCgroupManager::CCgroupManager()",
+                     "CCgroupManager::EnsureInitialized()",
+                     kSolaris,
+                     "uname()",
+                     Reconcile9(true, false),
+                     kIsCpuOn,
+                     kIsMemOn,
+                     kAddPid,
+                     Write(kQuotas9),
+                     SelfKill(1, 36, 0, 0),
+                     kIsCpuOn,
+                     kIsCpuV2,
+                     "IsResourceLimitCpuCgroupV2Runtime()",
+                     "IsResourceLimitMemCgroupV2Runtime()",
+                     kClearMem,
+                     kClearCpu,
+                     kSnapshot,
+                     kBroadcast,
+                     kNotified,
+                     kInitialized}),
               steps());
 }
 
@@ -543,13 +589,12 @@ TEST_F(UnifiedModeTest, ABlacklistedKernelWithoutAnAllowlistIsUnifiedDisabled) {
     pri().m_memLimitKernelRange = "";
     platform().kernel.release = "4.9.93-010.x86_64";
     EXPECT_TRUE(pri().InitMultiCgroup(13, 10, 200));
-    EXPECT_EQ(
-        Lines({"CCgroupManager::CCgroupManager()", "CCgroupManager::EnsureInitialized()", kSolaris, "uname()",
-               "F4 [MonitorPri] MonitorPri: CPU cgroup disabled, kernel [4.9.93-010.x86_64] in blacklist",
-               "F4 [MonitorPri] MonitorPri: Memory cgroup disabled, kernel [4.9.93-010.x86_64] not in allowlist",
-               Reconcile9(false, false), kIsCpuOn, kIsMemOn, ReconcileOff9(false, false), kWriteDisabled}) +
-            kDisable + Lines({kBroadcast, kNotified, kInitializedDisabled}),
-        steps());
+    EXPECT_EQ(Lines({"CCgroupManager::CCgroupManager()", "CCgroupManager::EnsureInitialized()", kSolaris, "uname()",
+                     "F4 [MonitorPri] MonitorPri: CPU cgroup disabled, kernel [4.9.93-010.x86_64] in blacklist",
+                     "F4 [MonitorPri] MonitorPri: Memory cgroup disabled, kernel [4.9.93-010.x86_64] not in allowlist",
+                     Reconcile9(false, false), kIsCpuOn, kIsMemOn, ReconcileOff9(false, false), kWriteDisabled}) +
+                  kDisable + Lines({kBroadcast, kNotified, kInitializedDisabled}),
+              steps());
     EXPECT_TRUE(pri().m_unifiedActive);
 }
 
@@ -676,9 +721,21 @@ TEST_F(UnifiedModeTest, AnUpdateForgetsTheLegacyLimitsOnlyOfControllersInForce) 
 TEST_F(UnifiedModeTest, APartialReconcileIsWrittenAndToldButForgotten) {
     BeActive();
     platform().manager.reconcile.Always(false);
-    const Lines expected = {Reconcile19(true, true), kIsCpuOn, kIsMemOn, kAddPid, Write(kQuotas19),
-                            SelfKill(1, 76, 1, 30720), kIsCpuOn, kIsCpuV2, kIsMemOn, kIsMemV2, kClearCpu, kClearMem,
-                            kBroadcast, kNotified, kPartial};
+    const Lines expected = {Reconcile19(true, true),
+                            kIsCpuOn,
+                            kIsMemOn,
+                            kAddPid,
+                            Write(kQuotas19),
+                            SelfKill(1, 76, 1, 30720),
+                            kIsCpuOn,
+                            kIsCpuV2,
+                            kIsMemOn,
+                            kIsMemV2,
+                            kClearCpu,
+                            kClearMem,
+                            kBroadcast,
+                            kNotified,
+                            kPartial};
     EXPECT_TRUE(pri().UpdateMultiCgroup(13, 20, 400));
     EXPECT_EQ(Lines({kSolaris, Updating("mode 13->13 cpu 9->19 mem 200->400")}) + expected, steps());
     EXPECT_EQ("0 0 0", Remembered());
@@ -735,10 +792,10 @@ TEST_F(UnifiedModeTest, TheRestoreRunsTheKernelPolicyAgain) {
     const std::string notAllowed =
         "F4 [MonitorPri] MonitorPri: Memory cgroup disabled, kernel [6.1.0-13-cloud-amd64] not in allowlist";
     EXPECT_FALSE(pri().UpdateMultiCgroup(13, 20, 400));
-    EXPECT_EQ(Lines({kSolaris, Updating("mode 13->13 cpu 9->19 mem 200->400"), notAllowed, Reconcile19(true, false),
-                     kIsCpuOn, kIsMemOn, kAddPid, Write(kQuotas19), kWriteFailed, notAllowed, Reconcile9(true, false),
-                     kRestored}),
-              steps());
+    EXPECT_EQ(
+        Lines({kSolaris, Updating("mode 13->13 cpu 9->19 mem 200->400"), notAllowed, Reconcile19(true, false), kIsCpuOn,
+               kIsMemOn, kAddPid, Write(kQuotas19), kWriteFailed, notAllowed, Reconcile9(true, false), kRestored}),
+        steps());
 }
 
 TEST_F(UnifiedModeTest, AFailedRestoreFallsBack) {
@@ -784,11 +841,11 @@ TEST_F(UnifiedModeTest, AParentThatCannotBeClearedWithNothingOnRecordFallsBackWi
     platform().manager.reconcile.Always(false);
     platform().manager.parentMemActive.Always(true);
     EXPECT_FALSE(pri().UpdateMultiCgroup(9, 20, 400));
-    EXPECT_EQ(Lines({kSolaris, Updating("mode 0->9 cpu 9->19 mem 200->400"), Reconcile19(true, false), kIsCpuOn,
-                     kIsMemOn, "W3 MonitorPri: parent clear failed during update, restoring previous state",
-                     kWriteFailed}) +
-                  kFallback,
-              steps());
+    EXPECT_EQ(
+        Lines({kSolaris, Updating("mode 0->9 cpu 9->19 mem 200->400"), Reconcile19(true, false), kIsCpuOn, kIsMemOn,
+               "W3 MonitorPri: parent clear failed during update, restoring previous state", kWriteFailed}) +
+            kFallback,
+        steps());
     ExpectLegacyState();
 }
 

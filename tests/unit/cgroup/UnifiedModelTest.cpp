@@ -29,9 +29,8 @@ struct CpuCase {
     long maxCpu;
     long effective;  // of one CPU
 };
-const CpuCase kCpuCases[] = {{10, 9},    {20, 19},   {11, 10},   {1, 1},        {0, 1},
-                             {200, 100}, {106, 100}, {105, 99},  {LONG_MAX, 100}, {-5, 1},
-                             {300, 100}, {LONG_MIN, 1}};
+const CpuCase kCpuCases[] = {{10, 9},    {20, 19},  {11, 10},        {1, 1},  {0, 1},     {200, 100},
+                             {106, 100}, {105, 99}, {LONG_MAX, 100}, {-5, 1}, {300, 100}, {LONG_MIN, 1}};
 
 const int kMemCases[] = {200, 400, 100, 299, 0, 1, -5, INT_MAX, 2097152};
 
@@ -73,11 +72,8 @@ const KernelList kExcludedRanges[] = {
     {" \t ", {}},
 };
 const KernelList kPrefixes[] = {
-    {"", {}},
-    {"5.10 6.1", {true, false, false, false, false}},
-    {"4.9.93", {false, true, true, false, false}},
-    {"  ", {}},
-    {"0.5", {false, false, false, false, true}},
+    {"", {}},   {"5.10 6.1", {true, false, false, false, false}}, {"4.9.93", {false, true, true, false, false}},
+    {"  ", {}}, {"0.5", {false, false, false, false, true}},
 };
 
 struct ModelGroup {
@@ -189,7 +185,9 @@ struct Row {
     mutable long hits = 0;
 };
 
-Step Say(const char* text) { return {Do::kSay, text}; }
+Step Say(const char* text) {
+    return {Do::kSay, text};
+}
 
 // limits in force, parent stuck, limits wanted, reconciled, pid added, file written
 const std::vector<Row> kInitRows = {
@@ -248,9 +246,7 @@ const std::vector<Row> kUpdateRows = {
     {"11----10", {kSayStuck, kSayWriteFailed, {Do::kRestore}, kSayRestoreFailed, {Do::kFallback}}, false},
     {"11----11", {kSayStuck, kSayWriteFailed, {Do::kRestore}, kSayRestored}, false},
     {"10--0---",
-     {{Do::kAddPid},
-      Say("W3 MonitorPri: add main pid failed during update, fallback to legacy"),
-      {Do::kFallback}},
+     {{Do::kAddPid}, Say("W3 MonitorPri: add main pid failed during update, fallback to legacy"), {Do::kFallback}},
      false},
     {"10--100-", {{Do::kAddPid}, {Do::kWrite}, kSayWriteFailed, {Do::kFallback}}, false},
     {"10--1010",
@@ -270,28 +266,25 @@ const std::vector<Row> kUpdateRows = {
       {Do::kForget}},
      true},
     {"0-10----",
-     {Say("W3 MonitorPri: active desired but reconcile all failed during update, fallback to legacy"),
-      {Do::kFallback}},
+     {Say("W3 MonitorPri: active desired but reconcile all failed during update, fallback to legacy"), {Do::kFallback}},
      false},
     {"0-00----", {{Do::kDisable}, {Do::kForget}}, true},
     {"0--1----", {{Do::kDisable}, {Do::kRemember}}, true},
 };
 
-const Step kSayMoveFailed = Say(
-    "F3 [MonitorPri] MonitorPri: failed to move cgroup config [/opt/agent/home/conf/cgroup_resource.json], writing "
-    "disabled config");
+const Step kSayMoveFailed =
+    Say("F3 [MonitorPri] MonitorPri: failed to move cgroup config [/opt/agent/home/conf/cgroup_resource.json], writing "
+        "disabled config");
 const Step kSayNotPublished = Say("W3 MonitorPri: failed to publish unified exit config");
-const Step kSayBackupStays = Say(
-    "F3 [MonitorPri] MonitorPri: failed to remove unified config backup "
-    "[/opt/agent/home/conf/cgroup_resource.json.legacy_exit.bak] after exit");
+const Step kSayBackupStays =
+    Say("F3 [MonitorPri] MonitorPri: failed to remove unified config backup "
+        "[/opt/agent/home/conf/cgroup_resource.json.legacy_exit.bak] after exit");
 
 // component file there, stale backup there, backup removable, file movable, manager there, disabled form written
 const std::vector<Row> kPublishRows = {
     {"0-----", {{Do::kTellTheOthers}}, true},
     {"110-0-", {{Do::kIsBackup}, {Do::kRemoveBackup}, kSayMoveFailed, kSayNotPublished}, false},
-    {"110-10",
-     {{Do::kIsBackup}, {Do::kRemoveBackup}, kSayMoveFailed, {Do::kWriteDisabled}, kSayNotPublished},
-     false},
+    {"110-10", {{Do::kIsBackup}, {Do::kRemoveBackup}, kSayMoveFailed, {Do::kWriteDisabled}, kSayNotPublished}, false},
     {"110-11",
      {{Do::kIsBackup}, {Do::kRemoveBackup}, kSayMoveFailed, {Do::kWriteDisabled}, {Do::kTellTheOthers}},
      true},
@@ -302,9 +295,7 @@ const std::vector<Row> kPublishRows = {
     {"111011",
      {{Do::kIsBackup}, {Do::kRemoveBackup}, {Do::kRename}, kSayMoveFailed, {Do::kWriteDisabled}, {Do::kTellTheOthers}},
      true},
-    {"1111--",
-     {{Do::kIsBackup}, {Do::kRemoveBackup}, {Do::kRename}, {Do::kRemoveBackup}, {Do::kTellTheOthers}},
-     true},
+    {"1111--", {{Do::kIsBackup}, {Do::kRemoveBackup}, {Do::kRename}, {Do::kRemoveBackup}, {Do::kTellTheOthers}}, true},
     {"10-00-", {{Do::kIsBackup}, {Do::kRename}, kSayMoveFailed, kSayNotPublished}, false},
     {"10-010", {{Do::kIsBackup}, {Do::kRename}, kSayMoveFailed, {Do::kWriteDisabled}, kSayNotPublished}, false},
     {"10-011", {{Do::kIsBackup}, {Do::kRename}, kSayMoveFailed, {Do::kWriteDisabled}, {Do::kTellTheOthers}}, true},
@@ -336,9 +327,9 @@ const Row& Find(const std::vector<Row>& rows, const bool (&facts)[Count]) {
 // ---------------------------------------------------------------------------------------------------------------
 
 enum class Request { kUpdate, kInit, kPollOom, kCleanup, kFallback, kDisable, kPublish };
-const Request kRequests[] = {Request::kUpdate, Request::kUpdate, Request::kInit,     Request::kUpdate, Request::kInit,
-                             Request::kUpdate, Request::kPollOom, Request::kCleanup, Request::kFallback,
-                             Request::kDisable, Request::kPublish};
+const Request kRequests[] = {Request::kUpdate,   Request::kUpdate,  Request::kInit,    Request::kUpdate,
+                             Request::kInit,     Request::kUpdate,  Request::kPollOom, Request::kCleanup,
+                             Request::kFallback, Request::kDisable, Request::kPublish};
 
 /// One request and the world it meets. All zero is the kindest world.
 struct Op {
@@ -349,12 +340,46 @@ struct Op {
 };
 // Bits of Op::mishaps. First: the first call of the request, then: all later ones.
 enum Mishap : unsigned {
-    kReconcileFirst, kReconcileThen, kReconcileOff, kCpuEnabledFirst, kCpuEnabledThen, kMemEnabledFirst,
-    kMemEnabledThen, kCpuV2, kMemV2, kParentCpuFirst, kParentCpuThen, kParentMemFirst, kParentMemThen, kAddPidFails,
-    kRemovePidFails, kWriteFails, kWriteDisabledFirst, kWriteDisabledThen, kEnsureFails, kReloadFails, kNoLimitUtil,
-    kStopCpuFails, kStopMemFails, kLegacyCpuV2, kLegacyMemV2, kUnameFails, kFileAppears, kFileVanishes, kBackupAppears,
-    kRenameFails, kRemoveBackupFails, kSnapshotFails, kPollFails, kNoTransmit, kSendFails, kMarkUnreadable,
-    kMarkGarbage, kMarkTmpFails, kMarkRenameFails, kLaterPoll
+    kReconcileFirst,
+    kReconcileThen,
+    kReconcileOff,
+    kCpuEnabledFirst,
+    kCpuEnabledThen,
+    kMemEnabledFirst,
+    kMemEnabledThen,
+    kCpuV2,
+    kMemV2,
+    kParentCpuFirst,
+    kParentCpuThen,
+    kParentMemFirst,
+    kParentMemThen,
+    kAddPidFails,
+    kRemovePidFails,
+    kWriteFails,
+    kWriteDisabledFirst,
+    kWriteDisabledThen,
+    kEnsureFails,
+    kReloadFails,
+    kNoLimitUtil,
+    kStopCpuFails,
+    kStopMemFails,
+    kLegacyCpuV2,
+    kLegacyMemV2,
+    kUnameFails,
+    kFileAppears,
+    kFileVanishes,
+    kBackupAppears,
+    kRenameFails,
+    kRemoveBackupFails,
+    kSnapshotFails,
+    kPollFails,
+    kNoTransmit,
+    kSendFails,
+    kMarkUnreadable,
+    kMarkGarbage,
+    kMarkTmpFails,
+    kMarkRenameFails,
+    kLaterPoll
 };
 
 struct World {
@@ -385,8 +410,8 @@ std::ostream& operator<<(std::ostream& out, const Scenario& s) {
     out << "main=" << !s.world.component << " callback=" << !s.world.noCallback << " client=" << s.world.client
         << " solaris=" << s.world.solaris << " cpus=" << kCpuCounts[s.world.cpus] << " range=["
         << kRanges[s.world.range].text << "] excluded=[" << kPrefixes[s.world.prefixes].text << "] excludedRange=["
-        << kExcludedRanges[s.world.excludeRange].text << "] groups=["
-        << kGroupTexts[s.world.groups].text << "] components=[" << kComponentTexts[s.world.components].text << "]";
+        << kExcludedRanges[s.world.excludeRange].text << "] groups=[" << kGroupTexts[s.world.groups].text
+        << "] components=[" << kComponentTexts[s.world.components].text << "]";
     for (const Op& op : s.ops) out << "\n  " << op;
     return out;
 }
@@ -397,7 +422,9 @@ std::ostream& operator<<(std::ostream& out, const Scenario& s) {
 
 const char* const kWatermark = "/opt/agent/home/conf/cgroup_oom_watermark.json";
 
-int32_t Saturated(__int128 value) { return value > INT_MAX ? INT_MAX : static_cast<int32_t>(value); }
+int32_t Saturated(__int128 value) {
+    return value > INT_MAX ? INT_MAX : static_cast<int32_t>(value);
+}
 
 /// An answer that is asked for several times in one request.
 struct Tape {
@@ -583,7 +610,8 @@ private:
         m_asked = {mode, Effective(kCpuCases[m_op->cpu].maxCpu), maxMem};
         if (unified) {
             if (last.mode == mode && last.cpu == m_asked.cpu && last.mem == maxMem) return true;
-            Put(doubles::Format("F4 [MonitorPri] MonitorPri: multi-cgroup updating, "
+            Put(
+                doubles::Format("F4 [MonitorPri] MonitorPri: multi-cgroup updating, "
                                 "mode %d->%d cpu %ld->%ld mem %d->%d",
                                 last.mode, mode, last.cpu, m_asked.cpu, last.mem, maxMem));
         }
@@ -723,12 +751,8 @@ private:
     bool Publish() {
         Put(std::string("CFileUtil::IsFile(") + kComponentFile + ")");
         Tape disabled = m_writeDisabled;
-        const bool facts[] = {fileThere,
-                              backupThere,
-                              !m_op->Has(kRemoveBackupFails),
-                              !m_op->Has(kRenameFails),
-                              manager,
-                              disabled.Next()};
+        const bool facts[] = {fileThere, backupThere,    !m_op->Has(kRemoveBackupFails), !m_op->Has(kRenameFails),
+                              manager,   disabled.Next()};
         return Play(Find(kPublishRows, facts));
     }
 
@@ -866,10 +890,10 @@ private:
             const int64_t groupKills = std::max<int64_t>(0, e.oom_group_kill - stored->second[2]);
             if (kills == 0 && groupKills == 0) continue;
             found = true;
-            Put(doubles::Format("F3 [MonitorPri] MonitorPri: detected cgroup memory OOM after restart group=[%s] "
-                                "parent=%d path=[%s] oomKill=%ld(+%ld) oomGroupKill=%ld(+%ld)",
-                                e.group.c_str(), e.parent, e.path.c_str(), e.oom_kill, kills, e.oom_group_kill,
-                                groupKills));
+            Put(doubles::Format(
+                "F3 [MonitorPri] MonitorPri: detected cgroup memory OOM after restart group=[%s] "
+                "parent=%d path=[%s] oomKill=%ld(+%ld) oomGroupKill=%ld(+%ld)",
+                e.group.c_str(), e.parent, e.path.c_str(), e.oom_kill, kills, e.oom_group_kill, groupKills));
         }
         if (found && !SendOom()) Put("W3 MonitorPri: report cgroup OOM after restart event failed");
         if (!WriteMark(events)) {
@@ -1055,15 +1079,13 @@ private:
         return {doubles::Format("manager=%d active=%d last=%d,%ld,%d", m_pri->m_cgroupManager != nullptr,
                                 static_cast<bool>(m_pri->m_unifiedActive), m_pri->m_lastUnifiedMode,
                                 static_cast<long>(m_pri->m_lastUnifiedMaxCpu), m_pri->m_lastUnifiedMaxMem),
-                doubles::Format("quota=%d/%d,%d/%d legacy=%d,%d", static_cast<bool>(m_pri->m_unifiedCpuQuotaActive),
-                                static_cast<int>(m_pri->m_unifiedCpuQuota100Times),
-                                static_cast<bool>(m_pri->m_unifiedMemQuotaActive),
-                                static_cast<int>(m_pri->m_unifiedMemQuotaKB),
-                                static_cast<bool>(m_pri->m_legacyCpuEnabled),
-                                static_cast<bool>(m_pri->m_legacyMemEnabled)),
-                doubles::Format("file=%d backup=%d mark=%d lastReport=%ld",
-                                files.count(kComponentFile) != 0, files.count(kBackupFile) != 0,
-                                files.count(kWatermark) != 0,
+                doubles::Format(
+                    "quota=%d/%d,%d/%d legacy=%d,%d", static_cast<bool>(m_pri->m_unifiedCpuQuotaActive),
+                    static_cast<int>(m_pri->m_unifiedCpuQuota100Times),
+                    static_cast<bool>(m_pri->m_unifiedMemQuotaActive), static_cast<int>(m_pri->m_unifiedMemQuotaKB),
+                    static_cast<bool>(m_pri->m_legacyCpuEnabled), static_cast<bool>(m_pri->m_legacyMemEnabled)),
+                doubles::Format("file=%d backup=%d mark=%d lastReport=%ld", files.count(kComponentFile) != 0,
+                                files.count(kBackupFile) != 0, files.count(kWatermark) != 0,
                                 static_cast<long>(m_pri->m_lastRuntimeOomReportTime))};
     }
     static Lines StateOf(const Model& m) {
@@ -1122,9 +1144,8 @@ rc::Gen<unsigned> IndexOf(const T (&)[Count]) {
 /// Mostly the first entry, so that the rest of the scenario gets a chance.
 template <class T>
 rc::Gen<unsigned> MostlyFirst(const T& entries) {
-    return rc::gen::map(rc::gen::inRange(0U, 3U * static_cast<unsigned>(std::size(entries))), [&entries](unsigned n) {
-        return n < std::size(entries) ? n : 0U;
-    });
+    return rc::gen::map(rc::gen::inRange(0U, 3U * static_cast<unsigned>(std::size(entries))),
+                        [&entries](unsigned n) { return n < std::size(entries) ? n : 0U; });
 }
 
 rc::Gen<uint64_t> Mishaps() {

@@ -35,9 +35,9 @@ struct Published {
         const auto set = [](const char* name, long value) {
             return doubles::Format("COnlineClientConf::%s.Set(%ld)", name, value);
         };
-        return {set("maxCpu", maxCpu),           set("cpuAll", cpuAll),         set("maxPidCheck", maxPidCheck),
-                set("maxMemory", maxMemory),     set("groupMaxCpu", maxCpu),    set("groupMaxMemory", maxMemory),
-                set("resourceLimitMode", mode),  set("maxWriteIo", maxWriteIo), set("maxReadIo", maxReadIo),
+        return {set("maxCpu", maxCpu),          set("cpuAll", cpuAll),         set("maxPidCheck", maxPidCheck),
+                set("maxMemory", maxMemory),    set("groupMaxCpu", maxCpu),    set("groupMaxMemory", maxMemory),
+                set("resourceLimitMode", mode), set("maxWriteIo", maxWriteIo), set("maxReadIo", maxReadIo),
                 set("hashMode", hashMode)};
     }
 };
@@ -85,7 +85,9 @@ inline Lines LegacyMemUnchanged() {
 }
 
 /// The main process looks for a component file that an earlier run left behind.
-inline Lines NoUnifiedLeftovers() { return {"CFileUtil::IsFile(/opt/agent/home/conf/cgroup_resource.json)"}; }
+inline Lines NoUnifiedLeftovers() {
+    return {"CFileUtil::IsFile(/opt/agent/home/conf/cgroup_resource.json)"};
+}
 
 /// A base or member of an object and where it lies.
 struct Place {

@@ -18,12 +18,20 @@ struct CpuCase {
 
 TEST(LimitConversionTest, WidensMemoryByOneHalfUpToAHundredMegabytes) {
     const MemCase cases[] = {
-        {INT_MIN, INT_MIN}, {-5, -5},     {0, 0},
+        {INT_MIN, INT_MIN},
+        {-5, -5},
+        {0, 0},
         {1, 1},  // integer division
-        {2, 3},             {3, 4},       {199, 298},
-        {200, 300},         {201, 301},   {1024, 1124},
-        {INT_MAX - 101, INT_MAX - 1},     {INT_MAX - 100, INT_MAX},
-        {INT_MAX - 99, INT_MAX},          {INT_MAX, INT_MAX},
+        {2, 3},
+        {3, 4},
+        {199, 298},
+        {200, 300},
+        {201, 301},
+        {1024, 1124},
+        {INT_MAX - 101, INT_MAX - 1},
+        {INT_MAX - 100, INT_MAX},
+        {INT_MAX - 99, INT_MAX},
+        {INT_MAX, INT_MAX},
     };
     for (const MemCase& c : cases) {
         for (const bool cpuAll : {false, true}) {
@@ -38,15 +46,25 @@ TEST(LimitConversionTest, WidensMemoryByOneHalfUpToAHundredMegabytes) {
 
 TEST(LimitConversionTest, WidensCpuByOneHalfUpToFivePercentPoints) {
     const CpuCase cases[] = {
-        {LONG_MIN, LONG_MIN}, {-10, -10}, {0, 0},
+        {LONG_MIN, LONG_MIN},
+        {-10, -10},
+        {0, 0},
         {1, 1},  // integer division
-        {2, 3},               {4, 6},     {9, 13},
-        {10, 15},             {11, 16},   {20, 25},
+        {2, 3},
+        {4, 6},
+        {9, 13},
+        {10, 15},
+        {11, 16},
+        {20, 25},
         {100, 105},
-        {2147483641L, 2147483646L},       {2147483642L, 2147483647L},
-        {2147483643L, 2147483647L},       {2147483647L, 2147483647L},
-        {2147483648L, 2147483647L},       {4294967296L, 2147483647L},
-        {LONG_MAX / 2, 2147483647L},      {LONG_MAX, 2147483647L},
+        {2147483641L, 2147483646L},
+        {2147483642L, 2147483647L},
+        {2147483643L, 2147483647L},
+        {2147483647L, 2147483647L},
+        {2147483648L, 2147483647L},
+        {4294967296L, 2147483647L},
+        {LONG_MAX / 2, 2147483647L},
+        {LONG_MAX, 2147483647L},
     };
     for (const CpuCase& c : cases) {
         long cpu = c.in;
@@ -69,18 +87,22 @@ TEST(LimitConversionTest, LeavesCpuAloneBoundIncludedWhenItIsOfTheWholeMachine) 
 
 TEST(LimitConversionTest, TurnsMegabytesIntoSaturatedKilobytes) {
     const MemCase cases[] = {
-        {INT_MIN, 0}, {-5, 0},         {0, 0},
-        {1, 1024},    {200, 204800},   {2097151, 2147482624},
-        {2097152, INT_MAX},            {INT_MAX, INT_MAX},
+        {INT_MIN, 0},       {-5, 0}, {0, 0}, {1, 1024}, {200, 204800}, {2097151, 2147482624}, {2097152, INT_MAX},
+        {INT_MAX, INT_MAX},
     };
     for (const MemCase& c : cases) EXPECT_EQ(c.out, MbToKb(c.in)) << c.in;
 }
 
 TEST(LimitConversionTest, AddsOneHalfToTheSaturatedKilobytes) {
     const MemCase cases[] = {
-        {INT_MIN, 0},     {-5, 0},          {0, 0},
-        {1, 1536},        {200, 307200},    {1398101, 2147483136},
-        {1398102, INT_MAX},                 {2097152, INT_MAX},
+        {INT_MIN, 0},
+        {-5, 0},
+        {0, 0},
+        {1, 1536},
+        {200, 307200},
+        {1398101, 2147483136},
+        {1398102, INT_MAX},
+        {2097152, INT_MAX},
         {INT_MAX, INT_MAX},
     };
     for (const MemCase& c : cases) EXPECT_EQ(c.out, MbToKbWithHeadroom(c.in)) << c.in;

@@ -13,9 +13,10 @@ const Lines kStarted = {"COnlineClientConf::AddNotify()", "CTimerEvent::StringTo
                         "CTimerEvent::startTimer(60000,4711)", "CResourceMonitor::StartMonitor()"};
 
 Lines Thresholds(int cpu, int mem, int fd, int rio, int wio, int pid, int all) {
-    return {doubles::Format("CResourceMonitor::SetMaxResourceConfig(cpu=%d mem=%d fd=%d a=5 b=1000 rio=%d wio=%d "
-                            "pid=%d all=%d)",
-                            cpu, mem, fd, rio, wio, pid, all)};
+    return {
+        doubles::Format("CResourceMonitor::SetMaxResourceConfig(cpu=%d mem=%d fd=%d a=5 b=1000 rio=%d wio=%d "
+                        "pid=%d all=%d)",
+                        cpu, mem, fd, rio, wio, pid, all)};
 }
 
 const Lines kDefaultThresholds = Thresholds(10, 200, 1024, 20480, 20480, 100, 0);
@@ -326,8 +327,8 @@ TEST_F(MonitorPriTest, HandsItsEventSinkToTheSamplingThread) {
 }
 
 TEST_F(MonitorPriTest, HandsTheFilesThresholdsToTheSamplingClass) {
-    const std::string path = WriteConfig(
-        "max_cpu=20\nmax_memory=300\nmax_fd=500\nmax_rio=11\nmax_wio=12\nmax_pid_check=13\ncpu_all=1\n");
+    const std::string path =
+        WriteConfig("max_cpu=20\nmax_memory=300\nmax_fd=500\nmax_rio=11\nmax_wio=12\nmax_pid_check=13\ncpu_all=1\n");
     pri().SetConfigPath(path);
     EXPECT_TRUE(pri().StartMonitor(nullptr, "collector"));
     EXPECT_EQ(1000, platform().base.lastConfig.auxValueB);
@@ -345,8 +346,7 @@ TEST_F(MonitorPriTest, StopsTimerThenSubscriptionThenOsAbnormalMonitorThenSampli
     journal();
     EXPECT_TRUE(pri().StopMonitor());
     EXPECT_EQ(Lines({"CTimerEvent::killTimer(9001)", "COnlineClientConf::RemoveNotify()",
-                     "CThreadUtil::IsThreadRunning()", "CThreadUtil::stopThread()",
-                     "CResourceMonitor::StopMonitor()"}),
+                     "CThreadUtil::IsThreadRunning()", "CThreadUtil::stopThread()", "CResourceMonitor::StopMonitor()"}),
               journal());
     EXPECT_EQ(0u, pri().m_heartbeatTimerId);
     EXPECT_TRUE(platform().notifies.empty());
@@ -621,9 +621,9 @@ TEST_F(MonitorPriTest, RemembersTheEffectiveMaximaBetweenTheCpuLimitAndTheSelfKi
     platform().keepInJournal = look;
     pri().OnUpdate();
     platform().keepInJournal = nullptr;
-    EXPECT_EQ(Lines({"IResourceLimitUtil::IsCpuLimited() cpu=11 mem=22",
-                     "CCgroupClient::GetMemQuotaKB() cpu=20 mem=300"}),
-              seen);
+    EXPECT_EQ(
+        Lines({"IResourceLimitUtil::IsCpuLimited() cpu=11 mem=22", "CCgroupClient::GetMemQuotaKB() cpu=20 mem=300"}),
+        seen);
 }
 
 TEST_F(MonitorPriTest, ReadsWhatIsNotNeededBeforeAtItsOwnStep) {
@@ -743,8 +743,7 @@ TEST_F(MonitorPriTest, NeverReloadsAClientInTheMainProcess) {
                       NoUnifiedLeftovers(),
                       LegacyCpuOff(0, 20),
                       {"CResourceMonitor::SetMaxCpu(20)"},
-                      {"IsResourceLimitMemCgroupV2Runtime()",
-                       "W4 resource limit mode and max limit mem is not change"},
+                      {"IsResourceLimitMemCgroupV2Runtime()", "W4 resource limit mode and max limit mem is not change"},
                       UpdateTail(0, 0, 0, 0, 0, 0)}),
               calls());
 }

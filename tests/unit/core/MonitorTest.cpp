@@ -233,8 +233,7 @@ TEST_F(MonitorTest, ForwardsSettingsToTheSamplingClass) {
     m.SetWatcherProcess(processes);
     EXPECT_EQ(Lines({"CResourceMonitor::SetThreadHeartbeat(11,worker,60)",
                      "CResourceMonitor::RemoveThreadHeartbeat(12)", "CResourceMonitor::SetMonitorIOEnable(1)",
-                     "CResourceMonitor::SetMonitorIOEnable(0)",
-                     "CResourceMonitor::SetWatcherProcess(3=net 7=guard )"}),
+                     "CResourceMonitor::SetMonitorIOEnable(0)", "CResourceMonitor::SetWatcherProcess(3=net 7=guard )"}),
               journal());
     EXPECT_EQ(2u, processes.size()) << "the caller's map is not touched";
 }
@@ -287,9 +286,9 @@ TEST_F(MonitorTest, HandsTheClientAndTheBroadcastToThePrivateObject) {
     EXPECT_FALSE(m_monitor->ReloadCgroupClientConfig());
     EXPECT_EQ(Lines({"W3 MonitorPri: no cgroup client, cannot reload cgroup config"}), journal());
     m_monitor->SetCgroupClient(&client);
-    EXPECT_EQ(Lines({doubles::Format("F4 [MonitorPri] MonitorPri: cgroup client set to %p",
-                                     static_cast<void*>(&client))}),
-              journal());
+    EXPECT_EQ(
+        Lines({doubles::Format("F4 [MonitorPri] MonitorPri: cgroup client set to %p", static_cast<void*>(&client))}),
+        journal());
     EXPECT_TRUE(m_monitor->ReloadCgroupClientConfig());
     EXPECT_EQ("CCgroupClient::ReloadConfig()", journal().front());
     platform().client.reload.Always(false);

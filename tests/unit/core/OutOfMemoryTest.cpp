@@ -37,14 +37,30 @@ struct Refusal {
 
 }  // namespace
 
-void* operator new(size_t bytes) { return AllocateOrThrow(bytes); }
-void* operator new[](size_t bytes) { return AllocateOrThrow(bytes); }
-void* operator new(size_t bytes, const std::nothrow_t&) noexcept { return Allocate(bytes); }
-void* operator new[](size_t bytes, const std::nothrow_t&) noexcept { return Allocate(bytes); }
-void operator delete(void* block) noexcept { free(block); }
-void operator delete[](void* block) noexcept { free(block); }
-void operator delete(void* block, size_t) noexcept { free(block); }
-void operator delete[](void* block, size_t) noexcept { free(block); }
+void* operator new(size_t bytes) {
+    return AllocateOrThrow(bytes);
+}
+void* operator new[](size_t bytes) {
+    return AllocateOrThrow(bytes);
+}
+void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
+    return Allocate(bytes);
+}
+void* operator new[](size_t bytes, const std::nothrow_t&) noexcept {
+    return Allocate(bytes);
+}
+void operator delete(void* block) noexcept {
+    free(block);
+}
+void operator delete[](void* block) noexcept {
+    free(block);
+}
+void operator delete(void* block, size_t) noexcept {
+    free(block);
+}
+void operator delete[](void* block, size_t) noexcept {
+    free(block);
+}
 
 class OutOfMemoryTest : public CoreFixture {
 protected:

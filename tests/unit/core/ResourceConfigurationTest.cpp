@@ -129,11 +129,12 @@ TEST_F(ResourceConfigurationTest, TakesEveryDefaultFromAnEmptyFile) {
 }
 
 TEST_F(ResourceConfigurationTest, ReadsEveryKeyAndPublishesInOrder) {
-    EXPECT_TRUE(Parse("max_cpu = 21\nmax_memory = 301\nmax_fd = 512\nresource_limit_mode = 1\ncpu_all = 0\n"
-                      "max_rio = 31\nmax_wio = 32\nmax_pid_check = 33\nhash_mode = 34\n"
-                      "mem_limit_kernel_range = 3.10.0-1,6.99.99-1\n"
-                      "mem_limit_exclude_kernels = 4.19.1 4.19.2\nmem_limit_exclude_range = 5.0.0-1,5.1.0-1\n"
-                      "cgroup_groups = main:50:1024;guard:10:2048\ncgroup_components = A:main:main:1:2\n"));
+    EXPECT_TRUE(
+        Parse("max_cpu = 21\nmax_memory = 301\nmax_fd = 512\nresource_limit_mode = 1\ncpu_all = 0\n"
+              "max_rio = 31\nmax_wio = 32\nmax_pid_check = 33\nhash_mode = 34\n"
+              "mem_limit_kernel_range = 3.10.0-1,6.99.99-1\n"
+              "mem_limit_exclude_kernels = 4.19.1 4.19.2\nmem_limit_exclude_range = 5.0.0-1,5.1.0-1\n"
+              "cgroup_groups = main:50:1024;guard:10:2048\ncgroup_components = A:main:main:1:2\n"));
     Published published;
     published.maxCpu = 21;
     published.maxMemory = 301;
@@ -214,8 +215,9 @@ TEST_F(ResourceConfigurationTest, ReadsTheFileAsOperatorsWriteIt) {
 }
 
 TEST_F(ResourceConfigurationTest, StoresTextsRaw) {
-    EXPECT_TRUE(Parse("cgroup_groups=\" a ; b \" # c\nmem_limit_kernel_range=not,a range;;\n"
-                      "mem_limit_exclude_kernels=100%s%n\nCGROUP_COMPONENTS=x\n"));
+    EXPECT_TRUE(
+        Parse("cgroup_groups=\" a ; b \" # c\nmem_limit_kernel_range=not,a range;;\n"
+              "mem_limit_exclude_kernels=100%s%n\nCGROUP_COMPONENTS=x\n"));
     EXPECT_EQ("\" a ; b \" # c", pri().m_cgroupGroupsSpec);
     EXPECT_EQ("not,a range;;", pri().m_memLimitKernelRange);
     EXPECT_EQ("100%s%n", pri().m_memLimitExcludeKernels);
@@ -279,9 +281,10 @@ TEST_F(ResourceConfigurationTest, SurvivesALineOfAMegabyte) {
 
 TEST_F(ResourceConfigurationTest, KeepsWhatItReadWithoutAnOnlineConfiguration) {
     doubles::ForgetOnlineConf();
-    EXPECT_FALSE(Parse("max_cpu=20\nmax_memory=30\nresource_limit_mode=13\ncpu_all=1\ncgroup_groups=g\n"
-                       "cgroup_components=c\nmem_limit_kernel_range=r\nmem_limit_exclude_kernels=k\n"
-                       "mem_limit_exclude_range=e\n"));
+    EXPECT_FALSE(
+        Parse("max_cpu=20\nmax_memory=30\nresource_limit_mode=13\ncpu_all=1\ncgroup_groups=g\n"
+              "cgroup_components=c\nmem_limit_kernel_range=r\nmem_limit_exclude_kernels=k\n"
+              "mem_limit_exclude_range=e\n"));
     EXPECT_EQ(Opened(), journal());
     EXPECT_EQ("cpu=20 mem=30 fd=1024 a=5 b=0 rio=20480 wio=20480 pid=100 all=1", Show(m_config));
     EXPECT_EQ("g", pri().m_cgroupGroupsSpec);
@@ -367,9 +370,8 @@ TEST_F(ResourceConfigurationTest, SetsTheCpuModeBeforeALimitAsksForIt) {
                        "CResourceMonitor::IsCpuSolarisMode()", "sysconf(_SC_NPROCESSORS_CONF)",
                        "IResourceLimitUtil::SyncCpuLimit()", "F4 [MonitorPri] resource mode user conf:1",
                        "F4 [MonitorPri] resource cpu user conf:10", "F4 [MonitorPri] resource get res:1",
-                       "W4 not match 0 try to start resource limit",
-                       "IResourceLimitUtil::StartCpuLimit(38,0,error=0)", "W4 limit cpu success",
-                       "IResourceLimitUtil::IsCpuLimited()"},
+                       "W4 not match 0 try to start resource limit", "IResourceLimitUtil::StartCpuLimit(38,0,error=0)",
+                       "W4 limit cpu success", "IResourceLimitUtil::IsCpuLimited()"},
                       LegacyMemOff()}),
               calls());
 }
@@ -385,10 +387,10 @@ TEST_F(ResourceConfigurationTest, SucceedsAlsoWhenEveryLimitFails) {
                        "CResourceMonitor::IsCpuSolarisMode()", "IResourceLimitUtil::SyncCpuLimit()",
                        "F4 [MonitorPri] resource mode user conf:5", "F4 [MonitorPri] resource cpu user conf:10",
                        "F4 [MonitorPri] resource get res:1", "W4 not match 0 try to start resource limit",
-                       "IResourceLimitUtil::StartCpuLimit(9,50,error=0)",
-                       "F3 [MonitorPri] limit cpu fail, error is 2", "IResourceLimitUtil::IsCpuLimited()",
-                       "IsResourceLimitMemCgroupV2Runtime()", "W4 not match 0 try to set mem limit",
-                       "CToolUtil::GetApplicationDirPath()", "CFileUtil::IsFile(/opt/agent/home/cgroup_errors)",
+                       "IResourceLimitUtil::StartCpuLimit(9,50,error=0)", "F3 [MonitorPri] limit cpu fail, error is 2",
+                       "IResourceLimitUtil::IsCpuLimited()", "IsResourceLimitMemCgroupV2Runtime()",
+                       "W4 not match 0 try to set mem limit", "CToolUtil::GetApplicationDirPath()",
+                       "CFileUtil::IsFile(/opt/agent/home/cgroup_errors)",
                        "F4 [MonitorPri] kernel not in limit range: !", "F3 [MonitorPri] mem limit fail [10 - 0]"}}),
               calls());
     EXPECT_EQ(kDefaults, Show(m_config));
@@ -422,8 +424,9 @@ protected:
 
 TEST_F(UnifiedConfigurationTest, AppliesUnifiedModeThenOomCheckThenLegacyLimitsThenSelfKill) {
     platform().manager.cpuEnabled.Always(true);
-    EXPECT_TRUE(Parse("max_cpu=20\nresource_limit_mode=9\ncgroup_groups=main:20:15360\n"
-                      "cgroup_components=Tervane:main:main:2000:15360\n"));
+    EXPECT_TRUE(
+        Parse("max_cpu=20\nresource_limit_mode=9\ncgroup_groups=main:20:15360\n"
+              "cgroup_components=Tervane:main:main:2000:15360\n"));
     Published published;
     published.maxCpu = 20;
     published.mode = 9;
@@ -479,9 +482,9 @@ TEST_F(UnifiedConfigurationTest, WidensTheRecordAlsoWhenTheUnifiedModeFailed) {
     EXPECT_FALSE(pri().m_unifiedActive);
     EXPECT_EQ("cpu=15 mem=300 fd=1024 a=5 b=0 rio=20480 wio=20480 pid=100 all=0", Show(m_config));
     const Lines all = calls();
-    EXPECT_THAT(all, testing::IsSupersetOf(
-                         {"W3 MonitorPri: active desired but reconcile all failed, fallback to legacy",
-                          "IResourceLimitUtil::StartCpuLimit(9,50,error=0)"}))
+    EXPECT_THAT(all,
+                testing::IsSupersetOf({"W3 MonitorPri: active desired but reconcile all failed, fallback to legacy",
+                                       "IResourceLimitUtil::StartCpuLimit(9,50,error=0)"}))
         << "the legacy limit takes over with the plain maximum";
 }
 
@@ -497,7 +500,8 @@ TEST_F(ResourceConfigurationTest, FollowsAJoinedClientsQuota) {
     EXPECT_EQ(15, pri().m_effectiveMaxCpu);
     const Lines all = calls();
     EXPECT_THAT(all, testing::Not(testing::Contains(testing::HasSubstr("StartCpuLimit"))));
-    EXPECT_EQ("F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=15 mem=300) effective(cpu=8 mem=300) "
-              "unified(cpu=1 mem=0)",
-              all.back());
+    EXPECT_EQ(
+        "F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=15 mem=300) effective(cpu=8 mem=300) "
+        "unified(cpu=1 mem=0)",
+        all.back());
 }

@@ -253,9 +253,9 @@ TEST_F(StatisticsReportTest, SendsAShortageOfMemoryAtOnceAndEveryTime) {
     Map expected = Expected("tervane");
     expected["mem_usage"] = "99";
     EXPECT_EQ(expected, map);
-    const Lines reported = Joined({{"COSInfo::GetMemoryUsage(available)",
-                                    "IMsgTransmit::SendMsg(T_MSG_OS_ABNORMAL,body,\"\",1,0)"},
-                                   m_fullReport});
+    const Lines reported =
+        Joined({{"COSInfo::GetMemoryUsage(available)", "IMsgTransmit::SendMsg(T_MSG_OS_ABNORMAL,body,\"\",1,0)"},
+                m_fullReport});
     EXPECT_EQ(reported, calls());
     ASSERT_EQ(1u, platform().sent.size());
     const doubles::SentMessage& message = platform().sent.front();

@@ -10,8 +10,7 @@
 
 namespace {
 
-const std::string kHeader =
-    "\nName                Pid       StatCnt     SysLoad     AvgLoad     Hit         \n";
+const std::string kHeader = "\nName                Pid       StatCnt     SysLoad     AvgLoad     Hit         \n";
 
 CSysThreadsCpuUsage Thread(long tid, uint32_t statCnt, uint32_t sysLoad, uint32_t avgLoad, uint32_t hit) {
     CSysThreadsCpuUsage thread;
@@ -148,14 +147,14 @@ TEST_F(ThreadReportTest, TabulatesNamesBusiestStackAndMessages) {
                                "curr pid 321\n";
     EXPECT_EQ(logged + "queue length 3\n100%s of %d\n", report);
     EXPECT_EQ(102u, highTid);
-    EXPECT_EQ(Lines({"CSysIntf::GetThreadsCpuUsage()", "CThreadUtil::GetThreadName(101)",
-                     "CThreadUtil::GetThreadName(102)", "CThreadUtil::GetThreadName(103)",
-                     "F4 [Monitor] cpu high thread id:102",
-                     "CFileUtil::ReadFileLineToList(/proc/4242/task/102/stack,104857600)",
-                     "CSysIntf::GetCurrThreadId()", "W4 " + logged, "IMonitorInfo::GetMonitorMessage()",
-                     "F4 [Monitor] Msg:queue length 3", "IMonitorInfo::GetMonitorMessage()",
-                     "IMonitorInfo::GetMonitorMessage()", "F4 [Monitor] Msg:100%s of %d"}),
-              journal());
+    EXPECT_EQ(
+        Lines({"CSysIntf::GetThreadsCpuUsage()", "CThreadUtil::GetThreadName(101)", "CThreadUtil::GetThreadName(102)",
+               "CThreadUtil::GetThreadName(103)", "F4 [Monitor] cpu high thread id:102",
+               "CFileUtil::ReadFileLineToList(/proc/4242/task/102/stack,104857600)", "CSysIntf::GetCurrThreadId()",
+               "W4 " + logged, "IMonitorInfo::GetMonitorMessage()", "F4 [Monitor] Msg:queue length 3",
+               "IMonitorInfo::GetMonitorMessage()", "IMonitorInfo::GetMonitorMessage()",
+               "F4 [Monitor] Msg:100%s of %d"}),
+        journal());
 }
 
 TEST_F(ThreadReportTest, PrintsOnlyTheHeaderWithoutASystemInterface) {
@@ -197,8 +196,7 @@ TEST_F(ThreadReportTest, ChoosesByAverageLoadAndTheEarlierOfTwo) {
 }
 
 TEST_F(ThreadReportTest, ComparesLoadsAsUnsignedNumbers) {
-    m_sysIntf.threads = {Thread(101, 0, 0, 2147483648u, 0), Thread(102, 0, 0, 4294967295u, 0),
-                         Thread(103, 0, 0, 1, 0)};
+    m_sysIntf.threads = {Thread(101, 0, 0, 2147483648u, 0), Thread(102, 0, 0, 4294967295u, 0), Thread(103, 0, 0, 1, 0)};
     std::string report;
     unsigned int highTid = 0;
     m_monitor->GetThreadsInfo(report, &highTid);
@@ -217,9 +215,8 @@ TEST_F(ThreadReportTest, KeepsTheBusiestThreadToItselfWithoutAnOutput) {
                                "                    101       1           2           30          4           \n"
                                "curr pid 321\n";
     EXPECT_EQ(logged + "still here\n", report);
-    EXPECT_EQ(Lines({"CSysIntf::GetThreadsCpuUsage()", "CThreadUtil::GetThreadName(101)",
-                     "CSysIntf::GetCurrThreadId()", "W4 " + logged, "IMonitorInfo::GetMonitorMessage()",
-                     "F4 [Monitor] Msg:still here"}),
+    EXPECT_EQ(Lines({"CSysIntf::GetThreadsCpuUsage()", "CThreadUtil::GetThreadName(101)", "CSysIntf::GetCurrThreadId()",
+                     "W4 " + logged, "IMonitorInfo::GetMonitorMessage()", "F4 [Monitor] Msg:still here"}),
               journal());
 }
 
@@ -234,9 +231,9 @@ TEST_F(ThreadReportTest, SaysNothingAboutAStackThatCannotBeRead) {
                      "CFileUtil::ReadFileLineToList(/proc/4242/task/101/stack,104857600)",
                      "CSysIntf::GetCurrThreadId()", "W4 " + report}),
               journal());
-    EXPECT_EQ(kHeader + "                    101       1           2           30          4           \n" +
-                  "curr pid 321\n",
-              report);
+    EXPECT_EQ(
+        kHeader + "                    101       1           2           30          4           \n" + "curr pid 321\n",
+        report);
 }
 
 TEST_F(ThreadReportTest, AttachesNothingOfAStackWhoseReadingFailsHalfWay) {
@@ -248,9 +245,9 @@ TEST_F(ThreadReportTest, AttachesNothingOfAStackWhoseReadingFailsHalfWay) {
     unsigned int highTid = 0;
     m_monitor->GetThreadsInfo(report, &highTid);
     EXPECT_EQ(101u, highTid);
-    EXPECT_EQ(kHeader + "                    101       1           2           30          4           \n" +
-                  "curr pid 321\n",
-              report);
+    EXPECT_EQ(
+        kHeader + "                    101       1           2           30          4           \n" + "curr pid 321\n",
+        report);
 }
 
 TEST_F(ThreadReportTest, ShiftsTheRowOfALongNameInsteadOfCuttingIt) {
@@ -280,9 +277,9 @@ TEST_F(ThreadReportTest, PrintsTheLow32BitsOfIds) {
     unsigned int highTid = 0;
     m_monitor->GetThreadsInfo(report, &highTid);
     EXPECT_EQ(6u, highTid);
-    EXPECT_EQ(kHeader + "                    6         1           2           3           4           \n" +
-                  "curr pid 5\n",
-              report);
+    EXPECT_EQ(
+        kHeader + "                    6         1           2           3           4           \n" + "curr pid 5\n",
+        report);
 }
 
 TEST_F(ThreadReportTest, AsksTheSingletonForTheCurrentThread) {
@@ -391,9 +388,7 @@ TEST_F(ThreadReportTest, NamesUnderTheSameLockWithoutASystemInterface) {
 
 TEST_F(ThreadReportTest, HoldsTheSystemInterfaceWhileItFillsTheList) {
     Contender contender;
-    m_sysIntf.onFill = [&] {
-        EXPECT_TRUE(contender.IsHeldUpBy([this] { m_monitor->SetSysIntf(nullptr); }));
-    };
+    m_sysIntf.onFill = [&] { EXPECT_TRUE(contender.IsHeldUpBy([this] { m_monitor->SetSysIntf(nullptr); })); };
     std::list<CSysThreadsCpuUsage> list;
     m_monitor->GetThreadsCpuUsage(list);
     EXPECT_TRUE(contender.GetsThrough());
@@ -401,9 +396,7 @@ TEST_F(ThreadReportTest, HoldsTheSystemInterfaceWhileItFillsTheList) {
 
 TEST_F(ThreadReportTest, HoldsTheSystemInterfaceWhileItTellsTheCurrentThread) {
     Contender contender;
-    m_sysIntf.onCurrent = [&] {
-        EXPECT_TRUE(contender.IsHeldUpBy([this] { m_monitor->SetSysIntf(nullptr); }));
-    };
+    m_sysIntf.onCurrent = [&] { EXPECT_TRUE(contender.IsHeldUpBy([this] { m_monitor->SetSysIntf(nullptr); })); };
     EXPECT_EQ(321u, m_monitor->GetCurrThreadId());
     EXPECT_TRUE(contender.GetsThrough());
 }
@@ -411,9 +404,7 @@ TEST_F(ThreadReportTest, HoldsTheSystemInterfaceWhileItTellsTheCurrentThread) {
 TEST_F(ThreadReportTest, HoldsTheMonitorPointsWhileTheyAreAsked) {
     Point point("asked"), late("late");
     Contender contender;
-    point.onAsked = [&] {
-        EXPECT_TRUE(contender.IsHeldUpBy([&] { m_monitor->AddMonitorPoint(&late); }));
-    };
+    point.onAsked = [&] { EXPECT_TRUE(contender.IsHeldUpBy([&] { m_monitor->AddMonitorPoint(&late); })); };
     m_monitor->AddMonitorPoint(&point);
     std::string report;
     m_monitor->GetThreadsInfo(report, nullptr);
@@ -433,9 +424,9 @@ TEST_F(ThreadReportTest, NamesEveryEntryOfTheListAlsoTheOldOnes) {
     EXPECT_EQ("old", list.front().name);
     EXPECT_EQ("new", list.back().name);
     EXPECT_EQ(3u, list.back().avgLoad);
-    EXPECT_EQ(Lines({"CSysIntf::GetThreadsCpuUsage()", "CThreadUtil::GetThreadName(101)",
-                     "CThreadUtil::GetThreadName(102)"}),
-              journal());
+    EXPECT_EQ(
+        Lines({"CSysIntf::GetThreadsCpuUsage()", "CThreadUtil::GetThreadName(101)", "CThreadUtil::GetThreadName(102)"}),
+        journal());
 }
 
 TEST_F(ThreadReportTest, NamesTheListAlsoWithoutASystemInterface) {

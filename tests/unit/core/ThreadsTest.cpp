@@ -64,25 +64,26 @@ TEST_F(ThreadsTest, EnterThePrivateObjectTogether) {
 
     std::atomic<int> wrong{0};
     RunTogether(kRounds, {
-        [&](int) {  // a worker
-            long maximum = 0;
-            if (!pri().IsCpuNeedLimit(1) || pri().IsCpuNeedLimit(0) || pri().GetMaxCpu(maximum)) ++wrong;
-            pri().IsResourceLimited();
-            if (pri().IsDiskFull() || pri().IsMemBusy()) ++wrong;
-        },
-        [&](int) { pri().timeEvent(9001); },
-        [&](int round) { pri().MonitorOther(static_cast<unsigned long>(round)); },
-        [&](int round) {  // in and out of the unified mode
-            conf().resourceLimitMode.Set(round % 3 == 0 ? 9 : round % 3 == 1 ? 1 : 0);
-            pri().OnUpdate();
-        },
-        [&](int) {
-            std::map<std::string, std::string> info;
-            if (!pri().GetExceptionInfo(info)) ++wrong;
-            const std::string& enabled = info["tervane_cpu_limit_enable"];
-            if (enabled != "0" && enabled != "1") ++wrong;
-        },
-    });
+                             [&](int) {  // a worker
+                                 long maximum = 0;
+                                 if (!pri().IsCpuNeedLimit(1) || pri().IsCpuNeedLimit(0) || pri().GetMaxCpu(maximum))
+                                     ++wrong;
+                                 pri().IsResourceLimited();
+                                 if (pri().IsDiskFull() || pri().IsMemBusy()) ++wrong;
+                             },
+                             [&](int) { pri().timeEvent(9001); },
+                             [&](int round) { pri().MonitorOther(static_cast<unsigned long>(round)); },
+                             [&](int round) {  // in and out of the unified mode
+                                 conf().resourceLimitMode.Set(round % 3 == 0 ? 9 : round % 3 == 1 ? 1 : 0);
+                                 pri().OnUpdate();
+                             },
+                             [&](int) {
+                                 std::map<std::string, std::string> info;
+                                 if (!pri().GetExceptionInfo(info)) ++wrong;
+                                 const std::string& enabled = info["tervane_cpu_limit_enable"];
+                                 if (enabled != "0" && enabled != "1") ++wrong;
+                             },
+                         });
     EXPECT_EQ(0, wrong);
     EXPECT_TRUE(pri().StopMonitor());
 }
@@ -101,17 +102,17 @@ TEST_F(ThreadsTest, AReloadOfTheClientResetsTheLegacyLimitsWhileAnUpdateAppliesT
     }
 
     RunTogether(kRounds, {
-        [&](int round) {
-            conf().resourceLimitMode.Set(round % 2 == 0 ? 5 : 0);
-            pri().OnUpdate();
-        },
-        [&](int) { pri().ReloadCgroupClientConfig(); },
-        [&](int) {
-            std::map<std::string, std::string> info;
-            pri().GetExceptionInfo(info);
-            pri().IsResourceLimited();
-        },
-    });
+                             [&](int round) {
+                                 conf().resourceLimitMode.Set(round % 2 == 0 ? 5 : 0);
+                                 pri().OnUpdate();
+                             },
+                             [&](int) { pri().ReloadCgroupClientConfig(); },
+                             [&](int) {
+                                 std::map<std::string, std::string> info;
+                                 pri().GetExceptionInfo(info);
+                                 pri().IsResourceLimited();
+                             },
+                         });
     platform().client.cpuJoined.Always(true);
     platform().client.memJoined.Always(true);
     pri().m_legacyCpuEnabled = true;
@@ -130,26 +131,26 @@ TEST_F(ThreadsTest, EnterTheFacadeTogether) {
     monitor.AddMonitorPoint(&kept);
     std::atomic<int> wrong{0};
     RunTogether(kRounds, {
-        [&](int) {
-            std::string report;
-            unsigned int highTid = 7;
-            monitor.GetThreadsInfo(report, &highTid);
-            if (highTid != 0 || report.find("here\n") == std::string::npos) ++wrong;
-        },
-        [&](int) {
-            monitor.AddMonitorPoint(&passing);
-            monitor.RemoveMonitorPoint(&passing);
-        },
-        [&](int round) { monitor.SetSysIntf(round % 2 == 0 ? &sysIntf : nullptr); },
-        [&](int) {
-            const unsigned long id = monitor.GetCurrThreadId();
-            if (id != 0 && id != 9) ++wrong;
-            std::string name;
-            long tid = 1;
-            unsigned int usage = 1;
-            monitor.GetHighCpuUsageThreadName(name, tid, usage);
-            if (!(tid == 0 && usage == 0) && !(tid == 5 && usage == 50)) ++wrong;
-        },
-    });
+                             [&](int) {
+                                 std::string report;
+                                 unsigned int highTid = 7;
+                                 monitor.GetThreadsInfo(report, &highTid);
+                                 if (highTid != 0 || report.find("here\n") == std::string::npos) ++wrong;
+                             },
+                             [&](int) {
+                                 monitor.AddMonitorPoint(&passing);
+                                 monitor.RemoveMonitorPoint(&passing);
+                             },
+                             [&](int round) { monitor.SetSysIntf(round % 2 == 0 ? &sysIntf : nullptr); },
+                             [&](int) {
+                                 const unsigned long id = monitor.GetCurrThreadId();
+                                 if (id != 0 && id != 9) ++wrong;
+                                 std::string name;
+                                 long tid = 1;
+                                 unsigned int usage = 1;
+                                 monitor.GetHighCpuUsageThreadName(name, tid, usage);
+                                 if (!(tid == 0 && usage == 0) && !(tid == 5 && usage == 50)) ++wrong;
+                             },
+                         });
     EXPECT_EQ(0, wrong);
 }

@@ -26,10 +26,10 @@ TEST_F(ThrottleQueriesTest, ThrottlesByLevelAndPriority) {
         unsigned int pauseMs;  // 0: no throttling
     };
     const Case cases[] = {
-        {0, 0, 0},  {0, 1, 0},  {0, 2, 0},   // free
-        {1, 0, 0},  {1, 1, 5},  {1, 2, 5},   // busy spares the most important work
-        {2, 0, 10}, {2, 1, 10}, {2, 2, 10},  // very busy spares none
-        {3, 0, 0},  {3, 2, 0},  {-1, 0, 0},  {-1, 2, 0},  // only 1 and 2 mean anything
+        {0, 0, 0},  {0, 1, 0},  {0, 2, 0},               // free
+        {1, 0, 0},  {1, 1, 5},  {1, 2, 5},               // busy spares the most important work
+        {2, 0, 10}, {2, 1, 10}, {2, 2, 10},              // very busy spares none
+        {3, 0, 0},  {3, 2, 0},  {-1, 0, 0}, {-1, 2, 0},  // only 1 and 2 mean anything
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << "level " << c.level << " priority " << c.priority);

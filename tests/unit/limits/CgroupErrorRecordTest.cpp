@@ -32,9 +32,9 @@ struct CheckCase {
 TEST_F(CgroupErrorRecordTest, WritesTheThreeCodesAsOneLineWithoutALineEnd) {
     for (int code : {13, 105, 119}) {
         EXPECT_TRUE(pri().WriteCgroupError(code));
-        EXPECT_EQ(Lines({"CToolUtil::GetApplicationDirPath()",
-                         "CFileUtil::WriteNewFile(/opt/agent/home/cgroup_errors,0)"}),
-                  journal());
+        EXPECT_EQ(
+            Lines({"CToolUtil::GetApplicationDirPath()", "CFileUtil::WriteNewFile(/opt/agent/home/cgroup_errors,0)"}),
+            journal());
         EXPECT_EQ(std::to_string(code) + "-1700000000", platform().files.content[kPath]);
     }
 }
@@ -76,8 +76,7 @@ TEST_F(CgroupErrorRecordTest, ReplacesTheWholeFile) {
 TEST_F(CgroupErrorRecordTest, ReportsAFailedWriteByItsResultAlone) {
     platform().files.failWrite.insert(kPath);
     EXPECT_FALSE(pri().WriteCgroupError(13));
-    EXPECT_EQ(Lines({"CToolUtil::GetApplicationDirPath()",
-                     "CFileUtil::WriteNewFile(/opt/agent/home/cgroup_errors,0)"}),
+    EXPECT_EQ(Lines({"CToolUtil::GetApplicationDirPath()", "CFileUtil::WriteNewFile(/opt/agent/home/cgroup_errors,0)"}),
               journal());
     EXPECT_FALSE(FileIsThere());
 }

@@ -37,14 +37,14 @@ struct PrefixCase {
 
 TEST(KernelVersionTest, ReadsTheNumbersOfARelease) {
     const std::vector<ReleaseCase> cases = {
-        {"4.9.93-010.x86_64", true, 4, 9, 93, 10},        // decimal, not octal
+        {"4.9.93-010.x86_64", true, 4, 9, 93, 10},  // decimal, not octal
         {"4.9.151-014.x86_64", true, 4, 9, 151, 14},
-        {"5.4.0-150-generic", true, 5, 4, 0, 150},        // the second piece alone
+        {"5.4.0-150-generic", true, 5, 4, 0, 150},  // the second piece alone
         {"6.1.0-13-cloud-amd64", true, 6, 1, 0, 13},
-        {"5.10.0", true, 5, 10, 0, 0},                    // no build
+        {"5.10.0", true, 5, 10, 0, 0},  // no build
         {"5.10.0+", true, 5, 10, 0, 0},
-        {"5.10.0-", true, 5, 10, 0, 0},                   // empty build
-        {"5.10.0-rc1", true, 5, 10, 0, 0},                // a build that is no number
+        {"5.10.0-", true, 5, 10, 0, 0},     // empty build
+        {"5.10.0-rc1", true, 5, 10, 0, 0},  // a build that is no number
         {"5.10.0-.7", true, 5, 10, 0, 0},
         {"5.10.0-7", true, 5, 10, 0, 7},
         {"3.10.0-1160.el7.x86_64", true, 3, 10, 0, 1160},
@@ -123,27 +123,27 @@ TEST(KernelVersionTest, FindsTheKernelInARange) {
         {"40000.0.0-0,50000.0.0-0", Local(33000, 0, 0, 0), false},
     };
     for (const RangeCase& c : cases) {
-        EXPECT_EQ(c.inside, IsKernelInRangeList(c.list, c.local)) << c.list << " packed " << c.local.packed << " build "
-                                                                  << c.local.build;
+        EXPECT_EQ(c.inside, IsKernelInRangeList(c.list, c.local))
+            << c.list << " packed " << c.local.packed << " build " << c.local.build;
     }
 }
 
 TEST(KernelVersionTest, SkipsMalformedRangeEntriesAndCountsTheNext) {
     const std::vector<std::string> malformed = {
-        "",                              // two blanks in a row
+        "",  // two blanks in a row
         ",",
-        "4.9.93-1",                      // one bound
-        "4.9.93-1,4.9.95-1,4.9.99-1",    // three bounds
-        "4.9.93,4.9.151",                // no build
-        "4.9.93-1,4.9.151",              // one build
+        "4.9.93-1",                    // one bound
+        "4.9.93-1,4.9.95-1,4.9.99-1",  // three bounds
+        "4.9.93,4.9.151",              // no build
+        "4.9.93-1,4.9.151",            // one build
         "4.9.93,4.9.151-1",
-        "4.9.93-1-2,4.9.151-1",          // two builds
-        "4.9-1,4.10-1",                  // two numbers
+        "4.9.93-1-2,4.9.151-1",  // two builds
+        "4.9-1,4.10-1",          // two numbers
         "4.9.90-1,4.10-1",
-        "4.9.0.1-1,4.9.99.1-1",          // four numbers
+        "4.9.0.1-1,4.9.99.1-1",  // four numbers
         "4.9.90-1;4.9.99-1",
         "\t",
-        "4.9.90-1\t4.9.99-1",            // a tab separates nothing
+        "4.9.90-1\t4.9.99-1",  // a tab separates nothing
     };
     const PackedKernelVersion local = Local(4, 9, 93, 5);
     for (const std::string& entry : malformed) {
@@ -157,22 +157,22 @@ TEST(KernelVersionTest, LooksAtTheEntriesOfAPrefixList) {
     const char* blacklist = "4.9.93-010 4.9.93-012 4.9.135-013 4.9.151-014";
     const std::vector<PrefixCase> cases = {
         {blacklist, "4.9.93-010.x86_64", true},
-        {blacklist, "4.9.93-0101", true},          // plain prefix
+        {blacklist, "4.9.93-0101", true},  // plain prefix
         {blacklist, "4.9.93-012.x86_64", true},
         {blacklist, "4.9.135-013.x86_64", true},
         {blacklist, "4.9.151-014.x86_64", true},
         {blacklist, "4.9.93-011.x86_64", false},
-        {blacklist, "4.9.93-01", false},           // shorter than the entry
+        {blacklist, "4.9.93-01", false},  // shorter than the entry
         {blacklist, " 4.9.93-010", false},
         {"4.9.93-010", "4.9.93-010", true},
         {"4.9", "4.90.1", true},
         {"5.4.0-Generic", "5.4.0-generic", false},  // case counts
         {"  4.9.93-010  ", "4.9.93-010.x86_64", true},
-        {"5.4  4.9", "4.9.1", true},               // an empty entry between two blanks is no prefix of everything
+        {"5.4  4.9", "4.9.1", true},  // an empty entry between two blanks is no prefix of everything
         {" ", "4.9.1", false},
         {"   ", "4.9.1", false},
-        {"\t4.9\r\n", "4.9.1", true},              // each entry is trimmed
-        {"5.4\t4.9", "4.9.1", false},              // but only a blank separates
+        {"\t4.9\r\n", "4.9.1", true},  // each entry is trimmed
+        {"5.4\t4.9", "4.9.1", false},  // but only a blank separates
         {"", "4.9.1", false},
         {"4.9", "", false},
         {"", "", false},

@@ -101,14 +101,14 @@ TEST_F(LegacyCpuLimitTest, GoesOnWhenTheUnifiedModeHoldsMemoryOnlyAndCpuIsVersio
     BeUnifiedMain();
     platform().manager.memEnabled.Always(true);
     platform().manager.memV2.Always(true);
-    EXPECT_EQ(Lines({"CCgroupManager::IsCpuCgroupEnabled()", "CCgroupManager::IsMemCgroupEnabled()",
-                     "CCgroupManager::IsMemV2()", "IsResourceLimitCpuCgroupV2Runtime()",
-                     "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitMemCgroupV2Runtime()",
-                     "CCgroupManager::IsCpuCgroupEnabled()", "CCgroupManager::IsCpuV2()",
-                     "CResourceMonitor::IsCpuSolarisMode()", "GetResourceLimitUtil()",
-                     "IResourceLimitUtil::SyncCpuLimit()"}) +
-                  Changed(9, 10) + Started(9, 50),
-              Pass(9, 10));
+    EXPECT_EQ(
+        Lines(
+            {"CCgroupManager::IsCpuCgroupEnabled()", "CCgroupManager::IsMemCgroupEnabled()",
+             "CCgroupManager::IsMemV2()", "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitCpuCgroupV2Runtime()",
+             "IsResourceLimitMemCgroupV2Runtime()", "CCgroupManager::IsCpuCgroupEnabled()", "CCgroupManager::IsCpuV2()",
+             "CResourceMonitor::IsCpuSolarisMode()", "GetResourceLimitUtil()", "IResourceLimitUtil::SyncCpuLimit()"}) +
+            Changed(9, 10) + Started(9, 50),
+        Pass(9, 10));
 }
 
 TEST_F(LegacyCpuLimitTest, GoesOnWhileTheUnifiedModeHoldsNoController) {
@@ -144,14 +144,14 @@ TEST_F(LegacyCpuLimitTest, DoesNotAskTheManagerOfAComponentInAVersion2MemoryGrou
     platform().client.memJoined.Always(true);
     platform().client.memPath.Always("/cg/zel.agent/main/A");
     platform().files.existing.insert("/cg/zel.agent/main/A/cgroup.controllers");
-    EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()",
-                     "CCgroupClient::GetMemCgroupPath()", "access(/cg/zel.agent/main/A/cgroup.controllers)",
-                     "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitCpuCgroupV2Runtime()",
-                     "IsResourceLimitMemCgroupV2Runtime()", "CCgroupClient::IsCpuJoined()",
-                     "CResourceMonitor::IsCpuSolarisMode()", "GetResourceLimitUtil()",
-                     "IResourceLimitUtil::SyncCpuLimit()"}) +
-                  Changed(9, 10) + Started(9, 50),
-              Pass(9, 10));
+    EXPECT_EQ(
+        Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()", "CCgroupClient::GetMemCgroupPath()",
+               "access(/cg/zel.agent/main/A/cgroup.controllers)", "IsResourceLimitCpuCgroupV2Runtime()",
+               "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitMemCgroupV2Runtime()",
+               "CCgroupClient::IsCpuJoined()", "CResourceMonitor::IsCpuSolarisMode()", "GetResourceLimitUtil()",
+               "IResourceLimitUtil::SyncCpuLimit()"}) +
+            Changed(9, 10) + Started(9, 50),
+        Pass(9, 10));
 }
 
 TEST_F(LegacyCpuLimitTest, DoesNotAskTheManagerWhenTheUnifiedModeIsOff) {
@@ -195,8 +195,7 @@ TEST_F(LegacyCpuLimitTest, ClearsTwiceWhenItsClientJoinedAVersion2CpuGroupOverAV
     BeClientInV2CpuGroup();
     platform().limit.cpuV2Runtime.Always(true);
     EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::GetCpuCgroupPath()",
-                     "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)",
-                     "IsResourceLimitCpuCgroupV2Runtime()",
+                     "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)", "IsResourceLimitCpuCgroupV2Runtime()",
                      // the version 2 detach
                      "IsResourceLimitCpuCgroupV2Runtime()", "ClearResourceLimitCpuCgroupState()",
                      "IsResourceLimitMemCgroupV2Runtime()",
@@ -218,29 +217,29 @@ TEST_F(LegacyCpuLimitTest, RemembersThatTheLegacyLimitRanOnVersion2AfterTheLibra
     FillLegacyState();
     BeClientInV2MemoryGroup();
     platform().limit.cpuV2Runtime.Always(true);
-    EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()",
-                     "CCgroupClient::GetMemCgroupPath()", "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)",
-                     "IsResourceLimitCpuCgroupV2Runtime()",
-                     // the detach makes the library forget
-                     "IsResourceLimitCpuCgroupV2Runtime()", "ClearResourceLimitCpuCgroupState()",
-                     "IsResourceLimitMemCgroupV2Runtime()",
-                     // and the pass still ends here
-                     "CCgroupClient::IsCpuJoined()"}),
-              Pass(1, 10));
+    EXPECT_EQ(
+        Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()", "CCgroupClient::GetMemCgroupPath()",
+               "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)", "IsResourceLimitCpuCgroupV2Runtime()",
+               // the detach makes the library forget
+               "IsResourceLimitCpuCgroupV2Runtime()", "ClearResourceLimitCpuCgroupState()",
+               "IsResourceLimitMemCgroupV2Runtime()",
+               // and the pass still ends here
+               "CCgroupClient::IsCpuJoined()"}),
+        Pass(1, 10));
     EXPECT_EQ(kCpuForgotten, CpuState());
     EXPECT_EQ(kMemFilled, MemState());
 }
 
 TEST_F(LegacyCpuLimitTest, GoesOnBesideAVersion2MemoryGroupWhileItRunsOnVersion1) {
     BeClientInV2MemoryGroup();
-    EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()",
-                     "CCgroupClient::GetMemCgroupPath()", "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)",
-                     "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitCpuCgroupV2Runtime()",
-                     "IsResourceLimitMemCgroupV2Runtime()", "CCgroupClient::IsCpuJoined()",
-                     "CResourceMonitor::IsCpuSolarisMode()", "GetResourceLimitUtil()",
-                     "IResourceLimitUtil::SyncCpuLimit()"}) +
-                  Changed(1, 10) + Started(9, 50),
-              Pass(1, 10));
+    EXPECT_EQ(
+        Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()", "CCgroupClient::GetMemCgroupPath()",
+               "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)", "IsResourceLimitCpuCgroupV2Runtime()",
+               "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitMemCgroupV2Runtime()",
+               "CCgroupClient::IsCpuJoined()", "CResourceMonitor::IsCpuSolarisMode()", "GetResourceLimitUtil()",
+               "IResourceLimitUtil::SyncCpuLimit()"}) +
+            Changed(1, 10) + Started(9, 50),
+        Pass(1, 10));
 }
 
 TEST_F(LegacyCpuLimitTest, KeepsARunningLegacyV2LimitWhenNoUnifiedGroupIsThere) {
@@ -256,9 +255,8 @@ TEST_F(LegacyCpuLimitTest, HandsTheValueOverAsPercentAndHundredths) {
         int logged, percent, hundredths;
     };
     const std::vector<Case> cases = {
-        {10, 10, 9, 50},   {1, 1, 1, 0},       {0, 0, 1, 0},        {-5, -5, 1, 0},
-        {50, 50, 47, 50},  {100, 100, 95, 0},  {105, 105, 99, 75},  {106, 106, 100, 0},
-        {200, 200, 100, 0},
+        {10, 10, 9, 50},   {1, 1, 1, 0},       {0, 0, 1, 0},       {-5, -5, 1, 0},     {50, 50, 47, 50},
+        {100, 100, 95, 0}, {105, 105, 99, 75}, {106, 106, 100, 0}, {200, 200, 100, 0},
     };
     for (const Case& c : cases) {
         pri().ResetLegacyCpuLimitState();
@@ -271,7 +269,7 @@ TEST_F(LegacyCpuLimitTest, CountsTheShareOverAllProcessorsInSolarisMode) {
     const Lines reached = {"IsResourceLimitCpuCgroupV2Runtime()", "CResourceMonitor::IsCpuSolarisMode()",
                            "sysconf(_SC_NPROCESSORS_CONF)", "GetResourceLimitUtil()",
                            "IResourceLimitUtil::SyncCpuLimit()"};
-    EXPECT_EQ(reached + Changed(1, 50) + Started(190, 0), Pass(1, 50));    // 4750 * 4
+    EXPECT_EQ(reached + Changed(1, 50) + Started(190, 0), Pass(1, 50));  // 4750 * 4
     EXPECT_EQ(reached + Changed(1, 10) + Started(38, 0), Pass(1, 10));
     EXPECT_EQ(reached + Changed(1, 300) + Started(400, 0), Pass(1, 300));  // clamped first, then multiplied
     EXPECT_EQ(reached + Changed(1, 0) + Started(4, 0), Pass(1, 0));
@@ -346,9 +344,9 @@ TEST_F(LegacyCpuLimitTest, KeepsTheNumbersOfAFailedStopWithoutALogLine) {
 TEST_F(LegacyCpuLimitTest, ComparesTheComputedValueAndTheOneBitOnly) {
     platform().limit.cpuLimited.Always(true);
     Pass(1, 200);
-    EXPECT_EQ(kReached + kUnchanged, Pass(1, 300));    // both 100 %
-    EXPECT_EQ(kReached + kUnchanged, Pass(13, 300));   // other bits do not count
-    EXPECT_EQ(1, pri().m_legacyCpuMode);               // and are not stored
+    EXPECT_EQ(kReached + kUnchanged, Pass(1, 300));   // both 100 %
+    EXPECT_EQ(kReached + kUnchanged, Pass(13, 300));  // other bits do not count
+    EXPECT_EQ(1, pri().m_legacyCpuMode);              // and are not stored
     EXPECT_EQ(kReached + Changed(3, 30) + Started(28, 50), Pass(3, 30));
     EXPECT_EQ(3, pri().m_legacyCpuMode);
 }

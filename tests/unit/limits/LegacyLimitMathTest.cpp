@@ -9,11 +9,16 @@
 
 TEST(LegacyLimitMathTest, GivesTheGroup95PercentWithinItsBounds) {
     const std::vector<std::pair<long, int32_t>> cases = {
-        {LONG_MIN, 100}, {-2147483649L, 100}, {-1, 100}, {0, 100},
-        {1, 100},        // 95, raised
-        {2, 190},        {3, 285},   {10, 950},    {20, 1900},  {50, 4750}, {99, 9405}, {100, 9500},
-        {105, 9975},     {106, 10000},  // 10070, lowered
-        {200, 10000},    {300, 10000},  {1000, 10000}, {22605091, 10000},
+        {LONG_MIN, 100}, {-2147483649L, 100},
+        {-1, 100},       {0, 100},
+        {1, 100},  // 95, raised
+        {2, 190},        {3, 285},
+        {10, 950},       {20, 1900},
+        {50, 4750},      {99, 9405},
+        {100, 9500},     {105, 9975},
+        {106, 10000},  // 10070, lowered
+        {200, 10000},    {300, 10000},
+        {1000, 10000},   {22605091, 10000},
     };
     for (const auto& c : cases) EXPECT_EQ(c.second, LegacyCpuLimit100Times(c.first)) << c.first;
 }
@@ -57,13 +62,13 @@ TEST(LegacyLimitMathTest, LetsARetryThroughEvery600Seconds) {
         bool due;
     };
     const std::vector<Case> cases = {
-        {0, 0, true},                             // never yet
+        {0, 0, true},  // never yet
         {0, 1700000000, true},
         {1700000000, 1700000000, false},
         {1700000000, 1700000599, false},
         {1700000000, 1700000600, true},
-        {1700000000, 1699999999, true},           // the clock went backwards
-        {1700000000, -5, true},                   // or beyond what 32 bits hold
+        {1700000000, 1699999999, true},  // the clock went backwards
+        {1700000000, -5, true},          // or beyond what 32 bits hold
         {-700, -101, false},
         {-700, -100, true},
     };
@@ -76,9 +81,9 @@ TEST(LegacyLimitMathTest, ShiftsKilobytesToBytesIn32Bits) {
         {1, 1024},
         {204800, 209715200},
         {2097151, 2147482624},
-        {2097152, INT_MIN},   // 2 GB
+        {2097152, INT_MIN},  // 2 GB
         {3145728, -1073741824},
-        {4194304, 0},         // 4 GB
+        {4194304, 0},  // 4 GB
         {INT_MAX, -1024},
         {-1, -1024},
     };

@@ -11,8 +11,7 @@ constexpr int kSecondKb = 204800;  // 200 MB
 const Lines kReached = {"IsResourceLimitMemCgroupV2Runtime()"};
 const Lines kUnchanged = {"W4 resource limit mode and max limit mem is not change"};
 const Lines kTrying = {"W4 not match 0 try to set mem limit"};
-const Lines kNoRecord = {"CToolUtil::GetApplicationDirPath()",
-                         "CFileUtil::IsFile(/opt/agent/home/cgroup_errors)"};
+const Lines kNoRecord = {"CToolUtil::GetApplicationDirPath()", "CFileUtil::IsFile(/opt/agent/home/cgroup_errors)"};
 const Lines kHasRecord = kNoRecord + Lines({"CFileUtil::ReadFileLineToList(/opt/agent/home/cgroup_errors,128)"});
 const Lines kKernelRead = {"uname()"};
 const Lines kRecorded = {"CToolUtil::GetApplicationDirPath()",
@@ -27,7 +26,9 @@ Lines StartCall(int first, int second) {
 }
 const Lines kStartCall = StartCall(314572800, 209715200);
 const Lines kSuccess = {"IResourceLimitUtil::IsMemLimited()", "W4 mem limit success"};
-Lines Failed(int ret, int error) { return {doubles::Format("F3 [MonitorPri] mem limit fail [%d - %d]", ret, error)}; }
+Lines Failed(int ret, int error) {
+    return {doubles::Format("F3 [MonitorPri] mem limit fail [%d - %d]", ret, error)};
+}
 Lines WrongKernel(const std::string& release) {
     return Lines({"F4 [MonitorPri] kernel not in limit range: " + release + "!"}) + Failed(10, 0);
 }
@@ -164,15 +165,15 @@ TEST_F(LegacyMemLimitTest, ClearsTwiceWhenItsClientJoinedAVersion2MemoryGroupOve
     FillLegacyState();
     BeClientInV2MemoryGroup();
     platform().limit.memV2Runtime.Always(true);
-    EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()",
-                     "CCgroupClient::GetMemCgroupPath()", "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)",
-                     "IsResourceLimitMemCgroupV2Runtime()",
-                     // the version 2 detach
-                     "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitMemCgroupV2Runtime()",
-                     "ClearResourceLimitMemCgroupState()",
-                     // then the memory detach of the joined client
-                     "CCgroupClient::IsMemJoined()", "ClearResourceLimitMemCgroupState()"}),
-              Pass(true));
+    EXPECT_EQ(
+        Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()", "CCgroupClient::GetMemCgroupPath()",
+               "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)", "IsResourceLimitMemCgroupV2Runtime()",
+               // the version 2 detach
+               "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitMemCgroupV2Runtime()",
+               "ClearResourceLimitMemCgroupState()",
+               // then the memory detach of the joined client
+               "CCgroupClient::IsMemJoined()", "ClearResourceLimitMemCgroupState()"}),
+        Pass(true));
     EXPECT_EQ(kMemForgotten, MemState());
     EXPECT_EQ(kCpuFilled, CpuState());
 }
@@ -182,12 +183,11 @@ TEST_F(LegacyMemLimitTest, DetachesWhenItsClientJoinedAMemoryGroup) {
     HaveClient();
     platform().client.memJoined.Always(true);
     platform().client.memPath.Always("/sys/fs/cgroup/memory/zel.agent/main");
-    EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()",
-                     "CCgroupClient::GetMemCgroupPath()",
-                     "access(/sys/fs/cgroup/memory/zel.agent/main/cgroup.controllers)",
-                     "IsResourceLimitMemCgroupV2Runtime()", "CCgroupClient::IsMemJoined()",
-                     "ClearResourceLimitMemCgroupState()"}),
-              Pass(true));
+    EXPECT_EQ(
+        Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()", "CCgroupClient::GetMemCgroupPath()",
+               "access(/sys/fs/cgroup/memory/zel.agent/main/cgroup.controllers)", "IsResourceLimitMemCgroupV2Runtime()",
+               "CCgroupClient::IsMemJoined()", "ClearResourceLimitMemCgroupState()"}),
+        Pass(true));
     EXPECT_EQ(kMemForgotten, MemState());
     EXPECT_EQ(kCpuFilled, CpuState());
 }
@@ -204,10 +204,9 @@ TEST_F(LegacyMemLimitTest, RemembersThatTheLegacyLimitRanOnVersion2AfterTheLibra
     BeClientInV2CpuGroup();
     platform().limit.memV2Runtime.Always(true);
     EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::GetCpuCgroupPath()",
-                     "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)",
-                     "IsResourceLimitMemCgroupV2Runtime()", "IsResourceLimitCpuCgroupV2Runtime()",
-                     "IsResourceLimitMemCgroupV2Runtime()", "ClearResourceLimitMemCgroupState()",
-                     "CCgroupClient::IsMemJoined()"}),
+                     "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)", "IsResourceLimitMemCgroupV2Runtime()",
+                     "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitMemCgroupV2Runtime()",
+                     "ClearResourceLimitMemCgroupState()", "CCgroupClient::IsMemJoined()"}),
               Pass(true));
     EXPECT_EQ(kMemForgotten, MemState());
     EXPECT_EQ(kCpuFilled, CpuState());
@@ -216,9 +215,9 @@ TEST_F(LegacyMemLimitTest, RemembersThatTheLegacyLimitRanOnVersion2AfterTheLibra
 TEST_F(LegacyMemLimitTest, GoesOnBesideAVersion2CpuGroupWhileItRunsOnVersion1) {
     BeClientInV2CpuGroup();
     EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::GetCpuCgroupPath()",
-                     "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)",
-                     "IsResourceLimitMemCgroupV2Runtime()", "IsResourceLimitCpuCgroupV2Runtime()",
-                     "IsResourceLimitMemCgroupV2Runtime()", "CCgroupClient::IsMemJoined()"}) +
+                     "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)", "IsResourceLimitMemCgroupV2Runtime()",
+                     "IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitMemCgroupV2Runtime()",
+                     "CCgroupClient::IsMemJoined()"}) +
                   kTrying + kNoRecord + kKernelRead + kPrepared + kStartCall + kSuccess,
               Pass(true));
 }
@@ -350,12 +349,12 @@ TEST_F(LegacyMemLimitTest, PrintsTheReleaseAlsoWithoutAListOnceTheKernelWasRead)
 TEST_F(LegacyMemLimitTest, HandsTheExcludeListsOverWithoutMatchingThem) {
     pri().m_memLimitExcludeRange = "6.1.0-0,6.9.0-0";  // covers the local kernel: the limit object decides
     pri().m_memLimitExcludeKernels = "6.1.0-13";
-    EXPECT_EQ(kReached + kTrying + kNoRecord + kKernelRead +
-                  Lines({"GetResourceLimitUtil()",
-                         "IResourceLimitUtil::SetKernelExcludeLists(2,6.1.0-0,6.9.0-0,6.1.0-13)",
-                         "IResourceLimitUtil::PrepareMemLimit()"}) +
-                  kStartCall + kSuccess,
-              Pass(true));
+    EXPECT_EQ(
+        kReached + kTrying + kNoRecord + kKernelRead +
+            Lines({"GetResourceLimitUtil()", "IResourceLimitUtil::SetKernelExcludeLists(2,6.1.0-0,6.9.0-0,6.1.0-13)",
+                   "IResourceLimitUtil::PrepareMemLimit()"}) +
+            kStartCall + kSuccess,
+        Pass(true));
 }
 
 TEST_F(LegacyMemLimitTest, HandsTheExcludeListsOverWhenOnlyOneIsThere) {
@@ -368,8 +367,7 @@ TEST_F(LegacyMemLimitTest, HandsTheExcludeListsOverWhenOnlyOneIsThere) {
     pri().m_memLimitExcludeKernels = "";
     pri().m_memLimitExcludeRange = "4.9.0-1,4.9.9-1";
     EXPECT_EQ(kReached + kUnchanged + kTrying + kNoRecord +
-                  Lines({"GetResourceLimitUtil()",
-                         "IResourceLimitUtil::SetKernelExcludeLists(2,4.9.0-1,4.9.9-1,)",
+                  Lines({"GetResourceLimitUtil()", "IResourceLimitUtil::SetKernelExcludeLists(2,4.9.0-1,4.9.9-1,)",
                          "IResourceLimitUtil::PrepareMemLimit()"}) +
                   kStartCall + kSuccess,
               Pass(true));
@@ -395,8 +393,7 @@ TEST_F(LegacyMemLimitTest, LeavesTheFlagAndTheCodeAloneWhenAStartFails) {
     Pass(true);
     platform().limit.startMem.Always({9, 22});
     platform().limit.memLimited.Always(false);
-    EXPECT_EQ(kReached + kTrying + kNoRecord + kPrepared + StartCall(2048, 1024) + Failed(9, 22),
-              Pass(false, 4, 2, 1));
+    EXPECT_EQ(kReached + kTrying + kNoRecord + kPrepared + StartCall(2048, 1024) + Failed(9, 22), Pass(false, 4, 2, 1));
     EXPECT_EQ("limited=1 enabled=1 first=2 second=1 | code=0", MemState());
 }
 

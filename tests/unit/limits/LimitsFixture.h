@@ -71,17 +71,14 @@ protected:
                                static_cast<int>(pri().m_resourceLimited), static_cast<int>(pri().m_legacyCpuEnabled),
                                static_cast<int>(pri().m_legacyCpuLimitValue),
                                static_cast<long long>(pri().m_legacyCpuLastRetryTime),
-                               static_cast<int>(pri().m_legacyCpuErrorCode),
-                               static_cast<int>(pri().m_legacyCpuMode),
+                               static_cast<int>(pri().m_legacyCpuErrorCode), static_cast<int>(pri().m_legacyCpuMode),
                                static_cast<int>(pri().m_legacyCpuCallCount));
     }
     std::string MemState() {
-        return doubles::Format("limited=%d enabled=%d first=%d second=%d | code=%d",
-                               static_cast<int>(pri().m_legacyMemLimited),
-                               static_cast<int>(pri().m_legacyMemEnabled),
-                               static_cast<int>(pri().m_legacyMemFirstLimit),
-                               static_cast<int>(pri().m_legacyMemSecondLimit),
-                               static_cast<int>(pri().m_legacyMemErrorCode));
+        return doubles::Format(
+            "limited=%d enabled=%d first=%d second=%d | code=%d", static_cast<int>(pri().m_legacyMemLimited),
+            static_cast<int>(pri().m_legacyMemEnabled), static_cast<int>(pri().m_legacyMemFirstLimit),
+            static_cast<int>(pri().m_legacyMemSecondLimit), static_cast<int>(pri().m_legacyMemErrorCode));
     }
     static constexpr const char* kCpuFilled =
         "limited=1 enabled=1 value=950 retry=1699999000 | code=50013 mode=5 count=17";
