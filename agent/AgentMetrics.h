@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "Supervisor.h"
-#include "platform/host/HostServices.h"
+#include "platform/host/HostRecords.h"
 #include "platform/zel/CgroupTreeStatus.h"
 
 namespace agent {

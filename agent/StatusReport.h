@@ -8,7 +8,7 @@
 #include "EventTail.h"
 #include "Supervisor.h"
 #include "Workers.h"
-#include "platform/host/HostServices.h"
+#include "platform/host/HostRecords.h"
 #include "platform/zel/CgroupStatus.h"
 #include "platform/zel/CgroupTreeStatus.h"
 

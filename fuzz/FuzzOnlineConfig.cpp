@@ -5,7 +5,7 @@
 #include <map>
 #include <string>
 
-#include "OnlineConfigParse.h"
+#include "config/OnlineConfigParse.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 

@@ -3,15 +3,15 @@
 
 #include <mutex>
 
-#include "EventDelivery.h"
-#include "HostContext.h"
-#include "HostMetrics.h"
-#include "MetricsServer.h"
-#include "MetricsText.h"
-#include "OnlineConfigLoader.h"
+#include "events/EventDelivery.h"
+#include "sampling/HostContext.h"
+#include "metrics/HostMetrics.h"
+#include "metrics/MetricsServer.h"
+#include "metrics/MetricsText.h"
+#include "config/OnlineConfigLoader.h"
 #include "SecureFile.h"
 #include "StatisticsRegistry.h"
-#include "ThreadFacts.h"
+#include "sampling/ThreadFacts.h"
 #include "platform/zel/ToolUtil.h"
 
 namespace zelhost {

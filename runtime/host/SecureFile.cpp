@@ -10,11 +10,6 @@
 
 namespace zelhost {
 
-void UniqueFd::Reset(int fd) {
-    if (m_fd >= 0) close(m_fd);
-    m_fd = fd;
-}
-
 bool FileMark::operator==(const FileMark& o) const {
     if (exists != o.exists) return false;
     if (!exists) return true;
@@ -51,15 +46,15 @@ std::string WhyNotTrusted(const struct stat& st) {
 }  // namespace
 
 TrustedRead ReadTrustedFile(const std::string& path, size_t limit, std::string& text, std::string& reason) {
-    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    base::Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     if (!fd) {
         if (errno == ENOENT) return TrustedRead::kMissing;
-        reason = errno == ELOOP ? "a symbolic link is not followed" : ErrnoText(errno);
+        reason = errno == ELOOP ? "a symbolic link is not followed" : base::ErrnoText(errno);
         return TrustedRead::kRefused;
     }
     struct stat st {};
     if (fstat(fd.Get(), &st) != 0) {
-        reason = ErrnoText(errno);
+        reason = base::ErrnoText(errno);
         return TrustedRead::kRefused;
     }
     reason = WhyNotTrusted(st);
@@ -70,7 +65,7 @@ TrustedRead ReadTrustedFile(const std::string& path, size_t limit, std::string& 
         const ssize_t got = read(fd.Get(), buffer, sizeof(buffer));
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) {
-            reason = ErrnoText(errno);
+            reason = base::ErrnoText(errno);
             return TrustedRead::kRefused;
         }
         if (got == 0) break;
@@ -92,7 +87,7 @@ bool MakeDirectories(const std::string& path, std::string& reason) {
         const int error = errno;
         struct stat st {};
         if (stat(part.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) continue;  // a read-only parent that exists already
-        reason = "cannot make " + part + ": " + ErrnoText(error);
+        reason = "cannot make " + part + ": " + base::ErrnoText(error);
         return false;
     }
     struct stat st {};
@@ -122,7 +117,7 @@ bool WriteAll(int fd, const char* data, size_t size) {
 
 namespace {
 bool Fail(const std::string& what, const std::string& temp, std::string& reason) {
-    reason = what + ": " + ErrnoText(errno);
+    reason = what + ": " + base::ErrnoText(errno);
     unlink(temp.c_str());
     return false;
 }
@@ -130,9 +125,9 @@ bool Fail(const std::string& what, const std::string& temp, std::string& reason)
 bool Replace(const std::string& path, const std::string& text, mode_t mode, bool durable, std::string& reason) {
     const std::string temp = path + "." + std::to_string(getpid()) + ".tmp";
     unlink(temp.c_str());
-    UniqueFd fd(open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    base::Fd fd(open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
     if (!fd) {
-        reason = "cannot make " + temp + ": " + ErrnoText(errno);
+        reason = "cannot make " + temp + ": " + base::ErrnoText(errno);
         return false;
     }
     if (fchmod(fd.Get(), mode) != 0) return Fail("cannot set the mode of " + temp, temp, reason);
@@ -140,9 +135,9 @@ bool Replace(const std::string& path, const std::string& text, mode_t mode, bool
     if (durable && fsync(fd.Get()) != 0) return Fail("cannot sync " + temp, temp, reason);
     if (rename(temp.c_str(), path.c_str()) != 0) return Fail("cannot rename " + temp + " to " + path, temp, reason);
     if (!durable) return true;
-    UniqueFd dir(open(DirectoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    base::Fd dir(open(DirectoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!dir || fsync(dir.Get()) != 0) {
-        reason = "cannot sync the directory of " + path + ": " + ErrnoText(errno);
+        reason = "cannot sync the directory of " + path + ": " + base::ErrnoText(errno);
         return false;
     }
     return true;
@@ -154,10 +149,6 @@ bool WriteFileDurably(const std::string& path, const std::string& text, std::str
 }
 bool WriteFileAtomically(const std::string& path, const std::string& text, mode_t mode, std::string& reason) {
     return Replace(path, text, mode, false, reason);
-}
-
-std::string ErrnoText(int error) {
-    return std::system_category().message(error);
 }
 
 std::string FileNamePart(const std::string& name) {

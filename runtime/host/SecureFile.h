@@ -5,31 +5,11 @@
 #include <sys/stat.h>
 
 #include <string>
-#include <utility>
+
+#include "base/Fd.h"
+#include "base/Result.h"
 
 namespace zelhost {
-
-/// An owned descriptor.
-class UniqueFd {
-public:
-    explicit UniqueFd(int fd = -1) : m_fd(fd) {}
-    UniqueFd(UniqueFd&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept {
-        if (this != &other) Reset(std::exchange(other.m_fd, -1));
-        return *this;
-    }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    ~UniqueFd() { Reset(); }
-
-    int Get() const { return m_fd; }
-    explicit operator bool() const { return m_fd >= 0; }
-    int Release() { return std::exchange(m_fd, -1); }
-    void Reset(int fd = -1);
-
-private:
-    int m_fd;
-};
 
 /// What distinguishes one state of a file from another without reading it.
 struct FileMark {
@@ -65,9 +45,6 @@ std::string DirectoryOf(const std::string& path);
 
 /// Writes all of it, across interruptions and short writes. Returns: false with errno set.
 bool WriteAll(int fd, const char* data, size_t size);
-
-/// strerror without its static buffer.
-std::string ErrnoText(int error);
 
 /// Characters other than letters, digits, '-', '_' and '.' become '_'; for process names in file names.
 std::string FileNamePart(const std::string& name);

@@ -12,7 +12,7 @@
 #include <system_error>
 
 #include "SecureFile.h"
-#include "ThreadFacts.h"
+#include "sampling/ThreadFacts.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ThreadUtil.h"
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/host/HostServices.h"
+#include "platform/host/HostRecords.h"
 #include "platform/host/MtIntf.h"
 
 struct sqlite3;

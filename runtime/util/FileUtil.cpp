@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "UniqueFd.h"
+#include "base/Fd.h"
 
 namespace zel {
 namespace {
@@ -22,29 +22,30 @@ constexpr size_t kReadChunkBytes = 16 * 1024;
 constexpr size_t kMaxLinesFileBytes = 64UL * 1024 * 1024;
 constexpr char kReplacementSuffix[] = ".new";
 
-UniqueFd OpenRegular(const std::string& path) {
-    UniqueFd fd(
-        RetryOnSignal([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY); }));
+base::Fd OpenRegular(const std::string& path) {
+    base::Fd fd(base::RetryOnSignal(
+        [&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY); }));
     struct stat info {};
-    if (!fd.IsOpen() || ::fstat(fd.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return UniqueFd();
+    if (!fd.IsOpen() || ::fstat(fd.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return base::Fd();
     return fd;
 }
 
 // Appends the next piece of the file. Returns: bytes read, 0 at the end, -1 on failure.
-ssize_t AppendChunk(const UniqueFd& fd, std::string& text, size_t most) {
+ssize_t AppendChunk(const base::Fd& fd, std::string& text, size_t most) {
     const size_t before = text.size();
     const size_t wanted = std::min(most, kReadChunkBytes);
     text.resize(before + wanted);
-    const ssize_t got = RetryOnSignal([&] { return ::read(fd.Get(), &text[before], wanted); });
+    const ssize_t got = base::RetryOnSignal([&] { return ::read(fd.Get(), &text[before], wanted); });
     text.resize(before + (got > 0 ? static_cast<size_t>(got) : 0));
     return got;
 }
 
 // A short write is carried on; what stays short is a failure (a full disk says so only at the second attempt).
-bool WriteAll(const UniqueFd& fd, const std::string& text) {
+bool WriteAll(const base::Fd& fd, const std::string& text) {
     size_t done = 0;
     while (done < text.size()) {
-        const ssize_t put = RetryOnSignal([&] { return ::write(fd.Get(), text.data() + done, text.size() - done); });
+        const ssize_t put =
+            base::RetryOnSignal([&] { return ::write(fd.Get(), text.data() + done, text.size() - done); });
         if (put <= 0) return false;
         done += static_cast<size_t>(put);
     }
@@ -58,7 +59,7 @@ std::string DirectoryOf(const std::string& path) {
 }
 
 bool SyncDirectoryOf(const std::string& path) {
-    UniqueFd directory(::open(DirectoryOf(path).c_str(), O_RDONLY | O_CLOEXEC | O_DIRECTORY));
+    base::Fd directory(::open(DirectoryOf(path).c_str(), O_RDONLY | O_CLOEXEC | O_DIRECTORY));
     return directory.IsOpen() && ::fsync(directory.Get()) == 0;
 }
 
@@ -69,7 +70,7 @@ bool MayBeReplaced(const std::string& path) {
     return S_ISREG(info.st_mode);
 }
 
-bool WriteDurably(const UniqueFd& fd, const std::string& text, bool durable) {
+bool WriteDurably(const base::Fd& fd, const std::string& text, bool durable) {
     // The mode is set again because the process's umask was applied at creation.
     return fd.IsOpen() && ::fchmod(fd.Get(), kFileMode) == 0 && WriteAll(fd, text) &&
            (!durable || ::fsync(fd.Get()) == 0);
@@ -97,7 +98,7 @@ bool CFileUtil::IsFile(const std::string& path) {
 }
 
 bool CFileUtil::ReadFileLineToList(const std::string& path, std::list<std::string>& lines, unsigned long limit) {
-    const UniqueFd fd = OpenRegular(path);
+    const base::Fd fd = OpenRegular(path);
     if (!fd.IsOpen()) return false;
     std::list<std::string> found;
     std::string rest;
@@ -118,7 +119,7 @@ bool CFileUtil::ReadFileLineToList(const std::string& path, std::list<std::strin
 }
 
 bool CFileUtil::ReadFullFile(const std::string& path, std::string& text, unsigned long limit) {
-    const UniqueFd fd = OpenRegular(path);
+    const base::Fd fd = OpenRegular(path);
     if (!fd.IsOpen()) return false;
     const size_t most = limit == ULONG_MAX ? limit : limit + 1;  // one byte more tells that the file is too long
     std::string content;
@@ -137,7 +138,7 @@ bool CFileUtil::WriteNewFile(const std::string& path, const std::string& text, b
     // Written beside and renamed: a reader sees the old or the new text, and a full disk costs nobody the old one.
     const std::string replacement = path + kReplacementSuffix;
     if (::unlink(replacement.c_str()) != 0 && errno != ENOENT) return false;
-    const UniqueFd fd(RetryOnSignal(
+    const base::Fd fd(base::RetryOnSignal(
         [&] { return ::open(replacement.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode); }));
     if (!fd.IsOpen()) return false;
     if (!WriteDurably(fd, text, flag) || ::rename(replacement.c_str(), path.c_str()) != 0) {

@@ -23,7 +23,7 @@
 #include <utility>
 #include <vector>
 
-#include "UniqueFd.h"
+#include "base/Fd.h"
 #include "platform/zel/LogMessage.h"
 
 namespace zel {
@@ -55,7 +55,7 @@ void Log(int level, int line, const std::string& text) {
 /// An address for a path of any length: a long one is reached through a descriptor of its directory.
 struct Address {
     sockaddr_un socket{};
-    UniqueFd directory;
+    base::Fd directory;
     std::string error;
 
     bool Set(const std::string& path) {
@@ -65,7 +65,7 @@ struct Address {
             return false;
         }
         const std::string folder = slash == 0 ? "/" : path.substr(0, slash);
-        directory = UniqueFd(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        directory = base::Fd(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         struct stat info {};
         if (!directory.IsOpen() || fstat(directory.Get(), &info) != 0) {
             error = ErrnoText("cannot open directory " + folder);
@@ -97,13 +97,13 @@ bool IsTrustedPeer(int fd, ucred& peer) {
     return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && (peer.uid == 0 || peer.uid == geteuid());
 }
 
-void Wake(const UniqueFd& event) {
+void Wake(const base::Fd& event) {
     const uint64_t one = 1;
     const ssize_t ignored = write(event.Get(), &one, sizeof one);
     static_cast<void>(ignored);  // A full counter wakes just as well.
 }
 
-void Drain(const UniqueFd& event) {
+void Drain(const base::Fd& event) {
     uint64_t count = 0;
     const ssize_t ignored = read(event.Get(), &count, sizeof count);
     static_cast<void>(ignored);
@@ -113,7 +113,7 @@ void Drain(const UniqueFd& event) {
 
 struct CIpcBroadcastServer::Impl {
     struct Subscriber {
-        UniqueFd socket;
+        base::Fd socket;
         int pid = 0;
         std::deque<Packet> queue;
         bool dropping = false;
@@ -125,9 +125,9 @@ struct CIpcBroadcastServer::Impl {
     std::string path;
     dev_t socketDevice = 0;
     ino_t socketInode = 0;
-    UniqueFd lock;
-    UniqueFd listener;
-    UniqueFd event;
+    base::Fd lock;
+    base::Fd listener;
+    base::Fd event;
     std::vector<Subscriber> subscribers;
     std::map<std::string, Packet> retained;
     uint64_t dropped = 0;
@@ -148,7 +148,7 @@ bool CIpcBroadcastServer::Impl::Open(const std::string& socketPath, std::string&
     }
     // The lock, not the socket, says who serves: it vanishes with its process, and taking it is atomic.
     const std::string lockPath = socketPath + ".lock";
-    UniqueFd newLock(open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kSocketMode));
+    base::Fd newLock(open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kSocketMode));
     if (!newLock.IsOpen()) {
         error = ErrnoText("cannot open " + lockPath);
         return false;
@@ -168,8 +168,8 @@ bool CIpcBroadcastServer::Impl::Open(const std::string& socketPath, std::string&
             return false;
         }
     }
-    UniqueFd newListener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    UniqueFd newEvent(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    base::Fd newListener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    base::Fd newEvent(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     // The mode is set before the bind, so that the file never exists with a wider one.
     if (!newListener.IsOpen() || !newEvent.IsOpen() || fchmod(newListener.Get(), kSocketMode) != 0 ||
         bind(newListener.Get(), address.Get(), Address::Size()) != 0 ||
@@ -223,7 +223,7 @@ bool CIpcBroadcastServer::Impl::Flush(Subscriber& subscriber) {
 
 void CIpcBroadcastServer::Impl::Accept() {
     for (;;) {
-        UniqueFd socket(accept4(listener.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        base::Fd socket(accept4(listener.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (!socket.IsOpen()) {
             return;
         }
@@ -380,31 +380,31 @@ uint64_t CIpcBroadcastServer::GetDroppedCount() {
 struct CIpcBroadcastSubscriber::Impl {
     std::string path;
     Callback callback;
-    UniqueFd stop;
+    base::Fd stop;
     std::atomic<bool> connected{false};
     std::thread thread;
     bool refusalLogged = false;
 
-    UniqueFd Connect();
+    base::Fd Connect();
     bool WaitForStop(int milliseconds) const;
     void Deliver(const char* data, size_t size) const;
-    void Listen(const UniqueFd& socket) const;
+    void Listen(const base::Fd& socket) const;
     void Run();
 };
 
 /// Returns: an empty descriptor when there is no server that may be listened to.
-UniqueFd CIpcBroadcastSubscriber::Impl::Connect() {
+base::Fd CIpcBroadcastSubscriber::Impl::Connect() {
     Address address;
     if (!address.Set(path)) {
         if (!refusalLogged) {
             refusalLogged = true;
             Log(kLogWarning, __LINE__, "cannot listen: " + address.error);
         }
-        return UniqueFd();
+        return base::Fd();
     }
-    UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    base::Fd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!socket.IsOpen() || connect(socket.Get(), address.Get(), Address::Size()) != 0) {
-        return UniqueFd();
+        return base::Fd();
     }
     ucred peer{};
     if (!IsTrustedPeer(socket.Get(), peer)) {
@@ -414,7 +414,7 @@ UniqueFd CIpcBroadcastSubscriber::Impl::Connect() {
                 "process " + std::to_string(peer.pid) + " of user " + std::to_string(peer.uid) + " serves " + path +
                     " and is not listened to");
         }
-        return UniqueFd();
+        return base::Fd();
     }
     refusalLogged = false;
     return socket;
@@ -440,7 +440,7 @@ void CIpcBroadcastSubscriber::Impl::Deliver(const char* data, size_t size) const
 }
 
 /// Returns when the server is gone or a stop was asked for.
-void CIpcBroadcastSubscriber::Impl::Listen(const UniqueFd& socket) const {
+void CIpcBroadcastSubscriber::Impl::Listen(const base::Fd& socket) const {
     std::vector<char> buffer(kIpcMaxTypeBytes + 1 + kIpcMaxBodyBytes);
     for (;;) {
         pollfd polled[2] = {{stop.Get(), POLLIN, 0}, {socket.Get(), POLLIN, 0}};
@@ -469,7 +469,7 @@ void CIpcBroadcastSubscriber::Impl::Run() {
     int pause = kFirstRetryMs;
     for (;;) {
         {
-            const UniqueFd socket = Connect();
+            const base::Fd socket = Connect();
             if (socket.IsOpen()) {
                 connected = true;
                 Listen(socket);
@@ -494,7 +494,7 @@ bool CIpcBroadcastSubscriber::Start(const std::string& path, Callback callback) 
     if (m_impl->thread.joinable() || !callback) {
         return false;
     }
-    m_impl->stop = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    m_impl->stop = base::Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!m_impl->stop.IsOpen()) {
         return false;
     }

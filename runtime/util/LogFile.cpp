@@ -51,15 +51,15 @@ bool LogFile::OpenDirectory() {
     if (::mkdir(m_directory.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
         return Fail("make directory", m_directory, errno);
     }
-    m_directoryFd.Reset(
-        RetryOnSignal([this] { return ::open(m_directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
+    m_directoryFd.Reset(base::RetryOnSignal(
+        [this] { return ::open(m_directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
     return m_directoryFd.IsOpen() || Fail("open directory", m_directory, errno);
 }
 
 bool LogFile::OpenFile() {
     const std::string path = m_directory + "/" + m_fileName;
     // O_NONBLOCK: a pipe planted under the name must not hold the writer up; it means nothing for a regular file.
-    UniqueFd file(RetryOnSignal([this] {
+    base::Fd file(base::RetryOnSignal([this] {
         return ::openat(m_directoryFd.Get(), m_fileName.c_str(),
                         O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kFileMode);
     }));
@@ -99,14 +99,14 @@ void LogFile::Rotate() {
 
 bool LogFile::Append(std::string_view lines) {
     if (m_midLine) {
-        if (RetryOnSignal([this] { return ::write(m_file.Get(), "\n", 1); }) != 1) {
+        if (base::RetryOnSignal([this] { return ::write(m_file.Get(), "\n", 1); }) != 1) {
             return Fail("write", m_directory + "/" + m_fileName, errno);
         }
         ++m_size;
         m_midLine = false;
     }
     while (!lines.empty()) {
-        const ssize_t put = RetryOnSignal([&] { return ::write(m_file.Get(), lines.data(), lines.size()); });
+        const ssize_t put = base::RetryOnSignal([&] { return ::write(m_file.Get(), lines.data(), lines.size()); });
         if (put <= 0) {
             Fail("write", m_directory + "/" + m_fileName, put == 0 ? ENOSPC : errno);
             m_file.Reset();

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "UniqueFd.h"
+#include "base/Fd.h"
 
 namespace zel {
 
@@ -43,8 +43,8 @@ private:
     const unsigned long m_maxBytes;
     const unsigned int m_maxFiles;
     const std::chrono::milliseconds m_checkInterval;
-    UniqueFd m_directoryFd;
-    UniqueFd m_file;
+    base::Fd m_directoryFd;
+    base::Fd m_file;
     unsigned long m_size = 0;
     bool m_midLine = false;  ///< the last write broke off inside a line
     Clock::time_point m_nextCheck{};

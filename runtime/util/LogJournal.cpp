@@ -50,7 +50,7 @@ bool LogJournal::Send(const JournalEntry& entry) {
     if (!m_socket.IsOpen()) return false;
     const std::string datagram = FormatJournalEntry(entry);
     // Addressed each time, so that a restarted journal is found again.
-    return RetryOnSignal([&] {
+    return base::RetryOnSignal([&] {
                return ::sendto(m_socket.Get(), datagram.data(), datagram.size(), MSG_NOSIGNAL,
                                reinterpret_cast<const sockaddr*>(&address), sizeof address);
            }) == static_cast<ssize_t>(datagram.size());

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "UniqueFd.h"
+#include "base/Fd.h"
 
 namespace zel {
 
@@ -35,7 +35,7 @@ private:
     static constexpr char kDefaultSocketPath[] = "/run/systemd/journal/socket";
 
     const std::string m_socketPath;
-    UniqueFd m_socket;
+    base::Fd m_socket;
 };
 
 }  // namespace zel

@@ -117,7 +117,7 @@ private:
 
 void WriteToStderr(std::string_view text) {
     while (!text.empty()) {
-        const ssize_t put = RetryOnSignal([&] { return ::write(STDERR_FILENO, text.data(), text.size()); });
+        const ssize_t put = base::RetryOnSignal([&] { return ::write(STDERR_FILENO, text.data(), text.size()); });
         if (put <= 0) return;  // nothing is left to complain to
         text.remove_prefix(static_cast<size_t>(put));
     }

@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include "MemInfo.h"
-#include "UniqueFd.h"
+#include "base/Fd.h"
 
 namespace zel {
 namespace {
@@ -23,14 +23,14 @@ std::atomic<int> g_memInfoFd{-1};
 // At offset 0 the kernel makes the text afresh, and no file position is shared with other threads or a forked child.
 bool ReadMemInfoAt(int fd, MemInfo& info) {
     char text[kMemInfoBytes];
-    const ssize_t got = RetryOnSignal([&] { return ::pread(fd, text, sizeof text, 0); });
+    const ssize_t got = base::RetryOnSignal([&] { return ::pread(fd, text, sizeof text, 0); });
     return got > 0 && ParseMemInfo(std::string_view(text, static_cast<size_t>(got)), info);
 }
 
 bool ReadMemInfo(MemInfo& info) {
     const int kept = g_memInfoFd.load(std::memory_order_acquire);
     if (kept >= 0 && ReadMemInfoAt(kept, info)) return true;
-    UniqueFd fresh(RetryOnSignal([] { return ::open(kMemInfoFile, O_RDONLY | O_CLOEXEC | O_NOFOLLOW); }));
+    base::Fd fresh(base::RetryOnSignal([] { return ::open(kMemInfoFile, O_RDONLY | O_CLOEXEC | O_NOFOLLOW); }));
     if (!fresh.IsOpen() || !ReadMemInfoAt(fresh.Get(), info)) return false;
     // The first to publish keeps its descriptor. A number that stopped answering was closed by somebody who closes
     // every descriptor; it may be another file by now, so it is left alone.

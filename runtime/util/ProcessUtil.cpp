@@ -8,7 +8,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "UniqueFd.h"
+#include "base/Fd.h"
 
 namespace zel {
 namespace {
@@ -24,10 +24,10 @@ public:
         if (pid <= 0) return 0;
         char path[32];
         std::snprintf(path, sizeof path, "/proc/%d/statm", pid);
-        const UniqueFd fd(RetryOnSignal([&] { return ::open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW); }));
+        const base::Fd fd(base::RetryOnSignal([&] { return ::open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW); }));
         if (!fd.IsOpen()) return 0;
         char text[256];
-        const ssize_t got = RetryOnSignal([&] { return ::read(fd.Get(), text, sizeof text); });
+        const ssize_t got = base::RetryOnSignal([&] { return ::read(fd.Get(), text, sizeof text); });
         if (got <= 0) return 0;
         const char* const end = text + got;
         unsigned long sizePages = 0;

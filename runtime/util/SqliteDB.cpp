@@ -11,7 +11,7 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
-#include "UniqueFd.h"
+#include "base/Fd.h"
 
 namespace zel {
 namespace {
@@ -130,7 +130,7 @@ int PrepareFile(const std::string& path) {
         if (S_ISDIR(info.st_mode)) return SQLITE_CANTOPEN_ISDIR;
         return S_ISREG(info.st_mode) ? SQLITE_OK : SQLITE_CANTOPEN;
     }
-    const UniqueFd made(RetryOnSignal(
+    const base::Fd made(base::RetryOnSignal(
         [&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode); }));
     return made.IsOpen() || errno == EEXIST ? SQLITE_OK : SQLITE_CANTOPEN;
 }

@@ -14,7 +14,7 @@
 #include <unistd.h>
 
 #include "ThreadSleep.h"
-#include "UniqueFd.h"
+#include "base/Fd.h"
 #include "platform/zel/LogMessage.h"
 
 namespace zel {
@@ -113,10 +113,10 @@ std::string CThreadUtil::GetThreadName(long tid) {
     if (tid <= 0) return std::string();
     char path[48];
     std::snprintf(path, sizeof path, "/proc/self/task/%ld/comm", tid);
-    const UniqueFd fd(RetryOnSignal([&] { return ::open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW); }));
+    const base::Fd fd(base::RetryOnSignal([&] { return ::open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW); }));
     if (!fd.IsOpen()) return std::string();
     char name[64];
-    const ssize_t got = RetryOnSignal([&] { return ::read(fd.Get(), name, sizeof name); });
+    const ssize_t got = base::RetryOnSignal([&] { return ::read(fd.Get(), name, sizeof name); });
     if (got <= 0) return std::string();
     const size_t length = static_cast<size_t>(got);
     return std::string(name, name[length - 1] == '\n' ? length - 1 : length);

@@ -10,7 +10,7 @@
 #include <sys/statvfs.h>
 
 #include "ThreadSleep.h"
-#include "UniqueFd.h"
+#include "base/Fd.h"
 
 namespace zel {
 namespace {
@@ -44,7 +44,7 @@ bool SleepMs(unsigned int milliseconds) {
 bool CToolUtil::GetSelfDiskFreeSpace(unsigned long& freeSpace, unsigned long* freeInodes, std::string path) {
     if (path.empty()) path = GetApplicationDirPath() + "/";
     struct statvfs info {};
-    if (RetryOnSignal([&] { return ::statvfs(path.c_str(), &info); }) != 0) return false;
+    if (base::RetryOnSignal([&] { return ::statvfs(path.c_str(), &info); }) != 0) return false;
     freeSpace = info.f_bavail * info.f_frsize;
     // Some file systems make inodes as they need them and report none: that is no shortage.
     if (freeInodes != nullptr) *freeInodes = info.f_files == 0 ? ULONG_MAX : info.f_favail;

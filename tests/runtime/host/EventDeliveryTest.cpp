@@ -1,5 +1,5 @@
 // Delivery from SendMsg to the sinks, killed at any moment, and with sinks that are down.
-#include "EventDelivery.h"
+#include "events/EventDelivery.h"
 
 #include <fcntl.h>
 #include <json/json.h>

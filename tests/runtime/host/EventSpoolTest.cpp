@@ -1,5 +1,5 @@
 // The durable spool on real files.
-#include "EventSpool.h"
+#include "events/EventSpool.h"
 
 #include <sqlite3.h>
 #include <sys/mount.h>

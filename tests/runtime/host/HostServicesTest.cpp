@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "HostSupport.h"
+#include "platform/host/ResourceMonitor.h"
 #include "platform/host/HostServices.h"
 #include "platform/host/Http.h"
 #include "platform/host/MsgTransmit.h"

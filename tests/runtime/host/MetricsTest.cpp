@@ -11,8 +11,8 @@
 #include <thread>
 
 #include "HostSupport.h"
-#include "MetricsServer.h"
-#include "MetricsText.h"
+#include "metrics/MetricsServer.h"
+#include "metrics/MetricsText.h"
 
 using namespace zelhost;
 

@@ -1,5 +1,5 @@
 // The reading of the online configuration's text.
-#include "OnlineConfigParse.h"
+#include "config/OnlineConfigParse.h"
 
 #include "HostSupport.h"
 

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "HostSupport.h"
-#include "OnlineConfigLoader.h"
+#include "config/OnlineConfigLoader.h"
 #include "platform/host/OnlineClientConf.h"
 
 using support::LogHolds;

@@ -1,5 +1,5 @@
 // Kernel texts, good and bad, and the counting of descriptors.
-#include "ProcReaders.h"
+#include "sampling/ProcReaders.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -101,7 +101,7 @@ TEST(ProcReadersTest, DescriptorsAreCountedOneByOne) {
     ASSERT_TRUE(counter.Open());
     const int64_t before = counter.Count();
     ASSERT_GT(before, 2);
-    std::vector<UniqueFd> fds;
+    std::vector<base::Fd> fds;
     for (int i = 0; i < 20; ++i) fds.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(counter.Count(), before + 20);
     fds.clear();

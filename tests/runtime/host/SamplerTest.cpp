@@ -10,8 +10,8 @@
 #include <mutex>
 #include <thread>
 
-#include "Heartbeats.h"
-#include "HostContext.h"
+#include "sampling/Heartbeats.h"
+#include "sampling/HostContext.h"
 #include "HostSupport.h"
 #include "SecureFile.h"
 #include "platform/host/ResourceEventSink.h"
@@ -147,7 +147,7 @@ TEST_F(SamplerTest, FiguresAreThoseOfTheKernel) {
     ASSERT_TRUE(m_monitor.StartMonitor(nullptr));
     ASSERT_TRUE(Rounds(5));
     const auto before = Figures();
-    std::vector<zelhost::UniqueFd> fds;
+    std::vector<base::Fd> fds;
     for (int i = 0; i < 30; ++i) fds.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
     constexpr size_t kBytes = 64 << 20;
     void* block = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
@@ -286,7 +286,7 @@ TEST_F(SamplerTest, IoIsMeasuredCountedAndCanBeSwitchedOff) {
     m_monitor.SetMaxIO(0, 1);
     ASSERT_TRUE(m_monitor.StartMonitor(&m_sink));
     ASSERT_TRUE(Rounds(3));
-    zelhost::UniqueFd fd(open((m_dir / "data").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    base::Fd fd(open((m_dir / "data").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     const std::string block(1 << 20, 'x');
     const auto write = [&] { zelhost::WriteAll(fd.Get(), block.data(), block.size()); };
     write();

@@ -1,5 +1,5 @@
 // CPU figures of this process's threads.
-#include "ThreadFacts.h"
+#include "sampling/ThreadFacts.h"
 
 #include <unistd.h>
 

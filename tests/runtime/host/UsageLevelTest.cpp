@@ -1,5 +1,5 @@
 // Levels, averages and the stages of a breach, on plain numbers.
-#include "UsageLevel.h"
+#include "sampling/UsageLevel.h"
 
 #include "HostSupport.h"
 

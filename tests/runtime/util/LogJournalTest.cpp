@@ -30,9 +30,9 @@ JournalEntry Example(std::string_view text) {
 
 constexpr char kHead[] = "PRIORITY=4\nSYSLOG_IDENTIFIER=Tervane\nCODE_FILE=Monitor\nCODE_LINE=7\nTID=12\n";
 
-zel::UniqueFd Listen(const std::string& path) {
+base::Fd Listen(const std::string& path) {
     ::unlink(path.c_str());
-    zel::UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    base::Fd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
@@ -61,7 +61,7 @@ TEST(LogJournalTest, EntriesArriveWholeAndAgainAfterARestart) {
     LogJournal journal(dir / "socket");
     EXPECT_FALSE(journal.Send(Example("nobody there")));
     for (int start = 0; start < 2; ++start) {
-        const zel::UniqueFd listener = Listen(dir / "socket");
+        const base::Fd listener = Listen(dir / "socket");
         ASSERT_TRUE(listener.IsOpen());
         EXPECT_TRUE(journal.Send(Example("text")));
         char buffer[512];
@@ -73,7 +73,7 @@ TEST(LogJournalTest, EntriesArriveWholeAndAgainAfterARestart) {
 
 TEST(LogJournalTest, AJournalThatDoesNotReadIsNotWaitedFor) {
     const TempDir dir;
-    const zel::UniqueFd listener = Listen(dir / "socket");
+    const base::Fd listener = Listen(dir / "socket");
     LogJournal journal(dir / "socket");
     const std::string text(60000, 'x');
     bool refused = false;

@@ -1,0 +1,349 @@
+// Format, strict parsing and atomic replacement of the component file.
+#include "ComponentFile.h"
+
+#include <fcntl.h>
+#include <json/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+#include <memory>
+#include <set>
+#include <utility>
+
+#include "base/Fd.h"
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+constexpr char kBootIdFile[] = "/proc/sys/kernel/random/boot_id";
+constexpr size_t kBootIdLength = 36;
+constexpr mode_t kFileMode = 0640;
+constexpr mode_t kForbiddenModes = 0022;
+
+std::string Quoted(const std::string& text) {
+    return Json::valueToQuotedString(text.c_str());
+}
+
+// "cpu": {...} or "cpu": null, on one line.
+std::string ParentText(const ComponentParent& parent, const char* limitName) {
+    if (!parent.present) return "null";
+    return "{\"path\": " + Quoted(parent.path) + ", \"version\": " + std::to_string(static_cast<int>(parent.version)) +
+           ", \"inode\": " + std::to_string(parent.inode) + ", \"" + limitName + "\": " + std::to_string(parent.limit) +
+           "}";
+}
+
+std::string LeafText(const ComponentLeaf& leaf, const char* quotaName) {
+    if (!leaf.present) return "null";
+    return "{\"group\": " + Quoted(leaf.group) + ", \"path\": " + Quoted(leaf.path) +
+           ", \"version\": " + std::to_string(static_cast<int>(leaf.version)) +
+           ", \"inode\": " + std::to_string(leaf.inode) + ", \"" + quotaName + "\": " + std::to_string(leaf.quota) +
+           "}";
+}
+
+Error Bad(std::string hint) {
+    return MakeError(ErrorKind::kMalformed, "use", "component file", std::move(hint));
+}
+
+// A checked walk over one object: the first defect is kept, and everything after it reads as empty.
+class Reader {
+public:
+    bool Failed() const { return !m_hint.empty(); }
+    const std::string& Hint() const { return m_hint; }
+    void Fail(const std::string& hint) {
+        if (m_hint.empty()) m_hint = hint;
+    }
+
+    const Json::Value& Member(const Json::Value& object, const char* name, const std::string& where) {
+        static const Json::Value kNone;
+        if (!object.isObject() || !object.isMember(name)) {
+            Fail(where + " has no \"" + name + "\"");
+            return kNone;
+        }
+        return object[name];
+    }
+    std::string Text(const Json::Value& object, const char* name, const std::string& where) {
+        const Json::Value& value = Member(object, name, where);
+        if (!value.isString()) {
+            Fail("\"" + std::string(name) + "\" of " + where + " is not a text");
+            return {};
+        }
+        std::string text = value.asString();
+        if (text.find('\0') != std::string::npos || text.size() > kMaxComponentPathBytes) {
+            Fail("\"" + std::string(name) + "\" of " + where + " is too long or holds a zero byte");
+            return {};
+        }
+        return text;
+    }
+    bool Flag(const Json::Value& object, const char* name, const std::string& where) {
+        const Json::Value& value = Member(object, name, where);
+        if (!value.isBool()) Fail("\"" + std::string(name) + "\" of " + where + " is neither true nor false");
+        return value.isBool() && value.asBool();
+    }
+    int Number(const Json::Value& object, const char* name, const std::string& where) {
+        const Json::Value& value = Member(object, name, where);
+        if (!value.isInt() || value.type() == Json::realValue || value.asInt() < 0) {
+            Fail("\"" + std::string(name) + "\" of " + where + " is not a number from 0 to 2147483647");
+            return 0;
+        }
+        return value.asInt();
+    }
+    uint64_t Inode(const Json::Value& object, const std::string& where) {
+        const Json::Value& value = Member(object, "inode", where);
+        if (!value.isUInt64() || value.type() == Json::realValue || value.asUInt64() == 0) {
+            Fail("\"inode\" of " + where + " is not a positive number");
+            return 0;
+        }
+        return value.asUInt64();
+    }
+    Version CgroupVersion(const Json::Value& object, const std::string& where) {
+        const int number = Number(object, "version", where);
+        if (number != 1 && number != 2) Fail("\"version\" of " + where + " is neither 1 nor 2");
+        return number == 1 ? Version::kV1 : number == 2 ? Version::kV2 : Version::kNone;
+    }
+    std::string Name(const Json::Value& object, const char* name, const std::string& where) {
+        std::string text = Text(object, name, where);
+        if (!Failed() && !IsSafeGroupName(text)) {
+            Fail("\"" + std::string(name) + "\" of " + where + " is not a group name");
+        }
+        return text;
+    }
+
+private:
+    std::string m_hint;
+};
+
+// Absolute, and exactly as the kernel would spell it: no empty part, no "." and no "..".
+bool IsPlainPath(const std::string& path) {
+    if (path.size() < 2 || path[0] != '/' || path.back() == '/') return false;
+    size_t at = 1;
+    while (at <= path.size()) {
+        const size_t end = std::min(path.find('/', at), path.size());
+        const std::string_view part(path.data() + at, end - at);
+        if (part.empty() || part == "." || part == "..") return false;
+        at = end + 1;
+    }
+    return true;
+}
+
+ComponentParent ReadParent(Reader& reader, const Json::Value& object, const char* controller, const char* limitName) {
+    ComponentParent out;
+    const std::string where = std::string("parent ") + controller;
+    const Json::Value& value = reader.Member(object, controller, "parent");
+    if (reader.Failed() || value.isNull()) return out;
+    out.path = reader.Text(value, "path", where);
+    out.version = reader.CgroupVersion(value, where);
+    out.inode = reader.Inode(value, where);
+    out.limit = reader.Number(value, limitName, where);
+    if (!reader.Failed() && !IsPlainPath(out.path)) reader.Fail("path of " + where + " is not a plain absolute path");
+    out.present = !reader.Failed();
+    return out;
+}
+
+ComponentLeaf ReadLeaf(Reader& reader, const Json::Value& object, const char* controller, const char* quotaName,
+                       const ComponentParent& parent, const std::string& name) {
+    ComponentLeaf out;
+    const std::string where = std::string(controller) + " of component " + name;
+    const Json::Value& value = reader.Member(object, controller, "component " + name);
+    if (reader.Failed() || value.isNull()) return out;
+    out.group = reader.Name(value, "group", where);
+    out.path = reader.Text(value, "path", where);
+    out.version = reader.CgroupVersion(value, where);
+    out.inode = reader.Inode(value, where);
+    out.quota = reader.Number(value, quotaName, where);
+    if (reader.Failed()) return out;
+    if (!parent.present) {
+        reader.Fail(where + " has a leaf and the parent has none");
+    } else if (out.version != parent.version) {
+        reader.Fail(where + " is on another cgroup version than the parent");
+    } else if (out.path != parent.path + "/" + out.group + "/" + name) {
+        reader.Fail("path of " + where + " is not its leaf in the agent's tree");
+    }
+    out.present = !reader.Failed();
+    return out;
+}
+
+Result<ComponentFile> FromJson(const Json::Value& root) {
+    Reader reader;
+    ComponentFile out;
+    const std::string where = "the file";
+    if (!root.isObject()) return Bad("it is not an object");
+    const int version = reader.Number(root, "version", where);
+    if (reader.Failed()) return Bad(reader.Hint());
+    if (version != kComponentFileVersion) {
+        return Bad("version " + std::to_string(version) + " is not known here, only " +
+                   std::to_string(kComponentFileVersion));
+    }
+    out.enabled = reader.Flag(root, "enabled", where);
+    out.bootId = reader.Text(root, "boot_id", where);
+    if (reader.Failed()) return Bad(reader.Hint());
+    if (!out.enabled) return out;
+
+    const Json::Value& parent = reader.Member(root, "parent", where);
+    out.cpu = ReadParent(reader, parent, "cpu", "limit_100times");
+    out.memory = ReadParent(reader, parent, "memory", "limit_kb");
+    const Json::Value& components = reader.Member(root, "components", where);
+    if (!reader.Failed() && !components.isArray()) reader.Fail("\"components\" is not a list");
+    if (!reader.Failed() && components.size() > kMaxComponents) reader.Fail("too many components");
+    if (!reader.Failed() && !out.cpu.present && !out.memory.present) reader.Fail("enabled, and no controller in force");
+    if (reader.Failed()) return Bad(reader.Hint());
+    std::set<std::string> names;
+    for (const Json::Value& item : components) {
+        ComponentEntry entry;
+        entry.name = reader.Name(item, "name", "a component");
+        if (!reader.Failed() && !names.insert(entry.name).second) {
+            reader.Fail("component " + entry.name + " is there twice");
+        }
+        if (reader.Failed()) return Bad(reader.Hint());
+        entry.cpu = ReadLeaf(reader, item, "cpu", "quota_100times", out.cpu, entry.name);
+        entry.memory = ReadLeaf(reader, item, "memory", "quota_kb", out.memory, entry.name);
+        if (reader.Failed()) return Bad(reader.Hint());
+        out.components.push_back(std::move(entry));
+    }
+    return out;
+}
+
+std::string DirectoryOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+Status WriteAll(int fd, std::string_view text, const std::string& path) {
+    while (!text.empty()) {
+        const ssize_t put = write(fd, text.data(), text.size());
+        if (put < 0) {
+            if (errno == EINTR) continue;
+            return ErrnoError(errno, "write", path);
+        }
+        text.remove_prefix(static_cast<size_t>(put));
+    }
+    return {};
+}
+
+}  // namespace
+
+const ComponentEntry* ComponentFile::Find(std::string_view name) const {
+    for (const ComponentEntry& entry : components) {
+        if (entry.name == name) return &entry;
+    }
+    return nullptr;
+}
+
+std::string FormatComponentFile(const ComponentFile& file) {
+    std::string out = "{\n";
+    out += "  \"version\": " + std::to_string(kComponentFileVersion) + ",\n";
+    out += std::string("  \"enabled\": ") + (file.enabled ? "true" : "false") + ",\n";
+    out += "  \"boot_id\": " + Quoted(file.bootId);
+    if (!file.enabled) return out + "\n}\n";
+    out += ",\n  \"parent\": {\n";
+    out += "    \"cpu\": " + ParentText(file.cpu, "limit_100times") + ",\n";
+    out += "    \"memory\": " + ParentText(file.memory, "limit_kb") + "\n  },\n";
+    out += "  \"components\": [";
+    const char* separator = "\n";
+    for (const ComponentEntry& entry : file.components) {
+        out += separator;
+        out += "    {\n      \"name\": " + Quoted(entry.name) + ",\n";
+        out += "      \"cpu\": " + LeafText(entry.cpu, "quota_100times") + ",\n";
+        out += "      \"memory\": " + LeafText(entry.memory, "quota_kb") + "\n    }";
+        separator = ",\n";
+    }
+    out += file.components.empty() ? "]\n}\n" : "\n  ]\n}\n";
+    return out;
+}
+
+Result<ComponentFile> ParseComponentFile(std::string_view text) {
+    if (text.size() > kMaxComponentFileBytes) {
+        return MakeError(ErrorKind::kTooLarge, "use", "component file", "it is longer than any that is written");
+    }
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    builder["stackLimit"] = kMaxComponentFileDepth;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value root;
+    std::string why;
+    try {
+        if (!reader->parse(text.data(), text.data() + text.size(), &root, &why)) {
+            std::replace(why.begin(), why.end(), '\n', ' ');
+            return Bad("it is not JSON: " + why);
+        }
+        return FromJson(root);
+    } catch (const std::exception& failure) {
+        return Bad(std::string("it is not JSON: ") + failure.what());
+    }
+}
+
+Result<ComponentFile> ReadComponentFile(const std::string& path) {
+    // Non-blocking: a pipe put in the file's place must not hold the reader.
+    const base::Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (fd.Get() < 0) {
+        const int error = errno;
+        return ErrnoError(error, "open", path, error == ELOOP ? "it is a symbolic link" : "");
+    }
+    struct stat info = {};
+    if (fstat(fd.Get(), &info) != 0) return ErrnoError(errno, "stat", path);
+    if (!S_ISREG(info.st_mode)) return MakeError(ErrorKind::kRefused, "use", path, "it is not a regular file");
+    if (info.st_uid != 0 && info.st_uid != geteuid()) {
+        return MakeError(ErrorKind::kRefused, "use", path, "it belongs to user " + std::to_string(info.st_uid));
+    }
+    if ((info.st_mode & kForbiddenModes) != 0) {
+        return MakeError(ErrorKind::kRefused, "use", path, "others than its owner may write it");
+    }
+    std::string text;
+    char buffer[8192];
+    for (;;) {
+        const ssize_t got = read(fd.Get(), buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return ErrnoError(errno, "read", path);
+        if (got == 0) break;
+        text.append(buffer, static_cast<size_t>(got));
+        if (text.size() > kMaxComponentFileBytes) {
+            return MakeError(ErrorKind::kTooLarge, "use", path, "it is longer than any that is written");
+        }
+    }
+    Result<ComponentFile> parsed = ParseComponentFile(text);
+    if (!parsed) return MakeError(parsed.GetError().kind, "use", path, parsed.GetError().hint);
+    return parsed;
+}
+
+Status WriteFileAtomically(const std::string& path, std::string_view text) {
+    const std::string folder = DirectoryOf(path);
+    const std::string name = path.substr(path.rfind('/') + 1);
+    const std::string temporary = name + ".tmp";
+    const base::Fd directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.Get() < 0) return ErrnoError(errno, "open directory", folder);
+    // A leftover of a crash, or something that was put there: never written through, always made anew.
+    if (unlinkat(directory.Get(), temporary.c_str(), 0) != 0 && errno != ENOENT) {
+        return ErrnoError(errno, "remove", folder + "/" + temporary);
+    }
+    Status status;
+    {
+        const base::Fd fd(openat(directory.Get(), temporary.c_str(),
+                                 O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+        if (fd.Get() < 0) return ErrnoError(errno, "create", folder + "/" + temporary);
+        if (fchmod(fd.Get(), kFileMode) != 0) status = ErrnoError(errno, "set the mode of", folder + "/" + temporary);
+        if (status) status = WriteAll(fd.Get(), text, folder + "/" + temporary);
+        if (status && fsync(fd.Get()) != 0) status = ErrnoError(errno, "sync", folder + "/" + temporary);
+    }
+    if (status && renameat(directory.Get(), temporary.c_str(), directory.Get(), name.c_str()) != 0) {
+        status = ErrnoError(errno, "rename to", path);
+    }
+    if (!status) {
+        unlinkat(directory.Get(), temporary.c_str(), 0);
+        return status;
+    }
+    // The new file is in place whatever this says; a directory that cannot be synced is no reason to distrust it.
+    fsync(directory.Get());
+    return {};
+}
+
+std::string ReadBootId() {
+    Result<std::string> text = ReadProcFile(kBootIdFile, kMaxControlValueBytes);
+    if (!text) return {};
+    return text->substr(0, std::min(text->find('\n'), kBootIdLength));
+}
+
+}  // namespace cgroup
+}  // namespace zel

@@ -1,0 +1,430 @@
+// Control groups by directory descriptor: openat, mkdirat, unlinkat relative to it, no link followed, nothing created.
+#include "GroupDir.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <utility>
+
+#include "CgroupFiles.h"
+#include "base/Fd.h"
+#include "ProcText.h"
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
+constexpr size_t kMaxChildren = 65536;
+constexpr useconds_t kEndingProcessPauseUs = 20000;
+
+int OpenAt(int dir, const char* name, int flags) {
+    int fd;
+    do {
+        fd = openat(dir, name, flags);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+// A plain directory where a hierarchy should be mounted would take every write as an ordinary file and limit nothing.
+Status CheckFileSystem(int fd, const std::string& path, Version version) {
+    struct statfs info = {};
+    int rc;
+    do {
+        rc = fstatfs(fd, &info);
+    } while (rc != 0 && errno == EINTR);
+    if (rc != 0) return ErrnoError(errno, "statfs", path);
+    const auto magic = static_cast<unsigned long>(info.f_type) & 0xffffffffUL;
+    const unsigned long wanted = version == Version::kV2 ? kCgroupV2Magic : kCgroupV1Magic;
+    if (magic == wanted) return {};
+    return MakeError(ErrorKind::kNotCgroup, "use", path,
+                     version == Version::kV2 ? "no cgroup2 file system is mounted there"
+                                             : "no cgroup version 1 file system is mounted there");
+}
+
+bool StartsWith(std::string_view text, std::string_view prefix) {
+    return text.substr(0, prefix.size()) == prefix;
+}
+
+// What an operator can do about a write that the kernel refused.
+std::string WriteHint(int error, std::string_view file, Version version) {
+    switch (error) {
+        case EROFS:
+            return "the hierarchy is read-only here: remount it read-write, or set ProtectControlGroups=no in the unit";
+        case EACCES:
+        case EPERM: return "run the agent as root, or give it a delegated group (Delegate=yes in its unit)";
+        case ENODEV: return "the group was removed by somebody else";
+        case ESRCH: return "the process has ended";
+        case ENOENT: return "the kernel offers no such control file in this group";
+        case ENOMEM:
+        case ENOSPC: return "the kernel had no room; try again later";
+        default: break;
+    }
+    if (file == v2::kSubtreeControl && error == EBUSY) {
+        return "processes are in this group itself, move them to a leaf first; or a child still uses the controller";
+    }
+    if (file == kProcsFile && error == EBUSY && version == Version::kV2) {
+        return "this group gives controllers to its children, so processes belong in a leaf below it";
+    }
+    if (file == kProcsFile && error == EOPNOTSUPP) return "the group is threaded or of an invalid type";
+    if (file == kProcsFile && error == EINVAL) return "a kernel thread or a real-time process cannot be moved there";
+    if (StartsWith(file, "memory.") && error == EBUSY) {
+        return "more memory is in use than the new limit, and it cannot be reclaimed";
+    }
+    if (StartsWith(file, "cpu.") && error == EINVAL) {
+        return "out of the kernel's range (1 ms to 1 s), above the parent's limit or below a child's";
+    }
+    return {};
+}
+
+bool IsSafeComponent(std::string_view name) {
+    return !name.empty() && name != "." && name != ".." && name.size() <= 255 &&
+           name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
+Result<std::string> ReadAll(int fd, const std::string& path, size_t limit) {
+    std::string out;
+    char buffer[4096];
+    for (;;) {
+        const ssize_t got = read(fd, buffer, sizeof buffer);
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            return ErrnoError(errno, "read", path);
+        }
+        if (got == 0) return out;
+        if (out.size() + static_cast<size_t>(got) > limit) return MakeError(ErrorKind::kTooLarge, "read", path);
+        out.append(buffer, static_cast<size_t>(got));
+    }
+}
+
+// A process that is ending, or that nobody has waited for yet, is still in /proc but in no group's list.
+bool HasEnded(int pid) {
+    constexpr size_t kMaxStatBytes = 8192;
+    constexpr size_t kStateField = 0;  // counted from the end of the command name, proc(5)
+    constexpr size_t kFlagsField = 6;
+    constexpr int64_t kExiting = 0x4;  // PF_EXITING
+    Result<std::string> stat = ReadProcFile("/proc/" + std::to_string(pid) + "/stat", kMaxStatBytes);
+    if (!stat) return true;
+    const size_t name = stat->rfind(')');
+    if (name == std::string::npos) return false;
+    const std::vector<std::string> fields = ParseWords(std::string_view(*stat).substr(name + 1));
+    if (fields.size() <= kFlagsField) return false;
+    Result<int64_t> flags = ParseNumberOrMax(fields[kFlagsField]);
+    return fields[kStateField] == "Z" || fields[kStateField] == "X" || (flags && (*flags & kExiting) != 0);
+}
+
+}  // namespace
+
+bool IsSafeGroupName(std::string_view name) {
+    if (name.empty() || name.size() > kMaxGroupNameBytes || name.front() == '.' || name.front() == '-') return false;
+    return std::all_of(name.begin(), name.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '_' ||
+               c == '-';
+    });
+}
+
+GroupDir::~GroupDir() {
+    if (m_fd >= 0) close(m_fd);
+}
+
+GroupDir::GroupDir(GroupDir&& other) noexcept
+    : m_fd(std::exchange(other.m_fd, -1)), m_path(std::move(other.m_path)), m_version(other.m_version) {}
+
+GroupDir& GroupDir::operator=(GroupDir&& other) noexcept {
+    if (this != &other) {
+        if (m_fd >= 0) close(m_fd);
+        m_fd = std::exchange(other.m_fd, -1);
+        m_path = std::move(other.m_path);
+        m_version = other.m_version;
+    }
+    return *this;
+}
+
+std::string GroupDir::FilePath(std::string_view file) const {
+    std::string path = m_path;
+    if (path.empty() || path.back() != '/') path += '/';
+    path += file;
+    return path;
+}
+
+Result<GroupDir> GroupDir::Open(const std::string& path, Version version) {
+    if (version == Version::kNone) return MakeError(ErrorKind::kRefused, "open", path, "no hierarchy was chosen");
+    base::Fd fd(OpenAt(AT_FDCWD, path.c_str(), kDirFlags));
+    if (fd.Get() < 0) return ErrnoError(errno, "open", path);
+    Status checked = CheckFileSystem(fd.Get(), path, version);
+    if (!checked) return checked.GetError();
+    return GroupDir(fd.Release(), path, version);
+}
+
+Result<GroupDir> GroupDir::OpenChild(const std::string& name) const {
+    const std::string path = FilePath(name);
+    if (!IsSafeComponent(name)) return MakeError(ErrorKind::kRefused, "open", path, "not a name of one group");
+    base::Fd fd(OpenAt(m_fd, name.c_str(), kDirFlags));
+    if (fd.Get() < 0) return ErrnoError(errno, "open", path);
+    Status checked = CheckFileSystem(fd.Get(), path, m_version);
+    if (!checked) return checked.GetError();
+    return GroupDir(fd.Release(), path, m_version);
+}
+
+Result<GroupDir> GroupDir::OpenBelow(std::string_view relative) const {
+    base::Fd own(fcntl(m_fd, F_DUPFD_CLOEXEC, 0));
+    if (own.Get() < 0) return ErrnoError(errno, "open", m_path);
+    GroupDir current(own.Release(), m_path, m_version);
+    while (!relative.empty()) {
+        const size_t end = relative.find('/');
+        const std::string name(relative.substr(0, end));
+        relative.remove_prefix(end == std::string_view::npos ? relative.size() : end + 1);
+        if (name.empty()) continue;
+        Result<GroupDir> next = current.OpenChild(name);
+        if (!next) return next;
+        current = std::move(*next);
+    }
+    return current;
+}
+
+Result<GroupDir> GroupDir::MakeChild(const std::string& name, bool* created) const {
+    if (created != nullptr) *created = false;
+    const std::string path = FilePath(name);
+    if (!IsSafeGroupName(name)) {
+        return MakeError(ErrorKind::kRefused, "mkdir", path,
+                         "only ASCII letters, digits, '.', '_' and '-' are allowed");
+    }
+    const bool made = mkdirat(m_fd, name.c_str(), 0755) == 0;
+    if (!made && errno != EEXIST) {
+        const int error = errno;
+        return ErrnoError(error, "mkdir", path, WriteHint(error, "", m_version));
+    }
+    Result<GroupDir> child = OpenChild(name);
+    if (child && created != nullptr) *created = made;
+    return child;
+}
+
+Status GroupDir::RemoveChild(const std::string& name) const {
+    const std::string path = FilePath(name);
+    if (!IsSafeComponent(name)) return MakeError(ErrorKind::kRefused, "rmdir", path, "not a name of one group");
+    if (unlinkat(m_fd, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT || errno == ENODEV) return {};
+    const int error = errno;
+    return ErrnoError(error, "rmdir", path,
+                      error == EBUSY ? "processes or groups are still in it" : WriteHint(error, "", m_version));
+}
+
+Result<std::vector<std::string>> GroupDir::Children() const {
+    // A descriptor of its own: a directory stream moves the offset that all holders of a descriptor share.
+    base::Fd fd(OpenAt(m_fd, ".", kDirFlags));
+    if (fd.Get() < 0) return ErrnoError(errno, "list", m_path);
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(fdopendir(fd.Get()), closedir);
+    if (!dir) return ErrnoError(errno, "list", m_path);
+    fd.Release();
+    std::vector<std::string> out;
+    for (errno = 0; const dirent* entry = readdir(dir.get()); errno = 0) {
+        const std::string_view name = entry->d_name;
+        if (name == "." || name == ".." || entry->d_type != DT_DIR) continue;
+        if (out.size() >= kMaxChildren) return MakeError(ErrorKind::kTooLarge, "list", m_path);
+        out.emplace_back(name);
+    }
+    if (errno != 0) return ErrnoError(errno, "list", m_path);
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+bool GroupDir::IsAlive() const {
+    if (m_fd < 0) return false;
+    // The descriptor of a removed group stays open, but nothing can be looked up in it any more.
+    return faccessat(m_fd, kProcsFile, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+Result<GroupIdentity> GroupDir::Identity() const {
+    struct stat info = {};
+    if (fstat(m_fd, &info) != 0) return ErrnoError(errno, "stat", m_path);
+    return GroupIdentity{static_cast<uint64_t>(info.st_dev), static_cast<uint64_t>(info.st_ino)};
+}
+
+bool GroupDir::HasFile(const char* file) const {
+    return faccessat(m_fd, file, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+Result<std::string> GroupDir::Read(const char* file) const {
+    const std::string path = FilePath(file);
+    if (!IsSafeComponent(file)) return MakeError(ErrorKind::kRefused, "read", path, "not a name of one file");
+    base::Fd fd(OpenAt(m_fd, file, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (fd.Get() < 0) {
+        const int error = errno;
+        return ErrnoError(error, "open", path, WriteHint(error, file, m_version));
+    }
+    return ReadAll(fd.Get(), path, kMaxControlFileBytes);
+}
+
+Result<int64_t> GroupDir::ReadNumber(const char* file) const {
+    Result<std::string> text = Read(file);
+    if (!text) return text.GetError();
+    Result<int64_t> number = ParseNumberOrMax(*text);
+    if (!number) return MakeError(ErrorKind::kMalformed, "read a number from", FilePath(file));
+    return number;
+}
+
+Status GroupDir::Write(const char* file, std::string_view value) const {
+    const std::string path = FilePath(file);
+    const std::string operation = "write " + std::string(value.substr(0, 64)) + " to";
+    if (!IsSafeComponent(file)) return MakeError(ErrorKind::kRefused, operation, path, "not a name of one file");
+    if (value.size() > kMaxControlValueBytes) return MakeError(ErrorKind::kTooLarge, operation, path);
+    // No O_CREAT and no O_TRUNC: a control file exists or the limit does not.
+    base::Fd fd(OpenAt(m_fd, file, O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (fd.Get() < 0) {
+        const int error = errno;
+        return ErrnoError(error, operation, path, WriteHint(error, file, m_version));
+    }
+    ssize_t put;
+    do {
+        put = write(fd.Get(), value.data(), value.size());
+    } while (put < 0 && errno == EINTR);
+    if (put < 0) {
+        const int error = errno;
+        return ErrnoError(error, operation, path, WriteHint(error, file, m_version));
+    }
+    if (static_cast<size_t>(put) != value.size()) return MakeError(ErrorKind::kShortWrite, operation, path);
+    return {};
+}
+
+Result<std::vector<int>> GroupDir::Processes() const {
+    Result<std::string> text = Read(kProcsFile);
+    if (!text) return text.GetError();
+    std::vector<int> pids = ParsePids(*text);
+    // Version 1 may list a process twice while it changes groups.
+    std::sort(pids.begin(), pids.end());
+    pids.erase(std::unique(pids.begin(), pids.end()), pids.end());
+    return pids;
+}
+
+Result<bool> GroupDir::Contains(int pid) const {
+    Result<std::vector<int>> pids = Processes();
+    if (!pids) return pids.GetError();
+    return std::binary_search(pids->begin(), pids->end(), pid);
+}
+
+Status GroupDir::MoveHere(int pid) const {
+    const std::string number = std::to_string(pid);
+    if (pid <= 0) {
+        return MakeError(ErrorKind::kRefused, "write " + number + " to", FilePath(kProcsFile), "not a process");
+    }
+    if (m_version == Version::kV2) {
+        Status room = CheckMayHoldProcesses();
+        if (!room) return room;
+    }
+    Status written = Write(kProcsFile, number);
+    if (!written) return written;
+    Result<bool> arrived = Contains(pid);
+    if (!arrived) return arrived.GetError();
+    if (*arrived) return {};
+    if (HasEnded(pid)) {
+        return ErrnoError(ESRCH, "move process " + number + " to", m_path, "the process has ended");
+    }
+    return MakeError(ErrorKind::kNotInForce, "move process " + number + " to", m_path,
+                     "the kernel took the write, but the process is not in the group: somebody moved it away");
+}
+
+// Processes beside children with controllers: for memory the kernel refuses that, for cpu alone it takes it and makes
+// the group the root of a threaded subtree, whose other children can hold no process any more. Refused for both.
+Status GroupDir::CheckMayHoldProcesses() const {
+    if (IsHierarchyRoot()) return {};
+    Result<std::string> enabled = Read(v2::kSubtreeControl);
+    if (!enabled) return enabled.GetError();
+    if (ParseWords(*enabled).empty()) return {};
+    return ErrnoError(EBUSY, "put a process into", FilePath(kProcsFile), WriteHint(EBUSY, kProcsFile, m_version));
+}
+
+Status GroupDir::CheckHoldsNoProcess(const std::string& operation) const {
+    if (IsHierarchyRoot()) return {};
+    Result<std::vector<int>> pids = Processes();
+    if (!pids) return pids.GetError();
+    if (pids->empty()) return {};
+    return ErrnoError(EBUSY, operation, FilePath(v2::kSubtreeControl),
+                      WriteHint(EBUSY, v2::kSubtreeControl, m_version));
+}
+
+bool GroupDir::IsHierarchyRoot() const {
+    return m_version != Version::kV2 || !HasFile(v2::kType);
+}
+
+Result<bool> GroupDir::HasController(const char* controller) const {
+    if (m_version != Version::kV2) return true;
+    Result<std::string> text = Read(v2::kControllers);
+    if (!text) return text.GetError();
+    const std::vector<std::string> words = ParseWords(*text);
+    return std::find(words.begin(), words.end(), controller) != words.end();
+}
+
+Result<bool> GroupDir::IsEnabledForChildren(const char* controller) const {
+    if (m_version != Version::kV2) return true;
+    Result<std::string> text = Read(v2::kSubtreeControl);
+    if (!text) return text.GetError();
+    const std::vector<std::string> words = ParseWords(*text);
+    return std::find(words.begin(), words.end(), controller) != words.end();
+}
+
+Status GroupDir::EnableForChildren(const char* controller) const {
+    if (m_version != Version::kV2) return {};
+    Result<bool> enabled = IsEnabledForChildren(controller);
+    if (!enabled) return enabled.GetError();
+    if (*enabled) return {};
+    const std::string operation = std::string("enable controller ") + controller + " under";
+    Result<bool> offered = HasController(controller);
+    if (!offered) return offered.GetError();
+    if (!*offered) {
+        return MakeError(ErrorKind::kNoController, operation, m_path,
+                         std::string("it is not in cgroup.controllers: enable it in the groups above") +
+                             " (Delegate=yes gives all), or a version 1 mount holds it");
+    }
+    Status empty = CheckHoldsNoProcess(operation);
+    if (!empty) return empty;
+    Status written = Write(v2::kSubtreeControl, std::string("+") + controller);
+    if (!written) return written;
+    enabled = IsEnabledForChildren(controller);
+    if (!enabled) return enabled.GetError();
+    if (*enabled) return {};
+    return MakeError(ErrorKind::kNotInForce, operation, m_path,
+                     "the kernel took the write, but cgroup.subtree_control does not show it");
+}
+
+Status GroupDir::DisableForChildren(const char* controller) const {
+    if (m_version != Version::kV2) return {};
+    Result<bool> enabled = IsEnabledForChildren(controller);
+    if (!enabled) return enabled.GetError();
+    if (!*enabled) return {};
+    return Write(v2::kSubtreeControl, std::string("-") + controller);
+}
+
+Result<std::string> ReadProcFile(const std::string& path, size_t limit) {
+    base::Fd fd(OpenAt(AT_FDCWD, path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (fd.Get() < 0) return ErrnoError(errno, "open", path);
+    return ReadAll(fd.Get(), path, limit);
+}
+
+Result<int> MoveAll(const GroupDir& from, const GroupDir& to, int rounds) {
+    int moved = 0;
+    for (int round = 0; round < rounds; ++round) {
+        Result<std::vector<int>> pids = from.Processes();
+        if (!pids) return pids.GetError();
+        if (pids->empty()) return moved;
+        const int movedBefore = moved;
+        for (int pid : *pids) {
+            Status status = to.MoveHere(pid);
+            if (status) {
+                ++moved;
+            } else if (status.GetError().kind != ErrorKind::kNotFound) {
+                return status.GetError();
+            }
+        }
+        // A process that is ending is listed still and cannot be moved any more: give it the time to be gone.
+        if (moved == movedBefore) usleep(kEndingProcessPauseUs);
+    }
+    return MakeError(ErrorKind::kBusy, "empty", from.Path(), "new processes appear faster than they are moved");
+}
+
+}  // namespace cgroup
+}  // namespace zel

@@ -1,0 +1,117 @@
+// One control group, held by a directory descriptor: every access is relative to it, so that a path swapped under us
+// or a group removed and made again is never mistaken for the one that was opened.
+// Touches cgroup.procs, cgroup.controllers, cgroup.subtree_control and whatever control file a caller names.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Errors.h"
+
+namespace zel {
+namespace cgroup {
+
+enum class Version { kNone = 0, kV1 = 1, kV2 = 2 };
+
+/// Bounds of one access.
+constexpr size_t kMaxControlFileBytes = 1024 * 1024;  ///< cgroup.procs of about 130,000 processes
+constexpr size_t kMaxControlValueBytes = 4096;
+constexpr size_t kMaxGroupNameBytes = 64;
+
+/// Tells one group from another of the same name: kernfs never uses an inode number twice while the device lives.
+struct GroupIdentity {
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    bool operator==(const GroupIdentity& other) const { return device == other.device && inode == other.inode; }
+    bool operator!=(const GroupIdentity& other) const { return !(*this == other); }
+};
+
+/// Returns: whether a name may be used for a group of ours: ASCII letters, digits, '.', '_', '-', at most 64, no
+/// leading '.' or '-'. So no '/', no "..", nothing that a shell or a log would trip over.
+bool IsSafeGroupName(std::string_view name);
+
+/// A group.
+/// Thread-safety: const operations from any thread, they share nothing but the descriptor.
+/// Lifetime: the descriptor is closed with the object; the group itself stays. Move only.
+/// Errors: nothing is created but by MakeChild; a control file that does not exist is an error and is never made.
+class GroupDir {
+public:
+    GroupDir() = default;
+    ~GroupDir();
+    GroupDir(GroupDir&& other) noexcept;
+    GroupDir& operator=(GroupDir&& other) noexcept;
+    GroupDir(const GroupDir&) = delete;
+    GroupDir& operator=(const GroupDir&) = delete;
+
+    /// Opens an existing directory after checking that it is on a cgroup file system of that version.
+    static Result<GroupDir> Open(const std::string& path, Version version);
+
+    /// Opens `relative` (components joined by '/', no "..", no link followed) below this group. "" or "/": this group.
+    Result<GroupDir> OpenBelow(std::string_view relative) const;
+    /// Opens a direct child.
+    Result<GroupDir> OpenChild(const std::string& name) const;
+    /// Makes the child unless it is there, and opens it. Requires: IsSafeGroupName(name), else kRefused.
+    Result<GroupDir> MakeChild(const std::string& name, bool* created = nullptr) const;
+    /// Removes the child. A child that is not there counts as removed. kBusy: processes or groups are in it.
+    Status RemoveChild(const std::string& name) const;
+    /// Returns: names of the child groups.
+    Result<std::vector<std::string>> Children() const;
+
+    bool IsOpen() const { return m_fd >= 0; }
+    int Descriptor() const { return m_fd; }
+    const std::string& Path() const { return m_path; }  ///< for messages and for humans; never used for access
+    Version GetVersion() const { return m_version; }
+    /// Returns: whether the group still exists under its descriptor.
+    bool IsAlive() const;
+    Result<GroupIdentity> Identity() const;
+
+    bool HasFile(const char* file) const;
+    Result<std::string> Read(const char* file) const;
+    /// Reads one number; "max" and nothing else gives -1.
+    Result<int64_t> ReadNumber(const char* file) const;
+    /// Writes the value in one write. Never creates the file.
+    Status Write(const char* file, std::string_view value) const;
+
+    /// Processes that are directly in this group, as this process's pid namespace sees them.
+    Result<std::vector<int>> Processes() const;
+    Result<bool> Contains(int pid) const;
+    /// Moves a process (all its threads) here and checks that it arrived. A process that ended meanwhile: kNotFound.
+    /// Kernel: on version 2 a group that gives controllers to its children holds no process: kBusy, nothing is written.
+    Status MoveHere(int pid) const;
+
+    /// Version 2: whether this is the real root, which may hold processes beside children with controllers. A
+    /// container's root is not it.
+    bool IsHierarchyRoot() const;
+
+    /// Version 2: controllers that the group may use, and those it gives to its children.
+    Result<bool> HasController(const char* controller) const;
+    Result<bool> IsEnabledForChildren(const char* controller) const;
+    /// Version 2: gives the controller to the children and reads back that it is so. Version 1: nothing to do.
+    /// kBusy: processes are in this group itself; they must be moved to a leaf first.
+    Status EnableForChildren(const char* controller) const;
+    Status DisableForChildren(const char* controller) const;
+
+private:
+    GroupDir(int fd, std::string path, Version version) : m_fd(fd), m_path(std::move(path)), m_version(version) {}
+    std::string FilePath(std::string_view file) const;
+    Status CheckMayHoldProcesses() const;
+    Status CheckHoldsNoProcess(const std::string& operation) const;
+
+    int m_fd = -1;
+    std::string m_path;
+    Version m_version = Version::kNone;
+};
+
+/// Reads a whole small file of /proc, bounded. Follows no link in the last component.
+Result<std::string> ReadProcFile(const std::string& path, size_t limit = kMaxControlFileBytes);
+
+/// Moves every process of `from` to `to` until none is left; `rounds` bounds how often new ones are looked for.
+/// Returns: number of processes moved.
+Result<int> MoveAll(const GroupDir& from, const GroupDir& to, int rounds = 16);
+
+}  // namespace cgroup
+}  // namespace zel

@@ -1,0 +1,87 @@
+// Which hierarchy serves a controller on this host, and where in it the agent may make groups.
+// Reads /proc/self/mountinfo, /proc/self/cgroup, /proc/cgroups, cgroup.controllers and the delegation marks.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "GroupDir.h"
+#include "ProcText.h"
+#include "Errors.h"
+
+namespace zel {
+namespace cgroup {
+
+enum class Controller { kCpu = 0, kMemory = 1 };
+
+/// "cpu" or "memory", as the kernel calls them.
+const char* ControllerName(Controller controller);
+
+/// The kernel's texts that a decision rests on, so that the decision itself is pure.
+struct LayoutTexts {
+    std::string mountInfo;   ///< /proc/self/mountinfo
+    std::string selfCgroup;  ///< /proc/self/cgroup
+    std::string cgroups;     ///< /proc/cgroups; may be empty
+};
+
+/// Reads the three files. /proc/cgroups may be missing.
+Result<LayoutTexts> ReadLayoutTexts();
+
+/// The hierarchy of one controller.
+struct Hierarchy {
+    Controller controller = Controller::kCpu;
+    Version version = Version::kNone;
+    bool readOnly = false;
+    unsigned devMajor = 0;
+    unsigned devMinor = 0;
+    std::string mountPoint;
+    std::string mountRoot;  ///< group that the mount point shows
+    std::string ownPath;    ///< this process's group, from the hierarchy's root
+    std::string reason;     ///< one sentence: why this version, or why none and what to do
+
+    /// Returns: directory of a group given from the hierarchy's root; empty when the mount does not show it.
+    std::string DirectoryOf(std::string_view groupPath) const;
+};
+
+/// Pure: candidates in the order in which they are to be tried, best first. When no mount serves, one entry with
+/// Version::kNone and the reason.
+std::vector<Hierarchy> DecideHierarchy(Controller controller, const LayoutTexts& texts);
+
+/// Decides, and checks against the kernel: the mount point is really a cgroup file system of that version, is not
+/// covered by another mount, and (version 2) offers the controller. Version::kNone carries the reason.
+Hierarchy FindHierarchy(Controller controller, const LayoutTexts& texts);
+
+/// Where groups may be made.
+struct Placement {
+    GroupDir base;           ///< the agent's groups are children of it
+    std::string groupPath;   ///< base from the hierarchy's root
+    bool delegated = false;  ///< base was given to us by a service manager
+    std::string reason;      ///< one sentence
+};
+
+/// Finds the base: the nearest group at or above our own that a service manager has delegated; else the hierarchy's
+/// root (the namespace's, in a container). Version 2: a service that is not delegated is left alone (kNotDelegated),
+/// since a process that leaves its unit's group is lost to the service manager.
+/// Kernel: version 1 carries the marks on the name=systemd hierarchy (or on cgroup2 in hybrid layouts).
+Result<Placement> FindPlacement(const Hierarchy& hierarchy, const LayoutTexts& texts);
+
+/// Version 2: makes the controller usable in children of the base. In a delegated group its processes are first moved
+/// to `leaf`, a child of the base, as the kernel allows no process beside children with controllers.
+Status PrepareBase(const Placement& placement, Controller controller, const GroupDir& leaf);
+
+/// Returns: name of the agent's parent group. "zel.agent", unless the environment variable ZEL_CGROUP_NAME holds
+/// another safe name (tests beside each other on one machine). An unsafe one is ignored.
+std::string AgentGroupName();
+
+/// Returns: eight hex digits that tell one application directory from another (FNV-1a of its bytes).
+std::string ApplicationTag(std::string_view applicationDir);
+
+/// Opens a group given from the hierarchy's root. On failure: kNotFound when this mount does not show it.
+Result<GroupDir> OpenGroup(const Hierarchy& hierarchy, std::string_view groupPath);
+
+/// Returns: a process's group for the controller as the kernel says now, from the hierarchy's root.
+Result<std::string> ReadGroupOf(int pid, const Hierarchy& hierarchy);
+
+}  // namespace cgroup
+}  // namespace zel

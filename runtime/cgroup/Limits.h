@@ -1,0 +1,72 @@
+// Limits and counters of one group, version 1 or 2 behind one set of operations: each write is read back, and a limit
+// counts only when the kernel shows it.
+#pragma once
+
+#include <cstdint>
+
+#include "GroupDir.h"
+#include "LimitUnits.h"
+#include "Errors.h"
+
+namespace zel {
+namespace cgroup {
+
+/// Reads cpu.cfs_quota_us and cpu.cfs_period_us, or cpu.max.
+Result<CpuQuota> ReadCpuQuota(const GroupDir& group);
+
+/// Writes the quota unless it is already there, and reads it back.
+/// Kernel: version 1 has two files that are checked together after each write; the order is chosen so that growing and
+/// shrinking both pass, and the old pair is put back when they do not.
+/// On failure: the old limit stays, except for kNotInForce.
+Status ApplyCpuQuota(const GroupDir& group, const CpuQuota& quota);
+
+/// Counters of cpu.stat. Version 1 has no usage there: it is read from cpuacct.usage when co-mounted, else -1.
+struct CpuCounters {
+    int64_t periods = 0;
+    int64_t throttledPeriods = 0;
+    int64_t throttledUs = 0;
+    int64_t usageUs = -1;
+};
+Result<CpuCounters> ReadCpuCounters(const GroupDir& group);
+
+/// Memory limits of a group. Units: bytes; kUnlimited.
+struct MemLimit {
+    int64_t hardBytes = kUnlimited;
+    int64_t softBytes = kUnlimited;  ///< version 1: memory.soft_limit_in_bytes; version 2: not written, reads unlimited
+    int64_t withSwapBytes = kUnlimited;  ///< version 1 with swap accounting: memory.memsw.limit_in_bytes; read only
+    bool hasSwapLimit = false;
+};
+Result<MemLimit> ReadMemLimit(const GroupDir& group);
+
+/// Writes the hard limit unless it is there, and reads it back, rounded down to pages as the kernel does.
+/// Kernel: version 1 with swap accounting keeps the limit on memory and swap together one page above, since a limit
+/// that only moves the agent's memory to swap helps nobody. Not at the same value: then that one is hit first, and
+/// memory.failcnt stays 0. It must never be below the memory limit, so it is raised first and lowered last.
+/// Version 2: memory.max; memory.swap.max is left alone.
+/// A limit below the anonymous memory in use is refused as kBusy on version 2 too, where the kernel would take it and
+/// kill.
+/// On failure: kBusy when more is in use than can be reclaimed; version 1 puts the old pair back.
+Status ApplyMemHardLimit(const GroupDir& group, int64_t bytes);
+
+/// Version 1: memory.soft_limit_in_bytes. Version 2: nothing, because memory.high can stall a process for good.
+Status ApplyMemSoftLimit(const GroupDir& group, int64_t bytes);
+
+/// Version 1: makes a group's limit count for the groups below it too (memory.use_hierarchy; new groups of kernels
+/// before 5.11 do not). Needs a group without children. Version 2 and newer kernels: nothing to do.
+Status EnsureMemHierarchical(const GroupDir& group);
+
+/// Usage and counters. Absent ones are -1.
+struct MemCounters {
+    int64_t usageBytes = -1;
+    int64_t limitHits = -1;      ///< version 1: memory.failcnt; version 2: "max" of memory.events
+    int64_t oomKills = -1;       ///< victims; version 2: in the subtree, version 1: in this group only
+    int64_t ooms = -1;           ///< version 2 only
+    int64_t localOoms = -1;      ///< version 2, Linux 5.2: of this group's own limit
+    int64_t oomGroupKills = -1;  ///< version 2, Linux 5.17
+    int underOom = 0;            ///< version 1 only
+    int oomKillDisable = 0;      ///< version 1 only
+};
+Result<MemCounters> ReadMemCounters(const GroupDir& group);
+
+}  // namespace cgroup
+}  // namespace zel

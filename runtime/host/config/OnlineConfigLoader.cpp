@@ -1,0 +1,204 @@
+// Watches the file of the online configuration and publishes what it holds.
+#include "config/OnlineConfigLoader.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+
+#include "config/OnlineClientConfImpl.h"
+#include "platform/zel/LogMessage.h"
+#include "platform/zel/ThreadUtil.h"
+
+namespace zelhost {
+namespace {
+// A file that is replaced by remove and create is gone for a moment: only a lasting absence counts.
+constexpr auto kMissingGrace = std::chrono::milliseconds(300);
+// Events of one save come in a burst; read the file once, after it.
+constexpr int kSettleMs = 30;
+constexpr uint32_t kWatched =
+    IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+}  // namespace
+
+COnlineConfigLoader::COnlineConfigLoader(COnlineClientConf& conf, std::string path, unsigned int pollMs)
+    : m_conf(conf), m_path(std::move(path)), m_pollMs(pollMs == 0 ? 1 : pollMs) {}
+
+COnlineConfigLoader::~COnlineConfigLoader() {
+    Stop();
+}
+
+bool COnlineConfigLoader::Start(std::string& error) {
+    m_wake = base::Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!m_wake) {
+        error = "online configuration: no event descriptor: " + base::ErrnoText(errno);
+        return false;
+    }
+    m_inotify = base::Fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!m_inotify) {
+        zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "OnlineConfigLoader", __LINE__,
+                                             "no inotify (%s); a change of %s is noticed within %u ms by looking",
+                                             base::ErrnoText(errno).c_str(), m_path.c_str(), m_pollMs);
+    }
+    Rewatch();
+    std::string reason;
+    Check(false, reason);
+    m_conf.GetImpl()->SetOnSubscribe([this](IOnlineClientConfNotify* notify) {
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_newSubscribers.push_back(notify);
+        const uint64_t one = 1;
+        WriteAll(m_wake.Get(), reinterpret_cast<const char*>(&one), sizeof(one));
+    });
+    try {
+        m_thread = std::thread([this] { Run(); });
+    } catch (const std::system_error& e) {
+        m_conf.GetImpl()->SetOnSubscribe(nullptr);
+        error = std::string("online configuration: no thread: ") + e.what();
+        return false;
+    }
+    return true;
+}
+
+void COnlineConfigLoader::Stop() {
+    if (!m_thread.joinable()) return;
+    m_conf.GetImpl()->SetOnSubscribe(nullptr);
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_stop = true;
+        const uint64_t one = 1;
+        WriteAll(m_wake.Get(), reinterpret_cast<const char*>(&one), sizeof(one));
+    }
+    m_thread.join();
+    m_answered.notify_all();
+}
+
+bool COnlineConfigLoader::Reload(std::string& error) {
+    std::unique_lock<std::mutex> lock(m_lock);
+    if (m_stop || !m_thread.joinable()) {
+        error = "the online configuration is not watched";
+        return false;
+    }
+    const uint64_t ticket = ++m_reloadWanted;
+    const uint64_t one = 1;
+    WriteAll(m_wake.Get(), reinterpret_cast<const char*>(&one), sizeof(one));
+    m_answered.wait(lock, [&] { return m_reloadDone >= ticket || m_stop; });
+    if (m_reloadDone < ticket) {
+        error = "the online configuration is being stopped";
+        return false;
+    }
+    error = m_reloadError;
+    return m_reloadOk;
+}
+
+void COnlineConfigLoader::Rewatch() {
+    if (!m_inotify) return;
+    // Adding a watch that exists gives the same number, so this also finds out that the directory was replaced.
+    const int watch = inotify_add_watch(m_inotify.Get(), DirectoryOf(m_path).c_str(), kWatched);
+    if (watch != m_watch && m_watch >= 0) inotify_rm_watch(m_inotify.Get(), m_watch);
+    m_watch = watch;
+}
+
+void COnlineConfigLoader::DrainWatch() {
+    alignas(inotify_event) char buffer[16 * (sizeof(inotify_event) + NAME_MAX + 1)];
+    while (m_inotify && read(m_inotify.Get(), buffer, sizeof(buffer)) > 0) {
+    }
+}
+
+bool COnlineConfigLoader::Wait() {
+    pollfd fds[2] = {{m_wake.Get(), POLLIN, 0}, {m_inotify.Get(), POLLIN, 0}};
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        if (m_stop) return false;
+    }
+    poll(fds, 2, static_cast<int>(m_pollMs));
+    if ((fds[1].revents & POLLIN) != 0) {
+        pollfd watch = {m_inotify.Get(), POLLIN, 0};
+        // A writer that never rests must not put the reading off for ever: at most ten settling periods.
+        for (int i = 0; i < 10; ++i) {
+            DrainWatch();
+            if (poll(&watch, 1, kSettleMs) == 0) break;
+        }
+    }
+    uint64_t count = 0;
+    while (read(m_wake.Get(), &count, sizeof(count)) > 0) {
+    }
+    std::lock_guard<std::mutex> lock(m_lock);
+    return !m_stop;
+}
+
+void COnlineConfigLoader::Run() {
+    zel::CThreadUtil::SetThreadName("OnlineConfig");
+    while (Wait()) {
+        Rewatch();
+        uint64_t ticket = 0;
+        bool asked = false;
+        std::vector<IOnlineClientConfNotify*> fresh;
+        {
+            std::lock_guard<std::mutex> lock(m_lock);
+            ticket = m_reloadWanted;
+            asked = ticket != m_reloadDone;
+            fresh.swap(m_newSubscribers);
+        }
+        std::string reason;
+        const bool ok = Check(asked, reason);
+        // What the module published from its own file meanwhile gives way to the online file, once it listens.
+        if (!fresh.empty() && m_fileInForce && m_conf.GetImpl()->Apply(m_values)) {
+            for (IOnlineClientConfNotify* notify : fresh) m_conf.GetImpl()->Notify(notify);
+        }
+        if (asked) {
+            std::lock_guard<std::mutex> lock(m_lock);
+            m_reloadDone = ticket;
+            m_reloadOk = ok;
+            m_reloadError = reason;
+            m_answered.notify_all();
+        }
+    }
+}
+
+bool COnlineConfigLoader::Check(bool force, std::string& reason) {
+    FileMark mark = ReadFileMark(m_path);
+    if (!force && m_checkedOnce && mark == m_seen) return true;
+    if (!mark.exists && m_fileInForce) {
+        std::this_thread::sleep_for(kMissingGrace);
+        mark = ReadFileMark(m_path);
+    }
+    m_checkedOnce = true;
+    m_seen = mark;
+    std::string text;
+    const TrustedRead result = ReadTrustedFile(m_path, kOnlineFileMaxBytes, text, reason);
+    if (result == TrustedRead::kMissing) {
+        if (!m_fileInForce) return true;
+        zel::CLogMessage::GetInstance()->log(zel::kLogInfo, "OnlineConfigLoader", __LINE__,
+                                             "online configuration %s is gone; its values fall back", m_path.c_str());
+        m_fileInForce = false;
+        return Accept({}, force);
+    }
+    std::map<size_t, long> values;
+    OnlineRefusal refusal;
+    if (result == TrustedRead::kOk) {
+        if (ParseOnlineConfig(text, values, refusal)) {
+            zel::CLogMessage::GetInstance()->log(zel::kLogInfo, "OnlineConfigLoader", __LINE__,
+                                                 "online configuration %s: %zu values taken over", m_path.c_str(),
+                                                 values.size());
+            m_fileInForce = true;
+            return Accept(values, force);
+        }
+        reason = refusal.Text();
+    }
+    zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "OnlineConfigLoader", __LINE__,
+                                         "online configuration refused, the old values stay: %s: %s", m_path.c_str(),
+                                         reason.c_str());
+    return false;
+}
+
+bool COnlineConfigLoader::Accept(const std::map<size_t, long>& values, bool force) {
+    m_values = values;
+    const bool changed = m_conf.GetImpl()->Apply(m_values);
+    if (changed || force) m_conf.GetImpl()->Notify();
+    return true;
+}
+
+}  // namespace zelhost

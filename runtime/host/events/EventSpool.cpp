@@ -1,0 +1,496 @@
+// The durable spool of event messages.
+#include "events/EventSpool.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+
+#include "SecureFile.h"
+#include "platform/zel/LogMessage.h"
+
+namespace zelhost {
+namespace {
+
+constexpr int kBusyMs = 2000;
+// Room that is set aside while there is some: on a full disk it is given free, so that the messages which tell of
+// the full disk still get through. Enough for some hundreds of messages with their pages in log and file.
+constexpr off_t kReserveBytes = 512 * 1024;
+// A message's share of pages, index and log beyond its texts.
+constexpr uint64_t kRowBytes = 128;
+
+uint64_t CostOf(const SpoolMessage& m) {
+    return m.type.size() + m.body.size() + m.extra.size() + kRowBytes;
+}
+
+void Log(int level, int line, const char* format, const std::string& a, const std::string& b) {
+    zel::CLogMessage::GetInstance()->log(level, "EventSpool", line, format, a.c_str(), b.c_str());
+}
+
+int Exec(sqlite3* db, const char* sql) {
+    return sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+}
+
+/// A statement that is finalized at the end of its scope.
+class Statement {
+public:
+    Statement(sqlite3* db, const char* sql) { m_rc = sqlite3_prepare_v2(db, sql, -1, &m_stmt, nullptr); }
+    ~Statement() { sqlite3_finalize(m_stmt); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+    bool Ok() const { return m_rc == SQLITE_OK; }
+    bool Row() { return Ok() && sqlite3_step(m_stmt) == SQLITE_ROW; }
+    bool Done() { return Ok() && sqlite3_step(m_stmt) == SQLITE_DONE; }
+    void Bind(int at, int64_t v) { sqlite3_bind_int64(m_stmt, at, v); }
+    void Bind(int at, const std::string& v) {
+        sqlite3_bind_text(m_stmt, at, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
+    }
+    int64_t Int(int column) { return sqlite3_column_int64(m_stmt, column); }
+    std::string Text(int column) {
+        const auto* data = static_cast<const char*>(sqlite3_column_blob(m_stmt, column));
+        const int size = sqlite3_column_bytes(m_stmt, column);
+        return data == nullptr ? "" : std::string(data, static_cast<size_t>(size));
+    }
+
+private:
+    sqlite3_stmt* m_stmt = nullptr;
+    int m_rc;
+};
+
+std::string RandomName() {
+    unsigned char bytes[8] = {};
+    if (getrandom(bytes, sizeof(bytes), 0) != static_cast<ssize_t>(sizeof(bytes))) {
+        const auto seed = static_cast<uint64_t>(time(nullptr)) ^ (static_cast<uint64_t>(getpid()) << 32);
+        for (size_t i = 0; i < sizeof(bytes); ++i) bytes[i] = static_cast<unsigned char>(seed >> (8 * i));
+    }
+    char text[2 * sizeof(bytes) + 1];
+    for (size_t i = 0; i < sizeof(bytes); ++i) std::snprintf(text + 2 * i, 3, "%02x", bytes[i]);
+    return text;
+}
+
+bool IsBroken(int code) {
+    return (code & 0xff) == SQLITE_NOTADB || (code & 0xff) == SQLITE_CORRUPT;
+}
+
+}  // namespace
+
+CEventSpool::~CEventSpool() {
+    Close();
+}
+
+void CEventSpool::Close() {
+    sqlite3_finalize(m_insert);
+    m_insert = nullptr;
+    if (m_writer != nullptr) sqlite3_close(m_writer);
+    if (m_reader != nullptr) sqlite3_close(m_reader);
+    m_writer = m_reader = nullptr;
+}
+
+bool CEventSpool::Open(const std::string& path, uint64_t maxBytes, size_t memoryRing, std::string& reason) {
+    m_path = path;
+    m_maxBytes = maxBytes;
+    m_memoryMost = memoryRing;
+    if (!MakeDirectories(DirectoryOf(path), reason)) return false;
+    int code = 0;
+    if (!OpenOnce(path, code, reason)) {
+        Close();
+        if (!IsBroken(code)) return false;
+        const std::string aside = path + ".corrupt-" + std::to_string(time(nullptr));
+        Log(zel::kLogError, __LINE__, "the event spool %s is damaged; put aside, its messages are lost: %s", path,
+            reason);
+        std::rename(path.c_str(), aside.c_str());
+        unlink((path + "-wal").c_str());
+        unlink((path + "-shm").c_str());
+        if (!OpenOnce(path, code, reason)) {
+            Close();
+            return false;
+        }
+    }
+    TouchReserve();
+    return true;
+}
+
+bool CEventSpool::OpenOnce(const std::string& path, int& code, std::string& reason) {
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX | SQLITE_OPEN_NOFOLLOW;
+    const mode_t mask = umask(0027);
+    code = sqlite3_open_v2(path.c_str(), &m_writer, flags, nullptr);
+    umask(mask);
+    if (code != SQLITE_OK) {
+        reason = m_writer != nullptr ? sqlite3_errmsg(m_writer) : sqlite3_errstr(code);
+        return false;
+    }
+    sqlite3_busy_timeout(m_writer, kBusyMs);
+    if (!PrepareSchema(code, reason)) return false;
+    code = sqlite3_open_v2(path.c_str(), &m_reader, flags & ~SQLITE_OPEN_CREATE, nullptr);
+    if (code == SQLITE_OK) {
+        sqlite3_busy_timeout(m_reader, kBusyMs);
+        // A cursor that is lost with the power means a message delivered twice, with the same id: allowed, and cheap.
+        code = Exec(m_reader, "PRAGMA synchronous=NORMAL; PRAGMA wal_autocheckpoint=0;");
+    }
+    if (code != SQLITE_OK) {
+        reason = m_reader != nullptr ? sqlite3_errmsg(m_reader) : sqlite3_errstr(code);
+        return false;
+    }
+    return true;
+}
+
+bool CEventSpool::PrepareSchema(int& code, std::string& reason) {
+    // FULL: a commit is on disk when it returns. Checkpoints are the readers' work, so that no sender pays for them.
+    code = Exec(m_writer,
+                "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA wal_autocheckpoint=0;"
+                "PRAGMA journal_size_limit=1048576;"
+                "BEGIN IMMEDIATE;"
+                "CREATE TABLE IF NOT EXISTS messages(seq INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL,"
+                " type BLOB NOT NULL, body BLOB NOT NULL, extra BLOB NOT NULL, arg1 INTEGER NOT NULL,"
+                " arg2 INTEGER NOT NULL, bytes INTEGER NOT NULL);"
+                "CREATE TABLE IF NOT EXISTS cursors(sink TEXT PRIMARY KEY, seq INTEGER NOT NULL);"
+                "CREATE TABLE IF NOT EXISTS facts(name TEXT PRIMARY KEY, value);"
+                "INSERT OR IGNORE INTO facts VALUES('dropped', 0);"
+                "COMMIT;");
+    if (code == SQLITE_OK) {
+        Statement name(m_writer, "INSERT OR IGNORE INTO facts VALUES('name', ?1);");
+        name.Bind(1, RandomName());
+        if (!name.Done()) code = sqlite3_errcode(m_writer);
+    }
+    if (code == SQLITE_OK) {
+        code = sqlite3_prepare_v2(m_writer,
+                                  "INSERT INTO messages(time, type, body, extra, arg1, arg2, bytes)"
+                                  " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7);",
+                                  -1, &m_insert, nullptr);
+    }
+    if (code != SQLITE_OK) {
+        reason = sqlite3_errmsg(m_writer);
+        return false;
+    }
+    Statement facts(m_writer,
+                    "SELECT (SELECT value FROM facts WHERE name='name'),"
+                    "(SELECT value FROM facts WHERE name='dropped'),"
+                    "(SELECT count(*) FROM messages), (SELECT coalesce(sum(bytes), 0) FROM messages);");
+    if (!facts.Row()) {
+        code = sqlite3_errcode(m_writer);
+        reason = sqlite3_errmsg(m_writer);
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(m_figuresLock);
+    m_name = facts.Text(0);
+    m_figures.dropped = static_cast<uint64_t>(facts.Int(1));
+    m_messages = facts.Int(2);
+    m_bytes = facts.Int(3);
+    return true;
+}
+
+void CEventSpool::TouchReserve() {
+    const std::string path = m_path + ".reserve";
+    base::Fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640));
+    m_reserve = fd && posix_fallocate(fd.Get(), 0, kReserveBytes) == 0;
+    if (!m_reserve) unlink(path.c_str());
+}
+
+void CEventSpool::ReleaseReserve() {
+    m_reserve = false;
+    unlink((m_path + ".reserve").c_str());
+}
+
+bool CEventSpool::Insert(const SpoolMessage& message) {
+    const auto bind = [this](int at, const std::string& text) {
+        // A zero-length blob, not NULL, for an empty text.
+        sqlite3_bind_blob(m_insert, at, text.empty() ? "" : text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+    };
+    sqlite3_bind_int64(m_insert, 1, message.time);
+    bind(2, message.type);
+    bind(3, message.body);
+    bind(4, message.extra);
+    sqlite3_bind_int(m_insert, 5, message.arg1);
+    sqlite3_bind_int(m_insert, 6, message.arg2);
+    sqlite3_bind_int64(m_insert, 7, static_cast<int64_t>(CostOf(message)));
+    const bool done = sqlite3_step(m_insert) == SQLITE_DONE;
+    sqlite3_reset(m_insert);
+    sqlite3_clear_bindings(m_insert);
+    return done;
+}
+
+bool CEventSpool::DropOldest(uint64_t bytes, Change& change) {
+    // What every sink has is not lost by going; it goes uncounted.
+    while (bytes > m_maxBytes) {
+        int64_t seq = 0, cost = 0;
+        bool confirmed = false;
+        {
+            Statement oldest(m_writer,
+                             "SELECT seq, bytes, seq <= coalesce((SELECT min(seq) FROM cursors), 0),"
+                             " seq = (SELECT max(seq) FROM messages) FROM messages ORDER BY seq LIMIT 1;");
+            if (!oldest.Row()) return oldest.Ok();
+            if (oldest.Int(3) != 0) return true;  // the newest stays, however large
+            seq = oldest.Int(0);
+            cost = oldest.Int(1);
+            confirmed = oldest.Int(2) != 0;
+        }
+        Statement remove(m_writer, "DELETE FROM messages WHERE seq = ?1;");
+        remove.Bind(1, seq);
+        if (!remove.Done()) return false;
+        bytes -= std::min(bytes, static_cast<uint64_t>(cost));
+        change.bytes -= cost;
+        --change.messages;
+        if (!confirmed) ++change.dropped;
+    }
+    return true;
+}
+
+bool CEventSpool::WriteTransaction(const std::vector<Request*>& batch, int& code, Change& change) {
+    change = Change();
+    bool ok = Exec(m_writer, "BEGIN IMMEDIATE;") == SQLITE_OK;
+    int64_t held = 0;
+    if (ok) {
+        // The sum as it is under the write lock: the readers remove confirmed messages beside us.
+        std::lock_guard<std::mutex> lock(m_figuresLock);
+        held = m_bytes;
+    }
+    const auto add = [&](const SpoolMessage& message) {
+        change.bytes += static_cast<int64_t>(CostOf(message));
+        ++change.messages;
+        return Insert(message);
+    };
+    for (size_t i = 0; ok && i < m_memory.size(); ++i) ok = add(m_memory[i]);
+    for (size_t i = 0; ok && i < batch.size(); ++i) ok = add(batch[i]->message);
+    const auto bytes = static_cast<uint64_t>(std::max<int64_t>(0, held + change.bytes));
+    if (ok && bytes > m_maxBytes) {
+        ok = DropOldest(bytes, change);
+        Statement note(m_writer, "UPDATE facts SET value = value + ?1 WHERE name = 'dropped';");
+        note.Bind(1, static_cast<int64_t>(change.dropped));
+        ok = ok && note.Done();
+    }
+    ok = ok && Exec(m_writer, "COMMIT;") == SQLITE_OK;
+    if (ok) return true;
+    code = sqlite3_extended_errcode(m_writer);
+    Exec(m_writer, "ROLLBACK;");
+    return false;
+}
+
+void CEventSpool::KeepInMemory(const SpoolMessage& message) {
+    std::lock_guard<std::mutex> lock(m_figuresLock);
+    if (m_memoryMost == 0) {
+        ++m_figures.dropped;
+        return;
+    }
+    while (m_memory.size() >= m_memoryMost) {
+        m_memory.pop_front();
+        ++m_figures.dropped;
+    }
+    m_memory.push_back(message);
+    m_figures.inMemory = m_memory.size();
+}
+
+bool CEventSpool::CommitBatch(const std::vector<Request*>& batch) {
+    int code = 0;
+    Change change;
+    bool ok = WriteTransaction(batch, code, change);
+    if (!ok && m_reserve) {
+        ReleaseReserve();
+        ok = WriteTransaction(batch, code, change);
+    }
+    bool wasBroken = false;
+    {
+        std::lock_guard<std::mutex> lock(m_figuresLock);
+        wasBroken = m_figures.broken;
+        m_figures.broken = !ok;
+        if (ok) {
+            m_bytes += change.bytes;
+            m_messages += change.messages;
+            m_figures.dropped += change.dropped;
+            m_figures.inMemory = 0;
+        }
+    }
+    if (ok) {
+        m_memory.clear();
+        if (wasBroken) {
+            Log(zel::kLogWarning, __LINE__, "the event spool %s can be written again%s", m_path, "");
+        }
+        Wake();
+        return true;
+    }
+    for (Request* request : batch) KeepInMemory(request->message);
+    Wake();  // somebody has to try again
+    if (!wasBroken) {
+        Log(zel::kLogError, __LINE__, "the event spool %s cannot be written (%s); messages wait in memory", m_path,
+            sqlite3_errstr(code));
+    }
+    return false;
+}
+
+bool CEventSpool::Append(SpoolMessage message) {
+    Request request;
+    request.message = std::move(message);
+    std::unique_lock<std::mutex> lock(m_queueLock);
+    m_queue.push_back(&request);
+    while (!request.done) {
+        if (m_leader) {
+            m_committed.wait(lock);
+            continue;
+        }
+        m_leader = true;
+        std::vector<Request*> batch;
+        batch.swap(m_queue);
+        lock.unlock();
+        const bool durable = CommitBatch(batch);
+        lock.lock();
+        m_leader = false;
+        for (Request* each : batch) {
+            each->durable = durable;
+            each->done = true;
+        }
+        m_committed.notify_all();
+    }
+    lock.unlock();
+    std::lock_guard<std::mutex> figures(m_figuresLock);
+    ++(request.durable ? m_figures.accepted : m_figures.refused);
+    return request.durable;
+}
+
+bool CEventSpool::FlushMemory() {
+    std::unique_lock<std::mutex> lock(m_queueLock);
+    m_committed.wait(lock, [this] { return !m_leader; });
+    if (m_memory.empty() && m_reserve) return true;
+    m_leader = true;
+    lock.unlock();
+    bool ok = m_memory.empty();
+    if (!ok) ok = CommitBatch({});
+    if (ok && !m_reserve) TouchReserve();
+    lock.lock();
+    m_leader = false;
+    m_committed.notify_all();
+    return ok;
+}
+
+bool CEventSpool::SetSinks(const std::vector<std::string>& sinks, std::string& reason) {
+    std::lock_guard<std::mutex> lock(m_readLock);
+    std::vector<std::string> known;
+    {
+        Statement all(m_reader, "SELECT sink FROM cursors;");
+        while (all.Row()) known.push_back(all.Text(0));
+    }
+    bool ok = true;
+    for (const std::string& sink : known) {
+        if (std::find(sinks.begin(), sinks.end(), sink) != sinks.end()) continue;
+        Statement remove(m_reader, "DELETE FROM cursors WHERE sink = ?1;");
+        remove.Bind(1, sink);
+        ok = remove.Done() && ok;
+    }
+    for (const std::string& sink : sinks) {
+        Statement add(m_reader, "INSERT OR IGNORE INTO cursors VALUES(?1, 0);");
+        add.Bind(1, sink);
+        ok = add.Done() && ok;
+    }
+    if (!ok) reason = sqlite3_errmsg(m_reader);
+    return ok;
+}
+
+bool CEventSpool::Read(const std::string& sink, size_t most, size_t mostBytes, std::vector<SpoolMessage>& messages) {
+    messages.clear();
+    std::lock_guard<std::mutex> lock(m_readLock);
+    Statement query(m_reader,
+                    "SELECT seq, time, type, body, extra, arg1, arg2 FROM messages"
+                    " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0)"
+                    " ORDER BY seq LIMIT ?2;");
+    if (!query.Ok()) return false;
+    query.Bind(1, sink);
+    query.Bind(2, static_cast<int64_t>(most));
+    size_t bytes = 0;
+    while (bytes < mostBytes && query.Row()) {
+        SpoolMessage m;
+        m.seq = query.Int(0);
+        m.id = m_name + "-" + std::to_string(m.seq);
+        m.time = query.Int(1);
+        m.type = query.Text(2);
+        m.body = query.Text(3);
+        m.extra = query.Text(4);
+        m.arg1 = static_cast<int>(query.Int(5));
+        m.arg2 = static_cast<int>(query.Int(6));
+        bytes += CostOf(m);
+        messages.push_back(std::move(m));
+    }
+    return true;
+}
+
+bool CEventSpool::Confirm(const std::string& sink, int64_t seq) {
+    std::lock_guard<std::mutex> lock(m_readLock);
+    Statement move(m_reader, "UPDATE cursors SET seq = max(seq, ?2) WHERE sink = ?1;");
+    move.Bind(1, sink);
+    move.Bind(2, seq);
+    if (!move.Done()) return false;
+    RemoveConfirmed();
+    return true;
+}
+
+void CEventSpool::RemoveConfirmed() {
+    if (Exec(m_reader, "BEGIN IMMEDIATE;") != SQLITE_OK) return;
+    int64_t count = 0, bytes = 0;
+    bool ok = false;
+    {
+        Statement sum(m_reader,
+                      "SELECT count(*), coalesce(sum(bytes), 0) FROM messages"
+                      " WHERE seq <= (SELECT min(seq) FROM cursors);");
+        if (sum.Row()) {
+            count = sum.Int(0);
+            bytes = sum.Int(1);
+            ok = true;
+        }
+    }
+    ok = ok && Exec(m_reader, "DELETE FROM messages WHERE seq <= (SELECT min(seq) FROM cursors);") == SQLITE_OK;
+    // The figures move before the write lock is given up, so that a writer's sums never count a message twice.
+    std::lock_guard<std::mutex> lock(m_figuresLock);
+    if (!ok || Exec(m_reader, "COMMIT;") != SQLITE_OK) {
+        Exec(m_reader, "ROLLBACK;");
+        return;
+    }
+    m_messages -= count;
+    m_bytes -= bytes;
+}
+
+void CEventSpool::Checkpoint() {
+    std::lock_guard<std::mutex> lock(m_readLock);
+    sqlite3_wal_checkpoint_v2(m_reader, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+}
+
+uint64_t CEventSpool::News() {
+    std::lock_guard<std::mutex> lock(m_newsLock);
+    return m_newsCount;
+}
+
+uint64_t CEventSpool::WaitForNews(uint64_t seen, unsigned int timeoutMs) {
+    std::unique_lock<std::mutex> lock(m_newsLock);
+    m_news.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_newsCount != seen; });
+    return m_newsCount;
+}
+
+void CEventSpool::Wake() {
+    {
+        std::lock_guard<std::mutex> lock(m_newsLock);
+        ++m_newsCount;
+    }
+    m_news.notify_all();
+}
+
+CEventSpool::Figures CEventSpool::GetFigures() {
+    std::lock_guard<std::mutex> lock(m_figuresLock);
+    Figures figures = m_figures;
+    figures.messages = static_cast<uint64_t>(std::max<int64_t>(0, m_messages));
+    figures.bytes = static_cast<uint64_t>(std::max<int64_t>(0, m_bytes));
+    return figures;
+}
+
+uint64_t CEventSpool::Waiting(const std::string& sink) {
+    std::lock_guard<std::mutex> lock(m_readLock);
+    Statement query(m_reader,
+                    "SELECT count(*) FROM messages"
+                    " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0);");
+    query.Bind(1, sink);
+    return query.Row() ? static_cast<uint64_t>(query.Int(0)) : 0;
+}
+
+}  // namespace zelhost

@@ -1,0 +1,218 @@
+// CPU figures of this process's threads.
+#include "sampling/ThreadFacts.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "sampling/ProcReaders.h"
+#include "platform/zel/ThreadUtil.h"
+
+namespace zelhost {
+namespace {
+constexpr int64_t kSecondNs = 1000000000;
+// A second reader within this time gets the first one's pass: many askers cost as much as one.
+constexpr int64_t kFreshNs = 20 * 1000000;
+constexpr int64_t kBaselineNs = 60 * kSecondNs;
+// Beyond this many threads a pass reads one file of each instead of two (10 ms steps are fine over a minute).
+constexpr size_t kFineThreads = 1024;
+
+int64_t ClockNs(clockid_t clock) {
+    timespec ts{};
+    clock_gettime(clock, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * kSecondNs + ts.tv_nsec;
+}
+
+const int64_t kTickNs = kSecondNs / std::max(1L, sysconf(_SC_CLK_TCK));
+
+long ReadAt(int dir, const char* path, char* buffer, size_t size) {
+    base::Fd fd(openat(dir, path, O_RDONLY | O_CLOEXEC));
+    if (!fd) return -1;
+    const ssize_t got = read(fd.Get(), buffer, size - 1);
+    buffer[got > 0 ? got : 0] = '\0';
+    return got;
+}
+}  // namespace
+
+CThreadFacts& CThreadFacts::Instance() {
+    static CThreadFacts* facts = new CThreadFacts;  // outlives every thread that may still ask
+    return *facts;
+}
+
+unsigned long CThreadFacts::GetCurrThreadId() {
+    return zel::CThreadUtil::GetCurrentThreadId();
+}
+
+bool CThreadFacts::ReadThread(int taskDir, const char* tid, bool fine, Reading& reading) const {
+    char path[64];
+    char text[1024];
+    std::snprintf(path, sizeof(path), "%s/stat", tid);
+    if (ReadAt(taskDir, path, text, sizeof(text)) <= 0) return false;  // ended since the directory was read
+    ProcStat stat;
+    if (!ParseProcStat(text, stat)) return false;
+    const char* open = std::strchr(text, '(');
+    const char* close = std::strrchr(text, ')');
+    reading.name.assign(open != nullptr && close > open ? open + 1 : "",
+                        open != nullptr && close > open ? static_cast<size_t>(close - open - 1) : 0);
+    reading.running = stat.state == 'R';
+    reading.systemTicks = stat.systemTicks;
+    reading.startTicks = stat.startTicks;
+    reading.cpuNs = static_cast<int64_t>(stat.userTicks + stat.systemTicks) * kTickNs;
+    if (fine) {
+        std::snprintf(path, sizeof(path), "%s/schedstat", tid);
+        // Kernel: without CONFIG_SCHED_INFO there is no such file; the ticks stay then.
+        if (ReadAt(taskDir, path, text, sizeof(text)) > 0) {
+            const long long ns = std::strtoll(text, nullptr, 10);
+            if (ns > 0) reading.cpuNs = ns;
+        }
+    }
+    return true;
+}
+
+void CThreadFacts::Account(long tid, const Reading& reading, int64_t nowNs, bool moveBaseline) {
+    Entry& entry = m_threads[tid];
+    if (entry.pass == 0 || entry.startTicks != reading.startTicks) {
+        // New, or a new thread under an old number: it counts from its start.
+        entry = Entry();
+        entry.startTicks = reading.startTicks;
+        const int64_t bootNs = ClockNs(CLOCK_BOOTTIME);
+        const int64_t startNs = static_cast<int64_t>(reading.startTicks) * kTickNs;
+        entry.older.timeNs = std::min(nowNs - 1, nowNs - (bootNs - startNs));
+        entry.newer = entry.older;
+        entry.now = entry.older;
+    } else if (moveBaseline) {
+        entry.older = entry.newer;
+        entry.newer = entry.now;
+    }
+    entry.name = reading.name;
+    entry.now.timeNs = nowNs;
+    entry.now.cpuNs = std::max(entry.now.cpuNs, reading.cpuNs);
+    entry.now.systemTicks = reading.systemTicks;
+    entry.now.hit += reading.running ? 1 : 0;
+    entry.now.samples += 1;
+    entry.pass = m_pass;
+}
+
+void CThreadFacts::SampleLocked() {
+    const int64_t nowNs = ClockNs(CLOCK_MONOTONIC);
+    if (m_lastSampleNs != 0 && nowNs - m_lastSampleNs < kFreshNs) return;
+    const int64_t costFrom = ClockNs(CLOCK_THREAD_CPUTIME_ID);
+    base::Fd dirFd(open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dirFd) return;
+    DIR* dir = fdopendir(fcntl(dirFd.Get(), F_DUPFD_CLOEXEC, 0));
+    if (dir == nullptr) return;
+    const bool moveBaseline = m_baselineNs != 0 && nowNs - m_baselineNs >= kBaselineNs;
+    if (moveBaseline || m_baselineNs == 0) m_baselineNs = nowNs;
+    ++m_pass;
+    const bool fine = m_threads.size() <= kFineThreads;
+    const long own = static_cast<long>(zel::CThreadUtil::GetCurrentThreadId());
+    size_t count = 0;
+    Reading reading;
+    while (const dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
+        if (++count > kMaxThreads) break;
+        if (!ReadThread(dirFd.Get(), entry->d_name, fine, reading)) continue;
+        const long tid = std::strtol(entry->d_name, nullptr, 10);
+        if (tid == own) reading.running = false;  // it runs because it is reading
+        Account(tid, reading, nowNs, moveBaseline);
+    }
+    closedir(dir);
+    for (auto it = m_threads.begin(); it != m_threads.end();) {
+        it = it->second.pass == m_pass ? std::next(it) : m_threads.erase(it);
+    }
+    m_lastSampleNs = nowNs;
+    m_lastPassNs = ClockNs(CLOCK_THREAD_CPUTIME_ID) - costFrom;
+}
+
+ThreadFigures CThreadFacts::FiguresOf(long tid, const Entry& entry) {
+    ThreadFigures f;
+    f.tid = tid;
+    f.name = entry.name;
+    const int64_t wallNs = entry.now.timeNs - entry.older.timeNs;
+    const auto load = [&](int64_t cpuNs) {
+        if (wallNs <= 0 || cpuNs <= 0) return uint32_t{0};
+        const double value = static_cast<double>(cpuNs) * 10000.0 / static_cast<double>(wallNs) + 0.5;
+        return static_cast<uint32_t>(std::min(value, 10000.0));  // a thread cannot use more than one CPU
+    };
+    f.avgLoad = load(entry.now.cpuNs - entry.older.cpuNs);
+    f.sysLoad =
+        std::min(f.avgLoad, load(static_cast<int64_t>(entry.now.systemTicks - entry.older.systemTicks) * kTickNs));
+    f.hit = entry.now.hit - entry.older.hit;
+    f.statCnt = entry.now.samples - entry.older.samples;
+    return f;
+}
+
+std::vector<ThreadFigures> CThreadFacts::AllLocked() const {
+    std::vector<ThreadFigures> all;
+    all.reserve(m_threads.size());
+    for (const auto& entry : m_threads) all.push_back(FiguresOf(entry.first, entry.second));
+    return all;
+}
+
+void CThreadFacts::Sample() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    SampleLocked();
+}
+
+void CThreadFacts::MarkBaseline() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    for (auto& entry : m_threads) entry.second.older = entry.second.newer = entry.second.now;
+    m_baselineNs = m_lastSampleNs;
+}
+
+int64_t CThreadFacts::LastPassNs() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_lastPassNs;
+}
+
+std::vector<ThreadFigures> CThreadFacts::Busiest(size_t most) {
+    std::vector<ThreadFigures> all;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        SampleLocked();
+        all = AllLocked();
+    }
+    const auto busier = [](const ThreadFigures& a, const ThreadFigures& b) {
+        return a.avgLoad != b.avgLoad ? a.avgLoad > b.avgLoad : a.tid < b.tid;
+    };
+    const size_t kept = std::min(most, all.size());
+    std::partial_sort(all.begin(), all.begin() + static_cast<long>(kept), all.end(), busier);
+    all.resize(kept);
+    return all;
+}
+
+void CThreadFacts::GetHighCpuUsageThread(long& tid, unsigned int& usage) {
+    const std::vector<ThreadFigures> top = Busiest(1);
+    if (top.empty() || top[0].avgLoad == 0) return;
+    tid = top[0].tid;
+    usage = top[0].avgLoad;
+}
+
+void CThreadFacts::GetThreadsCpuUsage(std::list<CSysThreadsCpuUsage>& list) {
+    std::vector<ThreadFigures> all;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        SampleLocked();
+        all = AllLocked();
+    }
+    std::sort(all.begin(), all.end(), [](const ThreadFigures& a, const ThreadFigures& b) { return a.tid < b.tid; });
+    for (const ThreadFigures& f : all) {
+        CSysThreadsCpuUsage usage;
+        usage.tid = f.tid;
+        usage.name = f.name;
+        usage.hit = f.hit;
+        usage.sysLoad = f.sysLoad;
+        usage.avgLoad = f.avgLoad;
+        usage.statCnt = f.statCnt;
+        list.push_back(usage);
+    }
+}
+
+}  // namespace zelhost

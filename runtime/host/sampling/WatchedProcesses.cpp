@@ -1,0 +1,113 @@
+// Other processes that the sampling class keeps an eye on.
+#include "sampling/WatchedProcesses.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+#include "platform/zel/LogMessage.h"
+
+namespace zelhost {
+
+void CWatchedProcesses::Set(std::map<unsigned int, std::string> processes) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_wanted = std::move(processes);
+    m_changed = true;
+}
+
+void CWatchedProcesses::SetMost(int most) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (m_most == most) return;
+    m_most = most;
+    m_changed = true;
+}
+
+void CWatchedProcesses::Clear() {
+    m_entries.clear();
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_changed = !m_wanted.empty();
+}
+
+void CWatchedProcesses::TakeNewSet() {
+    std::map<unsigned int, std::string> wanted;
+    int most = 0;
+    if (!m_changed) return;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_changed = false;
+        wanted = m_wanted;
+        most = std::max(m_most, 0);
+    }
+    if (wanted.size() > static_cast<size_t>(most)) {
+        zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "WatchedProcesses", __LINE__,
+                                             "%zu processes to watch, only the first %d are (process-check limit)",
+                                             wanted.size(), most);
+    }
+    // A process that was watched before keeps its descriptor, and with it its identity.
+    std::vector<Entry> entries;
+    for (const auto& item : wanted) {
+        if (entries.size() >= static_cast<size_t>(most)) break;
+        const auto known = std::find_if(m_entries.begin(), m_entries.end(),
+                                        [&](const Entry& e) { return e.pid == item.first && !e.ended; });
+        if (known != m_entries.end()) {
+            known->name = item.second;
+            entries.push_back(std::move(*known));
+            known->pid = 0;
+            continue;
+        }
+        Entry entry;
+        entry.pid = item.first;
+        entry.name = item.second;
+        char path[64];
+        std::snprintf(path, sizeof(path), "/proc/%u/stat", item.first);
+        entry.file.Open(path);
+        entries.push_back(std::move(entry));
+    }
+    m_entries = std::move(entries);
+    m_next = 0;
+}
+
+void CWatchedProcesses::Look(Entry& entry, int64_t nowNs, int64_t maxCpu100Times, int64_t maxMemKb,
+                             std::vector<WatchedEvent>& events) {
+    static const int64_t tickNs = kNsPerSecond / std::max(1L, sysconf(_SC_CLK_TCK));
+    static const int64_t pageKb = std::max(1L, sysconf(_SC_PAGESIZE) / 1024);
+    if (entry.ended) return;
+    char text[1024];
+    ProcStat stat;
+    const bool there = entry.file.IsOpen() && entry.file.Read(text, sizeof(text)) > 0 && ParseProcStat(text, stat) &&
+                       stat.state != 'Z' && stat.state != 'X';
+    if (!there) {
+        entry.ended = true;
+        entry.file.Close();
+        events.push_back({WatchedEvent::kEnded, entry.pid, entry.name, 0});
+        return;
+    }
+    const uint64_t ticks = stat.userTicks + stat.systemTicks;
+    if (entry.lastNs != 0) {
+        const int64_t cpu = Cpu100Times(static_cast<int64_t>(ticks - entry.lastTicks) * tickNs, nowNs - entry.lastNs);
+        const int level = NextLevel(entry.cpuLevel, cpu, maxCpu100Times);
+        if (level == 2 && entry.cpuLevel != 2) events.push_back({WatchedEvent::kCpuHigh, entry.pid, entry.name, cpu});
+        entry.cpuLevel = level;
+    }
+    const int64_t memKb = stat.residentPages * pageKb;
+    const int level = NextLevel(entry.memLevel, memKb, maxMemKb);
+    if (level == 2 && entry.memLevel != 2) events.push_back({WatchedEvent::kMemHigh, entry.pid, entry.name, memKb});
+    entry.memLevel = level;
+    entry.lastNs = nowNs;
+    entry.lastTicks = ticks;
+    entry.startTicks = stat.startTicks;
+}
+
+void CWatchedProcesses::Round(int64_t nowNs, int64_t maxCpu100Times, int64_t maxMemKb,
+                              std::vector<WatchedEvent>& events) {
+    TakeNewSet();
+    const size_t looks = std::min(kPerRound, m_entries.size());
+    for (size_t i = 0; i < looks; ++i) {
+        Look(m_entries[m_next], nowNs, maxCpu100Times, maxMemKb, events);
+        m_next = (m_next + 1) % m_entries.size();
+    }
+}
+
+}  // namespace zelhost
