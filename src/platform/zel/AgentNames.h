@@ -1,0 +1,57 @@
+// Every name that more than one process, library or document of the agent must spell alike, once: processes, components,
+// groups, files, messages, bits of the limit mode. A test fails on a second definition of any of them.
+#pragma once
+
+namespace zel {
+
+// --- processes and components ---------------------------------------------------------------------------------------
+
+/// Application name of the agent's main process, which alone owns the control groups. Any other name is a component.
+constexpr char kMainProcessName[] = "tervane";
+/// Component of the main process. Not its application name, which is all lower case.
+constexpr char kMainComponent[] = "Tervane";
+constexpr char kMonitorComponent[] = "TervaneMonitor";
+constexpr char kUpdateComponent[] = "TervaneUpdate";
+constexpr char kHipsComponent[] = "QorHips";
+constexpr char kNetComponent[] = "QorNet";
+constexpr char kWebGuardComponent[] = "QorWebGuard";
+
+// --- control groups -------------------------------------------------------------------------------------------------
+
+/// Group of the main process; it exists in every tree, whatever groups are configured.
+constexpr char kMainGroup[] = "main";
+constexpr char kGuardGroup[] = "guard";
+constexpr char kCollectGroup[] = "collect-defense";
+
+// --- files, each with the slash that joins it to its directory ------------------------------------------------------
+
+/// Below the global configuration directory: which component belongs into which group, with what quota.
+constexpr char kComponentFileName[] = "/cgroup_resource.json";
+/// Below the global configuration directory: the out-of-memory counters that were last reported.
+constexpr char kOomWatermarkFileName[] = "/cgroup_oom_watermark.json";
+/// Below the application directory.
+constexpr char kResourceConfigFileName[] = "/conf/resource_config";
+constexpr char kOnlineConfigFileName[] = "/conf/online_config.json";
+constexpr char kComponentsFileName[] = "/conf/components.json";
+constexpr char kCgroupErrorFileName[] = "/cgroup_errors";
+constexpr char kCurrentOsAbnormalDbName[] = "/current_os_abnormal.db";
+constexpr char kLastOsAbnormalDbName[] = "/last_os_abnormal.db";
+constexpr char kBroadcastSocketName[] = "/run/broadcast.sock";
+
+// --- messages -------------------------------------------------------------------------------------------------------
+
+/// To the host: something abnormal on the machine or in the agent's groups.
+constexpr char kOsAbnormalMessage[] = "T_MSG_OS_ABNORMAL";
+/// Between the agent's processes: the component file has changed.
+constexpr char kConfigNotifyMessage[] = "T_MSG_IPC_CGROUP_CONFIG_NOTIFY";
+constexpr char kSelfKillMessage[] = "T_MSG_SELF_KILL";
+constexpr char kThreadStallMessage[] = "T_MSG_THREAD_STALL";
+constexpr char kComponentEndMessage[] = "T_MSG_COMPONENT_END";
+
+// --- bits of the limit mode -----------------------------------------------------------------------------------------
+
+constexpr int kModeCpu = 1;      ///< limit the CPU
+constexpr int kModeMemory = 4;   ///< limit the memory
+constexpr int kModeUnified = 8;  ///< a group for each group and component instead of one for all
+
+}  // namespace zel
