@@ -87,7 +87,7 @@ TEST(AgentMetricsTest, EveryFigureOfAComponentIsShownInItsBaseUnit) {
     EXPECT_EQ(expected, Values(MakeAgentMetrics(OneComponent())));
 }
 
-TEST(AgentMetricsTest, GroupAndWholeTreeHaveNoComponentAndNoMembership) {
+TEST(AgentMetricsTest, GroupAndTreeHaveNoComponentAndNoMembership) {
     AgentFigures figures;
     figures.mode = 9;
     figures.tree.present = true;
@@ -137,7 +137,7 @@ TEST(AgentMetricsTest, ComponentThatWaitsOrStoppedIsNotUp) {
     }
 }
 
-TEST(AgentMetricsTest, TreeCountsAsPresentOnlyInTheModeThatAsksForIt) {
+TEST(AgentMetricsTest, TreeCountsAsPresentOnlyInModeThatAsksForIt) {
     AgentFigures figures = OneComponent();
     figures.mode = 5;
     EXPECT_EQ(0, Values(MakeAgentMetrics(figures)).at("zel_limit_tree_present{/}"));
@@ -147,7 +147,7 @@ TEST(AgentMetricsTest, TreeCountsAsPresentOnlyInTheModeThatAsksForIt) {
     EXPECT_EQ(13, Values(MakeAgentMetrics(figures)).at("zel_limit_mode{/}"));
 }
 
-TEST(AgentMetricsTest, NamesFollowTheRulesOfTheirTypeAndEveryOneHasItsHelp) {
+TEST(AgentMetricsTest, NamesFollowTheRulesOfTheirTypeAndHaveHelp) {
     for (const Metric& metric : MakeAgentMetrics(OneComponent())) {
         EXPECT_EQ(0u, metric.name.find("zel_")) << metric.name;
         EXPECT_EQ(std::string::npos, metric.name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_")) << metric.name;
@@ -157,7 +157,7 @@ TEST(AgentMetricsTest, NamesFollowTheRulesOfTheirTypeAndEveryOneHasItsHelp) {
     }
 }
 
-TEST(AgentMetricsTest, AgentWithoutTreeAndComponentsShowsItsModeOnly) {
+TEST(AgentMetricsTest, WithoutTreeAndComponentsShowsItsModeOnly) {
     EXPECT_EQ((std::map<std::string, double>{{"zel_limit_mode{/}", 0}, {"zel_limit_tree_present{/}", 0}}),
               Values(MakeAgentMetrics(AgentFigures())));
 }

@@ -31,7 +31,7 @@ TEST(ComponentsConfigTest, ReadsLoadsAndCommands) {
     EXPECT_EQ((std::vector<std::string>{"/bin/sleep", "60"}), components[1].command);
 }
 
-TEST(ComponentsConfigTest, RefusesWithKeyAndReasonAndKeepsWhatWasThere) {
+TEST(ComponentsConfigTest, RefusesWithKeyAndReasonAndKeepsTheOld) {
     const std::pair<const char*, const char*> bad[] = {
         {"", ""},
         {"[]", "components"},

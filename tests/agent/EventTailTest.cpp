@@ -24,7 +24,7 @@ protected:
 };
 }  // namespace
 
-TEST_F(EventTailTest, GivesTheLastLinesOldestFirstAndLeavesOutWhatIsNoEvent) {
+TEST_F(EventTailTest, GivesTheLastLinesOldestFirstWithoutWhatIsNone) {
     Write(
         "{\"id\":\"a-1\",\"time\":1,\"type\":\"T\",\"body\":\"{}\"}\nnot "
         "json\n{\"id\":\"a-2\",\"time\":2,\"type\":\"T\"}\n"

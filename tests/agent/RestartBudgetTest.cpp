@@ -23,7 +23,7 @@ TEST(RestartBudgetTest, ASteadyRunStartsTheBackoffAnew) {
     EXPECT_EQ(2000 + kSteadySeconds + kFirstBackoffSeconds, budget.NoteDeath("A", 2000, 2000 + kSteadySeconds, "x"));
 }
 
-TEST(RestartBudgetTest, AnExhaustedBudgetWaitsForTheOldestDeathToLeaveTheHour) {
+TEST(RestartBudgetTest, WaitsForTheOldestDeathToLeaveTheHour) {
     RestartBudget budget;
     int64_t now = 1000000;
     for (size_t i = 0; i < kBudgetRestarts; ++i) {
@@ -64,7 +64,7 @@ TEST(RestartBudgetTest, AFileThatCannotBeReadLeavesTheState) {
     }
 }
 
-TEST(RestartBudgetTest, AClockThatWasSetBackHoldsNothingBackForLong) {
+TEST(RestartBudgetTest, ClockThatWasSetBackHoldsNothingBackForLong) {
     RestartBudget budget;
     for (int i = 0; i < 20; ++i) budget.NoteDeath("A", 5000000, 5000001, "x");
     int64_t next = budget.NoteDeath("A", 1000, 1001, "x");

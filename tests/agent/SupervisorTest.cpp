@@ -43,7 +43,7 @@ protected:
 
 }  // namespace
 
-TEST_F(SupervisorTest, ADeadComponentIsStartedAgainAfterItsBackoffAndNotBefore) {
+TEST_F(SupervisorTest, DeadComponentIsStartedAfterBackoffNotBefore) {
     auto supervisor = Make("exit 20");
     supervisor->Configure({{"A", "main", {}, {}}});
     TickUntilEnd(*supervisor, 1000, 1);

@@ -227,7 +227,7 @@ TEST_F(EventStoreTest, OpenWithoutCreateLeavesAMissingFileMissing) {
     EXPECT_FALSE(store.IsOpen());
 }
 
-TEST_F(EventStoreTest, SecondEventOfOneSecondIsRefusedAndTheFirstRowStays) {
+TEST_F(EventStoreTest, SecondEventOfASecondIsRefusedAndTheFirstStays) {
     StoreProbe store;
     Begin(store, 7);
     EXPECT_FALSE(store.InsertData(OS_ABNORMAL_DISK, 7, "", "second"));
@@ -240,7 +240,7 @@ TEST_F(EventStoreTest, SecondEventOfOneSecondIsRefusedAndTheFirstRowStays) {
     EXPECT_THAT(Rows(Current()), ElementsAre("7|1||first", "8|2||third"));
 }
 
-TEST_F(EventStoreTest, LastFileThatCannotBeRemovedStopsTheStoreUntilItCan) {
+TEST_F(EventStoreTest, LastFileThatStaysStopsTheStoreUntilItGoes) {
     StoreProbe store;
     Begin(store, 1);
     Write(Last(), "yesterday");
@@ -270,7 +270,7 @@ TEST_F(EventStoreTest, LastFileThatCannotBeRemovedStopsTheStoreUntilItCan) {
     EXPECT_THAT(Rows(Current()), ElementsAre("3|1||kept"));
 }
 
-TEST_F(EventStoreTest, DirectoryInThePlaceOfTheLastFileLeavesTheRowsWhereTheyAre) {
+TEST_F(EventStoreTest, DirectoryAsLastFileLeavesRowsWhereTheyAre) {
     StoreProbe store;
     Begin(store, 1);
     // No regular file, so nothing is removed; and the rename cannot replace it, which is no failure.
@@ -284,7 +284,7 @@ TEST_F(EventStoreTest, DirectoryInThePlaceOfTheLastFileLeavesTheRowsWhereTheyAre
     EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
-TEST_F(EventStoreTest, DatabaseLockedByAnotherConnectionIsGivenUpSoonAndUsedLater) {
+TEST_F(EventStoreTest, LockedDatabaseIsGivenUpSoonAndUsedLater) {
     StoreProbe store;
     Begin(store, 1);
     sqlite3* other = nullptr;
@@ -315,7 +315,7 @@ TEST_F(EventStoreTest, DatabaseLockedByAnotherConnectionIsGivenUpSoonAndUsedLate
     EXPECT_THAT(Rows(Current()), ElementsAre("1|1||first", "4|1||in"));
 }
 
-TEST_F(EventStoreTest, FileThatIsNoDatabaseIsRefusedUntilTheNextRotation) {
+TEST_F(EventStoreTest, FileThatIsNoDatabaseIsRefusedUntilRotation) {
     StoreProbe store;
     Begin(store, 1);
     const std::string garbage(8192, 'g');

@@ -100,7 +100,7 @@ TEST_F(OomWatermarkFileTest, DirectoryWithoutWritesKeepsTheOldFile) {
     }
 }
 
-TEST_F(OomWatermarkFileTest, DirectoryInTheWayOfTheRenameLeavesNoTemporaryFile) {
+TEST_F(OomWatermarkFileTest, DirectoryInWayOfRenameLeavesNoTemporary) {
     ASSERT_EQ(0, mkdir(Path().c_str(), 0700));
     EXPECT_FALSE(WriteOomWatermarkFile(Path(), AllAt(1)));
     EXPECT_NE(0, access((Path() + ".tmp").c_str(), F_OK));
@@ -109,7 +109,7 @@ TEST_F(OomWatermarkFileTest, DirectoryInTheWayOfTheRenameLeavesNoTemporaryFile) 
     ASSERT_EQ(0, rmdir(Path().c_str()));
 }
 
-TEST_F(OomWatermarkFileTest, PlantedLinksAreNeitherReadNorWrittenThrough) {
+TEST_F(OomWatermarkFileTest, PlantedLinksAreNeitherReadNorWritten) {
     const std::string elsewhere = m_directory + "/elsewhere";
     ASSERT_TRUE(WriteOomWatermarkFile(elsewhere, AllAt(7)));
     ASSERT_EQ(0, symlink(elsewhere.c_str(), Path().c_str()));
@@ -135,7 +135,7 @@ TEST_F(OomWatermarkFileTest, FullDiskKeepsTheOldFile) {
     if (!unable.empty()) GTEST_SKIP() << unable;
 }
 
-TEST_F(OomWatermarkFileTest, ReaderSeesAWholeFileWhileItsWriterIsKilledAtAnyMoment) {
+TEST_F(OomWatermarkFileTest, ReaderSeesAWholeFileWhenWriterIsKilled) {
     const unsigned int seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);

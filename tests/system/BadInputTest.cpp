@@ -50,7 +50,7 @@ protected:
     }
 };
 
-TEST_F(BadInputTest, ResourceFileThatIsNoneEndsTheStartWithItsOwnExitCode) {
+TEST_F(BadInputTest, ResourceFileThatIsNoneEndsStartWithItsCode) {
     const std::string path = Conf("resource_config");
     const std::string text = "no resource configuration at " + path;
     unlink(path.c_str());
@@ -67,7 +67,7 @@ TEST_F(BadInputTest, ResourceFileThatIsNoneEndsTheStartWithItsOwnExitCode) {
     ExpectRefuses(AgentWords({"--config", "/nonexistent/file"}), 14, "no resource configuration at /nonexistent/file");
 }
 
-TEST_F(BadInputTest, ResourceFileWithoutSenseRunsOnDefaultsAndSaysWhichLinesAreBad) {
+TEST_F(BadInputTest, SenselessResourceFileRunsOnDefaultsNamingLines) {
     WriteConf("resource_config", "");
     ExpectRunsAndSays("no key in it was understood: every value is its default");
     WriteConf("resource_config", Binary(4096));
@@ -84,7 +84,7 @@ TEST_F(BadInputTest, ResourceFileWithoutSenseRunsOnDefaultsAndSaysWhichLinesAreB
     ExpectRunsAndSays("keys below a [section] are not read");
 }
 
-TEST_F(BadInputTest, OnlineConfigurationThatIsRefusedIsNamedWithKeyValueAndReason) {
+TEST_F(BadInputTest, RefusedOnlineConfigurationIsNamedWithReason) {
     const std::vector<std::pair<std::string, std::string>> cases{
         {"", "not a JSON object"},
         {"{", "not a JSON object"},
@@ -111,7 +111,7 @@ TEST_F(BadInputTest, OnlineConfigurationThatIsRefusedIsNamedWithKeyValueAndReaso
     ExpectRunsAndSays("online_config.json: a symbolic link is not followed");
 }
 
-TEST_F(BadInputTest, ComponentsFileThatIsRefusedStartsNoComponentAndIsNamed) {
+TEST_F(BadInputTest, RefusedComponentsFileStartsNoneAndIsNamed) {
     const std::vector<std::pair<std::string, std::string>> cases{
         {"", "components.json: "},
         {Binary(4096), "components.json: "},
@@ -159,7 +159,7 @@ TEST_F(BadInputTest, BadCommandLineHasItsOwnExitCode) {
 
 class BadDirectoryTest : public AgentOnV1Test {};
 
-TEST_F(BadDirectoryTest, ReadOnlyDirectoryCostsWhatIsKeptOnDiskAndNotTheLimits) {
+TEST_F(BadDirectoryTest, ReadOnlyDirectoryCostsTheDiskNotTheLimits) {
     Child agent = Spawn(InPrivateMounts("mount --bind " + Dir() + " " + Dir() + " && mount -o remount,bind,ro " + Dir(),
                                         AgentWords({"--foreground"})),
                         Environment(), NextOutput());
@@ -176,7 +176,7 @@ TEST_F(BadDirectoryTest, ReadOnlyDirectoryCostsWhatIsKeptOnDiskAndNotTheLimits) 
     ExpectNothingLeft();
 }
 
-TEST_F(BadDirectoryTest, FullDirectoryCostsWhatIsKeptOnDiskAndNotTheLimits) {
+TEST_F(BadDirectoryTest, FullDirectoryCostsTheDiskNotTheLimits) {
     // A tmpfs of its own, filled to the last byte, with the configuration in it.
     const std::string fill = "cp -a " + Dir() + "/conf /tmp/conf." + Tree() +
                              " && mount -t tmpfs -o size=64k,mode=0750 none " + Dir() + " && mv /tmp/conf." + Tree() +
@@ -193,7 +193,7 @@ TEST_F(BadDirectoryTest, FullDirectoryCostsWhatIsKeptOnDiskAndNotTheLimits) {
     ExpectNothingLeft();
 }
 
-TEST_F(BadDirectoryTest, OrdinaryUserRunsWithoutLimitsAndIsToldWhichAndWhy) {
+TEST_F(BadDirectoryTest, OrdinaryUserRunsUnlimitedAndIsToldWhy) {
     // The programs may stand where only root can go, so the user gets copies.
     std::string script = "cp -L " + AgentWords()[0] + " " + Dir() + "/tervane.program && for l in $(ldd " +
                          AgentWords()[0] + " | grep -o '/[^ ]*libzel[^ ]*'); do cp -L $l " + Dir() +

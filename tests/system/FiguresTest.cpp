@@ -72,7 +72,7 @@ protected:
     }
 };
 
-TEST_F(FiguresTest, BusiestOfManyThreadsIsNamedOnRequestWithItsKernelStack) {
+TEST_F(FiguresTest, BusiestOfManyThreadsIsNamedWithItsKernelStack) {
     // 4 busy threads among 200 that are idle.
     std::string load = "greedy:4";
     for (int i = 0; i < 200; ++i) load += ",hang:86000";
@@ -170,7 +170,7 @@ TEST_F(FiguresTest, ScrapedMetricsAreTheKernelsFigures) {
 
 class GroupFiguresTest : public AgentOnV1Test {};
 
-TEST_F(GroupFiguresTest, ScrapedMetricsOfTheGroupAreTheKernelsFigures) {
+TEST_F(GroupFiguresTest, ScrapedMetricsOfGroupAreTheKernelsFigures) {
     Child agent = StartRunningAgent({"--load", "greedy:2,hold:20"});
     const std::string cpu = LegacyGroup(CpuRoot()) + "/cpu.stat";
     const std::string memory = LegacyGroup(MemoryRoot()) + "/memory.usage_in_bytes";

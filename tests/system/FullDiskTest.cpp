@@ -53,7 +53,7 @@ protected:
     bool m_mounted = false;
 };
 
-TEST_F(FullDiskTest, LittleRoomIsReportedAndNothingIsStoredUntilThereIsRoomAgain) {
+TEST_F(FullDiskTest, LittleRoomIsReportedAndNothingStoredUntilRoom) {
     const std::string ballast = Dir() + "/ballast";
     int file = open(ballast.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0640);
     ASSERT_EQ(posix_fallocate(file, 0, 48 * 1024 * 1024), 0);

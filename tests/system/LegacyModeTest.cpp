@@ -12,7 +12,7 @@ constexpr int64_t kMegabyte = 1024 * 1024;
 
 using LegacyModeTest = AgentOnV1Test;
 
-TEST_F(LegacyModeTest, EveryThreadAndTheConsolesFiguresAreThoseOfTheKernel) {
+TEST_F(LegacyModeTest, EveryThreadAndConsolesFiguresAreThoseOfKernel) {
     Child agent = StartRunningAgent({"--load", "greedy:2,hold:20"});
     std::string cpu = LegacyGroup(CpuRoot());
     std::string memory = LegacyGroup(MemoryRoot());
@@ -33,7 +33,7 @@ TEST_F(LegacyModeTest, EveryThreadAndTheConsolesFiguresAreThoseOfTheKernel) {
     ExpectNothingLeft();
 }
 
-TEST_F(LegacyModeTest, MemoryHogInsideTheAgentIsStoppedByTheKernelAtTheLimitThatWasPassedOn) {
+TEST_F(LegacyModeTest, HogInsideAgentIsStoppedAtTheLimitPassedOn) {
     WriteResource({{"max_memory", "64"}, {"resource_limit_mode", "4"}});
     Child agent = StartRunningAgent({"--load", "hog:64"});
     std::string group = LegacyGroup(MemoryRoot());
@@ -57,7 +57,7 @@ TEST_F(LegacyModeTest, MemoryHogInsideTheAgentIsStoppedByTheKernelAtTheLimitThat
     ExpectNothingLeft();
 }
 
-TEST_F(LegacyModeTest, ChangedMaximumReachesTheKernelAndSwitchingTheModeOffRemovesTheLimit) {
+TEST_F(LegacyModeTest, ChangedMaximumReachesKernelAndOffRemovesLimit) {
     Child agent = StartRunningAgent();
     std::string cpu = LegacyGroup(CpuRoot());
     ASSERT_FALSE(cpu.empty());
@@ -99,7 +99,7 @@ TEST_F(LegacyModeTest, GroupThatDisappearsUnderTheAgentIsMadeAgain) {
     ExpectNothingLeft();
 }
 
-TEST_F(LegacyModeTest, StrangerInTheAgentsGroupIsNeitherKilledNorHeldAfterTheEnd) {
+TEST_F(LegacyModeTest, StrangerInGroupIsNeitherKilledNorHeldAfter) {
     Child agent = StartRunningAgent();
     std::string cpu = LegacyGroup(CpuRoot());
     ASSERT_FALSE(cpu.empty());
@@ -119,7 +119,7 @@ TEST_F(LegacyModeTest, StrangerInTheAgentsGroupIsNeitherKilledNorHeldAfterTheEnd
     ExpectNothingLeft();
 }
 
-TEST_F(LegacyModeTest, SecondMainProcessOnTheDirectoryRefusesAndTheFirstGoesOn) {
+TEST_F(LegacyModeTest, SecondMainProcessRefusesAndFirstGoesOn) {
     Child first = StartRunningAgent();
     std::string output;
     EXPECT_EQ(RunToEnd(AgentWords(), output), 10);
@@ -133,7 +133,7 @@ TEST_F(LegacyModeTest, SecondMainProcessOnTheDirectoryRefusesAndTheFirstGoesOn) 
     ExpectNothingLeft();
 }
 
-TEST_F(LegacyModeTest, ReadOnlyControllersAreNamedAndTheAgentRunsWithoutThem) {
+TEST_F(LegacyModeTest, ReadOnlyControllersAreNamedAndDoneWithout) {
     Child agent = Spawn(
         InPrivateMounts("mount --bind " + CpuRoot() + " " + CpuRoot() + " && mount -o remount,bind,ro " + CpuRoot(),
                         AgentWords()),

@@ -61,7 +61,7 @@ protected:
     int m_nudges = 0;
 };
 
-TEST_F(OutOfMemoryTest, HogComponentIsReportedOnceThoughTheKernelKillsItAgain) {
+TEST_F(OutOfMemoryTest, HogIsReportedOnceThoughKilledAgain) {
     WriteComponents("{\"name\": \"QorHips\", \"group\": \"collect-defense\", \"load\": \"hog:128\"}");
     Child agent = StartRunningAgent();
     // It is killed, started again and killed again.
@@ -95,7 +95,7 @@ TEST_F(OutOfMemoryTest, HogComponentIsReportedOnceThoughTheKernelKillsItAgain) {
     ExpectNothingLeft();
 }
 
-TEST_F(OutOfMemoryTest, KillInTheMainGroupIsReportedWithTheKernelsCountersAndNotAgainAfterARestart) {
+TEST_F(OutOfMemoryTest, KillInMainGroupIsReportedNotAgainOnRestart) {
     Child agent = StartRunningAgent();
     KillOneIn(kMainLeaf);
     ASSERT_TRUE(agent.Running());
@@ -120,7 +120,7 @@ TEST_F(OutOfMemoryTest, KillInTheMainGroupIsReportedWithTheKernelsCountersAndNot
     ExpectNothingLeft();
 }
 
-TEST_F(OutOfMemoryTest, KillsWhileTheAgentIsDownAreReportedAtTheNextStartAndOnlyThen) {
+TEST_F(OutOfMemoryTest, KillsWhileDownAreReportedAtNextStartOnly) {
     Child agent = StartRunningAgent();
     ASSERT_TRUE(Poll(kSettleSeconds, [&] { return Exists(Conf("cgroup_oom_watermark.json")); }));
     KillAgent(agent);

@@ -20,7 +20,7 @@ protected:
     }
 };
 
-TEST_F(SupervisionTest, WorkerThatHangsIsReportedByNameWithItsKernelStack) {
+TEST_F(SupervisionTest, HangingWorkerIsNamedWithItsKernelStack) {
     WriteResource({{"resource_limit_mode", "0"}});
     Child agent = StartRunningAgent({"--load", "hang:1"});
     ASSERT_TRUE(Poll(kSettleSeconds, [&] { return !Messages("T_MSG_THREAD_STALL").empty(); })) << Log();
@@ -39,7 +39,7 @@ TEST_F(SupervisionTest, WorkerThatHangsIsReportedByNameWithItsKernelStack) {
     ExpectNothingLeft();
 }
 
-TEST_F(SupervisionTest, ComponentThatStaysOverItsMaximumEndsItselfWithARecordAndIsStartedAgain) {
+TEST_F(SupervisionTest, OverItsMaximumEndsWithRecordAndStartsAgain) {
     // No limit of the kernel stands in the way, so the component can hold more than it may for two whole minutes.
     constexpr int kSelfKillSeconds = 300;
     WriteResource({{"resource_limit_mode", "0"}, {"max_memory", "300"}});

@@ -81,7 +81,7 @@ protected:
     }
 };
 
-TEST_F(UnifiedModeTest, EveryComponentSitsInItsLeafWithTheTablesNumbersAndFollowsNewMaximaWithoutARestart) {
+TEST_F(UnifiedModeTest, ComponentsSitInLeavesAndFollowNewMaxima) {
     unlink(Conf("components.json").c_str());  // the built-in five
     Child agent = StartRunningAgent();
     EXPECT_EQ(Difference(Expectation(100, 200)), "");
@@ -117,7 +117,7 @@ TEST_F(UnifiedModeTest, EveryComponentSitsInItsLeafWithTheTablesNumbersAndFollow
     ExpectNothingLeft();
 }
 
-TEST_F(UnifiedModeTest, MainProcessKilledAtAnyMomentLeavesNothingThatTheNextOneDoesNotAdopt) {
+TEST_F(UnifiedModeTest, MainProcessKilledAnytimeLeavesOnlyAdoptable) {
     // Fixed moments rather than random ones, so that a failure can be seen again: within the start, around the
     // components' starts, and later.
     WriteComponents(
@@ -139,7 +139,7 @@ TEST_F(UnifiedModeTest, MainProcessKilledAtAnyMomentLeavesNothingThatTheNextOneD
     ExpectNothingLeft();
 }
 
-TEST_F(UnifiedModeTest, ComponentThatDiesIsStartedAgainLaterEachTimeAndTheBudgetOutlivesTheMainProcess) {
+TEST_F(UnifiedModeTest, DeadComponentStartsLaterBudgetOutlivesMain) {
     Child agent = StartRunningAgent();
     ASSERT_TRUE(WaitIn("/collect-defense/QorHips", "QorHips"));
     for (int death = 1; death <= 2; ++death) {
@@ -200,7 +200,7 @@ protected:
     }
 };
 
-TEST_F(UnifiedModeOnFailingKernelTest, ChangeThatTheKernelDoesNotTakeIsTakenBackAndTheNextOneIsMade) {
+TEST_F(UnifiedModeOnFailingKernelTest, RefusedChangeIsUndoneNextMade) {
     Child agent = StartInPrivateMounts();
     ASSERT_TRUE(WaitIn("/collect-defense/QorHips", "QorHips"));
     const pid_t component = ComponentPid("QorHips");
@@ -221,7 +221,7 @@ TEST_F(UnifiedModeOnFailingKernelTest, ChangeThatTheKernelDoesNotTakeIsTakenBack
     ExpectNothingLeft();
 }
 
-TEST_F(UnifiedModeOnFailingKernelTest, MainProcessThatCannotBePutBackEndsInTheLegacyStateAndReturnsWithTheNextUpdate) {
+TEST_F(UnifiedModeOnFailingKernelTest, StuckMainEndsLegacyAndReturns) {
     Child agent = StartInPrivateMounts();
     ASSERT_TRUE(WaitIn("/collect-defense/QorHips", "QorHips"));
     const pid_t component = ComponentPid("QorHips");
@@ -252,7 +252,7 @@ TEST_F(UnifiedModeOnFailingKernelTest, MainProcessThatCannotBePutBackEndsInTheLe
     ExpectNothingLeft();
 }
 
-TEST_F(UnifiedModeOnFailingKernelTest, StartWithoutWritableControllersRunsUnlimitedAndSaysSo) {
+TEST_F(UnifiedModeOnFailingKernelTest, UnwritableStartRunsUnlimited) {
     std::string mounts;
     for (const std::string& root : {CpuRoot(), MemoryRoot()}) {
         mounts += (mounts.empty() ? "" : " && ") +
@@ -275,7 +275,7 @@ TEST_F(UnifiedModeOnFailingKernelTest, StartWithoutWritableControllersRunsUnlimi
     ExpectNothingLeft();
 }
 
-TEST_F(UnifiedModeTest, SwitchingBetweenModesLeavesOneKindOfLimitOnly) {
+TEST_F(UnifiedModeTest, SwitchingModesLeavesOneKindOfLimitOnly) {
     Child agent = StartRunningAgent();
     ASSERT_TRUE(WaitIn("/collect-defense/QorHips", "QorHips"));
     const pid_t component = ComponentPid("QorHips");

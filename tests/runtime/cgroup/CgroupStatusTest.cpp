@@ -103,7 +103,7 @@ TEST_F(CgroupStatusTest, ARealOutOfMemoryKillIsCounted) {
     EXPECT_EQ(16 << 20, status.mem.limitBytes);
 }
 
-TEST(CgroupStatusFailureTest, AnUnknownProcessLeavesTheOutputUntouched) {
+TEST(CgroupStatusFailureTest, UnknownProcessLeavesOutputUntouched) {
     WaitingChild child;
     const int pid = child.Pid();
     child.End();

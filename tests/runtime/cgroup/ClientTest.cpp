@@ -79,7 +79,7 @@ TEST_F(CgroupClientTest, JoinsTheLeafThatTheFileNames) {
     EXPECT_EQ(layout.cpuV2, Exists(client.GetCpuCgroupPath() + "/cgroup.controllers"));
 }
 
-TEST_F(CgroupClientTest, TakesItsNameFromTheEnvironmentWhenNobodyGaveOne) {
+TEST_F(CgroupClientTest, TakesNameFromEnvironmentWhenNobodyGaveOne) {
     zel::SetCgroupClientComponent("");
     setenv("ZEL_COMPONENT", "Somebody", 1);
     ASSERT_TRUE(client.ReloadConfig());
@@ -106,7 +106,7 @@ TEST_F(CgroupClientTest, ChangesTheGroup) {
     EXPECT_FALSE(Exists(cpuTree + "/main/Worker")) << "the leaf that it left is removed";
 }
 
-TEST_F(CgroupClientTest, LeavesWhenTheFileIsGoneAndGoesBackWhereItCameFrom) {
+TEST_F(CgroupClientTest, LeavesWhenFileIsGoneAndGoesBackToItsOrigin) {
     ASSERT_TRUE(client.ReloadConfig());
     ASSERT_EQ(0, unlink(file.c_str()));
     ASSERT_TRUE(client.ReloadConfig());
@@ -118,7 +118,7 @@ TEST_F(CgroupClientTest, LeavesWhenTheFileIsGoneAndGoesBackWhereItCameFrom) {
     EXPECT_TRUE(client.ReloadConfig()) << "nothing to leave is no failure";
 }
 
-TEST_F(CgroupClientTest, LeavesWhenTheLimitsAreSwitchedOffAndJoinsAgain) {
+TEST_F(CgroupClientTest, LeavesWhenLimitsAreSwitchedOffAndJoinsAgain) {
     ASSERT_TRUE(client.ReloadConfig());
     ASSERT_TRUE(manager.WriteDisabledConfig(file));
     ASSERT_TRUE(client.ReloadConfig());
@@ -137,7 +137,7 @@ TEST_F(CgroupClientTest, LeavesTheOneControllerThatIsSwitchedOff) {
     EXPECT_EQ(0, client.GetCpuQuota100Times());
 }
 
-TEST_F(CgroupClientTest, LeavesTheGroupThatItWasBornInWithoutEverJoining) {
+TEST_F(CgroupClientTest, LeavesTheGroupOfItsBirthWithoutEverJoining) {
     ASSERT_TRUE(manager.AddPidToGroup("main", getpid()));
     Child born([&] {
         zel::CCgroupClient own;
@@ -248,7 +248,7 @@ TEST_F(CgroupClientTest, RefusesAPathOutsideTheAgentsTree) {
     ASSERT_EQ(0, rmdir(foreign.c_str()));
 }
 
-TEST_F(CgroupClientTest, RefusesALinkAPipeADirectoryAndAFileThatOthersMayWrite) {
+TEST_F(CgroupClientTest, RefusesLinkPipeDirectoryAndFileOthersWrite) {
     const std::string good = ReadText(file) + "\n";
     const std::string elsewhere = appDir + "/elsewhere";
     ASSERT_EQ(0, rename(file.c_str(), elsewhere.c_str()));

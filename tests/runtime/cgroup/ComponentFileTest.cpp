@@ -59,7 +59,7 @@ TEST(ComponentFileTest, BearsMembersThatItDoesNotKnow) {
     EXPECT_TRUE(ParseComponentFile(text));
 }
 
-TEST(ComponentFileTest, RefusesALeafOfAControllerThatTheParentHasNot) {
+TEST(ComponentFileTest, RefusesLeafOfControllerThatTheParentHasNot) {
     ComponentFile file = Sample();
     file.cpu = ComponentParent();
     Result<ComponentFile> parsed = ParseComponentFile(FormatComponentFile(file));

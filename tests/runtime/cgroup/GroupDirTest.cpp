@@ -187,7 +187,7 @@ TEST_F(GroupDirTest, AQuotaAboveTheParentsIsRefusedAndTheOldOneStays) {
     EXPECT_TRUE(ApplyCpuQuota(parent, QuotaFrom100Times(50)).Ok());
 }
 
-TEST_F(GroupDirTest, AnyFailedWriteOfAChangeKeepsOldOrReachesNewQuota) {
+TEST_F(GroupDirTest, AnyFailedWriteOfChangeKeepsOldOrReachesNewQuota) {
     GroupDir group = Make(m_cpuRoot);
     const CpuQuota old = QuotaFrom100Times(1000);
     for (int error : {EINVAL, EBUSY, ENOSPC, EROFS}) {
@@ -221,7 +221,7 @@ TEST_F(GroupDirTest, ThrottlingIsCounted) {
     EXPECT_GT(counters->throttledUs, 100000);
 }
 
-TEST_F(GroupDirTest, MemoryLimitGrowsAndShrinksTogetherWithTheSwapLimit) {
+TEST_F(GroupDirTest, MemoryLimitGrowsAndShrinksTogetherWithSwapLimit) {
     GroupDir group = Make(m_memRoot);
     const bool hasSwap = group.HasFile("memory.memsw.limit_in_bytes");
     for (int64_t bytes : {int64_t{64} << 20, int64_t{128} << 20, int64_t{32} << 20, int64_t{96} << 20}) {

@@ -91,7 +91,7 @@ TEST(DecideHierarchyTest, AGroupAboveTheNamespaceIsNotReachable) {
     EXPECT_EQ("/sys/fs/cgroup/cpu,cpuacct/..x", whole.DirectoryOf("/..x"));
 }
 
-TEST(FindHierarchyTest, RefusesAPlainDirectoryWhereAHierarchyIsAnnounced) {
+TEST(FindHierarchyTest, RefusesPlainDirectoryAnnouncedAsHierarchy) {
     const Hierarchy none = FindHierarchy(Controller::kMemory, {"3 2 0:32 / /proc rw - cgroup c rw,memory\n", "", ""});
     EXPECT_EQ(Version::kNone, none.version);
     EXPECT_EQ(

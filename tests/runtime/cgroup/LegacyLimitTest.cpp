@@ -109,7 +109,7 @@ protected:
     int m_error = 0;
 };
 
-TEST_F(LegacyLimitTest, StartHoldsThisProcessAndStopLeavesNothingBehind) {
+TEST_F(LegacyLimitTest, StartHoldsThisProcessAndStopLeavesNothing) {
     const std::string before = SelfGroup(m_cpu);
     EXPECT_FALSE(m_limit->IsCpuLimited());
     m_error = 7;
@@ -182,7 +182,7 @@ TEST_F(LegacyLimitTest, ABurnerIsReallyHeldToItsQuota) {
     EXPECT_GE(counters->throttledPeriods, 5);
 }
 
-TEST_F(LegacyLimitTest, StopWithoutStartIsSilentAndRemovesAnEmptyLeftOver) {
+TEST_F(LegacyLimitTest, StopWithoutStartIsSilentAndRemovesLeftOver) {
     EXPECT_EQ(kLegacyOk, Stop());
     ASSERT_EQ(0, mkdir(CpuDir(m_group).c_str(), 0755));
     EXPECT_EQ(kLegacyOk, Stop());
@@ -190,7 +190,7 @@ TEST_F(LegacyLimitTest, StopWithoutStartIsSilentAndRemovesAnEmptyLeftOver) {
     EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
-TEST_F(LegacyLimitTest, AProcessBornIntoTheGroupIsAdoptedAndLeavesOnStop) {
+TEST_F(LegacyLimitTest, ProcessBornIntoGroupIsAdoptedAndLeavesOnStop) {
     ASSERT_EQ(kLegacyOk, Start(20, 0));
     // The same process with a library that knows nothing yet, as after a restart in place.
     auto fresh = Make();
@@ -276,7 +276,7 @@ TEST_F(LegacyLimitTest, AChildInTheUnifiedTreeStaysThere) {
     child.End();
 }
 
-TEST_F(LegacyLimitTest, AForeignProcessIsCountedAndNotHeldDownAfterTheStop) {
+TEST_F(LegacyLimitTest, ForeignProcessIsCountedAndFreeAfterStop) {
     ASSERT_EQ(kLegacyOk, Start(20, 0));
     const int orphan = Orphan("/bin/sleep");
     ASSERT_GT(orphan, 0);
@@ -294,7 +294,7 @@ TEST_F(LegacyLimitTest, AForeignProcessIsCountedAndNotHeldDownAfterTheStop) {
     EXPECT_EQ(0, m_limit->GetCgroupOtherProcessNum());
 }
 
-TEST_F(LegacyLimitTest, AStopInAProcessThatNeverJoinedDoesNotTouchTheOthers) {
+TEST_F(LegacyLimitTest, StopWithoutHavingJoinedDoesNotTouchOthers) {
     auto group = Root(m_cpu).MakeChild(m_group);
     ASSERT_TRUE(group.Ok());
     ASSERT_TRUE(ApplyCpuQuota(*group, QuotaFrom100Times(2000)).Ok());
@@ -307,7 +307,7 @@ TEST_F(LegacyLimitTest, AStopInAProcessThatNeverJoinedDoesNotTouchTheOthers) {
     EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
-TEST_F(LegacyLimitTest, ProgramsOfTheApplicationDirectoryAndOfTheSameFileAreTheAgents) {
+TEST_F(LegacyLimitTest, ProgramsOfApplicationDirectoryAreAgents) {
     char sleeper[PATH_MAX] = {};
     ASSERT_NE(nullptr, realpath("/bin/sleep", sleeper));
     const std::string program = sleeper;
@@ -329,7 +329,7 @@ TEST_F(LegacyLimitTest, ProgramsOfTheApplicationDirectoryAndOfTheSameFileAreTheA
     }
 }
 
-TEST_F(LegacyLimitTest, ProcessesThatStartAndStopAtOnceDoNotDisturbEachOther) {
+TEST_F(LegacyLimitTest, StartsAndStopsAtOnceDoNotDisturbEachOther) {
     constexpr int kProcesses = 4;
     constexpr int kRounds = 15;
     pid_t children[kProcesses];
@@ -443,7 +443,7 @@ TEST_F(LegacyLimitTest, WrappedMemoryLimitsAreRefused) {
     EXPECT_FALSE(Exists(MemDir(m_group)));
 }
 
-TEST_F(LegacyLimitTest, AMemoryLimitBelowWhatIsInUseIsRefusedAndTriedAgain) {
+TEST_F(LegacyLimitTest, MemoryLimitBelowUseIsRefusedAndTriedAgain) {
     ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(256 << 20, 0, m_error));
     constexpr size_t kBytes = 48 << 20;
     void* memory = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -529,7 +529,7 @@ TEST_F(LegacyLimitTest, AReadOnlyHierarchyIsAPermissionFailure) {
     EXPECT_FALSE(Exists(CpuDir(m_group)));
 }
 
-TEST_F(LegacyLimitTest, EveryFailedCallHasItsNumberOneLineAndLeavesNoGroup) {
+TEST_F(LegacyLimitTest, EveryFailedCallHasNumberAndLineAndNoGroup) {
     struct Case {
         int write, writeError, mkdirError, code;
     };
@@ -563,7 +563,7 @@ TEST_F(LegacyLimitTest, AGroupRemovedDuringTheStartIsMadeAgain) {
     Stop();
 }
 
-TEST_F(LegacyLimitTest, AFailedChangeKeepsTheOldLimitAndAsksForARetry) {
+TEST_F(LegacyLimitTest, FailedChangeKeepsTheOldLimitAndAsksForARetry) {
     ASSERT_EQ(kLegacyOk, Start(20, 0));
     g_failing = {1, EINVAL, 0, 0, 1};
     EXPECT_EQ(kLegacyWriteFailed, Start(30, 0));
@@ -576,7 +576,7 @@ TEST_F(LegacyLimitTest, AFailedChangeKeepsTheOldLimitAndAsksForARetry) {
     Stop();
 }
 
-TEST_F(LegacyLimitTest, AStopFallsBackToTheRootWhenTheOldGroupRefusesTheProcess) {
+TEST_F(LegacyLimitTest, StopFallsBackToRootWhenOldGroupRefuses) {
     ASSERT_EQ(kLegacyOk, Start(20, 0));
     TakeLog();
     g_failing = {1, EPERM, 0, 0, 1};

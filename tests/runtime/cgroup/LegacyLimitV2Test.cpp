@@ -91,7 +91,7 @@ TEST_F(LegacyLimitV2Test, CpuLimitHoldsAndStopLeavesNothingBehind) {
     EXPECT_FALSE(m_limit->IsV2Runtime(Controller::kCpu));
 }
 
-TEST_F(LegacyLimitV2Test, BothLimitsShareOneGroupAndTheLastOneLeavesIt) {
+TEST_F(LegacyLimitV2Test, BothLimitsShareOneGroupAndLastOneLeavesIt) {
     ASSERT_EQ(kLegacyOk, m_limit->StartCpuLimit(50, 0, m_error));
     ASSERT_EQ(kLegacyOk, m_limit->PrepareMemLimit());
     ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(96 << 20, 64 << 20, m_error));
@@ -108,7 +108,7 @@ TEST_F(LegacyLimitV2Test, BothLimitsShareOneGroupAndTheLastOneLeavesIt) {
     EXPECT_EQ("/", SelfGroup());
 }
 
-TEST_F(LegacyLimitV2Test, AMemoryLimitBelowWhatIsInUseIsRefusedInsteadOfKilling) {
+TEST_F(LegacyLimitV2Test, MemoryLimitBelowUseIsRefusedNotKilling) {
     ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(128 << 20, 0, m_error));
     constexpr size_t kBytes = 32 << 20;
     void* memory = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -160,7 +160,7 @@ TEST_F(LegacyLimitV2Test, ARealOutOfMemoryKillIsCounted) {
     EXPECT_GT(counters->limitHits, 0);
 }
 
-TEST_F(LegacyLimitV2Test, InADelegatedUnitProcessesGoToTheLeafFirstAndComeBack) {
+TEST_F(LegacyLimitV2Test, InDelegatedUnitGoesToLeafFirstAndComesBack) {
     auto unit = m_root.MakeChild(m_name + ".service");
     ASSERT_TRUE(unit.Ok());
     for (const char* controller : {"cpu", "memory"}) ASSERT_TRUE(m_root.EnableForChildren(controller).Ok());
@@ -194,7 +194,7 @@ TEST_F(LegacyLimitV2Test, AServiceThatIsNotDelegatedIsLeftAlone) {
     EXPECT_FALSE(Exists(Dir(".legacy")));
 }
 
-TEST_F(LegacyLimitV2Test, AProcessIsNotMovedBesideChildrenWithControllers) {
+TEST_F(LegacyLimitV2Test, IsNotMovedBesideChildrenWithControllers) {
     auto parent = m_root.MakeChild(m_name);
     ASSERT_TRUE(parent.Ok());
     ASSERT_TRUE(m_root.EnableForChildren("cpu").Ok());

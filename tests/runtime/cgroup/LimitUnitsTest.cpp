@@ -35,7 +35,7 @@ TEST(LimitUnitsTest, QuotaFollowsTheTable) {
     }
 }
 
-TEST(LimitUnitsTest, EveryAmountDownToATenthOfAPercentComesBackAsItWas) {
+TEST(LimitUnitsTest, AmountsDownToTenthOfPercentComeBackAsTheyWere) {
     for (int hundredths = 10; hundredths <= 20000; ++hundredths) {
         const CpuQuota quota = QuotaFrom100Times(hundredths);
         ASSERT_EQ(hundredths, QuotaTo100Times(quota));

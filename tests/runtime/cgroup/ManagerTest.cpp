@@ -22,7 +22,7 @@ protected:
     zel::CCgroupManager manager;
 };
 
-TEST_F(CgroupManagerTest, PutsTheConfiguredLimitsInForceOnParentAndGroups) {
+TEST_F(CgroupManagerTest, PutsConfiguredLimitsOnParentAndGroups) {
     ASSERT_TRUE(manager.EnsureInitialized());
     ASSERT_TRUE(ReconcileWorked());
     EXPECT_EQ("9000 100000", CpuLimit(""));
@@ -165,7 +165,7 @@ TEST_F(CgroupManagerTest, RepairsALimitThatSomebodyChanged) {
     EXPECT_EQ("307200", MemLimit(""));
 }
 
-TEST_F(CgroupManagerTest, EnablesControllersAgainThatSomebodyTookFromTheGroups) {
+TEST_F(CgroupManagerTest, EnablesControllersThatSomebodyTookAway) {
     if (!layout.cpuV2) GTEST_SKIP() << "SKIP direct v2: covered by vm v2";
     ASSERT_TRUE(ReconcileWorked());
     ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
@@ -179,7 +179,7 @@ TEST_F(CgroupManagerTest, EnablesControllersAgainThatSomebodyTookFromTheGroups) 
     EXPECT_EQ("3240 100000", CpuLimit("collect-defense/TervaneMonitor"));
 }
 
-TEST_F(CgroupManagerTest, MovesTheMainProcessIntoItsLeafAndBackWhereItCameFrom) {
+TEST_F(CgroupManagerTest, MovesMainProcessIntoItsLeafAndBackAgain) {
     const std::string before = ReadText("/proc/self/cgroup");
     ASSERT_TRUE(manager.Reconcile(true, true, Total(400, 1048576), {Group("main", 40000, 1048576)}));
     ASSERT_TRUE(manager.AddPidToGroup("main", getpid()));
@@ -200,7 +200,7 @@ TEST_F(CgroupManagerTest, BringsAProcessBackThatSomebodyMovedAway) {
     ASSERT_TRUE(manager.RemovePidFromGroup("main", getpid()));
 }
 
-TEST_F(CgroupManagerTest, PutsTheMainProcessIntoTheGroupThatItsOwnComponentNames) {
+TEST_F(CgroupManagerTest, PutsMainProcessIntoItsOwnComponentsGroup) {
     ASSERT_TRUE(manager.Reconcile(true, true, Total(400, 1048576), {Group("other", 40000, 1048576)}));
     ASSERT_TRUE(manager.AddPidToGroup("main", getpid()));
     ASSERT_TRUE(manager.WriteComponentConfig(file, {Quota("Tervane", "other", 40000, 1048576)}, 40000, 1048576));
@@ -222,7 +222,7 @@ TEST_F(CgroupManagerTest, RefusesAProcessThatIsNotThere) {
     EXPECT_TRUE(manager.RemovePidFromGroup("main", 0x3ffffff)) << "a process that ended is out of every group";
 }
 
-TEST_F(CgroupManagerTest, RefusesGroupNamesThatLeadElsewhereAndAppliesTheOthers) {
+TEST_F(CgroupManagerTest, RefusesNamesThatLeadElsewhereTakesOthers) {
     for (const char* name : {"../evil", "a/b", "", ".", "..", "a b", "-x"}) {
         faults::Clear();
         const std::vector<zel::CgroupGroupConfig> groups = {Group(name, 100, 1024), Group("main", 180, 23040)};
@@ -234,7 +234,7 @@ TEST_F(CgroupManagerTest, RefusesGroupNamesThatLeadElsewhereAndAppliesTheOthers)
     EXPECT_FALSE(Exists(layout.cpuMount + "/evil"));
 }
 
-TEST_F(CgroupManagerTest, LeavesAComponentOutOfAControllerWhoseGroupIsUnknown) {
+TEST_F(CgroupManagerTest, LeavesComponentOutWhereItsGroupIsUnknown) {
     ASSERT_TRUE(ReconcileWorked());
     zel::CgroupComponentQuota half = Quota("Half", "main", 30, 10240);
     half.cpuGroup = "nowhere";
@@ -295,7 +295,7 @@ TEST_F(CgroupManagerTest, MakesNoTreeToSwitchOffWhatIsNotThere) {
     EXPECT_EQ(0, faults::Writes());
 }
 
-TEST_F(CgroupManagerTest, RemovesGroupsAndLeavesThatAreNoLongerConfigured) {
+TEST_F(CgroupManagerTest, RemovesGroupsAndLeavesNoLongerConfigured) {
     ASSERT_TRUE(ReconcileWorked());
     ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
     ASSERT_TRUE(Exists(cpuTree + "/collect-defense/QorHips"));
@@ -306,7 +306,7 @@ TEST_F(CgroupManagerTest, RemovesGroupsAndLeavesThatAreNoLongerConfigured) {
     EXPECT_TRUE(Exists(memTree + "/main/Other"));
 }
 
-TEST_F(CgroupManagerTest, KeepsAnUnconfiguredGroupLimitedWhileAProcessIsInIt) {
+TEST_F(CgroupManagerTest, KeepsUnconfiguredGroupLimitedWhileInUse) {
     ASSERT_TRUE(ReconcileWorked());
     ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
     Child child(Sleeper);
@@ -374,7 +374,7 @@ TEST_F(CgroupManagerTest, AdoptsTheTreeOfAMainProcessThatWasKilled) {
     EXPECT_FALSE(Exists(cpuTree + "/collect-defense/QorHips")) << "what only the dead process had is removed";
 }
 
-TEST_F(CgroupManagerTest, SurvivesAnyKillOfTheMainProcessInTheMiddleOfItsWork) {
+TEST_F(CgroupManagerTest, SurvivesAnyKillOfMainProcessInItsWork) {
     for (int step = 0; step < 14; ++step) {
         Child killed([&] {
             zel::CCgroupManager first;
@@ -430,7 +430,7 @@ TEST_F(CgroupManagerTest, ComesBackFromEveryFailingWrite) {
     }
 }
 
-TEST_F(CgroupManagerTest, KeepsWhatIsInForceWhenAnUpdateFailsAndSaysSo) {
+TEST_F(CgroupManagerTest, KeepsWhatIsInForceWhenUpdateFailsAndSaysSo) {
     ASSERT_TRUE(ReconcileWorked());
     ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
     const std::string before = ReadText(file);
@@ -466,7 +466,7 @@ TEST_F(CgroupManagerTest, NoticesALimitThatCannotBeCleared) {
     EXPECT_TRUE(manager.IsCpuCgroupEnabled());
 }
 
-TEST_F(CgroupManagerTest, FailsOnAReadOnlyMountAndRecoversWhenItIsGone) {
+TEST_F(CgroupManagerTest, FailsOnReadOnlyMountAndRecoversAfterIt) {
     Child other([&] {
         if (unshare(CLONE_NEWNS) != 0 || mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return 10;
         zel::CCgroupManager inside;
@@ -540,7 +540,7 @@ TEST_F(CgroupManagerTest, LeavesNothingBehindAndMovesProcessesOut) {
     EXPECT_TRUE(zel::RemoveAgentCgroupTree(error)) << "nothing to remove is no failure: " << error;
 }
 
-TEST_F(CgroupManagerTest, WorksInsideADelegatedGroupAndGivesItBackAsItWas) {
+TEST_F(CgroupManagerTest, WorksInDelegatedGroupAndGivesItBack) {
     if (!layout.cpuV2 || !layout.memV2) GTEST_SKIP() << "SKIP direct v2: covered by vm v2";
     const std::string unit = layout.cpuMount + "/" + treeName + ".unit";
     ASSERT_EQ(0, mkdir(unit.c_str(), 0755));
@@ -577,7 +577,7 @@ protected:
     bool RunsWithoutMemory() const override { return true; }
 };
 
-TEST_F(CgroupManagerWithoutMemoryTest, LimitsTheCpuAloneAndSaysWhyNotTheMemory) {
+TEST_F(CgroupManagerWithoutMemoryTest, LimitsCpuAndSaysWhyNotMemory) {
     EXPECT_TRUE(manager.EnsureInitialized());
     EXPECT_FALSE(ReconcileWorked());
     EXPECT_TRUE(manager.IsCpuCgroupEnabled());
@@ -592,7 +592,7 @@ TEST_F(CgroupManagerWithoutMemoryTest, LimitsTheCpuAloneAndSaysWhyNotTheMemory) 
     EXPECT_TRUE(manager.Reconcile(true, false, Total(9, 0, true, false), WorkedGroups()));
 }
 
-TEST_F(CgroupManagerTest, HoldsAGreedyComponentToItsQuotaAndLeavesAnotherGroupAlone) {
+TEST_F(CgroupManagerTest, HoldsGreedyComponentAndLeavesOtherGroup) {
     ASSERT_TRUE(manager.Reconcile(true, true, Total(400, 307200),
                                   {Group("main", 20000, 100000), Group("collect-defense", 1000, 100000)}));
     ASSERT_TRUE(manager.WriteComponentConfig(

@@ -55,7 +55,7 @@ TEST(OomCountersTest, CountsTheFirstVictimOfAGroupKillOnce) {
     }
 }
 
-TEST(OomMonitorTest, ReportsNothingThatWasCountedBeforeItsFirstLook) {
+TEST(OomMonitorTest, ReportsNothingCountedBeforeItsFirstLook) {
     OomMonitor monitor;
     monitor.Observe({Reading("main", 10, 7)});
     EXPECT_EQ(Lines{}, Text(monitor.TakeRises()));
@@ -79,7 +79,7 @@ TEST(OomMonitorTest, KeepsARiseThatASnapshotSawFirst) {
     EXPECT_EQ(Lines{"main 1(+1)"}, Text(monitor.TakeRises()));
 }
 
-TEST(OomMonitorTest, TakesAReCreatedGroupNeitherForADropNorForARise) {
+TEST(OomMonitorTest, TakesReCreatedGroupNeitherForADropNorForARise) {
     OomMonitor monitor;
     monitor.Observe({Reading("main", 10, 5)});
     monitor.TakeRises();

@@ -60,7 +60,7 @@ TEST_F(EventDeliveryTest, ALineIsByteForByteAsDocumented) {
               "\"arg1\":1,\"arg2\":0}");
 }
 
-TEST_F(EventDeliveryTest, BytesThatAreNoTextBecomeReplacementCharacters) {
+TEST_F(EventDeliveryTest, BytesThatAreNoTextBecomeReplacements) {
     zelhost::SpoolMessage m;
     m.body = "ok \xc3\xa4 \xff \xc0\xaf \xed\xa0\x80 \xf5 \x01 \\";
     Json::Value root;
@@ -99,7 +99,7 @@ TEST_F(EventDeliveryTest, OverlongMessagesAreRefused) {
     EXPECT_TRUE(delivery.SendMsg("T", std::string(1 << 20, 'b'), "", 0, 0));
 }
 
-TEST_F(EventDeliveryTest, TheFileIsRotatedAndItsGenerationsAreBounded) {
+TEST_F(EventDeliveryTest, FileIsRotatedAndItsGenerationsAreBounded) {
     DeliveryOptions options = Options();
     options.jsonLinesMaxBytes = 1000;
     options.jsonLinesKeep = 2;
@@ -197,7 +197,7 @@ TEST_F(EventDeliveryTest, WhatASinkMissedIsDeliveredByTheNextProcess) {
     EXPECT_EQ(ReadLines(m_dir / "log/e.jsonl").size(), 1u) << "the file had it already";
 }
 
-TEST_F(EventDeliveryTest, AMessageThatTheEndpointRefusesForGoodDoesNotHoldUpTheRest) {
+TEST_F(EventDeliveryTest, MessageRefusedForGoodDoesNotHoldUpTheRest) {
     support::TakeLog();
     support::HttpServer server;
     server.Refuse("poison", 422);
@@ -224,7 +224,7 @@ TEST_F(EventDeliveryTest, AnAddressThatIsNoneFailsTheStart) {
 }
 
 // A process that sends and says of each message, on a pipe, that it was accepted; killed at random moments.
-TEST_F(EventDeliveryTest, NothingAcceptedIsLostHoweverOftenTheProcessIsKilled) {
+TEST_F(EventDeliveryTest, NothingAcceptedIsLostHoweverOftenKilled) {
     const char* wanted = std::getenv("ZEL_KILL_ROUNDS");
     const int rounds = wanted != nullptr ? std::atoi(wanted) : 100;
     std::mt19937 random(4711);

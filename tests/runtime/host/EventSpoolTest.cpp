@@ -95,7 +95,7 @@ TEST_F(EventSpoolTest, IdsAreNotUsedAgainAfterEverythingWasDelivered) {
     EXPECT_NE(messages.at(0).id, before);
 }
 
-TEST_F(EventSpoolTest, EachSinkHasItsOwnCursorAndNothingGoesBeforeAllHaveIt) {
+TEST_F(EventSpoolTest, EachSinkHasItsCursorAndNothingGoesBeforeAll) {
     CEventSpool spool;
     Open(spool);
     std::string reason;
@@ -196,7 +196,7 @@ TEST_F(EventSpoolTest, ALinkIsNotFollowed) {
     EXPECT_EQ(support::ReadText(m_dir / "victim"), "");
 }
 
-TEST_F(EventSpoolTest, WhatCannotBeWrittenWaitsInMemoryAndCatchesUpInOrder) {
+TEST_F(EventSpoolTest, UnwrittenWaitsInMemoryAndCatchesUpInOrder) {
     support::TakeLog();
     CEventSpool spool;
     Open(spool, 1 << 20, 3);
@@ -231,7 +231,7 @@ TEST_F(EventSpoolTest, WhatCannotBeWrittenWaitsInMemoryAndCatchesUpInOrder) {
     EXPECT_THAT(log[1], testing::HasSubstr("can be written again"));
 }
 
-TEST_F(EventSpoolTest, OnAFullDiskTheReserveLetsTheFirstMessagesThrough) {
+TEST_F(EventSpoolTest, OnFullDiskReserveLetsTheFirstMessagesThrough) {
     if (geteuid() != 0 || mkdir((m_dir / "small").c_str(), 0700) != 0 ||
         mount("none", (m_dir / "small").c_str(), "tmpfs", 0, "size=2m") != 0) {
         GTEST_SKIP() << "needs root: a small tmpfs";

@@ -132,7 +132,7 @@ TEST(MetricsServerTest, AnswersByMethodAndPath) {
                 testing::HasSubstr("Content-Type: text/plain; version=0.0.4; charset=utf-8\r\n"));
 }
 
-TEST(MetricsServerTest, ServesOnLoopbackAndOnALocalSocketOfThisUser) {
+TEST(MetricsServerTest, ServesOnLoopbackAndOnLocalSocketOfThisUser) {
     support::TempDir dir;
     for (const std::string& listen : {std::string("127.0.0.1:0"), "unix:" + (dir / "run/m.sock")}) {
         CMetricsServer server(On(listen), [] { return std::string("m 1\n"); });
@@ -161,7 +161,7 @@ TEST(MetricsServerTest, OnlyLoopbackAddressesAreTaken) {
     }
 }
 
-TEST(MetricsServerTest, ASocketThatACrashLeftIsReplacedAnotherFileIsNot) {
+TEST(MetricsServerTest, SocketThatCrashLeftIsReplacedOtherFileNot) {
     support::TempDir dir;
     {
         sockaddr_un local{};
@@ -180,7 +180,7 @@ TEST(MetricsServerTest, ASocketThatACrashLeftIsReplacedAnotherFileIsNot) {
     EXPECT_EQ(support::ReadText(dir / "precious"), "x");
 }
 
-TEST(MetricsServerTest, AClientThatSaysNothingOrTooMuchDoesNotHoldUpTheNext) {
+TEST(MetricsServerTest, SilentOrChattyClientDoesNotHoldUpTheNext) {
     CMetricsServer server(On("127.0.0.1:0"), [] { return std::string("m 1\n"); });
     std::string error;
     ASSERT_TRUE(server.Start(error)) << error;

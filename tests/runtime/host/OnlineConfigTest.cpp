@@ -68,7 +68,7 @@ TEST_F(OnlineConfigTest, AFileThatIsThereIsInForceWhenStartReturns) {
     EXPECT_EQ(m_conf.maxCpu.Get(), 33);
 }
 
-TEST_F(OnlineConfigTest, AChangeReachesValuesAndSubscribersWithoutPolling) {
+TEST_F(OnlineConfigTest, ChangeReachesValuesAndSubscribersUnpolled) {
     Load();
     Listener listener;
     m_conf.AddNotify(&listener);
@@ -87,7 +87,7 @@ TEST_F(OnlineConfigTest, ADirectoryThatAppearsLaterIsFoundByLooking) {
     EXPECT_TRUE(WaitUntil([&] { return m_conf.maxCpu.Get() == 46; }));
 }
 
-TEST_F(OnlineConfigTest, ARefusedFileChangesNothingAndIsToldOnceWithItsReason) {
+TEST_F(OnlineConfigTest, RefusedFileChangesNothingAndIsToldOnce) {
     WriteText(m_path, "{\"maxCpu\":20,\"maxMemory\":300}");
     Load(20);
     Listener listener;
@@ -162,7 +162,7 @@ TEST_F(OnlineConfigTest, PublishedValuesSurviveAbsentKeys) {
     EXPECT_EQ(m_conf.maxMemory.Get(), 250);
 }
 
-TEST_F(OnlineConfigTest, AKeyThatLeavesTheFileFallsBackToWhatWasPublished) {
+TEST_F(OnlineConfigTest, KeyThatLeavesFileFallsBackToPublished) {
     Load();
     m_conf.maxCpu.Set(15);
     WriteText(m_path, "{\"maxCpu\":60,\"maxFdCount\":99}");
@@ -175,7 +175,7 @@ TEST_F(OnlineConfigTest, AKeyThatLeavesTheFileFallsBackToWhatWasPublished) {
     EXPECT_EQ(m_conf.maxCpu.Get(), 15);
 }
 
-TEST_F(OnlineConfigTest, TheFileWinsOverWhatAModulePublishesAtItsStart) {
+TEST_F(OnlineConfigTest, FileWinsOverWhatAModulePublishesAtItsStart) {
     WriteText(m_path, "{\"maxCpu\":33}");
     Load();
     m_conf.maxCpu.Set(10);
@@ -202,7 +202,7 @@ TEST_F(OnlineConfigTest, RemoveWaitsForANotificationThatIsUnderWay) {
     EXPECT_TRUE(left.load());
 }
 
-TEST_F(OnlineConfigTest, ASubscriberMayLeaveAndLetOthersLeaveFromWithin) {
+TEST_F(OnlineConfigTest, SubscriberMayLeaveAndTakeOthersFromWithin) {
     Load();
     Listener first, second;
     first.m_onUpdate = [&] {
@@ -231,7 +231,7 @@ TEST_F(OnlineConfigTest, AThrowingSubscriberHarmsNobody) {
     m_conf.RemoveNotify(&good);
 }
 
-TEST_F(OnlineConfigTest, ReadersSeeOnlyWholeValuesWhileTheFileChanges) {
+TEST_F(OnlineConfigTest, ReadersSeeOnlyWholeValuesWhileFileChanges) {
     Load();
     std::atomic<bool> stop{false};
     std::thread reader([&] {

@@ -59,7 +59,7 @@ protected:
 
 }  // namespace
 
-TEST_F(StatisticsRegistryTest, CollectsEveryProviderAndTheFirstValueWins) {
+TEST_F(StatisticsRegistryTest, CollectsEveryProviderFirstValueWins) {
     Start();
     Provider first(Figures{{"a", "1"}, {"both", "first"}}), second(Figures{{"b", "2"}, {"both", "second"}});
     registry().Collect();
@@ -90,7 +90,7 @@ TEST_F(StatisticsRegistryTest, AProviderThatFailsOrThrowsHarmsNobody) {
     EXPECT_TRUE(support::LogHolds("3 a provider of statistics threw: broken provider"));
 }
 
-TEST_F(StatisticsRegistryTest, AProviderThatBlocksIsLeftOutUntilItReturns) {
+TEST_F(StatisticsRegistryTest, BlockedProviderIsOutUntilItReturns) {
     Start(3600000, 300);
     std::atomic<bool> go{false};
     Provider blocking(Figures{{"late", "1"}}), good(Figures{{"good", "1"}});
@@ -134,7 +134,7 @@ TEST_F(StatisticsRegistryTest, ABoundedNumberOfWorkersIsLeftBehind) {
     blocking.clear();
 }
 
-TEST_F(StatisticsRegistryTest, UnregisteringWaitsForACallThatIsInside) {
+TEST_F(StatisticsRegistryTest, UnregisteringWaitsForCallThatIsInside) {
     Start();
     std::atomic<bool> inside{false}, left{false};
     auto provider = std::make_unique<Provider>(Figures{});
@@ -161,7 +161,7 @@ TEST_F(StatisticsRegistryTest, AProviderMayUnregisterFromWithin) {
     EXPECT_EQ(provider.m_calls.load(), 1);
 }
 
-TEST_F(StatisticsRegistryTest, ComingAndGoingProvidersAreNeverCalledAfterTheyWent) {
+TEST_F(StatisticsRegistryTest, ProvidersAreNeverCalledAfterTheyWent) {
     Start(1);
     for (int round = 0; round < 200; ++round) {
         Provider provider(Figures{{"k", std::to_string(round)}});
@@ -198,7 +198,7 @@ TEST_F(StatisticsRegistryTest, TheHistoryKeepsADay) {
     EXPECT_EQ(rows.back().second, "{\"m\":\"1599\"}");
 }
 
-TEST_F(StatisticsRegistryTest, AClockThatStandsStillDoesNotGrowTheHistory) {
+TEST_F(StatisticsRegistryTest, StandingClockDoesNotGrowTheHistory) {
     zelhost::CStatisticsHistory history;
     std::string reason;
     ASSERT_TRUE(history.Open(m_dir / "data/s.db", reason)) << reason;
@@ -218,7 +218,7 @@ TEST_F(StatisticsRegistryTest, ADamagedHistoryIsPutAside) {
     EXPECT_THAT(support::FilesIn(m_dir / "data"), testing::Contains("s.db.corrupt"));
 }
 
-TEST_F(StatisticsRegistryTest, WithoutAHistoryFiguresAreStillCollected) {
+TEST_F(StatisticsRegistryTest, CollectsFiguresWithoutAHistory) {
     support::TakeLog();
     support::WriteText(m_dir / "data", "a file where the directory should be");
     Start();

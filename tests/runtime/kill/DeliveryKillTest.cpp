@@ -243,7 +243,7 @@ protected:
 
 }  // namespace
 
-TEST_F(DeliveryKillTest, EveryAcceptedEventArrivesUnderOneIdThroughAThousandKills) {
+TEST_F(DeliveryKillTest, EveryEventArrivesUnderOneIdThroughKills) {
     const char* given = std::getenv("ZEL_KILL_SEED");
     const auto seed =
         given != nullptr ? static_cast<unsigned int>(std::strtoul(given, nullptr, 10)) : std::random_device()();

@@ -214,7 +214,7 @@ TEST_F(FileUtilTest, FailedWritesLeaveTheOldFileAndNoOther) {
     EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file"));
 }
 
-TEST_F(FileUtilTest, OnlyADurableWriteSyncsTheFileAndThenItsDirectory) {
+TEST_F(FileUtilTest, OnlyDurableWriteSyncsTheFileAndThenItsDirectory) {
     {
         const Failing counter(Call::kFsync, EIO, 100);
         EXPECT_TRUE(CFileUtil::WriteNewFile(m_dir / "file", "text", false));

@@ -128,7 +128,7 @@ TEST_F(IpcBroadcastTest, TellsLateJoinersTheLatestMessageOfEachType) {
     EXPECT_EQ((Lines{"A 3", "B x", "A 4"}), ear.Wait(3));
 }
 
-TEST_F(IpcBroadcastTest, ListensBeforeThereIsAServerAndAfterItsRestart) {
+TEST_F(IpcBroadcastTest, ListensBeforeAServerAndAfterItsRestart) {
     Ear ear;
     zel::CIpcBroadcastSubscriber subscriber;
     ASSERT_TRUE(subscriber.Start(path, ear.Callback()));
@@ -200,7 +200,7 @@ TEST_F(IpcBroadcastTest, IsNeverHeldUpByASubscriberThatDoesNotRead) {
     EXPECT_TRUE(WaitForSubscribers(server, 1)) << "and one that hung up is forgotten";
 }
 
-TEST_F(IpcBroadcastTest, DoesNotQueueTheSameMessageTwiceForOneThatIsSlow) {
+TEST_F(IpcBroadcastTest, DoesNotQueueSameMessageTwiceForASlowOne) {
     zel::CIpcBroadcastServer server;
     ASSERT_TRUE(Start(server)) << error;
     const int slow = Connect();
@@ -239,7 +239,7 @@ TEST_F(IpcBroadcastTest, TurnsAwayMoreSubscribersThanItsBound) {
     EXPECT_TRUE(WaitForSubscribers(server, 0));
 }
 
-TEST_F(IpcBroadcastTest, RefusesMessagesWithoutATypeOrBeyondTheBounds) {
+TEST_F(IpcBroadcastTest, RefusesMessagesWithoutTypeOrBeyondTheBounds) {
     zel::CIpcBroadcastServer server;
     EXPECT_FALSE(server.Broadcast("A", "1")) << "not started";
     ASSERT_TRUE(Start(server)) << error;
@@ -378,7 +378,7 @@ TEST_F(IpcBroadcastTest, StartsOnceAndStopsAtOnce) {
     EXPECT_FALSE(subscriber.IsConnected());
 }
 
-TEST_F(IpcBroadcastTest, TakesMessagesFromManyThreadsWhileSubscribersComeAndGo) {
+TEST_F(IpcBroadcastTest, TakesMessagesFromThreadsAsSubscribersCome) {
     zel::CIpcBroadcastServer server;
     ASSERT_TRUE(Start(server)) << error;
     std::atomic<bool> stop{false};

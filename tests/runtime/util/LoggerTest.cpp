@@ -314,7 +314,7 @@ TEST_F(LoggerTest, OutOfRangeBoundsAreBroughtIntoRange) {
 
 // --- a place that cannot be written ---
 
-TEST_F(LoggerTest, LinesGoToStderrAfterOneClearWordWhenTheDirectoryCannotBeMade) {
+TEST_F(LoggerTest, LinesGoToStderrAfterOneWordWithoutDirectory) {
     PutFile(m_dir / "log", "a file in the way");
     const unsigned long before = GetLogCounters().redirected;
     StderrCapture capture;

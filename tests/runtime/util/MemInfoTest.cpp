@@ -39,7 +39,7 @@ TEST(MemInfoTest, AddsUpWhatAnOldKernelGivesInstead) {
     EXPECT_EQ(123U, info.availableKb);
 }
 
-TEST(MemInfoTest, RefusesWhatIsIncompleteOrMalformedAndKeepsTheOutput) {
+TEST(MemInfoTest, RefusesWhatIsIncompleteOrMalformedAndKeepsOutput) {
     MemInfo info{7, 8};
     for (const char* text :
          {"", "\n\n", "MemTotal: 5 kB\n", "MemAvailable: 5 kB\n", "MemTotal: 0 kB\nMemAvailable: 0 kB\n",

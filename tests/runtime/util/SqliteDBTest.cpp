@@ -75,7 +75,7 @@ protected:
     std::string m_path = m_dir / "x.db";
 };
 
-TEST_F(SqliteDBTest, MakesTheFileForTheAgentAloneAndStoresWhatIsBound) {
+TEST_F(SqliteDBTest, MakesFileForTheAgentAloneAndStoresWhatIsBound) {
     const mode_t umaskBefore = ::umask(0);
     {
         Database db(m_path);

@@ -51,7 +51,7 @@ std::string GlobalCfgPath() {
     return zel::COrvexPathInfo::GetInstance()->GetGlobalCfgPath();
 }
 
-TEST(AppPathsTest, TheApplicationDirectoryIsTheExecutablesUnlessSet) {
+TEST(AppPathsTest, ApplicationDirectoryIsTheExecutablesUnlessSet) {
     const Variable unset("ZEL_APP_DIR", nullptr);
     char executable[PATH_MAX] = {};
     ASSERT_GT(::readlink("/proc/self/exe", executable, sizeof executable - 1), 0);
@@ -69,7 +69,7 @@ TEST(AppPathsTest, TheApplicationDirectoryIsTheExecutablesUnlessSet) {
     EXPECT_EQ(path.substr(0, path.rfind('/')), CToolUtil::GetApplicationDirPath());
 }
 
-TEST(AppPathsTest, TheSharedDirectoryIsBelowTheApplicationDirectoryUnlessSet) {
+TEST(AppPathsTest, SharedDirectoryIsBelowApplicationUnlessSet) {
     const Variable app("ZEL_APP_DIR", "/opt/agent");
     const Variable unset("ZEL_GLOBAL_CFG_DIR", nullptr);
     EXPECT_EQ("/opt/agent/conf", GlobalCfgPath());

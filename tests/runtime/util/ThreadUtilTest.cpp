@@ -193,7 +193,7 @@ TEST(ThreadUtilTest, NamesAreCutByTheKernelAndReadBack) {
     EXPECT_EQ("", CThreadUtil::GetThreadName(1));  // a thread of another process
 }
 
-TEST(ThreadUtilTest, StartsAndStopsFromManyThreadsLeaveNothingBehind) {
+TEST(ThreadUtilTest, StartsAndStopsFromManyThreadsLeaveNothing) {
     std::atomic<int> inside{0};
     std::atomic<bool> overlap{false};
     Worker worker([&] {

@@ -68,7 +68,7 @@ TEST(TimerEventTest, FiresPeriodicallyWithItsIdOnTheOneTimerThread) {
     EXPECT_TRUE(other.killTimer(otherId));
 }
 
-TEST(TimerEventTest, TheFirstCallComesAfterOnePeriodAndTheGridDoesNotDrift) {
+TEST(TimerEventTest, FirstCallIsAfterOnePeriodAndGridDoesNotDrift) {
     constexpr int kCalls = 20;
     constexpr std::chrono::milliseconds kPeriod{10};
     std::atomic<int> count{0};
@@ -85,7 +85,7 @@ TEST(TimerEventTest, TheFirstCallComesAfterOnePeriodAndTheGridDoesNotDrift) {
     owner.killTimer(id);
 }
 
-TEST(TimerEventTest, ACallbackLongerThanItsPeriodIsNotFollowedByABurst) {
+TEST(TimerEventTest, CallbackOverItsPeriodIsNotFollowedByBurst) {
     constexpr std::chrono::milliseconds kPeriod{20};
     std::atomic<int> count{0};
     Owner owner([&](unsigned long) {

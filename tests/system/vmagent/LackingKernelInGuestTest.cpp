@@ -8,7 +8,7 @@ namespace {
 using NoMemoryControllerInGuest = AgentInGuest;
 using NoPressureFiguresInGuest = AgentInGuest;
 
-TEST_F(NoMemoryControllerInGuest, CpuIsLimitedAndTheMissingMemoryLimitIsTold) {
+TEST_F(NoMemoryControllerInGuest, CpuIsLimitedAndMissingMemoryTold) {
     WriteRoomyResource();
     WriteComponents(
         "{\"name\": \"Greedy\", \"group\": \"collect-defense\"},"
@@ -40,7 +40,7 @@ TEST_F(NoMemoryControllerInGuest, CpuIsLimitedAndTheMissingMemoryLimitIsTold) {
     EXPECT_EQ(AllGroups(), std::vector<std::string>());
 }
 
-TEST_F(NoPressureFiguresInGuest, AgentRunsAsElsewhereAndItsConsoleSaysWhatIsMissing) {
+TEST_F(NoPressureFiguresInGuest, RunsAndConsoleSaysWhatIsMissing) {
     ASSERT_FALSE(Exists("/proc/pressure/memory"));
     WriteRoomyResource();
     WriteOnline("{\"osAbnormalSwitch\": 1, \"availableMemThreshold\": 4000, \"cpuAll\": 1}");

@@ -45,7 +45,7 @@ protected:
     }
 };
 
-TEST_F(OomInGuest, KilledComponentIsReportedOnceWithGroupPathCountersAndRises) {
+TEST_F(OomInGuest, KilledComponentIsReportedOnceWithPathAndCounters) {
     StartWithKillable();
     ASSERT_FALSE(HasFatalFailure());
     KillComponentOnce("Killable", "collect-defense");
@@ -87,7 +87,7 @@ TEST_F(OomInGuest, KilledComponentIsReportedOnceWithGroupPathCountersAndRises) {
     EXPECT_EQ(LogCount("detected cgroup memory OOM after restart"), 0);
 }
 
-TEST_F(OomInGuest, KillWhileTheMainProcessIsDownIsReportedAtTheNextStart) {
+TEST_F(OomInGuest, KillWhileMainProcessIsDownIsReportedAtNextStart) {
     StartWithKillable();
     ASSERT_FALSE(HasFatalFailure());
     ASSERT_TRUE(Exists(std::string(kAppDir) + "/conf/cgroup_oom_watermark.json"));

@@ -62,7 +62,7 @@ protected:
                                               "collect-defense/QorWebGuard"};
 };
 
-TEST_F(UnifiedInGuest, EveryComponentSitsInItsOwnLeafWithTheNumbersOfTheBuiltInTable) {
+TEST_F(UnifiedInGuest, EveryComponentSitsInItsLeafWithTableNumbers) {
     // The main process gets a fifth of a fifth of the machine by the built-in table, which emulation feels.
     WriteResource({{"max_cpu", "100"}, {"max_memory", "700"}});
     StartAgent();
@@ -110,7 +110,7 @@ TEST_F(UnifiedInGuest, NewMaximaReachEveryGroupAndRestartNobody) {
     EXPECT_EQ(ProcessesIn("memory", "main/Tervane"), std::vector<pid_t>{MainPid()});
 }
 
-TEST_F(UnifiedInGuest, GreedyComponentIsHeldToItsQuotaAndAnotherGroupIsNot) {
+TEST_F(UnifiedInGuest, GreedyComponentIsHeldAndAnotherGroupIsNot) {
     WriteRoomyResource();
     WriteComponents(
         "{\"name\": \"Greedy\", \"group\": \"collect-defense\", \"command\": [\"/bin/vm-burn\", \"600\"]},"
@@ -138,7 +138,7 @@ TEST_F(UnifiedInGuest, GreedyComponentIsHeldToItsQuotaAndAnotherGroupIsNot) {
     EXPECT_EQ(Field(quietStat, "nr_throttled"), quiet);
 }
 
-TEST_F(UnifiedInGuest, GroupsOfAKilledMainProcessAreAdoptedAndACleanStopLeavesNone) {
+TEST_F(UnifiedInGuest, GroupsOfKilledMainAreAdoptedAndStopIsClean) {
     WriteRoomyResource();
     WriteComponents(
         "{\"name\": \"Quiet\", \"group\": \"guard\"},"

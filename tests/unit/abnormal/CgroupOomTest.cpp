@@ -86,7 +86,7 @@ TEST_F(CgroupOomTest, CounterIncreaseIsNeverNegative) {
     for (const auto& c : cases) EXPECT_EQ(c.expected, OomCounterIncrease(c.current, c.stored)) << c.current;
 }
 
-TEST_F(CgroupOomTest, ReportIsHeldBackForThreeHundredSecondsAfterTheLast) {
+TEST_F(CgroupOomTest, ReportIsHeldBackThreeHundredSecondsAfterLast) {
     const struct {
         int64_t now, last;
         bool heldBack;
@@ -186,7 +186,7 @@ TEST_F(CgroupOomTest, BrokenFileCountsAsAFirstStart) {
     EXPECT_EQ(FormatOomWatermark(snapshot), Stored());
 }
 
-TEST_F(CgroupOomTest, FailedFirstWriteIsLoggedAsAFailedInitialisation) {
+TEST_F(CgroupOomTest, FailedFirstWriteIsLoggedAsFailedInitialisation) {
     platform().manager.snapshot.Always({Counters("main", false, true, 5, 5, 5)});
     platform().files.failRename.insert(kTemporary);
     pri().CheckSelfCgroupOomAfterRestart();
@@ -195,7 +195,7 @@ TEST_F(CgroupOomTest, FailedFirstWriteIsLoggedAsAFailedInitialisation) {
               journal());
 }
 
-TEST_F(CgroupOomTest, KillsWhileTheAgentWasDownAreLoggedReportedOnceAndStored) {
+TEST_F(CgroupOomTest, KillsWhileAgentWasDownAreReportedOnceAndStored) {
     Store({Counters("main", false, true, 10, 20, 30), Counters("guard", false, true, 1, 1, 1),
            Counters("top", true, true, 0, 0, 0), Counters("calm", false, true, 4, 4, 4)});
     Events snapshot{Counters("main", false, true, 12, 25, 30), Counters("guard", false, true, 1, 2, 2),
@@ -261,7 +261,7 @@ TEST_F(CgroupOomTest, GroupFirstSeenIsStoredButNotReported) {
     EXPECT_EQ(FormatOomWatermark(snapshot), Stored());
 }
 
-TEST_F(CgroupOomTest, RiseOfThePlainOomCounterAloneIsStoredButNotReported) {
+TEST_F(CgroupOomTest, RiseOfPlainOomCounterIsStoredButNotReported) {
     Store({Counters("main", false, true, 1, 1, 1)});
     const Events snapshot{Counters("main", false, true, 1, 100, 1)};
     platform().manager.snapshot.Always(snapshot);
@@ -319,7 +319,7 @@ TEST_F(CgroupOomTest, FailedReportAfterRestartIsNotRepeated) {
     EXPECT_EQ(1u, platform().sent.size());
 }
 
-TEST_F(CgroupOomTest, MissingTransmitAfterRestartGivesTwoLinesAndTheFileIsWritten) {
+TEST_F(CgroupOomTest, MissingTransmitAfterRestartGivesLinesAndFile) {
     Store({Counters("main", false, true, 0, 0, 0)});
     platform().manager.snapshot.Always({Counters("main", false, true, 1, 0, 0)});
     platform().transmitPresent = false;
@@ -364,7 +364,7 @@ TEST_F(CgroupOomTest, RuntimeCheckNeedsMainAndManager) {
     pri().m_cgroupManager = manager;
 }
 
-TEST_F(CgroupOomTest, RuntimeCheckForgetsOldPollsWhileTheUnifiedModeIsOff) {
+TEST_F(CgroupOomTest, RuntimeCheckForgetsOldPollsWhileUnifiedIsOff) {
     platform().manager.poll.Always({Counters("main", false, true, 1, 0, 0)});
     pri().m_unifiedActive = false;
     pri().CheckMultiCgroupOom();
@@ -381,7 +381,7 @@ TEST_F(CgroupOomTest, NothingNewIsNothingDone) {
     EXPECT_EQ(0, pri().m_lastRuntimeOomReportTime);
 }
 
-TEST_F(CgroupOomTest, EveryPolledGroupIsLoggedAndAllAreReportedInOneMessage) {
+TEST_F(CgroupOomTest, EveryPolledGroupIsLoggedAllInOneMessage) {
     Events polled{Counters("guard", false, true, 3, 4, 5), Counters("collect-defense", false, false, 6, 0, 0)};
     polled[0].oom_kill_delta = 1;
     polled[0].oom_delta = 2;
@@ -412,7 +412,7 @@ TEST_F(CgroupOomTest, EveryPolledGroupIsLoggedAndAllAreReportedInOneMessage) {
     EXPECT_EQ("untouched", Stored());
 }
 
-TEST_F(CgroupOomTest, TwoPolledEntriesOfOneKeyAreBothLoggedAndTheLaterIsTheItem) {
+TEST_F(CgroupOomTest, TwoPolledEntriesOfOneKeyAreLoggedLaterIsItem) {
     Events polled{Counters("guard", false, true, 3, 3, 0), Counters("guard", false, true, 5, 6, 0)};
     polled[0].oom_kill_delta = polled[0].oom_delta = 3;
     polled[1].oom_kill_delta = 2;
@@ -455,7 +455,7 @@ TEST_F(CgroupOomTest, OwnGroupRefreshesTheWatermarkAfterTheReport) {
     EXPECT_EQ(FormatOomWatermark(snapshot), Stored());
 }
 
-TEST_F(CgroupOomTest, KillReportedAtRunTimeIsNotReportedAgainAfterARestart) {
+TEST_F(CgroupOomTest, KillReportedAtRunTimeIsNotReportedOnRestart) {
     Store({Counters("main", false, true, 0, 0, 0)});
     Event polled = Counters("main", false, true, 1, 1, 0);
     polled.oom_kill_delta = polled.oom_delta = 1;

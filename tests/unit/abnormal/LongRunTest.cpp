@@ -126,7 +126,7 @@ protected:
 
 }  // namespace
 
-TEST_F(LongRunTest, ADayOfShortMemorySendsEvery90thTickAndStoresEveryFifth) {
+TEST_F(LongRunTest, DayOfShortMemorySendsEvery90thStoresEveryFifth) {
     Run(kTicksPerDay, {14 * 3600, 0});
     EXPECT_EQ(2u, m_seen.diskChecks);
     EXPECT_EQ(1u, m_seen.rotations);  // the one of the process's first row

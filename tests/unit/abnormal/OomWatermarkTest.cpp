@@ -104,7 +104,7 @@ TEST_F(OomWatermarkTest, EventItemHoldsAllTwelveFieldsWithTheirTypes) {
     EXPECT_EQ(INT_MAX, item["oom_kill_disable"].asInt());
 }
 
-TEST_F(OomWatermarkTest, FileHoldsVersionAndTheSevenMembersOfEachItem) {
+TEST_F(OomWatermarkTest, FileHoldsVersionAndSevenMembersOfEachItem) {
     zel::CgroupMemoryOomEvent event = Counters("main", "/p", false, true, LLONG_MAX, LLONG_MIN, 3);
     event.oom_kill_delta = event.oom_delta = event.oom_group_kill_delta = 9;
     event.under_oom = event.oom_kill_disable = 1;
@@ -179,7 +179,7 @@ TEST_F(OomWatermarkTest, WriteReplacesTheFileThroughATemporaryOne) {
     EXPECT_EQ(0u, platform().files.content.count(kTemporary));
 }
 
-TEST_F(OomWatermarkTest, FailedWriteLeavesTheFileAndTheTemporaryOneAsTheyAre) {
+TEST_F(OomWatermarkTest, FailedWriteLeavesFileAndTemporaryAsTheyAre) {
     platform().files.content[kPath] = "old";
     platform().files.content[kTemporary] = "half written";
     platform().files.failWrite.insert(kTemporary);
@@ -201,7 +201,7 @@ TEST_F(OomWatermarkTest, FailedRenameRemovesTheTemporaryFile) {
     EXPECT_EQ(0u, platform().files.content.count(kTemporary));
 }
 
-TEST_F(OomWatermarkTest, FailedRenameAndFailedRemovalStillReportOneFailure) {
+TEST_F(OomWatermarkTest, FailedRenameAndRemovalStillReportOneFailure) {
     platform().files.failRename.insert(kTemporary);
     platform().files.failRemove.insert(kTemporary);
     EXPECT_FALSE(WriteOomWatermarkFile(kPath, {}));
@@ -350,7 +350,7 @@ TEST_F(OomWatermarkTest, RandomSnapshotsReadBackAsTheyWere) {
     }
 }
 
-TEST_F(OomWatermarkTest, RefreshWritesTheSnapshotIntoTheGlobalConfigurationDirectory) {
+TEST_F(OomWatermarkTest, RefreshWritesSnapshotToGlobalDirectory) {
     const std::vector<zel::CgroupMemoryOomEvent> snapshot{Counters("main", "/p", false, true, 1, 2, 3)};
     platform().manager.snapshot.Always(snapshot);
     platform().globalCfgDir = "/etc/agent";
@@ -363,7 +363,7 @@ TEST_F(OomWatermarkTest, RefreshWritesTheSnapshotIntoTheGlobalConfigurationDirec
     EXPECT_EQ(FormatOomWatermark(snapshot), platform().files.content["/etc/agent/cgroup_oom_watermark.json"]);
 }
 
-TEST_F(OomWatermarkTest, RefreshDoesNothingUnlessMainAndManagedAndActive) {
+TEST_F(OomWatermarkTest, RefreshWantsMainAndManagedAndActive) {
     platform().manager.snapshot.Always({Counters("main", "/p", false, true, 1, 2, 3)});
     pri().m_isMainAgent = false;
     pri().RefreshSelfCgroupOomWatermark();

@@ -77,7 +77,7 @@ TEST_F(OsAbnormalDataBaseTest, DirectoryIsTakenAsItStands) {
     EXPECT_EQ("/a//b//last_os_abnormal.db", other.m_lastDbPath);
 }
 
-TEST_F(OsAbnormalDataBaseTest, FirstInsertOfAProcessMovesTheOldFileAside) {
+TEST_F(OsAbnormalDataBaseTest, FirstInsertOfProcessMovesOldFileAside) {
     platform().files.content[kCurrent] = "previous run";
     platform().files.content[kLast] = "older";
     EXPECT_TRUE(store().InsertData(OS_ABNORMAL_MEMORY, 1700000000, "info", "{}"));
@@ -92,7 +92,7 @@ TEST_F(OsAbnormalDataBaseTest, FirstInsertOfAProcessMovesTheOldFileAside) {
     EXPECT_FALSE(store().IsOpen());
 }
 
-TEST_F(OsAbnormalDataBaseTest, FirstInsertWithoutAnyFileGoesOnAfterTheFailedRename) {
+TEST_F(OsAbnormalDataBaseTest, FirstInsertGoesOnAfterFailedRename) {
     EXPECT_TRUE(store().InsertData(OS_ABNORMAL_DISK, 5, "", "x"));
     EXPECT_EQ(Lines({kIsLast, kRename, kIsCurrent, kOpen, kCreate, kCompile, "ISqliteStatement::BindInt(:event_time,5)",
                      "ISqliteStatement::BindInt(:type,2)", "ISqliteStatement::BindString(:info,)",
@@ -146,7 +146,7 @@ TEST_F(OsAbnormalDataBaseTest, OnlyTheDayOfTheMonthIsCompared) {
     store().Close();
 }
 
-TEST_F(OsAbnormalDataBaseTest, LastFileThatStaysMakesEveryOpenOfTheDayFailUntilItGoes) {
+TEST_F(OsAbnormalDataBaseTest, StayingLastFileFailsEveryOpenOfDay) {
     platform().files.content[kLast] = "stuck";
     platform().files.content[kCurrent] = "rows";
     platform().files.failRemove.insert(kLast);
@@ -166,7 +166,7 @@ TEST_F(OsAbnormalDataBaseTest, LastFileThatStaysMakesEveryOpenOfTheDayFailUntilI
     EXPECT_EQ(14, store().m_dayOfMonth);
 }
 
-TEST_F(OsAbnormalDataBaseTest, OpenWithoutCreateRotatesFirstAndThenMissesTheFile) {
+TEST_F(OsAbnormalDataBaseTest, RotatesWithoutCreateThenMissesFile) {
     platform().files.content[kCurrent] = "rows";
     EXPECT_FALSE(store().OpenDb(false));
     EXPECT_EQ(Lines({kIsLast, kRename, kIsCurrent, kMissing}), journal());
@@ -188,7 +188,7 @@ TEST_F(OsAbnormalDataBaseTest, OpenWithoutCreateOpensAnExistingFile) {
     EXPECT_FALSE(store().IsOpen());
 }
 
-TEST_F(OsAbnormalDataBaseTest, OpenDatabaseIsKeptWithoutATableBeingMade) {
+TEST_F(OsAbnormalDataBaseTest, OpenDatabaseIsKeptWithoutATable) {
     EXPECT_TRUE(store().OpenDb(true));
     journal();
     EXPECT_TRUE(store().OpenDb(true));
@@ -197,7 +197,7 @@ TEST_F(OsAbnormalDataBaseTest, OpenDatabaseIsKeptWithoutATableBeingMade) {
     store().Close();
 }
 
-TEST_F(OsAbnormalDataBaseTest, OpenWithoutCreateMissesTheFileOfAnOpenDatabaseToo) {
+TEST_F(OsAbnormalDataBaseTest, OpenWithoutCreateMissesRemovedFile) {
     EXPECT_TRUE(store().OpenDb(true));
     platform().files.content.erase(kCurrent);
     journal();
@@ -230,7 +230,7 @@ TEST_F(OsAbnormalDataBaseTest, FailedOpenIsToldWithItsCode) {
               journal());
 }
 
-TEST_F(OsAbnormalDataBaseTest, FailedTableReadsItsCodeBeforeTheDatabaseIsClosed) {
+TEST_F(OsAbnormalDataBaseTest, FailedTableReadsCodeBeforeClose) {
     PassFirstRotation();
     platform().sqlite.execute.Always(false);
     platform().sqlite.lastError = 26;
@@ -242,7 +242,7 @@ TEST_F(OsAbnormalDataBaseTest, FailedTableReadsItsCodeBeforeTheDatabaseIsClosed)
     EXPECT_EQ(0, platform().sqlite.open);
 }
 
-TEST_F(OsAbnormalDataBaseTest, InsertIntoADatabaseWithoutATableFailsInTheOpen) {
+TEST_F(OsAbnormalDataBaseTest, InsertWithoutTableFailsInOpen) {
     PassFirstRotation();
     platform().sqlite.execute.Always(false);
     platform().sqlite.lastError = 13;
@@ -252,7 +252,7 @@ TEST_F(OsAbnormalDataBaseTest, InsertIntoADatabaseWithoutATableFailsInTheOpen) {
               journal());
 }
 
-TEST_F(OsAbnormalDataBaseTest, StatementThatDoesNotCompileReleasesNothingAndCloses) {
+TEST_F(OsAbnormalDataBaseTest, UncompiledStatementReleasesNothing) {
     PassFirstRotation();
     platform().sqlite.compile.Always(false);
     platform().sqlite.lastError = 1;
@@ -284,7 +284,7 @@ TEST_F(OsAbnormalDataBaseTest, FirstBindThatFailsStopsTheInsert) {
     }
 }
 
-TEST_F(OsAbnormalDataBaseTest, SecondEventOfOneSecondIsRefusedWithALine) {
+TEST_F(OsAbnormalDataBaseTest, SecondEventOfOneSecondIsRefused) {
     PassFirstRotation();
     platform().sqlite.step.Then(true).Then(false).Then(true);
     platform().sqlite.lastError = 2067;  // SQLITE_CONSTRAINT_UNIQUE. Source: sqlite.org/rescode.html
@@ -319,7 +319,7 @@ TEST_F(OsAbnormalDataBaseTest, InsertOnAnOpenDatabaseUsesAndClosesIt) {
     EXPECT_EQ(0, platform().sqlite.open);
 }
 
-TEST_F(OsAbnormalDataBaseTest, RotationAlsoHappensUnderAnOpenDatabase) {
+TEST_F(OsAbnormalDataBaseTest, RotationAlsoHappensUnderOpenDatabase) {
     EXPECT_TRUE(store().OpenDb(true));
     platform().dayOfMonth = 15;
     journal();
@@ -328,7 +328,7 @@ TEST_F(OsAbnormalDataBaseTest, RotationAlsoHappensUnderAnOpenDatabase) {
     store().Close();
 }
 
-TEST_F(OsAbnormalDataBaseTest, DestructorLeavesAnOpenDatabaseToItsOwner) {
+TEST_F(OsAbnormalDataBaseTest, DestructorLeavesOpenDatabaseToOwner) {
     EXPECT_TRUE(store().OpenDb(true));
     zel::ISqliteDB* db = store().m_db;
     journal();

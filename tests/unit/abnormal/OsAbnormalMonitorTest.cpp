@@ -90,7 +90,7 @@ protected:
 
 // --- construction, start and stop ---
 
-TEST_F(OsAbnormalMonitorTest, StartsWithEverythingUnsetAndElevenThresholds) {
+TEST_F(OsAbnormalMonitorTest, StartsUnsetWithElevenThresholds) {
     OsAbnormalMonitorProbe fresh;
     EXPECT_FALSE(fresh.m_initialised);
     EXPECT_FALSE(fresh.m_diskFull);
@@ -115,7 +115,7 @@ TEST_F(OsAbnormalMonitorTest, StartsWithEverythingUnsetAndElevenThresholds) {
     EXPECT_EQ(Strings({"CToolUtil::GetApplicationDirPath()"}), journal());
 }
 
-TEST_F(OsAbnormalMonitorTest, StartClearsTheStopRequestBeforeItAsksForTheThread) {
+TEST_F(OsAbnormalMonitorTest, StartClearsStopRequestBeforeTheThread) {
     monitor().m_stopRequested = true;
     platform().startThread.Then(true).Then(false);
     EXPECT_TRUE(monitor().Start());
@@ -161,7 +161,7 @@ TEST_F(OsAbnormalMonitorTest, InitIsAlwaysTrue) {
 
 // --- the thread's body ---
 
-TEST_F(OsAbnormalMonitorTest, RunNamesTheThreadWaitsTenSecondsAndTicksEveryTwo) {
+TEST_F(OsAbnormalMonitorTest, RunNamesThreadWaitsTenTicksEveryTwo) {
     int ticks = 0;
     platform().onSleep = [&](unsigned int seconds) {
         if (seconds == 2 && ++ticks == 6) monitor().m_stopRequested = true;
@@ -209,7 +209,7 @@ TEST_F(OsAbnormalMonitorTest, BitZeroOfTheOnlineValueIsTheSwitch) {
     }
 }
 
-TEST_F(OsAbnormalMonitorTest, SwitchOffSamplesSendsAndStoresNothingAndKeepsEveryFlag) {
+TEST_F(OsAbnormalMonitorTest, SwitchOffDoesNothingAndKeepsEveryFlag) {
     ShortOfMemory();
     FillDisk();
     monitor().m_diskFull = true;
@@ -224,7 +224,7 @@ TEST_F(OsAbnormalMonitorTest, SwitchOffSamplesSendsAndStoresNothingAndKeepsEvery
     EXPECT_FALSE(monitor().m_initialised);
 }
 
-TEST_F(OsAbnormalMonitorTest, WithoutAnOnlineConfigurationTheMonitorIsOff) {
+TEST_F(OsAbnormalMonitorTest, WithoutOnlineConfigurationMonitorIsOff) {
     ShortOfMemory();
     doubles::ForgetOnlineConf();
     EXPECT_FALSE(IsMoniitorOsAbnormal());
@@ -236,7 +236,7 @@ TEST_F(OsAbnormalMonitorTest, WithoutAnOnlineConfigurationTheMonitorIsOff) {
 
 // --- schedule ---
 
-TEST_F(OsAbnormalMonitorTest, MemoryIsCheckedEveryFifthTickAndTheDiskEvery21600th) {
+TEST_F(OsAbnormalMonitorTest, MemoryEveryFifthTickDiskEvery21600th) {
     const struct {
         unsigned long tick;
         Strings lines;
@@ -292,7 +292,7 @@ TEST_F(OsAbnormalMonitorTest, RiseEndsWhenMemoryIsWellAgain) {
     EXPECT_EQ(Strings(), journal());
 }
 
-TEST_F(OsAbnormalMonitorTest, InitialisationIsTriedEvery1800TicksAndGatesNothing) {
+TEST_F(OsAbnormalMonitorTest, InitialisesEvery1800TicksGatingNothing) {
     monitor().CheckOsAbnormal(5);
     EXPECT_FALSE(monitor().m_initialised);
     EXPECT_EQ(Strings({kMemory}), journal());
@@ -352,7 +352,7 @@ TEST_F(OsAbnormalMonitorTest, MemoryVerdicts) {
     EXPECT_EQ(Strings(), journal());
 }
 
-TEST_F(OsAbnormalMonitorTest, HealthyMemoryClearsRiseAndAlarmAndTouchesNothingElse) {
+TEST_F(OsAbnormalMonitorTest, HealthyMemoryClearsRiseAndAlarmOnly) {
     platform().memory = {50, 8000};
     monitor().m_memRising = true;
     monitor().m_lastMemUsage = 77;
@@ -368,7 +368,7 @@ TEST_F(OsAbnormalMonitorTest, HealthyMemoryClearsRiseAndAlarmAndTouchesNothingEl
     EXPECT_EQ(Strings({kMemory}), journal());
 }
 
-TEST_F(OsAbnormalMonitorTest, RiseIsMoreThanOnePointSinceTheLastAbnormalCheck) {
+TEST_F(OsAbnormalMonitorTest, RiseIsOverOnePointSinceLastAbnormal) {
     const struct {
         int before, now;
         bool rising;
@@ -387,7 +387,7 @@ TEST_F(OsAbnormalMonitorTest, RiseIsMoreThanOnePointSinceTheLastAbnormalCheck) {
     }
 }
 
-TEST_F(OsAbnormalMonitorTest, MemoryFindingHoldsUsageAvailableMemoryAndRates) {
+TEST_F(OsAbnormalMonitorTest, MemoryFindingHoldsUsageFreeAndRates) {
     platform().memory = {90, ULONG_MAX};
     platform().kernel.majorFaults.Always(30);
     monitor().m_prevSwapIndex["maj_flt"] = 10;
@@ -406,7 +406,7 @@ TEST_F(OsAbnormalMonitorTest, MemoryFindingHoldsUsageAvailableMemoryAndRates) {
     EXPECT_EQ(Strings({kMemory, kVmstat}), journal());
 }
 
-TEST_F(OsAbnormalMonitorTest, EventTimeIsTakenBeforeTheSwapSampleSleeps) {
+TEST_F(OsAbnormalMonitorTest, EventTimeIsTakenBeforeSwapSampleSleeps) {
     monitor().m_lastSwapTime = 0;
     ShortOfMemory();
     Json::Value out(Json::objectValue);
@@ -454,7 +454,7 @@ TEST_F(OsAbnormalMonitorTest, FailedDiskQueryIsLoggedAndFindsNothing) {
 
 // --- the swap sample ---
 
-TEST_F(OsAbnormalMonitorTest, SampleTakesOwnFaultsAndTheKnownNamesOfTheKernel) {
+TEST_F(OsAbnormalMonitorTest, SampleTakesOwnFaultsAndKernelsNames) {
     platform().kernel.majorFaults.Always(7);
     platform().files.content["/proc/vmstat"] =
         "nr_free_pages 1\npgmajfault 2\nworkingset_refault_anon 3\npgrotated 18446744073709551615\n";
@@ -474,14 +474,14 @@ TEST_F(OsAbnormalMonitorTest, SampleGoesOnWithoutOwnFaults) {
     EXPECT_EQ((std::map<std::string, unsigned long>{{"pgmajfault", 2}}), sample);
 }
 
-TEST_F(OsAbnormalMonitorTest, SampleWithoutKernelCountersIsTheOwnFaults) {
+TEST_F(OsAbnormalMonitorTest, SampleWithoutKernelCountersIsOwnFaults) {
     platform().files.failRead.insert("/proc/vmstat");
     std::map<std::string, unsigned long> sample;
     monitor().ReadSwapIndexForSwap(sample);
     EXPECT_EQ((std::map<std::string, unsigned long>{{"maj_flt", 0}}), sample);
 }
 
-TEST_F(OsAbnormalMonitorTest, KernelLinesAreReadByTheirFirstTwoFields) {
+TEST_F(OsAbnormalMonitorTest, KernelLinesAreReadByFirstTwoFields) {
     const struct {
         const char* line;
         const char* shown;
@@ -522,7 +522,7 @@ TEST_F(OsAbnormalMonitorTest, ReadingStopsAtTheTenthFoundName) {
     EXPECT_EQ(1u, sample["pgmajfault"]);
 }
 
-TEST_F(OsAbnormalMonitorTest, ValueThatIsNoNumberIsLeftOutButCountsAsFound) {
+TEST_F(OsAbnormalMonitorTest, NoNumberIsLeftOutButCountsAsFound) {
     std::list<std::string> lines;
     for (int i = 0; i < 9; ++i) lines.push_back("pageoutrun oops");
     lines.push_back("pgrotated 1");
@@ -532,7 +532,7 @@ TEST_F(OsAbnormalMonitorTest, ValueThatIsNoNumberIsLeftOutButCountsAsFound) {
     EXPECT_EQ((SwapIndexMap{{"pgrotated", 1}}), out);
 }
 
-TEST_F(OsAbnormalMonitorTest, RepeatedNameKeepsItsLastValueAndCountsEachTime) {
+TEST_F(OsAbnormalMonitorTest, RepeatedNameKeepsLastCountsEachTime) {
     std::list<std::string> lines;
     for (int i = 1; i <= 12; ++i) lines.push_back("pgrotated " + std::to_string(i));
     SwapIndexMap out;
@@ -540,7 +540,7 @@ TEST_F(OsAbnormalMonitorTest, RepeatedNameKeepsItsLastValueAndCountsEachTime) {
     EXPECT_EQ((SwapIndexMap{{"pgrotated", 10}}), out);
 }
 
-TEST_F(OsAbnormalMonitorTest, KernelLineWithTheNameOfTheOwnFaultsIsTakenLikeAnyOther) {
+TEST_F(OsAbnormalMonitorTest, KernelLineNamedAsOwnFaultsIsTaken) {
     platform().kernel.majorFaults.Always(7);
     platform().files.content["/proc/vmstat"] = "maj_flt 9\n";
     std::map<std::string, unsigned long> sample;
@@ -561,7 +561,7 @@ TEST_F(OsAbnormalMonitorTest, EmptySampleGivesNoRatesAndNoError) {
     EXPECT_EQ(kNow - 10, monitor().m_lastSwapTime);
 }
 
-TEST_F(OsAbnormalMonitorTest, FirstSampleOfARunReadsTwiceASecondApartAndCanRaiseTheAlarm) {
+TEST_F(OsAbnormalMonitorTest, FirstSampleReadsTwiceAndCanAlarm) {
     monitor().m_lastSwapTime = 0;
     monitor().m_prevSwapIndex = {{"stale", 1}};
     platform().files.content["/proc/vmstat"] = Vmstat(0);
@@ -579,7 +579,7 @@ TEST_F(OsAbnormalMonitorTest, FirstSampleOfARunReadsTwiceASecondApartAndCanRaise
     EXPECT_EQ(1000u, monitor().m_prevSwapIndex["pgmajfault"]);
 }
 
-TEST_F(OsAbnormalMonitorTest, FirstSampleIsRememberedWhenTheSecondIsEmpty) {
+TEST_F(OsAbnormalMonitorTest, FirstSampleIsKeptWhenSecondIsEmpty) {
     monitor().m_lastSwapTime = 0;
     monitor().m_prevSwapIndex.clear();
     platform().onSleep = [&](unsigned int) {
@@ -594,7 +594,7 @@ TEST_F(OsAbnormalMonitorTest, FirstSampleIsRememberedWhenTheSecondIsEmpty) {
     EXPECT_EQ(Strings({kVmstat, kSecond, kVmstat}), journal());
 }
 
-TEST_F(OsAbnormalMonitorTest, FirstSampleIsRememberedWhenTheClockDoesNotAdvanceOverTheSleep) {
+TEST_F(OsAbnormalMonitorTest, FirstSampleIsKeptWhenClockStandsStill) {
     for (time_t after : {kNow, kNow - 1, kNow - 86400}) {
         monitor().m_lastSwapTime = 0;
         monitor().m_prevSwapIndex = {{"stale", 1}};
@@ -623,7 +623,7 @@ TEST_F(OsAbnormalMonitorTest, FirstSampleIsRememberedWhenTheClockDoesNotAdvanceO
     EXPECT_EQ(Strings({kVmstat}), journal());
 }
 
-TEST_F(OsAbnormalMonitorTest, ClockAtOrBeforeItsOriginIsAnErrorAndTheNextSampleIsAFirstOne) {
+TEST_F(OsAbnormalMonitorTest, ClockBeforeOriginIsErrorThenFirstAgain) {
     for (time_t start : {time_t(0), time_t(-1), time_t(-86400)}) {
         monitor().m_lastSwapTime = 0;
         monitor().m_prevSwapIndex.clear();
@@ -645,7 +645,7 @@ TEST_F(OsAbnormalMonitorTest, ClockAtOrBeforeItsOriginIsAnErrorAndTheNextSampleI
     EXPECT_EQ(2, monitor().m_lastSwapTime);
 }
 
-TEST_F(OsAbnormalMonitorTest, LaterSamplesReadOnceAndDivideByTheSecondsBetween) {
+TEST_F(OsAbnormalMonitorTest, LaterSamplesReadOnceDivideByElapsed) {
     platform().files.content["/proc/vmstat"] = Vmstat(1000 + 69);
     platform().now = kNow - 3;  // seven seconds after the last sample
     Json::Value out(Json::objectValue);
@@ -658,7 +658,7 @@ TEST_F(OsAbnormalMonitorTest, LaterSamplesReadOnceAndDivideByTheSecondsBetween) 
     EXPECT_EQ(1069u, monitor().m_prevSwapIndex["pgmajfault"]);
 }
 
-TEST_F(OsAbnormalMonitorTest, ClockThatDidNotAdvanceIsAnErrorAndKeepsTheOldSample) {
+TEST_F(OsAbnormalMonitorTest, StandingClockIsErrorKeepingOldSample) {
     const auto before = monitor().m_prevSwapIndex;
     platform().files.content["/proc/vmstat"] = Vmstat(1000000);
     for (time_t now : {kNow - 10, kNow - 11, time_t(1)}) {
@@ -686,7 +686,7 @@ TEST_F(OsAbnormalMonitorTest, NamesMissingInEitherSampleGiveNoRate) {
               monitor().m_prevSwapIndex);
 }
 
-TEST_F(OsAbnormalMonitorTest, RateAtItsThresholdCountsAndOneBelowDoesNot) {
+TEST_F(OsAbnormalMonitorTest, RateAtThresholdCountsOneBelowDoesNot) {
     for (const auto& threshold : monitor().m_swapThresholds) {
         const SwapIndexMap before{{threshold.first, 100}};
         EXPECT_EQ(
@@ -728,7 +728,7 @@ TEST_F(OsAbnormalMonitorTest, OwnFaultsCountLikeAnyOtherIndex) {
     EXPECT_EQ(5u, out["maj_flt"].asUInt64());
 }
 
-TEST_F(OsAbnormalMonitorTest, CounterThatFellGivesAHugeRateThatCounts) {
+TEST_F(OsAbnormalMonitorTest, CounterThatFellGivesHugeRateThatCounts) {
     platform().files.content["/proc/vmstat"] = Vmstat(0);  // all ten fell from 1000
     Json::Value out(Json::objectValue);
     EXPECT_TRUE(monitor().FetchSwapIndexIncrement(out));
@@ -789,7 +789,7 @@ TEST_F(OsAbnormalMonitorTest, BothFindingsShareOneMessage) {
     EXPECT_TRUE(monitor().IsDiskFull());
 }
 
-TEST_F(OsAbnormalMonitorTest, NothingIsStoredUntilADiskCheckFindsRoomAgain) {
+TEST_F(OsAbnormalMonitorTest, NothingIsStoredUntilDiskHasRoomAgain) {
     ShortOfMemory();
     FillDisk();
     monitor().CheckOsAbnormal(0);
@@ -813,14 +813,14 @@ TEST_F(OsAbnormalMonitorTest, FailedDiskQueryClearsTheFullFlag) {
     EXPECT_FALSE(monitor().IsDiskFull());
 }
 
-TEST_F(OsAbnormalMonitorTest, HealthyDiskClearsTheFullFlagWithoutAnEvent) {
+TEST_F(OsAbnormalMonitorTest, HealthyDiskClearsFullFlagWithoutEvent) {
     monitor().m_diskFull = true;
     monitor().CheckOsAbnormal(21600);
     EXPECT_EQ(Strings({kMemory, kDisk}), journal());
     EXPECT_FALSE(monitor().IsDiskFull());
 }
 
-TEST_F(OsAbnormalMonitorTest, FindingThatIsHeldBackIsStoredAllTheSame) {
+TEST_F(OsAbnormalMonitorTest, FindingThatIsHeldBackIsStoredAllSame) {
     ShortOfMemory();
     monitor().m_lastReportTick = 91;
     monitor().CheckOsAbnormal(95);
@@ -872,7 +872,7 @@ TEST_F(OsAbnormalMonitorTest, ClockErrorIsPartOfTheMessage) {
 
 // --- when a finding is sent ---
 
-TEST_F(OsAbnormalMonitorTest, InIntervalFindingsAreHeldBackExceptOnItsMultiples) {
+TEST_F(OsAbnormalMonitorTest, InIntervalOnlyMultiplesAreReported) {
     ShortOfMemory();
     const struct {
         unsigned long tick;
@@ -921,7 +921,7 @@ TEST_F(OsAbnormalMonitorTest, RisingMemoryIsSentInSpiteOfTheInterval) {
     EXPECT_FALSE(Sends(102));
 }
 
-TEST_F(OsAbnormalMonitorTest, NewSwapAlarmIsSentOneTickAfterTheLastMessage) {
+TEST_F(OsAbnormalMonitorTest, NewSwapAlarmIsSentTickAfterMessage) {
     ShortOfMemory();
     EXPECT_TRUE(Sends(90));
     monitor().m_memRising = true;  // so that the next tick is looked at
@@ -943,7 +943,7 @@ TEST_F(OsAbnormalMonitorTest, SwapAlarmThatHoldsKeepsTheInterval) {
     EXPECT_FALSE(Sends(175));
 }
 
-TEST_F(OsAbnormalMonitorTest, SwapAlarmGoesDownOnAMultipleInsideTheInterval) {
+TEST_F(OsAbnormalMonitorTest, SwapAlarmGoesDownOnMultipleInside) {
     ShortOfMemory();
     monitor().m_lastReportTick = 91;
     SwapStorm();
@@ -956,7 +956,7 @@ TEST_F(OsAbnormalMonitorTest, SwapAlarmGoesDownOnAMultipleInsideTheInterval) {
     EXPECT_FALSE(Sends(190));
 }
 
-TEST_F(OsAbnormalMonitorTest, SwapAlarmStaysUpWhenTheIntervalHasPassed) {
+TEST_F(OsAbnormalMonitorTest, SwapAlarmStaysUpWhenIntervalHasPassed) {
     ShortOfMemory();
     monitor().m_lastReportTick = 91;
     SwapStorm();
@@ -982,7 +982,7 @@ TEST_F(OsAbnormalMonitorTest, SwapAlarmOutlivesTheMonitor) {
     EXPECT_EQ(1u, platform().sent.size());
 }
 
-TEST_F(OsAbnormalMonitorTest, RestartedThreadIsNotHeldBackByTheOldTick) {
+TEST_F(OsAbnormalMonitorTest, RestartedThreadIsNotHeldBackByOldTick) {
     ShortOfMemory();
     monitor().m_lastReportTick = 100000;
     EXPECT_TRUE(Sends(5));
@@ -992,7 +992,7 @@ TEST_F(OsAbnormalMonitorTest, RestartedThreadIsNotHeldBackByTheOldTick) {
 
 // --- the process's own memory ---
 
-TEST_F(OsAbnormalMonitorTest, HighMemoryIsOneReadingOfThreeAboveTheBound) {
+TEST_F(OsAbnormalMonitorTest, HighMemoryIsOneOfThreeAboveBound) {
     const std::string query = "IProcessUtil::GetProcessMemory(4242)";
     platform().process.processMemory.Then(153601);
     EXPECT_TRUE(IsHighMem());

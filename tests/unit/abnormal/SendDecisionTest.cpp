@@ -114,7 +114,7 @@ struct Model {
 
 }  // namespace
 
-TEST_F(SendDecisionTest, WholeMonitorAgreesWithTheRestatedRuleOnRandomHistories) {
+TEST_F(SendDecisionTest, MonitorAgreesWithRestatedRuleOnRandomRuns) {
     EXPECT_TRUE(rc::check("histories", [] {
         const auto steps = *rc::gen::container<std::vector<Step>>(300, Step::Arbitrary());
         LowerSwapAlarm();

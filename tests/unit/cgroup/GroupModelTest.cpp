@@ -50,7 +50,7 @@ protected:
     std::vector<zel::CgroupComponentQuota> m_quotas;
 };
 
-TEST(GroupModelArithmeticTest, HeadroomIsOneHalfTruncatedAndSaturates) {
+TEST(GroupModelArithmeticTest, HeadroomIsHalfTruncatedAndSaturates) {
     const std::pair<long, int> cases[] = {{0, 0},
                                           {1, 1},
                                           {2, 3},
@@ -101,7 +101,7 @@ TEST_F(GroupModelTest, BuiltInGroupMemoryIsTheSumOfItsComponents) {
     for (const GroupDef& group : BuiltInGroups()) EXPECT_EQ(group.memKB, sums[group.name]) << group.name;
 }
 
-TEST_F(GroupModelTest, ConfiguredGroupsAndComponentsReplaceTheBuiltInOnes) {
+TEST_F(GroupModelTest, ConfiguredGroupsAndComponentsReplaceBuiltIn) {
     pri().m_cgroupGroupsSpec = "main:20:15360,guard:0:10240";
     pri().m_cgroupComponentsSpec = "Tervane:main:guard:2000:15360,Other:guard:main:10000:1024";
     Build(10, 100);
@@ -181,7 +181,7 @@ TEST_F(GroupModelTest, NamesAreNotTrimmedSoABlankMakesAnotherGroup) {
     EXPECT_EQ(Lines({"a main/main 0 1", "b  main/ main 200 1"}), Texts(m_quotas));
 }
 
-TEST_F(GroupModelTest, OfTwoGroupsOfOneNameBothAreBuiltAndTheLaterSetsTheQuota) {
+TEST_F(GroupModelTest, OfTwoSameGroupsBothAreBuiltLaterSetsQuota) {
     pri().m_cgroupGroupsSpec = "a:50:200,a:10:400";
     pri().m_cgroupComponentsSpec = "x:a:a:10000:1";
     Build(10, 200);
@@ -213,7 +213,7 @@ TEST_F(GroupModelTest, WithoutTheCpuControllerEveryCpuAmountIsZero) {
     EXPECT_EQ("cpu=0 9.00 mem=1 307200", Total(9, 200, false, true));
 }
 
-TEST_F(GroupModelTest, WithoutTheMemoryControllerGroupsHaveNoneButComponentsKeepTheirs) {
+TEST_F(GroupModelTest, WithoutMemoryControllerOnlyComponentsKeepIt) {
     Build(9, 100, true, false);
     EXPECT_EQ(Lines({"main cpu=1 1.80 mem=0 0 reserved=0", "guard cpu=1 0.00 mem=0 0 reserved=0",
                      "collect-defense cpu=1 5.40 mem=0 0 reserved=0"}),
@@ -240,7 +240,7 @@ TEST_F(GroupModelTest, MemoryIsDividedBeforeTheHeadroomIsAdded) {
     EXPECT_EQ(3, m_groups[0].memLimitKB);
 }
 
-TEST_F(GroupModelTest, NegativeMemoryIsDroppedForGroupsAndKeptForComponents) {
+TEST_F(GroupModelTest, NegativeMemoryIsDroppedForGroupsOnly) {
     pri().m_cgroupGroupsSpec = "a:-1:-200";
     pri().m_cgroupComponentsSpec = "x:a:a:-5:-200";
     Build(9, 300);
@@ -261,7 +261,7 @@ TEST_F(GroupModelTest, ProductsSaturateInsteadOfOverflowing) {
     EXPECT_EQ("cpu=1 100.00 mem=1 2147483647", Total(100, 1398102, true, true));
 }
 
-TEST_F(GroupModelTest, TheBuiltInTableSaturatesAtAnEnormousMaximumCpu) {
+TEST_F(GroupModelTest, BuiltInTableSaturatesAtAnEnormousMaximumCpu) {
     Build(LONG_MAX, 200);
     EXPECT_EQ("main cpu=1 21474836.47 mem=1 23040 reserved=0", Text(m_groups[0]));
     EXPECT_EQ(429496729, m_quotas[0].cpuQuota100Times);

@@ -21,7 +21,7 @@ protected:
                                                        {"Tervane", "main", "main", 99, 99999}};
 };
 
-TEST(SelfKillConversionTest, ClampsBelowOneToZeroAndAboveTheLargestInt) {
+TEST(SelfKillConversionTest, ClampsBelowOneToZeroAndAboveIntMax) {
     EXPECT_EQ(0, ClampSelfKillValue(LONG_MIN));
     EXPECT_EQ(0, ClampSelfKillValue(-1));
     EXPECT_EQ(0, ClampSelfKillValue(0));
@@ -37,7 +37,7 @@ TEST(SelfKillConversionTest, RoundsCpuQuotasUpToWholePercent) {
     for (const auto& c : cases) EXPECT_EQ(c.second, CpuQuotaToPercent(c.first)) << c.first;
 }
 
-TEST(SelfKillConversionTest, GivesNoLimitWhenTheRoundedCpuQuotaLeavesThirtyTwoBits) {
+TEST(SelfKillConversionTest, GivesNoLimitWhenCpuQuotaLeaves32Bits) {
     EXPECT_LT(CpuQuotaToPercent(2147483549), 1);
     EXPECT_LT(CpuQuotaToPercent(INT_MAX), 1);
 }
@@ -48,7 +48,7 @@ TEST(SelfKillConversionTest, RoundsMemoryQuotasUpToWholeMb) {
     for (const auto& c : cases) EXPECT_EQ(c.second, MemQuotaToMb(c.first)) << c.first;
 }
 
-TEST_F(SelfKillLimitsTest, SettingTheClientLogsItsAddressEvenWhenNull) {
+TEST_F(SelfKillLimitsTest, SettingClientLogsItsAddressEvenWhenNull) {
     pri().SetCgroupClient(&m_client);
     EXPECT_EQ(&m_client, pri().m_cgroupClient);
     pri().SetCgroupClient(nullptr);
@@ -108,7 +108,7 @@ TEST_F(SelfKillLimitsTest, QuotaNeedsItsControllerAndAPositiveValue) {
     }
 }
 
-TEST_F(SelfKillLimitsTest, WithoutATervaneQuotaTheOldOneIsClearedAndALineWarns) {
+TEST_F(SelfKillLimitsTest, WithoutTervaneQuotaOldIsClearedAndWarned) {
     const char* warning =
         "W3 MonitorPri: Tervane quota not found in multi-cgroup config, self-kill keeps config limits";
     HaveSelfKillQuota();
@@ -120,7 +120,7 @@ TEST_F(SelfKillLimitsTest, WithoutATervaneQuotaTheOldOneIsClearedAndALineWarns) 
     EXPECT_EQ(Lines({warning, warning}), journal());
 }
 
-TEST_F(SelfKillLimitsTest, ConfiguredMaximaAreClampedWhenThereIsNoQuota) {
+TEST_F(SelfKillLimitsTest, ConfiguredMaximaAreClampedWithoutQuota) {
     EXPECT_EQ("0 0", Resolve(0, 0));
     EXPECT_EQ("0 0", Resolve(-7, -7));
     EXPECT_EQ("10 200", Resolve(10, 200));
@@ -128,7 +128,7 @@ TEST_F(SelfKillLimitsTest, ConfiguredMaximaAreClampedWhenThereIsNoQuota) {
     EXPECT_EQ(Lines(), journal());
 }
 
-TEST_F(SelfKillLimitsTest, MainProcessTakesItsQuotaWhetherLargerOrSmaller) {
+TEST_F(SelfKillLimitsTest, MainTakesItsQuotaLargerOrSmaller) {
     pri().m_unifiedCpuQuotaActive = true;
     pri().m_unifiedCpuQuota100Times = 150;
     pri().m_unifiedMemQuotaActive = true;
@@ -142,7 +142,7 @@ TEST_F(SelfKillLimitsTest, MainProcessTakesItsQuotaWhetherLargerOrSmaller) {
               journal());
 }
 
-TEST_F(SelfKillLimitsTest, OneQuotaAloneLeavesTheOtherMaximumAsConfigured) {
+TEST_F(SelfKillLimitsTest, OneQuotaLeavesOtherMaximumAsConfigured) {
     pri().m_unifiedCpuQuotaActive = true;
     pri().m_unifiedCpuQuota100Times = 1;
     EXPECT_EQ("1 200", Resolve(10, 200));
@@ -157,7 +157,7 @@ TEST_F(SelfKillLimitsTest, OneQuotaAloneLeavesTheOtherMaximumAsConfigured) {
               journal());
 }
 
-TEST_F(SelfKillLimitsTest, AQuotaThatConvertsToNothingKeepsTheConfiguredMaximum) {
+TEST_F(SelfKillLimitsTest, QuotaOfNothingKeepsConfiguredMaximum) {
     pri().m_unifiedCpuQuotaActive = true;
     pri().m_unifiedMemQuotaActive = true;
     EXPECT_EQ("10 200", Resolve(10, 200));
@@ -176,7 +176,7 @@ TEST_F(SelfKillLimitsTest, MainProcessNeverAsksAClient) {
     EXPECT_EQ(Lines(), journal());
 }
 
-TEST_F(SelfKillLimitsTest, OtherProcessesTakeTheClientsQuotaAndNeverTheMainProcesss) {
+TEST_F(SelfKillLimitsTest, OthersTakeClientsQuotaNeverTheMains) {
     BeComponent();
     HaveSelfKillQuota();
     EXPECT_EQ("10 200", Resolve(10, 200));
@@ -195,14 +195,14 @@ TEST_F(SelfKillLimitsTest, OtherProcessesTakeTheClientsQuotaAndNeverTheMainProce
               journal());
 }
 
-TEST_F(SelfKillLimitsTest, AClientOutsideTheGroupsIsNotAskedForItsQuota) {
+TEST_F(SelfKillLimitsTest, ClientOutsideGroupsIsNotAskedForItsQuota) {
     BeComponent();
     HaveClient();
     EXPECT_EQ("10 200", Resolve(10, 200));
     EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()"}), journal());
 }
 
-TEST_F(SelfKillLimitsTest, AJoinedClientWithoutAQuotaKeepsTheConfiguredMaximum) {
+TEST_F(SelfKillLimitsTest, JoinedWithoutQuotaKeepsConfiguredMaximum) {
     BeComponent();
     HaveClient();
     platform().client.cpuJoined.Always(true);
@@ -213,7 +213,7 @@ TEST_F(SelfKillLimitsTest, AJoinedClientWithoutAQuotaKeepsTheConfiguredMaximum) 
               journal());
 }
 
-TEST_F(SelfKillLimitsTest, ApplyingTheConfigRemembersItAsItWasAndWritesTheResolvedMaximaBack) {
+TEST_F(SelfKillLimitsTest, ApplyingRemembersConfigAndWritesResolved) {
     pri().m_unifiedCpuQuotaActive = true;
     pri().m_unifiedCpuQuota100Times = 150;
     ResourceConfig config;
@@ -229,14 +229,14 @@ TEST_F(SelfKillLimitsTest, ApplyingTheConfigRemembersItAsItWasAndWritesTheResolv
               journal());
 }
 
-TEST_F(SelfKillLimitsTest, ApplyingTheLastConfigSetsBothMaximaOfTheSamplingClass) {
+TEST_F(SelfKillLimitsTest, ApplyingLastConfigSetsBothOfSampling) {
     pri().m_effectiveMaxCpu = 10;
     pri().m_effectiveMaxMem = 200;
     pri().ApplySelfKillLimitsFromLastConfig();
     EXPECT_EQ(Lines({"CResourceMonitor::SetMaxCpu(10)", "CResourceMonitor::SetMaxMem(200)"}), journal());
 }
 
-TEST_F(SelfKillLimitsTest, ApplyingTheLastConfigDoesNothingOnlyWhenBothMaximaAreMissing) {
+TEST_F(SelfKillLimitsTest, ApplyingLastConfigWantsAtLeastOneMaximum) {
     pri().m_effectiveMaxCpu = 0;
     pri().m_effectiveMaxMem = -1;
     HaveSelfKillQuota();
@@ -259,7 +259,7 @@ TEST_F(SelfKillLimitsTest, ReloadWithoutAClientWarnsAndFails) {
     EXPECT_EQ(Lines({"W3 MonitorPri: no cgroup client, cannot reload cgroup config"}), journal());
 }
 
-TEST_F(SelfKillLimitsTest, ReloadDetachesTheLegacyLimitsAndAppliesTheNewQuota) {
+TEST_F(SelfKillLimitsTest, ReloadDetachesLegacyAndAppliesNewQuota) {
     BeComponent();
     HaveClient();
     HaveLegacyLimits();
@@ -286,7 +286,7 @@ TEST_F(SelfKillLimitsTest, ReloadDetachesTheLegacyLimitsAndAppliesTheNewQuota) {
               journal());
 }
 
-TEST_F(SelfKillLimitsTest, AFailedReloadStillDetachesAndAppliesWhatTheClientHas) {
+TEST_F(SelfKillLimitsTest, FailedReloadDetachesAndAppliesOldQuota) {
     BeComponent();
     HaveClient();
     pri().m_effectiveMaxCpu = 10;
@@ -301,7 +301,7 @@ TEST_F(SelfKillLimitsTest, AFailedReloadStillDetachesAndAppliesWhatTheClientHas)
         journal());
 }
 
-TEST_F(SelfKillLimitsTest, ReloadInTheMainProcessUsesTheClientsMembershipAndItsOwnQuota) {
+TEST_F(SelfKillLimitsTest, ReloadInMainUsesClientsMembershipOwnQuota) {
     HaveClient();
     HaveSelfKillQuota();
     pri().m_effectiveMaxCpu = 10;
@@ -316,7 +316,7 @@ TEST_F(SelfKillLimitsTest, ReloadInTheMainProcessUsesTheClientsMembershipAndItsO
               journal());
 }
 
-TEST_F(SelfKillLimitsTest, MembershipOfOtherProcessesIsTheClientsAnswer) {
+TEST_F(SelfKillLimitsTest, MembershipOfOtherProcessesIsClientsAnswer) {
     BeComponent();
     EXPECT_FALSE(pri().IsCgroupClientCpuJoined());
     EXPECT_FALSE(pri().IsCgroupClientMemJoined());
@@ -331,7 +331,7 @@ TEST_F(SelfKillLimitsTest, MembershipOfOtherProcessesIsTheClientsAnswer) {
               journal());
 }
 
-TEST_F(SelfKillLimitsTest, APathIsOnVersionTwoWhenItHasTheControllersFile) {
+TEST_F(SelfKillLimitsTest, PathIsVersionTwoWhenItHasControllersFile) {
     platform().files.existing.insert("/sys/fs/cgroup/zel/cgroup.controllers");
     EXPECT_FALSE(pri().IsCgroupPathV2(""));
     EXPECT_EQ(Lines(), journal());
@@ -342,7 +342,7 @@ TEST_F(SelfKillLimitsTest, APathIsOnVersionTwoWhenItHasTheControllersFile) {
         journal());
 }
 
-TEST_F(SelfKillLimitsTest, MainProcessIsOnVersionTwoWhenAnEnabledControllerIsThere) {
+TEST_F(SelfKillLimitsTest, MainIsVersionTwoWhenEnabledControllerIs) {
     struct {
         bool cpuEnabled, cpuV2, memEnabled, memV2;
         bool expected;
@@ -369,7 +369,7 @@ TEST_F(SelfKillLimitsTest, MainProcessIsOnVersionTwoWhenAnEnabledControllerIsThe
     }
 }
 
-TEST_F(SelfKillLimitsTest, MainProcessIsNotOnVersionTwoOutsideTheUnifiedModeOrWithoutAManager) {
+TEST_F(SelfKillLimitsTest, MainIsNotVersionTwoOutsideUnifiedMode) {
     platform().manager.cpuEnabled.Always(true);
     platform().manager.cpuV2.Always(true);
     HaveClient();
@@ -384,7 +384,7 @@ TEST_F(SelfKillLimitsTest, MainProcessIsNotOnVersionTwoOutsideTheUnifiedModeOrWi
     EXPECT_EQ(Lines(), journal());
 }
 
-TEST_F(SelfKillLimitsTest, OtherProcessesAreOnVersionTwoWhenAJoinedGroupIs) {
+TEST_F(SelfKillLimitsTest, OthersAreVersionTwoWhenJoinedGroupIs) {
     BeComponent();
     HaveManager();
     pri().m_unifiedActive = true;
@@ -413,7 +413,7 @@ TEST_F(SelfKillLimitsTest, OtherProcessesAreOnVersionTwoWhenAJoinedGroupIs) {
         journal());
 }
 
-TEST_F(SelfKillLimitsTest, DetachOnVersionOneTouchesOnlyTheControllersThatAreInUse) {
+TEST_F(SelfKillLimitsTest, DetachOnVersionOneTouchesWhatIsInUse) {
     HaveLegacyLimits();
     pri().DetachLegacyRuntimeForUnifiedActive(false, false);
     EXPECT_EQ(Lines(), journal());
@@ -425,7 +425,7 @@ TEST_F(SelfKillLimitsTest, DetachOnVersionOneTouchesOnlyTheControllersThatAreInU
     EXPECT_EQ(Lines({"ClearResourceLimitCpuCgroupState()", "ClearResourceLimitMemCgroupState()"}), journal());
 }
 
-TEST_F(SelfKillLimitsTest, DetachOnVersionTwoDropsTheWholeLegacyVersionTwoStateFirst) {
+TEST_F(SelfKillLimitsTest, DetachOnVersionTwoDropsLegacyFirst) {
     HaveManager();
     HaveLegacyLimits();
     pri().m_unifiedActive = true;

@@ -43,7 +43,7 @@ protected:
     std::vector<zel::CgroupGroupConfig> m_groups;
 };
 
-TEST_F(UnifiedExitTest, PublishMovesTheFileAsideDeletesItAndTellsTheOthers) {
+TEST_F(UnifiedExitTest, PublishMovesFileAsideDeletesItAndTellsOthers) {
     HaveManager();
     HaveClient();
     HaveComponentFile();
@@ -80,7 +80,7 @@ TEST_F(UnifiedExitTest, PublishRemovesAStaleBackupFirst) {
     EXPECT_TRUE(platform().files.content.empty());
 }
 
-TEST_F(UnifiedExitTest, AStaleBackupThatStaysSkipsTheMoveAndTheDisabledFormIsWritten) {
+TEST_F(UnifiedExitTest, StayingBackupSkipsMoveAndDisabledIsWritten) {
     HaveManager();
     HaveComponentFile();
     platform().files.content[kBackupFile] = "left over";
@@ -91,7 +91,7 @@ TEST_F(UnifiedExitTest, AStaleBackupThatStaysSkipsTheMoveAndTheDisabledFormIsWri
     EXPECT_EQ("disabled config", platform().files.content[kComponentFile]);
 }
 
-TEST_F(UnifiedExitTest, ABackupThatCannotBeDeletedAfterTheMoveStillCountsAsPublished) {
+TEST_F(UnifiedExitTest, BackupLeftAfterMoveStillCountsAsPublished) {
     HaveManager();
     HaveComponentFile();
     platform().files.failRemove.insert(kBackupFile);
@@ -110,7 +110,7 @@ TEST_F(UnifiedExitTest, AFailedMoveWritesTheDisabledForm) {
               journal());
 }
 
-TEST_F(UnifiedExitTest, AFailedMoveWithoutAManagerFailsAndTellsNobody) {
+TEST_F(UnifiedExitTest, FailedMoveWithoutAManagerFailsAndTellsNobody) {
     HaveClient();
     HaveComponentFile();
     platform().files.failRename.insert(kComponentFile);
@@ -159,7 +159,7 @@ TEST_F(UnifiedExitTest, FallbackWithoutAManagerOnlyPublishes) {
     ExpectLegacyState();
 }
 
-TEST_F(UnifiedExitTest, CleanupHasNothingToUndoWhenUnifiedModeWasNeverEntered) {
+TEST_F(UnifiedExitTest, CleanupUndoesNothingWhereNothingWasEntered) {
     HaveManager();
     HaveClient();
     pri().m_unifiedActive = false;
@@ -181,7 +181,7 @@ TEST_F(UnifiedExitTest, CleanupOfTheActiveModePublishesTheExit) {
     ExpectLegacyState();
 }
 
-TEST_F(UnifiedExitTest, CleanupOfTheActiveModeWithoutAFileStillTellsTheOthers) {
+TEST_F(UnifiedExitTest, CleanupOfActiveWithoutFileStillTellsOthers) {
     HaveManager();
     HaveClient();
     EXPECT_TRUE(pri().CleanupUnifiedConfigForLegacy());
@@ -189,7 +189,7 @@ TEST_F(UnifiedExitTest, CleanupOfTheActiveModeWithoutAFileStillTellsTheOthers) {
     ExpectLegacyState();
 }
 
-TEST_F(UnifiedExitTest, CleanupOfTheActiveModeWithoutAManagerIsSilentAndForgets) {
+TEST_F(UnifiedExitTest, CleanupOfActiveWithoutManagerOnlyForgets) {
     HaveClient();
     EXPECT_TRUE(pri().CleanupUnifiedConfigForLegacy());
     EXPECT_EQ(Lines({kIsFile, kBroadcast, kNotified, kReload}), journal());
@@ -197,7 +197,7 @@ TEST_F(UnifiedExitTest, CleanupOfTheActiveModeWithoutAManagerIsSilentAndForgets)
     EXPECT_EQ(0, platform().manager.constructed);
 }
 
-TEST_F(UnifiedExitTest, FallbackAndCleanupStillLookUnifiedWhileTheOthersAreTold) {
+TEST_F(UnifiedExitTest, FallbackAndCleanupStillLookUnifiedAtTelling) {
     HaveManager();
     WatchBroadcasts();
     EXPECT_TRUE(pri().EnterLegacyFallback(m_groups));
@@ -220,7 +220,7 @@ TEST_F(UnifiedExitTest, DisabledHoldsWhenTheOthersAreTold) {
     EXPECT_EQ(Lines({"active=1 last=13 9 200 legacy=forgotten"}), m_broadcasts);
 }
 
-TEST_F(UnifiedExitTest, DisabledTakesThePlaceOfItsFileAfterTheReconcile) {
+TEST_F(UnifiedExitTest, DisabledTakesPlaceOfItsFileAfterTheReconcile) {
     HaveManager();
     platform().keepInJournal = [this](const std::string& line) {
         if (line == kReconcileOff) platform().globalCfgDir = "/moved";
@@ -231,7 +231,7 @@ TEST_F(UnifiedExitTest, DisabledTakesThePlaceOfItsFileAfterTheReconcile) {
     EXPECT_FALSE(ComponentFileExists());
 }
 
-TEST_F(UnifiedExitTest, CleanupPublishesAFileOfAnEarlierRunAwayInSilence) {
+TEST_F(UnifiedExitTest, CleanupPublishesEarlierRunsFileAwaySilently) {
     HaveComponentFile();
     pri().m_unifiedActive = false;
     EXPECT_TRUE(pri().CleanupUnifiedConfigForLegacy());
@@ -251,7 +251,7 @@ TEST_F(UnifiedExitTest, CleanupForgetsAlsoWhenPublishingFails) {
     ExpectLegacyState();
 }
 
-TEST_F(UnifiedExitTest, DisabledSwitchesTheControllersOffAndStopsTheLegacyLimits) {
+TEST_F(UnifiedExitTest, DisabledSwitchesControllersAndLegacyOff) {
     HaveManager();
     HaveClient();
     pri().m_unifiedActive = false;
@@ -270,7 +270,7 @@ TEST_F(UnifiedExitTest, DisabledSwitchesTheControllersOffAndStopsTheLegacyLimits
     EXPECT_EQ("13 9 200", Remembered());
 }
 
-TEST_F(UnifiedExitTest, DisabledFallsBackWhenTheControllersCannotBeSwitchedOff) {
+TEST_F(UnifiedExitTest, DisabledFallsBackWhenControllersStayOn) {
     HaveManager();
     HaveComponentFile();
     platform().manager.reconcileGroupsOnly.Always(false);

@@ -125,7 +125,7 @@ protected:
 
 // --- effective CPU ---
 
-TEST_F(UnifiedModeTest, EffectiveCpuCountsTheConfiguredCpusOnlyInSolarisMode) {
+TEST_F(UnifiedModeTest, EffectiveCpuCountsCpusOnlyInSolarisMode) {
     EXPECT_EQ(9, pri().GetEffectiveMultiCgroupMaxCpu(10));
     EXPECT_EQ(Lines({kSolaris}), journal());
     platform().base.solaris = true;
@@ -140,7 +140,7 @@ TEST_F(UnifiedModeTest, EffectiveCpuCountsTheConfiguredCpusOnlyInSolarisMode) {
 
 // --- kernel policy ---
 
-TEST_F(UnifiedModeTest, KernelPolicyDecidesEachControllerWithAtMostOneLine) {
+TEST_F(UnifiedModeTest, KernelPolicyGivesAtMostOneLineAController) {
     const std::string cpuLine = "F4 [MonitorPri] MonitorPri: CPU cgroup disabled, kernel [%s] in blacklist";
     const std::string notAllowed = "F4 [MonitorPri] MonitorPri: Memory cgroup disabled, kernel [%s] not in allowlist";
     const std::string excluded = "F4 [MonitorPri] MonitorPri: Memory cgroup disabled, kernel [%s] in exclude list";
@@ -192,7 +192,7 @@ TEST_F(UnifiedModeTest, KernelPolicyDecidesEachControllerWithAtMostOneLine) {
     }
 }
 
-TEST_F(UnifiedModeTest, KernelPolicyReadsTheKernelOnceAlsoWhenNothingIsWanted) {
+TEST_F(UnifiedModeTest, KernelPolicyReadsKernelOnceEvenForNothing) {
     bool cpuOn = false;
     bool memOn = false;
     pri().ApplyMultiCgroupKernelPolicy(cpuOn, memOn);
@@ -202,7 +202,7 @@ TEST_F(UnifiedModeTest, KernelPolicyReadsTheKernelOnceAlsoWhenNothingIsWanted) {
     EXPECT_EQ(Lines(), journal());
 }
 
-TEST_F(UnifiedModeTest, AnUnreadableKernelKeepsTheCpuAndDropsTheMemoryWithAnEmptyName) {
+TEST_F(UnifiedModeTest, UnreadableKernelKeepsCpuAndDropsMemory) {
     platform().kernel.unameResult = -1;
     bool cpuOn = true;
     bool memOn = true;
@@ -237,7 +237,7 @@ TEST_F(UnifiedModeTest, WithoutTheUnifiedBitBothEntriesCleanUp) {
     EXPECT_EQ(0, platform().manager.constructed);
 }
 
-TEST_F(UnifiedModeTest, WithoutTheUnifiedBitTheActiveModeIsLeftAndTheResultIsThePublishs) {
+TEST_F(UnifiedModeTest, WithoutUnifiedBitActiveModeIsPublishedAway) {
     BeActive();
     HaveComponentFile();
     platform().files.failRename.insert(kComponentFile);
@@ -255,7 +255,7 @@ TEST_F(UnifiedModeTest, InitWithoutTheUnifiedBitLeavesTheActiveMode) {
     ExpectLegacyState();
 }
 
-TEST_F(UnifiedModeTest, TheActiveModeWithoutAManagerIsInitialisedByBothEntries) {
+TEST_F(UnifiedModeTest, ActiveWithoutManagerInitialisesByBothEntries) {
     Enable(true, true);
     bool (CMonitorPri::*const entries[])(int, long, int) = {&CMonitorPri::InitMultiCgroup,
                                                             &CMonitorPri::UpdateMultiCgroup};
@@ -302,7 +302,7 @@ TEST_F(UnifiedModeTest, InitOfTheActiveModeChangesNothing) {
 
 // --- first application ---
 
-TEST_F(UnifiedModeTest, InitWithBothLimitsGoesThroughEveryStepInOrder) {
+TEST_F(UnifiedModeTest, InitWithBothLimitsTakesEveryStepInOrder) {
     Enable(true, true);
     HaveLegacyLimits();
     platform().manager.parentCpuActive.Always(true);
@@ -336,7 +336,7 @@ TEST_F(UnifiedModeTest, InitWithBothLimitsGoesThroughEveryStepInOrder) {
     EXPECT_EQ("13 9 200", Remembered());
 }
 
-TEST_F(UnifiedModeTest, InitSetsTheActiveFlagBeforeTheDetachAndTheOomCheck) {
+TEST_F(UnifiedModeTest, InitSetsActiveFlagBeforeDetachAndTheOomCheck) {
     Enable(true, false);
     platform().manager.cpuV2.Always(true);
     platform().limit.memV2Runtime.Always(true);
@@ -365,7 +365,7 @@ TEST_F(UnifiedModeTest, InitSetsTheActiveFlagBeforeTheDetachAndTheOomCheck) {
               steps());
 }
 
-TEST_F(UnifiedModeTest, InitForgetsTheLegacyLimitsAndSetsTheFlagBetweenTheQuotaAndTheDetach) {
+TEST_F(UnifiedModeTest, InitForgetsLegacyBetweenQuotaAndDetach) {
     Enable(true, true);
     HaveLegacyLimits();
     std::string lastWithLimits;
@@ -381,7 +381,7 @@ TEST_F(UnifiedModeTest, InitForgetsTheLegacyLimitsAndSetsTheFlagBetweenTheQuotaA
     EXPECT_EQ(SelfKill(1, 36, 1, 15360), lastNotActive);
 }
 
-TEST_F(UnifiedModeTest, TheOthersAreToldAfterTheChangeHoldsAndBeforeItIsOnRecord) {
+TEST_F(UnifiedModeTest, OthersAreToldAfterChangeBeforeTheRecord) {
     Enable(true, true);
     HaveLegacyLimits();
     WatchBroadcasts();
@@ -402,7 +402,7 @@ TEST_F(UnifiedModeTest, TheOthersAreToldAfterTheChangeHoldsAndBeforeItIsOnRecord
     EXPECT_EQ("0 0 0", Remembered());
 }
 
-TEST_F(UnifiedModeTest, InitTakesThePlaceOfTheFileBeforeTheReconcileAndAnUpdateAfterIt) {
+TEST_F(UnifiedModeTest, InitTakesFilesPlaceBeforeReconcileNotUpdate) {
     Enable(true, true);
     const auto moveAt = [this](const std::string& call, const char* to) {
         platform().keepInJournal = [this, call, to](const std::string& line) {
@@ -443,7 +443,7 @@ TEST_F(UnifiedModeTest, AnUnusableManagerIsStillAskedToReconcile) {
     EXPECT_TRUE(pri().InitMultiCgroup(13, 10, 200));
 }
 
-TEST_F(UnifiedModeTest, InitWithAPartialReconcileIsActiveButRemembersNothing) {
+TEST_F(UnifiedModeTest, PartialInitIsActiveButRemembersNothing) {
     Enable(true, false);
     platform().manager.reconcile.Always(false);
     EXPECT_TRUE(pri().InitMultiCgroup(13, 10, 200));
@@ -452,7 +452,7 @@ TEST_F(UnifiedModeTest, InitWithAPartialReconcileIsActiveButRemembersNothing) {
     EXPECT_EQ(kInitialized, steps().back());
 }
 
-TEST_F(UnifiedModeTest, TheParentsLimitsAreWrittenOnlyWhenTheyAreActive) {
+TEST_F(UnifiedModeTest, ParentsLimitsAreWrittenOnlyWhenTheyAreActive) {
     platform().manager.parentCpuLimit.Always(900);
     platform().manager.parentMemLimit.Always(307200);
     Enable(true, true);
@@ -481,7 +481,7 @@ TEST_F(UnifiedModeTest, InitFallsBackWhenTheParentCannotBeCleared) {
     ExpectLegacyState();
 }
 
-TEST_F(UnifiedModeTest, TheParentIsStuckOnlyForAControllerThatIsNotWantedAfterAFailedReconcile) {
+TEST_F(UnifiedModeTest, ParentIsStuckOnlyForUnwantedController) {
     const std::string askCpu = "CCgroupManager::IsParentCpuActive()";
     const std::string askMem = "CCgroupManager::IsParentMemActive()";
     struct {
@@ -530,7 +530,7 @@ TEST_F(UnifiedModeTest, InitFallsBackWhenItsPidCannotBeAdded) {
     ExpectLegacyState();
 }
 
-TEST_F(UnifiedModeTest, InitFallsBackWhenTheComponentFileCannotBeWritten) {
+TEST_F(UnifiedModeTest, InitFallsBackWhenComponentFileIsUnwritten) {
     Enable(true, false);
     platform().manager.writeComponent.Always(false);
     HaveLegacyLimits();
@@ -543,7 +543,7 @@ TEST_F(UnifiedModeTest, InitFallsBackWhenTheComponentFileCannotBeWritten) {
     ExpectLegacyState();
 }
 
-TEST_F(UnifiedModeTest, InitFallsBackWhenNothingThatWasWantedCameIntoForce) {
+TEST_F(UnifiedModeTest, InitFallsBackWhenNothingWantedIsInForce) {
     platform().manager.reconcile.Always(false);
     platform().manager.parentMemActive.Always(true);  // a stuck parent plays no part here
     HaveLegacyLimits();
@@ -568,7 +568,7 @@ TEST_F(UnifiedModeTest, InitWithNoControllerWantedIsUnifiedDisabled) {
     EXPECT_EQ("8 9 200", Remembered());
 }
 
-TEST_F(UnifiedModeTest, AReconcileThatEnablesNothingIsUnifiedDisabledEvenWhenLimitsWereWanted) {
+TEST_F(UnifiedModeTest, EnablingNothingIsUnifiedDisabledThoughWanted) {
     EXPECT_TRUE(pri().InitMultiCgroup(13, 10, 200));
     EXPECT_EQ(Lines({"CCgroupManager::CCgroupManager()", "CCgroupManager::EnsureInitialized()", kSolaris, "uname()",
                      Reconcile9(true, true), kIsCpuOn, kIsMemOn, ReconcileOff9(true, true), kWriteDisabled}) +
@@ -577,7 +577,7 @@ TEST_F(UnifiedModeTest, AReconcileThatEnablesNothingIsUnifiedDisabledEvenWhenLim
     EXPECT_EQ("13 9 200", Remembered());
 }
 
-TEST_F(UnifiedModeTest, AFailedReconcileWithNothingWantedIsUnifiedDisabledAndRemembersNothing) {
+TEST_F(UnifiedModeTest, FailureWithNothingWantedIsUnifiedDisabled) {
     platform().manager.reconcile.Always(false);
     EXPECT_TRUE(pri().InitMultiCgroup(8, 10, 200));
     EXPECT_EQ(kInitializedDisabled, steps().back());
@@ -585,7 +585,7 @@ TEST_F(UnifiedModeTest, AFailedReconcileWithNothingWantedIsUnifiedDisabledAndRem
     EXPECT_EQ("0 0 0", Remembered());
 }
 
-TEST_F(UnifiedModeTest, ABlacklistedKernelWithoutAnAllowlistIsUnifiedDisabled) {
+TEST_F(UnifiedModeTest, ListedKernelUnallowedIsUnifiedDisabled) {
     pri().m_memLimitKernelRange = "";
     platform().kernel.release = "4.9.93-010.x86_64";
     EXPECT_TRUE(pri().InitMultiCgroup(13, 10, 200));
@@ -598,7 +598,7 @@ TEST_F(UnifiedModeTest, ABlacklistedKernelWithoutAnAllowlistIsUnifiedDisabled) {
     EXPECT_TRUE(pri().m_unifiedActive);
 }
 
-TEST_F(UnifiedModeTest, WithNoControllerAskedForTheKernelIsReadButNotJudged) {
+TEST_F(UnifiedModeTest, WithNothingAskedForKernelIsReadNotJudged) {
     pri().m_memLimitKernelRange = "";
     platform().kernel.release = "4.9.93-010.x86_64";
     EXPECT_TRUE(pri().InitMultiCgroup(8, 10, 200));
@@ -608,7 +608,7 @@ TEST_F(UnifiedModeTest, WithNoControllerAskedForTheKernelIsReadButNotJudged) {
               steps());
 }
 
-TEST_F(UnifiedModeTest, AFailedReconcileOnABlacklistedKernelIsNotAFailureOfWantedLimits) {
+TEST_F(UnifiedModeTest, FailedReconcileOnListedKernelIsNoFailure) {
     pri().m_memLimitKernelRange = "";
     platform().kernel.release = "4.9.93-010.x86_64";
     platform().manager.reconcile.Always(false);
@@ -636,7 +636,7 @@ TEST_F(UnifiedModeTest, AnUpdateFromLegacyInitialises) {
     EXPECT_EQ("13 9 200", Remembered());
 }
 
-TEST_F(UnifiedModeTest, AnUpdateAfterAFallbackInitialisesAgainWithTheSameManager) {
+TEST_F(UnifiedModeTest, UpdateAfterFallbackInitialisesSameManager) {
     BeActive();
     platform().manager.addPid.Then(false);
     EXPECT_FALSE(pri().UpdateMultiCgroup(13, 20, 400));
@@ -710,7 +710,7 @@ TEST_F(UnifiedModeTest, AnUpdateBelievesTheManagerAboutWhatIsInForce) {
     EXPECT_EQ(SelfKill(0, 0, 1, 15360), steps()[7]);
 }
 
-TEST_F(UnifiedModeTest, AnUpdateForgetsTheLegacyLimitsOnlyOfControllersInForce) {
+TEST_F(UnifiedModeTest, UpdateForgetsLegacyOnlyOfThoseInForce) {
     BeActive();
     Enable(true, false);
     EXPECT_TRUE(pri().UpdateMultiCgroup(9, 10, 200));
@@ -718,7 +718,7 @@ TEST_F(UnifiedModeTest, AnUpdateForgetsTheLegacyLimitsOnlyOfControllersInForce) 
     EXPECT_TRUE(pri().m_legacyMemEnabled);
 }
 
-TEST_F(UnifiedModeTest, APartialReconcileIsWrittenAndToldButForgotten) {
+TEST_F(UnifiedModeTest, PartialReconcileIsWrittenAndToldButForgotten) {
     BeActive();
     platform().manager.reconcile.Always(false);
     const Lines expected = {Reconcile19(true, true),
@@ -757,7 +757,7 @@ TEST_F(UnifiedModeTest, AnUpdateThatCannotAddItsPidFallsBackAtOnce) {
     ExpectLegacyState();
 }
 
-TEST_F(UnifiedModeTest, AFailedWriteRestoresWhatIsOnRecordAndStaysUnified) {
+TEST_F(UnifiedModeTest, FailedWriteRestoresTheRecordStaysUnified) {
     BeActive();
     platform().manager.writeComponent.Always(false);
     const Lines expected = {kSolaris,
@@ -810,7 +810,7 @@ TEST_F(UnifiedModeTest, AFailedRestoreFallsBack) {
     ExpectLegacyState();
 }
 
-TEST_F(UnifiedModeTest, AFailedWriteWithNothingOnRecordFallsBackWithoutARestore) {
+TEST_F(UnifiedModeTest, FailedWriteWithoutRecordFallsBackUnrestored) {
     BeActive();
     Remember(0, 9, 200);
     platform().manager.writeComponent.Always(false);
@@ -822,7 +822,7 @@ TEST_F(UnifiedModeTest, AFailedWriteWithNothingOnRecordFallsBackWithoutARestore)
     ExpectLegacyState();
 }
 
-TEST_F(UnifiedModeTest, AParentThatCannotBeClearedLogsBothLinesAndRestores) {
+TEST_F(UnifiedModeTest, StuckParentLogsBothLinesAndRestores) {
     BeActive();
     platform().manager.reconcile.Then(false).Then(true);
     platform().manager.parentMemActive.Always(true);
@@ -835,7 +835,7 @@ TEST_F(UnifiedModeTest, AParentThatCannotBeClearedLogsBothLinesAndRestores) {
     EXPECT_TRUE(pri().m_unifiedActive);
 }
 
-TEST_F(UnifiedModeTest, AParentThatCannotBeClearedWithNothingOnRecordFallsBackWithoutARestore) {
+TEST_F(UnifiedModeTest, StuckParentWithoutRecordFallsBackUnrestored) {
     BeActive();
     Remember(0, 9, 200);
     platform().manager.reconcile.Always(false);
@@ -849,7 +849,7 @@ TEST_F(UnifiedModeTest, AParentThatCannotBeClearedWithNothingOnRecordFallsBackWi
     ExpectLegacyState();
 }
 
-TEST_F(UnifiedModeTest, AParentThatCannotBeClearedFallsBackWhenTheRestoreFailsToo) {
+TEST_F(UnifiedModeTest, StuckParentFallsBackWhenRestoreFailsToo) {
     BeActive();
     platform().manager.reconcile.Always(false);
     platform().manager.parentCpuActive.Always(true);
@@ -862,7 +862,7 @@ TEST_F(UnifiedModeTest, AParentThatCannotBeClearedFallsBackWhenTheRestoreFailsTo
     ExpectLegacyState();
 }
 
-TEST_F(UnifiedModeTest, AnUpdateFallsBackWhenNothingThatWasWantedCameIntoForce) {
+TEST_F(UnifiedModeTest, UpdateFallsBackWhenNothingWantedIsInForce) {
     BeActive();
     Enable(false, false);
     platform().manager.reconcile.Always(false);
@@ -874,7 +874,7 @@ TEST_F(UnifiedModeTest, AnUpdateFallsBackWhenNothingThatWasWantedCameIntoForce) 
     ExpectLegacyState();
 }
 
-TEST_F(UnifiedModeTest, AnUpdateToNothingIsUnifiedDisabledWithoutALineOfItsOwn) {
+TEST_F(UnifiedModeTest, UpdateToNothingIsUnifiedDisabledWithoutLine) {
     BeActive();
     Enable(false, false);
     const Lines disabled = Lines({kSolaris, Updating("mode 13->8 cpu 9->19 mem 200->400"), Reconcile19(false, false),
@@ -899,7 +899,7 @@ TEST_F(UnifiedModeTest, AnUpdateToNothingWithAFailedReconcileForgets) {
     EXPECT_EQ("0 0 0", Remembered());
 }
 
-TEST_F(UnifiedModeTest, AnUpdateFailsWhenUnifiedDisabledCannotBeEntered) {
+TEST_F(UnifiedModeTest, UpdateFailsWhenUnifiedDisabledCannotEnter) {
     BeActive();
     Enable(false, false);
     platform().manager.reconcileGroupsOnly.Always(false);
@@ -935,7 +935,7 @@ TEST_F(UnifiedModeTest, FromDisabledAnUpdateReturnsToLimits) {
               steps());
 }
 
-TEST_F(UnifiedModeTest, TheMainGroupIsUsedWhateverGroupsAreConfigured) {
+TEST_F(UnifiedModeTest, MainGroupIsUsedWhateverGroupsAreConfigured) {
     pri().m_cgroupGroupsSpec = "other:100:204800";
     pri().m_cgroupComponentsSpec = "Tervane:other:other:10000:204800";
     Enable(true, true);

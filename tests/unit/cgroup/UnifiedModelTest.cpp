@@ -1207,7 +1207,7 @@ INSTANTIATE_TEST_SUITE_P(Tables, UnifiedModelTest,
                          ::testing::Values(std::make_pair(&kInitRows, 6), std::make_pair(&kUpdateRows, 8),
                                            std::make_pair(&kPublishRows, 6)));
 
-TEST(UnifiedModelRandomTest, TheModuleAgreesWithTheModelOnEverySequence) {
+TEST(UnifiedModelRandomTest, ModuleAgreesWithModelOnEverySequence) {
     constexpr long kSequences = ZEL_MODEL_SEQUENCES;
     const char* given = getenv("RC_PARAMS");
     std::string params = given != nullptr ? given : "";

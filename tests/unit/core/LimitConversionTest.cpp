@@ -16,7 +16,7 @@ struct CpuCase {
 
 }  // namespace
 
-TEST(LimitConversionTest, WidensMemoryByOneHalfUpToAHundredMegabytes) {
+TEST(LimitConversionTest, WidensMemoryByHalfUpToHundredMegabytes) {
     const MemCase cases[] = {
         {INT_MIN, INT_MIN},
         {-5, -5},
@@ -75,7 +75,7 @@ TEST(LimitConversionTest, WidensCpuByOneHalfUpToFivePercentPoints) {
     }
 }
 
-TEST(LimitConversionTest, LeavesCpuAloneBoundIncludedWhenItIsOfTheWholeMachine) {
+TEST(LimitConversionTest, LeavesCpuAloneWhenItIsOfTheWholeMachine) {
     for (const long in : {LONG_MIN, -1L, 0L, 1L, 10L, 2147483647L, 2147483648L, LONG_MAX}) {
         long cpu = in;
         int mem = 200;

@@ -62,7 +62,7 @@ protected:
 
 // --- construction and destruction ---
 
-TEST_F(MonitorPriTest, RegistersAndThenAsksForTheConfigurationsDirectory) {
+TEST_F(MonitorPriTest, RegistersThenAsksForConfigurationDirectory) {
     {
         MonitorPriProbe another;
         // The first directory is the event store's.
@@ -176,7 +176,7 @@ TEST_F(MonitorPriTest, LaysItsBasesAndMembersOutInTheSharedOrder) {
                        {"m_lastRuntimeOomReportTime", &p.m_lastRuntimeOomReportTime}});
 }
 
-TEST_F(MonitorPriTest, UnregistersBeforeItDeletesItsManagerAndNeverDeletesTheClient) {
+TEST_F(MonitorPriTest, UnregistersBeforeManagerGoesKeepsTheClient) {
     zel::CCgroupClient client;
     {
         MonitorPriProbe another;
@@ -217,7 +217,7 @@ TEST_F(MonitorPriTest, StartsAComponentProcessInOrder) {
     EXPECT_EQ(static_cast<IOnlineClientConfNotify*>(&pri()), platform().notifies.front());
 }
 
-TEST_F(MonitorPriTest, StartsTheMainProcessWithItsOsAbnormalMonitorFirst) {
+TEST_F(MonitorPriTest, StartsMainProcessWithOsAbnormalMonitorFirst) {
     const std::string path = WriteConfig("");
     pri().SetConfigPath(path);
     EXPECT_TRUE(pri().StartMonitor(nullptr, "tervane"));
@@ -255,7 +255,7 @@ TEST_F(MonitorPriTest, TakesOnlyTheExactNameForTheMainProcess) {
     for (const std::string& line : journal()) EXPECT_EQ(std::string::npos, line.find("startThread")) << line;
 }
 
-TEST_F(MonitorPriTest, StaysTheMainProcessWhenStartedAgainUnderAnotherName) {
+TEST_F(MonitorPriTest, StaysMainProcessWhenStartedUnderOtherName) {
     pri().SetConfigPath(WriteConfig(""));
     EXPECT_TRUE(pri().StartMonitor(nullptr, "tervane"));
     EXPECT_TRUE(pri().StartMonitor(nullptr, "guard"));
@@ -263,7 +263,7 @@ TEST_F(MonitorPriTest, StaysTheMainProcessWhenStartedAgainUnderAnotherName) {
     EXPECT_EQ("guard", pri().m_appName);
 }
 
-TEST_F(MonitorPriTest, StartsNothingElseWhenTheConfigurationIsMissing) {
+TEST_F(MonitorPriTest, StartsNothingElseWhenConfigurationIsMissing) {
     EXPECT_FALSE(pri().StartMonitor(nullptr, "collector"));
     EXPECT_EQ(Lines({"CFileUtil::IsFile(/opt/agent/home/conf/resource_config)", "W2 ParseMonitorConfig Fail"}),
               journal());
@@ -271,7 +271,7 @@ TEST_F(MonitorPriTest, StartsNothingElseWhenTheConfigurationIsMissing) {
     EXPECT_EQ(0u, pri().m_heartbeatTimerId);
 }
 
-TEST_F(MonitorPriTest, KeepsTheOsAbnormalMonitorRunningWhenTheConfigurationIsMissing) {
+TEST_F(MonitorPriTest, KeepsOsAbnormalMonitorWithoutConfiguration) {
     EXPECT_FALSE(pri().StartMonitor(nullptr, "tervane"));
     EXPECT_EQ(Lines({"CThreadUtil::IsThreadRunning()", "CThreadUtil::startThread()",
                      "CFileUtil::IsFile(/opt/agent/home/conf/resource_config)", "W2 ParseMonitorConfig Fail"}),
@@ -287,7 +287,7 @@ TEST_F(MonitorPriTest, FailsInTheParseWithoutAnOnlineConfiguration) {
     EXPECT_EQ(Lines({"CFileUtil::IsFile(" + path + ")", "W2 ParseMonitorConfig Fail"}), journal());
 }
 
-TEST_F(MonitorPriTest, FailsWhenTheOnlineConfigurationGoesAwayAfterTheParse) {
+TEST_F(MonitorPriTest, FailsWhenOnlineConfigurationGoesAfterParse) {
     const std::string path = WriteConfig("");
     pri().SetConfigPath(path);
     platform().base.onSetMaxResourceConfig = [] { doubles::ForgetOnlineConf(); };
@@ -340,7 +340,7 @@ TEST_F(MonitorPriTest, HandsTheFilesThresholdsToTheSamplingClass) {
 
 // --- stop ---
 
-TEST_F(MonitorPriTest, StopsTimerThenSubscriptionThenOsAbnormalMonitorThenSampling) {
+TEST_F(MonitorPriTest, StopsTimerSubscriptionOsAbnormalThenSampling) {
     pri().SetConfigPath(WriteConfig(""));
     ASSERT_TRUE(pri().StartMonitor(nullptr, "tervane"));
     journal();
@@ -370,7 +370,7 @@ TEST_F(MonitorPriTest, StopsTwice) {
               journal());
 }
 
-TEST_F(MonitorPriTest, StopsWithoutAnOnlineConfigurationAndReportsTheSamplingThreadsResult) {
+TEST_F(MonitorPriTest, StopsWithoutOnlineConfigWithSamplingsResult) {
     doubles::ForgetOnlineConf();
     platform().base.stop.Always(false);
     EXPECT_FALSE(pri().StopMonitor());
@@ -422,7 +422,7 @@ protected:
     const std::string m_memoryAsked = "COSInfo::GetMemoryUsage(null)";
 };
 
-TEST_F(MonitorScheduleTest, LogsMemoryEverySixtiethAndChecksOomEveryFifteenthRound) {
+TEST_F(MonitorScheduleTest, LogsMemoryEvery60thChecksOomEvery15th) {
     LogMemInfo();  // the forced line of this hour
     journal();
     for (const unsigned long tick : {0UL, 60UL, 120UL, 3600UL, ULONG_MAX - 15UL}) {
@@ -473,7 +473,7 @@ TEST_F(MonitorScheduleTest, LogsMemoryAtEveryCallFromEightyPercentOn) {
     }
 }
 
-TEST_F(MonitorScheduleTest, DoesNotPutTheHourlyLineOffByTheLinesOfAFullMemory) {
+TEST_F(MonitorScheduleTest, DoesNotPutHourlyLineOffByFullMemory) {
     const time_t start = platform().now;
     LogMemInfo();
     platform().memory.usagePercent = 90;
@@ -573,7 +573,7 @@ TEST_F(MonitorPriTest, ReappliesThresholdsAlsoWhenNothingChanged) {
               calls());
 }
 
-TEST_F(MonitorPriTest, TakesTheWidenedGroupValuesForTheThresholdsInUnifiedModeOnly) {
+TEST_F(MonitorPriTest, TakesWidenedGroupThresholdsInUnifiedModeOnly) {
     conf().maxCpu.Set(10);
     conf().maxMemory.Set(200);
     conf().groupMaxCpu.Set(40);
@@ -599,7 +599,7 @@ TEST_F(MonitorPriTest, TakesTheWidenedGroupValuesForTheThresholdsInUnifiedModeOn
     }
 }
 
-TEST_F(MonitorPriTest, RemembersTheEffectiveMaximaBetweenTheCpuLimitAndTheSelfKillLimits) {
+TEST_F(MonitorPriTest, RemembersMaximaAfterCpuLimitBeforeSelfKill) {
     zel::CCgroupClient client;
     pri().m_cgroupClient = &client;
     platform().client.memJoined.Always(true);
@@ -653,7 +653,7 @@ TEST_F(MonitorPriTest, ReadsWhatIsNotNeededBeforeAtItsOwnStep) {
     EXPECT_EQ(tail, all);
 }
 
-TEST_F(MonitorPriTest, HandsThePlainCpuToTheLegacyLimitInUnifiedModeToo) {
+TEST_F(MonitorPriTest, HandsPlainCpuToTheLegacyLimitInUnifiedModeToo) {
     conf().maxCpu.Set(10);
     conf().groupMaxCpu.Set(40);
     conf().resourceLimitMode.Set(9);
@@ -699,7 +699,7 @@ TEST_F(MonitorPriTest, KeepsCpuIn64BitsUntilTheThresholdIsClamped) {
     EXPECT_THAT(calls(), testing::Contains("CResourceMonitor::SetMaxCpu(2147483647)"));
 }
 
-TEST_F(MonitorPriTest, ShowsANegativeHashModeAsTheUnsignedNumberItIsLoggedAs) {
+TEST_F(MonitorPriTest, ShowsNegativeHashModeAsUnsignedAsLogged) {
     conf().hashMode.Set(-1);
     journal();
     pri().OnUpdate();
@@ -748,7 +748,7 @@ TEST_F(MonitorPriTest, NeverReloadsAClientInTheMainProcess) {
               calls());
 }
 
-TEST_F(MonitorPriTest, ReappliesTheUnifiedModeWithTheWidenedGroupPair) {
+TEST_F(MonitorPriTest, ReappliesUnifiedModeWithTheWidenedGroupPair) {
     pri().m_isMainAgent = true;
     platform().manager.cpuEnabled.Always(true);
     pri().m_cgroupGroupsSpec = "main:20:15360";
@@ -807,7 +807,7 @@ TEST_F(MonitorPriTest, ReappliesTheUnifiedModeWithTheWidenedGroupPair) {
               calls());
 }
 
-TEST_F(MonitorPriTest, AsksTheOomCheckAtEveryFifteenthRoundInUnifiedMode) {
+TEST_F(MonitorPriTest, AsksOomCheckEveryFifteenthRoundInUnified) {
     pri().m_isMainAgent = true;
     pri().m_unifiedActive = true;
     pri().m_cgroupManager = new zel::CCgroupManager;

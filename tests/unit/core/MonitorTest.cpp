@@ -122,7 +122,7 @@ TEST_F(MonitorTest, AnswersTheHostWhileItsPrivateObjectIsBeingBuilt) {
     platform().keepInJournal = nullptr;
 }
 
-TEST_F(MonitorTest, DestroysItsPrivateObjectWithoutStoppingItAndLeavesTheSingletonPointer) {
+TEST_F(MonitorTest, DestroysItsObjectUnstoppedAndLeavesThePointer) {
     const CMonitor* address = m_monitor.get();
     m_monitor->m_pri->SetConfigPath(WriteConfig(""));
     ASSERT_TRUE(m_monitor->StartMonitor(nullptr, "collector"));
@@ -400,7 +400,7 @@ TEST_F(MonitorTest, AddedTwiceAndRemovedOnceAPointStays) {
     EXPECT_EQ((std::list<IMonitorInfo*>{&a}), m_monitor->m_monitorPoints);
 }
 
-TEST_F(MonitorTest, SleepsOnlyAboveTheFreeLevelAndReturnsTheSleepsResult) {
+TEST_F(MonitorTest, SleepsOnlyAboveFreeLevelAndReturnsSleepsResult) {
     struct Case {
         int level;
         bool sleeps;

@@ -84,13 +84,13 @@ protected:
     ResourceConfig m_config;
 };
 
-TEST_F(OutOfMemoryTest, SaysThatTheFileCannotBeLoadedWhenItDoesNotFit) {
+TEST_F(OutOfMemoryTest, SaysThatFileCannotBeLoadedWhenItDoesNotFit) {
     EXPECT_TRUE(IsRefused(m_text.size() + 1));
     EXPECT_EQ(Lines({"CFileUtil::IsFile(" + m_path + ")", "W2 read resource monitor config fail"}), journal());
     EXPECT_EQ(0, m_config.maxCpu);
 }
 
-TEST_F(OutOfMemoryTest, SaysNothingOfAFileThatWasLoadedWhenAValueDoesNotFit) {
+TEST_F(OutOfMemoryTest, SaysNothingOfLoadedFileWhenValueDoesNotFit) {
     EXPECT_TRUE(IsRefused(kValueBytes + 1));
     EXPECT_EQ(Lines({"CFileUtil::IsFile(" + m_path + ")"}), journal());
     EXPECT_EQ(20, m_config.maxCpu) << "read before";

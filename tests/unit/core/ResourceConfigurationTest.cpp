@@ -52,7 +52,7 @@ TEST_F(ResourceConfigurationTest, ARecordStartsFromItsOwnDefaults) {
 
 // --- files that cannot be read ---
 
-TEST_F(ResourceConfigurationTest, RefusesAnEmptyPathWithoutLookingForIt) {
+TEST_F(ResourceConfigurationTest, RefusesEmptyPathWithoutLooking) {
     EXPECT_FALSE(pri().ParseMonitorConfig("", m_config));
     EXPECT_EQ(Lines({}), journal());
 }
@@ -84,7 +84,7 @@ TEST_F(ResourceConfigurationTest, SaysWhenTheFileCannotBeLoaded) {
     EXPECT_EQ(0, rmdir(folder.c_str()));
 }
 
-TEST_F(ResourceConfigurationTest, SaysWhenTheLoaderItselfRefusesTheFile) {
+TEST_F(ResourceConfigurationTest, SaysWhenLoaderItselfRefusesTheFile) {
     // Regular to stat(2) and a page long, but it yields a few bytes only. Source: Documentation/filesystems/sysfs.rst.
     const std::string shorter = "/sys/devices/system/cpu/online";
     struct stat info {};
@@ -231,7 +231,7 @@ TEST_F(ResourceConfigurationTest, ReplacesTheTextsOfAnEarlierFile) {
     EXPECT_EQ("", pri().m_memLimitKernelRange);
 }
 
-TEST_F(ResourceConfigurationTest, TakesAnyNonZeroCpuAllForTrueAndPublishesOne) {
+TEST_F(ResourceConfigurationTest, TakesNonZeroCpuAllForTrue) {
     struct Case {
         const char* text;
         bool all;
@@ -279,7 +279,7 @@ TEST_F(ResourceConfigurationTest, SurvivesALineOfAMegabyte) {
 
 // --- no online configuration ---
 
-TEST_F(ResourceConfigurationTest, KeepsWhatItReadWithoutAnOnlineConfiguration) {
+TEST_F(ResourceConfigurationTest, KeepsItsValuesWithoutOnlineConfig) {
     doubles::ForgetOnlineConf();
     EXPECT_FALSE(
         Parse("max_cpu=20\nmax_memory=30\nresource_limit_mode=13\ncpu_all=1\ncgroup_groups=g\n"
@@ -297,7 +297,7 @@ TEST_F(ResourceConfigurationTest, KeepsWhatItReadWithoutAnOnlineConfiguration) {
 
 // --- first application ---
 
-TEST_F(ResourceConfigurationTest, HandsWidenedMaximaToTheRecordInUnifiedModeOnly) {
+TEST_F(ResourceConfigurationTest, RecordsWidenedMaximaInUnifiedOnly) {
     struct Case {
         const char* text;
         int cpu, mem;
@@ -324,7 +324,7 @@ TEST_F(ResourceConfigurationTest, HandsWidenedMaximaToTheRecordInUnifiedModeOnly
     }
 }
 
-TEST_F(ResourceConfigurationTest, PublishesAndLimitsByThePlainMaximaInUnifiedModeToo) {
+TEST_F(ResourceConfigurationTest, PublishesPlainMaximaInUnifiedToo) {
     platform().kernel.release = "4.19.0-5-amd64";
     EXPECT_TRUE(Parse("resource_limit_mode=13\nmem_limit_kernel_range=4.18.0-1,4.20.0-1\n"));
     Published published;
@@ -344,7 +344,7 @@ TEST_F(ResourceConfigurationTest, PublishesAndLimitsByThePlainMaximaInUnifiedMod
     EXPECT_EQ(200, conf().groupMaxMemory.Get());
 }
 
-TEST_F(ResourceConfigurationTest, PublishesNegativeMaximaAsTheyAreAndRemembersTheirSign) {
+TEST_F(ResourceConfigurationTest, PublishesNegativeMaximaAsTheyAre) {
     EXPECT_TRUE(Parse("max_cpu=-3\nmax_memory=-4\n"));
     EXPECT_EQ(-3, conf().maxCpu.Get());
     EXPECT_EQ(-3, conf().groupMaxCpu.Get());
@@ -358,7 +358,7 @@ TEST_F(ResourceConfigurationTest, PublishesNegativeMaximaAsTheyAreAndRemembersTh
     EXPECT_EQ(0, pri().m_legacyMemSecondLimit);
 }
 
-TEST_F(ResourceConfigurationTest, SetsTheCpuModeBeforeALimitAsksForIt) {
+TEST_F(ResourceConfigurationTest, SetsCpuModeBeforeALimitAsksForIt) {
     platform().base.solaris = false;
     EXPECT_TRUE(Parse("cpu_all=1\nresource_limit_mode=1\n"));
     Published published;
@@ -396,7 +396,7 @@ TEST_F(ResourceConfigurationTest, SucceedsAlsoWhenEveryLimitFails) {
     EXPECT_EQ(kDefaults, Show(m_config));
 }
 
-TEST_F(ResourceConfigurationTest, ALaterParseIsHeldAgainstTheLimitsOfTheFirst) {
+TEST_F(ResourceConfigurationTest, LaterParseIsHeldAgainstTheFirst) {
     EXPECT_TRUE(Parse(""));
     journal();
     EXPECT_TRUE(Parse(""));
@@ -422,7 +422,7 @@ protected:
     const std::string m_file = "/opt/agent/home/conf/cgroup_resource.json";
 };
 
-TEST_F(UnifiedConfigurationTest, AppliesUnifiedModeThenOomCheckThenLegacyLimitsThenSelfKill) {
+TEST_F(UnifiedConfigurationTest, AppliesUnifiedOomLegacyThenSelfKill) {
     platform().manager.cpuEnabled.Always(true);
     EXPECT_TRUE(
         Parse("max_cpu=20\nresource_limit_mode=9\ncgroup_groups=main:20:15360\n"
@@ -469,14 +469,14 @@ TEST_F(UnifiedConfigurationTest, AppliesUnifiedModeThenOomCheckThenLegacyLimitsT
     EXPECT_EQ(200, conf().groupMaxMemory.Get());
 }
 
-TEST_F(UnifiedConfigurationTest, DoesNotWidenCpuOfTheWholeMachineForTheUnifiedMode) {
+TEST_F(UnifiedConfigurationTest, DoesNotWidenWholeMachinesCpu) {
     platform().manager.cpuEnabled.Always(true);
     EXPECT_TRUE(Parse("max_cpu=20\ncpu_all=1\nresource_limit_mode=9\n"));
     EXPECT_EQ(19 * 4, platform().manager.lastTotal.cpuLimitPercent) << "20 percent less 5 %, on four processors";
     EXPECT_EQ(300 * 1024 * 3 / 2, platform().manager.lastTotal.memLimitKB);
 }
 
-TEST_F(UnifiedConfigurationTest, WidensTheRecordAlsoWhenTheUnifiedModeFailed) {
+TEST_F(UnifiedConfigurationTest, WidensRecordWhenUnifiedFailedToo) {
     platform().manager.reconcile.Always(false);
     EXPECT_TRUE(Parse("resource_limit_mode=9\n"));
     EXPECT_FALSE(pri().m_unifiedActive);

@@ -83,7 +83,7 @@ TEST_F(StatisticsReportTest, IsReachedThroughTheRegistrysInterface) {
     EXPECT_EQ(Expected("guard"), map);
 }
 
-TEST_F(StatisticsReportTest, UsesTheBareSuffixesBeforeTheProcessHasAName) {
+TEST_F(StatisticsReportTest, UsesBareSuffixesBeforeProcessHasAName) {
     pri().m_appName = "";
     Map map;
     EXPECT_TRUE(pri().GetExceptionInfo(map));
@@ -190,7 +190,7 @@ TEST_F(StatisticsReportTest, CountsHttpFailuresOnlyWhenThereAreAny) {
     EXPECT_EQ(Joined({m_fullReport, {"F4 [MonitorPri] http fail count is 4294967295"}}), calls());
 }
 
-TEST_F(StatisticsReportTest, LeavesNothingButItsLogLineWhenTheFiguresCannotBeFetched) {
+TEST_F(StatisticsReportTest, LeavesOnlyItsLogLineWithoutFigures) {
     platform().base.fetchOk = false;
     platform().httpFailCount = 5;
     Map map;
@@ -201,7 +201,7 @@ TEST_F(StatisticsReportTest, LeavesNothingButItsLogLineWhenTheFiguresCannotBeFet
 
 // --- the main process ---
 
-TEST_F(StatisticsReportTest, ReportsTheHostsMemoryInTheMainProcessOnly) {
+TEST_F(StatisticsReportTest, ReportsHostsMemoryInTheMainProcessOnly) {
     platform().memory.usagePercent = 99;
     platform().memory.available = 1;
     Map map;
@@ -242,7 +242,7 @@ TEST_F(StatisticsReportTest, PrintsANegativeMemoryFigureAsItIs) {
     EXPECT_EQ("-1", map["mem_usage"]);
 }
 
-TEST_F(StatisticsReportTest, SendsAShortageOfMemoryAtOnceAndEveryTime) {
+TEST_F(StatisticsReportTest, SendsShortageOfMemoryAtOnceAndEveryTime) {
     pri().m_isMainAgent = true;
     pri().m_appName = "tervane";
     platform().memory.usagePercent = 99;
@@ -304,7 +304,7 @@ __attribute__((noinline)) void DirtyTheStack() {
 }
 }  // namespace
 
-TEST_F(StatisticsReportTest, TakesAvailableMemoryForNoneWhereThePlatformWritesNothing) {
+TEST_F(StatisticsReportTest, TakesMemoryForNoneWhereNothingIsWritten) {
     pri().m_isMainAgent = true;
     platform().memory.usagePercent = 99;
     platform().memory.writesAvailable = false;

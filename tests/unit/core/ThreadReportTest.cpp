@@ -204,7 +204,7 @@ TEST_F(ThreadReportTest, ComparesLoadsAsUnsignedNumbers) {
     EXPECT_NE(std::string::npos, report.find("4294967295  "));
 }
 
-TEST_F(ThreadReportTest, KeepsTheBusiestThreadToItselfWithoutAnOutput) {
+TEST_F(ThreadReportTest, KeepsBusiestThreadToItselfWithoutAnOutput) {
     m_sysIntf.threads = {Thread(101, 1, 2, 30, 4)};
     platform().files.content["/proc/4242/task/101/stack"] = "secret\n";
     Point point("still here");
@@ -236,7 +236,7 @@ TEST_F(ThreadReportTest, SaysNothingAboutAStackThatCannotBeRead) {
         report);
 }
 
-TEST_F(ThreadReportTest, AttachesNothingOfAStackWhoseReadingFailsHalfWay) {
+TEST_F(ThreadReportTest, AttachesNothingOfStackThatFailsHalfWay) {
     m_sysIntf.threads = {Thread(101, 1, 2, 30, 4)};
     platform().files.content["/proc/4242/task/101/stack"] = "[<0>] futex_wait\n";
     platform().files.failRead.insert("/proc/4242/task/101/stack");
@@ -306,7 +306,7 @@ TEST_F(ThreadReportTest, LetsTheSystemInterfaceAddAMonitorPoint) {
     EXPECT_EQ(kHeader + "curr pid 321\nadded\n", report);
 }
 
-TEST_F(ThreadReportTest, HoldsNoLockWhileThreadsAreNamedAndTheReportIsLogged) {
+TEST_F(ThreadReportTest, HoldsNoLockWhileThreadsAreNamedAndLogged) {
     m_sysIntf.threads = {Thread(101, 1, 2, 3, 4)};
     int entered = 0;
     Point stranger("");
@@ -348,7 +348,7 @@ TEST_F(ThreadReportTest, SkipsAnEntryThatIsNull) {
 
 // --- locks ---
 
-TEST_F(ThreadReportTest, HoldsTheSystemInterfaceWhileItFillsAndWhileTheBusiestThreadIsNamed) {
+TEST_F(ThreadReportTest, HoldsSystemInterfaceWhileItFillsAndNames) {
     const auto replace = [this] { m_monitor->SetSysIntf(&m_sysIntf); };
     Contender whileFilled, whileNamed;
     m_sysIntf.onFill = [&] { EXPECT_TRUE(whileFilled.IsHeldUpBy(replace)); };
@@ -369,7 +369,7 @@ TEST_F(ThreadReportTest, HoldsTheSystemInterfaceWhileItFillsAndWhileTheBusiestTh
     platform().keepInJournal = nullptr;
 }
 
-TEST_F(ThreadReportTest, NamesUnderTheSameLockWithoutASystemInterface) {
+TEST_F(ThreadReportTest, NamesUnderSameLockWithoutASystemInterface) {
     m_monitor->SetSysIntf(nullptr);
     Contender whileNamed;
     platform().keepInJournal = [&](const std::string& line) {
@@ -394,7 +394,7 @@ TEST_F(ThreadReportTest, HoldsTheSystemInterfaceWhileItFillsTheList) {
     EXPECT_TRUE(contender.GetsThrough());
 }
 
-TEST_F(ThreadReportTest, HoldsTheSystemInterfaceWhileItTellsTheCurrentThread) {
+TEST_F(ThreadReportTest, HoldsSystemInterfaceWhileTellingCurrent) {
     Contender contender;
     m_sysIntf.onCurrent = [&] { EXPECT_TRUE(contender.IsHeldUpBy([this] { m_monitor->SetSysIntf(nullptr); })); };
     EXPECT_EQ(321u, m_monitor->GetCurrThreadId());

@@ -89,7 +89,7 @@ TEST_F(ThreadsTest, EnterThePrivateObjectTogether) {
 }
 
 // A component's message thread reloads its client whenever the main process says so, also in the middle of an update.
-TEST_F(ThreadsTest, AReloadOfTheClientResetsTheLegacyLimitsWhileAnUpdateAppliesThem) {
+TEST_F(ThreadsTest, ClientReloadResetsLegacyLimitsWhileUpdateApplies) {
     zel::CCgroupClient client;
     pri().SetCgroupClient(&client);
     pri().SetConfigPath(WriteConfig("resource_limit_mode=5\n"));

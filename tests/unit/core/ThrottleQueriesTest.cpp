@@ -50,7 +50,7 @@ TEST_F(ThrottleQueriesTest, ThrottlesByLevelAndPriority) {
     }
 }
 
-TEST_F(ThrottleQueriesTest, RefusesAnUnknownPriorityBeforeItAsksAnything) {
+TEST_F(ThrottleQueriesTest, RefusesUnknownPriorityBeforeItAsks) {
     doubles::ForgetOnlineConf();  // not even the switch is looked up
     for (const int level : {0, 1, 2}) {
         platform().base.cpuLevel = level;
@@ -91,7 +91,7 @@ TEST_F(ThrottleQueriesTest, CallsMemoryBusyAtEveryLevelButZero) {
     }
 }
 
-TEST_F(ThrottleQueriesTest, LeavesTheOutputAloneWhereThereIsNoMaximum) {
+TEST_F(ThrottleQueriesTest, LeavesOutputAloneWhereThereIsNoMaximum) {
     struct Case {
         int maximum;
         bool known;

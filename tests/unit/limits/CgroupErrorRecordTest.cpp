@@ -29,7 +29,7 @@ struct CheckCase {
 
 }  // namespace
 
-TEST_F(CgroupErrorRecordTest, WritesTheThreeCodesAsOneLineWithoutALineEnd) {
+TEST_F(CgroupErrorRecordTest, WritesThreeCodesAsOneLineWithoutEnd) {
     for (int code : {13, 105, 119}) {
         EXPECT_TRUE(pri().WriteCgroupError(code));
         EXPECT_EQ(
@@ -47,7 +47,7 @@ TEST_F(CgroupErrorRecordTest, WritesNothingForAnyOtherCode) {
     EXPECT_FALSE(FileIsThere());
 }
 
-TEST_F(CgroupErrorRecordTest, AsksForTheTimeOnlyForARecordedCodeAndBeforeItLooksForThePlace) {
+TEST_F(CgroupErrorRecordTest, AsksForTimeOnlyForRecordedCodes) {
     platform().journalTime = true;
     EXPECT_FALSE(pri().WriteCgroupError(12));
     EXPECT_EQ(kNothing, journal());
@@ -81,7 +81,7 @@ TEST_F(CgroupErrorRecordTest, ReportsAFailedWriteByItsResultAlone) {
     EXPECT_FALSE(FileIsThere());
 }
 
-TEST_F(CgroupErrorRecordTest, RefusesAnApplicationDirectoryOfTenCharacters) {
+TEST_F(CgroupErrorRecordTest, RefusesDirectoryOfTenCharacters) {
     for (const char* shortDir : {"", "/", "/opt/agent"}) {
         platform().appDir = shortDir;
         platform().files.content[std::string(shortDir) + "/cgroup_errors"] = At(13, 0);
@@ -92,7 +92,7 @@ TEST_F(CgroupErrorRecordTest, RefusesAnApplicationDirectoryOfTenCharacters) {
     }
 }
 
-TEST_F(CgroupErrorRecordTest, WorksInAnApplicationDirectoryOfElevenCharacters) {
+TEST_F(CgroupErrorRecordTest, WorksInDirectoryOfElevenCharacters) {
     platform().appDir = "/opt/agents";
     EXPECT_TRUE(pri().WriteCgroupError(105));
     EXPECT_EQ("105-1700000000", platform().files.content["/opt/agents/cgroup_errors"]);
@@ -105,12 +105,12 @@ TEST_F(CgroupErrorRecordTest, AppendsTheFileNameToTheDirectoryAsItIs) {
     EXPECT_EQ(1U, platform().files.content.count("/opt/agent/home//cgroup_errors"));
 }
 
-TEST_F(CgroupErrorRecordTest, FindsNothingWithoutARegularFileAndDoesNotRead) {
+TEST_F(CgroupErrorRecordTest, FindsNothingWithoutRegularFileUnread) {
     EXPECT_FALSE(pri().CheckCgroupError());
     EXPECT_EQ(kLookedForFile, journal());
 }
 
-TEST_F(CgroupErrorRecordTest, TakesAnUnreadableOrEmptyFileForNoRecord) {
+TEST_F(CgroupErrorRecordTest, TakesUnreadableOrEmptyFileForNoRecord) {
     OnRecord(At(13, 0));
     platform().files.failRead.insert(kPath);
     EXPECT_FALSE(pri().CheckCgroupError());
@@ -181,7 +181,7 @@ TEST_F(CgroupErrorRecordTest, SurvivesSeveralAgedLines) {
     EXPECT_EQ(kLookedForFile, journal());  // the next check is cheap
 }
 
-TEST_F(CgroupErrorRecordTest, DoesNotBlockWhenTheAgedFileCannotBeRemoved) {
+TEST_F(CgroupErrorRecordTest, DoesNotBlockWhenAgedFileStays) {
     OnRecord(At(13, 43200));
     platform().files.failRemove.insert(kPath);
     EXPECT_FALSE(pri().CheckCgroupError());

@@ -36,7 +36,7 @@ TEST_F(KernelPolicyTest, TakesAReleaseWithoutABuild) {
     EXPECT_EQ("5.10.0", pri().m_localKernel.release);
 }
 
-TEST_F(KernelPolicyTest, LeavesTheRecordAloneAndAsksAgainWhenTheReleaseHasNoThreeNumbers) {
+TEST_F(KernelPolicyTest, AsksAgainWhenReleaseHasNoThreeNumbers) {
     for (const char* release : {"abc", "5.10"}) {
         platform().kernel.release = release;
         EXPECT_FALSE(pri().GetLocalKernel()) << release;
@@ -100,7 +100,7 @@ TEST_F(KernelPolicyTest, SkipsMalformedRangesSilently) {
     EXPECT_EQ(Lines({}), journal());
 }
 
-TEST_F(KernelPolicyTest, AnswersABlankRangeListWithoutReadingTheKernel) {
+TEST_F(KernelPolicyTest, AnswersBlankRangeListWithoutReadingKernel) {
     for (const char* blank : {"", " ", "    ", " \t\r\n"}) {
         std::string list = blank;
         EXPECT_FALSE(pri().LocalKernelLimits(list));

@@ -60,7 +60,7 @@ TEST(KernelVersionTest, ReadsTheNumbersOfARelease) {
     }
 }
 
-TEST(KernelVersionTest, LeavesTheOutputAloneWhenThreeNumbersAreNotThere) {
+TEST(KernelVersionTest, LeavesOutputAloneWithoutThreeNumbers) {
     for (const char* release : {"", "abc", "5", "5.10", "5.10.", "5.10-3", "5.x.1", ".5.10.1", "v5.10.1"}) {
         KernelReleaseNumbers numbers;
         numbers.majorPart = 71;

@@ -63,7 +63,7 @@ TEST_F(LegacyCpuLimitTest, StepsAsideForTheUnifiedCpuGroups) {
     EXPECT_EQ(kMemFilled, MemState());
 }
 
-TEST_F(LegacyCpuLimitTest, DropsTheLegacyV2StateOfBothHalvesWhenTheUnifiedModeRunsOnVersion2) {
+TEST_F(LegacyCpuLimitTest, DropsLegacyV2OfBothHalvesForUnifiedOnV2) {
     FillLegacyState();
     BeUnifiedMain();
     platform().manager.cpuEnabled.Always(true);
@@ -82,7 +82,7 @@ TEST_F(LegacyCpuLimitTest, DropsTheLegacyV2StateOfBothHalvesWhenTheUnifiedModeRu
     EXPECT_EQ(kMemForgotten, MemState());
 }
 
-TEST_F(LegacyCpuLimitTest, OnlyForgetsWhenTheUnifiedMemoryGroupsShareTheVersion2Hierarchy) {
+TEST_F(LegacyCpuLimitTest, OnlyForgetsWhenUnifiedMemorySharesV2) {
     FillLegacyState();
     BeUnifiedMain();
     platform().manager.memEnabled.Always(true);
@@ -97,7 +97,7 @@ TEST_F(LegacyCpuLimitTest, OnlyForgetsWhenTheUnifiedMemoryGroupsShareTheVersion2
     EXPECT_EQ(kMemFilled, MemState());
 }
 
-TEST_F(LegacyCpuLimitTest, GoesOnWhenTheUnifiedModeHoldsMemoryOnlyAndCpuIsVersion1) {
+TEST_F(LegacyCpuLimitTest, GoesOnWhenUnifiedHoldsMemoryAndCpuIsV1) {
     BeUnifiedMain();
     platform().manager.memEnabled.Always(true);
     platform().manager.memV2.Always(true);
@@ -111,7 +111,7 @@ TEST_F(LegacyCpuLimitTest, GoesOnWhenTheUnifiedModeHoldsMemoryOnlyAndCpuIsVersio
         Pass(9, 10));
 }
 
-TEST_F(LegacyCpuLimitTest, GoesOnWhileTheUnifiedModeHoldsNoController) {
+TEST_F(LegacyCpuLimitTest, GoesOnWhileUnifiedModeHoldsNoController) {
     BeUnifiedMain();
     EXPECT_EQ(Lines({"CCgroupManager::IsCpuCgroupEnabled()", "CCgroupManager::IsMemCgroupEnabled()",
                      "IsResourceLimitCpuCgroupV2Runtime()", "CCgroupManager::IsCpuCgroupEnabled()",
@@ -121,7 +121,7 @@ TEST_F(LegacyCpuLimitTest, GoesOnWhileTheUnifiedModeHoldsNoController) {
               Pass(9, 10));
 }
 
-TEST_F(LegacyCpuLimitTest, TheMainProcessGoesOnWithAnOldVersion2LimitOfItsOwn) {
+TEST_F(LegacyCpuLimitTest, MainProcessGoesOnWithOwnOldV2Limit) {
     BeUnifiedMain();
     platform().manager.memEnabled.Always(true);
     platform().manager.memV2.Always(true);
@@ -136,7 +136,7 @@ TEST_F(LegacyCpuLimitTest, TheMainProcessGoesOnWithAnOldVersion2LimitOfItsOwn) {
               Pass(9, 10));
 }
 
-TEST_F(LegacyCpuLimitTest, DoesNotAskTheManagerOfAComponentInAVersion2MemoryGroup) {
+TEST_F(LegacyCpuLimitTest, DoesNotAskManagerInV2MemoryGroup) {
     pri().m_unifiedActive = true;
     HaveManager();
     platform().manager.cpuV2.Always(true);
@@ -154,7 +154,7 @@ TEST_F(LegacyCpuLimitTest, DoesNotAskTheManagerOfAComponentInAVersion2MemoryGrou
         Pass(9, 10));
 }
 
-TEST_F(LegacyCpuLimitTest, DoesNotAskTheManagerWhenTheUnifiedModeIsOff) {
+TEST_F(LegacyCpuLimitTest, DoesNotAskManagerWhenTheUnifiedModeIsOff) {
     pri().m_isMainAgent = true;
     HaveManager();
     platform().manager.cpuEnabled.Always(true);
@@ -162,7 +162,7 @@ TEST_F(LegacyCpuLimitTest, DoesNotAskTheManagerWhenTheUnifiedModeIsOff) {
     EXPECT_EQ(kReached + Changed(1, 10) + Started(9, 50), Pass(1, 10));
 }
 
-TEST_F(LegacyCpuLimitTest, DoesNotAskTheManagerOfAProcessThatIsNotTheMainOne) {
+TEST_F(LegacyCpuLimitTest, DoesNotAskManagerOutsideTheMainProcess) {
     pri().m_unifiedActive = true;
     HaveManager();
     platform().manager.cpuEnabled.Always(true);
@@ -190,7 +190,7 @@ TEST_F(LegacyCpuLimitTest, DetachesWhenItsClientJoinedACpuGroup) {
     EXPECT_EQ(kMemFilled, MemState());
 }
 
-TEST_F(LegacyCpuLimitTest, ClearsTwiceWhenItsClientJoinedAVersion2CpuGroupOverAVersion2Limit) {
+TEST_F(LegacyCpuLimitTest, ClearsTwiceOnJoiningV2CpuOverV2Limit) {
     FillLegacyState();
     BeClientInV2CpuGroup();
     platform().limit.cpuV2Runtime.Always(true);
@@ -213,7 +213,7 @@ TEST_F(LegacyCpuLimitTest, IgnoresTheClientInTheMainProcess) {
     EXPECT_EQ(kReached + Changed(1, 10) + Started(9, 50), Pass(1, 10));
 }
 
-TEST_F(LegacyCpuLimitTest, RemembersThatTheLegacyLimitRanOnVersion2AfterTheLibraryForgot) {
+TEST_F(LegacyCpuLimitTest, RemembersRunningOnV2AfterLibraryForgot) {
     FillLegacyState();
     BeClientInV2MemoryGroup();
     platform().limit.cpuV2Runtime.Always(true);
@@ -230,7 +230,7 @@ TEST_F(LegacyCpuLimitTest, RemembersThatTheLegacyLimitRanOnVersion2AfterTheLibra
     EXPECT_EQ(kMemFilled, MemState());
 }
 
-TEST_F(LegacyCpuLimitTest, GoesOnBesideAVersion2MemoryGroupWhileItRunsOnVersion1) {
+TEST_F(LegacyCpuLimitTest, GoesOnBesideV2MemoryGroupOnV1) {
     BeClientInV2MemoryGroup();
     EXPECT_EQ(
         Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::IsMemJoined()", "CCgroupClient::GetMemCgroupPath()",
@@ -242,7 +242,7 @@ TEST_F(LegacyCpuLimitTest, GoesOnBesideAVersion2MemoryGroupWhileItRunsOnVersion1
         Pass(1, 10));
 }
 
-TEST_F(LegacyCpuLimitTest, KeepsARunningLegacyV2LimitWhenNoUnifiedGroupIsThere) {
+TEST_F(LegacyCpuLimitTest, KeepsRunningLegacyV2WithoutUnifiedGroup) {
     platform().limit.cpuV2Runtime.Always(true);
     EXPECT_EQ(kReached + Changed(1, 10) + Started(9, 50), Pass(1, 10));
 }
@@ -264,7 +264,7 @@ TEST_F(LegacyCpuLimitTest, HandsTheValueOverAsPercentAndHundredths) {
     }
 }
 
-TEST_F(LegacyCpuLimitTest, CountsTheShareOverAllProcessorsInSolarisMode) {
+TEST_F(LegacyCpuLimitTest, CountsShareOverAllProcessorsInSolarisMode) {
     platform().base.solaris = true;
     const Lines reached = {"IsResourceLimitCpuCgroupV2Runtime()", "CResourceMonitor::IsCpuSolarisMode()",
                            "sysconf(_SC_NPROCESSORS_CONF)", "GetResourceLimitUtil()",
@@ -292,13 +292,13 @@ TEST_F(LegacyCpuLimitTest, StartsTheLimitAndRemembersIt) {
     EXPECT_TRUE(pri().IsResourceLimited());
 }
 
-TEST_F(LegacyCpuLimitTest, TakesWhatTheLibrarySaysIsInForceAlsoAfterASuccess) {
+TEST_F(LegacyCpuLimitTest, TakesWhatLibrarySaysEvenAfterSuccess) {
     platform().limit.cpuLimited.Always(false);
     EXPECT_EQ(kReached + Changed(1, 10) + Started(9, 50), Pass(1, 10));
     EXPECT_EQ("limited=0 enabled=1 value=950 retry=0 | code=0 mode=1 count=1", CpuState());
 }
 
-TEST_F(LegacyCpuLimitTest, LogsTheErrorOfAFailedStartAndKeepsBothNumbers) {
+TEST_F(LegacyCpuLimitTest, LogsErrorOfFailedStartAndKeepsBothNumbers) {
     platform().limit.startCpu.Always({5, 13});
     platform().limit.cpuLimited.Always(true);  // an older limit may still be in force
     EXPECT_EQ(kReached + Changed(1, 10) + StartFailed(9, 50, 13), Pass(1, 10));
@@ -333,7 +333,7 @@ TEST_F(LegacyCpuLimitTest, StopsWhenTheBitIsTakenAway) {
     EXPECT_EQ("limited=0 enabled=0 value=950 retry=0 | code=0 mode=12 count=2", CpuState());
 }
 
-TEST_F(LegacyCpuLimitTest, KeepsTheNumbersOfAFailedStopWithoutALogLine) {
+TEST_F(LegacyCpuLimitTest, KeepsNumbersOfAFailedStopWithoutALogLine) {
     platform().limit.cpuLimited.Always(true);
     Pass(1, 10);
     platform().limit.stopCpu.Always({2, 16});
@@ -381,7 +381,7 @@ TEST_F(LegacyCpuLimitTest, RetriesAWantedLimitAtMostEvery600Seconds) {
     EXPECT_EQ(1700000600, pri().m_legacyCpuLastRetryTime);
 }
 
-TEST_F(LegacyCpuLimitTest, KeepsTheNumbersOfAFailedRetryWithoutALogLine) {
+TEST_F(LegacyCpuLimitTest, KeepsNumbersOfAFailedRetryWithoutALogLine) {
     platform().limit.startCpu.Then({5, 13}).Then({6, 22});
     Pass(1, 10);
     EXPECT_EQ(kReached + kUnchanged + Retried(10, 9, 50), Pass(1, 10));
@@ -408,7 +408,7 @@ TEST_F(LegacyCpuLimitTest, RetriesAtOnceWhenTheClockWentBackwards) {
     EXPECT_EQ(1699999999, pri().m_legacyCpuLastRetryTime);
 }
 
-TEST_F(LegacyCpuLimitTest, HoldsBackTheRetryOfAChangeThatFailsAfterTheGateWasArmed) {
+TEST_F(LegacyCpuLimitTest, HoldsBackRetryOfAChangeThatFailsLater) {
     platform().limit.cpuLimited.Then(true);
     Pass(1, 10);
     EXPECT_EQ(kReached + kUnchanged, Pass(1, 10));  // in force: nothing to retry, and the gate is armed
@@ -421,7 +421,7 @@ TEST_F(LegacyCpuLimitTest, HoldsBackTheRetryOfAChangeThatFailsAfterTheGateWasArm
     EXPECT_EQ(kReached + kUnchanged + Retried(20, 19, 0), Pass(1, 20));
 }
 
-TEST_F(LegacyCpuLimitTest, PrintsTheConfiguredPercentageAtARetryNotTheValue) {
+TEST_F(LegacyCpuLimitTest, PrintsConfiguredPercentageAtRetryNotValue) {
     platform().limit.startCpu.Always({5, 13});
     Pass(1, 200);
     EXPECT_EQ(kReached + kUnchanged + Retried(300, 100, 0), Pass(1, 300));

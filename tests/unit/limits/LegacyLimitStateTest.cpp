@@ -37,7 +37,7 @@ TEST_F(LegacyLimitStateTest, CpuResetForgetsFourValuesAndAsksNobody) {
     EXPECT_EQ(Lines({}), journal());
 }
 
-TEST_F(LegacyLimitStateTest, MemoryResetForgetsFourValuesAndAsksNobody) {
+TEST_F(LegacyLimitStateTest, MemoryResetForgetsFourAndAsksNobody) {
     pri().ResetLegacyMemLimitState();
     EXPECT_EQ(kCpuFilled, CpuState());
     EXPECT_EQ(kMemForgotten, MemState());
@@ -92,7 +92,7 @@ TEST_F(LegacyLimitStateTest, V2DetachTakesTheMemoryHalfAlone) {
     EXPECT_EQ(kMemForgotten, MemState());
 }
 
-TEST_F(LegacyLimitStateTest, V2DetachAsksForMemoryAfterTheCpuHalfIsCleared) {
+TEST_F(LegacyLimitStateTest, V2DetachAsksForMemoryAfterCpuIsCleared) {
     platform().limit.cpuV2Runtime.Always(true);
     platform().limit.memV2Runtime.Always(true);
     pri().DetachLegacyV2RuntimeState();
@@ -151,7 +151,7 @@ TEST_F(LegacyLimitStateTest, DisableWithoutAReasonLogsAnEmptyOne) {
     EXPECT_EQ(kMemForgotten, MemState());
 }
 
-TEST_F(LegacyLimitStateTest, DisableTakesAReasonThatLooksLikeAFormatAsText) {
+TEST_F(LegacyLimitStateTest, DisableTakesReasonLikeAFormatAsText) {
     platform().limit.stopCpu.Always({1, 1});
     pri().DisableLegacyCgroupLimitState("100%s%n");
     EXPECT_EQ(Lines({"F3 [MonitorPri] MonitorPri: uninstall legacy cpu cgroup failed ret[1] err[1], reason[100%s%n]"}),

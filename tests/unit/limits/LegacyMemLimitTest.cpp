@@ -63,7 +63,7 @@ TEST_F(LegacyMemLimitTest, StepsAsideForTheUnifiedMemoryGroups) {
     EXPECT_EQ(kCpuFilled, CpuState());
 }
 
-TEST_F(LegacyMemLimitTest, DropsTheLegacyV2StateOfBothHalvesWhenTheUnifiedModeRunsOnVersion2) {
+TEST_F(LegacyMemLimitTest, DropsLegacyV2OfBothHalvesForUnifiedOnV2) {
     FillLegacyState();
     BeUnifiedMain();
     platform().manager.memEnabled.Always(true);
@@ -80,7 +80,7 @@ TEST_F(LegacyMemLimitTest, DropsTheLegacyV2StateOfBothHalvesWhenTheUnifiedModeRu
     EXPECT_EQ(kCpuForgotten, CpuState());
 }
 
-TEST_F(LegacyMemLimitTest, OnlyForgetsWhenTheUnifiedCpuGroupsShareTheVersion2Hierarchy) {
+TEST_F(LegacyMemLimitTest, OnlyForgetsWhenUnifiedCpuSharesV2) {
     FillLegacyState();
     BeUnifiedMain();
     platform().manager.cpuEnabled.Always(true);
@@ -95,7 +95,7 @@ TEST_F(LegacyMemLimitTest, OnlyForgetsWhenTheUnifiedCpuGroupsShareTheVersion2Hie
     EXPECT_EQ(kCpuFilled, CpuState());
 }
 
-TEST_F(LegacyMemLimitTest, GoesOnWhenTheUnifiedModeHoldsCpuOnlyAndMemoryIsVersion1) {
+TEST_F(LegacyMemLimitTest, GoesOnWhenUnifiedHoldsCpuAndMemoryIsV1) {
     BeUnifiedMain();
     platform().manager.cpuEnabled.Always(true);
     platform().manager.cpuV2.Always(true);
@@ -107,7 +107,7 @@ TEST_F(LegacyMemLimitTest, GoesOnWhenTheUnifiedModeHoldsCpuOnlyAndMemoryIsVersio
               Pass(true, 12));
 }
 
-TEST_F(LegacyMemLimitTest, GoesOnWhileTheUnifiedModeHoldsNoController) {
+TEST_F(LegacyMemLimitTest, GoesOnWhileUnifiedModeHoldsNoController) {
     BeUnifiedMain();
     EXPECT_EQ(Lines({"CCgroupManager::IsCpuCgroupEnabled()", "CCgroupManager::IsMemCgroupEnabled()",
                      "IsResourceLimitMemCgroupV2Runtime()", "CCgroupManager::IsMemCgroupEnabled()"}) +
@@ -115,7 +115,7 @@ TEST_F(LegacyMemLimitTest, GoesOnWhileTheUnifiedModeHoldsNoController) {
               Pass(true, 12));
 }
 
-TEST_F(LegacyMemLimitTest, TheMainProcessGoesOnWithAnOldVersion2LimitOfItsOwn) {
+TEST_F(LegacyMemLimitTest, MainProcessGoesOnWithOwnOldV2Limit) {
     BeUnifiedMain();
     platform().manager.cpuEnabled.Always(true);
     platform().manager.cpuV2.Always(true);
@@ -128,7 +128,7 @@ TEST_F(LegacyMemLimitTest, TheMainProcessGoesOnWithAnOldVersion2LimitOfItsOwn) {
               Pass(true, 12));
 }
 
-TEST_F(LegacyMemLimitTest, DoesNotAskTheManagerOfAComponentInAVersion2CpuGroup) {
+TEST_F(LegacyMemLimitTest, DoesNotAskManagerInV2CpuGroup) {
     pri().m_unifiedActive = true;
     HaveManager();
     platform().manager.memV2.Always(true);
@@ -144,7 +144,7 @@ TEST_F(LegacyMemLimitTest, DoesNotAskTheManagerOfAComponentInAVersion2CpuGroup) 
               Pass(true, 12));
 }
 
-TEST_F(LegacyMemLimitTest, DoesNotAskTheManagerWhenTheUnifiedModeIsOffOrTheProcessIsNotTheMainOne) {
+TEST_F(LegacyMemLimitTest, DoesNotAskManagerOutsideUnifiedOrMain) {
     HaveManager();
     platform().manager.memEnabled.Always(true);
     platform().manager.memV2.Always(true);
@@ -161,7 +161,7 @@ TEST_F(LegacyMemLimitTest, ManagesWithoutAManager) {
     EXPECT_EQ(kReached + kTrying + kNoRecord + kKernelRead + kPrepared + kStartCall + kSuccess, Pass(true));
 }
 
-TEST_F(LegacyMemLimitTest, ClearsTwiceWhenItsClientJoinedAVersion2MemoryGroupOverAVersion2Limit) {
+TEST_F(LegacyMemLimitTest, ClearsTwiceOnJoiningV2MemoryOverV2Limit) {
     FillLegacyState();
     BeClientInV2MemoryGroup();
     platform().limit.memV2Runtime.Always(true);
@@ -199,7 +199,7 @@ TEST_F(LegacyMemLimitTest, IgnoresTheClientInTheMainProcess) {
     EXPECT_EQ(kReached + kTrying + kNoRecord + kKernelRead + kPrepared + kStartCall + kSuccess, Pass(true));
 }
 
-TEST_F(LegacyMemLimitTest, RemembersThatTheLegacyLimitRanOnVersion2AfterTheLibraryForgot) {
+TEST_F(LegacyMemLimitTest, RemembersRunningOnV2AfterLibraryForgot) {
     FillLegacyState();
     BeClientInV2CpuGroup();
     platform().limit.memV2Runtime.Always(true);
@@ -212,7 +212,7 @@ TEST_F(LegacyMemLimitTest, RemembersThatTheLegacyLimitRanOnVersion2AfterTheLibra
     EXPECT_EQ(kCpuFilled, CpuState());
 }
 
-TEST_F(LegacyMemLimitTest, GoesOnBesideAVersion2CpuGroupWhileItRunsOnVersion1) {
+TEST_F(LegacyMemLimitTest, GoesOnBesideV2CpuGroupOnV1) {
     BeClientInV2CpuGroup();
     EXPECT_EQ(Lines({"CCgroupClient::IsCpuJoined()", "CCgroupClient::GetCpuCgroupPath()",
                      "access(/sys/fs/cgroup/zel.agent/main/cgroup.controllers)", "IsResourceLimitMemCgroupV2Runtime()",
@@ -222,7 +222,7 @@ TEST_F(LegacyMemLimitTest, GoesOnBesideAVersion2CpuGroupWhileItRunsOnVersion1) {
               Pass(true));
 }
 
-TEST_F(LegacyMemLimitTest, KeepsARunningLegacyV2LimitWhenNoUnifiedGroupIsThere) {
+TEST_F(LegacyMemLimitTest, KeepsRunningLegacyV2WithoutUnifiedGroup) {
     platform().limit.memV2Runtime.Always(true);
     EXPECT_EQ(kReached + kTrying + kNoRecord + kKernelRead + kPrepared + kStartCall + kSuccess, Pass(true));
 }
@@ -234,13 +234,13 @@ TEST_F(LegacyMemLimitTest, DoesNothingOnAFirstCallWithEverythingOff) {
     EXPECT_EQ("limited=0 enabled=0 first=0 second=0 | code=0", MemState());
 }
 
-TEST_F(LegacyMemLimitTest, StopsOnceOnAFirstCallWithLimitsAndTheBitOff) {
+TEST_F(LegacyMemLimitTest, StopsOnceOnFirstCallWithLimitsAndBitOff) {
     EXPECT_EQ(kReached + kStopped, Pass(true, 11));
     EXPECT_EQ("limited=0 enabled=0 first=307200 second=204800 | code=0", MemState());
     EXPECT_EQ(kReached + kUnchanged, Pass(true, 11));
 }
 
-TEST_F(LegacyMemLimitTest, KeepsTheNumbersOfAFailedStopSilentlyAndStillAnswersTrue) {
+TEST_F(LegacyMemLimitTest, KeepsNumbersOfFailedStopAndAnswersTrue) {
     platform().limit.stopMem.Always({7, 16});
     platform().limit.memLimited.Always(true);
     EXPECT_EQ(kReached + kStopped, Pass(true, 0));
@@ -314,7 +314,7 @@ TEST_F(LegacyMemLimitTest, NeverReadsItsFourthArgument) {
 
 // --- refused by the kernel policy ---
 
-TEST_F(LegacyMemLimitTest, RefusesWithoutAListOfAllowedKernelsAndWithoutReadingTheKernel) {
+TEST_F(LegacyMemLimitTest, RefusesWithoutAllowedListUnread) {
     pri().m_memLimitKernelRange = "";
     EXPECT_EQ(kReached + kTrying + kNoRecord + WrongKernel(""), Pass(false));
     EXPECT_FALSE(HasRecord());
@@ -339,14 +339,14 @@ TEST_F(LegacyMemLimitTest, RefusesAKernelThatCannotBeRead) {
     EXPECT_EQ(kReached + kTrying + kNoRecord + kKernelRead + WrongKernel(""), Pass(false));
 }
 
-TEST_F(LegacyMemLimitTest, PrintsTheReleaseAlsoWithoutAListOnceTheKernelWasRead) {
+TEST_F(LegacyMemLimitTest, PrintsReleaseWithoutListOnceItWasRead) {
     ASSERT_TRUE(pri().GetLocalKernel());
     journal();
     pri().m_memLimitKernelRange = "";
     EXPECT_EQ(kReached + kTrying + kNoRecord + WrongKernel("6.1.0-13-cloud-amd64"), Pass(false));
 }
 
-TEST_F(LegacyMemLimitTest, HandsTheExcludeListsOverWithoutMatchingThem) {
+TEST_F(LegacyMemLimitTest, HandsExcludeListsOverWithoutMatchingThem) {
     pri().m_memLimitExcludeRange = "6.1.0-0,6.9.0-0";  // covers the local kernel: the limit object decides
     pri().m_memLimitExcludeKernels = "6.1.0-13";
     EXPECT_EQ(
@@ -357,7 +357,7 @@ TEST_F(LegacyMemLimitTest, HandsTheExcludeListsOverWithoutMatchingThem) {
         Pass(true));
 }
 
-TEST_F(LegacyMemLimitTest, HandsTheExcludeListsOverWhenOnlyOneIsThere) {
+TEST_F(LegacyMemLimitTest, HandsExcludeListsOverWhenOnlyOneIsThere) {
     pri().m_memLimitExcludeKernels = "4.9";
     EXPECT_EQ(kReached + kTrying + kNoRecord + kKernelRead +
                   Lines({"GetResourceLimitUtil()", "IResourceLimitUtil::SetKernelExcludeLists(2,,4.9)",
@@ -388,7 +388,7 @@ TEST_F(LegacyMemLimitTest, PutsAFailedPreparationOnRecord) {
     EXPECT_EQ("13-1700000000", Record());
 }
 
-TEST_F(LegacyMemLimitTest, LeavesTheFlagAndTheCodeAloneWhenAStartFails) {
+TEST_F(LegacyMemLimitTest, LeavesFlagAndTheCodeAloneWhenAStartFails) {
     platform().limit.memLimited.Always(true);
     Pass(true);
     platform().limit.startMem.Always({9, 22});
@@ -397,13 +397,13 @@ TEST_F(LegacyMemLimitTest, LeavesTheFlagAndTheCodeAloneWhenAStartFails) {
     EXPECT_EQ("limited=1 enabled=1 first=2 second=1 | code=0", MemState());
 }
 
-TEST_F(LegacyMemLimitTest, TriesAgainAtOnceAfterAFailureThatIsNotPutOnRecord) {
+TEST_F(LegacyMemLimitTest, TriesAgainAtOnceAfterUnrecordedFailure) {
     platform().limit.startMem.Always({9, 22});
     Pass(false);
     EXPECT_EQ(kReached + kUnchanged + kTrying + kNoRecord + kPrepared + kStartCall + Failed(9, 22), Pass(false));
 }
 
-TEST_F(LegacyMemLimitTest, HoldsBackFor12HoursAfterAMountOrWriteFailure) {
+TEST_F(LegacyMemLimitTest, HoldsBack12HoursAfterMountOrWriteFailure) {
     platform().limit.startMem.Then({105, 30});
     EXPECT_EQ(kReached + kTrying + kNoRecord + kKernelRead + kPrepared + kStartCall + kRecorded + Failed(105, 30),
               Pass(false));
@@ -421,7 +421,7 @@ TEST_F(LegacyMemLimitTest, HoldsBackFor12HoursAfterAMountOrWriteFailure) {
               Pass(true));
 }
 
-TEST_F(LegacyMemLimitTest, LogsTheFailureAlsoWhenItCannotBePutOnRecord) {
+TEST_F(LegacyMemLimitTest, LogsFailureAlsoWhenItCannotBePutOnRecord) {
     platform().limit.startMem.Always({119, 5});
     platform().files.failWrite.insert("/opt/agent/home/cgroup_errors");
     EXPECT_EQ(kReached + kTrying + kNoRecord + kKernelRead + kPrepared + kStartCall + kRecorded + Failed(119, 5),
