@@ -1,5 +1,5 @@
-// Every name that more than one process, library or document of the agent must spell alike, once: processes, components,
-// groups, files, messages, bits of the limit mode. A test fails on a second definition of any of them.
+// Every name that more than one process, library or document of the agent must spell alike, once: processes,
+// components, groups, files, messages, bits of the limit mode. A test fails on a second definition of any of them.
 #pragma once
 
 namespace zel {
