@@ -11,10 +11,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
-#include "Monitor.h"
-#include "Process.h"
-#include "StatusReport.h"
 #include "platform/zel/ThreadUtil.h"
 
 namespace agent {
@@ -44,7 +42,7 @@ void SendAll(int connection, const std::string& text) {
 
 }  // namespace
 
-ControlServer::ControlServer(Process& process) : m_process(process) {}
+ControlServer::ControlServer(ConsoleActions actions) : m_actions(std::move(actions)) {}
 ControlServer::~ControlServer() {
     Stop();
 }
@@ -129,31 +127,21 @@ void ControlServer::Answer(int connection) {
 }
 
 std::string ControlServer::Handle(const std::string& request) {
-    if (request == "status") {
-        StatusReport report;
-        m_process.Collect(report);
-        return "ok\n" + FormatStatusJson(report);
-    }
-    if (request == "metrics") return "ok\n" + m_process.Services().GetMetricsText();
-    if (request == "threads") {
-        std::string report;
-        unsigned int tid = 0;
-        m_process.Monitor().GetThreadsInfo(report, &tid);
-        return "ok\n" + report;
-    }
+    if (request == "status") return "ok\n" + m_actions.status();
+    if (request == "metrics") return "ok\n" + m_actions.metrics();
+    if (request == "threads") return "ok\n" + m_actions.threads();
     if (request == "statistics") {
-        m_process.Services().CollectStatistics();
         Json::Value values(Json::objectValue);
-        for (const auto& item : m_process.Services().GetStatistics().values) values[item.first] = item.second;
+        for (const auto& item : m_actions.statistics()) values[item.first] = item.second;
         return "ok\n" + values.toStyledString();
     }
     if (request == "reload") {
         std::string problem;
-        if (m_process.Services().ReloadOnlineConfig(problem)) return "ok\nonline configuration read again\n";
+        if (m_actions.reload(problem)) return "ok\nonline configuration read again\n";
         return "error\n" + problem + "\n";
     }
     if (request == "stop") {
-        m_process.RequestStop();
+        m_actions.stop();
         return "ok\nstopping\n";
     }
     return "error\nunknown request; known are status, metrics, threads, statistics, reload, stop\n";

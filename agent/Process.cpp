@@ -80,10 +80,6 @@ Process::Process(Options options, std::string program)
 
 Process::~Process() = default;
 
-void Process::RequestStop() {
-    kill(getpid(), SIGTERM);
-}
-
 int Process::Run() {
     int code = Start();
     if (code == kExitClean) code = Loop();
@@ -188,7 +184,7 @@ int Process::Start() {
 
     m_workers = std::make_unique<Workers>(*m_monitor);
     m_workers->Start(m_options.load);
-    m_control = std::make_unique<ControlServer>(*this);
+    m_control = std::make_unique<ControlServer>(MakeConsoleActions());
     if (!m_control->Start(m_options.appDir + "/run/" + m_options.name + ".ctl", problem)) {
         LogLine("console socket: " + problem + "; tervanectl will not reach this process", zel::kLogWarning);
     }
@@ -302,6 +298,30 @@ void Process::AddMetrics(std::vector<zelhost::Metric>& metrics) {
     if ((figures.mode & kModeUnified) != 0) zel::ReadCgroupTreeStatus(figures.tree, problem);
     std::vector<zelhost::Metric> own = MakeAgentMetrics(figures);
     metrics.insert(metrics.end(), std::make_move_iterator(own.begin()), std::make_move_iterator(own.end()));
+}
+
+ConsoleActions Process::MakeConsoleActions() {
+    ConsoleActions actions;
+    actions.status = [this] {
+        StatusReport report;
+        Collect(report);
+        return FormatStatusJson(report);
+    };
+    actions.metrics = [this] { return m_services.GetMetricsText(); };
+    actions.threads = [this] {
+        std::string report;
+        unsigned int tid = 0;
+        m_monitor->GetThreadsInfo(report, &tid);
+        return report;
+    };
+    actions.statistics = [this] {
+        m_services.CollectStatistics();
+        return m_services.GetStatistics().values;
+    };
+    actions.reload = [this](std::string& problem) { return m_services.ReloadOnlineConfig(problem); };
+    // The main thread takes the signal and ends the process.
+    actions.stop = [] { kill(getpid(), SIGTERM); };
+    return actions;
 }
 
 int Process::Loop() {

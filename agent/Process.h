@@ -28,6 +28,7 @@ namespace agent {
 
 class ControlServer;
 class LiveView;
+struct ConsoleActions;
 struct StatusReport;
 
 /// One process of the agent, from start to end.
@@ -42,15 +43,9 @@ public:
     /// Runs until a signal, the time of --for, or a self-kill. Returns: the exit code.
     int Run();
 
+private:
     /// Everything that a view or the console shows.
     void Collect(StatusReport& report);
-
-    CMonitor& Monitor() { return *m_monitor; }
-    zelhost::CHostServices& Services() { return m_services; }
-    /// Asks the main thread to end the process. Any thread.
-    void RequestStop();
-
-private:
     int Start();
     void StartComponents();
     int Loop();
@@ -60,6 +55,8 @@ private:
     void RefreshComponentStatus();
     /// The metrics thread asks for them at every scrape.
     void AddMetrics(std::vector<zelhost::Metric>& metrics);
+    /// What the console may ask for; its threads call it between the server's start and stop.
+    ConsoleActions MakeConsoleActions();
 
     Options m_options;
     std::string m_program;
