@@ -10,24 +10,6 @@
 
 namespace agent {
 
-namespace {
-
-const char* NameOf(ResourceKind kind) {
-    switch (kind) {
-        case ResourceKind::kCpu: return "cpu";
-        case ResourceKind::kMemory: return "memory";
-        case ResourceKind::kDescriptors: return "descriptors";
-        case ResourceKind::kReadIo: return "read_io";
-        case ResourceKind::kWriteIo: return "write_io";
-        case ResourceKind::kWatchedProcess: return "watched_process";
-        case ResourceKind::kWatchedCpu: return "watched_cpu";
-        case ResourceKind::kWatchedMemory: return "watched_memory";
-    }
-    return "unknown";
-}
-
-}  // namespace
-
 void Deliver(const char* type, const std::string& body) {
     IMsgTransmit* transmit = GetMsgTransmitInstance();
     if (transmit == nullptr) return;
@@ -62,7 +44,7 @@ void EventSink::OnSelfKill(const SelfKillRecord& record) {
     body["process"] = m_processName;
     body["pid"] = static_cast<int>(getpid());
     body["detect_time"] = Json::Int64(record.wallTime);
-    body["resource"] = NameOf(record.kind);
+    body["resource"] = ResourceKindName(record.kind);
     body["value"] = Json::Int64(record.value);
     body["limit"] = Json::Int64(record.limit);
     body["sustained_ms"] = Json::Int64(record.sustainedMs);

@@ -4,7 +4,8 @@
 #include <mutex>
 
 #include "events/EventDelivery.h"
-#include "sampling/HostContext.h"
+#include "sampling/ActiveSampler.h"
+#include "sampling/SamplingSettings.h"
 #include "metrics/HostMetrics.h"
 #include "metrics/MetricsServer.h"
 #include "metrics/MetricsText.h"

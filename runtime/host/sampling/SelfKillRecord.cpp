@@ -8,14 +8,20 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <vector>
 
 #include "sampling/ProcReaders.h"
+#include "sampling/ThreadFacts.h"
+#include "sampling/ThreadStack.h"
 #include "SecureFile.h"
 #include "platform/zel/ToolUtil.h"
 
 namespace zelhost {
 namespace {
+
+constexpr int kRecordVersion = 1;
+constexpr size_t kRecordThreads = 10;
 
 std::string RecordDir(const SamplingSettings& settings) {
     if (!settings.options.recordDir.empty()) return settings.options.recordDir;
@@ -48,8 +54,25 @@ std::string Keep(const std::string& dir, const std::string& path, const std::str
     return WriteFileDurably(path, json, reason) ? path : "";
 }
 
-}  // namespace
+Json::Value FiguresJson(const SamplingRound& round) {
+    const SamplerFigures& now = round.figures;
+    Json::Value figures;
+    figures["cpu_100times"] = static_cast<Json::Int64>(now.cpu100Times);
+    figures["cpu_minute_100times"] = static_cast<Json::Int64>(now.cpuMinute100Times);
+    figures["cpu_window_100times"] = static_cast<Json::Int64>(now.cpuWindow100Times);
+    figures["cpu_hour_100times"] = static_cast<Json::Int64>(now.cpuHour100Times);
+    figures["mem_kb"] = static_cast<Json::Int64>(now.memKb);
+    figures["read_kbps"] = static_cast<Json::Int64>(now.readKbps);
+    figures["write_kbps"] = static_cast<Json::Int64>(now.writeKbps);
+    figures["descriptors"] = static_cast<Json::Int64>(now.descriptors);
+    figures["load_avg"] = now.loadAvg;
+    figures["rounds"] = static_cast<Json::UInt64>(round.totals.rounds);
+    figures["missed_rounds"] = static_cast<Json::UInt64>(now.missedRounds);
+    return figures;
+}
 
+/// The limits that the kernel holds this process to: control groups by /proc/self/cgroup, resource limits by
+/// getrlimit(2).
 void AddKernelLimits(Json::Value& limits) {
     char text[8192];
     CKeptFile file;
@@ -64,10 +87,74 @@ void AddKernelLimits(Json::Value& limits) {
     }
 }
 
+Json::Value LimitsJson(const SamplingRules& rules) {
+    Json::Value limits;
+    limits["max_cpu"] = rules.maxCpu.load();
+    limits["max_mem_mb"] = rules.maxMem.load();
+    limits["max_fd"] = rules.maxFd.load();
+    limits["max_read_io"] = rules.maxReadIo.load();
+    limits["max_write_io"] = rules.maxWriteIo.load();
+    limits["whole_machine"] = rules.solaris.load();
+    AddKernelLimits(limits);
+    return limits;
+}
+
+Json::Value ThreadsJson() {
+    Json::Value threads(Json::arrayValue);
+    for (const auto& thread : CThreadFacts::Instance().Busiest(kRecordThreads)) {
+        Json::Value item;
+        item["tid"] = static_cast<Json::Int64>(thread.tid);
+        item["name"] = thread.name;
+        item["load_100times"] = thread.avgLoad;
+        item["system_100times"] = thread.sysLoad;
+        threads.append(item);
+    }
+    return threads;
+}
+
 std::string RecordText(const Json::Value& root) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "  ";
     return Json::writeString(builder, root) + "\n";
+}
+
+}  // namespace
+
+std::string SelfKillText(const SelfKillRecord& record, unsigned int breaches, const SamplingRound& round,
+                         const SamplingRules& rules, CSamplerEvents& events) {
+    Json::Value root;
+    root["version"] = kRecordVersion;
+    root["process"] = rules.settings.processName;
+    root["pid"] = static_cast<Json::Int64>(getpid());
+    root["time"] = static_cast<Json::Int64>(record.wallTime);
+    root["kind"] = ResourceKindName(record.kind);
+    root["value"] = static_cast<Json::Int64>(record.value);
+    root["limit"] = static_cast<Json::Int64>(record.limit);
+    root["sustained_ms"] = static_cast<Json::Int64>(record.sustainedMs);
+    root["breaches"] = breaches;
+    root["figures"] = FiguresJson(round);
+    root["limits"] = LimitsJson(rules);
+    root["threads"] = ThreadsJson();
+    if (record.kind == ResourceKind::kCpu && !root["threads"].empty()) {
+        const auto tid = static_cast<unsigned int>(root["threads"][0]["tid"].asInt64());
+        root["busiest_thread_stack"] = ReadKernelStack(tid);
+    }
+    root["extra"] = events.ExtraForRecord(record.kind).substr(0, kRecordExtraBytes);
+    return RecordText(root);
+}
+
+std::string WatchedText(const WatchedEvent& event, const std::string& processName) {
+    Json::Value root;
+    root["version"] = kRecordVersion;
+    root["process"] = processName;
+    root["time"] = static_cast<Json::Int64>(time(nullptr));
+    root["watched_pid"] = event.pid;
+    root["watched_name"] = event.name;
+    root["event"] = event.kind == WatchedEvent::kEnded     ? "ended"
+                    : event.kind == WatchedEvent::kCpuHigh ? "cpu"
+                                                           : "memory";
+    root["value"] = static_cast<Json::Int64>(event.value);
+    return RecordText(root);
 }
 
 std::string KeepRecord(const SamplingSettings& settings, const std::string& kind, int64_t wallTime, uint64_t number,

@@ -6,11 +6,10 @@
 #include <cstdint>
 #include <string>
 
-#include "sampling/HostContext.h"
-
-namespace Json {
-class Value;
-}
+#include "sampling/SamplerEvents.h"
+#include "sampling/SamplingRound.h"
+#include "sampling/SamplingRules.h"
+#include "sampling/WatchedProcesses.h"
 
 namespace zelhost {
 
@@ -18,11 +17,11 @@ constexpr size_t kRecordExtraBytes = 64 * 1024;
 /// Records of one process that are kept; the oldest goes.
 constexpr size_t kRecordsKept = 16;
 
-/// The limits that the kernel holds this process to: control groups by /proc/self/cgroup, resource limits by
-/// getrlimit(2).
-void AddKernelLimits(Json::Value& limits);
-
-std::string RecordText(const Json::Value& root);
+/// Builds a self-kill record's JSON text: figures, limits in force, the busiest threads, and what the host adds.
+/// Throws: what the host's sink throws.
+std::string SelfKillText(const SelfKillRecord& record, unsigned int breaches, const SamplingRound& round,
+                         const SamplingRules& rules, CSamplerEvents& events);
+std::string WatchedText(const WatchedEvent& event, const std::string& processName);
 
 /// Writes "<dir>/<process>-<time>-<number>-<kind>.json". Returns: its path, empty with the reason.
 std::string KeepRecord(const SamplingSettings& settings, const std::string& kind, int64_t wallTime, uint64_t number,

@@ -20,6 +20,21 @@ enum class ResourceKind : int {
     kWatchedMemory,   ///< KB of a watched process
 };
 
+/// The resource's name in records, messages and log lines.
+inline const char* ResourceKindName(ResourceKind kind) {
+    switch (kind) {
+        case ResourceKind::kCpu: return "cpu";
+        case ResourceKind::kMemory: return "memory";
+        case ResourceKind::kDescriptors: return "descriptors";
+        case ResourceKind::kReadIo: return "read_io";
+        case ResourceKind::kWriteIo: return "write_io";
+        case ResourceKind::kWatchedProcess: return "watched_process";
+        case ResourceKind::kWatchedCpu: return "watched_cpu";
+        case ResourceKind::kWatchedMemory: return "watched_memory";
+    }
+    return "unknown";
+}
+
 /// How far a breach has come.
 enum class WarningStage : int {
     kReached = 0,    ///< the value reached its maximum (after having been below the busy level)

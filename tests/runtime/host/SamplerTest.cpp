@@ -11,7 +11,8 @@
 #include <thread>
 
 #include "sampling/Heartbeats.h"
-#include "sampling/HostContext.h"
+#include "sampling/ActiveSampler.h"
+#include "sampling/SamplingSettings.h"
 #include "HostSupport.h"
 #include "SecureFile.h"
 #include "platform/host/ResourceEventSink.h"

@@ -1,0 +1,68 @@
+// What the counters of a round say beside the maxima: usage levels, averages of the last minute, window and hour, and
+// the answers of the sampling class's queries.
+#pragma once
+
+#include <atomic>
+
+#include "base/Mutex.h"
+#include "platform/host/ResourceMonitor.h"
+#include "sampling/SamplingRound.h"
+#include "sampling/SamplingRules.h"
+#include "sampling/UsageLevel.h"
+
+namespace zelhost {
+
+/// Judges each round and keeps the sums that averages are taken between.
+/// Thread-safety: Begin, Judge and WholeMinute from the sampling thread, the queries from any thread; all but Info are
+/// single atomic loads, because worker threads ask them before every piece of work.
+class CLevels {
+public:
+    explicit CLevels(const SamplingRules& rules) : m_rules(rules) {}
+
+    void Begin(const Totals& totals);
+    /// Fills in levels, averages and their counters, and publishes the answers of the queries.
+    void Judge(SamplingRound& round);
+    /// Nobody samples any more: workers must not go on holding back.
+    void ForgetLevels();
+
+    /// Returns: whether the minute's average spans a whole minute.
+    bool WholeMinute() const { return m_rounds.Reaches(kMinuteRounds); }
+
+    int CpuLevel() const { return m_cpuLevel.load(std::memory_order_relaxed); }
+    int MemLevel() const { return m_memLevel.load(std::memory_order_relaxed); }
+    bool HighAllRound() const { return m_highAllRound.load(std::memory_order_relaxed); }
+    bool BusyLastHour() const { return m_busyLastHour.load(std::memory_order_relaxed); }
+    bool MinuteBusy() const { return m_minuteBusy.load(std::memory_order_relaxed); }
+    bool WindowBusy() const { return m_windowBusy.load(std::memory_order_relaxed); }
+    /// Returns: false before the first round.
+    bool Info(ResourceMonitorInfo& info);
+
+private:
+    void JudgeLevels(SamplingRound& round);
+    void AverageMinute(SamplingRound& round);
+    void EndMinute(SamplingRound& round);
+    /// Returns: the averages of the window up to this round.
+    Averages AverageWindow(SamplingRound& round);
+    void PublishInfo(const SamplingRound& round, const Averages& window);
+
+    const SamplingRules& m_rules;
+
+    // Answers of the hot queries.
+    std::atomic<int> m_cpuLevel{0};
+    std::atomic<int> m_memLevel{0};
+    std::atomic<bool> m_highAllRound{false};
+    std::atomic<bool> m_busyLastHour{false};
+    std::atomic<bool> m_minuteBusy{false};
+    std::atomic<bool> m_windowBusy{false};
+
+    base::Mutex m_infoLock;
+    ResourceMonitorInfo m_info ZEL_GUARDED_BY(m_infoLock);
+    bool m_infoValid ZEL_GUARDED_BY(m_infoLock) = false;
+
+    // Of the sampling thread.
+    TotalsRing<kMinuteRounds + 1> m_rounds;
+    TotalsRing<kHourMinutes + 1> m_minutes;
+    uint64_t m_highRun = 0;  // rounds in a row at level 2
+};
+
+}  // namespace zelhost

@@ -1,0 +1,42 @@
+// The counters of this process that a round reads: process CPU clock, /proc/self/statm, /proc/self/io, the number of
+// descriptors, and /proc/loadavg. Files stay open and are read again; a steady round opens and allocates nothing.
+#pragma once
+
+#include "sampling/ProcReaders.h"
+#include "sampling/SamplingRound.h"
+#include "sampling/SamplingRules.h"
+
+namespace zelhost {
+
+/// Reads the counters and keeps what the next difference is taken from.
+/// Thread-safety: of the sampling thread only.
+/// Errors: what cannot be read keeps its last value; without /proc/self/io there is one log line and no I/O.
+class CProcessCounters {
+public:
+    explicit CProcessCounters(const SamplingRules& rules);
+
+    /// Opens the files and takes the clocks' starting points.
+    void Begin();
+    /// Adds this round's shares to the totals and fills in the figures of the last round.
+    void ReadTotals(SamplingRound& round);
+
+private:
+    void OpenFiles();
+    void ReadClocks(SamplingRound& round);
+    void ReadMemory(SamplingRound& round);
+    void ReadDescriptors(SamplingRound& round);
+    void ReadIo(SamplingRound& round);
+    void ReadLoad(SamplingRound& round);
+
+    const SamplingRules& m_rules;
+    const long m_pageKb;
+    CKeptFile m_statm, m_io, m_loadavg;
+    CDescriptorCounter m_fdCounter;
+    int64_t m_lastNs = 0;
+    int64_t m_lastProcessNs = 0;
+    ProcIo m_lastIo;
+    bool m_ioKnown = false;
+    bool m_ioWarned = false;
+};
+
+}  // namespace zelhost

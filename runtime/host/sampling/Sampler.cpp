@@ -1,0 +1,117 @@
+// The rounds of the sampling class.
+#include "sampling/Sampler.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+
+#include "SecureFile.h"
+#include "platform/zel/ThreadUtil.h"
+#include "sampling/SamplerLog.h"
+
+namespace zelhost {
+namespace {
+constexpr std::chrono::milliseconds kBlindSleep{200};
+}  // namespace
+
+void CSampler::MakeRound() {
+    m_counters.ReadTotals(m_round);
+    m_levels.Judge(m_round);
+    Supervise();
+    Publish();
+    try {
+        m_owner.MonitorOther(m_round.tick);
+    } catch (...) {
+        LogSampler(zel::kLogWarning, __LINE__, "%s", "an exception left the work of a round");
+    }
+    ++m_round.tick;
+}
+
+void CSampler::Supervise() {
+    m_breaches.Supervise(m_round, m_levels.WholeMinute());
+    m_heartbeatCheck.Supervise(m_round);
+    m_watchedCheck.Supervise(m_round);
+}
+
+void CSampler::Publish() {
+    SamplerFigures& now = m_round.figures;
+    now.rounds = m_round.totals.rounds;
+    now.roundMs = m_rules.RoundMs();
+    now.maxCpu = m_rules.maxCpu;
+    now.solaris = m_rules.solaris;
+    now.maxMemMb = m_rules.maxMem;
+    now.maxReadIo = m_rules.maxReadIo;
+    now.maxWriteIo = m_rules.maxWriteIo;
+    now.maxDescriptors = m_rules.maxFd;
+    now.watchedProcesses = m_watched.Count();
+    now.heartbeats = m_heartbeats.Count();
+    now.stalledThreads = m_heartbeats.Stalled();
+    base::MutexLock lock(m_figuresLock);
+    m_published = now;
+}
+
+SamplerFigures CSampler::ReadFigures() {
+    base::MutexLock lock(m_figuresLock);
+    return m_published;
+}
+
+void CSampler::Prepare(IResourceEventSink* sink) {
+    m_stop = false;
+    m_wake = base::Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    m_events.SetSink(sink);
+}
+
+void CSampler::Begin() {
+    m_rules.settings = GetSamplingSettings();
+    m_round = SamplingRound();
+    m_breaches.Begin();
+    m_watched.Clear();
+    m_counters.Begin();
+    m_levels.Begin(m_round.totals);
+    base::MutexLock lock(m_figuresLock);
+    m_published = SamplerFigures();
+}
+
+void CSampler::Run() {
+    zel::CThreadUtil::SetThreadName("ResourceMonitor");
+    Begin();
+    auto due = std::chrono::steady_clock::now();
+    for (;;) {
+        MakeRound();
+        const auto length = std::chrono::milliseconds(m_rules.RoundMs());
+        due += length;
+        const auto now = std::chrono::steady_clock::now();
+        if (now > due) {
+            // Rounds that could not be made are left out, not made up for: the figures count by real time.
+            const auto behind = (now - due) / length + 1;
+            m_round.figures.missedRounds += static_cast<uint64_t>(behind);
+            due += behind * length;
+        }
+        if (SleepUntil(due)) return;
+    }
+}
+
+bool CSampler::SleepUntil(std::chrono::steady_clock::time_point when) {
+    for (;;) {
+        if (m_stop.load()) return true;
+        auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(when - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        if (!m_wake) left = std::min<std::chrono::nanoseconds>(left, kBlindSleep);  // nothing can wake us
+        timespec ts{};
+        ts.tv_sec = static_cast<time_t>(left.count() / kNsPerSecond);
+        ts.tv_nsec = static_cast<long>(left.count() % kNsPerSecond);
+        pollfd wake = {m_wake.Get(), POLLIN, 0};
+        ppoll(&wake, 1, &ts, nullptr);
+    }
+}
+
+void CSampler::Stop() {
+    m_stop = true;
+    const uint64_t one = 1;
+    if (m_wake) WriteAll(m_wake.Get(), reinterpret_cast<const char*>(&one), sizeof(one));
+}
+
+}  // namespace zelhost
