@@ -12,7 +12,7 @@
 //   cgroup error record              src/limits/CgroupErrorRecord.cpp
 //   legacy limits                    src/limits/LegacyCpuLimit.cpp, LegacyMemLimit.cpp, LegacyLimitState.cpp
 //   group model                      src/cgroup/GroupModel.cpp
-//   unified mode and its exits       src/cgroup/UnifiedMode.cpp, UnifiedExit.cpp
+//   unified mode and its exits       src/cgroup/UnifiedMode.cpp, UnifiedExit.cpp, UnifiedState.cpp
 //   self-kill limits, cgroup client  src/cgroup/SelfKillLimits.cpp
 //   OOM watermark and detection      src/abnormal/OomWatermark.cpp, CgroupOom.cpp
 //
@@ -34,6 +34,7 @@
 #include "platform/host/MtIntf.h"
 #include "platform/host/OnlineClientConf.h"
 #include "platform/host/ResourceMonitor.h"
+#include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupRecords.h"
 #include "platform/zel/Export.h"
 #include "platform/zel/TimerEvent.h"
@@ -51,9 +52,10 @@ class CCgroupClient;
 }  // namespace zel
 
 /// Bits of the resource limit mode; the rest is ignored.
-constexpr int MULTI_CGROUP_MODE_CPU = 1;      ///< CPU limit wanted
-constexpr int MULTI_CGROUP_MODE_MEM = 4;      ///< memory limit wanted
-constexpr int MULTI_CGROUP_MODE_UNIFIED = 8;  ///< one group per group and component instead of one for all
+constexpr int MULTI_CGROUP_MODE_CPU = zel::kModeCpu;     ///< CPU limit wanted
+constexpr int MULTI_CGROUP_MODE_MEM = zel::kModeMemory;  ///< memory limit wanted
+constexpr int MULTI_CGROUP_MODE_UNIFIED =
+    zel::kModeUnified;  ///< one group per group and component instead of one for all
 
 /// Kernels on which the unified mode never uses the CPU controller: prefixes of the release, separated by blanks.
 constexpr const char* MULTI_CGROUP_CPU_KERNEL_BLACKLIST = "4.9.93-010 4.9.93-012 4.9.135-013 4.9.151-014";
@@ -195,14 +197,14 @@ public:
     void CheckMultiCgroupOom();
 
 protected:
-    // --- steps of the unified mode: src/cgroup/UnifiedMode.cpp ---
+    // --- steps of the unified mode: src/cgroup/UnifiedMode.cpp, UnifiedState.cpp ---
     struct ZEL_HIDDEN UnifiedRun;
     void BuildUnified(int mode, long effectiveMaxCpu, int maxMem, UnifiedRun& run);
     void BuildAndReconcileUnified(int mode, long effectiveMaxCpu, int maxMem, UnifiedRun& run);
     bool InitWithLimits(const UnifiedRun& run);
     bool UpdateWithLimits(const UnifiedRun& run);
     bool RestoreLastUnified();
-    void RememberUnified(const UnifiedRun& run);
+    void RememberUnified(int mode, long effectiveMaxCpu, int maxMem);
     void ForgetUnified();
 
     // The declaration order is fixed. A value that a second thread reads is a RelaxedValue.

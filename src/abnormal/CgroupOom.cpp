@@ -7,21 +7,19 @@
 
 #include <ctime>
 
+#include "MonitorCommon.h"
 #include "MonitorPri.h"
 #include "abnormal/OomWatermark.h"
-#include "platform/host/MsgTransmit.h"
 #include "platform/zel/CgroupManager.h"
-#include "platform/zel/LogMessage.h"
+
+using monitor::Say;
 
 namespace {
 
-constexpr const char* kSource = "MonitorPri";
-constexpr const char* kMainGroup = "main";
-
 void LogPolledEvent(const zel::CgroupMemoryOomEvent& event) {
     if (event.v2) {
-        zel::CLogMessage::GetInstance()->log(
-            zel::kLogWarning, kSource, __LINE__,
+        SAY_FORMATTED(
+            zel::kLogWarning,
             "MonitorPri: cgroup v2 memory OOM group=[%s] parent=%d path=[%s] oomKill=%lld(+%lld) oom=%lld(+%lld) "
             "oomGroupKill=%lld(+%lld)",
             event.group.c_str(), event.parent, event.path.c_str(), static_cast<long long>(event.oom_kill),
@@ -29,12 +27,11 @@ void LogPolledEvent(const zel::CgroupMemoryOomEvent& event) {
             static_cast<long long>(event.oom_delta), static_cast<long long>(event.oom_group_kill),
             static_cast<long long>(event.oom_group_kill_delta));
     } else {
-        zel::CLogMessage::GetInstance()->log(
-            zel::kLogWarning, kSource, __LINE__,
-            "MonitorPri: cgroup v1 memory OOM group=[%s] parent=%d path=[%s] oomKill=%lld(+%lld) underOom=%d "
-            "oomKillDisable=%d",
-            event.group.c_str(), event.parent, event.path.c_str(), static_cast<long long>(event.oom_kill),
-            static_cast<long long>(event.oom_kill_delta), event.under_oom, event.oom_kill_disable);
+        SAY_FORMATTED(zel::kLogWarning,
+                      "MonitorPri: cgroup v1 memory OOM group=[%s] parent=%d path=[%s] oomKill=%lld(+%lld) underOom=%d "
+                      "oomKillDisable=%d",
+                      event.group.c_str(), event.parent, event.path.c_str(), static_cast<long long>(event.oom_kill),
+                      static_cast<long long>(event.oom_kill_delta), event.under_oom, event.oom_kill_disable);
     }
 }
 
@@ -50,8 +47,7 @@ void CMonitorPri::RefreshSelfCgroupOomWatermark() {
 bool CMonitorPri::ReportCgroupOomEvent(const std::string& type, const Json::Value& items) {
     IMsgTransmit* transmit = GetMsgTransmitInstance();
     if (transmit == nullptr) {
-        zel::CLogMessage::GetInstance()->WriteLogMessage(
-            "MonitorPri: cannot report cgroup OOM event, MsgTransmit instance is null", zel::kLogWarning);
+        Say(zel::kLogWarning, "MonitorPri: cannot report cgroup OOM event, MsgTransmit instance is null");
         return false;
     }
     Json::Value body(Json::objectValue);
@@ -59,7 +55,7 @@ bool CMonitorPri::ReportCgroupOomEvent(const std::string& type, const Json::Valu
     body["process"] = m_appName;
     body["detect_time"] = Json::Int64(time(nullptr));
     body["items"] = items;
-    return transmit->SendMsg("T_MSG_OS_ABNORMAL", body.toStyledString(), "", 1, 0);
+    return monitor::SendOsAbnormal(*transmit, body.toStyledString());
 }
 
 void CMonitorPri::CheckSelfCgroupOomAfterRestart() {
@@ -67,8 +63,7 @@ void CMonitorPri::CheckSelfCgroupOomAfterRestart() {
 
     std::vector<zel::CgroupMemoryOomEvent> snapshot;
     if (!m_cgroupManager->SnapshotSelfMemoryOomCounters(snapshot)) {
-        zel::CLogMessage::GetInstance()->WriteLogMessage("MonitorPri: snapshot self cgroup OOM counters failed",
-                                                         zel::kLogWarning);
+        Say(zel::kLogWarning, "MonitorPri: snapshot self cgroup OOM counters failed");
         return;
     }
     if (snapshot.empty()) return;
@@ -78,9 +73,7 @@ void CMonitorPri::CheckSelfCgroupOomAfterRestart() {
     if (!ReadOomWatermarkFile(path, watermarks)) {
         // A first start: there is nothing to compare with, so nothing to report.
         if (!WriteOomWatermarkFile(path, snapshot)) {
-            zel::CLogMessage::GetInstance()->log(zel::kLogWarning, kSource, __LINE__,
-                                                 "MonitorPri: initialize cgroup OOM watermark failed [%s]",
-                                                 path.c_str());
+            SAY_FORMATTED(zel::kLogWarning, "MonitorPri: initialize cgroup OOM watermark failed [%s]", path.c_str());
         }
         return;
     }
@@ -100,8 +93,8 @@ void CMonitorPri::CheckSelfCgroupOomAfterRestart() {
         event.oom_delta = oomIncrease;
         event.oom_group_kill_delta = oomGroupKillIncrease;
         items[key] = MakeOomEventItem(event);
-        zel::CLogMessage::GetInstance()->log(
-            zel::kLogWarning, kSource, __LINE__,
+        SAY_FORMATTED(
+            zel::kLogWarning,
             "MonitorPri: detected cgroup memory OOM after restart group=[%s] parent=%d path=[%s] oomKill=%lld(+%lld) "
             "oomGroupKill=%lld(+%lld)",
             event.group.c_str(), event.parent, event.path.c_str(), static_cast<long long>(event.oom_kill),
@@ -109,13 +102,11 @@ void CMonitorPri::CheckSelfCgroupOomAfterRestart() {
             static_cast<long long>(event.oom_group_kill_delta));
     }
     if (!items.empty() && !ReportCgroupOomEvent("multi_cgroup_oom_after_restart", items)) {
-        zel::CLogMessage::GetInstance()->WriteLogMessage("MonitorPri: report cgroup OOM after restart event failed",
-                                                         zel::kLogWarning);
+        Say(zel::kLogWarning, "MonitorPri: report cgroup OOM after restart event failed");
     }
     // Also after a failed report: kills are reported at most once.
     if (!WriteOomWatermarkFile(path, snapshot)) {
-        zel::CLogMessage::GetInstance()->log(zel::kLogWarning, kSource, __LINE__,
-                                             "MonitorPri: update cgroup OOM watermark failed [%s]", path.c_str());
+        SAY_FORMATTED(zel::kLogWarning, "MonitorPri: update cgroup OOM watermark failed [%s]", path.c_str());
     }
 }
 
@@ -129,14 +120,13 @@ void CMonitorPri::CheckMultiCgroupOom() {
     std::vector<zel::CgroupMemoryOomEvent> events;
     if (!m_cgroupManager->PollMemoryOomEvents(events)) {
         // What the manager read before it failed is still true: go on with it.
-        zel::CLogMessage::GetInstance()->WriteLogMessage("MonitorPri: poll multi-cgroup memory OOM events failed",
-                                                         zel::kLogWarning);
+        Say(zel::kLogWarning, "MonitorPri: poll multi-cgroup memory OOM events failed");
     }
 
     bool ownGroupTouched = false;
     Json::Value items(Json::objectValue);
     for (const zel::CgroupMemoryOomEvent& event : events) {
-        if (event.parent || event.group == kMainGroup) ownGroupTouched = true;
+        if (event.parent || event.group == zel::kMainGroup) ownGroupTouched = true;
         items[MakeOomWatermarkKey(event)] = MakeOomEventItem(event);
         LogPolledEvent(event);
     }
@@ -147,8 +137,7 @@ void CMonitorPri::CheckMultiCgroupOom() {
             // Before sending, so that a failed send is not tried again at every poll.
             m_lastRuntimeOomReportTime = now;
             if (!ReportCgroupOomEvent("multi_cgroup_oom_runtime", items)) {
-                zel::CLogMessage::GetInstance()->WriteLogMessage("MonitorPri: report runtime cgroup OOM event failed",
-                                                                 zel::kLogWarning);
+                Say(zel::kLogWarning, "MonitorPri: report runtime cgroup OOM event failed");
             }
         }
     }

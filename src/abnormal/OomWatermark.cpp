@@ -6,6 +6,7 @@
 
 #include <exception>
 
+#include "platform/zel/AgentNames.h"
 #include "platform/zel/FileUtil.h"
 #include "platform/zel/PathInfo.h"
 
@@ -96,7 +97,7 @@ bool ParseOomWatermark(const std::string& text, OomWatermarkMap& watermarks) {
 }
 
 std::string GetOomWatermarkPath() {
-    return zel::COrvexPathInfo::GetInstance()->GetGlobalCfgPath() + kOomWatermarkFileName;
+    return zel::COrvexPathInfo::GetInstance()->GetGlobalCfgPath() + zel::kOomWatermarkFileName;
 }
 
 bool WriteOomWatermarkFile(const std::string& path, const std::vector<zel::CgroupMemoryOomEvent>& snapshot) {

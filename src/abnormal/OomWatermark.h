@@ -9,9 +9,6 @@
 #include "MonitorPri.h"
 #include "platform/zel/CgroupRecords.h"
 
-/// Name of the watermark file; joined to the global configuration directory as it stands.
-constexpr const char* kOomWatermarkFileName = "/cgroup_oom_watermark.json";
-
 /// Most bytes of the watermark file that are read. An item takes about 250 bytes, so this is over 200 control groups.
 constexpr unsigned long kOomWatermarkMaxBytes = 65536;
 

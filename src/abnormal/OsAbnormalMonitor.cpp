@@ -8,15 +8,16 @@
 #include <ctime>
 #include <vector>
 
+#include "MonitorCommon.h"
 #include "abnormal/OsAbnormalDecisions.h"
-#include "platform/host/MsgTransmit.h"
 #include "platform/host/OnlineClientConf.h"
 #include "platform/zel/FileUtil.h"
-#include "platform/zel/LogMessage.h"
 #include "platform/zel/OSInfo.h"
 #include "platform/zel/ProcessUtil.h"
 #include "platform/zel/StringUtil.h"
 #include "platform/zel/ToolUtil.h"
+
+using monitor::Say;
 
 namespace {
 
@@ -57,7 +58,7 @@ void ParseVmstat(const std::list<std::string>& lines, const SwapIndexMap& thresh
         const std::vector<std::string> fields = zel::CStringUtil::stringSplit(line, " ");
         if (fields.size() < 2 || thresholds.count(fields[0]) == 0) continue;
         bool ok = false;
-        const unsigned long value = zel::CStringUtil::StringToUInt(fields[1], &ok, 10);
+        const unsigned long value = zel::CStringUtil::StringToUInt(fields[1], &ok, monitor::kDecimal);
         if (ok) out[fields[0]] = value;
         if (++found >= wanted) return;
     }
@@ -88,7 +89,7 @@ COsAbnormalMonitor::COsAbnormalMonitor()
 COsAbnormalMonitor::~COsAbnormalMonitor() = default;
 
 void COsAbnormalMonitor::run() {
-    zel::CLogMessage::GetInstance()->WriteLogMessage("COsAbnormalMonitor::run Enter", zel::kLogInfo);
+    Say(zel::kLogInfo, "COsAbnormalMonitor::run Enter");
     SetThreadName("OsAbnormalMonitor");
     zel::CToolUtil::sleep(kStartDelaySeconds);
     for (unsigned long tick = 0; !m_stopRequested; ++tick) {
@@ -143,7 +144,7 @@ void COsAbnormalMonitor::CheckOsAbnormal(unsigned long tick) {
     if (decision.send) {
         m_lastReportTick = tick;
         IMsgTransmit* transmit = GetMsgTransmitInstance();
-        if (transmit != nullptr) transmit->SendMsg("T_MSG_OS_ABNORMAL", body, "", 1, 0);
+        if (transmit != nullptr) monitor::SendOsAbnormal(*transmit, body);
     }
     // Nothing is written to a disk that is judged full, also hours after that judgement.
     if (!m_diskFull) m_eventStore.InsertData(type, eventTime, "", body);
@@ -175,7 +176,7 @@ bool COsAbnormalMonitor::IsDiskAbnormal(Json::Value& out, int& eventTime) {
     unsigned long freeSpace = 0;
     unsigned long freeInodes = 0;
     if (!zel::CToolUtil::GetSelfDiskFreeSpace(freeSpace, &freeInodes, "")) {
-        zel::CLogMessage::GetInstance()->WriteLogMessage("get disk free space fail", zel::kLogWarning);
+        Say(zel::kLogWarning, "get disk free space fail");
         return false;
     }
     if (!IsDiskShort(freeSpace, freeInodes)) return false;

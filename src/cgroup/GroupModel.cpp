@@ -2,11 +2,9 @@
 // Touches no group and keeps no state. Entered by the configuration and notify threads.
 #include "cgroup/GroupModel.h"
 
-#include "cgroup/UnifiedCommon.h"
+#include "MonitorCommon.h"
 #include "platform/zel/StringUtil.h"
 
-using unified::kLogSource;
-using unified::Log;
 using zel::CStringUtil;
 
 namespace {
@@ -22,7 +20,7 @@ std::vector<std::vector<std::string>> SplitEntries(const std::string& text, size
 }
 
 int32_t ToNumber(const std::string& text) {
-    return CStringUtil::StringToInt(text, nullptr, 10);
+    return CStringUtil::StringToInt(text, nullptr, monitor::kDecimal);
 }
 }  // namespace
 
@@ -46,21 +44,21 @@ std::vector<CompDef> ParseComponentDefs(const std::string& text) {
 // more than the group has: each is a cap, not a slice.
 const std::vector<GroupDef>& BuiltInGroups() {
     static const std::vector<GroupDef> groups = {
-        {"main", 20, 15360},
-        {"guard", 0, 10240},
-        {"collect-defense", 60, 92160},
+        {zel::kMainGroup, 20, 15360},
+        {zel::kGuardGroup, 0, 10240},
+        {zel::kCollectGroup, 60, 92160},
     };
     return groups;
 }
 
 const std::vector<CompDef>& BuiltInComponents() {
     static const std::vector<CompDef> components = {
-        {unified::kMainComponent, "main", "main", 2000, 15360},
-        {"TervaneMonitor", "collect-defense", "collect-defense", 6000, 40960},
-        {"TervaneUpdate", "guard", "guard", 0, 10240},
-        {"QorHips", "collect-defense", "collect-defense", 5000, 20480},
-        {"QorNet", "collect-defense", "collect-defense", 5000, 10240},
-        {"QorWebGuard", "collect-defense", "collect-defense", 5000, 20480},
+        {zel::kMainComponent, zel::kMainGroup, zel::kMainGroup, 2000, 15360},
+        {zel::kMonitorComponent, zel::kCollectGroup, zel::kCollectGroup, 6000, 40960},
+        {zel::kUpdateComponent, zel::kGuardGroup, zel::kGuardGroup, 0, 10240},
+        {zel::kHipsComponent, zel::kCollectGroup, zel::kCollectGroup, 5000, 20480},
+        {zel::kNetComponent, zel::kCollectGroup, zel::kCollectGroup, 5000, 10240},
+        {zel::kWebGuardComponent, zel::kCollectGroup, zel::kCollectGroup, 5000, 20480},
     };
     return components;
 }
@@ -105,8 +103,8 @@ void CMonitorPri::BuildCgroupGroupConfigs(long maxCpu, int maxMem, bool cpuOn, b
     if (groupDefs.empty()) {
         groupDefs = BuiltInGroups();
     } else {
-        Log().log(zel::kLogInfo, kLogSource, __LINE__, "MonitorPri: parsed %d cgroup groups from config",
-                  static_cast<int>(groupDefs.size()));
+        SAY_FORMATTED(zel::kLogInfo, "MonitorPri: parsed %d cgroup groups from config",
+                      static_cast<int>(groupDefs.size()));
     }
     GroupCpuQuotas groupQuotas;
     for (const GroupDef& group : groupDefs) {
@@ -119,8 +117,8 @@ void CMonitorPri::BuildCgroupGroupConfigs(long maxCpu, int maxMem, bool cpuOn, b
     if (componentDefs.empty()) {
         componentDefs = BuiltInComponents();
     } else {
-        Log().log(zel::kLogInfo, kLogSource, __LINE__, "MonitorPri: parsed %d cgroup components from config",
-                  static_cast<int>(componentDefs.size()));
+        SAY_FORMATTED(zel::kLogInfo, "MonitorPri: parsed %d cgroup components from config",
+                      static_cast<int>(componentDefs.size()));
     }
     for (const CompDef& component : componentDefs) {
         quotas.push_back(BuildComponentQuota(component, groupQuotas, maxMem));

@@ -8,18 +8,15 @@
 
 #include <algorithm>
 
+#include "MonitorCommon.h"
 #include "MonitorPri.h"
 #include "cgroup/SelfKillConversion.h"
-#include "cgroup/UnifiedCommon.h"
 #include "platform/zel/CgroupClient.h"
 #include "platform/zel/CgroupManager.h"
 
-using unified::kLogSource;
-using unified::Log;
-using unified::Say;
+using monitor::Say;
 
 namespace {
-constexpr const char* kConfigNotifyType = "T_MSG_IPC_CGROUP_CONFIG_NOTIFY";
 // The message carries no data: whoever gets it reads the component file again.
 constexpr const char* kConfigNotifyBody = "{}";
 }  // namespace
@@ -30,7 +27,7 @@ void CMonitorPri::SetIpcBroadcastCallback(void (*callback)(const std::string&, c
 
 void CMonitorPri::SetCgroupClient(zel::CCgroupClient* client) {
     m_cgroupClient = client;
-    Log().log(zel::kLogInfo, kLogSource, __LINE__, "MonitorPri: cgroup client set to %p", static_cast<void*>(client));
+    SAY_FORMATTED(zel::kLogInfo, "MonitorPri: cgroup client set to %p", static_cast<void*>(client));
 }
 
 void CMonitorPri::NotifyCgroupConfigChanged() {
@@ -38,7 +35,7 @@ void CMonitorPri::NotifyCgroupConfigChanged() {
         Say(zel::kLogWarning, "MonitorPri: no IPC broadcast callback, cannot send cgroup config notify");
         return;
     }
-    m_ipcBroadcastCallback(kConfigNotifyType, kConfigNotifyBody);
+    m_ipcBroadcastCallback(zel::kConfigNotifyMessage, kConfigNotifyBody);
     Say(zel::kLogInfo, "MonitorPri: sent cgroup config change notify via IPC");
 }
 
@@ -54,7 +51,7 @@ void CMonitorPri::UpdateUnifiedSelfKillQuota(const std::vector<zel::CgroupCompon
                                              bool memEnabled) {
     ClearUnifiedSelfKillQuota();
     const auto own = std::find_if(quotas.begin(), quotas.end(), [](const zel::CgroupComponentQuota& quota) {
-        return quota.name == unified::kMainComponent;
+        return quota.name == zel::kMainComponent;
     });
     if (own == quotas.end()) {
         Say(zel::kLogWarning,
@@ -69,10 +66,9 @@ void CMonitorPri::UpdateUnifiedSelfKillQuota(const std::vector<zel::CgroupCompon
         m_unifiedMemQuotaActive = true;
         m_unifiedMemQuotaKB = own->memQuotaKB;
     }
-    Log().log(zel::kLogInfo, kLogSource, __LINE__,
-              "MonitorPri: unified self-kill quota cpuActive=%d cpuQ=%d memActive=%d memQ=%d",
-              static_cast<int>(m_unifiedCpuQuotaActive), static_cast<int>(m_unifiedCpuQuota100Times),
-              static_cast<int>(m_unifiedMemQuotaActive), static_cast<int>(m_unifiedMemQuotaKB));
+    SAY_FORMATTED(zel::kLogInfo, "MonitorPri: unified self-kill quota cpuActive=%d cpuQ=%d memActive=%d memQ=%d",
+                  static_cast<int>(m_unifiedCpuQuotaActive), static_cast<int>(m_unifiedCpuQuota100Times),
+                  static_cast<int>(m_unifiedMemQuotaActive), static_cast<int>(m_unifiedMemQuotaKB));
 }
 
 // A quota replaces the configured maximum also when it is larger: it is what the kernel enforces.
@@ -93,10 +89,10 @@ void CMonitorPri::ResolveSelfKillLimits(long cfgCpu, int cfgMem, int& cpu, int& 
     if (cpuUnified) cpu = quotaCpu;
     if (memUnified) mem = quotaMem;
     if (!cpuUnified && !memUnified) return;
-    Log().log(zel::kLogInfo, kLogSource, __LINE__,
-              "MonitorPri: self-kill limits config(cpu=%lld mem=%d) effective(cpu=%d mem=%d) unified(cpu=%d mem=%d)",
-              static_cast<long long>(cfgCpu), cfgMem, cpu, mem, static_cast<int>(cpuUnified),
-              static_cast<int>(memUnified));
+    SAY_FORMATTED(
+        zel::kLogInfo,
+        "MonitorPri: self-kill limits config(cpu=%lld mem=%d) effective(cpu=%d mem=%d) unified(cpu=%d mem=%d)",
+        static_cast<long long>(cfgCpu), cfgMem, cpu, mem, static_cast<int>(cpuUnified), static_cast<int>(memUnified));
 }
 
 void CMonitorPri::ApplySelfKillLimitsFromConfig(ResourceConfig& cfg) {

@@ -3,44 +3,46 @@
 // file, that the unified limits no longer hold. Entered by the configuration and notify threads.
 #include <unistd.h>
 
+#include "MonitorCommon.h"
 #include "MonitorPri.h"
-#include "cgroup/UnifiedCommon.h"
+#include "cgroup/UnifiedState.h"
 #include "platform/zel/CgroupClient.h"
 #include "platform/zel/CgroupManager.h"
 #include "platform/zel/FileUtil.h"
 
-using unified::kLogSource;
-using unified::Log;
-using unified::Say;
+using monitor::Say;
 using zel::CFileUtil;
 
 namespace {
+/// Appended to the component file's path while an exit is being published.
+constexpr char kExitBackupSuffix[] = ".legacy_exit.bak";
+
 /// Returns: true once nothing stands at `path` any more. It is moved aside first and then deleted: after the move the
 /// published file is gone even if the deletion fails.
 bool MoveAwayAndDelete(const std::string& path) {
-    const std::string backup = path + unified::kExitBackupSuffix;
+    const std::string backup = path + kExitBackupSuffix;
     if (CFileUtil::IsFile(backup) && !CFileUtil::RemoveFile(backup)) return false;
     if (!zel::CFileCom(path).rename(backup)) return false;
     if (!CFileUtil::RemoveFile(backup)) {
-        Log().log(zel::kLogWarning, kLogSource, __LINE__,
-                  "MonitorPri: failed to remove unified config backup [%s] after exit", backup.c_str());
+        SAY_FORMATTED(zel::kLogWarning, "MonitorPri: failed to remove unified config backup [%s] after exit",
+                      backup.c_str());
     }
     return true;
 }
 
 void LeaveMainGroup(zel::CCgroupManager* manager) {
     manager->ResetMemoryOomMonitor();
-    manager->RemovePidFromGroup(unified::kMainGroup, getpid());  // ignoring: no reason to stay in the unified mode
+    manager->RemovePidFromGroup(zel::kMainGroup, getpid());  // ignoring: no reason to stay in the unified mode
 }
 }  // namespace
 
 bool CMonitorPri::PublishUnifiedExitConfig() {
-    const std::string path = unified::ComponentConfigPath();
+    const std::string path = ComponentConfigPath();
     if (CFileUtil::IsFile(path)) {
         bool published = MoveAwayAndDelete(path);
         if (!published) {
-            Log().log(zel::kLogWarning, kLogSource, __LINE__,
-                      "MonitorPri: failed to move cgroup config [%s], writing disabled config", path.c_str());
+            SAY_FORMATTED(zel::kLogWarning, "MonitorPri: failed to move cgroup config [%s], writing disabled config",
+                          path.c_str());
             if (m_cgroupManager != nullptr) published = m_cgroupManager->WriteDisabledConfig(path);
         }
         if (!published) {
@@ -71,7 +73,7 @@ bool CMonitorPri::EnterLegacyFallback(const std::vector<zel::CgroupGroupConfig>&
 }
 
 bool CMonitorPri::CleanupUnifiedConfigForLegacy() {
-    const std::string path = unified::ComponentConfigPath();
+    const std::string path = ComponentConfigPath();
     ClearUnifiedSelfKillQuota();
     if (!m_unifiedActive && !CFileUtil::IsFile(path)) return true;
     // A file left by an earlier run is published away in silence when there is no manager.
@@ -94,7 +96,7 @@ bool CMonitorPri::EnterUnifiedDisabled(const std::vector<zel::CgroupGroupConfig>
         EnterLegacyFallback(groups);
         return false;
     }
-    const std::string path = unified::ComponentConfigPath();
+    const std::string path = ComponentConfigPath();
     if (m_cgroupManager == nullptr || !m_cgroupManager->WriteDisabledConfig(path)) {
         Say(zel::kLogWarning, "MonitorPri: WriteDisabledConfig failed, fallback to legacy");
         EnterLegacyFallback(groups);

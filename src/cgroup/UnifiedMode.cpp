@@ -6,14 +6,13 @@
 // Entered by the configuration and notify threads, one at a time.
 #include <unistd.h>
 
-#include "cgroup/EffectiveCpu.h"
+#include "MonitorCommon.h"
 #include "MonitorPri.h"
-#include "cgroup/UnifiedCommon.h"
+#include "cgroup/EffectiveCpu.h"
+#include "cgroup/UnifiedState.h"
 #include "platform/zel/CgroupManager.h"
 
-using unified::kLogSource;
-using unified::Log;
-using unified::Say;
+using monitor::Say;
 
 /// What one build and reconcile wanted, and what came of it.
 struct CMonitorPri::UnifiedRun {
@@ -50,23 +49,23 @@ long CMonitorPri::GetEffectiveMultiCgroupMaxCpu(long maxCpu) {
 void CMonitorPri::ApplyMultiCgroupKernelPolicy(bool& cpuOn, bool& memOn) {
     if (m_localKernel.major == 0) GetLocalKernel();
     if (cpuOn && CheckKernelHits(MULTI_CGROUP_CPU_KERNEL_BLACKLIST)) {
-        Log().log(zel::kLogInfo, kLogSource, __LINE__, "MonitorPri: CPU cgroup disabled, kernel [%s] in blacklist",
-                  m_localKernel.release.c_str());
+        SAY_FORMATTED(zel::kLogInfo, "MonitorPri: CPU cgroup disabled, kernel [%s] in blacklist",
+                      m_localKernel.release.c_str());
         cpuOn = false;
     }
     if (!memOn) return;
     // Memory limits only on kernels that are allowed by name: an empty allowlist means none, deliberately.
     if (m_memLimitKernelRange.empty() || !LocalKernelLimits(m_memLimitKernelRange)) {
-        Log().log(zel::kLogInfo, kLogSource, __LINE__,
-                  "MonitorPri: Memory cgroup disabled, kernel [%s] not in allowlist", m_localKernel.release.c_str());
+        SAY_FORMATTED(zel::kLogInfo, "MonitorPri: Memory cgroup disabled, kernel [%s] not in allowlist",
+                      m_localKernel.release.c_str());
         memOn = false;
     } else if (!m_memLimitExcludeKernels.empty() && CheckKernelHits(m_memLimitExcludeKernels)) {
-        Log().log(zel::kLogInfo, kLogSource, __LINE__,
-                  "MonitorPri: Memory cgroup disabled, kernel [%s] in exclude list", m_localKernel.release.c_str());
+        SAY_FORMATTED(zel::kLogInfo, "MonitorPri: Memory cgroup disabled, kernel [%s] in exclude list",
+                      m_localKernel.release.c_str());
         memOn = false;
     } else if (!m_memLimitExcludeRange.empty() && LocalKernelLimits(m_memLimitExcludeRange)) {
-        Log().log(zel::kLogInfo, kLogSource, __LINE__,
-                  "MonitorPri: Memory cgroup disabled, kernel [%s] in exclude range", m_localKernel.release.c_str());
+        SAY_FORMATTED(zel::kLogInfo, "MonitorPri: Memory cgroup disabled, kernel [%s] in exclude range",
+                      m_localKernel.release.c_str());
         memOn = false;
     }
 }
@@ -94,18 +93,6 @@ void CMonitorPri::BuildAndReconcileUnified(int mode, long effectiveMaxCpu, int m
     run.parentMemKb = manager->IsParentMemActive() ? manager->GetParentMemLimitKB() : 0;
 }
 
-void CMonitorPri::RememberUnified(const UnifiedRun& run) {
-    m_lastUnifiedMaxCpu = run.effectiveMaxCpu;
-    m_lastUnifiedMaxMem = run.maxMem;
-    m_lastUnifiedMode = run.mode;
-}
-
-void CMonitorPri::ForgetUnified() {
-    m_lastUnifiedMode = 0;
-    m_lastUnifiedMaxCpu = 0;
-    m_lastUnifiedMaxMem = 0;
-}
-
 bool CMonitorPri::InitMultiCgroup(int mode, long maxCpu, int maxMem) {
     if (!m_isMainAgent) return true;
     if ((mode & MULTI_CGROUP_MODE_UNIFIED) == 0) return CleanupUnifiedConfigForLegacy();
@@ -116,7 +103,7 @@ bool CMonitorPri::InitMultiCgroup(int mode, long maxCpu, int maxMem) {
     }
     const long effectiveMaxCpu = GetEffectiveMultiCgroupMaxCpu(maxCpu);
     UnifiedRun run;
-    run.componentPath = unified::ComponentConfigPath();
+    run.componentPath = ComponentConfigPath();
     BuildAndReconcileUnified(mode, effectiveMaxCpu, maxMem, run);
     if (run.LimitsInForce()) return InitWithLimits(run);
 
@@ -126,7 +113,7 @@ bool CMonitorPri::InitMultiCgroup(int mode, long maxCpu, int maxMem) {
         return false;
     }
     if (!EnterUnifiedDisabled(run.groups)) return false;
-    if (run.reconciled) RememberUnified(run);
+    if (run.reconciled) RememberUnified(run.mode, run.effectiveMaxCpu, run.maxMem);
     Say(zel::kLogInfo, "MonitorPri: multi-cgroup initialized (unified disabled)");
     return true;
 }
@@ -137,13 +124,12 @@ bool CMonitorPri::InitWithLimits(const UnifiedRun& run) {
         EnterLegacyFallback(run.groups);
         return false;
     }
-    const bool pidOk = m_cgroupManager->AddPidToGroup(unified::kMainGroup, getpid());
+    const bool pidOk = m_cgroupManager->AddPidToGroup(zel::kMainGroup, getpid());
     const bool writeOk = pidOk && m_cgroupManager->WriteComponentConfig(run.componentPath, run.quotas,
                                                                         run.parentCpu100Times, run.parentMemKb);
     if (!writeOk) {
-        Log().log(zel::kLogWarning, kLogSource, __LINE__,
-                  "MonitorPri: init active failed (pid=%d write=%d), fallback to legacy", static_cast<int>(pidOk),
-                  static_cast<int>(writeOk));
+        SAY_FORMATTED(zel::kLogWarning, "MonitorPri: init active failed (pid=%d write=%d), fallback to legacy",
+                      static_cast<int>(pidOk), static_cast<int>(writeOk));
         EnterLegacyFallback(run.groups);
         return false;
     }
@@ -153,7 +139,7 @@ bool CMonitorPri::InitWithLimits(const UnifiedRun& run) {
     DetachLegacyRuntimeForUnifiedActive(run.cpuEnabled, run.memEnabled);
     CheckSelfCgroupOomAfterRestart();
     NotifyCgroupConfigChanged();
-    if (run.reconciled) RememberUnified(run);
+    if (run.reconciled) RememberUnified(run.mode, run.effectiveMaxCpu, run.maxMem);
     Say(zel::kLogInfo, "MonitorPri: multi-cgroup initialized");
     return true;
 }
@@ -167,13 +153,12 @@ bool CMonitorPri::UpdateMultiCgroup(int mode, long maxCpu, int maxMem) {
     if (mode == m_lastUnifiedMode && effectiveMaxCpu == m_lastUnifiedMaxCpu && maxMem == m_lastUnifiedMaxMem) {
         return true;
     }
-    Log().log(zel::kLogInfo, kLogSource, __LINE__,
-              "MonitorPri: multi-cgroup updating, mode %d->%d cpu %lld->%lld mem %d->%d", m_lastUnifiedMode, mode,
-              static_cast<long long>(m_lastUnifiedMaxCpu), static_cast<long long>(effectiveMaxCpu), m_lastUnifiedMaxMem,
-              maxMem);
+    SAY_FORMATTED(zel::kLogInfo, "MonitorPri: multi-cgroup updating, mode %d->%d cpu %lld->%lld mem %d->%d",
+                  m_lastUnifiedMode, mode, static_cast<long long>(m_lastUnifiedMaxCpu),
+                  static_cast<long long>(effectiveMaxCpu), m_lastUnifiedMaxMem, maxMem);
     UnifiedRun run;
     BuildAndReconcileUnified(mode, effectiveMaxCpu, maxMem, run);
-    run.componentPath = unified::ComponentConfigPath();
+    run.componentPath = ComponentConfigPath();
     if (run.LimitsInForce()) return UpdateWithLimits(run);
 
     if (run.LimitsWanted() && !run.reconciled) {
@@ -183,7 +168,7 @@ bool CMonitorPri::UpdateMultiCgroup(int mode, long maxCpu, int maxMem) {
     }
     if (!EnterUnifiedDisabled(run.groups)) return false;
     if (run.reconciled) {
-        RememberUnified(run);
+        RememberUnified(run.mode, run.effectiveMaxCpu, run.maxMem);
     } else {
         ForgetUnified();
     }
@@ -195,7 +180,7 @@ bool CMonitorPri::UpdateWithLimits(const UnifiedRun& run) {
     if (run.parentStuck) {
         Say(zel::kLogWarning, "MonitorPri: parent clear failed during update, restoring previous state");
     } else {
-        if (!m_cgroupManager->AddPidToGroup(unified::kMainGroup, getpid())) {
+        if (!m_cgroupManager->AddPidToGroup(zel::kMainGroup, getpid())) {
             Say(zel::kLogWarning, "MonitorPri: add main pid failed during update, fallback to legacy");
             EnterLegacyFallback(run.groups);
             return false;
@@ -212,7 +197,7 @@ bool CMonitorPri::UpdateWithLimits(const UnifiedRun& run) {
     DetachLegacyRuntimeForUnifiedActive(run.cpuEnabled, run.memEnabled);
     NotifyCgroupConfigChanged();
     if (run.reconciled) {
-        RememberUnified(run);
+        RememberUnified(run.mode, run.effectiveMaxCpu, run.maxMem);
     } else {
         Say(zel::kLogWarning, "MonitorPri: reconcile partial failure, config written but last state not updated");
         ForgetUnified();

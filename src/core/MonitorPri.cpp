@@ -7,18 +7,16 @@
 #include <ctime>
 
 #include "LimitConversion.h"
+#include "MonitorCommon.h"
 #include "platform/zel/CgroupClient.h"
 #include "platform/zel/CgroupManager.h"
-#include "platform/zel/LogMessage.h"
 #include "platform/zel/OSInfo.h"
 #include "platform/zel/ThreadUtil.h"
 #include "platform/zel/ToolUtil.h"
 
-namespace {
+using monitor::Say;
 
-constexpr const char* kSource = "MonitorPri";
-constexpr const char* kMainAgentName = "tervane";
-constexpr const char* kConfigFile = "/conf/resource_config";
+namespace {
 
 constexpr const char* kHeartbeatTimerName = "main_heartbeat";
 constexpr unsigned long kHeartbeatPeriodMs = 60000;
@@ -34,15 +32,11 @@ constexpr unsigned long kOomCheckRounds = 15;
 constexpr int64_t kMemInfoForcedSeconds = 3600;
 constexpr int kMemInfoHighPercent = 80;
 
-void LogFixed(const char* text, int level) {
-    zel::CLogMessage::GetInstance()->WriteLogMessage(text, level);
-}
-
 }  // namespace
 
 CMonitorPri::CMonitorPri() {
     CMtIntf::RegMtInfoCallback(this);
-    m_configPath = zel::CToolUtil::GetApplicationDirPath() + kConfigFile;
+    m_configPath = zel::CToolUtil::GetApplicationDirPath() + zel::kResourceConfigFileName;
 }
 
 CMonitorPri::~CMonitorPri() {
@@ -56,15 +50,15 @@ CMonitorPri::~CMonitorPri() {
 
 bool CMonitorPri::StartMonitor(IResourceMonitorEvent* event, const std::string& appName) {
     m_appName = appName;
-    if (appName == kMainAgentName) {
+    if (appName == zel::kMainProcessName) {
         m_isMainAgent = true;
         // Not fatal: the agent keeps its own budget without watching the host.
-        if (!m_osAbnormalMonitor.Start()) LogFixed("start os os abnormal monitor fail", zel::kLogWarning);
+        if (!m_osAbnormalMonitor.Start()) Say(zel::kLogWarning, "start os os abnormal monitor fail");
     }
 
     ResourceConfig config;
     if (!ParseMonitorConfig(m_configPath, config)) {
-        LogFixed("ParseMonitorConfig Fail", zel::kLogError);
+        Say(zel::kLogError, "ParseMonitorConfig Fail");
         return false;
     }
     config.auxValueB = kStartAuxValueB;
@@ -72,7 +66,7 @@ bool CMonitorPri::StartMonitor(IResourceMonitorEvent* event, const std::string& 
 
     COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance();
     if (conf == nullptr) {
-        LogFixed("get COnlineClientConf instance fail", zel::kLogError);
+        Say(zel::kLogError, "get COnlineClientConf instance fail");
         return false;
     }
     conf->AddNotify(this);
@@ -80,7 +74,7 @@ bool CMonitorPri::StartMonitor(IResourceMonitorEvent* event, const std::string& 
     m_heartbeatTimerId = startTimer(kHeartbeatPeriodMs, StringToMagicNum(kHeartbeatTimerName));
     if (m_heartbeatTimerId == 0) {
         // The subscription stays: the owner's StopMonitor takes it back.
-        LogFixed("start timer fail for monitor timer", zel::kLogWarning);
+        Say(zel::kLogWarning, "start timer fail for monitor timer");
         return false;
     }
     return CResourceMonitor::StartMonitor(event);
@@ -126,7 +120,7 @@ void CMonitorPri::OnUpdate() {
     RelaxMultiCgroupLimits(groupCpu, groupMem, solaris);
     if (!m_isMainAgent && m_cgroupClient != nullptr) {
         // The main process's broadcast may have been missed, so follow its file on every update.
-        LogFixed("MonitorPri: compensation reload cgroup config after online config update", zel::kLogInfo);
+        Say(zel::kLogInfo, "MonitorPri: compensation reload cgroup config after online config update");
         m_cgroupClient->ReloadConfig();
     }
     UpdateMultiCgroup(mode, groupCpu, groupMem);
@@ -151,8 +145,7 @@ void CMonitorPri::OnUpdate() {
     SetMaxFdCount(static_cast<int>(conf->maxFdCount.Get()));
     const int hashMode = static_cast<int>(conf->hashMode.Get());
     zel::CAlgorithmUtil::SetHashMode(hashMode);
-    zel::CLogMessage::GetInstance()->log(zel::kLogInfo, kSource, __LINE__, "set hash mode %u",
-                                         static_cast<unsigned int>(hashMode));
+    SAY_FORMATTED(zel::kLogInfo, "set hash mode %u", static_cast<unsigned int>(hashMode));
 }
 
 void LogMemInfo() {
@@ -167,7 +160,6 @@ void LogMemInfo() {
     }
     const int usagePercent = zel::COSInfo::GetMemoryUsage(nullptr);
     if (forced || usagePercent >= kMemInfoHighPercent) {
-        zel::CLogMessage::GetInstance()->log(zel::kLogInfo, kSource, __LINE__, "system memory usage is %d",
-                                             usagePercent);
+        SAY_FORMATTED(zel::kLogInfo, "system memory usage is %d", usagePercent);
     }
 }

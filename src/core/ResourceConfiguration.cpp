@@ -15,9 +15,9 @@
 #include <string>
 
 #include "LimitConversion.h"
+#include "MonitorCommon.h"
 #include "MonitorPri.h"
 #include "platform/zel/FileUtil.h"
-#include "platform/zel/LogMessage.h"
 #include "platform/zel/StringUtil.h"
 
 namespace {
@@ -26,7 +26,6 @@ using IniFile = CSimpleIniTempl<char, SI_GenericNoCase<char>, SI_ConvertA<char>>
 
 // Keys before any section header.
 constexpr const char* kUnnamedSection = "";
-constexpr int kDecimal = 10;
 // The parser takes a file whole, so what cannot be a configuration must not reach it.
 constexpr off_t kMaxFileBytes = 64L * 1024 * 1024;
 
@@ -61,7 +60,7 @@ std::string ReadText(const IniFile& ini, const char* key, const char* fallback) 
 
 // A value that is no number is converted like any other; the conversion decides what it is worth.
 int ReadInt(const IniFile& ini, const char* key, const char* fallback) {
-    return zel::CStringUtil::StringToInt(ReadText(ini, key, fallback), nullptr, kDecimal);
+    return zel::CStringUtil::StringToInt(ReadText(ini, key, fallback), nullptr, monitor::kDecimal);
 }
 
 }  // namespace
@@ -71,7 +70,7 @@ bool CMonitorPri::ParseMonitorConfig(const std::string& path, ResourceConfig& co
 
     IniFile ini(false, false, false);
     if (!Load(path, ini)) {
-        zel::CLogMessage::GetInstance()->WriteLogMessage("read resource monitor config fail", zel::kLogError);
+        monitor::Say(zel::kLogError, "read resource monitor config fail");
         return false;
     }
 

@@ -2,10 +2,9 @@
 // the host's memory and reports a shortage at once. Takes no lock; an entry that the map already holds is kept.
 #include <json/json.h>
 
+#include "MonitorCommon.h"
 #include "MonitorPri.h"
 #include "platform/host/Http.h"
-#include "platform/host/MsgTransmit.h"
-#include "platform/zel/LogMessage.h"
 #include "platform/zel/OSInfo.h"
 #include "platform/zel/ResourceLimitUtil.h"
 #include "platform/zel/StringUtil.h"
@@ -13,15 +12,11 @@
 
 namespace {
 
-constexpr const char* kSource = "MonitorPri";
-constexpr const char* kOsAbnormalMessage = "T_MSG_OS_ABNORMAL";
-constexpr int kDecimal = 10;
-
 std::string Text(long value) {
-    return zel::CStringUtil::IntToString(value, nullptr, kDecimal);
+    return zel::CStringUtil::IntToString(value, nullptr, monitor::kDecimal);
 }
 std::string Text(uint32_t value) {
-    return zel::CStringUtil::UIntToString(value, nullptr, kDecimal);
+    return zel::CStringUtil::UIntToString(value, nullptr, monitor::kDecimal);
 }
 std::string Text(bool value) {
     return value ? "1" : "0";
@@ -35,7 +30,7 @@ void SendMemoryShortage(int usagePercent, unsigned long available) {
     body["mem_usage"] = usagePercent;
     body["available_mem"] = static_cast<Json::UInt64>(available);
     IMsgTransmit* transmit = GetMsgTransmitInstance();
-    if (transmit != nullptr) transmit->SendMsg(kOsAbnormalMessage, body.toStyledString(), "", 1, 0);
+    if (transmit != nullptr) monitor::SendOsAbnormal(*transmit, body.toStyledString());
 }
 
 }  // namespace
@@ -50,7 +45,7 @@ bool CMonitorPri::GetExceptionInfo(std::map<std::string, std::string>& info) {
 
     ResourceMonitorInfo figures;
     if (!FetchResourceMonitorInfo(figures)) {
-        zel::CLogMessage::GetInstance()->WriteLogMessage("FetchResourceMonitorInfo fail", zel::kLogError);
+        monitor::Say(zel::kLogError, "FetchResourceMonitorInfo fail");
         return false;
     }
     // emplace: the first value of a key wins.
@@ -85,7 +80,7 @@ bool CMonitorPri::GetExceptionInfo(std::map<std::string, std::string>& info) {
     IHttp* http = GetHttpInstance();
     const unsigned int failCount = http != nullptr ? http->GetFailCount() : 0;
     if (failCount != 0) {
-        zel::CLogMessage::GetInstance()->log(zel::kLogInfo, kSource, __LINE__, "http fail count is %u", failCount);
+        SAY_FORMATTED(zel::kLogInfo, "http fail count is %u", failCount);
         insert("_http_fail_count", Text(failCount));
     }
     return true;

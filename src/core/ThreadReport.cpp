@@ -8,13 +8,12 @@
 #include <cstdio>
 
 #include "Monitor.h"
+#include "MonitorCommon.h"
 #include "platform/zel/FileUtil.h"
-#include "platform/zel/LogMessage.h"
 #include "platform/zel/ThreadUtil.h"
 
 namespace {
 
-constexpr const char* kSource = "Monitor";
 constexpr size_t kLineBytes = 1024;  // one formatted line; what is longer is cut
 constexpr unsigned long kStackReadLimit = 104857600;
 
@@ -65,9 +64,8 @@ void CMonitor::GetThreadsInfo(std::string& report, unsigned int* highTid) {
         }
     }
 
-    zel::CLogMessage* logger = zel::CLogMessage::GetInstance();
     if (largestLoad > 0 && highTid != nullptr) {
-        logger->log(zel::kLogInfo, kSource, __LINE__, "cpu high thread id:%u", busiestTid);
+        SAY_FORMATTED_AS(monitor::kFacadeLogSource, zel::kLogInfo, "cpu high thread id:%u", busiestTid);
         *highTid = busiestTid;
         char path[64];
         snprintf(path, sizeof path, "/proc/%u/task/%u/stack", static_cast<unsigned int>(getpid()), busiestTid);
@@ -80,7 +78,7 @@ void CMonitor::GetThreadsInfo(std::string& report, unsigned int* highTid) {
     // The label says pid; the value is the host's id of this thread.
     AppendFormatted(report, "curr pid %u\n",
                     static_cast<unsigned int>(CSingleton<CMonitor>::GetInstance()->GetCurrThreadId()));
-    logger->WriteLogMessage(report, zel::kLogInfo);
+    monitor::Say(zel::kLogInfo, report);
 
     // The messages are logged one by one and so are not in the block that was just logged.
     zel::CMutexLockUtil guard(m_monitorPointLock);
@@ -88,7 +86,7 @@ void CMonitor::GetThreadsInfo(std::string& report, unsigned int* highTid) {
         if (point == nullptr) continue;
         const std::string message = point->GetMonitorMessage();
         if (message.empty()) continue;
-        logger->log(zel::kLogInfo, kSource, __LINE__, "Msg:%s", message.c_str());
+        SAY_FORMATTED_AS(monitor::kFacadeLogSource, zel::kLogInfo, "Msg:%s", message.c_str());
         report += message + "\n";
     }
 }

@@ -12,13 +12,13 @@
 bool CMonitorPri::WriteCgroupError(int errorCode) {
     if (!IsRecordedCgroupError(errorCode)) return false;
     const std::string text = FormatCgroupError(errorCode, time(nullptr));
-    const std::string path = zel::CToolUtil::GetApplicationDirPath() + kCgroupErrorFileName;
+    const std::string path = zel::CToolUtil::GetApplicationDirPath() + zel::kCgroupErrorFileName;
     if (!IsUsableCgroupErrorPath(path.size())) return false;
     return zel::CFileUtil::WriteNewFile(path, text, false);
 }
 
 bool CMonitorPri::CheckCgroupError() {
-    const std::string path = zel::CToolUtil::GetApplicationDirPath() + kCgroupErrorFileName;
+    const std::string path = zel::CToolUtil::GetApplicationDirPath() + zel::kCgroupErrorFileName;
     if (!IsUsableCgroupErrorPath(path.size()) || !zel::CFileUtil::IsFile(path)) return false;
 
     std::list<std::string> lines;

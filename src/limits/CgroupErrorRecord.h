@@ -6,9 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "MonitorCommon.h"
 #include "platform/zel/StringUtil.h"
-
-constexpr const char* kCgroupErrorFileName = "/cgroup_errors";
 
 /// The name alone is 14 characters: a path this short means an application directory that is empty or bogus.
 constexpr size_t kCgroupErrorLongestBogusPath = 24;
@@ -42,7 +41,7 @@ inline std::string FormatCgroupError(int code, int64_t when) {
 inline bool ParseCgroupError(const std::string& line, int& code, int64_t& when) {
     const std::vector<std::string> pieces = zel::CStringUtil::stringSplit(line, "-");
     if (pieces.size() != 2) return false;
-    code = zel::CStringUtil::StringToInt(pieces[0], nullptr, 10);
-    when = zel::CStringUtil::StringToInt(pieces[1], nullptr, 10);
+    code = zel::CStringUtil::StringToInt(pieces[0], nullptr, monitor::kDecimal);
+    when = zel::CStringUtil::StringToInt(pieces[1], nullptr, monitor::kDecimal);
     return true;
 }

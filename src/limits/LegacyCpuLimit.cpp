@@ -6,14 +6,14 @@
 #include <ctime>
 
 #include "LegacyLimitMath.h"
+#include "MonitorCommon.h"
 #include "MonitorPri.h"
 #include "platform/zel/CgroupManager.h"
-#include "platform/zel/LogMessage.h"
 #include "platform/zel/ResourceLimitUtil.h"
 
-namespace {
+using monitor::Say;
 
-constexpr const char* kLogSource = "MonitorPri";
+namespace {
 
 int StartLimit(zel::IResourceLimitUtil& util, int32_t value100Times, int& error) {
     error = 0;
@@ -55,42 +55,41 @@ bool CMonitorPri::CpuResourceLimit(int mode, long maxCpu) {
     m_legacyCpuCallCount = NextLegacyCpuCallCount(m_legacyCpuCallCount);
     if (m_legacyCpuCallCount % kLegacyCpuSyncPeriod == 0) util.SyncCpuLimit();
 
-    zel::CLogMessage& log = *zel::CLogMessage::GetInstance();
     int error = 0;
     const bool enable = (mode & MULTI_CGROUP_MODE_CPU) != 0;
 
     if (m_legacyCpuEnabled != enable || m_legacyCpuLimitValue != value) {
-        log.log(zel::kLogInfo, kLogSource, __LINE__, "resource mode user conf:%d", mode);
-        log.log(zel::kLogInfo, kLogSource, __LINE__, "resource cpu user conf:%d", static_cast<int>(maxCpu));
+        SAY_FORMATTED(zel::kLogInfo, "resource mode user conf:%d", mode);
+        SAY_FORMATTED(zel::kLogInfo, "resource cpu user conf:%d", static_cast<int>(maxCpu));
         m_legacyCpuMode = mode;
         m_legacyCpuEnabled = enable;
         m_legacyCpuLimitValue = value;
-        log.log(zel::kLogInfo, kLogSource, __LINE__, "resource get res:%d", mode & MULTI_CGROUP_MODE_CPU);
+        SAY_FORMATTED(zel::kLogInfo, "resource get res:%d", mode & MULTI_CGROUP_MODE_CPU);
         if (!enable) {
-            log.WriteLogMessage("match 0 try to close resource limit", zel::kLogInfo);
+            Say(zel::kLogInfo, "match 0 try to close resource limit");
             const int ret = util.StopCpuLimit(error);
             if (ret != 0) m_legacyCpuErrorCode = PackLimitError(ret, error);
         } else {
-            log.WriteLogMessage("not match 0 try to start resource limit", zel::kLogInfo);
+            Say(zel::kLogInfo, "not match 0 try to start resource limit");
             const int ret = StartLimit(util, value, error);
             if (ret != 0) {
-                log.log(zel::kLogWarning, kLogSource, __LINE__, "limit cpu fail, error is %d", error);
+                SAY_FORMATTED(zel::kLogWarning, "limit cpu fail, error is %d", error);
                 m_legacyCpuErrorCode = PackLimitError(ret, error);
             } else {
-                log.WriteLogMessage("limit cpu success", zel::kLogInfo);
+                Say(zel::kLogInfo, "limit cpu success");
             }
         }
         m_resourceLimited = util.IsCpuLimited();
         return true;
     }
 
-    log.WriteLogMessage("resource limit mode and max limit cpu is not change", zel::kLogInfo);
+    Say(zel::kLogInfo, "resource limit mode and max limit cpu is not change");
     const int32_t now = static_cast<int32_t>(time(nullptr));
     if (!IsLegacyCpuRetryDue(m_legacyCpuLastRetryTime, now)) return true;
     m_legacyCpuLastRetryTime = now;  // also when no retry follows
     if (!enable || m_resourceLimited) return true;
 
-    log.log(zel::kLogInfo, kLogSource, __LINE__, "try limit cpu again:%d", static_cast<int>(maxCpu));
+    SAY_FORMATTED(zel::kLogInfo, "try limit cpu again:%d", static_cast<int>(maxCpu));
     const int ret = StartLimit(util, value, error);
     if (ret != 0) m_legacyCpuErrorCode = PackLimitError(ret, error);
     m_resourceLimited = util.IsCpuLimited();

@@ -3,13 +3,9 @@
 // Entered by the thread that handles the configuration and, in a component, also by the one that takes the host's
 // messages (client reload), at any moment of an online update. Every member is an atomic of its own; what the update
 // stores after a reset stands until its next pass, where the client's membership decides again.
+#include "MonitorCommon.h"
 #include "MonitorPri.h"
-#include "platform/zel/LogMessage.h"
 #include "platform/zel/ResourceLimitUtil.h"
-
-namespace {
-constexpr const char* kLogSource = "MonitorPri";
-}  // namespace
 
 // Error codes, the applied mode and the pass counter outlive every reset: they tell what happened, not what holds.
 
@@ -50,21 +46,20 @@ void CMonitorPri::DetachLegacyV2RuntimeState() {
 void CMonitorPri::DisableLegacyCgroupLimitState(const char* reason) {
     zel::IResourceLimitUtil* util = zel::GetResourceLimitUtil();
     if (util != nullptr) {
-        zel::CLogMessage& log = *zel::CLogMessage::GetInstance();
         const char* reasonText = reason != nullptr ? reason : "";
         int error = 0;
         int ret = util->StopCpuLimit(error);
         if (ret != 0) {
-            log.log(zel::kLogWarning, kLogSource, __LINE__,
-                    "MonitorPri: uninstall legacy cpu cgroup failed ret[%d] err[%d], reason[%s]", ret, error,
-                    reasonText);
+            SAY_FORMATTED(zel::kLogWarning,
+                          "MonitorPri: uninstall legacy cpu cgroup failed ret[%d] err[%d], reason[%s]", ret, error,
+                          reasonText);
         }
         error = 0;
         ret = util->StopMemLimit(error, true);
         if (ret != 0) {
-            log.log(zel::kLogWarning, kLogSource, __LINE__,
-                    "MonitorPri: uninstall legacy mem cgroup failed ret[%d] err[%d], reason[%s]", ret, error,
-                    reasonText);
+            SAY_FORMATTED(zel::kLogWarning,
+                          "MonitorPri: uninstall legacy mem cgroup failed ret[%d] err[%d], reason[%s]", ret, error,
+                          reasonText);
         }
         util->ReleaseLimits();
     }

@@ -3,14 +3,14 @@
 // Entered by configuration parsing and by the online update, which their callers serialise. A client reload on another
 // thread may reset the remembered values meanwhile (LegacyLimitState.cpp).
 #include "LegacyLimitMath.h"
+#include "MonitorCommon.h"
 #include "MonitorPri.h"
 #include "platform/zel/CgroupManager.h"
-#include "platform/zel/LogMessage.h"
 #include "platform/zel/ResourceLimitUtil.h"
 
-namespace {
+using monitor::Say;
 
-constexpr const char* kLogSource = "MonitorPri";
+namespace {
 
 // Refusals of our own, beside the limit object's error numbers. Neither is put on record.
 constexpr int kRefusedByErrorRecord = 120;
@@ -43,10 +43,9 @@ bool CMonitorPri::MemResourceLimit(int mode, int firstLimit, int secondLimit, bo
         return true;
     }
 
-    zel::CLogMessage& log = *zel::CLogMessage::GetInstance();
     const bool enable = (mode & MULTI_CGROUP_MODE_MEM) != 0;
     if (m_legacyMemEnabled == enable && m_legacyMemFirstLimit == firstLimit && m_legacyMemSecondLimit == secondLimit) {
-        log.WriteLogMessage("resource limit mode and max limit mem is not change", zel::kLogInfo);
+        Say(zel::kLogInfo, "resource limit mode and max limit mem is not change");
         // A wanted limit that is not in force is tried again at every call; the error record is what holds it back.
         if (!enable || m_legacyMemLimited) return true;
     }
@@ -57,7 +56,7 @@ bool CMonitorPri::MemResourceLimit(int mode, int firstLimit, int secondLimit, bo
     int ret = 0;
     int error = 0;
     if (!enable) {
-        log.WriteLogMessage("match 0 try to close mem limit", zel::kLogInfo);
+        Say(zel::kLogInfo, "match 0 try to close mem limit");
         zel::IResourceLimitUtil& util = *zel::GetResourceLimitUtil();
         ret = util.StopMemLimit(error, true);
         if (ret != 0) m_legacyMemErrorCode = PackLimitError(ret, error);
@@ -66,15 +65,15 @@ bool CMonitorPri::MemResourceLimit(int mode, int firstLimit, int secondLimit, bo
     }
 
     bool started = false;
-    log.WriteLogMessage("not match 0 try to set mem limit", zel::kLogInfo);
+    Say(zel::kLogInfo, "not match 0 try to set mem limit");
     const int32_t firstBytes = ShiftKbToBytes32(firstLimit);
     const int32_t secondBytes = ShiftKbToBytes32(secondLimit);
     if (CheckCgroupError()) {
         ret = kRefusedByErrorRecord;
-        log.WriteLogMessage("Has mnt or write limit error, not do limit!", zel::kLogInfo);
+        Say(zel::kLogInfo, "Has mnt or write limit error, not do limit!");
     } else if (m_memLimitKernelRange.empty() || !LocalKernelLimits(m_memLimitKernelRange)) {
         ret = kRefusedByKernel;
-        log.log(zel::kLogInfo, kLogSource, __LINE__, "kernel not in limit range: %s!", m_localKernel.release.c_str());
+        SAY_FORMATTED(zel::kLogInfo, "kernel not in limit range: %s!", m_localKernel.release.c_str());
     } else {
         zel::IResourceLimitUtil& util = *zel::GetResourceLimitUtil();
         // The limit object itself refuses excluded kernels, in PrepareMemLimit.
@@ -91,9 +90,9 @@ bool CMonitorPri::MemResourceLimit(int mode, int firstLimit, int secondLimit, bo
 
     if (ret != 0) {
         WriteCgroupError(ret);
-        log.log(zel::kLogWarning, kLogSource, __LINE__, "mem limit fail [%d - %d]", ret, error);
+        SAY_FORMATTED(zel::kLogWarning, "mem limit fail [%d - %d]", ret, error);
     } else {
-        log.WriteLogMessage("mem limit success", zel::kLogInfo);
+        Say(zel::kLogInfo, "mem limit success");
     }
     return started;
 }
