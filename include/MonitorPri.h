@@ -197,15 +197,15 @@ public:
     void CheckMultiCgroupOom();
 
 protected:
-    // --- steps of the unified mode: src/cgroup/UnifiedMode.cpp, UnifiedState.cpp ---
+    // --- steps of the unified mode, not exported: src/cgroup/UnifiedMode.cpp, UnifiedState.cpp ---
     struct ZEL_HIDDEN UnifiedRun;
-    void BuildUnified(int mode, long effectiveMaxCpu, int maxMem, UnifiedRun& run);
-    void BuildAndReconcileUnified(int mode, long effectiveMaxCpu, int maxMem, UnifiedRun& run);
-    bool InitWithLimits(const UnifiedRun& run);
-    bool UpdateWithLimits(const UnifiedRun& run);
-    bool RestoreLastUnified();
-    void RememberUnified(int mode, long effectiveMaxCpu, int maxMem);
-    void ForgetUnified();
+    ZEL_HIDDEN void BuildUnified(int mode, long effectiveMaxCpu, int maxMem, UnifiedRun& run);
+    ZEL_HIDDEN void BuildAndReconcileUnified(int mode, long effectiveMaxCpu, int maxMem, UnifiedRun& run);
+    ZEL_HIDDEN bool InitWithLimits(const UnifiedRun& run);
+    ZEL_HIDDEN bool UpdateWithLimits(const UnifiedRun& run);
+    ZEL_HIDDEN bool RestoreLastUnified();
+    ZEL_HIDDEN void RememberUnified(int mode, long effectiveMaxCpu, int maxMem);
+    ZEL_HIDDEN void ForgetUnified();
 
     // The declaration order is fixed. A value that a second thread reads is a RelaxedValue.
     RelaxedValue<bool> m_resourceLimited{false};
