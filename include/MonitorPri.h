@@ -21,8 +21,6 @@
 // the host's messages (ReloadCgroupClientConfig, which resets the legacy limits' state beside OnUpdate).
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <map>
 #include <string>
@@ -38,10 +36,6 @@
 #include "platform/zel/CgroupRecords.h"
 #include "platform/zel/Export.h"
 #include "platform/zel/TimerEvent.h"
-
-// glibc's <sys/types.h> used to define these as function-like macros; the kernel record has fields of these names.
-#undef major
-#undef minor
 
 namespace Json {
 class Value;
