@@ -201,7 +201,8 @@ protected:
     ZEL_HIDDEN void RememberUnified(int mode, long effectiveMaxCpu, int maxMem);
     ZEL_HIDDEN void ForgetUnified();
 
-    // The declaration order is fixed. A value that a second thread reads is a RelaxedValue.
+    // The declaration order is fixed. A value that a second thread reads is a RelaxedValue,
+    // a pointer a PublishedPointer.
     RelaxedValue<bool> m_resourceLimited{false};
     RelaxedValue<uint64_t> m_heartbeatTimerId{0};  // 0: no timer
     std::string m_appName;
@@ -227,7 +228,7 @@ protected:
     std::string m_memLimitExcludeKernels;
     std::string m_memLimitExcludeRange;
     // unified mode
-    RelaxedValue<zel::CCgroupManager*> m_cgroupManager{nullptr};  // owned
+    PublishedPointer<zel::CCgroupManager> m_cgroupManager{nullptr};  // owned
     RelaxedValue<bool> m_unifiedActive{false};
     int32_t m_lastUnifiedMaxMem = 0;  // MB
     int64_t m_lastUnifiedMaxCpu = 0;  // percent, already the effective value
