@@ -64,6 +64,11 @@ std::string Error::Text() const {
     return text;
 }
 
+std::string Error::Reason() const {
+    if (!hint.empty()) return hint;
+    return error != 0 ? ErrnoText(error) : KindName(kind);
+}
+
 Error ErrnoError(int error, std::string operation, std::string path, std::string hint) {
     return Error{KindOfErrno(error), error, std::move(operation), std::move(path), std::move(hint)};
 }

@@ -41,6 +41,8 @@ struct Error {
 
     /// Returns: "cannot <operation> <path>: <errno text>; <hint>".
     std::string Text() const;
+    /// Returns: why, for a line that names the path itself: the hint, else the errno's text, else the kind.
+    std::string Reason() const;
 };
 
 /// strerror without its static buffer.

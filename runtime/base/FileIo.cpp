@@ -1,0 +1,159 @@
+// The only place besides its neighbours here and the control groups' directories that opens files by name.
+#include "base/FileIo.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+
+namespace base {
+namespace {
+
+constexpr size_t kReadChunkBytes = 16 * 1024;
+constexpr mode_t kDirectoryMode = 0750;
+constexpr int kNeverFollowed = O_CLOEXEC | O_NOFOLLOW;
+// A pipe must not hold the opener up, and a terminal must not become ours; for a regular file both mean nothing.
+constexpr int kNeverWaits = O_NONBLOCK | O_NOCTTY;
+constexpr char kLinkHint[] = "a symbolic link is not followed";
+
+Result<Fd> Open(int directory, const std::string& path, int flags, mode_t mode) {
+    Fd fd(RetryOnSignal([&] { return ::openat(directory, path.c_str(), flags, mode); }));
+    if (fd) return fd;
+    const int error = errno;
+    return ErrnoError(error, "open", path, error == ELOOP ? kLinkHint : "");
+}
+
+Result<Fd> OpenRegular(int directory, const std::string& path, int flags, mode_t mode) {
+    Result<Fd> fd = Open(directory, path, flags | kNeverFollowed | kNeverWaits, mode);
+    if (!fd) return fd;
+    struct stat info {};
+    if (::fstat(fd->Get(), &info) != 0) return ErrnoError(errno, "stat", path);
+    if (!S_ISREG(info.st_mode)) return MakeError(ErrorKind::kRefused, "open", path, "not a regular file");
+    return fd;
+}
+
+bool IsDirectory(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool SameTime(const timespec& one, const timespec& other) {
+    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
+}
+
+}  // namespace
+
+Result<Fd> OpenForReading(const std::string& path) {
+    return OpenRegular(AT_FDCWD, path, O_RDONLY, 0);
+}
+
+Result<Fd> OpenForAppending(int directory, const std::string& path, mode_t mode) {
+    return OpenRegular(directory, path, O_RDWR | O_APPEND | O_CREAT, mode);
+}
+
+Result<Fd> OpenForUpdating(const std::string& path, mode_t mode) {
+    return OpenRegular(AT_FDCWD, path, O_RDWR | O_CREAT, mode);
+}
+
+Result<Fd> OpenExistingForWriting(const std::string& path) {
+    return Open(AT_FDCWD, path, O_WRONLY | kNeverFollowed | O_NOCTTY, 0);
+}
+
+Result<Fd> OpenDirectory(const std::string& path) {
+    return Open(AT_FDCWD, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+}
+
+Result<Fd> OpenOwnDirectory(const std::string& path) {
+    return Open(AT_FDCWD, path, O_RDONLY | O_DIRECTORY | kNeverFollowed, 0);
+}
+
+Result<std::string> ReadAll(const Fd& fd, size_t limit, const std::string& path) {
+    std::string text;
+    for (;;) {
+        const size_t before = text.size();
+        text.resize(before + kReadChunkBytes);
+        const ssize_t got = RetryOnSignal([&] { return ::read(fd.Get(), &text[before], kReadChunkBytes); });
+        if (got < 0) return ErrnoError(errno, "read", path);
+        text.resize(before + static_cast<size_t>(got));
+        if (text.size() > limit) {
+            return MakeError(ErrorKind::kTooLarge, "read", path, "longer than " + std::to_string(limit) + " bytes");
+        }
+        if (got == 0) return text;
+    }
+}
+
+Result<std::string> ReadWholeFile(const std::string& path, size_t limit) {
+    const Result<Fd> fd = OpenForReading(path);
+    if (!fd) return fd.GetError();
+    return ReadAll(*fd, limit, path);
+}
+
+Status WriteAll(const Fd& fd, std::string_view data, const std::string& path) {
+    while (!data.empty()) {
+        const ssize_t put = RetryOnSignal([&] { return ::write(fd.Get(), data.data(), data.size()); });
+        if (put < 0) return ErrnoError(errno, "write", path);
+        // Nothing taken and nothing said: to try again would be to try for ever.
+        if (put == 0) return MakeError(ErrorKind::kShortWrite, "write", path);
+        data.remove_prefix(static_cast<size_t>(put));
+    }
+    return {};
+}
+
+void RaiseEvent(const Fd& event) {
+    const uint64_t one = 1;
+    // Ignoring: the one failure there is (EAGAIN) means that the event stands already.
+    if (RetryOnSignal([&] { return ::write(event.Get(), &one, sizeof one); }) < 0) return;
+}
+
+Status MakeDirectories(const std::string& path) {
+    for (size_t at = 1; at <= path.size(); ++at) {
+        if (at < path.size() && path[at] != '/') continue;
+        const std::string part = path.substr(0, at);
+        if (::mkdir(part.c_str(), kDirectoryMode) == 0 || errno == EEXIST) continue;
+        const int error = errno;
+        if (!IsDirectory(part)) return ErrnoError(error, "make directory", part);
+        // A directory that exists already on a read-only file system is what was wanted.
+    }
+    if (!IsDirectory(path)) return MakeError(ErrorKind::kRefused, "use", path, "not a directory");
+    return {};
+}
+
+Status RemoveFile(const std::string& path) {
+    if (::unlink(path.c_str()) == 0 || errno == ENOENT) return {};
+    return ErrnoError(errno, "remove", path);
+}
+
+Status RenameFile(const std::string& from, const std::string& to) {
+    if (::rename(from.c_str(), to.c_str()) == 0) return {};
+    return ErrnoError(errno, "rename to " + to, from);
+}
+
+Status RenameIn(const Fd& directory, const std::string& from, const std::string& to) {
+    if (::renameat(directory.Get(), from.c_str(), directory.Get(), to.c_str()) == 0) return {};
+    return ErrnoError(errno, "rename to " + to, from);
+}
+
+bool FileMark::operator==(const FileMark& other) const {
+    if (exists != other.exists) return false;
+    if (!exists) return true;
+    return device == other.device && inode == other.inode && size == other.size && SameTime(modified, other.modified) &&
+           SameTime(changed, other.changed);
+}
+
+FileMark ReadFileMark(const std::string& path) {
+    FileMark mark;
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0) return mark;
+    mark.exists = true;
+    mark.device = info.st_dev;
+    mark.inode = info.st_ino;
+    mark.size = info.st_size;
+    mark.modified = info.st_mtim;
+    mark.changed = info.st_ctim;
+    return mark;
+}
+
+}  // namespace base

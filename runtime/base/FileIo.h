@@ -1,0 +1,75 @@
+// Files opened, read, written and moved by a process that runs as root: nothing is opened through a link as the last
+// element of its path, nothing but a regular file is taken for one (a pipe or a device that was planted there neither
+// blocks nor answers), every descriptor is close-on-exec, and no mode depends on the process's umask unsaid.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <string>
+#include <string_view>
+
+#include "base/Fd.h"
+#include "base/Result.h"
+
+namespace base {
+
+/// Opens a regular file for reading.
+Result<Fd> OpenForReading(const std::string& path);
+
+/// Opens a regular file for reading and appending; makes it with `mode`, which the process's umask narrows.
+/// `directory`: descriptor that a relative path begins at, AT_FDCWD for the working directory.
+Result<Fd> OpenForAppending(int directory, const std::string& path, mode_t mode);
+
+/// Opens a regular file for reading and writing; makes it with `mode`, which the process's umask narrows.
+Result<Fd> OpenForUpdating(const std::string& path, mode_t mode);
+
+/// Opens for writing what is there already; makes nothing. For kernel files and devices, so any kind of file.
+Result<Fd> OpenExistingForWriting(const std::string& path);
+
+/// Opens a directory for reading. A link is followed, as in the elements before it: whether the directory can be
+/// trusted is another question.
+Result<Fd> OpenDirectory(const std::string& path);
+/// The same for a directory whose name must not be a link.
+Result<Fd> OpenOwnDirectory(const std::string& path);
+
+/// Reads from where the descriptor stands to the end. `path` is for the error.
+/// On failure: kTooLarge when there is more than `limit` bytes; a part of a record is worse than none.
+Result<std::string> ReadAll(const Fd& fd, size_t limit, const std::string& path);
+
+/// Reads a regular file whole.
+Result<std::string> ReadWholeFile(const std::string& path, size_t limit);
+
+/// Writes all of it, across interruptions and short writes. `path` is for the error.
+Status WriteAll(const Fd& fd, std::string_view data, const std::string& path);
+
+/// Adds one to an event descriptor, so that whoever polls it wakes. One that is full wakes already.
+void RaiseEvent(const Fd& event);
+
+/// Makes a directory and its missing parents, mode 0750.
+Status MakeDirectories(const std::string& path);
+
+/// Removes a file or link. One that is not there is no failure.
+Status RemoveFile(const std::string& path);
+
+/// Renames; a target that exists is replaced. Not synced: for what may be found under either name after a crash.
+Status RenameFile(const std::string& from, const std::string& to);
+/// The same for two names in one directory.
+Status RenameIn(const Fd& directory, const std::string& from, const std::string& to);
+
+/// What distinguishes one state of a file from another without reading it.
+struct FileMark {
+    bool exists = false;
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    timespec modified{};
+    timespec changed{};
+
+    bool operator==(const FileMark& other) const;
+    bool operator!=(const FileMark& other) const { return !(*this == other); }
+};
+
+/// Returns: the mark of what stands at the path itself, be it a link; one that does not exist when it cannot be seen.
+FileMark ReadFileMark(const std::string& path);
+
+}  // namespace base

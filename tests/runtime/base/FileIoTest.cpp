@@ -1,0 +1,223 @@
+// Opening, reading and writing of files where somebody may have planted something else.
+#include "base/FileIo.h"
+
+#include <cerrno>
+#include <climits>
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+
+#include "Faults.h"
+#include "UtilSupport.h"
+
+using base::ErrorKind;
+using base::Fd;
+using base::Result;
+using base::Status;
+using faults::Call;
+using faults::Failing;
+using faults::ShortWrites;
+using support::ModeOf;
+using support::NamesIn;
+using support::PutFile;
+using support::ReadFile;
+using support::SmallDisk;
+using support::TempDir;
+using testing::ElementsAre;
+
+namespace {
+
+class FileIoTest : public testing::Test {
+protected:
+    // A file, and one of each kind that is none.
+    void SetUp() override {
+        PutFile(m_file, "text");
+        ASSERT_EQ(0, ::symlink("file", (m_dir / "link").c_str()));
+        ASSERT_EQ(0, ::mkfifo((m_dir / "pipe").c_str(), 0600));
+        ASSERT_EQ(0, ::mkdir((m_dir / "folder").c_str(), 0700));
+    }
+
+    TempDir m_dir;
+    const std::string m_file = m_dir / "file";
+};
+
+struct Opener {
+    const char* name;
+    Result<Fd> (*open)(const std::string& path);
+};
+
+constexpr Opener kOpeners[] = {
+    {"reading", base::OpenForReading},
+    {"appending", [](const std::string& path) { return base::OpenForAppending(AT_FDCWD, path, 0640); }},
+    {"updating", [](const std::string& path) { return base::OpenForUpdating(path, 0640); }}};
+
+TEST_F(FileIoTest, EveryOpenerTakesARegularFileOnly) {
+    for (const Opener& opener : kOpeners) {
+        const Result<Fd> fd = opener.open(m_file);
+        ASSERT_TRUE(fd) << opener.name;
+        EXPECT_EQ(FD_CLOEXEC, ::fcntl(fd->Get(), F_GETFD)) << opener.name;
+        for (const char* other : {"link", "pipe", "folder"}) {
+            const Result<Fd> refused = opener.open(m_dir / other);
+            ASSERT_FALSE(refused) << opener.name << " " << other;
+            EXPECT_THAT(refused.GetError().kind, testing::AnyOf(ErrorKind::kRefused, ErrorKind::kOther))
+                << opener.name << " " << other;
+        }
+        EXPECT_EQ("a symbolic link is not followed", opener.open(m_dir / "link").GetError().Reason());
+        EXPECT_EQ("not a regular file", opener.open("/dev/null").GetError().Reason());
+        EXPECT_EQ(ErrorKind::kNotFound, opener.open(m_dir / "none/file").GetError().kind);
+        EXPECT_EQ(ErrorKind::kNotFound, opener.open("").GetError().kind);
+    }
+    EXPECT_EQ("text", ReadFile(m_file));
+    EXPECT_EQ(ErrorKind::kNotFound, base::OpenForReading(m_dir / "none").GetError().kind);
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file", "folder", "link", "pipe"));
+}
+
+TEST_F(FileIoTest, WritersMakeAMissingFileWithTheirMode) {
+    const Result<Fd> folder = base::OpenDirectory(m_dir.Path());
+    ASSERT_TRUE(folder);
+    const Result<Fd> appending = base::OpenForAppending(folder->Get(), "made", 0640);
+    ASSERT_TRUE(appending);
+    EXPECT_EQ(0640, ModeOf(m_dir / "made"));
+    ASSERT_TRUE(base::WriteAll(*appending, "one", "made"));
+    ASSERT_EQ(0, ::lseek(appending->Get(), 0, SEEK_SET));
+    ASSERT_TRUE(base::WriteAll(*appending, "two", "made"));
+    EXPECT_EQ("onetwo", ReadFile(m_dir / "made"));
+    ASSERT_TRUE(base::OpenForUpdating(m_dir / "lock", 0600));
+    EXPECT_EQ(0600, ModeOf(m_dir / "lock"));
+}
+
+TEST_F(FileIoTest, WhatMustBeThereIsNotMade) {
+    EXPECT_TRUE(base::OpenExistingForWriting("/dev/null"));
+    EXPECT_EQ(ErrorKind::kNotFound, base::OpenExistingForWriting(m_dir / "none").GetError().kind);
+    EXPECT_EQ(ErrorKind::kRefused, base::OpenExistingForWriting(m_dir / "link").GetError().kind);
+    EXPECT_FALSE(support::NamesIn(m_dir.Path()).size() > 4);
+}
+
+TEST_F(FileIoTest, DirectoriesOpenWithAndWithoutALink) {
+    ASSERT_EQ(0, ::symlink("folder", (m_dir / "way").c_str()));
+    EXPECT_TRUE(base::OpenDirectory(m_dir / "folder"));
+    EXPECT_TRUE(base::OpenDirectory(m_dir / "way"));
+    EXPECT_TRUE(base::OpenOwnDirectory(m_dir / "folder"));
+    EXPECT_FALSE(base::OpenOwnDirectory(m_dir / "way"));
+    EXPECT_FALSE(base::OpenDirectory(m_file));
+    EXPECT_FALSE(base::OpenDirectory(m_dir / "none"));
+}
+
+TEST_F(FileIoTest, AWholeReadTakesUpToTheLimitAndRefusesMore) {
+    for (const size_t size : {size_t{0}, size_t{1}, size_t{16383}, size_t{16384}, size_t{16385}, size_t{100000}}) {
+        PutFile(m_file, std::string(size, 'x'));
+        const Result<std::string> whole = base::ReadWholeFile(m_file, size);
+        ASSERT_TRUE(whole) << size;
+        EXPECT_EQ(size, whole->size());
+        EXPECT_TRUE(base::ReadWholeFile(m_file, SIZE_MAX)) << size;
+        if (size == 0) continue;
+        const Result<std::string> cut = base::ReadWholeFile(m_file, size - 1);
+        ASSERT_FALSE(cut) << size;
+        EXPECT_EQ(ErrorKind::kTooLarge, cut.GetError().kind);
+    }
+    // The kernel gives such files no size.
+    EXPECT_TRUE(base::ReadWholeFile("/proc/self/status", 65536));
+}
+
+TEST_F(FileIoTest, FailedAndInterruptedReadsAreTold) {
+    PutFile(m_file, std::string(40000, 'x'));
+    {
+        const Failing broken(Call::kRead, EIO, 2);
+        const Result<std::string> text = base::ReadWholeFile(m_file, 100000);
+        ASSERT_FALSE(text);
+        EXPECT_EQ(EIO, text.GetError().error);
+        EXPECT_EQ("cannot read " + m_file + ": Input/output error", text.GetError().Text());
+    }
+    const Failing interrupted(Call::kRead, EINTR, 1, 3);
+    EXPECT_TRUE(base::ReadWholeFile(m_file, 100000));
+}
+
+TEST_F(FileIoTest, WritesAreCarriedOnAndTellWhatStopsThem) {
+    Result<Fd> fd = base::OpenForUpdating(m_file, 0600);
+    ASSERT_TRUE(fd);
+    {
+        const ShortWrites slow(3);
+        const Failing interrupted(Call::kWrite, EINTR, 2, 2);
+        EXPECT_TRUE(base::WriteAll(*fd, "0123456789", m_file));
+    }
+    EXPECT_EQ("0123456789", ReadFile(m_file));
+    const ShortWrites slow(3);
+    const Failing full(Call::kWrite, ENOSPC, 2);
+    const Status status = base::WriteAll(*fd, "abcdefghij", m_file);
+    ASSERT_FALSE(status);
+    EXPECT_EQ(ErrorKind::kNoSpace, status.GetError().kind);
+    EXPECT_TRUE(base::WriteAll(*fd, "", m_file));
+}
+
+TEST_F(FileIoTest, AnEventIsRaisedAndAFullOneIsNotWaitedFor) {
+    const Fd event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    ASSERT_TRUE(event);
+    base::RaiseEvent(event);
+    base::RaiseEvent(event);
+    uint64_t count = 0;
+    ASSERT_EQ(static_cast<ssize_t>(sizeof count), ::read(event.Get(), &count, sizeof count));
+    EXPECT_EQ(2U, count);
+    const uint64_t most = UINT64_MAX - 1;
+    ASSERT_EQ(static_cast<ssize_t>(sizeof most), ::write(event.Get(), &most, sizeof most));
+    base::RaiseEvent(event);
+    ASSERT_EQ(static_cast<ssize_t>(sizeof count), ::read(event.Get(), &count, sizeof count));
+    EXPECT_EQ(most, count);
+}
+
+TEST_F(FileIoTest, DirectoriesAreMadeWithTheirParents) {
+    EXPECT_TRUE(base::MakeDirectories(m_dir / "a/b/c"));
+    EXPECT_TRUE(base::MakeDirectories(m_dir / "a/b/c"));
+    EXPECT_TRUE(base::MakeDirectories(m_dir / "a/b/c/"));
+    EXPECT_EQ(0750, ModeOf(m_dir / "a/b/c"));
+    EXPECT_EQ(ErrorKind::kRefused, base::MakeDirectories(m_file).GetError().kind);
+    EXPECT_FALSE(base::MakeDirectories(m_dir / "file/below"));
+    EXPECT_FALSE(base::MakeDirectories(""));
+}
+
+TEST_F(FileIoTest, ADirectoryOnAReadOnlyDiskIsWhatWasWanted) {
+    SmallDisk disk(64);
+    if (!disk.Missing().empty()) GTEST_SKIP() << disk.Missing();
+    ASSERT_TRUE(base::MakeDirectories(disk / "there"));
+    ASSERT_TRUE(disk.MakeReadOnly());
+    EXPECT_TRUE(base::MakeDirectories(disk / "there"));
+    const Status status = base::MakeDirectories(disk / "there/more");
+    ASSERT_FALSE(status);
+    EXPECT_EQ(ErrorKind::kReadOnly, status.GetError().kind);
+    EXPECT_EQ(ErrorKind::kReadOnly, base::OpenForUpdating(disk / "file", 0600).GetError().kind);
+}
+
+TEST_F(FileIoTest, FilesAreMovedAndRemoved) {
+    PutFile(m_dir / "other", "replaced");
+    EXPECT_TRUE(base::RenameFile(m_file, m_dir / "other"));
+    EXPECT_EQ("text", ReadFile(m_dir / "other"));
+    EXPECT_EQ(ErrorKind::kNotFound, base::RenameFile(m_file, m_dir / "other").GetError().kind);
+    Result<Fd> folder = base::OpenDirectory(m_dir.Path());
+    ASSERT_TRUE(folder);
+    EXPECT_TRUE(base::RenameIn(*folder, "other", "file"));
+    EXPECT_EQ("text", ReadFile(m_file));
+    EXPECT_EQ(ErrorKind::kNotFound, base::RenameIn(*folder, "other", "file").GetError().kind);
+    EXPECT_TRUE(base::RemoveFile(m_dir / "link"));
+    EXPECT_EQ("text", ReadFile(m_file)) << "the link went, not its target";
+    EXPECT_TRUE(base::RemoveFile(m_dir / "link")) << "gone is gone";
+    EXPECT_FALSE(base::RemoveFile(m_dir / "folder"));
+}
+
+TEST_F(FileIoTest, AMarkTellsEveryChangeOfAFile) {
+    const base::FileMark before = base::ReadFileMark(m_file);
+    EXPECT_TRUE(before.exists);
+    EXPECT_EQ(before, base::ReadFileMark(m_file));
+    ASSERT_EQ(0, ::chmod(m_file.c_str(), 0600));
+    EXPECT_NE(before, base::ReadFileMark(m_file)) << "a mode is a change";
+    PutFile(m_dir / "new", "text");
+    ASSERT_TRUE(base::RenameFile(m_dir / "new", m_file));
+    EXPECT_NE(before.inode, base::ReadFileMark(m_file).inode);
+    EXPECT_NE(base::ReadFileMark(m_dir / "link"), base::ReadFileMark(m_file)) << "a link has a mark of its own";
+    EXPECT_FALSE(base::ReadFileMark(m_dir / "none").exists);
+    EXPECT_EQ(base::FileMark(), base::ReadFileMark(m_dir / "none"));
+}
+
+}  // namespace
