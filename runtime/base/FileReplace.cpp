@@ -1,0 +1,107 @@
+// All names are relative to one descriptor of the directory, so that the file that was checked, the file beside it and
+// the file that is replaced are in the same place even when the directory is moved meanwhile.
+#include "base/FileReplace.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "base/Fd.h"
+#include "base/FileIo.h"
+#include "base/FilePath.h"
+
+namespace base {
+namespace {
+
+// The file beside the one to be replaced. Its name holds the writing thread's id: two writers of one path never meet
+// in it, and what a crash left is taken away by the next thread of that id.
+class Aside {
+public:
+    Aside(const Fd& directory, const std::string& path)
+        : m_directory(directory),
+          m_name(FileNameOf(path) + "." + std::to_string(::gettid()) + ".tmp"),
+          m_path(DirectoryOf(path) + "/" + m_name) {}
+    ~Aside() {
+        if (m_file) ::unlinkat(m_directory.Get(), m_name.c_str(), 0);
+    }
+    Aside(const Aside&) = delete;
+    Aside& operator=(const Aside&) = delete;
+
+    Status Make(mode_t mode) {
+        if (::unlinkat(m_directory.Get(), m_name.c_str(), 0) != 0 && errno != ENOENT) {
+            return ErrnoError(errno, "remove", m_path);
+        }
+        m_file.Reset(RetryOnSignal([&] {
+            return ::openat(m_directory.Get(), m_name.c_str(),
+                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, mode);
+        }));
+        if (!m_file) return ErrnoError(errno, "make", m_path);
+        // Again, because the process's umask was applied at creation.
+        if (::fchmod(m_file.Get(), mode) != 0) return ErrnoError(errno, "set the mode of", m_path);
+        return {};
+    }
+
+    Status Fill(std::string_view text, Durability durability) {
+        Status status = WriteAll(m_file, text, m_path);
+        if (!status || durability == Durability::kRenewed) return status;
+        if (RetryOnSignal([&] { return ::fsync(m_file.Get()); }) != 0) return ErrnoError(errno, "sync", m_path);
+        return {};
+    }
+
+    Status RenameOver(const std::string& path) {
+        if (::renameat(m_directory.Get(), m_name.c_str(), m_directory.Get(), FileNameOf(path).c_str()) != 0) {
+            return ErrnoError(errno, "replace", path);
+        }
+        m_file.Reset();
+        return {};
+    }
+
+private:
+    const Fd& m_directory;
+    const std::string m_name;
+    const std::string m_path;
+    Fd m_file;
+};
+
+Status CheckTarget(const Fd& directory, const std::string& path) {
+    const std::string name = FileNameOf(path);
+    if (name.empty()) return MakeError(ErrorKind::kInvalidValue, "replace", path, "it names no file");
+    struct stat info {};
+    if (::fstatat(directory.Get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (errno == ENOENT) return {};
+        return ErrnoError(errno, "stat", path);
+    }
+    if (!S_ISREG(info.st_mode)) {
+        return MakeError(ErrorKind::kRefused, "replace", path, "not a regular file");
+    }
+    return {};
+}
+
+Status SyncDirectory(const Fd& directory, const std::string& path) {
+    if (RetryOnSignal([&] { return ::fsync(directory.Get()); }) == 0) return {};
+    // A file system that cannot sync directories keeps them in another way, or not at all: nothing to be done here.
+    if (errno == EINVAL || errno == ENOTSUP) return {};
+    return ErrnoError(errno, "sync", path);
+}
+
+}  // namespace
+
+Status ReplaceFile(const std::string& path, std::string_view text, mode_t mode, Durability durability) {
+    // Only what is to be synced needs a descriptor that is open for reading.
+    const int access = durability == Durability::kSynced ? O_RDONLY : O_PATH;
+    const Fd directory(
+        RetryOnSignal([&] { return ::open(DirectoryOf(path).c_str(), access | O_DIRECTORY | O_CLOEXEC); }));
+    if (!directory) return ErrnoError(errno, "open directory", DirectoryOf(path));
+    Status status = CheckTarget(directory, path);
+    if (!status) return status;
+    Aside aside(directory, path);
+    status = aside.Make(mode);
+    if (status) status = aside.Fill(text, durability);
+    if (status) status = aside.RenameOver(path);
+    if (!status || durability == Durability::kRenewed) return status;
+    return SyncDirectory(directory, DirectoryOf(path));
+}
+
+}  // namespace base

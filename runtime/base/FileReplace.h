@@ -1,0 +1,26 @@
+// One way to replace a file: whoever reads it finds the old text or the new one, whole, whatever fails on the way.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <string_view>
+
+#include "base/Result.h"
+
+namespace base {
+
+/// Whether a replacement outlives the power.
+enum class Durability {
+    kSynced,  ///< file and directory are on disk when it returns: after a crash the old or the new text is there
+    kRenewed  ///< nothing is synced: for a text that the next period writes again
+};
+
+/// Makes or replaces a regular file with exactly `text` and exactly `mode`, whatever the process's umask is: written
+/// beside it, renamed over it. What is not a regular file is never replaced, since somebody needs that link or device.
+/// On failure: the old file stays and nothing is left beside it. Only a failed sync of the directory comes after the
+/// new text is in place; it is told because the promise of kSynced is not kept.
+/// Blocks: for the disk, with kSynced.
+Status ReplaceFile(const std::string& path, std::string_view text, mode_t mode, Durability durability);
+
+}  // namespace base

@@ -1,0 +1,243 @@
+// One replacement for everybody: what it makes, what it refuses, and what is left when any step of it fails.
+#include "base/FileReplace.h"
+
+#include <cerrno>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+
+#include "Faults.h"
+#include "UtilSupport.h"
+
+using base::Durability;
+using base::ErrorKind;
+using base::ReplaceFile;
+using base::Status;
+using faults::Call;
+using faults::Failing;
+using faults::ShortWrites;
+using support::ModeOf;
+using support::NamesIn;
+using support::PutFile;
+using support::ReadFile;
+using support::SmallDisk;
+using support::TempDir;
+using testing::ElementsAre;
+
+namespace {
+
+constexpr Durability kBoth[] = {Durability::kSynced, Durability::kRenewed};
+
+class FileReplaceTest : public testing::Test {
+protected:
+    std::string AsideOf(const std::string& path) const { return path + "." + std::to_string(::gettid()) + ".tmp"; }
+
+    TempDir m_dir;
+    const std::string m_file = m_dir / "file";
+};
+
+TEST_F(FileReplaceTest, MakesAndReplacesWithExactlyTextAndMode) {
+    for (const Durability durability : kBoth) {
+        PutFile(m_file, std::string(10000, 'o'));
+        ASSERT_EQ(0, ::chmod(m_file.c_str(), 0666));
+        for (const mode_t mode : {0640U, 0644U, 0600U}) {
+            const mode_t before = ::umask(0077);
+            const Status status = ReplaceFile(m_file, "new, no end added", mode, durability);
+            ::umask(before);
+            EXPECT_TRUE(status) << status.GetError().Text();
+            EXPECT_EQ("new, no end added", ReadFile(m_file));
+            EXPECT_EQ(static_cast<int>(mode), ModeOf(m_file));
+            EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file"));
+        }
+        ASSERT_EQ(0, ::unlink(m_file.c_str()));
+        EXPECT_TRUE(ReplaceFile(m_file, "", 0640, durability));
+        EXPECT_EQ(0640, ModeOf(m_file));
+        EXPECT_EQ("", ReadFile(m_file));
+    }
+}
+
+TEST_F(FileReplaceTest, WhatIsNoRegularFileIsRefusedAndStays) {
+    PutFile(m_dir / "target", "untouched");
+    ASSERT_EQ(0, ::symlink("target", (m_dir / "link").c_str()));
+    ASSERT_EQ(0, ::symlink("nowhere", (m_dir / "dangling").c_str()));
+    ASSERT_EQ(0, ::mkfifo((m_dir / "pipe").c_str(), 0600));
+    ASSERT_EQ(0, ::mkdir((m_dir / "folder").c_str(), 0700));
+    const std::vector<std::string> before = NamesIn(m_dir.Path());
+    for (const Durability durability : kBoth) {
+        for (const char* name : {"link", "dangling", "pipe", "folder"}) {
+            const Status status = ReplaceFile(m_dir / name, "text", 0640, durability);
+            ASSERT_FALSE(status) << name;
+            EXPECT_EQ(ErrorKind::kRefused, status.GetError().kind) << name;
+            EXPECT_EQ("not a regular file", status.GetError().Reason()) << name;
+        }
+        EXPECT_EQ(ErrorKind::kRefused, ReplaceFile("/dev/full", "text", 0640, durability).GetError().kind);
+        EXPECT_EQ(ErrorKind::kInvalidValue, ReplaceFile(m_dir / "", "text", 0640, durability).GetError().kind);
+        EXPECT_EQ(ErrorKind::kInvalidValue, ReplaceFile("", "text", 0640, durability).GetError().kind);
+        EXPECT_EQ(ErrorKind::kNotFound, ReplaceFile(m_dir / "none/file", "x", 0640, durability).GetError().kind);
+        EXPECT_EQ(ErrorKind::kRefused, ReplaceFile(m_dir / "target/file", "x", 0640, durability).GetError().kind);
+    }
+    EXPECT_EQ("untouched", ReadFile(m_dir / "target"));
+    EXPECT_EQ(before, NamesIn(m_dir.Path()));
+    struct stat info {};
+    ASSERT_EQ(0, ::lstat((m_dir / "link").c_str(), &info));
+    EXPECT_TRUE(S_ISLNK(info.st_mode));
+}
+
+TEST_F(FileReplaceTest, NothingAtTheNameAsideIsWrittenThrough) {
+    PutFile(m_dir / "target", "untouched");
+    ASSERT_EQ(0, ::symlink("target", AsideOf(m_file).c_str()));
+    EXPECT_TRUE(ReplaceFile(m_file, "text", 0640, Durability::kSynced));
+    EXPECT_EQ("untouched", ReadFile(m_dir / "target"));
+    EXPECT_EQ("text", ReadFile(m_file));
+    PutFile(AsideOf(m_file), "left by a crash, longer than what follows");
+    EXPECT_TRUE(ReplaceFile(m_file, "again", 0640, Durability::kSynced));
+    EXPECT_EQ("again", ReadFile(m_file));
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file", "target"));
+    ASSERT_EQ(0, ::mkdir(AsideOf(m_file).c_str(), 0700));
+    EXPECT_FALSE(ReplaceFile(m_file, "third", 0640, Durability::kSynced));
+    EXPECT_EQ("again", ReadFile(m_file));
+}
+
+struct FaultCase {
+    const char* name;
+    Call call;
+    int error;
+    int nth;
+    ErrorKind kind;
+};
+
+TEST_F(FileReplaceTest, AFailedStepKeepsTheOldFileAndLeavesNoOther) {
+    PutFile(m_file, "old");
+    for (const FaultCase& one : {FaultCase{"first write", Call::kWrite, ENOSPC, 1, ErrorKind::kNoSpace},
+                                 FaultCase{"third write", Call::kWrite, ENOSPC, 3, ErrorKind::kNoSpace},
+                                 FaultCase{"write error", Call::kWrite, EIO, 2, ErrorKind::kOther},
+                                 FaultCase{"sync", Call::kFsync, EIO, 1, ErrorKind::kOther},
+                                 FaultCase{"sync that finds no room", Call::kFsync, ENOSPC, 1, ErrorKind::kNoSpace}}) {
+        const ShortWrites slow(3);
+        const Failing failing(one.call, one.error, one.nth);
+        const Status status = ReplaceFile(m_file, "0123456789", 0640, Durability::kSynced);
+        ASSERT_FALSE(status) << one.name;
+        EXPECT_EQ(one.kind, status.GetError().kind) << one.name;
+        EXPECT_EQ(one.error, status.GetError().error) << one.name;
+        EXPECT_EQ("old", ReadFile(m_file)) << one.name;
+        EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file")) << one.name;
+    }
+}
+
+TEST_F(FileReplaceTest, ShortAndInterruptedCallsAreCarriedOn) {
+    {
+        const ShortWrites slow(3);
+        EXPECT_TRUE(ReplaceFile(m_file, "0123456789", 0640, Durability::kSynced));
+    }
+    EXPECT_EQ("0123456789", ReadFile(m_file));
+    {
+        const Failing interrupted(Call::kWrite, EINTR, 1, 2);
+        EXPECT_TRUE(ReplaceFile(m_file, "again", 0640, Durability::kSynced));
+    }
+    EXPECT_EQ("again", ReadFile(m_file));
+    const Failing interrupted(Call::kFsync, EINTR, 1, 3);
+    EXPECT_TRUE(ReplaceFile(m_file, "third", 0640, Durability::kSynced));
+    EXPECT_EQ("third", ReadFile(m_file));
+}
+
+TEST_F(FileReplaceTest, OnlyASyncedOneSyncsItsFileAndThenItsFolder) {
+    {
+        const Failing counter(Call::kFsync, EIO, 100);
+        EXPECT_TRUE(ReplaceFile(m_file, "text", 0640, Durability::kRenewed));
+        EXPECT_EQ(0, counter.Calls());
+        EXPECT_TRUE(ReplaceFile(m_file, "text", 0640, Durability::kSynced));
+        EXPECT_EQ(2, counter.Calls());
+    }
+    {
+        const Failing directoryFails(Call::kFsync, EIO, 2);
+        const Status status = ReplaceFile(m_file, "newer", 0640, Durability::kSynced);
+        ASSERT_FALSE(status);
+        EXPECT_EQ(m_dir.Path(), status.GetError().path);
+        EXPECT_EQ("newer", ReadFile(m_file));
+    }
+    const Failing directoryCannot(Call::kFsync, EINVAL, 2);
+    EXPECT_TRUE(ReplaceFile(m_file, "newest", 0640, Durability::kSynced)) << "this file system syncs no directories";
+}
+
+TEST_F(FileReplaceTest, AFullDiskKeepsTheOldFile) {
+    SmallDisk disk(64);
+    if (!disk.Missing().empty()) GTEST_SKIP() << disk.Missing();
+    for (const Durability durability : kBoth) {
+        ASSERT_TRUE(ReplaceFile(disk / "file", "old", 0640, durability));
+        disk.Fill();
+        const Status status = ReplaceFile(disk / "file", std::string(8192, 'n'), 0640, durability);
+        ASSERT_FALSE(status);
+        EXPECT_EQ(ENOSPC, status.GetError().error);
+        EXPECT_EQ("old", ReadFile(disk / "file"));
+        EXPECT_THAT(NamesIn(disk.Path()), ElementsAre("file", "filler"));
+        ASSERT_EQ(0, ::unlink((disk / "filler").c_str()));
+        EXPECT_TRUE(ReplaceFile(disk / "file", std::string(8192, 'n'), 0640, durability));
+    }
+}
+
+TEST_F(FileReplaceTest, AReadOnlyDiskIsNamedAsSuch) {
+    SmallDisk disk(64);
+    if (!disk.Missing().empty()) GTEST_SKIP() << disk.Missing();
+    ASSERT_TRUE(ReplaceFile(disk / "file", "old", 0640, Durability::kSynced));
+    ASSERT_TRUE(disk.MakeReadOnly());
+    const Status status = ReplaceFile(disk / "file", "new", 0640, Durability::kSynced);
+    ASSERT_FALSE(status);
+    EXPECT_EQ(ErrorKind::kReadOnly, status.GetError().kind);
+    EXPECT_EQ("old", ReadFile(disk / "file"));
+}
+
+TEST_F(FileReplaceTest, WithoutADescriptorTheOldFileStays) {
+    PutFile(m_file, "old");
+    rlimit before{};
+    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
+    // The lowest free descriptor is the first that is refused; with one more the folder opens, and the file does not.
+    const int lowest = ::dup(STDIN_FILENO);
+    ASSERT_GE(lowest, 0);
+    ::close(lowest);
+    for (const int more : {0, 1}) {
+        const rlimit few{static_cast<rlim_t>(lowest + more), before.rlim_max};
+        ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &few));
+        const Status status = ReplaceFile(m_file, "new", 0640, Durability::kSynced);
+        ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before));
+        ASSERT_FALSE(status) << more;
+        EXPECT_EQ(EMFILE, status.GetError().error) << more;
+        EXPECT_EQ("old", ReadFile(m_file));
+        EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file"));
+    }
+    EXPECT_TRUE(ReplaceFile(m_file, "new", 0640, Durability::kSynced));
+}
+
+TEST_F(FileReplaceTest, WritersOfOneFileNeverMixTheirTexts) {
+    constexpr int kRounds = 200;
+    const std::string texts[] = {std::string(30000, 'a'), std::string(20000, 'b'), std::string(10000, 'c')};
+    std::vector<std::thread> writers;
+    for (const std::string& text : texts) {
+        writers.emplace_back([&, this] {
+            for (int round = 0; round < kRounds; ++round) {
+                EXPECT_TRUE(ReplaceFile(m_file, text, 0640, Durability::kRenewed));
+                const std::string found = ReadFile(m_file);
+                EXPECT_TRUE(found == texts[0] || found == texts[1] || found == texts[2]) << found.size();
+            }
+        });
+    }
+    for (std::thread& writer : writers) writer.join();
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file"));
+}
+
+TEST_F(FileReplaceTest, ItLeavesNoDescriptorOpen) {
+    const size_t before = support::OpenDescriptors();
+    EXPECT_TRUE(ReplaceFile(m_file, "text", 0640, Durability::kSynced));
+    EXPECT_FALSE(ReplaceFile(m_dir / "none/file", "text", 0640, Durability::kSynced));
+    {
+        const Failing failing(Call::kWrite, EIO);
+        EXPECT_FALSE(ReplaceFile(m_file, "text", 0640, Durability::kSynced));
+    }
+    EXPECT_EQ(before, support::OpenDescriptors());
+}
+
+}  // namespace
