@@ -1,0 +1,245 @@
+// The verdict on what root reads and runs: each way in which somebody else could have had a hand in it.
+#include "base/TrustedRead.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+
+#include "base/FileIo.h"
+#include "UtilSupport.h"
+
+using base::ErrorKind;
+using base::Fd;
+using base::OpenTrusted;
+using base::OpenTrustedDirectory;
+using base::OpenTrustedProgram;
+using base::ReadTrusted;
+using base::Result;
+using base::TrustScope;
+using support::PutFile;
+using support::TempDir;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr uid_t kForeigner = 65534;
+constexpr TrustScope kBoth[] = {TrustScope::kFile, TrustScope::kWithPlace};
+
+class TrustedReadTest : public testing::Test {
+protected:
+    void SetUp() override {
+        PutFile(m_file, "text");
+        ASSERT_EQ(0, ::chmod(m_file.c_str(), 0640));
+        ASSERT_EQ(0, ::mkdir(m_place.c_str(), 0755));
+        PutFile(m_place + "/file", "below");
+        ASSERT_EQ(0, ::chmod((m_place + "/file").c_str(), 0640));
+    }
+    void Refuses(const std::string& path, TrustScope scope, const std::string& why) {
+        const Result<std::string> text = ReadTrusted(path, 100, scope);
+        ASSERT_FALSE(text) << why;
+        EXPECT_EQ(ErrorKind::kRefused, text.GetError().kind) << why;
+        EXPECT_THAT(text.GetError().Reason(), HasSubstr(why));
+    }
+
+    TempDir m_dir;
+    const std::string m_file = m_dir / "file";
+    const std::string m_place = m_dir / "place";
+};
+
+TEST_F(TrustedReadTest, WhatOnlyThisUserCanWriteIsRead) {
+    for (const TrustScope scope : kBoth) {
+        for (const mode_t mode : {0400U, 0600U, 0640U, 0644U, 0755U}) {
+            ASSERT_EQ(0, ::chmod(m_file.c_str(), mode));
+            const Result<std::string> text = ReadTrusted(m_file, 4, scope);
+            ASSERT_TRUE(text) << text.GetError().Text();
+            EXPECT_EQ("text", *text);
+        }
+        EXPECT_EQ(ErrorKind::kTooLarge, ReadTrusted(m_file, 3, scope).GetError().kind);
+        EXPECT_EQ("longer than 3 bytes", ReadTrusted(m_file, 3, scope).GetError().Reason());
+        EXPECT_EQ(ErrorKind::kNotFound, ReadTrusted(m_dir / "none", 100, scope).GetError().kind);
+        EXPECT_EQ(ErrorKind::kNotFound, ReadTrusted(m_dir / "none/file", 100, scope).GetError().kind);
+        EXPECT_FALSE(ReadTrusted(m_dir / "", 100, scope));
+        EXPECT_FALSE(ReadTrusted("", 100, scope));
+    }
+}
+
+TEST_F(TrustedReadTest, WhatIsNoRegularFileIsRefusedAtOnce) {
+    ASSERT_EQ(0, ::symlink("file", (m_dir / "link").c_str()));
+    ASSERT_EQ(0, ::mkfifo((m_dir / "pipe").c_str(), 0600));
+    for (const TrustScope scope : kBoth) {
+        Refuses(m_dir / "link", scope, "a symbolic link is not followed");
+        Refuses(m_dir / "pipe", scope, "not a regular file");
+        Refuses(m_place, scope, "not a regular file");
+        Refuses("/dev/null", scope, "not a regular file");
+    }
+}
+
+TEST_F(TrustedReadTest, WhatOthersMayWriteIsRefusedWithItsRemedy) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: a user may let his group write";
+    for (const TrustScope scope : kBoth) {
+        for (const mode_t mode : {0666U, 0602U, 0662U}) {
+            ASSERT_EQ(0, ::chmod(m_file.c_str(), mode));
+            Refuses(m_file, scope, "writable by everybody, mode 0");
+            Refuses(m_file, scope, "(chmod o-w)");
+        }
+        ASSERT_EQ(0, ::chmod(m_file.c_str(), 0660));
+        Refuses(m_file, scope, "writable by its group, mode 0660 (chmod g-w)");
+    }
+}
+
+TEST_F(TrustedReadTest, AFileOfAnotherUserIsRefused) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: another user's file";
+    ASSERT_EQ(0, ::chown(m_file.c_str(), kForeigner, kForeigner));
+    for (const TrustScope scope : kBoth) Refuses(m_file, scope, "owned by user 65534, mode 0640");
+}
+
+// What a process of another user makes of files of root and of its own.
+TEST_F(TrustedReadTest, AnotherUserTrustsRootAndItself) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: to become another user";
+    ASSERT_EQ(0, ::chmod(m_dir.Path().c_str(), 0755));
+    ASSERT_EQ(0, ::chmod(m_file.c_str(), 0644));
+    const std::string own = m_dir / "own";
+    PutFile(own, "own");
+    ASSERT_EQ(0, ::chown(own.c_str(), kForeigner, kForeigner));
+    const std::string third = m_dir / "third";
+    PutFile(third, "third");
+    ASSERT_EQ(0, ::chown(third.c_str(), kForeigner - 1, 0));
+    ASSERT_EQ(0, ::chmod(third.c_str(), 0644));
+    const std::string shared = m_dir / "shared";  // root's, and its group may write it
+    PutFile(shared, "shared");
+    ASSERT_EQ(0, ::chmod(shared.c_str(), 0664));
+    const auto verdicts = [&] {
+        std::string found;
+        for (const TrustScope scope : kBoth) {
+            for (const std::string& path : {m_file, own, third, shared}) {
+                found += ReadTrusted(path, 100, scope) ? '+' : '-';
+            }
+        }
+        return found;
+    };
+    ASSERT_EQ(0, ::chmod(own.c_str(), 0664));
+    ASSERT_EQ(0, ::setegid(kForeigner));
+    ASSERT_EQ(0, ::seteuid(kForeigner));
+    const std::string found = verdicts();
+    ASSERT_EQ(0, ::seteuid(0));
+    ASSERT_EQ(0, ::setegid(0));
+    EXPECT_EQ("++--++--", found);
+    EXPECT_EQ("+---+---", verdicts()) << "root trusts no other user";
+}
+
+TEST_F(TrustedReadTest, ThePlaceCountsOnlyWhenItIsAskedFor) {
+    ASSERT_EQ(0, ::chmod(m_place.c_str(), 0777));
+    EXPECT_TRUE(ReadTrusted(m_place + "/file", 100, TrustScope::kFile));
+    Refuses(m_place + "/file", TrustScope::kWithPlace, "writable by everybody, mode 0777 (chmod o-w)");
+    EXPECT_EQ(m_place, ReadTrusted(m_place + "/file", 100, TrustScope::kWithPlace).GetError().path);
+    ASSERT_EQ(0, ::mkdir((m_place + "/deep").c_str(), 0755));
+    PutFile(m_place + "/deep/file", "deep");
+    Refuses(m_place + "/deep/file", TrustScope::kWithPlace, "writable by everybody");
+    ASSERT_EQ(0, ::chmod(m_place.c_str(), 01777));
+    EXPECT_TRUE(ReadTrusted(m_place + "/deep/file", 100, TrustScope::kWithPlace)) << "sticky: it cannot be exchanged";
+    ASSERT_EQ(0, ::chmod(m_place.c_str(), 0755));
+    EXPECT_TRUE(ReadTrusted(m_place + "/deep/file", 100, TrustScope::kWithPlace));
+}
+
+TEST_F(TrustedReadTest, APlaceOfAnotherUserIsRefusedStickyOrNot) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: another user's folder";
+    ASSERT_EQ(0, ::chown(m_place.c_str(), kForeigner, kForeigner));
+    for (const mode_t mode : {0755U, 01777U}) {
+        ASSERT_EQ(0, ::chmod(m_place.c_str(), mode));
+        Refuses(m_place + "/file", TrustScope::kWithPlace, "owned by user 65534");
+        EXPECT_FALSE(OpenTrustedDirectory(m_place));
+    }
+    ASSERT_EQ(0, ::chown(m_place.c_str(), 0, 0));
+    ASSERT_EQ(0, ::chmod(m_place.c_str(), 0775));
+    Refuses(m_place + "/file", TrustScope::kWithPlace, "writable by its group");
+}
+
+TEST_F(TrustedReadTest, LinksOnTheWayAreFollowedWhenTheyAreTrusted) {
+    ASSERT_EQ(0, ::symlink("place", (m_dir / "near").c_str()));
+    ASSERT_EQ(0, ::symlink(m_place.c_str(), (m_dir / "far").c_str()));
+    ASSERT_EQ(0, ::symlink("../place/.", (m_place + "/round").c_str()));
+    for (const char* way : {"near", "far", "near/round", "far/round/round", "place/../near", "./near//."}) {
+        const Result<std::string> text = ReadTrusted(m_dir / (std::string(way) + "/file"), 100, TrustScope::kWithPlace);
+        ASSERT_TRUE(text) << way << ": " << text.GetError().Text();
+        EXPECT_EQ("below", *text);
+    }
+    ASSERT_EQ(0, ::symlink("loop", (m_dir / "loop").c_str()));
+    EXPECT_EQ(ELOOP, ReadTrusted(m_dir / "loop/file", 100, TrustScope::kWithPlace).GetError().error);
+    EXPECT_EQ(ENOTDIR, ReadTrusted(m_dir / "file/file", 100, TrustScope::kWithPlace).GetError().error);
+    if (::geteuid() != 0) return;
+    ASSERT_EQ(0, ::lchown((m_dir / "near").c_str(), kForeigner, kForeigner));
+    Refuses(m_dir / "near/file", TrustScope::kWithPlace, "owned by user 65534");
+    // The way back up is judged as well: what a link leaves for is what others may have put there.
+    ASSERT_EQ(0, ::mkdir((m_dir / "open").c_str(), 0777));
+    ASSERT_EQ(0, ::chmod((m_dir / "open").c_str(), 0777));
+    ASSERT_EQ(0, ::mkdir((m_dir / "open/in").c_str(), 0755));
+    PutFile(m_dir / "open/in/file", "x");
+    ASSERT_EQ(0, ::symlink("../open/in", (m_place + "/out").c_str()));
+    Refuses(m_place + "/out/file", TrustScope::kWithPlace, "writable by everybody");
+}
+
+TEST_F(TrustedReadTest, ARelativePathIsJudgedFromTheRootToo) {
+    const Fd before(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(0, ::chdir(m_place.c_str()));
+    const Result<std::string> text = ReadTrusted("file", 100, TrustScope::kWithPlace);
+    ASSERT_EQ(0, ::chmod(m_place.c_str(), 0777));
+    const Result<std::string> refused = ReadTrusted("file", 100, TrustScope::kWithPlace);
+    ASSERT_EQ(0, ::fchdir(before.Get()));
+    ASSERT_TRUE(text) << text.GetError().Text();
+    EXPECT_EQ("below", *text);
+    EXPECT_FALSE(refused);
+}
+
+TEST_F(TrustedReadTest, ATrustedDirectoryIsOneToOpenBelow) {
+    const Result<Fd> place = OpenTrustedDirectory(m_place);
+    ASSERT_TRUE(place) << place.GetError().Text();
+    const Fd file(::openat(place->Get(), "file", O_RDONLY | O_CLOEXEC));
+    EXPECT_TRUE(file);
+    EXPECT_TRUE(OpenTrustedDirectory("/"));
+    EXPECT_TRUE(OpenTrustedDirectory(m_place + "/"));
+    EXPECT_EQ(ENOTDIR, OpenTrustedDirectory(m_file).GetError().error);
+    EXPECT_EQ(ErrorKind::kNotFound, OpenTrustedDirectory(m_dir / "none").GetError().kind);
+}
+
+TEST_F(TrustedReadTest, AProgramIsRunFromTheDescriptorThatWasJudged) {
+    Result<Fd> program = OpenTrustedProgram("/bin/true");
+    ASSERT_TRUE(program) << program.GetError().Text();
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        char name[] = "true";
+        char* const arguments[] = {name, nullptr};
+        char* const environment[] = {nullptr};
+        ::fexecve(program->Get(), arguments, environment);
+        ::_exit(126);
+    }
+    int status = -1;
+    ASSERT_EQ(pid, ::waitpid(pid, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_TRUE(OpenTrustedProgram("/bin/sh")) << "a system's own links are followed";
+    EXPECT_THAT(OpenTrustedProgram(m_file).GetError().Reason(), HasSubstr("not executable, mode 0640"));
+    EXPECT_FALSE(OpenTrustedProgram(m_place));
+    EXPECT_EQ(ErrorKind::kNotFound, OpenTrustedProgram(m_dir / "none").GetError().kind);
+    ASSERT_EQ(0, ::chmod(m_file.c_str(), 0757));
+    EXPECT_THAT(OpenTrustedProgram(m_file).GetError().Reason(), HasSubstr("writable by everybody"));
+    ASSERT_EQ(0, ::chmod(m_file.c_str(), 0755));
+    EXPECT_TRUE(OpenTrustedProgram(m_file));
+    ASSERT_EQ(0, ::chmod(m_dir.Path().c_str(), 0777));
+    EXPECT_EQ(m_dir.Path(), OpenTrustedProgram(m_file).GetError().path);
+    ASSERT_EQ(0, ::chmod(m_dir.Path().c_str(), 0700));
+}
+
+TEST_F(TrustedReadTest, NoVerdictLeavesADescriptorOpen) {
+    const size_t before = support::OpenDescriptors();
+    for (const TrustScope scope : kBoth) {
+        EXPECT_TRUE(ReadTrusted(m_file, 100, scope));
+        EXPECT_FALSE(ReadTrusted(m_place, 100, scope));
+        EXPECT_FALSE(ReadTrusted(m_dir / "none", 100, scope));
+    }
+    EXPECT_TRUE(OpenTrustedDirectory(m_place));
+    EXPECT_EQ(before, support::OpenDescriptors());
+}
+
+}  // namespace
