@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "limits/KernelVersion.h"
+#include "platform/zel/KernelVersion.h"
+
+using namespace zel;
 
 namespace {
 
@@ -40,13 +42,6 @@ std::vector<std::string> Pieces(const std::string& text, char separator) {
     return pieces;
 }
 
-PackedKernelVersion Pack(const KernelReleaseNumbers& numbers) {
-    PackedKernelVersion packed;
-    packed.packed = PackKernelVersion(numbers.majorPart, numbers.minorPart, numbers.patchPart);
-    packed.build = numbers.build;
-    return packed;
-}
-
 void CheckRelease(const std::string& release, KernelReleaseNumbers& numbers) {
     KernelReleaseNumbers untouched;
     untouched.majorPart = 7;
@@ -54,7 +49,8 @@ void CheckRelease(const std::string& release, KernelReleaseNumbers& numbers) {
     numbers = untouched;
     if (ParseKernelRelease(release, numbers)) {
         KernelReleaseNumbers again;
-        Require(ParseKernelRelease(release, again) && Pack(again).packed == Pack(numbers).packed &&
+        Require(ParseKernelRelease(release, again) &&
+                    PackKernelRelease(again).packed == PackKernelRelease(numbers).packed &&
                     again.build == numbers.build,
                 "a release reads the same twice");
         Require(release.find('-') != std::string::npos || numbers.build == 0, "no build without a dash");
@@ -113,6 +109,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     KernelReleaseNumbers numbers;
     CheckRelease(release, numbers);
     CheckPrefixes(prefixes, release);
-    CheckRanges(ranges, Pack(numbers));
+    CheckRanges(ranges, PackKernelRelease(numbers));
+    const bool readable = ParseKernelRelease(release, numbers);
+    Require(IsKernelExcluded(release, ranges, prefixes) ==
+                (readable && (HasKernelPrefix(prefixes, release) ||
+                              IsKernelInRangeList(CStringUtil::trim(ranges), PackKernelRelease(numbers)))),
+            "a kernel is excluded by a prefix or by a range, and only when its release can be read");
     return 0;
 }

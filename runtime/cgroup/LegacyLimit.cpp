@@ -12,8 +12,8 @@
 #include <utility>
 
 #include "CgroupFiles.h"
-#include "KernelExclude.h"
 #include "Limits.h"
+#include "platform/zel/KernelVersion.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ToolUtil.h"
 

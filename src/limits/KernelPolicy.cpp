@@ -2,8 +2,8 @@
 // Entered by configuration parsing and by the set-up of the control groups, which the core serialises.
 #include <sys/utsname.h>
 
-#include "KernelVersion.h"
 #include "MonitorPri.h"
+#include "platform/zel/KernelVersion.h"
 #include "platform/zel/StringUtil.h"
 
 bool CMonitorPri::GetLocalKernel() {
@@ -14,8 +14,8 @@ bool CMonitorPri::GetLocalKernel() {
     if (uname(&system) != 0) return false;
 
     const std::string release = system.release;
-    KernelReleaseNumbers numbers;
-    if (!ParseKernelRelease(release, numbers)) return false;
+    zel::KernelReleaseNumbers numbers;
+    if (!zel::ParseKernelRelease(release, numbers)) return false;
 
     m_localKernel.major = numbers.majorPart;
     m_localKernel.minor = numbers.minorPart;
@@ -26,7 +26,7 @@ bool CMonitorPri::GetLocalKernel() {
 }
 
 bool CMonitorPri::CheckKernelHits(const std::string& list) {
-    return HasKernelPrefix(list, m_localKernel.release);
+    return zel::HasKernelPrefix(list, m_localKernel.release);
 }
 
 bool CMonitorPri::LocalKernelLimits(std::string& list) {
@@ -34,8 +34,8 @@ bool CMonitorPri::LocalKernelLimits(std::string& list) {
     if (trimmed.empty()) return false;  // before the kernel is read: nothing to compare it with
     if (m_localKernel.major == 0 && !GetLocalKernel()) return false;
 
-    PackedKernelVersion local;
-    local.packed = PackKernelVersion(m_localKernel.major, m_localKernel.minor, m_localKernel.patch);
+    zel::PackedKernelVersion local;
+    local.packed = zel::PackKernelVersion(m_localKernel.major, m_localKernel.minor, m_localKernel.patch);
     local.build = m_localKernel.build;
-    return IsKernelInRangeList(trimmed, local);
+    return zel::IsKernelInRangeList(trimmed, local);
 }

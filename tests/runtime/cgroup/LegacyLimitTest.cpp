@@ -16,7 +16,6 @@
 #include <thread>
 
 #include "FailingCalls.h"
-#include "KernelExclude.h"
 #include "Limits.h"
 #include "RealKernel.h"
 #include "RecordedLog.h"
@@ -630,32 +629,6 @@ TEST(LegacyCodeTest, KeepsTheNumbersOfTheModuleFree) {
         EXPECT_NE(0, code);
         EXPECT_NE(10, code);
         EXPECT_NE(120, code);
-    }
-}
-
-TEST(KernelExcludeTest, FollowsTheTable) {
-    struct Case {
-        const char *release, *ranges, *prefixes;
-        bool excluded;
-    };
-    const Case cases[] = {
-        {"4.9.93-010.x86_64", "", "4.9.93-010", true},
-        {"4.9.93-0101", "", "4.9.93-010", true},
-        {"4.9.93-011", "", "4.9.93-010  4.9.93-012", false},
-        {"4.9.93-011", "4.9.93-010,4.9.93-012", "", true},
-        {"4.9.93-9", "4.9.93-010,4.9.93-012", "", false},
-        {"4.9.93-13", "4.9.93-010,4.9.93-012", "", false},
-        {"4.14.7-500", "4.9.0-0,4.19.0-0", "", true},
-        {"6.1.0-49-cloud-amd64", "1.0.0-0,2.0.0-0 6.1.0-49,6.1.0-49", "", true},
-        {"5.10.0", "5.10.0-0,5.10.0-0", "", true},
-        {"5.10.0", "5.10.0,5.10.0 5.10-0,5.10-0 garbage , - 5.10.0-0", "", false},
-        {"abc", "0.0.0-0,9.9.9-9", "", false},
-        {"", "0.0.0-0,9.9.9-9", "a", false},
-        {"6.1.0-1", "", "", false},
-        {"4.9.300-1", "4.10.0-0,4.11.0-0", "", false},
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(c.excluded, IsKernelExcluded(c.release, c.ranges, c.prefixes)) << c.release << " " << c.ranges;
     }
 }
 

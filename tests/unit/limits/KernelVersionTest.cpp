@@ -1,10 +1,12 @@
 // Kernel releases, ranges and prefix lists as plain values.
-#include "limits/KernelVersion.h"
+#include "platform/zel/KernelVersion.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
+
+using namespace zel;
 
 namespace {
 

@@ -1,4 +1,7 @@
-// Kernel releases, version ranges and prefix lists as plain values. Pure: what the running kernel is, the caller tells.
+// The one evaluator of the kernel lists of the configuration: releases, version ranges and release prefixes as plain
+// values. The module asks it for the unified mode and for the allowed kernels, the library's legacy limit for the
+// excluded ones: one key, one verdict. Pure: what the running kernel is, the caller tells. Any thread; nothing throws
+// but for want of memory.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +10,8 @@
 #include <vector>
 
 #include "platform/zel/StringUtil.h"
+
+namespace zel {
 
 /// The numbers of one release text, such as 4.9.151-014.x86_64 -> 4, 9, 151 and build 14.
 struct KernelReleaseNumbers {
@@ -28,26 +33,33 @@ constexpr uint32_t PackKernelVersion(uint32_t majorPart, uint32_t minorPart, uin
     return (majorPart << 16) + (minorPart << 8) + patchPart;
 }
 
+inline PackedKernelVersion PackKernelRelease(const KernelReleaseNumbers& numbers) {
+    PackedKernelVersion version;
+    version.packed = PackKernelVersion(numbers.majorPart, numbers.minorPart, numbers.patchPart);
+    version.build = numbers.build;
+    return version;
+}
+
 /// Decimal on purpose: builds are written with leading zeros, which are not octal. Text that is no number gives 0.
 inline uint32_t KernelNumberOf(const std::string& text) {
-    return static_cast<uint32_t>(zel::CStringUtil::StringToInt(text, nullptr, 10));
+    return static_cast<uint32_t>(CStringUtil::StringToInt(text, nullptr, 10));
 }
 
 /// Returns: false, `numbers` untouched, when the release does not begin with three numbers.
 inline bool ParseKernelRelease(const std::string& release, KernelReleaseNumbers& numbers) {
     KernelReleaseNumbers read;
     if (sscanf(release.c_str(), "%u.%u.%u", &read.majorPart, &read.minorPart, &read.patchPart) < 3) return false;
-    const std::vector<std::string> pieces = zel::CStringUtil::stringSplit(release, "-");
-    if (pieces.size() >= 2) read.build = KernelNumberOf(zel::CStringUtil::stringSplit(pieces[1], ".")[0]);
+    const std::vector<std::string> pieces = CStringUtil::stringSplit(release, "-");
+    if (pieces.size() >= 2) read.build = KernelNumberOf(CStringUtil::stringSplit(pieces[1], ".")[0]);
     numbers = read;
     return true;
 }
 
 /// Reads one bound, "A.B.C-N". Returns: false, `bound` untouched, for any other shape.
 inline bool ParseKernelBound(const std::string& text, PackedKernelVersion& bound) {
-    const std::vector<std::string> halves = zel::CStringUtil::stringSplit(text, "-");
+    const std::vector<std::string> halves = CStringUtil::stringSplit(text, "-");
     if (halves.size() != 2) return false;
-    const std::vector<std::string> parts = zel::CStringUtil::stringSplit(halves[0], ".");
+    const std::vector<std::string> parts = CStringUtil::stringSplit(halves[0], ".");
     if (parts.size() != 3) return false;
     bound.packed = PackKernelVersion(KernelNumberOf(parts[0]), KernelNumberOf(parts[1]), KernelNumberOf(parts[2]));
     bound.build = KernelNumberOf(halves[1]);
@@ -66,7 +78,7 @@ constexpr bool IsKernelBetween(const PackedKernelVersion& local, const PackedKer
 
 /// Returns: whether `local` lies in one entry "LOW,HIGH"; false for a malformed entry.
 inline bool IsKernelInRangeEntry(const std::string& entry, const PackedKernelVersion& local) {
-    const std::vector<std::string> bounds = zel::CStringUtil::stringSplit(entry, ",");
+    const std::vector<std::string> bounds = CStringUtil::stringSplit(entry, ",");
     if (bounds.size() != 2) return false;
     PackedKernelVersion low;
     PackedKernelVersion high;
@@ -77,7 +89,7 @@ inline bool IsKernelInRangeEntry(const std::string& entry, const PackedKernelVer
 /// Returns: whether `local` lies in some entry of a trimmed list of entries separated by single blanks. Malformed and
 /// empty entries are skipped; the entries after them still count.
 inline bool IsKernelInRangeList(const std::string& trimmedList, const PackedKernelVersion& local) {
-    for (const std::string& entry : zel::CStringUtil::stringSplit(trimmedList, " ")) {
+    for (const std::string& entry : CStringUtil::stringSplit(trimmedList, " ")) {
         if (IsKernelInRangeEntry(entry, local)) return true;
     }
     return false;
@@ -87,9 +99,20 @@ inline bool IsKernelInRangeList(const std::string& trimmedList, const PackedKern
 /// "4.9.93-010" also covers a build 0101.
 inline bool HasKernelPrefix(const std::string& list, const std::string& release) {
     if (list.empty() || release.empty()) return false;
-    for (const std::string& piece : zel::CStringUtil::stringSplit(list, " ")) {
-        const std::string prefix = zel::CStringUtil::trim(piece);
-        if (!prefix.empty() && zel::CStringUtil::stringStartWith(release, prefix, false)) return true;
+    for (const std::string& piece : CStringUtil::stringSplit(list, " ")) {
+        const std::string prefix = CStringUtil::trim(piece);
+        if (!prefix.empty() && CStringUtil::stringStartWith(release, prefix, false)) return true;
     }
     return false;
 }
+
+/// Returns: whether the kernel of this release text is on the exclude lists, untrimmed as configured: `prefixes` of the
+/// release, `ranges` of versions. A release that cannot be read is on none, whatever the prefixes say.
+inline bool IsKernelExcluded(const std::string& release, const std::string& ranges, const std::string& prefixes) {
+    KernelReleaseNumbers numbers;
+    if (!ParseKernelRelease(release, numbers)) return false;
+    return HasKernelPrefix(prefixes, release) ||
+           IsKernelInRangeList(CStringUtil::trim(ranges), PackKernelRelease(numbers));
+}
+
+}  // namespace zel
