@@ -54,6 +54,7 @@ std::string ErrnoText(int error) {
 }
 
 std::string Error::Text() const {
+    if (operation.empty()) return hint;
     std::string text = "cannot " + operation + " " + path + ": ";
     if (error != 0) {
         text += ErrnoText(error);
@@ -75,6 +76,10 @@ Error ErrnoError(int error, std::string operation, std::string path, std::string
 
 Error MakeError(ErrorKind kind, std::string operation, std::string path, std::string hint) {
     return Error{kind, 0, std::move(operation), std::move(path), std::move(hint)};
+}
+
+Error SentenceError(std::string text, ErrorKind kind) {
+    return Error{kind, 0, {}, {}, std::move(text)};
 }
 
 }  // namespace base

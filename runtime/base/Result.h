@@ -39,7 +39,7 @@ struct Error {
     std::string path;
     std::string hint;  ///< what an operator can do, or a detail; may be empty
 
-    /// Returns: "cannot <operation> <path>: <errno text>; <hint>".
+    /// Returns: "cannot <operation> <path>: <errno text>; <hint>"; an error without an operation is its hint alone.
     std::string Text() const;
     /// Returns: why, for a line that names the path itself: the hint, else the errno's text, else the kind.
     std::string Reason() const;
@@ -51,6 +51,8 @@ std::string ErrnoText(int error);
 /// An error of the given errno.
 Error ErrnoError(int error, std::string operation, std::string path, std::string hint = {});
 Error MakeError(ErrorKind kind, std::string operation, std::string path, std::string hint = {});
+/// An error whose words are said already, for an operator: `text` is all that Text gives.
+Error SentenceError(std::string text, ErrorKind kind = ErrorKind::kOther);
 
 /// A T or an Error.
 template <typename T>
