@@ -4,9 +4,10 @@
 #include <json/json.h>
 #include <unistd.h>
 
+#include "AgentLog.h"
 #include "Monitor.h"
 #include "platform/host/MsgTransmit.h"
-#include "platform/zel/LogMessage.h"
+#include "platform/zel/AgentNames.h"
 
 namespace agent {
 
@@ -14,8 +15,7 @@ void Deliver(const char* type, const std::string& body) {
     IMsgTransmit* transmit = GetMsgTransmitInstance();
     if (transmit == nullptr) return;
     if (!transmit->SendMsg(type, body, "", 1, 0)) {
-        zel::CLogMessage::GetInstance()->WriteLogMessage(
-            std::string("message ") + type + " was not accepted for delivery", zel::kLogWarning);
+        LogLine(std::string("message ") + type + " was not accepted for delivery", zel::kLogWarning);
     }
 }
 
@@ -49,7 +49,7 @@ void EventSink::OnSelfKill(const SelfKillRecord& record) {
     body["limit"] = Json::Int64(record.limit);
     body["sustained_ms"] = Json::Int64(record.sustainedMs);
     body["record"] = record.path;
-    Deliver(kSelfKillMessage, body.toStyledString());
+    Deliver(zel::kSelfKillMessage, body.toStyledString());
     m_wakeMain();
 }
 
@@ -64,7 +64,7 @@ void EventSink::OnThreadStalled(const ThreadStall& stall) {
     body["gone"] = stall.gone;
     body["recovered"] = stall.recovered;
     body["stack"] = stall.stack;
-    Deliver(kThreadStallMessage, body.toStyledString());
+    Deliver(zel::kThreadStallMessage, body.toStyledString());
 }
 
 }  // namespace agent

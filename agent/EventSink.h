@@ -12,10 +12,6 @@ class CMonitor;
 
 namespace agent {
 
-constexpr const char* kSelfKillMessage = "T_MSG_SELF_KILL";
-constexpr const char* kThreadStallMessage = "T_MSG_THREAD_STALL";
-constexpr const char* kComponentEndMessage = "T_MSG_COMPONENT_END";
-
 /// Thread-safety: the callbacks come from the sampling thread; the questions from any thread.
 class EventSink final : public IResourceEventSink {
 public:

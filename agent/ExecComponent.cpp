@@ -2,20 +2,18 @@
 // that changes later is changed on its leaf by the main process.
 #include "ExecComponent.h"
 
-#include <sys/prctl.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "AgentLog.h"
 #include "ExitCode.h"
-#include "platform/zel/CgroupClient.h"
+#include "GroupClient.h"
+#include "ParentProcess.h"
 #include "platform/zel/CgroupTreeStatus.h"
-#include "platform/zel/FileUtil.h"
 #include "platform/zel/LogControl.h"
-#include "platform/zel/PathInfo.h"
 
 namespace agent {
 
@@ -26,17 +24,13 @@ int ExecComponent(const Options& options) {
     zel::SetCgroupClientComponent(options.name);
     {
         zel::CCgroupClient client;
-        if (zel::CFileUtil::IsFile(zel::COrvexPathInfo::GetInstance()->GetGlobalCfgPath() + "/cgroup_resource.json") &&
-            !client.ReloadConfig()) {
-            zel::CLogMessage::GetInstance()->WriteLogMessage(
-                options.command[0] + " runs outside its groups: its CPU and memory are not limited", zel::kLogWarning);
+        if (!JoinGroups(client)) {
+            LogLine(options.command[0] + " runs outside its groups: its CPU and memory are not limited",
+                    zel::kLogWarning);
         }
     }
     zel::FlushLog();
-    if (options.parentPid != 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != options.parentPid) return kExitParentGone;
-    }
+    if (!EndWithParent(options.parentPid)) return kExitParentGone;
     std::vector<char*> argv;
     std::vector<std::string> words = options.command;
     for (std::string& word : words) argv.push_back(word.data());

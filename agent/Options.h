@@ -5,15 +5,13 @@
 #include <vector>
 
 #include "LoadProfile.h"
+#include "platform/zel/AgentNames.h"
 
 namespace agent {
 
-constexpr const char* kMainProcessName = "tervane";    ///< application name of the main process
-constexpr const char* kMainComponentName = "Tervane";  ///< its component in the unified mode's table
-
 struct Options {
     std::string appDir;  ///< absolute; empty: the executable's directory
-    std::string name = kMainProcessName;
+    std::string name = zel::kMainProcessName;
     std::string configPath;       ///< resource configuration; empty: <app dir>/conf/resource_config
     bool foreground = false;      ///< log to the console too
     bool live = false;            ///< show the live view
@@ -25,7 +23,7 @@ struct Options {
     bool exec = false;            ///< join the component's groups, then become `command`
     std::vector<std::string> command;
 
-    bool IsMain() const { return name == kMainProcessName; }
+    bool IsMain() const { return name == zel::kMainProcessName; }
 };
 
 /// Reads the command line. Returns: true to go on; false to end with `exitCode` after `text` was printed.

@@ -2,51 +2,43 @@
 #include "Process.h"
 
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/utsname.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <iterator>
 
-#include "AgentMetrics.h"
-#include "ControlServer.h"
+#include "AgentLog.h"
+#include "ConsoleWiring.h"
 #include "EventTail.h"
 #include "ExitCode.h"
+#include "GroupClient.h"
+#include "LimitExplanation.h"
 #include "LiveView.h"
 #include "Monitor.h"
+#include "ParentProcess.h"
 #include "ResourceFileCheck.h"
-#include "StatusReport.h"
-#include "platform/host/OnlineClientConf.h"
+#include "ServicesStart.h"
+#include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupClient.h"
 #include "platform/zel/CgroupTreeStatus.h"
 #include "platform/zel/FileUtil.h"
 #include "platform/zel/IpcBroadcast.h"
 #include "platform/zel/LogControl.h"
-#include "platform/zel/PathInfo.h"
 #include "platform/zel/ResourceLimitUtil.h"
 
 namespace agent {
 
 namespace {
 
-constexpr const char* kNotifyMessage = "T_MSG_IPC_CGROUP_CONFIG_NOTIFY";
 constexpr long kLoopNs = 250L * 1000 * 1000;
-constexpr unsigned int kComponentGraceMs = 5000;
 constexpr size_t kShownEvents = 4;
 constexpr int64_t kLimitCheckSeconds = 5;
-constexpr int kModeCpu = 1;
-constexpr int kModeMemory = 4;
-constexpr int kModeUnified = 8;
+constexpr int kGoOn = -1;
 
 // The module hands its broadcast to a plain function, so the sender is found through the one object of the process.
 zel::CIpcBroadcastServer* g_broadcast = nullptr;
-pid_t g_mainPid = 0;
 
 void Broadcast(const std::string& type, const std::string& body) {
     if (g_broadcast != nullptr) g_broadcast->Broadcast(type, body);
@@ -54,15 +46,15 @@ void Broadcast(const std::string& type, const std::string& body) {
 
 /// Wakes the main thread's wait from any thread.
 void WakeMain() {
-    kill(g_mainPid, SIGALRM);
+    kill(getpid(), SIGALRM);
 }
 
-void LogLine(const std::string& text, int level) {
-    zel::CLogMessage::GetInstance()->WriteLogMessage(text, level);
-}
-
-int64_t Now() {
-    return static_cast<int64_t>(time(nullptr));
+/// The signals that the main thread waits for.
+sigset_t TakenSignals() {
+    sigset_t taken;
+    sigemptyset(&taken);
+    for (int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGCHLD, SIGALRM}) sigaddset(&taken, signal);
+    return taken;
 }
 
 int64_t MonotonicSeconds() {
@@ -73,41 +65,62 @@ int64_t MonotonicSeconds() {
 
 }  // namespace
 
+std::vector<Process::Step> Process::Life(bool isMain) {
+    return {
+        {&Process::TakeSignals, nullptr},
+        {&Process::OpenDirectory, nullptr},
+        {&Process::StartServices, &Process::StopServices},
+        isMain ? Step{&Process::StartBroadcast, &Process::StopBroadcast}
+               : Step{&Process::JoinOwnGroups, &Process::ForgetOwnGroups},
+        {&Process::StartMonitor, &Process::StopMonitor},
+        {&Process::FollowChanges, &Process::StopFollowing},
+        {&Process::ExplainLimits, nullptr},
+        {&Process::StartLoad, &Process::StopLoad},
+        {&Process::StartComponents, &Process::StopComponents},
+        {&Process::OpenConsole, &Process::CloseConsole},
+    };
+}
+
 Process::Process(Options options, std::string program)
-    : m_options(std::move(options)), m_program(std::move(program)), m_sink(m_options.name, WakeMain) {
-    g_mainPid = getpid();
+    : m_options(std::move(options)),
+      m_program(std::move(program)),
+      m_sink(m_options.name, WakeMain),
+      m_life(*this, Life(m_options.IsMain())) {
+    if (m_options.configPath.empty()) m_options.configPath = m_options.appDir + zel::kResourceConfigFileName;
 }
 
 Process::~Process() = default;
 
 int Process::Run() {
-    int code = Start();
-    if (code == kExitClean) code = Loop();
-    Stop();
+    int code = m_life.Run();
+    if (code == kExitClean) {
+        LogLine(m_options.name + " " ZEL_VERSION " is running, process " + std::to_string(getpid()), zel::kLogInfo);
+        code = Loop();
+    }
+    m_life.TakeBack();
     zel::FlushLog();
     return code;
 }
 
-int Process::Start() {
+int Process::Refuse(int code, const std::string& problem) {
+    fprintf(stderr, "%s: %s\n", m_options.name.c_str(), problem.c_str());
+    return code;
+}
+
+int Process::TakeSignals() {
     // Signals are taken by the main thread alone, one after the other; every thread started later inherits the mask.
-    sigset_t taken;
-    sigemptyset(&taken);
-    for (int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGCHLD, SIGALRM}) sigaddset(&taken, signal);
+    const sigset_t taken = TakenSignals();
     pthread_sigmask(SIG_BLOCK, &taken, nullptr);
     signal(SIGPIPE, SIG_IGN);
     umask(0027);
-    if (m_options.parentPid != 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != m_options.parentPid) return kExitParentGone;  // it ended before the line above took effect
-    }
+    return EndWithParent(m_options.parentPid) ? kExitClean : kExitParentGone;
+}
 
+int Process::OpenDirectory() {
     std::string problem;
     std::string warning;
-    int code = m_directory.Open(m_options.appDir, m_options.name, problem, warning);
-    if (code != kExitClean) {
-        fprintf(stderr, "%s: %s\n", m_options.name.c_str(), problem.c_str());
-        return code;
-    }
+    const int code = m_directory.Open(m_options.appDir, m_options.name, problem, warning);
+    if (code != kExitClean) return Refuse(code, problem);
     zel::LogOptions log;
     log.processName = m_options.name;
     log.console = m_options.foreground && !m_options.live;
@@ -115,328 +128,204 @@ int Process::Start() {
     zel::ConfigureLog(log);
     if (m_options.live) m_view = std::make_unique<LiveView>();
     if (!warning.empty()) LogLine(warning, zel::kLogWarning);
+    return kExitClean;
+}
 
-    zelhost::HostOptions host;
-    host.processName = m_options.name;
-    host.component = m_options.IsMain() ? kMainComponentName : m_options.name;
-    host.group = m_options.IsMain() ? "main" : m_options.group;
-    host.isMain = m_options.IsMain();
-    if (!m_options.metricsListen.empty()) {
-        host.metrics.enabled = zelhost::Switch::kOn;
-        host.metrics.listen = m_options.metricsListen;
-    }
-    bool serving = m_services.Start(host, problem);
-    if (!serving && host.metrics.enabled != zelhost::Switch::kOff) {
-        // An address that is taken costs the metrics, not the events.
-        std::string first = problem;
-        host.metrics.enabled = zelhost::Switch::kOff;
-        serving = m_services.Start(host, problem);
-        if (serving) LogLine("host services: " + first + "; going on without metrics", zel::kLogWarning);
-    }
-    if (!serving) {
-        // What the services keep on disk is not worth the budget: without a directory they run without it.
-        LogLine("host services: " + problem + "; going on without delivery, metrics and statistics history",
+int Process::StartServices() {
+    const base::Status started = agent::StartServices(m_services, MakeHostOptions(m_options));
+    return started ? kExitClean : Refuse(kExitServices, started.GetError().Text());
+}
+
+void Process::StopServices() {
+    m_services.Stop();
+}
+
+int Process::StartBroadcast() {
+    m_broadcast = std::make_unique<zel::CIpcBroadcastServer>();
+    std::string problem;
+    if (m_broadcast->Start(m_options.appDir + zel::kBroadcastSocketName, problem)) {
+        g_broadcast = m_broadcast.get();
+    } else {
+        LogLine("broadcast to the components: " + problem + "; they follow changes only when they restart",
                 zel::kLogWarning);
-        host.delivery.enabled = zelhost::Switch::kOff;
-        host.statisticsDbPath = "-";
-        if (!m_services.Start(host, problem)) {
-            LogLine("host services: " + problem, zel::kLogError);
-            fprintf(stderr, "%s: %s\n", m_options.name.c_str(), problem.c_str());
-            return kExitServices;
-        }
     }
+    return kExitClean;
+}
 
-    const std::string socket = m_options.appDir + "/run/broadcast.sock";
+void Process::StopBroadcast() {
+    g_broadcast = nullptr;
+    m_broadcast->Stop();
+}
+
+int Process::JoinOwnGroups() {
+    zel::SetCgroupClientComponent(m_options.name);
+    m_client = std::make_unique<zel::CCgroupClient>();
+    // The groups are joined before the limits are applied: what the unified mode holds needs no legacy limit.
+    JoinGroups(*m_client);
+    return kExitClean;
+}
+
+void Process::ForgetOwnGroups() {
+    m_client.reset();
+}
+
+int Process::StartMonitor() {
     m_monitor = std::make_unique<CMonitor>();
     m_monitor->SetSysIntf(m_services.GetSysIntf());
     m_sink.SetMonitor(m_monitor.get());
     if (m_options.IsMain()) {
-        m_broadcast = std::make_unique<zel::CIpcBroadcastServer>();
-        if (m_broadcast->Start(socket, problem)) {
-            g_broadcast = m_broadcast.get();
-        } else {
-            LogLine("broadcast to the components: " + problem + "; they follow changes only when they restart",
-                    zel::kLogWarning);
-        }
         m_monitor->SetIpcBroadcastCallback(Broadcast);
     } else {
-        zel::SetCgroupClientComponent(m_options.name);
-        m_client = std::make_unique<zel::CCgroupClient>();
         m_monitor->SetCgroupClient(m_client.get());
-        // The groups are joined before the limits are applied: what the unified mode holds needs no legacy limit.
-        if (zel::CFileUtil::IsFile(zel::COrvexPathInfo::GetInstance()->GetGlobalCfgPath() + "/cgroup_resource.json")) {
-            m_client->ReloadConfig();
+    }
+    const std::string& path = m_options.configPath;
+    m_monitor->SetConfigPath(path);
+    if (m_options.IsMain() && zel::CFileUtil::IsFile(path)) {
+        for (const std::string& finding : CheckResourceFile(path)) {
+            LogLine("resource configuration " + path + ": " + finding, zel::kLogWarning);
         }
     }
-    if (!StartMonitor(problem)) {
-        LogLine(problem, zel::kLogError);
-        fprintf(stderr, "%s: %s\n", m_options.name.c_str(), problem.c_str());
-        return zel::CFileUtil::IsFile(m_options.configPath) ? kExitMonitor : kExitConfiguration;
-    }
-    if (m_client != nullptr) {
-        m_subscriber = std::make_unique<zel::CIpcBroadcastSubscriber>();
-        m_subscriber->Start(socket, [this](const std::string& type, const std::string&) {
-            if (type == kNotifyMessage) m_monitor->ReloadCgroupClientConfig();
-        });
-    }
-    m_startedAt = Now();
-    ExplainMissingLimits();
+    if (m_monitor->StartMonitor(&m_sink, m_options.name)) return kExitClean;
+    const bool configured = zel::CFileUtil::IsFile(path);
+    const std::string problem = configured
+                                    ? "the resource monitor did not start with " + path + ": the log says why"
+                                    : "no resource configuration at " + path +
+                                          ": copy the sample of the installation there, or name another with --config";
+    LogLine(problem, zel::kLogError);
+    return Refuse(configured ? kExitMonitor : kExitConfiguration, problem);
+}
 
-    m_workers = std::make_unique<Workers>(*m_monitor);
-    m_workers->Start(m_options.load);
-    m_control = std::make_unique<ControlServer>(MakeConsoleActions());
-    if (!m_control->Start(m_options.appDir + "/run/" + m_options.name + ".ctl", problem)) {
-        LogLine("console socket: " + problem + "; tervanectl will not reach this process", zel::kLogWarning);
+void Process::StopMonitor() {
+    m_monitor->StopMonitor();
+    // Nothing of ours is left behind: the legacy group is left and removed, and the main process takes the tree down.
+    zel::IResourceLimitUtil* limits = zel::GetResourceLimitUtil();
+    int error = 0;
+    limits->StopCpuLimit(error);
+    limits->StopMemLimit(error, true);
+    limits->ReleaseLimits();
+    std::string problem;
+    if (m_options.IsMain() && !zel::RemoveAgentCgroupTree(problem)) {
+        LogLine("control groups are left behind: " + problem, zel::kLogWarning);
     }
-    if (m_options.IsMain()) {
-        StartComponents();
-        m_services.SetMetricsSource([this](std::vector<zelhost::Metric>& metrics) { AddMetrics(metrics); });
-    }
-    LogLine(m_options.name + " " ZEL_VERSION " is running, process " + std::to_string(getpid()), zel::kLogInfo);
+    m_sink.SetMonitor(nullptr);
+    m_monitor.reset();
+}
+
+int Process::FollowChanges() {
+    m_startedAt = time(nullptr);
+    if (m_client == nullptr) return kExitClean;  // the main process makes the changes
+    m_subscriber = std::make_unique<zel::CIpcBroadcastSubscriber>();
+    m_subscriber->Start(m_options.appDir + zel::kBroadcastSocketName,
+                        [this](const std::string& type, const std::string&) {
+                            if (type == zel::kConfigNotifyMessage) m_monitor->ReloadCgroupClientConfig();
+                        });
     return kExitClean;
 }
 
-bool Process::StartMonitor(std::string& problem) {
-    if (m_options.configPath.empty()) m_options.configPath = m_options.appDir + "/conf/resource_config";
-    m_monitor->SetConfigPath(m_options.configPath);
-    if (m_options.IsMain() && zel::CFileUtil::IsFile(m_options.configPath)) {
-        for (const std::string& finding : CheckResourceFile(m_options.configPath)) {
-            LogLine("resource configuration " + m_options.configPath + ": " + finding, zel::kLogWarning);
-        }
-    }
-    if (m_monitor->StartMonitor(&m_sink, m_options.name)) {
-        m_monitorStarted = true;
-        return true;
-    }
-    m_monitorStarted = true;  // what a failed start left behind is undone like the rest
-    if (!zel::CFileUtil::IsFile(m_options.configPath)) {
-        problem = "no resource configuration at " + m_options.configPath +
-                  ": copy the sample of the installation there, or name another with --config";
-    } else {
-        problem = "the resource monitor did not start with " + m_options.configPath + ": the log says why";
-    }
-    return false;
+void Process::StopFollowing() {
+    if (m_subscriber != nullptr) m_subscriber->Stop();
 }
 
-void Process::ExplainMissingLimits() {
-    StatusReport report;
-    Collect(report);
+int Process::ExplainLimits() {
+    const StatusReport report = CollectStatus(Sources());
     if (!report.modeReason.empty()) LogLine(report.modeReason, zel::kLogInfo);
-    auto tell = [](const char* name, const zel::CgroupControllerStatus& controller) {
-        if (controller.limited) return;
-        // The switch is on, so what the kernel shows is the outcome of a refusal that has its own line.
-        bool refused = controller.version != 0 && !controller.limited && geteuid() == 0;
-        std::string advice =
-            refused ? "it was asked for and refused, the warnings before this line say why" : controller.advice;
-        LogLine(
-            std::string(name) + " limit is not in force: " + controller.reason + (advice.empty() ? "" : "; " + advice),
-            zel::kLogWarning);
-    };
-    if ((report.mode & kModeCpu) != 0) tell("CPU", report.cgroup.cpu);
-    if ((report.mode & kModeMemory) != 0) tell("memory", report.cgroup.mem);
+    for (const std::string& line : ExplainMissingLimits(report, geteuid() == 0)) LogLine(line, zel::kLogWarning);
+    return kExitClean;
 }
 
-void Process::StartComponents() {
-    std::string path = m_options.appDir + "/conf/components.json";
-    std::vector<ComponentConfig> components;
+int Process::StartLoad() {
+    m_workers = std::make_unique<Workers>(*m_monitor);
+    m_workers->Start(m_options.load);
+    return kExitClean;
+}
+
+void Process::StopLoad() {
+    m_workers->Stop();
+}
+
+int Process::StartComponents() {
+    if (!m_options.IsMain()) return kExitClean;
+    m_components = std::make_unique<ComponentCare>(*m_monitor);
+    m_components->Start(m_options, m_program);
+    m_services.SetMetricsSource(
+        [this](std::vector<zelhost::Metric>& metrics) { AddAgentMetrics(*m_components, metrics); });
+    return kExitClean;
+}
+
+void Process::StopComponents() {
+    if (m_components != nullptr) m_components->Stop();
+}
+
+int Process::OpenConsole() {
+    m_control = std::make_unique<ControlServer>(MakeConsoleActions(Sources()));
     std::string problem;
-    if (!LoadComponents(path, components, problem)) {
-        LogLine(problem + "; no component is started", zel::kLogWarning);
-        return;
+    if (!m_control->Start(m_options.appDir + "/run/" + m_options.name + ".ctl", problem)) {
+        LogLine("console socket: " + problem + "; tervanectl will not reach this process", zel::kLogWarning);
     }
-    std::vector<std::string> common{"--app-dir", m_options.appDir, "--config", m_options.configPath};
-    m_supervisor = std::make_unique<Supervisor>(
-        m_program, common, m_options.appDir + "/data/restarts.json",
-        [](const ComponentEnd& end) { Deliver(kComponentEndMessage, FormatComponentEnd(end, Now())); });
-    m_supervisor->SetPlacement([](const std::string& name) {
-        std::vector<std::string> directories;
-        zel::CgroupTreeStatus tree;
-        std::string reason;
-        if (!zel::ReadCgroupTreeStatus(tree, reason)) return directories;
-        for (const zel::CgroupNodeStatus& node : tree.nodes) {
-            if (node.level != zel::CgroupLevel::kComponent || node.name != name) continue;
-            if (node.cpu.present) directories.push_back(node.cpu.path);
-            if (node.memory.present && node.memory.path != node.cpu.path) directories.push_back(node.memory.path);
-        }
-        return directories;
-    });
-    zel::CgroupTreeStatus tree;
-    std::string reason;
-    if (zel::ReadCgroupTreeStatus(tree, reason)) m_oomPicture = TakeOomPicture(tree);
-    m_supervisor->SetKillExplanation([this](const std::string& name) {
-        zel::CgroupTreeStatus now;
-        std::string unreadable;
-        if (!zel::ReadCgroupTreeStatus(now, unreadable)) return std::string();
-        std::string cause = ExplainOomKill(m_oomPicture, now, name);
-        m_oomPicture = TakeOomPicture(now);
-        return cause;
-    });
-    m_supervisor->Configure(components);
+    return kExitClean;
 }
 
-void Process::RefreshComponentStatus() {
-    if (m_supervisor == nullptr) return;
-    std::map<unsigned int, std::string> running = m_supervisor->Running();
-    if (running != m_watched) {
-        m_watched = running;
-        m_monitor->SetWatcherProcess(running);
-    }
-    std::lock_guard<std::mutex> guard(m_componentLock);
-    m_componentStatus = m_supervisor->Status(Now());
-}
-
-void Process::AddMetrics(std::vector<zelhost::Metric>& metrics) {
-    AgentFigures figures;
-    COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance();
-    figures.mode = conf == nullptr ? 0 : static_cast<int>(conf->resourceLimitMode.Get());
-    {
-        std::lock_guard<std::mutex> guard(m_componentLock);
-        figures.components = m_componentStatus;
-    }
-    // Read when somebody asks and not otherwise; a tree that cannot be read is one without samples.
-    std::string problem;
-    if ((figures.mode & kModeUnified) != 0) zel::ReadCgroupTreeStatus(figures.tree, problem);
-    std::vector<zelhost::Metric> own = MakeAgentMetrics(figures);
-    metrics.insert(metrics.end(), std::make_move_iterator(own.begin()), std::make_move_iterator(own.end()));
-}
-
-ConsoleActions Process::MakeConsoleActions() {
-    ConsoleActions actions;
-    actions.status = [this] {
-        StatusReport report;
-        Collect(report);
-        return FormatStatusJson(report);
-    };
-    actions.metrics = [this] { return m_services.GetMetricsText(); };
-    actions.threads = [this] {
-        std::string report;
-        unsigned int tid = 0;
-        m_monitor->GetThreadsInfo(report, &tid);
-        return report;
-    };
-    actions.statistics = [this] {
-        m_services.CollectStatistics();
-        return m_services.GetStatistics().values;
-    };
-    actions.reload = [this](std::string& problem) { return m_services.ReloadOnlineConfig(problem); };
-    // The main thread takes the signal and ends the process.
-    actions.stop = [] { kill(getpid(), SIGTERM); };
-    return actions;
+void Process::CloseConsole() {
+    m_control->Stop();
 }
 
 int Process::Loop() {
-    sigset_t taken;
-    sigemptyset(&taken);
-    for (int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGCHLD, SIGALRM}) sigaddset(&taken, signal);
+    const sigset_t taken = TakenSignals();
     const int64_t begin = MonotonicSeconds();
-    int64_t drawn = -1;
-    int64_t checked = 0;
     for (;;) {
         timespec wait{0, kLoopNs};
-        int signal = sigtimedwait(&taken, nullptr, &wait);
+        const int signal = sigtimedwait(&taken, nullptr, &wait);
         if (signal == SIGTERM || signal == SIGINT) {
             LogLine(std::string("stopping on ") + strsignal(signal), zel::kLogInfo);
             return kExitClean;
         }
-        if (signal == SIGHUP) {
-            std::string problem;
-            m_services.ReloadOnlineConfig(problem);
-        }
-        if (signal == SIGUSR1) {
-            std::string report;
-            unsigned int tid = 0;
-            m_monitor->GetThreadsInfo(report, &tid);
-            if (m_view != nullptr) m_view->Note(report);
-        }
-        if (m_sink.SelfKillRequested()) return kExitSelfKill;
-        if (m_options.parentPid != 0 && getppid() != m_options.parentPid) return kExitParentGone;
-        if (m_supervisor != nullptr) {
-            m_supervisor->Tick(Now());
-            RefreshComponentStatus();
-        }
-        int64_t second = MonotonicSeconds() - begin;
-        if (second - checked >= kLimitCheckSeconds) {
-            // The monitor looks at its legacy group when the configuration changes; a group can disappear at any time.
-            checked = second;
-            zel::GetResourceLimitUtil()->SyncCpuLimit();
-        }
-        if (m_view != nullptr && second != drawn) {
-            drawn = second;
-            StatusReport report;
-            Collect(report);
-            report.lastEvents =
-                ReadEventTail(m_options.appDir + "/log/" + m_options.name + ".events.jsonl", kShownEvents);
-            m_view->Draw(report);
-        }
-        if (m_options.forSeconds != 0 && second >= static_cast<int64_t>(m_options.forSeconds)) {
-            if (m_view != nullptr) {
-                StatusReport report;
-                Collect(report);
-                report.lastEvents =
-                    ReadEventTail(m_options.appDir + "/log/" + m_options.name + ".events.jsonl", kShownEvents);
-                m_view->Summary(report);
-            }
-            return kExitClean;
-        }
+        Handle(signal);
+        const int code = LookAround(MonotonicSeconds() - begin);
+        if (code != kGoOn) return code;
     }
 }
 
-void Process::Stop() {
-    if (m_control != nullptr) m_control->Stop();
-    if (m_supervisor != nullptr) m_supervisor->StopAll(kComponentGraceMs);
-    if (m_workers != nullptr) m_workers->Stop();
-    if (m_subscriber != nullptr) m_subscriber->Stop();
-    if (m_monitorStarted) m_monitor->StopMonitor();
-    if (m_monitor != nullptr) {
-        // Nothing of ours is left behind: the legacy group is left and removed, and the main process takes the tree
-        // down.
-        zel::IResourceLimitUtil* limits = zel::GetResourceLimitUtil();
-        int error = 0;
-        limits->StopCpuLimit(error);
-        limits->StopMemLimit(error, true);
-        limits->ReleaseLimits();
-        std::string problem;
-        if (m_options.IsMain() && !zel::RemoveAgentCgroupTree(problem)) {
-            LogLine("control groups are left behind: " + problem, zel::kLogWarning);
-        }
+void Process::Handle(int signal) {
+    if (signal == SIGHUP) {
+        std::string problem;  // the log has it
+        m_services.ReloadOnlineConfig(problem);
     }
-    g_broadcast = nullptr;
-    m_sink.SetMonitor(nullptr);
-    m_monitor.reset();
-    m_client.reset();
-    if (m_broadcast != nullptr) m_broadcast->Stop();
-    m_services.Stop();
+    if (signal == SIGUSR1) {
+        const std::string report = ThreadReport(*m_monitor);
+        if (m_view != nullptr) m_view->Note(report);
+    }
 }
 
-void Process::Collect(StatusReport& report) {
-    report.process = m_options.name;
-    report.pid = getpid();
-    report.now = Now();
-    report.uptimeSeconds = m_startedAt == 0 ? 0 : report.now - m_startedAt;
-    COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance();
-    report.mode = conf == nullptr ? 0 : static_cast<int>(conf->resourceLimitMode.Get());
-    report.diskFull = m_monitor->IsDiskFull();
-    for (unsigned int priority = 0; priority < 3; ++priority) {
-        report.cpuNeedLimit[priority] = m_monitor->IsCpuNeedLimit(priority);
+int Process::LookAround(int64_t second) {
+    if (m_sink.SelfKillRequested()) return kExitSelfKill;
+    if (!ParentIsThere(m_options.parentPid)) return kExitParentGone;
+    if (m_components != nullptr) m_components->Tick(time(nullptr));
+    if (second - m_limitsChecked >= kLimitCheckSeconds) {
+        // The monitor looks at its legacy group when the configuration changes; a group can disappear at any time.
+        m_limitsChecked = second;
+        zel::GetResourceLimitUtil()->SyncCpuLimit();
     }
-    report.samplerRuns = m_services.GetSamplerFigures(report.sampler);
-    if (m_workers != nullptr) {
-        report.greedy = m_workers->Greedy();
-        report.polite = m_workers->Polite();
-        report.heldMemoryKb = m_workers->HeldMemoryKb();
+    const bool over = m_options.forSeconds != 0 && second >= static_cast<int64_t>(m_options.forSeconds);
+    if (m_view != nullptr && (second != m_drawn || over)) {
+        StatusReport report = CollectStatus(Sources());
+        report.lastEvents = ReadEventTail(m_options.appDir + "/log/" + m_options.name + ".events.jsonl", kShownEvents);
+        if (second != m_drawn) m_view->Draw(report);
+        if (over) m_view->Summary(report);
+        m_drawn = second;
     }
-    report.warnings = m_sink.Warnings();
-    report.stalls = m_sink.Stalls();
-    report.delivery = m_services.GetDeliveryStats();
-    {
-        std::lock_guard<std::mutex> guard(m_componentLock);
-        report.components = m_componentStatus;
-    }
-    zel::ReadCgroupStatus(report.cgroup);
-    std::string problem;
-    report.unified =
-        (report.mode & kModeUnified) != 0 && zel::ReadCgroupTreeStatus(report.tree, problem) && report.tree.present;
-    report.modeReason = DescribeMode(report);
+    return over ? kExitClean : kGoOn;
+}
+
+StatusSources Process::Sources() {
+    StatusSources sources;
+    sources.process = m_options.name;
+    sources.startedAt = m_startedAt;
+    sources.monitor = m_monitor.get();
+    sources.services = &m_services;
+    sources.events = &m_sink;
+    sources.workers = m_workers.get();
+    sources.components = m_components.get();
+    return sources;
 }
 
 }  // namespace agent

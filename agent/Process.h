@@ -1,19 +1,18 @@
-// The life of one agent process around the module: directory and lock, log, host services, monitor, load, components,
-// live view, and the way back down.
+// The life of one agent process around the module: directory and lock, log, host services, control groups, monitor,
+// load, components, console, and the way back down.
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "AppDirectory.h"
+#include "ComponentCare.h"
 #include "EventSink.h"
-#include "OomAttribution.h"
 #include "Options.h"
-#include "Supervisor.h"
+#include "StatusCollect.h"
+#include "Steps.h"
 #include "Workers.h"
 #include "platform/host/HostServices.h"
 
@@ -28,11 +27,9 @@ namespace agent {
 
 class ControlServer;
 class LiveView;
-struct ConsoleActions;
-struct StatusReport;
 
 /// One process of the agent, from start to end.
-/// Thread-safety: Run belongs to the main thread; Collect may be called from the control server's thread.
+/// Thread-safety: Run belongs to the main thread; other threads reach its parts, never the object itself.
 class Process {
 public:
     Process(Options options, std::string program);
@@ -44,40 +41,56 @@ public:
     int Run();
 
 private:
-    /// Everything that a view or the console shows.
-    void Collect(StatusReport& report);
-    int Start();
-    void StartComponents();
+    using Step = Steps<Process>::Step;
+    /// What is set up, in this order; taken back in reverse.
+    static std::vector<Step> Life(bool isMain);
+
+    int TakeSignals();
+    int OpenDirectory();
+    int StartServices();
+    void StopServices();
+    int StartBroadcast();
+    void StopBroadcast();
+    int JoinOwnGroups();
+    void ForgetOwnGroups();
+    int StartMonitor();
+    void StopMonitor();
+    int FollowChanges();
+    void StopFollowing();
+    int ExplainLimits();
+    int StartLoad();
+    void StopLoad();
+    int StartComponents();
+    void StopComponents();
+    int OpenConsole();
+    void CloseConsole();
+
     int Loop();
-    void Stop();
-    bool StartMonitor(std::string& problem);
-    void ExplainMissingLimits();
-    void RefreshComponentStatus();
-    /// The metrics thread asks for them at every scrape.
-    void AddMetrics(std::vector<zelhost::Metric>& metrics);
-    /// What the console may ask for; its threads call it between the server's start and stop.
-    ConsoleActions MakeConsoleActions();
+    void Handle(int signal);
+    /// Returns: the exit code when it is time to end, kGoOn otherwise.
+    int LookAround(int64_t second);
+    /// The parts that a status is made from, as far as they are there by now.
+    StatusSources Sources();
+    /// Says on the terminal why the process does not start. Returns: `code`.
+    int Refuse(int code, const std::string& problem);
 
     Options m_options;
     std::string m_program;
     AppDirectory m_directory;
     zelhost::CHostServices m_services;
     EventSink m_sink;
-    std::unique_ptr<zel::CCgroupClient> m_client;
     std::unique_ptr<zel::CIpcBroadcastServer> m_broadcast;
+    std::unique_ptr<zel::CCgroupClient> m_client;
     std::unique_ptr<zel::CIpcBroadcastSubscriber> m_subscriber;
     std::unique_ptr<CMonitor> m_monitor;
     std::unique_ptr<Workers> m_workers;
-    std::unique_ptr<Supervisor> m_supervisor;
+    std::unique_ptr<ComponentCare> m_components;
     std::unique_ptr<ControlServer> m_control;
     std::unique_ptr<LiveView> m_view;
-    bool m_monitorStarted = false;
     int64_t m_startedAt = 0;
-    std::map<unsigned int, std::string> m_watched;
-    OomPicture m_oomPicture;  // counters at the last look, for the attribution of the next kill
-    // What the main thread last saw of the components, for the threads that ask.
-    std::mutex m_componentLock;
-    std::vector<ComponentStatus> m_componentStatus;
+    int64_t m_limitsChecked = 0;  // second of the loop
+    int64_t m_drawn = -1;         // the same
+    Steps<Process> m_life;
 };
 
 }  // namespace agent

@@ -10,9 +10,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "AgentLog.h"
 #include "ExitCode.h"
 #include "platform/zel/FileUtil.h"
-#include "platform/zel/LogMessage.h"
 #include "platform/zel/ToolUtil.h"
 
 extern char** environ;
@@ -23,10 +23,6 @@ namespace {
 constexpr size_t kMaxBudgetBytes = 65536;
 constexpr unsigned int kStopStepMs = 20;
 constexpr unsigned int kKillGraceMs = 2000;
-
-void LogLine(const std::string& text, int level) {
-    zel::CLogMessage::GetInstance()->WriteLogMessage(text, level);
-}
 }  // namespace
 
 std::string DescribeEnd(int status) {

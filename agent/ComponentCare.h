@@ -1,0 +1,49 @@
+// The main process's components as a whole: which there are, where each is born, why one was killed, who watches them,
+// and what the console and the metrics are told about them.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "OomAttribution.h"
+#include "Options.h"
+#include "Supervisor.h"
+#include "base/Mutex.h"
+
+class CMonitor;
+
+namespace agent {
+
+/// Wires the supervisor to the tree of control groups, to the delivery of events and to the monitor's watch.
+/// Thread-safety: Status from any thread, the rest from the main thread.
+/// Lifetime: Stop before the monitor is stopped.
+class ComponentCare {
+public:
+    explicit ComponentCare(CMonitor& monitor) : m_monitor(monitor) {}
+
+    /// Reads which components there are. `program` is this executable; nothing is started before the first Tick.
+    /// On failure: one log line, and there are no components.
+    void Start(const Options& options, const std::string& program);
+    /// Starts what is due, notices what ended.
+    void Tick(int64_t now);
+    /// Blocks: until every component has ended, a few seconds at most.
+    void Stop();
+
+    /// What the last Tick saw.
+    std::vector<ComponentStatus> Status() const ZEL_EXCLUDES(m_lock);
+
+private:
+    std::string ExplainKill(const std::string& name);
+
+    CMonitor& m_monitor;
+    std::unique_ptr<Supervisor> m_supervisor;
+    std::map<unsigned int, std::string> m_watched;
+    OomPicture m_oomPicture;  // counters at the last look, for the attribution of the next kill
+    mutable base::Mutex m_lock;
+    std::vector<ComponentStatus> m_status ZEL_GUARDED_BY(m_lock);
+};
+
+}  // namespace agent

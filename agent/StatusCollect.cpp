@@ -1,0 +1,76 @@
+// Gathering of what the console, the view and a scrape show. Reads control groups; entered by the console's and the
+// metrics' threads beside the main thread.
+#include "StatusCollect.h"
+
+#include <unistd.h>
+
+#include <ctime>
+#include <iterator>
+
+#include "AgentMetrics.h"
+#include "ComponentCare.h"
+#include "EventSink.h"
+#include "Monitor.h"
+#include "Workers.h"
+#include "platform/host/HostServices.h"
+#include "platform/host/OnlineClientConf.h"
+#include "platform/zel/AgentNames.h"
+
+namespace agent {
+
+namespace {
+
+int LimitMode() {
+    COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance();
+    return conf == nullptr ? 0 : static_cast<int>(conf->resourceLimitMode.Get());
+}
+
+}  // namespace
+
+StatusReport CollectStatus(const StatusSources& sources) {
+    StatusReport report;
+    report.process = sources.process;
+    report.pid = getpid();
+    report.now = time(nullptr);
+    report.uptimeSeconds = sources.startedAt == 0 ? 0 : report.now - sources.startedAt;
+    report.mode = LimitMode();
+    report.diskFull = sources.monitor->IsDiskFull();
+    for (unsigned int priority = 0; priority < 3; ++priority) {
+        report.cpuNeedLimit[priority] = sources.monitor->IsCpuNeedLimit(priority);
+    }
+    report.samplerRuns = sources.services->GetSamplerFigures(report.sampler);
+    if (sources.workers != nullptr) {
+        report.greedy = sources.workers->Greedy();
+        report.polite = sources.workers->Polite();
+        report.heldMemoryKb = sources.workers->HeldMemoryKb();
+    }
+    report.warnings = sources.events->Warnings();
+    report.stalls = sources.events->Stalls();
+    report.delivery = sources.services->GetDeliveryStats();
+    if (sources.components != nullptr) report.components = sources.components->Status();
+    zel::ReadCgroupStatus(report.cgroup);
+    std::string problem;
+    report.unified = (report.mode & zel::kModeUnified) != 0 && zel::ReadCgroupTreeStatus(report.tree, problem) &&
+                     report.tree.present;
+    report.modeReason = DescribeMode(report);
+    return report;
+}
+
+std::string ThreadReport(CMonitor& monitor) {
+    std::string report;
+    unsigned int busiest = 0;
+    monitor.GetThreadsInfo(report, &busiest);
+    return report;
+}
+
+void AddAgentMetrics(const ComponentCare& components, std::vector<zelhost::Metric>& metrics) {
+    AgentFigures figures;
+    figures.mode = LimitMode();
+    figures.components = components.Status();
+    std::string problem;
+    if ((figures.mode & zel::kModeUnified) != 0) zel::ReadCgroupTreeStatus(figures.tree, problem);
+    std::vector<zelhost::Metric> own = MakeAgentMetrics(figures);
+    metrics.insert(metrics.end(), std::make_move_iterator(own.begin()), std::make_move_iterator(own.end()));
+}
+
+}  // namespace agent

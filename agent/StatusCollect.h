@@ -1,0 +1,43 @@
+// Where the figures of a status and of the agent's metrics come from.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "StatusReport.h"
+#include "platform/host/HostRecords.h"
+
+class CMonitor;
+namespace zelhost {
+class CHostServices;
+}
+
+namespace agent {
+
+class ComponentCare;
+class EventSink;
+class Workers;
+
+/// The parts of a running process that are asked. Borrowed; each must live as long as somebody asks.
+struct StatusSources {
+    std::string process;
+    int64_t startedAt = 0;  ///< seconds since the epoch; 0: not yet
+    CMonitor* monitor = nullptr;
+    zelhost::CHostServices* services = nullptr;
+    const EventSink* events = nullptr;
+    const Workers* workers = nullptr;           ///< null: no synthetic load yet
+    const ComponentCare* components = nullptr;  ///< null: not the main process
+};
+
+/// Asks all of them. Blocks: for small reads of the kernel's files. Any thread.
+StatusReport CollectStatus(const StatusSources& sources);
+
+/// The per-thread CPU report, as it is also logged.
+std::string ThreadReport(CMonitor& monitor);
+
+/// Adds the agent's own metrics. The tree is read when somebody asks and not otherwise; one that cannot be read is one
+/// without samples.
+void AddAgentMetrics(const ComponentCare& components, std::vector<zelhost::Metric>& metrics);
+
+}  // namespace agent
