@@ -4,11 +4,12 @@
 #include <string>
 #include <utility>
 
+#include "platform/zel/AgentNames.h"
+
 namespace agent {
 
 namespace {
 
-constexpr int kModeUnified = 8;
 constexpr double kHundredthsPerCpu = 10000;
 constexpr double kMicrosecondsPerSecond = 1e6;
 constexpr double kBytesPerKb = 1024;
@@ -88,7 +89,7 @@ std::vector<zelhost::Metric> MakeAgentMetrics(const AgentFigures& figures) {
                 "Limit mode in force, a sum: 1 CPU, 4 memory, 8 one control group per component; 0: no limit.",
                 figures.mode);
     agent.Gauge("zel_limit_tree_present", "1 while the mode asks for one control group per component and they exist.",
-                (figures.mode & kModeUnified) != 0 && figures.tree.present ? 1 : 0);
+                (figures.mode & zel::kModeUnified) != 0 && figures.tree.present ? 1 : 0);
     for (const zel::CgroupNodeStatus& node : figures.tree.nodes) AddNode(node, metrics);
     for (const ComponentStatus& component : figures.components) {
         Samples samples(metrics, {{"group", component.group}, {"component", component.name}});

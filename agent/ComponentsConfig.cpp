@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 
+#include "platform/zel/AgentNames.h"
 #include "platform/zel/FileUtil.h"
 
 namespace agent {
@@ -81,11 +82,11 @@ bool ReadOne(const Json::Value& entry, const std::string& where, ComponentConfig
 }  // namespace
 
 std::vector<ComponentConfig> BuiltInComponents() {
-    return {{"TervaneMonitor", "collect-defense", {}, {}},
-            {"TervaneUpdate", "guard", {}, {}},
-            {"QorHips", "collect-defense", {}, {}},
-            {"QorNet", "collect-defense", {}, {}},
-            {"QorWebGuard", "collect-defense", {}, {}}};
+    return {{zel::kMonitorComponent, zel::kCollectGroup, {}, {}},
+            {zel::kUpdateComponent, zel::kGuardGroup, {}, {}},
+            {zel::kHipsComponent, zel::kCollectGroup, {}, {}},
+            {zel::kNetComponent, zel::kCollectGroup, {}, {}},
+            {zel::kWebGuardComponent, zel::kCollectGroup, {}, {}}};
 }
 
 bool ParseComponents(const std::string& text, std::vector<ComponentConfig>& components, std::string& problem) {
@@ -121,7 +122,7 @@ bool ParseComponents(const std::string& text, std::vector<ComponentConfig>& comp
         return false;
     }
     std::vector<ComponentConfig> parsed;
-    std::set<std::string> names{"tervane", "Tervane"};
+    std::set<std::string> names{zel::kMainProcessName, zel::kMainComponent};
     for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
         std::string where = "components[" + std::to_string(i) + "]";
         ComponentConfig component;

@@ -3,13 +3,11 @@
 
 #include <json/json.h>
 
+#include "platform/zel/AgentNames.h"
+
 namespace agent {
 
 namespace {
-
-constexpr int kModeCpu = 1;
-constexpr int kModeMemory = 4;
-constexpr int kModeUnified = 8;
 
 Json::Value Show(const zel::CgroupControllerStatus& controller) {
     Json::Value value(Json::objectValue);
@@ -67,11 +65,11 @@ Json::Value Show(const WorkerFigures& workers) {
 
 std::string DescribeMode(const StatusReport& report) {
     std::string wanted = "mode " + std::to_string(report.mode) + ": ";
-    bool cpu = (report.mode & kModeCpu) != 0;
-    bool memory = (report.mode & kModeMemory) != 0;
+    bool cpu = (report.mode & zel::kModeCpu) != 0;
+    bool memory = (report.mode & zel::kModeMemory) != 0;
     if (!cpu && !memory) return wanted + "no limit is asked for";
     if (report.unified) return wanted + "one group per component, " + report.tree.layout;
-    if ((report.mode & kModeUnified) != 0) {
+    if ((report.mode & zel::kModeUnified) != 0) {
         return wanted + "one group per component is asked for and not in force; " +
                (report.cgroup.cpu.limited || report.cgroup.mem.limited ? "one group for the whole agent holds instead"
                                                                        : "no limit holds");

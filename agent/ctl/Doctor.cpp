@@ -4,6 +4,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupStatus.h"
 #include "platform/zel/CgroupTreeStatus.h"
 #include "platform/zel/FileUtil.h"
@@ -70,9 +71,9 @@ bool Diagnose(const std::string& appDir, std::string& text) {
             Say(text, false, appDir + " cannot be examined");
             healthy = false;
         }
-        bool configured = zel::CFileUtil::IsFile(appDir + "/conf/resource_config");
+        bool configured = zel::CFileUtil::IsFile(appDir + zel::kResourceConfigFileName);
         Say(text, configured,
-            appDir + "/conf/resource_config" + (configured ? "" : " is missing: copy the sample there"));
+            appDir + zel::kResourceConfigFileName + (configured ? "" : " is missing: copy the sample there"));
         healthy = healthy && configured;
     }
     return healthy;

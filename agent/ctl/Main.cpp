@@ -14,6 +14,7 @@
 #include "Doctor.h"
 #include "ShowEvents.h"
 #include "ShowStatus.h"
+#include "platform/zel/AgentNames.h"
 
 namespace {
 
@@ -58,7 +59,7 @@ bool Ask(const std::string& path, const std::string& request, std::string& answe
 int main(int argc, char** argv) {
     CLI::App app{"Console of the host agent"};
     std::string appDir;
-    std::string name = "tervane";
+    std::string name = zel::kMainProcessName;
     bool json = false;
     if (const char* fromEnvironment = getenv("ZEL_APP_DIR")) appDir = fromEnvironment;
     app.add_option("--app-dir", appDir, "application directory of the agent (default: ZEL_APP_DIR)");

@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "EventTail.h"
+#include "platform/zel/AgentNames.h"
 
 namespace agent {
 
@@ -39,8 +40,8 @@ std::string ShowEvents(const std::string& appDir, const std::string& process, un
         text += "  " + DescribeEvent(event) + "\n";
     }
     text += "findings about the host, today and before, newest first:\n";
-    AppendStore(text, appDir + "/current_os_abnormal.db", last);
-    AppendStore(text, appDir + "/last_os_abnormal.db", last);
+    AppendStore(text, appDir + zel::kCurrentOsAbnormalDbName, last);
+    AppendStore(text, appDir + zel::kLastOsAbnormalDbName, last);
     return text;
 }
 
