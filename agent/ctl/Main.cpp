@@ -1,16 +1,9 @@
 // tervanectl: asks a running agent process over its console socket, and looks at the host before one runs.
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
-#include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
+#include "AskAgent.h"
 #include "Doctor.h"
 #include "ShowEvents.h"
 #include "ShowStatus.h"
@@ -19,40 +12,6 @@
 namespace {
 
 enum CtlExit { kOk = 0, kRefused = 1, kUnreachable = 2, kUsage = 11 };
-
-constexpr size_t kMaxAnswerBytes = 16U << 20;
-
-/// Sends one request line and reads the whole answer. Returns: false with the reason in `answer`.
-bool Ask(const std::string& path, const std::string& request, std::string& answer) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
-        answer = path + " is too long for a socket";
-        return false;
-    }
-    memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    int connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    timeval patience{30, 0};
-    setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    std::string line = request + "\n";
-    if (connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        send(connection, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
-        answer = path + ": " + strerror(errno) +
-                 (errno == ENOENT || errno == ECONNREFUSED ? " (is the agent running?)" : "");
-        close(connection);
-        return false;
-    }
-    char piece[65536];
-    answer.clear();
-    for (;;) {
-        ssize_t step = recv(connection, piece, sizeof piece, 0);
-        if (step < 0 && errno == EINTR) continue;
-        if (step <= 0 || answer.size() > kMaxAnswerBytes) break;
-        answer.append(piece, static_cast<size_t>(step));
-    }
-    close(connection);
-    return true;
-}
 
 }  // namespace
 
@@ -102,14 +61,13 @@ int main(int argc, char** argv) {
         return kOk;
     }
     std::string request = app.get_subcommands().front()->get_name();
-    std::string answer;
-    if (!Ask(appDir + "/run/" + name + ".ctl", request, answer)) {
-        fprintf(stderr, "tervanectl: %s\n", answer.c_str());
+    const base::Result<agent::Answer> asked = agent::AskAgent(appDir, name, request);
+    if (!asked) {
+        fprintf(stderr, "tervanectl: %s\n", asked.GetError().Text().c_str());
         return kUnreachable;
     }
-    size_t end = answer.find('\n');
-    bool ok = answer.compare(0, end, "ok") == 0;
-    std::string body = end == std::string::npos ? "" : answer.substr(end + 1);
+    const bool ok = asked->ok;
+    std::string body = asked->body;
     if (ok && status->parsed() && !json) body = agent::ShowStatus(body);
     fputs(body.c_str(), ok ? stdout : stderr);
     return ok ? kOk : kRefused;
