@@ -39,19 +39,19 @@ void ReportEnd(const ComponentEnd& end) {
 }  // namespace
 
 void ComponentCare::Start(const Options& options, const std::string& program) {
-    std::vector<ComponentConfig> components;
-    std::string problem;
-    if (!LoadComponents(options.appDir + zel::kComponentsFileName, components, problem)) {
-        LogLine(problem + "; no component is started", zel::kLogWarning);
+    const auto components = LoadComponents(options.appDir + zel::kComponentsFileName);
+    if (!components) {
+        LogLine(components.GetError().Text() + "; no component is started", zel::kLogWarning);
         return;
     }
     const std::vector<std::string> common{"--app-dir", options.appDir, "--config", options.configPath};
     m_supervisor = std::make_unique<Supervisor>(program, common, options.appDir + kRestartsFileName, ReportEnd);
     m_supervisor->SetPlacement(GroupsOf);
     zel::CgroupTreeStatus tree;
+    std::string problem;
     if (zel::ReadCgroupTreeStatus(tree, problem)) m_oomPicture = TakeOomPicture(tree);
     m_supervisor->SetKillExplanation([this](const std::string& name) { return ExplainKill(name); });
-    m_supervisor->Configure(components);
+    m_supervisor->Configure(*components);
 }
 
 std::string ComponentCare::ExplainKill(const std::string& name) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "LoadProfile.h"
+#include "base/Result.h"
 
 namespace agent {
 
@@ -19,10 +20,10 @@ struct ComponentConfig {
 std::vector<ComponentConfig> BuiltInComponents();
 
 /// Parses the text of conf/components.json. Pure.
-/// Returns: false with `problem` (key, value, reason); `components` is untouched then.
-bool ParseComponents(const std::string& text, std::vector<ComponentConfig>& components, std::string& problem);
+/// Errors: key, value and reason as one sentence.
+base::Result<std::vector<ComponentConfig>> ParseComponents(const std::string& text);
 
 /// Reads the file; a missing one gives the built-in components.
-bool LoadComponents(const std::string& path, std::vector<ComponentConfig>& components, std::string& problem);
+base::Result<std::vector<ComponentConfig>> LoadComponents(const std::string& path);
 
 }  // namespace agent

@@ -7,7 +7,8 @@
 #include <unistd.h>
 
 #include <ctime>
-#include <memory>
+
+#include "JsonText.h"
 
 namespace agent {
 
@@ -16,15 +17,10 @@ namespace {
 constexpr off_t kTailBytes = 256 * 1024;
 
 bool ParseObject(const std::string& text, Json::Value& value) {
-    Json::CharReaderBuilder builder;
-    builder["stackLimit"] = 32;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string problem;
-    try {
-        return reader->parse(text.data(), text.data() + text.size(), &value, &problem) && value.isObject();
-    } catch (const Json::Exception&) {
-        return false;
-    }
+    base::Result<Json::Value> parsed = ParseJson(text);
+    if (!parsed || !parsed->isObject()) return false;
+    value.swap(*parsed);
+    return true;
 }
 
 std::string Word(const Json::Value& value) {

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "base/Result.h"
+
 namespace agent {
 
 constexpr const char* kLoadProfileHelp =
@@ -25,8 +27,7 @@ struct LoadItem {
 using LoadProfile = std::vector<LoadItem>;
 
 /// Parses "greedy:2,polite" and the like; empty and "idle" give no item. Pure.
-/// Returns: false with `problem` for what cannot be read; the profile is untouched then.
-bool ParseLoadProfile(const std::string& text, LoadProfile& profile, std::string& problem);
+base::Result<LoadProfile> ParseLoadProfile(const std::string& text);
 
 /// The inverse, for the command line of a component. Pure.
 std::string FormatLoadProfile(const LoadProfile& profile);

@@ -6,22 +6,11 @@
 #include <cstdlib>
 
 #include "ExitCode.h"
+#include "PlainName.h"
 
 namespace agent {
 
 namespace {
-
-constexpr size_t kMaxNameLength = 64;
-
-bool IsPlainName(const std::string& name) {
-    if (name.empty() || name.size() > kMaxNameLength || name[0] == '.') return false;
-    for (char c : name) {
-        bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-                     c == '-' || c == '.';
-        if (!plain) return false;
-    }
-    return true;
-}
 
 /// Whether the address has the form of one that the metrics may be served on: nothing that others could reach.
 bool IsMetricsAddress(const std::string& address) {
@@ -66,7 +55,7 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, std::stri
     }
     exitCode = kExitUsage;
     if (!IsPlainName(options.name)) {
-        text = "tervane: --name " + options.name + ": letters, digits, '.', '_' and '-' only, at most 64\n";
+        text = "tervane: --name " + options.name + kPlainNameRule + "\n";
         return false;
     }
     if (!options.metricsListen.empty() && !IsMetricsAddress(options.metricsListen)) {
@@ -77,11 +66,12 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, std::stri
         text = "tervane: --exec and a command go together\n";
         return false;
     }
-    std::string problem;
-    if (!ParseLoadProfile(load, options.load, problem)) {
-        text = "tervane: --load " + load + ": " + problem + "\n";
+    const base::Result<LoadProfile> profile = ParseLoadProfile(load);
+    if (!profile) {
+        text = "tervane: --load " + load + ": " + profile.GetError().Text() + "\n";
         return false;
     }
+    options.load = *profile;
     if (options.appDir.empty()) {
         const char* fromEnvironment = getenv("ZEL_APP_DIR");
         if (fromEnvironment != nullptr) options.appDir = fromEnvironment;

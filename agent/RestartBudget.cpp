@@ -5,7 +5,8 @@
 #include <json/json.h>
 
 #include <algorithm>
-#include <memory>
+
+#include "JsonText.h"
 
 namespace agent {
 
@@ -67,16 +68,9 @@ std::string RestartBudget::Format() const {
 }
 
 bool RestartBudget::Parse(const std::string& text) {
-    Json::CharReaderBuilder builder;
-    builder["stackLimit"] = 16;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value root;
-    std::string problem;
-    try {
-        if (!reader->parse(text.data(), text.data() + text.size(), &root, &problem)) return false;
-    } catch (const Json::Exception&) {
-        return false;
-    }
+    const base::Result<Json::Value> read = ParseJson(text);
+    if (!read) return false;
+    const Json::Value& root = *read;
     if (!root.isObject() || !root["components"].isObject()) return false;
     std::map<std::string, Entry> parsed;
     const Json::Value& components = root["components"];

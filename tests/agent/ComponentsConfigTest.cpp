@@ -4,34 +4,24 @@
 
 using namespace agent;
 
-namespace {
-bool Parse(const std::string& text, std::vector<ComponentConfig>& components, std::string& problem) {
-    return ParseComponents(text, components, problem);
-}
-}  // namespace
-
 TEST(ComponentsConfigTest, AMissingFileGivesTheBuiltInComponents) {
-    std::vector<ComponentConfig> components;
-    std::string problem;
-    ASSERT_TRUE(LoadComponents("/nowhere/components.json", components, problem));
-    ASSERT_EQ(5u, components.size());
-    EXPECT_EQ("TervaneMonitor", components[0].name);
-    EXPECT_EQ("guard", components[1].group);
+    const auto components = LoadComponents("/nowhere/components.json");
+    ASSERT_TRUE(components);
+    ASSERT_EQ(5u, components->size());
+    EXPECT_EQ("TervaneMonitor", (*components)[0].name);
+    EXPECT_EQ("guard", (*components)[1].group);
 }
 
 TEST(ComponentsConfigTest, ReadsLoadsAndCommands) {
-    std::vector<ComponentConfig> components;
-    std::string problem;
-    ASSERT_TRUE(Parse(R"({"version":1,"components":[{"name":"A","group":"main","load":"greedy:2"},
-                          {"name":"B","command":["/bin/sleep","60"]}]})",
-                      components, problem))
-        << problem;
-    ASSERT_EQ(2u, components.size());
-    EXPECT_EQ("greedy:2", FormatLoadProfile(components[0].load));
-    EXPECT_EQ((std::vector<std::string>{"/bin/sleep", "60"}), components[1].command);
+    const auto components = ParseComponents(R"({"version":1,"components":[{"name":"A","group":"main","load":"greedy:2"},
+                          {"name":"B","command":["/bin/sleep","60"]}]})");
+    ASSERT_TRUE(components) << components.GetError().Text();
+    ASSERT_EQ(2u, components->size());
+    EXPECT_EQ("greedy:2", FormatLoadProfile((*components)[0].load));
+    EXPECT_EQ((std::vector<std::string>{"/bin/sleep", "60"}), (*components)[1].command);
 }
 
-TEST(ComponentsConfigTest, RefusesWithKeyAndReasonAndKeepsTheOld) {
+TEST(ComponentsConfigTest, RefusesWithKeyAndReason) {
     const std::pair<const char*, const char*> bad[] = {
         {"", ""},
         {"[]", "components"},
@@ -53,17 +43,13 @@ TEST(ComponentsConfigTest, RefusesWithKeyAndReasonAndKeepsTheOld) {
         {"{\"components\":[]} trailing", ""},
     };
     for (const auto& item : bad) {
-        std::vector<ComponentConfig> components{{"Old", "", {}, {}}};
-        std::string problem;
-        EXPECT_FALSE(Parse(item.first, components, problem)) << item.first;
+        const auto components = ParseComponents(item.first);
+        ASSERT_FALSE(components) << item.first;
+        const std::string problem = components.GetError().Text();
         EXPECT_NE(std::string::npos, problem.find(item.second)) << item.first << " -> " << problem;
-        ASSERT_EQ(1u, components.size()) << item.first;
-        EXPECT_EQ("Old", components[0].name);
     }
 }
 
 TEST(ComponentsConfigTest, DeepNestingIsRefusedNotFollowed) {
-    std::vector<ComponentConfig> components;
-    std::string problem;
-    EXPECT_FALSE(Parse("{\"components\":" + std::string(5000, '[') + "}", components, problem));
+    EXPECT_FALSE(ParseComponents("{\"components\":" + std::string(5000, '[') + "}"));
 }
