@@ -69,6 +69,7 @@ int LegacyCodeOf(const Error& error) {
         case ErrorKind::kShortWrite:
         case ErrorKind::kTooLarge:
         case ErrorKind::kMalformed:
+        case ErrorKind::kNoServer:
         case ErrorKind::kRefused:
         case ErrorKind::kOther: return kLegacyWriteFailed;
     }
