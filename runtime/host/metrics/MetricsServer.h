@@ -1,17 +1,21 @@
 // Serves /metrics to a scraper on a loopback address or a local socket, and keeps the text file for a node
-// exporter's collector. One thread; requests are bounded in size and time, and answered one after the other.
+// exporter's collector. Requests are bounded in number, size and time; several are answered at a time.
 #pragma once
 
+#include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
-#include <thread>
 
-#include "SecureFile.h"
+#include "base/IoLoop.h"
+#include "base/RequestServer.h"
+#include "base/WorkQueue.h"
 #include "platform/host/HostRecords.h"
 
 namespace zelhost {
 
-/// Thread-safety: Start and Stop from one thread. `text` is called on the server's thread.
+/// Thread-safety: Start and Stop from one thread. `text` is called on threads of the server, two at a time at most.
+/// Lifetime: an object is started once.
 class CMetricsServer {
 public:
     CMetricsServer(MetricsOptions options, std::function<std::string()> text);
@@ -20,29 +24,29 @@ public:
     CMetricsServer& operator=(const CMetricsServer&) = delete;
 
     bool Start(std::string& error);
+    /// Blocks: until a text that is being made is made. Waits for no peer.
     void Stop();
     /// The address with the port that the system chose.
     std::string Address() const { return m_address; }
 
     static constexpr size_t kMostRequestBytes = 8192;
-    static constexpr int kRequestMs = 1000;
+    static constexpr std::chrono::milliseconds kRequestTime{1000};  ///< to read one, and again to send its answer
 
 private:
-    bool ListenLocal(const std::string& path, std::string& error);
-    bool ListenLoopback(const std::string& listen, std::string& error);
-    void Run();
-    void Serve(int client);
-    bool IsAllowed(int client) const;
+    base::Status Serve();
+    base::RequestService MakeService();
+    void ScheduleTextFile(std::chrono::milliseconds delay);
     void WriteTextFile();
 
     const MetricsOptions m_options;
     const std::function<std::string()> m_text;
     std::string m_address;
-    std::string m_socketPath;  // to be removed at the end
-    base::Fd m_listener;
-    base::Fd m_wake;
-    std::thread m_thread;
-    std::string m_textFileError;
+    std::string m_textFileError;  // of the thread that writes the file
+    // In the order of their making; each ends before those above it.
+    std::unique_ptr<base::IoLoop> m_loop;
+    std::unique_ptr<base::WorkQueue> m_queue;
+    std::unique_ptr<base::RequestServer> m_server;
+    std::unique_ptr<base::IoTimer> m_textFileTimer;
 };
 
 /// The answer to one request's head; `body` is asked only when it is wanted. Pure but for that.
