@@ -4,8 +4,13 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
-#include <thread>
+
+#include "base/IoLoop.h"
+#include "base/RequestServer.h"
+#include "base/Result.h"
+#include "base/WorkQueue.h"
 
 namespace agent {
 
@@ -20,8 +25,10 @@ struct ConsoleActions {
     std::function<void()> stop;  ///< asks and does not wait
 };
 
-/// Serves one connection at a time on a thread of its own; every wait is bounded, so a silent peer costs two seconds.
+/// Serves several consoles at a time; a silent peer is cut after two seconds and delays nobody.
 /// Requests: status, metrics, threads, statistics, reload, stop.
+/// Thread-safety: Start and Stop from one thread.
+/// Lifetime: an object is started once.
 class ControlServer {
 public:
     explicit ControlServer(ConsoleActions actions);
@@ -29,20 +36,20 @@ public:
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
 
+    /// Requires: the lock of the application directory, which says that no other process of this name runs.
     bool Start(const std::string& path, std::string& problem);
-    /// Blocks: until the thread has ended. Removes the socket.
+    /// Blocks: until an action that runs has returned. Removes the socket.
     void Stop();
 
 private:
-    void Serve();
-    void Answer(int connection);
-    std::string Handle(const std::string& request);
+    base::Status Serve(const std::string& path);
+    std::string Handle(const std::string& request) const;
 
     const ConsoleActions m_actions;
-    std::string m_path;
-    int m_listener = -1;
-    int m_wake = -1;
-    std::thread m_thread;
+    // In the order of their making; each ends before those above it.
+    std::unique_ptr<base::IoLoop> m_loop;
+    std::unique_ptr<base::WorkQueue> m_queue;
+    std::unique_ptr<base::RequestServer> m_server;
 };
 
 }  // namespace agent
