@@ -85,7 +85,7 @@ CHttpService& CHttpService::Instance() {
 }
 
 unsigned int CHttpService::GetFailCount() {
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     return m_failures;
 }
 
@@ -145,14 +145,14 @@ HttpResult CHttpService::Post(const HttpRequest& request) {
     HttpResult result;
     if (!IsHttpUrl(request.url)) {
         result.error = "not an http or https address";
-        std::lock_guard<std::mutex> lock(m_lock);
+        base::MutexLock lock(m_lock);
         ++m_failures;
         return result;
     }
     for (unsigned int attempt = 1;; ++attempt) {
         result = PostOnce(request);
         result.attempts = attempt;
-        std::unique_lock<std::mutex> lock(m_lock);
+        base::MutexLock lock(m_lock);
         if (result.ok) {
             m_budget.Earn();
             return result;

@@ -3,10 +3,10 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "base/Mutex.h"
 #include "platform/host/Http.h"
 
 namespace zelhost {
@@ -64,9 +64,9 @@ public:
 private:
     HttpResult PostOnce(const HttpRequest& request);
 
-    std::mutex m_lock;
-    unsigned int m_failures = 0;
-    RetryBudget m_budget;
+    base::Mutex m_lock;
+    unsigned int m_failures ZEL_GUARDED_BY(m_lock) = 0;
+    RetryBudget m_budget ZEL_GUARDED_BY(m_lock);
 };
 
 /// "http://host/..." or "https://host/...", no control characters or blanks.

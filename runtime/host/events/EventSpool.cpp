@@ -178,7 +178,7 @@ bool CEventSpool::PrepareSchema(int& code, std::string& reason) {
         reason = sqlite3_errmsg(m_writer);
         return false;
     }
-    std::lock_guard<std::mutex> lock(m_figuresLock);
+    base::MutexLock lock(m_figuresLock);
     m_name = facts.Text(0);
     m_figures.dropped = static_cast<uint64_t>(facts.Int(1));
     m_messages = facts.Int(2);
@@ -248,7 +248,7 @@ bool CEventSpool::WriteTransaction(const std::vector<Request*>& batch, int& code
     int64_t held = 0;
     if (ok) {
         // The sum as it is under the write lock: the readers remove confirmed messages beside us.
-        std::lock_guard<std::mutex> lock(m_figuresLock);
+        base::MutexLock lock(m_figuresLock);
         held = m_bytes;
     }
     const auto add = [&](const SpoolMessage& message) {
@@ -273,7 +273,7 @@ bool CEventSpool::WriteTransaction(const std::vector<Request*>& batch, int& code
 }
 
 void CEventSpool::KeepInMemory(const SpoolMessage& message) {
-    std::lock_guard<std::mutex> lock(m_figuresLock);
+    base::MutexLock lock(m_figuresLock);
     if (m_memoryMost == 0) {
         ++m_figures.dropped;
         return;
@@ -296,7 +296,7 @@ bool CEventSpool::CommitBatch(const std::vector<Request*>& batch) {
     }
     bool wasBroken = false;
     {
-        std::lock_guard<std::mutex> lock(m_figuresLock);
+        base::MutexLock lock(m_figuresLock);
         wasBroken = m_figures.broken;
         m_figures.broken = !ok;
         if (ok) {
@@ -326,11 +326,11 @@ bool CEventSpool::CommitBatch(const std::vector<Request*>& batch) {
 bool CEventSpool::Append(SpoolMessage message) {
     Request request;
     request.message = std::move(message);
-    std::unique_lock<std::mutex> lock(m_queueLock);
+    base::MutexLock lock(m_queueLock);
     m_queue.push_back(&request);
     while (!request.done) {
         if (m_leader) {
-            m_committed.wait(lock);
+            m_committed.wait(m_queueLock);
             continue;
         }
         m_leader = true;
@@ -347,14 +347,14 @@ bool CEventSpool::Append(SpoolMessage message) {
         m_committed.notify_all();
     }
     lock.unlock();
-    std::lock_guard<std::mutex> figures(m_figuresLock);
+    base::MutexLock figures(m_figuresLock);
     ++(request.durable ? m_figures.accepted : m_figures.refused);
     return request.durable;
 }
 
 bool CEventSpool::FlushMemory() {
-    std::unique_lock<std::mutex> lock(m_queueLock);
-    m_committed.wait(lock, [this] { return !m_leader; });
+    base::MutexLock lock(m_queueLock);
+    while (m_leader) m_committed.wait(m_queueLock);
     if (m_memory.empty() && m_reserve) return true;
     m_leader = true;
     lock.unlock();
@@ -368,7 +368,7 @@ bool CEventSpool::FlushMemory() {
 }
 
 bool CEventSpool::SetSinks(const std::vector<std::string>& sinks, std::string& reason) {
-    std::lock_guard<std::mutex> lock(m_readLock);
+    base::MutexLock lock(m_readLock);
     std::vector<std::string> known;
     {
         Statement all(m_reader, "SELECT sink FROM cursors;");
@@ -392,7 +392,7 @@ bool CEventSpool::SetSinks(const std::vector<std::string>& sinks, std::string& r
 
 bool CEventSpool::Read(const std::string& sink, size_t most, size_t mostBytes, std::vector<SpoolMessage>& messages) {
     messages.clear();
-    std::lock_guard<std::mutex> lock(m_readLock);
+    base::MutexLock lock(m_readLock);
     Statement query(m_reader,
                     "SELECT seq, time, type, body, extra, arg1, arg2 FROM messages"
                     " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0)"
@@ -418,7 +418,7 @@ bool CEventSpool::Read(const std::string& sink, size_t most, size_t mostBytes, s
 }
 
 bool CEventSpool::Confirm(const std::string& sink, int64_t seq) {
-    std::lock_guard<std::mutex> lock(m_readLock);
+    base::MutexLock lock(m_readLock);
     Statement move(m_reader, "UPDATE cursors SET seq = max(seq, ?2) WHERE sink = ?1;");
     move.Bind(1, sink);
     move.Bind(2, seq);
@@ -443,7 +443,7 @@ void CEventSpool::RemoveConfirmed() {
     }
     ok = ok && Exec(m_reader, "DELETE FROM messages WHERE seq <= (SELECT min(seq) FROM cursors);") == SQLITE_OK;
     // The figures move before the write lock is given up, so that a writer's sums never count a message twice.
-    std::lock_guard<std::mutex> lock(m_figuresLock);
+    base::MutexLock lock(m_figuresLock);
     if (!ok || Exec(m_reader, "COMMIT;") != SQLITE_OK) {
         Exec(m_reader, "ROLLBACK;");
         return;
@@ -453,31 +453,33 @@ void CEventSpool::RemoveConfirmed() {
 }
 
 void CEventSpool::Checkpoint() {
-    std::lock_guard<std::mutex> lock(m_readLock);
+    base::MutexLock lock(m_readLock);
     sqlite3_wal_checkpoint_v2(m_reader, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
 }
 
 uint64_t CEventSpool::News() {
-    std::lock_guard<std::mutex> lock(m_newsLock);
+    base::MutexLock lock(m_newsLock);
     return m_newsCount;
 }
 
 uint64_t CEventSpool::WaitForNews(uint64_t seen, unsigned int timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_newsLock);
-    m_news.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_newsCount != seen; });
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    base::MutexLock lock(m_newsLock);
+    while (m_newsCount == seen && m_news.wait_until(m_newsLock, end) != std::cv_status::timeout) {
+    }
     return m_newsCount;
 }
 
 void CEventSpool::Wake() {
     {
-        std::lock_guard<std::mutex> lock(m_newsLock);
+        base::MutexLock lock(m_newsLock);
         ++m_newsCount;
     }
     m_news.notify_all();
 }
 
 CEventSpool::Figures CEventSpool::GetFigures() {
-    std::lock_guard<std::mutex> lock(m_figuresLock);
+    base::MutexLock lock(m_figuresLock);
     Figures figures = m_figures;
     figures.messages = static_cast<uint64_t>(std::max<int64_t>(0, m_messages));
     figures.bytes = static_cast<uint64_t>(std::max<int64_t>(0, m_bytes));
@@ -485,7 +487,7 @@ CEventSpool::Figures CEventSpool::GetFigures() {
 }
 
 uint64_t CEventSpool::Waiting(const std::string& sink) {
-    std::lock_guard<std::mutex> lock(m_readLock);
+    base::MutexLock lock(m_readLock);
     Statement query(m_reader,
                     "SELECT count(*) FROM messages"
                     " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0);");

@@ -3,13 +3,13 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "base/Mutex.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -91,17 +91,17 @@ private:
     void KeepInMemory(const SpoolMessage& message);
     void TouchReserve();
     void ReleaseReserve();
-    void RemoveConfirmed();
+    void RemoveConfirmed() ZEL_REQUIRES(m_readLock);
 
     std::string m_path;
     uint64_t m_maxBytes = 0;
     size_t m_memoryMost = 0;
     std::string m_name;
 
-    std::mutex m_queueLock;
-    std::condition_variable m_committed;
-    std::vector<Request*> m_queue;
-    bool m_leader = false;
+    base::Mutex m_queueLock;
+    base::Condition m_committed;
+    std::vector<Request*> m_queue ZEL_GUARDED_BY(m_queueLock);
+    bool m_leader ZEL_GUARDED_BY(m_queueLock) = false;
 
     // of the leader, and of FlushMemory as one
     sqlite3* m_writer = nullptr;
@@ -109,17 +109,18 @@ private:
     std::deque<SpoolMessage> m_memory;
     bool m_reserve = false;
 
-    std::mutex m_readLock;
-    sqlite3* m_reader = nullptr;
+    base::Mutex m_readLock;
+    sqlite3* m_reader = nullptr;  // used under m_readLock; made before and closed after there are readers
 
-    std::mutex m_figuresLock;
-    Figures m_figures;       // messages and bytes are filled in when asked
-    int64_t m_messages = 0;  // signed: a reader may subtract what the writer is about to add
-    int64_t m_bytes = 0;
+    base::Mutex m_figuresLock;
+    Figures m_figures ZEL_GUARDED_BY(m_figuresLock);  // messages and bytes are filled in when asked
+    // Signed: a reader may subtract what the writer is about to add.
+    int64_t m_messages ZEL_GUARDED_BY(m_figuresLock) = 0;
+    int64_t m_bytes ZEL_GUARDED_BY(m_figuresLock) = 0;
 
-    std::mutex m_newsLock;
-    std::condition_variable m_news;
-    uint64_t m_newsCount = 0;
+    base::Mutex m_newsLock;
+    base::Condition m_news;
+    uint64_t m_newsCount ZEL_GUARDED_BY(m_newsLock) = 0;
 };
 
 }  // namespace zelhost

@@ -9,7 +9,7 @@ namespace zelhost {
 
 void CHeartbeats::Beat(unsigned int tid, const std::string& name, int timeoutSeconds) {
     if (timeoutSeconds <= 0) return Remove(tid);
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     auto found = m_entries.find(tid);
     if (found == m_entries.end()) {
         if (m_entries.size() >= kMaxThreads) {
@@ -32,7 +32,7 @@ void CHeartbeats::Beat(unsigned int tid, const std::string& name, int timeoutSec
 }
 
 void CHeartbeats::Remove(unsigned int tid) {
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     const auto found = m_entries.find(tid);
     if (found == m_entries.end()) return;
     if (found->second.stalled) --m_stalled;
@@ -42,7 +42,7 @@ void CHeartbeats::Remove(unsigned int tid) {
 }
 
 void CHeartbeats::Round(int64_t elapsedMs, int64_t roundMs, std::vector<ThreadStall>& changes) {
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     m_clockMs += std::min(elapsedMs, 2 * roundMs);
     for (auto& item : m_entries) {
         Entry& entry = item.second;
@@ -68,7 +68,7 @@ void CHeartbeats::Round(int64_t elapsedMs, int64_t roundMs, std::vector<ThreadSt
 }
 
 void CHeartbeats::Clear() {
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     m_entries.clear();
     m_count = m_stalled = 0;
 }

@@ -4,10 +4,10 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "base/Mutex.h"
 #include "platform/host/ResourceEventSink.h"
 
 namespace zelhost {
@@ -39,13 +39,13 @@ private:
         bool stalled = false;
         bool cameBack = false;
     };
-    std::mutex m_lock;
-    int64_t m_clockMs = 0;
+    base::Mutex m_lock;
+    int64_t m_clockMs ZEL_GUARDED_BY(m_lock) = 0;
+    bool m_full ZEL_GUARDED_BY(m_lock) = false;
+    std::map<unsigned int, Entry> m_entries ZEL_GUARDED_BY(m_lock);
     // Written under the lock, read without it.
     std::atomic<size_t> m_count{0};
     std::atomic<size_t> m_stalled{0};
-    bool m_full = false;
-    std::map<unsigned int, Entry> m_entries;
 };
 
 }  // namespace zelhost
