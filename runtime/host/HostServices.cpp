@@ -1,8 +1,8 @@
 // Starts and stops the host's services of one process.
 #include "platform/host/HostServices.h"
 
-#include <mutex>
-
+#include "base/Mutex.h"
+#include "base/Result.h"
 #include "events/EventDelivery.h"
 #include "sampling/ActiveSampler.h"
 #include "sampling/SamplingSettings.h"
@@ -42,18 +42,101 @@ HostOptions Completed(HostOptions o) {
 }  // namespace
 
 struct CHostServices::Impl {
+    base::Status StartConfig();
+    base::Status StartDelivery();
+    base::Status StartRegistry();
+    base::Status StartMetrics();
+    void StopConfig();
+    void StopDelivery();
+    void StopRegistry();
+    void StopMetrics();
+    void UndoSteps();
     std::string MetricsText();
+
+    struct Step {
+        base::Status (Impl::*start)();
+        void (Impl::*stop)();
+    };
+    static const Step kSteps[];
 
     HostOptions m_options;
     bool m_started = false;
+    size_t m_stepsMade = 0;
     std::unique_ptr<COnlineClientConf> m_conf;
     std::unique_ptr<COnlineConfigLoader> m_loader;
     std::unique_ptr<CEventDelivery> m_delivery;
     std::unique_ptr<CMetricsServer> m_metrics;
-    bool m_registryStarted = false;
-    std::mutex m_sourceLock;
-    MetricsSource m_source;
+    base::Mutex m_sourceLock;
+    MetricsSource m_source ZEL_GUARDED_BY(m_sourceLock);
 };
+
+// The order of life: made from the top down, undone from the bottom up. The registry stands above the delivery's end,
+// because its collector may be inside a provider that sends a message.
+const CHostServices::Impl::Step CHostServices::Impl::kSteps[] = {
+    {&Impl::StartConfig, &Impl::StopConfig},
+    {&Impl::StartDelivery, &Impl::StopDelivery},
+    {&Impl::StartRegistry, &Impl::StopRegistry},
+    {&Impl::StartMetrics, &Impl::StopMetrics},
+};
+
+// A step that fails leaves nothing of its own behind; the steps before it are undone.
+
+base::Status CHostServices::Impl::StartConfig() {
+    if (!m_conf) m_conf = std::make_unique<COnlineClientConf>();
+    m_loader = std::make_unique<COnlineConfigLoader>(*m_conf, m_options.onlineConfigPath, m_options.onlinePollMs);
+    base::Status started = m_loader->Start();
+    if (!started) m_loader.reset();
+    return started;
+}
+
+void CHostServices::Impl::StopConfig() {
+    m_loader.reset();
+}
+
+base::Status CHostServices::Impl::StartDelivery() {
+    if (!IsOn(m_options.delivery.enabled, m_options.isMain)) return {};
+    m_delivery = std::make_unique<CEventDelivery>(m_options.delivery, m_options.processName);
+    base::Status started = m_delivery->Start();
+    if (started) {
+        SetMsgTransmitInstance(m_delivery.get());
+    } else {
+        m_delivery.reset();
+    }
+    return started;
+}
+
+void CHostServices::Impl::StopDelivery() {
+    SetMsgTransmitInstance(nullptr);
+    if (m_delivery) m_delivery->Stop();
+    m_delivery.reset();
+}
+
+base::Status CHostServices::Impl::StartRegistry() {
+    return CStatisticsRegistry::Instance().Start(m_options.statisticsPeriodMs, m_options.statisticsProviderMs,
+                                                 m_options.statisticsDbPath);
+}
+
+void CHostServices::Impl::StopRegistry() {
+    CStatisticsRegistry::Instance().Stop();
+}
+
+base::Status CHostServices::Impl::StartMetrics() {
+    if (!IsOn(m_options.metrics.enabled, m_options.isMain)) return {};
+    m_metrics = std::make_unique<CMetricsServer>(m_options.metrics, [this] { return MetricsText(); });
+    std::string error;
+    if (m_metrics->Start(error)) return {};
+    m_metrics.reset();
+    return base::SentenceError(error);
+}
+
+void CHostServices::Impl::StopMetrics() {
+    m_metrics.reset();
+}
+
+void CHostServices::Impl::UndoSteps() {
+    for (; m_stepsMade > 0; --m_stepsMade) (this->*kSteps[m_stepsMade - 1].stop)();
+    m_started = false;
+}
 
 std::string CHostServices::Impl::MetricsText() {
     std::vector<Metric> metrics;
@@ -63,7 +146,7 @@ std::string CHostServices::Impl::MetricsText() {
     if (m_delivery) AddDeliveryMetrics(m_delivery->Stats(), metrics);
     AddStatisticsMetrics(CStatisticsRegistry::Instance().Snapshot(), metrics);
     {
-        std::lock_guard<std::mutex> lock(m_sourceLock);
+        base::MutexLock lock(m_sourceLock);
         if (m_source) m_source(metrics);
     }
     return FormatMetrics(
@@ -86,42 +169,23 @@ bool CHostServices::Start(const HostOptions& options, std::string& error) {
         return false;
     }
     impl.m_options = Completed(options);
-    const HostOptions& o = impl.m_options;
     impl.m_started = true;
-    SetSamplingSettings({o.processName, o.sampling});
-    if (!impl.m_conf) impl.m_conf = std::make_unique<COnlineClientConf>();
-    impl.m_loader = std::make_unique<COnlineConfigLoader>(*impl.m_conf, o.onlineConfigPath, o.onlinePollMs);
-    bool ok = impl.m_loader->Start(error);
-    if (ok && IsOn(o.delivery.enabled, o.isMain)) {
-        impl.m_delivery = std::make_unique<CEventDelivery>(o.delivery, o.processName);
-        ok = impl.m_delivery->Start(error);
-        if (ok) SetMsgTransmitInstance(impl.m_delivery.get());
+    SetSamplingSettings({impl.m_options.processName, impl.m_options.sampling});
+    for (const Impl::Step& step : Impl::kSteps) {
+        const base::Status made = (impl.*step.start)();
+        if (made) {
+            ++impl.m_stepsMade;
+            continue;
+        }
+        error = made.GetError().Text();
+        impl.UndoSteps();
+        return false;
     }
-    if (ok) {
-        ok = CStatisticsRegistry::Instance().Start(o.statisticsPeriodMs, o.statisticsProviderMs, o.statisticsDbPath,
-                                                   error);
-        impl.m_registryStarted = ok;
-    }
-    if (ok && IsOn(o.metrics.enabled, o.isMain)) {
-        impl.m_metrics = std::make_unique<CMetricsServer>(o.metrics, [&impl] { return impl.MetricsText(); });
-        ok = impl.m_metrics->Start(error);
-    }
-    if (!ok) Stop();
-    return ok;
+    return true;
 }
 
 void CHostServices::Stop() {
-    Impl& impl = *m_impl;
-    if (!impl.m_started) return;
-    impl.m_metrics.reset();
-    // The collector may be inside a provider that sends a message: it ends before the delivery does.
-    if (impl.m_registryStarted) CStatisticsRegistry::Instance().Stop();
-    impl.m_registryStarted = false;
-    SetMsgTransmitInstance(nullptr);
-    if (impl.m_delivery) impl.m_delivery->Stop();
-    impl.m_delivery.reset();
-    impl.m_loader.reset();
-    impl.m_started = false;
+    m_impl->UndoSteps();
 }
 
 CSysIntf* CHostServices::GetSysIntf() {
@@ -148,7 +212,7 @@ void CHostServices::CollectStatistics() {
 }
 
 void CHostServices::SetMetricsSource(MetricsSource source) {
-    std::lock_guard<std::mutex> lock(m_impl->m_sourceLock);
+    base::MutexLock lock(m_impl->m_sourceLock);
     m_impl->m_source = std::move(source);
 }
 
@@ -160,9 +224,13 @@ std::string CHostServices::GetMetricsAddress() {
 }
 
 bool CHostServices::ReloadOnlineConfig(std::string& error) {
-    if (m_impl->m_loader) return m_impl->m_loader->Reload(error);
-    error = "the online configuration is not watched";
-    return false;
+    if (!m_impl->m_loader) {
+        error = "the online configuration is not watched";
+        return false;
+    }
+    const base::Status reloaded = m_impl->m_loader->Reload();
+    if (!reloaded) error = reloaded.GetError().Text();
+    return reloaded.Ok();
 }
 
 }  // namespace zelhost

@@ -106,7 +106,7 @@ CStatisticsRegistry& CStatisticsRegistry::Instance() {
 
 void CStatisticsRegistry::Register(IMtInfo* info) {
     if (info == nullptr) return;
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     for (const auto& provider : m_providers) {
         if (provider->info == info && !provider->removed) return;
     }
@@ -116,7 +116,7 @@ void CStatisticsRegistry::Register(IMtInfo* info) {
 }
 
 void CStatisticsRegistry::Unregister(IMtInfo* info) {
-    std::unique_lock<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     const auto found = std::find_if(m_providers.begin(), m_providers.end(),
                                     [&](const std::shared_ptr<Provider>& p) { return p->info == info; });
     if (found == m_providers.end()) return;
@@ -124,22 +124,14 @@ void CStatisticsRegistry::Unregister(IMtInfo* info) {
     m_providers.erase(found);
     provider->removed = true;
     if (provider->inside && provider->insideThread == std::this_thread::get_id()) return;
-    m_changed.wait(lock, [&] { return !provider->inside; });
+    while (provider->inside) m_changed.wait(m_lock);
 }
 
-bool CStatisticsRegistry::Start(unsigned int periodMs, unsigned int providerMs, const std::string& dbPath,
-                                std::string& error) {
-    std::string reason;
+base::Status CStatisticsRegistry::Start(unsigned int periodMs, unsigned int providerMs, const std::string& dbPath) {
     {
-        std::lock_guard<std::mutex> collecting(m_collectLock);
-        m_historyFailed = false;
-        if (dbPath != "-" && !m_history.Open(dbPath, reason)) {
-            // Figures without a history are better than none.
-            zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "StatisticsRegistry", __LINE__,
-                                                 "no history of the statistics: %s: %s", dbPath.c_str(),
-                                                 reason.c_str());
-        }
-        std::lock_guard<std::mutex> lock(m_lock);
+        base::MutexLock collecting(m_collectLock);
+        OpenHistory(dbPath);
+        base::MutexLock lock(m_lock);
         m_periodMs = std::max(1u, periodMs);
         m_providerMs = std::max(1u, providerMs);
         m_stop = false;
@@ -148,22 +140,30 @@ bool CStatisticsRegistry::Start(unsigned int periodMs, unsigned int providerMs, 
     try {
         m_thread = std::thread([this] { Run(); });
     } catch (const std::system_error& e) {
-        error = std::string("statistics: no thread: ") + e.what();
-        return false;
+        Stop();
+        return base::SentenceError(std::string("statistics: no thread: ") + e.what());
     }
-    return true;
+    return {};
+}
+
+void CStatisticsRegistry::OpenHistory(const std::string& dbPath) {
+    std::string reason;
+    m_historyFailed = false;
+    if (dbPath == "-" || m_history.Open(dbPath, reason)) return;
+    zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "StatisticsRegistry", __LINE__,
+                                         "no history of the statistics: %s: %s", dbPath.c_str(), reason.c_str());
 }
 
 void CStatisticsRegistry::Stop() {
     {
-        std::lock_guard<std::mutex> lock(m_lock);
+        base::MutexLock lock(m_lock);
         m_stop = true;
         m_changed.notify_all();
     }
     if (m_thread.joinable()) m_thread.join();
-    std::lock_guard<std::mutex> collecting(m_collectLock);
+    base::MutexLock collecting(m_collectLock);
     m_history.Close();
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     if (m_worker) {
         m_worker->quit = true;
         m_worker.reset();
@@ -176,9 +176,11 @@ void CStatisticsRegistry::Run() {
     auto due = std::chrono::steady_clock::now();
     for (;;) {
         {
-            std::unique_lock<std::mutex> lock(m_lock);
+            base::MutexLock lock(m_lock);
             due = std::max(due + std::chrono::milliseconds(m_periodMs), std::chrono::steady_clock::now());
-            if (m_changed.wait_until(lock, due, [this] { return m_stop; })) return;
+            while (!m_stop && m_changed.wait_until(m_lock, due) != std::cv_status::timeout) {
+            }
+            if (m_stop) return;
         }
         CThreadFacts::Instance().Sample();  // the slow rhythm of the thread facts
         Collect();
@@ -196,14 +198,14 @@ std::shared_ptr<CStatisticsRegistry::Worker> CStatisticsRegistry::MakeWorker() {
     return worker;
 }
 
-void CStatisticsRegistry::CallProvider(std::unique_lock<std::mutex>& lock, Call& call) {
+void CStatisticsRegistry::CallProvider(Call& call) {
     Provider& provider = *call.provider;
     if (provider.removed) {
         provider.inside = false;
         return;
     }
     provider.insideThread = std::this_thread::get_id();
-    lock.unlock();
+    m_lock.unlock();
     std::map<std::string, std::string> values;
     bool ok = false;
     try {
@@ -214,7 +216,7 @@ void CStatisticsRegistry::CallProvider(std::unique_lock<std::mutex>& lock, Call&
     } catch (...) {
         zel::CLogMessage::GetInstance()->WriteLogMessage("a provider of statistics threw", zel::kLogWarning);
     }
-    lock.lock();
+    m_lock.lock();
     provider.inside = false;
     provider.insideThread = std::thread::id();
     call.values = std::move(values);
@@ -223,12 +225,12 @@ void CStatisticsRegistry::CallProvider(std::unique_lock<std::mutex>& lock, Call&
 
 void CStatisticsRegistry::RunWorker(const std::shared_ptr<Worker>& worker) {
     zel::CThreadUtil::SetThreadName("StatisticsWork");
-    std::unique_lock<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     for (;;) {
-        m_changed.wait(lock, [&] { return worker->quit || worker->call != nullptr; });
+        while (!worker->quit && worker->call == nullptr) m_changed.wait(m_lock);
         if (worker->call == nullptr) return;
         const std::shared_ptr<Call> call = worker->call;
-        CallProvider(lock, *call);
+        CallProvider(*call);
         call->done = true;
         worker->call.reset();
         m_changed.notify_all();
@@ -239,7 +241,7 @@ void CStatisticsRegistry::RunWorker(const std::shared_ptr<Worker>& worker) {
     }
 }
 
-void CStatisticsRegistry::Merge(const Call& call, StatisticsSnapshot& snapshot) const {
+void CStatisticsRegistry::Merge(const Call& call, StatisticsSnapshot& snapshot) {
     for (const auto& item : call.values) {
         if (snapshot.values.size() >= kMostEntries) return;
         if (item.first.size() > kMostKeyBytes) continue;
@@ -248,47 +250,61 @@ void CStatisticsRegistry::Merge(const Call& call, StatisticsSnapshot& snapshot) 
 }
 
 void CStatisticsRegistry::Collect() {
-    std::lock_guard<std::mutex> collecting(m_collectLock);
+    base::MutexLock collecting(m_collectLock);
     StatisticsSnapshot snapshot;
-    std::unique_lock<std::mutex> lock(m_lock);
-    const std::list<std::shared_ptr<Provider>> providers = m_providers;
-    snapshot.providers = providers.size();
-    for (const auto& provider : providers) {
-        if (provider->removed) continue;
-        if (provider->inside) {  // still in there from an earlier collection
-            ++snapshot.slowProviders;
-            continue;
+    {
+        base::MutexLock lock(m_lock);
+        const std::list<std::shared_ptr<Provider>> providers = m_providers;
+        snapshot.providers = providers.size();
+        for (const auto& provider : providers) {
+            if (!provider->removed) Ask(provider, snapshot);
         }
-        if (m_worker == nullptr && m_stuck < kStuckWorkers) m_worker = MakeWorker();
-        if (m_worker == nullptr) {
-            zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "StatisticsRegistry", __LINE__,
-                                                 "%zu providers of statistics do not return; the others wait", m_stuck);
-            ++snapshot.slowProviders;
-            continue;
-        }
-        auto call = std::make_shared<Call>();
-        call->provider = provider;
-        provider->inside = true;  // from the handing over on: a worker that is slow to begin counts as inside
-        m_worker->call = call;
-        m_changed.notify_all();
-        if (m_changed.wait_for(lock, std::chrono::milliseconds(m_providerMs), [&] { return call->done; })) {
-            if (!call->ok && !provider->removed) ++snapshot.failedProviders;
-            Merge(*call, snapshot);
-            continue;
-        }
-        ++snapshot.slowProviders;
-        ++m_stuck;
-        m_worker->leftBehind = true;
-        m_worker.reset();
-        zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "StatisticsRegistry", __LINE__,
-                                             "a provider of statistics did not return within %u ms; left out",
-                                             m_providerMs);
+        snapshot.wallTime = time(nullptr);
+        snapshot.collections = m_last.collections + 1;
+        m_last = snapshot;
     }
-    snapshot.wallTime = time(nullptr);
-    snapshot.collections = m_last.collections + 1;
-    m_last = snapshot;
-    lock.unlock();
     Keep(snapshot);
+}
+
+void CStatisticsRegistry::Ask(const std::shared_ptr<Provider>& provider, StatisticsSnapshot& snapshot) {
+    if (provider->inside) {  // still in there from an earlier collection
+        ++snapshot.slowProviders;
+        return;
+    }
+    if (m_worker == nullptr && m_stuck < kStuckWorkers) m_worker = MakeWorker();
+    if (m_worker == nullptr) {
+        zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "StatisticsRegistry", __LINE__,
+                                             "%zu providers of statistics do not return; the others wait", m_stuck);
+        ++snapshot.slowProviders;
+        return;
+    }
+    auto call = std::make_shared<Call>();
+    call->provider = provider;
+    provider->inside = true;  // from the handing over on: a worker that is slow to begin counts as inside
+    m_worker->call = call;
+    m_changed.notify_all();
+    if (!WaitForCall(*call)) {
+        ++snapshot.slowProviders;
+        return LeaveWorkerBehind();
+    }
+    if (!call->ok && !provider->removed) ++snapshot.failedProviders;
+    Merge(*call, snapshot);
+}
+
+bool CStatisticsRegistry::WaitForCall(const Call& call) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(m_providerMs);
+    while (!call.done && m_changed.wait_until(m_lock, end) != std::cv_status::timeout) {
+    }
+    return call.done;
+}
+
+void CStatisticsRegistry::LeaveWorkerBehind() {
+    ++m_stuck;
+    m_worker->leftBehind = true;
+    m_worker.reset();
+    zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "StatisticsRegistry", __LINE__,
+                                         "a provider of statistics did not return within %u ms; left out",
+                                         m_providerMs);
 }
 
 void CStatisticsRegistry::Keep(const StatisticsSnapshot& snapshot) {
@@ -303,7 +319,7 @@ void CStatisticsRegistry::Keep(const StatisticsSnapshot& snapshot) {
 }
 
 StatisticsSnapshot CStatisticsRegistry::Snapshot() {
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     return m_last;
 }
 

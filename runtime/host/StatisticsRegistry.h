@@ -2,15 +2,14 @@
 // Providers are entered on worker threads of the registry, one collection at a time.
 #pragma once
 
-#include <condition_variable>
-#include <deque>
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
+#include "base/Mutex.h"
+#include "base/Result.h"
 #include "platform/host/HostRecords.h"
 #include "platform/host/MtIntf.h"
 
@@ -47,7 +46,8 @@ public:
     /// Blocks: until a call that is inside the provider has left it, unless called from within.
     void Unregister(IMtInfo* info);
 
-    bool Start(unsigned int periodMs, unsigned int providerMs, const std::string& dbPath, std::string& error);
+    /// Figures without a history are better than none: a history that cannot be opened is logged.
+    base::Status Start(unsigned int periodMs, unsigned int providerMs, const std::string& dbPath);
     void Stop();
 
     void Collect();
@@ -77,23 +77,31 @@ private:
     void Run();
     std::shared_ptr<Worker> MakeWorker();
     void RunWorker(const std::shared_ptr<Worker>& worker);
-    void CallProvider(std::unique_lock<std::mutex>& lock, Call& call);
-    void Merge(const Call& call, StatisticsSnapshot& snapshot) const;
-    void Keep(const StatisticsSnapshot& snapshot);
+    void OpenHistory(const std::string& dbPath) ZEL_REQUIRES(m_collectLock);
+    /// Enters the provider without the lock.
+    void CallProvider(Call& call) ZEL_REQUIRES(m_lock);
+    /// Has one provider asked, on a worker, within its bound.
+    void Ask(const std::shared_ptr<Provider>& provider, StatisticsSnapshot& snapshot) ZEL_REQUIRES(m_lock);
+    /// Returns: whether the call was done within the provider's bound.
+    bool WaitForCall(const Call& call) ZEL_REQUIRES(m_lock);
+    void LeaveWorkerBehind() ZEL_REQUIRES(m_lock);
+    static void Merge(const Call& call, StatisticsSnapshot& snapshot);
+    void Keep(const StatisticsSnapshot& snapshot) ZEL_REQUIRES(m_collectLock);
 
-    std::mutex m_collectLock;  // one collection at a time; taken before m_lock
-    std::mutex m_lock;
-    std::condition_variable m_changed;
-    std::list<std::shared_ptr<Provider>> m_providers;
-    StatisticsSnapshot m_last;
-    std::shared_ptr<Worker> m_worker;  // the idle one, null when it was left behind
-    size_t m_stuck = 0;
-    unsigned int m_providerMs = 5000;
-    unsigned int m_periodMs = 60000;
-    bool m_stop = false;
+    base::Mutex m_collectLock;  // one collection at a time; taken before m_lock
+    CStatisticsHistory m_history ZEL_GUARDED_BY(m_collectLock);
+    bool m_historyFailed ZEL_GUARDED_BY(m_collectLock) = false;
+
+    base::Mutex m_lock;
+    base::Condition m_changed;
+    std::list<std::shared_ptr<Provider>> m_providers ZEL_GUARDED_BY(m_lock);
+    StatisticsSnapshot m_last ZEL_GUARDED_BY(m_lock);
+    std::shared_ptr<Worker> m_worker ZEL_GUARDED_BY(m_lock);  // the idle one, null when it was left behind
+    size_t m_stuck ZEL_GUARDED_BY(m_lock) = 0;
+    unsigned int m_providerMs ZEL_GUARDED_BY(m_lock) = 5000;
+    unsigned int m_periodMs ZEL_GUARDED_BY(m_lock) = 60000;
+    bool m_stop ZEL_GUARDED_BY(m_lock) = false;
     std::thread m_thread;
-    CStatisticsHistory m_history;  // under m_collectLock
-    bool m_historyFailed = false;
 };
 
 }  // namespace zelhost

@@ -50,7 +50,7 @@ void COnlineClientConf::Impl::Add(IOnlineClientConfNotify* notify) {
     if (notify == nullptr) return;
     std::function<void(IOnlineClientConfNotify*)> callback;
     {
-        std::lock_guard<std::mutex> lock(m_lock);
+        base::MutexLock lock(m_lock);
         if (IsSubscribed(notify)) return;
         m_subscribers.push_back(notify);
         callback = m_onSubscribe;
@@ -59,15 +59,27 @@ void COnlineClientConf::Impl::Add(IOnlineClientConfNotify* notify) {
 }
 
 void COnlineClientConf::Impl::Remove(IOnlineClientConfNotify* notify) {
-    std::unique_lock<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     m_subscribers.erase(std::remove(m_subscribers.begin(), m_subscribers.end(), notify), m_subscribers.end());
     if (m_inside == notify && m_insideThread == std::this_thread::get_id()) return;
-    m_left.wait(lock, [&] { return m_inside != notify || notify == nullptr; });
+    while (m_inside == notify && notify != nullptr) m_left.wait(m_lock);
+}
+
+void COnlineClientConf::Impl::Enter(IOnlineClientConfNotify* notify) {
+    try {
+        notify->OnUpdate();
+    } catch (const std::exception& e) {
+        zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "OnlineClientConf", __LINE__,
+                                             "a subscriber of the online configuration threw: %s", e.what());
+    } catch (...) {
+        zel::CLogMessage::GetInstance()->WriteLogMessage("a subscriber of the online configuration threw",
+                                                         zel::kLogWarning);
+    }
 }
 
 void COnlineClientConf::Impl::Notify(IOnlineClientConfNotify* one) {
-    std::lock_guard<std::mutex> round(m_notifyLock);
-    std::unique_lock<std::mutex> lock(m_lock);
+    base::MutexLock round(m_notifyLock);
+    base::MutexLock lock(m_lock);
     const std::vector<IOnlineClientConfNotify*> subscribers = m_subscribers;
     for (IOnlineClientConfNotify* notify : subscribers) {
         if (one != nullptr && notify != one) continue;
@@ -75,15 +87,7 @@ void COnlineClientConf::Impl::Notify(IOnlineClientConfNotify* one) {
         m_inside = notify;
         m_insideThread = std::this_thread::get_id();
         lock.unlock();
-        try {
-            notify->OnUpdate();
-        } catch (const std::exception& e) {
-            zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "OnlineClientConf", __LINE__,
-                                                 "a subscriber of the online configuration threw: %s", e.what());
-        } catch (...) {
-            zel::CLogMessage::GetInstance()->WriteLogMessage("a subscriber of the online configuration threw",
-                                                             zel::kLogWarning);
-        }
+        Enter(notify);
         lock.lock();
         m_inside = nullptr;
         m_left.notify_all();
@@ -91,7 +95,7 @@ void COnlineClientConf::Impl::Notify(IOnlineClientConfNotify* one) {
 }
 
 bool COnlineClientConf::Impl::Apply(const std::map<size_t, long>& values) {
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     bool changed = false;
     t_loaderWrites = true;
     for (size_t i = 0; i < zelhost::kOnlineKeyCount; ++i) {
@@ -108,13 +112,13 @@ bool COnlineClientConf::Impl::Apply(const std::map<size_t, long>& values) {
 }
 
 void COnlineClientConf::Impl::RecordPublished(const CAtomicInt64<long>* value, long number) {
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     for (size_t i = 0; i < zelhost::kOnlineKeyCount; ++i) {
         if (&(m_owner.*zelhost::OnlineKeys()[i].value) == value) m_published[i] = number;
     }
 }
 
 void COnlineClientConf::Impl::SetOnSubscribe(std::function<void(IOnlineClientConfNotify*)> callback) {
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     m_onSubscribe = std::move(callback);
 }

@@ -2,14 +2,13 @@
 // loader, so that a value whose key leaves the file falls back to them.
 #pragma once
 
-#include <condition_variable>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
 
+#include "base/Mutex.h"
 #include "config/OnlineConfigParse.h"
 #include "platform/host/OnlineClientConf.h"
 
@@ -34,15 +33,17 @@ struct COnlineClientConf::Impl {
     void SetOnSubscribe(std::function<void(IOnlineClientConfNotify*)> callback);
 
 private:
-    bool IsSubscribed(IOnlineClientConfNotify* notify) const;
+    bool IsSubscribed(IOnlineClientConfNotify* notify) const ZEL_REQUIRES(m_lock);
+    /// Without a lock, so that a subscriber may come and go from within.
+    static void Enter(IOnlineClientConfNotify* notify);
 
     COnlineClientConf& m_owner;
-    std::mutex m_notifyLock;  // one round of notifications at a time; taken before m_lock
-    mutable std::mutex m_lock;
-    std::condition_variable m_left;
-    std::vector<IOnlineClientConfNotify*> m_subscribers;
-    IOnlineClientConfNotify* m_inside = nullptr;  // subscriber whose OnUpdate runs now
-    std::thread::id m_insideThread;
-    std::optional<long> m_published[zelhost::kOnlineKeyCount];
-    std::function<void(IOnlineClientConfNotify*)> m_onSubscribe;
+    base::Mutex m_notifyLock;  // one round of notifications at a time; taken before m_lock
+    base::Mutex m_lock;
+    base::Condition m_left;
+    std::vector<IOnlineClientConfNotify*> m_subscribers ZEL_GUARDED_BY(m_lock);
+    IOnlineClientConfNotify* m_inside ZEL_GUARDED_BY(m_lock) = nullptr;  // subscriber whose OnUpdate runs now
+    std::thread::id m_insideThread ZEL_GUARDED_BY(m_lock);
+    std::optional<long> m_published[zelhost::kOnlineKeyCount] ZEL_GUARDED_BY(m_lock);
+    std::function<void(IOnlineClientConfNotify*)> m_onSubscribe ZEL_GUARDED_BY(m_lock);
 };

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <system_error>
 
 #include "config/OnlineClientConfImpl.h"
 #include "platform/zel/LogMessage.h"
@@ -31,11 +32,10 @@ COnlineConfigLoader::~COnlineConfigLoader() {
     Stop();
 }
 
-bool COnlineConfigLoader::Start(std::string& error) {
+base::Status COnlineConfigLoader::Start() {
     m_wake = base::Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!m_wake) {
-        error = "online configuration: no event descriptor: " + base::ErrnoText(errno);
-        return false;
+        return base::SentenceError("online configuration: no event descriptor: " + base::ErrnoText(errno));
     }
     m_inotify = base::Fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (!m_inotify) {
@@ -44,53 +44,59 @@ bool COnlineConfigLoader::Start(std::string& error) {
                                              base::ErrnoText(errno).c_str(), m_path.c_str(), m_pollMs);
     }
     Rewatch();
-    std::string reason;
-    Check(false, reason);
+    // A refused file is no failure of the start: it is logged, and the defaults are in force.
+    (void)Check(false);
     m_conf.GetImpl()->SetOnSubscribe([this](IOnlineClientConfNotify* notify) {
-        std::lock_guard<std::mutex> lock(m_lock);
+        base::MutexLock lock(m_lock);
         m_newSubscribers.push_back(notify);
-        const uint64_t one = 1;
-        WriteAll(m_wake.Get(), reinterpret_cast<const char*>(&one), sizeof(one));
+        Wake();
     });
     try {
         m_thread = std::thread([this] { Run(); });
     } catch (const std::system_error& e) {
         m_conf.GetImpl()->SetOnSubscribe(nullptr);
-        error = std::string("online configuration: no thread: ") + e.what();
-        return false;
+        return base::SentenceError(std::string("online configuration: no thread: ") + e.what());
     }
-    return true;
+    return {};
 }
 
 void COnlineConfigLoader::Stop() {
     if (!m_thread.joinable()) return;
     m_conf.GetImpl()->SetOnSubscribe(nullptr);
     {
-        std::lock_guard<std::mutex> lock(m_lock);
+        base::MutexLock lock(m_lock);
         m_stop = true;
-        const uint64_t one = 1;
-        WriteAll(m_wake.Get(), reinterpret_cast<const char*>(&one), sizeof(one));
+        Wake();
     }
     m_thread.join();
     m_answered.notify_all();
 }
 
-bool COnlineConfigLoader::Reload(std::string& error) {
-    std::unique_lock<std::mutex> lock(m_lock);
-    if (m_stop || !m_thread.joinable()) {
-        error = "the online configuration is not watched";
-        return false;
-    }
-    const uint64_t ticket = ++m_reloadWanted;
+void COnlineConfigLoader::Wake() {
     const uint64_t one = 1;
     WriteAll(m_wake.Get(), reinterpret_cast<const char*>(&one), sizeof(one));
-    m_answered.wait(lock, [&] { return m_reloadDone >= ticket || m_stop; });
-    if (m_reloadDone < ticket) {
-        error = "the online configuration is being stopped";
-        return false;
-    }
-    error = m_reloadError;
-    return m_reloadOk;
+}
+
+bool COnlineConfigLoader::IsStopped() {
+    base::MutexLock lock(m_lock);
+    return m_stop;
+}
+
+base::Status COnlineConfigLoader::Reload() {
+    base::MutexLock lock(m_lock);
+    if (m_stop || !m_thread.joinable()) return base::SentenceError("the online configuration is not watched");
+    const uint64_t ticket = ++m_reloadWanted;
+    Wake();
+    while (m_reloadDone < ticket && !m_stop) m_answered.wait(m_lock);
+    if (m_reloadDone < ticket) return base::SentenceError("the online configuration is being stopped");
+    return m_reloadOutcome;
+}
+
+void COnlineConfigLoader::AnswerReload(uint64_t ticket, const base::Status& outcome) {
+    base::MutexLock lock(m_lock);
+    m_reloadDone = ticket;
+    m_reloadOutcome = outcome;
+    m_answered.notify_all();
 }
 
 void COnlineConfigLoader::Rewatch() {
@@ -108,11 +114,8 @@ void COnlineConfigLoader::DrainWatch() {
 }
 
 bool COnlineConfigLoader::Wait() {
+    if (IsStopped()) return false;
     pollfd fds[2] = {{m_wake.Get(), POLLIN, 0}, {m_inotify.Get(), POLLIN, 0}};
-    {
-        std::lock_guard<std::mutex> lock(m_lock);
-        if (m_stop) return false;
-    }
     poll(fds, 2, static_cast<int>(m_pollMs));
     if ((fds[1].revents & POLLIN) != 0) {
         pollfd watch = {m_inotify.Get(), POLLIN, 0};
@@ -125,8 +128,7 @@ bool COnlineConfigLoader::Wait() {
     uint64_t count = 0;
     while (read(m_wake.Get(), &count, sizeof(count)) > 0) {
     }
-    std::lock_guard<std::mutex> lock(m_lock);
-    return !m_stop;
+    return !IsStopped();
 }
 
 void COnlineConfigLoader::Run() {
@@ -137,68 +139,67 @@ void COnlineConfigLoader::Run() {
         bool asked = false;
         std::vector<IOnlineClientConfNotify*> fresh;
         {
-            std::lock_guard<std::mutex> lock(m_lock);
+            base::MutexLock lock(m_lock);
             ticket = m_reloadWanted;
             asked = ticket != m_reloadDone;
             fresh.swap(m_newSubscribers);
         }
-        std::string reason;
-        const bool ok = Check(asked, reason);
+        const base::Status outcome = Check(asked);
         // What the module published from its own file meanwhile gives way to the online file, once it listens.
         if (!fresh.empty() && m_fileInForce && m_conf.GetImpl()->Apply(m_values)) {
             for (IOnlineClientConfNotify* notify : fresh) m_conf.GetImpl()->Notify(notify);
         }
-        if (asked) {
-            std::lock_guard<std::mutex> lock(m_lock);
-            m_reloadDone = ticket;
-            m_reloadOk = ok;
-            m_reloadError = reason;
-            m_answered.notify_all();
-        }
+        if (asked) AnswerReload(ticket, outcome);
     }
 }
 
-bool COnlineConfigLoader::Check(bool force, std::string& reason) {
-    FileMark mark = ReadFileMark(m_path);
-    if (!force && m_checkedOnce && mark == m_seen) return true;
-    if (!mark.exists && m_fileInForce) {
-        std::this_thread::sleep_for(kMissingGrace);
-        mark = ReadFileMark(m_path);
-    }
+FileMark COnlineConfigLoader::LookAtFile() const {
+    const FileMark mark = ReadFileMark(m_path);
+    if (mark.exists || !m_fileInForce) return mark;
+    std::this_thread::sleep_for(kMissingGrace);
+    return ReadFileMark(m_path);
+}
+
+base::Status COnlineConfigLoader::Check(bool force) {
+    if (!force && m_checkedOnce && ReadFileMark(m_path) == m_seen) return {};
+    m_seen = LookAtFile();
     m_checkedOnce = true;
-    m_seen = mark;
     std::string text;
+    std::string reason;
     const TrustedRead result = ReadTrustedFile(m_path, kOnlineFileMaxBytes, text, reason);
-    if (result == TrustedRead::kMissing) {
-        if (!m_fileInForce) return true;
-        zel::CLogMessage::GetInstance()->log(zel::kLogInfo, "OnlineConfigLoader", __LINE__,
-                                             "online configuration %s is gone; its values fall back", m_path.c_str());
-        m_fileInForce = false;
-        return Accept({}, force);
-    }
+    if (result == TrustedRead::kMissing) return FallBack(force);
+    if (result != TrustedRead::kOk) return Refuse(reason);
     std::map<size_t, long> values;
     OnlineRefusal refusal;
-    if (result == TrustedRead::kOk) {
-        if (ParseOnlineConfig(text, values, refusal)) {
-            zel::CLogMessage::GetInstance()->log(zel::kLogInfo, "OnlineConfigLoader", __LINE__,
-                                                 "online configuration %s: %zu values taken over", m_path.c_str(),
-                                                 values.size());
-            m_fileInForce = true;
-            return Accept(values, force);
-        }
-        reason = refusal.Text();
-    }
+    if (!ParseOnlineConfig(text, values, refusal)) return Refuse(refusal.Text());
+    zel::CLogMessage::GetInstance()->log(zel::kLogInfo, "OnlineConfigLoader", __LINE__,
+                                         "online configuration %s: %zu values taken over", m_path.c_str(),
+                                         values.size());
+    m_fileInForce = true;
+    Accept(values, force);
+    return {};
+}
+
+base::Status COnlineConfigLoader::FallBack(bool force) {
+    if (!m_fileInForce) return {};
+    zel::CLogMessage::GetInstance()->log(zel::kLogInfo, "OnlineConfigLoader", __LINE__,
+                                         "online configuration %s is gone; its values fall back", m_path.c_str());
+    m_fileInForce = false;
+    Accept({}, force);
+    return {};
+}
+
+base::Status COnlineConfigLoader::Refuse(const std::string& reason) const {
     zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "OnlineConfigLoader", __LINE__,
                                          "online configuration refused, the old values stay: %s: %s", m_path.c_str(),
                                          reason.c_str());
-    return false;
+    return base::SentenceError(reason);
 }
 
-bool COnlineConfigLoader::Accept(const std::map<size_t, long>& values, bool force) {
+void COnlineConfigLoader::Accept(const std::map<size_t, long>& values, bool force) {
     m_values = values;
     const bool changed = m_conf.GetImpl()->Apply(m_values);
     if (changed || force) m_conf.GetImpl()->Notify();
-    return true;
 }
 
 }  // namespace zelhost

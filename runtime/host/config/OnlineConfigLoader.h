@@ -2,13 +2,14 @@
 // descriptor of its directory; owns the notify thread, which enters the subscribers.
 #pragma once
 
-#include <condition_variable>
 #include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "base/Fd.h"
+#include "base/Mutex.h"
+#include "base/Result.h"
 #include "config/OnlineConfigParse.h"
 #include "SecureFile.h"
 #include "platform/host/OnlineClientConf.h"
@@ -25,21 +26,29 @@ public:
     COnlineConfigLoader& operator=(const COnlineConfigLoader&) = delete;
 
     /// Reads the file once on the caller's thread, then watches it on a thread of its own.
-    bool Start(std::string& error);
+    base::Status Start();
     void Stop();
 
     /// Has the notify thread read the file again. Blocks: until it has, subscribers included.
-    bool Reload(std::string& error);
+    /// Errors: the file was refused, or nobody watches it.
+    base::Status Reload();
 
 private:
     void Run();
+    void Wake();
+    bool IsStopped();
     /// Waits for something to do. Returns: false when stopped.
     bool Wait();
+    void AnswerReload(uint64_t ticket, const base::Status& outcome);
     void DrainWatch();
     void Rewatch();
-    /// Returns: false when the file was refused.
-    bool Check(bool force, std::string& reason);
-    bool Accept(const std::map<size_t, long>& values, bool force);
+    /// Reads the file when it is another than the one seen last, or with `force`. Errors: the file was refused.
+    base::Status Check(bool force);
+    /// Waits for the file to come back when it is gone. Returns: its mark.
+    FileMark LookAtFile() const;
+    base::Status FallBack(bool force);
+    base::Status Refuse(const std::string& reason) const;
+    void Accept(const std::map<size_t, long>& values, bool force);
 
     COnlineClientConf& m_conf;
     const std::string m_path;
@@ -55,14 +64,13 @@ private:
     bool m_fileInForce = false;
     std::map<size_t, long> m_values;  // of the file in force
 
-    std::mutex m_lock;
-    std::condition_variable m_answered;
-    bool m_stop = false;
-    uint64_t m_reloadWanted = 0;
-    uint64_t m_reloadDone = 0;
-    bool m_reloadOk = false;
-    std::string m_reloadError;
-    std::vector<IOnlineClientConfNotify*> m_newSubscribers;
+    base::Mutex m_lock;
+    base::Condition m_answered;
+    bool m_stop ZEL_GUARDED_BY(m_lock) = false;
+    uint64_t m_reloadWanted ZEL_GUARDED_BY(m_lock) = 0;
+    uint64_t m_reloadDone ZEL_GUARDED_BY(m_lock) = 0;
+    base::Status m_reloadOutcome ZEL_GUARDED_BY(m_lock);
+    std::vector<IOnlineClientConfNotify*> m_newSubscribers ZEL_GUARDED_BY(m_lock);
 };
 
 }  // namespace zelhost

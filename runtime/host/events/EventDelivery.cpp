@@ -23,6 +23,11 @@ namespace {
 constexpr unsigned int kIdleMs = 60000;        // a lane that has everything looks again after this anyway
 constexpr unsigned int kMemoryRetryMs = 1000;  // while messages wait in memory
 constexpr size_t kBatchBytes = 1 << 20;
+
+template <class... Args>
+void Log(int level, int line, const char* format, Args... args) {
+    zel::CLogMessage::GetInstance()->log(level, "EventDelivery", line, format, args...);
+}
 }  // namespace
 
 void SetMsgTransmitInstance(IMsgTransmit* transmit) {
@@ -36,28 +41,36 @@ CEventDelivery::~CEventDelivery() {
     Stop();
 }
 
-bool CEventDelivery::Start(std::string& error) {
-    if (!m_spool.Open(m_options.spoolPath, m_options.spoolMaxBytes, m_options.memoryRing, error)) {
-        error = "event spool " + m_options.spoolPath + ": " + error;
-        return false;
+base::Status CEventDelivery::Start() {
+    std::string reason;
+    if (!m_spool.Open(m_options.spoolPath, m_options.spoolMaxBytes, m_options.memoryRing, reason)) {
+        return base::SentenceError("event spool " + m_options.spoolPath + ": " + reason);
     }
-    std::vector<std::unique_ptr<IEventSink>> sinks;
+    base::Result<Sinks> sinks = MakeSinks();
+    if (!sinks) return sinks.GetError();
+    MakeLanes(std::move(*sinks));
+    return StartThreads();
+}
+
+base::Result<CEventDelivery::Sinks> CEventDelivery::MakeSinks() const {
+    Sinks sinks;
     if (!m_options.jsonLinesPath.empty() && m_options.jsonLinesPath != "-") {
         sinks.push_back(std::make_unique<CJsonLinesSink>(m_options.jsonLinesPath, m_options.jsonLinesMaxBytes,
                                                          m_options.jsonLinesKeep, m_process));
     }
     if (m_options.syslog) sinks.push_back(std::make_unique<CSyslogSink>(m_process));
-    if (!m_options.httpUrl.empty()) {
-        if (!IsHttpUrl(m_options.httpUrl)) {
-            error = "event delivery: '" + m_options.httpUrl + "' is not an http or https address";
-            return false;
-        }
-        if (!m_options.httpVerifyTls && m_options.httpUrl.compare(0, 8, "https://") == 0) {
-            zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "EventDelivery", __LINE__,
-                                                 "the certificate of %s is not verified", m_options.httpUrl.c_str());
-        }
-        sinks.push_back(std::make_unique<CHttpSink>(m_options, m_process));
+    if (m_options.httpUrl.empty()) return sinks;
+    if (!IsHttpUrl(m_options.httpUrl)) {
+        return base::SentenceError("event delivery: '" + m_options.httpUrl + "' is not an http or https address");
     }
+    if (!m_options.httpVerifyTls && m_options.httpUrl.compare(0, 8, "https://") == 0) {
+        Log(zel::kLogWarning, __LINE__, "the certificate of %s is not verified", m_options.httpUrl.c_str());
+    }
+    sinks.push_back(std::make_unique<CHttpSink>(m_options, m_process));
+    return sinks;
+}
+
+void CEventDelivery::MakeLanes(Sinks sinks) {
     std::vector<std::string> names;
     for (auto& sink : sinks) {
         names.push_back(sink->Name());
@@ -66,23 +79,24 @@ bool CEventDelivery::Start(std::string& error) {
     }
     std::string reason;
     if (!m_spool.SetSinks(names, reason)) {
-        zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "EventDelivery", __LINE__,
-                                             "the sinks' cursors cannot be kept: %s", reason.c_str());
+        Log(zel::kLogWarning, __LINE__, "the sinks' cursors cannot be kept: %s", reason.c_str());
     }
+}
+
+base::Status CEventDelivery::StartThreads() {
     try {
         for (auto& lane : m_lanes) lane->thread = std::thread([this, each = lane.get()] { RunLane(*each); });
         m_keeper = std::thread([this] { RunKeeper(); });
     } catch (const std::system_error& e) {
-        error = std::string("event delivery: no thread: ") + e.what();
         Stop();
-        return false;
+        return base::SentenceError(std::string("event delivery: no thread: ") + e.what());
     }
-    return true;
+    return {};
 }
 
 void CEventDelivery::Stop() {
     {
-        std::lock_guard<std::mutex> lock(m_stopLock);
+        base::MutexLock lock(m_stopLock);
         m_stop = true;
     }
     m_stopped.notify_all();
@@ -95,17 +109,18 @@ void CEventDelivery::Stop() {
 }
 
 void CEventDelivery::Pause(unsigned int ms) {
-    std::unique_lock<std::mutex> lock(m_stopLock);
-    m_stopped.wait_for(lock, std::chrono::milliseconds(ms), [this] { return m_stop.load(); });
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    base::MutexLock lock(m_stopLock);
+    while (!m_stop && m_stopped.wait_until(m_stopLock, end) != std::cv_status::timeout) {
+    }
 }
 
 bool CEventDelivery::SendMsg(const std::string& type, const std::string& body, const std::string& extra, int arg1,
                              int arg2) {
     if (m_stop) return false;
     if (type.size() > kMostTypeBytes || body.size() > kMostTextBytes || extra.size() > kMostTextBytes) {
-        zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "EventDelivery", __LINE__,
-                                             "a message of type '%.64s' is refused: %zu bytes are too long",
-                                             type.c_str(), type.size() + body.size() + extra.size());
+        Log(zel::kLogWarning, __LINE__, "a message of type '%.64s' is refused: %zu bytes are too long", type.c_str(),
+            type.size() + body.size() + extra.size());
         return false;
     }
     try {
@@ -122,39 +137,55 @@ bool CEventDelivery::SendMsg(const std::string& type, const std::string& body, c
     }
 }
 
-bool CEventDelivery::DeliverSome(Lane& lane, bool& more) {
+base::Result<bool> CEventDelivery::DeliverSome(Lane& lane) {
     std::vector<SpoolMessage> messages;
-    const std::string name = lane.sink->Name();
     std::string reason;
-    more = false;
-    if (!m_spool.Read(name, lane.sink->BatchSize(), kBatchBytes, messages)) {
-        reason = "the spool cannot be read";
-    } else if (messages.empty()) {
-        return true;
-    } else {
-        const size_t safe = lane.sink->Deliver(messages, reason);
+    if (!m_spool.Read(lane.sink->Name(), lane.sink->BatchSize(), kBatchBytes, messages)) {
+        return NoteFailure(lane, "the spool cannot be read");
+    }
+    if (messages.empty()) return false;
+    const size_t safe = lane.sink->Deliver(messages, reason);
+    {
         // Under the lock, so that nobody who sees the spool empty reads a count that is not there yet.
-        std::lock_guard<std::mutex> lock(lane.lock);
-        if (safe > 0 && !m_spool.Confirm(name, messages[safe - 1].seq)) reason = "the cursor cannot be moved";
+        base::MutexLock lock(lane.lock);
+        if (safe > 0 && !m_spool.Confirm(lane.sink->Name(), messages[safe - 1].seq)) {
+            reason = "the cursor cannot be moved";
+        }
         lane.delivered += safe;
         if (safe == messages.size() && reason.empty()) {
-            if (!lane.lastError.empty()) {
-                zel::CLogMessage::GetInstance()->log(zel::kLogInfo, "EventDelivery", __LINE__,
-                                                     "event sink %s works again", name.c_str());
-                lane.lastError.clear();
-            }
-            more = true;
+            NoteSuccess(lane);
             return true;
         }
     }
-    std::lock_guard<std::mutex> lock(lane.lock);
+    return NoteFailure(lane, reason);
+}
+
+base::Error CEventDelivery::NoteFailure(Lane& lane, const std::string& reason) {
+    base::MutexLock lock(lane.lock);
     ++lane.failures;
     if (lane.lastError != reason) {  // one line per failure, not per attempt
-        zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "EventDelivery", __LINE__,
-                                             "event sink %s: %s; it is tried again", name.c_str(), reason.c_str());
+        Log(zel::kLogWarning, __LINE__, "event sink %s: %s; it is tried again", lane.sink->Name().c_str(),
+            reason.c_str());
     }
     lane.lastError = reason;
-    return false;
+    return base::SentenceError(reason);
+}
+
+void CEventDelivery::NoteSuccess(Lane& lane) {
+    if (lane.lastError.empty()) return;
+    Log(zel::kLogInfo, __LINE__, "event sink %s works again", lane.sink->Name().c_str());
+    lane.lastError.clear();
+}
+
+bool CEventDelivery::TryLane(Lane& lane, bool& more) {
+    try {
+        const base::Result<bool> done = DeliverSome(lane);
+        more = done.Ok() && *done;
+        return done.Ok();
+    } catch (const std::exception& e) {
+        Log(zel::kLogWarning, __LINE__, "event sink %s: %s", lane.sink->Name().c_str(), e.what());
+        return false;
+    }
 }
 
 void CEventDelivery::RunLane(Lane& lane) {
@@ -163,14 +194,7 @@ void CEventDelivery::RunLane(Lane& lane) {
     while (!m_stop) {
         const uint64_t seen = m_spool.News();
         bool more = false;
-        bool ok = false;
-        try {
-            ok = DeliverSome(lane, more);
-        } catch (const std::exception& e) {
-            zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "EventDelivery", __LINE__, "event sink %s: %s",
-                                                 lane.sink->Name().c_str(), e.what());
-        }
-        if (!ok) {
+        if (!TryLane(lane, more)) {
             Pause(backoffMs);
             backoffMs = std::min(backoffMs * 2, m_options.backoffMaxMs);
             continue;
@@ -210,7 +234,7 @@ DeliveryStats CEventDelivery::Stats() {
         SinkStats sink;
         sink.name = lane->sink->Name();
         sink.waiting = m_spool.Waiting(sink.name);
-        std::lock_guard<std::mutex> lock(lane->lock);
+        base::MutexLock lock(lane->lock);
         sink.delivered = lane->delivered;
         sink.failures = lane->failures;
         sink.lastError = lane->lastError;

@@ -4,11 +4,12 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "base/Mutex.h"
+#include "base/Result.h"
 #include "events/EventSinks.h"
 #include "events/EventSpool.h"
 #include "platform/host/MsgTransmit.h"
@@ -21,7 +22,7 @@ public:
     CEventDelivery(const DeliveryOptions& options, const std::string& process);
     ~CEventDelivery();
 
-    bool Start(std::string& error);
+    base::Status Start();
     void Stop();
 
     bool SendMsg(const std::string& type, const std::string& body, const std::string& extra, int arg1,
@@ -37,14 +38,24 @@ private:
     struct Lane {
         std::unique_ptr<IEventSink> sink;
         std::thread thread;
-        std::mutex lock;
-        uint64_t delivered = 0;
-        uint64_t failures = 0;
-        std::string lastError;
+        base::Mutex lock;
+        uint64_t delivered ZEL_GUARDED_BY(lock) = 0;
+        uint64_t failures ZEL_GUARDED_BY(lock) = 0;
+        std::string lastError ZEL_GUARDED_BY(lock);
     };
+    using Sinks = std::vector<std::unique_ptr<IEventSink>>;
+
+    base::Result<Sinks> MakeSinks() const;
+    void MakeLanes(Sinks sinks);
+    base::Status StartThreads();
     void RunLane(Lane& lane);
-    /// One batch. Returns: false when the sink failed.
-    bool DeliverSome(Lane& lane, bool& more);
+    /// One batch, whatever the sink throws. Returns: false when the sink failed.
+    bool TryLane(Lane& lane, bool& more);
+    /// One batch. Returns: whether there may be more. Errors: the sink failed; counted and logged already.
+    base::Result<bool> DeliverSome(Lane& lane);
+    /// Returns: the failure it has noted.
+    static base::Error NoteFailure(Lane& lane, const std::string& reason);
+    static void NoteSuccess(Lane& lane) ZEL_REQUIRES(lane.lock);
     void RunKeeper();
     void Pause(unsigned int ms);
 
@@ -53,9 +64,9 @@ private:
     CEventSpool m_spool;
     std::vector<std::unique_ptr<Lane>> m_lanes;
     std::thread m_keeper;
-    std::mutex m_stopLock;
-    std::condition_variable m_stopped;
-    std::atomic<bool> m_stop{false};
+    base::Mutex m_stopLock;
+    base::Condition m_stopped;
+    std::atomic<bool> m_stop{false};  // set under the lock, read without it
 };
 
 /// What GetMsgTransmitInstance() gives.

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "base/Result.h"
+
 namespace support {
 
 /// A directory that is removed with everything in it.
@@ -40,6 +42,12 @@ std::vector<std::string> FilesIn(const std::string& directory);
 std::vector<std::string> TakeLog();
 /// Returns: whether a line so far holds the text; the lines stay.
 bool LogHolds(const std::string& text);
+
+/// For ASSERT_TRUE: says why it is not.
+inline ::testing::AssertionResult IsOk(const base::Status& status) {
+    if (status.Ok()) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << status.GetError().Text();
+}
 
 /// Uses CPU in the calling thread.
 void Burn(std::chrono::milliseconds wall);

@@ -34,8 +34,7 @@ public:
 class StatisticsRegistryTest : public ::testing::Test {
 protected:
     void Start(unsigned int periodMs = 3600000, unsigned int providerMs = 5000) {
-        std::string error;
-        ASSERT_TRUE(registry().Start(periodMs, providerMs, m_dir / "data/s.db", error)) << error;
+        ASSERT_TRUE(support::IsOk(registry().Start(periodMs, providerMs, m_dir / "data/s.db")));
     }
     ~StatisticsRegistryTest() override { registry().Stop(); }
     CStatisticsRegistry& registry() { return CStatisticsRegistry::Instance(); }

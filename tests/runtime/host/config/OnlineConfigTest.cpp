@@ -39,13 +39,9 @@ protected:
     }
     void Load(unsigned int pollMs = 60000) {
         m_loader = std::make_unique<zelhost::COnlineConfigLoader>(m_conf, m_path, pollMs);
-        std::string error;
-        ASSERT_TRUE(m_loader->Start(error)) << error;
+        ASSERT_TRUE(support::IsOk(m_loader->Start()));
     }
-    bool Reload() {
-        std::string error;
-        return m_loader->Reload(error);
-    }
+    bool Reload() { return m_loader->Reload().Ok(); }
     support::TempDir m_dir;
     std::string m_path;
     COnlineClientConf m_conf;

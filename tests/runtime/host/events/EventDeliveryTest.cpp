@@ -72,8 +72,7 @@ TEST_F(EventDeliveryTest, BytesThatAreNoTextBecomeReplacements) {
 
 TEST_F(EventDeliveryTest, MessagesReachTheFileInOrder) {
     CEventDelivery delivery(Options(), "tervane");
-    std::string error;
-    ASSERT_TRUE(delivery.Start(error)) << error;
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
     Lines sent;
     for (int i = 0; i < 50; ++i) {
         sent.push_back("m" + std::to_string(i));
@@ -92,8 +91,7 @@ TEST_F(EventDeliveryTest, MessagesReachTheFileInOrder) {
 
 TEST_F(EventDeliveryTest, OverlongMessagesAreRefused) {
     CEventDelivery delivery(Options(), "tervane");
-    std::string error;
-    ASSERT_TRUE(delivery.Start(error)) << error;
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
     EXPECT_FALSE(delivery.SendMsg(std::string(300, 't'), "b", "", 0, 0));
     EXPECT_FALSE(delivery.SendMsg("T", std::string((1 << 20) + 1, 'b'), "", 0, 0));
     EXPECT_TRUE(delivery.SendMsg("T", std::string(1 << 20, 'b'), "", 0, 0));
@@ -104,8 +102,7 @@ TEST_F(EventDeliveryTest, FileIsRotatedAndItsGenerationsAreBounded) {
     options.jsonLinesMaxBytes = 1000;
     options.jsonLinesKeep = 2;
     CEventDelivery delivery(options, "tervane");
-    std::string error;
-    ASSERT_TRUE(delivery.Start(error)) << error;
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
     for (int i = 0; i < 60; ++i) delivery.SendMsg("T", "m" + std::to_string(i), "", 1, 0);
     ASSERT_TRUE(delivery.Flush(20000));
     EXPECT_EQ(support::FilesIn(m_dir / "log"), (Lines{"e.jsonl", "e.jsonl.1", "e.jsonl.2"}));
@@ -119,8 +116,7 @@ TEST_F(EventDeliveryTest, FileIsRotatedAndItsGenerationsAreBounded) {
 
 TEST_F(EventDeliveryTest, AFileThatWasMovedAwayIsMadeAnew) {
     CEventDelivery delivery(Options(), "tervane");
-    std::string error;
-    ASSERT_TRUE(delivery.Start(error)) << error;
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
     delivery.SendMsg("T", "a", "", 1, 0);
     ASSERT_TRUE(delivery.Flush(20000));
     std::rename((m_dir / "log/e.jsonl").c_str(), (m_dir / "log/taken").c_str());
@@ -133,8 +129,7 @@ TEST_F(EventDeliveryTest, AFileThatWasMovedAwayIsMadeAnew) {
 TEST_F(EventDeliveryTest, ATornLineOfACrashIsCutOff) {
     support::WriteText(m_dir / "log/e.jsonl", "{\"body\":\"whole\"}\n{\"body\":\"torn");
     CEventDelivery delivery(Options(), "tervane");
-    std::string error;
-    ASSERT_TRUE(delivery.Start(error)) << error;
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
     delivery.SendMsg("T", "next", "", 1, 0);
     ASSERT_TRUE(delivery.Flush(20000));
     EXPECT_EQ(Field(m_dir / "log/e.jsonl", "body"), (Lines{"whole", "next"}));
@@ -147,8 +142,7 @@ TEST_F(EventDeliveryTest, ASinkThatIsDownLosesNothingAndBlocksNobody) {
     DeliveryOptions options = Options();
     options.httpUrl = server.Url();
     CEventDelivery delivery(options, "tervane");
-    std::string error;
-    ASSERT_TRUE(delivery.Start(error)) << error;
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
     Lines sent;
     for (int i = 0; i < 20; ++i) {
         sent.push_back("m" + std::to_string(i));
@@ -182,16 +176,15 @@ TEST_F(EventDeliveryTest, WhatASinkMissedIsDeliveredByTheNextProcess) {
     server.AnswerWith(500);
     DeliveryOptions options = Options();
     options.httpUrl = server.Url();
-    std::string error;
     {
         CEventDelivery delivery(options, "tervane");
-        ASSERT_TRUE(delivery.Start(error)) << error;
+        ASSERT_TRUE(support::IsOk(delivery.Start()));
         delivery.SendMsg("T", "a", "", 1, 0);
         ASSERT_TRUE(WaitUntil([&] { return delivery.Stats().sinks[1].failures >= 1; }));
     }
     server.AnswerWith(204);
     CEventDelivery delivery(options, "tervane");
-    ASSERT_TRUE(delivery.Start(error)) << error;
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
     ASSERT_TRUE(delivery.Flush(20000));
     EXPECT_EQ(server.Accepted().size(), 1u);
     EXPECT_EQ(ReadLines(m_dir / "log/e.jsonl").size(), 1u) << "the file had it already";
@@ -204,8 +197,7 @@ TEST_F(EventDeliveryTest, MessageRefusedForGoodDoesNotHoldUpTheRest) {
     DeliveryOptions options = Options();
     options.httpUrl = server.Url();
     CEventDelivery delivery(options, "tervane");
-    std::string error;
-    ASSERT_TRUE(delivery.Start(error)) << error;
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
     for (const char* body : {"a", "poison", "b"}) delivery.SendMsg("T", body, "", 1, 0);
     ASSERT_TRUE(delivery.Flush(20000));
     EXPECT_EQ(server.Accepted().size(), 2u);
@@ -217,9 +209,9 @@ TEST_F(EventDeliveryTest, AnAddressThatIsNoneFailsTheStart) {
         DeliveryOptions options = Options();
         options.httpUrl = url;
         CEventDelivery delivery(options, "tervane");
-        std::string error;
-        EXPECT_FALSE(delivery.Start(error)) << url;
-        EXPECT_THAT(error, testing::HasSubstr("not an http or https address"));
+        const base::Status started = delivery.Start();
+        ASSERT_FALSE(started) << url;
+        EXPECT_THAT(started.GetError().Text(), testing::HasSubstr("not an http or https address"));
     }
 }
 
@@ -237,8 +229,7 @@ TEST_F(EventDeliveryTest, NothingAcceptedIsLostHoweverOftenKilled) {
         if (child == 0) {
             close(fds[0]);
             CEventDelivery delivery(Options(), "tervane");
-            std::string error;
-            if (!delivery.Start(error)) _exit(1);
+            if (!delivery.Start()) _exit(1);
             for (int i = 0;; ++i) {
                 const std::string body = std::to_string(round) + "-" + std::to_string(i);
                 if (!delivery.SendMsg("T", body, "", 1, 0)) _exit(2);
@@ -263,8 +254,7 @@ TEST_F(EventDeliveryTest, NothingAcceptedIsLostHoweverOftenKilled) {
         }
     }
     CEventDelivery delivery(Options(), "tervane");
-    std::string error;
-    ASSERT_TRUE(delivery.Start(error)) << error;
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
     ASSERT_TRUE(delivery.Flush(60000));
     delivery.Stop();
     std::map<std::string, std::set<std::string>> idsOf;
