@@ -5,12 +5,16 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <mutex>
+#include <optional>
 #include <utility>
 
-#include "CgroupFiles.h"
-#include "CgroupManagerTree.h"
+#include "AgentTree.h"
+#include "Branch.h"
 #include "ComponentFile.h"
+#include "Membership.h"
+#include "OwnGroup.h"
+#include "base/Mutex.h"
+#include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupTreeStatus.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/PathInfo.h"
@@ -20,12 +24,11 @@ namespace {
 
 using namespace cgroup;
 
-constexpr char kComponentFileName[] = "/cgroup_resource.json";
 constexpr char kComponentVariable[] = "ZEL_COMPONENT";
 
 struct ComponentName {
-    std::mutex mutex;
-    std::string name;
+    base::Mutex mutex;
+    std::string name ZEL_GUARDED_BY(mutex);
 };
 
 ComponentName& ProcessComponent() {
@@ -35,7 +38,7 @@ ComponentName& ProcessComponent() {
 
 std::string GetComponentName() {
     ComponentName& component = ProcessComponent();
-    const std::lock_guard<std::mutex> guard(component.mutex);
+    const base::MutexLock lock(component.mutex);
     if (!component.name.empty()) return component.name;
     const char* name = secure_getenv(kComponentVariable);
     return name == nullptr ? std::string() : std::string(name);
@@ -45,90 +48,107 @@ void LogLine(int level, int line, const std::string& text) {
     CLogMessage::GetInstance()->log(level, "CgroupClient", line, "CgroupClient: %s", text.c_str());
 }
 
-size_t At(Controller controller) {
-    return static_cast<size_t>(controller);
-}
-
-/// Membership of one controller.
+/// What this process has joined of one controller.
 struct Joined {
     bool joined = false;
     int quota = 0;
     std::string path;
 };
 
-/// One checked move: the leaf is open and is the one that the file means.
+/// One checked leaf: it is open and is the one that the file means.
 struct Target {
     std::shared_ptr<Branch> branch;
     GroupDir leaf;
     Joined state;
-    std::string from;  ///< this process's group before the move, from the hierarchy's root
-    bool moved = false;
 };
+
+using Targets = PerController<std::optional<Target>>;
+
+/// Proves that the directory is the one that the file was written about.
+Status CheckIdentity(const GroupDir& dir, uint64_t inode, const std::string& leafPath) {
+    Result<GroupIdentity> identity = dir.Identity();
+    if (!identity) return identity.GetError();
+    if (identity->inode == inode) return {};
+    return MakeError(ErrorKind::kRefused, "join", leafPath,
+                     "the group was made anew since the file was written, the file is stale");
+}
 
 /// Opens the leaf that the file names, by way of this host's own view of the tree, and proves that it is the same.
 Result<Target> CheckLeaf(const Branches& branches, Controller controller, const ComponentLeaf& leaf,
                          const ComponentParent& parent, const std::string& component) {
-    const std::string name = ControllerName(controller);
-    const std::shared_ptr<Branch>& branch = branches.Of(controller);
-    if (!branch) return branches.errors[At(controller)];
+    const std::shared_ptr<Branch>& branch = branches.of[controller];
+    if (!branch) return branches.errors[controller];
     if (leaf.version != branch->GetVersion()) {
-        return MakeError(ErrorKind::kRefused, "join", leaf.path,
-                         "controller " + name + " is on the other cgroup version on this host");
+        return MakeError(
+            ErrorKind::kRefused, "join", leaf.path,
+            std::string("controller ") + ControllerName(controller) + " is on the other cgroup version on this host");
     }
     Result<GroupDir> tree = OpenTree(*branch);
     if (!tree) return tree.GetError();
     if (parent.path != tree->Path()) {
         return MakeError(ErrorKind::kRefused, "join", leaf.path, "it lies outside the agent's tree " + tree->Path());
     }
-    Result<GroupIdentity> parentIdentity = tree->Identity();
-    if (!parentIdentity) return parentIdentity.GetError();
     Result<GroupDir> group = OpenOwnChild(*tree, leaf.group);
     if (!group) return group.GetError();
     Result<GroupDir> dir = OpenOwnChild(*group, component);
     if (!dir) return dir.GetError();
-    Result<GroupIdentity> identity = dir->Identity();
-    if (!identity) return identity.GetError();
-    if (identity->inode != leaf.inode || parentIdentity->inode != parent.inode) {
-        return MakeError(ErrorKind::kRefused, "join", leaf.path,
-                         "the group was made anew since the file was written, the file is stale");
+    Status same = CheckIdentity(*dir, leaf.inode, leaf.path);
+    if (same) same = CheckIdentity(*tree, parent.inode, leaf.path);
+    if (!same) return same.GetError();
+    Joined state{true, leaf.quota, dir->Path()};
+    return Target{branch, std::move(*dir), std::move(state)};
+}
+
+/// Reads the file and proves that it is about this boot.
+Result<ComponentFile> ReadCurrentFile(const std::string& path) {
+    Result<ComponentFile> file = ReadComponentFile(path);
+    if (!file || !file->enabled || file->bootId == ReadBootId()) return file;
+    return MakeError(ErrorKind::kRefused, "use", path, "it was written before the last boot");
+}
+
+/// Opens every leaf that the file gives this process.
+Result<Targets> CheckEntry(const Branches& branches, const ComponentFile& file, const std::string& path) {
+    const std::string component = GetComponentName();
+    const ComponentEntry* entry = file.Find(component);
+    if (entry == nullptr) {
+        return MakeError(ErrorKind::kNotFound, "use", path, "it has no component named [" + component + "]");
     }
-    Target out;
-    out.branch = branch;
-    out.state = {true, leaf.quota, dir->Path()};
-    out.leaf = std::move(*dir);
+    Targets out;
+    for (const Controller controller : kAllControllers) {
+        const ComponentLeaf& leaf = entry->Leaf(controller);
+        if (!leaf.present) continue;
+        Result<Target> target = CheckLeaf(branches, controller, leaf, file.Parent(controller), component);
+        if (!target) return target.GetError();
+        out[controller] = std::move(*target);
+    }
     return out;
+}
+
+bool Refuse(int line, const Error& error) {
+    LogLine(kLogWarning, line, error.Text() + "; membership stays as it is");
+    return false;
 }
 
 }  // namespace
 
 struct CCgroupClient::Impl {
-    std::mutex mutex;
-    std::array<Joined, kControllerCount> joined;
-    std::array<std::string, kControllerCount> origins;  ///< where this process was before it first joined
+    base::Mutex mutex;
+    PerController<Joined> joined ZEL_GUARDED_BY(mutex);
+    Membership membership ZEL_GUARDED_BY(mutex);
 
-    bool Reload();
-    bool LeaveAll(const char* why);
-    Status LeaveBranch(const Branches& branches, const Branch& branch);
-    bool Refuse(int line, const Error& error);
-    bool JoinTargets(const Branches& branches, std::array<std::optional<Target>, kControllerCount>& targets);
+    bool Reload() ZEL_REQUIRES(mutex);
+    bool LeaveAll(const char* why) ZEL_REQUIRES(mutex);
+    bool LeaveBranch(const Branch& branch) ZEL_REQUIRES(mutex);
+    bool Join(const Targets& targets) ZEL_REQUIRES(mutex);
+    void Take(Controller controller, const std::optional<Target>& target) ZEL_REQUIRES(mutex);
 };
 
-bool CCgroupClient::Impl::Refuse(int line, const Error& error) {
-    LogLine(kLogWarning, line, error.Text() + "; membership stays as it is");
-    return false;
-}
-
 /// Moves this process out of the branch's tree if it is in it, also when it was started inside by its parent.
-Status CCgroupClient::Impl::LeaveBranch(const Branches& branches, const Branch& branch) {
-    if (!branch.placement) return {};
-    Result<std::string> path = ReadGroupOf(getpid(), branch.hierarchy);
-    if (!path) return path.GetError();
-    if (!IsInTree(branch, *path)) return {};
-    std::string origin;
-    for (const Controller controller : kAllControllers) {
-        if (branches.Of(controller).get() == &branch && origin.empty()) origin = origins[At(controller)];
-    }
-    return MoveOutside(branch, getpid(), origin);
+bool CCgroupClient::Impl::LeaveBranch(const Branch& branch) {
+    if (!branch.placement) return true;
+    const auto refuge = [&](int pid) { return MoveBesideTree(branch, pid); };
+    Status left = membership.Leave(getpid(), branch.Tree(), refuge);
+    return left || Refuse(__LINE__, left.GetError());
 }
 
 bool CCgroupClient::Impl::LeaveAll(const char* why) {
@@ -136,105 +156,61 @@ bool CCgroupClient::Impl::LeaveAll(const char* why) {
     bool ok = true;
     bool was = false;
     for (const std::shared_ptr<Branch>& branch : branches.all) {
-        Status left = LeaveBranch(branches, *branch);
+        const bool left = LeaveBranch(*branch);
         for (const Controller controller : kAllControllers) {
-            if (!branch->Serves(controller)) continue;
-            was = was || joined[At(controller)].joined;
-            if (left) joined[At(controller)] = Joined();
+            if (!branch->serves[controller]) continue;
+            was = was || joined[controller].joined;
+            if (left) joined[controller] = Joined();
         }
-        if (!left) ok = Refuse(__LINE__, left.GetError());
+        ok = ok && left;
     }
     // A hierarchy that is gone holds nobody.
     for (const Controller controller : kAllControllers) {
-        if (!branches.Of(controller)) joined[At(controller)] = Joined();
+        if (!branches.of[controller]) joined[controller] = Joined();
     }
     if (was && ok) LogLine(kLogInfo, __LINE__, std::string("left the unified groups: ") + why);
     return ok;
 }
 
-/// All moves or none: a move that fails takes back those before it.
-bool CCgroupClient::Impl::JoinTargets(const Branches& branches,
-                                      std::array<std::optional<Target>, kControllerCount>& targets) {
-    Status failure;
-    for (std::optional<Target>& target : targets) {
-        if (!target) continue;
-        Result<std::string> from = ReadGroupOf(getpid(), target->branch->hierarchy);
-        if (!from) return Refuse(__LINE__, from.GetError());
-        target->from = *from;
-    }
-    for (std::optional<Target>& target : targets) {
-        if (!target) continue;
-        Result<bool> there = target->leaf.Contains(getpid());
-        if (there && *there) continue;
-        failure = target->leaf.MoveHere(getpid());
-        if (!failure) break;
-        target->moved = true;
-    }
-    if (!failure) {
-        for (std::optional<Target>& target : targets) {
-            if (!target || !target->moved) continue;
-            const std::string directory = target->branch->hierarchy.DirectoryOf(target->from);
-            Result<GroupDir> before = GroupDir::Open(directory, target->branch->GetVersion());
-            Status back = before ? before->MoveHere(getpid()) : Status(before.GetError());
-            if (!back) LogLine(kLogWarning, __LINE__, "cannot go back: " + back.GetError().Text());
-        }
-        return Refuse(__LINE__, failure.GetError());
-    }
+bool CCgroupClient::Impl::Join(const Targets& targets) {
+    std::vector<Entry> entries;
     for (const Controller controller : kAllControllers) {
-        std::optional<Target>& target = targets[At(controller)];
-        if (!target) continue;
-        std::string& origin = origins[At(controller)];
-        if (origin.empty() && !IsInTree(*branches.Of(controller), target->from)) origin = target->from;
+        const std::optional<Target>& target = targets[controller];
+        if (target) entries.push_back({target->branch->Tree(), &target->leaf});
     }
-    return true;
+    std::vector<Error> stranded;
+    Status status = membership.Join(getpid(), entries, stranded);
+    for (const Error& error : stranded) LogLine(kLogWarning, __LINE__, "cannot go back: " + error.Text());
+    return status || Refuse(__LINE__, status.GetError());
+}
+
+void CCgroupClient::Impl::Take(Controller controller, const std::optional<Target>& target) {
+    Joined& state = joined[controller];
+    const Joined now = target ? target->state : Joined();
+    if (now.joined && (now.path != state.path || now.quota != state.quota)) {
+        LogLine(kLogInfo, __LINE__,
+                "in " + now.path + " with " + std::to_string(now.quota) +
+                    (controller == Controller::kCpu ? " hundredths of a percent" : " KB"));
+    }
+    state = now;
 }
 
 bool CCgroupClient::Impl::Reload() {
     const std::string path = COrvexPathInfo::GetInstance()->GetGlobalCfgPath() + kComponentFileName;
-    Result<ComponentFile> file = ReadComponentFile(path);
+    Result<ComponentFile> file = ReadCurrentFile(path);
     if (!file && file.GetError().kind == ErrorKind::kNotFound) return LeaveAll("there is no component file");
     if (!file) return Refuse(__LINE__, file.GetError());
     if (!file->enabled) return LeaveAll("they are switched off");
-    if (file->bootId != ReadBootId()) {
-        return Refuse(__LINE__, MakeError(ErrorKind::kRefused, "use", path, "it was written before the last boot"));
-    }
-    const std::string component = GetComponentName();
-    const ComponentEntry* entry = file->Find(component);
-    if (entry == nullptr) {
-        return Refuse(__LINE__,
-                      MakeError(ErrorKind::kNotFound, "use", path, "it has no component named [" + component + "]"));
-    }
     const Branches branches = FindBranches();
-    std::array<std::optional<Target>, kControllerCount> targets;
-    for (const Controller controller : kAllControllers) {
-        const bool cpu = controller == Controller::kCpu;
-        const ComponentLeaf& leaf = cpu ? entry->cpu : entry->memory;
-        if (!leaf.present) continue;
-        Result<Target> target = CheckLeaf(branches, controller, leaf, cpu ? file->cpu : file->memory, component);
-        if (!target) return Refuse(__LINE__, target.GetError());
-        targets[At(controller)] = std::move(*target);
-    }
-    if (!JoinTargets(branches, targets)) return false;
+    Result<Targets> targets = CheckEntry(branches, *file, path);
+    if (!targets) return Refuse(__LINE__, targets.GetError());
+    if (!Join(*targets)) return false;
     bool ok = true;
+    const Flags stays{targets->cpu.has_value(), targets->memory.has_value()};
     for (const std::shared_ptr<Branch>& branch : branches.all) {
-        bool stays = false;
-        for (const Controller controller : kAllControllers) {
-            stays = stays || (branch->Serves(controller) && targets[At(controller)]);
-        }
-        if (stays) continue;
-        Status left = LeaveBranch(branches, *branch);
-        if (!left) ok = Refuse(__LINE__, left.GetError());
+        if (!branch->ServesAnyOf(stays)) ok = LeaveBranch(*branch) && ok;
     }
-    for (const Controller controller : kAllControllers) {
-        Joined& state = joined[At(controller)];
-        const Joined now = targets[At(controller)] ? targets[At(controller)]->state : Joined();
-        if (now.joined && (now.path != state.path || now.quota != state.quota)) {
-            LogLine(kLogInfo, __LINE__,
-                    "in " + now.path + " with " + std::to_string(now.quota) +
-                        (controller == Controller::kCpu ? " hundredths of a percent" : " KB"));
-        }
-        state = now;
-    }
+    for (const Controller controller : kAllControllers) Take(controller, (*targets)[controller]);
     return ok;
 }
 
@@ -243,43 +219,43 @@ CCgroupClient::CCgroupClient() : m_impl(std::make_unique<Impl>()) {}
 CCgroupClient::~CCgroupClient() = default;
 
 bool CCgroupClient::ReloadConfig() {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
+    const base::MutexLock lock(m_impl->mutex);
     return m_impl->Reload();
 }
 
 bool CCgroupClient::IsCpuJoined() {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
-    return m_impl->joined[At(Controller::kCpu)].joined;
+    const base::MutexLock lock(m_impl->mutex);
+    return m_impl->joined.cpu.joined;
 }
 
 bool CCgroupClient::IsMemJoined() {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
-    return m_impl->joined[At(Controller::kMemory)].joined;
+    const base::MutexLock lock(m_impl->mutex);
+    return m_impl->joined.memory.joined;
 }
 
 int CCgroupClient::GetCpuQuota100Times() {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
-    return m_impl->joined[At(Controller::kCpu)].quota;
+    const base::MutexLock lock(m_impl->mutex);
+    return m_impl->joined.cpu.quota;
 }
 
 int CCgroupClient::GetMemQuotaKB() {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
-    return m_impl->joined[At(Controller::kMemory)].quota;
+    const base::MutexLock lock(m_impl->mutex);
+    return m_impl->joined.memory.quota;
 }
 
 std::string CCgroupClient::GetCpuCgroupPath() {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
-    return m_impl->joined[At(Controller::kCpu)].path;
+    const base::MutexLock lock(m_impl->mutex);
+    return m_impl->joined.cpu.path;
 }
 
 std::string CCgroupClient::GetMemCgroupPath() {
-    const std::lock_guard<std::mutex> guard(m_impl->mutex);
-    return m_impl->joined[At(Controller::kMemory)].path;
+    const base::MutexLock lock(m_impl->mutex);
+    return m_impl->joined.memory.path;
 }
 
 void SetCgroupClientComponent(const std::string& name) {
     ComponentName& component = ProcessComponent();
-    const std::lock_guard<std::mutex> guard(component.mutex);
+    const base::MutexLock lock(component.mutex);
     component.name = name;
 }
 

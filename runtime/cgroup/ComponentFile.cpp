@@ -13,6 +13,7 @@
 #include <set>
 #include <utility>
 
+#include "GroupDir.h"
 #include "base/Fd.h"
 
 namespace zel {

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "GroupDir.h"
 #include "Errors.h"
+#include "GroupTypes.h"
 
 namespace zel {
 namespace cgroup {
@@ -34,6 +34,9 @@ struct ComponentEntry {
     std::string name;
     ComponentLeaf cpu;
     ComponentLeaf memory;
+
+    ComponentLeaf& Leaf(Controller controller) { return controller == Controller::kCpu ? cpu : memory; }
+    const ComponentLeaf& Leaf(Controller controller) const { return controller == Controller::kCpu ? cpu : memory; }
 };
 
 /// One controller of the parent that holds all groups.
@@ -52,6 +55,8 @@ struct ComponentFile {
     ComponentParent memory;
     std::vector<ComponentEntry> components;
 
+    ComponentParent& Parent(Controller controller) { return controller == Controller::kCpu ? cpu : memory; }
+    const ComponentParent& Parent(Controller controller) const { return controller == Controller::kCpu ? cpu : memory; }
     /// Returns: the entry of that name, null when there is none.
     const ComponentEntry* Find(std::string_view name) const;
 };

@@ -121,14 +121,6 @@ bool HasEnded(int pid) {
 
 }  // namespace
 
-bool IsSafeGroupName(std::string_view name) {
-    if (name.empty() || name.size() > kMaxGroupNameBytes || name.front() == '.' || name.front() == '-') return false;
-    return std::all_of(name.begin(), name.end(), [](char c) {
-        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '_' ||
-               c == '-';
-    });
-}
-
 GroupDir::~GroupDir() {
     if (m_fd >= 0) close(m_fd);
 }

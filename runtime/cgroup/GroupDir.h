@@ -11,28 +11,14 @@
 #include <vector>
 
 #include "Errors.h"
+#include "GroupTypes.h"
 
 namespace zel {
 namespace cgroup {
 
-enum class Version { kNone = 0, kV1 = 1, kV2 = 2 };
-
 /// Bounds of one access.
 constexpr size_t kMaxControlFileBytes = 1024 * 1024;  ///< cgroup.procs of about 130,000 processes
 constexpr size_t kMaxControlValueBytes = 4096;
-constexpr size_t kMaxGroupNameBytes = 64;
-
-/// Tells one group from another of the same name: kernfs never uses an inode number twice while the device lives.
-struct GroupIdentity {
-    uint64_t device = 0;
-    uint64_t inode = 0;
-    bool operator==(const GroupIdentity& other) const { return device == other.device && inode == other.inode; }
-    bool operator!=(const GroupIdentity& other) const { return !(*this == other); }
-};
-
-/// Returns: whether a name may be used for a group of ours: ASCII letters, digits, '.', '_', '-', at most 64, no
-/// leading '.' or '-'. So no '/', no "..", nothing that a shell or a log would trip over.
-bool IsSafeGroupName(std::string_view name);
 
 /// A group.
 /// Thread-safety: const operations from any thread, they share nothing but the descriptor.

@@ -138,10 +138,6 @@ std::string ServiceIn(const std::string& path) {
 
 }  // namespace
 
-const char* ControllerName(Controller controller) {
-    return controller == Controller::kCpu ? "cpu" : "memory";
-}
-
 Result<LayoutTexts> ReadLayoutTexts() {
     LayoutTexts out;
     Result<std::string> mounts = ReadProcFile("/proc/self/mountinfo", kMaxProcTextBytes);
@@ -160,6 +156,10 @@ std::string Hierarchy::DirectoryOf(std::string_view groupPath) const {
     if (mountPoint.empty() || groupPath.empty() || groupPath.front() != '/') return {};
     if (!RelativeTo(groupPath, mountRoot, relative)) return {};
     return Join(mountPoint, relative);
+}
+
+bool Territory::Holds(const std::string& groupPath) const {
+    return !path.empty() && (groupPath == path || groupPath.compare(0, path.size() + 1, path + "/") == 0);
 }
 
 std::vector<Hierarchy> DecideHierarchy(Controller controller, const LayoutTexts& texts) {

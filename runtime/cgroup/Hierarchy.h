@@ -13,11 +13,6 @@
 namespace zel {
 namespace cgroup {
 
-enum class Controller { kCpu = 0, kMemory = 1 };
-
-/// "cpu" or "memory", as the kernel calls them.
-const char* ControllerName(Controller controller);
-
 /// The kernel's texts that a decision rests on, so that the decision itself is pure.
 struct LayoutTexts {
     std::string mountInfo;   ///< /proc/self/mountinfo
@@ -44,6 +39,15 @@ struct Hierarchy {
     std::string DirectoryOf(std::string_view groupPath) const;
 };
 
+/// A group of ours with everything below it, in one hierarchy.
+struct Territory {
+    Hierarchy hierarchy;
+    std::string path;  ///< from the hierarchy's root; empty: there is none
+
+    /// Returns: whether a group, given from the hierarchy's root, is it or lies in it.
+    bool Holds(const std::string& groupPath) const;
+};
+
 /// Pure: candidates in the order in which they are to be tried, best first. When no mount serves, one entry with
 /// Version::kNone and the reason.
 std::vector<Hierarchy> DecideHierarchy(Controller controller, const LayoutTexts& texts);
@@ -58,6 +62,9 @@ struct Placement {
     std::string groupPath;   ///< base from the hierarchy's root
     bool delegated = false;  ///< base was given to us by a service manager
     std::string reason;      ///< one sentence
+
+    /// Returns: a child of the base, from the hierarchy's root.
+    std::string PathOf(const std::string& child) const { return (groupPath == "/" ? "" : groupPath) + "/" + child; }
 };
 
 /// Finds the base: the nearest group at or above our own that a service manager has delegated; else the hierarchy's

@@ -63,6 +63,37 @@ int64_t BytesFromKb(int64_t kb) {
     return bytes;
 }
 
+Limit LimitFromAmount(Controller controller, int64_t amount) {
+    Limit out;
+    if (controller == Controller::kCpu) {
+        out.cpu = QuotaFrom100Times(amount);
+    } else {
+        out.bytes = PageRoundDown(BytesFromKb(amount));
+    }
+    return out;
+}
+
+int AmountOf(Controller controller, const Limit& limit) {
+    return controller == Controller::kCpu ? QuotaTo100Times(limit.cpu) : KbFromBytes(limit.bytes);
+}
+
+bool IsLimited(Controller controller, const Limit& limit) {
+    return controller == Controller::kCpu ? !limit.cpu.Unlimited() : limit.bytes >= 0;
+}
+
+bool SameLimit(Controller controller, const Limit& a, const Limit& b) {
+    return controller == Controller::kCpu ? a.cpu == b.cpu : a.bytes == b.bytes;
+}
+
+bool IsTighter(Controller controller, const Limit& a, const Limit& b) {
+    if (!IsLimited(controller, a)) return false;
+    if (!IsLimited(controller, b)) return true;
+    if (controller == Controller::kMemory) return a.bytes < b.bytes;
+    const auto left = static_cast<__int128>(a.cpu.quotaUs) * b.cpu.periodUs;
+    const auto right = static_cast<__int128>(b.cpu.quotaUs) * a.cpu.periodUs;
+    return left < right;
+}
+
 int KbFromBytes(int64_t bytes) {
     if (bytes < 0 || bytes >= kV1UnlimitedFromBytes) return 0;
     return static_cast<int>(std::min<int64_t>(bytes / 1024, std::numeric_limits<int>::max()));

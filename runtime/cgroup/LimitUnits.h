@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "GroupTypes.h"
+
 namespace zel {
 namespace cgroup {
 
@@ -49,6 +51,23 @@ int64_t V1SwapLimitFor(int64_t bytes);
 int64_t BytesFromKb(int64_t kb);
 /// Units: bytes to KB, rounded down, saturated at 2147483647; no limit: 0.
 int KbFromBytes(int64_t bytes);
+
+/// One limit of one group in the kernel's own figures. Of the two only the one of its controller counts.
+struct Limit {
+    CpuQuota cpu;
+    int64_t bytes = kUnlimited;  ///< whole pages
+};
+
+/// Units: hundredths of a percent of one CPU, or KB; zero and negative: no limit.
+Limit LimitFromAmount(Controller controller, int64_t amount);
+/// The reverse, 0 for no limit.
+int AmountOf(Controller controller, const Limit& limit);
+
+bool IsLimited(Controller controller, const Limit& limit);
+bool SameLimit(Controller controller, const Limit& a, const Limit& b);
+/// Returns: whether `a` leaves less than `b`. No limit is above every limit; quotas of different periods compare
+/// exactly.
+bool IsTighter(Controller controller, const Limit& a, const Limit& b);
 
 /// A version 1 limit at or above this many bytes means "no limit" (the kernel prints 9223372036854771712, older
 /// ones 9223372036854775807).

@@ -110,6 +110,11 @@ Status WriteV1Hard(const GroupDir& group, const MemLimit& old, int64_t bytes) {
 
 }  // namespace
 
+const char* LimitFileOf(Controller controller, Version version) {
+    if (controller == Controller::kCpu) return version == Version::kV2 ? v2::kCpuMax : v1::kCpuQuotaUs;
+    return version == Version::kV2 ? v2::kMemMax : v1::kMemLimitBytes;
+}
+
 Result<CpuQuota> ReadCpuQuota(const GroupDir& group) {
     if (group.GetVersion() == Version::kV2) {
         Result<std::string> text = group.Read(v2::kCpuMax);

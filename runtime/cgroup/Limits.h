@@ -11,6 +11,9 @@
 namespace zel {
 namespace cgroup {
 
+/// Returns: the control file that carries the controller's limit; a group without it cannot be limited.
+const char* LimitFileOf(Controller controller, Version version);
+
 /// Reads cpu.cfs_quota_us and cpu.cfs_period_us, or cpu.max.
 Result<CpuQuota> ReadCpuQuota(const GroupDir& group);
 

@@ -1,15 +1,15 @@
-// The read-only view of the agent's tree, and its removal at the clean end.
+// The read-only view of the agent's tree for operators and for the status command.
 #include <unistd.h>
 
 #include <algorithm>
 #include <map>
 #include <set>
 
-#include "CgroupFiles.h"
-#include "CgroupManagerTree.h"
+#include "Branch.h"
 #include "Limits.h"
 #include "LimitUnits.h"
 #include "OomCounters.h"
+#include "OwnGroup.h"
 #include "platform/zel/CgroupTreeStatus.h"
 
 namespace zel {
@@ -91,7 +91,7 @@ CgroupUse ReadMemoryUse(const GroupDir& dir) {
 /// What is read of one node, from one or two hierarchies.
 struct Found {
     CgroupNodeStatus status;
-    std::map<size_t, std::set<int>> pids;  ///< by controller
+    std::map<Controller, std::set<int>> pids;  ///< by controller
 };
 
 using NodeKey = std::pair<std::string, std::string>;  ///< group and component; both empty for the parent
@@ -106,11 +106,11 @@ void ReadNode(const Branch& branch, const GroupDir& dir, CgroupLevel level, cons
                                                         : AgentGroupName();
     Result<std::vector<int>> pids = dir.Processes();
     for (const Controller controller : kAllControllers) {
-        if (!branch.Serves(controller)) continue;
+        if (!branch.serves[controller]) continue;
         CgroupUse use = controller == Controller::kCpu ? ReadCpuUse(dir, depthBelow) : ReadMemoryUse(dir);
         if (!use.present) continue;
         (controller == Controller::kCpu ? node.status.cpu : node.status.memory) = std::move(use);
-        if (pids) node.pids[static_cast<size_t>(controller)] = std::set<int>(pids->begin(), pids->end());
+        if (pids) node.pids[controller] = std::set<int>(pids->begin(), pids->end());
     }
 }
 
@@ -124,27 +124,15 @@ Status ReadBranch(const Branch& branch, std::map<NodeKey, Found>& found) {
         ReadNode(branch, dir, level, key, depthBelow, found);
     };
     visit(*tree, CgroupLevel::kParent, {}, 2);
-    Result<std::vector<std::string>> groups = OwnChildren(*tree);
+    Result<std::vector<OwnChild>> groups = OpenOwnChildren(*tree);
     if (!groups) return groups.GetError();
-    for (const std::string& name : *groups) {
-        Result<GroupDir> group = OpenOwnChild(*tree, name);
-        if (!group) continue;
-        visit(*group, CgroupLevel::kGroup, {name, {}}, 1);
-        Result<std::vector<std::string>> leaves = OwnChildren(*group);
+    for (const OwnChild& group : *groups) {
+        visit(group.dir, CgroupLevel::kGroup, {group.name, {}}, 1);
+        Result<std::vector<OwnChild>> leaves = OpenOwnChildren(group.dir);
         if (!leaves) continue;
-        for (const std::string& leafName : *leaves) {
-            Result<GroupDir> leaf = OpenOwnChild(*group, leafName);
-            if (leaf) visit(*leaf, CgroupLevel::kComponent, {name, leafName}, 0);
-        }
+        for (const OwnChild& leaf : *leaves) visit(leaf.dir, CgroupLevel::kComponent, {group.name, leaf.name}, 0);
     }
     return {};
-}
-
-std::string PlaceText(const Branches& branches, Controller controller) {
-    const std::shared_ptr<Branch>& branch = branches.Of(controller);
-    if (!branch) return branches.errors[static_cast<size_t>(controller)].Text();
-    if (!branch->placement) return branch->error.Text();
-    return branch->hierarchy.reason + ", " + branch->placement->reason;
 }
 
 std::string LayoutOf(const Branches& branches) {
@@ -158,7 +146,7 @@ std::string LayoutOf(const Branches& branches) {
 
 /// A component whose CPU and memory groups differ has two leaves of one name in two groups: they count as one.
 void VerifyMembership(std::vector<Found*>& leaves) {
-    std::map<std::string, std::map<size_t, std::set<int>>> byName;
+    std::map<std::string, std::map<Controller, std::set<int>>> byName;
     for (const Found* leaf : leaves) {
         for (const auto& [controller, pids] : leaf->pids) {
             byName[leaf->status.name][controller].insert(pids.begin(), pids.end());
@@ -181,8 +169,8 @@ bool ReadCgroupTreeStatus(CgroupTreeStatus& out, std::string& error) {
     const Branches branches = FindBranches();
     CgroupTreeStatus status;
     status.layout = LayoutOf(branches);
-    status.cpuPlace = PlaceText(branches, Controller::kCpu);
-    status.memoryPlace = PlaceText(branches, Controller::kMemory);
+    status.cpuPlace = branches.PlaceText(Controller::kCpu);
+    status.memoryPlace = branches.PlaceText(Controller::kMemory);
     std::map<NodeKey, Found> found;
     for (const std::shared_ptr<Branch>& branch : branches.all) {
         Status read = ReadBranch(*branch, found);
@@ -201,19 +189,6 @@ bool ReadCgroupTreeStatus(CgroupTreeStatus& out, std::string& error) {
     status.present = !status.nodes.empty();
     out = std::move(status);
     return true;
-}
-
-bool RemoveAgentCgroupTree(std::string& error) {
-    error.clear();
-    for (const std::shared_ptr<Branch>& branch : FindBranches().all) {
-        if (!branch->placement) continue;
-        Status removed = RemoveTree(*branch);
-        // A group of that name that is not ours is nothing that we left behind.
-        if (removed || removed.GetError().kind == ErrorKind::kNotFound) continue;
-        if (!error.empty()) error += "; ";
-        error += removed.GetError().Text();
-    }
-    return error.empty();
 }
 
 }  // namespace zel

@@ -1,0 +1,196 @@
+// Making, sweeping and removing the tree.
+#include "AgentTree.h"
+
+#include <utility>
+#include <vector>
+
+#include "OwnGroup.h"
+#include "platform/zel/CgroupTreeStatus.h"
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+constexpr char kRestSuffix[] = ".rest";
+constexpr int kMaxTreeDepth = 8;
+
+bool IsNotFound(const Error& error) {
+    return error.kind == ErrorKind::kNotFound;
+}
+
+std::string RestName() {
+    return AgentGroupName() + kRestSuffix;
+}
+
+Result<GroupDir> MakeRestLeaf(const Branch& branch) {
+    return MakeOwnChild(branch.placement->base, RestName());
+}
+
+Result<GroupDir> OpenBesideTree(const Branch& branch) {
+    if (!branch.placement) return branch.error;
+    if (branch.placement->base.IsHierarchyRoot()) return branch.placement->base.OpenBelow("");
+    return MakeRestLeaf(branch);
+}
+
+Status Evacuate(const Branch& branch, const GroupDir& group) {
+    Result<std::vector<int>> pids = group.Processes();
+    if (!pids) return pids.GetError();
+    if (pids->empty()) return {};
+    Result<GroupDir> outside = OpenBesideTree(branch);
+    if (!outside) return outside.GetError();
+    Result<int> moved = MoveAll(group, *outside);
+    return moved ? Status() : Status(moved.GetError());
+}
+
+/// Makes the controller usable below the base. Processes of a delegated base move to the leaf beside the tree first.
+Status PrepareForTree(const Branch& branch, Controller controller) {
+    if (branch.GetVersion() == Version::kV1) return {};
+    if (!branch.placement->delegated) return PrepareBase(*branch.placement, controller, branch.placement->base);
+    Result<bool> enabled = branch.placement->base.IsEnabledForChildren(ControllerName(controller));
+    if (!enabled) return enabled.GetError();
+    if (*enabled) return {};
+    Result<GroupDir> rest = MakeRestLeaf(branch);
+    if (!rest) return rest.GetError();
+    return PrepareBase(*branch.placement, controller, *rest);
+}
+
+Status EnableWanted(const Branch& branch, const Flags& wanted, const GroupDir& group) {
+    for (const Controller controller : kAllControllers) {
+        if (!branch.serves[controller] || !wanted[controller]) continue;
+        Status enabled = group.EnableForChildren(ControllerName(controller));
+        if (!enabled) return enabled;
+    }
+    return {};
+}
+
+Status RemoveLevel(const Branch& branch, const GroupDir& group, int depth) {
+    if (depth > kMaxTreeDepth) return MakeError(ErrorKind::kTooLarge, "remove", group.Path(), "too deep");
+    Result<std::vector<std::string>> children = group.Children();
+    if (!children) return children.GetError();
+    Status first;
+    for (const std::string& name : *children) {
+        Result<GroupDir> child = OpenOwnChild(group, name);
+        Status status = child ? RemoveLevel(branch, *child, depth + 1) : Status(child.GetError());
+        if (status) status = group.RemoveChild(name);
+        if (!status && first && !IsNotFound(status.GetError())) first = status;
+    }
+    Status emptied = Evacuate(branch, group);
+    return first ? emptied : first;
+}
+
+/// In a delegated group the processes beside the tree go back into it, as the service manager had them.
+Status GiveBackBase(const Branch& branch) {
+    const GroupDir& base = branch.placement->base;
+    Result<GroupDir> rest = OpenOwnChild(base, RestName());
+    if (!rest) return {};
+    for (const Controller controller : kAllControllers) {
+        if (!branch.serves[controller]) continue;
+        Status disabled = base.DisableForChildren(ControllerName(controller));
+        if (!disabled) return disabled;
+    }
+    Result<int> moved = MoveAll(*rest, base);
+    if (!moved) return moved.GetError();
+    return base.RemoveChild(RestName());
+}
+
+/// A process may come in between the look and the removal: then it is kept, and looked at the next time.
+void RemoveIfEmpty(const GroupDir& parent, const OwnChild& child) {
+    Result<std::vector<int>> pids = child.dir.Processes();
+    Result<std::vector<std::string>> children = child.dir.Children();
+    if (!pids || !pids->empty() || !children || !children->empty()) return;
+    Status removed = parent.RemoveChild(child.name);
+    static_cast<void>(removed);
+}
+
+}  // namespace
+
+Result<GroupDir> MakeTree(const Branch& branch, const Flags& wanted) {
+    if (!branch.placement) return branch.error;
+    for (const Controller controller : kAllControllers) {
+        if (!branch.serves[controller] || !wanted[controller]) continue;
+        Status prepared = PrepareForTree(branch, controller);
+        if (!prepared) return prepared.GetError();
+    }
+    Result<GroupDir> tree = MakeOwnChild(branch.placement->base, AgentGroupName());
+    if (!tree || branch.GetVersion() == Version::kV1) return tree;
+    // Version 2 takes no process beside children with controllers: strays out first, controllers on afterwards.
+    Status ready = Evacuate(branch, *tree);
+    if (ready) ready = EnableWanted(branch, wanted, *tree);
+    if (!ready) return ready.GetError();
+    return tree;
+}
+
+Result<GroupDir> MakeGroup(const Branch& branch, const Flags& wanted, const GroupDir& tree, const std::string& name) {
+    Result<GroupDir> group = MakeOwnChild(tree, name);
+    if (!group || branch.GetVersion() == Version::kV1) return group;
+    Result<std::vector<int>> strays = group->Processes();
+    if (!strays) return strays.GetError();
+    if (!strays->empty()) {
+        Result<GroupDir> leaf = MakeOwnChild(*group, kOwnLeaf);
+        if (!leaf) return leaf;
+        Result<int> moved = MoveAll(*group, *leaf);
+        if (!moved) return moved.GetError();
+    }
+    Status enabled = EnableWanted(branch, wanted, *group);
+    if (!enabled) return enabled.GetError();
+    return group;
+}
+
+Result<GroupDir> MakeLeaf(const Branch& branch, const Flags& wanted, const std::string& group,
+                          const std::string& leaf) {
+    Result<GroupDir> tree = OpenTree(branch);
+    if (!tree) return tree;
+    Result<GroupDir> dir = MakeGroup(branch, wanted, *tree, group);
+    if (!dir) return dir;
+    return MakeOwnChild(*dir, leaf);
+}
+
+Status MoveBesideTree(const Branch& branch, int pid) {
+    Result<GroupDir> outside = OpenBesideTree(branch);
+    return outside ? outside->MoveHere(pid) : Status(outside.GetError());
+}
+
+void SweepTree(const Branch& branch, const GroupTargets& targets) {
+    Result<GroupDir> tree = OpenTree(branch);
+    if (!tree) return;
+    Result<std::vector<OwnChild>> groups = OpenOwnChildren(*tree);
+    if (!groups) return;
+    for (const OwnChild& group : *groups) {
+        Result<std::vector<OwnChild>> leaves = OpenOwnChildren(group.dir);
+        if (!leaves) continue;
+        for (const OwnChild& leaf : *leaves) {
+            if (!targets.KeepsLeaf(branch.serves, group.name, leaf.name)) RemoveIfEmpty(group.dir, leaf);
+        }
+        if (targets.Find(group.name) == nullptr) RemoveIfEmpty(*tree, group);
+    }
+}
+
+Status RemoveTree(const Branch& branch) {
+    if (!branch.placement) return branch.error;
+    Result<GroupDir> tree = OpenTree(branch);
+    if (!tree && !IsNotFound(tree.GetError())) return tree.GetError();
+    if (tree) {
+        Status emptied = RemoveLevel(branch, *tree, 0);
+        if (!emptied) return emptied;
+        Status removed = branch.placement->base.RemoveChild(AgentGroupName());
+        if (!removed) return removed;
+    }
+    return GiveBackBase(branch);
+}
+
+}  // namespace cgroup
+
+bool RemoveAgentCgroupTree(std::string& error) {
+    error.clear();
+    for (const std::shared_ptr<cgroup::Branch>& branch : cgroup::FindBranches().all) {
+        if (!branch->placement) continue;
+        cgroup::Status removed = cgroup::RemoveTree(*branch);
+        // A group of that name that is not ours is nothing that we left behind.
+        if (removed || removed.GetError().kind == cgroup::ErrorKind::kNotFound) continue;
+        if (!error.empty()) error += "; ";
+        error += removed.GetError().Text();
+    }
+    return error.empty();
+}
+
+}  // namespace zel

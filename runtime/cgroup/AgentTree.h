@@ -1,0 +1,36 @@
+// The agent's tree of groups in one hierarchy: making its groups, moving what is in their way, sweeping what has no
+// place any more, removing it all. Limits are not its business.
+// Touches the tree, the leaf beside it, and cgroup.subtree_control of the base.
+#pragma once
+
+#include <string>
+
+#include "Branch.h"
+#include "Errors.h"
+#include "GroupDir.h"
+#include "GroupTargets.h"
+
+namespace zel {
+namespace cgroup {
+
+/// Makes the parent, and on version 2 the controllers usable in it: of those that are wanted and served here.
+Result<GroupDir> MakeTree(const Branch& branch, const Flags& wanted);
+/// Makes a group of the tree. Kernel: version 2 takes no process beside children with controllers: those that are in
+/// the group itself move to its own leaf.
+Result<GroupDir> MakeGroup(const Branch& branch, const Flags& wanted, const GroupDir& tree, const std::string& name);
+/// Makes a leaf with its group; the tree must be there.
+Result<GroupDir> MakeLeaf(const Branch& branch, const Flags& wanted, const std::string& group, const std::string& leaf);
+
+/// Moves a process out of the tree where nothing is known of its origin: to the base, or, where the kernel allows no
+/// process in it, to a leaf of ours beside the tree.
+Status MoveBesideTree(const Branch& branch, int pid);
+
+/// Removes what is empty and has no place in the targets. What holds processes is looked at again the next time.
+void SweepTree(const Branch& branch, const GroupTargets& targets);
+
+/// Moves every process out of the branch's tree and removes its groups, leaves first; in a delegated group everything
+/// is given back as it was. Groups inside that are not ours stay, and so does the tree then; the error names them.
+Status RemoveTree(const Branch& branch);
+
+}  // namespace cgroup
+}  // namespace zel

@@ -1,0 +1,89 @@
+// Finding the hierarchies and the tree in them.
+#include "Branch.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "OwnGroup.h"
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+bool IsSameMount(const Hierarchy& a, const Hierarchy& b) {
+    return a.devMajor == b.devMajor && a.devMinor == b.devMinor && a.mountPoint == b.mountPoint;
+}
+
+std::shared_ptr<Branch> MakeBranch(Hierarchy hierarchy, const LayoutTexts& texts) {
+    auto branch = std::make_shared<Branch>();
+    Result<Placement> placement = FindPlacement(hierarchy, texts);
+    if (placement) {
+        branch->placement = std::move(*placement);
+    } else {
+        branch->error = placement.GetError();
+    }
+    branch->hierarchy = std::move(hierarchy);
+    return branch;
+}
+
+}  // namespace
+
+Territory Branch::Tree() const {
+    return {hierarchy, placement ? placement->PathOf(AgentGroupName()) : std::string()};
+}
+
+bool Branch::ServesAnyOf(const Flags& controllers) const {
+    return (serves.cpu && controllers.cpu) || (serves.memory && controllers.memory);
+}
+
+std::string Branches::PlaceText(Controller controller) const {
+    const std::shared_ptr<Branch>& branch = of[controller];
+    if (!branch) return errors[controller].Text();
+    if (!branch->placement) return branch->error.Text();
+    return branch->hierarchy.reason + ", " + branch->placement->reason;
+}
+
+Branches FindBranches() {
+    Branches out;
+    Result<LayoutTexts> texts = ReadLayoutTexts();
+    if (!texts) {
+        out.errors = {texts.GetError(), texts.GetError()};
+        return out;
+    }
+    for (const Controller controller : kAllControllers) {
+        Hierarchy hierarchy = FindHierarchy(controller, *texts);
+        if (hierarchy.version == Version::kNone) {
+            out.errors[controller] =
+                MakeError(ErrorKind::kNoController, "use controller", ControllerName(controller), hierarchy.reason);
+            continue;
+        }
+        const auto known = std::find_if(out.all.begin(), out.all.end(), [&](const std::shared_ptr<Branch>& branch) {
+            return IsSameMount(branch->hierarchy, hierarchy);
+        });
+        if (known == out.all.end()) {
+            out.all.push_back(MakeBranch(std::move(hierarchy), *texts));
+            out.of[controller] = out.all.back();
+        } else {
+            out.of[controller] = *known;
+        }
+        out.of[controller]->serves[controller] = true;
+    }
+    return out;
+}
+
+Result<GroupDir> OpenTree(const Branch& branch) {
+    if (!branch.placement) return branch.error;
+    return OpenOwnChild(branch.placement->base, AgentGroupName());
+}
+
+Result<GroupDir> OpenTreeToRead(const Branches& branches, Controller controller) {
+    const std::shared_ptr<Branch>& branch = branches.of[controller];
+    if (!branch) return branches.errors[controller];
+    if (branch->placement) return OpenTree(*branch);
+    Result<GroupDir> root = GroupDir::Open(branch->hierarchy.mountPoint, branch->GetVersion());
+    if (!root) return root;
+    return OpenOwnChild(*root, AgentGroupName());
+}
+
+}  // namespace cgroup
+}  // namespace zel

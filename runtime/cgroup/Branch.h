@@ -1,0 +1,54 @@
+// The hierarchies of this host as the agent's tree sees them: one branch per hierarchy, with the one or two controllers
+// that it serves, the place where groups are made, and the opening of what is there. Reads only.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Errors.h"
+#include "GroupDir.h"
+#include "GroupTypes.h"
+#include "Hierarchy.h"
+
+namespace zel {
+namespace cgroup {
+
+/// One hierarchy, with the one or two controllers that it serves (version 2: both).
+struct Branch {
+    Hierarchy hierarchy;
+    Flags serves;
+    std::optional<Placement> placement;  ///< empty: groups cannot be made here, `error` says why
+    Error error;
+
+    Version GetVersion() const { return hierarchy.version; }
+    /// Returns: the agent's tree here; its path is empty where no groups can be made.
+    Territory Tree() const;
+    /// Returns: whether one of the controllers that it serves is among them.
+    bool ServesAnyOf(const Flags& controllers) const;
+};
+
+/// The branches of this host as they are now.
+struct Branches {
+    std::vector<std::shared_ptr<Branch>> all;
+    PerController<std::shared_ptr<Branch>> of;  ///< null: no hierarchy has the controller
+    PerController<Error> errors;                ///< for those that are null
+
+    /// Returns: whether one hierarchy serves both controllers.
+    bool IsOneHierarchy() const { return of.cpu && of.cpu == of.memory; }
+    /// Returns: one sentence: where the controller's groups are made, or why nowhere.
+    std::string PlaceText(Controller controller) const;
+};
+
+/// Looks at the mounts and at this process's groups.
+Branches FindBranches();
+
+/// Opens the agent's parent group. kNotFound: there is no tree.
+Result<GroupDir> OpenTree(const Branch& branch);
+/// The same for a controller, and also where no groups can be made, say because the mount became read-only: what stands
+/// there can still be read.
+Result<GroupDir> OpenTreeToRead(const Branches& branches, Controller controller);
+
+}  // namespace cgroup
+}  // namespace zel

@@ -1,0 +1,130 @@
+// Leaves and the file about them.
+#include "ComponentPublisher.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "AgentTree.h"
+#include "LimitPlan.h"
+#include "TreeFacts.h"
+#include "platform/zel/AgentNames.h"
+
+namespace zel {
+namespace cgroup {
+
+ComponentPublisher::ComponentPublisher(const Branches& branches, const GroupTargets& targets, const Flags& inUse,
+                                       Membership& membership)
+    : m_branches(branches), m_targets(targets), m_inUse(inUse), m_membership(membership) {}
+
+Status ComponentPublisher::AddParents(const std::string& path, const Amounts& amounts, ComponentFile& file) const {
+    for (const Controller controller : kAllControllers) {
+        if (!m_inUse[controller]) continue;
+        Result<GroupDir> tree = OpenTreeToRead(m_branches, controller);
+        if (!tree) return tree.GetError();
+        Result<GroupIdentity> identity = tree->Identity();
+        if (!identity) return identity.GetError();
+        file.Parent(controller) = {true, tree->Path(), tree->GetVersion(), identity->inode,
+                                   std::max(0, amounts[controller])};
+    }
+    if (file.cpu.present || file.memory.present) return {};
+    return MakeError(ErrorKind::kNoController, "write", path, "no controller is in use");
+}
+
+Result<ComponentLeaf> ComponentPublisher::PlaceLeaf(const LeafKey& key, int quota) const {
+    const Branch& branch = *m_branches.of[key.controller];
+    Result<GroupDir> dir = MakeLeaf(branch, m_targets.wanted, key.group, key.leaf);
+    if (!dir) return dir.GetError();
+    const Limit limit = LeafLimit(m_targets, branch.GetVersion(), key, quota);
+    Status applied = ApplyLimit(key.controller, *dir, limit);
+    if (!applied) return applied.GetError();
+    Result<GroupIdentity> identity = dir->Identity();
+    if (!identity) return identity.GetError();
+    ComponentLeaf leaf;
+    leaf.present = true;
+    leaf.group = key.group;
+    leaf.path = dir->Path();
+    leaf.version = branch.GetVersion();
+    leaf.inode = identity->inode;
+    const bool asAsked = SameLimit(key.controller, limit, LimitFromAmount(key.controller, quota));
+    leaf.quota = asAsked ? quota : AmountOf(key.controller, limit);
+    return leaf;
+}
+
+Status ComponentPublisher::AddComponent(const ComponentTarget& target, ComponentFile& file,
+                                        std::map<LeafKey, int>& leaves) {
+    if (target.refusal) {
+        m_remarks.push_back({true, target.refusal->Text()});
+        return {};
+    }
+    ComponentEntry entry;
+    entry.name = target.name;
+    for (const Controller controller : kAllControllers) {
+        const LeafTarget& place = target.leaves[controller];
+        if (place.refusal) m_remarks.push_back({true, place.refusal->Text()});
+        if (!place.note.empty()) m_remarks.push_back({false, place.note});
+        if (place.group.empty()) continue;
+        const LeafKey key{controller, place.group, target.name};
+        Result<ComponentLeaf> leaf = PlaceLeaf(key, place.quota);
+        if (!leaf) return leaf.GetError();
+        entry.Leaf(controller) = std::move(*leaf);
+        leaves[key] = place.quota;
+    }
+    file.components.push_back(std::move(entry));
+    return {};
+}
+
+// The main process is moved within the tree only: where it is not in it, it has been told to stay out.
+Status ComponentPublisher::FollowOwnLeaf(const ComponentFile& file) {
+    const ComponentEntry* own = file.Find(kMainComponent);
+    if (own == nullptr) return {};
+    std::vector<GroupDir> dirs;
+    std::vector<Entry> entries;
+    dirs.reserve(kAllControllers.size());
+    for (const Controller controller : kAllControllers) {
+        const ComponentLeaf& leaf = own->Leaf(controller);
+        if (!leaf.present) continue;
+        const Branch& branch = *m_branches.of[controller];
+        const Territory tree = branch.Tree();
+        Result<std::string> path = ReadGroupOf(getpid(), branch.hierarchy);
+        if (!path || !tree.Holds(*path)) continue;
+        Result<GroupDir> dir = MakeLeaf(branch, m_targets.wanted, leaf.group, kMainComponent);
+        if (!dir) return dir.GetError();
+        dirs.push_back(std::move(*dir));
+        entries.push_back({tree, &dirs.back()});
+    }
+    std::vector<Error> stranded;
+    Status joined = m_membership.Join(getpid(), entries, stranded);
+    for (const Error& error : stranded) m_remarks.push_back({true, "cannot go back: " + error.Text()});
+    return joined;
+}
+
+Result<std::map<LeafKey, int>> ComponentPublisher::Publish(const std::string& path,
+                                                           const std::vector<CgroupComponentQuota>& quotas,
+                                                           const Amounts& parent) {
+    ComponentFile file;
+    file.enabled = true;
+    file.bootId = ReadBootId();
+    Status status = AddParents(path, parent, file);
+    if (!status) return status.GetError();
+    std::map<LeafKey, int> leaves;
+    for (const ComponentTarget& target :
+         BuildComponentTargets(quotas, m_targets, m_inUse, m_branches.IsOneHierarchy())) {
+        status = AddComponent(target, file, leaves);
+        if (!status) return status.GetError();
+    }
+    status = FollowOwnLeaf(file);
+    if (status) status = WriteFileAtomically(path, FormatComponentFile(file));
+    if (!status) return status.GetError();
+    return leaves;
+}
+
+Status PublishDisabled(const std::string& path) {
+    ComponentFile file;
+    file.bootId = ReadBootId();
+    return WriteFileAtomically(path, FormatComponentFile(file));
+}
+
+}  // namespace cgroup
+}  // namespace zel

@@ -1,0 +1,58 @@
+// Publishing the components' places: makes and limits the leaves, moves the main process to its own, and writes the
+// component file that tells the other processes where to go.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Branch.h"
+#include "ComponentFile.h"
+#include "Errors.h"
+#include "GroupTargets.h"
+#include "Membership.h"
+#include "platform/zel/CgroupRecords.h"
+
+namespace zel {
+namespace cgroup {
+
+/// Something to tell an operator that is no failure of the operation.
+struct Remark {
+    bool warning = false;
+    std::string text;
+};
+
+/// Thread-safety: none, the manager locks.
+/// Lifetime: for one operation; what it is given must outlive it.
+class ComponentPublisher {
+public:
+    /// `inUse`: controllers that the trees really use.
+    ComponentPublisher(const Branches& branches, const GroupTargets& targets, const Flags& inUse,
+                       Membership& membership);
+
+    /// Writes the file about the given components.
+    /// Returns: the quota of every leaf in it.
+    /// On failure: the old file stays; leaves that were made stay too and are swept later.
+    Result<std::map<LeafKey, int>> Publish(const std::string& path, const std::vector<CgroupComponentQuota>& quotas,
+                                           const Amounts& parent);
+
+    /// Components that were left out or placed elsewhere, in order.
+    const std::vector<Remark>& Remarks() const { return m_remarks; }
+
+private:
+    Status AddParents(const std::string& path, const Amounts& amounts, ComponentFile& file) const;
+    Status AddComponent(const ComponentTarget& target, ComponentFile& file, std::map<LeafKey, int>& leaves);
+    Result<ComponentLeaf> PlaceLeaf(const LeafKey& key, int quota) const;
+    Status FollowOwnLeaf(const ComponentFile& file);
+
+    const Branches& m_branches;
+    const GroupTargets& m_targets;
+    const Flags m_inUse;
+    Membership& m_membership;
+    std::vector<Remark> m_remarks;
+};
+
+/// Writes the form of the file which says that there are no unified limits.
+Status PublishDisabled(const std::string& path);
+
+}  // namespace cgroup
+}  // namespace zel

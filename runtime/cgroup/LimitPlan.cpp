@@ -1,0 +1,122 @@
+// Differences and their order.
+#include "LimitPlan.h"
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+/// Version 1 refuses a CPU quota above the parent's. A group without a quota of its own has its parent's there.
+Limit Clamped(Controller controller, Version version, const Limit& limit, const Limit& bound) {
+    const bool binds = controller == Controller::kCpu && version == Version::kV1;
+    return binds && IsLimited(controller, limit) && IsTighter(controller, bound, limit) ? bound : limit;
+}
+
+/// What one controller's tree is to be, from the top down.
+class Wishes {
+public:
+    Wishes(const GroupTargets& targets, const TreeFacts& facts, Controller controller)
+        : m_targets(targets), m_facts(facts), m_controller(controller) {
+        if (targets.wanted[controller]) m_total = LimitFromAmount(controller, targets.total[controller]);
+    }
+
+    /// Returns: the target of a node, empty when there is none and what is there stays. Requires: nodes in their order.
+    std::optional<Limit> Of(const GroupFacts& node) {
+        std::optional<Limit> limit = Unbounded(node);
+        if (!limit) return limit;
+        const auto group = m_groups.find(node.group);
+        const bool bySelf = node.Depth() < 2 || group == m_groups.end();
+        limit = Clamped(m_controller, m_facts.version, *limit, bySelf ? m_total : group->second);
+        // What binds the leaves of a group without a limit of its own is the total.
+        if (node.Depth() == 1) m_groups[node.group] = IsLimited(m_controller, *limit) ? *limit : m_total;
+        return limit;
+    }
+
+private:
+    std::optional<Limit> Unbounded(const GroupFacts& node) const {
+        if (!m_targets.wanted[m_controller]) return Limit();
+        if (node.Depth() == 0) return m_total;
+        std::optional<int> amount;
+        if (node.Depth() == 2) {
+            amount = m_targets.QuotaOf({m_controller, node.group, node.leaf});
+        } else if (const GroupTarget* target = m_targets.Find(node.group)) {
+            amount = target->limits[m_controller];
+        }
+        if (amount) return LimitFromAmount(m_controller, *amount);
+        const LimitFacts& present = node.limits[m_controller];
+        return present.Known() ? std::optional<Limit>(present.limit) : std::nullopt;
+    }
+
+    const GroupTargets& m_targets;
+    const TreeFacts& m_facts;
+    const Controller m_controller;
+    Limit m_total;
+    std::map<std::string, Limit> m_groups;  ///< what binds the leaves of each group
+};
+
+bool IsInForce(Controller controller, const LimitFacts& present, const Limit& wanted) {
+    if (!SameLimit(controller, present.limit, wanted)) return false;
+    if (controller == Controller::kCpu || !present.hasSwapLimit) return true;
+    return present.withSwapBytes == V1SwapLimitFor(wanted.bytes);
+}
+
+/// Grows first, from the top down; then what shrinks, from the leaves up.
+void Order(const TreeFacts& facts, std::vector<LimitStep>& steps) {
+    const auto depth = [&](const LimitStep& step) { return facts.nodes[step.node].Depth(); };
+    const auto shrinking = std::stable_partition(steps.begin(), steps.end(), [](const LimitStep& step) {
+        return !IsTighter(step.controller, step.wanted, step.inForce);
+    });
+    std::stable_sort(steps.begin(), shrinking,
+                     [&](const LimitStep& a, const LimitStep& b) { return depth(a) < depth(b); });
+    std::stable_sort(shrinking, steps.end(),
+                     [&](const LimitStep& a, const LimitStep& b) { return depth(a) > depth(b); });
+}
+
+}  // namespace
+
+LimitPlan PlanLimits(const GroupTargets& targets, const TreeFacts& facts, Controller controller) {
+    LimitPlan plan;
+    Wishes wishes(targets, facts, controller);
+    for (size_t index = 0; index < facts.nodes.size(); ++index) {
+        const GroupFacts& node = facts.nodes[index];
+        const LimitFacts& present = node.limits[controller];
+        const std::optional<Limit> wanted = wishes.Of(node);
+        if (!present.hasFile) {
+            if (!wanted || !IsLimited(controller, *wanted)) continue;
+            const std::string what = std::string("it has no file of controller ") + ControllerName(controller);
+            plan.problems.push_back(MakeError(ErrorKind::kNoController, "limit", node.path, what));
+        } else if (present.failure) {
+            plan.problems.push_back(*present.failure);
+        } else if (wanted && !IsInForce(controller, present, *wanted)) {
+            plan.steps.push_back({index, controller, present.limit, *wanted});
+        }
+    }
+    Order(facts, plan.steps);
+    return plan;
+}
+
+Limit LeafLimit(const GroupTargets& targets, Version version, const LeafKey& key, int quota) {
+    const Controller controller = key.controller;
+    const Limit total = LimitFromAmount(controller, targets.total[controller]);
+    const Limit limit = Clamped(controller, version, LimitFromAmount(controller, quota), total);
+    const GroupTarget* group = targets.Find(key.group);
+    if (group == nullptr) return limit;
+    return Clamped(controller, version, limit, LimitFromAmount(controller, group->limits[controller]));
+}
+
+bool IsInUse(const GroupTargets& targets, const TreeFacts& facts, Controller controller) {
+    if (!targets.wanted[controller] || facts.nodes.empty()) return false;
+    if (!facts.nodes.front().limits[controller].hasFile) return false;
+    for (const GroupFacts& node : facts.nodes) {
+        if (node.Depth() > 1 || (node.Depth() == 1 && targets.Find(node.group) == nullptr)) continue;
+        const LimitFacts& present = node.limits[controller];
+        if (present.Known() && IsLimited(controller, present.limit)) return true;
+    }
+    return !targets.AsksFor(controller);
+}
+
+}  // namespace cgroup
+}  // namespace zel

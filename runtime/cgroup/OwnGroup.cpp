@@ -1,0 +1,95 @@
+// Marks, and what is made and opened by them.
+#include "OwnGroup.h"
+
+#include <sys/xattr.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "Hierarchy.h"
+#include "platform/zel/ToolUtil.h"
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+/// The mark, and its form for an agent that is not root in a delegated group of version 2.
+constexpr const char* kMarkNames[] = {"trusted.zel.agent", "user.zel.agent"};
+constexpr size_t kMaxMarkBytes = 64;
+
+std::string OwnTag() {
+    return ApplicationTag(CToolUtil::GetApplicationDirPath());
+}
+
+Error Foreign(const GroupDir& group) {
+    return MakeError(ErrorKind::kRefused, "use", group.Path(),
+                     "it was not made by this agent and is in use: remove it, or set ZEL_CGROUP_NAME to another name");
+}
+
+}  // namespace
+
+Status MarkOwn(const GroupDir& group) {
+    const std::string tag = OwnTag();
+    int error = 0;
+    for (const char* name : kMarkNames) {
+        if (fsetxattr(group.Descriptor(), name, tag.data(), tag.size(), 0) == 0) return {};
+        error = errno;
+    }
+    return ErrnoError(error, "mark as ours", group.Path());
+}
+
+Result<bool> IsMarkedOwn(const GroupDir& group) {
+    const std::string tag = OwnTag();
+    for (const char* name : kMarkNames) {
+        char value[kMaxMarkBytes] = {};
+        const ssize_t size = fgetxattr(group.Descriptor(), name, value, sizeof value);
+        if (size >= 0) return std::string(value, static_cast<size_t>(size)) == tag;
+        if (errno != ENODATA && errno != EOPNOTSUPP && errno != EPERM && errno != ERANGE) {
+            return ErrnoError(errno, "read the mark of", group.Path());
+        }
+    }
+    return false;
+}
+
+Result<GroupDir> OpenOwnChild(const GroupDir& parent, const std::string& name) {
+    Result<GroupDir> child = parent.OpenChild(name);
+    if (!child) return child;
+    Result<bool> own = IsMarkedOwn(*child);
+    if (!own) return own.GetError();
+    if (!*own) return Foreign(*child);
+    return child;
+}
+
+Result<GroupDir> MakeOwnChild(const GroupDir& parent, const std::string& name) {
+    for (int attempt = 0;; ++attempt) {
+        bool created = false;
+        Result<GroupDir> child = parent.MakeChild(name, &created);
+        if (!child) return child;
+        if (created) {
+            Status marked = MarkOwn(*child);
+            if (marked) return child;
+            Status removed = parent.RemoveChild(name);
+            static_cast<void>(removed);  // the failure to report is the mark's
+            return marked.GetError();
+        }
+        Result<bool> own = IsMarkedOwn(*child);
+        if (!own) return own.GetError();
+        if (*own) return child;
+        // Only an empty group can be removed, so trying is safe.
+        if (attempt > 0 || !parent.RemoveChild(name)) return Foreign(*child);
+    }
+}
+
+Result<std::vector<OwnChild>> OpenOwnChildren(const GroupDir& parent) {
+    Result<std::vector<std::string>> names = parent.Children();
+    if (!names) return names.GetError();
+    std::vector<OwnChild> out;
+    for (std::string& name : *names) {
+        Result<GroupDir> child = OpenOwnChild(parent, name);
+        if (child) out.push_back({std::move(name), std::move(*child)});
+    }
+    return out;
+}
+
+}  // namespace cgroup
+}  // namespace zel

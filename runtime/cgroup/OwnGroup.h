@@ -1,0 +1,33 @@
+// Which groups are ours. Every group of ours carries a mark that only root can set, so that a group of somebody else,
+// whatever its name, is never touched, and ours are known again after a crash.
+// Touches the extended attributes trusted.zel.agent and user.zel.agent of a group's directory.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Errors.h"
+#include "GroupDir.h"
+
+namespace zel {
+namespace cgroup {
+
+Status MarkOwn(const GroupDir& group);
+Result<bool> IsMarkedOwn(const GroupDir& group);
+
+/// Opens the child if it is ours, makes it if it is not there.
+/// An unmarked child that is empty (left by a crash between two system calls) is removed and made again; one that
+/// holds processes or groups is somebody else's: kRefused.
+Result<GroupDir> MakeOwnChild(const GroupDir& parent, const std::string& name);
+/// Opens the child only if it is ours. kNotFound: there is none. kRefused: somebody else's.
+Result<GroupDir> OpenOwnChild(const GroupDir& parent, const std::string& name);
+
+struct OwnChild {
+    std::string name;
+    GroupDir dir;
+};
+/// Opens the children that are ours, sorted by name; the others, and those that vanish meanwhile, are left out.
+Result<std::vector<OwnChild>> OpenOwnChildren(const GroupDir& parent);
+
+}  // namespace cgroup
+}  // namespace zel

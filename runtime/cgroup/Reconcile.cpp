@@ -1,0 +1,81 @@
+// Targets, facts, plan, kernel.
+#include "Reconcile.h"
+
+#include <set>
+#include <string>
+#include <utility>
+
+#include "AgentTree.h"
+#include "LimitPlan.h"
+#include "TreeFacts.h"
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+/// Returns: names of the groups that could not be made.
+std::set<std::string> MakeGroups(const Branch& branch, const GroupTargets& targets, const GroupDir& tree,
+                                 std::vector<Error>& problems) {
+    std::set<std::string> missing;
+    bool hopeless = false;
+    for (const GroupTarget& target : targets.groups) {
+        if (!hopeless) {
+            Result<GroupDir> group = MakeGroup(branch, targets.wanted, tree, target.name);
+            if (group) continue;
+            problems.push_back(group.GetError());
+            hopeless = IsHopeless(group.GetError());
+        }
+        missing.insert(target.name);
+    }
+    return missing;
+}
+
+void BringAbout(const GroupTargets& targets, const OpenTreeFacts& tree, std::vector<Error>& problems) {
+    for (const Controller controller : kAllControllers) {
+        if (!tree.facts.serves[controller]) continue;
+        LimitPlan plan = PlanLimits(targets, tree.facts, controller);
+        for (Error& problem : plan.problems) problems.push_back(std::move(problem));
+        for (Error& failure : ApplyPlan(plan, tree)) problems.push_back(std::move(failure));
+    }
+}
+
+/// Nothing is limited by us where no tree is, or none of ours, or where we may make none.
+bool MeansNothingToLift(const Branch& branch, const Error& error) {
+    return error.kind == ErrorKind::kNotFound || error.kind == ErrorKind::kRefused || !branch.placement;
+}
+
+}  // namespace
+
+void ReconcileBranch(const Branch& branch, const GroupTargets& targets, std::vector<Error>& problems) {
+    const bool wanted = branch.ServesAnyOf(targets.wanted);
+    Result<GroupDir> tree = wanted ? MakeTree(branch, targets.wanted) : OpenTree(branch);
+    if (!tree) {
+        if (wanted || !MeansNothingToLift(branch, tree.GetError())) problems.push_back(tree.GetError());
+        return;
+    }
+    std::set<std::string> missing;
+    if (wanted) missing = MakeGroups(branch, targets, *tree, problems);
+    BringAbout(targets, ReadTree(std::move(*tree), branch.serves, 2, missing), problems);
+    SweepTree(branch, targets);
+}
+
+bool ReadInUse(const Branches& branches, const GroupTargets& targets, Controller controller) {
+    if (!targets.wanted[controller]) return false;
+    Result<GroupDir> tree = OpenTreeToRead(branches, controller);
+    if (!tree) return false;
+    Flags one;
+    one[controller] = true;
+    return IsInUse(targets, ReadTree(std::move(*tree), one, 1).facts, controller);
+}
+
+int ReadParentAmount(const Branches& branches, Controller controller) {
+    Result<GroupDir> tree = OpenTreeToRead(branches, controller);
+    if (!tree) return 0;
+    Flags one;
+    one[controller] = true;
+    const LimitFacts parent = ReadGroupFacts(*tree, one).limits[controller];
+    return parent.Known() ? AmountOf(controller, parent.limit) : 0;
+}
+
+}  // namespace cgroup
+}  // namespace zel

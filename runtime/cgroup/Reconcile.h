@@ -1,0 +1,26 @@
+// One round of bringing the agent's trees to their targets: make what is missing, read the facts, carry out the plan,
+// sweep what has no place any more.
+#pragma once
+
+#include <vector>
+
+#include "Branch.h"
+#include "Errors.h"
+#include "GroupTargets.h"
+
+namespace zel {
+namespace cgroup {
+
+/// Brings one branch's tree to the targets. Where no controller of the branch is wanted nothing is made, and every
+/// limit of the tree is lifted; the groups stay, processes may be in them. `problems`: every failure, in order; nothing
+/// is added when all that was asked for is in force.
+void ReconcileBranch(const Branch& branch, const GroupTargets& targets, std::vector<Error>& problems);
+
+/// Returns: whether the trees really use the controller, as the kernel says now.
+bool ReadInUse(const Branches& branches, const GroupTargets& targets, Controller controller);
+
+/// Returns: the parent's limit as the kernel says now, 0 when there is none.
+int ReadParentAmount(const Branches& branches, Controller controller);
+
+}  // namespace cgroup
+}  // namespace zel

@@ -1,0 +1,96 @@
+// Reading facts, applying plans.
+#include "TreeFacts.h"
+
+#include <utility>
+
+#include "CgroupFiles.h"
+#include "Limits.h"
+#include "OwnGroup.h"
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+LimitFacts ReadLimitFacts(Controller controller, const GroupDir& dir) {
+    LimitFacts out;
+    out.hasFile = dir.HasFile(LimitFileOf(controller, dir.GetVersion()));
+    if (!out.hasFile) return out;
+    if (controller == Controller::kCpu) {
+        Result<CpuQuota> quota = ReadCpuQuota(dir);
+        if (!quota) out.failure = quota.GetError();
+        if (quota) out.limit.cpu = *quota;
+        return out;
+    }
+    Result<MemLimit> limit = ReadMemLimit(dir);
+    if (!limit) {
+        out.failure = limit.GetError();
+        return out;
+    }
+    out.limit.bytes = limit->hardBytes;
+    out.hasSwapLimit = limit->hasSwapLimit;
+    out.withSwapBytes = limit->withSwapBytes;
+    return out;
+}
+
+void AddNode(OpenTreeFacts& out, GroupDir dir, const std::string& group, const std::string& leaf) {
+    GroupFacts facts = ReadGroupFacts(dir, out.facts.serves);
+    facts.group = group;
+    facts.leaf = leaf;
+    out.facts.nodes.push_back(std::move(facts));
+    out.dirs.push_back(std::move(dir));
+}
+
+}  // namespace
+
+GroupFacts ReadGroupFacts(const GroupDir& dir, const Flags& serves) {
+    GroupFacts out;
+    out.path = dir.Path();
+    Result<GroupIdentity> identity = dir.Identity();
+    if (identity) out.identity = *identity;
+    for (const Controller controller : kAllControllers) {
+        if (serves[controller]) out.limits[controller] = ReadLimitFacts(controller, dir);
+    }
+    return out;
+}
+
+OpenTreeFacts ReadTree(GroupDir tree, const Flags& serves, int depth, const std::set<std::string>& without) {
+    OpenTreeFacts out;
+    out.facts.version = tree.GetVersion();
+    out.facts.serves = serves;
+    Result<std::vector<OwnChild>> groups = std::vector<OwnChild>();
+    if (depth > 0) groups = OpenOwnChildren(tree);
+    AddNode(out, std::move(tree), {}, {});
+    if (!groups) return out;
+    for (OwnChild& group : *groups) {
+        if (without.count(group.name) != 0) continue;
+        Result<std::vector<OwnChild>> leaves = std::vector<OwnChild>();
+        if (depth > 1) leaves = OpenOwnChildren(group.dir);
+        AddNode(out, std::move(group.dir), group.name, {});
+        if (!leaves) continue;
+        for (OwnChild& leaf : *leaves) AddNode(out, std::move(leaf.dir), group.name, leaf.name);
+    }
+    return out;
+}
+
+Status ApplyLimit(Controller controller, const GroupDir& group, const Limit& limit) {
+    return controller == Controller::kCpu ? ApplyCpuQuota(group, limit.cpu) : ApplyMemHardLimit(group, limit.bytes);
+}
+
+bool IsHopeless(const Error& error) {
+    return error.kind == ErrorKind::kReadOnly || error.kind == ErrorKind::kDenied ||
+           error.kind == ErrorKind::kNotCgroup;
+}
+
+std::vector<Error> ApplyPlan(const LimitPlan& plan, const OpenTreeFacts& tree) {
+    std::vector<Error> failed;
+    for (const LimitStep& step : plan.steps) {
+        Status applied = ApplyLimit(step.controller, tree.dirs[step.node], step.wanted);
+        if (applied) continue;
+        failed.push_back(applied.GetError());
+        if (IsHopeless(applied.GetError())) break;
+    }
+    return failed;
+}
+
+}  // namespace cgroup
+}  // namespace zel
