@@ -9,6 +9,11 @@
 #include "ExitCode.h"
 #include "Options.h"
 #include "Process.h"
+#include "base/FileIo.h"
+
+namespace {
+constexpr mode_t kFileMask = 0027;  // nothing of the agent is for other users
+}
 
 int main(int argc, char** argv) {
     agent::Options options;
@@ -29,5 +34,6 @@ int main(int argc, char** argv) {
     // Everything below the seam finds the directory by the environment; components inherit it.
     setenv("ZEL_APP_DIR", options.appDir.c_str(), 1);
     if (options.exec) return agent::ExecComponent(options);
+    base::SetFileMask(kFileMask);
     return agent::Process(options, program).Run();
 }

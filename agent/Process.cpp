@@ -2,7 +2,6 @@
 #include "Process.h"
 
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -112,7 +111,6 @@ int Process::TakeSignals() {
     const sigset_t taken = TakenSignals();
     pthread_sigmask(SIG_BLOCK, &taken, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    umask(0027);
     return EndWithParent(m_options.parentPid) ? kExitClean : kExitParentGone;
 }
 

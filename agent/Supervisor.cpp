@@ -12,6 +12,7 @@
 
 #include "AgentLog.h"
 #include "ExitCode.h"
+#include "base/FileIo.h"
 #include "platform/zel/FileUtil.h"
 #include "platform/zel/ToolUtil.h"
 
@@ -23,6 +24,29 @@ namespace {
 constexpr size_t kMaxBudgetBytes = 65536;
 constexpr unsigned int kStopStepMs = 20;
 constexpr unsigned int kKillGraceMs = 2000;
+
+/// The child's side of a fork, up to its program. The child of a process with threads may only make system calls.
+[[noreturn]] void Become(const char* program, char* const* argv, const std::vector<base::Fd>& groups, int null,
+                         int failureEnd) {
+    // A group that does not take the child is no reason not to run: the child's own client tries again and says why.
+    for (const base::Fd& group : groups) {
+        if (write(group.Get(), "0", 1) < 0) continue;
+    }
+    // The main thread blocks the signals it waits for; a child starts with a clean mask and default actions.
+    for (int number = 1; number < NSIG; ++number) signal(number, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (null >= 0) {
+        dup2(null, STDIN_FILENO);
+        dup2(null, STDOUT_FILENO);
+    }
+    execve(program, argv, environ);
+    const int failure = errno;
+    if (write(failureEnd, &failure, sizeof failure) < 0) _exit(126);
+    _exit(127);
+}
+
 }  // namespace
 
 std::string DescribeEnd(int status) {
@@ -56,61 +80,36 @@ void Supervisor::Configure(const std::vector<ComponentConfig>& components) {
     }
 }
 
-pid_t Supervisor::Launch(const std::string& name, std::vector<std::string> arguments, int& error) {
-    // Everything that allocates is done before the fork: the child of a process with threads may only make system
-    // calls.
+std::vector<base::Fd> Supervisor::OpenGroups(const std::string& name) const {
+    std::vector<base::Fd> groups;
+    if (!m_placement) return groups;
+    for (const std::string& directory : m_placement(name)) {
+        base::Result<base::Fd> group = base::OpenExistingForWriting(directory + "/cgroup.procs");
+        if (group) groups.push_back(std::move(*group));
+    }
+    return groups;
+}
+
+base::Result<pid_t> Supervisor::Launch(const std::string& name, std::vector<std::string> arguments) const {
+    // Everything that allocates is done before the fork.
     std::vector<char*> argv;
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
-    std::vector<int> groups;
-    if (m_placement) {
-        for (const std::string& directory : m_placement(name)) {
-            int group = open((directory + "/cgroup.procs").c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
-            if (group >= 0) groups.push_back(group);
-        }
-    }
-    int report[2];
-    if (pipe2(report, O_CLOEXEC) != 0) {
-        error = errno;
-        for (int group : groups) close(group);
-        return -1;
-    }
-    pid_t pid = fork();
-    if (pid == 0) {
-        // A group that does not take the child is no reason not to run: the child's own client tries again and says
-        // why.
-        for (int group : groups) {
-            if (write(group, "0", 1) < 0) continue;
-        }
-        // The main thread blocks the signals it waits for; a child starts with a clean mask and default actions.
-        for (int number = 1; number < NSIG; ++number) signal(number, SIG_DFL);
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-        if (null >= 0) {
-            dup2(null, STDIN_FILENO);
-            dup2(null, STDOUT_FILENO);
-        }
-        execve(m_program.c_str(), argv.data(), environ);
-        int failure = errno;
-        if (write(report[1], &failure, sizeof failure) < 0) _exit(126);
-        _exit(127);
-    }
-    error = errno;
-    for (int group : groups) close(group);
-    close(report[1]);
-    if (pid > 0) {
-        int failure = 0;
-        // The pipe closes when the program runs, and carries the reason when it does not.
-        if (read(report[0], &failure, sizeof failure) == static_cast<ssize_t>(sizeof failure)) {
-            waitpid(pid, nullptr, 0);
-            pid = -1;
-            error = failure;
-        }
-    }
-    close(report[0]);
-    return pid;
+    const std::vector<base::Fd> groups = OpenGroups(name);
+    const base::Result<base::Fd> null = base::OpenNullDevice();
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return base::ErrnoError(errno, "make a pipe for", m_program);
+    const base::Fd report(ends[0]);
+    base::Fd failureEnd(ends[1]);
+    const pid_t pid = fork();
+    if (pid == 0) Become(m_program.c_str(), argv.data(), groups, null ? null->Get() : -1, failureEnd.Get());
+    if (pid < 0) return base::ErrnoError(errno, "fork for", m_program);
+    failureEnd.Reset();
+    int failure = 0;
+    // The pipe closes when the program runs, and carries the reason when it does not.
+    if (read(report.Get(), &failure, sizeof failure) != static_cast<ssize_t>(sizeof failure)) return pid;
+    waitpid(pid, nullptr, 0);
+    return base::ErrnoError(failure, "run", m_program);
 }
 
 void Supervisor::Start(Component& component, int64_t now) {
@@ -124,18 +123,18 @@ void Supervisor::Start(Component& component, int64_t now) {
     } else if (!component.config.load.empty()) {
         arguments.insert(arguments.end(), {"--load", FormatLoadProfile(component.config.load)});
     }
-    int error = 0;
-    pid_t pid = Launch(component.config.name, arguments, error);
-    if (pid < 0) {
-        component.nextStartAt = m_budget.NoteDeath(component.config.name, now, now, strerror(error));
+    const base::Result<pid_t> started = Launch(component.config.name, arguments);
+    if (!started) {
+        const std::string reason = base::ErrnoText(started.GetError().error);
+        component.nextStartAt = m_budget.NoteDeath(component.config.name, now, now, reason);
         SaveBudget();
-        LogLine("component " + component.config.name + " cannot be started: " + strerror(error), zel::kLogWarning);
+        LogLine("component " + component.config.name + " cannot be started: " + reason, zel::kLogWarning);
         return;
     }
     component.state = ComponentState::kRunning;
-    component.pid = pid;
+    component.pid = *started;
     component.startedAt = now;
-    LogLine("component " + component.config.name + " started, process " + std::to_string(pid), zel::kLogInfo);
+    LogLine("component " + component.config.name + " started, process " + std::to_string(*started), zel::kLogInfo);
 }
 
 void Supervisor::Reap(int64_t now) {
@@ -178,12 +177,28 @@ void Supervisor::Tick(int64_t now) {
 }
 
 void Supervisor::StopAll(unsigned int graceMs) {
-    for (Component& component : m_components) {
-        if (component.state == ComponentState::kRunning) kill(component.pid, SIGTERM);
+    SignalAll(SIGTERM);
+    if (!WaitAll(graceMs)) {
+        for (const Component& component : m_components) {
+            if (component.state != ComponentState::kRunning) continue;
+            LogLine("component " + component.config.name + " did not stop in time, killing it", zel::kLogWarning);
+        }
+        SignalAll(SIGKILL);
+        WaitAll(kKillGraceMs);  // what is left then is stuck in the kernel: nothing more can be done from here
     }
-    unsigned int waited = 0;
-    bool killed = false;
-    for (;;) {
+    for (Component& component : m_components) {
+        if (component.state == ComponentState::kWaiting) component.state = ComponentState::kStopped;
+    }
+}
+
+void Supervisor::SignalAll(int number) const {
+    for (const Component& component : m_components) {
+        if (component.state == ComponentState::kRunning) kill(component.pid, number);
+    }
+}
+
+bool Supervisor::WaitAll(unsigned int ms) {
+    for (unsigned int waited = 0;; waited += kStopStepMs) {
         bool anyLeft = false;
         for (Component& component : m_components) {
             if (component.state != ComponentState::kRunning) continue;
@@ -195,21 +210,9 @@ void Supervisor::StopAll(unsigned int graceMs) {
                 anyLeft = true;
             }
         }
-        if (!anyLeft) break;
-        if (waited >= graceMs && !killed) {
-            for (Component& component : m_components) {
-                if (component.state != ComponentState::kRunning) continue;
-                LogLine("component " + component.config.name + " did not stop in time, killing it", zel::kLogWarning);
-                kill(component.pid, SIGKILL);
-            }
-            killed = true;
-        }
-        if (waited >= graceMs + kKillGraceMs) break;  // stuck in the kernel: nothing more can be done from here
+        if (!anyLeft) return true;
+        if (waited >= ms) return false;
         zel::CToolUtil::msleep(kStopStepMs);
-        waited += kStopStepMs;
-    }
-    for (Component& component : m_components) {
-        if (component.state == ComponentState::kWaiting) component.state = ComponentState::kStopped;
     }
 }
 

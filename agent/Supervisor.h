@@ -12,6 +12,8 @@
 
 #include "ComponentsConfig.h"
 #include "RestartBudget.h"
+#include "base/Fd.h"
+#include "base/Result.h"
 
 namespace agent {
 
@@ -78,7 +80,12 @@ private:
         uint64_t restarts = 0;
     };
     void Start(Component& component, int64_t now);
-    pid_t Launch(const std::string& name, std::vector<std::string> arguments, int& error);
+    /// Forks into the component's groups and waits until its program runs. On failure: the error's errno says why.
+    base::Result<pid_t> Launch(const std::string& name, std::vector<std::string> arguments) const;
+    std::vector<base::Fd> OpenGroups(const std::string& name) const;
+    void SignalAll(int number) const;
+    /// Reaps those that end. Returns: false when some still run after `ms`.
+    bool WaitAll(unsigned int ms);
     void Reap(int64_t now);
     void SaveBudget();
 

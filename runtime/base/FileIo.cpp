@@ -62,6 +62,14 @@ Result<Fd> OpenExistingForWriting(const std::string& path) {
     return Open(AT_FDCWD, path, O_WRONLY | kNeverFollowed | O_NOCTTY, 0);
 }
 
+Result<Fd> OpenNullDevice() {
+    return Open(AT_FDCWD, "/dev/null", O_RDWR | O_CLOEXEC, 0);
+}
+
+void SetFileMask(mode_t mask) {
+    ::umask(mask);
+}
+
 Result<Fd> OpenDirectory(const std::string& path) {
     return Open(AT_FDCWD, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
 }

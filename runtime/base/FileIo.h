@@ -26,6 +26,13 @@ Result<Fd> OpenForUpdating(const std::string& path, mode_t mode);
 /// Opens for writing what is there already; makes nothing. For kernel files and devices, so any kind of file.
 Result<Fd> OpenExistingForWriting(const std::string& path);
 
+/// Opens /dev/null for reading and writing: the input and output of a process that has no terminal.
+Result<Fd> OpenNullDevice();
+
+/// Narrows the modes of all files that this process makes from here on. Process-wide: for a program's start, before its
+/// first thread.
+void SetFileMask(mode_t mask);
+
 /// Opens a directory for reading. A link is followed, as in the elements before it: whether the directory can be
 /// trusted is another question.
 Result<Fd> OpenDirectory(const std::string& path);
