@@ -6,6 +6,7 @@
 #include <set>
 
 #include "platform/zel/FileUtil.h"
+#include "platform/zel/LimitKeys.h"
 
 namespace agent {
 
@@ -13,27 +14,6 @@ namespace {
 
 constexpr size_t kMaxResourceBytes = 1024 * 1024;
 constexpr size_t kShownBytes = 40;
-
-struct NumberKey {
-    const char* name;
-    long least;
-    long most;
-};
-
-constexpr NumberKey kNumberKeys[] = {
-    {"max_cpu", 1, 1000000},
-    {"max_memory", 1, 1048576},
-    {"max_fd", 0, 1048576},
-    {"resource_limit_mode", 0, 15},
-    {"cpu_all", 0, 1},
-    {"max_rio", 0, 10485760},
-    {"max_wio", 0, 10485760},
-    {"max_pid_check", 0, 100000},
-    {"hash_mode", -2147483647L - 1, 2147483647L},
-};
-
-constexpr const char* kTextKeys[] = {"mem_limit_kernel_range", "mem_limit_exclude_kernels", "mem_limit_exclude_range",
-                                     "cgroup_groups", "cgroup_components"};
 
 std::string Trim(const std::string& text) {
     size_t begin = text.find_first_not_of(" \t\r");
@@ -47,28 +27,21 @@ std::string Shown(const std::string& text) {
     return "\"" + shown + (text.size() > kShownBytes ? "...\"" : "\"");
 }
 
-bool IsTextKey(const std::string& key) {
-    for (const char* known : kTextKeys) {
-        if (key == known) return true;
-    }
-    return false;
+/// Returns: what is wrong with the value of a known key; empty when nothing is.
+std::string CheckValue(const zel::LimitKey& key, const std::string& value) {
+    if (key.kind == zel::LimitKeyKind::kText) return "";
+    const std::string pair = std::string(key.resourceName) + " = " + Shown(value);
+    char* end = nullptr;
+    const long number = strtol(value.c_str(), &end, 10);
+    if (value.empty() || *end != '\0') return pair + " is not a number and counts as what it begins with, or 0";
+    if (number >= key.least && number <= key.most) return "";
+    return pair + " is outside " + std::to_string(key.least) + ".." + std::to_string(key.most);
 }
 
 /// Returns: what is wrong with one "key = value"; empty when nothing is.
 std::string CheckPair(const std::string& key, const std::string& value) {
-    if (IsTextKey(key)) return "";
-    for (const NumberKey& known : kNumberKeys) {
-        if (key != known.name) continue;
-        char* end = nullptr;
-        long number = strtol(value.c_str(), &end, 10);
-        if (value.empty() || *end != '\0') {
-            return key + " = " + Shown(value) + " is not a number and counts as what it begins with, or 0";
-        }
-        if (number < known.least || number > known.most) {
-            return key + " = " + Shown(value) + " is outside " + std::to_string(known.least) + ".." +
-                   std::to_string(known.most);
-        }
-        return "";
+    for (const zel::LimitKey* known : zel::kLimitKeys) {
+        if (known->resourceName != nullptr && key == known->resourceName) return CheckValue(*known, value);
     }
     return Shown(key) + " is no key of this file";
 }

@@ -18,6 +18,7 @@
 #include "MonitorCommon.h"
 #include "MonitorPri.h"
 #include "platform/zel/FileUtil.h"
+#include "platform/zel/LimitKeys.h"
 #include "platform/zel/StringUtil.h"
 
 namespace {
@@ -54,13 +55,15 @@ bool Load(const std::string& path, IniFile& ini) {
     }
 }
 
-std::string ReadText(const IniFile& ini, const char* key, const char* fallback) {
-    return ini.GetValue(kUnnamedSection, key, fallback);
+std::string ReadText(const IniFile& ini, const zel::LimitKey& key) {
+    return ini.GetValue(kUnnamedSection, key.resourceName, "");
 }
 
 // A value that is no number is converted like any other; the conversion decides what it is worth.
-int ReadInt(const IniFile& ini, const char* key, const char* fallback) {
-    return zel::CStringUtil::StringToInt(ReadText(ini, key, fallback), nullptr, monitor::kDecimal);
+int ReadInt(const IniFile& ini, const zel::LimitKey& key) {
+    const std::string fallback = std::to_string(key.byDefault);
+    const char* text = ini.GetValue(kUnnamedSection, key.resourceName, fallback.c_str());
+    return zel::CStringUtil::StringToInt(text, nullptr, monitor::kDecimal);
 }
 
 }  // namespace
@@ -77,20 +80,20 @@ bool CMonitorPri::ParseMonitorConfig(const std::string& path, ResourceConfig& co
     int mode = 0;
     int hashMode = 0;
     try {
-        config.maxCpu = ReadInt(ini, "max_cpu", "10");
-        config.maxMemory = ReadInt(ini, "max_memory", "200");
-        config.maxFd = ReadInt(ini, "max_fd", "1024");
-        mode = ReadInt(ini, "resource_limit_mode", "0");
-        config.cpuAll = ReadInt(ini, "cpu_all", "0") != 0;
-        config.maxReadIo = ReadInt(ini, "max_rio", "20480");
-        config.maxWriteIo = ReadInt(ini, "max_wio", "20480");
-        config.maxPidCheck = ReadInt(ini, "max_pid_check", "100");
-        hashMode = ReadInt(ini, "hash_mode", "0");
-        m_memLimitKernelRange = ReadText(ini, "mem_limit_kernel_range", "");
-        m_memLimitExcludeKernels = ReadText(ini, "mem_limit_exclude_kernels", "");
-        m_memLimitExcludeRange = ReadText(ini, "mem_limit_exclude_range", "");
-        m_cgroupGroupsSpec = ReadText(ini, "cgroup_groups", "");
-        m_cgroupComponentsSpec = ReadText(ini, "cgroup_components", "");
+        config.maxCpu = ReadInt(ini, zel::kMaxCpuKey);
+        config.maxMemory = ReadInt(ini, zel::kMaxMemoryKey);
+        config.maxFd = ReadInt(ini, zel::kMaxFdKey);
+        mode = ReadInt(ini, zel::kLimitModeKey);
+        config.cpuAll = ReadInt(ini, zel::kCpuAllKey) != 0;
+        config.maxReadIo = ReadInt(ini, zel::kMaxReadIoKey);
+        config.maxWriteIo = ReadInt(ini, zel::kMaxWriteIoKey);
+        config.maxPidCheck = ReadInt(ini, zel::kMaxPidCheckKey);
+        hashMode = ReadInt(ini, zel::kHashModeKey);
+        m_memLimitKernelRange = ReadText(ini, zel::kKernelRangeKey);
+        m_memLimitExcludeKernels = ReadText(ini, zel::kExcludeKernelsKey);
+        m_memLimitExcludeRange = ReadText(ini, zel::kExcludeRangeKey);
+        m_cgroupGroupsSpec = ReadText(ini, zel::kGroupsKey);
+        m_cgroupComponentsSpec = ReadText(ini, zel::kComponentsKey);
     } catch (const std::exception&) {
         return false;  // out of memory; the file itself was fine, so nothing is said about it
     }

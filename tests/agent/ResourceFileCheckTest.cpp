@@ -21,7 +21,7 @@ TEST(ResourceFileCheckTest, EveryKindOfMistakeIsNamedWithItsLine) {
         CheckResourceText("max_cpu = ten\nmax_memory = -5\nresource_limit_mode = 99999999999999999999\nmax_cup = 1\n"
                           "just words\ncpu_all = 1\ncpu_all = 0\n[late]\nmax_fd = x\n"),
         ElementsAre(HasSubstr("line 1: max_cpu = \"ten\" is not a number"),
-                    HasSubstr("line 2: max_memory = \"-5\" is outside 1..1048576"),
+                    HasSubstr("line 2: max_memory = \"-5\" is outside 0..1048576"),
                     HasSubstr("line 3: resource_limit_mode = \"99999999999999999999\" is outside 0..15"),
                     HasSubstr("line 4: \"max_cup\" is no key of this file"),
                     HasSubstr("line 5: \"just words\" is no \"key = value\""),

@@ -1,4 +1,4 @@
-// The table of the online configuration's values, and the pure reading of its JSON text.
+// Where the online configuration's values are published, and the pure reading of its JSON text.
 #include "config/OnlineConfigParse.h"
 
 #include <json/json.h>
@@ -6,32 +6,37 @@
 #include <exception>
 #include <memory>
 
+#include "platform/zel/LimitKeys.h"
+
 namespace zelhost {
 namespace {
 
-constexpr long kMaxPercent = 10000;            // 100 CPUs at 100 percent
-constexpr long kMaxMegabytes = 1024 * 1024;    // 1 TiB
-constexpr long kMaxKbPerSecond = 10L << 20;    // 10 GiB/s
-constexpr long kMaxDescriptors = 1024 * 1024;  // the kernel's own default for fs.nr_open
 constexpr size_t kShownValueBytes = 64;
 
 using C = COnlineClientConf;
-const OnlineKey kKeys[kOnlineKeyCount] = {
-    {"maxCpu", &C::maxCpu, "percent", 0, kMaxPercent, 10, false},
-    {"maxMemory", &C::maxMemory, "MB", 0, kMaxMegabytes, 200, false},
-    {"groupMaxCpu", &C::groupMaxCpu, "percent", 0, kMaxPercent, 10, false},
-    {"groupMaxMemory", &C::groupMaxMemory, "MB", 0, kMaxMegabytes, 200, false},
-    {"cpuAll", &C::cpuAll, "switch", 0, 1, 0, true},
-    {"resourceLimitMode", &C::resourceLimitMode, "bit set", 0, 15, 0, false},
-    {"maxReadIo", &C::maxReadIo, "KB/s", 0, kMaxKbPerSecond, 20480, false},
-    {"maxWriteIo", &C::maxWriteIo, "KB/s", 0, kMaxKbPerSecond, 20480, false},
-    {"maxFdCount", &C::maxFdCount, "descriptors", 0, kMaxDescriptors, 1024, false},
-    {"maxPidCheck", &C::maxPidCheck, "processes", 0, 100000, 100, false},
-    {"hashMode", &C::hashMode, "number", -2147483647L - 1, 2147483647L, 0, false},
-    {"cpuLimitEnabled", &C::cpuLimitEnabled, "switch", 0, 1, 1, true},
-    {"availableMemThreshold", &C::availableMemThreshold, "MB", 0, kMaxMegabytes, 200, false},
-    {"osAbnormalReportInterval", &C::osAbnormalReportInterval, "ticks", 0, 1000000, 90, false},
-    {"osAbnormalSwitch", &C::osAbnormalSwitch, "switch", 0, 1, 1, true},
+
+/// One row: everything but where the value is published stands in the table of both configurations.
+constexpr OnlineKey Publish(const zel::LimitKey& key, CAtomicInt64<long> C::*value) {
+    return {
+        key.onlineName, value, key.unit, key.least, key.most, key.byDefault, key.kind == zel::LimitKeyKind::kSwitch};
+}
+
+constexpr OnlineKey kKeys[kOnlineKeyCount] = {
+    Publish(zel::kMaxCpuKey, &C::maxCpu),
+    Publish(zel::kMaxMemoryKey, &C::maxMemory),
+    Publish(zel::kGroupMaxCpuKey, &C::groupMaxCpu),
+    Publish(zel::kGroupMaxMemoryKey, &C::groupMaxMemory),
+    Publish(zel::kCpuAllKey, &C::cpuAll),
+    Publish(zel::kLimitModeKey, &C::resourceLimitMode),
+    Publish(zel::kMaxReadIoKey, &C::maxReadIo),
+    Publish(zel::kMaxWriteIoKey, &C::maxWriteIo),
+    Publish(zel::kMaxFdKey, &C::maxFdCount),
+    Publish(zel::kMaxPidCheckKey, &C::maxPidCheck),
+    Publish(zel::kHashModeKey, &C::hashMode),
+    Publish(zel::kCpuLimitEnabledKey, &C::cpuLimitEnabled),
+    Publish(zel::kAvailableMemThresholdKey, &C::availableMemThreshold),
+    Publish(zel::kOsAbnormalReportIntervalKey, &C::osAbnormalReportInterval),
+    Publish(zel::kOsAbnormalSwitchKey, &C::osAbnormalSwitch),
 };
 
 /// A text fit for one log line.

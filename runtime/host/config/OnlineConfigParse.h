@@ -1,4 +1,5 @@
-// The table of the online configuration's values, and the pure reading of its JSON text. No file is touched here.
+// Where the online configuration's values are published, and the pure reading of its JSON text. No file is touched
+// here.
 #pragma once
 
 #include <cstddef>
