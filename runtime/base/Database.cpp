@@ -1,0 +1,210 @@
+// SQLite: opening, statements, damaged files.
+#include "base/Database.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <utility>
+
+#include "base/Fd.h"
+#include "base/FileIo.h"
+#include "base/FilePath.h"
+
+namespace base {
+namespace {
+
+constexpr int kPrimaryCode = 0xff;
+
+ErrorKind KindOfCode(int code) {
+    if (code == SQLITE_CANTOPEN_SYMLINK) return ErrorKind::kRefused;
+    switch (code & kPrimaryCode) {
+        case SQLITE_NOTADB:
+        case SQLITE_CORRUPT: return ErrorKind::kMalformed;
+        case SQLITE_FULL:
+        case SQLITE_NOMEM: return ErrorKind::kNoSpace;
+        case SQLITE_READONLY: return ErrorKind::kReadOnly;
+        case SQLITE_BUSY:
+        case SQLITE_LOCKED: return ErrorKind::kBusy;
+        case SQLITE_PERM:
+        case SQLITE_AUTH: return ErrorKind::kDenied;
+        case SQLITE_TOOBIG: return ErrorKind::kTooLarge;
+        default: return ErrorKind::kOther;
+    }
+}
+
+// The path with the links of its directories resolved: SQLite refuses a link anywhere in a path, while here only the
+// file itself must not be one. Returns: empty when the directory does not exist.
+std::string WithRealDirectory(const std::string& path) {
+    char real[PATH_MAX];
+    if (::realpath(DirectoryOf(path).c_str(), real) == nullptr) return {};
+    return std::string(real) + "/" + FileNameOf(path);
+}
+
+// Makes a missing file with our mode before SQLite would make it with its own. Only a file that was not there is
+// opened here: closing a database file drops every lock that the process holds on it. Source: sqlite.org/howtocorrupt.
+int MakeFile(const std::string& path, mode_t mode) {
+    const Fd made(
+        RetryOnSignal([&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode); }));
+    if (!made) return errno == EEXIST ? SQLITE_OK : SQLITE_CANTOPEN;
+    // Again, because the process's umask was applied. The log and its index take their modes from this file.
+    return ::fchmod(made.Get(), mode) == 0 ? SQLITE_OK : SQLITE_PERM;
+}
+
+// Returns: SQLITE_OK when a regular file stands there, or was made.
+int PrepareFile(const std::string& path, const DatabaseOptions& options) {
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0) return options.readOnly ? SQLITE_CANTOPEN : MakeFile(path, options.mode);
+    if (S_ISLNK(info.st_mode)) return SQLITE_CANTOPEN_SYMLINK;
+    if (S_ISDIR(info.st_mode)) return SQLITE_CANTOPEN_ISDIR;
+    return S_ISREG(info.st_mode) ? SQLITE_OK : SQLITE_CANTOPEN;
+}
+
+}  // namespace
+
+Status Database::Open(const std::string& path, const DatabaseOptions& options) {
+    Close();
+    m_path = path;
+    const std::string real = WithRealDirectory(path);
+    const int prepared = real.empty() ? SQLITE_CANTOPEN_FULLPATH : PrepareFile(real, options);
+    if (prepared != SQLITE_OK) return Fail(prepared, "open");
+    const int access = options.readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    const int threads = options.manyThreads ? SQLITE_OPEN_FULLMUTEX : SQLITE_OPEN_NOMUTEX;
+    const int opened = sqlite3_open_v2(real.c_str(), &m_handle,
+                                       access | threads | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_EXRESCODE, nullptr);
+    Status status = opened == SQLITE_OK ? Status() : Fail(opened, "open");
+    if (status) {
+        sqlite3_busy_timeout(m_handle, options.busyMs);
+        status = Execute(options.setUp);
+    }
+    if (!status) Close();
+    return status;
+}
+
+void Database::Close() {
+    if (m_handle != nullptr) sqlite3_close(m_handle);
+    m_handle = nullptr;
+}
+
+Status Database::Execute(const std::string& sql) {
+    if (m_handle == nullptr) return Fail(SQLITE_MISUSE, "use");
+    const int code = sqlite3_exec(m_handle, sql.c_str(), nullptr, nullptr, nullptr);
+    return code == SQLITE_OK ? Status() : Fail(code, "use");
+}
+
+void Database::Checkpoint() {
+    // Ignoring: what a reader holds up is moved the next time.
+    if (m_handle != nullptr) sqlite3_wal_checkpoint_v2(m_handle, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+}
+
+Status Database::Fail(int code, const char* operation) {
+    m_code = code;
+    // The connection's own text tells more than the code's, as long as it is about this failure.
+    const bool own = m_handle != nullptr && sqlite3_extended_errcode(m_handle) == code;
+    return MakeError(KindOfCode(code), operation, m_path, own ? sqlite3_errmsg(m_handle) : sqlite3_errstr(code));
+}
+
+Error Database::LastError(const char* operation) const {
+    const int code = m_handle != nullptr ? sqlite3_extended_errcode(m_handle) : m_code;
+    return MakeError(KindOfCode(code), operation, m_path,
+                     m_handle != nullptr ? sqlite3_errmsg(m_handle) : sqlite3_errstr(code));
+}
+
+Statement::Statement(const Database& database, const std::string& sql) {
+    if (sql.size() >= INT_MAX) {
+        m_code = SQLITE_TOOBIG;
+        return;
+    }
+    const int length = static_cast<int>(sql.size()) + 1;  // with its NUL, which spares SQLite a copy
+    m_code = sqlite3_prepare_v2(database.Handle(), sql.c_str(), length, &m_handle, nullptr);
+    if (m_code == SQLITE_OK && m_handle == nullptr) m_code = SQLITE_MISUSE;  // nothing but blanks compiles to nothing
+}
+
+Statement::Statement(Statement&& other) noexcept
+    : m_handle(std::exchange(other.m_handle, nullptr)), m_code(std::exchange(other.m_code, 0)) {}
+
+Statement& Statement::operator=(Statement&& other) noexcept {
+    if (this == &other) return *this;
+    Finish();
+    m_handle = std::exchange(other.m_handle, nullptr);
+    m_code = std::exchange(other.m_code, 0);
+    return *this;
+}
+
+void Statement::Finish() {
+    sqlite3_finalize(m_handle);  // null is allowed; its result repeats the last step's
+    m_handle = nullptr;
+}
+
+bool Statement::Bind(int parameter, int64_t value) {
+    return Check(sqlite3_bind_int64(m_handle, parameter, value));
+}
+
+bool Statement::Bind(int parameter, std::string_view text) {
+    return Check(sqlite3_bind_text64(m_handle, parameter, text.empty() ? "" : text.data(), text.size(),
+                                     SQLITE_TRANSIENT, SQLITE_UTF8));
+}
+
+bool Statement::BindBlob(int parameter, std::string_view bytes) {
+    // A blob of no bytes, not NULL, for an empty text.
+    return Check(
+        sqlite3_bind_blob64(m_handle, parameter, bytes.empty() ? "" : bytes.data(), bytes.size(), SQLITE_STATIC));
+}
+
+int Statement::Find(const std::string& name) {
+    const int parameter = sqlite3_bind_parameter_index(m_handle, name.c_str());
+    if (parameter == 0) m_code = SQLITE_RANGE;
+    return parameter;
+}
+
+Statement::Outcome Statement::Step() {
+    if (m_handle == nullptr) return Outcome::kFailed;
+    const int code = sqlite3_step(m_handle);
+    if (code == SQLITE_ROW) return Outcome::kRow;
+    if (code == SQLITE_DONE) return Outcome::kDone;
+    // Reset gives back the locks of the failed attempt; it repeats the code, which is therefore not looked at.
+    sqlite3_reset(m_handle);
+    m_code = code;
+    return Outcome::kFailed;
+}
+
+void Statement::Reset() {
+    if (m_handle == nullptr) return;
+    sqlite3_reset(m_handle);
+    sqlite3_clear_bindings(m_handle);
+}
+
+int64_t Statement::Int(int column) const {
+    return m_handle == nullptr ? 0 : sqlite3_column_int64(m_handle, column);
+}
+
+std::string Statement::Text(int column) const {
+    if (m_handle == nullptr) return {};
+    const auto* bytes = static_cast<const char*>(sqlite3_column_blob(m_handle, column));
+    const int size = sqlite3_column_bytes(m_handle, column);
+    return bytes == nullptr ? std::string() : std::string(bytes, static_cast<size_t>(size));
+}
+
+bool Statement::Check(int code) {
+    if (code != SQLITE_OK) m_code = code;
+    return code == SQLITE_OK;
+}
+
+bool IsDamaged(int code) {
+    return KindOfCode(code) == ErrorKind::kMalformed;
+}
+
+Status PutDatabaseAside(const std::string& path, const std::string& aside) {
+    const Status moved = RenameFile(path, aside);
+    if (!moved) return moved;
+    for (const char* part : {"-wal", "-shm", "-journal"}) {
+        const Status removed = RemoveFile(path + part);
+        if (!removed) return removed;
+    }
+    return {};
+}
+
+}  // namespace base

@@ -1,0 +1,270 @@
+// One opener of databases: modes, links, full and damaged files, and what a statement says when it fails.
+#include "base/Database.h"
+
+#include <chrono>
+#include <thread>
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+
+#include "UtilSupport.h"
+
+using base::Database;
+using base::DatabaseOptions;
+using base::ErrorKind;
+using base::Statement;
+using base::Status;
+using support::ModeOf;
+using support::NamesIn;
+using support::PutFile;
+using support::ReadFile;
+using support::SmallDisk;
+using support::TempDir;
+using testing::ElementsAre;
+
+namespace {
+
+class DatabaseTest : public testing::Test {
+protected:
+    static DatabaseOptions Logged() {
+        DatabaseOptions options;
+        options.setUp = "PRAGMA journal_mode=WAL; CREATE TABLE IF NOT EXISTS x(n INTEGER UNIQUE, t TEXT);";
+        return options;
+    }
+    static int64_t Rows(Database& database) {
+        Statement count(database, "SELECT count(*) FROM x;");
+        return count.Row() ? count.Int(0) : -1;
+    }
+
+    TempDir m_dir;
+    const std::string m_path = m_dir / "x.db";
+};
+
+TEST_F(DatabaseTest, EveryFileOfItHasItsModeWhateverTheUmask) {
+    for (const mode_t mask : {0U, 0077U}) {
+        for (const mode_t mode : {0640U, 0600U}) {
+            Database database;
+            DatabaseOptions options = Logged();
+            options.mode = mode;
+            const mode_t before = ::umask(mask);
+            const Status opened = database.Open(m_path, options);
+            ::umask(before);
+            ASSERT_TRUE(opened) << opened.GetError().Text();
+            for (const char* name : {"x.db", "x.db-wal", "x.db-shm"}) {
+                EXPECT_EQ(static_cast<int>(mode), ModeOf(m_dir / name)) << name << " with umask " << mask;
+            }
+            database.Close();
+            ASSERT_EQ(0, ::unlink(m_path.c_str()));
+        }
+    }
+}
+
+TEST_F(DatabaseTest, TheUmaskIsNeverTouched) {
+    const mode_t before = ::umask(0027);
+    Database database;
+    ASSERT_TRUE(database.Open(m_path, Logged()));
+    EXPECT_EQ(0027U, ::umask(before));
+}
+
+TEST_F(DatabaseTest, WhatIsNoRegularFileIsRefused) {
+    PutFile(m_dir / "target", "");
+    ASSERT_EQ(0, ::symlink("target", (m_dir / "link").c_str()));
+    ASSERT_EQ(0, ::symlink("nowhere", (m_dir / "dangling").c_str()));
+    ASSERT_EQ(0, ::mkfifo((m_dir / "pipe").c_str(), 0600));
+    struct Case {
+        const char* name;
+        int code;
+    };
+    for (const bool readOnly : {false, true}) {
+        for (const Case& one : {Case{"link", SQLITE_CANTOPEN_SYMLINK}, Case{"dangling", SQLITE_CANTOPEN_SYMLINK},
+                                Case{"pipe", SQLITE_CANTOPEN}, Case{"", SQLITE_CANTOPEN_ISDIR},
+                                Case{"none/x", SQLITE_CANTOPEN_FULLPATH}, Case{"target/x", SQLITE_CANTOPEN}}) {
+            Database database;
+            DatabaseOptions options;
+            options.readOnly = readOnly;
+            EXPECT_FALSE(database.Open(m_dir / one.name, options)) << one.name;
+            EXPECT_EQ(one.code, database.Code()) << one.name;
+            EXPECT_FALSE(database.IsOpen());
+        }
+    }
+    Database database;
+    EXPECT_EQ(ErrorKind::kRefused, database.Open(m_dir / "link", {}).GetError().kind);
+    EXPECT_EQ("", ReadFile(m_dir / "target"));
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("dangling", "link", "pipe", "target"));
+}
+
+TEST_F(DatabaseTest, ALinkedDirectoryIsFollowed) {
+    ASSERT_EQ(0, ::mkdir((m_dir / "real").c_str(), 0700));
+    ASSERT_EQ(0, ::symlink("real", (m_dir / "way").c_str()));
+    Database database;
+    EXPECT_TRUE(database.Open(m_dir / "way/x.db", {}));
+    EXPECT_TRUE(database.Execute("CREATE TABLE x(n);"));
+    EXPECT_THAT(NamesIn(m_dir / "real"), ElementsAre("x.db"));
+}
+
+TEST_F(DatabaseTest, ReadingMakesAndChangesNothing) {
+    DatabaseOptions reading;
+    reading.readOnly = true;
+    Database reader;
+    EXPECT_FALSE(reader.Open(m_path, reading));
+    EXPECT_TRUE(NamesIn(m_dir.Path()).empty());
+    {
+        Database writer;
+        ASSERT_TRUE(writer.Open(m_path, {}));
+        ASSERT_TRUE(writer.Execute("CREATE TABLE x(n, t); INSERT INTO x VALUES(1, 'one');"));
+    }
+    ASSERT_TRUE(reader.Open(m_path, reading));
+    EXPECT_EQ(1, Rows(reader));
+    const Status refused = reader.Execute("DELETE FROM x;");
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(ErrorKind::kReadOnly, refused.GetError().kind);
+}
+
+TEST_F(DatabaseTest, ADamagedFileIsToldAndPutAsideWithItsLog) {
+    PutFile(m_path, std::string(5000, 'x'));
+    PutFile(m_path + "-wal", "old log");
+    PutFile(m_path + "-shm", "old index");
+    PutFile(m_path + "-journal", "");
+    Database database;
+    const Status status = database.Open(m_path, Logged());
+    ASSERT_FALSE(status);
+    EXPECT_EQ(ErrorKind::kMalformed, status.GetError().kind);
+    EXPECT_EQ("file is not a database", status.GetError().Reason());
+    EXPECT_TRUE(base::IsDamaged(database.Code()));
+    EXPECT_FALSE(database.IsOpen());
+    ASSERT_TRUE(base::PutDatabaseAside(m_path, m_path + ".corrupt"));
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db.corrupt"));
+    EXPECT_EQ(std::string(5000, 'x'), ReadFile(m_path + ".corrupt"));
+    ASSERT_TRUE(database.Open(m_path, Logged()));
+    EXPECT_EQ(0, Rows(database));
+    EXPECT_FALSE(base::PutDatabaseAside(m_dir / "none", m_dir / "aside"));
+}
+
+TEST_F(DatabaseTest, AFullDiskIsToldAndTheOldRowsStay) {
+    SmallDisk disk(256);
+    if (!disk.Missing().empty()) GTEST_SKIP() << disk.Missing();
+    Database database;
+    ASSERT_TRUE(database.Open(disk / "x.db", Logged()));
+    ASSERT_TRUE(database.Execute("INSERT INTO x VALUES(1, 'one');"));
+    disk.Fill();
+    Statement insert(database, "INSERT INTO x VALUES(2, ?1);");
+    ASSERT_TRUE(insert.Bind(1, std::string(100000, 'x')));
+    EXPECT_FALSE(insert.Done());
+    EXPECT_EQ(ErrorKind::kNoSpace, database.LastError("write").kind);
+    EXPECT_EQ(SQLITE_FULL, insert.Code() & 0xff);
+    EXPECT_EQ(1, Rows(database));
+}
+
+TEST_F(DatabaseTest, AReadOnlyDiskIsTold) {
+    SmallDisk disk(256);
+    if (!disk.Missing().empty()) GTEST_SKIP() << disk.Missing();
+    ASSERT_TRUE(disk.MakeReadOnly());
+    Database database;
+    EXPECT_FALSE(database.Open(disk / "x.db", {}));
+    EXPECT_EQ(SQLITE_CANTOPEN, database.Code());
+}
+
+TEST_F(DatabaseTest, AnotherWritersLockIsWaitedForAsLongAsAsked) {
+    Database holder;
+    ASSERT_TRUE(holder.Open(m_path, Logged()));
+    ASSERT_TRUE(holder.Execute("BEGIN IMMEDIATE;"));
+    DatabaseOptions patient;
+    patient.busyMs = 50;
+    Database waiter;
+    ASSERT_TRUE(waiter.Open(m_path, patient));
+    const auto before = std::chrono::steady_clock::now();
+    const Status status = waiter.Execute("INSERT INTO x VALUES(1, 'one');");
+    const auto waited = std::chrono::steady_clock::now() - before;
+    ASSERT_FALSE(status);
+    EXPECT_EQ(ErrorKind::kBusy, status.GetError().kind);
+    EXPECT_GE(waited, std::chrono::milliseconds(40));
+    ASSERT_TRUE(holder.Execute("COMMIT;"));
+    EXPECT_TRUE(waiter.Execute("INSERT INTO x VALUES(1, 'one');"));
+}
+
+TEST_F(DatabaseTest, AConnectionForManyThreadsBearsThem) {
+    DatabaseOptions options = Logged();
+    options.manyThreads = true;
+    Database database;
+    ASSERT_TRUE(database.Open(m_path, options));
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 4; ++number) {
+        threads.emplace_back([&, number] {
+            for (int i = 0; i < 50; ++i) {
+                EXPECT_TRUE(database.Execute("INSERT INTO x VALUES(" + std::to_string(number * 50 + i) + ", '');"));
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(200, Rows(database));
+}
+
+TEST_F(DatabaseTest, AStatementSaysWhatFailedAndGoesOn) {
+    Database database;
+    ASSERT_TRUE(database.Open(m_path, Logged()));
+    Statement insert(database, "INSERT INTO x VALUES(:n, :t);");
+    ASSERT_TRUE(insert.IsOk());
+    EXPECT_EQ(0, insert.Find("n"));
+    EXPECT_EQ(SQLITE_RANGE, insert.Code());
+    EXPECT_FALSE(insert.Bind(3, 1));
+    for (const int number : {1, 2}) {
+        ASSERT_TRUE(insert.Bind(insert.Find(":n"), number) && insert.BindBlob(insert.Find(":t"), {}));
+        EXPECT_TRUE(insert.Done());
+        insert.Reset();
+    }
+    ASSERT_TRUE(insert.Bind(1, 1));
+    EXPECT_FALSE(insert.Done());
+    EXPECT_EQ(SQLITE_CONSTRAINT_UNIQUE, insert.Code());
+    EXPECT_EQ("UNIQUE constraint failed: x.n", database.LastError("write").Reason());
+    insert.Reset();
+    ASSERT_TRUE(insert.Bind(1, 3) && insert.Bind(2, std::string("a\0b", 3)));
+    EXPECT_TRUE(insert.Done()) << "as if nothing had happened";
+    Statement rows(database, "SELECT t FROM x WHERE t NOTNULL ORDER BY n;");
+    std::vector<std::string> texts;
+    while (rows.Row()) texts.push_back(rows.Text(0));
+    EXPECT_THAT(texts, ElementsAre("", "", std::string("a\0b", 3)));
+}
+
+TEST_F(DatabaseTest, WhatDoesNotCompileFailsAtEveryOperation) {
+    Database database;
+    ASSERT_TRUE(database.Open(m_path, Logged()));
+    Statement wrong(database, "INSERT INTO nothing VALUES(?1);");
+    EXPECT_FALSE(wrong.IsOk());
+    EXPECT_EQ(SQLITE_ERROR, wrong.Code());
+    Statement blank(database, "  ");
+    EXPECT_FALSE(blank.IsOk());
+    EXPECT_EQ(SQLITE_MISUSE, blank.Code());
+    Database closed;
+    Statement without(closed, "SELECT 1;");
+    EXPECT_FALSE(closed.Execute("SELECT 1;"));
+    for (Statement* one : {&wrong, &blank, &without}) {
+        EXPECT_FALSE(one->Bind(1, 1));
+        EXPECT_FALSE(one->Bind(1, "text"));
+        EXPECT_EQ(0, one->Find(":n"));
+        EXPECT_FALSE(one->Row());
+        EXPECT_FALSE(one->Done());
+        EXPECT_EQ(0, one->Int(0));
+        EXPECT_EQ("", one->Text(0));
+        one->Reset();
+    }
+}
+
+TEST_F(DatabaseTest, AMovedStatementLeavesNoneBehind) {
+    Database database;
+    ASSERT_TRUE(database.Open(m_path, Logged()));
+    Statement first(database, "INSERT INTO x VALUES(1, '');");
+    Statement second(std::move(first));
+    EXPECT_FALSE(first.IsOk());
+    EXPECT_TRUE(second.Done());
+    first = std::move(second);
+    EXPECT_TRUE(first.IsOk());
+    first.Finish();
+    EXPECT_FALSE(first.Done());
+    database.Close();
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db")) << "a closed database keeps no log";
+}
+
+}  // namespace
