@@ -2,8 +2,6 @@
 #include "StatisticsRegistry.h"
 
 #include <json/json.h>
-#include <sqlite3.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
@@ -27,38 +25,22 @@ namespace zelhost {
 
 // --- history ---
 
-CStatisticsHistory::~CStatisticsHistory() {
-    Close();
-}
-
-void CStatisticsHistory::Close() {
-    if (m_db != nullptr) sqlite3_close(m_db);
-    m_db = nullptr;
-}
-
 bool CStatisticsHistory::Open(const std::string& path, std::string& reason) {
     if (!MakeDirectories(DirectoryOf(path), reason)) return false;
-    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW;
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        const mode_t mask = umask(0027);
-        int rc = sqlite3_open_v2(path.c_str(), &m_db, flags, nullptr);
-        umask(mask);
-        if (rc == SQLITE_OK) {
-            sqlite3_busy_timeout(m_db, 1000);
-            // Figures of the last minutes may be lost with the power; the file itself may not.
-            rc = sqlite3_exec(m_db,
-                              "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
-                              "CREATE TABLE IF NOT EXISTS history(id INTEGER PRIMARY KEY AUTOINCREMENT,"
-                              " time INTEGER NOT NULL, figures TEXT NOT NULL);",
-                              nullptr, nullptr, nullptr);
-        }
-        if (rc == SQLITE_OK) return true;
-        reason = m_db != nullptr ? sqlite3_errmsg(m_db) : sqlite3_errstr(rc);
-        Close();
-        if (rc != SQLITE_NOTADB && rc != SQLITE_CORRUPT) return false;
-        std::rename(path.c_str(), (path + ".corrupt").c_str());
+    base::DatabaseOptions options;
+    options.busyMs = 1000;
+    // Figures of the last minutes may be lost with the power; the file itself may not.
+    options.setUp =
+        "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
+        "CREATE TABLE IF NOT EXISTS history(id INTEGER PRIMARY KEY AUTOINCREMENT,"
+        " time INTEGER NOT NULL, figures TEXT NOT NULL);";
+    base::Status status = m_database.Open(path, options);
+    if (!status && status.GetError().kind == base::ErrorKind::kMalformed) {
+        status = base::PutDatabaseAside(path, path + ".corrupt");
+        if (status) status = m_database.Open(path, options);
     }
-    return false;
+    if (!status) reason = status.GetError().Reason();
+    return status.Ok();
 }
 
 bool CStatisticsHistory::Append(int64_t wallTime, const std::map<std::string, std::string>& values,
@@ -67,28 +49,13 @@ bool CStatisticsHistory::Append(int64_t wallTime, const std::map<std::string, st
     for (const auto& item : values) root[item.first] = item.second;
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
-    const std::string text = Json::writeString(builder, root);
-    sqlite3_stmt* insert = nullptr;
-    int rc = sqlite3_prepare_v2(m_db, "INSERT INTO history(time, figures) VALUES(?1, ?2);", -1, &insert, nullptr);
-    if (rc == SQLITE_OK) {
-        sqlite3_bind_int64(insert, 1, wallTime);
-        sqlite3_bind_text(insert, 2, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
-        rc = sqlite3_step(insert);
-    }
-    sqlite3_finalize(insert);
-    if (rc != SQLITE_DONE) {
-        reason = sqlite3_errmsg(m_db);
-        return false;
-    }
-    char sql[256];
-    std::snprintf(sql, sizeof(sql),
-                  "DELETE FROM history WHERE time < %lld OR id <= (SELECT max(id) FROM history) - %d;",
-                  static_cast<long long>(wallTime - kKeptSeconds), kKeptRows);
-    if (sqlite3_exec(m_db, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
-        reason = sqlite3_errmsg(m_db);
-        return false;
-    }
-    return true;
+    base::Statement insert(m_database, "INSERT INTO history(time, figures) VALUES(?1, ?2);");
+    base::Statement remove(m_database,
+                           "DELETE FROM history WHERE time < ?1 OR id <= (SELECT max(id) FROM history) - ?2;");
+    const bool kept = insert.Bind(1, wallTime) && insert.Bind(2, Json::writeString(builder, root)) && insert.Done() &&
+                      remove.Bind(1, wallTime - kKeptSeconds) && remove.Bind(2, kKeptRows) && remove.Done();
+    if (!kept) reason = m_database.LastError("write").Reason();
+    return kept;
 }
 
 // --- registry ---

@@ -8,23 +8,21 @@
 #include <string>
 #include <thread>
 
+#include "base/Database.h"
 #include "base/Mutex.h"
 #include "base/Result.h"
 #include "platform/host/HostRecords.h"
 #include "platform/host/MtIntf.h"
-
-struct sqlite3;
 
 namespace zelhost {
 
 /// A day of collected figures, one row each. Not thread-safe: the registry serialises.
 class CStatisticsHistory {
 public:
-    ~CStatisticsHistory();
     /// Opens or creates the file. A file that is no database is put aside. Returns: false with the reason.
     bool Open(const std::string& path, std::string& reason);
-    void Close();
-    bool IsOpen() const { return m_db != nullptr; }
+    void Close() { m_database.Close(); }
+    bool IsOpen() const { return m_database.IsOpen(); }
     bool Append(int64_t wallTime, const std::map<std::string, std::string>& values, std::string& reason);
 
     static constexpr int64_t kKeptSeconds = 24 * 3600;
@@ -32,7 +30,7 @@ public:
     static constexpr int kKeptRows = 1500;
 
 private:
-    sqlite3* m_db = nullptr;
+    base::Database m_database;
 };
 
 /// Thread-safety: every operation from any thread.

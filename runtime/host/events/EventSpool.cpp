@@ -2,9 +2,7 @@
 #include "events/EventSpool.h"
 
 #include <fcntl.h>
-#include <sqlite3.h>
 #include <sys/random.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,36 +32,6 @@ void Log(int level, int line, const char* format, const std::string& a, const st
     zel::CLogMessage::GetInstance()->log(level, "EventSpool", line, format, a.c_str(), b.c_str());
 }
 
-int Exec(sqlite3* db, const char* sql) {
-    return sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
-}
-
-/// A statement that is finalized at the end of its scope.
-class Statement {
-public:
-    Statement(sqlite3* db, const char* sql) { m_rc = sqlite3_prepare_v2(db, sql, -1, &m_stmt, nullptr); }
-    ~Statement() { sqlite3_finalize(m_stmt); }
-    Statement(const Statement&) = delete;
-    Statement& operator=(const Statement&) = delete;
-    bool Ok() const { return m_rc == SQLITE_OK; }
-    bool Row() { return Ok() && sqlite3_step(m_stmt) == SQLITE_ROW; }
-    bool Done() { return Ok() && sqlite3_step(m_stmt) == SQLITE_DONE; }
-    void Bind(int at, int64_t v) { sqlite3_bind_int64(m_stmt, at, v); }
-    void Bind(int at, const std::string& v) {
-        sqlite3_bind_text(m_stmt, at, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
-    }
-    int64_t Int(int column) { return sqlite3_column_int64(m_stmt, column); }
-    std::string Text(int column) {
-        const auto* data = static_cast<const char*>(sqlite3_column_blob(m_stmt, column));
-        const int size = sqlite3_column_bytes(m_stmt, column);
-        return data == nullptr ? "" : std::string(data, static_cast<size_t>(size));
-    }
-
-private:
-    sqlite3_stmt* m_stmt = nullptr;
-    int m_rc;
-};
-
 std::string RandomName() {
     unsigned char bytes[8] = {};
     if (getrandom(bytes, sizeof(bytes), 0) != static_cast<ssize_t>(sizeof(bytes))) {
@@ -75,10 +43,6 @@ std::string RandomName() {
     return text;
 }
 
-bool IsBroken(int code) {
-    return (code & 0xff) == SQLITE_NOTADB || (code & 0xff) == SQLITE_CORRUPT;
-}
-
 }  // namespace
 
 CEventSpool::~CEventSpool() {
@@ -86,11 +50,9 @@ CEventSpool::~CEventSpool() {
 }
 
 void CEventSpool::Close() {
-    sqlite3_finalize(m_insert);
-    m_insert = nullptr;
-    if (m_writer != nullptr) sqlite3_close(m_writer);
-    if (m_reader != nullptr) sqlite3_close(m_reader);
-    m_writer = m_reader = nullptr;
+    m_insert.Finish();
+    m_writer.Close();
+    m_reader.Close();
 }
 
 bool CEventSpool::Open(const std::string& path, uint64_t maxBytes, size_t memoryRing, std::string& reason) {
@@ -98,92 +60,64 @@ bool CEventSpool::Open(const std::string& path, uint64_t maxBytes, size_t memory
     m_maxBytes = maxBytes;
     m_memoryMost = memoryRing;
     if (!MakeDirectories(DirectoryOf(path), reason)) return false;
-    int code = 0;
-    if (!OpenOnce(path, code, reason)) {
+    base::Status status = OpenOnce(path);
+    if (!status && status.GetError().kind == base::ErrorKind::kMalformed) {
         Close();
-        if (!IsBroken(code)) return false;
-        const std::string aside = path + ".corrupt-" + std::to_string(time(nullptr));
         Log(zel::kLogError, __LINE__, "the event spool %s is damaged; put aside, its messages are lost: %s", path,
-            reason);
-        std::rename(path.c_str(), aside.c_str());
-        unlink((path + "-wal").c_str());
-        unlink((path + "-shm").c_str());
-        if (!OpenOnce(path, code, reason)) {
-            Close();
-            return false;
-        }
+            status.GetError().Reason());
+        status = base::PutDatabaseAside(path, path + ".corrupt-" + std::to_string(time(nullptr)));
+        if (status) status = OpenOnce(path);
+    }
+    if (!status) {
+        Close();
+        reason = status.GetError().Reason();
+        return false;
     }
     TouchReserve();
     return true;
 }
 
-bool CEventSpool::OpenOnce(const std::string& path, int& code, std::string& reason) {
-    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX | SQLITE_OPEN_NOFOLLOW;
-    const mode_t mask = umask(0027);
-    code = sqlite3_open_v2(path.c_str(), &m_writer, flags, nullptr);
-    umask(mask);
-    if (code != SQLITE_OK) {
-        reason = m_writer != nullptr ? sqlite3_errmsg(m_writer) : sqlite3_errstr(code);
-        return false;
-    }
-    sqlite3_busy_timeout(m_writer, kBusyMs);
-    if (!PrepareSchema(code, reason)) return false;
-    code = sqlite3_open_v2(path.c_str(), &m_reader, flags & ~SQLITE_OPEN_CREATE, nullptr);
-    if (code == SQLITE_OK) {
-        sqlite3_busy_timeout(m_reader, kBusyMs);
-        // A cursor that is lost with the power means a message delivered twice, with the same id: allowed, and cheap.
-        code = Exec(m_reader, "PRAGMA synchronous=NORMAL; PRAGMA wal_autocheckpoint=0;");
-    }
-    if (code != SQLITE_OK) {
-        reason = m_reader != nullptr ? sqlite3_errmsg(m_reader) : sqlite3_errstr(code);
-        return false;
-    }
-    return true;
+base::Status CEventSpool::OpenOnce(const std::string& path) {
+    base::DatabaseOptions options;
+    options.busyMs = kBusyMs;
+    options.manyThreads = true;
+    // FULL: a commit is on disk when it returns. Checkpoints are the readers' work, so that no sender pays for them.
+    options.setUp =
+        "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA wal_autocheckpoint=0;"
+        "PRAGMA journal_size_limit=1048576;"
+        "BEGIN IMMEDIATE;"
+        "CREATE TABLE IF NOT EXISTS messages(seq INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL,"
+        " type BLOB NOT NULL, body BLOB NOT NULL, extra BLOB NOT NULL, arg1 INTEGER NOT NULL,"
+        " arg2 INTEGER NOT NULL, bytes INTEGER NOT NULL);"
+        "CREATE TABLE IF NOT EXISTS cursors(sink TEXT PRIMARY KEY, seq INTEGER NOT NULL);"
+        "CREATE TABLE IF NOT EXISTS facts(name TEXT PRIMARY KEY, value);"
+        "INSERT OR IGNORE INTO facts VALUES('dropped', 0);"
+        "COMMIT;";
+    base::Status status = m_writer.Open(path, options);
+    if (status) status = PrepareMessages();
+    // A cursor that is lost with the power means a message delivered twice, with the same id: allowed, and cheap.
+    options.setUp = "PRAGMA synchronous=NORMAL; PRAGMA wal_autocheckpoint=0;";
+    if (status) status = m_reader.Open(path, options);
+    return status;
 }
 
-bool CEventSpool::PrepareSchema(int& code, std::string& reason) {
-    // FULL: a commit is on disk when it returns. Checkpoints are the readers' work, so that no sender pays for them.
-    code = Exec(m_writer,
-                "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA wal_autocheckpoint=0;"
-                "PRAGMA journal_size_limit=1048576;"
-                "BEGIN IMMEDIATE;"
-                "CREATE TABLE IF NOT EXISTS messages(seq INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL,"
-                " type BLOB NOT NULL, body BLOB NOT NULL, extra BLOB NOT NULL, arg1 INTEGER NOT NULL,"
-                " arg2 INTEGER NOT NULL, bytes INTEGER NOT NULL);"
-                "CREATE TABLE IF NOT EXISTS cursors(sink TEXT PRIMARY KEY, seq INTEGER NOT NULL);"
-                "CREATE TABLE IF NOT EXISTS facts(name TEXT PRIMARY KEY, value);"
-                "INSERT OR IGNORE INTO facts VALUES('dropped', 0);"
-                "COMMIT;");
-    if (code == SQLITE_OK) {
-        Statement name(m_writer, "INSERT OR IGNORE INTO facts VALUES('name', ?1);");
-        name.Bind(1, RandomName());
-        if (!name.Done()) code = sqlite3_errcode(m_writer);
-    }
-    if (code == SQLITE_OK) {
-        code = sqlite3_prepare_v2(m_writer,
-                                  "INSERT INTO messages(time, type, body, extra, arg1, arg2, bytes)"
-                                  " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7);",
-                                  -1, &m_insert, nullptr);
-    }
-    if (code != SQLITE_OK) {
-        reason = sqlite3_errmsg(m_writer);
-        return false;
-    }
-    Statement facts(m_writer,
-                    "SELECT (SELECT value FROM facts WHERE name='name'),"
-                    "(SELECT value FROM facts WHERE name='dropped'),"
-                    "(SELECT count(*) FROM messages), (SELECT coalesce(sum(bytes), 0) FROM messages);");
-    if (!facts.Row()) {
-        code = sqlite3_errcode(m_writer);
-        reason = sqlite3_errmsg(m_writer);
-        return false;
-    }
+base::Status CEventSpool::PrepareMessages() {
+    base::Statement name(m_writer, "INSERT OR IGNORE INTO facts VALUES('name', ?1);");
+    if (!name.Bind(1, RandomName()) || !name.Done()) return m_writer.LastError("open");
+    m_insert = base::Statement(m_writer,
+                               "INSERT INTO messages(time, type, body, extra, arg1, arg2, bytes)"
+                               " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7);");
+    base::Statement facts(m_writer,
+                          "SELECT (SELECT value FROM facts WHERE name='name'),"
+                          "(SELECT value FROM facts WHERE name='dropped'),"
+                          "(SELECT count(*) FROM messages), (SELECT coalesce(sum(bytes), 0) FROM messages);");
+    if (!m_insert.IsOk() || !facts.Row()) return m_writer.LastError("open");
     base::MutexLock lock(m_figuresLock);
     m_name = facts.Text(0);
     m_figures.dropped = static_cast<uint64_t>(facts.Int(1));
     m_messages = facts.Int(2);
     m_bytes = facts.Int(3);
-    return true;
+    return {};
 }
 
 void CEventSpool::TouchReserve() {
@@ -199,20 +133,11 @@ void CEventSpool::ReleaseReserve() {
 }
 
 bool CEventSpool::Insert(const SpoolMessage& message) {
-    const auto bind = [this](int at, const std::string& text) {
-        // A zero-length blob, not NULL, for an empty text.
-        sqlite3_bind_blob(m_insert, at, text.empty() ? "" : text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
-    };
-    sqlite3_bind_int64(m_insert, 1, message.time);
-    bind(2, message.type);
-    bind(3, message.body);
-    bind(4, message.extra);
-    sqlite3_bind_int(m_insert, 5, message.arg1);
-    sqlite3_bind_int(m_insert, 6, message.arg2);
-    sqlite3_bind_int64(m_insert, 7, static_cast<int64_t>(CostOf(message)));
-    const bool done = sqlite3_step(m_insert) == SQLITE_DONE;
-    sqlite3_reset(m_insert);
-    sqlite3_clear_bindings(m_insert);
+    const bool done = m_insert.Bind(1, message.time) && m_insert.BindBlob(2, message.type) &&
+                      m_insert.BindBlob(3, message.body) && m_insert.BindBlob(4, message.extra) &&
+                      m_insert.Bind(5, message.arg1) && m_insert.Bind(6, message.arg2) &&
+                      m_insert.Bind(7, static_cast<int64_t>(CostOf(message))) && m_insert.Done();
+    m_insert.Reset();
     return done;
 }
 
@@ -222,16 +147,18 @@ bool CEventSpool::DropOldest(uint64_t bytes, Change& change) {
         int64_t seq = 0, cost = 0;
         bool confirmed = false;
         {
-            Statement oldest(m_writer,
-                             "SELECT seq, bytes, seq <= coalesce((SELECT min(seq) FROM cursors), 0),"
-                             " seq = (SELECT max(seq) FROM messages) FROM messages ORDER BY seq LIMIT 1;");
-            if (!oldest.Row()) return oldest.Ok();
+            base::Statement oldest(m_writer,
+                                   "SELECT seq, bytes, seq <= coalesce((SELECT min(seq) FROM cursors), 0),"
+                                   " seq = (SELECT max(seq) FROM messages) FROM messages ORDER BY seq LIMIT 1;");
+            if (const auto found = oldest.Step(); found != base::Statement::Outcome::kRow) {
+                return found == base::Statement::Outcome::kDone;
+            }
             if (oldest.Int(3) != 0) return true;  // the newest stays, however large
             seq = oldest.Int(0);
             cost = oldest.Int(1);
             confirmed = oldest.Int(2) != 0;
         }
-        Statement remove(m_writer, "DELETE FROM messages WHERE seq = ?1;");
+        base::Statement remove(m_writer, "DELETE FROM messages WHERE seq = ?1;");
         remove.Bind(1, seq);
         if (!remove.Done()) return false;
         bytes -= std::min(bytes, static_cast<uint64_t>(cost));
@@ -242,9 +169,9 @@ bool CEventSpool::DropOldest(uint64_t bytes, Change& change) {
     return true;
 }
 
-bool CEventSpool::WriteTransaction(const std::vector<Request*>& batch, int& code, Change& change) {
+base::Status CEventSpool::WriteTransaction(const std::vector<Request*>& batch, Change& change) {
     change = Change();
-    bool ok = Exec(m_writer, "BEGIN IMMEDIATE;") == SQLITE_OK;
+    bool ok = m_writer.Execute("BEGIN IMMEDIATE;").Ok();
     int64_t held = 0;
     if (ok) {
         // The sum as it is under the write lock: the readers remove confirmed messages beside us.
@@ -261,15 +188,15 @@ bool CEventSpool::WriteTransaction(const std::vector<Request*>& batch, int& code
     const auto bytes = static_cast<uint64_t>(std::max<int64_t>(0, held + change.bytes));
     if (ok && bytes > m_maxBytes) {
         ok = DropOldest(bytes, change);
-        Statement note(m_writer, "UPDATE facts SET value = value + ?1 WHERE name = 'dropped';");
+        base::Statement note(m_writer, "UPDATE facts SET value = value + ?1 WHERE name = 'dropped';");
         note.Bind(1, static_cast<int64_t>(change.dropped));
         ok = ok && note.Done();
     }
-    ok = ok && Exec(m_writer, "COMMIT;") == SQLITE_OK;
-    if (ok) return true;
-    code = sqlite3_extended_errcode(m_writer);
-    Exec(m_writer, "ROLLBACK;");
-    return false;
+    ok = ok && m_writer.Execute("COMMIT;");
+    if (ok) return {};
+    const base::Error error = m_writer.LastError("write");
+    static_cast<void>(m_writer.Execute("ROLLBACK;"));  // ignoring: there may be no transaction any more
+    return error;
 }
 
 void CEventSpool::KeepInMemory(const SpoolMessage& message) {
@@ -287,13 +214,13 @@ void CEventSpool::KeepInMemory(const SpoolMessage& message) {
 }
 
 bool CEventSpool::CommitBatch(const std::vector<Request*>& batch) {
-    int code = 0;
     Change change;
-    bool ok = WriteTransaction(batch, code, change);
-    if (!ok && m_reserve) {
+    base::Status written = WriteTransaction(batch, change);
+    if (!written && m_reserve) {
         ReleaseReserve();
-        ok = WriteTransaction(batch, code, change);
+        written = WriteTransaction(batch, change);
     }
+    const bool ok = written.Ok();
     bool wasBroken = false;
     {
         base::MutexLock lock(m_figuresLock);
@@ -318,7 +245,7 @@ bool CEventSpool::CommitBatch(const std::vector<Request*>& batch) {
     Wake();  // somebody has to try again
     if (!wasBroken) {
         Log(zel::kLogError, __LINE__, "the event spool %s cannot be written (%s); messages wait in memory", m_path,
-            sqlite3_errstr(code));
+            written.GetError().Reason());
     }
     return false;
 }
@@ -371,33 +298,33 @@ bool CEventSpool::SetSinks(const std::vector<std::string>& sinks, std::string& r
     base::MutexLock lock(m_readLock);
     std::vector<std::string> known;
     {
-        Statement all(m_reader, "SELECT sink FROM cursors;");
+        base::Statement all(m_reader, "SELECT sink FROM cursors;");
         while (all.Row()) known.push_back(all.Text(0));
     }
     bool ok = true;
     for (const std::string& sink : known) {
         if (std::find(sinks.begin(), sinks.end(), sink) != sinks.end()) continue;
-        Statement remove(m_reader, "DELETE FROM cursors WHERE sink = ?1;");
+        base::Statement remove(m_reader, "DELETE FROM cursors WHERE sink = ?1;");
         remove.Bind(1, sink);
         ok = remove.Done() && ok;
     }
     for (const std::string& sink : sinks) {
-        Statement add(m_reader, "INSERT OR IGNORE INTO cursors VALUES(?1, 0);");
+        base::Statement add(m_reader, "INSERT OR IGNORE INTO cursors VALUES(?1, 0);");
         add.Bind(1, sink);
         ok = add.Done() && ok;
     }
-    if (!ok) reason = sqlite3_errmsg(m_reader);
+    if (!ok) reason = m_reader.LastError("write").Reason();
     return ok;
 }
 
 bool CEventSpool::Read(const std::string& sink, size_t most, size_t mostBytes, std::vector<SpoolMessage>& messages) {
     messages.clear();
     base::MutexLock lock(m_readLock);
-    Statement query(m_reader,
-                    "SELECT seq, time, type, body, extra, arg1, arg2 FROM messages"
-                    " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0)"
-                    " ORDER BY seq LIMIT ?2;");
-    if (!query.Ok()) return false;
+    base::Statement query(m_reader,
+                          "SELECT seq, time, type, body, extra, arg1, arg2 FROM messages"
+                          " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0)"
+                          " ORDER BY seq LIMIT ?2;");
+    if (!query.IsOk()) return false;
     query.Bind(1, sink);
     query.Bind(2, static_cast<int64_t>(most));
     size_t bytes = 0;
@@ -419,7 +346,7 @@ bool CEventSpool::Read(const std::string& sink, size_t most, size_t mostBytes, s
 
 bool CEventSpool::Confirm(const std::string& sink, int64_t seq) {
     base::MutexLock lock(m_readLock);
-    Statement move(m_reader, "UPDATE cursors SET seq = max(seq, ?2) WHERE sink = ?1;");
+    base::Statement move(m_reader, "UPDATE cursors SET seq = max(seq, ?2) WHERE sink = ?1;");
     move.Bind(1, sink);
     move.Bind(2, seq);
     if (!move.Done()) return false;
@@ -428,24 +355,24 @@ bool CEventSpool::Confirm(const std::string& sink, int64_t seq) {
 }
 
 void CEventSpool::RemoveConfirmed() {
-    if (Exec(m_reader, "BEGIN IMMEDIATE;") != SQLITE_OK) return;
+    if (!m_reader.Execute("BEGIN IMMEDIATE;")) return;
     int64_t count = 0, bytes = 0;
     bool ok = false;
     {
-        Statement sum(m_reader,
-                      "SELECT count(*), coalesce(sum(bytes), 0) FROM messages"
-                      " WHERE seq <= (SELECT min(seq) FROM cursors);");
+        base::Statement sum(m_reader,
+                            "SELECT count(*), coalesce(sum(bytes), 0) FROM messages"
+                            " WHERE seq <= (SELECT min(seq) FROM cursors);");
         if (sum.Row()) {
             count = sum.Int(0);
             bytes = sum.Int(1);
             ok = true;
         }
     }
-    ok = ok && Exec(m_reader, "DELETE FROM messages WHERE seq <= (SELECT min(seq) FROM cursors);") == SQLITE_OK;
+    ok = ok && m_reader.Execute("DELETE FROM messages WHERE seq <= (SELECT min(seq) FROM cursors);");
     // The figures move before the write lock is given up, so that a writer's sums never count a message twice.
     base::MutexLock lock(m_figuresLock);
-    if (!ok || Exec(m_reader, "COMMIT;") != SQLITE_OK) {
-        Exec(m_reader, "ROLLBACK;");
+    if (!ok || !m_reader.Execute("COMMIT;")) {
+        static_cast<void>(m_reader.Execute("ROLLBACK;"));  // ignoring: there may be no transaction any more
         return;
     }
     m_messages -= count;
@@ -454,7 +381,7 @@ void CEventSpool::RemoveConfirmed() {
 
 void CEventSpool::Checkpoint() {
     base::MutexLock lock(m_readLock);
-    sqlite3_wal_checkpoint_v2(m_reader, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    m_reader.Checkpoint();
 }
 
 uint64_t CEventSpool::News() {
@@ -488,9 +415,9 @@ CEventSpool::Figures CEventSpool::GetFigures() {
 
 uint64_t CEventSpool::Waiting(const std::string& sink) {
     base::MutexLock lock(m_readLock);
-    Statement query(m_reader,
-                    "SELECT count(*) FROM messages"
-                    " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0);");
+    base::Statement query(m_reader,
+                          "SELECT count(*) FROM messages"
+                          " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0);");
     query.Bind(1, sink);
     return query.Row() ? static_cast<uint64_t>(query.Int(0)) : 0;
 }

@@ -9,10 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "base/Database.h"
 #include "base/Mutex.h"
-
-struct sqlite3;
-struct sqlite3_stmt;
 
 namespace zelhost {
 
@@ -81,11 +79,11 @@ private:
         bool durable = false;
     };
 
-    bool OpenOnce(const std::string& path, int& code, std::string& reason);
-    bool PrepareSchema(int& code, std::string& reason);
+    base::Status OpenOnce(const std::string& path);
+    base::Status PrepareMessages();
     bool CommitBatch(const std::vector<Request*>& batch);
     /// One transaction with everything in memory first, then the batch.
-    bool WriteTransaction(const std::vector<Request*>& batch, int& code, Change& change);
+    base::Status WriteTransaction(const std::vector<Request*>& batch, Change& change);
     bool Insert(const SpoolMessage& message);
     bool DropOldest(uint64_t bytes, Change& change);
     void KeepInMemory(const SpoolMessage& message);
@@ -104,13 +102,13 @@ private:
     bool m_leader ZEL_GUARDED_BY(m_queueLock) = false;
 
     // of the leader, and of FlushMemory as one
-    sqlite3* m_writer = nullptr;
-    sqlite3_stmt* m_insert = nullptr;
+    base::Database m_writer;
+    base::Statement m_insert;
     std::deque<SpoolMessage> m_memory;
     bool m_reserve = false;
 
     base::Mutex m_readLock;
-    sqlite3* m_reader = nullptr;  // used under m_readLock; made before and closed after there are readers
+    base::Database m_reader;  // used under m_readLock; opened before and closed after there are readers
 
     base::Mutex m_figuresLock;
     Figures m_figures ZEL_GUARDED_BY(m_figuresLock);  // messages and bytes are filled in when asked
