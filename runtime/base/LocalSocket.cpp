@@ -17,7 +17,9 @@
 namespace base {
 namespace {
 
-constexpr int kBacklog = 16;
+/// Connections that wait for their accept: more than a burst of scrapers and consoles, because a full queue makes a
+/// client on loopback try again only after a second.
+constexpr int kBacklog = 64;
 constexpr mode_t kSocketMode = 0600;
 
 int TypeOf(SocketKind kind) {

@@ -60,6 +60,8 @@ struct RequestServer::Impl {
     void Send(const ClientPtr& client, std::string answer);
     void Write(const ClientPtr& client);
     void Close(const ClientPtr& client);
+    void Cut(const ClientPtr& client);
+    void CutAll(Step step);
     void Limit(const ClientPtr& client, std::chrono::milliseconds time);
 
     IoLoop& loop;
@@ -83,7 +85,14 @@ RequestServer::RequestServer(IoLoop& loop, WorkQueue& queue, ListeningSocket soc
 RequestServer::~RequestServer() {
     m_impl->loop.Run([this] {
         m_impl->listener.reset();
-        while (!m_impl->clients.empty()) m_impl->Close(ClientPtr(m_impl->clients.front()));
+        m_impl->CutAll(Step::kReading);
+    });
+    // An answer that is being made is given as far as the socket takes it at once: a console that asks for the end of
+    // the process hears that it comes.
+    m_impl->queue.Stop();
+    m_impl->loop.Run([this] {
+        m_impl->CutAll(Step::kWorking);
+        m_impl->CutAll(Step::kSending);
     });
 }
 
@@ -128,14 +137,14 @@ bool RequestServer::Impl::MakeRoom() {
     const auto oldest =
         std::find_if(clients.begin(), clients.end(), [](const ClientPtr& c) { return c->step != Step::kWorking; });
     if (oldest == clients.end()) return false;
-    Close(ClientPtr(*oldest));
+    Cut(ClientPtr(*oldest));
     return true;
 }
 
 void RequestServer::Impl::Limit(const ClientPtr& client, std::chrono::milliseconds time) {
     client->deadline.Start(time, [this, client] {
         if (client->step == Step::kReading) return GiveUp(client);
-        Close(client);
+        Cut(client);
     });
 }
 
@@ -143,7 +152,7 @@ void RequestServer::Impl::Read(const ClientPtr& client) {
     char piece[2048];
     const size_t room = std::min(sizeof piece, limits.mostRequestBytes - client->text.size());
     const ssize_t got = recv(client->Socket(), piece, room, 0);
-    if (got < 0 && !ComesAgain(errno)) return Close(client);
+    if (got < 0 && !ComesAgain(errno)) return Cut(client);
     if (got == 0) return GiveUp(client);
     if (got > 0) client->text.append(piece, static_cast<size_t>(got));
     const size_t end = client->text.find(service->ending);
@@ -153,7 +162,7 @@ void RequestServer::Impl::Read(const ClientPtr& client) {
 }
 
 void RequestServer::Impl::GiveUp(const ClientPtr& client) {
-    if (service->incomplete.empty()) return Close(client);
+    if (service->incomplete.empty()) return Cut(client);
     Send(client, service->incomplete);
 }
 
@@ -176,7 +185,7 @@ void RequestServer::Impl::Work(const ClientPtr& client, size_t requestBytes) {
     });
     if (taken) return;
     service->warn("a request is not answered: no thread takes it");
-    Close(client);
+    Cut(client);
 }
 
 void RequestServer::Impl::Send(const ClientPtr& client, std::string answer) {
@@ -191,12 +200,26 @@ void RequestServer::Impl::Write(const ClientPtr& client) {
         const ssize_t put = send(client->Socket(), client->text.data() + client->sent,
                                  client->text.size() - client->sent, MSG_NOSIGNAL);
         if (put < 0 && ComesAgain(errno)) return client->watch.WaitWritable([this, client] { Write(client); });
-        if (put <= 0) return Close(client);
+        if (put <= 0) return Cut(client);
         client->sent += static_cast<size_t>(put);
     }
     Drain(client->Socket());
     shutdown(client->Socket(), SHUT_WR);
     Close(client);
+}
+
+/// Closes without an answer or in the middle of one: what the kernel still holds for the peer goes with it.
+void RequestServer::Impl::Cut(const ClientPtr& client) {
+    const linger none{1, 0};
+    setsockopt(client->Socket(), SOL_SOCKET, SO_LINGER, &none, sizeof none);
+    Close(client);
+}
+
+void RequestServer::Impl::CutAll(Step step) {
+    const std::list<ClientPtr> all = clients;
+    for (const ClientPtr& client : all) {
+        if (client->step == step) Cut(client);
+    }
 }
 
 void RequestServer::Impl::Close(const ClientPtr& client) {

@@ -35,14 +35,14 @@ struct RequestService {
 };
 
 /// A server of one listening socket. When the bound of connections is reached, the oldest that still reads or sends is
-/// cut; when all of them are being worked on, the newest is refused. Thread-safety: made, started and destroyed from
-/// one thread, which is none of the loop or the queue. Lifetime: ends before the queue, and that before the loop. An
-/// answer that is being made when the server ends is made to its end and dropped: what it uses lives until the queue is
-/// stopped.
+/// cut; when all of them are being worked on, the newest is refused.
+/// Thread-safety: made, started and destroyed from one thread, which is none of the loop or the queue.
+/// Lifetime: ends before the loop, and stops the queue.
 class RequestServer {
 public:
     RequestServer(IoLoop& loop, WorkQueue& queue, ListeningSocket socket, RequestLimits limits, RequestService service);
-    /// Closes every connection and takes the socket away; waits for no peer.
+    /// Takes the socket away and closes every connection.
+    /// Blocks: until the answers that are being made are made; waits for no peer.
     ~RequestServer();
     RequestServer(const RequestServer&) = delete;
     RequestServer& operator=(const RequestServer&) = delete;
