@@ -87,107 +87,237 @@ struct SelfCgroupOomWatermark {
 };
 
 /// The resource monitor's worker object.
-/// Thread-safety: takes no lock. Configuration parsing and online updates are serialised by their callers; values that
-/// other threads read are relaxed atomics of their own.
+/// Thread-safety: takes no lock. "Configuration thread" below is whoever calls StartMonitor or OnUpdate; their callers
+/// serialise them. What another thread reads is an atomic of its own.
 /// Lifetime: StopMonitor before destruction; the destructor stops nothing.
-/// Errors: bool results and the log; nothing throws.
+/// Errors: bool results and the log; the module throws nothing of its own. Where memory runs out std::bad_alloc passes
+/// through (ParseMonitorConfig alone makes false of it), as does what a callback of the host throws; what was done by
+/// then stays, and the next online update applies everything again. The throttling queries throw nothing.
 class ZEL_API CMonitorPri : public IMtInfo,
                             public IOnlineClientConfNotify,
                             public CResourceMonitor,
                             public zel::CTimerEvent {
 public:
     // --- lifecycle and schedule: src/core/MonitorPri.cpp ---
+
+    /// Registers with the statistics registry and takes the default configuration path. Starts nothing.
     CMonitorPri();
+    /// Leaves the statistics registry and deletes the cgroup manager, which leaves the groups in place.
     ~CMonitorPri() override;
+
+    /// Reads the configuration, applies the first round of limits, subscribes to online updates and starts the
+    /// heartbeat timer and the sampling thread; in the main process ("tervane") the OS abnormal monitor before all of
+    /// that. Owns: the caller keeps `event` (null allowed) until StopMonitor. On failure: false. What was started and
+    /// applied by then stays until StopMonitor.
     bool StartMonitor(IResourceMonitorEvent* event, const std::string& appName);
+    /// Stops timer, subscription, OS abnormal monitor and sampling thread, also after a start that failed half-way.
+    /// Limits stay in force. Returns: whether the sampling thread was stopped. Blocks: until its round has ended.
     bool StopMonitor();
+    /// Replaces the resource file's path; an empty one is ignored. Requires: before StartMonitor.
     void SetConfigPath(const std::string& path);
+
+    /// The main heartbeat, once a minute, on the timer thread. Other timers' ids are ignored.
     void timeEvent(unsigned long timerId) override;
+    /// Once per sampling round on the sampling thread: every 60th round LogMemInfo, every 15th CheckMultiCgroupOom.
+    /// Round 0 does both.
     void MonitorOther(unsigned long tick) override;
-    /// Re-applies every limit from the online configuration.
+    /// Applies every limit again from the online configuration's values. On the notify thread, one call at a time.
+    /// Unlike ParseMonitorConfig it reads no file, and it sets the sampling class's maxima itself.
     void OnUpdate() override;
 
     // --- resource configuration: src/core/ResourceConfiguration.cpp ---
+
     /// Reads the file, publishes its values into the online configuration and applies the first round of limits.
+    /// `config` receives what the sampling class is to start with: percent, MB, KB/s; already the self-kill limits.
+    /// On failure: false. A file that could not be read changes nothing; without an online configuration the values
+    /// that were read stay in `config` and here, and no limit is applied.
     bool ParseMonitorConfig(const std::string& path, ResourceConfig& config);
 
     // --- throttling queries: src/core/ThrottleQueries.cpp ---
+    // Any thread, at the cost of atomic loads. Requires: an online configuration.
+
+    /// Asks whether work of this priority (0 most important, 1, 2) should hold back now. With `sleep` a yes pauses the
+    /// caller, 5 ms when the process is busy, 10 ms when it is at its maximum. A priority that does not exist is never
+    /// held back.
     bool CheckCpuLimit(unsigned int priority, bool sleep);
+    /// Only asks.
     bool IsCpuNeedLimit(unsigned int priority);
+    /// Asks and pauses. Blocks: up to 10 ms.
     bool CpuLimit(unsigned int priority);
+    /// Returns: memory use is above its free level.
     bool IsMemBusy();
+    /// Units: MB; percent. The maximum in force for the process's own sampling, which is the one it ends itself at.
+    /// Returns: false, `out` untouched, when there is none.
     bool GetMaxMem(long& out);
     bool GetMaxCpu(long& out);
+    /// Returns: the legacy CPU limit was in force when it was last applied or tried. The unified mode does not count.
     bool IsResourceLimited();
+    /// Returns: what the OS abnormal monitor's last disk check found; false in processes that do not run it.
     bool IsDiskFull();
 
     // --- statistics report: src/core/StatisticsReport.cpp ---
+
+    /// Inserts this process's figures; a key that is there already keeps its value. In the main process it also samples
+    /// the host's memory and sends an event when that is short. On the collector's thread.
+    /// On failure: false when the sampling class has no figures; the memory figure is in by then.
     bool GetExceptionInfo(std::map<std::string, std::string>& info) override;
 
     // --- kernel policy: src/limits/KernelPolicy.cpp ---
-    /// Fills m_localKernel once. Returns: false also when it is filled already.
+    // Configuration thread.
+
+    /// Reads the running kernel's release. Returns: false when that failed, and also when it is on record already.
     bool GetLocalKernel();
-    /// Returns: true when some blank-separated entry is a prefix of the local release.
+    /// Release prefixes. Returns: true when some blank-separated entry is a prefix of the local release. Reads no
+    /// kernel: false before GetLocalKernel.
     bool CheckKernelHits(const std::string& list);
-    /// Returns: true when the local kernel lies in some range of the list. The list is not modified.
+    /// Version ranges. Returns: true when the local kernel lies in some range of the list. Reads the kernel when that
+    /// is still to be done. The list is not modified.
     bool LocalKernelLimits(std::string& list);
 
     // --- cgroup error record: src/limits/CgroupErrorRecord.cpp ---
+    // Configuration thread.
+
+    /// Puts a failure with code 13, 105 or 119 on record, with the present time. Returns: whether it was written.
     bool WriteCgroupError(int errorCode);
     /// Returns: true when a failure of the last 12 hours is on record. Removes an older record.
     bool CheckCgroupError();
 
     // --- legacy limits: src/limits/LegacyCpuLimit.cpp, LegacyMemLimit.cpp, LegacyLimitState.cpp ---
+    // Configuration thread. The resets and detaches also run on the thread that reloads the cgroup client.
+
+    /// Sets, changes or lifts the CPU limit of the one legacy group, or steps aside where the unified mode or a joined
+    /// client has the controller. Units: percent of one CPU (of the machine in Solaris mode); bit 1 of `mode` switches
+    /// it. Unchanged settings that are not in force are tried again at most every 600 seconds. Returns: always true;
+    /// what failed is in the log, and its code in the statistics.
     bool CpuResourceLimit(int mode, long maxCpu);
-    /// Units: KB, the larger limit first. `reserved` is never read.
+    /// The same for memory, on bit 4 of `mode`, and only on kernels that are allowed. Units: KB, the hard limit first,
+    /// then the soft one. Unlike CPU, what is not in force is tried again at every call, unless a failure of the last
+    /// 12 hours is on record. `reserved` is never read. Returns: false when a wanted limit was refused or could not be
+    /// started.
     bool MemResourceLimit(int mode, int firstLimit, int secondLimit, bool reserved);
+
+    // Eight ways to let go of the legacy limits, in three strengths:
+    //
+    //              what this object remembers   the library's record of the group   the kernel's limit and members
+    //   Reset      forgotten                    kept                                kept
+    //   Detach     forgotten                    forgotten                           kept; an empty group is removed
+    //   Disable    forgotten                    forgotten                           left; removed when empty
+    //
+    // After any of them the next CpuResourceLimit or MemResourceLimit sees changed settings. Error codes, the mode that
+    // was applied last and the pass counter outlive all of them.
+
+    /// Reset of the CPU half: calls nobody.
     void ResetLegacyCpuLimitState();
+    /// Reset of the memory half: calls nobody.
     void ResetLegacyMemLimitState();
+    /// Reset of both halves: after the unified mode came or went, so that the legacy limits are applied afresh.
     void ResetLegacyCgroupLimitState();
+    /// Detach of the CPU half: somebody else has the controller now, and the process is in its group already.
     void DetachLegacyCpuRuntimeState();
+    /// Detach of the memory half, likewise.
     void DetachLegacyMemRuntimeState();
+    /// Detach of each half whose legacy group lies on version 2; a half on version 1 is left alone.
     void DetachLegacyV2RuntimeState();
+    /// Detach for an active unified mode: the version 2 one when the unified mode runs there, then CPU and memory as
+    /// the flags say. Kernel: on version 2 one hierarchy serves both controllers. In src/cgroup/SelfKillLimits.cpp.
+    void DetachLegacyRuntimeForUnifiedActive(bool cpu, bool mem);
+    /// Disable of both halves, the only one that writes to the kernel. A failed stop is logged with `reason` (null
+    /// allowed) and holds nothing up; without a limit object it is a reset.
     void DisableLegacyCgroupLimitState(const char* reason);
 
     // --- group model: src/cgroup/GroupModel.cpp ---
-    /// Appends one record per group and per component. Units: percent of one CPU, MB.
+    // Configuration thread. Memory only, but for two log lines.
+
+    /// Appends one record per group and per component, from the configured texts or the built-in tables.
+    /// Units: `maxCpu` percent of one CPU, already the effective value; `maxMem` MB.
     void BuildCgroupGroupConfigs(long maxCpu, int maxMem, bool cpuOn, bool memOn,
                                  std::vector<zel::CgroupGroupConfig>& groups,
                                  std::vector<zel::CgroupComponentQuota>& quotas);
+    /// Fills the record of the parent that holds all groups. Units: as above.
     void BuildCgroupTotalLimitConfig(long maxCpu, int maxMem, bool cpuOn, bool memOn,
                                      zel::CgroupTotalLimitConfig& total);
 
     // --- unified mode and its exits: src/cgroup/UnifiedMode.cpp, UnifiedExit.cpp ---
+    // Configuration thread, main process; in any other process the first two do nothing and return true.
+    // Units: `maxCpu` percent of one CPU, widened; `maxMem` MB, widened.
+
+    /// First application: makes the manager, reconciles, joins the group "main", writes the component file and tells
+    /// the other processes. Does nothing when the mode runs already. Without bit 8 of `mode` it is
+    /// CleanupUnifiedConfigForLegacy. Returns: false when the legacy limits are to be used instead.
     bool InitMultiCgroup(int mode, long maxCpu, int maxMem);
+    /// Application after a change; InitMultiCgroup when the mode does not run. Unlike that one it restores the settings
+    /// on record when the new ones cannot be published, and falls back only when that fails too.
+    /// Returns: false when what was asked for is not in force.
     bool UpdateMultiCgroup(int mode, long maxCpu, int maxMem);
+    /// Clears the flag of each controller that must not be used on the running kernel, and logs why.
     void ApplyMultiCgroupKernelPolicy(bool& cpuOn, bool& memOn);
+    /// Returns: 95 percent of the maximum, 1 to 100, times the configured CPUs in Solaris mode. Units: percent.
     long GetEffectiveMultiCgroupMaxCpu(long maxCpu);
+
+    /// Takes the component file away, or marks it disabled where it cannot be moved, and tells the other processes.
+    /// The step that the next two share. Returns: false when the file still says what it said.
     bool PublishUnifiedExitConfig();
+    /// Leaves the unified mode after a failure: out of the group "main", file published away, legacy state reset. The
+    /// manager is kept for a later return. `groups` is not used. Returns: whether the exit was published.
     bool EnterLegacyFallback(const std::vector<zel::CgroupGroupConfig>& groups);
+    /// Leaves it because the configuration no longer asks for it. As the fallback, but silent where there is nothing to
+    /// leave: neither an active mode nor a component file. Returns: whether the exit was published or not needed.
     bool CleanupUnifiedConfigForLegacy();
+    /// Stays in it with every controller off: limits lifted, disabled component file written, legacy limits disabled.
+    /// On failure: false, after a fallback.
     bool EnterUnifiedDisabled(const std::vector<zel::CgroupGroupConfig>& groups);
 
     // --- self-kill limits and cgroup client: src/cgroup/SelfKillLimits.cpp ---
+    // Configuration thread, unless it says otherwise.
+
+    /// Sets how the other processes are told of a new component file. Null allowed. Requires: before StartMonitor.
     void SetIpcBroadcastCallback(void (*callback)(const std::string&, const std::string&));
+    /// Sets the client that a component's process follows. Owns: the caller keeps it. Null allowed.
+    /// Requires: before StartMonitor.
     void SetCgroupClient(zel::CCgroupClient* client);
+    /// Tells the other processes to read the component file again, through the callback; logged when there is none.
     void NotifyCgroupConfigChanged();
+
+    /// Forgets the main process's own quota: its configured maxima hold again from the next resolution on.
     void ClearUnifiedSelfKillQuota();
+    /// Takes the main process's quota out of the list and remembers it for each controller that is in use. The sampling
+    /// class hears of it at the next resolution.
     void UpdateUnifiedSelfKillQuota(const std::vector<zel::CgroupComponentQuota>& quotas, bool cpuEnabled,
                                     bool memEnabled);
+    /// Works out the maxima at which the process ends itself: its quota where it has one, larger or smaller, else what
+    /// is configured; 0: none. Changes nothing. Units: percent, MB.
     void ResolveSelfKillLimits(long cfgCpu, int cfgMem, int& cpu, int& mem);
+    /// Remembers the record's CPU and memory maximum and replaces them there by the resolved ones.
     void ApplySelfKillLimitsFromConfig(ResourceConfig& cfg);
+    /// Resolves the remembered maxima again and hands them to the sampling class; nothing when there are none.
     void ApplySelfKillLimitsFromLastConfig();
+
+    /// Reads the component file again, lets go of the legacy limits that the client replaces and resolves the self-kill
+    /// limits. On the thread that takes the host's messages, at any moment.
+    /// Returns: what the client's reload said; false without a client.
     bool ReloadCgroupClientConfig();
+    /// Returns: this process is in a unified group by its client. Always false in the main process, whose membership is
+    /// the unified mode's.
     bool IsCgroupClientCpuJoined() const;
     bool IsCgroupClientMemJoined() const;
+    /// Returns: the directory is a group of a version 2 hierarchy. Asks the file system.
     bool IsCgroupPathV2(const std::string& path) const;
+    /// Returns: a unified controller that is in use for this process lies on version 2.
     bool IsUnifiedV2RuntimeActive() const;
-    void DetachLegacyRuntimeForUnifiedActive(bool cpu, bool mem);
 
     // --- OOM watermark and detection: src/abnormal/OomWatermark.cpp, CgroupOom.cpp ---
+    // The refresh and the two checks do nothing but in the main process.
+
+    /// Writes the present counters of the agent's groups over the watermark file; nothing unless the unified mode runs.
+    /// On failure: silent, the next refresh writes it again.
     void RefreshSelfCgroupOomWatermark();
+    /// Sends one event with the items found. Returns: whether the host accepted it.
     bool ReportCgroupOomEvent(const std::string& type, const Json::Value& items);
+    /// Compares the agent's groups with the watermark file and reports kills that happened while nobody looked; at most
+    /// once, also when sending fails. Configuration thread, from InitMultiCgroup.
     void CheckSelfCgroupOomAfterRestart();
+    /// Polls all groups for new kills, logs each and reports them at most once in 300 seconds. Resets the manager's
+    /// memory of earlier polls while the unified mode does not run. Sampling thread and configuration thread.
     void CheckMultiCgroupOom();
 
 protected:

@@ -25,11 +25,14 @@ public:
     COsAbnormalDataBase();
     ~COsAbnormalDataBase();
 
+    /// Returns: a database is open, which is so inside InsertData and after an OpenDb of one's own.
     bool IsOpen();
 
     /// Moves yesterday's file aside when the day changed (and on the first open), then opens today's.
     /// With `create` false a missing file is not made.
+    /// On failure: false, with a log line; nothing is open unless it was before.
     bool OpenDb(bool create);
+    /// Does nothing when none is open.
     void Close();
 
     /// Stores one row. Units: `eventTime` in seconds since the epoch; it is unique, so a second event of one second

@@ -24,12 +24,14 @@ public:
     COsAbnormalMonitor();
     ~COsAbnormalMonitor() override;
 
+    /// The thread's body: ten seconds of rest, then a tick every two seconds until it is asked to end.
     void run() override;
 
     /// Starts the thread. Returns: true also when it runs already.
     bool Start();
     /// Asks the thread to end and waits for it. Returns: false when none runs.
     bool Uninit();
+    /// Nothing to prepare. Returns: true.
     bool Init();
 
     /// Returns: what the last disk check found.
@@ -37,9 +39,13 @@ public:
 
     /// One tick of the thread's loop; a tick is a little over two seconds.
     void CheckOsAbnormal(unsigned long tick);
+    /// The memory check, swap rates included. Returns: true when memory is short; then `out` has the measurements and
+    /// `eventTime` the time in seconds since the epoch. Blocks: one second on the first finding of a run.
     bool IsMemoryAbnormal(Json::Value& out, int& eventTime, bool& swapAlarm);
     /// Units: percent; MB. Asked from the statistics collector's thread too: it reads no state of the object.
     bool IsCheckMemory(int usagePercent, unsigned long availableMem);
+    /// The disk check. Units in `out`: bytes, inodes. Returns: true when the agent's disk is nearly full; else the
+    /// outputs are untouched. A failed query is logged and finds nothing.
     bool IsDiskAbnormal(Json::Value& out, int& eventTime);
     /// Fills the cumulative counters by name. Source: proc(5), /proc/vmstat.
     void ReadSwapIndexForSwap(std::map<std::string, unsigned long>& out);
