@@ -3,6 +3,7 @@
 
 #include "platform/zel/Export.h"
 
+/// Thread-safety: any thread. Lifetime: owned by the host, lives until the process ends.
 class ZEL_API IHttp {
 public:
     /// Returns: requests that failed since the process started.

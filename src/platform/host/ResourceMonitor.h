@@ -54,16 +54,18 @@ public:
     /// Called once per round on the sampling thread with the running round count, from 0.
     virtual void MonitorOther(unsigned long tick);
 
-    /// Starts the sampling thread. `event` (may be null) must outlive it.
+    /// Starts the sampling thread. `event` (may be null) must outlive it. Returns: false when it runs already or could
+    /// not be started.
     bool StartMonitor(IResourceMonitorEvent* event);
-    /// Blocks: until the thread has ended.
+    /// Stops it. Returns: false when none ran. Blocks: until the thread has ended.
     bool StopMonitor();
 
+    /// Takes all start-up limits at once. Units: as in the record.
     void SetMaxResourceConfig(const ResourceConfig& config);
     /// Records that a thread is alive. Units: `timeout` in seconds of allowed silence.
     void SetThreadHeartbeat(unsigned int tid, const std::string& name, int timeout);
     void RemoveThreadHeartbeat(unsigned int tid);
-    void SetMonitorIOEnable(bool enable);
+    void SetMonitorIOEnable(bool enable);  ///< off: storage I/O is neither read nor judged
     /// Processes to watch besides this one: pid -> name. Replaces the previous set.
     void SetWatcherProcess(std::map<unsigned int, std::string> processes);
     /// On: CPU percentages are of the whole machine, else of one CPU.
@@ -72,10 +74,10 @@ public:
     void SetMaxCpu(int percent);                   ///< 0 or less: no maximum
     void SetMaxMem(int mb);                        ///< 0 or less: no maximum
     void SetMaxIO(int readLimit, int writeLimit);  ///< KB/s; 0 or less: no maximum
-    void SetMaxPidCheck(int count);
-    void SetMaxFdCount(int count);
-    int GetMaxCpu();
-    int GetMaxMem();
+    void SetMaxPidCheck(int count);                ///< watched processes that are looked at; 0 or less: none
+    void SetMaxFdCount(int count);                 ///< open descriptors; 0 or less: no maximum
+    int GetMaxCpu();                               ///< percent, as set last
+    int GetMaxMem();                               ///< MB, as set last
 
     /// Returns: 0 below 80 % of the maximum, 1 busy, 2 at or over the maximum; with hysteresis on the way down.
     int GetCpuUsageLevel();
@@ -85,6 +87,7 @@ public:
     bool GetCpuBusyLastHour();
     bool GetAvgCpuMinuteBusy();
     bool GetAvgCpuWindowBusy();
+    /// Returns: false, `info` untouched, before the first round.
     bool FetchResourceMonitorInfo(ResourceMonitorInfo& info);
 
     struct ZEL_HIDDEN Impl;

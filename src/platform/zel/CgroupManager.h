@@ -64,10 +64,10 @@ public:
     /// Stops watching the groups and forgets what was seen of them: the next poll starts afresh, with nothing old.
     void ResetMemoryOomMonitor();
 
-    /// Current totals of every group of the agent and of the parent.
+    /// Current totals of every group of the agent and of the parent. On failure: false, `out` untouched.
     bool SnapshotSelfMemoryOomCounters(std::vector<CgroupMemoryOomEvent>& out);
 
-    /// Groups whose totals rose since the previous poll. Empty: nothing new.
+    /// Groups whose totals rose since the previous poll. Empty: nothing new. On failure: false, `out` empty.
     bool PollMemoryOomEvents(std::vector<CgroupMemoryOomEvent>& out);
 
 private:

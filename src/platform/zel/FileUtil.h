@@ -1,4 +1,4 @@
-// Whole-file operations on small files. No operation throws.
+// Whole-file operations on small files. Throws only where memory runs out.
 #pragma once
 
 #include <list>
@@ -33,6 +33,7 @@ public:
 };
 
 /// Operations on one named file.
+/// Thread-safety: stateless but for the name. Errors: the bool result.
 class ZEL_API CFileCom {
 public:
     explicit CFileCom(const std::string& path);

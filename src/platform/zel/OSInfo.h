@@ -5,6 +5,7 @@
 
 namespace zel {
 
+/// Thread-safety: any thread, stateless.
 class ZEL_API COSInfo {
 public:
     /// Share of the host's memory that is in use.

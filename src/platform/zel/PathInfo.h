@@ -7,6 +7,7 @@
 
 namespace zel {
 
+/// Thread-safety: any thread. Lifetime: owned by the library.
 class ZEL_API COrvexPathInfo {
 public:
     /// Returns: the process's path information, never null.

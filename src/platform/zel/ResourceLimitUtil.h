@@ -15,6 +15,8 @@ class ZEL_API IResourceLimitUtil {
 public:
     /// Puts every process of the agent under a CPU limit. Units: percent of one CPU + hundredths of a percent.
     virtual int StartCpuLimit(int percent, int hundredths, int& error) = 0;
+    /// Takes this process and its children out of the group; the last of the agent's removes it, or lifts its limit
+    /// where others' processes are in it.
     virtual int StopCpuLimit(int& error) = 0;
     /// Re-attaches processes of the agent that strayed out of the group.
     virtual void SyncCpuLimit() = 0;
@@ -24,11 +26,12 @@ public:
     virtual bool IsSelfRemovedFromCgroup() = 0;
     /// Returns: true only when membership and value are really in force, as the kernel says.
     virtual bool IsCpuLimited() = 0;
-    /// Finds and checks the memory hierarchy.
+    /// Finds and checks the memory hierarchy, and refuses a kernel that is on an exclude list.
     virtual int PrepareMemLimit() = 0;
     virtual bool IsMemLimited() = 0;
     /// Units: bytes, as 32-bit numbers; the first is the hard limit, the second the soft one.
     virtual int StartMemLimit(int firstLimit, int secondLimit, int& error) = 0;
+    /// The same for memory. `flag` has no meaning here; the module passes true.
     virtual int StopMemLimit(int& error, bool flag) = 0;
     /// Leaves the groups and removes them when nobody is left in them.
     virtual void ReleaseLimits() = 0;

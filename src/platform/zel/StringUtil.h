@@ -1,4 +1,4 @@
-// Splitting, trimming, formatting and number conversion. Pure; nothing throws.
+// Splitting, trimming, formatting and number conversion. Pure, any thread; throws only where memory runs out.
 #pragma once
 
 #include <string>

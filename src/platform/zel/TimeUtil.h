@@ -22,6 +22,7 @@ private:
     time_t m_seconds;
 };
 
+/// Thread-safety: any thread.
 class ZEL_API CTimeUtil {
 public:
     /// Returns: now. The wall clock, so it moves when the clock is set.

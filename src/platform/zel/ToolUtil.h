@@ -7,6 +7,7 @@
 
 namespace zel {
 
+/// Thread-safety: any thread.
 class ZEL_API CToolUtil {
 public:
     /// Returns: the application directory without a trailing "/": ZEL_APP_DIR when set, else the executable's.
@@ -31,6 +32,7 @@ public:
     static bool SleepForLoop();
 };
 
+/// Thread-safety: any thread; one process-wide value.
 class ZEL_API CAlgorithmUtil {
 public:
     /// Selects the process-wide hash mode; any int is kept.
