@@ -96,10 +96,12 @@ void CBreaches::SelfKill(SamplingRound& round, const Supervised& what, int64_t s
     } catch (...) {
         record.json = "{}\n";
     }
-    std::string reason;
-    record.path = KeepRecord(m_rules.settings, kind, record.wallTime, ++m_recordNumber, record.json, reason);
-    if (record.path.empty()) {
-        LogSampler(zel::kLogError, __LINE__, "the self-kill record could not be written: %s", reason.c_str());
+    const base::Result<std::string> kept = KeepRecord(m_rules.settings, record, ++m_recordNumber);
+    if (kept) {
+        record.path = *kept;
+    } else {
+        LogSampler(zel::kLogError, __LINE__, "the self-kill record could not be written: %s",
+                   kept.GetError().Text().c_str());
     }
     LogSampler(zel::kLogError, __LINE__,
                "%s at its maximum for a second breach period in a row (%s of %s): %s, record %s", kind,

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <ctime>
 
-#include "SecureFile.h"
+#include "base/FileIo.h"
 #include "platform/zel/ThreadUtil.h"
 #include "sampling/SamplerLog.h"
 
@@ -110,8 +110,7 @@ bool CSampler::SleepUntil(std::chrono::steady_clock::time_point when) {
 
 void CSampler::Stop() {
     m_stop = true;
-    const uint64_t one = 1;
-    if (m_wake) WriteAll(m_wake.Get(), reinterpret_cast<const char*>(&one), sizeof(one));
+    if (m_wake) base::RaiseEvent(m_wake);
 }
 
 }  // namespace zelhost

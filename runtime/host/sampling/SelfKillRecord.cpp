@@ -11,10 +11,12 @@
 #include <ctime>
 #include <vector>
 
+#include "base/FileIo.h"
+#include "base/FilePath.h"
+#include "base/FileReplace.h"
 #include "sampling/ProcReaders.h"
 #include "sampling/ThreadFacts.h"
 #include "sampling/ThreadStack.h"
-#include "SecureFile.h"
 #include "platform/zel/ToolUtil.h"
 
 namespace zelhost {
@@ -22,6 +24,7 @@ namespace {
 
 constexpr int kRecordVersion = 1;
 constexpr size_t kRecordThreads = 10;
+constexpr mode_t kRecordMode = 0640;
 
 std::string RecordDir(const SamplingSettings& settings) {
     if (!settings.options.recordDir.empty()) return settings.options.recordDir;
@@ -29,7 +32,7 @@ std::string RecordDir(const SamplingSettings& settings) {
 }
 
 std::string Prefix(const SamplingSettings& settings) {
-    return FileNamePart(settings.processName) + "-";
+    return base::FileNamePart(settings.processName) + "-";
 }
 
 /// Leaves the newest kRecordsKept records; their names sort by time.
@@ -49,9 +52,9 @@ void RemoveOldRecords(const std::string& dir, const std::string& prefix) {
     for (size_t i = 0; i < names.size() - kRecordsKept; ++i) unlink((dir + "/" + names[i]).c_str());
 }
 
-std::string Keep(const std::string& dir, const std::string& path, const std::string& json, std::string& reason) {
-    if (!MakeDirectories(dir, reason)) return "";
-    return WriteFileDurably(path, json, reason) ? path : "";
+base::Status Keep(const std::string& dir, const std::string& path, const std::string& json) {
+    const base::Status made = base::MakeDirectories(dir);
+    return made ? base::ReplaceFile(path, json, kRecordMode, base::Durability::kSynced) : made;
 }
 
 Json::Value FiguresJson(const SamplingRound& round) {
@@ -157,22 +160,21 @@ std::string WatchedText(const WatchedEvent& event, const std::string& processNam
     return RecordText(root);
 }
 
-std::string KeepRecord(const SamplingSettings& settings, const std::string& kind, int64_t wallTime, uint64_t number,
-                       const std::string& json, std::string& reason) {
+base::Result<std::string> KeepRecord(const SamplingSettings& settings, const SelfKillRecord& record, uint64_t number) {
     const std::string dir = RecordDir(settings);
     char stamp[64];
-    std::snprintf(stamp, sizeof(stamp), "%012lld-%06llu", static_cast<long long>(wallTime),
+    std::snprintf(stamp, sizeof(stamp), "%012lld-%06llu", static_cast<long long>(record.wallTime),
                   static_cast<unsigned long long>(number));
-    const std::string path = dir + "/" + Prefix(settings) + stamp + "-" + kind + ".json";
-    const std::string kept = Keep(dir, path, json, reason);
-    if (!kept.empty()) RemoveOldRecords(dir, Prefix(settings));
-    return kept;
+    const std::string path = dir + "/" + Prefix(settings) + stamp + "-" + ResourceKindName(record.kind) + ".json";
+    const base::Status kept = Keep(dir, path, record.json);
+    if (!kept) return kept.GetError();
+    RemoveOldRecords(dir, Prefix(settings));
+    return path;
 }
 
-std::string KeepWatchedRecord(const SamplingSettings& settings, const std::string& name, const std::string& json,
-                              std::string& reason) {
+base::Status KeepWatchedRecord(const SamplingSettings& settings, const std::string& name, const std::string& json) {
     const std::string dir = RecordDir(settings);
-    return Keep(dir, dir + "/watched-" + FileNamePart(name) + ".json", json, reason);
+    return Keep(dir, dir + "/watched-" + base::FileNamePart(name) + ".json", json);
 }
 
 }  // namespace zelhost

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "base/Result.h"
 #include "sampling/SamplerEvents.h"
 #include "sampling/SamplingRound.h"
 #include "sampling/SamplingRules.h"
@@ -23,12 +24,10 @@ std::string SelfKillText(const SelfKillRecord& record, unsigned int breaches, co
                          const SamplingRules& rules, CSamplerEvents& events);
 std::string WatchedText(const WatchedEvent& event, const std::string& processName);
 
-/// Writes "<dir>/<process>-<time>-<number>-<kind>.json". Returns: its path, empty with the reason.
-std::string KeepRecord(const SamplingSettings& settings, const std::string& kind, int64_t wallTime, uint64_t number,
-                       const std::string& json, std::string& reason);
+/// Writes "<dir>/<process>-<time>-<number>-<kind>.json", durably. Returns: its path.
+base::Result<std::string> KeepRecord(const SamplingSettings& settings, const SelfKillRecord& record, uint64_t number);
 
 /// Writes "<dir>/watched-<name>.json", the last event of that process.
-std::string KeepWatchedRecord(const SamplingSettings& settings, const std::string& name, const std::string& json,
-                              std::string& reason);
+base::Status KeepWatchedRecord(const SamplingSettings& settings, const std::string& name, const std::string& json);
 
 }  // namespace zelhost

@@ -27,14 +27,14 @@ void CWatchedCheck::Supervise(SamplingRound& round) {
 
 void CWatchedCheck::KeepEvent(const WatchedEvent& event, SamplingRound& round) {
     try {
-        std::string reason;
         const std::string text = WatchedText(event, m_rules.settings.processName);
-        if (!KeepWatchedRecord(m_rules.settings, event.name, text, reason).empty()) {
+        const base::Status kept = KeepWatchedRecord(m_rules.settings, event.name, text);
+        if (kept) {
             ++round.pidRecords;
             return;
         }
         LogSampler(zel::kLogWarning, __LINE__, "the record of watched process %u (%s) could not be written: %s",
-                   event.pid, event.name.c_str(), reason.c_str());
+                   event.pid, event.name.c_str(), kept.GetError().Text().c_str());
     } catch (...) {
         LogSampler(zel::kLogWarning, __LINE__, "%s", "a watched process's record could not be built");
     }
