@@ -1,6 +1,7 @@
 // Starts and stops the host's services of one process.
 #include "platform/host/HostServices.h"
 
+#include "base/FilePath.h"
 #include "base/Mutex.h"
 #include "base/Result.h"
 #include "events/EventDelivery.h"
@@ -10,7 +11,6 @@
 #include "metrics/MetricsServer.h"
 #include "metrics/MetricsText.h"
 #include "config/OnlineConfigLoader.h"
-#include "SecureFile.h"
 #include "StatisticsRegistry.h"
 #include "sampling/ThreadFacts.h"
 #include "platform/zel/ToolUtil.h"
@@ -26,7 +26,7 @@ bool IsOn(Switch value, bool byDefault) {
 HostOptions Completed(HostOptions o) {
     if (o.appDir.empty()) o.appDir = zel::CToolUtil::GetApplicationDirPath();
     if (o.component.empty()) o.component = o.processName;
-    const std::string name = FileNamePart(o.processName);
+    const std::string name = base::FileNamePart(o.processName);
     const auto fill = [](std::string& path, const std::string& standard) {
         if (path.empty()) path = standard;
     };

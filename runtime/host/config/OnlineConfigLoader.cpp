@@ -11,6 +11,8 @@
 #include <climits>
 #include <system_error>
 
+#include "base/FilePath.h"
+#include "base/TrustedRead.h"
 #include "config/OnlineClientConfImpl.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ThreadUtil.h"
@@ -73,8 +75,7 @@ void COnlineConfigLoader::Stop() {
 }
 
 void COnlineConfigLoader::Wake() {
-    const uint64_t one = 1;
-    WriteAll(m_wake.Get(), reinterpret_cast<const char*>(&one), sizeof(one));
+    base::RaiseEvent(m_wake);
 }
 
 bool COnlineConfigLoader::IsStopped() {
@@ -102,7 +103,7 @@ void COnlineConfigLoader::AnswerReload(uint64_t ticket, const base::Status& outc
 void COnlineConfigLoader::Rewatch() {
     if (!m_inotify) return;
     // Adding a watch that exists gives the same number, so this also finds out that the directory was replaced.
-    const int watch = inotify_add_watch(m_inotify.Get(), DirectoryOf(m_path).c_str(), kWatched);
+    const int watch = inotify_add_watch(m_inotify.Get(), base::DirectoryOf(m_path).c_str(), kWatched);
     if (watch != m_watch && m_watch >= 0) inotify_rm_watch(m_inotify.Get(), m_watch);
     m_watch = watch;
 }
@@ -153,25 +154,23 @@ void COnlineConfigLoader::Run() {
     }
 }
 
-FileMark COnlineConfigLoader::LookAtFile() const {
-    const FileMark mark = ReadFileMark(m_path);
+base::FileMark COnlineConfigLoader::LookAtFile() const {
+    const base::FileMark mark = base::ReadFileMark(m_path);
     if (mark.exists || !m_fileInForce) return mark;
     std::this_thread::sleep_for(kMissingGrace);
-    return ReadFileMark(m_path);
+    return base::ReadFileMark(m_path);
 }
 
 base::Status COnlineConfigLoader::Check(bool force) {
-    if (!force && m_checkedOnce && ReadFileMark(m_path) == m_seen) return {};
+    if (!force && m_checkedOnce && base::ReadFileMark(m_path) == m_seen) return {};
     m_seen = LookAtFile();
     m_checkedOnce = true;
-    std::string text;
-    std::string reason;
-    const TrustedRead result = ReadTrustedFile(m_path, kOnlineFileMaxBytes, text, reason);
-    if (result == TrustedRead::kMissing) return FallBack(force);
-    if (result != TrustedRead::kOk) return Refuse(reason);
+    const base::Result<std::string> text = base::ReadTrusted(m_path, kOnlineFileMaxBytes, base::TrustScope::kFile);
+    if (!text && text.GetError().kind == base::ErrorKind::kNotFound) return FallBack(force);
+    if (!text) return Refuse(text.GetError().Reason());
     std::map<size_t, long> values;
     OnlineRefusal refusal;
-    if (!ParseOnlineConfig(text, values, refusal)) return Refuse(refusal.Text());
+    if (!ParseOnlineConfig(*text, values, refusal)) return Refuse(refusal.Text());
     zel::CLogMessage::GetInstance()->log(zel::kLogInfo, "OnlineConfigLoader", __LINE__,
                                          "online configuration %s: %zu values taken over", m_path.c_str(),
                                          values.size());

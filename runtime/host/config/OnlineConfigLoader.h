@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "base/Fd.h"
+#include "base/FileIo.h"
 #include "base/Mutex.h"
 #include "base/Result.h"
 #include "config/OnlineConfigParse.h"
-#include "SecureFile.h"
 #include "platform/host/OnlineClientConf.h"
 
 namespace zelhost {
@@ -45,7 +45,7 @@ private:
     /// Reads the file when it is another than the one seen last, or with `force`. Errors: the file was refused.
     base::Status Check(bool force);
     /// Waits for the file to come back when it is gone. Returns: its mark.
-    FileMark LookAtFile() const;
+    base::FileMark LookAtFile() const;
     base::Status FallBack(bool force);
     base::Status Refuse(const std::string& reason) const;
     void Accept(const std::map<size_t, long>& values, bool force);
@@ -59,7 +59,7 @@ private:
     std::thread m_thread;
 
     // of the notify thread
-    FileMark m_seen;
+    base::FileMark m_seen;
     bool m_checkedOnce = false;
     bool m_fileInForce = false;
     std::map<size_t, long> m_values;  // of the file in force
