@@ -139,28 +139,29 @@ bool CEventDelivery::SendMsg(const std::string& type, const std::string& body, c
 
 base::Result<bool> CEventDelivery::DeliverSome(Lane& lane) {
     std::vector<SpoolMessage> messages;
-    std::string reason;
     if (!m_spool.Read(lane.sink->Name(), lane.sink->BatchSize(), kBatchBytes, messages)) {
-        return NoteFailure(lane, "the spool cannot be read");
+        return NoteFailure(lane, base::SentenceError("the spool cannot be read"));
     }
     if (messages.empty()) return false;
-    const size_t safe = lane.sink->Deliver(messages, reason);
+    const Handover handed = lane.sink->Deliver(messages);
+    base::Status outcome = handed.rest;
     {
         // Under the lock, so that nobody who sees the spool empty reads a count that is not there yet.
         base::MutexLock lock(lane.lock);
-        if (safe > 0 && !m_spool.Confirm(lane.sink->Name(), messages[safe - 1].seq)) {
-            reason = "the cursor cannot be moved";
+        if (handed.safe > 0 && !m_spool.Confirm(lane.sink->Name(), messages[handed.safe - 1].seq)) {
+            outcome = base::SentenceError("the cursor cannot be moved");
         }
-        lane.delivered += safe;
-        if (safe == messages.size() && reason.empty()) {
+        lane.delivered += handed.safe;
+        if (outcome) {
             NoteSuccess(lane);
             return true;
         }
     }
-    return NoteFailure(lane, reason);
+    return NoteFailure(lane, outcome.GetError());
 }
 
-base::Error CEventDelivery::NoteFailure(Lane& lane, const std::string& reason) {
+base::Error CEventDelivery::NoteFailure(Lane& lane, const base::Error& error) {
+    const std::string reason = error.Text();
     base::MutexLock lock(lane.lock);
     ++lane.failures;
     if (lane.lastError != reason) {  // one line per failure, not per attempt
@@ -168,7 +169,7 @@ base::Error CEventDelivery::NoteFailure(Lane& lane, const std::string& reason) {
             reason.c_str());
     }
     lane.lastError = reason;
-    return base::SentenceError(reason);
+    return error;
 }
 
 void CEventDelivery::NoteSuccess(Lane& lane) {

@@ -54,7 +54,7 @@ private:
     /// One batch. Returns: whether there may be more. Errors: the sink failed; counted and logged already.
     base::Result<bool> DeliverSome(Lane& lane);
     /// Returns: the failure it has noted.
-    static base::Error NoteFailure(Lane& lane, const std::string& reason);
+    static base::Error NoteFailure(Lane& lane, const base::Error& error);
     static void NoteSuccess(Lane& lane) ZEL_REQUIRES(lane.lock);
     void RunKeeper();
     void Pause(unsigned int ms);

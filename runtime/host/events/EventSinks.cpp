@@ -12,11 +12,14 @@
 #include <cstdio>
 #include <cstring>
 
-#include "HttpService.h"
+#include "base/FileIo.h"
+#include "base/FilePath.h"
 #include "platform/zel/LogMessage.h"
 
 namespace zelhost {
 namespace {
+
+constexpr mode_t kFileMode = 0640;
 
 /// Length of the UTF-8 sequence at `at`, 0 when it is none.
 size_t Utf8Length(const std::string& text, size_t at) {
@@ -101,29 +104,23 @@ std::string MessageJson(const SpoolMessage& message, const std::string& process)
 CJsonLinesSink::CJsonLinesSink(std::string path, uint64_t maxBytes, unsigned int keep, std::string process)
     : m_path(std::move(path)), m_maxBytes(maxBytes), m_keep(keep), m_process(std::move(process)) {}
 
-bool CJsonLinesSink::OpenFile(std::string& reason) {
+base::Status CJsonLinesSink::OpenFile() {
     struct stat st {};
     // Somebody may have moved or removed the file under us (a log rotator): what counts is the name.
-    if (m_fd && lstat(m_path.c_str(), &st) == 0 && st.st_ino == m_inode) return true;
+    if (m_fd && lstat(m_path.c_str(), &st) == 0 && st.st_ino == m_inode) return {};
     m_fd.Reset();
-    if (!MakeDirectories(DirectoryOf(m_path), reason)) return false;
-    m_fd.Reset(open(m_path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0640));
-    if (!m_fd || fstat(m_fd.Get(), &st) != 0) {
-        reason = "cannot open " + m_path + ": " + base::ErrnoText(errno);
-        m_fd.Reset();
-        return false;
-    }
-    if (!S_ISREG(st.st_mode)) {
-        reason = m_path + " is not a regular file";
-        m_fd.Reset();
-        return false;
-    }
+    const base::Status made = base::MakeDirectories(base::DirectoryOf(m_path));
+    if (!made) return made;
+    base::Result<base::Fd> fd = base::OpenForAppending(AT_FDCWD, m_path, kFileMode);
+    if (!fd) return fd.GetError();
+    if (fstat(fd->Get(), &st) != 0) return base::ErrnoError(errno, "open", m_path);
+    m_fd = std::move(*fd);
     m_inode = st.st_ino;
     m_size = static_cast<uint64_t>(st.st_size);
-    return CutTornLine(reason);
+    return CutTornLine();
 }
 
-bool CJsonLinesSink::CutTornLine(std::string& reason) {
+base::Status CJsonLinesSink::CutTornLine() {
     uint64_t keep = m_size;
     char buffer[4096];
     while (keep > 0) {
@@ -137,33 +134,42 @@ bool CJsonLinesSink::CutTornLine(std::string& reason) {
         }
         keep = from;
     }
-    if (keep == m_size) return true;
-    if (ftruncate(m_fd.Get(), static_cast<off_t>(keep)) != 0) {
-        reason = "cannot cut " + m_path + ": " + base::ErrnoText(errno);
-        return false;
-    }
+    if (keep == m_size) return {};
+    if (ftruncate(m_fd.Get(), static_cast<off_t>(keep)) != 0) return base::ErrnoError(errno, "cut", m_path);
     m_size = keep;
-    return true;
+    return {};
 }
 
-void CJsonLinesSink::Rotate() {
+base::Status CJsonLinesSink::Rotate() {
     m_fd.Reset();
-    if (m_keep == 0) {
-        unlink(m_path.c_str());
-        return;
-    }
+    if (m_keep == 0) return base::RemoveFile(m_path);
     for (unsigned int i = m_keep; i > 1; --i) {
-        std::rename((m_path + "." + std::to_string(i - 1)).c_str(), (m_path + "." + std::to_string(i)).c_str());
+        // Ignoring a generation that is not there, or cannot make room: the younger one takes its place then.
+        static_cast<void>(base::RenameFile(m_path + "." + std::to_string(i - 1), m_path + "." + std::to_string(i)));
     }
-    std::rename(m_path.c_str(), (m_path + ".1").c_str());
+    return base::RenameFile(m_path, m_path + ".1");
 }
 
-size_t CJsonLinesSink::Deliver(const std::vector<SpoolMessage>& messages, std::string& reason) {
+base::Status CJsonLinesSink::Write(const std::string& text) {
+    base::Status written = base::WriteAll(m_fd, text, m_path);
+    if (written && fdatasync(m_fd.Get()) != 0) written = base::ErrnoError(errno, "write", m_path);
+    if (written) {
+        m_size += text.size();
+    } else if (ftruncate(m_fd.Get(), static_cast<off_t>(m_size)) != 0) {
+        // What got in could not be taken back, and the same messages come again: opening cuts off a torn line.
+        m_fd.Reset();
+    }
+    return written;
+}
+
+Handover CJsonLinesSink::Deliver(const std::vector<SpoolMessage>& messages) {
     size_t safe = 0;
     for (size_t next = 0; next < messages.size();) {
-        if (!OpenFile(reason)) return safe;
+        const base::Status opened = OpenFile();
+        if (!opened) return {safe, opened};
         if (m_size > 0 && m_size >= m_maxBytes) {
-            Rotate();
+            const base::Status rotated = Rotate();
+            if (!rotated) return {safe, rotated};
             continue;
         }
         std::string text;
@@ -171,17 +177,11 @@ size_t CJsonLinesSink::Deliver(const std::vector<SpoolMessage>& messages, std::s
             text += MessageJson(messages[next++], m_process) + "\n";
         }
         if (text.empty()) text = MessageJson(messages[next++], m_process) + "\n";
-        const bool written = WriteAll(m_fd.Get(), text.data(), text.size()) && fdatasync(m_fd.Get()) == 0;
-        if (!written) {
-            reason = "cannot write " + m_path + ": " + base::ErrnoText(errno);
-            // What got in is taken back: the same messages come again.
-            if (ftruncate(m_fd.Get(), static_cast<off_t>(m_size)) != 0) m_fd.Reset();
-            return safe;
-        }
-        m_size += text.size();
+        const base::Status written = Write(text);
+        if (!written) return {safe, written};
         safe = next;
     }
-    return safe;
+    return {safe, {}};
 }
 
 // --- syslog ---
@@ -189,8 +189,8 @@ size_t CJsonLinesSink::Deliver(const std::vector<SpoolMessage>& messages, std::s
 CSyslogSink::CSyslogSink(std::string process) : m_process(std::move(process)) {}
 CSyslogSink::~CSyslogSink() = default;
 
-bool CSyslogSink::Connect(std::string& reason) {
-    if (m_socket) return true;
+base::Status CSyslogSink::Connect() {
+    if (m_socket) return {};
     // syslog(3) itself cannot tell that nobody listens, and openlog belongs to the host: so the socket directly.
     base::Fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
@@ -199,29 +199,32 @@ bool CSyslogSink::Connect(std::string& reason) {
     timeval limit{2, 0};
     if (!fd || setsockopt(fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0 ||
         connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        reason = "no syslog daemon at /dev/log: " + base::ErrnoText(errno);
-        return false;
+        return base::SentenceError("no syslog daemon at /dev/log: " + base::ErrnoText(errno));
     }
     m_socket = std::move(fd);
-    return true;
+    return {};
 }
 
-size_t CSyslogSink::Deliver(const std::vector<SpoolMessage>& messages, std::string& reason) {
+base::Status CSyslogSink::Send(const SpoolMessage& message) {
     // RFC 3164 asks for lines that daemons take whole; the journal and rsyslog take 8 KiB.
     constexpr size_t kMostBytes = 8000;
+    const base::Status connected = Connect();
+    if (!connected) return connected;
+    std::string line = "<" + std::to_string(LOG_DAEMON | LOG_WARNING) + ">" + m_process + "[" +
+                       std::to_string(getpid()) + "]: " + message.id + " " + message.type + " " + OneLine(message.body);
+    if (line.size() > kMostBytes) line.resize(kMostBytes);
+    if (send(m_socket.Get(), line.data(), line.size(), MSG_NOSIGNAL) >= 0) return {};
+    const int error = errno;
+    m_socket.Reset();
+    return base::SentenceError("syslog: " + base::ErrnoText(error));
+}
+
+Handover CSyslogSink::Deliver(const std::vector<SpoolMessage>& messages) {
     for (size_t i = 0; i < messages.size(); ++i) {
-        if (!Connect(reason)) return i;
-        const SpoolMessage& m = messages[i];
-        std::string line = "<" + std::to_string(LOG_DAEMON | LOG_WARNING) + ">" + m_process + "[" +
-                           std::to_string(getpid()) + "]: " + m.id + " " + m.type + " " + OneLine(m.body);
-        if (line.size() > kMostBytes) line.resize(kMostBytes);
-        if (send(m_socket.Get(), line.data(), line.size(), MSG_NOSIGNAL) < 0) {
-            reason = "syslog: " + base::ErrnoText(errno);
-            m_socket.Reset();
-            return i;
-        }
+        const base::Status sent = Send(messages[i]);
+        if (!sent) return {i, sent};
     }
-    return messages.size();
+    return {messages.size(), {}};
 }
 
 // --- HTTP ---
@@ -229,35 +232,38 @@ size_t CSyslogSink::Deliver(const std::vector<SpoolMessage>& messages, std::stri
 CHttpSink::CHttpSink(const DeliveryOptions& options, std::string process)
     : m_options(options), m_process(std::move(process)) {}
 
-size_t CHttpSink::Deliver(const std::vector<SpoolMessage>& messages, std::string& reason) {
+HttpResult CHttpSink::Post(const SpoolMessage& message) const {
+    HttpRequest request;
+    request.url = m_options.httpUrl;
+    request.body = MessageJson(message, m_process) + "\n";
+    request.caFile = m_options.httpCaFile;
+    request.verifyTls = m_options.httpVerifyTls;
+    request.timeoutMs = m_options.httpTimeoutMs;
+    request.headers.push_back("Idempotency-Key: " + message.id);
+    if (!m_options.httpHeader.empty()) request.headers.push_back(m_options.httpHeader);
+    return CHttpService::Instance().Post(request);
+}
+
+bool CHttpSink::IsHopeless(const SpoolMessage& message, const HttpResult& result) {
+    const bool refused = result.status == 400 || result.status == 413 || result.status == 415 || result.status == 422;
+    if (!refused) return false;
+    m_refusals = m_refusedSeq == message.seq ? m_refusals + 1 : 1;
+    m_refusedSeq = message.seq;
+    return m_refusals >= kMostRefusals;
+}
+
+Handover CHttpSink::Deliver(const std::vector<SpoolMessage>& messages) {
     for (size_t i = 0; i < messages.size(); ++i) {
-        const SpoolMessage& message = messages[i];
-        HttpRequest request;
-        request.url = m_options.httpUrl;
-        request.body = MessageJson(message, m_process) + "\n";
-        request.caFile = m_options.httpCaFile;
-        request.verifyTls = m_options.httpVerifyTls;
-        request.timeoutMs = m_options.httpTimeoutMs;
-        request.headers.push_back("Idempotency-Key: " + message.id);
-        if (!m_options.httpHeader.empty()) request.headers.push_back(m_options.httpHeader);
-        const HttpResult result = CHttpService::Instance().Post(request);
+        const HttpResult result = Post(messages[i]);
         if (result.ok) continue;
-        const bool refused =
-            result.status == 400 || result.status == 413 || result.status == 415 || result.status == 422;
-        if (refused) {
-            m_refusals = m_refusedSeq == message.seq ? m_refusals + 1 : 1;
-            m_refusedSeq = message.seq;
+        if (!IsHopeless(messages[i], result)) {
+            return {i, base::SentenceError(m_options.httpUrl + ": " + result.error)};
         }
-        if (refused && m_refusals >= kMostRefusals) {
-            zel::CLogMessage::GetInstance()->log(zel::kLogError, "EventSinks", __LINE__,
-                                                 "message %s is given up: %s refuses it with %ld", message.id.c_str(),
-                                                 m_options.httpUrl.c_str(), result.status);
-            continue;
-        }
-        reason = m_options.httpUrl + ": " + result.error;
-        return i;
+        zel::CLogMessage::GetInstance()->log(zel::kLogError, "EventSinks", __LINE__,
+                                             "message %s is given up: %s refuses it with %ld", messages[i].id.c_str(),
+                                             m_options.httpUrl.c_str(), result.status);
     }
-    return messages.size();
+    return {messages.size(), {}};
 }
 
 }  // namespace zelhost

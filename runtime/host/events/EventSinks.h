@@ -2,13 +2,17 @@
 // one thread.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "HttpService.h"
+#include "base/Fd.h"
+#include "base/Result.h"
 #include "events/EventSpool.h"
-#include "SecureFile.h"
 #include "platform/host/HostRecords.h"
 
 namespace zelhost {
@@ -16,13 +20,18 @@ namespace zelhost {
 /// One message as one JSON object without a line end. Keys in fixed order; bytes that are no UTF-8 become U+FFFD.
 std::string MessageJson(const SpoolMessage& message, const std::string& process);
 
+/// What became of messages that a sink was handed.
+struct Handover {
+    size_t safe = 0;    ///< how many of the first ones are safely there
+    base::Status rest;  ///< why not all of them
+};
+
 class IEventSink {
 public:
     virtual ~IEventSink() = default;
     virtual std::string Name() const = 0;
-    /// Hands over messages in order. Returns: how many of the first ones are safely there; fewer than all is a
-    /// failure with its reason. The rest is handed over again later.
-    virtual size_t Deliver(const std::vector<SpoolMessage>& messages, std::string& reason) = 0;
+    /// Hands over messages in order. What is not safely there is handed over again later.
+    virtual Handover Deliver(const std::vector<SpoolMessage>& messages) = 0;
     /// Messages that a sink may be handed at once.
     virtual size_t BatchSize() const = 0;
 };
@@ -32,14 +41,15 @@ class CJsonLinesSink final : public IEventSink {
 public:
     CJsonLinesSink(std::string path, uint64_t maxBytes, unsigned int keep, std::string process);
     std::string Name() const override { return "jsonl"; }
-    size_t Deliver(const std::vector<SpoolMessage>& messages, std::string& reason) override;
+    Handover Deliver(const std::vector<SpoolMessage>& messages) override;
     size_t BatchSize() const override { return 256; }
 
 private:
-    bool OpenFile(std::string& reason);
+    base::Status OpenFile();
     /// Cuts off what a crash left of a line; the spool still has it whole.
-    bool CutTornLine(std::string& reason);
-    void Rotate();
+    base::Status CutTornLine();
+    base::Status Write(const std::string& text);
+    base::Status Rotate();
 
     const std::string m_path;
     const uint64_t m_maxBytes;
@@ -56,11 +66,12 @@ public:
     explicit CSyslogSink(std::string process);
     ~CSyslogSink() override;
     std::string Name() const override { return "syslog"; }
-    size_t Deliver(const std::vector<SpoolMessage>& messages, std::string& reason) override;
+    Handover Deliver(const std::vector<SpoolMessage>& messages) override;
     size_t BatchSize() const override { return 64; }
 
 private:
-    bool Connect(std::string& reason);
+    base::Status Connect();
+    base::Status Send(const SpoolMessage& message);
     const std::string m_process;
     base::Fd m_socket;
 };
@@ -70,13 +81,17 @@ class CHttpSink final : public IEventSink {
 public:
     CHttpSink(const DeliveryOptions& options, std::string process);
     std::string Name() const override { return "http"; }
-    size_t Deliver(const std::vector<SpoolMessage>& messages, std::string& reason) override;
+    Handover Deliver(const std::vector<SpoolMessage>& messages) override;
     size_t BatchSize() const override { return 16; }
 
     /// A message that the endpoint refuses as wrong this many times in a row is given up, lest it hold up the rest.
     static constexpr unsigned int kMostRefusals = 3;
 
 private:
+    HttpResult Post(const SpoolMessage& message) const;
+    /// Returns: whether the endpoint has refused this very message as wrong often enough.
+    bool IsHopeless(const SpoolMessage& message, const HttpResult& result);
+
     const DeliveryOptions m_options;
     const std::string m_process;
     int64_t m_refusedSeq = 0;

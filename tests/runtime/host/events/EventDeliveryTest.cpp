@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <random>
@@ -112,6 +113,24 @@ TEST_F(EventDeliveryTest, FileIsRotatedAndItsGenerationsAreBounded) {
         for (const auto& body : Field(m_dir / name, "body")) bodies.push_back(body);
     }
     for (size_t i = 0; i < bodies.size(); ++i) EXPECT_EQ(bodies[i], "m" + std::to_string(60 - bodies.size() + i));
+}
+
+TEST_F(EventDeliveryTest, ARotationThatFailsIsTriedAgainAtItsOwnPace) {
+    DeliveryOptions options = Options();
+    options.jsonLinesMaxBytes = 1;
+    options.jsonLinesKeep = 1;
+    support::WriteText(m_dir / "log/e.jsonl", "{\"body\":\"old\"}\n");
+    support::WriteText(m_dir / "log/e.jsonl.1/in the way", "");
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    delivery.SendMsg("T", "new", "", 1, 0);
+    ASSERT_TRUE(WaitUntil([&] { return delivery.Stats().sinks[0].failures >= 1; }));
+    EXPECT_THAT(delivery.Stats().sinks[0].lastError, testing::HasSubstr("e.jsonl.1"));
+    EXPECT_EQ(delivery.Stats().spooled, 1u);
+    std::filesystem::remove_all(m_dir / "log/e.jsonl.1");
+    ASSERT_TRUE(delivery.Flush(20000));
+    EXPECT_EQ(Field(m_dir / "log/e.jsonl", "body"), Lines{"new"});
+    EXPECT_EQ(Field(m_dir / "log/e.jsonl.1", "body"), Lines{"old"});
 }
 
 TEST_F(EventDeliveryTest, AFileThatWasMovedAwayIsMadeAnew) {
