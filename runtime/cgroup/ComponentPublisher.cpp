@@ -8,7 +8,7 @@
 
 #include "AgentTree.h"
 #include "LimitPlan.h"
-#include "TreeFacts.h"
+#include "Limits.h"
 #include "platform/zel/AgentNames.h"
 
 namespace zel {

@@ -3,17 +3,12 @@
 // The module's configuration threads and the statistics provider enter it.
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <mutex>
 #include <string>
-#include <vector>
 
-#include "GroupDir.h"
-#include "Hierarchy.h"
-#include "LimitUnits.h"
-#include "ProcessTable.h"
 #include "Errors.h"
+#include "LegacyGroup.h"
+#include "Membership.h"
+#include "base/Mutex.h"
 #include "platform/zel/ResourceLimitUtil.h"
 
 namespace zel {
@@ -39,13 +34,6 @@ enum LegacyCode : int {
 
 /// What an error means to the module.
 int LegacyCodeOf(const Error& error);
-
-struct LegacyOptions {
-    std::string groupName;       ///< a safe name; the group's
-    std::string treeName;        ///< name of the unified tree: processes in it are left there
-    std::string applicationDir;  ///< executables in it are the agent's
-    std::function<Result<LayoutTexts>()> readLayout = ReadLayoutTexts;
-};
 
 /// Thread-safety: every operation locks inside.
 /// Lifetime: destroying it moves nothing and removes nothing.
@@ -75,46 +63,20 @@ public:
     bool IsV2Runtime(Controller controller);
 
 private:
-    /// One controller's part.
-    struct Half {
-        explicit Half(Controller which) : controller(which) {}
-        Controller controller;
-        bool started = false;
-        Hierarchy hierarchy;
-        Placement placement;
-        GroupDir group;
-        std::string originalPath;  ///< where this process was before it joined; empty: unknown
-        CpuQuota quota;
-        int64_t hardBytes = kUnlimited;
-        int64_t softBytes = kUnlimited;
-    };
-
-    // All below require m_mutex.
-    Half& Other(const Half& half) { return half.controller == Controller::kCpu ? m_mem : m_cpu; }
-    Status Attach(Half& half, bool make);
-    Status ApplyLimit(const Half& half);
-    Status LiftLimit(const Half& half);
-    Status JoinSelf(Half& half);
-    void JoinDescendants(const Half& half);
-    Status StartOnce(Half& half);
-    int Start(Half& half, int& error);
-    int Stop(Half& half, int& error);
-    Status Leave(Half& half, bool wasStarted);
-    Status MoveBack(Half& half, int pid);
-    void RemoveIfUnused(Half& half, bool mayLift);
-    void Sync(Half& half);
-    bool InForce(const Half& half) const;
-    bool SharesGroup(const Half& half);
-    bool IsInTree(const std::string& groupPath) const;
-    std::vector<int> Foreign(const Half& half) const;
-    int Fail(const Error& cause, const char* what, int code, int& error);
+    int Start(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
+    int Stop(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
+    void Sync(LegacyGroup& group) ZEL_REQUIRES(m_mutex);
+    LegacyGroup& Of(Controller controller) ZEL_REQUIRES(m_mutex);
+    /// Returns: whether the other controller's limit is started on version 2.
+    bool IsOtherOnV2(const LegacyGroup& group) ZEL_REQUIRES(m_mutex);
 
     const LegacyOptions m_options;
-    std::mutex m_mutex;
-    Half m_cpu{Controller::kCpu};
-    Half m_mem{Controller::kMemory};
-    std::string m_excludeRanges;
-    std::string m_excludePrefixes;
+    base::Mutex m_mutex;
+    Membership m_membership ZEL_GUARDED_BY(m_mutex);
+    LegacyGroup m_cpu ZEL_GUARDED_BY(m_mutex);
+    LegacyGroup m_mem ZEL_GUARDED_BY(m_mutex);
+    std::string m_excludeRanges ZEL_GUARDED_BY(m_mutex);
+    std::string m_excludePrefixes ZEL_GUARDED_BY(m_mutex);
 };
 
 }  // namespace cgroup

@@ -228,6 +228,24 @@ Status ApplyMemSoftLimit(const GroupDir& group, int64_t bytes) {
                      "the kernel shows " + LimitText(*now));
 }
 
+Result<Limit> ReadLimit(Controller controller, const GroupDir& group) {
+    Limit out;
+    if (controller == Controller::kCpu) {
+        Result<CpuQuota> quota = ReadCpuQuota(group);
+        if (!quota) return quota.GetError();
+        out.cpu = *quota;
+    } else {
+        Result<MemLimit> limit = ReadMemLimit(group);
+        if (!limit) return limit.GetError();
+        out.bytes = limit->hardBytes;
+    }
+    return out;
+}
+
+Status ApplyLimit(Controller controller, const GroupDir& group, const Limit& limit) {
+    return controller == Controller::kCpu ? ApplyCpuQuota(group, limit.cpu) : ApplyMemHardLimit(group, limit.bytes);
+}
+
 Status EnsureMemHierarchical(const GroupDir& group) {
     if (group.GetVersion() != Version::kV1 || !group.HasFile(v1::kMemUseHierarchy)) return {};
     Result<int64_t> now = group.ReadNumber(v1::kMemUseHierarchy);

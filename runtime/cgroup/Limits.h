@@ -23,6 +23,10 @@ Result<CpuQuota> ReadCpuQuota(const GroupDir& group);
 /// On failure: the old limit stays, except for kNotInForce.
 Status ApplyCpuQuota(const GroupDir& group, const CpuQuota& quota);
 
+/// Reads and writes the hard limit of either controller.
+Result<Limit> ReadLimit(Controller controller, const GroupDir& group);
+Status ApplyLimit(Controller controller, const GroupDir& group, const Limit& limit);
+
 /// Counters of cpu.stat. Version 1 has no usage there: it is read from cpuacct.usage when co-mounted, else -1.
 struct CpuCounters {
     int64_t periods = 0;

@@ -3,7 +3,6 @@
 
 #include <utility>
 
-#include "CgroupFiles.h"
 #include "Limits.h"
 #include "OwnGroup.h"
 
@@ -70,10 +69,6 @@ OpenTreeFacts ReadTree(GroupDir tree, const Flags& serves, int depth, const std:
         for (OwnChild& leaf : *leaves) AddNode(out, std::move(leaf.dir), group.name, leaf.name);
     }
     return out;
-}
-
-Status ApplyLimit(Controller controller, const GroupDir& group, const Limit& limit) {
-    return controller == Controller::kCpu ? ApplyCpuQuota(group, limit.cpu) : ApplyMemHardLimit(group, limit.bytes);
 }
 
 bool IsHopeless(const Error& error) {

@@ -27,9 +27,6 @@ GroupFacts ReadGroupFacts(const GroupDir& dir, const Flags& serves);
 /// `without`. `depth`: 0 for the parent alone, 1 with the groups, 2 with their leaves.
 OpenTreeFacts ReadTree(GroupDir tree, const Flags& serves, int depth, const std::set<std::string>& without = {});
 
-/// Writes one limit and reads it back.
-Status ApplyLimit(Controller controller, const GroupDir& group, const Limit& limit);
-
 /// Nothing else in the same hierarchy will succeed after such an error.
 bool IsHopeless(const Error& error);
 

@@ -17,6 +17,7 @@
 
 #include "FailingCalls.h"
 #include "Limits.h"
+#include "ProcessTable.h"
 #include "RealKernel.h"
 #include "RecordedLog.h"
 

@@ -1,0 +1,259 @@
+// Making the legacy group, filling it, emptying it.
+#include "LegacyGroup.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+#include "Limits.h"
+#include "ProcessTable.h"
+#include "platform/zel/LogMessage.h"
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+constexpr int kLeaveRounds = 4;
+constexpr int kRemoveAttempts = 5;
+constexpr useconds_t kRemovePauseUs = 2000;
+
+int Self() {
+    return static_cast<int>(getpid());
+}
+
+std::string LimitText(Controller controller, const Limit& limit) {
+    char text[160] = {};
+    if (controller == Controller::kCpu) {
+        const int hundredths = QuotaTo100Times(limit.cpu);
+        snprintf(text, sizeof text, "%d.%02d %% of one CPU (%lld us in %lld us)", hundredths / 100, hundredths % 100,
+                 static_cast<long long>(limit.cpu.quotaUs), static_cast<long long>(limit.cpu.periodUs));
+    } else {
+        snprintf(text, sizeof text, "%lld bytes", static_cast<long long>(limit.bytes));
+    }
+    return text;
+}
+
+}  // namespace
+
+void LogLegacy(int level, int line, const std::string& text) {
+    CLogMessage::GetInstance()->log(level, "LegacyLimit", line, "%s", text.c_str());
+}
+
+void LegacyGroup::Want(const Limit& limit, int64_t softBytes) {
+    m_limit = limit;
+    m_softBytes = softBytes;
+}
+
+std::string LegacyGroup::Text() const {
+    return LimitText(m_controller, m_limit) + " in " + m_group.Path() + ", " + m_hierarchy.reason + ", " +
+           m_placement.reason;
+}
+
+Territory LegacyGroup::Ours() const {
+    return {m_hierarchy, m_placement.PathOf(m_options.groupName)};
+}
+
+bool LegacyGroup::IsInTree(const std::string& groupPath) const {
+    if (m_options.treeName.empty()) return false;
+    // Wherever its base is: the part is looked for at the end or with more below it.
+    return (groupPath + "/").find("/" + m_options.treeName + "/") != std::string::npos;
+}
+
+// --- the group ------------------------------------------------------------------------------------------------------
+
+// What was attached stays until another group is.
+Status LegacyGroup::Attach(bool make) {
+    Result<LayoutTexts> texts = m_options.readLayout();
+    if (!texts) return texts.GetError();
+    Hierarchy hierarchy = FindHierarchy(m_controller, *texts);
+    Result<Placement> placement = FindPlacement(hierarchy, *texts);
+    if (!placement) return placement.GetError();
+    const GroupDir& base = placement->base;
+    Result<GroupDir> group = make ? base.MakeChild(m_options.groupName) : base.OpenChild(m_options.groupName);
+    if (!group) return group.GetError();
+    m_hierarchy = std::move(hierarchy);
+    m_placement = std::move(*placement);
+    m_group = std::move(*group);
+    return {};
+}
+
+Status LegacyGroup::PrepareForLimit() const {
+    Status prepared = PrepareBase(m_placement, m_controller, m_group);
+    if (!prepared) return prepared;
+    const char* file = LimitFileOf(m_controller, m_group.GetVersion());
+    if (m_group.HasFile(file) || !m_group.IsAlive()) return {};
+    return MakeError(ErrorKind::kNoController, "limit", m_group.Path(),
+                     std::string("the kernel offers no ") + file + " (CONFIG_CFS_BANDWIDTH, CONFIG_MEMCG)");
+}
+
+Status LegacyGroup::Apply(const Limit& limit, int64_t softBytes) const {
+    Status hard = ApplyLimit(m_controller, m_group, limit);
+    return hard && m_controller == Controller::kMemory ? ApplyMemSoftLimit(m_group, softBytes) : hard;
+}
+
+Status LegacyGroup::Lift() const {
+    return Apply(Limit(), kUnlimited);
+}
+
+Status LegacyGroup::StartAttached() {
+    Status status = PrepareForLimit();
+    if (status) status = Apply(m_limit, m_softBytes);
+    std::vector<Error> stranded;  // stays empty: one move has nothing to take back
+    if (status) status = m_membership.Join(Self(), {{Ours(), &m_group}}, stranded);
+    return status;
+}
+
+Status LegacyGroup::Start(bool otherOnV2) {
+    Status status = Attach(true);
+    if (status) status = StartAttached();
+    if (status) {
+        m_started = true;
+        JoinDescendants();
+    } else if (m_group.IsOpen() && !m_started && !IsShared(otherOnV2)) {
+        RemoveIfEmpty();
+    }
+    return status;
+}
+
+Status LegacyGroup::Adopt() {
+    return Attach(false);
+}
+
+void LegacyGroup::RemoveIfEmpty() const {
+    Status removed = m_placement.base.RemoveChild(m_options.groupName);
+    static_cast<void>(removed);  // kBusy: processes are in it, and they are not ours to move here
+}
+
+void LegacyGroup::Reset(bool forgetOrigin) {
+    if (forgetOrigin) m_membership.Forget(Self(), Ours());
+    m_started = false;
+    m_hierarchy = Hierarchy();
+    m_placement = Placement();
+    m_group = GroupDir();
+    m_limit = Limit();
+    m_softBytes = kUnlimited;
+}
+
+bool LegacyGroup::HoldsSelf() const {
+    Result<bool> inside = m_group.Contains(Self());
+    return inside && *inside;
+}
+
+bool LegacyGroup::IsInForce() const {
+    if (!m_started || !m_group.IsAlive() || !HoldsSelf()) return false;
+    Result<Limit> limit = ReadLimit(m_controller, m_group);
+    return limit && IsLimited(m_controller, *limit) && SameLimit(m_controller, *limit, m_limit);
+}
+
+// --- who is in it ---------------------------------------------------------------------------------------------------
+
+void LegacyGroup::JoinDescendants() const {
+    Result<std::vector<int>> members = m_group.Processes();
+    if (!members) return;
+    for (const ProcessEntry& entry : DescendantsOf(ReadProcessTable(), Self())) {
+        if (entry.pid == Self() || std::binary_search(members->begin(), members->end(), entry.pid)) continue;
+        Result<std::string> where = ReadGroupOf(entry.pid, m_hierarchy);
+        ProcessEntry now;
+        if (!where || IsInTree(*where) || !ReadProcess(entry.pid, now) || now.startTicks != entry.startTicks) continue;
+        Status moved = m_group.MoveHere(entry.pid);
+        if (!moved && moved.GetError().kind != ErrorKind::kNotFound) {
+            LogLegacy(kLogWarning, __LINE__, "child process left outside the legacy limit: " + moved.GetError().Text());
+        }
+    }
+}
+
+std::vector<int> LegacyGroup::Foreign() const {
+    std::vector<int> out;
+    Result<std::vector<int>> members = m_group.Processes();
+    if (!members || members->empty()) return out;
+    const std::vector<ProcessEntry> table = ReadProcessTable();
+    // The family's head: the topmost ancestor that is in the group.
+    int head = Self();
+    for (int pid : *members) {
+        if (pid != head && IsBelow(table, head, pid)) head = pid;
+    }
+    const std::string directory = m_options.applicationDir + "/";
+    const std::string program = ReadExecutable(Self());
+    for (int pid : *members) {
+        if (IsBelow(table, pid, head)) continue;
+        const std::string other = ReadExecutable(pid);
+        if (!other.empty() && other == program) continue;
+        if (directory.size() > 1 && other.compare(0, directory.size(), directory) == 0) continue;
+        out.push_back(pid);
+    }
+    return out;
+}
+
+// --- the end --------------------------------------------------------------------------------------------------------
+
+// Version 2: the base cannot hold processes while it gives controllers to its children. We gave them; they are taken
+// back, unless the unified tree uses them.
+Status LegacyGroup::ReturnToBase(int pid) const {
+    Status moved = m_placement.base.MoveHere(pid);
+    if (moved || moved.GetError().kind != ErrorKind::kBusy) return moved;
+    for (const Controller controller : kAllControllers) {
+        Status disabled = m_placement.base.DisableForChildren(ControllerName(controller));
+        if (!disabled) return disabled;
+    }
+    return m_placement.base.MoveHere(pid);
+}
+
+Status LegacyGroup::Leave(bool otherOnV2) {
+    const bool wasStarted = std::exchange(m_started, false);
+    if (!m_group.IsAlive()) return {};
+    if (IsShared(otherOnV2)) return Lift();
+    bool wasMember = wasStarted;
+    const Refuge refuge = [this](int pid) { return ReturnToBase(pid); };
+    for (int round = 0; round < kLeaveRounds; ++round) {
+        Result<std::vector<int>> members = m_group.Processes();
+        if (!members) return members.GetError();
+        int left = 0;
+        for (const ProcessEntry& entry : DescendantsOf(ReadProcessTable(), Self())) {
+            if (!std::binary_search(members->begin(), members->end(), entry.pid)) continue;
+            ++left;
+            wasMember = true;
+            Status moved = m_membership.SendBack(entry.pid, Self(), Ours(), refuge);
+            if (moved || moved.GetError().kind == ErrorKind::kNotFound) continue;
+            Status lifted = Lift();
+            if (!lifted) return lifted;
+            if (moved.GetError().kind != ErrorKind::kBusy) return moved;
+            LogLegacy(kLogInfo, __LINE__,
+                      "legacy limit lifted, the group stays: processes may not return to " + m_placement.base.Path());
+            return {};
+        }
+        if (left == 0) break;
+    }
+    RemoveIfUnused(wasMember);
+    return {};
+}
+
+void LegacyGroup::RemoveIfUnused(bool mayLift) const {
+    for (int attempt = 0; attempt < kRemoveAttempts; ++attempt) {
+        Status removed = m_placement.base.RemoveChild(m_options.groupName);
+        if (removed) return;
+        if (removed.GetError().kind != ErrorKind::kBusy) {
+            LogLegacy(kLogWarning, __LINE__, "legacy group left behind: " + removed.GetError().Text());
+            return;
+        }
+        Result<std::vector<int>> members = m_group.Processes();
+        if (members && !members->empty()) {
+            // The last process of the agent lifts the limit: what is left in the group is not ours to hold down.
+            if (mayLift && Foreign().size() == members->size()) LiftForOthers(members->size());
+            return;
+        }
+        usleep(kRemovePauseUs);
+    }
+}
+
+void LegacyGroup::LiftForOthers(size_t members) const {
+    Status lifted = Lift();
+    LogLegacy(kLogWarning, __LINE__,
+              "legacy group " + m_group.Path() + " kept, " + std::to_string(members) +
+                  " processes that are not the agent's are in it; its limit is " +
+                  (lifted ? "lifted" : "still on: " + lifted.GetError().Text()));
+}
+
+}  // namespace cgroup
+}  // namespace zel

@@ -1,0 +1,98 @@
+// One controller's part of the legacy limit: the group, its value, and who is in it.
+// Touches that one group, in the delegated subtree or at the hierarchy's root, and reads /proc.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "Errors.h"
+#include "GroupDir.h"
+#include "Hierarchy.h"
+#include "LimitUnits.h"
+#include "Membership.h"
+
+namespace zel {
+namespace cgroup {
+
+struct LegacyOptions {
+    std::string groupName;       ///< a safe name; the group's
+    std::string treeName;        ///< name of the unified tree: processes in it are left there
+    std::string applicationDir;  ///< executables in it are the agent's
+    std::function<Result<LayoutTexts>()> readLayout = ReadLayoutTexts;
+};
+
+/// One line of the legacy limit.
+void LogLegacy(int level, int line, const std::string& text);
+
+/// Thread-safety: none, the legacy limit locks.
+/// Lifetime: destroying it moves nothing and removes nothing. Keeps the group's descriptor while it is attached.
+/// Errors: returned; a line is logged only for what does not make the operation fail.
+class LegacyGroup {
+public:
+    LegacyGroup(const LegacyOptions& options, Controller controller, Membership& membership)
+        : m_options(options), m_controller(controller), m_membership(membership) {}
+
+    /// What the next start puts in force.
+    void Want(const Limit& limit, int64_t softBytes);
+
+    /// Makes the group, writes the value, and only then moves this process and its descendants: a process never sits in
+    /// the group without its limit. `otherOnV2`: the other controller's limit is started on version 2, so where this
+    /// one is on version 2, too, both are in one group.
+    Status Start(bool otherOnV2);
+    /// Opens a group of an earlier run, or one that this process was born into.
+    Status Adopt();
+    /// Moves this process and its descendants back and removes the group, or lifts its limit where others are in it, or
+    /// where the other controller's limit is in it, too.
+    Status Leave(bool otherOnV2);
+    /// Removes the group when it is empty already, and nothing else.
+    void RemoveIfEmpty() const;
+    /// Forgets the group, and with `forgetOrigin` where this process came from.
+    void Reset(bool forgetOrigin);
+
+    /// Moves children in that were forked before this process joined; one that the unified mode placed stays.
+    void JoinDescendants() const;
+
+    bool IsStarted() const { return m_started; }
+    bool IsAlive() const { return m_group.IsAlive(); }
+    bool IsV2() const { return m_hierarchy.version == Version::kV2; }
+    bool IsShared(bool otherOnV2) const { return IsV2() && otherOnV2; }
+    /// Returns: whether this process is in the group.
+    bool HoldsSelf() const;
+    /// Asked of the kernel: the group exists, this process is in it, and the value is what was asked for.
+    bool IsInForce() const;
+    /// Members that are not the agent's: not this process, not its family as far as it is in the group too, not a
+    /// process of the same program or of the application directory.
+    std::vector<int> Foreign() const;
+
+    Controller GetController() const { return m_controller; }
+    const std::string& Path() const { return m_group.Path(); }
+    /// Returns: "<limit> in <group>, <why there>".
+    std::string Text() const;
+
+private:
+    Status Attach(bool make);
+    Status PrepareForLimit() const;
+    Status StartAttached();
+    Status Apply(const Limit& limit, int64_t softBytes) const;
+    Status Lift() const;
+    Status ReturnToBase(int pid) const;
+    void RemoveIfUnused(bool mayLift) const;
+    void LiftForOthers(size_t members) const;
+    Territory Ours() const;
+    bool IsInTree(const std::string& groupPath) const;
+
+    const LegacyOptions& m_options;
+    const Controller m_controller;
+    Membership& m_membership;
+    bool m_started = false;
+    Hierarchy m_hierarchy;
+    Placement m_placement;
+    GroupDir m_group;
+    Limit m_limit;
+    int64_t m_softBytes = kUnlimited;
+};
+
+}  // namespace cgroup
+}  // namespace zel
