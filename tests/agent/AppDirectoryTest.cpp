@@ -8,21 +8,15 @@
 #include <cstdlib>
 
 #include "ExitCode.h"
+#include "support/Files.h"
 
 using namespace agent;
 
 namespace {
 class AppDirectoryTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char name[] = "/tmp/agentdirXXXXXX";
-        m_path = mkdtemp(name);
-    }
-    void TearDown() override {
-        std::string command = "rm -rf '" + m_path + "'";
-        ASSERT_EQ(0, system(command.c_str()));
-    }
-    std::string m_path;
+    support::TempDir m_directory;
+    const std::string m_path = m_directory.Path();
     std::string m_problem;
     std::string m_warning;
 };

@@ -4,23 +4,17 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
+
+#include "support/Files.h"
 
 using namespace agent;
 
 namespace {
 class EventTailTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char name[] = "/tmp/eventsXXXXXX";
-        int file = mkstemp(name);
-        ASSERT_GE(file, 0);
-        close(file);
-        m_path = name;
-    }
-    void TearDown() override { unlink(m_path.c_str()); }
-    void Write(const std::string& text) { std::ofstream(m_path, std::ios::binary) << text; }
-    std::string m_path;
+    void Write(const std::string& text) { ASSERT_TRUE(support::WriteText(m_path, text)); }
+    support::TempDir m_directory;
+    const std::string m_path = m_directory / "events";
 };
 }  // namespace
 

@@ -9,6 +9,7 @@
 #include <ctime>
 
 #include "platform/zel/ToolUtil.h"
+#include "support/Files.h"
 
 using namespace agent;
 
@@ -17,14 +18,6 @@ namespace {
 /// A supervisor over a shell that stands in for the agent program: it ignores the agent's arguments.
 class SupervisorTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char name[] = "/tmp/supervisorXXXXXX";
-        m_path = mkdtemp(name);
-    }
-    void TearDown() override {
-        std::string command = "rm -rf '" + m_path + "'";
-        ASSERT_EQ(0, system(command.c_str()));
-    }
     std::unique_ptr<Supervisor> Make(const std::string& script) {
         return std::make_unique<Supervisor>("/bin/sh", std::vector<std::string>{"-c", script},
                                             m_path + "/restarts.json",
@@ -37,7 +30,8 @@ protected:
             zel::CToolUtil::msleep(10);
         }
     }
-    std::string m_path;
+    support::TempDir m_directory;
+    const std::string m_path = m_directory.Path();
     std::vector<ComponentEnd> m_ends;
 };
 

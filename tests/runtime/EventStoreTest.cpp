@@ -20,8 +20,9 @@
 #include <string>
 #include <vector>
 
-#include "HostTricks.h"
 #include "platform/zel/LogControl.h"
+#include "support/Files.h"
+#include "support/HostTricks.h"
 
 namespace {
 /// The time that the library is told, while not 0: its calls of time() find the definition below before libc's.
@@ -38,6 +39,9 @@ extern "C" __attribute__((visibility("default"))) time_t time(time_t* out) noexc
 
 namespace {
 
+using support::Exists;
+using support::ReadText;
+using support::WriteText;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
@@ -60,10 +64,7 @@ public:
 class EventStoreTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char name[] = "/tmp/zel-event-store-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(name));
-        m_directory = name;
-        setenv("ZEL_APP_DIR", name, 1);
+        setenv("ZEL_APP_DIR", m_directory.c_str(), 1);
         setenv("TZ", "UTC", 1);
         tzset();
         g_now = 1767268800;  // 2026-01-01 12:00:00 UTC
@@ -81,7 +82,7 @@ protected:
             unlink(path.c_str());
         }
         rmdir(Last().c_str());
-        EXPECT_EQ(0, rmdir(m_directory.c_str())) << "something else was left behind";
+        EXPECT_THAT(support::NamesIn(m_directory), IsEmpty()) << "something else was left behind";
         g_now = 0;
     }
 
@@ -137,15 +138,6 @@ protected:
         return answer;
     }
 
-    static void Write(const std::string& path, const std::string& bytes) {
-        std::ofstream(path, std::ios::binary) << bytes;
-    }
-    static std::string Read(const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    static bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
-
     /// A store whose first rotation is behind it, with one row.
     void Begin(StoreProbe& store, int eventTime = 1) {
         ASSERT_TRUE(store.InsertData(OS_ABNORMAL_MEMORY, eventTime, "", "first"));
@@ -156,7 +148,8 @@ protected:
         return ::OnSmallDisk(m_directory, options, body);
     }
 
-    std::string m_directory;
+    const support::TempDir m_temp;
+    const std::string m_directory = m_temp.Path();
 };
 
 }  // namespace
@@ -243,7 +236,7 @@ TEST_F(EventStoreTest, SecondEventOfASecondIsRefusedAndTheFirstStays) {
 TEST_F(EventStoreTest, LastFileThatStaysStopsTheStoreUntilItGoes) {
     StoreProbe store;
     Begin(store, 1);
-    Write(Last(), "yesterday");
+    WriteText(Last(), "yesterday");
     store.m_dayOfMonth = 0;  // as after midnight
     // The directory takes no writes from its ordinary owner, so nothing in it can be removed; root becomes such an
     // owner.
@@ -259,7 +252,7 @@ TEST_F(EventStoreTest, LastFileThatStaysStopsTheStoreUntilItGoes) {
             EXPECT_EQ(0, store.m_dayOfMonth);
             EXPECT_FALSE(store.IsOpen());
         }
-        EXPECT_EQ("yesterday", Read(Last()));
+        EXPECT_EQ("yesterday", ReadText(Last()));
         EXPECT_THAT(Rows(Current()), ElementsAre("1|1||first"));
 
         ASSERT_EQ(0, chmod(m_directory.c_str(), 0700));
@@ -275,12 +268,12 @@ TEST_F(EventStoreTest, DirectoryAsLastFileLeavesRowsWhereTheyAre) {
     Begin(store, 1);
     // No regular file, so nothing is removed; and the rename cannot replace it, which is no failure.
     ASSERT_EQ(0, mkdir(Last().c_str(), 0700));
-    Write(Last() + "/kept", "x");
+    WriteText(Last() + "/kept", "x");
     store.m_dayOfMonth = 0;
     EXPECT_TRUE(store.InsertData(OS_ABNORMAL_MEMORY, 2, "", "second"));
     EXPECT_EQ(1, store.m_dayOfMonth);
     EXPECT_THAT(Rows(Current()), ElementsAre("1|1||first", "2|1||second"));
-    EXPECT_EQ("x", Read(Last() + "/kept"));
+    EXPECT_EQ("x", ReadText(Last() + "/kept"));
     EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
@@ -319,15 +312,15 @@ TEST_F(EventStoreTest, FileThatIsNoDatabaseIsRefusedUntilRotation) {
     StoreProbe store;
     Begin(store, 1);
     const std::string garbage(8192, 'g');
-    Write(Current(), garbage);
+    WriteText(Current(), garbage);
     EXPECT_FALSE(store.InsertData(OS_ABNORMAL_MEMORY, 2, "", ""));
     EXPECT_THAT(TakeLog(), ElementsAre(EndsWith("open os abnormal db fail, error is " + std::to_string(SQLITE_NOTADB)),
                                        EndsWith("save obnormal event to db fail when open db")));
     EXPECT_FALSE(store.IsOpen());
-    EXPECT_EQ(garbage, Read(Current())) << "left for somebody to look at";
+    EXPECT_EQ(garbage, ReadText(Current())) << "left for somebody to look at";
     store.m_dayOfMonth = 0;
     EXPECT_TRUE(store.InsertData(OS_ABNORMAL_MEMORY, 3, "", "new file"));
-    EXPECT_EQ(garbage, Read(Last()));
+    EXPECT_EQ(garbage, ReadText(Last()));
     EXPECT_THAT(Rows(Current()), ElementsAre("3|1||new file"));
     EXPECT_THAT(TakeLog(), IsEmpty());
 }
@@ -335,10 +328,10 @@ TEST_F(EventStoreTest, FileThatIsNoDatabaseIsRefusedUntilRotation) {
 TEST_F(EventStoreTest, DatabaseWithADamagedTableFailsTheInsertOnly) {
     StoreProbe store;
     Begin(store, 1);
-    std::string bytes = Read(Current());
+    std::string bytes = ReadText(Current());
     ASSERT_GT(bytes.size(), 4096u);
     for (size_t i = 4096; i < bytes.size(); ++i) bytes[i] = '\xff';  // all pages but the first, which lists the tables
-    Write(Current(), bytes);
+    WriteText(Current(), bytes);
     EXPECT_FALSE(store.InsertData(OS_ABNORMAL_MEMORY, 2, "", ""));
     EXPECT_THAT(TakeLog(),
                 ElementsAre(EndsWith("insert os abnormal value fail, error is " + std::to_string(SQLITE_CORRUPT))));
@@ -360,14 +353,14 @@ TEST_F(EventStoreTest, LinkInThePlaceOfTheFileIsNotFollowed) {
     StoreProbe store;
     Begin(store, 1);
     ASSERT_EQ(0, unlink(Current().c_str()));
-    Write(Elsewhere(), "");
+    WriteText(Elsewhere(), "");
     ASSERT_EQ(0, symlink(Elsewhere().c_str(), Current().c_str()));
     EXPECT_FALSE(store.InsertData(OS_ABNORMAL_MEMORY, 2, "", ""));
     const Strings log = TakeLog();
     EXPECT_THAT(log, ElementsAre(HasSubstr("open os abnormal db fail, error is "),
                                  EndsWith("save obnormal event to db fail when open db")));
     EXPECT_EQ('4', log[0][0]);
-    EXPECT_EQ("", Read(Elsewhere()));
+    EXPECT_EQ("", ReadText(Elsewhere()));
 }
 
 TEST_F(EventStoreTest, MissingApplicationDirectoryIsAFailedOpen) {

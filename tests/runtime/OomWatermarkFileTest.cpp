@@ -12,8 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "HostTricks.h"
 #include "abnormal/OomWatermark.h"
+#include "support/Files.h"
+#include "support/HostTricks.h"
 
 namespace {
 
@@ -35,16 +36,11 @@ Snapshot AllAt(int64_t value, int groups = 40) {
 
 class OomWatermarkFileTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char name[] = "/tmp/zel-watermark-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(name));
-        m_directory = name;
-    }
     void TearDown() override {
         for (const char* file : {"/w", "/w.tmp", "/w.tmp.new", "/elsewhere", "/filler"}) {
             unlink((m_directory + file).c_str());
         }
-        EXPECT_EQ(0, rmdir(m_directory.c_str())) << "something else was left behind";
+        EXPECT_TRUE(support::NamesIn(m_directory).empty()) << "something else was left behind";
     }
 
     std::string Path() const { return m_directory + "/w"; }
@@ -61,7 +57,8 @@ protected:
         return map.size() == 40 ? value : -2;
     }
 
-    std::string m_directory;
+    const support::TempDir m_temp;
+    const std::string m_directory = m_temp.Path();
 };
 
 }  // namespace

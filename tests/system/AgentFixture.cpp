@@ -3,7 +3,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -25,7 +24,6 @@ namespace agenttest {
 
 namespace {
 
-constexpr int kPollMs = 25;
 constexpr int kTreeDepth = 4;
 
 std::string ProgramPath(const char* built, const char* name) {
@@ -46,10 +44,6 @@ std::string MountOf(const std::string& controller) {
     return "";
 }
 
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
-    return remove(path);
-}
-
 void CollectGroups(const std::string& path, int depth, std::vector<std::string>& all) {
     if (depth > 0) {
         for (const std::string& name : ChildrenOf(path)) CollectGroups(path + "/" + name, depth - 1, all);
@@ -58,24 +52,6 @@ void CollectGroups(const std::string& path, int depth, std::vector<std::string>&
 }
 
 }  // namespace
-
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-int WriteText(const std::string& path, const std::string& text) {
-    int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640);
-    if (file < 0) return errno;
-    ssize_t written = write(file, text.data(), text.size());
-    int error = written == static_cast<ssize_t>(text.size()) ? 0 : (written < 0 ? errno : EIO);
-    close(file);
-    return error;
-}
-
-bool Exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
 
 int64_t ReadNumber(const std::string& path) {
     std::string text = ReadText(path);
@@ -98,31 +74,10 @@ double SecondsNow() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-void SleepMs(int milliseconds) {
-    timespec wait{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
-    nanosleep(&wait, nullptr);
-}
-
-bool Poll(int seconds, const std::function<bool()>& holds) {
-    double end = SecondsNow() + seconds;
-    for (;;) {
-        if (holds()) return true;
-        if (SecondsNow() > end) return false;
-        SleepMs(kPollMs);
-    }
-}
-
 std::vector<std::string> ChildrenOf(const std::string& path, const std::string& prefix) {
-    std::vector<std::string> names;
-    std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path.c_str()), closedir);
-    if (!directory) return names;
-    while (dirent* entry = readdir(directory.get())) {
-        std::string name = entry->d_name;
-        if (entry->d_type == DT_DIR && name != "." && name != ".." && name.compare(0, prefix.size(), prefix) == 0) {
-            names.push_back(name);
-        }
-    }
-    std::sort(names.begin(), names.end());
+    std::vector<std::string> names = FoldersIn(path);
+    const auto isOther = [&](const std::string& name) { return name.compare(0, prefix.size(), prefix) != 0; };
+    names.erase(std::remove_if(names.begin(), names.end(), isOther), names.end());
     return names;
 }
 
@@ -239,10 +194,7 @@ bool ParseJson(const std::string& text, Json::Value& value) {
 void AgentTest::SetUp() {
     static int number = 0;
     m_tree = "zsystest-" + std::to_string(getpid()) + "-" + std::to_string(++number);
-    char name[] = "/tmp/tervane-system.XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    m_dir = name;
-    chmod(name, 0750);
+    chmod(m_dir.c_str(), 0750);
     mkdir((m_dir + "/conf").c_str(), 0750);
     m_cpuRoot = MountOf("cpu");
     m_memoryRoot = MountOf("memory");
@@ -267,7 +219,6 @@ void AgentTest::TearDown() {
     for (const std::string& group : AllGroups()) {
         Poll(10, [&] { return rmdir(group.c_str()) == 0 || errno == ENOENT; });
     }
-    nftw(m_dir.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
 std::string AgentTest::WhyNoV1() {
@@ -295,7 +246,7 @@ void AgentTest::WriteResource(const std::map<std::string, std::string>& keys) {
 
 void AgentTest::WriteConf(const std::string& name, const std::string& text) {
     std::string path = Conf(name);
-    ASSERT_EQ(WriteText(path + ".new", text), 0) << path;
+    ASSERT_TRUE(WriteText(path + ".new", text)) << path;
     ASSERT_EQ(rename((path + ".new").c_str(), path.c_str()), 0) << path;
 }
 

@@ -12,25 +12,28 @@
 #include <string>
 #include <vector>
 
+#include "support/Files.h"
+#include "support/Waiting.h"
+
 namespace agenttest {
 
 constexpr int kStartSeconds = 60;  ///< bound for a start on a machine that is busy with other things
 constexpr int kStopSeconds = 60;
 constexpr int kSettleSeconds = 60;  ///< bound for anything else that the agent does by itself within seconds
 
-/// The file's text, empty when it cannot be read.
-std::string ReadText(const std::string& path);
-/// Writes a control file of the kernel or a small file. Returns: errno, 0 when it went well.
-int WriteText(const std::string& path, const std::string& text);
-bool Exists(const std::string& path);
+using support::Exists;
+using support::FoldersIn;
+using support::Poll;
+using support::ReadText;
+using support::ReplaceText;
+using support::SleepMs;
+using support::WriteText;
+
 /// A number in a control file; -2 when the file cannot be read.
 int64_t ReadNumber(const std::string& path);
 /// The number behind `key` in a file of "key value" lines; -2 when it is not there.
 int64_t ReadField(const std::string& path, const std::string& key);
-/// Asks again and again until it holds or the time is over. Returns: whether it held.
-bool Poll(int seconds, const std::function<bool()>& holds);
 double SecondsNow();
-void SleepMs(int milliseconds);
 /// Directories directly below `path` whose name begins with `prefix`, sorted.
 std::vector<std::string> ChildrenOf(const std::string& path, const std::string& prefix = "");
 /// The processes of one group.
@@ -142,7 +145,8 @@ protected:
     static std::vector<std::string> InPrivateMounts(const std::string& shellCommands,
                                                     const std::vector<std::string>& words);
 
-    std::string m_dir;
+    const support::TempDir m_temp;
+    const std::string m_dir = m_temp.Path();
     std::string m_tree;
     std::string m_cpuRoot;
     std::string m_memoryRoot;

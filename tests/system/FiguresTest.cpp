@@ -155,7 +155,7 @@ TEST_F(FiguresTest, ScrapedMetricsAreTheKernelsFigures) {
 
     // Debian's own tool has the last word on the format.
     std::string verdict;
-    ASSERT_EQ(WriteText(Dir() + "/scraped", Body(answer)), 0);
+    ASSERT_TRUE(WriteText(Dir() + "/scraped", Body(answer)));
     const int code = RunToEnd(
         {"sh", "-c", "command -v promtool >/dev/null || exit 77; promtool check metrics < " + Dir() + "/scraped"},
         verdict);

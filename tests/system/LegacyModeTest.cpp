@@ -89,7 +89,7 @@ TEST_F(LegacyModeTest, GroupThatDisappearsUnderTheAgentIsMadeAgain) {
     Child agent = StartRunningAgent();
     std::string cpu = LegacyGroup(CpuRoot());
     ASSERT_FALSE(cpu.empty());
-    ASSERT_EQ(WriteText(CpuRoot() + "/cgroup.procs", std::to_string(agent.Pid())), 0);
+    ASSERT_TRUE(WriteText(CpuRoot() + "/cgroup.procs", std::to_string(agent.Pid())));
     ASSERT_EQ(rmdir(cpu.c_str()), 0);
     EXPECT_TRUE(Poll(kSettleSeconds, [&] {
         return ProcessesIn(cpu) == std::vector<pid_t>{agent.Pid()} && ReadNumber(cpu + "/cpu.cfs_quota_us") == 9500;
@@ -104,7 +104,7 @@ TEST_F(LegacyModeTest, StrangerInGroupIsNeitherKilledNorHeldAfter) {
     std::string cpu = LegacyGroup(CpuRoot());
     ASSERT_FALSE(cpu.empty());
     Child stranger = Spawn({"sleep", "600"}, {}, NextOutput());
-    ASSERT_EQ(WriteText(cpu + "/cgroup.procs", std::to_string(stranger.Pid())), 0);
+    ASSERT_TRUE(WriteText(cpu + "/cgroup.procs", std::to_string(stranger.Pid())));
     EXPECT_EQ(agent.Stop(), 0);
     EXPECT_TRUE(stranger.Running());
     ASSERT_EQ(ProcessesIn(cpu), std::vector<pid_t>{stranger.Pid()});

@@ -184,7 +184,7 @@ TEST_F(MetricsTest, DebiansOwnCheckerHasNothingToSay) {
         GTEST_SKIP() << "SKIP system: promtool is not installed (package prometheus)";
     }
     Child agent = StartServingAgent();
-    ASSERT_EQ(WriteText(Dir() + "/scraped", Scrape()), 0);
+    ASSERT_TRUE(WriteText(Dir() + "/scraped", Scrape()));
     EXPECT_EQ(RunToEnd({"sh", "-c", "promtool check metrics < " + Dir() + "/scraped"}, verdict), 0) << verdict;
     EXPECT_EQ(verdict, "");
     EXPECT_EQ(agent.Stop(), 0);
@@ -199,11 +199,10 @@ TEST_F(MetricsTest, PrometheusServerScrapesTheAgent) {
     Child agent = StartServingAgent();
     const uint16_t port = FreePort();
     ASSERT_NE(port, 0);
-    ASSERT_EQ(WriteText(Dir() + "/prometheus.yml",
-                        "scrape_configs:\n  - job_name: agent\n    scrape_interval: 1s\n    scrape_timeout: 1s\n"
-                        "    honor_labels: true\n    static_configs:\n      - targets: ['127.0.0.1:" +
-                            std::to_string(m_port) + "']\n"),
-              0);
+    ASSERT_TRUE(WriteText(Dir() + "/prometheus.yml",
+                          "scrape_configs:\n  - job_name: agent\n    scrape_interval: 1s\n    scrape_timeout: 1s\n"
+                          "    honor_labels: true\n    static_configs:\n      - targets: ['127.0.0.1:" +
+                              std::to_string(m_port) + "']\n"));
     Child server = Spawn(
         {"prometheus", "--config.file=" + Dir() + "/prometheus.yml", "--storage.tsdb.path=" + Dir() + "/prometheus",
          "--web.listen-address=127.0.0.1:" + std::to_string(port), "--log.level=warn"},

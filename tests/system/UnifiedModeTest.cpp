@@ -227,7 +227,7 @@ TEST_F(UnifiedModeOnFailingKernelTest, StuckMainEndsLegacyAndReturns) {
     const pid_t component = ComponentPid("QorHips");
     // Somebody takes the main process out of its leaf, and then the controllers take no write any more.
     for (const std::string& root : {CpuRoot(), MemoryRoot()}) {
-        ASSERT_EQ(WriteText(root + "/cgroup.procs", std::to_string(agent.Pid())), 0);
+        ASSERT_TRUE(WriteText(root + "/cgroup.procs", std::to_string(agent.Pid())));
     }
     Remount(agent, "ro");
     const int reloads = LogCount("CgroupClient", "QorHips");

@@ -11,8 +11,9 @@
 
 #include <gmock/gmock.h>
 
-#include "Faults.h"
-#include "UtilSupport.h"
+#include "support/Faults.h"
+#include "support/Files.h"
+#include "support/SmallDisk.h"
 
 using base::ErrorKind;
 using base::Fd;
@@ -23,10 +24,10 @@ using faults::Failing;
 using faults::ShortWrites;
 using support::ModeOf;
 using support::NamesIn;
-using support::PutFile;
-using support::ReadFile;
+using support::ReadText;
 using support::SmallDisk;
 using support::TempDir;
+using support::WriteText;
 using testing::ElementsAre;
 
 namespace {
@@ -35,7 +36,7 @@ class FileIoTest : public testing::Test {
 protected:
     // A file, and one of each kind that is none.
     void SetUp() override {
-        PutFile(m_file, "text");
+        WriteText(m_file, "text");
         ASSERT_EQ(0, ::symlink("file", (m_dir / "link").c_str()));
         ASSERT_EQ(0, ::mkfifo((m_dir / "pipe").c_str(), 0600));
         ASSERT_EQ(0, ::mkdir((m_dir / "folder").c_str(), 0700));
@@ -71,7 +72,7 @@ TEST_F(FileIoTest, EveryOpenerTakesARegularFileOnly) {
         EXPECT_EQ(ErrorKind::kNotFound, opener.open(m_dir / "none/file").GetError().kind);
         EXPECT_EQ(ErrorKind::kNotFound, opener.open("").GetError().kind);
     }
-    EXPECT_EQ("text", ReadFile(m_file));
+    EXPECT_EQ("text", ReadText(m_file));
     EXPECT_EQ(ErrorKind::kNotFound, base::OpenForReading(m_dir / "none").GetError().kind);
     EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file", "folder", "link", "pipe"));
 }
@@ -85,7 +86,7 @@ TEST_F(FileIoTest, WritersMakeAMissingFileWithTheirMode) {
     ASSERT_TRUE(base::WriteAll(*appending, "one", "made"));
     ASSERT_EQ(0, ::lseek(appending->Get(), 0, SEEK_SET));
     ASSERT_TRUE(base::WriteAll(*appending, "two", "made"));
-    EXPECT_EQ("onetwo", ReadFile(m_dir / "made"));
+    EXPECT_EQ("onetwo", ReadText(m_dir / "made"));
     ASSERT_TRUE(base::OpenForUpdating(m_dir / "lock", 0600));
     EXPECT_EQ(0600, ModeOf(m_dir / "lock"));
 }
@@ -109,7 +110,7 @@ TEST_F(FileIoTest, DirectoriesOpenWithAndWithoutALink) {
 
 TEST_F(FileIoTest, AWholeReadTakesUpToTheLimitAndRefusesMore) {
     for (const size_t size : {size_t{0}, size_t{1}, size_t{16383}, size_t{16384}, size_t{16385}, size_t{100000}}) {
-        PutFile(m_file, std::string(size, 'x'));
+        WriteText(m_file, std::string(size, 'x'));
         const Result<std::string> whole = base::ReadWholeFile(m_file, size);
         ASSERT_TRUE(whole) << size;
         EXPECT_EQ(size, whole->size());
@@ -124,7 +125,7 @@ TEST_F(FileIoTest, AWholeReadTakesUpToTheLimitAndRefusesMore) {
 }
 
 TEST_F(FileIoTest, FailedAndInterruptedReadsAreTold) {
-    PutFile(m_file, std::string(40000, 'x'));
+    WriteText(m_file, std::string(40000, 'x'));
     {
         const Failing broken(Call::kRead, EIO, 2);
         const Result<std::string> text = base::ReadWholeFile(m_file, 100000);
@@ -144,7 +145,7 @@ TEST_F(FileIoTest, WritesAreCarriedOnAndTellWhatStopsThem) {
         const Failing interrupted(Call::kWrite, EINTR, 2, 2);
         EXPECT_TRUE(base::WriteAll(*fd, "0123456789", m_file));
     }
-    EXPECT_EQ("0123456789", ReadFile(m_file));
+    EXPECT_EQ("0123456789", ReadText(m_file));
     const ShortWrites slow(3);
     const Failing full(Call::kWrite, ENOSPC, 2);
     const Status status = base::WriteAll(*fd, "abcdefghij", m_file);
@@ -191,17 +192,17 @@ TEST_F(FileIoTest, ADirectoryOnAReadOnlyDiskIsWhatWasWanted) {
 }
 
 TEST_F(FileIoTest, FilesAreMovedAndRemoved) {
-    PutFile(m_dir / "other", "replaced");
+    WriteText(m_dir / "other", "replaced");
     EXPECT_TRUE(base::RenameFile(m_file, m_dir / "other"));
-    EXPECT_EQ("text", ReadFile(m_dir / "other"));
+    EXPECT_EQ("text", ReadText(m_dir / "other"));
     EXPECT_EQ(ErrorKind::kNotFound, base::RenameFile(m_file, m_dir / "other").GetError().kind);
     Result<Fd> folder = base::OpenDirectory(m_dir.Path());
     ASSERT_TRUE(folder);
     EXPECT_TRUE(base::RenameIn(*folder, "other", "file"));
-    EXPECT_EQ("text", ReadFile(m_file));
+    EXPECT_EQ("text", ReadText(m_file));
     EXPECT_EQ(ErrorKind::kNotFound, base::RenameIn(*folder, "other", "file").GetError().kind);
     EXPECT_TRUE(base::RemoveFile(m_dir / "link"));
-    EXPECT_EQ("text", ReadFile(m_file)) << "the link went, not its target";
+    EXPECT_EQ("text", ReadText(m_file)) << "the link went, not its target";
     EXPECT_TRUE(base::RemoveFile(m_dir / "link")) << "gone is gone";
     EXPECT_FALSE(base::RemoveFile(m_dir / "folder"));
 }
@@ -212,7 +213,7 @@ TEST_F(FileIoTest, AMarkTellsEveryChangeOfAFile) {
     EXPECT_EQ(before, base::ReadFileMark(m_file));
     ASSERT_EQ(0, ::chmod(m_file.c_str(), 0600));
     EXPECT_NE(before, base::ReadFileMark(m_file)) << "a mode is a change";
-    PutFile(m_dir / "new", "text");
+    WriteText(m_dir / "new", "text");
     ASSERT_TRUE(base::RenameFile(m_dir / "new", m_file));
     EXPECT_NE(before.inode, base::ReadFileMark(m_file).inode);
     EXPECT_NE(base::ReadFileMark(m_dir / "link"), base::ReadFileMark(m_file)) << "a link has a mark of its own";

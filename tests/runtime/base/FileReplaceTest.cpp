@@ -11,8 +11,9 @@
 
 #include <gmock/gmock.h>
 
-#include "Faults.h"
-#include "UtilSupport.h"
+#include "support/Faults.h"
+#include "support/Files.h"
+#include "support/SmallDisk.h"
 
 using base::Durability;
 using base::ErrorKind;
@@ -23,10 +24,10 @@ using faults::Failing;
 using faults::ShortWrites;
 using support::ModeOf;
 using support::NamesIn;
-using support::PutFile;
-using support::ReadFile;
+using support::ReadText;
 using support::SmallDisk;
 using support::TempDir;
+using support::WriteText;
 using testing::ElementsAre;
 
 namespace {
@@ -43,26 +44,26 @@ protected:
 
 TEST_F(FileReplaceTest, MakesAndReplacesWithExactlyTextAndMode) {
     for (const Durability durability : kBoth) {
-        PutFile(m_file, std::string(10000, 'o'));
+        WriteText(m_file, std::string(10000, 'o'));
         ASSERT_EQ(0, ::chmod(m_file.c_str(), 0666));
         for (const mode_t mode : {0640U, 0644U, 0600U}) {
             const mode_t before = ::umask(0077);
             const Status status = ReplaceFile(m_file, "new, no end added", mode, durability);
             ::umask(before);
             EXPECT_TRUE(status) << status.GetError().Text();
-            EXPECT_EQ("new, no end added", ReadFile(m_file));
+            EXPECT_EQ("new, no end added", ReadText(m_file));
             EXPECT_EQ(static_cast<int>(mode), ModeOf(m_file));
             EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file"));
         }
         ASSERT_EQ(0, ::unlink(m_file.c_str()));
         EXPECT_TRUE(ReplaceFile(m_file, "", 0640, durability));
         EXPECT_EQ(0640, ModeOf(m_file));
-        EXPECT_EQ("", ReadFile(m_file));
+        EXPECT_EQ("", ReadText(m_file));
     }
 }
 
 TEST_F(FileReplaceTest, WhatIsNoRegularFileIsRefusedAndStays) {
-    PutFile(m_dir / "target", "untouched");
+    WriteText(m_dir / "target", "untouched");
     ASSERT_EQ(0, ::symlink("target", (m_dir / "link").c_str()));
     ASSERT_EQ(0, ::symlink("nowhere", (m_dir / "dangling").c_str()));
     ASSERT_EQ(0, ::mkfifo((m_dir / "pipe").c_str(), 0600));
@@ -81,7 +82,7 @@ TEST_F(FileReplaceTest, WhatIsNoRegularFileIsRefusedAndStays) {
         EXPECT_EQ(ErrorKind::kNotFound, ReplaceFile(m_dir / "none/file", "x", 0640, durability).GetError().kind);
         EXPECT_EQ(ErrorKind::kRefused, ReplaceFile(m_dir / "target/file", "x", 0640, durability).GetError().kind);
     }
-    EXPECT_EQ("untouched", ReadFile(m_dir / "target"));
+    EXPECT_EQ("untouched", ReadText(m_dir / "target"));
     EXPECT_EQ(before, NamesIn(m_dir.Path()));
     struct stat info {};
     ASSERT_EQ(0, ::lstat((m_dir / "link").c_str(), &info));
@@ -89,18 +90,18 @@ TEST_F(FileReplaceTest, WhatIsNoRegularFileIsRefusedAndStays) {
 }
 
 TEST_F(FileReplaceTest, NothingAtTheNameAsideIsWrittenThrough) {
-    PutFile(m_dir / "target", "untouched");
+    WriteText(m_dir / "target", "untouched");
     ASSERT_EQ(0, ::symlink("target", AsideOf(m_file).c_str()));
     EXPECT_TRUE(ReplaceFile(m_file, "text", 0640, Durability::kSynced));
-    EXPECT_EQ("untouched", ReadFile(m_dir / "target"));
-    EXPECT_EQ("text", ReadFile(m_file));
-    PutFile(AsideOf(m_file), "left by a crash, longer than what follows");
+    EXPECT_EQ("untouched", ReadText(m_dir / "target"));
+    EXPECT_EQ("text", ReadText(m_file));
+    WriteText(AsideOf(m_file), "left by a crash, longer than what follows");
     EXPECT_TRUE(ReplaceFile(m_file, "again", 0640, Durability::kSynced));
-    EXPECT_EQ("again", ReadFile(m_file));
+    EXPECT_EQ("again", ReadText(m_file));
     EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file", "target"));
     ASSERT_EQ(0, ::mkdir(AsideOf(m_file).c_str(), 0700));
     EXPECT_FALSE(ReplaceFile(m_file, "third", 0640, Durability::kSynced));
-    EXPECT_EQ("again", ReadFile(m_file));
+    EXPECT_EQ("again", ReadText(m_file));
 }
 
 struct FaultCase {
@@ -112,7 +113,7 @@ struct FaultCase {
 };
 
 TEST_F(FileReplaceTest, AFailedStepKeepsTheOldFileAndLeavesNoOther) {
-    PutFile(m_file, "old");
+    WriteText(m_file, "old");
     for (const FaultCase& one : {FaultCase{"first write", Call::kWrite, ENOSPC, 1, ErrorKind::kNoSpace},
                                  FaultCase{"third write", Call::kWrite, ENOSPC, 3, ErrorKind::kNoSpace},
                                  FaultCase{"write error", Call::kWrite, EIO, 2, ErrorKind::kOther},
@@ -124,7 +125,7 @@ TEST_F(FileReplaceTest, AFailedStepKeepsTheOldFileAndLeavesNoOther) {
         ASSERT_FALSE(status) << one.name;
         EXPECT_EQ(one.kind, status.GetError().kind) << one.name;
         EXPECT_EQ(one.error, status.GetError().error) << one.name;
-        EXPECT_EQ("old", ReadFile(m_file)) << one.name;
+        EXPECT_EQ("old", ReadText(m_file)) << one.name;
         EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file")) << one.name;
     }
 }
@@ -134,15 +135,15 @@ TEST_F(FileReplaceTest, ShortAndInterruptedCallsAreCarriedOn) {
         const ShortWrites slow(3);
         EXPECT_TRUE(ReplaceFile(m_file, "0123456789", 0640, Durability::kSynced));
     }
-    EXPECT_EQ("0123456789", ReadFile(m_file));
+    EXPECT_EQ("0123456789", ReadText(m_file));
     {
         const Failing interrupted(Call::kWrite, EINTR, 1, 2);
         EXPECT_TRUE(ReplaceFile(m_file, "again", 0640, Durability::kSynced));
     }
-    EXPECT_EQ("again", ReadFile(m_file));
+    EXPECT_EQ("again", ReadText(m_file));
     const Failing interrupted(Call::kFsync, EINTR, 1, 3);
     EXPECT_TRUE(ReplaceFile(m_file, "third", 0640, Durability::kSynced));
-    EXPECT_EQ("third", ReadFile(m_file));
+    EXPECT_EQ("third", ReadText(m_file));
 }
 
 TEST_F(FileReplaceTest, OnlyASyncedOneSyncsItsFileAndThenItsFolder) {
@@ -158,7 +159,7 @@ TEST_F(FileReplaceTest, OnlyASyncedOneSyncsItsFileAndThenItsFolder) {
         const Status status = ReplaceFile(m_file, "newer", 0640, Durability::kSynced);
         ASSERT_FALSE(status);
         EXPECT_EQ(m_dir.Path(), status.GetError().path);
-        EXPECT_EQ("newer", ReadFile(m_file));
+        EXPECT_EQ("newer", ReadText(m_file));
     }
     const Failing directoryCannot(Call::kFsync, EINVAL, 2);
     EXPECT_TRUE(ReplaceFile(m_file, "newest", 0640, Durability::kSynced)) << "this file system syncs no directories";
@@ -173,7 +174,7 @@ TEST_F(FileReplaceTest, AFullDiskKeepsTheOldFile) {
         const Status status = ReplaceFile(disk / "file", std::string(8192, 'n'), 0640, durability);
         ASSERT_FALSE(status);
         EXPECT_EQ(ENOSPC, status.GetError().error);
-        EXPECT_EQ("old", ReadFile(disk / "file"));
+        EXPECT_EQ("old", ReadText(disk / "file"));
         EXPECT_THAT(NamesIn(disk.Path()), ElementsAre("file", "filler"));
         ASSERT_EQ(0, ::unlink((disk / "filler").c_str()));
         EXPECT_TRUE(ReplaceFile(disk / "file", std::string(8192, 'n'), 0640, durability));
@@ -188,11 +189,11 @@ TEST_F(FileReplaceTest, AReadOnlyDiskIsNamedAsSuch) {
     const Status status = ReplaceFile(disk / "file", "new", 0640, Durability::kSynced);
     ASSERT_FALSE(status);
     EXPECT_EQ(ErrorKind::kReadOnly, status.GetError().kind);
-    EXPECT_EQ("old", ReadFile(disk / "file"));
+    EXPECT_EQ("old", ReadText(disk / "file"));
 }
 
 TEST_F(FileReplaceTest, WithoutADescriptorTheOldFileStays) {
-    PutFile(m_file, "old");
+    WriteText(m_file, "old");
     rlimit before{};
     ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
     // The lowest free descriptor is the first that is refused; with one more the folder opens, and the file does not.
@@ -206,7 +207,7 @@ TEST_F(FileReplaceTest, WithoutADescriptorTheOldFileStays) {
         ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before));
         ASSERT_FALSE(status) << more;
         EXPECT_EQ(EMFILE, status.GetError().error) << more;
-        EXPECT_EQ("old", ReadFile(m_file));
+        EXPECT_EQ("old", ReadText(m_file));
         EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file"));
     }
     EXPECT_TRUE(ReplaceFile(m_file, "new", 0640, Durability::kSynced));
@@ -220,7 +221,7 @@ TEST_F(FileReplaceTest, WritersOfOneFileNeverMixTheirTexts) {
         writers.emplace_back([&, this] {
             for (int round = 0; round < kRounds; ++round) {
                 EXPECT_TRUE(ReplaceFile(m_file, text, 0640, Durability::kRenewed));
-                const std::string found = ReadFile(m_file);
+                const std::string found = ReadText(m_file);
                 EXPECT_TRUE(found == texts[0] || found == texts[1] || found == texts[2]) << found.size();
             }
         });

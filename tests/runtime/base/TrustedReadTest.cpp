@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 
 #include "base/FileIo.h"
-#include "UtilSupport.h"
+#include "support/Files.h"
 
 using base::ErrorKind;
 using base::Fd;
@@ -19,8 +19,8 @@ using base::OpenTrustedProgram;
 using base::ReadTrusted;
 using base::Result;
 using base::TrustScope;
-using support::PutFile;
 using support::TempDir;
+using support::WriteText;
 using testing::HasSubstr;
 
 namespace {
@@ -31,10 +31,10 @@ constexpr TrustScope kBoth[] = {TrustScope::kFile, TrustScope::kWithPlace};
 class TrustedReadTest : public testing::Test {
 protected:
     void SetUp() override {
-        PutFile(m_file, "text");
+        WriteText(m_file, "text");
         ASSERT_EQ(0, ::chmod(m_file.c_str(), 0640));
         ASSERT_EQ(0, ::mkdir(m_place.c_str(), 0755));
-        PutFile(m_place + "/file", "below");
+        WriteText(m_place + "/file", "below");
         ASSERT_EQ(0, ::chmod((m_place + "/file").c_str(), 0640));
     }
     void Refuses(const std::string& path, TrustScope scope, const std::string& why) {
@@ -102,14 +102,14 @@ TEST_F(TrustedReadTest, AnotherUserTrustsRootAndItself) {
     ASSERT_EQ(0, ::chmod(m_dir.Path().c_str(), 0755));
     ASSERT_EQ(0, ::chmod(m_file.c_str(), 0644));
     const std::string own = m_dir / "own";
-    PutFile(own, "own");
+    WriteText(own, "own");
     ASSERT_EQ(0, ::chown(own.c_str(), kForeigner, kForeigner));
     const std::string third = m_dir / "third";
-    PutFile(third, "third");
+    WriteText(third, "third");
     ASSERT_EQ(0, ::chown(third.c_str(), kForeigner - 1, 0));
     ASSERT_EQ(0, ::chmod(third.c_str(), 0644));
     const std::string shared = m_dir / "shared";  // root's, and its group may write it
-    PutFile(shared, "shared");
+    WriteText(shared, "shared");
     ASSERT_EQ(0, ::chmod(shared.c_str(), 0664));
     const auto verdicts = [&] {
         std::string found;
@@ -136,7 +136,7 @@ TEST_F(TrustedReadTest, ThePlaceCountsOnlyWhenItIsAskedFor) {
     Refuses(m_place + "/file", TrustScope::kWithPlace, "writable by everybody, mode 0777 (chmod o-w)");
     EXPECT_EQ(m_place, ReadTrusted(m_place + "/file", 100, TrustScope::kWithPlace).GetError().path);
     ASSERT_EQ(0, ::mkdir((m_place + "/deep").c_str(), 0755));
-    PutFile(m_place + "/deep/file", "deep");
+    WriteText(m_place + "/deep/file", "deep");
     Refuses(m_place + "/deep/file", TrustScope::kWithPlace, "writable by everybody");
     ASSERT_EQ(0, ::chmod(m_place.c_str(), 01777));
     EXPECT_TRUE(ReadTrusted(m_place + "/deep/file", 100, TrustScope::kWithPlace)) << "sticky: it cannot be exchanged";
@@ -176,7 +176,7 @@ TEST_F(TrustedReadTest, LinksOnTheWayAreFollowedWhenTheyAreTrusted) {
     ASSERT_EQ(0, ::mkdir((m_dir / "open").c_str(), 0777));
     ASSERT_EQ(0, ::chmod((m_dir / "open").c_str(), 0777));
     ASSERT_EQ(0, ::mkdir((m_dir / "open/in").c_str(), 0755));
-    PutFile(m_dir / "open/in/file", "x");
+    WriteText(m_dir / "open/in/file", "x");
     ASSERT_EQ(0, ::symlink("../open/in", (m_place + "/out").c_str()));
     Refuses(m_place + "/out/file", TrustScope::kWithPlace, "writable by everybody");
 }

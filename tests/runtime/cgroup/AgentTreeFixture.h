@@ -21,29 +21,35 @@
 #include <utility>
 #include <vector>
 
-#include "CgroupFaults.h"
 #include "platform/zel/CgroupManager.h"
 #include "platform/zel/CgroupTreeStatus.h"
+#include "platform/zel/LogMessage.h"
+#include "support/Faults.h"
+#include "support/Files.h"
+#include "support/RecordedLog.h"
+#include "support/Waiting.h"
 
 namespace treetest {
 
-inline std::string ReadText(const std::string& path) {
-    std::ifstream in(path);
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    while (!text.empty() && text.back() == '\n') text.pop_back();
-    return text;
+using support::Eventually;
+using support::Exists;
+using support::ReadValue;
+using support::WriteText;
+
+/// Back to normal, and no log lines.
+inline void ClearFaults() {
+    faults::ClearControlWrites();
+    support::TakeLogLines();
 }
 
-inline bool WriteText(const std::string& path, const std::string& text) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    const bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    close(fd);
-    return ok;
-}
-
-inline bool Exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
+/// Returns: log lines since ClearFaults of level 3 (or worse), "source: text".
+inline std::vector<std::string> Warnings() {
+    std::vector<std::string> lines;
+    for (const support::LogLine& line : support::LogLines()) {
+        if (line.level > zel::kLogWarning) continue;
+        lines.push_back(line.source.empty() ? line.text : line.source + ": " + line.text);
+    }
+    return lines;
 }
 
 inline uint64_t InodeOf(const std::string& path) {
@@ -68,7 +74,7 @@ struct Layout {
 
     static std::string V2Mount(const char* controller) {
         for (const char* mount : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified"}) {
-            if (HasWord(ReadText(std::string(mount) + "/cgroup.controllers"), controller)) return mount;
+            if (HasWord(ReadValue(std::string(mount) + "/cgroup.controllers"), controller)) return mount;
         }
         return {};
     }
@@ -147,9 +153,7 @@ protected:
         }
         if (!missing.empty()) GTEST_SKIP() << "SKIP direct: " << missing;
 
-        char pattern[] = "/tmp/zel-tree-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern));
-        appDir = pattern;
+        appDir = temp.Path();
         cfgDir = appDir + "/conf";
         ASSERT_EQ(0, mkdir(cfgDir.c_str(), 0750));
         treeName = "zel.test." + std::to_string(getpid());
@@ -159,7 +163,7 @@ protected:
         cpuTree = layout.cpuMount + "/" + treeName;
         memTree = layout.memMount.empty() ? "/nowhere" : layout.memMount + "/" + treeName;
         file = cfgDir + "/cgroup_resource.json";
-        faults::Clear();
+        ClearFaults();
         prepared = true;
     }
 
@@ -168,7 +172,7 @@ protected:
 
     void TearDown() override {
         if (!prepared) return;
-        faults::Clear();
+        ClearFaults();
         std::string error;
         EXPECT_TRUE(zel::RemoveAgentCgroupTree(error)) << error;
         EXPECT_FALSE(Exists(cpuTree));
@@ -177,29 +181,29 @@ protected:
             unlink((appDir + name).c_str());
         }
         rmdir(cfgDir.c_str());
-        EXPECT_EQ(0, rmdir(appDir.c_str())) << "something else was left in " << appDir;
+        EXPECT_THAT(support::NamesIn(appDir), ::testing::IsEmpty()) << "something else was left";
     }
 
     /// The kernel's limit in the words of version 2: "<quota us> <period us>", "max" without.
     std::string CpuLimit(const std::string& group) const {
         const std::string dir = cpuTree + (group.empty() ? "" : "/" + group);
         if (layout.cpuV2) {
-            const std::string text = ReadText(dir + "/cpu.max");
+            const std::string text = ReadValue(dir + "/cpu.max");
             return text.compare(0, 3, "max") == 0 ? "max" : text;
         }
-        const std::string quota = ReadText(dir + "/cpu.cfs_quota_us");
-        return quota == "-1" ? "max" : quota + " " + ReadText(dir + "/cpu.cfs_period_us");
+        const std::string quota = ReadValue(dir + "/cpu.cfs_quota_us");
+        return quota == "-1" ? "max" : quota + " " + ReadValue(dir + "/cpu.cfs_period_us");
     }
     /// KB, "max" without.
     std::string MemLimit(const std::string& group) const {
         const std::string dir = memTree + (group.empty() ? "" : "/" + group);
-        const std::string text = ReadText(dir + (layout.memV2 ? "/memory.max" : "/memory.limit_in_bytes"));
+        const std::string text = ReadValue(dir + (layout.memV2 ? "/memory.max" : "/memory.limit_in_bytes"));
         if (text.empty() || text == "max" || text.size() > 18) return text.empty() ? "" : "max";
         return std::to_string(std::stoll(text) / 1024);
     }
     std::vector<std::string> Procs(const std::string& directory) const {
         std::vector<std::string> out;
-        std::istringstream in(ReadText(directory + "/cgroup.procs"));
+        std::istringstream in(ReadValue(directory + "/cgroup.procs"));
         for (std::string line; in >> line;) out.push_back(line);
         return out;
     }
@@ -210,15 +214,6 @@ protected:
         };
         return in(cpuTree + "/" + group) && in(memTree + "/" + group);
     }
-    /// Waits up to `seconds` for something that another process or the kernel does.
-    static bool Eventually(const std::function<bool()>& condition, int seconds = 10) {
-        for (int round = 0; round < seconds * 100; ++round) {
-            if (condition()) return true;
-            usleep(10000);
-        }
-        return condition();
-    }
-
     static zel::CgroupGroupConfig Group(const std::string& name, int cpu100Times, int memKb, bool cpuOn = true,
                                         bool memOn = true) {
         zel::CgroupGroupConfig out;
@@ -258,6 +253,7 @@ protected:
 
     Layout layout;
     bool prepared = false;
+    const support::TempDir temp;
     std::string appDir;
     std::string cfgDir;
     std::string treeName;

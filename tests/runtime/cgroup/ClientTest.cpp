@@ -16,9 +16,9 @@ protected:
         AgentTree::SetUp();
         if (!prepared) return;
         zel::SetCgroupClientComponent("Worker");
-        before = ReadText("/proc/self/cgroup");
+        before = ReadValue("/proc/self/cgroup");
         ASSERT_TRUE(Publish(10000, 102400));
-        faults::Clear();
+        ClearFaults();
     }
 
     /// The main process's part, with quotas that let this process run.
@@ -31,7 +31,7 @@ protected:
     }
     /// Changes the published text.
     void Edit(const std::string& from, const std::string& to) {
-        std::string text = ReadText(file) + "\n";
+        std::string text = ReadValue(file) + "\n";
         const size_t at = text.find(from);
         ASSERT_NE(std::string::npos, at) << from;
         text.replace(at, from.size(), to);
@@ -47,17 +47,17 @@ protected:
     }
     /// A refused file: false, one line with the reason, and everything as it was.
     void ExpectRefused(const std::string& reason) {
-        const std::string groups = ReadText("/proc/self/cgroup");
+        const std::string groups = ReadValue("/proc/self/cgroup");
         const bool cpu = client.IsCpuJoined();
         const int quota = client.GetMemQuotaKB();
-        faults::Clear();
+        ClearFaults();
         EXPECT_FALSE(client.ReloadConfig()) << reason;
-        EXPECT_EQ(groups, ReadText("/proc/self/cgroup"));
+        EXPECT_EQ(groups, ReadValue("/proc/self/cgroup"));
         EXPECT_EQ(cpu, client.IsCpuJoined());
         EXPECT_EQ(quota, client.GetMemQuotaKB());
-        ASSERT_EQ(1u, faults::Warnings().size()) << reason;
-        EXPECT_THAT(faults::Warnings()[0], HasSubstr(reason));
-        EXPECT_THAT(faults::Warnings()[0], HasSubstr("membership stays as it is"));
+        ASSERT_EQ(1u, Warnings().size()) << reason;
+        EXPECT_THAT(Warnings()[0], HasSubstr(reason));
+        EXPECT_THAT(Warnings()[0], HasSubstr("membership stays as it is"));
     }
 
     zel::CCgroupManager manager;
@@ -110,7 +110,7 @@ TEST_F(CgroupClientTest, LeavesWhenFileIsGoneAndGoesBackToItsOrigin) {
     ASSERT_TRUE(client.ReloadConfig());
     ASSERT_EQ(0, unlink(file.c_str()));
     ASSERT_TRUE(client.ReloadConfig());
-    EXPECT_EQ(before, ReadText("/proc/self/cgroup"));
+    EXPECT_EQ(before, ReadValue("/proc/self/cgroup"));
     EXPECT_FALSE(client.IsCpuJoined());
     EXPECT_FALSE(client.IsMemJoined());
     EXPECT_EQ(0, client.GetMemQuotaKB());
@@ -122,7 +122,7 @@ TEST_F(CgroupClientTest, LeavesWhenLimitsAreSwitchedOffAndJoinsAgain) {
     ASSERT_TRUE(client.ReloadConfig());
     ASSERT_TRUE(manager.WriteDisabledConfig(file));
     ASSERT_TRUE(client.ReloadConfig());
-    EXPECT_EQ(before, ReadText("/proc/self/cgroup"));
+    EXPECT_EQ(before, ReadValue("/proc/self/cgroup"));
     ASSERT_TRUE(Publish(10000, 102400));
     ASSERT_TRUE(client.ReloadConfig());
     EXPECT_TRUE(IsIn(getpid(), "main/Worker"));
@@ -160,7 +160,7 @@ TEST_F(CgroupClientTest, ComesBackWhenSomebodyMovedItAway) {
 
 TEST_F(CgroupClientTest, RefusesEveryMalformedFile) {
     ASSERT_TRUE(client.ReloadConfig());
-    const std::string good = ReadText(file) + "\n";
+    const std::string good = ReadValue(file) + "\n";
     struct Case {
         const char* from;
         const char* to;
@@ -209,13 +209,13 @@ TEST_F(CgroupClientTest, RefusesEveryMalformedFile) {
 }
 
 TEST_F(CgroupClientTest, RefusesAFileOfAnEarlierBoot) {
-    const std::string boot = ReadText("/proc/sys/kernel/random/boot_id");
+    const std::string boot = ReadValue("/proc/sys/kernel/random/boot_id");
     Edit(boot, "00000000-0000-0000-0000-000000000000");
     ExpectRefused("it was written before the last boot");
 }
 
 TEST_F(CgroupClientTest, RefusesAFileAboutGroupsThatWereMadeAnew) {
-    const std::string old = ReadText(file) + "\n";
+    const std::string old = ReadValue(file) + "\n";
     std::string error;
     ASSERT_TRUE(zel::RemoveAgentCgroupTree(error)) << error;
     ASSERT_TRUE(Publish(10000, 102400));
@@ -235,21 +235,21 @@ TEST_F(CgroupClientTest, RefusesAPathOutsideTheAgentsTree) {
     ASSERT_EQ(0, mkdir(foreign.c_str(), 0755));
     ASSERT_EQ(0, mkdir((foreign + "/main").c_str(), 0755));
     ASSERT_EQ(0, mkdir((foreign + "/main/Worker").c_str(), 0755));
-    std::string text = ReadText(file) + "\n";
+    std::string text = ReadValue(file) + "\n";
     const std::string inside = "\"" + cpuTree + "/main/Worker\"";
     text.replace(text.find(inside), inside.size(), "\"" + foreign + "/main/Worker\"");
     text.replace(text.find("\"" + cpuTree + "\""), cpuTree.size() + 2, "\"" + foreign + "\"");
     Put(text);
-    faults::Clear();
+    ClearFaults();
     EXPECT_FALSE(client.ReloadConfig());
-    EXPECT_EQ(before, ReadText("/proc/self/cgroup"));
+    EXPECT_EQ(before, ReadValue("/proc/self/cgroup"));
     ASSERT_EQ(0, rmdir((foreign + "/main/Worker").c_str()));
     ASSERT_EQ(0, rmdir((foreign + "/main").c_str()));
     ASSERT_EQ(0, rmdir(foreign.c_str()));
 }
 
 TEST_F(CgroupClientTest, RefusesLinkPipeDirectoryAndFileOthersWrite) {
-    const std::string good = ReadText(file) + "\n";
+    const std::string good = ReadValue(file) + "\n";
     const std::string elsewhere = appDir + "/elsewhere";
     ASSERT_EQ(0, rename(file.c_str(), elsewhere.c_str()));
     ASSERT_EQ(0, symlink(elsewhere.c_str(), file.c_str()));
@@ -283,24 +283,24 @@ TEST_F(CgroupClientTest, RefusesAFileThatDoesNotNameIt) {
 TEST_F(CgroupClientTest, StaysWhereItIsWhenTheSecondMoveFails) {
     if (layout.cpuV2 == layout.memV2 && layout.cpuV2) GTEST_SKIP() << "SKIP: one move serves both controllers here";
     // The first move is the CPU's, the second the memory's; the third takes the first back.
-    faults::FailWrite(1, EBUSY);
+    faults::FailControlWrite(1, EBUSY);
     EXPECT_FALSE(client.ReloadConfig());
-    EXPECT_EQ(before, ReadText("/proc/self/cgroup"));
+    EXPECT_EQ(before, ReadValue("/proc/self/cgroup"));
     EXPECT_FALSE(client.IsCpuJoined());
-    faults::Clear();
+    ClearFaults();
     EXPECT_TRUE(client.ReloadConfig());
 }
 
 TEST_F(CgroupClientTest, StaysInWhenItCannotLeave) {
     ASSERT_TRUE(client.ReloadConfig());
     ASSERT_EQ(0, unlink(file.c_str()));
-    faults::FailWritesTo("cgroup.procs", EROFS);
+    faults::FailControlWritesTo("cgroup.procs", EROFS);
     EXPECT_FALSE(client.ReloadConfig());
     EXPECT_TRUE(client.IsCpuJoined());
     EXPECT_TRUE(client.IsMemJoined());
-    faults::Clear();
+    ClearFaults();
     EXPECT_TRUE(client.ReloadConfig());
-    EXPECT_EQ(before, ReadText("/proc/self/cgroup"));
+    EXPECT_EQ(before, ReadValue("/proc/self/cgroup"));
 }
 
 }  // namespace

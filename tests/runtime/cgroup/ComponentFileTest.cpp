@@ -6,11 +6,10 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "ComponentFile.h"
+#include "support/Files.h"
 
 namespace {
 
@@ -103,26 +102,17 @@ TEST(ComponentFileTest, RefusesMoreComponentsThanItsBound) {
 
 class AtomicWriteTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/zel-atomic-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern));
-        dir = pattern;
-        path = dir + "/file";
-    }
     void TearDown() override {
         if (mounted) {
             EXPECT_EQ(0, umount(dir.c_str()));
         }
         for (const char* name : {"/file", "/file.tmp", "/other"}) unlink((dir + name).c_str());
-        EXPECT_EQ(0, rmdir(dir.c_str())) << "something else was left";
-    }
-    static std::string Read(const std::string& file) {
-        std::ifstream in(file);
-        return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        EXPECT_THAT(support::NamesIn(dir), ::testing::IsEmpty()) << "something else was left";
     }
 
-    std::string dir;
-    std::string path;
+    const support::TempDir directory;
+    const std::string dir = directory.Path();
+    const std::string path = directory / "file";
     bool mounted = false;
 };
 
@@ -132,7 +122,7 @@ TEST_F(AtomicWriteTest, ReplacesTheFileWithModeAndAll) {
     const mode_t before = umask(0077);
     ASSERT_TRUE(WriteFileAtomically(path, "new"));
     umask(before);
-    EXPECT_EQ("new", Read(path));
+    EXPECT_EQ("new", support::ReadText(path));
     struct stat info {};
     ASSERT_EQ(0, stat(path.c_str(), &info));
     EXPECT_EQ(0640u, info.st_mode & 07777u) << "whatever the umask and the old file's mode";
@@ -143,12 +133,12 @@ TEST_F(AtomicWriteTest, WritesThroughNoLinkAndReplacesALeftover) {
     ASSERT_TRUE(WriteFileAtomically(dir + "/other", "untouched"));
     ASSERT_EQ(0, symlink((dir + "/other").c_str(), (path + ".tmp").c_str()));
     ASSERT_TRUE(WriteFileAtomically(path, "text"));
-    EXPECT_EQ("untouched", Read(dir + "/other"));
-    EXPECT_EQ("text", Read(path));
+    EXPECT_EQ("untouched", support::ReadText(dir + "/other"));
+    EXPECT_EQ("text", support::ReadText(path));
     unlink(path.c_str());
     ASSERT_EQ(0, symlink((dir + "/other").c_str(), path.c_str()));
     ASSERT_TRUE(WriteFileAtomically(path, "again"));
-    EXPECT_EQ("untouched", Read(dir + "/other")) << "the link is replaced, not followed";
+    EXPECT_EQ("untouched", support::ReadText(dir + "/other")) << "the link is replaced, not followed";
 }
 
 TEST_F(AtomicWriteTest, KeepsTheOldFileWhenTheDiskIsFull) {
@@ -160,7 +150,7 @@ TEST_F(AtomicWriteTest, KeepsTheOldFileWhenTheDiskIsFull) {
     Status status = WriteFileAtomically(path, std::string(200 * 1024, 'x'));
     ASSERT_FALSE(status);
     EXPECT_EQ(ENOSPC, status.GetError().error);
-    EXPECT_EQ("old", Read(path));
+    EXPECT_EQ("old", support::ReadText(path));
     EXPECT_NE(0, access((path + ".tmp").c_str(), F_OK)) << "nothing half-written stays";
 }
 

@@ -6,11 +6,13 @@
 
 #include <cerrno>
 
-#include "FailingCalls.h"
 #include "Limits.h"
 #include "RealKernel.h"
+#include "support/Faults.h"
 
 using namespace zel::cgroup;
+using faults::Call;
+using faults::Failing;
 using testing::Contains;
 using testing::HasSubstr;
 
@@ -26,10 +28,6 @@ protected:
         ASSERT_TRUE(cpu.Ok() && memory.Ok());
         m_cpuRoot = std::move(*cpu);
         m_memRoot = std::move(*memory);
-    }
-    void TearDown() override {
-        g_failing = {};
-        RealV1::TearDown();
     }
     GroupDir Make(const GroupDir& root) {
         auto group = root.MakeChild(m_name);
@@ -87,16 +85,16 @@ TEST_F(GroupDirTest, AnErrorNamesPathValueErrnoAndCure) {
 
 TEST_F(GroupDirTest, AShortWriteIsAFailure) {
     GroupDir group = Make(m_cpuRoot);
-    g_failing = {1, 0, 0, 0, 1};
+    const Failing failing(Call::kWrite, faults::kOneByteLess);
     EXPECT_EQ(ErrorKind::kShortWrite, group.Write("cpu.cfs_quota_us", "20000").GetError().kind);
 }
 
 TEST_F(GroupDirTest, AWriteThatIsInterruptedIsRepeated) {
     GroupDir group = Make(m_cpuRoot);
-    g_failing = {1, EINTR, 0, 0, 1};
+    const Failing failing(Call::kWrite, EINTR);
     EXPECT_TRUE(group.Write("cpu.cfs_quota_us", "20000").Ok());
-    EXPECT_EQ(2, g_failing.writes);
-    EXPECT_EQ("20000", Slurp(CpuDir(m_name) + "/cpu.cfs_quota_us"));
+    EXPECT_EQ(2, failing.Calls());
+    EXPECT_EQ("20000", ReadValue(CpuDir(m_name) + "/cpu.cfs_quota_us"));
 }
 
 TEST_F(GroupDirTest, TellsARemadeGroupFromTheOldOne) {
@@ -109,7 +107,7 @@ TEST_F(GroupDirTest, TellsARemadeGroupFromTheOldOne) {
     EXPECT_NE(before, *fresh.Identity());
     EXPECT_FALSE(old.IsAlive());
     EXPECT_FALSE(old.Write("cpu.cfs_quota_us", "20000").Ok());
-    EXPECT_EQ("-1", Slurp(CpuDir(m_name) + "/cpu.cfs_quota_us"));
+    EXPECT_EQ("-1", ReadValue(CpuDir(m_name) + "/cpu.cfs_quota_us"));
 }
 
 TEST_F(GroupDirTest, MovesAProcessAndKeepsABusyGroup) {
@@ -136,14 +134,11 @@ TEST_F(GroupDirTest, AProcessThatEndedIsNotFound) {
 }
 
 TEST_F(GroupDirTest, FollowsNoLink) {
-    char folder[] = "/tmp/zeltestXXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(folder));
-    const std::string link = std::string(folder) + "/link";
+    const support::TempDir folder;
+    const std::string link = folder / "link";
     ASSERT_EQ(0, symlink(m_cpu.mountPoint.c_str(), link.c_str()));
     EXPECT_EQ(ErrorKind::kRefused, GroupDir::Open(link, Version::kV1).GetError().kind);
-    unlink(link.c_str());
-    EXPECT_EQ(ErrorKind::kNotCgroup, GroupDir::Open(folder, Version::kV1).GetError().kind);
-    rmdir(folder);
+    EXPECT_EQ(ErrorKind::kNotCgroup, GroupDir::Open(folder.Path(), Version::kV1).GetError().kind);
     EXPECT_EQ(ErrorKind::kNotCgroup, GroupDir::Open(m_cpu.mountPoint, Version::kV2).GetError().kind);
 }
 
@@ -154,8 +149,8 @@ TEST_F(GroupDirTest, QuotaIsReadBackForEveryAmount) {
         const CpuQuota wanted = QuotaFrom100Times(hundredths);
         Status status = ApplyCpuQuota(group, wanted);
         ASSERT_TRUE(status.Ok()) << hundredths << ": " << status.GetError().Text();
-        EXPECT_EQ(std::to_string(wanted.quotaUs), Slurp(CpuDir(m_name) + "/cpu.cfs_quota_us")) << hundredths;
-        EXPECT_EQ(std::to_string(wanted.periodUs), Slurp(CpuDir(m_name) + "/cpu.cfs_period_us")) << hundredths;
+        EXPECT_EQ(std::to_string(wanted.quotaUs), ReadValue(CpuDir(m_name) + "/cpu.cfs_quota_us")) << hundredths;
+        EXPECT_EQ(std::to_string(wanted.periodUs), ReadValue(CpuDir(m_name) + "/cpu.cfs_period_us")) << hundredths;
     }
     ASSERT_TRUE(ApplyCpuQuota(group, CpuQuota{}).Ok());
     EXPECT_TRUE(ReadCpuQuota(group)->Unlimited());
@@ -164,9 +159,9 @@ TEST_F(GroupDirTest, QuotaIsReadBackForEveryAmount) {
 TEST_F(GroupDirTest, AnUnchangedQuotaIsNotWrittenAgain) {
     GroupDir group = Make(m_cpuRoot);
     ASSERT_TRUE(ApplyCpuQuota(group, QuotaFrom100Times(950)).Ok());
-    g_failing = {};
+    const Failing counted(Call::kWrite, 0, 0);
     ASSERT_TRUE(ApplyCpuQuota(group, QuotaFrom100Times(950)).Ok());
-    EXPECT_EQ(0, g_failing.writes);
+    EXPECT_EQ(0, counted.Calls());
 }
 
 TEST_F(GroupDirTest, AQuotaAboveTheParentsIsRefusedAndTheOldOneStays) {
@@ -192,9 +187,8 @@ TEST_F(GroupDirTest, AnyFailedWriteOfChangeKeepsOldOrReachesNewQuota) {
     const CpuQuota old = QuotaFrom100Times(1000);
     for (int error : {EINVAL, EBUSY, ENOSPC, EROFS}) {
         for (int number = 1; number <= 2; ++number) {
-            g_failing = {};
             ASSERT_TRUE(ApplyCpuQuota(group, old).Ok());
-            g_failing = {number, error, 0, 0, 1};
+            const Failing failing(Call::kWrite, error, number);
             Status status = ApplyCpuQuota(group, QuotaFrom100Times(50));
             EXPECT_EQ(status ? QuotaFrom100Times(50) : old, *ReadCpuQuota(group)) << error << " at " << number;
         }
@@ -227,9 +221,10 @@ TEST_F(GroupDirTest, MemoryLimitGrowsAndShrinksTogetherWithSwapLimit) {
     for (int64_t bytes : {int64_t{64} << 20, int64_t{128} << 20, int64_t{32} << 20, int64_t{96} << 20}) {
         Status status = ApplyMemHardLimit(group, bytes + 100);
         ASSERT_TRUE(status.Ok()) << status.GetError().Text();
-        EXPECT_EQ(std::to_string(bytes), Slurp(MemDir(m_name) + "/memory.limit_in_bytes"));
+        EXPECT_EQ(std::to_string(bytes), ReadValue(MemDir(m_name) + "/memory.limit_in_bytes"));
         if (hasSwap) {
-            EXPECT_EQ(std::to_string(V1SwapLimitFor(bytes)), Slurp(MemDir(m_name) + "/memory.memsw.limit_in_bytes"));
+            EXPECT_EQ(std::to_string(V1SwapLimitFor(bytes)),
+                      ReadValue(MemDir(m_name) + "/memory.memsw.limit_in_bytes"));
         }
     }
     ASSERT_TRUE(ApplyMemSoftLimit(group, 16 << 20).Ok());
@@ -243,9 +238,8 @@ TEST_F(GroupDirTest, AFailedSecondMemoryWritePutsTheFirstBack) {
     GroupDir group = Make(m_memRoot);
     if (!group.HasFile("memory.memsw.limit_in_bytes")) GTEST_SKIP() << "SKIP: the kernel has no swap accounting";
     for (int64_t wanted : {int64_t{128} << 20, int64_t{32} << 20}) {
-        g_failing = {};
         ASSERT_TRUE(ApplyMemHardLimit(group, 64 << 20).Ok());
-        g_failing = {2, EINVAL, 0, 0, 1};
+        const Failing failing(Call::kWrite, EINVAL, 2);
         EXPECT_FALSE(ApplyMemHardLimit(group, wanted).Ok());
         EXPECT_EQ(64 << 20, ReadMemLimit(group)->hardBytes);
         EXPECT_EQ(V1SwapLimitFor(64 << 20), ReadMemLimit(group)->withSwapBytes);

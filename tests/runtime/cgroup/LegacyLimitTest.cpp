@@ -15,13 +15,15 @@
 #include <memory>
 #include <thread>
 
-#include "FailingCalls.h"
 #include "Limits.h"
 #include "ProcessTable.h"
 #include "RealKernel.h"
-#include "RecordedLog.h"
+#include "support/Faults.h"
+#include "support/RecordedLog.h"
 
 using namespace zel::cgroup;
+using faults::Call;
+using faults::Failing;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -30,7 +32,7 @@ namespace {
 
 std::vector<std::string> Warnings() {
     std::vector<std::string> out;
-    for (const RecordedLine& line : TakeLog()) {
+    for (const support::LogLine& line : support::TakeLogLines()) {
         if (line.level <= 3) out.push_back(line.text);
     }
     return out;
@@ -73,10 +75,9 @@ protected:
         if (IsSkipped()) return;
         m_group = m_name + ".legacy";
         m_limit = Make();
-        TakeLog();
+        support::TakeLogLines();
     }
     void TearDown() override {
-        g_failing = {};
         m_limit.reset();
         for (const int pid : m_orphans) kill(pid, SIGKILL);
         RealV1::TearDown();
@@ -88,9 +89,9 @@ protected:
         options.applicationDir = "/opt/zeltest-nowhere";
         return std::make_unique<CLegacyLimit>(std::move(options));
     }
-    std::string Quota() const { return Slurp(CpuDir(m_group) + "/cpu.cfs_quota_us"); }
-    std::string Period() const { return Slurp(CpuDir(m_group) + "/cpu.cfs_period_us"); }
-    std::string Hard() const { return Slurp(MemDir(m_group) + "/memory.limit_in_bytes"); }
+    std::string Quota() const { return ReadValue(CpuDir(m_group) + "/cpu.cfs_quota_us"); }
+    std::string Period() const { return ReadValue(CpuDir(m_group) + "/cpu.cfs_period_us"); }
+    std::string Hard() const { return ReadValue(MemDir(m_group) + "/memory.limit_in_bytes"); }
     std::string SelfGroup(const Hierarchy& hierarchy) const {
         return ReadGroupOf(static_cast<int>(getpid()), hierarchy).Value();
     }
@@ -130,7 +131,7 @@ TEST_F(LegacyLimitTest, StartHoldsThisProcessAndStopLeavesNothing) {
 
 TEST_F(LegacyLimitTest, SaysWhatIsInForceAndWhere) {
     ASSERT_EQ(kLegacyOk, Start(9, 50));
-    const auto lines = TakeLog();
+    const auto lines = support::TakeLogLines();
     ASSERT_THAT(lines, SizeIs(1));
     EXPECT_EQ(4, lines[0].level);
     EXPECT_EQ("legacy cpu limit in force: 9.50 % of one CPU (9500 us in 100000 us) in " + CpuDir(m_group) + ", " +
@@ -187,7 +188,7 @@ TEST_F(LegacyLimitTest, StopWithoutStartIsSilentAndRemovesLeftOver) {
     ASSERT_EQ(0, mkdir(CpuDir(m_group).c_str(), 0755));
     EXPECT_EQ(kLegacyOk, Stop());
     EXPECT_FALSE(Exists(CpuDir(m_group)));
-    EXPECT_THAT(TakeLog(), IsEmpty());
+    EXPECT_THAT(support::TakeLogLines(), IsEmpty());
 }
 
 TEST_F(LegacyLimitTest, ProcessBornIntoGroupIsAdoptedAndLeavesOnStop) {
@@ -207,7 +208,7 @@ TEST_F(LegacyLimitTest, AChangedValueIsSeenAndSetAgainBySync) {
     ASSERT_EQ(kLegacyOk, Start(20, 0));
     ASSERT_TRUE(Root(m_cpu).OpenChild(m_group)->Write("cpu.cfs_quota_us", "-1").Ok());
     EXPECT_FALSE(m_limit->IsCpuLimited());
-    TakeLog();
+    support::TakeLogLines();
     m_limit->SyncCpuLimit();
     EXPECT_EQ("20000", Quota());
     EXPECT_TRUE(m_limit->IsCpuLimited());
@@ -282,7 +283,7 @@ TEST_F(LegacyLimitTest, ForeignProcessIsCountedAndFreeAfterStop) {
     ASSERT_GT(orphan, 0);
     ASSERT_TRUE(Root(m_cpu).OpenChild(m_group)->MoveHere(orphan).Ok());
     EXPECT_EQ(1, m_limit->GetCgroupOtherProcessNum());
-    TakeLog();
+    support::TakeLogLines();
     EXPECT_EQ(kLegacyOk, Stop());
     EXPECT_EQ("-1", Quota());
     EXPECT_EQ("/" + m_group, *ReadGroupOf(orphan, m_cpu));
@@ -304,7 +305,7 @@ TEST_F(LegacyLimitTest, StopWithoutHavingJoinedDoesNotTouchOthers) {
     EXPECT_EQ(kLegacyOk, Stop());
     EXPECT_EQ("20000", Quota());
     EXPECT_EQ("/" + m_group, *ReadGroupOf(orphan, m_cpu));
-    EXPECT_THAT(TakeLog(), IsEmpty());
+    EXPECT_THAT(support::TakeLogLines(), IsEmpty());
 }
 
 TEST_F(LegacyLimitTest, ProgramsOfApplicationDirectoryAreAgents) {
@@ -409,7 +410,7 @@ TEST_F(LegacyLimitTest, MemoryLimitHoldsBothValuesAndStops) {
     const std::string before = SelfGroup(m_memory);
     ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(300 << 20, 200 << 20, m_error));
     EXPECT_EQ(std::to_string(300 << 20), Hard());
-    EXPECT_EQ(std::to_string(200 << 20), Slurp(MemDir(m_group) + "/memory.soft_limit_in_bytes"));
+    EXPECT_EQ(std::to_string(200 << 20), ReadValue(MemDir(m_group) + "/memory.soft_limit_in_bytes"));
     EXPECT_TRUE(m_limit->IsMemLimited());
     EXPECT_FALSE(m_limit->IsCpuLimited());
     ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(450 << 20, 300 << 20, m_error));
@@ -449,7 +450,7 @@ TEST_F(LegacyLimitTest, MemoryLimitBelowUseIsRefusedAndTriedAgain) {
     void* memory = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(MAP_FAILED, memory);
     memset(memory, 1, kBytes);
-    TakeLog();
+    support::TakeLogLines();
     EXPECT_EQ(kLegacyInUse, m_limit->StartMemLimit(8 << 20, 0, m_error));
     EXPECT_EQ(EBUSY, m_error);
     EXPECT_EQ(std::to_string(256 << 20), Hard());
@@ -488,14 +489,12 @@ TEST_F(LegacyLimitTest, AnExcludedKernelGetsItsOwnNumber) {
 }
 
 TEST_F(LegacyLimitTest, NothingIsWrittenWhereNoHierarchyIs) {
-    char folder[] = "/dev/shm/zeltestXXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(folder));
+    const support::TempDir folder("/dev/shm");
     LegacyOptions options;
     options.groupName = m_group;
     options.applicationDir = "/opt/zeltest-nowhere";
     options.readLayout = [&folder]() -> Result<LayoutTexts> {
-        return LayoutTexts{std::string("9 1 0:32 / ") + folder + " rw - cgroup c rw,cpu,memory\n", "1:cpu,memory:/\n",
-                           ""};
+        return LayoutTexts{"9 1 0:32 / " + folder.Path() + " rw - cgroup c rw,cpu,memory\n", "1:cpu,memory:/\n", ""};
     };
     CLegacyLimit limit(std::move(options));
     EXPECT_EQ(kLegacyNoHierarchy, limit.StartCpuLimit(20, 0, m_error));
@@ -505,7 +504,7 @@ TEST_F(LegacyLimitTest, NothingIsWrittenWhereNoHierarchyIs) {
     const auto warnings = Warnings();
     ASSERT_THAT(warnings, SizeIs(3));
     for (const std::string& line : warnings) EXPECT_THAT(line, HasSubstr("not a cgroup file system"));
-    EXPECT_EQ(0, rmdir(folder)) << "something was written into it";
+    EXPECT_THAT(support::NamesIn(folder.Path()), IsEmpty()) << "something was written into it";
 }
 
 TEST_F(LegacyLimitTest, AReadOnlyHierarchyIsAPermissionFailure) {
@@ -531,24 +530,30 @@ TEST_F(LegacyLimitTest, AReadOnlyHierarchyIsAPermissionFailure) {
 
 TEST_F(LegacyLimitTest, EveryFailedCallHasNumberAndLineAndNoGroup) {
     struct Case {
-        int write, writeError, mkdirError, code;
+        Call call;
+        int number, times, error, code;
     };
+    constexpr int kAll = 1000;
     const Case cases[] = {
-        {1, EINVAL, 0, kLegacyWriteFailed},  // the quota
-        {1, EROFS, 0, kLegacyDenied},       {1, EACCES, 0, kLegacyDenied},
-        {1, ENOSPC, 0, kLegacyNoRoom},      {1, EIO, 0, kLegacyWriteFailed},
-        {1, 0, 0, kLegacyWriteFailed},     // a short write
-        {2, EBUSY, 0, kLegacyCannotMove},  // this process
-        {2, EINVAL, 0, kLegacyCannotMove},  {2, EPERM, 0, kLegacyDenied},
-        {0, 0, EACCES, kLegacyDenied},  // the group
-        {0, 0, ENOSPC, kLegacyNoRoom},      {0, 0, EIO, kLegacyWriteFailed},
+        {Call::kWrite, 1, 1, EINVAL, kLegacyWriteFailed},  // the quota
+        {Call::kWrite, 1, 1, EROFS, kLegacyDenied},
+        {Call::kWrite, 1, 1, EACCES, kLegacyDenied},
+        {Call::kWrite, 1, 1, ENOSPC, kLegacyNoRoom},
+        {Call::kWrite, 1, 1, EIO, kLegacyWriteFailed},
+        {Call::kWrite, 1, 1, faults::kOneByteLess, kLegacyWriteFailed},
+        {Call::kWrite, 2, 1, EBUSY, kLegacyCannotMove},  // this process
+        {Call::kWrite, 2, 1, EINVAL, kLegacyCannotMove},
+        {Call::kWrite, 2, 1, EPERM, kLegacyDenied},
+        {Call::kMkdirat, 1, kAll, EACCES, kLegacyDenied},  // the group
+        {Call::kMkdirat, 1, kAll, ENOSPC, kLegacyNoRoom},
+        {Call::kMkdirat, 1, kAll, EIO, kLegacyWriteFailed},
     };
     for (const Case& c : cases) {
-        g_failing = {c.write, c.writeError, c.mkdirError, 0, 1};
-        EXPECT_EQ(c.code, Start(20, 0)) << c.write << " " << c.writeError << " " << c.mkdirError;
-        const int failed = c.mkdirError != 0 ? c.mkdirError : c.writeError;
-        EXPECT_EQ(failed, m_error);
-        g_failing = {};
+        {
+            const Failing failing(c.call, c.error, c.number, c.times);
+            EXPECT_EQ(c.code, Start(20, 0)) << c.number << " " << c.error;
+        }
+        EXPECT_EQ(c.error, m_error);
         EXPECT_FALSE(m_limit->IsCpuLimited());
         EXPECT_FALSE(Exists(CpuDir(m_group)));
         EXPECT_THAT(Warnings(), SizeIs(1));
@@ -556,7 +561,7 @@ TEST_F(LegacyLimitTest, EveryFailedCallHasNumberAndLineAndNoGroup) {
 }
 
 TEST_F(LegacyLimitTest, AGroupRemovedDuringTheStartIsMadeAgain) {
-    g_failing = {2, ENODEV, 0, 0, 1};
+    const Failing failing(Call::kWrite, ENODEV, 2);
     EXPECT_EQ(kLegacyOk, Start(20, 0));
     EXPECT_TRUE(m_limit->IsCpuLimited());
     EXPECT_THAT(Warnings(), IsEmpty());
@@ -565,9 +570,10 @@ TEST_F(LegacyLimitTest, AGroupRemovedDuringTheStartIsMadeAgain) {
 
 TEST_F(LegacyLimitTest, FailedChangeKeepsTheOldLimitAndAsksForARetry) {
     ASSERT_EQ(kLegacyOk, Start(20, 0));
-    g_failing = {1, EINVAL, 0, 0, 1};
-    EXPECT_EQ(kLegacyWriteFailed, Start(30, 0));
-    g_failing = {};
+    {
+        const Failing failing(Call::kWrite, EINVAL);
+        EXPECT_EQ(kLegacyWriteFailed, Start(30, 0));
+    }
     EXPECT_EQ("20000", Quota());
     EXPECT_EQ("/" + m_group, SelfGroup(m_cpu));
     EXPECT_FALSE(m_limit->IsCpuLimited());
@@ -578,8 +584,8 @@ TEST_F(LegacyLimitTest, FailedChangeKeepsTheOldLimitAndAsksForARetry) {
 
 TEST_F(LegacyLimitTest, StopFallsBackToRootWhenOldGroupRefuses) {
     ASSERT_EQ(kLegacyOk, Start(20, 0));
-    TakeLog();
-    g_failing = {1, EPERM, 0, 0, 1};
+    support::TakeLogLines();
+    const Failing failing(Call::kWrite, EPERM, 1);
     EXPECT_EQ(kLegacyOk, Stop());
     EXPECT_FALSE(Exists(CpuDir(m_group)));
     EXPECT_THAT(Warnings(), IsEmpty());
@@ -587,8 +593,8 @@ TEST_F(LegacyLimitTest, StopFallsBackToRootWhenOldGroupRefuses) {
 
 TEST_F(LegacyLimitTest, AStopThatCannotMoveLiftsTheLimitAndSaysSo) {
     ASSERT_EQ(kLegacyOk, Start(20, 0));
-    TakeLog();
-    g_failing = {1, EPERM, 0, 0, 2};
+    support::TakeLogLines();
+    const Failing failing(Call::kWrite, EPERM, 1, 2);
     EXPECT_EQ(kLegacyCannotLeave, Stop());
     EXPECT_EQ(EPERM, m_error);
     EXPECT_EQ("-1", Quota());
@@ -598,8 +604,8 @@ TEST_F(LegacyLimitTest, AStopThatCannotMoveLiftsTheLimitAndSaysSo) {
 
 TEST_F(LegacyLimitTest, AStopThatCanNeitherMoveNorLiftSaysSo) {
     ASSERT_EQ(kLegacyOk, Start(20, 0));
-    TakeLog();
-    g_failing = {1, EPERM, 0, 0, 3};
+    support::TakeLogLines();
+    const Failing failing(Call::kWrite, EPERM, 1, 3);
     EXPECT_EQ(kLegacyCannotLift, Stop());
     EXPECT_EQ("20000", Quota());
     EXPECT_FALSE(m_limit->IsCpuLimited());

@@ -12,7 +12,7 @@
 #include "LegacyLimit.h"
 #include "Limits.h"
 #include "RealKernel.h"
-#include "RecordedLog.h"
+#include "support/RecordedLog.h"
 #include "platform/zel/CgroupStatus.h"
 
 using namespace zel::cgroup;
@@ -38,7 +38,7 @@ protected:
         m_root = std::move(*GroupDir::Open(m_cpu.mountPoint, Version::kV2));
         m_name = "zeltest-" + std::to_string(getpid());
         m_limit = Make();
-        TakeLog();
+        support::TakeLogLines();
     }
     void TearDown() override {
         if (!m_root.IsOpen()) return;
@@ -78,13 +78,13 @@ protected:
 
 TEST_F(LegacyLimitV2Test, CpuLimitHoldsAndStopLeavesNothingBehind) {
     ASSERT_EQ(kLegacyOk, m_limit->StartCpuLimit(9, 50, m_error));
-    EXPECT_EQ("9500 100000", Slurp(Dir(".legacy/cpu.max")));
+    EXPECT_EQ("9500 100000", ReadValue(Dir(".legacy/cpu.max")));
     EXPECT_EQ("/" + m_name + ".legacy", SelfGroup());
     EXPECT_TRUE(m_limit->IsCpuLimited());
     EXPECT_TRUE(m_limit->IsV2Runtime(Controller::kCpu));
     EXPECT_FALSE(m_limit->IsV2Runtime(Controller::kMemory));
     ASSERT_EQ(kLegacyOk, m_limit->StartCpuLimit(0, 50, m_error));
-    EXPECT_EQ("1000 200000", Slurp(Dir(".legacy/cpu.max")));
+    EXPECT_EQ("1000 200000", ReadValue(Dir(".legacy/cpu.max")));
     ASSERT_EQ(kLegacyOk, m_limit->StopCpuLimit(m_error));
     EXPECT_EQ("/", SelfGroup());
     EXPECT_FALSE(Exists(Dir(".legacy")));
@@ -95,12 +95,12 @@ TEST_F(LegacyLimitV2Test, BothLimitsShareOneGroupAndLastOneLeavesIt) {
     ASSERT_EQ(kLegacyOk, m_limit->StartCpuLimit(50, 0, m_error));
     ASSERT_EQ(kLegacyOk, m_limit->PrepareMemLimit());
     ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(96 << 20, 64 << 20, m_error));
-    EXPECT_EQ(std::to_string(96 << 20), Slurp(Dir(".legacy/memory.max")));
-    EXPECT_EQ("max", Slurp(Dir(".legacy/memory.high"))) << "the soft limit must not be able to stall the agent";
+    EXPECT_EQ(std::to_string(96 << 20), ReadValue(Dir(".legacy/memory.max")));
+    EXPECT_EQ("max", ReadValue(Dir(".legacy/memory.high"))) << "the soft limit must not be able to stall the agent";
     EXPECT_TRUE(m_limit->IsCpuLimited());
     EXPECT_TRUE(m_limit->IsMemLimited());
     ASSERT_EQ(kLegacyOk, m_limit->StopCpuLimit(m_error));
-    EXPECT_EQ("max 100000", Slurp(Dir(".legacy/cpu.max")));
+    EXPECT_EQ("max 100000", ReadValue(Dir(".legacy/cpu.max")));
     EXPECT_FALSE(m_limit->IsCpuLimited());
     EXPECT_TRUE(m_limit->IsMemLimited());
     ASSERT_EQ(kLegacyOk, m_limit->StopMemLimit(m_error, true));
@@ -116,7 +116,7 @@ TEST_F(LegacyLimitV2Test, MemoryLimitBelowUseIsRefusedNotKilling) {
     memset(memory, 1, kBytes);
     EXPECT_EQ(kLegacyInUse, m_limit->StartMemLimit(8 << 20, 0, m_error));
     EXPECT_EQ(EBUSY, m_error);
-    EXPECT_EQ(std::to_string(128 << 20), Slurp(Dir(".legacy/memory.max")));
+    EXPECT_EQ(std::to_string(128 << 20), ReadValue(Dir(".legacy/memory.max")));
     munmap(memory, kBytes);
 }
 
@@ -172,7 +172,7 @@ TEST_F(LegacyLimitV2Test, InDelegatedUnitGoesToLeafFirstAndComesBack) {
     ASSERT_EQ(kLegacyOk, m_limit->StartCpuLimit(30, 0, m_error));
     EXPECT_EQ(unitPath + "/" + m_name + ".legacy", SelfGroup());
     EXPECT_EQ(unitPath + "/" + m_name + ".legacy", *ReadGroupOf(sibling.Pid(), m_cpu));
-    EXPECT_EQ("30000 100000", Slurp(Dir(".service/" + m_name + ".legacy/cpu.max")));
+    EXPECT_EQ("30000 100000", ReadValue(Dir(".service/" + m_name + ".legacy/cpu.max")));
     ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(96 << 20, 0, m_error));
     EXPECT_TRUE(m_limit->IsCpuLimited());
     EXPECT_TRUE(m_limit->IsMemLimited());
@@ -188,7 +188,7 @@ TEST_F(LegacyLimitV2Test, AServiceThatIsNotDelegatedIsLeftAlone) {
     ASSERT_TRUE(unit->MoveHere(static_cast<int>(getpid())).Ok());
     EXPECT_EQ(kLegacyDenied, m_limit->StartCpuLimit(30, 0, m_error));
     EXPECT_EQ("/" + m_name + ".service", SelfGroup());
-    const auto log = TakeLog();
+    const auto log = support::TakeLogLines();
     ASSERT_THAT(log, SizeIs(1));
     EXPECT_THAT(log[0].text, HasSubstr("add Delegate=yes to its [Service] section"));
     EXPECT_FALSE(Exists(Dir(".legacy")));

@@ -41,16 +41,16 @@ TEST_F(CgroupManagerTest, PutsConfiguredLimitsOnParentAndGroups) {
     EXPECT_EQ(307200, manager.GetParentMemLimitKB());
     EXPECT_EQ(layout.cpuV2, manager.IsCpuV2());
     EXPECT_EQ(layout.memV2, manager.IsMemV2());
-    EXPECT_THAT(faults::Warnings(), ::testing::IsEmpty());
+    EXPECT_THAT(Warnings(), ::testing::IsEmpty());
 }
 
 TEST_F(CgroupManagerTest, WritesNothingWhenNothingDiffers) {
     ASSERT_TRUE(ReconcileWorked());
     ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
-    faults::Clear();
+    ClearFaults();
     ASSERT_TRUE(ReconcileWorked());
     ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
-    EXPECT_EQ(0, faults::Writes());
+    EXPECT_EQ(0, faults::ControlWrites());
 }
 
 TEST_F(CgroupManagerTest, GivesEveryComponentItsLeafAndQuota) {
@@ -84,12 +84,12 @@ TEST_F(CgroupManagerTest, WritesTheComponentFileByteForByte) {
                entry(memTree + leaf, layout.memV2, "\"quota_kb\": " + std::to_string(mem)) + "\n    }";
     };
     EXPECT_EQ("{\n  \"version\": 1,\n  \"enabled\": true,\n  \"boot_id\": \"" +
-                  ReadText("/proc/sys/kernel/random/boot_id") + "\",\n  \"parent\": {\n    \"cpu\": {" +
+                  ReadValue("/proc/sys/kernel/random/boot_id") + "\",\n  \"parent\": {\n    \"cpu\": {" +
                   entry(cpuTree, layout.cpuV2, "\"limit_100times\": 900") + ",\n    \"memory\": {" +
                   entry(memTree, layout.memV2, "\"limit_kb\": 307200") + "\n  },\n  \"components\": [\n" +
                   component("Tervane", "main", 36, 15360) + ",\n" + component("TervaneUpdate", "guard", 0, 10240) +
                   "\n  ]\n}",
-              ReadText(file));
+              ReadValue(file));
     struct stat info {};
     ASSERT_EQ(0, stat(file.c_str(), &info));
     EXPECT_EQ(0640u, info.st_mode & 07777u);
@@ -99,8 +99,8 @@ TEST_F(CgroupManagerTest, WritesTheComponentFileByteForByte) {
 TEST_F(CgroupManagerTest, WritesTheDisabledFileByteForByte) {
     ASSERT_TRUE(manager.WriteDisabledConfig(file));
     EXPECT_EQ("{\n  \"version\": 1,\n  \"enabled\": false,\n  \"boot_id\": \"" +
-                  ReadText("/proc/sys/kernel/random/boot_id") + "\"\n}",
-              ReadText(file));
+                  ReadValue("/proc/sys/kernel/random/boot_id") + "\"\n}",
+              ReadValue(file));
 }
 
 TEST_F(CgroupManagerTest, FollowsEveryChangeOfTheMaximaUpAndDown) {
@@ -180,13 +180,13 @@ TEST_F(CgroupManagerTest, EnablesControllersThatSomebodyTookAway) {
 }
 
 TEST_F(CgroupManagerTest, MovesMainProcessIntoItsLeafAndBackAgain) {
-    const std::string before = ReadText("/proc/self/cgroup");
+    const std::string before = ReadValue("/proc/self/cgroup");
     ASSERT_TRUE(manager.Reconcile(true, true, Total(400, 1048576), {Group("main", 40000, 1048576)}));
     ASSERT_TRUE(manager.AddPidToGroup("main", getpid()));
     EXPECT_TRUE(IsIn(getpid(), "main/Tervane"));
     EXPECT_TRUE(manager.AddPidToGroup("main", getpid()));
     ASSERT_TRUE(manager.RemovePidFromGroup("main", getpid()));
-    EXPECT_EQ(before, ReadText("/proc/self/cgroup"));
+    EXPECT_EQ(before, ReadValue("/proc/self/cgroup"));
     EXPECT_TRUE(manager.RemovePidFromGroup("main", getpid()));
 }
 
@@ -211,8 +211,8 @@ TEST_F(CgroupManagerTest, PutsMainProcessIntoItsOwnComponentsGroup) {
 TEST_F(CgroupManagerTest, RefusesAGroupThatIsNotConfigured) {
     ASSERT_TRUE(ReconcileWorked());
     EXPECT_FALSE(manager.AddPidToGroup("nobody", getpid()));
-    ASSERT_EQ(1u, faults::Warnings().size());
-    EXPECT_THAT(faults::Warnings()[0], HasSubstr("there is no group of that name"));
+    ASSERT_EQ(1u, Warnings().size());
+    EXPECT_THAT(Warnings()[0], HasSubstr("there is no group of that name"));
 }
 
 TEST_F(CgroupManagerTest, RefusesAProcessThatIsNotThere) {
@@ -224,10 +224,10 @@ TEST_F(CgroupManagerTest, RefusesAProcessThatIsNotThere) {
 
 TEST_F(CgroupManagerTest, RefusesNamesThatLeadElsewhereTakesOthers) {
     for (const char* name : {"../evil", "a/b", "", ".", "..", "a b", "-x"}) {
-        faults::Clear();
+        ClearFaults();
         const std::vector<zel::CgroupGroupConfig> groups = {Group(name, 100, 1024), Group("main", 180, 23040)};
         EXPECT_FALSE(manager.Reconcile(true, true, Total(9, 307200), groups)) << name;
-        EXPECT_EQ(1u, faults::Warnings().size()) << name;
+        EXPECT_EQ(1u, Warnings().size()) << name;
         EXPECT_EQ("1800 100000", CpuLimit("main"));
         EXPECT_TRUE(manager.IsCpuCgroupEnabled());
     }
@@ -240,8 +240,8 @@ TEST_F(CgroupManagerTest, LeavesComponentOutWhereItsGroupIsUnknown) {
     half.cpuGroup = "nowhere";
     if (layout.cpuV2 && layout.memV2) half = Quota("Half", "nowhere", 30, 10240);
     ASSERT_TRUE(manager.WriteComponentConfig(file, {Quota("Tervane", "main", 36, 15360), half}, 900, 307200));
-    EXPECT_THAT(faults::Warnings(), ::testing::Contains(HasSubstr("it names group [nowhere]")));
-    EXPECT_THAT(ReadText(file), HasSubstr("\"name\": \"Half\",\n      \"cpu\": null,"));
+    EXPECT_THAT(Warnings(), ::testing::Contains(HasSubstr("it names group [nowhere]")));
+    EXPECT_THAT(ReadValue(file), HasSubstr("\"name\": \"Half\",\n      \"cpu\": null,"));
     EXPECT_FALSE(Exists(cpuTree + "/nowhere"));
 }
 
@@ -251,7 +251,7 @@ TEST_F(CgroupManagerTest, SkipsComponentsWithUnusableNames) {
                                              {Quota("../x", "main", 1, 1), Quota("Tervane", "main", 36, 15360),
                                               Quota("Tervane", "main", 99, 99), Quota("_own", "main", 1, 1)},
                                              900, 307200));
-    EXPECT_EQ(3u, faults::Warnings().size());
+    EXPECT_EQ(3u, Warnings().size());
     EXPECT_EQ("15360", MemLimit("main/Tervane"));
     EXPECT_FALSE(Exists(cpuTree + "/x"));
 }
@@ -268,7 +268,7 @@ TEST_F(CgroupManagerTest, SwitchesOneControllerOffAndOnAgain) {
     EXPECT_EQ("max", CpuLimit("collect-defense/QorHips"));
     EXPECT_EQ("23040", MemLimit("main"));
     ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 0, 307200));
-    EXPECT_THAT(ReadText(file), HasSubstr("\"cpu\": null"));
+    EXPECT_THAT(ReadValue(file), HasSubstr("\"cpu\": null"));
     ASSERT_TRUE(ReconcileWorked());
     EXPECT_EQ("1800 100000", CpuLimit("main"));
     EXPECT_TRUE(manager.IsParentCpuActive());
@@ -292,7 +292,7 @@ TEST_F(CgroupManagerTest, SwitchesBothControllersOffEverywhere) {
 TEST_F(CgroupManagerTest, MakesNoTreeToSwitchOffWhatIsNotThere) {
     EXPECT_TRUE(manager.Reconcile(false, false, WorkedGroups()));
     EXPECT_FALSE(Exists(cpuTree));
-    EXPECT_EQ(0, faults::Writes());
+    EXPECT_EQ(0, faults::ControlWrites());
 }
 
 TEST_F(CgroupManagerTest, RemovesGroupsAndLeavesNoLongerConfigured) {
@@ -342,7 +342,7 @@ TEST_F(CgroupManagerTest, RefusesATreeOfThatNameThatIsSomebodyElses) {
     ASSERT_EQ(0, mkdir(memTree.c_str(), 0755));
     ASSERT_EQ(0, mkdir((memTree + "/theirs").c_str(), 0755));
     EXPECT_FALSE(ReconcileWorked());
-    EXPECT_THAT(faults::Warnings(), ::testing::Contains(HasSubstr("it was not made by this agent and is in use")));
+    EXPECT_THAT(Warnings(), ::testing::Contains(HasSubstr("it was not made by this agent and is in use")));
     EXPECT_FALSE(manager.IsMemCgroupEnabled());
     EXPECT_EQ(!layout.cpuV2, manager.IsCpuCgroupEnabled()) << "version 1: the other hierarchy is not concerned";
     EXPECT_TRUE(Exists(memTree + "/theirs"));
@@ -406,21 +406,21 @@ TEST_F(CgroupManagerTest, ComesBackFromEveryFailingWrite) {
         for (int n = 0; n < 200; ++n) {
             std::string ignored;
             ASSERT_TRUE(zel::RemoveAgentCgroupTree(ignored)) << ignored;
-            faults::Clear();
+            ClearFaults();
             zel::CCgroupManager fresh;
-            faults::FailWrite(n, error);
+            faults::FailControlWrite(n, error);
             const bool reconciled = fresh.Reconcile(true, true, Total(9, 307200), WorkedGroups());
             const bool written = reconciled && fresh.WriteComponentConfig(file, WorkedQuotas(), 900, 307200);
-            if (faults::Writes() <= n) {
+            if (faults::ControlWrites() <= n) {
                 EXPECT_TRUE(written);
                 EXPECT_GT(n, 10) << "no write was made to fail";
                 break;
             }
             // Some failures are repaired on the spot by another order of writes; all others are told.
             if (!written) {
-                ASSERT_FALSE(faults::Warnings().empty()) << error << " at " << n;
+                ASSERT_FALSE(Warnings().empty()) << error << " at " << n;
             }
-            faults::Clear();
+            ClearFaults();
             ASSERT_TRUE(fresh.Reconcile(true, true, Total(9, 307200), WorkedGroups())) << error << " at " << n;
             ASSERT_TRUE(fresh.WriteComponentConfig(file, WorkedQuotas(), 900, 307200)) << error << " at " << n;
             EXPECT_EQ("9000 100000", CpuLimit(""));
@@ -433,23 +433,23 @@ TEST_F(CgroupManagerTest, ComesBackFromEveryFailingWrite) {
 TEST_F(CgroupManagerTest, KeepsWhatIsInForceWhenUpdateFailsAndSaysSo) {
     ASSERT_TRUE(ReconcileWorked());
     ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
-    const std::string before = ReadText(file);
-    faults::Clear();
-    faults::FailWrite(0, EROFS, true);
+    const std::string before = ReadValue(file);
+    ClearFaults();
+    faults::FailControlWrite(0, EROFS, true);
     EXPECT_FALSE(manager.Reconcile(true, true, Total(20, 400000), WorkedGroups()));
     EXPECT_TRUE(manager.IsCpuCgroupEnabled()) << "the old limits are in force";
     EXPECT_EQ(900, manager.GetParentCpuLimit100Times());
     EXPECT_EQ(307200, manager.GetParentMemLimitKB());
     EXPECT_FALSE(manager.WriteComponentConfig(file, {Quota("Tervane", "main", 50, 9999)}, 2000, 400000));
-    EXPECT_EQ(before, ReadText(file));
-    EXPECT_THAT(faults::Warnings(), ::testing::Each(HasSubstr("read-only")));
+    EXPECT_EQ(before, ReadValue(file));
+    EXPECT_THAT(Warnings(), ::testing::Each(HasSubstr("read-only")));
     EXPECT_TRUE(ReconcileWorked()) << "going back writes nothing, so it succeeds";
-    faults::Clear();
+    ClearFaults();
     EXPECT_TRUE(manager.Reconcile(true, true, Total(20, 400000), WorkedGroups()));
 }
 
 TEST_F(CgroupManagerTest, TellsOneControllerFromTheOther) {
-    faults::FailWritesTo(layout.memV2 ? "memory.max" : "memory.limit_in_bytes", EBUSY);
+    faults::FailControlWritesTo(layout.memV2 ? "memory.max" : "memory.limit_in_bytes", EBUSY);
     EXPECT_FALSE(ReconcileWorked());
     EXPECT_TRUE(manager.IsCpuCgroupEnabled());
     EXPECT_FALSE(manager.IsMemCgroupEnabled());
@@ -460,7 +460,7 @@ TEST_F(CgroupManagerTest, TellsOneControllerFromTheOther) {
 
 TEST_F(CgroupManagerTest, NoticesALimitThatCannotBeCleared) {
     ASSERT_TRUE(ReconcileWorked());
-    faults::FailWritesTo(layout.memV2 ? "memory.max" : "memory.limit_in_bytes", EBUSY);
+    faults::FailControlWritesTo(layout.memV2 ? "memory.max" : "memory.limit_in_bytes", EBUSY);
     EXPECT_FALSE(manager.Reconcile(true, false, Total(9, 0, true, false), WorkedGroups()));
     EXPECT_TRUE(manager.IsParentMemActive());
     EXPECT_TRUE(manager.IsCpuCgroupEnabled());
@@ -554,7 +554,7 @@ TEST_F(CgroupManagerTest, WorksInDelegatedGroupAndGivesItBack) {
         const std::string tree = unit + "/" + treeName;
         const std::string rest = tree + ".rest";
         if (!inside.Reconcile(true, true, Total(400, 307200), {Group("main", 20000, 100000)})) return 11;
-        if (ReadText(tree + "/main/cpu.max") != "200000 100000" || Exists(cpuTree)) return 12;
+        if (ReadValue(tree + "/main/cpu.max") != "200000 100000" || Exists(cpuTree)) return 12;
         if (Procs(rest).size() != 2 || !Procs(unit).empty()) return 13;
         if (!inside.AddPidToGroup("main", getpid())) return 14;
         if (!inside.WriteComponentConfig(file, {Quota("Tervane", "main", 0, 50000)}, 40000, 307200)) return 15;
@@ -584,9 +584,9 @@ TEST_F(CgroupManagerWithoutMemoryTest, LimitsCpuAndSaysWhyNotMemory) {
     EXPECT_FALSE(manager.IsMemCgroupEnabled());
     EXPECT_FALSE(manager.IsParentMemActive());
     EXPECT_EQ("1800 100000", CpuLimit("main"));
-    EXPECT_THAT(faults::Warnings(), ::testing::Each(HasSubstr("remove cgroup_disable=memory")));
+    EXPECT_THAT(Warnings(), ::testing::Each(HasSubstr("remove cgroup_disable=memory")));
     EXPECT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 0));
-    EXPECT_THAT(ReadText(file), HasSubstr("\"memory\": null"));
+    EXPECT_THAT(ReadValue(file), HasSubstr("\"memory\": null"));
     std::vector<zel::CgroupMemoryOomEvent> events;
     EXPECT_TRUE(manager.PollMemoryOomEvents(events));
     EXPECT_TRUE(manager.Reconcile(true, false, Total(9, 0, true, false), WorkedGroups()));

@@ -4,8 +4,8 @@
 
 #include <cerrno>
 
-#include "FailingCalls.h"
 #include "RealKernel.h"
+#include "support/Faults.h"
 
 namespace zel {
 namespace cgroup {
@@ -20,10 +20,8 @@ protected:
         m_memoryOurs = Make(m_memory, m_name);
         m_cpuBefore = Make(m_cpu, m_name + ".before");
         ASSERT_TRUE(m_cpuBefore.MoveHere(m_child.Pid()).Ok());
-        g_failing = FailingCalls();
     }
     void TearDown() override {
-        g_failing = FailingCalls();
         m_child.End();
         RealV1::TearDown();
     }
@@ -77,8 +75,7 @@ TEST_F(MembershipTest, JoinsEveryGroupAndReturnsToTheOrigin) {
 }
 
 TEST_F(MembershipTest, JoinsAllGroupsOrNone) {
-    g_failing.writeNumber = 2;
-    g_failing.writeError = EBUSY;
+    const faults::Failing failing(faults::Call::kWrite, EBUSY, 2);
     const std::string memoryBefore = Where(m_memory);
     EXPECT_FALSE(m_membership.Join(m_child.Pid(), Both(), m_stranded).Ok());
     EXPECT_EQ("/" + m_name + ".before", Where(m_cpu)) << "the first move is taken back";
@@ -87,9 +84,7 @@ TEST_F(MembershipTest, JoinsAllGroupsOrNone) {
 }
 
 TEST_F(MembershipTest, TellsOfAMoveThatCannotBeTakenBack) {
-    g_failing.writeNumber = 2;
-    g_failing.writeError = EBUSY;
-    g_failing.inARow = 2;
+    const faults::Failing failing(faults::Call::kWrite, EBUSY, 2, 2);
     EXPECT_FALSE(m_membership.Join(m_child.Pid(), Both(), m_stranded).Ok());
     ASSERT_EQ(1u, m_stranded.size());
     EXPECT_EQ("/" + m_name, Where(m_cpu));

@@ -308,7 +308,7 @@ TEST_F(MemoryOomTest, FailsWhenTheTreeWasTakenAway) {
     std::vector<CgroupMemoryOomEvent> events;
     EXPECT_FALSE(manager.PollMemoryOomEvents(events));
     EXPECT_FALSE(manager.SnapshotSelfMemoryOomCounters(events));
-    EXPECT_EQ(2u, faults::Warnings().size());
+    EXPECT_EQ(2u, Warnings().size());
 }
 
 }  // namespace

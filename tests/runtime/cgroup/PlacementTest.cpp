@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "FailingCalls.h"
+#include "support/Faults.h"
 #include "Hierarchy.h"
 #include "RealKernel.h"
 

@@ -17,19 +17,10 @@
 
 #include "GroupDir.h"
 #include "Hierarchy.h"
+#include "support/Files.h"
 
-/// Returns: the file's text without the last line end; "<missing>" when it cannot be read.
-inline std::string Slurp(const std::string& path) {
-    std::ifstream in(path);
-    if (!in) return "<missing>";
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (!text.empty() && text.back() == '\n') text.pop_back();
-    return text;
-}
-
-inline bool Exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
+using support::Exists;
+using support::ReadValue;
 
 /// A child that waits until it is killed; ends with its parent.
 class WaitingChild {

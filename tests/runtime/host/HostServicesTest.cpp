@@ -12,7 +12,7 @@
 #include "platform/host/MtIntf.h"
 #include "platform/host/OnlineClientConf.h"
 
-using support::WaitUntil;
+using support::Eventually;
 using zelhost::CHostServices;
 using zelhost::HostOptions;
 
@@ -29,8 +29,8 @@ protected:
         options.delivery.backoffMinMs = 5;
         return options;
     }
-    static size_t Threads() { return support::FilesIn("/proc/self/task").size(); }
-    static size_t Descriptors() { return support::FilesIn("/proc/self/fd").size(); }
+    static size_t Threads() { return support::NamesIn("/proc/self/task").size(); }
+    static size_t Descriptors() { return support::NamesIn("/proc/self/fd").size(); }
     support::TempDir m_dir;
     std::string m_error;
 };
@@ -82,7 +82,7 @@ TEST_F(HostServicesTest, MetricsShowTheSamplerAndTheAgentsOwn) {
     monitor.SetMaxCpu(25);
     ASSERT_TRUE(monitor.StartMonitor(nullptr));
     zelhost::SamplerFigures figures;
-    ASSERT_TRUE(WaitUntil([&] { return services.GetSamplerFigures(figures); }));
+    ASSERT_TRUE(Eventually([&] { return services.GetSamplerFigures(figures); }));
     const std::string text = services.GetMetricsText();
     EXPECT_THAT(text, testing::HasSubstr(
                           "zel_cpu_maximum_ratio{component=\"tervane\",group=\"main\",process=\"tervane\"} 0.25\n"));
@@ -111,7 +111,7 @@ TEST_F(HostServicesTest, MetricsPassThePrometheusLinter) {
     CResourceMonitor monitor;
     ASSERT_TRUE(monitor.StartMonitor(nullptr));
     zelhost::SamplerFigures figures;
-    ASSERT_TRUE(WaitUntil([&] { return services.GetSamplerFigures(figures); }));
+    ASSERT_TRUE(Eventually([&] { return services.GetSamplerFigures(figures); }));
     support::WriteText(m_dir / "metrics.txt", services.GetMetricsText());
     EXPECT_EQ(std::system(("promtool check metrics < " + (m_dir / "metrics.txt")).c_str()), 0);
     monitor.StopMonitor();
@@ -125,7 +125,7 @@ TEST_F(HostServicesTest, AStartThatFailsLeavesNothingBehind) {
     EXPECT_FALSE(services.Start(options, m_error));
     EXPECT_THAT(m_error, testing::HasSubstr("no loopback address"));
     EXPECT_EQ(GetMsgTransmitInstance(), nullptr);
-    EXPECT_TRUE(WaitUntil([&] { return Threads() == threads; }));
+    EXPECT_TRUE(Eventually([&] { return Threads() == threads; }));
     EXPECT_EQ(Descriptors(), descriptors);
     EXPECT_TRUE(services.Start(Options(), m_error)) << "a better attempt succeeds: " << m_error;
     EXPECT_FALSE(services.Start(Options(), m_error)) << "but only once";
@@ -154,7 +154,7 @@ TEST_F(HostServicesTest, StartingAndStoppingLeaksNothing) {
         services.CollectStatistics();
         services.Stop();
     }
-    EXPECT_TRUE(WaitUntil([&] { return Threads() == threads; }));
+    EXPECT_TRUE(Eventually([&] { return Threads() == threads; }));
     EXPECT_EQ(Descriptors(), descriptors);
 }
 

@@ -117,7 +117,7 @@ TEST(HttpServiceTest, ACertificateThatNobodySignedIsNotAccepted) {
     // The server speaks no HTTP: an answer that is none shows that the connection itself was accepted.
     const auto talked = [&] { return result.error.find("HTTP/0.9") != std::string::npos; };
     // Until the server listens the failure is another one.
-    support::WaitUntil([&] {
+    support::Eventually([&] {
         request.verifyTls = false;
         result = CHttpService::Instance().Post(request);
         return talked();

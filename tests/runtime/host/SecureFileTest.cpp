@@ -14,7 +14,7 @@ TEST(SecureFileTest, ReplacesWholeAndLeavesNoOtherFile) {
     ASSERT_TRUE(WriteFileDurably(dir / "f", "one", reason)) << reason;
     ASSERT_TRUE(WriteFileDurably(dir / "f", "two", reason)) << reason;
     EXPECT_EQ(support::ReadText(dir / "f"), "two");
-    EXPECT_EQ(support::FilesIn(dir.Path()), Lines{"f"});
+    EXPECT_EQ(support::NamesIn(dir.Path()), Lines{"f"});
     struct stat st {};
     ASSERT_EQ(stat((dir / "f").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0640u);
@@ -27,7 +27,7 @@ TEST(SecureFileTest, AFailureKeepsTheOldContentAndGivesItsReason) {
     EXPECT_THAT(reason, testing::HasSubstr("No such file"));
     ASSERT_EQ(mkdir((dir / "target").c_str(), 0700), 0);
     EXPECT_FALSE(WriteFileDurably(dir / "target", "x", reason));
-    EXPECT_EQ(support::FilesIn(dir.Path()), Lines{"target"});
+    EXPECT_EQ(support::NamesIn(dir.Path()), Lines{"target"});
 }
 
 TEST(SecureFileTest, ALinkAtTheTargetIsReplacedNotFollowed) {

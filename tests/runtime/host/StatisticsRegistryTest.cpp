@@ -8,7 +8,7 @@
 
 #include "HostSupport.h"
 
-using support::WaitUntil;
+using support::Eventually;
 using zelhost::CStatisticsRegistry;
 
 namespace {
@@ -73,7 +73,7 @@ TEST_F(StatisticsRegistryTest, CollectsEveryProviderFirstValueWins) {
 TEST_F(StatisticsRegistryTest, CollectsInItsOwnRhythm) {
     Provider provider(Figures{{"a", "1"}});
     Start(10);
-    EXPECT_TRUE(WaitUntil([&] { return provider.m_calls >= 5; }));
+    EXPECT_TRUE(Eventually([&] { return provider.m_calls >= 5; }));
 }
 
 TEST_F(StatisticsRegistryTest, AProviderThatFailsOrThrowsHarmsNobody) {
@@ -103,7 +103,7 @@ TEST_F(StatisticsRegistryTest, BlockedProviderIsOutUntilItReturns) {
     EXPECT_EQ(blocking.m_calls.load(), 1) << "not entered a second time";
     EXPECT_EQ(good.m_calls.load(), 2);
     go = true;
-    EXPECT_TRUE(WaitUntil([&] {
+    EXPECT_TRUE(Eventually([&] {
         registry().Collect();
         return registry().Snapshot().values.size() == 2;
     }));
@@ -125,7 +125,7 @@ TEST_F(StatisticsRegistryTest, ABoundedNumberOfWorkersIsLeftBehind) {
         for (const auto& provider : blocking) sum += static_cast<size_t>(provider->m_calls.load());
         return sum;
     };
-    EXPECT_TRUE(WaitUntil([&] { return calls() == CStatisticsRegistry::kStuckWorkers; }));
+    EXPECT_TRUE(Eventually([&] { return calls() == CStatisticsRegistry::kStuckWorkers; }));
     registry().Collect();
     EXPECT_EQ(calls(), CStatisticsRegistry::kStuckWorkers) << "nobody is entered a second time";
     EXPECT_EQ(registry().Snapshot().slowProviders, blocking.size());
@@ -143,7 +143,7 @@ TEST_F(StatisticsRegistryTest, UnregisteringWaitsForCallThatIsInside) {
         left = true;
     };
     std::thread collector([&] { registry().Collect(); });
-    ASSERT_TRUE(WaitUntil([&] { return inside.load(); }));
+    ASSERT_TRUE(Eventually([&] { return inside.load(); }));
     CMtIntf::UnRegMtInfoCallback(provider.get());
     EXPECT_TRUE(left.load());
     collector.join();
@@ -164,7 +164,7 @@ TEST_F(StatisticsRegistryTest, ProvidersAreNeverCalledAfterTheyWent) {
     Start(1);
     for (int round = 0; round < 200; ++round) {
         Provider provider(Figures{{"k", std::to_string(round)}});
-        if (round % 10 == 0) WaitUntil([&] { return provider.m_calls > 0; });
+        if (round % 10 == 0) Eventually([&] { return provider.m_calls > 0; });
     }
 }
 
@@ -214,7 +214,7 @@ TEST_F(StatisticsRegistryTest, ADamagedHistoryIsPutAside) {
     Provider provider(Figures{{"a", "1"}});
     registry().Collect();
     EXPECT_EQ(Rows().size(), 1u);
-    EXPECT_THAT(support::FilesIn(m_dir / "data"), testing::Contains("s.db.corrupt"));
+    EXPECT_THAT(support::NamesIn(m_dir / "data"), testing::Contains("s.db.corrupt"));
 }
 
 TEST_F(StatisticsRegistryTest, CollectsFiguresWithoutAHistory) {

@@ -1,6 +1,5 @@
 // Events of a process that is killed a thousand times at random moments: whatever SendMsg said yes to arrives, each
 // event under one id, and the files can be read after any kill.
-#include <ftw.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -25,6 +24,7 @@
 #include "platform/host/HostServices.h"
 #include "platform/host/MsgTransmit.h"
 #include "platform/zel/LogControl.h"
+#include "support/Files.h"
 
 namespace {
 
@@ -37,10 +37,6 @@ constexpr int kRoundsPerLook = 25;  // the stores are looked at after every so m
 constexpr unsigned int kRotatedFiles = 400;
 constexpr uint64_t kBytesPerFile = 512 * 1024;  // small, so that the kills also meet rotations
 
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
-    return std::remove(path);
-}
-
 /// Numbers do not repeat: the child's round, the sender, the count of the sender.
 uint64_t NumberOf(int round, int sender, uint64_t count) {
     return (static_cast<uint64_t>(round * kSenders + sender) << 32) | count;
@@ -48,16 +44,7 @@ uint64_t NumberOf(int round, int sender, uint64_t count) {
 
 class DeliveryKillTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        // In memory, where there is such a place: a kill does not lose what was written, only a power cut would.
-        std::string name = (access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") + std::string("/zel-kill-XXXXXX");
-        ASSERT_NE(nullptr, mkdtemp(&name[0]));
-        m_directory = name;
-        setenv("ZEL_APP_DIR", name.c_str(), 1);
-    }
-    void TearDown() override {
-        if (!m_directory.empty()) nftw(m_directory.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
-    }
+    void SetUp() override { setenv("ZEL_APP_DIR", m_directory.c_str(), 1); }
 
     zelhost::HostOptions Options() const {
         zelhost::HostOptions options;
@@ -232,7 +219,9 @@ protected:
         }
     }
 
-    std::string m_directory;
+    // In memory, where there is such a place: a kill does not lose what was written, only a power cut would.
+    const support::TempDir m_temp{support::Exists("/dev/shm") ? "/dev/shm" : ""};
+    const std::string m_directory = m_temp.Path();
     std::set<uint64_t> m_accepted;
     int m_roundsThatSent = 0;
     size_t m_lines = 0;

@@ -10,18 +10,19 @@
 
 #include <gmock/gmock.h>
 
-#include "Faults.h"
-#include "UtilSupport.h"
+#include "support/Faults.h"
+#include "support/Files.h"
+#include "support/SmallDisk.h"
 
 using faults::Call;
 using faults::Failing;
 using faults::ShortWrites;
 using support::ModeOf;
 using support::NamesIn;
-using support::PutFile;
-using support::ReadFile;
+using support::ReadText;
 using support::SmallDisk;
 using support::TempDir;
+using support::WriteText;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using zel::CFileCom;
@@ -37,7 +38,7 @@ protected:
 };
 
 TEST_F(FileUtilTest, IsFileTellsRegularFilesFromEverythingElse) {
-    PutFile(m_dir / "file", "");
+    WriteText(m_dir / "file", "");
     ASSERT_EQ(0, ::symlink("file", (m_dir / "link").c_str()));
     ASSERT_EQ(0, ::mkfifo((m_dir / "pipe").c_str(), 0600));
     EXPECT_TRUE(CFileUtil::IsFile(m_dir / "file"));
@@ -60,7 +61,7 @@ class FileLinesTest : public testing::TestWithParam<LineCase> {};
 
 TEST_P(FileLinesTest, ComeBackWithoutTheirEnds) {
     const TempDir dir;
-    PutFile(dir / "file", GetParam().content);
+    WriteText(dir / "file", GetParam().content);
     std::list<std::string> lines{"before"};
     EXPECT_TRUE(CFileUtil::ReadFileLineToList(dir / "file", lines, GetParam().limit));
     EXPECT_EQ(GetParam().lines, lines);
@@ -90,7 +91,7 @@ TEST_F(FileUtilTest, LinesOfProcFilesAreRead) {
 }
 
 TEST_F(FileUtilTest, FailedReadsLeaveTheOutputsAsTheyWere) {
-    PutFile(m_dir / "file", "text\n");
+    WriteText(m_dir / "file", "text\n");
     ASSERT_EQ(0, ::symlink("file", (m_dir / "link").c_str()));
     ASSERT_EQ(0, ::mkfifo((m_dir / "pipe").c_str(), 0600));
     for (const std::string& path :
@@ -106,14 +107,14 @@ TEST_F(FileUtilTest, FailedReadsLeaveTheOutputsAsTheyWere) {
 }
 
 TEST_F(FileUtilTest, ReadErrorsInTheMiddleAreFailures) {
-    PutFile(m_dir / "file", std::string(40000, 'x'));
+    WriteText(m_dir / "file", std::string(40000, 'x'));
     const Failing broken(Call::kRead, EIO, 2);
     EXPECT_FALSE(CFileUtil::ReadFullFile(m_dir / "file", m_text, 100000));
     EXPECT_EQ("before", m_text);
 }
 
 TEST_F(FileUtilTest, InterruptedReadsAreCarriedOn) {
-    PutFile(m_dir / "file", "a\nb\n");
+    WriteText(m_dir / "file", "a\nb\n");
     {
         const Failing interrupted(Call::kRead, EINTR, 1, 3);
         EXPECT_TRUE(CFileUtil::ReadFileLineToList(m_dir / "file", m_lines, 10));
@@ -134,17 +135,17 @@ TEST_F(FileUtilTest, AnEndlessLineIsRefused) {
 }
 
 TEST_F(FileUtilTest, AFullReadTakesUpToTheLimitAndRefusesMore) {
-    PutFile(m_dir / "file", "12345");
+    WriteText(m_dir / "file", "12345");
     EXPECT_FALSE(CFileUtil::ReadFullFile(m_dir / "file", m_text, 4));
     EXPECT_EQ("before", m_text);
     EXPECT_TRUE(CFileUtil::ReadFullFile(m_dir / "file", m_text, 5));
     EXPECT_EQ("12345", m_text);
-    PutFile(m_dir / "file", std::string(65536, 'x'));
+    WriteText(m_dir / "file", std::string(65536, 'x'));
     EXPECT_FALSE(CFileUtil::ReadFullFile(m_dir / "file", m_text, 65535));
     EXPECT_TRUE(CFileUtil::ReadFullFile(m_dir / "file", m_text, 65536));
     EXPECT_EQ(65536U, m_text.size());
     EXPECT_TRUE(CFileUtil::ReadFullFile(m_dir / "file", m_text, ULONG_MAX));
-    PutFile(m_dir / "file", "");
+    WriteText(m_dir / "file", "");
     EXPECT_TRUE(CFileUtil::ReadFullFile(m_dir / "file", m_text, 0));
     EXPECT_EQ("", m_text);
 }
@@ -153,21 +154,21 @@ TEST_F(FileUtilTest, WriteNewFileMakesExactlyTheTextWithItsMode) {
     const mode_t umaskBefore = ::umask(0077);
     EXPECT_TRUE(CFileUtil::WriteNewFile(m_dir / "file", "no end added", false));
     ::umask(umaskBefore);
-    EXPECT_EQ("no end added", ReadFile(m_dir / "file"));
+    EXPECT_EQ("no end added", ReadText(m_dir / "file"));
     EXPECT_EQ(0640, ModeOf(m_dir / "file"));
     EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file"));
 }
 
 TEST_F(FileUtilTest, WriteNewFileReplacesAWiderAndLongerFile) {
-    PutFile(m_dir / "file", std::string(10000, 'o'));
+    WriteText(m_dir / "file", std::string(10000, 'o'));
     ASSERT_EQ(0, ::chmod((m_dir / "file").c_str(), 0666));
     EXPECT_TRUE(CFileUtil::WriteNewFile(m_dir / "file", "", true));
-    EXPECT_EQ("", ReadFile(m_dir / "file"));
+    EXPECT_EQ("", ReadText(m_dir / "file"));
     EXPECT_EQ(0640, ModeOf(m_dir / "file"));
 }
 
 TEST_F(FileUtilTest, WriteNewFileRefusesWhatIsNoRegularFile) {
-    PutFile(m_dir / "target", "untouched");
+    WriteText(m_dir / "target", "untouched");
     ASSERT_EQ(0, ::symlink("target", (m_dir / "link").c_str()));
     ASSERT_EQ(0, ::symlink("nowhere", (m_dir / "dangling").c_str()));
     ASSERT_EQ(0, ::mkfifo((m_dir / "pipe").c_str(), 0600));
@@ -175,16 +176,16 @@ TEST_F(FileUtilTest, WriteNewFileRefusesWhatIsNoRegularFile) {
                                     m_dir / "missing/file", std::string("/dev/full"), std::string()}) {
         EXPECT_FALSE(CFileUtil::WriteNewFile(path, "text", false)) << path;
     }
-    EXPECT_EQ("untouched", ReadFile(m_dir / "target"));
+    EXPECT_EQ("untouched", ReadText(m_dir / "target"));
     EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("dangling", "link", "pipe", "target"));
 }
 
 TEST_F(FileUtilTest, ALinkPlantedAtTheIntermediateNameIsNotFollowed) {
-    PutFile(m_dir / "target", "untouched");
+    WriteText(m_dir / "target", "untouched");
     ASSERT_EQ(0, ::symlink("target", (m_dir / "file.new").c_str()));
     EXPECT_TRUE(CFileUtil::WriteNewFile(m_dir / "file", "text", false));
-    EXPECT_EQ("untouched", ReadFile(m_dir / "target"));
-    EXPECT_EQ("text", ReadFile(m_dir / "file"));
+    EXPECT_EQ("untouched", ReadText(m_dir / "target"));
+    EXPECT_EQ("text", ReadText(m_dir / "file"));
     EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file", "target"));
 }
 
@@ -193,14 +194,14 @@ TEST_F(FileUtilTest, ShortAndInterruptedWritesAreCarriedOn) {
         const ShortWrites slow(3);
         EXPECT_TRUE(CFileUtil::WriteNewFile(m_dir / "file", "0123456789", false));
     }
-    EXPECT_EQ("0123456789", ReadFile(m_dir / "file"));
+    EXPECT_EQ("0123456789", ReadText(m_dir / "file"));
     const Failing interrupted(Call::kWrite, EINTR, 1, 2);
     EXPECT_TRUE(CFileUtil::WriteNewFile(m_dir / "file", "again", false));
-    EXPECT_EQ("again", ReadFile(m_dir / "file"));
+    EXPECT_EQ("again", ReadText(m_dir / "file"));
 }
 
 TEST_F(FileUtilTest, FailedWritesLeaveTheOldFileAndNoOther) {
-    PutFile(m_dir / "file", "old");
+    WriteText(m_dir / "file", "old");
     {
         const ShortWrites slow(3);
         const Failing full(Call::kWrite, ENOSPC, 2);
@@ -210,7 +211,7 @@ TEST_F(FileUtilTest, FailedWritesLeaveTheOldFileAndNoOther) {
         const Failing broken(Call::kFsync, EIO);
         EXPECT_FALSE(CFileUtil::WriteNewFile(m_dir / "file", "0123456789", true));
     }
-    EXPECT_EQ("old", ReadFile(m_dir / "file"));
+    EXPECT_EQ("old", ReadText(m_dir / "file"));
     EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file"));
 }
 
@@ -232,7 +233,7 @@ TEST_F(FileUtilTest, AFullDiskFailsTheWriteAndKeepsTheOldFile) {
     ASSERT_TRUE(CFileUtil::WriteNewFile(disk / "file", "old", false));
     disk.Fill();
     EXPECT_FALSE(CFileUtil::WriteNewFile(disk / "file", std::string(8192, 'n'), false));
-    EXPECT_EQ("old", ReadFile(disk / "file"));
+    EXPECT_EQ("old", ReadText(disk / "file"));
     EXPECT_THAT(NamesIn(disk.Path()), ElementsAre("file", "filler"));
     ASSERT_TRUE(CFileUtil::RemoveFile(disk / "filler"));
     EXPECT_TRUE(CFileUtil::WriteNewFile(disk / "file", std::string(8192, 'n'), false));
@@ -246,11 +247,11 @@ TEST_F(FileUtilTest, AReadOnlyDiskFailsEveryChange) {
     EXPECT_FALSE(CFileUtil::WriteNewFile(disk / "file", "new", false));
     EXPECT_FALSE(CFileUtil::RemoveFile(disk / "file"));
     EXPECT_FALSE(CFileCom(disk / "file").rename(disk / "other"));
-    EXPECT_EQ("old", ReadFile(disk / "file"));
+    EXPECT_EQ("old", ReadText(disk / "file"));
 }
 
 TEST_F(FileUtilTest, RemoveFileTellsWhetherThereWasOne) {
-    PutFile(m_dir / "file", "");
+    WriteText(m_dir / "file", "");
     EXPECT_TRUE(CFileUtil::RemoveFile(m_dir / "file"));
     EXPECT_FALSE(CFileUtil::RemoveFile(m_dir / "file"));
     EXPECT_FALSE(CFileUtil::RemoveFile(m_dir.Path()));
@@ -258,17 +259,17 @@ TEST_F(FileUtilTest, RemoveFileTellsWhetherThereWasOne) {
 }
 
 TEST_F(FileUtilTest, RenameReplacesTheTarget) {
-    PutFile(m_dir / "from", "new");
-    PutFile(m_dir / "to", "old");
+    WriteText(m_dir / "from", "new");
+    WriteText(m_dir / "to", "old");
     EXPECT_TRUE(CFileCom(m_dir / "from").rename(m_dir / "to"));
-    EXPECT_EQ("new", ReadFile(m_dir / "to"));
+    EXPECT_EQ("new", ReadText(m_dir / "to"));
     EXPECT_FALSE(CFileCom(m_dir / "from").rename(m_dir / "to"));
     EXPECT_FALSE(CFileCom(m_dir / "to").rename(m_dir / "missing/to"));
     EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("to"));
 }
 
 TEST_F(FileUtilTest, NoOperationLeavesADescriptorOpen) {
-    PutFile(m_dir / "file", "text");
+    WriteText(m_dir / "file", "text");
     const size_t before = support::OpenDescriptors();
     for (int round = 0; round < 3; ++round) {
         CFileUtil::ReadFileLineToList(m_dir / "file", m_lines, 1);

@@ -20,7 +20,7 @@
 #include <thread>
 #include <vector>
 
-#include "UtilSupport.h"
+#include "support/Files.h"
 #include "platform/zel/IpcBroadcast.h"
 
 namespace {

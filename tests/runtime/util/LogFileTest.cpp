@@ -8,18 +8,19 @@
 
 #include <gmock/gmock.h>
 
-#include "Faults.h"
-#include "UtilSupport.h"
+#include "support/Faults.h"
+#include "support/Files.h"
+#include "support/SmallDisk.h"
 
 using faults::Call;
 using faults::Failing;
 using faults::ShortWrites;
 using support::ModeOf;
 using support::NamesIn;
-using support::PutFile;
-using support::ReadFile;
+using support::ReadText;
 using support::SmallDisk;
 using support::TempDir;
+using support::WriteText;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using zel::LogFile;
@@ -43,17 +44,17 @@ TEST_F(LogFileTest, MakesDirectoryAndFileForTheAgentAlone) {
     LogFile file = Make();
     EXPECT_TRUE(file.Write("a\n"));
     EXPECT_TRUE(file.Write("b\n"));
-    EXPECT_EQ("a\nb\n", ReadFile(m_path));
+    EXPECT_EQ("a\nb\n", ReadText(m_path));
     EXPECT_EQ(0640, ModeOf(m_path));
     EXPECT_EQ(0750, ModeOf(m_dir / "log"));
 }
 
 TEST_F(LogFileTest, GoesOnAtTheEndOfAnExistingFile) {
     ASSERT_EQ(0, ::mkdir((m_dir / "log").c_str(), 0700));
-    PutFile(m_path, "before\n");
+    WriteText(m_path, "before\n");
     LogFile file = Make();
     EXPECT_TRUE(file.Write("a\n"));
-    EXPECT_EQ("before\na\n", ReadFile(m_path));
+    EXPECT_EQ("before\na\n", ReadText(m_path));
 }
 
 TEST_F(LogFileTest, KeepsNoMoreFilesAndBytesThanAllowed) {
@@ -62,9 +63,9 @@ TEST_F(LogFileTest, KeepsNoMoreFilesAndBytesThanAllowed) {
         EXPECT_TRUE(file.Write(line));
     }
     EXPECT_THAT(NamesIn(m_dir / "log"), ElementsAre("p.log", "p.log.1", "p.log.2"));
-    EXPECT_EQ("999\n", ReadFile(m_path));
-    EXPECT_EQ("777\n888\n", ReadFile(m_path + ".1"));
-    EXPECT_EQ("555\n666\n", ReadFile(m_path + ".2"));
+    EXPECT_EQ("999\n", ReadText(m_path));
+    EXPECT_EQ("777\n888\n", ReadText(m_path + ".1"));
+    EXPECT_EQ("555\n666\n", ReadText(m_path + ".2"));
 }
 
 TEST_F(LogFileTest, EmptiesItsOnlyFile) {
@@ -72,16 +73,16 @@ TEST_F(LogFileTest, EmptiesItsOnlyFile) {
     EXPECT_TRUE(file.Write("111\n"));
     EXPECT_TRUE(file.Write("222\n"));
     EXPECT_THAT(NamesIn(m_dir / "log"), ElementsAre("p.log"));
-    EXPECT_EQ("222\n", ReadFile(m_path));
+    EXPECT_EQ("222\n", ReadText(m_path));
 }
 
 TEST_F(LogFileTest, EmptiesWhatCannotBeMovedAside) {
     LogFile file = Make(6, 2);
     EXPECT_TRUE(file.Write("111\n"));
     ASSERT_EQ(0, ::mkdir((m_path + ".1").c_str(), 0700));
-    PutFile(m_path + ".1/keep", "");
+    WriteText(m_path + ".1/keep", "");
     EXPECT_TRUE(file.Write("222\n"));
-    EXPECT_EQ("222\n", ReadFile(m_path));
+    EXPECT_EQ("222\n", ReadText(m_path));
 }
 
 TEST_F(LogFileTest, FollowsARenameByALogCleaner) {
@@ -89,8 +90,8 @@ TEST_F(LogFileTest, FollowsARenameByALogCleaner) {
     EXPECT_TRUE(file.Write("a\n"));
     ASSERT_EQ(0, ::rename(m_path.c_str(), (m_dir / "taken").c_str()));
     EXPECT_TRUE(file.Write("b\n"));
-    EXPECT_EQ("a\n", ReadFile(m_dir / "taken"));
-    EXPECT_EQ("b\n", ReadFile(m_path));
+    EXPECT_EQ("a\n", ReadText(m_dir / "taken"));
+    EXPECT_EQ("b\n", ReadText(m_path));
 }
 
 TEST_F(LogFileTest, TwoWritersOfOneNameRotateOnce) {
@@ -100,13 +101,13 @@ TEST_F(LogFileTest, TwoWritersOfOneNameRotateOnce) {
     EXPECT_TRUE(two.Write("2222\n"));
     EXPECT_TRUE(one.Write("3333\n"));  // moves both writers' lines aside
     EXPECT_TRUE(two.Write("4444\n"));  // finds the new file
-    EXPECT_EQ("3333\n4444\n", ReadFile(m_path));
-    EXPECT_EQ("1111\n2222\n", ReadFile(m_path + ".1"));
+    EXPECT_EQ("3333\n4444\n", ReadText(m_path));
+    EXPECT_EQ("1111\n2222\n", ReadText(m_path + ".1"));
 }
 
 TEST_F(LogFileTest, RefusesLinksPipesAndSecondNames) {
     ASSERT_EQ(0, ::mkdir((m_dir / "log").c_str(), 0700));
-    PutFile(m_dir / "target", "untouched");
+    WriteText(m_dir / "target", "untouched");
     ASSERT_EQ(0, ::symlink("../target", m_path.c_str()));
     LogFile file = Make();
     EXPECT_FALSE(file.Write("a\n"));
@@ -120,7 +121,7 @@ TEST_F(LogFileTest, RefusesLinksPipesAndSecondNames) {
     ASSERT_EQ(0, ::unlink(m_path.c_str()));
     ASSERT_EQ(0, ::mkfifo(m_path.c_str(), 0600));
     EXPECT_FALSE(file.Write("a\n"));
-    EXPECT_EQ("untouched", ReadFile(m_dir / "target"));
+    EXPECT_EQ("untouched", ReadText(m_dir / "target"));
 
     ASSERT_EQ(0, ::unlink(m_path.c_str()));
     EXPECT_TRUE(file.Write("a\n"));
@@ -135,7 +136,7 @@ TEST_F(LogFileTest, RefusesADirectoryThatIsALinkOrAFile) {
     EXPECT_THAT(file.Error(), HasSubstr("cannot open directory " + (m_dir / "log")));
     EXPECT_THAT(NamesIn(m_dir / "elsewhere"), testing::IsEmpty());
     ASSERT_EQ(0, ::unlink((m_dir / "log").c_str()));
-    PutFile(m_dir / "log", "");
+    WriteText(m_dir / "log", "");
     EXPECT_FALSE(file.Write("a\n"));
 }
 
@@ -154,7 +155,7 @@ TEST_F(LogFileTest, StartsANewLineAfterABrokenOffOne) {
         EXPECT_EQ("cannot write " + m_path + ": No space left on device", file.Error());
     }
     EXPECT_TRUE(file.Write("next\n"));
-    EXPECT_EQ("123\nnext\n", ReadFile(m_path));
+    EXPECT_EQ("123\nnext\n", ReadText(m_path));
 }
 
 TEST_F(LogFileTest, InterruptedAndShortWritesAreCarriedOn) {
@@ -162,7 +163,7 @@ TEST_F(LogFileTest, InterruptedAndShortWritesAreCarriedOn) {
     const ShortWrites slow(2);
     const Failing interrupted(Call::kWrite, EINTR, 1, 2);
     EXPECT_TRUE(file.Write("12345\n"));
-    EXPECT_EQ("12345\n", ReadFile(m_path));
+    EXPECT_EQ("12345\n", ReadText(m_path));
 }
 
 TEST_F(LogFileTest, ComesBackWhenAFullDiskIsFreed) {
@@ -176,7 +177,7 @@ TEST_F(LogFileTest, ComesBackWhenAFullDiskIsFreed) {
     EXPECT_THAT(file.Error(), HasSubstr("No space left on device"));
     ASSERT_EQ(0, ::unlink((disk / "filler").c_str()));
     EXPECT_TRUE(file.Write("b\n"));
-    const std::string text = ReadFile(disk / "log/p.log");
+    const std::string text = ReadText(disk / "log/p.log");
     EXPECT_THAT(text, testing::StartsWith("a\n"));
     EXPECT_THAT(text, testing::EndsWith("\nb\n"));
 }

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "UtilSupport.h"
+#include "support/Files.h"
 
 using support::TempDir;
 using zel::FormatJournalEntry;

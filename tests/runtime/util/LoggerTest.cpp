@@ -13,7 +13,10 @@
 
 #include <gmock/gmock.h>
 
-#include "UtilSupport.h"
+#include "support/Files.h"
+#include "support/SmallDisk.h"
+#include "support/StderrCapture.h"
+#include "support/Waiting.h"
 #include "platform/zel/LogControl.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ThreadUtil.h"
@@ -30,12 +33,12 @@ using support::CountOf;
 using support::LinesOf;
 using support::ModeOf;
 using support::NamesIn;
-using support::PutFile;
-using support::ReadFile;
+using support::ReadText;
 using support::Signal;
 using support::SmallDisk;
 using support::StderrCapture;
 using support::TempDir;
+using support::WriteText;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -73,7 +76,7 @@ protected:
 
     std::vector<std::string> Lines() {
         EXPECT_TRUE(FlushLog());
-        return LinesOf(ReadFile(m_path));
+        return LinesOf(ReadText(m_path));
     }
 
     TempDir m_dir;
@@ -297,9 +300,9 @@ TEST_F(LoggerTest, AFullFileMovesAside) {
     EXPECT_TRUE(FlushLog());
     EXPECT_THAT(NamesIn(m_dir / "log"), ElementsAre("Tervane.log", "Tervane.log.1", "Tervane.log.2"));
     for (const char* name : {"log/Tervane.log", "log/Tervane.log.1", "log/Tervane.log.2"}) {
-        EXPECT_LE(ReadFile(m_dir / name).size(), 4096U);
+        EXPECT_LE(ReadText(m_dir / name).size(), 4096U);
     }
-    EXPECT_THAT(LinesOf(ReadFile(m_path)).back(), EndsWith(" 299"));
+    EXPECT_THAT(LinesOf(ReadText(m_path)).back(), EndsWith(" 299"));
 }
 
 TEST_F(LoggerTest, OutOfRangeBoundsAreBroughtIntoRange) {
@@ -309,13 +312,13 @@ TEST_F(LoggerTest, OutOfRangeBoundsAreBroughtIntoRange) {
     for (int i = 0; i < 300; ++i) Write("some text of a line " + std::to_string(i));
     EXPECT_TRUE(FlushLog());
     EXPECT_THAT(NamesIn(m_dir / "log"), ElementsAre("Tervane.log"));
-    EXPECT_GT(ReadFile(m_path).size(), 0U);
+    EXPECT_GT(ReadText(m_path).size(), 0U);
 }
 
 // --- a place that cannot be written ---
 
 TEST_F(LoggerTest, LinesGoToStderrAfterOneWordWithoutDirectory) {
-    PutFile(m_dir / "log", "a file in the way");
+    WriteText(m_dir / "log", "a file in the way");
     const unsigned long before = GetLogCounters().redirected;
     StderrCapture capture;
     Configure();
@@ -334,7 +337,7 @@ TEST_F(LoggerTest, LinesGoToStderrAfterOneWordWithoutDirectory) {
 }
 
 TEST_F(LoggerTest, TheConsoleDoesNotGetRedirectedLinesTwice) {
-    PutFile(m_dir / "log", "a file in the way");
+    WriteText(m_dir / "log", "a file in the way");
     m_options.console = true;
     StderrCapture capture;
     Configure();
@@ -357,7 +360,7 @@ TEST_F(LoggerTest, AFullDiskSendsLinesToStderr) {
     const std::string text = capture.Text();
     EXPECT_EQ(1U, CountOf(text, "No space left on device"));
     EXPECT_GT(CountOf(text, "no room for this"), 0U);
-    EXPECT_THAT(ReadFile(disk / "log/Tervane.log"), HasSubstr("] first\n"));
+    EXPECT_THAT(ReadText(disk / "log/Tervane.log"), HasSubstr("] first\n"));
 }
 
 TEST_F(LoggerTest, AReadOnlyDiskSendsLinesToStderr) {
@@ -428,7 +431,7 @@ TEST_F(LoggerTest, ExitWritesWhatIsQueued) {
         std::exit(0);
     }
     EXPECT_EQ(0, ExitCodeOf(child));
-    EXPECT_EQ(1000U, LinesOf(ReadFile(m_path)).size());
+    EXPECT_EQ(1000U, LinesOf(ReadText(m_path)).size());
 }
 
 }  // namespace

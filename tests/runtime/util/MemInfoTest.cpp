@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "UtilSupport.h"
+#include "support/Files.h"
 #include "platform/zel/OSInfo.h"
 
 using zel::COSInfo;
@@ -68,7 +68,7 @@ TEST(OSInfoTest, ReportsTheKernelsFigures) {
     EXPECT_GE(percent, 0);
     EXPECT_LE(percent, 100);
     MemInfo info;
-    ASSERT_TRUE(ParseMemInfo(support::ReadFile("/proc/meminfo"), info));
+    ASSERT_TRUE(ParseMemInfo(support::ReadText("/proc/meminfo"), info));
     // Other processes take and give memory between the two readings.
     EXPECT_NEAR(static_cast<double>(info.availableKb) / 1024, static_cast<double>(available),
                 static_cast<double>(info.totalKb) / 1024 / 4);

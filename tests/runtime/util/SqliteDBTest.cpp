@@ -10,14 +10,15 @@
 
 #include <gmock/gmock.h>
 
-#include "UtilSupport.h"
+#include "support/Files.h"
+#include "support/SmallDisk.h"
 
 using support::ModeOf;
 using support::NamesIn;
-using support::PutFile;
-using support::ReadFile;
+using support::ReadText;
 using support::SmallDisk;
 using support::TempDir;
+using support::WriteText;
 using testing::ElementsAre;
 using zel::GetSqliteDB;
 using zel::ISqliteDB;
@@ -167,7 +168,7 @@ TEST_F(SqliteDBTest, ForgottenStatementsAreReleasedWithTheDatabase) {
 }
 
 TEST_F(SqliteDBTest, RefusesALinkAndLeavesItsTargetAlone) {
-    PutFile(m_dir / "target", "");
+    WriteText(m_dir / "target", "");
     ASSERT_EQ(0, ::symlink("target", m_path.c_str()));
     Database link(m_path);
     EXPECT_EQ(nullptr, link.Get());
@@ -176,7 +177,7 @@ TEST_F(SqliteDBTest, RefusesALinkAndLeavesItsTargetAlone) {
     ASSERT_EQ(0, ::symlink("nowhere", m_path.c_str()));
     Database dangling(m_path);
     EXPECT_EQ(nullptr, dangling.Get());
-    EXPECT_EQ("", ReadFile(m_dir / "target"));
+    EXPECT_EQ("", ReadText(m_dir / "target"));
     EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("target", "x.db"));
 }
 
@@ -199,12 +200,12 @@ TEST_F(SqliteDBTest, WhatIsNoFileOrHasNoDirectoryCannotBeOpened) {
 }
 
 TEST_F(SqliteDBTest, AFileThatIsNoDatabaseFailsItsFirstUse) {
-    PutFile(m_path, std::string(4096, 'x'));
+    WriteText(m_path, std::string(4096, 'x'));
     Database db(m_path);
     ASSERT_NE(nullptr, db.Get());
     EXPECT_FALSE(MakeTable(db));
     EXPECT_EQ(SQLITE_NOTADB, db->GetLastError());
-    EXPECT_EQ(std::string(4096, 'x'), ReadFile(m_path));
+    EXPECT_EQ(std::string(4096, 'x'), ReadText(m_path));
 }
 
 TEST_F(SqliteDBTest, ALockedDatabaseIsWaitedForOnlyShortly) {

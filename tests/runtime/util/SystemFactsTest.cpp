@@ -13,8 +13,9 @@
 
 #include <gtest/gtest.h>
 
-#include "Faults.h"
-#include "UtilSupport.h"
+#include "support/Faults.h"
+#include "support/Files.h"
+#include "support/SmallDisk.h"
 #include "platform/zel/MutexUtil.h"
 #include "platform/zel/PathInfo.h"
 #include "platform/zel/ProcessUtil.h"

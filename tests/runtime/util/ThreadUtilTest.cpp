@@ -14,8 +14,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Faults.h"
-#include "UtilSupport.h"
+#include "support/Faults.h"
+#include "support/Waiting.h"
 #include "platform/zel/LogControl.h"
 #include "platform/zel/ToolUtil.h"
 

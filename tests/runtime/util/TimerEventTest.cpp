@@ -11,8 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Faults.h"
-#include "UtilSupport.h"
+#include "support/Waiting.h"
 #include "platform/zel/LogControl.h"
 #include "platform/zel/ThreadUtil.h"
 

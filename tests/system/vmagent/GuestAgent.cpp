@@ -20,7 +20,6 @@ namespace guest {
 
 namespace {
 
-constexpr int kPollMs = 100;
 constexpr const char* kTree = "zel.agent";
 constexpr size_t kShownLogBytes = 5000;
 
@@ -36,19 +35,8 @@ bool Parse(const std::string& text, Json::Value& value) {
     return reader->parse(text.data(), text.data() + text.size(), &value, &problem);
 }
 
-std::vector<std::string> FoldersOf(const std::string& path) {
-    std::vector<std::string> names;
-    std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path.c_str()), closedir);
-    if (!directory) return names;
-    while (dirent* entry = readdir(directory.get())) {
-        std::string name = entry->d_name;
-        if (entry->d_type == DT_DIR && name != "." && name != "..") names.push_back(name);
-    }
-    return names;
-}
-
 void Collect(const std::string& path, std::vector<std::string>& all) {
-    for (const std::string& name : FoldersOf(path)) Collect(path + "/" + name, all);
+    for (const std::string& name : FoldersIn(path)) Collect(path + "/" + name, all);
     all.push_back(path);
 }
 
@@ -72,42 +60,6 @@ pid_t Spawn(const std::vector<std::string>& words, const std::string& output, co
 
 }  // namespace
 
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-bool WriteText(const std::string& path, const std::string& text) {
-    // A control file is never made: where there is none, an ordinary file would take the write and nothing would hold.
-    int flags = path.compare(0, 14, "/sys/fs/cgroup") == 0 ? O_WRONLY : O_WRONLY | O_CREAT | O_TRUNC;
-    int file = open(path.c_str(), flags | O_CLOEXEC, 0640);
-    if (file < 0) return false;
-    bool written = write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    close(file);
-    return written;
-}
-
-bool Exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
-
-void SleepMs(int milliseconds) {
-    timespec wait{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
-    nanosleep(&wait, nullptr);
-}
-
-bool Poll(int seconds, const std::function<bool()>& holds) {
-    timespec begin{};
-    clock_gettime(CLOCK_MONOTONIC, &begin);
-    for (;;) {
-        if (holds()) return true;
-        timespec now{};
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        if (now.tv_sec - begin.tv_sec > seconds) return false;
-        SleepMs(kPollMs);
-    }
-}
-
 int64_t Field(const std::string& path, const std::string& key) {
     std::istringstream lines(ReadText(path));
     std::string name;
@@ -116,12 +68,6 @@ int64_t Field(const std::string& path, const std::string& key) {
         if (name == key) return value;
     }
     return -1;
-}
-
-int CountOf(const std::string& text, const std::string& part) {
-    int count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++count;
-    return count;
 }
 
 std::string Command(const std::string& words) {
@@ -196,7 +142,7 @@ std::vector<std::string> AllGroups() {
     std::vector<std::string> all;
     for (const char* controller : {"cpu", "memory"}) {
         const std::string root = GroupDir(controller).substr(0, GroupDir(controller).rfind('/'));
-        for (const std::string& name : FoldersOf(root)) {
+        for (const std::string& name : FoldersIn(root)) {
             if (name.compare(0, std::string(kTree).size(), kTree) == 0) Collect(root + "/" + name, all);
         }
     }

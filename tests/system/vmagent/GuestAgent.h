@@ -12,20 +12,26 @@
 #include <string>
 #include <vector>
 
+#include "support/Files.h"
+#include "support/Waiting.h"
+
 namespace guest {
 
 constexpr int kStartSeconds = 120;
 constexpr int kSettleSeconds = 90;  ///< the agent looks for kills every 15 rounds of about a second
 constexpr const char* kAppDir = "/tmp/app";
 
-std::string ReadText(const std::string& path);
-bool WriteText(const std::string& path, const std::string& text);
-bool Exists(const std::string& path);
-bool Poll(int seconds, const std::function<bool()>& holds);
-void SleepMs(int milliseconds);
+using support::CountOf;
+using support::Exists;
+using support::FoldersIn;
+using support::Poll;
+using support::ReadText;
+using support::ReplaceText;
+using support::SleepMs;
+using support::WriteText;
+
 /// The number behind `key` in a file of "key value" lines; -1 when it is not there.
 int64_t Field(const std::string& path, const std::string& key);
-int CountOf(const std::string& text, const std::string& part);
 std::string Command(const std::string& words);  ///< output of a shell command, for what a failed test prints
 
 /// The directory of one group in the hierarchy that serves a controller ("cpu" or "memory") in this guest.
@@ -70,7 +76,7 @@ protected:
     Json::Value ComponentOf(const std::string& name);
     pid_t PidOf(const std::string& name);
     std::string Log() const { return ReadText(std::string(kAppDir) + "/log/tervane.log"); }
-    int LogCount(const std::string& part) const { return CountOf(Log(), part); }
+    int LogCount(const std::string& part) const { return static_cast<int>(CountOf(Log(), part)); }
     bool WaitLog(const std::string& part, int count = 1);
     /// The bodies of all messages of this kind that were delivered, in order.
     static std::vector<Json::Value> Messages(const std::string& messageType);

@@ -23,7 +23,7 @@ TEST_F(RebootInGuest, FirstBootLeavesKillsInTheFile) {
     ASSERT_FALSE(HasFatalFailure());
     KillComponentOnce("Killable", "collect-defense");
     ASSERT_TRUE(Poll(kSettleSeconds, [] { return !OomEvents(kRuntime).empty(); })) << "no event";
-    EXPECT_TRUE(Poll(kSettleSeconds, [] { return CountOf(ReadText(kWatermark), "\"oom_kill\" : 1") == 2; }))
+    EXPECT_TRUE(Poll(kSettleSeconds, [] { return CountOf(ReadText(kWatermark), "\"oom_kill\" : 1") == 2U; }))
         << ReadText(kWatermark);
     KillMain();  // the machine loses its power: nothing is taken down in order
     ASSERT_EQ(Command("cp -a /tmp/app /carry/ && rm -rf /carry/app/run 2>&1"), "");
@@ -34,7 +34,7 @@ TEST_F(RebootInGuest, SecondBootReportsNothingOfTheFirst) {
     ASSERT_NE(ReadText("/carry/boot_id"), "");
     ASSERT_NE(ReadText("/carry/boot_id"), ReadText(kBootId)) << "this is no second boot";
     ASSERT_EQ(Command("rm -rf /tmp/app && cp -a /carry/app /tmp/app 2>&1"), "");
-    ASSERT_EQ(CountOf(ReadText(kWatermark), "\"oom_kill\" : 1"), 2) << ReadText(kWatermark);
+    ASSERT_EQ(CountOf(ReadText(kWatermark), "\"oom_kill\" : 1"), 2U) << ReadText(kWatermark);
     ASSERT_EQ(OomEvents(kRuntime).size(), 1U);
     StartAgent();
     ASSERT_FALSE(HasFatalFailure());

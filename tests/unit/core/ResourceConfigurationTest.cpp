@@ -8,6 +8,7 @@
 #include <cstddef>
 
 #include "CoreFixture.h"
+#include "support/Files.h"
 #include "platform/zel/CgroupClient.h"
 
 // The sampling class shares this layout.
@@ -64,8 +65,8 @@ TEST_F(ResourceConfigurationTest, RefusesWhatIsNoRegularFileSilently) {
 }
 
 TEST_F(ResourceConfigurationTest, SaysWhenTheFileCannotBeLoaded) {
-    std::string folder = ::testing::TempDir() + "resource_config_XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(folder.data()));
+    const support::TempDir temp;
+    const std::string folder = temp.Path();
     const std::string missing = folder + "/missing", link = folder + "/link", pipe = folder + "/pipe",
                       huge = folder + "/huge";
     const std::string good = WriteConfig("max_cpu=20\n");
@@ -80,8 +81,6 @@ TEST_F(ResourceConfigurationTest, SaysWhenTheFileCannotBeLoaded) {
         EXPECT_EQ(Lines({"CFileUtil::IsFile(" + path + ")", "W2 read resource monitor config fail"}), journal());
         EXPECT_EQ(Show(ResourceConfig()), Show(m_config));
     }
-    for (const std::string& path : {link, pipe, huge}) unlink(path.c_str());
-    EXPECT_EQ(0, rmdir(folder.c_str()));
 }
 
 TEST_F(ResourceConfigurationTest, SaysWhenLoaderItselfRefusesTheFile) {

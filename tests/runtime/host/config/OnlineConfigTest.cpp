@@ -11,10 +11,10 @@
 #include "config/OnlineConfigLoader.h"
 #include "platform/host/OnlineClientConf.h"
 
+using support::Eventually;
 using support::LogHolds;
 using support::ReplaceText;
 using support::TakeLog;
-using support::WaitUntil;
 using support::WriteText;
 
 namespace {
@@ -69,10 +69,10 @@ TEST_F(OnlineConfigTest, ChangeReachesValuesAndSubscribersUnpolled) {
     Listener listener;
     m_conf.AddNotify(&listener);
     ReplaceText(m_path, "{\"maxCpu\":44}");
-    ASSERT_TRUE(WaitUntil([&] { return listener.m_updates.load() == 1; }));
+    ASSERT_TRUE(Eventually([&] { return listener.m_updates.load() == 1; }));
     EXPECT_EQ(listener.m_maxCpu.load(), 44);
     WriteText(m_path, "{\"maxCpu\":45}");  // written in place
-    ASSERT_TRUE(WaitUntil([&] { return listener.m_maxCpu.load() == 45; }));
+    ASSERT_TRUE(Eventually([&] { return listener.m_maxCpu.load() == 45; }));
     m_conf.RemoveNotify(&listener);
 }
 
@@ -80,7 +80,7 @@ TEST_F(OnlineConfigTest, ADirectoryThatAppearsLaterIsFoundByLooking) {
     rmdir((m_dir / "conf").c_str());
     Load(20);
     WriteText(m_path, "{\"maxCpu\":46}");
-    EXPECT_TRUE(WaitUntil([&] { return m_conf.maxCpu.Get() == 46; }));
+    EXPECT_TRUE(Eventually([&] { return m_conf.maxCpu.Get() == 46; }));
 }
 
 TEST_F(OnlineConfigTest, RefusedFileChangesNothingAndIsToldOnce) {
@@ -92,7 +92,7 @@ TEST_F(OnlineConfigTest, RefusedFileChangesNothingAndIsToldOnce) {
     ReplaceText(m_path, "{\"maxCpu\":30,\"maxMemory\":-5}");
     const std::string line = "3 online configuration refused, the old values stay: " + m_path +
                              ": key 'maxMemory', value -5: outside 0..1048576 MB";
-    ASSERT_TRUE(WaitUntil([&] { return LogHolds(line); }));
+    ASSERT_TRUE(Eventually([&] { return LogHolds(line); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));  // ten looks at the same file
     EXPECT_EQ(TakeLog(), Lines{line});
     EXPECT_EQ(m_conf.maxCpu.Get(), 20);
@@ -153,7 +153,7 @@ TEST_F(OnlineConfigTest, PublishedValuesSurviveAbsentKeys) {
     m_conf.maxCpu.Set(15);  // as the module does after reading its own file
     m_conf.maxMemory.Set(250);
     WriteText(m_path, "{\"maxReadIo\":5}");
-    ASSERT_TRUE(WaitUntil([&] { return m_conf.maxReadIo.Get() == 5; }));
+    ASSERT_TRUE(Eventually([&] { return m_conf.maxReadIo.Get() == 5; }));
     EXPECT_EQ(m_conf.maxCpu.Get(), 15);
     EXPECT_EQ(m_conf.maxMemory.Get(), 250);
 }
@@ -162,12 +162,12 @@ TEST_F(OnlineConfigTest, KeyThatLeavesFileFallsBackToPublished) {
     Load();
     m_conf.maxCpu.Set(15);
     WriteText(m_path, "{\"maxCpu\":60,\"maxFdCount\":99}");
-    ASSERT_TRUE(WaitUntil([&] { return m_conf.maxCpu.Get() == 60; }));
+    ASSERT_TRUE(Eventually([&] { return m_conf.maxCpu.Get() == 60; }));
     ReplaceText(m_path, "{\"maxFdCount\":99}");
-    ASSERT_TRUE(WaitUntil([&] { return m_conf.maxCpu.Get() == 15; }));
+    ASSERT_TRUE(Eventually([&] { return m_conf.maxCpu.Get() == 15; }));
     EXPECT_EQ(m_conf.maxFdCount.Get(), 99);
     unlink(m_path.c_str());
-    ASSERT_TRUE(WaitUntil([&] { return m_conf.maxFdCount.Get() == 1024; }));
+    ASSERT_TRUE(Eventually([&] { return m_conf.maxFdCount.Get() == 1024; }));
     EXPECT_EQ(m_conf.maxCpu.Get(), 15);
 }
 
@@ -177,7 +177,7 @@ TEST_F(OnlineConfigTest, FileWinsOverWhatAModulePublishesAtItsStart) {
     m_conf.maxCpu.Set(10);
     Listener listener;
     m_conf.AddNotify(&listener);
-    ASSERT_TRUE(WaitUntil([&] { return listener.m_updates.load() == 1; }));
+    ASSERT_TRUE(Eventually([&] { return listener.m_updates.load() == 1; }));
     EXPECT_EQ(listener.m_maxCpu.load(), 33);
     m_conf.RemoveNotify(&listener);
 }
@@ -193,7 +193,7 @@ TEST_F(OnlineConfigTest, RemoveWaitsForANotificationThatIsUnderWay) {
     };
     m_conf.AddNotify(&listener);
     WriteText(m_path, "{\"maxCpu\":50}");
-    ASSERT_TRUE(WaitUntil([&] { return inside.load(); }));
+    ASSERT_TRUE(Eventually([&] { return inside.load(); }));
     m_conf.RemoveNotify(&listener);
     EXPECT_TRUE(left.load());
 }
@@ -208,7 +208,7 @@ TEST_F(OnlineConfigTest, SubscriberMayLeaveAndTakeOthersFromWithin) {
     m_conf.AddNotify(&first);
     m_conf.AddNotify(&second);
     WriteText(m_path, "{\"maxCpu\":51}");
-    ASSERT_TRUE(WaitUntil([&] { return m_conf.maxCpu.Get() == 51 && first.m_updates.load() == 1; }));
+    ASSERT_TRUE(Eventually([&] { return m_conf.maxCpu.Get() == 51 && first.m_updates.load() == 1; }));
     EXPECT_TRUE(Reload());
     EXPECT_EQ(first.m_updates.load(), 1);
     EXPECT_EQ(second.m_updates.load(), 0);
@@ -221,7 +221,7 @@ TEST_F(OnlineConfigTest, AThrowingSubscriberHarmsNobody) {
     m_conf.AddNotify(&bad);
     m_conf.AddNotify(&good);
     WriteText(m_path, "{\"maxCpu\":52}");
-    ASSERT_TRUE(WaitUntil([&] { return good.m_updates.load() == 1; }));
+    ASSERT_TRUE(Eventually([&] { return good.m_updates.load() == 1; }));
     EXPECT_TRUE(LogHolds("broken subscriber"));
     m_conf.RemoveNotify(&bad);
     m_conf.RemoveNotify(&good);

@@ -17,8 +17,8 @@
 #include "HostSupport.h"
 #include "HttpServer.h"
 
+using support::Eventually;
 using support::ReadLines;
-using support::WaitUntil;
 using zelhost::CEventDelivery;
 using zelhost::DeliveryOptions;
 
@@ -106,7 +106,7 @@ TEST_F(EventDeliveryTest, FileIsRotatedAndItsGenerationsAreBounded) {
     ASSERT_TRUE(support::IsOk(delivery.Start()));
     for (int i = 0; i < 60; ++i) delivery.SendMsg("T", "m" + std::to_string(i), "", 1, 0);
     ASSERT_TRUE(delivery.Flush(20000));
-    EXPECT_EQ(support::FilesIn(m_dir / "log"), (Lines{"e.jsonl", "e.jsonl.1", "e.jsonl.2"}));
+    EXPECT_EQ(support::NamesIn(m_dir / "log"), (Lines{"e.jsonl", "e.jsonl.1", "e.jsonl.2"}));
     Lines bodies;
     for (const char* name : {"log/e.jsonl.2", "log/e.jsonl.1", "log/e.jsonl"}) {
         EXPECT_LT(support::ReadText(m_dir / name).size(), 1300u);
@@ -167,8 +167,8 @@ TEST_F(EventDeliveryTest, ASinkThatIsDownLosesNothingAndBlocksNobody) {
         sent.push_back("m" + std::to_string(i));
         delivery.SendMsg("T", sent.back(), "", 1, 0);
     }
-    ASSERT_TRUE(WaitUntil([&] { return ReadLines(m_dir / "log/e.jsonl").size() == 20; })) << "the file goes on";
-    ASSERT_TRUE(WaitUntil([&] { return delivery.Stats().sinks[1].failures >= 3; }));
+    ASSERT_TRUE(Eventually([&] { return ReadLines(m_dir / "log/e.jsonl").size() == 20; })) << "the file goes on";
+    ASSERT_TRUE(Eventually([&] { return delivery.Stats().sinks[1].failures >= 3; }));
     EXPECT_EQ(delivery.Stats().sinks[1].waiting, 20u);
     EXPECT_EQ(delivery.Stats().spooled, 20u);
     size_t lines = 0;
@@ -199,7 +199,7 @@ TEST_F(EventDeliveryTest, WhatASinkMissedIsDeliveredByTheNextProcess) {
         CEventDelivery delivery(options, "tervane");
         ASSERT_TRUE(support::IsOk(delivery.Start()));
         delivery.SendMsg("T", "a", "", 1, 0);
-        ASSERT_TRUE(WaitUntil([&] { return delivery.Stats().sinks[1].failures >= 1; }));
+        ASSERT_TRUE(Eventually([&] { return delivery.Stats().sinks[1].failures >= 1; }));
     }
     server.AnswerWith(204);
     CEventDelivery delivery(options, "tervane");

@@ -182,7 +182,7 @@ TEST_F(EventSpoolTest, ADamagedSpoolIsPutAsideAndANewOneBegins) {
     Open(spool);
     EXPECT_TRUE(spool.Append(Message("a")));
     EXPECT_TRUE(support::LogHolds("2 the event spool " + (m_dir / "spool/e.db") + " is damaged"));
-    EXPECT_THAT(support::FilesIn(m_dir / "spool"), testing::Contains(testing::StartsWith("e.db.corrupt-")));
+    EXPECT_THAT(support::NamesIn(m_dir / "spool"), testing::Contains(testing::StartsWith("e.db.corrupt-")));
 }
 
 TEST_F(EventSpoolTest, ALinkIsNotFollowed) {
@@ -257,7 +257,7 @@ TEST_F(EventSpoolTest, OnFullDiskReserveLetsTheFirstMessagesThrough) {
         unlink((m_dir / "small/filler").c_str());
         EXPECT_TRUE(spool.FlushMemory());
         EXPECT_EQ(spool.GetFigures().inMemory, 0u);
-        EXPECT_THAT(support::FilesIn(m_dir / "small"), testing::Contains("e.db.reserve"));
+        EXPECT_THAT(support::NamesIn(m_dir / "small"), testing::Contains("e.db.reserve"));
         EXPECT_EQ(Bodies(spool, "one").at(1), "the disk is full");
     }
     umount2((m_dir / "small").c_str(), MNT_DETACH);

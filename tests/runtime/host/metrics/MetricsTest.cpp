@@ -148,7 +148,7 @@ TEST(MetricsServerTest, ServesOnLoopbackAndOnLocalSocketOfThisUser) {
             EXPECT_EQ(st.st_mode & 0777, 0600u);
         }
     }
-    EXPECT_EQ(support::FilesIn(dir / "run"), Lines{}) << "the socket goes with the server";
+    EXPECT_EQ(support::NamesIn(dir / "run"), Lines{}) << "the socket goes with the server";
 }
 
 TEST(MetricsServerTest, OnlyLoopbackAddressesAreTaken) {
@@ -207,7 +207,7 @@ TEST(MetricsServerTest, TheTextFileIsRenewedWhole) {
     CMetricsServer server(options, [&] { return "m " + std::to_string(++round) + "\n"; });
     std::string error;
     ASSERT_TRUE(server.Start(error)) << error;
-    EXPECT_TRUE(support::WaitUntil([&] { return support::ReadText(dir / "zel.prom") == "m 2\n"; }));
+    EXPECT_TRUE(support::Eventually([&] { return support::ReadText(dir / "zel.prom") == "m 2\n"; }));
     server.Stop();
-    EXPECT_EQ(support::FilesIn(dir.Path()), Lines{"zel.prom"});
+    EXPECT_EQ(support::NamesIn(dir.Path()), Lines{"zel.prom"});
 }

@@ -18,8 +18,8 @@
 
 using std::chrono::milliseconds;
 using support::Burn;
-using support::FilesIn;
-using support::WaitUntil;
+using support::Eventually;
+using support::NamesIn;
 
 namespace {
 
@@ -94,7 +94,7 @@ protected:
     }
     bool Rounds(uint64_t count) {
         const uint64_t from = Figures().rounds;
-        return WaitUntil([&] { return Figures().rounds >= from + count; });
+        return Eventually([&] { return Figures().rounds >= from + count; });
     }
     support::TempDir m_dir;
     Sink m_sink;
@@ -106,7 +106,7 @@ protected:
 TEST_F(SamplerTest, TicksCountFromZeroWithoutAGap) {
     ASSERT_TRUE(m_monitor.StartMonitor(nullptr));
     EXPECT_FALSE(m_monitor.StartMonitor(nullptr)) << "runs already";
-    ASSERT_TRUE(WaitUntil([&] { return m_monitor.Ticks().size() >= 20; }));
+    ASSERT_TRUE(Eventually([&] { return m_monitor.Ticks().size() >= 20; }));
     EXPECT_TRUE(m_monitor.StopMonitor());
     EXPECT_FALSE(m_monitor.StopMonitor()) << "runs no more";
     const auto ticks = m_monitor.Ticks();
@@ -115,11 +115,11 @@ TEST_F(SamplerTest, TicksCountFromZeroWithoutAGap) {
 
 TEST_F(SamplerTest, AStartAfterAStopBeginsAnew) {
     ASSERT_TRUE(m_monitor.StartMonitor(nullptr));
-    ASSERT_TRUE(WaitUntil([&] { return m_monitor.Ticks().size() >= 3; }));
+    ASSERT_TRUE(Eventually([&] { return m_monitor.Ticks().size() >= 3; }));
     ASSERT_TRUE(m_monitor.StopMonitor());
     m_monitor.m_ticks.clear();
     ASSERT_TRUE(m_monitor.StartMonitor(nullptr));
-    ASSERT_TRUE(WaitUntil([&] { return m_monitor.Ticks().size() >= 3; }));
+    ASSERT_TRUE(Eventually([&] { return m_monitor.Ticks().size() >= 3; }));
     m_monitor.StopMonitor();
     EXPECT_EQ(m_monitor.Ticks()[0], 0u);
 }
@@ -127,14 +127,14 @@ TEST_F(SamplerTest, AStartAfterAStopBeginsAnew) {
 TEST_F(SamplerTest, StopsAtOnceInTheMiddleOfALongRound) {
     Settings(3600000, 0);
     ASSERT_TRUE(m_monitor.StartMonitor(nullptr));
-    ASSERT_TRUE(WaitUntil([&] { return m_monitor.Ticks().size() == 1; }));
+    ASSERT_TRUE(Eventually([&] { return m_monitor.Ticks().size() == 1; }));
     EXPECT_TRUE(m_monitor.StopMonitor());  // the test's own time limit is far below the round
 }
 
 TEST_F(SamplerTest, AnExceptionInARoundDoesNotEndTheRounds) {
     m_monitor.m_throws = true;
     ASSERT_TRUE(m_monitor.StartMonitor(nullptr));
-    ASSERT_TRUE(WaitUntil([&] { return m_monitor.Ticks().size() >= 3; }));
+    ASSERT_TRUE(Eventually([&] { return m_monitor.Ticks().size() >= 3; }));
 }
 
 TEST_F(SamplerTest, FiguresAreThoseOfTheKernel) {
@@ -190,16 +190,16 @@ TEST_F(SamplerTest, CpuOfTheProcessMatchesItsClock) {
 TEST_F(SamplerTest, LevelsFollowTheLoadAndTheSettings) {
     m_monitor.SetMaxCpu(1);
     ASSERT_TRUE(m_monitor.StartMonitor(nullptr));
-    EXPECT_TRUE(WaitUntil([&] {
+    EXPECT_TRUE(Eventually([&] {
         Burn(milliseconds(10));
         return m_monitor.GetCpuUsageLevel() == 2;
     }));
     m_monitor.SetMaxCpu(0);
-    EXPECT_TRUE(WaitUntil([&] { return m_monitor.GetCpuUsageLevel() == 0; }));
+    EXPECT_TRUE(Eventually([&] { return m_monitor.GetCpuUsageLevel() == 0; }));
     m_monitor.SetMaxMem(1);
-    EXPECT_TRUE(WaitUntil([&] { return m_monitor.GetMemUsageLevel() == 2; }));
+    EXPECT_TRUE(Eventually([&] { return m_monitor.GetMemUsageLevel() == 2; }));
     m_monitor.SetMaxMem(1 << 20);
-    EXPECT_TRUE(WaitUntil([&] { return m_monitor.GetMemUsageLevel() == 0; }));
+    EXPECT_TRUE(Eventually([&] { return m_monitor.GetMemUsageLevel() == 0; }));
     EXPECT_GT(Figures().cpuWarnCount, 0u);
     EXPECT_GT(Figures().cpuHighCount, 0u);
     m_monitor.StopMonitor();
@@ -238,12 +238,12 @@ TEST_F(SamplerTest, PeriodsAreBusyOnlyOnceTheyWereSeenWhole) {
     ASSERT_TRUE(m_monitor.StartMonitor(nullptr));
     ASSERT_TRUE(Rounds(5));
     EXPECT_FALSE(m_monitor.GetAvgCpuMinuteBusy() && Figures().rounds < 60);
-    EXPECT_TRUE(WaitUntil([&] { return m_monitor.GetAvgCpuMinuteBusy(); }));
+    EXPECT_TRUE(Eventually([&] { return m_monitor.GetAvgCpuMinuteBusy(); }));
     EXPECT_GE(Figures().rounds, 59u);
-    EXPECT_TRUE(WaitUntil([&] { return m_monitor.GetAvgCpuWindowBusy(); }));
+    EXPECT_TRUE(Eventually([&] { return m_monitor.GetAvgCpuWindowBusy(); }));
     EXPECT_FALSE(m_monitor.GetCpuBusyLastHour() && Figures().rounds < 3600);
-    EXPECT_TRUE(WaitUntil([&] { return Figures().cpuMinuteHighCount >= 1; }));
-    EXPECT_TRUE(WaitUntil([&] { return m_monitor.GetCpuBusyLastHour(); }, milliseconds(60000)));
+    EXPECT_TRUE(Eventually([&] { return Figures().cpuMinuteHighCount >= 1; }));
+    EXPECT_TRUE(Eventually([&] { return m_monitor.GetCpuBusyLastHour(); }, milliseconds(60000)));
     EXPECT_GE(Figures().rounds, 3599u);
     stop = true;
     burner.join();
@@ -260,11 +260,11 @@ TEST_F(SamplerTest, EveryRoundHighNeedsAWholeWindow) {
         while (!stop.load()) Burn(milliseconds(1));
     });
     ASSERT_TRUE(m_monitor.StartMonitor(nullptr));
-    EXPECT_TRUE(WaitUntil([&] { return m_monitor.GetCpuHighAllRound(); }));
+    EXPECT_TRUE(Eventually([&] { return m_monitor.GetCpuHighAllRound(); }));
     EXPECT_GE(Figures().rounds, 60u);
     stop = true;
     burner.join();
-    EXPECT_TRUE(WaitUntil([&] { return !m_monitor.GetCpuHighAllRound(); }));
+    EXPECT_TRUE(Eventually([&] { return !m_monitor.GetCpuHighAllRound(); }));
 }
 
 TEST_F(SamplerTest, TheRoundLengthIsTheSecondAuxiliaryValue) {
@@ -273,12 +273,12 @@ TEST_F(SamplerTest, TheRoundLengthIsTheSecondAuxiliaryValue) {
     config.auxValueB = 150;
     m_monitor.SetMaxResourceConfig(config);
     ASSERT_TRUE(m_monitor.StartMonitor(nullptr));
-    ASSERT_TRUE(WaitUntil([&] { return Figures().rounds >= 2; }));
+    ASSERT_TRUE(Eventually([&] { return Figures().rounds >= 2; }));
     EXPECT_EQ(Figures().roundMs, 150);
     for (int unfit : {0, -1, 99, 60001}) {
         config.auxValueB = unfit;
         m_monitor.SetMaxResourceConfig(config);
-        EXPECT_TRUE(WaitUntil([&] { return Figures().roundMs == 1000; })) << unfit;
+        EXPECT_TRUE(Eventually([&] { return Figures().roundMs == 1000; })) << unfit;
     }
 }
 
@@ -292,7 +292,7 @@ TEST_F(SamplerTest, IoIsMeasuredCountedAndCanBeSwitchedOff) {
     write();
     ASSERT_TRUE(Rounds(3));
     if (Figures().writeBytesTotal == 0) GTEST_SKIP() << "the temporary directory is not on storage";
-    EXPECT_TRUE(WaitUntil([&] {
+    EXPECT_TRUE(Eventually([&] {
         write();
         return m_sink.Count(ResourceKind::kWriteIo, WarningStage::kReached) == 1;
     }));
@@ -311,7 +311,7 @@ TEST_F(SamplerTest, ASustainedBreachWarnsThenWritesItsRecordThenAsks) {
     Settings(10, 8);
     m_monitor.SetMaxMem(1);
     ASSERT_TRUE(m_monitor.StartMonitor(&m_sink));
-    ASSERT_TRUE(WaitUntil([&] { return m_sink.Kills() >= 1; }));
+    ASSERT_TRUE(Eventually([&] { return m_sink.Kills() >= 1; }));
     m_monitor.StopMonitor();
     ASSERT_GE(m_sink.m_warnings.size(), 2u);
     EXPECT_EQ(m_sink.m_warnings[0].stage, WarningStage::kReached);
@@ -330,7 +330,7 @@ TEST_F(SamplerTest, ASustainedBreachWarnsThenWritesItsRecordThenAsks) {
     EXPECT_EQ(root["extra"].asString(), "what the host adds");
     EXPECT_GE(root["threads"].size(), 2u);
     EXPECT_THAT(root["limits"]["cgroup"].asString(), testing::HasSubstr(":"));
-    EXPECT_EQ(FilesIn(m_dir / "records").size(), m_sink.m_kills.size());
+    EXPECT_EQ(NamesIn(m_dir / "records").size(), m_sink.m_kills.size());
 }
 
 TEST_F(SamplerTest, ABreachOfCpuNamesTheBusiestThreadAndItsStack) {
@@ -344,7 +344,7 @@ TEST_F(SamplerTest, ABreachOfCpuNamesTheBusiestThreadAndItsStack) {
         while (!stop.load()) Burn(milliseconds(1));
     });
     ASSERT_TRUE(m_monitor.StartMonitor(&m_sink));
-    ASSERT_TRUE(WaitUntil([&] { return m_sink.Kills() >= 1; }));
+    ASSERT_TRUE(Eventually([&] { return m_sink.Kills() >= 1; }));
     m_monitor.StopMonitor();
     stop = true;
     burner.join();
@@ -364,13 +364,13 @@ TEST_F(SamplerTest, RecoveryDisarmsTheSelfKill) {
     Settings(10, 40);
     m_monitor.SetMaxMem(1);
     ASSERT_TRUE(m_monitor.StartMonitor(&m_sink));
-    ASSERT_TRUE(WaitUntil([&] { return m_sink.Count(ResourceKind::kMemory, WarningStage::kSustained) == 1; }));
+    ASSERT_TRUE(Eventually([&] { return m_sink.Count(ResourceKind::kMemory, WarningStage::kSustained) == 1; }));
     m_monitor.SetMaxMem(1 << 20);
-    ASSERT_TRUE(WaitUntil([&] { return m_sink.Count(ResourceKind::kMemory, WarningStage::kRecovered) == 1; }));
+    ASSERT_TRUE(Eventually([&] { return m_sink.Count(ResourceKind::kMemory, WarningStage::kRecovered) == 1; }));
     m_monitor.SetMaxMem(1);
-    ASSERT_TRUE(WaitUntil([&] { return m_sink.Count(ResourceKind::kMemory, WarningStage::kSustained) == 2; }));
+    ASSERT_TRUE(Eventually([&] { return m_sink.Count(ResourceKind::kMemory, WarningStage::kSustained) == 2; }));
     EXPECT_EQ(m_sink.Kills(), 0u);
-    ASSERT_TRUE(WaitUntil([&] { return m_sink.Kills() == 1; }));
+    ASSERT_TRUE(Eventually([&] { return m_sink.Kills() == 1; }));
 }
 
 TEST_F(SamplerTest, WithoutSelfKillItEndsWithTheWarning) {
@@ -380,7 +380,7 @@ TEST_F(SamplerTest, WithoutSelfKillItEndsWithTheWarning) {
     ASSERT_TRUE(Rounds(30));
     EXPECT_EQ(m_sink.Count(ResourceKind::kMemory, WarningStage::kSustained), 1u);
     EXPECT_EQ(m_sink.Kills(), 0u);
-    EXPECT_EQ(FilesIn(m_dir / "records"), Lines{});
+    EXPECT_EQ(NamesIn(m_dir / "records"), Lines{});
 }
 
 TEST_F(SamplerTest, TooManyDescriptorsAreWarnedAboutAndKillNobody) {
@@ -398,7 +398,7 @@ TEST_F(SamplerTest, ARecordThatCannotBeWrittenStillAsks) {
     Settings(5, 3);
     m_monitor.SetMaxMem(1);
     ASSERT_TRUE(m_monitor.StartMonitor(&m_sink));
-    ASSERT_TRUE(WaitUntil([&] { return m_sink.Kills() >= 1; }));
+    ASSERT_TRUE(Eventually([&] { return m_sink.Kills() >= 1; }));
     m_monitor.StopMonitor();
     EXPECT_EQ(m_sink.m_kills[0].path, "");
     EXPECT_FALSE(m_sink.m_kills[0].json.empty());
@@ -409,9 +409,9 @@ TEST_F(SamplerTest, OldRecordsMakeRoom) {
     Settings(2, 1);
     m_monitor.SetMaxMem(1);
     ASSERT_TRUE(m_monitor.StartMonitor(&m_sink));
-    ASSERT_TRUE(WaitUntil([&] { return m_sink.Kills() >= 25; }));
+    ASSERT_TRUE(Eventually([&] { return m_sink.Kills() >= 25; }));
     m_monitor.StopMonitor();
-    const auto files = FilesIn(m_dir / "records");
+    const auto files = NamesIn(m_dir / "records");
     EXPECT_EQ(files.size(), 16u);
     EXPECT_EQ(m_dir / "records/" + files.back(), m_sink.m_kills.back().path);
 }
@@ -423,15 +423,15 @@ TEST_F(SamplerTest, AWatchedProcessThatEndsIsToldOnceWithARecord) {
     }
     m_monitor.SetWatcherProcess({{static_cast<unsigned int>(child), "collector"}});
     ASSERT_TRUE(m_monitor.StartMonitor(&m_sink));
-    ASSERT_TRUE(WaitUntil([&] { return Figures().watchedProcesses == 1; }));
+    ASSERT_TRUE(Eventually([&] { return Figures().watchedProcesses == 1; }));
     ASSERT_TRUE(Rounds(5));
     EXPECT_EQ(m_sink.Count(ResourceKind::kWatchedProcess, WarningStage::kReached), 0u);
     kill(child, SIGKILL);
-    ASSERT_TRUE(WaitUntil([&] { return m_sink.Count(ResourceKind::kWatchedProcess, WarningStage::kReached) == 1; }));
+    ASSERT_TRUE(Eventually([&] { return m_sink.Count(ResourceKind::kWatchedProcess, WarningStage::kReached) == 1; }));
     waitpid(child, nullptr, 0);
     ASSERT_TRUE(Rounds(5));
     EXPECT_EQ(m_sink.Count(ResourceKind::kWatchedProcess, WarningStage::kReached), 1u);
-    EXPECT_EQ(FilesIn(m_dir / "records"), Lines{"watched-collector.json"});
+    EXPECT_EQ(NamesIn(m_dir / "records"), Lines{"watched-collector.json"});
     ResourceMonitorInfo info;
     ASSERT_TRUE(m_monitor.FetchResourceMonitorInfo(info));
     EXPECT_EQ(info.writePidTimes, 1u);
@@ -441,10 +441,10 @@ TEST_F(SamplerTest, NoMoreProcessesAreWatchedThanAllowed) {
     m_monitor.SetMaxPidCheck(2);
     m_monitor.SetWatcherProcess({{1, "a"}, {2, "b"}, {3, "c"}});
     ASSERT_TRUE(m_monitor.StartMonitor(nullptr));
-    ASSERT_TRUE(WaitUntil([&] { return Figures().watchedProcesses == 2; }));
+    ASSERT_TRUE(Eventually([&] { return Figures().watchedProcesses == 2; }));
     EXPECT_TRUE(support::LogHolds("3 processes to watch, only the first 2 are"));
     m_monitor.SetMaxPidCheck(0);
-    ASSERT_TRUE(WaitUntil([&] { return Figures().watchedProcesses == 0; }));
+    ASSERT_TRUE(Eventually([&] { return Figures().watchedProcesses == 0; }));
 }
 
 TEST_F(SamplerTest, AStalledThreadIsNamedAndItsReturnTold) {
@@ -462,13 +462,13 @@ TEST_F(SamplerTest, AStalledThreadIsNamedAndItsReturnTold) {
         return m_sink.m_stalls.size();
     };
     ASSERT_TRUE(m_monitor.StartMonitor(&m_sink));
-    ASSERT_TRUE(WaitUntil([&] { return stalls() == 1; }));
+    ASSERT_TRUE(Eventually([&] { return stalls() == 1; }));
     EXPECT_EQ(Figures().heartbeats, 1u);
     beat = true;
-    ASSERT_TRUE(WaitUntil([&] { return stalls() == 2; }));
+    ASSERT_TRUE(Eventually([&] { return stalls() == 2; }));
     stop = true;
     worker.join();
-    ASSERT_TRUE(WaitUntil([&] { return stalls() == 3; }));
+    ASSERT_TRUE(Eventually([&] { return stalls() == 3; }));
     m_monitor.StopMonitor();
     EXPECT_EQ(m_sink.m_stalls[0].name, "worker");
     EXPECT_FALSE(m_sink.m_stalls[0].recovered);

@@ -1,0 +1,47 @@
+// System calls that fail on demand. The test program's definitions stand in front of those of the C library, for the
+// shared library under test as well.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace faults {
+
+enum class Call { kRead, kWrite, kFsync, kStatvfs, kMkdirat, kThreadCreate };
+
+constexpr int kOneByteLess = 0;  ///< in the place of an errno: the write puts one byte less than it was given
+
+/// From its construction on, the call number `nth` (1 is the next; 0: none, it only counts) of this kind fails with
+/// `error`; `times` calls from there on do so. Ends with the object. One at a time, for the calling thread only.
+class Failing {
+public:
+    Failing(Call call, int error, int nth = 1, int times = 1);
+    ~Failing();
+    Failing(const Failing&) = delete;
+    Failing& operator=(const Failing&) = delete;
+
+    /// Returns: how many calls of the kind were made so far.
+    int Calls() const;
+};
+
+/// Writes of this thread put at most `bytes` at a time while the object lives.
+class ShortWrites {
+public:
+    explicit ShortWrites(size_t bytes);
+    ~ShortWrites();
+    ShortWrites(const ShortWrites&) = delete;
+    ShortWrites& operator=(const ShortWrites&) = delete;
+};
+
+// Writes to control files of groups, in every thread of the program.
+
+/// Back to normal, counter at 0.
+void ClearControlWrites();
+/// The n-th next write to a control file (0: the very next) fails with `error`; with `forever` all after it, too.
+void FailControlWrite(int n, int error, bool forever = false);
+/// Only writes to control files of this name fail.
+void FailControlWritesTo(const std::string& file, int error);
+/// Returns: writes to control files since they were cleared, failed ones included.
+int ControlWrites();
+
+}  // namespace faults
