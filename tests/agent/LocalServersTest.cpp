@@ -28,7 +28,8 @@
 #include <vector>
 
 #include "ControlServer.h"
-#include "UtilSupport.h"
+#include "support/Files.h"
+#include "support/Waiting.h"
 #include "base/Fd.h"
 #include "base/LocalSocket.h"
 #include "metrics/MetricsServer.h"
@@ -438,12 +439,12 @@ TEST_P(SocketFileTest, ReplacesASocketThatWasLeftAndNothingElse) {
     ASSERT_NO_FATAL_FAILURE(Start());
     EXPECT_THAT(Ask(), HasSubstr(kAnswer));
     server->Stop();
-    support::PutFile(path, "precious");
+    support::WriteText(path, "precious");
     std::string error;
     const auto other = MakeServer(GetParam());
     EXPECT_FALSE(other->Start(path, error));
     EXPECT_THAT(error, HasSubstr("exists and is not a socket"));
-    EXPECT_EQ("precious", support::ReadFile(path));
+    EXPECT_EQ("precious", support::ReadText(path));
 }
 
 TEST_P(SocketFileTest, LeavesASocketThatIsNoLongerItsOwn) {

@@ -10,7 +10,8 @@
 
 #include <gmock/gmock.h>
 
-#include "UtilSupport.h"
+#include "support/Files.h"
+#include "support/SmallDisk.h"
 
 using base::Database;
 using base::DatabaseOptions;
@@ -19,10 +20,10 @@ using base::Statement;
 using base::Status;
 using support::ModeOf;
 using support::NamesIn;
-using support::PutFile;
-using support::ReadFile;
+using support::ReadText;
 using support::SmallDisk;
 using support::TempDir;
+using support::WriteText;
 using testing::ElementsAre;
 
 namespace {
@@ -70,7 +71,7 @@ TEST_F(DatabaseTest, TheUmaskIsNeverTouched) {
 }
 
 TEST_F(DatabaseTest, WhatIsNoRegularFileIsRefused) {
-    PutFile(m_dir / "target", "");
+    WriteText(m_dir / "target", "");
     ASSERT_EQ(0, ::symlink("target", (m_dir / "link").c_str()));
     ASSERT_EQ(0, ::symlink("nowhere", (m_dir / "dangling").c_str()));
     ASSERT_EQ(0, ::mkfifo((m_dir / "pipe").c_str(), 0600));
@@ -92,7 +93,7 @@ TEST_F(DatabaseTest, WhatIsNoRegularFileIsRefused) {
     }
     Database database;
     EXPECT_EQ(ErrorKind::kRefused, database.Open(m_dir / "link", {}).GetError().kind);
-    EXPECT_EQ("", ReadFile(m_dir / "target"));
+    EXPECT_EQ("", ReadText(m_dir / "target"));
     EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("dangling", "link", "pipe", "target"));
 }
 
@@ -124,10 +125,10 @@ TEST_F(DatabaseTest, ReadingMakesAndChangesNothing) {
 }
 
 TEST_F(DatabaseTest, ADamagedFileIsToldAndPutAsideWithItsLog) {
-    PutFile(m_path, std::string(5000, 'x'));
-    PutFile(m_path + "-wal", "old log");
-    PutFile(m_path + "-shm", "old index");
-    PutFile(m_path + "-journal", "");
+    WriteText(m_path, std::string(5000, 'x'));
+    WriteText(m_path + "-wal", "old log");
+    WriteText(m_path + "-shm", "old index");
+    WriteText(m_path + "-journal", "");
     Database database;
     const Status status = database.Open(m_path, Logged());
     ASSERT_FALSE(status);
@@ -137,7 +138,7 @@ TEST_F(DatabaseTest, ADamagedFileIsToldAndPutAsideWithItsLog) {
     EXPECT_FALSE(database.IsOpen());
     ASSERT_TRUE(base::PutDatabaseAside(m_path, m_path + ".corrupt"));
     EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db.corrupt"));
-    EXPECT_EQ(std::string(5000, 'x'), ReadFile(m_path + ".corrupt"));
+    EXPECT_EQ(std::string(5000, 'x'), ReadText(m_path + ".corrupt"));
     ASSERT_TRUE(database.Open(m_path, Logged()));
     EXPECT_EQ(0, Rows(database));
     EXPECT_FALSE(base::PutDatabaseAside(m_dir / "none", m_dir / "aside"));

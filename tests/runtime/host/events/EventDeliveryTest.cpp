@@ -124,7 +124,7 @@ TEST_F(EventDeliveryTest, ARotationThatFailsIsTriedAgainAtItsOwnPace) {
     CEventDelivery delivery(options, "tervane");
     ASSERT_TRUE(support::IsOk(delivery.Start()));
     delivery.SendMsg("T", "new", "", 1, 0);
-    ASSERT_TRUE(WaitUntil([&] { return delivery.Stats().sinks[0].failures >= 1; }));
+    ASSERT_TRUE(Eventually([&] { return delivery.Stats().sinks[0].failures >= 1; }));
     EXPECT_THAT(delivery.Stats().sinks[0].lastError, testing::HasSubstr("e.jsonl.1"));
     EXPECT_EQ(delivery.Stats().spooled, 1u);
     std::filesystem::remove_all(m_dir / "log/e.jsonl.1");
