@@ -1,13 +1,14 @@
 // Supervision wired to groups, events and the watch. Kernel files are read through the tree's status only.
 #include "ComponentCare.h"
 
+#include <json/value.h>
+
 #include <ctime>
 
 #include "AgentLog.h"
 #include "ComponentsConfig.h"
 #include "EventSink.h"
 #include "Monitor.h"
-#include "StatusReport.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupTreeStatus.h"
 
@@ -33,7 +34,15 @@ std::vector<std::string> GroupsOf(const std::string& name) {
 }
 
 void ReportEnd(const ComponentEnd& end) {
-    Deliver(zel::kComponentEndMessage, FormatComponentEnd(end, time(nullptr)));
+    Json::Value body(Json::objectValue);
+    body["component"] = end.name;
+    body["pid"] = static_cast<int>(end.pid);
+    body["detect_time"] = Json::Int64(time(nullptr));
+    body["reason"] = end.reason;
+    body["status"] = end.status;
+    body["next_start"] = Json::Int64(end.nextStartAt);
+    body["budget_exhausted"] = end.exhausted;
+    Deliver(zel::kComponentEndMessage, body.toStyledString());
 }
 
 }  // namespace

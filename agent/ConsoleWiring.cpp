@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include "StatusJson.h"
 #include "platform/host/HostServices.h"
 
 namespace agent {

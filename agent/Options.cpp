@@ -31,8 +31,7 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, std::stri
     app.add_option("--name", options.name, "process name; \"tervane\" is the main process")->capture_default_str();
     app.add_option("--config", options.configPath, "resource configuration (default: <app dir>/conf/resource_config)");
     app.add_flag("--foreground", options.foreground, "log to the console as well");
-    app.add_flag("--live", options.live, "show use against limits, refreshed in place on a terminal");
-    app.add_option("--for", options.forSeconds, "end after this many seconds with a summary");
+    app.add_option("--for", options.forSeconds, "end by itself after this many seconds");
     app.add_option("--load", load, "synthetic load: " + std::string(kLoadProfileHelp));
     app.add_option(
         "--metrics-listen", options.metricsListen,

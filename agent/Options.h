@@ -14,7 +14,6 @@ struct Options {
     std::string name = zel::kMainProcessName;
     std::string configPath;       ///< resource configuration; empty: <app dir>/conf/resource_config
     bool foreground = false;      ///< log to the console too
-    bool live = false;            ///< show the live view
     unsigned int forSeconds = 0;  ///< end by itself after this time; 0: run until a signal
     LoadProfile load;             ///< synthetic load of this process
     int parentPid = 0;            ///< of a component: the main process, whose end ends it

@@ -10,11 +10,10 @@
 
 #include "AgentLog.h"
 #include "ConsoleWiring.h"
-#include "EventTail.h"
 #include "ExitCode.h"
 #include "GroupClient.h"
 #include "LimitExplanation.h"
-#include "LiveView.h"
+#include "LogTail.h"
 #include "Monitor.h"
 #include "ParentProcess.h"
 #include "ResourceFileCheck.h"
@@ -32,7 +31,6 @@ namespace agent {
 namespace {
 
 constexpr long kLoopNs = 250L * 1000 * 1000;
-constexpr size_t kShownEvents = 4;
 constexpr int64_t kLimitCheckSeconds = 5;
 constexpr int kGoOn = -1;
 
@@ -121,10 +119,10 @@ int Process::OpenDirectory() {
     if (code != kExitClean) return Refuse(code, problem);
     zel::LogOptions log;
     log.processName = m_options.name;
-    log.console = m_options.foreground && !m_options.live;
+    log.console = m_options.foreground;
     log.journald = true;
     zel::ConfigureLog(log);
-    if (m_options.live) m_view = std::make_unique<LiveView>();
+    m_log = std::make_unique<LogTail>();
     if (!warning.empty()) LogLine(warning, zel::kLogWarning);
     return kExitClean;
 }
@@ -288,10 +286,7 @@ void Process::Handle(int signal) {
         std::string problem;  // the log has it
         m_services.ReloadOnlineConfig(problem);
     }
-    if (signal == SIGUSR1) {
-        const std::string report = ThreadReport(*m_monitor);
-        if (m_view != nullptr) m_view->Note(report);
-    }
+    if (signal == SIGUSR1) ThreadReport(*m_monitor);  // the log has it too
 }
 
 int Process::LookAround(int64_t second) {
@@ -303,24 +298,19 @@ int Process::LookAround(int64_t second) {
         m_limitsChecked = second;
         zel::GetResourceLimitUtil()->SyncCpuLimit();
     }
-    const bool over = m_options.forSeconds != 0 && second >= static_cast<int64_t>(m_options.forSeconds);
-    if (m_view != nullptr && (second != m_drawn || over)) {
-        StatusReport report = CollectStatus(Sources());
-        report.lastEvents = ReadEventTail(m_options.appDir + "/log/" + m_options.name + ".events.jsonl", kShownEvents);
-        if (second != m_drawn) m_view->Draw(report);
-        if (over) m_view->Summary(report);
-        m_drawn = second;
-    }
-    return over ? kExitClean : kGoOn;
+    if (m_options.forSeconds != 0 && second >= static_cast<int64_t>(m_options.forSeconds)) return kExitClean;
+    return kGoOn;
 }
 
 StatusSources Process::Sources() {
     StatusSources sources;
     sources.process = m_options.name;
+    sources.appDir = m_options.appDir;
     sources.startedAt = m_startedAt;
     sources.monitor = m_monitor.get();
     sources.services = &m_services;
     sources.events = &m_sink;
+    sources.log = m_log.get();
     sources.workers = m_workers.get();
     sources.components = m_components.get();
     return sources;

@@ -26,7 +26,7 @@ class CIpcBroadcastSubscriber;
 namespace agent {
 
 class ControlServer;
-class LiveView;
+class LogTail;
 
 /// One process of the agent, from start to end.
 /// Thread-safety: Run belongs to the main thread; other threads reach its parts, never the object itself.
@@ -79,6 +79,7 @@ private:
     AppDirectory m_directory;
     zelhost::CHostServices m_services;
     EventSink m_sink;
+    std::unique_ptr<LogTail> m_log;
     std::unique_ptr<zel::CIpcBroadcastServer> m_broadcast;
     std::unique_ptr<zel::CCgroupClient> m_client;
     std::unique_ptr<zel::CIpcBroadcastSubscriber> m_subscriber;
@@ -86,10 +87,8 @@ private:
     std::unique_ptr<Workers> m_workers;
     std::unique_ptr<ComponentCare> m_components;
     std::unique_ptr<ControlServer> m_control;
-    std::unique_ptr<LiveView> m_view;
     int64_t m_startedAt = 0;
     int64_t m_limitsChecked = 0;  // second of the loop
-    int64_t m_drawn = -1;         // the same
     Steps<Process> m_life;
 };
 

@@ -10,6 +10,8 @@
 #include "AgentMetrics.h"
 #include "ComponentCare.h"
 #include "EventSink.h"
+#include "EventTail.h"
+#include "LogTail.h"
 #include "Monitor.h"
 #include "Workers.h"
 #include "platform/host/HostServices.h"
@@ -19,6 +21,9 @@
 namespace agent {
 
 namespace {
+
+constexpr size_t kShownEvents = 4;
+constexpr size_t kMostEventBytes = 512;
 
 int LimitMode() {
     COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance();
@@ -53,6 +58,10 @@ StatusReport CollectStatus(const StatusSources& sources) {
     report.unified = (report.mode & zel::kModeUnified) != 0 && zel::ReadCgroupTreeStatus(report.tree, problem) &&
                      report.tree.present;
     report.modeReason = DescribeMode(report);
+    for (const TailEvent& event : ReadEventTail(EventFile(sources.appDir, sources.process), kShownEvents)) {
+        report.lastEvents.push_back(DescribeEvent(event).substr(0, kMostEventBytes));
+    }
+    if (sources.log != nullptr) sources.log->AddTo(report);
     return report;
 }
 

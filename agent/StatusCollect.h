@@ -17,15 +17,18 @@ namespace agent {
 
 class ComponentCare;
 class EventSink;
+class LogTail;
 class Workers;
 
 /// The parts of a running process that are asked. Borrowed; each must live as long as somebody asks.
 struct StatusSources {
     std::string process;
+    std::string appDir;
     int64_t startedAt = 0;  ///< seconds since the epoch; 0: not yet
     CMonitor* monitor = nullptr;
     zelhost::CHostServices* services = nullptr;
     const EventSink* events = nullptr;
+    const LogTail* log = nullptr;               ///< null: no log yet
     const Workers* workers = nullptr;           ///< null: no synthetic load yet
     const ComponentCare* components = nullptr;  ///< null: not the main process
 };

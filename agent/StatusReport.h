@@ -1,13 +1,11 @@
-// One picture of a running agent: what the live view draws and the console prints.
+// One picture of a running process of the agent: what its console answers and the views show.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "EventTail.h"
-#include "Supervisor.h"
-#include "Workers.h"
+#include "AgentRecords.h"
 #include "platform/host/HostRecords.h"
 #include "platform/zel/CgroupStatus.h"
 #include "platform/zel/CgroupTreeStatus.h"
@@ -33,18 +31,14 @@ struct StatusReport {
     uint64_t stalls = 0;
     zelhost::DeliveryStats delivery;
     std::vector<ComponentStatus> components;
-    zel::CgroupStatus cgroup;           ///< this process's own groups, as the kernel says
-    zel::CgroupTreeStatus tree;         ///< the unified tree; empty in the legacy mode
-    std::vector<TailEvent> lastEvents;  ///< for the live view only
+    zel::CgroupStatus cgroup;             ///< this process's own groups, as the kernel says
+    zel::CgroupTreeStatus tree;           ///< the unified tree; empty in the legacy mode
+    std::vector<std::string> lastEvents;  ///< delivered last, in words, oldest first
+    uint64_t logCount = 0;                ///< log lines of level 3 or worse so far
+    std::vector<std::string> logLines;    ///< the last of them, oldest first
 };
 
 /// One sentence: which limits hold this process, and what was asked for and does not hold. Pure.
 std::string DescribeMode(const StatusReport& report);
-
-/// The report as JSON text, for the console and for scripts. Pure.
-std::string FormatStatusJson(const StatusReport& report);
-
-/// Body of the message about a component's end. Pure.
-std::string FormatComponentEnd(const ComponentEnd& end, int64_t now);
 
 }  // namespace agent

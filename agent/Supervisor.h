@@ -10,27 +10,13 @@
 #include <string>
 #include <vector>
 
+#include "AgentRecords.h"
 #include "ComponentsConfig.h"
 #include "RestartBudget.h"
 #include "base/Fd.h"
 #include "base/Result.h"
 
 namespace agent {
-
-enum class ComponentState { kWaiting, kRunning, kStopped };
-
-struct ComponentStatus {
-    std::string name;
-    std::string group;
-    ComponentState state = ComponentState::kWaiting;
-    pid_t pid = 0;
-    int64_t startedAt = 0;    ///< seconds since the epoch
-    int64_t nextStartAt = 0;  ///< while waiting
-    uint64_t restarts = 0;    ///< by this main process
-    size_t recentRestarts = 0;
-    bool exhausted = false;
-    std::string lastReason;
-};
 
 /// How a component ended.
 struct ComponentEnd {

@@ -7,19 +7,12 @@
 #include <thread>
 #include <vector>
 
+#include "AgentRecords.h"
 #include "LoadProfile.h"
 
 class CMonitor;
 
 namespace agent {
-
-/// What the workers of one kind did so far.
-struct WorkerFigures {
-    int threads = 0;
-    uint64_t pieces = 0;  ///< pieces of work done, about a tenth of a millisecond of CPU each
-    uint64_t asked = 0;   ///< times the monitor was asked whether to hold back
-    uint64_t held = 0;    ///< times it said yes
-};
 
 /// Runs a load profile's threads until Stop.
 /// Thread-safety: Start and Stop from one thread, the figures from any.

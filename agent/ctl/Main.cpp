@@ -6,12 +6,19 @@
 #include "AskAgent.h"
 #include "Doctor.h"
 #include "ShowEvents.h"
-#include "ShowStatus.h"
+#include "StatusJson.h"
+#include "StatusText.h"
+#include "Top.h"
 #include "platform/zel/AgentNames.h"
 
 namespace {
 
 enum CtlExit { kOk = 0, kRefused = 1, kUnreachable = 2, kUsage = 11 };
+
+int Unreachable(const base::Error& error) {
+    fprintf(stderr, "tervanectl: %s\n", error.Text().c_str());
+    return kUnreachable;
+}
 
 }  // namespace
 
@@ -27,6 +34,10 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     CLI::App* status = app.add_subcommand("status", "use against limits, mode and its reason, components, delivery");
     status->add_flag("--json", json, "as JSON");
+    agent::TopOptions watched;
+    CLI::App* top = app.add_subcommand("top", "the same once a second, as a live page on a terminal");
+    top->add_option("--for", watched.forSeconds, "end after this many seconds");
+    top->add_flag("--summary", watched.summary, "at the end, what came of it");
     CLI::App* doctor =
         app.add_subcommand("doctor", "what this host allows, what is in force, and what to do about the rest");
     unsigned int last = 20;
@@ -60,15 +71,25 @@ int main(int argc, char** argv) {
         fputs(agent::ShowEvents(appDir, name, last).c_str(), stdout);
         return kOk;
     }
+    if (top->parsed()) {
+        watched.appDir = appDir;
+        watched.process = name;
+        const base::Status shown = agent::RunTop(watched);
+        return shown ? kOk : Unreachable(shown.GetError());
+    }
     std::string request = app.get_subcommands().front()->get_name();
     const base::Result<agent::Answer> asked = agent::AskAgent(appDir, name, request);
     if (!asked) {
-        fprintf(stderr, "tervanectl: %s\n", asked.GetError().Text().c_str());
-        return kUnreachable;
+        return Unreachable(asked.GetError());
     }
     const bool ok = asked->ok;
     std::string body = asked->body;
-    if (ok && status->parsed() && !json) body = agent::ShowStatus(body);
+    if (ok && status->parsed() && !json) {
+        agent::PictureOptions picture;
+        picture.allComponents = true;
+        const base::Result<agent::StatusReport> report = agent::ParseStatusJson(body);
+        if (report) body = agent::JoinLines(agent::MakePicture(*report, {}, picture));
+    }
     fputs(body.c_str(), ok ? stdout : stderr);
     return ok ? kOk : kRefused;
 }

@@ -4,6 +4,7 @@
 #include <ctime>
 
 #include "EventTail.h"
+#include "Printable.h"
 #include "base/Database.h"
 #include "platform/zel/AgentNames.h"
 
@@ -23,7 +24,7 @@ void AppendStore(std::string& text, const std::string& path, unsigned int last) 
         event.time = rows.Int(0);
         event.type = rows.Int(1) == 2 ? "disk" : "memory";
         event.body = rows.Text(2);
-        text += "  " + DescribeEvent(event) + "\n";
+        text += "  " + Printable(DescribeEvent(event)) + "\n";
     }
 }
 
@@ -31,8 +32,8 @@ void AppendStore(std::string& text, const std::string& path, unsigned int last) 
 
 std::string ShowEvents(const std::string& appDir, const std::string& process, unsigned int last) {
     std::string text = "delivered events of " + process + ", newest last:\n";
-    for (const TailEvent& event : ReadEventTail(appDir + "/log/" + process + ".events.jsonl", last)) {
-        text += "  " + DescribeEvent(event) + "\n";
+    for (const TailEvent& event : ReadEventTail(EventFile(appDir, process), last)) {
+        text += "  " + Printable(DescribeEvent(event)) + "\n";
     }
     text += "findings about the host, today and before, newest first:\n";
     AppendStore(text, appDir + zel::kCurrentOsAbnormalDbName, last);

@@ -1,0 +1,33 @@
+// Figures of an agent's components and workers, as they are shown. Plain records.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace agent {
+
+enum class ComponentState { kWaiting, kRunning, kStopped };
+
+struct ComponentStatus {
+    std::string name;
+    std::string group;
+    ComponentState state = ComponentState::kWaiting;
+    int pid = 0;
+    int64_t startedAt = 0;    ///< seconds since the epoch
+    int64_t nextStartAt = 0;  ///< while waiting
+    uint64_t restarts = 0;    ///< by this main process
+    uint64_t recentRestarts = 0;
+    bool exhausted = false;
+    std::string lastReason;
+};
+
+/// What the workers of one kind did so far.
+struct WorkerFigures {
+    int threads = 0;
+    uint64_t pieces = 0;  ///< pieces of work done, about a tenth of a millisecond of CPU each
+    uint64_t asked = 0;   ///< times the monitor was asked whether to hold back
+    uint64_t held = 0;    ///< times it said yes
+};
+
+}  // namespace agent

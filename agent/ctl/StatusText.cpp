@@ -1,0 +1,279 @@
+// Wording and columns. Every text that another process has said was made printable when its status was read.
+#include "StatusText.h"
+
+#include <algorithm>
+
+#include "Text.h"
+
+namespace agent {
+
+namespace {
+
+using Lines = std::vector<TextLine>;
+
+void Add(Lines& lines, std::string text, LineKind kind = LineKind::kPlain) {
+    lines.push_back({std::move(text), kind});
+}
+
+std::string Percent(int64_t hundredths) {
+    return Text("%lld.%02lld %%", static_cast<long long>(hundredths / 100), static_cast<long long>(hundredths % 100));
+}
+
+double MbOfKb(int64_t kb) {
+    return static_cast<double>(kb) / 1024.0;
+}
+
+double MbOfBytes(int64_t bytes) {
+    return static_cast<double>(bytes) / 1048576.0;
+}
+
+double SecondsOfUs(int64_t us) {
+    return static_cast<double>(us) / 1e6;
+}
+
+unsigned long long Number(uint64_t value) {
+    return value;
+}
+
+long long AtLeastZero(int64_t value) {
+    return value < 0 ? 0 : value;
+}
+
+int DepthOf(const zel::CgroupNodeStatus& node) {
+    return node.level == zel::CgroupLevel::kParent ? 0 : node.level == zel::CgroupLevel::kGroup ? 1 : 2;
+}
+
+void AddOwnUse(Lines& lines, const StatusReport& report) {
+    const zelhost::SamplerFigures& own = report.sampler;
+    Add(lines,
+        Text("%s, process %d, up %lld s; %s", report.process.c_str(), report.pid,
+             static_cast<long long>(report.uptimeSeconds), report.modeReason.c_str()),
+        LineKind::kTitle);
+    Add(lines,
+        Text("itself  cpu %s of %d %% (level %d), minute %s; memory %.1f of %d MB (level %d); %lld descriptors",
+             Percent(own.cpu100Times).c_str(), own.maxCpu, own.cpuLevel, Percent(own.cpuMinute100Times).c_str(),
+             MbOfKb(own.memKb), own.maxMemMb, own.memLevel, static_cast<long long>(own.descriptors)),
+        own.cpuLevel >= 2 || own.memLevel >= 2 ? LineKind::kAlarm : LineKind::kPlain);
+    Add(lines,
+        Text("hold back now?  priority 0 %s, 1 %s, 2 %s%s", report.cpuNeedLimit[0] ? "yes" : "no",
+             report.cpuNeedLimit[1] ? "yes" : "no", report.cpuNeedLimit[2] ? "yes" : "no",
+             report.diskFull ? "; the disk is full" : ""),
+        report.diskFull ? LineKind::kAlarm : LineKind::kPlain);
+    const std::pair<const char*, const WorkerFigures*> kinds[] = {{"greedy", &report.greedy},
+                                                                  {"polite", &report.polite}};
+    for (const auto& [name, worker] : kinds) {
+        if (worker->threads == 0) continue;
+        Add(lines, Text("%s  %d threads, %llu pieces done, asked %llu times, told to hold back %llu times%s", name,
+                        worker->threads, Number(worker->pieces), Number(worker->asked), Number(worker->held),
+                        worker == &report.greedy ? " and did not" : " and did"));
+    }
+}
+
+std::string NoLimit(const char* name, const zel::CgroupControllerStatus& controller) {
+    return std::string(name) + " no limit in force: " + controller.reason +
+           (controller.advice.empty() ? "" : "; " + controller.advice);
+}
+
+void AddOwnGroup(Lines& lines, const StatusReport& report) {
+    const zel::CgroupCpuStatus& cpu = report.cgroup.cpu;
+    const zel::CgroupMemStatus& memory = report.cgroup.mem;
+    if (cpu.limited) {
+        Add(lines,
+            Text("cpu     limit %s in %s; throttled %lld of %lld periods, %.1f s", Percent(cpu.limit100Times).c_str(),
+                 cpu.limitPath.c_str(), static_cast<long long>(cpu.throttledPeriods),
+                 static_cast<long long>(cpu.periods), SecondsOfUs(cpu.throttledUs)));
+    } else {
+        Add(lines, NoLimit("cpu    ", cpu));
+    }
+    if (memory.limited) {
+        Add(lines, Text("memory  limit %.1f MB in %s, used %.1f MB; limit reached %lld times, %lld killed",
+                        MbOfBytes(memory.limitBytes), memory.limitPath.c_str(), MbOfBytes(memory.usageBytes),
+                        static_cast<long long>(memory.limitHits), static_cast<long long>(memory.oomKills)));
+    } else {
+        Add(lines, NoLimit("memory ", memory));
+    }
+}
+
+/// A figure against its bound, in the columns of a wide table with units and of a narrow one without.
+std::string UseOf(double used, bool known, double limit, const char* unit, int decimals, bool wide) {
+    const std::string one = known ? Text("%.*f%s", decimals, used, wide ? unit : "") : "-";
+    const std::string other = limit > 0 ? Text("%.*f%s", decimals, limit, wide ? unit : "") : wide ? "no limit" : "-";
+    return Text(wide ? "%9s of %-12s" : "%6s/%-7s", one.c_str(), other.c_str());
+}
+
+/// One group of the tree in the table's columns.
+std::string TableRow(const zel::CgroupNodeStatus& node, const CpuShares& shares, bool wide) {
+    const std::string name = node.level == zel::CgroupLevel::kParent
+                                 ? "whole agent"
+                                 : std::string(static_cast<size_t>(DepthOf(node)) * 2, ' ') + node.name;
+    const auto share = shares.find(node.cpu.path);
+    const bool shareKnown = share != shares.end();
+    const std::string cpu = UseOf(shareKnown ? static_cast<double>(share->second) / 100 : 0, shareKnown,
+                                  static_cast<double>(node.cpu.limit) / 100, " %", 2, wide);
+    const std::string throttled =
+        node.cpu.present ? Text("%lld/%lld %.1fs", static_cast<long long>(node.cpu.throttledPeriods),
+                                static_cast<long long>(node.cpu.periods), SecondsOfUs(node.cpu.throttledUs))
+                         : "-";
+    const std::string memory =
+        UseOf(MbOfKb(node.memory.used), node.memory.used >= 0, MbOfKb(node.memory.limit), " MB", 1, wide);
+    const char* member = node.level != zel::CgroupLevel::kComponent ? ""
+                         : node.pids.empty()                        ? "empty"
+                         : node.membershipVerified                  ? "verified"
+                                                                    : "NOT VERIFIED";
+    std::string row = Text(wide ? "%-26s%s%-18s%s%-5lld%s" : "%-19s%s%-15s%s%-4lld%s", name.c_str(), cpu.c_str(),
+                           throttled.c_str(), memory.c_str(), AtLeastZero(node.memory.oomKills), member);
+    row.erase(row.find_last_not_of(' ') + 1);
+    return row;
+}
+
+/// What a component is ordered by, the greatest first.
+int64_t Weight(const zel::CgroupNodeStatus& node, const CpuShares& shares, SortOrder order) {
+    switch (order) {
+        case SortOrder::kTree: break;
+        case SortOrder::kCpu: {
+            const auto share = shares.find(node.cpu.path);
+            return share == shares.end() ? -1 : share->second;
+        }
+        case SortOrder::kMemory: return node.memory.used;
+        case SortOrder::kThrottling: return node.cpu.throttledUs;
+    }
+    return 0;
+}
+
+/// The tree's rows: groups stay where they are, the components of each are put in order.
+std::vector<zel::CgroupNodeStatus> Sorted(const StatusReport& report, const CpuShares& shares, SortOrder order) {
+    std::vector<zel::CgroupNodeStatus> nodes = report.tree.nodes;
+    const auto isComponent = [](const zel::CgroupNodeStatus& node) {
+        return node.level == zel::CgroupLevel::kComponent;
+    };
+    for (auto begin = nodes.begin(); begin != nodes.end();) {
+        begin = std::find_if(begin, nodes.end(), isComponent);
+        const auto end = std::find_if_not(begin, nodes.end(), isComponent);
+        std::stable_sort(begin, end, [&](const zel::CgroupNodeStatus& one, const zel::CgroupNodeStatus& other) {
+            return Weight(one, shares, order) > Weight(other, shares, order);
+        });
+        begin = end;
+    }
+    return nodes;
+}
+
+void AddTree(Lines& lines, const StatusReport& report, const CpuShares& shares, const PictureOptions& options) {
+    if (!report.unified) return;
+    Add(lines, "");
+    Add(lines,
+        options.wide
+            ? Text("%-26s%-24s%-18s%-24s%-5s%s", "group", "cpu used of quota", "throttled", "memory used of limit",
+                   "oom", "member")
+            : Text("%-19s%-14s%-15s%-14s%-4s%s", "group", "  cpu %", "throttled", "  memory MB", "oom", "member"),
+        LineKind::kTableHead);
+    for (const zel::CgroupNodeStatus& node : Sorted(report, shares, options.order)) {
+        const bool astray =
+            node.level == zel::CgroupLevel::kComponent && !node.pids.empty() && !node.membershipVerified;
+        Add(lines, TableRow(node, shares, options.wide), astray ? LineKind::kAlarm : LineKind::kPlain);
+    }
+}
+
+std::string EndsOf(const ComponentStatus& component) {
+    return Text("%s ended %llu times, last: %s", component.name.c_str(), Number(component.restarts),
+                component.lastReason.c_str());
+}
+
+void AddComponents(Lines& lines, const StatusReport& report, bool all) {
+    bool first = true;
+    for (const ComponentStatus& component : report.components) {
+        if (component.restarts == 0 && !all) continue;
+        if (first) Add(lines, "");
+        first = false;
+        if (component.restarts == 0) {
+            const bool runs = component.state == ComponentState::kRunning;
+            Add(lines, component.name + (runs ? Text(" runs, process %d", component.pid) : " does not run"));
+            continue;
+        }
+        const std::string next =
+            component.state == ComponentState::kWaiting
+                ? Text(", next start in %lld s", static_cast<long long>(component.nextStartAt - report.now))
+                : "";
+        Add(lines, EndsOf(component) + next, LineKind::kAlarm);
+    }
+}
+
+void AddDelivery(Lines& lines, const StatusReport& report) {
+    const zelhost::DeliveryStats& delivery = report.delivery;
+    if (delivery.present) {
+        std::string text = Text("events  accepted %llu, waiting %llu, dropped %llu%s", Number(delivery.accepted),
+                                Number(delivery.spooled), Number(delivery.dropped),
+                                delivery.spoolBroken ? "; the spool cannot be written" : "");
+        for (const zelhost::SinkStats& sink : delivery.sinks) {
+            text += Text("; %s delivered %llu%s%s", sink.name.c_str(), Number(sink.delivered),
+                         sink.lastError.empty() ? "" : ", down: ", sink.lastError.c_str());
+        }
+        Add(lines, text, delivery.spoolBroken ? LineKind::kAlarm : LineKind::kPlain);
+    }
+    for (const std::string& event : report.lastEvents) Add(lines, "        " + event);
+}
+
+}  // namespace
+
+const char* NameOf(SortOrder order) {
+    switch (order) {
+        case SortOrder::kTree: return "tree";
+        case SortOrder::kCpu: return "cpu";
+        case SortOrder::kMemory: return "memory";
+        case SortOrder::kThrottling: return "throttling";
+    }
+    return "tree";
+}
+
+SortOrder NextOrder(SortOrder order) {
+    return order == SortOrder::kThrottling ? SortOrder::kTree : static_cast<SortOrder>(static_cast<int>(order) + 1);
+}
+
+std::vector<TextLine> MakePicture(const StatusReport& report, const CpuShares& shares, const PictureOptions& options) {
+    Lines lines;
+    AddOwnUse(lines, report);
+    AddOwnGroup(lines, report);
+    AddTree(lines, report, shares, options);
+    AddComponents(lines, report, options.allComponents);
+    AddDelivery(lines, report);
+    return lines;
+}
+
+std::vector<TextLine> MakeSummary(const StatusReport& report) {
+    Lines lines;
+    Add(lines, Text("summary after %lld s: ", static_cast<long long>(report.uptimeSeconds)) + report.modeReason,
+        LineKind::kTitle);
+    const double seconds = report.uptimeSeconds > 0 ? static_cast<double>(report.uptimeSeconds) : 1.0;
+    Add(lines, Text("  this process used %.2f %% of one CPU on average, %.1f MB now",
+                    static_cast<double>(report.sampler.cpuTotalNs) / 1e7 / seconds, MbOfKb(report.sampler.memKb)));
+    for (const zel::CgroupNodeStatus& node : report.tree.nodes) {
+        if (!report.unified || node.cpu.used < 0) continue;
+        Add(lines,
+            Text("%*s%-22s %6.2f %% of one CPU on average, quota %s, held back in %lld of %lld periods, %lld "
+                 "killed",
+                 2 + 2 * DepthOf(node), "", node.name.c_str(), static_cast<double>(node.cpu.used) / 1e4 / seconds,
+                 node.cpu.limit > 0 ? Percent(node.cpu.limit).c_str() : "none",
+                 static_cast<long long>(node.cpu.throttledPeriods), static_cast<long long>(node.cpu.periods),
+                 AtLeastZero(node.memory.oomKills)));
+    }
+    if (!report.unified && report.cgroup.cpu.limited) {
+        Add(lines,
+            Text("  limit %s, held back in %lld of %lld periods", Percent(report.cgroup.cpu.limit100Times).c_str(),
+                 static_cast<long long>(report.cgroup.cpu.throttledPeriods),
+                 static_cast<long long>(report.cgroup.cpu.periods)));
+    }
+    for (const ComponentStatus& component : report.components) {
+        if (component.restarts != 0) Add(lines, "  " + EndsOf(component));
+    }
+    for (const std::string& event : report.lastEvents) Add(lines, "  event " + event);
+    Add(lines, Text("  %llu events accepted, %llu log lines of level 3 or worse", Number(report.delivery.accepted),
+                    Number(report.logCount)));
+    return lines;
+}
+
+std::string JoinLines(const std::vector<TextLine>& lines) {
+    std::string text;
+    for (const TextLine& line : lines) text += line.text + "\n";
+    return text;
+}
+
+}  // namespace agent

@@ -1,0 +1,49 @@
+// A status in words and columns: the one wording for `status`, for `top` on a terminal and for plain lines.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "StatusReport.h"
+
+namespace agent {
+
+/// What a line is, for whoever can show it.
+enum class LineKind {
+    kPlain,
+    kTitle,
+    kTableHead,
+    kAlarm  ///< something is not as it should be
+};
+
+struct TextLine {
+    std::string text;  ///< without a line end
+    LineKind kind = LineKind::kPlain;
+};
+
+/// By what the components of one group are ordered.
+enum class SortOrder { kTree, kCpu, kMemory, kThrottling };
+const char* NameOf(SortOrder order);
+SortOrder NextOrder(SortOrder order);
+
+/// CPU use of each group since the last picture in hundredths of a percent of one CPU, by the path of the group.
+using CpuShares = std::map<std::string, int64_t>;
+
+struct PictureOptions {
+    SortOrder order = SortOrder::kTree;
+    bool wide = true;            ///< columns for 112 characters, otherwise for 80
+    bool allComponents = false;  ///< those without trouble too
+};
+
+/// Use against limits, who is told to hold back, the tree, what went wrong, the last events. Pure.
+std::vector<TextLine> MakePicture(const StatusReport& report, const CpuShares& shares, const PictureOptions& options);
+
+/// What came of the time since the process started, for its end. Pure.
+std::vector<TextLine> MakeSummary(const StatusReport& report);
+
+/// The lines one below the other. Pure.
+std::string JoinLines(const std::vector<TextLine>& lines);
+
+}  // namespace agent

@@ -1,0 +1,186 @@
+// The loop of the live view: ask once a second, show, take keys.
+#include "Top.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <ctime>
+#include <deque>
+#include <memory>
+
+#include "AskAgent.h"
+#include "StatusJson.h"
+#include "Text.h"
+#include "TopHistory.h"
+#include "TopScreen.h"
+
+namespace agent {
+
+namespace {
+
+constexpr int64_t kPeriodUs = 1000000;
+constexpr int kWideColumns = 113;
+constexpr size_t kShownLogLines = 8;
+constexpr uint64_t kPlainEvery = 2;  // statuses for each plain picture: nobody reads one a second in a file
+
+volatile sig_atomic_t g_ended = 0;
+
+void NoteEnd(int) {
+    g_ended = 1;
+}
+
+/// The terminal is given back, and the summary said, before the program ends.
+void TakeSignals() {
+    struct sigaction action {};
+    action.sa_handler = NoteEnd;
+    for (int number : {SIGINT, SIGTERM, SIGHUP}) sigaction(number, &action, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+}
+
+int64_t MonotonicUs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000000LL + now.tv_nsec / 1000;
+}
+
+base::Result<StatusReport> ReadStatus(const TopOptions& options) {
+    const base::Result<Answer> answer = AskAgent(options.appDir, options.process, "status");
+    if (!answer) return answer.GetError();
+    if (!answer->ok) return base::SentenceError(options.process + " refused: " + answer->body);
+    return ParseStatusJson(answer->body);
+}
+
+/// Whoever shows one status after the other.
+class View {
+public:
+    virtual ~View() = default;
+    virtual void Show(const StatusReport& report, const TopHistory& history) = 0;
+    /// Waits for something to do. Returns: false when the watcher has seen enough.
+    virtual bool Wait(int milliseconds) = 0;
+};
+
+class PlainView final : public View {
+public:
+    void Show(const StatusReport& report, const TopHistory& history) override {
+        std::string text;
+        const bool due = m_taken++ % kPlainEvery == 0;
+        if (due) text = JoinLines(MakePicture(report, history.Shares(), {}));
+        for (const std::string& line : history.NewLines()) text += "log  " + line + "\n";
+        if (due) text += "\n";
+        fputs(text.c_str(), stdout);
+        if (fflush(stdout) != 0) m_readerIsGone = true;
+    }
+    bool Wait(int milliseconds) override {
+        poll(nullptr, 0, milliseconds);
+        return !m_readerIsGone;
+    }
+
+private:
+    uint64_t m_taken = 0;
+    bool m_readerIsGone = false;
+};
+
+class PageView final : public View {
+public:
+    bool Open() { return m_screen.Open(); }
+
+    void Show(const StatusReport& report, const TopHistory& history) override {
+        for (const std::string& line : history.NewLines()) m_log.push_back(line);
+        while (m_log.size() > kShownLogLines) m_log.pop_front();
+        if (m_paused) return;
+        m_report = report;
+        m_shares = history.Shares();
+        Draw();
+    }
+    bool Wait(int milliseconds) override {
+        const int key = m_screen.WaitKey(milliseconds);
+        if (key == TopScreen::kNone) return true;
+        if (key == 'q' || key == 'Q') return false;
+        const bool helped = m_help;
+        m_help = !helped && (key == 'h' || key == 'H' || key == '?');
+        if (key == 'p' || key == 'P') m_paused = !m_paused;
+        if (key == 's' || key == 'S') m_picture.order = NextOrder(m_picture.order);
+        Draw();
+        return true;
+    }
+
+private:
+    void Draw() {
+        m_picture.wide = m_screen.Columns() >= kWideColumns;
+        std::vector<TextLine> lines = m_help ? Help() : MakePicture(m_report, m_shares, m_picture);
+        if (!m_help && !m_log.empty()) {
+            const auto count = static_cast<unsigned long long>(m_report.logCount);
+            lines.push_back({"", LineKind::kPlain});
+            lines.push_back({Text("log, level 3 or worse (%llu so far):", count), LineKind::kTitle});
+            for (const std::string& line : m_log) lines.push_back({"  " + line, LineKind::kPlain});
+        }
+        m_screen.Show(lines, std::string("q quit  h help  p ") + (m_paused ? "go on (PAUSED)" : "pause") +
+                                 "  s sort: " + NameOf(m_picture.order));
+    }
+
+    static std::vector<TextLine> Help() {
+        return {{"keys", LineKind::kTitle},
+                {"  q  quit", LineKind::kPlain},
+                {"  p  pause: the picture stands still; the process is asked all the same", LineKind::kPlain},
+                {"  s  order of the components in each group: tree, cpu, memory, throttling", LineKind::kPlain},
+                {"  h  this help, any key leaves it", LineKind::kPlain},
+                {"", LineKind::kPlain},
+                {"columns", LineKind::kTitle},
+                {"  cpu        used since the last second, of the quota; 100 % is one CPU", LineKind::kPlain},
+                {"  throttled  periods in which the group was held back, of those it ran in; time", LineKind::kPlain},
+                {"  memory     charged to the group now, of its limit", LineKind::kPlain},
+                {"  oom        processes killed for want of memory", LineKind::kPlain},
+                {"  member     whether the component's processes are in its groups", LineKind::kPlain}};
+    }
+
+    TopScreen m_screen;
+    StatusReport m_report;
+    CpuShares m_shares;
+    std::deque<std::string> m_log;
+    PictureOptions m_picture;
+    bool m_paused = false;
+    bool m_help = false;
+};
+
+std::unique_ptr<View> MakeView() {
+    if (isatty(STDOUT_FILENO) != 0 && isatty(STDIN_FILENO) != 0) {
+        auto page = std::make_unique<PageView>();
+        if (page->Open()) return page;
+    }
+    return std::make_unique<PlainView>();
+}
+
+}  // namespace
+
+base::Status RunTop(const TopOptions& options) {
+    base::Result<StatusReport> status = ReadStatus(options);
+    if (!status) return status.GetError();
+    TakeSignals();
+    std::unique_ptr<View> view = MakeView();
+    TopHistory history;
+    StatusReport last;
+    const int64_t begin = MonotonicUs();
+    int64_t due = begin;
+    bool watched = true;
+    while (watched && status) {
+        last = *status;
+        history.Take(last, MonotonicUs());
+        view->Show(last, history);
+        due += kPeriodUs;
+        for (int64_t now = MonotonicUs(); watched && now < due; now = MonotonicUs()) {
+            watched = view->Wait(static_cast<int>((due - now) / 1000) + 1) && g_ended == 0;
+        }
+        if (options.forSeconds != 0 && due - begin >= options.forSeconds * kPeriodUs) watched = false;
+        // A process that was slow to answer is not asked twice at once for it.
+        due = std::max(due, MonotonicUs() - kPeriodUs);
+        if (watched) status = ReadStatus(options);
+    }
+    view.reset();  // the terminal is itself again
+    if (!status) printf("%s has ended\n", options.process.c_str());
+    if (options.summary) fputs(JoinLines(MakeSummary(last)).c_str(), stdout);
+    return {};
+}
+
+}  // namespace agent

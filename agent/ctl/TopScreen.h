@@ -1,0 +1,37 @@
+// The terminal as a page of lines that is drawn anew, and its keys.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "StatusText.h"
+
+struct screen;
+
+namespace agent {
+
+/// Thread-safety: one thread. Lifetime: one at a time; the terminal is as it was before when this object is gone.
+class TopScreen {
+public:
+    TopScreen() = default;
+    ~TopScreen();
+    TopScreen(const TopScreen&) = delete;
+    TopScreen& operator=(const TopScreen&) = delete;
+
+    /// Returns: false when this terminal can do nothing but show lines.
+    bool Open();
+
+    int Columns() const;
+    /// Shows lines from the top and `footer` on the last row; what does not fit is cut, and the footer says so.
+    void Show(const std::vector<TextLine>& lines, const std::string& footer);
+    /// Waits for a key or the time. Returns: the key, kResized when the page must be drawn again, kNone.
+    int WaitKey(int milliseconds);
+
+    static constexpr int kNone = -1;
+    static constexpr int kResized = -2;
+
+private:
+    screen* m_screen = nullptr;
+};
+
+}  // namespace agent

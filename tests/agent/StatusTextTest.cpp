@@ -1,0 +1,165 @@
+#include "StatusText.h"
+
+#include <gtest/gtest.h>
+
+using namespace agent;
+
+namespace {
+
+zel::CgroupNodeStatus Node(zel::CgroupLevel level, const std::string& name, int64_t memoryKb, int64_t throttledUs) {
+    zel::CgroupNodeStatus node;
+    node.level = level;
+    node.name = name;
+    node.cpu.present = true;
+    node.cpu.path = "/cpu/" + name;
+    node.cpu.limit = 840;
+    node.cpu.used = 2000000;
+    node.cpu.periods = 135;
+    node.cpu.throttledPeriods = 118;
+    node.cpu.throttledUs = throttledUs;
+    node.memory.used = memoryKb;
+    node.memory.limit = 30720;
+    node.memory.oomKills = -1;
+    return node;
+}
+
+StatusReport Report() {
+    StatusReport report;
+    report.process = "tervane";
+    report.pid = 10;
+    report.uptimeSeconds = 20;
+    report.now = 1000;
+    report.modeReason = "mode 13: one group per component, v1";
+    report.unified = true;
+    report.tree.nodes = {Node(zel::CgroupLevel::kParent, "zel.agent", 31744, 0),
+                         Node(zel::CgroupLevel::kGroup, "collect-defense", 30720, 0),
+                         Node(zel::CgroupLevel::kComponent, "QorHips", 1024, 300),
+                         Node(zel::CgroupLevel::kComponent, "QorNet", 4096, 100),
+                         Node(zel::CgroupLevel::kComponent, "QorWebGuard", 2048, 500),
+                         Node(zel::CgroupLevel::kGroup, "guard", 1024, 0),
+                         Node(zel::CgroupLevel::kComponent, "TervaneUpdate", 9999, 900)};
+    report.tree.nodes[2].pids = {5};
+    report.tree.nodes[2].membershipVerified = true;
+    report.tree.nodes[3].pids = {6};
+    return report;
+}
+
+const CpuShares kShares{{"/cpu/QorNet", 798}, {"/cpu/QorHips", 100}};
+
+/// First words of the table's rows.
+std::string Rows(const std::vector<TextLine>& lines) {
+    std::string names;
+    bool inTable = false;
+    for (const TextLine& line : lines) {
+        if (inTable && line.text.empty()) break;
+        if (inTable && line.text[0] != ' ' && line.text.compare(0, 5, "whole") != 0) break;
+        if (inTable) {
+            const size_t begin = line.text.find_first_not_of(' ');
+            names += line.text.substr(begin, line.text.find(' ', begin) - begin) + " ";
+        }
+        inTable = inTable || line.kind == LineKind::kTableHead;
+    }
+    return names;
+}
+
+PictureOptions In(SortOrder order) {
+    PictureOptions options;
+    options.order = order;
+    return options;
+}
+
+const TextLine* Find(const std::vector<TextLine>& lines, const std::string& part) {
+    for (const TextLine& line : lines) {
+        if (line.text.find(part) != std::string::npos) return &line;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+TEST(StatusTextTest, ARowShowsUseOfQuotaThrottlingAndMemory) {
+    const auto lines = MakePicture(Report(), kShares, {});
+    const TextLine* row = Find(lines, "QorNet");
+    ASSERT_NE(nullptr, row);
+    EXPECT_EQ(
+        "    QorNet                   7.98 % of 8.40 %      118/135 0.0s         4.0 MB of 30.0 MB     0    NOT "
+        "VERIFIED",
+        row->text);
+    EXPECT_EQ(LineKind::kAlarm, row->kind);
+    EXPECT_EQ(LineKind::kPlain, Find(lines, "QorHips")->kind);
+}
+
+TEST(StatusTextTest, ANarrowTableFitsEightyColumns) {
+    PictureOptions options;
+    options.wide = false;
+    const auto lines = MakePicture(Report(), kShares, options);
+    const TextLine* row = Find(lines, "QorNet");
+    ASSERT_NE(nullptr, row);
+    EXPECT_EQ("    QorNet           7.98/8.40   118/135 0.0s      4.0/30.0   0   NOT VERIFIED", row->text);
+    EXPECT_LE(row->text.size(), 79U);
+}
+
+TEST(StatusTextTest, TheOrderIsKeptInsideEachGroup) {
+    const StatusReport report = Report();
+    EXPECT_EQ("whole collect-defense QorHips QorNet QorWebGuard guard TervaneUpdate ",
+              Rows(MakePicture(report, kShares, In(SortOrder::kTree))));
+    EXPECT_EQ("whole collect-defense QorNet QorHips QorWebGuard guard TervaneUpdate ",
+              Rows(MakePicture(report, kShares, In(SortOrder::kCpu))));
+    EXPECT_EQ("whole collect-defense QorNet QorWebGuard QorHips guard TervaneUpdate ",
+              Rows(MakePicture(report, kShares, In(SortOrder::kMemory))));
+    EXPECT_EQ("whole collect-defense QorWebGuard QorHips QorNet guard TervaneUpdate ",
+              Rows(MakePicture(report, kShares, In(SortOrder::kThrottling))));
+}
+
+TEST(StatusTextTest, TheOrdersGoRound) {
+    SortOrder order = SortOrder::kTree;
+    std::string names;
+    for (int i = 0; i < 5; ++i) {
+        names += std::string(NameOf(order)) + " ";
+        order = NextOrder(order);
+    }
+    EXPECT_EQ("tree cpu memory throttling tree ", names);
+}
+
+TEST(StatusTextTest, WithoutATreeTheOwnLimitIsSaid) {
+    StatusReport report = Report();
+    report.unified = false;
+    report.cgroup.cpu.limited = true;
+    report.cgroup.cpu.limit100Times = 1500;
+    report.cgroup.cpu.limitPath = "/cpu/legacy";
+    report.cgroup.mem.reason = "no controller";
+    report.cgroup.mem.advice = "mount it";
+    const auto lines = MakePicture(report, {}, {});
+    EXPECT_EQ("", Rows(lines));
+    EXPECT_NE(nullptr, Find(lines, "cpu     limit 15.00 % in /cpu/legacy; throttled 0 of 0 periods, 0.0 s"));
+    EXPECT_NE(nullptr, Find(lines, "memory  no limit in force: no controller; mount it"));
+}
+
+TEST(StatusTextTest, ComponentsAreNamedWhenTheyAreInTrouble) {
+    StatusReport report = Report();
+    report.components = {{"QorNet", "", ComponentState::kRunning, 77, 0, 0, 0, 0, false, ""},
+                         {"QorHips", "", ComponentState::kWaiting, 0, 0, 1007, 2, 2, false, "exit code 1"}};
+    const auto lines = MakePicture(report, {}, {});
+    EXPECT_EQ(nullptr, Find(lines, "QorNet runs"));
+    ASSERT_NE(nullptr, Find(lines, "QorHips ended 2 times, last: exit code 1, next start in 7 s"));
+    PictureOptions all;
+    all.allComponents = true;
+    EXPECT_NE(nullptr, Find(MakePicture(report, {}, all), "QorNet runs, process 77"));
+}
+
+TEST(StatusTextTest, TheSummaryAveragesOverTheTimeSinceTheStart) {
+    StatusReport report = Report();
+    report.sampler.cpuTotalNs = 200000000;
+    report.sampler.memKb = 9318;
+    report.lastEvents = {"killed"};
+    report.logCount = 3;
+    const auto lines = MakeSummary(report);
+    EXPECT_EQ("summary after 20 s: mode 13: one group per component, v1", lines[0].text);
+    EXPECT_EQ("  this process used 1.00 % of one CPU on average, 9.1 MB now", lines[1].text);
+    EXPECT_EQ(
+        "      QorHips                 10.00 % of one CPU on average, quota 8.40 %, held back in 118 of 135 periods, 0 "
+        "killed",
+        lines[4].text);
+    EXPECT_NE(nullptr, Find(lines, "  event killed"));
+    EXPECT_EQ("  0 events accepted, 3 log lines of level 3 or worse", lines.back().text);
+}
