@@ -43,6 +43,7 @@ class Value;
 namespace zel {
 class CCgroupManager;
 class CCgroupClient;
+class IResourceLimitUtil;
 }  // namespace zel
 
 /// Bits of the resource limit mode; the rest is ignored.
@@ -321,6 +322,14 @@ public:
     void CheckMultiCgroupOom();
 
 protected:
+    // --- steps of the legacy limits, not exported: src/limits/LegacyCpuLimit.cpp, LegacyMemLimit.cpp ---
+    /// Steps aside where the unified mode or a joined client has the controller. Returns: whether somebody has.
+    ZEL_HIDDEN bool YieldLegacyCpu();
+    ZEL_HIDDEN bool YieldLegacyMem();
+    ZEL_HIDDEN void ApplyLegacyCpu(zel::IResourceLimitUtil& util, int mode, long maxCpu, int32_t value100Times);
+    ZEL_HIDDEN void RetryLegacyCpu(zel::IResourceLimitUtil& util, bool enable, long maxCpu, int32_t value100Times);
+    ZEL_HIDDEN bool StartLegacyMem(int firstLimitKb, int secondLimitKb);
+
     // --- steps of the unified mode, not exported: src/cgroup/UnifiedMode.cpp, UnifiedState.cpp ---
     struct ZEL_HIDDEN UnifiedRun;
     ZEL_HIDDEN void BuildUnified(int mode, long effectiveMaxCpu, int maxMem, UnifiedRun& run);

@@ -20,7 +20,7 @@ namespace {
 
 constexpr const char* kHeartbeatTimerName = "main_heartbeat";
 constexpr unsigned long kHeartbeatPeriodMs = 60000;
-constexpr const char* kHeartbeatThreadName = "main";
+constexpr const char* kHeartbeatThreadName = "main";  // a thread's, not the group's
 constexpr int kHeartbeatTimeout = 1800;
 
 constexpr int kStartAuxValueB = 1000;  // the sampling class's own meaning

@@ -66,6 +66,20 @@ int ReadInt(const IniFile& ini, const zel::LimitKey& key) {
     return zel::CStringUtil::StringToInt(text, nullptr, monitor::kDecimal);
 }
 
+void Publish(const ResourceConfig& config, int mode, int hashMode, COnlineClientConf& conf) {
+    conf.maxCpu.Set(config.maxCpu);
+    conf.cpuAll.Set(config.cpuAll ? 1 : 0);
+    conf.maxPidCheck.Set(config.maxPidCheck);
+    conf.maxMemory.Set(config.maxMemory);
+    // As configured: every online update widens this pair itself.
+    conf.groupMaxCpu.Set(config.maxCpu);
+    conf.groupMaxMemory.Set(config.maxMemory);
+    conf.resourceLimitMode.Set(mode);
+    conf.maxWriteIo.Set(config.maxWriteIo);
+    conf.maxReadIo.Set(config.maxReadIo);
+    conf.hashMode.Set(hashMode);
+}
+
 }  // namespace
 
 bool CMonitorPri::ParseMonitorConfig(const std::string& path, ResourceConfig& config) {
@@ -100,17 +114,7 @@ bool CMonitorPri::ParseMonitorConfig(const std::string& path, ResourceConfig& co
 
     COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance();
     if (conf == nullptr) return false;
-    conf->maxCpu.Set(config.maxCpu);
-    conf->cpuAll.Set(config.cpuAll ? 1 : 0);
-    conf->maxPidCheck.Set(config.maxPidCheck);
-    conf->maxMemory.Set(config.maxMemory);
-    // As configured: every online update widens this pair itself.
-    conf->groupMaxCpu.Set(config.maxCpu);
-    conf->groupMaxMemory.Set(config.maxMemory);
-    conf->resourceLimitMode.Set(mode);
-    conf->maxWriteIo.Set(config.maxWriteIo);
-    conf->maxReadIo.Set(config.maxReadIo);
-    conf->hashMode.Set(hashMode);
+    Publish(config, mode, hashMode, *conf);
 
     long widenedCpu = config.maxCpu;
     int widenedMem = config.maxMemory;

@@ -22,9 +22,8 @@ int StartLimit(zel::IResourceLimitUtil& util, int32_t value100Times, int& error)
 
 }  // namespace
 
-bool CMonitorPri::CpuResourceLimit(int mode, long maxCpu) {
-    // Whoever else holds the CPU controller goes first. The version is asked before the detach makes the library
-    // forget.
+// The version is asked before the detach makes the library forget.
+bool CMonitorPri::YieldLegacyCpu() {
     const bool unifiedV2 = IsUnifiedV2RuntimeActive();
     const bool legacyV2 = zel::IsResourceLimitCpuCgroupV2Runtime();
     if (unifiedV2) DetachLegacyV2RuntimeState();
@@ -44,6 +43,11 @@ bool CMonitorPri::CpuResourceLimit(int mode, long maxCpu) {
         ResetLegacyCpuLimitState();
         return true;
     }
+    return false;
+}
+
+bool CMonitorPri::CpuResourceLimit(int mode, long maxCpu) {
+    if (YieldLegacyCpu()) return true;
 
     int32_t value = LegacyCpuLimit100Times(maxCpu);
     if (IsCpuSolarisMode()) {
@@ -55,43 +59,51 @@ bool CMonitorPri::CpuResourceLimit(int mode, long maxCpu) {
     m_legacyCpuCallCount = NextLegacyCpuCallCount(m_legacyCpuCallCount);
     if (m_legacyCpuCallCount % kLegacyCpuSyncPeriod == 0) util.SyncCpuLimit();
 
-    int error = 0;
     const bool enable = (mode & MULTI_CGROUP_MODE_CPU) != 0;
-
     if (m_legacyCpuEnabled != enable || m_legacyCpuLimitValue != value) {
-        SAY_FORMATTED(zel::kLogInfo, "resource mode user conf:%d", mode);
-        SAY_FORMATTED(zel::kLogInfo, "resource cpu user conf:%d", static_cast<int>(maxCpu));
-        m_legacyCpuMode = mode;
-        m_legacyCpuEnabled = enable;
-        m_legacyCpuLimitValue = value;
-        SAY_FORMATTED(zel::kLogInfo, "resource get res:%d", mode & MULTI_CGROUP_MODE_CPU);
-        if (!enable) {
-            Say(zel::kLogInfo, "match 0 try to close resource limit");
-            const int ret = util.StopCpuLimit(error);
-            if (ret != 0) m_legacyCpuErrorCode = PackLimitError(ret, error);
-        } else {
-            Say(zel::kLogInfo, "not match 0 try to start resource limit");
-            const int ret = StartLimit(util, value, error);
-            if (ret != 0) {
-                SAY_FORMATTED(zel::kLogWarning, "limit cpu fail, error is %d", error);
-                m_legacyCpuErrorCode = PackLimitError(ret, error);
-            } else {
-                Say(zel::kLogInfo, "limit cpu success");
-            }
-        }
-        m_resourceLimited = util.IsCpuLimited();
-        return true;
+        ApplyLegacyCpu(util, mode, maxCpu, value);
+    } else {
+        RetryLegacyCpu(util, enable, maxCpu, value);
     }
+    return true;
+}
 
+void CMonitorPri::ApplyLegacyCpu(zel::IResourceLimitUtil& util, int mode, long maxCpu, int32_t value100Times) {
+    const bool enable = (mode & MULTI_CGROUP_MODE_CPU) != 0;
+    SAY_FORMATTED(zel::kLogInfo, "resource mode user conf:%d", mode);
+    SAY_FORMATTED(zel::kLogInfo, "resource cpu user conf:%d", static_cast<int>(maxCpu));
+    m_legacyCpuMode = mode;
+    m_legacyCpuEnabled = enable;
+    m_legacyCpuLimitValue = value100Times;
+    SAY_FORMATTED(zel::kLogInfo, "resource get res:%d", mode & MULTI_CGROUP_MODE_CPU);
+    int error = 0;
+    if (!enable) {
+        Say(zel::kLogInfo, "match 0 try to close resource limit");
+        const int ret = util.StopCpuLimit(error);
+        if (ret != 0) m_legacyCpuErrorCode = PackLimitError(ret, error);
+    } else {
+        Say(zel::kLogInfo, "not match 0 try to start resource limit");
+        const int ret = StartLimit(util, value100Times, error);
+        if (ret != 0) {
+            SAY_FORMATTED(zel::kLogWarning, "limit cpu fail, error is %d", error);
+            m_legacyCpuErrorCode = PackLimitError(ret, error);
+        } else {
+            Say(zel::kLogInfo, "limit cpu success");
+        }
+    }
+    m_resourceLimited = util.IsCpuLimited();
+}
+
+void CMonitorPri::RetryLegacyCpu(zel::IResourceLimitUtil& util, bool enable, long maxCpu, int32_t value100Times) {
     Say(zel::kLogInfo, "resource limit mode and max limit cpu is not change");
     const int32_t now = static_cast<int32_t>(time(nullptr));
-    if (!IsLegacyCpuRetryDue(m_legacyCpuLastRetryTime, now)) return true;
+    if (!IsLegacyCpuRetryDue(m_legacyCpuLastRetryTime, now)) return;
     m_legacyCpuLastRetryTime = now;  // also when no retry follows
-    if (!enable || m_resourceLimited) return true;
+    if (!enable || m_resourceLimited) return;
 
     SAY_FORMATTED(zel::kLogInfo, "try limit cpu again:%d", static_cast<int>(maxCpu));
-    const int ret = StartLimit(util, value, error);
+    int error = 0;
+    const int ret = StartLimit(util, value100Times, error);
     if (ret != 0) m_legacyCpuErrorCode = PackLimitError(ret, error);
     m_resourceLimited = util.IsCpuLimited();
-    return true;
 }

@@ -20,9 +20,8 @@ constexpr int kExcludeKindMemory = 2;
 
 }  // namespace
 
-bool CMonitorPri::MemResourceLimit(int mode, int firstLimit, int secondLimit, bool) {
-    // Whoever else holds the memory controller goes first. The version is asked before the detach makes the library
-    // forget.
+// The version is asked before the detach makes the library forget.
+bool CMonitorPri::YieldLegacyMem() {
     const bool unifiedV2 = IsUnifiedV2RuntimeActive();
     const bool legacyV2 = zel::IsResourceLimitMemCgroupV2Runtime();
     if (unifiedV2) DetachLegacyV2RuntimeState();
@@ -42,6 +41,11 @@ bool CMonitorPri::MemResourceLimit(int mode, int firstLimit, int secondLimit, bo
         ResetLegacyMemLimitState();
         return true;
     }
+    return false;
+}
+
+bool CMonitorPri::MemResourceLimit(int mode, int firstLimit, int secondLimit, bool) {
+    if (YieldLegacyMem()) return true;
 
     const bool enable = (mode & MULTI_CGROUP_MODE_MEM) != 0;
     if (m_legacyMemEnabled == enable && m_legacyMemFirstLimit == firstLimit && m_legacyMemSecondLimit == secondLimit) {
@@ -52,22 +56,21 @@ bool CMonitorPri::MemResourceLimit(int mode, int firstLimit, int secondLimit, bo
     m_legacyMemEnabled = enable;
     m_legacyMemFirstLimit = firstLimit;
     m_legacyMemSecondLimit = secondLimit;
+    if (enable) return StartLegacyMem(firstLimit, secondLimit);
 
+    Say(zel::kLogInfo, "match 0 try to close mem limit");
+    zel::IResourceLimitUtil& util = *zel::GetResourceLimitUtil();
+    int error = 0;
+    const int ret = util.StopMemLimit(error, true);
+    if (ret != 0) m_legacyMemErrorCode = PackLimitError(ret, error);
+    m_legacyMemLimited = util.IsMemLimited();
+    return true;
+}
+
+bool CMonitorPri::StartLegacyMem(int firstLimitKb, int secondLimitKb) {
+    Say(zel::kLogInfo, "not match 0 try to set mem limit");
     int ret = 0;
     int error = 0;
-    if (!enable) {
-        Say(zel::kLogInfo, "match 0 try to close mem limit");
-        zel::IResourceLimitUtil& util = *zel::GetResourceLimitUtil();
-        ret = util.StopMemLimit(error, true);
-        if (ret != 0) m_legacyMemErrorCode = PackLimitError(ret, error);
-        m_legacyMemLimited = util.IsMemLimited();
-        return true;
-    }
-
-    bool started = false;
-    Say(zel::kLogInfo, "not match 0 try to set mem limit");
-    const int32_t firstBytes = ShiftKbToBytes32(firstLimit);
-    const int32_t secondBytes = ShiftKbToBytes32(secondLimit);
     if (CheckCgroupError()) {
         ret = kRefusedByErrorRecord;
         Say(zel::kLogInfo, "Has mnt or write limit error, not do limit!");
@@ -81,18 +84,15 @@ bool CMonitorPri::MemResourceLimit(int mode, int firstLimit, int secondLimit, bo
             util.SetKernelExcludeLists(kExcludeKindMemory, m_memLimitExcludeRange, m_memLimitExcludeKernels);
         }
         ret = util.PrepareMemLimit();
-        if (ret == 0) ret = util.StartMemLimit(firstBytes, secondBytes, error);
-        if (ret == 0) {
-            m_legacyMemLimited = util.IsMemLimited();
-            started = true;
-        }
+        if (ret == 0) ret = util.StartMemLimit(ShiftKbToBytes32(firstLimitKb), ShiftKbToBytes32(secondLimitKb), error);
+        if (ret == 0) m_legacyMemLimited = util.IsMemLimited();
     }
 
     if (ret != 0) {
         WriteCgroupError(ret);
         SAY_FORMATTED(zel::kLogWarning, "mem limit fail [%d - %d]", ret, error);
-    } else {
-        Say(zel::kLogInfo, "mem limit success");
+        return false;
     }
-    return started;
+    Say(zel::kLogInfo, "mem limit success");
+    return true;
 }
