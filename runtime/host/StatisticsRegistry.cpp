@@ -9,7 +9,8 @@
 #include <ctime>
 #include <system_error>
 
-#include "SecureFile.h"
+#include "base/FileIo.h"
+#include "base/FilePath.h"
 #include "sampling/ThreadFacts.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ThreadUtil.h"
@@ -25,8 +26,9 @@ namespace zelhost {
 
 // --- history ---
 
-bool CStatisticsHistory::Open(const std::string& path, std::string& reason) {
-    if (!MakeDirectories(DirectoryOf(path), reason)) return false;
+base::Status CStatisticsHistory::Open(const std::string& path) {
+    base::Status status = base::MakeDirectories(base::DirectoryOf(path));
+    if (!status) return base::SentenceError(status.GetError().Text(), status.GetError().kind);
     base::DatabaseOptions options;
     options.busyMs = 1000;
     // Figures of the last minutes may be lost with the power; the file itself may not.
@@ -34,17 +36,15 @@ bool CStatisticsHistory::Open(const std::string& path, std::string& reason) {
         "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
         "CREATE TABLE IF NOT EXISTS history(id INTEGER PRIMARY KEY AUTOINCREMENT,"
         " time INTEGER NOT NULL, figures TEXT NOT NULL);";
-    base::Status status = m_database.Open(path, options);
+    status = m_database.Open(path, options);
     if (!status && status.GetError().kind == base::ErrorKind::kMalformed) {
         status = base::PutDatabaseAside(path, path + ".corrupt");
         if (status) status = m_database.Open(path, options);
     }
-    if (!status) reason = status.GetError().Reason();
-    return status.Ok();
+    return status;
 }
 
-bool CStatisticsHistory::Append(int64_t wallTime, const std::map<std::string, std::string>& values,
-                                std::string& reason) {
+base::Status CStatisticsHistory::Append(int64_t wallTime, const std::map<std::string, std::string>& values) {
     Json::Value root(Json::objectValue);
     for (const auto& item : values) root[item.first] = item.second;
     Json::StreamWriterBuilder builder;
@@ -54,8 +54,8 @@ bool CStatisticsHistory::Append(int64_t wallTime, const std::map<std::string, st
                            "DELETE FROM history WHERE time < ?1 OR id <= (SELECT max(id) FROM history) - ?2;");
     const bool kept = insert.Bind(1, wallTime) && insert.Bind(2, Json::writeString(builder, root)) && insert.Done() &&
                       remove.Bind(1, wallTime - kKeptSeconds) && remove.Bind(2, kKeptRows) && remove.Done();
-    if (!kept) reason = m_database.LastError("write").Reason();
-    return kept;
+    if (!kept) return m_database.LastError("write");
+    return {};
 }
 
 // --- registry ---
@@ -114,11 +114,13 @@ base::Status CStatisticsRegistry::Start(unsigned int periodMs, unsigned int prov
 }
 
 void CStatisticsRegistry::OpenHistory(const std::string& dbPath) {
-    std::string reason;
     m_historyFailed = false;
-    if (dbPath == "-" || m_history.Open(dbPath, reason)) return;
+    if (dbPath == "-") return;
+    const base::Status opened = m_history.Open(dbPath);
+    if (opened) return;
     zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "StatisticsRegistry", __LINE__,
-                                         "no history of the statistics: %s: %s", dbPath.c_str(), reason.c_str());
+                                         "no history of the statistics: %s: %s", dbPath.c_str(),
+                                         opened.GetError().Reason().c_str());
 }
 
 void CStatisticsRegistry::Stop() {
@@ -276,13 +278,13 @@ void CStatisticsRegistry::LeaveWorkerBehind() {
 
 void CStatisticsRegistry::Keep(const StatisticsSnapshot& snapshot) {
     if (!m_history.IsOpen()) return;
-    std::string reason;
-    const bool kept = m_history.Append(snapshot.wallTime, snapshot.values, reason);
+    const base::Status kept = m_history.Append(snapshot.wallTime, snapshot.values);
     if (!kept && !m_historyFailed) {
         zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "StatisticsRegistry", __LINE__,
-                                             "the history of the statistics cannot be written: %s", reason.c_str());
+                                             "the history of the statistics cannot be written: %s",
+                                             kept.GetError().Reason().c_str());
     }
-    m_historyFailed = !kept;
+    m_historyFailed = !kept.Ok();
 }
 
 StatisticsSnapshot CStatisticsRegistry::Snapshot() {

@@ -19,11 +19,11 @@ namespace zelhost {
 /// A day of collected figures, one row each. Not thread-safe: the registry serialises.
 class CStatisticsHistory {
 public:
-    /// Opens or creates the file. A file that is no database is put aside. Returns: false with the reason.
-    bool Open(const std::string& path, std::string& reason);
+    /// Opens or creates the file. A file that is no database is put aside.
+    base::Status Open(const std::string& path);
     void Close() { m_database.Close(); }
     bool IsOpen() const { return m_database.IsOpen(); }
-    bool Append(int64_t wallTime, const std::map<std::string, std::string>& values, std::string& reason);
+    base::Status Append(int64_t wallTime, const std::map<std::string, std::string>& values);
 
     static constexpr int64_t kKeptSeconds = 24 * 3600;
     /// Also bounds the file when the clock jumps: more rows than one a minute for a day are never kept.

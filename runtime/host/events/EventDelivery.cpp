@@ -42,9 +42,9 @@ CEventDelivery::~CEventDelivery() {
 }
 
 base::Status CEventDelivery::Start() {
-    std::string reason;
-    if (!m_spool.Open(m_options.spoolPath, m_options.spoolMaxBytes, m_options.memoryRing, reason)) {
-        return base::SentenceError("event spool " + m_options.spoolPath + ": " + reason);
+    const base::Status opened = m_spool.Open(m_options.spoolPath, m_options.spoolMaxBytes, m_options.memoryRing);
+    if (!opened) {
+        return base::SentenceError("event spool " + m_options.spoolPath + ": " + opened.GetError().Reason());
     }
     base::Result<Sinks> sinks = MakeSinks();
     if (!sinks) return sinks.GetError();
@@ -77,9 +77,9 @@ void CEventDelivery::MakeLanes(Sinks sinks) {
         m_lanes.push_back(std::make_unique<Lane>());
         m_lanes.back()->sink = std::move(sink);
     }
-    std::string reason;
-    if (!m_spool.SetSinks(names, reason)) {
-        Log(zel::kLogWarning, __LINE__, "the sinks' cursors cannot be kept: %s", reason.c_str());
+    const base::Status set = m_spool.SetSinks(names);
+    if (!set) {
+        Log(zel::kLogWarning, __LINE__, "the sinks' cursors cannot be kept: %s", set.GetError().Reason().c_str());
     }
 }
 
@@ -138,17 +138,15 @@ bool CEventDelivery::SendMsg(const std::string& type, const std::string& body, c
 }
 
 base::Result<bool> CEventDelivery::DeliverSome(Lane& lane) {
-    std::vector<SpoolMessage> messages;
-    if (!m_spool.Read(lane.sink->Name(), lane.sink->BatchSize(), kBatchBytes, messages)) {
-        return NoteFailure(lane, base::SentenceError("the spool cannot be read"));
-    }
-    if (messages.empty()) return false;
-    const Handover handed = lane.sink->Deliver(messages);
+    const auto messages = m_spool.Read(lane.sink->Name(), lane.sink->BatchSize(), kBatchBytes);
+    if (!messages) return NoteFailure(lane, base::SentenceError("the spool cannot be read"));
+    if (messages->empty()) return false;
+    const Handover handed = lane.sink->Deliver(*messages);
     base::Status outcome = handed.rest;
     {
         // Under the lock, so that nobody who sees the spool empty reads a count that is not there yet.
         base::MutexLock lock(lane.lock);
-        if (handed.safe > 0 && !m_spool.Confirm(lane.sink->Name(), messages[handed.safe - 1].seq)) {
+        if (handed.safe > 0 && !m_spool.Confirm(lane.sink->Name(), (*messages)[handed.safe - 1].seq)) {
             outcome = base::SentenceError("the cursor cannot be moved");
         }
         lane.delivered += handed.safe;

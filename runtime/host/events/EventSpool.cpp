@@ -11,7 +11,8 @@
 #include <cstdio>
 #include <ctime>
 
-#include "SecureFile.h"
+#include "base/FileIo.h"
+#include "base/FilePath.h"
 #include "platform/zel/LogMessage.h"
 
 namespace zelhost {
@@ -21,6 +22,7 @@ constexpr int kBusyMs = 2000;
 // Room that is set aside while there is some: on a full disk it is given free, so that the messages which tell of
 // the full disk still get through. Enough for some hundreds of messages with their pages in log and file.
 constexpr off_t kReserveBytes = 512 * 1024;
+constexpr mode_t kReserveMode = 0640;
 // A message's share of pages, index and log beyond its texts.
 constexpr uint64_t kRowBytes = 128;
 
@@ -55,12 +57,13 @@ void CEventSpool::Close() {
     m_reader.Close();
 }
 
-bool CEventSpool::Open(const std::string& path, uint64_t maxBytes, size_t memoryRing, std::string& reason) {
+base::Status CEventSpool::Open(const std::string& path, uint64_t maxBytes, size_t memoryRing) {
     m_path = path;
     m_maxBytes = maxBytes;
     m_memoryMost = memoryRing;
-    if (!MakeDirectories(DirectoryOf(path), reason)) return false;
-    base::Status status = OpenOnce(path);
+    base::Status status = base::MakeDirectories(base::DirectoryOf(path));
+    if (!status) return base::SentenceError(status.GetError().Text(), status.GetError().kind);
+    status = OpenOnce(path);
     if (!status && status.GetError().kind == base::ErrorKind::kMalformed) {
         Close();
         Log(zel::kLogError, __LINE__, "the event spool %s is damaged; put aside, its messages are lost: %s", path,
@@ -68,13 +71,12 @@ bool CEventSpool::Open(const std::string& path, uint64_t maxBytes, size_t memory
         status = base::PutDatabaseAside(path, path + ".corrupt-" + std::to_string(time(nullptr)));
         if (status) status = OpenOnce(path);
     }
-    if (!status) {
+    if (status) {
+        TouchReserve();
+    } else {
         Close();
-        reason = status.GetError().Reason();
-        return false;
     }
-    TouchReserve();
-    return true;
+    return status;
 }
 
 base::Status CEventSpool::OpenOnce(const std::string& path) {
@@ -120,16 +122,23 @@ base::Status CEventSpool::PrepareMessages() {
     return {};
 }
 
+std::string CEventSpool::ReservePath() const {
+    return m_path + ".reserve";
+}
+
+void CEventSpool::RemoveReserve() {
+    static_cast<void>(base::RemoveFile(ReservePath()));  // ignoring: then that room stays taken
+}
+
 void CEventSpool::TouchReserve() {
-    const std::string path = m_path + ".reserve";
-    base::Fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640));
-    m_reserve = fd && posix_fallocate(fd.Get(), 0, kReserveBytes) == 0;
-    if (!m_reserve) unlink(path.c_str());
+    const base::Result<base::Fd> fd = base::OpenForUpdating(ReservePath(), kReserveMode);
+    m_reserve = fd && posix_fallocate(fd->Get(), 0, kReserveBytes) == 0;
+    if (!m_reserve) RemoveReserve();
 }
 
 void CEventSpool::ReleaseReserve() {
     m_reserve = false;
-    unlink((m_path + ".reserve").c_str());
+    RemoveReserve();
 }
 
 bool CEventSpool::Insert(const SpoolMessage& message) {
@@ -294,7 +303,7 @@ bool CEventSpool::FlushMemory() {
     return ok;
 }
 
-bool CEventSpool::SetSinks(const std::vector<std::string>& sinks, std::string& reason) {
+base::Status CEventSpool::SetSinks(const std::vector<std::string>& sinks) {
     base::MutexLock lock(m_readLock);
     std::vector<std::string> known;
     {
@@ -313,18 +322,18 @@ bool CEventSpool::SetSinks(const std::vector<std::string>& sinks, std::string& r
         add.Bind(1, sink);
         ok = add.Done() && ok;
     }
-    if (!ok) reason = m_reader.LastError("write").Reason();
-    return ok;
+    if (!ok) return m_reader.LastError("write");
+    return {};
 }
 
-bool CEventSpool::Read(const std::string& sink, size_t most, size_t mostBytes, std::vector<SpoolMessage>& messages) {
-    messages.clear();
+base::Result<std::vector<SpoolMessage>> CEventSpool::Read(const std::string& sink, size_t most, size_t mostBytes) {
+    std::vector<SpoolMessage> messages;
     base::MutexLock lock(m_readLock);
     base::Statement query(m_reader,
                           "SELECT seq, time, type, body, extra, arg1, arg2 FROM messages"
                           " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0)"
                           " ORDER BY seq LIMIT ?2;");
-    if (!query.IsOk()) return false;
+    if (!query.IsOk()) return m_reader.LastError("read");
     query.Bind(1, sink);
     query.Bind(2, static_cast<int64_t>(most));
     size_t bytes = 0;
@@ -341,17 +350,17 @@ bool CEventSpool::Read(const std::string& sink, size_t most, size_t mostBytes, s
         bytes += CostOf(m);
         messages.push_back(std::move(m));
     }
-    return true;
+    return messages;
 }
 
-bool CEventSpool::Confirm(const std::string& sink, int64_t seq) {
+base::Status CEventSpool::Confirm(const std::string& sink, int64_t seq) {
     base::MutexLock lock(m_readLock);
     base::Statement move(m_reader, "UPDATE cursors SET seq = max(seq, ?2) WHERE sink = ?1;");
     move.Bind(1, sink);
     move.Bind(2, seq);
-    if (!move.Done()) return false;
+    if (!move.Done()) return m_reader.LastError("write");
     RemoveConfirmed();
-    return true;
+    return {};
 }
 
 void CEventSpool::RemoveConfirmed() {

@@ -11,6 +11,7 @@
 
 #include "base/Database.h"
 #include "base/Mutex.h"
+#include "base/Result.h"
 
 namespace zelhost {
 
@@ -33,7 +34,7 @@ public:
     CEventSpool& operator=(const CEventSpool&) = delete;
 
     /// Opens or creates the file; one that is no database any more is put aside under another name.
-    bool Open(const std::string& path, uint64_t maxBytes, size_t memoryRing, std::string& reason);
+    base::Status Open(const std::string& path, uint64_t maxBytes, size_t memoryRing);
     void Close();
 
     /// Returns: true once the message is on disk; false when it is not (it then waits in memory for the disk, while
@@ -43,11 +44,11 @@ public:
     bool FlushMemory();
 
     /// The oldest messages that this sink has not confirmed yet, at most `most` and about `mostBytes`.
-    bool Read(const std::string& sink, size_t most, size_t mostBytes, std::vector<SpoolMessage>& messages);
+    base::Result<std::vector<SpoolMessage>> Read(const std::string& sink, size_t most, size_t mostBytes);
     /// The sink has everything up to and including `seq`.
-    bool Confirm(const std::string& sink, int64_t seq);
+    base::Status Confirm(const std::string& sink, int64_t seq);
     /// Which sinks there are: others' cursors are forgotten, new ones start at the oldest message.
-    bool SetSinks(const std::vector<std::string>& sinks, std::string& reason);
+    base::Status SetSinks(const std::vector<std::string>& sinks);
 
     /// A mark of what there is now; take it before reading.
     uint64_t News();
@@ -87,7 +88,9 @@ private:
     bool Insert(const SpoolMessage& message);
     bool DropOldest(uint64_t bytes, Change& change);
     void KeepInMemory(const SpoolMessage& message);
+    std::string ReservePath() const;
     void TouchReserve();
+    void RemoveReserve();
     void ReleaseReserve();
     void RemoveConfirmed() ZEL_REQUIRES(m_readLock);
 

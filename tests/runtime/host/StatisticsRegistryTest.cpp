@@ -184,11 +184,10 @@ TEST_F(StatisticsRegistryTest, HugeFiguresAreBounded) {
 
 TEST_F(StatisticsRegistryTest, TheHistoryKeepsADay) {
     zelhost::CStatisticsHistory history;
-    std::string reason;
-    ASSERT_TRUE(history.Open(m_dir / "data/s.db", reason)) << reason;
+    ASSERT_TRUE(support::IsOk(history.Open(m_dir / "data/s.db")));
     constexpr int64_t kStart = 1700000000;
     for (int minute = 0; minute < 1600; ++minute) {
-        ASSERT_TRUE(history.Append(kStart + minute * 60, {{"m", std::to_string(minute)}}, reason)) << reason;
+        ASSERT_TRUE(support::IsOk(history.Append(kStart + minute * 60, {{"m", std::to_string(minute)}})));
     }
     history.Close();
     const auto rows = Rows();
@@ -199,9 +198,8 @@ TEST_F(StatisticsRegistryTest, TheHistoryKeepsADay) {
 
 TEST_F(StatisticsRegistryTest, StandingClockDoesNotGrowTheHistory) {
     zelhost::CStatisticsHistory history;
-    std::string reason;
-    ASSERT_TRUE(history.Open(m_dir / "data/s.db", reason)) << reason;
-    for (int i = 0; i < 1700; ++i) ASSERT_TRUE(history.Append(1700000000, {}, reason)) << reason;
+    ASSERT_TRUE(support::IsOk(history.Open(m_dir / "data/s.db")));
+    for (int i = 0; i < 1700; ++i) ASSERT_TRUE(support::IsOk(history.Append(1700000000, {})));
     history.Close();
     EXPECT_EQ(Rows().size(), 1500u);
 }

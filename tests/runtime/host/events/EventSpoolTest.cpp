@@ -30,15 +30,18 @@ SpoolMessage Message(const std::string& body) {
 class EventSpoolTest : public ::testing::Test {
 protected:
     void Open(CEventSpool& spool, uint64_t maxBytes = 1 << 20, size_t ring = 8) {
-        std::string reason;
-        ASSERT_TRUE(spool.Open(m_dir / "spool/e.db", maxBytes, ring, reason)) << reason;
-        ASSERT_TRUE(spool.SetSinks({"one"}, reason)) << reason;
+        ASSERT_TRUE(support::IsOk(spool.Open(m_dir / "spool/e.db", maxBytes, ring)));
+        ASSERT_TRUE(support::IsOk(spool.SetSinks({"one"})));
     }
-    std::vector<std::string> Bodies(CEventSpool& spool, const std::string& sink) {
-        std::vector<SpoolMessage> messages;
-        EXPECT_TRUE(spool.Read(sink, 1000, 1 << 30, messages));
+    static std::vector<SpoolMessage> Read(CEventSpool& spool, const std::string& sink, size_t most = 10) {
+        auto messages = spool.Read(sink, most, 1 << 30);
+        if (messages) return *messages;
+        ADD_FAILURE() << messages.GetError().Text();
+        return {};
+    }
+    static std::vector<std::string> Bodies(CEventSpool& spool, const std::string& sink) {
         std::vector<std::string> bodies;
-        for (const auto& m : messages) bodies.push_back(m.body);
+        for (const auto& m : Read(spool, sink, 1000)) bodies.push_back(m.body);
         return bodies;
     }
     support::TempDir m_dir;
@@ -57,12 +60,12 @@ TEST_F(EventSpoolTest, MessagesComeBackInOrderWithIdsThatStay) {
         odd.arg2 = 2147483647;
         EXPECT_TRUE(spool.Append(odd));
         EXPECT_TRUE(spool.Append(Message("")));
-        ASSERT_TRUE(spool.Read("one", 10, 1 << 20, first));
+        first = Read(spool, "one");
     }
     CEventSpool spool;
     Open(spool);
     EXPECT_TRUE(spool.Append(Message("third")));
-    ASSERT_TRUE(spool.Read("one", 10, 1 << 20, second));
+    second = Read(spool, "one");
     ASSERT_EQ(second.size(), 3u);
     EXPECT_EQ(second[0].body, std::string("zero\0byte \xff 'quote'", 20));
     EXPECT_EQ(second[0].extra, "x");
@@ -81,25 +84,21 @@ TEST_F(EventSpoolTest, IdsAreNotUsedAgainAfterEverythingWasDelivered) {
         CEventSpool spool;
         Open(spool);
         spool.Append(Message("a"));
-        std::vector<SpoolMessage> messages;
-        spool.Read("one", 10, 1 << 20, messages);
+        const std::vector<SpoolMessage> messages = Read(spool, "one");
         before = messages.at(0).id;
-        spool.Confirm("one", messages[0].seq);
+        EXPECT_TRUE(spool.Confirm("one", messages[0].seq));
         EXPECT_EQ(spool.GetFigures().messages, 0u);
     }
     CEventSpool spool;
     Open(spool);
     spool.Append(Message("b"));
-    std::vector<SpoolMessage> messages;
-    spool.Read("one", 10, 1 << 20, messages);
-    EXPECT_NE(messages.at(0).id, before);
+    EXPECT_NE(Read(spool, "one").at(0).id, before);
 }
 
 TEST_F(EventSpoolTest, EachSinkHasItsCursorAndNothingGoesBeforeAll) {
     CEventSpool spool;
     Open(spool);
-    std::string reason;
-    ASSERT_TRUE(spool.SetSinks({"one", "two"}, reason));
+    ASSERT_TRUE(support::IsOk(spool.SetSinks({"one", "two"})));
     for (const char* body : {"a", "b", "c"}) spool.Append(Message(body));
     EXPECT_TRUE(spool.Confirm("one", 2));
     EXPECT_EQ(Bodies(spool, "one"), Lines{"c"});
@@ -108,7 +107,7 @@ TEST_F(EventSpoolTest, EachSinkHasItsCursorAndNothingGoesBeforeAll) {
     EXPECT_TRUE(spool.Confirm("two", 1));
     EXPECT_EQ(spool.GetFigures().messages, 2u);
     EXPECT_TRUE(spool.Confirm("two", 1)) << "a cursor never moves back";
-    ASSERT_TRUE(spool.SetSinks({"one"}, reason)) << "a sink that is no more holds nothing up";
+    ASSERT_TRUE(support::IsOk(spool.SetSinks({"one"}))) << "a sink that is no more holds nothing up";
     EXPECT_TRUE(spool.Confirm("one", 3));
     EXPECT_EQ(spool.GetFigures().messages, 0u);
     EXPECT_EQ(spool.GetFigures().bytes, 0u);
@@ -153,14 +152,13 @@ TEST_F(EventSpoolTest, ManySendersAndReadersLoseNothing) {
     }
     std::vector<std::string> seen;
     while (seen.size() < kSenders * kEach) {
-        std::vector<SpoolMessage> messages;
         const uint64_t news = spool.News();
-        ASSERT_TRUE(spool.Read("one", 16, 1 << 20, messages));
+        const std::vector<SpoolMessage> messages = Read(spool, "one", 16);
         for (const auto& m : messages) seen.push_back(m.body);
         if (messages.empty())
             spool.WaitForNews(news, 1000);
         else
-            spool.Confirm("one", messages.back().seq);
+            EXPECT_TRUE(spool.Confirm("one", messages.back().seq));
     }
     for (auto& sender : senders) sender.join();
     EXPECT_EQ(std::set<std::string>(seen.begin(), seen.end()).size(), seen.size());
@@ -190,9 +188,9 @@ TEST_F(EventSpoolTest, ALinkIsNotFollowed) {
     support::WriteText(m_dir / "spool/x", "");
     ASSERT_EQ(symlink((m_dir / "victim").c_str(), (m_dir / "spool/e.db").c_str()), 0);
     CEventSpool spool;
-    std::string reason;
-    EXPECT_FALSE(spool.Open(m_dir / "spool/e.db", 1000, 1, reason));
-    EXPECT_FALSE(reason.empty());
+    const base::Status opened = spool.Open(m_dir / "spool/e.db", 1000, 1);
+    ASSERT_FALSE(opened);
+    EXPECT_FALSE(opened.GetError().Reason().empty());
     EXPECT_EQ(support::ReadText(m_dir / "victim"), "");
 }
 
@@ -238,9 +236,8 @@ TEST_F(EventSpoolTest, OnFullDiskReserveLetsTheFirstMessagesThrough) {
     }
     {
         CEventSpool spool;
-        std::string reason;
-        ASSERT_TRUE(spool.Open(m_dir / "small/e.db", 1 << 20, 100, reason)) << reason;
-        ASSERT_TRUE(spool.SetSinks({"one"}, reason));
+        ASSERT_TRUE(support::IsOk(spool.Open(m_dir / "small/e.db", 1 << 20, 100)));
+        ASSERT_TRUE(support::IsOk(spool.SetSinks({"one"})));
         EXPECT_TRUE(spool.Append(Message("before")));
         std::ofstream filler(m_dir / "small/filler", std::ios::binary);
         const std::string block(4096, 'x');
