@@ -2,7 +2,7 @@
 #include "OomCounters.h"
 
 #include <algorithm>
-#include <set>
+#include <utility>
 
 #include "CgroupFiles.h"
 
@@ -38,6 +38,58 @@ Result<OomReading> ReadOne(const GroupDir& dir, const std::string& group, const 
     return out;
 }
 
+/// One look at the tree, reading by reading.
+class OomReader {
+public:
+    explicit OomReader(const GroupDir& parent)
+        : m_parent(parent), m_parentName(parent.Path().substr(parent.Path().rfind('/') + 1)) {}
+
+    Status AddParent() {
+        Result<OomReading> top = ReadOne(m_parent, m_parentName, m_parent, true);
+        if (!top) return top.GetError();
+        m_readings.push_back(std::move(*top));
+        return {};
+    }
+
+    /// Kernel: on version 1 the leaves' counters are their own.
+    Status AddGroup(const std::string& name) {
+        Result<GroupDir> group = m_parent.OpenChild(name);
+        if (!group) return group.GetError();
+        Status own = Add(*group, name, *group);
+        if (!own || group->GetVersion() != Version::kV1) return own;
+        Result<std::vector<std::string>> leaves = group->Children();
+        if (!leaves) return leaves.GetError();
+        for (const std::string& leafName : *leaves) {
+            Result<GroupDir> leaf = group->OpenChild(leafName);
+            Status read = leaf ? Add(*leaf, name, *group) : Status(leaf.GetError());
+            if (!read && !IsGone(read.GetError())) return read;
+        }
+        return {};
+    }
+
+    std::vector<OomReading> Take() { return std::move(m_readings); }
+
+private:
+    /// Kernel: what a directory of version 1 counts is a part of the parent's figures as well.
+    Status Add(const GroupDir& dir, const std::string& group, const GroupDir& reported) {
+        Result<OomReading> reading = ReadOne(dir, group, reported, false);
+        if (!reading) return reading.GetError();
+        if (dir.GetVersion() == Version::kV1) {
+            OomReading part = *reading;
+            part.group = m_parentName;
+            part.groupPath = m_parent.Path();
+            part.parent = true;
+            m_readings.push_back(std::move(part));
+        }
+        m_readings.push_back(std::move(*reading));
+        return {};
+    }
+
+    const GroupDir& m_parent;
+    const std::string m_parentName;
+    std::vector<OomReading> m_readings;
+};
+
 }  // namespace
 
 int64_t VictimsOf(int64_t oomKills, int64_t oomGroupKills) {
@@ -46,46 +98,14 @@ int64_t VictimsOf(int64_t oomKills, int64_t oomGroupKills) {
 }
 
 Result<std::vector<OomReading>> ReadOomCounters(const GroupDir& parent, const std::vector<std::string>& groups) {
-    std::vector<OomReading> out;
-    const std::string parentName = parent.Path().substr(parent.Path().rfind('/') + 1);
-    Result<OomReading> top = ReadOne(parent, parentName, parent, true);
-    if (!top) return top.GetError();
-    out.push_back(std::move(*top));
-    const auto add = [&](const GroupDir& dir, const std::string& group, const GroupDir& reported) -> Status {
-        Result<OomReading> reading = ReadOne(dir, group, reported, false);
-        if (!reading) return reading.GetError();
-        if (dir.GetVersion() == Version::kV1) {
-            OomReading part = *reading;
-            part.group = parentName;
-            part.groupPath = parent.Path();
-            part.parent = true;
-            out.push_back(std::move(part));
-        }
-        out.push_back(std::move(*reading));
-        return {};
-    };
+    OomReader reader(parent);
+    Status read = reader.AddParent();
+    if (!read) return read.GetError();
     for (const std::string& name : groups) {
-        Result<GroupDir> group = parent.OpenChild(name);
-        if (!group) {
-            if (IsGone(group.GetError())) continue;
-            return group.GetError();
-        }
-        Status own = add(*group, name, *group);
-        if (!own && IsGone(own.GetError())) continue;
-        if (!own) return own.GetError();
-        if (group->GetVersion() != Version::kV1) continue;
-        Result<std::vector<std::string>> leaves = group->Children();
-        if (!leaves) {
-            if (IsGone(leaves.GetError())) continue;
-            return leaves.GetError();
-        }
-        for (const std::string& leafName : *leaves) {
-            Result<GroupDir> leaf = group->OpenChild(leafName);
-            Status read = leaf ? add(*leaf, name, *group) : Status(leaf.GetError());
-            if (!read && !IsGone(read.GetError())) return read.GetError();
-        }
+        read = reader.AddGroup(name);
+        if (!read && !IsGone(read.GetError())) return read.GetError();
     }
-    return out;
+    return reader.Take();
 }
 
 void OomMonitor::Reset() {
@@ -94,71 +114,80 @@ void OomMonitor::Reset() {
     m_groups.clear();
 }
 
+void OomMonitor::Counts::Add(const Counts& other) {
+    kills += other.kills;
+    ooms += other.ooms;
+    groupKills += other.groupKills;
+}
+
+bool OomMonitor::Counts::FellFrom(const Counts& before) const {
+    return kills < before.kills || ooms < before.ooms || groupKills < before.groupKills;
+}
+
 OomMonitor::Counts OomMonitor::TotalOf(const Group& group) {
     Counts total = group.carried;
-    for (const auto& entry : group.members) {
-        total.kills += entry.second.counts.kills;
-        total.ooms += entry.second.counts.ooms;
-        total.groupKills += entry.second.counts.groupKills;
-    }
+    for (const auto& entry : group.members) total.Add(entry.second.counts);
     return total;
 }
 
+void OomMonitor::Begin(Group& group, const OomReading& first) {
+    group.event = CgroupMemoryOomEvent();
+    group.event.group = first.group;
+    group.event.path = first.groupPath;
+    group.event.parent = first.parent;
+    group.event.v2 = first.version == Version::kV2;
+}
+
+void OomMonitor::Take(Group& group, const OomReading& reading) {
+    group.event.under_oom = std::max(group.event.under_oom, reading.underOom);
+    group.event.oom_kill_disable = std::max(group.event.oom_kill_disable, reading.oomKillDisable);
+    const Counts counts{reading.kills, reading.ooms, reading.groupKills};
+    const auto known = group.members.find(reading.path);
+    if (known != group.members.end()) {
+        const bool anew = known->second.identity != reading.identity || counts.FellFrom(known->second.counts);
+        if (anew) group.carried.Add(known->second.counts);
+    }
+    group.members[reading.path] = Member{reading.identity, counts};
+}
+
+void OomMonitor::DropVanished(Group& group, const std::set<std::string>& present) {
+    for (auto member = group.members.begin(); member != group.members.end();) {
+        if (present.count(member->first) != 0) {
+            ++member;
+            continue;
+        }
+        group.carried.Add(member->second.counts);
+        member = group.members.erase(member);
+    }
+}
+
 void OomMonitor::Observe(const std::vector<OomReading>& readings) {
-    std::set<Key> seenGroups;
-    std::map<Key, std::set<std::string>> seenMembers;
-    std::vector<Key> order;
+    Seen seen;
     std::set<Key> fresh;
+    m_order.clear();
     for (const OomReading& reading : readings) {
         const Key key(reading.groupPath, reading.parent);
         if (m_groups.find(key) == m_groups.end()) fresh.insert(key);
         Group& group = m_groups[key];
-        if (seenGroups.insert(key).second) {
-            order.push_back(key);
-            group.event = CgroupMemoryOomEvent();
-            group.event.group = reading.group;
-            group.event.path = reading.groupPath;
-            group.event.parent = reading.parent;
-            group.event.v2 = reading.version == Version::kV2;
+        if (seen.find(key) == seen.end()) {
+            m_order.push_back(key);
+            Begin(group, reading);
         }
-        group.event.under_oom = std::max(group.event.under_oom, reading.underOom);
-        group.event.oom_kill_disable = std::max(group.event.oom_kill_disable, reading.oomKillDisable);
-        seenMembers[key].insert(reading.path);
-        const auto known = group.members.find(reading.path);
-        const bool again =
-            known != group.members.end() &&
-            (known->second.identity != reading.identity || known->second.counts.kills > reading.kills ||
-             known->second.counts.ooms > reading.ooms || known->second.counts.groupKills > reading.groupKills);
-        if (again) {
-            group.carried.kills += known->second.counts.kills;
-            group.carried.ooms += known->second.counts.ooms;
-            group.carried.groupKills += known->second.counts.groupKills;
-        }
-        group.members[reading.path] = Member{reading.identity, {reading.kills, reading.ooms, reading.groupKills}};
+        seen[key].insert(reading.path);
+        Take(group, reading);
     }
     for (auto entry = m_groups.begin(); entry != m_groups.end();) {
-        Group& group = entry->second;
-        if (seenGroups.count(entry->first) == 0) {
+        const auto present = seen.find(entry->first);
+        if (present == seen.end()) {
             entry = m_groups.erase(entry);
             continue;
         }
-        const std::set<std::string>& present = seenMembers[entry->first];
-        for (auto member = group.members.begin(); member != group.members.end();) {
-            if (present.count(member->first) != 0) {
-                ++member;
-                continue;
-            }
-            group.carried.kills += member->second.counts.kills;
-            group.carried.ooms += member->second.counts.ooms;
-            group.carried.groupKills += member->second.counts.groupKills;
-            member = group.members.erase(member);
-        }
+        DropVanished(entry->second, present->second);
         // The first look at all is the beginning: what was counted before it is not news. A group that appears
         // later was made since, from 0: all that it has counted is news.
-        if (!m_begun && fresh.count(entry->first) != 0) group.reported = TotalOf(group);
+        if (!m_begun && fresh.count(entry->first) != 0) entry->second.reported = TotalOf(entry->second);
         ++entry;
     }
-    m_order = std::move(order);
     if (!readings.empty()) m_begun = true;
 }
 

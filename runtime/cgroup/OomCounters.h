@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -62,6 +63,10 @@ private:
         int64_t kills = 0;
         int64_t ooms = 0;
         int64_t groupKills = 0;
+
+        void Add(const Counts& other);
+        /// Returns: whether a counter is below what it was: then it counts anew.
+        bool FellFrom(const Counts& before) const;
     };
     struct Member {
         GroupIdentity identity;
@@ -74,8 +79,13 @@ private:
         Counts reported;                        ///< totals at the previous poll
     };
     using Key = std::pair<std::string, bool>;  ///< directory of the group, parent or not
+    /// Directories that an observation saw, by group.
+    using Seen = std::map<Key, std::set<std::string>>;
 
     static Counts TotalOf(const Group& group);
+    static void Begin(Group& group, const OomReading& first);
+    static void Take(Group& group, const OomReading& reading);
+    static void DropVanished(Group& group, const std::set<std::string>& present);
     CgroupMemoryOomEvent EventOf(const Group& group) const;
 
     bool m_begun = false;
