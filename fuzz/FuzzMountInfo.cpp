@@ -1,13 +1,14 @@
 // Hostile texts for the readers of the kernel's hierarchies: mountinfo, /proc/self/cgroup and /proc/cgroups, cut at the
-// NUL bytes of the input. Whatever comes, the decision names a reason, and no group path leads out of its mount.
+// NUL bytes of the input, and of control files. Whatever comes, the decision names a reason, and no group path leads
+// out of its mount.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "ControlText.h"
 #include "Hierarchy.h"
-#include "ProcText.h"
-#include "ProcessTable.h"
+#include "base/ProcGroups.h"
 
 using namespace zel::cgroup;
 
@@ -34,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     texts.mountInfo = TakePart(rest);
     texts.selfCgroup = TakePart(rest);
     texts.cgroups = TakePart(rest);
-    for (const CgroupMount& mount : ParseMountInfo(texts.mountInfo)) {
+    for (const base::CgroupMount& mount : base::ParseMountInfo(texts.mountInfo)) {
         Require(!mount.mountPoint.empty() && mount.mountPoint.front() == '/');
         Require(!mount.root.empty() && mount.root.front() == '/');
         Require(mount.mountPoint.find('\0') == std::string::npos);
@@ -50,11 +51,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     const std::string_view whole(reinterpret_cast<const char*>(data), size);
-    Require(UnescapeOctal(whole).size() <= size);
+    Require(base::UnescapeOctal(whole).size() <= size);
     for (int pid : ParsePids(whole)) Require(pid > 0);
     Require(ParseFlatKeyed(whole).size() <= size);
     (void)ParseNumberOrMax(whole).Ok();
-    ProcessEntry entry;
-    if (ParseProcessStat(whole, entry)) Require(entry.pid > 0 && entry.parent >= 0);
     return 0;
 }

@@ -14,6 +14,7 @@
 #include "Membership.h"
 #include "OwnGroup.h"
 #include "base/Mutex.h"
+#include "base/ProcFiles.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupTreeStatus.h"
 #include "platform/zel/LogMessage.h"
@@ -102,7 +103,7 @@ Result<Target> CheckLeaf(const Branches& branches, Controller controller, const 
 /// Reads the file and proves that it is about this boot.
 Result<ComponentFile> ReadCurrentFile(const std::string& path) {
     Result<ComponentFile> file = ReadComponentFile(path);
-    if (!file || !file->enabled || file->bootId == ReadBootId()) return file;
+    if (!file || !file->enabled || file->bootId == base::ReadBootId()) return file;
     return MakeError(ErrorKind::kRefused, "use", path, "it was written before the last boot");
 }
 

@@ -7,6 +7,7 @@
 
 #include "Hierarchy.h"
 #include "Limits.h"
+#include "base/ProcFiles.h"
 
 namespace zel {
 namespace {
@@ -140,7 +141,7 @@ bool ReadCgroupStatus(CgroupStatus& out, int pid) {
     if (pid < 0) return false;
     if (pid == 0) pid = static_cast<int>(getpid());
     Result<LayoutTexts> texts = cgroup::ReadLayoutTexts();
-    if (!texts || access(("/proc/" + std::to_string(pid)).c_str(), F_OK) != 0) return false;
+    if (!texts || !base::ProcessExists(pid)) return false;
     CgroupStatus status;
     ReadCpu(pid, *texts, status.cpu);
     ReadMem(pid, *texts, status.mem);

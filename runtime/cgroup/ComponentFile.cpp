@@ -20,8 +20,6 @@ namespace zel {
 namespace cgroup {
 namespace {
 
-constexpr char kBootIdFile[] = "/proc/sys/kernel/random/boot_id";
-constexpr size_t kBootIdLength = 36;
 constexpr mode_t kFileMode = 0640;
 constexpr mode_t kForbiddenModes = 0022;
 
@@ -338,12 +336,6 @@ Status WriteFileAtomically(const std::string& path, std::string_view text) {
     // The new file is in place whatever this says; a directory that cannot be synced is no reason to distrust it.
     fsync(directory.Get());
     return {};
-}
-
-std::string ReadBootId() {
-    Result<std::string> text = ReadProcFile(kBootIdFile, kMaxControlValueBytes);
-    if (!text) return {};
-    return text->substr(0, std::min(text->find('\n'), kBootIdLength));
 }
 
 }  // namespace cgroup

@@ -77,8 +77,5 @@ Result<ComponentFile> ReadComponentFile(const std::string& path);
 /// On failure: the old file stays and nothing else is left behind.
 Status WriteFileAtomically(const std::string& path, std::string_view text);
 
-/// Returns: the kernel's id of this boot, empty when it cannot be read.
-std::string ReadBootId();
-
 }  // namespace cgroup
 }  // namespace zel

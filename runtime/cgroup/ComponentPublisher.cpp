@@ -9,6 +9,7 @@
 #include "AgentTree.h"
 #include "LimitPlan.h"
 #include "Limits.h"
+#include "base/ProcFiles.h"
 #include "platform/zel/AgentNames.h"
 
 namespace zel {
@@ -105,7 +106,7 @@ Result<std::map<LeafKey, int>> ComponentPublisher::Publish(const std::string& pa
                                                            const Amounts& parent) {
     ComponentFile file;
     file.enabled = true;
-    file.bootId = ReadBootId();
+    file.bootId = base::ReadBootId();
     Status status = AddParents(path, parent, file);
     if (!status) return status.GetError();
     std::map<LeafKey, int> leaves;
@@ -122,7 +123,7 @@ Result<std::map<LeafKey, int>> ComponentPublisher::Publish(const std::string& pa
 
 Status PublishDisabled(const std::string& path) {
     ComponentFile file;
-    file.bootId = ReadBootId();
+    file.bootId = base::ReadBootId();
     return WriteFileAtomically(path, FormatComponentFile(file));
 }
 

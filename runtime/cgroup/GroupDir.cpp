@@ -13,8 +13,9 @@
 #include <utility>
 
 #include "CgroupFiles.h"
+#include "ControlText.h"
 #include "base/Fd.h"
-#include "ProcText.h"
+#include "base/ProcFiles.h"
 
 namespace zel {
 namespace cgroup {
@@ -105,18 +106,9 @@ Result<std::string> ReadAll(int fd, const std::string& path, size_t limit) {
 
 // A process that is ending, or that nobody has waited for yet, is still in /proc but in no group's list.
 bool HasEnded(int pid) {
-    constexpr size_t kMaxStatBytes = 8192;
-    constexpr size_t kStateField = 0;  // counted from the end of the command name, proc(5)
-    constexpr size_t kFlagsField = 6;
-    constexpr int64_t kExiting = 0x4;  // PF_EXITING
-    Result<std::string> stat = ReadProcFile("/proc/" + std::to_string(pid) + "/stat", kMaxStatBytes);
-    if (!stat) return true;
-    const size_t name = stat->rfind(')');
-    if (name == std::string::npos) return false;
-    const std::vector<std::string> fields = ParseWords(std::string_view(*stat).substr(name + 1));
-    if (fields.size() <= kFlagsField) return false;
-    Result<int64_t> flags = ParseNumberOrMax(fields[kFlagsField]);
-    return fields[kStateField] == "Z" || fields[kStateField] == "X" || (flags && (*flags & kExiting) != 0);
+    const Result<base::ProcStat> stat = base::ReadProcessStat(pid);
+    if (!stat) return stat.GetError().kind != ErrorKind::kMalformed;
+    return stat->IsDead() || stat->IsExiting();
 }
 
 }  // namespace
@@ -389,12 +381,6 @@ Status GroupDir::DisableForChildren(const char* controller) const {
     if (!enabled) return enabled.GetError();
     if (!*enabled) return {};
     return Write(v2::kSubtreeControl, std::string("-") + controller);
-}
-
-Result<std::string> ReadProcFile(const std::string& path, size_t limit) {
-    base::Fd fd(OpenAt(AT_FDCWD, path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (fd.Get() < 0) return ErrnoError(errno, "open", path);
-    return ReadAll(fd.Get(), path, limit);
 }
 
 Result<int> MoveAll(const GroupDir& from, const GroupDir& to, int rounds) {

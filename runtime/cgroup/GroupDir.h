@@ -92,9 +92,6 @@ private:
     Version m_version = Version::kNone;
 };
 
-/// Reads a whole small file of /proc, bounded. Follows no link in the last component.
-Result<std::string> ReadProcFile(const std::string& path, size_t limit = kMaxControlFileBytes);
-
 /// Moves every process of `from` to `to` until none is left; `rounds` bounds how often new ones are looked for.
 /// Returns: number of processes moved.
 Result<int> MoveAll(const GroupDir& from, const GroupDir& to, int rounds = 16);

@@ -12,10 +12,20 @@
 #include <cstdlib>
 
 #include "CgroupFiles.h"
+#include "base/ProcFiles.h"
+#include "base/ProcGroups.h"
 
 namespace zel {
 namespace cgroup {
 namespace {
+
+using base::CgroupMembership;
+using base::CgroupMount;
+using base::ControllerState;
+using base::MembershipPath;
+using base::ParseMountInfo;
+using base::ParseProcCgroup;
+using base::ParseProcCgroups;
 
 constexpr char kDefaultAgentGroup[] = "zel.agent";
 constexpr char kAgentGroupVariable[] = "ZEL_CGROUP_NAME";
@@ -140,11 +150,11 @@ std::string ServiceIn(const std::string& path) {
 
 Result<LayoutTexts> ReadLayoutTexts() {
     LayoutTexts out;
-    Result<std::string> mounts = ReadProcFile("/proc/self/mountinfo", kMaxProcTextBytes);
+    Result<std::string> mounts = base::ReadProcText(base::kMountInfoFile);
     if (!mounts) return mounts.GetError();
-    Result<std::string> own = ReadProcFile("/proc/self/cgroup", kMaxProcTextBytes);
+    Result<std::string> own = base::ReadProcText(base::kOwnGroupsFile);
     if (!own) return own.GetError();
-    Result<std::string> cgroups = ReadProcFile("/proc/cgroups", kMaxProcTextBytes);
+    Result<std::string> cgroups = base::ReadProcText(base::kCgroupsFile);
     out.mountInfo = std::move(*mounts);
     out.selfCgroup = std::move(*own);
     if (cgroups) out.cgroups = std::move(*cgroups);
@@ -313,12 +323,14 @@ Result<GroupDir> OpenGroup(const Hierarchy& hierarchy, std::string_view groupPat
 }
 
 Result<std::string> ReadGroupOf(int pid, const Hierarchy& hierarchy) {
-    const std::string path = "/proc/" + std::to_string(pid) + "/cgroup";
-    Result<std::string> text = ReadProcFile(path);
-    if (!text) return text.GetError();
-    const std::string group = MembershipPath(
-        ParseProcCgroup(*text), hierarchy.version == Version::kV2 ? "" : ControllerName(hierarchy.controller));
-    if (group.empty()) return MakeError(ErrorKind::kNotFound, "find the hierarchy's line in", path);
+    const Result<std::vector<CgroupMembership>> lines = base::ReadProcessGroups(pid);
+    if (!lines) return lines.GetError();
+    const std::string group =
+        MembershipPath(*lines, hierarchy.version == Version::kV2 ? "" : ControllerName(hierarchy.controller));
+    if (group.empty()) {
+        return MakeError(ErrorKind::kNotFound, "find the hierarchy's line in",
+                         base::ProcessFile(pid, "cgroup").c_str());
+    }
     return group;
 }
 

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "GroupDir.h"
-#include "ProcText.h"
 #include "Errors.h"
 
 namespace zel {

@@ -9,6 +9,8 @@
 
 #include "Limits.h"
 #include "ProcessTable.h"
+#include "base/ProcFiles.h"
+#include "base/TextScan.h"
 #include "platform/zel/LogMessage.h"
 
 namespace zel {
@@ -175,12 +177,12 @@ std::vector<int> LegacyGroup::Foreign() const {
         if (pid != head && IsBelow(table, head, pid)) head = pid;
     }
     const std::string directory = m_options.applicationDir + "/";
-    const std::string program = ReadExecutable(Self());
+    const Result<std::string> program = base::ReadProgramPath(Self());
     for (int pid : *members) {
         if (IsBelow(table, pid, head)) continue;
-        const std::string other = ReadExecutable(pid);
-        if (!other.empty() && other == program) continue;
-        if (directory.size() > 1 && other.compare(0, directory.size(), directory) == 0) continue;
+        const Result<std::string> other = base::ReadProgramPath(pid);
+        if (other && program && *other == *program) continue;
+        if (other && directory.size() > 1 && base::StartsWith(*other, directory)) continue;
         out.push_back(pid);
     }
     return out;

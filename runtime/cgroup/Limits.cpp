@@ -6,7 +6,7 @@
 #include <string>
 
 #include "CgroupFiles.h"
-#include "ProcText.h"
+#include "ControlText.h"
 
 namespace zel {
 namespace cgroup {

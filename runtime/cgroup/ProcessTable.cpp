@@ -1,17 +1,11 @@
 // Reads the parent and the start time of every process.
 #include "ProcessTable.h"
 
-#include <dirent.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <climits>
-#include <cstdlib>
-#include <memory>
 #include <set>
 
-#include "GroupDir.h"
-#include "ProcText.h"
+#include "Errors.h"
+#include "base/ProcFiles.h"
 
 namespace zel {
 namespace cgroup {
@@ -28,44 +22,21 @@ const ProcessEntry* Find(const std::vector<ProcessEntry>& table, int pid) {
 
 }  // namespace
 
-bool ParseProcessStat(std::string_view text, ProcessEntry& out) {
-    // proc(5): pid (comm) state ppid ... starttime is field 22. Only the last ')' ends the command name.
-    const size_t open = text.find('(');
-    const size_t shut = text.rfind(')');
-    if (open == std::string_view::npos || shut == std::string_view::npos || shut < open) return false;
-    const std::vector<std::string> fields = ParseWords(text.substr(shut + 1));
-    constexpr size_t kParentField = 1;
-    constexpr size_t kStartField = 19;
-    if (fields.size() <= kStartField) return false;
-    const Result<int64_t> pid = ParseNumberOrMax(text.substr(0, open));
-    const Result<int64_t> parent = ParseNumberOrMax(fields[kParentField]);
-    const Result<int64_t> start = ParseNumberOrMax(fields[kStartField]);
-    if (!pid || !parent || !start || *pid <= 0 || *pid > INT_MAX || *parent < 0 || *parent > INT_MAX || *start < 0) {
-        return false;
-    }
-    out.pid = static_cast<int>(*pid);
-    out.parent = static_cast<int>(*parent);
-    out.startTicks = static_cast<uint64_t>(*start);
-    return true;
-}
-
 bool ReadProcess(int pid, ProcessEntry& out) {
-    constexpr size_t kMaxStatBytes = 8192;
-    Result<std::string> text = ReadProcFile("/proc/" + std::to_string(pid) + "/stat", kMaxStatBytes);
-    return text && ParseProcessStat(*text, out);
+    const Result<base::ProcStat> stat = base::ReadProcessStat(pid);
+    if (!stat) return false;
+    out = ProcessEntry{stat->pid, stat->parent, stat->startTicks};
+    return true;
 }
 
 std::vector<ProcessEntry> ReadProcessTable() {
     std::vector<ProcessEntry> out;
-    std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir("/proc"), closedir);
-    if (!dir) return out;
-    while (const dirent* entry = readdir(dir.get())) {
-        const char first = entry->d_name[0];
-        if (first < '1' || first > '9' || out.size() >= kMaxProcesses) continue;
+    const Result<std::vector<int>> pids = base::ReadProcessIds(kMaxProcesses);
+    if (!pids) return out;
+    for (const int pid : *pids) {
         ProcessEntry process;
-        if (ReadProcess(atoi(entry->d_name), process)) out.push_back(process);
+        if (ReadProcess(pid, process)) out.push_back(process);
     }
-    std::sort(out.begin(), out.end(), [](const ProcessEntry& a, const ProcessEntry& b) { return a.pid < b.pid; });
     return out;
 }
 
@@ -91,12 +62,6 @@ bool IsBelow(const std::vector<ProcessEntry>& table, int pid, int ancestor) {
         pid = entry->parent;
     }
     return false;
-}
-
-std::string ReadExecutable(int pid) {
-    char buffer[PATH_MAX] = {};
-    const ssize_t size = readlink(("/proc/" + std::to_string(pid) + "/exe").c_str(), buffer, sizeof buffer - 1);
-    return size > 0 ? std::string(buffer, static_cast<size_t>(size)) : std::string();
 }
 
 }  // namespace cgroup

@@ -1,9 +1,7 @@
-// Who descends from whom: /proc/<pid>/stat of all processes, to tell the agent's processes from others in a group.
+// Who descends from whom among all processes, to tell the agent's processes from others in a group.
 #pragma once
 
 #include <cstdint>
-#include <string>
-#include <string_view>
 #include <vector>
 
 namespace zel {
@@ -16,9 +14,6 @@ struct ProcessEntry {
     uint64_t startTicks = 0;  ///< since boot
 };
 
-/// Pure. Reads /proc/<pid>/stat; a command name with blanks and brackets in it is borne.
-bool ParseProcessStat(std::string_view text, ProcessEntry& out);
-
 /// Reads one process. Returns: false when it is not there.
 bool ReadProcess(int pid, ProcessEntry& out);
 
@@ -30,9 +25,6 @@ std::vector<ProcessEntry> DescendantsOf(const std::vector<ProcessEntry>& table, 
 
 /// Pure. Returns: whether `pid` is `ancestor` or below it.
 bool IsBelow(const std::vector<ProcessEntry>& table, int pid, int ancestor);
-
-/// Returns: path of the process's executable, empty when it cannot be read.
-std::string ReadExecutable(int pid);
 
 }  // namespace cgroup
 }  // namespace zel

@@ -10,6 +10,7 @@
 #include "LimitUnits.h"
 #include "OomCounters.h"
 #include "OwnGroup.h"
+#include "base/ProcFiles.h"
 #include "platform/zel/CgroupTreeStatus.h"
 
 namespace zel {
@@ -21,16 +22,8 @@ constexpr int64_t kUsPerSecond = 1000000;
 
 /// User and system time of one process in clock ticks; 0 when it ended.
 int64_t TicksOf(int pid) {
-    Result<std::string> text = ReadProcFile("/proc/" + std::to_string(pid) + "/stat", kMaxControlValueBytes);
-    if (!text) return 0;
-    // The name may hold blanks and parentheses: fields are counted from the last one. utime and stime are 14 and 15.
-    const size_t name = text->rfind(')');
-    if (name == std::string::npos) return 0;
-    const std::vector<std::string> words = ParseWords(std::string_view(*text).substr(name + 1));
-    if (words.size() < 13) return 0;
-    Result<int64_t> user = ParseNumberOrMax(words[11]);
-    Result<int64_t> system = ParseNumberOrMax(words[12]);
-    return (user ? *user : 0) + (system ? *system : 0);
+    const Result<base::ProcStat> stat = base::ReadProcessStat(pid);
+    return stat ? static_cast<int64_t>(stat->userTicks + stat->systemTicks) : 0;
 }
 
 void SumProcessTimes(const GroupDir& dir, int depth, int64_t& ticks) {

@@ -8,6 +8,7 @@
 #include "support/Faults.h"
 #include "Hierarchy.h"
 #include "RealKernel.h"
+#include "base/ProcGroups.h"
 
 using namespace zel::cgroup;
 
@@ -19,7 +20,7 @@ protected:
         if (geteuid() != 0) GTEST_SKIP() << "SKIP direct v2: not root";
         auto texts = ReadLayoutTexts();
         ASSERT_TRUE(texts.Ok());
-        for (const CgroupMount& mount : ParseMountInfo(texts->mountInfo)) {
+        for (const base::CgroupMount& mount : base::ParseMountInfo(texts->mountInfo)) {
             if (mount.v2 && !mount.readOnly && mount.root == "/") m_mount = mount;
         }
         if (m_mount.mountPoint.empty()) GTEST_SKIP() << "SKIP direct v2: no writable cgroup2 mount";
@@ -49,7 +50,7 @@ protected:
         return FindPlacement(m_hierarchy, m_texts);
     }
 
-    CgroupMount m_mount;
+    base::CgroupMount m_mount;
     LayoutTexts m_texts;
     Hierarchy m_hierarchy;
     std::string m_unit;
