@@ -1,23 +1,13 @@
 // Supervision of threads that report that they are alive.
 #include "sampling/HeartbeatCheck.h"
 
-#include <unistd.h>
-
-#include <cstdio>
-
+#include "base/ProcFiles.h"
 #include "sampling/SamplerLog.h"
-#include "sampling/ThreadStack.h"
 
 namespace zelhost {
 namespace {
 
 constexpr size_t kChangesAtOnce = 16;  // more in one round cost an allocation
-
-bool ThreadExists(unsigned int tid) {
-    char path[64];
-    std::snprintf(path, sizeof(path), "/proc/self/task/%u", tid);
-    return access(path, F_OK) == 0;
-}
 
 }  // namespace
 
@@ -36,11 +26,11 @@ void CHeartbeatCheck::Tell(ThreadStall& change) {
     if (change.recovered) {
         LogSampler(zel::kLogInfo, __LINE__, "thread %u (%s) reports again", change.tid, change.name.c_str());
     } else {
-        change.gone = !ThreadExists(change.tid);
+        change.gone = !base::OwnThreadExists(change.tid);
         if (change.gone) {
             m_heartbeats.Remove(change.tid);
         } else {
-            change.stack = ReadKernelStack(change.tid);
+            change.stack = base::ReadKernelStack(change.tid);
         }
         LogSampler(zel::kLogError, __LINE__, "thread %u (%s) %s: no heartbeat for %lld ms, %d s are allowed",
                    change.tid, change.name.c_str(), change.gone ? "has ended without saying so" : "is stuck",

@@ -39,13 +39,13 @@ void CProcessCounters::Begin() {
 }
 
 void CProcessCounters::OpenFiles() {
-    if (!m_statm.IsOpen()) m_statm.Open("/proc/self/statm");
-    if (!m_io.IsOpen() && !m_io.Open("/proc/self/io") && !m_ioWarned) {
+    if (!m_statm.IsOpen()) m_statm.Open(base::kOwnStatmFile);
+    if (!m_io.IsOpen() && !m_io.Open(base::kOwnIoFile) && !m_ioWarned) {
         m_ioWarned = true;
-        LogSampler(zel::kLogWarning, __LINE__, "cannot open /proc/self/io (%s); I/O is not measured",
+        LogSampler(zel::kLogWarning, __LINE__, "cannot open %s (%s); I/O is not measured", base::kOwnIoFile,
                    base::ErrnoText(errno).c_str());
     }
-    if (!m_loadavg.IsOpen()) m_loadavg.Open("/proc/loadavg");
+    if (!m_loadavg.IsOpen()) m_loadavg.Open(base::kLoadAvgFile);
     m_fdCounter.Open();
 }
 
@@ -75,10 +75,8 @@ void CProcessCounters::ReadClocks(SamplingRound& round) {
 
 void CProcessCounters::ReadMemory(SamplingRound& round) {
     char text[kFileBytes];
-    int64_t pages = 0;
-    if (m_statm.IsOpen() && m_statm.Read(text, sizeof(text)) > 0 && ParseStatmResident(text, pages)) {
-        round.figures.memKb = pages * m_pageKb;
-    }
+    const std::optional<int64_t> pages = base::ParseStatmResident(m_statm.Read(text, sizeof(text)));
+    if (pages) round.figures.memKb = *pages * m_pageKb;
     round.totals.memKbSum += round.figures.memKb;
 }
 
@@ -95,33 +93,30 @@ void CProcessCounters::ReadDescriptors(SamplingRound& round) {
 
 void CProcessCounters::ReadIo(SamplingRound& round) {
     char text[kFileBytes];
-    ProcIo io;
-    const bool measured = m_rules.ioEnabled.load(std::memory_order_relaxed) && m_io.IsOpen() &&
-                          m_io.Read(text, sizeof(text)) > 0 && ParseProcIo(text, io);
+    std::optional<base::ProcIo> io;
+    if (m_rules.ioEnabled.load(std::memory_order_relaxed)) io = base::ParseProcIo(m_io.Read(text, sizeof(text)));
     round.figures.readKbps = round.figures.writeKbps = 0;
-    if (measured && m_ioKnown) {
+    if (io && m_ioKnown) {
         // Cancelled writes never lower these counters, so differences are not negative.
-        const uint64_t readBytes = io.readBytes - m_lastIo.readBytes;
-        const uint64_t writeBytes = io.writeBytes - m_lastIo.writeBytes;
+        const uint64_t readBytes = io->readBytes - m_lastIo.readBytes;
+        const uint64_t writeBytes = io->writeBytes - m_lastIo.writeBytes;
         round.totals.readBytes += readBytes;
         round.totals.writeBytes += writeBytes;
         round.figures.readKbps = PerSecondKb(readBytes, round.elapsedNs);
         round.figures.writeKbps = PerSecondKb(writeBytes, round.elapsedNs);
     }
-    if (measured) {
-        m_lastIo = io;
-        round.figures.readBytesTotal = io.readBytes;
-        round.figures.writeBytesTotal = io.writeBytes;
+    if (io) {
+        m_lastIo = *io;
+        round.figures.readBytesTotal = io->readBytes;
+        round.figures.writeBytesTotal = io->writeBytes;
     }
-    m_ioKnown = measured;
+    m_ioKnown = io.has_value();
 }
 
 void CProcessCounters::ReadLoad(SamplingRound& round) {
     char text[kFileBytes];
-    float load = 0;
-    if (m_loadavg.IsOpen() && m_loadavg.Read(text, sizeof(text)) > 0 && ParseLoadAvg(text, load)) {
-        round.figures.loadAvg = load;
-    }
+    const std::optional<float> load = base::ParseLoadAvg(m_loadavg.Read(text, sizeof(text)));
+    if (load) round.figures.loadAvg = *load;
 }
 
 }  // namespace zelhost

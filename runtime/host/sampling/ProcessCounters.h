@@ -2,7 +2,7 @@
 // descriptors, and /proc/loadavg. Files stay open and are read again; a steady round opens and allocates nothing.
 #pragma once
 
-#include "sampling/ProcReaders.h"
+#include "base/ProcFiles.h"
 #include "sampling/SamplingRound.h"
 #include "sampling/SamplingRules.h"
 
@@ -30,11 +30,11 @@ private:
 
     const SamplingRules& m_rules;
     const long m_pageKb;
-    CKeptFile m_statm, m_io, m_loadavg;
-    CDescriptorCounter m_fdCounter;
+    base::KeptFile m_statm, m_io, m_loadavg;
+    base::DescriptorCounter m_fdCounter;
     int64_t m_lastNs = 0;
     int64_t m_lastProcessNs = 0;
-    ProcIo m_lastIo;
+    base::ProcIo m_lastIo;
     bool m_ioKnown = false;
     bool m_ioWarned = false;
 };

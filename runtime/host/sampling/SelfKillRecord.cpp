@@ -14,9 +14,8 @@
 #include "base/FileIo.h"
 #include "base/FilePath.h"
 #include "base/FileReplace.h"
-#include "sampling/ProcReaders.h"
+#include "base/ProcFiles.h"
 #include "sampling/ThreadFacts.h"
-#include "sampling/ThreadStack.h"
 #include "platform/zel/ToolUtil.h"
 
 namespace zelhost {
@@ -25,6 +24,7 @@ namespace {
 constexpr int kRecordVersion = 1;
 constexpr size_t kRecordThreads = 10;
 constexpr mode_t kRecordMode = 0640;
+constexpr size_t kMostGroupBytes = 8192;  // of a record, for the list of groups
 
 std::string RecordDir(const SamplingSettings& settings) {
     if (!settings.options.recordDir.empty()) return settings.options.recordDir;
@@ -77,9 +77,8 @@ Json::Value FiguresJson(const SamplingRound& round) {
 /// The limits that the kernel holds this process to: control groups by /proc/self/cgroup, resource limits by
 /// getrlimit(2).
 void AddKernelLimits(Json::Value& limits) {
-    char text[8192];
-    CKeptFile file;
-    if (file.Open("/proc/self/cgroup") && file.Read(text, sizeof(text)) > 0) limits["cgroup"] = text;
+    base::Result<std::string> groups = base::ReadProcText(base::kOwnGroupsFile);
+    if (groups && !groups->empty()) limits["cgroup"] = groups->substr(0, kMostGroupBytes);
     const std::pair<const char*, int> wanted[] = {
         {"rlimit_nofile", RLIMIT_NOFILE}, {"rlimit_as", RLIMIT_AS}, {"rlimit_cpu", RLIMIT_CPU}};
     for (const auto& item : wanted) {
@@ -140,7 +139,7 @@ std::string SelfKillText(const SelfKillRecord& record, unsigned int breaches, co
     root["threads"] = ThreadsJson();
     if (record.kind == ResourceKind::kCpu && !root["threads"].empty()) {
         const auto tid = static_cast<unsigned int>(root["threads"][0]["tid"].asInt64());
-        root["busiest_thread_stack"] = ReadKernelStack(tid);
+        root["busiest_thread_stack"] = base::ReadKernelStack(tid);
     }
     root["extra"] = events.ExtraForRecord(record.kind).substr(0, kRecordExtraBytes);
     return RecordText(root);

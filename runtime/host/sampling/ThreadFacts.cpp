@@ -1,18 +1,11 @@
 // CPU figures of this process's threads.
 #include "sampling/ThreadFacts.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
 
-#include "sampling/ProcReaders.h"
 #include "platform/zel/ThreadUtil.h"
 
 namespace zelhost {
@@ -31,14 +24,6 @@ int64_t ClockNs(clockid_t clock) {
 }
 
 const int64_t kTickNs = kSecondNs / std::max(1L, sysconf(_SC_CLK_TCK));
-
-long ReadAt(int dir, const char* path, char* buffer, size_t size) {
-    base::Fd fd(openat(dir, path, O_RDONLY | O_CLOEXEC));
-    if (!fd) return -1;
-    const ssize_t got = read(fd.Get(), buffer, size - 1);
-    buffer[got > 0 ? got : 0] = '\0';
-    return got;
-}
 }  // namespace
 
 CThreadFacts& CThreadFacts::Instance() {
@@ -50,29 +35,16 @@ unsigned long CThreadFacts::GetCurrThreadId() {
     return zel::CThreadUtil::GetCurrentThreadId();
 }
 
-bool CThreadFacts::ReadThread(int taskDir, const char* tid, bool fine, Reading& reading) const {
-    char path[64];
-    char text[1024];
-    std::snprintf(path, sizeof(path), "%s/stat", tid);
-    if (ReadAt(taskDir, path, text, sizeof(text)) <= 0) return false;  // ended since the directory was read
-    ProcStat stat;
-    if (!ParseProcStat(text, stat)) return false;
-    const char* open = std::strchr(text, '(');
-    const char* close = std::strrchr(text, ')');
-    reading.name.assign(open != nullptr && close > open ? open + 1 : "",
-                        open != nullptr && close > open ? static_cast<size_t>(close - open - 1) : 0);
-    reading.running = stat.state == 'R';
-    reading.systemTicks = stat.systemTicks;
-    reading.startTicks = stat.startTicks;
-    reading.cpuNs = static_cast<int64_t>(stat.userTicks + stat.systemTicks) * kTickNs;
-    if (fine) {
-        std::snprintf(path, sizeof(path), "%s/schedstat", tid);
-        // Kernel: without CONFIG_SCHED_INFO there is no such file; the ticks stay then.
-        if (ReadAt(taskDir, path, text, sizeof(text)) > 0) {
-            const long long ns = std::strtoll(text, nullptr, 10);
-            if (ns > 0) reading.cpuNs = ns;
-        }
-    }
+bool CThreadFacts::ReadThread(const base::OwnThreads& threads, bool fine, Reading& reading) {
+    const std::optional<base::ProcStat> stat = threads.Stat();
+    if (!stat) return false;  // ended since the directory was read
+    reading.name = stat->name.data();
+    reading.running = stat->state == 'R';
+    reading.systemTicks = stat->systemTicks;
+    reading.startTicks = stat->startTicks;
+    reading.cpuNs = static_cast<int64_t>(stat->userTicks + stat->systemTicks) * kTickNs;
+    const int64_t fineNs = fine ? threads.CpuNs().value_or(0) : 0;
+    if (fineNs > 0) reading.cpuNs = fineNs;
     return true;
 }
 
@@ -104,10 +76,8 @@ void CThreadFacts::SampleLocked() {
     const int64_t nowNs = ClockNs(CLOCK_MONOTONIC);
     if (m_lastSampleNs != 0 && nowNs - m_lastSampleNs < kFreshNs) return;
     const int64_t costFrom = ClockNs(CLOCK_THREAD_CPUTIME_ID);
-    base::Fd dirFd(open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!dirFd) return;
-    DIR* dir = fdopendir(fcntl(dirFd.Get(), F_DUPFD_CLOEXEC, 0));
-    if (dir == nullptr) return;
+    base::OwnThreads threads;
+    if (!threads.IsOpen()) return;
     const bool moveBaseline = m_baselineNs != 0 && nowNs - m_baselineNs >= kBaselineNs;
     if (moveBaseline || m_baselineNs == 0) m_baselineNs = nowNs;
     ++m_pass;
@@ -115,15 +85,12 @@ void CThreadFacts::SampleLocked() {
     const long own = static_cast<long>(zel::CThreadUtil::GetCurrentThreadId());
     size_t count = 0;
     Reading reading;
-    while (const dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
+    for (long tid = threads.Next(); tid != 0; tid = threads.Next()) {
         if (++count > kMaxThreads) break;
-        if (!ReadThread(dirFd.Get(), entry->d_name, fine, reading)) continue;
-        const long tid = std::strtol(entry->d_name, nullptr, 10);
+        if (!ReadThread(threads, fine, reading)) continue;
         if (tid == own) reading.running = false;  // it runs because it is reading
         Account(tid, reading, nowNs, moveBaseline);
     }
-    closedir(dir);
     for (auto it = m_threads.begin(); it != m_threads.end();) {
         it = it->second.pass == m_pass ? std::next(it) : m_threads.erase(it);
     }

@@ -8,7 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "SecureFile.h"
+#include "base/ProcFiles.h"
 #include "platform/host/SysIntf.h"
 
 namespace zelhost {
@@ -67,7 +67,7 @@ private:
     };
 
     void SampleLocked();
-    bool ReadThread(int taskDir, const char* tid, bool fine, Reading& reading) const;
+    static bool ReadThread(const base::OwnThreads& threads, bool fine, Reading& reading);
     void Account(long tid, const Reading& reading, int64_t nowNs, bool moveBaseline);
     static ThreadFigures FiguresOf(long tid, const Entry& entry);
     std::vector<ThreadFigures> AllLocked() const;

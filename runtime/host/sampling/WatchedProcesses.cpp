@@ -4,8 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 
 #include "platform/zel/LogMessage.h"
 
@@ -60,9 +58,7 @@ void CWatchedProcesses::TakeNewSet() {
         Entry entry;
         entry.pid = item.first;
         entry.name = item.second;
-        char path[64];
-        std::snprintf(path, sizeof(path), "/proc/%u/stat", item.first);
-        entry.file.Open(path);
+        entry.file.Open(base::ProcessFile(static_cast<int>(item.first), "stat").c_str());
         entries.push_back(std::move(entry));
     }
     m_entries = std::move(entries);
@@ -74,30 +70,28 @@ void CWatchedProcesses::Look(Entry& entry, int64_t nowNs, int64_t maxCpu100Times
     static const int64_t tickNs = kNsPerSecond / std::max(1L, sysconf(_SC_CLK_TCK));
     static const int64_t pageKb = std::max(1L, sysconf(_SC_PAGESIZE) / 1024);
     if (entry.ended) return;
-    char text[1024];
-    ProcStat stat;
-    const bool there = entry.file.IsOpen() && entry.file.Read(text, sizeof(text)) > 0 && ParseProcStat(text, stat) &&
-                       stat.state != 'Z' && stat.state != 'X';
-    if (!there) {
+    char text[base::kSmallProcBytes];
+    const std::optional<base::ProcStat> stat = base::ParseProcStat(entry.file.Read(text, sizeof(text)));
+    if (!stat || stat->IsDead()) {
         entry.ended = true;
         entry.file.Close();
         events.push_back({WatchedEvent::kEnded, entry.pid, entry.name, 0});
         return;
     }
-    const uint64_t ticks = stat.userTicks + stat.systemTicks;
+    const uint64_t ticks = stat->userTicks + stat->systemTicks;
     if (entry.lastNs != 0) {
         const int64_t cpu = Cpu100Times(static_cast<int64_t>(ticks - entry.lastTicks) * tickNs, nowNs - entry.lastNs);
         const int level = NextLevel(entry.cpuLevel, cpu, maxCpu100Times);
         if (level == 2 && entry.cpuLevel != 2) events.push_back({WatchedEvent::kCpuHigh, entry.pid, entry.name, cpu});
         entry.cpuLevel = level;
     }
-    const int64_t memKb = stat.residentPages * pageKb;
+    const int64_t memKb = stat->residentPages * pageKb;
     const int level = NextLevel(entry.memLevel, memKb, maxMemKb);
     if (level == 2 && entry.memLevel != 2) events.push_back({WatchedEvent::kMemHigh, entry.pid, entry.name, memKb});
     entry.memLevel = level;
     entry.lastNs = nowNs;
     entry.lastTicks = ticks;
-    entry.startTicks = stat.startTicks;
+    entry.startTicks = stat->startTicks;
 }
 
 void CWatchedProcesses::Round(int64_t nowNs, int64_t maxCpu100Times, int64_t maxMemKb,

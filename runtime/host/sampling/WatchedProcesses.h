@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "sampling/ProcReaders.h"
 #include "sampling/UsageLevel.h"
+#include "base/ProcFiles.h"
 
 namespace zelhost {
 
@@ -42,7 +42,7 @@ private:
     struct Entry {
         unsigned int pid = 0;
         std::string name;
-        CKeptFile file;
+        base::KeptFile file;
         uint64_t startTicks = 0;
         int64_t lastNs = 0;
         uint64_t lastTicks = 0;
