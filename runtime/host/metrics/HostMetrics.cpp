@@ -1,15 +1,12 @@
 // Which figures of the runtime are shown as metrics. Units are base units, as Prometheus asks: seconds, bytes, ratios.
 #include "metrics/HostMetrics.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "HttpService.h"
-#include "sampling/ProcReaders.h"
-#include "SecureFile.h"
+#include "base/ProcFiles.h"
+#include "platform/zel/CgroupStatus.h"
 
 namespace zelhost {
 namespace {
@@ -17,12 +14,12 @@ namespace {
 class Adder {
 public:
     explicit Adder(std::vector<Metric>& metrics) : m_metrics(metrics) {}
-    void Gauge(const char* name, const char* help, double value,
+    void Gauge(const char* name, const std::string& help, double value,
                std::vector<std::pair<std::string, std::string>> labels = {}) {
         m_metrics.push_back({name, MetricType::kGauge, help, std::move(labels), value});
     }
     template <class T>
-    void Counter(const char* name, const char* help, T value,
+    void Counter(const char* name, const std::string& help, T value,
                  std::vector<std::pair<std::string, std::string>> labels = {}) {
         m_metrics.push_back({name, MetricType::kCounter, help, std::move(labels), static_cast<double>(value)});
     }
@@ -38,114 +35,32 @@ double Kb(int64_t kb) {
     return static_cast<double>(kb) * 1024.0;
 }
 
-bool ReadSmall(const std::string& path, std::string& text) {
-    CKeptFile file;
-    char buffer[4096];
-    if (!file.Open(path.c_str()) || file.Read(buffer, sizeof(buffer)) <= 0) return false;
-    text = buffer;
-    return true;
+constexpr char kWhoseGroup[] =
+    " The group is the one whose limit is the tightest, the process's own where none limits.";
+
+/// A group that this mount does not show, or a controller that is nowhere, has no figures.
+bool HasFigures(const zel::CgroupControllerStatus& status) {
+    return status.version != 0 && !status.groupPath.empty();
 }
 
-/// "name 123" on a line of its own.
-bool FindNumber(const std::string& text, const std::string& name, double& value) {
-    size_t at = 0;
-    while (at < text.size()) {
-        if (text.compare(at, name.size() + 1, name + " ") == 0) {
-            value = std::strtod(text.c_str() + at + name.size() + 1, nullptr);
-            return true;
-        }
-        const size_t end = text.find('\n', at);
-        if (end == std::string::npos) return false;
-        at = end + 1;
-    }
-    return false;
+void AddCpuGroup(const zel::CgroupCpuStatus& cpu, Adder& add) {
+    if (!HasFigures(cpu)) return;
+    add.Counter("zel_cgroup_cpu_throttled_periods_total",
+                std::string("Periods in which the group was throttled.") + kWhoseGroup, cpu.throttledPeriods);
+    add.Counter("zel_cgroup_cpu_throttled_seconds_total",
+                std::string("Time for which the group was throttled.") + kWhoseGroup,
+                static_cast<double>(cpu.throttledUs) / 1e6);
 }
 
-/// Where a hierarchy's own group of this process is mounted; empty when it has none. `controller` "" is cgroup2.
-std::string OwnGroup(const std::string& controller) {
-    std::string groups, mounts;
-    {
-        CKeptFile file;
-        std::vector<char> buffer(64 * 1024);
-        if (!file.Open("/proc/self/cgroup") || file.Read(buffer.data(), buffer.size()) <= 0) return "";
-        groups = buffer.data();
-        if (!file.Open("/proc/self/mountinfo")) return "";
-        long total = 0;
-        // mountinfo gives a part per read: go on to its end.
-        for (;;) {
-            const ssize_t got = pread(file.Fd(), buffer.data(), buffer.size(), total);
-            if (got <= 0 || total > 1024 * 1024) break;
-            mounts.append(buffer.data(), static_cast<size_t>(got));
-            total += got;
-        }
+void AddMemoryGroup(const zel::CgroupMemStatus& mem, Adder& add) {
+    if (!HasFigures(mem)) return;
+    if (mem.usageBytes >= 0) {
+        add.Gauge("zel_cgroup_memory_usage_bytes", std::string("Memory charged to the group.") + kWhoseGroup,
+                  static_cast<double>(mem.usageBytes));
     }
-    std::string path;
-    for (size_t at = 0; at < groups.size();) {
-        size_t end = groups.find('\n', at);
-        if (end == std::string::npos) end = groups.size();
-        const std::string line = groups.substr(at, end - at);
-        at = end + 1;
-        const size_t first = line.find(':');
-        const size_t second = line.find(':', first + 1);
-        if (first == std::string::npos || second == std::string::npos) continue;
-        const std::string names = "," + line.substr(first + 1, second - first - 1) + ",";
-        if (controller.empty() ? names == ",," : names.find("," + controller + ",") != std::string::npos) {
-            path = line.substr(second + 1);
-        }
-    }
-    if (path.empty()) return "";
-    for (size_t at = 0; at < mounts.size();) {
-        size_t end = mounts.find('\n', at);
-        if (end == std::string::npos) end = mounts.size();
-        const std::string line = mounts.substr(at, end - at);
-        at = end + 1;
-        const size_t dash = line.find(" - ");
-        if (dash == std::string::npos) continue;
-        const std::string type = line.substr(dash + 3, line.find(' ', dash + 3) - dash - 3);
-        if (type != (controller.empty() ? "cgroup2" : "cgroup")) continue;
-        const std::string options = "," + line.substr(line.rfind(' ') + 1) + ",";
-        if (!controller.empty() && options.find("," + controller + ",") == std::string::npos) continue;
-        // Fields: id parent dev root mount-point ...
-        size_t field = 0;
-        for (int i = 0; i < 3; ++i) field = line.find(' ', field) + 1;
-        const size_t rootEnd = line.find(' ', field);
-        const std::string root = line.substr(field, rootEnd - field);
-        const std::string point = line.substr(rootEnd + 1, line.find(' ', rootEnd + 1) - rootEnd - 1);
-        if (root == "/") return point + (path == "/" ? "" : path);
-        if (path.compare(0, root.size(), root) == 0) return point + path.substr(root.size());
-    }
-    return "";
-}
-
-void AddCpuGroup(Adder& add) {
-    std::string group = OwnGroup("cpu");
-    const bool v1 = !group.empty();
-    if (!v1) group = OwnGroup("");
-    std::string stat;
-    double value = 0;
-    if (group.empty() || !ReadSmall(group + "/cpu.stat", stat)) return;
-    if (FindNumber(stat, "nr_throttled", value)) {
-        add.Counter("zel_cgroup_cpu_throttled_periods_total", "Periods in which the group was throttled.", value);
-    }
-    if (FindNumber(stat, v1 ? "throttled_time" : "throttled_usec", value)) {
-        add.Counter("zel_cgroup_cpu_throttled_seconds_total", "Time for which the group was throttled.",
-                    value / (v1 ? 1e9 : 1e6));
-    }
-}
-
-void AddMemoryGroup(Adder& add) {
-    std::string group = OwnGroup("memory");
-    const bool v1 = !group.empty();
-    if (!v1) group = OwnGroup("");
-    std::string text;
-    if (group.empty()) return;
-    if (ReadSmall(group + (v1 ? "/memory.usage_in_bytes" : "/memory.current"), text)) {
-        add.Gauge("zel_cgroup_memory_usage_bytes", "Memory charged to the group.", std::strtod(text.c_str(), nullptr));
-    }
-    // v1 says "no limit" with a number near 2^63, v2 with a word; neither is a sample.
-    if (ReadSmall(group + (v1 ? "/memory.limit_in_bytes" : "/memory.max"), text) && text[0] != 'm') {
-        const double limit = std::strtod(text.c_str(), nullptr);
-        if (limit < 9e18) add.Gauge("zel_cgroup_memory_limit_bytes", "Memory limit of the group.", limit);
+    if (mem.limited) {
+        add.Gauge("zel_cgroup_memory_limit_bytes", "Memory limit of the group whose limit is the tightest.",
+                  static_cast<double>(mem.limitBytes));
     }
 }
 
@@ -226,17 +141,14 @@ void AddStatisticsMetrics(const StatisticsSnapshot& s, std::vector<Metric>& metr
 
 void AddProcessMetrics(std::vector<Metric>& metrics) {
     Adder add(metrics);
-    std::string text;
-    if (ReadSmall("/proc/self/status", text)) {
-        const size_t at = text.find("\nThreads:");
-        if (at != std::string::npos) {
-            add.Gauge("zel_threads", "Threads of the process.", std::strtod(text.c_str() + at + 9, nullptr));
-        }
-    }
+    const base::Result<uint64_t> threads = base::ReadOwnStatusNumber("Threads");
+    if (threads) add.Gauge("zel_threads", "Threads of the process.", static_cast<double>(*threads));
     add.Counter("zel_http_failures_total", "Failed requests of the HTTP service.",
                 CHttpService::Instance().GetFailCount());
-    AddCpuGroup(add);
-    AddMemoryGroup(add);
+    zel::CgroupStatus groups;
+    if (!zel::ReadCgroupStatus(groups)) return;
+    AddCpuGroup(groups.cpu, add);
+    AddMemoryGroup(groups.mem, add);
 }
 
 }  // namespace zelhost
