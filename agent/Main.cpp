@@ -1,15 +1,14 @@
 // Entry of an agent process.
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <unistd.h>
+#include <string>
 
 #include "ExecComponent.h"
 #include "ExitCode.h"
 #include "Options.h"
 #include "Process.h"
 #include "base/FileIo.h"
+#include "base/ProcFiles.h"
 
 namespace {
 constexpr mode_t kFileMask = 0027;  // nothing of the agent is for other users
@@ -23,17 +22,15 @@ int main(int argc, char** argv) {
         fputs(text.c_str(), code == agent::kExitClean ? stdout : stderr);
         return code;
     }
-    char program[PATH_MAX];
-    ssize_t length = readlink("/proc/self/exe", program, sizeof program - 1);
-    if (length <= 0) {
-        perror("tervane: /proc/self/exe");
+    const base::Result<std::string> program = base::ReadOwnProgramPath();
+    if (!program) {
+        fprintf(stderr, "tervane: %s\n", program.GetError().Text().c_str());
         return agent::kExitInternal;
     }
-    program[length] = '\0';
-    if (options.appDir.empty()) options.appDir = std::string(program, strrchr(program, '/'));
+    if (options.appDir.empty()) options.appDir = program->substr(0, program->rfind('/'));
     // Everything below the seam finds the directory by the environment; components inherit it.
     setenv("ZEL_APP_DIR", options.appDir.c_str(), 1);
     if (options.exec) return agent::ExecComponent(options);
     base::SetFileMask(kFileMask);
-    return agent::Process(options, program).Run();
+    return agent::Process(options, *program).Run();
 }

@@ -4,6 +4,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include "base/ProcFiles.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupStatus.h"
 #include "platform/zel/CgroupTreeStatus.h"
@@ -56,7 +57,7 @@ bool Diagnose(const std::string& appDir, std::string& text) {
     int usage = zel::COSInfo::GetMemoryUsage(&available);
     Say(text, usage >= 0,
         "memory in use " + std::to_string(usage) + " %, " + std::to_string(available) + " MB available");
-    bool pressure = access("/proc/pressure/memory", R_OK) == 0;
+    bool pressure = access(base::kMemoryPressureFile, R_OK) == 0;
     text += std::string("      pressure figures (PSI): ") +
             (pressure ? "present" : "absent, boot with psi=1 to have them") + "\n";
     if (!appDir.empty()) {

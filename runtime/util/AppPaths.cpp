@@ -1,10 +1,8 @@
 // The agent's directories: from the environment when set, else from where the executable lies.
-#include <climits>
 #include <cstdlib>
 #include <string>
 
-#include <unistd.h>
-
+#include "base/ProcFiles.h"
 #include "platform/zel/PathInfo.h"
 #include "platform/zel/ToolUtil.h"
 
@@ -32,12 +30,10 @@ bool IsSet(const char* variable) {
 }
 
 std::string ReadExecutableDirectory() {
-    char path[PATH_MAX];
-    const ssize_t length = ::readlink("/proc/self/exe", path, sizeof path);
+    const base::Result<std::string> program = base::ReadOwnProgramPath();
     // Without /proc the working directory is the best that is known.
-    if (length <= 0 || static_cast<size_t>(length) >= sizeof path) return ".";
-    const std::string executable(path, static_cast<size_t>(length));
-    return WithoutTrailingSlashes(executable.substr(0, executable.rfind('/')));
+    if (!program) return ".";
+    return WithoutTrailingSlashes(program->substr(0, program->rfind('/')));
 }
 
 }  // namespace

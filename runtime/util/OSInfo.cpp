@@ -2,50 +2,44 @@
 #include "platform/zel/OSInfo.h"
 
 #include <atomic>
-#include <cerrno>
-#include <string_view>
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include "MemInfo.h"
-#include "base/Fd.h"
+#include "base/ProcFiles.h"
 
 namespace zel {
 namespace {
 
-constexpr char kMemInfoFile[] = "/proc/meminfo";
-constexpr size_t kMemInfoBytes = 4096;  // the fields of interest stand in its first lines
 constexpr unsigned long kKbPerMb = 1024;
 
 std::atomic<int> g_memInfoFd{-1};
 
-// At offset 0 the kernel makes the text afresh, and no file position is shared with other threads or a forked child.
-bool ReadMemInfoAt(int fd, MemInfo& info) {
-    char text[kMemInfoBytes];
-    const ssize_t got = base::RetryOnSignal([&] { return ::pread(fd, text, sizeof text, 0); });
-    return got > 0 && ParseMemInfo(std::string_view(text, static_cast<size_t>(got)), info);
+// Reading an open file again shares no file position with other threads or a forked child.
+std::optional<base::MemInfo> ReadMemInfoAt(int fd) {
+    char text[base::kSmallProcBytes];  // the fields of interest stand in the first lines
+    return base::ParseMemInfo(base::RereadText(fd, text, sizeof text));
 }
 
-bool ReadMemInfo(MemInfo& info) {
+std::optional<base::MemInfo> ReadMemInfo() {
     const int kept = g_memInfoFd.load(std::memory_order_acquire);
-    if (kept >= 0 && ReadMemInfoAt(kept, info)) return true;
-    base::Fd fresh(base::RetryOnSignal([] { return ::open(kMemInfoFile, O_RDONLY | O_CLOEXEC | O_NOFOLLOW); }));
-    if (!fresh.IsOpen() || !ReadMemInfoAt(fresh.Get(), info)) return false;
+    std::optional<base::MemInfo> info;
+    if (kept >= 0) info = ReadMemInfoAt(kept);
+    if (info) return info;
+    base::Fd fresh = base::OpenProcFile(base::kMemInfoFile);
+    if (fresh) info = ReadMemInfoAt(fresh.Get());
+    if (!info) return info;
     // The first to publish keeps its descriptor. A number that stopped answering was closed by somebody who closes
     // every descriptor; it may be another file by now, so it is left alone.
     int expected = kept;
     if (g_memInfoFd.compare_exchange_strong(expected, fresh.Get(), std::memory_order_acq_rel)) fresh.Release();
-    return true;
+    return info;
 }
 
 }  // namespace
 
 int COSInfo::GetMemoryUsage(unsigned long* available) {
-    MemInfo info;
-    if (!ReadMemInfo(info)) return -1;
-    if (available != nullptr) *available = info.availableKb / kKbPerMb;
-    return UsagePercent(info);
+    const std::optional<base::MemInfo> info = ReadMemInfo();
+    if (!info) return -1;
+    if (available != nullptr) *available = info->availableKb / kKbPerMb;
+    return base::UsagePercent(*info);
 }
 
 }  // namespace zel

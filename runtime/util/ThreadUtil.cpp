@@ -3,18 +3,15 @@
 #include "platform/zel/ThreadUtil.h"
 
 #include <atomic>
-#include <cerrno>
-#include <cstdio>
 #include <exception>
 #include <mutex>
 #include <thread>
 
-#include <fcntl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 #include "ThreadSleep.h"
-#include "base/Fd.h"
+#include "base/ProcFiles.h"
 #include "platform/zel/LogMessage.h"
 
 namespace zel {
@@ -110,16 +107,7 @@ unsigned int CThreadUtil::GetCurrentThreadId() {
 }
 
 std::string CThreadUtil::GetThreadName(long tid) {
-    if (tid <= 0) return std::string();
-    char path[48];
-    std::snprintf(path, sizeof path, "/proc/self/task/%ld/comm", tid);
-    const base::Fd fd(base::RetryOnSignal([&] { return ::open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW); }));
-    if (!fd.IsOpen()) return std::string();
-    char name[64];
-    const ssize_t got = base::RetryOnSignal([&] { return ::read(fd.Get(), name, sizeof name); });
-    if (got <= 0) return std::string();
-    const size_t length = static_cast<size_t>(got);
-    return std::string(name, name[length - 1] == '\n' ? length - 1 : length);
+    return tid <= 0 ? std::string() : base::ReadOwnThreadName(tid);
 }
 
 void CThreadUtil::SetThreadName(const std::string& name) {
