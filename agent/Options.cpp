@@ -22,11 +22,7 @@ bool IsMetricsAddress(const std::string& address) {
     return address.compare(0, 4, "127.") == 0 || address.substr(0, colon) == "[::1]";
 }
 
-}  // namespace
-
-bool ParseOptions(int argc, const char* const* argv, Options& options, std::string& text, int& exitCode) {
-    CLI::App app{"Host agent with its resource monitor"};
-    std::string load;
+void Declare(CLI::App& app, Options& options, std::string& load) {
     app.add_option("--app-dir", options.appDir, "application directory (default: the executable's, or ZEL_APP_DIR)");
     app.add_option("--name", options.name, "process name; \"tervane\" is the main process")->capture_default_str();
     app.add_option("--config", options.configPath, "resource configuration (default: <app dir>/conf/resource_config)");
@@ -41,6 +37,42 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, std::stri
     app.add_flag("--exec", options.exec, "put this process into the component's groups, then run COMMAND in its place");
     app.add_option("command", options.command, "with --exec: program and arguments");
     app.set_version_flag("--version", std::string(ZEL_VERSION));
+}
+
+/// Checks what CLI11 cannot. Errors: which option, and what it takes.
+base::Status Check(Options& options, const std::string& load) {
+    if (!IsPlainName(options.name)) return base::SentenceError("--name " + options.name + kPlainNameRule);
+    if (!options.metricsListen.empty() && !IsMetricsAddress(options.metricsListen)) {
+        return base::SentenceError("--metrics-listen " + options.metricsListen +
+                                   ": 127.0.0.1:PORT, [::1]:PORT or unix:/PATH");
+    }
+    if (options.exec == options.command.empty()) return base::SentenceError("--exec and a command go together");
+    const base::Result<LoadProfile> profile = ParseLoadProfile(load);
+    if (!profile) return base::SentenceError("--load " + load + ": " + profile.GetError().Text());
+    options.load = *profile;
+    return {};
+}
+
+/// Makes the application directory's path absolute. Returns: false when there is none of that name.
+bool ResolveDirectory(Options& options) {
+    if (options.appDir.empty()) {
+        const char* fromEnvironment = getenv("ZEL_APP_DIR");
+        if (fromEnvironment != nullptr) options.appDir = fromEnvironment;
+    }
+    if (options.appDir.empty()) return true;
+    char resolved[PATH_MAX];
+    if (realpath(options.appDir.c_str(), resolved) == nullptr) return false;
+    options.appDir = resolved;
+    return true;
+}
+
+}  // namespace
+
+bool ParseOptions(int argc, const char* const* argv, Options& options, std::string& text, int& exitCode) {
+    CLI::App app{"Host agent with its resource monitor"};
+    std::string load;
+    Declare(app, options, load);
+    exitCode = kExitUsage;
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& done) {  // --help and --version
@@ -49,40 +81,17 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, std::stri
         return false;
     } catch (const CLI::ParseError& error) {
         text = std::string("tervane: ") + error.what() + "\n";
-        exitCode = kExitUsage;
         return false;
     }
-    exitCode = kExitUsage;
-    if (!IsPlainName(options.name)) {
-        text = "tervane: --name " + options.name + kPlainNameRule + "\n";
+    const base::Status checked = Check(options, load);
+    if (!checked) {
+        text = "tervane: " + checked.GetError().Text() + "\n";
         return false;
     }
-    if (!options.metricsListen.empty() && !IsMetricsAddress(options.metricsListen)) {
-        text = "tervane: --metrics-listen " + options.metricsListen + ": 127.0.0.1:PORT, [::1]:PORT or unix:/PATH\n";
+    if (!ResolveDirectory(options)) {
+        text = "tervane: --app-dir " + options.appDir + ": no such directory\n";
+        exitCode = kExitDirectory;
         return false;
-    }
-    if (options.exec == options.command.empty()) {
-        text = "tervane: --exec and a command go together\n";
-        return false;
-    }
-    const base::Result<LoadProfile> profile = ParseLoadProfile(load);
-    if (!profile) {
-        text = "tervane: --load " + load + ": " + profile.GetError().Text() + "\n";
-        return false;
-    }
-    options.load = *profile;
-    if (options.appDir.empty()) {
-        const char* fromEnvironment = getenv("ZEL_APP_DIR");
-        if (fromEnvironment != nullptr) options.appDir = fromEnvironment;
-    }
-    if (!options.appDir.empty()) {
-        char resolved[PATH_MAX];
-        if (realpath(options.appDir.c_str(), resolved) == nullptr) {
-            text = "tervane: --app-dir " + options.appDir + ": no such directory\n";
-            exitCode = kExitDirectory;
-            return false;
-        }
-        options.appDir = resolved;
     }
     exitCode = kExitClean;
     return true;

@@ -15,40 +15,92 @@ namespace {
 
 enum CtlExit { kOk = 0, kRefused = 1, kUnreachable = 2, kUsage = 11 };
 
+/// What was asked for.
+struct CommandLine {
+    std::string appDir;
+    std::string name = zel::kMainProcessName;
+    std::string command;
+    bool json = false;       ///< of status
+    unsigned int last = 20;  ///< of events
+    agent::TopOptions top;
+};
+
+void Declare(CLI::App& app, CommandLine& line) {
+    if (const char* fromEnvironment = getenv("ZEL_APP_DIR")) line.appDir = fromEnvironment;
+    app.add_option("--app-dir", line.appDir, "application directory of the agent (default: ZEL_APP_DIR)");
+    app.add_option("--name", line.name, "process to ask")->capture_default_str();
+    app.set_version_flag("--version", std::string(ZEL_VERSION));
+    app.require_subcommand(1);
+    CLI::App* status = app.add_subcommand("status", "use against limits, mode and its reason, components, delivery");
+    status->add_flag("--json", line.json, "as JSON");
+    CLI::App* top = app.add_subcommand("top", "the same once a second, as a live page on a terminal");
+    top->add_option("--for", line.top.forSeconds, "end after this many seconds");
+    top->add_flag("--summary", line.top.summary, "at the end, what came of it");
+    app.add_subcommand("doctor", "what this host allows, what is in force, and what to do about the rest");
+    CLI::App* events =
+        app.add_subcommand("events", "the last delivered events, and the stored findings about the host");
+    events->add_option("--last", line.last, "how many")->capture_default_str()->check(CLI::Range(1, 1000));
+    app.add_subcommand("metrics", "the process's metrics in Prometheus text form");
+    app.add_subcommand("threads", "per-thread CPU report with the busiest thread's kernel stack");
+    app.add_subcommand("statistics", "the registered statistics, collected now");
+    app.add_subcommand("reload", "read the online configuration again now");
+    app.add_subcommand("stop", "stop the agent process");
+}
+
 int Unreachable(const base::Error& error) {
     fprintf(stderr, "tervanectl: %s\n", error.Text().c_str());
     return kUnreachable;
+}
+
+int Watch(const CommandLine& line) {
+    agent::TopOptions options = line.top;
+    options.appDir = line.appDir;
+    options.process = line.name;
+    const base::Status shown = agent::RunTop(options);
+    return shown ? kOk : Unreachable(shown.GetError());
+}
+
+/// A status as words; a text that is none stays as it is.
+std::string InWords(const std::string& json) {
+    agent::PictureOptions options;
+    options.allComponents = true;
+    const base::Result<agent::StatusReport> report = agent::ParseStatusJson(json);
+    return report ? agent::JoinLines(agent::MakePicture(*report, {}, options)) : json;
+}
+
+/// Every other command is a request of the console's socket.
+int Ask(const CommandLine& line) {
+    const base::Result<agent::Answer> answer = agent::AskAgent(line.appDir, line.name, line.command);
+    if (!answer) return Unreachable(answer.GetError());
+    const bool words = answer->ok && line.command == "status" && !line.json;
+    fputs((words ? InWords(answer->body) : answer->body).c_str(), answer->ok ? stdout : stderr);
+    return answer->ok ? kOk : kRefused;
+}
+
+int Run(const CommandLine& line) {
+    if (line.command == "doctor") {
+        std::string text;
+        const bool healthy = agent::Diagnose(line.appDir, text);
+        fputs(text.c_str(), stdout);
+        return healthy ? kOk : kRefused;
+    }
+    if (line.appDir.empty()) {
+        fprintf(stderr, "tervanectl: which agent? name its directory with --app-dir or ZEL_APP_DIR\n");
+        return kUsage;
+    }
+    if (line.command == "events") {
+        fputs(agent::ShowEvents(line.appDir, line.name, line.last).c_str(), stdout);
+        return kOk;
+    }
+    return line.command == "top" ? Watch(line) : Ask(line);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{"Console of the host agent"};
-    std::string appDir;
-    std::string name = zel::kMainProcessName;
-    bool json = false;
-    if (const char* fromEnvironment = getenv("ZEL_APP_DIR")) appDir = fromEnvironment;
-    app.add_option("--app-dir", appDir, "application directory of the agent (default: ZEL_APP_DIR)");
-    app.add_option("--name", name, "process to ask")->capture_default_str();
-    app.set_version_flag("--version", std::string(ZEL_VERSION));
-    app.require_subcommand(1);
-    CLI::App* status = app.add_subcommand("status", "use against limits, mode and its reason, components, delivery");
-    status->add_flag("--json", json, "as JSON");
-    agent::TopOptions watched;
-    CLI::App* top = app.add_subcommand("top", "the same once a second, as a live page on a terminal");
-    top->add_option("--for", watched.forSeconds, "end after this many seconds");
-    top->add_flag("--summary", watched.summary, "at the end, what came of it");
-    CLI::App* doctor =
-        app.add_subcommand("doctor", "what this host allows, what is in force, and what to do about the rest");
-    unsigned int last = 20;
-    CLI::App* events =
-        app.add_subcommand("events", "the last delivered events, and the stored findings about the host");
-    events->add_option("--last", last, "how many")->capture_default_str()->check(CLI::Range(1, 1000));
-    app.add_subcommand("metrics", "the process's metrics in Prometheus text form");
-    app.add_subcommand("threads", "per-thread CPU report with the busiest thread's kernel stack");
-    app.add_subcommand("statistics", "the registered statistics, collected now");
-    app.add_subcommand("reload", "read the online configuration again now");
-    app.add_subcommand("stop", "stop the agent process");
+    CommandLine line;
+    Declare(app, line);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& done) {
@@ -57,39 +109,6 @@ int main(int argc, char** argv) {
         app.exit(error);
         return kUsage;
     }
-    if (doctor->parsed()) {
-        std::string text;
-        bool healthy = agent::Diagnose(appDir, text);
-        fputs(text.c_str(), stdout);
-        return healthy ? kOk : kRefused;
-    }
-    if (appDir.empty()) {
-        fprintf(stderr, "tervanectl: which agent? name its directory with --app-dir or ZEL_APP_DIR\n");
-        return kUsage;
-    }
-    if (events->parsed()) {
-        fputs(agent::ShowEvents(appDir, name, last).c_str(), stdout);
-        return kOk;
-    }
-    if (top->parsed()) {
-        watched.appDir = appDir;
-        watched.process = name;
-        const base::Status shown = agent::RunTop(watched);
-        return shown ? kOk : Unreachable(shown.GetError());
-    }
-    std::string request = app.get_subcommands().front()->get_name();
-    const base::Result<agent::Answer> asked = agent::AskAgent(appDir, name, request);
-    if (!asked) {
-        return Unreachable(asked.GetError());
-    }
-    const bool ok = asked->ok;
-    std::string body = asked->body;
-    if (ok && status->parsed() && !json) {
-        agent::PictureOptions picture;
-        picture.allComponents = true;
-        const base::Result<agent::StatusReport> report = agent::ParseStatusJson(body);
-        if (report) body = agent::JoinLines(agent::MakePicture(*report, {}, picture));
-    }
-    fputs(body.c_str(), ok ? stdout : stderr);
-    return ok ? kOk : kRefused;
+    line.command = app.get_subcommands().front()->get_name();
+    return Run(line);
 }
