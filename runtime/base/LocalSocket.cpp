@@ -14,6 +14,8 @@
 #include <cstring>
 #include <utility>
 
+#include "base/ProcFiles.h"
+
 namespace base {
 namespace {
 
@@ -61,8 +63,7 @@ Result<LocalPlace> FindPlace(const std::string& path, DirectoryOwner owner) {
     }
     place.name = path.substr(slash + 1);
     const bool fits = path.size() < sizeof place.address.sun_path;
-    const std::string reached =
-        fits ? path : "/proc/self/fd/" + std::to_string(place.directory.Get()) + "/" + place.name;
+    const std::string reached = fits ? path : OwnDescriptor(place.directory.Get()).c_str() + ("/" + place.name);
     if (reached.size() >= sizeof place.address.sun_path) {
         return MakeError(ErrorKind::kTooLarge, "use the socket", path, "its file name is too long for a socket");
     }
