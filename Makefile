@@ -8,7 +8,7 @@ JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 FOR ?=
 ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel FuzzKernelLists FuzzResourceFile \
-  FuzzWatermark FuzzVmstat FuzzGroupSpecs FuzzMountInfo FuzzComponentFile FuzzOnlineConfig
+  FuzzWatermark FuzzVmstat FuzzGroupSpecs FuzzMountInfo FuzzProcFiles FuzzComponentFile FuzzOnlineConfig
 TSAN_QUICK = UnitCore UnitLimits RuntimeUtilTests RuntimeIpcTests
 
 .PHONY: all run test sanitize sanitize-module bench fuzz install clean deps deps-build
