@@ -139,6 +139,12 @@ void AddStatisticsMetrics(const StatisticsSnapshot& s, std::vector<Metric>& metr
     }
 }
 
+void AddGroupMetrics(const zel::CgroupStatus& groups, std::vector<Metric>& metrics) {
+    Adder add(metrics);
+    AddCpuGroup(groups.cpu, add);
+    AddMemoryGroup(groups.mem, add);
+}
+
 void AddProcessMetrics(std::vector<Metric>& metrics) {
     Adder add(metrics);
     const base::Result<uint64_t> threads = base::ReadOwnStatusNumber("Threads");
@@ -147,8 +153,7 @@ void AddProcessMetrics(std::vector<Metric>& metrics) {
                 CHttpService::Instance().GetFailCount());
     zel::CgroupStatus groups;
     if (!zel::ReadCgroupStatus(groups)) return;
-    AddCpuGroup(groups.cpu, add);
-    AddMemoryGroup(groups.mem, add);
+    AddGroupMetrics(groups, metrics);
 }
 
 }  // namespace zelhost
