@@ -21,32 +21,39 @@ using cgroup::Version;
 
 constexpr int kMaxDepth = 128;
 
-// Fills what both controllers have in common. Returns: the process's own group, or nothing and the reason is filled.
-bool OpenOwn(Controller controller, int pid, const LayoutTexts& texts, CgroupControllerStatus& out, GroupDir& own,
-             std::string& groupPath, Hierarchy& hierarchy) {
-    hierarchy = cgroup::FindHierarchy(controller, texts);
-    out.version = static_cast<int>(hierarchy.version);
-    out.hierarchyPath = hierarchy.mountPoint;
-    if (hierarchy.version == Version::kNone) {
-        out.reason = hierarchy.reason;
+/// The process's own group of one controller.
+struct OwnGroup {
+    Hierarchy hierarchy;
+    std::string path;  ///< from the hierarchy's root
+    GroupDir dir;
+};
+
+// Fills what both controllers have in common. Returns: false when there is no group to look at; then the reason says
+// why.
+bool OpenOwn(Controller controller, int pid, const LayoutTexts& texts, CgroupControllerStatus& out, OwnGroup& own) {
+    own.hierarchy = cgroup::FindHierarchy(controller, texts);
+    out.version = static_cast<int>(own.hierarchy.version);
+    out.hierarchyPath = own.hierarchy.mountPoint;
+    if (own.hierarchy.version == Version::kNone) {
+        out.reason = own.hierarchy.reason;
         out.advice = "limits of this controller cannot work on this host until that is changed";
         return false;
     }
-    Result<std::string> path = cgroup::ReadGroupOf(pid, hierarchy);
+    Result<std::string> path = cgroup::ReadGroupOf(pid, own.hierarchy);
     if (!path) {
         out.reason = path.GetError().Text();
         out.advice = "the process may have ended";
         return false;
     }
-    groupPath = *path;
-    out.groupPath = hierarchy.DirectoryOf(groupPath);
-    Result<GroupDir> group = cgroup::OpenGroup(hierarchy, groupPath);
+    own.path = *path;
+    out.groupPath = own.hierarchy.DirectoryOf(own.path);
+    Result<GroupDir> group = cgroup::OpenGroup(own.hierarchy, own.path);
     if (!group) {
         out.reason = group.GetError().Text();
         out.advice = "run the agent in the host's cgroup namespace, or mount the whole hierarchy";
         return false;
     }
-    own = std::move(*group);
+    own.dir = std::move(*group);
     return true;
 }
 
@@ -86,13 +93,11 @@ void Explain(const Hierarchy& hierarchy, const std::string& groupPath, CgroupCon
 }
 
 void ReadCpu(int pid, const LayoutTexts& texts, CgroupCpuStatus& out) {
-    GroupDir own;
-    std::string path;
-    Hierarchy hierarchy;
-    if (!OpenOwn(Controller::kCpu, pid, texts, out, own, path, hierarchy)) return;
+    OwnGroup own;
+    if (!OpenOwn(Controller::kCpu, pid, texts, out, own)) return;
     cgroup::CpuCounters counters;
-    if (Result<cgroup::CpuCounters> read = cgroup::ReadCpuCounters(own)) counters = *read;
-    WalkUp(hierarchy, path, [&](const GroupDir& group) {
+    if (Result<cgroup::CpuCounters> read = cgroup::ReadCpuCounters(own.dir)) counters = *read;
+    WalkUp(own.hierarchy, own.path, [&](const GroupDir& group) {
         Result<cgroup::CpuQuota> quota = cgroup::ReadCpuQuota(group);
         if (!quota || quota->Unlimited()) return;
         // Tighter: less quota per period; products, so that periods of different length compare exactly.
@@ -110,18 +115,16 @@ void ReadCpu(int pid, const LayoutTexts& texts, CgroupCpuStatus& out) {
     out.throttledPeriods = counters.throttledPeriods;
     out.throttledUs = counters.throttledUs;
     out.usageUs = counters.usageUs;
-    Explain(hierarchy, path, out);
+    Explain(own.hierarchy, own.path, out);
 }
 
 void ReadMem(int pid, const LayoutTexts& texts, CgroupMemStatus& out) {
-    GroupDir own;
-    std::string path;
-    Hierarchy hierarchy;
-    if (!OpenOwn(Controller::kMemory, pid, texts, out, own, path, hierarchy)) return;
+    OwnGroup own;
+    if (!OpenOwn(Controller::kMemory, pid, texts, out, own)) return;
     cgroup::MemCounters counters;
-    if (Result<cgroup::MemCounters> read = cgroup::ReadMemCounters(own)) counters = *read;
+    if (Result<cgroup::MemCounters> read = cgroup::ReadMemCounters(own.dir)) counters = *read;
     out.oomKills = counters.oomKills;
-    WalkUp(hierarchy, path, [&](const GroupDir& group) {
+    WalkUp(own.hierarchy, own.path, [&](const GroupDir& group) {
         Result<cgroup::MemLimit> limit = cgroup::ReadMemLimit(group);
         if (!limit || limit->hardBytes < 0 || (out.limited && limit->hardBytes >= out.limitBytes)) return;
         out.limited = true;
@@ -132,7 +135,7 @@ void ReadMem(int pid, const LayoutTexts& texts, CgroupMemStatus& out) {
     });
     out.usageBytes = counters.usageBytes;
     out.limitHits = counters.limitHits;
-    Explain(hierarchy, path, out);
+    Explain(own.hierarchy, own.path, out);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include "CgroupFiles.h"
 #include "ControlText.h"
 #include "base/Fd.h"
+#include "base/FileIo.h"
 #include "base/ProcFiles.h"
 
 namespace zel {
@@ -25,22 +26,14 @@ constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
 constexpr size_t kMaxChildren = 65536;
 constexpr useconds_t kEndingProcessPauseUs = 20000;
 
-int OpenAt(int dir, const char* name, int flags) {
-    int fd;
-    do {
-        fd = openat(dir, name, flags);
-    } while (fd < 0 && errno == EINTR);
-    return fd;
+base::Fd OpenAt(int dir, const char* name, int flags) {
+    return base::Fd(base::RetryOnSignal([&] { return openat(dir, name, flags); }));
 }
 
 // A plain directory where a hierarchy should be mounted would take every write as an ordinary file and limit nothing.
 Status CheckFileSystem(int fd, const std::string& path, Version version) {
     struct statfs info = {};
-    int rc;
-    do {
-        rc = fstatfs(fd, &info);
-    } while (rc != 0 && errno == EINTR);
-    if (rc != 0) return ErrnoError(errno, "statfs", path);
+    if (base::RetryOnSignal([&] { return fstatfs(fd, &info); }) != 0) return ErrnoError(errno, "statfs", path);
     const auto magic = static_cast<unsigned long>(info.f_type) & 0xffffffffUL;
     const unsigned long wanted = version == Version::kV2 ? kCgroupV2Magic : kCgroupV1Magic;
     if (magic == wanted) return {};
@@ -89,21 +82,6 @@ bool IsSafeComponent(std::string_view name) {
            name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
 }
 
-Result<std::string> ReadAll(int fd, const std::string& path, size_t limit) {
-    std::string out;
-    char buffer[4096];
-    for (;;) {
-        const ssize_t got = read(fd, buffer, sizeof buffer);
-        if (got < 0) {
-            if (errno == EINTR) continue;
-            return ErrnoError(errno, "read", path);
-        }
-        if (got == 0) return out;
-        if (out.size() + static_cast<size_t>(got) > limit) return MakeError(ErrorKind::kTooLarge, "read", path);
-        out.append(buffer, static_cast<size_t>(got));
-    }
-}
-
 // A process that is ending, or that nobody has waited for yet, is still in /proc but in no group's list.
 bool HasEnded(int pid) {
     const Result<base::ProcStat> stat = base::ReadProcessStat(pid);
@@ -112,23 +90,6 @@ bool HasEnded(int pid) {
 }
 
 }  // namespace
-
-GroupDir::~GroupDir() {
-    if (m_fd >= 0) close(m_fd);
-}
-
-GroupDir::GroupDir(GroupDir&& other) noexcept
-    : m_fd(std::exchange(other.m_fd, -1)), m_path(std::move(other.m_path)), m_version(other.m_version) {}
-
-GroupDir& GroupDir::operator=(GroupDir&& other) noexcept {
-    if (this != &other) {
-        if (m_fd >= 0) close(m_fd);
-        m_fd = std::exchange(other.m_fd, -1);
-        m_path = std::move(other.m_path);
-        m_version = other.m_version;
-    }
-    return *this;
-}
 
 std::string GroupDir::FilePath(std::string_view file) const {
     std::string path = m_path;
@@ -139,27 +100,27 @@ std::string GroupDir::FilePath(std::string_view file) const {
 
 Result<GroupDir> GroupDir::Open(const std::string& path, Version version) {
     if (version == Version::kNone) return MakeError(ErrorKind::kRefused, "open", path, "no hierarchy was chosen");
-    base::Fd fd(OpenAt(AT_FDCWD, path.c_str(), kDirFlags));
-    if (fd.Get() < 0) return ErrnoError(errno, "open", path);
+    base::Fd fd = OpenAt(AT_FDCWD, path.c_str(), kDirFlags);
+    if (!fd) return ErrnoError(errno, "open", path);
     Status checked = CheckFileSystem(fd.Get(), path, version);
     if (!checked) return checked.GetError();
-    return GroupDir(fd.Release(), path, version);
+    return GroupDir(std::move(fd), path, version);
 }
 
 Result<GroupDir> GroupDir::OpenChild(const std::string& name) const {
     const std::string path = FilePath(name);
     if (!IsSafeComponent(name)) return MakeError(ErrorKind::kRefused, "open", path, "not a name of one group");
-    base::Fd fd(OpenAt(m_fd, name.c_str(), kDirFlags));
-    if (fd.Get() < 0) return ErrnoError(errno, "open", path);
+    base::Fd fd = OpenAt(m_fd.Get(), name.c_str(), kDirFlags);
+    if (!fd) return ErrnoError(errno, "open", path);
     Status checked = CheckFileSystem(fd.Get(), path, m_version);
     if (!checked) return checked.GetError();
-    return GroupDir(fd.Release(), path, m_version);
+    return GroupDir(std::move(fd), path, m_version);
 }
 
 Result<GroupDir> GroupDir::OpenBelow(std::string_view relative) const {
-    base::Fd own(fcntl(m_fd, F_DUPFD_CLOEXEC, 0));
-    if (own.Get() < 0) return ErrnoError(errno, "open", m_path);
-    GroupDir current(own.Release(), m_path, m_version);
+    base::Fd own(fcntl(m_fd.Get(), F_DUPFD_CLOEXEC, 0));
+    if (!own) return ErrnoError(errno, "open", m_path);
+    GroupDir current(std::move(own), m_path, m_version);
     while (!relative.empty()) {
         const size_t end = relative.find('/');
         const std::string name(relative.substr(0, end));
@@ -179,7 +140,7 @@ Result<GroupDir> GroupDir::MakeChild(const std::string& name, bool* created) con
         return MakeError(ErrorKind::kRefused, "mkdir", path,
                          "only ASCII letters, digits, '.', '_' and '-' are allowed");
     }
-    const bool made = mkdirat(m_fd, name.c_str(), 0755) == 0;
+    const bool made = mkdirat(m_fd.Get(), name.c_str(), 0755) == 0;
     if (!made && errno != EEXIST) {
         const int error = errno;
         return ErrnoError(error, "mkdir", path, WriteHint(error, "", m_version));
@@ -192,7 +153,7 @@ Result<GroupDir> GroupDir::MakeChild(const std::string& name, bool* created) con
 Status GroupDir::RemoveChild(const std::string& name) const {
     const std::string path = FilePath(name);
     if (!IsSafeComponent(name)) return MakeError(ErrorKind::kRefused, "rmdir", path, "not a name of one group");
-    if (unlinkat(m_fd, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT || errno == ENODEV) return {};
+    if (unlinkat(m_fd.Get(), name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT || errno == ENODEV) return {};
     const int error = errno;
     return ErrnoError(error, "rmdir", path,
                       error == EBUSY ? "processes or groups are still in it" : WriteHint(error, "", m_version));
@@ -200,8 +161,8 @@ Status GroupDir::RemoveChild(const std::string& name) const {
 
 Result<std::vector<std::string>> GroupDir::Children() const {
     // A descriptor of its own: a directory stream moves the offset that all holders of a descriptor share.
-    base::Fd fd(OpenAt(m_fd, ".", kDirFlags));
-    if (fd.Get() < 0) return ErrnoError(errno, "list", m_path);
+    base::Fd fd = OpenAt(m_fd.Get(), ".", kDirFlags);
+    if (!fd) return ErrnoError(errno, "list", m_path);
     std::unique_ptr<DIR, int (*)(DIR*)> dir(fdopendir(fd.Get()), closedir);
     if (!dir) return ErrnoError(errno, "list", m_path);
     fd.Release();
@@ -218,30 +179,30 @@ Result<std::vector<std::string>> GroupDir::Children() const {
 }
 
 bool GroupDir::IsAlive() const {
-    if (m_fd < 0) return false;
+    if (!m_fd) return false;
     // The descriptor of a removed group stays open, but nothing can be looked up in it any more.
-    return faccessat(m_fd, kProcsFile, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+    return faccessat(m_fd.Get(), kProcsFile, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 Result<GroupIdentity> GroupDir::Identity() const {
     struct stat info = {};
-    if (fstat(m_fd, &info) != 0) return ErrnoError(errno, "stat", m_path);
+    if (fstat(m_fd.Get(), &info) != 0) return ErrnoError(errno, "stat", m_path);
     return GroupIdentity{static_cast<uint64_t>(info.st_dev), static_cast<uint64_t>(info.st_ino)};
 }
 
 bool GroupDir::HasFile(const char* file) const {
-    return faccessat(m_fd, file, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+    return faccessat(m_fd.Get(), file, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 Result<std::string> GroupDir::Read(const char* file) const {
     const std::string path = FilePath(file);
     if (!IsSafeComponent(file)) return MakeError(ErrorKind::kRefused, "read", path, "not a name of one file");
-    base::Fd fd(OpenAt(m_fd, file, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (fd.Get() < 0) {
+    base::Fd fd = OpenAt(m_fd.Get(), file, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (!fd) {
         const int error = errno;
         return ErrnoError(error, "open", path, WriteHint(error, file, m_version));
     }
-    return ReadAll(fd.Get(), path, kMaxControlFileBytes);
+    return base::ReadAll(fd, kMaxControlFileBytes, path);
 }
 
 Result<int64_t> GroupDir::ReadNumber(const char* file) const {
@@ -258,15 +219,12 @@ Status GroupDir::Write(const char* file, std::string_view value) const {
     if (!IsSafeComponent(file)) return MakeError(ErrorKind::kRefused, operation, path, "not a name of one file");
     if (value.size() > kMaxControlValueBytes) return MakeError(ErrorKind::kTooLarge, operation, path);
     // No O_CREAT and no O_TRUNC: a control file exists or the limit does not.
-    base::Fd fd(OpenAt(m_fd, file, O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (fd.Get() < 0) {
+    base::Fd fd = OpenAt(m_fd.Get(), file, O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (!fd) {
         const int error = errno;
         return ErrnoError(error, operation, path, WriteHint(error, file, m_version));
     }
-    ssize_t put;
-    do {
-        put = write(fd.Get(), value.data(), value.size());
-    } while (put < 0 && errno == EINTR);
+    const ssize_t put = base::RetryOnSignal([&] { return write(fd.Get(), value.data(), value.size()); });
     if (put < 0) {
         const int error = errno;
         return ErrnoError(error, operation, path, WriteHint(error, file, m_version));
@@ -335,20 +293,20 @@ bool GroupDir::IsHierarchyRoot() const {
     return m_version != Version::kV2 || !HasFile(v2::kType);
 }
 
-Result<bool> GroupDir::HasController(const char* controller) const {
+Result<bool> GroupDir::HasWord(const char* file, const char* word) const {
     if (m_version != Version::kV2) return true;
-    Result<std::string> text = Read(v2::kControllers);
+    Result<std::string> text = Read(file);
     if (!text) return text.GetError();
     const std::vector<std::string> words = ParseWords(*text);
-    return std::find(words.begin(), words.end(), controller) != words.end();
+    return std::find(words.begin(), words.end(), word) != words.end();
+}
+
+Result<bool> GroupDir::HasController(const char* controller) const {
+    return HasWord(v2::kControllers, controller);
 }
 
 Result<bool> GroupDir::IsEnabledForChildren(const char* controller) const {
-    if (m_version != Version::kV2) return true;
-    Result<std::string> text = Read(v2::kSubtreeControl);
-    if (!text) return text.GetError();
-    const std::vector<std::string> words = ParseWords(*text);
-    return std::find(words.begin(), words.end(), controller) != words.end();
+    return HasWord(v2::kSubtreeControl, controller);
 }
 
 Status GroupDir::EnableForChildren(const char* controller) const {

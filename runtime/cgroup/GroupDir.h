@@ -8,10 +8,12 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Errors.h"
 #include "GroupTypes.h"
+#include "base/Fd.h"
 
 namespace zel {
 namespace cgroup {
@@ -27,11 +29,6 @@ constexpr size_t kMaxControlValueBytes = 4096;
 class GroupDir {
 public:
     GroupDir() = default;
-    ~GroupDir();
-    GroupDir(GroupDir&& other) noexcept;
-    GroupDir& operator=(GroupDir&& other) noexcept;
-    GroupDir(const GroupDir&) = delete;
-    GroupDir& operator=(const GroupDir&) = delete;
 
     /// Opens an existing directory after checking that it is on a cgroup file system of that version.
     static Result<GroupDir> Open(const std::string& path, Version version);
@@ -47,8 +44,8 @@ public:
     /// Returns: names of the child groups.
     Result<std::vector<std::string>> Children() const;
 
-    bool IsOpen() const { return m_fd >= 0; }
-    int Descriptor() const { return m_fd; }
+    bool IsOpen() const { return m_fd.IsOpen(); }
+    int Descriptor() const { return m_fd.Get(); }
     const std::string& Path() const { return m_path; }  ///< for messages and for humans; never used for access
     Version GetVersion() const { return m_version; }
     /// Returns: whether the group still exists under its descriptor.
@@ -82,12 +79,15 @@ public:
     Status DisableForChildren(const char* controller) const;
 
 private:
-    GroupDir(int fd, std::string path, Version version) : m_fd(fd), m_path(std::move(path)), m_version(version) {}
+    GroupDir(base::Fd fd, std::string path, Version version)
+        : m_fd(std::move(fd)), m_path(std::move(path)), m_version(version) {}
     std::string FilePath(std::string_view file) const;
+    /// Version 2: whether the file lists the word. Version 1: everything is enabled.
+    Result<bool> HasWord(const char* file, const char* word) const;
     Status CheckMayHoldProcesses() const;
     Status CheckHoldsNoProcess(const std::string& operation) const;
 
-    int m_fd = -1;
+    base::Fd m_fd;
     std::string m_path;
     Version m_version = Version::kNone;
 };

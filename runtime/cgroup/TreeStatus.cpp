@@ -40,14 +40,21 @@ void SumProcessTimes(const GroupDir& dir, int depth, int64_t& ticks) {
     }
 }
 
-CgroupUse ReadCpuUse(const GroupDir& dir, int depthBelow) {
+/// Returns: where the controller is and what it limits to; not present when it has no file there.
+CgroupUse ReadUse(Controller controller, const GroupDir& dir) {
     CgroupUse out;
-    Result<CpuQuota> quota = ReadCpuQuota(dir);
-    if (!quota) return out;
+    Result<Limit> limit = ReadLimit(controller, dir);
+    if (!limit) return out;
     out.present = true;
     out.v2 = dir.GetVersion() == Version::kV2;
     out.path = dir.Path();
-    out.limit = QuotaTo100Times(*quota);
+    out.limit = AmountOf(controller, *limit);
+    return out;
+}
+
+CgroupUse ReadCpuUse(const GroupDir& dir, int depthBelow) {
+    CgroupUse out = ReadUse(Controller::kCpu, dir);
+    if (!out.present) return out;
     Result<CpuCounters> counters = ReadCpuCounters(dir);
     if (counters) {
         out.used = counters->usageUs;
@@ -64,13 +71,8 @@ CgroupUse ReadCpuUse(const GroupDir& dir, int depthBelow) {
 }
 
 CgroupUse ReadMemoryUse(const GroupDir& dir) {
-    CgroupUse out;
-    Result<MemLimit> limit = ReadMemLimit(dir);
-    if (!limit) return out;
-    out.present = true;
-    out.v2 = dir.GetVersion() == Version::kV2;
-    out.path = dir.Path();
-    out.limit = KbFromBytes(limit->hardBytes);
+    CgroupUse out = ReadUse(Controller::kMemory, dir);
+    if (!out.present) return out;
     Result<MemCounters> counters = ReadMemCounters(dir);
     if (counters) {
         out.used = counters->usageBytes < 0 ? -1 : counters->usageBytes / 1024;
