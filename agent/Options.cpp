@@ -26,7 +26,7 @@ void Declare(CLI::App& app, Options& options, std::string& load) {
     app.add_option("--app-dir", options.appDir, "application directory (default: the executable's, or ZEL_APP_DIR)");
     app.add_option("--name", options.name, "process name; \"tervane\" is the main process")->capture_default_str();
     app.add_option("--config", options.configPath, "resource configuration (default: <app dir>/conf/resource_config)");
-    app.add_flag("--foreground", options.foreground, "log to the console as well");
+    app.add_flag("--foreground", options.logToConsole, "log to the console as well");
     app.add_option("--for", options.forSeconds, "end by itself after this many seconds");
     app.add_option("--load", load, "synthetic load: " + std::string(kLoadProfileHelp));
     app.add_option(

@@ -13,7 +13,7 @@ struct Options {
     std::string appDir;  ///< absolute; empty: the executable's directory
     std::string name = zel::kMainProcessName;
     std::string configPath;       ///< resource configuration; empty: <app dir>/conf/resource_config
-    bool foreground = false;      ///< log to the console too
+    bool logToConsole = false;    ///< beside the log file
     unsigned int forSeconds = 0;  ///< end by itself after this time; 0: run until a signal
     LoadProfile load;             ///< synthetic load of this process
     int parentPid = 0;            ///< of a component: the main process, whose end ends it

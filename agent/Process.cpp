@@ -119,7 +119,7 @@ int Process::OpenDirectory() {
     if (code != kExitClean) return Refuse(code, problem);
     zel::LogOptions log;
     log.processName = m_options.name;
-    log.console = m_options.foreground;
+    log.console = m_options.logToConsole;
     log.journald = true;
     zel::ConfigureLog(log);
     m_log = std::make_unique<LogTail>();
