@@ -99,7 +99,11 @@ protected:
         m_child = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-    void Press(const char* key) { ASSERT_EQ(1, write(m_output.Get(), key, 1)); }
+    /// What is awaited afterwards is what the key brought.
+    void Press(const char* key) {
+        m_text.clear();
+        ASSERT_EQ(1, write(m_output.Get(), key, 1));
+    }
 
     std::string m_path;
     std::unique_ptr<ControlServer> m_console;
