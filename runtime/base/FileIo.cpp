@@ -23,7 +23,8 @@ Result<Fd> Open(int directory, const std::string& path, int flags, mode_t mode) 
     Fd fd(RetryOnSignal([&] { return ::openat(directory, path.c_str(), flags, mode); }));
     if (fd) return fd;
     const int error = errno;
-    return ErrnoError(error, "open", path, error == ELOOP ? kLinkHint : "");
+    const char* const operation = (flags & O_DIRECTORY) != 0 ? "open directory" : "open";
+    return ErrnoError(error, operation, path, error == ELOOP ? kLinkHint : "");
 }
 
 Result<Fd> OpenRegular(int directory, const std::string& path, int flags, mode_t mode) {
@@ -32,6 +33,9 @@ Result<Fd> OpenRegular(int directory, const std::string& path, int flags, mode_t
     struct stat info {};
     if (::fstat(fd->Get(), &info) != 0) return ErrnoError(errno, "stat", path);
     if (!S_ISREG(info.st_mode)) return MakeError(ErrorKind::kRefused, "open", path, "not a regular file");
+    if ((flags & O_CREAT) != 0 && info.st_nlink > 1) {
+        return MakeError(ErrorKind::kRefused, "open", path, "it has a second name");
+    }
     return fd;
 }
 
@@ -78,18 +82,25 @@ Result<Fd> OpenOwnDirectory(const std::string& path) {
     return Open(AT_FDCWD, path, O_RDONLY | O_DIRECTORY | kNeverFollowed, 0);
 }
 
+Result<size_t> ReadMore(const Fd& fd, std::string& text, const std::string& path) {
+    const size_t before = text.size();
+    text.resize(before + kReadChunkBytes);
+    const ssize_t got = RetryOnSignal([&] { return ::read(fd.Get(), &text[before], kReadChunkBytes); });
+    const int error = errno;
+    text.resize(before + (got > 0 ? static_cast<size_t>(got) : 0));
+    if (got < 0) return ErrnoError(error, "read", path);
+    return static_cast<size_t>(got);
+}
+
 Result<std::string> ReadAll(const Fd& fd, size_t limit, const std::string& path) {
     std::string text;
     for (;;) {
-        const size_t before = text.size();
-        text.resize(before + kReadChunkBytes);
-        const ssize_t got = RetryOnSignal([&] { return ::read(fd.Get(), &text[before], kReadChunkBytes); });
-        if (got < 0) return ErrnoError(errno, "read", path);
-        text.resize(before + static_cast<size_t>(got));
+        const Result<size_t> got = ReadMore(fd, text, path);
+        if (!got) return got.GetError();
         if (text.size() > limit) {
             return MakeError(ErrorKind::kTooLarge, "read", path, "longer than " + std::to_string(limit) + " bytes");
         }
-        if (got == 0) return text;
+        if (*got == 0) return text;
     }
 }
 

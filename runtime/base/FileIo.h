@@ -1,6 +1,6 @@
 // Files opened, read, written and moved by a process that runs as root: nothing is opened through a link as the last
 // element of its path, nothing but a regular file is taken for one (a pipe or a device that was planted there neither
-// blocks nor answers), every descriptor is close-on-exec, and no mode depends on the process's umask unsaid.
+// blocks nor answers), what is written to has no second name elsewhere, and every descriptor is close-on-exec.
 #pragma once
 
 #include <sys/stat.h>
@@ -38,6 +38,9 @@ void SetFileMask(mode_t mask);
 Result<Fd> OpenDirectory(const std::string& path);
 /// The same for a directory whose name must not be a link.
 Result<Fd> OpenOwnDirectory(const std::string& path);
+
+/// Appends the next piece of a file to `text`. `path` is for the error. Returns: how many bytes it was, 0 at the end.
+Result<size_t> ReadMore(const Fd& fd, std::string& text, const std::string& path);
 
 /// Reads from where the descriptor stands to the end. `path` is for the error.
 /// On failure: kTooLarge when there is more than `limit` bytes; a part of a record is worse than none.

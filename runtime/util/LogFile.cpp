@@ -2,11 +2,13 @@
 // a parent directory can turn the log of a root process against another file.
 #include "LogFile.h"
 
-#include <cstdio>
-#include <cstring>
+#include <cerrno>
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include "base/FileIo.h"
 
 namespace zel {
 namespace {
@@ -49,27 +51,21 @@ bool LogFile::EnsureOpen() {
 bool LogFile::OpenDirectory() {
     // Opened anew each time: the directory itself may have been removed or moved.
     if (::mkdir(m_directory.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
-        return Fail("make directory", m_directory, errno);
+        return Fail(base::ErrnoError(errno, "make directory", m_directory));
     }
-    m_directoryFd.Reset(base::RetryOnSignal(
-        [this] { return ::open(m_directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
-    return m_directoryFd.IsOpen() || Fail("open directory", m_directory, errno);
+    base::Result<base::Fd> directory = base::OpenOwnDirectory(m_directory);
+    if (!directory) return Fail(directory.GetError());
+    m_directoryFd = std::move(*directory);
+    return true;
 }
 
 bool LogFile::OpenFile() {
-    const std::string path = m_directory + "/" + m_fileName;
-    // O_NONBLOCK: a pipe planted under the name must not hold the writer up; it means nothing for a regular file.
-    base::Fd file(base::RetryOnSignal([this] {
-        return ::openat(m_directoryFd.Get(), m_fileName.c_str(),
-                        O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kFileMode);
-    }));
-    if (!file.IsOpen()) return Fail("open", path, errno);
+    base::Result<base::Fd> file = base::OpenForAppending(m_directoryFd.Get(), m_fileName, kFileMode);
+    if (!file) return FailOnFile(file.GetError());
     struct stat info {};
-    if (::fstat(file.Get(), &info) != 0) return Fail("stat", path, errno);
-    if (!S_ISREG(info.st_mode)) return Fail("open", path + " (not a regular file)", EINVAL);
-    if (info.st_nlink > 1) return Fail("open", path + " (has a second name)", EMLINK);
+    if (::fstat(file->Get(), &info) != 0) return FailOnFile(base::ErrnoError(errno, "stat", {}));
     m_size = static_cast<unsigned long>(info.st_size);
-    m_file = std::move(file);
+    m_file = std::move(*file);
     return true;
 }
 
@@ -85,22 +81,21 @@ bool LogFile::IsStillInPlace() {
 }
 
 void LogFile::Rotate() {
-    const int directory = m_directoryFd.Get();
     bool moved = m_maxFiles > 1;
     for (unsigned int generation = m_maxFiles - 1; generation >= 1 && moved; --generation) {
-        const std::string from = NameOf(generation - 1);
-        const int result = ::renameat(directory, from.c_str(), directory, NameOf(generation).c_str());
+        const base::Status renamed = base::RenameIn(m_directoryFd, NameOf(generation - 1), NameOf(generation));
         // Gaps in the sequence are no failure, except for the current file itself.
-        if (result != 0 && (errno != ENOENT || generation == 1)) moved = false;
+        const bool gap = !renamed && renamed.GetError().kind == base::ErrorKind::kNotFound && generation != 1;
+        moved = renamed || gap;
     }
     // What cannot be moved aside is emptied: the bound of the disk use comes before old lines.
-    if (!moved && ::ftruncate(m_file.Get(), 0) != 0) Fail("truncate", m_directory + "/" + m_fileName, errno);
+    if (!moved && ::ftruncate(m_file.Get(), 0) != 0) FailOnFile(base::ErrnoError(errno, "truncate", {}));
 }
 
 bool LogFile::Append(std::string_view lines) {
     if (m_midLine) {
         if (base::RetryOnSignal([this] { return ::write(m_file.Get(), "\n", 1); }) != 1) {
-            return Fail("write", m_directory + "/" + m_fileName, errno);
+            return FailOnFile(base::ErrnoError(errno, "write", {}));
         }
         ++m_size;
         m_midLine = false;
@@ -108,7 +103,7 @@ bool LogFile::Append(std::string_view lines) {
     while (!lines.empty()) {
         const ssize_t put = base::RetryOnSignal([&] { return ::write(m_file.Get(), lines.data(), lines.size()); });
         if (put <= 0) {
-            Fail("write", m_directory + "/" + m_fileName, put == 0 ? ENOSPC : errno);
+            FailOnFile(base::ErrnoError(put == 0 ? ENOSPC : errno, "write", {}));
             m_file.Reset();
             return false;
         }
@@ -120,9 +115,14 @@ bool LogFile::Append(std::string_view lines) {
     return true;
 }
 
-bool LogFile::Fail(const char* operation, const std::string& path, int error) {
-    m_error = std::string("cannot ") + operation + " " + path + ": " + ::strerror(error);
+bool LogFile::Fail(const base::Error& error) {
+    m_error = error.Text();
     return false;
+}
+
+bool LogFile::FailOnFile(base::Error error) {
+    error.path = m_directory + "/" + m_fileName;
+    return Fail(error);
 }
 
 std::string LogFile::NameOf(unsigned int generation) const {

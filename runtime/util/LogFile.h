@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "base/Fd.h"
+#include "base/Result.h"
 
 namespace zel {
 
@@ -35,7 +36,9 @@ private:
     bool IsStillInPlace();
     void Rotate();
     bool Append(std::string_view lines);
-    bool Fail(const char* operation, const std::string& path, int error);
+    bool Fail(const base::Error& error);
+    /// The same for one about the file, whatever name it was opened under.
+    bool FailOnFile(base::Error error);
     std::string NameOf(unsigned int generation) const;
 
     const std::string m_directory;

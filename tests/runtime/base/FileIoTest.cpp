@@ -91,6 +91,17 @@ TEST_F(FileIoTest, WritersMakeAMissingFileWithTheirMode) {
     EXPECT_EQ(0600, ModeOf(m_dir / "lock"));
 }
 
+TEST_F(FileIoTest, AFileWithASecondNameIsReadAndNotWritten) {
+    ASSERT_EQ(0, ::link(m_file.c_str(), (m_dir / "second").c_str()));
+    EXPECT_TRUE(base::OpenForReading(m_file));
+    for (const Opener& opener : kOpeners) {
+        if (opener.open == base::OpenForReading) continue;
+        EXPECT_EQ("it has a second name", opener.open(m_file).GetError().Reason()) << opener.name;
+    }
+    ASSERT_EQ(0, ::unlink((m_dir / "second").c_str()));
+    for (const Opener& opener : kOpeners) EXPECT_TRUE(opener.open(m_file)) << opener.name;
+}
+
 TEST_F(FileIoTest, WhatMustBeThereIsNotMade) {
     EXPECT_TRUE(base::OpenExistingForWriting("/dev/null"));
     EXPECT_EQ(ErrorKind::kNotFound, base::OpenExistingForWriting(m_dir / "none").GetError().kind);

@@ -180,15 +180,6 @@ TEST_F(FileUtilTest, WriteNewFileRefusesWhatIsNoRegularFile) {
     EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("dangling", "link", "pipe", "target"));
 }
 
-TEST_F(FileUtilTest, ALinkPlantedAtTheIntermediateNameIsNotFollowed) {
-    WriteText(m_dir / "target", "untouched");
-    ASSERT_EQ(0, ::symlink("target", (m_dir / "file.new").c_str()));
-    EXPECT_TRUE(CFileUtil::WriteNewFile(m_dir / "file", "text", false));
-    EXPECT_EQ("untouched", ReadText(m_dir / "target"));
-    EXPECT_EQ("text", ReadText(m_dir / "file"));
-    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file", "target"));
-}
-
 TEST_F(FileUtilTest, ShortAndInterruptedWritesAreCarriedOn) {
     {
         const ShortWrites slow(3);
