@@ -1,27 +1,23 @@
 // Format, strict parsing and atomic replacement of the component file.
 #include "ComponentFile.h"
 
-#include <fcntl.h>
 #include <json/json.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <limits>
 #include <memory>
 #include <set>
 #include <utility>
 
 #include "GroupDir.h"
-#include "base/Fd.h"
+#include "base/FileReplace.h"
+#include "base/TrustedRead.h"
 
 namespace zel {
 namespace cgroup {
 namespace {
 
 constexpr mode_t kFileMode = 0640;
-constexpr mode_t kForbiddenModes = 0022;
 
 std::string Quoted(const std::string& text) {
     return Json::valueToQuotedString(text.c_str());
@@ -205,23 +201,6 @@ Result<ComponentFile> FromJson(const Json::Value& root) {
     return out;
 }
 
-std::string DirectoryOf(const std::string& path) {
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-}
-
-Status WriteAll(int fd, std::string_view text, const std::string& path) {
-    while (!text.empty()) {
-        const ssize_t put = write(fd, text.data(), text.size());
-        if (put < 0) {
-            if (errno == EINTR) continue;
-            return ErrnoError(errno, "write", path);
-        }
-        text.remove_prefix(static_cast<size_t>(put));
-    }
-    return {};
-}
-
 }  // namespace
 
 const ComponentEntry* ComponentFile::Find(std::string_view name) const {
@@ -275,67 +254,15 @@ Result<ComponentFile> ParseComponentFile(std::string_view text) {
 }
 
 Result<ComponentFile> ReadComponentFile(const std::string& path) {
-    // Non-blocking: a pipe put in the file's place must not hold the reader.
-    const base::Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    if (fd.Get() < 0) {
-        const int error = errno;
-        return ErrnoError(error, "open", path, error == ELOOP ? "it is a symbolic link" : "");
-    }
-    struct stat info = {};
-    if (fstat(fd.Get(), &info) != 0) return ErrnoError(errno, "stat", path);
-    if (!S_ISREG(info.st_mode)) return MakeError(ErrorKind::kRefused, "use", path, "it is not a regular file");
-    if (info.st_uid != 0 && info.st_uid != geteuid()) {
-        return MakeError(ErrorKind::kRefused, "use", path, "it belongs to user " + std::to_string(info.st_uid));
-    }
-    if ((info.st_mode & kForbiddenModes) != 0) {
-        return MakeError(ErrorKind::kRefused, "use", path, "others than its owner may write it");
-    }
-    std::string text;
-    char buffer[8192];
-    for (;;) {
-        const ssize_t got = read(fd.Get(), buffer, sizeof buffer);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return ErrnoError(errno, "read", path);
-        if (got == 0) break;
-        text.append(buffer, static_cast<size_t>(got));
-        if (text.size() > kMaxComponentFileBytes) {
-            return MakeError(ErrorKind::kTooLarge, "use", path, "it is longer than any that is written");
-        }
-    }
-    Result<ComponentFile> parsed = ParseComponentFile(text);
+    const Result<std::string> text = base::ReadTrusted(path, kMaxComponentFileBytes, base::TrustScope::kFile);
+    if (!text) return text.GetError();
+    Result<ComponentFile> parsed = ParseComponentFile(*text);
     if (!parsed) return MakeError(parsed.GetError().kind, "use", path, parsed.GetError().hint);
     return parsed;
 }
 
-Status WriteFileAtomically(const std::string& path, std::string_view text) {
-    const std::string folder = DirectoryOf(path);
-    const std::string name = path.substr(path.rfind('/') + 1);
-    const std::string temporary = name + ".tmp";
-    const base::Fd directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory.Get() < 0) return ErrnoError(errno, "open directory", folder);
-    // A leftover of a crash, or something that was put there: never written through, always made anew.
-    if (unlinkat(directory.Get(), temporary.c_str(), 0) != 0 && errno != ENOENT) {
-        return ErrnoError(errno, "remove", folder + "/" + temporary);
-    }
-    Status status;
-    {
-        const base::Fd fd(openat(directory.Get(), temporary.c_str(),
-                                 O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
-        if (fd.Get() < 0) return ErrnoError(errno, "create", folder + "/" + temporary);
-        if (fchmod(fd.Get(), kFileMode) != 0) status = ErrnoError(errno, "set the mode of", folder + "/" + temporary);
-        if (status) status = WriteAll(fd.Get(), text, folder + "/" + temporary);
-        if (status && fsync(fd.Get()) != 0) status = ErrnoError(errno, "sync", folder + "/" + temporary);
-    }
-    if (status && renameat(directory.Get(), temporary.c_str(), directory.Get(), name.c_str()) != 0) {
-        status = ErrnoError(errno, "rename to", path);
-    }
-    if (!status) {
-        unlinkat(directory.Get(), temporary.c_str(), 0);
-        return status;
-    }
-    // The new file is in place whatever this says; a directory that cannot be synced is no reason to distrust it.
-    fsync(directory.Get());
-    return {};
+Status WriteComponentFile(const std::string& path, const ComponentFile& file) {
+    return base::ReplaceFile(path, FormatComponentFile(file), kFileMode, base::Durability::kSynced);
 }
 
 }  // namespace cgroup

@@ -73,9 +73,8 @@ Result<ComponentFile> ParseComponentFile(std::string_view text);
 /// refused. kNotFound: there is no file.
 Result<ComponentFile> ReadComponentFile(const std::string& path);
 
-/// Replaces the file: new file of mode 0640 beside it, fsync, rename, fsync of the directory.
-/// On failure: the old file stays and nothing else is left behind.
-Status WriteFileAtomically(const std::string& path, std::string_view text);
+/// Replaces the file, mode 0640; what a crash leaves is the old file or the new one.
+Status WriteComponentFile(const std::string& path, const ComponentFile& file);
 
 }  // namespace cgroup
 }  // namespace zel

@@ -116,7 +116,7 @@ Result<std::map<LeafKey, int>> ComponentPublisher::Publish(const std::string& pa
         if (!status) return status.GetError();
     }
     status = FollowOwnLeaf(file);
-    if (status) status = WriteFileAtomically(path, FormatComponentFile(file));
+    if (status) status = WriteComponentFile(path, file);
     if (!status) return status.GetError();
     return leaves;
 }
@@ -124,7 +124,7 @@ Result<std::map<LeafKey, int>> ComponentPublisher::Publish(const std::string& pa
 Status PublishDisabled(const std::string& path) {
     ComponentFile file;
     file.bootId = base::ReadBootId();
-    return WriteFileAtomically(path, FormatComponentFile(file));
+    return WriteComponentFile(path, file);
 }
 
 }  // namespace cgroup

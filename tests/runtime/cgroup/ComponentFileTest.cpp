@@ -1,7 +1,6 @@
-// The component file without a kernel: format and parser agree, and a replacement is whole or none.
+// The component file without a kernel: format and parser agree, on disk too.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -100,66 +99,36 @@ TEST(ComponentFileTest, RefusesMoreComponentsThanItsBound) {
     EXPECT_TRUE(ParseComponentFile(FormatComponentFile(file)));
 }
 
-class AtomicWriteTest : public ::testing::Test {
+class ComponentFileOnDiskTest : public ::testing::Test {
 protected:
-    void TearDown() override {
-        if (mounted) {
-            EXPECT_EQ(0, umount(dir.c_str()));
-        }
-        for (const char* name : {"/file", "/file.tmp", "/other"}) unlink((dir + name).c_str());
-        EXPECT_THAT(support::NamesIn(dir), ::testing::IsEmpty()) << "something else was left";
-    }
-
-    const support::TempDir directory;
-    const std::string dir = directory.Path();
-    const std::string path = directory / "file";
-    bool mounted = false;
+    support::TempDir dir;
+    const std::string path = dir / "file";
 };
 
-TEST_F(AtomicWriteTest, ReplacesTheFileWithModeAndAll) {
-    ASSERT_TRUE(WriteFileAtomically(path, "old"));
-    ASSERT_EQ(0, chmod(path.c_str(), 0666));
-    const mode_t before = umask(0077);
-    ASSERT_TRUE(WriteFileAtomically(path, "new"));
-    umask(before);
-    EXPECT_EQ("new", support::ReadText(path));
-    struct stat info {};
-    ASSERT_EQ(0, stat(path.c_str(), &info));
-    EXPECT_EQ(0640u, info.st_mode & 07777u) << "whatever the umask and the old file's mode";
-    EXPECT_NE(0, access((path + ".tmp").c_str(), F_OK));
-}
-
-TEST_F(AtomicWriteTest, WritesThroughNoLinkAndReplacesALeftover) {
-    ASSERT_TRUE(WriteFileAtomically(dir + "/other", "untouched"));
-    ASSERT_EQ(0, symlink((dir + "/other").c_str(), (path + ".tmp").c_str()));
-    ASSERT_TRUE(WriteFileAtomically(path, "text"));
-    EXPECT_EQ("untouched", support::ReadText(dir + "/other"));
-    EXPECT_EQ("text", support::ReadText(path));
-    unlink(path.c_str());
-    ASSERT_EQ(0, symlink((dir + "/other").c_str(), path.c_str()));
-    ASSERT_TRUE(WriteFileAtomically(path, "again"));
-    EXPECT_EQ("untouched", support::ReadText(dir + "/other")) << "the link is replaced, not followed";
-}
-
-TEST_F(AtomicWriteTest, KeepsTheOldFileWhenTheDiskIsFull) {
-    if (geteuid() != 0 || mount("none", dir.c_str(), "tmpfs", 0, "size=64k") != 0) {
-        GTEST_SKIP() << "SKIP direct: not root: cannot mount a small file system";
+TEST_F(ComponentFileOnDiskTest, IsReadBackAsItWasWritten) {
+    ComponentFile off;
+    off.bootId = Sample().bootId;
+    for (const ComponentFile& file : {Sample(), off}) {
+        ASSERT_TRUE(WriteComponentFile(path, file));
+        const Result<ComponentFile> read = ReadComponentFile(path);
+        ASSERT_TRUE(read) << read.GetError().Text();
+        EXPECT_EQ(FormatComponentFile(file), FormatComponentFile(*read));
+        EXPECT_EQ(0640, support::ModeOf(path));
+        EXPECT_THAT(support::NamesIn(dir.Path()), testing::ElementsAre("file"));
     }
-    mounted = true;
-    ASSERT_TRUE(WriteFileAtomically(path, "old"));
-    Status status = WriteFileAtomically(path, std::string(200 * 1024, 'x'));
-    ASSERT_FALSE(status);
-    EXPECT_EQ(ENOSPC, status.GetError().error);
-    EXPECT_EQ("old", support::ReadText(path));
-    EXPECT_NE(0, access((path + ".tmp").c_str(), F_OK)) << "nothing half-written stays";
 }
 
-TEST_F(AtomicWriteTest, FailsWithoutADirectoryAndOntoOne) {
-    EXPECT_FALSE(WriteFileAtomically(dir + "/nowhere/file", "x"));
-    ASSERT_EQ(0, mkdir(path.c_str(), 0700));
-    EXPECT_FALSE(WriteFileAtomically(path, "x"));
-    EXPECT_NE(0, access((path + ".tmp").c_str(), F_OK));
-    ASSERT_EQ(0, rmdir(path.c_str()));
+TEST_F(ComponentFileOnDiskTest, ALinkIsNeitherReadNorReplaced) {
+    ASSERT_TRUE(WriteComponentFile(dir / "other", Sample()));
+    ASSERT_EQ(0, symlink("other", path.c_str()));
+    EXPECT_EQ(ErrorKind::kRefused, ReadComponentFile(path).GetError().kind);
+    EXPECT_EQ(ErrorKind::kRefused, WriteComponentFile(path, ComponentFile()).GetError().kind);
+    EXPECT_EQ(FormatComponentFile(Sample()), support::ReadText(dir / "other"));
+}
+
+TEST_F(ComponentFileOnDiskTest, AMissingOneIsNotFound) {
+    EXPECT_EQ(ErrorKind::kNotFound, ReadComponentFile(path).GetError().kind);
+    EXPECT_EQ(ErrorKind::kNotFound, WriteComponentFile(dir / "nowhere/file", Sample()).GetError().kind);
 }
 
 }  // namespace
