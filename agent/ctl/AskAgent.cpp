@@ -1,20 +1,26 @@
 // Connecting, asking and reading to the end. An answer is "ok\n" or "error\n", then the text.
 #include "AskAgent.h"
 
+#include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <chrono>
 
 #include "base/Fd.h"
+#include "base/LocalSocket.h"
 
 namespace agent {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
 constexpr size_t kMaxAnswerBytes = 16U << 20;
-constexpr time_t kPatienceSeconds = 30;
+/// For the whole of it: to be let in, to ask, and to hear the answer, which may take as long as the agent allows.
+constexpr std::chrono::seconds kPatience(30);
 
 Answer Split(const std::string& text) {
     const size_t end = text.find('\n');
@@ -24,30 +30,47 @@ Answer Split(const std::string& text) {
     return answer;
 }
 
+/// Returns: false when the descriptor is not ready before `end`.
+bool WaitFor(const base::Fd& socket, short what, Clock::time_point end) {
+    pollfd waited{socket.Get(), what, 0};
+    return base::RetryOnSignal([&] {
+               const auto left = std::chrono::duration_cast<milliseconds>(end - Clock::now()).count();
+               return poll(&waited, 1, static_cast<int>(std::max<long>(0, left)));
+           }) == 1;
+}
+
+/// Returns: what came until the other end closed, was late or went beyond the bound.
+std::string ReadToEnd(const base::Fd& socket, Clock::time_point end) {
+    std::string text;
+    char piece[65536];
+    while (text.size() <= kMaxAnswerBytes && WaitFor(socket, POLLIN, end)) {
+        const ssize_t got = recv(socket.Get(), piece, sizeof piece, 0);
+        if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (got <= 0) break;
+        text.append(piece, static_cast<size_t>(got));
+    }
+    return text;
+}
+
 }  // namespace
 
 base::Result<Answer> AskAgent(const std::string& appDir, const std::string& name, const std::string& request) {
     const std::string path = appDir + "/run/" + name + ".ctl";
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) return base::SentenceError(path + " is too long for a socket");
-    memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    const base::Fd connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const timeval patience{kPatienceSeconds, 0};
-    setsockopt(connection.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    const auto end = Clock::now() + kPatience;
+    const base::Result<base::Fd> connection =
+        base::ConnectLocal(path, base::SocketKind::kStream, base::DirectoryOwner::kAnybody, kPatience);
+    if (!connection) {
+        const base::Error& error = connection.GetError();
+        const bool absent = error.kind == base::ErrorKind::kNoServer || error.kind == base::ErrorKind::kNotFound;
+        return base::SentenceError(error.Text() + (absent ? " (is the agent running?)" : ""));
+    }
+    // A line is less than what a socket takes at once. One that refuses us may have spoken and gone before it.
     const std::string line = request + "\n";
-    if (connect(connection.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        send(connection.Get(), line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
-        const bool absent = errno == ENOENT || errno == ECONNREFUSED;
-        return base::SentenceError(path + ": " + strerror(errno) + (absent ? " (is the agent running?)" : ""));
-    }
-    char piece[65536];
-    std::string text;
-    while (text.size() <= kMaxAnswerBytes) {
-        const ssize_t step = base::RetryOnSignal([&] { return recv(connection.Get(), piece, sizeof piece, 0); });
-        if (step <= 0) break;
-        text.append(piece, static_cast<size_t>(step));
-    }
+    const bool asked = send(connection->Get(), line.data(), line.size(), MSG_NOSIGNAL) >= 0;
+    const int error = errno;
+    const std::string text = ReadToEnd(*connection, end);
+    if (text.empty() && !asked) return base::ErrnoError(error, "ask", path);
+    if (text.empty()) return base::SentenceError(path + ": no answer");
     return Split(text);
 }
 

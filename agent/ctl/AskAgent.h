@@ -13,7 +13,7 @@ struct Answer {
     std::string body;  ///< text without the first line
 };
 
-/// Asks the process `name` of the agent on `appDir`. Blocks: at most half a minute for each part of the answer.
+/// Asks the process `name` of the agent on `appDir`. Blocks: at most half a minute in all.
 /// Errors: the process cannot be reached; the words are for an operator.
 base::Result<Answer> AskAgent(const std::string& appDir, const std::string& name, const std::string& request);
 

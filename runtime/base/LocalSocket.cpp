@@ -14,6 +14,7 @@
 #include <cstring>
 #include <utility>
 
+#include "base/FilePath.h"
 #include "base/ProcFiles.h"
 
 namespace base {
@@ -48,12 +49,13 @@ Status CheckOwner(int directory, const std::string& folder) {
 }
 
 Result<LocalPlace> FindPlace(const std::string& path, DirectoryOwner owner) {
-    const size_t slash = path.rfind('/');
-    if (path.empty() || path[0] != '/' || slash + 1 == path.size() || path.find('\0') != std::string::npos) {
+    const std::string name = FileNameOf(path);
+    const bool absolute = !path.empty() && path[0] == '/';
+    if (name.empty() || path.find('\0') != std::string::npos || (owner == DirectoryOwner::kTrusted && !absolute)) {
         return MakeError(ErrorKind::kInvalidValue, "use the socket", "[" + path + "]",
                          "it is not the absolute path of a file");
     }
-    const std::string folder = slash == 0 ? "/" : path.substr(0, slash);
+    const std::string folder = DirectoryOf(path);
     LocalPlace place;
     place.directory = Fd(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!place.directory) return ErrnoError(errno, "open directory", folder);
@@ -61,7 +63,7 @@ Result<LocalPlace> FindPlace(const std::string& path, DirectoryOwner owner) {
         Status trusted = CheckOwner(place.directory.Get(), folder);
         if (!trusted) return trusted.GetError();
     }
-    place.name = path.substr(slash + 1);
+    place.name = name;
     const bool fits = path.size() < sizeof place.address.sun_path;
     const std::string reached = fits ? path : OwnDescriptor(place.directory.Get()).c_str() + ("/" + place.name);
     if (reached.size() >= sizeof place.address.sun_path) {

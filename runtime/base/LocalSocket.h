@@ -34,7 +34,7 @@ Result<Peer> ReadPeer(int socket);
 /// Whose directory may hold a socket.
 enum class DirectoryOwner {
     kTrusted,  ///< root's or this user's, and not writable by everybody
-    kAnybody,  ///< for an operator who names the place himself
+    kAnybody,  ///< for an operator who names the place; the path may be relative then
 };
 
 /// Connects to the socket file `path`, whatever its length. Returns: a non-blocking, close-on-exec descriptor.

@@ -78,6 +78,11 @@ size_t LinesWith(const std::string& text) {
 /// What is asked of a server when it makes an answer; the broadcast only sends what it has.
 std::function<std::string()> g_answer;
 
+bool Started(const base::Status& status, std::string& error) {
+    if (!status) error = status.GetError().Text();
+    return status.Ok();
+}
+
 class Server {
 public:
     virtual ~Server() = default;
@@ -98,7 +103,7 @@ public:
         zelhost::MetricsOptions options;
         options.listen = m_onLoopback ? "127.0.0.1:0" : "unix:" + path;
         m_server = std::make_unique<zelhost::CMetricsServer>(options, [] { return g_answer(); });
-        return m_server->Start(error);
+        return Started(m_server->Start(), error);
     }
     void Stop() override { m_server->Stop(); }
     int Port() const override {
@@ -121,7 +126,7 @@ public:
         actions.reload = [](std::string&) { return true; };
         actions.stop = [] {};
         m_server = std::make_unique<agent::ControlServer>(actions);
-        return m_server->Start(path, error);
+        return Started(m_server->Start(path), error);
     }
     void Stop() override { m_server->Stop(); }
     std::string Request() const override { return "status\n"; }
