@@ -25,15 +25,7 @@ ControlServer::~ControlServer() {
     Stop();
 }
 
-bool ControlServer::Start(const std::string& path, std::string& problem) {
-    const base::Status serving = Serve(path);
-    if (serving) return true;
-    problem = serving.GetError().Text();
-    Stop();
-    return false;
-}
-
-base::Status ControlServer::Serve(const std::string& path) {
+base::Status ControlServer::Start(const std::string& path) {
     auto socket = base::ListeningSocket::Local(path, base::SocketKind::kStream, base::ServeLock::kCallers);
     if (!socket) return socket.GetError();
     auto loop = base::IoLoop::Start("console");
@@ -52,7 +44,9 @@ base::Status ControlServer::Serve(const std::string& path) {
         zel::CLogMessage::GetInstance()->WriteLogMessage("console socket: " + line, zel::kLogWarning);
     };
     m_server = std::make_unique<base::RequestServer>(*m_loop, *m_queue, std::move(*socket), limits, std::move(service));
-    return m_server->Start();
+    base::Status started = m_server->Start();
+    if (!started) Stop();
+    return started;
 }
 
 void ControlServer::Stop() {

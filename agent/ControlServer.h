@@ -37,12 +37,11 @@ public:
     ControlServer& operator=(const ControlServer&) = delete;
 
     /// Requires: the lock of the application directory, which says that no other process of this name runs.
-    bool Start(const std::string& path, std::string& problem);
+    base::Status Start(const std::string& path);
     /// Blocks: until an action that runs has returned. Removes the socket.
     void Stop();
 
 private:
-    base::Status Serve(const std::string& path);
     std::string Handle(const std::string& request) const;
 
     const ConsoleActions m_actions;

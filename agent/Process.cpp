@@ -254,9 +254,10 @@ void Process::StopComponents() {
 
 int Process::OpenConsole() {
     m_control = std::make_unique<ControlServer>(MakeConsoleActions(Sources()));
-    std::string problem;
-    if (!m_control->Start(m_options.appDir + "/run/" + m_options.name + ".ctl", problem)) {
-        LogLine("console socket: " + problem + "; tervanectl will not reach this process", zel::kLogWarning);
+    const base::Status started = m_control->Start(m_options.appDir + "/run/" + m_options.name + ".ctl");
+    if (!started) {
+        LogLine("console socket: " + started.GetError().Text() + "; tervanectl will not reach this process",
+                zel::kLogWarning);
     }
     return kExitClean;
 }

@@ -123,10 +123,9 @@ void CHostServices::Impl::StopRegistry() {
 base::Status CHostServices::Impl::StartMetrics() {
     if (!IsOn(m_options.metrics.enabled, m_options.isMain)) return {};
     m_metrics = std::make_unique<CMetricsServer>(m_options.metrics, [this] { return MetricsText(); });
-    std::string error;
-    if (m_metrics->Start(error)) return {};
-    m_metrics.reset();
-    return base::SentenceError(error);
+    base::Status started = m_metrics->Start();
+    if (!started) m_metrics.reset();
+    return started;
 }
 
 void CHostServices::Impl::StopMetrics() {

@@ -37,8 +37,8 @@ protected:
             return FormatStatusJson(report);
         };
         m_console = std::make_unique<ControlServer>(actions);
-        std::string problem;
-        ASSERT_TRUE(m_console->Start(m_path + "/run/tervane.ctl", problem)) << problem;
+        const base::Status started = m_console->Start(m_path + "/run/tervane.ctl");
+        ASSERT_TRUE(started) << started.GetError().Text();
     }
     void TearDown() override {
         if (m_child > 0) {

@@ -53,12 +53,11 @@ CMetricsServer::~CMetricsServer() {
     Stop();
 }
 
-bool CMetricsServer::Start(std::string& error) {
+base::Status CMetricsServer::Start() {
     const base::Status serving = Serve();
-    if (serving) return true;
-    error = "metrics: " + serving.GetError().Text();
+    if (serving) return {};
     Stop();
-    return false;
+    return base::SentenceError("metrics: " + serving.GetError().Text(), serving.GetError().kind);
 }
 
 base::Status CMetricsServer::Serve() {

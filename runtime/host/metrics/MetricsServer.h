@@ -23,7 +23,7 @@ public:
     CMetricsServer(const CMetricsServer&) = delete;
     CMetricsServer& operator=(const CMetricsServer&) = delete;
 
-    bool Start(std::string& error);
+    base::Status Start();
     /// Blocks: until a text that is being made is made. Waits for no peer.
     void Stop();
     /// The address with the port that the system chose.

@@ -136,8 +136,7 @@ TEST(MetricsServerTest, ServesOnLoopbackAndOnLocalSocketOfThisUser) {
     support::TempDir dir;
     for (const std::string& listen : {std::string("127.0.0.1:0"), "unix:" + (dir / "run/m.sock")}) {
         CMetricsServer server(On(listen), [] { return std::string("m 1\n"); });
-        std::string error;
-        ASSERT_TRUE(server.Start(error)) << error;
+        ASSERT_TRUE(server.Start());
         EXPECT_NE(server.Address(), "127.0.0.1:0");
         for (int i = 0; i < 3; ++i) {
             EXPECT_THAT(Talk(server.Address(), "GET /metrics HTTP/1.1\r\n\r\n"), testing::EndsWith("\r\n\r\nm 1\n"));
@@ -155,9 +154,9 @@ TEST(MetricsServerTest, OnlyLoopbackAddressesAreTaken) {
     for (const char* listen : {"0.0.0.0:0", "192.0.2.1:9471", "[::]:0", "localhost:0", "127.0.0.1", "127.0.0.1:", "",
                                "127.0.0.1:99999", "127.0.0.1:-1", "[::1:9", "unix:", ":80"}) {
         CMetricsServer server(On(listen), [] { return std::string(); });
-        std::string error;
-        EXPECT_FALSE(server.Start(error)) << listen;
-        EXPECT_THAT(error, testing::StartsWith("metrics: ")) << listen;
+        const base::Status started = server.Start();
+        ASSERT_FALSE(started) << listen;
+        EXPECT_THAT(started.GetError().Text(), testing::StartsWith("metrics: ")) << listen;
     }
 }
 
@@ -171,19 +170,17 @@ TEST(MetricsServerTest, SocketThatCrashLeftIsReplacedOtherFileNot) {
         ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)), 0);
         close(fd);
     }
-    std::string error;
     CMetricsServer server(On("unix:" + (dir / "m.sock")), [] { return std::string("m 1\n"); });
-    EXPECT_TRUE(server.Start(error)) << error;
+    EXPECT_TRUE(server.Start());
     support::WriteText(dir / "precious", "x");
     CMetricsServer other(On("unix:" + (dir / "precious")), [] { return std::string(); });
-    EXPECT_FALSE(other.Start(error));
+    EXPECT_FALSE(other.Start());
     EXPECT_EQ(support::ReadText(dir / "precious"), "x");
 }
 
 TEST(MetricsServerTest, SilentOrChattyClientDoesNotHoldUpTheNext) {
     CMetricsServer server(On("127.0.0.1:0"), [] { return std::string("m 1\n"); });
-    std::string error;
-    ASSERT_TRUE(server.Start(error)) << error;
+    ASSERT_TRUE(server.Start());
     const int silent = ConnectTo(server.Address());
     ASSERT_GE(silent, 0);
     EXPECT_EQ(Talk(server.Address(), std::string(100000, 'x')), "") << "an endless head is cut off";
@@ -193,8 +190,7 @@ TEST(MetricsServerTest, SilentOrChattyClientDoesNotHoldUpTheNext) {
 
 TEST(MetricsServerTest, AnExceptionOfASourceIsAnAnswer) {
     CMetricsServer server(On("127.0.0.1:0"), []() -> std::string { throw std::runtime_error("no"); });
-    std::string error;
-    ASSERT_TRUE(server.Start(error)) << error;
+    ASSERT_TRUE(server.Start());
     EXPECT_THAT(Talk(server.Address(), "GET /metrics HTTP/1.1\r\n\r\n"), testing::StartsWith("HTTP/1.1 500"));
 }
 
@@ -205,8 +201,7 @@ TEST(MetricsServerTest, TheTextFileIsRenewedWhole) {
     options.textFilePeriodMs = 100;
     std::atomic<int> round{0};
     CMetricsServer server(options, [&] { return "m " + std::to_string(++round) + "\n"; });
-    std::string error;
-    ASSERT_TRUE(server.Start(error)) << error;
+    ASSERT_TRUE(server.Start());
     EXPECT_TRUE(support::Eventually([&] { return support::ReadText(dir / "zel.prom") == "m 2\n"; }));
     server.Stop();
     EXPECT_EQ(support::NamesIn(dir.Path()), Lines{"zel.prom"});
