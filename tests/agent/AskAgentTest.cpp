@@ -9,7 +9,7 @@
 #include <string>
 
 #include "ControlServer.h"
-#include "UtilSupport.h"
+#include "support/Files.h"
 #include "ctl/AskAgent.h"
 
 namespace {

@@ -1,0 +1,176 @@
+// The event loop: what is cancelled stays silent, what is ready is said, and nobody else's thread runs a handler.
+#include "base/IoLoop.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "support/Waiting.h"
+#include "base/Fd.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+class IoLoopTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        auto started = base::IoLoop::Start("loop under test");
+        ASSERT_TRUE(started) << started.GetError().Text();
+        loop = std::move(*started);
+        int ends[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends));
+        ours = base::Fd(ends[0]);
+        theirs = base::Fd(ends[1]);
+    }
+
+    std::unique_ptr<base::IoLoop> loop;
+    base::Fd ours;
+    base::Fd theirs;
+};
+
+TEST_F(IoLoopTest, HandlersRunOnItsNamedThreadThatTakesNoSignal) {
+    std::thread::id where;
+    std::string name(16, '\0');
+    sigset_t blocked;
+    loop->Run([&] {
+        where = std::this_thread::get_id();
+        pthread_getname_np(pthread_self(), name.data(), name.size());
+        pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+        loop->Run([&] { EXPECT_EQ(where, std::this_thread::get_id()) << "and may be asked from there"; });
+    });
+    EXPECT_NE(std::this_thread::get_id(), where);
+    EXPECT_STREQ("loop under test", name.c_str());
+    EXPECT_EQ(1, sigismember(&blocked, SIGTERM));
+}
+
+TEST_F(IoLoopTest, PostedHandlersRunInOrderAndAThrowEndsNothing) {
+    std::string order;
+    loop->Post([&] { order += "a"; });
+    loop->Post([&] {
+        order += "b";
+        throw 1;
+    });
+    loop->Post([&] { order += "c"; });
+    loop->Run([&] {
+        order += "d";
+        throw 1;
+    });
+    EXPECT_EQ("abcd", order);
+}
+
+TEST_F(IoLoopTest, TimerFiresOnceForEachStartAndNotAfterAStop) {
+    std::atomic<int> stopped{0};
+    std::atomic<int> replaced{0};
+    support::Signal fired;
+    std::unique_ptr<base::IoTimer> timers[3];
+    loop->Run([&] {
+        for (auto& timer : timers) timer = std::make_unique<base::IoTimer>(*loop);
+        timers[0]->Start(milliseconds(0), [&] { ++stopped; });
+        timers[1]->Start(milliseconds(0), [&] { ++replaced; });
+        timers[2]->Start(milliseconds(0), [&] { ++stopped; });
+        // Long enough that all are due and, with the next turn of the loop, on their way.
+        std::this_thread::sleep_for(milliseconds(20));
+        timers[0]->Stop();
+        timers[2].reset();
+        timers[1]->Start(milliseconds(30), [&] { fired.Set(); });
+    });
+    EXPECT_TRUE(fired.Wait());
+    EXPECT_EQ(0, stopped);
+    EXPECT_EQ(0, replaced);
+    loop->Run([&] {
+        for (auto& timer : timers) timer.reset();
+    });
+}
+
+TEST_F(IoLoopTest, WatchTellsWhatIsReadyEachTimeItIsAsked) {
+    std::atomic<int> readable{0};
+    support::Signal second;
+    std::unique_ptr<base::IoWatch> watch;
+    ASSERT_EQ(1, write(theirs.Get(), "x", 1));
+    loop->Run([&] {
+        watch = std::make_unique<base::IoWatch>(*loop);
+        ASSERT_TRUE(watch->Open(ours.Get()));
+        // The byte is left unread: it is news to each wait.
+        watch->WaitReadable([&] {
+            ++readable;
+            watch->WaitReadable([&] {
+                ++readable;
+                second.Set();
+            });
+        });
+    });
+    EXPECT_TRUE(second.Wait());
+    support::Signal room;
+    loop->Run([&] { watch->WaitWritable([&] { room.Set(); }); });
+    EXPECT_TRUE(room.Wait());
+    EXPECT_EQ(2, readable);
+    loop->Run([&] { watch.reset(); });
+    EXPECT_NE(-1, fcntl(ours.Get(), F_GETFD)) << "the descriptor is its owner's";
+}
+
+TEST_F(IoLoopTest, WatchThatIsClosedIsSilentAndAHangUpIsBoth) {
+    std::atomic<int> called{0};
+    std::unique_ptr<base::IoWatch> watch;
+    loop->Run([&] {
+        watch = std::make_unique<base::IoWatch>(*loop);
+        ASSERT_TRUE(watch->Open(ours.Get()));
+        watch->WaitReadable([&] { ++called; });
+        ASSERT_EQ(1, write(theirs.Get(), "x", 1));
+        watch->Close();
+    });
+    loop->Run([] {});
+    std::this_thread::sleep_for(milliseconds(20));
+    EXPECT_EQ(0, called);
+    // Full, so that only the hang-up can make it writable.
+    const std::string much(1 << 20, 'x');
+    while (send(ours.Get(), much.data(), much.size(), MSG_NOSIGNAL) > 0) {
+    }
+    support::Signal readable;
+    support::Signal writable;
+    loop->Run([&] {
+        ASSERT_TRUE(watch->Open(ours.Get())) << "it may be used again";
+        watch->WaitWritable([&] { writable.Set(); });
+    });
+    theirs.Reset();
+    EXPECT_TRUE(writable.Wait());
+    loop->Run([&] { watch->WaitReadable([&] { readable.Set(); }); });
+    EXPECT_TRUE(readable.Wait());
+    loop->Run([&] { watch.reset(); });
+}
+
+TEST_F(IoLoopTest, EndsWhileTimersAndWaitsAreOutstanding) {
+    std::unique_ptr<base::IoTimer> timer;
+    loop->Run([&] {
+        timer = std::make_unique<base::IoTimer>(*loop);
+        timer->Start(std::chrono::hours(1), [] { ADD_FAILURE(); });
+    });
+    loop->Post([kept = std::make_shared<int>(1)] { EXPECT_EQ(1, *kept); });
+    loop->Run([&] { timer.reset(); });
+    const auto start = steady_clock::now();
+    loop.reset();
+    EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST_F(IoLoopTest, IsQuietWhileNothingHappens) {
+    clockid_t clock{};
+    loop->Run([&] { ASSERT_EQ(0, pthread_getcpuclockid(pthread_self(), &clock)); });
+    timespec before{};
+    timespec after{};
+    clock_gettime(clock, &before);
+    std::this_thread::sleep_for(milliseconds(500));
+    clock_gettime(clock, &after);
+    EXPECT_LT((after.tv_sec - before.tv_sec) * 1000000000L + after.tv_nsec - before.tv_nsec, 2000000L);
+}
+
+}  // namespace
