@@ -17,6 +17,10 @@ constexpr char kEventStoreLogSource[] = "OsAbnormalDataBase";
 
 constexpr int kDecimal = 10;
 
+/// Members of the memory measurement, in events of two origins and in the statistics map.
+constexpr char kMemUsageMember[] = "mem_usage";          // percent
+constexpr char kAvailableMemMember[] = "available_mem";  // MB
+
 /// Writes one line as it stands.
 inline void Say(int level, const std::string& text) {
     zel::CLogMessage::GetInstance()->WriteLogMessage(text, level);

@@ -159,8 +159,8 @@ bool COsAbnormalMonitor::IsMemoryAbnormal(Json::Value& out, int& eventTime, bool
 
     if (usage - m_lastMemUsage > 1) m_memRising = true;
     m_lastMemUsage = usage;
-    out["mem_usage"] = usage;
-    out["available_mem"] = Json::UInt64(available);
+    out[monitor::kMemUsageMember] = usage;
+    out[monitor::kAvailableMemMember] = Json::UInt64(available);
     eventTime = static_cast<int>(time(nullptr));  // before the swap sample, which may take a second
     swapAlarm = FetchSwapIndexIncrement(out);
     return true;

@@ -27,8 +27,8 @@ std::string Text(float value) {
 
 void SendMemoryShortage(int usagePercent, unsigned long available) {
     Json::Value body(Json::objectValue);
-    body["mem_usage"] = usagePercent;
-    body["available_mem"] = static_cast<Json::UInt64>(available);
+    body[monitor::kMemUsageMember] = usagePercent;
+    body[monitor::kAvailableMemMember] = static_cast<Json::UInt64>(available);
     IMsgTransmit* transmit = GetMsgTransmitInstance();
     if (transmit != nullptr) monitor::SendOsAbnormal(*transmit, body.toStyledString());
 }
@@ -39,7 +39,7 @@ bool CMonitorPri::GetExceptionInfo(std::map<std::string, std::string>& info) {
     if (m_isMainAgent) {
         unsigned long available = 0;
         const int usagePercent = zel::COSInfo::GetMemoryUsage(&available);
-        info.emplace("mem_usage", Text(static_cast<long>(usagePercent)));
+        info.emplace(monitor::kMemUsageMember, Text(static_cast<long>(usagePercent)));
         if (m_osAbnormalMonitor.IsCheckMemory(usagePercent, available)) SendMemoryShortage(usagePercent, available);
     }
 
