@@ -208,6 +208,41 @@ TEST_F(CgroupManagerTest, PutsMainProcessIntoItsOwnComponentsGroup) {
     ASSERT_TRUE(manager.RemovePidFromGroup("main", getpid()));
 }
 
+TEST_F(CgroupManagerTest, PutsAProcessIntoAllTreesOrNone) {
+    if (layout.cpuV2 && layout.memV2) GTEST_SKIP() << "SKIP: one move serves both controllers here";
+    ASSERT_TRUE(manager.Reconcile(true, true, Total(400, 1048576), {Group("main", 40000, 1048576)}));
+    Child child(Sleeper);
+    const std::string where = "/proc/" + std::to_string(child.Pid()) + "/cgroup";
+    const std::string before = ReadValue(where);
+    ASSERT_TRUE(manager.AddPidToGroup("main", child.Pid()));
+    ASSERT_TRUE(manager.RemovePidFromGroup("main", child.Pid()));
+    ASSERT_EQ(before, ReadValue(where)) << "with the leaves made, the moves are the only writes";
+    // The first move is one controller's, the second the other's; the third takes the first back.
+    faults::ClearControlWrites();
+    faults::FailControlWrite(1, EBUSY);
+    EXPECT_FALSE(manager.AddPidToGroup("main", child.Pid()));
+    EXPECT_EQ(3, faults::ControlWrites());
+    EXPECT_EQ(before, ReadValue(where));
+    EXPECT_EQ(1u, Warnings().size());
+}
+
+TEST_F(CgroupManagerTest, AppliesOtherGroupsWhenOneIsSomebodyElses) {
+    ASSERT_TRUE(manager.Reconcile(true, true, Total(9, 307200), {Group("main", 100, 20480)}));
+    const std::string foreign = memTree + "/guard";
+    ASSERT_EQ(0, mkdir(foreign.c_str(), 0755));
+    ASSERT_EQ(0, mkdir((foreign + "/theirs").c_str(), 0755));
+    EXPECT_FALSE(ReconcileWorked());
+    ASSERT_EQ(1u, Warnings().size());
+    EXPECT_THAT(Warnings()[0], HasSubstr("it was not made by this agent and is in use"));
+    EXPECT_EQ("1800 100000", CpuLimit("main"));
+    EXPECT_EQ("23040", MemLimit("main"));
+    EXPECT_EQ("138240", MemLimit("collect-defense"));
+    EXPECT_EQ("max", MemLimit("guard"));
+    ASSERT_EQ(0, rmdir((foreign + "/theirs").c_str()));
+    ASSERT_EQ(0, rmdir(foreign.c_str()));
+    EXPECT_TRUE(ReconcileWorked());
+}
+
 TEST_F(CgroupManagerTest, RefusesAGroupThatIsNotConfigured) {
     ASSERT_TRUE(ReconcileWorked());
     EXPECT_FALSE(manager.AddPidToGroup("nobody", getpid()));
