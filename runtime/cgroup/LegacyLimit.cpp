@@ -67,21 +67,21 @@ int LegacyCodeOf(const Error& error) {
     return kLegacyWriteFailed;
 }
 
-CLegacyLimit::CLegacyLimit(LegacyOptions options)
+LegacyLimit::LegacyLimit(LegacyOptions options)
     : m_options(std::move(options)),
       m_cpu(m_options, Controller::kCpu, m_membership),
       m_mem(m_options, Controller::kMemory, m_membership) {}
 
-LegacyGroup& CLegacyLimit::Of(Controller controller) {
+LegacyGroup& LegacyLimit::Of(Controller controller) {
     return controller == Controller::kCpu ? m_cpu : m_mem;
 }
 
-bool CLegacyLimit::IsOtherOnV2(const LegacyGroup& group) {
+bool LegacyLimit::IsOtherOnV2(const LegacyGroup& group) {
     const LegacyGroup& other = group.GetController() == Controller::kCpu ? m_mem : m_cpu;
     return other.IsStarted() && other.IsV2();
 }
 
-int CLegacyLimit::Start(LegacyGroup& group, int& error) {
+int LegacyLimit::Start(LegacyGroup& group, int& error) {
     const char* what = group.GetController() == Controller::kCpu ? kCpuNotSet : kMemoryNotSet;
     Status status;
     for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
@@ -101,7 +101,7 @@ int CLegacyLimit::Start(LegacyGroup& group, int& error) {
     return kLegacyOk;
 }
 
-int CLegacyLimit::Stop(LegacyGroup& group, int& error) {
+int LegacyLimit::Stop(LegacyGroup& group, int& error) {
     error = 0;
     // A group of an earlier run, or one that this process was born into.
     if (!group.IsStarted() && !group.Adopt()) {
@@ -121,7 +121,7 @@ int CLegacyLimit::Stop(LegacyGroup& group, int& error) {
     return code;
 }
 
-void CLegacyLimit::Sync(LegacyGroup& group) {
+void LegacyLimit::Sync(LegacyGroup& group) {
     if (!group.IsStarted()) return;
     if (group.IsInForce()) {
         group.JoinDescendants();
@@ -140,7 +140,7 @@ void CLegacyLimit::Sync(LegacyGroup& group) {
     Start(group, error);
 }
 
-int CLegacyLimit::StartCpuLimit(int percent, int hundredths, int& error) {
+int LegacyLimit::StartCpuLimit(int percent, int hundredths, int& error) {
     const base::MutexLock lock(m_mutex);
     const int64_t amount = int64_t{percent} * 100 + hundredths;
     if (amount <= 0) {
@@ -153,18 +153,18 @@ int CLegacyLimit::StartCpuLimit(int percent, int hundredths, int& error) {
     return Start(m_cpu, error);
 }
 
-int CLegacyLimit::StopCpuLimit(int& error) {
+int LegacyLimit::StopCpuLimit(int& error) {
     const base::MutexLock lock(m_mutex);
     return Stop(m_cpu, error);
 }
 
-void CLegacyLimit::SyncCpuLimit() {
+void LegacyLimit::SyncCpuLimit() {
     const base::MutexLock lock(m_mutex);
     Sync(m_cpu);
     Sync(m_mem);
 }
 
-int CLegacyLimit::GetCgroupOtherProcessNum() {
+int LegacyLimit::GetCgroupOtherProcessNum() {
     const base::MutexLock lock(m_mutex);
     std::set<int> all;
     for (const Controller controller : kAllControllers) {
@@ -175,22 +175,22 @@ int CLegacyLimit::GetCgroupOtherProcessNum() {
     return static_cast<int>(all.size());
 }
 
-bool CLegacyLimit::IsSelfRemovedFromCgroup() {
+bool LegacyLimit::IsSelfRemovedFromCgroup() {
     const base::MutexLock lock(m_mutex);
     return (m_cpu.IsStarted() && !m_cpu.HoldsSelf()) || (m_mem.IsStarted() && !m_mem.HoldsSelf());
 }
 
-bool CLegacyLimit::IsCpuLimited() {
+bool LegacyLimit::IsCpuLimited() {
     const base::MutexLock lock(m_mutex);
     return m_cpu.IsInForce();
 }
 
-bool CLegacyLimit::IsMemLimited() {
+bool LegacyLimit::IsMemLimited() {
     const base::MutexLock lock(m_mutex);
     return m_mem.IsInForce();
 }
 
-int CLegacyLimit::PrepareMemLimit() {
+int LegacyLimit::PrepareMemLimit() {
     const base::MutexLock lock(m_mutex);
     int error = 0;
     struct utsname host = {};
@@ -211,7 +211,7 @@ int CLegacyLimit::PrepareMemLimit() {
     return kLegacyOk;
 }
 
-int CLegacyLimit::StartMemLimit(int firstLimit, int secondLimit, int& error) {
+int LegacyLimit::StartMemLimit(int firstLimit, int secondLimit, int& error) {
     const base::MutexLock lock(m_mutex);
     // Both are 32-bit byte counts that the caller shifted into place: 2 GiB and more arrive wrapped. A wrapped value is
     // no limit that anybody asked for, so it is refused rather than applied.
@@ -229,26 +229,26 @@ int CLegacyLimit::StartMemLimit(int firstLimit, int secondLimit, int& error) {
     return Start(m_mem, error);
 }
 
-int CLegacyLimit::StopMemLimit(int& error, bool) {
+int LegacyLimit::StopMemLimit(int& error, bool) {
     const base::MutexLock lock(m_mutex);
     return Stop(m_mem, error);
 }
 
-void CLegacyLimit::ReleaseLimits() {
+void LegacyLimit::ReleaseLimits() {
     const base::MutexLock lock(m_mutex);
     int error = 0;
     Stop(m_cpu, error);
     Stop(m_mem, error);
 }
 
-void CLegacyLimit::SetKernelExcludeLists(int kind, const std::string& excludeRange, const std::string& excludeKernels) {
+void LegacyLimit::SetKernelExcludeLists(int kind, const std::string& excludeRange, const std::string& excludeKernels) {
     if (kind != kMemoryKind) return;
     const base::MutexLock lock(m_mutex);
     m_excludeRanges = excludeRange;
     m_excludePrefixes = excludeKernels;
 }
 
-void CLegacyLimit::Forget(Controller controller) {
+void LegacyLimit::Forget(Controller controller) {
     const base::MutexLock lock(m_mutex);
     LegacyGroup& group = Of(controller);
     const bool shared = group.IsShared(IsOtherOnV2(group));
@@ -256,7 +256,7 @@ void CLegacyLimit::Forget(Controller controller) {
     group.Reset(!shared);
 }
 
-bool CLegacyLimit::IsV2Runtime(Controller controller) {
+bool LegacyLimit::IsV2Runtime(Controller controller) {
     const base::MutexLock lock(m_mutex);
     const LegacyGroup& group = Of(controller);
     return group.IsStarted() && group.IsV2();
@@ -265,14 +265,14 @@ bool CLegacyLimit::IsV2Runtime(Controller controller) {
 namespace {
 
 // Never destroyed: threads of the host may still ask while the process ends.
-CLegacyLimit& TheLegacyLimit() {
-    static CLegacyLimit* const object = [] {
+LegacyLimit& TheLegacyLimit() {
+    static LegacyLimit* const object = [] {
         constexpr size_t kMaxStem = 40;
         LegacyOptions options;
         options.applicationDir = CToolUtil::GetApplicationDirPath();
         options.treeName = AgentGroupName();
         options.groupName = options.treeName.substr(0, kMaxStem) + ".legacy-" + ApplicationTag(options.applicationDir);
-        return new CLegacyLimit(std::move(options));
+        return new LegacyLimit(std::move(options));
     }();
     return *object;
 }

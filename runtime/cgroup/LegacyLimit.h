@@ -38,11 +38,11 @@ int LegacyCodeOf(const Error& error);
 /// Thread-safety: every operation locks inside.
 /// Lifetime: destroying it moves nothing and removes nothing.
 /// Errors: one log line per failed operation, with path, value, cause and cure.
-class CLegacyLimit final : public IResourceLimitUtil {
+class LegacyLimit final : public IResourceLimitUtil {
 public:
-    explicit CLegacyLimit(LegacyOptions options);
-    CLegacyLimit(const CLegacyLimit&) = delete;
-    CLegacyLimit& operator=(const CLegacyLimit&) = delete;
+    explicit LegacyLimit(LegacyOptions options);
+    LegacyLimit(const LegacyLimit&) = delete;
+    LegacyLimit& operator=(const LegacyLimit&) = delete;
 
     int StartCpuLimit(int percent, int hundredths, int& error) override;
     int StopCpuLimit(int& error) override;

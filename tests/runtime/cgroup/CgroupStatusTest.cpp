@@ -61,7 +61,7 @@ TEST_F(CgroupStatusTest, TheTightestLimitOnTheWayUpCounts) {
 TEST_F(CgroupStatusTest, ShowsThisProcessUnderItsLegacyMemoryLimit) {
     LegacyOptions options;
     options.groupName = m_name + ".legacy";
-    CLegacyLimit limit(std::move(options));
+    LegacyLimit limit(std::move(options));
     int error = 0;
     ASSERT_EQ(kLegacyOk, limit.StartMemLimit(300 << 20, 200 << 20, error));
     CgroupStatus status;

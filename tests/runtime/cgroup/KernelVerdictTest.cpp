@@ -80,7 +80,7 @@ private:
         return options;
     }
 
-    zel::cgroup::CLegacyLimit m_limit;
+    zel::cgroup::LegacyLimit m_limit;
 };
 
 // --- the rule once more, plainly -------------------------------------------------------------------------------------

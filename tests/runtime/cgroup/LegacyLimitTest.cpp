@@ -88,12 +88,12 @@ protected:
         for (const int pid : m_orphans) kill(pid, SIGKILL);
         RealV1::TearDown();
     }
-    std::unique_ptr<CLegacyLimit> Make() const {
+    std::unique_ptr<LegacyLimit> Make() const {
         LegacyOptions options;
         options.groupName = m_group;
         options.treeName = m_name;
         options.applicationDir = "/opt/zeltest-nowhere";
-        return std::make_unique<CLegacyLimit>(std::move(options));
+        return std::make_unique<LegacyLimit>(std::move(options));
     }
     std::string Quota() const { return ReadValue(CpuDir(m_group) + "/cpu.cfs_quota_us"); }
     std::string Period() const { return ReadValue(CpuDir(m_group) + "/cpu.cfs_period_us"); }
@@ -111,7 +111,7 @@ protected:
     GroupDir Root(const Hierarchy& hierarchy) { return std::move(*GroupDir::Open(hierarchy.mountPoint, Version::kV1)); }
 
     std::string m_group;
-    std::unique_ptr<CLegacyLimit> m_limit;
+    std::unique_ptr<LegacyLimit> m_limit;
     std::vector<int> m_orphans;
     int m_error = 0;
 };
@@ -323,7 +323,7 @@ TEST_F(LegacyLimitTest, ProgramsOfApplicationDirectoryAreAgents) {
         options.groupName = m_group;
         options.treeName = m_name;
         options.applicationDir = same ? "/opt/zeltest-nowhere" : program.substr(0, program.rfind('/'));
-        CLegacyLimit limit(std::move(options));
+        LegacyLimit limit(std::move(options));
         ASSERT_EQ(kLegacyOk, limit.StartCpuLimit(20, 0, m_error));
         const int orphan = Orphan(same ? nullptr : "/bin/sleep");
         ASSERT_GT(orphan, 0);
@@ -502,7 +502,7 @@ TEST_F(LegacyLimitTest, NothingIsWrittenWhereNoHierarchyIs) {
     options.readLayout = [&folder]() -> Result<LayoutTexts> {
         return LayoutTexts{"9 1 0:32 / " + folder.Path() + " rw - cgroup c rw,cpu,memory\n", "1:cpu,memory:/\n", ""};
     };
-    CLegacyLimit limit(std::move(options));
+    LegacyLimit limit(std::move(options));
     EXPECT_EQ(kLegacyNoHierarchy, limit.StartCpuLimit(20, 0, m_error));
     EXPECT_EQ(kLegacyNoHierarchy, limit.PrepareMemLimit());
     EXPECT_EQ(kLegacyNoHierarchy, limit.StartMemLimit(64 << 20, 0, m_error));

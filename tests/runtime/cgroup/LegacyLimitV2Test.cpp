@@ -58,12 +58,12 @@ protected:
         EXPECT_TRUE(MoveAll(*group, m_root).Ok());
         EXPECT_TRUE(parent.RemoveChild(name).Ok());
     }
-    std::unique_ptr<CLegacyLimit> Make() const {
+    std::unique_ptr<LegacyLimit> Make() const {
         LegacyOptions options;
         options.groupName = m_name + ".legacy";
         options.treeName = m_name;
         options.applicationDir = "/opt/zeltest-nowhere";
-        return std::make_unique<CLegacyLimit>(std::move(options));
+        return std::make_unique<LegacyLimit>(std::move(options));
     }
     std::string Dir(const std::string& relative) const { return m_cpu.mountPoint + "/" + m_name + relative; }
     std::string SelfGroup() const { return ReadGroupOf(static_cast<int>(getpid()), m_cpu).Value(); }
@@ -72,7 +72,7 @@ protected:
     Hierarchy m_memory;
     GroupDir m_root;
     std::string m_name;
-    std::unique_ptr<CLegacyLimit> m_limit;
+    std::unique_ptr<LegacyLimit> m_limit;
     int m_error = 0;
 };
 
