@@ -22,7 +22,7 @@ using cgroup::Version;
 constexpr int kMaxDepth = 128;
 
 /// The process's own group of one controller.
-struct OwnGroup {
+struct ProcessGroup {
     Hierarchy hierarchy;
     std::string path;  ///< from the hierarchy's root
     GroupDir dir;
@@ -30,7 +30,7 @@ struct OwnGroup {
 
 // Fills what both controllers have in common. Returns: false when there is no group to look at; then the reason says
 // why.
-bool OpenOwn(Controller controller, int pid, const LayoutTexts& texts, CgroupControllerStatus& out, OwnGroup& own) {
+bool OpenOwn(Controller controller, int pid, const LayoutTexts& texts, CgroupControllerStatus& out, ProcessGroup& own) {
     own.hierarchy = cgroup::FindHierarchy(controller, texts);
     out.version = static_cast<int>(own.hierarchy.version);
     out.hierarchyPath = own.hierarchy.mountPoint;
@@ -93,22 +93,20 @@ void Explain(const Hierarchy& hierarchy, const std::string& groupPath, CgroupCon
 }
 
 void ReadCpu(int pid, const LayoutTexts& texts, CgroupCpuStatus& out) {
-    OwnGroup own;
+    ProcessGroup own;
     if (!OpenOwn(Controller::kCpu, pid, texts, out, own)) return;
     cgroup::CpuCounters counters;
     if (Result<cgroup::CpuCounters> read = cgroup::ReadCpuCounters(own.dir)) counters = *read;
+    cgroup::Limit tightest;
     WalkUp(own.hierarchy, own.path, [&](const GroupDir& group) {
-        Result<cgroup::CpuQuota> quota = cgroup::ReadCpuQuota(group);
-        if (!quota || quota->Unlimited()) return;
-        // Tighter: less quota per period; products, so that periods of different length compare exactly.
-        const auto mine = static_cast<__int128>(quota->quotaUs) * out.periodUs;
-        const auto best = static_cast<__int128>(out.quotaUs) * quota->periodUs;
-        if (out.limited && mine >= best) return;
+        Result<cgroup::Limit> limit = cgroup::ReadLimit(Controller::kCpu, group);
+        if (!limit || !cgroup::IsTighter(Controller::kCpu, *limit, tightest)) return;
+        tightest = *limit;
         out.limited = true;
         out.limitPath = group.Path();
-        out.quotaUs = quota->quotaUs;
-        out.periodUs = quota->periodUs;
-        out.limit100Times = cgroup::QuotaTo100Times(*quota);
+        out.quotaUs = limit->cpu.quotaUs;
+        out.periodUs = limit->cpu.periodUs;
+        out.limit100Times = cgroup::QuotaTo100Times(limit->cpu);
         if (Result<cgroup::CpuCounters> read = cgroup::ReadCpuCounters(group)) counters = *read;
     });
     out.periods = counters.periods;
@@ -119,7 +117,7 @@ void ReadCpu(int pid, const LayoutTexts& texts, CgroupCpuStatus& out) {
 }
 
 void ReadMem(int pid, const LayoutTexts& texts, CgroupMemStatus& out) {
-    OwnGroup own;
+    ProcessGroup own;
     if (!OpenOwn(Controller::kMemory, pid, texts, out, own)) return;
     cgroup::MemCounters counters;
     if (Result<cgroup::MemCounters> read = cgroup::ReadMemCounters(own.dir)) counters = *read;
