@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "AgentPaths.h"
 #include "ExitCode.h"
 
 namespace agent {
@@ -55,7 +56,7 @@ int AppDirectory::Open(const std::string& path, const std::string& name, std::st
         problem = CheckOwner(full);
         if (!problem.empty()) return kExitDirectory;
     }
-    std::string lockPath = path + "/run/" + name + ".lock";
+    std::string lockPath = LockFile(path, name);
     m_lock = open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640);
     if (m_lock < 0) {
         // Without the folder there is no lock either: what matters is then why there is no folder.

@@ -37,10 +37,6 @@ std::string Clock(long long seconds) {
 
 }  // namespace
 
-std::string EventFile(const std::string& appDir, const std::string& process) {
-    return appDir + "/log/" + process + ".events.jsonl";
-}
-
 std::vector<TailEvent> ReadEventTail(const std::string& path, size_t count) {
     std::vector<TailEvent> events;
     int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);

@@ -13,9 +13,6 @@ struct TailEvent {
     std::string body;
 };
 
-/// Returns: the path of a process's file of delivered events. Pure.
-std::string EventFile(const std::string& appDir, const std::string& process);
-
 /// Reads at most the last `count` events, oldest first. Lines that are no events are left out. Bounded: looks at the
 /// last 256 KB of the file only.
 std::vector<TailEvent> ReadEventTail(const std::string& path, size_t count);

@@ -9,6 +9,7 @@
 #include <ctime>
 
 #include "AgentLog.h"
+#include "AgentPaths.h"
 #include "ConsoleWiring.h"
 #include "ExitCode.h"
 #include "GroupClient.h"
@@ -254,7 +255,7 @@ void Process::StopComponents() {
 
 int Process::OpenConsole() {
     m_control = std::make_unique<ControlServer>(MakeConsoleActions(Sources()));
-    const base::Status started = m_control->Start(m_options.appDir + "/run/" + m_options.name + ".ctl");
+    const base::Status started = m_control->Start(ConsoleSocket(m_options.appDir, m_options.name));
     if (!started) {
         LogLine("console socket: " + started.GetError().Text() + "; tervanectl will not reach this process",
                 zel::kLogWarning);

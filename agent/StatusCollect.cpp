@@ -8,6 +8,7 @@
 #include <iterator>
 
 #include "AgentMetrics.h"
+#include "AgentPaths.h"
 #include "ComponentCare.h"
 #include "EventSink.h"
 #include "EventTail.h"

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 
+#include "AgentPaths.h"
 #include "base/Fd.h"
 #include "base/LocalSocket.h"
 
@@ -55,7 +56,7 @@ std::string ReadToEnd(const base::Fd& socket, Clock::time_point end) {
 }  // namespace
 
 base::Result<Answer> AskAgent(const std::string& appDir, const std::string& name, const std::string& request) {
-    const std::string path = appDir + "/run/" + name + ".ctl";
+    const std::string path = ConsoleSocket(appDir, name);
     const auto end = Clock::now() + kPatience;
     const base::Result<base::Fd> connection =
         base::ConnectLocal(path, base::SocketKind::kStream, base::DirectoryOwner::kAnybody, kPatience);

@@ -3,6 +3,7 @@
 
 #include <ctime>
 
+#include "AgentPaths.h"
 #include "EventTail.h"
 #include "Printable.h"
 #include "base/Database.h"
