@@ -212,6 +212,16 @@ void AddDelivery(Lines& lines, const StatusReport& report) {
     for (const std::string& event : report.lastEvents) Add(lines, "        " + event);
 }
 
+/// How many bytes the first `columns` letters take; each letter is taken for one column wide.
+size_t BytesOf(const std::string& text, size_t columns) {
+    size_t at = 0;
+    for (size_t letters = 0; at < text.size(); ++at) {
+        const bool begins = (static_cast<unsigned char>(text[at]) & 0xC0U) != 0x80U;
+        if (begins && letters++ == columns) break;
+    }
+    return at;
+}
+
 }  // namespace
 
 const char* NameOf(SortOrder order) {
@@ -268,6 +278,24 @@ std::vector<TextLine> MakeSummary(const StatusReport& report) {
     Add(lines, Text("  %llu events accepted, %llu log lines of level 3 or worse", Number(report.delivery.accepted),
                     Number(report.logCount)));
     return lines;
+}
+
+std::vector<TextLine> FoldLines(const std::vector<TextLine>& lines, size_t columns) {
+    constexpr char kIndent[] = "          ";
+    Lines folded;
+    for (const TextLine& line : lines) {
+        std::string rest = line.text;
+        for (;;) {
+            const size_t end = BytesOf(rest, columns);
+            if (end >= rest.size() || columns <= 2 * sizeof kIndent) break;
+            const size_t blank = rest.rfind(' ', end);
+            const bool atBlank = blank != std::string::npos && blank > sizeof kIndent;
+            Add(folded, rest.substr(0, atBlank ? blank : end), line.kind);
+            rest = kIndent + rest.substr(atBlank ? blank + 1 : end);
+        }
+        Add(folded, rest, line.kind);
+    }
+    return folded;
 }
 
 std::string JoinLines(const std::vector<TextLine>& lines) {

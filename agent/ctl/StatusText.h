@@ -43,6 +43,9 @@ std::vector<TextLine> MakePicture(const StatusReport& report, const CpuShares& s
 /// What came of the time since the process started, for its end. Pure.
 std::vector<TextLine> MakeSummary(const StatusReport& report);
 
+/// Lines that are longer than `columns` go on below, at a blank where there is one. Pure.
+std::vector<TextLine> FoldLines(const std::vector<TextLine>& lines, size_t columns);
+
 /// The lines one below the other. Pure.
 std::string JoinLines(const std::vector<TextLine>& lines);
 

@@ -116,8 +116,9 @@ private:
             lines.push_back({Text("log, level 3 or worse (%llu so far):", count), LineKind::kTitle});
             for (const std::string& line : m_log) lines.push_back({"  " + line, LineKind::kPlain});
         }
-        m_screen.Show(lines, std::string("q quit  h help  p ") + (m_paused ? "go on (PAUSED)" : "pause") +
-                                 "  s sort: " + NameOf(m_picture.order));
+        m_screen.Show(FoldLines(lines, static_cast<size_t>(m_screen.Columns() - 1)),
+                      std::string("q quit  h help  p ") + (m_paused ? "go on (PAUSED)" : "pause") +
+                          "  s sort: " + NameOf(m_picture.order));
     }
 
     static std::vector<TextLine> Help() {

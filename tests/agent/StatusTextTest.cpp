@@ -163,3 +163,17 @@ TEST(StatusTextTest, TheSummaryAveragesOverTheTimeSinceTheStart) {
     EXPECT_NE(nullptr, Find(lines, "  event killed"));
     EXPECT_EQ("  0 events accepted, 3 log lines of level 3 or worse", lines.back().text);
 }
+
+TEST(StatusTextTest, LongLinesGoOnBelowAtABlank) {
+    const auto fold = [](const std::string& text, size_t columns) {
+        return JoinLines(FoldLines({{text, LineKind::kPlain}}, columns));
+    };
+    const std::string words = "event one two three four five six seven";
+    EXPECT_EQ(words + "\n", fold(words, 39));
+    EXPECT_EQ("event one two three four five six\n          seven\n", fold(words, 38));
+    EXPECT_EQ("event one two three four\n          five six seven\n", fold(words, 24));
+    EXPECT_EQ(std::string(30, 'x') + "\n          xxxxx\n", fold(std::string(35, 'x'), 30));
+    EXPECT_EQ("ääääääääääääääääääääääää\n          ä\n", fold("äääääääääääääääääääääääää", 24));
+    EXPECT_EQ(words + "\n", fold(words, 5)) << "a page this narrow cuts";
+    EXPECT_EQ("\n", fold("", 40));
+}
