@@ -94,7 +94,7 @@ void COnlineClientConf::Impl::Notify(IOnlineClientConfNotify* one) {
     }
 }
 
-bool COnlineClientConf::Impl::Apply(const std::map<size_t, long>& values) {
+bool COnlineClientConf::Impl::Apply(const zelhost::OnlineValues& values) {
     base::MutexLock lock(m_lock);
     bool changed = false;
     t_loaderWrites = true;

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -24,7 +23,7 @@ struct COnlineClientConf::Impl {
 
     /// The loader's way to set values: keys in `values` get these, all others what was published, else the default.
     /// Returns: whether some value changed.
-    bool Apply(const std::map<size_t, long>& values);
+    bool Apply(const zelhost::OnlineValues& values);
 
     /// Remembers what CAtomicInt64::Set put into `value` for the times when the file has no such key.
     void RecordPublished(const CAtomicInt64<long>* value, long number);

@@ -168,14 +168,13 @@ base::Status COnlineConfigLoader::Check(bool force) {
     const base::Result<std::string> text = base::ReadTrusted(m_path, kOnlineFileMaxBytes, base::TrustScope::kFile);
     if (!text && text.GetError().kind == base::ErrorKind::kNotFound) return FallBack(force);
     if (!text) return Refuse(text.GetError().Reason());
-    std::map<size_t, long> values;
-    OnlineRefusal refusal;
-    if (!ParseOnlineConfig(*text, values, refusal)) return Refuse(refusal.Text());
+    const base::Result<OnlineValues> values = ParseOnlineConfig(*text);
+    if (!values) return Refuse(values.GetError().Text());
     zel::CLogMessage::GetInstance()->log(zel::kLogInfo, "OnlineConfigLoader", __LINE__,
                                          "online configuration %s: %zu values taken over", m_path.c_str(),
-                                         values.size());
+                                         values->size());
     m_fileInForce = true;
-    Accept(values, force);
+    Accept(*values, force);
     return {};
 }
 
@@ -195,7 +194,7 @@ base::Status COnlineConfigLoader::Refuse(const std::string& reason) const {
     return base::SentenceError(reason);
 }
 
-void COnlineConfigLoader::Accept(const std::map<size_t, long>& values, bool force) {
+void COnlineConfigLoader::Accept(const OnlineValues& values, bool force) {
     m_values = values;
     const bool changed = m_conf.GetImpl()->Apply(m_values);
     if (changed || force) m_conf.GetImpl()->Notify();

@@ -2,7 +2,6 @@
 // descriptor of its directory; owns the notify thread, which enters the subscribers.
 #pragma once
 
-#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -48,7 +47,7 @@ private:
     base::FileMark LookAtFile() const;
     base::Status FallBack(bool force);
     base::Status Refuse(const std::string& reason) const;
-    void Accept(const std::map<size_t, long>& values, bool force);
+    void Accept(const OnlineValues& values, bool force);
 
     COnlineClientConf& m_conf;
     const std::string m_path;
@@ -62,7 +61,7 @@ private:
     base::FileMark m_seen;
     bool m_checkedOnce = false;
     bool m_fileInForce = false;
-    std::map<size_t, long> m_values;  // of the file in force
+    OnlineValues m_values;  // of the file in force
 
     base::Mutex m_lock;
     base::Condition m_answered;

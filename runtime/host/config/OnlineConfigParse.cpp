@@ -55,76 +55,68 @@ std::string ShownValue(const Json::Value& value) {
     return Shown(Json::writeString(builder, value));
 }
 
-bool Refuse(OnlineRefusal& refusal, const std::string& key, const std::string& value, const std::string& reason) {
-    refusal.key = Shown(key);
-    refusal.value = value;
-    refusal.reason = reason;
-    return false;
+base::Error Refuse(const std::string& reason) {
+    return base::SentenceError(reason, base::ErrorKind::kMalformed);
 }
 
-/// The one value of a member. Returns: false with the reason.
-bool TakeValue(const OnlineKey& key, const Json::Value& value, long& out, std::string& reason) {
+/// The one value of a member, or why it is none.
+base::Result<long> TakeValue(const OnlineKey& key, const Json::Value& value) {
     if (value.isBool()) {
-        if (!key.isSwitch) {
-            reason = "a number is wanted";
-            return false;
-        }
-        out = value.asBool() ? 1 : 0;
-        return true;
+        if (!key.isSwitch) return Refuse("a number is wanted");
+        return value.asBool() ? 1L : 0L;
     }
     const bool integer = value.type() == Json::intValue || value.type() == Json::uintValue;
-    if (!integer) {
-        reason = "a whole number is wanted";
-        return false;
+    if (!integer) return Refuse("a whole number is wanted");
+    if (!value.isInt64() || value.asInt64() < key.least || value.asInt64() > key.most) {
+        return Refuse("outside " + std::to_string(key.least) + ".." + std::to_string(key.most) + " " + key.unit);
     }
-    const std::string range = "outside " + std::to_string(key.least) + ".." + std::to_string(key.most) + " " + key.unit;
-    if (!value.isInt64()) {
-        reason = range;
-        return false;
-    }
-    const long number = value.asInt64();
-    if (number < key.least || number > key.most) {
-        reason = range;
-        return false;
-    }
-    out = number;
-    return true;
+    return static_cast<long>(value.asInt64());
 }
 
-bool ParseRoot(const std::string& text, Json::Value& root, OnlineRefusal& refusal) {
+base::Result<Json::Value> ParseRoot(const std::string& text) {
+    if (text.size() > kOnlineFileMaxBytes) {
+        return Refuse("longer than " + std::to_string(kOnlineFileMaxBytes) + " bytes");
+    }
+    if (text.find('\0') != std::string::npos) return Refuse("holds a zero byte");
     Json::CharReaderBuilder builder;
     Json::CharReaderBuilder::strictMode(&builder.settings_);
     builder["stackLimit"] = 16;
     builder["rejectDupKeys"] = true;
     builder["collectComments"] = false;
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value root;
     std::string errors;
     if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors)) {
-        return Refuse(refusal, "", "", "not a JSON object: " + Shown(errors));
+        return Refuse("not a JSON object: " + Shown(errors));
     }
-    if (!root.isObject()) return Refuse(refusal, "", "", "not a JSON object");
-    return true;
+    if (!root.isObject()) return Refuse("not a JSON object");
+    return root;
 }
 
-bool ParseChecked(const std::string& text, std::map<size_t, long>& values, OnlineRefusal& refusal) {
-    if (text.size() > kOnlineFileMaxBytes) return Refuse(refusal, "", "", "longer than 65536 bytes");
-    if (text.find('\0') != std::string::npos) return Refuse(refusal, "", "", "holds a zero byte");
-    Json::Value root;
-    if (!ParseRoot(text, root, refusal)) return false;
-    std::map<size_t, long> found;
-    for (const std::string& name : root.getMemberNames()) {
+/// Adds the value of a member to `values`.
+base::Status TakeMember(const std::string& name, const Json::Value& value, OnlineValues& values) {
+    const auto refuse = [&](const std::string& reason) {
+        return Refuse("key '" + Shown(name) + "', value " + ShownValue(value) + ": " + reason);
+    };
+    size_t at = 0;
+    while (at < kOnlineKeyCount && name != kKeys[at].name) ++at;
+    if (at == kOnlineKeyCount) return refuse("there is no such key");
+    const base::Result<long> number = TakeValue(kKeys[at], value);
+    if (!number) return refuse(number.GetError().Text());
+    values[at] = *number;
+    return {};
+}
+
+base::Result<OnlineValues> ParseChecked(const std::string& text) {
+    const base::Result<Json::Value> root = ParseRoot(text);
+    if (!root) return root.GetError();
+    OnlineValues values;
+    for (const std::string& name : root->getMemberNames()) {
         if (!name.empty() && name[0] == '_') continue;
-        const Json::Value& value = root[name];
-        size_t at = 0;
-        while (at < kOnlineKeyCount && name != kKeys[at].name) ++at;
-        if (at == kOnlineKeyCount) return Refuse(refusal, name, ShownValue(value), "there is no such key");
-        std::string reason;
-        long number = 0;
-        if (!TakeValue(kKeys[at], value, number, reason)) return Refuse(refusal, name, ShownValue(value), reason);
-        found[at] = number;
+        const base::Status taken = TakeMember(name, (*root)[name], values);
+        if (!taken) return taken.GetError();
     }
-    values.swap(found);
-    return true;
+    return values;
 }
 
 }  // namespace
@@ -133,16 +125,11 @@ const OnlineKey* OnlineKeys() {
     return kKeys;
 }
 
-std::string OnlineRefusal::Text() const {
-    if (key.empty()) return reason;
-    return "key '" + key + "', value " + value + ": " + reason;
-}
-
-bool ParseOnlineConfig(const std::string& text, std::map<size_t, long>& values, OnlineRefusal& refusal) {
+base::Result<OnlineValues> ParseOnlineConfig(const std::string& text) {
     try {
-        return ParseChecked(text, values, refusal);
+        return ParseChecked(text);
     } catch (const std::exception& e) {
-        return Refuse(refusal, "", "", std::string("not a JSON object: ") + Shown(e.what()));
+        return Refuse(std::string("not a JSON object: ") + Shown(e.what()));
     }
 }
 

@@ -6,6 +6,7 @@
 #include <map>
 #include <string>
 
+#include "base/Result.h"
 #include "platform/host/OnlineClientConf.h"
 
 namespace zelhost {
@@ -28,20 +29,14 @@ constexpr size_t kOnlineFileMaxBytes = 64 * 1024;
 /// The table, kOnlineKeyCount entries.
 const OnlineKey* OnlineKeys();
 
-/// Why a file was refused. `key` and `value` are empty when the whole file is at fault.
-struct OnlineRefusal {
-    std::string key;
-    std::string value;
-    std::string reason;
-
-    /// "key 'maxCpu', value '900000': ...", for one log line.
-    std::string Text() const;
-};
+/// Table positions and the values for them.
+using OnlineValues = std::map<size_t, long>;
 
 /// Reads the text of an online configuration: one JSON object, its members the names of the table. Members whose
 /// name begins with "_" are remarks. Everything else that is not in the table is refused: a misspelt limit that
 /// is silently ignored is a limit that is not in force.
-/// Returns: false with `refusal` set and `values` untouched; else `values` maps table positions to values.
-bool ParseOnlineConfig(const std::string& text, std::map<size_t, long>& values, OnlineRefusal& refusal);
+/// Errors: the whole text is refused; the error's text is fit for one log line and names the key and its value where
+/// one is at fault: "key 'maxCpu', value 900000: ...".
+base::Result<OnlineValues> ParseOnlineConfig(const std::string& text);
 
 }  // namespace zelhost

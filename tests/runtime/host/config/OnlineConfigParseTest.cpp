@@ -3,7 +3,7 @@
 
 #include "HostSupport.h"
 
-using zelhost::OnlineRefusal;
+using zelhost::OnlineValues;
 using zelhost::ParseOnlineConfig;
 
 namespace {
@@ -13,26 +13,31 @@ size_t At(const std::string& name) {
     }
     return zelhost::kOnlineKeyCount;
 }
+
+OnlineValues Taken(const std::string& text) {
+    const auto values = ParseOnlineConfig(text);
+    if (values) return *values;
+    ADD_FAILURE() << text << values.GetError().Text();
+    return {};
+}
+
+/// Empty when the text was taken.
+std::string Refusal(const std::string& text) {
+    const auto values = ParseOnlineConfig(text);
+    return values ? "" : values.GetError().Text();
+}
 }  // namespace
 
 TEST(OnlineConfigParseTest, TakesEveryKeyAtBothEndsOfItsRange) {
     for (size_t i = 0; i < zelhost::kOnlineKeyCount; ++i) {
         const auto& key = zelhost::OnlineKeys()[i];
+        const std::string begin = "{\"" + std::string(key.name) + "\":";
         for (long value : {key.least, key.most}) {
-            std::map<size_t, long> values;
-            OnlineRefusal refusal;
-            const std::string text = "{\"" + std::string(key.name) + "\":" + std::to_string(value) + "}";
-            ASSERT_TRUE(ParseOnlineConfig(text, values, refusal)) << text << refusal.Text();
-            EXPECT_EQ(values, (std::map<size_t, long>{{i, value}})) << text;
+            EXPECT_EQ(Taken(begin + std::to_string(value) + "}"), (OnlineValues{{i, value}})) << key.name;
         }
         for (const std::string& value : {std::to_string(key.least - 1), std::to_string(key.most + 1)}) {
-            std::map<size_t, long> values{{3, 7}};
-            OnlineRefusal refusal;
-            EXPECT_FALSE(ParseOnlineConfig("{\"" + std::string(key.name) + "\":" + value + "}", values, refusal));
-            EXPECT_EQ(refusal.key, key.name);
-            EXPECT_EQ(refusal.value, value);
-            EXPECT_THAT(refusal.reason, testing::StartsWith("outside "));
-            EXPECT_EQ(values, (std::map<size_t, long>{{3, 7}}));
+            EXPECT_THAT(Refusal(begin + value + "}"),
+                        testing::StartsWith("key '" + std::string(key.name) + "', value " + value + ": outside "));
         }
     }
 }
@@ -46,10 +51,8 @@ TEST(OnlineConfigParseTest, DefaultsLieInsideTheRanges) {
 }
 
 TEST(OnlineConfigParseTest, TakesSwitchesAsWordsAndRemarks) {
-    std::map<size_t, long> values;
-    OnlineRefusal refusal;
-    ASSERT_TRUE(ParseOnlineConfig("{\"_remark\":[1,{}],\"cpuLimitEnabled\":false,\"cpuAll\":true}", values, refusal));
-    EXPECT_EQ(values, (std::map<size_t, long>{{At("cpuLimitEnabled"), 0}, {At("cpuAll"), 1}}));
+    EXPECT_EQ(Taken("{\"_remark\":[1,{}],\"cpuLimitEnabled\":false,\"cpuAll\":true}"),
+              (OnlineValues{{At("cpuLimitEnabled"), 0}, {At("cpuAll"), 1}}));
 }
 
 TEST(OnlineConfigParseTest, RefusesWholeWhatIsPartlyWrong) {
@@ -65,13 +68,7 @@ TEST(OnlineConfigParseTest, RefusesWholeWhatIsPartlyWrong) {
         {"{\"maxCpu\":-1}", "key 'maxCpu', value -1: outside 0..10000 percent"},
         {"{\"maxCpu\":18446744073709551615}", "key 'maxCpu', value 18446744073709551615: outside 0..10000 percent"},
     };
-    for (const auto& c : cases) {
-        std::map<size_t, long> values{{1, 1}};
-        OnlineRefusal refusal;
-        EXPECT_FALSE(ParseOnlineConfig(c.text, values, refusal)) << c.text;
-        EXPECT_EQ(refusal.Text(), c.refusal) << c.text;
-        EXPECT_EQ(values, (std::map<size_t, long>{{1, 1}})) << c.text;
-    }
+    for (const auto& c : cases) EXPECT_EQ(Refusal(c.text), c.refusal) << c.text;
 }
 
 TEST(OnlineConfigParseTest, RefusesWhatIsNoObject) {
@@ -96,27 +93,21 @@ TEST(OnlineConfigParseTest, RefusesWhatIsNoObject) {
                                  "{\"maxCpu\":1e400}",
                                  "{}" + std::string(70000, ' ')};
     for (const std::string& text : cases) {
-        std::map<size_t, long> values{{1, 1}};
-        OnlineRefusal refusal;
-        EXPECT_FALSE(ParseOnlineConfig(text, values, refusal)) << text.substr(0, 40);
-        EXPECT_FALSE(refusal.reason.empty());
-        EXPECT_EQ(refusal.Text().find('\n'), std::string::npos) << "one log line";
-        EXPECT_EQ(values, (std::map<size_t, long>{{1, 1}}));
+        const std::string refusal = Refusal(text);
+        EXPECT_FALSE(refusal.empty()) << text.substr(0, 40);
+        EXPECT_EQ(refusal.find('\n'), std::string::npos) << "one log line";
     }
 }
 
 TEST(OnlineConfigParseTest, AnEmptyObjectHoldsNoValue) {
-    std::map<size_t, long> values{{1, 1}};
-    OnlineRefusal refusal;
-    EXPECT_TRUE(ParseOnlineConfig("{}", values, refusal));
-    EXPECT_TRUE(values.empty());
+    EXPECT_EQ(Taken("{}"), OnlineValues{});
 }
 
 TEST(OnlineConfigParseTest, ALongHostileValueIsCutInTheReason) {
-    std::map<size_t, long> values;
-    OnlineRefusal refusal;
-    EXPECT_FALSE(ParseOnlineConfig("{\"maxCpu\":\"" + std::string(5000, 'x') + "\"}", values, refusal));
-    EXPECT_LT(refusal.Text().size(), 200u);
-    EXPECT_FALSE(ParseOnlineConfig("{\"" + std::string(5000, '\x7f') + "\":1}", values, refusal));
-    EXPECT_LT(refusal.Text().size(), 200u);
+    for (const std::string& text :
+         {"{\"maxCpu\":\"" + std::string(5000, 'x') + "\"}", "{\"" + std::string(5000, '\x7f') + "\":1}"}) {
+        const std::string refusal = Refusal(text);
+        EXPECT_FALSE(refusal.empty());
+        EXPECT_LT(refusal.size(), 200u);
+    }
 }
