@@ -31,18 +31,19 @@ struct Curl {
     decltype(&curl_easy_strerror) strerror = nullptr;
     decltype(&curl_slist_append) append = nullptr;
     decltype(&curl_slist_free_all) freeAll = nullptr;
-    std::string problem;
+    base::Status usable;
 
     Curl() {
         void* library = dlopen("libcurl.so.4", RTLD_NOW | RTLD_LOCAL);
         if (library == nullptr) {
             const char* reason = dlerror();
-            problem = std::string("libcurl cannot be loaded (package libcurl4): ") + (reason != nullptr ? reason : "");
+            usable = base::SentenceError(std::string("libcurl cannot be loaded (package libcurl4): ") +
+                                         (reason != nullptr ? reason : ""));
             return;
         }
         const auto find = [&](auto& function, const char* name) {
             function = reinterpret_cast<std::remove_reference_t<decltype(function)>>(dlsym(library, name));
-            if (function == nullptr) problem = std::string("libcurl has no ") + name;
+            if (function == nullptr) usable = base::SentenceError(std::string("libcurl has no ") + name);
         };
         find(globalInit, "curl_global_init");
         find(easyInit, "curl_easy_init");
@@ -53,7 +54,9 @@ struct Curl {
         find(strerror, "curl_easy_strerror");
         find(append, "curl_slist_append");
         find(freeAll, "curl_slist_free_all");
-        if (problem.empty() && globalInit(CURL_GLOBAL_DEFAULT) != CURLE_OK) problem = "libcurl does not start";
+        if (usable && globalInit(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+            usable = base::SentenceError("libcurl does not start");
+        }
     }
 };
 
@@ -67,6 +70,70 @@ size_t CountAnswer(char*, size_t size, size_t count, void* user) {
     long& total = *static_cast<long*>(user);
     total += static_cast<long>(size * count);
     return total > kMostAnswerBytes ? 0 : size * count;
+}
+
+/// One request that is being made; `request` must outlive it.
+class CurlPost {
+public:
+    CurlPost(const Curl& curl, const HttpRequest& request) : m_curl(curl), m_handle(curl.easyInit()) {
+        if (m_handle == nullptr) return;
+        SetContent(request);
+        SetBounds(request);
+    }
+    ~CurlPost() {
+        if (m_headers != nullptr) m_curl.freeAll(m_headers);
+        if (m_handle != nullptr) m_curl.cleanup(m_handle);
+    }
+    CurlPost(const CurlPost&) = delete;
+    CurlPost& operator=(const CurlPost&) = delete;
+
+    base::Status Perform(long& status) {
+        if (m_handle == nullptr) return base::SentenceError("libcurl gives no handle");
+        const CURLcode code = m_curl.perform(m_handle);
+        m_curl.getinfo(m_handle, CURLINFO_RESPONSE_CODE, &status);
+        if (code != CURLE_OK) return base::SentenceError(m_error[0] != '\0' ? m_error : m_curl.strerror(code));
+        if (status < 200 || status > 299) return base::SentenceError("the server answered " + std::to_string(status));
+        return {};
+    }
+
+private:
+    void SetContent(const HttpRequest& request) {
+        m_headers = m_curl.append(m_headers, ("Content-Type: " + request.contentType).c_str());
+        m_headers = m_curl.append(m_headers, "Expect:");
+        for (const std::string& header : request.headers) m_headers = m_curl.append(m_headers, header.c_str());
+        m_curl.setopt(m_handle, CURLOPT_URL, request.url.c_str());
+        m_curl.setopt(m_handle, CURLOPT_POST, 1L);
+        m_curl.setopt(m_handle, CURLOPT_POSTFIELDS, request.body.c_str());
+        m_curl.setopt(m_handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+        m_curl.setopt(m_handle, CURLOPT_HTTPHEADER, m_headers);
+    }
+    void SetBounds(const HttpRequest& request) {
+        const long verify = request.verifyTls ? 1L : 0L;
+        m_curl.setopt(m_handle, CURLOPT_PROTOCOLS_STR, "http,https");
+        m_curl.setopt(m_handle, CURLOPT_FOLLOWLOCATION, 0L);
+        m_curl.setopt(m_handle, CURLOPT_NOSIGNAL, 1L);
+        m_curl.setopt(m_handle, CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeoutMs));
+        m_curl.setopt(m_handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.timeoutMs));
+        m_curl.setopt(m_handle, CURLOPT_SSL_VERIFYPEER, verify);
+        m_curl.setopt(m_handle, CURLOPT_SSL_VERIFYHOST, verify * 2);
+        if (!request.caFile.empty()) m_curl.setopt(m_handle, CURLOPT_CAINFO, request.caFile.c_str());
+        m_curl.setopt(m_handle, CURLOPT_ERRORBUFFER, m_error);
+        m_curl.setopt(m_handle, CURLOPT_WRITEFUNCTION, CountAnswer);
+        m_curl.setopt(m_handle, CURLOPT_WRITEDATA, &m_answered);
+    }
+
+    const Curl& m_curl;
+    CURL* const m_handle;
+    curl_slist* m_headers = nullptr;
+    char m_error[CURL_ERROR_SIZE] = "";
+    long m_answered = 0;
+};
+
+base::Status PostOnce(const HttpRequest& request, long& status) {
+    status = 0;
+    const Curl& curl = LoadedCurl();
+    if (!curl.usable) return curl.usable;
+    return CurlPost(curl, request).Perform(status);
 }
 
 }  // namespace
@@ -89,82 +156,38 @@ unsigned int CHttpService::GetFailCount() {
     return m_failures;
 }
 
-std::string CHttpService::WhyUnavailable() {
-    return LoadedCurl().problem;
-}
-
-HttpResult CHttpService::PostOnce(const HttpRequest& request) {
-    HttpResult result;
-    const Curl& curl = LoadedCurl();
-    if (!curl.problem.empty()) {
-        result.error = curl.problem;
-        return result;
-    }
-    CURL* handle = curl.easyInit();
-    if (handle == nullptr) {
-        result.error = "libcurl gives no handle";
-        return result;
-    }
-    curl_slist* headers = curl.append(nullptr, ("Content-Type: " + request.contentType).c_str());
-    headers = curl.append(headers, "Expect:");
-    for (const std::string& header : request.headers) headers = curl.append(headers, header.c_str());
-    char error[CURL_ERROR_SIZE] = "";
-    long answered = 0;
-    const long verify = request.verifyTls ? 1L : 0L;
-    curl.setopt(handle, CURLOPT_URL, request.url.c_str());
-    curl.setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl.setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
-    curl.setopt(handle, CURLOPT_NOSIGNAL, 1L);
-    curl.setopt(handle, CURLOPT_POST, 1L);
-    curl.setopt(handle, CURLOPT_POSTFIELDS, request.body.c_str());
-    curl.setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
-    curl.setopt(handle, CURLOPT_HTTPHEADER, headers);
-    curl.setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeoutMs));
-    curl.setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.timeoutMs));
-    curl.setopt(handle, CURLOPT_SSL_VERIFYPEER, verify);
-    curl.setopt(handle, CURLOPT_SSL_VERIFYHOST, verify * 2);
-    if (!request.caFile.empty()) curl.setopt(handle, CURLOPT_CAINFO, request.caFile.c_str());
-    curl.setopt(handle, CURLOPT_ERRORBUFFER, error);
-    curl.setopt(handle, CURLOPT_WRITEFUNCTION, CountAnswer);
-    curl.setopt(handle, CURLOPT_WRITEDATA, &answered);
-    const CURLcode code = curl.perform(handle);
-    curl.getinfo(handle, CURLINFO_RESPONSE_CODE, &result.status);
-    if (code != CURLE_OK) {
-        result.error = error[0] != '\0' ? error : curl.strerror(code);
-    } else if (result.status < 200 || result.status > 299) {
-        result.error = "the server answered " + std::to_string(result.status);
-    } else {
-        result.ok = true;
-    }
-    curl.freeAll(headers);
-    curl.cleanup(handle);
-    return result;
+void CHttpService::CountFailure() {
+    base::MutexLock lock(m_lock);
+    ++m_failures;
 }
 
 HttpResult CHttpService::Post(const HttpRequest& request) {
     HttpResult result;
     if (!IsHttpUrl(request.url)) {
-        result.error = "not an http or https address";
-        base::MutexLock lock(m_lock);
-        ++m_failures;
+        result.outcome = base::SentenceError("not an http or https address", base::ErrorKind::kRefused);
+        CountFailure();
         return result;
     }
-    for (unsigned int attempt = 1;; ++attempt) {
-        result = PostOnce(request);
-        result.attempts = attempt;
-        base::MutexLock lock(m_lock);
-        if (result.ok) {
+    for (;;) {
+        result.outcome = PostOnce(request, result.status);
+        ++result.attempts;
+        if (result.outcome) {
+            base::MutexLock lock(m_lock);
             m_budget.Earn();
             return result;
         }
-        ++m_failures;
+        CountFailure();
         // An answer of the 400 family will not get better, but for these two.
         const long status = result.status;
         const bool hopeless = status >= 400 && status < 500 && status != 408 && status != 429;
-        if (attempt >= request.attempts || hopeless || !m_budget.Take()) return result;
-        lock.unlock();
-        std::this_thread::sleep_for(std::chrono::milliseconds(kRetryPauseMs * attempt));
+        if (result.attempts >= request.attempts || hopeless || !TakeRetry()) return result;
+        std::this_thread::sleep_for(std::chrono::milliseconds(kRetryPauseMs * result.attempts));
     }
+}
+
+bool CHttpService::TakeRetry() {
+    base::MutexLock lock(m_lock);
+    return m_budget.Take();
 }
 
 }  // namespace zelhost

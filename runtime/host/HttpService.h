@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/Mutex.h"
+#include "base/Result.h"
 #include "platform/host/Http.h"
 
 namespace zelhost {
@@ -23,9 +24,8 @@ struct HttpRequest {
 };
 
 struct HttpResult {
-    bool ok = false;    ///< an answer of the 200 family
-    long status = 0;    ///< 0: no answer
-    std::string error;  ///< why not ok
+    base::Status outcome;  ///< good: an answer of the 200 family
+    long status = 0;       ///< 0: no answer
     unsigned int attempts = 0;
 };
 
@@ -58,11 +58,10 @@ public:
     /// Blocks: up to attempts x timeoutMs and the pauses between them.
     HttpResult Post(const HttpRequest& request);
 
-    /// Returns: empty when requests can be made, else why not.
-    static std::string WhyUnavailable();
-
 private:
-    HttpResult PostOnce(const HttpRequest& request);
+    void CountFailure();
+    /// Returns: whether the budget has one more repetition.
+    bool TakeRetry();
 
     base::Mutex m_lock;
     unsigned int m_failures ZEL_GUARDED_BY(m_lock) = 0;

@@ -255,9 +255,9 @@ bool CHttpSink::IsHopeless(const SpoolMessage& message, const HttpResult& result
 Handover CHttpSink::Deliver(const std::vector<SpoolMessage>& messages) {
     for (size_t i = 0; i < messages.size(); ++i) {
         const HttpResult result = Post(messages[i]);
-        if (result.ok) continue;
+        if (result.outcome) continue;
         if (!IsHopeless(messages[i], result)) {
-            return {i, base::SentenceError(m_options.httpUrl + ": " + result.error)};
+            return {i, base::SentenceError(m_options.httpUrl + ": " + result.outcome.GetError().Text())};
         }
         zel::CLogMessage::GetInstance()->log(zel::kLogError, "EventSinks", __LINE__,
                                              "message %s is given up: %s refuses it with %ld", messages[i].id.c_str(),

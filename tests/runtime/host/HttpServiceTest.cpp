@@ -30,7 +30,7 @@ TEST(HttpServiceTest, PostsBodyAndHeadersAndCountsNoFailure) {
     HttpRequest request = To(server.Url());
     request.headers.push_back("X-One: two");
     const auto result = CHttpService::Instance().Post(request);
-    ASSERT_TRUE(result.ok) << result.error;
+    ASSERT_TRUE(support::IsOk(result.outcome));
     EXPECT_EQ(result.status, 200);
     ASSERT_EQ(server.Accepted().size(), 1u);
     EXPECT_EQ(server.Accepted()[0].body, "{\"a\":1}");
@@ -48,11 +48,11 @@ TEST(HttpServiceTest, EveryFailedAttemptIsCounted) {
     }
     const unsigned int before = GetHttpInstance()->GetFailCount();
     const auto result = CHttpService::Instance().Post(To("http://127.0.0.1:" + std::to_string(port) + "/"));
-    EXPECT_FALSE(result.ok);
+    ASSERT_FALSE(result.outcome);
     EXPECT_EQ(result.status, 0);
-    EXPECT_FALSE(result.error.empty());
+    EXPECT_FALSE(result.outcome.GetError().Text().empty());
     EXPECT_EQ(GetHttpInstance()->GetFailCount(), before + 1);
-    EXPECT_FALSE(CHttpService::Instance().Post(To("gopher://x/")).ok);
+    EXPECT_FALSE(CHttpService::Instance().Post(To("gopher://x/")).outcome);
     EXPECT_EQ(GetHttpInstance()->GetFailCount(), before + 2);
 }
 
@@ -62,8 +62,8 @@ TEST(HttpServiceTest, AServerThatIsSilentIsGivenUp) {
     HttpRequest request = To(server.Url());
     request.timeoutMs = 100;
     const auto result = CHttpService::Instance().Post(request);
-    EXPECT_FALSE(result.ok);
-    EXPECT_FALSE(result.error.empty());
+    ASSERT_FALSE(result.outcome);
+    EXPECT_FALSE(result.outcome.GetError().Text().empty());
     server.Hang(false);
 }
 
@@ -75,7 +75,7 @@ TEST(HttpServiceTest, ServerErrorsAreTriedAgainRefusalsAreNot) {
     EXPECT_EQ(CHttpService::Instance().Post(To(server.Url(), 3)).attempts, 1u);
     server.AnswerWith(302);
     const auto redirected = CHttpService::Instance().Post(To(server.Url(), 1));
-    EXPECT_FALSE(redirected.ok) << "redirections are not followed";
+    EXPECT_FALSE(redirected.outcome) << "redirections are not followed";
 }
 
 TEST(HttpServiceTest, TheRetryBudgetRunsDryAndRefillsByTenths) {
@@ -115,21 +115,22 @@ TEST(HttpServiceTest, ACertificateThatNobodySignedIsNotAccepted) {
     HttpRequest request = To(url);
     zelhost::HttpResult result;
     // The server speaks no HTTP: an answer that is none shows that the connection itself was accepted.
-    const auto talked = [&] { return result.error.find("HTTP/0.9") != std::string::npos; };
+    const auto error = [&] { return result.outcome ? "" : result.outcome.GetError().Text(); };
+    const auto talked = [&] { return error().find("HTTP/0.9") != std::string::npos; };
     // Until the server listens the failure is another one.
     support::Eventually([&] {
         request.verifyTls = false;
         result = CHttpService::Instance().Post(request);
         return talked();
     });
-    EXPECT_TRUE(talked()) << "unverified it talks: " << result.error;
+    EXPECT_TRUE(talked()) << "unverified it talks: " << error();
     request.verifyTls = true;
     result = CHttpService::Instance().Post(request);
     EXPECT_FALSE(talked());
-    EXPECT_THAT(result.error, testing::HasSubstr("certificate"));
+    EXPECT_THAT(error(), testing::HasSubstr("certificate"));
     request.caFile = dir / "cert.pem";
     result = CHttpService::Instance().Post(request);
-    EXPECT_TRUE(talked()) << "with the right authority it talks: " << result.error;
+    EXPECT_TRUE(talked()) << "with the right authority it talks: " << error();
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
 }
