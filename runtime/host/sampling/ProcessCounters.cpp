@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <ctime>
 
 #include "base/Result.h"
+#include "sampling/Clock.h"
 #include "sampling/SamplerLog.h"
 
 namespace zelhost {
@@ -19,12 +19,6 @@ constexpr uint64_t kVeryDearFdRounds = 60;
 constexpr int64_t kManyFds = 1000;
 constexpr uint64_t kReopenRounds = 60;
 constexpr size_t kFileBytes = 1024;
-
-int64_t ClockNs(clockid_t clock) {
-    timespec ts{};
-    clock_gettime(clock, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * kNsPerSecond + ts.tv_nsec;
-}
 }  // namespace
 
 CProcessCounters::CProcessCounters(const SamplingRules& rules)

@@ -10,6 +10,7 @@
 
 #include "base/FileIo.h"
 #include "platform/zel/ThreadUtil.h"
+#include "sampling/Clock.h"
 #include "sampling/SamplerLog.h"
 
 namespace zelhost {

@@ -1,29 +1,18 @@
 // CPU figures of this process's threads.
 #include "sampling/ThreadFacts.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <ctime>
 
 #include "platform/zel/ThreadUtil.h"
+#include "sampling/Clock.h"
 
 namespace zelhost {
 namespace {
-constexpr int64_t kSecondNs = 1000000000;
 // A second reader within this time gets the first one's pass: many askers cost as much as one.
 constexpr int64_t kFreshNs = 20 * 1000000;
-constexpr int64_t kBaselineNs = 60 * kSecondNs;
+constexpr int64_t kBaselineNs = 60 * kNsPerSecond;
 // Beyond this many threads a pass reads one file of each instead of two (10 ms steps are fine over a minute).
 constexpr size_t kFineThreads = 1024;
-
-int64_t ClockNs(clockid_t clock) {
-    timespec ts{};
-    clock_gettime(clock, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * kSecondNs + ts.tv_nsec;
-}
-
-const int64_t kTickNs = kSecondNs / std::max(1L, sysconf(_SC_CLK_TCK));
 }  // namespace
 
 CThreadFacts& CThreadFacts::Instance() {
@@ -42,7 +31,7 @@ bool CThreadFacts::ReadThread(const base::OwnThreads& threads, bool fine, Readin
     reading.running = stat->state == 'R';
     reading.systemTicks = stat->systemTicks;
     reading.startTicks = stat->startTicks;
-    reading.cpuNs = static_cast<int64_t>(stat->userTicks + stat->systemTicks) * kTickNs;
+    reading.cpuNs = static_cast<int64_t>(stat->userTicks + stat->systemTicks) * TickNs();
     const int64_t fineNs = fine ? threads.CpuNs().value_or(0) : 0;
     if (fineNs > 0) reading.cpuNs = fineNs;
     return true;
@@ -55,7 +44,7 @@ void CThreadFacts::Account(long tid, const Reading& reading, int64_t nowNs, bool
         entry = Entry();
         entry.startTicks = reading.startTicks;
         const int64_t bootNs = ClockNs(CLOCK_BOOTTIME);
-        const int64_t startNs = static_cast<int64_t>(reading.startTicks) * kTickNs;
+        const int64_t startNs = static_cast<int64_t>(reading.startTicks) * TickNs();
         entry.older.timeNs = std::min(nowNs - 1, nowNs - (bootNs - startNs));
         entry.newer = entry.older;
         entry.now = entry.older;
@@ -110,7 +99,7 @@ ThreadFigures CThreadFacts::FiguresOf(long tid, const Entry& entry) {
     };
     f.avgLoad = load(entry.now.cpuNs - entry.older.cpuNs);
     f.sysLoad =
-        std::min(f.avgLoad, load(static_cast<int64_t>(entry.now.systemTicks - entry.older.systemTicks) * kTickNs));
+        std::min(f.avgLoad, load(static_cast<int64_t>(entry.now.systemTicks - entry.older.systemTicks) * TickNs()));
     f.hit = entry.now.hit - entry.older.hit;
     f.statCnt = entry.now.samples - entry.older.samples;
     return f;
@@ -124,25 +113,25 @@ std::vector<ThreadFigures> CThreadFacts::AllLocked() const {
 }
 
 void CThreadFacts::Sample() {
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     SampleLocked();
 }
 
 void CThreadFacts::MarkBaseline() {
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     for (auto& entry : m_threads) entry.second.older = entry.second.newer = entry.second.now;
     m_baselineNs = m_lastSampleNs;
 }
 
 int64_t CThreadFacts::LastPassNs() {
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     return m_lastPassNs;
 }
 
 std::vector<ThreadFigures> CThreadFacts::Busiest(size_t most) {
     std::vector<ThreadFigures> all;
     {
-        std::lock_guard<std::mutex> lock(m_lock);
+        base::MutexLock lock(m_lock);
         SampleLocked();
         all = AllLocked();
     }
@@ -165,7 +154,7 @@ void CThreadFacts::GetHighCpuUsageThread(long& tid, unsigned int& usage) {
 void CThreadFacts::GetThreadsCpuUsage(std::list<CSysThreadsCpuUsage>& list) {
     std::vector<ThreadFigures> all;
     {
-        std::lock_guard<std::mutex> lock(m_lock);
+        base::MutexLock lock(m_lock);
         SampleLocked();
         all = AllLocked();
     }

@@ -3,11 +3,11 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "base/Mutex.h"
 #include "base/ProcFiles.h"
 #include "platform/host/SysIntf.h"
 
@@ -66,18 +66,18 @@ private:
         std::string name;
     };
 
-    void SampleLocked();
+    void SampleLocked() ZEL_REQUIRES(m_lock);
     static bool ReadThread(const base::OwnThreads& threads, bool fine, Reading& reading);
-    void Account(long tid, const Reading& reading, int64_t nowNs, bool moveBaseline);
+    void Account(long tid, const Reading& reading, int64_t nowNs, bool moveBaseline) ZEL_REQUIRES(m_lock);
     static ThreadFigures FiguresOf(long tid, const Entry& entry);
-    std::vector<ThreadFigures> AllLocked() const;
+    std::vector<ThreadFigures> AllLocked() const ZEL_REQUIRES(m_lock);
 
-    std::mutex m_lock;
-    std::unordered_map<long, Entry> m_threads;
-    uint64_t m_pass = 0;
-    int64_t m_lastSampleNs = 0;
-    int64_t m_baselineNs = 0;
-    int64_t m_lastPassNs = 0;
+    base::Mutex m_lock;
+    std::unordered_map<long, Entry> m_threads ZEL_GUARDED_BY(m_lock);
+    uint64_t m_pass ZEL_GUARDED_BY(m_lock) = 0;
+    int64_t m_lastSampleNs ZEL_GUARDED_BY(m_lock) = 0;
+    int64_t m_baselineNs ZEL_GUARDED_BY(m_lock) = 0;
+    int64_t m_lastPassNs ZEL_GUARDED_BY(m_lock) = 0;
 };
 
 }  // namespace zelhost

@@ -49,8 +49,6 @@ struct Averages {
     int64_t writeKbps = 0;
 };
 
-constexpr int64_t kNsPerSecond = 1000000000;
-
 inline int64_t PerSecondKb(uint64_t bytes, int64_t wallNs) {
     if (wallNs <= 0) return 0;
     return static_cast<int64_t>(static_cast<double>(bytes) / 1024.0 * 1e9 / static_cast<double>(wallNs));

@@ -6,17 +6,18 @@
 #include <algorithm>
 
 #include "platform/zel/LogMessage.h"
+#include "sampling/Clock.h"
 
 namespace zelhost {
 
 void CWatchedProcesses::Set(std::map<unsigned int, std::string> processes) {
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     m_wanted = std::move(processes);
     m_changed = true;
 }
 
 void CWatchedProcesses::SetMost(int most) {
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     if (m_most == most) return;
     m_most = most;
     m_changed = true;
@@ -24,7 +25,7 @@ void CWatchedProcesses::SetMost(int most) {
 
 void CWatchedProcesses::Clear() {
     m_entries.clear();
-    std::lock_guard<std::mutex> lock(m_lock);
+    base::MutexLock lock(m_lock);
     m_changed = !m_wanted.empty();
 }
 
@@ -33,7 +34,7 @@ void CWatchedProcesses::TakeNewSet() {
     int most = 0;
     if (!m_changed) return;
     {
-        std::lock_guard<std::mutex> lock(m_lock);
+        base::MutexLock lock(m_lock);
         m_changed = false;
         wanted = m_wanted;
         most = std::max(m_most, 0);
@@ -67,7 +68,6 @@ void CWatchedProcesses::TakeNewSet() {
 
 void CWatchedProcesses::Look(Entry& entry, int64_t nowNs, int64_t maxCpu100Times, int64_t maxMemKb,
                              std::vector<WatchedEvent>& events) {
-    static const int64_t tickNs = kNsPerSecond / std::max(1L, sysconf(_SC_CLK_TCK));
     static const int64_t pageKb = std::max(1L, sysconf(_SC_PAGESIZE) / 1024);
     if (entry.ended) return;
     char text[base::kSmallProcBytes];
@@ -80,7 +80,7 @@ void CWatchedProcesses::Look(Entry& entry, int64_t nowNs, int64_t maxCpu100Times
     }
     const uint64_t ticks = stat->userTicks + stat->systemTicks;
     if (entry.lastNs != 0) {
-        const int64_t cpu = Cpu100Times(static_cast<int64_t>(ticks - entry.lastTicks) * tickNs, nowNs - entry.lastNs);
+        const int64_t cpu = Cpu100Times(static_cast<int64_t>(ticks - entry.lastTicks) * TickNs(), nowNs - entry.lastNs);
         const int level = NextLevel(entry.cpuLevel, cpu, maxCpu100Times);
         if (level == 2 && entry.cpuLevel != 2) events.push_back({WatchedEvent::kCpuHigh, entry.pid, entry.name, cpu});
         entry.cpuLevel = level;

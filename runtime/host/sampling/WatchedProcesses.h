@@ -5,10 +5,10 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "base/Mutex.h"
 #include "sampling/UsageLevel.h"
 #include "base/ProcFiles.h"
 
@@ -53,10 +53,10 @@ private:
     void TakeNewSet();
     void Look(Entry& entry, int64_t nowNs, int64_t maxCpu100Times, int64_t maxMemKb, std::vector<WatchedEvent>& events);
 
-    std::mutex m_lock;
+    base::Mutex m_lock;
     std::atomic<bool> m_changed{false};  // set under the lock, looked at first without it
-    int m_most = 100;
-    std::map<unsigned int, std::string> m_wanted;
+    int m_most ZEL_GUARDED_BY(m_lock) = 100;
+    std::map<unsigned int, std::string> m_wanted ZEL_GUARDED_BY(m_lock);
     std::vector<Entry> m_entries;  // of the sampling thread
     size_t m_next = 0;
 };

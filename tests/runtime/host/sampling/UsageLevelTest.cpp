@@ -31,8 +31,8 @@ TEST(UsageLevelTest, AveragesAreDifferencesOfSums) {
     from.rounds = 10;
     from.cpuNs = 500;
     to.rounds = 12;
-    to.wallNs = 2 * kNsPerSecond;
-    to.cpuNs = 500 + kNsPerSecond;
+    to.wallNs = 2000000000;
+    to.cpuNs = 500 + 1000000000;
     to.memKbSum = 300;
     to.fdSum = 14;
     to.readBytes = 4096;
