@@ -3,9 +3,12 @@
 
 #include <gmock/gmock.h>
 
+#include "platform/zel/LimitKeys.h"
+
 namespace agent {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -27,6 +30,25 @@ TEST(ResourceFileCheckTest, EveryKindOfMistakeIsNamedWithItsLine) {
                     HasSubstr("line 5: \"just words\" is no \"key = value\""),
                     HasSubstr("line 7: cpu_all stands there twice"),
                     HasSubstr("line 8: keys below a [section] are not read")));
+}
+
+TEST(ResourceFileCheckTest, EveryRangeEndsWhereItsTableSays) {
+    for (const zel::LimitKey* key : zel::kLimitKeys) {
+        if (key->resourceName == nullptr || key->kind == zel::LimitKeyKind::kText) continue;
+        const std::string name = key->resourceName;
+        for (const long inside : {key->least, key->most, key->byDefault}) {
+            EXPECT_THAT(CheckResourceText(name + " = " + std::to_string(inside)), IsEmpty()) << name << inside;
+        }
+        for (const long outside : {key->least - 1, key->most + 1}) {
+            EXPECT_THAT(
+                CheckResourceText(name + " = " + std::to_string(outside)),
+                Contains(HasSubstr(" is outside " + std::to_string(key->least) + ".." + std::to_string(key->most))))
+                << name << outside;
+        }
+    }
+    // One range for both configurations: 0 is a value, 100 CPUs at 100 percent are the most.
+    EXPECT_THAT(CheckResourceText("max_cpu = 0\nmax_memory = 0"), IsEmpty());
+    EXPECT_THAT(CheckResourceText("max_cpu = 10001"), Contains(HasSubstr("is outside 0..10000")));
 }
 
 TEST(ResourceFileCheckTest, TextWithoutAnyKeySaysThatDefaultsHold) {
