@@ -2,11 +2,14 @@
 // the file that is replaced are in the same place even when the directory is moved meanwhile.
 #include "base/FileReplace.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 
 #include "base/Fd.h"
 #include "base/FileIo.h"
@@ -15,13 +18,42 @@
 namespace base {
 namespace {
 
+constexpr std::string_view kAsideEnd = ".tmp";
+
+// Returns: the writing thread's id in the name of a file beside `name`, 0 when it is no such name.
+pid_t WriterOf(std::string_view beside, std::string_view name) {
+    const size_t around = name.size() + 1 + kAsideEnd.size();
+    if (beside.size() <= around || beside.substr(0, name.size()) != name || beside[name.size()] != '.') return 0;
+    if (beside.substr(beside.size() - kAsideEnd.size()) != kAsideEnd) return 0;
+    const char* const begin = beside.data() + name.size() + 1;
+    const char* const end = beside.data() + beside.size() - kAsideEnd.size();
+    pid_t writer = 0;
+    const std::from_chars_result result = std::from_chars(begin, end, writer);
+    return result.ec == std::errc() && result.ptr == end && writer > 0 ? writer : 0;
+}
+
+// Takes away what writers of this file left that ended before they were done. Ignoring failures: this is tidiness, and
+// the replacement itself tells what is wrong with the place.
+void RemoveLeftOvers(const Fd& directory, const std::string& name) {
+    Fd readable(RetryOnSignal([&] { return ::openat(directory.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    DIR* const entries = readable ? ::fdopendir(readable.Get()) : nullptr;
+    if (entries == nullptr) return;
+    readable.Release();
+    while (const dirent* const entry = ::readdir(entries)) {
+        const pid_t writer = WriterOf(entry->d_name, name);
+        if (writer == 0 || ::kill(writer, 0) == 0 || errno != ESRCH) continue;
+        ::unlinkat(directory.Get(), entry->d_name, 0);
+    }
+    ::closedir(entries);
+}
+
 // The file beside the one to be replaced. Its name holds the writing thread's id: two writers of one path never meet
-// in it, and what a crash left is taken away by the next thread of that id.
+// in it, and everybody sees whether its writer still lives.
 class Aside {
 public:
     Aside(const Fd& directory, const std::string& path)
         : m_directory(directory),
-          m_name(FileNameOf(path) + "." + std::to_string(::gettid()) + ".tmp"),
+          m_name(FileNameOf(path) + "." + std::to_string(::gettid()) + std::string(kAsideEnd)),
           m_path(DirectoryOf(path) + "/" + m_name) {}
     ~Aside() {
         if (m_file) ::unlinkat(m_directory.Get(), m_name.c_str(), 0);
@@ -96,6 +128,7 @@ Status ReplaceFile(const std::string& path, std::string_view text, mode_t mode, 
     if (!directory) return ErrnoError(errno, "open directory", DirectoryOf(path));
     Status status = CheckTarget(directory, path);
     if (!status) return status;
+    RemoveLeftOvers(directory, FileNameOf(path));
     Aside aside(directory, path);
     status = aside.Make(mode);
     if (status) status = aside.Fill(text, durability);

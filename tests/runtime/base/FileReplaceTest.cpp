@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -102,6 +103,31 @@ TEST_F(FileReplaceTest, NothingAtTheNameAsideIsWrittenThrough) {
     ASSERT_EQ(0, ::mkdir(AsideOf(m_file).c_str(), 0700));
     EXPECT_FALSE(ReplaceFile(m_file, "third", 0640, Durability::kSynced));
     EXPECT_EQ("again", ReadText(m_file));
+}
+
+TEST_F(FileReplaceTest, WhatADeadWriterLeftGoesWithTheNextOne) {
+    const pid_t dead = ::fork();
+    if (dead == 0) ::_exit(0);
+    ASSERT_EQ(dead, ::waitpid(dead, nullptr, 0));
+    const std::string left = std::to_string(dead);
+    const std::vector<std::string> names = {"file.1.tmp",
+                                            "file.tmp",
+                                            "file..tmp",
+                                            "file.x.tmp",
+                                            "file." + left,
+                                            "file." + left + "x.tmp",
+                                            "file.-" + left + ".tmp",
+                                            "other." + left + ".tmp"};
+    for (const std::string& name : names) {
+        WriteText(m_dir / name, "left");
+    }
+    std::vector<std::string> expected = NamesIn(m_dir.Path());
+    expected.insert(expected.begin(), "file");
+    for (const Durability durability : kBoth) {
+        ASSERT_TRUE(WriteText(m_dir / ("file." + left + ".tmp"), "left"));
+        EXPECT_TRUE(ReplaceFile(m_file, "text", 0640, durability));
+        EXPECT_EQ(expected, NamesIn(m_dir.Path())) << "a living writer's file and others' files are left alone";
+    }
 }
 
 struct FaultCase {
