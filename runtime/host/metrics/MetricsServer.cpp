@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "SecureFile.h"
+#include "metrics/MetricsRequest.h"
 #include "platform/zel/LogMessage.h"
 
 namespace zelhost {
@@ -19,32 +20,7 @@ void Warn(int line, const std::string& text) {
     zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "MetricsServer", line, "%s", text.c_str());
 }
 
-std::string Answer(const char* status, const char* type, const std::string& body, bool withBody) {
-    return std::string("HTTP/1.1 ") + status + "\r\nContent-Type: " + type +
-           "\r\nContent-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" +
-           (withBody ? body : "");
-}
-
 }  // namespace
-
-std::string AnswerMetricsRequest(const std::string& head, const std::function<std::string()>& body) {
-    const size_t lineEnd = head.find("\r\n");
-    const std::string line = head.substr(0, lineEnd);
-    const size_t first = line.find(' ');
-    const size_t second = line.find(' ', first == std::string::npos ? 0 : first + 1);
-    const bool request = lineEnd != std::string::npos && first != std::string::npos && second != std::string::npos &&
-                         line.compare(second + 1, 7, "HTTP/1.") == 0;
-    if (!request) return Answer("400 Bad Request", "text/plain", "bad request\n", true);
-    const std::string method = line.substr(0, first);
-    std::string target = line.substr(first + 1, second - first - 1);
-    target = target.substr(0, target.find('?'));
-    if (method != "GET" && method != "HEAD") {
-        return Answer("405 Method Not Allowed", "text/plain", "only GET\n", true);
-    }
-    if (target == "/") return Answer("200 OK", "text/plain", "see /metrics\n", method == "GET");
-    if (target != "/metrics") return Answer("404 Not Found", "text/plain", "see /metrics\n", method == "GET");
-    return Answer("200 OK", "text/plain; version=0.0.4; charset=utf-8", body(), method == "GET");
-}
 
 CMetricsServer::CMetricsServer(MetricsOptions options, std::function<std::string()> text)
     : m_options(std::move(options)), m_text(std::move(text)) {}
@@ -94,7 +70,7 @@ base::RequestService CMetricsServer::MakeService() {
         try {
             return AnswerMetricsRequest(head, m_text);
         } catch (const std::exception&) {
-            return Answer("500 Internal Server Error", "text/plain", "no metrics\n", true);
+            return std::string(kNoMetricsAnswer);
         }
     };
     service.warn = [](const std::string& line) { Warn(__LINE__, "metrics: " + line); };

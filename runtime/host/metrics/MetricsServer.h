@@ -49,7 +49,4 @@ private:
     std::unique_ptr<base::IoTimer> m_textFileTimer;
 };
 
-/// The answer to one request's head; `body` is asked only when it is wanted. Pure but for that.
-std::string AnswerMetricsRequest(const std::string& head, const std::function<std::string()>& body);
-
 }  // namespace zelhost

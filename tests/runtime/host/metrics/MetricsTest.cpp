@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "HostSupport.h"
+#include "metrics/MetricsRequest.h"
 #include "metrics/MetricsServer.h"
 #include "metrics/MetricsText.h"
 
