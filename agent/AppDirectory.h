@@ -4,6 +4,9 @@
 
 #include <string>
 
+#include "base/Fd.h"
+#include "base/Result.h"
+
 namespace agent {
 
 /// Holds the application directory for one process.
@@ -11,23 +14,24 @@ namespace agent {
 class AppDirectory {
 public:
     AppDirectory() = default;
-    ~AppDirectory();
     AppDirectory(const AppDirectory&) = delete;
     AppDirectory& operator=(const AppDirectory&) = delete;
 
-    /// Checks the directory, makes the folders conf, log, run, data and spool in it, and takes the lock of `name`.
-    /// A directory that cannot be written is no failure unless it cannot be entered: limits and sampling work
-    /// without it; `warning` says what is lost then.
-    /// Returns: an exit code, kExitClean when all is well; `problem` says what is wrong and what to do.
-    int Open(const std::string& path, const std::string& name, std::string& problem, std::string& warning);
+    /// Checks the directory, makes the folders conf, log, run, data, spool and selfkill in it, and takes the lock of
+    /// `name`. A directory that cannot be written is no failure unless it cannot be entered: limits and sampling work
+    /// without it.
+    /// Errors: what is wrong and what to do; kBusy when another process holds the lock.
+    base::Status Open(const std::string& path, const std::string& name);
 
-    const std::string& Path() const { return m_path; }
-    bool Writable() const { return m_writable; }
+    /// Returns: what is lost for want of a place on disk; empty when nothing is.
+    const std::string& Warning() const { return m_warning; }
 
 private:
-    std::string m_path;
-    bool m_writable = false;
-    int m_lock = -1;
+    base::Status MakeFolders(const std::string& path);
+    base::Status TakeLock(const std::string& path, const std::string& name);
+
+    std::string m_warning;
+    base::Fd m_lock;
 };
 
 }  // namespace agent

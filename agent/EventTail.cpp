@@ -1,14 +1,15 @@
 // Reading and wording of delivered events.
 #include "EventTail.h"
 
-#include <fcntl.h>
 #include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <ctime>
 
 #include "JsonText.h"
+#include "base/FileIo.h"
 
 namespace agent {
 
@@ -35,21 +36,23 @@ std::string Clock(long long seconds) {
     return text;
 }
 
+/// The last bytes of a file; empty when it cannot be read.
+std::string ReadEnd(const std::string& path) {
+    const base::Result<base::Fd> file = base::OpenForReading(path);
+    struct stat info {};
+    if (!file || fstat(file->Get(), &info) != 0) return "";
+    const off_t begin = std::max<off_t>(0, info.st_size - kTailBytes);
+    std::string text(static_cast<size_t>(info.st_size - begin), '\0');
+    const ssize_t length = pread(file->Get(), text.data(), text.size(), begin);
+    text.resize(length < 0 ? 0 : static_cast<size_t>(length));
+    return text;
+}
+
 }  // namespace
 
 std::vector<TailEvent> ReadEventTail(const std::string& path, size_t count) {
     std::vector<TailEvent> events;
-    int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-    if (file < 0) return events;
-    struct stat info {};
-    std::string text;
-    if (fstat(file, &info) == 0 && S_ISREG(info.st_mode)) {
-        off_t begin = info.st_size > kTailBytes ? info.st_size - kTailBytes : 0;
-        text.resize(static_cast<size_t>(info.st_size - begin));
-        ssize_t length = pread(file, text.data(), text.size(), begin);
-        text.resize(length < 0 ? 0 : static_cast<size_t>(length));
-    }
-    close(file);
+    const std::string text = ReadEnd(path);
     size_t end = text.rfind('\n');
     while (end != std::string::npos && events.size() < count) {
         size_t before = end == 0 ? std::string::npos : text.rfind('\n', end - 1);

@@ -114,17 +114,18 @@ int Process::TakeSignals() {
 }
 
 int Process::OpenDirectory() {
-    std::string problem;
-    std::string warning;
-    const int code = m_directory.Open(m_options.appDir, m_options.name, problem, warning);
-    if (code != kExitClean) return Refuse(code, problem);
+    const base::Status opened = m_directory.Open(m_options.appDir, m_options.name);
+    if (!opened) {
+        const bool busy = opened.GetError().kind == base::ErrorKind::kBusy;
+        return Refuse(busy ? kExitAlreadyRunning : kExitDirectory, opened.GetError().Text());
+    }
     zel::LogOptions log;
     log.processName = m_options.name;
     log.console = m_options.logToConsole;
     log.journald = true;
     zel::ConfigureLog(log);
     m_log = std::make_unique<LogTail>();
-    if (!warning.empty()) LogLine(warning, zel::kLogWarning);
+    if (!m_directory.Warning().empty()) LogLine(m_directory.Warning(), zel::kLogWarning);
     return kExitClean;
 }
 
