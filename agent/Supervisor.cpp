@@ -13,6 +13,7 @@
 #include "AgentLog.h"
 #include "ExitCode.h"
 #include "base/FileIo.h"
+#include "base/FileReplace.h"
 #include "platform/zel/FileUtil.h"
 #include "platform/zel/ToolUtil.h"
 
@@ -22,6 +23,7 @@ namespace agent {
 
 namespace {
 constexpr size_t kMaxBudgetBytes = 65536;
+constexpr mode_t kBudgetMode = 0640;
 constexpr unsigned int kStopStepMs = 20;
 constexpr unsigned int kKillGraceMs = 2000;
 
@@ -217,9 +219,7 @@ bool Supervisor::WaitAll(unsigned int ms) {
 }
 
 void Supervisor::SaveBudget() {
-    std::string temporary = m_budgetPath + ".tmp";
-    if (!zel::CFileUtil::WriteNewFile(temporary, m_budget.Format(), true) ||
-        !zel::CFileCom(temporary).rename(m_budgetPath)) {
+    if (!base::ReplaceFile(m_budgetPath, m_budget.Format(), kBudgetMode, base::Durability::kSynced)) {
         LogLine("restart budget " + m_budgetPath + " cannot be written: a restart of the main process forgets it",
                 zel::kLogWarning);
     }
