@@ -2,6 +2,7 @@
 #   make run [FOR=seconds]   install what is missing, build, run the agent's demonstration
 #   make test                build and run every test that this machine allows; says which it could not run and why
 #   make sanitize            the same tests under the address, undefined and thread sanitizers (sanitize-module: a part)
+#   make lint [ALL=1]        clang-tidy on what has changed, or on everything
 #   make bench               build and run the benchmarks
 #   make install [PREFIX=]   install libraries, headers, agent, unit file and man pages
 JOBS ?= $(shell nproc)
@@ -11,7 +12,7 @@ ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel FuzzKe
   FuzzWatermark FuzzVmstat FuzzGroupSpecs FuzzMountInfo FuzzProcFiles FuzzComponentFile FuzzOnlineConfig
 TSAN_QUICK = UnitCore UnitLimits RuntimeUtilTests RuntimeIpcTests
 
-.PHONY: all run test sanitize sanitize-module bench fuzz install clean deps deps-build
+.PHONY: all run test lint sanitize sanitize-module bench fuzz install clean deps deps-build
 
 all: deps
 	cmake --preset dev
@@ -32,6 +33,10 @@ test: deps
 	cmake --preset dev
 	cmake --build --preset dev -j $(JOBS)
 	scripts/run-tests dev
+
+lint: deps
+	cmake --preset dev
+	ALL=$(ALL) scripts/lint build/dev
 
 # Everything but the virtual machines and the whole agent, whose budgets instrumented programs do not fit in.
 sanitize: deps

@@ -33,6 +33,7 @@ int ExecComponent(const Options& options) {
     if (!EndWithParent(options.parentPid)) return kExitParentGone;
     std::vector<char*> argv;
     std::vector<std::string> words = options.command;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
     execv(argv[0], argv.data());

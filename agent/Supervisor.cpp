@@ -95,6 +95,7 @@ std::vector<base::Fd> Supervisor::OpenGroups(const std::string& name) const {
 base::Result<pid_t> Supervisor::Launch(const std::string& name, std::vector<std::string> arguments) const {
     // Everything that allocates is done before the fork.
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
     const std::vector<base::Fd> groups = OpenGroups(name);
