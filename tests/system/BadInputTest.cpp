@@ -195,11 +195,13 @@ TEST_F(BadDirectoryTest, FullDirectoryCostsTheDiskNotTheLimits) {
 
 TEST_F(BadDirectoryTest, OrdinaryUserRunsUnlimitedAndIsToldWhy) {
     // The programs may stand where only root can go, so the user gets copies.
-    std::string script = "cp -L " + AgentWords()[0] + " " + Dir() + "/tervane.program && for l in $(ldd " +
-                         AgentWords()[0] + " | grep -o '/[^ ]*libzel[^ ]*'); do cp -L $l " + Dir() +
-                         "/; done && chown -R 65534:65534 " + Dir();
+    const std::string script =
+        "cp -L \"$0\" \"$1/tervane.program\" && "
+        "ldd \"$0\" | sed -n 's/.* => \\(.*libzel.*\\) (0x.*/\\1/p' | while IFS= read -r l; do cp -L \"$l\" \"$1/\"; "
+        "done && "
+        "chown -R 65534:65534 \"$1\"";
     std::string output;
-    ASSERT_EQ(RunToEnd({"sh", "-c", script}, output), 0) << output;
+    ASSERT_EQ(RunToEnd({"sh", "-c", script, AgentWords()[0], Dir()}, output), 0) << output;
     std::map<std::string, std::string> environment = Environment();
     environment["LD_LIBRARY_PATH"] = Dir();
     Child agent = Spawn(
