@@ -1,19 +1,20 @@
 // Starts and stops the host's services of one process.
 #include "platform/host/HostServices.h"
 
+#include "StatisticsRegistry.h"
 #include "base/FilePath.h"
 #include "base/Mutex.h"
 #include "base/Result.h"
+#include "config/OnlineConfigLoader.h"
 #include "events/EventDelivery.h"
-#include "sampling/ActiveSampler.h"
-#include "sampling/SamplingSettings.h"
 #include "metrics/HostMetrics.h"
 #include "metrics/MetricsServer.h"
 #include "metrics/MetricsText.h"
-#include "config/OnlineConfigLoader.h"
-#include "StatisticsRegistry.h"
-#include "sampling/ThreadFacts.h"
+#include "platform/zel/AgentNames.h"
 #include "platform/zel/ToolUtil.h"
+#include "sampling/ActiveSampler.h"
+#include "sampling/SamplingSettings.h"
+#include "sampling/ThreadFacts.h"
 
 namespace zelhost {
 namespace {
@@ -30,7 +31,7 @@ HostOptions Completed(HostOptions o) {
     const auto fill = [](std::string& path, const std::string& standard) {
         if (path.empty()) path = standard;
     };
-    fill(o.onlineConfigPath, o.appDir + "/conf/online_config.json");
+    fill(o.onlineConfigPath, o.appDir + zel::kOnlineConfigFileName);
     fill(o.statisticsDbPath, o.appDir + "/data/" + name + ".stats.db");
     fill(o.delivery.spoolPath, o.appDir + "/spool/" + name + ".db");
     fill(o.delivery.jsonLinesPath, o.appDir + "/log/" + name + ".events.jsonl");

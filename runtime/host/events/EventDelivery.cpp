@@ -6,7 +6,7 @@
 #include <ctime>
 #include <system_error>
 
-#include "HttpService.h"
+#include "events/HttpService.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ThreadUtil.h"
 

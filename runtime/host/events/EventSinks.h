@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "HttpService.h"
+#include "events/HttpService.h"
 #include "base/Fd.h"
 #include "base/Result.h"
 #include "events/EventSpool.h"

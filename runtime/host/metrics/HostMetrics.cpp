@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "HttpService.h"
+#include "platform/host/Http.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/CgroupStatus.h"
 
@@ -149,8 +149,7 @@ void AddProcessMetrics(std::vector<Metric>& metrics) {
     Adder add(metrics);
     const base::Result<uint64_t> threads = base::ReadOwnStatusNumber("Threads");
     if (threads) add.Gauge("zel_threads", "Threads of the process.", static_cast<double>(*threads));
-    add.Counter("zel_http_failures_total", "Failed requests of the HTTP service.",
-                CHttpService::Instance().GetFailCount());
+    add.Counter("zel_http_failures_total", "Failed requests of the HTTP service.", GetHttpInstance()->GetFailCount());
     zel::CgroupStatus groups;
     if (!zel::ReadCgroupStatus(groups)) return;
     AddGroupMetrics(groups, metrics);

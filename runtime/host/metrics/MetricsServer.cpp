@@ -5,7 +5,9 @@
 #include <exception>
 #include <utility>
 
-#include "SecureFile.h"
+#include "base/FileIo.h"
+#include "base/FilePath.h"
+#include "base/FileReplace.h"
 #include "metrics/MetricsRequest.h"
 #include "platform/zel/LogMessage.h"
 
@@ -13,6 +15,8 @@ namespace zelhost {
 namespace {
 
 constexpr char kLocalPrefix[] = "unix:";
+/// Readable for the exporter, which runs as another user.
+constexpr mode_t kTextFileMode = 0644;
 /// The second one is for a scrape while the text file is made, or while a source of metrics hangs.
 constexpr size_t kWorkers = 2;
 
@@ -39,9 +43,11 @@ base::Status CMetricsServer::Start() {
 base::Status CMetricsServer::Serve() {
     const bool local = m_options.listen.compare(0, sizeof kLocalPrefix - 1, kLocalPrefix) == 0;
     const std::string place = local ? m_options.listen.substr(sizeof kLocalPrefix - 1) : m_options.listen;
-    std::string reason;
-    if (local && !MakeDirectories(DirectoryOf(place), reason)) {
-        return base::MakeError(base::ErrorKind::kOther, "serve", place, reason);
+    if (local) {
+        const base::Status made = base::MakeDirectories(base::DirectoryOf(place));
+        if (!made) {
+            return base::MakeError(made.GetError().kind, "serve", place, made.GetError().Text());
+        }
     }
     auto socket = local ? base::ListeningSocket::Local(place, base::SocketKind::kStream, base::ServeLock::kCallers)
                         : base::ListeningSocket::Loopback(place);
@@ -100,17 +106,15 @@ void CMetricsServer::ScheduleTextFile(std::chrono::milliseconds delay) {
 
 void CMetricsServer::WriteTextFile() {
     std::string reason;
-    bool ok = false;
     try {
-        // Readable for the exporter, which runs as another user.
-        ok = WriteFileAtomically(m_options.textFile, m_text(), 0644, reason);
+        const base::Status written =
+            base::ReplaceFile(m_options.textFile, m_text(), kTextFileMode, base::Durability::kRenewed);
+        if (!written) reason = written.GetError().Text();
     } catch (const std::exception& e) {
         reason = e.what();
     }
-    if (!ok && reason != m_textFileError) {
-        Warn(__LINE__, "the metrics file is not written: " + reason);
-    }
-    m_textFileError = ok ? "" : reason;
+    if (!reason.empty() && reason != m_textFileError) Warn(__LINE__, "the metrics file is not written: " + reason);
+    m_textFileError = reason;
 }
 
 }  // namespace zelhost

@@ -15,7 +15,7 @@
 #include <set>
 
 #include "HostSupport.h"
-#include "HttpServer.h"
+#include "events/HttpServer.h"
 
 using support::Eventually;
 using support::ReadLines;

@@ -13,7 +13,8 @@
 #include "sampling/ActiveSampler.h"
 #include "sampling/SamplingSettings.h"
 #include "HostSupport.h"
-#include "SecureFile.h"
+#include "base/Fd.h"
+#include "base/FileIo.h"
 #include "platform/host/ResourceEventSink.h"
 
 using std::chrono::milliseconds;
@@ -293,7 +294,7 @@ TEST_F(SamplerTest, IoIsMeasuredCountedAndCanBeSwitchedOff) {
     ASSERT_TRUE(Rounds(3));
     base::Fd fd(open((m_dir / "data").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     const std::string block(1 << 20, 'x');
-    const auto write = [&] { zelhost::WriteAll(fd.Get(), block.data(), block.size()); };
+    const auto write = [&] { EXPECT_TRUE(support::IsOk(base::WriteAll(fd, block, "data"))); };
     write();
     ASSERT_TRUE(Rounds(3));
     if (Figures().writeBytesTotal == 0) GTEST_SKIP() << "the temporary directory is not on storage";

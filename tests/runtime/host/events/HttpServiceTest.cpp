@@ -1,5 +1,5 @@
 // The HTTP service against a real server, a dead one and a silent one.
-#include "HttpService.h"
+#include "events/HttpService.h"
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -8,7 +8,7 @@
 #include <csignal>
 
 #include "HostSupport.h"
-#include "HttpServer.h"
+#include "events/HttpServer.h"
 
 using zelhost::CHttpService;
 using zelhost::HttpRequest;

@@ -1,5 +1,5 @@
 // The host's HTTP service.
-#include "HttpService.h"
+#include "events/HttpService.h"
 
 #include <curl/curl.h>
 #include <dlfcn.h>

@@ -1,5 +1,5 @@
 // A small HTTP server on a loopback port.
-#include "HttpServer.h"
+#include "events/HttpServer.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
