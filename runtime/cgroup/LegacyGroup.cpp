@@ -157,8 +157,7 @@ void LegacyGroup::JoinDescendants() const {
     for (const ProcessEntry& entry : DescendantsOf(ReadProcessTable(), Self())) {
         if (entry.pid == Self() || std::binary_search(members->begin(), members->end(), entry.pid)) continue;
         Result<std::string> where = ReadGroupOf(entry.pid, m_hierarchy);
-        ProcessEntry now;
-        if (!where || IsInTree(*where) || !ReadProcess(entry.pid, now) || now.startTicks != entry.startTicks) continue;
+        if (!where || IsInTree(*where) || StartTicksOf(entry.pid) != entry.startTicks) continue;
         Status moved = m_group.MoveHere(entry.pid);
         if (!moved && moved.GetError().kind != ErrorKind::kNotFound) {
             LogLegacy(kLogWarning, __LINE__, "child process left outside the legacy limit: " + moved.GetError().Text());

@@ -12,11 +12,6 @@ namespace {
 /// Origins that are remembered at a time; a process of the agent moves itself and its children only.
 constexpr size_t kMaxOrigins = 64;
 
-uint64_t StartTicksOf(int pid) {
-    ProcessEntry entry;
-    return ReadProcess(pid, entry) ? entry.startTicks : 0;
-}
-
 /// One entry on its way.
 struct Step {
     const Entry* entry = nullptr;

@@ -22,11 +22,9 @@ const ProcessEntry* Find(const std::vector<ProcessEntry>& table, int pid) {
 
 }  // namespace
 
-bool ReadProcess(int pid, ProcessEntry& out) {
+uint64_t StartTicksOf(int pid) {
     const Result<base::ProcStat> stat = base::ReadProcessStat(pid);
-    if (!stat) return false;
-    out = ProcessEntry{stat->pid, stat->parent, stat->startTicks};
-    return true;
+    return stat ? stat->startTicks : 0;
 }
 
 std::vector<ProcessEntry> ReadProcessTable() {
@@ -34,8 +32,8 @@ std::vector<ProcessEntry> ReadProcessTable() {
     const Result<std::vector<int>> pids = base::ReadProcessIds(kMaxProcesses);
     if (!pids) return out;
     for (const int pid : *pids) {
-        ProcessEntry process;
-        if (ReadProcess(pid, process)) out.push_back(process);
+        const Result<base::ProcStat> stat = base::ReadProcessStat(pid);
+        if (stat) out.push_back({stat->pid, stat->parent, stat->startTicks});
     }
     return out;
 }

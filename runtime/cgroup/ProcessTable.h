@@ -7,15 +7,15 @@
 namespace zel {
 namespace cgroup {
 
-/// One process. A pid is used again; pid and start time together are not.
+/// One process.
 struct ProcessEntry {
     int pid = 0;
     int parent = 0;
     uint64_t startTicks = 0;  ///< since boot
 };
 
-/// Reads one process. Returns: false when it is not there.
-bool ReadProcess(int pid, ProcessEntry& out);
+/// Returns: when the process was started, 0 when it is not there. Pid and start time together name a process.
+uint64_t StartTicksOf(int pid);
 
 /// Reads all processes, sorted by pid; those that end meanwhile are left out. At most 131072.
 std::vector<ProcessEntry> ReadProcessTable();

@@ -2,7 +2,11 @@
 // from.
 #include "Membership.h"
 
+#include <linux/sched.h>
+#include <sys/syscall.h>
+
 #include <cerrno>
+#include <cstring>
 
 #include "RealKernel.h"
 #include "support/Faults.h"
@@ -133,6 +137,33 @@ TEST_F(MembershipTest, SendsAChildWhereItsParentCameFrom) {
     ASSERT_TRUE(m_membership.SendBack(other.Pid(), m_child.Pid(), Ours(m_cpu), Counted()).Ok());
     Result<bool> there = m_cpuBefore.Contains(other.Pid());
     EXPECT_TRUE(there && *there);
+}
+
+/// Starts a waiting process of that very pid. Returns: 0, or why the kernel would not.
+int StartAs(pid_t pid) {
+    clone_args arguments = {};
+    arguments.exit_signal = SIGCHLD;
+    arguments.set_tid = reinterpret_cast<uint64_t>(&pid);
+    arguments.set_tid_size = 1;
+    const long started = syscall(SYS_clone3, &arguments, sizeof arguments);
+    if (started == 0) {
+        for (;;) pause();
+    }
+    return started < 0 ? errno : 0;
+}
+
+TEST_F(MembershipTest, TakesAPidThatIsUsedAgainForAStranger) {
+    ASSERT_TRUE(m_membership.Join(m_child.Pid(), {{Ours(m_cpu), &m_cpuOurs}}, m_stranded).Ok());
+    const pid_t pid = m_child.Pid();
+    m_child.End();
+    usleep(30000);  // start times are told in hundredths of a second
+    const int error = StartAs(pid);
+    if (error != 0) GTEST_SKIP() << "SKIP: the kernel gives no pid of choice: " << strerror(error);
+    ASSERT_TRUE(m_cpuOurs.MoveHere(pid).Ok());
+    EXPECT_TRUE(m_membership.Leave(pid, Ours(m_cpu), Counted()).Ok());
+    EXPECT_EQ(1, m_refuge) << "the origin is another process's";
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
 }
 
 TEST_F(MembershipTest, SaysThatAProcessIsNotThere) {
