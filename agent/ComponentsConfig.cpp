@@ -1,16 +1,13 @@
 // Reading of conf/components.json: a bounded file, every key checked, a bad one refused as a whole.
 #include "ComponentsConfig.h"
 
-#include <sys/stat.h>
-
-#include <cerrno>
 #include <set>
 #include <utility>
 
 #include "JsonText.h"
 #include "PlainName.h"
+#include "base/TrustedRead.h"
 #include "platform/zel/AgentNames.h"
-#include "platform/zel/FileUtil.h"
 
 namespace agent {
 
@@ -111,14 +108,15 @@ base::Result<std::vector<ComponentConfig>> ParseComponents(const std::string& te
 }
 
 base::Result<std::vector<ComponentConfig>> LoadComponents(const std::string& path) {
-    struct stat info {};
-    if (lstat(path.c_str(), &info) != 0 && errno == ENOENT) return BuiltInComponents();
-    if (!S_ISREG(info.st_mode)) return Bad(path + ": a regular file is expected, a link is not followed");
-    std::string text;
-    if (!zel::CFileUtil::ReadFullFile(path, text, kMaxFileBytes)) {
+    // What it names is run by this process: nobody else may have written it.
+    const base::Result<std::string> text = base::ReadTrusted(path, kMaxFileBytes, base::TrustScope::kFile);
+    if (!text) {
+        const base::Error& error = text.GetError();
+        if (error.kind == base::ErrorKind::kNotFound) return BuiltInComponents();
+        if (error.kind != base::ErrorKind::kTooLarge) return Bad(path + ": " + error.Reason());
         return Bad(path + ": cannot be read, or is longer than " + std::to_string(kMaxFileBytes) + " bytes");
     }
-    base::Result<std::vector<ComponentConfig>> parsed = ParseComponents(text);
+    base::Result<std::vector<ComponentConfig>> parsed = ParseComponents(*text);
     if (!parsed) return Bad(path + ": " + parsed.GetError().Text());
     return parsed;
 }

@@ -14,7 +14,7 @@
 #include "ExitCode.h"
 #include "base/FileIo.h"
 #include "base/FileReplace.h"
-#include "platform/zel/FileUtil.h"
+#include "base/TrustedRead.h"
 #include "platform/zel/ToolUtil.h"
 
 extern char** environ;
@@ -67,9 +67,9 @@ Supervisor::Supervisor(std::string program, std::vector<std::string> common, std
       m_common(std::move(common)),
       m_budgetPath(std::move(budgetPath)),
       m_onEnd(std::move(onEnd)) {
-    std::string text;
-    if (zel::CFileUtil::IsFile(m_budgetPath) &&
-        (!zel::CFileUtil::ReadFullFile(m_budgetPath, text, kMaxBudgetBytes) || !m_budget.Parse(text))) {
+    const base::Result<std::string> text = base::ReadTrusted(m_budgetPath, kMaxBudgetBytes, base::TrustScope::kFile);
+    if (!text && text.GetError().kind == base::ErrorKind::kNotFound) return;
+    if (!text || !m_budget.Parse(*text)) {
         LogLine("restart budget " + m_budgetPath + " cannot be read: it starts anew", zel::kLogWarning);
     }
 }

@@ -1,6 +1,10 @@
 #include "ComponentsConfig.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/Files.h"
 
 using namespace agent;
 
@@ -10,6 +14,23 @@ TEST(ComponentsConfigTest, AMissingFileGivesTheBuiltInComponents) {
     ASSERT_EQ(5u, components->size());
     EXPECT_EQ("TervaneMonitor", (*components)[0].name);
     EXPECT_EQ("guard", (*components)[1].group);
+}
+
+// The commands in it are run by this process.
+TEST(ComponentsConfigTest, AFileThatOthersMayHaveWrittenIsRefused) {
+    const support::TempDir dir;
+    const std::string path = dir / "components.json";
+    ASSERT_TRUE(support::WriteText(path, "{\"components\":[]}"));
+    EXPECT_TRUE(LoadComponents(path));
+    ASSERT_EQ(0, chmod(path.c_str(), 0646));
+    EXPECT_NE(std::string::npos, LoadComponents(path).GetError().Text().find("writable by everybody"));
+    ASSERT_EQ(0, chmod(path.c_str(), 0640));
+    ASSERT_EQ(0, symlink("components.json", (dir / "link").c_str()));
+    EXPECT_NE(std::string::npos, LoadComponents(dir / "link").GetError().Text().find("a symbolic link"));
+    EXPECT_FALSE(LoadComponents(dir.Path()));
+    if (geteuid() != 0) return;
+    ASSERT_EQ(0, chown(path.c_str(), 65534, 65534));
+    EXPECT_NE(std::string::npos, LoadComponents(path).GetError().Text().find("owned by user 65534"));
 }
 
 TEST(ComponentsConfigTest, ReadsLoadsAndCommands) {

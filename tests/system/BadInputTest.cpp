@@ -132,7 +132,7 @@ TEST_F(BadInputTest, RefusedComponentsFileStartsNoneAndIsNamed) {
     }
     unlink(Conf("components.json").c_str());
     ASSERT_EQ(symlink("/etc/hostname", Conf("components.json").c_str()), 0);
-    ExpectRunsAndSays("components.json: a regular file is expected");
+    ExpectRunsAndSays("components.json: a symbolic link is not followed");
 }
 
 TEST_F(BadInputTest, DirectoryThatSomebodyElseMayChangeIsRefused) {
