@@ -3,6 +3,7 @@
 #include "Monitor.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "MonitorPri.h"
 #include "platform/zel/ToolUtil.h"
@@ -105,7 +106,7 @@ void CMonitor::SetMonitorIOEnable(bool enable) {
 }
 
 void CMonitor::SetWatcherProcess(std::map<unsigned int, std::string> processes) {
-    if (m_pri != nullptr) m_pri->SetWatcherProcess(processes);
+    if (m_pri != nullptr) m_pri->SetWatcherProcess(std::move(processes));
 }
 
 bool CMonitor::ReloadCgroupClientConfig() {

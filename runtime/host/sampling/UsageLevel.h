@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cmath>
 #include <cstdint>
 
 namespace zelhost {
@@ -56,7 +57,7 @@ inline int64_t PerSecondKb(uint64_t bytes, int64_t wallNs) {
 
 inline int64_t Cpu100Times(int64_t cpuNs, int64_t wallNs) {
     if (wallNs <= 0 || cpuNs <= 0) return 0;
-    return static_cast<int64_t>(static_cast<double>(cpuNs) * 10000.0 / static_cast<double>(wallNs) + 0.5);
+    return std::llround(static_cast<double>(cpuNs) * 10000.0 / static_cast<double>(wallNs));
 }
 
 inline Averages AverageBetween(const Totals& from, const Totals& to) {
