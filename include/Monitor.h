@@ -76,7 +76,8 @@ public:
     void SetWatcherProcess(std::map<unsigned int, std::string> processes);
 
     /// Reads the component file again and follows it; call it when "T_MSG_IPC_CGROUP_CONFIG_NOTIFY" arrives.
-    /// Any thread, one call at a time. Returns: false without a client, or when its reload failed.
+    /// On the thread that takes the host's messages, at any moment. Returns: false without a client, or when its reload
+    /// failed.
     bool ReloadCgroupClientConfig();
     /// Requires: before StartMonitor. Owns: the caller keeps the client. Null allowed.
     void SetCgroupClient(zel::CCgroupClient* client);

@@ -151,7 +151,8 @@ public:
     /// Returns: false, `out` untouched, when there is none.
     bool GetMaxMem(long& out);
     bool GetMaxCpu(long& out);
-    /// Returns: the legacy CPU limit was in force when it was last applied or tried. The unified mode does not count.
+    /// Returns: the legacy CPU limit was in force when it was last applied or tried, and was not let go since. The
+    /// unified mode does not count.
     bool IsResourceLimited();
     /// Returns: what the OS abnormal monitor's last disk check found; false in processes that do not run it.
     bool IsDiskFull();
@@ -160,7 +161,7 @@ public:
 
     /// Inserts this process's figures; a key that is there already keeps its value. In the main process it also samples
     /// the host's memory and sends an event when that is short. On the collector's thread.
-    /// On failure: false when the sampling class has no figures; the memory figure is in by then.
+    /// On failure: false when the sampling class has no figures; the main process's memory figure is in by then.
     bool GetExceptionInfo(std::map<std::string, std::string>& info) override;
 
     // --- kernel policy: src/limits/KernelPolicy.cpp ---
@@ -204,8 +205,9 @@ public:
     //   Detach     forgotten                    forgotten                           kept; an empty group is removed
     //   Disable    forgotten                    forgotten                           left; removed when empty
     //
-    // After any of them the next CpuResourceLimit or MemResourceLimit sees changed settings. Error codes, the mode that
-    // was applied last and the pass counter outlive all of them.
+    // What was forgotten, the next CpuResourceLimit or MemResourceLimit applies as if it were new; a memory limit that
+    // is switched off and has no amounts finds nothing changed. Error codes, the mode that was applied last and the
+    // pass counter outlive all of them.
 
     /// Reset of the CPU half: calls nobody.
     void ResetLegacyCpuLimitState();
@@ -222,8 +224,8 @@ public:
     /// Detach for an active unified mode: the version 2 one when the unified mode runs there, then CPU and memory as
     /// the flags say. Kernel: on version 2 one hierarchy serves both controllers. In src/cgroup/SelfKillLimits.cpp.
     void DetachLegacyRuntimeForUnifiedActive(bool cpu, bool mem);
-    /// Disable of both halves, the only one that writes to the kernel. A failed stop is logged with `reason` (null
-    /// allowed) and holds nothing up; without a limit object it is a reset.
+    /// Disable of both halves, the only one that lifts a limit in the kernel. A failed stop is logged with `reason`
+    /// (null allowed) and holds nothing up; without a limit object it is a reset.
     void DisableLegacyCgroupLimitState(const char* reason);
 
     // --- group model: src/cgroup/GroupModel.cpp ---

@@ -25,9 +25,9 @@ struct LimitKey {
     long byDefault;
 };
 
-/// 100 CPUs at 100 percent. The control-group limits stop at one CPU whatever is configured; above that only the
-/// maximum of the process's own sampling follows the value, and no agent is meant to need more. 0 is a value: no
-/// maximum for the sampling, the least limit for the group.
+/// 100 CPUs at 100 percent. The control-group limits stop at one CPU (at all of them where percentages count against
+/// the whole machine); above that only the maximum of the process's own sampling follows the value, and no agent is
+/// meant to need more. 0 is a value: no maximum for the sampling, the least limit for the group.
 constexpr long kMaxCpuPercent = 10000;
 /// 1 TiB. 0 is a value: no maximum.
 constexpr long kMaxMemoryMb = 1024 * 1024;
