@@ -1,6 +1,7 @@
 #include "LogText.h"
 
 #include <algorithm>
+#include <array>
 
 namespace zel {
 namespace {
@@ -36,17 +37,15 @@ size_t MultibyteLength(std::string_view text, size_t at) {
     return overlong || beyond ? 0 : 4;
 }
 
-void AppendEscape(std::string& out, unsigned char byte) {
+// How one byte that cannot be printed is written, with room for its end.
+using Escape = std::array<char, 4>;
+
+std::string_view WriteEscape(Escape& escape, unsigned char byte) {
     constexpr char kHex[] = "0123456789abcdef";
-    if (byte == '\t') {
-        out += "\\t";
-    } else if (byte == '\r') {
-        out += "\\r";
-    } else {
-        out += "\\x";
-        out += kHex[byte >> 4U];
-        out += kHex[byte & 0xFU];
-    }
+    if (byte == '\t') return "\\t";
+    if (byte == '\r') return "\\r";
+    escape = {'\\', 'x', kHex[byte >> 4U], kHex[byte & 0xFU]};
+    return {escape.data(), escape.size()};
 }
 
 bool IsPlain(std::string_view text) {
@@ -55,32 +54,38 @@ bool IsPlain(std::string_view text) {
 
 }  // namespace
 
-std::string CutLogText(std::string text) {
-    if (text.size() <= kMaxLogTextBytes) return text;
-    const size_t cut = text.size() - kMaxLogTextBytes;
-    text.resize(kMaxLogTextBytes);
-    return text + " ... (" + std::to_string(cut) + " bytes cut)";
+size_t CutLogText(std::string& text) {
+    // No printed text is shorter than its original, so what is beyond the bound here is beyond it there.
+    const size_t cut = text.size() > kMaxLogTextBytes ? text.size() - kMaxLogTextBytes : 0;
+    text.resize(text.size() - cut);
+    return cut;
 }
 
-std::string SanitizeLogText(std::string_view text) {
+std::string SanitizeLogText(std::string_view text, size_t cutBefore) {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
-    if (IsPlain(text)) return std::string(text);
     std::string out;
-    out.reserve(text.size() + text.size() / 4);
-    for (size_t at = 0; at < text.size();) {
+    size_t at = 0;
+    if (IsPlain(text)) {
+        at = std::min(text.size(), kMaxLogTextBytes);
+        out = text.substr(0, at);
+    } else {
+        out.reserve(std::min(text.size() + text.size() / 4, kMaxLogTextBytes));
+    }
+    while (at < text.size()) {
         const unsigned char byte = ByteAt(text, at);
         const size_t multibyte = byte >= 0x80 ? MultibyteLength(text, at) : 0;
-        if (byte == '\n') {
-            out += kContinuation;
-        } else if (multibyte != 0) {
-            out.append(text, at, multibyte);
-        } else if (byte >= ' ' && byte < 0x7F) {
-            out += text[at];
-        } else {
-            AppendEscape(out, byte);
-        }
-        at += multibyte != 0 ? multibyte : 1;
+        const bool printable = multibyte != 0 || (byte >= ' ' && byte < 0x7F);
+        const size_t length = std::max<size_t>(multibyte, 1);
+        Escape escape;
+        const std::string_view piece = printable      ? text.substr(at, length)
+                                       : byte == '\n' ? std::string_view(kContinuation)
+                                                      : WriteEscape(escape, byte);
+        if (out.size() + piece.size() > kMaxLogTextBytes) break;
+        out += piece;
+        at += length;
     }
+    const size_t cut = text.size() - at + cutBefore;
+    if (cut != 0) out += " ... (" + std::to_string(cut) + " bytes cut)";
     return out;
 }
 

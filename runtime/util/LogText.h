@@ -6,15 +6,17 @@
 
 namespace zel {
 
-/// Most bytes of one line's text.
+/// Most bytes of one line's text as it is printed, less the note of what is missing.
 constexpr size_t kMaxLogTextBytes = 64 * 1024;
 
-/// Cuts a longer text and tells at its end how much is missing.
-std::string CutLogText(std::string text);
+/// Takes off a text that waits to be printed what could not be printed anyway. Returns: how many bytes that was.
+size_t CutLogText(std::string& text);
 
 /// Makes a text safe to print and unable to pass for a line of its own: control characters and bytes that are no
 /// UTF-8 become escapes (\t, \r, \x1b), each line after the first is indented, line ends at the end are dropped.
-std::string SanitizeLogText(std::string_view text);
+/// What is longer than kMaxLogTextBytes then is cut, never inside a character or an escape, and its end tells how many
+/// bytes of the original are missing, `cutBefore` among them.
+std::string SanitizeLogText(std::string_view text, size_t cutBefore = 0);
 
 /// Turns a process name into a file name: '/', control characters and leading dots become '_', at most 64 bytes are
 /// kept, and an empty name becomes "process".

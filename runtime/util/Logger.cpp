@@ -58,6 +58,7 @@ struct Record {
     int line = 0;
     std::string source;
     std::string text;
+    size_t cutBytes = 0;  ///< of the text
 
     size_t Bytes() const { return sizeof(Record) + source.size() + text.size(); }
 };
@@ -390,7 +391,7 @@ private:
     }
 
     void WriteRecord(const Record& record) {
-        const std::string text = SanitizeLogText(record.text);
+        const std::string text = SanitizeLogText(record.text, record.cutBytes);
         const std::string source = SanitizeLogText(record.source);
         spdlog::details::log_msg message(record.time, spdlog::source_loc(source.c_str(), record.line, ""), "",
                                          ToSpdlog(record.level), text);
@@ -485,7 +486,8 @@ void Submit(int level, std::string text, const char* source, int line) {
     record.threadId = CThreadUtil::GetCurrentThreadId();
     record.line = line;
     if (source != nullptr) record.source = source;
-    record.text = CutLogText(std::move(text));
+    record.cutBytes = CutLogText(text);
+    record.text = std::move(text);
     logger.Submit(std::move(record));
 }
 

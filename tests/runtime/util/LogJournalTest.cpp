@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "LogText.h"
 #include "support/Files.h"
 
 using support::TempDir;
@@ -68,6 +69,19 @@ TEST(LogJournalTest, EntriesArriveWholeAndAgainAfterARestart) {
         const ssize_t got = ::recv(listener.Get(), buffer, sizeof buffer, MSG_DONTWAIT);
         ASSERT_GT(got, 0);
         EXPECT_EQ(std::string(kHead) + "MESSAGE=text\n", std::string(buffer, static_cast<size_t>(got)));
+    }
+}
+
+TEST(LogJournalTest, TheLongestLineOfHostileBytesFitsADatagram) {
+    const TempDir dir;
+    const base::Fd listener = Listen(dir / "socket");
+    LogJournal journal(dir / "socket");
+    for (const char hostile : {'\x01', '\xff', '\n', '\x1b'}) {
+        std::string text = std::string(zel::kMaxLogTextBytes - 1, hostile) + "b";
+        const size_t cut = zel::CutLogText(text);
+        EXPECT_TRUE(journal.Send(Example(zel::SanitizeLogText(text, cut)))) << static_cast<int>(hostile);
+        std::string taken(1024 * 1024, '\0');
+        EXPECT_GT(::recv(listener.Get(), taken.data(), taken.size(), MSG_DONTWAIT), 60000);
     }
 }
 

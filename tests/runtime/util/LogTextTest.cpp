@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 using zel::CutLogText;
+using zel::kMaxLogTextBytes;
 using zel::LogFileStem;
 using zel::SanitizeLogText;
 
@@ -40,10 +41,47 @@ INSTANTIATE_TEST_SUITE_P(
         TextCase{"BadTail", "\xC3(", "\\xc3("}, TextCase{"BadLead", "\xFF\xFE", "\\xff\\xfe"}),
     [](const auto& one) { return std::string(one.param.name); });
 
+// As a line comes into the log: cut when it is taken in, made safe when it is written.
+std::string Printed(std::string text) {
+    const size_t cut = CutLogText(text);
+    return SanitizeLogText(text, cut);
+}
+
 TEST(LogTextCutTest, ALongTextLosesItsTailAndSaysSo) {
-    const std::string whole(zel::kMaxLogTextBytes, 'x');
-    EXPECT_EQ(whole, CutLogText(whole));
-    EXPECT_EQ(whole + " ... (3 bytes cut)", CutLogText(whole + "yyy"));
+    const std::string whole(kMaxLogTextBytes, 'x');
+    EXPECT_EQ(whole, Printed(whole));
+    EXPECT_EQ(whole + " ... (3 bytes cut)", Printed(whole + "yyy"));
+    EXPECT_EQ(whole + " ... (3 bytes cut)", SanitizeLogText(whole + "yyy"));
+}
+
+TEST(LogTextCutTest, EscapesCountTowardsTheBound) {
+    // Each of these is longer when it is printed than as it came.
+    for (const std::string& hostile : {std::string("\x01"), std::string("\xff"), std::string("\t")}) {
+        std::string text = "a";
+        while (text.size() < kMaxLogTextBytes) text += hostile;
+        const std::string printed = Printed(text + "a");
+        const size_t note = printed.rfind(" ... (");
+        ASSERT_NE(std::string::npos, note);
+        EXPECT_LE(note, kMaxLogTextBytes);
+        EXPECT_GT(note, kMaxLogTextBytes - 5) << "no more is cut than has to be";
+        const size_t pieceBytes = SanitizeLogText("a" + hostile + "a").size() - 2;
+        EXPECT_EQ(0U, (note - 1) % pieceBytes) << "nothing is cut in the middle of an escape";
+        const size_t shown = 1 + (note - 1) / pieceBytes;
+        EXPECT_EQ(" ... (" + std::to_string(text.size() + 1 - shown) + " bytes cut)", printed.substr(note));
+    }
+}
+
+TEST(LogTextCutTest, IndentedLinesCountTowardsTheBound) {
+    std::string text;
+    while (text.size() < 2 * kMaxLogTextBytes) text += "\nb";
+    const std::string printed = Printed(text);
+    EXPECT_LE(printed.rfind(" ... ("), kMaxLogTextBytes);
+    EXPECT_GT(printed.rfind(" ... ("), kMaxLogTextBytes - 6);
+}
+
+TEST(LogTextCutTest, ACharacterIsCutWholeOrNotAtAll) {
+    const std::string text = std::string(kMaxLogTextBytes - 1, 'x') + "\xC3\xA4";
+    EXPECT_EQ(std::string(kMaxLogTextBytes - 1, 'x') + " ... (2 bytes cut)", Printed(text));
 }
 
 TEST(LogTextStemTest, AProcessNameBecomesAFileName) {
