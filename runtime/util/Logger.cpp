@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +25,7 @@
 #include "LogFile.h"
 #include "LogJournal.h"
 #include "LogText.h"
+#include "base/Mutex.h"
 #include "platform/zel/LogControl.h"
 #include "platform/zel/ThreadUtil.h"
 #include "platform/zel/ToolUtil.h"
@@ -255,7 +255,7 @@ public:
 
     void Submit(Record&& record) {
         const size_t bytes = record.Bytes();
-        std::unique_lock<std::mutex> lock(m_mutex);
+        base::MutexLock lock(m_mutex);
         if (m_ended) {
             lock.unlock();
             WriteLate(record);
@@ -276,22 +276,21 @@ public:
     }
 
     void Configure(const LogOptions& options) {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        base::MutexLock guard(m_mutex);
         m_maxLevel.store(options.maxLevel, std::memory_order_relaxed);
         m_options = options;
         m_configure = true;  // the writer changes over before it takes up further lines
     }
 
     bool Flush() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        const unsigned long target = m_submitted;
-        return m_progress.wait_for(lock, kFlushWait, [&] { return m_completed >= target; });
+        base::MutexLock lock(m_mutex);
+        return WaitUntilCompleted(m_submitted);
     }
 
     void SetTap(LogTap tap) { m_tap.store(tap, std::memory_order_release); }
 
     LogCounters Counters() {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        base::MutexLock guard(m_mutex);
         LogCounters counters;
         counters.written = m_completed;
         counters.dropped = m_dropped;
@@ -301,15 +300,15 @@ public:
 
     // The end of the process: writes what is queued. A writer that hangs in a dead disk is left behind.
     void End() {
-        std::unique_lock<std::mutex> lock(m_mutex);
+        base::MutexLock lock(m_mutex);
         m_ended = true;
         if (!m_writer.joinable()) {
             const SignalsBlocked aroundTheWrite;
-            WriteQueue(lock);
+            WriteQueue();
             return;
         }
         m_work.notify_one();
-        const bool drained = m_progress.wait_for(lock, kFlushWait, [this] { return m_completed == m_submitted; });
+        const bool drained = WaitUntilCompleted(m_submitted);
         std::thread writer = std::move(m_writer);
         lock.unlock();
         if (drained) {
@@ -319,10 +318,21 @@ public:
         }
     }
 
-    std::mutex& ForkLock() { return m_mutex; }
+    // Held around a fork.
+    void LockForFork() ZEL_ACQUIRE(m_mutex) { m_mutex.lock(); }
+    void UnlockAfterFork() ZEL_RELEASE(m_mutex) { m_mutex.unlock(); }
 
 private:
-    bool HasRoom(int level, size_t bytes) const {
+    // Returns: false when it took too long.
+    bool WaitUntilCompleted(unsigned long target) ZEL_REQUIRES(m_mutex) {
+        const Clock::time_point end = Clock::now() + kFlushWait;
+        while (m_completed < target) {
+            if (m_progress.wait_until(m_mutex, end) == std::cv_status::timeout) return m_completed >= target;
+        }
+        return true;
+    }
+
+    bool HasRoom(int level, size_t bytes) const ZEL_REQUIRES(m_mutex) {
         size_t lines = kMaxQueuedLines;
         size_t most = kMaxQueuedBytes;
         if (level >= kLogInfo) {
@@ -332,7 +342,7 @@ private:
         return m_queue.size() < lines && m_queuedBytes + bytes <= most;
     }
 
-    void StartWriter() {
+    void StartWriter() ZEL_REQUIRES(m_mutex) {
         if (m_writer.joinable()) return;
         try {
             const SignalsBlocked inherited;
@@ -344,16 +354,16 @@ private:
 
     void WriteLoop() {
         CThreadUtil::SetThreadName(kWriterThreadName);
-        std::unique_lock<std::mutex> lock(m_mutex);
+        base::MutexLock lock(m_mutex);
         for (;;) {
-            m_work.wait(lock, [this] { return !m_queue.empty() || m_ended; });
+            while (m_queue.empty() && !m_ended) m_work.wait(m_mutex);
             if (m_queue.empty()) return;
-            WriteQueue(lock);
+            WriteQueue();
         }
     }
 
-    // Writes everything that is queued now. Requires: the lock, which is released while writing.
-    void WriteQueue(std::unique_lock<std::mutex>& lock) {
+    // Writes everything that is queued now. The lock is released while writing.
+    void WriteQueue() ZEL_REQUIRES(m_mutex) {
         m_batch.swap(m_queue);
         m_queuedBytes = 0;
         const unsigned long dropped = m_dropped - m_droppedTold;
@@ -361,12 +371,12 @@ private:
         const bool configure = m_configure || m_sinks.empty();
         m_configure = false;
         const LogOptions options = configure ? m_options : LogOptions();
-        lock.unlock();
+        m_mutex.unlock();
         if (configure) OpenSinks(options);
         for (const Record& record : m_batch) WriteRecord(record);
         if (dropped != 0) TellDropped(dropped);
         for (const auto& sink : m_sinks) sink->flush();
-        lock.lock();
+        m_mutex.lock();
         m_completed += m_batch.size();
         m_batch.clear();
         if (m_batch.capacity() > kKeptQueueLines) m_batch.shrink_to_fit();
@@ -419,8 +429,17 @@ private:
     // A line after the writer has gone, from a static object's destructor.
     void WriteLate(const Record& record) {
         const SignalsBlocked aroundTheWrite;
-        std::unique_lock<std::mutex> lock(m_mutex, std::try_to_lock);
-        if (!lock.owns_lock() || m_completed != m_submitted) return;
+        if (!m_mutex.try_lock()) return;
+        try {
+            WriteLastWords(record);
+        } catch (const std::exception&) {
+            // Nothing is left to tell it to.
+        }
+        m_mutex.unlock();
+    }
+
+    void WriteLastWords(const Record& record) ZEL_REQUIRES(m_mutex) {
+        if (m_completed != m_submitted) return;
         if (m_sinks.empty()) OpenSinks(m_options);
         WriteRecord(record);
         for (const auto& sink : m_sinks) sink->flush();
@@ -433,19 +452,19 @@ private:
     // In a forked child, so that what it inherited counts as reachable.
     [[maybe_unused]] Logger* const m_parent = nullptr;
 
-    std::mutex m_mutex;  ///< guards what follows, up to the empty line
-    std::condition_variable m_work;
-    std::condition_variable m_progress;
-    LogOptions m_options;
-    bool m_configure = false;
-    bool m_ended = false;
-    unsigned long m_submitted = 0;
-    unsigned long m_completed = 0;
-    unsigned long m_dropped = 0;
-    unsigned long m_droppedTold = 0;
-    size_t m_queuedBytes = 0;
-    std::vector<Record> m_queue;
-    std::thread m_writer;
+    base::Mutex m_mutex;
+    base::Condition m_work;
+    base::Condition m_progress;
+    LogOptions m_options ZEL_GUARDED_BY(m_mutex);
+    bool m_configure ZEL_GUARDED_BY(m_mutex) = false;
+    bool m_ended ZEL_GUARDED_BY(m_mutex) = false;
+    unsigned long m_submitted ZEL_GUARDED_BY(m_mutex) = 0;
+    unsigned long m_completed ZEL_GUARDED_BY(m_mutex) = 0;
+    unsigned long m_dropped ZEL_GUARDED_BY(m_mutex) = 0;
+    unsigned long m_droppedTold ZEL_GUARDED_BY(m_mutex) = 0;
+    size_t m_queuedBytes ZEL_GUARDED_BY(m_mutex) = 0;
+    std::vector<Record> m_queue ZEL_GUARDED_BY(m_mutex);
+    std::thread m_writer ZEL_GUARDED_BY(m_mutex);
 
     std::vector<Record> m_batch;                 ///< of the writing thread
     std::vector<std::unique_ptr<Sink>> m_sinks;  ///< of the writing thread
@@ -456,12 +475,12 @@ std::once_flag g_loggerOnce;
 
 // A child made by fork has no writing thread, and the parent's may have been anywhere: the child starts afresh. The
 // lock is taken around the fork so that what it copies is whole; its old logger stays locked and is never used again.
-void BeforeFork() {
-    g_logger.load()->ForkLock().lock();
+void BeforeFork() ZEL_NO_THREAD_SAFETY_ANALYSIS {
+    g_logger.load()->LockForFork();
 }
 
-void AfterForkInParent() {
-    g_logger.load()->ForkLock().unlock();
+void AfterForkInParent() ZEL_NO_THREAD_SAFETY_ANALYSIS {
+    g_logger.load()->UnlockAfterFork();
 }
 
 void AfterForkInChild() {
