@@ -2,8 +2,8 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+
+#include "base/Mutex.h"
 
 namespace zel {
 
@@ -15,24 +15,27 @@ public:
 
     /// Sleeps on the monotonic clock. Returns: false when the sleep was cut short, or is not allowed any more.
     bool SleepFor(std::chrono::milliseconds length) {
-        std::unique_lock<std::mutex> lock(m_mutex);
         const auto due = std::chrono::steady_clock::now() + length;
-        return !m_wake.wait_until(lock, due, [this] { return m_interrupted; });
+        base::MutexLock lock(m_mutex);
+        while (!m_interrupted) {
+            if (m_wake.wait_until(m_mutex, due) == std::cv_status::timeout) return !m_interrupted;
+        }
+        return false;
     }
 
     /// Ends the sleep under way and every later one.
     void Interrupt() {
         {
-            std::lock_guard<std::mutex> guard(m_mutex);
+            base::MutexLock guard(m_mutex);
             m_interrupted = true;
         }
         m_wake.notify_all();
     }
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-    bool m_interrupted = false;
+    base::Mutex m_mutex;
+    base::Condition m_wake;
+    bool m_interrupted ZEL_GUARDED_BY(m_mutex) = false;
 };
 
 }  // namespace zel

@@ -4,13 +4,13 @@
 
 #include <atomic>
 #include <exception>
-#include <mutex>
 #include <thread>
 
 #include <sys/prctl.h>
 #include <unistd.h>
 
 #include "ThreadSleep.h"
+#include "base/Mutex.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/LogMessage.h"
 
@@ -41,8 +41,8 @@ ThreadSleep* ThreadSleep::OfCallingThread() {
 }
 
 struct CThreadUtil::Impl {
-    std::mutex lifecycle;  ///< serialises start and stop; held while a stop waits for the body
-    std::thread thread;    ///< by `lifecycle`
+    base::Mutex lifecycle;  ///< serialises start and stop; held while a stop waits for the body
+    std::thread thread;     ///< by `lifecycle`, but for the destructor, which is alone
     // Shared with the thread, which may outlive the object when its body destroys it.
     std::shared_ptr<ThreadSleep> sleep;              ///< by `lifecycle`
     std::atomic<ThreadSleep*> sleepOfBody{nullptr};  ///< the same, for a comparison without the lock
@@ -66,7 +66,7 @@ CThreadUtil::~CThreadUtil() {
 }
 
 bool CThreadUtil::startThread() {
-    std::lock_guard<std::mutex> guard(m_impl->lifecycle);
+    base::MutexLock guard(m_impl->lifecycle);
     if (m_impl->running->load(std::memory_order_acquire)) return false;
     if (m_impl->thread.joinable()) m_impl->thread.join();  // a body that returned by itself
     const auto running = m_impl->running;
@@ -92,7 +92,7 @@ bool CThreadUtil::stopThread() {
     // The body cannot wait for itself; asking would also lock out the owner that is waiting for it already.
     ThreadSleep* const own = ThreadSleep::OfCallingThread();
     if (own != nullptr && own == m_impl->sleepOfBody.load(std::memory_order_acquire)) return false;
-    std::lock_guard<std::mutex> guard(m_impl->lifecycle);
+    base::MutexLock guard(m_impl->lifecycle);
     if (!m_impl->thread.joinable()) return false;
     m_impl->Join();
     return true;

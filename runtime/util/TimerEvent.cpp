@@ -5,10 +5,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <exception>
 #include <map>
-#include <mutex>
 #include <thread>
 
 #include <pthread.h>
@@ -20,6 +18,7 @@
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 
+#include "base/Mutex.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ThreadUtil.h"
 
@@ -32,6 +31,8 @@ constexpr char kTimerThreadName[] = "zel-timer";
 constexpr char kOwnSource[] = "TimerEvent";
 // Longer periods are cut to this: about 31 years, so that a point of time plus a period cannot overflow.
 constexpr unsigned long kMaxPeriodMs = 1000UL * 1000 * 1000 * 1000;
+
+base::Mutex g_loopMutex;
 
 // The loop and its thread. Never destroyed: a timer may fire while the process is going down.
 class TimerLoop {
@@ -55,10 +56,9 @@ public:
 
     // Returns: null when the system refuses the thread or its descriptors.
     static TimerLoop* Get() {
-        static std::mutex mutex;
         static TimerLoop* current = nullptr;
         static pid_t owner = 0;
-        std::lock_guard<std::mutex> guard(mutex);
+        base::MutexLock guard(g_loopMutex);
         // A forked child has no timer thread: it gets a loop of its own and leaves the inherited one alone.
         if (current != nullptr && owner == ::getpid()) return current;
         try {
@@ -130,10 +130,10 @@ struct CTimerEvent::Impl : std::enable_shared_from_this<CTimerEvent::Impl> {
     explicit Impl(CTimerEvent& timerOwner) : owner(timerOwner) {}
 
     CTimerEvent& owner;  ///< valid while `timers` is not empty or a callback is awaited
-    std::mutex mutex;
-    std::condition_variable idle;
-    std::map<unsigned long, std::shared_ptr<Timer>> timers;  ///< by `mutex`
-    unsigned long running = 0;                               ///< by `mutex`: id of the timer whose callback runs
+    base::Mutex mutex;
+    base::Condition idle;
+    std::map<unsigned long, std::shared_ptr<Timer>> timers ZEL_GUARDED_BY(mutex);
+    unsigned long running ZEL_GUARDED_BY(mutex) = 0;  ///< id of the timer whose callback runs
 
     // On the timer thread.
     void Arm(const std::shared_ptr<Timer>& timer) {
@@ -145,7 +145,7 @@ struct CTimerEvent::Impl : std::enable_shared_from_this<CTimerEvent::Impl> {
 
     // On the timer thread.
     void Fire(const std::shared_ptr<Timer>& timer) {
-        std::unique_lock<std::mutex> lock(mutex);
+        base::MutexLock lock(mutex);
         if (timers.count(timer->id) == 0) return;
         running = timer->id;
         lock.unlock();
@@ -168,22 +168,23 @@ struct CTimerEvent::Impl : std::enable_shared_from_this<CTimerEvent::Impl> {
         }
     }
 
-    // Takes a timer out and waits for its callback, unless that is where the caller comes from. Requires: the lock.
-    void Remove(std::unique_lock<std::mutex>& lock, const std::shared_ptr<Timer>& timer) {
+    // Takes a timer out and waits for its callback, unless that is where the caller comes from.
+    void Remove(const std::shared_ptr<Timer>& timer) ZEL_REQUIRES(mutex) {
         timers.erase(timer->id);
         asio::post(timer->loop->Context(), [timer] { timer->alarm.cancel(); });
         if (timer->loop->IsCallerOnIt()) return;
-        idle.wait(lock, [this, &timer] { return running != timer->id; });
+        while (running == timer->id) idle.wait(mutex);
     }
 
     void RemoveAll() {
-        std::unique_lock<std::mutex> lock(mutex);
-        while (!timers.empty()) Remove(lock, std::shared_ptr<Timer>(timers.begin()->second));
+        base::MutexLock lock(mutex);
+        while (!timers.empty()) Remove(std::shared_ptr<Timer>(timers.begin()->second));
         // A callback whose timer was killed from within it still uses the object.
-        if (runsOn != nullptr && !runsOn->IsCallerOnIt()) idle.wait(lock, [this] { return running == 0; });
+        if (runsOn == nullptr || runsOn->IsCallerOnIt()) return;
+        while (running != 0) idle.wait(mutex);
     }
 
-    TimerLoop* runsOn = nullptr;  ///< by `mutex`: the loop of the timer started last
+    TimerLoop* runsOn ZEL_GUARDED_BY(mutex) = nullptr;  ///< the loop of the timer started last
 };
 
 CTimerEvent::CTimerEvent() : m_impl(std::make_shared<Impl>(*this)) {}
@@ -207,7 +208,7 @@ unsigned long CTimerEvent::startTimer(unsigned long periodMs, unsigned long magi
     if (periodMs == 0 || loop == nullptr) return 0;
     try {
         const auto timer = std::make_shared<Timer>(loop, NextTimerId(), magic, periodMs);
-        std::unique_lock<std::mutex> lock(m_impl->mutex);
+        base::MutexLock lock(m_impl->mutex);
         std::shared_ptr<Timer> replaced;
         for (const auto& [id, other] : m_impl->timers) {
             if (other->magic == magic) replaced = other;
@@ -215,7 +216,7 @@ unsigned long CTimerEvent::startTimer(unsigned long periodMs, unsigned long magi
         m_impl->timers.emplace(timer->id, timer);
         m_impl->runsOn = loop;
         asio::post(loop->Context(), [impl = m_impl, timer] { impl->Arm(timer); });
-        if (replaced != nullptr) m_impl->Remove(lock, replaced);
+        if (replaced != nullptr) m_impl->Remove(replaced);
         return timer->id;
     } catch (const std::exception& error) {
         CLogMessage::GetInstance()->log(kLogWarning, kOwnSource, __LINE__, "a timer could not start: %s", error.what());
@@ -224,10 +225,10 @@ unsigned long CTimerEvent::startTimer(unsigned long periodMs, unsigned long magi
 }
 
 bool CTimerEvent::killTimer(unsigned long id) {
-    std::unique_lock<std::mutex> lock(m_impl->mutex);
+    base::MutexLock lock(m_impl->mutex);
     const auto found = m_impl->timers.find(id);
     if (found == m_impl->timers.end()) return false;
-    m_impl->Remove(lock, std::shared_ptr<Timer>(found->second));
+    m_impl->Remove(std::shared_ptr<Timer>(found->second));
     return true;
 }
 
