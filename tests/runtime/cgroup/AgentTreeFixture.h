@@ -156,7 +156,9 @@ protected:
         appDir = temp.Path();
         cfgDir = appDir + "/conf";
         ASSERT_EQ(0, mkdir(cfgDir.c_str(), 0750));
-        treeName = "zel.test." + std::to_string(getpid());
+        // A name for each test: what one leaves behind after a failure must not fail those that follow.
+        static int number = 0;
+        treeName = "zel.test." + std::to_string(getpid()) + "." + std::to_string(++number);
         setenv("ZEL_APP_DIR", appDir.c_str(), 1);
         setenv("ZEL_GLOBAL_CFG_DIR", cfgDir.c_str(), 1);
         setenv("ZEL_CGROUP_NAME", treeName.c_str(), 1);
@@ -177,9 +179,7 @@ protected:
         EXPECT_TRUE(zel::RemoveAgentCgroupTree(error)) << error;
         EXPECT_FALSE(Exists(cpuTree));
         EXPECT_FALSE(Exists(memTree));
-        for (const char* name : {"/conf/cgroup_resource.json", "/conf/cgroup_resource.json.tmp"}) {
-            unlink((appDir + name).c_str());
-        }
+        unlink(file.c_str());
         rmdir(cfgDir.c_str());
         EXPECT_THAT(support::NamesIn(appDir), ::testing::IsEmpty()) << "something else was left";
     }
