@@ -90,10 +90,7 @@ public:
     /// Returns: false, `info` untouched, before the first round.
     bool FetchResourceMonitorInfo(ResourceMonitorInfo& info);
 
-    struct ZEL_HIDDEN Impl;
-    /// For the host's own services.
-    Impl* GetImpl() { return m_impl.get(); }
-
 private:
+    struct ZEL_HIDDEN Impl;
     std::unique_ptr<Impl> m_impl;
 };
