@@ -92,8 +92,9 @@ struct SelfCgroupOomWatermark {
 /// serialise them. What another thread reads is an atomic of its own.
 /// Lifetime: StopMonitor before destruction; the destructor stops nothing.
 /// Errors: bool results and the log; the module throws nothing of its own. Where memory runs out std::bad_alloc passes
-/// through (ParseMonitorConfig alone makes false of it), as does what a callback of the host throws; what was done by
-/// then stays, and the next online update applies everything again. The throttling queries throw nothing.
+/// through (loading the file makes false of it, reading the stored counters an empty map), as does what a callback of
+/// the host throws; what was done by then stays, and the next online update applies everything again. The throttling
+/// queries throw nothing.
 class ZEL_API CMonitorPri : public IMtInfo,
                             public IOnlineClientConfNotify,
                             public CResourceMonitor,
@@ -242,14 +243,15 @@ public:
 
     // --- unified mode and its exits: src/cgroup/UnifiedMode.cpp, UnifiedExit.cpp ---
     // Configuration thread, main process; in any other process the first two do nothing and return true.
-    // Units: `maxCpu` percent of one CPU, widened; `maxMem` MB, widened.
+    // Units: `maxCpu` percent of one CPU, widened (in Solaris mode of the machine, and not widened); `maxMem` MB,
+    // widened.
 
     /// First application: makes the manager, reconciles, joins the group "main", writes the component file and tells
     /// the other processes. Does nothing when the mode runs already. Without bit 8 of `mode` it is
-    /// CleanupUnifiedConfigForLegacy. Returns: false when the legacy limits are to be used instead.
+    /// CleanupUnifiedConfigForLegacy, with its result. Returns: false when the unified mode could not be entered.
     bool InitMultiCgroup(int mode, long maxCpu, int maxMem);
     /// Application after a change; InitMultiCgroup when the mode does not run. Unlike that one it restores the settings
-    /// on record when the new ones cannot be published, and falls back only when that fails too.
+    /// on record when the new ones cannot be published; every other failure falls back at once, as it does there.
     /// Returns: false when what was asked for is not in force.
     bool UpdateMultiCgroup(int mode, long maxCpu, int maxMem);
     /// Clears the flag of each controller that must not be used on the running kernel, and logs why.

@@ -115,7 +115,9 @@ Status SyncDirectory(const Fd& directory, const std::string& path) {
     if (RetryOnSignal([&] { return ::fsync(directory.Get()); }) == 0) return {};
     // A file system that cannot sync directories keeps them in another way, or not at all: nothing to be done here.
     if (errno == EINVAL || errno == ENOTSUP) return {};
-    return ErrnoError(errno, "sync", path);
+    Error error = ErrnoError(errno, "sync", path);
+    error.kind = ErrorKind::kNotSynced;
+    return error;
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ enum class Durability {
 /// beside it, renamed over it. What is not a regular file is never replaced, since somebody needs that link or device.
 /// What a writer that was killed left beside the file goes with the next replacement.
 /// On failure: the old file stays and nothing is left beside it. Only a failed sync of the directory comes after the
-/// new text is in place; it is told because the promise of kSynced is not kept.
+/// new text is in place: kNotSynced, because the promise of kSynced is not kept.
 /// Blocks: for the disk, with kSynced.
 Status ReplaceFile(const std::string& path, std::string_view text, mode_t mode, Durability durability);
 

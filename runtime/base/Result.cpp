@@ -22,6 +22,7 @@ const char* KindName(ErrorKind kind) {
         case ErrorKind::kTooLarge: return "too large";
         case ErrorKind::kMalformed: return "malformed";
         case ErrorKind::kNotInForce: return "not in force";
+        case ErrorKind::kNotSynced: return "not synced";
         case ErrorKind::kNoServer: return "no server";
         case ErrorKind::kRefused: return "refused";
         case ErrorKind::kOther: return "other";

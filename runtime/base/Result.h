@@ -24,6 +24,7 @@ enum class ErrorKind {
     kTooLarge,      ///< longer than the bound for it
     kMalformed,     ///< text that does not parse
     kNotInForce,    ///< written without an error, and yet the kernel says something else
+    kNotSynced,     ///< done and seen by everybody, but a crash may take it back
     kNoServer,      ///< nobody serves the socket, or not now
     kRefused,       ///< a name, path or process that we must not touch
     kOther,

@@ -90,8 +90,14 @@ bool CCgroupManager::Impl::Reconcile(const Flags& wanted, const CgroupTotalLimit
     for (const Error& problem : problems) Fail(__LINE__, problem);
     bool ok = problems.empty();
     for (const Controller controller : kAllControllers) {
-        inUse[controller] = ReadInUse(branches, targets, controller);
-        ok = ok && (inUse[controller] || !wanted[controller]);
+        std::vector<Error> unread;
+        inUse[controller] = ReadInUse(branches, targets, controller, unread);
+        if (inUse[controller] || !wanted[controller]) continue;
+        // What was told already is not told again for its consequence.
+        if (problems.empty()) {
+            for (const Error& error : unread) Fail(__LINE__, error);
+        }
+        ok = false;
     }
     return ok;
 }
@@ -274,7 +280,9 @@ bool CCgroupManager::WriteComponentConfig(const std::string& path, const std::ve
 bool CCgroupManager::WriteDisabledConfig(const std::string& path) {
     const base::MutexLock lock(m_impl->mutex);
     Status written = PublishDisabled(path);
-    return written || Fail(__LINE__, written.GetError());
+    if (written) return true;
+    Fail(__LINE__, written.GetError());
+    return written.GetError().kind == ErrorKind::kNotSynced;  // the others read it already
 }
 
 void CCgroupManager::ResetMemoryOomMonitor() {

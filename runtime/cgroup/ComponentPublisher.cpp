@@ -117,6 +117,11 @@ Result<std::map<LeafKey, int>> ComponentPublisher::Publish(const std::string& pa
     }
     status = FollowOwnLeaf(file);
     if (status) status = WriteComponentFile(path, file);
+    if (!status && status.GetError().kind == ErrorKind::kNotSynced) {
+        // The others read the new file already; only a crash could bring the old one back.
+        m_remarks.push_back({true, status.GetError().Text()});
+        status = {};
+    }
     if (!status) return status.GetError();
     return leaves;
 }

@@ -60,6 +60,7 @@ int LegacyCodeOf(const Error& error) {
         case ErrorKind::kShortWrite:
         case ErrorKind::kTooLarge:
         case ErrorKind::kMalformed:
+        case ErrorKind::kNotSynced:
         case ErrorKind::kNoServer:
         case ErrorKind::kRefused:
         case ErrorKind::kOther: return kLegacyWriteFailed;

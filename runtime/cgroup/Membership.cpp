@@ -19,12 +19,14 @@ struct Step {
     bool moved = false;
 };
 
-void TakeBack(int pid, const std::vector<Step>& steps, std::vector<Error>& stranded) {
-    for (const Step& step : steps) {
+/// What cannot be taken back stays moved.
+void TakeBack(int pid, std::vector<Step>& steps, std::vector<Error>& stranded) {
+    for (Step& step : steps) {
         if (!step.moved) continue;
         Result<GroupDir> before = OpenGroup(step.entry->territory.hierarchy, step.from);
         Status back = before ? before->MoveHere(pid) : Status(before.GetError());
         if (!back) stranded.push_back(back.GetError());
+        step.moved = !back;
     }
 }
 
@@ -43,6 +45,9 @@ Status Membership::Join(int pid, const std::vector<Entry>& entries, std::vector<
         Status moved = step.entry->group->MoveHere(pid);
         if (!moved) {
             TakeBack(pid, steps, stranded);
+            for (const Step& left : steps) {
+                if (left.moved) Remember(pid, left.entry->territory, left.from);
+            }
             return moved;
         }
         step.moved = true;

@@ -28,12 +28,12 @@ using Refuge = std::function<Status(int pid)>;
 
 /// Thread-safety: none, the owner locks.
 /// Lifetime: forgets with the object; nobody is moved.
-/// Errors: none of them changes what is remembered.
+/// Errors: none of them changes what is remembered, but for a process that could not be taken back.
 class Membership {
 public:
     /// Moves the process into all groups or into none; one that is there already stays. Remembers where it came from,
     /// the first time until it leaves, unless that was in the territory.
-    /// `stranded`: moves that could not be taken back after a failure.
+    /// `stranded`: moves that could not be taken back after a failure; their origins are remembered.
     Status Join(int pid, const std::vector<Entry>& entries, std::vector<Error>& stranded);
     /// Moves the process out of the territory if it is in it, also when it was started inside, and forgets its origin.
     Status Leave(int pid, const Territory& territory, const Refuge& refuge);

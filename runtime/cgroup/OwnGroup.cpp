@@ -80,15 +80,26 @@ Result<GroupDir> MakeOwnChild(const GroupDir& parent, const std::string& name) {
     }
 }
 
-Result<std::vector<OwnChild>> OpenOwnChildren(const GroupDir& parent) {
+Result<std::vector<OwnChild>> OpenOwnChildren(const GroupDir& parent, std::vector<Error>& unread) {
     Result<std::vector<std::string>> names = parent.Children();
     if (!names) return names.GetError();
     std::vector<OwnChild> out;
     for (std::string& name : *names) {
         Result<GroupDir> child = OpenOwnChild(parent, name);
-        if (child) out.push_back({std::move(name), std::move(*child)});
+        if (child) {
+            out.push_back({std::move(name), std::move(*child)});
+            continue;
+        }
+        // Somebody else's group, or one that was removed meanwhile, is none of ours.
+        const ErrorKind kind = child.GetError().kind;
+        if (kind != ErrorKind::kRefused && kind != ErrorKind::kNotFound) unread.push_back(child.GetError());
     }
     return out;
+}
+
+Result<std::vector<OwnChild>> OpenOwnChildren(const GroupDir& parent) {
+    std::vector<Error> ignored;
+    return OpenOwnChildren(parent, ignored);
 }
 
 }  // namespace cgroup

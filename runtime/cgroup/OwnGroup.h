@@ -28,6 +28,8 @@ struct OwnChild {
 };
 /// Opens the children that are ours, sorted by name; the others, and those that vanish meanwhile, are left out.
 Result<std::vector<OwnChild>> OpenOwnChildren(const GroupDir& parent);
+/// The same, and tells in `unread` what may be ours and could not be looked at, say for want of descriptors.
+Result<std::vector<OwnChild>> OpenOwnChildren(const GroupDir& parent, std::vector<Error>& unread);
 
 }  // namespace cgroup
 }  // namespace zel

@@ -39,6 +39,20 @@ void BringAbout(const GroupTargets& targets, const OpenTreeFacts& tree, std::vec
     }
 }
 
+/// A group that was made and is not among the facts keeps the limits that it had: that is no success.
+void TellWhatWasNotRead(const GroupTargets& targets, const std::set<std::string>& missing, const OpenTreeFacts& tree,
+                        std::vector<Error>& problems) {
+    for (const Error& unread : tree.unread) problems.push_back(unread);
+    if (!tree.unread.empty()) return;
+    std::set<std::string> seen = missing;
+    for (const GroupFacts& node : tree.facts.nodes) seen.insert(node.group);
+    for (const GroupTarget& target : targets.groups) {
+        if (seen.count(target.name) != 0) continue;
+        problems.push_back(MakeError(ErrorKind::kGone, "limit", tree.facts.nodes.front().path + "/" + target.name,
+                                     "it was removed by somebody else"));
+    }
+}
+
 /// Nothing is limited by us where no tree is, or none of ours, or where we may make none.
 bool MeansNothingToLift(const Branch& branch, const Error& error) {
     return error.kind == ErrorKind::kNotFound || error.kind == ErrorKind::kRefused || !branch.placement;
@@ -55,17 +69,28 @@ void ReconcileBranch(const Branch& branch, const GroupTargets& targets, std::vec
     }
     std::set<std::string> missing;
     if (wanted) missing = MakeGroups(branch, targets, *tree, problems);
-    BringAbout(targets, ReadTree(std::move(*tree), branch.serves, 2, missing), problems);
+    const OpenTreeFacts facts = ReadTree(std::move(*tree), branch.serves, 2, missing);
+    if (wanted) TellWhatWasNotRead(targets, missing, facts, problems);
+    BringAbout(targets, facts, problems);
     SweepTree(branch, targets);
 }
 
-bool ReadInUse(const Branches& branches, const GroupTargets& targets, Controller controller) {
+bool ReadInUse(const Branches& branches, const GroupTargets& targets, Controller controller,
+               std::vector<Error>& unread) {
     if (!targets.wanted[controller]) return false;
     Result<GroupDir> tree = OpenTreeToRead(branches, controller);
-    if (!tree) return false;
+    if (!tree) {
+        unread.push_back(tree.GetError());
+        return false;
+    }
     Flags one;
     one[controller] = true;
-    return IsInUse(targets, ReadTree(std::move(*tree), one, 1).facts, controller);
+    const OpenTreeFacts facts = ReadTree(std::move(*tree), one, 1);
+    unread.insert(unread.end(), facts.unread.begin(), facts.unread.end());
+    for (const GroupFacts& node : facts.facts.nodes) {
+        if (node.limits[controller].failure) unread.push_back(*node.limits[controller].failure);
+    }
+    return IsInUse(targets, facts.facts, controller);
 }
 
 int ReadParentAmount(const Branches& branches, Controller controller) {

@@ -16,8 +16,10 @@ namespace cgroup {
 /// is added when all that was asked for is in force.
 void ReconcileBranch(const Branch& branch, const GroupTargets& targets, std::vector<Error>& problems);
 
-/// Returns: whether the trees really use the controller, as the kernel says now.
-bool ReadInUse(const Branches& branches, const GroupTargets& targets, Controller controller);
+/// Returns: whether the trees really use the controller, as the kernel says now. `unread`: what could not be looked at,
+/// which then counts as not in use.
+bool ReadInUse(const Branches& branches, const GroupTargets& targets, Controller controller,
+               std::vector<Error>& unread);
 
 /// Returns: the parent's limit as the kernel says now, 0 when there is none.
 int ReadParentAmount(const Branches& branches, Controller controller);

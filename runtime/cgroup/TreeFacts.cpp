@@ -31,6 +31,13 @@ LimitFacts ReadLimitFacts(Controller controller, const GroupDir& dir) {
     return out;
 }
 
+std::vector<OwnChild> OpenChildren(const GroupDir& parent, std::vector<Error>& unread) {
+    Result<std::vector<OwnChild>> children = OpenOwnChildren(parent, unread);
+    if (children) return std::move(*children);
+    unread.push_back(children.GetError());
+    return {};
+}
+
 void AddNode(OpenTreeFacts& out, GroupDir dir, const std::string& group, const std::string& leaf) {
     GroupFacts facts = ReadGroupFacts(dir, out.facts.serves);
     facts.group = group;
@@ -56,17 +63,15 @@ OpenTreeFacts ReadTree(GroupDir tree, const Flags& serves, int depth, const std:
     OpenTreeFacts out;
     out.facts.version = tree.GetVersion();
     out.facts.serves = serves;
-    Result<std::vector<OwnChild>> groups = std::vector<OwnChild>();
-    if (depth > 0) groups = OpenOwnChildren(tree);
+    std::vector<OwnChild> groups;
+    if (depth > 0) groups = OpenChildren(tree, out.unread);
     AddNode(out, std::move(tree), {}, {});
-    if (!groups) return out;
-    for (OwnChild& group : *groups) {
+    for (OwnChild& group : groups) {
         if (without.count(group.name) != 0) continue;
-        Result<std::vector<OwnChild>> leaves = std::vector<OwnChild>();
-        if (depth > 1) leaves = OpenOwnChildren(group.dir);
+        std::vector<OwnChild> leaves;
+        if (depth > 1) leaves = OpenChildren(group.dir, out.unread);
         AddNode(out, std::move(group.dir), group.name, {});
-        if (!leaves) continue;
-        for (OwnChild& leaf : *leaves) AddNode(out, std::move(leaf.dir), group.name, leaf.name);
+        for (OwnChild& leaf : leaves) AddNode(out, std::move(leaf.dir), group.name, leaf.name);
     }
     return out;
 }

@@ -18,6 +18,7 @@ namespace cgroup {
 struct OpenTreeFacts {
     TreeFacts facts;
     std::vector<GroupDir> dirs;
+    std::vector<Error> unread;  ///< groups of ours that are there and could not be looked at
 };
 
 /// Reads the limits of one group.

@@ -2,6 +2,7 @@
 #include "support/Faults.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdarg>
 #include <mutex>
 
 namespace faults {
@@ -135,6 +137,16 @@ int ControlWrites() {
 ZEL_IN_FRONT ssize_t read(int fd, void* buffer, size_t size) {
     static const auto next = faults::Next<ssize_t (*)(int, void*, size_t)>("read");
     return faults::Fails(faults::Call::kRead) ? -1 : next(fd, buffer, size);
+}
+
+// Both names: which of them a source means depends on the size of its file offsets.
+ZEL_IN_FRONT int openat64(int directory, const char* path, int flags, ...) {
+    static const auto next = faults::Next<int (*)(int, const char*, int, ...)>("openat64");
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    return faults::Fails(faults::Call::kOpenat) ? -1 : next(directory, path, flags, mode);
 }
 
 ZEL_IN_FRONT ssize_t write(int fd, const void* buffer, size_t size) {

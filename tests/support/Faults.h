@@ -7,7 +7,7 @@
 
 namespace faults {
 
-enum class Call { kRead, kWrite, kFsync, kStatvfs, kMkdirat, kThreadCreate };
+enum class Call { kRead, kWrite, kFsync, kStatvfs, kMkdirat, kOpenat, kThreadCreate };
 
 constexpr int kOneByteLess = 0;  ///< in the place of an errno: the write puts one byte less than it was given
 

@@ -44,6 +44,35 @@ TEST_F(CgroupManagerTest, PutsConfiguredLimitsOnParentAndGroups) {
     EXPECT_THAT(Warnings(), ::testing::IsEmpty());
 }
 
+// Whichever of its opens fails: success means that every group has its new limit, and a failure is told.
+TEST_F(CgroupManagerTest, NeverSaysYesWhenAGroupCouldNotBeOpened) {
+    ASSERT_TRUE(ReconcileWorked());
+    int refused = 0;
+    int scale = 9;
+    bool reached = true;
+    for (int nth = 1; reached && nth < 1000; ++nth) {
+        scale = scale == 9 ? 8 : 9;
+        const std::vector<zel::CgroupGroupConfig> groups = {Group("main", 20 * scale, 23040), Group("guard", 0, 15360),
+                                                            Group("collect-defense", 60 * scale, 138240)};
+        ClearFaults();
+        bool worked = false;
+        {
+            const faults::Failing failing(faults::Call::kOpenat, EMFILE, nth);
+            worked = manager.Reconcile(true, true, Total(9, 307200), groups);
+            reached = failing.Calls() >= nth;
+        }
+        if (worked) {
+            EXPECT_EQ(std::to_string(200 * scale) + " 100000", CpuLimit("main")) << nth;
+            EXPECT_EQ(std::to_string(600 * scale) + " 100000", CpuLimit("collect-defense")) << nth;
+        } else {
+            ++refused;
+            EXPECT_THAT(Warnings(), ::testing::Not(::testing::IsEmpty())) << nth;
+        }
+    }
+    EXPECT_FALSE(reached) << "the last of them went through undisturbed";
+    EXPECT_GT(refused, 10);
+}
+
 TEST_F(CgroupManagerTest, WritesNothingWhenNothingDiffers) {
     ASSERT_TRUE(ReconcileWorked());
     ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
@@ -93,7 +122,7 @@ TEST_F(CgroupManagerTest, WritesTheComponentFileByteForByte) {
     struct stat info {};
     ASSERT_EQ(0, stat(file.c_str(), &info));
     EXPECT_EQ(0640u, info.st_mode & 07777u);
-    EXPECT_FALSE(Exists(file + ".tmp"));
+    EXPECT_FALSE(Exists(file + "." + std::to_string(gettid()) + ".tmp"));
 }
 
 TEST_F(CgroupManagerTest, WritesTheDisabledFileByteForByte) {
@@ -101,6 +130,25 @@ TEST_F(CgroupManagerTest, WritesTheDisabledFileByteForByte) {
     EXPECT_EQ("{\n  \"version\": 1,\n  \"enabled\": false,\n  \"boot_id\": \"" +
                   ReadValue("/proc/sys/kernel/random/boot_id") + "\"\n}",
               ReadValue(file));
+}
+
+// The new file is in place by then and is what the other processes read: an update must not go back on it.
+TEST_F(CgroupManagerTest, AFileThatIsInPlaceAndNotSyncedIsPublished) {
+    ASSERT_TRUE(ReconcileWorked());
+    ClearFaults();
+    {
+        const faults::Failing directoryFails(faults::Call::kFsync, EIO, 2);
+        EXPECT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
+    }
+    EXPECT_THAT(Warnings(), ::testing::ElementsAre(HasSubstr("cannot sync")));
+    EXPECT_THAT(ReadValue(file), HasSubstr("\"enabled\": true"));
+    ClearFaults();
+    {
+        const faults::Failing directoryFails(faults::Call::kFsync, EIO, 2);
+        EXPECT_TRUE(manager.WriteDisabledConfig(file));
+    }
+    EXPECT_THAT(Warnings(), ::testing::ElementsAre(HasSubstr("cannot sync")));
+    EXPECT_THAT(ReadValue(file), HasSubstr("\"enabled\": false"));
 }
 
 TEST_F(CgroupManagerTest, FollowsEveryChangeOfTheMaximaUpAndDown) {

@@ -88,10 +88,15 @@ TEST_F(MembershipTest, JoinsAllGroupsOrNone) {
 }
 
 TEST_F(MembershipTest, TellsOfAMoveThatCannotBeTakenBack) {
-    const faults::Failing failing(faults::Call::kWrite, EBUSY, 2, 2);
-    EXPECT_FALSE(m_membership.Join(m_child.Pid(), Both(), m_stranded).Ok());
+    {
+        const faults::Failing failing(faults::Call::kWrite, EBUSY, 2, 2);
+        EXPECT_FALSE(m_membership.Join(m_child.Pid(), Both(), m_stranded).Ok());
+    }
     ASSERT_EQ(1u, m_stranded.size());
     EXPECT_EQ("/" + m_name, Where(m_cpu));
+    ASSERT_TRUE(m_membership.Leave(m_child.Pid(), Ours(m_cpu), Counted()).Ok());
+    EXPECT_EQ("/" + m_name + ".before", Where(m_cpu)) << "its origin is known all the same";
+    EXPECT_EQ(0, m_refuge);
 }
 
 TEST_F(MembershipTest, KeepsTheFirstOriginUntilTheProcessLeaves) {
