@@ -13,14 +13,20 @@ namespace {
 
 /// Between two tries while no descriptor is free.
 constexpr std::chrono::milliseconds kExhaustedPause(100);
+/// When connections come faster than they are taken: longer than one turn, so that the pauses cost nothing either.
+constexpr std::chrono::milliseconds kRatePause(50);
+/// Connections beyond the rate that are taken in one go: some pauses' worth.
+constexpr unsigned int kBurst = 64;
 
 }  // namespace
 
-Listener::Listener(IoLoop& loop, ListeningSocket socket, size_t mostConnections, Handlers handlers)
+Listener::Listener(IoLoop& loop, ListeningSocket socket, size_t mostConnections, unsigned int perSecond,
+                   Handlers handlers)
     : m_socket(std::move(socket)),
       m_mostConnections(mostConnections),
       m_handlers(std::move(handlers)),
       m_places(std::make_shared<char>()),
+      m_rate(perSecond, kBurst),
       m_pause(loop),
       m_watch(loop) {}
 
@@ -42,8 +48,14 @@ void Listener::Accept() {
         return Pause(errno);
     }
     m_exhausted = false;
-    Wait();
+    WaitForTurn();
     Take(std::move(socket));
+}
+
+void Listener::WaitForTurn() {
+    const auto due = m_rate.Take(0, RateBudget::Clock::now(), kRatePause);
+    if (due.count() == 0) return Wait();
+    m_pause.Start(kRatePause, [this] { Wait(); });
 }
 
 void Listener::Pause(int error) {
@@ -60,6 +72,8 @@ void Listener::Take(Fd socket) {
             return m_handlers.refused(Refusal::kForeignUser, peer ? *peer : Peer(), socket.Get());
         }
         connection.peer = *peer;
+    } else {
+        connection.peer.uid = m_users.UserOf(socket.Get());
     }
     const size_t open = static_cast<size_t>(m_places.use_count()) - 1;
     if (open >= m_mostConnections && (!m_handlers.makeRoom || !m_handlers.makeRoom())) {

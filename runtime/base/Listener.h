@@ -8,13 +8,15 @@
 
 #include "base/IoLoop.h"
 #include "base/LocalSocket.h"
+#include "base/LoopbackPeer.h"
+#include "base/RateBudget.h"
 
 namespace base {
 
 /// One accepted connection; non-blocking, close-on-exec.
 struct Connection {
     Fd socket;
-    Peer peer;                          ///< not filled for a loopback connection
+    Peer peer;                          ///< of a loopback connection the user, where the kernel tells, and no process
     std::shared_ptr<const void> place;  ///< counts against the listener's bound as long as it is held
 };
 
@@ -22,6 +24,8 @@ enum class Refusal {
     kForeignUser,  ///< neither root nor this process's user
     kTooMany,      ///< beyond the bound of connections
 };
+
+constexpr unsigned int kAsManyAsCome = 0;
 
 /// Thread-safety: made, used and destroyed on the loop's thread, where its handlers are called.
 class Listener {
@@ -36,7 +40,8 @@ public:
         std::function<void(int error)> exhausted;
     };
 
-    Listener(IoLoop& loop, ListeningSocket socket, size_t mostConnections, Handlers handlers);
+    /// `perSecond`: connections that are taken, the others wait in the kernel's queue; or kAsManyAsCome.
+    Listener(IoLoop& loop, ListeningSocket socket, size_t mostConnections, unsigned int perSecond, Handlers handlers);
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
 
@@ -45,6 +50,7 @@ public:
 
 private:
     void Wait();
+    void WaitForTurn();
     void Accept();
     void Take(Fd socket);
     void Pause(int error);
@@ -53,6 +59,8 @@ private:
     const size_t m_mostConnections;
     const Handlers m_handlers;
     const std::shared_ptr<const void> m_places;
+    RateBudget m_rate;
+    LoopbackPeers m_users;
     bool m_exhausted = false;
     IoTimer m_pause;
     IoWatch m_watch;  // last: ends before the socket does

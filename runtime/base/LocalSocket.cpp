@@ -23,6 +23,8 @@ namespace {
 /// Connections that wait for their accept: more than a burst of scrapers and consoles, because a full queue makes a
 /// client on loopback try again only after a second.
 constexpr int kBacklog = 64;
+/// Every user of the host may come there; those who come too fast must not fill it for the others.
+constexpr int kLoopbackBacklog = 1024;
 constexpr mode_t kSocketMode = 0600;
 
 int TypeOf(SocketKind kind) {
@@ -232,7 +234,7 @@ Result<ListeningSocket> ListeningSocket::Loopback(const std::string& address) {
     auto* const place = reinterpret_cast<sockaddr*>(&wanted->address);
     const int on = 1;
     if (!made.m_socket || setsockopt(made.m_socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        bind(made.m_socket.Get(), place, wanted->length) != 0 || listen(made.m_socket.Get(), kBacklog) != 0 ||
+        bind(made.m_socket.Get(), place, wanted->length) != 0 || listen(made.m_socket.Get(), kLoopbackBacklog) != 0 ||
         getsockname(made.m_socket.Get(), place, &wanted->length) != 0) {
         return ErrnoError(errno, "listen on", address);
     }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <list>
+#include <map>
 #include <utility>
 
 namespace base {
@@ -14,6 +15,8 @@ namespace {
 
 /// Input that is read and thrown away before a connection is closed: unread, it would cost the peer its answer.
 constexpr int kMostDrainedPieces = 16;
+/// Requests of one user that are answered at once before its rate holds.
+constexpr unsigned int kRequestBurst = 40;
 
 enum class Step { kReading, kWorking, kSending };
 
@@ -28,6 +31,7 @@ struct Client {
     IoWatch watch;  // last: ends before the socket does
 
     int Socket() const { return connection.socket.Get(); }
+    uid_t User() const { return connection.peer.uid; }
 };
 using ClientPtr = std::shared_ptr<Client>;
 
@@ -48,14 +52,17 @@ struct RequestServer::Impl {
         : loop(usedLoop),
           queue(usedQueue),
           limits(bounds),
+          turns(bounds.requestsPerSecond, kRequestBurst),
           service(std::make_shared<const RequestService>(std::move(served))) {}
 
     Listener::Handlers MakeHandlers();
     void Add(Connection connection);
     void Refuse(Refusal why, const Peer& peer, int socket);
     bool MakeRoom();
+    bool FindShare(uid_t user);
     void Read(const ClientPtr& client);
     void GiveUp(const ClientPtr& client);
+    void TakeTurn(const ClientPtr& client, size_t requestBytes);
     void Work(const ClientPtr& client, size_t requestBytes);
     void Send(const ClientPtr& client, std::string answer);
     void Write(const ClientPtr& client);
@@ -67,6 +74,7 @@ struct RequestServer::Impl {
     IoLoop& loop;
     WorkQueue& queue;
     const RequestLimits limits;
+    RateBudget turns;
     const std::shared_ptr<const RequestService> service;  // also held by the job that makes an answer
     std::unique_ptr<Listener> listener;
     std::list<ClientPtr> clients;  // oldest first
@@ -77,8 +85,8 @@ RequestServer::RequestServer(IoLoop& loop, WorkQueue& queue, ListeningSocket soc
                              RequestService service)
     : m_impl(std::make_unique<Impl>(loop, queue, limits, std::move(service))) {
     loop.Run([&] {
-        m_impl->listener =
-            std::make_unique<Listener>(loop, std::move(socket), limits.mostConnections, m_impl->MakeHandlers());
+        m_impl->listener = std::make_unique<Listener>(loop, std::move(socket), limits.mostConnections,
+                                                      limits.connectionsPerSecond, m_impl->MakeHandlers());
     });
 }
 
@@ -114,6 +122,7 @@ Listener::Handlers RequestServer::Impl::MakeHandlers() {
 void RequestServer::Impl::Add(Connection connection) {
     const auto client = std::make_shared<Client>(loop, std::move(connection));
     if (!client->watch.Open(client->Socket())) return;  // no memory for it in the kernel: the peer sees its end
+    if (!FindShare(client->User())) return;
     clients.push_back(client);
     full = false;
     Limit(client, limits.reading);
@@ -133,12 +142,32 @@ void RequestServer::Impl::Refuse(Refusal why, const Peer& peer, int socket) {
     }
 }
 
+/// Takes the place from the user who has most: a crowd of connections costs its own user, not the others.
 bool RequestServer::Impl::MakeRoom() {
-    const auto oldest =
-        std::find_if(clients.begin(), clients.end(), [](const ClientPtr& c) { return c->step != Step::kWorking; });
-    if (oldest == clients.end()) return false;
-    Cut(ClientPtr(*oldest));
+    std::map<uid_t, size_t> counts;
+    for (const ClientPtr& client : clients) ++counts[client->User()];
+    ClientPtr chosen;
+    for (const ClientPtr& client : clients) {
+        if (client->step == Step::kWorking) continue;
+        if (chosen == nullptr || counts[client->User()] > counts[chosen->User()]) chosen = client;
+    }
+    if (chosen == nullptr) return false;
+    Cut(chosen);
     return true;
+}
+
+/// Returns: false when the user has all that one may have, and all of it is being worked on.
+bool RequestServer::Impl::FindShare(uid_t user) {
+    size_t count = 0;
+    ClientPtr oldest;
+    for (const ClientPtr& client : clients) {
+        if (client->User() != user) continue;
+        ++count;
+        if (oldest == nullptr && client->step != Step::kWorking) oldest = client;
+    }
+    if (count < limits.mostOfOneUser) return true;
+    if (oldest != nullptr) Cut(oldest);
+    return oldest != nullptr;
 }
 
 void RequestServer::Impl::Limit(const ClientPtr& client, std::chrono::milliseconds time) {
@@ -156,7 +185,7 @@ void RequestServer::Impl::Read(const ClientPtr& client) {
     if (got == 0) return GiveUp(client);
     if (got > 0) client->text.append(piece, static_cast<size_t>(got));
     const size_t end = client->text.find(service->ending);
-    if (end != std::string::npos) return Work(client, end + service->ending.size());
+    if (end != std::string::npos) return TakeTurn(client, end + service->ending.size());
     if (client->text.size() >= limits.mostRequestBytes) return GiveUp(client);
     client->watch.WaitReadable([this, client] { Read(client); });
 }
@@ -164,6 +193,15 @@ void RequestServer::Impl::Read(const ClientPtr& client) {
 void RequestServer::Impl::GiveUp(const ClientPtr& client) {
     if (service->incomplete.empty()) return Cut(client);
     Send(client, service->incomplete);
+}
+
+void RequestServer::Impl::TakeTurn(const ClientPtr& client, size_t requestBytes) {
+    const auto due = turns.Take(client->User(), RateBudget::Clock::now(), limits.reading);
+    if (due > limits.reading) return Cut(client);
+    if (due.count() == 0) return Work(client, requestBytes);
+    // A client that goes meanwhile is noticed when it is answered.
+    client->deadline.Start(std::chrono::ceil<std::chrono::milliseconds>(due),
+                           [this, client, requestBytes] { Work(client, requestBytes); });
 }
 
 void RequestServer::Impl::Work(const ClientPtr& client, size_t requestBytes) {

@@ -18,6 +18,9 @@ namespace base {
 struct RequestLimits {
     size_t mostRequestBytes = 8192;
     size_t mostConnections = 32;
+    size_t mostOfOneUser = 32;              ///< a further one replaces that user's oldest
+    unsigned int connectionsPerSecond = 0;  ///< of all together; what comes faster waits. 0: no bound
+    unsigned int requestsPerSecond = 0;     ///< of one user; what comes faster waits its turn. 0: no bound
     std::chrono::milliseconds reading{1000};
     std::chrono::milliseconds working{30000};  ///< until the answer is there
     std::chrono::milliseconds sending{1000};
@@ -34,10 +37,10 @@ struct RequestService {
     std::function<void(const std::string& line)> warn;
 };
 
-/// A server of one listening socket. When the bound of connections is reached, the oldest that still reads or sends is
-/// cut; when all of them are being worked on, the newest is refused.
-/// Thread-safety: made, started and destroyed from one thread, which is none of the loop or the queue.
-/// Lifetime: ends before the loop, and stops the queue.
+/// A server of one listening socket. Peers are told apart by their user; those that the kernel does not know are one.
+/// When the bound of connections is reached, the oldest that still reads or sends is cut; when all of them are being
+/// worked on, the newest is refused. Thread-safety: made, started and destroyed from one thread, which is none of the
+/// loop or the queue. Lifetime: ends before the loop, and stops the queue.
 class RequestServer {
 public:
     RequestServer(IoLoop& loop, WorkQueue& queue, ListeningSocket socket, RequestLimits limits, RequestService service);

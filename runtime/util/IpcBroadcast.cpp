@@ -96,7 +96,8 @@ base::Status CIpcBroadcastServer::Impl::Open(const std::string& path) {
     loop = std::move(*started);
     base::Status listening;
     loop->Run([&] {
-        listener = std::make_unique<base::Listener>(*loop, std::move(*socket), kMaxSubscribers, MakeHandlers());
+        listener = std::make_unique<base::Listener>(*loop, std::move(*socket), kMaxSubscribers, base::kAsManyAsCome,
+                                                    MakeHandlers());
         listening = listener->Start();
     });
     if (!listening) Close();

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -328,7 +329,7 @@ TEST_P(ServersTest, SilentClientsDisturbNobody) {
 TEST_P(ServersTest, ClientThatTalksSlowlyIsCutAndOthersAreServed) {
     ASSERT_NO_FATAL_FAILURE(Start());
     std::vector<base::Fd> slow;
-    for (int count = 0; count < 12; ++count) slow.push_back(Client());
+    for (int count = 0; count < 6; ++count) slow.push_back(Client());
     const auto talk = [&] {
         for (const base::Fd& client : slow) Say(client, "x");
     };
@@ -462,6 +463,92 @@ TEST_P(SocketFileTest, LeavesASocketThatIsNoLongerItsOwn) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, SocketFileTest, ::testing::Values("Metrics", "Console", "Broadcast"), NameOf);
+
+// --- the one that every user of the host may ask ---------------------------------------------------------------------
+
+class LoopbackTest : public ServersTest {
+protected:
+    /// Runs `work` as an ordinary user until it is destroyed.
+    class OtherUser {
+    public:
+        explicit OtherUser(const std::function<void()>& work) : m_pid(fork()) {
+            if (m_pid != 0) return;
+            if (setgid(65534) != 0 || setuid(65534) != 0) _exit(10);
+            for (;;) work();
+        }
+        ~OtherUser() {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
+        OtherUser(const OtherUser&) = delete;
+        OtherUser& operator=(const OtherUser&) = delete;
+
+    private:
+        const pid_t m_pid;
+    };
+    /// This process's use of one CPU while it only waits.
+    static double CpuShare() {
+        const double cpu = SecondsOf(CLOCK_PROCESS_CPUTIME_ID);
+        const double wall = SecondsOf(CLOCK_MONOTONIC);
+        std::this_thread::sleep_for(seconds(3));
+        return (SecondsOf(CLOCK_PROCESS_CPUTIME_ID) - cpu) / (SecondsOf(CLOCK_MONOTONIC) - wall);
+    }
+};
+
+TEST_P(LoopbackTest, AnOrdinaryUsersLoopCostsLittle) {
+    if (geteuid() != 0) GTEST_SKIP() << "SKIP direct: not root, cannot become another user";
+    std::atomic<int> made{0};
+    g_answer = [&] {
+        ++made;
+        // What a text of the whole agent costs, roughly.
+        const double end = SecondsOf(CLOCK_THREAD_CPUTIME_ID) + 0.002;
+        while (SecondsOf(CLOCK_THREAD_CPUTIME_ID) < end) continue;
+        return std::string(20000, 'x') + kAnswer;
+    };
+    ASSERT_NO_FATAL_FAILURE(Start());
+    const OtherUser loop([&] { Ask(); });
+    std::this_thread::sleep_for(seconds(1));  // the burst is over
+    const int before = made;
+    const double share = CpuShare();
+    RecordProperty("cpuShareInMillionths", static_cast<int>(share * 1e6));
+    EXPECT_LT(share, 0.02);
+    EXPECT_LE(made - before, 5);
+    EXPECT_LT(TimeOfAnswer(), kAtOnce) << "root's scraper has turns of its own";
+}
+
+TEST_P(LoopbackTest, ACrowdThatConnectsAndAsksNothingCostsLittle) {
+    if (geteuid() != 0) GTEST_SKIP() << "SKIP direct: not root, cannot become another user";
+    ASSERT_NO_FATAL_FAILURE(Start());
+    const OtherUser crowd([&] {
+        std::vector<base::Fd> silent;
+        for (int count = 0; count < 60; ++count) silent.push_back(Client());
+        Say(silent.back(), server->Request());
+        Listen(silent.back());
+    });
+    std::this_thread::sleep_for(seconds(1));
+    const double share = CpuShare();
+    RecordProperty("cpuShareInMillionths", static_cast<int>(share * 1e6));
+    EXPECT_LT(share, 0.03);
+    EXPECT_LT(TimeOfAnswer(), kCutAfter);
+}
+
+TEST_P(LoopbackTest, SixtySilentClientsOfAnotherUserCutNoneOfOurs) {
+    if (geteuid() != 0) GTEST_SKIP() << "SKIP direct: not root, cannot become another user";
+    ASSERT_NO_FATAL_FAILURE(Start());
+    const base::Fd ours = Client();
+    Say(ours, server->Request().substr(0, 5));
+    const OtherUser crowd([&] {
+        std::vector<base::Fd> silent;
+        for (int count = 0; count < 60; ++count) silent.push_back(Client());
+        std::this_thread::sleep_for(kPatience);
+    });
+    std::this_thread::sleep_for(milliseconds(500));
+    Say(ours, server->Request().substr(5));
+    EXPECT_THAT(Listen(ours), HasSubstr(kAnswer)) << "the oldest, and not the one that is cut";
+    EXPECT_LT(TimeOfAnswer(), kAtOnce);
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, LoopbackTest, ::testing::Values("MetricsOnLoopback"), NameOf);
 
 // --- those that are asked -------------------------------------------------------------------------------------------
 

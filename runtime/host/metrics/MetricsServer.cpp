@@ -27,7 +27,7 @@ void Warn(int line, const std::string& text) {
 }  // namespace
 
 CMetricsServer::CMetricsServer(MetricsOptions options, std::function<std::string()> text)
-    : m_options(std::move(options)), m_text(std::move(text)) {}
+    : m_options(std::move(options)), m_text(std::move(text), kTextKept) {}
 
 CMetricsServer::~CMetricsServer() {
     Stop();
@@ -60,6 +60,9 @@ base::Status CMetricsServer::Serve() {
     base::RequestLimits limits;
     limits.mostRequestBytes = kMostRequestBytes;
     limits.reading = limits.sending = kRequestTime;
+    limits.mostOfOneUser = kMostOfOneUser;
+    limits.requestsPerSecond = kRequestsPerSecond;
+    limits.connectionsPerSecond = kConnectionsPerSecond;
     m_server = std::make_unique<base::RequestServer>(*m_loop, *m_queue, std::move(*socket), limits, MakeService());
     base::Status started = m_server->Start();
     if (started && !m_options.textFile.empty()) {
@@ -74,7 +77,7 @@ base::RequestService CMetricsServer::MakeService() {
     service.ending = "\r\n\r\n";
     service.answer = [this](const std::string& head) {
         try {
-            return AnswerMetricsRequest(head, m_text);
+            return AnswerMetricsRequest(head, [this] { return m_text.Get(); });
         } catch (const std::exception&) {
             return std::string(kNoMetricsAnswer);
         }
@@ -108,7 +111,7 @@ void CMetricsServer::WriteTextFile() {
     std::string reason;
     try {
         const base::Status written =
-            base::ReplaceFile(m_options.textFile, m_text(), kTextFileMode, base::Durability::kRenewed);
+            base::ReplaceFile(m_options.textFile, m_text.Get(), kTextFileMode, base::Durability::kRenewed);
         if (!written) reason = written.GetError().Text();
     } catch (const std::exception& e) {
         reason = e.what();

@@ -10,10 +10,13 @@
 #include "base/IoLoop.h"
 #include "base/RequestServer.h"
 #include "base/WorkQueue.h"
+#include "metrics/KeptText.h"
 #include "platform/host/HostRecords.h"
 
 namespace zelhost {
 
+/// Any user of the host may come over loopback. One user has a few connections at a time and some requests a second,
+/// the text is made once a second at most: what another does there costs this process a small part of one CPU.
 /// Thread-safety: Start and Stop from one thread. `text` is called on threads of the server, two at a time at most.
 /// Lifetime: an object is started once.
 class CMetricsServer {
@@ -32,6 +35,11 @@ public:
     static constexpr size_t kMostRequestBytes = 8192;
     static constexpr std::chrono::milliseconds kRequestTime{1000};  ///< to read one, and again to send its answer
 
+    static constexpr std::chrono::milliseconds kTextKept{1000};
+    static constexpr size_t kMostOfOneUser = 8;
+    static constexpr unsigned int kRequestsPerSecond = 20;  ///< of one user
+    static constexpr unsigned int kConnectionsPerSecond = 300;
+
 private:
     base::Status Serve();
     base::RequestService MakeService();
@@ -39,7 +47,7 @@ private:
     void WriteTextFile();
 
     const MetricsOptions m_options;
-    const std::function<std::string()> m_text;
+    KeptText m_text;
     std::string m_address;
     std::string m_textFileError;  // of the thread that writes the file
     // In the order of their making; each ends before those above it.

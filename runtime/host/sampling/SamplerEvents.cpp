@@ -59,6 +59,12 @@ std::string QuantityText(ResourceKind kind, int64_t value) {
     return text;
 }
 
+std::string ServingWords(const std::string& threadName) {
+    if (threadName.compare(0, 7, "Metrics") == 0) return ": it answers scrapes of the metrics, look at who asks";
+    if (threadName.compare(0, 7, "console") == 0) return ": it answers the console, look at who asks";
+    return "";
+}
+
 void CSamplerEvents::Warn(const Finding& finding) {
     ResourceWarning warning;
     warning.kind = finding.kind;
@@ -75,7 +81,8 @@ void CSamplerEvents::Warn(const Finding& finding) {
                        QuantityText(finding.kind, finding.value) + " of " + QuantityText(finding.kind, finding.limit);
     }
     if (warning.tid != 0) {
-        warning.text += ", busiest thread " + std::to_string(warning.tid) + " (" + warning.name + ")";
+        warning.text +=
+            ", busiest thread " + std::to_string(warning.tid) + " (" + warning.name + ")" + ServingWords(warning.name);
     }
     LogSampler(finding.stage == WarningStage::kRecovered ? zel::kLogInfo : zel::kLogWarning, __LINE__, "%s",
                warning.text.c_str());

@@ -12,6 +12,10 @@ namespace zelhost {
 /// A value as an operator reads it, in the unit of its kind: "12.50 %", "2048 KB", "17".
 std::string QuantityText(ResourceKind kind, int64_t value);
 
+/// Returns: words on a thread of this name that works because others ask, so that an operator looks there first; empty
+/// for any other.
+std::string ServingWords(const std::string& threadName);
+
 /// What is worth telling of one resource.
 struct Finding {
     ResourceKind kind = ResourceKind::kCpu;

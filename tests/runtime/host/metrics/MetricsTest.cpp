@@ -207,3 +207,44 @@ TEST(MetricsServerTest, TheTextFileIsRenewedWhole) {
     server.Stop();
     EXPECT_EQ(support::NamesIn(dir.Path()), Lines{"zel.prom"});
 }
+
+TEST(KeptTextTest, IsMadeAgainWhenItIsOldAndAFailureIsKeptToo) {
+    KeptText::Clock::time_point now;
+    int made = 0;
+    KeptText text(
+        [&]() -> std::string {
+            if (++made == 2) throw std::runtime_error("no");
+            return std::to_string(made);
+        },
+        std::chrono::seconds(1), [&] { return now; });
+    for (int i = 0; i < 3; ++i) EXPECT_EQ("1", text.Get());
+    now += std::chrono::milliseconds(999);
+    EXPECT_EQ("1", text.Get());
+    now += std::chrono::milliseconds(1);
+    for (int i = 0; i < 3; ++i) EXPECT_THROW(text.Get(), std::runtime_error);
+    EXPECT_EQ(2, made);
+    now += std::chrono::seconds(1);
+    EXPECT_EQ("3", text.Get());
+}
+
+TEST(KeptTextTest, TheFormerOneIsGivenWhileTheNextIsMade) {
+    KeptText::Clock::time_point now;
+    KeptText* self = nullptr;
+    std::string meanwhile;
+    int made = 0;
+    KeptText text(
+        [&] {
+            const std::string mine = std::to_string(++made);
+            if (made == 2 || made == 3) meanwhile += self->Get() + ";";
+            return mine;
+        },
+        std::chrono::seconds(1), [&] { return now; });
+    self = &text;
+    text.Get();
+    now += std::chrono::seconds(2);
+    EXPECT_EQ("2", text.Get());
+    EXPECT_EQ("1;", meanwhile);
+    now += std::chrono::seconds(KeptText::kOldest);
+    EXPECT_EQ("3", text.Get());
+    EXPECT_EQ("1;4;", meanwhile);
+}

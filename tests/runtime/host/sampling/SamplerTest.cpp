@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "sampling/ActiveSampler.h"
+#include "sampling/SamplerEvents.h"
 #include "sampling/SamplingSettings.h"
 #include "HostSupport.h"
 #include "base/Fd.h"
@@ -524,4 +525,11 @@ TEST_F(SamplerTest, SettersAndQueriesMayRaceWithTheRounds) {
     stop = true;
     for (auto& thread : threads) thread.join();
     EXPECT_TRUE(Rounds(2));
+}
+
+TEST(SamplerEventsTest, AThreadThatServesIsNamedAsSuch) {
+    EXPECT_THAT(zelhost::ServingWords("Metrics-work"), testing::HasSubstr("scrapes"));
+    EXPECT_THAT(zelhost::ServingWords("Metrics"), testing::HasSubstr("scrapes"));
+    EXPECT_THAT(zelhost::ServingWords("console-work"), testing::HasSubstr("console"));
+    EXPECT_EQ("", zelhost::ServingWords("worker"));
 }
