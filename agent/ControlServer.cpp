@@ -1,4 +1,4 @@
-// The console socket. An answer is "ok\n" or "error\n", then the text.
+// The console socket. Answers go as ConsoleProtocol.h says.
 #include "ControlServer.h"
 
 #include <json/json.h>
@@ -37,9 +37,9 @@ base::Status ControlServer::Start(const std::string& path) {
     limits.reading = limits.sending = kPeerTime;
     base::RequestService service;
     service.ending = "\n";
-    service.answer = [this](const std::string& line) { return Handle(line.substr(0, line.size() - 1)); };
-    service.incomplete = "error\na request is one line\n";
-    service.refused = "error\nonly root and the agent's own user may ask\n";
+    service.answer = [this](const std::string& line) { return FormatAnswer(Handle(line.substr(0, line.size() - 1))); };
+    service.incomplete = FormatAnswer({false, "a request is one line\n"});
+    service.refused = FormatAnswer({false, "only root and the agent's own user may ask\n"});
     service.warn = [](const std::string& line) {
         zel::CLogMessage::GetInstance()->WriteLogMessage("console socket: " + line, zel::kLogWarning);
     };
@@ -55,25 +55,25 @@ void ControlServer::Stop() {
     m_loop.reset();
 }
 
-std::string ControlServer::Handle(const std::string& request) const {
-    if (request == "status") return "ok\n" + m_actions.status();
-    if (request == "metrics") return "ok\n" + m_actions.metrics();
-    if (request == "threads") return "ok\n" + m_actions.threads();
+Answer ControlServer::Handle(const std::string& request) const {
+    if (request == "status") return {true, m_actions.status()};
+    if (request == "metrics") return {true, m_actions.metrics()};
+    if (request == "threads") return {true, m_actions.threads()};
     if (request == "statistics") {
         Json::Value values(Json::objectValue);
         for (const auto& item : m_actions.statistics()) values[item.first] = item.second;
-        return "ok\n" + values.toStyledString();
+        return {true, values.toStyledString()};
     }
     if (request == "reload") {
         std::string problem;
-        if (m_actions.reload(problem)) return "ok\nonline configuration read again\n";
-        return "error\n" + problem + "\n";
+        if (m_actions.reload(problem)) return {true, "online configuration read again\n"};
+        return {false, problem + "\n"};
     }
     if (request == "stop") {
         m_actions.stop();
-        return "ok\nstopping\n";
+        return {true, "stopping\n"};
     }
-    return "error\nunknown request; known are status, metrics, threads, statistics, reload, stop\n";
+    return {false, "unknown request; known are status, metrics, threads, statistics, reload, stop\n"};
 }
 
 }  // namespace agent

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "ConsoleProtocol.h"
 #include "base/IoLoop.h"
 #include "base/RequestServer.h"
 #include "base/Result.h"
@@ -42,7 +43,7 @@ public:
     void Stop();
 
 private:
-    std::string Handle(const std::string& request) const;
+    Answer Handle(const std::string& request) const;
 
     const ConsoleActions m_actions;
     // In the order of their making; each ends before those above it.

@@ -1,4 +1,4 @@
-// Connecting, asking and reading to the end. An answer is "ok\n" or "error\n", then the text.
+// Connecting, asking and reading to the end; while nothing comes, a look at the process that should answer.
 #include "AskAgent.h"
 
 #include <poll.h>
@@ -11,6 +11,7 @@
 #include "AgentPaths.h"
 #include "base/Fd.h"
 #include "base/LocalSocket.h"
+#include "base/ProcFiles.h"
 
 namespace agent {
 
@@ -19,17 +20,13 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr size_t kMaxAnswerBytes = 16U << 20;
+constexpr size_t kMostHeadBytes = 32;
 /// For the whole of it: to be let in, to ask, and to hear the answer, which may take as long as the agent allows.
 constexpr std::chrono::seconds kPatience(30);
-
-Answer Split(const std::string& text) {
-    const size_t end = text.find('\n');
-    Answer answer;
-    answer.ok = text.compare(0, end, "ok") == 0;
-    if (end != std::string::npos) answer.body = text.substr(end + 1);
-    return answer;
-}
+/// To be let in: a process that is well takes connections at once, whatever it is busy with.
+constexpr std::chrono::seconds kConnectPatience(3);
+/// How often the process is looked at while nothing comes.
+constexpr milliseconds kLookEvery(500);
 
 /// Returns: false when the descriptor is not ready before `end`.
 bool WaitFor(const base::Fd& socket, short what, Clock::time_point end) {
@@ -40,11 +37,31 @@ bool WaitFor(const base::Fd& socket, short what, Clock::time_point end) {
            }) == 1;
 }
 
-/// Returns: what came until the other end closed, was late or went beyond the bound.
-std::string ReadToEnd(const base::Fd& socket, Clock::time_point end) {
+/// Returns: why the process at the other end will not answer; empty when nothing is known against it.
+std::string TroubleOf(const base::Peer& peer) {
+    const std::string who = "process " + std::to_string(peer.pid);
+    const base::Result<base::ProcStat> stat = base::ReadProcessStat(peer.pid);
+    if (!stat) return stat.GetError().kind == base::ErrorKind::kNotFound ? who + " is gone" : "";
+    if (stat->IsDead()) return who + " has ended and is waiting for its parent";
+    if (stat->state == 'T') return who + " is stopped; SIGCONT lets it go on";
+    if (stat->state == 't') return who + " is held by a debugger";
+    return "";
+}
+
+/// Reads until the other end closes, is late or goes beyond the bound. Errors: the process there is in trouble.
+base::Result<std::string> ReadToEnd(const base::Fd& socket, Clock::time_point end) {
     std::string text;
     char piece[65536];
-    while (text.size() <= kMaxAnswerBytes && WaitFor(socket, POLLIN, end)) {
+    const base::Result<base::Peer> peer = base::ReadPeer(socket.Get());
+    int looks = 0;
+    while (text.size() <= kMostAnswerBytes + kMostHeadBytes && Clock::now() < end) {
+        if (!WaitFor(socket, POLLIN, std::min(end, Clock::now() + kLookEvery))) {
+            const std::string trouble = peer ? TroubleOf(*peer) : "";
+            looks = trouble.empty() ? 0 : looks + 1;
+            // Twice: a debugger or a shell stops a process for a moment.
+            if (looks >= 2) return base::SentenceError("no answer, " + trouble, base::ErrorKind::kNoServer);
+            continue;
+        }
         const ssize_t got = recv(socket.Get(), piece, sizeof piece, 0);
         if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (got <= 0) break;
@@ -59,7 +76,7 @@ base::Result<Answer> AskAgent(const std::string& appDir, const std::string& name
     const std::string path = ConsoleSocket(appDir, name);
     const auto end = Clock::now() + kPatience;
     const base::Result<base::Fd> connection =
-        base::ConnectLocal(path, base::SocketKind::kStream, base::DirectoryOwner::kAnybody, kPatience);
+        base::ConnectLocal(path, base::SocketKind::kStream, base::DirectoryOwner::kAnybody, kConnectPatience);
     if (!connection) {
         const base::Error& error = connection.GetError();
         const bool absent = error.kind == base::ErrorKind::kNoServer || error.kind == base::ErrorKind::kNotFound;
@@ -69,10 +86,16 @@ base::Result<Answer> AskAgent(const std::string& appDir, const std::string& name
     const std::string line = request + "\n";
     const bool asked = send(connection->Get(), line.data(), line.size(), MSG_NOSIGNAL) >= 0;
     const int error = errno;
-    const std::string text = ReadToEnd(*connection, end);
-    if (text.empty() && !asked) return base::ErrnoError(error, "ask", path);
-    if (text.empty()) return base::SentenceError(path + ": no answer");
-    return Split(text);
+    const base::Result<std::string> text = ReadToEnd(*connection, end);
+    if (!text) return base::SentenceError(path + ": " + text.GetError().Text(), text.GetError().kind);
+    if (text->empty() && !asked) return base::ErrnoError(error, "ask", path);
+    if (text->empty()) {
+        return base::SentenceError(path + ": no answer" +
+                                   (Clock::now() < end ? ", the process closed it" : " in time"));
+    }
+    base::Result<Answer> answer = ParseAnswer(*text);
+    if (!answer) return base::SentenceError(path + ": " + answer.GetError().Text(), answer.GetError().kind);
+    return answer;
 }
 
 }  // namespace agent

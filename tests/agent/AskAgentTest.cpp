@@ -1,10 +1,16 @@
 // The console's side of the console socket, against the agent's.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <functional>
 #include <map>
 #include <string>
 
@@ -75,11 +81,86 @@ TEST_F(AskAgentTest, ReachesAnAgentBelowALongPath) {
     EXPECT_EQ("m 1\n", Ask("metrics").body);
 }
 
+void Say(int socket, const std::string& text) {
+    EXPECT_EQ(static_cast<ssize_t>(text.size()), write(socket, text.data(), text.size()));
+}
+
+/// A process that takes one connection and then does as it is told.
+class OddAgent {
+public:
+    OddAgent(const std::string& appDir, const std::function<void(int)>& act) {
+        mkdir((appDir + "/run").c_str(), 0750);
+        int ready[2];
+        EXPECT_EQ(0, pipe(ready));
+        m_pid = fork();
+        char byte = 0;
+        if (m_pid != 0) {
+            close(ready[1]);
+            EXPECT_EQ(1, read(ready[0], &byte, 1));
+            close(ready[0]);
+            return;
+        }
+        auto socket =
+            base::ListeningSocket::Local(appDir + "/run/x.ctl", base::SocketKind::kStream, base::ServeLock::kCallers);
+        fcntl(socket->Get(), F_SETFL, 0);
+        Say(ready[1], "r");
+        for (;;) {
+            const int taken = accept(socket->Get(), nullptr, nullptr);
+            if (taken < 0) continue;
+            act(taken);
+            close(taken);
+        }
+    }
+    ~OddAgent() {
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+    }
+    OddAgent(const OddAgent&) = delete;
+    OddAgent& operator=(const OddAgent&) = delete;
+    pid_t Pid() const { return m_pid; }
+
+private:
+    pid_t m_pid = 0;
+};
+
+TEST_F(AskAgentTest, AnAnswerThatIsCutAnywhereIsNoSuccess) {
+    const std::string whole = agent::FormatAnswer({true, "stopping\n"});
+    for (size_t length = 0; length < whole.size(); ++length) {
+        const base::Result<agent::Answer> answer = agent::ParseAnswer(whole.substr(0, length));
+        EXPECT_FALSE(answer) << length;
+    }
+    EXPECT_TRUE(agent::ParseAnswer(whole)->ok);
+    for (const char* text :
+         {"ok\nstopping\n", "ok -1\n", "ok 1x\nx", "ok 99999999999999999999\n", "yes 0\n", "ok 1\nxy"}) {
+        EXPECT_FALSE(agent::ParseAnswer(text)) << text;
+    }
+    const OddAgent dying(appDir, [&](int taken) { Say(taken, whole.substr(0, whole.size() - 1)); });
+    const base::Result<agent::Answer> heard = agent::AskAgent(appDir, "x", "stop");
+    ASSERT_FALSE(heard);
+    EXPECT_THAT(heard.GetError().Text(), EndsWith("the answer is cut off: 8 of 9 bytes came"));
+}
+
+TEST_F(AskAgentTest, AStoppedProcessIsNamedWithinThreeSeconds) {
+    for (const bool half : {false, true}) {
+        const OddAgent stopped(appDir, [&](int taken) {
+            if (half) Say(taken, "ok 100\nhalf");
+            raise(SIGSTOP);
+        });
+        const auto start = std::chrono::steady_clock::now();
+        const base::Result<agent::Answer> heard = agent::AskAgent(appDir, "x", "status");
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+        ASSERT_FALSE(heard);
+        EXPECT_THAT(heard.GetError().Text(), EndsWith("no answer, process " + std::to_string(stopped.Pid()) +
+                                                      " is stopped; SIGCONT lets it go on"));
+    }
+}
+
 TEST_F(AskAgentTest, SaysWhenNoAgentIsThereOrNoneAnswers) {
     EXPECT_THAT(agent::AskAgent(appDir, "x", "status").GetError().Text(), EndsWith("(is the agent running?)"));
     ASSERT_NO_FATAL_FAILURE(Serve(appDir));
     EXPECT_THAT(agent::AskAgent(appDir, "y", "status").GetError().Text(), EndsWith("(is the agent running?)"));
-    EXPECT_THAT(agent::AskAgent(appDir, "x", "threads").GetError().Text(), EndsWith("x.ctl: no answer"));
+    EXPECT_THAT(agent::AskAgent(appDir, "x", "threads").GetError().Text(),
+                EndsWith("x.ctl: no answer, the process closed it"));
 }
 
 }  // namespace
