@@ -14,9 +14,9 @@ struct ComponentStatus {
     std::string group;
     ComponentState state = ComponentState::kWaiting;
     int pid = 0;
-    int64_t startedAt = 0;    ///< seconds since the epoch
-    int64_t nextStartAt = 0;  ///< while waiting
-    uint64_t restarts = 0;    ///< by this main process
+    int64_t runsSeconds = 0;   ///< for how long, while it runs
+    int64_t waitsSeconds = 0;  ///< for how much longer, while it waits
+    uint64_t restarts = 0;     ///< by this main process
     uint64_t recentRestarts = 0;
     bool exhausted = false;
     std::string lastReason;

@@ -37,10 +37,11 @@ void ReportEnd(const ComponentEnd& end) {
     Json::Value body(Json::objectValue);
     body["component"] = end.name;
     body["pid"] = static_cast<int>(end.pid);
-    body["detect_time"] = Json::Int64(time(nullptr));
+    const int64_t now = time(nullptr);
+    body["detect_time"] = Json::Int64(now);
     body["reason"] = end.reason;
     body["status"] = end.status;
-    body["next_start"] = Json::Int64(end.nextStartAt);
+    body["next_start"] = Json::Int64(now + end.waitSeconds);
     body["budget_exhausted"] = end.exhausted;
     Deliver(zel::kComponentEndMessage, body.toStyledString());
 }

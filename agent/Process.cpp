@@ -19,6 +19,7 @@
 #include "ParentProcess.h"
 #include "ResourceFileCheck.h"
 #include "ServicesStart.h"
+#include "SteadyTime.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupClient.h"
 #include "platform/zel/CgroupTreeStatus.h"
@@ -53,12 +54,6 @@ sigset_t TakenSignals() {
     sigemptyset(&taken);
     for (int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGCHLD, SIGALRM}) sigaddset(&taken, signal);
     return taken;
-}
-
-int64_t MonotonicSeconds() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec;
 }
 
 }  // namespace
@@ -210,7 +205,7 @@ void Process::StopMonitor() {
 }
 
 int Process::FollowChanges() {
-    m_startedAt = time(nullptr);
+    m_startedAt = SecondsSinceBoot();
     if (m_client == nullptr) return kExitClean;  // the main process makes the changes
     m_subscriber = std::make_unique<zel::CIpcBroadcastSubscriber>();
     m_subscriber->Start(m_options.appDir + zel::kBroadcastSocketName,
@@ -270,7 +265,7 @@ void Process::CloseConsole() {
 
 int Process::Loop() {
     const sigset_t taken = TakenSignals();
-    const int64_t begin = MonotonicSeconds();
+    const int64_t begin = SecondsSinceBoot();
     for (;;) {
         timespec wait{0, kLoopNs};
         const int signal = sigtimedwait(&taken, nullptr, &wait);
@@ -279,7 +274,7 @@ int Process::Loop() {
             return kExitClean;
         }
         Handle(signal);
-        const int code = LookAround(MonotonicSeconds() - begin);
+        const int code = LookAround(SecondsSinceBoot() - begin);
         if (code != kGoOn) return code;
     }
 }
@@ -295,7 +290,7 @@ void Process::Handle(int signal) {
 int Process::LookAround(int64_t second) {
     if (m_sink.SelfKillRequested()) return kExitSelfKill;
     if (!ParentIsThere(m_options.parentPid)) return kExitParentGone;
-    if (m_components != nullptr) m_components->Tick(time(nullptr));
+    if (m_components != nullptr) m_components->Tick(SecondsSinceBoot());
     if (second - m_limitsChecked >= kLimitCheckSeconds) {
         // The monitor looks at its legacy group when the configuration changes; a group can disappear at any time.
         m_limitsChecked = second;

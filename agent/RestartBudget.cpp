@@ -1,5 +1,5 @@
-// Restart arithmetic. A clock that was set back makes old deaths look like the future; they are dropped then, so that
-// a component is never held back for longer than the window.
+// Restart arithmetic, on a clock that nobody can set. A time in the future, which only a foreign file can hold, is
+// dropped, so that a component is never held back for longer than the window.
 #include "RestartBudget.h"
 
 #include <json/json.h>
@@ -12,6 +12,7 @@ namespace agent {
 
 namespace {
 constexpr size_t kMaxEntries = 256;
+constexpr size_t kMostTimes = 1000;
 
 bool InWindow(int64_t time, int64_t now) {
     return time <= now && now - time < kBudgetWindowSeconds;
@@ -55,7 +56,8 @@ std::string RestartBudget::LastReason(const std::string& name) const {
 
 std::string RestartBudget::Format() const {
     Json::Value root(Json::objectValue);
-    root["version"] = 1;
+    root["version"] = 2;
+    root["boot_id"] = m_bootId;
     Json::Value& components = root["components"] = Json::Value(Json::objectValue);
     for (const auto& item : m_entries) {
         Json::Value& entry = components[item.first] = Json::Value(Json::objectValue);
@@ -72,19 +74,22 @@ bool RestartBudget::Parse(const std::string& text) {
     if (!read) return false;
     const Json::Value& root = *read;
     if (!root.isObject() || !root["components"].isObject()) return false;
+    const Json::Value& boot = root["boot_id"];
+    const bool sameBoot = !m_bootId.empty() && boot.isString() && boot.asString() == m_bootId;
     std::map<std::string, Entry> parsed;
     const Json::Value& components = root["components"];
     for (const std::string& name : components.getMemberNames()) {
         const Json::Value& item = components[name];
         if (!item.isObject() || !item["restarts"].isArray() || parsed.size() >= kMaxEntries) return false;
         Entry& entry = parsed[name];
-        if (item["backoff_seconds"].isInt64()) {
+        if (sameBoot && item["backoff_seconds"].isInt64()) {
             entry.backoffSeconds = std::clamp<int64_t>(item["backoff_seconds"].asInt64(), 0, kLongestBackoffSeconds);
         }
         if (item["last_reason"].isString()) entry.lastReason = item["last_reason"].asString();
+        size_t times = 0;
         for (const Json::Value& time : item["restarts"]) {
-            if (!time.isInt64() || entry.restarts.size() > kBudgetRestarts + 1) return false;
-            entry.restarts.push_back(time.asInt64());
+            if (!time.isInt64() || ++times > kMostTimes) return false;
+            if (sameBoot) entry.restarts.push_back(time.asInt64());
         }
     }
     m_entries = parsed;

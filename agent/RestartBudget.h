@@ -6,6 +6,7 @@
 #include <deque>
 #include <map>
 #include <string>
+#include <utility>
 
 namespace agent {
 
@@ -15,9 +16,12 @@ constexpr int64_t kSteadySeconds = 300;  ///< a component that ran this long sta
 constexpr int64_t kBudgetWindowSeconds = 3600;
 constexpr size_t kBudgetRestarts = 12;  ///< restarts within the window; then it waits until the oldest is out of it
 
-/// Budget of all components. Pure: the clock is passed in (seconds since the epoch), the file is somebody else's.
+/// Budget of all components. Pure: the clock is passed in (seconds since the boot that `bootId` names), the file is
+/// somebody else's.
 class RestartBudget {
 public:
+    explicit RestartBudget(std::string bootId) : m_bootId(std::move(bootId)) {}
+
     /// Notes a death. Returns: the time at which the component may be started again.
     int64_t NoteDeath(const std::string& name, int64_t startedAt, int64_t now, const std::string& reason);
 
@@ -27,7 +31,8 @@ public:
     bool IsExhausted(const std::string& name, int64_t now) const;
     std::string LastReason(const std::string& name) const;
 
-    /// The state as JSON text, and back. A text that cannot be read gives false and leaves the state.
+    /// The state as JSON text, and back. Of another boot the reasons are taken and no times: nothing says how long ago
+    /// they were. A text that cannot be read gives false and leaves the state.
     std::string Format() const;
     bool Parse(const std::string& text);
 
@@ -37,6 +42,7 @@ private:
         int64_t backoffSeconds = 0;
         std::string lastReason;
     };
+    const std::string m_bootId;
     std::map<std::string, Entry> m_entries;
 };
 

@@ -14,6 +14,7 @@
 #include "EventTail.h"
 #include "LogTail.h"
 #include "Monitor.h"
+#include "SteadyTime.h"
 #include "Workers.h"
 #include "platform/host/HostServices.h"
 #include "platform/host/OnlineClientConf.h"
@@ -38,7 +39,7 @@ StatusReport CollectStatus(const StatusSources& sources) {
     report.process = sources.process;
     report.pid = getpid();
     report.now = time(nullptr);
-    report.uptimeSeconds = sources.startedAt == 0 ? 0 : report.now - sources.startedAt;
+    report.uptimeSeconds = sources.startedAt == 0 ? 0 : SecondsSinceBoot() - sources.startedAt;
     report.mode = LimitMode();
     report.diskFull = sources.monitor->IsDiskFull();
     for (unsigned int priority = 0; priority < 3; ++priority) {

@@ -24,7 +24,7 @@ class Workers;
 struct StatusSources {
     std::string process;
     std::string appDir;
-    int64_t startedAt = 0;  ///< seconds since the epoch; 0: not yet
+    int64_t startedAt = 0;  ///< SecondsSinceBoot(); 0: not yet
     CMonitor* monitor = nullptr;
     zelhost::CHostServices* services = nullptr;
     const EventSink* events = nullptr;

@@ -95,8 +95,8 @@ void Fields(Io& io, Of<Io, ComponentStatus>& component) {
     io("group", component.group);
     io.Word("state", component.state, kStateNames);
     io("pid", component.pid);
-    io("started_at", component.startedAt);
-    io("next_start_at", component.nextStartAt);
+    io("runs_seconds", component.runsSeconds);
+    io("waits_seconds", component.waitsSeconds);
     io("restarts", component.restarts);
     io("restarts_last_hour", component.recentRestarts);
     io("budget_exhausted", component.exhausted);

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -14,6 +15,7 @@
 #include "ExitCode.h"
 #include "base/FileIo.h"
 #include "base/FileReplace.h"
+#include "base/ProcFiles.h"
 #include "base/TrustedRead.h"
 #include "platform/zel/ToolUtil.h"
 
@@ -66,7 +68,8 @@ Supervisor::Supervisor(std::string program, std::vector<std::string> common, std
     : m_program(std::move(program)),
       m_common(std::move(common)),
       m_budgetPath(std::move(budgetPath)),
-      m_onEnd(std::move(onEnd)) {
+      m_onEnd(std::move(onEnd)),
+      m_budget(base::ReadBootId()) {
     const base::Result<std::string> text = base::ReadTrusted(m_budgetPath, kMaxBudgetBytes, base::TrustScope::kFile);
     if (!text && text.GetError().kind == base::ErrorKind::kNotFound) return;
     if (!text || !m_budget.Parse(*text)) {
@@ -158,11 +161,11 @@ void Supervisor::Reap(int64_t now) {
         component.state = ComponentState::kWaiting;
         component.pid = 0;
         ++component.restarts;
-        end.nextStartAt = component.nextStartAt;
+        end.waitSeconds = component.nextStartAt - now;
         end.exhausted = m_budget.IsExhausted(component.config.name, now);
         SaveBudget();
         LogLine("component " + end.name + " (process " + std::to_string(end.pid) + ") ended: " + end.reason +
-                    "; next start in " + std::to_string(end.nextStartAt - now) + " s" +
+                    "; next start in " + std::to_string(end.waitSeconds) + " s" +
                     (end.exhausted ? ", its restarts of this hour are used up" : ""),
                 zel::kLogWarning);
         if (m_onEnd) m_onEnd(end);
@@ -173,8 +176,6 @@ void Supervisor::Tick(int64_t now) {
     Reap(now);
     for (Component& component : m_components) {
         if (component.state != ComponentState::kWaiting) continue;
-        // A clock that was set back must not hold a component for longer than the budget's window.
-        if (component.nextStartAt > now + kBudgetWindowSeconds) component.nextStartAt = now;
         if (component.nextStartAt <= now) Start(component, now);
     }
 }
@@ -234,8 +235,10 @@ std::vector<ComponentStatus> Supervisor::Status(int64_t now) const {
         status.group = component.config.group;
         status.state = component.state;
         status.pid = component.pid;
-        status.startedAt = component.startedAt;
-        status.nextStartAt = component.nextStartAt;
+        if (status.state == ComponentState::kRunning) status.runsSeconds = now - component.startedAt;
+        if (status.state == ComponentState::kWaiting) {
+            status.waitsSeconds = std::max<int64_t>(0, component.nextStartAt - now);
+        }
         status.restarts = component.restarts;
         status.recentRestarts = m_budget.RecentRestarts(status.name, now);
         status.exhausted = m_budget.IsExhausted(status.name, now);

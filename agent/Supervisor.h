@@ -24,7 +24,7 @@ struct ComponentEnd {
     pid_t pid = 0;
     int status = 0;  ///< as waitpid gives it
     std::string reason;
-    int64_t nextStartAt = 0;
+    int64_t waitSeconds = 0;  ///< until it is started again
     bool exhausted = false;
 };
 
@@ -47,7 +47,8 @@ public:
     }
 
     void Configure(const std::vector<ComponentConfig>& components);
-    /// Starts what is due, reaps what ended. Call it about four times a second and after SIGCHLD.
+    /// Starts what is due, reaps what ended. Call it about four times a second and after SIGCHLD. `now`, here and
+    /// below: SecondsSinceBoot().
     void Tick(int64_t now);
     /// SIGTERM to all, SIGKILL to those that stay. Blocks: up to `graceMs`, then a little.
     void StopAll(unsigned int graceMs);

@@ -189,10 +189,9 @@ void AddComponents(Lines& lines, const StatusReport& report, bool all) {
             Add(lines, component.name + (runs ? Text(" runs, process %d", component.pid) : " does not run"));
             continue;
         }
-        const std::string next =
-            component.state == ComponentState::kWaiting
-                ? Text(", next start in %lld s", static_cast<long long>(component.nextStartAt - report.now))
-                : "";
+        const std::string next = component.state == ComponentState::kWaiting
+                                     ? Text(", next start in %lld s", static_cast<long long>(component.waitsSeconds))
+                                     : "";
         Add(lines, EndsOf(component) + next, LineKind::kAlarm);
     }
 }

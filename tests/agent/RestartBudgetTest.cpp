@@ -5,7 +5,7 @@
 using namespace agent;
 
 TEST(RestartBudgetTest, BackoffDoublesUpToItsBound) {
-    RestartBudget budget;
+    RestartBudget budget("boot");
     int64_t now = 1000000;
     std::vector<int64_t> waits;
     for (int i = 0; i < 9; ++i) {
@@ -17,14 +17,14 @@ TEST(RestartBudgetTest, BackoffDoublesUpToItsBound) {
 }
 
 TEST(RestartBudgetTest, ASteadyRunStartsTheBackoffAnew) {
-    RestartBudget budget;
+    RestartBudget budget("boot");
     budget.NoteDeath("A", 1000, 1001, "x");
     budget.NoteDeath("A", 1002, 1003, "x");
     EXPECT_EQ(2000 + kSteadySeconds + kFirstBackoffSeconds, budget.NoteDeath("A", 2000, 2000 + kSteadySeconds, "x"));
 }
 
 TEST(RestartBudgetTest, WaitsForTheOldestDeathToLeaveTheHour) {
-    RestartBudget budget;
+    RestartBudget budget("boot");
     int64_t now = 1000000;
     for (size_t i = 0; i < kBudgetRestarts; ++i) {
         budget.NoteDeath("A", now - kSteadySeconds, now, "x");
@@ -38,16 +38,16 @@ TEST(RestartBudgetTest, WaitsForTheOldestDeathToLeaveTheHour) {
 }
 
 TEST(RestartBudgetTest, OneComponentsDeathsCostNoOther) {
-    RestartBudget budget;
+    RestartBudget budget("boot");
     for (int i = 0; i < 20; ++i) budget.NoteDeath("A", 1000, 1001, "x");
     EXPECT_EQ(0u, budget.RecentRestarts("B", 1001));
     EXPECT_EQ(1002, budget.NoteDeath("B", 1000, 1001, "x"));
 }
 
 TEST(RestartBudgetTest, SurvivesARestartOfTheMainProcess) {
-    RestartBudget before;
+    RestartBudget before("boot");
     for (int i = 0; i < 5; ++i) before.NoteDeath("A", 1000, 1001 + i, "killed \"hard\"");
-    RestartBudget after;
+    RestartBudget after("boot");
     ASSERT_TRUE(after.Parse(before.Format()));
     EXPECT_EQ(5u, after.RecentRestarts("A", 1010));
     EXPECT_EQ("killed \"hard\"", after.LastReason("A"));
@@ -55,7 +55,7 @@ TEST(RestartBudgetTest, SurvivesARestartOfTheMainProcess) {
 }
 
 TEST(RestartBudgetTest, AFileThatCannotBeReadLeavesTheState) {
-    RestartBudget budget;
+    RestartBudget budget("boot");
     budget.NoteDeath("A", 1000, 1001, "x");
     for (const char* text : {"", "null", "[]", "{}", "{\"components\":[]}", "{\"components\":{\"A\":1}}",
                              "{\"components\":{\"A\":{\"restarts\":[\"x\"]}}}", "{\"components\":{"}) {
@@ -64,9 +64,13 @@ TEST(RestartBudgetTest, AFileThatCannotBeReadLeavesTheState) {
     }
 }
 
-TEST(RestartBudgetTest, ClockThatWasSetBackHoldsNothingBackForLong) {
-    RestartBudget budget;
-    for (int i = 0; i < 20; ++i) budget.NoteDeath("A", 5000000, 5000001, "x");
-    int64_t next = budget.NoteDeath("A", 1000, 1001, "x");
-    EXPECT_LE(next - 1001, kLongestBackoffSeconds);
+TEST(RestartBudgetTest, TimesOfAnotherBootAreForgottenReasonsStay) {
+    RestartBudget before("boot");
+    for (int i = 0; i < 20; ++i) before.NoteDeath("A", 1000, 1001, "x");
+    ASSERT_TRUE(before.IsExhausted("A", 1002));
+    RestartBudget after("next boot");
+    ASSERT_TRUE(after.Parse(before.Format()));
+    EXPECT_EQ(0u, after.RecentRestarts("A", 1002));
+    EXPECT_EQ("x", after.LastReason("A"));
+    EXPECT_EQ(31, after.NoteDeath("A", 20, 30, "y"));
 }

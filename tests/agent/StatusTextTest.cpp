@@ -138,7 +138,7 @@ TEST(StatusTextTest, WithoutATreeTheOwnLimitIsSaid) {
 TEST(StatusTextTest, ComponentsAreNamedWhenTheyAreInTrouble) {
     StatusReport report = Report();
     report.components = {{"QorNet", "", ComponentState::kRunning, 77, 0, 0, 0, 0, false, ""},
-                         {"QorHips", "", ComponentState::kWaiting, 0, 0, 1007, 2, 2, false, "exit code 1"}};
+                         {"QorHips", "", ComponentState::kWaiting, 0, 0, 7, 2, 2, false, "exit code 1"}};
     const auto lines = MakePicture(report, {}, {});
     EXPECT_EQ(nullptr, Find(lines, "QorNet runs"));
     ASSERT_NE(nullptr, Find(lines, "QorHips ended 2 times, last: exit code 1, next start in 7 s"));

@@ -43,7 +43,7 @@ TEST_F(SupervisorTest, DeadComponentIsStartedAfterBackoffNotBefore) {
     TickUntilEnd(*supervisor, 1000, 1);
     ASSERT_EQ(1u, m_ends.size());
     EXPECT_EQ("exit code 20 (over its own maximum, ended itself)", m_ends[0].reason);
-    EXPECT_EQ(1001, m_ends[0].nextStartAt);
+    EXPECT_EQ(1, m_ends[0].waitSeconds);
     supervisor->Tick(1000);
     EXPECT_EQ(ComponentState::kWaiting, supervisor->Status(1000)[0].state);
     supervisor->Tick(1001);
@@ -91,5 +91,26 @@ TEST_F(SupervisorTest, AProgramThatIsNotThereCountsAsADeath) {
     supervisor.Tick(1000);
     EXPECT_EQ(ComponentState::kWaiting, supervisor.Status(1000)[0].state);
     EXPECT_EQ("No such file or directory", supervisor.Status(1000)[0].lastReason);
-    EXPECT_EQ(1001, supervisor.Status(1000)[0].nextStartAt);
+    EXPECT_EQ(1, supervisor.Status(1000)[0].waitsSeconds);
+}
+
+/// A file from the days when the wall clock was written, or of another boot, holds nobody back.
+TEST_F(SupervisorTest, AFileOfAnotherClockHoldsNoComponentBack) {
+    std::string times;
+    for (int i = 0; i < 12; ++i) times += (i == 0 ? "" : ",") + std::to_string(999 - i);
+    for (const char* boot : {"", "\"boot_id\": \"11111111-2222-3333-4444-555555555555\","}) {
+        support::WriteText(m_path + "/restarts.json",
+                           std::string("{") + boot +
+                               "\"components\": {\"A\": {\"backoff_seconds\": 60, \"restarts\": [" + times +
+                               "], \"last_reason\": \"x\"}}}");
+        m_ends.clear();
+        auto supervisor = Make("exit 1");
+        supervisor->Configure({{"A", "main", {}, {}}});
+        EXPECT_EQ("x", supervisor->Status(1000)[0].lastReason);
+        TickUntilEnd(*supervisor, 1000, 1);
+        ASSERT_EQ(1u, m_ends.size());
+        EXPECT_EQ(1, m_ends[0].waitSeconds);
+        EXPECT_FALSE(m_ends[0].exhausted);
+        supervisor->StopAll(1000);
+    }
 }
