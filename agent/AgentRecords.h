@@ -16,7 +16,9 @@ struct ComponentStatus {
     int pid = 0;
     int64_t runsSeconds = 0;   ///< for how long, while it runs
     int64_t waitsSeconds = 0;  ///< for how much longer, while it waits
-    uint64_t restarts = 0;     ///< by this main process
+    bool suspended = false;    ///< stopped by a signal, and running again with SIGCONT
+    int64_t suspendedSeconds = 0;
+    uint64_t restarts = 0;  ///< by this main process
     uint64_t recentRestarts = 0;
     bool exhausted = false;
     std::string lastReason;

@@ -58,7 +58,8 @@ StatusReport CollectStatus(const StatusSources& sources) {
     zel::ReadCgroupStatus(report.cgroup);
     std::string problem;
     report.unified = (report.mode & zel::kModeUnified) != 0 && zel::ReadCgroupTreeStatus(report.tree, problem) &&
-                     report.tree.present;
+                     IsInUnifiedTree(report.tree, report.pid);
+    report.modeInForce = ModeInForce(report);
     report.modeReason = DescribeMode(report);
     for (const TailEvent& event : ReadEventTail(EventFile(sources.appDir, sources.process), kShownEvents)) {
         report.lastEvents.push_back(DescribeEvent(event).substr(0, kMostEventBytes));

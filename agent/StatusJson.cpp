@@ -97,6 +97,8 @@ void Fields(Io& io, Of<Io, ComponentStatus>& component) {
     io("pid", component.pid);
     io("runs_seconds", component.runsSeconds);
     io("waits_seconds", component.waitsSeconds);
+    io("suspended", component.suspended);
+    io("suspended_seconds", component.suspendedSeconds);
     io("restarts", component.restarts);
     io("restarts_last_hour", component.recentRestarts);
     io("budget_exhausted", component.exhausted);
@@ -155,6 +157,7 @@ void Fields(Io& io, Of<Io, StatusReport>& report) {
     io("uptime_seconds", report.uptimeSeconds);
     io("mode", report.mode);
     io("unified", report.unified);
+    io("mode_in_force", report.modeInForce);
     io("mode_reason", report.modeReason);
     io("disk_full", report.diskFull);
     io.Each("cpu_need_limit", report.cpuNeedLimit);

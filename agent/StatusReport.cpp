@@ -1,9 +1,23 @@
 // The mode in words.
 #include "StatusReport.h"
 
+#include <algorithm>
+
 #include "platform/zel/AgentNames.h"
 
 namespace agent {
+
+int ModeInForce(const StatusReport& report) {
+    return (report.cgroup.cpu.limited ? zel::kModeCpu : 0) | (report.cgroup.mem.limited ? zel::kModeMemory : 0) |
+           (report.unified ? zel::kModeUnified : 0);
+}
+
+bool IsInUnifiedTree(const zel::CgroupTreeStatus& tree, int pid) {
+    if (!tree.present) return false;
+    return std::any_of(tree.nodes.begin(), tree.nodes.end(), [pid](const zel::CgroupNodeStatus& node) {
+        return std::find(node.pids.begin(), node.pids.end(), pid) != node.pids.end();
+    });
+}
 
 std::string DescribeMode(const StatusReport& report) {
     const std::string wanted = "mode " + std::to_string(report.mode) + ": ";

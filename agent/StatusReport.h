@@ -18,7 +18,8 @@ struct StatusReport {
     int64_t now = 0;
     int64_t uptimeSeconds = 0;
     int mode = 0;            ///< limit mode of the online configuration
-    bool unified = false;    ///< the unified tree holds this process
+    bool unified = false;    ///< a component's group of the unified tree holds this process
+    int modeInForce = 0;     ///< bits of the limit mode that hold this process now
     std::string modeReason;  ///< which limits hold this process, and why not others
     bool diskFull = false;
     bool cpuNeedLimit[3] = {false, false, false};  ///< answer per priority, now
@@ -38,6 +39,10 @@ struct StatusReport {
     std::vector<std::string> logLines;    ///< the last of them, oldest first
 };
 
+/// Bits of the limit mode: which limits the kernel shows for this process, and whether it is in the tree. Pure.
+int ModeInForce(const StatusReport& report);
+/// Whether a group of the tree holds the process. Pure.
+bool IsInUnifiedTree(const zel::CgroupTreeStatus& tree, int pid);
 /// One sentence: which limits hold this process, and what was asked for and does not hold. Pure.
 std::string DescribeMode(const StatusReport& report);
 

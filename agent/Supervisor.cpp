@@ -147,29 +147,50 @@ void Supervisor::Reap(int64_t now) {
     for (Component& component : m_components) {
         if (component.state != ComponentState::kRunning) continue;
         int status = 0;
-        if (waitpid(component.pid, &status, WNOHANG) != component.pid) continue;
-        ComponentEnd end;
-        end.name = component.config.name;
-        end.pid = component.pid;
-        end.status = status;
-        end.reason = DescribeEnd(status);
-        if (m_explainKill && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) {
-            std::string cause = m_explainKill(component.config.name);
-            if (!cause.empty()) end.reason += ", " + cause;
+        if (waitpid(component.pid, &status, WNOHANG | WUNTRACED | WCONTINUED) != component.pid) continue;
+        if (WIFSTOPPED(status) || WIFCONTINUED(status)) {
+            NoteSuspension(component, WIFSTOPPED(status), now);
+        } else {
+            NoteEnd(component, status, now);
         }
-        component.nextStartAt = m_budget.NoteDeath(component.config.name, component.startedAt, now, end.reason);
-        component.state = ComponentState::kWaiting;
-        component.pid = 0;
-        ++component.restarts;
-        end.waitSeconds = component.nextStartAt - now;
-        end.exhausted = m_budget.IsExhausted(component.config.name, now);
-        SaveBudget();
-        LogLine("component " + end.name + " (process " + std::to_string(end.pid) + ") ended: " + end.reason +
-                    "; next start in " + std::to_string(end.waitSeconds) + " s" +
-                    (end.exhausted ? ", its restarts of this hour are used up" : ""),
-                zel::kLogWarning);
-        if (m_onEnd) m_onEnd(end);
     }
+}
+
+void Supervisor::NoteSuspension(Component& component, bool suspended, int64_t now) {
+    if (suspended == component.suspended) return;
+    const std::string who = "component " + component.config.name + " (process " + std::to_string(component.pid) + ")";
+    if (suspended) {
+        LogLine(who + " is stopped by a signal and does nothing; SIGCONT lets it go on", zel::kLogWarning);
+    } else {
+        LogLine(who + " goes on after " + std::to_string(now - component.suspendedAt) + " s", zel::kLogWarning);
+    }
+    component.suspended = suspended;
+    component.suspendedAt = now;
+}
+
+void Supervisor::NoteEnd(Component& component, int status, int64_t now) {
+    ComponentEnd end;
+    end.name = component.config.name;
+    end.pid = component.pid;
+    end.status = status;
+    end.reason = DescribeEnd(status);
+    if (m_explainKill && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) {
+        std::string cause = m_explainKill(component.config.name);
+        if (!cause.empty()) end.reason += ", " + cause;
+    }
+    component.nextStartAt = m_budget.NoteDeath(component.config.name, component.startedAt, now, end.reason);
+    component.state = ComponentState::kWaiting;
+    component.pid = 0;
+    component.suspended = false;
+    ++component.restarts;
+    end.waitSeconds = component.nextStartAt - now;
+    end.exhausted = m_budget.IsExhausted(component.config.name, now);
+    SaveBudget();
+    LogLine("component " + end.name + " (process " + std::to_string(end.pid) + ") ended: " + end.reason +
+                "; next start in " + std::to_string(end.waitSeconds) + " s" +
+                (end.exhausted ? ", its restarts of this hour are used up" : ""),
+            zel::kLogWarning);
+    if (m_onEnd) m_onEnd(end);
 }
 
 void Supervisor::Tick(int64_t now) {
@@ -182,6 +203,8 @@ void Supervisor::Tick(int64_t now) {
 
 void Supervisor::StopAll(unsigned int graceMs) {
     SignalAll(SIGTERM);
+    // One that is stopped would take the first signal only when it goes on.
+    SignalAll(SIGCONT);
     if (!WaitAll(graceMs)) {
         for (const Component& component : m_components) {
             if (component.state != ComponentState::kRunning) continue;
@@ -239,6 +262,8 @@ std::vector<ComponentStatus> Supervisor::Status(int64_t now) const {
         if (status.state == ComponentState::kWaiting) {
             status.waitsSeconds = std::max<int64_t>(0, component.nextStartAt - now);
         }
+        status.suspended = component.suspended;
+        if (status.suspended) status.suspendedSeconds = now - component.suspendedAt;
         status.restarts = component.restarts;
         status.recentRestarts = m_budget.RecentRestarts(status.name, now);
         status.exhausted = m_budget.IsExhausted(status.name, now);

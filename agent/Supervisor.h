@@ -64,6 +64,8 @@ private:
         pid_t pid = 0;
         int64_t startedAt = 0;
         int64_t nextStartAt = 0;
+        bool suspended = false;
+        int64_t suspendedAt = 0;
         uint64_t restarts = 0;
     };
     void Start(Component& component, int64_t now);
@@ -74,6 +76,9 @@ private:
     /// Reaps those that end. Returns: false when some still run after `ms`.
     bool WaitAll(unsigned int ms);
     void Reap(int64_t now);
+    void NoteEnd(Component& component, int status, int64_t now);
+    /// Stopped by a signal, or going on after it.
+    static void NoteSuspension(Component& component, bool suspended, int64_t now);
     void SaveBudget();
 
     std::string m_program;

@@ -5,6 +5,7 @@
 
 #include "AskAgent.h"
 #include "Doctor.h"
+#include "Health.h"
 #include "ShowEvents.h"
 #include "StatusJson.h"
 #include "StatusText.h"
@@ -13,7 +14,7 @@
 
 namespace {
 
-enum CtlExit { kOk = 0, kRefused = 1, kUnreachable = 2, kUsage = 11 };
+enum CtlExit { kOk = 0, kRefused = 1, kDegraded = 1, kUnreachable = 2, kUsage = 11 };
 
 /// What was asked for.
 struct CommandLine {
@@ -33,6 +34,7 @@ void Declare(CLI::App& app, CommandLine& line) {
     app.require_subcommand(1);
     CLI::App* status = app.add_subcommand("status", "use against limits, mode and its reason, components, delivery");
     status->add_flag("--json", line.json, "as JSON");
+    app.add_subcommand("check", "one line for a monitoring system: OK, DEGRADED or UNREACHABLE");
     CLI::App* top = app.add_subcommand("top", "the same once a second, as a live page on a terminal");
     top->add_option("--for", line.top.forSeconds, "end after this many seconds");
     top->add_flag("--summary", line.top.summary, "at the end, what came of it");
@@ -60,20 +62,37 @@ int Watch(const CommandLine& line) {
     return shown ? kOk : Unreachable(shown.GetError());
 }
 
-/// A status as words; a text that is none stays as it is.
-std::string InWords(const std::string& json) {
+std::string InWords(const agent::StatusReport& report) {
     agent::PictureOptions options;
     options.allComponents = true;
-    const base::Result<agent::StatusReport> report = agent::ParseStatusJson(json);
-    return report ? agent::JoinLines(agent::MakePicture(*report, {}, options)) : json;
+    std::string text = agent::JoinLines(agent::MakePicture(report, {}, options)) + "\n";
+    const std::vector<std::string> trouble = agent::FindTrouble(report);
+    if (trouble.empty()) text += "healthy\n";
+    for (const std::string& sentence : trouble) text += "degraded  " + sentence + "\n";
+    return text;
+}
+
+/// Status and check: the exit code says whether all is as it was asked for.
+int Judge(const CommandLine& line) {
+    const bool check = line.command == "check";
+    base::Result<agent::Answer> answer = agent::AskAgent(line.appDir, line.name, "status");
+    if (answer && !answer->ok) answer = base::SentenceError(answer->body.substr(0, answer->body.find('\n')));
+    const base::Result<agent::StatusReport> report =
+        answer ? agent::ParseStatusJson(answer->body) : base::Result<agent::StatusReport>(answer.GetError());
+    if (!report) {
+        if (check) printf("UNREACHABLE: %s, %s\n", line.name.c_str(), report.GetError().Text().c_str());
+        return check ? static_cast<int>(kUnreachable) : Unreachable(report.GetError());
+    }
+    const std::string text = check ? agent::HealthLine(*report) + "\n" : line.json ? answer->body : InWords(*report);
+    fputs(text.c_str(), stdout);
+    return agent::FindTrouble(*report).empty() ? kOk : kDegraded;
 }
 
 /// Every other command is a request of the console's socket.
 int Ask(const CommandLine& line) {
     const base::Result<agent::Answer> answer = agent::AskAgent(line.appDir, line.name, line.command);
     if (!answer) return Unreachable(answer.GetError());
-    const bool words = answer->ok && line.command == "status" && !line.json;
-    fputs((words ? InWords(answer->body) : answer->body).c_str(), answer->ok ? stdout : stderr);
+    fputs(answer->body.c_str(), answer->ok ? stdout : stderr);
     return answer->ok ? kOk : kRefused;
 }
 
@@ -92,7 +111,8 @@ int Run(const CommandLine& line) {
         fputs(agent::ShowEvents(line.appDir, line.name, line.last).c_str(), stdout);
         return kOk;
     }
-    return line.command == "top" ? Watch(line) : Ask(line);
+    if (line.command == "top") return Watch(line);
+    return line.command == "status" || line.command == "check" ? Judge(line) : Ask(line);
 }
 
 }  // namespace

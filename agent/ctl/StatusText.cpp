@@ -39,6 +39,11 @@ long long AtLeastZero(int64_t value) {
     return value < 0 ? 0 : value;
 }
 
+/// A counter that the kernel may not keep.
+std::string Count(int64_t value) {
+    return value < 0 ? "unknown" : std::to_string(value);
+}
+
 int DepthOf(const zel::CgroupNodeStatus& node) {
     return node.level == zel::CgroupLevel::kParent ? 0 : node.level == zel::CgroupLevel::kGroup ? 1 : 2;
 }
@@ -49,11 +54,15 @@ void AddOwnUse(Lines& lines, const StatusReport& report) {
         Text("%s, process %d, up %lld s; %s", report.process.c_str(), report.pid,
              static_cast<long long>(report.uptimeSeconds), report.modeReason.c_str()),
         LineKind::kTitle);
-    Add(lines,
-        Text("itself  cpu %s of %d %% (level %d), minute %s; memory %.1f of %d MB (level %d); %lld descriptors",
-             Percent(own.cpu100Times).c_str(), own.maxCpu, own.cpuLevel, Percent(own.cpuMinute100Times).c_str(),
-             MbOfKb(own.memKb), own.maxMemMb, own.memLevel, static_cast<long long>(own.descriptors)),
-        own.cpuLevel >= 2 || own.memLevel >= 2 ? LineKind::kAlarm : LineKind::kPlain);
+    if (!report.samplerRuns) {
+        Add(lines, "itself  is not sampled");
+    } else {
+        Add(lines,
+            Text("itself  cpu %s of %d %% (level %d), minute %s; memory %.1f of %d MB (level %d); %lld descriptors",
+                 Percent(own.cpu100Times).c_str(), own.maxCpu, own.cpuLevel, Percent(own.cpuMinute100Times).c_str(),
+                 MbOfKb(own.memKb), own.maxMemMb, own.memLevel, static_cast<long long>(own.descriptors)),
+            own.cpuLevel >= 2 || own.memLevel >= 2 ? LineKind::kAlarm : LineKind::kPlain);
+    }
     Add(lines,
         Text("hold back now?  priority 0 %s, 1 %s, 2 %s%s", report.cpuNeedLimit[0] ? "yes" : "no",
              report.cpuNeedLimit[1] ? "yes" : "no", report.cpuNeedLimit[2] ? "yes" : "no",
@@ -86,9 +95,10 @@ void AddOwnGroup(Lines& lines, const StatusReport& report) {
         Add(lines, NoLimit("cpu    ", cpu));
     }
     if (memory.limited) {
-        Add(lines, Text("memory  limit %.1f MB in %s, used %.1f MB; limit reached %lld times, %lld killed",
-                        MbOfBytes(memory.limitBytes), memory.limitPath.c_str(), MbOfBytes(memory.usageBytes),
-                        static_cast<long long>(memory.limitHits), static_cast<long long>(memory.oomKills)));
+        Add(lines, Text("memory  limit %.1f MB in %s, used %s; limit reached %s times, %s killed",
+                        MbOfBytes(memory.limitBytes), memory.limitPath.c_str(),
+                        memory.usageBytes < 0 ? "unknown" : Text("%.1f MB", MbOfBytes(memory.usageBytes)).c_str(),
+                        Count(memory.limitHits).c_str(), Count(memory.oomKills).c_str()));
     } else {
         Add(lines, NoLimit("memory ", memory));
     }
@@ -158,7 +168,7 @@ std::vector<zel::CgroupNodeStatus> Sorted(const StatusReport& report, const CpuS
 }
 
 void AddTree(Lines& lines, const StatusReport& report, const CpuShares& shares, const PictureOptions& options) {
-    if (!report.unified) return;
+    if (report.tree.nodes.empty() || !report.tree.present) return;
     Add(lines, "");
     Add(lines,
         options.wide
@@ -178,21 +188,32 @@ std::string EndsOf(const ComponentStatus& component) {
                 component.lastReason.c_str());
 }
 
+std::string NextStart(const ComponentStatus& component) {
+    if (component.state != ComponentState::kWaiting) return "";
+    return Text(", next start in %lld s", static_cast<long long>(component.waitsSeconds));
+}
+
+std::string Suspension(const ComponentStatus& component) {
+    if (!component.suspended) return "";
+    return Text(", stopped by a signal for %lld s", static_cast<long long>(component.suspendedSeconds));
+}
+
 void AddComponents(Lines& lines, const StatusReport& report, bool all) {
     bool first = true;
     for (const ComponentStatus& component : report.components) {
-        if (component.restarts == 0 && !all) continue;
+        const bool well = component.restarts == 0 && !component.suspended;
+        if (well && !all) continue;
         if (first) Add(lines, "");
         first = false;
         if (component.restarts == 0) {
             const bool runs = component.state == ComponentState::kRunning;
-            Add(lines, component.name + (runs ? Text(" runs, process %d", component.pid) : " does not run"));
+            Add(lines,
+                component.name + (runs ? Text(" runs, process %d", component.pid) : " does not run") +
+                    Suspension(component) + NextStart(component),
+                component.suspended ? LineKind::kAlarm : LineKind::kPlain);
             continue;
         }
-        const std::string next = component.state == ComponentState::kWaiting
-                                     ? Text(", next start in %lld s", static_cast<long long>(component.waitsSeconds))
-                                     : "";
-        Add(lines, EndsOf(component) + next, LineKind::kAlarm);
+        Add(lines, EndsOf(component) + Suspension(component) + NextStart(component), LineKind::kAlarm);
     }
 }
 

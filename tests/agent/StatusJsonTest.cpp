@@ -40,6 +40,7 @@ StatusReport FullReport() {
     report.uptimeSeconds = 77;
     report.mode = 13;
     report.unified = true;
+    report.modeInForce = 5;
     report.modeReason = "mode 13: one group per component, v1";
     report.diskFull = true;
     for (bool& need : report.cpuNeedLimit) need = true;
@@ -69,7 +70,7 @@ StatusReport FullReport() {
     report.delivery.spoolBroken = true;
     report.delivery.sinks = {{"jsonl", 1, 2, 3, "no space"}};
     report.components = {
-        {"QorNet", "collect-defense", ComponentState::kRunning, 99, 1, 2, 3, 4, true, "killed by signal 9"}};
+        {"QorNet", "collect-defense", ComponentState::kRunning, 99, 1, 2, true, 9, 3, 4, true, "killed by signal 9"}};
     report.cgroup.cpu.version = 1;
     report.cgroup.cpu.groupPath = "/a";
     report.cgroup.cpu.limited = true;

@@ -31,6 +31,8 @@ StatusReport Report() {
     report.now = 1000;
     report.modeReason = "mode 13: one group per component, v1";
     report.unified = true;
+    report.samplerRuns = true;
+    report.tree.present = true;
     report.tree.nodes = {Node(zel::CgroupLevel::kParent, "zel.agent", 31744, 0),
                          Node(zel::CgroupLevel::kGroup, "collect-defense", 30720, 0),
                          Node(zel::CgroupLevel::kComponent, "QorHips", 1024, 300),
@@ -124,6 +126,7 @@ TEST(StatusTextTest, TheOrdersGoRound) {
 TEST(StatusTextTest, WithoutATreeTheOwnLimitIsSaid) {
     StatusReport report = Report();
     report.unified = false;
+    report.tree = {};
     report.cgroup.cpu.limited = true;
     report.cgroup.cpu.limit100Times = 1500;
     report.cgroup.cpu.limitPath = "/cpu/legacy";
@@ -137,14 +140,32 @@ TEST(StatusTextTest, WithoutATreeTheOwnLimitIsSaid) {
 
 TEST(StatusTextTest, ComponentsAreNamedWhenTheyAreInTrouble) {
     StatusReport report = Report();
-    report.components = {{"QorNet", "", ComponentState::kRunning, 77, 0, 0, 0, 0, false, ""},
-                         {"QorHips", "", ComponentState::kWaiting, 0, 0, 7, 2, 2, false, "exit code 1"}};
+    report.components = {{"QorNet", "", ComponentState::kRunning, 77, 9, 0, false, 0, 0, 0, false, ""},
+                         {"QorHips", "", ComponentState::kWaiting, 0, 0, 7, false, 0, 2, 2, false, "exit code 1"}};
     const auto lines = MakePicture(report, {}, {});
     EXPECT_EQ(nullptr, Find(lines, "QorNet runs"));
     ASSERT_NE(nullptr, Find(lines, "QorHips ended 2 times, last: exit code 1, next start in 7 s"));
     PictureOptions all;
     all.allComponents = true;
     EXPECT_NE(nullptr, Find(MakePicture(report, {}, all), "QorNet runs, process 77"));
+    report.components[0].suspended = true;
+    report.components[0].suspendedSeconds = 12;
+    EXPECT_NE(nullptr, Find(MakePicture(report, {}, {}), "QorNet runs, process 77, stopped by a signal for 12 s"));
+    report.components[1].restarts = 0;
+    EXPECT_NE(nullptr, Find(MakePicture(report, {}, all), "QorHips does not run, next start in 7 s"));
+}
+
+TEST(StatusTextTest, WhatIsNotKnownIsNoNumber) {
+    StatusReport report = Report();
+    report.samplerRuns = false;
+    report.sampler.memKb = -1;
+    report.cgroup.mem.limited = true;
+    report.cgroup.mem.limitBytes = 1048576;
+    const std::string text = JoinLines(MakePicture(report, {}, {}));
+    EXPECT_EQ(std::string::npos, text.find("-0.0")) << text;
+    EXPECT_EQ(std::string::npos, text.find("-1")) << text;
+    EXPECT_NE(std::string::npos, text.find("itself  is not sampled")) << text;
+    EXPECT_NE(std::string::npos, text.find("used unknown; limit reached unknown times, unknown killed")) << text;
 }
 
 TEST(StatusTextTest, TheSummaryAveragesOverTheTimeSinceTheStart) {

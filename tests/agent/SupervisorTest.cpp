@@ -4,12 +4,14 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <ctime>
 
 #include "platform/zel/ToolUtil.h"
 #include "support/Files.h"
+#include "support/Waiting.h"
 
 using namespace agent;
 
@@ -113,4 +115,29 @@ TEST_F(SupervisorTest, AFileOfAnotherClockHoldsNoComponentBack) {
         EXPECT_FALSE(m_ends[0].exhausted);
         supervisor->StopAll(1000);
     }
+}
+
+TEST_F(SupervisorTest, AStoppedComponentIsSeenUntilItGoesOn) {
+    auto supervisor = Make("while :; do sleep 0.05; done");
+    supervisor->Configure({{"A", "main", {}, {}}});
+    supervisor->Tick(1000);
+    const pid_t pid = supervisor->Status(1000)[0].pid;
+    const auto tickUntil = [&](int64_t now, bool suspended) {
+        return support::Eventually([&] {
+            supervisor->Tick(now);
+            return supervisor->Status(now)[0].suspended == suspended;
+        });
+    };
+    ASSERT_EQ(0, kill(pid, SIGSTOP));
+    EXPECT_TRUE(tickUntil(1001, true));
+    EXPECT_EQ(ComponentState::kRunning, supervisor->Status(1005)[0].state);
+    EXPECT_EQ(4, supervisor->Status(1005)[0].suspendedSeconds);
+    ASSERT_EQ(0, kill(pid, SIGCONT));
+    EXPECT_TRUE(tickUntil(1006, false));
+    EXPECT_EQ(0u, m_ends.size());
+    ASSERT_EQ(0, kill(pid, SIGSTOP));
+    EXPECT_TRUE(tickUntil(1007, true));
+    const auto start = std::chrono::steady_clock::now();
+    supervisor->StopAll(10000);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << "it hears that it should end";
 }

@@ -112,6 +112,8 @@ protected:
     /// Starts `words` and, when they end by themselves, gives exit code and output.
     int RunToEnd(const std::vector<std::string>& words, std::string& output, int seconds = kStopSeconds);
     std::string NextOutput();
+    /// Asks the console. Returns: its exit code.
+    int RunConsole(const std::vector<std::string>& request, std::string& output, const std::string& name = "tervane");
     /// The console's answer to a request; empty when it failed.
     std::string Ask(const std::vector<std::string>& request, const std::string& name = "tervane");
     Json::Value Status(const std::string& name = "tervane");

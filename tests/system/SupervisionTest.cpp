@@ -1,5 +1,9 @@
 // Threads that hang and processes that stay over their maximum: named, recorded, delivered.
+#include <gmock/gmock.h>
+#include <signal.h>
 #include <unistd.h>
+
+#include <chrono>
 
 #include "AgentFixture.h"
 
@@ -35,6 +39,39 @@ TEST_F(SupervisionTest, HangingWorkerIsNamedWithItsKernelStack) {
         EXPECT_NE(body["stack"].asString().find("[<0>]"), std::string::npos);
     }
     EXPECT_EQ(Status()["own"]["stalls"].asInt(), 1);
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(SupervisionTest, OneLineAndItsCodeSayHowTheAgentIs) {
+    WriteResource({{"resource_limit_mode", "0"}});
+    WriteComponents("{\"name\": \"QorHips\", \"group\": \"collect-defense\", \"load\": \"hold:1\"}");
+    std::string line;
+    const auto check = [&](const std::string& process = "tervane") { return RunConsole({"check"}, line, process); };
+    EXPECT_EQ(2, check());
+    EXPECT_THAT(line, testing::StartsWith("UNREACHABLE: tervane, "));
+    Child agent = StartRunningAgent();
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return ComponentPid("QorHips") > 0; }));
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return check() == 0; })) << line;
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return check("QorHips") == 0; })) << line;
+    EXPECT_EQ(0, check());
+    EXPECT_EQ("OK: tervane, mode 0: no limit is asked for\n", line);
+    const pid_t component = ComponentPid("QorHips");
+    ASSERT_GT(component, 0);
+    kill(component, SIGSTOP);
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return check() == 1; })) << line;
+    EXPECT_THAT(line, testing::HasSubstr("QorHips (process " + std::to_string(component) + ") is stopped"));
+    EXPECT_EQ(2, check("QorHips"));
+    EXPECT_THAT(line, testing::HasSubstr("is stopped; SIGCONT lets it go on"));
+    EXPECT_TRUE(LogHas("component QorHips (process " + std::to_string(component) + ") is stopped by a signal"));
+    kill(component, SIGCONT);
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return check() == 0; })) << line;
+    agent.Signal(SIGSTOP);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(2, check());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    EXPECT_THAT(line, testing::HasSubstr("process " + std::to_string(agent.Pid()) + " is stopped"));
+    agent.Signal(SIGCONT);
     EXPECT_EQ(agent.Stop(), 0);
     ExpectNothingLeft();
 }

@@ -1,0 +1,18 @@
+// Whether a process of the agent is as it should be, and what is wrong where it is not.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "StatusReport.h"
+
+namespace agent {
+
+/// One sentence for each thing that is not as it was asked for; none when the process is healthy. What is over, as a
+/// component that died and runs again, is none. Pure.
+std::vector<std::string> FindTrouble(const StatusReport& report);
+
+/// One line for a monitoring system: "OK: ..." or "DEGRADED: ...". Pure.
+std::string HealthLine(const StatusReport& report);
+
+}  // namespace agent

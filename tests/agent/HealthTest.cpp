@@ -1,0 +1,120 @@
+#include "Health.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "platform/zel/AgentNames.h"
+
+using namespace agent;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+namespace {
+
+zel::CgroupNodeStatus Leaf(const std::string& name, int pid) {
+    zel::CgroupNodeStatus node;
+    node.level = zel::CgroupLevel::kComponent;
+    node.name = name;
+    node.pids = {pid};
+    node.membershipVerified = true;
+    return node;
+}
+
+StatusReport Healthy() {
+    StatusReport report;
+    report.process = "tervane";
+    report.pid = 10;
+    report.mode = zel::kModeCpu | zel::kModeMemory | zel::kModeUnified;
+    report.unified = true;
+    report.modeReason = "mode 13: one group per component, v1";
+    report.samplerRuns = true;
+    report.cgroup.cpu.limited = report.cgroup.mem.limited = true;
+    report.tree.present = true;
+    report.tree.nodes = {Leaf("tervane", 10), Leaf("QorNet", 11)};
+    ComponentStatus component;
+    component.name = "QorNet";
+    component.state = ComponentState::kRunning;
+    component.pid = 11;
+    component.runsSeconds = 100;
+    component.restarts = 3;
+    report.components = {component};
+    report.delivery.present = true;
+    report.delivery.sinks = {{"jsonl", 5, 1, 0, ""}};
+    return report;
+}
+
+}  // namespace
+
+TEST(HealthTest, AHealthyReportHasNoFinding) {
+    EXPECT_THAT(FindTrouble(Healthy()), IsEmpty());
+    EXPECT_EQ("OK: tervane, mode 13: one group per component, v1", HealthLine(Healthy()));
+}
+
+TEST(HealthTest, WithoutWantedLimitsNoneIsMissed) {
+    StatusReport report = Healthy();
+    report.mode = 0;
+    report.unified = false;
+    report.tree = {};
+    report.cgroup = {};
+    EXPECT_THAT(FindTrouble(report), IsEmpty());
+}
+
+TEST(HealthTest, EachThingThatIsNotAsAskedForIsOneFinding) {
+    const struct {
+        std::function<void(StatusReport&)> spoil;
+        const char* finding;
+    } cases[] = {
+        {[](StatusReport& r) { r.cgroup.cpu.limited = false, r.cgroup.cpu.reason = "quota -1"; },
+         "CPU limit is asked for and not in force: quota -1"},
+        {[](StatusReport& r) { r.cgroup.mem.limited = false, r.cgroup.mem.reason = "none"; },
+         "memory limit is asked for and not in force: none"},
+        {[](StatusReport& r) { r.unified = false, r.modeReason = "mode 13: one for all"; }, "mode 13: one for all"},
+        {[](StatusReport& r) { r.components[0].suspended = true, r.components[0].suspendedSeconds = 7; },
+         "component QorNet (process 11) is stopped for 7 s by a signal"},
+        {[](StatusReport& r) { r.components[0].pid = 12; }, "component QorNet (process 12) is in no group of the tree"},
+        {[](StatusReport& r) {
+             r.components[0].state = ComponentState::kWaiting;
+             r.components[0].waitsSeconds = 32;
+             r.components[0].lastReason = "exit code 1";
+         },
+         "component QorNet does not run, next start in 32 s: exit code 1"},
+        {[](StatusReport& r) { r.tree.nodes[1].membershipVerified = false; },
+         "group QorNet does not hold its processes in every controller"},
+        {[](StatusReport& r) { r.samplerRuns = false; }, "the sampling of its own use does not run"},
+        {[](StatusReport& r) { r.sampler.cpuLevel = 2, r.sampler.maxCpu = 10; },
+         "its CPU use is over its maximum of 10 %"},
+        {[](StatusReport& r) { r.sampler.memLevel = 2, r.sampler.maxMemMb = 45; },
+         "its memory is over its maximum of 45 MB"},
+        {[](StatusReport& r) { r.diskFull = true; }, "the disk is full"},
+        {[](StatusReport& r) { r.delivery.spoolBroken = true; }, "the spool of events cannot be written"},
+        {[](StatusReport& r) { r.delivery.sinks[0].lastError = "refused"; }, "events do not reach jsonl: refused"},
+    };
+    for (const auto& c : cases) {
+        StatusReport report = Healthy();
+        c.spoil(report);
+        EXPECT_THAT(FindTrouble(report), ElementsAre(HasSubstr(c.finding)));
+        EXPECT_THAT(HealthLine(report), testing::StartsWith("DEGRADED: tervane, "));
+    }
+}
+
+TEST(HealthTest, AComponentThatStartsHasTimeToJoin) {
+    StatusReport report = Healthy();
+    report.components[0].pid = 12;
+    report.components[0].runsSeconds = 1;
+    EXPECT_THAT(FindTrouble(report), IsEmpty());
+}
+
+TEST(HealthTest, TheModeInForceIsWhatTheKernelShows) {
+    StatusReport report = Healthy();
+    EXPECT_EQ(13, ModeInForce(report));
+    report.unified = false;
+    report.cgroup.mem.limited = false;
+    EXPECT_EQ(1, ModeInForce(report));
+    EXPECT_TRUE(IsInUnifiedTree(report.tree, 11));
+    EXPECT_FALSE(IsInUnifiedTree(report.tree, 12)) << "a tree of others' processes is not in force for this one";
+    report.tree.present = false;
+    EXPECT_FALSE(IsInUnifiedTree(report.tree, 11));
+}
