@@ -9,8 +9,9 @@ JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 FOR ?=
 ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel FuzzKernelLists FuzzResourceFile \
-  FuzzWatermark FuzzVmstat FuzzGroupSpecs FuzzMountInfo FuzzProcFiles FuzzComponentFile FuzzOnlineConfig
-TSAN_QUICK = UnitCore UnitLimits RuntimeUtilTests RuntimeIpcTests
+  FuzzWatermark FuzzVmstat FuzzGroupSpecs FuzzMountInfo FuzzProcFiles FuzzComponentFile FuzzOnlineConfig \
+  RuntimeBaseTests
+TSAN_QUICK = UnitCore UnitLimits RuntimeBaseTests RuntimeUtilTests RuntimeIpcTests
 
 .PHONY: all run test lint sanitize sanitize-module bench fuzz install clean deps deps-build
 
@@ -47,11 +48,11 @@ sanitize: deps
 	cmake --build --preset tsan -j $(JOBS)
 	scripts/run-tests tsan -LE "vm|system|tree"
 
-# The module and the fuzz corpora: what CI has the time for.
+# The module, the ground floor and the fuzz corpora: what CI has the time for.
 sanitize-module: deps
 	cmake --preset asan
 	cmake --build --preset asan -j $(JOBS) --target $(ASAN_QUICK)
-	scripts/run-tests asan -L "unit|fuzz" -E NOT_BUILT
+	scripts/run-tests asan -L "unit|fuzz|runtime" -E "NOT_BUILT|UtilExports"
 	cmake --preset tsan
 	cmake --build --preset tsan -j $(JOBS) --target $(TSAN_QUICK)
 	scripts/run-tests tsan -L "unit|runtime" -E "NOT_BUILT|UnitUnifiedModel|LongRun"
