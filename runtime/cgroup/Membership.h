@@ -23,7 +23,8 @@ struct Entry {
     const GroupDir* group = nullptr;
 };
 
-/// Takes a process that cannot go back where it came from.
+/// Takes a process that cannot go back where it came from: beside the tree (AgentTree) or to the legacy group's base
+/// (LegacyGroup).
 using Refuge = std::function<Status(int pid)>;
 
 /// Thread-safety: none, the owner locks.

@@ -20,7 +20,7 @@ void CBreaches::Begin() {
     }
 }
 
-void CBreaches::Supervise(SamplingRound& round, bool wholeMinute) {
+void CBreaches::Supervise(RoundFigures& round, bool wholeMinute) {
     WarnOfIo(round);
     const int64_t cpuLimit = m_rules.MaxCpu100();
     const int64_t fdLimit = m_rules.maxFd;
@@ -38,7 +38,7 @@ void CBreaches::Supervise(SamplingRound& round, bool wholeMinute) {
     if (m_cpu.tracker.Rounds() % kBreachThreadRounds == 1) CThreadFacts::Instance().Sample();
 }
 
-void CBreaches::WarnOfIo(SamplingRound& round) {
+void CBreaches::WarnOfIo(RoundFigures& round) {
     SamplerFigures& now = round.figures;
     WarnOfRate(ResourceKind::kReadIo, now.readKbps, m_rules.maxReadIo, round.totals.rounds, now.readIoWarnCount,
                m_readIoWarnedAt);
@@ -60,7 +60,7 @@ void CBreaches::Warn(const Supervised& what, WarningStage stage, int64_t sustain
     m_events.Warn({what.kind, stage, what.value, what.limit, sustainedMs, "", ""});
 }
 
-void CBreaches::SuperviseOne(SamplingRound& round, Supervised& what, int64_t limit, uint64_t periodRounds) {
+void CBreaches::SuperviseOne(RoundFigures& round, Supervised& what, int64_t limit, uint64_t periodRounds) {
     const int64_t sustainedMs = static_cast<int64_t>(what.tracker.Rounds()) * m_rules.RoundMs();
     const BreachStep step = what.tracker.Round(what.high, periodRounds);
     if (what.high) what.limit = limit;
@@ -82,7 +82,7 @@ void CBreaches::SuperviseOne(SamplingRound& round, Supervised& what, int64_t lim
     if (m_rules.settings.options.selfKill) SelfKill(round, what, sustainedMs);
 }
 
-void CBreaches::SelfKill(SamplingRound& round, const Supervised& what, int64_t sustainedMs) {
+void CBreaches::SelfKill(RoundFigures& round, const Supervised& what, int64_t sustainedMs) {
     SelfKillRecord record;
     record.kind = what.kind;
     record.value = what.value;

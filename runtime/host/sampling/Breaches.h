@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "sampling/SamplerEvents.h"
-#include "sampling/SamplingRound.h"
+#include "sampling/RoundFigures.h"
 #include "sampling/SamplingRules.h"
 #include "sampling/UsageLevel.h"
 
@@ -28,15 +28,15 @@ public:
 
     void Begin();
     /// `wholeMinute`: the minute's CPU average spans one.
-    void Supervise(SamplingRound& round, bool wholeMinute);
+    void Supervise(RoundFigures& round, bool wholeMinute);
 
 private:
-    void WarnOfIo(SamplingRound& round);
+    void WarnOfIo(RoundFigures& round);
     void WarnOfRate(ResourceKind kind, int64_t rate, int64_t limit, uint64_t rounds, uint64_t& count,
                     uint64_t& warnedAt);
-    void SuperviseOne(SamplingRound& round, Supervised& what, int64_t limit, uint64_t periodRounds);
+    void SuperviseOne(RoundFigures& round, Supervised& what, int64_t limit, uint64_t periodRounds);
     void Warn(const Supervised& what, WarningStage stage, int64_t sustainedMs);
-    void SelfKill(SamplingRound& round, const Supervised& what, int64_t sustainedMs);
+    void SelfKill(RoundFigures& round, const Supervised& what, int64_t sustainedMs);
 
     const SamplingRules& m_rules;
     CSamplerEvents& m_events;

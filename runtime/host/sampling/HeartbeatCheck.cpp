@@ -16,7 +16,7 @@ CHeartbeatCheck::CHeartbeatCheck(const SamplingRules& rules, CHeartbeats& heartb
     m_changes.reserve(kChangesAtOnce);
 }
 
-void CHeartbeatCheck::Supervise(const SamplingRound& round) {
+void CHeartbeatCheck::Supervise(const RoundFigures& round) {
     m_changes.clear();
     m_heartbeats.Round(round.elapsedNs / 1000000, m_rules.RoundMs(), m_changes);
     for (ThreadStall& change : m_changes) Tell(change);

@@ -6,7 +6,7 @@
 
 #include "sampling/Heartbeats.h"
 #include "sampling/SamplerEvents.h"
-#include "sampling/SamplingRound.h"
+#include "sampling/RoundFigures.h"
 #include "sampling/SamplingRules.h"
 
 namespace zelhost {
@@ -15,7 +15,7 @@ namespace zelhost {
 class CHeartbeatCheck {
 public:
     CHeartbeatCheck(const SamplingRules& rules, CHeartbeats& heartbeats, CSamplerEvents& events);
-    void Supervise(const SamplingRound& round);
+    void Supervise(const RoundFigures& round);
 
 private:
     void Tell(ThreadStall& change);

@@ -16,7 +16,7 @@ void CLevels::Begin(const Totals& totals) {
     m_infoValid = false;
 }
 
-void CLevels::Judge(SamplingRound& round) {
+void CLevels::Judge(RoundFigures& round) {
     JudgeLevels(round);
     m_rounds.Push(round.totals);
     AverageMinute(round);
@@ -29,7 +29,7 @@ void CLevels::ForgetLevels() {
     m_memLevel.store(0, std::memory_order_relaxed);
 }
 
-void CLevels::JudgeLevels(SamplingRound& round) {
+void CLevels::JudgeLevels(RoundFigures& round) {
     SamplerFigures& now = round.figures;
     const int cpuLevel = NextLevel(m_cpuLevel.load(std::memory_order_relaxed), now.cpu100Times, m_rules.MaxCpu100());
     const int memLevel = NextLevel(m_memLevel.load(std::memory_order_relaxed), now.memKb, m_rules.MaxMemKb());
@@ -45,7 +45,7 @@ void CLevels::JudgeLevels(SamplingRound& round) {
     m_highAllRound.store(m_highRun >= m_rules.WindowMinutes() * kMinuteRounds, std::memory_order_relaxed);
 }
 
-void CLevels::AverageMinute(SamplingRound& round) {
+void CLevels::AverageMinute(RoundFigures& round) {
     const Averages minute = AverageBetween(m_rounds.Back(kMinuteRounds), round.totals);
     round.figures.cpuMinute100Times = m_rules.Scale(minute.cpu100Times);
     round.figures.memMinuteKb = minute.memKb;
@@ -53,7 +53,7 @@ void CLevels::AverageMinute(SamplingRound& round) {
                        std::memory_order_relaxed);
 }
 
-void CLevels::EndMinute(SamplingRound& round) {
+void CLevels::EndMinute(RoundFigures& round) {
     const int64_t limit = m_rules.MaxCpu100();
     const size_t windowMinutes = m_rules.WindowMinutes();
     if (limit > 0 && round.figures.cpuMinute100Times >= limit) ++round.figures.cpuMinuteHighCount;
@@ -67,7 +67,7 @@ void CLevels::EndMinute(SamplingRound& round) {
                        std::memory_order_relaxed);
 }
 
-Averages CLevels::AverageWindow(SamplingRound& round) {
+Averages CLevels::AverageWindow(RoundFigures& round) {
     const size_t windowMinutes = m_rules.WindowMinutes();
     const bool onBoundary = round.totals.rounds % kMinuteRounds == 0;
     const Averages window =
@@ -81,7 +81,7 @@ Averages CLevels::AverageWindow(SamplingRound& round) {
     return window;
 }
 
-void CLevels::PublishInfo(const SamplingRound& round, const Averages& window) {
+void CLevels::PublishInfo(const RoundFigures& round, const Averages& window) {
     const SamplerFigures& now = round.figures;
     const auto u32 = [](int64_t v) { return static_cast<uint32_t>(std::clamp<int64_t>(v, 0, UINT32_MAX)); };
     base::MutexLock lock(m_infoLock);

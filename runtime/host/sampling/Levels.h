@@ -6,7 +6,7 @@
 
 #include "base/Mutex.h"
 #include "platform/host/ResourceMonitor.h"
-#include "sampling/SamplingRound.h"
+#include "sampling/RoundFigures.h"
 #include "sampling/SamplingRules.h"
 #include "sampling/UsageLevel.h"
 
@@ -21,7 +21,7 @@ public:
 
     void Begin(const Totals& totals);
     /// Fills in levels, averages and their counters, and publishes the answers of the queries.
-    void Judge(SamplingRound& round);
+    void Judge(RoundFigures& round);
     /// Nobody samples any more: workers must not go on holding back.
     void ForgetLevels();
 
@@ -38,12 +38,12 @@ public:
     bool Info(ResourceMonitorInfo& info);
 
 private:
-    void JudgeLevels(SamplingRound& round);
-    void AverageMinute(SamplingRound& round);
-    void EndMinute(SamplingRound& round);
+    void JudgeLevels(RoundFigures& round);
+    void AverageMinute(RoundFigures& round);
+    void EndMinute(RoundFigures& round);
     /// Returns: the averages of the window up to this round.
-    Averages AverageWindow(SamplingRound& round);
-    void PublishInfo(const SamplingRound& round, const Averages& window);
+    Averages AverageWindow(RoundFigures& round);
+    void PublishInfo(const RoundFigures& round, const Averages& window);
 
     const SamplingRules& m_rules;
 

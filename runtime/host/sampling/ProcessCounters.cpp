@@ -43,7 +43,7 @@ void CProcessCounters::OpenFiles() {
     m_fdCounter.Open();
 }
 
-void CProcessCounters::ReadTotals(SamplingRound& round) {
+void CProcessCounters::ReadTotals(RoundFigures& round) {
     const bool allOpen = m_statm.IsOpen() && m_io.IsOpen() && m_loadavg.IsOpen();
     if (!allOpen && round.tick % kReopenRounds == kReopenRounds - 1) OpenFiles();
     ReadClocks(round);
@@ -53,7 +53,7 @@ void CProcessCounters::ReadTotals(SamplingRound& round) {
     ReadLoad(round);
 }
 
-void CProcessCounters::ReadClocks(SamplingRound& round) {
+void CProcessCounters::ReadClocks(RoundFigures& round) {
     round.nowNs = ClockNs(CLOCK_MONOTONIC);
     const int64_t processNs = ClockNs(CLOCK_PROCESS_CPUTIME_ID);
     const int64_t usedNs = processNs - m_lastProcessNs;
@@ -67,14 +67,14 @@ void CProcessCounters::ReadClocks(SamplingRound& round) {
     m_lastProcessNs = processNs;
 }
 
-void CProcessCounters::ReadMemory(SamplingRound& round) {
+void CProcessCounters::ReadMemory(RoundFigures& round) {
     char text[kFileBytes];
     const std::optional<int64_t> pages = base::ParseStatmResident(m_statm.Read(text, sizeof(text)));
     if (pages) round.figures.memKb = *pages * m_pageKb;
     round.totals.memKbSum += round.figures.memKb;
 }
 
-void CProcessCounters::ReadDescriptors(SamplingRound& round) {
+void CProcessCounters::ReadDescriptors(RoundFigures& round) {
     const uint64_t rhythm = m_fdCounter.IsCheap()                  ? 1
                             : round.figures.descriptors > kManyFds ? kVeryDearFdRounds
                                                                    : kDearFdRounds;
@@ -85,7 +85,7 @@ void CProcessCounters::ReadDescriptors(SamplingRound& round) {
     round.totals.fdSum += round.figures.descriptors;
 }
 
-void CProcessCounters::ReadIo(SamplingRound& round) {
+void CProcessCounters::ReadIo(RoundFigures& round) {
     char text[kFileBytes];
     std::optional<base::ProcIo> io;
     if (m_rules.ioEnabled.load(std::memory_order_relaxed)) io = base::ParseProcIo(m_io.Read(text, sizeof(text)));
@@ -107,7 +107,7 @@ void CProcessCounters::ReadIo(SamplingRound& round) {
     m_ioKnown = io.has_value();
 }
 
-void CProcessCounters::ReadLoad(SamplingRound& round) {
+void CProcessCounters::ReadLoad(RoundFigures& round) {
     char text[kFileBytes];
     const std::optional<float> load = base::ParseLoadAvg(m_loadavg.Read(text, sizeof(text)));
     if (load) round.figures.loadAvg = *load;

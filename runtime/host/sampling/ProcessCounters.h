@@ -3,7 +3,7 @@
 #pragma once
 
 #include "base/ProcFiles.h"
-#include "sampling/SamplingRound.h"
+#include "sampling/RoundFigures.h"
 #include "sampling/SamplingRules.h"
 
 namespace zelhost {
@@ -18,15 +18,15 @@ public:
     /// Opens the files and takes the clocks' starting points.
     void Begin();
     /// Adds this round's shares to the totals and fills in the figures of the last round.
-    void ReadTotals(SamplingRound& round);
+    void ReadTotals(RoundFigures& round);
 
 private:
     void OpenFiles();
-    void ReadClocks(SamplingRound& round);
-    void ReadMemory(SamplingRound& round);
-    void ReadDescriptors(SamplingRound& round);
-    void ReadIo(SamplingRound& round);
-    void ReadLoad(SamplingRound& round);
+    void ReadClocks(RoundFigures& round);
+    void ReadMemory(RoundFigures& round);
+    void ReadDescriptors(RoundFigures& round);
+    void ReadIo(RoundFigures& round);
+    void ReadLoad(RoundFigures& round);
 
     const SamplingRules& m_rules;
     const long m_pageKb;

@@ -67,7 +67,7 @@ void CSampler::Prepare(IResourceEventSink* sink) {
 
 void CSampler::Begin() {
     m_rules.settings = GetSamplingSettings();
-    m_round = SamplingRound();
+    m_round = RoundFigures();
     m_breaches.Begin();
     m_watched.Clear();
     m_counters.Begin();

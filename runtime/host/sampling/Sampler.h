@@ -14,7 +14,7 @@
 #include "sampling/Levels.h"
 #include "sampling/ProcessCounters.h"
 #include "sampling/SamplerEvents.h"
-#include "sampling/SamplingRound.h"
+#include "sampling/RoundFigures.h"
 #include "sampling/SamplingRules.h"
 #include "sampling/WatchedCheck.h"
 #include "sampling/WatchedProcesses.h"
@@ -64,7 +64,7 @@ private:
     SamplerFigures m_published ZEL_GUARDED_BY(m_figuresLock);
 
     // Of the sampling thread.
-    SamplingRound m_round;
+    RoundFigures m_round;
     CSamplerEvents m_events;
     CProcessCounters m_counters{m_rules};
     CLevels m_levels{m_rules};

@@ -57,7 +57,7 @@ base::Status Keep(const std::string& dir, const std::string& path, const std::st
     return made ? base::ReplaceFile(path, json, kRecordMode, base::Durability::kSynced) : made;
 }
 
-Json::Value FiguresJson(const SamplingRound& round) {
+Json::Value FiguresJson(const RoundFigures& round) {
     const SamplerFigures& now = round.figures;
     Json::Value figures;
     figures["cpu_100times"] = static_cast<Json::Int64>(now.cpu100Times);
@@ -122,7 +122,7 @@ std::string RecordText(const Json::Value& root) {
 
 }  // namespace
 
-std::string SelfKillText(const SelfKillRecord& record, unsigned int breaches, const SamplingRound& round,
+std::string SelfKillText(const SelfKillRecord& record, unsigned int breaches, const RoundFigures& round,
                          const SamplingRules& rules, CSamplerEvents& events) {
     Json::Value root;
     root["version"] = kRecordVersion;

@@ -8,7 +8,7 @@
 
 #include "base/Result.h"
 #include "sampling/SamplerEvents.h"
-#include "sampling/SamplingRound.h"
+#include "sampling/RoundFigures.h"
 #include "sampling/SamplingRules.h"
 #include "sampling/WatchedProcesses.h"
 
@@ -20,7 +20,7 @@ constexpr size_t kRecordsKept = 16;
 
 /// Builds a self-kill record's JSON text: figures, limits in force, the busiest threads, and what the host adds.
 /// Throws: what the host's sink throws.
-std::string SelfKillText(const SelfKillRecord& record, unsigned int breaches, const SamplingRound& round,
+std::string SelfKillText(const SelfKillRecord& record, unsigned int breaches, const RoundFigures& round,
                          const SamplingRules& rules, CSamplerEvents& events);
 std::string WatchedText(const WatchedEvent& event, const std::string& processName);
 

@@ -14,7 +14,7 @@ CWatchedCheck::CWatchedCheck(const SamplingRules& rules, CWatchedProcesses& watc
     m_found.reserve(kEventsAtOnce);
 }
 
-void CWatchedCheck::Supervise(SamplingRound& round) {
+void CWatchedCheck::Supervise(RoundFigures& round) {
     m_found.clear();
     // A watched process is measured in percent of one CPU, in whichever mode the maximum is set.
     const int64_t maxCpu = m_rules.solaris ? m_rules.MaxCpu100() * m_rules.cpus : m_rules.MaxCpu100();
@@ -25,7 +25,7 @@ void CWatchedCheck::Supervise(SamplingRound& round) {
     }
 }
 
-void CWatchedCheck::KeepEvent(const WatchedEvent& event, SamplingRound& round) {
+void CWatchedCheck::KeepEvent(const WatchedEvent& event, RoundFigures& round) {
     try {
         const std::string text = WatchedText(event, m_rules.settings.processName);
         const base::Status kept = KeepWatchedRecord(m_rules.settings, event.name, text);

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "sampling/SamplerEvents.h"
-#include "sampling/SamplingRound.h"
+#include "sampling/RoundFigures.h"
 #include "sampling/SamplingRules.h"
 #include "sampling/WatchedProcesses.h"
 
@@ -14,10 +14,10 @@ namespace zelhost {
 class CWatchedCheck {
 public:
     CWatchedCheck(const SamplingRules& rules, CWatchedProcesses& watched, CSamplerEvents& events);
-    void Supervise(SamplingRound& round);
+    void Supervise(RoundFigures& round);
 
 private:
-    void KeepEvent(const WatchedEvent& event, SamplingRound& round);
+    void KeepEvent(const WatchedEvent& event, RoundFigures& round);
     void Tell(const WatchedEvent& event, int64_t maxCpu);
 
     const SamplingRules& m_rules;

@@ -9,7 +9,7 @@
 namespace zelhost {
 
 /// Of the sampling thread only.
-struct SamplingRound {
+struct RoundFigures {
     uint64_t tick = 0;  ///< rounds made before this one
     int64_t nowNs = 0;  ///< monotonic, when the counters were read
     int64_t elapsedNs = 0;
