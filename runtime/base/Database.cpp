@@ -18,6 +18,9 @@ namespace base {
 namespace {
 
 constexpr int kPrimaryCode = 0xff;
+// Pages of every database that is made here, each with its header in the write-ahead log.
+// Source: sqlite.org/fileformat2.html, "The Write-Ahead Log".
+constexpr uint64_t kLogPageBytes = 4096 + 24;
 
 ErrorKind KindOfCode(int code) {
     if (code == SQLITE_CANTOPEN_SYMLINK) return ErrorKind::kRefused;
@@ -80,6 +83,9 @@ Status Database::Open(const std::string& path, const DatabaseOptions& options) {
         sqlite3_busy_timeout(m_handle, options.busyMs);
         status = Execute(options.setUp);
     }
+    m_logBytes = 0;
+    // Last: a pragma among the statements that sets the automatic checkpoint, itself such a hook, would replace ours.
+    if (status && options.countLog) sqlite3_wal_hook(m_handle, NoteLog, this);
     if (!status) Close();
     return status;
 }
@@ -98,6 +104,19 @@ Status Database::Execute(const std::string& sql) {
 void Database::Checkpoint() {
     // Ignoring: what a reader holds up is moved the next time.
     if (m_handle != nullptr) sqlite3_wal_checkpoint_v2(m_handle, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+}
+
+Status Database::RestartLog() {
+    if (m_handle == nullptr) return Fail(SQLITE_MISUSE, "use");
+    const int code = sqlite3_wal_checkpoint_v2(m_handle, nullptr, SQLITE_CHECKPOINT_RESTART, nullptr, nullptr);
+    if (code != SQLITE_OK) return Fail(code, "write back");
+    m_logBytes = 0;
+    return {};
+}
+
+int Database::NoteLog(void* self, sqlite3*, const char*, int pages) {
+    static_cast<Database*>(self)->m_logBytes = static_cast<uint64_t>(pages) * kLogPageBytes;
+    return SQLITE_OK;
 }
 
 Status Database::Fail(int code, const char* operation) {
@@ -198,13 +217,56 @@ bool IsDamaged(int code) {
 }
 
 Status PutDatabaseAside(const std::string& path, const std::string& aside) {
-    const Status moved = RenameFile(path, aside);
-    if (!moved) return moved;
-    for (const char* part : {"-wal", "-shm", "-journal"}) {
+    if (!ReadFileMark(path).exists) return ErrnoError(ENOENT, "rename", path);
+    // The logs first: were the power lost in between, no log must stand beside the next database.
+    for (const char* part : {"-wal", "-journal"}) {
+        const std::string log = path + part;
+        const Status moved = ReadFileMark(log).exists ? RenameFile(log, aside + part) : RemoveFile(aside + part);
+        if (!moved) return moved;
+    }
+    const Status removed = RemoveFile(path + "-shm");
+    if (!removed) return removed;
+    return RenameFile(path, aside);
+}
+
+namespace {
+
+bool HasLog(const std::string& path) {
+    return ReadFileMark(path + "-journal").exists || ReadFileMark(path + "-wal").exists;
+}
+
+Status RemoveLogs(const std::string& path) {
+    for (const char* part : {"-wal", "-journal", "-shm"}) {
         const Status removed = RemoveFile(path + part);
         if (!removed) return removed;
     }
     return {};
+}
+
+// The first read rolls back a journal; closing the last connection moves a write-ahead log into the file.
+Status RollBack(const std::string& path) {
+    constexpr int kOthersMs = 200;
+    DatabaseOptions options;
+    options.busyMs = kOthersMs;
+    options.setUp = "SELECT count(*) FROM sqlite_master;";
+    const Status settled = Database().Open(path, options);
+    const bool sound = settled || settled.GetError().kind != ErrorKind::kMalformed;
+    return sound ? settled : RemoveLogs(path);
+}
+
+}  // namespace
+
+Status RenameDatabase(const std::string& from, const std::string& to) {
+    if (ReadFileMark(from).exists && HasLog(from)) {
+        const Status rolledBack = RollBack(from);
+        if (!rolledBack) return rolledBack;
+    }
+    // What is left of one that stood there before.
+    if (ReadFileMark(from).exists && HasLog(to) && !ReadFileMark(to).exists) {
+        const Status removed = RemoveLogs(to);
+        if (!removed) return removed;
+    }
+    return RenameFile(from, to);
 }
 
 }  // namespace base

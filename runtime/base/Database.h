@@ -21,6 +21,7 @@ struct DatabaseOptions {
     int busyMs = 0;            ///< how long an operation waits for the lock of another connection
     bool readOnly = false;     ///< read as it is; nothing is made
     bool manyThreads = false;  ///< SQLite serialises the calls; else one thread at a time uses the connection
+    bool countLog = false;     ///< LogBytes is kept; the log is then moved by Checkpoint and RestartLog only
     mode_t mode = 0640;        ///< of a file that is made, whatever the umask is
     const char* setUp = "";    ///< statements that belong to opening: pragmas, then what must exist
 };
@@ -49,6 +50,13 @@ public:
 
     /// Moves the pages of a write-ahead log into the file, as far as nobody reads them.
     void Checkpoint();
+    /// Moves all of them, so that the next commit writes the log from its beginning. Blocks: for the disk, and for
+    /// others' transactions as long as the options say.
+    /// On failure: the log goes on growing, for instance because somebody reads.
+    Status RestartLog();
+    /// Returns: how long the write-ahead log was at this connection's last commit; 0 after RestartLog.
+    /// Requires: opened with countLog.
+    uint64_t LogBytes() const { return m_logBytes; }
 
     /// Returns: the extended result code of the last failure of this object; statements keep their own.
     /// Source: sqlite.org/rescode.html.
@@ -60,8 +68,10 @@ public:
 
 private:
     Status Fail(int code, const char* operation);
+    static int NoteLog(void* self, sqlite3* handle, const char* schema, int pages);
 
     sqlite3* m_handle = nullptr;
+    uint64_t m_logBytes = 0;
     std::string m_path;
     int m_code = 0;
 };
@@ -115,8 +125,14 @@ private:
 /// Returns: whether a result code says that the file is no sound database, so that a new one must take its place.
 bool IsDamaged(int code);
 
-/// Moves a damaged database out of the way to `aside`, and removes its log: a new database beside an old log would be
-/// taken for its continuation.
+/// Moves a damaged database and its log out of the way to `aside`: a new database beside an old log would be taken for
+/// its continuation, and what can be read of the old one is partly in the log.
 Status PutDatabaseAside(const std::string& path, const std::string& aside);
+
+/// Renames a database. What a killed process left of a transaction in its journal is rolled back first, because the
+/// journal belongs to the name: apart from it the file is damaged, and beside another file it damages that one.
+/// A file that is no database is renamed as it is.
+/// On failure: nothing has moved; kBusy while another process is in the middle of a transaction.
+Status RenameDatabase(const std::string& from, const std::string& to);
 
 }  // namespace base

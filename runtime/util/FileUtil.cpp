@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/Database.h"
 #include "base/FileIo.h"
 #include "base/FileReplace.h"
 
@@ -75,7 +76,8 @@ CFileCom::CFileCom(const std::string& path) : m_path(path) {}
 CFileCom::~CFileCom() = default;
 
 bool CFileCom::rename(const std::string& newPath) {
-    return base::RenameFile(m_path, newPath).Ok();
+    // The module renames its store of a day, whose journal must neither stay behind nor meet another file.
+    return base::RenameDatabase(m_path, newPath).Ok();
 }
 
 }  // namespace zel

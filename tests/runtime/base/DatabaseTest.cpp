@@ -136,8 +136,10 @@ TEST_F(DatabaseTest, ADamagedFileIsToldAndPutAsideWithItsLog) {
     EXPECT_EQ("file is not a database", status.GetError().Reason());
     EXPECT_TRUE(base::IsDamaged(database.Code()));
     EXPECT_FALSE(database.IsOpen());
+    WriteText(m_path + "-wal", "old log");
     ASSERT_TRUE(base::PutDatabaseAside(m_path, m_path + ".corrupt"));
-    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db.corrupt"));
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db.corrupt", "x.db.corrupt-journal", "x.db.corrupt-wal"));
+    EXPECT_EQ("old log", ReadText(m_path + ".corrupt-wal"));
     EXPECT_EQ(std::string(5000, 'x'), ReadText(m_path + ".corrupt"));
     ASSERT_TRUE(database.Open(m_path, Logged()));
     EXPECT_EQ(0, Rows(database));
