@@ -109,6 +109,7 @@ template <class Io>
 void Fields(Io& io, Of<Io, zelhost::SinkStats>& sink) {
     io("name", sink.name);
     io("delivered", sink.delivered);
+    io("given_up", sink.givenUp);
     io("failures", sink.failures);
     io("waiting", sink.waiting);
     io("last_error", sink.lastError);

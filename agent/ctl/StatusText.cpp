@@ -226,6 +226,7 @@ void AddDelivery(Lines& lines, const StatusReport& report) {
         for (const zelhost::SinkStats& sink : delivery.sinks) {
             text += Text("; %s delivered %llu%s%s", sink.name.c_str(), Number(sink.delivered),
                          sink.lastError.empty() ? "" : ", down: ", sink.lastError.c_str());
+            if (sink.givenUp > 0) text += Text(", given up %llu", Number(sink.givenUp));
         }
         Add(lines, text, delivery.spoolBroken ? LineKind::kAlarm : LineKind::kPlain);
     }

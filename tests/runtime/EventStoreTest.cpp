@@ -467,7 +467,7 @@ TEST_F(EventStoreTest, ProcessKilledAtAnyMomentLeavesAReadableStore) {
     }
 }
 
-TEST_F(EventStoreTest, WhatAKilledProcessLeftIsWholeAfterItWasMovedAside) {
+TEST_F(EventStoreTest, WhatAKillLeftIsWholeAfterItIsMovedAside) {
     const unsigned int seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);

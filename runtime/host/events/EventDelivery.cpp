@@ -42,12 +42,13 @@ CEventDelivery::~CEventDelivery() {
 }
 
 base::Status CEventDelivery::Start() {
-    const base::Status opened = m_spool.Open(m_options.spoolPath, m_options.spoolMaxBytes, m_options.memoryRing);
-    if (!opened) {
-        return base::SentenceError("event spool " + m_options.spoolPath + ": " + opened.GetError().Reason());
-    }
     base::Result<Sinks> sinks = MakeSinks();
     if (!sinks) return sinks.GetError();
+    const base::Status opened = m_spool.Open(m_options.spoolPath, m_options.spoolMaxBytes, m_options.memoryRing);
+    if (!opened) {
+        Log(zel::kLogError, __LINE__, "event spool %s: %s; messages wait in memory, and it is tried again",
+            m_options.spoolPath.c_str(), opened.GetError().Reason().c_str());
+    }
     MakeLanes(std::move(*sinks));
     return StartThreads();
 }
@@ -139,22 +140,25 @@ bool CEventDelivery::SendMsg(const std::string& type, const std::string& body, c
 
 base::Result<bool> CEventDelivery::DeliverSome(Lane& lane) {
     const auto messages = m_spool.Read(lane.sink->Name(), lane.sink->BatchSize(), kBatchBytes);
-    if (!messages) return NoteFailure(lane, base::SentenceError("the spool cannot be read"));
+    if (!messages) {
+        return NoteFailure(lane, base::SentenceError("the spool cannot be read: " + messages.GetError().Reason()));
+    }
     if (messages->empty()) return false;
-    const Handover handed = lane.sink->Deliver(*messages);
+    const Handover handed = lane.sink->Deliver(*messages, m_stop);
     base::Status outcome = handed.rest;
     {
         // Under the lock, so that nobody who sees the spool empty reads a count that is not there yet.
         base::MutexLock lock(lane.lock);
-        if (handed.safe > 0 && !m_spool.Confirm(lane.sink->Name(), (*messages)[handed.safe - 1].seq)) {
+        if (handed.safe > 0 && !m_spool.Confirm(lane.sink->Name(), (*messages)[handed.safe - 1].seq, handed.givenUp)) {
             outcome = base::SentenceError("the cursor cannot be moved");
         }
-        lane.delivered += handed.safe;
+        lane.delivered += handed.safe - handed.givenUp;
         if (outcome) {
             NoteSuccess(lane);
             return true;
         }
     }
+    if (m_stop) return false;  // what was under way comes again
     return NoteFailure(lane, outcome.GetError());
 }
 
@@ -206,7 +210,7 @@ void CEventDelivery::RunLane(Lane& lane) {
 void CEventDelivery::RunKeeper() {
     zel::CThreadUtil::SetThreadName("EventKeeper");
     uint64_t seen = 0;
-    bool settled = true;
+    bool settled = !m_spool.GetFigures().broken;
     while (!m_stop) {
         seen = m_spool.WaitForNews(seen, settled ? kIdleMs : kMemoryRetryMs);
         if (m_stop) break;
@@ -233,6 +237,7 @@ DeliveryStats CEventDelivery::Stats() {
         SinkStats sink;
         sink.name = lane->sink->Name();
         sink.waiting = m_spool.Waiting(sink.name);
+        sink.givenUp = m_spool.GivenUp(sink.name);
         base::MutexLock lock(lane->lock);
         sink.delivered = lane->delivered;
         sink.failures = lane->failures;

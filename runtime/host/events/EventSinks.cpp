@@ -21,6 +21,10 @@ namespace {
 
 constexpr mode_t kFileMode = 0640;
 
+base::Error Stopping() {
+    return base::SentenceError("the process stops");
+}
+
 /// Length of the UTF-8 sequence at `at`, 0 when it is none.
 size_t Utf8Length(const std::string& text, size_t at) {
     const auto byte = [&](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u; };
@@ -162,9 +166,10 @@ base::Status CJsonLinesSink::Write(const std::string& text) {
     return written;
 }
 
-Handover CJsonLinesSink::Deliver(const std::vector<SpoolMessage>& messages) {
+Handover CJsonLinesSink::Deliver(const std::vector<SpoolMessage>& messages, const std::atomic<bool>& stop) {
     size_t safe = 0;
     for (size_t next = 0; next < messages.size();) {
+        if (stop) return {safe, Stopping()};
         const base::Status opened = OpenFile();
         if (!opened) return {safe, opened};
         if (m_size > 0 && m_size >= m_maxBytes) {
@@ -219,8 +224,9 @@ base::Status CSyslogSink::Send(const SpoolMessage& message) {
     return base::SentenceError("syslog: " + base::ErrnoText(error));
 }
 
-Handover CSyslogSink::Deliver(const std::vector<SpoolMessage>& messages) {
+Handover CSyslogSink::Deliver(const std::vector<SpoolMessage>& messages, const std::atomic<bool>& stop) {
     for (size_t i = 0; i < messages.size(); ++i) {
+        if (stop) return {i, Stopping()};
         const base::Status sent = Send(messages[i]);
         if (!sent) return {i, sent};
     }
@@ -232,8 +238,9 @@ Handover CSyslogSink::Deliver(const std::vector<SpoolMessage>& messages) {
 CHttpSink::CHttpSink(const DeliveryOptions& options, std::string process)
     : m_options(options), m_process(std::move(process)) {}
 
-HttpResult CHttpSink::Post(const SpoolMessage& message) const {
+HttpResult CHttpSink::Post(const SpoolMessage& message, const std::atomic<bool>& stop) const {
     HttpRequest request;
+    request.stop = &stop;
     request.url = m_options.httpUrl;
     request.body = MessageJson(message, m_process) + "\n";
     request.caFile = m_options.httpCaFile;
@@ -252,18 +259,26 @@ bool CHttpSink::IsHopeless(const SpoolMessage& message, const HttpResult& result
     return m_refusals >= kMostRefusals;
 }
 
-Handover CHttpSink::Deliver(const std::vector<SpoolMessage>& messages) {
-    for (size_t i = 0; i < messages.size(); ++i) {
-        const HttpResult result = Post(messages[i]);
-        if (result.outcome) continue;
-        if (!IsHopeless(messages[i], result)) {
-            return {i, base::SentenceError(m_options.httpUrl + ": " + result.outcome.GetError().Text())};
+Handover CHttpSink::Deliver(const std::vector<SpoolMessage>& messages, const std::atomic<bool>& stop) {
+    Handover handed;
+    for (const SpoolMessage& message : messages) {
+        if (stop) {
+            handed.rest = Stopping();
+            return handed;
         }
+        const HttpResult result = Post(message, stop);
+        if (!result.outcome && !IsHopeless(message, result)) {
+            handed.rest = base::SentenceError(m_options.httpUrl + ": " + result.outcome.GetError().Text());
+            return handed;
+        }
+        ++handed.safe;
+        if (result.outcome) continue;
+        ++handed.givenUp;
         zel::CLogMessage::GetInstance()->log(zel::kLogError, "EventSinks", __LINE__,
-                                             "message %s is given up: %s refuses it with %ld", messages[i].id.c_str(),
+                                             "message %s is given up: %s refuses it with %ld", message.id.c_str(),
                                              m_options.httpUrl.c_str(), result.status);
     }
-    return {messages.size(), {}};
+    return handed;
 }
 
 }  // namespace zelhost

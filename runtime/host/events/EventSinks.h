@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -22,8 +23,9 @@ std::string MessageJson(const SpoolMessage& message, const std::string& process)
 
 /// What became of messages that a sink was handed.
 struct Handover {
-    size_t safe = 0;    ///< how many of the first ones are safely there
-    base::Status rest;  ///< why not all of them
+    size_t safe = 0;       ///< how many of the first ones are safely there, or given up
+    base::Status rest;     ///< why not all of them
+    uint64_t givenUp = 0;  ///< of the safe ones, those that this sink will never have
 };
 
 class IEventSink {
@@ -31,7 +33,8 @@ public:
     virtual ~IEventSink() = default;
     virtual std::string Name() const = 0;
     /// Hands over messages in order. What is not safely there is handed over again later.
-    virtual Handover Deliver(const std::vector<SpoolMessage>& messages) = 0;
+    /// Blocks: until one message is handed over, but no longer than a second once `stop` is set.
+    virtual Handover Deliver(const std::vector<SpoolMessage>& messages, const std::atomic<bool>& stop) = 0;
     /// Messages that a sink may be handed at once.
     virtual size_t BatchSize() const = 0;
 };
@@ -41,7 +44,7 @@ class CJsonLinesSink final : public IEventSink {
 public:
     CJsonLinesSink(std::string path, uint64_t maxBytes, unsigned int keep, std::string process);
     std::string Name() const override { return "jsonl"; }
-    Handover Deliver(const std::vector<SpoolMessage>& messages) override;
+    Handover Deliver(const std::vector<SpoolMessage>& messages, const std::atomic<bool>& stop) override;
     size_t BatchSize() const override { return 256; }
 
 private:
@@ -66,7 +69,7 @@ public:
     explicit CSyslogSink(std::string process);
     ~CSyslogSink() override;
     std::string Name() const override { return "syslog"; }
-    Handover Deliver(const std::vector<SpoolMessage>& messages) override;
+    Handover Deliver(const std::vector<SpoolMessage>& messages, const std::atomic<bool>& stop) override;
     size_t BatchSize() const override { return 64; }
 
 private:
@@ -81,14 +84,14 @@ class CHttpSink final : public IEventSink {
 public:
     CHttpSink(const DeliveryOptions& options, std::string process);
     std::string Name() const override { return "http"; }
-    Handover Deliver(const std::vector<SpoolMessage>& messages) override;
+    Handover Deliver(const std::vector<SpoolMessage>& messages, const std::atomic<bool>& stop) override;
     size_t BatchSize() const override { return 16; }
 
     /// A message that the endpoint refuses as wrong this many times in a row is given up, lest it hold up the rest.
     static constexpr unsigned int kMostRefusals = 3;
 
 private:
-    HttpResult Post(const SpoolMessage& message) const;
+    HttpResult Post(const SpoolMessage& message, const std::atomic<bool>& stop) const;
     /// Returns: whether the endpoint has refused this very message as wrong often enough.
     bool IsHopeless(const SpoolMessage& message, const HttpResult& result);
 

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 
@@ -23,6 +25,10 @@ constexpr int kBusyMs = 2000;
 // the full disk still get through. Enough for some hundreds of messages with their pages in log and file.
 constexpr off_t kReserveBytes = 512 * 1024;
 constexpr mode_t kReserveMode = 0640;
+// What is committed at once, and what waits in memory, is at most this part of what the write-ahead log may hold.
+constexpr uint64_t kLogParts = 8;
+constexpr size_t kNameDigits = 16;
+const std::string kGivenUpBy = "given up by ";
 // A message's share of pages, index and log beyond its texts.
 constexpr uint64_t kRowBytes = 128;
 
@@ -52,6 +58,18 @@ CEventSpool::~CEventSpool() {
 }
 
 void CEventSpool::Close() {
+    base::MutexLock lock(m_readLock);
+    if (!m_memory.empty()) {
+        Log(zel::kLogError, __LINE__, "the event spool %s: %s messages that waited in memory are lost", m_path,
+            std::to_string(m_memory.size()));
+    }
+    m_unsavedDrops += m_memory.size();
+    m_memory.clear();
+    if (m_unsavedDrops > 0 && NoteDrops(m_unsavedDrops)) m_unsavedDrops = 0;
+    CloseFiles();
+}
+
+void CEventSpool::CloseFiles() {
     m_insert.Finish();
     m_writer.Close();
     m_reader.Close();
@@ -61,29 +79,37 @@ base::Status CEventSpool::Open(const std::string& path, uint64_t maxBytes, size_
     m_path = path;
     m_maxBytes = maxBytes;
     m_memoryMost = memoryRing;
-    base::Status status = base::MakeDirectories(base::DirectoryOf(path));
-    if (!status) return base::SentenceError(status.GetError().Text(), status.GetError().kind);
-    status = OpenOnce(path);
-    if (!status && status.GetError().kind == base::ErrorKind::kMalformed) {
-        Close();
-        Log(zel::kLogError, __LINE__, "the event spool %s is damaged; put aside, its messages are lost: %s", path,
-            status.GetError().Reason());
-        status = base::PutDatabaseAside(path, path + ".corrupt-" + std::to_string(time(nullptr)));
-        if (status) status = OpenOnce(path);
-    }
-    if (status) {
-        TouchReserve();
-    } else {
-        Close();
+    base::MutexLock lock(m_readLock);
+    base::Status status = OpenFiles();
+    if (!status) {
+        base::MutexLock figures(m_figuresLock);
+        m_figures.broken = true;
     }
     return status;
 }
 
-base::Status CEventSpool::OpenOnce(const std::string& path) {
+base::Status CEventSpool::OpenFiles() {
+    base::Status status = base::MakeDirectories(base::DirectoryOf(m_path));
+    if (!status) return base::SentenceError(status.GetError().Text(), status.GetError().kind);
+    status = OpenOnce();
+    const auto failedAs = [&](base::ErrorKind kind) { return !status && status.GetError().kind == kind; };
+    if (!status && !failedAs(base::ErrorKind::kMalformed) && !failedAs(base::ErrorKind::kRefused)) {
+        // A full disk, whatever SQLite calls it: the log and its index want room. That is what the reserve is for.
+        ReleaseReserve();
+        status = OpenOnce();
+    }
+    if (failedAs(base::ErrorKind::kMalformed)) status = Replace(status.GetError());
+    if (status) TouchReserve();
+    return status;
+}
+
+base::Status CEventSpool::OpenOnce() {
     base::DatabaseOptions options;
     options.busyMs = kBusyMs;
     options.manyThreads = true;
-    // FULL: a commit is on disk when it returns. Checkpoints are the readers' work, so that no sender pays for them.
+    options.countLog = true;
+    // FULL: a commit is on disk when it returns. The log is moved into the file by the keeper, so that no sender pays
+    // for it, and by a sender only when the keeper cannot follow.
     options.setUp =
         "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA wal_autocheckpoint=0;"
         "PRAGMA journal_size_limit=1048576;"
@@ -95,32 +121,173 @@ base::Status CEventSpool::OpenOnce(const std::string& path) {
         "CREATE TABLE IF NOT EXISTS facts(name TEXT PRIMARY KEY, value);"
         "INSERT OR IGNORE INTO facts VALUES('dropped', 0);"
         "COMMIT;";
-    base::Status status = m_writer.Open(path, options);
-    if (status) status = PrepareMessages();
+    m_counted = false;
+    m_nextLogBound = 0;
+    base::Status status = m_writer.Open(m_path, options);
+    if (status) status = ReadFacts();
     // A cursor that is lost with the power means a message delivered twice, with the same id: allowed, and cheap.
     options.setUp = "PRAGMA synchronous=NORMAL; PRAGMA wal_autocheckpoint=0;";
-    if (status) status = m_reader.Open(path, options);
+    options.countLog = false;
+    if (status) status = m_reader.Open(m_path, options);
+    if (status) {
+        ++m_generation;
+        m_counted = true;
+        m_readFailures = 0;
+    } else {
+        CloseFiles();
+    }
     return status;
 }
 
-base::Status CEventSpool::PrepareMessages() {
+base::Status CEventSpool::ReadFacts() {
     base::Statement name(m_writer, "INSERT OR IGNORE INTO facts VALUES('name', ?1);");
     if (!name.Bind(1, RandomName()) || !name.Done()) return m_writer.LastError("open");
     m_insert = base::Statement(m_writer,
-                               "INSERT INTO messages(time, type, body, extra, arg1, arg2, bytes)"
-                               " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7);");
+                               "INSERT INTO messages(time, type, body, extra, arg1, arg2, bytes, seq)"
+                               " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8);");
     base::Statement facts(m_writer,
                           "SELECT (SELECT value FROM facts WHERE name='name'),"
                           "(SELECT value FROM facts WHERE name='dropped'),"
                           "(SELECT count(*) FROM messages), (SELECT coalesce(sum(bytes), 0) FROM messages);");
     if (!m_insert.IsOk() || !facts.Row()) return m_writer.LastError("open");
-    base::MutexLock lock(m_figuresLock);
     m_name = facts.Text(0);
-    m_figures.dropped = static_cast<uint64_t>(facts.Int(1));
+    base::MutexLock lock(m_figuresLock);
+    m_figures.dropped = static_cast<uint64_t>(facts.Int(1)) + m_unsavedDrops;
     m_messages = facts.Int(2);
     m_bytes = facts.Int(3);
     return {};
 }
+
+// --- a damaged file ---
+
+base::Status CEventSpool::Replace(const base::Error& why) {
+    Salvaged salvaged;
+    salvaged.name = m_name;
+    int64_t had = -1;
+    if (m_counted) {
+        base::MutexLock lock(m_figuresLock);
+        had = m_messages;
+    }
+    CloseFiles();
+    ReleaseReserve();
+    std::string aside = m_path + ".corrupt-" + std::to_string(time(nullptr));
+    for (int i = 2; base::ReadFileMark(aside).exists; ++i) {
+        aside = m_path + ".corrupt-" + std::to_string(time(nullptr)) + "-" + std::to_string(i);
+    }
+    base::Status status = base::PutDatabaseAside(m_path, aside);
+    if (status) status = OpenOnce();
+    if (!status) return status;
+    const base::Status saved = Salvage(aside, salvaged);
+    if (!saved) {
+        Log(zel::kLogError, __LINE__, "the messages of %s cannot be written again: %s", aside,
+            saved.GetError().Reason());
+        salvaged.saved = 0;
+    }
+    // The numbers of what waits follow each other and the oldest go first. Of what was counted some may have been
+    // confirmed, and could not be removed any more.
+    const int64_t first = std::max(salvaged.lowest, salvaged.confirmed + 1);
+    if (salvaged.newest > 0) {
+        had = had < 0 ? salvaged.newest - first + 1 : std::min(had, salvaged.newest - salvaged.confirmed);
+    }
+    const auto lost = static_cast<uint64_t>(std::max<int64_t>(0, had - static_cast<int64_t>(salvaged.saved)));
+    if (!NoteDrops(lost)) m_unsavedDrops += lost;
+    {
+        base::MutexLock lock(m_figuresLock);
+        m_figures.dropped += lost;
+    }
+    Log(zel::kLogError, __LINE__, "the event spool %s is damaged (%s", m_path,
+        why.Reason() + "); put aside as " + aside + ": " + std::to_string(salvaged.saved) + " messages saved, " +
+            (had < 0 ? std::string("how many are lost is not known") : std::to_string(lost) + " lost"));
+    return KeepSinks();
+}
+
+base::Status CEventSpool::Salvage(const std::string& aside, Salvaged& salvaged) {
+    base::Database old;
+    base::DatabaseOptions options;
+    options.setUp = "PRAGMA wal_autocheckpoint=0;";
+    // Writable, because its log has to be read as well. Ignoring a failure: then there is nothing to save.
+    static_cast<void>(old.Open(aside, options));
+    base::Status status = m_writer.Execute("BEGIN IMMEDIATE;");
+    if (status && old.IsOpen()) {
+        SalvageFacts(old, salvaged);
+        const bool written = SalvageMessages(old, true, salvaged) && SalvageMessages(old, false, salvaged);
+        if (!written) status = m_writer.LastError("write");
+    }
+    if (status) status = m_writer.Execute("COMMIT;");
+    if (!status) static_cast<void>(m_writer.Execute("ROLLBACK;"));  // ignoring: there may be no transaction any more
+    const base::Status read = ReadFacts();
+    return status ? read : status;
+}
+
+void CEventSpool::SalvageFacts(const base::Database& old, Salvaged& salvaged) {
+    // The ids stay those of the old file. What fails here costs a count or a cursor: a message comes a second time.
+    base::Statement fact(m_writer, "INSERT OR REPLACE INTO facts VALUES(?1, ?2);");
+    const auto keep = [&](const std::string& key, const auto& value) {
+        fact.Reset();
+        return fact.Bind(1, key) && fact.Bind(2, value) && fact.Done();
+    };
+    base::Statement facts(old, "SELECT name, value FROM facts;");
+    bool named = false;
+    while (facts.Row()) {
+        const std::string key = facts.Text(0);
+        if (key != "name") {
+            static_cast<void>(keep(key, facts.Int(1)));
+        } else if (facts.Text(1).size() == kNameDigits) {
+            named = keep(key, facts.Text(1));
+        }
+    }
+    if (!named && !salvaged.name.empty()) static_cast<void>(keep("name", salvaged.name));
+    base::Statement cursors(old, "SELECT sink, seq FROM cursors;");
+    while (cursors.Row()) {
+        int64_t& confirmed = m_confirmed[cursors.Text(0)];
+        confirmed = std::max(confirmed, cursors.Int(1));
+    }
+    if (!m_confirmed.empty()) {
+        salvaged.confirmed = INT64_MAX;
+        for (const auto& cursor : m_confirmed) salvaged.confirmed = std::min(salvaged.confirmed, cursor.second);
+    }
+    base::Statement sequence(old, "SELECT seq FROM sqlite_sequence WHERE name = 'messages';");
+    if (sequence.Row()) salvaged.newest = sequence.Int(0);
+}
+
+bool CEventSpool::SalvageMessages(const base::Database& old, bool forward, Salvaged& salvaged) {
+    base::Statement query(old, std::string("SELECT seq, time, type, body, extra, arg1, arg2, bytes FROM messages"
+                                           " WHERE seq > ?1 ORDER BY seq") +
+                                   (forward ? ";" : " DESC;"));
+    const int64_t from = std::max(salvaged.highest, salvaged.confirmed);
+    query.Bind(1, from);
+    int64_t last = forward ? from : INT64_MAX;
+    while (query.Row()) {
+        const SpoolMessage message = MessageOf(query);
+        const bool inOrder = forward ? message.seq > last : message.seq < last;
+        if (!inOrder) break;
+        // What does not weigh what it weighed is no longer what was sent.
+        if (static_cast<uint64_t>(query.Int(7)) != CostOf(message)) continue;
+        if (!Insert(message, message.seq)) return false;
+        last = message.seq;
+        ++salvaged.saved;
+        if (salvaged.lowest == 0 || last < salvaged.lowest) salvaged.lowest = last;
+        salvaged.highest = std::max(salvaged.highest, last);
+        salvaged.newest = std::max(salvaged.newest, last);
+    }
+    return true;
+}
+
+void CEventSpool::Repair(const base::Error& why, uint64_t generation) {
+    TakeLead();
+    {
+        base::MutexLock lock(m_readLock);
+        if (m_generation == generation) {
+            const base::Status replaced = Replace(why);
+            base::MutexLock figures(m_figuresLock);
+            m_figures.broken = m_figures.broken || !replaced.Ok();
+        }
+    }
+    GiveUpLead();
+    Wake();
+}
+
+// --- the reserve ---
 
 std::string CEventSpool::ReservePath() const {
     return m_path + ".reserve";
@@ -141,11 +308,14 @@ void CEventSpool::ReleaseReserve() {
     RemoveReserve();
 }
 
-bool CEventSpool::Insert(const SpoolMessage& message) {
+// --- writing ---
+
+bool CEventSpool::Insert(const SpoolMessage& message, int64_t seq) {
     const bool done = m_insert.Bind(1, message.time) && m_insert.BindBlob(2, message.type) &&
                       m_insert.BindBlob(3, message.body) && m_insert.BindBlob(4, message.extra) &&
                       m_insert.Bind(5, message.arg1) && m_insert.Bind(6, message.arg2) &&
-                      m_insert.Bind(7, static_cast<int64_t>(CostOf(message))) && m_insert.Done();
+                      m_insert.Bind(7, static_cast<int64_t>(CostOf(message))) && (seq == 0 || m_insert.Bind(8, seq)) &&
+                      m_insert.Done();
     m_insert.Reset();
     return done;
 }
@@ -180,6 +350,8 @@ bool CEventSpool::DropOldest(uint64_t bytes, Change& change) {
 
 base::Status CEventSpool::WriteTransaction(const std::vector<Request*>& batch, Change& change) {
     change = Change();
+    base::Status room = BoundLog();
+    if (!room) return room;
     bool ok = m_writer.Execute("BEGIN IMMEDIATE;").Ok();
     int64_t held = 0;
     if (ok) {
@@ -197,10 +369,8 @@ base::Status CEventSpool::WriteTransaction(const std::vector<Request*>& batch, C
     const auto bytes = static_cast<uint64_t>(std::max<int64_t>(0, held + change.bytes));
     if (ok && bytes > m_maxBytes) {
         ok = DropOldest(bytes, change);
-        base::Statement note(m_writer, "UPDATE facts SET value = value + ?1 WHERE name = 'dropped';");
-        note.Bind(1, static_cast<int64_t>(change.dropped));
-        ok = ok && note.Done();
     }
+    if (const uint64_t drops = change.dropped + m_unsavedDrops; ok && drops > 0) ok = NoteDrops(drops);
     ok = ok && m_writer.Execute("COMMIT;");
     if (ok) return {};
     const base::Error error = m_writer.LastError("write");
@@ -208,27 +378,75 @@ base::Status CEventSpool::WriteTransaction(const std::vector<Request*>& batch, C
     return error;
 }
 
+bool CEventSpool::NoteDrops(uint64_t count) {
+    base::Statement note(m_writer, "UPDATE facts SET value = value + ?1 WHERE name = 'dropped';");
+    note.Bind(1, static_cast<int64_t>(count));
+    return note.Done();
+}
+
 void CEventSpool::KeepInMemory(const SpoolMessage& message) {
     base::MutexLock lock(m_figuresLock);
-    if (m_memoryMost == 0) {
+    const auto drop = [&] {
         ++m_figures.dropped;
-        return;
-    }
-    while (m_memory.size() >= m_memoryMost) {
+        ++m_unsavedDrops;
+    };
+    if (m_memoryMost == 0) return drop();
+    while (!m_memory.empty() && (m_memory.size() >= m_memoryMost || m_memoryBytes >= MostLogBytes() / kLogParts)) {
+        m_memoryBytes -= CostOf(m_memory.front());
         m_memory.pop_front();
-        ++m_figures.dropped;
+        drop();
     }
     m_memory.push_back(message);
+    m_memoryBytes += CostOf(message);
     m_figures.inMemory = m_memory.size();
 }
 
-bool CEventSpool::CommitBatch(const std::vector<Request*>& batch) {
-    Change change;
+void CEventSpool::ForgetMemory() {
+    m_memory.clear();
+    m_memoryBytes = 0;
+    m_unsavedDrops = 0;
+}
+
+uint64_t CEventSpool::MostLogBytes() const {
+    return std::max(m_maxBytes, kLeastLogBytes);
+}
+
+base::Status CEventSpool::BoundLog() {
+    const uint64_t most = MostLogBytes();
+    if (m_nextLogBound == 0) m_nextLogBound = most / 4;
+    if (m_writer.LogBytes() < m_nextLogBound) return {};
+    base::MutexLock lock(m_readLock);  // no reader of ours is in its way
+    const base::Status restarted = m_writer.RestartLog();
+    m_nextLogBound = most / 4;
+    if (restarted) return {};
+    // Somebody else reads: the next attempt a step later, and nothing more is written from three quarters on, where
+    // there is still room for the largest commit.
+    if (m_writer.LogBytes() < most / 4 * 3) {
+        m_nextLogBound = m_writer.LogBytes() + most / kLogParts;
+        return {};
+    }
+    return base::MakeError(base::ErrorKind::kNoSpace, "write", m_path,
+                           "its write-ahead log is full: " + restarted.GetError().Reason());
+}
+
+base::Status CEventSpool::WriteSomehow(const std::vector<Request*>& batch, Change& change) {
+    if (!m_writer.IsOpen()) return base::SentenceError("it is not open yet");
     base::Status written = WriteTransaction(batch, change);
+    if (!written && written.GetError().kind == base::ErrorKind::kMalformed) {
+        base::MutexLock lock(m_readLock);
+        const base::Status replaced = Replace(written.GetError());
+        written = replaced ? WriteTransaction(batch, change) : replaced;
+    }
     if (!written && m_reserve) {
         ReleaseReserve();
         written = WriteTransaction(batch, change);
     }
+    return written;
+}
+
+bool CEventSpool::CommitBatch(const std::vector<Request*>& batch) {
+    Change change;
+    const base::Status written = WriteSomehow(batch, change);
     const bool ok = written.Ok();
     bool wasBroken = false;
     {
@@ -243,7 +461,7 @@ bool CEventSpool::CommitBatch(const std::vector<Request*>& batch) {
         }
     }
     if (ok) {
-        m_memory.clear();
+        ForgetMemory();
         if (wasBroken) {
             Log(zel::kLogWarning, __LINE__, "the event spool %s can be written again%s", m_path, "");
         }
@@ -259,6 +477,43 @@ bool CEventSpool::CommitBatch(const std::vector<Request*>& batch) {
     return false;
 }
 
+bool CEventSpool::CommitOrDrop(const std::vector<Request*>& batch) {
+    try {
+        return CommitBatch(batch);
+    } catch (const std::exception&) {
+        // For want of memory. Whoever waits gets an answer, and the next transaction begins without a rest of this.
+        m_insert.Reset();
+        static_cast<void>(m_writer.Execute("ROLLBACK;"));  // ignoring: there may be no transaction
+        base::MutexLock lock(m_figuresLock);
+        m_figures.dropped += batch.size();
+        m_unsavedDrops += batch.size();
+        return false;
+    }
+}
+
+void CEventSpool::TakeLead() {
+    base::MutexLock lock(m_queueLock);
+    while (m_leader) m_committed.wait(m_queueLock);
+    m_leader = true;
+}
+
+void CEventSpool::GiveUpLead() {
+    base::MutexLock lock(m_queueLock);
+    m_leader = false;
+    m_committed.notify_all();
+}
+
+std::vector<CEventSpool::Request*> CEventSpool::TakeBatch() {
+    size_t count = 0;
+    for (uint64_t bytes = 0; count < m_queue.size() && bytes < MostLogBytes() / kLogParts; ++count) {
+        bytes += CostOf(m_queue[count]->message);
+    }
+    const auto end = m_queue.begin() + static_cast<std::ptrdiff_t>(count);
+    std::vector<Request*> batch(m_queue.begin(), end);
+    m_queue.erase(m_queue.begin(), end);
+    return batch;
+}
+
 bool CEventSpool::Append(SpoolMessage message) {
     Request request;
     request.message = std::move(message);
@@ -269,11 +524,17 @@ bool CEventSpool::Append(SpoolMessage message) {
             m_committed.wait(m_queueLock);
             continue;
         }
-        m_leader = true;
         std::vector<Request*> batch;
-        batch.swap(m_queue);
+        try {
+            batch = TakeBatch();
+        } catch (const std::exception&) {
+            m_queue.erase(std::find(m_queue.begin(), m_queue.end(), &request));
+            m_committed.notify_all();  // another one leads
+            throw;
+        }
+        m_leader = true;
         lock.unlock();
-        const bool durable = CommitBatch(batch);
+        const bool durable = CommitOrDrop(batch);
         lock.lock();
         m_leader = false;
         for (Request* each : batch) {
@@ -288,23 +549,48 @@ bool CEventSpool::Append(SpoolMessage message) {
     return request.durable;
 }
 
-bool CEventSpool::FlushMemory() {
-    base::MutexLock lock(m_queueLock);
-    while (m_leader) m_committed.wait(m_queueLock);
-    if (m_memory.empty() && m_reserve) return true;
-    m_leader = true;
-    lock.unlock();
-    bool ok = m_memory.empty();
-    if (!ok) ok = CommitBatch({});
-    if (ok && !m_reserve) TouchReserve();
-    lock.lock();
-    m_leader = false;
-    m_committed.notify_all();
-    return ok;
+base::Status CEventSpool::EnsureOpen() {
+    if (m_writer.IsOpen()) return {};
+    base::MutexLock lock(m_readLock);
+    base::Status opened = OpenFiles();
+    if (opened) opened = KeepSinks();
+    if (!opened) return opened;
+    Log(zel::kLogWarning, __LINE__, "the event spool %s can be written again%s", m_path, "");
+    base::MutexLock figures(m_figuresLock);
+    m_figures.broken = false;
+    return {};
 }
+
+bool CEventSpool::Settle() {
+    if (!EnsureOpen()) return false;
+    if (!m_memory.empty() && !CommitBatch({})) return false;
+    if (!m_reserve) TouchReserve();
+    return true;
+}
+
+bool CEventSpool::FlushMemory() {
+    TakeLead();
+    bool settled = false;
+    try {
+        settled = Settle();
+    } catch (const std::exception&) {
+        static_cast<void>(m_writer.Execute("ROLLBACK;"));  // as above
+    }
+    GiveUpLead();
+    if (settled) Wake();
+    return settled;
+}
+
+// --- reading ---
 
 base::Status CEventSpool::SetSinks(const std::vector<std::string>& sinks) {
     base::MutexLock lock(m_readLock);
+    m_sinks = sinks;
+    if (!m_reader.IsOpen()) return {};  // as soon as it is
+    return KeepSinks();
+}
+
+base::Status CEventSpool::KeepSinks() {
     std::vector<std::string> known;
     {
         base::Statement all(m_reader, "SELECT sink FROM cursors;");
@@ -312,14 +598,17 @@ base::Status CEventSpool::SetSinks(const std::vector<std::string>& sinks) {
     }
     bool ok = true;
     for (const std::string& sink : known) {
-        if (std::find(sinks.begin(), sinks.end(), sink) != sinks.end()) continue;
+        if (std::find(m_sinks.begin(), m_sinks.end(), sink) != m_sinks.end()) continue;
         base::Statement remove(m_reader, "DELETE FROM cursors WHERE sink = ?1;");
         remove.Bind(1, sink);
         ok = remove.Done() && ok;
+        m_confirmed.erase(sink);
     }
-    for (const std::string& sink : sinks) {
-        base::Statement add(m_reader, "INSERT OR IGNORE INTO cursors VALUES(?1, 0);");
+    for (const std::string& sink : m_sinks) {
+        base::Statement add(m_reader,
+                            "INSERT INTO cursors VALUES(?1, ?2) ON CONFLICT(sink) DO UPDATE SET seq = max(seq, ?2);");
         add.Bind(1, sink);
+        add.Bind(2, m_confirmed.count(sink) != 0 ? m_confirmed[sink] : 0);
         ok = add.Done() && ok;
     }
     if (!ok) return m_reader.LastError("write");
@@ -327,8 +616,40 @@ base::Status CEventSpool::SetSinks(const std::vector<std::string>& sinks) {
 }
 
 base::Result<std::vector<SpoolMessage>> CEventSpool::Read(const std::string& sink, size_t most, size_t mostBytes) {
-    std::vector<SpoolMessage> messages;
+    base::Error why;
+    uint64_t generation = 0;
+    {
+        base::MutexLock lock(m_readLock);
+        base::Result<std::vector<SpoolMessage>> messages = ReadOnce(sink, most, mostBytes);
+        m_readFailures = messages ? 0 : m_readFailures + 1;
+        if (messages) return messages;
+        why = messages.GetError();
+        // A disk that cannot be read at this place fails each time; what only was busy does not.
+        const bool hopeless = why.kind == base::ErrorKind::kOther && m_readFailures >= kMostReadFailures;
+        if (why.kind != base::ErrorKind::kMalformed && !hopeless) return messages;
+        generation = m_generation;
+    }
+    Repair(why, generation);
     base::MutexLock lock(m_readLock);
+    return ReadOnce(sink, most, mostBytes);
+}
+
+SpoolMessage CEventSpool::MessageOf(const base::Statement& row) const {
+    SpoolMessage m;
+    m.seq = row.Int(0);
+    m.id = m_name + "-" + std::to_string(m.seq);
+    m.time = row.Int(1);
+    m.type = row.Text(2);
+    m.body = row.Text(3);
+    m.extra = row.Text(4);
+    m.arg1 = static_cast<int>(row.Int(5));
+    m.arg2 = static_cast<int>(row.Int(6));
+    return m;
+}
+
+base::Result<std::vector<SpoolMessage>> CEventSpool::ReadOnce(const std::string& sink, size_t most, size_t mostBytes) {
+    std::vector<SpoolMessage> messages;
+    if (!m_reader.IsOpen()) return messages;  // what there is comes when it can be opened
     base::Statement query(m_reader,
                           "SELECT seq, time, type, body, extra, arg1, arg2 FROM messages"
                           " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0)"
@@ -336,31 +657,40 @@ base::Result<std::vector<SpoolMessage>> CEventSpool::Read(const std::string& sin
     if (!query.IsOk()) return m_reader.LastError("read");
     query.Bind(1, sink);
     query.Bind(2, static_cast<int64_t>(most));
-    size_t bytes = 0;
-    while (bytes < mostBytes && query.Row()) {
-        SpoolMessage m;
-        m.seq = query.Int(0);
-        m.id = m_name + "-" + std::to_string(m.seq);
-        m.time = query.Int(1);
-        m.type = query.Text(2);
-        m.body = query.Text(3);
-        m.extra = query.Text(4);
-        m.arg1 = static_cast<int>(query.Int(5));
-        m.arg2 = static_cast<int>(query.Int(6));
-        bytes += CostOf(m);
-        messages.push_back(std::move(m));
+    for (size_t bytes = 0; bytes < mostBytes;) {
+        const base::Statement::Outcome step = query.Step();
+        // What was read before the damage is good; the next call begins at the damage.
+        if (step == base::Statement::Outcome::kFailed && messages.empty()) return m_reader.LastError("read");
+        if (step != base::Statement::Outcome::kRow) break;
+        messages.push_back(MessageOf(query));
+        bytes += CostOf(messages.back());
     }
     return messages;
 }
 
-base::Status CEventSpool::Confirm(const std::string& sink, int64_t seq) {
+base::Status CEventSpool::Confirm(const std::string& sink, int64_t seq, uint64_t givenUp) {
     base::MutexLock lock(m_readLock);
+    m_confirmed[sink] = std::max(m_confirmed[sink], seq);
     base::Statement move(m_reader, "UPDATE cursors SET seq = max(seq, ?2) WHERE sink = ?1;");
     move.Bind(1, sink);
     move.Bind(2, seq);
     if (!move.Done()) return m_reader.LastError("write");
+    if (givenUp > 0) {
+        base::Statement count(m_reader,
+                              "INSERT INTO facts VALUES(?1, ?2) ON CONFLICT(name) DO UPDATE SET value = value + ?2;");
+        count.Bind(1, kGivenUpBy + sink);
+        count.Bind(2, static_cast<int64_t>(givenUp));
+        if (!count.Done()) return m_reader.LastError("write");
+    }
     RemoveConfirmed();
     return {};
+}
+
+uint64_t CEventSpool::GivenUp(const std::string& sink) {
+    base::MutexLock lock(m_readLock);
+    base::Statement query(m_reader, "SELECT value FROM facts WHERE name = ?1;");
+    query.Bind(1, kGivenUpBy + sink);
+    return query.Row() ? static_cast<uint64_t>(query.Int(0)) : 0;
 }
 
 void CEventSpool::RemoveConfirmed() {
@@ -428,7 +758,9 @@ uint64_t CEventSpool::Waiting(const std::string& sink) {
                           "SELECT count(*) FROM messages"
                           " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0);");
     query.Bind(1, sink);
-    return query.Row() ? static_cast<uint64_t>(query.Int(0)) : 0;
+    if (query.Row()) return static_cast<uint64_t>(query.Int(0));
+    base::MutexLock figures(m_figuresLock);
+    return static_cast<uint64_t>(std::max<int64_t>(0, m_messages));
 }
 
 }  // namespace zelhost

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,20 +34,24 @@ public:
     CEventSpool(const CEventSpool&) = delete;
     CEventSpool& operator=(const CEventSpool&) = delete;
 
-    /// Opens or creates the file; one that is no database any more is put aside under another name.
+    /// Opens or creates the file. One that is damaged is put aside, and what can be read of it goes into a new one.
+    /// On failure: the spool works all the same, from memory; FlushMemory opens it as soon as that is possible.
     base::Status Open(const std::string& path, uint64_t maxBytes, size_t memoryRing);
     void Close();
 
     /// Returns: true once the message is on disk; false when it is not (it then waits in memory for the disk, while
     /// there is room).
     bool Append(SpoolMessage message);
-    /// Tries to bring what waits in memory to disk. Returns: whether nothing waits any more.
+    /// Opens what could not be opened, and tries to bring what waits in memory to disk.
+    /// Returns: whether nothing waits any more.
     bool FlushMemory();
 
     /// The oldest messages that this sink has not confirmed yet, at most `most` and about `mostBytes`.
     base::Result<std::vector<SpoolMessage>> Read(const std::string& sink, size_t most, size_t mostBytes);
-    /// The sink has everything up to and including `seq`.
-    base::Status Confirm(const std::string& sink, int64_t seq);
+    /// The sink has everything up to and including `seq`, but for `givenUp` of them that it will never take.
+    base::Status Confirm(const std::string& sink, int64_t seq, uint64_t givenUp = 0);
+    /// Returns: how many this sink has given up over the spool's life.
+    uint64_t GivenUp(const std::string& sink);
     /// Which sinks there are: others' cursors are forgotten, new ones start at the oldest message.
     base::Status SetSinks(const std::vector<std::string>& sinks);
 
@@ -65,7 +70,11 @@ public:
         bool broken = false;
     };
     Figures GetFigures();
+    /// Returns: how many this sink has not confirmed; all there are when that cannot be read.
     uint64_t Waiting(const std::string& sink);
+
+    static constexpr uint64_t kLeastLogBytes = 4 << 20;   ///< bound of the write-ahead log of a small spool
+    static constexpr unsigned int kMostReadFailures = 5;  ///< in a row; then the file counts as damaged
 
 private:
     /// What one transaction does to the figures.
@@ -80,24 +89,62 @@ private:
         bool durable = false;
     };
 
-    base::Status OpenOnce(const std::string& path);
-    base::Status PrepareMessages();
+    /// What came of a damaged file.
+    struct Salvaged {
+        std::string name;  ///< of the spool, as far as this process knew it
+        uint64_t saved = 0;
+        int64_t lowest = 0, highest = 0;  ///< numbers of the messages that were saved
+        int64_t confirmed = 0;            ///< by every sink
+        int64_t newest = 0;               ///< last number that was ever used; 0: not known
+    };
+
+    // Of the leader.
+    void TakeLead();
+    void GiveUpLead();
+    std::vector<Request*> TakeBatch() ZEL_REQUIRES(m_queueLock);
+    bool CommitOrDrop(const std::vector<Request*>& batch);
     bool CommitBatch(const std::vector<Request*>& batch);
+    base::Status WriteSomehow(const std::vector<Request*>& batch, Change& change);
     /// One transaction with everything in memory first, then the batch.
     base::Status WriteTransaction(const std::vector<Request*>& batch, Change& change);
-    bool Insert(const SpoolMessage& message);
+    bool Insert(const SpoolMessage& message, int64_t seq = 0);
     bool DropOldest(uint64_t bytes, Change& change);
+    /// Adds to the count in the file.
+    bool NoteDrops(uint64_t count);
     void KeepInMemory(const SpoolMessage& message);
+    void ForgetMemory();
+    /// Returns: how long the write-ahead log may become.
+    uint64_t MostLogBytes() const;
+    /// Moves the log into the file when it is long. On failure: it is too long to be written to.
+    base::Status BoundLog();
+    bool Settle();
+    base::Status EnsureOpen();
+
+    // Of the leader, or before there are threads.
+    base::Status OpenFiles() ZEL_REQUIRES(m_readLock);
+    base::Status OpenOnce() ZEL_REQUIRES(m_readLock);
+    void CloseFiles() ZEL_REQUIRES(m_readLock);
+    base::Status ReadFacts() ZEL_REQUIRES(m_readLock);
+    base::Status KeepSinks() ZEL_REQUIRES(m_readLock);
+    base::Status Replace(const base::Error& why) ZEL_REQUIRES(m_readLock);
+    base::Status Salvage(const std::string& aside, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
+    void SalvageFacts(const base::Database& old, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
+    bool SalvageMessages(const base::Database& old, bool forward, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
     std::string ReservePath() const;
     void TouchReserve();
     void RemoveReserve();
     void ReleaseReserve();
+
+    base::Result<std::vector<SpoolMessage>> ReadOnce(const std::string& sink, size_t most, size_t mostBytes)
+        ZEL_REQUIRES(m_readLock);
+    SpoolMessage MessageOf(const base::Statement& row) const ZEL_REQUIRES(m_readLock);
     void RemoveConfirmed() ZEL_REQUIRES(m_readLock);
+    /// The file that failed with `why` while it was the `generation`th is replaced, unless somebody has done so.
+    void Repair(const base::Error& why, uint64_t generation) ZEL_EXCLUDES(m_readLock);
 
     std::string m_path;
     uint64_t m_maxBytes = 0;
     size_t m_memoryMost = 0;
-    std::string m_name;
 
     base::Mutex m_queueLock;
     base::Condition m_committed;
@@ -108,10 +155,19 @@ private:
     base::Database m_writer;
     base::Statement m_insert;
     std::deque<SpoolMessage> m_memory;
+    uint64_t m_memoryBytes = 0;
+    uint64_t m_unsavedDrops = 0;  // counted already, and not yet in the file
+    uint64_t m_nextLogBound = 0;  // length of the log at which it is moved into the file
     bool m_reserve = false;
 
-    base::Mutex m_readLock;
-    base::Database m_reader;  // used under m_readLock; opened before and closed after there are readers
+    base::Mutex m_readLock;  // taken by the leader after it leads, never the other way round
+    base::Database m_reader ZEL_GUARDED_BY(m_readLock);
+    std::string m_name ZEL_GUARDED_BY(m_readLock);
+    std::vector<std::string> m_sinks ZEL_GUARDED_BY(m_readLock);
+    std::map<std::string, int64_t> m_confirmed ZEL_GUARDED_BY(m_readLock);
+    uint64_t m_generation ZEL_GUARDED_BY(m_readLock) = 0;  // which file in turn this is
+    unsigned int m_readFailures ZEL_GUARDED_BY(m_readLock) = 0;
+    bool m_counted ZEL_GUARDED_BY(m_readLock) = false;  // whether the figures are those of the file
 
     base::Mutex m_figuresLock;
     Figures m_figures ZEL_GUARDED_BY(m_figuresLock);  // messages and bytes are filled in when asked

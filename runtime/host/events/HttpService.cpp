@@ -72,6 +72,15 @@ size_t CountAnswer(char*, size_t size, size_t count, void* user) {
     return total > kMostAnswerBytes ? 0 : size * count;
 }
 
+bool IsStopped(const HttpRequest& request) {
+    return request.stop != nullptr && *request.stop;
+}
+
+/// libcurl asks at least once a second, and ends the transfer for any answer but 0.
+int AskToGoOn(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    return IsStopped(*static_cast<const HttpRequest*>(user)) ? 1 : 0;
+}
+
 /// One request that is being made; `request` must outlive it.
 class CurlPost {
 public:
@@ -118,6 +127,9 @@ private:
         m_curl.setopt(m_handle, CURLOPT_SSL_VERIFYHOST, verify * 2);
         if (!request.caFile.empty()) m_curl.setopt(m_handle, CURLOPT_CAINFO, request.caFile.c_str());
         m_curl.setopt(m_handle, CURLOPT_ERRORBUFFER, m_error);
+        m_curl.setopt(m_handle, CURLOPT_NOPROGRESS, 0L);
+        m_curl.setopt(m_handle, CURLOPT_XFERINFOFUNCTION, AskToGoOn);
+        m_curl.setopt(m_handle, CURLOPT_XFERINFODATA, &request);
         m_curl.setopt(m_handle, CURLOPT_WRITEFUNCTION, CountAnswer);
         m_curl.setopt(m_handle, CURLOPT_WRITEDATA, &m_answered);
     }
@@ -176,6 +188,7 @@ HttpResult CHttpService::Post(const HttpRequest& request) {
             m_budget.Earn();
             return result;
         }
+        if (IsStopped(request)) return result;  // no failure of the peer's
         CountFailure();
         // An answer of the 400 family will not get better, but for these two.
         const long status = result.status;

@@ -2,6 +2,7 @@
 // request, so a process that makes none does not pay for it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -19,8 +20,9 @@ struct HttpRequest {
     std::vector<std::string> headers;  ///< "Name: value"
     std::string caFile;                ///< empty: the system's store
     bool verifyTls = true;
-    unsigned int timeoutMs = 5000;  ///< of one attempt, connecting included
-    unsigned int attempts = 1;      ///< at most; further ones are taken from the retry budget
+    unsigned int timeoutMs = 5000;            ///< of one attempt, connecting included
+    unsigned int attempts = 1;                ///< at most; further ones are taken from the retry budget
+    const std::atomic<bool>* stop = nullptr;  ///< once it is set the request is given up, within about a second
 };
 
 struct HttpResult {

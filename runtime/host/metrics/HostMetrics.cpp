@@ -104,7 +104,8 @@ void AddDeliveryMetrics(const DeliveryStats& s, std::vector<Metric>& metrics) {
     Adder add(metrics);
     add.Counter("zel_events_accepted_total", "Messages that are durably in the spool.", s.accepted);
     add.Counter("zel_events_refused_total", "Messages that could not be made durable.", s.refused);
-    add.Counter("zel_events_dropped_total", "Messages dropped for want of room, over the spool's life.", s.dropped);
+    add.Counter("zel_events_dropped_total",
+                "Messages dropped for want of room or lost with a damaged file, over the spool's life.", s.dropped);
     add.Gauge("zel_events_spooled", "Messages in the spool.", static_cast<double>(s.spooled));
     add.Gauge("zel_events_spool_bytes", "Size of the messages in the spool.", static_cast<double>(s.spoolBytes));
     add.Gauge("zel_events_in_memory", "Messages that wait for a spool that can be written.",
@@ -113,6 +114,9 @@ void AddDeliveryMetrics(const DeliveryStats& s, std::vector<Metric>& metrics) {
     for (const SinkStats& sink : s.sinks) {
         add.Counter("zel_events_delivered_total", "Messages delivered, by sink.", sink.delivered,
                     {{"sink", sink.name}});
+        add.Counter("zel_events_given_up_total",
+                    "Messages that a sink refused for good and so never got, over the spool's life, by sink.",
+                    sink.givenUp, {{"sink", sink.name}});
         add.Counter("zel_events_delivery_failures_total", "Failed deliveries, by sink.", sink.failures,
                     {{"sink", sink.name}});
         add.Gauge("zel_events_waiting", "Accepted messages not yet delivered, by sink.",

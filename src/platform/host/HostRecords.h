@@ -112,6 +112,7 @@ struct SinkStats {
     uint64_t failures = 0;
     uint64_t waiting = 0;   ///< accepted and not yet delivered here
     std::string lastError;  ///< empty while it works
+    uint64_t givenUp = 0;   ///< over the spool's life: refused as wrong for good, so never delivered here
 };
 
 struct DeliveryStats {
@@ -120,7 +121,7 @@ struct DeliveryStats {
     uint64_t refused = 0;
     uint64_t spooled = 0;  ///< messages in the spool now
     uint64_t spoolBytes = 0;
-    uint64_t dropped = 0;   ///< for want of room, over the spool's life
+    uint64_t dropped = 0;   ///< for want of room or with a damaged file, over the spool's life
     uint64_t inMemory = 0;  ///< messages that wait for a spool that can be written again
     bool spoolBroken = false;
     std::vector<SinkStats> sinks;

@@ -15,7 +15,8 @@ namespace zelhost {
 /// Thread-safety: Start and Stop from one thread; everything else from any thread between them.
 /// Lifetime: Start before the CMonitor is made, Stop after it was destroyed. The online configuration's object is
 /// made by Start and lives until this object is destroyed.
-/// Errors: a service that cannot run for want of a directory or an address makes Start fail and leaves nothing behind.
+/// Errors: an option that cannot be right and an address that cannot be had make Start fail and leave nothing behind.
+/// A disk or a directory that cannot be written now does not: what is kept there begins as soon as it can.
 class ZEL_API CHostServices {
 public:
     CHostServices();

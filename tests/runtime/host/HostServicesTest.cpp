@@ -131,11 +131,18 @@ TEST_F(HostServicesTest, AStartThatFailsLeavesNothingBehind) {
     EXPECT_FALSE(services.Start(Options(), m_error)) << "but only once";
 }
 
-TEST_F(HostServicesTest, UnusableDirectoriesAreNamed) {
+TEST_F(HostServicesTest, AnUnusableDirectoryIsNamedAndTriedAgain) {
+    support::TakeLog();
     support::WriteText(m_dir / "spool", "a file where the directory should be");
     CHostServices services;
-    EXPECT_FALSE(services.Start(Options(), m_error));
-    EXPECT_THAT(m_error, testing::HasSubstr(m_dir / "spool"));
+    ASSERT_TRUE(services.Start(Options(), m_error)) << m_error;
+    EXPECT_TRUE(support::LogHolds("2 event spool " + (m_dir / "spool")));
+    EXPECT_FALSE(GetMsgTransmitInstance()->SendMsg("T", "early", "", 1, 0));
+    unlink((m_dir / "spool").c_str());
+    ASSERT_TRUE(Eventually([&] { return !services.GetDeliveryStats().spoolBroken; }));
+    EXPECT_TRUE(services.FlushDelivery(20000));
+    EXPECT_EQ(support::ReadLines(m_dir / "log/tervane.events.jsonl").size(), 1u);
+    services.Stop();
     HostOptions nameless = Options();
     nameless.processName.clear();
     EXPECT_FALSE(services.Start(nameless, m_error));

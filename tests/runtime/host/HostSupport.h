@@ -25,6 +25,9 @@ inline ::testing::AssertionResult IsOk(const base::Status& status) {
     return ::testing::AssertionFailure() << status.GetError().Text();
 }
 
+/// The n-th next allocation of this thread by operator new throws; 0: none does.
+void FailAllocation(int nth);
+
 /// Uses CPU in the calling thread.
 void Burn(std::chrono::milliseconds wall);
 

@@ -3,9 +3,11 @@
 
 #include <fcntl.h>
 #include <json/json.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -13,8 +15,10 @@
 #include <map>
 #include <random>
 #include <set>
+#include <thread>
 
 #include "HostSupport.h"
+#include "support/SmallDisk.h"
 #include "events/HttpServer.h"
 
 using support::Eventually;
@@ -221,6 +225,132 @@ TEST_F(EventDeliveryTest, MessageRefusedForGoodDoesNotHoldUpTheRest) {
     ASSERT_TRUE(delivery.Flush(20000));
     EXPECT_EQ(server.Accepted().size(), 2u);
     EXPECT_TRUE(support::LogHolds("is given up"));
+    EXPECT_EQ(delivery.Stats().sinks[1].delivered, 2u) << "what was given up was not delivered";
+    EXPECT_EQ(delivery.Stats().sinks[1].givenUp, 1u);
+    delivery.Stop();
+    CEventDelivery next(options, "tervane");
+    ASSERT_TRUE(support::IsOk(next.Start()));
+    EXPECT_EQ(next.Stats().sinks[1].givenUp, 1u) << "and stays counted";
+}
+
+TEST_F(EventDeliveryTest, WithoutRoomAtTheStartDeliveryBeginsLater) {
+    support::SmallDisk disk(2048);
+    if (!disk.Missing().empty()) GTEST_SKIP() << disk.Missing();
+    disk.Fill();
+    DeliveryOptions options = Options();
+    options.spoolPath = disk / "spool/e.db";
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    EXPECT_FALSE(delivery.SendMsg("T", "early", "", 1, 0)) << "it is not durable";
+    EXPECT_TRUE(delivery.Stats().spoolBroken);
+    unlink((disk / "filler").c_str());
+    ASSERT_TRUE(Eventually([&] { return !delivery.Stats().spoolBroken; }));
+    EXPECT_TRUE(delivery.SendMsg("T", "late", "", 1, 0));
+    ASSERT_TRUE(delivery.Flush(20000));
+    EXPECT_EQ(Field(m_dir / "log/e.jsonl", "body"), (Lines{"early", "late"}));
+}
+
+TEST_F(EventDeliveryTest, TheWriteAheadLogStaysWithinTheSpoolsSize) {
+    const char* wanted = std::getenv("ZEL_FULL_RATE_SECONDS");
+    const int seconds = wanted != nullptr ? std::atoi(wanted) : 3;
+    support::HttpServer server;
+    server.AnswerWith(503);
+    DeliveryOptions options = Options();
+    options.jsonLinesPath = "-";
+    options.httpUrl = server.Url();
+    options.spoolMaxBytes = 8 << 20;
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    std::atomic<bool> stop{false};
+    std::atomic<int> sent{0};
+    std::vector<std::thread> senders;
+    for (int i = 0; i < 4; ++i) {
+        senders.emplace_back([&] {
+            while (!stop) sent += delivery.SendMsg("T", std::string(512, 'x'), "", 1, 0) ? 1 : 0;
+        });
+    }
+    uintmax_t largest = 0;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (std::chrono::steady_clock::now() < end) {
+        std::error_code none;
+        const uintmax_t size = std::filesystem::file_size(options.spoolPath + "-wal", none);
+        if (!none) largest = std::max(largest, size);
+        support::SleepMs(2);
+    }
+    stop = true;
+    for (auto& sender : senders) sender.join();
+    printf("%d messages in %d s, write-ahead log %.2f of the spool's size\n", sent.load(), seconds,
+           static_cast<double>(largest) / static_cast<double>(options.spoolMaxBytes));
+    EXPECT_GT(sent, 1000);
+    EXPECT_LE(largest, options.spoolMaxBytes);
+    EXPECT_EQ(delivery.Stats().refused, 0u) << "slowed, not refused";
+}
+
+TEST_F(EventDeliveryTest, ALogThatAStrangerPinsIsBoundedByRefusing) {
+    DeliveryOptions options = Options();
+    options.jsonLinesPath = "-";
+    options.spoolMaxBytes = 4 << 20;
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    ASSERT_TRUE(delivery.SendMsg("T", "first", "", 1, 0));
+    sqlite3* stranger = nullptr;
+    ASSERT_EQ(sqlite3_open(options.spoolPath.c_str(), &stranger), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(stranger, "BEGIN; SELECT count(*) FROM messages;", nullptr, nullptr, nullptr), SQLITE_OK);
+    bool refused = false;
+    for (int i = 0; i < 2000 && !refused; ++i) refused = !delivery.SendMsg("T", std::string(20000, 'x'), "", 1, 0);
+    EXPECT_TRUE(refused);
+    EXPECT_LE(std::filesystem::file_size(options.spoolPath + "-wal"), options.spoolMaxBytes);
+    sqlite3_close(stranger);
+    EXPECT_TRUE(Eventually([&] { return delivery.Stats().inMemory == 0; }));
+    EXPECT_TRUE(delivery.SendMsg("T", "last", "", 1, 0));
+}
+
+TEST_F(EventDeliveryTest, StoppingWaitsForOneRequestAtMost) {
+    support::HttpServer server;
+    server.AnswerWith(503);
+    DeliveryOptions options = Options();
+    options.jsonLinesPath = "-";
+    options.httpUrl = server.Url();
+    options.httpTimeoutMs = 4000;
+    {
+        CEventDelivery delivery(options, "tervane");
+        ASSERT_TRUE(support::IsOk(delivery.Start()));
+        for (int i = 0; i < 16; ++i) delivery.SendMsg("T", std::to_string(i), "", 1, 0);
+        server.AnswerAfter(1200);
+        server.AnswerWith(200);
+        ASSERT_TRUE(Eventually([&] { return server.Accepted().size() == 1; }));
+        const auto begun = std::chrono::steady_clock::now();
+        delivery.Stop();
+        EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(1000 + 4000));
+    }
+    server.AnswerAfter(0);
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    ASSERT_TRUE(delivery.Flush(20000));
+    std::map<std::string, std::set<std::string>> idsOf;
+    for (const auto& request : server.Accepted()) {
+        Json::Value root;
+        ASSERT_TRUE(Json::Reader().parse(request.body, root));
+        idsOf[root["body"].asString()].insert(root["id"].asString());
+    }
+    EXPECT_EQ(idsOf.size(), 16u);
+    for (const auto& item : idsOf) EXPECT_EQ(item.second.size(), 1u) << item.first << " comes again with the same id";
+}
+
+TEST_F(EventDeliveryTest, StoppingBreaksOffARequestThatIsSilent) {
+    support::HttpServer server;
+    server.Hang(true);
+    DeliveryOptions options = Options();
+    options.httpUrl = server.Url();
+    options.httpTimeoutMs = 60000;
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    delivery.SendMsg("T", "a", "", 1, 0);
+    ASSERT_TRUE(Eventually([&] { return server.Connections() > 0; }));
+    const auto begun = std::chrono::steady_clock::now();
+    delivery.Stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(10));
+    server.Hang(false);
 }
 
 TEST_F(EventDeliveryTest, AnAddressThatIsNoneFailsTheStart) {

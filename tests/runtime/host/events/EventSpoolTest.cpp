@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "HostSupport.h"
+#include "support/SmallDisk.h"
 
 using zelhost::CEventSpool;
 using zelhost::SpoolMessage;
@@ -44,6 +45,17 @@ protected:
         for (const auto& m : Read(spool, sink, 1000)) bodies.push_back(m.body);
         return bodies;
     }
+    /// Overwrites pages in the middle of the file, as a bad block would.
+    void Damage(int firstPage, int pages) {
+        std::fstream file(m_dir / "spool/e.db", std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(firstPage * 4096L);
+        file << std::string(static_cast<size_t>(pages) * 4096, 'x');
+        ASSERT_TRUE(file.flush().good());
+    }
+    void Fill(CEventSpool& spool, int messages) {
+        for (int i = 0; i < messages; ++i) ASSERT_TRUE(spool.Append(Message(std::to_string(10000 + i) + kPadding)));
+    }
+    const std::string kPadding = std::string(1000, '.');
     support::TempDir m_dir;
 };
 
@@ -227,6 +239,10 @@ TEST_F(EventSpoolTest, UnwrittenWaitsInMemoryAndCatchesUpInOrder) {
     ASSERT_EQ(log.size(), 2u) << "told once, not per message";
     EXPECT_THAT(log[0], testing::StartsWith("2 the event spool"));
     EXPECT_THAT(log[1], testing::HasSubstr("can be written again"));
+    spool.Close();
+    CEventSpool next;
+    Open(next);
+    EXPECT_EQ(next.GetFigures().dropped, 1u) << "what the ring dropped is counted for good";
 }
 
 TEST_F(EventSpoolTest, OnFullDiskReserveLetsTheFirstMessagesThrough) {
@@ -258,4 +274,85 @@ TEST_F(EventSpoolTest, OnFullDiskReserveLetsTheFirstMessagesThrough) {
         EXPECT_EQ(Bodies(spool, "one").at(1), "the disk is full");
     }
     umount2((m_dir / "small").c_str(), MNT_DETACH);
+}
+
+TEST_F(EventSpoolTest, AFullDiskAtTheStartIsWhatTheReserveIsFor) {
+    support::SmallDisk disk(2048);
+    if (!disk.Missing().empty()) GTEST_SKIP() << disk.Missing();
+    {
+        CEventSpool spool;
+        ASSERT_TRUE(support::IsOk(spool.Open(disk / "e.db", 1 << 20, 8)));
+        ASSERT_TRUE(support::IsOk(spool.SetSinks({"one"})));
+        EXPECT_TRUE(spool.Append(Message("before")));
+    }
+    disk.Fill();
+    CEventSpool spool;
+    ASSERT_TRUE(support::IsOk(spool.Open(disk / "e.db", 1 << 20, 8)));
+    ASSERT_TRUE(support::IsOk(spool.SetSinks({"one"})));
+    EXPECT_TRUE(spool.Append(Message("the disk is full")));
+    EXPECT_EQ(Bodies(spool, "one"), (Lines{"before", "the disk is full"}));
+}
+
+TEST_F(EventSpoolTest, ADamagedPageCostsNoOtherMessages) {
+    support::TakeLog();
+    std::string name;
+    {
+        CEventSpool spool;
+        Open(spool, 8 << 20);
+        Fill(spool, 400);
+        name = Read(spool, "one", 1).at(0).id;
+    }
+    Damage(50, 3);
+    CEventSpool spool;
+    Open(spool, 8 << 20);
+    const std::vector<SpoolMessage> saved = Read(spool, "one", 1000);
+    ASSERT_GT(saved.size(), 380u);
+    EXPECT_LT(saved.size(), 400u);
+    EXPECT_EQ(saved.size() + spool.GetFigures().dropped, 400u) << "what is lost is counted";
+    EXPECT_EQ(saved.front().id, name) << "under the ids that they had";
+    for (const SpoolMessage& message : saved) {
+        ASSERT_EQ(message.body, std::to_string(9999 + message.seq) + kPadding);
+    }
+    EXPECT_TRUE(support::LogHolds(std::to_string(saved.size()) + " messages saved, " +
+                                  std::to_string(400 - saved.size()) + " lost"));
+    EXPECT_TRUE(spool.Append(Message("next")));
+    EXPECT_EQ(Read(spool, "one", 1000).back().seq, 401);
+}
+
+TEST_F(EventSpoolTest, DamageThatAReaderMeetsIsNeverTakenForTheEnd) {
+    CEventSpool spool;
+    Open(spool, 8 << 20);
+    Fill(spool, 400);
+    spool.Checkpoint();
+    Damage(60, 2);
+    std::set<int64_t> seen;
+    for (std::vector<SpoolMessage> some; !(some = Read(spool, "one", 16)).empty();) {
+        for (const SpoolMessage& message : some) seen.insert(message.seq);
+        ASSERT_TRUE(support::IsOk(spool.Confirm("one", some.back().seq)));
+    }
+    EXPECT_GT(seen.size(), 380u);
+    EXPECT_EQ(*seen.rbegin(), 400);
+    EXPECT_EQ(seen.size() + spool.GetFigures().dropped, 400u);
+    spool.Close();
+    CEventSpool next;
+    Open(next, 8 << 20);
+    EXPECT_EQ(seen.size() + next.GetFigures().dropped, 400u) << "and stays counted";
+}
+
+TEST_F(EventSpoolTest, ASenderForWhomThereIsNoMemoryGetsItsAnswer) {
+    CEventSpool spool;
+    Open(spool);
+    int answered = 0;
+    for (int allocation = 1; allocation <= 60; ++allocation) {
+        SpoolMessage message = Message("a");
+        support::FailAllocation(allocation);
+        try {
+            spool.Append(std::move(message));
+        } catch (const std::bad_alloc&) {
+        }
+        support::FailAllocation(0);
+        ++answered;
+    }
+    EXPECT_EQ(answered, 60);
+    EXPECT_TRUE(spool.Append(Message("b"))) << "and nobody leads for ever";
 }

@@ -81,6 +81,7 @@ void HttpServer::Serve(int client) {
     }
     Request request{text.substr(0, headEnd), text.substr(headEnd + 4)};
     int status = m_status;
+    for (int waited = 0; waited < m_delayMs && !m_stop; waited += 10) usleep(10000);
     {
         std::lock_guard<std::mutex> lock(m_lock);
         if (!m_refused.empty() && request.body.find(m_refused) != std::string::npos) status = m_refusedStatus;

@@ -24,6 +24,8 @@ public:
     void AnswerWith(int status) { m_status = status; }
     /// Takes the connection and says nothing.
     void Hang(bool on) { m_hang = on; }
+    /// Takes so long for each answer.
+    void AnswerAfter(int milliseconds) { m_delayMs = milliseconds; }
     /// Answers a body that holds this text with this status.
     void Refuse(const std::string& text, int status);
     /// Requests that were answered with the 200 family.
@@ -37,6 +39,7 @@ private:
     int m_port = 0;
     std::atomic<int> m_status{200};
     std::atomic<bool> m_hang{false};
+    std::atomic<int> m_delayMs{0};
     std::atomic<bool> m_stop{false};
     std::atomic<int> m_connections{0};
     std::mutex m_lock;

@@ -1,5 +1,5 @@
 // What a steady round may not do: make objects on the heap. The test replaces operator new and counts on the sampling
-// thread.
+// thread; other tests let an allocation fail by it.
 #include <unistd.h>
 
 #include <atomic>
@@ -13,10 +13,16 @@
 
 namespace {
 thread_local uint64_t t_allocations = 0;
+thread_local int t_untilFailure = 0;
 }  // namespace
+
+void support::FailAllocation(int nth) {
+    t_untilFailure = nth;
+}
 
 void* operator new(size_t size) {
     ++t_allocations;
+    if (t_untilFailure > 0 && --t_untilFailure == 0) throw std::bad_alloc();
     if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
     throw std::bad_alloc();
 }
