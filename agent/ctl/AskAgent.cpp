@@ -9,6 +9,7 @@
 #include <chrono>
 
 #include "AgentPaths.h"
+#include "StatusJson.h"
 #include "base/Fd.h"
 #include "base/LocalSocket.h"
 #include "base/ProcFiles.h"
@@ -80,7 +81,8 @@ base::Result<Answer> AskAgent(const std::string& appDir, const std::string& name
     if (!connection) {
         const base::Error& error = connection.GetError();
         const bool absent = error.kind == base::ErrorKind::kNoServer || error.kind == base::ErrorKind::kNotFound;
-        return base::SentenceError(error.Text() + (absent ? " (is the agent running?)" : ""));
+        return absent ? base::SentenceError(error.Text() + " (is the agent running?)", base::ErrorKind::kNotFound)
+                      : base::SentenceError(error.Text(), error.kind);
     }
     // A line is less than what a socket takes at once. One that refuses us may have spoken and gone before it.
     const std::string line = request + "\n";
@@ -96,6 +98,13 @@ base::Result<Answer> AskAgent(const std::string& appDir, const std::string& name
     base::Result<Answer> answer = ParseAnswer(*text);
     if (!answer) return base::SentenceError(path + ": " + answer.GetError().Text(), answer.GetError().kind);
     return answer;
+}
+
+base::Result<StatusReport> ReadStatus(const base::Result<Answer>& answer) {
+    if (!answer) return answer.GetError();
+    if (answer->ok) return ParseStatusJson(answer->body);
+    return base::SentenceError("refused: " + answer->body.substr(0, answer->body.find('\n')),
+                               base::ErrorKind::kRefused);
 }
 
 }  // namespace agent

@@ -1,12 +1,24 @@
-// Findings about hierarchies, rights, memory figures and the application directory. Reads only.
+// Findings about kernel, hierarchies, rights, memory figures, the application directory and the agent on it.
 #include "Doctor.h"
 
+#include <sys/statvfs.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <iterator>
+#include <list>
+
+#include "AskAgent.h"
+#include "ComponentsConfig.h"
+#include "Health.h"
+#include "ResourceFileCheck.h"
+#include "StatusJson.h"
+#include "Text.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/AgentNames.h"
-#include "platform/zel/CgroupStatus.h"
 #include "platform/zel/CgroupTreeStatus.h"
 #include "platform/zel/FileUtil.h"
 #include "platform/zel/OSInfo.h"
@@ -16,93 +28,188 @@ namespace agent {
 
 namespace {
 
+using Findings = std::vector<DoctorFinding>;
+
 constexpr unsigned long kLeastFreeBytes = 64UL * 1024 * 1024;
 constexpr unsigned long kLeastFreeInodes = 32;
+/// For how long a failed memory limit is not tried again.
+constexpr int64_t kPauseSeconds = 12 * 3600;
+constexpr size_t kMostRecordLines = 16;
 
-/// What was found so far.
-class Findings {
-public:
-    void Say(bool good, const std::string& what) { m_text += (good ? "ok    " : "PROBLEM  ") + what + "\n"; }
-    /// The same for what the agent cannot do without.
-    void Require(bool good, const std::string& what) {
-        Say(good, what);
-        m_healthy = m_healthy && good;
-    }
-    void Add(const std::string& detail) { m_text += "      " + detail + "\n"; }
+DoctorFinding Ok(const std::string& what, const std::string& evidence = "") {
+    return {Severity::kOk, what, evidence, ""};
+}
 
-    const std::string& Text() const { return m_text; }
-    bool Healthy() const { return m_healthy; }
+void Append(Findings& to, Findings more) {
+    to.insert(to.end(), std::make_move_iterator(more.begin()), std::make_move_iterator(more.end()));
+}
 
-private:
-    std::string m_text;
-    bool m_healthy = true;
-};
-
-void LookAtKernelAndUser(Findings& findings) {
+Findings LookAtKernelAndUser() {
+    Findings found;
     utsname kernel{};
-    if (uname(&kernel) == 0) findings.Say(true, std::string("kernel ") + kernel.release);
-    const bool root = geteuid() == 0;
-    findings.Say(root, root ? "running as root"
-                            : "not root: control groups can be made only where they were delegated to this user");
-}
-
-void LookAtGroups(Findings& findings) {
-    zel::CgroupTreeStatus tree;
-    std::string problem;
-    if (!zel::ReadCgroupTreeStatus(tree, problem)) {
-        findings.Require(false, "control groups: " + problem);
+    if (uname(&kernel) == 0) found.push_back(Ok(std::string("kernel ") + kernel.release));
+    if (geteuid() == 0) {
+        found.push_back(Ok("running as root"));
     } else {
-        findings.Require(tree.layout != "none", "layout " + tree.layout);
-        findings.Add("CPU: " + tree.cpuPlace);
-        findings.Add("memory: " + tree.memoryPlace);
-        for (const zel::CgroupNodeStatus& node : tree.nodes) {
-            const bool astray =
-                node.level == zel::CgroupLevel::kComponent && !node.pids.empty() && !node.membershipVerified;
-            if (!tree.present || !astray) continue;
-            findings.Require(false, "component " + node.name + " is not in its groups: something else moved it");
-        }
+        found.push_back({Severity::kWarning,
+                         "not root: control groups can be made only where they were delegated to this user", "",
+                         "run the agent as root, or delegate groups to its user"});
     }
-    zel::CgroupStatus own;
-    if (!zel::ReadCgroupStatus(own)) return;
-    findings.Add("this shell: CPU " + own.cpu.reason);
-    findings.Add("this shell: memory " + own.mem.reason);
+    return found;
 }
 
-void LookAtMemory(Findings& findings) {
+Findings LookAtControllers() {
+    zel::CgroupStatus own;
+    if (!zel::ReadCgroupStatus(own)) {
+        return {{Severity::kProblem, "the control groups of this process cannot be read", base::kOwnGroupsFile,
+                 "mount /proc"}};
+    }
+    Findings found = JudgeController("CPU", own.cpu);
+    Append(found, JudgeController("memory", own.mem));
+    return found;
+}
+
+Findings LookAtMemory() {
     unsigned long available = 0;
     const int usage = zel::COSInfo::GetMemoryUsage(&available);
-    findings.Say(usage >= 0,
-                 "memory in use " + std::to_string(usage) + " %, " + std::to_string(available) + " MB available");
-    const bool pressure = access(base::kMemoryPressureFile, R_OK) == 0;
-    findings.Add(std::string("pressure figures (PSI): ") +
-                 (pressure ? "present" : "absent, boot with psi=1 to have them"));
+    Findings found;
+    if (usage >= 0) {
+        const bool pressure = access(base::kMemoryPressureFile, R_OK) == 0;
+        found.push_back(Ok(
+            "memory in use " + std::to_string(usage) + " %, " + std::to_string(available) + " MB available",
+            std::string("pressure figures (PSI): ") + (pressure ? "present" : "absent, boot with psi=1 to have them")));
+    } else {
+        found.push_back(
+            {Severity::kWarning, "the memory of this host cannot be read", base::kMemInfoFile, "mount /proc"});
+    }
+    return found;
 }
 
-void LookAtDirectory(Findings& findings, const std::string& appDir) {
+DoctorFinding LookAtRoom(const std::string& appDir) {
     unsigned long space = 0;
     unsigned long inodes = 0;
-    if (zel::CToolUtil::GetSelfDiskFreeSpace(space, &inodes, appDir)) {
-        findings.Require(
-            space > kLeastFreeBytes && inodes > kLeastFreeInodes,
-            appDir + ": " + std::to_string(space >> 20) + " MB and " + std::to_string(inodes) + " inodes free");
-    } else {
-        findings.Require(false, appDir + " cannot be examined");
+    if (!zel::CToolUtil::GetSelfDiskFreeSpace(space, &inodes, appDir)) {
+        return {Severity::kProblem, appDir + " cannot be examined", "", "name the agent's directory with --app-dir"};
     }
-    const std::string file = appDir + zel::kResourceConfigFileName;
-    const bool configured = zel::CFileUtil::IsFile(file);
-    findings.Require(configured, file + (configured ? "" : " is missing: copy the sample there"));
+    const std::string room =
+        appDir + ": " + std::to_string(space >> 20) + " MB and " + std::to_string(inodes) + " inodes free";
+    if (space > kLeastFreeBytes && inodes > kLeastFreeInodes) return Ok(room);
+    return {Severity::kProblem, room, "", "make room there: events and the component file need it"};
+}
+
+/// The memory limit failed lately, and the monitor does not try it again before its time.
+Findings LookAtPause(const std::string& appDir, int64_t now) {
+    const std::string path = appDir + zel::kCgroupErrorFileName;
+    std::list<std::string> lines;
+    if (!zel::CFileUtil::IsFile(path) || !zel::CFileUtil::ReadFileLineToList(path, lines, kMostRecordLines)) return {};
+    for (const std::string& line : lines) {
+        const size_t dash = line.find('-');
+        if (dash == std::string::npos) continue;
+        const int64_t when = std::strtoll(line.c_str() + dash + 1, nullptr, 10);
+        if (now - when >= kPauseSeconds) continue;
+        const time_t until = when + kPauseSeconds;
+        tm local{};
+        char text[32] = "";
+        if (localtime_r(&until, &local) != nullptr) strftime(text, sizeof text, "%F %R", &local);
+        return {{Severity::kProblem, std::string("the memory limit is paused until ") + text,
+                 path + ": it failed with " + line.substr(0, dash),
+                 "remove the reason that the log names, then remove " + path + " to try at once"}};
+    }
+    return {};
 }
 
 }  // namespace
 
-bool Diagnose(const std::string& appDir, std::string& text) {
-    Findings findings;
-    LookAtKernelAndUser(findings);
-    LookAtGroups(findings);
-    LookAtMemory(findings);
-    if (!appDir.empty()) LookAtDirectory(findings, appDir);
-    text = findings.Text();
-    return findings.Healthy();
+Findings JudgeController(const char* name, const zel::CgroupControllerStatus& controller) {
+    const std::string who = std::string(name) + " controller";
+    if (controller.version == 0 || controller.hierarchyPath.empty()) {
+        const bool advised = !controller.advice.empty();
+        return {{Severity::kProblem, who + " is not there", controller.reason,
+                 advised ? controller.advice : "mount it, or boot with it enabled"}};
+    }
+    struct statvfs mount {};
+    const std::string where = controller.hierarchyPath + ", version " + std::to_string(controller.version) +
+                              "; this shell: " + controller.reason;
+    if (statvfs(controller.hierarchyPath.c_str(), &mount) != 0) {
+        return {{Severity::kProblem, who + " cannot be examined", where, "mount it again"}};
+    }
+    if ((mount.f_flag & ST_RDONLY) != 0) {
+        return {{Severity::kProblem, who + " is read-only: no limit can be set or changed", where,
+                 "mount -o remount,rw " + controller.hierarchyPath}};
+    }
+    return {Ok(who, where)};
+}
+
+Findings JudgeAgent(const base::Result<StatusReport>& report) {
+    if (!report) {
+        const std::string why = report.GetError().Text();
+        if (report.GetError().kind == base::ErrorKind::kNotFound) return {Ok("no agent runs here", why)};
+        return {{Severity::kProblem, "the agent does not answer", why,
+                 "see whether its process is there, is stopped or hangs; start it, let it go on, or end it"}};
+    }
+    Findings found{Ok(Text("the agent runs, process %d, %s", report->pid, report->modeReason.c_str()),
+                      Text("mode asked for %d, in force %d", report->mode, report->modeInForce))};
+    if (report->tree.present) {
+        found.push_back(Ok("layout " + report->tree.layout,
+                           "CPU: " + report->tree.cpuPlace + "; memory: " + report->tree.memoryPlace));
+    }
+    for (const Trouble& trouble : FindTrouble(*report)) {
+        found.push_back({Severity::kProblem, trouble.what, "answer of the agent to status", trouble.remedy});
+    }
+    return found;
+}
+
+Findings JudgeFiles(const std::string& appDir, int64_t now) {
+    Findings found;
+    const std::string resource = appDir + zel::kResourceConfigFileName;
+    if (!zel::CFileUtil::IsFile(resource)) {
+        found.push_back({Severity::kProblem, resource + " is missing", "", "copy the sample there"});
+    } else {
+        const std::vector<std::string> wrong = CheckResourceFile(resource);
+        for (const std::string& sentence : wrong) {
+            found.push_back({Severity::kWarning, sentence, resource, "correct it there, or take it out"});
+        }
+        if (wrong.empty()) found.push_back(Ok(resource));
+    }
+    const auto components = LoadComponents(appDir + zel::kComponentsFileName);
+    if (components) {
+        found.push_back(Ok(Text("%d components", static_cast<int>(components->size()))));
+    } else {
+        found.push_back({Severity::kProblem, "no component is started: " + components.GetError().Text(),
+                         appDir + zel::kComponentsFileName, "correct it, or remove it to run the built-in components"});
+    }
+    Append(found, LookAtPause(appDir, now));
+    return found;
+}
+
+Severity Diagnosis::Worst() const {
+    Severity worst = Severity::kOk;
+    for (const DoctorFinding& finding : findings) worst = std::max(worst, finding.severity);
+    return worst;
+}
+
+std::string Diagnosis::Text() const {
+    const char* const heads[] = {"ok       ", "WARNING  ", "PROBLEM  "};
+    std::string text;
+    for (const DoctorFinding& finding : findings) {
+        text += heads[static_cast<size_t>(finding.severity)] + finding.what + "\n";
+        if (!finding.evidence.empty()) text += "         seen: " + finding.evidence + "\n";
+        if (!finding.remedy.empty()) text += "         do:   " + finding.remedy + "\n";
+    }
+    return text;
+}
+
+Diagnosis Diagnose(const std::string& appDir) {
+    Diagnosis diagnosis;
+    Findings& found = diagnosis.findings;
+    found = LookAtKernelAndUser();
+    Append(found, LookAtControllers());
+    Append(found, LookAtMemory());
+    if (appDir.empty()) return diagnosis;
+    found.push_back(LookAtRoom(appDir));
+    Append(found, JudgeFiles(appDir, time(nullptr)));
+    Append(found, JudgeAgent(ReadStatus(AskAgent(appDir, zel::kMainProcessName, "status"))));
+    return diagnosis;
 }
 
 }  // namespace agent

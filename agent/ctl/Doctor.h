@@ -1,12 +1,47 @@
-// What this host allows, before and while an agent runs on it.
+// What this host allows, what the running agent has in force of what it wants, and what to do about the rest.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <vector>
+
+#include "StatusReport.h"
+#include "base/Result.h"
+#include "platform/zel/CgroupStatus.h"
 
 namespace agent {
 
-/// Writes the findings to `text`, one a line, each with what to do. `appDir` may be empty.
-/// Returns: true when nothing stands in the way of CPU and memory limits.
-bool Diagnose(const std::string& appDir, std::string& text);
+/// The worse, the greater: also the exit status of the command.
+enum class Severity { kOk = 0, kWarning = 1, kProblem = 2 };
+
+struct DoctorFinding {
+    Severity severity = Severity::kOk;
+    std::string what;      ///< with what was seen
+    std::string evidence;  ///< where it was seen; may be empty
+    std::string remedy;    ///< never empty for what is not well
+};
+
+struct Diagnosis {
+    std::vector<DoctorFinding> findings;
+
+    Severity Worst() const;
+    /// One or more lines for each finding.
+    std::string Text() const;
+};
+
+/// Looks at the host and, with an `appDir`, at the directory and the agent that runs on it. Reads only.
+/// Blocks: for the agent's answer, as AskAgent.
+Diagnosis Diagnose(const std::string& appDir);
+
+// --- the parts of it ---
+
+/// What the agent answered to "status", or why it did not. Pure.
+std::vector<DoctorFinding> JudgeAgent(const base::Result<StatusReport>& report);
+
+/// A controller as this process sees it: mounted, and not read-only. Looks at the mount.
+std::vector<DoctorFinding> JudgeController(const char* name, const zel::CgroupControllerStatus& controller);
+
+/// The files that the agent reads, and what holds its memory limit back. `now`: seconds since the epoch.
+std::vector<DoctorFinding> JudgeFiles(const std::string& appDir, int64_t now);
 
 }  // namespace agent

@@ -8,9 +8,14 @@
 
 namespace agent {
 
-/// One sentence for each thing that is not as it was asked for; none when the process is healthy. What is over, as a
+struct Trouble {
+    std::string what;    ///< what it is about and what was seen
+    std::string remedy;  ///< what an operator can do
+};
+
+/// One for each thing that is not as it was asked for; none when the process is healthy. What is over, as a
 /// component that died and runs again, is none. Pure.
-std::vector<std::string> FindTrouble(const StatusReport& report);
+std::vector<Trouble> FindTrouble(const StatusReport& report);
 
 /// One line for a monitoring system: "OK: ..." or "DEGRADED: ...". Pure.
 std::string HealthLine(const StatusReport& report);

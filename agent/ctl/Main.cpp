@@ -66,19 +66,17 @@ std::string InWords(const agent::StatusReport& report) {
     agent::PictureOptions options;
     options.allComponents = true;
     std::string text = agent::JoinLines(agent::MakePicture(report, {}, options)) + "\n";
-    const std::vector<std::string> trouble = agent::FindTrouble(report);
-    if (trouble.empty()) text += "healthy\n";
-    for (const std::string& sentence : trouble) text += "degraded  " + sentence + "\n";
+    const std::vector<agent::Trouble> found = agent::FindTrouble(report);
+    if (found.empty()) text += "healthy\n";
+    for (const agent::Trouble& trouble : found) text += "degraded  " + trouble.what + "\n";
     return text;
 }
 
 /// Status and check: the exit code says whether all is as it was asked for.
 int Judge(const CommandLine& line) {
     const bool check = line.command == "check";
-    base::Result<agent::Answer> answer = agent::AskAgent(line.appDir, line.name, "status");
-    if (answer && !answer->ok) answer = base::SentenceError(answer->body.substr(0, answer->body.find('\n')));
-    const base::Result<agent::StatusReport> report =
-        answer ? agent::ParseStatusJson(answer->body) : base::Result<agent::StatusReport>(answer.GetError());
+    const base::Result<agent::Answer> answer = agent::AskAgent(line.appDir, line.name, "status");
+    const base::Result<agent::StatusReport> report = agent::ReadStatus(answer);
     if (!report) {
         if (check) printf("UNREACHABLE: %s, %s\n", line.name.c_str(), report.GetError().Text().c_str());
         return check ? static_cast<int>(kUnreachable) : Unreachable(report.GetError());
@@ -98,10 +96,9 @@ int Ask(const CommandLine& line) {
 
 int Run(const CommandLine& line) {
     if (line.command == "doctor") {
-        std::string text;
-        const bool healthy = agent::Diagnose(line.appDir, text);
-        fputs(text.c_str(), stdout);
-        return healthy ? kOk : kRefused;
+        const agent::Diagnosis diagnosis = agent::Diagnose(line.appDir);
+        fputs(diagnosis.Text().c_str(), stdout);
+        return static_cast<int>(diagnosis.Worst());
     }
     if (line.appDir.empty()) {
         fprintf(stderr, "tervanectl: which agent? name its directory with --app-dir or ZEL_APP_DIR\n");

@@ -46,10 +46,7 @@ int64_t MonotonicUs() {
 }
 
 base::Result<StatusReport> ReadStatus(const TopOptions& options) {
-    const base::Result<Answer> answer = AskAgent(options.appDir, options.process, "status");
-    if (!answer) return answer.GetError();
-    if (!answer->ok) return base::SentenceError(options.process + " refused: " + answer->body);
-    return ParseStatusJson(answer->body);
+    return ReadStatus(AskAgent(options.appDir, options.process, "status"));
 }
 
 /// Whoever shows one status after the other.

@@ -8,7 +8,6 @@
 #include "platform/zel/AgentNames.h"
 
 using namespace agent;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
@@ -83,6 +82,17 @@ TEST(HealthTest, EachThingThatIsNotAsAskedForIsOneFinding) {
          "component QorNet does not run, next start in 32 s: exit code 1"},
         {[](StatusReport& r) { r.tree.nodes[1].membershipVerified = false; },
          "group QorNet does not hold its processes in every controller"},
+        {[](StatusReport& r) {
+             r.tree.nodes[0].level = zel::CgroupLevel::kParent;
+             r.tree.nodes[0].cpu.present = true;
+             r.tree.nodes[0].cpu.path = "/cpu/x";
+         },
+         "the CPU limit of the whole agent is gone from /cpu/x"},
+        {[](StatusReport& r) {
+             r.tree.nodes[0].level = zel::CgroupLevel::kParent;
+             r.tree.nodes[0].memory.present = true;
+         },
+         "the memory limit of the whole agent is gone"},
         {[](StatusReport& r) { r.samplerRuns = false; }, "the sampling of its own use does not run"},
         {[](StatusReport& r) { r.sampler.cpuLevel = 2, r.sampler.maxCpu = 10; },
          "its CPU use is over its maximum of 10 %"},
@@ -95,7 +105,10 @@ TEST(HealthTest, EachThingThatIsNotAsAskedForIsOneFinding) {
     for (const auto& c : cases) {
         StatusReport report = Healthy();
         c.spoil(report);
-        EXPECT_THAT(FindTrouble(report), ElementsAre(HasSubstr(c.finding)));
+        const std::vector<Trouble> found = FindTrouble(report);
+        ASSERT_EQ(1u, found.size()) << c.finding;
+        EXPECT_THAT(found[0].what, HasSubstr(c.finding));
+        EXPECT_NE("", found[0].remedy) << c.finding;
         EXPECT_THAT(HealthLine(report), testing::StartsWith("DEGRADED: tervane, "));
     }
 }

@@ -284,7 +284,10 @@ int AgentTest::RunToEnd(const std::vector<std::string>& words, std::string& outp
 }
 
 int AgentTest::RunConsole(const std::vector<std::string>& request, std::string& output, const std::string& name) {
-    std::vector<std::string> words{ProgramPath(TERVANECTL_PROGRAM, "tervanectl"), "--app-dir", m_dir, "--name", name};
+    // An operator's shell does not know how the agent's groups are called.
+    std::vector<std::string> words{"/usr/bin/env", "-u", "ZEL_CGROUP_NAME",
+                                   ProgramPath(TERVANECTL_PROGRAM, "tervanectl")};
+    words.insert(words.end(), {"--app-dir", m_dir, "--name", name});
     words.insert(words.end(), request.begin(), request.end());
     return RunToEnd(words, output);
 }

@@ -76,6 +76,22 @@ TEST_F(SupervisionTest, OneLineAndItsCodeSayHowTheAgentIs) {
     ExpectNothingLeft();
 }
 
+TEST_F(SupervisionTest, DoctorAsksTheAgentWhateverTheEnvironment) {
+    WriteResource({{"resource_limit_mode", "0"}});
+    WriteComponents("{\"name\": \"QorHips\", \"group\": \"collect-defense\", \"load\": \"hold:1\"}");
+    Child agent = StartRunningAgent();
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return ComponentPid("QorHips") > 0; }));
+    std::string text;
+    EXPECT_EQ(0, RunConsole({"doctor"}, text)) << text;
+    EXPECT_THAT(text, testing::HasSubstr("the agent runs, process " + std::to_string(agent.Pid())));
+    agent.Signal(SIGSTOP);
+    EXPECT_EQ(2, RunConsole({"doctor"}, text));
+    EXPECT_THAT(text, testing::HasSubstr("PROBLEM  the agent does not answer"));
+    agent.Signal(SIGCONT);
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
 TEST_F(SupervisionTest, OverItsMaximumEndsWithRecordAndStartsAgain) {
     // No limit of the kernel stands in the way, so the component can hold more than it may for two whole minutes.
     constexpr int kSelfKillSeconds = 300;

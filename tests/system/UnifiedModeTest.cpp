@@ -1,5 +1,6 @@
 // One control group per component: the tree as the kernel shows it, against numbers worked out independently; changes
 // while it runs, a main process that is killed, components that die, controllers that stop taking writes.
+#include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <random>
 
 #include "AgentFixture.h"
+#include "support/Files.h"
 #include "GroupTable.h"
 
 namespace agenttest {
@@ -92,6 +94,9 @@ TEST_F(UnifiedModeTest, ComponentsSitInLeavesAndFollowNewMaxima) {
         ASSERT_TRUE(WaitIn("/" + component.group + "/" + component.name, component.name)) << component.name;
         pids[component.name] = ComponentPid(component.name);
     }
+    std::string text;
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return RunConsole({"check"}, text) == 0; })) << text;
+    EXPECT_EQ(0, RunConsole({"doctor"}, text)) << text;
     for (auto maxima : {std::pair<int, int>{60, 150}, {10, 300}, {90, 100}}) {
         const double begin = SecondsNow();
         WriteOnline("{\"groupMaxCpu\": " + std::to_string(maxima.first) +
@@ -113,6 +118,25 @@ TEST_F(UnifiedModeTest, ComponentsSitInLeavesAndFollowNewMaxima) {
         ++verified;
     }
     EXPECT_EQ(verified, 6);
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(UnifiedModeTest, ALimitThatSomebodyLiftedIsNoHealthyAgent) {
+    WriteComponents("{\"name\": \"QorHips\", \"group\": \"collect-defense\"}");
+    Child agent = StartRunningAgent();
+    ASSERT_TRUE(WaitIn("/collect-defense/QorHips", "QorHips"));
+    const std::string quota = Status()["tree"]["nodes"][0]["cpu"]["path"].asString() + "/cpu.cfs_quota_us";
+    std::string text;
+    // Lifted again each time: the agent may put it back meanwhile.
+    const auto after = [&](const char* command) {
+        EXPECT_TRUE(support::WriteText(quota, "-1"));
+        return RunConsole({command}, text);
+    };
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return after("check") == 1; })) << text;
+    EXPECT_THAT(text, testing::HasSubstr("the CPU limit of the whole agent is gone from "));
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return after("doctor") == 2; })) << text;
+    EXPECT_THAT(text, testing::HasSubstr("PROBLEM  the CPU limit of the whole agent is gone from "));
     EXPECT_EQ(agent.Stop(), 0);
     ExpectNothingLeft();
 }

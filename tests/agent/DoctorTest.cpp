@@ -1,0 +1,139 @@
+#include "Doctor.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "Health.h"
+#include "platform/zel/AgentNames.h"
+#include "support/Files.h"
+
+using namespace agent;
+using ::testing::HasSubstr;
+
+namespace {
+
+constexpr int64_t kNow = 1700000000;
+
+Severity WorstOf(const std::vector<DoctorFinding>& findings) {
+    return Diagnosis{findings}.Worst();
+}
+
+std::string TextOf(const std::vector<DoctorFinding>& findings) {
+    return Diagnosis{findings}.Text();
+}
+
+StatusReport Limited() {
+    StatusReport report;
+    report.pid = 10;
+    report.mode = zel::kModeCpu | zel::kModeMemory;
+    report.modeReason = "mode 5: one group for the whole agent";
+    report.cgroup.cpu.limited = report.cgroup.mem.limited = true;
+    report.samplerRuns = true;
+    return report;
+}
+
+/// An application directory with files that are all well.
+class DoctorFilesTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(0, mkdir((dir / "conf").c_str(), 0755));
+        ASSERT_TRUE(support::WriteText(dir / "conf/resource_config", "max_cpu = 10\n"));
+    }
+    support::TempDir dir;
+};
+
+}  // namespace
+
+TEST(DoctorTest, WhatIsNotWellHasARemedyAndMakesTheVerdict) {
+    const Diagnosis diagnosis{{{Severity::kOk, "kernel 6.1", "", ""},
+                               {Severity::kWarning, "not root", "", "become it"},
+                               {Severity::kProblem, "no limit", "here", "set one"}}};
+    EXPECT_EQ(Severity::kProblem, diagnosis.Worst());
+    EXPECT_EQ(
+        "ok       kernel 6.1\n"
+        "WARNING  not root\n         do:   become it\n"
+        "PROBLEM  no limit\n         seen: here\n         do:   set one\n",
+        diagnosis.Text());
+    EXPECT_EQ(Severity::kOk, Diagnosis{}.Worst());
+}
+
+TEST(DoctorTest, AnAgentThatIsWellIsNoAlarm) {
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeAgent(Limited()))) << TextOf(JudgeAgent(Limited()));
+}
+
+TEST(DoctorTest, NoAgentIsNoAlarmAndASilentOneIs) {
+    const base::Error absent = base::SentenceError("nobody (is the agent running?)", base::ErrorKind::kNotFound);
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeAgent(absent)));
+    const base::Error stopped = base::SentenceError("no answer, process 7 is stopped", base::ErrorKind::kNoServer);
+    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeAgent(stopped)));
+    EXPECT_THAT(TextOf(JudgeAgent(stopped)), HasSubstr("seen: no answer, process 7 is stopped\n"));
+}
+
+TEST(DoctorTest, WhatTheAgentWantsAndHasNotIsAProblem) {
+    StatusReport report = Limited();
+    report.cgroup.mem.limited = false;
+    report.cgroup.mem.reason = "no group has a limit";
+    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeAgent(report)));
+    EXPECT_THAT(TextOf(JudgeAgent(report)),
+                HasSubstr("PROBLEM  memory limit is asked for and not in force: no group has a limit\n"));
+}
+
+TEST(DoctorTest, AControllerThatIsNotMountedIsAProblem) {
+    zel::CgroupControllerStatus controller;
+    controller.reason = "not mounted";
+    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeController("memory", controller)));
+    EXPECT_THAT(TextOf(JudgeController("memory", controller)), HasSubstr("seen: not mounted\n         do:   "));
+}
+
+TEST(DoctorTest, AReadOnlyHierarchyIsAProblem) {
+    support::TempDir dir;
+    zel::CgroupControllerStatus controller;
+    controller.version = 1;
+    controller.hierarchyPath = dir.Path();
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeController("CPU", controller)));
+    if (mount("none", dir.Path().c_str(), "tmpfs", MS_RDONLY, "size=64k") != 0) {
+        GTEST_SKIP() << "SKIP direct: nothing can be mounted here";
+    }
+    const std::vector<DoctorFinding> found = JudgeController("CPU", controller);
+    EXPECT_EQ(0, umount(dir.Path().c_str()));
+    EXPECT_EQ(Severity::kProblem, WorstOf(found));
+    EXPECT_THAT(TextOf(found), HasSubstr("CPU controller is read-only"));
+}
+
+TEST_F(DoctorFilesTest, FilesThatAreWellAreNoAlarm) {
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow))) << TextOf(JudgeFiles(dir.Path(), kNow));
+}
+
+TEST_F(DoctorFilesTest, ARefusedComponentsFileIsAProblem) {
+    ASSERT_TRUE(support::WriteText(dir / "conf/components.json", "{\"components\": 1}"));
+    const std::vector<DoctorFinding> found = JudgeFiles(dir.Path(), kNow);
+    EXPECT_EQ(Severity::kProblem, WorstOf(found));
+    EXPECT_THAT(TextOf(found), HasSubstr("no component is started: "));
+}
+
+TEST_F(DoctorFilesTest, ALineWithoutEffectIsAWarning) {
+    ASSERT_TRUE(support::WriteText(dir / "conf/resource_config", "max_cpu = much\n"));
+    EXPECT_EQ(Severity::kWarning, WorstOf(JudgeFiles(dir.Path(), kNow)));
+}
+
+TEST_F(DoctorFilesTest, AMissingResourceFileIsAProblem) {
+    ASSERT_EQ(0, unlink((dir / "conf/resource_config").c_str()));
+    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path(), kNow)));
+}
+
+TEST_F(DoctorFilesTest, APauseOfTheLimitIsAProblemUntilItIsOver) {
+    const std::string record = dir.Path() + zel::kCgroupErrorFileName;
+    ASSERT_TRUE(support::WriteText(record, "119-" + std::to_string(kNow - 3600) + "\n"));
+    const std::vector<DoctorFinding> found = JudgeFiles(dir.Path(), kNow);
+    EXPECT_EQ(Severity::kProblem, WorstOf(found));
+    EXPECT_THAT(TextOf(found), HasSubstr("the memory limit is paused until "));
+    EXPECT_THAT(TextOf(found), HasSubstr(record + ": it failed with 119\n"));
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow + 11 * 3600)));
+    ASSERT_TRUE(support::WriteText(record, "garbage\n\n-\n"));
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow)));
+}
