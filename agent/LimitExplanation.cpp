@@ -1,11 +1,19 @@
 // Wording of missing limits.
 #include "LimitExplanation.h"
 
+#include <sys/utsname.h>
+
+#include <optional>
+
+#include "MemoryRefusal.h"
 #include "platform/zel/AgentNames.h"
+#include "platform/zel/FileUtil.h"
 
 namespace agent {
 
 namespace {
+
+constexpr size_t kMostConfigBytes = 1024 * 1024;
 
 void Explain(const char* name, const zel::CgroupControllerStatus& controller, bool root,
              std::vector<std::string>& lines) {
@@ -19,6 +27,19 @@ void Explain(const char* name, const zel::CgroupControllerStatus& controller, bo
 }
 
 }  // namespace
+
+std::vector<std::string> ExplainMemoryRefusal(const StatusReport& report, const std::string& appDir,
+                                              const std::string& configPath) {
+    if ((report.mode & zel::kModeMemory) == 0 || report.unified || report.cgroup.mem.limited) return {};
+    const std::optional<MemoryPause> pause = ReadMemoryPause(appDir, report.now);
+    if (pause) return {"memory limit " + DescribePause(*pause) + "; remove " + pause->path + " to try now"};
+    std::string text;
+    utsname kernel{};
+    if (!zel::CFileUtil::ReadFullFile(configPath, text, kMostConfigBytes) || uname(&kernel) != 0) return {};
+    const std::string refusal = ExplainKernelList(text, kernel.release);
+    if (refusal.empty()) return {};
+    return {"memory limit is refused by " + configPath + ": " + refusal};
+}
 
 std::vector<std::string> ExplainMissingLimits(const StatusReport& report, bool root) {
     std::vector<std::string> lines;

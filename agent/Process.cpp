@@ -223,6 +223,9 @@ int Process::ExplainLimits() {
     const StatusReport report = CollectStatus(Sources());
     if (!report.modeReason.empty()) LogLine(report.modeReason, zel::kLogInfo);
     for (const std::string& line : ExplainMissingLimits(report, geteuid() == 0)) LogLine(line, zel::kLogWarning);
+    for (const std::string& line : ExplainMemoryRefusal(report, m_options.appDir, m_options.configPath)) {
+        LogLine(line, zel::kLogWarning);
+    }
     return kExitClean;
 }
 

@@ -1,12 +1,15 @@
-// Findings about the resource configuration. Text keys (kernel lists, groups, components) are only known by name here;
+// Findings about the resource configuration. Most text keys (groups, components) are only known by name here;
 // the monitor says itself what it made of them.
 #include "ResourceFileCheck.h"
 
 #include <cstdlib>
 #include <set>
+#include <sstream>
 
 #include "platform/zel/FileUtil.h"
+#include "platform/zel/KernelVersion.h"
 #include "platform/zel/LimitKeys.h"
+#include "platform/zel/StringUtil.h"
 
 namespace agent {
 
@@ -27,8 +30,29 @@ std::string Shown(const std::string& text) {
     return "\"" + shown + (text.size() > kShownBytes ? "...\"" : "\"");
 }
 
+/// The monitor passes over an entry that it cannot read.
+std::string CheckKernelRanges(const std::string& key, const std::string& value) {
+    for (const std::string& entry : zel::CStringUtil::stringSplit(value, " ")) {
+        if (entry.empty()) continue;
+        const std::vector<std::string> bounds = zel::CStringUtil::stringSplit(entry, ",");
+        zel::PackedKernelVersion bound;
+        if (bounds.size() == 2 && zel::ParseKernelBound(bounds[0], bound) && zel::ParseKernelBound(bounds[1], bound)) {
+            continue;
+        }
+        return key + ": " + Shown(entry) + " is no range of kernels as 3.10.0-0,6.12.0-0";
+    }
+    return "";
+}
+
+std::string LowerCase(std::string text) {
+    for (char& c : text) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+    return text;
+}
+
 /// Returns: what is wrong with the value of a known key; empty when nothing is.
 std::string CheckValue(const zel::LimitKey& key, const std::string& value) {
+    if (key.resourceName == std::string(zel::kKernelRangeKey.resourceName))
+        return CheckKernelRanges(key.resourceName, value);
     if (key.kind == zel::LimitKeyKind::kText) return "";
     const std::string pair = std::string(key.resourceName) + " = " + Shown(value);
     char* end = nullptr;
@@ -73,8 +97,7 @@ std::vector<std::string> CheckResourceText(const std::string& text) {
             findings.push_back(where + Shown(content) + " is no \"key = value\"");
             continue;
         }
-        std::string key = Trim(content.substr(0, equals));
-        for (char& c : key) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);  // keys have no case
+        const std::string key = LowerCase(Trim(content.substr(0, equals)));  // keys have no case
         std::string problem = CheckPair(key, Trim(content.substr(equals + 1)));
         if (problem.empty() && !seen.insert(key).second) problem = key + " stands there twice, the last one counts";
         if (!problem.empty()) findings.push_back(where + problem);
@@ -83,6 +106,20 @@ std::vector<std::string> CheckResourceText(const std::string& text) {
         findings.push_back("no key in it was understood: every value is its default, and no limit is switched on");
     }
     return findings;
+}
+
+std::string FindResourceValue(const std::string& text, const std::string& key) {
+    std::string found;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const std::string content = Trim(line);
+        if (content.empty() || content[0] == ';' || content[0] == '#') continue;
+        if (content[0] == '[') break;  // keys below are not read
+        const size_t equals = content.find('=');
+        if (equals == std::string::npos || LowerCase(Trim(content.substr(0, equals))) != key) continue;
+        found = Trim(content.substr(equals + 1));
+    }
+    return found;
 }
 
 std::vector<std::string> CheckResourceFile(const std::string& path) {

@@ -14,6 +14,9 @@ std::vector<std::string> CheckResourceText(const std::string& text);
 /// The same for a file that may be missing, too long or unreadable.
 std::vector<std::string> CheckResourceFile(const std::string& path);
 
+/// Returns: the value that counts of a key; empty when the text does not give it. Pure.
+std::string FindResourceValue(const std::string& text, const std::string& key);
+
 constexpr size_t kMaxResourceFindings = 10;
 
 }  // namespace agent

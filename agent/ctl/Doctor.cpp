@@ -6,14 +6,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <ctime>
 #include <iterator>
-#include <list>
+#include <optional>
 
 #include "AskAgent.h"
 #include "ComponentsConfig.h"
 #include "Health.h"
+#include "MemoryRefusal.h"
 #include "ResourceFileCheck.h"
 #include "StatusJson.h"
 #include "Text.h"
@@ -32,9 +32,6 @@ using Findings = std::vector<DoctorFinding>;
 
 constexpr unsigned long kLeastFreeBytes = 64UL * 1024 * 1024;
 constexpr unsigned long kLeastFreeInodes = 32;
-/// For how long a failed memory limit is not tried again.
-constexpr int64_t kPauseSeconds = 12 * 3600;
-constexpr size_t kMostRecordLines = 16;
 
 DoctorFinding Ok(const std::string& what, const std::string& evidence = "") {
     return {Severity::kOk, what, evidence, ""};
@@ -99,23 +96,10 @@ DoctorFinding LookAtRoom(const std::string& appDir) {
 
 /// The memory limit failed lately, and the monitor does not try it again before its time.
 Findings LookAtPause(const std::string& appDir, int64_t now) {
-    const std::string path = appDir + zel::kCgroupErrorFileName;
-    std::list<std::string> lines;
-    if (!zel::CFileUtil::IsFile(path) || !zel::CFileUtil::ReadFileLineToList(path, lines, kMostRecordLines)) return {};
-    for (const std::string& line : lines) {
-        const size_t dash = line.find('-');
-        if (dash == std::string::npos) continue;
-        const int64_t when = std::strtoll(line.c_str() + dash + 1, nullptr, 10);
-        if (now - when >= kPauseSeconds) continue;
-        const time_t until = when + kPauseSeconds;
-        tm local{};
-        char text[32] = "";
-        if (localtime_r(&until, &local) != nullptr) strftime(text, sizeof text, "%F %R", &local);
-        return {{Severity::kProblem, std::string("the memory limit is paused until ") + text,
-                 path + ": it failed with " + line.substr(0, dash),
-                 "remove the reason that the log names, then remove " + path + " to try at once"}};
-    }
-    return {};
+    const std::optional<MemoryPause> pause = ReadMemoryPause(appDir, now);
+    if (!pause) return {};
+    return {{Severity::kProblem, "the memory limit is " + DescribePause(*pause), pause->path,
+             "remove the reason that the log names, then remove " + pause->path + " to try at once"}};
 }
 
 }  // namespace

@@ -132,7 +132,7 @@ TEST_F(DoctorFilesTest, APauseOfTheLimitIsAProblemUntilItIsOver) {
     const std::vector<DoctorFinding> found = JudgeFiles(dir.Path(), kNow);
     EXPECT_EQ(Severity::kProblem, WorstOf(found));
     EXPECT_THAT(TextOf(found), HasSubstr("the memory limit is paused until "));
-    EXPECT_THAT(TextOf(found), HasSubstr(record + ": it failed with 119\n"));
+    EXPECT_THAT(TextOf(found), HasSubstr(" because it failed with 119 at "));
     EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow + 11 * 3600)));
     ASSERT_TRUE(support::WriteText(record, "garbage\n\n-\n"));
     EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow)));

@@ -1,8 +1,11 @@
 #include "LimitExplanation.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "MemoryRefusal.h"
 #include "platform/zel/AgentNames.h"
+#include "support/Files.h"
 
 using namespace agent;
 
@@ -40,4 +43,34 @@ TEST(LimitExplanationTest, RootWasRefusedAndOthersGetTheAdvice) {
               ExplainMissingLimits(Unlimited(zel::kModeCpu), true));
     EXPECT_EQ(Lines{"CPU limit is not in force: no quota is set; set one"},
               ExplainMissingLimits(Unlimited(zel::kModeCpu), false));
+}
+
+TEST(LimitExplanationTest, APauseNamesItsEndItsReasonAndItsRemedy) {
+    support::TempDir dir;
+    StatusReport report = Unlimited(zel::kModeMemory);
+    report.now = 1700000000;
+    ASSERT_TRUE(support::WriteText(dir / "resource_config", "mem_limit_kernel_range = 0.0.0-0,99.0.0-0\n"));
+    const auto explain = [&] { return ExplainMemoryRefusal(report, dir.Path(), dir / "resource_config"); };
+    EXPECT_EQ(Lines{}, explain());
+    ASSERT_TRUE(support::WriteText(dir.Path() + zel::kCgroupErrorFileName, "119-1699999999"));
+    ASSERT_EQ(1u, explain().size());
+    EXPECT_THAT(explain()[0], testing::StartsWith("memory limit paused until "));
+    EXPECT_THAT(explain()[0], testing::HasSubstr(" because it failed with 119 at "));
+    EXPECT_THAT(explain()[0], testing::EndsWith("; remove " + dir.Path() + zel::kCgroupErrorFileName + " to try now"));
+    report.now += 12 * 3600;
+    EXPECT_EQ(Lines{}, explain());
+}
+
+TEST(LimitExplanationTest, AListWithoutThisKernelIsNamedWithIt) {
+    EXPECT_EQ("", ExplainKernelList("mem_limit_kernel_range = foo 3.10.0-0,7.0.0-0\n", "6.1.0-9-amd64"));
+    EXPECT_EQ("mem_limit_kernel_range = 3.10.0-0,4.0.0-0 does not hold this kernel, 6.1.0-9-amd64",
+              ExplainKernelList("MEM_LIMIT_KERNEL_RANGE=3.10.0-0,4.0.0-0\n", "6.1.0-9-amd64"));
+    EXPECT_THAT(ExplainKernelList("max_cpu = 10\n", "6.1.0-9-amd64"),
+                testing::StartsWith("mem_limit_kernel_range is empty"));
+    StatusReport report = Unlimited(zel::kModeMemory);
+    support::TempDir dir;
+    ASSERT_TRUE(support::WriteText(dir / "resource_config", "mem_limit_kernel_range = foo\n"));
+    ASSERT_EQ(1u, ExplainMemoryRefusal(report, dir.Path(), dir / "resource_config").size());
+    report.cgroup.mem.limited = true;
+    EXPECT_EQ(Lines{}, ExplainMemoryRefusal(report, dir.Path(), dir / "resource_config"));
 }

@@ -73,3 +73,15 @@ TEST(ResourceFileCheckTest, MissingFileIsAFindingToo) {
 
 }  // namespace
 }  // namespace agent
+
+TEST(ResourceFileCheckTest, AListOfKernelsThatIsNoneIsNamed) {
+    const char kGood[] = "mem_limit_kernel_range = 3.10.0-0,4.0.0-0 5.0.0-0,6.12.0-9\n";
+    EXPECT_TRUE(agent::CheckResourceText(kGood).empty());
+    EXPECT_TRUE(agent::CheckResourceText("mem_limit_kernel_range =\n").empty());
+    for (const char* wrong : {"foo", "3.10.0-0", "3.10.0,4.0.0", "3.10.0-0,4.0.0-0 foo", "3.10-0,4.0-0"}) {
+        const auto findings =
+            agent::CheckResourceText(std::string("max_cpu = 10\nmem_limit_kernel_range = ") + wrong + "\n");
+        ASSERT_EQ(1u, findings.size()) << wrong;
+        EXPECT_NE(std::string::npos, findings[0].find("is no range of kernels")) << findings[0];
+    }
+}
