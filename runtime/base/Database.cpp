@@ -13,6 +13,7 @@
 #include "base/Fd.h"
 #include "base/FileIo.h"
 #include "base/FilePath.h"
+#include "base/TrustedRead.h"
 
 namespace base {
 namespace {
@@ -57,6 +58,27 @@ int MakeFile(const std::string& path, mode_t mode) {
     return ::fchmod(made.Get(), mode) == 0 ? SQLITE_OK : SQLITE_PERM;
 }
 
+// SQLite writes to these beside the file itself. Source: sqlite.org/tempfiles.html.
+constexpr const char* kBeside[] = {"", "-wal", "-shm", "-journal"};
+
+// Nobody else has a hand in what is written: the directory, the file and those beside it.
+Status JudgePlace(const std::string& path) {
+    const Result<Fd> directory = OpenTrustedDirectory(DirectoryOf(path));
+    // What is no verdict is told in SQLite's own terms, when it does not open the file either.
+    if (!directory && directory.GetError().error != 0) return {};
+    if (!directory) return directory.GetError();
+    const std::string name = FileNameOf(path);
+    for (const char* end : kBeside) {
+        struct stat info {};
+        if (::fstatat(directory->Get(), (name + end).c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        // So is the kind of the file itself.
+        if (*end == '\0' && !S_ISREG(info.st_mode)) continue;
+        Status own = JudgeOwnFile(info, path + end);
+        if (!own) return own;
+    }
+    return {};
+}
+
 // Returns: SQLITE_OK when a regular file stands there, or was made.
 int PrepareFile(const std::string& path, const DatabaseOptions& options) {
     struct stat info {};
@@ -72,6 +94,13 @@ Status Database::Open(const std::string& path, const DatabaseOptions& options) {
     Close();
     m_path = path;
     const std::string real = WithRealDirectory(path);
+    if (!real.empty() && !options.readOnly) {
+        Status judged = JudgePlace(real);
+        if (!judged) {
+            m_code = SQLITE_CANTOPEN;
+            return judged;
+        }
+    }
     const int prepared = real.empty() ? SQLITE_CANTOPEN_FULLPATH : PrepareFile(real, options);
     if (prepared != SQLITE_OK) return Fail(prepared, "open");
     const int access = options.readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;

@@ -33,9 +33,9 @@ Result<Fd> OpenRegular(int directory, const std::string& path, int flags, mode_t
     struct stat info {};
     if (::fstat(fd->Get(), &info) != 0) return ErrnoError(errno, "stat", path);
     if (!S_ISREG(info.st_mode)) return MakeError(ErrorKind::kRefused, "open", path, "not a regular file");
-    if ((flags & O_CREAT) != 0 && info.st_nlink > 1) {
-        return MakeError(ErrorKind::kRefused, "open", path, "it has a second name");
-    }
+    if ((flags & O_CREAT) == 0) return fd;
+    Status own = JudgeOwnFile(info, path);
+    if (!own) return own.GetError();
     return fd;
 }
 
@@ -50,6 +50,14 @@ bool SameTime(const timespec& one, const timespec& other) {
 
 }  // namespace
 
+Status JudgeOwnFile(const struct stat& info, const std::string& path) {
+    const auto refuse = [&](const std::string& why) { return MakeError(ErrorKind::kRefused, "open", path, why); };
+    if (!S_ISREG(info.st_mode)) return refuse("not a regular file");
+    if (info.st_nlink > 1) return refuse("it has a second name");
+    if (info.st_uid == 0 || info.st_uid == ::geteuid()) return {};
+    return refuse("owned by user " + std::to_string(info.st_uid) + "; the agent's user or root must own it (chown)");
+}
+
 Result<Fd> OpenForReading(const std::string& path) {
     return OpenRegular(AT_FDCWD, path, O_RDONLY, 0);
 }
@@ -58,8 +66,8 @@ Result<Fd> OpenForAppending(int directory, const std::string& path, mode_t mode)
     return OpenRegular(directory, path, O_RDWR | O_APPEND | O_CREAT, mode);
 }
 
-Result<Fd> OpenForUpdating(const std::string& path, mode_t mode) {
-    return OpenRegular(AT_FDCWD, path, O_RDWR | O_CREAT, mode);
+Result<Fd> OpenForUpdating(int directory, const std::string& path, mode_t mode) {
+    return OpenRegular(directory, path, O_RDWR | O_CREAT, mode);
 }
 
 Result<Fd> OpenExistingForWriting(const std::string& path) {

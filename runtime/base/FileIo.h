@@ -1,6 +1,7 @@
 // Files opened, read, written and moved by a process that runs as root: nothing is opened through a link as the last
 // element of its path, nothing but a regular file is taken for one (a pipe or a device that was planted there neither
-// blocks nor answers), what is written to has no second name elsewhere, and every descriptor is close-on-exec.
+// blocks nor answers), what is written to belongs to root or this user and has no second name elsewhere, and every
+// descriptor is close-on-exec.
 #pragma once
 
 #include <sys/stat.h>
@@ -21,7 +22,11 @@ Result<Fd> OpenForReading(const std::string& path);
 Result<Fd> OpenForAppending(int directory, const std::string& path, mode_t mode);
 
 /// Opens a regular file for reading and writing; makes it with `mode`, which the process's umask narrows.
-Result<Fd> OpenForUpdating(const std::string& path, mode_t mode);
+/// `directory`: as above.
+Result<Fd> OpenForUpdating(int directory, const std::string& path, mode_t mode);
+
+/// The verdict on a file of this process's own that is to be written: regular, root's or this user's, one name.
+Status JudgeOwnFile(const struct stat& info, const std::string& path);
 
 /// Opens for writing what is there already; makes nothing. For kernel files and devices, so any kind of file.
 Result<Fd> OpenExistingForWriting(const std::string& path);

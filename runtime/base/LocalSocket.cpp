@@ -14,8 +14,10 @@
 #include <cstring>
 #include <utility>
 
+#include "base/FileIo.h"
 #include "base/FilePath.h"
 #include "base/ProcFiles.h"
+#include "base/TrustedRead.h"
 
 namespace base {
 namespace {
@@ -40,14 +42,11 @@ struct LocalPlace {
     const sockaddr* Address() const { return reinterpret_cast<const sockaddr*>(&address); }
 };
 
-Status CheckOwner(int directory, const std::string& folder) {
-    struct stat info {};
-    if (fstat(directory, &info) != 0) return ErrnoError(errno, "examine directory", folder);
-    if ((info.st_uid != 0 && info.st_uid != geteuid()) || (info.st_mode & S_IWOTH) != 0) {
-        return MakeError(ErrorKind::kRefused, "use a socket in", folder,
-                         "the directory is another user's or writable by everybody");
-    }
-    return {};
+Result<Fd> OpenFolder(const std::string& folder, DirectoryOwner owner) {
+    if (owner == DirectoryOwner::kTrusted) return OpenTrustedDirectory(folder);
+    Fd directory(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) return ErrnoError(errno, "open directory", folder);
+    return directory;
 }
 
 Result<LocalPlace> FindPlace(const std::string& path, DirectoryOwner owner) {
@@ -58,13 +57,10 @@ Result<LocalPlace> FindPlace(const std::string& path, DirectoryOwner owner) {
                          "it is not the absolute path of a file");
     }
     const std::string folder = DirectoryOf(path);
+    Result<Fd> directory = OpenFolder(folder, owner);
+    if (!directory) return directory.GetError();
     LocalPlace place;
-    place.directory = Fd(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!place.directory) return ErrnoError(errno, "open directory", folder);
-    if (owner == DirectoryOwner::kTrusted) {
-        Status trusted = CheckOwner(place.directory.Get(), folder);
-        if (!trusted) return trusted.GetError();
-    }
+    place.directory = std::move(*directory);
     place.name = name;
     const bool fits = path.size() < sizeof place.address.sun_path;
     const std::string reached = fits ? path : OwnDescriptor(place.directory.Get()).c_str() + ("/" + place.name);
@@ -78,10 +74,9 @@ Result<LocalPlace> FindPlace(const std::string& path, DirectoryOwner owner) {
 
 /// The lock, not the socket, says who serves: it vanishes with its process, and taking it is atomic.
 Result<Fd> TakeLock(const LocalPlace& place, const std::string& path) {
-    Fd lock(openat(place.directory.Get(), (place.name + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
-                   kSocketMode));
-    if (!lock) return ErrnoError(errno, "open", path + ".lock");
-    if (flock(lock.Get(), LOCK_EX | LOCK_NB) == 0) return lock;
+    Result<Fd> lock = OpenForUpdating(place.directory.Get(), place.name + ".lock", kSocketMode);
+    if (!lock) return lock;
+    if (flock(lock->Get(), LOCK_EX | LOCK_NB) == 0) return lock;
     if (errno == EWOULDBLOCK) return MakeError(ErrorKind::kBusy, "serve", path, "another process serves it");
     return ErrnoError(errno, "lock", path + ".lock");
 }

@@ -33,7 +33,7 @@ Result<Peer> ReadPeer(int socket);
 
 /// Whose directory may hold a socket.
 enum class DirectoryOwner {
-    kTrusted,  ///< root's or this user's, and not writable by everybody
+    kTrusted,  ///< root's or this user's and writable by nobody else, and so are those above it
     kAnybody,  ///< for an operator who names the place; the path may be relative then
 };
 

@@ -7,12 +7,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <deque>
+#include <string_view>
+#include <utility>
 
 #include "base/FileIo.h"
 #include "base/FilePath.h"
+#include "base/ProcFiles.h"
 
 namespace base {
 namespace {
@@ -20,6 +24,8 @@ namespace {
 constexpr mode_t kPermissions = 07777;
 constexpr int kMaxLinks = 40;  // as many as the kernel follows. Source: path_resolution(7)
 constexpr size_t kMaxElements = 256;
+constexpr size_t kScriptHeadBytes = 256;  // what the kernel looks at
+constexpr int kMaxInterpreters = 4;       // a script that is another script's interpreter, and so on
 constexpr char kLinkHint[] = "a symbolic link is not followed";
 
 bool IsOwnerTrusted(const struct stat& info) {
@@ -63,11 +69,19 @@ Status JudgeFile(const std::string& path, const struct stat& info) {
     return status ? JudgeModes(path, info) : status;
 }
 
-// What stands in a sticky directory belongs to root or this user, which is judged for it: nobody else can take it away.
+// On the way down: what stands in a sticky directory belongs to root or this user, which is judged for it, so nobody
+// else can take it away.
 Status JudgeDirectory(const std::string& path, const struct stat& info) {
     Status status = JudgeOwner(path, info);
     if (!status || (info.st_mode & S_ISVTX) != 0) return status;
     return JudgeModes(path, info);
+}
+
+// What is read or run by name is held by a directory in which nobody else can make a name, sticky or not: a second name
+// of a file of root's would pass for that file.
+Status JudgeHolder(const std::string& path, const struct stat& info) {
+    Status status = JudgeOwner(path, info);
+    return status ? JudgeModes(path, info) : status;
 }
 
 Result<struct stat> StatOf(const Fd& fd, const std::string& path) {
@@ -95,56 +109,74 @@ Result<std::string> Absolute(const std::string& path) {
     return std::string(current) + "/" + path;
 }
 
-// Walks from the root directory down, judging each element before the next one is opened below it.
+// What a walk came to.
+struct Found {
+    Fd at;
+    std::string path;  // without links
+    Fd holder;         // of what is no directory
+    struct stat info {};
+};
+
+// Walks from the root directory down, judging each element before the next one is opened below it. A file at the end is
+// not judged here, the directory that holds it is.
 class Walk {
 public:
-    /// `followLast`: a link as the last element is followed, when it is trusted.
-    static Result<Fd> To(const std::string& path, bool followLast) {
+    static Result<Found> To(const std::string& path) {
         const Result<std::string> absolute = Absolute(path);
         if (!absolute) return absolute.GetError();
-        Walk walk(ElementsOf(*absolute), followLast);
+        Walk walk(ElementsOf(*absolute));
         Status status = walk.Begin();
         while (status && !walk.m_left.empty()) status = walk.Step();
         if (!status) return status.GetError();
-        return std::move(walk.m_at);
+        return std::move(walk.m_found);
     }
 
 private:
-    Walk(std::deque<std::string> elements, bool followLast) : m_left(std::move(elements)), m_followLast(followLast) {}
+    explicit Walk(std::deque<std::string> elements) : m_left(std::move(elements)) {}
 
     Status Begin() {
-        m_at.Reset(RetryOnSignal([] { return ::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC); }));
-        m_path = "/";
-        if (!m_at) return ErrnoError(errno, "open", m_path);
-        const Result<struct stat> info = StatOf(m_at, m_path);
-        return info ? JudgeDirectory(m_path, *info) : Status(info.GetError());
+        m_found.at.Reset(RetryOnSignal([] { return ::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC); }));
+        m_found.path = "/";
+        if (!m_found.at) return ErrnoError(errno, "open", m_found.path);
+        const Result<struct stat> info = StatOf(m_found.at, m_found.path);
+        if (!info) return info.GetError();
+        m_found.info = *info;
+        return JudgeDirectory(m_found.path, *info);
     }
 
     Status Step() {
-        if (m_left.size() > kMaxElements) return MakeError(ErrorKind::kTooLarge, "open", m_path, "too many elements");
+        if (m_left.size() > kMaxElements) {
+            return MakeError(ErrorKind::kTooLarge, "open", m_found.path, "too many elements");
+        }
         const std::string element = std::move(m_left.front());
         m_left.pop_front();
-        const std::string path = element == ".." ? DirectoryOf(m_path) : (m_path == "/" ? "" : m_path) + "/" + element;
-        Fd next(RetryOnSignal([&] { return ::openat(m_at.Get(), element.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); }));
+        const std::string above = m_found.path == "/" ? "" : m_found.path;
+        const std::string path = element == ".." ? DirectoryOf(m_found.path) : above + "/" + element;
+        constexpr int kFlags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+        Fd next(RetryOnSignal([&] { return ::openat(m_found.at.Get(), element.c_str(), kFlags); }));
         if (!next) return ErrnoError(errno, "open", path);
         const Result<struct stat> info = StatOf(next, path);
         if (!info) return info.GetError();
+        const bool isDirectory = S_ISDIR(info->st_mode);
+        if (!isDirectory && m_left.empty()) {
+            Status held = JudgeHolder(m_found.path, m_found.info);
+            if (!held) return held;
+        }
         if (S_ISLNK(info->st_mode)) return Follow(next, path, *info);
-        if (S_ISDIR(info->st_mode)) {
+        if (!isDirectory && !m_left.empty()) return ErrnoError(ENOTDIR, "open", path);
+        if (isDirectory) {
             Status status = JudgeDirectory(path, *info);
             if (!status) return status;
-        } else if (!m_left.empty()) {
-            return ErrnoError(ENOTDIR, "open", path);
+        } else {
+            m_found.holder = std::move(m_found.at);
         }
-        m_at = std::move(next);
-        m_path = path;
+        m_found.at = std::move(next);
+        m_found.path = path;
+        m_found.info = *info;
         return {};
     }
 
     Status Follow(const Fd& link, const std::string& path, const struct stat& info) {
-        if (m_left.empty() && !m_followLast) {
-            return Distrust(path, kLinkHint);
-        }
         Status status = JudgeOwner(path, info);
         if (!status) return status;
         if (++m_links > kMaxLinks) return ErrnoError(ELOOP, "open", path);
@@ -159,9 +191,7 @@ private:
     }
 
     std::deque<std::string> m_left;
-    const bool m_followLast;
-    Fd m_at;
-    std::string m_path;
+    Found m_found;
     int m_links = 0;
 };
 
@@ -175,9 +205,53 @@ Result<Fd> OpenAt(int directory, const std::string& name, const std::string& pat
 }
 
 Result<Fd> OpenInTrustedPlace(const std::string& path) {
-    const Result<Fd> directory = Walk::To(DirectoryOf(path), true);
+    const Result<Fd> directory = OpenTrustedDirectory(DirectoryOf(path));
     if (!directory) return directory.GetError();
     return OpenAt(directory->Get(), FileNameOf(path), path);
+}
+
+// The interpreter that a script names in its first line; empty for a program that is no script.
+// Source: execve(2), "Interpreter scripts".
+Result<std::string> ReadInterpreter(const Found& program) {
+    const std::string name = FileNameOf(program.path);
+    const Result<Fd> file = OpenAt(program.holder.Get(), name, program.path);
+    if (!file && file.GetError().kind == ErrorKind::kDenied) return std::string();  // no script can be run unread
+    if (!file) return file.GetError();
+    const Result<struct stat> info = StatOf(*file, program.path);
+    if (!info) return info.GetError();
+    if (info->st_ino != program.info.st_ino || info->st_dev != program.info.st_dev) {
+        return Distrust(program.path, "it was exchanged meanwhile");
+    }
+    char head[kScriptHeadBytes];
+    const ssize_t length = RetryOnSignal([&] { return ::pread(file->Get(), head, sizeof head, 0); });
+    if (length < 0) return ErrnoError(errno, "read", program.path);
+    const std::string_view line(head, static_cast<size_t>(length));
+    if (line.substr(0, 2) != "#!") return std::string();
+    const size_t begin = std::min(line.find_first_not_of(" \t", 2), line.size());
+    const size_t end = std::min(line.find_first_of(std::string_view(" \t\n\0", 4), begin), line.size());
+    return std::string(line.substr(begin, end - begin));
+}
+
+Result<TrustedProgram> OpenProgram(const std::string& path, int interpreters) {
+    Result<Found> found = Walk::To(path);
+    if (!found) return found.GetError();
+    const Status status = JudgeFile(found->path, found->info);
+    if (!status) return status.GetError();
+    if ((found->info.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) == 0) {
+        return Distrust(found->path, "not executable, " + ModeText(found->info) + " (chmod +x)");
+    }
+    const Result<std::string> interpreter = ReadInterpreter(*found);
+    if (!interpreter) return interpreter.GetError();
+    if (!interpreter->empty()) {
+        if (interpreters == 0) return Distrust(found->path, "too many interpreters");
+        const Result<TrustedProgram> its = OpenProgram(*interpreter, interpreters - 1);
+        if (!its) return its.GetError();
+    }
+    TrustedProgram program;
+    program.path = OwnDescriptor(found->holder.Get()).c_str() + ("/" + FileNameOf(found->path));
+    program.directory = std::move(found->holder);
+    program.isScript = !interpreter->empty();
+    return program;
 }
 
 }  // namespace
@@ -199,25 +273,27 @@ Result<std::string> ReadTrusted(const std::string& path, size_t limit, TrustScop
 }
 
 Result<Fd> OpenTrustedDirectory(const std::string& path) {
-    Result<Fd> fd = Walk::To(path, true);
-    if (!fd) return fd;
-    const Result<struct stat> info = StatOf(*fd, path);
-    if (!info) return info.GetError();
-    if (!S_ISDIR(info->st_mode)) return ErrnoError(ENOTDIR, "open", path);
-    return fd;
+    Result<Found> found = Walk::To(path);
+    if (!found) return found.GetError();
+    if (!S_ISDIR(found->info.st_mode)) return ErrnoError(ENOTDIR, "open", path);
+    const Status status = JudgeHolder(found->path, found->info);
+    if (!status) return status.GetError();
+    return std::move(found->at);
 }
 
-Result<Fd> OpenTrustedProgram(const std::string& path) {
-    Result<Fd> fd = Walk::To(path, true);
-    if (!fd) return fd;
-    const Result<struct stat> info = StatOf(*fd, path);
-    if (!info) return info.GetError();
-    const Status status = JudgeFile(path, *info);
-    if (!status) return status.GetError();
-    if ((info->st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) == 0) {
-        return Distrust(path, "not executable, " + ModeText(*info) + " (chmod +x)");
-    }
-    return fd;
+Result<TrustedProgram> OpenTrustedProgram(const std::string& path) {
+    return OpenProgram(path, kMaxInterpreters);
+}
+
+int RunTrustedProgram(const TrustedProgram& program, char* const* arguments, char* const* environment) {
+    // The interpreter opens the script by this path, so it needs the descriptor as well.
+    if (program.isScript && ::fcntl(program.directory.Get(), F_SETFD, 0) != 0) return errno;
+    ::execve(program.path.c_str(), arguments, environment);
+    return errno;
+}
+
+std::string ReasonOf(const Error& error, const std::string& path) {
+    return error.path.empty() || error.path == path ? error.Reason() : error.path + ": " + error.Reason();
 }
 
 }  // namespace base

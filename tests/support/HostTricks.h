@@ -41,7 +41,8 @@ inline std::string OnSmallDisk(const std::string& directory, const char* options
             return;
         }
         if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            mount("zel-test", directory.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options) != 0) {
+            mount("zel-test", directory.c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
+                  (std::string("mode=0700,") + options).c_str()) != 0) {
             reason = std::string("no tmpfs of its own: ") + strerror(errno);
             return;
         }

@@ -298,7 +298,7 @@ void CEventSpool::RemoveReserve() {
 }
 
 void CEventSpool::TouchReserve() {
-    const base::Result<base::Fd> fd = base::OpenForUpdating(ReservePath(), kReserveMode);
+    const base::Result<base::Fd> fd = base::OpenForUpdating(AT_FDCWD, ReservePath(), kReserveMode);
     m_reserve = fd && posix_fallocate(fd->Get(), 0, kReserveBytes) == 0;
     if (!m_reserve) RemoveReserve();
 }

@@ -54,7 +54,7 @@ struct Opener {
 constexpr Opener kOpeners[] = {
     {"reading", base::OpenForReading},
     {"appending", [](const std::string& path) { return base::OpenForAppending(AT_FDCWD, path, 0640); }},
-    {"updating", [](const std::string& path) { return base::OpenForUpdating(path, 0640); }}};
+    {"updating", [](const std::string& path) { return base::OpenForUpdating(AT_FDCWD, path, 0640); }}};
 
 TEST_F(FileIoTest, EveryOpenerTakesARegularFileOnly) {
     for (const Opener& opener : kOpeners) {
@@ -87,7 +87,7 @@ TEST_F(FileIoTest, WritersMakeAMissingFileWithTheirMode) {
     ASSERT_EQ(0, ::lseek(appending->Get(), 0, SEEK_SET));
     ASSERT_TRUE(base::WriteAll(*appending, "two", "made"));
     EXPECT_EQ("onetwo", ReadText(m_dir / "made"));
-    ASSERT_TRUE(base::OpenForUpdating(m_dir / "lock", 0600));
+    ASSERT_TRUE(base::OpenForUpdating(AT_FDCWD, m_dir / "lock", 0600));
     EXPECT_EQ(0600, ModeOf(m_dir / "lock"));
 }
 
@@ -149,7 +149,7 @@ TEST_F(FileIoTest, FailedAndInterruptedReadsAreTold) {
 }
 
 TEST_F(FileIoTest, WritesAreCarriedOnAndTellWhatStopsThem) {
-    Result<Fd> fd = base::OpenForUpdating(m_file, 0600);
+    Result<Fd> fd = base::OpenForUpdating(AT_FDCWD, m_file, 0600);
     ASSERT_TRUE(fd);
     {
         const ShortWrites slow(3);
@@ -199,7 +199,7 @@ TEST_F(FileIoTest, ADirectoryOnAReadOnlyDiskIsWhatWasWanted) {
     const Status status = base::MakeDirectories(disk / "there/more");
     ASSERT_FALSE(status);
     EXPECT_EQ(ErrorKind::kReadOnly, status.GetError().kind);
-    EXPECT_EQ(ErrorKind::kReadOnly, base::OpenForUpdating(disk / "file", 0600).GetError().kind);
+    EXPECT_EQ(ErrorKind::kReadOnly, base::OpenForUpdating(AT_FDCWD, disk / "file", 0600).GetError().kind);
 }
 
 TEST_F(FileIoTest, FilesAreMovedAndRemoved) {

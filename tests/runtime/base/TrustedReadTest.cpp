@@ -18,6 +18,7 @@ using base::OpenTrustedDirectory;
 using base::OpenTrustedProgram;
 using base::ReadTrusted;
 using base::Result;
+using base::TrustedProgram;
 using base::TrustScope;
 using support::TempDir;
 using support::WriteText;
@@ -42,6 +43,23 @@ protected:
         ASSERT_FALSE(text) << why;
         EXPECT_EQ(ErrorKind::kRefused, text.GetError().kind) << why;
         EXPECT_THAT(text.GetError().Reason(), HasSubstr(why));
+    }
+
+    static int ExitCode(const TrustedProgram& program, const std::vector<std::string>& words) {
+        std::vector<std::string> copies = words;
+        std::vector<char*> arguments;
+        for (std::string& word : copies) arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        const pid_t pid = ::fork();
+        if (pid == 0) ::_exit(base::RunTrustedProgram(program, arguments.data(), environ) == 0 ? 125 : 126);
+        int status = -1;
+        return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    static int ExitCodeOf(const std::string& path, const std::vector<std::string>& words) {
+        const Result<TrustedProgram> program = OpenTrustedProgram(path);
+        if (program) return ExitCode(*program, words);
+        ADD_FAILURE() << program.GetError().Text();
+        return -1;
     }
 
     TempDir m_dir;
@@ -140,6 +158,10 @@ TEST_F(TrustedReadTest, ThePlaceCountsOnlyWhenItIsAskedFor) {
     Refuses(m_place + "/deep/file", TrustScope::kWithPlace, "writable by everybody");
     ASSERT_EQ(0, ::chmod(m_place.c_str(), 01777));
     EXPECT_TRUE(ReadTrusted(m_place + "/deep/file", 100, TrustScope::kWithPlace)) << "sticky: it cannot be exchanged";
+    // Where others can make names, a name says nothing: a second one of a file of root's could stand there.
+    Refuses(m_place + "/file", TrustScope::kWithPlace, "writable by everybody, mode 1777 (chmod o-w)");
+    EXPECT_FALSE(OpenTrustedDirectory(m_place));
+    EXPECT_TRUE(OpenTrustedDirectory(m_place + "/deep"));
     ASSERT_EQ(0, ::chmod(m_place.c_str(), 0755));
     EXPECT_TRUE(ReadTrusted(m_place + "/deep/file", 100, TrustScope::kWithPlace));
 }
@@ -205,19 +227,9 @@ TEST_F(TrustedReadTest, ATrustedDirectoryIsOneToOpenBelow) {
 }
 
 TEST_F(TrustedReadTest, AProgramIsRunFromTheDescriptorThatWasJudged) {
-    Result<Fd> program = OpenTrustedProgram("/bin/true");
-    ASSERT_TRUE(program) << program.GetError().Text();
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        char name[] = "true";
-        char* const arguments[] = {name, nullptr};
-        char* const environment[] = {nullptr};
-        ::fexecve(program->Get(), arguments, environment);
-        ::_exit(126);
-    }
-    int status = -1;
-    ASSERT_EQ(pid, ::waitpid(pid, &status, 0));
-    EXPECT_EQ(0, status);
+    EXPECT_EQ(7, ExitCodeOf("/bin/sh", {"sh", "-c", "exit 7"}));
+    EXPECT_EQ(0, ExitCodeOf("/bin/sh", {"sh", "-c", "read -r name < /proc/$$/comm; [ \"$name\" != \"${name#*sh}\" ]"}))
+        << "it is named as its file is";
     EXPECT_TRUE(OpenTrustedProgram("/bin/sh")) << "a system's own links are followed";
     EXPECT_THAT(OpenTrustedProgram(m_file).GetError().Reason(), HasSubstr("not executable, mode 0640"));
     EXPECT_FALSE(OpenTrustedProgram(m_place));
@@ -229,6 +241,57 @@ TEST_F(TrustedReadTest, AProgramIsRunFromTheDescriptorThatWasJudged) {
     ASSERT_EQ(0, ::chmod(m_dir.Path().c_str(), 0777));
     EXPECT_EQ(m_dir.Path(), OpenTrustedProgram(m_file).GetError().path);
     ASSERT_EQ(0, ::chmod(m_dir.Path().c_str(), 0700));
+}
+
+TEST_F(TrustedReadTest, AScriptIsRunByItsDescriptorThroughAJudgedInterpreter) {
+    const std::string script = m_place + "/script";
+    WriteText(script, "#! /bin/sh -e\n[ \"$1\" = one ] && cd \"$(dirname \"$0\")\" && [ -f file ] && exit 5\n");
+    ASSERT_EQ(0, ::chmod(script.c_str(), 0755));
+    EXPECT_EQ(5, ExitCodeOf(script, {"script", "one"})) << "it finds itself and what stands beside it";
+    // The place is exchanged after the verdict: what runs is what was judged.
+    const Result<TrustedProgram> judged = OpenTrustedProgram(script);
+    ASSERT_TRUE(judged) << judged.GetError().Text();
+    ASSERT_EQ(0, ::rename(m_place.c_str(), (m_dir / "moved").c_str()));
+    ASSERT_EQ(0, ::mkdir(m_place.c_str(), 0755));
+    WriteText(script, "#!/bin/sh\nexit 6\n");
+    ASSERT_EQ(0, ::chmod(script.c_str(), 0755));
+    EXPECT_EQ(5, ExitCode(*judged, {"script", "one"}));
+    EXPECT_EQ(6, ExitCodeOf(script, {"script"}));
+}
+
+TEST_F(TrustedReadTest, AnInterpreterThatOthersMayWriteIsRefused) {
+    const std::string interpreter = m_place + "/interpreter";
+    const std::string script = m_dir / "script";
+    WriteText(interpreter, "#!/bin/sh\nexit 3\n");
+    ASSERT_EQ(0, ::chmod(interpreter.c_str(), 0755));
+    WriteText(script, "#!" + interpreter + " argument\n");
+    ASSERT_EQ(0, ::chmod(script.c_str(), 0755));
+    EXPECT_EQ(3, ExitCodeOf(script, {"script"}));
+    ASSERT_EQ(0, ::chmod(interpreter.c_str(), 0757));
+    const Result<TrustedProgram> refused = OpenTrustedProgram(script);
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(interpreter + ": writable by everybody, mode 0757 (chmod o-w)",
+              base::ReasonOf(refused.GetError(), script));
+    ASSERT_EQ(0, ::chmod(interpreter.c_str(), 0755));
+    WriteText(interpreter, "#!" + interpreter + "\n");
+    EXPECT_THAT(OpenTrustedProgram(script).GetError().Reason(), HasSubstr("too many interpreters"));
+}
+
+TEST_F(TrustedReadTest, AProgramInASharedDirectoryIsRefusedStickyOrNot) {
+    const std::string program = m_place + "/program";
+    WriteText(program, "#!/bin/sh\n");
+    ASSERT_EQ(0, ::chmod(program.c_str(), 0755));
+    ASSERT_EQ(0, ::symlink("/bin/true", (m_place + "/link").c_str()));
+    EXPECT_TRUE(OpenTrustedProgram(program));
+    EXPECT_TRUE(OpenTrustedProgram(m_place + "/link"));
+    for (const mode_t mode : {0777U, 01777U}) {
+        ASSERT_EQ(0, ::chmod(m_place.c_str(), mode));
+        for (const char* name : {"/program", "/link"}) {
+            const Result<TrustedProgram> refused = OpenTrustedProgram(m_place + name);
+            ASSERT_FALSE(refused) << name << " in " << std::oct << mode;
+            EXPECT_EQ(m_place, refused.GetError().path);
+        }
+    }
 }
 
 TEST_F(TrustedReadTest, NoVerdictLeavesADescriptorOpen) {

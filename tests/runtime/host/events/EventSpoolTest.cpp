@@ -247,7 +247,7 @@ TEST_F(EventSpoolTest, UnwrittenWaitsInMemoryAndCatchesUpInOrder) {
 
 TEST_F(EventSpoolTest, OnFullDiskReserveLetsTheFirstMessagesThrough) {
     if (geteuid() != 0 || mkdir((m_dir / "small").c_str(), 0700) != 0 ||
-        mount("none", (m_dir / "small").c_str(), "tmpfs", 0, "size=2m") != 0) {
+        mount("none", (m_dir / "small").c_str(), "tmpfs", 0, "size=2m,mode=0700") != 0) {
         GTEST_SKIP() << "needs root: a small tmpfs";
     }
     {
