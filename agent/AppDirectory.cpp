@@ -12,6 +12,7 @@
 
 #include "AgentPaths.h"
 #include "base/FileIo.h"
+#include "base/TrustedRead.h"
 
 namespace agent {
 
@@ -21,23 +22,14 @@ constexpr const char* kFolders[] = {"conf", "log", "run", "data", "spool", "self
 constexpr mode_t kFolderMode = 0750;
 constexpr mode_t kLockMode = 0640;
 
-/// Errors: `path` is not a directory that only root and this user may change.
+/// Errors: `path` is not a directory that only root and this user may change, or stands where others may put another.
 base::Status CheckOwner(const std::string& path) {
     struct stat info {};
     if (lstat(path.c_str(), &info) != 0) return base::SentenceError(path + ": " + base::ErrnoText(errno));
     if (!S_ISDIR(info.st_mode)) return base::SentenceError(path + " is not a directory");
-    if (info.st_uid != geteuid() && info.st_uid != 0) {
-        return base::SentenceError(path + " belongs to user " + std::to_string(info.st_uid) +
-                                   ": chown it to the agent's user");
-    }
-    if ((info.st_mode & S_IWOTH) != 0 && (info.st_mode & S_ISVTX) == 0) {
-        return base::SentenceError(path + " may be written by everybody: chmod o-w " + path);
-    }
-    return {};
-}
-
-std::string ReasonOf(const base::Error& error) {
-    return error.error != 0 ? base::ErrnoText(error.error) : error.hint;
+    const base::Result<base::Fd> trusted = base::OpenTrustedDirectory(path);
+    if (trusted) return {};
+    return base::SentenceError(path + ": " + base::ReasonOf(trusted.GetError(), path));
 }
 
 /// What the holder of the lock has written into it.
@@ -73,10 +65,10 @@ base::Status AppDirectory::MakeFolders(const std::string& path) {
 
 base::Status AppDirectory::TakeLock(const std::string& path, const std::string& name) {
     const std::string file = LockFile(path, name);
-    base::Result<base::Fd> opened = base::OpenForUpdating(file, kLockMode);
+    base::Result<base::Fd> opened = base::OpenForUpdating(AT_FDCWD, file, kLockMode);
     if (!opened) {
         // Without the folder there is no lock either: what matters is then why there is no folder.
-        m_warning = m_warning.empty() ? "cannot make " + file + " (" + ReasonOf(opened.GetError()) +
+        m_warning = m_warning.empty() ? "cannot make " + file + " (" + opened.GetError().Reason() +
                                             "): nothing keeps a second process of this name out"
                                       : m_warning + ", and nothing keeps a second process of this name out";
         return {};

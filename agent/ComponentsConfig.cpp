@@ -109,11 +109,11 @@ base::Result<std::vector<ComponentConfig>> ParseComponents(const std::string& te
 
 base::Result<std::vector<ComponentConfig>> LoadComponents(const std::string& path) {
     // What it names is run by this process: nobody else may have written it.
-    const base::Result<std::string> text = base::ReadTrusted(path, kMaxFileBytes, base::TrustScope::kFile);
+    const base::Result<std::string> text = base::ReadTrusted(path, kMaxFileBytes, base::TrustScope::kWithPlace);
     if (!text) {
         const base::Error& error = text.GetError();
         if (error.kind == base::ErrorKind::kNotFound) return BuiltInComponents();
-        if (error.kind != base::ErrorKind::kTooLarge) return Bad(path + ": " + error.Reason());
+        if (error.kind != base::ErrorKind::kTooLarge) return Bad(path + ": " + base::ReasonOf(error, path));
         return Bad(path + ": cannot be read, or is longer than " + std::to_string(kMaxFileBytes) + " bytes");
     }
     base::Result<std::vector<ComponentConfig>> parsed = ParseComponents(*text);

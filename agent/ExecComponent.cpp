@@ -12,6 +12,7 @@
 #include "ExitCode.h"
 #include "GroupClient.h"
 #include "ParentProcess.h"
+#include "base/TrustedRead.h"
 #include "platform/zel/CgroupTreeStatus.h"
 #include "platform/zel/LogControl.h"
 
@@ -36,9 +37,11 @@ int ExecComponent(const Options& options) {
     argv.reserve(words.size() + 1);
     for (std::string& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
-    execv(argv[0], argv.data());
-    int error = errno;
-    fprintf(stderr, "%s: %s: %s\n", options.name.c_str(), argv[0], strerror(error));
+    const auto program = base::OpenTrustedProgram(options.command[0]);
+    const int error = program ? base::RunTrustedProgram(*program, argv.data(), environ) : program.GetError().error;
+    const std::string reason =
+        program ? base::ErrnoText(error) : base::ReasonOf(program.GetError(), options.command[0]);
+    fprintf(stderr, "%s: %s: %s\n", options.name.c_str(), argv[0], reason.c_str());
     return error == ENOENT ? 127 : 126;
 }
 

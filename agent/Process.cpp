@@ -20,6 +20,7 @@
 #include "ResourceFileCheck.h"
 #include "ServicesStart.h"
 #include "SteadyTime.h"
+#include "base/TrustedRead.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupClient.h"
 #include "platform/zel/CgroupTreeStatus.h"
@@ -54,6 +55,15 @@ sigset_t TakenSignals() {
     sigemptyset(&taken);
     for (int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGCHLD, SIGALRM}) sigaddset(&taken, signal);
     return taken;
+}
+
+/// The monitor opens this file itself, by its path: nobody else can exchange it between this verdict and that.
+/// Returns: why it must not be used; empty when it may, or when there is none.
+std::string JudgeConfiguration(const std::string& path) {
+    if (!zel::CFileUtil::IsFile(path)) return "";
+    const base::Result<base::Fd> file = base::OpenTrusted(path, base::TrustScope::kWithPlace);
+    if (file) return "";
+    return "resource configuration " + path + " is not used: " + base::ReasonOf(file.GetError(), path);
 }
 
 }  // namespace
@@ -172,6 +182,11 @@ int Process::StartMonitor() {
         m_monitor->SetCgroupClient(m_client.get());
     }
     const std::string& path = m_options.configPath;
+    const std::string untrusted = JudgeConfiguration(path);
+    if (!untrusted.empty()) {
+        LogLine(untrusted, zel::kLogError);
+        return Refuse(kExitConfiguration, untrusted);
+    }
     m_monitor->SetConfigPath(path);
     if (m_options.IsMain() && zel::CFileUtil::IsFile(path)) {
         for (const std::string& finding : CheckResourceFile(path)) {

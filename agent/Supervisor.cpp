@@ -30,8 +30,8 @@ constexpr unsigned int kStopStepMs = 20;
 constexpr unsigned int kKillGraceMs = 2000;
 
 /// The child's side of a fork, up to its program. The child of a process with threads may only make system calls.
-[[noreturn]] void Become(const char* program, char* const* argv, const std::vector<base::Fd>& groups, int null,
-                         int failureEnd) {
+[[noreturn]] void Become(const base::TrustedProgram& program, char* const* argv, const std::vector<base::Fd>& groups,
+                         int null, int failureEnd) {
     // A group that does not take the child is no reason not to run: the child's own client tries again and says why.
     for (const base::Fd& group : groups) {
         if (write(group.Get(), "0", 1) < 0) continue;
@@ -45,10 +45,14 @@ constexpr unsigned int kKillGraceMs = 2000;
         dup2(null, STDIN_FILENO);
         dup2(null, STDOUT_FILENO);
     }
-    execve(program, argv, environ);
-    const int failure = errno;
+    const int failure = base::RunTrustedProgram(program, argv, environ);
     if (write(failureEnd, &failure, sizeof failure) < 0) _exit(126);
     _exit(127);
+}
+
+/// A refusal says what to do; a program that is not there is told in the system's words.
+std::string Why(const base::Error& error, const std::string& path) {
+    return error.kind == base::ErrorKind::kRefused ? "not run: " + base::ReasonOf(error, path) : error.Reason();
 }
 
 }  // namespace
@@ -70,7 +74,8 @@ Supervisor::Supervisor(std::string program, std::vector<std::string> common, std
       m_budgetPath(std::move(budgetPath)),
       m_onEnd(std::move(onEnd)),
       m_budget(base::ReadBootId()) {
-    const base::Result<std::string> text = base::ReadTrusted(m_budgetPath, kMaxBudgetBytes, base::TrustScope::kFile);
+    const base::Result<std::string> text =
+        base::ReadTrusted(m_budgetPath, kMaxBudgetBytes, base::TrustScope::kWithPlace);
     if (!text && text.GetError().kind == base::ErrorKind::kNotFound) return;
     if (!text || !m_budget.Parse(*text)) {
         LogLine("restart budget " + m_budgetPath + " cannot be read: it starts anew", zel::kLogWarning);
@@ -95,7 +100,20 @@ std::vector<base::Fd> Supervisor::OpenGroups(const std::string& name) const {
     return groups;
 }
 
-base::Result<pid_t> Supervisor::Launch(const std::string& name, std::vector<std::string> arguments) const {
+base::Result<base::TrustedProgram> Supervisor::JudgePrograms(const ComponentConfig& config) const {
+    // The command is opened again by the process that becomes it; here it is judged, so that what is refused is told by
+    // the main process and not started at all.
+    if (!config.command.empty()) {
+        const auto command = base::OpenTrustedProgram(config.command[0]);
+        if (!command) return base::SentenceError(config.command[0] + ": " + Why(command.GetError(), config.command[0]));
+    }
+    auto program = base::OpenTrustedProgram(m_program);
+    if (!program) return base::SentenceError(m_program + ": " + Why(program.GetError(), m_program));
+    return program;
+}
+
+base::Result<pid_t> Supervisor::Launch(const base::TrustedProgram& program, const std::string& name,
+                                       std::vector<std::string> arguments) const {
     // Everything that allocates is done before the fork.
     std::vector<char*> argv;
     argv.reserve(arguments.size() + 1);
@@ -108,7 +126,7 @@ base::Result<pid_t> Supervisor::Launch(const std::string& name, std::vector<std:
     const base::Fd report(ends[0]);
     base::Fd failureEnd(ends[1]);
     const pid_t pid = fork();
-    if (pid == 0) Become(m_program.c_str(), argv.data(), groups, null ? null->Get() : -1, failureEnd.Get());
+    if (pid == 0) Become(program, argv.data(), groups, null ? null->Get() : -1, failureEnd.Get());
     if (pid < 0) return base::ErrnoError(errno, "fork for", m_program);
     failureEnd.Reset();
     int failure = 0;
@@ -129,9 +147,11 @@ void Supervisor::Start(Component& component, int64_t now) {
     } else if (!component.config.load.empty()) {
         arguments.insert(arguments.end(), {"--load", FormatLoadProfile(component.config.load)});
     }
-    const base::Result<pid_t> started = Launch(component.config.name, arguments);
+    const auto program = JudgePrograms(component.config);
+    const base::Result<pid_t> started =
+        program ? Launch(*program, component.config.name, arguments) : base::Result<pid_t>(program.GetError());
     if (!started) {
-        const std::string reason = base::ErrnoText(started.GetError().error);
+        const std::string reason = program ? base::ErrnoText(started.GetError().error) : program.GetError().Text();
         component.nextStartAt = m_budget.NoteDeath(component.config.name, now, now, reason);
         SaveBudget();
         LogLine("component " + component.config.name + " cannot be started: " + reason, zel::kLogWarning);

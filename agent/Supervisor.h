@@ -15,6 +15,7 @@
 #include "RestartBudget.h"
 #include "base/Fd.h"
 #include "base/Result.h"
+#include "base/TrustedRead.h"
 
 namespace agent {
 
@@ -70,7 +71,10 @@ private:
     };
     void Start(Component& component, int64_t now);
     /// Forks into the component's groups and waits until its program runs. On failure: the error's errno says why.
-    base::Result<pid_t> Launch(const std::string& name, std::vector<std::string> arguments) const;
+    base::Result<pid_t> Launch(const base::TrustedProgram& program, const std::string& name,
+                               std::vector<std::string> arguments) const;
+    /// Opens what is to be run. Errors: which program, and why it is not.
+    base::Result<base::TrustedProgram> JudgePrograms(const ComponentConfig& config) const;
     std::vector<base::Fd> OpenGroups(const std::string& name) const;
     void SignalAll(int number) const;
     /// Reaps those that end. Returns: false when some still run after `ms`.

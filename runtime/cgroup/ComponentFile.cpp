@@ -254,7 +254,7 @@ Result<ComponentFile> ParseComponentFile(std::string_view text) {
 }
 
 Result<ComponentFile> ReadComponentFile(const std::string& path) {
-    const Result<std::string> text = base::ReadTrusted(path, kMaxComponentFileBytes, base::TrustScope::kFile);
+    const Result<std::string> text = base::ReadTrusted(path, kMaxComponentFileBytes, base::TrustScope::kWithPlace);
     if (!text) return text.GetError();
     Result<ComponentFile> parsed = ParseComponentFile(*text);
     if (!parsed) return MakeError(parsed.GetError().kind, "use", path, parsed.GetError().hint);

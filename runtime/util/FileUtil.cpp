@@ -7,6 +7,7 @@
 #include "base/Database.h"
 #include "base/FileIo.h"
 #include "base/FileReplace.h"
+#include "base/TrustedRead.h"
 
 namespace zel {
 namespace {
@@ -58,7 +59,7 @@ bool CFileUtil::ReadFileLineToList(const std::string& path, std::list<std::strin
 }
 
 bool CFileUtil::ReadFullFile(const std::string& path, std::string& text, unsigned long limit) {
-    base::Result<std::string> content = base::ReadWholeFile(path, limit);
+    base::Result<std::string> content = base::ReadTrusted(path, limit, base::TrustScope::kWithPlace);
     if (content) text = std::move(*content);
     return content.Ok();
 }

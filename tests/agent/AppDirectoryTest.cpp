@@ -62,7 +62,46 @@ TEST_F(AppDirectoryTest, TheLockEndsWithItsHolder) {
 TEST_F(AppDirectoryTest, ADirectoryThatEverybodyMayChangeIsRefused) {
     ASSERT_EQ(0, chmod(m_path.c_str(), 0777));
     AppDirectory directory;
-    EXPECT_EQ(m_path + " may be written by everybody: chmod o-w " + m_path, Open(directory));
+    EXPECT_EQ(m_path + ": writable by everybody, mode 0777 (chmod o-w)", Open(directory));
+    ASSERT_EQ(0, chmod(m_path.c_str(), 01777));
+    EXPECT_EQ(m_path + ": writable by everybody, mode 1777 (chmod o-w)", Open(directory)) << "sticky is not enough";
+}
+
+TEST_F(AppDirectoryTest, ADirectoryThatItsGroupMayChangeIsRefusedForRoot) {
+    if (geteuid() != 0) GTEST_SKIP() << "SKIP: not root: a user may let his group write";
+    ASSERT_EQ(0, chmod(m_path.c_str(), 0770));
+    AppDirectory directory;
+    EXPECT_EQ(m_path + ": writable by its group, mode 0770 (chmod g-w)", Open(directory));
+}
+
+TEST_F(AppDirectoryTest, EveryFolderIsJudgedAndTheOneAboveToo) {
+    if (geteuid() != 0) GTEST_SKIP() << "SKIP: not root: a user may let his group write";
+    for (const char* folder : {"conf", "log", "run", "data", "spool", "selfkill"}) {
+        const support::TempDir root;
+        const std::string path = root / "agent";
+        ASSERT_EQ(0, mkdir(path.c_str(), 0750));
+        const auto open = [&] {
+            AppDirectory directory;
+            const base::Status opened = directory.Open(path, "tervane");
+            return opened ? std::string() : opened.GetError().Text();
+        };
+        EXPECT_EQ("", open());
+        ASSERT_EQ(0, chmod((path + "/" + folder).c_str(), 01777));
+        EXPECT_EQ(path + "/" + folder + ": writable by everybody, mode 1777 (chmod o-w)", open());
+        ASSERT_EQ(0, chmod((path + "/" + folder).c_str(), 0750));
+        ASSERT_EQ(0, chmod(root.Path().c_str(), 0770));
+        EXPECT_EQ(path + ": " + root.Path() + ": writable by its group, mode 0770 (chmod g-w)", open());
+    }
+}
+
+TEST_F(AppDirectoryTest, ASecondNameOfTheLockKeepsItsText) {
+    ASSERT_EQ(0, mkdir((m_path + "/run").c_str(), 0750));
+    ASSERT_TRUE(support::WriteText(m_path + "/victim", "precious"));
+    ASSERT_EQ(0, link((m_path + "/victim").c_str(), (m_path + "/run/tervane.lock").c_str()));
+    AppDirectory directory;
+    EXPECT_EQ("", Open(directory));
+    EXPECT_NE(std::string::npos, directory.Warning().find("it has a second name")) << directory.Warning();
+    EXPECT_EQ("precious", support::ReadText(m_path + "/victim"));
 }
 
 TEST_F(AppDirectoryTest, AFolderThatIsALinkIsRefused) {
@@ -75,7 +114,8 @@ TEST_F(AppDirectoryTest, ADirectoryOfSomebodyElseIsRefused) {
     if (geteuid() != 0) GTEST_SKIP() << "SKIP: not root: cannot give a directory away";
     ASSERT_EQ(0, chown(m_path.c_str(), 65534, 65534));
     AppDirectory directory;
-    EXPECT_EQ(m_path + " belongs to user 65534: chown it to the agent's user", Open(directory));
+    EXPECT_NE(std::string::npos,
+              Open(directory).find(m_path + ": owned by user 65534, mode 0700; the agent's user or"));
 }
 
 TEST_F(AppDirectoryTest, APipeInPlaceOfTheLockCostsTheLockOnly) {

@@ -92,7 +92,7 @@ TEST_F(SupervisorTest, AProgramThatIsNotThereCountsAsADeath) {
     supervisor.Configure({{"A", "main", {}, {}}});
     supervisor.Tick(1000);
     EXPECT_EQ(ComponentState::kWaiting, supervisor.Status(1000)[0].state);
-    EXPECT_EQ("No such file or directory", supervisor.Status(1000)[0].lastReason);
+    EXPECT_EQ("/nowhere/program: No such file or directory", supervisor.Status(1000)[0].lastReason);
     EXPECT_EQ(1, supervisor.Status(1000)[0].waitsSeconds);
 }
 

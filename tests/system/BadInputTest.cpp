@@ -137,7 +137,7 @@ TEST_F(BadInputTest, RefusedComponentsFileStartsNoneAndIsNamed) {
 
 TEST_F(BadInputTest, DirectoryThatSomebodyElseMayChangeIsRefused) {
     ASSERT_EQ(chmod(Dir().c_str(), 0757), 0);
-    ExpectRefuses(AgentWords(), 12, "may be written by everybody: chmod o-w " + Dir());
+    ExpectRefuses(AgentWords(), 12, Dir() + ": writable by everybody, mode 0757 (chmod o-w)");
     ASSERT_EQ(chmod(Dir().c_str(), 0750), 0);
     std::vector<std::string> words = AgentWords();
     words[2] = "/nonexistent/directory";
@@ -146,7 +146,7 @@ TEST_F(BadInputTest, DirectoryThatSomebodyElseMayChangeIsRefused) {
     ExpectRefuses(words, 12, "is not a directory");
     if (geteuid() != 0) GTEST_SKIP() << "SKIP system: not root: the directory cannot be given to another user";
     ASSERT_EQ(chown(Dir().c_str(), 65534, 65534), 0);
-    ExpectRefuses(AgentWords(), 12, "belongs to user 65534: chown it to the agent's user");
+    ExpectRefuses(AgentWords(), 12, "owned by user 65534, mode 0750; the agent's user or root must own it (chown)");
 }
 
 TEST_F(BadInputTest, BadCommandLineHasItsOwnExitCode) {

@@ -165,9 +165,9 @@ base::Status COnlineConfigLoader::Check(bool force) {
     if (!force && m_checkedOnce && base::ReadFileMark(m_path) == m_seen) return {};
     m_seen = LookAtFile();
     m_checkedOnce = true;
-    const base::Result<std::string> text = base::ReadTrusted(m_path, kOnlineFileMaxBytes, base::TrustScope::kFile);
+    const base::Result<std::string> text = base::ReadTrusted(m_path, kOnlineFileMaxBytes, base::TrustScope::kWithPlace);
     if (!text && text.GetError().kind == base::ErrorKind::kNotFound) return FallBack(force);
-    if (!text) return Refuse(text.GetError().Reason());
+    if (!text) return Refuse(base::ReasonOf(text.GetError(), m_path));
     const base::Result<OnlineValues> values = ParseOnlineConfig(*text);
     if (!values) return Refuse(values.GetError().Text());
     zel::CLogMessage::GetInstance()->log(zel::kLogInfo, "OnlineConfigLoader", __LINE__,
