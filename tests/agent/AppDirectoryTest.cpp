@@ -67,7 +67,7 @@ TEST_F(AppDirectoryTest, ADirectoryThatEverybodyMayChangeIsRefused) {
     EXPECT_EQ(m_path + ": writable by everybody, mode 1777 (chmod o-w)", Open(directory)) << "sticky is not enough";
 }
 
-TEST_F(AppDirectoryTest, ADirectoryThatItsGroupMayChangeIsRefusedForRoot) {
+TEST_F(AppDirectoryTest, WhatItsGroupMayChangeIsRefusedForRoot) {
     if (geteuid() != 0) GTEST_SKIP() << "SKIP: not root: a user may let his group write";
     ASSERT_EQ(0, chmod(m_path.c_str(), 0770));
     AppDirectory directory;

@@ -243,7 +243,7 @@ TEST_F(TrustedReadTest, AProgramIsRunFromTheDescriptorThatWasJudged) {
     ASSERT_EQ(0, ::chmod(m_dir.Path().c_str(), 0700));
 }
 
-TEST_F(TrustedReadTest, AScriptIsRunByItsDescriptorThroughAJudgedInterpreter) {
+TEST_F(TrustedReadTest, AScriptIsRunByItsDescriptor) {
     const std::string script = m_place + "/script";
     WriteText(script, "#! /bin/sh -e\n[ \"$1\" = one ] && cd \"$(dirname \"$0\")\" && [ -f file ] && exit 5\n");
     ASSERT_EQ(0, ::chmod(script.c_str(), 0755));
@@ -277,7 +277,7 @@ TEST_F(TrustedReadTest, AnInterpreterThatOthersMayWriteIsRefused) {
     EXPECT_THAT(OpenTrustedProgram(script).GetError().Reason(), HasSubstr("too many interpreters"));
 }
 
-TEST_F(TrustedReadTest, AProgramInASharedDirectoryIsRefusedStickyOrNot) {
+TEST_F(TrustedReadTest, AProgramInASharedDirectoryIsRefused) {
     const std::string program = m_place + "/program";
     WriteText(program, "#!/bin/sh\n");
     ASSERT_EQ(0, ::chmod(program.c_str(), 0755));
