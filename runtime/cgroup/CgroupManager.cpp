@@ -45,6 +45,7 @@ struct CCgroupManager::Impl {
     Flags isV2 ZEL_GUARDED_BY(mutex);            ///< as last located
     Membership membership ZEL_GUARDED_BY(mutex);
     OomMonitor oom ZEL_GUARDED_BY(mutex);
+    std::vector<OomCarried> carried ZEL_GUARDED_BY(mutex);  ///< as the file has it
 
     void Locate() ZEL_REQUIRES(mutex);
     void TellPlaces() ZEL_REQUIRES(mutex);
@@ -171,7 +172,15 @@ Status CCgroupManager::Impl::ReadOom() {
     for (const OwnChild& group : *groups) names.push_back(group.name);
     Result<std::vector<OomReading>> readings = ReadOomCounters(*tree, names);
     if (!readings) return readings.GetError();
+    if (!oom.HasBegun()) {
+        carried = LoadOomRecord();
+        oom.Restore(carried);
+    }
     oom.Observe(*readings);
+    // Before anybody is told of totals that include it.
+    std::vector<OomCarried> now = oom.Carried();
+    if (now != carried) SaveOomRecord(now);
+    carried = std::move(now);
     return {};
 }
 

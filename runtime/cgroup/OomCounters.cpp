@@ -161,6 +161,29 @@ void OomMonitor::DropVanished(Group& group, const std::set<std::string>& present
     }
 }
 
+void OomMonitor::TakeRestored(const Key& key, Group& group) const {
+    const auto own = group.members.find(key.first);
+    if (own == group.members.end()) return;
+    for (const OomCarried& each : m_restored) {
+        const bool same = each.groupPath == key.first && each.parent == key.second;
+        if (same && each.identity == own->second.identity) {
+            group.carried.Add({each.kills, each.ooms, each.groupKills});
+        }
+    }
+}
+
+std::vector<OomCarried> OomMonitor::Carried() const {
+    std::vector<OomCarried> out;
+    for (const Key& key : m_order) {
+        const Group& group = m_groups.at(key);
+        const auto own = group.members.find(key.first);
+        const Counts& counts = group.carried;
+        if (own == group.members.end() || (counts.kills == 0 && counts.ooms == 0 && counts.groupKills == 0)) continue;
+        out.push_back({key.first, key.second, own->second.identity, counts.kills, counts.ooms, counts.groupKills});
+    }
+    return out;
+}
+
 void OomMonitor::Observe(const std::vector<OomReading>& readings) {
     Seen seen;
     std::set<Key> fresh;
@@ -185,7 +208,10 @@ void OomMonitor::Observe(const std::vector<OomReading>& readings) {
         DropVanished(entry->second, present->second);
         // The first look at all is the beginning: what was counted before it is not news. A group that appears
         // later was made since, from 0: all that it has counted is news.
-        if (!m_begun && fresh.count(entry->first) != 0) entry->second.reported = TotalOf(entry->second);
+        if (!m_begun && fresh.count(entry->first) != 0) {
+            TakeRestored(entry->first, entry->second);
+            entry->second.reported = TotalOf(entry->second);
+        }
         ++entry;
     }
     if (!readings.empty()) m_begun = true;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "GroupDir.h"
+#include "OomRecord.h"
 #include "Limits.h"
 #include "Errors.h"
 #include "platform/zel/CgroupRecords.h"
@@ -51,6 +52,11 @@ class OomMonitor {
 public:
     /// Forgets everything; the next observation is the new beginning.
     void Reset();
+    bool HasBegun() const { return m_begun; }
+    /// What an earlier process carried: part of the totals from the first observation on, of the same directories.
+    void Restore(std::vector<OomCarried> carried) { m_restored = std::move(carried); }
+    /// Returns: what is carried now.
+    std::vector<OomCarried> Carried() const;
     /// Takes the readings of now as the present state.
     void Observe(const std::vector<OomReading>& readings);
     /// Returns: totals of every group as last observed; deltas are 0.
@@ -86,9 +92,11 @@ private:
     static void Begin(Group& group, const OomReading& first);
     static void Take(Group& group, const OomReading& reading);
     static void DropVanished(Group& group, const std::set<std::string>& present);
+    void TakeRestored(const Key& key, Group& group) const;
     CgroupMemoryOomEvent EventOf(const Group& group) const;
 
     bool m_begun = false;
+    std::vector<OomCarried> m_restored;
     std::vector<Key> m_order;
     std::map<Key, Group> m_groups;
 };

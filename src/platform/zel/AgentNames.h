@@ -29,6 +29,7 @@ constexpr char kCollectGroup[] = "collect-defense";
 constexpr char kComponentFileName[] = "/cgroup_resource.json";
 /// Below the global configuration directory: the out-of-memory counters that were last reported.
 constexpr char kOomWatermarkFileName[] = "/cgroup_oom_watermark.json";
+constexpr char kOomCarriedFileName[] = "/cgroup_oom_carried.json";
 /// Below the application directory.
 constexpr char kResourceConfigFileName[] = "/conf/resource_config";
 constexpr char kOnlineConfigFileName[] = "/conf/online_config.json";

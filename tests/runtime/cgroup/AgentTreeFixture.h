@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupManager.h"
 #include "platform/zel/CgroupTreeStatus.h"
 #include "platform/zel/LogMessage.h"
@@ -180,6 +181,7 @@ protected:
         EXPECT_FALSE(Exists(cpuTree));
         EXPECT_FALSE(Exists(memTree));
         unlink(file.c_str());
+        unlink((cfgDir + zel::kOomCarriedFileName).c_str());  // kept for the next start of the agent
         rmdir(cfgDir.c_str());
         EXPECT_THAT(support::NamesIn(appDir), ::testing::IsEmpty()) << "something else was left";
     }
