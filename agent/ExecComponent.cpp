@@ -10,9 +10,9 @@
 
 #include "AgentLog.h"
 #include "ExitCode.h"
-#include "GroupClient.h"
 #include "ParentProcess.h"
 #include "base/TrustedRead.h"
+#include "platform/zel/CgroupClient.h"
 #include "platform/zel/CgroupTreeStatus.h"
 #include "platform/zel/LogControl.h"
 
@@ -25,7 +25,7 @@ int ExecComponent(const Options& options) {
     zel::SetCgroupClientComponent(options.name);
     {
         zel::CCgroupClient client;
-        if (!JoinGroups(client)) {
+        if (!client.ReloadConfig()) {
             LogLine(options.command[0] + " runs outside its groups: its CPU and memory are not limited",
                     zel::kLogWarning);
         }

@@ -12,7 +12,6 @@
 #include "AgentPaths.h"
 #include "ConsoleWiring.h"
 #include "ExitCode.h"
-#include "GroupClient.h"
 #include "LimitExplanation.h"
 #include "LogTail.h"
 #include "Monitor.h"
@@ -34,7 +33,7 @@ namespace agent {
 namespace {
 
 constexpr long kLoopNs = 250L * 1000 * 1000;
-constexpr int64_t kLimitCheckSeconds = 5;
+constexpr int64_t kLimitRetrySeconds = 1;
 constexpr int kGoOn = -1;
 
 // The module hands its broadcast to a plain function, so the sender is found through the one object of the process.
@@ -163,8 +162,9 @@ void Process::StopBroadcast() {
 int Process::JoinOwnGroups() {
     zel::SetCgroupClientComponent(m_options.name);
     m_client = std::make_unique<zel::CCgroupClient>();
-    // The groups are joined before the limits are applied: what the unified mode holds needs no legacy limit.
-    JoinGroups(*m_client);
+    // The groups are joined before the limits are applied: what the unified mode holds needs no legacy limit. Also
+    // without a component file: a process that was started while the unified mode ended may have been born inside.
+    m_client->ReloadConfig();
     return kExitClean;
 }
 
@@ -222,10 +222,11 @@ void Process::StopMonitor() {
 int Process::FollowChanges() {
     m_startedAt = SecondsSinceBoot();
     if (m_client == nullptr) return kExitClean;  // the main process makes the changes
+    m_placement = std::make_unique<PlacementCare>(*m_monitor, *m_client, m_services);
     m_subscriber = std::make_unique<zel::CIpcBroadcastSubscriber>();
     m_subscriber->Start(m_options.appDir + zel::kBroadcastSocketName,
                         [this](const std::string& type, const std::string&) {
-                            if (type == zel::kConfigNotifyMessage) m_monitor->ReloadCgroupClientConfig();
+                            if (type == zel::kConfigNotifyMessage) m_placement->Follow();
                         });
     return kExitClean;
 }
@@ -309,13 +310,17 @@ int Process::LookAround(int64_t second) {
     if (m_sink.SelfKillRequested()) return kExitSelfKill;
     if (!ParentIsThere(m_options.parentPid)) return kExitParentGone;
     if (m_components != nullptr) m_components->Tick(SecondsSinceBoot());
-    if (second - m_limitsChecked >= kLimitCheckSeconds) {
-        // The monitor looks at its legacy group when the configuration changes; a group can disappear at any time.
-        m_limitsChecked = second;
-        zel::GetResourceLimitUtil()->SyncCpuLimit();
-    }
+    LookAfterLimits(second);
     if (m_options.forSeconds != 0 && second >= static_cast<int64_t>(m_options.forSeconds)) return kExitClean;
     return kGoOn;
+}
+
+// The monitor looks at its groups when the configuration changes; a group can disappear, and a join fail, at any time.
+void Process::LookAfterLimits(int64_t second) {
+    if (second < m_nextLimitCheck) return;
+    const bool settled = m_placement == nullptr || m_placement->Look();
+    zel::GetResourceLimitUtil()->SyncCpuLimit();
+    m_nextLimitCheck = second + (settled ? kLimitCheckSeconds : kLimitRetrySeconds);
 }
 
 StatusSources Process::Sources() {

@@ -11,6 +11,7 @@
 #include "ComponentCare.h"
 #include "EventSink.h"
 #include "Options.h"
+#include "PlacementCare.h"
 #include "StatusCollect.h"
 #include "Steps.h"
 #include "Workers.h"
@@ -41,6 +42,7 @@ public:
     int Run();
 
 private:
+    static constexpr int64_t kLimitCheckSeconds = 5;
     using Step = Steps<Process>::Step;
     /// What is set up, in this order; taken back in reverse.
     static std::vector<Step> Life(bool isMain);
@@ -69,6 +71,7 @@ private:
     void Handle(int signal);
     /// Returns: the exit code when it is time to end, kGoOn otherwise.
     int LookAround(int64_t second);
+    void LookAfterLimits(int64_t second);
     /// The parts that a status is made from, as far as they are there by now.
     StatusSources Sources();
     /// Says on the terminal why the process does not start. Returns: `code`.
@@ -84,11 +87,12 @@ private:
     std::unique_ptr<zel::CCgroupClient> m_client;
     std::unique_ptr<zel::CIpcBroadcastSubscriber> m_subscriber;
     std::unique_ptr<CMonitor> m_monitor;
+    std::unique_ptr<PlacementCare> m_placement;
     std::unique_ptr<Workers> m_workers;
     std::unique_ptr<ComponentCare> m_components;
     std::unique_ptr<ControlServer> m_control;
     int64_t m_startedAt = 0;
-    int64_t m_limitsChecked = 0;  // second of the loop
+    int64_t m_nextLimitCheck = kLimitCheckSeconds;  // second of the loop
     Steps<Process> m_life;
 };
 

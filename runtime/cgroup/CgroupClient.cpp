@@ -13,6 +13,8 @@
 #include "ComponentFile.h"
 #include "Membership.h"
 #include "OwnGroup.h"
+#include "OwnPlacement.h"
+#include "base/FileIo.h"
 #include "base/Mutex.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/AgentNames.h"
@@ -100,6 +102,10 @@ Result<Target> CheckLeaf(const Branches& branches, Controller controller, const 
     return Target{branch, std::move(*dir), std::move(state)};
 }
 
+std::string ComponentFilePath() {
+    return COrvexPathInfo::GetInstance()->GetGlobalCfgPath() + kComponentFileName;
+}
+
 /// Reads the file and proves that it is about this boot.
 Result<ComponentFile> ReadCurrentFile(const std::string& path) {
     Result<ComponentFile> file = ReadComponentFile(path);
@@ -125,28 +131,38 @@ Result<Targets> CheckEntry(const Branches& branches, const ComponentFile& file, 
     return out;
 }
 
-bool Refuse(int line, const Error& error) {
-    LogLine(kLogWarning, line, error.Text() + "; membership stays as it is");
-    return false;
-}
-
 }  // namespace
 
 struct CCgroupClient::Impl {
     base::Mutex mutex;
     PerController<Joined> joined ZEL_GUARDED_BY(mutex);
     Membership membership ZEL_GUARDED_BY(mutex);
+    std::string lastRefusal ZEL_GUARDED_BY(mutex);  ///< empty after a reload that succeeded
+    base::FileMark lastFile ZEL_GUARDED_BY(mutex);  ///< what it was said about
 
     bool Reload() ZEL_REQUIRES(mutex);
+    bool Refuse(int line, const Error& error) ZEL_REQUIRES(mutex);
+    void TellStrays(const Targets& targets) ZEL_REQUIRES(mutex);
     bool LeaveAll(const char* why) ZEL_REQUIRES(mutex);
     bool LeaveBranch(const Branch& branch) ZEL_REQUIRES(mutex);
     bool Join(const Targets& targets) ZEL_REQUIRES(mutex);
     void Take(Controller controller, const std::optional<Target>& target) ZEL_REQUIRES(mutex);
 };
 
+/// Reloads are tried again until one succeeds: what stays the same is told once for each state of the file.
+bool CCgroupClient::Impl::Refuse(int line, const Error& error) {
+    std::string text = error.Text();
+    const base::FileMark file = base::ReadFileMark(ComponentFilePath());
+    if (text != lastRefusal || !(file == lastFile)) LogLine(kLogWarning, line, text + "; membership stays as it is");
+    lastRefusal = std::move(text);
+    lastFile = file;
+    return false;
+}
+
 /// Moves this process out of the branch's tree if it is in it, also when it was started inside by its parent.
 bool CCgroupClient::Impl::LeaveBranch(const Branch& branch) {
     if (!branch.placement) return true;
+    const base::MutexLock placing(PlacementMutex());
     const auto refuge = [&](int pid) { return MoveBesideTree(branch, pid); };
     Status left = membership.Leave(getpid(), branch.Tree(), refuge);
     return left || Refuse(__LINE__, left.GetError());
@@ -173,6 +189,18 @@ bool CCgroupClient::Impl::LeaveAll(const char* why) {
     return ok;
 }
 
+/// Somebody moved this process out of a leaf that it had joined.
+void CCgroupClient::Impl::TellStrays(const Targets& targets) {
+    for (const Controller controller : kAllControllers) {
+        const std::optional<Target>& target = targets[controller];
+        if (!target || !joined[controller].joined || joined[controller].path != target->state.path) continue;
+        Result<bool> inside = target->leaf.Contains(getpid());
+        if (!inside || *inside) continue;
+        LogLine(kLogWarning, __LINE__,
+                "this process was moved out of " + target->state.path + " by somebody else: moved back");
+    }
+}
+
 bool CCgroupClient::Impl::Join(const Targets& targets) {
     std::vector<Entry> entries;
     for (const Controller controller : kAllControllers) {
@@ -180,6 +208,8 @@ bool CCgroupClient::Impl::Join(const Targets& targets) {
         if (target) entries.push_back({target->branch->Tree(), &target->leaf});
     }
     std::vector<Error> stranded;
+    const base::MutexLock placing(PlacementMutex());
+    TellStrays(targets);
     Status status = membership.Join(getpid(), entries, stranded);
     for (const Error& error : stranded) LogLine(kLogWarning, __LINE__, "cannot go back: " + error.Text());
     return status || Refuse(__LINE__, status.GetError());
@@ -197,7 +227,7 @@ void CCgroupClient::Impl::Take(Controller controller, const std::optional<Target
 }
 
 bool CCgroupClient::Impl::Reload() {
-    const std::string path = COrvexPathInfo::GetInstance()->GetGlobalCfgPath() + kComponentFileName;
+    const std::string path = ComponentFilePath();
     Result<ComponentFile> file = ReadCurrentFile(path);
     if (!file && file.GetError().kind == ErrorKind::kNotFound) return LeaveAll("there is no component file");
     if (!file) return Refuse(__LINE__, file.GetError());
@@ -221,7 +251,9 @@ CCgroupClient::~CCgroupClient() = default;
 
 bool CCgroupClient::ReloadConfig() {
     const base::MutexLock lock(m_impl->mutex);
-    return m_impl->Reload();
+    const bool ok = m_impl->Reload();
+    if (ok) m_impl->lastRefusal.clear();
+    return ok;
 }
 
 bool CCgroupClient::IsCpuJoined() {

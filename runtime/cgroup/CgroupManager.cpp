@@ -12,6 +12,7 @@
 #include "Membership.h"
 #include "OomCounters.h"
 #include "OwnGroup.h"
+#include "OwnPlacement.h"
 #include "Reconcile.h"
 #include "base/Mutex.h"
 #include "platform/zel/AgentNames.h"
@@ -123,6 +124,7 @@ bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
         return Fail(__LINE__, MakeError(ErrorKind::kNoController, operation, group, "no controller is in use"));
     }
     std::vector<Error> stranded;
+    const base::MutexLock placing(PlacementMutex());
     Status joined = membership.Join(pid, entries, stranded);
     for (const Error& error : stranded) LogLine(kLogWarning, __LINE__, "cannot go back: " + error.Text());
     return joined || Fail(__LINE__, joined.GetError());
@@ -130,6 +132,7 @@ bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
 
 bool CCgroupManager::Impl::RemovePid(int pid) {
     bool ok = true;
+    const base::MutexLock placing(PlacementMutex());
     for (const std::shared_ptr<Branch>& branch : branches.all) {
         if (!branch->placement) continue;
         const auto refuge = [&](int each) { return MoveBesideTree(*branch, each); };

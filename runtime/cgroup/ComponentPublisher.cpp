@@ -9,6 +9,7 @@
 #include "AgentTree.h"
 #include "LimitPlan.h"
 #include "Limits.h"
+#include "OwnPlacement.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/AgentNames.h"
 
@@ -83,6 +84,7 @@ Status ComponentPublisher::FollowOwnLeaf(const ComponentFile& file) {
     std::vector<GroupDir> dirs;
     std::vector<Entry> entries;
     dirs.reserve(kAllControllers.size());
+    const base::MutexLock placing(PlacementMutex());
     for (const Controller controller : kAllControllers) {
         const ComponentLeaf& leaf = own->Leaf(controller);
         if (!leaf.present) continue;

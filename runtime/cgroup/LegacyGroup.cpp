@@ -63,6 +63,14 @@ bool LegacyGroup::IsInTree(const std::string& groupPath) const {
     return (groupPath + "/").find("/" + m_options.treeName + "/") != std::string::npos;
 }
 
+bool LegacyGroup::IsSelfInTree() const {
+    if (m_options.treeName.empty()) return false;
+    Result<LayoutTexts> texts = m_options.readLayout();
+    if (!texts) return false;
+    const Hierarchy hierarchy = FindHierarchy(m_controller, *texts);
+    return hierarchy.version != Version::kNone && IsInTree(hierarchy.ownPath);
+}
+
 // --- the group ------------------------------------------------------------------------------------------------------
 
 // What was attached stays until another group is.

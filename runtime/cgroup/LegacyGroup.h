@@ -51,6 +51,8 @@ public:
     /// Forgets the group, and with `forgetOrigin` where this process came from.
     void Reset(bool forgetOrigin);
 
+    /// Returns: whether the unified tree holds this process in the controller's hierarchy: then it is not moved here.
+    bool IsSelfInTree() const;
     /// Moves children in that were forked before this process joined; one that the unified mode placed stays.
     void JoinDescendants() const;
 

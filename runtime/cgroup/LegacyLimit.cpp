@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "CgroupFiles.h"
+#include "OwnPlacement.h"
 #include "platform/zel/KernelVersion.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ToolUtil.h"
@@ -82,7 +83,24 @@ bool LegacyLimit::IsOtherOnV2(const LegacyGroup& group) {
     return other.IsStarted() && other.IsV2();
 }
 
+/// The unified tree and the legacy group each hold a process for themselves. Of two threads that want it, the tree's
+/// wins: it is left by the unified mode's end alone.
+bool LegacyLimit::StepAside(LegacyGroup& group) {
+    if (!group.IsSelfInTree()) return false;
+    LogLegacy(kLogInfo, __LINE__,
+              std::string("legacy ") + ControllerName(group.GetController()) +
+                  " limit steps aside: this process is in its group of the unified tree");
+    ForgetGroup(group);
+    return true;
+}
+
 int LegacyLimit::Start(LegacyGroup& group, int& error) {
+    error = 0;
+    const base::MutexLock placing(PlacementMutex());
+    return StepAside(group) ? kLegacyOk : StartPlaced(group, error);
+}
+
+int LegacyLimit::StartPlaced(LegacyGroup& group, int& error) {
     const char* what = group.GetController() == Controller::kCpu ? kCpuNotSet : kMemoryNotSet;
     Status status;
     for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
@@ -110,6 +128,7 @@ int LegacyLimit::Stop(LegacyGroup& group, int& error) {
         return kLegacyOk;
     }
     const bool otherOnV2 = IsOtherOnV2(group);
+    const base::MutexLock placing(PlacementMutex());
     Status left = group.Leave(otherOnV2);
     int code = kLegacyOk;
     if (!left && !IsGone(left)) {
@@ -124,6 +143,8 @@ int LegacyLimit::Stop(LegacyGroup& group, int& error) {
 
 void LegacyLimit::Sync(LegacyGroup& group) {
     if (!group.IsStarted()) return;
+    const base::MutexLock placing(PlacementMutex());
+    if (StepAside(group)) return;
     if (group.IsInForce()) {
         group.JoinDescendants();
         return;
@@ -138,7 +159,7 @@ void LegacyLimit::Sync(LegacyGroup& group) {
     }
     LogLegacy(kLogWarning, __LINE__, what);
     int error = 0;
-    Start(group, error);
+    StartPlaced(group, error);
 }
 
 int LegacyLimit::StartCpuLimit(int percent, int hundredths, int& error) {
@@ -251,7 +272,10 @@ void LegacyLimit::SetKernelExcludeLists(int kind, const std::string& excludeRang
 
 void LegacyLimit::Forget(Controller controller) {
     const base::MutexLock lock(m_mutex);
-    LegacyGroup& group = Of(controller);
+    ForgetGroup(Of(controller));
+}
+
+void LegacyLimit::ForgetGroup(LegacyGroup& group) {
     const bool shared = group.IsShared(IsOtherOnV2(group));
     if (group.IsStarted() && !shared) group.RemoveIfEmpty();
     group.Reset(!shared);

@@ -64,8 +64,12 @@ public:
 
 private:
     int Start(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
+    int StartPlaced(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
     int Stop(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
     void Sync(LegacyGroup& group) ZEL_REQUIRES(m_mutex);
+    /// Leaves the process to the unified tree if it is in that. Returns: whether it is.
+    bool StepAside(LegacyGroup& group) ZEL_REQUIRES(m_mutex);
+    void ForgetGroup(LegacyGroup& group) ZEL_REQUIRES(m_mutex);
     LegacyGroup& Of(Controller controller) ZEL_REQUIRES(m_mutex);
     /// Returns: whether the other controller's limit is started on version 2.
     bool IsOtherOnV2(const LegacyGroup& group) ZEL_REQUIRES(m_mutex);

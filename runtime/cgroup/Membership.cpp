@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "OwnPlacement.h"
 #include "ProcessTable.h"
 
 namespace zel {
@@ -31,6 +32,12 @@ void TakeBack(int pid, std::vector<Step>& steps, std::vector<Error>& stranded) {
 }
 
 }  // namespace
+
+// Never destroyed: threads of the host may still move while the process ends.
+base::Mutex& PlacementMutex() {
+    static base::Mutex* const mutex = new base::Mutex;
+    return *mutex;
+}
 
 Status Membership::Join(int pid, const std::vector<Entry>& entries, std::vector<Error>& stranded) {
     std::vector<Step> steps;

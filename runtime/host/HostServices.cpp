@@ -233,4 +233,8 @@ bool CHostServices::ReloadOnlineConfig(std::string& error) {
     return reloaded.Ok();
 }
 
+void CHostServices::RepeatOnlineConfig() {
+    if (m_impl->m_loader) m_impl->m_loader->Repeat();
+}
+
 }  // namespace zelhost

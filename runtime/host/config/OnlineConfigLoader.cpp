@@ -10,6 +10,7 @@
 #include <chrono>
 #include <climits>
 #include <system_error>
+#include <utility>
 
 #include "base/FilePath.h"
 #include "base/TrustedRead.h"
@@ -93,6 +94,13 @@ base::Status COnlineConfigLoader::Reload() {
     return m_reloadOutcome;
 }
 
+void COnlineConfigLoader::Repeat() {
+    base::MutexLock lock(m_lock);
+    if (m_stop || !m_thread.joinable()) return;
+    m_repeatWanted = true;
+    Wake();
+}
+
 void COnlineConfigLoader::AnswerReload(uint64_t ticket, const base::Status& outcome) {
     base::MutexLock lock(m_lock);
     m_reloadDone = ticket;
@@ -138,18 +146,21 @@ void COnlineConfigLoader::Run() {
         Rewatch();
         uint64_t ticket = 0;
         bool asked = false;
+        bool repeat = false;
         std::vector<IOnlineClientConfNotify*> fresh;
         {
             base::MutexLock lock(m_lock);
             ticket = m_reloadWanted;
             asked = ticket != m_reloadDone;
             fresh.swap(m_newSubscribers);
+            repeat = std::exchange(m_repeatWanted, false);
         }
         const base::Status outcome = Check(asked);
         // What the module published from its own file meanwhile gives way to the online file, once it listens.
         if (!fresh.empty() && m_fileInForce && m_conf.GetImpl()->Apply(m_values)) {
             for (IOnlineClientConfNotify* notify : fresh) m_conf.GetImpl()->Notify(notify);
         }
+        if (repeat) m_conf.GetImpl()->Notify();
         if (asked) AnswerReload(ticket, outcome);
     }
 }

@@ -32,6 +32,9 @@ public:
     /// Errors: the file was refused, or nobody watches it.
     base::Status Reload();
 
+    /// Has the notify thread enter the subscribers once more with the values in force.
+    void Repeat();
+
 private:
     void Run();
     void Wake();
@@ -68,6 +71,7 @@ private:
     bool m_stop ZEL_GUARDED_BY(m_lock) = false;
     uint64_t m_reloadWanted ZEL_GUARDED_BY(m_lock) = 0;
     uint64_t m_reloadDone ZEL_GUARDED_BY(m_lock) = 0;
+    bool m_repeatWanted ZEL_GUARDED_BY(m_lock) = false;
     base::Status m_reloadOutcome ZEL_GUARDED_BY(m_lock);
     std::vector<IOnlineClientConfNotify*> m_newSubscribers ZEL_GUARDED_BY(m_lock);
 };

@@ -54,6 +54,9 @@ public:
 
     /// Reads the online configuration again now. Returns: false when it was refused; `error` has the reason.
     bool ReloadOnlineConfig(std::string& error);
+    /// Has the online configuration's subscribers entered once more, with the values in force, on the thread that
+    /// always enters them: what they decide by may have changed beside the values. Does not wait for them.
+    void RepeatOnlineConfig();
 
 private:
     struct ZEL_HIDDEN Impl;

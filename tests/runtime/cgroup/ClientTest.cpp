@@ -280,6 +280,18 @@ TEST_F(CgroupClientTest, RefusesAFileThatDoesNotNameIt) {
     ExpectRefused("it has no component named []");
 }
 
+TEST_F(CgroupClientTest, TellsOnceWhatKeepsItFromJoining) {
+    Edit("\"Worker\"", "\"Nobody\"");
+    EXPECT_FALSE(client.ReloadConfig());
+    EXPECT_FALSE(client.ReloadConfig());
+    EXPECT_EQ(1u, Warnings().size());
+    ASSERT_TRUE(Publish(10000, 102400));
+    EXPECT_TRUE(client.ReloadConfig());
+    Edit("\"Worker\"", "\"Nobody\"");
+    EXPECT_FALSE(client.ReloadConfig());
+    EXPECT_EQ(2u, Warnings().size()) << "after a success the same is news";
+}
+
 TEST_F(CgroupClientTest, StaysWhereItIsWhenTheSecondMoveFails) {
     if (layout.cpuV2 == layout.memV2 && layout.cpuV2) GTEST_SKIP() << "SKIP: one move serves both controllers here";
     // The first move is the CPU's, the second the memory's; the third takes the first back.

@@ -283,6 +283,35 @@ TEST_F(LegacyLimitTest, AChildInTheUnifiedTreeStaysThere) {
     child.End();
 }
 
+// The unified mode and the legacy limit are moved by different threads: whoever comes second must not undo the first.
+TEST_F(LegacyLimitTest, ProcessInItsUnifiedLeafIsLeftThere) {
+    auto leaf = Root(m_cpu).MakeChild(m_name)->MakeChild("main");
+    ASSERT_TRUE(leaf.Ok());
+    const std::string before = SelfGroup(m_cpu);
+    for (const bool startedBefore : {false, true}) {
+        if (startedBefore) {
+            ASSERT_EQ(kLegacyOk, Start(20, 0));
+        }
+        ASSERT_TRUE(leaf->MoveHere(static_cast<int>(getpid())).Ok());
+        if (startedBefore) m_limit->SyncCpuLimit();
+        EXPECT_EQ("/" + m_name + "/main", SelfGroup(m_cpu));
+        EXPECT_EQ(kLegacyOk, Start(20, 0));
+        EXPECT_EQ("/" + m_name + "/main", SelfGroup(m_cpu));
+        EXPECT_FALSE(m_limit->IsCpuLimited());
+        EXPECT_FALSE(m_limit->IsSelfRemovedFromCgroup());
+        EXPECT_FALSE(Exists(CpuDir(m_group))) << "an empty legacy group is left";
+        EXPECT_THAT(Warnings(), IsEmpty());
+        // The memory hierarchy is another: what the tree does not hold there is the legacy limit's.
+        EXPECT_EQ(kLegacyOk, m_limit->StartMemLimit(512 << 20, 0, m_error));
+        EXPECT_TRUE(m_limit->IsMemLimited());
+        EXPECT_EQ(kLegacyOk, m_limit->StopMemLimit(m_error, true));
+        ASSERT_TRUE(OpenGroup(m_cpu, before)->MoveHere(static_cast<int>(getpid())).Ok());
+        EXPECT_EQ(kLegacyOk, Stop());
+    }
+    EXPECT_TRUE(Root(m_cpu).OpenChild(m_name)->RemoveChild("main").Ok());
+    EXPECT_TRUE(Root(m_cpu).RemoveChild(m_name).Ok());
+}
+
 TEST_F(LegacyLimitTest, ForeignProcessIsCountedAndFreeAfterStop) {
     ASSERT_EQ(kLegacyOk, Start(20, 0));
     const int orphan = Orphan("/bin/sleep");
