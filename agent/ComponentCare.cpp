@@ -17,20 +17,21 @@ namespace agent {
 namespace {
 
 constexpr unsigned int kComponentGraceMs = 5000;
+constexpr char kGroupMissing[] = "it has no \"group\" in components.json";
 constexpr char kRestartsFileName[] = "/data/restarts.json";
 
-/// The groups that a component is to be born in.
-std::vector<std::string> GroupsOf(const std::string& name) {
-    std::vector<std::string> directories;
-    zel::CgroupTreeStatus tree;
+/// The groups that a component is to be born in. Where the place cannot be read it starts without one, and its client
+/// goes on trying; where there is none for it, it would be born into the main process's.
+base::Result<std::vector<std::string>> GroupsOf(const ComponentConfig& component) {
+    zel::ComponentPlaces places;
     std::string problem;
-    if (!zel::ReadCgroupTreeStatus(tree, problem)) return directories;
-    for (const zel::CgroupNodeStatus& node : tree.nodes) {
-        if (node.level != zel::CgroupLevel::kComponent || node.name != name) continue;
-        if (node.cpu.present) directories.push_back(node.cpu.path);
-        if (node.memory.present && node.memory.path != node.cpu.path) directories.push_back(node.memory.path);
+    if (!zel::ReadComponentPlaces(component.name, places, problem)) return std::vector<std::string>();
+    if (!places.unified || places.named) return places.directories;
+    if (component.group.empty()) {
+        return base::SentenceError("the unified limits do not name it and " + std::string(kGroupMissing));
     }
-    return directories;
+    return base::SentenceError("its group \"" + component.group +
+                               "\" is not one of the unified limits: configure that, or name another");
 }
 
 void ReportEnd(const ComponentEnd& end) {
@@ -47,6 +48,16 @@ void ReportEnd(const ComponentEnd& end) {
 }
 
 }  // namespace
+
+void DeclareComponents(const std::string& appDir) {
+    const auto components = LoadComponents(appDir + zel::kComponentsFileName);
+    if (!components) return;  // said by ComponentCare::Start
+    std::vector<zel::CgroupComponentQuota> unlisted;
+    for (const ComponentConfig& component : *components) {
+        if (!component.group.empty()) unlisted.push_back({component.name, component.group, component.group, 0, 0});
+    }
+    zel::SetUnlistedComponents(std::move(unlisted));
+}
 
 void ComponentCare::Start(const Options& options, const std::string& program) {
     const auto components = LoadComponents(options.appDir + zel::kComponentsFileName);
@@ -83,6 +94,20 @@ void ComponentCare::Tick(int64_t now) {
     }
     base::MutexLock guard(m_lock);
     m_status = m_supervisor->Status(now);
+}
+
+void ComponentCare::PlacePrograms() {
+    if (m_supervisor == nullptr) return;
+    std::string problems;
+    for (const auto& [pid, name] : m_supervisor->RunningPrograms()) {
+        std::string problem;
+        if (zel::PlaceComponentProcess(name, static_cast<int>(pid), problem)) continue;
+        problems += (problems.empty() ? "component " : "; component ") + name + ": " + problem;
+    }
+    if (!problems.empty() && problems != m_placeProblems) {
+        LogLine(problems + "; it stays where it is and is tried again", zel::kLogWarning);
+    }
+    m_placeProblems = problems;
 }
 
 void ComponentCare::Stop() {

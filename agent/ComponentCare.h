@@ -29,6 +29,8 @@ public:
     void Start(const Options& options, const std::string& program);
     /// Starts what is due, notices what ended.
     void Tick(int64_t now);
+    /// Puts components that are other programs where the groups are now: they cannot follow by themselves.
+    void PlacePrograms();
     /// Blocks: until every component has ended, a few seconds at most.
     void Stop();
 
@@ -41,9 +43,14 @@ private:
     CMonitor& m_monitor;
     std::unique_ptr<Supervisor> m_supervisor;
     std::map<unsigned int, std::string> m_watched;
-    OomPicture m_oomPicture;  // counters at the last look, for the attribution of the next kill
+    std::string m_placeProblems;  // as told last
+    OomPicture m_oomPicture;      // counters at the last look, for the attribution of the next kill
     mutable base::Mutex m_lock;
     std::vector<ComponentStatus> m_status ZEL_GUARDED_BY(m_lock);
 };
+
+/// Tells the control groups of the components there will be, before the monitor makes those: each has a leaf of its own
+/// in the group that it names, also when the unified mode's table does not name it.
+void DeclareComponents(const std::string& appDir);
 
 }  // namespace agent

@@ -10,9 +10,9 @@
 namespace agent {
 
 struct ComponentConfig {
-    std::string name;   ///< name in the unified mode's table; also the process name
-    std::string group;  ///< label only: the group a component is put into comes from the resource configuration
-    LoadProfile load;   ///< synthetic load of a component that is this program itself
+    std::string name;                  ///< name in the unified mode's table; also the process name
+    std::string group;                 ///< where the unified mode's table does not name it; a label where it does
+    LoadProfile load;                  ///< synthetic load of a component that is this program itself
     std::vector<std::string> command;  ///< any other program and its arguments; empty: this program
 };
 

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -39,7 +40,11 @@ constexpr int kGoOn = -1;
 // The module hands its broadcast to a plain function, so the sender is found through the one object of the process.
 zel::CIpcBroadcastServer* g_broadcast = nullptr;
 
+/// The groups have changed, so programs that cannot follow by themselves have to be moved.
+std::atomic<bool> g_groupsChanged{false};
+
 void Broadcast(const std::string& type, const std::string& body) {
+    g_groupsChanged = true;
     if (g_broadcast != nullptr) g_broadcast->Broadcast(type, body);
 }
 
@@ -181,6 +186,7 @@ int Process::StartMonitor() {
     } else {
         m_monitor->SetCgroupClient(m_client.get());
     }
+    if (m_options.IsMain()) DeclareComponents(m_options.appDir);
     const std::string& path = m_options.configPath;
     const std::string untrusted = JudgeConfiguration(path);
     if (!untrusted.empty()) {
@@ -317,7 +323,8 @@ int Process::LookAround(int64_t second) {
 
 // The monitor looks at its groups when the configuration changes; a group can disappear, and a join fail, at any time.
 void Process::LookAfterLimits(int64_t second) {
-    if (second < m_nextLimitCheck) return;
+    if (!g_groupsChanged.exchange(false) && second < m_nextLimitCheck) return;
+    if (m_components != nullptr) m_components->PlacePrograms();
     const bool settled = m_placement == nullptr || m_placement->Look();
     zel::GetResourceLimitUtil()->SyncCpuLimit();
     m_nextLimitCheck = second + (settled ? kLimitCheckSeconds : kLimitRetrySeconds);

@@ -28,6 +28,7 @@ constexpr size_t kMaxBudgetBytes = 65536;
 constexpr mode_t kBudgetMode = 0640;
 constexpr unsigned int kStopStepMs = 20;
 constexpr unsigned int kKillGraceMs = 2000;
+constexpr int64_t kPlaceRetrySeconds = 5;
 
 /// The child's side of a fork, up to its program. The child of a process with threads may only make system calls.
 [[noreturn]] void Become(const base::TrustedProgram& program, char* const* argv, const std::vector<base::Fd>& groups,
@@ -90,10 +91,12 @@ void Supervisor::Configure(const std::vector<ComponentConfig>& components) {
     }
 }
 
-std::vector<base::Fd> Supervisor::OpenGroups(const std::string& name) const {
+base::Result<std::vector<base::Fd>> Supervisor::OpenGroups(const ComponentConfig& config) const {
     std::vector<base::Fd> groups;
     if (!m_placement) return groups;
-    for (const std::string& directory : m_placement(name)) {
+    const base::Result<std::vector<std::string>> directories = m_placement(config);
+    if (!directories) return directories.GetError();
+    for (const std::string& directory : *directories) {
         base::Result<base::Fd> group = base::OpenExistingForWriting(directory + "/cgroup.procs");
         if (group) groups.push_back(std::move(*group));
     }
@@ -112,14 +115,13 @@ base::Result<base::TrustedProgram> Supervisor::JudgePrograms(const ComponentConf
     return program;
 }
 
-base::Result<pid_t> Supervisor::Launch(const base::TrustedProgram& program, const std::string& name,
+base::Result<pid_t> Supervisor::Launch(const base::TrustedProgram& program, const std::vector<base::Fd>& groups,
                                        std::vector<std::string> arguments) const {
     // Everything that allocates is done before the fork.
     std::vector<char*> argv;
     argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
-    const std::vector<base::Fd> groups = OpenGroups(name);
     const base::Result<base::Fd> null = base::OpenNullDevice();
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return base::ErrnoError(errno, "make a pipe for", m_program);
@@ -136,7 +138,22 @@ base::Result<pid_t> Supervisor::Launch(const base::TrustedProgram& program, cons
     return base::ErrnoError(failure, "run", m_program);
 }
 
+/// Counts as no death: nothing has run.
+void Supervisor::Refuse(Component& component, int64_t now, const std::string& reason) {
+    if (component.refusal != reason) {
+        LogLine("component " + component.config.name + " is not started: " + reason, zel::kLogWarning);
+    }
+    component.refusal = reason;
+    component.nextStartAt = now + kPlaceRetrySeconds;
+}
+
 void Supervisor::Start(Component& component, int64_t now) {
+    const base::Result<std::vector<base::Fd>> groups = OpenGroups(component.config);
+    if (!groups) {
+        Refuse(component, now, groups.GetError().Text());
+        return;
+    }
+    component.refusal.clear();
     std::vector<std::string> arguments{m_program};
     arguments.insert(arguments.end(), m_common.begin(), m_common.end());
     arguments.insert(arguments.end(), {"--name", component.config.name, "--parent-pid", std::to_string(getpid())});
@@ -149,7 +166,7 @@ void Supervisor::Start(Component& component, int64_t now) {
     }
     const auto program = JudgePrograms(component.config);
     const base::Result<pid_t> started =
-        program ? Launch(*program, component.config.name, arguments) : base::Result<pid_t>(program.GetError());
+        program ? Launch(*program, *groups, arguments) : base::Result<pid_t>(program.GetError());
     if (!started) {
         const std::string reason = program ? base::ErrnoText(started.GetError().error) : program.GetError().Text();
         component.nextStartAt = m_budget.NoteDeath(component.config.name, now, now, reason);
@@ -287,7 +304,7 @@ std::vector<ComponentStatus> Supervisor::Status(int64_t now) const {
         status.restarts = component.restarts;
         status.recentRestarts = m_budget.RecentRestarts(status.name, now);
         status.exhausted = m_budget.IsExhausted(status.name, now);
-        status.lastReason = m_budget.LastReason(status.name);
+        status.lastReason = component.refusal.empty() ? m_budget.LastReason(status.name) : component.refusal;
         all.push_back(status);
     }
     return all;
@@ -299,6 +316,14 @@ std::map<unsigned int, std::string> Supervisor::Running() const {
         if (component.state == ComponentState::kRunning) {
             running[static_cast<unsigned int>(component.pid)] = component.config.name;
         }
+    }
+    return running;
+}
+
+std::map<unsigned int, std::string> Supervisor::RunningPrograms() const {
+    std::map<unsigned int, std::string> running = Running();
+    for (const Component& component : m_components) {
+        if (component.config.command.empty()) running.erase(static_cast<unsigned int>(component.pid));
     }
     return running;
 }

@@ -37,10 +37,10 @@ public:
                std::function<void(const ComponentEnd&)> onEnd);
 
     /// Directories of the groups that a component is to be born in, asked before each start. A component that is placed
-    /// before it runs costs its main process's quota nothing, and is never outside its own.
-    void SetPlacement(std::function<std::vector<std::string>(const std::string& name)> placement) {
-        m_placement = std::move(placement);
-    }
+    /// before it runs costs its main process's quota nothing, and is never outside its own. An error: there is no place
+    /// for it, and it is not started before there is.
+    using Placement = std::function<base::Result<std::vector<std::string>>(const ComponentConfig& component)>;
+    void SetPlacement(Placement placement) { m_placement = std::move(placement); }
 
     /// Asked when a component was killed by signal 9: words on what ran out of memory, empty when nothing did.
     void SetKillExplanation(std::function<std::string(const std::string& name)> explain) {
@@ -57,6 +57,8 @@ public:
     std::vector<ComponentStatus> Status(int64_t now) const;
     /// pid -> name of the components that run, for the sampling class's watch.
     std::map<unsigned int, std::string> Running() const;
+    /// The same of those that are programs other than this one.
+    std::map<unsigned int, std::string> RunningPrograms() const;
 
 private:
     struct Component {
@@ -68,14 +70,16 @@ private:
         bool suspended = false;
         int64_t suspendedAt = 0;
         uint64_t restarts = 0;
+        std::string refusal;  ///< why it has no place; empty when it has
     };
     void Start(Component& component, int64_t now);
     /// Forks into the component's groups and waits until its program runs. On failure: the error's errno says why.
-    base::Result<pid_t> Launch(const base::TrustedProgram& program, const std::string& name,
+    base::Result<pid_t> Launch(const base::TrustedProgram& program, const std::vector<base::Fd>& groups,
                                std::vector<std::string> arguments) const;
     /// Opens what is to be run. Errors: which program, and why it is not.
     base::Result<base::TrustedProgram> JudgePrograms(const ComponentConfig& config) const;
-    std::vector<base::Fd> OpenGroups(const std::string& name) const;
+    base::Result<std::vector<base::Fd>> OpenGroups(const ComponentConfig& config) const;
+    void Refuse(Component& component, int64_t now, const std::string& reason);
     void SignalAll(int number) const;
     /// Reaps those that end. Returns: false when some still run after `ms`.
     bool WaitAll(unsigned int ms);
@@ -89,7 +93,7 @@ private:
     std::vector<std::string> m_common;
     std::string m_budgetPath;
     std::function<void(const ComponentEnd&)> m_onEnd;
-    std::function<std::vector<std::string>(const std::string&)> m_placement;
+    Placement m_placement;
     std::function<std::string(const std::string&)> m_explainKill;
     RestartBudget m_budget;
     std::vector<Component> m_components;

@@ -11,16 +11,13 @@
 #include "AgentTree.h"
 #include "Branch.h"
 #include "ComponentFile.h"
+#include "ComponentPlaces.h"
 #include "Membership.h"
-#include "OwnGroup.h"
 #include "OwnPlacement.h"
 #include "base/FileIo.h"
 #include "base/Mutex.h"
-#include "base/ProcFiles.h"
-#include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupTreeStatus.h"
 #include "platform/zel/LogMessage.h"
-#include "platform/zel/PathInfo.h"
 
 namespace zel {
 namespace {
@@ -58,77 +55,12 @@ struct Joined {
     std::string path;
 };
 
-/// One checked leaf: it is open and is the one that the file means.
-struct Target {
-    std::shared_ptr<Branch> branch;
-    GroupDir leaf;
-    Joined state;
-};
-
-using Targets = PerController<std::optional<Target>>;
-
-/// Proves that the directory is the one that the file was written about.
-Status CheckIdentity(const GroupDir& dir, uint64_t inode, const std::string& leafPath) {
-    Result<GroupIdentity> identity = dir.Identity();
-    if (!identity) return identity.GetError();
-    if (identity->inode == inode) return {};
-    return MakeError(ErrorKind::kRefused, "join", leafPath,
-                     "the group was made anew since the file was written, the file is stale");
-}
-
-/// Opens the leaf that the file names, by way of this host's own view of the tree, and proves that it is the same.
-Result<Target> CheckLeaf(const Branches& branches, Controller controller, const ComponentLeaf& leaf,
-                         const ComponentParent& parent, const std::string& component) {
-    const std::shared_ptr<Branch>& branch = branches.of[controller];
-    if (!branch) return branches.errors[controller];
-    if (leaf.version != branch->GetVersion()) {
-        return MakeError(
-            ErrorKind::kRefused, "join", leaf.path,
-            std::string("controller ") + ControllerName(controller) + " is on the other cgroup version on this host");
-    }
-    Result<GroupDir> tree = OpenTree(*branch);
-    if (!tree) return tree.GetError();
-    if (parent.path != tree->Path()) {
-        return MakeError(ErrorKind::kRefused, "join", leaf.path, "it lies outside the agent's tree " + tree->Path());
-    }
-    Result<GroupDir> group = OpenOwnChild(*tree, leaf.group);
-    if (!group) return group.GetError();
-    Result<GroupDir> dir = OpenOwnChild(*group, component);
-    if (!dir) return dir.GetError();
-    Status same = CheckIdentity(*dir, leaf.inode, leaf.path);
-    if (same) same = CheckIdentity(*tree, parent.inode, leaf.path);
-    if (!same) return same.GetError();
-    Joined state{true, leaf.quota, dir->Path()};
-    return Target{branch, std::move(*dir), std::move(state)};
-}
-
-std::string ComponentFilePath() {
-    return COrvexPathInfo::GetInstance()->GetGlobalCfgPath() + kComponentFileName;
-}
-
-/// Reads the file and proves that it is about this boot.
-Result<ComponentFile> ReadCurrentFile(const std::string& path) {
-    Result<ComponentFile> file = ReadComponentFile(path);
-    if (!file || !file->enabled || file->bootId == base::ReadBootId()) return file;
-    return MakeError(ErrorKind::kRefused, "use", path, "it was written before the last boot");
-}
-
-/// Opens every leaf that the file gives this process.
-Result<Targets> CheckEntry(const Branches& branches, const ComponentFile& file, const std::string& path) {
+/// Finds this process's entry and opens its leaves.
+Result<LeafPlaces> FindOwnPlaces(const Branches& branches, const ComponentFile& file, const std::string& path) {
     const std::string component = GetComponentName();
     const ComponentEntry* entry = file.Find(component);
-    if (entry == nullptr) {
-        return MakeError(ErrorKind::kNotFound, "use", path, "it has no component named [" + component + "]");
-    }
-    Targets out;
-    for (const Controller controller : kAllControllers) {
-        const ComponentLeaf& leaf = entry->Leaf(controller);
-        if (!leaf.present) continue;
-        Result<Target> target = CheckLeaf(branches, controller, leaf, file.Parent(controller), component);
-        if (!target) return target.GetError();
-        out[controller] = std::move(*target);
-    }
-    return out;
+    if (entry != nullptr) return OpenPlaces(branches, file, *entry);
+    return MakeError(ErrorKind::kNotFound, "use", path, "it has no component named [" + component + "]");
 }
 
 }  // namespace
@@ -142,11 +74,11 @@ struct CCgroupClient::Impl {
 
     bool Reload() ZEL_REQUIRES(mutex);
     bool Refuse(int line, const Error& error) ZEL_REQUIRES(mutex);
-    void TellStrays(const Targets& targets) ZEL_REQUIRES(mutex);
+    void TellStrays(const LeafPlaces& places) ZEL_REQUIRES(mutex);
     bool LeaveAll(const char* why) ZEL_REQUIRES(mutex);
     bool LeaveBranch(const Branch& branch) ZEL_REQUIRES(mutex);
-    bool Join(const Targets& targets) ZEL_REQUIRES(mutex);
-    void Take(Controller controller, const std::optional<Target>& target) ZEL_REQUIRES(mutex);
+    bool Join(const LeafPlaces& places) ZEL_REQUIRES(mutex);
+    void Take(Controller controller, const std::optional<LeafPlace>& place) ZEL_REQUIRES(mutex);
 };
 
 /// Reloads are tried again until one succeeds: what stays the same is told once for each state of the file.
@@ -190,34 +122,34 @@ bool CCgroupClient::Impl::LeaveAll(const char* why) {
 }
 
 /// Somebody moved this process out of a leaf that it had joined.
-void CCgroupClient::Impl::TellStrays(const Targets& targets) {
+void CCgroupClient::Impl::TellStrays(const LeafPlaces& places) {
     for (const Controller controller : kAllControllers) {
-        const std::optional<Target>& target = targets[controller];
-        if (!target || !joined[controller].joined || joined[controller].path != target->state.path) continue;
-        Result<bool> inside = target->leaf.Contains(getpid());
+        const std::optional<LeafPlace>& place = places[controller];
+        if (!place || !joined[controller].joined || joined[controller].path != place->leaf.Path()) continue;
+        Result<bool> inside = place->leaf.Contains(getpid());
         if (!inside || *inside) continue;
         LogLine(kLogWarning, __LINE__,
-                "this process was moved out of " + target->state.path + " by somebody else: moved back");
+                "this process was moved out of " + place->leaf.Path() + " by somebody else: moved back");
     }
 }
 
-bool CCgroupClient::Impl::Join(const Targets& targets) {
+bool CCgroupClient::Impl::Join(const LeafPlaces& places) {
     std::vector<Entry> entries;
     for (const Controller controller : kAllControllers) {
-        const std::optional<Target>& target = targets[controller];
-        if (target) entries.push_back({target->branch->Tree(), &target->leaf});
+        const std::optional<LeafPlace>& place = places[controller];
+        if (place) entries.push_back({place->branch->Tree(), &place->leaf});
     }
     std::vector<Error> stranded;
     const base::MutexLock placing(PlacementMutex());
-    TellStrays(targets);
+    TellStrays(places);
     Status status = membership.Join(getpid(), entries, stranded);
     for (const Error& error : stranded) LogLine(kLogWarning, __LINE__, "cannot go back: " + error.Text());
     return status || Refuse(__LINE__, status.GetError());
 }
 
-void CCgroupClient::Impl::Take(Controller controller, const std::optional<Target>& target) {
+void CCgroupClient::Impl::Take(Controller controller, const std::optional<LeafPlace>& place) {
     Joined& state = joined[controller];
-    const Joined now = target ? target->state : Joined();
+    const Joined now = place ? Joined{true, place->quota, place->leaf.Path()} : Joined();
     if (now.joined && (now.path != state.path || now.quota != state.quota)) {
         LogLine(kLogInfo, __LINE__,
                 "in " + now.path + " with " + std::to_string(now.quota) +
@@ -233,15 +165,15 @@ bool CCgroupClient::Impl::Reload() {
     if (!file) return Refuse(__LINE__, file.GetError());
     if (!file->enabled) return LeaveAll("they are switched off");
     const Branches branches = FindBranches();
-    Result<Targets> targets = CheckEntry(branches, *file, path);
-    if (!targets) return Refuse(__LINE__, targets.GetError());
-    if (!Join(*targets)) return false;
+    Result<LeafPlaces> places = FindOwnPlaces(branches, *file, path);
+    if (!places) return Refuse(__LINE__, places.GetError());
+    if (!Join(*places)) return false;
     bool ok = true;
-    const Flags stays{targets->cpu.has_value(), targets->memory.has_value()};
+    const Flags stays{places->cpu.has_value(), places->memory.has_value()};
     for (const std::shared_ptr<Branch>& branch : branches.all) {
         if (!branch->ServesAnyOf(stays)) ok = LeaveBranch(*branch) && ok;
     }
-    for (const Controller controller : kAllControllers) Take(controller, (*targets)[controller]);
+    for (const Controller controller : kAllControllers) Take(controller, (*places)[controller]);
     return ok;
 }
 

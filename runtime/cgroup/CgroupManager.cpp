@@ -146,8 +146,10 @@ bool CCgroupManager::Impl::RemovePid(int pid) {
 bool CCgroupManager::Impl::WriteConfig(const std::string& path, const std::vector<CgroupComponentQuota>& quotas,
                                        const Amounts& parent) {
     ComponentPublisher publisher(branches, targets, inUse, membership);
-    Result<std::map<LeafKey, int>> published = publisher.Publish(path, quotas, parent);
-    for (const Remark& remark : publisher.Remarks()) {
+    std::vector<Remark> remarks;
+    Result<std::map<LeafKey, int>> published = publisher.Publish(path, WithUnlisted(quotas, targets, remarks), parent);
+    remarks.insert(remarks.end(), publisher.Remarks().begin(), publisher.Remarks().end());
+    for (const Remark& remark : remarks) {
         LogLine(remark.warning ? kLogWarning : kLogInfo, __LINE__, remark.text);
     }
     if (!published) return Fail(__LINE__, published.GetError());

@@ -12,9 +12,23 @@
 #include "OwnPlacement.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/AgentNames.h"
+#include "platform/zel/CgroupTreeStatus.h"
 
 namespace zel {
 namespace cgroup {
+namespace {
+
+struct UnlistedComponents {
+    base::Mutex mutex;
+    std::vector<CgroupComponentQuota> components ZEL_GUARDED_BY(mutex);
+};
+
+UnlistedComponents& Unlisted() {
+    static UnlistedComponents* const unlisted = new UnlistedComponents;
+    return *unlisted;
+}
+
+}  // namespace
 
 ComponentPublisher::ComponentPublisher(const Branches& branches, const GroupTargets& targets, const Flags& inUse,
                                        Membership& membership)
@@ -128,6 +142,23 @@ Result<std::map<LeafKey, int>> ComponentPublisher::Publish(const std::string& pa
     return leaves;
 }
 
+std::vector<CgroupComponentQuota> WithUnlisted(std::vector<CgroupComponentQuota> quotas, const GroupTargets& targets,
+                                               std::vector<Remark>& remarks) {
+    UnlistedComponents& unlisted = Unlisted();
+    const base::MutexLock lock(unlisted.mutex);
+    for (const CgroupComponentQuota& extra : unlisted.components) {
+        const auto same = [&](const CgroupComponentQuota& quota) { return quota.name == extra.name; };
+        if (std::any_of(quotas.begin(), quotas.end(), same)) continue;
+        if (targets.Find(extra.cpuGroup) != nullptr) {
+            quotas.push_back(extra);
+        } else {
+            remarks.push_back({true, "component " + extra.name + " is left out: its group [" + extra.cpuGroup +
+                                         "] is not configured"});
+        }
+    }
+    return quotas;
+}
+
 Status PublishDisabled(const std::string& path) {
     ComponentFile file;
     file.bootId = base::ReadBootId();
@@ -135,4 +166,11 @@ Status PublishDisabled(const std::string& path) {
 }
 
 }  // namespace cgroup
+
+void SetUnlistedComponents(std::vector<CgroupComponentQuota> components) {
+    cgroup::UnlistedComponents& unlisted = cgroup::Unlisted();
+    const base::MutexLock lock(unlisted.mutex);
+    unlisted.components = std::move(components);
+}
+
 }  // namespace zel

@@ -51,6 +51,11 @@ private:
     std::vector<Remark> m_remarks;
 };
 
+/// Returns: the quotas, with those of SetUnlistedComponents that they do not have and whose groups are configured.
+/// `remarks` gets the ones that are left out.
+std::vector<CgroupComponentQuota> WithUnlisted(std::vector<CgroupComponentQuota> quotas, const GroupTargets& targets,
+                                               std::vector<Remark>& remarks);
+
 /// Writes the form of the file which says that there are no unified limits.
 Status PublishDisabled(const std::string& path);
 

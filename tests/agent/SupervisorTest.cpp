@@ -53,6 +53,29 @@ TEST_F(SupervisorTest, DeadComponentIsStartedAfterBackoffNotBefore) {
     supervisor->StopAll(1000);
 }
 
+TEST_F(SupervisorTest, ComponentWithoutPlaceWaitsAndCountsAsNoDeath) {
+    auto supervisor = Make("sleep 100");
+    bool place = false;
+    supervisor->SetPlacement([&](const ComponentConfig&) -> base::Result<std::vector<std::string>> {
+        if (place) return std::vector<std::string>();
+        return base::SentenceError("no group for it");
+    });
+    supervisor->Configure({{"A", "nowhere", {}, {}}});
+    supervisor->Tick(1000);
+    ComponentStatus status = supervisor->Status(1000)[0];
+    EXPECT_EQ(ComponentState::kWaiting, status.state);
+    EXPECT_EQ("no group for it", status.lastReason);
+    EXPECT_EQ(0u, status.recentRestarts);
+    place = true;
+    supervisor->Tick(1004);
+    EXPECT_EQ(ComponentState::kWaiting, supervisor->Status(1004)[0].state);
+    supervisor->Tick(1005);
+    status = supervisor->Status(1005)[0];
+    EXPECT_EQ(ComponentState::kRunning, status.state);
+    EXPECT_EQ("", status.lastReason);
+    supervisor->StopAll(1000);
+}
+
 TEST_F(SupervisorTest, TheBudgetIsOnDiskBeforeTheNextStart) {
     {
         auto supervisor = Make("exit 1");

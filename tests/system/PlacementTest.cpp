@@ -1,8 +1,11 @@
 // Where the agent's processes sit while the limit mode changes under load: every one in its own leaf again, and back in
 // the legacy group, however the change reaches its threads.
+#include <signal.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <map>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -105,6 +108,77 @@ TEST_F(PlacementTest, BusyComponentsAreInTheirLeavesAfterEveryChange) {
         const bool left = Poll(kStaysSeconds, [&] { return !Misplaced(pids).empty(); });
         EXPECT_FALSE(left) << "round " << round << ": " << Misplaced(pids);
     }
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+// A program that does not load the module cannot follow by itself, nor can what it has started.
+TEST_F(PlacementTest, ProgramFollowsEveryModeWithItsChildren) {
+    WriteComponents(
+        "{\"name\": \"QorHips\", \"group\": \"collect-defense\", "
+        "\"command\": [\"/bin/sh\", \"-c\", \"sleep 1000 & sleep 1001\"]}");
+    Child agent = StartRunningAgent();
+    std::map<std::string, pid_t> family;
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return (family["program"] = ComponentPid("QorHips")) > 0; }));
+    const std::string program = std::to_string(family["program"]);
+    const auto readChildren = [&] {
+        std::istringstream in(ReadText("/proc/" + program + "/task/" + program + "/children"));
+        return static_cast<bool>(in >> family["child 1"] >> family["child 2"]);
+    };
+    ASSERT_TRUE(Poll(kSettleSeconds, readChildren)) << "it does not run";
+    std::vector<pid_t> all;
+    for (const auto& each : family) all.push_back(each.second);
+    std::sort(all.begin(), all.end());
+    const std::string leaf = "/" + Tree() + "/collect-defense/QorHips";
+    const auto inLeaf = [&] { return ProcessesIn(CpuRoot() + leaf) == all && ProcessesIn(MemoryRoot() + leaf) == all; };
+    EXPECT_TRUE(Poll(kSettleSeconds, inLeaf));
+    for (const int mode : {5, 0, 1}) {
+        WriteOnline("{\"resourceLimitMode\": " + std::to_string(mode) + "}");
+        EXPECT_TRUE(Poll(kSettleSeconds, [&] { return OutsideLegacy(family, mode).empty(); }))
+            << OutsideLegacy(family, mode);
+        WriteOnline("{\"resourceLimitMode\": 13}");
+        EXPECT_TRUE(Poll(kSettleSeconds, inLeaf)) << "mode " << mode << " to 13";
+    }
+    EXPECT_EQ(agent.Stop(), 0);
+    for (const auto& each : family) kill(each.second, SIGKILL);
+}
+
+TEST_F(PlacementTest, UnlistedComponentHasLeafInItsGroup) {
+    WriteComponents(
+        "{\"name\": \"Extra\", \"group\": \"guard\", \"load\": \"greedy:1\"}, "
+        "{\"name\": \"Program\", \"group\": \"collect-defense\", \"command\": [\"/bin/sleep\", \"1000\"]}");
+    Child agent = StartRunningAgent();
+    for (const auto& [leaf, name] :
+         {std::pair("/guard/Extra", "Extra"), std::pair("/collect-defense/Program", "Program")}) {
+        pid_t pid = 0;
+        EXPECT_TRUE(Poll(kSettleSeconds,
+                         [&, leaf = leaf, name = name] {
+                             pid = ComponentPid(name);
+                             const std::vector<pid_t> only{pid};
+                             return pid > 0 && ProcessesIn(CpuRoot() + "/" + Tree() + leaf) == only &&
+                                    ProcessesIn(MemoryRoot() + "/" + Tree() + leaf) == only;
+                         }))
+            << name << " is in " << ReadText("/proc/" + std::to_string(pid) + "/cgroup");
+        EXPECT_EQ(ReadNumber(CpuRoot() + "/" + Tree() + leaf + "/cpu.cfs_quota_us"), -1) << "a quota nobody asked for";
+    }
+    EXPECT_EQ(ProcessesIn(CpuRoot() + "/" + Tree() + "/main/Tervane"), std::vector<pid_t>{agent.Pid()});
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(PlacementTest, ComponentOfUnknownGroupWaitsForModeThatHasPlace) {
+    WriteComponents("{\"name\": \"Lost\", \"group\": \"nowhere\"}");
+    Child agent = StartRunningAgent();
+    ASSERT_TRUE(WaitLog("component Lost is not started: its group \"nowhere\" is not one of the unified limits"));
+    SleepMs(6000);  // it is tried again meanwhile
+    EXPECT_EQ(LogCount("component Lost is not started"), 1);
+    EXPECT_EQ(ComponentPid("Lost"), 0);
+    EXPECT_EQ(ProcessesIn(CpuRoot() + "/" + Tree() + "/main/Tervane"), std::vector<pid_t>{agent.Pid()});
+    WriteOnline("{\"resourceLimitMode\": 5}");
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] {
+        const pid_t pid = ComponentPid("Lost");
+        return pid > 0 && OutsideLegacy({{"Lost", pid}}, 5).empty();
+    }));
     EXPECT_EQ(agent.Stop(), 0);
     ExpectNothingLeft();
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/zel/CgroupRecords.h"
 #include "platform/zel/Export.h"
 
 namespace zel {
@@ -56,6 +57,25 @@ ZEL_API bool ReadCgroupTreeStatus(CgroupTreeStatus& out, std::string& error);
 /// What others have made inside is left, and so is the tree then.
 /// Returns: true when nothing is left behind; else false with every reason in `error`.
 ZEL_API bool RemoveAgentCgroupTree(std::string& error);
+
+/// Where the component file puts a component.
+struct ComponentPlaces {
+    bool unified = false;                  ///< there are unified limits
+    bool named = false;                    ///< and the file has the component
+    std::vector<std::string> directories;  ///< of its leaves
+};
+
+/// Reads that, checked against this host's own groups. On failure: false with the reason in `error`.
+ZEL_API bool ReadComponentPlaces(const std::string& component, ComponentPlaces& out, std::string& error);
+
+/// Puts a child of the main process that knows nothing of its groups, with everything that it has started, into the
+/// component's leaves; where it has none, out of the tree and to the main process.
+/// On failure: false with the reason in `error`; to be tried again.
+ZEL_API bool PlaceComponentProcess(const std::string& component, int pid, std::string& error);
+
+/// Components that get a leaf in their group also when the module's table does not name them; their quotas hold then.
+/// To be called before the manager first writes the component file.
+ZEL_API void SetUnlistedComponents(std::vector<CgroupComponentQuota> components);
 
 /// Names this process's component for CCgroupClient: the "name" of its entry in the component file. To be called
 /// before the client's first use. Without a call the environment variable ZEL_COMPONENT counts.

@@ -1,0 +1,74 @@
+// Reading and proving.
+#include "ComponentPlaces.h"
+
+#include <utility>
+
+#include "AgentTree.h"
+#include "OwnGroup.h"
+#include "base/ProcFiles.h"
+#include "platform/zel/AgentNames.h"
+#include "platform/zel/PathInfo.h"
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+/// Proves that the directory is the one that the file was written about.
+Status CheckIdentity(const GroupDir& dir, uint64_t inode, const std::string& leafPath) {
+    Result<GroupIdentity> identity = dir.Identity();
+    if (!identity) return identity.GetError();
+    if (identity->inode == inode) return {};
+    return MakeError(ErrorKind::kRefused, "join", leafPath,
+                     "the group was made anew since the file was written, the file is stale");
+}
+
+Result<LeafPlace> OpenPlace(const Branches& branches, Controller controller, const ComponentLeaf& leaf,
+                            const ComponentParent& parent, const std::string& component) {
+    const std::shared_ptr<Branch>& branch = branches.of[controller];
+    if (!branch) return branches.errors[controller];
+    if (leaf.version != branch->GetVersion()) {
+        return MakeError(
+            ErrorKind::kRefused, "join", leaf.path,
+            std::string("controller ") + ControllerName(controller) + " is on the other cgroup version on this host");
+    }
+    Result<GroupDir> tree = OpenTree(*branch);
+    if (!tree) return tree.GetError();
+    if (parent.path != tree->Path()) {
+        return MakeError(ErrorKind::kRefused, "join", leaf.path, "it lies outside the agent's tree " + tree->Path());
+    }
+    Result<GroupDir> group = OpenOwnChild(*tree, leaf.group);
+    if (!group) return group.GetError();
+    Result<GroupDir> dir = OpenOwnChild(*group, component);
+    if (!dir) return dir.GetError();
+    Status same = CheckIdentity(*dir, leaf.inode, leaf.path);
+    if (same) same = CheckIdentity(*tree, parent.inode, leaf.path);
+    if (!same) return same.GetError();
+    return LeafPlace{branch, std::move(*dir), leaf.quota};
+}
+
+}  // namespace
+
+std::string ComponentFilePath() {
+    return COrvexPathInfo::GetInstance()->GetGlobalCfgPath() + kComponentFileName;
+}
+
+Result<ComponentFile> ReadCurrentFile(const std::string& path) {
+    Result<ComponentFile> file = ReadComponentFile(path);
+    if (!file || !file->enabled || file->bootId == base::ReadBootId()) return file;
+    return MakeError(ErrorKind::kRefused, "use", path, "it was written before the last boot");
+}
+
+Result<LeafPlaces> OpenPlaces(const Branches& branches, const ComponentFile& file, const ComponentEntry& entry) {
+    LeafPlaces out;
+    for (const Controller controller : kAllControllers) {
+        const ComponentLeaf& leaf = entry.Leaf(controller);
+        if (!leaf.present) continue;
+        Result<LeafPlace> place = OpenPlace(branches, controller, leaf, file.Parent(controller), entry.name);
+        if (!place) return place.GetError();
+        out[controller] = std::move(*place);
+    }
+    return out;
+}
+
+}  // namespace cgroup
+}  // namespace zel

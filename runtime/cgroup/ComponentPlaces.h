@@ -1,0 +1,37 @@
+// Where the component file puts a component, every word of it checked against this host's own hierarchies. Reads the
+// file and opens the leaves; moves nobody.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Branch.h"
+#include "ComponentFile.h"
+#include "Errors.h"
+#include "GroupDir.h"
+#include "GroupTypes.h"
+
+namespace zel {
+namespace cgroup {
+
+/// One checked leaf: it is open and is the one that the file means.
+struct LeafPlace {
+    std::shared_ptr<Branch> branch;
+    GroupDir leaf;
+    int quota = 0;
+};
+
+/// Empty for a controller: the component has no leaf of it.
+using LeafPlaces = PerController<std::optional<LeafPlace>>;
+
+std::string ComponentFilePath();
+
+/// Reads the file and proves that it is about this boot. kNotFound: there is none.
+Result<ComponentFile> ReadCurrentFile(const std::string& path);
+
+/// Opens every leaf of the entry, by way of this host's own view of the tree.
+Result<LeafPlaces> OpenPlaces(const Branches& branches, const ComponentFile& file, const ComponentEntry& entry);
+
+}  // namespace cgroup
+}  // namespace zel

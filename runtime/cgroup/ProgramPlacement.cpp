@@ -1,0 +1,131 @@
+// The main process's hand on components that know nothing of their groups: where such a one is born, and where it is
+// put when the groups change. Moves the given process and its descendants, nobody else.
+#include <unistd.h>
+
+#include <utility>
+#include <vector>
+
+#include "AgentTree.h"
+#include "ComponentPlaces.h"
+#include "Membership.h"
+#include "OwnPlacement.h"
+#include "ProcessTable.h"
+#include "platform/zel/CgroupTreeStatus.h"
+
+namespace zel {
+namespace {
+
+using namespace cgroup;
+
+/// A program that forks while it is looked at is looked at again, this often.
+constexpr int kPlaceRounds = 4;
+
+/// Where a component belongs at present.
+struct Belonging {
+    Branches branches;
+    bool unified = false;  ///< there are unified limits
+    bool named = false;    ///< and the file has the component
+    LeafPlaces places;
+};
+
+Result<Belonging> FindBelonging(const std::string& component) {
+    Belonging out;
+    out.branches = FindBranches();
+    const std::string path = ComponentFilePath();
+    Result<ComponentFile> file = ReadCurrentFile(path);
+    if (!file && file.GetError().kind == ErrorKind::kNotFound) return out;
+    if (!file) return file.GetError();
+    out.unified = file->enabled;
+    const ComponentEntry* entry = out.unified ? file->Find(component) : nullptr;
+    if (entry == nullptr) return out;
+    out.named = true;
+    Result<LeafPlaces> places = OpenPlaces(out.branches, *file, *entry);
+    if (!places) return places.GetError();
+    out.places = std::move(*places);
+    return out;
+}
+
+/// Out of the tree, to where the main process is: under the limits that hold for that, the legacy ones included.
+Status LeaveTree(const Branch& branch, int pid) {
+    const Territory tree = branch.Tree();
+    Result<std::string> where = ReadGroupOf(pid, branch.hierarchy);
+    if (!where) return where.GetError();
+    if (!tree.Holds(*where)) return {};
+    Result<std::string> own = ReadGroupOf(getpid(), branch.hierarchy);
+    if (own && !tree.Holds(*own)) {
+        Result<GroupDir> beside = OpenGroup(branch.hierarchy, *own);
+        if (beside && beside->MoveHere(pid)) return {};
+    }
+    return MoveBesideTree(branch, pid);
+}
+
+Status PlaceOne(const Belonging& belonging, int pid) {
+    std::vector<Entry> entries;
+    Flags joins;
+    for (const Controller controller : kAllControllers) {
+        const std::optional<LeafPlace>& place = belonging.places[controller];
+        joins[controller] = place.has_value();
+        if (place) entries.push_back({place->branch->Tree(), &place->leaf});
+    }
+    Membership membership;  // where it came from is of no use: it goes where the main process is
+    std::vector<Error> stranded;
+    Status placed = membership.Join(pid, entries, stranded);
+    for (const std::shared_ptr<Branch>& branch : belonging.branches.all) {
+        if (!placed) return placed;
+        if (branch->placement && !branch->ServesAnyOf(joins)) placed = LeaveTree(*branch, pid);
+    }
+    return placed;
+}
+
+/// Returns: processes that were looked at; kNotFound of one that has ended is no failure.
+Result<size_t> PlaceAll(const Belonging& belonging, int pid) {
+    const std::vector<ProcessEntry> family = DescendantsOf(ReadProcessTable(), pid);
+    for (const ProcessEntry& entry : family) {
+        if (StartTicksOf(entry.pid) != entry.startTicks) continue;
+        Status placed = PlaceOne(belonging, entry.pid);
+        if (!placed && placed.GetError().kind != ErrorKind::kNotFound) return placed.GetError();
+    }
+    return family.size();
+}
+
+}  // namespace
+
+bool ReadComponentPlaces(const std::string& component, ComponentPlaces& out, std::string& error) {
+    Result<Belonging> belonging = FindBelonging(component);
+    if (!belonging) {
+        error = belonging.GetError().Text();
+        return false;
+    }
+    out = {};
+    out.unified = belonging->unified;
+    out.named = belonging->named;
+    for (const Controller controller : kAllControllers) {
+        const std::optional<LeafPlace>& place = belonging->places[controller];
+        if (!place || (!out.directories.empty() && out.directories.back() == place->leaf.Path())) continue;
+        out.directories.push_back(place->leaf.Path());
+    }
+    return true;
+}
+
+bool PlaceComponentProcess(const std::string& component, int pid, std::string& error) {
+    const base::MutexLock placing(PlacementMutex());
+    Result<Belonging> belonging = FindBelonging(component);
+    if (!belonging) {
+        error = belonging.GetError().Text();
+        return false;
+    }
+    // A component that the file does not name has the legacy limit for itself.
+    size_t seen = 0;
+    for (int round = 0; round < kPlaceRounds; ++round) {
+        Result<size_t> now = PlaceAll(*belonging, pid);
+        if (!now) {
+            error = now.GetError().Text();
+            return false;
+        }
+        if (*now <= seen) break;
+        seen = *now;
+    }
+    return true;
+}
+
+}  // namespace zel
