@@ -46,6 +46,7 @@ void LogLegacy(int level, int line, const std::string& text) {
 void LegacyGroup::Want(const Limit& limit, int64_t softBytes) {
     m_limit = limit;
     m_softBytes = softBytes;
+    m_otherLimit = Limit();
 }
 
 std::string LegacyGroup::Text() const {
@@ -144,6 +145,7 @@ void LegacyGroup::Reset(bool forgetOrigin) {
     m_group = GroupDir();
     m_limit = Limit();
     m_softBytes = kUnlimited;
+    m_otherLimit = Limit();
 }
 
 bool LegacyGroup::HoldsSelf() const {
@@ -155,6 +157,15 @@ bool LegacyGroup::IsInForce() const {
     if (!m_started || !m_group.IsAlive() || !HoldsSelf()) return false;
     Result<Limit> limit = ReadLimit(m_controller, m_group);
     return limit && IsLimited(m_controller, *limit) && SameLimit(m_controller, *limit, m_limit);
+}
+
+bool LegacyGroup::IsOtherLimitNew() {
+    const Limit before = std::exchange(m_otherLimit, Limit());
+    if (!m_group.IsAlive() || !HoldsSelf()) return false;
+    Result<Limit> limit = ReadLimit(m_controller, m_group);
+    if (!limit || !IsLimited(m_controller, *limit) || SameLimit(m_controller, *limit, m_limit)) return false;
+    m_otherLimit = *limit;
+    return !SameLimit(m_controller, *limit, before);
 }
 
 // --- who is in it ---------------------------------------------------------------------------------------------------

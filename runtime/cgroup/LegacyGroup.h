@@ -64,6 +64,9 @@ public:
     bool HoldsSelf() const;
     /// Asked of the kernel: the group exists, this process is in it, and the value is what was asked for.
     bool IsInForce() const;
+    /// Returns: whether the group has another finite limit than ours, and had another at the last look. One process of
+    /// the agent hears of a new limit before the next: what it has written is no news of somebody else.
+    bool IsOtherLimitNew();
     /// Members that are not the agent's: not this process, not its family as far as it is in the group too, not a
     /// process of the same program or of the application directory.
     std::vector<int> Foreign() const;
@@ -94,6 +97,7 @@ private:
     GroupDir m_group;
     Limit m_limit;
     int64_t m_softBytes = kUnlimited;
+    Limit m_otherLimit;  ///< another than ours, as seen at the last look; unlimited: none
 };
 
 }  // namespace cgroup

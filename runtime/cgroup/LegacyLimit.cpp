@@ -105,8 +105,9 @@ int LegacyLimit::StartPlaced(LegacyGroup& group, int& error) {
     Status status;
     for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
         status = group.Start(IsOtherOnV2(group));
-        // Another process of the agent may remove the group between our mkdir and our move: make it again.
-        if (!IsGone(status)) break;
+        // Another process of the agent may remove the group between our mkdir and our move, or write its own limit
+        // beside ours: once more.
+        if (status ? group.IsInForce() : !IsGone(status)) break;
     }
     if (!status) return Fail(status.GetError(), what, LegacyCodeOf(status.GetError()), error);
     if (!group.IsInForce()) {
@@ -149,6 +150,7 @@ void LegacyLimit::Sync(LegacyGroup& group) {
         group.JoinDescendants();
         return;
     }
+    if (group.IsOtherLimitNew()) return;  // our own news of it is on its way; otherwise the next look finds it still
     std::string what;
     if (!group.IsAlive()) {
         what = "legacy group " + group.Path() + " was removed by somebody else: made again";

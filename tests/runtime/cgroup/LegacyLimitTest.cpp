@@ -365,6 +365,27 @@ TEST_F(LegacyLimitTest, ProgramsOfApplicationDirectoryAreAgents) {
     }
 }
 
+// A changed limit reaches the agent's processes one after the other.
+TEST_F(LegacyLimitTest, NewLimitOfAnotherProcessIsNotTakenForStrangers) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    auto second = Make();
+    ASSERT_EQ(kLegacyOk, second->StartCpuLimit(30, 0, m_error));
+    support::TakeLogLines();
+    m_limit->SyncCpuLimit();
+    EXPECT_EQ("30000", Quota()) << "the first put its old limit over the new one";
+    EXPECT_THAT(Warnings(), IsEmpty());
+    ASSERT_EQ(kLegacyOk, Start(30, 0));
+    m_limit->SyncCpuLimit();
+    EXPECT_THAT(Warnings(), IsEmpty());
+    // One that stays is somebody else's, a stranger's included.
+    ASSERT_TRUE(Root(m_cpu).OpenChild(m_group)->Write("cpu.cfs_quota_us", "40000").Ok());
+    m_limit->SyncCpuLimit();
+    m_limit->SyncCpuLimit();
+    EXPECT_EQ("30000", Quota());
+    EXPECT_THAT(Warnings(), SizeIs(1));
+    EXPECT_EQ(kLegacyOk, Stop());
+}
+
 TEST_F(LegacyLimitTest, StartsAndStopsAtOnceDoNotDisturbEachOther) {
     constexpr int kProcesses = 4;
     constexpr int kRounds = 15;
