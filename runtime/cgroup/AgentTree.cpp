@@ -150,6 +150,15 @@ Status MoveBesideTree(const Branch& branch, int pid) {
     return outside ? outside->MoveHere(pid) : Status(outside.GetError());
 }
 
+Status MoveOutLike(const Branch& branch, int pid, int like) {
+    Result<std::string> path = ReadGroupOf(like, branch.hierarchy);
+    if (path && !branch.Tree().Holds(*path)) {
+        Result<GroupDir> group = OpenGroup(branch.hierarchy, *path);
+        if (group && group->MoveHere(pid)) return {};
+    }
+    return MoveBesideTree(branch, pid);
+}
+
 void SweepTree(const Branch& branch, const GroupTargets& targets) {
     Result<GroupDir> tree = OpenTree(branch);
     if (!tree) return;

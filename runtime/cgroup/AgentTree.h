@@ -24,6 +24,9 @@ Result<GroupDir> MakeLeaf(const Branch& branch, const Flags& wanted, const std::
 /// Moves a process out of the tree where nothing is known of its origin: to the base, or, where the kernel allows no
 /// process in it, to a leaf of ours beside the tree.
 Status MoveBesideTree(const Branch& branch, int pid);
+/// The same for a process that was born inside: it goes to where `like`, its main process, is, so that it is under the
+/// limits of others that hold for that; only where that is in the tree itself, or its group takes nobody, beside it.
+Status MoveOutLike(const Branch& branch, int pid, int like);
 
 /// Removes what is empty and has no place in the targets. What holds processes is looked at again the next time.
 void SweepTree(const Branch& branch, const GroupTargets& targets);

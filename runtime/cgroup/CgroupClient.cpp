@@ -95,7 +95,8 @@ bool CCgroupClient::Impl::Refuse(int line, const Error& error) {
 bool CCgroupClient::Impl::LeaveBranch(const Branch& branch) {
     if (!branch.placement) return true;
     const base::MutexLock placing(PlacementMutex());
-    const auto refuge = [&](int pid) { return MoveBesideTree(branch, pid); };
+    // Without an origin it was born inside, and it is the main process that starts others there.
+    const auto refuge = [&](int pid) { return MoveOutLike(branch, pid, getppid()); };
     Status left = membership.Leave(getpid(), branch.Tree(), refuge);
     return left || Refuse(__LINE__, left.GetError());
 }

@@ -47,16 +47,10 @@ Result<Belonging> FindBelonging(const std::string& component) {
 
 /// Out of the tree, to where the main process is: under the limits that hold for that, the legacy ones included.
 Status LeaveTree(const Branch& branch, int pid) {
-    const Territory tree = branch.Tree();
     Result<std::string> where = ReadGroupOf(pid, branch.hierarchy);
     if (!where) return where.GetError();
-    if (!tree.Holds(*where)) return {};
-    Result<std::string> own = ReadGroupOf(getpid(), branch.hierarchy);
-    if (own && !tree.Holds(*own)) {
-        Result<GroupDir> beside = OpenGroup(branch.hierarchy, *own);
-        if (beside && beside->MoveHere(pid)) return {};
-    }
-    return MoveBesideTree(branch, pid);
+    if (!branch.Tree().Holds(*where)) return {};
+    return MoveOutLike(branch, pid, getpid());
 }
 
 Status PlaceOne(const Belonging& belonging, int pid) {

@@ -151,6 +151,33 @@ TEST_F(CgroupClientTest, LeavesTheGroupOfItsBirthWithoutEverJoining) {
     ASSERT_TRUE(manager.RemovePidFromGroup("main", getpid()));
 }
 
+// The limits of others that hold for the main process hold for what it has started.
+TEST_F(CgroupClientTest, GoesFromTheGroupOfItsBirthToItsParents) {
+    if (layout.cpuV2) GTEST_SKIP() << "SKIP: on version 2 the tree's base is where the parent is";
+    const std::string outer = layout.cpuMount + "/outer." + std::to_string(getpid());
+    ASSERT_EQ(0, mkdir(outer.c_str(), 0755));
+    ASSERT_TRUE(WriteText(outer + "/cgroup.procs", std::to_string(getpid())));
+    ASSERT_TRUE(manager.AddPidToGroup("main", getpid()));
+    int ready[2];
+    ASSERT_EQ(0, pipe2(ready, O_CLOEXEC));
+    Child born([&] {
+        char byte = 0;
+        if (read(ready[0], &byte, 1) != 1) return 3;
+        zel::CCgroupClient own;
+        unlink(file.c_str());
+        if (!own.ReloadConfig()) return 1;
+        const std::vector<std::string> inside = Procs(outer);
+        return std::find(inside.begin(), inside.end(), std::to_string(getpid())) == inside.end() ? 2 : 0;
+    });
+    EXPECT_TRUE(manager.RemovePidFromGroup("main", getpid()));
+    EXPECT_EQ(1, write(ready[1], "x", 1));
+    EXPECT_EQ(0, born.Wait());
+    EXPECT_TRUE(WriteText(layout.cpuMount + "/cgroup.procs", std::to_string(getpid())));
+    EXPECT_TRUE(Eventually([&] { return rmdir(outer.c_str()) == 0; }));
+    close(ready[0]);
+    close(ready[1]);
+}
+
 TEST_F(CgroupClientTest, ComesBackWhenSomebodyMovedItAway) {
     ASSERT_TRUE(client.ReloadConfig());
     ASSERT_TRUE(WriteText(layout.memMount + "/cgroup.procs", std::to_string(getpid())));
