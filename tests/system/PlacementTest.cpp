@@ -166,7 +166,7 @@ TEST_F(PlacementTest, UnlistedComponentHasLeafInItsGroup) {
     ExpectNothingLeft();
 }
 
-TEST_F(PlacementTest, ComponentOfUnknownGroupWaitsForModeThatHasPlace) {
+TEST_F(PlacementTest, ComponentOfUnknownGroupWaitsForFittingMode) {
     WriteComponents("{\"name\": \"Lost\", \"group\": \"nowhere\"}");
     Child agent = StartRunningAgent();
     ASSERT_TRUE(WaitLog("component Lost is not started: its group \"nowhere\" is not one of the unified limits"));

@@ -366,7 +366,7 @@ TEST_F(LegacyLimitTest, ProgramsOfApplicationDirectoryAreAgents) {
 }
 
 // A changed limit reaches the agent's processes one after the other.
-TEST_F(LegacyLimitTest, NewLimitOfAnotherProcessIsNotTakenForStrangers) {
+TEST_F(LegacyLimitTest, NewLimitOfAnotherProcessIsNoStrangers) {
     ASSERT_EQ(kLegacyOk, Start(20, 0));
     auto second = Make();
     ASSERT_EQ(kLegacyOk, second->StartCpuLimit(30, 0, m_error));
