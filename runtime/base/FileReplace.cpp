@@ -14,6 +14,7 @@
 #include "base/Fd.h"
 #include "base/FileIo.h"
 #include "base/FilePath.h"
+#include "base/TrustedRead.h"
 
 namespace base {
 namespace {
@@ -123,10 +124,11 @@ Status SyncDirectory(const Fd& directory, const std::string& path) {
 }  // namespace
 
 Status ReplaceFile(const std::string& path, std::string_view text, mode_t mode, Durability durability) {
+    const Result<Fd> place = OpenNamedDirectory(DirectoryOf(path));
+    if (!place) return place.GetError();
     // Only what is to be synced needs a descriptor that is open for reading.
     const int access = durability == Durability::kSynced ? O_RDONLY : O_PATH;
-    const Fd directory(
-        RetryOnSignal([&] { return ::open(DirectoryOf(path).c_str(), access | O_DIRECTORY | O_CLOEXEC); }));
+    const Fd directory(RetryOnSignal([&] { return ::openat(place->Get(), ".", access | O_DIRECTORY | O_CLOEXEC); }));
     if (!directory) return ErrnoError(errno, "open directory", DirectoryOf(path));
     Status status = CheckTarget(directory, path);
     if (!status) return status;

@@ -121,10 +121,14 @@ struct Found {
 // not judged here, the directory that holds it is.
 class Walk {
 public:
-    static Result<Found> To(const std::string& path) {
+    enum class Rule {
+        kTrusted,      // every element
+        kOwnLinksOnly  // directories are taken as they are
+    };
+    static Result<Found> To(const std::string& path, Rule rule = Rule::kTrusted) {
         const Result<std::string> absolute = Absolute(path);
         if (!absolute) return absolute.GetError();
-        Walk walk(ElementsOf(*absolute));
+        Walk walk(ElementsOf(*absolute), rule);
         Status status = walk.Begin();
         while (status && !walk.m_left.empty()) status = walk.Step();
         if (!status) return status.GetError();
@@ -132,7 +136,7 @@ public:
     }
 
 private:
-    explicit Walk(std::deque<std::string> elements) : m_left(std::move(elements)) {}
+    Walk(std::deque<std::string> elements, Rule rule) : m_left(std::move(elements)), m_rule(rule) {}
 
     Status Begin() {
         m_found.at.Reset(RetryOnSignal([] { return ::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC); }));
@@ -141,7 +145,7 @@ private:
         const Result<struct stat> info = StatOf(m_found.at, m_found.path);
         if (!info) return info.GetError();
         m_found.info = *info;
-        return JudgeDirectory(m_found.path, *info);
+        return Judge(JudgeDirectory, m_found.path, *info);
     }
 
     Status Step() {
@@ -159,13 +163,13 @@ private:
         if (!info) return info.GetError();
         const bool isDirectory = S_ISDIR(info->st_mode);
         if (!isDirectory && m_left.empty()) {
-            Status held = JudgeHolder(m_found.path, m_found.info);
+            Status held = Judge(JudgeHolder, m_found.path, m_found.info);
             if (!held) return held;
         }
         if (S_ISLNK(info->st_mode)) return Follow(next, path, *info);
         if (!isDirectory && !m_left.empty()) return ErrnoError(ENOTDIR, "open", path);
         if (isDirectory) {
-            Status status = JudgeDirectory(path, *info);
+            Status status = Judge(JudgeDirectory, path, *info);
             if (!status) return status;
         } else {
             m_found.holder = std::move(m_found.at);
@@ -174,6 +178,11 @@ private:
         m_found.path = path;
         m_found.info = *info;
         return {};
+    }
+
+    Status Judge(Status (*verdict)(const std::string&, const struct stat&), const std::string& path,
+                 const struct stat& info) const {
+        return m_rule == Rule::kTrusted ? verdict(path, info) : Status();
     }
 
     Status Follow(const Fd& link, const std::string& path, const struct stat& info) {
@@ -191,6 +200,7 @@ private:
     }
 
     std::deque<std::string> m_left;
+    const Rule m_rule;
     Found m_found;
     int m_links = 0;
 };
@@ -278,6 +288,13 @@ Result<Fd> OpenTrustedDirectory(const std::string& path) {
     if (!S_ISDIR(found->info.st_mode)) return ErrnoError(ENOTDIR, "open", path);
     const Status status = JudgeHolder(found->path, found->info);
     if (!status) return status.GetError();
+    return std::move(found->at);
+}
+
+Result<Fd> OpenNamedDirectory(const std::string& path) {
+    Result<Found> found = Walk::To(path, Walk::Rule::kOwnLinksOnly);
+    if (!found) return found.GetError();
+    if (!S_ISDIR(found->info.st_mode)) return ErrnoError(ENOTDIR, "open directory", path);
     return std::move(found->at);
 }
 

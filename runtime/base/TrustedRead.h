@@ -31,6 +31,11 @@ Result<std::string> ReadTrusted(const std::string& path, size_t limit, TrustScop
 /// the element at fault.
 Result<Fd> OpenTrustedDirectory(const std::string& path);
 
+/// Opens a directory that may belong to anybody, as an operator names one for another program's files: only links of
+/// other users on the way there are refused, so that nobody who may write above it can turn us to another place.
+/// Returns: a descriptor (O_PATH) to open relative to.
+Result<Fd> OpenNamedDirectory(const std::string& path);
+
 /// A program that was judged.
 /// Lifetime: the descriptor is close-on-exec until the program is run.
 struct TrustedProgram {

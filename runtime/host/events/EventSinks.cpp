@@ -14,6 +14,7 @@
 
 #include "base/FileIo.h"
 #include "base/FilePath.h"
+#include "base/TrustedRead.h"
 #include "platform/zel/LogMessage.h"
 
 namespace zelhost {
@@ -115,8 +116,14 @@ base::Status CJsonLinesSink::OpenFile() {
     m_fd.Reset();
     const base::Status made = base::MakeDirectories(base::DirectoryOf(m_path));
     if (!made) return made;
-    base::Result<base::Fd> fd = base::OpenForAppending(AT_FDCWD, m_path, kFileMode);
-    if (!fd) return fd.GetError();
+    const base::Result<base::Fd> place = base::OpenNamedDirectory(base::DirectoryOf(m_path));
+    if (!place) return place.GetError();
+    base::Result<base::Fd> fd = base::OpenForAppending(place->Get(), base::FileNameOf(m_path), kFileMode);
+    if (!fd) {
+        base::Error error = fd.GetError();
+        error.path = m_path;
+        return error;
+    }
     if (fstat(fd->Get(), &st) != 0) return base::ErrnoError(errno, "open", m_path);
     m_fd = std::move(*fd);
     m_inode = st.st_ino;

@@ -43,6 +43,29 @@ protected:
     const std::string m_file = m_dir / "file";
 };
 
+// An operator may name a directory of another user's; that user must not turn us to a third place.
+TEST_F(FileReplaceTest, ALinkOfAnotherUsersOnTheWayIsNotFollowed) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: another user's link";
+    constexpr uid_t kForeigner = 65534;
+    ASSERT_EQ(0, ::mkdir((m_dir / "theirs").c_str(), 0755));
+    ASSERT_EQ(0, ::mkdir((m_dir / "victim").c_str(), 0755));
+    ASSERT_EQ(0, ::symlink("../victim", (m_dir / "theirs/folder").c_str()));
+    for (const Durability durability : kBoth) {
+        EXPECT_TRUE(ReplaceFile(m_dir / "theirs/folder/file", "text", 0644, durability)) << "a link of our own";
+        ASSERT_EQ(0, ::unlink((m_dir / "victim/file").c_str()));
+    }
+    ASSERT_EQ(0, ::chown((m_dir / "theirs").c_str(), kForeigner, kForeigner));
+    ASSERT_EQ(0, ::lchown((m_dir / "theirs/folder").c_str(), kForeigner, kForeigner));
+    for (const Durability durability : kBoth) {
+        const Status refused = ReplaceFile(m_dir / "theirs/folder/file", "text", 0644, durability);
+        ASSERT_FALSE(refused);
+        EXPECT_EQ(ErrorKind::kRefused, refused.GetError().kind);
+        EXPECT_EQ(m_dir / "theirs/folder", refused.GetError().path);
+        EXPECT_THAT(NamesIn(m_dir / "victim"), ElementsAre());
+        EXPECT_TRUE(ReplaceFile(m_dir / "theirs/file", "text", 0644, durability)) << "the directory itself is theirs";
+    }
+}
+
 TEST_F(FileReplaceTest, MakesAndReplacesWithExactlyTextAndMode) {
     for (const Durability durability : kBoth) {
         WriteText(m_file, std::string(10000, 'o'));
