@@ -21,7 +21,7 @@ void CWatchedCheck::Supervise(RoundFigures& round) {
     m_watched.Round(round.nowNs, maxCpu, m_rules.MaxMemKb(), m_found);
     for (const WatchedEvent& event : m_found) {
         KeepEvent(event, round);
-        Tell(event, maxCpu);
+        Tell(event);
     }
 }
 
@@ -40,7 +40,7 @@ void CWatchedCheck::KeepEvent(const WatchedEvent& event, RoundFigures& round) {
     }
 }
 
-void CWatchedCheck::Tell(const WatchedEvent& event, int64_t maxCpu) {
+void CWatchedCheck::Tell(const WatchedEvent& event) {
     const std::string who = "watched process " + std::to_string(event.pid) + " (" + event.name + ") ";
     Finding finding;
     finding.name = event.name;
@@ -53,12 +53,12 @@ void CWatchedCheck::Tell(const WatchedEvent& event, int64_t maxCpu) {
             break;
         case WatchedEvent::kCpuHigh:
             finding.kind = ResourceKind::kWatchedCpu;
-            finding.limit = maxCpu;
+            finding.limit = event.limit;
             finding.text = who + "uses " + QuantityText(ResourceKind::kWatchedCpu, event.value) + " CPU";
             break;
         case WatchedEvent::kMemHigh:
             finding.kind = ResourceKind::kWatchedMemory;
-            finding.limit = m_rules.MaxMemKb();
+            finding.limit = event.limit;
             finding.text = who + "holds " + QuantityText(ResourceKind::kWatchedMemory, event.value);
             break;
     }

@@ -18,7 +18,7 @@ public:
 
 private:
     void KeepEvent(const WatchedEvent& event, RoundFigures& round);
-    void Tell(const WatchedEvent& event, int64_t maxCpu);
+    void Tell(const WatchedEvent& event);
 
     const SamplingRules& m_rules;
     CWatchedProcesses& m_watched;

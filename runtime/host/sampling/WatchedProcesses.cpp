@@ -5,10 +5,16 @@
 
 #include <algorithm>
 
+#include "platform/zel/CgroupStatus.h"
 #include "platform/zel/LogMessage.h"
 #include "sampling/Clock.h"
 
 namespace zelhost {
+
+int64_t ReadOwnCpuLimit(unsigned int pid) {
+    zel::CgroupStatus status;
+    return zel::ReadCgroupStatus(status, static_cast<int>(pid)) && status.cpu.limited ? status.cpu.limit100Times : 0;
+}
 
 void CWatchedProcesses::Set(std::map<unsigned int, std::string> processes) {
     base::MutexLock lock(m_lock);
@@ -66,6 +72,19 @@ void CWatchedProcesses::TakeNewSet() {
     m_next = 0;
 }
 
+int64_t CWatchedProcesses::JudgeCpu(Entry& entry, int64_t cpu, int64_t maxCpu100Times) {
+    if (entry.commonMaxCpu != maxCpu100Times) entry.ownCpuLimit = 0;
+    entry.commonMaxCpu = maxCpu100Times;
+    const int before = entry.cpuLevel;
+    int64_t limit = entry.ownCpuLimit > 0 ? entry.ownCpuLimit : maxCpu100Times;
+    entry.cpuLevel = NextLevel(before, cpu, limit);
+    if (entry.cpuLevel != 2 || before == 2) return 0;
+    entry.ownCpuLimit = m_ownCpuLimit(entry.pid);
+    limit = entry.ownCpuLimit > 0 ? entry.ownCpuLimit : maxCpu100Times;
+    entry.cpuLevel = NextLevel(before, cpu, limit);
+    return entry.cpuLevel == 2 ? limit : 0;
+}
+
 void CWatchedProcesses::Look(Entry& entry, int64_t nowNs, int64_t maxCpu100Times, int64_t maxMemKb,
                              std::vector<WatchedEvent>& events) {
     static const int64_t pageKb = std::max(1L, sysconf(_SC_PAGESIZE) / 1024);
@@ -75,19 +94,19 @@ void CWatchedProcesses::Look(Entry& entry, int64_t nowNs, int64_t maxCpu100Times
     if (!stat || stat->IsDead()) {
         entry.ended = true;
         entry.file.Close();
-        events.push_back({WatchedEvent::kEnded, entry.pid, entry.name, 0});
+        events.push_back({WatchedEvent::kEnded, entry.pid, entry.name, 0, 0});
         return;
     }
     const uint64_t ticks = stat->userTicks + stat->systemTicks;
     if (entry.lastNs != 0) {
         const int64_t cpu = Cpu100Times(static_cast<int64_t>(ticks - entry.lastTicks) * TickNs(), nowNs - entry.lastNs);
-        const int level = NextLevel(entry.cpuLevel, cpu, maxCpu100Times);
-        if (level == 2 && entry.cpuLevel != 2) events.push_back({WatchedEvent::kCpuHigh, entry.pid, entry.name, cpu});
-        entry.cpuLevel = level;
+        const int64_t limit = JudgeCpu(entry, cpu, maxCpu100Times);
+        if (limit > 0) events.push_back({WatchedEvent::kCpuHigh, entry.pid, entry.name, cpu, limit});
     }
     const int64_t memKb = stat->residentPages * pageKb;
     const int level = NextLevel(entry.memLevel, memKb, maxMemKb);
-    if (level == 2 && entry.memLevel != 2) events.push_back({WatchedEvent::kMemHigh, entry.pid, entry.name, memKb});
+    if (level == 2 && entry.memLevel != 2)
+        events.push_back({WatchedEvent::kMemHigh, entry.pid, entry.name, memKb, maxMemKb});
     entry.memLevel = level;
     entry.lastNs = nowNs;
     entry.lastTicks = ticks;

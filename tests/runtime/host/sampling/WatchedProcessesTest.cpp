@@ -1,0 +1,68 @@
+// Watched processes against a child that burns one CPU. The rounds' clock is the test's own.
+#include "sampling/WatchedProcesses.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+namespace {
+
+using zelhost::CWatchedProcesses;
+using zelhost::WatchedEvent;
+
+constexpr int64_t kSecondNs = 1000000000;
+constexpr int64_t kCommonMax = 100;  // 1 %, as a main process has in the built-in table
+
+class WatchedProcessesTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        pid = fork();
+        if (pid != 0) return;
+        for (volatile unsigned int count = 0;; ++count) continue;
+    }
+    void TearDown() override {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    /// Two rounds with some CPU time of the child between them.
+    std::vector<WatchedEvent> EventsWith(int64_t ownLimit) {
+        CWatchedProcesses watched([&](unsigned int asked) {
+            EXPECT_EQ(static_cast<unsigned int>(pid), asked);
+            ++questions;
+            return ownLimit;
+        });
+        watched.Set({{static_cast<unsigned int>(pid), "busy"}});
+        std::vector<WatchedEvent> events;
+        for (int64_t round = 1; round <= 4; ++round) {
+            watched.Round(round * kSecondNs, kCommonMax, 0, events);
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        }
+        return events;
+    }
+    pid_t pid = 0;
+    int questions = 0;
+};
+
+TEST_F(WatchedProcessesTest, OneWithALimitOfItsOwnIsJudgedByThat) {
+    EXPECT_TRUE(EventsWith(100000).empty());
+    EXPECT_EQ(1, questions) << "and is asked once";
+}
+
+TEST_F(WatchedProcessesTest, AtItsOwnLimitItIsToldWithThatLimit) {
+    const std::vector<WatchedEvent> events = EventsWith(50);
+    ASSERT_EQ(1u, events.size());
+    EXPECT_EQ(WatchedEvent::kCpuHigh, events[0].kind);
+    EXPECT_EQ(50, events[0].limit);
+}
+
+TEST_F(WatchedProcessesTest, OneWithoutALimitIsJudgedByTheCommon) {
+    const std::vector<WatchedEvent> events = EventsWith(0);
+    ASSERT_EQ(1u, events.size());
+    EXPECT_EQ(kCommonMax, events[0].limit);
+}
+
+}  // namespace
