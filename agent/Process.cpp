@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -13,6 +14,7 @@
 #include "AgentPaths.h"
 #include "ConsoleWiring.h"
 #include "ExitCode.h"
+#include "JournalStream.h"
 #include "LimitExplanation.h"
 #include "LogTail.h"
 #include "Monitor.h"
@@ -130,7 +132,8 @@ int Process::OpenDirectory() {
     }
     zel::LogOptions log;
     log.processName = m_options.name;
-    log.console = m_options.logToConsole;
+    // Under a service manager stderr is the journal's: each line goes there once.
+    log.console = m_options.logToConsole && !IsJournalStream(getenv("JOURNAL_STREAM"), STDERR_FILENO);
     log.journald = true;
     zel::ConfigureLog(log);
     m_log = std::make_unique<LogTail>();
