@@ -111,7 +111,11 @@ void ComponentCare::PlacePrograms() {
 }
 
 void ComponentCare::Stop() {
-    if (m_supervisor != nullptr) m_supervisor->StopAll(kComponentGraceMs);
+    if (m_supervisor == nullptr) return;
+    // Their end is asked for from here on, and no news.
+    m_watched.clear();
+    m_monitor.SetWatcherProcess(m_watched);
+    m_supervisor->StopAll(kComponentGraceMs);
 }
 
 std::vector<ComponentStatus> ComponentCare::Status() const {

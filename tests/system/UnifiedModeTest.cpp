@@ -119,6 +119,7 @@ TEST_F(UnifiedModeTest, ComponentsSitInLeavesAndFollowNewMaxima) {
     }
     EXPECT_EQ(verified, 6);
     EXPECT_EQ(agent.Stop(), 0);
+    EXPECT_FALSE(LogHas(") has ended")) << "a stop that was asked for is no news";
     ExpectNothingLeft();
 }
 
