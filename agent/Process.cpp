@@ -142,7 +142,10 @@ int Process::OpenDirectory() {
 }
 
 int Process::StartServices() {
-    const base::Status started = agent::StartServices(m_services, MakeHostOptions(m_options));
+    m_agentConfig = std::make_unique<AgentConfigFile>(m_options.appDir + zel::kAgentConfigFileName);
+    zelhost::HostOptions host = MakeHostOptions(m_options);
+    ApplyAgentConfig(m_agentConfig->Read(), host.delivery);
+    const base::Status started = agent::StartServices(m_services, host);
     return started ? kExitClean : Refuse(kExitServices, started.GetError().Text());
 }
 
@@ -320,6 +323,10 @@ int Process::LookAround(int64_t second) {
     if (!ParentIsThere(m_options.parentPid)) return kExitParentGone;
     if (m_components != nullptr) m_components->Tick(SecondsSinceBoot());
     LookAfterLimits(second);
+    if (second != m_configLooked) {
+        m_configLooked = second;
+        m_agentConfig->Follow(m_services);
+    }
     if (m_options.forSeconds != 0 && second >= static_cast<int64_t>(m_options.forSeconds)) return kExitClean;
     return kGoOn;
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "AgentConfig.h"
 #include "AppDirectory.h"
 #include "ComponentCare.h"
 #include "EventSink.h"
@@ -82,6 +83,8 @@ private:
     AppDirectory m_directory;
     zelhost::CHostServices m_services;
     EventSink m_sink;
+    std::unique_ptr<AgentConfigFile> m_agentConfig;
+    int64_t m_configLooked = 0;  // second of the loop
     std::unique_ptr<LogTail> m_log;
     std::unique_ptr<zel::CIpcBroadcastServer> m_broadcast;
     std::unique_ptr<zel::CCgroupClient> m_client;

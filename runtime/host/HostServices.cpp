@@ -200,6 +200,16 @@ DeliveryStats CHostServices::GetDeliveryStats() {
     return m_impl->m_delivery ? m_impl->m_delivery->Stats() : DeliveryStats();
 }
 
+bool CHostServices::SetSinks(const DeliveryOptions& options, std::string& error) {
+    if (!m_impl->m_delivery) {
+        error = "this process delivers no messages";
+        return false;
+    }
+    const base::Status set = m_impl->m_delivery->SetSinks(options);
+    if (!set) error = set.GetError().Text();
+    return set.Ok();
+}
+
 bool CHostServices::FlushDelivery(unsigned int timeoutMs) {
     return !m_impl->m_delivery || m_impl->m_delivery->Flush(timeoutMs);
 }

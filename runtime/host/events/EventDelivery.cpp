@@ -42,7 +42,7 @@ CEventDelivery::~CEventDelivery() {
 }
 
 base::Status CEventDelivery::Start() {
-    base::Result<Sinks> sinks = MakeSinks();
+    base::Result<Sinks> sinks = MakeSinks(m_options, m_process);
     if (!sinks) return sinks.GetError();
     const base::Status opened = m_spool.Open(m_options.spoolPath, m_options.spoolMaxBytes, m_options.memoryRing);
     if (!opened) {
@@ -53,21 +53,22 @@ base::Status CEventDelivery::Start() {
     return StartThreads();
 }
 
-base::Result<CEventDelivery::Sinks> CEventDelivery::MakeSinks() const {
+base::Result<CEventDelivery::Sinks> CEventDelivery::MakeSinks(const DeliveryOptions& options,
+                                                              const std::string& process) {
     Sinks sinks;
-    if (!m_options.jsonLinesPath.empty() && m_options.jsonLinesPath != "-") {
-        sinks.push_back(std::make_unique<CJsonLinesSink>(m_options.jsonLinesPath, m_options.jsonLinesMaxBytes,
-                                                         m_options.jsonLinesKeep, m_process));
+    if (!options.jsonLinesPath.empty() && options.jsonLinesPath != "-") {
+        sinks.push_back(std::make_unique<CJsonLinesSink>(options.jsonLinesPath, options.jsonLinesMaxBytes,
+                                                         options.jsonLinesKeep, process));
     }
-    if (m_options.syslog) sinks.push_back(std::make_unique<CSyslogSink>(m_process));
-    if (m_options.httpUrl.empty()) return sinks;
-    if (!IsHttpUrl(m_options.httpUrl)) {
-        return base::SentenceError("event delivery: '" + m_options.httpUrl + "' is not an http or https address");
+    if (options.syslog) sinks.push_back(std::make_unique<CSyslogSink>(process));
+    if (options.httpUrl.empty()) return sinks;
+    if (!IsHttpUrl(options.httpUrl)) {
+        return base::SentenceError("event delivery: '" + options.httpUrl + "' is not an http or https address");
     }
-    if (!m_options.httpVerifyTls && m_options.httpUrl.compare(0, 8, "https://") == 0) {
-        Log(zel::kLogWarning, __LINE__, "the certificate of %s is not verified", m_options.httpUrl.c_str());
+    if (!options.httpVerifyTls && options.httpUrl.compare(0, 8, "https://") == 0) {
+        Log(zel::kLogWarning, __LINE__, "the certificate of %s is not verified", options.httpUrl.c_str());
     }
-    sinks.push_back(std::make_unique<CHttpSink>(m_options, m_process));
+    sinks.push_back(std::make_unique<CHttpSink>(options, process));
     return sinks;
 }
 
@@ -84,15 +85,64 @@ void CEventDelivery::MakeLanes(Sinks sinks) {
     }
 }
 
-base::Status CEventDelivery::StartThreads() {
+base::Status CEventDelivery::StartLanes() {
     try {
         for (auto& lane : m_lanes) lane->thread = std::thread([this, each = lane.get()] { RunLane(*each); });
-        m_keeper = std::thread([this] { RunKeeper(); });
     } catch (const std::system_error& e) {
-        Stop();
         return base::SentenceError(std::string("event delivery: no thread: ") + e.what());
     }
     return {};
+}
+
+base::Status CEventDelivery::StartThreads() {
+    base::Status started = StartLanes();
+    try {
+        if (started) m_keeper = std::thread([this] { RunKeeper(); });
+    } catch (const std::system_error& e) {
+        started = base::SentenceError(std::string("event delivery: no thread: ") + e.what());
+    }
+    if (!started) Stop();
+    return started;
+}
+
+base::Status CEventDelivery::SetSinks(const DeliveryOptions& options) {
+    DeliveryOptions next = m_options;
+    next.syslog = options.syslog;
+    next.httpUrl = options.httpUrl;
+    next.httpCaFile = options.httpCaFile;
+    next.httpHeader = options.httpHeader;
+    next.httpVerifyTls = options.httpVerifyTls;
+    next.httpTimeoutMs = options.httpTimeoutMs;
+    base::Result<Sinks> sinks = MakeSinks(next, m_process);
+    if (!sinks) return sinks.GetError();
+    StopLanes();
+    base::MutexLock lock(m_lanesLock);
+    std::vector<std::unique_ptr<Lane>> old;
+    old.swap(m_lanes);
+    m_options = next;
+    MakeLanes(std::move(*sinks));
+    for (auto& lane : m_lanes) {
+        for (const auto& before : old) {
+            if (before->sink->Name() != lane->sink->Name()) continue;
+            base::MutexLock counts(before->lock);
+            base::MutexLock newCounts(lane->lock);
+            lane->delivered = before->delivered;
+            lane->failures = before->failures;
+        }
+    }
+    return StartLanes();
+}
+
+void CEventDelivery::StopLanes() {
+    {
+        base::MutexLock lock(m_stopLock);
+        for (auto& lane : m_lanes) lane->stop = true;
+    }
+    m_stopped.notify_all();
+    m_spool.Wake();
+    for (auto& lane : m_lanes) {
+        if (lane->thread.joinable()) lane->thread.join();
+    }
 }
 
 void CEventDelivery::Stop() {
@@ -100,19 +150,15 @@ void CEventDelivery::Stop() {
         base::MutexLock lock(m_stopLock);
         m_stop = true;
     }
-    m_stopped.notify_all();
-    m_spool.Wake();
-    for (auto& lane : m_lanes) {
-        if (lane->thread.joinable()) lane->thread.join();
-    }
+    StopLanes();
     if (m_keeper.joinable()) m_keeper.join();
     m_spool.Close();
 }
 
-void CEventDelivery::Pause(unsigned int ms) {
+void CEventDelivery::Pause(unsigned int ms, const std::atomic<bool>& stop) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     base::MutexLock lock(m_stopLock);
-    while (!m_stop && m_stopped.wait_until(m_stopLock, end) != std::cv_status::timeout) {
+    while (!stop && m_stopped.wait_until(m_stopLock, end) != std::cv_status::timeout) {
     }
 }
 
@@ -144,7 +190,7 @@ base::Result<bool> CEventDelivery::DeliverSome(Lane& lane) {
         return NoteFailure(lane, base::SentenceError("the spool cannot be read: " + messages.GetError().Reason()));
     }
     if (messages->empty()) return false;
-    const Handover handed = lane.sink->Deliver(*messages, m_stop);
+    const Handover handed = lane.sink->Deliver(*messages, lane.stop);
     base::Status outcome = handed.rest;
     {
         // Under the lock, so that nobody who sees the spool empty reads a count that is not there yet.
@@ -158,7 +204,7 @@ base::Result<bool> CEventDelivery::DeliverSome(Lane& lane) {
             return true;
         }
     }
-    if (m_stop) return false;  // what was under way comes again
+    if (lane.stop) return false;  // what was under way comes again
     return NoteFailure(lane, outcome.GetError());
 }
 
@@ -194,11 +240,12 @@ bool CEventDelivery::TryLane(Lane& lane, bool& more) {
 void CEventDelivery::RunLane(Lane& lane) {
     zel::CThreadUtil::SetThreadName("Event-" + lane.sink->Name());
     unsigned int backoffMs = m_options.backoffMinMs;
-    while (!m_stop) {
+    while (!lane.stop) {
         const uint64_t seen = m_spool.News();
+        if (lane.stop) return;  // a stop that the mark includes would wake nobody any more
         bool more = false;
         if (!TryLane(lane, more)) {
-            Pause(backoffMs);
+            Pause(backoffMs, lane.stop);
             backoffMs = std::min(backoffMs * 2, m_options.backoffMaxMs);
             continue;
         }
@@ -217,7 +264,7 @@ void CEventDelivery::RunKeeper() {
         settled = m_spool.FlushMemory();
         m_spool.Checkpoint();
         // News come with every message; the pages can be moved for many at once.
-        Pause(kMemoryRetryMs);
+        Pause(kMemoryRetryMs, m_stop);
     }
     m_spool.FlushMemory();
 }
@@ -233,6 +280,7 @@ DeliveryStats CEventDelivery::Stats() {
     stats.dropped = figures.dropped;
     stats.inMemory = figures.inMemory;
     stats.spoolBroken = figures.broken;
+    base::MutexLock lanes(m_lanesLock);
     for (auto& lane : m_lanes) {
         SinkStats sink;
         sink.name = lane->sink->Name();
@@ -251,10 +299,13 @@ bool CEventDelivery::Flush(unsigned int timeoutMs) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
         bool all = m_spool.GetFigures().inMemory == 0;
-        for (auto& lane : m_lanes) all = all && m_spool.Waiting(lane->sink->Name()) == 0;
+        {
+            base::MutexLock lanes(m_lanesLock);
+            for (auto& lane : m_lanes) all = all && m_spool.Waiting(lane->sink->Name()) == 0;
+        }
         if (all) return true;
         if (m_stop || std::chrono::steady_clock::now() >= end) return false;
-        Pause(5);
+        Pause(5, m_stop);
     }
 }
 

@@ -16,7 +16,7 @@
 
 namespace zelhost {
 
-/// Thread-safety: SendMsg and the queries from any thread between Start and Stop.
+/// Thread-safety: SendMsg and the queries from any thread between Start and Stop; these and SetSinks from one thread.
 class CEventDelivery final : public IMsgTransmit {
 public:
     CEventDelivery(const DeliveryOptions& options, const std::string& process);
@@ -24,6 +24,8 @@ public:
 
     base::Status Start();
     void Stop();
+    /// Replaces syslog and HTTP by those of `options`. On failure: nothing has changed.
+    base::Status SetSinks(const DeliveryOptions& options);
 
     bool SendMsg(const std::string& type, const std::string& body, const std::string& extra, int arg1,
                  int arg2) override;
@@ -38,6 +40,7 @@ private:
     struct Lane {
         std::unique_ptr<IEventSink> sink;
         std::thread thread;
+        std::atomic<bool> stop{false};  // set under m_stopLock, read without it
         base::Mutex lock;
         uint64_t delivered ZEL_GUARDED_BY(lock) = 0;
         uint64_t failures ZEL_GUARDED_BY(lock) = 0;
@@ -45,9 +48,11 @@ private:
     };
     using Sinks = std::vector<std::unique_ptr<IEventSink>>;
 
-    base::Result<Sinks> MakeSinks() const;
+    static base::Result<Sinks> MakeSinks(const DeliveryOptions& options, const std::string& process);
     void MakeLanes(Sinks sinks);
+    base::Status StartLanes();
     base::Status StartThreads();
+    void StopLanes();
     void RunLane(Lane& lane);
     /// One batch, whatever the sink throws. Returns: false when the sink failed.
     bool TryLane(Lane& lane, bool& more);
@@ -57,11 +62,12 @@ private:
     static base::Error NoteFailure(Lane& lane, const base::Error& error);
     static void NoteSuccess(Lane& lane) ZEL_REQUIRES(lane.lock);
     void RunKeeper();
-    void Pause(unsigned int ms);
+    void Pause(unsigned int ms, const std::atomic<bool>& stop);
 
-    const DeliveryOptions m_options;
+    DeliveryOptions m_options;  // changed only while no lane runs
     const std::string m_process;
     CEventSpool m_spool;
+    base::Mutex m_lanesLock;  // held to replace the lanes, and by threads other than that of Start to look at them
     std::vector<std::unique_ptr<Lane>> m_lanes;
     std::thread m_keeper;
     base::Mutex m_stopLock;

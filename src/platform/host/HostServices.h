@@ -38,6 +38,11 @@ public:
     bool GetSamplerFigures(SamplerFigures& figures);
 
     DeliveryStats GetDeliveryStats();
+    /// Sends messages to the sinks of these options from now on; only syslog and HTTP are looked at. A sink that stays
+    /// goes on where it was. Blocks: for a second at most, while what is under way is broken off. Thread-safety: the
+    /// thread of Start and Stop.
+    /// Returns: false with the reason in `error`; then nothing has changed.
+    bool SetSinks(const DeliveryOptions& options, std::string& error);
     /// Waits until every sink has everything or the time is over. Returns: whether all was delivered.
     bool FlushDelivery(unsigned int timeoutMs);
 

@@ -31,6 +31,7 @@ constexpr char kComponentFileName[] = "/cgroup_resource.json";
 constexpr char kOomWatermarkFileName[] = "/cgroup_oom_watermark.json";
 constexpr char kOomCarriedFileName[] = "/cgroup_oom_carried.json";
 /// Below the application directory.
+constexpr char kAgentConfigFileName[] = "/conf/agent.json";
 constexpr char kResourceConfigFileName[] = "/conf/resource_config";
 constexpr char kOnlineConfigFileName[] = "/conf/online_config.json";
 constexpr char kComponentsFileName[] = "/conf/components.json";

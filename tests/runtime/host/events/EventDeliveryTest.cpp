@@ -353,6 +353,31 @@ TEST_F(EventDeliveryTest, StoppingBreaksOffARequestThatIsSilent) {
     server.Hang(false);
 }
 
+TEST_F(EventDeliveryTest, SinksAreSwitchedWhileItRuns) {
+    support::HttpServer server;
+    CEventDelivery delivery(Options(), "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    delivery.SendMsg("T", "file only", "", 1, 0);
+    ASSERT_TRUE(delivery.Flush(20000));
+    DeliveryOptions options = Options();
+    options.httpUrl = server.Url();
+    ASSERT_TRUE(support::IsOk(delivery.SetSinks(options)));
+    delivery.SendMsg("T", "both", "", 1, 0);
+    ASSERT_TRUE(delivery.Flush(20000));
+    ASSERT_EQ(delivery.Stats().sinks.size(), 2u);
+    EXPECT_EQ(delivery.Stats().sinks[0].delivered, 2u) << "counts go on";
+    EXPECT_THAT(server.Accepted().at(0).body, testing::HasSubstr("both"));
+    options.httpUrl = "ftp://x/";
+    EXPECT_FALSE(delivery.SetSinks(options));
+    EXPECT_EQ(delivery.Stats().sinks.size(), 2u) << "a bad change changes nothing";
+    options.httpUrl.clear();
+    ASSERT_TRUE(support::IsOk(delivery.SetSinks(options)));
+    delivery.SendMsg("T", "file again", "", 1, 0);
+    ASSERT_TRUE(delivery.Flush(20000));
+    EXPECT_EQ(server.Accepted().size(), 1u);
+    EXPECT_EQ(Field(m_dir / "log/e.jsonl", "body"), (Lines{"file only", "both", "file again"}));
+}
+
 TEST_F(EventDeliveryTest, AnAddressThatIsNoneFailsTheStart) {
     for (const char* url : {"ftp://x/", "file:///etc/passwd", "http://", "x", "http://a b/"}) {
         DeliveryOptions options = Options();

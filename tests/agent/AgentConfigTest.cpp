@@ -1,0 +1,77 @@
+// The agent's own configuration file: what it takes, and that only its owner commands it.
+#include "AgentConfig.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <utility>
+#include <vector>
+
+#include "support/Files.h"
+
+namespace agent {
+namespace {
+
+TEST(AgentConfigTest, EveryKeyReachesTheDelivery) {
+    const auto config =
+        ParseAgentConfig(R"({"version":1,"syslog":true,"http":{"url":"https://h/e","ca_file":"/c","header":"A: b",)"
+                         R"("verify_tls":false,"timeout_ms":100}})");
+    ASSERT_TRUE(config.Ok()) << config.GetError().Text();
+    zelhost::DeliveryOptions delivery;
+    ApplyAgentConfig(*config, delivery);
+    EXPECT_TRUE(delivery.syslog);
+    EXPECT_EQ(delivery.httpUrl, "https://h/e");
+    EXPECT_EQ(delivery.httpCaFile, "/c");
+    EXPECT_EQ(delivery.httpHeader, "A: b");
+    EXPECT_FALSE(delivery.httpVerifyTls);
+    EXPECT_EQ(delivery.httpTimeoutMs, 100u);
+}
+
+TEST(AgentConfigTest, WhatItDoesNotKnowIsRefusedByName) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"", ""},
+        {"{", ""},
+        {"[]", "an object is expected"},
+        {R"({"sylog":true})", "sylog: unknown key"},
+        {R"({"version":2})", "version: only 1"},
+        {R"({"syslog":1})", "syslog: true or false"},
+        {R"({"syslog":true,"syslog":false})", ""},
+        {R"({"http":"x"})", "http: an object"},
+        {R"({"http":{}})", "http: the key url is missing"},
+        {R"({"http":{"url":"ftp://x"}})", "http.url"},
+        {R"({"http":{"url":"http://x/\r\nHost: y"}})", "http.url: a text of one line"},
+        {R"({"http":{"url":"http://x","header":"A: b\nC: d"}})", "http.header: a text of one line"},
+        {R"({"http":{"url":"http://x","header":"no colon"}})", "http.header: \"Name: value\""},
+        {R"({"http":{"url":"http://x","ca_file":"relative"}})", "http.ca_file"},
+        {R"({"http":{"url":"http://x","timeout_ms":99}})", "http.timeout_ms: 100..60000"},
+        {R"({"http":{"url":"http://x","timeout_ms":60001}})", "http.timeout_ms"},
+        {R"({"http":{"url":"http://x","timeout_ms":-1}})", "http.timeout_ms"},
+        {R"({"http":{"url":"http://x","verify_tls":"no"}})", "http.verify_tls"},
+        {R"({"http":{"url":"http://x","other":1}})", "http.other: unknown key"},
+        {R"({"http":{"url":"http://)" + std::string(3000, 'x') + R"("}})", "http.url"},
+    };
+    for (const auto& each : cases) {
+        const auto config = ParseAgentConfig(each.first);
+        ASSERT_FALSE(config.Ok()) << each.first;
+        EXPECT_THAT(config.GetError().Text(), testing::HasSubstr(each.second));
+    }
+}
+
+TEST(AgentConfigTest, OnlyItsOwnersFileIsTaken) {
+    const support::TempDir dir;
+    const std::string path = dir / "agent.json";
+    ASSERT_TRUE(LoadAgentConfig(path).Ok()) << "none is none";
+    support::WriteText(path, R"({"syslog":true})");
+    ASSERT_EQ(chmod(path.c_str(), 0640), 0);
+    const auto good = LoadAgentConfig(path);
+    ASSERT_TRUE(good.Ok()) << good.GetError().Text();
+    EXPECT_TRUE(good->syslog);
+    ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+    const auto open = LoadAgentConfig(path);
+    ASSERT_FALSE(open.Ok());
+    EXPECT_THAT(open.GetError().Text(), testing::HasSubstr(path));
+}
+
+}  // namespace
+}  // namespace agent
