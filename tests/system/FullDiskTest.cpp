@@ -81,5 +81,24 @@ TEST_F(FullDiskTest, LittleRoomIsReportedAndNothingStoredUntilRoom) {
     ExpectNothingLeft();
 }
 
+TEST_F(FullDiskTest, WithoutRoomAtTheStartTheEventOfItArrives) {
+    Child agent = StartRunningAgent();
+    EXPECT_EQ(agent.Stop(), 0);
+    ASSERT_TRUE(DiskEvents().empty());
+
+    const std::string ballast = Dir() + "/ballast";
+    int file = open(ballast.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0640);
+    const std::string block(4096, 'x');
+    while (write(file, block.data(), block.size()) > 0) {
+    }
+    close(file);
+    // The console's answers would take the room that the reserve gives: the delivered event says it all.
+    agent = StartAgent();
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return DiskEvents().size() == 1; })) << "what the reserve is for";
+    unlink(ballast.c_str());
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
 }  // namespace
 }  // namespace agenttest
