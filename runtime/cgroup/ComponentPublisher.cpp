@@ -132,13 +132,12 @@ Result<std::map<LeafKey, int>> ComponentPublisher::Publish(const std::string& pa
         if (!status) return status.GetError();
     }
     status = FollowOwnLeaf(file);
-    if (status) status = WriteComponentFile(path, file);
-    if (!status && status.GetError().kind == ErrorKind::kNotSynced) {
-        // The others read the new file already; only a crash could bring the old one back.
-        m_remarks.push_back({true, status.GetError().Text()});
-        status = {};
-    }
     if (!status) return status.GetError();
+    const Status written = WriteComponentFile(path, file);
+    if (written) return leaves;
+    if (written.GetError().kind != ErrorKind::kNotSynced) return written.GetError();
+    // The others read the new file already; only a crash could bring the old one back.
+    m_remarks.push_back({true, written.GetError().Text()});
     return leaves;
 }
 
