@@ -18,6 +18,7 @@
 #include "StatusJson.h"
 #include "Text.h"
 #include "base/ProcFiles.h"
+#include "base/TrustedRead.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupTreeStatus.h"
 #include "platform/zel/FileUtil.h"
@@ -143,6 +144,30 @@ Findings JudgeAgent(const base::Result<StatusReport>& report) {
     return found;
 }
 
+// Only a verdict is a finding: what is missing, or what this user may not look at, is said elsewhere.
+void AddRefusal(Findings& found, const std::string& path, const base::Error& error) {
+    if (error.kind != base::ErrorKind::kRefused) return;
+    found.push_back({Severity::kProblem, path + " is not used: somebody else could have changed it",
+                     base::ReasonOf(error, path), "take that right away, then see that what stands there is yours"});
+}
+
+// What the agent refuses to read or to run.
+Findings JudgeTrust(const std::string& appDir, const std::vector<ComponentConfig>& components) {
+    Findings found;
+    const auto directory = base::OpenTrustedDirectory(appDir);
+    if (!directory) AddRefusal(found, appDir, directory.GetError());
+    for (const char* name : {zel::kResourceConfigFileName, zel::kOnlineConfigFileName}) {
+        const auto file = base::OpenTrusted(appDir + name, base::TrustScope::kWithPlace);
+        if (!file) AddRefusal(found, appDir + name, file.GetError());
+    }
+    for (const ComponentConfig& component : components) {
+        if (component.command.empty()) continue;
+        const auto program = base::OpenTrustedProgram(component.command[0]);
+        if (!program) AddRefusal(found, component.command[0], program.GetError());
+    }
+    return found;
+}
+
 Findings JudgeFiles(const std::string& appDir, int64_t now) {
     Findings found;
     const std::string resource = appDir + zel::kResourceConfigFileName;
@@ -162,6 +187,7 @@ Findings JudgeFiles(const std::string& appDir, int64_t now) {
         found.push_back({Severity::kProblem, "no component is started: " + components.GetError().Text(),
                          appDir + zel::kComponentsFileName, "correct it, or remove it to run the built-in components"});
     }
+    Append(found, JudgeTrust(appDir, components ? *components : std::vector<ComponentConfig>()));
     Append(found, LookAtPause(appDir, now));
     return found;
 }

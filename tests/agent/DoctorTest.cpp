@@ -116,6 +116,26 @@ TEST_F(DoctorFilesTest, ARefusedComponentsFileIsAProblem) {
     EXPECT_THAT(TextOf(found), HasSubstr("no component is started: "));
 }
 
+TEST_F(DoctorFilesTest, WhatOthersMayChangeIsAProblemByName) {
+    const std::string program = dir / "bin/program";
+    ASSERT_TRUE(support::WriteText(program, "#!/bin/sh\n"));
+    ASSERT_EQ(0, chmod((dir / "bin").c_str(), 0755));
+    ASSERT_EQ(0, chmod(program.c_str(), 0755));
+    ASSERT_TRUE(support::WriteText(dir / "conf/components.json",
+                                   R"({"components":[{"name":"A","command":[")" + program + R"("]}]})"));
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow))) << TextOf(JudgeFiles(dir.Path(), kNow));
+    ASSERT_EQ(0, chmod(program.c_str(), 0757));
+    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path(), kNow)));
+    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)),
+                HasSubstr(program + " is not used: somebody else could have changed it\n         seen: writable by "
+                                    "everybody, mode 0757 (chmod o-w)"));
+    ASSERT_EQ(0, chmod(program.c_str(), 0755));
+    ASSERT_EQ(0, chmod((dir / "conf").c_str(), 01777));
+    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)),
+                HasSubstr("conf/resource_config is not used: somebody else could have changed it\n         seen: " +
+                          (dir / "conf") + ": writable by everybody, mode 1777 (chmod o-w)"));
+}
+
 TEST_F(DoctorFilesTest, ALineWithoutEffectIsAWarning) {
     ASSERT_TRUE(support::WriteText(dir / "conf/resource_config", "max_cpu = much\n"));
     EXPECT_EQ(Severity::kWarning, WorstOf(JudgeFiles(dir.Path(), kNow)));
