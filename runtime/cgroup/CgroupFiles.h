@@ -12,8 +12,10 @@ constexpr unsigned long kCgroupV2Magic = 0x63677270;
 constexpr char kProcsFile[] = "cgroup.procs";
 
 namespace v1 {
+constexpr char kThreadsFile[] = "tasks";
 constexpr char kCpuQuotaUs[] = "cpu.cfs_quota_us";
 constexpr char kCpuPeriodUs[] = "cpu.cfs_period_us";
+constexpr char kCpuBurstUs[] = "cpu.cfs_burst_us";
 constexpr char kCpuStat[] = "cpu.stat";
 constexpr char kCpuacctUsageNs[] = "cpuacct.usage";
 constexpr char kMemLimitBytes[] = "memory.limit_in_bytes";
@@ -31,6 +33,7 @@ constexpr char kSubtreeControl[] = "cgroup.subtree_control";
 constexpr char kEvents[] = "cgroup.events";
 constexpr char kType[] = "cgroup.type";
 constexpr char kCpuMax[] = "cpu.max";
+constexpr char kCpuMaxBurst[] = "cpu.max.burst";
 constexpr char kCpuStat[] = "cpu.stat";
 constexpr char kMemMax[] = "memory.max";
 constexpr char kMemHigh[] = "memory.high";

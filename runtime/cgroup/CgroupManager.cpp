@@ -2,13 +2,16 @@
 // looks afresh, so that what somebody else changed meanwhile is seen and repaired, and a failure is told as it is now.
 #include "platform/zel/CgroupManager.h"
 
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <utility>
 
 #include "AgentTree.h"
 #include "ComponentPublisher.h"
+#include "Keeper.h"
 #include "Membership.h"
 #include "OomCounters.h"
 #include "OwnGroup.h"
@@ -33,6 +36,39 @@ bool Fail(int line, const Error& error) {
     return false;
 }
 
+/// What the components were told last, and whether it still counts.
+struct Publication {
+    std::string path;
+    std::vector<CgroupComponentQuota> quotas;
+    Amounts parent;
+    GroupTargets targets;
+    bool valid = false;  ///< the targets of now are those that were published
+};
+
+bool AreSameGroups(const GroupTargets& a, const GroupTargets& b) {
+    const auto same = [](const Amounts& one, const Amounts& other) {
+        return one.cpu == other.cpu && one.memory == other.memory;
+    };
+    return a.wanted.cpu == b.wanted.cpu && a.wanted.memory == b.wanted.memory && same(a.total, b.total) &&
+           std::equal(a.groups.begin(), a.groups.end(), b.groups.begin(), b.groups.end(),
+                      [&](const GroupTarget& one, const GroupTarget& other) {
+                          return one.name == other.name && same(one.limits, other.limits);
+                      });
+}
+
+int64_t ClockUs(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+}
+
+// The manager of this process, for who looks after its tree; and what the rounds have found, for who asks.
+base::Mutex g_currentLock;
+const void* g_current ZEL_GUARDED_BY(g_currentLock) = nullptr;
+std::function<bool(const std::vector<CgroupMember>&, std::vector<CgroupDrift>&)> g_keep ZEL_GUARDED_BY(g_currentLock);
+base::Mutex g_statusLock;
+CgroupKeeperStatus g_status ZEL_GUARDED_BY(g_statusLock);
+
 }  // namespace
 
 struct CCgroupManager::Impl {
@@ -47,6 +83,9 @@ struct CCgroupManager::Impl {
     Membership membership ZEL_GUARDED_BY(mutex);
     OomMonitor oom ZEL_GUARDED_BY(mutex);
     std::vector<OomCarried> carried ZEL_GUARDED_BY(mutex);  ///< as the file has it
+    Publication published ZEL_GUARDED_BY(mutex);
+    bool mainInside ZEL_GUARDED_BY(mutex) = false;  ///< this process was put into the tree
+    Keeper keeper ZEL_GUARDED_BY(mutex);
 
     void Locate() ZEL_REQUIRES(mutex);
     void TellPlaces() ZEL_REQUIRES(mutex);
@@ -57,6 +96,8 @@ struct CCgroupManager::Impl {
     bool WriteConfig(const std::string& path, const std::vector<CgroupComponentQuota>& quotas, const Amounts& parent)
         ZEL_REQUIRES(mutex);
     void Sweep() ZEL_REQUIRES(mutex);
+    bool Keep(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) ZEL_EXCLUDES(mutex);
+    void RunKeeper(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) ZEL_REQUIRES(mutex);
     Status ReadOom() ZEL_REQUIRES(mutex);
     void ObserveOom() ZEL_REQUIRES(mutex);
 };
@@ -84,6 +125,8 @@ bool CCgroupManager::Impl::Reconcile(const Flags& wanted, const CgroupTotalLimit
     GroupTargets next = BuildGroupTargets(wanted, total, groups, problems);
     next.leaves = std::move(targets.leaves);
     targets = std::move(next);
+    published.valid = false;
+    keeper.ForgetGroups();
     for (const Controller controller : kAllControllers) {
         if (wanted[controller] && !branches.of[controller]) problems.push_back(branches.errors[controller]);
     }
@@ -101,6 +144,8 @@ bool CCgroupManager::Impl::Reconcile(const Flags& wanted, const CgroupTotalLimit
         }
         ok = false;
     }
+    // Back at what the components know.
+    published.valid = ok && AreSameGroups(targets, published.targets);
     return ok;
 }
 
@@ -127,12 +172,14 @@ bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
     const base::MutexLock placing(PlacementMutex());
     Status joined = membership.Join(pid, entries, stranded);
     for (const Error& error : stranded) LogLine(kLogWarning, __LINE__, "cannot go back: " + error.Text());
+    if (joined && pid == getpid()) mainInside = true;
     return joined || Fail(__LINE__, joined.GetError());
 }
 
 bool CCgroupManager::Impl::RemovePid(int pid) {
     bool ok = true;
     const base::MutexLock placing(PlacementMutex());
+    if (pid == getpid()) mainInside = false;
     for (const std::shared_ptr<Branch>& branch : branches.all) {
         if (!branch->placement) continue;
         const auto refuge = [&](int each) { return MoveBesideTree(*branch, each); };
@@ -147,20 +194,55 @@ bool CCgroupManager::Impl::WriteConfig(const std::string& path, const std::vecto
                                        const Amounts& parent) {
     ComponentPublisher publisher(branches, targets, inUse, membership);
     std::vector<Remark> remarks;
-    Result<std::map<LeafKey, int>> published = publisher.Publish(path, WithUnlisted(quotas, targets, remarks), parent);
+    Result<std::map<LeafKey, int>> leaves = publisher.Publish(path, WithUnlisted(quotas, targets, remarks), parent);
     remarks.insert(remarks.end(), publisher.Remarks().begin(), publisher.Remarks().end());
     for (const Remark& remark : remarks) {
         LogLine(remark.warning ? kLogWarning : kLogInfo, __LINE__, remark.text);
     }
-    if (!published) return Fail(__LINE__, published.GetError());
+    if (!leaves) return Fail(__LINE__, leaves.GetError());
     ObserveOom();
-    targets.leaves = std::move(*published);
+    targets.leaves = std::move(*leaves);
+    published = {path, quotas, parent, targets, true};
+    keeper.ForgetGroups();
     Sweep();
     return true;
 }
 
 void CCgroupManager::Impl::Sweep() {
     for (const std::shared_ptr<Branch>& branch : branches.all) SweepTree(*branch, targets);
+}
+
+/// One round of the keeper. What is news is in the log before it is handed on.
+void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) {
+    CgroupKeeperStatus status = GetCgroupKeeperStatus();
+    const int64_t begin = ClockUs(CLOCK_THREAD_CPUTIME_ID);
+    Locate();
+    KeeperRound round;
+    round.branches = &branches;
+    round.targets = &targets;
+    round.inUse = inUse;
+    round.mainInside = mainInside;
+    round.members = &members;
+    round.nowMs = ClockUs(CLOCK_MONOTONIC) / 1000;
+    const Publication last = published;
+    round.republish = [&] { return WriteConfig(last.path, last.quotas, last.parent); };
+    news = keeper.Run(round, status);
+    for (const CgroupDrift& drift : news) LogLine(kLogWarning, __LINE__, DescribeDrift(drift));
+    for (const std::string& thing : keeper.TakeEndedContests()) {
+        LogLine(kLogInfo, __LINE__, thing + " is no longer contested");
+    }
+    branches = Branches();
+    status.lastRoundUs = ClockUs(CLOCK_THREAD_CPUTIME_ID) - begin;
+    status.totalUs += status.lastRoundUs;
+    const base::MutexLock lock(g_statusLock);
+    g_status = std::move(status);
+}
+
+bool CCgroupManager::Impl::Keep(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) {
+    if (!mutex.try_lock()) return false;
+    if (published.valid) RunKeeper(members, news);
+    mutex.unlock();
+    return true;
 }
 
 Status CCgroupManager::Impl::ReadOom() {
@@ -215,9 +297,20 @@ private:
     Impl& m_impl;
 };
 
-CCgroupManager::CCgroupManager() : m_impl(std::make_unique<Impl>()) {}
+CCgroupManager::CCgroupManager() : m_impl(std::make_unique<Impl>()) {
+    const base::MutexLock lock(g_currentLock);
+    g_current = m_impl.get();
+    g_keep = [impl = m_impl.get()](const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) {
+        return impl->Keep(members, news);
+    };
+}
 
-CCgroupManager::~CCgroupManager() = default;
+CCgroupManager::~CCgroupManager() {
+    const base::MutexLock lock(g_currentLock);
+    if (g_current != m_impl.get()) return;
+    g_current = nullptr;
+    g_keep = nullptr;
+}
 
 bool CCgroupManager::EnsureInitialized() {
     const Impl::Scope scope(*m_impl);
@@ -293,6 +386,7 @@ bool CCgroupManager::WriteComponentConfig(const std::string& path, const std::ve
 
 bool CCgroupManager::WriteDisabledConfig(const std::string& path) {
     const base::MutexLock lock(m_impl->mutex);
+    m_impl->published.valid = false;
     Status written = PublishDisabled(path);
     if (written) return true;
     Fail(__LINE__, written.GetError());
@@ -321,6 +415,18 @@ bool CCgroupManager::PollMemoryOomEvents(std::vector<CgroupMemoryOomEvent>& out)
     // Leaves and groups that were still in use when their configuration went are looked at again here.
     m_impl->Sweep();
     return true;
+}
+
+bool KeepCgroupTree(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) {
+    news.clear();
+    // Held for the round, so that the manager cannot end in the middle of it.
+    const base::MutexLock lock(g_currentLock);
+    return !g_keep || g_keep(members, news);
+}
+
+CgroupKeeperStatus GetCgroupKeeperStatus() {
+    const base::MutexLock lock(g_statusLock);
+    return g_status;
 }
 
 }  // namespace zel

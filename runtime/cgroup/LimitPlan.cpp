@@ -47,7 +47,10 @@ private:
         }
         if (amount) return LimitFromAmount(m_controller, *amount);
         const LimitFacts& present = node.limits[m_controller];
-        return present.Known() ? std::optional<Limit>(present.limit) : std::nullopt;
+        if (!present.Known()) return std::nullopt;
+        Limit kept = present.limit;
+        kept.cpu.burstUs = 0;
+        return kept;
     }
 
     const GroupTargets& m_targets;

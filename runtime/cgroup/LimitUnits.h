@@ -25,9 +25,10 @@ constexpr int64_t kMaxQuotaUs = int64_t{1} << 43;
 struct CpuQuota {
     int64_t quotaUs = kUnlimited;
     int64_t periodUs = kDefaultPeriodUs;
+    int64_t burstUs = 0;  ///< saved-up time on top, since Linux 5.14; we never give any
     bool Unlimited() const { return quotaUs < 0; }
     bool operator==(const CpuQuota& other) const {
-        return quotaUs == other.quotaUs && (quotaUs < 0 || periodUs == other.periodUs);
+        return quotaUs == other.quotaUs && (quotaUs < 0 || periodUs == other.periodUs) && burstUs == other.burstUs;
     }
     bool operator!=(const CpuQuota& other) const { return !(*this == other); }
 };

@@ -13,7 +13,8 @@ namespace cgroup {
 namespace {
 
 std::string QuotaText(const CpuQuota& quota) {
-    return quota.Unlimited() ? "max" : std::to_string(quota.quotaUs) + "/" + std::to_string(quota.periodUs);
+    return (quota.Unlimited() ? "max" : std::to_string(quota.quotaUs) + "/" + std::to_string(quota.periodUs)) +
+           (quota.burstUs == 0 ? "" : " with burst " + std::to_string(quota.burstUs));
 }
 
 std::string LimitText(int64_t bytes) {
@@ -70,6 +71,27 @@ Result<CpuQuota> ParseCpuMax(const std::string& text, const std::string& path) {
     return out;
 }
 
+const char* BurstFileOf(const GroupDir& group) {
+    return group.GetVersion() == Version::kV2 ? v2::kCpuMaxBurst : v1::kCpuBurstUs;
+}
+
+bool SameQuotaAndPeriod(const CpuQuota& a, const CpuQuota& b) {
+    return a.quotaUs == b.quotaUs && (a.Unlimited() || a.periodUs == b.periodUs);
+}
+
+Result<CpuQuota> ReadQuotaAndPeriod(const GroupDir& group) {
+    if (group.GetVersion() == Version::kV2) {
+        Result<std::string> text = group.Read(v2::kCpuMax);
+        if (!text) return text.GetError();
+        return ParseCpuMax(*text, group.Path());
+    }
+    Result<int64_t> quota = group.ReadNumber(v1::kCpuQuotaUs);
+    if (!quota) return quota.GetError();
+    Result<int64_t> period = group.ReadNumber(v1::kCpuPeriodUs);
+    if (!period) return period.GetError();
+    return CpuQuota{*quota < 0 ? kUnlimited : *quota, *period};
+}
+
 Result<int64_t> ReadV1Limit(const GroupDir& group, const char* file) {
     Result<int64_t> bytes = group.ReadNumber(file);
     if (!bytes) return bytes;
@@ -116,16 +138,12 @@ const char* LimitFileOf(Controller controller, Version version) {
 }
 
 Result<CpuQuota> ReadCpuQuota(const GroupDir& group) {
-    if (group.GetVersion() == Version::kV2) {
-        Result<std::string> text = group.Read(v2::kCpuMax);
-        if (!text) return text.GetError();
-        return ParseCpuMax(*text, group.Path());
-    }
-    Result<int64_t> quota = group.ReadNumber(v1::kCpuQuotaUs);
-    if (!quota) return quota.GetError();
-    Result<int64_t> period = group.ReadNumber(v1::kCpuPeriodUs);
-    if (!period) return period.GetError();
-    return CpuQuota{*quota < 0 ? kUnlimited : *quota, *period};
+    Result<CpuQuota> out = ReadQuotaAndPeriod(group);
+    if (!out) return out;
+    Result<int64_t> burst = group.ReadNumber(BurstFileOf(group));
+    if (burst) out->burstUs = *burst;
+    if (!burst && burst.GetError().kind != ErrorKind::kNotFound) return burst.GetError();
+    return out;
 }
 
 Status ApplyCpuQuota(const GroupDir& group, const CpuQuota& quota) {
@@ -133,7 +151,11 @@ Status ApplyCpuQuota(const GroupDir& group, const CpuQuota& quota) {
     if (!old) return old.GetError();
     if (*old == quota) return {};
     Status written;
-    if (group.GetVersion() == Version::kV2) {
+    if (old->burstUs != 0) written = group.Write(BurstFileOf(group), "0");
+    if (!written) return written;
+    if (SameQuotaAndPeriod(*old, quota)) {
+        // the burst was all that differed
+    } else if (group.GetVersion() == Version::kV2) {
         written = group.Write(v2::kCpuMax, quota.Unlimited()
                                                ? std::string("max")
                                                : std::to_string(quota.quotaUs) + " " + std::to_string(quota.periodUs));

@@ -14,12 +14,14 @@ namespace cgroup {
 /// Returns: the control file that carries the controller's limit; a group without it cannot be limited.
 const char* LimitFileOf(Controller controller, Version version);
 
-/// Reads cpu.cfs_quota_us and cpu.cfs_period_us, or cpu.max.
+/// Reads cpu.cfs_quota_us, cpu.cfs_period_us and cpu.cfs_burst_us, or cpu.max and cpu.max.burst. A kernel without burst
+/// gives none.
 Result<CpuQuota> ReadCpuQuota(const GroupDir& group);
 
 /// Writes the quota unless it is already there, and reads it back.
 /// Kernel: version 1 has two files that are checked together after each write; the order is chosen so that growing and
-/// shrinking both pass, and the old pair is put back when they do not.
+/// shrinking both pass, and the old pair is put back when they do not. A burst that somebody else has set goes first:
+/// the kernel takes no quota below it.
 /// On failure: the old limit stays, except for kNotInForce.
 Status ApplyCpuQuota(const GroupDir& group, const CpuQuota& quota);
 

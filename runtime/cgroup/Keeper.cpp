@@ -1,0 +1,514 @@
+// One round: what the tree lacks, what its limits are, who is where.
+#include "Keeper.h"
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <set>
+
+#include "CgroupFiles.h"
+#include "ControlText.h"
+#include "Hierarchy.h"
+#include "LimitPlan.h"
+#include "Limits.h"
+#include "OwnGroup.h"
+#include "OwnPlacement.h"
+#include "Reconcile.h"
+#include "base/ProcFiles.h"
+#include "base/ProcGroups.h"
+#include "platform/zel/AgentNames.h"
+#include "platform/zel/ToolUtil.h"
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+/// Bounds of one look at a process.
+constexpr size_t kMaxThreads = 65536;
+constexpr int kMaxAncestors = 32;
+/// Processes that are remembered at a time.
+constexpr size_t kMaxSeen = 8192;
+
+constexpr char kManagerHierarchy[] = "name=systemd";
+
+std::string QuotaText(const CpuQuota& quota) {
+    return quota.Unlimited() ? "no limit"
+                             : std::to_string(quota.quotaUs) + " us in " + std::to_string(quota.periodUs) + " us";
+}
+
+std::string BytesText(int64_t bytes) {
+    return bytes < 0 ? "no limit" : std::to_string(bytes / 1024) + " KB";
+}
+
+/// What a step is about, and its two values in words.
+void DescribeStep(const LimitStep& step, const LimitFacts& facts, CgroupDrift& drift) {
+    drift.controller = ControllerName(step.controller);
+    if (step.controller == Controller::kCpu) {
+        CpuQuota asFound = step.inForce.cpu;
+        asFound.burstUs = 0;
+        const bool onlyBurst = asFound == step.wanted.cpu;
+        drift.kind = onlyBurst ? CgroupDriftKind::kCpuBurst : CgroupDriftKind::kCpuQuota;
+        drift.found = onlyBurst ? std::to_string(step.inForce.cpu.burstUs) + " us" : QuotaText(step.inForce.cpu);
+        drift.wanted = onlyBurst ? "none" : QuotaText(step.wanted.cpu);
+        return;
+    }
+    const bool onlySwap = step.inForce.bytes == step.wanted.bytes;
+    drift.kind = onlySwap ? CgroupDriftKind::kSwap : CgroupDriftKind::kMemory;
+    drift.found = BytesText(onlySwap ? facts.withSwapBytes : step.inForce.bytes);
+    drift.wanted = BytesText(onlySwap ? V1SwapLimitFor(step.wanted.bytes) : step.wanted.bytes);
+}
+
+std::string ThingOf(const CgroupDrift& drift) {
+    std::string thing = kCgroupDriftKinds[static_cast<size_t>(drift.kind)];
+    if (drift.kind == CgroupDriftKind::kController) thing += " " + drift.controller;
+    thing += " of " + drift.path;
+    return drift.pid == 0 ? thing : thing + ", process " + std::to_string(drift.pid);
+}
+
+std::vector<int> ThreadsOf(int pid) {
+    std::vector<int> out;
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(base::ProcessFile(pid, "task").c_str()), closedir);
+    if (!dir) return out;
+    while (const dirent* entry = readdir(dir.get())) {
+        const int tid = atoi(entry->d_name);
+        if (tid > 0 && out.size() < kMaxThreads) out.push_back(tid);
+    }
+    return out;
+}
+
+/// Returns: when the process was started; empty when it has ended or is about to.
+std::optional<uint64_t> LiveSince(int pid) {
+    const Result<base::ProcStat> stat = base::ReadProcessStat(pid);
+    if (!stat || stat->IsDead() || stat->IsExiting()) return std::nullopt;
+    return stat->startTicks;
+}
+
+/// Why a process is in the group where it was found, as far as that can be known.
+std::string CauseOf(int pid, const std::string& found) {
+    const Result<std::vector<base::CgroupMembership>> lines = base::ReadProcessGroups(pid);
+    if (!lines || found == "/") return {};
+    std::string unit = base::MembershipPath(*lines, kManagerHierarchy);
+    if (unit.empty()) unit = base::MembershipPath(*lines, "");
+    if (unit != found) return {};
+    return "the service manager has put the processes of its unit back into the unit's own group: the unit is not "
+           "delegated (Delegate=yes)";
+}
+
+Status Move(const GroupDir& dir, int pid) {
+    if (pid != getpid()) return dir.MoveHere(pid);
+    const base::MutexLock placing(PlacementMutex());
+    return dir.MoveHere(pid);
+}
+
+}  // namespace
+
+/// What one round works on.
+class Keeper::Round {
+public:
+    Round(Keeper& keeper, const KeeperRound& in, CgroupKeeperStatus& status)
+        : m_keeper(keeper), m_in(in), m_status(status) {
+        for (const CgroupMember& member : *in.members) m_components[member.pid] = member.component;
+        if (in.mainInside) m_components[getpid()] = kMainComponent;
+    }
+
+    std::vector<CgroupDrift> Run() {
+        for (const std::shared_ptr<Branch>& branch : m_in.branches->all) KeepBranch(*branch);
+        if (m_groupsMade) {
+            m_in.republish();  // its failures are in the log, and the next round sees what is missing
+            m_keeper.m_identities.clear();
+        }
+        for (const std::shared_ptr<Branch>& branch : m_in.branches->all) KeepMembers(*branch);
+        m_keeper.m_seen = std::move(m_seen);
+        m_keeper.m_identities = std::move(m_identities);
+        return std::move(m_news);
+    }
+
+private:
+    using Drifts = std::vector<CgroupDrift>;
+    using LeafName = std::pair<std::string, std::string>;  ///< group and leaf
+
+    Flags Active(const Branch& branch) const;
+    std::set<LeafName> LeavesOf(const Branch& branch) const;
+
+    void KeepBranch(const Branch& branch);
+    void FindMissing(const Branch& branch, const OpenTreeFacts& tree, Drifts& out);
+    void FindTakenControllers(const Branch& branch, const OpenTreeFacts& tree, Drifts& out) const;
+    void Rebuild(const Branch& branch, Drifts& drifts);
+    void KeepLimits(const OpenTreeFacts& tree, Controller controller, bool rebuilt, const std::string& problem);
+
+    void KeepMembers(const Branch& branch);
+    void KeepLeaf(const Branch& branch, const GroupDir& dir, const LeafName& name);
+    void KeepMember(const Branch& branch, const GroupDir& dir, const LeafName& name, const MemberKey& key);
+    std::string PlaceOf(const Branch& branch, const GroupDir& dir, const std::string& path, int pid,
+                        const std::set<int>& inside) const;
+    void FindForeign(const GroupDir& dir, const LeafName& name);
+    bool BelongsToAgent(int pid) const;
+
+    void Report(CgroupDrift drift);
+    void Postpone(const CgroupDrift& drift);
+
+    Keeper& m_keeper;
+    const KeeperRound& m_in;
+    CgroupKeeperStatus& m_status;
+    std::map<int, std::string> m_components;  ///< by process
+    std::map<MemberKey, MemberState> m_seen;
+    std::map<std::string, GroupIdentity> m_identities;
+    std::vector<CgroupDrift> m_news;
+    bool m_groupsMade = false;
+};
+
+// --- what is asked for ----------------------------------------------------------------------------------------------
+
+Flags Keeper::Round::Active(const Branch& branch) const {
+    Flags out;
+    for (const Controller controller : kAllControllers) {
+        out[controller] =
+            branch.placement && branch.serves[controller] && m_in.inUse[controller] && m_in.targets->wanted[controller];
+    }
+    return out;
+}
+
+std::set<Keeper::Round::LeafName> Keeper::Round::LeavesOf(const Branch& branch) const {
+    const Flags active = Active(branch);
+    std::set<LeafName> out;
+    bool hasMain = false;
+    if (m_in.targets->leaves) {
+        for (const auto& [key, quota] : *m_in.targets->leaves) {
+            if (!active[key.controller]) continue;
+            out.insert({key.group, key.leaf});
+            hasMain = hasMain || key.leaf == kMainComponent;
+        }
+    }
+    if (m_in.mainInside && !hasMain && (active.cpu || active.memory)) out.insert({kMainGroup, kMainComponent});
+    return out;
+}
+
+// --- groups and limits ----------------------------------------------------------------------------------------------
+
+void Keeper::Round::KeepBranch(const Branch& branch) {
+    const Flags active = Active(branch);
+    if (!active.cpu && !active.memory) return;
+    Drifts missing;
+    OpenTreeFacts tree;
+    Result<GroupDir> dir = OpenTree(branch);
+    if (dir) {
+        tree = ReadTree(std::move(*dir), branch.serves, 2);
+        FindMissing(branch, tree, missing);
+        if (branch.GetVersion() == Version::kV2) FindTakenControllers(branch, tree, missing);
+    } else {
+        CgroupDrift drift;
+        drift.kind = CgroupDriftKind::kGroup;
+        drift.path = branch.hierarchy.DirectoryOf(branch.placement->PathOf(AgentGroupName()));
+        drift.found = "not there";
+        missing.push_back(std::move(drift));
+    }
+    m_status.lastGroups += static_cast<int64_t>(tree.dirs.size());
+    const bool due = std::any_of(missing.begin(), missing.end(), [&](const CgroupDrift& drift) {
+        return m_keeper.m_ledger.IsDue(ThingOf(drift), m_in.nowMs);
+    });
+    if (due) Rebuild(branch, missing);
+    const std::string problem = due && !missing.empty() ? missing.front().problem : std::string();
+    for (const Controller controller : kAllControllers) {
+        if (active[controller]) KeepLimits(tree, controller, due, problem);
+    }
+    for (CgroupDrift& drift : missing) due ? Report(std::move(drift)) : Postpone(drift);
+}
+
+void Keeper::Round::FindMissing(const Branch& branch, const OpenTreeFacts& tree, Drifts& out) {
+    const auto miss = [&](const std::string& group, const std::string& leaf, const char* found) {
+        CgroupDrift drift;
+        drift.kind = CgroupDriftKind::kGroup;
+        drift.group = group;
+        drift.component = leaf;
+        drift.path = tree.facts.nodes.front().path + "/" + group + (leaf.empty() ? "" : "/" + leaf);
+        drift.found = found;
+        out.push_back(std::move(drift));
+    };
+    std::set<std::string> groups;
+    std::set<LeafName> leaves;
+    for (const GroupFacts& node : tree.facts.nodes) {
+        (node.leaf.empty() ? static_cast<void>(groups.insert(node.group))
+                           : static_cast<void>(leaves.insert({node.group, node.leaf})));
+        const auto known = m_keeper.m_identities.find(node.path);
+        const bool replaced = known != m_keeper.m_identities.end() && known->second != node.identity;
+        if (replaced) miss(node.group, node.leaf, "another group of that name");
+        m_identities[node.path] = node.identity;
+    }
+    for (const GroupTarget& target : m_in.targets->groups) {
+        if (groups.count(target.name) == 0) miss(target.name, {}, "not there");
+    }
+    for (const LeafName& leaf : LeavesOf(branch)) {
+        // A leaf whose group is gone is no news of its own.
+        if (groups.count(leaf.first) != 0 && leaves.count(leaf) == 0) miss(leaf.first, leaf.second, "not there");
+    }
+}
+
+void Keeper::Round::FindTakenControllers(const Branch& branch, const OpenTreeFacts& tree, Drifts& out) const {
+    const Flags active = Active(branch);
+    const auto look = [&](const GroupDir& dir, const std::string& group, Controller controller) {
+        Result<bool> given = dir.IsEnabledForChildren(ControllerName(controller));
+        if (!given || *given) return;
+        CgroupDrift drift;
+        drift.kind = CgroupDriftKind::kController;
+        drift.controller = ControllerName(controller);
+        drift.group = group;
+        drift.path = dir.Path();
+        drift.found = "not given to the groups below";
+        drift.wanted = "given";
+        out.push_back(std::move(drift));
+    };
+    for (const Controller controller : kAllControllers) {
+        if (!active[controller]) continue;
+        look(branch.placement->base, {}, controller);
+        for (size_t i = 0; i < tree.dirs.size(); ++i) {
+            const GroupFacts& node = tree.facts.nodes[i];
+            const bool configured = node.Depth() == 0 || m_in.targets->Find(node.group) != nullptr;
+            if (node.leaf.empty() && configured) look(tree.dirs[i], node.group, controller);
+        }
+    }
+}
+
+/// Everything of a branch as at the first time, its limits with it.
+void Keeper::Round::Rebuild(const Branch& branch, Drifts& drifts) {
+    std::vector<Error> problems;
+    ReconcileBranch(branch, *m_in.targets, problems);
+    for (CgroupDrift& drift : drifts) {
+        drift.repaired = problems.empty();
+        if (!problems.empty()) drift.problem = problems.front().Text();
+        m_groupsMade = m_groupsMade || drift.kind == CgroupDriftKind::kGroup;
+    }
+}
+
+void Keeper::Round::KeepLimits(const OpenTreeFacts& tree, Controller controller, bool rebuilt,
+                               const std::string& problem) {
+    if (tree.dirs.empty()) return;
+    const LimitPlan plan = PlanLimits(*m_in.targets, tree.facts, controller);
+    for (const Error& error : plan.problems) m_status.notInForce.push_back(error.Text());
+    for (const LimitStep& step : plan.steps) {
+        const GroupFacts& node = tree.facts.nodes[step.node];
+        CgroupDrift drift;
+        drift.group = node.group;
+        drift.component = node.leaf;
+        drift.path = node.path;
+        DescribeStep(step, node.limits[controller], drift);
+        if (!rebuilt && !m_keeper.m_ledger.IsDue(ThingOf(drift), m_in.nowMs)) {
+            Postpone(drift);
+            continue;
+        }
+        drift.repaired = problem.empty();
+        drift.problem = problem;
+        if (!rebuilt) {
+            Status applied = ApplyLimit(controller, tree.dirs[step.node], step.wanted);
+            drift.repaired = applied.Ok();
+            if (!applied) drift.problem = applied.GetError().Text();
+        }
+        Report(std::move(drift));
+    }
+}
+
+// --- members --------------------------------------------------------------------------------------------------------
+
+void Keeper::Round::KeepMembers(const Branch& branch) {
+    const Flags active = Active(branch);
+    if (!active.cpu && !active.memory) return;
+    Result<GroupDir> tree = OpenTree(branch);
+    if (!tree) return;
+    FindForeign(*tree, {});
+    std::set<std::string> groups;
+    for (const LeafName& name : LeavesOf(branch)) {
+        Result<GroupDir> group = OpenOwnChild(*tree, name.first);
+        if (!group) continue;
+        if (groups.insert(name.first).second) FindForeign(*group, {name.first, {}});
+        Result<GroupDir> leaf = OpenOwnChild(*group, name.second);
+        if (leaf) KeepLeaf(branch, *leaf, name);
+    }
+}
+
+void Keeper::Round::KeepLeaf(const Branch& branch, const GroupDir& dir, const LeafName& name) {
+    FindForeign(dir, name);
+    std::set<MemberKey> members;
+    for (const auto& [pid, component] : m_components) {
+        if (component != name.second) continue;
+        const std::optional<uint64_t> since = LiveSince(pid);
+        if (since) members.insert({dir.Path(), pid, *since});
+    }
+    // What was born in the leaf belongs into it, also when its parent has ended.
+    for (const auto& [key, state] : m_keeper.m_seen) {
+        if (key.leaf != dir.Path() || state != MemberState::kInside || m_components.count(key.pid) != 0) continue;
+        if (LiveSince(key.pid) == key.startTicks) members.insert(key);
+    }
+    for (const MemberKey& key : members) KeepMember(branch, dir, name, key);
+}
+
+/// Returns: where the process, or the first thread of it that is elsewhere, is; empty when all are in the leaf or
+/// below.
+std::string Keeper::Round::PlaceOf(const Branch& branch, const GroupDir& dir, const std::string& path, int pid,
+                                   const std::set<int>& inside) const {
+    const Territory leaf{branch.hierarchy, path};
+    const bool byThread = dir.GetVersion() == Version::kV1;
+    for (const int tid : byThread ? ThreadsOf(pid) : std::vector<int>{pid}) {
+        if (inside.count(tid) != 0) continue;
+        // The list may be older than the thread: the kernel's word on the thread itself counts.
+        Result<std::string> place = ReadGroupOf(tid, branch.hierarchy);
+        if (!place || leaf.Holds(*place)) continue;
+        return *place;
+    }
+    return {};
+}
+
+void Keeper::Round::KeepMember(const Branch& branch, const GroupDir& dir, const LeafName& name, const MemberKey& key) {
+    const std::string path = branch.Tree().path + "/" + name.first + "/" + name.second;
+    Result<std::string> list = dir.Read(dir.GetVersion() == Version::kV1 ? v1::kThreadsFile : kProcsFile);
+    if (!list) return;
+    const std::vector<int> listed = ParsePids(*list);
+    const std::string place = PlaceOf(branch, dir, path, key.pid, {listed.begin(), listed.end()});
+    if (place.empty()) {
+        if (m_seen.size() < kMaxSeen) m_seen[key] = MemberState::kInside;
+        return;
+    }
+    const bool isMember = m_components.count(key.pid) != 0;
+    // A process that went on to another group of ours, say from its parent's leaf to its own, was not taken away.
+    if (!isMember && branch.Tree().Holds(place)) return;
+    if (isMember && m_keeper.m_seen.count(key) == 0) {
+        m_seen[key] = MemberState::kAwaited;
+        return;
+    }
+    m_seen[key] = MemberState::kInside;
+    CgroupDrift drift;
+    drift.kind = CgroupDriftKind::kMember;
+    for (const Controller controller : kAllControllers) {
+        if (branch.serves[controller]) drift.controller += (drift.controller.empty() ? "" : ",");
+        if (branch.serves[controller]) drift.controller += ControllerName(controller);
+    }
+    drift.group = name.first;
+    drift.component = name.second;
+    drift.path = dir.Path();
+    drift.pid = key.pid;
+    drift.found = place;
+    drift.wanted = path;
+    drift.cause = CauseOf(key.pid, place);
+    if (!m_keeper.m_ledger.IsDue(ThingOf(drift), m_in.nowMs)) return Postpone(drift);
+    Status moved = Move(dir, key.pid);
+    if (!moved && moved.GetError().kind == ErrorKind::kNotFound) return;  // it has ended
+    drift.repaired = moved.Ok();
+    if (!moved) drift.problem = moved.GetError().Text();
+    Report(std::move(drift));
+}
+
+void Keeper::Round::FindForeign(const GroupDir& dir, const LeafName& name) {
+    Result<std::vector<int>> pids = dir.Processes();
+    if (!pids) return;
+    for (const int pid : *pids) {
+        if (m_components.count(pid) != 0) continue;
+        const std::optional<uint64_t> since = LiveSince(pid);
+        if (!since) continue;
+        const MemberKey key{dir.Path(), pid, *since};
+        const auto known = m_keeper.m_seen.find(key);
+        if (known != m_keeper.m_seen.end() && known->second != MemberState::kAwaited) {
+            m_seen[key] = known->second;
+            continue;
+        }
+        const bool ours = BelongsToAgent(pid);
+        if (m_seen.size() < kMaxSeen) m_seen[key] = ours ? MemberState::kInside : MemberState::kForeign;
+        if (ours) continue;
+        CgroupDrift drift;
+        drift.kind = CgroupDriftKind::kForeign;
+        drift.group = name.first;
+        drift.component = name.second;
+        drift.path = dir.Path();
+        drift.pid = pid;
+        drift.found = base::ReadProgramPath(pid) ? *base::ReadProgramPath(pid) : "a program without a file";
+        drift.problem = "it is left there: where it came from is not known, and outside nothing of ours would hold it";
+        Report(std::move(drift));
+    }
+}
+
+/// The agent's are its components with everything below them, this process's children, and every program whose file is
+/// the agent's or lies in the application directory.
+bool Keeper::Round::BelongsToAgent(int pid) const {
+    const Result<std::string> program = base::ReadProgramPath(pid);
+    const Result<std::string> own = base::ReadOwnProgramPath();
+    if (program && own && *program == *own) return true;
+    const std::string directory = CToolUtil::GetApplicationDirPath() + "/";
+    if (program && directory.size() > 1 && program->compare(0, directory.size(), directory) == 0) return true;
+    for (int each = pid, steps = 0; each > 1 && steps < kMaxAncestors; ++steps) {
+        if (each == getpid() || m_components.count(each) != 0) return true;
+        const Result<base::ProcStat> stat = base::ReadProcessStat(each);
+        if (!stat) return false;
+        each = stat->parent;
+    }
+    return false;
+}
+
+// --- what is told ---------------------------------------------------------------------------------------------------
+
+void Keeper::Round::Report(CgroupDrift drift) {
+    const std::string thing = ThingOf(drift);
+    const DriftNews news = m_keeper.m_ledger.Note(thing, drift.repaired, m_in.nowMs);
+    drift.contested = m_keeper.m_ledger.IsContested(thing);
+    ++m_status.found[static_cast<size_t>(drift.kind)];
+    if (drift.repaired) {
+        m_status.lastRepairedAt = time(nullptr);
+        m_status.lastRepair = DescribeDrift(drift);
+    } else if (drift.kind != CgroupDriftKind::kForeign) {
+        ++m_status.failed;
+        m_status.notInForce.push_back(DescribeDrift(drift));
+    }
+    if (news != DriftNews::kNothing) m_news.push_back(std::move(drift));
+}
+
+void Keeper::Round::Postpone(const CgroupDrift& drift) {
+    CgroupDrift later = drift;
+    later.contested = m_keeper.m_ledger.IsContested(ThingOf(drift));
+    later.problem = "it is tried every " + std::to_string(kContestedPauseMs / 1000) + " s";
+    m_status.notInForce.push_back(DescribeDrift(later));
+}
+
+std::vector<CgroupDrift> Keeper::Run(const KeeperRound& in, CgroupKeeperStatus& status) {
+    status.notInForce.clear();
+    status.lastGroups = 0;
+    std::vector<CgroupDrift> news = Round(*this, in, status).Run();
+    for (std::string& thing : m_ledger.EndQuiet(in.nowMs)) m_ended.push_back(std::move(thing));
+    status.contested = m_ledger.Contested();
+    ++status.rounds;
+    return news;
+}
+
+std::string DescribeDrift(const CgroupDrift& drift) {
+    std::string text;
+    const char* done = "set back";
+    switch (drift.kind) {
+        case CgroupDriftKind::kCpuQuota: text = "CPU quota of " + drift.path; break;
+        case CgroupDriftKind::kCpuBurst: text = "CPU burst of " + drift.path; break;
+        case CgroupDriftKind::kMemory: text = "memory limit of " + drift.path; break;
+        case CgroupDriftKind::kSwap: text = "limit on memory and swap of " + drift.path; break;
+        case CgroupDriftKind::kController: text = "controller " + drift.controller + " of " + drift.path; break;
+        case CgroupDriftKind::kGroup: text = "group " + drift.path; break;
+        case CgroupDriftKind::kMember:
+            text = "process " + std::to_string(drift.pid) + " of " + drift.component;
+            done = "moved back";
+            break;
+        case CgroupDriftKind::kForeign:
+            return "process " + std::to_string(drift.pid) + " (" + drift.found + ") is in " + drift.path +
+                   " and is none of the agent's; " + drift.problem;
+    }
+    text += drift.kind == CgroupDriftKind::kMember ? " (" + drift.controller + ") was in " : " was: ";
+    text += drift.found;
+    if (drift.kind == CgroupDriftKind::kGroup) done = "made again";
+    if (!drift.wanted.empty()) text += ", asked for: " + drift.wanted;
+    if (!drift.cause.empty()) text += "; " + drift.cause;
+    text += drift.repaired ? std::string("; ") + done : std::string("; not ") + done + ": " + drift.problem;
+    if (drift.contested) {
+        text += "; contested by another program, so it is looked after every " +
+                std::to_string(kContestedPauseMs / 1000) + " s only";
+    }
+    return text;
+}
+
+}  // namespace cgroup
+}  // namespace zel
