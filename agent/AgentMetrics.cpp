@@ -101,4 +101,28 @@ std::vector<zelhost::Metric> MakeAgentMetrics(const AgentFigures& figures) {
     return metrics;
 }
 
+std::vector<zelhost::Metric> MakeKeeperMetrics(const zel::CgroupKeeperStatus& keeper) {
+    std::vector<zelhost::Metric> metrics;
+    if (keeper.rounds == 0) return metrics;
+    Samples rounds(metrics, {});
+    rounds.Counter("zel_limit_checks_total", "Looks at the whole tree of control groups.",
+                   static_cast<int64_t>(keeper.rounds));
+    rounds.Counter("zel_limit_check_cpu_seconds_total", "CPU time that they took.", keeper.totalUs,
+                   kMicrosecondsPerSecond);
+    for (size_t kind = 0; kind < keeper.found.size(); ++kind) {
+        Samples found(metrics, {{"kind", zel::kCgroupDriftKinds[kind]}});
+        found.Counter("zel_limit_drift_total", "Differences from what was asked for that somebody else had made.",
+                      static_cast<int64_t>(keeper.found[kind]));
+    }
+    rounds.Counter("zel_limit_repair_failures_total", "Those of them that could not be put right.",
+                   static_cast<int64_t>(keeper.failed));
+    rounds.Gauge("zel_limit_contested", "Limits and members that another program wants otherwise, now.",
+                 static_cast<double>(keeper.contested.size()));
+    rounds.Gauge("zel_limit_not_in_force", "Limits and members that are not as asked for, now.",
+                 static_cast<double>(keeper.notInForce.size()));
+    rounds.Gauge("zel_limit_last_repair_timestamp_seconds", "When something was put right last; 0: never.",
+                 static_cast<double>(keeper.lastRepairedAt));
+    return metrics;
+}
+
 }  // namespace agent

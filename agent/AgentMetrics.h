@@ -5,6 +5,7 @@
 
 #include "Supervisor.h"
 #include "platform/host/HostRecords.h"
+#include "platform/zel/CgroupKeeper.h"
 #include "platform/zel/CgroupTreeStatus.h"
 
 namespace agent {
@@ -19,5 +20,8 @@ struct AgentFigures {
 /// One sample per figure that is known, in base units: seconds, bytes, CPUs. The labels "group" and "component" are
 /// always given: a group as a whole has an empty component, the tree as a whole two empty labels. Pure.
 std::vector<zelhost::Metric> MakeAgentMetrics(const AgentFigures& figures);
+
+/// What was put right on the tree, by kind of difference (label "kind"). None before the first look. Pure.
+std::vector<zelhost::Metric> MakeKeeperMetrics(const zel::CgroupKeeperStatus& keeper);
 
 }  // namespace agent

@@ -110,6 +110,13 @@ void ComponentCare::PlacePrograms() {
     m_placeProblems = problems;
 }
 
+std::vector<zel::CgroupMember> ComponentCare::Members() const {
+    std::vector<zel::CgroupMember> members;
+    members.reserve(m_watched.size());
+    for (const auto& [pid, name] : m_watched) members.push_back({name, static_cast<int>(pid)});
+    return members;
+}
+
 void ComponentCare::Stop() {
     if (m_supervisor == nullptr) return;
     // Their end is asked for from here on, and no news.

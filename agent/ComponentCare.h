@@ -12,6 +12,7 @@
 #include "Options.h"
 #include "Supervisor.h"
 #include "base/Mutex.h"
+#include "platform/zel/CgroupKeeper.h"
 
 class CMonitor;
 
@@ -34,6 +35,8 @@ public:
     /// Blocks: until every component has ended, a few seconds at most.
     void Stop();
 
+    /// The running components' processes.
+    std::vector<zel::CgroupMember> Members() const;
     /// What the last Tick saw.
     std::vector<ComponentStatus> Status() const ZEL_EXCLUDES(m_lock);
 

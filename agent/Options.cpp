@@ -28,6 +28,10 @@ void Declare(CLI::App& app, Options& options, std::string& load) {
     app.add_option("--config", options.configPath, "resource configuration (default: <app dir>/conf/resource_config)");
     app.add_flag("--foreground", options.logToConsole, "log to the console as well");
     app.add_option("--for", options.forSeconds, "end by itself after this many seconds");
+    app.add_option("--limit-check", options.limitCheckSeconds,
+                   "seconds between two looks at the control groups, 1 to 3600")
+        ->check(CLI::Range(1, 3600))
+        ->capture_default_str();
     app.add_option("--load", load, "synthetic load: " + std::string(kLoadProfileHelp));
     app.add_option(
         "--metrics-listen", options.metricsListen,

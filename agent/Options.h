@@ -12,14 +12,15 @@ namespace agent {
 struct Options {
     std::string appDir;  ///< absolute; empty: the executable's directory
     std::string name = zel::kMainProcessName;
-    std::string configPath;       ///< resource configuration; empty: <app dir>/conf/resource_config
-    bool logToConsole = false;    ///< beside the log file
-    unsigned int forSeconds = 0;  ///< end by itself after this time; 0: run until a signal
-    LoadProfile load;             ///< synthetic load of this process
-    int parentPid = 0;            ///< of a component: the main process, whose end ends it
-    std::string group;            ///< of a component: its group, a label of its metrics
-    std::string metricsListen;    ///< address of /metrics; empty: a socket in run/ of the main process, none of others
-    bool exec = false;            ///< join the component's groups, then become `command`
+    std::string configPath;              ///< resource configuration; empty: <app dir>/conf/resource_config
+    bool logToConsole = false;           ///< beside the log file
+    unsigned int limitCheckSeconds = 5;  ///< how often the main process looks after its control groups
+    unsigned int forSeconds = 0;         ///< end by itself after this time; 0: run until a signal
+    LoadProfile load;                    ///< synthetic load of this process
+    int parentPid = 0;                   ///< of a component: the main process, whose end ends it
+    std::string group;                   ///< of a component: its group, a label of its metrics
+    std::string metricsListen;  ///< address of /metrics; empty: a socket in run/ of the main process, none of others
+    bool exec = false;          ///< join the component's groups, then become `command`
     std::vector<std::string> command;
 
     bool IsMain() const { return name == zel::kMainProcessName; }

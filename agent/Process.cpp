@@ -94,6 +94,7 @@ Process::Process(Options options, std::string program)
     : m_options(std::move(options)),
       m_program(std::move(program)),
       m_sink(m_options.name, WakeMain),
+      m_keeping(m_options.limitCheckSeconds),
       m_life(*this, Life(m_options.IsMain())) {
     if (m_options.configPath.empty()) m_options.configPath = m_options.appDir + zel::kResourceConfigFileName;
 }
@@ -322,6 +323,7 @@ int Process::LookAround(int64_t second) {
     if (m_sink.SelfKillRequested()) return kExitSelfKill;
     if (!ParentIsThere(m_options.parentPid)) return kExitParentGone;
     if (m_components != nullptr) m_components->Tick(SecondsSinceBoot());
+    if (m_components != nullptr) m_keeping.Tick(second, m_components->Members());
     LookAfterLimits(second);
     if (second != m_configLooked) {
         m_configLooked = second;

@@ -15,6 +15,7 @@
 #include "PlacementCare.h"
 #include "StatusCollect.h"
 #include "Steps.h"
+#include "TreeKeeping.h"
 #include "Workers.h"
 #include "platform/host/HostServices.h"
 
@@ -96,6 +97,7 @@ private:
     std::unique_ptr<ControlServer> m_control;
     int64_t m_startedAt = 0;
     int64_t m_nextLimitCheck = kLimitCheckSeconds;  // second of the loop
+    TreeKeeping m_keeping;
     Steps<Process> m_life;
 };
 

@@ -60,6 +60,7 @@ StatusReport CollectStatus(const StatusSources& sources) {
     report.unified = (report.mode & zel::kModeUnified) != 0 && zel::ReadCgroupTreeStatus(report.tree, problem) &&
                      IsInUnifiedTree(report.tree, report.pid);
     report.modeInForce = ModeInForce(report);
+    report.keeper = zel::GetCgroupKeeperStatus();
     report.modeReason = DescribeMode(report);
     for (const TailEvent& event : ReadEventTail(EventFile(sources.appDir, sources.process), kShownEvents)) {
         report.lastEvents.push_back(DescribeEvent(event).substr(0, kMostEventBytes));
@@ -83,6 +84,8 @@ void AddAgentMetrics(const ComponentCare& components, std::vector<zelhost::Metri
     if ((figures.mode & zel::kModeUnified) != 0) zel::ReadCgroupTreeStatus(figures.tree, problem);
     std::vector<zelhost::Metric> own = MakeAgentMetrics(figures);
     metrics.insert(metrics.end(), std::make_move_iterator(own.begin()), std::make_move_iterator(own.end()));
+    std::vector<zelhost::Metric> kept = MakeKeeperMetrics(zel::GetCgroupKeeperStatus());
+    metrics.insert(metrics.end(), std::make_move_iterator(kept.begin()), std::make_move_iterator(kept.end()));
 }
 
 }  // namespace agent

@@ -82,6 +82,23 @@ void Fields(Io& io, Of<Io, zel::CgroupTreeStatus>& tree) {
 }
 
 template <class Io>
+void Fields(Io& io, Of<Io, zel::CgroupKeeperStatus>& keeper) {
+    io("rounds", keeper.rounds);
+    io("last_round_us", keeper.lastRoundUs);
+    io("total_us", keeper.totalUs);
+    io("groups", keeper.lastGroups);
+    io.Group("found", [&keeper](Io& found) {
+        for (size_t kind = 0; kind < keeper.found.size(); ++kind)
+            found(zel::kCgroupDriftKinds[kind], keeper.found[kind]);
+    });
+    io("failed", keeper.failed);
+    io("last_repaired_at", keeper.lastRepairedAt);
+    io("last_repair", keeper.lastRepair);
+    io.List("contested", keeper.contested);
+    io.List("not_in_force", keeper.notInForce);
+}
+
+template <class Io>
 void Fields(Io& io, Of<Io, WorkerFigures>& workers) {
     io("threads", workers.threads);
     io("pieces", workers.pieces);
@@ -166,6 +183,7 @@ void Fields(Io& io, Of<Io, StatusReport>& report) {
     io.Record("cpu", report.cgroup.cpu);
     io.Record("memory", report.cgroup.mem);
     io.Record("tree", report.tree);
+    io.Record("keeper", report.keeper);
     io.List("components", report.components);
     io.Record("delivery", report.delivery);
     io.List("last_events", report.lastEvents);

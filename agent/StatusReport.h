@@ -7,6 +7,7 @@
 
 #include "AgentRecords.h"
 #include "platform/host/HostRecords.h"
+#include "platform/zel/CgroupKeeper.h"
 #include "platform/zel/CgroupStatus.h"
 #include "platform/zel/CgroupTreeStatus.h"
 
@@ -34,6 +35,7 @@ struct StatusReport {
     std::vector<ComponentStatus> components;
     zel::CgroupStatus cgroup;             ///< this process's own groups, as the kernel says
     zel::CgroupTreeStatus tree;           ///< the unified tree; empty in the legacy mode
+    zel::CgroupKeeperStatus keeper;       ///< of the main process: what was put right on the tree
     std::vector<std::string> lastEvents;  ///< delivered last, in words, oldest first
     uint64_t logCount = 0;                ///< log lines of level 3 or worse so far
     std::vector<std::string> logLines;    ///< the last of them, oldest first

@@ -183,6 +183,30 @@ void AddTree(Lines& lines, const StatusReport& report, const CpuShares& shares, 
     }
 }
 
+/// What others have changed on the tree, when they have.
+void AddKept(Lines& lines, const StatusReport& report) {
+    const zel::CgroupKeeperStatus& keeper = report.keeper;
+    uint64_t all = 0;
+    std::string kinds;
+    for (size_t kind = 0; kind < keeper.found.size(); ++kind) {
+        if (keeper.found[kind] == 0) continue;
+        all += keeper.found[kind];
+        kinds += Text("%s%s %llu", kinds.empty() ? "" : ", ", zel::kCgroupDriftKinds[kind], Number(keeper.found[kind]));
+    }
+    if (all == 0 && keeper.notInForce.empty()) return;
+    Add(lines, "");
+    std::string text = Text("kept    %llu changes by others (%s)", Number(all), kinds.c_str());
+    if (keeper.lastRepairedAt > 0) {
+        text +=
+            Text(", last repaired %lld s ago: ", AtLeastZero(report.now - keeper.lastRepairedAt)) + keeper.lastRepair;
+    }
+    Add(lines, text);
+    for (const std::string& thing : keeper.contested) {
+        Add(lines, "        contested by another program: " + thing, LineKind::kAlarm);
+    }
+    for (const std::string& thing : keeper.notInForce) Add(lines, "        not in force: " + thing, LineKind::kAlarm);
+}
+
 std::string EndsOf(const ComponentStatus& component) {
     return Text("%s ended %llu times, last: %s", component.name.c_str(), Number(component.restarts),
                 component.lastReason.c_str());
@@ -264,6 +288,7 @@ std::vector<TextLine> MakePicture(const StatusReport& report, const CpuShares& s
     AddOwnUse(lines, report);
     AddOwnGroup(lines, report);
     AddTree(lines, report, shares, options);
+    AddKept(lines, report);
     AddComponents(lines, report, options.allComponents);
     AddDelivery(lines, report);
     return lines;

@@ -161,3 +161,28 @@ TEST(AgentMetricsTest, WithoutTreeAndComponentsShowsItsModeOnly) {
     EXPECT_EQ((std::map<std::string, double>{{"zel_limit_mode{/}", 0}, {"zel_limit_tree_present{/}", 0}}),
               Values(MakeAgentMetrics(AgentFigures())));
 }
+
+TEST(AgentMetricsTest, TheKeeperCountsByKind) {
+    zel::CgroupKeeperStatus keeper;
+    EXPECT_TRUE(MakeKeeperMetrics(keeper).empty());
+    keeper.rounds = 7;
+    keeper.totalUs = 1500000;
+    keeper.found = {1, 2, 3, 4, 5, 6, 7, 8};
+    keeper.failed = 9;
+    keeper.lastRepairedAt = 1700000000;
+    keeper.contested = {"a", "b"};
+    keeper.notInForce = {"c"};
+    std::map<std::string, double> values;
+    for (const Metric& metric : MakeKeeperMetrics(keeper)) {
+        const std::string kind = metric.labels.empty() ? "" : metric.labels[0].second;
+        EXPECT_TRUE(values.emplace(metric.name + "/" + kind, metric.value).second) << metric.name;
+    }
+    std::map<std::string, double> expected{
+        {"zel_limit_checks_total/", 7},          {"zel_limit_check_cpu_seconds_total/", 1.5},
+        {"zel_limit_repair_failures_total/", 9}, {"zel_limit_contested/", 2},
+        {"zel_limit_not_in_force/", 1},          {"zel_limit_last_repair_timestamp_seconds/", 1700000000}};
+    for (size_t kind = 0; kind < zel::kCgroupDriftKinds.size(); ++kind) {
+        expected[std::string("zel_limit_drift_total/") + zel::kCgroupDriftKinds[kind]] = static_cast<double>(kind) + 1;
+    }
+    EXPECT_EQ(expected, values);
+}

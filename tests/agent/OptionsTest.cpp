@@ -58,6 +58,14 @@ TEST(OptionsTest, UnknownArgumentsEndWithTheUsageCode) {
     EXPECT_EQ(kExitUsage, Parse({"--load", "busy"}).code);
 }
 
+TEST(OptionsTest, GroupsAreLookedAfterEveryFiveSecondsByDefault) {
+    EXPECT_EQ(5u, Parse({}).options.limitCheckSeconds);
+    EXPECT_EQ(3600u, Parse({"--limit-check", "3600"}).options.limitCheckSeconds);
+    for (const char* seconds : {"0", "3601", "-1", "often"}) {
+        EXPECT_EQ(kExitUsage, Parse({"--limit-check", seconds}).code) << seconds;
+    }
+}
+
 TEST(OptionsTest, MetricsAreServedOnThisHostOnly) {
     EXPECT_EQ("", Parse({}).options.metricsListen);
     for (const char* address : {"127.0.0.1:9471", "127.0.0.1:0", "[::1]:9471", "unix:/run/x.sock"}) {

@@ -99,6 +99,16 @@ StatusReport FullReport() {
     report.tree.memoryPlace = "there";
     report.tree.nodes = {Node(zel::CgroupLevel::kParent, "zel"), Node(zel::CgroupLevel::kGroup, "guard"),
                          Node(zel::CgroupLevel::kComponent, "QorNet")};
+    report.keeper.rounds = 21;
+    report.keeper.lastRoundUs = 22;
+    report.keeper.totalUs = 23;
+    report.keeper.lastGroups = 24;
+    report.keeper.found = {1, 2, 3, 4, 5, 6, 7, 8};
+    report.keeper.failed = 9;
+    report.keeper.lastRepairedAt = 1700000001;
+    report.keeper.lastRepair = "CPU quota";
+    report.keeper.contested = {"swap of /e"};
+    report.keeper.notInForce = {"group /f"};
     report.lastEvents = {"one", "two"};
     report.logCount = 12;
     report.logLines = {"a line"};
@@ -166,6 +176,9 @@ TEST(StatusJsonTest, KeepsTheNamesThatScriptsRead) {
                              ".tree.nodes[0].cpu.throttled_us",
                              ".tree.nodes[2].pids[1]",
                              ".tree.nodes[2].membership_verified",
+                             ".keeper.found.cpu_burst",
+                             ".keeper.last_repaired_at",
+                             ".keeper.contested[0]",
                              ".components[0].restarts_last_hour",
                              ".components[0].last_reason",
                              ".delivery.spool_broken",

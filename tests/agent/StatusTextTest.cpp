@@ -168,6 +168,23 @@ TEST(StatusTextTest, WhatIsNotKnownIsNoNumber) {
     EXPECT_NE(std::string::npos, text.find("used unknown; limit reached unknown times, unknown killed")) << text;
 }
 
+TEST(StatusTextTest, SaysWhatOthersHaveChangedAndWhatIsNotInForce) {
+    StatusReport report = Report();
+    const auto picture = [&] { return JoinLines(MakePicture(report, kShares, PictureOptions{})); };
+    EXPECT_EQ(std::string::npos, picture().find("kept"));
+    report.keeper.found[0] = 3;
+    report.keeper.found[6] = 1;
+    report.keeper.lastRepairedAt = 988;
+    report.keeper.lastRepair = "process 5 of QorHips was in /; moved back";
+    report.keeper.contested = {"cpu_quota of /a"};
+    report.keeper.notInForce = {"memory limit of /b"};
+    for (const char* text :
+         {"kept    4 changes by others (cpu_quota 3, member 1), last repaired 12 s ago: process 5 of",
+          "contested by another program: cpu_quota of /a", "not in force: memory limit of /b"}) {
+        EXPECT_NE(std::string::npos, picture().find(text)) << text << " in " << picture();
+    }
+}
+
 TEST(StatusTextTest, TheSummaryAveragesOverTheTimeSinceTheStart) {
     StatusReport report = Report();
     report.sampler.cpuTotalNs = 200000000;

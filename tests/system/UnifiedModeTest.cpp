@@ -142,6 +142,57 @@ TEST_F(UnifiedModeTest, ALimitThatSomebodyLiftedIsNoHealthyAgent) {
     ExpectNothingLeft();
 }
 
+TEST_F(UnifiedModeTest, WhatOthersChangeIsPutBackAndTold) {
+    WriteComponents("{\"name\": \"QorHips\", \"group\": \"collect-defense\"}");
+    Child agent = StartRunningAgent({"--limit-check", "1"});
+    ASSERT_TRUE(WaitIn("/collect-defense/QorHips", "QorHips"));
+    const pid_t component = ComponentPid("QorHips");
+    SleepMs(3000);
+    EXPECT_EQ(LogCount("not in force"), 0);
+    EXPECT_EQ(Status()["keeper"]["last_repaired_at"].asInt64(), 0);
+
+    for (const char* group : {"", "/main", "/collect-defense", "/collect-defense/QorHips"}) {
+        ASSERT_TRUE(WriteText(CpuGroup(group) + "/cpu.cfs_quota_us", "-1")) << group;
+    }
+    ASSERT_TRUE(WriteText(CpuRoot() + "/cgroup.procs", std::to_string(component)));
+    ASSERT_TRUE(WriteText(MemoryRoot() + "/cgroup.procs", std::to_string(component)));
+    const double begin = SecondsNow();
+    const Expectation expected(100, 200);
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return Difference(expected).empty(); })) << Difference(expected);
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return IsIn("/collect-defense/QorHips", component); }));
+    printf("four quotas and one component put back after %.2f s at a rhythm of 1 s\n", SecondsNow() - begin);
+    for (const std::string& line : {"CPU quota of " + CpuGroup("/main") + " was: no limit",
+                                    "process " + std::to_string(component) + " of QorHips (memory) was in /"}) {
+        EXPECT_TRUE(WaitLog(line)) << line;
+        EXPECT_EQ(LogCount(line), 1) << line;
+    }
+    const Json::Value keeper = Status()["keeper"];
+    EXPECT_GE(keeper["found"]["cpu_quota"].asInt(), 4);
+    EXPECT_EQ(keeper["found"]["member"].asInt(), 2);
+    EXPECT_GT(keeper["last_repaired_at"].asInt64(), 0);
+    EXPECT_TRUE(keeper["not_in_force"].empty());
+    const auto told = [&] {
+        const std::vector<Json::Value> events = Events();
+        return std::count_if(events.begin(), events.end(), [](const Json::Value& event) {
+            Json::Value body;
+            return event["type"].asString() == "T_MSG_LIMIT_DRIFT" && ParseJson(event["body"].asString(), body) &&
+                   body["repaired"].asBool();
+        });
+    };
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return told() >= 6; })) << told();
+
+    // Everything at once: the component is sent off and its leaf goes with its group.
+    ASSERT_TRUE(WriteText(CpuRoot() + "/cgroup.procs", std::to_string(component)));
+    for (const std::string& leaf : ChildrenOf(CpuGroup("/collect-defense"))) {
+        ASSERT_EQ(rmdir((CpuGroup("/collect-defense/") + leaf).c_str()), 0) << leaf;
+    }
+    ASSERT_EQ(rmdir(CpuGroup("/collect-defense").c_str()), 0);
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return IsIn("/collect-defense/QorHips", component); }));
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return Difference(expected).empty(); })) << Difference(expected);
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
 TEST_F(UnifiedModeTest, MainProcessKilledAnytimeLeavesOnlyAdoptable) {
     // Fixed moments rather than random ones, so that a failure can be seen again: within the start, around the
     // components' starts, and later.

@@ -1,0 +1,29 @@
+// The main process's hand on its tree of control groups: at a settable rhythm everything that was asked for is compared
+// with what is in force, and put right. What is news goes out as a message.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/zel/CgroupKeeper.h"
+
+namespace agent {
+
+/// Runs on the main thread.
+class TreeKeeping {
+public:
+    explicit TreeKeeping(unsigned int everySeconds) : m_everySeconds(everySeconds) {}
+
+    /// Looks at the tree when it is time to. While another change of it is under way, at the next call.
+    void Tick(int64_t second, const std::vector<zel::CgroupMember>& members);
+
+private:
+    const int64_t m_everySeconds;
+    int64_t m_lookedAt = 0;
+};
+
+/// The body of the message about a difference. Pure.
+std::string FormatDrift(const zel::CgroupDrift& drift, int64_t now);
+
+}  // namespace agent
