@@ -4,7 +4,9 @@
 #include <utility>
 #include <vector>
 
+#include "LimitPlan.h"
 #include "OwnGroup.h"
+#include "TreeFacts.h"
 #include "platform/zel/CgroupTreeStatus.h"
 
 namespace zel {
@@ -93,6 +95,23 @@ Status GiveBackBase(const Branch& branch) {
     return base.RemoveChild(RestName());
 }
 
+/// What cannot be removed is left without any limit of ours: nobody looks after it any more.
+Error WithLimitsLifted(const Branch& branch, Error error) {
+    Result<GroupDir> tree = OpenTree(branch);
+    if (!tree) return error;
+    const OpenTreeFacts facts = ReadTree(std::move(*tree), branch.serves, 2);
+    std::vector<Error> failed;
+    for (const Controller controller : kAllControllers) {
+        if (!branch.serves[controller]) continue;
+        for (Error& each : ApplyPlan(PlanLimits(GroupTargets(), facts.facts, controller), facts)) {
+            failed.push_back(std::move(each));
+        }
+    }
+    error.hint += error.hint.empty() ? "" : "; ";
+    error.hint += failed.empty() ? "what is left has no limit any more" : "its limits stay: " + failed.front().Text();
+    return error;
+}
+
 /// A process may come in between the look and the removal: then it is kept, and looked at the next time.
 void RemoveIfEmpty(const GroupDir& parent, const OwnChild& child) {
     Result<std::vector<int>> pids = child.dir.Processes();
@@ -179,10 +198,9 @@ Status RemoveTree(const Branch& branch) {
     Result<GroupDir> tree = OpenTree(branch);
     if (!tree && !IsNotFound(tree.GetError())) return tree.GetError();
     if (tree) {
-        Status emptied = RemoveLevel(branch, *tree, 0);
-        if (!emptied) return emptied;
-        Status removed = branch.placement->base.RemoveChild(AgentGroupName());
-        if (!removed) return removed;
+        Status removed = RemoveLevel(branch, *tree, 0);
+        if (removed) removed = branch.placement->base.RemoveChild(AgentGroupName());
+        if (!removed) return WithLimitsLifted(branch, removed.GetError());
     }
     return GiveBackBase(branch);
 }

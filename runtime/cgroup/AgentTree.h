@@ -32,7 +32,8 @@ Status MoveOutLike(const Branch& branch, int pid, int like);
 void SweepTree(const Branch& branch, const GroupTargets& targets);
 
 /// Moves every process out of the branch's tree and removes its groups, leaves first; in a delegated group everything
-/// is given back as it was. Groups inside that are not ours stay, and so does the tree then; the error names them.
+/// is given back as it was. Groups inside that are not ours stay, and so does the tree then, without a limit of ours;
+/// the error names them.
 Status RemoveTree(const Branch& branch);
 
 }  // namespace cgroup

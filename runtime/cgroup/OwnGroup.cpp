@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Hierarchy.h"
+#include "platform/zel/LogMessage.h"
 #include "platform/zel/ToolUtil.h"
 
 namespace zel {
@@ -24,6 +25,23 @@ std::string OwnTag() {
 Error Foreign(const GroupDir& group) {
     return MakeError(ErrorKind::kRefused, "use", group.Path(),
                      "it was not made by this agent and is in use: remove it, or set ZEL_CGROUP_NAME to another name");
+}
+
+/// A group that is there already where ours belongs: an operator has prepared it, or a crash came before its mark. With
+/// whatever is set on it beside our limits it becomes ours, if nobody is in it.
+Result<GroupDir> Adopt(GroupDir group) {
+    Result<std::vector<int>> processes = group.Processes();
+    if (!processes) return processes.GetError();
+    Result<std::vector<std::string>> children = group.Children();
+    if (!children) return children.GetError();
+    if (!processes->empty() || !children->empty()) return Foreign(group);
+    Status marked = MarkOwn(group);
+    if (!marked) return marked.GetError();
+    CLogMessage::GetInstance()->log(kLogInfo, "CgroupManager", __LINE__,
+                                    "CgroupManager: %s was there already, empty and not ours: it is taken over with "
+                                    "what is set on it, and removed with the others at the end",
+                                    group.Path().c_str());
+    return group;
 }
 
 }  // namespace
@@ -61,23 +79,19 @@ Result<GroupDir> OpenOwnChild(const GroupDir& parent, const std::string& name) {
 }
 
 Result<GroupDir> MakeOwnChild(const GroupDir& parent, const std::string& name) {
-    for (int attempt = 0;; ++attempt) {
-        bool created = false;
-        Result<GroupDir> child = parent.MakeChild(name, &created);
-        if (!child) return child;
-        if (created) {
-            Status marked = MarkOwn(*child);
-            if (marked) return child;
-            Status removed = parent.RemoveChild(name);
-            static_cast<void>(removed);  // the failure to report is the mark's
-            return marked.GetError();
-        }
-        Result<bool> own = IsMarkedOwn(*child);
-        if (!own) return own.GetError();
-        if (*own) return child;
-        // Only an empty group can be removed, so trying is safe.
-        if (attempt > 0 || !parent.RemoveChild(name)) return Foreign(*child);
+    bool created = false;
+    Result<GroupDir> child = parent.MakeChild(name, &created);
+    if (!child) return child;
+    if (created) {
+        Status marked = MarkOwn(*child);
+        if (marked) return child;
+        Status removed = parent.RemoveChild(name);
+        static_cast<void>(removed);  // the failure to report is the mark's
+        return marked.GetError();
     }
+    Result<bool> own = IsMarkedOwn(*child);
+    if (!own) return own.GetError();
+    return *own ? std::move(child) : Adopt(std::move(*child));
 }
 
 Result<std::vector<OwnChild>> OpenOwnChildren(const GroupDir& parent, std::vector<Error>& unread) {

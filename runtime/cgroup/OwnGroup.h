@@ -16,8 +16,8 @@ Status MarkOwn(const GroupDir& group);
 Result<bool> IsMarkedOwn(const GroupDir& group);
 
 /// Opens the child if it is ours, makes it if it is not there.
-/// An unmarked child that is empty (left by a crash between two system calls) is removed and made again; one that
-/// holds processes or groups is somebody else's: kRefused.
+/// An unmarked child that is empty (prepared by an operator, or left by a crash between two system calls) is taken over
+/// as it is, with a log line; one that holds processes or groups is somebody else's: kRefused.
 Result<GroupDir> MakeOwnChild(const GroupDir& parent, const std::string& name);
 /// Opens the child only if it is ours. kNotFound: there is none. kRefused: somebody else's.
 Result<GroupDir> OpenOwnChild(const GroupDir& parent, const std::string& name);

@@ -418,7 +418,43 @@ TEST_F(CgroupManagerTest, NeverTouchesAGroupThatItDidNotMake) {
     std::string error;
     EXPECT_FALSE(zel::RemoveAgentCgroupTree(error));
     EXPECT_THAT(error, HasSubstr("foreign"));
+    EXPECT_THAT(error, HasSubstr("what is left has no limit any more"));
+    EXPECT_EQ("max", MemLimit(""));
+    if (layout.cpuV2) {
+        EXPECT_EQ("max", CpuLimit(""));
+    }
     ASSERT_EQ(0, rmdir(foreign.c_str()));
+}
+
+TEST_F(CgroupManagerTest, LiftsTheLimitsAroundAStrangerAtTheEnd) {
+    ASSERT_TRUE(ReconcileWorked());
+    ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
+    const std::vector<std::string> theirs = {cpuTree + "/theirs", cpuTree + "/collect-defense/theirs",
+                                             memTree + "/collect-defense/QorHips/theirs"};
+    for (const std::string& group : theirs) {
+        // Where controllers are given to children no leaf may have processes, but any may have groups.
+        ASSERT_EQ(0, mkdir(group.c_str(), 0755)) << group;
+    }
+    std::string error;
+    EXPECT_FALSE(zel::RemoveAgentCgroupTree(error));
+    EXPECT_EQ("max", CpuLimit(""));
+    EXPECT_EQ("max", CpuLimit("collect-defense"));
+    EXPECT_EQ("max", MemLimit(""));
+    EXPECT_EQ("max", MemLimit("collect-defense"));
+    EXPECT_EQ("max", MemLimit("collect-defense/QorHips"));
+    EXPECT_FALSE(Exists(cpuTree + "/main")) << "what can go goes";
+    for (const std::string& group : theirs) ASSERT_EQ(0, rmdir(group.c_str())) << group;
+}
+
+TEST_F(CgroupManagerTest, TakesOverAnEmptyGroupThatWasPrepared) {
+    ASSERT_EQ(0, mkdir(memTree.c_str(), 0755));
+    const uint64_t inode = InodeOf(memTree);
+    ASSERT_TRUE(ReconcileWorked());
+    EXPECT_EQ(inode, InodeOf(memTree)) << "what an operator has set on it stays";
+    EXPECT_EQ("307200", MemLimit(""));
+    std::vector<std::string> lines;
+    for (const support::LogLine& line : support::LogLines()) lines.push_back(line.text);
+    EXPECT_THAT(lines, ::testing::Contains(HasSubstr(memTree + " was there already, empty and not ours")));
 }
 
 TEST_F(CgroupManagerTest, RefusesATreeOfThatNameThatIsSomebodyElses) {
@@ -430,7 +466,7 @@ TEST_F(CgroupManagerTest, RefusesATreeOfThatNameThatIsSomebodyElses) {
     EXPECT_EQ(!layout.cpuV2, manager.IsCpuCgroupEnabled()) << "version 1: the other hierarchy is not concerned";
     EXPECT_TRUE(Exists(memTree + "/theirs"));
     ASSERT_EQ(0, rmdir((memTree + "/theirs").c_str()));
-    ASSERT_TRUE(ReconcileWorked()) << "an empty one is a leftover and is made anew";
+    ASSERT_TRUE(ReconcileWorked()) << "an empty one is taken over";
 }
 
 TEST_F(CgroupManagerTest, AdoptsTheTreeOfAMainProcessThatWasKilled) {
