@@ -47,6 +47,20 @@ void ReportEnd(const ComponentEnd& end) {
     Deliver(zel::kComponentEndMessage, body.toStyledString());
 }
 
+/// A component's end is the end of everything that it has started, wherever that has got to in the process tree.
+void EndWhatIsLeft(const std::string& name) {
+    const zel::CgroupLeafEnd end = zel::EndCgroupComponent(name);
+    if (end.ended > 0) {
+        LogLine("component " + name + " left " + std::to_string(end.ended) + " processes behind, they were ended",
+                zel::kLogInfo);
+    }
+    std::string pids;
+    for (const int pid : end.left) pids += " " + std::to_string(pid);
+    if (!pids.empty()) {
+        LogLine("of component " + name + " these processes do not end and keep its limits:" + pids, zel::kLogWarning);
+    }
+}
+
 }  // namespace
 
 void DeclareComponents(const std::string& appDir) {
@@ -68,6 +82,7 @@ void ComponentCare::Start(const Options& options, const std::string& program) {
     const std::vector<std::string> common{"--app-dir", options.appDir, "--config", options.configPath};
     m_supervisor = std::make_unique<Supervisor>(program, common, options.appDir + kRestartsFileName, ReportEnd);
     m_supervisor->SetPlacement(GroupsOf);
+    m_supervisor->SetCleaning(EndWhatIsLeft);
     zel::CgroupTreeStatus tree;
     std::string problem;
     if (zel::ReadCgroupTreeStatus(tree, problem)) m_oomPicture = TakeOomPicture(tree);

@@ -215,6 +215,7 @@ void Supervisor::NoteEnd(Component& component, int status, int64_t now) {
         std::string cause = m_explainKill(component.config.name);
         if (!cause.empty()) end.reason += ", " + cause;
     }
+    if (m_clean) m_clean(component.config.name);
     component.nextStartAt = m_budget.NoteDeath(component.config.name, component.startedAt, now, end.reason);
     component.state = ComponentState::kWaiting;
     component.pid = 0;
@@ -252,6 +253,7 @@ void Supervisor::StopAll(unsigned int graceMs) {
     }
     for (Component& component : m_components) {
         if (component.state == ComponentState::kWaiting) component.state = ComponentState::kStopped;
+        if (m_clean) m_clean(component.config.name);
     }
 }
 

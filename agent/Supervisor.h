@@ -47,6 +47,9 @@ public:
         m_explainKill = std::move(explain);
     }
 
+    /// Called when a component has ended, before it is started again: ends what it has left behind.
+    void SetCleaning(std::function<void(const std::string& name)> clean) { m_clean = std::move(clean); }
+
     void Configure(const std::vector<ComponentConfig>& components);
     /// Starts what is due, reaps what ended. Call it about four times a second and after SIGCHLD. `now`, here and
     /// below: SecondsSinceBoot().
@@ -95,6 +98,7 @@ private:
     std::function<void(const ComponentEnd&)> m_onEnd;
     Placement m_placement;
     std::function<std::string(const std::string&)> m_explainKill;
+    std::function<void(const std::string&)> m_clean;
     RestartBudget m_budget;
     std::vector<Component> m_components;
 };

@@ -31,6 +31,7 @@ namespace v2 {
 constexpr char kControllers[] = "cgroup.controllers";
 constexpr char kSubtreeControl[] = "cgroup.subtree_control";
 constexpr char kEvents[] = "cgroup.events";
+constexpr char kKill[] = "cgroup.kill";
 constexpr char kType[] = "cgroup.type";
 constexpr char kCpuMax[] = "cpu.max";
 constexpr char kCpuMaxBurst[] = "cpu.max.burst";

@@ -193,6 +193,24 @@ TEST_F(UnifiedModeTest, WhatOthersChangeIsPutBackAndTold) {
     ExpectNothingLeft();
 }
 
+TEST_F(UnifiedModeTest, AComponentLeavesNobodyBehind) {
+    WriteComponents(R"({"name": "QorHips", "group": "collect-defense",)"
+                    R"( "command": ["/bin/sh", "-c", "setsid sleep 1000 & exec sleep 1000"]})");
+    Child agent = StartRunningAgent();
+    const std::string leaf = CpuGroup("/collect-defense/QorHips");
+    ASSERT_TRUE(Poll(kStartSeconds, [&] { return ProcessesIn(leaf).size() == 2; }));
+    const std::vector<pid_t> first = ProcessesIn(leaf);
+    kill(ComponentPid("QorHips"), SIGKILL);
+    EXPECT_TRUE(WaitLog("component QorHips left 1 processes behind, they were ended"));
+    const auto runs = [](pid_t pid) { return !ReadText("/proc/" + std::to_string(pid) + "/cmdline").empty(); };
+    for (const pid_t pid : first) EXPECT_FALSE(runs(pid)) << pid;
+    ASSERT_TRUE(Poll(kStartSeconds, [&] { return ProcessesIn(leaf).size() == 2; }));
+    const std::vector<pid_t> second = ProcessesIn(leaf);
+    EXPECT_EQ(agent.Stop(), 0);
+    for (const pid_t pid : second) EXPECT_FALSE(runs(pid)) << pid;
+    ExpectNothingLeft();
+}
+
 TEST_F(UnifiedModeTest, MainProcessKilledAnytimeLeavesOnlyAdoptable) {
     // Fixed moments rather than random ones, so that a failure can be seen again: within the start, around the
     // components' starts, and later.

@@ -77,6 +77,16 @@ ZEL_API bool PlaceComponentProcess(const std::string& component, int pid, std::s
 /// To be called before the manager first writes the component file.
 ZEL_API void SetUnlistedComponents(std::vector<CgroupComponentQuota> components);
 
+/// What became of the processes in a component's leaves.
+struct CgroupLeafEnd {
+    int ended = 0;
+    std::vector<int> left;  ///< still alive
+};
+
+/// Ends every process in the component's leaves and in groups below them, also those whose parents have ended; nothing
+/// outside, and never in a leaf that holds this process. Blocks: as long as they take, two seconds at most.
+ZEL_API CgroupLeafEnd EndCgroupComponent(const std::string& component);
+
 /// Names this process's component for CCgroupClient: the "name" of its entry in the component file. To be called
 /// before the client's first use. Without a call the environment variable ZEL_COMPONENT counts.
 ZEL_API void SetCgroupClientComponent(const std::string& name);

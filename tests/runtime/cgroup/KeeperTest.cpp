@@ -390,6 +390,60 @@ TEST_F(KeeperTest, AnUndisturbedRoundStaysCheap) {
            static_cast<int>(perRoundUs));
 }
 
+TEST_F(KeeperTest, NamesTheServiceManagerAsTheCause) {
+    const std::string managers = "/sys/fs/cgroup/systemd";
+    if (layout.cpuV2 || !Exists(managers + "/cgroup.procs")) GTEST_SKIP() << "SKIP direct: no name=systemd hierarchy";
+    const std::string unit = "/" + treeName + ".service";
+    const std::vector<std::string> directories = {managers + unit, layout.cpuMount + unit};
+    for (const std::string& directory : directories) ASSERT_EQ(0, mkdir(directory.c_str(), 0755)) << directory;
+    for (const std::string& directory : directories) PutInto(directory, component->Pid());
+    Round();
+    ASSERT_EQ(1u, news.size());
+    EXPECT_EQ(unit, news[0].found);
+    EXPECT_THAT(news[0].cause, ::testing::HasSubstr("Delegate=yes"));
+    EXPECT_TRUE(news[0].repaired);
+    component->Kill();
+    for (const std::string& directory : directories) {
+        EXPECT_TRUE(Eventually([&] { return rmdir(directory.c_str()) == 0; })) << directory;
+    }
+    component = std::make_unique<Child>(Sleeper);
+}
+
+// --- the end of a component -----------------------------------------------------------------------------------------
+
+TEST_F(KeeperTest, AComponentsEndIsTheEndOfItsWholeLeaf) {
+    // A family that goes on making children, one of them in a session of its own and without its parent.
+    const Child root([&] {
+        PutInto(cpuTree + "/" + kLeaf, getpid());
+        if (memTree != cpuTree) PutInto(memTree + "/" + kLeaf, getpid());
+        for (int i = 0; i < 20; ++i) {
+            if (fork() != 0) continue;
+            setsid();
+            if (fork() == 0) return Sleeper();
+            return 0;
+        }
+        return Sleeper();
+    });
+    ASSERT_TRUE(Eventually([&] { return Procs(cpuTree + "/" + kLeaf).size() >= 20; }));
+    const zel::CgroupLeafEnd end = zel::EndCgroupComponent("QorHips");
+    EXPECT_GE(end.ended, 20);
+    EXPECT_TRUE(end.left.empty());
+    EXPECT_TRUE(Procs(cpuTree + "/" + kLeaf).empty());
+    EXPECT_TRUE(Procs(memTree + "/" + kLeaf).empty());
+}
+
+TEST_F(KeeperTest, AnEndStaysInsideTheLeaf) {
+    const Child beside(Sleeper);
+    PutInto(cpuTree + "/main/Tervane", beside.Pid());
+    const Child outside(Sleeper);
+    PutInto(layout.cpuMount, outside.Pid());
+    for (const char* name : {"QorHips", "Tervane", "nobody", "..", "", "../main/Tervane"}) {
+        EXPECT_TRUE(zel::EndCgroupComponent(name).left.empty()) << name;
+    }
+    EXPECT_EQ(0, waitpid(beside.Pid(), nullptr, WNOHANG)) << "the leaf of this process is not to be emptied";
+    EXPECT_EQ(0, waitpid(outside.Pid(), nullptr, WNOHANG));
+}
+
 // --- the memory between rounds --------------------------------------------------------------------------------------
 
 using zel::cgroup::DriftLedger;
