@@ -225,7 +225,7 @@ void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, s
     round.members = &members;
     round.nowMs = ClockUs(CLOCK_MONOTONIC) / 1000;
     const Publication last = published;
-    round.republish = [&] { return WriteConfig(last.path, last.quotas, last.parent); };
+    round.republish = [&]() ZEL_REQUIRES(mutex) { return WriteConfig(last.path, last.quotas, last.parent); };
     news = keeper.Run(round, status);
     for (const CgroupDrift& drift : news) LogLine(kLogWarning, __LINE__, DescribeDrift(drift));
     for (const std::string& thing : keeper.TakeEndedContests()) {
