@@ -386,7 +386,7 @@ bool CEventSpool::NoteDrops(uint64_t count) {
 
 void CEventSpool::KeepInMemory(const SpoolMessage& message) {
     base::MutexLock lock(m_figuresLock);
-    const auto drop = [&] {
+    const auto drop = [&]() ZEL_REQUIRES(m_figuresLock) {
         ++m_figures.dropped;
         ++m_unsavedDrops;
     };
