@@ -20,16 +20,19 @@ void support::FailAllocation(int nth) {
     t_untilFailure = nth;
 }
 
-void* operator new(size_t size) {
+// Not inlined: the compiler would see a block of malloc given to delete and warn.
+#define ZEL_APART __attribute__((noinline))
+
+ZEL_APART void* operator new(size_t size) {
     ++t_allocations;
     if (t_untilFailure > 0 && --t_untilFailure == 0) throw std::bad_alloc();
     if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
     throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+ZEL_APART void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, size_t) noexcept {
+ZEL_APART void operator delete(void* memory, size_t) noexcept {
     std::free(memory);
 }
 
