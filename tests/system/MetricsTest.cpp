@@ -5,8 +5,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <map>
 #include <sstream>
+#include <thread>
 
 #include "AgentFixture.h"
 
@@ -136,6 +138,8 @@ TEST_F(MetricsTest, EveryFigureOfTheTreeIsTheKernelsAtTheSameMoment) {
                                                    {"/collect-defense", "collect-defense/"},
                                                    {"/main/Tervane", "main/Tervane"},
                                                    {leaf, "collect-defense/QorHips"}};
+    // A text is kept for a second: the one that the next scrape gets shall be made for it.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
     std::map<std::string, KernelFigures> before, after;
     for (const auto& node : nodes) before[node.first] = Kernel(node.first);
     const std::string text = Scrape();

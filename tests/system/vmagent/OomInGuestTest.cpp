@@ -70,6 +70,11 @@ TEST_F(OomInGuest, KilledComponentIsReportedOnceWithPathAndCounters) {
     KillComponentOnce("Killable", "collect-defense");
     EXPECT_TRUE(WaitLog(PolledLine(), lines + 2));
     EXPECT_EQ(OomEvents(kRuntime).size(), 1U);
+    // The line comes before the counters are on disk, and this guest is slow.
+    EXPECT_TRUE(Poll(kSettleSeconds, [] {
+        const std::string stored = ReadText(std::string(kAppDir) + "/conf/cgroup_oom_watermark.json");
+        return stored.find("\"oom_kill\" : 2") != std::string::npos;
+    }));
 
     // Neither a main process that died nor a clean restart tells it again.
     KillMain();
