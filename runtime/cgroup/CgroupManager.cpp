@@ -179,7 +179,11 @@ bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
 bool CCgroupManager::Impl::RemovePid(int pid) {
     bool ok = true;
     const base::MutexLock placing(PlacementMutex());
-    if (pid == getpid()) mainInside = false;
+    if (pid == getpid()) {
+        // The way out of the unified mode: until it is published anew there is nothing to put back.
+        mainInside = false;
+        published.valid = false;
+    }
     for (const std::shared_ptr<Branch>& branch : branches.all) {
         if (!branch->placement) continue;
         const auto refuge = [&](int each) { return MoveBesideTree(*branch, each); };
