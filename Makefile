@@ -8,9 +8,7 @@
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 FOR ?=
-ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel FuzzKernelLists FuzzResourceFile \
-  FuzzWatermark FuzzVmstat FuzzGroupSpecs FuzzMountInfo FuzzProcFiles FuzzComponentFile FuzzOnlineConfig \
-  RuntimeBaseTests
+ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel AllFuzzers RuntimeBaseTests
 TSAN_QUICK = UnitCore UnitLimits RuntimeBaseTests RuntimeUtilTests RuntimeIpcTests
 
 .PHONY: all run test lint sanitize sanitize-module bench fuzz install clean deps deps-build
