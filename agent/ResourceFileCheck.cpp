@@ -6,6 +6,7 @@
 #include <set>
 #include <sstream>
 
+#include "platform/zel/AgentNames.h"
 #include "platform/zel/FileUtil.h"
 #include "platform/zel/KernelVersion.h"
 #include "platform/zel/LimitKeys.h"
@@ -70,6 +71,26 @@ std::string CheckPair(const std::string& key, const std::string& value) {
     return Shown(key) + " is no key of this file";
 }
 
+/// The number that a value counts as.
+long NumberOf(const std::string& value) {
+    return strtol(value.c_str(), nullptr, 10);
+}
+
+/// The legacy mode's hard limit is one and a half times the maximum, as a 32-bit number of bytes.
+/// Returns: empty when that holds it, or when the mode has no such limit.
+std::string CheckLegacyMemory(const std::string& text) {
+    constexpr long kMostLegacyMemoryMb = 1365;
+    const std::string value = FindResourceValue(text, zel::kMaxMemoryKey.resourceName);
+    const long mode = NumberOf(FindResourceValue(text, zel::kLimitModeKey.resourceName));
+    const bool legacy = (mode & zel::kModeMemory) != 0 && (mode & zel::kModeUnified) == 0;
+    if (!legacy || NumberOf(value) <= kMostLegacyMemoryMb) return "";
+    return std::string(zel::kMaxMemoryKey.resourceName) + " = " + Shown(value) + " is above " +
+           std::to_string(kMostLegacyMemoryMb) + " MB, beyond which the memory limit of " +
+           zel::kLimitModeKey.resourceName + " = " + std::to_string(mode) +
+           " wraps around to another one or is refused: lower it, or use mode " +
+           std::to_string(mode | zel::kModeUnified);
+}
+
 }  // namespace
 
 std::vector<std::string> CheckResourceText(const std::string& text) {
@@ -102,6 +123,8 @@ std::vector<std::string> CheckResourceText(const std::string& text) {
         if (problem.empty() && !seen.insert(key).second) problem = key + " stands there twice, the last one counts";
         if (!problem.empty()) findings.push_back(where + problem);
     }
+    const std::string wraps = CheckLegacyMemory(text);
+    if (!wraps.empty() && findings.size() < kMaxResourceFindings) findings.push_back(wraps);
     if (seen.empty()) {
         findings.push_back("no key in it was understood: every value is its default, and no limit is switched on");
     }

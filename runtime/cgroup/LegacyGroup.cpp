@@ -43,14 +43,8 @@ void LogLegacy(int level, int line, const std::string& text) {
     CLogMessage::GetInstance()->log(level, "LegacyLimit", line, "%s", text.c_str());
 }
 
-void LegacyGroup::Want(const Limit& limit, int64_t softBytes) {
-    m_limit = limit;
-    m_softBytes = softBytes;
-    m_otherLimit = Limit();
-}
-
 std::string LegacyGroup::Text() const {
-    return LimitText(m_controller, m_limit) + " in " + m_group.Path() + ", " + m_hierarchy.reason + ", " +
+    return LimitText(m_controller, m_applied.limit) + " in " + m_group.Path() + ", " + m_hierarchy.reason + ", " +
            m_placement.reason;
 }
 
@@ -99,18 +93,18 @@ Status LegacyGroup::PrepareForLimit() const {
                      std::string("the kernel offers no ") + file + " (CONFIG_CFS_BANDWIDTH, CONFIG_MEMCG)");
 }
 
-Status LegacyGroup::Apply(const Limit& limit, int64_t softBytes) const {
-    Status hard = ApplyLimit(m_controller, m_group, limit);
-    return hard && m_controller == Controller::kMemory ? ApplyMemSoftLimit(m_group, softBytes) : hard;
+Status LegacyGroup::Apply(const LegacyValue& value) const {
+    Status hard = ApplyLimit(m_controller, m_group, value.limit);
+    return hard && m_controller == Controller::kMemory ? ApplyMemSoftLimit(m_group, value.softBytes) : hard;
 }
 
 Status LegacyGroup::Lift() const {
-    return Apply(Limit(), kUnlimited);
+    return Apply(LegacyValue());
 }
 
-Status LegacyGroup::StartAttached() {
+Status LegacyGroup::StartAttached(const LegacyValue& value) {
     Status status = PrepareForLimit();
-    if (status) status = Apply(m_limit, m_softBytes);
+    if (status) status = Apply(value);
     std::vector<Error> stranded;  // stays empty: one move has nothing to take back
     if (status) status = m_membership.Join(Self(), {{Ours(), &m_group}}, stranded);
     return status;
@@ -118,13 +112,22 @@ Status LegacyGroup::StartAttached() {
 
 Status LegacyGroup::Start(bool otherOnV2) {
     Status status = Attach(true);
-    if (status) status = StartAttached();
+    if (status) status = StartAttached(m_wanted);
     if (status) {
         m_started = true;
+        m_applied = m_wanted;
+        m_otherLimit = Limit();
         JoinDescendants();
     } else if (m_group.IsOpen() && !m_started && !IsShared(otherOnV2)) {
         RemoveIfEmpty();
     }
+    return status;
+}
+
+Status LegacyGroup::Restore() {
+    Status status = Attach(true);
+    if (status) status = StartAttached(m_applied);
+    if (status) JoinDescendants();
     return status;
 }
 
@@ -143,8 +146,8 @@ void LegacyGroup::Reset(bool forgetOrigin) {
     m_hierarchy = Hierarchy();
     m_placement = Placement();
     m_group = GroupDir();
-    m_limit = Limit();
-    m_softBytes = kUnlimited;
+    m_wanted = LegacyValue();
+    m_applied = LegacyValue();
     m_otherLimit = Limit();
 }
 
@@ -153,17 +156,17 @@ bool LegacyGroup::HoldsSelf() const {
     return inside && *inside;
 }
 
-bool LegacyGroup::IsInForce() const {
+bool LegacyGroup::Holds(const LegacyValue& value) const {
     if (!m_started || !m_group.IsAlive() || !HoldsSelf()) return false;
     Result<Limit> limit = ReadLimit(m_controller, m_group);
-    return limit && IsLimited(m_controller, *limit) && SameLimit(m_controller, *limit, m_limit);
+    return limit && IsLimited(m_controller, *limit) && SameLimit(m_controller, *limit, value.limit);
 }
 
 bool LegacyGroup::IsOtherLimitNew() {
     const Limit before = std::exchange(m_otherLimit, Limit());
     if (!m_group.IsAlive() || !HoldsSelf()) return false;
     Result<Limit> limit = ReadLimit(m_controller, m_group);
-    if (!limit || !IsLimited(m_controller, *limit) || SameLimit(m_controller, *limit, m_limit)) return false;
+    if (!limit || !IsLimited(m_controller, *limit) || SameLimit(m_controller, *limit, m_applied.limit)) return false;
     m_otherLimit = *limit;
     return !SameLimit(m_controller, *limit, before);
 }

@@ -23,6 +23,12 @@ struct LegacyOptions {
     std::function<Result<LayoutTexts>()> readLayout = ReadLayoutTexts;
 };
 
+/// What a legacy group holds its members to.
+struct LegacyValue {
+    Limit limit;
+    int64_t softBytes = kUnlimited;
+};
+
 /// One line of the legacy limit.
 void LogLegacy(int level, int line, const std::string& text);
 
@@ -35,12 +41,15 @@ public:
         : m_options(options), m_controller(controller), m_membership(membership) {}
 
     /// What the next start puts in force.
-    void Want(const Limit& limit, int64_t softBytes);
+    void Want(const LegacyValue& value) { m_wanted = value; }
 
     /// Makes the group, writes the value, and only then moves this process and its descendants: a process never sits in
     /// the group without its limit. `otherOnV2`: the other controller's limit is started on version 2, so where this
     /// one is on version 2, too, both are in one group.
+    /// On failure: what was applied before stays what is kept.
     Status Start(bool otherOnV2);
+    /// Puts what was applied last in force again, with the group and the members. Requires: IsStarted().
+    Status Restore();
     /// Opens a group of an earlier run, or one that this process was born into.
     Status Adopt();
     /// Moves this process and its descendants back and removes the group, or lifts its limit where others are in it, or
@@ -63,7 +72,9 @@ public:
     /// Returns: whether this process is in the group.
     bool HoldsSelf() const;
     /// Asked of the kernel: the group exists, this process is in it, and the value is what was asked for.
-    bool IsInForce() const;
+    bool IsInForce() const { return Holds(m_wanted); }
+    /// The same for what was applied last: a change that failed is not looked after, the value before it is.
+    bool IsKept() const { return Holds(m_applied); }
     /// Returns: whether the group has another finite limit than ours, and had another at the last look. One process of
     /// the agent hears of a new limit before the next: what it has written is no news of somebody else.
     bool IsOtherLimitNew();
@@ -79,8 +90,9 @@ public:
 private:
     Status Attach(bool make);
     Status PrepareForLimit() const;
-    Status StartAttached();
-    Status Apply(const Limit& limit, int64_t softBytes) const;
+    Status StartAttached(const LegacyValue& value);
+    Status Apply(const LegacyValue& value) const;
+    bool Holds(const LegacyValue& value) const;
     Status Lift() const;
     Status ReturnToBase(int pid) const;
     void RemoveIfUnused(bool mayLift) const;
@@ -95,9 +107,9 @@ private:
     Hierarchy m_hierarchy;
     Placement m_placement;
     GroupDir m_group;
-    Limit m_limit;
-    int64_t m_softBytes = kUnlimited;
-    Limit m_otherLimit;  ///< another than ours, as seen at the last look; unlimited: none
+    LegacyValue m_wanted;   ///< as last asked for
+    LegacyValue m_applied;  ///< as last put in force
+    Limit m_otherLimit;     ///< another than ours, as seen at the last look; unlimited: none
 };
 
 }  // namespace cgroup

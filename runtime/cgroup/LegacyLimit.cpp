@@ -2,6 +2,7 @@
 #include "LegacyLimit.h"
 
 #include <sys/utsname.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <set>
@@ -9,6 +10,7 @@
 
 #include "CgroupFiles.h"
 #include "OwnPlacement.h"
+#include "base/ProcFiles.h"
 #include "platform/zel/KernelVersion.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ToolUtil.h"
@@ -29,6 +31,12 @@ bool EndsWith(const std::string& text, const std::string& tail) {
 /// Somebody removed the group, or a process in it ended.
 bool IsGone(const Status& status) {
     return !status && (status.GetError().kind == ErrorKind::kGone || status.GetError().kind == ErrorKind::kNotFound);
+}
+
+/// Returns: bytes of this process that are in memory now; 0 when that cannot be told.
+int64_t ReadOwnResidentBytes() {
+    const Result<int64_t> pages = base::ReadResidentPages(static_cast<int>(getpid()));
+    return pages ? *pages * sysconf(_SC_PAGESIZE) : 0;
 }
 
 /// Logs the one line of a failure. Returns: `code`; `error` is the errno.
@@ -101,16 +109,24 @@ int LegacyLimit::Start(LegacyGroup& group, int& error) {
 }
 
 int LegacyLimit::StartPlaced(LegacyGroup& group, int& error) {
+    return Place(
+        group, [&] { return group.Start(IsOtherOnV2(group)); }, &LegacyGroup::IsInForce, error);
+}
+
+int LegacyLimit::Place(LegacyGroup& group, const std::function<Status()>& place, bool (LegacyGroup::*isDone)() const,
+                       int& error) {
     const char* what = group.GetController() == Controller::kCpu ? kCpuNotSet : kMemoryNotSet;
     Status status;
+    bool done = false;
     for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
-        status = group.Start(IsOtherOnV2(group));
+        status = place();
+        done = status && (group.*isDone)();
         // Another process of the agent may remove the group between our mkdir and our move, or write its own limit
         // beside ours: once more.
-        if (status ? group.IsInForce() : !IsGone(status)) break;
+        if (done || (!status && !IsGone(status))) break;
     }
     if (!status) return Fail(status.GetError(), what, LegacyCodeOf(status.GetError()), error);
-    if (!group.IsInForce()) {
+    if (!done) {
         return Fail(MakeError(ErrorKind::kNotInForce, "hold", group.Path(),
                               "membership or value changed at once: another manager writes this group"),
                     what, kLegacyNotInForce, error);
@@ -146,7 +162,7 @@ void LegacyLimit::Sync(LegacyGroup& group) {
     if (!group.IsStarted()) return;
     const base::MutexLock placing(PlacementMutex());
     if (StepAside(group)) return;
-    if (group.IsInForce()) {
+    if (group.IsKept()) {
         group.JoinDescendants();
         return;
     }
@@ -161,7 +177,8 @@ void LegacyLimit::Sync(LegacyGroup& group) {
     }
     LogLegacy(kLogWarning, __LINE__, what);
     int error = 0;
-    StartPlaced(group, error);
+    Place(
+        group, [&] { return group.Restore(); }, &LegacyGroup::IsKept, error);
 }
 
 int LegacyLimit::StartCpuLimit(int percent, int hundredths, int& error) {
@@ -173,7 +190,7 @@ int LegacyLimit::StartCpuLimit(int percent, int hundredths, int& error) {
                           m_options.groupName, "the share must be above 0"},
                     kCpuNotSet, kLegacyBadValue, error);
     }
-    m_cpu.Want(LimitFromAmount(Controller::kCpu, amount), kUnlimited);
+    m_cpu.Want({LimitFromAmount(Controller::kCpu, amount), kUnlimited});
     return Start(m_cpu, error);
 }
 
@@ -247,9 +264,20 @@ int LegacyLimit::StartMemLimit(int firstLimit, int secondLimit, int& error) {
                           m_options.groupName, "the limit must be from one page to 2 GiB, the soft one not above it"},
                     kMemoryNotSet, kLegacyBadValue, error);
     }
-    Limit limit;
-    limit.bytes = PageRoundDown(firstLimit);
-    m_mem.Want(limit, secondLimit > 0 ? secondLimit : kUnlimited);
+    LegacyValue value;
+    value.limit.bytes = PageRoundDown(firstLimit);
+    if (secondLimit > 0) value.softBytes = secondLimit;
+    // One that wrapped to a small number looks like any other. What cannot hold even this process is none.
+    const int64_t inUse = ReadOwnResidentBytes();
+    if (value.limit.bytes < inUse) {
+        return Fail(Error{ErrorKind::kInvalidValue, EINVAL,
+                          "limit memory to " + std::to_string(value.limit.bytes) + " bytes in", m_options.groupName,
+                          "this process alone has " + std::to_string(inUse) +
+                              " bytes in memory now, so the kernel would end it; a max_memory above 1365 arrives here "
+                              "wrapped around"},
+                    kMemoryNotSet, kLegacyBadValue, error);
+    }
+    m_mem.Want(value);
     return Start(m_mem, error);
 }
 

@@ -3,6 +3,7 @@
 // The module's configuration threads and the statistics provider enter it.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "Errors.h"
@@ -18,7 +19,7 @@ namespace cgroup {
 /// module's own and are never used here. docs/CONFIG.md repeats this table for operators.
 enum LegacyCode : int {
     kLegacyOk = 0,
-    kLegacyBadValue = 1,         ///< zero, negative or wrapped limit
+    kLegacyBadValue = 1,         ///< zero, negative or wrapped limit, or one that cannot hold even this process
     kLegacyCannotMove = 6,       ///< a process could not be moved into the group
     kLegacyNotInForce = 8,       ///< written, but the kernel shows something else
     kLegacyCannotLeave = 9,      ///< the process could not be moved out
@@ -65,6 +66,9 @@ public:
 private:
     int Start(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
     int StartPlaced(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
+    /// Tries `place` until the limit is held, three times at most, and logs how it ended.
+    int Place(LegacyGroup& group, const std::function<Status()>& place, bool (LegacyGroup::*isDone)() const, int& error)
+        ZEL_REQUIRES(m_mutex);
     int Stop(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
     void Sync(LegacyGroup& group) ZEL_REQUIRES(m_mutex);
     /// Leaves the process to the unified tree if it is in that. Returns: whether it is.

@@ -51,6 +51,23 @@ TEST(ResourceFileCheckTest, EveryRangeEndsWhereItsTableSays) {
     EXPECT_THAT(CheckResourceText("max_cpu = 10001"), Contains(HasSubstr("is outside 0..10000")));
 }
 
+TEST(ResourceFileCheckTest, LegacyMemoryThatWrapsAroundIsNamed) {
+    const auto check = [](const char* memory, const char* mode) {
+        return CheckResourceText(std::string("max_memory = ") + memory + "\nresource_limit_mode = " + mode);
+    };
+    for (const char* mode : {"4", "5"}) {
+        EXPECT_THAT(check("1365", mode), IsEmpty());
+        for (const char* memory : {"1366", "8193", "9557", "1048576"}) {
+            EXPECT_THAT(check(memory, mode), ElementsAre(HasSubstr(std::string("max_memory = \"") + memory +
+                                                                   "\" is above 1365 MB, beyond which")))
+                << mode;
+        }
+    }
+    for (const char* mode : {"0", "1", "8", "12", "13"}) EXPECT_THAT(check("8193", mode), IsEmpty()) << mode;
+    EXPECT_THAT(CheckResourceText("resource_limit_mode = 4\nmax_memory = 8193\nmax_memory = 200\n"),
+                ElementsAre(HasSubstr("stands there twice")));
+}
+
 TEST(ResourceFileCheckTest, TextWithoutAnyKeySaysThatDefaultsHold) {
     EXPECT_THAT(CheckResourceText(""), ElementsAre(HasSubstr("no key in it was understood")));
     EXPECT_THAT(CheckResourceText("; only a comment\n"), ElementsAre(HasSubstr("no key in it was understood")));

@@ -57,6 +57,33 @@ TEST_F(LegacyModeTest, HogInsideAgentIsStoppedAtTheLimitPassedOn) {
     ExpectNothingLeft();
 }
 
+// Beyond 1365 MB the byte count that reaches the limit object has wrapped around: 8193 arrives as 1.5 MB, 9557 as
+// 2047.5.
+TEST_F(LegacyModeTest, WrappedMemoryLimitKillsNobodyAndIsNamed) {
+    for (const int megabytes : {8193, 9557}) {
+        WriteResource({{"max_memory", std::to_string(megabytes)}, {"resource_limit_mode", "4"}});
+        WriteComponents("{\"name\": \"QorNet\"}");
+        Child agent = StartRunningAgent();
+        ASSERT_TRUE(WaitLog(" is running, process ", 1, "QorNet"));
+        const pid_t component = ComponentPid("QorNet");
+        EXPECT_TRUE(LogHas("max_memory = \"" + std::to_string(megabytes) + "\" is above 1365 MB")) << Log();
+        const bool fits = megabytes == 9557;
+        for (const char* name : {"tervane", "QorNet"}) {
+            EXPECT_EQ(LogHas("this process alone has ", name), !fits) << Log(name);
+            EXPECT_EQ(LogHas("[result 1, ", name), !fits);
+        }
+        EXPECT_EQ(!LegacyGroup(MemoryRoot()).empty(), fits) << "a limit was written";
+        // Both go on to work: a round of everything that they do by themselves.
+        SleepMs(6000);
+        EXPECT_TRUE(agent.Running());
+        EXPECT_EQ(ComponentPid("QorNet"), component);
+        EXPECT_EQ(Status()["components"][0]["restarts"].asInt(), 0);
+        EXPECT_EQ(agent.Stop(), 0);
+        ExpectNothingLeft();
+        for (const char* name : {"tervane", "QorNet"}) unlink((Dir() + "/log/" + name + ".log").c_str());
+    }
+}
+
 TEST_F(LegacyModeTest, ChangedMaximumReachesKernelAndOffRemovesLimit) {
     Child agent = StartRunningAgent();
     std::string cpu = LegacyGroup(CpuRoot());

@@ -500,22 +500,74 @@ TEST_F(LegacyLimitTest, WrappedMemoryLimitsAreRefused) {
     EXPECT_FALSE(Exists(MemDir(m_group)));
 }
 
+/// Holds `bytes` in a process of its own, from the moment that this returns.
+class HoldingChild {
+public:
+    explicit HoldingChild(size_t bytes) {
+        EXPECT_EQ(0, pipe2(m_ready, O_CLOEXEC));
+        m_pid = fork();
+        if (m_pid != 0) {
+            char byte = 0;
+            EXPECT_EQ(1, read(m_ready[0], &byte, 1));
+            return;
+        }
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (memory == MAP_FAILED) _exit(1);
+        memset(memory, 1, bytes);
+        if (write(m_ready[1], "x", 1) != 1) _exit(1);
+        for (;;) pause();
+    }
+    ~HoldingChild() {
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+        for (const int fd : m_ready) close(fd);
+    }
+    HoldingChild(const HoldingChild&) = delete;
+    HoldingChild& operator=(const HoldingChild&) = delete;
+
+private:
+    int m_ready[2] = {-1, -1};
+    pid_t m_pid = -1;
+};
+
 TEST_F(LegacyLimitTest, MemoryLimitBelowUseIsRefusedAndTriedAgain) {
-    ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(256 << 20, 0, m_error));
-    constexpr size_t kBytes = 48 << 20;
-    void* memory = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(MAP_FAILED, memory);
-    memset(memory, 1, kBytes);
-    support::TakeLogLines();
-    EXPECT_EQ(kLegacyInUse, m_limit->StartMemLimit(8 << 20, 0, m_error));
-    EXPECT_EQ(EBUSY, m_error);
-    EXPECT_EQ(std::to_string(256 << 20), Hard());
-    EXPECT_FALSE(m_limit->IsMemLimited());  // not the limit that was asked for
-    EXPECT_THAT(Warnings(), SizeIs(1));
-    munmap(memory, kBytes);
-    EXPECT_EQ(kLegacyOk, m_limit->StartMemLimit(8 << 20, 0, m_error));
+    ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(768 << 20, 0, m_error));
+    {
+        const HoldingChild child(320 << 20);
+        support::TakeLogLines();
+        EXPECT_EQ(kLegacyInUse, m_limit->StartMemLimit(256 << 20, 0, m_error));
+        EXPECT_EQ(EBUSY, m_error);
+        EXPECT_EQ(std::to_string(768 << 20), Hard());
+        EXPECT_FALSE(m_limit->IsMemLimited());  // not the limit that was asked for
+        EXPECT_THAT(Warnings(), SizeIs(1));
+    }
+    EXPECT_EQ(kLegacyOk, m_limit->StartMemLimit(256 << 20, 0, m_error));
     EXPECT_TRUE(m_limit->IsMemLimited());
     EXPECT_EQ(kLegacyOk, m_limit->StopMemLimit(m_error, true));
+}
+
+// What max_memory = 8193 arrives as: 1.5 MB, a limit like any other by its looks.
+TEST_F(LegacyLimitTest, LimitThatCannotHoldThisProcessIsRefused) {
+    const std::string before = SelfGroup(m_memory);
+    for (const bool startedBefore : {false, true}) {
+        if (startedBefore) {
+            ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(768 << 20, 0, m_error));
+        }
+        support::TakeLogLines();
+        faults::ClearControlWrites();
+        EXPECT_EQ(kLegacyBadValue, m_limit->StartMemLimit(1536 << 10, 1 << 20, m_error));
+        EXPECT_EQ(EINVAL, m_error);
+        EXPECT_EQ(0, faults::ControlWrites()) << "something was written";
+        const auto warnings = Warnings();
+        ASSERT_THAT(warnings, SizeIs(1));
+        EXPECT_THAT(warnings[0], HasSubstr("this process alone has "));
+        EXPECT_EQ(startedBefore, m_limit->IsMemLimited());
+        EXPECT_EQ(startedBefore, Exists(MemDir(m_group)));
+    }
+    EXPECT_EQ(std::to_string(768 << 20), Hard());
+    EXPECT_EQ(kLegacyOk, m_limit->StopMemLimit(m_error, true));
+    EXPECT_EQ(before, SelfGroup(m_memory));
 }
 
 TEST_F(LegacyLimitTest, ReleaseLeavesAndRemovesBothGroups) {
@@ -555,7 +607,7 @@ TEST_F(LegacyLimitTest, NothingIsWrittenWhereNoHierarchyIs) {
     LegacyLimit limit(std::move(options));
     EXPECT_EQ(kLegacyNoHierarchy, limit.StartCpuLimit(20, 0, m_error));
     EXPECT_EQ(kLegacyNoHierarchy, limit.PrepareMemLimit());
-    EXPECT_EQ(kLegacyNoHierarchy, limit.StartMemLimit(64 << 20, 0, m_error));
+    EXPECT_EQ(kLegacyNoHierarchy, limit.StartMemLimit(768 << 20, 0, m_error));
     EXPECT_FALSE(limit.IsCpuLimited());
     const auto warnings = Warnings();
     ASSERT_THAT(warnings, SizeIs(3));
@@ -636,6 +688,34 @@ TEST_F(LegacyLimitTest, FailedChangeKeepsTheOldLimitAndAsksForARetry) {
     EXPECT_EQ(kLegacyOk, Start(30, 0));
     EXPECT_TRUE(m_limit->IsCpuLimited());
     Stop();
+}
+
+// What failed is tried again by whoever asked for it, and when he thinks right. Until then the value before holds.
+TEST_F(LegacyLimitTest, SyncKeepsTheOldValueAndTriesNoFailedOne) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(768 << 20, 512 << 20, m_error));
+    {
+        const Failing failing(Call::kWrite, EINVAL);
+        EXPECT_EQ(kLegacyWriteFailed, Start(30, 0));
+    }
+    {
+        const Failing failing(Call::kWrite, EIO);
+        EXPECT_EQ(kLegacyWriteFailed, m_limit->StartMemLimit(640 << 20, 512 << 20, m_error));
+    }
+    support::TakeLogLines();
+    faults::ClearControlWrites();
+    for (int i = 0; i < 3; ++i) m_limit->SyncCpuLimit();
+    EXPECT_EQ(0, faults::ControlWrites()) << "the failed values were tried again";
+    EXPECT_EQ("20000", Quota());
+    EXPECT_EQ(std::to_string(768 << 20), Hard());
+    EXPECT_THAT(support::TakeLogLines(), IsEmpty());
+    EXPECT_FALSE(m_limit->IsCpuLimited()) << "not the limit that was asked for";
+    EXPECT_FALSE(m_limit->IsMemLimited());
+    // What is put back after somebody else's change is what held, not what failed.
+    ASSERT_TRUE(Root(m_cpu).OpenChild(m_group)->Write("cpu.cfs_quota_us", "-1").Ok());
+    m_limit->SyncCpuLimit();
+    EXPECT_EQ("20000", Quota());
+    m_limit->ReleaseLimits();
 }
 
 TEST_F(LegacyLimitTest, StopFallsBackToRootWhenOldGroupRefuses) {

@@ -108,16 +108,11 @@ TEST_F(LegacyLimitV2Test, BothLimitsShareOneGroupAndLastOneLeavesIt) {
     EXPECT_EQ("/", SelfGroup());
 }
 
-TEST_F(LegacyLimitV2Test, MemoryLimitBelowUseIsRefusedNotKilling) {
-    ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(128 << 20, 0, m_error));
-    constexpr size_t kBytes = 32 << 20;
-    void* memory = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(MAP_FAILED, memory);
-    memset(memory, 1, kBytes);
-    EXPECT_EQ(kLegacyInUse, m_limit->StartMemLimit(8 << 20, 0, m_error));
-    EXPECT_EQ(EBUSY, m_error);
-    EXPECT_EQ(std::to_string(128 << 20), ReadValue(Dir(".legacy/memory.max")));
-    munmap(memory, kBytes);
+TEST_F(LegacyLimitV2Test, LimitThatCannotHoldThisProcessIsRefused) {
+    EXPECT_EQ(kLegacyBadValue, m_limit->StartMemLimit(256 << 10, 128 << 10, m_error));
+    EXPECT_EQ(EINVAL, m_error);
+    EXPECT_FALSE(Exists(Dir(".legacy")));
+    EXPECT_EQ("/", SelfGroup());
 }
 
 TEST_F(LegacyLimitV2Test, ABurnerIsThrottledAndTheStatusShowsIt) {
