@@ -17,9 +17,9 @@
 namespace {
 
 // By name: a checker of threads keeps one of its own.
-int ThreadsNamed(const std::string &name) {
+int ThreadsNamed(const std::string& name) {
     int count = 0;
-    for (const std::string &thread : support::NamesIn("/proc/self/task")) {
+    for (const std::string& thread : support::NamesIn("/proc/self/task")) {
         count += support::ReadText("/proc/self/task/" + thread + "/comm") == name + "\n" ? 1 : 0;
     }
     return count;
