@@ -95,6 +95,10 @@ std::vector<zelhost::Metric> MakeAgentMetrics(const AgentFigures& figures) {
         Samples samples(metrics, {{"group", component.group}, {"component", component.name}});
         samples.Gauge("zel_component_up", "1 while the component's process runs.",
                       component.state == ComponentState::kRunning ? 1 : 0);
+        samples.Gauge(
+            "zel_component_responding",
+            "1 while the component's process runs, is not stopped by a signal and gives signs of life.",
+            component.state == ComponentState::kRunning && !component.suspended && component.hungSeconds == 0 ? 1 : 0);
         samples.Counter("zel_component_restarts_total", "Starts of the component after its first one.",
                         static_cast<int64_t>(component.restarts));
     }

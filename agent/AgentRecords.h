@@ -22,6 +22,9 @@ struct ComponentStatus {
     uint64_t recentRestarts = 0;
     bool exhausted = false;
     std::string lastReason;
+    bool program = false;     ///< another program: of its life only its state is known
+    int64_t hungSeconds = 0;  ///< for how long it has given no sign of life though it runs; 0: it gives them
+    std::string hungWhat;     ///< which part of it does nothing
 };
 
 /// What the workers of one kind did so far.

@@ -107,8 +107,10 @@ void ComponentCare::Tick(int64_t now) {
         m_watched = running;
         m_monitor.SetWatcherProcess(running);
     }
+    std::vector<ComponentStatus> status = m_supervisor->Status(now);
+    if (m_pulses != nullptr) m_pulses->Judge(status, now);
     base::MutexLock guard(m_lock);
-    m_status = m_supervisor->Status(now);
+    m_status = std::move(status);
 }
 
 void ComponentCare::PlacePrograms() {

@@ -10,6 +10,7 @@
 
 #include "OomAttribution.h"
 #include "Options.h"
+#include "Pulse.h"
 #include "Supervisor.h"
 #include "base/Mutex.h"
 #include "platform/zel/CgroupKeeper.h"
@@ -23,7 +24,8 @@ namespace agent {
 /// Lifetime: Stop before the monitor is stopped.
 class ComponentCare {
 public:
-    explicit ComponentCare(CMonitor& monitor) : m_monitor(monitor) {}
+    /// `pulses`: what the components say; null when nothing can be heard.
+    ComponentCare(CMonitor& monitor, ComponentPulses* pulses) : m_monitor(monitor), m_pulses(pulses) {}
 
     /// Reads which components there are. `program` is this executable; nothing is started before the first Tick.
     /// On failure: one log line, and there are no components.
@@ -44,6 +46,7 @@ private:
     std::string ExplainKill(const std::string& name);
 
     CMonitor& m_monitor;
+    ComponentPulses* m_pulses;
     std::unique_ptr<Supervisor> m_supervisor;
     std::map<unsigned int, std::string> m_watched;
     std::string m_placeProblems;  // as told last

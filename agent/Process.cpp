@@ -156,11 +156,14 @@ void Process::StopServices() {
 
 int Process::StartBroadcast() {
     m_broadcast = std::make_unique<zel::CIpcBroadcastServer>();
+    m_broadcast->SetReport(
+        [this](int pid, const std::string& text) { return m_pulses.Note(pid, text, SecondsSinceBoot()); });
     std::string problem;
     if (m_broadcast->Start(m_options.appDir + zel::kBroadcastSocketName, problem)) {
         g_broadcast = m_broadcast.get();
     } else {
-        LogLine("broadcast to the components: " + problem + "; they follow changes only when they restart",
+        LogLine("broadcast to the components: " + problem +
+                    "; they follow changes only when they restart, and none is seen to hang",
                 zel::kLogWarning);
     }
     return kExitClean;
@@ -270,7 +273,7 @@ void Process::StopLoad() {
 
 int Process::StartComponents() {
     if (!m_options.IsMain()) return kExitClean;
-    m_components = std::make_unique<ComponentCare>(*m_monitor);
+    m_components = std::make_unique<ComponentCare>(*m_monitor, g_broadcast == nullptr ? nullptr : &m_pulses);
     m_components->Start(m_options, m_program);
     m_services.SetMetricsSource(
         [this](std::vector<zelhost::Metric>& metrics) { AddAgentMetrics(*m_components, metrics); });
@@ -322,6 +325,7 @@ void Process::Handle(int signal) {
 int Process::LookAround(int64_t second) {
     if (m_sink.SelfKillRequested()) return kExitSelfKill;
     if (!ParentIsThere(m_options.parentPid)) return kExitParentGone;
+    Beat(second);
     if (m_components != nullptr) m_components->Tick(SecondsSinceBoot());
     if (m_components != nullptr) m_keeping.Tick(second, m_components->Members());
     LookAfterLimits(second);
@@ -331,6 +335,16 @@ int Process::LookAround(int64_t second) {
     }
     if (m_options.forSeconds != 0 && second >= static_cast<int64_t>(m_options.forSeconds)) return kExitClean;
     return kGoOn;
+}
+
+void Process::Beat(int64_t second) {
+    if (second < m_nextBeat) return;
+    const int64_t now = SecondsSinceBoot();
+    zelhost::SamplerFigures figures;
+    m_services.GetSamplerFigures(figures);
+    m_pulse.Beat(now, figures);
+    const bool heard = m_subscriber == nullptr || m_subscriber->Report(FormatBeat(m_pulse.SamplingSilentSeconds(now)));
+    m_nextBeat = second + (heard ? kBeatSeconds : 1);
 }
 
 // The monitor looks at its groups when the configuration changes; a group can disappear, and a join fail, at any time.
@@ -350,6 +364,7 @@ StatusSources Process::Sources() {
     sources.monitor = m_monitor.get();
     sources.services = &m_services;
     sources.events = &m_sink;
+    sources.pulse = &m_pulse;
     sources.log = m_log.get();
     sources.workers = m_workers.get();
     sources.components = m_components.get();

@@ -13,6 +13,7 @@
 #include "EventSink.h"
 #include "Options.h"
 #include "PlacementCare.h"
+#include "Pulse.h"
 #include "StatusCollect.h"
 #include "Steps.h"
 #include "TreeKeeping.h"
@@ -74,6 +75,8 @@ private:
     /// Returns: the exit code when it is time to end, kGoOn otherwise.
     int LookAround(int64_t second);
     void LookAfterLimits(int64_t second);
+    /// Shows that the main thread works.
+    void Beat(int64_t second);
     /// The parts that a status is made from, as far as they are there by now.
     StatusSources Sources();
     /// Says on the terminal why the process does not start. Returns: `code`.
@@ -87,6 +90,9 @@ private:
     std::unique_ptr<AgentConfigFile> m_agentConfig;
     int64_t m_configLooked = 0;  // second of the loop
     std::unique_ptr<LogTail> m_log;
+    OwnPulse m_pulse;
+    int64_t m_nextBeat = 0;  // second of the loop
+    ComponentPulses m_pulses;
     std::unique_ptr<zel::CIpcBroadcastServer> m_broadcast;
     std::unique_ptr<zel::CCgroupClient> m_client;
     std::unique_ptr<zel::CIpcBroadcastSubscriber> m_subscriber;

@@ -14,6 +14,7 @@
 #include "EventTail.h"
 #include "LogTail.h"
 #include "Monitor.h"
+#include "Pulse.h"
 #include "SteadyTime.h"
 #include "Workers.h"
 #include "platform/host/HostServices.h"
@@ -46,6 +47,9 @@ StatusReport CollectStatus(const StatusSources& sources) {
         report.cpuNeedLimit[priority] = sources.monitor->IsCpuNeedLimit(priority);
     }
     report.samplerRuns = sources.services->GetSamplerFigures(report.sampler);
+    const int64_t second = SecondsSinceBoot();
+    report.mainSilentSeconds = sources.pulse->MainSilentSeconds(second);
+    report.samplingSilentSeconds = sources.pulse->SamplingSilentSeconds(second);
     if (sources.workers != nullptr) {
         report.greedy = sources.workers->Greedy();
         report.polite = sources.workers->Polite();

@@ -18,6 +18,7 @@ namespace agent {
 class ComponentCare;
 class EventSink;
 class LogTail;
+class OwnPulse;
 class Workers;
 
 /// The parts of a running process that are asked. Borrowed; each must live as long as somebody asks.
@@ -28,6 +29,7 @@ struct StatusSources {
     CMonitor* monitor = nullptr;
     zelhost::CHostServices* services = nullptr;
     const EventSink* events = nullptr;
+    const OwnPulse* pulse = nullptr;
     const LogTail* log = nullptr;               ///< null: no log yet
     const Workers* workers = nullptr;           ///< null: no synthetic load yet
     const ComponentCare* components = nullptr;  ///< null: not the main process

@@ -116,6 +116,9 @@ void Fields(Io& io, Of<Io, ComponentStatus>& component) {
     io("waits_seconds", component.waitsSeconds);
     io("suspended", component.suspended);
     io("suspended_seconds", component.suspendedSeconds);
+    io("program", component.program);
+    io("hung_seconds", component.hungSeconds);
+    io("hung", component.hungWhat);
     io("restarts", component.restarts);
     io("restarts_last_hour", component.recentRestarts);
     io("budget_exhausted", component.exhausted);
@@ -160,6 +163,8 @@ void OwnFields(Io& io, Of<Io, StatusReport>& report) {
     io("read_kbps", sampler.readKbps);
     io("write_kbps", sampler.writeKbps);
     io("rounds", sampler.rounds);
+    io("main_silent_seconds", report.mainSilentSeconds);
+    io("sampling_silent_seconds", report.samplingSilentSeconds);
     io("warnings", report.warnings);
     io("stalls", report.stalls);
     io.Record("greedy", report.greedy);

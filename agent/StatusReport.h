@@ -26,6 +26,8 @@ struct StatusReport {
     bool cpuNeedLimit[3] = {false, false, false};  ///< answer per priority, now
     zelhost::SamplerFigures sampler;
     bool samplerRuns = false;
+    int64_t mainSilentSeconds = 0;      ///< for how long its main thread has done nothing; 0: it works
+    int64_t samplingSilentSeconds = 0;  ///< the same of its sampling
     WorkerFigures greedy;
     WorkerFigures polite;
     uint64_t heldMemoryKb = 0;

@@ -303,6 +303,7 @@ std::vector<ComponentStatus> Supervisor::Status(int64_t now) const {
         }
         status.suspended = component.suspended;
         if (status.suspended) status.suspendedSeconds = now - component.suspendedAt;
+        status.program = !component.config.command.empty();
         status.restarts = component.restarts;
         status.recentRestarts = m_budget.RecentRestarts(status.name, now);
         status.exhausted = m_budget.IsExhausted(status.name, now);

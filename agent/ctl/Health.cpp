@@ -60,6 +60,11 @@ void FindComponents(const StatusReport& report, Troubles& found) {
             found.push_back({who + Text(" (process %d) is stopped for %lld s by a signal; SIGCONT lets it go on",
                                         component.pid, static_cast<long long>(component.suspendedSeconds)),
                              Text("kill -CONT %d", component.pid)});
+        } else if (component.hungSeconds > 0) {
+            found.push_back({who + Text(" (process %d) hangs for %lld s: %s", component.pid,
+                                        static_cast<long long>(component.hungSeconds), component.hungWhat.c_str()),
+                             Text("tervanectl --name %s threads says what it does; kill %d has it started again",
+                                  component.name.c_str(), component.pid)});
         }
         const bool settled = component.runsSeconds >= kSettledSeconds;
         if (report.unified && settled && !IsInUnifiedTree(report.tree, component.pid)) {
@@ -78,6 +83,16 @@ void FindOwn(const StatusReport& report, Troubles& found) {
     const zelhost::SamplerFigures& own = report.sampler;
     if (!report.samplerRuns)
         found.push_back({"the sampling of its own use does not run", "restart the agent; its log says why"});
+    if (report.mainSilentSeconds > 0) {
+        found.push_back(
+            {Text("its main thread does nothing for %lld s", static_cast<long long>(report.mainSilentSeconds)),
+             "the command threads says what it does; end the process, and it is started again"});
+    }
+    if (report.samplerRuns && report.samplingSilentSeconds > 0) {
+        found.push_back({Text("the sampling of its own use stands still for %lld s",
+                              static_cast<long long>(report.samplingSilentSeconds)),
+                         "the command threads says what it does; end the process, and it is started again"});
+    }
     if (report.samplerRuns && own.cpuLevel >= 2) {
         found.push_back(
             {Text("its CPU use is over its maximum of %d %%", own.maxCpu), "the command threads names who uses it"});

@@ -217,7 +217,11 @@ std::string NextStart(const ComponentStatus& component) {
     return Text(", next start in %lld s", static_cast<long long>(component.waitsSeconds));
 }
 
-std::string Suspension(const ComponentStatus& component) {
+/// What a process does not do that is there.
+std::string Silence(const ComponentStatus& component) {
+    if (component.hungSeconds > 0 && !component.suspended) {
+        return Text(", hung for %lld s: ", static_cast<long long>(component.hungSeconds)) + component.hungWhat;
+    }
     if (!component.suspended) return "";
     return Text(", stopped by a signal for %lld s", static_cast<long long>(component.suspendedSeconds));
 }
@@ -225,7 +229,8 @@ std::string Suspension(const ComponentStatus& component) {
 void AddComponents(Lines& lines, const StatusReport& report, bool all) {
     bool first = true;
     for (const ComponentStatus& component : report.components) {
-        const bool well = component.restarts == 0 && !component.suspended;
+        const bool silent = component.suspended || component.hungSeconds > 0;
+        const bool well = component.restarts == 0 && !silent;
         if (well && !all) continue;
         if (first) Add(lines, "");
         first = false;
@@ -233,11 +238,11 @@ void AddComponents(Lines& lines, const StatusReport& report, bool all) {
             const bool runs = component.state == ComponentState::kRunning;
             Add(lines,
                 component.name + (runs ? Text(" runs, process %d", component.pid) : " does not run") +
-                    Suspension(component) + NextStart(component),
-                component.suspended ? LineKind::kAlarm : LineKind::kPlain);
+                    Silence(component) + NextStart(component),
+                silent ? LineKind::kAlarm : LineKind::kPlain);
             continue;
         }
-        Add(lines, EndsOf(component) + Suspension(component) + NextStart(component), LineKind::kAlarm);
+        Add(lines, EndsOf(component) + Silence(component) + NextStart(component), LineKind::kAlarm);
     }
 }
 

@@ -27,6 +27,7 @@
 #include "base/Listener.h"
 #include "base/LocalSocket.h"
 #include "base/Mutex.h"
+#include "base/RateBudget.h"
 #include "platform/zel/LogMessage.h"
 
 namespace zel {
@@ -43,6 +44,11 @@ constexpr int kFirstRetryMs = 50;
 constexpr int kLongestRetryMs = 1000;
 /// Pause after the kernel had no memory for a packet, which says nothing about when it will have some.
 constexpr std::chrono::milliseconds kNoMemoryPause(100);
+
+/// What a subscriber may say in the long run, and at once after a pause: far more than a sign of life every few
+/// seconds.
+constexpr unsigned int kReportsPerSecond = 2;
+constexpr unsigned int kReportBurst = 16;
 
 using Packet = std::string;
 
@@ -76,11 +82,15 @@ struct CIpcBroadcastServer::Impl {
     // Made and ended under `lifecycle`; the listener lives on the loop's thread.
     std::unique_ptr<base::IoLoop> loop;
     std::unique_ptr<base::Listener> listener;
+    Report report;                                              // set before the start
+    base::RateBudget reports{kReportsPerSecond, kReportBurst};  // by process; the loop's thread
 
     base::Status Open(const std::string& path);
     void Close();
     base::Listener::Handlers MakeHandlers();
     void Add(base::Connection connection);
+    void WaitForReport(const SubscriberPtr& subscriber);
+    bool TakeReport(const Subscriber& subscriber);
     void Enqueue(Subscriber& subscriber, const Packet& packet) ZEL_REQUIRES(mutex);
     void FlushAll();
     void Flush(const SubscriberPtr& subscriber) ZEL_REQUIRES(mutex);
@@ -133,12 +143,32 @@ void CIpcBroadcastServer::Impl::Add(base::Connection connection) {
     const base::MutexLock guard(mutex);
     for (const auto& entry : retained) Enqueue(*subscriber, entry.second);
     subscribers.push_back(subscriber);
-    // A subscriber has nothing to say: readable means that it hung up, or that it is no subscriber.
+    WaitForReport(subscriber);
+    Flush(subscriber);
+}
+
+/// Readable means that it reports, that it hung up, or that it is no subscriber.
+void CIpcBroadcastServer::Impl::WaitForReport(const SubscriberPtr& subscriber) {
     subscriber->watch.WaitReadable([this, subscriber] {
+        if (TakeReport(*subscriber)) return WaitForReport(subscriber);
         const base::MutexLock locked(mutex);
         Remove(subscriber);
     });
-    Flush(subscriber);
+}
+
+bool CIpcBroadcastServer::Impl::TakeReport(const Subscriber& subscriber) {
+    char text[kIpcMaxReportBytes];
+    const ssize_t size = recv(subscriber.connection.socket.Get(), text, sizeof text, MSG_DONTWAIT | MSG_TRUNC);
+    if (size < 0) return errno == EAGAIN || errno == EINTR;
+    const int pid = subscriber.connection.peer.pid;
+    if (size == 0 || static_cast<size_t>(size) > sizeof text || !report) return false;
+    const auto now = base::RateBudget::Clock::now();
+    const base::RateBudget::Clock::duration none(0);
+    if (reports.Take(static_cast<uint64_t>(pid), now, none) > none) {
+        Log(kLogWarning, __LINE__, "process " + std::to_string(pid) + " says too much and is thrown out");
+        return false;
+    }
+    return report(pid, std::string(text, static_cast<size_t>(size)));
 }
 
 void CIpcBroadcastServer::Impl::Enqueue(Subscriber& subscriber, const Packet& packet) {
@@ -203,6 +233,10 @@ CIpcBroadcastServer::CIpcBroadcastServer() : m_impl(std::make_unique<Impl>()) {}
 
 CIpcBroadcastServer::~CIpcBroadcastServer() {
     Stop();
+}
+
+void CIpcBroadcastServer::SetReport(Report report) {
+    m_impl->report = std::move(report);
 }
 
 bool CIpcBroadcastServer::Start(const std::string& path, std::string& error) {
@@ -273,9 +307,15 @@ struct CIpcBroadcastSubscriber::Impl {
     std::atomic<bool> connected{false};
     std::thread thread;
     bool refusalLogged = false;
+    base::Mutex mutex;
+    int speaking ZEL_GUARDED_BY(mutex) = -1;  // the connection's descriptor, while it is open
 
     void WarnOnce(const std::string& text);
     base::Fd Connect();
+    void Speak(int descriptor) {
+        const base::MutexLock guard(mutex);
+        speaking = descriptor;
+    }
     bool WaitForStop(int milliseconds) const;
     void Deliver(const char* data, size_t size) const;
     void Listen(const base::Fd& socket) const;
@@ -356,9 +396,11 @@ void CIpcBroadcastSubscriber::Impl::Run() {
         {
             const base::Fd socket = Connect();
             if (socket.IsOpen()) {
+                Speak(socket.Get());
                 connected = true;
                 Listen(socket);
                 connected = false;
+                Speak(-1);
                 pause = kFirstRetryMs;
             }
         }
@@ -401,6 +443,13 @@ void CIpcBroadcastSubscriber::Stop() {
     m_impl->thread.join();
     m_impl->stop.Reset();
     m_impl->callback = nullptr;
+}
+
+bool CIpcBroadcastSubscriber::Report(const std::string& text) {
+    const base::MutexLock guard(m_impl->mutex);
+    if (m_impl->speaking < 0) return false;
+    return send(m_impl->speaking, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(text.size());
 }
 
 bool CIpcBroadcastSubscriber::IsConnected() {

@@ -82,6 +82,7 @@ TEST(AgentMetricsTest, EveryFigureOfAComponentIsShownInItsBaseUnit) {
         {"zel_tree_memory_oom_kills_total{collect-defense/QorNet}", 1},
         {"zel_tree_membership_verified{collect-defense/QorNet}", 1},
         {"zel_component_up{collect-defense/QorNet}", 1},
+        {"zel_component_responding{collect-defense/QorNet}", 1},
         {"zel_component_restarts_total{collect-defense/QorNet}", 2},
     };
     EXPECT_EQ(expected, Values(MakeAgentMetrics(OneComponent())));
@@ -115,13 +116,13 @@ TEST(AgentMetricsTest, WhatTheKernelDoesNotTellHasNoSample) {
     figures.tree.nodes[0].memory.limitHits = -1;
     figures.tree.nodes[0].memory.oomKills = -1;
     std::map<std::string, double> values = Values(MakeAgentMetrics(figures));
-    EXPECT_EQ(10u, values.size());
+    EXPECT_EQ(11u, values.size());
     for (const auto& value : values) EXPECT_GE(value.second, 0) << value.first;
 
     figures.tree.nodes[0].cpu.present = false;
     figures.tree.nodes[0].memory.present = false;
     values = Values(MakeAgentMetrics(figures));
-    EXPECT_EQ(5u, values.size());
+    EXPECT_EQ(6u, values.size());
     EXPECT_EQ(1u, values.count("zel_tree_membership_verified{collect-defense/QorNet}"));
 }
 

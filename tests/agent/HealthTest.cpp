@@ -73,6 +73,12 @@ TEST(HealthTest, EachThingThatIsNotAsAskedForIsOneFinding) {
         {[](StatusReport& r) { r.unified = false, r.modeReason = "mode 13: one for all"; }, "mode 13: one for all"},
         {[](StatusReport& r) { r.components[0].suspended = true, r.components[0].suspendedSeconds = 7; },
          "component QorNet (process 11) is stopped for 7 s by a signal"},
+        {[](StatusReport& r) {
+             r.components[0].hungSeconds = 23, r.components[0].hungWhat = "its main thread is dead";
+         },
+         "component QorNet (process 11) hangs for 23 s: its main thread is dead"},
+        {[](StatusReport& r) { r.mainSilentSeconds = 24; }, "its main thread does nothing for 24 s"},
+        {[](StatusReport& r) { r.samplingSilentSeconds = 25; }, "sampling of its own use stands still for 25 s"},
         {[](StatusReport& r) { r.components[0].pid = 12; }, "component QorNet (process 12) is in no group of the tree"},
         {[](StatusReport& r) {
              r.components[0].state = ComponentState::kWaiting;

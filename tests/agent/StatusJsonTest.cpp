@@ -69,8 +69,10 @@ StatusReport FullReport() {
     report.delivery.inMemory = 7;
     report.delivery.spoolBroken = true;
     report.delivery.sinks = {{"jsonl", 1, 2, 3, "no space"}};
-    report.components = {
-        {"QorNet", "collect-defense", ComponentState::kRunning, 99, 1, 2, true, 9, 3, 4, true, "killed by signal 9"}};
+    report.mainSilentSeconds = 31;
+    report.samplingSilentSeconds = 32;
+    report.components = {{"QorNet", "collect-defense", ComponentState::kRunning, 99, 1, 2, true, 9, 3, 4, true,
+                          "killed by signal 9", true, 33, "its main thread"}};
     report.cgroup.cpu.version = 1;
     report.cgroup.cpu.groupPath = "/a";
     report.cgroup.cpu.limited = true;

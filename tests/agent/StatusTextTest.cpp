@@ -140,8 +140,9 @@ TEST(StatusTextTest, WithoutATreeTheOwnLimitIsSaid) {
 
 TEST(StatusTextTest, ComponentsAreNamedWhenTheyAreInTrouble) {
     StatusReport report = Report();
-    report.components = {{"QorNet", "", ComponentState::kRunning, 77, 9, 0, false, 0, 0, 0, false, ""},
-                         {"QorHips", "", ComponentState::kWaiting, 0, 0, 7, false, 0, 2, 2, false, "exit code 1"}};
+    report.components = {
+        {"QorNet", "", ComponentState::kRunning, 77, 9, 0, false, 0, 0, 0, false, "", false, 0, ""},
+        {"QorHips", "", ComponentState::kWaiting, 0, 0, 7, false, 0, 2, 2, false, "exit code 1", false, 0, ""}};
     const auto lines = MakePicture(report, {}, {});
     EXPECT_EQ(nullptr, Find(lines, "QorNet runs"));
     ASSERT_NE(nullptr, Find(lines, "QorHips ended 2 times, last: exit code 1, next start in 7 s"));
@@ -151,6 +152,10 @@ TEST(StatusTextTest, ComponentsAreNamedWhenTheyAreInTrouble) {
     report.components[0].suspended = true;
     report.components[0].suspendedSeconds = 12;
     EXPECT_NE(nullptr, Find(MakePicture(report, {}, {}), "QorNet runs, process 77, stopped by a signal for 12 s"));
+    report.components[0].suspended = false;
+    report.components[0].hungSeconds = 23;
+    report.components[0].hungWhat = "it does nothing";
+    EXPECT_NE(nullptr, Find(MakePicture(report, {}, {}), "QorNet runs, process 77, hung for 23 s: it does nothing"));
     report.components[1].restarts = 0;
     EXPECT_NE(nullptr, Find(MakePicture(report, {}, all), "QorHips does not run, next start in 7 s"));
 }

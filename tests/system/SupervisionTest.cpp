@@ -1,6 +1,8 @@
 // Threads that hang and processes that stay over their maximum: named, recorded, delivered.
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -72,6 +74,77 @@ TEST_F(SupervisionTest, OneLineAndItsCodeSayHowTheAgentIs) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
     EXPECT_THAT(line, testing::HasSubstr("process " + std::to_string(agent.Pid()) + " is stopped"));
     agent.Signal(SIGCONT);
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+/// Holds one thread of another process, as a lock that is never given back would; the others go on.
+class HeldThread {
+public:
+    explicit HeldThread(pid_t thread) : m_thread(thread) {
+        m_held = ptrace(PTRACE_SEIZE, thread, nullptr, nullptr) == 0 &&
+                 ptrace(PTRACE_INTERRUPT, thread, nullptr, nullptr) == 0 && waitpid(thread, nullptr, __WALL) == thread;
+    }
+    ~HeldThread() { ptrace(PTRACE_DETACH, m_thread, nullptr, nullptr); }
+    HeldThread(const HeldThread&) = delete;
+    HeldThread& operator=(const HeldThread&) = delete;
+    bool Held() const { return m_held; }
+
+private:
+    pid_t m_thread;
+    bool m_held = false;
+};
+
+/// Returns: the thread of that name; 0 when there is none.
+pid_t ThreadOf(pid_t pid, const std::string& name) {
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task/";
+    for (const std::string& task : ChildrenOf(tasks)) {
+        if (ReadText(tasks + task + "/comm") == name + "\n") return static_cast<pid_t>(std::stol(task));
+    }
+    return 0;
+}
+
+TEST_F(SupervisionTest, AComponentThatHangsIsNamedBySecondAndPart) {
+    WriteResource({{"resource_limit_mode", "0"}});
+    WriteComponents(
+        "{\"name\": \"QorHips\", \"group\": \"collect-defense\", \"load\": \"hold:1\"},"
+        "{\"name\": \"QorNet\", \"group\": \"collect-defense\", \"load\": \"hold:1\"}");
+    Child agent = StartRunningAgent();
+    std::string line;
+    const auto check = [&] { return RunConsole({"check"}, line); };
+    // Until both have shown that they live.
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] {
+        const Json::Value components = Status()["components"];
+        return components[0]["runs_seconds"].asInt() > 7 && components[1]["runs_seconds"].asInt() > 7;
+    }));
+    EXPECT_EQ(check(), 0) << line;
+    const pid_t hips = ComponentPid("QorHips");
+    const pid_t net = ComponentPid("QorNet");
+    {
+        const HeldThread main(hips);
+        const HeldThread sampling(ThreadOf(net, "ResourceMonitor"));
+        if (!main.Held() || !sampling.Held()) GTEST_SKIP() << "SKIP system: threads cannot be held (ptrace)";
+        const std::string first = "component QorHips (process " + std::to_string(hips) + ") hangs for ";
+        const std::string second = "component QorNet (process " + std::to_string(net) + ") hangs for ";
+        EXPECT_TRUE(Poll(kSettleSeconds, [&] {
+            return check() == 1 && line.find(first) != std::string::npos && line.find(second) != std::string::npos;
+        })) << line;
+        EXPECT_THAT(line, testing::ContainsRegex("QorHips[^;]*hangs for [0-9]+ s: its main thread does nothing"));
+        EXPECT_THAT(line, testing::ContainsRegex("QorNet[^;]*hangs for [0-9]+ s: its sampling stands still"));
+        std::string text;
+        EXPECT_EQ(1, RunConsole({"status"}, text));
+        EXPECT_THAT(text, testing::ContainsRegex("QorHips runs, process [0-9]+, hung for [0-9]+ s: its main thread"));
+        EXPECT_EQ(2, RunConsole({"doctor"}, text));
+        EXPECT_THAT(text, testing::HasSubstr("PROBLEM  " + first));
+        // Its own console answers from other threads, and says it too.
+        EXPECT_EQ(1, RunConsole({"check"}, text, "QorHips"));
+        EXPECT_THAT(text, testing::HasSubstr("its main thread does nothing for "));
+        EXPECT_EQ(LogCount(first), 1);
+        EXPECT_EQ(LogCount(second), 1);
+    }
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return check() == 0; })) << line;
+    EXPECT_TRUE(LogHas("component QorHips (process " + std::to_string(hips) + ") works again after "));
+    EXPECT_TRUE(LogHas("component QorNet (process " + std::to_string(net) + ") works again after "));
     EXPECT_EQ(agent.Stop(), 0);
     ExpectNothingLeft();
 }

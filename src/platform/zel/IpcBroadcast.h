@@ -1,5 +1,6 @@
-// Broadcast between the processes of one agent: the main process sends, every component listens. Local packets
-// only, over a socket file in the application directory; root or the agent's own user, nobody else.
+// Broadcast between the processes of one agent: the main process sends, every component listens, and now and then says
+// in a few words how it is. Local packets only, over a socket file in the application directory; root or the agent's
+// own user, nobody else.
 #pragma once
 
 #include <cstddef>
@@ -15,6 +16,8 @@ namespace zel {
 /// Bounds of one message; a longer one is refused by the sender.
 constexpr size_t kIpcMaxTypeBytes = 128;
 constexpr size_t kIpcMaxBodyBytes = 64 * 1024;
+/// Bound of what a subscriber says at once.
+constexpr size_t kIpcMaxReportBytes = 64;
 
 /// The sending side, one per agent, in the main process.
 /// The latest message of each type is kept and given to whoever connects later, so that a component that starts or
@@ -27,6 +30,12 @@ public:
     ~CIpcBroadcastServer();
     CIpcBroadcastServer(const CIpcBroadcastServer&) = delete;
     CIpcBroadcastServer& operator=(const CIpcBroadcastServer&) = delete;
+
+    /// Takes what a subscriber says, and which process it is by the kernel's word. Runs on the serving thread.
+    /// Returns: whether that was anything; who says something else is thrown out, and so is who talks all the time.
+    using Report = std::function<bool(int pid, const std::string& text)>;
+    /// To be called before Start. Without it a subscriber that says anything is thrown out.
+    void SetReport(Report report);
 
     /// Makes the socket `path` (mode 0600) and starts serving. A socket left by a process that is gone is replaced.
     /// On failure: false with the reason in `error`; also when another process serves that path.
@@ -70,6 +79,10 @@ public:
     void Stop();
 
     bool IsConnected();
+
+    /// Says something to the server. Never waits. Any thread.
+    /// Returns: false when there is no server now, or it does not take it; to be tried again.
+    bool Report(const std::string& text);
 
 private:
     struct ZEL_HIDDEN Impl;

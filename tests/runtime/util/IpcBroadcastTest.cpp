@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "support/Files.h"
+#include "support/Waiting.h"
 #include "platform/zel/IpcBroadcast.h"
 
 namespace {
@@ -220,6 +221,47 @@ TEST_F(IpcBroadcastTest, ThrowsOutASubscriberThatTalks) {
     ASSERT_TRUE(WaitForSubscribers(server, 1));
     ASSERT_EQ(5, send(fd, "hello", 5, 0));
     EXPECT_TRUE(WaitForSubscribers(server, 0));
+    close(fd);
+}
+
+TEST_F(IpcBroadcastTest, TakesReportsOfItsSubscribersByProcess) {
+    std::atomic<int> reports{0};
+    zel::CIpcBroadcastServer server;
+    server.SetReport(
+        [&](int pid, const std::string& text) { return pid == getpid() && text == "well" && ++reports > 0; });
+    zel::CIpcBroadcastSubscriber subscriber;
+    Ear ear;
+    ASSERT_TRUE(subscriber.Start(path, ear.Callback()));
+    EXPECT_FALSE(subscriber.Report("well")) << "nobody is there to hear it";
+    ASSERT_TRUE(Start(server)) << error;
+    ASSERT_TRUE(WaitForSubscribers(server, 1));
+    ASSERT_TRUE(support::Eventually([&] { return subscriber.Report("well"); }));
+    EXPECT_TRUE(support::Eventually([&] { return reports == 1; }));
+    EXPECT_TRUE(subscriber.Report("well"));
+    EXPECT_TRUE(support::Eventually([&] { return reports == 2; }));
+    EXPECT_TRUE(server.Broadcast("A", "1"));
+    EXPECT_EQ((Lines{"A 1"}), ear.Wait(1)) << "who reports is still told everything";
+}
+
+TEST_F(IpcBroadcastTest, ThrowsOutWhoReportsNonsenseOrWithoutEnd) {
+    zel::CIpcBroadcastServer server;
+    std::atomic<int> reports{0};
+    server.SetReport([&](int, const std::string& text) { return ++reports > 0 && text == "well"; });
+    ASSERT_TRUE(Start(server)) << error;
+    for (const std::string& text : {std::string("ill"), std::string(65, 'w'), std::string(60000, 'w')}) {
+        const int fd = Connect();
+        ASSERT_TRUE(WaitForSubscribers(server, 1));
+        ASSERT_EQ(static_cast<ssize_t>(text.size()), send(fd, text.data(), text.size(), 0));
+        EXPECT_TRUE(WaitForSubscribers(server, 0)) << text.size();
+        close(fd);
+    }
+    reports = 0;
+    const int fd = Connect();
+    ASSERT_TRUE(WaitForSubscribers(server, 1));
+    int sent = 0;
+    while (sent < 1000 && send(fd, "well", 4, MSG_NOSIGNAL) == 4) ++sent;
+    EXPECT_TRUE(WaitForSubscribers(server, 0)) << "a flood is cut";
+    EXPECT_LT(reports, 100);
     close(fd);
 }
 

@@ -1,0 +1,107 @@
+// Judgement of silence.
+#include "Pulse.h"
+
+#include <algorithm>
+#include <cstddef>
+
+#include "AgentLog.h"
+#include "platform/zel/LogMessage.h"
+
+namespace agent {
+
+namespace {
+
+constexpr char kBeatWord[] = "alive ";
+constexpr size_t kMostDigits = 9;
+/// Rounds that may fall out before the sampling counts as standing still.
+constexpr int64_t kRoundsBorne = 3;
+
+int64_t SilentFor(int64_t since, int64_t now, int64_t bound) {
+    return since == 0 || now - since < bound ? 0 : now - since;
+}
+
+}  // namespace
+
+void OwnPulse::Beat(int64_t now, const zelhost::SamplerFigures& figures) {
+    m_beatAt.store(now, std::memory_order_relaxed);
+    m_roundBound.store(std::max(kHungSeconds, figures.roundMs * kRoundsBorne / 1000), std::memory_order_relaxed);
+    if (figures.rounds == m_rounds && m_roundAt.load(std::memory_order_relaxed) != 0) return;
+    m_rounds = figures.rounds;
+    m_roundAt.store(now, std::memory_order_relaxed);
+}
+
+int64_t OwnPulse::MainSilentSeconds(int64_t now) const {
+    return SilentFor(m_beatAt.load(std::memory_order_relaxed), now, kHungSeconds);
+}
+
+int64_t OwnPulse::SamplingSilentSeconds(int64_t now) const {
+    // The rounds are counted by the main thread: while that is silent nothing is known of them.
+    if (MainSilentSeconds(now) > 0) return 0;
+    return SilentFor(m_roundAt.load(std::memory_order_relaxed), now, m_roundBound.load(std::memory_order_relaxed));
+}
+
+std::string FormatBeat(int64_t samplingSilentSeconds) {
+    return kBeatWord + std::to_string(samplingSilentSeconds);
+}
+
+bool ParseBeat(const std::string& text, int64_t& samplingSilentSeconds) {
+    constexpr size_t kWordBytes = sizeof kBeatWord - 1;
+    if (text.compare(0, kWordBytes, kBeatWord) != 0) return false;
+    const std::string number = text.substr(kWordBytes);
+    if (number.empty() || number.size() > kMostDigits) return false;
+    if (number.find_first_not_of("0123456789") != std::string::npos) return false;
+    samplingSilentSeconds = std::stoll(number);
+    return true;
+}
+
+bool ComponentPulses::Note(int pid, const std::string& text, int64_t now) {
+    Heard heard;
+    heard.at = now;
+    if (!ParseBeat(text, heard.samplingSilent)) return false;
+    const base::MutexLock guard(m_lock);
+    m_heard[pid] = heard;
+    return true;
+}
+
+void ComponentPulses::JudgeOne(ComponentStatus& component, const Heard& heard, Watched& watched, int64_t now) const {
+    const std::string who = "component " + component.name + " (process " + std::to_string(component.pid) + ") ";
+    // Who is stopped says nothing and is told apart; what was said while this process did not run is still on its way.
+    const bool blind = m_judgedAt != 0 && now - m_judgedAt >= kBeatSeconds;
+    if (component.suspended || blind) watched.from = now;
+    const int64_t silent = now - std::max({heard.at, watched.from, now - component.runsSeconds});
+    const bool main = silent >= (heard.at == 0 ? kHungAtStartSeconds : kHungSeconds);
+    if (watched.hungAt == 0 && (main || heard.samplingSilent > 0)) {
+        watched.toldAt = now;
+        watched.hungAt = now - (main ? silent : heard.samplingSilent);
+        watched.what = main ? "its main thread does nothing" : "its sampling stands still";
+        LogLine(who + "hangs for " + std::to_string(now - watched.hungAt) + " s: " + watched.what, zel::kLogWarning);
+    }
+    if (watched.hungAt == 0) return;
+    if (heard.at > watched.toldAt && heard.samplingSilent == 0) {
+        LogLine(who + "works again after " + std::to_string(now - watched.hungAt) + " s", zel::kLogWarning);
+        watched.hungAt = 0;
+        return;
+    }
+    component.hungSeconds = now - watched.hungAt;
+    component.hungWhat = watched.what;
+}
+
+void ComponentPulses::Judge(std::vector<ComponentStatus>& components, int64_t now) {
+    std::map<int, Heard> heard;
+    std::map<int, Watched> watched;
+    const base::MutexLock guard(m_lock);
+    for (ComponentStatus& component : components) {
+        if (component.state != ComponentState::kRunning || component.program) continue;
+        const auto known = m_heard.find(component.pid);
+        const Heard last = known == m_heard.end() ? Heard() : known->second;
+        JudgeOne(component, last, m_watched[component.pid], now);
+        if (known != m_heard.end()) heard[component.pid] = last;
+        watched[component.pid] = m_watched[component.pid];
+    }
+    // Those that have ended are forgotten, and so is who is no component.
+    m_heard = std::move(heard);
+    m_watched = std::move(watched);
+    m_judgedAt = now;
+}
+
+}  // namespace agent
