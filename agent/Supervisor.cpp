@@ -13,6 +13,7 @@
 
 #include "AgentLog.h"
 #include "ExitCode.h"
+#include "SteadyTime.h"
 #include "base/FileIo.h"
 #include "base/FileReplace.h"
 #include "base/ProcFiles.h"
@@ -32,7 +33,7 @@ constexpr int64_t kPlaceRetrySeconds = 5;
 
 /// The child's side of a fork, up to its program. The child of a process with threads may only make system calls.
 [[noreturn]] void Become(const base::TrustedProgram& program, char* const* argv, const std::vector<base::Fd>& groups,
-                         int null, int failureEnd) {
+                         int null, int output, int failureEnd) {
     // A group that does not take the child is no reason not to run: the child's own client tries again and says why.
     for (const base::Fd& group : groups) {
         if (write(group.Get(), "0", 1) < 0) continue;
@@ -45,6 +46,10 @@ constexpr int64_t kPlaceRetrySeconds = 5;
     if (null >= 0) {
         dup2(null, STDIN_FILENO);
         dup2(null, STDOUT_FILENO);
+    }
+    if (output >= 0) {
+        dup2(output, STDOUT_FILENO);
+        dup2(output, STDERR_FILENO);
     }
     const int failure = base::RunTrustedProgram(program, argv, environ);
     if (write(failureEnd, &failure, sizeof failure) < 0) _exit(126);
@@ -87,7 +92,9 @@ void Supervisor::Configure(const std::vector<ComponentConfig>& components) {
     for (const ComponentConfig& config : components) {
         Component component;
         component.config = config;
-        m_components.push_back(component);
+        // This program has a log of its own; its stderr is the main process's.
+        if (!config.command.empty()) component.output = std::make_unique<ComponentOutput>(config.name, LogLine);
+        m_components.push_back(std::move(component));
     }
 }
 
@@ -116,21 +123,24 @@ base::Result<base::TrustedProgram> Supervisor::JudgePrograms(const ComponentConf
 }
 
 base::Result<pid_t> Supervisor::Launch(const base::TrustedProgram& program, const std::vector<base::Fd>& groups,
-                                       std::vector<std::string> arguments) const {
+                                       std::vector<std::string> arguments, ComponentOutput* output) const {
     // Everything that allocates is done before the fork.
     std::vector<char*> argv;
     argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
     const base::Result<base::Fd> null = base::OpenNullDevice();
+    base::Result<base::Fd> outputEnd = output != nullptr ? output->Open() : base::Fd();
+    if (!outputEnd) return outputEnd.GetError();
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return base::ErrnoError(errno, "make a pipe for", m_program);
     const base::Fd report(ends[0]);
     base::Fd failureEnd(ends[1]);
     const pid_t pid = fork();
-    if (pid == 0) Become(program, argv.data(), groups, null ? null->Get() : -1, failureEnd.Get());
+    if (pid == 0) Become(program, argv.data(), groups, null ? null->Get() : -1, outputEnd->Get(), failureEnd.Get());
     if (pid < 0) return base::ErrnoError(errno, "fork for", m_program);
     failureEnd.Reset();
+    outputEnd->Reset();
     int failure = 0;
     // The pipe closes when the program runs, and carries the reason when it does not.
     if (read(report.Get(), &failure, sizeof failure) != static_cast<ssize_t>(sizeof failure)) return pid;
@@ -165,8 +175,8 @@ void Supervisor::Start(Component& component, int64_t now) {
         arguments.insert(arguments.end(), {"--load", FormatLoadProfile(component.config.load)});
     }
     const auto program = JudgePrograms(component.config);
-    const base::Result<pid_t> started =
-        program ? Launch(*program, *groups, arguments) : base::Result<pid_t>(program.GetError());
+    const base::Result<pid_t> started = program ? Launch(*program, *groups, arguments, component.output.get())
+                                                : base::Result<pid_t>(program.GetError());
     if (!started) {
         const std::string reason = program ? base::ErrnoText(started.GetError().error) : program.GetError().Text();
         component.nextStartAt = m_budget.NoteDeath(component.config.name, now, now, reason);
@@ -216,6 +226,7 @@ void Supervisor::NoteEnd(Component& component, int status, int64_t now) {
         if (!cause.empty()) end.reason += ", " + cause;
     }
     if (m_clean) m_clean(component.config.name);
+    if (component.output) component.output->Close(now);
     component.nextStartAt = m_budget.NoteDeath(component.config.name, component.startedAt, now, end.reason);
     component.state = ComponentState::kWaiting;
     component.pid = 0;
@@ -232,10 +243,17 @@ void Supervisor::NoteEnd(Component& component, int status, int64_t now) {
 }
 
 void Supervisor::Tick(int64_t now) {
+    TakeOutput(now);
     Reap(now);
     for (Component& component : m_components) {
         if (component.state != ComponentState::kWaiting) continue;
         if (component.nextStartAt <= now) Start(component, now);
+    }
+}
+
+void Supervisor::TakeOutput(int64_t now) {
+    for (Component& component : m_components) {
+        if (component.output) component.output->Take(now);
     }
 }
 
@@ -254,6 +272,7 @@ void Supervisor::StopAll(unsigned int graceMs) {
     for (Component& component : m_components) {
         if (component.state == ComponentState::kWaiting) component.state = ComponentState::kStopped;
         if (m_clean) m_clean(component.config.name);
+        if (component.output) component.output->Close(SecondsSinceBoot());
     }
 }
 
@@ -276,6 +295,7 @@ bool Supervisor::WaitAll(unsigned int ms) {
                 anyLeft = true;
             }
         }
+        TakeOutput(SecondsSinceBoot());  // one that says goodbye must not wait for us
         if (!anyLeft) return true;
         if (waited >= ms) return false;
         zel::CToolUtil::msleep(kStopStepMs);

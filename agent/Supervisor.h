@@ -7,10 +7,12 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "AgentRecords.h"
+#include "ComponentOutput.h"
 #include "ComponentsConfig.h"
 #include "RestartBudget.h"
 #include "base/Fd.h"
@@ -73,12 +75,13 @@ private:
         bool suspended = false;
         int64_t suspendedAt = 0;
         uint64_t restarts = 0;
-        std::string refusal;  ///< why it has no place; empty when it has
+        std::string refusal;                      ///< why it has no place; empty when it has
+        std::unique_ptr<ComponentOutput> output;  ///< of another program than this one
     };
     void Start(Component& component, int64_t now);
     /// Forks into the component's groups and waits until its program runs. On failure: the error's errno says why.
     base::Result<pid_t> Launch(const base::TrustedProgram& program, const std::vector<base::Fd>& groups,
-                               std::vector<std::string> arguments) const;
+                               std::vector<std::string> arguments, ComponentOutput* output) const;
     /// Opens what is to be run. Errors: which program, and why it is not.
     base::Result<base::TrustedProgram> JudgePrograms(const ComponentConfig& config) const;
     base::Result<std::vector<base::Fd>> OpenGroups(const ComponentConfig& config) const;
@@ -90,6 +93,7 @@ private:
     void NoteEnd(Component& component, int status, int64_t now);
     /// Stopped by a signal, or going on after it.
     static void NoteSuspension(Component& component, bool suspended, int64_t now);
+    void TakeOutput(int64_t now);
     void SaveBudget();
 
     std::string m_program;

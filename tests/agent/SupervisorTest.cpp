@@ -9,6 +9,7 @@
 #include <memory>
 #include <ctime>
 
+#include "platform/zel/LogControl.h"
 #include "platform/zel/ToolUtil.h"
 #include "support/Files.h"
 #include "support/Waiting.h"
@@ -163,4 +164,28 @@ TEST_F(SupervisorTest, AStoppedComponentIsSeenUntilItGoesOn) {
     const auto start = std::chrono::steady_clock::now();
     supervisor->StopAll(10000);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << "it hears that it should end";
+}
+
+TEST_F(SupervisorTest, AnotherProgramsOutputIsInTheLogByItsName) {
+    zel::LogOptions options;
+    options.directory = m_path;
+    options.processName = "supervisor";
+    zel::ConfigureLog(options);
+    auto supervisor =
+        Make("echo to stdout; echo to stderr >&2; trap 'echo bye; exit 0' TERM; while :; do sleep 0.05; done");
+    supervisor->Configure({{"A", "main", {}, {"/bin/true"}}});
+    const auto logged = [&] {
+        zel::FlushLog();
+        return support::ReadText(m_path + "/supervisor.log");
+    };
+    EXPECT_TRUE(support::Poll(30, [&] {
+        supervisor->Tick(1000);
+        return logged().find("component A: to stderr") != std::string::npos;
+    })) << logged();
+    EXPECT_NE(logged().find("component A: to stdout"), std::string::npos);
+    supervisor->StopAll(10000);
+    EXPECT_NE(logged().find("component A: bye"), std::string::npos) << "what it said at its end";
+    options = zel::LogOptions();
+    options.file = false;
+    zel::ConfigureLog(options);
 }
