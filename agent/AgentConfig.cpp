@@ -3,6 +3,7 @@
 
 #include <json/json.h>
 
+#include <tuple>
 #include <utility>
 
 #include "AgentLog.h"
@@ -17,6 +18,9 @@ constexpr size_t kMaxFileBytes = 64 * 1024;
 constexpr size_t kMaxTextBytes = 2048;
 constexpr unsigned int kLeastTimeoutMs = 100;
 constexpr unsigned int kMostTimeoutMs = 60000;
+constexpr unsigned int kMostTextFileSeconds = 3600;
+constexpr char kTextFileEnd[] = ".prom";  // what a collector looks for
+constexpr unsigned int kMsPerSecond = 1000;
 
 base::Error Bad(const std::string& text) {
     return base::SentenceError(text, base::ErrorKind::kMalformed);
@@ -52,12 +56,12 @@ base::Status ReadHeader(const Json::Value& value, const std::string& key, std::s
     return Bad(key + ": \"Name: value\" is expected");
 }
 
-base::Status ReadTimeout(const Json::Value& value, const std::string& key, unsigned int& timeoutMs) {
-    if (!value.isUInt() || value.asUInt() < kLeastTimeoutMs || value.asUInt() > kMostTimeoutMs) {
-        return Bad(key + ": " + std::to_string(kLeastTimeoutMs) + ".." + std::to_string(kMostTimeoutMs) +
-                   " milliseconds");
+base::Status ReadNumber(const Json::Value& value, const std::string& key, unsigned int least, unsigned int most,
+                        const char* unit, unsigned int& number) {
+    if (!value.isUInt() || value.asUInt() < least || value.asUInt() > most) {
+        return Bad(key + ": " + std::to_string(least) + ".." + std::to_string(most) + " " + unit);
     }
-    timeoutMs = value.asUInt();
+    number = value.asUInt();
     return {};
 }
 
@@ -67,8 +71,18 @@ base::Status ReadHttpKey(const std::string& key, const Json::Value& value, Agent
     if (key == "ca_file") return ReadText(value, at, config.httpCaFile);
     if (key == "header") return ReadHeader(value, at, config.httpHeader);
     if (key == "verify_tls") return ReadSwitch(value, at, config.httpVerifyTls);
-    if (key == "timeout_ms") return ReadTimeout(value, at, config.httpTimeoutMs);
+    if (key == "timeout_ms") {
+        return ReadNumber(value, at, kLeastTimeoutMs, kMostTimeoutMs, "milliseconds", config.httpTimeoutMs);
+    }
     return Bad(at + ": unknown key; known are url, ca_file, header, verify_tls, timeout_ms");
+}
+
+/// As the delivery judges it: one that it would refuse must not get as far as a start without events.
+bool IsHttpUrl(const std::string& url) {
+    for (const std::string scheme : {"http://", "https://"}) {
+        if (url.compare(0, scheme.size(), scheme) == 0) return url.size() > scheme.size() && url.find(' ') == url.npos;
+    }
+    return false;
 }
 
 base::Status ReadHttp(const Json::Value& http, AgentConfig& config) {
@@ -79,8 +93,46 @@ base::Status ReadHttp(const Json::Value& http, AgentConfig& config) {
     }
     if (!config.httpCaFile.empty() && config.httpCaFile[0] != '/') return Bad("http.ca_file: an absolute path");
     if (config.httpUrl.empty()) return Bad("http: the key url is missing");
-    const bool known = config.httpUrl.compare(0, 7, "http://") == 0 || config.httpUrl.compare(0, 8, "https://") == 0;
-    return known ? base::Status() : Bad("http.url: an http:// or https:// address is expected");
+    return IsHttpUrl(config.httpUrl) ? base::Status() : Bad("http.url: an http:// or https:// address is expected");
+}
+
+base::Status ReadTextFileKey(const std::string& key, const Json::Value& value, AgentConfig& config) {
+    const std::string at = "textfile." + key;
+    if (key == "path") return ReadText(value, at, config.textFile);
+    if (key == "period_seconds")
+        return ReadNumber(value, at, 1, kMostTextFileSeconds, "seconds", config.textFileSeconds);
+    return Bad(at + ": unknown key; known are path, period_seconds");
+}
+
+base::Status ReadTextFile(const Json::Value& file, AgentConfig& config) {
+    if (!file.isObject()) return Bad("textfile: an object is expected");
+    for (const std::string& key : file.getMemberNames()) {
+        base::Status read = ReadTextFileKey(key, file[key], config);
+        if (!read) return read;
+    }
+    const std::string& path = config.textFile;
+    if (path.empty()) return Bad("textfile: the key path is missing");
+    const std::string end = kTextFileEnd;
+    const bool named = path.size() > end.size() && path.compare(path.size() - end.size(), end.size(), end) == 0;
+    return path[0] == '/' && named ? base::Status() : Bad("textfile.path: an absolute path that ends with .prom");
+}
+
+base::Status ReadMember(const std::string& key, const Json::Value& value, AgentConfig& config) {
+    if (key == "version") return value == 1 ? base::Status() : Bad("version: only 1 is known");
+    if (key == "syslog") return ReadSwitch(value, key, config.syslog);
+    if (key == "http") return ReadHttp(value, config);
+    if (key == "textfile") return ReadTextFile(value, config);
+    return Bad(key + ": unknown key; known are version, syslog, http, textfile");
+}
+
+/// What an HTTP and a syslog sink are made from.
+auto SinksOf(const AgentConfig& config) {
+    return std::tie(config.syslog, config.httpUrl, config.httpCaFile, config.httpHeader, config.httpVerifyTls,
+                    config.httpTimeoutMs);
+}
+
+auto TextFileOf(const AgentConfig& config) {
+    return std::tie(config.textFile, config.textFileSeconds);
 }
 
 }  // namespace
@@ -91,16 +143,7 @@ base::Result<AgentConfig> ParseAgentConfig(const std::string& text) {
     if (!root->isObject()) return Bad("an object is expected");
     AgentConfig config;
     for (const std::string& key : root->getMemberNames()) {
-        base::Status read;
-        if (key == "version") {
-            if ((*root)[key] != 1) read = Bad("version: only 1 is known");
-        } else if (key == "syslog") {
-            read = ReadSwitch((*root)[key], key, config.syslog);
-        } else if (key == "http") {
-            read = ReadHttp((*root)[key], config);
-        } else {
-            read = Bad(key + ": unknown key; known are version, syslog, http");
-        }
+        const base::Status read = ReadMember(key, (*root)[key], config);
         if (!read) return read.GetError();
     }
     return config;
@@ -116,13 +159,20 @@ base::Result<AgentConfig> LoadAgentConfig(const std::string& path) {
     return parsed;
 }
 
-void ApplyAgentConfig(const AgentConfig& config, zelhost::DeliveryOptions& delivery) {
+void ApplyDelivery(const AgentConfig& config, zelhost::DeliveryOptions& delivery) {
     delivery.syslog = config.syslog;
     delivery.httpUrl = config.httpUrl;
     delivery.httpCaFile = config.httpCaFile;
     delivery.httpHeader = config.httpHeader;
     delivery.httpVerifyTls = config.httpVerifyTls;
     delivery.httpTimeoutMs = config.httpTimeoutMs;
+}
+
+void ApplyAgentConfig(const AgentConfig& config, zelhost::HostOptions& host) {
+    ApplyDelivery(config, host.delivery);
+    if (!host.isMain) return;
+    host.metrics.textFile = config.textFile;
+    host.metrics.textFilePeriodMs = config.textFileSeconds * kMsPerSecond;
 }
 
 bool AgentConfigFile::Renew() {
@@ -144,15 +194,26 @@ const AgentConfig& AgentConfigFile::Read() {
 }
 
 void AgentConfigFile::Follow(zelhost::CHostServices& services) {
+    const AgentConfig before = m_config;
     if (!Renew()) return;
+    // What stays as it is goes on undisturbed.
+    if (SinksOf(m_config) != SinksOf(before)) FollowSinks(services);
+    if (m_isMain && TextFileOf(m_config) != TextFileOf(before)) FollowTextFile(services);
+    LogLine("agent configuration " + m_path + " is read again", zel::kLogInfo);
+}
+
+void AgentConfigFile::FollowSinks(zelhost::CHostServices& services) const {
     zelhost::DeliveryOptions delivery;
-    ApplyAgentConfig(m_config, delivery);
+    ApplyDelivery(m_config, delivery);
     std::string problem;
-    if (services.SetSinks(delivery, problem)) {
-        LogLine("agent configuration " + m_path + " is in force", zel::kLogInfo);
-    } else {
-        LogLine("agent configuration " + m_path + ": " + problem + "; the old sinks stay", zel::kLogWarning);
-    }
+    if (services.SetSinks(delivery, problem)) return;
+    LogLine("agent configuration " + m_path + ": " + problem + "; the old sinks stay", zel::kLogWarning);
+}
+
+void AgentConfigFile::FollowTextFile(zelhost::CHostServices& services) const {
+    if (services.SetTextFile(m_config.textFile, m_config.textFileSeconds * kMsPerSecond)) return;
+    LogLine("agent configuration " + m_path + ": this process has no metrics, so no text file of them",
+            zel::kLogWarning);
 }
 
 }  // namespace agent

@@ -40,14 +40,16 @@ constexpr int64_t kLimitRetrySeconds = 1;
 constexpr int kGoOn = -1;
 
 // The module hands its broadcast to a plain function, so the sender is found through the one object of the process.
-zel::CIpcBroadcastServer* g_broadcast = nullptr;
+// Set by the main thread, which serves it as soon as that can be done; read by the monitor's.
+std::atomic<zel::CIpcBroadcastServer*> g_broadcast{nullptr};
 
 /// The groups have changed, so programs that cannot follow by themselves have to be moved.
 std::atomic<bool> g_groupsChanged{false};
 
 void Broadcast(const std::string& type, const std::string& body) {
     g_groupsChanged = true;
-    if (g_broadcast != nullptr) g_broadcast->Broadcast(type, body);
+    zel::CIpcBroadcastServer* const server = g_broadcast;
+    if (server != nullptr) server->Broadcast(type, body);
 }
 
 /// Wakes the main thread's wait from any thread.
@@ -143,9 +145,9 @@ int Process::OpenDirectory() {
 }
 
 int Process::StartServices() {
-    m_agentConfig = std::make_unique<AgentConfigFile>(m_options.appDir + zel::kAgentConfigFileName);
+    m_agentConfig = std::make_unique<AgentConfigFile>(m_options.appDir + zel::kAgentConfigFileName, m_options.IsMain());
     zelhost::HostOptions host = MakeHostOptions(m_options);
-    ApplyAgentConfig(m_agentConfig->Read(), host.delivery);
+    ApplyAgentConfig(m_agentConfig->Read(), host);
     const base::Status started = agent::StartServices(m_services, host);
     return started ? kExitClean : Refuse(kExitServices, started.GetError().Text());
 }
@@ -158,15 +160,20 @@ int Process::StartBroadcast() {
     m_broadcast = std::make_unique<zel::CIpcBroadcastServer>();
     m_broadcast->SetReport(
         [this](int pid, const std::string& text) { return m_pulses.Note(pid, text, SecondsSinceBoot()); });
+    ServeBroadcast();
+    return kExitClean;
+}
+
+void Process::ServeBroadcast() {
     std::string problem;
     if (m_broadcast->Start(m_options.appDir + zel::kBroadcastSocketName, problem)) {
         g_broadcast = m_broadcast.get();
-    } else {
+    } else if (problem != m_broadcastProblem) {
         LogLine("broadcast to the components: " + problem +
-                    "; they follow changes only when they restart, and none is seen to hang",
+                    "; they follow changes only when they restart, and none is seen to hang; it is tried again",
                 zel::kLogWarning);
     }
-    return kExitClean;
+    m_broadcastProblem = problem;
 }
 
 void Process::StopBroadcast() {
@@ -285,17 +292,38 @@ void Process::StopComponents() {
 }
 
 int Process::OpenConsole() {
-    m_control = std::make_unique<ControlServer>(MakeConsoleActions(Sources()));
-    const base::Status started = m_control->Start(ConsoleSocket(m_options.appDir, m_options.name));
-    if (!started) {
-        LogLine("console socket: " + started.GetError().Text() + "; tervanectl will not reach this process",
-                zel::kLogWarning);
-    }
+    ServeConsole();
     return kExitClean;
 }
 
+void Process::ServeConsole() {
+    auto control = std::make_unique<ControlServer>(MakeConsoleActions(Sources()));
+    const base::Status started = control->Start(ConsoleSocket(m_options.appDir, m_options.name));
+    const std::string problem = started ? std::string() : started.GetError().Text();
+    if (started) m_control = std::move(control);
+    if (!started && problem != m_consoleProblem) {
+        LogLine("console socket: " + problem + "; tervanectl does not reach this process, and it is tried again",
+                zel::kLogWarning);
+    }
+    m_consoleProblem = problem;
+}
+
 void Process::CloseConsole() {
-    m_control->Stop();
+    if (m_control != nullptr) m_control->Stop();
+}
+
+// What could not start for want of room, of a directory or of an address begins when it can.
+void Process::TryAgain() {
+    m_services.TryAgain();
+    if (m_control == nullptr) {
+        ServeConsole();
+        if (m_control != nullptr) LogLine("console socket: tervanectl reaches this process now", zel::kLogWarning);
+    }
+    if (m_broadcast == nullptr || g_broadcast != nullptr) return;
+    ServeBroadcast();
+    if (g_broadcast == nullptr) return;
+    LogLine("broadcast to the components: they follow changes from now on", zel::kLogWarning);
+    Broadcast(zel::kConfigNotifyMessage, "");  // what they have missed
 }
 
 int Process::Loop() {
@@ -332,6 +360,7 @@ int Process::LookAround(int64_t second) {
     if (second != m_configLooked) {
         m_configLooked = second;
         m_agentConfig->Follow(m_services);
+        TryAgain();
     }
     if (m_options.forSeconds != 0 && second >= static_cast<int64_t>(m_options.forSeconds)) return kExitClean;
     return kGoOn;

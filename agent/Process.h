@@ -74,6 +74,9 @@ private:
     void Handle(int signal);
     /// Returns: the exit code when it is time to end, kGoOn otherwise.
     int LookAround(int64_t second);
+    void TryAgain();
+    void ServeBroadcast();
+    void ServeConsole();
     void LookAfterLimits(int64_t second);
     /// Shows that the main thread works.
     void Beat(int64_t second);
@@ -94,6 +97,8 @@ private:
     int64_t m_nextBeat = 0;  // second of the loop
     ComponentPulses m_pulses;
     std::unique_ptr<zel::CIpcBroadcastServer> m_broadcast;
+    std::string m_broadcastProblem;  // as told last
+    std::string m_consoleProblem;
     std::unique_ptr<zel::CCgroupClient> m_client;
     std::unique_ptr<zel::CIpcBroadcastSubscriber> m_subscriber;
     std::unique_ptr<CMonitor> m_monitor;

@@ -141,4 +141,13 @@ Status ReplaceFile(const std::string& path, std::string_view text, mode_t mode, 
     return SyncDirectory(directory, DirectoryOf(path));
 }
 
+Status RemoveReplaced(const std::string& path) {
+    const Result<Fd> place = OpenNamedDirectory(DirectoryOf(path));
+    if (!place) return place.GetError();
+    Status status = CheckTarget(*place, path);
+    if (!status) return status;
+    if (::unlinkat(place->Get(), FileNameOf(path).c_str(), 0) == 0 || errno == ENOENT) return {};
+    return ErrnoError(errno, "remove", path);
+}
+
 }  // namespace base

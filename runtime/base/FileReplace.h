@@ -24,4 +24,8 @@ enum class Durability {
 /// Blocks: for the disk, with kSynced.
 Status ReplaceFile(const std::string& path, std::string_view text, mode_t mode, Durability durability);
 
+/// Takes away a file that ReplaceFile made, in the place where that would make it. One that is not there is no failure,
+/// what is not a regular file stays.
+Status RemoveReplaced(const std::string& path);
+
 }  // namespace base

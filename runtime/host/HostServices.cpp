@@ -210,6 +210,16 @@ bool CHostServices::SetSinks(const DeliveryOptions& options, std::string& error)
     return set.Ok();
 }
 
+bool CHostServices::SetTextFile(const std::string& path, unsigned int periodMs) {
+    if (!m_impl->m_metrics) return false;
+    m_impl->m_metrics->SetTextFile(path, periodMs);
+    return true;
+}
+
+void CHostServices::TryAgain() {
+    if (m_impl->m_metrics) m_impl->m_metrics->TryAgain();
+}
+
 bool CHostServices::FlushDelivery(unsigned int timeoutMs) {
     return !m_impl->m_delivery || m_impl->m_delivery->Flush(timeoutMs);
 }

@@ -23,12 +23,26 @@ void CMtIntf::UnRegMtInfoCallback(IMtInfo* info) {
 }
 
 namespace zelhost {
+namespace {
+
+void Log(int level, int line, const std::string& text) {
+    zel::CLogMessage::GetInstance()->log(level, "StatisticsRegistry", line, "%s", text.c_str());
+}
+
+}  // namespace
 
 // --- history ---
 
 base::Status CStatisticsHistory::Open(const std::string& path) {
+    m_path = path;
     base::Status status = base::MakeDirectories(base::DirectoryOf(path));
     if (!status) return base::SentenceError(status.GetError().Text(), status.GetError().kind);
+    status = OpenOnce();
+    if (!status && status.GetError().kind == base::ErrorKind::kMalformed) status = Replace(status.GetError());
+    return status;
+}
+
+base::Status CStatisticsHistory::OpenOnce() {
     base::DatabaseOptions options;
     options.busyMs = 1000;
     // Figures of the last minutes may be lost with the power; the file itself may not.
@@ -36,12 +50,17 @@ base::Status CStatisticsHistory::Open(const std::string& path) {
         "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
         "CREATE TABLE IF NOT EXISTS history(id INTEGER PRIMARY KEY AUTOINCREMENT,"
         " time INTEGER NOT NULL, figures TEXT NOT NULL);";
-    status = m_database.Open(path, options);
-    if (!status && status.GetError().kind == base::ErrorKind::kMalformed) {
-        status = base::PutDatabaseAside(path, path + ".corrupt");
-        if (status) status = m_database.Open(path, options);
-    }
-    return status;
+    return m_database.Open(m_path, options);
+}
+
+base::Status CStatisticsHistory::Replace(const base::Error& why) {
+    m_database.Close();
+    const std::string aside = m_path + ".corrupt";
+    const base::Status moved = base::PutDatabaseAside(m_path, aside);
+    if (!moved) return moved;
+    Log(zel::kLogWarning, __LINE__,
+        "the history of the statistics " + m_path + " is damaged (" + why.Reason() + "); put aside as " + aside);
+    return OpenOnce();
 }
 
 base::Status CStatisticsHistory::Append(int64_t wallTime, const std::map<std::string, std::string>& values) {
@@ -49,10 +68,18 @@ base::Status CStatisticsHistory::Append(int64_t wallTime, const std::map<std::st
     for (const auto& item : values) root[item.first] = item.second;
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
+    const std::string figures = Json::writeString(builder, root);
+    base::Status kept = AppendOnce(wallTime, figures);
+    if (kept || kept.GetError().kind != base::ErrorKind::kMalformed) return kept;
+    const base::Status replaced = Replace(kept.GetError());
+    return replaced ? AppendOnce(wallTime, figures) : replaced;
+}
+
+base::Status CStatisticsHistory::AppendOnce(int64_t wallTime, const std::string& figures) {
     base::Statement insert(m_database, "INSERT INTO history(time, figures) VALUES(?1, ?2);");
     base::Statement remove(m_database,
                            "DELETE FROM history WHERE time < ?1 OR id <= (SELECT max(id) FROM history) - ?2;");
-    const bool kept = insert.Bind(1, wallTime) && insert.Bind(2, Json::writeString(builder, root)) && insert.Done() &&
+    const bool kept = insert.Bind(1, wallTime) && insert.Bind(2, figures) && insert.Done() &&
                       remove.Bind(1, wallTime - kKeptSeconds) && remove.Bind(2, kKeptRows) && remove.Done();
     if (!kept) return m_database.LastError("write");
     return {};
@@ -97,7 +124,9 @@ void CStatisticsRegistry::Unregister(IMtInfo* info) {
 base::Status CStatisticsRegistry::Start(unsigned int periodMs, unsigned int providerMs, const std::string& dbPath) {
     {
         base::MutexLock collecting(m_collectLock);
-        OpenHistory(dbPath);
+        m_historyProblem.clear();
+        m_historyPath = dbPath == "-" ? std::string() : dbPath;
+        OpenHistory();
         base::MutexLock lock(m_lock);
         m_periodMs = std::max(1u, periodMs);
         m_providerMs = std::max(1u, providerMs);
@@ -113,14 +142,18 @@ base::Status CStatisticsRegistry::Start(unsigned int periodMs, unsigned int prov
     return {};
 }
 
-void CStatisticsRegistry::OpenHistory(const std::string& dbPath) {
-    m_historyFailed = false;
-    if (dbPath == "-") return;
-    const base::Status opened = m_history.Open(dbPath);
-    if (opened) return;
-    zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "StatisticsRegistry", __LINE__,
-                                         "no history of the statistics: %s: %s", dbPath.c_str(),
-                                         opened.GetError().Reason().c_str());
+void CStatisticsRegistry::OpenHistory() {
+    if (m_historyPath.empty() || m_history.IsOpen()) return;
+    NoteHistory(m_history.Open(m_historyPath), "no history of the statistics, it is tried again");
+}
+
+void CStatisticsRegistry::NoteHistory(const base::Status& outcome, const char* failed) {
+    const std::string problem = outcome ? std::string() : outcome.GetError().Reason();
+    if (problem == m_historyProblem) return;
+    m_historyProblem = problem;
+    const std::string line = problem.empty() ? "the history of the statistics " + m_historyPath + " is written again"
+                                             : std::string(failed) + ": " + m_historyPath + ": " + problem;
+    Log(zel::kLogWarning, __LINE__, line);
 }
 
 void CStatisticsRegistry::Stop() {
@@ -277,14 +310,10 @@ void CStatisticsRegistry::LeaveWorkerBehind() {
 }
 
 void CStatisticsRegistry::Keep(const StatisticsSnapshot& snapshot) {
+    OpenHistory();
     if (!m_history.IsOpen()) return;
-    const base::Status kept = m_history.Append(snapshot.wallTime, snapshot.values);
-    if (!kept && !m_historyFailed) {
-        zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "StatisticsRegistry", __LINE__,
-                                             "the history of the statistics cannot be written: %s",
-                                             kept.GetError().Reason().c_str());
-    }
-    m_historyFailed = !kept.Ok();
+    NoteHistory(m_history.Append(snapshot.wallTime, snapshot.values),
+                "the history of the statistics cannot be written");
 }
 
 StatisticsSnapshot CStatisticsRegistry::Snapshot() {

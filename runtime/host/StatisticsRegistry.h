@@ -19,7 +19,8 @@ namespace zelhost {
 /// A day of collected figures, one row each. Not thread-safe: the registry serialises.
 class CStatisticsHistory {
 public:
-    /// Opens or creates the file. A file that is no database is put aside.
+    /// Opens or creates the file. A file that is no sound database is put aside, here and by Append; the one that was
+    /// put aside before it goes.
     base::Status Open(const std::string& path);
     void Close() { m_database.Close(); }
     bool IsOpen() const { return m_database.IsOpen(); }
@@ -30,6 +31,12 @@ public:
     static constexpr int kKeptRows = 1500;
 
 private:
+    base::Status OpenOnce();
+    base::Status AppendOnce(int64_t wallTime, const std::string& figures);
+    /// Begins anew after damage.
+    base::Status Replace(const base::Error& why);
+
+    std::string m_path;
     base::Database m_database;
 };
 
@@ -44,7 +51,8 @@ public:
     /// Blocks: until a call that is inside the provider has left it, unless called from within.
     void Unregister(IMtInfo* info);
 
-    /// Figures without a history are better than none: a history that cannot be opened is logged.
+    /// Figures without a history are better than none: one that cannot be opened is logged, and tried again with every
+    /// collection.
     base::Status Start(unsigned int periodMs, unsigned int providerMs, const std::string& dbPath);
     void Stop();
 
@@ -75,7 +83,9 @@ private:
     void Run();
     std::shared_ptr<Worker> MakeWorker();
     void RunWorker(const std::shared_ptr<Worker>& worker);
-    void OpenHistory(const std::string& dbPath) ZEL_REQUIRES(m_collectLock);
+    void OpenHistory() ZEL_REQUIRES(m_collectLock);
+    /// Says why once, until it works or fails in another way.
+    void NoteHistory(const base::Status& outcome, const char* failed) ZEL_REQUIRES(m_collectLock);
     /// Enters the provider without the lock.
     void CallProvider(Call& call) ZEL_REQUIRES(m_lock);
     /// Has one provider asked, on a worker, within its bound.
@@ -88,7 +98,8 @@ private:
 
     base::Mutex m_collectLock;  // one collection at a time; taken before m_lock
     CStatisticsHistory m_history ZEL_GUARDED_BY(m_collectLock);
-    bool m_historyFailed ZEL_GUARDED_BY(m_collectLock) = false;
+    std::string m_historyPath ZEL_GUARDED_BY(m_collectLock);     // empty: none is wanted
+    std::string m_historyProblem ZEL_GUARDED_BY(m_collectLock);  // as said last
 
     base::Mutex m_lock;
     base::Condition m_changed;

@@ -14,12 +14,20 @@ namespace agent {
 namespace {
 
 TEST(AgentConfigTest, EveryKeyReachesTheDelivery) {
-    const auto config =
-        ParseAgentConfig(R"({"version":1,"syslog":true,"http":{"url":"https://h/e","ca_file":"/c","header":"A: b",)"
-                         R"("verify_tls":false,"timeout_ms":100}})");
+    const auto config = ParseAgentConfig(
+        R"({"version":1,"syslog":true,"http":{"url":"https://h/e","ca_file":"/c","header":"A: b",)"
+        R"("verify_tls":false,"timeout_ms":100},"textfile":{"path":"/d/a.prom","period_seconds":60}})");
     ASSERT_TRUE(config.Ok()) << config.GetError().Text();
-    zelhost::DeliveryOptions delivery;
-    ApplyAgentConfig(*config, delivery);
+    zelhost::HostOptions component;
+    ApplyAgentConfig(*config, component);
+    EXPECT_EQ(component.metrics.textFile, "") << "two writers of one file";
+    zelhost::HostOptions host;
+    host.isMain = true;
+    ApplyAgentConfig(*config, host);
+    EXPECT_EQ(host.metrics.textFile, "/d/a.prom");
+    EXPECT_EQ(host.metrics.textFilePeriodMs, 60000u);
+    EXPECT_EQ(component.delivery.httpUrl, "https://h/e");
+    const zelhost::DeliveryOptions& delivery = host.delivery;
     EXPECT_TRUE(delivery.syslog);
     EXPECT_EQ(delivery.httpUrl, "https://h/e");
     EXPECT_EQ(delivery.httpCaFile, "/c");
@@ -49,6 +57,15 @@ TEST(AgentConfigTest, WhatItDoesNotKnowIsRefusedByName) {
         {R"({"http":{"url":"http://x","timeout_ms":-1}})", "http.timeout_ms"},
         {R"({"http":{"url":"http://x","verify_tls":"no"}})", "http.verify_tls"},
         {R"({"http":{"url":"http://x","other":1}})", "http.other: unknown key"},
+        {R"({"http":{"url":"http://"}})", "http.url"},
+        {R"({"http":{"url":"http://a b"}})", "http.url"},
+        {R"({"textfile":"/a.prom"})", "textfile: an object"},
+        {R"({"textfile":{}})", "textfile: the key path is missing"},
+        {R"({"textfile":{"path":"a.prom"}})", "textfile.path: an absolute path"},
+        {R"({"textfile":{"path":"/.prom/a"}})", "textfile.path"},
+        {R"({"textfile":{"path":"/a.prom","period_seconds":0}})", "textfile.period_seconds: 1..3600 seconds"},
+        {R"({"textfile":{"path":"/a.prom","period_seconds":3601}})", "textfile.period_seconds"},
+        {R"({"textfile":{"path":"/a.prom","mode":1}})", "textfile.mode: unknown key"},
         {R"({"http":{"url":"http://)" + std::string(3000, 'x') + R"("}})", "http.url"},
     };
     for (const auto& each : cases) {

@@ -104,7 +104,9 @@ public:
         zelhost::MetricsOptions options;
         options.listen = m_onLoopback ? "127.0.0.1:0" : "unix:" + path;
         m_server = std::make_unique<zelhost::CMetricsServer>(options, [] { return g_answer(); });
-        return Started(m_server->Start(), error);
+        if (!Started(m_server->Start(), error)) return false;
+        error = m_server->Problem();
+        return error.empty();
     }
     void Stop() override { m_server->Stop(); }
     int Port() const override {

@@ -17,8 +17,12 @@ namespace {
 constexpr char kLocalPrefix[] = "unix:";
 /// Readable for the exporter, which runs as another user.
 constexpr mode_t kTextFileMode = 0644;
-/// The second one is for a scrape while the text file is made, or while a source of metrics hangs.
+/// The second one is for a scrape while a source of metrics hangs.
 constexpr size_t kWorkers = 2;
+
+bool IsLocal(const std::string& listen) {
+    return listen.compare(0, sizeof kLocalPrefix - 1, kLocalPrefix) == 0;
+}
 
 void Warn(int line, const std::string& text) {
     zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "MetricsServer", line, "%s", text.c_str());
@@ -34,42 +38,72 @@ CMetricsServer::~CMetricsServer() {
 }
 
 base::Status CMetricsServer::Start() {
+    auto loop = base::IoLoop::Start("Metrics");
+    if (!loop) return base::SentenceError("metrics: " + loop.GetError().Text(), loop.GetError().kind);
+    m_loop = std::move(*loop);
+    m_fileQueue = std::make_unique<base::WorkQueue>("Metrics-file", 1);
     const base::Status serving = Serve();
-    if (serving) return {};
-    Stop();
-    return base::SentenceError("metrics: " + serving.GetError().Text(), serving.GetError().kind);
+    if (!serving) {
+        m_problem = serving.GetError().Text();
+        if (serving.GetError().kind == base::ErrorKind::kInvalidValue) {
+            Stop();
+            return base::SentenceError("metrics: " + m_problem, base::ErrorKind::kInvalidValue);
+        }
+        Warn(__LINE__, "metrics: " + m_problem + "; it is tried again");
+    }
+    m_textFileTimer = std::make_unique<base::IoTimer>(*m_loop);
+    if (!m_options.textFile.empty()) SetTextFile(m_options.textFile, m_options.textFilePeriodMs);
+    return {};
+}
+
+void CMetricsServer::TryAgain() {
+    if (m_server != nullptr || m_loop == nullptr) return;
+    if (std::chrono::steady_clock::now() - m_triedAt < kTryAgainAfter) return;
+    const base::Status serving = Serve();
+    if (serving) {
+        m_problem.clear();
+        Warn(__LINE__, "metrics: served at " + Address() + " now");
+    } else if (serving.GetError().Text() != m_problem) {
+        m_problem = serving.GetError().Text();
+        Warn(__LINE__, "metrics: " + m_problem + "; it is tried again");
+    }
+}
+
+std::string CMetricsServer::Address() const {
+    base::MutexLock lock(m_addressLock);
+    return m_address;
+}
+
+base::Result<base::ListeningSocket> CMetricsServer::Listen() const {
+    if (!IsLocal(m_options.listen)) return base::ListeningSocket::Loopback(m_options.listen);
+    const std::string place = m_options.listen.substr(sizeof kLocalPrefix - 1);
+    if (place.empty() || place[0] != '/') {
+        return base::MakeError(base::ErrorKind::kInvalidValue, "serve", place, "it is no absolute path");
+    }
+    const base::Status made = base::MakeDirectories(base::DirectoryOf(place));
+    if (!made) return base::MakeError(made.GetError().kind, "serve", place, made.GetError().Text());
+    return base::ListeningSocket::Local(place, base::SocketKind::kStream, base::ServeLock::kCallers);
 }
 
 base::Status CMetricsServer::Serve() {
-    const bool local = m_options.listen.compare(0, sizeof kLocalPrefix - 1, kLocalPrefix) == 0;
-    const std::string place = local ? m_options.listen.substr(sizeof kLocalPrefix - 1) : m_options.listen;
-    if (local) {
-        const base::Status made = base::MakeDirectories(base::DirectoryOf(place));
-        if (!made) {
-            return base::MakeError(made.GetError().kind, "serve", place, made.GetError().Text());
-        }
-    }
-    auto socket = local ? base::ListeningSocket::Local(place, base::SocketKind::kStream, base::ServeLock::kCallers)
-                        : base::ListeningSocket::Loopback(place);
+    m_triedAt = std::chrono::steady_clock::now();
+    auto socket = Listen();
     if (!socket) return socket.GetError();
-    auto loop = base::IoLoop::Start("Metrics");
-    if (!loop) return loop.GetError();
-    m_address = (local ? kLocalPrefix : "") + socket->Address();
-    m_loop = std::move(*loop);
-    m_queue = std::make_unique<base::WorkQueue>("Metrics-work", kWorkers);
+    const std::string address = (IsLocal(m_options.listen) ? kLocalPrefix : "") + socket->Address();
     base::RequestLimits limits;
     limits.mostRequestBytes = kMostRequestBytes;
     limits.reading = limits.sending = kRequestTime;
     limits.mostOfOneUser = kMostOfOneUser;
     limits.requestsPerSecond = kRequestsPerSecond;
     limits.connectionsPerSecond = kConnectionsPerSecond;
-    m_server = std::make_unique<base::RequestServer>(*m_loop, *m_queue, std::move(*socket), limits, MakeService());
-    base::Status started = m_server->Start();
-    if (started && !m_options.textFile.empty()) {
-        m_textFileTimer = std::make_unique<base::IoTimer>(*m_loop);
-        m_loop->Run([this] { ScheduleTextFile(std::chrono::milliseconds(0)); });
-    }
-    return started;
+    m_queue = std::make_unique<base::WorkQueue>("Metrics-work", kWorkers);
+    auto server = std::make_unique<base::RequestServer>(*m_loop, *m_queue, std::move(*socket), limits, MakeService());
+    base::Status started = server->Start();
+    if (!started) return started;
+    m_server = std::move(server);
+    base::MutexLock lock(m_addressLock);
+    m_address = address;
+    return {};
 }
 
 base::RequestService CMetricsServer::MakeService() {
@@ -90,29 +124,71 @@ void CMetricsServer::Stop() {
     if (m_loop != nullptr) m_loop->Run([this] { m_textFileTimer.reset(); });
     m_server.reset();
     m_queue.reset();
+    m_fileQueue.reset();
     m_loop.reset();
+    base::MutexLock lock(m_addressLock);
     m_address.clear();
 }
 
+void CMetricsServer::SetTextFile(const std::string& path, unsigned int periodMs) {
+    {
+        base::MutexLock lock(m_textFileLock);
+        m_textFile.path = path;
+        m_textFile.period = std::chrono::milliseconds(std::max(100u, periodMs));
+    }
+    if (m_loop != nullptr) m_loop->Post([this] { ScheduleTextFile(std::chrono::milliseconds(0)); });
+}
+
+// The file has one writer at a time: the next one is due when this one is written.
 void CMetricsServer::ScheduleTextFile(std::chrono::milliseconds delay) {
     if (m_textFileTimer == nullptr) return;
-    m_textFileTimer->Start(delay, [this] {
-        // The next one is due when this one is written: the file has one writer at a time.
-        const auto period = std::chrono::milliseconds(std::max(100u, m_options.textFilePeriodMs));
-        const bool taken = m_queue->Add([this, period] {
-            WriteTextFile();
-            m_loop->Post([this, period] { ScheduleTextFile(period); });
-        });
-        if (!taken) ScheduleTextFile(period);
+    if (m_textFileBusy) {
+        m_textFileSoon = true;
+        return;
+    }
+    m_textFileTimer->Start(delay, [this] { BeginTextFile(); });
+}
+
+void CMetricsServer::BeginTextFile() {
+    m_textFileBusy = m_fileQueue->Add([this] {
+        WriteTextFile();
+        m_loop->Post([this] { EndTextFile(); });
     });
+    if (!m_textFileBusy) ScheduleTextFile(kTryAgainAfter);
+}
+
+void CMetricsServer::EndTextFile() {
+    m_textFileBusy = false;
+    TextFile wanted;
+    {
+        base::MutexLock lock(m_textFileLock);
+        wanted = m_textFile;
+    }
+    const bool soon = std::exchange(m_textFileSoon, false);
+    if (soon || !wanted.path.empty()) ScheduleTextFile(soon ? std::chrono::milliseconds(0) : wanted.period);
 }
 
 void CMetricsServer::WriteTextFile() {
+    std::string path;
+    {
+        base::MutexLock lock(m_textFileLock);
+        path = m_textFile.path;
+    }
     std::string reason;
     try {
-        const base::Status written =
-            base::ReplaceFile(m_options.textFile, m_text.Get(), kTextFileMode, base::Durability::kRenewed);
-        if (!written) reason = written.GetError().Text();
+        base::Status done;
+        if (!m_textFileWritten.empty() && m_textFileWritten != path) {
+            // A collector would go on with figures that nobody renews.
+            done = base::RemoveReplaced(m_textFileWritten);
+            m_textFileWritten.clear();
+        }
+        if (!path.empty()) {
+            const base::Status written =
+                base::ReplaceFile(path, m_text.Get(), kTextFileMode, base::Durability::kRenewed);
+            if (written) m_textFileWritten = path;
+            if (!written) done = written;
+        }
+        if (!done) reason = done.GetError().Text();
     } catch (const std::exception& e) {
         reason = e.what();
     }

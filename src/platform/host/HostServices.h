@@ -15,8 +15,8 @@ namespace zelhost {
 /// Thread-safety: Start and Stop from one thread; everything else from any thread between them.
 /// Lifetime: Start before the CMonitor is made, Stop after it was destroyed. The online configuration's object is
 /// made by Start and lives until this object is destroyed.
-/// Errors: an option that cannot be right and an address that cannot be had make Start fail and leave nothing behind.
-/// A disk or a directory that cannot be written now does not: what is kept there begins as soon as it can.
+/// Errors: an option that cannot be right makes Start fail and leave nothing behind. A disk or a directory that cannot
+/// be written now, or an address that is taken, does not: what needs it begins as soon as it can.
 class ZEL_API CHostServices {
 public:
     CHostServices();
@@ -43,6 +43,12 @@ public:
     /// thread of Start and Stop.
     /// Returns: false with the reason in `error`; then nothing has changed.
     bool SetSinks(const DeliveryOptions& options, std::string& error);
+    /// Another metrics text file from now on, none when the path is empty; the one before it is taken away.
+    /// Thread-safety: as above. Returns: false when this process has no metrics.
+    bool SetTextFile(const std::string& path, unsigned int periodMs);
+    /// Tries once more what could not start and does not try again by itself; nothing when all runs. To be called every
+    /// second or so. Thread-safety: the thread of Start and Stop.
+    void TryAgain();
     /// Waits until every sink has everything or the time is over. Returns: whether all was delivered.
     bool FlushDelivery(unsigned int timeoutMs);
 
@@ -54,7 +60,8 @@ public:
     void SetMetricsSource(MetricsSource source);
     /// Returns: the text that /metrics serves.
     std::string GetMetricsText();
-    /// Returns: the address that is listened on ("127.0.0.1:41234", "unix:/path"), empty when metrics are off.
+    /// Returns: the address that is listened on ("127.0.0.1:41234", "unix:/path"), empty when metrics are off and while
+    /// the address cannot be had.
     std::string GetMetricsAddress();
 
     /// Reads the online configuration again now. Returns: false when it was refused; `error` has the reason.

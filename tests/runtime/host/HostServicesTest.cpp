@@ -148,6 +148,24 @@ TEST_F(HostServicesTest, AnUnusableDirectoryIsNamedAndTriedAgain) {
     EXPECT_FALSE(services.Start(nameless, m_error));
 }
 
+TEST_F(HostServicesTest, APlaceMissingForMetricsCostsNothingElse) {
+    support::WriteText(m_dir / "run", "a file where the directory should be");
+    CHostServices services;
+    ASSERT_TRUE(services.Start(Options(), m_error)) << m_error;
+    EXPECT_EQ(services.GetMetricsAddress(), "");
+    EXPECT_TRUE(services.SetTextFile(m_dir / "m.prom", 1000));
+    EXPECT_TRUE(Eventually([&] { return !support::ReadText(m_dir / "m.prom").empty(); }));
+    EXPECT_TRUE(GetMsgTransmitInstance()->SendMsg("T", "b", "", 1, 0));
+    unlink((m_dir / "run").c_str());
+    EXPECT_TRUE(Eventually([&] {
+        services.TryAgain();
+        return !services.GetMetricsAddress().empty();
+    }));
+    services.Stop();
+    EXPECT_FALSE(services.SetTextFile(m_dir / "n.prom", 1000)) << "no metrics, no file of them";
+    services.TryAgain();
+}
+
 TEST_F(HostServicesTest, StartingAndStoppingLeaksNothing) {
     CHostServices services;
     ASSERT_TRUE(services.Start(Options(), m_error)) << m_error;

@@ -24,6 +24,12 @@ bool LogHolds(const std::string& text) {
     return false;
 }
 
+size_t LogCount(const std::string& text) {
+    size_t count = 0;
+    for (const LogLine& line : LogLines()) count += TextOf(line).find(text) != std::string::npos ? 1 : 0;
+    return count;
+}
+
 void Burn(std::chrono::milliseconds wall) {
     const auto end = std::chrono::steady_clock::now() + wall;
     while (std::chrono::steady_clock::now() < end) {

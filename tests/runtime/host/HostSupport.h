@@ -18,6 +18,8 @@ namespace support {
 std::vector<std::string> TakeLog();
 /// Returns: whether a line so far holds the text; the lines stay.
 bool LogHolds(const std::string& text);
+/// Returns: how many lines so far hold the text; the lines stay.
+size_t LogCount(const std::string& text);
 
 /// For ASSERT_TRUE: says why it is not.
 inline ::testing::AssertionResult IsOk(const base::Status& status) {

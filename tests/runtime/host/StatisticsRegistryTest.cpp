@@ -222,5 +222,30 @@ TEST_F(StatisticsRegistryTest, CollectsFiguresWithoutAHistory) {
     Provider provider(Figures{{"a", "1"}});
     registry().Collect();
     EXPECT_EQ(registry().Snapshot().values.size(), 1u);
-    EXPECT_TRUE(support::LogHolds("3 no history of the statistics"));
+    registry().Collect();
+    EXPECT_EQ(support::LogCount("3 no history of the statistics"), 1u);
+    unlink((m_dir / "data").c_str());
+    registry().Collect();
+    registry().Collect();
+    EXPECT_EQ(Rows().size(), 2u) << "it begins when it can";
+    EXPECT_EQ(support::LogCount("is written again"), 1u);
+}
+
+TEST_F(StatisticsRegistryTest, DamageBelowTheHeaderCostsOldRowsOnly) {
+    constexpr size_t kPage = 4096;
+    support::TakeLog();
+    zelhost::CStatisticsHistory history;
+    ASSERT_TRUE(support::IsOk(history.Open(m_dir / "data/s.db")));
+    for (int i = 0; i < 20; ++i) ASSERT_TRUE(support::IsOk(history.Append(1700000000, {{"a", "old"}})));
+    history.Close();
+    const std::string sound = support::ReadText(m_dir / "data/s.db");
+    ASSERT_GT(sound.size(), kPage);
+    support::WriteText(m_dir / "data/s.db", sound.substr(0, kPage) + std::string(sound.size() - kPage, '\x7f'));
+    ASSERT_TRUE(support::IsOk(history.Open(m_dir / "data/s.db"))) << "the damage shows later";
+    EXPECT_TRUE(support::IsOk(history.Append(1700000060, {{"a", "new"}})));
+    history.Close();
+    ASSERT_EQ(Rows().size(), 1u);
+    EXPECT_EQ(Rows()[0].second, "{\"a\":\"new\"}");
+    EXPECT_TRUE(support::LogHolds("3 the history of the statistics " + (m_dir / "data/s.db") + " is damaged"));
+    EXPECT_TRUE(support::Exists(m_dir / "data/s.db.corrupt"));
 }

@@ -19,7 +19,7 @@
 
 #include "HostSupport.h"
 #include "support/SmallDisk.h"
-#include "events/HttpServer.h"
+#include "support/HttpServer.h"
 
 using support::Eventually;
 using support::ReadLines;

@@ -8,7 +8,7 @@
 #include <csignal>
 
 #include "HostSupport.h"
-#include "events/HttpServer.h"
+#include "support/HttpServer.h"
 
 using zelhost::CHttpService;
 using zelhost::HttpRequest;

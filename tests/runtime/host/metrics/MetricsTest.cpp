@@ -175,8 +175,38 @@ TEST(MetricsServerTest, SocketThatCrashLeftIsReplacedOtherFileNot) {
     EXPECT_TRUE(server.Start());
     support::WriteText(dir / "precious", "x");
     CMetricsServer other(On("unix:" + (dir / "precious")), [] { return std::string(); });
-    EXPECT_FALSE(other.Start());
+    ASSERT_TRUE(support::IsOk(other.Start()));
+    EXPECT_EQ(other.Address(), "");
     EXPECT_EQ(support::ReadText(dir / "precious"), "x");
+    unlink((dir / "precious").c_str());
+    EXPECT_TRUE(support::Eventually([&] {
+        other.TryAgain();
+        return other.Address() == "unix:" + (dir / "precious");
+    }));
+}
+
+TEST(MetricsServerTest, AnAddressThatIsTakenIsHadWhenItIsFree) {
+    support::TakeLog();
+    support::TempDir dir;
+    auto first = std::make_unique<CMetricsServer>(On("127.0.0.1:0"), [] { return std::string("m 1\n"); });
+    ASSERT_TRUE(support::IsOk(first->Start()));
+    MetricsOptions options = On(first->Address());
+    options.textFile = dir / "zel.prom";
+    CMetricsServer second(options, [] { return std::string("m 2\n"); });
+    ASSERT_TRUE(support::IsOk(second.Start()));
+    EXPECT_EQ(second.Address(), "");
+    EXPECT_TRUE(support::Eventually([&] { return support::ReadText(dir / "zel.prom") == "m 2\n"; }))
+        << "what needs no address does not wait for it";
+    second.TryAgain();
+    EXPECT_THAT(Talk(first->Address(), "GET /metrics HTTP/1.1\r\n\r\n"), testing::EndsWith("m 1\n"));
+    first.reset();
+    EXPECT_TRUE(support::Eventually([&] {
+        second.TryAgain();
+        return second.Address() == options.listen;
+    }));
+    EXPECT_THAT(Talk(options.listen, "GET /metrics HTTP/1.1\r\n\r\n"), testing::EndsWith("m 2\n"));
+    EXPECT_EQ(support::LogCount("it is tried again"), 1u);
+    EXPECT_TRUE(support::LogHolds("3 metrics: served at " + options.listen + " now"));
 }
 
 TEST(MetricsServerTest, SilentOrChattyClientDoesNotHoldUpTheNext) {
@@ -206,6 +236,29 @@ TEST(MetricsServerTest, TheTextFileIsRenewedWhole) {
     EXPECT_TRUE(support::Eventually([&] { return support::ReadText(dir / "zel.prom") == "m 2\n"; }));
     server.Stop();
     EXPECT_EQ(support::NamesIn(dir.Path()), Lines{"zel.prom"});
+}
+
+TEST(MetricsServerTest, TheTextFileIsAnotherOneFromNowOn) {
+    support::TempDir dir;
+    std::atomic<int> made{0};
+    CMetricsServer server(On("127.0.0.1:0"), [&] { return "m " + std::to_string(++made) + "\n"; });
+    ASSERT_TRUE(support::IsOk(server.Start()));
+    EXPECT_EQ(support::NamesIn(dir.Path()), Lines{});
+    const auto has = [&](const Lines& names) {
+        return support::Eventually([&] { return support::NamesIn(dir.Path()) == names; });
+    };
+    server.SetTextFile(dir / "a.prom", 3600000);
+    EXPECT_TRUE(has({"a.prom"}));
+    server.SetTextFile(dir / "b.prom", 100);
+    EXPECT_TRUE(has({"b.prom"})) << "figures that nobody renews would be collected for ever";
+    const int before = made;
+    EXPECT_TRUE(support::Eventually([&] { return made > before; })) << "its rhythm";
+    server.SetTextFile("", 100);
+    EXPECT_TRUE(has({}));
+    for (int i = 0; i < 100; ++i)
+        server.SetTextFile(i % 3 == 0 ? "" : dir / ("c" + std::to_string(i % 3) + ".prom"), 100);
+    server.SetTextFile(dir / "last.prom", 100);
+    EXPECT_TRUE(has({"last.prom"}));
 }
 
 TEST(KeptTextTest, IsMadeAgainWhenItIsOldAndAFailureIsKeptToo) {

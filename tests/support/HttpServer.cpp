@@ -1,5 +1,5 @@
 // A small HTTP server on a loopback port.
-#include "events/HttpServer.h"
+#include "support/HttpServer.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
