@@ -34,10 +34,24 @@ Result<GroupDir> OpenBesideTree(const Branch& branch) {
     return MakeRestLeaf(branch);
 }
 
+/// Returns: the group from which the main process came, as the tree says. kNotFound: that was the base, or is not
+/// known.
+Result<GroupDir> OpenOrigin(const Branch& branch) {
+    Result<GroupDir> tree = OpenTree(branch);
+    if (!tree) return tree;
+    const std::string origin = ReadOrigin(*tree);
+    if (branch.placement->IsBelowBase(origin) && !branch.Tree().Holds(origin)) {
+        return OpenGroup(branch.hierarchy, origin);
+    }
+    return MakeError(ErrorKind::kNotFound, "find the origin of", tree->Path());
+}
+
 Status Evacuate(const Branch& branch, const GroupDir& group) {
     Result<std::vector<int>> pids = group.Processes();
     if (!pids) return pids.GetError();
     if (pids->empty()) return {};
+    Result<GroupDir> origin = OpenOrigin(branch);
+    if (origin && MoveAll(group, *origin)) return {};
     Result<GroupDir> outside = OpenBesideTree(branch);
     if (!outside) return outside.GetError();
     Result<int> moved = MoveAll(group, *outside);
@@ -47,13 +61,18 @@ Status Evacuate(const Branch& branch, const GroupDir& group) {
 /// Makes the controller usable below the base. Processes of a delegated base move to the leaf beside the tree first.
 Status PrepareForTree(const Branch& branch, Controller controller) {
     if (branch.GetVersion() == Version::kV1) return {};
-    if (!branch.placement->delegated) return PrepareBase(*branch.placement, controller, branch.placement->base);
-    Result<bool> enabled = branch.placement->base.IsEnabledForChildren(ControllerName(controller));
+    const GroupDir& base = branch.placement->base;
+    Result<bool> enabled = base.IsEnabledForChildren(ControllerName(controller));
     if (!enabled) return enabled.GetError();
     if (*enabled) return {};
+    Result<std::vector<int>> members = base.Processes();
+    if (!members) return members.GetError();
+    if (base.IsHierarchyRoot() || (!branch.placement->delegated && members->empty())) {
+        return PrepareBase(branch.hierarchy, *branch.placement, controller, base);
+    }
     Result<GroupDir> rest = MakeRestLeaf(branch);
     if (!rest) return rest.GetError();
-    return PrepareBase(*branch.placement, controller, *rest);
+    return PrepareBase(branch.hierarchy, *branch.placement, controller, *rest);
 }
 
 Status EnableWanted(const Branch& branch, const Flags& wanted, const GroupDir& group) {
@@ -131,6 +150,10 @@ Result<GroupDir> MakeTree(const Branch& branch, const Flags& wanted) {
         if (!prepared) return prepared.GetError();
     }
     Result<GroupDir> tree = MakeOwnChild(branch.placement->base, AgentGroupName());
+    if (tree) {
+        KeepPlace(branch);
+        NoteOrigin(*tree, branch.placement->origin);
+    }
     if (!tree || branch.GetVersion() == Version::kV1) return tree;
     // Version 2 takes no process beside children with controllers: strays out first, controllers on afterwards.
     Status ready = Evacuate(branch, *tree);
@@ -165,6 +188,8 @@ Result<GroupDir> MakeLeaf(const Branch& branch, const Flags& wanted, const std::
 }
 
 Status MoveBesideTree(const Branch& branch, int pid) {
+    Result<GroupDir> origin = OpenOrigin(branch);
+    if (origin && origin->MoveHere(pid)) return {};
     Result<GroupDir> outside = OpenBesideTree(branch);
     return outside ? outside->MoveHere(pid) : Status(outside.GetError());
 }

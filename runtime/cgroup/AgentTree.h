@@ -21,8 +21,8 @@ Result<GroupDir> MakeGroup(const Branch& branch, const Flags& wanted, const Grou
 /// Makes a leaf with its group; the tree must be there.
 Result<GroupDir> MakeLeaf(const Branch& branch, const Flags& wanted, const std::string& group, const std::string& leaf);
 
-/// Moves a process out of the tree where nothing is known of its origin: to the base, or, where the kernel allows no
-/// process in it, to a leaf of ours beside the tree.
+/// Moves a process out of the tree where nothing is known of its own origin: to the main process's, or, where that is
+/// unknown, gone or takes no process, to the base or a leaf of ours beside the tree.
 Status MoveBesideTree(const Branch& branch, int pid);
 /// The same for a process that was born inside: it goes to where `like`, its main process, is, so that it is under the
 /// limits of others that hold for that; only where that is in the tree itself, or its group takes nobody, beside it.

@@ -2,9 +2,12 @@
 #include "Branch.h"
 
 #include <algorithm>
+#include <map>
+#include <tuple>
 #include <utility>
 
 #include "OwnGroup.h"
+#include "base/Mutex.h"
 
 namespace zel {
 namespace cgroup {
@@ -14,9 +17,48 @@ bool IsSameMount(const Hierarchy& a, const Hierarchy& b) {
     return a.devMajor == b.devMajor && a.devMinor == b.devMinor && a.mountPoint == b.mountPoint;
 }
 
+struct KeptPlace {
+    std::string path;
+    bool delegated = false;
+};
+
+/// The places of the trees that this process has made, by hierarchy and name.
+struct KeptPlaces {
+    using Key = std::tuple<unsigned, unsigned, std::string>;
+    base::Mutex mutex;
+    std::map<Key, KeptPlace> places ZEL_GUARDED_BY(mutex);
+
+    static Key KeyOf(const Hierarchy& hierarchy) { return {hierarchy.devMajor, hierarchy.devMinor, AgentGroupName()}; }
+};
+
+KeptPlaces& ProcessPlaces() {
+    static KeptPlaces* const places = new KeptPlaces;
+    return *places;
+}
+
+KeptPlace KeptPlaceOf(const Hierarchy& hierarchy) {
+    KeptPlaces& all = ProcessPlaces();
+    const base::MutexLock lock(all.mutex);
+    const auto known = all.places.find(KeptPlaces::KeyOf(hierarchy));
+    return known == all.places.end() ? KeptPlace() : known->second;
+}
+
+/// A process that was moved, or whose group's limit was lifted for a while, finds its tree again.
+void TakeKeptPlace(const Hierarchy& hierarchy, Result<Placement>& found) {
+    const KeptPlace kept = KeptPlaceOf(hierarchy);
+    if (kept.path.empty() || (found && IsAtOrBelow(found->groupPath, kept.path))) return;
+    Result<GroupDir> base = OpenGroup(hierarchy, kept.path);
+    if (!base) return;
+    const bool free = found && !found->bound;
+    if (!free && !OpenOwnChild(*base, AgentGroupName())) return;
+    Result<Placement> placement = PlacementAt(hierarchy, kept.path, kept.delegated);
+    if (placement) found = std::move(placement);
+}
+
 std::shared_ptr<Branch> MakeBranch(Hierarchy hierarchy, const LayoutTexts& texts) {
     auto branch = std::make_shared<Branch>();
     Result<Placement> placement = FindPlacement(hierarchy, texts);
+    TakeKeptPlace(hierarchy, placement);
     if (placement) {
         branch->placement = std::move(*placement);
     } else {
@@ -69,6 +111,12 @@ Branches FindBranches() {
         out.of[controller]->serves[controller] = true;
     }
     return out;
+}
+
+void KeepPlace(const Branch& branch) {
+    KeptPlaces& all = ProcessPlaces();
+    const base::MutexLock lock(all.mutex);
+    all.places[KeptPlaces::KeyOf(branch.hierarchy)] = {branch.placement->groupPath, branch.placement->delegated};
 }
 
 Result<GroupDir> OpenTree(const Branch& branch) {

@@ -11,6 +11,7 @@
 #include "GroupDir.h"
 #include "GroupTypes.h"
 #include "Hierarchy.h"
+#include "Placement.h"
 
 namespace zel {
 namespace cgroup {
@@ -41,8 +42,12 @@ struct Branches {
     std::string PlaceText(Controller controller) const;
 };
 
-/// Looks at the mounts and at this process's groups.
+/// Looks at the mounts and at this process's groups. Where this process has made its tree it stays, wherever the
+/// process is put later, unless limits of others want another place and the tree is not there any more.
 Branches FindBranches();
+
+/// Notes that the tree is made here.
+void KeepPlace(const Branch& branch);
 
 /// Opens the agent's parent group. kNotFound: there is no tree.
 Result<GroupDir> OpenTree(const Branch& branch);

@@ -38,6 +38,7 @@ constexpr char kCpuMaxBurst[] = "cpu.max.burst";
 constexpr char kCpuStat[] = "cpu.stat";
 constexpr char kMemMax[] = "memory.max";
 constexpr char kMemHigh[] = "memory.high";
+constexpr char kMemSwapMax[] = "memory.swap.max";
 constexpr char kMemLow[] = "memory.low";
 constexpr char kMemCurrent[] = "memory.current";
 constexpr char kMemStat[] = "memory.stat";

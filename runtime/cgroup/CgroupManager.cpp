@@ -50,6 +50,7 @@ bool AreSameGroups(const GroupTargets& a, const GroupTargets& b) {
         return one.cpu == other.cpu && one.memory == other.memory;
     };
     return a.wanted.cpu == b.wanted.cpu && a.wanted.memory == b.wanted.memory && same(a.total, b.total) &&
+           SameLimit(Controller::kCpu, a.outer, b.outer) &&
            std::equal(a.groups.begin(), a.groups.end(), b.groups.begin(), b.groups.end(),
                       [&](const GroupTarget& one, const GroupTarget& other) {
                           return one.name == other.name && same(one.limits, other.limits);
@@ -124,6 +125,7 @@ bool CCgroupManager::Impl::Reconcile(const Flags& wanted, const CgroupTotalLimit
     std::vector<Error> problems;
     GroupTargets next = BuildGroupTargets(wanted, total, groups, problems);
     next.leaves = std::move(targets.leaves);
+    if (branches.of.cpu && branches.of.cpu->placement) next.outer = branches.of.cpu->placement->outer;
     targets = std::move(next);
     published.valid = false;
     keeper.ForgetGroups();

@@ -41,8 +41,10 @@ Status ComponentPublisher::AddParents(const std::string& path, const Amounts& am
         if (!tree) return tree.GetError();
         Result<GroupIdentity> identity = tree->Identity();
         if (!identity) return identity.GetError();
-        file.Parent(controller) = {true, tree->Path(), tree->GetVersion(), identity->inode,
-                                   std::max(0, amounts[controller])};
+        const Limit asked = LimitFromAmount(controller, m_targets.total[controller]);
+        const Limit inForce = TotalLimit(m_targets, tree->GetVersion(), controller);
+        const int amount = SameLimit(controller, asked, inForce) ? amounts[controller] : AmountOf(controller, inForce);
+        file.Parent(controller) = {true, tree->Path(), tree->GetVersion(), identity->inode, std::max(0, amount)};
     }
     if (file.cpu.present || file.memory.present) return {};
     return MakeError(ErrorKind::kNoController, "write", path, "no controller is in use");

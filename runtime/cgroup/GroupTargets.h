@@ -11,6 +11,7 @@
 
 #include "Errors.h"
 #include "GroupTypes.h"
+#include "LimitUnits.h"
 #include "platform/zel/CgroupRecords.h"
 
 namespace zel {
@@ -41,6 +42,7 @@ struct LeafKey {
 struct GroupTargets {
     Flags wanted;  ///< a controller that is not wanted has no limit anywhere in the tree
     Amounts total;
+    Limit outer;  ///< what others leave at the tree's base, of the CPU where version 1 serves it; else no limit
     std::vector<GroupTarget> groups;               ///< the main process's group is always among them
     std::optional<std::map<LeafKey, int>> leaves;  ///< quotas as last published; empty: nothing was published yet
 

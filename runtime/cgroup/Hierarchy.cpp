@@ -1,4 +1,4 @@
-// Decision v1, v2 or none per controller, and the place where the agent may make groups.
+// Decision v1, v2 or none per controller, and the marks of delegation.
 #include "Hierarchy.h"
 
 #include <fcntl.h>
@@ -114,38 +114,6 @@ std::string FindMarkedGroup(const std::string& mountPoint, const std::string& mo
     return {};
 }
 
-// Marks stand on the hierarchy in which the service manager keeps its units: cgroup2, or name=systemd beside it.
-std::string FindDelegatedGroup(const Hierarchy& hierarchy, const LayoutTexts& texts) {
-    const std::vector<CgroupMembership> own = ParseProcCgroup(texts.selfCgroup);
-    for (const CgroupMount& mount : ParseMountInfo(texts.mountInfo)) {
-        const bool service = !mount.v2 && std::find(mount.controllers.begin(), mount.controllers.end(),
-                                                    kServiceHierarchy) != mount.controllers.end();
-        if (!mount.v2 && !service) continue;
-        if (hierarchy.version == Version::kV2 && !mount.v2) continue;
-        const std::string path = MembershipPath(own, mount.v2 ? "" : kServiceHierarchy);
-        if (path.empty() || path == "/") continue;
-        const std::string marked =
-            FindMarkedGroup(mount.mountPoint, mount.root, path, mount.v2 ? Version::kV2 : Version::kV1);
-        if (!marked.empty() && marked != "/") return marked;
-    }
-    return {};
-}
-
-// Returns: the last component of the path that names a service of the service manager; "" when there is none.
-std::string ServiceIn(const std::string& path) {
-    static constexpr std::string_view kSuffix = ".service";
-    std::string rest = path;
-    while (rest.size() > 1) {
-        const std::string name = rest.substr(rest.rfind('/') + 1);
-        if (name.size() > kSuffix.size() && name.compare(name.size() - kSuffix.size(), kSuffix.size(), kSuffix) == 0) {
-            return name;
-        }
-        rest = ParentOf(rest);
-        if (rest == "/") break;
-    }
-    return {};
-}
-
 }  // namespace
 
 Result<LayoutTexts> ReadLayoutTexts() {
@@ -168,8 +136,20 @@ std::string Hierarchy::DirectoryOf(std::string_view groupPath) const {
     return Join(mountPoint, relative);
 }
 
+std::optional<std::string> Hierarchy::BelowMount(std::string_view groupPath) const {
+    std::string relative;
+    if (groupPath.empty() || groupPath.front() != '/' || !RelativeTo(groupPath, mountRoot, relative)) return {};
+    return relative;
+}
+
 bool Territory::Holds(const std::string& groupPath) const {
-    return !path.empty() && (groupPath == path || groupPath.compare(0, path.size() + 1, path + "/") == 0);
+    return !path.empty() && IsAtOrBelow(groupPath, path);
+}
+
+bool IsAtOrBelow(std::string_view path, std::string_view above) {
+    if (path.empty()) return false;
+    if (above == "/" || path == above) return true;
+    return path.size() > above.size() && path.substr(0, above.size()) == above && path[above.size()] == '/';
 }
 
 std::vector<Hierarchy> DecideHierarchy(Controller controller, const LayoutTexts& texts) {
@@ -245,53 +225,35 @@ Hierarchy FindHierarchy(Controller controller, const LayoutTexts& texts) {
     return NoHierarchy(controller, "controller " + name + " cannot be used: " + why);
 }
 
-Result<Placement> FindPlacement(const Hierarchy& hierarchy, const LayoutTexts& texts) {
-    const std::string name = ControllerName(hierarchy.controller);
-    if (hierarchy.version == Version::kNone) {
-        return MakeError(ErrorKind::kNoController, "use controller", name, hierarchy.reason);
+// Marks stand on the hierarchy in which the service manager keeps its units: cgroup2, or name=systemd beside it.
+std::string FindDelegatedGroup(const Hierarchy& hierarchy, const LayoutTexts& texts) {
+    const std::vector<CgroupMembership> own = ParseProcCgroup(texts.selfCgroup);
+    for (const CgroupMount& mount : ParseMountInfo(texts.mountInfo)) {
+        const bool service = !mount.v2 && std::find(mount.controllers.begin(), mount.controllers.end(),
+                                                    kServiceHierarchy) != mount.controllers.end();
+        if (!mount.v2 && !service) continue;
+        if (hierarchy.version == Version::kV2 && !mount.v2) continue;
+        const std::string path = MembershipPath(own, mount.v2 ? "" : kServiceHierarchy);
+        if (path.empty() || path == "/") continue;
+        const std::string marked =
+            FindMarkedGroup(mount.mountPoint, mount.root, path, mount.v2 ? Version::kV2 : Version::kV1);
+        if (!marked.empty() && marked != "/") return marked;
     }
-    if (hierarchy.readOnly) {
-        return ErrnoError(EROFS, "use controller " + name + " at", hierarchy.mountPoint,
-                          "remount it read-write, or set ProtectControlGroups=no in the unit");
-    }
-    Result<GroupDir> root = GroupDir::Open(hierarchy.mountPoint, hierarchy.version);
-    if (!root) return root.GetError();
-
-    Placement out;
-    const std::string marked = FindDelegatedGroup(hierarchy, texts);
-    std::string relative;
-    if (!marked.empty() && RelativeTo(marked, hierarchy.mountRoot, relative)) {
-        Result<GroupDir> base = root->OpenBelow(relative);
-        if (base) {
-            out.base = std::move(*base);
-            out.groupPath = marked;
-            out.delegated = true;
-            out.reason = "inside the group that the service manager delegated, " + marked;
-            return out;
-        }
-        // Version 1: a unit without a directory of its own in this hierarchy; the root is as good as any place.
-        if (hierarchy.version == Version::kV2) return base.GetError();
-    }
-    if (hierarchy.version == Version::kV2) {
-        const std::string service = ServiceIn(hierarchy.ownPath);
-        if (!service.empty()) {
-            return MakeError(ErrorKind::kNotDelegated, "make groups for", hierarchy.ownPath,
-                             service + " is not delegated: add Delegate=yes to its [Service] section");
-        }
-    }
-    out.base = std::move(*root);
-    out.groupPath = hierarchy.mountRoot;
-    out.reason = "in a group of its own at the root of the hierarchy";
-    return out;
+    return {};
 }
 
-Status PrepareBase(const Placement& placement, Controller controller, const GroupDir& leaf) {
-    if (placement.base.GetVersion() != Version::kV2) return {};
-    Status enabled = placement.base.EnableForChildren(ControllerName(controller));
-    if (enabled || enabled.GetError().kind != ErrorKind::kBusy || !placement.delegated) return enabled;
-    Result<int> moved = MoveAll(placement.base, leaf);
-    if (!moved) return moved.GetError();
-    return placement.base.EnableForChildren(ControllerName(controller));
+std::string ServiceIn(const std::string& path) {
+    static constexpr std::string_view kSuffix = ".service";
+    std::string rest = path;
+    while (rest.size() > 1) {
+        const std::string name = rest.substr(rest.rfind('/') + 1);
+        if (name.size() > kSuffix.size() && name.compare(name.size() - kSuffix.size(), kSuffix.size(), kSuffix) == 0) {
+            return name;
+        }
+        rest = ParentOf(rest);
+        if (rest == "/") break;
+    }
+    return {};
 }
 
 std::string AgentGroupName() {
@@ -312,14 +274,14 @@ std::string ApplicationTag(std::string_view applicationDir) {
 }
 
 Result<GroupDir> OpenGroup(const Hierarchy& hierarchy, std::string_view groupPath) {
-    std::string relative;
-    if (groupPath.empty() || groupPath.front() != '/' || !RelativeTo(groupPath, hierarchy.mountRoot, relative)) {
+    const std::optional<std::string> relative = hierarchy.BelowMount(groupPath);
+    if (!relative) {
         return MakeError(ErrorKind::kNotFound, "open group", std::string(groupPath),
                          "the mount at " + hierarchy.mountPoint + " does not show it");
     }
     Result<GroupDir> root = GroupDir::Open(hierarchy.mountPoint, hierarchy.version);
     if (!root) return root;
-    return root->OpenBelow(relative);
+    return root->OpenBelow(*relative);
 }
 
 Result<std::string> ReadGroupOf(int pid, const Hierarchy& hierarchy) {

@@ -1,7 +1,8 @@
-// Which hierarchy serves a controller on this host, and where in it the agent may make groups.
+// Which hierarchy serves a controller on this host, and this process's own group in it.
 // Reads /proc/self/mountinfo, /proc/self/cgroup, /proc/cgroups, cgroup.controllers and the delegation marks.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,6 +37,9 @@ struct Hierarchy {
 
     /// Returns: directory of a group given from the hierarchy's root; empty when the mount does not show it.
     std::string DirectoryOf(std::string_view groupPath) const;
+    /// Returns: a group, given from the hierarchy's root, as it is called below the mount point, without leading '/';
+    /// nothing when the mount does not show it.
+    std::optional<std::string> BelowMount(std::string_view groupPath) const;
 };
 
 /// A group of ours with everything below it, in one hierarchy.
@@ -55,26 +59,15 @@ std::vector<Hierarchy> DecideHierarchy(Controller controller, const LayoutTexts&
 /// covered by another mount, and (version 2) offers the controller. Version::kNone carries the reason.
 Hierarchy FindHierarchy(Controller controller, const LayoutTexts& texts);
 
-/// Where groups may be made.
-struct Placement {
-    GroupDir base;           ///< the agent's groups are children of it
-    std::string groupPath;   ///< base from the hierarchy's root
-    bool delegated = false;  ///< base was given to us by a service manager
-    std::string reason;      ///< one sentence
+/// Returns: whether the group `path` is `above` or lies below it; both from the hierarchy's root.
+bool IsAtOrBelow(std::string_view path, std::string_view above);
 
-    /// Returns: a child of the base, from the hierarchy's root.
-    std::string PathOf(const std::string& child) const { return (groupPath == "/" ? "" : groupPath) + "/" + child; }
-};
-
-/// Finds the base: the nearest group at or above our own that a service manager has delegated; else the hierarchy's
-/// root (the namespace's, in a container). Version 2: a service that is not delegated is left alone (kNotDelegated),
-/// since a process that leaves its unit's group is lost to the service manager.
+/// The nearest group at or above this process's own that a service manager has marked as delegated; empty when none is.
 /// Kernel: version 1 carries the marks on the name=systemd hierarchy (or on cgroup2 in hybrid layouts).
-Result<Placement> FindPlacement(const Hierarchy& hierarchy, const LayoutTexts& texts);
+std::string FindDelegatedGroup(const Hierarchy& hierarchy, const LayoutTexts& texts);
 
-/// Version 2: makes the controller usable in children of the base. In a delegated group its processes are first moved
-/// to `leaf`, a child of the base, as the kernel allows no process beside children with controllers.
-Status PrepareBase(const Placement& placement, Controller controller, const GroupDir& leaf);
+/// Pure. Returns: the last component of the path that names a service of the service manager; empty when there is none.
+std::string ServiceIn(const std::string& path);
 
 /// Returns: name of the agent's parent group. "zel.agent", unless the environment variable ZEL_CGROUP_NAME holds
 /// another safe name (tests beside each other on one machine). An unsafe one is ignored.

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Limits.h"
+#include "OwnGroup.h"
 #include "ProcessTable.h"
 #include "base/ProcFiles.h"
 #include "base/TextScan.h"
@@ -78,6 +79,10 @@ Status LegacyGroup::Attach(bool make) {
     const GroupDir& base = placement->base;
     Result<GroupDir> group = make ? base.MakeChild(m_options.groupName) : base.OpenChild(m_options.groupName);
     if (!group) return group.GetError();
+    // Without the mark it would be taken for a limit of others by who is in it. It is one thing beside the name.
+    Result<bool> marked = IsMarkedOwn(*group);
+    if (make && marked && !*marked) static_cast<void>(MarkOwn(*group));
+    if (make) NoteOrigin(*group, placement->origin);
     m_hierarchy = std::move(hierarchy);
     m_placement = std::move(*placement);
     m_group = std::move(*group);
@@ -85,7 +90,7 @@ Status LegacyGroup::Attach(bool make) {
 }
 
 Status LegacyGroup::PrepareForLimit() const {
-    Status prepared = PrepareBase(m_placement, m_controller, m_group);
+    Status prepared = PrepareBase(m_hierarchy, m_placement, m_controller, m_group);
     if (!prepared) return prepared;
     const char* file = LimitFileOf(m_controller, m_group.GetVersion());
     if (m_group.HasFile(file) || !m_group.IsAlive()) return {};
@@ -214,6 +219,11 @@ std::vector<int> LegacyGroup::Foreign() const {
 // Version 2: the base cannot hold processes while it gives controllers to its children. We gave them; they are taken
 // back, unless the unified tree uses them.
 Status LegacyGroup::ReturnToBase(int pid) const {
+    const std::string origin = ReadOrigin(m_group);
+    if (m_placement.IsBelowBase(origin) && !Ours().Holds(origin)) {
+        Result<GroupDir> before = OpenGroup(m_hierarchy, origin);
+        if (before && before->MoveHere(pid)) return {};
+    }
     Status moved = m_placement.base.MoveHere(pid);
     if (moved || moved.GetError().kind != ErrorKind::kBusy) return moved;
     for (const Controller controller : kAllControllers) {

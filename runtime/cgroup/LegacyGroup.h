@@ -12,6 +12,7 @@
 #include "Hierarchy.h"
 #include "LimitUnits.h"
 #include "Membership.h"
+#include "Placement.h"
 
 namespace zel {
 namespace cgroup {

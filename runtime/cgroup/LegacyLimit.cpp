@@ -10,6 +10,7 @@
 
 #include "CgroupFiles.h"
 #include "OwnPlacement.h"
+#include "Placement.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/KernelVersion.h"
 #include "platform/zel/LogMessage.h"

@@ -15,12 +15,19 @@ Limit Clamped(Controller controller, Version version, const Limit& limit, const 
     return binds && IsLimited(controller, limit) && IsTighter(controller, bound, limit) ? bound : limit;
 }
 
+/// Returns: what binds the groups: the total limit, or what others leave where there is none.
+Limit Bound(const GroupTargets& targets, Controller controller, const Limit& total) {
+    const bool byOthers = controller == Controller::kCpu && !IsLimited(controller, total);
+    return byOthers ? targets.outer : total;
+}
+
 /// What one controller's tree is to be, from the top down.
 class Wishes {
 public:
     Wishes(const GroupTargets& targets, const TreeFacts& facts, Controller controller)
         : m_targets(targets), m_facts(facts), m_controller(controller) {
-        if (targets.wanted[controller]) m_total = LimitFromAmount(controller, targets.total[controller]);
+        if (targets.wanted[controller]) m_total = TotalLimit(targets, facts.version, controller);
+        m_bound = Bound(targets, controller, m_total);
     }
 
     /// Returns: the target of a node, empty when there is none and what is there stays. Requires: nodes in their order.
@@ -29,9 +36,9 @@ public:
         if (!limit) return limit;
         const auto group = m_groups.find(node.group);
         const bool bySelf = node.Depth() < 2 || group == m_groups.end();
-        limit = Clamped(m_controller, m_facts.version, *limit, bySelf ? m_total : group->second);
+        limit = Clamped(m_controller, m_facts.version, *limit, bySelf ? m_bound : group->second);
         // What binds the leaves of a group without a limit of its own is the total.
-        if (node.Depth() == 1) m_groups[node.group] = IsLimited(m_controller, *limit) ? *limit : m_total;
+        if (node.Depth() == 1) m_groups[node.group] = IsLimited(m_controller, *limit) ? *limit : m_bound;
         return limit;
     }
 
@@ -57,6 +64,7 @@ private:
     const TreeFacts& m_facts;
     const Controller m_controller;
     Limit m_total;
+    Limit m_bound;                          ///< of the groups: the total, or what others leave where there is none
     std::map<std::string, Limit> m_groups;  ///< what binds the leaves of each group
 };
 
@@ -101,10 +109,14 @@ LimitPlan PlanLimits(const GroupTargets& targets, const TreeFacts& facts, Contro
     return plan;
 }
 
+Limit TotalLimit(const GroupTargets& targets, Version version, Controller controller) {
+    return Clamped(controller, version, LimitFromAmount(controller, targets.total[controller]), targets.outer);
+}
+
 Limit LeafLimit(const GroupTargets& targets, Version version, const LeafKey& key, int quota) {
     const Controller controller = key.controller;
-    const Limit total = LimitFromAmount(controller, targets.total[controller]);
-    const Limit limit = Clamped(controller, version, LimitFromAmount(controller, quota), total);
+    const Limit bound = Bound(targets, controller, TotalLimit(targets, version, controller));
+    const Limit limit = Clamped(controller, version, LimitFromAmount(controller, quota), bound);
     const GroupTarget* group = targets.Find(key.group);
     if (group == nullptr) return limit;
     return Clamped(controller, version, limit, LimitFromAmount(controller, group->limits[controller]));

@@ -60,10 +60,12 @@ struct LimitPlan {
 /// Plans one controller of one tree: what grows from the top down, then what shrinks from the leaves up, so that no
 /// group is ever above its parent on the way.
 /// A group that is not configured and a leaf that was not published keep their limit, as far as their parent's allows.
-/// Kernel: version 1 refuses a CPU quota above the parent's, where version 2 takes the lower one. There the lower one
-/// is the target.
+/// Kernel: version 1 refuses a CPU quota above the parent's, be it one of ours or one of others above the tree, where
+/// version 2 takes the lower one. There the lower one is the target.
 LimitPlan PlanLimits(const GroupTargets& targets, const TreeFacts& facts, Controller controller);
 
+/// Returns: the total limit as the plan would write it.
+Limit TotalLimit(const GroupTargets& targets, Version version, Controller controller);
 /// Returns: the limit as the plan would write it, for a leaf that is about to be made.
 Limit LeafLimit(const GroupTargets& targets, Version version, const LeafKey& key, int quota);
 

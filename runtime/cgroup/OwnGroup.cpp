@@ -17,6 +17,8 @@ namespace {
 /// The mark, and its form for an agent that is not root in a delegated group of version 2.
 constexpr const char* kMarkNames[] = {"trusted.zel.agent", "user.zel.agent"};
 constexpr size_t kMaxMarkBytes = 64;
+constexpr const char* kOriginNames[] = {"trusted.zel.origin", "user.zel.origin"};
+constexpr size_t kMaxOriginBytes = 4096;
 
 std::string OwnTag() {
     return ApplicationTag(CToolUtil::GetApplicationDirPath());
@@ -67,6 +69,23 @@ Result<bool> IsMarkedOwn(const GroupDir& group) {
         }
     }
     return false;
+}
+
+void NoteOrigin(const GroupDir& group, const std::string& path) {
+    if (path.empty() || path.size() > kMaxOriginBytes) return;
+    for (const char* name : kOriginNames) {
+        const int written = fsetxattr(group.Descriptor(), name, path.data(), path.size(), XATTR_CREATE);
+        if (written == 0 || errno == EEXIST) return;
+    }
+}
+
+std::string ReadOrigin(const GroupDir& group) {
+    for (const char* name : kOriginNames) {
+        char value[kMaxOriginBytes] = {};
+        const ssize_t size = fgetxattr(group.Descriptor(), name, value, sizeof value);
+        if (size > 0) return std::string(value, static_cast<size_t>(size));
+    }
+    return {};
 }
 
 Result<GroupDir> OpenOwnChild(const GroupDir& parent, const std::string& name) {

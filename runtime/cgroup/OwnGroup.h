@@ -1,6 +1,7 @@
 // Which groups are ours. Every group of ours carries a mark that only root can set, so that a group of somebody else,
 // whatever its name, is never touched, and ours are known again after a crash.
-// Touches the extended attributes trusted.zel.agent and user.zel.agent of a group's directory.
+// With the mark stands where the agent's processes came from, for those that are born inside and have to leave.
+// Touches the extended attributes trusted.zel.agent, trusted.zel.origin and the same of user of a group's directory.
 #pragma once
 
 #include <string>
@@ -14,6 +15,12 @@ namespace cgroup {
 
 Status MarkOwn(const GroupDir& group);
 Result<bool> IsMarkedOwn(const GroupDir& group);
+
+/// Writes to a group of ours from which group the main process came into it; that is the first one that is written.
+/// What cannot be written is no failure: who leaves goes to the group's parent then.
+void NoteOrigin(const GroupDir& group, const std::string& path);
+/// Returns: what was noted, empty when nothing was.
+std::string ReadOrigin(const GroupDir& group);
 
 /// Opens the child if it is ours, makes it if it is not there.
 /// An unmarked child that is empty (prepared by an operator, or left by a crash between two system calls) is taken over

@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "Limits.h"
+#include "Placement.h"
 #include "RealKernel.h"
 #include "support/Faults.h"
 

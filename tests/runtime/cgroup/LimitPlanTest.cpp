@@ -121,6 +121,22 @@ TEST(LimitPlanTest, HoldsACpuQuotaToTheParentsOnVersion1Only) {
     }
 }
 
+TEST(LimitPlanTest, HoldsTheTreeToWhatOthersLeaveAboveIt) {
+    GroupTargets targets = Targets(9000, 0, {{"main", {4000, 0}}, {"guard", {0, 0}}});
+    targets.leaves = {{{kCpu, "main", "T"}, 3500}, {{kCpu, "guard", "U"}, 5000}};
+    targets.outer = LimitFromAmount(kCpu, 3000);
+    const std::vector<GroupFacts> nodes = {Node("", "", 0, 0), Node("guard", "", 0, 0), Node("guard", "U", 0, 0),
+                                           Node("main", "", 0, 0), Node("main", "T", 0, 0)};
+    EXPECT_THAT(Planned(targets, Tree(Version::kV1, nodes), kCpu),
+                ElementsAre("/t/guard/U 0>3000", "/t/main/T 0>3000", "/t/main 0>3000", "/t 0>3000"));
+    EXPECT_EQ(3000, AmountOf(kCpu, LeafLimit(targets, Version::kV1, {kCpu, "guard", "U"}, 5000)));
+    targets.total.cpu = 0;
+    EXPECT_THAT(Planned(targets, Tree(Version::kV1, nodes), kCpu),
+                ElementsAre("/t/guard/U 0>3000", "/t/main/T 0>3000", "/t/main 0>3000"));
+    EXPECT_EQ(3000, AmountOf(kCpu, LeafLimit(targets, Version::kV1, {kCpu, "guard", "U"}, 5000)));
+    EXPECT_EQ(9000, AmountOf(kCpu, TotalLimit(Targets(9000, 0, {}), Version::kV1, kCpu)));
+}
+
 TEST(LimitPlanTest, HoldsALeafToTheTotalWhereItsGroupHasNoLimit) {
     GroupTargets targets = Targets(1000, 0, {{"main", {0, 0}}});
     targets.leaves = {{{kCpu, "main", "T"}, 3000}};

@@ -7,12 +7,47 @@
 
 #include "support/Faults.h"
 #include "Hierarchy.h"
+#include "Placement.h"
 #include "RealKernel.h"
+#include "OwnGroup.h"
 #include "base/ProcGroups.h"
+#include "support/Waiting.h"
 
 using namespace zel::cgroup;
 
 namespace {
+
+/// Another program that is nobody's child here.
+class Stranger {
+public:
+    Stranger() {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(0, pipe(ends));
+        const pid_t between = fork();
+        if (between == 0) {
+            const pid_t own = fork();
+            if (own == 0) {
+                close(ends[0]);
+                close(ends[1]);
+                execl("/bin/sleep", "sleep", "1000", nullptr);
+            }
+            _exit(write(ends[1], &own, sizeof own) == sizeof own ? 0 : 1);
+        }
+        waitpid(between, nullptr, 0);
+        EXPECT_EQ(static_cast<ssize_t>(sizeof m_pid), read(ends[0], &m_pid, sizeof m_pid));
+        close(ends[0]);
+        close(ends[1]);
+    }
+    ~Stranger() {
+        if (m_pid > 0) kill(m_pid, SIGKILL);
+    }
+    Stranger(const Stranger&) = delete;
+    Stranger& operator=(const Stranger&) = delete;
+    int Pid() const { return m_pid; }
+
+private:
+    pid_t m_pid = 0;
+};
 
 class PlacementTest : public testing::Test {
 protected:
@@ -42,7 +77,7 @@ protected:
     void TearDown() override {
         if (!m_unitDir.IsOpen()) return;
         EXPECT_TRUE(m_unitDir.RemoveChild("sub").Ok());
-        EXPECT_TRUE(m_root.RemoveChild(m_unit).Ok());
+        EXPECT_TRUE(support::Poll(10, [this] { return m_root.RemoveChild(m_unit).Ok(); }));
     }
     Result<Placement> Place(const std::string& own) {
         m_texts.selfCgroup = "0::" + own + "\n";
@@ -88,12 +123,39 @@ TEST_F(PlacementTest, AMarkThatSaysNoIsNoDelegation) {
 }
 
 TEST_F(PlacementTest, OutsideServicesTheRootIsTheBase) {
-    for (const char* own : {"/", "/user.slice/session-1.scope", "/../outside"}) {
+    for (const char* own : {"/", "/user.slice/session-1.scope"}) {
         auto placement = Place(own);
         ASSERT_TRUE(placement.Ok()) << own;
         EXPECT_FALSE(placement->delegated);
         EXPECT_EQ(m_mount.mountPoint, placement->base.Path());
     }
+}
+
+TEST_F(PlacementTest, AGroupThatTheMountDoesNotShowIsRefused) {
+    auto placement = Place("/../outside");
+    ASSERT_FALSE(placement.Ok());
+    EXPECT_EQ(ErrorKind::kRefused, placement.GetError().kind);
+    EXPECT_NE(std::string::npos, placement.GetError().Text().find("does not show this group"));
+    m_hierarchy.mountRoot = "/..";
+    EXPECT_FALSE(Place("/").Ok());
+}
+
+// A container's root is any group for the kernel: it takes no limited groups beside processes.
+TEST_F(PlacementTest, AContainersRootIsUsedForTheAgentAlone) {
+    m_hierarchy.mountPoint = m_unitDir.Path();
+    m_texts.mountInfo.replace(m_texts.mountInfo.find(m_mount.mountPoint), m_mount.mountPoint.size(), m_unitDir.Path());
+    WaitingChild child;
+    ASSERT_TRUE(m_unitDir.MoveHere(child.Pid()).Ok());
+    EXPECT_TRUE(Place("/").Ok()) << "a child is the agent's own";
+    const Stranger stranger;
+    ASSERT_TRUE(m_unitDir.MoveHere(stranger.Pid()).Ok());
+    auto placement = Place("/");
+    ASSERT_FALSE(placement.Ok());
+    EXPECT_EQ("cannot make groups below " + m_unitDir.Path() +
+                  ": not delegated; this process would get out of the limits there anywhere else, and process " +
+                  std::to_string(stranger.Pid()) +
+                  " in it is not the agent's: start the agent in a group of its own below it, or with Delegate=yes",
+              placement.GetError().Text());
 }
 
 TEST_F(PlacementTest, AReadOnlyMountIsRefusedWithTheCure) {
@@ -112,6 +174,78 @@ TEST_F(PlacementTest, AControllerThatIsNotOfferedIsNamedWithTheCure) {
     EXPECT_EQ(ErrorKind::kNoController, status.GetError().kind);
     EXPECT_NE(std::string::npos, status.GetError().Text().find("it is not in cgroup.controllers"));
     EXPECT_TRUE(m_unitDir.DisableForChildren("cpu").Ok());
+}
+
+/// Below groups that others have limited, on the machine's own version 1 controllers.
+class LimitedPlacementTest : public RealV1 {
+protected:
+    void SetUp() override {
+        RealV1::SetUp();
+        if (IsSkipped()) return;
+        for (const Hierarchy* hierarchy : {&m_cpu, &m_memory}) {
+            auto outer = GroupDir::Open(hierarchy->mountPoint, Version::kV1)->MakeChild(m_name);
+            ASSERT_TRUE(outer.Ok() && outer->MakeChild("middle").Ok());
+            ASSERT_TRUE(outer->OpenChild("middle")->MakeChild("inner").Ok());
+        }
+    }
+    std::string BaseFrom(Hierarchy hierarchy, const std::string& own) const {
+        hierarchy.ownPath = own;
+        auto placement = FindPlacement(hierarchy, m_texts);
+        return placement ? placement->groupPath : placement.GetError().Text();
+    }
+    void Limit(const std::string& file, const std::string& value) const {
+        ASSERT_TRUE(support::WriteText(file, value)) << file;
+    }
+};
+
+TEST_F(LimitedPlacementTest, TheDeepestLimitAboveIsTheBase) {
+    const std::string inner = "/" + m_name + "/middle/inner";
+    EXPECT_EQ("/", BaseFrom(m_cpu, inner));
+    EXPECT_EQ("/", BaseFrom(m_memory, inner));
+    Limit(CpuDir(m_name) + "/cpu.cfs_quota_us", "50000");
+    EXPECT_EQ("/" + m_name, BaseFrom(m_cpu, inner));
+    EXPECT_EQ("/", BaseFrom(m_memory, inner)) << "each hierarchy for itself";
+    Limit(CpuDir(m_name) + "/middle/cpu.cfs_quota_us", "30000");
+    EXPECT_EQ("/" + m_name + "/middle", BaseFrom(m_cpu, inner));
+    EXPECT_EQ("/" + m_name + "/middle", BaseFrom(m_cpu, inner + "/gone")) << "as far as it is there";
+    EXPECT_EQ("/" + m_name, BaseFrom(m_cpu, "/" + m_name)) << "what is below does not hold for it";
+    EXPECT_EQ("/", BaseFrom(m_cpu, "/"));
+}
+
+TEST_F(LimitedPlacementTest, EveryMemoryLimitCounts) {
+    const std::string inner = "/" + m_name + "/middle/inner";
+    const std::string dir = MemDir(m_name) + "/middle";
+    for (const char* file : {"/memory.limit_in_bytes", "/memory.soft_limit_in_bytes"}) {
+        Limit(dir + file, "104857600");
+        EXPECT_EQ("/" + m_name + "/middle", BaseFrom(m_memory, inner)) << file;
+        Limit(dir + file, "-1");
+        EXPECT_EQ("/", BaseFrom(m_memory, inner)) << file;
+    }
+}
+
+TEST_F(LimitedPlacementTest, LimitsOfOurOwnAreNoneOfOthers) {
+    const std::string inner = "/" + m_name + "/middle/inner";
+    Limit(CpuDir(m_name) + "/cpu.cfs_quota_us", "50000");
+    Limit(CpuDir(m_name) + "/middle/cpu.cfs_quota_us", "30000");
+    auto middle = GroupDir::Open(CpuDir(m_name) + "/middle", Version::kV1);
+    ASSERT_TRUE(middle.Ok() && MarkOwn(*middle).Ok());
+    EXPECT_EQ("/" + m_name, BaseFrom(m_cpu, inner));
+    Limit(CpuDir(m_name) + "/middle/cpu.cfs_quota_us", "-1");
+    Limit(CpuDir(m_name) + "/cpu.cfs_quota_us", "-1");
+    EXPECT_EQ("/" + m_name, BaseFrom(m_cpu, inner)) << "where the groups stand they stay";
+}
+
+TEST_F(LimitedPlacementTest, TellsTheTightestQuotaAtTheBaseAndAbove) {
+    Limit(CpuDir(m_name) + "/cpu.cfs_quota_us", "30000");
+    Limit(CpuDir(m_name) + "/cpu.cfs_period_us", "200000");
+    m_cpu.ownPath = "/" + m_name + "/middle";
+    auto placement = FindPlacement(m_cpu, m_texts);
+    ASSERT_TRUE(placement.Ok());
+    EXPECT_EQ(1500, AmountOf(Controller::kCpu, placement->outer));
+    m_cpu.ownPath = "/";
+    placement = FindPlacement(m_cpu, m_texts);
+    ASSERT_TRUE(placement.Ok());
+    EXPECT_FALSE(IsLimited(Controller::kCpu, placement->outer));
 }
 
 }  // namespace

@@ -1,0 +1,56 @@
+// Program files and family of a group's members.
+#include "AgentProcesses.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "ProcessTable.h"
+#include "base/ProcFiles.h"
+#include "base/TextScan.h"
+#include "platform/zel/ToolUtil.h"
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+constexpr int kMaxAncestors = 32;
+
+/// The main process, or this one where it has none.
+int HeadOfFamily(const std::vector<ProcessEntry>& table, const std::string& program) {
+    int head = static_cast<int>(getpid());
+    for (int steps = 0; steps < kMaxAncestors; ++steps) {
+        const auto entry = std::find_if(table.begin(), table.end(), [&](const auto& each) { return each.pid == head; });
+        if (entry == table.end()) return head;
+        const Result<std::string> above = base::ReadProgramPath(entry->parent);
+        if (!above || *above != program) return head;
+        head = entry->parent;
+    }
+    return head;
+}
+
+}  // namespace
+
+std::optional<int> FindStranger(const GroupDir& group) {
+    Result<std::vector<int>> members = group.Processes();
+    if (!members) return 0;
+    if (members->empty()) return std::nullopt;
+    const Result<std::string> program = base::ReadOwnProgramPath();
+    const std::string directory = CToolUtil::GetApplicationDirPath() + "/";
+    const std::vector<ProcessEntry> table = ReadProcessTable();
+    const int head = HeadOfFamily(table, program ? *program : std::string());
+    for (const int pid : *members) {
+        if (IsBelow(table, pid, head)) continue;
+        const Result<std::string> other = base::ReadProgramPath(pid);
+        if (!other && other.GetError().kind == ErrorKind::kNotFound) continue;  // it has ended
+        if (other && program && *other == *program) continue;
+        if (other && directory.size() > 1 && base::StartsWith(*other, directory)) continue;
+        return pid;
+    }
+    return std::nullopt;
+}
+
+}  // namespace cgroup
+}  // namespace zel

@@ -1,0 +1,232 @@
+// One look from the hierarchy's root down to this process's group, and what follows from it.
+#include "Placement.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+#include <optional>
+#include <utility>
+
+#include "AgentProcesses.h"
+#include "CgroupFiles.h"
+#include "Limits.h"
+#include "OwnGroup.h"
+#include "base/Mutex.h"
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+using Device = std::pair<unsigned, unsigned>;
+
+/// Where this process was in each hierarchy before it first was in a group of ours.
+struct Origins {
+    base::Mutex mutex;
+    std::map<Device, std::string> paths ZEL_GUARDED_BY(mutex);
+};
+
+Origins& ProcessOrigins() {
+    static Origins* const origins = new Origins;
+    return *origins;
+}
+
+/// What others have set on the way down to a group.
+struct Standing {
+    std::string ours;   ///< the group above the topmost group of ours on the way; empty: none is
+    std::string bound;  ///< the deepest group with a limit of others; empty: none has
+    Limit outer;        ///< the tightest CPU quota
+};
+
+bool HasMemoryBound(const GroupDir& group) {
+    Result<MemLimit> limit = ReadMemLimit(group);
+    if (limit && (limit->hardBytes >= 0 || limit->softBytes >= 0 || limit->withSwapBytes >= 0)) return true;
+    if (group.GetVersion() == Version::kV1) return false;
+    for (const char* file : {v2::kMemHigh, v2::kMemSwapMax}) {
+        Result<int64_t> value = group.ReadNumber(file);
+        if (value && *value >= 0) return true;
+    }
+    return false;
+}
+
+void NoteLimits(const GroupDir& group, const std::string& path, Standing& out) {
+    for (const Controller controller : kAllControllers) {
+        if (!group.HasFile(LimitFileOf(controller, group.GetVersion()))) continue;
+        if (controller == Controller::kMemory) {
+            if (HasMemoryBound(group)) out.bound = path;
+            continue;
+        }
+        Result<CpuQuota> quota = ReadCpuQuota(group);
+        if (!quota || quota->Unlimited()) continue;
+        out.bound = path;
+        Limit limit;
+        limit.cpu = *quota;
+        if (IsTighter(Controller::kCpu, limit, out.outer)) out.outer = limit;
+    }
+}
+
+/// From the mount's root down to the group, as far as that is there and not ours.
+Standing LookDown(const GroupDir& root, const Hierarchy& hierarchy, const std::string& relative) {
+    Standing out;
+    std::string path = hierarchy.mountRoot;
+    NoteLimits(root, path, out);
+    Result<GroupDir> current = root.OpenBelow("");
+    for (size_t at = 0; current && at < relative.size();) {
+        const size_t end = std::min(relative.find('/', at), relative.size());
+        const std::string name = relative.substr(at, end - at);
+        at = end + 1;
+        Result<GroupDir> next = current->OpenChild(name);
+        if (!next) break;
+        Result<bool> own = IsMarkedOwn(*next);
+        if (own && *own) {
+            out.ours = path;
+            break;
+        }
+        path += (path == "/" ? "" : "/") + name;
+        NoteLimits(*next, path, out);
+        current = std::move(next);
+    }
+    return out;
+}
+
+/// A limited group that is the kernel's no-man's-land for us: it cannot hold both processes of others and groups of
+/// ours with limits.
+Status CheckMayBeUsed(const Placement& placement) {
+    const GroupDir& base = placement.base;
+    if (base.GetVersion() == Version::kV1) {
+        if (!placement.bound || !base.HasFile(v1::kMemUseHierarchy)) return {};
+        Result<int64_t> holdsBelow = base.ReadNumber(v1::kMemUseHierarchy);
+        if (!holdsBelow || *holdsBelow != 0) return {};
+        return MakeError(ErrorKind::kNotDelegated, "make groups below", base.Path(),
+                         "its memory limit does not hold for groups below it: write 1 to its memory.use_hierarchy");
+    }
+    if (placement.delegated || base.IsHierarchyRoot()) return {};
+    Result<std::string> given = base.Read(v2::kSubtreeControl);
+    if (given && given->find_first_not_of(" \n") != std::string::npos) return {};
+    const std::optional<int> stranger = FindStranger(base);
+    if (!stranger) return {};
+    return MakeError(ErrorKind::kNotDelegated, "make groups below", base.Path(),
+                     "this process would get out of the limits there anywhere else, and process " +
+                         std::to_string(*stranger) +
+                         " in it is not the agent's: start the agent in a group of its own below it, or with "
+                         "Delegate=yes");
+}
+
+/// A delegated group that this mount shows. Version 1: a unit may have no directory of its own in this hierarchy.
+Result<std::string> FindUsableDelegation(const Hierarchy& hierarchy, const LayoutTexts& texts, const GroupDir& root) {
+    std::string marked = FindDelegatedGroup(hierarchy, texts);
+    const std::optional<std::string> relative = hierarchy.BelowMount(marked);
+    if (!relative) return std::string();
+    Result<GroupDir> group = root.OpenBelow(*relative);
+    if (group) return marked;
+    if (hierarchy.version == Version::kV2) return group.GetError();
+    return std::string();
+}
+
+std::string NoteOrigin(const Hierarchy& hierarchy, const Standing& standing) {
+    Origins& origins = ProcessOrigins();
+    const base::MutexLock lock(origins.mutex);
+    const Device device{hierarchy.devMajor, hierarchy.devMinor};
+    if (standing.ours.empty()) origins.paths.emplace(device, hierarchy.ownPath);
+    const auto known = origins.paths.find(device);
+    return known == origins.paths.end() ? std::string() : known->second;
+}
+
+/// Offers the controller to a group that nobody has delegated: the groups above it give it to their children.
+Status OfferController(const Hierarchy& hierarchy, const Placement& placement, Controller controller) {
+    const std::optional<std::string> relative = hierarchy.BelowMount(placement.groupPath);
+    Result<GroupDir> current = GroupDir::Open(hierarchy.mountPoint, hierarchy.version);
+    for (size_t at = 0; relative && current && at < relative->size();) {
+        Status given = current->EnableForChildren(ControllerName(controller));
+        if (!given) return given;
+        const size_t end = std::min(relative->find('/', at), relative->size());
+        current = current->OpenChild(relative->substr(at, end - at));
+        at = end + 1;
+    }
+    return current ? Status() : Status(current.GetError());
+}
+
+}  // namespace
+
+Result<Placement> FindPlacement(const Hierarchy& hierarchy, const LayoutTexts& texts) {
+    const std::string name = ControllerName(hierarchy.controller);
+    if (hierarchy.version == Version::kNone) {
+        return MakeError(ErrorKind::kNoController, "use controller", name, hierarchy.reason);
+    }
+    if (hierarchy.readOnly) {
+        return ErrnoError(EROFS, "use controller " + name + " at", hierarchy.mountPoint,
+                          "remount it read-write, or set ProtectControlGroups=no in the unit");
+    }
+    Result<GroupDir> root = GroupDir::Open(hierarchy.mountPoint, hierarchy.version);
+    if (!root) return root.GetError();
+    const std::optional<std::string> own = hierarchy.BelowMount(hierarchy.ownPath);
+    if (!own) {
+        return MakeError(ErrorKind::kRefused, "make groups for", hierarchy.ownPath,
+                         "the mount at " + hierarchy.mountPoint +
+                             " does not show this group, so the limits that it carries are not known: run the agent "
+                             "in the host's cgroup namespace, or mount the hierarchy anew in its own");
+    }
+    const Standing standing = LookDown(*root, hierarchy, *own);
+    Result<std::string> marked = FindUsableDelegation(hierarchy, texts, *root);
+    if (!marked) return marked.GetError();
+    const std::string service = hierarchy.version == Version::kV2 ? ServiceIn(hierarchy.ownPath) : std::string();
+    if (marked->empty() && standing.ours.empty() && !service.empty()) {
+        return MakeError(ErrorKind::kNotDelegated, "make groups for", hierarchy.ownPath,
+                         service + " is not delegated: add Delegate=yes to its [Service] section");
+    }
+    std::string path = marked->empty() ? hierarchy.mountRoot : *marked;
+    if (!standing.ours.empty()) {
+        path = standing.ours;
+    } else if (!standing.bound.empty() && !IsAtOrBelow(path, standing.bound)) {
+        path = standing.bound;
+    }
+    Result<Placement> out = PlacementAt(hierarchy, path, !marked->empty() && IsAtOrBelow(path, *marked));
+    if (!out) return out;
+    out->bound = out->delegated || !standing.ours.empty() || !standing.bound.empty();
+    out->origin = NoteOrigin(hierarchy, standing);
+    if (!out->IsBelowBase(out->origin)) out->origin.clear();
+    Status usable = standing.ours.empty() ? CheckMayBeUsed(*out) : Status();
+    if (!usable) return usable.GetError();
+    return out;
+}
+
+Result<Placement> PlacementAt(const Hierarchy& hierarchy, const std::string& groupPath, bool delegated) {
+    Result<GroupDir> root = GroupDir::Open(hierarchy.mountPoint, hierarchy.version);
+    if (!root) return root.GetError();
+    const std::optional<std::string> relative = hierarchy.BelowMount(groupPath);
+    Result<GroupDir> base = relative ? root->OpenBelow(*relative) : OpenGroup(hierarchy, groupPath);
+    if (!base) return base.GetError();
+    Placement out;
+    out.base = std::move(*base);
+    out.groupPath = groupPath;
+    out.delegated = delegated;
+    out.bound = true;
+    if (hierarchy.version == Version::kV1) out.outer = LookDown(*root, hierarchy, *relative).outer;
+    if (delegated) {
+        out.reason = "inside the group that the service manager delegated, " + groupPath;
+    } else if (groupPath != hierarchy.mountRoot) {
+        out.reason = "inside " + groupPath + ", so that the limits of others there go on holding";
+    } else {
+        out.reason = "in a group of its own at the root of the hierarchy";
+    }
+    return out;
+}
+
+Status PrepareBase(const Hierarchy& hierarchy, const Placement& placement, Controller controller,
+                   const GroupDir& leaf) {
+    const GroupDir& base = placement.base;
+    if (base.GetVersion() != Version::kV2) return {};
+    if (!placement.delegated) {
+        Status offered = OfferController(hierarchy, placement, controller);
+        if (!offered) return offered;
+    }
+    Status enabled = base.EnableForChildren(ControllerName(controller));
+    if (enabled || enabled.GetError().kind != ErrorKind::kBusy) return enabled;
+    if (!placement.delegated && FindStranger(base)) return enabled;
+    Result<int> moved = MoveAll(base, leaf);
+    if (!moved) return moved.GetError();
+    return base.EnableForChildren(ControllerName(controller));
+}
+
+}  // namespace cgroup
+}  // namespace zel
