@@ -14,6 +14,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <set>
 #include <sstream>
 
 namespace guest {
@@ -284,12 +285,14 @@ bool AgentInGuest::WaitLog(const std::string& part, int count) {
 
 std::vector<Json::Value> AgentInGuest::Messages(const std::string& messageType) {
     std::vector<Json::Value> bodies;
+    std::set<std::string> seen;  // a kill between write and confirmation has a message delivered once more
     std::istringstream lines(ReadText(std::string(kAppDir) + "/log/tervane.events.jsonl"));
     std::string line;
     while (std::getline(lines, line)) {
         Json::Value event;
         Json::Value body;
-        if (Parse(line, event) && event["type"].asString() == messageType && Parse(event["body"].asString(), body)) {
+        const bool wanted = Parse(line, event) && event["type"].asString() == messageType;
+        if (wanted && Parse(event["body"].asString(), body) && seen.insert(event["id"].asString()).second) {
             bodies.push_back(body);
         }
     }

@@ -78,7 +78,7 @@ protected:
     std::string Log() const { return ReadText(std::string(kAppDir) + "/log/tervane.log"); }
     int LogCount(const std::string& part) const { return static_cast<int>(CountOf(Log(), part)); }
     bool WaitLog(const std::string& part, int count = 1);
-    /// The bodies of all messages of this kind that were delivered, in order.
+    /// The bodies of all messages of this kind that were delivered, in order, each id once.
     static std::vector<Json::Value> Messages(const std::string& messageType);
     /// Those out-of-memory events that have this "type".
     static std::vector<Json::Value> OomEvents(const std::string& type);
