@@ -4,6 +4,7 @@
 #   make sanitize            the same tests under the address, undefined and thread sanitizers (sanitize-module: a part)
 #   make lint [ALL=1]        clang-tidy on what has changed, or on everything
 #   make bench               build and run the benchmarks
+#   make bench-peers         the idle agent beside programs of its kind from Debian, in one run
 #   make install [PREFIX=]   install libraries, headers, agent, unit file and man pages
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
@@ -11,7 +12,7 @@ FOR ?=
 ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel AllFuzzers RuntimeBaseTests
 TSAN_QUICK = UnitCore UnitLimits RuntimeBaseTests RuntimeUtilTests RuntimeIpcTests
 
-.PHONY: all run test lint sanitize sanitize-module bench fuzz install clean deps deps-build
+.PHONY: all run test lint sanitize sanitize-module bench bench-peers fuzz install clean deps deps-build
 
 all: deps
 	cmake --preset dev
@@ -64,6 +65,12 @@ bench: deps
 	cmake --preset bench
 	cmake --build --preset bench -j $(JOBS)
 	scripts/run-benchmarks build/bench
+
+bench-peers:
+	scripts/install-deps --peers
+	cmake --preset bench
+	cmake --build --preset bench -j $(JOBS)
+	bench/peers.py --build build/bench
 
 install: deps-build
 	cmake --preset release -DCMAKE_INSTALL_PREFIX=$(PREFIX)
