@@ -1,4 +1,4 @@
-// Hostile texts for the readers of /proc/PID/stat, statm, io, status, schedstat, of meminfo, loadavg and the boot id.
+// Hostile texts for the readers of /proc/PID/stat, statm, io, status, of meminfo, loadavg and the boot id.
 // What is taken is within its bounds, and no text may be read beyond its end.
 #include <algorithm>
 #include <cmath>
@@ -54,7 +54,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         Require(io->readBytes == base::ParseStatusNumber(text, "read_bytes"));
         Require(io->writeBytes == base::ParseStatusNumber(text, "write_bytes"));
     }
-    (void)base::ParseSchedstatCpuNs(text);
     (void)base::ParseStatusNumber(text, "Threads");
     return 0;
 }

@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -199,10 +200,6 @@ Result<uint64_t> ReadOwnStatusNumber(std::string_view field) {
     return ReadSmall(kOwnStatusFile, [&](std::string_view text) { return ParseStatusNumber(text, field); });
 }
 
-std::optional<int64_t> ParseSchedstatCpuNs(std::string_view text) {
-    return ParseSigned(NextWord(text));
-}
-
 Result<std::vector<int>> ReadProcessIds(size_t most) {
     std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(kProcDir), closedir);
     if (!dir) return ErrnoError(errno, "open", kProcDir);
@@ -282,9 +279,16 @@ std::optional<ProcStat> OwnThreads::Stat() const {
     return ParseProcStat(Read("stat", buffer, sizeof buffer));
 }
 
-std::optional<int64_t> OwnThreads::CpuNs() const {
-    char buffer[kSmallProcBytes];
-    return ParseSchedstatCpuNs(Read("schedstat", buffer, sizeof buffer));
+std::optional<int64_t> ReadOwnThreadCpuNs(long tid) {
+    // The number of a thread's CPU clock: its id inverted above three bits, which say "scheduler's count" (2) and "of
+    // one thread" (4); pthread_getcpuclockid makes the same of a handle. Source: linux/posix-timers.h
+    // (MAKE_THREAD_CPUCLOCK).
+    constexpr clockid_t kCountOfOneThread = 6;
+    constexpr long kMostThreadId = 1L << 22;  // the kernel's own bound (linux/threads.h, PID_MAX_LIMIT)
+    if (tid <= 0 || tid > kMostThreadId) return std::nullopt;
+    timespec time{};
+    if (clock_gettime((-static_cast<clockid_t>(tid) - 1) * 8 + kCountOfOneThread, &time) != 0) return std::nullopt;
+    return static_cast<int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
 }
 
 DescriptorCounter::~DescriptorCounter() {

@@ -125,9 +125,6 @@ std::optional<ProcIo> ParseProcIo(std::string_view text);
 std::optional<uint64_t> ParseStatusNumber(std::string_view text, std::string_view field);
 Result<uint64_t> ReadOwnStatusNumber(std::string_view field);
 
-/// /proc/PID/schedstat. Returns: time on a CPU. Units: ns.
-std::optional<int64_t> ParseSchedstatCpuNs(std::string_view text);
-
 /// Returns: numbers of all processes, at most `most` of them, sorted.
 Result<std::vector<int>> ReadProcessIds(size_t most);
 bool ProcessExists(int pid);
@@ -144,7 +141,11 @@ std::string ReadOwnThreadName(long tid);
 /// empty when the kernel tells neither.
 std::string ReadKernelStack(long tid);
 
-/// A walk over this process's threads. Files: /proc/self/task/TID/stat, schedstat.
+/// Time that a thread of this process has been on a CPU, from its clock: no file is opened.
+/// Returns: nothing when there is no such thread here. Units: ns.
+std::optional<int64_t> ReadOwnThreadCpuNs(long tid);
+
+/// A walk over this process's threads. Files: /proc/self/task/TID/stat.
 class OwnThreads {
 public:
     OwnThreads();
@@ -157,8 +158,8 @@ public:
     long Next();
     /// Of the thread that Next gave. Returns: nothing when it ended since the directory was read.
     std::optional<ProcStat> Stat() const;
-    /// Kernel: without CONFIG_SCHED_INFO there is no such figure.
-    std::optional<int64_t> CpuNs() const;
+    /// See ReadOwnThreadCpuNs.
+    std::optional<int64_t> CpuNs() const { return ReadOwnThreadCpuNs(m_tid); }
 
 private:
     std::string_view Read(const char* file, char* buffer, size_t size) const;

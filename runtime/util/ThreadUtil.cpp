@@ -9,6 +9,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include "ThreadNames.h"
 #include "ThreadSleep.h"
 #include "base/Mutex.h"
 #include "base/ProcFiles.h"
@@ -107,7 +108,7 @@ unsigned int CThreadUtil::GetCurrentThreadId() {
 }
 
 std::string CThreadUtil::GetThreadName(long tid) {
-    return tid <= 0 ? std::string() : base::ReadOwnThreadName(tid);
+    return ThreadNames::Instance().Of(tid);
 }
 
 void CThreadUtil::SetThreadName(const std::string& name) {

@@ -11,8 +11,6 @@ namespace {
 // A second reader within this time gets the first one's pass: many askers cost as much as one.
 constexpr int64_t kFreshNs = 20 * 1000000;
 constexpr int64_t kBaselineNs = 60 * kNsPerSecond;
-// Beyond this many threads a pass reads one file of each instead of two (10 ms steps are fine over a minute).
-constexpr size_t kFineThreads = 1024;
 }  // namespace
 
 CThreadFacts& CThreadFacts::Instance() {
@@ -24,21 +22,17 @@ unsigned long CThreadFacts::GetCurrThreadId() {
     return zel::CThreadUtil::GetCurrentThreadId();
 }
 
-bool CThreadFacts::ReadThread(const base::OwnThreads& threads, bool fine, Reading& reading) {
+bool CThreadFacts::ReadThread(const base::OwnThreads& threads, Reading& reading) {
     const std::optional<base::ProcStat> stat = threads.Stat();
     if (!stat) return false;  // ended since the directory was read
     reading.name = stat->name.data();
     reading.running = stat->state == 'R';
     reading.systemTicks = stat->systemTicks;
     reading.startTicks = stat->startTicks;
-    reading.cpuNs = static_cast<int64_t>(stat->userTicks + stat->systemTicks) * TickNs();
-    const int64_t fineNs = fine ? threads.CpuNs().value_or(0) : 0;
-    if (fineNs > 0) reading.cpuNs = fineNs;
     return true;
 }
 
-void CThreadFacts::Account(long tid, const Reading& reading, int64_t nowNs, bool moveBaseline) {
-    Entry& entry = m_threads[tid];
+void CThreadFacts::Account(Entry& entry, const Reading& reading, int64_t nowNs) {
     if (entry.pass == 0 || entry.startTicks != reading.startTicks) {
         // New, or a new thread under an old number: it counts from its start.
         entry = Entry();
@@ -48,15 +42,32 @@ void CThreadFacts::Account(long tid, const Reading& reading, int64_t nowNs, bool
         entry.older.timeNs = std::min(nowNs - 1, nowNs - (bootNs - startNs));
         entry.newer = entry.older;
         entry.now = entry.older;
-    } else if (moveBaseline) {
+    }
+    entry.name = reading.name;
+    entry.clockNs = reading.clockNs;
+    entry.now.cpuNs = reading.clockNs;
+    entry.now.systemTicks = reading.systemTicks;
+    entry.now.hit += reading.running ? 1 : 0;
+}
+
+void CThreadFacts::SampleThread(const base::OwnThreads& threads, long tid, int64_t nowNs, bool moveBaseline) {
+    Reading reading;
+    const std::optional<int64_t> clockNs = threads.CpuNs();
+    if (!clockNs) return;  // ended since the directory was read
+    Entry& entry = m_threads[tid];
+    if (moveBaseline) {
         entry.older = entry.newer;
         entry.newer = entry.now;
     }
-    entry.name = reading.name;
+    if (entry.clockNs != *clockNs) {
+        reading.clockNs = *clockNs;
+        if (!ReadThread(threads, reading)) return;
+        if (tid == static_cast<long>(zel::CThreadUtil::GetCurrentThreadId())) {
+            reading.running = false;  // it runs because it is reading
+        }
+        Account(entry, reading, nowNs);
+    }
     entry.now.timeNs = nowNs;
-    entry.now.cpuNs = std::max(entry.now.cpuNs, reading.cpuNs);
-    entry.now.systemTicks = reading.systemTicks;
-    entry.now.hit += reading.running ? 1 : 0;
     entry.now.samples += 1;
     entry.pass = m_pass;
 }
@@ -70,15 +81,10 @@ void CThreadFacts::SampleLocked() {
     const bool moveBaseline = m_baselineNs != 0 && nowNs - m_baselineNs >= kBaselineNs;
     if (moveBaseline || m_baselineNs == 0) m_baselineNs = nowNs;
     ++m_pass;
-    const bool fine = m_threads.size() <= kFineThreads;
-    const long own = static_cast<long>(zel::CThreadUtil::GetCurrentThreadId());
     size_t count = 0;
-    Reading reading;
     for (long tid = threads.Next(); tid != 0; tid = threads.Next()) {
         if (++count > kMaxThreads) break;
-        if (!ReadThread(threads, fine, reading)) continue;
-        if (tid == own) reading.running = false;  // it runs because it is reading
-        Account(tid, reading, nowNs, moveBaseline);
+        SampleThread(threads, tid, nowNs, moveBaseline);
     }
     for (auto it = m_threads.begin(); it != m_threads.end();) {
         it = it->second.pass == m_pass ? std::next(it) : m_threads.erase(it);

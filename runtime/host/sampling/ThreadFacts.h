@@ -1,5 +1,7 @@
-// CPU figures of this process's threads. Reads /proc/self/task/*/stat and schedstat, without stopping anything and
-// only when asked: by a report, by the statistics collector once a minute, by the sampler during a breach.
+// CPU figures of this process's threads, without stopping anything and only when asked: by a report, by the statistics
+// collector once a minute, by the sampler during a breach. A pass lists /proc/self/task and asks each thread's CPU
+// clock; /proc/self/task/TID/stat is read only of threads that ran since the pass before, as nothing else of it can
+// have changed.
 #pragma once
 
 #include <cstdint>
@@ -54,21 +56,23 @@ private:
     };
     struct Entry {
         uint64_t startTicks = 0;
+        int64_t clockNs = -1;  // the thread's CPU clock just before its file was read
         std::string name;
         Point older, newer, now;
         uint64_t pass = 0;
     };
     struct Reading {
         bool running = false;
-        int64_t cpuNs = 0;
+        int64_t clockNs = 0;
         uint64_t systemTicks = 0;
         uint64_t startTicks = 0;
         std::string name;
     };
 
     void SampleLocked() ZEL_REQUIRES(m_lock);
-    static bool ReadThread(const base::OwnThreads& threads, bool fine, Reading& reading);
-    void Account(long tid, const Reading& reading, int64_t nowNs, bool moveBaseline) ZEL_REQUIRES(m_lock);
+    static bool ReadThread(const base::OwnThreads& threads, Reading& reading);
+    void SampleThread(const base::OwnThreads& threads, long tid, int64_t nowNs, bool moveBaseline) ZEL_REQUIRES(m_lock);
+    static void Account(Entry& entry, const Reading& reading, int64_t nowNs);
     static ThreadFigures FiguresOf(long tid, const Entry& entry);
     std::vector<ThreadFigures> AllLocked() const ZEL_REQUIRES(m_lock);
 

@@ -227,12 +227,6 @@ TEST(ProcStatusTest, FindsAFieldByItsWholeName) {
     EXPECT_EQ(ErrorKind::kMalformed, ReadOwnStatusNumber("Thread").GetError().kind);
 }
 
-TEST(SchedstatTest, TakesTheFirstFigure) {
-    EXPECT_EQ(123456, ParseSchedstatCpuNs("123456 7 8\n"));
-    EXPECT_EQ(INT64_MAX, ParseSchedstatCpuNs("18446744073709551615 7 8\n"));
-    for (const char* bad : {"", "\n", "x 1 2", "99999999999999999999"}) EXPECT_FALSE(ParseSchedstatCpuNs(bad)) << bad;
-}
-
 TEST(LoadAvgTest, TakesTheFirstNumber) {
     EXPECT_NEAR(ParseLoadAvg("12.05 1.00 0.50 2/300 4711\n").value_or(0), 12.05, 0.001);
     EXPECT_EQ(0.0F, ParseLoadAvg("0.00 1.00 0.50 2/300 4711\n"));
@@ -380,6 +374,21 @@ TEST(OwnThreadsTest, TellsNameExistenceAndFigures) {
     }
     EXPECT_EQ(1, found);
     EXPECT_FALSE(threads.Stat()) << "after the last one";
+    EXPECT_FALSE(threads.CpuNs()) << "after the last one";
+    clockid_t clock = 0;
+    ASSERT_EQ(0, pthread_getcpuclockid(other.native_handle(), &clock));
+    const auto timeNs = [&] {
+        timespec time{};
+        clock_gettime(clock, &time);
+        return static_cast<int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
+    };
+    const int64_t before = timeNs();
+    const int64_t between = ReadOwnThreadCpuNs(tid).value_or(-1);
+    EXPECT_LE(before, between);
+    EXPECT_LE(between, timeNs());
+    for (const long none : {0L, -1L, 1L, (1L << 22) + 1, LONG_MIN, LONG_MAX}) {
+        EXPECT_FALSE(ReadOwnThreadCpuNs(none)) << none << ": no thread of this process";
+    }
     stop = true;
     other.join();
     for (int i = 0; i < 1000 && OwnThreadExists(tid); ++i) usleep(1000);

@@ -193,6 +193,27 @@ TEST(ThreadUtilTest, NamesAreCutByTheKernelAndReadBack) {
     EXPECT_EQ("", CThreadUtil::GetThreadName(1));  // a thread of another process
 }
 
+TEST(ThreadUtilTest, ANameIsTheNewestThatTheThreadGaveItself) {
+    std::atomic<int> step{0};
+    std::atomic<long> tid{0};
+    std::thread worker([&] {
+        tid = gettid();
+        for (int count = 1; count <= 20; ++count) {
+            CThreadUtil::SetThreadName("name " + std::to_string(count));
+            step = count;
+            while (step == count) std::this_thread::yield();
+        }
+    });
+    for (int count = 1; count <= 20; ++count) {
+        while (step != count) std::this_thread::yield();
+        const std::string name = "name " + std::to_string(count);
+        EXPECT_EQ(name, CThreadUtil::GetThreadName(tid));
+        EXPECT_EQ(name, CThreadUtil::GetThreadName(tid)) << "asked again";
+        step = 0;
+    }
+    worker.join();
+}
+
 TEST(ThreadUtilTest, StartsAndStopsFromManyThreadsLeaveNothing) {
     std::atomic<int> inside{0};
     std::atomic<bool> overlap{false};

@@ -3,10 +3,16 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 #include "HostSupport.h"
+#include "sampling/Clock.h"
 
 using std::chrono::milliseconds;
 using zelhost::CThreadFacts;
@@ -146,4 +152,73 @@ TEST(ThreadFactsTest, ThreadsMayComeAndGoWhileOthersAsk) {
 
 TEST(ThreadFactsTest, TheCallersOwnIdIsTheKernels) {
     EXPECT_EQ(CThreadFacts::Instance().GetCurrThreadId(), static_cast<unsigned long>(gettid()));
+}
+
+TEST(ThreadFactsTest, AThreadThatRanAgainIsReadAgain) {
+    std::atomic<int> step{0};
+    std::atomic<long> tid{0};
+    std::thread worker([&] {
+        pthread_setname_np(pthread_self(), "before");
+        tid = gettid();
+        while (step.load() == 0) std::this_thread::sleep_for(milliseconds(1));
+        pthread_setname_np(pthread_self(), "after");
+        support::Burn(milliseconds(50));
+        step = 2;
+        while (step.load() == 2) std::this_thread::sleep_for(milliseconds(1));
+    });
+    while (tid.load() == 0) std::this_thread::yield();
+    const auto entry = [&] {
+        std::list<CSysThreadsCpuUsage> list;
+        CThreadFacts::Instance().GetThreadsCpuUsage(list);
+        return *Find(list, tid.load());
+    };
+    std::this_thread::sleep_for(milliseconds(30));
+    const CSysThreadsCpuUsage before = entry();
+    step = 1;
+    while (step.load() != 2) std::this_thread::sleep_for(milliseconds(5));
+    std::this_thread::sleep_for(milliseconds(30));
+    const CSysThreadsCpuUsage after = entry();
+    step = 3;
+    worker.join();
+    EXPECT_EQ("before", before.name);
+    EXPECT_EQ("after", after.name);
+    EXPECT_GT(after.avgLoad, before.avgLoad);
+    EXPECT_EQ(before.statCnt + 1, after.statCnt);
+}
+
+// A pass over sleeping threads is a list of them and a question to each one's clock, no file: tens of times cheaper.
+TEST(ThreadFactsTest, SleepingThreadsCostLittleMoreThanTheirClocks) {
+    constexpr int kThreads = 500;
+    std::vector<std::thread> sleepers;
+    std::vector<clockid_t> clocks;
+    std::atomic<bool> stop{false};
+    std::mutex lock;
+    std::condition_variable end;
+    for (int i = 0; i < kThreads; ++i) {
+        sleepers.emplace_back([&] {
+            std::unique_lock<std::mutex> held(lock);
+            end.wait(held, [&] { return stop.load(); });
+        });
+        clocks.emplace_back();
+        ASSERT_EQ(0, pthread_getcpuclockid(sleepers.back().native_handle(), &clocks.back()));
+    }
+    std::vector<double> ratios;
+    for (int round = 0; round < 9; ++round) {
+        std::this_thread::sleep_for(milliseconds(25));  // beyond what askers share
+        CThreadFacts::Instance().Sample();
+        const int64_t pass = CThreadFacts::Instance().LastPassNs();
+        const int64_t from = zelhost::ClockNs(CLOCK_THREAD_CPUTIME_ID);
+        for (const clockid_t clock : clocks) zelhost::ClockNs(clock);
+        ratios.push_back(static_cast<double>(pass) /
+                         static_cast<double>(zelhost::ClockNs(CLOCK_THREAD_CPUTIME_ID) - from));
+    }
+    {
+        const std::lock_guard<std::mutex> held(lock);
+        stop = true;
+    }
+    end.notify_all();
+    for (std::thread& sleeper : sleepers) sleeper.join();
+    std::sort(ratios.begin(), ratios.end());
+    EXPECT_LT(ratios[ratios.size() / 2], 8.0);
+    printf("a pass costs %.1f times its clocks\n", ratios[ratios.size() / 2]);
 }
