@@ -9,6 +9,7 @@
 #include "Process.h"
 #include "base/FileIo.h"
 #include "base/ProcFiles.h"
+#include "platform/zel/ProcessUtil.h"
 
 namespace {
 constexpr mode_t kFileMask = 0027;  // nothing of the agent is for other users
@@ -32,5 +33,6 @@ int main(int argc, char** argv) {
     setenv("ZEL_APP_DIR", options.appDir.c_str(), 1);
     if (options.exec) return agent::ExecComponent(options);
     base::SetFileMask(kFileMask);
+    zel::KeepProcessMemorySmall();
     return agent::Process(options, *program).Run();
 }

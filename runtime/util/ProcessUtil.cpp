@@ -1,6 +1,8 @@
 // Facts about processes.
 #include "platform/zel/ProcessUtil.h"
 
+#include <malloc.h>
+#include <sqlite3.h>
 #include <unistd.h>
 
 #include "base/ProcFiles.h"
@@ -9,6 +11,7 @@ namespace zel {
 namespace {
 
 constexpr unsigned long kBytesPerKb = 1024;
+constexpr int kHeaps = 2;  // a second, so that a busy thread does not hold up the sampler
 
 class ProcessUtil final : public IProcessUtil {
 public:
@@ -27,6 +30,11 @@ public:
 IProcessUtil* GetProcessUtil() {
     static ProcessUtil util;
     return &util;
+}
+
+bool KeepProcessMemorySmall() {
+    mallopt(M_ARENA_MAX, kHeaps);
+    return sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, 0) == SQLITE_OK;
 }
 
 }  // namespace zel

@@ -5,10 +5,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -19,6 +22,7 @@
 #include "platform/zel/MutexUtil.h"
 #include "platform/zel/PathInfo.h"
 #include "platform/zel/ProcessUtil.h"
+#include "platform/zel/SqliteDB.h"
 #include "platform/zel/TimeUtil.h"
 #include "platform/zel/ToolUtil.h"
 
@@ -184,6 +188,56 @@ TEST(ProcessUtilTest, KnowsThisProcessAndItsResidentMemory) {
 
 TEST(ProcessUtilTest, AProcessThatDoesNotExistHasNoMemory) {
     for (const int pid : {0, -1, INT_MAX}) EXPECT_EQ(0UL, zel::GetProcessUtil()->GetProcessMemory(pid));
+}
+
+// What a fresh process that uses databases and threads has written of its own memory. Units: KB.
+long DirtyAfterUse(const std::string& directory, bool keepSmall) {
+    int ends[2];
+    if (::pipe(ends) != 0) return -1;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const bool asked = !keepSmall || zel::KeepProcessMemorySmall();
+        for (int count = 0; count < 3; ++count) {
+            int error = 0;
+            zel::ISqliteDB* const database = zel::GetSqliteDB(directory + "/" + std::to_string(count), error);
+            if (database != nullptr) database->Execute("create table t (a)");
+        }
+        std::vector<std::thread> threads;
+        for (int count = 0; count < 8; ++count) threads.emplace_back([] { std::string text(8192, 'x'); });
+        for (std::thread& thread : threads) thread.join();
+        const std::string rollup = support::ReadText("/proc/self/smaps_rollup");
+        const size_t at = rollup.find("Private_Dirty:");
+        const long dirty = asked && at != std::string::npos ? std::atol(rollup.c_str() + at + 14) : -1;
+        (void)!::write(ends[1], &dirty, sizeof dirty);
+        ::_exit(0);
+    }
+    long dirty = -1;
+    ::close(ends[1]);
+    if (::read(ends[0], &dirty, sizeof dirty) != sizeof dirty) dirty = -1;
+    ::close(ends[0]);
+    ::waitpid(child, nullptr, 0);
+    return dirty;
+}
+
+TEST(ProcessUtilTest, AProcessThatAsksKeepsLessMemory) {
+    const TempDir usual;
+    const TempDir small;
+    const long before = DirtyAfterUse(usual.Path(), false);
+    const long after = DirtyAfterUse(small.Path(), true);
+    ASSERT_GT(before, 0);
+    ASSERT_GT(after, 0);
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)  // whose own memory hides the program's
+    EXPECT_LT(after + 100, before) << "KB";
+#endif
+}
+
+TEST(ProcessUtilTest, ItIsTooLateAfterTheFirstDatabase) {
+    const TempDir directory;
+    int error = 0;
+    zel::ISqliteDB* const database = zel::GetSqliteDB(directory.Path() + "/first", error);
+    ASSERT_NE(nullptr, database);
+    EXPECT_FALSE(zel::KeepProcessMemorySmall());
+    zel::RemoveSqliteDB(database);
 }
 
 TEST(ProcessUtilTest, AReadThatFailsGivesNone) {
