@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -35,8 +36,9 @@ namespace agent {
 
 namespace {
 
-constexpr long kLoopNs = 250L * 1000 * 1000;
 constexpr int64_t kLimitRetrySeconds = 1;
+constexpr int64_t kComponentConfigLookSeconds = 5;  // with its beat
+constexpr long kNsPerSecond = 1000L * 1000 * 1000;
 constexpr int kGoOn = -1;
 
 // The module hands its broadcast to a plain function, so the sender is found through the one object of the process.
@@ -46,15 +48,25 @@ std::atomic<zel::CIpcBroadcastServer*> g_broadcast{nullptr};
 /// The groups have changed, so programs that cannot follow by themselves have to be moved.
 std::atomic<bool> g_groupsChanged{false};
 
+/// Wakes the main thread's wait from any thread.
+void WakeMain() {
+    kill(getpid(), SIGALRM);
+}
+
 void Broadcast(const std::string& type, const std::string& body) {
     g_groupsChanged = true;
     zel::CIpcBroadcastServer* const server = g_broadcast;
     if (server != nullptr) server->Broadcast(type, body);
+    WakeMain();
 }
 
-/// Wakes the main thread's wait from any thread.
-void WakeMain() {
-    kill(getpid(), SIGALRM);
+/// Returns: what is left until that time since boot. Units: seconds. Zero when it is over.
+timespec Until(int64_t second) {
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    if (now.tv_sec >= second) return {0, 0};
+    if (now.tv_nsec == 0) return {second - now.tv_sec, 0};
+    return {second - now.tv_sec - 1, kNsPerSecond - now.tv_nsec};
 }
 
 /// The signals that the main thread waits for.
@@ -329,15 +341,17 @@ void Process::TryAgain() {
 int Process::Loop() {
     const sigset_t taken = TakenSignals();
     const int64_t begin = SecondsSinceBoot();
+    int64_t second = 0;
     for (;;) {
-        timespec wait{0, kLoopNs};
+        const timespec wait = Until(begin + NextDue(second));
         const int signal = sigtimedwait(&taken, nullptr, &wait);
         if (signal == SIGTERM || signal == SIGINT) {
             LogLine(std::string("stopping on ") + strsignal(signal), zel::kLogInfo);
             return kExitClean;
         }
         Handle(signal);
-        const int code = LookAround(SecondsSinceBoot() - begin);
+        second = SecondsSinceBoot() - begin;
+        const int code = LookAround(second);
         if (code != kGoOn) return code;
     }
 }
@@ -357,13 +371,22 @@ int Process::LookAround(int64_t second) {
     if (m_components != nullptr) m_components->Tick(SecondsSinceBoot());
     if (m_components != nullptr) m_keeping.Tick(second, m_components->Members());
     LookAfterLimits(second);
-    if (second != m_configLooked) {
-        m_configLooked = second;
+    if (second >= m_nextConfigLook) {
+        m_nextConfigLook = second + (m_options.IsMain() ? 1 : kComponentConfigLookSeconds);
         m_agentConfig->Follow(m_services);
         TryAgain();
     }
     if (m_options.forSeconds != 0 && second >= static_cast<int64_t>(m_options.forSeconds)) return kExitClean;
     return kGoOn;
+}
+
+// A component has nothing to do between its beats: it sleeps, where the main process looks at its components each
+// second.
+int64_t Process::NextDue(int64_t second) const {
+    if (m_components != nullptr) return second + 1;
+    int64_t due = std::min({m_nextBeat, m_nextLimitCheck, m_nextConfigLook});
+    if (m_options.forSeconds != 0) due = std::min(due, static_cast<int64_t>(m_options.forSeconds));
+    return std::max(due, second + 1);
 }
 
 void Process::Beat(int64_t second) {

@@ -78,6 +78,8 @@ private:
     void ServeBroadcast();
     void ServeConsole();
     void LookAfterLimits(int64_t second);
+    /// Returns: the second of the loop in which something is to be done next.
+    int64_t NextDue(int64_t second) const;
     /// Shows that the main thread works.
     void Beat(int64_t second);
     /// The parts that a status is made from, as far as they are there by now.
@@ -91,7 +93,7 @@ private:
     zelhost::CHostServices m_services;
     EventSink m_sink;
     std::unique_ptr<AgentConfigFile> m_agentConfig;
-    int64_t m_configLooked = 0;  // second of the loop
+    int64_t m_nextConfigLook = 0;  // second of the loop
     std::unique_ptr<LogTail> m_log;
     OwnPulse m_pulse;
     int64_t m_nextBeat = 0;  // second of the loop
