@@ -67,6 +67,12 @@ bool LegacyGroup::IsSelfInTree() const {
     return hierarchy.version != Version::kNone && IsInTree(hierarchy.ownPath);
 }
 
+bool LegacyGroup::IsSharedWith(const LegacyGroup& other) const {
+    const Hierarchy& theirs = other.m_hierarchy;
+    return other.m_started && m_hierarchy.version != Version::kNone && m_hierarchy.version == theirs.version &&
+           m_hierarchy.devMajor == theirs.devMajor && m_hierarchy.devMinor == theirs.devMinor;
+}
+
 // --- the group ------------------------------------------------------------------------------------------------------
 
 // What was attached stays until another group is.
@@ -92,6 +98,11 @@ Status LegacyGroup::Attach(bool make) {
 Status LegacyGroup::PrepareForLimit() const {
     Status prepared = PrepareBase(m_hierarchy, m_placement, m_controller, m_group);
     if (!prepared) return prepared;
+    if (m_controller == Controller::kMemory) {
+        // Ignoring a failure: what limits the members is in force without it; only groups below would be free.
+        Status reaching = EnsureMemHierarchical(m_group);
+        static_cast<void>(reaching);
+    }
     const char* file = LimitFileOf(m_controller, m_group.GetVersion());
     if (m_group.HasFile(file) || !m_group.IsAlive()) return {};
     return MakeError(ErrorKind::kNoController, "limit", m_group.Path(),
@@ -115,7 +126,7 @@ Status LegacyGroup::StartAttached(const LegacyValue& value) {
     return status;
 }
 
-Status LegacyGroup::Start(bool otherOnV2) {
+Status LegacyGroup::Start(const LegacyGroup& other) {
     Status status = Attach(true);
     if (status) status = StartAttached(m_wanted);
     if (status) {
@@ -123,7 +134,7 @@ Status LegacyGroup::Start(bool otherOnV2) {
         m_applied = m_wanted;
         m_otherLimit = Limit();
         JoinDescendants();
-    } else if (m_group.IsOpen() && !m_started && !IsShared(otherOnV2)) {
+    } else if (m_group.IsOpen() && !m_started && !IsSharedWith(other)) {
         RemoveIfEmpty();
     }
     return status;
@@ -233,10 +244,10 @@ Status LegacyGroup::ReturnToBase(int pid) const {
     return m_placement.base.MoveHere(pid);
 }
 
-Status LegacyGroup::Leave(bool otherOnV2) {
+Status LegacyGroup::Leave(const LegacyGroup& other) {
     const bool wasStarted = std::exchange(m_started, false);
     if (!m_group.IsAlive()) return {};
-    if (IsShared(otherOnV2)) return Lift();
+    if (IsSharedWith(other)) return Lift();
     bool wasMember = wasStarted;
     const Refuge refuge = [this](int pid) { return ReturnToBase(pid); };
     for (int round = 0; round < kLeaveRounds; ++round) {

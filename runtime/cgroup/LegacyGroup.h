@@ -45,17 +45,17 @@ public:
     void Want(const LegacyValue& value) { m_wanted = value; }
 
     /// Makes the group, writes the value, and only then moves this process and its descendants: a process never sits in
-    /// the group without its limit. `otherOnV2`: the other controller's limit is started on version 2, so where this
-    /// one is on version 2, too, both are in one group.
+    /// the group without its limit. `other`: of the other controller; one hierarchy may serve both, on version 2 as on
+    /// version 1 where it is mounted so, and then one group holds both limits.
     /// On failure: what was applied before stays what is kept.
-    Status Start(bool otherOnV2);
+    Status Start(const LegacyGroup& other);
     /// Puts what was applied last in force again, with the group and the members. Requires: IsStarted().
     Status Restore();
     /// Opens a group of an earlier run, or one that this process was born into.
     Status Adopt();
     /// Moves this process and its descendants back and removes the group, or lifts its limit where others are in it, or
     /// where the other controller's limit is in it, too.
-    Status Leave(bool otherOnV2);
+    Status Leave(const LegacyGroup& other);
     /// Removes the group when it is empty already, and nothing else.
     void RemoveIfEmpty() const;
     /// Forgets the group, and with `forgetOrigin` where this process came from.
@@ -69,7 +69,8 @@ public:
     bool IsStarted() const { return m_started; }
     bool IsAlive() const { return m_group.IsAlive(); }
     bool IsV2() const { return m_hierarchy.version == Version::kV2; }
-    bool IsShared(bool otherOnV2) const { return IsV2() && otherOnV2; }
+    /// Returns: whether the other controller's started limit is in the same group.
+    bool IsSharedWith(const LegacyGroup& other) const;
     /// Returns: whether this process is in the group.
     bool HoldsSelf() const;
     /// Asked of the kernel: the group exists, this process is in it, and the value is what was asked for.

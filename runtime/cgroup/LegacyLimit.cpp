@@ -87,9 +87,8 @@ LegacyGroup& LegacyLimit::Of(Controller controller) {
     return controller == Controller::kCpu ? m_cpu : m_mem;
 }
 
-bool LegacyLimit::IsOtherOnV2(const LegacyGroup& group) {
-    const LegacyGroup& other = group.GetController() == Controller::kCpu ? m_mem : m_cpu;
-    return other.IsStarted() && other.IsV2();
+const LegacyGroup& LegacyLimit::OtherOf(const LegacyGroup& group) {
+    return group.GetController() == Controller::kCpu ? m_mem : m_cpu;
 }
 
 /// The unified tree and the legacy group each hold a process for themselves. Of two threads that want it, the tree's
@@ -111,7 +110,7 @@ int LegacyLimit::Start(LegacyGroup& group, int& error) {
 
 int LegacyLimit::StartPlaced(LegacyGroup& group, int& error) {
     return Place(
-        group, [&] { return group.Start(IsOtherOnV2(group)); }, &LegacyGroup::IsInForce, error);
+        group, [&] { return group.Start(OtherOf(group)); }, &LegacyGroup::IsInForce, error);
 }
 
 int LegacyLimit::Place(LegacyGroup& group, const std::function<Status()>& place, bool (LegacyGroup::*isDone)() const,
@@ -145,9 +144,9 @@ int LegacyLimit::Stop(LegacyGroup& group, int& error) {
         group.Reset(false);
         return kLegacyOk;
     }
-    const bool otherOnV2 = IsOtherOnV2(group);
+    const bool shared = group.IsSharedWith(OtherOf(group));
     const base::MutexLock placing(PlacementMutex());
-    Status left = group.Leave(otherOnV2);
+    Status left = group.Leave(OtherOf(group));
     int code = kLegacyOk;
     if (!left && !IsGone(left)) {
         const bool moving = EndsWith(left.GetError().path, kProcsFile);
@@ -155,7 +154,7 @@ int LegacyLimit::Stop(LegacyGroup& group, int& error) {
         code = Fail(left.GetError(), isCpu ? "legacy CPU limit not taken off" : "legacy memory limit not taken off",
                     moving ? kLegacyCannotLeave : kLegacyCannotLift, error);
     }
-    group.Reset(left && !group.IsShared(otherOnV2));
+    group.Reset(left && !shared);
     return code;
 }
 
@@ -307,7 +306,7 @@ void LegacyLimit::Forget(Controller controller) {
 }
 
 void LegacyLimit::ForgetGroup(LegacyGroup& group) {
-    const bool shared = group.IsShared(IsOtherOnV2(group));
+    const bool shared = group.IsSharedWith(OtherOf(group));
     if (group.IsStarted() && !shared) group.RemoveIfEmpty();
     group.Reset(!shared);
 }

@@ -75,8 +75,7 @@ private:
     bool StepAside(LegacyGroup& group) ZEL_REQUIRES(m_mutex);
     void ForgetGroup(LegacyGroup& group) ZEL_REQUIRES(m_mutex);
     LegacyGroup& Of(Controller controller) ZEL_REQUIRES(m_mutex);
-    /// Returns: whether the other controller's limit is started on version 2.
-    bool IsOtherOnV2(const LegacyGroup& group) ZEL_REQUIRES(m_mutex);
+    const LegacyGroup& OtherOf(const LegacyGroup& group) ZEL_REQUIRES(m_mutex);
 
     const LegacyOptions m_options;
     base::Mutex m_mutex;

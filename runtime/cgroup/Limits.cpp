@@ -272,7 +272,14 @@ Status EnsureMemHierarchical(const GroupDir& group) {
     if (group.GetVersion() != Version::kV1 || !group.HasFile(v1::kMemUseHierarchy)) return {};
     Result<int64_t> now = group.ReadNumber(v1::kMemUseHierarchy);
     if (!now) return now.GetError();
-    return *now == 1 ? Status{} : group.Write(v1::kMemUseHierarchy, "1");
+    if (*now == 1) return {};
+    Status written = group.Write(v1::kMemUseHierarchy, "1");
+    if (written) return written;
+    Error error = written.GetError();
+    error.hint =
+        "the memory limit of this group does not count for the groups below it; while there are groups below, "
+        "the kernel takes no change: stop the agent and remove them";
+    return error;
 }
 
 Result<MemCounters> ReadMemCounters(const GroupDir& group) {

@@ -61,7 +61,8 @@ Status ApplyMemHardLimit(const GroupDir& group, int64_t bytes);
 Status ApplyMemSoftLimit(const GroupDir& group, int64_t bytes);
 
 /// Version 1: makes a group's limit count for the groups below it too (memory.use_hierarchy; new groups of kernels
-/// before 5.11 do not). Needs a group without children. Version 2 and newer kernels: nothing to do.
+/// before 5.11 do not, unless the group above does). Needs a group without children: to be called before the first one
+/// is made. Version 2 and newer kernels: nothing to do.
 Status EnsureMemHierarchical(const GroupDir& group);
 
 /// Usage and counters. Absent ones are -1.

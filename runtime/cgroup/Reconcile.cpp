@@ -7,6 +7,7 @@
 
 #include "AgentTree.h"
 #include "LimitPlan.h"
+#include "Limits.h"
 #include "TreeFacts.h"
 
 namespace zel {
@@ -66,6 +67,10 @@ void ReconcileBranch(const Branch& branch, const GroupTargets& targets, std::vec
     if (!tree) {
         if (wanted || !MeansNothingToLift(branch, tree.GetError())) problems.push_back(tree.GetError());
         return;
+    }
+    if (branch.serves.memory && targets.wanted.memory) {
+        Status reaching = EnsureMemHierarchical(*tree);
+        if (!reaching) problems.push_back(reaching.GetError());
     }
     std::set<std::string> missing;
     if (wanted) missing = MakeGroups(branch, targets, *tree, problems);

@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/vfs.h>
@@ -13,6 +14,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
+#include <map>
 #include <mutex>
 
 namespace faults {
@@ -62,11 +64,15 @@ bool IsControlFile(int fd) {
     return fstatfs(fd, &info) == 0 && (info.f_type == kCgroupV1Magic || info.f_type == kCgroupV2Magic);
 }
 
-std::string NameOf(int fd) {
+std::string PathOf(int fd) {
     char path[PATH_MAX];
     const ssize_t size = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
-    const std::string text(path, size > 0 ? static_cast<size_t>(size) : 0);
-    return text.substr(text.rfind('/') + 1);
+    return std::string(path, size > 0 ? static_cast<size_t>(size) : 0);
+}
+
+std::string NameOf(int fd) {
+    const std::string path = PathOf(fd);
+    return path.substr(path.rfind('/') + 1);
 }
 
 /// Returns: the error that this write shall have, 0 for none.
@@ -77,6 +83,46 @@ int ControlError(int fd) {
     if (!g_control.file.empty()) return NameOf(fd) == g_control.file ? g_control.error : 0;
     if (g_control.failAt < 0 || index < g_control.failAt) return 0;
     return index == g_control.failAt || g_control.forever ? g_control.error : 0;
+}
+
+/// One group's scripted file: an unnamed file that every open of it leads to.
+struct ScriptedFiles {
+    std::string name;
+    std::map<std::string, int> byDirectory;
+};
+std::mutex g_scriptMutex;
+ScriptedFiles g_script;
+
+std::string TextOf(int fd) {
+    char text[16] = {};
+    const ssize_t size = pread(fd, text, sizeof text - 1, 0);
+    return std::string(text, size > 0 ? static_cast<size_t>(size) : 0);
+}
+
+bool HasGroupsBelow(int directory) {
+    struct stat info {};
+    return fstat(directory, &info) == 0 && info.st_nlink > 2;
+}
+
+/// Returns: a descriptor of the scripted file, -1 with errno set, or -2 when the file is none.
+int OpenScripted(int directory, const char* name, int flags) {
+    const std::lock_guard<std::mutex> guard(g_scriptMutex);
+    if (g_script.name.empty() || name != g_script.name) return -2;
+    const std::string path = PathOf(directory);
+    const bool writes = (flags & O_ACCMODE) != O_RDONLY;
+    auto known = g_script.byDirectory.find(path);
+    if (known == g_script.byDirectory.end()) {
+        const auto above = g_script.byDirectory.find(path.substr(0, path.rfind('/')));
+        const bool inherits = above != g_script.byDirectory.end() && TextOf(above->second) == "1\n";
+        const int made = memfd_create("scripted", MFD_CLOEXEC);
+        if (made < 0 || pwrite(made, inherits ? "1\n" : "0\n", 2, 0) != 2) return -1;
+        known = g_script.byDirectory.emplace(path, made).first;
+    }
+    if (writes && HasGroupsBelow(directory)) {
+        errno = EBUSY;
+        return -1;
+    }
+    return open(("/proc/self/fd/" + std::to_string(known->second)).c_str(), flags & ~O_NOFOLLOW);
 }
 
 template <class Function>
@@ -124,6 +170,23 @@ void FailControlWritesTo(const std::string& file, int error) {
     g_control.error = error;
 }
 
+OldHierarchySwitch::OldHierarchySwitch(const std::string& file) {
+    const std::lock_guard<std::mutex> guard(g_scriptMutex);
+    g_script.name = file;
+}
+
+OldHierarchySwitch::~OldHierarchySwitch() {
+    const std::lock_guard<std::mutex> guard(g_scriptMutex);
+    for (const auto& [directory, fd] : g_script.byDirectory) close(fd);
+    g_script = ScriptedFiles();
+}
+
+std::string OldHierarchySwitch::Of(const std::string& directory) const {
+    const std::lock_guard<std::mutex> guard(g_scriptMutex);
+    const auto known = g_script.byDirectory.find(directory);
+    return known == g_script.byDirectory.end() ? "" : TextOf(known->second).substr(0, 1);
+}
+
 int ControlWrites() {
     const std::lock_guard<std::mutex> guard(g_controlMutex);
     return g_control.writes;
@@ -146,7 +209,9 @@ ZEL_IN_FRONT int openat64(int directory, const char* path, int flags, ...) {
     va_start(rest, flags);
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
     va_end(rest);
-    return faults::Fails(faults::Call::kOpenat) ? -1 : next(directory, path, flags, mode);
+    if (faults::Fails(faults::Call::kOpenat)) return -1;
+    const int scripted = faults::OpenScripted(directory, path, flags);
+    return scripted == -2 ? next(directory, path, flags, mode) : scripted;
 }
 
 ZEL_IN_FRONT ssize_t write(int fd, const void* buffer, size_t size) {

@@ -44,4 +44,18 @@ void FailControlWritesTo(const std::string& file, int error);
 /// Returns: writes to control files since they were cleared, failed ones included.
 int ControlWrites();
 
+/// A control file that each group of this hierarchy has while the object lives, whatever the kernel gives: it reads
+/// "0\n" at first, below a group whose own reads "1" it reads "1\n", and as in kernels before 5.11 a group that has
+/// groups below it takes no write (EBUSY). In every thread of the program; one at a time.
+class OldHierarchySwitch {
+public:
+    explicit OldHierarchySwitch(const std::string& file);
+    ~OldHierarchySwitch();
+    OldHierarchySwitch(const OldHierarchySwitch&) = delete;
+    OldHierarchySwitch& operator=(const OldHierarchySwitch&) = delete;
+
+    /// Returns: what the group's file reads, without the line's end; empty when nobody has looked at it.
+    std::string Of(const std::string& directory) const;
+};
+
 }  // namespace faults

@@ -94,6 +94,8 @@ struct Layout {
         }
         if (!out.memV2 && statfs("/sys/fs/cgroup/memory", &info) == 0 && info.f_type == kV1Magic) {
             out.memMount = "/sys/fs/cgroup/memory";
+            char real[4096];
+            if (realpath("/sys/fs/cgroup/memory", real) != nullptr) out.memMount = real;
         }
         return out;
     }

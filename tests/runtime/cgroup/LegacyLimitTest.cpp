@@ -303,7 +303,7 @@ TEST_F(LegacyLimitTest, ProcessInItsUnifiedLeafIsLeftThere) {
         EXPECT_THAT(Warnings(), IsEmpty());
         // The memory hierarchy is another: what the tree does not hold there is the legacy limit's.
         EXPECT_EQ(kLegacyOk, m_limit->StartMemLimit(512 << 20, 0, m_error));
-        EXPECT_TRUE(m_limit->IsMemLimited());
+        EXPECT_EQ(m_cpu.mountPoint != m_memory.mountPoint, m_limit->IsMemLimited());
         EXPECT_EQ(kLegacyOk, m_limit->StopMemLimit(m_error, true));
         ASSERT_TRUE(OpenGroup(m_cpu, before)->MoveHere(static_cast<int>(getpid())).Ok());
         EXPECT_EQ(kLegacyOk, Stop());
@@ -480,6 +480,35 @@ TEST_F(LegacyLimitTest, MemoryLimitHoldsBothValuesAndStops) {
     EXPECT_EQ(before, SelfGroup(m_memory));
 }
 
+TEST_F(LegacyLimitTest, MemoryLimitCountsBelowOnOldKernels) {
+    const faults::OldHierarchySwitch old("memory.use_hierarchy");
+    ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(768 << 20, 0, m_error));
+    EXPECT_EQ("1", old.Of(MemDir(m_group)));
+    EXPECT_EQ(kLegacyOk, m_limit->StopMemLimit(m_error, true));
+    EXPECT_THAT(Warnings(), IsEmpty());
+}
+
+// One hierarchy for both controllers is what some hosts mount; the guests have it, here there are two.
+TEST_F(LegacyLimitTest, EachLimitEndsAloneWhateverIsMountedTogether) {
+    const std::string before = SelfGroup(m_memory);
+    for (const bool cpuFirst : {true, false}) {
+        ASSERT_EQ(kLegacyOk, Start(20, 0));
+        ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(768 << 20, 512 << 20, m_error));
+        ASSERT_EQ(kLegacyOk, cpuFirst ? Stop() : m_limit->StopMemLimit(m_error, true));
+        EXPECT_NE(cpuFirst, m_limit->IsCpuLimited());
+        EXPECT_EQ(cpuFirst, m_limit->IsMemLimited()) << "the other limit ended too";
+        EXPECT_FALSE(m_limit->IsSelfRemovedFromCgroup());
+        m_limit->Forget(cpuFirst ? Controller::kCpu : Controller::kMemory);
+        EXPECT_EQ(cpuFirst, m_limit->IsMemLimited());
+        EXPECT_NE(cpuFirst, m_limit->IsCpuLimited());
+        m_limit->ReleaseLimits();
+        EXPECT_EQ(before, SelfGroup(m_memory));
+        EXPECT_FALSE(Exists(CpuDir(m_group)));
+        EXPECT_FALSE(Exists(MemDir(m_group)));
+    }
+    EXPECT_THAT(Warnings(), IsEmpty());
+}
+
 TEST_F(LegacyLimitTest, WrappedMemoryLimitsAreRefused) {
     struct Case {
         int first, second;
@@ -534,15 +563,15 @@ private:
 TEST_F(LegacyLimitTest, MemoryLimitBelowUseIsRefusedAndTriedAgain) {
     ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(768 << 20, 0, m_error));
     {
-        const HoldingChild child(320 << 20);
+        const HoldingChild child(192 << 20);
         support::TakeLogLines();
-        EXPECT_EQ(kLegacyInUse, m_limit->StartMemLimit(256 << 20, 0, m_error));
+        EXPECT_EQ(kLegacyInUse, m_limit->StartMemLimit(128 << 20, 0, m_error));
         EXPECT_EQ(EBUSY, m_error);
         EXPECT_EQ(std::to_string(768 << 20), Hard());
         EXPECT_FALSE(m_limit->IsMemLimited());  // not the limit that was asked for
         EXPECT_THAT(Warnings(), SizeIs(1));
     }
-    EXPECT_EQ(kLegacyOk, m_limit->StartMemLimit(256 << 20, 0, m_error));
+    EXPECT_EQ(kLegacyOk, m_limit->StartMemLimit(128 << 20, 0, m_error));
     EXPECT_TRUE(m_limit->IsMemLimited());
     EXPECT_EQ(kLegacyOk, m_limit->StopMemLimit(m_error, true));
 }

@@ -44,6 +44,32 @@ TEST_F(CgroupManagerTest, PutsConfiguredLimitsOnParentAndGroups) {
     EXPECT_THAT(Warnings(), ::testing::IsEmpty());
 }
 
+// Before Linux 5.11 a limit counts for the groups below only where that is said before the first of them is made.
+TEST_F(CgroupManagerTest, ParentsMemoryLimitCountsBelowOnOldKernels) {
+    if (layout.memV2) GTEST_SKIP() << "SKIP direct: version 2 always counts below";
+    const faults::OldHierarchySwitch old("memory.use_hierarchy");
+    ASSERT_TRUE(ReconcileWorked());
+    EXPECT_EQ("1", old.Of(memTree));
+    EXPECT_THAT(Warnings(), ::testing::IsEmpty());
+    ASSERT_TRUE(ReconcileWorked());
+    EXPECT_THAT(Warnings(), ::testing::IsEmpty());
+}
+
+TEST_F(CgroupManagerTest, TellsThatAParentsLimitCountsForNobody) {
+    if (layout.memV2) GTEST_SKIP() << "SKIP direct: version 2 always counts below";
+    ASSERT_TRUE(ReconcileWorked());
+    // What an agent left behind that did not know of it: the groups are there already.
+    const faults::OldHierarchySwitch old("memory.use_hierarchy");
+    ClearFaults();
+    EXPECT_FALSE(ReconcileWorked()) << "a limit that binds nobody is not in force";
+    EXPECT_EQ("0", old.Of(memTree));
+    const std::vector<std::string> warnings = Warnings();
+    ASSERT_EQ(1u, warnings.size());
+    EXPECT_THAT(warnings[0], HasSubstr(memTree + "/memory.use_hierarchy"));
+    EXPECT_THAT(warnings[0], HasSubstr("does not count for the groups below it"));
+    EXPECT_EQ("23040", MemLimit("main")) << "what can be limited is";
+}
+
 // Whichever of its opens fails: success means that every group has its new limit, and a failure is told.
 TEST_F(CgroupManagerTest, NeverSaysYesWhenAGroupCouldNotBeOpened) {
     ASSERT_TRUE(ReconcileWorked());
@@ -257,7 +283,7 @@ TEST_F(CgroupManagerTest, PutsMainProcessIntoItsOwnComponentsGroup) {
 }
 
 TEST_F(CgroupManagerTest, PutsAProcessIntoAllTreesOrNone) {
-    if (layout.cpuV2 && layout.memV2) GTEST_SKIP() << "SKIP: one move serves both controllers here";
+    if (cpuTree == memTree) GTEST_SKIP() << "SKIP: one move serves both controllers here";
     ASSERT_TRUE(manager.Reconcile(true, true, Total(400, 1048576), {Group("main", 40000, 1048576)}));
     Child child(Sleeper);
     const std::string where = "/proc/" + std::to_string(child.Pid()) + "/cgroup";
@@ -463,7 +489,7 @@ TEST_F(CgroupManagerTest, RefusesATreeOfThatNameThatIsSomebodyElses) {
     EXPECT_FALSE(ReconcileWorked());
     EXPECT_THAT(Warnings(), ::testing::Contains(HasSubstr("it was not made by this agent and is in use")));
     EXPECT_FALSE(manager.IsMemCgroupEnabled());
-    EXPECT_EQ(!layout.cpuV2, manager.IsCpuCgroupEnabled()) << "version 1: the other hierarchy is not concerned";
+    EXPECT_EQ(cpuTree != memTree, manager.IsCpuCgroupEnabled()) << "another hierarchy is not concerned";
     EXPECT_TRUE(Exists(memTree + "/theirs"));
     ASSERT_EQ(0, rmdir((memTree + "/theirs").c_str()));
     ASSERT_TRUE(ReconcileWorked()) << "an empty one is taken over";
@@ -782,7 +808,7 @@ TEST_F(CgroupManagerTest, ShowsTheTreeAsTheKernelHasIt) {
         }
         if (node.name == "TervaneMonitor") {
             EXPECT_EQ(std::vector<int>{half.Pid()}, node.pids);
-            EXPECT_EQ(layout.cpuV2 && layout.memV2, node.membershipVerified) << "in one controller's leaf only";
+            EXPECT_EQ(cpuTree == memTree, node.membershipVerified) << "in one controller's leaf only";
         }
         if (node.name == "TervaneUpdate") {
             EXPECT_FALSE(node.membershipVerified);
