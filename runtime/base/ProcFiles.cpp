@@ -340,7 +340,7 @@ std::optional<MemInfo> ParseMemInfo(std::string_view text) {
         if (unused && buffers && cached) available = *unused + *buffers + *cached;
     }
     if (!total || *total == 0 || !available) return std::nullopt;
-    return MemInfo{*total, *available};
+    return MemInfo{*total, *available, field("SwapTotal").value_or(0)};
 }
 
 int UsagePercent(const MemInfo& info) {

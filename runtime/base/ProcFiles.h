@@ -196,11 +196,13 @@ private:
 struct MemInfo {
     uint64_t totalKb = 0;
     uint64_t availableKb = 0;
+    uint64_t swapTotalKb = 0;
 };
 
 /// Takes MemTotal and MemAvailable; where the kernel gives no MemAvailable (before 3.14), the sum of MemFree, Buffers
 /// and Cached stands in, which counts some memory that cannot be had.
-/// Returns: nothing when a field is missing or malformed, or the total is 0. Source: proc_meminfo(5).
+/// A missing SwapTotal is none. Returns: nothing when another field is missing or malformed, or the total is 0.
+/// Source: proc_meminfo(5).
 std::optional<MemInfo> ParseMemInfo(std::string_view text);
 /// Returns: 100 - 100 * available / total, in 0..100.
 int UsagePercent(const MemInfo& info);

@@ -25,6 +25,7 @@ constexpr char kMemUsageBytes[] = "memory.usage_in_bytes";
 constexpr char kMemFailCount[] = "memory.failcnt";
 constexpr char kMemOomControl[] = "memory.oom_control";
 constexpr char kMemUseHierarchy[] = "memory.use_hierarchy";
+constexpr char kMemStat[] = "memory.stat";
 }  // namespace v1
 
 namespace v2 {

@@ -46,7 +46,7 @@ std::string BytesText(int64_t bytes) {
 }
 
 /// What a step is about, and its two values in words.
-void DescribeStep(const LimitStep& step, const LimitFacts& facts, CgroupDrift& drift) {
+void DescribeStep(const LimitStep& step, CgroupDrift& drift) {
     drift.controller = ControllerName(step.controller);
     if (step.controller == Controller::kCpu) {
         CpuQuota asFound = step.inForce.cpu;
@@ -59,8 +59,8 @@ void DescribeStep(const LimitStep& step, const LimitFacts& facts, CgroupDrift& d
     }
     const bool onlySwap = step.inForce.bytes == step.wanted.bytes;
     drift.kind = onlySwap ? CgroupDriftKind::kSwap : CgroupDriftKind::kMemory;
-    drift.found = BytesText(onlySwap ? facts.withSwapBytes : step.inForce.bytes);
-    drift.wanted = BytesText(onlySwap ? V1SwapLimitFor(step.wanted.bytes) : step.wanted.bytes);
+    drift.found = BytesText(onlySwap ? step.swapInForce : step.inForce.bytes);
+    drift.wanted = BytesText(onlySwap ? step.swapWanted : step.wanted.bytes);
 }
 
 std::string ThingOf(const CgroupDrift& drift) {
@@ -295,7 +295,7 @@ void Keeper::Round::KeepLimits(const OpenTreeFacts& tree, Controller controller,
         drift.group = node.group;
         drift.component = node.leaf;
         drift.path = node.path;
-        DescribeStep(step, node.limits[controller], drift);
+        DescribeStep(step, drift);
         if (!rebuilt && !m_keeper.m_ledger.IsDue(ThingOf(drift), m_in.nowMs)) {
             Postpone(drift);
             continue;
@@ -486,7 +486,7 @@ std::string DescribeDrift(const CgroupDrift& drift) {
         case CgroupDriftKind::kCpuQuota: text = "CPU quota of " + drift.path; break;
         case CgroupDriftKind::kCpuBurst: text = "CPU burst of " + drift.path; break;
         case CgroupDriftKind::kMemory: text = "memory limit of " + drift.path; break;
-        case CgroupDriftKind::kSwap: text = "limit on memory and swap of " + drift.path; break;
+        case CgroupDriftKind::kSwap: text = "limit on swap of " + drift.path; break;
         case CgroupDriftKind::kController: text = "controller " + drift.controller + " of " + drift.path; break;
         case CgroupDriftKind::kGroup: text = "group " + drift.path; break;
         case CgroupDriftKind::kMember:

@@ -68,10 +68,9 @@ private:
     std::map<std::string, Limit> m_groups;  ///< what binds the leaves of each group
 };
 
-bool IsInForce(Controller controller, const LimitFacts& present, const Limit& wanted) {
-    if (!SameLimit(controller, present.limit, wanted)) return false;
-    if (controller == Controller::kCpu || !present.hasSwapLimit) return true;
-    return present.withSwapBytes == V1SwapLimitFor(wanted.bytes);
+bool IsInForce(const LimitStep& step, const LimitFacts& present) {
+    if (!SameLimit(step.controller, step.inForce, step.wanted)) return false;
+    return step.controller == Controller::kCpu || !present.hasSwapLimit || step.swapInForce == step.swapWanted;
 }
 
 /// Grows first, from the top down; then what shrinks, from the leaves up.
@@ -101,8 +100,10 @@ LimitPlan PlanLimits(const GroupTargets& targets, const TreeFacts& facts, Contro
             plan.problems.push_back(MakeError(ErrorKind::kNoController, "limit", node.path, what));
         } else if (present.failure) {
             plan.problems.push_back(*present.failure);
-        } else if (wanted && !IsInForce(controller, present, *wanted)) {
-            plan.steps.push_back({index, controller, present.limit, *wanted});
+        } else if (wanted) {
+            const LimitStep step{index,   controller,        present.limit,
+                                 *wanted, present.swapBytes, SwapLimitFor(facts.version, wanted->bytes)};
+            if (!IsInForce(step, present)) plan.steps.push_back(step);
         }
     }
     Order(facts, plan.steps);

@@ -20,8 +20,8 @@ struct LimitFacts {
     bool hasFile = false;          ///< false: the controller is off here, which is as good as no limit
     std::optional<Error> failure;  ///< the file is there and cannot be read
     Limit limit;
-    bool hasSwapLimit = false;  ///< version 1 memory with swap accounting
-    int64_t withSwapBytes = kUnlimited;
+    bool hasSwapLimit = false;  ///< memory with swap accounting
+    int64_t swapBytes = kUnlimited;
 
     bool Known() const { return hasFile && !failure; }
 };
@@ -50,6 +50,8 @@ struct LimitStep {
     Controller controller = Controller::kCpu;
     Limit inForce;
     Limit wanted;
+    int64_t swapInForce = kUnlimited;  ///< of a step that is about memory
+    int64_t swapWanted = kUnlimited;
 };
 
 struct LimitPlan {

@@ -31,7 +31,7 @@ CpuQuota QuotaFrom100Times(int64_t hundredths) {
         out.quotaUs = std::min(quota, kMaxQuotaUs);
         return out;
     }
-    // ceil, so that the share is never above what was asked for.
+    // ceil, so that the share is not above what was asked for; under 0.10 % it is, since the kernel takes no less.
     const int64_t period = (kMinQuotaUs * kHundredthsPerCpu + hundredths - 1) / hundredths;
     out.quotaUs = kMinQuotaUs;
     out.periodUs = std::min(period, kMaxPeriodUs);
@@ -52,8 +52,9 @@ int64_t PageRoundDown(int64_t bytes) {
     return bytes - bytes % PageBytes();
 }
 
-int64_t V1SwapLimitFor(int64_t bytes) {
-    return bytes < 0 ? kUnlimited : bytes + PageBytes();
+int64_t SwapLimitFor(Version version, int64_t bytes) {
+    if (bytes < 0) return kUnlimited;
+    return version == Version::kV2 ? 0 : bytes + PageBytes();
 }
 
 int64_t BytesFromKb(int64_t kb) {

@@ -45,8 +45,9 @@ int QuotaTo100Times(const CpuQuota& quota);
 /// Limit as the kernel keeps it: whole pages, rounded down. Unlimited stays unlimited.
 int64_t PageRoundDown(int64_t bytes);
 
-/// Version 1 limit on memory and swap together that goes with a memory limit of whole pages: one page above.
-int64_t V1SwapLimitFor(int64_t bytes);
+/// The limit that goes with a memory limit of whole pages and keeps its group out of swap. Version 1 limits memory and
+/// swap together: one page above the memory limit. Version 2 limits swap alone: none.
+int64_t SwapLimitFor(Version version, int64_t bytes);
 
 /// Units: KB to bytes; zero and negative: unlimited. Saturates.
 int64_t BytesFromKb(int64_t kb);

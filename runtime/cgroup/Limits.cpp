@@ -1,12 +1,15 @@
 // Limits and counters of one group, read and written at the leaf where the version is known.
 #include "Limits.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "CgroupFiles.h"
 #include "ControlText.h"
+#include "base/ProcFiles.h"
 
 namespace zel {
 namespace cgroup {
@@ -98,32 +101,53 @@ Result<int64_t> ReadV1Limit(const GroupDir& group, const char* file) {
     return *bytes < 0 || *bytes >= kV1UnlimitedFromBytes ? kUnlimited : *bytes;
 }
 
-// Version 2 takes a limit below what is in use and kills until it holds; version 1 refuses it. We refuse it on both.
-Status CheckRoomUnder(const GroupDir& group, int64_t bytes) {
-    Result<std::string> stat = group.Read(v2::kMemStat);
+bool HostHasSwap() {
+    const Result<std::string> text = base::ReadProcText(base::kMemInfoFile);
+    if (!text) return false;
+    const std::optional<base::MemInfo> info = base::ParseMemInfo(*text);
+    return info && info->swapTotalKb > 0;
+}
+
+Status CheckRoomUnder(const GroupDir& group, const MemLimit& old, int64_t bytes) {
+    if (bytes < 0) return {};
+    Result<std::string> stat = group.Read(group.GetVersion() == Version::kV2 ? v2::kMemStat : v1::kMemStat);
     if (!stat) return {};
-    const int64_t anonymous = ValueOr(ParseFlatKeyed(*stat), "anon", 0);
-    if (bytes < 0 || anonymous <= bytes) return {};
+    // Where swap is accounted for, the limit that is set with this one leaves none.
+    const bool canSwap = !old.hasSwapLimit && HostHasSwap();
+    const int64_t fixed = SumFixedBytes(*stat, group.GetVersion(), canSwap);
+    if (fixed <= bytes) return {};
     return Error{ErrorKind::kBusy, EBUSY, "set memory limit " + LimitText(bytes) + " on", group.Path(),
-                 "its processes hold " + LimitText(anonymous) + " bytes that stay in use: the kernel would kill"};
+                 "its processes hold " + LimitText(fixed) + " bytes that cannot be reclaimed: the kernel would kill"};
 }
 
 bool Above(int64_t a, int64_t b) {
     return b >= 0 && (a < 0 || a > b);
 }
 
+Status WriteV2Hard(const GroupDir& group, const MemLimit& old, int64_t bytes) {
+    const int64_t swap = SwapLimitFor(Version::kV2, bytes);
+    const bool swapDiffers = old.hasSwapLimit && old.swapBytes != swap;
+    Status first = swapDiffers ? group.Write(v2::kMemSwapMax, LimitText(swap)) : Status();
+    if (!first || old.hardBytes == bytes) return first;
+    Status second = group.Write(v2::kMemMax, LimitText(bytes));
+    if (second || !swapDiffers) return second;
+    Status back = group.Write(v2::kMemSwapMax, LimitText(old.swapBytes));
+    (void)back;  // the failure to report is the second write's
+    return second;
+}
+
 Status WriteV1Hard(const GroupDir& group, const MemLimit& old, int64_t bytes) {
     const std::string text = bytes < 0 ? "-1" : std::to_string(bytes);
     if (!old.hasSwapLimit) return group.Write(v1::kMemLimitBytes, text);
-    const int64_t withSwap = V1SwapLimitFor(bytes);
+    const int64_t withSwap = SwapLimitFor(Version::kV1, bytes);
     const std::string swapText = withSwap < 0 ? "-1" : std::to_string(withSwap);
     // The kernel wants limit <= limit with swap after each of the two writes.
-    const bool grows = Above(bytes, old.withSwapBytes);
+    const bool grows = Above(bytes, old.swapBytes);
     Status first = grows ? group.Write(v1::kMemSwapLimitBytes, swapText) : group.Write(v1::kMemLimitBytes, text);
     if (!first) return first;
     Status second = grows ? group.Write(v1::kMemLimitBytes, text) : group.Write(v1::kMemSwapLimitBytes, swapText);
     if (second) return second;
-    const int64_t before = grows ? old.withSwapBytes : old.hardBytes;
+    const int64_t before = grows ? old.swapBytes : old.hardBytes;
     Status back =
         group.Write(grows ? v1::kMemSwapLimitBytes : v1::kMemLimitBytes, before < 0 ? "-1" : std::to_string(before));
     (void)back;  // the failure to report is the second write's
@@ -196,6 +220,11 @@ Result<MemLimit> ReadMemLimit(const GroupDir& group) {
         Result<int64_t> hard = group.ReadNumber(v2::kMemMax);
         if (!hard) return hard.GetError();
         out.hardBytes = *hard;
+        out.hasSwapLimit = group.HasFile(v2::kMemSwapMax);
+        if (!out.hasSwapLimit) return out;
+        Result<int64_t> swap = group.ReadNumber(v2::kMemSwapMax);
+        if (!swap) return swap.GetError();
+        out.swapBytes = *swap;
         return out;
     }
     Result<int64_t> hard = ReadV1Limit(group, v1::kMemLimitBytes);
@@ -210,29 +239,55 @@ Result<MemLimit> ReadMemLimit(const GroupDir& group) {
     if (out.hasSwapLimit) {
         Result<int64_t> withSwap = ReadV1Limit(group, v1::kMemSwapLimitBytes);
         if (!withSwap) return withSwap.GetError();
-        out.withSwapBytes = *withSwap;
+        out.swapBytes = *withSwap;
     }
     return out;
+}
+
+int64_t SumFixedBytes(const std::string& memStat, Version version, bool canSwap) {
+    const std::map<std::string, int64_t> stat = ParseFlatKeyed(memStat);
+    const bool isV2 = version == Version::kV2;
+    const auto value = [&](const char* key) {
+        return ValueOr(stat, (isV2 ? key : std::string("total_") + key).c_str(), 0);
+    };
+    const int64_t anonymous = value(isV2 ? "anon" : "rss");
+    const int64_t locked = value("unevictable");
+    int64_t fixed = std::max(anonymous, locked);
+    if (!canSwap) {
+        // Two counts of the same pages: by kind, and by the kernel's lists, where locked ones of all kinds are apart.
+        fixed = std::max(anonymous + value("shmem"), value("active_anon") + value("inactive_anon") + locked);
+    }
+    if (!isV2) return fixed;
+    const int64_t sum = value("kernel");
+    const int64_t kernel =
+        sum > 0 ? sum - value("slab_reclaimable")
+                : value("kernel_stack") + value("pagetables") + value("percpu") + value("slab_unreclaimable");
+    return fixed + std::max<int64_t>(kernel, 0) + value("sock");
 }
 
 Status ApplyMemHardLimit(const GroupDir& group, int64_t bytes) {
     const int64_t wanted = PageRoundDown(bytes);
     Result<MemLimit> old = ReadMemLimit(group);
     if (!old) return old.GetError();
-    const int64_t withSwap = V1SwapLimitFor(wanted);
-    if (old->hardBytes == wanted && (!old->hasSwapLimit || old->withSwapBytes == withSwap)) return {};
-    const bool isV2 = group.GetVersion() == Version::kV2;
-    if (isV2) {
-        Status room = CheckRoomUnder(group, wanted);
+    const int64_t swap = SwapLimitFor(group.GetVersion(), wanted);
+    const auto isThere = [&](const MemLimit& limit) {
+        return limit.hardBytes == wanted && (!limit.hasSwapLimit || limit.swapBytes == swap);
+    };
+    if (isThere(*old)) return {};
+    if (Above(old->hardBytes, wanted)) {
+        Status room = CheckRoomUnder(group, *old, wanted);
         if (!room) return room;
     }
-    Status written = isV2 ? group.Write(v2::kMemMax, LimitText(wanted)) : WriteV1Hard(group, *old, wanted);
+    const bool isV2 = group.GetVersion() == Version::kV2;
+    Status written = isV2 ? WriteV2Hard(group, *old, wanted) : WriteV1Hard(group, *old, wanted);
     if (!written) return written;
     Result<MemLimit> now = ReadMemLimit(group);
     if (!now) return now.GetError();
-    if (now->hardBytes == wanted && (!now->hasSwapLimit || now->withSwapBytes == withSwap)) return {};
+    if (isThere(*now)) return {};
     return MakeError(ErrorKind::kNotInForce, "set memory limit " + LimitText(wanted) + " on", group.Path(),
-                     "the kernel shows " + LimitText(now->hardBytes) + ": somebody else writes this group");
+                     "the kernel shows " + LimitText(now->hardBytes) +
+                         (now->hasSwapLimit ? ", with swap " + LimitText(now->swapBytes) : "") +
+                         ": somebody else writes this group");
 }
 
 Status ApplyMemSoftLimit(const GroupDir& group, int64_t bytes) {

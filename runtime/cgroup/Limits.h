@@ -42,19 +42,22 @@ Result<CpuCounters> ReadCpuCounters(const GroupDir& group);
 struct MemLimit {
     int64_t hardBytes = kUnlimited;
     int64_t softBytes = kUnlimited;  ///< version 1: memory.soft_limit_in_bytes; version 2: not written, reads unlimited
-    int64_t withSwapBytes = kUnlimited;  ///< version 1 with swap accounting: memory.memsw.limit_in_bytes; read only
+    int64_t swapBytes = kUnlimited;  ///< with swap accounting; version 1: memory.memsw.limit_in_bytes, of memory and
+                                     ///< swap together; version 2: memory.swap.max, of swap alone
     bool hasSwapLimit = false;
 };
 Result<MemLimit> ReadMemLimit(const GroupDir& group);
 
 /// Writes the hard limit unless it is there, and reads it back, rounded down to pages as the kernel does.
-/// Kernel: version 1 with swap accounting keeps the limit on memory and swap together one page above, since a limit
-/// that only moves the agent's memory to swap helps nobody. Not at the same value: then that one is hit first, and
-/// memory.failcnt stays 0. It must never be below the memory limit, so it is raised first and lowered last.
-/// Version 2: memory.max; memory.swap.max is left alone.
-/// A limit below the anonymous memory in use is refused as kBusy on version 2 too, where the kernel would take it and
-/// kill.
-/// On failure: kBusy when more is in use than can be reclaimed; version 1 puts the old pair back.
+/// With it goes the limit that keeps the group out of swap, where swap is accounted for, since a limit that only moves
+/// the agent's memory to swap helps nobody.
+/// Kernel: version 1 limits memory and swap together, one page above. Not at the same value: then that one is hit
+/// first, and memory.failcnt stays 0. It must never be below the memory limit, so it is raised first and lowered last.
+/// Version 2 limits swap alone, to nothing, before the memory limit is written: otherwise what is above that would be
+/// moved there.
+/// A limit below what is in use and cannot be reclaimed is refused: version 2 would take it and kill, version 1 would
+/// fill the swap before it refuses.
+/// On failure: kBusy when more is in use than can be reclaimed; the old pair is put back.
 Status ApplyMemHardLimit(const GroupDir& group, int64_t bytes);
 
 /// Version 1: memory.soft_limit_in_bytes. Version 2: nothing, because memory.high can stall a process for good.
@@ -64,6 +67,13 @@ Status ApplyMemSoftLimit(const GroupDir& group, int64_t bytes);
 /// before 5.11 do not, unless the group above does). Needs a group without children: to be called before the first one
 /// is made. Version 2 and newer kernels: nothing to do.
 Status EnsureMemHierarchical(const GroupDir& group);
+
+/// What of a group's memory.stat stays whatever is reclaimed. Pure. `canSwap`: anonymous and shared memory may be moved
+/// to swap, which only counts for shared memory here: a limit is to hold without it.
+/// Kernel: version 1 counts the groups below in the "total_" lines, and refuses by itself what its own kernel memory
+/// does not leave room for, so that is not counted. Version 2 counts kernel memory less the caches that can be dropped;
+/// before 5.18 by its kinds.
+int64_t SumFixedBytes(const std::string& memStat, Version version, bool canSwap);
 
 /// Usage and counters. Absent ones are -1.
 struct MemCounters {

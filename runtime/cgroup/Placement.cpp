@@ -40,7 +40,7 @@ struct Standing {
 
 bool HasMemoryBound(const GroupDir& group) {
     Result<MemLimit> limit = ReadMemLimit(group);
-    if (limit && (limit->hardBytes >= 0 || limit->softBytes >= 0 || limit->withSwapBytes >= 0)) return true;
+    if (limit && (limit->hardBytes >= 0 || limit->softBytes >= 0 || limit->swapBytes >= 0)) return true;
     if (group.GetVersion() == Version::kV1) return false;
     for (const char* file : {v2::kMemHigh, v2::kMemSwapMax}) {
         Result<int64_t> value = group.ReadNumber(file);

@@ -27,7 +27,7 @@ LimitFacts ReadLimitFacts(Controller controller, const GroupDir& dir) {
     }
     out.limit.bytes = limit->hardBytes;
     out.hasSwapLimit = limit->hasSwapLimit;
-    out.withSwapBytes = limit->withSwapBytes;
+    out.swapBytes = limit->swapBytes;
     return out;
 }
 

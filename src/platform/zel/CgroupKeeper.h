@@ -17,7 +17,7 @@ enum class CgroupDriftKind {
     kCpuQuota,    ///< quota or period
     kCpuBurst,    ///< saved-up time on top of the quota
     kMemory,      ///< hard limit
-    kSwap,        ///< version 1: limit on memory and swap together
+    kSwap,        ///< version 1: limit on memory and swap together; version 2: on swap
     kController,  ///< version 2: a controller that is not given to the children any more
     kGroup,       ///< a group that is gone, or another one of its name
     kMember,      ///< a process, or a thread of one, outside its leaf

@@ -224,7 +224,7 @@ TEST_F(GroupDirTest, MemoryLimitGrowsAndShrinksTogetherWithSwapLimit) {
         ASSERT_TRUE(status.Ok()) << status.GetError().Text();
         EXPECT_EQ(std::to_string(bytes), ReadValue(MemDir(m_name) + "/memory.limit_in_bytes"));
         if (hasSwap) {
-            EXPECT_EQ(std::to_string(V1SwapLimitFor(bytes)),
+            EXPECT_EQ(std::to_string(SwapLimitFor(Version::kV1, bytes)),
                       ReadValue(MemDir(m_name) + "/memory.memsw.limit_in_bytes"));
         }
     }
@@ -232,7 +232,7 @@ TEST_F(GroupDirTest, MemoryLimitGrowsAndShrinksTogetherWithSwapLimit) {
     EXPECT_EQ(16 << 20, ReadMemLimit(group)->softBytes);
     ASSERT_TRUE(ApplyMemHardLimit(group, kUnlimited).Ok());
     EXPECT_EQ(kUnlimited, ReadMemLimit(group)->hardBytes);
-    EXPECT_EQ(kUnlimited, ReadMemLimit(group)->withSwapBytes);
+    EXPECT_EQ(kUnlimited, ReadMemLimit(group)->swapBytes);
 }
 
 TEST_F(GroupDirTest, AFailedSecondMemoryWritePutsTheFirstBack) {
@@ -243,7 +243,47 @@ TEST_F(GroupDirTest, AFailedSecondMemoryWritePutsTheFirstBack) {
         const Failing failing(Call::kWrite, EINVAL, 2);
         EXPECT_FALSE(ApplyMemHardLimit(group, wanted).Ok());
         EXPECT_EQ(64 << 20, ReadMemLimit(group)->hardBytes);
-        EXPECT_EQ(V1SwapLimitFor(64 << 20), ReadMemLimit(group)->withSwapBytes);
+        EXPECT_EQ(SwapLimitFor(Version::kV1, 64 << 20), ReadMemLimit(group)->swapBytes);
+    }
+}
+
+TEST(FixedBytesTest, CountsWhatNoReclaimCanTakeAway) {
+    const struct {
+        const char* stat;
+        Version version;
+        bool canSwap;
+        int64_t bytes;
+    } cases[] = {
+        {"", Version::kV2, false, 0},
+        {"anon 100\nfile 900\n", Version::kV2, false, 100},
+        {"anon 100\nshmem 50\nfile 950\n", Version::kV2, false, 150},
+        {"anon 100\nshmem 50\nfile 950\n", Version::kV2, true, 100},
+        // Of the locked 70 some are of the anonymous pages: the lists say 60 + 20 + 70.
+        {"anon 100\nactive_anon 60\ninactive_anon 20\nunevictable 70\n", Version::kV2, false, 150},
+        {"anon 10\nunevictable 70\n", Version::kV2, true, 70},
+        {"anon 100\nkernel 40\nslab_reclaimable 15\nslab_unreclaimable 5\nsock 3\n", Version::kV2, false, 128},
+        {"anon 100\nkernel_stack 1\npagetables 2\npercpu 4\nslab_unreclaimable 8\nslab 99\n", Version::kV2, false, 115},
+        {"anon 100\nkernel 10\nslab_reclaimable 15\n", Version::kV2, false, 100},
+        {"rss 1\nshmem 2\ntotal_rss 100\ntotal_shmem 50\ntotal_cache 900\n", Version::kV1, false, 150},
+        {"total_rss 100\ntotal_active_anon 90\ntotal_inactive_anon 30\ntotal_unevictable 40\n", Version::kV1, false,
+         160},
+        {"total_rss 100\ntotal_shmem 50\n", Version::kV1, true, 100},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.bytes, SumFixedBytes(c.stat, c.version, c.canSwap)) << c.stat;
+}
+
+// Shared memory and kernel memory are not "anon", and go nowhere all the same.
+TEST_F(GroupDirTest, LimitBelowWhatCannotBeReclaimedIsRefused) {
+    GroupDir group = Make(m_memRoot);
+    for (const Holding what : {Holding::kShared, Holding::kKernel}) {
+        ASSERT_TRUE(ApplyMemHardLimit(group, 256 << 20).Ok());
+        HoldingChild child(group, what);
+        ASSERT_TRUE(child.Holds());
+        Status refused = ApplyMemHardLimit(group, 8 << 20);
+        ASSERT_FALSE(refused.Ok());
+        EXPECT_EQ(EBUSY, refused.GetError().error);
+        EXPECT_EQ(256 << 20, ReadMemLimit(group)->hardBytes);
+        EXPECT_TRUE(child.Lives());
     }
 }
 

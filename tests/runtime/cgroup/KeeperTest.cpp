@@ -71,7 +71,7 @@ public:
             const std::string mem = memTree + "/" + node;
             out += std::string(node) + ": " + CpuLimit(node) + " burst " +
                    ReadValue(cpu + (layout.cpuV2 ? "/cpu.max.burst" : "/cpu.cfs_burst_us")) + " memory " +
-                   MemLimit(node) + " swap " + ReadValue(mem + "/memory.memsw.limit_in_bytes") + " given " +
+                   MemLimit(node) + " swap " + ReadValue(mem + SwapFile()) + " given " +
                    ReadValue(cpu + "/cgroup.subtree_control") + "\n";
         }
         out += IsWhole(getpid(), "main/Tervane") ? "main inside\n" : "main outside\n";
@@ -112,9 +112,11 @@ public:
         if (!HasBurst()) return;
         ASSERT_TRUE(WriteText(cpuTree + "/" + node + (layout.cpuV2 ? "/cpu.max.burst" : "/cpu.cfs_burst_us"), value));
     }
-    void LiftSwap(const std::string& node) const {
-        ASSERT_TRUE(WriteText(memTree + "/" + node + "/memory.memsw.limit_in_bytes", "-1"));
+    const char* SwapFile() const { return layout.memV2 ? "/memory.swap.max" : "/memory.memsw.limit_in_bytes"; }
+    void Swap(const std::string& node, const char* value) const {
+        ASSERT_TRUE(WriteText(memTree + "/" + node + SwapFile(), value));
     }
+    void LiftSwap(const std::string& node) const { Swap(node, layout.memV2 ? "max" : "-1"); }
     /// A second thread of this process, started on first use.
     int ThreadOfMain() {
         if (!sleeper.joinable()) {
@@ -201,8 +203,10 @@ const Row kRows[] = {
     {"MemoryLiftedOfLeaf", CgroupDriftKind::kMemory, [](KeeperTest& t) { t.Memory(kLeaf, "-1"); }, 0},
     {"MemoryLiftedOfMain", CgroupDriftKind::kMemory, [](KeeperTest& t) { t.Memory("main/Tervane", "-1"); }, 0},
     {"MemoryLowered", CgroupDriftKind::kMemory, [](KeeperTest& t) { t.Memory(kLeaf, "33554432"); }, 0},
-    {"SwapLiftedOfParent", CgroupDriftKind::kSwap, [](KeeperTest& t) { t.LiftSwap(""); }, 1},
-    {"SwapLiftedOfLeaf", CgroupDriftKind::kSwap, [](KeeperTest& t) { t.LiftSwap(kLeaf); }, 1},
+    {"SwapLiftedOfParent", CgroupDriftKind::kSwap, [](KeeperTest& t) { t.LiftSwap(""); }, 0},
+    {"SwapLiftedOfGroup", CgroupDriftKind::kSwap, [](KeeperTest& t) { t.LiftSwap(kGroup); }, 0},
+    {"SwapLiftedOfLeaf", CgroupDriftKind::kSwap, [](KeeperTest& t) { t.LiftSwap(kLeaf); }, 0},
+    {"SwapChanged", CgroupDriftKind::kSwap, [](KeeperTest& t) { t.Swap(kLeaf, "2147483648"); }, 0},
     {"LeafRemoved", CgroupDriftKind::kGroup, [](KeeperTest& t) { t.Remove(t.cpuTree, kLeaf); }, 0},
     {"LeafRemovedFromMemory", CgroupDriftKind::kGroup, [](KeeperTest& t) { t.Remove(t.memTree, kLeaf); }, 0},
     {"LeafOfMainRemoved", CgroupDriftKind::kGroup, [](KeeperTest& t) { t.Remove(t.cpuTree, "main/Tervane"); }, 0},
@@ -245,7 +249,7 @@ TEST_P(DriftTable, IsPutRightWithinTwoRoundsToldOnceAndCounted) {
                           : layout.memV2;
     if (row.version != 0 && isV2 != (row.version == 2)) GTEST_SKIP() << "SKIP direct: for version " << row.version;
     if (row.kind == CgroupDriftKind::kCpuBurst && !HasBurst()) GTEST_SKIP() << "SKIP direct: no burst in this kernel";
-    if (row.kind == CgroupDriftKind::kSwap && ReadValue(memTree + "/memory.memsw.limit_in_bytes").empty()) {
+    if (row.kind == CgroupDriftKind::kSwap && ReadValue(memTree + SwapFile()).empty()) {
         GTEST_SKIP() << "SKIP direct: no swap accounting";
     }
     row.disturb(*this);

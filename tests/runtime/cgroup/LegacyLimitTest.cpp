@@ -530,9 +530,9 @@ TEST_F(LegacyLimitTest, WrappedMemoryLimitsAreRefused) {
 }
 
 /// Holds `bytes` in a process of its own, from the moment that this returns.
-class HoldingChild {
+class LargeChild {
 public:
-    explicit HoldingChild(size_t bytes) {
+    explicit LargeChild(size_t bytes) {
         EXPECT_EQ(0, pipe2(m_ready, O_CLOEXEC));
         m_pid = fork();
         if (m_pid != 0) {
@@ -547,13 +547,13 @@ public:
         if (write(m_ready[1], "x", 1) != 1) _exit(1);
         for (;;) pause();
     }
-    ~HoldingChild() {
+    ~LargeChild() {
         kill(m_pid, SIGKILL);
         waitpid(m_pid, nullptr, 0);
         for (const int fd : m_ready) close(fd);
     }
-    HoldingChild(const HoldingChild&) = delete;
-    HoldingChild& operator=(const HoldingChild&) = delete;
+    LargeChild(const LargeChild&) = delete;
+    LargeChild& operator=(const LargeChild&) = delete;
 
 private:
     int m_ready[2] = {-1, -1};
@@ -563,7 +563,7 @@ private:
 TEST_F(LegacyLimitTest, MemoryLimitBelowUseIsRefusedAndTriedAgain) {
     ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(768 << 20, 0, m_error));
     {
-        const HoldingChild child(192 << 20);
+        const LargeChild child(192 << 20);
         support::TakeLogLines();
         EXPECT_EQ(kLegacyInUse, m_limit->StartMemLimit(128 << 20, 0, m_error));
         EXPECT_EQ(EBUSY, m_error);

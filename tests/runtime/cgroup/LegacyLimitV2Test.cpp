@@ -115,6 +115,54 @@ TEST_F(LegacyLimitV2Test, LimitThatCannotHoldThisProcessIsRefused) {
     EXPECT_EQ("/", SelfGroup());
 }
 
+TEST_F(LegacyLimitV2Test, LimitBelowWhatCannotBeReclaimedIsRefused) {
+    auto group = m_root.MakeChild(m_name);
+    ASSERT_TRUE(group.Ok());
+    ASSERT_TRUE(m_root.EnableForChildren("memory").Ok());
+    for (const Holding what : {Holding::kShared, Holding::kKernel}) {
+        ASSERT_TRUE(ApplyMemHardLimit(*group, 256 << 20).Ok());
+        HoldingChild child(*group, what);
+        ASSERT_TRUE(child.Holds());
+        Status refused = ApplyMemHardLimit(*group, 8 << 20);
+        EXPECT_FALSE(refused.Ok());
+        EXPECT_EQ(std::to_string(256 << 20), ReadValue(Dir("/memory.max")));
+        EXPECT_TRUE(child.Lives()) << "the kernel took the limit and killed";
+    }
+}
+
+TEST_F(LegacyLimitV2Test, SwapLimitGoesWithTheMemoryLimit) {
+    ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(96 << 20, 64 << 20, m_error));
+    EXPECT_EQ("0", ReadValue(Dir(".legacy/memory.swap.max")));
+    auto group = m_root.OpenChild(m_name + ".legacy");
+    ASSERT_TRUE(group.Ok());
+    ASSERT_TRUE(ApplyMemHardLimit(*group, kUnlimited).Ok());
+    EXPECT_EQ("max", ReadValue(Dir(".legacy/memory.swap.max")));
+    ASSERT_EQ(kLegacyOk, m_limit->StopMemLimit(m_error, true));
+}
+
+// What version 1 does by its limit on memory and swap together: the hog ends, the host's swap stays as it was.
+TEST_F(LegacyLimitV2Test, WhatIsAboveTheLimitDoesNotGoToSwap) {
+    if (!Exists("/dev/nvme0n1")) GTEST_SKIP() << "SKIP: no disk to swap to";
+    ASSERT_EQ(0, system("mkswap /dev/nvme0n1 >/dev/null && swapon /dev/nvme0n1"));
+    auto group = m_root.MakeChild(m_name);
+    ASSERT_TRUE(group.Ok());
+    ASSERT_TRUE(m_root.EnableForChildren("memory").Ok());
+    ASSERT_TRUE(ApplyMemHardLimit(*group, 16 << 20).Ok());
+    const pid_t hog = fork();
+    if (hog == 0) {
+        if (!group->MoveHere(static_cast<int>(getpid())).Ok()) _exit(3);
+        constexpr size_t kBytes = 48 << 20;
+        auto* memory = static_cast<volatile char*>(malloc(kBytes));
+        for (size_t i = 0; memory != nullptr && i < kBytes; i += 4096) memory[i] = 1;
+        _exit(0);
+    }
+    int state = 0;
+    waitpid(hog, &state, 0);
+    EXPECT_TRUE(WIFSIGNALED(state)) << "it went on in swap";
+    EXPECT_EQ("0", ReadValue(Dir("/memory.swap.current")));
+    EXPECT_EQ(0, system("swapoff /dev/nvme0n1"));
+}
+
 TEST_F(LegacyLimitV2Test, ABurnerIsThrottledAndTheStatusShowsIt) {
     ASSERT_EQ(kLegacyOk, m_limit->StartCpuLimit(10, 0, m_error));
     timespec start{}, now{};

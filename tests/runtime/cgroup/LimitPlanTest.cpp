@@ -192,8 +192,16 @@ TEST(LimitPlanTest, SeesALimitWithSwapThatIsNotOurs) {
     TreeFacts facts = Tree(Version::kV1, {Node("", "", 0, 4096)});
     facts.nodes[0].limits.memory.hasSwapLimit = true;
     EXPECT_THAT(Planned(targets, facts, kMemory), ElementsAre("/t 4096>4096"));
-    facts.nodes[0].limits.memory.withSwapBytes = V1SwapLimitFor(4096 * 1024);
+    facts.nodes[0].limits.memory.swapBytes = SwapLimitFor(Version::kV1, 4096 * 1024);
     EXPECT_THAT(Planned(targets, facts, kMemory), IsEmpty());
+    // Version 2 counts swap alone.
+    facts.version = Version::kV2;
+    EXPECT_THAT(Planned(targets, facts, kMemory), ElementsAre("/t 4096>4096"));
+    facts.nodes[0].limits.memory.swapBytes = 0;
+    EXPECT_THAT(Planned(targets, facts, kMemory), IsEmpty());
+    facts.nodes[0].limits.memory.hasSwapLimit = false;
+    facts.nodes[0].limits.memory.swapBytes = kUnlimited;
+    EXPECT_THAT(Planned(targets, facts, kMemory), IsEmpty()) << "without swap accounting there is nothing to set";
 }
 
 TEST(LimitPlanTest, SeesTheSameShareInAnotherPeriod) {

@@ -76,4 +76,11 @@ TEST(LimitUnitsTest, MemoryIsRoundedDownToPages) {
     EXPECT_EQ(0, KbFromBytes(9223372036854771712LL));
 }
 
+TEST(LimitUnitsTest, SwapLimitLeavesNoneOnEitherVersion) {
+    EXPECT_EQ(kUnlimited, SwapLimitFor(Version::kV1, kUnlimited));
+    EXPECT_EQ(kUnlimited, SwapLimitFor(Version::kV2, kUnlimited));
+    EXPECT_EQ((64 << 20) + 4096, SwapLimitFor(Version::kV1, 64 << 20));
+    EXPECT_EQ(0, SwapLimitFor(Version::kV2, 64 << 20));
+}
+
 }  // namespace

@@ -2,14 +2,17 @@
 // machine without them is skipped with the reason.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -45,6 +48,65 @@ public:
 
 private:
     pid_t m_pid = 0;
+};
+
+enum class Holding { kShared, kKernel };
+
+/// A child in a group of its own that holds 24 MB there, of a kind that cannot be reclaimed; ends with its parent.
+class HoldingChild {
+public:
+    HoldingChild(const zel::cgroup::GroupDir& group, Holding what) {
+        int ready[2] = {-1, -1};
+        if (pipe(ready) != 0) return;
+        m_pid = fork();
+        if (m_pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            const bool holds = group.MoveHere(static_cast<int>(getpid())).Ok() &&
+                               (what == Holding::kShared ? HoldShared() : HoldKernel());
+            if (!holds || write(ready[1], "x", 1) != 1) _exit(1);
+            for (;;) pause();
+        }
+        close(ready[1]);
+        char byte = 0;
+        m_holds = read(ready[0], &byte, 1) == 1;
+        close(ready[0]);
+    }
+    ~HoldingChild() {
+        if (m_pid <= 0) return;
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+    }
+    HoldingChild(const HoldingChild&) = delete;
+    HoldingChild& operator=(const HoldingChild&) = delete;
+    bool Holds() const { return m_holds; }
+    bool Lives() {
+        if (waitpid(m_pid, nullptr, WNOHANG) == 0) return true;
+        m_pid = 0;
+        return false;
+    }
+
+private:
+    static constexpr size_t kBytes = 24 << 20;
+
+    static bool HoldShared() {
+        void* memory = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        if (memory == MAP_FAILED) return false;
+        memset(memory, 1, kBytes);
+        return true;
+    }
+    /// In pipes that nobody reads.
+    static bool HoldKernel() {
+        static const char block[65536] = {};
+        for (size_t held = 0; held < kBytes; held += sizeof block) {
+            int ends[2];
+            if (pipe2(ends, O_NONBLOCK) != 0) return false;
+            if (write(ends[1], block, sizeof block) != static_cast<ssize_t>(sizeof block)) return false;
+        }
+        return true;
+    }
+
+    pid_t m_pid = 0;
+    bool m_holds = false;
 };
 
 class RealV1 : public testing::Test {
