@@ -33,6 +33,12 @@ int LimitMode() {
     return conf == nullptr ? 0 : static_cast<int>(conf->resourceLimitMode.Get());
 }
 
+void FindWhyMissing(StatusReport& report) {
+    if ((report.mode & (zel::kModeCpu | zel::kModeMemory)) != 0) report.undelegated = zel::UndelegatedService();
+    report.cgroup.cpu.advice = AdviseOnMissing(report, report.cgroup.cpu, zel::kModeCpu);
+    report.cgroup.mem.advice = AdviseOnMissing(report, report.cgroup.mem, zel::kModeMemory);
+}
+
 }  // namespace
 
 StatusReport CollectStatus(const StatusSources& sources) {
@@ -63,6 +69,7 @@ StatusReport CollectStatus(const StatusSources& sources) {
     std::string problem;
     report.unified = (report.mode & zel::kModeUnified) != 0 && zel::ReadCgroupTreeStatus(report.tree, problem) &&
                      IsInUnifiedTree(report.tree, report.pid);
+    FindWhyMissing(report);
     report.modeInForce = ModeInForce(report);
     report.keeper = zel::GetCgroupKeeperStatus();
     report.modeReason = DescribeMode(report);

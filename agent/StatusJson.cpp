@@ -188,6 +188,7 @@ void Fields(Io& io, Of<Io, StatusReport>& report) {
     io.Record("cpu", report.cgroup.cpu);
     io.Record("memory", report.cgroup.mem);
     io.Record("tree", report.tree);
+    io("undelegated_service", report.undelegated);
     io.Record("keeper", report.keeper);
     io.List("components", report.components);
     io.Record("delivery", report.delivery);

@@ -19,6 +19,21 @@ bool IsInUnifiedTree(const zel::CgroupTreeStatus& tree, int pid) {
     });
 }
 
+std::string DescribeUndelegated(const std::string& service) {
+    return service +
+           " is not delegated: its manager moves the processes out of the agent's groups when another unit gets a "
+           "setting; add Delegate=yes to its [Service] section";
+}
+
+std::string AdviseOnMissing(const StatusReport& report, const zel::CgroupControllerStatus& controller, int modeBit) {
+    if (controller.limited || controller.version == 0 || !controller.advice.empty()) return controller.advice;
+    if ((report.mode & modeBit) == 0) {
+        return "switch the limit on: resource_limit_mode 1 for CPU, 4 for memory, 13 for one limit per component";
+    }
+    if (!report.undelegated.empty()) return DescribeUndelegated(report.undelegated);
+    return "it is switched on; the log says why it does not hold";
+}
+
 std::string DescribeMode(const StatusReport& report) {
     const std::string wanted = "mode " + std::to_string(report.mode) + ": ";
     const bool cpu = (report.mode & zel::kModeCpu) != 0;

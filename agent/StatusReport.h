@@ -37,6 +37,7 @@ struct StatusReport {
     std::vector<ComponentStatus> components;
     zel::CgroupStatus cgroup;             ///< this process's own groups, as the kernel says
     zel::CgroupTreeStatus tree;           ///< the unified tree; empty in the legacy mode
+    std::string undelegated;              ///< service whose manager may move processes out of the groups; else empty
     zel::CgroupKeeperStatus keeper;       ///< of the main process: what was put right on the tree
     std::vector<std::string> lastEvents;  ///< delivered last, in words, oldest first
     uint64_t logCount = 0;                ///< log lines of level 3 or worse so far
@@ -47,6 +48,11 @@ struct StatusReport {
 int ModeInForce(const StatusReport& report);
 /// Whether a group of the tree holds the process. Pure.
 bool IsInUnifiedTree(const zel::CgroupTreeStatus& tree, int pid);
+/// What an operator can do about a limit that does not hold, as the kernel's files have it and by whether the limit is
+/// asked for. Pure.
+std::string AdviseOnMissing(const StatusReport& report, const zel::CgroupControllerStatus& controller, int modeBit);
+/// One sentence about a service that is not delegated, with its remedy. Pure.
+std::string DescribeUndelegated(const std::string& service);
 /// One sentence: which limits hold this process, and what was asked for and does not hold. Pure.
 std::string DescribeMode(const StatusReport& report);
 

@@ -138,6 +138,10 @@ Findings JudgeAgent(const base::Result<StatusReport>& report) {
         found.push_back(Ok("layout " + report->tree.layout,
                            "CPU: " + report->tree.cpuPlace + "; memory: " + report->tree.memoryPlace));
     }
+    if (!report->undelegated.empty()) {
+        found.push_back({Severity::kWarning, DescribeUndelegated(report->undelegated), "answer of the agent to status",
+                         "systemctl edit " + report->undelegated + ", then restart it"});
+    }
     for (const Trouble& trouble : FindTrouble(*report)) {
         found.push_back({Severity::kProblem, trouble.what, "answer of the agent to status", trouble.remedy});
     }

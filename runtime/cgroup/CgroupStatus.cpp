@@ -86,9 +86,7 @@ void Explain(const Hierarchy& hierarchy, const std::string& groupPath, CgroupCon
         out.advice =
             "the hierarchy is read-only here: remount it read-write, or set ProtectControlGroups=no in the unit";
     } else if (geteuid() != 0) {
-        out.advice = "run the agent as root or in a delegated group (Delegate=yes), and switch the limit on";
-    } else {
-        out.advice = "switch the limit on: resource_limit_mode 1 for CPU, 4 for memory, 13 for one limit per component";
+        out.advice = "run the agent as root or in a delegated group (Delegate=yes)";
     }
 }
 

@@ -29,7 +29,6 @@ using base::ParseProcCgroups;
 
 constexpr char kDefaultAgentGroup[] = "zel.agent";
 constexpr char kAgentGroupVariable[] = "ZEL_CGROUP_NAME";
-constexpr char kServiceHierarchy[] = "name=systemd";
 
 Hierarchy NoHierarchy(Controller controller, std::string reason) {
     Hierarchy out;
@@ -230,10 +229,10 @@ std::string FindDelegatedGroup(const Hierarchy& hierarchy, const LayoutTexts& te
     const std::vector<CgroupMembership> own = ParseProcCgroup(texts.selfCgroup);
     for (const CgroupMount& mount : ParseMountInfo(texts.mountInfo)) {
         const bool service = !mount.v2 && std::find(mount.controllers.begin(), mount.controllers.end(),
-                                                    kServiceHierarchy) != mount.controllers.end();
+                                                    kManagerHierarchy) != mount.controllers.end();
         if (!mount.v2 && !service) continue;
         if (hierarchy.version == Version::kV2 && !mount.v2) continue;
-        const std::string path = MembershipPath(own, mount.v2 ? "" : kServiceHierarchy);
+        const std::string path = MembershipPath(own, mount.v2 ? "" : kManagerHierarchy);
         if (path.empty() || path == "/") continue;
         const std::string marked =
             FindMarkedGroup(mount.mountPoint, mount.root, path, mount.v2 ? Version::kV2 : Version::kV1);

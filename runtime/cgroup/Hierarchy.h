@@ -66,6 +66,9 @@ bool IsAtOrBelow(std::string_view path, std::string_view above);
 /// Kernel: version 1 carries the marks on the name=systemd hierarchy (or on cgroup2 in hybrid layouts).
 std::string FindDelegatedGroup(const Hierarchy& hierarchy, const LayoutTexts& texts);
 
+/// The version 1 hierarchy in which a service manager keeps its units.
+constexpr char kManagerHierarchy[] = "name=systemd";
+
 /// Pure. Returns: the last component of the path that names a service of the service manager; empty when there is none.
 std::string ServiceIn(const std::string& path);
 

@@ -34,8 +34,6 @@ constexpr int kMaxAncestors = 32;
 /// Processes that are remembered at a time.
 constexpr size_t kMaxSeen = 8192;
 
-constexpr char kManagerHierarchy[] = "name=systemd";
-
 std::string QuotaText(const CpuQuota& quota) {
     return quota.Unlimited() ? "no limit"
                              : std::to_string(quota.quotaUs) + " us in " + std::to_string(quota.periodUs) + " us";
@@ -88,13 +86,18 @@ std::optional<uint64_t> LiveSince(int pid) {
     return stat->startTicks;
 }
 
-/// Why a process is in the group where it was found, as far as that can be known.
-std::string CauseOf(int pid, const std::string& found) {
+/// Why a process is in the group where it was found, as far as that can be known: a service manager puts what it takes
+/// back into the group of the process's unit or, where the unit has none in that hierarchy, of the slice around it.
+std::string CauseOf(const Branch& branch, int pid, const std::string& found) {
     const Result<std::vector<base::CgroupMembership>> lines = base::ReadProcessGroups(pid);
-    if (!lines || found == "/") return {};
+    if (!lines || found == "/" || branch.placement->delegated) return {};
     std::string unit = base::MembershipPath(*lines, kManagerHierarchy);
     if (unit.empty()) unit = base::MembershipPath(*lines, "");
-    if (unit != found) return {};
+    if (!Territory{branch.hierarchy, found}.Holds(unit)) return {};
+    if (unit != found) {
+        return "the service manager has put the processes of its unit into the slice around it: the unit is not "
+               "delegated (Delegate=yes)";
+    }
     return "the service manager has put the processes of its unit back into the unit's own group: the unit is not "
            "delegated (Delegate=yes)";
 }
@@ -391,7 +394,7 @@ void Keeper::Round::KeepMember(const Branch& branch, const GroupDir& dir, const 
     drift.pid = key.pid;
     drift.found = place;
     drift.wanted = path;
-    drift.cause = CauseOf(key.pid, place);
+    drift.cause = CauseOf(branch, key.pid, place);
     if (!m_keeper.m_ledger.IsDue(ThingOf(drift), m_in.nowMs)) return Postpone(drift);
     Status moved = Move(dir, key.pid);
     if (!moved && moved.GetError().kind == ErrorKind::kNotFound) return;  // it has ended

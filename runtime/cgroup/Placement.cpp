@@ -13,6 +13,7 @@
 #include "Limits.h"
 #include "OwnGroup.h"
 #include "base/Mutex.h"
+#include "base/ProcGroups.h"
 
 namespace zel {
 namespace cgroup {
@@ -146,6 +147,15 @@ Status OfferController(const Hierarchy& hierarchy, const Placement& placement, C
     return current ? Status() : Status(current.GetError());
 }
 
+/// Returns: the service that holds this process and that its manager has not delegated; empty when there is none. By the
+/// hierarchy in which the manager keeps its units, since the others show where processes were moved.
+std::string UndelegatedServiceOf(const Hierarchy& hierarchy, const LayoutTexts& texts) {
+    if (!FindDelegatedGroup(hierarchy, texts).empty()) return {};
+    const std::vector<base::CgroupMembership> own = base::ParseProcCgroup(texts.selfCgroup);
+    const std::string service = ServiceIn(base::MembershipPath(own, kManagerHierarchy));
+    return service.empty() ? ServiceIn(base::MembershipPath(own, "")) : service;
+}
+
 }  // namespace
 
 Result<Placement> FindPlacement(const Hierarchy& hierarchy, const LayoutTexts& texts) {
@@ -187,6 +197,10 @@ Result<Placement> FindPlacement(const Hierarchy& hierarchy, const LayoutTexts& t
     if (!out->IsBelowBase(out->origin)) out->origin.clear();
     Status usable = standing.ours.empty() ? CheckMayBeUsed(*out) : Status();
     if (!usable) return usable.GetError();
+    if (hierarchy.version == Version::kV1) out->service = UndelegatedServiceOf(hierarchy, texts);
+    if (!out->service.empty()) {
+        out->reason += "; " + out->service + " is not delegated, so its manager moves the processes out as it sees fit";
+    }
     return out;
 }
 

@@ -26,6 +26,8 @@ struct Placement {
     /// This process's group before it first was in one of ours, if that is below the base; empty: it is not, or is not
     /// known.
     std::string origin;
+    /// Version 1: this process's service, when it is not delegated: its manager may move processes out of our groups.
+    std::string service;
     std::string reason;  ///< one sentence
 
     /// Returns: whether a group from which a process came is one below the base: there the same limits of others hold.

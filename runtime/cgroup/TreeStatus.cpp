@@ -160,6 +160,13 @@ void VerifyMembership(std::vector<Found*>& leaves) {
 
 }  // namespace
 
+std::string UndelegatedService() {
+    for (const std::shared_ptr<Branch>& branch : FindBranches().all) {
+        if (branch->placement && !branch->placement->service.empty()) return branch->placement->service;
+    }
+    return {};
+}
+
 bool ReadCgroupTreeStatus(CgroupTreeStatus& out, std::string& error) {
     const Branches branches = FindBranches();
     CgroupTreeStatus status;

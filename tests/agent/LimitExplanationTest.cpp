@@ -45,6 +45,23 @@ TEST(LimitExplanationTest, RootWasRefusedAndOthersGetTheAdvice) {
               ExplainMissingLimits(Unlimited(zel::kModeCpu), false));
 }
 
+TEST(LimitExplanationTest, NobodyIsToldToSwitchOnWhatIsOn) {
+    StatusReport report = Unlimited(zel::kModeCpu);
+    report.cgroup.cpu.advice.clear();
+    const auto advice = [&](int bit) { return AdviseOnMissing(report, report.cgroup.cpu, bit); };
+    EXPECT_EQ("it is switched on; the log says why it does not hold", advice(zel::kModeCpu));
+    EXPECT_THAT(advice(zel::kModeMemory), testing::StartsWith("switch the limit on: "));
+    report.undelegated = "a.service";
+    EXPECT_EQ(DescribeUndelegated("a.service"), advice(zel::kModeCpu));
+    EXPECT_THAT(advice(zel::kModeCpu), testing::HasSubstr("a.service is not delegated"));
+    EXPECT_THAT(advice(zel::kModeCpu), testing::HasSubstr("Delegate=yes"));
+    report.cgroup.cpu.advice = "remount it";
+    EXPECT_EQ("remount it", advice(zel::kModeCpu));
+    report.cgroup.cpu.limited = true;
+    report.cgroup.cpu.advice.clear();
+    EXPECT_EQ("", advice(zel::kModeCpu));
+}
+
 TEST(LimitExplanationTest, APauseNamesItsEndItsReasonAndItsRemedy) {
     support::TempDir dir;
     StatusReport report = Unlimited(zel::kModeMemory);

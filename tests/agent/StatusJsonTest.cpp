@@ -101,6 +101,7 @@ StatusReport FullReport() {
     report.tree.memoryPlace = "there";
     report.tree.nodes = {Node(zel::CgroupLevel::kParent, "zel"), Node(zel::CgroupLevel::kGroup, "guard"),
                          Node(zel::CgroupLevel::kComponent, "QorNet")};
+    report.undelegated = "a.service";
     report.keeper.rounds = 21;
     report.keeper.lastRoundUs = 22;
     report.keeper.totalUs = 23;

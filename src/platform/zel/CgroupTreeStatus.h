@@ -53,6 +53,10 @@ struct CgroupTreeStatus {
 /// Returns: false with the reason in `error` when the kernel's files cannot be read; no tree is not a failure.
 ZEL_API bool ReadCgroupTreeStatus(CgroupTreeStatus& out, std::string& error);
 
+/// Returns: name of this process's service when its manager has not delegated it and a controller is on version 1:
+/// groups can be made then, and the manager may still move the processes out of them. Empty otherwise.
+ZEL_API std::string UndelegatedService();
+
 /// Moves every process out of the agent's tree and removes its groups, for the clean end of the main process.
 /// What others have made inside is left, and so is the tree then.
 /// Returns: true when nothing is left behind; else false with every reason in `error`.
