@@ -7,6 +7,7 @@
 #include "ExitCode.h"
 #include "Options.h"
 #include "Process.h"
+#include "UncleanStop.h"
 #include "base/FileIo.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/ProcessUtil.h"
@@ -33,6 +34,7 @@ int main(int argc, char** argv) {
     setenv("ZEL_APP_DIR", options.appDir.c_str(), 1);
     if (options.exec) return agent::ExecComponent(options);
     base::SetFileMask(kFileMask);
+    if (options.noteEnd) return agent::NoteEnd(options.appDir);
     zel::KeepProcessMemorySmall();
     return agent::Process(options, *program).Run();
 }

@@ -91,8 +91,9 @@ std::string JudgeConfiguration(const std::string& path) {
 std::vector<Process::Step> Process::Life(bool isMain) {
     return {
         {&Process::TakeSignals, nullptr},
-        {&Process::OpenDirectory, nullptr},
+        {&Process::OpenDirectory, &Process::EndRun},
         {&Process::StartServices, &Process::StopServices},
+        {&Process::BeginRun, nullptr},  // after the services, which bring its news on the way
         isMain ? Step{&Process::StartBroadcast, &Process::StopBroadcast}
                : Step{&Process::JoinOwnGroups, &Process::ForgetOwnGroups},
         {&Process::StartMonitor, &Process::StopMonitor},
@@ -166,6 +167,20 @@ int Process::StartServices() {
 
 void Process::StopServices() {
     m_services.Stop();
+}
+
+int Process::BeginRun() {
+    if (!m_options.IsMain()) return kExitClean;
+    m_run = std::make_unique<RunRecord>(m_options.appDir);
+    if (const auto last = m_run->Begin()) {
+        LogLine(last->line, zel::kLogWarning);
+        Deliver(zel::kUncleanStopMessage, last->body);
+    }
+    return kExitClean;
+}
+
+void Process::EndRun() {
+    if (m_run != nullptr) m_run->End();
 }
 
 int Process::StartBroadcast() {
@@ -273,6 +288,9 @@ void Process::StopFollowing() {
 int Process::ExplainLimits() {
     const StatusReport report = CollectStatus(Sources());
     if (!report.modeReason.empty()) LogLine(report.modeReason, zel::kLogInfo);
+    if (m_options.IsMain() && !report.undelegated.empty()) {
+        LogLine(DescribeUndelegated(report.undelegated), zel::kLogWarning);
+    }
     for (const std::string& line : ExplainMissingLimits(report, geteuid() == 0)) LogLine(line, zel::kLogWarning);
     for (const std::string& line : ExplainMemoryRefusal(report, m_options.appDir, m_options.configPath)) {
         LogLine(line, zel::kLogWarning);

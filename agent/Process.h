@@ -17,6 +17,7 @@
 #include "StatusCollect.h"
 #include "Steps.h"
 #include "TreeKeeping.h"
+#include "UncleanStop.h"
 #include "Workers.h"
 #include "platform/host/HostServices.h"
 
@@ -52,8 +53,10 @@ private:
 
     int TakeSignals();
     int OpenDirectory();
+    void EndRun();
     int StartServices();
     void StopServices();
+    int BeginRun();
     int StartBroadcast();
     void StopBroadcast();
     int JoinOwnGroups();
@@ -111,6 +114,7 @@ private:
     int64_t m_startedAt = 0;
     int64_t m_nextLimitCheck = kLimitCheckSeconds;  // second of the loop
     TreeKeeping m_keeping;
+    std::unique_ptr<RunRecord> m_run;
     Steps<Process> m_life;
 };
 

@@ -190,5 +190,26 @@ TEST_F(SupervisionTest, OverItsMaximumEndsWithRecordAndStartsAgain) {
     ExpectNothingLeft();
 }
 
+TEST_F(SupervisionTest, KilledMainIsReportedOnceByTheNextStart) {
+    WriteResource({{"resource_limit_mode", "0"}});
+    WriteComponents("");
+    Child first = StartRunningAgent();
+    EXPECT_EQ(Messages("T_MSG_UNCLEAN_STOP").size(), 0U);
+    const pid_t pid = first.Pid();
+    first.Kill();
+    Child second = StartRunningAgent();
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return Messages("T_MSG_UNCLEAN_STOP").size() == 1; }));
+    const Json::Value event = Messages("T_MSG_UNCLEAN_STOP")[0];
+    EXPECT_EQ(event["pid"].asInt(), pid);
+    EXPECT_EQ(event["cause"].asString(), "unknown");
+    EXPECT_THAT(event["unknown"].toStyledString(), testing::HasSubstr("exit status or signal"));
+    EXPECT_TRUE(LogHas("the last run (process " + std::to_string(pid)));
+    EXPECT_EQ(second.Stop(), 0);
+    Child third = StartRunningAgent();
+    EXPECT_EQ(third.Stop(), 0);
+    EXPECT_EQ(Messages("T_MSG_UNCLEAN_STOP").size(), 1U) << "an end in order is no news";
+    ExpectNothingLeft();
+}
+
 }  // namespace
 }  // namespace agenttest

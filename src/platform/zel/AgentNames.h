@@ -49,6 +49,7 @@ constexpr char kConfigNotifyMessage[] = "T_MSG_IPC_CGROUP_CONFIG_NOTIFY";
 constexpr char kSelfKillMessage[] = "T_MSG_SELF_KILL";
 constexpr char kThreadStallMessage[] = "T_MSG_THREAD_STALL";
 constexpr char kComponentEndMessage[] = "T_MSG_COMPONENT_END";
+constexpr char kUncleanStopMessage[] = "T_MSG_UNCLEAN_STOP";
 constexpr char kLimitDriftMessage[] = "T_MSG_LIMIT_DRIFT";
 
 // --- bits of the limit mode -----------------------------------------------------------------------------------------
