@@ -1,6 +1,7 @@
 # Front of the build: all work is in CMake.
 #   make run [FOR=seconds]   install what is missing, build, run the agent's demonstration
 #   make test                build and run every test that this machine allows; says which it could not run and why
+#   make test-all            the same, and the tests that take long: every row under a real service manager, many rounds
 #   make sanitize            the same tests under the address, undefined and thread sanitizers (sanitize-module: a part)
 #   make lint [ALL=1]        clang-tidy on what has changed, or on everything
 #   make bench               build and run the benchmarks
@@ -12,7 +13,7 @@ FOR ?=
 ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel AllFuzzers RuntimeBaseTests
 TSAN_QUICK = UnitCore UnitLimits RuntimeBaseTests RuntimeUtilTests RuntimeIpcTests
 
-.PHONY: all run test lint sanitize sanitize-module bench bench-peers fuzz install clean deps deps-build
+.PHONY: all run test test-all lint sanitize sanitize-module bench bench-peers fuzz install clean deps deps-build
 
 all: deps
 	cmake --preset dev
@@ -34,6 +35,11 @@ test: deps
 	cmake --build --preset dev -j $(JOBS)
 	scripts/run-tests dev
 
+test-all: deps
+	cmake --preset dev
+	cmake --build --preset dev -j $(JOBS)
+	scripts/run-tests dev --all
+
 lint: deps
 	cmake --preset dev
 	ALL=$(ALL) scripts/lint build/dev
@@ -42,10 +48,10 @@ lint: deps
 sanitize: deps
 	cmake --preset asan
 	cmake --build --preset asan -j $(JOBS)
-	scripts/run-tests asan -LE "vm|system"
+	scripts/run-tests asan -LE "vm|system|long"
 	cmake --preset tsan
 	cmake --build --preset tsan -j $(JOBS)
-	scripts/run-tests tsan -LE "vm|system|tree"
+	scripts/run-tests tsan -LE "vm|system|tree|long"
 
 # The module, the ground floor and the fuzz corpora: what CI has the time for.
 sanitize-module: deps

@@ -90,7 +90,8 @@ std::optional<uint64_t> LiveSince(int pid) {
 /// back into the group of the process's unit or, where the unit has none in that hierarchy, of the slice around it.
 std::string CauseOf(const Branch& branch, int pid, const std::string& found) {
     const Result<std::vector<base::CgroupMembership>> lines = base::ReadProcessGroups(pid);
-    if (!lines || found == "/" || branch.placement->delegated) return {};
+    // On version 2 the group is the unit's itself, and a service that is not delegated is left alone from the start.
+    if (!lines || found == "/" || branch.placement->delegated || branch.GetVersion() == Version::kV2) return {};
     std::string unit = base::MembershipPath(*lines, kManagerHierarchy);
     if (unit.empty()) unit = base::MembershipPath(*lines, "");
     if (!Territory{branch.hierarchy, found}.Holds(unit)) return {};
