@@ -147,8 +147,8 @@ Status OfferController(const Hierarchy& hierarchy, const Placement& placement, C
     return current ? Status() : Status(current.GetError());
 }
 
-/// Returns: the service that holds this process and that its manager has not delegated; empty when there is none. By the
-/// hierarchy in which the manager keeps its units, since the others show where processes were moved.
+/// Returns: the service that holds this process and that its manager has not delegated; empty when there is none. By
+/// the hierarchy in which the manager keeps its units, since the others show where processes were moved.
 std::string UndelegatedServiceOf(const Hierarchy& hierarchy, const LayoutTexts& texts) {
     if (!FindDelegatedGroup(hierarchy, texts).empty()) return {};
     const std::vector<base::CgroupMembership> own = base::ParseProcCgroup(texts.selfCgroup);

@@ -152,11 +152,13 @@ TEST_F(UnderServiceManager, WithoutDelegationItIsSaidAndNamed) {
     EXPECT_TRUE(Poll(kPatienceSeconds, [] { return LogCount("the service manager has put the processes") > 0; }))
         << ReadText("/proc/" + std::to_string(main) + "/cgroup");
     EXPECT_TRUE(Poll(kPatienceSeconds, [&] { return MembersOf(leaf) == std::vector<pid_t>{main}; }));
-    bool named = false;
-    for (const Json::Value& drift : Messages("T_MSG_LIMIT_DRIFT")) {
-        named = named || drift["cause"].asString().find("not delegated") != std::string::npos;
-    }
-    EXPECT_TRUE(named);
+    const auto named = [] {
+        for (const Json::Value& drift : Messages("T_MSG_LIMIT_DRIFT")) {
+            if (drift["cause"].asString().find("not delegated") != std::string::npos) return true;
+        }
+        return false;
+    };
+    EXPECT_TRUE(Poll(kPatienceSeconds, named));
     EXPECT_EQ(Console("status", code).find("switch the limit on"), std::string::npos);
     EXPECT_NE(Console("doctor", code).find("tervane.service is not delegated"), std::string::npos);
     Shell("systemctl stop neighbour");
