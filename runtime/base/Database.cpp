@@ -1,14 +1,18 @@
 // SQLite: opening, statements, damaged files.
 #include "base/Database.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <tuple>
 #include <utility>
+#include <vector>
 
 #include "base/Fd.h"
 #include "base/FileIo.h"
@@ -25,6 +29,7 @@ constexpr uint64_t kLogPageBytes = 4096 + 24;
 
 ErrorKind KindOfCode(int code) {
     if (code == SQLITE_CANTOPEN_SYMLINK) return ErrorKind::kRefused;
+    if (code == SQLITE_IOERR_READ || code == SQLITE_IOERR_CORRUPTFS) return ErrorKind::kUnreadable;
     switch (code & kPrimaryCode) {
         case SQLITE_NOTADB:
         case SQLITE_CORRUPT: return ErrorKind::kMalformed;
@@ -256,6 +261,70 @@ Status PutDatabaseAside(const std::string& path, const std::string& aside) {
     const Status removed = RemoveFile(path + "-shm");
     if (!removed) return removed;
     return RenameFile(path, aside);
+}
+
+namespace {
+
+/// One database that was put aside, with its logs.
+struct PutAside {
+    std::string name;
+    timespec since{};  // when it got its name
+    uint64_t bytes = 0;
+};
+
+void AddPart(const Fd& directory, const std::string& file, std::vector<PutAside>& all) {
+    struct stat info {};
+    if (::fstatat(directory.Get(), file.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(info.st_mode)) return;
+    std::string name = file;
+    for (const std::string_view log : kBeside) {
+        if (log.empty() || name.size() <= log.size() || name.substr(name.size() - log.size()) != log) continue;
+        name.resize(name.size() - log.size());
+        break;
+    }
+    const auto isSame = [&](const PutAside& each) { return each.name == name; };
+    auto found = std::find_if(all.begin(), all.end(), isSame);
+    if (found == all.end()) found = all.insert(all.end(), {name, {}, 0});
+    if (name == file || found->since.tv_sec == 0) found->since = info.st_ctim;
+    found->bytes += static_cast<uint64_t>(info.st_blocks) * 512;
+}
+
+/// Newest first.
+std::vector<PutAside> ListPutAside(const Fd& directory, const std::string& prefix) {
+    std::vector<PutAside> all;
+    Fd readable(RetryOnSignal([&] { return ::openat(directory.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    DIR* const entries = readable ? ::fdopendir(readable.Get()) : nullptr;
+    if (entries == nullptr) return all;
+    readable.Release();
+    while (const dirent* const entry = ::readdir(entries)) {
+        const std::string file = entry->d_name;
+        if (file.size() > prefix.size() && file.compare(0, prefix.size(), prefix) == 0) AddPart(directory, file, all);
+    }
+    ::closedir(entries);
+    std::sort(all.begin(), all.end(), [](const PutAside& one, const PutAside& other) {
+        return std::tie(one.since.tv_sec, one.since.tv_nsec, one.name) >
+               std::tie(other.since.tv_sec, other.since.tv_nsec, other.name);
+    });
+    return all;
+}
+
+}  // namespace
+
+Status ThinOutPutAside(const std::string& prefix, size_t most, uint64_t mostBytes) {
+    const Result<Fd> directory = OpenTrustedDirectory(DirectoryOf(prefix));
+    if (!directory) return directory.GetError();
+    size_t kept = 0;
+    uint64_t bytes = 0;
+    Status status;
+    for (const PutAside& each : ListPutAside(*directory, FileNameOf(prefix))) {
+        ++kept;
+        bytes += each.bytes;
+        if (kept == 1 || (kept <= most && bytes <= mostBytes)) continue;
+        for (const char* part : kBeside) {
+            const Status removed = RemoveFile(DirectoryOf(prefix) + "/" + each.name + part);
+            if (!removed) status = removed;
+        }
+    }
+    return status;
 }
 
 namespace {

@@ -28,8 +28,8 @@ struct DatabaseOptions {
 
 /// One connection.
 /// Thread-safety: one thread at a time, unless opened for many.
-/// Errors: kMalformed when the file is no sound database, kNoSpace, kReadOnly, kBusy, kDenied and kRefused by what
-/// SQLite says, and its text as the hint.
+/// Errors: kMalformed when the file is no sound database, kUnreadable when the disk does not give a page back,
+/// kNoSpace, kReadOnly, kBusy, kDenied and kRefused by what SQLite says, and its text as the hint.
 class Database {
 public:
     Database() = default;
@@ -128,6 +128,10 @@ bool IsDamaged(int code);
 /// Moves a damaged database and its log out of the way to `aside`: a new database beside an old log would be taken for
 /// its continuation, and what can be read of the old one is partly in the log.
 Status PutDatabaseAside(const std::string& path, const std::string& aside);
+
+/// Removes the oldest of the databases whose paths begin with `prefix`, as they were put aside, with their logs: `most`
+/// stay, and of these the older ones only while all together take at most `mostBytes`. The newest always stays.
+Status ThinOutPutAside(const std::string& prefix, size_t most, uint64_t mostBytes);
 
 /// Renames a database. What a killed process left of a transaction in its journal is rolled back first, because the
 /// journal belongs to the name: apart from it the file is damaged, and beside another file it damages that one.

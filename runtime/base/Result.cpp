@@ -21,6 +21,7 @@ const char* KindName(ErrorKind kind) {
         case ErrorKind::kShortWrite: return "short write";
         case ErrorKind::kTooLarge: return "too large";
         case ErrorKind::kMalformed: return "malformed";
+        case ErrorKind::kUnreadable: return "unreadable";
         case ErrorKind::kNotInForce: return "not in force";
         case ErrorKind::kNotSynced: return "not synced";
         case ErrorKind::kNoServer: return "no server";

@@ -23,6 +23,7 @@ enum class ErrorKind {
     kShortWrite,    ///< the kernel took a part of the value only
     kTooLarge,      ///< longer than the bound for it
     kMalformed,     ///< text that does not parse
+    kUnreadable,    ///< stored, and the disk does not give it back
     kNotInForce,    ///< written without an error, and yet the kernel says something else
     kNotSynced,     ///< done and seen by everybody, but a crash may take it back
     kNoServer,      ///< nobody serves the socket, or not now

@@ -70,6 +70,7 @@ int LegacyCodeOf(const Error& error) {
         case ErrorKind::kShortWrite:
         case ErrorKind::kTooLarge:
         case ErrorKind::kMalformed:
+        case ErrorKind::kUnreadable:
         case ErrorKind::kNotSynced:
         case ErrorKind::kNoServer:
         case ErrorKind::kRefused:

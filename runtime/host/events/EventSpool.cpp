@@ -29,6 +29,11 @@ constexpr mode_t kReserveMode = 0640;
 constexpr uint64_t kLogParts = 8;
 constexpr size_t kNameDigits = 16;
 const std::string kGivenUpBy = "given up by ";
+const std::string kPutAsideMark = ".corrupt-";
+// Places of a damaged file that are stepped over; what is behind the last one is looked for from the end.
+constexpr int kMostGaps = 64;
+constexpr std::chrono::seconds kSalvagePatience{5};  // a disk that cannot read takes its time to say so
+constexpr int64_t kMostStep = int64_t{1} << 40;      // beyond any number of a message
 // A message's share of pages, index and log beyond its texts.
 constexpr uint64_t kRowBytes = 128;
 
@@ -98,7 +103,9 @@ base::Status CEventSpool::OpenFiles() {
         ReleaseReserve();
         status = OpenOnce();
     }
-    if (failedAs(base::ErrorKind::kMalformed)) status = Replace(status.GetError());
+    if (status) m_openFailures = 0;
+    const bool hopeless = failedAs(base::ErrorKind::kUnreadable) && ++m_openFailures >= kMostReadFailures;
+    if (hopeless || failedAs(base::ErrorKind::kMalformed)) status = Replace(status.GetError());
     if (status) TouchReserve();
     return status;
 }
@@ -170,11 +177,13 @@ base::Status CEventSpool::Replace(const base::Error& why) {
     }
     CloseFiles();
     ReleaseReserve();
-    std::string aside = m_path + ".corrupt-" + std::to_string(time(nullptr));
+    std::string aside = m_path + kPutAsideMark + std::to_string(time(nullptr));
     for (int i = 2; base::ReadFileMark(aside).exists; ++i) {
-        aside = m_path + ".corrupt-" + std::to_string(time(nullptr)) + "-" + std::to_string(i);
+        aside = m_path + kPutAsideMark + std::to_string(time(nullptr)) + "-" + std::to_string(i);
     }
     base::Status status = base::PutDatabaseAside(m_path, aside);
+    // Ignoring a failure: more than one too many does not come of it.
+    static_cast<void>(base::ThinOutPutAside(m_path + kPutAsideMark, kMostPutAside, 2 * MostLogBytes()));
     if (status) status = OpenOnce();
     if (!status) return status;
     const base::Status saved = Salvage(aside, salvaged);
@@ -210,8 +219,7 @@ base::Status CEventSpool::Salvage(const std::string& aside, Salvaged& salvaged) 
     base::Status status = m_writer.Execute("BEGIN IMMEDIATE;");
     if (status && old.IsOpen()) {
         SalvageFacts(old, salvaged);
-        const bool written = SalvageMessages(old, true, salvaged) && SalvageMessages(old, false, salvaged);
-        if (!written) status = m_writer.LastError("write");
+        if (!SalvageMessages(old, salvaged)) status = m_writer.LastError("write");
     }
     if (status) status = m_writer.Execute("COMMIT;");
     if (!status) static_cast<void>(m_writer.Execute("ROLLBACK;"));  // ignoring: there may be no transaction any more
@@ -250,26 +258,58 @@ void CEventSpool::SalvageFacts(const base::Database& old, Salvaged& salvaged) {
     if (sequence.Row()) salvaged.newest = sequence.Int(0);
 }
 
-bool CEventSpool::SalvageMessages(const base::Database& old, bool forward, Salvaged& salvaged) {
-    base::Statement query(old, std::string("SELECT seq, time, type, body, extra, arg1, arg2, bytes FROM messages"
-                                           " WHERE seq > ?1 ORDER BY seq") +
-                                   (forward ? ";" : " DESC;"));
-    const int64_t from = std::max(salvaged.highest, salvaged.confirmed);
-    query.Bind(1, from);
-    int64_t last = forward ? from : INT64_MAX;
-    while (query.Row()) {
-        const SpoolMessage message = MessageOf(query);
-        const bool inOrder = forward ? message.seq > last : message.seq < last;
-        if (!inOrder) break;
-        // What does not weigh what it weighed is no longer what was sent.
-        if (static_cast<uint64_t>(query.Int(7)) != CostOf(message)) continue;
-        if (!Insert(message, message.seq)) return false;
-        last = message.seq;
-        ++salvaged.saved;
-        if (salvaged.lowest == 0 || last < salvaged.lowest) salvaged.lowest = last;
-        salvaged.highest = std::max(salvaged.highest, last);
-        salvaged.newest = std::max(salvaged.newest, last);
+bool CEventSpool::SalvageMessages(const base::Database& old, Salvaged& salvaged) {
+    Run run;
+    run.after = salvaged.confirmed;
+    const auto end = std::chrono::steady_clock::now() + kSalvagePatience;
+    for (int gaps = 0; gaps <= kMostGaps; ++gaps) {
+        if (!SalvageRun(old, true, run, salvaged)) return false;
+        if (run.whole) return true;
+        // Behind the damage, as near to it as can be; then back to it from there.
+        Run back;
+        back.after = run.after;
+        base::Statement next(old, "SELECT seq FROM messages WHERE seq > ?1 ORDER BY seq LIMIT 1;");
+        for (int64_t step = 1; step < kMostStep && back.before == INT64_MAX && gaps < kMostGaps; step *= 2) {
+            if (std::chrono::steady_clock::now() > end) break;
+            next.Reset();
+            next.Bind(1, run.after + step);
+            const base::Statement::Outcome found = next.Step();
+            if (found == base::Statement::Outcome::kDone) break;
+            if (found == base::Statement::Outcome::kRow && next.Int(0) > run.after) back.before = next.Int(0);
+        }
+        run.after = back.before - 1;
+        const bool last = back.before == INT64_MAX;
+        if (!SalvageRun(old, false, back, salvaged)) return false;
+        if (last) return true;
     }
+    return true;
+}
+
+bool CEventSpool::SalvageRun(const base::Database& old, bool forward, Run& run, Salvaged& salvaged) {
+    base::Statement query(old, std::string("SELECT seq, time, type, body, extra, arg1, arg2, bytes FROM messages"
+                                           " WHERE seq > ?1 AND seq < ?2 ORDER BY seq") +
+                                   (forward ? ";" : " DESC;"));
+    query.Bind(1, run.after);
+    query.Bind(2, run.before);
+    base::Statement::Outcome step = query.Step();
+    for (; step == base::Statement::Outcome::kRow; step = query.Step()) {
+        const SpoolMessage message = MessageOf(query);
+        // A damaged page may say anything.
+        if (message.seq <= run.after || message.seq >= run.before) return true;
+        if (!SalvageOne(message, query.Int(7), salvaged)) return false;
+        (forward ? run.after : run.before) = message.seq;
+    }
+    run.whole = step == base::Statement::Outcome::kDone;
+    return true;
+}
+
+bool CEventSpool::SalvageOne(const SpoolMessage& message, int64_t weight, Salvaged& salvaged) {
+    // What does not weigh what it weighed is no longer what was sent.
+    if (static_cast<uint64_t>(weight) != CostOf(message)) return true;
+    if (!Insert(message, message.seq)) return false;
+    ++salvaged.saved;
+    if (salvaged.lowest == 0 || message.seq < salvaged.lowest) salvaged.lowest = message.seq;
+    salvaged.newest = std::max(salvaged.newest, message.seq);
     return true;
 }
 
@@ -625,7 +665,8 @@ base::Result<std::vector<SpoolMessage>> CEventSpool::Read(const std::string& sin
         if (messages) return messages;
         why = messages.GetError();
         // A disk that cannot be read at this place fails each time; what only was busy does not.
-        const bool hopeless = why.kind == base::ErrorKind::kOther && m_readFailures >= kMostReadFailures;
+        const bool unclear = why.kind == base::ErrorKind::kUnreadable || why.kind == base::ErrorKind::kOther;
+        const bool hopeless = unclear && m_readFailures >= kMostReadFailures;
         if (why.kind != base::ErrorKind::kMalformed && !hopeless) return messages;
         generation = m_generation;
     }

@@ -75,6 +75,7 @@ public:
 
     static constexpr uint64_t kLeastLogBytes = 4 << 20;   ///< bound of the write-ahead log of a small spool
     static constexpr unsigned int kMostReadFailures = 5;  ///< in a row; then the file counts as damaged
+    static constexpr size_t kMostPutAside = 3;            ///< damaged files that are kept, while they are small
 
 private:
     /// What one transaction does to the figures.
@@ -93,9 +94,15 @@ private:
     struct Salvaged {
         std::string name;  ///< of the spool, as far as this process knew it
         uint64_t saved = 0;
-        int64_t lowest = 0, highest = 0;  ///< numbers of the messages that were saved
-        int64_t confirmed = 0;            ///< by every sink
-        int64_t newest = 0;               ///< last number that was ever used; 0: not known
+        int64_t lowest = 0;     ///< number of a message that was saved
+        int64_t confirmed = 0;  ///< by every sink
+        int64_t newest = 0;     ///< last number that was ever used; 0: not known
+    };
+
+    /// A stretch of a damaged file.
+    struct Run {
+        int64_t after = 0, before = INT64_MAX;  ///< numbers; the end that was read moves
+        bool whole = false;                     ///< it was read to its other end
     };
 
     // Of the leader.
@@ -129,7 +136,11 @@ private:
     base::Status Replace(const base::Error& why) ZEL_REQUIRES(m_readLock);
     base::Status Salvage(const std::string& aside, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
     void SalvageFacts(const base::Database& old, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
-    bool SalvageMessages(const base::Database& old, bool forward, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
+    bool SalvageMessages(const base::Database& old, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
+    /// Saves what can be read in one go of the messages between `after` and `before`. Returns: false when the new file
+    /// cannot be written.
+    bool SalvageRun(const base::Database& old, bool forward, Run& run, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
+    bool SalvageOne(const SpoolMessage& message, int64_t weight, Salvaged& salvaged);
     std::string ReservePath() const;
     void TouchReserve();
     void RemoveReserve();
@@ -167,6 +178,7 @@ private:
     std::map<std::string, int64_t> m_confirmed ZEL_GUARDED_BY(m_readLock);
     uint64_t m_generation ZEL_GUARDED_BY(m_readLock) = 0;  // which file in turn this is
     unsigned int m_readFailures ZEL_GUARDED_BY(m_readLock) = 0;
+    unsigned int m_openFailures ZEL_GUARDED_BY(m_readLock) = 0;
     bool m_counted ZEL_GUARDED_BY(m_readLock) = false;  // whether the figures are those of the file
 
     base::Mutex m_figuresLock;

@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 
 #include "support/Files.h"
+#include "support/Waiting.h"
 #include "support/SmallDisk.h"
 
 using base::Database;
@@ -144,6 +145,22 @@ TEST_F(DatabaseTest, ADamagedFileIsToldAndPutAsideWithItsLog) {
     ASSERT_TRUE(database.Open(m_path, Logged()));
     EXPECT_EQ(0, Rows(database));
     EXPECT_FALSE(base::PutDatabaseAside(m_dir / "none", m_dir / "aside"));
+}
+
+TEST_F(DatabaseTest, TheOldestThatWerePutAsideGoWithTheirLogs) {
+    for (const char* name : {"x.db.bad-1", "x.db.bad-1-wal", "x.db.bad-2", "x.db.bad-2-journal", "x.db.bad-3"}) {
+        WriteText(m_dir / name, std::string(4096, 'x'));
+        support::SleepMs(15);  // a file's time is as fine as the kernel's tick
+    }
+    WriteText(m_path, "stays");
+    WriteText(m_dir / "x.db.bad", "no name of its own");
+    ASSERT_TRUE(base::ThinOutPutAside(m_path + ".bad-", 2, 1 << 20));
+    EXPECT_THAT(NamesIn(m_dir.Path()),
+                ElementsAre("x.db", "x.db.bad", "x.db.bad-2", "x.db.bad-2-journal", "x.db.bad-3"));
+    ASSERT_TRUE(base::ThinOutPutAside(m_path + ".bad-", 2, 2 * 4096));
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db", "x.db.bad", "x.db.bad-3"));
+    ASSERT_TRUE(base::ThinOutPutAside(m_path + ".bad-", 2, 0));
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db", "x.db.bad", "x.db.bad-3"));
 }
 
 TEST_F(DatabaseTest, AFullDiskIsToldAndTheOldRowsStay) {

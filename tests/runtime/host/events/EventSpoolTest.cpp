@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "HostSupport.h"
+#include "events/BadDisk.h"
 #include "support/SmallDisk.h"
 
 using zelhost::CEventSpool;
@@ -337,6 +338,123 @@ TEST_F(EventSpoolTest, DamageThatAReaderMeetsIsNeverTakenForTheEnd) {
     CEventSpool next;
     Open(next, 8 << 20);
     EXPECT_EQ(seen.size() + next.GetFigures().dropped, 400u) << "and stays counted";
+}
+
+TEST_F(EventSpoolTest, SeveralDamagedPlacesCostNothingBetweenThem) {
+    {
+        CEventSpool spool;
+        Open(spool, 8 << 20);
+        Fill(spool, 400);
+    }
+    for (const int page : {20, 50, 51, 90, 120}) Damage(page, 1);
+    CEventSpool spool;
+    Open(spool, 8 << 20);
+    const std::vector<SpoolMessage> saved = Read(spool, "one", 1000);
+    EXPECT_GE(saved.size(), 400u - 5 * 4);
+    EXPECT_LT(saved.size(), 400u);
+    EXPECT_EQ(saved.size() + spool.GetFigures().dropped, 400u);
+    for (size_t i = 1; i < saved.size(); ++i) EXPECT_LT(saved[i - 1].seq, saved[i].seq);
+}
+
+TEST_F(EventSpoolTest, WhatPassesIsNoDamage) {
+    {
+        CEventSpool spool;
+        Open(spool, 8 << 20);
+        Fill(spool, 400);
+    }
+    support::BadDisk disk;
+    CEventSpool spool;
+    Open(spool, 8 << 20);
+    disk.Spoil(60, 2, CEventSpool::kMostReadFailures - 1);
+    std::set<int64_t> seen;
+    for (int attempts = 0; attempts < 1000 && seen.size() < 400; ++attempts) {
+        const auto some = spool.Read("one", 16, 1 << 30);
+        if (!some) continue;
+        ASSERT_FALSE(some->empty()) << "what cannot be read now is not nothing";
+        for (const SpoolMessage& message : *some) seen.insert(message.seq);
+        ASSERT_TRUE(support::IsOk(spool.Confirm("one", some->back().seq)));
+    }
+    EXPECT_EQ(disk.Failed(), static_cast<int>(CEventSpool::kMostReadFailures) - 1);
+    EXPECT_EQ(seen.size(), 400u);
+    EXPECT_EQ(spool.GetFigures().dropped, 0u);
+    EXPECT_THAT(support::NamesIn(m_dir / "spool"), testing::Not(testing::Contains(testing::HasSubstr("corrupt"))));
+}
+
+TEST_F(EventSpoolTest, WhatTheDiskDoesNotGiveBackIsLeftOut) {
+    {
+        CEventSpool spool;
+        Open(spool, 8 << 20);
+        Fill(spool, 400);
+    }
+    support::TakeLog();
+    support::BadDisk disk;
+    CEventSpool spool;
+    Open(spool, 8 << 20);
+    disk.Spoil(60, 2);
+    disk.Spoil(100, 1);
+    std::set<int64_t> seen;
+    for (int attempts = 0; attempts < 1000; ++attempts) {
+        const auto some = spool.Read("one", 16, 1 << 30);
+        if (!some) continue;
+        if (some->empty()) break;
+        for (const SpoolMessage& message : *some) seen.insert(message.seq);
+        ASSERT_TRUE(support::IsOk(spool.Confirm("one", some->back().seq)));
+    }
+    EXPECT_GT(seen.size(), 380u);
+    EXPECT_EQ(*seen.rbegin(), 400);
+    EXPECT_EQ(seen.size() + spool.GetFigures().dropped, 400u);
+    EXPECT_EQ(support::LogCount("is damaged (disk I/O error)"), 1u);
+}
+
+TEST_F(EventSpoolTest, AStartOnABadPlaceComesRoundByItself) {
+    {
+        CEventSpool spool;
+        Open(spool, 8 << 20);
+        Fill(spool, 400);
+    }
+    support::BadDisk disk;
+    disk.Spoil(60, 2);
+    CEventSpool spool;
+    ASSERT_FALSE(spool.Open(m_dir / "spool/e.db", 8 << 20, 8)) << "it may pass";
+    ASSERT_TRUE(support::IsOk(spool.SetSinks({"one"})));
+    unsigned int attempts = 1;
+    while (attempts < 100 && !spool.FlushMemory()) ++attempts;
+    EXPECT_LT(attempts, CEventSpool::kMostReadFailures);
+    const size_t saved = Read(spool, "one", 1000).size();
+    EXPECT_GT(saved, 380u);
+    EXPECT_EQ(saved + spool.GetFigures().dropped, 400u);
+    EXPECT_TRUE(spool.Append(Message("goes on")));
+}
+
+TEST_F(EventSpoolTest, FilesThatArePutAsideAreBounded) {
+    const auto aside = [&] {
+        std::set<std::string> files;
+        for (const std::string& name : support::NamesIn(m_dir / "spool")) {
+            if (name.find(".corrupt-") != std::string::npos) files.insert(name.substr(0, name.find("-wal")));
+        }
+        return files;
+    };
+    std::set<std::string> before;
+    for (int i = 0; i < 6; ++i) {
+        support::WriteText(m_dir / "spool/e.db", std::string(8192, 'x'));
+        CEventSpool spool;
+        Open(spool);
+        const std::set<std::string> now = aside();
+        size_t fresh = 0;
+        for (const std::string& name : now) fresh += before.count(name) == 0 ? 1 : 0;
+        EXPECT_EQ(fresh, 1u) << "the newest stays";
+        EXPECT_LE(now.size(), CEventSpool::kMostPutAside);
+        before = now;
+        spool.Close();
+    }
+    EXPECT_EQ(before.size(), CEventSpool::kMostPutAside);
+    for (int i = 0; i < 2; ++i) {
+        support::WriteText(m_dir / "spool/e.db", std::string(9 << 20, 'x'));
+        CEventSpool spool;
+        Open(spool);
+        EXPECT_EQ(aside().size(), 1u) << "more than twice what the spool may hold";
+        spool.Close();
+    }
 }
 
 TEST_F(EventSpoolTest, ASenderForWhomThereIsNoMemoryGetsItsAnswer) {
