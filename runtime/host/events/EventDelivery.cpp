@@ -168,6 +168,7 @@ bool CEventDelivery::SendMsg(const std::string& type, const std::string& body, c
     if (type.size() > kMostTypeBytes || body.size() > kMostTextBytes || extra.size() > kMostTextBytes) {
         Log(zel::kLogWarning, __LINE__, "a message of type '%.64s' is refused: %zu bytes are too long", type.c_str(),
             type.size() + body.size() + extra.size());
+        m_spool.NoteRefused();
         return false;
     }
     try {
@@ -180,6 +181,7 @@ bool CEventDelivery::SendMsg(const std::string& type, const std::string& body, c
         message.arg2 = arg2;
         return m_spool.Append(std::move(message));
     } catch (const std::exception&) {
+        m_spool.NoteRefused();
         return false;
     }
 }
@@ -195,8 +197,10 @@ base::Result<bool> CEventDelivery::DeliverSome(Lane& lane) {
     {
         // Under the lock, so that nobody who sees the spool empty reads a count that is not there yet.
         base::MutexLock lock(lane.lock);
-        if (handed.safe > 0 && !m_spool.Confirm(lane.sink->Name(), (*messages)[handed.safe - 1].seq, handed.givenUp)) {
-            outcome = base::SentenceError("the cursor cannot be moved");
+        if (handed.safe > 0) {
+            const base::Status kept =
+                m_spool.Confirm(lane.sink->Name(), (*messages)[handed.safe - 1].seq, handed.givenUp);
+            if (!kept) outcome = base::SentenceError("the cursor cannot be kept: " + kept.GetError().Reason());
         }
         lane.delivered += handed.safe - handed.givenUp;
         if (outcome) {

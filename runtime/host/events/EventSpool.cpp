@@ -221,6 +221,7 @@ base::Status CEventSpool::Salvage(const std::string& aside, Salvaged& salvaged) 
         SalvageFacts(old, salvaged);
         if (!SalvageMessages(old, salvaged)) status = m_writer.LastError("write");
     }
+    if (status && !GoOnCounting(salvaged)) status = m_writer.LastError("write");
     if (status) status = m_writer.Execute("COMMIT;");
     if (!status) static_cast<void>(m_writer.Execute("ROLLBACK;"));  // ignoring: there may be no transaction any more
     const base::Status read = ReadFacts();
@@ -235,7 +236,7 @@ void CEventSpool::SalvageFacts(const base::Database& old, Salvaged& salvaged) {
         return fact.Bind(1, key) && fact.Bind(2, value) && fact.Done();
     };
     base::Statement facts(old, "SELECT name, value FROM facts;");
-    bool named = false;
+    bool& named = salvaged.sameName;
     while (facts.Row()) {
         const std::string key = facts.Text(0);
         if (key != "name") {
@@ -244,7 +245,7 @@ void CEventSpool::SalvageFacts(const base::Database& old, Salvaged& salvaged) {
             named = keep(key, facts.Text(1));
         }
     }
-    if (!named && !salvaged.name.empty()) static_cast<void>(keep("name", salvaged.name));
+    if (!named && !salvaged.name.empty()) named = keep("name", salvaged.name);
     base::Statement cursors(old, "SELECT sink, seq FROM cursors;");
     while (cursors.Row()) {
         int64_t& confirmed = m_confirmed[cursors.Text(0)];
@@ -256,6 +257,19 @@ void CEventSpool::SalvageFacts(const base::Database& old, Salvaged& salvaged) {
     }
     base::Statement sequence(old, "SELECT seq FROM sqlite_sequence WHERE name = 'messages';");
     if (sequence.Row()) salvaged.newest = sequence.Int(0);
+    salvaged.numbered = salvaged.newest > 0;
+}
+
+bool CEventSpool::GoOnCounting(const Salvaged& salvaged) {
+    // Neither is an id given twice, nor is a new message below what the sinks have confirmed.
+    int64_t last = salvaged.newest;
+    for (const auto& cursor : m_confirmed) last = std::max(last, cursor.second);
+    if (salvaged.sameName && !salvaged.numbered) last += static_cast<int64_t>(m_maxBytes / kRowBytes) + 1;
+    base::Statement begin(m_writer,
+                          "INSERT INTO sqlite_sequence(name, seq) SELECT 'messages', 0 WHERE NOT EXISTS"
+                          " (SELECT 1 FROM sqlite_sequence WHERE name = 'messages');");
+    base::Statement count(m_writer, "UPDATE sqlite_sequence SET seq = max(seq, ?1) WHERE name = 'messages';");
+    return begin.Done() && count.Bind(1, last) && count.Done();
 }
 
 bool CEventSpool::SalvageMessages(const base::Database& old, Salvaged& salvaged) {
@@ -436,7 +450,11 @@ void CEventSpool::KeepInMemory(const SpoolMessage& message) {
         m_memory.pop_front();
         drop();
     }
-    m_memory.push_back(message);
+    try {
+        m_memory.push_back(message);
+    } catch (const std::exception&) {
+        return drop();
+    }
     m_memoryBytes += CostOf(message);
     m_figures.inMemory = m_memory.size();
 }
@@ -508,7 +526,7 @@ bool CEventSpool::CommitBatch(const std::vector<Request*>& batch) {
         Wake();
         return true;
     }
-    for (Request* request : batch) KeepInMemory(request->message);
+    for (const Request* request : batch) KeepInMemory(request->message);
     Wake();  // somebody has to try again
     if (!wasBroken) {
         Log(zel::kLogError, __LINE__, "the event spool %s cannot be written (%s); messages wait in memory", m_path,
@@ -587,6 +605,17 @@ bool CEventSpool::Append(SpoolMessage message) {
     base::MutexLock figures(m_figuresLock);
     ++(request.durable ? m_figures.accepted : m_figures.refused);
     return request.durable;
+}
+
+void CEventSpool::NoteRefused() {
+    TakeLead();  // whose the count is
+    {
+        base::MutexLock lock(m_figuresLock);
+        ++m_figures.refused;
+        ++m_figures.dropped;
+        ++m_unsavedDrops;
+    }
+    GiveUpLead();
 }
 
 base::Status CEventSpool::EnsureOpen() {
@@ -693,10 +722,11 @@ base::Result<std::vector<SpoolMessage>> CEventSpool::ReadOnce(const std::string&
     if (!m_reader.IsOpen()) return messages;  // what there is comes when it can be opened
     base::Statement query(m_reader,
                           "SELECT seq, time, type, body, extra, arg1, arg2 FROM messages"
-                          " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0)"
+                          " WHERE seq > max(?3, coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0))"
                           " ORDER BY seq LIMIT ?2;");
     if (!query.IsOk()) return m_reader.LastError("read");
     query.Bind(1, sink);
+    query.Bind(3, ConfirmedBy(sink));
     query.Bind(2, static_cast<int64_t>(most));
     for (size_t bytes = 0; bytes < mostBytes;) {
         const base::Statement::Outcome step = query.Step();
@@ -712,26 +742,46 @@ base::Result<std::vector<SpoolMessage>> CEventSpool::ReadOnce(const std::string&
 base::Status CEventSpool::Confirm(const std::string& sink, int64_t seq, uint64_t givenUp) {
     base::MutexLock lock(m_readLock);
     m_confirmed[sink] = std::max(m_confirmed[sink], seq);
-    base::Statement move(m_reader, "UPDATE cursors SET seq = max(seq, ?2) WHERE sink = ?1;");
-    move.Bind(1, sink);
-    move.Bind(2, seq);
-    if (!move.Done()) return m_reader.LastError("write");
-    if (givenUp > 0) {
+    if (givenUp > 0) m_unsavedGivenUp[sink] += givenUp;
+    base::Status kept = KeepConfirmed();
+    if (kept) RemoveConfirmed();
+    return kept;
+}
+
+int64_t CEventSpool::ConfirmedBy(const std::string& sink) {
+    const auto found = m_confirmed.find(sink);
+    return found != m_confirmed.end() ? found->second : 0;
+}
+
+base::Status CEventSpool::KeepConfirmed() {
+    bool ok = m_reader.Execute("BEGIN IMMEDIATE;").Ok();
+    for (auto next = m_confirmed.begin(); ok && next != m_confirmed.end(); ++next) {
+        base::Statement move(m_reader, "UPDATE cursors SET seq = max(seq, ?2) WHERE sink = ?1;");
+        ok = move.Bind(1, next->first) && move.Bind(2, next->second) && move.Done();
+    }
+    for (auto next = m_unsavedGivenUp.begin(); ok && next != m_unsavedGivenUp.end(); ++next) {
         base::Statement count(m_reader,
                               "INSERT INTO facts VALUES(?1, ?2) ON CONFLICT(name) DO UPDATE SET value = value + ?2;");
-        count.Bind(1, kGivenUpBy + sink);
-        count.Bind(2, static_cast<int64_t>(givenUp));
-        if (!count.Done()) return m_reader.LastError("write");
+        ok = count.Bind(1, kGivenUpBy + next->first) && count.Bind(2, static_cast<int64_t>(next->second)) &&
+             count.Done();
     }
-    RemoveConfirmed();
-    return {};
+    ok = ok && m_reader.Execute("COMMIT;");
+    if (ok) {
+        m_unsavedGivenUp.clear();
+        return {};
+    }
+    const base::Error error = m_reader.LastError("write");
+    static_cast<void>(m_reader.Execute("ROLLBACK;"));  // ignoring: there may be no transaction any more
+    return error;
 }
 
 uint64_t CEventSpool::GivenUp(const std::string& sink) {
     base::MutexLock lock(m_readLock);
+    const auto unsaved = m_unsavedGivenUp.find(sink);
     base::Statement query(m_reader, "SELECT value FROM facts WHERE name = ?1;");
     query.Bind(1, kGivenUpBy + sink);
-    return query.Row() ? static_cast<uint64_t>(query.Int(0)) : 0;
+    return (query.Row() ? static_cast<uint64_t>(query.Int(0)) : 0) +
+           (unsaved != m_unsavedGivenUp.end() ? unsaved->second : 0);
 }
 
 void CEventSpool::RemoveConfirmed() {
@@ -797,8 +847,9 @@ uint64_t CEventSpool::Waiting(const std::string& sink) {
     base::MutexLock lock(m_readLock);
     base::Statement query(m_reader,
                           "SELECT count(*) FROM messages"
-                          " WHERE seq > coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0);");
+                          " WHERE seq > max(?2, coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0));");
     query.Bind(1, sink);
+    query.Bind(2, ConfirmedBy(sink));
     if (query.Row()) return static_cast<uint64_t>(query.Int(0));
     base::MutexLock figures(m_figuresLock);
     return static_cast<uint64_t>(std::max<int64_t>(0, m_messages));

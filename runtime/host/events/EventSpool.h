@@ -42,13 +42,17 @@ public:
     /// Returns: true once the message is on disk; false when it is not (it then waits in memory for the disk, while
     /// there is room).
     bool Append(SpoolMessage message);
+    /// Counts a message that is not taken at all.
+    void NoteRefused();
     /// Opens what could not be opened, and tries to bring what waits in memory to disk.
     /// Returns: whether nothing waits any more.
     bool FlushMemory();
 
     /// The oldest messages that this sink has not confirmed yet, at most `most` and about `mostBytes`.
     base::Result<std::vector<SpoolMessage>> Read(const std::string& sink, size_t most, size_t mostBytes);
-    /// The sink has everything up to and including `seq`, but for `givenUp` of them that it will never take.
+    /// The sink has everything up to and including `seq`, but for `givenUp` of them that it will never take. Holds for
+    /// this process whatever comes.
+    /// On failure: a later one writes it down; were the process killed before, the messages would come again.
     base::Status Confirm(const std::string& sink, int64_t seq, uint64_t givenUp = 0);
     /// Returns: how many this sink has given up over the spool's life.
     uint64_t GivenUp(const std::string& sink);
@@ -96,7 +100,9 @@ private:
         uint64_t saved = 0;
         int64_t lowest = 0;     ///< number of a message that was saved
         int64_t confirmed = 0;  ///< by every sink
-        int64_t newest = 0;     ///< last number that was ever used; 0: not known
+        int64_t newest = 0;     ///< last number that was ever used, as far as it is known
+        bool numbered = false;  ///< the file itself said so
+        bool sameName = false;  ///< the ids begin as they did
     };
 
     /// A stretch of a damaged file.
@@ -137,6 +143,8 @@ private:
     base::Status Salvage(const std::string& aside, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
     void SalvageFacts(const base::Database& old, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
     bool SalvageMessages(const base::Database& old, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
+    /// The numbers of new messages follow those of the old file.
+    bool GoOnCounting(const Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
     /// Saves what can be read in one go of the messages between `after` and `before`. Returns: false when the new file
     /// cannot be written.
     bool SalvageRun(const base::Database& old, bool forward, Run& run, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
@@ -149,6 +157,10 @@ private:
     base::Result<std::vector<SpoolMessage>> ReadOnce(const std::string& sink, size_t most, size_t mostBytes)
         ZEL_REQUIRES(m_readLock);
     SpoolMessage MessageOf(const base::Statement& row) const ZEL_REQUIRES(m_readLock);
+    /// Returns: up to where this sink has everything.
+    int64_t ConfirmedBy(const std::string& sink) ZEL_REQUIRES(m_readLock);
+    /// Writes down what was confirmed and is not in the file yet, of every sink.
+    base::Status KeepConfirmed() ZEL_REQUIRES(m_readLock);
     void RemoveConfirmed() ZEL_REQUIRES(m_readLock);
     /// The file that failed with `why` while it was the `generation`th is replaced, unless somebody has done so.
     void Repair(const base::Error& why, uint64_t generation) ZEL_EXCLUDES(m_readLock);
@@ -175,7 +187,8 @@ private:
     base::Database m_reader ZEL_GUARDED_BY(m_readLock);
     std::string m_name ZEL_GUARDED_BY(m_readLock);
     std::vector<std::string> m_sinks ZEL_GUARDED_BY(m_readLock);
-    std::map<std::string, int64_t> m_confirmed ZEL_GUARDED_BY(m_readLock);
+    std::map<std::string, int64_t> m_confirmed ZEL_GUARDED_BY(m_readLock);  // by this process, and what was salvaged
+    std::map<std::string, uint64_t> m_unsavedGivenUp ZEL_GUARDED_BY(m_readLock);
     uint64_t m_generation ZEL_GUARDED_BY(m_readLock) = 0;  // which file in turn this is
     unsigned int m_readFailures ZEL_GUARDED_BY(m_readLock) = 0;
     unsigned int m_openFailures ZEL_GUARDED_BY(m_readLock) = 0;

@@ -105,7 +105,8 @@ void AddDeliveryMetrics(const DeliveryStats& s, std::vector<Metric>& metrics) {
     add.Counter("zel_events_accepted_total", "Messages that are durably in the spool.", s.accepted);
     add.Counter("zel_events_refused_total", "Messages that could not be made durable.", s.refused);
     add.Counter("zel_events_dropped_total",
-                "Messages dropped for want of room or lost with a damaged file, over the spool's life.", s.dropped);
+                "Messages dropped for want of room, as too long or with a damaged file, over the spool's life.",
+                s.dropped);
     add.Gauge("zel_events_spooled", "Messages in the spool.", static_cast<double>(s.spooled));
     add.Gauge("zel_events_spool_bytes", "Size of the messages in the spool.", static_cast<double>(s.spoolBytes));
     add.Gauge("zel_events_in_memory", "Messages that wait for a spool that can be written.",

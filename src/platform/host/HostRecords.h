@@ -121,7 +121,7 @@ struct DeliveryStats {
     uint64_t refused = 0;
     uint64_t spooled = 0;  ///< messages in the spool now
     uint64_t spoolBytes = 0;
-    uint64_t dropped = 0;   ///< for want of room or with a damaged file, over the spool's life
+    uint64_t dropped = 0;   ///< for want of room, with a damaged file or as too long, over the spool's life
     uint64_t inMemory = 0;  ///< messages that wait for a spool that can be written again
     bool spoolBroken = false;
     std::vector<SinkStats> sinks;

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <json/json.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@
 #include "HostSupport.h"
 #include "support/SmallDisk.h"
 #include "support/HttpServer.h"
+#include "support/Waiting.h"
 
 using support::Eventually;
 using support::ReadLines;
@@ -100,6 +102,9 @@ TEST_F(EventDeliveryTest, OverlongMessagesAreRefused) {
     EXPECT_FALSE(delivery.SendMsg(std::string(300, 't'), "b", "", 0, 0));
     EXPECT_FALSE(delivery.SendMsg("T", std::string((1 << 20) + 1, 'b'), "", 0, 0));
     EXPECT_TRUE(delivery.SendMsg("T", std::string(1 << 20, 'b'), "", 0, 0));
+    EXPECT_EQ(delivery.Stats().refused, 2u);
+    EXPECT_EQ(delivery.Stats().accepted, 1u);
+    EXPECT_EQ(delivery.Stats().dropped, 2u) << "nobody gets them";
 }
 
 TEST_F(EventDeliveryTest, FileIsRotatedAndItsGenerationsAreBounded) {
@@ -376,6 +381,57 @@ TEST_F(EventDeliveryTest, SinksAreSwitchedWhileItRuns) {
     ASSERT_TRUE(delivery.Flush(20000));
     EXPECT_EQ(server.Accepted().size(), 1u);
     EXPECT_EQ(Field(m_dir / "log/e.jsonl", "body"), (Lines{"file only", "both", "file again"}));
+}
+
+/// Files of this process grow no more while it lives: a full disk.
+class NoGrowth {
+public:
+    NoGrowth() {
+        signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &m_old);
+        rlimit none = m_old;
+        none.rlim_cur = 1;
+        setrlimit(RLIMIT_FSIZE, &none);
+    }
+    ~NoGrowth() { setrlimit(RLIMIT_FSIZE, &m_old); }
+    NoGrowth(const NoGrowth&) = delete;
+    NoGrowth& operator=(const NoGrowth&) = delete;
+
+private:
+    rlimit m_old{};
+};
+
+TEST_F(EventDeliveryTest, ACursorThatCannotBeWrittenCountsNothingTwice) {
+    support::HttpServer server;
+    server.AnswerWith(503);
+    server.Refuse("\"b3\"", 503);
+    DeliveryOptions options = Options();
+    options.jsonLinesPath = "-";
+    options.httpUrl = server.Url();
+    {
+        CEventDelivery delivery(options, "tervane");
+        ASSERT_TRUE(support::IsOk(delivery.Start()));
+        for (int i = 0; i < 10; ++i) EXPECT_TRUE(delivery.SendMsg("T", "b" + std::to_string(i), "", 1, 0));
+        {
+            const NoGrowth full;
+            server.Refuse("\"b3\"", 400);
+            server.AnswerWith(200);
+            ASSERT_TRUE(Eventually([&] { return delivery.Stats().sinks[0].waiting == 0; }));
+            EXPECT_THAT(delivery.Stats().sinks[0].lastError, testing::HasSubstr("the cursor cannot be kept"));
+            support::SleepMs(200);  // a second delivery would come now
+            EXPECT_EQ(delivery.Stats().sinks[0].delivered, 9u);
+            EXPECT_EQ(delivery.Stats().sinks[0].givenUp, 1u);
+            EXPECT_EQ(server.Accepted().size(), 9u) << "nothing is delivered again";
+        }
+        EXPECT_TRUE(Eventually([&] { return delivery.SendMsg("T", "last", "", 1, 0); }));
+        ASSERT_TRUE(delivery.Flush(20000));
+    }
+    const size_t before = server.Accepted().size();
+    CEventDelivery next(options, "tervane");
+    ASSERT_TRUE(support::IsOk(next.Start()));
+    EXPECT_TRUE(next.Flush(20000));
+    EXPECT_EQ(next.Stats().sinks[0].givenUp, 1u);
+    EXPECT_EQ(server.Accepted().size(), before);
 }
 
 TEST_F(EventDeliveryTest, AnAddressThatIsNoneFailsTheStart) {

@@ -356,6 +356,35 @@ TEST_F(EventSpoolTest, SeveralDamagedPlacesCostNothingBetweenThem) {
     for (size_t i = 1; i < saved.size(); ++i) EXPECT_LT(saved[i - 1].seq, saved[i].seq);
 }
 
+TEST_F(EventSpoolTest, AfterDamageTheNumbersGoOn) {
+    for (const int firstPage : {0, 4}) {  // nothing can be read, or all but the messages
+        SCOPED_TRACE("damage from page " + std::to_string(firstPage));
+        CEventSpool spool;
+        Open(spool, 8 << 20);
+        Fill(spool, 20);
+        std::set<std::string> ids;
+        for (const SpoolMessage& message : Read(spool, "one", 1000)) ids.insert(message.id);
+        ASSERT_TRUE(support::IsOk(spool.Confirm("one", Read(spool, "one", 1000).back().seq)));
+        Fill(spool, 20);
+        for (const SpoolMessage& message : Read(spool, "one", 1000)) ids.insert(message.id);
+        spool.Checkpoint();
+        Damage(firstPage, 30);
+        spool.Append(Message("between"));
+        const size_t saved = Read(spool, "one", 1000).size();  // meets the damage
+        EXPECT_EQ(saved + spool.GetFigures().dropped, 21u);
+        for (int i = 0; i < 3; ++i) EXPECT_TRUE(spool.Append(Message("new")));
+        const std::vector<SpoolMessage> fresh = Read(spool, "one", 1000);
+        ASSERT_EQ(fresh.size(), saved + 3) << "none is below a cursor";
+        EXPECT_EQ(fresh.back().body, "new");
+        for (const SpoolMessage& message : fresh) {
+            EXPECT_TRUE(message.body != "new" || ids.count(message.id) == 0) << "an id is given once";
+        }
+        ASSERT_TRUE(support::IsOk(spool.Confirm("one", fresh.back().seq)));
+        spool.Close();
+        unlink((m_dir / "spool/e.db").c_str());
+    }
+}
+
 TEST_F(EventSpoolTest, WhatPassesIsNoDamage) {
     {
         CEventSpool spool;
