@@ -13,7 +13,6 @@ namespace base {
 namespace {
 
 constexpr size_t kReadChunkBytes = 16 * 1024;
-constexpr mode_t kDirectoryMode = 0750;
 constexpr int kNeverFollowed = O_CLOEXEC | O_NOFOLLOW;
 // A pipe must not hold the opener up, and a terminal must not become ours; for a regular file both mean nothing.
 constexpr int kNeverWaits = O_NONBLOCK | O_NOCTTY;
@@ -37,11 +36,6 @@ Result<Fd> OpenRegular(int directory, const std::string& path, int flags, mode_t
     Status own = JudgeOwnFile(info, path);
     if (!own) return own.GetError();
     return fd;
-}
-
-bool IsDirectory(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
 bool SameTime(const timespec& one, const timespec& other) {
@@ -133,19 +127,6 @@ void RaiseEvent(const Fd& event) {
     const uint64_t one = 1;
     // Ignoring: the one failure there is (EAGAIN) means that the event stands already.
     if (RetryOnSignal([&] { return ::write(event.Get(), &one, sizeof one); }) < 0) return;
-}
-
-Status MakeDirectories(const std::string& path) {
-    for (size_t at = 1; at <= path.size(); ++at) {
-        if (at < path.size() && path[at] != '/') continue;
-        const std::string part = path.substr(0, at);
-        if (::mkdir(part.c_str(), kDirectoryMode) == 0 || errno == EEXIST) continue;
-        const int error = errno;
-        if (!IsDirectory(part)) return ErrnoError(error, "make directory", part);
-        // A directory that exists already on a read-only file system is what was wanted.
-    }
-    if (!IsDirectory(path)) return MakeError(ErrorKind::kRefused, "use", path, "not a directory");
-    return {};
 }
 
 Status RemoveFile(const std::string& path) {

@@ -60,9 +60,6 @@ Status WriteAll(const Fd& fd, std::string_view data, const std::string& path);
 /// Adds one to an event descriptor, so that whoever polls it wakes. One that is full wakes already.
 void RaiseEvent(const Fd& event);
 
-/// Makes a directory and its missing parents, mode 0750.
-Status MakeDirectories(const std::string& path);
-
 /// Removes a file or link. One that is not there is no failure.
 Status RemoveFile(const std::string& path);
 

@@ -11,6 +11,7 @@
 
 #include "base/FileIo.h"
 #include "base/FilePath.h"
+#include "base/MakeDirectories.h"
 #include "sampling/ThreadFacts.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ThreadUtil.h"

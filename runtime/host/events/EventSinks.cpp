@@ -14,6 +14,7 @@
 
 #include "base/FileIo.h"
 #include "base/FilePath.h"
+#include "base/MakeDirectories.h"
 #include "base/TrustedRead.h"
 #include "platform/zel/LogMessage.h"
 

@@ -15,6 +15,7 @@
 
 #include "base/FileIo.h"
 #include "base/FilePath.h"
+#include "base/MakeDirectories.h"
 #include "platform/zel/LogMessage.h"
 
 namespace zelhost {

@@ -8,6 +8,7 @@
 #include "base/FileIo.h"
 #include "base/FilePath.h"
 #include "base/FileReplace.h"
+#include "base/MakeDirectories.h"
 #include "metrics/MetricsRequest.h"
 #include "platform/zel/LogMessage.h"
 

@@ -14,6 +14,7 @@
 #include "base/FileIo.h"
 #include "base/FilePath.h"
 #include "base/FileReplace.h"
+#include "base/MakeDirectories.h"
 #include "base/ProcFiles.h"
 #include "sampling/ThreadFacts.h"
 #include "platform/zel/ToolUtil.h"

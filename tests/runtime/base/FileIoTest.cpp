@@ -1,5 +1,6 @@
 // Opening, reading and writing of files where somebody may have planted something else.
 #include "base/FileIo.h"
+#include "base/MakeDirectories.h"
 
 #include <cerrno>
 #include <climits>
@@ -185,9 +186,34 @@ TEST_F(FileIoTest, DirectoriesAreMadeWithTheirParents) {
     EXPECT_TRUE(base::MakeDirectories(m_dir / "a/b/c"));
     EXPECT_TRUE(base::MakeDirectories(m_dir / "a/b/c/"));
     EXPECT_EQ(0750, ModeOf(m_dir / "a/b/c"));
+    EXPECT_TRUE(base::MakeDirectories(m_dir / "a//d///e//"));
+    EXPECT_TRUE(support::Exists(m_dir / "a/d/e"));
     EXPECT_EQ(ErrorKind::kRefused, base::MakeDirectories(m_file).GetError().kind);
     EXPECT_FALSE(base::MakeDirectories(m_dir / "file/below"));
     EXPECT_FALSE(base::MakeDirectories(""));
+}
+
+TEST_F(FileIoTest, DirectoriesAreMadeInTrustedPlacesOnly) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: another user's directory";
+    constexpr uid_t kForeigner = 65534;
+    ASSERT_EQ(0, ::mkdir((m_dir / "victim").c_str(), 0755));
+    ASSERT_EQ(0, ::mkdir((m_dir / "theirs").c_str(), 0755));
+    ASSERT_EQ(0, ::mkdir((m_dir / "shared").c_str(), 0755));
+    ASSERT_EQ(0, ::symlink("../victim", (m_dir / "theirs/link").c_str()));
+    ASSERT_EQ(0, ::symlink("victim", (m_dir / "ours").c_str()));
+    ASSERT_EQ(0, ::chown((m_dir / "theirs").c_str(), kForeigner, kForeigner));
+    ASSERT_EQ(0, ::lchown((m_dir / "theirs/link").c_str(), kForeigner, kForeigner));
+    ASSERT_EQ(0, ::chmod((m_dir / "shared").c_str(), 01777));
+    for (const char* place : {"theirs/x", "theirs/link/x", "theirs/link/x/y", "shared/x"}) {
+        const Status refused = base::MakeDirectories(m_dir / place);
+        ASSERT_FALSE(refused) << place;
+        EXPECT_EQ(ErrorKind::kRefused, refused.GetError().kind) << place;
+    }
+    EXPECT_THAT(NamesIn(m_dir / "victim"), ElementsAre());
+    EXPECT_THAT(NamesIn(m_dir / "theirs"), ElementsAre("link"));
+    EXPECT_THAT(NamesIn(m_dir / "shared"), ElementsAre());
+    EXPECT_TRUE(base::MakeDirectories(m_dir / "ours/x/y")) << "a link of our own";
+    EXPECT_TRUE(support::Exists(m_dir / "victim/x/y"));
 }
 
 TEST_F(FileIoTest, ADirectoryOnAReadOnlyDiskIsWhatWasWanted) {

@@ -401,7 +401,7 @@ private:
     rlimit m_old{};
 };
 
-TEST_F(EventDeliveryTest, ACursorThatCannotBeWrittenCountsNothingTwice) {
+TEST_F(EventDeliveryTest, AnUnwrittenCursorCountsNothingTwice) {
     support::HttpServer server;
     server.AnswerWith(503);
     server.Refuse("\"b3\"", 503);
