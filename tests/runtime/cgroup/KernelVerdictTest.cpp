@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -20,6 +21,7 @@
 namespace {
 
 std::string g_release;
+bool g_unameFails = false;
 
 #if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 constexpr int kPairs = 1000000;
@@ -279,6 +281,11 @@ protected:
 }  // namespace
 
 extern "C" int __wrap_uname(struct utsname* name) {
+    if (g_unameFails) {
+        strcpy(name->release, "6.1.0-1");  // what a failed call leaves is not looked at
+        errno = EFAULT;
+        return -1;
+    }
     memset(name, 0, sizeof *name);
     strncpy(name->release, g_release.c_str(), sizeof name->release - 1);
     return 0;
@@ -306,6 +313,16 @@ TEST_F(KernelVerdictTest, UnifiedPolicyAndLegacyObjectAgree) {
         ASSERT_EQ(expected, m_module.PolicyExcludes(pair)) << Shown(pair);
         ASSERT_EQ(expected, legacy.Excludes(pair)) << Shown(pair);
     }
+}
+
+TEST_F(KernelVerdictTest, AKernelThatCannotBeAskedIsOnNoList) {
+    Legacy legacy;
+    const Pair everything = {"6.1.0-1", "0.0.0-0,9.9.9-9", "6"};
+    EXPECT_TRUE(legacy.Excludes(everything));
+    g_unameFails = true;
+    EXPECT_FALSE(legacy.Excludes(everything));
+    g_unameFails = false;
+    EXPECT_TRUE(legacy.Excludes(everything));
 }
 
 TEST_F(KernelVerdictTest, BothFollowTheTable) {

@@ -200,6 +200,19 @@ TEST_F(CgroupErrorRecordTest, ReadsBackWhatItWrote) {
 TEST_F(CgroupErrorRecordTest, FormatsSignedNumbersOf64Bits) {
     EXPECT_EQ("105-1731740000", FormatCgroupError(105, 1731740000));
     EXPECT_EQ("-5-2147483647", FormatCgroupError(-5, 2147483647));
+    EXPECT_EQ("13-4294967396", FormatCgroupError(13, 4294967396));
+    EXPECT_EQ("13-9223372036854775807", FormatCgroupError(13, INT64_MAX));
+    EXPECT_EQ("13--4294967396", FormatCgroupError(13, -4294967396));
+    platform().now = 4102444800;  // a year in which seconds have needed more than 32 bits for long
+    EXPECT_TRUE(pri().WriteCgroupError(119));
+    EXPECT_EQ("119-4102444800", platform().files.content[kPath]);
+}
+
+TEST_F(CgroupErrorRecordTest, JudgesAgesIn64Bits) {
     EXPECT_TRUE(IsRecentCgroupError(0, 2147483647));
     EXPECT_FALSE(IsRecentCgroupError(2147483647, 0));
+    EXPECT_TRUE(IsRecentCgroupError(0, 2147483649));     // 32 bits would see it in the past
+    EXPECT_FALSE(IsRecentCgroupError(4294967396, 100));  // 32 bits would see no age at all
+    EXPECT_TRUE(IsRecentCgroupError(4102444800, 4102444800 - 43199));
+    EXPECT_FALSE(IsRecentCgroupError(4102444800, 4102444800 - 43200));
 }

@@ -381,6 +381,31 @@ TEST_F(LegacyCpuLimitTest, RetriesAWantedLimitAtMostEvery600Seconds) {
     EXPECT_EQ(1700000600, pri().m_legacyCpuLastRetryTime);
 }
 
+TEST_F(LegacyCpuLimitTest, RetriesEvery600SecondsBeyond32BitsToo) {
+    platform().now = 4102444800;
+    platform().limit.startCpu.Always({5, 13});
+    Pass(1, 10);
+    EXPECT_EQ(kReached + kUnchanged + Retried(10, 9, 50), Pass(1, 10));
+    EXPECT_EQ(static_cast<int32_t>(4102444800), pri().m_legacyCpuLastRetryTime);  // the time as 32 bits hold it
+    platform().now += 599;
+    EXPECT_EQ(kReached + kUnchanged, Pass(1, 10));
+    platform().now += 1;
+    EXPECT_EQ(kReached + kUnchanged + Retried(10, 9, 50), Pass(1, 10));
+}
+
+TEST_F(LegacyCpuLimitTest, RetriesWhereTheTimeLeaves32Bits) {
+    platform().now = 2147483647;
+    platform().limit.startCpu.Always({5, 13});
+    Pass(1, 10);
+    EXPECT_EQ(kReached + kUnchanged + Retried(10, 9, 50), Pass(1, 10));
+    EXPECT_EQ(2147483647, pri().m_legacyCpuLastRetryTime);
+    platform().now += 1;  // counts as a clock that went backwards
+    EXPECT_EQ(kReached + kUnchanged + Retried(10, 9, 50), Pass(1, 10));
+    EXPECT_EQ(INT32_MIN, pri().m_legacyCpuLastRetryTime);
+    platform().now += 599;
+    EXPECT_EQ(kReached + kUnchanged, Pass(1, 10));
+}
+
 TEST_F(LegacyCpuLimitTest, KeepsNumbersOfAFailedRetryWithoutALogLine) {
     platform().limit.startCpu.Then({5, 13}).Then({6, 22});
     Pass(1, 10);
