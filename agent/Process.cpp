@@ -271,6 +271,7 @@ void Process::StopMonitor() {
 
 int Process::FollowChanges() {
     m_startedAt = SecondsSinceBoot();
+    m_limitNews.Listen();
     if (m_client == nullptr) return kExitClean;  // the main process makes the changes
     m_placement = std::make_unique<PlacementCare>(*m_monitor, *m_client, m_services);
     m_subscriber = std::make_unique<zel::CIpcBroadcastSubscriber>();
@@ -282,6 +283,7 @@ int Process::FollowChanges() {
 }
 
 void Process::StopFollowing() {
+    m_limitNews.StopListening();
     if (m_subscriber != nullptr) m_subscriber->Stop();
 }
 
@@ -291,11 +293,17 @@ int Process::ExplainLimits() {
     if (m_options.IsMain() && !report.undelegated.empty()) {
         LogLine(DescribeUndelegated(report.undelegated), zel::kLogWarning);
     }
-    for (const std::string& line : ExplainMissingLimits(report, geteuid() == 0)) LogLine(line, zel::kLogWarning);
-    for (const std::string& line : ExplainMemoryRefusal(report, m_options.appDir, m_options.configPath)) {
-        LogLine(line, zel::kLogWarning);
-    }
+    TellLimits();
     return kExitClean;
+}
+
+void Process::TellLimits() {
+    const StatusReport report = CollectStatus(Sources());
+    std::vector<std::string> lines = ExplainMissingLimits(report, geteuid() == 0);
+    for (std::string& line : ExplainMemoryRefusal(report, m_options.appDir, m_options.configPath)) {
+        lines.push_back(std::move(line));
+    }
+    for (const std::string& line : m_limitNews.TakeNews(report, std::move(lines))) LogLine(line, zel::kLogWarning);
 }
 
 int Process::StartLoad() {
@@ -389,6 +397,7 @@ int Process::LookAround(int64_t second) {
     if (m_components != nullptr) m_components->Tick(SecondsSinceBoot());
     if (m_components != nullptr) m_keeping.Tick(second, m_components->Members());
     LookAfterLimits(second);
+    if (m_limitNews.IsDue(second)) TellLimits();
     if (second >= m_nextConfigLook) {
         m_nextConfigLook = second + (m_options.IsMain() ? 1 : kComponentConfigLookSeconds);
         m_agentConfig->Follow(m_services);

@@ -11,6 +11,7 @@
 #include "AppDirectory.h"
 #include "ComponentCare.h"
 #include "EventSink.h"
+#include "LimitNews.h"
 #include "Options.h"
 #include "PlacementCare.h"
 #include "Pulse.h"
@@ -83,6 +84,8 @@ private:
     void LookAfterLimits(int64_t second);
     /// Returns: the second of the loop in which something is to be done next.
     int64_t NextDue(int64_t second) const;
+    /// Says which limits were asked for and do not hold, and why, as far as that is news.
+    void TellLimits();
     /// Shows that the main thread works.
     void Beat(int64_t second);
     /// The parts that a status is made from, as far as they are there by now.
@@ -115,6 +118,7 @@ private:
     int64_t m_nextLimitCheck = kLimitCheckSeconds;  // second of the loop
     TreeKeeping m_keeping;
     std::unique_ptr<RunRecord> m_run;
+    LimitNews m_limitNews;
     Steps<Process> m_life;
 };
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <ctime>
 
 #include "AgentFixture.h"
 
@@ -145,6 +146,41 @@ TEST_F(SupervisionTest, AComponentThatHangsIsNamedBySecondAndPart) {
     EXPECT_TRUE(Poll(kSettleSeconds, [&] { return check() == 0; })) << line;
     EXPECT_TRUE(LogHas("component QorHips (process " + std::to_string(hips) + ") works again after "));
     EXPECT_TRUE(LogHas("component QorNet (process " + std::to_string(net) + ") works again after "));
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(SupervisionTest, ALaterRefusalIsExplainedAsOneAtTheStart) {
+    // The limit failed lately, so the monitor refuses it by a number until the pause is over.
+    WriteResource({{"resource_limit_mode", "0"}});
+    const std::string record = Dir() + "/cgroup_errors";
+    ASSERT_TRUE(WriteText(record, "119-" + std::to_string(time(nullptr) - 60)));
+    Child agent = StartRunningAgent();
+    const std::string paused = "memory limit paused until ";
+    const std::string remedy = "; remove " + record + " to try now";
+    SleepMs(3000);
+    EXPECT_FALSE(LogHas(paused)) << "nobody asked for it";
+    WriteOnline("{\"resourceLimitMode\": 4}");
+    EXPECT_TRUE(WaitLog("mem limit fail [120 - 0]"));
+    EXPECT_TRUE(WaitLog(paused)) << Log();
+    EXPECT_TRUE(LogHas(remedy));
+    // The same refusal of another amount is one more; the same answer to something else is none.
+    WriteOnline("{\"resourceLimitMode\": 4, \"maxMemory\": 210}");
+    EXPECT_TRUE(WaitLog(paused, 2)) << Log();
+    WriteOnline("{\"resourceLimitMode\": 4, \"maxMemory\": 210, \"hashMode\": 7}");
+    EXPECT_TRUE(WaitLog("set hash mode 7"));
+    SleepMs(4000);
+    EXPECT_EQ(LogCount(paused), 2) << Log();
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+TEST_F(SupervisionTest, ALaterRefusalByTheKernelListNamesTheList) {
+    WriteResource({{"resource_limit_mode", "0"}, {"mem_limit_kernel_range", "1.0.0-0,1.0.1-0"}});
+    Child agent = StartRunningAgent();
+    WriteOnline("{\"resourceLimitMode\": 4}");
+    EXPECT_TRUE(WaitLog("mem limit fail [10 - 0]"));
+    EXPECT_TRUE(WaitLog("mem_limit_kernel_range = 1.0.0-0,1.0.1-0 does not hold this kernel, ")) << Log();
     EXPECT_EQ(agent.Stop(), 0);
     ExpectNothingLeft();
 }
