@@ -25,6 +25,8 @@ constexpr char kRestartsFileName[] = "/data/restarts.json";
 base::Result<std::vector<std::string>> GroupsOf(const ComponentConfig& component) {
     zel::ComponentPlaces places;
     std::string problem;
+    if (zel::IsComponentFileAwaited(problem))
+        return base::SentenceError(problem + "; that file is being written again");
     if (!zel::ReadComponentPlaces(component.name, places, problem)) return std::vector<std::string>();
     if (!places.unified || places.named) return places.directories;
     if (component.group.empty()) {

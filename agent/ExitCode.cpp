@@ -13,6 +13,7 @@ const char* Explain(int exitCode) {
         case kExitServices: return "host services did not start";
         case kExitConfiguration: return "resource configuration missing or refused";
         case kExitMonitor: return "resource monitor did not start";
+        case kExitNoGroups: return "unified limits are in force, and no component file says where it belongs";
         case kExitSelfKill: return "over its own maximum, ended itself";
         case kExitParentGone: return "main process is gone";
         default: return "unknown reason";

@@ -12,6 +12,7 @@ enum ExitCode : int {
     kExitServices = 13,        ///< the host's services did not start
     kExitConfiguration = 14,   ///< the resource configuration file is missing or refused
     kExitMonitor = 15,         ///< the resource monitor did not start
+    kExitNoGroups = 16,        ///< unified limits are in force, and nothing says where this component belongs
     kExitSelfKill = 20,        ///< the process stayed over its own maximum and ended itself
     kExitParentGone = 21,      ///< a component whose main process ended
 };

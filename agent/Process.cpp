@@ -31,6 +31,7 @@
 #include "platform/zel/IpcBroadcast.h"
 #include "platform/zel/LogControl.h"
 #include "platform/zel/ResourceLimitUtil.h"
+#include "platform/zel/ToolUtil.h"
 
 namespace agent {
 
@@ -40,6 +41,9 @@ constexpr int64_t kLimitRetrySeconds = 1;
 constexpr int64_t kComponentConfigLookSeconds = 5;  // with its beat
 constexpr long kNsPerSecond = 1000L * 1000 * 1000;
 constexpr int kGoOn = -1;
+/// The main process looks after the component file every few seconds.
+constexpr int kFileWaitMs = 30000;
+constexpr int kFileStepMs = 250;
 
 // The module hands its broadcast to a plain function, so the sender is found through the one object of the process.
 // Set by the main thread, which serves it as soon as that can be done; read by the monitor's.
@@ -214,7 +218,19 @@ int Process::JoinOwnGroups() {
     // The groups are joined before the limits are applied: what the unified mode holds needs no legacy limit. Also
     // without a component file: a process that was started while the unified mode ended may have been born inside.
     m_client->ReloadConfig();
-    return kExitClean;
+    std::string problem;
+    if (!zel::IsComponentFileAwaited(problem)) return kExitClean;
+    // Without it the monitor would give this process a limit of its own, on top of what the others share.
+    LogLine(problem + "; waiting for the main process to write it again", zel::kLogWarning);
+    for (int waited = 0; waited < kFileWaitMs; waited += kFileStepMs) {
+        zel::CToolUtil::msleep(kFileStepMs);
+        if (!ParentIsThere(m_options.parentPid)) return kExitParentGone;
+        if (zel::IsComponentFileAwaited(problem)) continue;
+        m_client->ReloadConfig();
+        return kExitClean;
+    }
+    LogLine("no component file after " + std::to_string(kFileWaitMs / 1000) + " s", zel::kLogError);
+    return Refuse(kExitNoGroups, problem);
 }
 
 void Process::ForgetOwnGroups() {

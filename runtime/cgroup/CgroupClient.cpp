@@ -162,10 +162,12 @@ void CCgroupClient::Impl::Take(Controller controller, const std::optional<LeafPl
 bool CCgroupClient::Impl::Reload() {
     const std::string path = ComponentFilePath();
     Result<ComponentFile> file = ReadCurrentFile(path);
-    if (!file && file.GetError().kind == ErrorKind::kNotFound) return LeaveAll("there is no component file");
+    const Branches branches = FindBranches();
+    // The main process never takes the file away: where its tree is in use, somebody else did, and it comes back.
+    const bool none = !file && file.GetError().kind == ErrorKind::kNotFound;
+    if (none && !IsTreeInUse(branches)) return LeaveAll("there is no component file");
     if (!file) return Refuse(__LINE__, file.GetError());
     if (!file->enabled) return LeaveAll("they are switched off");
-    const Branches branches = FindBranches();
     Result<LeafPlaces> places = FindOwnPlaces(branches, *file, path);
     if (!places) return Refuse(__LINE__, places.GetError());
     if (!Join(*places)) return false;

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "AgentTree.h"
+#include "ComponentPlaces.h"
 #include "ComponentPublisher.h"
 #include "Keeper.h"
 #include "Membership.h"
@@ -17,6 +18,7 @@
 #include "OwnGroup.h"
 #include "OwnPlacement.h"
 #include "Reconcile.h"
+#include "base/FileIo.h"
 #include "base/Mutex.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/LogMessage.h"
@@ -43,7 +45,17 @@ struct Publication {
     Amounts parent;
     GroupTargets targets;
     bool valid = false;  ///< the targets of now are those that were published
+    base::FileMark file;
 };
+
+/// Returns: what is wrong with the component file; empty while it is the one that was written.
+std::string JudgeFile(const Publication& published) {
+    const base::FileMark now = base::ReadFileMark(published.path);
+    if (now == published.file) return {};
+    if (!now.exists) return "not there";
+    const Result<ComponentFile> file = ReadCurrentFile(published.path);
+    return file ? "changed by somebody else" : file.GetError().Text();
+}
 
 bool AreSameGroups(const GroupTargets& a, const GroupTargets& b) {
     const auto same = [](const Amounts& one, const Amounts& other) {
@@ -208,7 +220,7 @@ bool CCgroupManager::Impl::WriteConfig(const std::string& path, const std::vecto
     if (!leaves) return Fail(__LINE__, leaves.GetError());
     ObserveOom();
     targets.leaves = std::move(*leaves);
-    published = {path, quotas, parent, targets, true};
+    published = {path, quotas, parent, targets, true, base::ReadFileMark(path)};
     keeper.ForgetGroups();
     Sweep();
     return true;
@@ -231,6 +243,8 @@ void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, s
     round.members = &members;
     round.nowMs = ClockUs(CLOCK_MONOTONIC) / 1000;
     const Publication last = published;
+    round.filePath = last.path;
+    round.judgeFile = [&last] { return JudgeFile(last); };
     round.republish = [&]() ZEL_REQUIRES(mutex) { return WriteConfig(last.path, last.quotas, last.parent); };
     news = keeper.Run(round, status);
     for (const CgroupDrift& drift : news) LogLine(kLogWarning, __LINE__, DescribeDrift(drift));

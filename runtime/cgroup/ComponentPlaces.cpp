@@ -48,6 +48,22 @@ Result<LeafPlace> OpenPlace(const Branches& branches, Controller controller, con
 
 }  // namespace
 
+bool IsTreeInUse(const Branches& branches) {
+    for (const std::shared_ptr<Branch>& branch : branches.all) {
+        Result<GroupDir> tree = OpenTree(*branch);
+        if (!tree) continue;
+        Result<std::vector<OwnChild>> groups = OpenOwnChildren(*tree);
+        if (!groups) continue;
+        for (const OwnChild& group : *groups) {
+            Result<GroupDir> leaf = OpenOwnChild(group.dir, kMainComponent);
+            if (!leaf) continue;
+            Result<std::vector<int>> pids = leaf->Processes();
+            if (pids && !pids->empty()) return true;
+        }
+    }
+    return false;
+}
+
 std::string ComponentFilePath() {
     return COrvexPathInfo::GetInstance()->GetGlobalCfgPath() + kComponentFileName;
 }

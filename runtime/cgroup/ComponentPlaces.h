@@ -33,5 +33,9 @@ Result<ComponentFile> ReadCurrentFile(const std::string& path);
 /// Opens every leaf of the entry, by way of this host's own view of the tree.
 Result<LeafPlaces> OpenPlaces(const Branches& branches, const ComponentFile& file, const ComponentEntry& entry);
 
+/// Whether the main process is in the tree, so that a component file which cannot be read is one that somebody took
+/// away or damaged.
+bool IsTreeInUse(const Branches& branches);
+
 }  // namespace cgroup
 }  // namespace zel

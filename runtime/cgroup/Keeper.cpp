@@ -122,6 +122,7 @@ public:
 
     std::vector<CgroupDrift> Run() {
         for (const std::shared_ptr<Branch>& branch : m_in.branches->all) KeepBranch(*branch);
+        KeepFile();
         if (m_groupsMade) {
             m_in.republish();  // its failures are in the log, and the next round sees what is missing
             m_keeper.m_identities.clear();
@@ -139,6 +140,7 @@ private:
     Flags Active(const Branch& branch) const;
     std::set<LeafName> LeavesOf(const Branch& branch) const;
 
+    void KeepFile();
     void KeepBranch(const Branch& branch);
     void FindMissing(const Branch& branch, const OpenTreeFacts& tree, Drifts& out);
     void FindTakenControllers(const Branch& branch, const OpenTreeFacts& tree, Drifts& out) const;
@@ -313,6 +315,19 @@ void Keeper::Round::KeepLimits(const OpenTreeFacts& tree, Controller controller,
         }
         Report(std::move(drift));
     }
+}
+
+/// What the components go by. Groups that were made again have it written anew anyway.
+void Keeper::Round::KeepFile() {
+    CgroupDrift drift;
+    drift.kind = CgroupDriftKind::kFile;
+    drift.path = m_in.filePath;
+    drift.found = m_in.judgeFile();
+    if (drift.found.empty()) return;
+    if (!m_groupsMade && !m_keeper.m_ledger.IsDue(ThingOf(drift), m_in.nowMs)) return Postpone(drift);
+    drift.repaired = m_groupsMade || m_in.republish();
+    if (!drift.repaired) drift.problem = "the log says why";
+    Report(std::move(drift));
 }
 
 // --- members --------------------------------------------------------------------------------------------------------
@@ -496,6 +511,10 @@ std::string DescribeDrift(const CgroupDrift& drift) {
         case CgroupDriftKind::kMember:
             text = "process " + std::to_string(drift.pid) + " of " + drift.component;
             done = "moved back";
+            break;
+        case CgroupDriftKind::kFile:
+            text = "component file " + drift.path;
+            done = "written again";
             break;
         case CgroupDriftKind::kForeign:
             return "process " + std::to_string(drift.pid) + " (" + drift.found + ") is in " + drift.path +

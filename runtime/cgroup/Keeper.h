@@ -26,8 +26,10 @@ struct KeeperRound {
     Flags inUse;
     bool mainInside = false;  ///< the main process was put into the tree
     const std::vector<CgroupMember>* members = nullptr;
-    int64_t nowMs = 0;                ///< monotonic
-    std::function<bool()> republish;  ///< makes the published leaves and writes the component file again
+    int64_t nowMs = 0;                       ///< monotonic
+    std::string filePath;                    ///< of the component file
+    std::function<std::string()> judgeFile;  ///< what is wrong with it; empty when it is as it was written
+    std::function<bool()> republish;         ///< makes the published leaves and writes the component file again
 };
 
 /// Thread-safety: none, the manager locks.

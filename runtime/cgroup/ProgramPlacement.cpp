@@ -33,7 +33,8 @@ Result<Belonging> FindBelonging(const std::string& component) {
     out.branches = FindBranches();
     const std::string path = ComponentFilePath();
     Result<ComponentFile> file = ReadCurrentFile(path);
-    if (!file && file.GetError().kind == ErrorKind::kNotFound) return out;
+    const bool none = !file && file.GetError().kind == ErrorKind::kNotFound;
+    if (none && !IsTreeInUse(out.branches)) return out;
     if (!file) return file.GetError();
     out.unified = file->enabled;
     const ComponentEntry* entry = out.unified ? file->Find(component) : nullptr;
@@ -98,6 +99,13 @@ bool ReadComponentPlaces(const std::string& component, ComponentPlaces& out, std
         if (!place || (!out.directories.empty() && out.directories.back() == place->leaf.Path())) continue;
         out.directories.push_back(place->leaf.Path());
     }
+    return true;
+}
+
+bool IsComponentFileAwaited(std::string& problem) {
+    const Result<ComponentFile> file = ReadCurrentFile(ComponentFilePath());
+    if (file || !IsTreeInUse(FindBranches())) return false;
+    problem = file.GetError().Text();
     return true;
 }
 

@@ -1,6 +1,7 @@
 // Where the agent's processes sit while the limit mode changes under load: every one in its own leaf again, and back in
 // the legacy group, however the change reaches its threads.
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -108,6 +109,46 @@ TEST_F(PlacementTest, BusyComponentsAreInTheirLeavesAfterEveryChange) {
         const bool left = Poll(kStaysSeconds, [&] { return !Misplaced(pids).empty(); });
         EXPECT_FALSE(left) << "round " << round << ": " << Misplaced(pids);
     }
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+// Without its file a component does not know where it belongs; a legacy limit of its own beside the others' is no
+// answer.
+TEST_F(PlacementTest, NoComponentIsPutOnTopOfTheTreeWithoutItsFile) {
+    WriteComponents("{\"name\": \"QorHips\", \"group\": \"collect-defense\", \"load\": \"hold:1\"}");
+    Child agent = StartRunningAgent({"--limit-check", "8"});
+    const std::string leaf = CpuRoot() + "/" + Tree() + "/collect-defense/";
+    const auto sits = [&](const std::string& name, pid_t pid) {
+        return pid > 0 && ProcessesIn(leaf + name) == std::vector<pid_t>{pid};
+    };
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return sits("QorHips", ComponentPid("QorHips")); }));
+    const std::string file = Conf("cgroup_resource.json");
+    const std::string written = ReadText(file);
+    int repairs = 0;
+    for (const bool remove : {true, false}) {
+        const pid_t before = ComponentPid("QorHips");
+        ASSERT_TRUE(remove ? unlink(file.c_str()) == 0 : WriteText(file, "{\"version\": 1, \"ena"));
+        kill(before, SIGKILL);
+        // One that somebody starts by hand, from outside the groups.
+        std::vector<std::string> words = AgentWords({"--name", "QorNet", "--config", Conf("resource_config")});
+        Child byHand = Spawn(words, Environment(), NextOutput());
+        bool legacy = false;
+        EXPECT_TRUE(Poll(kSettleSeconds,
+                         [&] {
+                             legacy = legacy || !LegacyGroup(CpuRoot()).empty() || !LegacyGroup(MemoryRoot()).empty();
+                             const pid_t now = ComponentPid("QorHips");
+                             return now != before && sits("QorHips", now) && sits("QorNet", byHand.Pid());
+                         }))
+            << Log() << Log("QorNet");
+        EXPECT_FALSE(legacy) << "a legacy limit was made beside the tree";
+        EXPECT_EQ(written, ReadText(file));
+        ++repairs;
+        EXPECT_TRUE(WaitLog("waiting for the main process to write it again", repairs, "QorNet")) << Log("QorNet");
+        EXPECT_EQ(byHand.Stop(), 0);
+    }
+    EXPECT_TRUE(LogHas("component file " + file + " was: not there; written again"));
+    EXPECT_EQ(Status()["keeper"]["found"]["file"].asInt(), repairs);
     EXPECT_EQ(agent.Stop(), 0);
     ExpectNothingLeft();
 }

@@ -22,11 +22,12 @@ enum class CgroupDriftKind {
     kGroup,       ///< a group that is gone, or another one of its name
     kMember,      ///< a process, or a thread of one, outside its leaf
     kForeign,     ///< a process inside that is none of the agent's: told, and left where it is
+    kFile,        ///< the component file is gone or not as it was written
 };
 
 /// Names in messages and metrics, in the order of CgroupDriftKind.
-constexpr std::array<const char*, 8> kCgroupDriftKinds = {"cpu_quota",  "cpu_burst", "memory", "swap",
-                                                          "controller", "group",     "member", "foreign"};
+constexpr std::array<const char*, 9> kCgroupDriftKinds = {"cpu_quota", "cpu_burst", "memory",  "swap", "controller",
+                                                          "group",     "member",    "foreign", "file"};
 
 /// One difference.
 struct CgroupDrift {

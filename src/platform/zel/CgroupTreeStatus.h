@@ -72,6 +72,12 @@ struct ComponentPlaces {
 /// Reads that, checked against this host's own groups. On failure: false with the reason in `error`.
 ZEL_API bool ReadComponentPlaces(const std::string& component, ComponentPlaces& out, std::string& error);
 
+/// Whether the main process is in the tree, and the component file, which says where each belongs, is missing or
+/// damaged. The main process writes it again at its keeper's rhythm; who is to be placed waits for that, because what
+/// it would do without a file is right only where there are no unified limits.
+/// Returns: true with the file's fault in `problem`.
+ZEL_API bool IsComponentFileAwaited(std::string& problem);
+
 /// Puts a child of the main process that knows nothing of its groups, with everything that it has started, into the
 /// component's leaves; where it has none, out of the tree and to the main process.
 /// On failure: false with the reason in `error`; to be tried again.

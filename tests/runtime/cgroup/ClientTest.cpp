@@ -4,6 +4,7 @@
 
 #include "AgentTreeFixture.h"
 #include "platform/zel/CgroupClient.h"
+#include "platform/zel/CgroupTreeStatus.h"
 
 namespace {
 
@@ -44,6 +45,11 @@ protected:
         ASSERT_EQ(static_cast<ssize_t>(text.size()), write(fd, text.data(), text.size()));
         fchmod(fd, mode);
         close(fd);
+    }
+    /// The file as it says that there are no unified limits.
+    void SwitchOff() {
+        unlink(file.c_str());
+        Put("{\"version\": 1, \"enabled\": false, \"boot_id\": \"\"}");
     }
     /// A refused file: false, one line with the reason, and everything as it was.
     void ExpectRefused(const std::string& reason) {
@@ -118,6 +124,33 @@ TEST_F(CgroupClientTest, LeavesWhenFileIsGoneAndGoesBackToItsOrigin) {
     EXPECT_TRUE(client.ReloadConfig()) << "nothing to leave is no failure";
 }
 
+TEST_F(CgroupClientTest, StaysWhenTheFileIsTakenAwayBesideTheMainProcess) {
+    ASSERT_TRUE(manager.WriteComponentConfig(
+        file, {Quota("Worker", "main", 10000, 102400), Quota("Tervane", "main", 10000, 102400)}, 40000, 524288));
+    ASSERT_TRUE(client.ReloadConfig());
+    Child main(Sleeper);
+    for (const std::string& tree : {cpuTree, memTree}) {
+        ASSERT_TRUE(support::WriteText(tree + "/main/Tervane/cgroup.procs", std::to_string(main.Pid())));
+    }
+    std::string problem;
+    EXPECT_FALSE(zel::IsComponentFileAwaited(problem));
+    const std::string text = ReadValue(file) + "\n";
+    ASSERT_EQ(0, unlink(file.c_str()));
+    ExpectRefused("No such file");
+    EXPECT_TRUE(zel::IsComponentFileAwaited(problem));
+    EXPECT_THAT(problem, HasSubstr(file));
+    zel::ComponentPlaces places;
+    EXPECT_FALSE(zel::ReadComponentPlaces("Worker", places, problem)) << "nothing is known of its place";
+    Put("{");
+    ExpectRefused(file);
+    EXPECT_TRUE(zel::IsComponentFileAwaited(problem));
+    ASSERT_EQ(0, unlink(file.c_str()));
+    Put(text);
+    EXPECT_TRUE(client.ReloadConfig());
+    EXPECT_FALSE(zel::IsComponentFileAwaited(problem));
+    EXPECT_TRUE(IsIn(getpid(), "main/Worker"));
+}
+
 TEST_F(CgroupClientTest, LeavesWhenLimitsAreSwitchedOffAndJoinsAgain) {
     ASSERT_TRUE(client.ReloadConfig());
     ASSERT_TRUE(manager.WriteDisabledConfig(file));
@@ -141,7 +174,7 @@ TEST_F(CgroupClientTest, LeavesTheGroupOfItsBirthWithoutEverJoining) {
     ASSERT_TRUE(manager.AddPidToGroup("main", getpid()));
     Child born([&] {
         zel::CCgroupClient own;
-        unlink(file.c_str());
+        SwitchOff();
         if (!own.ReloadConfig()) return 1;
         return IsIn(getpid(), "main/Tervane") ? 2 : 0;
     });
@@ -164,7 +197,7 @@ TEST_F(CgroupClientTest, GoesFromTheGroupOfItsBirthToItsParents) {
         char byte = 0;
         if (read(ready[0], &byte, 1) != 1) return 3;
         zel::CCgroupClient own;
-        unlink(file.c_str());
+        SwitchOff();
         if (!own.ReloadConfig()) return 1;
         const std::vector<std::string> inside = Procs(outer);
         return std::find(inside.begin(), inside.end(), std::to_string(getpid())) == inside.end() ? 2 : 0;

@@ -1,10 +1,12 @@
 // What somebody else changes on the tree, one row each: put right within two rounds, told once, counted. Against the
 // real kernel: version 1 on this machine, version 2 and mixtures in the guests.
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -275,6 +277,41 @@ TEST_P(DriftTable, IsPutRightWithinTwoRoundsToldOnceAndCounted) {
 
 INSTANTIATE_TEST_SUITE_P(Rows, DriftTable, ::testing::ValuesIn(kRows),
                          [](const ::testing::TestParamInfo<Row>& row) { return std::string(row.param.name); });
+
+TEST_F(KeeperTest, TheComponentFileIsPutRightToldOnceAndCounted) {
+    const std::string written = ReadValue(file);
+    const std::string aside = file + ".aside";
+    const std::function<void()> disturbances[] = {
+        [&] { ASSERT_EQ(0, unlink(file.c_str())); },
+        [&] { ASSERT_TRUE(WriteText(file, "")); },
+        [&] { ASSERT_TRUE(WriteText(file, "{\"version\": 1, \"enabled\": tr")); },
+        [&] { ASSERT_TRUE(WriteText(file, "{\"version\": 1, \"enabled\": false, \"boot_id\": \"x\"}")); },
+        [&] { ASSERT_EQ(0, chmod(file.c_str(), 0666)); },
+        [&] {
+            ASSERT_EQ(0, rename(file.c_str(), aside.c_str()));
+            ASSERT_EQ(0, symlink(aside.c_str(), file.c_str()));
+        },
+    };
+    uint64_t seen = 0;
+    for (const std::function<void()>& disturb : disturbances) {
+        disturb();
+        Round();
+        EXPECT_EQ(written, ReadValue(file));
+        struct stat info {};
+        ASSERT_EQ(0, lstat(file.c_str(), &info));
+        EXPECT_EQ(static_cast<mode_t>(S_IFREG | 0640), info.st_mode);
+        EXPECT_EQ(++seen, Found(CgroupDriftKind::kFile));
+        if (seen + 1 == zel::cgroup::kContestedRepairs) break;  // from then on it is given time
+    }
+    ASSERT_EQ(1u, news.size()) << "one episode";
+    EXPECT_EQ(file, news[0].path);
+    EXPECT_EQ("not there", news[0].found);
+    EXPECT_THAT(Warnings()[0], ::testing::HasSubstr("component file " + file + " was: not there; written again"));
+    ClearFaults();
+    Round();
+    EXPECT_EQ(seen, Found());
+    unlink(aside.c_str());
+}
 
 TEST_F(KeeperTest, TellsOnceAndSaysContestedWhenItGoesOn) {
     for (size_t i = 0; i < 3 * zel::cgroup::kContestedRepairs; ++i) {
