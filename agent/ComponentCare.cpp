@@ -46,6 +46,14 @@ void ReportEnd(const ComponentEnd& end) {
     body["status"] = end.status;
     body["next_start"] = Json::Int64(now + end.waitSeconds);
     body["budget_exhausted"] = end.exhausted;
+    if (end.oom) {
+        Json::Value& oom = body["oom"] = Json::Value(Json::objectValue);
+        oom["victim"] = end.name;
+        oom["group"] = end.oom->group;
+        oom["limit_of"] = end.oom->limitOf;
+        oom["limit_kb"] = Json::Int64(end.oom->limitKb);
+        oom["path"] = end.oom->path;
+    }
     Deliver(zel::kComponentEndMessage, body.toStyledString());
 }
 
@@ -92,11 +100,11 @@ void ComponentCare::Start(const Options& options, const std::string& program) {
     m_supervisor->Configure(*components);
 }
 
-std::string ComponentCare::ExplainKill(const std::string& name) {
+std::optional<OomKill> ComponentCare::ExplainKill(const std::string& name) {
     zel::CgroupTreeStatus now;
     std::string problem;
-    if (!zel::ReadCgroupTreeStatus(now, problem)) return "";
-    std::string cause = ExplainOomKill(m_oomPicture, now, name);
+    if (!zel::ReadCgroupTreeStatus(now, problem)) return std::nullopt;
+    std::optional<OomKill> cause = ExplainOomKill(m_oomPicture, now, name);
     m_oomPicture = TakeOomPicture(now);
     return cause;
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,7 +44,7 @@ public:
     std::vector<ComponentStatus> Status() const ZEL_EXCLUDES(m_lock);
 
 private:
-    std::string ExplainKill(const std::string& name);
+    std::optional<OomKill> ExplainKill(const std::string& name);
 
     CMonitor& m_monitor;
     ComponentPulses* m_pulses;

@@ -44,27 +44,33 @@ OomPicture TakeOomPicture(const zel::CgroupTreeStatus& tree) {
     return picture;
 }
 
-std::string ExplainOomKill(const OomPicture& before, const zel::CgroupTreeStatus& tree, const std::string& component) {
+std::optional<OomKill> ExplainOomKill(const OomPicture& before, const zel::CgroupTreeStatus& tree,
+                                      const std::string& component) {
     const zel::CgroupNodeStatus* leaf = nullptr;
     const zel::CgroupNodeStatus* group = nullptr;
     const zel::CgroupNodeStatus* parent = nullptr;
     for (const zel::CgroupNodeStatus& node : tree.nodes) {
         if (node.level == zel::CgroupLevel::kComponent && node.name == component) leaf = &node;
     }
-    if (leaf == nullptr || !leaf->memory.present) return "";
-    if (CountersOf(*leaf).kills <= Before(before, *leaf).kills) return "";
+    if (leaf == nullptr || !leaf->memory.present) return std::nullopt;
+    if (CountersOf(*leaf).kills <= Before(before, *leaf).kills) return std::nullopt;
     for (const zel::CgroupNodeStatus& node : tree.nodes) {
         if (node.level == zel::CgroupLevel::kGroup && node.name == leaf->group) group = &node;
         if (node.level == zel::CgroupLevel::kParent) parent = &node;
     }
-    if (RanIntoLimit(before, *leaf)) return "out of memory at its own limit of " + Megabytes(leaf->memory.limit);
+    const auto at = [&](const zel::CgroupNodeStatus& node, const char* whose, const std::string& words) {
+        return OomKill{"out of memory at " + words + Megabytes(node.memory.limit), leaf->group, whose, node.memory.path,
+                       node.memory.limit};
+    };
+    if (RanIntoLimit(before, *leaf)) return at(*leaf, "component", "its own limit of ");
     if (group != nullptr && RanIntoLimit(before, *group)) {
-        return "out of memory at the limit of its group " + group->name + ", " + Megabytes(group->memory.limit);
+        return at(*group, "group", "the limit of its group " + group->name + ", ");
     }
     if (parent != nullptr && RanIntoLimit(before, *parent)) {
-        return "out of memory at the limit of the whole agent, " + Megabytes(parent->memory.limit);
+        return at(*parent, "agent", "the limit of the whole agent, ");
     }
-    return "killed because the host ran out of memory, no limit of the agent was reached";
+    return OomKill{"killed because the host ran out of memory, no limit of the agent was reached", leaf->group, "host",
+                   "", 0};
 }
 
 }  // namespace agent

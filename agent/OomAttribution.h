@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "platform/zel/CgroupTreeStatus.h"
@@ -20,11 +21,20 @@ using OomPicture = std::map<std::string, OomCounters>;
 /// Pure: the counters of every group of the tree.
 OomPicture TakeOomPicture(const zel::CgroupTreeStatus& tree);
 
-/// Pure: what killed a process of `component` between the two looks, as words for an operator; empty when the kernel
-/// counted no kill for it.
+/// One kill for memory.
+struct OomKill {
+    std::string words;    ///< for an operator
+    std::string group;    ///< that the victim's leaf is in
+    std::string limitOf;  ///< "component", "group", "agent" or "host": whose limit was run into
+    std::string path;     ///< of the group with that limit; empty: the host's
+    int64_t limitKb = 0;
+};
+
+/// Pure: what killed a process of `component` between the two looks; nothing when the kernel counted no kill for it.
 /// Kernel: version 2 counts out-of-memory where the limit is ("oom" of memory.events.local); version 1 counts hits of
 /// the limit (failcnt) there. The innermost group that counted is named. A kill that no limit accounts for is the
 /// host's. Source: kernel documentation, admin-guide/cgroup-v2.rst "Memory Interface Files", cgroup-v1/memory.rst 4.
-std::string ExplainOomKill(const OomPicture& before, const zel::CgroupTreeStatus& tree, const std::string& component);
+std::optional<OomKill> ExplainOomKill(const OomPicture& before, const zel::CgroupTreeStatus& tree,
+                                      const std::string& component);
 
 }  // namespace agent

@@ -409,8 +409,8 @@ void Process::Handle(int signal) {
 int Process::LookAround(int64_t second) {
     if (m_sink.SelfKillRequested()) return kExitSelfKill;
     if (!ParentIsThere(m_options.parentPid)) return kExitParentGone;
-    Beat(second);
     if (m_components != nullptr) m_components->Tick(SecondsSinceBoot());
+    Beat(second);
     if (m_components != nullptr) m_keeping.Tick(second, m_components->Members());
     LookAfterLimits(second);
     if (m_limitNews.IsDue(second)) TellLimits();
@@ -439,7 +439,7 @@ void Process::Beat(int64_t second) {
     m_services.GetSamplerFigures(figures);
     m_pulse.Beat(now, figures);
     const bool heard = m_subscriber == nullptr || m_subscriber->Report(FormatBeat(m_pulse.SamplingSilentSeconds(now)));
-    m_nextBeat = second + (heard ? kBeatSeconds : 1);
+    m_nextBeat = second + (heard && m_pulse.HasBegun() ? kBeatSeconds : 1);
 }
 
 // The monitor looks at its groups when the configuration changes; a group can disappear, and a join fail, at any time.

@@ -23,6 +23,7 @@ int64_t SilentFor(int64_t since, int64_t now, int64_t bound) {
 }  // namespace
 
 void OwnPulse::Beat(int64_t now, const zelhost::SamplerFigures& figures) {
+    if (figures.rounds > 0) m_begun.store(true, std::memory_order_relaxed);
     m_beatAt.store(now, std::memory_order_relaxed);
     m_roundBound.store(std::max(kHungSeconds, figures.roundMs * kRoundsBorne / 1000), std::memory_order_relaxed);
     if (figures.rounds == m_rounds && m_roundAt.load(std::memory_order_relaxed) != 0) return;

@@ -28,11 +28,15 @@ public:
     /// The main thread works, and this is what the sampling has done so far.
     void Beat(int64_t now, const zelhost::SamplerFigures& figures);
 
+    /// Whether the main thread has looked around once, and a round was sampled.
+    bool HasBegun() const { return m_begun.load(std::memory_order_relaxed); }
+
     /// Returns: for how long it has done nothing; 0 while that is no longer than it may be.
     int64_t MainSilentSeconds(int64_t now) const;
     int64_t SamplingSilentSeconds(int64_t now) const;
 
 private:
+    std::atomic<bool> m_begun{false};
     std::atomic<int64_t> m_beatAt{0};
     std::atomic<int64_t> m_roundAt{0};
     std::atomic<int64_t> m_roundBound{kHungSeconds};

@@ -47,6 +47,7 @@ StatusReport CollectStatus(const StatusSources& sources) {
     report.pid = getpid();
     report.now = time(nullptr);
     report.uptimeSeconds = sources.startedAt == 0 ? 0 : SecondsSinceBoot() - sources.startedAt;
+    report.starting = !sources.pulse->HasBegun();
     report.mode = LimitMode();
     report.diskFull = sources.monitor->IsDiskFull();
     for (unsigned int priority = 0; priority < 3; ++priority) {

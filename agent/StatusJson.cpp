@@ -82,6 +82,13 @@ void Fields(Io& io, Of<Io, zel::CgroupTreeStatus>& tree) {
 }
 
 template <class Io>
+void Fields(Io& io, Of<Io, zel::CgroupWanted>& wanted) {
+    io("path", wanted.path);
+    io("controller", wanted.controller);
+    io("amount", wanted.amount);
+}
+
+template <class Io>
 void Fields(Io& io, Of<Io, zel::CgroupKeeperStatus>& keeper) {
     io("rounds", keeper.rounds);
     io("last_round_us", keeper.lastRoundUs);
@@ -94,6 +101,7 @@ void Fields(Io& io, Of<Io, zel::CgroupKeeperStatus>& keeper) {
     io("failed", keeper.failed);
     io("last_repaired_at", keeper.lastRepairedAt);
     io("last_repair", keeper.lastRepair);
+    io.List("wanted", keeper.wanted);
     io.List("contested", keeper.contested);
     io.List("not_in_force", keeper.notInForce);
 }
@@ -178,6 +186,7 @@ void Fields(Io& io, Of<Io, StatusReport>& report) {
     io("pid", report.pid);
     io("time", report.now);
     io("uptime_seconds", report.uptimeSeconds);
+    io("starting", report.starting);
     io("mode", report.mode);
     io("unified", report.unified);
     io("mode_in_force", report.modeInForce);

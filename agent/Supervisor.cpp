@@ -222,8 +222,8 @@ void Supervisor::NoteEnd(Component& component, int status, int64_t now) {
     end.status = status;
     end.reason = DescribeEnd(status);
     if (m_explainKill && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) {
-        std::string cause = m_explainKill(component.config.name);
-        if (!cause.empty()) end.reason += ", " + cause;
+        end.oom = m_explainKill(component.config.name);
+        if (end.oom) end.reason += ", " + end.oom->words;
     }
     if (m_clean) m_clean(component.config.name);
     if (component.output) component.output->Close(now);

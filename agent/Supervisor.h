@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "AgentRecords.h"
 #include "ComponentOutput.h"
 #include "ComponentsConfig.h"
+#include "OomAttribution.h"
 #include "RestartBudget.h"
 #include "base/Fd.h"
 #include "base/Result.h"
@@ -29,6 +31,7 @@ struct ComponentEnd {
     std::string reason;
     int64_t waitSeconds = 0;  ///< until it is started again
     bool exhausted = false;
+    std::optional<OomKill> oom;  ///< when it was killed for memory
 };
 
 /// Thread-safety: one thread. Lifetime: StopAll before destruction.
@@ -44,8 +47,8 @@ public:
     using Placement = std::function<base::Result<std::vector<std::string>>(const ComponentConfig& component)>;
     void SetPlacement(Placement placement) { m_placement = std::move(placement); }
 
-    /// Asked when a component was killed by signal 9: words on what ran out of memory, empty when nothing did.
-    void SetKillExplanation(std::function<std::string(const std::string& name)> explain) {
+    /// Asked when a component was killed by signal 9: what ran out of memory, if anything did.
+    void SetKillExplanation(std::function<std::optional<OomKill>(const std::string& name)> explain) {
         m_explainKill = std::move(explain);
     }
 
@@ -101,7 +104,7 @@ private:
     std::string m_budgetPath;
     std::function<void(const ComponentEnd&)> m_onEnd;
     Placement m_placement;
-    std::function<std::string(const std::string&)> m_explainKill;
+    std::function<std::optional<OomKill>(const std::string&)> m_explainKill;
     std::function<void(const std::string&)> m_clean;
     RestartBudget m_budget;
     std::vector<Component> m_components;

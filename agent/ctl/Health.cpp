@@ -12,6 +12,8 @@ using Troubles = std::vector<Trouble>;
 
 /// A component joins its groups in its first moments.
 constexpr int64_t kSettledSeconds = 5;
+constexpr char kStarting[] = "it is starting: its components and its own use have not been looked at yet";
+constexpr char kKept[] = "it is put back within seconds; where it does not stay, the log names who changes it";
 constexpr char kMoved[] = "something else moved it, or it could not join: its log says so; restart it";
 
 void FindMissingLimit(const char* name, const zel::CgroupControllerStatus& controller, Troubles& found) {
@@ -28,9 +30,51 @@ void FindLimits(const StatusReport& report, Troubles& found) {
         found.push_back({report.modeReason, "the log says why; reload tries again"});
 }
 
+/// "the whole agent", "group main", "component QorNet".
+std::string NameOf(const zel::CgroupNodeStatus& node) {
+    switch (node.level) {
+        case zel::CgroupLevel::kGroup: return "group " + node.name;
+        case zel::CgroupLevel::kComponent: return "component " + node.name;
+        case zel::CgroupLevel::kParent: break;
+    }
+    return "the whole agent";
+}
+
+std::string AmountText(bool cpu, int amount) {
+    if (amount <= 0) return "none";
+    return cpu ? Text("%.2f %%", amount / 100.0) : Text("%d KB", amount);
+}
+
+/// Each limit of each group, as it was asked for, against what the kernel shows now.
+void FindOtherLimits(const StatusReport& report, Troubles& found) {
+    for (const zel::CgroupWanted& wanted : report.keeper.wanted) {
+        const bool cpu = wanted.controller == "cpu";
+        const zel::CgroupNodeStatus* node = nullptr;
+        for (const zel::CgroupNodeStatus& each : report.tree.nodes) {
+            if ((cpu ? each.cpu : each.memory).path == wanted.path) node = &each;
+        }
+        const std::string what = cpu ? "CPU limit" : "memory limit";
+        if (node == nullptr) {
+            if (wanted.amount > 0) found.push_back({"the group " + wanted.path + " is gone, and its " + what, kKept});
+            continue;
+        }
+        const int now = (cpu ? node->cpu : node->memory).limit;
+        if (now == wanted.amount) continue;
+        const std::string asked = ", asked for is " + AmountText(cpu, wanted.amount);
+        const std::string who = "the " + what + " of " + NameOf(*node) + " is ";
+        found.push_back({now <= 0 ? who + "gone from " + wanted.path + asked
+                                  : who + AmountText(cpu, now) + asked + " (" + wanted.path + ")",
+                         kKept});
+    }
+    for (const std::string& thing : report.keeper.contested) {
+        found.push_back({"another program wants " + thing + " otherwise", "find that program and end or change it"});
+    }
+}
+
 /// The whole agent's limit stands at the top of the tree; each group below has one of its own or none.
 void FindLiftedLimits(const StatusReport& report, Troubles& found) {
-    if (!report.unified) return;
+    // As soon as the limits were looked at, each is compared with its own.
+    if (!report.unified || !report.keeper.wanted.empty()) return;
     const char kRemedy[] = "somebody lifted it: find out who, then change max_cpu or max_memory, or restart the agent";
     for (const zel::CgroupNodeStatus& node : report.tree.nodes) {
         if (node.level != zel::CgroupLevel::kParent) continue;
@@ -120,8 +164,10 @@ void FindDelivery(const StatusReport& report, Troubles& found) {
 
 std::vector<Trouble> FindTrouble(const StatusReport& report) {
     Troubles found;
+    if (report.starting) found.push_back({kStarting, "wait a few seconds"});
     FindLimits(report, found);
     FindLiftedLimits(report, found);
+    if (report.unified) FindOtherLimits(report, found);
     FindComponents(report, found);
     FindOwn(report, found);
     FindDelivery(report, found);
@@ -131,7 +177,8 @@ std::vector<Trouble> FindTrouble(const StatusReport& report) {
 std::string HealthLine(const StatusReport& report) {
     const Troubles found = FindTrouble(report);
     if (found.empty()) return "OK: " + report.process + ", " + report.modeReason;
-    std::string line = "DEGRADED: " + report.process;
+    const bool onlyStarts = found.size() == 1 && report.starting;
+    std::string line = (onlyStarts ? "STARTING: " : "DEGRADED: ") + report.process;
     for (size_t i = 0; i < found.size(); ++i) line += (i == 0 ? ", " : "; ") + found[i].what;
     return line;
 }

@@ -17,7 +17,7 @@ struct Trouble {
 /// component that died and runs again, is none. Pure.
 std::vector<Trouble> FindTrouble(const StatusReport& report);
 
-/// One line for a monitoring system: "OK: ..." or "DEGRADED: ...". Pure.
+/// One line for a monitoring system: "OK: ...", "STARTING: ..." or "DEGRADED: ...". Pure.
 std::string HealthLine(const StatusReport& report);
 
 }  // namespace agent

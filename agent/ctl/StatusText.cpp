@@ -44,6 +44,12 @@ std::string Count(int64_t value) {
     return value < 0 ? "unknown" : std::to_string(value);
 }
 
+/// For how many of its periods a group was held back.
+std::string HeldBack(int64_t throttled, int64_t periods) {
+    if (periods < 0) return "an unknown number of periods";
+    return Text("%lld of %lld periods", static_cast<long long>(throttled), static_cast<long long>(periods));
+}
+
 int DepthOf(const zel::CgroupNodeStatus& node) {
     return node.level == zel::CgroupLevel::kParent ? 0 : node.level == zel::CgroupLevel::kGroup ? 1 : 2;
 }
@@ -87,10 +93,10 @@ void AddOwnGroup(Lines& lines, const StatusReport& report) {
     const zel::CgroupCpuStatus& cpu = report.cgroup.cpu;
     const zel::CgroupMemStatus& memory = report.cgroup.mem;
     if (cpu.limited) {
-        Add(lines,
-            Text("cpu     limit %s in %s; throttled %lld of %lld periods, %.1f s", Percent(cpu.limit100Times).c_str(),
-                 cpu.limitPath.c_str(), static_cast<long long>(cpu.throttledPeriods),
-                 static_cast<long long>(cpu.periods), SecondsOfUs(cpu.throttledUs)));
+        Add(lines, Text("cpu     limit %s in %s; throttled %s", Percent(cpu.limit100Times).c_str(),
+                        cpu.limitPath.c_str(), HeldBack(cpu.throttledPeriods, cpu.periods).c_str()) +
+                       (cpu.throttledUs < 0 ? ", the kernel keeps no throttling counters"
+                                            : Text(", %.1f s", SecondsOfUs(cpu.throttledUs))));
     } else {
         Add(lines, NoLimit("cpu    ", cpu));
     }
@@ -121,9 +127,10 @@ std::string TableRow(const zel::CgroupNodeStatus& node, const CpuShares& shares,
     const std::string cpu = UseOf(shareKnown ? static_cast<double>(share->second) / 100 : 0, shareKnown,
                                   static_cast<double>(node.cpu.limit) / 100, " %", 2, wide);
     const std::string throttled =
-        node.cpu.present ? Text("%lld/%lld %.1fs", static_cast<long long>(node.cpu.throttledPeriods),
-                                static_cast<long long>(node.cpu.periods), SecondsOfUs(node.cpu.throttledUs))
-                         : "-";
+        !node.cpu.present      ? "-"
+        : node.cpu.periods < 0 ? "not counted"
+                               : Text("%lld/%lld %.1fs", static_cast<long long>(node.cpu.throttledPeriods),
+                                      static_cast<long long>(node.cpu.periods), SecondsOfUs(node.cpu.throttledUs));
     const std::string memory =
         UseOf(MbOfKb(node.memory.used), node.memory.used >= 0, MbOfKb(node.memory.limit), " MB", 1, wide);
     const char* member = node.level != zel::CgroupLevel::kComponent ? ""
@@ -309,18 +316,14 @@ std::vector<TextLine> MakeSummary(const StatusReport& report) {
     for (const zel::CgroupNodeStatus& node : report.tree.nodes) {
         if (!report.unified || node.cpu.used < 0) continue;
         Add(lines,
-            Text("%*s%-22s %6.2f %% of one CPU on average, quota %s, held back in %lld of %lld periods, %lld "
-                 "killed",
+            Text("%*s%-22s %6.2f %% of one CPU on average, quota %s, held back in %s, %lld killed",
                  2 + 2 * DepthOf(node), "", node.name.c_str(), static_cast<double>(node.cpu.used) / 1e4 / seconds,
                  node.cpu.limit > 0 ? Percent(node.cpu.limit).c_str() : "none",
-                 static_cast<long long>(node.cpu.throttledPeriods), static_cast<long long>(node.cpu.periods),
-                 AtLeastZero(node.memory.oomKills)));
+                 HeldBack(node.cpu.throttledPeriods, node.cpu.periods).c_str(), AtLeastZero(node.memory.oomKills)));
     }
     if (!report.unified && report.cgroup.cpu.limited) {
-        Add(lines,
-            Text("  limit %s, held back in %lld of %lld periods", Percent(report.cgroup.cpu.limit100Times).c_str(),
-                 static_cast<long long>(report.cgroup.cpu.throttledPeriods),
-                 static_cast<long long>(report.cgroup.cpu.periods)));
+        Add(lines, Text("  limit %s, held back in %s", Percent(report.cgroup.cpu.limit100Times).c_str(),
+                        HeldBack(report.cgroup.cpu.throttledPeriods, report.cgroup.cpu.periods).c_str()));
     }
     for (const ComponentStatus& component : report.components) {
         if (component.restarts != 0) Add(lines, "  " + EndsOf(component));

@@ -57,6 +57,19 @@ std::string JudgeFile(const Publication& published) {
     return file ? "changed by somebody else" : file.GetError().Text();
 }
 
+// The manager of this process, for who looks after its tree; and what the rounds have found, for who asks.
+base::Mutex g_currentLock;
+const void* g_current ZEL_GUARDED_BY(g_currentLock) = nullptr;
+std::function<bool(const std::vector<CgroupMember>&, std::vector<CgroupDrift>&)> g_keep ZEL_GUARDED_BY(g_currentLock);
+base::Mutex g_statusLock;
+CgroupKeeperStatus g_status ZEL_GUARDED_BY(g_statusLock);
+
+/// A status that is asked for between a change and the next look compares nothing.
+void ForgetWanted() {
+    const base::MutexLock lock(g_statusLock);
+    g_status.wanted.clear();
+}
+
 bool AreSameGroups(const GroupTargets& a, const GroupTargets& b) {
     const auto same = [](const Amounts& one, const Amounts& other) {
         return one.cpu == other.cpu && one.memory == other.memory;
@@ -74,13 +87,6 @@ int64_t ClockUs(clockid_t clock) {
     clock_gettime(clock, &now);
     return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
-
-// The manager of this process, for who looks after its tree; and what the rounds have found, for who asks.
-base::Mutex g_currentLock;
-const void* g_current ZEL_GUARDED_BY(g_currentLock) = nullptr;
-std::function<bool(const std::vector<CgroupMember>&, std::vector<CgroupDrift>&)> g_keep ZEL_GUARDED_BY(g_currentLock);
-base::Mutex g_statusLock;
-CgroupKeeperStatus g_status ZEL_GUARDED_BY(g_statusLock);
 
 }  // namespace
 
@@ -140,6 +146,7 @@ bool CCgroupManager::Impl::Reconcile(const Flags& wanted, const CgroupTotalLimit
     if (branches.of.cpu && branches.of.cpu->placement) next.outer = branches.of.cpu->placement->outer;
     targets = std::move(next);
     published.valid = false;
+    ForgetWanted();
     keeper.ForgetGroups();
     for (const Controller controller : kAllControllers) {
         if (wanted[controller] && !branches.of[controller]) problems.push_back(branches.errors[controller]);
@@ -197,6 +204,7 @@ bool CCgroupManager::Impl::RemovePid(int pid) {
         // The way out of the unified mode: until it is published anew there is nothing to put back.
         mainInside = false;
         published.valid = false;
+        ForgetWanted();
     }
     for (const std::shared_ptr<Branch>& branch : branches.all) {
         if (!branch->placement) continue;
@@ -220,6 +228,7 @@ bool CCgroupManager::Impl::WriteConfig(const std::string& path, const std::vecto
     if (!leaves) return Fail(__LINE__, leaves.GetError());
     ObserveOom();
     targets.leaves = std::move(*leaves);
+    ForgetWanted();
     published = {path, quotas, parent, targets, true, base::ReadFileMark(path)};
     keeper.ForgetGroups();
     Sweep();
@@ -407,6 +416,7 @@ bool CCgroupManager::WriteComponentConfig(const std::string& path, const std::ve
 bool CCgroupManager::WriteDisabledConfig(const std::string& path) {
     const base::MutexLock lock(m_impl->mutex);
     m_impl->published.valid = false;
+    ForgetWanted();
     Status written = PublishDisabled(path);
     if (written) return true;
     Fail(__LINE__, written.GetError());

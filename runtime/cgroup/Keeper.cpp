@@ -295,7 +295,13 @@ void Keeper::Round::KeepLimits(const OpenTreeFacts& tree, Controller controller,
     if (tree.dirs.empty()) return;
     const LimitPlan plan = PlanLimits(*m_in.targets, tree.facts, controller);
     for (const Error& error : plan.problems) m_status.notInForce.push_back(error.Text());
+    for (const GroupFacts& node : tree.facts.nodes) {
+        m_status.wanted.push_back(
+            {node.path, ControllerName(controller), AmountOf(controller, node.limits[controller].limit)});
+    }
+    const size_t first = m_status.wanted.size() - tree.facts.nodes.size();
     for (const LimitStep& step : plan.steps) {
+        m_status.wanted[first + step.node].amount = AmountOf(controller, step.wanted);
         const GroupFacts& node = tree.facts.nodes[step.node];
         CgroupDrift drift;
         drift.group = node.group;
@@ -490,6 +496,7 @@ void Keeper::Round::Postpone(const CgroupDrift& drift) {
 
 std::vector<CgroupDrift> Keeper::Run(const KeeperRound& in, CgroupKeeperStatus& status) {
     status.notInForce.clear();
+    status.wanted.clear();
     status.lastGroups = 0;
     std::vector<CgroupDrift> news = Round(*this, in, status).Run();
     for (std::string& thing : m_ledger.EndQuiet(in.nowMs)) m_ended.push_back(std::move(thing));

@@ -199,14 +199,15 @@ Result<CpuCounters> ReadCpuCounters(const GroupDir& group) {
     if (!text) return text.GetError();
     const std::map<std::string, int64_t> values = ParseFlatKeyed(*text);
     CpuCounters out;
-    out.periods = ValueOr(values, "nr_periods", 0);
-    out.throttledPeriods = ValueOr(values, "nr_throttled", 0);
+    out.periods = ValueOr(values, "nr_periods", -1);
+    out.throttledPeriods = ValueOr(values, "nr_throttled", -1);
     if (group.GetVersion() == Version::kV2) {
-        out.throttledUs = ValueOr(values, "throttled_usec", 0);
+        out.throttledUs = ValueOr(values, "throttled_usec", -1);
         out.usageUs = ValueOr(values, "usage_usec", -1);
         return out;
     }
-    out.throttledUs = ValueOr(values, "throttled_time", 0) / 1000;
+    const int64_t throttledNs = ValueOr(values, "throttled_time", -1);
+    out.throttledUs = throttledNs < 0 ? -1 : throttledNs / 1000;
     if (group.HasFile(v1::kCpuacctUsageNs)) {
         Result<int64_t> usage = group.ReadNumber(v1::kCpuacctUsageNs);
         if (usage) out.usageUs = *usage / 1000;

@@ -31,9 +31,9 @@ Status ApplyLimit(Controller controller, const GroupDir& group, const Limit& lim
 
 /// Counters of cpu.stat. Version 1 has no usage there: it is read from cpuacct.usage when co-mounted, else -1.
 struct CpuCounters {
-    int64_t periods = 0;
-    int64_t throttledPeriods = 0;
-    int64_t throttledUs = 0;
+    int64_t periods = -1;  ///< this and the next two: -1 where the kernel does not count them
+    int64_t throttledPeriods = -1;
+    int64_t throttledUs = -1;
     int64_t usageUs = -1;
 };
 Result<CpuCounters> ReadCpuCounters(const GroupDir& group);

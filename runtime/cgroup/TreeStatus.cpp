@@ -158,6 +158,20 @@ void VerifyMembership(std::vector<Found*>& leaves) {
     }
 }
 
+/// Version 1 counts a victim in its own group only; version 2 in every group above too, and so does the status.
+void AddVictimsBelow(std::map<NodeKey, Found>& found) {
+    const auto add = [](const CgroupUse& from, CgroupUse& to) {
+        if (!from.present || from.v2 || !to.present || from.oomKills < 0) return;
+        to.oomKills = std::max<int64_t>(0, to.oomKills) + from.oomKills;
+    };
+    for (auto& [key, node] : found) {
+        if (node.status.level == CgroupLevel::kComponent) add(node.status.memory, found[{key.first, {}}].status.memory);
+    }
+    for (auto& [key, node] : found) {
+        if (node.status.level == CgroupLevel::kGroup) add(node.status.memory, found[{}].status.memory);
+    }
+}
+
 }  // namespace
 
 std::string UndelegatedService() {
@@ -186,6 +200,7 @@ bool ReadCgroupTreeStatus(CgroupTreeStatus& out, std::string& error) {
         if (node.status.level == CgroupLevel::kComponent) leaves.push_back(&node);
     }
     VerifyMembership(leaves);
+    AddVictimsBelow(found);
     // Sorted by group, then component: the map's order, with the parent's empty key first.
     for (auto& [key, node] : found) status.nodes.push_back(node.status);
     status.present = !status.nodes.empty();

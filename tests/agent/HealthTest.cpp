@@ -45,7 +45,45 @@ StatusReport Healthy() {
     return report;
 }
 
+/// The report's one group, made when it is first asked for.
+zel::CgroupNodeStatus& Group(StatusReport& report) {
+    for (zel::CgroupNodeStatus& node : report.tree.nodes) {
+        if (node.level == zel::CgroupLevel::kGroup) return node;
+    }
+    zel::CgroupNodeStatus group;
+    group.level = zel::CgroupLevel::kGroup;
+    group.name = "collect-defense";
+    group.cpu.path = "/cpu/collect-defense";
+    group.memory.path = "/memory/collect-defense";
+    report.tree.nodes.push_back(group);
+    return report.tree.nodes.back();
+}
+
+void Want(StatusReport& report, const char* controller, int amount) {
+    const zel::CgroupNodeStatus& group = Group(report);
+    const bool cpu = controller == std::string("cpu");
+    report.keeper.wanted = {{cpu ? group.cpu.path : group.memory.path, controller, amount}};
+}
+
 }  // namespace
+
+TEST(HealthTest, WhatIsAsItWasAskedForIsNoFinding) {
+    StatusReport report = Healthy();
+    Want(report, "cpu", 560);
+    Group(report).cpu.limit = 560;
+    EXPECT_THAT(FindTrouble(report), IsEmpty());
+    Want(report, "memory", 0);
+    EXPECT_THAT(FindTrouble(report), IsEmpty());
+}
+
+TEST(HealthTest, OneThatStartsIsNotHealthyYet) {
+    StatusReport report = Healthy();
+    report.starting = true;
+    ASSERT_EQ(1u, FindTrouble(report).size());
+    EXPECT_THAT(HealthLine(report), testing::StartsWith("STARTING: tervane, it is starting"));
+    report.diskFull = true;
+    EXPECT_THAT(HealthLine(report), testing::StartsWith("DEGRADED: tervane, "));
+}
 
 TEST(HealthTest, AHealthyReportHasNoFinding) {
     EXPECT_THAT(FindTrouble(Healthy()), IsEmpty());
@@ -99,6 +137,18 @@ TEST(HealthTest, EachThingThatIsNotAsAskedForIsOneFinding) {
              r.tree.nodes[0].memory.present = true;
          },
          "the memory limit of the whole agent is gone"},
+        {[](StatusReport& r) { Want(r, "cpu", 560), Group(r).cpu.limit = 1200; },
+         "the CPU limit of group collect-defense is 12.00 %, asked for is 5.60 % (/cpu/collect-defense)"},
+        {[](StatusReport& r) { Want(r, "memory", 20480), Group(r).memory.limit = 0; },
+         "the memory limit of group collect-defense is gone from /memory/collect-defense, asked for is 20480 KB"},
+        {[](StatusReport& r) { Want(r, "cpu", 0), Group(r).cpu.limit = 100; },
+         "the CPU limit of group collect-defense is 1.00 %, asked for is none"},
+        {[](StatusReport& r) {
+             r.keeper.wanted = {{"/cpu/gone", "cpu", 100}};
+         },
+         "the group /cpu/gone is gone"},
+        {[](StatusReport& r) { r.keeper.contested = {"cpu_quota of /x"}; },
+         "another program wants cpu_quota of /x otherwise"},
         {[](StatusReport& r) { r.samplerRuns = false; }, "the sampling of its own use does not run"},
         {[](StatusReport& r) { r.sampler.cpuLevel = 2, r.sampler.maxCpu = 10; },
          "its CPU use is over its maximum of 10 %"},

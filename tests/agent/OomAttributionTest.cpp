@@ -48,16 +48,24 @@ TEST_P(OomAttributionTest, NamesTheInnermostLimitThatWasReached) {
     struct Case {
         int limit;  // index of the node whose limit was reached, -1: none
         const char* words;
+        const char* limitOf;
     };
-    for (const Case& c : {Case{4, "out of memory at its own limit of 20 MB"},
-                          Case{3, "out of memory at the limit of its group collect, 20 MB"},
-                          Case{0, "out of memory at the limit of the whole agent, 20 MB"},
-                          Case{-1, "killed because the host ran out of memory, no limit of the agent was reached"}}) {
+    for (const Case& c :
+         {Case{4, "out of memory at its own limit of 20 MB", "component"},
+          Case{3, "out of memory at the limit of its group collect, 20 MB", "group"},
+          Case{0, "out of memory at the limit of the whole agent, 20 MB", "agent"},
+          Case{-1, "killed because the host ran out of memory, no limit of the agent was reached", "host"}}) {
         zel::CgroupTreeStatus tree = Tree(GetParam());
         OomPicture before = TakeOomPicture(tree);
         ++tree.nodes[4].memory.oomKills;
         if (c.limit >= 0) Hit(tree.nodes[static_cast<size_t>(c.limit)]);
-        EXPECT_EQ(c.words, ExplainOomKill(before, tree, "Net"));
+        const std::optional<OomKill> kill = ExplainOomKill(before, tree, "Net");
+        ASSERT_TRUE(kill);
+        EXPECT_EQ(c.words, kill->words);
+        EXPECT_EQ("collect", kill->group);
+        EXPECT_EQ(c.limitOf, kill->limitOf);
+        EXPECT_EQ(c.limit < 0 ? 0 : 20480, kill->limitKb);
+        EXPECT_EQ(c.limit < 0 ? "" : tree.nodes[static_cast<size_t>(c.limit)].memory.path, kill->path);
     }
 }
 
@@ -65,10 +73,10 @@ TEST_P(OomAttributionTest, SaysNothingWhereTheKernelCountedNoKill) {
     zel::CgroupTreeStatus tree = Tree(GetParam());
     OomPicture before = TakeOomPicture(tree);
     Hit(tree.nodes[4]);  // reclaim at the limit, nobody died of it
-    EXPECT_EQ("", ExplainOomKill(before, tree, "Net"));
+    EXPECT_FALSE(ExplainOomKill(before, tree, "Net"));
     ++tree.nodes[2].memory.oomKills;
-    EXPECT_EQ("", ExplainOomKill(before, tree, "Net"));
-    EXPECT_EQ("", ExplainOomKill(before, tree, "Unknown"));
+    EXPECT_FALSE(ExplainOomKill(before, tree, "Net"));
+    EXPECT_FALSE(ExplainOomKill(before, tree, "Unknown"));
 }
 
 TEST_P(OomAttributionTest, AnotherGroupsLimitIsNotBlamed) {
@@ -77,7 +85,7 @@ TEST_P(OomAttributionTest, AnotherGroupsLimitIsNotBlamed) {
     ++tree.nodes[4].memory.oomKills;
     Hit(tree.nodes[1]);
     EXPECT_EQ("killed because the host ran out of memory, no limit of the agent was reached",
-              ExplainOomKill(before, tree, "Net"));
+              ExplainOomKill(before, tree, "Net").value_or(OomKill()).words);
 }
 
 INSTANTIATE_TEST_SUITE_P(BothVersions, OomAttributionTest, ::testing::Bool());

@@ -105,9 +105,13 @@ TEST(OwnPulseTest, EachHalfIsJudgedByItself) {
     zelhost::SamplerFigures figures;
     figures.roundMs = 1000;
     EXPECT_EQ(0, pulse.MainSilentSeconds(500)) << "before the first beat";
+    EXPECT_FALSE(pulse.HasBegun());
+    pulse.Beat(999, figures);
+    EXPECT_FALSE(pulse.HasBegun()) << "nothing was sampled";
     for (int64_t now = 1000; now <= 1100; now += kBeatSeconds) {
         ++figures.rounds;
         pulse.Beat(now, figures);
+        EXPECT_TRUE(pulse.HasBegun());
         EXPECT_EQ(0, pulse.SamplingSilentSeconds(now));
     }
     for (int64_t now = 1105; now < 1120; now += kBeatSeconds) pulse.Beat(now, figures);

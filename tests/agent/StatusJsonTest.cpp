@@ -38,6 +38,7 @@ StatusReport FullReport() {
     report.pid = 4711;
     report.now = 1700000000;
     report.uptimeSeconds = 77;
+    report.starting = true;
     report.mode = 13;
     report.unified = true;
     report.modeInForce = 5;
@@ -110,6 +111,7 @@ StatusReport FullReport() {
     report.keeper.failed = 9;
     report.keeper.lastRepairedAt = 1700000001;
     report.keeper.lastRepair = "CPU quota";
+    report.keeper.wanted = {{"/cpu/f", "cpu", 560}};
     report.keeper.contested = {"swap of /e"};
     report.keeper.notInForce = {"group /f"};
     report.lastEvents = {"one", "two"};

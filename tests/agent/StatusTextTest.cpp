@@ -127,6 +127,7 @@ TEST(StatusTextTest, WithoutATreeTheOwnLimitIsSaid) {
     StatusReport report = Report();
     report.unified = false;
     report.tree = {};
+    report.cgroup.cpu.periods = report.cgroup.cpu.throttledPeriods = report.cgroup.cpu.throttledUs = 0;
     report.cgroup.cpu.limited = true;
     report.cgroup.cpu.limit100Times = 1500;
     report.cgroup.cpu.limitPath = "/cpu/legacy";
@@ -158,6 +159,21 @@ TEST(StatusTextTest, ComponentsAreNamedWhenTheyAreInTrouble) {
     EXPECT_NE(nullptr, Find(MakePicture(report, {}, {}), "QorNet runs, process 77, hung for 23 s: it does nothing"));
     report.components[1].restarts = 0;
     EXPECT_NE(nullptr, Find(MakePicture(report, {}, all), "QorHips does not run, next start in 7 s"));
+}
+
+TEST(StatusTextTest, CountersThatTheKernelDoesNotKeepAreNoZero) {
+    StatusReport report = Report();
+    report.cgroup.cpu.limited = true;
+    report.cgroup.cpu.periods = report.cgroup.cpu.throttledPeriods = report.cgroup.cpu.throttledUs = -1;
+    for (zel::CgroupNodeStatus& node : report.tree.nodes) {
+        node.cpu.periods = node.cpu.throttledPeriods = node.cpu.throttledUs = -1;
+    }
+    const std::string text = JoinLines(MakePicture(report, {}, {})) + JoinLines(MakeSummary(report));
+    EXPECT_NE(std::string::npos, text.find("the kernel keeps no throttling counters")) << text;
+    EXPECT_NE(std::string::npos, text.find("not counted")) << text;
+    EXPECT_NE(std::string::npos, text.find("held back in an unknown number of periods")) << text;
+    for (const char* invented : {"-1", "0/0", "0 of 0 periods"})
+        EXPECT_EQ(std::string::npos, text.find(invented)) << text;
 }
 
 TEST(StatusTextTest, WhatIsNotKnownIsNoNumber) {

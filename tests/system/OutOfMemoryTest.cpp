@@ -95,6 +95,51 @@ TEST_F(OutOfMemoryTest, HogIsReportedOnceThoughKilledAgain) {
     ExpectNothingLeft();
 }
 
+TEST_F(OutOfMemoryTest, EachKillIsOneEventWithVictimAndItsLimit) {
+    WriteComponents("{\"name\": \"QorHips\", \"group\": \"collect-defense\", \"load\": \"hog:128\"}");
+    Child agent = StartRunningAgent();
+    const std::string control = Group(kOtherLeaf) + "/memory.oom_control";
+    const auto ends = [&] {
+        std::vector<Json::Value> found;
+        for (const Json::Value& event : Events()) {
+            Json::Value body;
+            if (event["type"].asString() == "T_MSG_COMPONENT_END" && ParseJson(event["body"].asString(), body)) {
+                found.push_back(body);
+            }
+        }
+        return found;
+    };
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return ends().size() >= 2; })) << Log();
+    // The view agrees with the events: what died in a leaf died in its group and in the agent.
+    Json::Value status;
+    int64_t kernel = -1;
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] {
+        kernel = ReadField(control, "oom_kill");
+        status = Status();
+        return ReadField(control, "oom_kill") == kernel && !status["tree"]["nodes"].empty();
+    }));
+    int seen = 0;
+    for (const Json::Value& node : status["tree"]["nodes"]) {
+        const std::string name = node["name"].asString();
+        if (name != Tree() && name != "collect-defense" && name != "QorHips") continue;
+        EXPECT_EQ(node["memory"]["oom_kills"].asInt64(), kernel) << name;
+        ++seen;
+    }
+    EXPECT_EQ(seen, 3);
+    EXPECT_EQ(agent.Stop(), 0);
+    const std::vector<Json::Value> all = ends();
+    EXPECT_GE(static_cast<int64_t>(all.size()), kernel);
+    for (const Json::Value& end : all) {
+        EXPECT_EQ(end["oom"]["victim"].asString(), "QorHips");
+        EXPECT_EQ(end["oom"]["group"].asString(), "collect-defense");
+        EXPECT_EQ(end["oom"]["limit_of"].asString(), "component");
+        EXPECT_EQ(end["oom"]["path"].asString(), Group(kOtherLeaf));
+        EXPECT_EQ(end["oom"]["limit_kb"].asInt64(), 30720) << "as the table says for it";
+        EXPECT_NE(end["reason"].asString().find("out of memory at its own limit of 30 MB"), std::string::npos);
+    }
+    ExpectNothingLeft();
+}
+
 TEST_F(OutOfMemoryTest, KillInMainGroupIsReportedNotAgainOnRestart) {
     Child agent = StartRunningAgent();
     KillOneIn(kMainLeaf);

@@ -19,6 +19,8 @@ namespace {
 constexpr int64_t kNoMemoryLimit = int64_t{1} << 62;
 constexpr int64_t kPage = 4096;
 
+constexpr int kQuietSeconds = 70;
+
 class UnifiedModeTest : public AgentOnV1Test {
 protected:
     void SetUp() override {
@@ -125,6 +127,30 @@ TEST_F(UnifiedModeTest, ComponentsSitInLeavesAndFollowNewMaxima) {
     EXPECT_EQ(verified, 6);
     EXPECT_EQ(agent.Stop(), 0);
     EXPECT_FALSE(LogHas(") has ended")) << "a stop that was asked for is no news";
+    ExpectNothingLeft();
+}
+
+TEST_F(UnifiedModeTest, AnIdleAgentOfTheSampleSaysNothing) {
+    for (const char* name : {"resource_config", "components.json", "online_config.json"}) {
+        WriteConf(name, ReadText(std::string(ZEL_SAMPLE_DIR) + "/" + name));
+    }
+    Child agent = StartRunningAgent();
+    ASSERT_TRUE(Poll(kStartSeconds, [&] { return ComponentPid("QorWebGuard") > 0; }));
+    // A minute has to be whole before use over a minute is judged.
+    SleepMs(kQuietSeconds * 1000);
+    EXPECT_EQ(agent.Stop(), 0);
+    for (const char* name : {"tervane", "TervaneMonitor", "TervaneUpdate", "QorHips", "QorNet", "QorWebGuard"}) {
+        std::istringstream lines(Log(name));
+        std::string line;
+        int count = 0;
+        while (std::getline(lines, line)) {
+            ++count;
+            for (const char* loud : {" warning ", " error ", "watched process"}) {
+                EXPECT_EQ(line.find(loud), std::string::npos) << line;
+            }
+        }
+        EXPECT_GT(count, 0) << name;
+    }
     ExpectNothingLeft();
 }
 

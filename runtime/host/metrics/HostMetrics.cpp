@@ -44,7 +44,8 @@ bool HasFigures(const zel::CgroupControllerStatus& status) {
 }
 
 void AddCpuGroup(const zel::CgroupCpuStatus& cpu, Adder& add) {
-    if (!HasFigures(cpu)) return;
+    // A kernel that does not count gives no sample: 0 would say that nobody was held back.
+    if (!HasFigures(cpu) || cpu.throttledPeriods < 0) return;
     add.Counter("zel_cgroup_cpu_throttled_periods_total",
                 std::string("Periods in which the group was throttled.") + kWhoseGroup, cpu.throttledPeriods);
     add.Counter("zel_cgroup_cpu_throttled_seconds_total",

@@ -51,6 +51,13 @@ struct CgroupMember {
     int pid = 0;
 };
 
+/// A limit as it was asked for.
+struct CgroupWanted {
+    std::string path;  ///< of the group
+    std::string controller;
+    int amount = 0;  ///< hundredths of a percent of one CPU, or KB, as the kernel rounds it; 0: none
+};
+
 /// The rounds so far.
 struct CgroupKeeperStatus {
     uint64_t rounds = 0;
@@ -61,6 +68,7 @@ struct CgroupKeeperStatus {
     uint64_t failed = 0;                                     ///< those of them that could not be repaired
     int64_t lastRepairedAt = 0;                              ///< seconds since the epoch; 0: never
     std::string lastRepair;                                  ///< in words
+    std::vector<CgroupWanted> wanted;     ///< limits of the last round; empty from a change to the next round
     std::vector<std::string> contested;   ///< what another program wants otherwise, as of the last round
     std::vector<std::string> notInForce;  ///< what the last round could not or did not yet repair, in words
 };

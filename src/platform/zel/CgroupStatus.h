@@ -24,9 +24,10 @@ struct CgroupCpuStatus : CgroupControllerStatus {
     int limit100Times = 0;  ///< hundredths of a percent of one CPU; 0: no limit
     int64_t quotaUs = -1;   ///< -1: no limit
     int64_t periodUs = 0;
-    int64_t periods = 0;  ///< counters of the limiting group, of the own group when there is none
-    int64_t throttledPeriods = 0;
-    int64_t throttledUs = 0;
+    /// Counters of the limiting group, of the own group when there is none. -1: the kernel keeps none.
+    int64_t periods = -1;
+    int64_t throttledPeriods = -1;
+    int64_t throttledUs = -1;
     int64_t usageUs = -1;  ///< CPU time of that group; -1: the kernel does not keep it there
 };
 

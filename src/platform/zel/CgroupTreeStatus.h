@@ -20,11 +20,11 @@ struct CgroupUse {
     /// CPU: time used by the group so far, in microseconds. Version 1 without cpuacct beside cpu: the sum over the
     /// processes that are in it now. Memory: KB in use. -1: unknown.
     int64_t used = -1;
-    int64_t periods = 0;           ///< CPU: periods in which the group ran
-    int64_t throttledPeriods = 0;  ///< CPU: those in which it was held back
-    int64_t throttledUs = 0;
+    int64_t periods = -1;           ///< CPU: periods in which the group ran; -1: the kernel keeps no such counters
+    int64_t throttledPeriods = -1;  ///< CPU: those in which it was held back
+    int64_t throttledUs = -1;
     int64_t limitHits = -1;  ///< memory: times the limit was reached
-    int64_t oomKills = -1;   ///< memory: victims; version 2: in the subtree
+    int64_t oomKills = -1;   ///< memory: victims in the group and in all below it
     int64_t ownOoms = -1;    ///< memory, version 2: out-of-memory at this group's own limit
 };
 

@@ -124,7 +124,7 @@ TEST_F(CgroupClientTest, LeavesWhenFileIsGoneAndGoesBackToItsOrigin) {
     EXPECT_TRUE(client.ReloadConfig()) << "nothing to leave is no failure";
 }
 
-TEST_F(CgroupClientTest, StaysWhenTheFileIsTakenAwayBesideTheMainProcess) {
+TEST_F(CgroupClientTest, StaysWhenItsFileIsTakenBesideMain) {
     ASSERT_TRUE(manager.WriteComponentConfig(
         file, {Quota("Worker", "main", 10000, 102400), Quota("Tervane", "main", 10000, 102400)}, 40000, 524288));
     ASSERT_TRUE(client.ReloadConfig());
