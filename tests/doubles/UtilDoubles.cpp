@@ -41,8 +41,10 @@ void CLogMessage::WriteLogMessage(const std::string& text, int level) {
     P().Record(Format("W%d ", level) + text);
 }
 
+/// Lines of a source file, at most.
+constexpr int kLongestSource = 2000;
+
 void CLogMessage::log(int level, const char* sourceFileName, int line, const char* format, ...) {
-    (void)line;
     va_list args;
     va_start(args, format);
     char* text = nullptr;
@@ -52,7 +54,9 @@ void CLogMessage::log(int level, const char* sourceFileName, int line, const cha
     free(text);
     std::lock_guard<std::recursive_mutex> guard(P().lock);
     P().logs.push_back({'F', level, sourceFileName, formatted});
-    P().Record(Format("F%d [%s] ", level, sourceFileName) + formatted);
+    // Where in the file a line was written moves with every change; that it is somewhere there does not.
+    const bool somewhere = line > 0 && line < kLongestSource;
+    P().Record(Format("F%d [%s%s] ", level, sourceFileName, somewhere ? "" : ", nowhere") + formatted);
 }
 
 // --- threads: nothing runs unless a test calls run() ---

@@ -17,15 +17,6 @@ inline Lines Joined(std::initializer_list<Lines> blocks) {
     return all;
 }
 
-/// The journal without the look-ups of the limit object: how often a limit fetches it is nobody's business here.
-inline Lines WithoutLookUps(const Lines& journal) {
-    Lines kept;
-    for (const std::string& line : journal) {
-        if (line != "GetResourceLimitUtil()") kept.push_back(line);
-    }
-    return kept;
-}
-
 /// What is published at parse time, in the order of publication.
 struct Published {
     long maxCpu = 10, cpuAll = 0, maxPidCheck = 100, maxMemory = 200, mode = 0, maxWriteIo = 20480, maxReadIo = 20480,
@@ -46,6 +37,7 @@ struct Published {
 inline Lines LegacyCpuOff(int mode, int maxCpu) {
     return {"IsResourceLimitCpuCgroupV2Runtime()",
             "CResourceMonitor::IsCpuSolarisMode()",
+            "GetResourceLimitUtil()",
             "IResourceLimitUtil::SyncCpuLimit()",
             doubles::Format("F4 [MonitorPri] resource mode user conf:%d", mode),
             doubles::Format("F4 [MonitorPri] resource cpu user conf:%d", maxCpu),
@@ -59,6 +51,7 @@ inline Lines LegacyCpuOff(int mode, int maxCpu) {
 inline Lines LegacyCpuOn(int mode, int maxCpu, int percent, int hundredths) {
     return {"IsResourceLimitCpuCgroupV2Runtime()",
             "CResourceMonitor::IsCpuSolarisMode()",
+            "GetResourceLimitUtil()",
             "IResourceLimitUtil::SyncCpuLimit()",
             doubles::Format("F4 [MonitorPri] resource mode user conf:%d", mode),
             doubles::Format("F4 [MonitorPri] resource cpu user conf:%d", maxCpu),
@@ -71,12 +64,12 @@ inline Lines LegacyCpuOn(int mode, int maxCpu, int percent, int hundredths) {
 
 /// A pass of the legacy CPU limit with the settings of the pass before.
 inline Lines LegacyCpuUnchanged() {
-    return {"IsResourceLimitCpuCgroupV2Runtime()", "CResourceMonitor::IsCpuSolarisMode()",
+    return {"IsResourceLimitCpuCgroupV2Runtime()", "CResourceMonitor::IsCpuSolarisMode()", "GetResourceLimitUtil()",
             "IResourceLimitUtil::SyncCpuLimit()", "W4 resource limit mode and max limit cpu is not change"};
 }
 
 inline Lines LegacyMemOff() {
-    return {"IsResourceLimitMemCgroupV2Runtime()", "W4 match 0 try to close mem limit",
+    return {"IsResourceLimitMemCgroupV2Runtime()", "W4 match 0 try to close mem limit", "GetResourceLimitUtil()",
             "IResourceLimitUtil::StopMemLimit(error=0,1)", "IResourceLimitUtil::IsMemLimited()"};
 }
 
@@ -122,8 +115,8 @@ protected:
         return path;
     }
 
-    /// The journal since the last call, without look-ups.
-    Lines calls() { return WithoutLookUps(journal()); }
+    /// The journal since the last call.
+    Lines calls() { return journal(); }
 
 private:
     std::vector<std::string> m_written;

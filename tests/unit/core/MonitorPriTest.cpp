@@ -680,15 +680,16 @@ TEST_F(MonitorPriTest, ReadsCpuAllInItsFullWidthAndTruncatesTheRest) {
     platform().kernel.configuredCpus = 1;
     journal();
     pri().OnUpdate();
-    EXPECT_EQ(Joined({{"CResourceMonitor::SetCpuSolarisMode(1)", "IsResourceLimitCpuCgroupV2Runtime()",
-                       "CResourceMonitor::IsCpuSolarisMode()", "sysconf(_SC_NPROCESSORS_CONF)",
-                       "IResourceLimitUtil::SyncCpuLimit()", "F4 [MonitorPri] resource mode user conf:0",
-                       "F4 [MonitorPri] resource cpu user conf:0", "F4 [MonitorPri] resource get res:0",
-                       "W4 match 0 try to close resource limit", "IResourceLimitUtil::StopCpuLimit(error=0)",
-                       "IResourceLimitUtil::IsCpuLimited()", "CResourceMonitor::SetMaxCpu(0)"},
-                      LegacyMemOff(),
-                      UpdateTail(7, 1, 2, 3, 4, 5)}),
-              calls());
+    EXPECT_EQ(
+        Joined({{"CResourceMonitor::SetCpuSolarisMode(1)", "IsResourceLimitCpuCgroupV2Runtime()",
+                 "CResourceMonitor::IsCpuSolarisMode()", "sysconf(_SC_NPROCESSORS_CONF)", "GetResourceLimitUtil()",
+                 "IResourceLimitUtil::SyncCpuLimit()", "F4 [MonitorPri] resource mode user conf:0",
+                 "F4 [MonitorPri] resource cpu user conf:0", "F4 [MonitorPri] resource get res:0",
+                 "W4 match 0 try to close resource limit", "IResourceLimitUtil::StopCpuLimit(error=0)",
+                 "IResourceLimitUtil::IsCpuLimited()", "CResourceMonitor::SetMaxCpu(0)"},
+                LegacyMemOff(),
+                UpdateTail(7, 1, 2, 3, 4, 5)}),
+        calls());
 }
 
 TEST_F(MonitorPriTest, KeepsCpuIn64BitsUntilTheThresholdIsClamped) {
@@ -791,8 +792,8 @@ TEST_F(MonitorPriTest, ReappliesUnifiedModeWithTheWidenedGroupPair) {
                        "W3 MonitorPri: no IPC broadcast callback, cannot send cgroup config notify",
                        "W4 MonitorPri: multi-cgroup initialized"},
                       limitsAndThresholds,
-                      {"W4 match 0 try to close mem limit", "IResourceLimitUtil::StopMemLimit(error=0,1)",
-                       "IResourceLimitUtil::IsMemLimited()"},
+                      {"W4 match 0 try to close mem limit", "GetResourceLimitUtil()",
+                       "IResourceLimitUtil::StopMemLimit(error=0,1)", "IResourceLimitUtil::IsMemLimited()"},
                       UpdateTail(300, 0, 0, 0, 0, 0)}),
               calls());
     EXPECT_EQ(25, pri().m_effectiveMaxCpu);

@@ -335,7 +335,7 @@ TEST_F(ResourceConfigurationTest, PublishesPlainMaximaInUnifiedToo) {
                       // 200 MB and one half more, in bytes, the larger first
                       {"IsResourceLimitMemCgroupV2Runtime()", "W4 not match 0 try to set mem limit",
                        "CToolUtil::GetApplicationDirPath()", "CFileUtil::IsFile(/opt/agent/home/cgroup_errors)",
-                       "uname()", "IResourceLimitUtil::PrepareMemLimit()",
+                       "uname()", "GetResourceLimitUtil()", "IResourceLimitUtil::PrepareMemLimit()",
                        "IResourceLimitUtil::StartMemLimit(314572800,209715200,error=0)",
                        "IResourceLimitUtil::IsMemLimited()", "W4 mem limit success"}}),
               calls());
@@ -363,16 +363,17 @@ TEST_F(ResourceConfigurationTest, SetsCpuModeBeforeALimitAsksForIt) {
     Published published;
     published.cpuAll = 1;
     published.mode = 1;
-    EXPECT_EQ(Joined({Opened(),
-                      published.lines(),
-                      {"CResourceMonitor::SetCpuSolarisMode(1)", "IsResourceLimitCpuCgroupV2Runtime()",
-                       "CResourceMonitor::IsCpuSolarisMode()", "sysconf(_SC_NPROCESSORS_CONF)",
-                       "IResourceLimitUtil::SyncCpuLimit()", "F4 [MonitorPri] resource mode user conf:1",
-                       "F4 [MonitorPri] resource cpu user conf:10", "F4 [MonitorPri] resource get res:1",
-                       "W4 not match 0 try to start resource limit", "IResourceLimitUtil::StartCpuLimit(38,0,error=0)",
-                       "W4 limit cpu success", "IResourceLimitUtil::IsCpuLimited()"},
-                      LegacyMemOff()}),
-              calls());
+    EXPECT_EQ(
+        Joined({Opened(),
+                published.lines(),
+                {"CResourceMonitor::SetCpuSolarisMode(1)", "IsResourceLimitCpuCgroupV2Runtime()",
+                 "CResourceMonitor::IsCpuSolarisMode()", "sysconf(_SC_NPROCESSORS_CONF)", "GetResourceLimitUtil()",
+                 "IResourceLimitUtil::SyncCpuLimit()", "F4 [MonitorPri] resource mode user conf:1",
+                 "F4 [MonitorPri] resource cpu user conf:10", "F4 [MonitorPri] resource get res:1",
+                 "W4 not match 0 try to start resource limit", "IResourceLimitUtil::StartCpuLimit(38,0,error=0)",
+                 "W4 limit cpu success", "IResourceLimitUtil::IsCpuLimited()"},
+                LegacyMemOff()}),
+        calls());
 }
 
 TEST_F(ResourceConfigurationTest, SucceedsAlsoWhenEveryLimitFails) {
@@ -383,13 +384,13 @@ TEST_F(ResourceConfigurationTest, SucceedsAlsoWhenEveryLimitFails) {
     EXPECT_EQ(Joined({Opened(),
                       published.lines(),
                       {"CResourceMonitor::SetCpuSolarisMode(0)", "IsResourceLimitCpuCgroupV2Runtime()",
-                       "CResourceMonitor::IsCpuSolarisMode()", "IResourceLimitUtil::SyncCpuLimit()",
-                       "F4 [MonitorPri] resource mode user conf:5", "F4 [MonitorPri] resource cpu user conf:10",
-                       "F4 [MonitorPri] resource get res:1", "W4 not match 0 try to start resource limit",
-                       "IResourceLimitUtil::StartCpuLimit(9,50,error=0)", "F3 [MonitorPri] limit cpu fail, error is 2",
-                       "IResourceLimitUtil::IsCpuLimited()", "IsResourceLimitMemCgroupV2Runtime()",
-                       "W4 not match 0 try to set mem limit", "CToolUtil::GetApplicationDirPath()",
-                       "CFileUtil::IsFile(/opt/agent/home/cgroup_errors)",
+                       "CResourceMonitor::IsCpuSolarisMode()", "GetResourceLimitUtil()",
+                       "IResourceLimitUtil::SyncCpuLimit()", "F4 [MonitorPri] resource mode user conf:5",
+                       "F4 [MonitorPri] resource cpu user conf:10", "F4 [MonitorPri] resource get res:1",
+                       "W4 not match 0 try to start resource limit", "IResourceLimitUtil::StartCpuLimit(9,50,error=0)",
+                       "F3 [MonitorPri] limit cpu fail, error is 2", "IResourceLimitUtil::IsCpuLimited()",
+                       "IsResourceLimitMemCgroupV2Runtime()", "W4 not match 0 try to set mem limit",
+                       "CToolUtil::GetApplicationDirPath()", "CFileUtil::IsFile(/opt/agent/home/cgroup_errors)",
                        "F4 [MonitorPri] kernel not in limit range: !", "F3 [MonitorPri] mem limit fail [10 - 0]"}}),
               calls());
     EXPECT_EQ(kDefaults, Show(m_config));
@@ -456,8 +457,8 @@ TEST_F(UnifiedConfigurationTest, AppliesUnifiedOomLegacyThenSelfKill) {
                       // the legacy memory limit goes on: nobody else holds that controller
                       m_versionAsked,
                       {"IsResourceLimitMemCgroupV2Runtime()", "CCgroupManager::IsMemCgroupEnabled()",
-                       "W4 match 0 try to close mem limit", "IResourceLimitUtil::StopMemLimit(error=0,1)",
-                       "IResourceLimitUtil::IsMemLimited()"},
+                       "W4 match 0 try to close mem limit", "GetResourceLimitUtil()",
+                       "IResourceLimitUtil::StopMemLimit(error=0,1)", "IResourceLimitUtil::IsMemLimited()"},
                       {"F4 [MonitorPri] MonitorPri: self-kill limits config(cpu=25 mem=300) effective(cpu=1 mem=300) "
                        "unified(cpu=1 mem=0)"}}),
               calls());

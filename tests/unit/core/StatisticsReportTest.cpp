@@ -64,7 +64,7 @@ protected:
     }
 
     /// The calls behind a full map in a process that is not the main one.
-    const Lines m_fullReport = {"CResourceMonitor::FetchResourceMonitorInfo()",
+    const Lines m_fullReport = {"CResourceMonitor::FetchResourceMonitorInfo()", "GetResourceLimitUtil()",
                                 "IResourceLimitUtil::GetCgroupOtherProcessNum()",
                                 "IResourceLimitUtil::IsSelfRemovedFromCgroup()", "IHttp::GetFailCount()"};
 };
