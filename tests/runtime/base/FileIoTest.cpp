@@ -2,38 +2,21 @@
 #include "base/FileIo.h"
 #include "base/MakeDirectories.h"
 
-#include <cerrno>
 #include <climits>
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <gmock/gmock.h>
-
-#include "support/Faults.h"
-#include "support/Files.h"
-#include "support/SmallDisk.h"
+#include "support/FileTests.h"
 
 using base::ErrorKind;
 using base::Fd;
 using base::Result;
 using base::Status;
-using faults::Call;
-using faults::Failing;
-using faults::ShortWrites;
-using support::ModeOf;
-using support::NamesIn;
-using support::ReadText;
-using support::SmallDisk;
-using support::TempDir;
-using support::WriteText;
-using testing::ElementsAre;
 
 namespace {
 
-class FileIoTest : public testing::Test {
+class FileIoTest : public FilesFixture {
 protected:
     // A file, and one of each kind that is none.
     void SetUp() override {
@@ -43,7 +26,6 @@ protected:
         ASSERT_EQ(0, ::mkdir((m_dir / "folder").c_str(), 0700));
     }
 
-    TempDir m_dir;
     const std::string m_file = m_dir / "file";
 };
 

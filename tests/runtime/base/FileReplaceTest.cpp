@@ -1,45 +1,27 @@
 // One replacement for everybody: what it makes, what it refuses, and what is left when any step of it fails.
 #include "base/FileReplace.h"
 
-#include <cerrno>
 #include <thread>
 
 #include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <gmock/gmock.h>
-
-#include "support/Faults.h"
-#include "support/Files.h"
-#include "support/SmallDisk.h"
+#include "support/FileTests.h"
 
 using base::Durability;
 using base::ErrorKind;
 using base::ReplaceFile;
 using base::Status;
-using faults::Call;
-using faults::Failing;
-using faults::ShortWrites;
-using support::ModeOf;
-using support::NamesIn;
-using support::ReadText;
-using support::SmallDisk;
-using support::TempDir;
-using support::WriteText;
-using testing::ElementsAre;
 
 namespace {
 
 constexpr Durability kBoth[] = {Durability::kSynced, Durability::kRenewed};
 
-class FileReplaceTest : public testing::Test {
+class FileReplaceTest : public FilesFixture {
 protected:
     std::string AsideOf(const std::string& path) const { return path + "." + std::to_string(::gettid()) + ".tmp"; }
 
-    TempDir m_dir;
     const std::string m_file = m_dir / "file";
 };
 

@@ -1,38 +1,20 @@
 // Whole-file operations against real files: what is there, what is not, what is too big, links, full and failing disks.
 #include "platform/zel/FileUtil.h"
 
-#include <cerrno>
 #include <climits>
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <gmock/gmock.h>
+#include "support/FileTests.h"
 
-#include "support/Faults.h"
-#include "support/Files.h"
-#include "support/SmallDisk.h"
-
-using faults::Call;
-using faults::Failing;
-using faults::ShortWrites;
-using support::ModeOf;
-using support::NamesIn;
-using support::ReadText;
-using support::SmallDisk;
-using support::TempDir;
-using support::WriteText;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using zel::CFileCom;
 using zel::CFileUtil;
 
 namespace {
 
-class FileUtilTest : public testing::Test {
+class FileUtilTest : public FilesFixture {
 protected:
-    TempDir m_dir;
     std::list<std::string> m_lines{"before"};
     std::string m_text = "before";
 };

@@ -1,27 +1,8 @@
 // The rotating file: bounds, modes, links, other processes, full disks.
 #include "LogFile.h"
 
-#include <cerrno>
+#include "support/FileTests.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <gmock/gmock.h>
-
-#include "support/Faults.h"
-#include "support/Files.h"
-#include "support/SmallDisk.h"
-
-using faults::Call;
-using faults::Failing;
-using faults::ShortWrites;
-using support::ModeOf;
-using support::NamesIn;
-using support::ReadText;
-using support::SmallDisk;
-using support::TempDir;
-using support::WriteText;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using zel::LogFile;
 
@@ -30,13 +11,12 @@ namespace {
 constexpr std::chrono::milliseconds kAlwaysCheck{0};
 constexpr unsigned long kRoomy = 1000000;
 
-class LogFileTest : public testing::Test {
+class LogFileTest : public FilesFixture {
 protected:
     LogFile Make(unsigned long maxBytes = kRoomy, unsigned int maxFiles = 3) {
         return LogFile(m_dir / "log", "p.log", maxBytes, maxFiles, kAlwaysCheck);
     }
 
-    TempDir m_dir;
     std::string m_path = m_dir / "log/p.log";
 };
 
