@@ -99,5 +99,51 @@ TEST_F(AgentAccuracyTest, GreedyComponentIsHeldAndOneInMainNotSlowed) {
     ExpectNothingLeft();
 }
 
+// Somebody lifts every quota of the tree ten times a second, and the agent looks five times as often as it does by
+// default: that is as many repairs as it can come to.
+TEST_F(AgentAccuracyTest, ContestedLimitsCostUnderHalfPercentOfACpu) {
+    constexpr int kMeasureMs = 20000;
+    constexpr int kLiftMs = 100;
+    WriteResource({{"max_cpu", "60"}, {"max_memory", "300"}, {"resource_limit_mode", "13"}});
+    Child agent = StartRunningAgent({"--limit-check", "1"});
+    const std::string tree = CpuRoot() + "/" + Tree();
+    const std::vector<std::string> quotas = {
+        tree + "/cpu.cfs_quota_us", tree + "/main/cpu.cfs_quota_us", tree + "/main/Tervane/cpu.cfs_quota_us",
+        tree + "/collect-defense/cpu.cfs_quota_us", tree + "/collect-defense/QorNet/cpu.cfs_quota_us"};
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return ReadNumber(quotas.back()) > 0; }));
+    const auto lift = [&] {
+        for (const std::string& quota : quotas) WriteText(quota, "-1");
+    };
+    // Contested from the fifth repair on.
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] {
+        lift();
+        return Status()["keeper"]["contested"].size() == quotas.size();
+    })) << Status()["keeper"].toStyledString();
+    const int64_t before = Status()["keeper"]["total_us"].asInt64();
+    const int64_t roundsBefore = Status()["keeper"]["rounds"].asInt64();
+    const double cpuBefore = CpuSecondsOf(agent.Pid());
+    const double begin = SecondsNow();
+    while (SecondsNow() - begin < kMeasureMs / 1000.0) {
+        lift();
+        SleepMs(kLiftMs);
+    }
+    const double elapsed = SecondsNow() - begin;
+    const double cpu = CpuSecondsOf(agent.Pid()) - cpuBefore;
+    const Json::Value keeper = Status()["keeper"];
+    const double kept = static_cast<double>(keeper["total_us"].asInt64() - before) / 1e6;
+    const int64_t rounds = keeper["rounds"].asInt64() - roundsBefore;
+    printf("%d contested limits: %.3f %% of a CPU in %lld looks; the whole main process %.2f %%\n",
+           static_cast<int>(quotas.size()), 100 * kept / elapsed, static_cast<long long>(rounds), 100 * cpu / elapsed);
+    EXPECT_GT(rounds, 0);
+    EXPECT_GT(kept, 0);
+    EXPECT_LT(kept, 0.005 * elapsed);
+    EXPECT_EQ(keeper["contested"].size(), quotas.size());
+    int told = 0;
+    for (const Json::Value& event : Events()) told += event["type"].asString() == "T_MSG_LIMIT_DRIFT" ? 1 : 0;
+    EXPECT_LE(told, static_cast<int>(2 * quotas.size())) << "once when it begins, once when it is contested";
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
 }  // namespace
 }  // namespace agenttest
