@@ -475,7 +475,9 @@ TEST_F(KeeperTest, NamesTheServiceManagerAsTheCause) {
 // --- the end of a component -----------------------------------------------------------------------------------------
 
 TEST_F(KeeperTest, AComponentsEndIsTheEndOfItsWholeLeaf) {
-    // A family that goes on making children, one of them in a session of its own and without its parent.
+    // A family of twenty in sessions of their own and without their parents.
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
     const Child root([&] {
         PutInto(cpuTree + "/" + kLeaf, getpid());
         if (memTree != cpuTree) PutInto(memTree + "/" + kLeaf, getpid());
@@ -485,9 +487,13 @@ TEST_F(KeeperTest, AComponentsEndIsTheEndOfItsWholeLeaf) {
             if (fork() == 0) return Sleeper();
             return 0;
         }
-        return Sleeper();
+        while (wait(nullptr) > 0) continue;
+        return write(ends[1], "", 1) == 1 ? Sleeper() : 1;
     });
-    ASSERT_TRUE(Eventually([&] { return Procs(cpuTree + "/" + kLeaf).size() >= 20; }));
+    char complete = 0;
+    ASSERT_EQ(1, read(ends[0], &complete, 1));
+    close(ends[0]);
+    close(ends[1]);
     const zel::CgroupLeafEnd end = zel::EndCgroupComponent("QorHips");
     EXPECT_GE(end.ended, 20);
     EXPECT_TRUE(end.left.empty());
