@@ -104,6 +104,23 @@ TEST_F(EventsTest, AnEndpointThatIsDownGetsEverythingWhenItIsBack) {
     ExpectNothingLeft();
 }
 
+TEST_F(EventsTest, AnEndpointThatIsSilentHoldsNoStopUp) {
+    constexpr int kAllowedByTheUnit = 20;
+    support::HttpServer server;
+    server.Hang(true);
+    WriteConf("agent.json", R"({"http":{"url":")" + server.Url() + R"(","timeout_ms":60000}})");
+    Child agent = StartRunningAgent();
+    const pid_t ended = MakeEvent();
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return server.Connections() > 0; }));
+    EXPECT_EQ(agent.Stop(kAllowedByTheUnit), 0) << "a request is under way";
+    EXPECT_FALSE(Has(server, ended));
+    server.Hang(false);
+    agent = StartRunningAgent();
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return Has(server, ended); })) << "what was under way comes again";
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
 TEST_F(EventsTest, TheTextFileIsSwitchedWhileTheAgentRuns) {
     const auto textFile = [&](const std::string& name) {
         WriteConf("agent.json", R"({"textfile":{"path":")" + Dir() + "/" + name + R"(","period_seconds":1}})");
