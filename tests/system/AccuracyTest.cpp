@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 
 #include "AgentFixture.h"
+#include "GroupTable.h"
 
 namespace agenttest {
 namespace {
@@ -42,6 +43,39 @@ TEST_F(AgentAccuracyTest, GreedyAgentGetsItsShareOfOneCpuAndNoMore) {
     }
     EXPECT_GE(percent, 8.5) << "held back in " << 100 * heldPart << " % of the periods";
     EXPECT_GT(heldPart, 0.5);
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+// The shipped table's main process has half a percent of a CPU, and the tree above it is used up by its components.
+TEST_F(AgentAccuracyTest, MainKeepsItsRhythmBesideGreedyComponents) {
+    constexpr int kMeasureMs = 40000;
+    WriteResource({{"max_cpu", "10"}, {"resource_limit_mode", "13"}});
+    std::string list;
+    for (const ComponentRow& row : BuiltInComponentRows()) {
+        if (row.name == "Tervane") continue;
+        list += std::string(list.empty() ? "" : ", ") + "{\"name\": \"" + row.name + "\", \"group\": \"" + row.group +
+                "\", \"load\": \"greedy:1\"}";
+    }
+    WriteComponents(list);
+    Child agent = StartRunningAgent();
+    ASSERT_TRUE(Poll(kStartSeconds, [&] { return ComponentPid("QorWebGuard") > 0; }));
+    const std::string tree = CpuRoot() + "/" + Tree();
+    const Json::Value before = Status();
+    const int64_t throttled = ReadField(tree + "/cpu.stat", "nr_throttled");
+    const double cpu = CpuSecondsOf(agent.Pid());
+    SleepMs(kMeasureMs);
+    const double asked = SecondsNow();
+    const Json::Value after = Status();
+    const double seconds = static_cast<double>(after["uptime_seconds"].asInt64() - before["uptime_seconds"].asInt64());
+    const double rounds = static_cast<double>(after["own"]["rounds"].asInt64() - before["own"]["rounds"].asInt64());
+    const double looks =
+        static_cast<double>(after["keeper"]["rounds"].asInt64() - before["keeper"]["rounds"].asInt64());
+    printf("%.0f of %.0f rounds, %.0f of %.0f looks at the tree, %.2f %% of one CPU, status after %.2f s\n", rounds,
+           seconds, looks, seconds / 5, 100 * (CpuSecondsOf(agent.Pid()) - cpu) / seconds, SecondsNow() - asked);
+    EXPECT_GT(ReadField(tree + "/cpu.stat", "nr_throttled"), throttled) << "the components were not greedy enough";
+    EXPECT_GE(rounds, 0.75 * seconds);
+    EXPECT_GE(looks, 0.75 * seconds / 5);
     EXPECT_EQ(agent.Stop(), 0);
     ExpectNothingLeft();
 }

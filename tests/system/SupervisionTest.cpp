@@ -1,12 +1,21 @@
 // Threads that hang and processes that stay over their maximum: named, recorded, delivered.
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/ptrace.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include <chrono>
+#include <cstring>
 #include <ctime>
+#include <set>
+#include <sstream>
+#include <thread>
 
 #include "AgentFixture.h"
 
@@ -96,6 +105,27 @@ private:
     bool m_held = false;
 };
 
+/// Returns: the TCP port on which the process listens; 0 when there is none.
+uint16_t ListeningPortOf(pid_t pid) {
+    std::set<std::string> own;
+    const std::string descriptors = "/proc/" + std::to_string(pid) + "/fd";
+    for (int fd = 0; fd < 256; ++fd) {
+        char target[64] = {};
+        const std::string link = descriptors + "/" + std::to_string(fd);
+        if (readlink(link.c_str(), target, sizeof target - 1) > 0) own.insert(target);
+    }
+    std::istringstream lines(ReadText("/proc/" + std::to_string(pid) + "/net/tcp"));
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::istringstream words(line);
+        std::vector<std::string> fields;
+        for (std::string word; words >> word;) fields.push_back(word);
+        if (fields.size() < 10 || fields[3] != "0A" || own.count("socket:[" + fields[9] + "]") == 0) continue;
+        return static_cast<uint16_t>(std::stoul(fields[1].substr(fields[1].find(':') + 1), nullptr, 16));
+    }
+    return 0;
+}
+
 /// Returns: the thread of that name; 0 when there is none.
 pid_t ThreadOf(pid_t pid, const std::string& name) {
     const std::string tasks = "/proc/" + std::to_string(pid) + "/task/";
@@ -181,6 +211,106 @@ TEST_F(SupervisionTest, ALaterRefusalByTheKernelListNamesTheList) {
     WriteOnline("{\"resourceLimitMode\": 4}");
     EXPECT_TRUE(WaitLog("mem limit fail [10 - 0]"));
     EXPECT_TRUE(WaitLog("mem_limit_kernel_range = 1.0.0-0,1.0.1-0 does not hold this kernel, ")) << Log();
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+/// A client of root's that says a byte every 1.5 s, without end, and begins anew when it is cut.
+class SlowClient {
+public:
+    explicit SlowClient(const std::string& path) : m_path(path), m_thread([this] { Run(); }) {}
+    ~SlowClient() {
+        m_stop = true;
+        m_thread.join();
+    }
+    SlowClient(const SlowClient&) = delete;
+    SlowClient& operator=(const SlowClient&) = delete;
+    bool Talks() const { return m_connected; }
+    int Connections() const { return m_connections; }
+
+private:
+    void Run() {
+        while (!m_stop) {
+            const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            strncpy(address.sun_path, m_path.c_str(), sizeof address.sun_path - 1);
+            m_connected = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+            if (m_connected) ++m_connections;
+            while (!m_stop && m_connected && send(fd, "s", 1, MSG_NOSIGNAL) == 1) {
+                pollfd end{fd, POLLIN, 0};
+                if (poll(&end, 1, 1500) != 0) break;  // nothing is to be read before the end
+            }
+            m_connected = false;
+            close(fd);
+            if (!m_stop) SleepMs(20);
+        }
+    }
+
+    const std::string m_path;
+    std::atomic<bool> m_stop{false};
+    std::atomic<bool> m_connected{false};
+    std::atomic<int> m_connections{0};
+    std::thread m_thread;
+};
+
+TEST_F(SupervisionTest, ASlowClientHoldsUpNeitherStatusNorTheEnd) {
+    WriteResource({{"resource_limit_mode", "0"}});
+    Child agent = StartRunningAgent();
+    const SlowClient slow(Dir() + "/run/tervane.ctl");
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return slow.Talks(); }));
+    // An answer that came while one and the same slow client was connected did not wait for it.
+    int besides = 0;
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] {
+        const int before = slow.Connections();
+        const bool answered = slow.Talks() && !Ask({"status"}).empty();
+        if (answered && slow.Talks() && slow.Connections() == before) ++besides;
+        return besides >= 3;
+    })) << besides;
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return slow.Talks(); }));
+    const double begun = SecondsNow();
+    EXPECT_EQ(agent.Stop(20), 0);
+    printf("ended after %.2f s beside a slow client\n", SecondsNow() - begun);
+    ExpectNothingLeft();
+}
+
+/// User 65534 asks for the metrics in four loops; root's scraper asks now and then.
+TEST_F(SupervisionTest, AnOrdinaryUsersScrapesAreNoBreachOfTheAgents) {
+    if (geteuid() != 0) GTEST_SKIP() << "SKIP system: not root, cannot become another user";
+    constexpr int kLoops = 4;
+    constexpr int kMaxCpu = 10;  // percent of one CPU; a process that stays there for two periods ends itself
+    WriteResource({{"resource_limit_mode", "0"}, {"max_cpu", std::to_string(kMaxCpu)}});
+    Child agent = StartRunningAgent({"--metrics-listen", "127.0.0.1:0"});
+    const uint16_t port = ListeningPortOf(agent.Pid());
+    ASSERT_NE(port, 0);
+    std::vector<Child> loops;
+    for (int i = 0; i < kLoops; ++i) {
+        loops.push_back(
+            Spawn({"setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", "sh", "-c",
+                   "while :; do curl -s -o /dev/null http://127.0.0.1:" + std::to_string(port) + "/metrics; done"},
+                  {}, "/dev/null"));
+    }
+    SleepMs(2000);  // the burst is over
+    const double cpu = CpuSecondsOf(agent.Pid());
+    const double begun = SecondsNow();
+    std::string text;
+    int answered = 0;
+    for (int i = 0; i < 10; ++i) {
+        SleepMs(1000);
+        const std::string address = "http://127.0.0.1:" + std::to_string(port) + "/metrics";
+        if (RunToEnd({"curl", "-s", address}, text) == 0 && text.find("zel_limit_mode") != std::string::npos)
+            ++answered;
+    }
+    const double share = 100 * (CpuSecondsOf(agent.Pid()) - cpu) / (SecondsNow() - begun);
+    printf("four loops of another user cost %.2f %% of one CPU, root's scraper had %d of 10 answers\n", share,
+           answered);
+    EXPECT_LT(share, kMaxCpu / 2.0);
+    EXPECT_EQ(answered, 10);
+    EXPECT_EQ(Status()["own"]["warnings"].asInt(), 0);
+    for (Child& loop : loops) {
+        EXPECT_TRUE(loop.Running());
+        loop.Kill();
+    }
     EXPECT_EQ(agent.Stop(), 0);
     ExpectNothingLeft();
 }

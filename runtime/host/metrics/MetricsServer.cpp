@@ -83,7 +83,8 @@ base::Result<base::ListeningSocket> CMetricsServer::Listen() const {
     }
     const base::Status made = base::MakeDirectories(base::DirectoryOf(place));
     if (!made) return base::MakeError(made.GetError().kind, "serve", place, made.GetError().Text());
-    return base::ListeningSocket::Local(place, base::SocketKind::kStream, base::ServeLock::kCallers);
+    // A place of an operator's choice may be another agent's too: who serves there keeps it.
+    return base::ListeningSocket::Local(place, base::SocketKind::kStream, base::ServeLock::kFile);
 }
 
 base::Status CMetricsServer::Serve() {

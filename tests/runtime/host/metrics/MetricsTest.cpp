@@ -148,7 +148,7 @@ TEST(MetricsServerTest, ServesOnLoopbackAndOnLocalSocketOfThisUser) {
             EXPECT_EQ(st.st_mode & 0777, 0600u);
         }
     }
-    EXPECT_EQ(support::NamesIn(dir / "run"), Lines{}) << "the socket goes with the server";
+    EXPECT_EQ(support::NamesIn(dir / "run"), Lines{"m.sock.lock"}) << "the socket goes with the server";
 }
 
 TEST(MetricsServerTest, OnlyLoopbackAddressesAreTaken) {
@@ -207,6 +207,23 @@ TEST(MetricsServerTest, AnAddressThatIsTakenIsHadWhenItIsFree) {
     EXPECT_THAT(Talk(options.listen, "GET /metrics HTTP/1.1\r\n\r\n"), testing::EndsWith("m 2\n"));
     EXPECT_EQ(support::LogCount("it is tried again"), 1u);
     EXPECT_TRUE(support::LogHolds("3 metrics: served at " + options.listen + " now"));
+}
+
+TEST(MetricsServerTest, ALocalSocketThatIsServedIsNotTaken) {
+    support::TempDir dir;
+    const std::string place = "unix:" + (dir / "m.sock");
+    auto first = std::make_unique<CMetricsServer>(On(place), [] { return std::string("m 1\n"); });
+    ASSERT_TRUE(support::IsOk(first->Start()));
+    CMetricsServer second(On(place), [] { return std::string("m 2\n"); });
+    ASSERT_TRUE(support::IsOk(second.Start()));
+    EXPECT_EQ(second.Address(), "");
+    EXPECT_THAT(Talk(place, "GET /metrics HTTP/1.1\r\n\r\n"), testing::EndsWith("m 1\n"));
+    first.reset();
+    EXPECT_TRUE(support::Eventually([&] {
+        second.TryAgain();
+        return second.Address() == place;
+    }));
+    EXPECT_THAT(Talk(place, "GET /metrics HTTP/1.1\r\n\r\n"), testing::EndsWith("m 2\n"));
 }
 
 TEST(MetricsServerTest, SilentOrChattyClientDoesNotHoldUpTheNext) {
