@@ -17,7 +17,7 @@ constexpr size_t kMostConfigBytes = 1024 * 1024;
 
 void Explain(const char* name, const zel::CgroupControllerStatus& controller, bool root,
              std::vector<std::string>& lines) {
-    if (controller.limited) return;
+    if (HoldsOwnLimit(controller)) return;
     // The switch is on, so what the kernel shows is the outcome of a refusal that has its own line.
     const bool refused = controller.version != 0 && root;
     const std::string advice =
@@ -30,7 +30,7 @@ void Explain(const char* name, const zel::CgroupControllerStatus& controller, bo
 
 std::vector<std::string> ExplainMemoryRefusal(const StatusReport& report, const std::string& appDir,
                                               const std::string& configPath) {
-    if ((report.mode & zel::kModeMemory) == 0 || report.unified || report.cgroup.mem.limited) return {};
+    if ((report.mode & zel::kModeMemory) == 0 || report.unified || HoldsOwnLimit(report.cgroup.mem)) return {};
     const std::optional<MemoryPause> pause = ReadMemoryPause(appDir, report.now);
     if (pause) return {"memory limit " + DescribePause(*pause) + "; remove " + pause->path + " to try now"};
     std::string text;

@@ -217,9 +217,12 @@ int Process::JoinOwnGroups() {
     m_client = std::make_unique<zel::CCgroupClient>();
     // The groups are joined before the limits are applied: what the unified mode holds needs no legacy limit. Also
     // without a component file: a process that was started while the unified mode ended may have been born inside.
-    m_client->ReloadConfig();
+    const bool placed = m_client->ReloadConfig();
     std::string problem;
-    if (!zel::IsComponentFileAwaited(problem)) return kExitClean;
+    if (!zel::IsComponentFileAwaited(problem)) {
+        if (!placed) TellStarter("runs outside its groups: " + zel::GetCgroupClientProblem());
+        return kExitClean;
+    }
     // Without it the monitor would give this process a limit of its own, on top of what the others share.
     LogLine(problem + "; waiting for the main process to write it again", zel::kLogWarning);
     for (int waited = 0; waited < kFileWaitMs; waited += kFileStepMs) {
@@ -231,6 +234,12 @@ int Process::JoinOwnGroups() {
     }
     LogLine("no component file after " + std::to_string(kFileWaitMs / 1000) + " s", zel::kLogError);
     return Refuse(kExitNoGroups, problem);
+}
+
+// The log has it anyway; who starts a component by hand does not look there first.
+void Process::TellStarter(const std::string& line) const {
+    if (m_options.IsMain() || m_options.parentPid != 0 || m_options.logToConsole) return;
+    fprintf(stderr, "%s: %s\n", m_options.name.c_str(), line.c_str());
 }
 
 void Process::ForgetOwnGroups() {
@@ -319,7 +328,10 @@ void Process::TellLimits() {
     for (std::string& line : ExplainMemoryRefusal(report, m_options.appDir, m_options.configPath)) {
         lines.push_back(std::move(line));
     }
-    for (const std::string& line : m_limitNews.TakeNews(report, std::move(lines))) LogLine(line, zel::kLogWarning);
+    for (const std::string& line : m_limitNews.TakeNews(report, std::move(lines))) {
+        LogLine(line, zel::kLogWarning);
+        TellStarter(line);
+    }
 }
 
 int Process::StartLoad() {

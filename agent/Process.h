@@ -61,6 +61,7 @@ private:
     int StartBroadcast();
     void StopBroadcast();
     int JoinOwnGroups();
+    void TellStarter(const std::string& line) const;
     void ForgetOwnGroups();
     int StartMonitor();
     void StopMonitor();

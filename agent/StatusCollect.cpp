@@ -70,6 +70,7 @@ StatusReport CollectStatus(const StatusSources& sources) {
     std::string problem;
     report.unified = (report.mode & zel::kModeUnified) != 0 && zel::ReadCgroupTreeStatus(report.tree, problem) &&
                      IsInUnifiedTree(report.tree, report.pid);
+    if (!report.unified && report.tree.problem.empty()) report.tree.problem = zel::GetCgroupClientProblem();
     FindWhyMissing(report);
     report.modeInForce = ModeInForce(report);
     report.keeper = zel::GetCgroupKeeperStatus();

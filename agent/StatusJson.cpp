@@ -36,6 +36,7 @@ void Fields(Io& io, Of<Io, zel::CgroupControllerStatus>& controller) {
     io("version", controller.version);
     io("group", controller.groupPath);
     io("limited", controller.limited);
+    io("limited_by_others", controller.byOthers);
     io("limit_group", controller.limitPath);
     io("reason", controller.reason);
     io("advice", controller.advice);
@@ -78,6 +79,7 @@ void Fields(Io& io, Of<Io, zel::CgroupTreeStatus>& tree) {
     io("layout", tree.layout);
     io("cpu_place", tree.cpuPlace);
     io("memory_place", tree.memoryPlace);
+    io("problem", tree.problem);
     io.List("nodes", tree.nodes);
 }
 

@@ -8,8 +8,12 @@
 namespace agent {
 
 int ModeInForce(const StatusReport& report) {
-    return (report.cgroup.cpu.limited ? zel::kModeCpu : 0) | (report.cgroup.mem.limited ? zel::kModeMemory : 0) |
-           (report.unified ? zel::kModeUnified : 0);
+    return (HoldsOwnLimit(report.cgroup.cpu) ? zel::kModeCpu : 0) |
+           (HoldsOwnLimit(report.cgroup.mem) ? zel::kModeMemory : 0) | (report.unified ? zel::kModeUnified : 0);
+}
+
+bool HoldsOwnLimit(const zel::CgroupControllerStatus& controller) {
+    return controller.limited && !controller.byOthers;
 }
 
 bool IsInUnifiedTree(const zel::CgroupTreeStatus& tree, int pid) {
@@ -42,8 +46,11 @@ std::string DescribeMode(const StatusReport& report) {
     if (report.unified) return wanted + "one group per component, " + report.tree.layout;
     if ((report.mode & zel::kModeUnified) != 0) {
         return wanted + "one group per component is asked for and not in force; " +
-               (report.cgroup.cpu.limited || report.cgroup.mem.limited ? "one group for the whole agent holds instead"
-                                                                       : "no limit holds");
+               (HoldsOwnLimit(report.cgroup.cpu) || HoldsOwnLimit(report.cgroup.mem)
+                    ? "one group for the whole agent holds instead"
+                : report.cgroup.cpu.byOthers || report.cgroup.mem.byOthers ? "no limit holds but those of others"
+                                                                           : "no limit holds") +
+               (report.tree.problem.empty() ? "" : "; " + report.tree.problem);
     }
     return wanted + "one group for the whole agent";
 }

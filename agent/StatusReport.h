@@ -45,6 +45,8 @@ struct StatusReport {
     std::vector<std::string> logLines;    ///< the last of them, oldest first
 };
 
+/// Whether a limit that the agent has set holds, rather than one of others alone. Pure.
+bool HoldsOwnLimit(const zel::CgroupControllerStatus& controller);
 /// Bits of the limit mode: which limits the kernel shows for this process, and whether it is in the tree. Pure.
 int ModeInForce(const StatusReport& report);
 /// Whether a group of the tree holds the process. Pure.

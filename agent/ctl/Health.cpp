@@ -17,8 +17,9 @@ constexpr char kKept[] = "it is put back within seconds; where it does not stay,
 constexpr char kMoved[] = "something else moved it, or it could not join: its log says so; restart it";
 
 void FindMissingLimit(const char* name, const zel::CgroupControllerStatus& controller, Troubles& found) {
-    if (controller.limited) return;
-    found.push_back({std::string(name) + " limit is asked for and not in force: " + controller.reason,
+    if (HoldsOwnLimit(controller)) return;
+    const std::string others = controller.byOthers ? "only that of others holds, it is " : "";
+    found.push_back({std::string(name) + " limit is asked for and not in force: " + others + controller.reason,
                      controller.advice.empty() ? "the log says why; reload tries again" : controller.advice});
 }
 

@@ -99,6 +99,20 @@ Status RemoveLevel(const Branch& branch, const GroupDir& group, int depth) {
     return first ? emptied : first;
 }
 
+Status CheckIsEmpty(const GroupDir& group, int depth) {
+    Result<std::vector<int>> pids = group.Processes();
+    if (!pids) return pids.GetError();
+    Result<std::vector<std::string>> children = group.Children();
+    if (!children) return children.GetError();
+    if (!pids->empty() || depth > kMaxTreeDepth) return MakeError(ErrorKind::kBusy, "remove", group.Path());
+    for (const std::string& name : *children) {
+        Result<GroupDir> child = group.OpenChild(name);
+        Status empty = child ? CheckIsEmpty(*child, depth + 1) : Status(child.GetError());
+        if (!empty) return empty;
+    }
+    return {};
+}
+
 /// In a delegated group the processes beside the tree go back into it, as the service manager had them.
 Status GiveBackBase(const Branch& branch) {
     const GroupDir& base = branch.placement->base;
@@ -216,6 +230,14 @@ void SweepTree(const Branch& branch, const GroupTargets& targets) {
         }
         if (targets.Find(group.name) == nullptr) RemoveIfEmpty(*tree, group);
     }
+}
+
+Status RemoveEmptiedTree(const Branch& branch) {
+    Result<GroupDir> tree = OpenTree(branch);
+    if (!tree) return IsNotFound(tree.GetError()) ? Status() : Status(tree.GetError());
+    Status removed = CheckIsEmpty(*tree, 0);
+    if (removed) removed = RemoveLevel(branch, *tree, 0);
+    return removed ? branch.placement->base.RemoveChild(AgentGroupName()) : removed;
 }
 
 Status RemoveTree(const Branch& branch) {

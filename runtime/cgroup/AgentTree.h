@@ -31,6 +31,9 @@ Status MoveOutLike(const Branch& branch, int pid, int like);
 /// Removes what is empty and has no place in the targets. What holds processes is looked at again the next time.
 void SweepTree(const Branch& branch, const GroupTargets& targets);
 
+/// Removes the tree if no process is in it any more, and moves nobody. kBusy: one is, or a group of others.
+Status RemoveEmptiedTree(const Branch& branch);
+
 /// Moves every process out of the branch's tree and removes its groups, leaves first; in a delegated group everything
 /// is given back as it was. Groups inside that are not ours stay, and so does the tree then, without a limit of ours;
 /// the error names them.

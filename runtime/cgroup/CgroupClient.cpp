@@ -31,6 +31,23 @@ struct ComponentName {
     std::string name ZEL_GUARDED_BY(mutex);
 };
 
+/// Why this process is not in its leaves, for who asks.
+struct ClientProblem {
+    base::Mutex mutex;
+    std::string text ZEL_GUARDED_BY(mutex);
+};
+
+ClientProblem& ProcessProblem() {
+    static ClientProblem* const problem = new ClientProblem;
+    return *problem;
+}
+
+void NoteProblem(const std::string& text) {
+    ClientProblem& problem = ProcessProblem();
+    const base::MutexLock lock(problem.mutex);
+    problem.text = text;
+}
+
 ComponentName& ProcessComponent() {
     static ComponentName instance;
     return instance;
@@ -162,12 +179,14 @@ void CCgroupClient::Impl::Take(Controller controller, const std::optional<LeafPl
 bool CCgroupClient::Impl::Reload() {
     const std::string path = ComponentFilePath();
     Result<ComponentFile> file = ReadCurrentFile(path);
-    const Branches branches = FindBranches();
+    Branches branches = FindBranches();
     // The main process never takes the file away: where its tree is in use, somebody else did, and it comes back.
     const bool none = !file && file.GetError().kind == ErrorKind::kNotFound;
     if (none && !IsTreeInUse(branches)) return LeaveAll("there is no component file");
     if (!file) return Refuse(__LINE__, file.GetError());
     if (!file->enabled) return LeaveAll("they are switched off");
+    Status found = TakePublishedPlaces(branches, *file);
+    if (!found) return Refuse(__LINE__, found.GetError());
     Result<LeafPlaces> places = FindOwnPlaces(branches, *file, path);
     if (!places) return Refuse(__LINE__, places.GetError());
     if (!Join(*places)) return false;
@@ -188,6 +207,7 @@ bool CCgroupClient::ReloadConfig() {
     const base::MutexLock lock(m_impl->mutex);
     const bool ok = m_impl->Reload();
     if (ok) m_impl->lastRefusal.clear();
+    NoteProblem(m_impl->lastRefusal);
     return ok;
 }
 
@@ -219,6 +239,12 @@ std::string CCgroupClient::GetCpuCgroupPath() {
 std::string CCgroupClient::GetMemCgroupPath() {
     const base::MutexLock lock(m_impl->mutex);
     return m_impl->joined.memory.path;
+}
+
+std::string GetCgroupClientProblem() {
+    ClientProblem& problem = ProcessProblem();
+    const base::MutexLock lock(problem.mutex);
+    return problem.text;
 }
 
 void SetCgroupClientComponent(const std::string& name) {

@@ -104,6 +104,7 @@ struct CCgroupManager::Impl {
     std::vector<OomCarried> carried ZEL_GUARDED_BY(mutex);  ///< as the file has it
     Publication published ZEL_GUARDED_BY(mutex);
     bool mainInside ZEL_GUARDED_BY(mutex) = false;  ///< this process was put into the tree
+    bool mainLeft ZEL_GUARDED_BY(mutex) = false;    ///< it has left it, and the tree is there still
     Keeper keeper ZEL_GUARDED_BY(mutex);
 
     void Locate() ZEL_REQUIRES(mutex);
@@ -116,6 +117,7 @@ struct CCgroupManager::Impl {
         ZEL_REQUIRES(mutex);
     void Sweep() ZEL_REQUIRES(mutex);
     bool Keep(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) ZEL_EXCLUDES(mutex);
+    void RemoveEmptied() ZEL_REQUIRES(mutex);
     void RunKeeper(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) ZEL_REQUIRES(mutex);
     Status ReadOom() ZEL_REQUIRES(mutex);
     void ObserveOom() ZEL_REQUIRES(mutex);
@@ -147,6 +149,7 @@ bool CCgroupManager::Impl::Reconcile(const Flags& wanted, const CgroupTotalLimit
     targets = std::move(next);
     published.valid = false;
     ForgetWanted();
+    mainLeft = mainLeft && !wanted.cpu && !wanted.memory;
     keeper.ForgetGroups();
     for (const Controller controller : kAllControllers) {
         if (wanted[controller] && !branches.of[controller]) problems.push_back(branches.errors[controller]);
@@ -193,7 +196,10 @@ bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
     const base::MutexLock placing(PlacementMutex());
     Status joined = membership.Join(pid, entries, stranded);
     for (const Error& error : stranded) LogLine(kLogWarning, __LINE__, "cannot go back: " + error.Text());
-    if (joined && pid == getpid()) mainInside = true;
+    if (joined && pid == getpid()) {
+        mainInside = true;
+        mainLeft = false;
+    }
     return joined || Fail(__LINE__, joined.GetError());
 }
 
@@ -203,6 +209,7 @@ bool CCgroupManager::Impl::RemovePid(int pid) {
     if (pid == getpid()) {
         // The way out of the unified mode: until it is published anew there is nothing to put back.
         mainInside = false;
+        mainLeft = true;
         published.valid = false;
         ForgetWanted();
     }
@@ -267,9 +274,25 @@ void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, s
     g_status = std::move(status);
 }
 
+/// The unified mode was switched off: its groups go as soon as the last process has left them.
+void CCgroupManager::Impl::RemoveEmptied() {
+    Locate();
+    mainLeft = false;
+    for (const std::shared_ptr<Branch>& branch : branches.all) {
+        if (!branch->placement) continue;
+        Status removed = RemoveEmptiedTree(*branch);
+        mainLeft = mainLeft || (!removed && removed.GetError().kind != ErrorKind::kRefused);
+    }
+    branches = Branches();
+    if (mainLeft) return;
+    inUse = Flags();
+    LogLine(kLogInfo, __LINE__, "the groups of the unified mode were removed, nobody is in them any more");
+}
+
 bool CCgroupManager::Impl::Keep(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) {
     if (!mutex.try_lock()) return false;
     if (published.valid) RunKeeper(members, news);
+    if (mainLeft) RemoveEmptied();
     mutex.unlock();
     return true;
 }

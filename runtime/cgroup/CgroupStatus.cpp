@@ -7,6 +7,7 @@
 
 #include "Hierarchy.h"
 #include "Limits.h"
+#include "OwnGroup.h"
 #include "base/ProcFiles.h"
 
 namespace zel {
@@ -62,6 +63,12 @@ std::string ParentPath(const std::string& path) {
     return slash == std::string::npos || slash == 0 ? "/" : path.substr(0, slash);
 }
 
+/// A limit of one of the agent's own groups makes it one that the agent has set.
+void NoteOwner(const GroupDir& group, CgroupControllerStatus& out) {
+    const Result<bool> own = cgroup::IsMarkedOwn(group);
+    if (own && *own) out.byOthers = false;
+}
+
 // Calls visit(group) for the own group and each one above it that this mount shows.
 template <typename Visit>
 void WalkUp(const Hierarchy& hierarchy, std::string path, Visit visit) {
@@ -96,8 +103,10 @@ void ReadCpu(int pid, const LayoutTexts& texts, CgroupCpuStatus& out) {
     cgroup::CpuCounters counters;
     if (Result<cgroup::CpuCounters> read = cgroup::ReadCpuCounters(own.dir)) counters = *read;
     cgroup::Limit tightest;
+    out.byOthers = true;
     WalkUp(own.hierarchy, own.path, [&](const GroupDir& group) {
         Result<cgroup::Limit> limit = cgroup::ReadLimit(Controller::kCpu, group);
+        if (limit && cgroup::IsLimited(Controller::kCpu, *limit)) NoteOwner(group, out);
         if (!limit || !cgroup::IsTighter(Controller::kCpu, *limit, tightest)) return;
         tightest = *limit;
         out.limited = true;
@@ -107,6 +116,7 @@ void ReadCpu(int pid, const LayoutTexts& texts, CgroupCpuStatus& out) {
         out.limit100Times = cgroup::QuotaTo100Times(limit->cpu);
         if (Result<cgroup::CpuCounters> read = cgroup::ReadCpuCounters(group)) counters = *read;
     });
+    out.byOthers = out.byOthers && out.limited;
     out.periods = counters.periods;
     out.throttledPeriods = counters.throttledPeriods;
     out.throttledUs = counters.throttledUs;
@@ -120,8 +130,10 @@ void ReadMem(int pid, const LayoutTexts& texts, CgroupMemStatus& out) {
     cgroup::MemCounters counters;
     if (Result<cgroup::MemCounters> read = cgroup::ReadMemCounters(own.dir)) counters = *read;
     out.oomKills = counters.oomKills;
+    out.byOthers = true;
     WalkUp(own.hierarchy, own.path, [&](const GroupDir& group) {
         Result<cgroup::MemLimit> limit = cgroup::ReadMemLimit(group);
+        if (limit && limit->hardBytes >= 0) NoteOwner(group, out);
         if (!limit || limit->hardBytes < 0 || (out.limited && limit->hardBytes >= out.limitBytes)) return;
         out.limited = true;
         out.limitPath = group.Path();
@@ -129,6 +141,7 @@ void ReadMem(int pid, const LayoutTexts& texts, CgroupMemStatus& out) {
         out.softLimitBytes = limit->softBytes;
         if (Result<cgroup::MemCounters> read = cgroup::ReadMemCounters(group)) counters = *read;
     });
+    out.byOthers = out.byOthers && out.limited;
     out.usageBytes = counters.usageBytes;
     out.limitHits = counters.limitHits;
     Explain(own.hierarchy, own.path, out);

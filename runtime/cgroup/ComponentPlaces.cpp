@@ -1,6 +1,7 @@
 // Reading and proving.
 #include "ComponentPlaces.h"
 
+#include <optional>
 #include <utility>
 
 #include "AgentTree.h"
@@ -46,6 +47,33 @@ Result<LeafPlace> OpenPlace(const Branches& branches, Controller controller, con
     return LeafPlace{branch, std::move(*dir), leaf.quota};
 }
 
+/// Returns: the group above the tree, from the hierarchy's root; nothing when it is no tree of ours by its name.
+std::optional<std::string> BaseOf(const Hierarchy& hierarchy, const std::string& tree) {
+    const std::string name = "/" + AgentGroupName();
+    const std::string& mount = hierarchy.mountPoint;
+    if (tree.size() < mount.size() + name.size() || tree.compare(0, mount.size(), mount) != 0) return std::nullopt;
+    if (tree.compare(tree.size() - name.size(), name.size(), name) != 0) return std::nullopt;
+    const std::string below = tree.substr(mount.size(), tree.size() - mount.size() - name.size());
+    if (below.empty()) return hierarchy.mountRoot;
+    if (below.front() != '/') return std::nullopt;
+    return hierarchy.mountRoot == "/" ? below : hierarchy.mountRoot + below;
+}
+
+Status TakePublishedPlace(Branch& branch, const std::string& tree) {
+    const std::optional<std::string> base = BaseOf(branch.hierarchy, tree);
+    if (!base || (branch.placement && branch.placement->groupPath == *base)) return {};
+    const std::string bound = FindLimitOfOthers(branch.hierarchy);
+    if (!bound.empty() && !IsAtOrBelow(*base, bound)) {
+        return MakeError(ErrorKind::kRefused, "join", tree,
+                         "this process would get out of the limits that others have set on " + bound +
+                             ": start it where the main process is started, or lift them");
+    }
+    Result<Placement> placement = PlacementAt(branch.hierarchy, *base, false);
+    if (!placement) return placement.GetError();
+    branch.placement = std::move(*placement);
+    return {};
+}
+
 }  // namespace
 
 bool IsTreeInUse(const Branches& branches) {
@@ -62,6 +90,16 @@ bool IsTreeInUse(const Branches& branches) {
         }
     }
     return false;
+}
+
+Status TakePublishedPlaces(Branches& branches, const ComponentFile& file) {
+    for (const Controller controller : kAllControllers) {
+        const ComponentParent& parent = file.Parent(controller);
+        if (!parent.present || !branches.of[controller]) continue;
+        Status taken = TakePublishedPlace(*branches.of[controller], parent.path);
+        if (!taken) return taken;
+    }
+    return {};
 }
 
 std::string ComponentFilePath() {

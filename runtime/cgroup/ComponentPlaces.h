@@ -30,6 +30,10 @@ std::string ComponentFilePath();
 /// Reads the file and proves that it is about this boot. kNotFound: there is none.
 Result<ComponentFile> ReadCurrentFile(const std::string& path);
 
+/// Finds the tree where the file says that the main process has made it, also from where this process would have made
+/// none or another. kRefused: it would get out of a limit of others on the way.
+Status TakePublishedPlaces(Branches& branches, const ComponentFile& file);
+
 /// Opens every leaf of the entry, by way of this host's own view of the tree.
 Result<LeafPlaces> OpenPlaces(const Branches& branches, const ComponentFile& file, const ComponentEntry& entry);
 

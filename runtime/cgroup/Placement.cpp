@@ -226,6 +226,13 @@ Result<Placement> PlacementAt(const Hierarchy& hierarchy, const std::string& gro
     return out;
 }
 
+std::string FindLimitOfOthers(const Hierarchy& hierarchy) {
+    Result<GroupDir> root = GroupDir::Open(hierarchy.mountPoint, hierarchy.version);
+    const std::optional<std::string> own = hierarchy.BelowMount(hierarchy.ownPath);
+    if (!root || !own) return hierarchy.ownPath;
+    return LookDown(*root, hierarchy, *own).bound;
+}
+
 Status PrepareBase(const Hierarchy& hierarchy, const Placement& placement, Controller controller,
                    const GroupDir& leaf) {
     const GroupDir& base = placement.base;

@@ -47,6 +47,10 @@ Result<Placement> FindPlacement(const Hierarchy& hierarchy, const LayoutTexts& t
 /// The same for a base that is known already, without a look at whether it may be used.
 Result<Placement> PlacementAt(const Hierarchy& hierarchy, const std::string& groupPath, bool delegated);
 
+/// Returns: the deepest group at or above this process's own that carries a limit of others, where it is in a group of
+/// the agent's the deepest above that; empty when there is none. A group that the mount does not show may carry one.
+std::string FindLimitOfOthers(const Hierarchy& hierarchy);
+
 /// Version 2: makes the controller usable in children of the base, and offered to it where it is not delegated. In a
 /// delegated group, and in one that holds the agent's processes only, these are first moved to `leaf`, a child of the
 /// base, as the kernel allows no process beside children with controllers.

@@ -188,6 +188,10 @@ bool ReadCgroupTreeStatus(CgroupTreeStatus& out, std::string& error) {
     status.cpuPlace = branches.PlaceText(Controller::kCpu);
     status.memoryPlace = branches.PlaceText(Controller::kMemory);
     std::map<NodeKey, Found> found;
+    for (const Controller controller : kAllControllers) {
+        const std::shared_ptr<Branch>& branch = branches.of[controller];
+        if (status.problem.empty() && !(branch && branch->placement)) status.problem = branches.PlaceText(controller);
+    }
     for (const std::shared_ptr<Branch>& branch : branches.all) {
         Status read = ReadBranch(*branch, found);
         if (!read && branch->placement) {

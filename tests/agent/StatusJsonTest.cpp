@@ -76,7 +76,7 @@ StatusReport FullReport() {
                           "killed by signal 9", true, 33, "its main thread"}};
     report.cgroup.cpu.version = 1;
     report.cgroup.cpu.groupPath = "/a";
-    report.cgroup.cpu.limited = true;
+    report.cgroup.cpu.limited = report.cgroup.cpu.byOthers = true;
     report.cgroup.cpu.limitPath = "/b";
     report.cgroup.cpu.reason = "limited";
     report.cgroup.cpu.advice = "none";
@@ -91,7 +91,7 @@ StatusReport FullReport() {
     report.cgroup.mem.limitPath = "/d";
     report.cgroup.mem.reason = "limited too";
     report.cgroup.mem.advice = "look";
-    report.cgroup.mem.limited = true;
+    report.cgroup.mem.limited = report.cgroup.mem.byOthers = true;
     report.cgroup.mem.limitBytes = 1 << 20;
     report.cgroup.mem.usageBytes = 1 << 10;
     report.cgroup.mem.limitHits = 1;
@@ -100,6 +100,7 @@ StatusReport FullReport() {
     report.tree.layout = "v1";
     report.tree.cpuPlace = "here";
     report.tree.memoryPlace = "there";
+    report.tree.problem = "nowhere";
     report.tree.nodes = {Node(zel::CgroupLevel::kParent, "zel"), Node(zel::CgroupLevel::kGroup, "guard"),
                          Node(zel::CgroupLevel::kComponent, "QorNet")};
     report.undelegated = "a.service";

@@ -19,6 +19,7 @@ constexpr int64_t kMegabyte = 1024 * 1024;
 constexpr int64_t kOuterMemory = 200 * kMegabyte;
 constexpr int64_t kOuterQuotaUs = 30000;
 constexpr int64_t kPeriodUs = 100000;
+constexpr int kRetriesSeconds = 7;  ///< a component tries again every second, and looks at everything every five
 
 /// Looks again and again at every process that runs the agent's program, or a given one, for the agent of a directory.
 class Watch {
@@ -214,6 +215,78 @@ TEST_F(OuterLimitTest, TheTreeTakesNoMoreThanTheOperatorGives) {
         Poll(kSettleSeconds, [&] { return ReadNumber(Cpu("/" + Tree() + "/cpu.cfs_quota_us")) > kOuterQuotaUs; }));
     std::string text;
     EXPECT_TRUE(Poll(kSettleSeconds, [&] { return RunConsole({"check"}, text) == 0; })) << text;
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectEmptyOuter();
+}
+
+/// A component that somebody starts by hand, not the main process.
+class StrayComponentTest : public OuterLimitTest {
+protected:
+    Child StartByHand(const std::string& before = "") {
+        std::vector<std::string> words{"/bin/sh", "-c", before + " exec \"$@\"", "sh"};
+        for (const std::string& word : AgentWords({"--name", "QorNet"})) words.push_back(word);
+        Child child = Spawn(words, Environment(), NextOutput());
+        EXPECT_TRUE(Poll(kStartSeconds, [&] { return LogCount(" is running, process ", "QorNet") > 0; }))
+            << child.Output();
+        return child;
+    }
+    void StartMainInside() {
+        WriteResource({{"max_cpu", "30"}, {"max_memory", "150"}, {"resource_limit_mode", "13"}});
+        m_main = StartInside();
+        ASSERT_TRUE(WaitInTree("/main/Tervane", [&] { return m_main.Pid(); }));
+    }
+    Child m_main;
+};
+
+TEST_F(StrayComponentTest, JoinsTheTreeWhereTheMainProcessHasIt) {
+    StartMainInside();
+    Child component = StartByHand();
+    EXPECT_TRUE(WaitInTree("/collect-defense/QorNet", [&] { return component.Pid(); })) << component.Output();
+    EXPECT_EQ(component.Output(), "");
+    WriteOnline("{\"resourceLimitMode\": 0}");
+    const std::string groups = "/proc/" + std::to_string(component.Pid()) + "/cgroup";
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return ReadText(groups).find(Tree()) == std::string::npos; }));
+    EXPECT_THAT(ReadText(groups), testing::HasSubstr(":cpu:/\n")) << "back where it was started";
+    EXPECT_EQ(component.Stop(), 0);
+    EXPECT_EQ(m_main.Stop(), 0);
+    ExpectEmptyOuter();
+}
+
+TEST_F(StrayComponentTest, StaysInLimitsThatItWouldGetOutOfAndSaysSo) {
+    StartMainInside();
+    const std::string other = CpuRoot() + m_name + ".other";
+    ASSERT_EQ(mkdir(other.c_str(), 0755), 0);
+    EXPECT_TRUE(WriteText(other + "/cpu.cfs_quota_us", "50000"));
+    Child component = StartByHand("echo $$ > " + other + "/cgroup.procs;");
+    const std::string why = "this process would get out of the limits that others have set on " + m_name + ".other";
+    EXPECT_THAT(component.Output(), testing::HasSubstr("QorNet: runs outside its groups: "));
+    EXPECT_THAT(component.Output(), testing::HasSubstr(why));
+    EXPECT_TRUE(LogHas(why, "QorNet"));
+    const std::string groups = "/proc/" + std::to_string(component.Pid()) + "/cgroup";
+    const bool left =
+        Poll(kRetriesSeconds, [&] { return ReadText(groups).find(":cpu:" + m_name + ".other") == std::string::npos; });
+    EXPECT_FALSE(left) << ReadText(groups);
+    EXPECT_THAT(Status("QorNet")["mode_reason"].asString(), testing::HasSubstr(why));
+    EXPECT_EQ(component.Stop(), 0);
+    EXPECT_TRUE(Poll(10, [&] { return rmdir(other.c_str()) == 0; }));
+    EXPECT_EQ(m_main.Stop(), 0);
+    ExpectEmptyOuter();
+}
+
+TEST_F(OuterLimitTest, TheTreeGoesWithTheUnifiedMode) {
+    WriteResource({{"max_cpu", "30"}, {"max_memory", "150"}, {"resource_limit_mode", "13"}});
+    WriteComponents(
+        "{\"name\": \"QorNet\", \"group\": \"collect-defense\"}, {\"name\": \"QorHips\", \"group\": "
+        "\"collect-defense\", \"command\": [\"/bin/sleep\", \"1000\"]}");
+    Child agent = StartInside({"--limit-check", "1"});
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_TRUE(WaitInTree("/collect-defense/QorNet", [&] { return ComponentPid("QorNet"); }));
+        EXPECT_TRUE(WaitInTree("/collect-defense/QorHips", [&] { return ComponentPid("QorHips"); }));
+        WriteOnline("{\"resourceLimitMode\": 0}");
+        EXPECT_TRUE(Poll(kSettleSeconds, [&] { return ChildrenOf(Cpu()).empty() && ChildrenOf(Memory()).empty(); }));
+        WriteOnline("{\"resourceLimitMode\": 13}");
+    }
+    EXPECT_TRUE(WaitInTree("/main/Tervane", [&] { return agent.Pid(); }));
     EXPECT_EQ(agent.Stop(), 0);
     ExpectEmptyOuter();
 }

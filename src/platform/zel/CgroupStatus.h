@@ -15,6 +15,7 @@ struct CgroupControllerStatus {
     std::string hierarchyPath;  ///< where the hierarchy is mounted
     std::string groupPath;      ///< directory of the process's own group; empty when this mount does not show it
     bool limited = false;       ///< a limit holds, set on the group or on one above it
+    bool byOthers = false;      ///< and none of the agent's own groups on the way up carries one
     std::string limitPath;      ///< directory of the group whose limit is the tightest; empty when not limited
     std::string reason;         ///< one sentence: what holds, or why nothing does
     std::string advice;         ///< what to do about it; empty when there is nothing to do

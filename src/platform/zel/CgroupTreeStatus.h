@@ -46,6 +46,7 @@ struct CgroupTreeStatus {
     std::string layout;    ///< "v1", "v2", "hybrid" (one of each) or "none"
     std::string cpuPlace;  ///< one sentence each: which hierarchy, where in it, or why none
     std::string memoryPlace;
+    std::string problem;  ///< why no groups can be made for a controller; empty when they can for both
     std::vector<CgroupNodeStatus> nodes;  ///< the parent, then each group followed by its components
 };
 
@@ -100,5 +101,9 @@ ZEL_API CgroupLeafEnd EndCgroupComponent(const std::string& component);
 /// Names this process's component for CCgroupClient: the "name" of its entry in the component file. To be called
 /// before the client's first use. Without a call the environment variable ZEL_COMPONENT counts.
 ZEL_API void SetCgroupClientComponent(const std::string& name);
+
+/// Returns: why this process's CCgroupClient could not do as the component file says, as of its last look; empty when
+/// it could. Any thread.
+ZEL_API std::string GetCgroupClientProblem();
 
 }  // namespace zel

@@ -1,5 +1,6 @@
 // Where groups may be made, on a real version 2 hierarchy: delegated units, services that are not, and the root. The
 // hierarchy needs no controller for that, so this runs beside version 1 controllers too.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/xattr.h>
 
@@ -22,21 +23,19 @@ class Stranger {
 public:
     Stranger() {
         int ends[2] = {-1, -1};
-        EXPECT_EQ(0, pipe(ends));
+        EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
         const pid_t between = fork();
         if (between == 0) {
             const pid_t own = fork();
-            if (own == 0) {
-                close(ends[0]);
-                close(ends[1]);
-                execl("/bin/sleep", "sleep", "1000", nullptr);
-            }
+            if (own == 0) execl("/bin/sleep", "sleep", "1000", nullptr);
             _exit(write(ends[1], &own, sizeof own) == sizeof own ? 0 : 1);
         }
+        close(ends[1]);
         waitpid(between, nullptr, 0);
         EXPECT_EQ(static_cast<ssize_t>(sizeof m_pid), read(ends[0], &m_pid, sizeof m_pid));
+        char none = 0;
+        EXPECT_EQ(0, read(ends[0], &none, 1)) << "closed when the program runs";
         close(ends[0]);
-        close(ends[1]);
     }
     ~Stranger() {
         if (m_pid > 0) kill(m_pid, SIGKILL);

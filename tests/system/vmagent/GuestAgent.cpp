@@ -229,7 +229,7 @@ void AgentInGuest::StartAgent(const std::vector<std::string>& more) {
     std::vector<std::string> words{TERVANE_PROGRAM, "--app-dir", kAppDir};
     words.insert(words.end(), more.begin(), more.end());
     m_lastOutput = "/tmp/agent." + std::to_string(++m_starts) + ".out";
-    m_pid = Spawn(words, m_lastOutput, {});
+    m_pid = Spawn(words, m_lastOutput, {m_startGroups.begin(), m_startGroups.end()});
     bool ended = false;
     const bool up = Poll(kStartSeconds, [&] {
         ended = waitpid(m_pid, nullptr, WNOHANG) == m_pid;

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -88,6 +89,7 @@ protected:
     /// Lets it be killed once more and waits until the kernel has counted it.
     void KillComponentOnce(const std::string& name, const std::string& group);
 
+    std::set<std::string> m_startGroups;  ///< where the agent is started; none: where the test is
     pid_t m_pid = -1;
     int m_starts = 0;
     std::string m_lastOutput;
