@@ -46,7 +46,7 @@ struct CgroupTreeStatus {
     std::string layout;    ///< "v1", "v2", "hybrid" (one of each) or "none"
     std::string cpuPlace;  ///< one sentence each: which hierarchy, where in it, or why none
     std::string memoryPlace;
-    std::string problem;  ///< why no groups can be made for a controller; empty when they can for both
+    std::string problem;                  ///< why no groups can be made for a controller; empty when they can for both
     std::vector<CgroupNodeStatus> nodes;  ///< the parent, then each group followed by its components
 };
 

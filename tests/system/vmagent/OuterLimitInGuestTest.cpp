@@ -81,10 +81,13 @@ protected:
         m_end = true;
         if (m_watch.joinable()) m_watch.join();
     }
-    void LookAt(const std::string& pid) {
+    static bool RunsAgent(const std::string& pid) {
         char program[256] = {};
-        if (readlink(("/proc/" + pid + "/exe").c_str(), program, sizeof program - 1) <= 0) return;
-        if (std::string(program) != TERVANE_PROGRAM) return;
+        if (readlink(("/proc/" + pid + "/exe").c_str(), program, sizeof program - 1) <= 0) return false;
+        return std::string(program) == TERVANE_PROGRAM;
+    }
+    void LookAt(const std::string& pid) {
+        if (!RunsAgent(pid)) return;
         std::istringstream lines(ReadText("/proc/" + pid + "/cgroup"));
         for (std::string line; std::getline(lines, line);) {
             const size_t name = line.find(':') + 1;
@@ -94,6 +97,8 @@ protected:
             if ((line.substr(path) + "/").compare(0, std::string(kOuter).size() + 1, std::string(kOuter) + "/") == 0) {
                 continue;
             }
+            // One that is ending is in no group any more; it has lost its program before that.
+            if (!RunsAgent(pid)) continue;
             const std::lock_guard<std::mutex> lock(m_mutex);
             if (m_escaped.empty()) m_escaped = "process " + pid + ": " + line;
         }
@@ -234,6 +239,27 @@ TEST_F(OuterLimitInGuest, DelegatedStrangersMoveAsideAndReturn) {
     EndWatch();
     EXPECT_EQ(Escaped(), "");
     EXPECT_THAT(Command("cat " + Outer("memory") + "/cgroup.procs"), HasSubstr(std::to_string(m_stranger)));
+    ExpectOuterEmpty();
+}
+
+// Without the look of the main process: the component finds its place by itself, the change gives what was taken.
+TEST_F(OuterLimitInGuest, ANewMaximumRepairsWhatWasTakenOutside) {
+    if (!IsV2("memory")) GTEST_SKIP() << "SKIP: version 2 is meant";
+    StartAgent({"--limit-check", "600"});
+    ASSERT_FALSE(HasFatalFailure());
+    EXPECT_TRUE(WaitIn("Quiet", "guard/Quiet")) << Where();
+    const pid_t component = PidOf("Quiet");
+    for (const char* controller : {"cpu", "memory"}) {
+        EXPECT_TRUE(WriteText(Root(controller) + "/cgroup.procs", std::to_string(component)));
+    }
+    const std::string given = Outer("memory") + "/zel.agent/guard/cgroup.subtree_control";
+    ASSERT_TRUE(WriteText(given, "-memory"));
+    WriteOnline("{\"groupMaxCpu\": 80}");
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return IsIn(component, "guard/Quiet"); })) << Where();
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return ReadText(given).find("memory") != std::string::npos; }));
+    const std::string limit = Outer("memory") + "/zel.agent/guard/Quiet/memory.max";
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return std::atoi(ReadText(limit).c_str()) > 0; })) << ReadText(limit);
+    EXPECT_EQ(StopAgent(), 0);
     ExpectOuterEmpty();
 }
 
