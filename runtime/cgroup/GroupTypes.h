@@ -30,7 +30,9 @@ struct PerController {
 
 using Flags = PerController<bool>;
 
-/// Tells one group from another of the same name: kernfs never uses an inode number twice while the device lives.
+/// Tells one group from another of the same name.
+/// Kernel: since Linux 4.14 a number does not come again while the device lives. Before, the lowest free one is given,
+/// so a group that is made anew may have its predecessor's: docs/CGROUP.md says what holds there.
 struct GroupIdentity {
     uint64_t device = 0;
     uint64_t inode = 0;
