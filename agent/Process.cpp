@@ -459,7 +459,7 @@ void Process::LookAfterLimits(int64_t second) {
     if (!g_groupsChanged.exchange(false) && second < m_nextLimitCheck) return;
     if (m_components != nullptr) m_components->PlacePrograms();
     const bool settled = m_placement == nullptr || m_placement->Look();
-    zel::GetResourceLimitUtil()->SyncCpuLimit();
+    KeepLegacy();
     m_nextLimitCheck = second + (settled ? kLimitCheckSeconds : kLimitRetrySeconds);
 }
 

@@ -10,6 +10,16 @@
 
 namespace agent {
 
+namespace {
+
+void DeliverAll(const std::vector<zel::CgroupDrift>& news) {
+    for (const zel::CgroupDrift& drift : news) {
+        Deliver(zel::kLimitDriftMessage, FormatDrift(drift, time(nullptr)));
+    }
+}
+
+}  // namespace
+
 std::string FormatDrift(const zel::CgroupDrift& drift, int64_t now) {
     Json::Value body(Json::objectValue);
     body["kind"] = zel::kCgroupDriftKinds[static_cast<size_t>(drift.kind)];
@@ -33,9 +43,13 @@ void TreeKeeping::Tick(int64_t second, const std::vector<zel::CgroupMember>& mem
     std::vector<zel::CgroupDrift> news;
     if (!zel::KeepCgroupTree(members, news)) return;
     m_lookedAt = second;
-    for (const zel::CgroupDrift& drift : news) {
-        Deliver(zel::kLimitDriftMessage, FormatDrift(drift, time(nullptr)));
-    }
+    DeliverAll(news);
+}
+
+void KeepLegacy() {
+    std::vector<zel::CgroupDrift> news;
+    zel::KeepLegacyLimit(news);
+    DeliverAll(news);
 }
 
 }  // namespace agent

@@ -23,6 +23,9 @@ private:
     int64_t m_lookedAt = 0;
 };
 
+/// Looks at this process's part of the legacy limit, in any process of the agent, and delivers what is news.
+void KeepLegacy();
+
 /// The body of the message about a difference. Pure.
 std::string FormatDrift(const zel::CgroupDrift& drift, int64_t now);
 

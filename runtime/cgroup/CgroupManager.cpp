@@ -13,6 +13,7 @@
 #include "ComponentPlaces.h"
 #include "ComponentPublisher.h"
 #include "Keeper.h"
+#include "LegacyLimit.h"
 #include "Membership.h"
 #include "OomCounters.h"
 #include "OwnGroup.h"
@@ -86,6 +87,15 @@ int64_t ClockUs(clockid_t clock) {
     timespec now{};
     clock_gettime(clock, &now);
     return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+}
+
+}  // namespace
+
+namespace {
+
+CgroupKeeperStatus TreeKeeperStatus() {
+    const base::MutexLock lock(g_statusLock);
+    return g_status;
 }
 
 }  // namespace
@@ -248,7 +258,7 @@ void CCgroupManager::Impl::Sweep() {
 
 /// One round of the keeper. What is news is in the log before it is handed on.
 void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) {
-    CgroupKeeperStatus status = GetCgroupKeeperStatus();
+    CgroupKeeperStatus status = TreeKeeperStatus();
     const int64_t begin = ClockUs(CLOCK_THREAD_CPUTIME_ID);
     Locate();
     KeeperRound round;
@@ -478,8 +488,9 @@ bool KeepCgroupTree(const std::vector<CgroupMember>& members, std::vector<Cgroup
 }
 
 CgroupKeeperStatus GetCgroupKeeperStatus() {
-    const base::MutexLock lock(g_statusLock);
-    return g_status;
+    CgroupKeeperStatus status = TreeKeeperStatus();
+    AddKeeperStatus(LegacyKeeperStatus(), status);
+    return status;
 }
 
 }  // namespace zel

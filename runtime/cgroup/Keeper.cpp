@@ -34,40 +34,6 @@ constexpr int kMaxAncestors = 32;
 /// Processes that are remembered at a time.
 constexpr size_t kMaxSeen = 8192;
 
-std::string QuotaText(const CpuQuota& quota) {
-    return quota.Unlimited() ? "no limit"
-                             : std::to_string(quota.quotaUs) + " us in " + std::to_string(quota.periodUs) + " us";
-}
-
-std::string BytesText(int64_t bytes) {
-    return bytes < 0 ? "no limit" : std::to_string(bytes / 1024) + " KB";
-}
-
-/// What a step is about, and its two values in words.
-void DescribeStep(const LimitStep& step, CgroupDrift& drift) {
-    drift.controller = ControllerName(step.controller);
-    if (step.controller == Controller::kCpu) {
-        CpuQuota asFound = step.inForce.cpu;
-        asFound.burstUs = 0;
-        const bool onlyBurst = asFound == step.wanted.cpu;
-        drift.kind = onlyBurst ? CgroupDriftKind::kCpuBurst : CgroupDriftKind::kCpuQuota;
-        drift.found = onlyBurst ? std::to_string(step.inForce.cpu.burstUs) + " us" : QuotaText(step.inForce.cpu);
-        drift.wanted = onlyBurst ? "none" : QuotaText(step.wanted.cpu);
-        return;
-    }
-    const bool onlySwap = step.inForce.bytes == step.wanted.bytes;
-    drift.kind = onlySwap ? CgroupDriftKind::kSwap : CgroupDriftKind::kMemory;
-    drift.found = BytesText(onlySwap ? step.swapInForce : step.inForce.bytes);
-    drift.wanted = BytesText(onlySwap ? step.swapWanted : step.wanted.bytes);
-}
-
-std::string ThingOf(const CgroupDrift& drift) {
-    std::string thing = kCgroupDriftKinds[static_cast<size_t>(drift.kind)];
-    if (drift.kind == CgroupDriftKind::kController) thing += " " + drift.controller;
-    thing += " of " + drift.path;
-    return drift.pid == 0 ? thing : thing + ", process " + std::to_string(drift.pid);
-}
-
 std::vector<int> ThreadsOf(int pid) {
     std::vector<int> out;
     const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(base::ProcessFile(pid, "task").c_str()), closedir);
@@ -214,9 +180,8 @@ void Keeper::Round::KeepBranch(const Branch& branch) {
         missing.push_back(std::move(drift));
     }
     m_status.lastGroups += static_cast<int64_t>(tree.dirs.size());
-    const bool due = std::any_of(missing.begin(), missing.end(), [&](const CgroupDrift& drift) {
-        return m_keeper.m_ledger.IsDue(ThingOf(drift), m_in.nowMs);
-    });
+    const bool due = std::any_of(missing.begin(), missing.end(),
+                                 [&](const CgroupDrift& drift) { return m_keeper.m_book.IsDue(drift, m_in.nowMs); });
     if (due) Rebuild(branch, missing);
     const std::string problem = due && !missing.empty() ? missing.front().problem : std::string();
     for (const Controller controller : kAllControllers) {
@@ -308,7 +273,7 @@ void Keeper::Round::KeepLimits(const OpenTreeFacts& tree, Controller controller,
         drift.component = node.leaf;
         drift.path = node.path;
         DescribeStep(step, drift);
-        if (!rebuilt && !m_keeper.m_ledger.IsDue(ThingOf(drift), m_in.nowMs)) {
+        if (!rebuilt && !m_keeper.m_book.IsDue(drift, m_in.nowMs)) {
             Postpone(drift);
             continue;
         }
@@ -330,7 +295,7 @@ void Keeper::Round::KeepFile() {
     drift.path = m_in.filePath;
     drift.found = m_in.judgeFile();
     if (drift.found.empty()) return;
-    if (!m_groupsMade && !m_keeper.m_ledger.IsDue(ThingOf(drift), m_in.nowMs)) return Postpone(drift);
+    if (!m_groupsMade && !m_keeper.m_book.IsDue(drift, m_in.nowMs)) return Postpone(drift);
     drift.repaired = m_groupsMade || m_in.republish();
     if (!drift.repaired) drift.problem = "the log says why";
     Report(std::move(drift));
@@ -417,7 +382,7 @@ void Keeper::Round::KeepMember(const Branch& branch, const GroupDir& dir, const 
     drift.found = place;
     drift.wanted = path;
     drift.cause = CauseOf(branch, key.pid, place);
-    if (!m_keeper.m_ledger.IsDue(ThingOf(drift), m_in.nowMs)) return Postpone(drift);
+    if (!m_keeper.m_book.IsDue(drift, m_in.nowMs)) return Postpone(drift);
     Status moved = Move(dir, key.pid);
     if (!moved && moved.GetError().kind == ErrorKind::kNotFound) return;  // it has ended
     drift.repaired = moved.Ok();
@@ -473,25 +438,11 @@ bool Keeper::Round::BelongsToAgent(int pid) const {
 // --- what is told ---------------------------------------------------------------------------------------------------
 
 void Keeper::Round::Report(CgroupDrift drift) {
-    const std::string thing = ThingOf(drift);
-    const DriftNews news = m_keeper.m_ledger.Note(thing, drift.repaired, m_in.nowMs);
-    drift.contested = m_keeper.m_ledger.IsContested(thing);
-    ++m_status.found[static_cast<size_t>(drift.kind)];
-    if (drift.repaired) {
-        m_status.lastRepairedAt = time(nullptr);
-        m_status.lastRepair = DescribeDrift(drift);
-    } else if (drift.kind != CgroupDriftKind::kForeign) {
-        ++m_status.failed;
-        m_status.notInForce.push_back(DescribeDrift(drift));
-    }
-    if (news != DriftNews::kNothing) m_news.push_back(std::move(drift));
+    m_keeper.m_book.Report(std::move(drift), m_in.nowMs, m_status, m_news);
 }
 
 void Keeper::Round::Postpone(const CgroupDrift& drift) {
-    CgroupDrift later = drift;
-    later.contested = m_keeper.m_ledger.IsContested(ThingOf(drift));
-    later.problem = "it is tried every " + std::to_string(kContestedPauseMs / 1000) + " s";
-    m_status.notInForce.push_back(DescribeDrift(later));
+    m_keeper.m_book.Postpone(drift, m_status);
 }
 
 std::vector<CgroupDrift> Keeper::Run(const KeeperRound& in, CgroupKeeperStatus& status) {
@@ -499,45 +450,10 @@ std::vector<CgroupDrift> Keeper::Run(const KeeperRound& in, CgroupKeeperStatus& 
     status.wanted.clear();
     status.lastGroups = 0;
     std::vector<CgroupDrift> news = Round(*this, in, status).Run();
-    for (std::string& thing : m_ledger.EndQuiet(in.nowMs)) m_ended.push_back(std::move(thing));
-    status.contested = m_ledger.Contested();
+    for (std::string& thing : m_book.EndQuiet(in.nowMs)) m_ended.push_back(std::move(thing));
+    status.contested = m_book.Contested();
     ++status.rounds;
     return news;
-}
-
-std::string DescribeDrift(const CgroupDrift& drift) {
-    std::string text;
-    const char* done = "set back";
-    switch (drift.kind) {
-        case CgroupDriftKind::kCpuQuota: text = "CPU quota of " + drift.path; break;
-        case CgroupDriftKind::kCpuBurst: text = "CPU burst of " + drift.path; break;
-        case CgroupDriftKind::kMemory: text = "memory limit of " + drift.path; break;
-        case CgroupDriftKind::kSwap: text = "limit on swap of " + drift.path; break;
-        case CgroupDriftKind::kController: text = "controller " + drift.controller + " of " + drift.path; break;
-        case CgroupDriftKind::kGroup: text = "group " + drift.path; break;
-        case CgroupDriftKind::kMember:
-            text = "process " + std::to_string(drift.pid) + " of " + drift.component;
-            done = "moved back";
-            break;
-        case CgroupDriftKind::kFile:
-            text = "component file " + drift.path;
-            done = "written again";
-            break;
-        case CgroupDriftKind::kForeign:
-            return "process " + std::to_string(drift.pid) + " (" + drift.found + ") is in " + drift.path +
-                   " and is none of the agent's; " + drift.problem;
-    }
-    text += drift.kind == CgroupDriftKind::kMember ? " (" + drift.controller + ") was in " : " was: ";
-    text += drift.found;
-    if (drift.kind == CgroupDriftKind::kGroup) done = "made again";
-    if (!drift.wanted.empty()) text += ", asked for: " + drift.wanted;
-    if (!drift.cause.empty()) text += "; " + drift.cause;
-    text += drift.repaired ? std::string("; ") + done : std::string("; not ") + done + ": " + drift.problem;
-    if (drift.contested) {
-        text += "; contested by another program, so it is looked after every " +
-                std::to_string(kContestedPauseMs / 1000) + " s only";
-    }
-    return text;
 }
 
 }  // namespace cgroup

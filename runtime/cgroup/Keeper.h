@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "Branch.h"
-#include "DriftLedger.h"
+#include "DriftBook.h"
 #include "GroupTargets.h"
 #include "TreeFacts.h"
 #include "platform/zel/CgroupKeeper.h"
@@ -63,14 +63,11 @@ private:
         kForeign,
     };
 
-    DriftLedger m_ledger;
+    DriftBook m_book;
     std::map<std::string, GroupIdentity> m_identities;  ///< by directory
     std::map<MemberKey, MemberState> m_seen;            ///< of the last round
     std::vector<std::string> m_ended;
 };
-
-/// Returns: the difference in one sentence, for log and status. Pure.
-std::string DescribeDrift(const CgroupDrift& drift);
 
 }  // namespace cgroup
 }  // namespace zel

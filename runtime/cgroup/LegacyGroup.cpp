@@ -132,18 +132,12 @@ Status LegacyGroup::Start(const LegacyGroup& other) {
     if (status) {
         m_started = true;
         m_applied = m_wanted;
-        m_otherLimit = Limit();
+        m_otherCpu = CpuQuota();
+        m_otherMem = MemLimit();
         JoinDescendants();
     } else if (m_group.IsOpen() && !m_started && !IsSharedWith(other)) {
         RemoveIfEmpty();
     }
-    return status;
-}
-
-Status LegacyGroup::Restore() {
-    Status status = Attach(true);
-    if (status) status = StartAttached(m_applied);
-    if (status) JoinDescendants();
     return status;
 }
 
@@ -164,7 +158,11 @@ void LegacyGroup::Reset(bool forgetOrigin) {
     m_group = GroupDir();
     m_wanted = LegacyValue();
     m_applied = LegacyValue();
-    m_otherLimit = Limit();
+    m_otherCpu = CpuQuota();
+    m_otherMem = MemLimit();
+    m_inside.clear();
+    m_awaited.clear();
+    m_judged.clear();
 }
 
 bool LegacyGroup::HoldsSelf() const {
@@ -178,15 +176,6 @@ bool LegacyGroup::Holds(const LegacyValue& value) const {
     return limit && IsLimited(m_controller, *limit) && SameLimit(m_controller, *limit, value.limit);
 }
 
-bool LegacyGroup::IsOtherLimitNew() {
-    const Limit before = std::exchange(m_otherLimit, Limit());
-    if (!m_group.IsAlive() || !HoldsSelf()) return false;
-    Result<Limit> limit = ReadLimit(m_controller, m_group);
-    if (!limit || !IsLimited(m_controller, *limit) || SameLimit(m_controller, *limit, m_applied.limit)) return false;
-    m_otherLimit = *limit;
-    return !SameLimit(m_controller, *limit, before);
-}
-
 // --- who is in it ---------------------------------------------------------------------------------------------------
 
 void LegacyGroup::JoinDescendants() const {
@@ -194,6 +183,7 @@ void LegacyGroup::JoinDescendants() const {
     if (!members) return;
     for (const ProcessEntry& entry : DescendantsOf(ReadProcessTable(), Self())) {
         if (entry.pid == Self() || std::binary_search(members->begin(), members->end(), entry.pid)) continue;
+        if (m_inside.count({entry.pid, entry.startTicks}) != 0) continue;  // the look at what differs decides
         Result<std::string> where = ReadGroupOf(entry.pid, m_hierarchy);
         if (!where || IsInTree(*where) || StartTicksOf(entry.pid) != entry.startTicks) continue;
         Status moved = m_group.MoveHere(entry.pid);

@@ -4,14 +4,18 @@
 
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Errors.h"
 #include "GroupDir.h"
 #include "Hierarchy.h"
 #include "LimitUnits.h"
+#include "Limits.h"
 #include "Membership.h"
+#include "platform/zel/CgroupKeeper.h"
 #include "Placement.h"
 
 namespace zel {
@@ -49,8 +53,6 @@ public:
     /// version 1 where it is mounted so, and then one group holds both limits.
     /// On failure: what was applied before stays what is kept.
     Status Start(const LegacyGroup& other);
-    /// Puts what was applied last in force again, with the group and the members. Requires: IsStarted().
-    Status Restore();
     /// Opens a group of an earlier run, or one that this process was born into.
     Status Adopt();
     /// Moves this process and its descendants back and removes the group, or lifts its limit where others are in it, or
@@ -75,11 +77,17 @@ public:
     bool HoldsSelf() const;
     /// Asked of the kernel: the group exists, this process is in it, and the value is what was asked for.
     bool IsInForce() const { return Holds(m_wanted); }
-    /// The same for what was applied last: a change that failed is not looked after, the value before it is.
-    bool IsKept() const { return Holds(m_applied); }
-    /// Returns: whether the group has another finite limit than ours, and had another at the last look. One process of
-    /// the agent hears of a new limit before the next: what it has written is no news of somebody else.
-    bool IsOtherLimitNew();
+
+    // What somebody else has changed, LegacyDrift.cpp. A change that failed is not looked after, the value before it
+    // is.
+
+    /// Looks at everything that was applied last. Children that were never in the group are moved in, in silence.
+    /// Returns: what differs. Another finite limit than ours counts at its second look: one process of the agent hears
+    /// of a new limit before the next, and what it has written is no news of somebody else; so does a child that is out
+    /// of the group, since it may have left by itself. Requires: IsStarted().
+    std::vector<CgroupDrift> FindDrifts();
+    /// Puts back what one of them is about.
+    Status Repair(const CgroupDrift& drift);
     /// Members that are not the agent's: not this process, not its family as far as it is in the group too, not a
     /// process of the same program or of the application directory.
     std::vector<int> Foreign() const;
@@ -95,6 +103,10 @@ private:
     Status StartAttached(const LegacyValue& value);
     Status Apply(const LegacyValue& value) const;
     bool Holds(const LegacyValue& value) const;
+    CgroupDrift DriftOf(CgroupDriftKind kind) const;
+    void FindValueDrifts(std::vector<CgroupDrift>& out);
+    void FindOwnDrift(std::vector<CgroupDrift>& out) const;
+    void FindMemberDrifts(std::vector<CgroupDrift>& out);
     Status Lift() const;
     Status ReturnToBase(int pid) const;
     void RemoveIfUnused(bool mayLift) const;
@@ -109,9 +121,14 @@ private:
     Hierarchy m_hierarchy;
     Placement m_placement;
     GroupDir m_group;
-    LegacyValue m_wanted;   ///< as last asked for
-    LegacyValue m_applied;  ///< as last put in force
-    Limit m_otherLimit;     ///< another than ours, as seen at the last look; unlimited: none
+    LegacyValue m_wanted;                      ///< as last asked for
+    LegacyValue m_applied;                     ///< as last put in force
+    CpuQuota m_otherCpu;                       ///< another than ours, as seen at the last look; unlimited: none
+    MemLimit m_otherMem;                       ///< the same
+    using Process = std::pair<int, uint64_t>;  ///< pid and start time
+    std::set<Process> m_inside;                ///< this process's children that belong into the group, at the last look
+    std::set<Process> m_awaited;               ///< those of them that were out of it
+    std::set<Process> m_judged;                ///< members that were looked at
 };
 
 }  // namespace cgroup

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 #include <set>
 #include <utility>
 
@@ -22,6 +23,8 @@ namespace {
 
 constexpr int kStartAttempts = 3;
 constexpr int kMemoryKind = 2;
+/// News that wait to be taken; what is beyond is in log and counts.
+constexpr size_t kMostNews = 64;
 constexpr char kCpuNotSet[] = "legacy CPU limit not set";
 constexpr char kMemoryNotSet[] = "legacy memory limit not set";
 
@@ -38,6 +41,20 @@ bool IsGone(const Status& status) {
 int64_t ReadOwnResidentBytes() {
     const Result<int64_t> pages = base::ReadResidentPages(static_cast<int>(getpid()));
     return pages ? *pages * sysconf(_SC_PAGESIZE) : 0;
+}
+
+int64_t ClockUs(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+}
+
+int64_t NowMs() {
+    return ClockUs(CLOCK_MONOTONIC) / 1000;
+}
+
+int64_t OwnCpuUs() {
+    return ClockUs(CLOCK_THREAD_CPUTIME_ID);
 }
 
 /// Logs the one line of a failure. Returns: `code`; `error` is the errno.
@@ -110,24 +127,16 @@ int LegacyLimit::Start(LegacyGroup& group, int& error) {
 }
 
 int LegacyLimit::StartPlaced(LegacyGroup& group, int& error) {
-    return Place(
-        group, [&] { return group.Start(OtherOf(group)); }, &LegacyGroup::IsInForce, error);
-}
-
-int LegacyLimit::Place(LegacyGroup& group, const std::function<Status()>& place, bool (LegacyGroup::*isDone)() const,
-                       int& error) {
     const char* what = group.GetController() == Controller::kCpu ? kCpuNotSet : kMemoryNotSet;
     Status status;
-    bool done = false;
     for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
-        status = place();
-        done = status && (group.*isDone)();
+        status = group.Start(OtherOf(group));
         // Another process of the agent may remove the group between our mkdir and our move, or write its own limit
         // beside ours: once more.
-        if (done || (!status && !IsGone(status))) break;
+        if (status ? group.IsInForce() : !IsGone(status)) break;
     }
     if (!status) return Fail(status.GetError(), what, LegacyCodeOf(status.GetError()), error);
-    if (!done) {
+    if (!group.IsInForce()) {
         return Fail(MakeError(ErrorKind::kNotInForce, "hold", group.Path(),
                               "membership or value changed at once: another manager writes this group"),
                     what, kLegacyNotInForce, error);
@@ -159,27 +168,62 @@ int LegacyLimit::Stop(LegacyGroup& group, int& error) {
     return code;
 }
 
-void LegacyLimit::Sync(LegacyGroup& group) {
+void LegacyLimit::Keep(LegacyGroup& group, CgroupKeeperStatus& status, std::vector<CgroupDrift>& news) {
     if (!group.IsStarted()) return;
     const base::MutexLock placing(PlacementMutex());
     if (StepAside(group)) return;
-    if (group.IsKept()) {
-        group.JoinDescendants();
-        return;
+    ++status.lastGroups;
+    const int64_t nowMs = NowMs();
+    for (CgroupDrift& drift : group.FindDrifts()) {
+        if (drift.kind != CgroupDriftKind::kForeign) {
+            if (!m_book.IsDue(drift, nowMs)) {
+                m_book.Postpone(drift, status);
+                continue;
+            }
+            Status repaired;
+            for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
+                repaired = group.Repair(drift);
+                if (!IsGone(repaired)) break;
+            }
+            drift.repaired = repaired.Ok();
+            if (!repaired) drift.problem = repaired.GetError().Text();
+        }
+        m_book.Report(std::move(drift), nowMs, status, news);
     }
-    if (group.IsOtherLimitNew()) return;  // our own news of it is on its way; otherwise the next look finds it still
-    std::string what;
-    if (!group.IsAlive()) {
-        what = "legacy group " + group.Path() + " was removed by somebody else: made again";
-    } else if (group.HoldsSelf()) {
-        what = "legacy limit of " + group.Path() + " was changed by somebody else: set again";
-    } else {
-        what = "this process was moved out of " + group.Path() + ": moved back";
+}
+
+void LegacyLimit::SyncCpuLimit() {
+    const base::MutexLock lock(m_mutex);
+    CgroupKeeperStatus status = KeeperStatus();
+    status.notInForce.clear();
+    status.lastGroups = 0;
+    if (m_cpu.IsStarted() || m_mem.IsStarted()) ++status.rounds;
+    std::vector<CgroupDrift> news;
+    const int64_t begin = OwnCpuUs();
+    Keep(m_cpu, status, news);
+    Keep(m_mem, status, news);
+    for (const std::string& thing : m_book.EndQuiet(NowMs())) {
+        LogLegacy(kLogInfo, __LINE__, thing + " is no longer contested");
     }
-    LogLegacy(kLogWarning, __LINE__, what);
-    int error = 0;
-    Place(
-        group, [&] { return group.Restore(); }, &LegacyGroup::IsKept, error);
+    for (const CgroupDrift& drift : news) LogLegacy(kLogWarning, __LINE__, DescribeDrift(drift));
+    status.contested = m_book.Contested();
+    status.lastRoundUs = OwnCpuUs() - begin;
+    status.totalUs += status.lastRoundUs;
+    const base::MutexLock telling(m_toldMutex);
+    m_status = std::move(status);
+    for (CgroupDrift& drift : news) {
+        if (m_news.size() < kMostNews) m_news.push_back(std::move(drift));
+    }
+}
+
+std::vector<CgroupDrift> LegacyLimit::TakeNews() {
+    const base::MutexLock lock(m_toldMutex);
+    return std::exchange(m_news, {});
+}
+
+CgroupKeeperStatus LegacyLimit::KeeperStatus() {
+    const base::MutexLock lock(m_toldMutex);
+    return m_status;
 }
 
 int LegacyLimit::StartCpuLimit(int percent, int hundredths, int& error) {
@@ -198,12 +242,6 @@ int LegacyLimit::StartCpuLimit(int percent, int hundredths, int& error) {
 int LegacyLimit::StopCpuLimit(int& error) {
     const base::MutexLock lock(m_mutex);
     return Stop(m_cpu, error);
-}
-
-void LegacyLimit::SyncCpuLimit() {
-    const base::MutexLock lock(m_mutex);
-    Sync(m_cpu);
-    Sync(m_mem);
 }
 
 int LegacyLimit::GetCgroupOtherProcessNum() {
@@ -334,7 +372,17 @@ LegacyLimit& TheLegacyLimit() {
 }
 
 }  // namespace
+
+CgroupKeeperStatus LegacyKeeperStatus() {
+    return TheLegacyLimit().KeeperStatus();
+}
+
 }  // namespace cgroup
+
+void KeepLegacyLimit(std::vector<CgroupDrift>& news) {
+    cgroup::TheLegacyLimit().SyncCpuLimit();
+    news = cgroup::TheLegacyLimit().TakeNews();
+}
 
 IResourceLimitUtil* GetResourceLimitUtil() {
     return &cgroup::TheLegacyLimit();

@@ -3,9 +3,10 @@
 // The module's configuration threads and the statistics provider enter it.
 #pragma once
 
-#include <functional>
 #include <string>
+#include <vector>
 
+#include "DriftBook.h"
 #include "Errors.h"
 #include "LegacyGroup.h"
 #include "Membership.h"
@@ -62,15 +63,17 @@ public:
     void Forget(Controller controller);
     /// Returns: whether a started limit of the controller is on version 2.
     bool IsV2Runtime(Controller controller);
+    /// Returns: differences found since the last call, each once while it lasts; the log has them already.
+    std::vector<CgroupDrift> TakeNews();
+    /// Returns: what the looks have found. Never waits for one.
+    CgroupKeeperStatus KeeperStatus();
 
 private:
     int Start(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
     int StartPlaced(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
-    /// Tries `place` until the limit is held, three times at most, and logs how it ended.
-    int Place(LegacyGroup& group, const std::function<Status()>& place, bool (LegacyGroup::*isDone)() const, int& error)
-        ZEL_REQUIRES(m_mutex);
     int Stop(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
-    void Sync(LegacyGroup& group) ZEL_REQUIRES(m_mutex);
+    /// One look at what was applied, and its repair.
+    void Keep(LegacyGroup& group, CgroupKeeperStatus& status, std::vector<CgroupDrift>& news) ZEL_REQUIRES(m_mutex);
     /// Leaves the process to the unified tree if it is in that. Returns: whether it is.
     bool StepAside(LegacyGroup& group) ZEL_REQUIRES(m_mutex);
     void ForgetGroup(LegacyGroup& group) ZEL_REQUIRES(m_mutex);
@@ -82,9 +85,16 @@ private:
     Membership m_membership ZEL_GUARDED_BY(m_mutex);
     LegacyGroup m_cpu ZEL_GUARDED_BY(m_mutex);
     LegacyGroup m_mem ZEL_GUARDED_BY(m_mutex);
+    DriftBook m_book ZEL_GUARDED_BY(m_mutex);
     std::string m_excludeRanges ZEL_GUARDED_BY(m_mutex);
     std::string m_excludePrefixes ZEL_GUARDED_BY(m_mutex);
+    base::Mutex m_toldMutex;  ///< taken last
+    CgroupKeeperStatus m_status ZEL_GUARDED_BY(m_toldMutex);
+    std::vector<CgroupDrift> m_news ZEL_GUARDED_BY(m_toldMutex);
 };
+
+/// Returns: what the looks at this process's legacy limit have found.
+CgroupKeeperStatus LegacyKeeperStatus();
 
 }  // namespace cgroup
 }  // namespace zel

@@ -168,7 +168,7 @@ TEST(AgentMetricsTest, TheKeeperCountsByKind) {
     EXPECT_TRUE(MakeKeeperMetrics(keeper).empty());
     keeper.rounds = 7;
     keeper.totalUs = 1500000;
-    keeper.found = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+    keeper.found = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
     keeper.failed = 9;
     keeper.lastRepairedAt = 1700000000;
     keeper.contested = {"a", "b"};

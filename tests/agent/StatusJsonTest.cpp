@@ -108,7 +108,7 @@ StatusReport FullReport() {
     report.keeper.lastRoundUs = 22;
     report.keeper.totalUs = 23;
     report.keeper.lastGroups = 24;
-    report.keeper.found = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+    report.keeper.found = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
     report.keeper.failed = 9;
     report.keeper.lastRepairedAt = 1700000001;
     report.keeper.lastRepair = "CPU quota";

@@ -3,6 +3,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <map>
+
 #include "AgentFixture.h"
 
 namespace agenttest {
@@ -82,6 +84,59 @@ TEST_F(LegacyModeTest, WrappedMemoryLimitKillsNobodyAndIsNamed) {
         ExpectNothingLeft();
         for (const char* name : {"tervane", "QorNet"}) unlink((Dir() + "/log/" + name + ".log").c_str());
     }
+}
+
+TEST_F(LegacyModeTest, WhatSomebodyElseChangesIsPutBackAndTold) {
+    WriteComponents("{\"name\": \"QorNet\"}");
+    Child agent = StartRunningAgent();
+    const std::string cpu = LegacyGroup(CpuRoot());
+    const std::string memory = LegacyGroup(MemoryRoot());
+    ASSERT_TRUE(Poll(kStartSeconds, [&] { return ProcessesIn(cpu).size() == 2 && ProcessesIn(memory).size() == 2; }));
+    ASSERT_TRUE(WaitLog(" is running, process ", 1, "QorNet")) << "its own start would put back as well";
+    // A child that was never seen inside joins in silence, so it is to be seen there once.
+    const auto looks = [this] { return Status()["keeper"]["rounds"].asInt(); };
+    const int before = looks();
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return looks() > before; }));
+    const pid_t component = ComponentPid("QorNet");
+    const int64_t hard = ReadNumber(memory + "/memory.limit_in_bytes");
+    const int64_t swap = ReadNumber(memory + "/memory.memsw.limit_in_bytes");
+    const int64_t soft = ReadNumber(memory + "/memory.soft_limit_in_bytes");
+    ASSERT_TRUE(WriteText(cpu + "/cpu.cfs_quota_us", "-1"));
+    ASSERT_TRUE(swap < 0 || WriteText(memory + "/memory.memsw.limit_in_bytes", "-1"));
+    ASSERT_TRUE(WriteText(memory + "/memory.limit_in_bytes", "-1"));
+    ASSERT_TRUE(WriteText(memory + "/memory.soft_limit_in_bytes", "-1"));
+    ASSERT_TRUE(WriteText(MemoryRoot() + "/cgroup.procs", std::to_string(component)));
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] {
+        return ReadNumber(cpu + "/cpu.cfs_quota_us") == 9500 && ReadNumber(memory + "/memory.limit_in_bytes") == hard &&
+               ReadNumber(memory + "/memory.memsw.limit_in_bytes") == swap &&
+               ReadNumber(memory + "/memory.soft_limit_in_bytes") == soft && ProcessesIn(memory).size() == 2;
+    }));
+    // Whichever of the two processes looked first has told it.
+    std::map<std::string, int> told;
+    const auto count = [&] {
+        told.clear();
+        for (const char* process : {"tervane", "QorNet"}) {
+            for (const Json::Value& event : Events(process)) {
+                Json::Value body;
+                if (event["type"].asString() != "T_MSG_LIMIT_DRIFT" || !ParseJson(event["body"].asString(), body))
+                    continue;
+                EXPECT_TRUE(body["repaired"].asBool()) << event["body"].asString();
+                ++told[body["kind"].asString()];
+            }
+        }
+        return told.size();
+    };
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return count() == 4; })) << told.size() << Log("QorNet");
+    for (const char* kind : {"cpu_quota", "memory", "memory_soft", "member"}) EXPECT_EQ(told[kind], 1) << kind;
+    int found = 0;
+    for (const char* process : {"tervane", "QorNet"}) {
+        const Json::Value kept = Status(process)["keeper"];
+        for (const std::string& kind : kept["found"].getMemberNames()) found += kept["found"][kind].asInt();
+        EXPECT_TRUE(kept["not_in_force"].empty());
+    }
+    EXPECT_EQ(found, 4);
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
 }
 
 TEST_F(LegacyModeTest, ChangedMaximumReachesKernelAndOffRemovesLimit) {

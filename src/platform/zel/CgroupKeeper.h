@@ -23,11 +23,12 @@ enum class CgroupDriftKind {
     kMember,      ///< a process, or a thread of one, outside its leaf
     kForeign,     ///< a process inside that is none of the agent's: told, and left where it is
     kFile,        ///< the component file is gone or not as it was written
+    kMemorySoft,  ///< legacy group, version 1: soft memory limit
 };
 
 /// Names in messages and metrics, in the order of CgroupDriftKind.
-constexpr std::array<const char*, 9> kCgroupDriftKinds = {"cpu_quota", "cpu_burst", "memory",  "swap", "controller",
-                                                          "group",     "member",    "foreign", "file"};
+constexpr std::array<const char*, 10> kCgroupDriftKinds = {"cpu_quota", "cpu_burst", "memory",  "swap", "controller",
+                                                           "group",     "member",    "foreign", "file", "memory_soft"};
 
 /// One difference.
 struct CgroupDrift {
@@ -81,7 +82,12 @@ struct CgroupKeeperStatus {
 /// Returns: false when another operation on the tree is under way; to be tried again.
 ZEL_API bool KeepCgroupTree(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news);
 
-/// Returns: what the rounds have found. Any thread; never waits for a round.
+/// The same for this process's part of the legacy limit: its group, value and members. What was applied last is kept; a
+/// process that is in the unified tree is left there.
+/// Thread-safety: any thread. Blocks: for small reads of the kernel's files, and for a change of the legacy limit.
+ZEL_API void KeepLegacyLimit(std::vector<CgroupDrift>& news);
+
+/// Returns: what the rounds have found, of tree and legacy limit together. Any thread; never waits for a round.
 ZEL_API CgroupKeeperStatus GetCgroupKeeperStatus();
 
 }  // namespace zel

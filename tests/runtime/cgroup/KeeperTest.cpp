@@ -430,6 +430,17 @@ TEST_F(KeeperTest, KeepsNothingThatIsNotAskedForAnyMore) {
     EXPECT_EQ(rounds, zel::GetCgroupKeeperStatus().rounds);
 }
 
+// The way out begins with the move of this process: from there on the keeper must not undo it.
+TEST_F(KeeperTest, WhatHasLeftTheUnifiedModeIsNotPutBack) {
+    ASSERT_TRUE(manager.RemovePidFromGroup("main", getpid()));
+    const std::string outside = ReadValue("/proc/self/cgroup");
+    for (int i = 0; i < 3; ++i) Round();
+    EXPECT_EQ(outside, ReadValue("/proc/self/cgroup"));
+    EXPECT_FALSE(IsIn(getpid(), "main/Tervane"));
+    EXPECT_EQ(0u, Found());
+    EXPECT_TRUE(news.empty());
+}
+
 TEST_F(KeeperTest, AnUndisturbedRoundStaysCheap) {
     const zel::CgroupKeeperStatus start = zel::GetCgroupKeeperStatus();
     constexpr int kRounds = 200;

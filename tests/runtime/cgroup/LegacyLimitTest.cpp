@@ -8,6 +8,7 @@
 #include <sys/mount.h>
 #include <sys/utsname.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -220,7 +221,8 @@ TEST_F(LegacyLimitTest, AChangedValueIsSeenAndSetAgainBySync) {
     EXPECT_TRUE(m_limit->IsCpuLimited());
     const auto warnings = Warnings();
     ASSERT_THAT(warnings, SizeIs(1));
-    EXPECT_EQ("legacy limit of " + CpuDir(m_group) + " was changed by somebody else: set again", warnings[0]);
+    EXPECT_EQ("CPU quota of " + CpuDir(m_group) + " was: no limit, asked for: 20000 us in 100000 us; set back",
+              warnings[0]);
     Stop();
 }
 
@@ -234,7 +236,8 @@ TEST_F(LegacyLimitTest, AProcessTakenOutIsSeenAndPutBackBySync) {
     m_limit->SyncCpuLimit();
     EXPECT_FALSE(m_limit->IsSelfRemovedFromCgroup());
     EXPECT_TRUE(m_limit->IsCpuLimited());
-    EXPECT_THAT(Warnings(), testing::ElementsAre("this process was moved out of " + CpuDir(m_group) + ": moved back"));
+    EXPECT_THAT(Warnings(), testing::ElementsAre("process " + std::to_string(getpid()) + " of " + CpuDir(m_group) +
+                                                 " (cpu) was in /, asked for: /" + m_group + "; moved back"));
     Stop();
     EXPECT_FALSE(m_limit->IsSelfRemovedFromCgroup());
 }
@@ -263,7 +266,8 @@ TEST_F(LegacyLimitTest, ChildrenJoinAtStartAndStraysAreCaughtBySync) {
     ASSERT_EQ(kLegacyOk, Start(20, 0));
     EXPECT_EQ("/" + m_group, *ReadGroupOf(child.Pid(), m_cpu));
     ASSERT_TRUE(Root(m_cpu).MoveHere(child.Pid()).Ok());
-    m_limit->SyncCpuLimit();
+    // It may have left by itself, so the first look waits.
+    for (int i = 0; i < 3; ++i) m_limit->SyncCpuLimit();
     EXPECT_EQ("/" + m_group, *ReadGroupOf(child.Pid(), m_cpu));
     EXPECT_EQ(0, m_limit->GetCgroupOtherProcessNum());
     EXPECT_EQ(kLegacyOk, Stop());
@@ -745,6 +749,209 @@ TEST_F(LegacyLimitTest, SyncKeepsTheOldValueAndTriesNoFailedOne) {
     m_limit->SyncCpuLimit();
     EXPECT_EQ("20000", Quota());
     m_limit->ReleaseLimits();
+}
+
+// --- what somebody else changes --------------------------------------------------------------------------------------
+
+class LegacyDriftBase : public LegacyLimitTest {
+public:
+    void SetUp() override {
+        LegacyLimitTest::SetUp();
+        if (IsSkipped()) return;
+        m_child = std::make_unique<WaitingChild>();
+        m_sleeper = std::thread([this] {
+            m_tid = static_cast<int>(gettid());
+            while (!m_end) usleep(1000);
+        });
+        while (m_tid == 0) usleep(1000);
+        ASSERT_EQ(kLegacyOk, Start(50, 0));
+        ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(768 << 20, 512 << 20, m_error));
+        for (int i = 0; i < 2; ++i) m_limit->SyncCpuLimit();
+        ASSERT_THAT(m_limit->TakeNews(), IsEmpty()) << "an undisturbed group is not in need of repair";
+        m_asked = Picture();
+        support::TakeLogLines();
+    }
+    void TearDown() override {
+        m_end = true;
+        if (m_sleeper.joinable()) m_sleeper.join();
+        if (m_limit) m_limit->ReleaseLimits();
+        m_child.reset();
+        LegacyLimitTest::TearDown();
+    }
+
+    /// Everything that is kept, as the kernel shows it.
+    std::string Picture() const {
+        std::string out;
+        for (const char* file : {"cpu.cfs_quota_us", "cpu.cfs_period_us", "cpu.cfs_burst_us"}) {
+            out += std::string(file) + " " + ReadValue(CpuDir(m_group) + "/" + file) + "\n";
+        }
+        for (const char* file :
+             {"memory.limit_in_bytes", "memory.memsw.limit_in_bytes", "memory.soft_limit_in_bytes"}) {
+            out += std::string(file) + " " + ReadValue(MemDir(m_group) + "/" + file) + "\n";
+        }
+        for (const int id : {static_cast<int>(getpid()), m_tid.load(), m_child->Pid()}) {
+            for (const Hierarchy* hierarchy : {&m_cpu, &m_memory}) {
+                out += ReadGroupOf(id, *hierarchy).Value() == "/" + m_group ? " inside" : " outside";
+            }
+        }
+        return out;
+    }
+    void Cpu(const char* file, const char* value) const { Write(CpuDir(m_group) + "/" + file, value); }
+    void Memory(const char* file, const char* value) const { Write(MemDir(m_group) + "/" + file, value); }
+    bool HasSwapLimit() const { return Exists(MemDir(m_group) + "/memory.memsw.limit_in_bytes"); }
+    void Swap(const char* value) const {
+        if (HasSwapLimit()) Memory("memory.memsw.limit_in_bytes", value);
+    }
+    void Move(const Hierarchy& hierarchy, const char* file, int id) const {
+        Write(hierarchy.mountPoint + "/" + file, std::to_string(id));
+    }
+    void Remove(const Hierarchy& hierarchy) const {
+        const std::string directory = hierarchy.mountPoint + "/" + m_group;
+        auto root = GroupDir::Open(hierarchy.mountPoint, Version::kV1);
+        ASSERT_TRUE(MoveAll(*root->OpenChild(m_group), *root).Ok());
+        ASSERT_EQ(0, rmdir(directory.c_str()));
+    }
+
+    using LegacyLimitTest::CpuDir;
+    using LegacyLimitTest::m_cpu;
+    using LegacyLimitTest::m_group;
+    using LegacyLimitTest::m_memory;
+    std::unique_ptr<WaitingChild> m_child;
+    std::atomic<int> m_tid{0};
+
+protected:
+    static void Write(const std::string& path, const std::string& value) {
+        ASSERT_TRUE(support::WriteText(path, value)) << path;
+    }
+    uint64_t Found(zel::CgroupDriftKind kind) const { return m_limit->KeeperStatus().found[static_cast<size_t>(kind)]; }
+
+    std::thread m_sleeper;
+    std::atomic<bool> m_end{false};
+    std::string m_asked;
+};
+
+/// One thing that somebody else does.
+struct Drift {
+    const char* name;
+    zel::CgroupDriftKind kind;
+    void (*disturb)(LegacyDriftBase&);
+    friend void PrintTo(const Drift& drift, std::ostream* out) { *out << drift.name; }
+};
+
+class LegacyDriftTable : public LegacyDriftBase, public testing::WithParamInterface<Drift> {};
+
+using Kind = zel::CgroupDriftKind;
+using Test = LegacyDriftBase;
+const Drift kDrifts[] = {
+    {"QuotaLifted", Kind::kCpuQuota, [](Test& t) { t.Cpu("cpu.cfs_quota_us", "-1"); }},
+    {"QuotaLowered", Kind::kCpuQuota, [](Test& t) { t.Cpu("cpu.cfs_quota_us", "20000"); }},
+    {"QuotaRaised", Kind::kCpuQuota, [](Test& t) { t.Cpu("cpu.cfs_quota_us", "90000"); }},
+    {"PeriodChanged", Kind::kCpuQuota, [](Test& t) { t.Cpu("cpu.cfs_period_us", "60000"); }},
+    {"BurstSet", Kind::kCpuBurst, [](Test& t) { t.Cpu("cpu.cfs_burst_us", "30000"); }},
+    {"HardLifted", Kind::kMemory,
+     [](Test& t) {
+         t.Swap("-1");
+         t.Memory("memory.limit_in_bytes", "-1");
+     }},
+    {"HardRaised", Kind::kMemory,
+     [](Test& t) {
+         t.Swap("2147483648");
+         t.Memory("memory.limit_in_bytes", "1073741824");
+     }},
+    {"HardLowered", Kind::kMemory, [](Test& t) { t.Memory("memory.limit_in_bytes", "671088640"); }},
+    {"SwapLifted", Kind::kSwap, [](Test& t) { t.Swap("-1"); }},
+    {"SwapRaised", Kind::kSwap, [](Test& t) { t.Swap("2147483648"); }},
+    {"SoftLifted", Kind::kMemorySoft, [](Test& t) { t.Memory("memory.soft_limit_in_bytes", "-1"); }},
+    {"SoftChanged", Kind::kMemorySoft, [](Test& t) { t.Memory("memory.soft_limit_in_bytes", "104857600"); }},
+    {"SelfMoved", Kind::kMember, [](Test& t) { t.Move(t.m_cpu, "cgroup.procs", getpid()); }},
+    {"SelfMovedInMemory", Kind::kMember, [](Test& t) { t.Move(t.m_memory, "cgroup.procs", getpid()); }},
+    {"ThreadMoved", Kind::kMember, [](Test& t) { t.Move(t.m_cpu, "tasks", t.m_tid); }},
+    {"ThreadMovedInMemory", Kind::kMember, [](Test& t) { t.Move(t.m_memory, "tasks", t.m_tid); }},
+    {"ChildMoved", Kind::kMember, [](Test& t) { t.Move(t.m_cpu, "cgroup.procs", t.m_child->Pid()); }},
+    {"ChildMovedInMemory", Kind::kMember, [](Test& t) { t.Move(t.m_memory, "cgroup.procs", t.m_child->Pid()); }},
+    {"GroupRemoved", Kind::kGroup, [](Test& t) { t.Remove(t.m_cpu); }},
+    {"GroupRemovedInMemory", Kind::kGroup, [](Test& t) { t.Remove(t.m_memory); }},
+    {"GroupRemovedAndMadeAgain", Kind::kGroup,
+     [](Test& t) {
+         t.Remove(t.m_cpu);
+         ASSERT_EQ(0, mkdir(t.CpuDir(t.m_group).c_str(), 0755));
+     }},
+};
+
+TEST_P(LegacyDriftTable, IsPutRightWithinTwoLooksToldOnceAndCounted) {
+    const Drift& drift = GetParam();
+    if (m_cpu.mountPoint == m_memory.mountPoint) GTEST_SKIP() << "SKIP direct: for two hierarchies";
+    if (drift.kind == Kind::kCpuBurst && !Exists(CpuDir(m_group) + "/cpu.cfs_burst_us")) {
+        GTEST_SKIP() << "SKIP direct: no burst in this kernel";
+    }
+    if (drift.kind == Kind::kSwap && !HasSwapLimit()) GTEST_SKIP() << "SKIP direct: no swap accounting";
+    drift.disturb(*this);
+    ASSERT_NE(m_asked, Picture()) << "nothing was disturbed";
+    m_limit->SyncCpuLimit();
+    m_limit->SyncCpuLimit();
+    EXPECT_EQ(m_asked, Picture());
+    const std::vector<zel::CgroupDrift> news = m_limit->TakeNews();
+    ASSERT_THAT(news, SizeIs(1));
+    EXPECT_EQ(drift.kind, news[0].kind);
+    EXPECT_TRUE(news[0].repaired) << news[0].problem;
+    EXPECT_EQ(1u, Found(drift.kind));
+    EXPECT_GT(m_limit->KeeperStatus().lastRepairedAt, 0);
+    EXPECT_THAT(m_limit->KeeperStatus().notInForce, IsEmpty());
+    EXPECT_THAT(Warnings(), SizeIs(1));
+    faults::ClearControlWrites();
+    m_limit->SyncCpuLimit();
+    EXPECT_EQ(0, faults::ControlWrites()) << "what is right is not written";
+    EXPECT_THAT(m_limit->TakeNews(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, LegacyDriftTable, testing::ValuesIn(kDrifts),
+                         [](const testing::TestParamInfo<Drift>& row) { return std::string(row.param.name); });
+
+class LegacyKeeperTest : public LegacyDriftBase {};
+
+TEST_F(LegacyKeeperTest, SaysContestedWhenItGoesOnAndSlowsDown) {
+    for (size_t i = 0; i < 3 * kContestedRepairs; ++i) {
+        Cpu("cpu.cfs_quota_us", "-1");
+        m_limit->SyncCpuLimit();
+    }
+    const std::vector<zel::CgroupDrift> news = m_limit->TakeNews();
+    ASSERT_THAT(news, SizeIs(2));
+    EXPECT_FALSE(news[0].contested);
+    EXPECT_TRUE(news[1].contested);
+    EXPECT_EQ(kContestedRepairs, Found(Kind::kCpuQuota));
+    EXPECT_THAT(m_limit->KeeperStatus().contested, SizeIs(1));
+    EXPECT_THAT(m_limit->KeeperStatus().notInForce, SizeIs(1));
+    EXPECT_THAT(Warnings(), SizeIs(2));
+}
+
+TEST_F(LegacyKeeperTest, TellsOfAForeignProcessOnceAndLeavesIt) {
+    const int orphan = Orphan("/bin/sleep");
+    ASSERT_GT(orphan, 0);
+    ASSERT_TRUE(Root(m_cpu).OpenChild(m_group)->MoveHere(orphan).Ok());
+    ASSERT_TRUE(Root(m_memory).MoveHere(orphan).Ok());
+    for (int i = 0; i < 3; ++i) m_limit->SyncCpuLimit();
+    const std::vector<zel::CgroupDrift> news = m_limit->TakeNews();
+    ASSERT_THAT(news, SizeIs(1));
+    EXPECT_EQ(Kind::kForeign, news[0].kind);
+    EXPECT_EQ(orphan, news[0].pid);
+    EXPECT_EQ("/" + m_group, *ReadGroupOf(orphan, m_cpu));
+    kill(orphan, SIGKILL);
+}
+
+TEST_F(LegacyKeeperTest, WhatCannotBeRepairedIsToldAndNotInForce) {
+    Cpu("cpu.cfs_quota_us", "-1");
+    {
+        const Failing failing(Call::kWrite, EIO);
+        m_limit->SyncCpuLimit();
+    }
+    std::vector<zel::CgroupDrift> news = m_limit->TakeNews();
+    ASSERT_THAT(news, SizeIs(1));
+    EXPECT_FALSE(news[0].repaired);
+    EXPECT_THAT(m_limit->KeeperStatus().notInForce, SizeIs(1));
+    EXPECT_EQ(1u, m_limit->KeeperStatus().failed);
+    m_limit->SyncCpuLimit();
+    EXPECT_EQ(m_asked, Picture());
+    EXPECT_THAT(m_limit->KeeperStatus().notInForce, IsEmpty());
 }
 
 TEST_F(LegacyLimitTest, StopFallsBackToRootWhenOldGroupRefuses) {
