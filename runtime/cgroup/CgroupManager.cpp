@@ -155,6 +155,12 @@ bool CCgroupManager::Impl::Reconcile(const Flags& wanted, const CgroupTotalLimit
     std::vector<Error> problems;
     GroupTargets next = BuildGroupTargets(wanted, total, groups, problems);
     next.leaves = std::move(targets.leaves);
+    if (next.mainRaised100Times > 0 && targets.mainRaised100Times == 0) {
+        LogLine(kLogInfo, __LINE__,
+                std::string("group ") + kMainGroup +
+                    " has the least CPU with which the main process stays answerable, which is more than its share; "
+                    "the total is raised by as much");
+    }
     if (branches.of.cpu && branches.of.cpu->placement) next.outer = branches.of.cpu->placement->outer;
     targets = std::move(next);
     published.valid = false;

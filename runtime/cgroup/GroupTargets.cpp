@@ -50,6 +50,18 @@ LeafTarget PlaceOf(const CgroupComponentQuota& quota, Controller controller, con
     return out;
 }
 
+void RaiseMain(GroupTargets& targets) {
+    for (GroupTarget& group : targets.groups) {
+        const int given = group.limits.cpu;
+        if (group.name != kMainGroup || given <= 0 || given >= kLeastMainCpu100Times) continue;
+        targets.mainRaised100Times = kLeastMainCpu100Times - given;
+        group.limits.cpu = kLeastMainCpu100Times;
+        if (targets.total.cpu > 0) {
+            targets.total.cpu = Saturated(int64_t{targets.total.cpu} + targets.mainRaised100Times);
+        }
+    }
+}
+
 }  // namespace
 
 const GroupTarget* GroupTargets::Find(const std::string& group) const {
@@ -100,6 +112,7 @@ GroupTargets BuildGroupTargets(const Flags& wanted, const CgroupTotalLimitConfig
             refused.push_back(MakeError(ErrorKind::kTooLarge, "make group", config.name, "too many groups"));
         }
     }
+    RaiseMain(out);
     // The main process has its place in every tree, under the total limit if nothing else is configured for it.
     if (out.Find(kMainGroup) == nullptr) out.groups.push_back(GroupTarget{kMainGroup, {}});
     return out;
@@ -123,6 +136,8 @@ std::vector<ComponentTarget> BuildComponentTargets(const std::vector<CgroupCompo
             if (!inUse[controller]) continue;
             LeafTarget leaf = PlaceOf(quota, controller, targets, oneHierarchy && inUse.cpu);
             leaf.quota = std::max(0, controller == Controller::kCpu ? quota.cpuQuota100Times : quota.memQuotaKB);
+            const bool isMainCpu = controller == Controller::kCpu && quota.name == kMainComponent;
+            if (isMainCpu && leaf.quota > 0) leaf.quota = std::max(leaf.quota, kLeastMainCpu100Times);
             target.leaves[controller] = std::move(leaf);
         }
         out.push_back(std::move(target));

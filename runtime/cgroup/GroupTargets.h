@@ -20,6 +20,11 @@ namespace cgroup {
 /// More groups than a configuration line can sensibly name.
 constexpr size_t kMaxGroups = 64;
 
+/// Least CPU of the main process's group and of its leaf, where they have a limit at all: 1 ms in every 303 ms. The
+/// main process takes changes, requests and the order to stop; at 0.10 % it needs 10 s for what costs it 10 ms. Units:
+/// hundredths of a percent of one CPU.
+constexpr int kLeastMainCpu100Times = 33;
+
 /// One number per controller: hundredths of a percent of one CPU, and KB. 0: no limit.
 using Amounts = PerController<int>;
 
@@ -43,7 +48,8 @@ struct GroupTargets {
     Flags wanted;  ///< a controller that is not wanted has no limit anywhere in the tree
     Amounts total;
     Limit outer;  ///< what others leave at the tree's base, of the CPU where version 1 serves it; else no limit
-    std::vector<GroupTarget> groups;               ///< the main process's group is always among them
+    std::vector<GroupTarget> groups;  ///< the main process's group is always among them
+    int mainRaised100Times = 0;  ///< by so much the main process's group was raised to its least, and the total with it
     std::optional<std::map<LeafKey, int>> leaves;  ///< quotas as last published; empty: nothing was published yet
 
     /// Returns: the group of that name, null when it is not configured.
@@ -59,7 +65,7 @@ struct GroupTargets {
 
 /// Turns the configuration into targets. `total` may be null: no total limit.
 /// Configurations that cannot be used are left out, each with an error in `refused`; of two with one name the later
-/// counts.
+/// counts. The main process's group gets its least; the total is raised by as much, so that nobody else loses by it.
 GroupTargets BuildGroupTargets(const Flags& wanted, const CgroupTotalLimitConfig* total,
                                const std::vector<CgroupGroupConfig>& groups, std::vector<Error>& refused);
 
@@ -79,7 +85,7 @@ struct ComponentTarget {
 
 /// Decides each component's place, in the order given.
 /// `inUse`: controllers that the tree really uses. `oneHierarchy`: both are served by one (version 2), where a process
-/// is in one group whatever the controllers: the CPU group decides.
+/// is in one group whatever the controllers: the CPU group decides. The main process's leaf gets its least.
 std::vector<ComponentTarget> BuildComponentTargets(const std::vector<CgroupComponentQuota>& quotas,
                                                    const GroupTargets& targets, const Flags& inUse, bool oneHierarchy);
 

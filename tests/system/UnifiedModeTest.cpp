@@ -227,6 +227,46 @@ TEST_F(UnifiedModeTest, WhatOthersChangeIsPutBackAndTold) {
     ExpectNothingLeft();
 }
 
+// The least maximum, 0 and 1 percent alike, and the work of the main process itself: to take a change, to stop.
+TEST_F(UnifiedModeTest, LeastMaximumLeavesTheMainProcessAnswerable) {
+    struct Answer {
+        double change = 0, stop = 0;
+    };
+    const auto measure = [&](int percent) {
+        WriteResource({{"max_cpu", "100"}, {"max_memory", "200"}, {"resource_limit_mode", "13"}});
+        WriteOnline("{}");
+        Child agent = StartRunningAgent();
+        WriteOnline("{\"groupMaxCpu\": " + std::to_string(percent) + "}");
+        EXPECT_TRUE(Poll(kSettleSeconds, [&] { return !HasCpu(CpuGroup("/main"), 2000); }));
+        SleepMs(2000);
+        const auto share = [&](const std::string& group) {
+            return 10000 * ReadNumber(CpuGroup(group) + "/cpu.cfs_quota_us") /
+                   ReadNumber(CpuGroup(group) + "/cpu.cfs_period_us");
+        };
+        EXPECT_GE(share("/main"), 32) << percent;
+        EXPECT_GE(share("/main/Tervane"), 32) << percent;
+        EXPECT_GE(share(""), share("/main") + share("/collect-defense")) << "others can starve it";
+        Answer answer;
+        const double change = SecondsNow();
+        WriteOnline("{\"groupMaxCpu\": " + std::to_string(percent) + ", \"groupMaxMemory\": 150}");
+        EXPECT_TRUE(
+            Poll(kSettleSeconds, [&] { return HasMemory(MemoryGroup(), Expectation(10, 150).Parent().memoryKb); }));
+        answer.change = SecondsNow() - change;
+        const double stop = SecondsNow();
+        EXPECT_EQ(agent.Stop(), 0);
+        answer.stop = SecondsNow() - stop;
+        ExpectNothingLeft();
+        printf("groupMaxCpu %d: a change after %.2f s, a stop after %.2f s\n", percent, answer.change, answer.stop);
+        return answer;
+    };
+    // 10 percent is the default.
+    const Answer usual = measure(10);
+    for (const int percent : {0, 1}) {
+        const Answer least = measure(percent);
+        EXPECT_LT(least.change + least.stop, 5 * std::max(usual.change + usual.stop, 2.0)) << percent;
+    }
+}
+
 TEST_F(UnifiedModeTest, AComponentLeavesNobodyBehind) {
     WriteComponents(R"({"name": "QorHips", "group": "collect-defense",)"
                     R"( "command": ["/bin/sh", "-c", "setsid sleep 1000 & exec sleep 1000"]})");

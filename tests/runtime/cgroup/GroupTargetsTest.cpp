@@ -212,6 +212,34 @@ TEST(GroupTargetsTest, TakesTheFirstOfTwoComponentsWithOneName) {
     EXPECT_TRUE(many[kMaxComponents].refusal.has_value());
 }
 
+// 0 and 1 percent give the main process a share that needs 10 s for 10 ms of work.
+TEST(GroupTargetsTest, MainProcessKeepsTheLeastThatItAnswersWith) {
+    const struct {
+        int main, total, mainRaised, totalRaised;
+    } cases[] = {{20, 100, 33, 113},   {32, 100, 33, 101}, {33, 100, 33, 100},
+                 {180, 900, 180, 900}, {0, 100, 0, 100},   {20, 0, 33, 0}};
+    for (const auto& c : cases) {
+        CgroupTotalLimitConfig total;
+        total.cpuEnabled = true;
+        total.cpuLimitPercent = c.total / 100;
+        std::vector<Error> refused;
+        const GroupTargets targets = BuildGroupTargets(
+            {true, true}, &total, {Config("main", 0, c.main, 0), Config("other", 0, c.main, 0)}, refused);
+        EXPECT_EQ(c.mainRaised, targets.Find("main")->limits.cpu) << c.main;
+        EXPECT_EQ(c.main, targets.Find("other")->limits.cpu) << "nobody else has more, or less";
+        EXPECT_EQ(c.totalRaised, targets.total.cpu) << c.main;
+        CgroupComponentQuota main;
+        main.name = "Tervane";
+        main.cpuGroup = main.memGroup = "main";
+        main.cpuQuota100Times = c.main / 5;
+        CgroupComponentQuota worker = main;
+        worker.name = "Worker";
+        const auto leaves = BuildComponentTargets({main, worker}, targets, {true, true}, false);
+        EXPECT_EQ(c.main == 0 ? 0 : std::max(33, c.main / 5), leaves[0].leaves.cpu.quota) << c.main;
+        EXPECT_EQ(c.main / 5, leaves[1].leaves.cpu.quota);
+    }
+}
+
 }  // namespace
 }  // namespace cgroup
 }  // namespace zel
