@@ -925,6 +925,7 @@ TEST_F(LegacyKeeperTest, SaysContestedWhenItGoesOnAndSlowsDown) {
 }
 
 TEST_F(LegacyKeeperTest, TellsOfAForeignProcessOnceAndLeavesIt) {
+    if (m_cpu.mountPoint == m_memory.mountPoint) GTEST_SKIP() << "SKIP direct: for two hierarchies";
     const int orphan = Orphan("/bin/sleep");
     ASSERT_GT(orphan, 0);
     ASSERT_TRUE(Root(m_cpu).OpenChild(m_group)->MoveHere(orphan).Ok());
