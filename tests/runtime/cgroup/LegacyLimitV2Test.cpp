@@ -12,11 +12,13 @@
 #include "LegacyLimit.h"
 #include "Limits.h"
 #include "RealKernel.h"
+#include "support/Files.h"
 #include "support/RecordedLog.h"
 #include "platform/zel/CgroupStatus.h"
 
 using namespace zel::cgroup;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::SizeIs;
 
 namespace {
@@ -255,5 +257,109 @@ TEST_F(LegacyLimitV2Test, IsNotMovedBesideChildrenWithControllers) {
     EXPECT_EQ(ErrorKind::kBusy, busy.GetError().kind);
     EXPECT_THAT(busy.GetError().Text(), HasSubstr("move them to a leaf first"));
 }
+
+// --- what somebody else changes --------------------------------------------------------------------------------------
+
+class LegacyDriftV2Base : public LegacyLimitV2Test {
+public:
+    void SetUp() override {
+        LegacyLimitV2Test::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        m_child = std::make_unique<WaitingChild>();
+        ASSERT_EQ(kLegacyOk, m_limit->StartCpuLimit(50, 0, m_error));
+        ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(256 << 20, 128 << 20, m_error));
+        for (int i = 0; i < 2; ++i) m_limit->SyncCpuLimit();
+        ASSERT_THAT(m_limit->TakeNews(), IsEmpty()) << "an undisturbed group is not in need of repair";
+        m_asked = Picture();
+        support::TakeLogLines();
+    }
+    void TearDown() override {
+        if (m_limit) m_limit->ReleaseLimits();
+        m_child.reset();
+        LegacyLimitV2Test::TearDown();
+    }
+
+    /// Everything that is kept, as the kernel shows it.
+    std::string Picture() const {
+        std::string out;
+        for (const char* file : {"cpu.max", "cpu.max.burst", "memory.max", "memory.swap.max"}) {
+            out += std::string(file) + " " + ReadValue(Dir(".legacy/") + file) + "\n";
+        }
+        for (const int id : {static_cast<int>(getpid()), m_child->Pid()}) {
+            out += ReadGroupOf(id, m_cpu).Value() == "/" + m_name + ".legacy" ? " inside" : " outside";
+        }
+        return out;
+    }
+    void Set(const char* file, const char* value) const { Write(Dir(".legacy/") + file, value); }
+    void ToRoot(int pid) const { Write(m_cpu.mountPoint + "/cgroup.procs", std::to_string(pid)); }
+    void TakeAway(const char* controller) const {
+        Write(m_cpu.mountPoint + "/cgroup.subtree_control", std::string("-") + controller);
+    }
+    void Remove() const {
+        ASSERT_TRUE(MoveAll(*m_root.OpenChild(m_name + ".legacy"), m_root).Ok());
+        ASSERT_EQ(0, rmdir(Dir(".legacy").c_str()));
+    }
+    int ChildPid() const { return m_child->Pid(); }
+
+protected:
+    static void Write(const std::string& path, const std::string& value) {
+        ASSERT_TRUE(support::WriteText(path, value)) << path;
+    }
+
+    std::unique_ptr<WaitingChild> m_child;
+    std::string m_asked;
+};
+
+/// One thing that somebody else does.
+struct Drift {
+    const char* name;
+    zel::CgroupDriftKind kind;
+    void (*disturb)(LegacyDriftV2Base&);
+    friend void PrintTo(const Drift& drift, std::ostream* out) { *out << drift.name; }
+};
+
+class LegacyDriftV2Table : public LegacyDriftV2Base, public testing::WithParamInterface<Drift> {};
+
+using Kind = zel::CgroupDriftKind;
+using Test = LegacyDriftV2Base;
+const Drift kDrifts[] = {
+    {"QuotaLifted", Kind::kCpuQuota, [](Test& t) { t.Set("cpu.max", "max"); }},
+    {"QuotaLowered", Kind::kCpuQuota, [](Test& t) { t.Set("cpu.max", "20000 100000"); }},
+    {"QuotaRaised", Kind::kCpuQuota, [](Test& t) { t.Set("cpu.max", "90000 100000"); }},
+    {"PeriodChanged", Kind::kCpuQuota, [](Test& t) { t.Set("cpu.max", "50000 60000"); }},
+    {"BurstSet", Kind::kCpuBurst, [](Test& t) { t.Set("cpu.max.burst", "30000"); }},
+    {"HardLifted", Kind::kMemory, [](Test& t) { t.Set("memory.max", "max"); }},
+    {"HardRaised", Kind::kMemory, [](Test& t) { t.Set("memory.max", "1073741824"); }},
+    {"HardLowered", Kind::kMemory, [](Test& t) { t.Set("memory.max", "201326592"); }},
+    {"SwapLifted", Kind::kSwap, [](Test& t) { t.Set("memory.swap.max", "max"); }},
+    {"SwapRaised", Kind::kSwap, [](Test& t) { t.Set("memory.swap.max", "67108864"); }},
+    {"SelfMoved", Kind::kMember, [](Test& t) { t.ToRoot(static_cast<int>(getpid())); }},
+    {"ChildMoved", Kind::kMember, [](Test& t) { t.ToRoot(t.ChildPid()); }},
+    {"CpuTakenAway", Kind::kController, [](Test& t) { t.TakeAway("cpu"); }},
+    {"MemoryTakenAway", Kind::kController, [](Test& t) { t.TakeAway("memory"); }},
+    {"GroupRemoved", Kind::kGroup, [](Test& t) { t.Remove(); }},
+};
+
+TEST_P(LegacyDriftV2Table, IsPutRightWithinTwoLooksToldOnceAndCounted) {
+    const Drift& drift = GetParam();
+    drift.disturb(*this);
+    ASSERT_NE(m_asked, Picture()) << "nothing was disturbed";
+    m_limit->SyncCpuLimit();
+    m_limit->SyncCpuLimit();
+    EXPECT_EQ(m_asked, Picture());
+    const std::vector<zel::CgroupDrift> news = m_limit->TakeNews();
+    ASSERT_THAT(news, SizeIs(1));
+    EXPECT_EQ(drift.kind, news[0].kind);
+    EXPECT_TRUE(news[0].repaired) << news[0].problem;
+    // Both limits share the group here: its end is found by each, and told once.
+    const uint64_t found = drift.kind == Kind::kGroup ? 2 : 1;
+    EXPECT_EQ(found, m_limit->KeeperStatus().found[static_cast<size_t>(drift.kind)]);
+    EXPECT_THAT(m_limit->KeeperStatus().notInForce, IsEmpty());
+    m_limit->SyncCpuLimit();
+    EXPECT_THAT(m_limit->TakeNews(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, LegacyDriftV2Table, testing::ValuesIn(kDrifts),
+                         [](const testing::TestParamInfo<Drift>& row) { return std::string(row.param.name); });
 
 }  // namespace
