@@ -111,10 +111,11 @@ protected:
     std::string Cpu(const std::string& below = "") const { return CpuRoot() + m_name + below; }
     std::string Memory(const std::string& below = "") const { return MemoryRoot() + m_name + below; }
 
-    Child StartInside(const std::vector<std::string>& more = {}) {
+    Child StartInside(const std::vector<std::string>& more = {}, const std::vector<std::string>& within = {}) {
         std::vector<std::string> words{
             "/bin/sh", "-c",
             "echo $$ > " + Cpu("/cgroup.procs") + " && echo $$ > " + Memory("/cgroup.procs") + " && exec \"$@\"", "sh"};
+        words.insert(words.end(), within.begin(), within.end());
         for (const std::string& word : AgentWords(more)) words.push_back(word);
         const int before = LogCount(" is running, process ");
         Child agent = Spawn(words, Environment(), NextOutput());
@@ -197,6 +198,43 @@ TEST_F(OuterLimitTest, NobodyEverGetsOutOfAnOperatorsLimits) {
     EXPECT_EQ(watch.Escaped(), "");
     EXPECT_GT(watch.Looks(), 1000);
     printf("%d looks at the agent's processes\n", watch.Looks());
+    EXPECT_TRUE(Poll(10, [this] { return AllProcesses().empty(); }));
+    ExpectEmptyOuter();
+}
+
+// As in a container: what the agent sees as the root of each hierarchy is the operator's group, and nothing above it.
+TEST_F(OuterLimitTest, InANamespaceOfItsOwnItStaysInside) {
+    WriteResource({{"max_cpu", "30"}, {"max_memory", "150"}, {"resource_limit_mode", "13"}});
+    WriteComponents("{\"name\": \"QorNet\", \"group\": \"collect-defense\"}");
+    const std::string mounts = "for c in cpu:" + CpuRoot() + " memory:" + MemoryRoot() +
+                               "; do umount -l \"${c#*:}\" && mount -t cgroup -o \"${c%%:*}\" cgroup \"${c#*:}\" || "
+                               "exit 9; done; exec \"$@\"";
+    Watch watch = WatchAll();
+    Child agent =
+        StartInside({}, {"/usr/bin/unshare", "-C", "-m", "--propagation", "private", "/bin/sh", "-c", mounts, "sh"});
+    EXPECT_TRUE(WaitInTree("/main/Tervane", [&] { return agent.Pid(); }));
+    char ours[64] = {};
+    char theirs[64] = {};
+    ASSERT_GT(readlink("/proc/self/ns/cgroup", ours, sizeof ours - 1), 0);
+    ASSERT_GT(readlink(("/proc/" + std::to_string(agent.Pid()) + "/ns/cgroup").c_str(), theirs, sizeof theirs - 1), 0);
+    ASSERT_STRNE(ours, theirs);
+    for (const int mode : {5, 13, 0, 13}) {
+        WriteOnline("{\"resourceLimitMode\": " + std::to_string(mode) + "}");
+        if (mode == 13) {
+            EXPECT_TRUE(WaitInTree("/main/Tervane", [&] { return agent.Pid(); }));
+            EXPECT_TRUE(WaitInTree("/collect-defense/QorNet", [&] { return ComponentPid("QorNet"); }));
+        } else {
+            EXPECT_TRUE(Poll(kSettleSeconds,
+                             [&] {
+                                 return HasLegacy(mode, {agent.Pid(), ComponentPid("QorNet")});
+                             }))
+                << "mode " << mode;
+        }
+    }
+    EXPECT_EQ(agent.Stop(), 0);
+    watch.End();
+    EXPECT_EQ(watch.Escaped(), "");
+    EXPECT_GT(watch.Looks(), 1000);
     EXPECT_TRUE(Poll(10, [this] { return AllProcesses().empty(); }));
     ExpectEmptyOuter();
 }
