@@ -340,7 +340,7 @@ const Drift kDrifts[] = {
     {"GroupRemoved", Kind::kGroup, [](Test& t) { t.Remove(); }},
 };
 
-TEST_P(LegacyDriftV2Table, IsPutRightWithinTwoLooksToldOnceAndCounted) {
+TEST_P(LegacyDriftV2Table, IsPutRightInTwoLooksToldOnceAndCounted) {
     const Drift& drift = GetParam();
     drift.disturb(*this);
     ASSERT_NE(m_asked, Picture()) << "nothing was disturbed";
