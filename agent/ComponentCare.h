@@ -33,6 +33,8 @@ public:
     void Start(const Options& options, const std::string& program);
     /// Starts what is due, notices what ended.
     void Tick(int64_t now);
+    /// See Supervisor.
+    bool OutputFlows() const { return m_supervisor != nullptr && m_supervisor->OutputFlows(); }
     /// Puts components that are other programs where the groups are now: they cannot follow by themselves.
     void PlacePrograms();
     /// Blocks: until every component has ended, a few seconds at most.

@@ -38,9 +38,10 @@ base::Result<base::Fd> ComponentOutput::Open() {
     return writing;
 }
 
-void ComponentOutput::Take(int64_t now) {
-    TakePieces(now);
+bool ComponentOutput::Take(int64_t now) {
+    const bool any = TakePieces(now);
     if (m_leftOut > 0 && now - m_toldAt >= kToldEverySeconds) TellLeftOut(now);
+    return any;
 }
 
 void ComponentOutput::Close(int64_t now) {
@@ -51,15 +52,17 @@ void ComponentOutput::Close(int64_t now) {
     if (m_leftOut > 0) TellLeftOut(now);
 }
 
-void ComponentOutput::TakePieces(int64_t now) {
-    for (size_t taken = 0; m_end && taken < kMostBytesAtOnce;) {
+bool ComponentOutput::TakePieces(int64_t now) {
+    size_t taken = 0;
+    while (m_end && taken < kMostBytesAtOnce) {
         std::string piece;
         // An error is an empty pipe; an end of file is a program that has closed its output, and will end or not.
         const base::Result<size_t> got = base::ReadMore(m_end, piece, m_prefix);
-        if (!got || *got == 0) return;
+        if (!got || *got == 0) break;
         Split(piece, now);
         taken += *got;
     }
+    return taken > 0;
 }
 
 void ComponentOutput::Split(std::string_view piece, int64_t now) {

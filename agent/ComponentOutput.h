@@ -12,8 +12,9 @@
 
 namespace agent {
 
-/// The reading end of one component's output. The main process looks in a few times a second, which bounds what a
-/// program that writes without end costs it: the program waits while the pipe is full. What is more than the log takes
+/// The reading end of one component's output. The main process looks in each second, and a few times a second
+/// while something comes, which bounds what a program that writes without end costs it: the program waits while the
+/// pipe is full. What is more than the log takes
 /// is read all the same, left out and counted.
 /// Thread-safety: none. Lifetime: any; a program that goes on writing after Close gets a broken pipe.
 class ComponentOutput {
@@ -24,8 +25,8 @@ public:
 
     /// Begins anew. Returns: the end that the program is to write to, blocking and close-on-exec.
     base::Result<base::Fd> Open();
-    /// Hands on what there is by now. `now`, here and below: SecondsSinceBoot().
-    void Take(int64_t now);
+    /// Hands on what there is by now. `now`, here and below: SecondsSinceBoot(). Returns: whether there was anything.
+    bool Take(int64_t now);
     /// The program has ended: hands on the rest, a line without its end too.
     void Close(int64_t now);
 
@@ -35,7 +36,7 @@ public:
     static constexpr int64_t kToldEverySeconds = 60;  ///< how many lines were left out
 
 private:
-    void TakePieces(int64_t now);
+    bool TakePieces(int64_t now);
     void Split(std::string_view piece, int64_t now);
     void EndLine(int64_t now);
     void TellLeftOut(int64_t now);

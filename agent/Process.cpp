@@ -23,6 +23,7 @@
 #include "ResourceFileCheck.h"
 #include "ServicesStart.h"
 #include "SteadyTime.h"
+#include "base/Clock.h"
 #include "base/TrustedRead.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupClient.h"
@@ -39,7 +40,7 @@ namespace {
 
 constexpr int64_t kLimitRetrySeconds = 1;
 constexpr int64_t kComponentConfigLookSeconds = 5;  // with its beat
-constexpr long kNsPerSecond = 1000L * 1000 * 1000;
+constexpr long kOutputLookNs = 250L * 1000 * 1000;  // a program that writes fills its pipe between two looks
 constexpr int kGoOn = -1;
 /// The main process looks after the component file every few seconds.
 constexpr int kFileWaitMs = 30000;
@@ -70,7 +71,7 @@ timespec Until(int64_t second) {
     clock_gettime(CLOCK_BOOTTIME, &now);
     if (now.tv_sec >= second) return {0, 0};
     if (now.tv_nsec == 0) return {second - now.tv_sec, 0};
-    return {second - now.tv_sec - 1, kNsPerSecond - now.tv_nsec};
+    return {second - now.tv_sec - 1, base::kNsPerSecond - now.tv_nsec};
 }
 
 /// The signals that the main thread waits for.
@@ -397,7 +398,8 @@ int Process::Loop() {
     const int64_t begin = SecondsSinceBoot();
     int64_t second = 0;
     for (;;) {
-        const timespec wait = Until(begin + NextDue(second));
+        const bool flows = m_components != nullptr && m_components->OutputFlows();
+        const timespec wait = flows ? timespec{0, kOutputLookNs} : Until(begin + NextDue(second));
         const int signal = sigtimedwait(&taken, nullptr, &wait);
         if (signal == SIGTERM || signal == SIGINT) {
             LogLine(std::string("stopping on ") + strsignal(signal), zel::kLogInfo);

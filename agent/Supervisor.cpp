@@ -252,8 +252,9 @@ void Supervisor::Tick(int64_t now) {
 }
 
 void Supervisor::TakeOutput(int64_t now) {
+    m_outputFlows = false;
     for (Component& component : m_components) {
-        if (component.output) component.output->Take(now);
+        if (component.output && component.output->Take(now)) m_outputFlows = true;
     }
 }
 

@@ -67,6 +67,8 @@ public:
     std::map<unsigned int, std::string> Running() const;
     /// The same of those that are programs other than this one.
     std::map<unsigned int, std::string> RunningPrograms() const;
+    /// A program wrote something before the last Tick: it may have filled its pipe again long before the next second.
+    bool OutputFlows() const { return m_outputFlows; }
 
 private:
     struct Component {
@@ -108,6 +110,7 @@ private:
     std::function<void(const std::string&)> m_clean;
     RestartBudget m_budget;
     std::vector<Component> m_components;
+    bool m_outputFlows = false;
 };
 
 /// A sentence from what waitpid gave: exit code with its meaning, or signal. Pure.

@@ -13,6 +13,7 @@
 #include "AgentPaths.h"
 #include "ExitCode.h"
 #include "JsonText.h"
+#include "base/Clock.h"
 #include "base/FileIo.h"
 #include "base/FileReplace.h"
 #include "base/KernelLog.h"
@@ -62,12 +63,6 @@ base::Result<Json::Value> ParseObject(const std::string& text) {
     base::Result<Json::Value> root = ParseJson(text);
     if (root && !root->isObject()) return base::SentenceError("no object", base::ErrorKind::kMalformed);
     return root;
-}
-
-int64_t MonotonicUs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 
 KernelWord AskKernel(const RunMark& mark) {
@@ -232,7 +227,7 @@ std::optional<LastRun> RunRecord::Begin() {
         last = LastRun{DescribeUncleanStop(*mark, stop), FormatUncleanStop(*mark, stop, now)};
     }
     (void)base::RemoveFile(m_noteFile);  // one that stays is about another process than the next mark
-    const RunMark own{getpid(), bootId, now, MonotonicUs()};
+    const RunMark own{getpid(), bootId, now, base::ClockNs(CLOCK_MONOTONIC) / 1000};
     m_begun = base::ReplaceFile(m_markFile, FormatRunMark(own), kFileMode, base::Durability::kSynced).Ok();
     return last;
 }

@@ -15,6 +15,7 @@
 #include "Text.h"
 #include "TopHistory.h"
 #include "TopScreen.h"
+#include "base/Clock.h"
 
 namespace agent {
 
@@ -40,9 +41,7 @@ void TakeSignals() {
 }
 
 int64_t MonotonicUs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000000LL + now.tv_nsec / 1000;
+    return base::ClockNs(CLOCK_MONOTONIC) / 1000;
 }
 
 base::Result<StatusReport> ReadStatus(const TopOptions& options) {

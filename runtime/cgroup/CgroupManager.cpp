@@ -19,6 +19,7 @@
 #include "OwnGroup.h"
 #include "OwnPlacement.h"
 #include "Reconcile.h"
+#include "base/Clock.h"
 #include "base/FileIo.h"
 #include "base/Mutex.h"
 #include "platform/zel/AgentNames.h"
@@ -62,6 +63,9 @@ std::string JudgeFile(const Publication& published) {
 base::Mutex g_currentLock;
 const void* g_current ZEL_GUARDED_BY(g_currentLock) = nullptr;
 std::function<bool(const std::vector<CgroupMember>&, std::vector<CgroupDrift>&)> g_keep ZEL_GUARDED_BY(g_currentLock);
+constexpr int64_t kNsPerUs = 1000;
+constexpr int64_t kNsPerMs = 1000000;
+
 base::Mutex g_statusLock;
 CgroupKeeperStatus g_status ZEL_GUARDED_BY(g_statusLock);
 
@@ -82,16 +86,6 @@ bool AreSameGroups(const GroupTargets& a, const GroupTargets& b) {
                           return one.name == other.name && same(one.limits, other.limits);
                       });
 }
-
-int64_t ClockUs(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
-}
-
-}  // namespace
-
-namespace {
 
 CgroupKeeperStatus TreeKeeperStatus() {
     const base::MutexLock lock(g_statusLock);
@@ -265,7 +259,7 @@ void CCgroupManager::Impl::Sweep() {
 /// One round of the keeper. What is news is in the log before it is handed on.
 void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) {
     CgroupKeeperStatus status = TreeKeeperStatus();
-    const int64_t begin = ClockUs(CLOCK_THREAD_CPUTIME_ID);
+    const int64_t begin = base::ClockNs(CLOCK_THREAD_CPUTIME_ID) / kNsPerUs;
     Locate();
     KeeperRound round;
     round.branches = &branches;
@@ -273,7 +267,7 @@ void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, s
     round.inUse = inUse;
     round.mainInside = mainInside;
     round.members = &members;
-    round.nowMs = ClockUs(CLOCK_MONOTONIC) / 1000;
+    round.nowMs = base::ClockNs(CLOCK_MONOTONIC) / kNsPerMs;
     const Publication last = published;
     round.filePath = last.path;
     round.judgeFile = [&last] { return JudgeFile(last); };
@@ -284,7 +278,7 @@ void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, s
         LogLine(kLogInfo, __LINE__, thing + " is no longer contested");
     }
     branches = Branches();
-    status.lastRoundUs = ClockUs(CLOCK_THREAD_CPUTIME_ID) - begin;
+    status.lastRoundUs = base::ClockNs(CLOCK_THREAD_CPUTIME_ID) / kNsPerUs - begin;
     status.totalUs += status.lastRoundUs;
     const base::MutexLock lock(g_statusLock);
     g_status = std::move(status);

@@ -5,13 +5,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <ctime>
 #include <set>
 #include <utility>
 
 #include "CgroupFiles.h"
 #include "OwnPlacement.h"
 #include "Placement.h"
+#include "base/Clock.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/KernelVersion.h"
 #include "platform/zel/LogMessage.h"
@@ -43,18 +43,12 @@ int64_t ReadOwnResidentBytes() {
     return pages ? *pages * sysconf(_SC_PAGESIZE) : 0;
 }
 
-int64_t ClockUs(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
-}
-
 int64_t NowMs() {
-    return ClockUs(CLOCK_MONOTONIC) / 1000;
+    return base::ClockNs(CLOCK_MONOTONIC) / 1000000;
 }
 
 int64_t OwnCpuUs() {
-    return ClockUs(CLOCK_THREAD_CPUTIME_ID);
+    return base::ClockNs(CLOCK_THREAD_CPUTIME_ID) / 1000;
 }
 
 /// Logs the one line of a failure. Returns: `code`; `error` is the errno.

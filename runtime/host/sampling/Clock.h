@@ -5,17 +5,13 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <ctime>
+
+#include "base/Clock.h"
 
 namespace zelhost {
 
-constexpr int64_t kNsPerSecond = 1000000000;
-
-inline int64_t ClockNs(clockid_t clock) {
-    timespec ts{};
-    clock_gettime(clock, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * kNsPerSecond + ts.tv_nsec;
-}
+using base::ClockNs;
+using base::kNsPerSecond;
 
 /// The length of the ticks in which the kernel counts a process's CPU time.
 inline int64_t TickNs() {
