@@ -55,9 +55,9 @@ void TakeKeptPlace(const Hierarchy& hierarchy, Result<Placement>& found) {
     if (placement) found = std::move(placement);
 }
 
-std::shared_ptr<Branch> MakeBranch(Hierarchy hierarchy, const LayoutTexts& texts) {
+std::shared_ptr<Branch> MakeBranch(Hierarchy hierarchy, const Layout& layout) {
     auto branch = std::make_shared<Branch>();
-    Result<Placement> placement = FindPlacement(hierarchy, texts);
+    Result<Placement> placement = FindPlacement(hierarchy, layout);
     TakeKeptPlace(hierarchy, placement);
     if (placement) {
         branch->placement = std::move(*placement);
@@ -87,13 +87,13 @@ std::string Branches::PlaceText(Controller controller) const {
 
 Branches FindBranches() {
     Branches out;
-    Result<LayoutTexts> texts = ReadLayoutTexts();
-    if (!texts) {
-        out.errors = {texts.GetError(), texts.GetError()};
+    Result<Layout> layout = ReadLayout();
+    if (!layout) {
+        out.errors = {layout.GetError(), layout.GetError()};
         return out;
     }
     for (const Controller controller : kAllControllers) {
-        Hierarchy hierarchy = FindHierarchy(controller, *texts);
+        Hierarchy hierarchy = FindHierarchy(controller, *layout);
         if (hierarchy.version == Version::kNone) {
             out.errors[controller] =
                 MakeError(ErrorKind::kNoController, "use controller", ControllerName(controller), hierarchy.reason);
@@ -103,7 +103,7 @@ Branches FindBranches() {
             return IsSameMount(branch->hierarchy, hierarchy);
         });
         if (known == out.all.end()) {
-            out.all.push_back(MakeBranch(std::move(hierarchy), *texts));
+            out.all.push_back(MakeBranch(std::move(hierarchy), *layout));
             out.of[controller] = out.all.back();
         } else {
             out.of[controller] = *known;

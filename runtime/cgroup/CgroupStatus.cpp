@@ -16,7 +16,7 @@ namespace {
 using cgroup::Controller;
 using cgroup::GroupDir;
 using cgroup::Hierarchy;
-using cgroup::LayoutTexts;
+using cgroup::Layout;
 using cgroup::Result;
 using cgroup::Version;
 
@@ -31,8 +31,8 @@ struct ProcessGroup {
 
 // Fills what both controllers have in common. Returns: false when there is no group to look at; then the reason says
 // why.
-bool OpenOwn(Controller controller, int pid, const LayoutTexts& texts, CgroupControllerStatus& out, ProcessGroup& own) {
-    own.hierarchy = cgroup::FindHierarchy(controller, texts);
+bool OpenOwn(Controller controller, int pid, const Layout& layout, CgroupControllerStatus& out, ProcessGroup& own) {
+    own.hierarchy = cgroup::FindHierarchy(controller, layout);
     out.version = static_cast<int>(own.hierarchy.version);
     out.hierarchyPath = own.hierarchy.mountPoint;
     if (own.hierarchy.version == Version::kNone) {
@@ -97,9 +97,9 @@ void Explain(const Hierarchy& hierarchy, const std::string& groupPath, CgroupCon
     }
 }
 
-void ReadCpu(int pid, const LayoutTexts& texts, CgroupCpuStatus& out) {
+void ReadCpu(int pid, const Layout& layout, CgroupCpuStatus& out) {
     ProcessGroup own;
-    if (!OpenOwn(Controller::kCpu, pid, texts, out, own)) return;
+    if (!OpenOwn(Controller::kCpu, pid, layout, out, own)) return;
     cgroup::CpuCounters counters;
     if (Result<cgroup::CpuCounters> read = cgroup::ReadCpuCounters(own.dir)) counters = *read;
     cgroup::Limit tightest;
@@ -124,9 +124,9 @@ void ReadCpu(int pid, const LayoutTexts& texts, CgroupCpuStatus& out) {
     Explain(own.hierarchy, own.path, out);
 }
 
-void ReadMem(int pid, const LayoutTexts& texts, CgroupMemStatus& out) {
+void ReadMem(int pid, const Layout& layout, CgroupMemStatus& out) {
     ProcessGroup own;
-    if (!OpenOwn(Controller::kMemory, pid, texts, out, own)) return;
+    if (!OpenOwn(Controller::kMemory, pid, layout, out, own)) return;
     cgroup::MemCounters counters;
     if (Result<cgroup::MemCounters> read = cgroup::ReadMemCounters(own.dir)) counters = *read;
     out.oomKills = counters.oomKills;
@@ -152,11 +152,11 @@ void ReadMem(int pid, const LayoutTexts& texts, CgroupMemStatus& out) {
 bool ReadCgroupStatus(CgroupStatus& out, int pid) {
     if (pid < 0) return false;
     if (pid == 0) pid = static_cast<int>(getpid());
-    Result<LayoutTexts> texts = cgroup::ReadLayoutTexts();
-    if (!texts || !base::ProcessExists(pid)) return false;
+    Result<Layout> layout = cgroup::ReadLayout();
+    if (!layout || !base::ProcessExists(pid)) return false;
     CgroupStatus status;
-    ReadCpu(pid, *texts, status.cpu);
-    ReadMem(pid, *texts, status.mem);
+    ReadCpu(pid, *layout, status.cpu);
+    ReadMem(pid, *layout, status.mem);
     out = std::move(status);
     return true;
 }

@@ -23,9 +23,6 @@ using base::CgroupMembership;
 using base::CgroupMount;
 using base::ControllerState;
 using base::MembershipPath;
-using base::ParseMountInfo;
-using base::ParseProcCgroup;
-using base::ParseProcCgroups;
 
 constexpr char kDefaultAgentGroup[] = "zel.agent";
 constexpr char kAgentGroupVariable[] = "ZEL_CGROUP_NAME";
@@ -115,19 +112,6 @@ std::string FindMarkedGroup(const std::string& mountPoint, const std::string& mo
 
 }  // namespace
 
-Result<LayoutTexts> ReadLayoutTexts() {
-    LayoutTexts out;
-    Result<std::string> mounts = base::ReadProcText(base::kMountInfoFile);
-    if (!mounts) return mounts.GetError();
-    Result<std::string> own = base::ReadProcText(base::kOwnGroupsFile);
-    if (!own) return own.GetError();
-    Result<std::string> cgroups = base::ReadProcText(base::kCgroupsFile);
-    out.mountInfo = std::move(*mounts);
-    out.selfCgroup = std::move(*own);
-    if (cgroups) out.cgroups = std::move(*cgroups);
-    return out;
-}
-
 std::string Hierarchy::DirectoryOf(std::string_view groupPath) const {
     std::string relative;
     if (mountPoint.empty() || groupPath.empty() || groupPath.front() != '/') return {};
@@ -151,12 +135,12 @@ bool IsAtOrBelow(std::string_view path, std::string_view above) {
     return path.size() > above.size() && path.substr(0, above.size()) == above && path[above.size()] == '/';
 }
 
-std::vector<Hierarchy> DecideHierarchy(Controller controller, const LayoutTexts& texts) {
+std::vector<Hierarchy> DecideHierarchy(Controller controller, const Layout& layout) {
     const std::string name = ControllerName(controller);
-    const std::vector<CgroupMount> mounts = ParseMountInfo(texts.mountInfo);
-    const std::vector<CgroupMembership> own = ParseProcCgroup(texts.selfCgroup);
+    const std::vector<CgroupMount>& mounts = *layout.mounts;
+    const std::vector<CgroupMembership>& own = *layout.own;
     bool attachedToV1 = false;
-    for (const ControllerState& state : ParseProcCgroups(texts.cgroups)) {
+    for (const ControllerState& state : *layout.controllers) {
         if (state.name != name) continue;
         if (!state.enabled) {
             return {NoHierarchy(controller, "controller " + name +
@@ -193,10 +177,10 @@ std::vector<Hierarchy> DecideHierarchy(Controller controller, const LayoutTexts&
     return candidates;
 }
 
-Hierarchy FindHierarchy(Controller controller, const LayoutTexts& texts) {
+Hierarchy FindHierarchy(Controller controller, const Layout& layout) {
     const std::string name = ControllerName(controller);
     std::string why;
-    for (Hierarchy& candidate : DecideHierarchy(controller, texts)) {
+    for (Hierarchy& candidate : DecideHierarchy(controller, layout)) {
         if (candidate.version == Version::kNone) return candidate;
         Result<GroupDir> dir = GroupDir::Open(candidate.mountPoint, candidate.version);
         if (!dir) {
@@ -225,9 +209,9 @@ Hierarchy FindHierarchy(Controller controller, const LayoutTexts& texts) {
 }
 
 // Marks stand on the hierarchy in which the service manager keeps its units: cgroup2, or name=systemd beside it.
-std::string FindDelegatedGroup(const Hierarchy& hierarchy, const LayoutTexts& texts) {
-    const std::vector<CgroupMembership> own = ParseProcCgroup(texts.selfCgroup);
-    for (const CgroupMount& mount : ParseMountInfo(texts.mountInfo)) {
+std::string FindDelegatedGroup(const Hierarchy& hierarchy, const Layout& layout) {
+    const std::vector<CgroupMembership>& own = *layout.own;
+    for (const CgroupMount& mount : *layout.mounts) {
         const bool service = !mount.v2 && std::find(mount.controllers.begin(), mount.controllers.end(),
                                                     kManagerHierarchy) != mount.controllers.end();
         if (!mount.v2 && !service) continue;

@@ -1,5 +1,5 @@
 // Which hierarchy serves a controller on this host, and this process's own group in it.
-// Reads /proc/self/mountinfo, /proc/self/cgroup, /proc/cgroups, cgroup.controllers and the delegation marks.
+// Reads cgroup.controllers and the delegation marks; mounts and memberships are the layout's.
 #pragma once
 
 #include <optional>
@@ -9,19 +9,10 @@
 
 #include "GroupDir.h"
 #include "Errors.h"
+#include "Layout.h"
 
 namespace zel {
 namespace cgroup {
-
-/// The kernel's texts that a decision rests on, so that the decision itself is pure.
-struct LayoutTexts {
-    std::string mountInfo;   ///< /proc/self/mountinfo
-    std::string selfCgroup;  ///< /proc/self/cgroup
-    std::string cgroups;     ///< /proc/cgroups; may be empty
-};
-
-/// Reads the three files. /proc/cgroups may be missing.
-Result<LayoutTexts> ReadLayoutTexts();
 
 /// The hierarchy of one controller.
 struct Hierarchy {
@@ -53,18 +44,18 @@ struct Territory {
 
 /// Pure: candidates in the order in which they are to be tried, best first. When no mount serves, one entry with
 /// Version::kNone and the reason.
-std::vector<Hierarchy> DecideHierarchy(Controller controller, const LayoutTexts& texts);
+std::vector<Hierarchy> DecideHierarchy(Controller controller, const Layout& layout);
 
 /// Decides, and checks against the kernel: the mount point is really a cgroup file system of that version, is not
 /// covered by another mount, and (version 2) offers the controller. Version::kNone carries the reason.
-Hierarchy FindHierarchy(Controller controller, const LayoutTexts& texts);
+Hierarchy FindHierarchy(Controller controller, const Layout& layout);
 
 /// Returns: whether the group `path` is `above` or lies below it; both from the hierarchy's root.
 bool IsAtOrBelow(std::string_view path, std::string_view above);
 
 /// The nearest group at or above this process's own that a service manager has marked as delegated; empty when none is.
 /// Kernel: version 1 carries the marks on the name=systemd hierarchy (or on cgroup2 in hybrid layouts).
-std::string FindDelegatedGroup(const Hierarchy& hierarchy, const LayoutTexts& texts);
+std::string FindDelegatedGroup(const Hierarchy& hierarchy, const Layout& layout);
 
 /// The version 1 hierarchy in which a service manager keeps its units.
 constexpr char kManagerHierarchy[] = "name=systemd";

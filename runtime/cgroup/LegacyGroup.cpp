@@ -61,9 +61,9 @@ bool LegacyGroup::IsInTree(const std::string& groupPath) const {
 
 bool LegacyGroup::IsSelfInTree() const {
     if (m_options.treeName.empty()) return false;
-    Result<LayoutTexts> texts = m_options.readLayout();
-    if (!texts) return false;
-    const Hierarchy hierarchy = FindHierarchy(m_controller, *texts);
+    Result<Layout> layout = m_options.readLayout();
+    if (!layout) return false;
+    const Hierarchy hierarchy = FindHierarchy(m_controller, *layout);
     return hierarchy.version != Version::kNone && IsInTree(hierarchy.ownPath);
 }
 
@@ -77,10 +77,10 @@ bool LegacyGroup::IsSharedWith(const LegacyGroup& other) const {
 
 // What was attached stays until another group is.
 Status LegacyGroup::Attach(bool make) {
-    Result<LayoutTexts> texts = m_options.readLayout();
-    if (!texts) return texts.GetError();
-    Hierarchy hierarchy = FindHierarchy(m_controller, *texts);
-    Result<Placement> placement = FindPlacement(hierarchy, *texts);
+    Result<Layout> layout = m_options.readLayout();
+    if (!layout) return layout.GetError();
+    Hierarchy hierarchy = FindHierarchy(m_controller, *layout);
+    Result<Placement> placement = FindPlacement(hierarchy, *layout);
     if (!placement) return placement.GetError();
     const GroupDir& base = placement->base;
     Result<GroupDir> group = make ? base.MakeChild(m_options.groupName) : base.OpenChild(m_options.groupName);

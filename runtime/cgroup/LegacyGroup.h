@@ -25,7 +25,7 @@ struct LegacyOptions {
     std::string groupName;       ///< a safe name; the group's
     std::string treeName;        ///< name of the unified tree: processes in it are left there
     std::string applicationDir;  ///< executables in it are the agent's
-    std::function<Result<LayoutTexts>()> readLayout = ReadLayoutTexts;
+    std::function<Result<Layout>()> readLayout = ReadLayout;
 };
 
 /// What a legacy group holds its members to.

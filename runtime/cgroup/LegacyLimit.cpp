@@ -274,11 +274,11 @@ int LegacyLimit::PrepareMemLimit() {
                               "it is on an exclude list: mem_limit_exclude_kernels or mem_limit_exclude_range"),
                     kMemoryNotSet, kLegacyKernelExcluded, error);
     }
-    Result<LayoutTexts> texts = m_options.readLayout();
-    if (!texts) {
-        return Fail(texts.GetError(), kMemoryNotSet, LegacyCodeOf(texts.GetError()), error);
+    Result<Layout> layout = m_options.readLayout();
+    if (!layout) {
+        return Fail(layout.GetError(), kMemoryNotSet, LegacyCodeOf(layout.GetError()), error);
     }
-    Result<Placement> placement = FindPlacement(FindHierarchy(Controller::kMemory, *texts), *texts);
+    Result<Placement> placement = FindPlacement(FindHierarchy(Controller::kMemory, *layout), *layout);
     if (!placement) {
         return Fail(placement.GetError(), kMemoryNotSet, LegacyCodeOf(placement.GetError()), error);
     }

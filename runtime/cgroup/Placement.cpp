@@ -114,8 +114,8 @@ Status CheckMayBeUsed(const Placement& placement) {
 }
 
 /// A delegated group that this mount shows. Version 1: a unit may have no directory of its own in this hierarchy.
-Result<std::string> FindUsableDelegation(const Hierarchy& hierarchy, const LayoutTexts& texts, const GroupDir& root) {
-    std::string marked = FindDelegatedGroup(hierarchy, texts);
+Result<std::string> FindUsableDelegation(const Hierarchy& hierarchy, const Layout& layout, const GroupDir& root) {
+    std::string marked = FindDelegatedGroup(hierarchy, layout);
     const std::optional<std::string> relative = hierarchy.BelowMount(marked);
     if (!relative) return std::string();
     Result<GroupDir> group = root.OpenBelow(*relative);
@@ -149,16 +149,16 @@ Status OfferController(const Hierarchy& hierarchy, const Placement& placement, C
 
 /// Returns: the service that holds this process and that its manager has not delegated; empty when there is none. By
 /// the hierarchy in which the manager keeps its units, since the others show where processes were moved.
-std::string UndelegatedServiceOf(const Hierarchy& hierarchy, const LayoutTexts& texts) {
-    if (!FindDelegatedGroup(hierarchy, texts).empty()) return {};
-    const std::vector<base::CgroupMembership> own = base::ParseProcCgroup(texts.selfCgroup);
+std::string UndelegatedServiceOf(const Hierarchy& hierarchy, const Layout& layout) {
+    if (!FindDelegatedGroup(hierarchy, layout).empty()) return {};
+    const std::vector<base::CgroupMembership>& own = *layout.own;
     const std::string service = ServiceIn(base::MembershipPath(own, kManagerHierarchy));
     return service.empty() ? ServiceIn(base::MembershipPath(own, "")) : service;
 }
 
 }  // namespace
 
-Result<Placement> FindPlacement(const Hierarchy& hierarchy, const LayoutTexts& texts) {
+Result<Placement> FindPlacement(const Hierarchy& hierarchy, const Layout& layout) {
     const std::string name = ControllerName(hierarchy.controller);
     if (hierarchy.version == Version::kNone) {
         return MakeError(ErrorKind::kNoController, "use controller", name, hierarchy.reason);
@@ -177,7 +177,7 @@ Result<Placement> FindPlacement(const Hierarchy& hierarchy, const LayoutTexts& t
                              "in the host's cgroup namespace, or mount the hierarchy anew in its own");
     }
     const Standing standing = LookDown(*root, hierarchy, *own);
-    Result<std::string> marked = FindUsableDelegation(hierarchy, texts, *root);
+    Result<std::string> marked = FindUsableDelegation(hierarchy, layout, *root);
     if (!marked) return marked.GetError();
     const std::string service = hierarchy.version == Version::kV2 ? ServiceIn(hierarchy.ownPath) : std::string();
     if (marked->empty() && standing.ours.empty() && !service.empty()) {
@@ -197,7 +197,7 @@ Result<Placement> FindPlacement(const Hierarchy& hierarchy, const LayoutTexts& t
     if (!out->IsBelowBase(out->origin)) out->origin.clear();
     Status usable = standing.ours.empty() ? CheckMayBeUsed(*out) : Status();
     if (!usable) return usable.GetError();
-    if (hierarchy.version == Version::kV1) out->service = UndelegatedServiceOf(hierarchy, texts);
+    if (hierarchy.version == Version::kV1) out->service = UndelegatedServiceOf(hierarchy, layout);
     if (!out->service.empty()) {
         out->reason += "; " + out->service + " is not delegated, so its manager moves the processes out as it sees fit";
     }

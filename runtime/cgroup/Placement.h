@@ -42,7 +42,7 @@ struct Placement {
 /// On failure: nothing can be made where the limits of others go on holding, and the hint says why. kNotDelegated: on
 /// version 2 a service that is not delegated, since a process that leaves its unit's group is lost to the service
 /// manager; or a limited group that holds processes of others. kRefused: the process's own group cannot be seen.
-Result<Placement> FindPlacement(const Hierarchy& hierarchy, const LayoutTexts& texts);
+Result<Placement> FindPlacement(const Hierarchy& hierarchy, const Layout& layout);
 
 /// The same for a base that is known already, without a look at whether it may be used.
 Result<Placement> PlacementAt(const Hierarchy& hierarchy, const std::string& groupPath, bool delegated);

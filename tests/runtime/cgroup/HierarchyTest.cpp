@@ -67,7 +67,7 @@ TEST(DecideHierarchyTest, PrefersWritableWholeAndLaterMounts) {
         "2 2 0:32 / /second rw - cgroup c rw,memory\n"
         "3 2 0:32 /part /bind rw - cgroup c rw,memory\n"
         "4 2 0:32 / /readonly ro - cgroup c rw,memory\n";
-    const auto candidates = DecideHierarchy(Controller::kMemory, {mounts, "", ""});
+    const auto candidates = DecideHierarchy(Controller::kMemory, LayoutTexts{mounts, "", ""});
     ASSERT_EQ(4u, candidates.size());
     EXPECT_EQ("/second", candidates[0].mountPoint);
     EXPECT_EQ("/first", candidates[1].mountPoint);
@@ -92,7 +92,8 @@ TEST(DecideHierarchyTest, AGroupAboveTheNamespaceIsNotReachable) {
 }
 
 TEST(FindHierarchyTest, RefusesPlainDirectoryAnnouncedAsHierarchy) {
-    const Hierarchy none = FindHierarchy(Controller::kMemory, {"3 2 0:32 / /proc rw - cgroup c rw,memory\n", "", ""});
+    const Hierarchy none =
+        FindHierarchy(Controller::kMemory, LayoutTexts{"3 2 0:32 / /proc rw - cgroup c rw,memory\n", "", ""});
     EXPECT_EQ(Version::kNone, none.version);
     EXPECT_EQ(
         "controller memory cannot be used: cannot use /proc: not a cgroup file system; no cgroup version 1 file "

@@ -78,7 +78,7 @@ private:
     static zel::cgroup::LegacyOptions Options() {
         zel::cgroup::LegacyOptions options;
         options.groupName = "zelverdict";
-        options.readLayout = []() -> base::Result<zel::cgroup::LayoutTexts> { return zel::cgroup::LayoutTexts(); };
+        options.readLayout = []() -> base::Result<zel::cgroup::Layout> { return zel::cgroup::Layout(); };
         return options;
     }
 

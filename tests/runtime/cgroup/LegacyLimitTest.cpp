@@ -634,8 +634,9 @@ TEST_F(LegacyLimitTest, NothingIsWrittenWhereNoHierarchyIs) {
     LegacyOptions options;
     options.groupName = m_group;
     options.applicationDir = "/opt/zeltest-nowhere";
-    options.readLayout = [&folder]() -> Result<LayoutTexts> {
-        return LayoutTexts{"9 1 0:32 / " + folder.Path() + " rw - cgroup c rw,cpu,memory\n", "1:cpu,memory:/\n", ""};
+    options.readLayout = [&folder]() -> Result<Layout> {
+        return Layout(
+            LayoutTexts{"9 1 0:32 / " + folder.Path() + " rw - cgroup c rw,cpu,memory\n", "1:cpu,memory:/\n", ""});
     };
     LegacyLimit limit(std::move(options));
     EXPECT_EQ(kLegacyNoHierarchy, limit.StartCpuLimit(20, 0, m_error));

@@ -26,7 +26,7 @@ namespace {
 class LegacyLimitV2Test : public testing::Test {
 protected:
     void SetUp() override {
-        auto texts = ReadLayoutTexts();
+        auto texts = ReadLayout();
         ASSERT_TRUE(texts.Ok());
         m_cpu = FindHierarchy(Controller::kCpu, *texts);
         m_memory = FindHierarchy(Controller::kMemory, *texts);

@@ -52,9 +52,9 @@ class PlacementTest : public testing::Test {
 protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "SKIP direct v2: not root";
-        auto texts = ReadLayoutTexts();
-        ASSERT_TRUE(texts.Ok());
-        for (const base::CgroupMount& mount : base::ParseMountInfo(texts->mountInfo)) {
+        auto layout = ReadLayout();
+        ASSERT_TRUE(layout.Ok());
+        for (const base::CgroupMount& mount : *layout->mounts) {
             if (mount.v2 && !mount.readOnly && mount.root == "/") m_mount = mount;
         }
         if (m_mount.mountPoint.empty()) GTEST_SKIP() << "SKIP direct v2: no writable cgroup2 mount";

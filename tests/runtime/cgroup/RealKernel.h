@@ -113,7 +113,7 @@ class RealV1 : public testing::Test {
 protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "SKIP direct v1: not root: cannot mkdir under /sys/fs/cgroup";
-        auto texts = zel::cgroup::ReadLayoutTexts();
+        auto texts = zel::cgroup::ReadLayout();
         ASSERT_TRUE(texts.Ok());
         m_texts = *texts;
         m_cpu = zel::cgroup::FindHierarchy(zel::cgroup::Controller::kCpu, m_texts);
@@ -155,7 +155,7 @@ protected:
     std::string CpuDir(const std::string& group) const { return m_cpu.mountPoint + "/" + group; }
     std::string MemDir(const std::string& group) const { return m_memory.mountPoint + "/" + group; }
 
-    zel::cgroup::LayoutTexts m_texts;
+    zel::cgroup::Layout m_texts;
     zel::cgroup::Hierarchy m_cpu;
     zel::cgroup::Hierarchy m_memory;
     std::string m_name;

@@ -1,0 +1,19 @@
+// Counts the system calls that a piece of code makes, as the kernel sees them: a child traces the calling thread. So a
+// call is counted whichever library makes it.
+#pragma once
+
+#include <functional>
+
+namespace support {
+
+struct SystemCalls {
+    bool counted = false;  ///< false: the thread cannot be traced here
+    int all = 0;
+    int opens = 0;   ///< open, openat, openat2, open_tree
+    int writes = 0;  ///< write, pwrite64, writev
+};
+
+/// Runs the body in the calling thread and counts what that thread asks of the kernel meanwhile.
+SystemCalls CountSystemCalls(const std::function<void()>& body);
+
+}  // namespace support
