@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/zel/LogMessage.h"
+#include "platform/zel/ProcessLoop.h"
 
 namespace agent {
 
@@ -28,10 +29,10 @@ ControlServer::~ControlServer() {
 base::Status ControlServer::Start(const std::string& path) {
     auto socket = base::ListeningSocket::Local(path, base::SocketKind::kStream, base::ServeLock::kCallers);
     if (!socket) return socket.GetError();
-    auto loop = base::IoLoop::Start("console");
-    if (!loop) return loop.GetError();
-    m_loop = std::move(*loop);
-    m_queue = std::make_unique<base::WorkQueue>("console-work", kWorkers);
+    std::string problem;
+    m_loop = zel::JoinProcessLoop(problem);
+    if (m_loop == nullptr) return base::SentenceError(problem);
+    m_queue = std::make_unique<base::WorkQueue>(*m_loop, "console-work", kWorkers);
     base::RequestLimits limits;
     limits.mostRequestBytes = kMostRequestBytes;
     limits.reading = limits.sending = kPeerTime;

@@ -47,7 +47,7 @@ private:
 
     const ConsoleActions m_actions;
     // In the order of their making; each ends before those above it.
-    std::unique_ptr<base::IoLoop> m_loop;
+    std::shared_ptr<base::IoLoop> m_loop;  // the process's
     std::unique_ptr<base::WorkQueue> m_queue;
     std::unique_ptr<base::RequestServer> m_server;
 };

@@ -2,9 +2,6 @@
 // Asio's own sockets are not close-on-exec and know no packets that keep their bounds.
 #include "base/IoLoop.h"
 
-#include <pthread.h>
-#include <signal.h>
-
 #include <cstdint>
 #include <future>
 #include <system_error>
@@ -17,75 +14,26 @@
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 
+#include "base/QuietThread.h"
+
 namespace base {
 
-struct IoLoop::Impl {
-    asio::io_context context{1};
-    asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};
-    std::thread thread;
-
-    void Run() {
-        for (;;) {
-            try {
-                context.run();
-                return;
-            } catch (...) {
-                // Ignoring it: a handler speaks for its own failures, and the others' connections go on.
-            }
-        }
-    }
+struct TimerBody {
+    virtual ~TimerBody() = default;
+    virtual void Start(std::chrono::nanoseconds delay, IoLoop::Handler handler) = 0;
+    virtual void Stop() = 0;
 };
 
-IoLoop::IoLoop(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
+struct WatchBody {
+    enum Kind { kReadable, kWritable, kUrgent, kKinds };
 
-Result<std::unique_ptr<IoLoop>> IoLoop::Start(const std::string& threadName) {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    // The host's signal handlers belong to the host's threads.
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    std::unique_ptr<Impl> impl;
-    Error error;
-    try {
-        impl = std::make_unique<Impl>();
-        impl->thread = std::thread([started = impl.get(), threadName] {
-            pthread_setname_np(pthread_self(), threadName.c_str());
-            started->Run();
-        });
-    } catch (const std::system_error& failure) {
-        impl.reset();
-        error = ErrnoError(failure.code().value(), "start the thread", threadName);
-    }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (impl == nullptr) return error;
-    return std::unique_ptr<IoLoop>(new IoLoop(std::move(impl)));
-}
+    virtual ~WatchBody() = default;
+    virtual Status Open(int fd) = 0;
+    virtual void Wait(Kind kind, IoLoop::Handler handler) = 0;
+    virtual void Close() = 0;
+};
 
-IoLoop::~IoLoop() {
-    m_impl->context.stop();
-    m_impl->thread.join();
-}
-
-void IoLoop::Post(Handler handler) {
-    asio::post(m_impl->context, std::move(handler));
-}
-
-void IoLoop::Run(const Handler& handler) {
-    if (std::this_thread::get_id() == m_impl->thread.get_id()) {
-        handler();
-        return;
-    }
-    std::promise<void> done;
-    Post([&] {
-        try {
-            handler();
-        } catch (...) {
-            // As in the loop itself.
-        }
-        done.set_value();
-    });
-    done.get_future().wait();
-}
+namespace {
 
 /// What was asked for once; a number tells it from what was asked for later, because a handler that Asio has queued
 /// already cannot be called back.
@@ -105,74 +53,171 @@ struct PendingHandler {
     }
 };
 
-struct IoTimer::Impl {
-    explicit Impl(asio::io_context& context) : timer(context) {}
+struct AsioTimer final : TimerBody, std::enable_shared_from_this<AsioTimer> {
+    explicit AsioTimer(asio::io_context& context) : timer(context) {}
+
+    void Start(std::chrono::nanoseconds delay, IoLoop::Handler handler) override {
+        const uint64_t number = pending.Set(std::move(handler));
+        timer.expires_after(delay);
+        timer.async_wait([weak = weak_from_this(), number](const asio::error_code& error) {
+            const std::shared_ptr<AsioTimer> held = weak.lock();
+            if (!error && held != nullptr) held->pending.Call(number);
+        });
+    }
+    void Stop() override {
+        pending.Drop();
+        timer.cancel();
+    }
+
     asio::steady_timer timer;
     PendingHandler pending;
 };
 
-IoTimer::IoTimer(IoLoop& loop) : m_impl(std::make_shared<Impl>(loop.m_impl->context)) {}
+struct AsioWatch final : WatchBody, std::enable_shared_from_this<AsioWatch> {
+    explicit AsioWatch(asio::io_context& context) : descriptor(context) {}
+
+    Status Open(int fd) override {
+        asio::error_code error;
+        descriptor.assign(fd, error);
+        if (error) return ErrnoError(error.value(), "watch", "descriptor " + std::to_string(fd));
+        return {};
+    }
+    void Wait(Kind kind, IoLoop::Handler handler) override {
+        using Awaited = asio::posix::descriptor_base;
+        static constexpr Awaited::wait_type kAwaited[kKinds] = {Awaited::wait_read, Awaited::wait_write,
+                                                                Awaited::wait_error};
+        const uint64_t number = pending[kind].Set(std::move(handler));
+        descriptor.async_wait(kAwaited[kind], [weak = weak_from_this(), kind, number](const asio::error_code& error) {
+            const std::shared_ptr<AsioWatch> held = weak.lock();
+            if (!error && held != nullptr) held->pending[kind].Call(number);
+        });
+    }
+    void Close() override {
+        for (PendingHandler& waiting : pending) waiting.Drop();
+        if (descriptor.is_open()) descriptor.release();
+    }
+
+    asio::posix::stream_descriptor descriptor;
+    PendingHandler pending[kKinds];
+};
+
+struct AsioLoop final : IoLoop {
+    ~AsioLoop() override {
+        context.stop();
+        if (thread.joinable()) thread.join();
+    }
+
+    void Work() {
+        for (;;) {
+            try {
+                context.run();
+                return;
+            } catch (...) {
+                // Ignoring it: a handler speaks for its own failures, and the others' connections go on.
+            }
+        }
+    }
+
+    void Post(Handler handler) override { asio::post(context, std::move(handler)); }
+    void PostLater(std::chrono::milliseconds delay, Handler handler) override;
+    void Run(const Handler& handler) override;
+    std::shared_ptr<TimerBody> MakeTimer() override { return std::make_shared<AsioTimer>(context); }
+    std::shared_ptr<WatchBody> MakeWatch() override { return std::make_shared<AsioWatch>(context); }
+
+    asio::io_context context{1};
+    asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};
+    std::thread thread;
+};
+
+void AsioLoop::PostLater(std::chrono::milliseconds delay, Handler handler) {
+    Post([this, delay, held = std::move(handler)] {
+        const auto timer = std::make_shared<asio::steady_timer>(context, delay);
+        timer->async_wait([timer, held](const asio::error_code& error) {
+            if (!error) held();
+        });
+    });
+}
+
+void AsioLoop::Run(const Handler& handler) {
+    if (std::this_thread::get_id() == thread.get_id()) {
+        handler();
+        return;
+    }
+    std::promise<void> done;
+    Post([&] {
+        try {
+            handler();
+        } catch (...) {
+            // As in the loop itself.
+        }
+        done.set_value();
+    });
+    done.get_future().wait();
+}
+
+}  // namespace
+
+Result<std::unique_ptr<IoLoop>> IoLoop::Start(const std::string& threadName) {
+    std::unique_ptr<AsioLoop> made;
+    try {
+        made = std::make_unique<AsioLoop>();
+    } catch (const std::system_error& failure) {
+        return ErrnoError(failure.code().value(), "start the thread", threadName);
+    }
+    Result<std::thread> thread = StartQuietThread(threadName, [loop = made.get()] { loop->Work(); });
+    if (!thread) return thread.GetError();
+    made->thread = std::move(*thread);
+    return std::unique_ptr<IoLoop>(std::move(made));
+}
+
+IoTimer::IoTimer(IoLoop& loop) : m_body(loop.MakeTimer()) {}
 
 IoTimer::~IoTimer() {
     Stop();
 }
 
 void IoTimer::Start(std::chrono::milliseconds delay, IoLoop::Handler handler) {
-    const uint64_t number = m_impl->pending.Set(std::move(handler));
-    m_impl->timer.expires_after(delay);
-    m_impl->timer.async_wait([weak = std::weak_ptr<Impl>(m_impl), number](const asio::error_code& error) {
-        const std::shared_ptr<Impl> impl = weak.lock();
-        if (!error && impl != nullptr) impl->pending.Call(number);
-    });
+    m_body->Start(delay, std::move(handler));
+}
+
+std::chrono::nanoseconds UntilGrid(std::chrono::nanoseconds now, std::chrono::milliseconds period) {
+    const std::chrono::nanoseconds width = period;
+    const auto earliest = now + width / 2;
+    return ((earliest + width - std::chrono::nanoseconds(1)) / width) * width - now;
+}
+
+void IoTimer::StartOnGrid(std::chrono::milliseconds period, IoLoop::Handler handler) {
+    m_body->Start(UntilGrid(std::chrono::steady_clock::now().time_since_epoch(), period), std::move(handler));
 }
 
 void IoTimer::Stop() {
-    m_impl->pending.Drop();
-    m_impl->timer.cancel();
+    m_body->Stop();
 }
 
-struct IoWatch::Impl {
-    explicit Impl(asio::io_context& context) : descriptor(context) {}
-    asio::posix::stream_descriptor descriptor;
-    PendingHandler readable;
-    PendingHandler writable;
-
-    static void Wait(const std::shared_ptr<Impl>& impl, asio::posix::descriptor_base::wait_type what,
-                     PendingHandler Impl::*pending, IoLoop::Handler handler) {
-        const uint64_t number = ((*impl).*pending).Set(std::move(handler));
-        impl->descriptor.async_wait(what,
-                                    [weak = std::weak_ptr<Impl>(impl), pending, number](const asio::error_code& error) {
-                                        const std::shared_ptr<Impl> held = weak.lock();
-                                        if (!error && held != nullptr) ((*held).*pending).Call(number);
-                                    });
-    }
-};
-
-IoWatch::IoWatch(IoLoop& loop) : m_impl(std::make_shared<Impl>(loop.m_impl->context)) {}
+IoWatch::IoWatch(IoLoop& loop) : m_body(loop.MakeWatch()) {}
 
 IoWatch::~IoWatch() {
     Close();
 }
 
 Status IoWatch::Open(int fd) {
-    asio::error_code error;
-    m_impl->descriptor.assign(fd, error);
-    if (error) return ErrnoError(error.value(), "watch", "descriptor " + std::to_string(fd));
-    return {};
+    return m_body->Open(fd);
 }
 
 void IoWatch::WaitReadable(IoLoop::Handler handler) {
-    Impl::Wait(m_impl, asio::posix::descriptor_base::wait_read, &Impl::readable, std::move(handler));
+    m_body->Wait(WatchBody::kReadable, std::move(handler));
 }
 
 void IoWatch::WaitWritable(IoLoop::Handler handler) {
-    Impl::Wait(m_impl, asio::posix::descriptor_base::wait_write, &Impl::writable, std::move(handler));
+    m_body->Wait(WatchBody::kWritable, std::move(handler));
+}
+
+void IoWatch::WaitUrgent(IoLoop::Handler handler) {
+    m_body->Wait(WatchBody::kUrgent, std::move(handler));
 }
 
 void IoWatch::Close() {
-    m_impl->readable.Drop();
-    m_impl->writable.Drop();
-    if (m_impl->descriptor.is_open()) m_impl->descriptor.release();
+    m_body->Close();
 }
 
 }  // namespace base

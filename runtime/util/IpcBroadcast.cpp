@@ -29,6 +29,7 @@
 #include "base/Mutex.h"
 #include "base/RateBudget.h"
 #include "platform/zel/LogMessage.h"
+#include "platform/zel/ProcessLoop.h"
 
 namespace zel {
 namespace {
@@ -80,7 +81,7 @@ struct CIpcBroadcastServer::Impl {
     std::map<std::string, Packet> retained ZEL_GUARDED_BY(mutex);
     uint64_t dropped ZEL_GUARDED_BY(mutex) = 0;
     // Made and ended under `lifecycle`; the listener lives on the loop's thread.
-    std::unique_ptr<base::IoLoop> loop;
+    std::shared_ptr<base::IoLoop> loop;  // the process's
     std::unique_ptr<base::Listener> listener;
     Report report;                                              // set before the start
     base::RateBudget reports{kReportsPerSecond, kReportBurst};  // by process; the loop's thread
@@ -101,9 +102,9 @@ struct CIpcBroadcastServer::Impl {
 base::Status CIpcBroadcastServer::Impl::Open(const std::string& path) {
     auto socket = base::ListeningSocket::Local(path, base::SocketKind::kPacket, base::ServeLock::kFile);
     if (!socket) return socket.GetError();
-    auto started = base::IoLoop::Start("broadcast");
-    if (!started) return started.GetError();
-    loop = std::move(*started);
+    std::string problem;
+    loop = JoinProcessLoop(problem);
+    if (loop == nullptr) return base::SentenceError(problem);
     base::Status listening;
     loop->Run([&] {
         listener = std::make_unique<base::Listener>(*loop, std::move(*socket), kMaxSubscribers, base::kAsManyAsCome,

@@ -11,6 +11,7 @@
 #include "base/MakeDirectories.h"
 #include "metrics/MetricsRequest.h"
 #include "platform/zel/LogMessage.h"
+#include "platform/zel/ProcessLoop.h"
 
 namespace zelhost {
 namespace {
@@ -39,10 +40,10 @@ CMetricsServer::~CMetricsServer() {
 }
 
 base::Status CMetricsServer::Start() {
-    auto loop = base::IoLoop::Start("Metrics");
-    if (!loop) return base::SentenceError("metrics: " + loop.GetError().Text(), loop.GetError().kind);
-    m_loop = std::move(*loop);
-    m_fileQueue = std::make_unique<base::WorkQueue>("Metrics-file", 1);
+    std::string problem;
+    m_loop = zel::JoinProcessLoop(problem);
+    if (m_loop == nullptr) return base::SentenceError("metrics: " + problem);
+    m_fileQueue = std::make_unique<base::WorkQueue>(*m_loop, "Metrics-file", 1);
     const base::Status serving = Serve();
     if (!serving) {
         m_problem = serving.GetError().Text();
@@ -98,7 +99,7 @@ base::Status CMetricsServer::Serve() {
     limits.mostOfOneUser = kMostOfOneUser;
     limits.requestsPerSecond = kRequestsPerSecond;
     limits.connectionsPerSecond = kConnectionsPerSecond;
-    m_queue = std::make_unique<base::WorkQueue>("Metrics-work", kWorkers);
+    m_queue = std::make_unique<base::WorkQueue>(*m_loop, "Metrics-work", kWorkers);
     auto server = std::make_unique<base::RequestServer>(*m_loop, *m_queue, std::move(*socket), limits, MakeService());
     base::Status started = server->Start();
     if (!started) return started;
@@ -127,6 +128,7 @@ void CMetricsServer::Stop() {
     m_server.reset();
     m_queue.reset();
     m_fileQueue.reset();
+    if (m_loop != nullptr) m_loop->Run([] {});  // what the last job posted has run
     m_loop.reset();
     base::MutexLock lock(m_addressLock);
     m_address.clear();

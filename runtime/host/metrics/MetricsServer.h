@@ -82,7 +82,7 @@ private:
     std::string m_textFileError;
     std::string m_textFileWritten;
     // In the order of their making; each ends before those above it.
-    std::unique_ptr<base::IoLoop> m_loop;
+    std::shared_ptr<base::IoLoop> m_loop;  // the process's
     std::unique_ptr<base::WorkQueue> m_fileQueue;
     std::unique_ptr<base::WorkQueue> m_queue;  // stopped with the server
     std::unique_ptr<base::RequestServer> m_server;

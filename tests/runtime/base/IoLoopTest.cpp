@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -10,9 +11,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "support/Waiting.h"
 #include "base/Fd.h"
@@ -146,6 +149,89 @@ TEST_F(IoLoopTest, WatchThatIsClosedIsSilentAndAHangUpIsBoth) {
     EXPECT_TRUE(writable.Wait());
     loop->Run([&] { watch->WaitReadable([&] { readable.Set(); }); });
     EXPECT_TRUE(readable.Wait());
+    loop->Run([&] { watch.reset(); });
+}
+
+TEST_F(IoLoopTest, PostsLaterInTheOrderOfTheirTimes) {
+    std::string order;
+    support::Signal last;
+    const auto start = steady_clock::now();
+    loop->PostLater(milliseconds(60), [&] {
+        order += "b";
+        last.Set();
+    });
+    loop->PostLater(milliseconds(20), [&] { order += "a"; });
+    loop->PostLater(std::chrono::hours(1), [kept = std::make_shared<int>(1)] { ADD_FAILURE(); });
+    EXPECT_TRUE(last.Wait());
+    EXPECT_LE(milliseconds(60), steady_clock::now() - start);
+    loop.reset();
+    EXPECT_EQ("ab", order);
+}
+
+TEST_F(IoLoopTest, GridTimersFireAtMultiplesOfTheirPeriod) {
+    const milliseconds period(200);
+    std::vector<steady_clock::duration> when;
+    support::Signal third;
+    std::unique_ptr<base::IoTimer> timer;
+    const std::function<void()> fire = [&] {
+        when.push_back(steady_clock::now().time_since_epoch());
+        if (when.size() == 3) return third.Set();
+        timer->StartOnGrid(period, fire);
+    };
+    loop->Run([&] {
+        timer = std::make_unique<base::IoTimer>(*loop);
+        timer->StartOnGrid(period, fire);
+    });
+    ASSERT_TRUE(third.Wait());
+    loop->Run([&] { timer.reset(); });
+    for (size_t index = 1; index < when.size(); ++index) {
+        EXPECT_LT(when[index - 1] / period, when[index] / period) << "each has a point of its own";
+    }
+}
+
+TEST(UntilGridTest, IsTheNextMultipleHalfAPeriodAwayOrMore) {
+    const milliseconds period(1000);
+    const struct {
+        int64_t nowMs;
+        int64_t expectedMs;
+    } cases[] = {{0, 1000}, {1, 999}, {499, 501}, {500, 500}, {501, 1499}, {999, 1001}, {60000, 1000}};
+    for (const auto& one : cases) {
+        EXPECT_EQ(milliseconds(one.expectedMs), base::UntilGrid(milliseconds(one.nowMs), period)) << one.nowMs;
+    }
+    EXPECT_EQ(std::chrono::nanoseconds(1499999999),
+              base::UntilGrid(milliseconds(500) + std::chrono::nanoseconds(1), period));
+}
+
+TEST_F(IoLoopTest, WatchTellsWhatIsUrgentOnly) {
+    const base::Fd listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* const place = reinterpret_cast<sockaddr*>(&address);
+    ASSERT_EQ(0, bind(listening.Get(), place, length));
+    ASSERT_EQ(0, listen(listening.Get(), 1));
+    ASSERT_EQ(0, getsockname(listening.Get(), place, &length));
+    const base::Fd sender(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(0, connect(sender.Get(), place, length));
+    const base::Fd receiver(accept4(listening.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    ASSERT_TRUE(receiver);
+    support::Signal urgent;
+    std::atomic<bool> told{false};
+    std::unique_ptr<base::IoWatch> watch;
+    loop->Run([&] {
+        watch = std::make_unique<base::IoWatch>(*loop);
+        ASSERT_TRUE(watch->Open(receiver.Get()));
+        watch->WaitUrgent([&] {
+            told = true;
+            urgent.Set();
+        });
+    });
+    ASSERT_EQ(1, send(sender.Get(), "x", 1, 0));
+    std::this_thread::sleep_for(milliseconds(50));
+    EXPECT_FALSE(told) << "bytes alone are not urgent";
+    ASSERT_EQ(1, send(sender.Get(), "!", 1, MSG_OOB));
+    EXPECT_TRUE(urgent.Wait());
     loop->Run([&] { watch.reset(); });
 }
 

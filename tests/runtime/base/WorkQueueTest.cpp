@@ -5,12 +5,16 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <future>
+#include <memory>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/Faults.h"
 #include "support/Files.h"
 #include "support/Waiting.h"
 
@@ -25,8 +29,19 @@ int ThreadsNamed(const std::string& name) {
     return count;
 }
 
-TEST(WorkQueueTest, StartsNoThreadBeforeThereIsWork) {
-    base::WorkQueue queue("worker", 4);
+class WorkQueueTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        auto started = base::IoLoop::Start("loop");
+        ASSERT_TRUE(started) << started.GetError().Text();
+        loop = std::move(*started);
+    }
+
+    std::unique_ptr<base::IoLoop> loop;
+};
+
+TEST_F(WorkQueueTest, StartsNoThreadBeforeThereIsWork) {
+    base::WorkQueue queue(*loop, "worker", 4);
     EXPECT_EQ(0, ThreadsNamed("worker"));
     support::Signal done;
     ASSERT_TRUE(queue.Add([&] { done.Set(); }));
@@ -34,8 +49,8 @@ TEST(WorkQueueTest, StartsNoThreadBeforeThereIsWork) {
     EXPECT_EQ(1, ThreadsNamed("worker"));
 }
 
-TEST(WorkQueueTest, JobsRunAtATimeUpToItsBoundAndTheRestAfterwards) {
-    base::WorkQueue queue("worker", 2);
+TEST_F(WorkQueueTest, JobsRunAtATimeUpToItsBoundAndTheRestAfterwards) {
+    base::WorkQueue queue(*loop, "worker", 2);
     std::promise<void> release;
     const std::shared_future<void> released = release.get_future().share();
     std::atomic<int> running{0};
@@ -54,8 +69,8 @@ TEST(WorkQueueTest, JobsRunAtATimeUpToItsBoundAndTheRestAfterwards) {
     EXPECT_TRUE(support::Eventually([&] { return done == 5; }));
 }
 
-TEST(WorkQueueTest, JobsShareThreadsThatCarryItsName) {
-    base::WorkQueue queue("worker", 4);
+TEST_F(WorkQueueTest, JobsShareThreadsThatCarryItsName) {
+    base::WorkQueue queue(*loop, "worker", 4);
     std::set<std::thread::id> threads;
     char name[16] = {};
     for (int count = 0; count < 10; ++count) {
@@ -73,8 +88,8 @@ TEST(WorkQueueTest, JobsShareThreadsThatCarryItsName) {
     EXPECT_STREQ("worker", name);
 }
 
-TEST(WorkQueueTest, StopWaitsForWhatRunsAndDropsWhatWaits) {
-    base::WorkQueue queue("worker", 1);
+TEST_F(WorkQueueTest, StopWaitsForWhatRunsAndDropsWhatWaits) {
+    base::WorkQueue queue(*loop, "worker", 1);
     support::Signal begun;
     std::atomic<bool> ended{false};
     std::atomic<bool> second{false};
@@ -91,8 +106,8 @@ TEST(WorkQueueTest, StopWaitsForWhatRunsAndDropsWhatWaits) {
     EXPECT_FALSE(queue.Add([] {}));
 }
 
-TEST(WorkQueueTest, RefusesMoreThanItsBoundOfWaitingJobs) {
-    base::WorkQueue queue("worker", 1);
+TEST_F(WorkQueueTest, RefusesMoreThanItsBoundOfWaitingJobs) {
+    base::WorkQueue queue(*loop, "worker", 1);
     support::Signal begun;
     std::promise<void> release;
     ASSERT_TRUE(queue.Add([&] {
@@ -104,6 +119,65 @@ TEST(WorkQueueTest, RefusesMoreThanItsBoundOfWaitingJobs) {
     while (taken < 1000 && queue.Add([] {})) ++taken;
     EXPECT_EQ(64u, taken);
     release.set_value();
+}
+
+TEST_F(WorkQueueTest, ThreadsEndWithoutWorkAndBeginAgain) {
+    base::WorkQueue queue(*loop, "worker", 2, std::chrono::milliseconds(30));
+    std::set<std::thread::id> threads;
+    for (int round = 0; round < 3; ++round) {
+        support::Signal first;
+        support::Signal second;
+        // Each waits for the other: two threads.
+        ASSERT_TRUE(queue.Add([&] {
+            first.Set();
+            EXPECT_TRUE(second.Wait());
+        }));
+        ASSERT_TRUE(queue.Add([&] {
+            second.Set();
+            EXPECT_TRUE(first.Wait());
+        }));
+        EXPECT_TRUE(first.Wait() && second.Wait());
+        EXPECT_TRUE(support::Eventually([] { return ThreadsNamed("worker") == 0; })) << "round " << round;
+    }
+}
+
+TEST_F(WorkQueueTest, EndsWhileItsThreadsDo) {
+    for (int round = 0; round < 200; ++round) {
+        base::WorkQueue queue(*loop, "worker", 2, std::chrono::milliseconds(round % 3));
+        std::atomic<int> done{0};
+        for (int count = 0; count < 3; ++count) ASSERT_TRUE(queue.Add([&] { ++done; }));
+        ASSERT_TRUE(support::Eventually([&] { return done == 3; }));
+        if (round % 2 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_EQ(0, ThreadsNamed("worker"));
+}
+
+TEST_F(WorkQueueTest, JobsWaitForAThreadThatIsRefused) {
+    base::WorkQueue queue(*loop, "worker", 1);
+    std::string order;
+    support::Signal done;
+    {
+        const faults::Failing refused(faults::Call::kThreadCreate, EAGAIN, 1, 3);
+        ASSERT_TRUE(queue.Add([&] { order += "a"; }));
+        ASSERT_TRUE(queue.Add([&] { order += "b"; }));
+        ASSERT_TRUE(queue.Add([&] {
+            order += "c";
+            done.Set();
+        }));
+    }
+    EXPECT_EQ(0, ThreadsNamed("worker"));
+    EXPECT_TRUE(done.Wait()) << "nobody adds a job, and it is tried again";
+    queue.Stop();
+    EXPECT_EQ("abc", order);
+}
+
+TEST_F(WorkQueueTest, StopLosesNoThreadWhileOneIsRefused) {
+    auto queue = std::make_unique<base::WorkQueue>(*loop, "worker", 1);
+    const faults::Failing refused(faults::Call::kThreadCreate, EAGAIN);
+    ASSERT_TRUE(queue->Add([] { ADD_FAILURE() << "it was dropped"; }));
+    queue.reset();
+    std::this_thread::sleep_for(2 * base::WorkQueue::kAgain);
+    loop->Run([] {});
 }
 
 }  // namespace
