@@ -96,7 +96,9 @@ std::string Join(const std::vector<std::string>& words) {
 bool IsKillOf(int pid, std::string_view line) {
     // Without the name: the kernel gives that of a thread, which a process may have set to anything.
     const std::string words = "Killed process " + std::to_string(pid) + " (";
-    return line.find("ut of memory") != std::string_view::npos && line.find(words) != std::string_view::npos;
+    if (line.find("ut of memory") != std::string_view::npos) return line.find(words) != std::string_view::npos;
+    // Older kernels say why on a line before it, which can name another process.
+    return line.substr(0, words.size()) == words && line.find(" total-vm:") != std::string_view::npos;
 }
 
 UncleanStop JudgeUncleanStop(const RunMark& mark, const std::string& bootId, const std::optional<EndNote>& noteFound,
@@ -129,7 +131,8 @@ UncleanStop JudgeUncleanStop(const RunMark& mark, const std::string& bootId, con
     if (!rebooted && !kernel.kill.empty()) {
         stop.cause = EndCause::kOutOfMemory;
         stop.certain = true;
-    } else if (noted && killed && note.status == "KILL" && note.kills > 0 && !kernel.problem.empty()) {
+    } else if (noted && killed && note.status == "KILL" && note.kills > 0) {
+        // Also beside a log without a word of it: that is a ring, and older lines go first.
         stop.cause = EndCause::kOutOfMemory;
     } else if (noted && (killed || note.code == "exited")) {
         stop.cause = killed ? EndCause::kSignal : EndCause::kExit;
@@ -228,7 +231,10 @@ std::optional<LastRun> RunRecord::Begin() {
     }
     (void)base::RemoveFile(m_noteFile);  // one that stays is about another process than the next mark
     const RunMark own{getpid(), bootId, now, base::ClockNs(CLOCK_MONOTONIC) / 1000};
-    m_begun = base::ReplaceFile(m_markFile, FormatRunMark(own), kFileMode, base::Durability::kSynced).Ok();
+    const base::Status marked = base::ReplaceFile(m_markFile, FormatRunMark(own), kFileMode, base::Durability::kSynced);
+    // The mark of the run before, which has been told of, must not be told of again after this one.
+    if (!marked && marked.GetError().kind != base::ErrorKind::kNotSynced) (void)base::RemoveFile(m_markFile);
+    m_begun = true;
     return last;
 }
 

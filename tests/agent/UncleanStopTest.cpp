@@ -3,11 +3,16 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include "AgentPaths.h"
 #include "JsonText.h"
+#include "support/Faults.h"
 #include "support/Files.h"
 
 using namespace agent;
@@ -15,6 +20,8 @@ using namespace agent;
 namespace {
 
 constexpr char kKill[] = "Memory cgroup out of memory: Killed process 77 (tervane) total-vm:90000kB, anon-rss:50000kB";
+/// The second of the two lines that older kernels write; the first says "Kill process" and can name another.
+constexpr char kOldKill[] = "Killed process 77 (tervane) total-vm:90000kB, anon-rss:50000kB, file-rss:0kB";
 
 RunMark Mark() {
     return {77, "boot-a", 1700000000, 5000000};
@@ -33,6 +40,26 @@ struct Row {
     bool certain;
     const char* known;    ///< a part of it
     const char* unknown;  ///< a part of it; empty: nothing is unknown
+};
+
+/// Whatever would make a file longer fails, as on a full disk.
+class NoFileGrows {
+public:
+    NoFileGrows() : m_before(signal(SIGXFSZ, SIG_IGN)) {
+        getrlimit(RLIMIT_FSIZE, &m_limit);
+        const rlimit none{0, m_limit.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &none);
+    }
+    ~NoFileGrows() {
+        setrlimit(RLIMIT_FSIZE, &m_limit);
+        signal(SIGXFSZ, m_before);
+    }
+    NoFileGrows(const NoFileGrows&) = delete;
+    NoFileGrows& operator=(const NoFileGrows&) = delete;
+
+private:
+    sighandler_t m_before;
+    rlimit m_limit{};
 };
 
 std::string Words(const std::vector<std::string>& words) {
@@ -64,14 +91,16 @@ TEST(UncleanStopTest, EachCombinationOfEvidenceHasItsVerdict) {
          false,
          "result signal, killed KILL",
          "the kernel's log cannot be read: denied"},
+        {"kernel of two lines", "boot-a", {}, {"", kOldKill}, EndCause::kOutOfMemory, true, kOldKill, "which limit"},
         {"counters against the kernel",
          "boot-a",
          Note("killed", "KILL", 1),
          {},
-         EndCause::kSignal,
-         true,
+         EndCause::kOutOfMemory,
+         false,
          "has no kill of it",
-         "who sent the signal"},
+         "which limit"},
+        {"no counters", "boot-a", Note("killed", "KILL", 0), {}, EndCause::kSignal, true, "has no kill", "who sent"},
         {"other signal", "boot-a", Note("dumped", "SEGV", 0), {}, EndCause::kSignal, true, "dumped SEGV", "who sent"},
         {"no groups left",
          "boot-a",
@@ -103,7 +132,11 @@ TEST(UncleanStopTest, OnlyTheKernelsKillOfThatProcessCounts) {
     EXPECT_TRUE(IsKillOf(77, "Out of memory: Killed process 77 (x) total-vm:1kB"));
     EXPECT_FALSE(IsKillOf(7, kKill));
     EXPECT_FALSE(IsKillOf(777, kKill));
+    EXPECT_TRUE(IsKillOf(77, kOldKill));
+    EXPECT_FALSE(IsKillOf(7, kOldKill));
     EXPECT_FALSE(IsKillOf(77, "Killed process 77 (tervane)"));
+    EXPECT_FALSE(IsKillOf(77, std::string("somebody says: ") + kOldKill));
+    EXPECT_FALSE(IsKillOf(77, "Memory cgroup out of memory: Kill process 77 (tervane) score 9 or sacrifice child"));
     EXPECT_FALSE(IsKillOf(77, "oom-kill:constraint=CONSTRAINT_MEMCG,task=tervane,pid=77,uid=0"));
     EXPECT_FALSE(IsKillOf(77, ""));
 }
@@ -143,6 +176,31 @@ TEST(UncleanStopTest, OnlyAnEndInOrderTakesTheMarkAway) {
     RunRecord untouched(dir.Path());
     untouched.End();
     EXPECT_TRUE(support::Exists(RunMarkFile(dir.Path(), "tervane"))) << "it had not begun";
+}
+
+TEST(UncleanStopTest, AMarkThatCannotBeRenewedIsToldOnce) {
+    support::TempDir dir;
+    ASSERT_TRUE(support::WriteText(RunMarkFile(dir.Path(), "tervane"), FormatRunMark(Mark())));
+    {
+        const NoFileGrows full;
+        RunRecord unmarked(dir.Path());
+        EXPECT_TRUE(unmarked.Begin().has_value());
+        unmarked.End();
+    }
+    RunRecord next(dir.Path());
+    EXPECT_FALSE(next.Begin().has_value()) << "the run before it ended in order";
+}
+
+TEST(UncleanStopTest, AMarkThatIsNotSyncedGoesWithItsRun) {
+    support::TempDir dir;
+    ASSERT_TRUE(support::WriteText(RunMarkFile(dir.Path(), "tervane") + ".dir", ""));
+    RunRecord run(dir.Path());
+    {
+        const faults::Failing directory(faults::Call::kFsync, EIO, 2);
+        EXPECT_FALSE(run.Begin().has_value());
+    }
+    run.End();
+    EXPECT_FALSE(support::Exists(RunMarkFile(dir.Path(), "tervane"))) << "the next start would tell of a bad end";
 }
 
 TEST(UncleanStopTest, TheManagersWordReachesTheNextStart) {
