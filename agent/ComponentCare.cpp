@@ -9,6 +9,7 @@
 #include "ComponentsConfig.h"
 #include "EventSink.h"
 #include "Monitor.h"
+#include "SteadyTime.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupTreeStatus.h"
 
@@ -57,6 +58,11 @@ void ReportEnd(const ComponentEnd& end) {
     Deliver(zel::kComponentEndMessage, body.toStyledString());
 }
 
+bool ReadTree(zel::CgroupTreeStatus& tree) {
+    std::string problem;
+    return zel::ReadCgroupTreeStatus(tree, problem);
+}
+
 /// A component's end is the end of everything that it has started, wherever that has got to in the process tree.
 void EndWhatIsLeft(const std::string& name) {
     const zel::CgroupLeafEnd end = zel::EndCgroupComponent(name);
@@ -83,6 +89,9 @@ void DeclareComponents(const std::string& appDir) {
     zel::SetUnlistedComponents(std::move(unlisted));
 }
 
+ComponentCare::ComponentCare(CMonitor& monitor, ComponentPulses* pulses)
+    : m_monitor(monitor), m_pulses(pulses), m_kills(ReadTree) {}
+
 void ComponentCare::Start(const Options& options, const std::string& program) {
     const auto components = LoadComponents(options.appDir + zel::kComponentsFileName);
     if (!components) {
@@ -91,27 +100,20 @@ void ComponentCare::Start(const Options& options, const std::string& program) {
     }
     const std::vector<std::string> common{"--app-dir", options.appDir, "--config", options.configPath};
     m_supervisor = std::make_unique<Supervisor>(program, common, options.appDir + kRestartsFileName, ReportEnd);
-    m_supervisor->SetPlacement(GroupsOf);
+    m_supervisor->SetPlacement([this](const ComponentConfig& component) {
+        m_kills.BeforeStart(SecondsSinceBoot());
+        return GroupsOf(component);
+    });
     m_supervisor->SetCleaning(EndWhatIsLeft);
-    zel::CgroupTreeStatus tree;
-    std::string problem;
-    if (zel::ReadCgroupTreeStatus(tree, problem)) m_oomPicture = TakeOomPicture(tree);
-    m_supervisor->SetKillExplanation([this](const std::string& name) { return ExplainKill(name); });
+    m_supervisor->SetKillExplanation(
+        [this](const std::string& name) { return m_kills.Explain(name, SecondsSinceBoot()); });
     m_supervisor->Configure(*components);
-}
-
-std::optional<OomKill> ComponentCare::ExplainKill(const std::string& name) {
-    zel::CgroupTreeStatus now;
-    std::string problem;
-    if (!zel::ReadCgroupTreeStatus(now, problem)) return std::nullopt;
-    std::optional<OomKill> cause = ExplainOomKill(m_oomPicture, now, name);
-    m_oomPicture = TakeOomPicture(now);
-    return cause;
 }
 
 void ComponentCare::Tick(int64_t now) {
     if (m_supervisor == nullptr) return;
     m_supervisor->Tick(now);
+    m_kills.Tick(now);
     const std::map<unsigned int, std::string> running = m_supervisor->Running();
     if (running != m_watched) {
         m_watched = running;

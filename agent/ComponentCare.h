@@ -26,7 +26,7 @@ namespace agent {
 class ComponentCare {
 public:
     /// `pulses`: what the components say; null when nothing can be heard.
-    ComponentCare(CMonitor& monitor, ComponentPulses* pulses) : m_monitor(monitor), m_pulses(pulses) {}
+    ComponentCare(CMonitor& monitor, ComponentPulses* pulses);
 
     /// Reads which components there are. `program` is this executable; nothing is started before the first Tick.
     /// On failure: one log line, and there are no components.
@@ -46,14 +46,12 @@ public:
     std::vector<ComponentStatus> Status() const ZEL_EXCLUDES(m_lock);
 
 private:
-    std::optional<OomKill> ExplainKill(const std::string& name);
-
     CMonitor& m_monitor;
     ComponentPulses* m_pulses;
     std::unique_ptr<Supervisor> m_supervisor;
     std::map<unsigned int, std::string> m_watched;
     std::string m_placeProblems;  // as told last
-    OomPicture m_oomPicture;      // counters at the last look, for the attribution of the next kill
+    OomHistory m_kills;
     mutable base::Mutex m_lock;
     std::vector<ComponentStatus> m_status ZEL_GUARDED_BY(m_lock);
 };

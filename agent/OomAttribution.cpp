@@ -5,6 +5,9 @@ namespace agent {
 
 namespace {
 
+/// Victims of one lack of memory end within this time.
+constexpr int64_t kMomentSeconds = 2;
+
 int64_t AtLeastZero(int64_t value) {
     return value < 0 ? 0 : value;
 }
@@ -19,7 +22,11 @@ OomCounters CountersOf(const zel::CgroupNodeStatus& node) {
 
 OomCounters Before(const OomPicture& before, const zel::CgroupNodeStatus& node) {
     auto found = before.find(node.memory.path);
-    return found == before.end() ? OomCounters() : found->second;
+    if (found == before.end()) return OomCounters();
+    const OomCounters now = CountersOf(node);
+    const OomCounters& then = found->second;
+    const bool anew = now.kills < then.kills || now.limitHits < then.limitHits || now.ownOoms < then.ownOoms;
+    return anew ? OomCounters() : then;
 }
 
 /// True when the limit of this very group was run into since.
@@ -71,6 +78,30 @@ std::optional<OomKill> ExplainOomKill(const OomPicture& before, const zel::Cgrou
     }
     return OomKill{"killed because the host ran out of memory, no limit of the agent was reached", leaf->group, "host",
                    "", 0};
+}
+
+void OomHistory::Look(int64_t now) {
+    zel::CgroupTreeStatus tree;
+    if (!m_read(tree)) return;
+    m_picture = TakeOomPicture(tree);
+    m_lookedAt = now;
+    m_explainedAt = -1;
+}
+
+void OomHistory::BeforeStart(int64_t now) {
+    if (m_lookedAt != now) Look(now);
+}
+
+std::optional<OomKill> OomHistory::Explain(const std::string& component, int64_t now) {
+    zel::CgroupTreeStatus tree;
+    if (!m_read(tree)) return std::nullopt;
+    std::optional<OomKill> kill = ExplainOomKill(m_picture, tree, component);
+    if (kill) m_explainedAt = now;
+    return kill;
+}
+
+void OomHistory::Tick(int64_t now) {
+    if (m_explainedAt >= 0 && now >= m_explainedAt + kMomentSeconds) Look(now);
 }
 
 }  // namespace agent

@@ -88,4 +88,52 @@ TEST_P(OomAttributionTest, AnotherGroupsLimitIsNotBlamed) {
               ExplainOomKill(before, tree, "Net").value_or(OomKill()).words);
 }
 
+TEST_P(OomAttributionTest, ACounterBelowItsOldValueBeganAnew) {
+    zel::CgroupTreeStatus tree = Tree(GetParam());
+    for (zel::CgroupNodeStatus& node : tree.nodes) node.memory.oomKills = node.memory.limitHits = 7;
+    OomPicture before = TakeOomPicture(tree);
+    zel::CgroupNodeStatus& leaf = tree.nodes[4];
+    leaf.memory.limitHits = 0;
+    leaf.memory.ownOoms = GetParam() ? 0 : -1;
+    leaf.memory.oomKills = 0;
+    EXPECT_FALSE(ExplainOomKill(before, tree, "Net")) << "made anew, and no kill in it";
+    leaf.memory.oomKills = 1;
+    Hit(leaf);
+    EXPECT_EQ("component", ExplainOomKill(before, tree, "Net").value_or(OomKill()).limitOf);
+}
+
+TEST_P(OomAttributionTest, VictimsOfOneMomentAreEachExplained) {
+    zel::CgroupTreeStatus tree = Tree(GetParam());
+    tree.nodes.push_back(Node(zel::CgroupLevel::kComponent, "Log", "collect", GetParam()));
+    OomHistory history([&](zel::CgroupTreeStatus& out) { return out = tree, true; });
+    history.BeforeStart(100);
+    Hit(tree.nodes[3]);
+    ++tree.nodes[4].memory.oomKills;
+    ++tree.nodes[5].memory.oomKills;
+    EXPECT_EQ("group", history.Explain("Net", 200).value_or(OomKill()).limitOf);
+    EXPECT_EQ("group", history.Explain("Log", 200).value_or(OomKill()).limitOf);
+    history.Tick(200);
+    EXPECT_EQ("group", history.Explain("Log", 201).value_or(OomKill()).limitOf) << "it took longer to end";
+    history.Tick(203);
+    EXPECT_FALSE(history.Explain("Net", 204)) << "killed by somebody";
+}
+
+TEST_P(OomAttributionTest, WhatWasBeforeAStartExplainsNothingAfterIt) {
+    zel::CgroupTreeStatus tree = Tree(GetParam());
+    bool readable = true;
+    OomHistory history([&](zel::CgroupTreeStatus& out) { return out = tree, readable; });
+    history.BeforeStart(100);
+    ++tree.nodes[4].memory.oomKills;  // a child of the component, which ended by itself later
+    Hit(tree.nodes[4]);
+    history.BeforeStart(300);
+    EXPECT_FALSE(history.Explain("Net", 301));
+    ++tree.nodes[4].memory.oomKills;
+    EXPECT_EQ("host", history.Explain("Net", 302).value_or(OomKill()).limitOf) << "its limit was reached before";
+    readable = false;
+    EXPECT_FALSE(history.Explain("Net", 302));
+    history.Tick(400);
+    readable = true;
+    EXPECT_TRUE(history.Explain("Net", 401)) << "nothing was seen in between";
+}
+
 INSTANTIATE_TEST_SUITE_P(BothVersions, OomAttributionTest, ::testing::Bool());
