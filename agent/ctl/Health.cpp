@@ -67,6 +67,11 @@ void FindOtherLimits(const StatusReport& report, Troubles& found) {
                                   : who + AmountText(cpu, now) + asked + " (" + wanted.path + ")",
                          kKept});
     }
+}
+
+/// What the rounds of repairing have found, in the tree as in the legacy group.
+void FindKept(const StatusReport& report, Troubles& found) {
+    for (const std::string& thing : report.keeper.notInForce) found.push_back({"not in force: " + thing, kKept});
     for (const std::string& thing : report.keeper.contested) {
         found.push_back({"another program wants " + thing + " otherwise", "find that program and end or change it"});
     }
@@ -169,6 +174,7 @@ std::vector<Trouble> FindTrouble(const StatusReport& report) {
     FindLimits(report, found);
     FindLiftedLimits(report, found);
     if (report.unified) FindOtherLimits(report, found);
+    FindKept(report, found);
     FindComponents(report, found);
     FindOwn(report, found);
     FindDelivery(report, found);

@@ -149,6 +149,8 @@ TEST(HealthTest, EachThingThatIsNotAsAskedForIsOneFinding) {
          "the group /cpu/gone is gone"},
         {[](StatusReport& r) { r.keeper.contested = {"cpu_quota of /x"}; },
          "another program wants cpu_quota of /x otherwise"},
+        {[](StatusReport& r) { r.keeper.notInForce = {"group /x was: gone; not made again: full"}; },
+         "not in force: group /x was: gone; not made again: full"},
         {[](StatusReport& r) { r.samplerRuns = false; }, "the sampling of its own use does not run"},
         {[](StatusReport& r) { r.sampler.cpuLevel = 2, r.sampler.maxCpu = 10; },
          "its CPU use is over its maximum of 10 %"},
@@ -167,6 +169,17 @@ TEST(HealthTest, EachThingThatIsNotAsAskedForIsOneFinding) {
         EXPECT_NE("", found[0].remedy) << c.finding;
         EXPECT_THAT(HealthLine(report), testing::StartsWith("DEGRADED: tervane, "));
     }
+}
+
+TEST(HealthTest, TheLegacyGroupIsLookedAfterToo) {
+    StatusReport report = Healthy();
+    report.mode = zel::kModeCpu | zel::kModeMemory;
+    report.unified = false;
+    report.tree = {};
+    ASSERT_THAT(FindTrouble(report), IsEmpty());
+    report.keeper.notInForce = {"CPU limit of /legacy was: none; not put back: denied", "memory"};
+    report.keeper.contested = {"cpu_quota of /legacy"};
+    EXPECT_EQ(3u, FindTrouble(report).size()) << HealthLine(report);
 }
 
 TEST(HealthTest, AComponentThatStartsHasTimeToJoin) {
