@@ -1,22 +1,24 @@
 // Reading of the record and of the list.
 #include "MemoryRefusal.h"
 
-#include <cstdlib>
 #include <ctime>
 #include <list>
+#include <vector>
 
 #include "ResourceFileCheck.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/FileUtil.h"
 #include "platform/zel/KernelVersion.h"
 #include "platform/zel/LimitKeys.h"
+#include "platform/zel/StringUtil.h"
 
 namespace agent {
 
 namespace {
 
 constexpr int64_t kPauseSeconds = 12 * 3600;
-constexpr size_t kMostRecordLines = 16;
+constexpr size_t kMostRecordLines = 128;
+constexpr int kDecimal = 10;
 
 std::string LocalTime(int64_t seconds) {
     const time_t when = seconds;
@@ -28,21 +30,30 @@ std::string LocalTime(int64_t seconds) {
 
 }  // namespace
 
-std::optional<MemoryPause> ReadMemoryPause(const std::string& appDir, int64_t now) {
+// As the monitor reads it: what it passes over pauses nothing.
+std::optional<MemoryPause> ParseMemoryPause(const std::string& line, int64_t now) {
+    const std::vector<std::string> pieces = zel::CStringUtil::stringSplit(line, "-");
+    if (pieces.size() != 2) return std::nullopt;
     MemoryPause pause;
-    pause.path = appDir + zel::kCgroupErrorFileName;
+    pause.code = zel::CStringUtil::StringToInt(pieces[0], nullptr, kDecimal);
+    if (pause.code != 13 && pause.code != 105 && pause.code != 119) return std::nullopt;
+    pause.since = zel::CStringUtil::StringToInt(pieces[1], nullptr, kDecimal);
+    pause.until = pause.since + kPauseSeconds;
+    if (now - pause.since >= kPauseSeconds) return std::nullopt;
+    return pause;
+}
+
+std::optional<MemoryPause> ReadMemoryPause(const std::string& appDir, int64_t now) {
+    const std::string path = appDir + zel::kCgroupErrorFileName;
     std::list<std::string> lines;
-    if (!zel::CFileUtil::IsFile(pause.path) ||
-        !zel::CFileUtil::ReadFileLineToList(pause.path, lines, kMostRecordLines)) {
+    if (!zel::CFileUtil::IsFile(path) || !zel::CFileUtil::ReadFileLineToList(path, lines, kMostRecordLines)) {
         return std::nullopt;
     }
     for (const std::string& line : lines) {
-        const size_t dash = line.find('-');
-        if (dash == std::string::npos) continue;
-        pause.code = static_cast<int>(std::strtol(line.c_str(), nullptr, 10));
-        pause.since = std::strtoll(line.c_str() + dash + 1, nullptr, 10);
-        pause.until = pause.since + kPauseSeconds;
-        if (now < pause.until) return pause;
+        std::optional<MemoryPause> pause = ParseMemoryPause(line, now);
+        if (!pause) continue;
+        pause->path = path;
+        return pause;
     }
     return std::nullopt;
 }

@@ -16,6 +16,9 @@ struct MemoryPause {
     std::string path;  ///< of the record
 };
 
+/// Returns: what one line of the record says; nothing while it pauses nothing at `now`. The path is left empty. Pure.
+std::optional<MemoryPause> ParseMemoryPause(const std::string& line, int64_t now);
+
 /// Returns: nothing while none is in force at `now`.
 std::optional<MemoryPause> ReadMemoryPause(const std::string& appDir, int64_t now);
 

@@ -19,6 +19,12 @@ namespace {
 constexpr size_t kMaxResourceBytes = 1024 * 1024;
 constexpr size_t kShownBytes = 40;
 
+/// Returns: where the text begins, behind the mark that some editors put in front of it.
+size_t BeginOf(const std::string& text) {
+    static const std::string kByteOrderMark = "\xEF\xBB\xBF";
+    return text.compare(0, kByteOrderMark.size(), kByteOrderMark) == 0 ? kByteOrderMark.size() : 0;
+}
+
 std::string Trim(const std::string& text) {
     size_t begin = text.find_first_not_of(" \t\r");
     if (begin == std::string::npos) return "";
@@ -98,7 +104,7 @@ std::vector<std::string> CheckResourceText(const std::string& text) {
     std::set<std::string> seen;
     bool inSection = false;
     size_t line = 0;
-    size_t at = text.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0;
+    size_t at = BeginOf(text);
     while (at < text.size() && findings.size() < kMaxResourceFindings) {
         size_t end = text.find('\n', at);
         if (end == std::string::npos) end = text.size();
@@ -133,7 +139,7 @@ std::vector<std::string> CheckResourceText(const std::string& text) {
 
 std::string FindResourceValue(const std::string& text, const std::string& key) {
     std::string found;
-    std::istringstream lines(text);
+    std::istringstream lines(text.substr(BeginOf(text)));
     for (std::string line; std::getline(lines, line);) {
         const std::string content = Trim(line);
         if (content.empty() || content[0] == ';' || content[0] == '#') continue;

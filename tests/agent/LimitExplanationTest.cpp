@@ -62,6 +62,33 @@ TEST(LimitExplanationTest, NobodyIsToldToSwitchOnWhatIsOn) {
     EXPECT_EQ("", advice(zel::kModeCpu));
 }
 
+TEST(LimitExplanationTest, OnlyARecordThatTheMonitorHonoursPauses) {
+    constexpr int64_t kNow = 1700000000;
+    const struct {
+        const char* record;
+        bool pauses;
+    } cases[] = {
+        {"119-1699999999", true},
+        {"13-1699956801", true},
+        {"105-1699956800", false},              // 12 hours ago
+        {"105-1700009999", true},               // the clock was set back
+        {"119-99999999999999999999", true},     // beyond every number
+        {"120-1699999999", false},              // another failure
+        {"105", false},                         // no time
+        {"105-1-1699999999", false},            // three pieces
+        {"105--1699999999", false},             // as well
+        {"x-1699999999", false},                // no code
+        {"13-abc", false},                      // no time
+        {"13-1\n120-2\n105-1699999999", true},  // a later line counts
+        {"", false},
+    };
+    for (const auto& each : cases) {
+        support::TempDir dir;
+        ASSERT_TRUE(support::WriteText(dir.Path() + zel::kCgroupErrorFileName, each.record));
+        EXPECT_EQ(each.pauses, ReadMemoryPause(dir.Path(), kNow).has_value()) << each.record;
+    }
+}
+
 TEST(LimitExplanationTest, APauseNamesItsEndItsReasonAndItsRemedy) {
     support::TempDir dir;
     StatusReport report = Unlimited(zel::kModeMemory);

@@ -84,6 +84,11 @@ TEST(ResourceFileCheckTest, FindingsAreBoundedAndPrintable) {
     }
 }
 
+TEST(ResourceFileCheckTest, AValueIsFoundBehindAByteOrderMark) {
+    EXPECT_EQ(FindResourceValue("\xEF\xBB\xBFmax_memory = 2000\nmax_cpu = 5", "max_memory"), "2000");
+    EXPECT_EQ(FindResourceValue("\xEF\xBB\xBF", "max_memory"), "");
+}
+
 TEST(ResourceFileCheckTest, MissingFileIsAFindingToo) {
     EXPECT_THAT(CheckResourceFile("/nonexistent/resource_config"), ElementsAre(HasSubstr("it cannot be read")));
 }
