@@ -47,8 +47,11 @@ TempDir::~TempDir() {
 }
 
 std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    // A file of a process that ends meanwhile fails to be read: the stream swallows that where an iterator throws it.
+    const std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
 }
 
 std::string ReadValue(const std::string& path) {
