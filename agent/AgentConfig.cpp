@@ -3,10 +3,8 @@
 
 #include <json/json.h>
 
-#include <tuple>
 #include <utility>
 
-#include "AgentLog.h"
 #include "JsonText.h"
 #include "base/TrustedRead.h"
 
@@ -125,16 +123,6 @@ base::Status ReadMember(const std::string& key, const Json::Value& value, AgentC
     return Bad(key + ": unknown key; known are version, syslog, http, textfile");
 }
 
-/// What an HTTP and a syslog sink are made from.
-auto SinksOf(const AgentConfig& config) {
-    return std::tie(config.syslog, config.httpUrl, config.httpCaFile, config.httpHeader, config.httpVerifyTls,
-                    config.httpTimeoutMs);
-}
-
-auto TextFileOf(const AgentConfig& config) {
-    return std::tie(config.textFile, config.textFileSeconds);
-}
-
 }  // namespace
 
 base::Result<AgentConfig> ParseAgentConfig(const std::string& text) {
@@ -153,7 +141,9 @@ base::Result<AgentConfig> LoadAgentConfig(const std::string& path) {
     // It says where events go, with what secret: nobody else may have written it, nor exchanged it.
     const base::Result<std::string> text = base::ReadTrusted(path, kMaxFileBytes, base::TrustScope::kWithPlace);
     if (!text && text.GetError().kind == base::ErrorKind::kNotFound) return AgentConfig();
-    if (!text) return Bad(path + ": " + text.GetError().Reason());
+    if (!text) {
+        return base::SentenceError(path + ": " + base::ReasonOf(text.GetError(), path), text.GetError().kind);
+    }
     base::Result<AgentConfig> parsed = ParseAgentConfig(*text);
     if (!parsed) return Bad(path + ": " + parsed.GetError().Text());
     return parsed;
@@ -173,47 +163,6 @@ void ApplyAgentConfig(const AgentConfig& config, zelhost::HostOptions& host) {
     if (!host.isMain) return;
     host.metrics.textFile = config.textFile;
     host.metrics.textFilePeriodMs = config.textFileSeconds * kMsPerSecond;
-}
-
-bool AgentConfigFile::Renew() {
-    const base::FileMark mark = base::ReadFileMark(m_path);
-    if (mark == m_mark) return false;
-    m_mark = mark;
-    base::Result<AgentConfig> loaded = LoadAgentConfig(m_path);
-    if (loaded) {
-        m_config = std::move(*loaded);
-        return true;
-    }
-    LogLine("agent configuration refused, the old values stay: " + loaded.GetError().Text(), zel::kLogWarning);
-    return false;
-}
-
-const AgentConfig& AgentConfigFile::Read() {
-    Renew();
-    return m_config;
-}
-
-void AgentConfigFile::Follow(zelhost::CHostServices& services) {
-    const AgentConfig before = m_config;
-    if (!Renew()) return;
-    // What stays as it is goes on undisturbed.
-    if (SinksOf(m_config) != SinksOf(before)) FollowSinks(services);
-    if (m_isMain && TextFileOf(m_config) != TextFileOf(before)) FollowTextFile(services);
-    LogLine("agent configuration " + m_path + " is read again", zel::kLogInfo);
-}
-
-void AgentConfigFile::FollowSinks(zelhost::CHostServices& services) const {
-    zelhost::DeliveryOptions delivery;
-    ApplyDelivery(m_config, delivery);
-    std::string problem;
-    if (services.SetSinks(delivery, problem)) return;
-    LogLine("agent configuration " + m_path + ": " + problem + "; the old sinks stay", zel::kLogWarning);
-}
-
-void AgentConfigFile::FollowTextFile(zelhost::CHostServices& services) const {
-    if (services.SetTextFile(m_config.textFile, m_config.textFileSeconds * kMsPerSecond)) return;
-    LogLine("agent configuration " + m_path + ": this process has no metrics, so no text file of them",
-            zel::kLogWarning);
 }
 
 }  // namespace agent

@@ -4,12 +4,29 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <utility>
+
+#include "AgentConfig.h"
 #include "StatusJson.h"
+#include "platform/zel/AgentNames.h"
 #include "platform/host/HostServices.h"
 
 namespace agent {
 
-ConsoleActions MakeConsoleActions(const StatusSources& sources) {
+namespace {
+
+/// Errors: why one of the two files is refused.
+bool Reload(zelhost::CHostServices& services, const std::string& agentConfig, std::string& problem) {
+    const bool online = services.ReloadOnlineConfig(problem);
+    const base::Result<AgentConfig> config = LoadAgentConfig(agentConfig);
+    if (config) return online;
+    problem += (problem.empty() ? "" : "; ") + config.GetError().Text();
+    return false;
+}
+
+}  // namespace
+
+ConsoleActions MakeConsoleActions(const StatusSources& sources, std::function<void()> wantConfig) {
     zelhost::CHostServices* services = sources.services;
     CMonitor* monitor = sources.monitor;
     ConsoleActions actions;
@@ -20,7 +37,11 @@ ConsoleActions MakeConsoleActions(const StatusSources& sources) {
         services->CollectStatistics();
         return services->GetStatistics().values;
     };
-    actions.reload = [services](std::string& problem) { return services->ReloadOnlineConfig(problem); };
+    const std::string agentConfig = sources.appDir + zel::kAgentConfigFileName;
+    actions.reload = [services, agentConfig, wantConfig = std::move(wantConfig)](std::string& problem) {
+        wantConfig();
+        return Reload(*services, agentConfig, problem);
+    };
     // The main thread takes the signal and ends the process.
     actions.stop = [] { kill(getpid(), SIGTERM); };
     return actions;

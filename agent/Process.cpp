@@ -53,9 +53,17 @@ std::atomic<zel::CIpcBroadcastServer*> g_broadcast{nullptr};
 /// The groups have changed, so programs that cannot follow by themselves have to be moved.
 std::atomic<bool> g_groupsChanged{false};
 
+/// Somebody wants conf/agent.json read again, changed or not.
+std::atomic<bool> g_configWanted{false};
+
 /// Wakes the main thread's wait from any thread.
 void WakeMain() {
     kill(getpid(), SIGALRM);
+}
+
+void WantConfig() {
+    g_configWanted = true;
+    WakeMain();
 }
 
 void Broadcast(const std::string& type, const std::string& body) {
@@ -364,7 +372,7 @@ int Process::OpenConsole() {
 }
 
 void Process::ServeConsole() {
-    auto control = std::make_unique<ControlServer>(MakeConsoleActions(Sources()));
+    auto control = std::make_unique<ControlServer>(MakeConsoleActions(Sources(), WantConfig));
     const base::Status started = control->Start(ConsoleSocket(m_options.appDir, m_options.name));
     const std::string problem = started ? std::string() : started.GetError().Text();
     if (started) m_control = std::move(control);
@@ -416,6 +424,7 @@ void Process::Handle(int signal) {
     if (signal == SIGHUP) {
         std::string problem;  // the log has it
         m_services.ReloadOnlineConfig(problem);
+        g_configWanted = true;
     }
     if (signal == SIGUSR1) ThreadReport(*m_monitor);  // the log has it too
 }
@@ -428,7 +437,9 @@ int Process::LookAround(int64_t second) {
     if (m_components != nullptr) m_keeping.Tick(second, m_components->Members());
     LookAfterLimits(second);
     if (m_limitNews.IsDue(second)) TellLimits();
-    if (second >= m_nextConfigLook) {
+    const bool wanted = g_configWanted.exchange(false);
+    if (wanted) m_agentConfig->ReadAnew();
+    if (wanted || second >= m_nextConfigLook) {
         m_nextConfigLook = second + (m_options.IsMain() ? 1 : kComponentConfigLookSeconds);
         m_agentConfig->Follow(m_services);
         TryAgain();

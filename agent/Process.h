@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "AgentConfig.h"
+#include "AgentConfigFile.h"
 #include "AppDirectory.h"
 #include "ComponentCare.h"
 #include "EventSink.h"

@@ -45,7 +45,7 @@ void Declare(CLI::App& app, CommandLine& line) {
     app.add_subcommand("metrics", "the process's metrics in Prometheus text form");
     app.add_subcommand("threads", "per-thread CPU report with the busiest thread's kernel stack");
     app.add_subcommand("statistics", "the registered statistics, collected now");
-    app.add_subcommand("reload", "read the online configuration again now");
+    app.add_subcommand("reload", "read the online configuration and agent.json again now");
     app.add_subcommand("stop", "stop the agent process");
 }
 

@@ -1,5 +1,5 @@
 // The agent's own configuration file: what it takes, and that only its owner commands it.
-#include "AgentConfig.h"
+#include "AgentConfigFile.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,7 +8,9 @@
 #include <utility>
 #include <vector>
 
+#include "platform/zel/LogControl.h"
 #include "support/Files.h"
+#include "support/Waiting.h"
 
 namespace agent {
 namespace {
@@ -88,6 +90,94 @@ TEST(AgentConfigTest, OnlyItsOwnersFileIsTaken) {
     const auto open = LoadAgentConfig(path);
     ASSERT_FALSE(open.Ok());
     EXPECT_THAT(open.GetError().Text(), testing::HasSubstr(path));
+}
+
+TEST(AgentConfigTest, WhatKeptItFromBeingReadIsTriedAgain) {
+    const support::TempDir dir;
+    const std::string path = dir / "conf/agent.json";
+    ASSERT_TRUE(support::WriteText(path, R"({"syslog":true})"));
+    ASSERT_EQ(chmod((dir / "conf").c_str(), 0777), 0);
+    AgentConfigFile file(path, true);
+    EXPECT_FALSE(file.Read().syslog);
+    ASSERT_EQ(chmod((dir / "conf").c_str(), 0750), 0);
+    EXPECT_TRUE(file.Read().syslog) << "the file itself is the same";
+}
+
+TEST(AgentConfigTest, ARefusalNamesTheDirectoryAtFault) {
+    const support::TempDir dir;
+    const std::string path = dir / "conf/agent.json";
+    ASSERT_TRUE(support::WriteText(path, "{}"));
+    ASSERT_EQ(chmod((dir / "conf").c_str(), 0777), 0);
+    const auto config = LoadAgentConfig(path);
+    ASSERT_FALSE(config.Ok());
+    EXPECT_THAT(config.GetError().Text(), testing::StartsWith(path + ": " + dir / "conf" + ": "));
+}
+
+/// The log of this process in a file of the test's own.
+class LoggedConfigTest : public testing::Test {
+protected:
+    LoggedConfigTest() {
+        zel::LogOptions options;
+        options.directory = m_dir.Path();
+        options.processName = "config";
+        zel::ConfigureLog(options);
+    }
+    ~LoggedConfigTest() override {
+        zel::LogOptions options;
+        options.file = false;
+        zel::ConfigureLog(options);
+    }
+    size_t Logged(const std::string& text) {
+        zel::FlushLog();
+        return support::CountOf(support::ReadText(m_dir / "config.log"), text);
+    }
+    zelhost::HostOptions Host() {
+        zelhost::HostOptions host;
+        host.processName = "tervane";
+        host.isMain = true;
+        host.appDir = m_dir / "app";
+        host.statisticsDbPath = "-";
+        return host;
+    }
+    const support::TempDir m_dir;
+    const std::string m_path = m_dir / "conf/agent.json";
+};
+
+TEST_F(LoggedConfigTest, WhatTheServicesDidNotTakeIsHandedAgain) {
+    AgentConfigFile file(m_path, true);
+    file.Read();
+    zelhost::CHostServices services;
+    ASSERT_TRUE(support::WriteText(
+        m_path, R"({"http":{"url":"http://127.0.0.1:1/"},"textfile":{"path":")" + (m_dir / "a.prom") + R"("}})"));
+    for (int look = 0; look < 5; ++look) file.Follow(services);
+    EXPECT_EQ(Logged("this process delivers no messages; it is tried again"), 1u);
+    std::string problem;
+    ASSERT_TRUE(services.Start(Host(), problem)) << problem;
+    file.Follow(services);
+    EXPECT_EQ(Logged("is read again"), 1u);
+    const auto sinks = services.GetDeliveryStats().sinks;
+    EXPECT_EQ(sinks.size(), 2u) << "its own file, and the endpoint";
+    EXPECT_TRUE(support::Eventually([&] { return support::Exists(m_dir / "a.prom"); }));
+    file.Follow(services);
+    EXPECT_EQ(Logged("is read again"), 1u) << "nothing has changed";
+    file.ReadAnew();
+    file.Follow(services);
+    EXPECT_EQ(Logged("is read again"), 2u) << "somebody asked for it";
+    services.Stop();
+}
+
+TEST_F(LoggedConfigTest, TheSameRefusalIsToldOnce) {
+    ASSERT_TRUE(support::WriteText(m_path, R"({"syslog":true})"));
+    ASSERT_EQ(chmod((m_dir / "conf").c_str(), 0777), 0);
+    AgentConfigFile file(m_path, true);
+    for (int look = 0; look < 5; ++look) file.Read();
+    EXPECT_EQ(Logged("agent configuration refused, the old values stay: " + m_path), 1u);
+    ASSERT_EQ(chmod((m_dir / "conf").c_str(), 0750), 0);
+    EXPECT_TRUE(file.Read().syslog);
+    ASSERT_EQ(chmod((m_dir / "conf").c_str(), 0777), 0);
+    ASSERT_TRUE(support::WriteText(m_path, R"({"syslog":false})"));
+    for (int look = 0; look < 5; ++look) EXPECT_TRUE(file.Read().syslog) << "the old values stay";
+    EXPECT_EQ(Logged("agent configuration refused, the old values stay: " + m_path), 2u);
 }
 
 }  // namespace

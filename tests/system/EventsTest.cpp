@@ -66,6 +66,9 @@ TEST_F(EventsTest, TheEndpointIsSwitchedWhileTheAgentRuns) {
     EXPECT_TRUE(WaitLog("agent configuration refused, the old values stay: " + Conf("agent.json") + ": http.url"));
     ended = MakeEvent();
     EXPECT_TRUE(Poll(kSettleSeconds, [&] { return Has(first, ended); })) << "the last good one stays";
+    std::string text;
+    EXPECT_NE(RunConsole({"reload"}, text), 0);
+    EXPECT_THAT(text, HasSubstr(Conf("agent.json") + ": http.url"));
 
     WriteConf("agent.json", To(second));
     EXPECT_TRUE(WaitLog("agent configuration " + Conf("agent.json") + " is read again"));
@@ -73,6 +76,10 @@ TEST_F(EventsTest, TheEndpointIsSwitchedWhileTheAgentRuns) {
     ended = MakeEvent();
     EXPECT_TRUE(Poll(kSettleSeconds, [&] { return Has(second, ended); }));
     EXPECT_EQ(first.Accepted().size(), before);
+    EXPECT_EQ(RunConsole({"reload"}, text), 0) << text;
+    EXPECT_TRUE(WaitLog("agent configuration " + Conf("agent.json") + " is read again", 2));
+    agent.Signal(SIGHUP);
+    EXPECT_TRUE(WaitLog("agent configuration " + Conf("agent.json") + " is read again", 3));
 
     ASSERT_EQ(chmod(Conf("agent.json").c_str(), 0666), 0);
     EXPECT_TRUE(WaitLog("agent configuration refused, the old values stay", 2));

@@ -1,0 +1,46 @@
+// conf/agent.json, followed while the agent runs.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "AgentConfig.h"
+#include "base/FileIo.h"
+#include "platform/host/HostServices.h"
+
+namespace agent {
+
+/// Follows the file. What fails for want of something, as descriptors or a place that is trusted, is tried again.
+/// Thread-safety: the main thread alone. Errors: in the log, the same one only once in a row.
+class AgentConfigFile {
+public:
+    AgentConfigFile(std::string path, bool isMain) : m_path(std::move(path)), m_isMain(isMain) {}
+
+    /// For a start that goes by it. Returns: what the file says now, what a bad file said before it.
+    const AgentConfig& Read();
+    /// Hands a file that has changed to the services. A bad one changes nothing. To be called every few seconds.
+    void Follow(zelhost::CHostServices& services);
+    /// The next look reads the file also when it is the one that was seen last.
+    void ReadAnew() { m_seen.reset(); }
+
+private:
+    /// Returns: whether a new state of the file was taken.
+    bool Renew();
+    void Tell(const std::string& problem);
+
+    bool FollowSinks(zelhost::CHostServices& services);
+    bool FollowTextFile(zelhost::CHostServices& services);
+
+    const std::string m_path;
+    const bool m_isMain;
+    /// Of the file whose content was judged for good.
+    std::optional<base::FileMark> m_seen = base::FileMark();
+    AgentConfig m_config;
+    // whose sinks and whose text file are in force
+    AgentConfig m_sinksFrom;
+    AgentConfig m_textFileFrom;
+    std::string m_told;
+};
+
+}  // namespace agent
