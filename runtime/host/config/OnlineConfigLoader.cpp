@@ -178,9 +178,13 @@ base::Status COnlineConfigLoader::Check(bool force) {
     m_checkedOnce = true;
     const base::Result<std::string> text = base::ReadTrusted(m_path, kOnlineFileMaxBytes, base::TrustScope::kWithPlace);
     if (!text && text.GetError().kind == base::ErrorKind::kNotFound) return FallBack(force);
-    if (!text) return Refuse(base::ReasonOf(text.GetError(), m_path));
+    if (!text) {
+        m_checkedOnce = false;
+        return Refuse(base::ReasonOf(text.GetError(), m_path), force);
+    }
     const base::Result<OnlineValues> values = ParseOnlineConfig(*text);
-    if (!values) return Refuse(values.GetError().Text());
+    if (!values) return Refuse(values.GetError().Text(), true);
+    m_refusal.clear();
     zel::CLogMessage::GetInstance()->log(zel::kLogInfo, "OnlineConfigLoader", __LINE__,
                                          "online configuration %s: %zu values taken over", m_path.c_str(),
                                          values->size());
@@ -190,6 +194,7 @@ base::Status COnlineConfigLoader::Check(bool force) {
 }
 
 base::Status COnlineConfigLoader::FallBack(bool force) {
+    m_refusal.clear();
     if (!m_fileInForce) return {};
     zel::CLogMessage::GetInstance()->log(zel::kLogInfo, "OnlineConfigLoader", __LINE__,
                                          "online configuration %s is gone; its values fall back", m_path.c_str());
@@ -198,7 +203,10 @@ base::Status COnlineConfigLoader::FallBack(bool force) {
     return {};
 }
 
-base::Status COnlineConfigLoader::Refuse(const std::string& reason) const {
+base::Status COnlineConfigLoader::Refuse(const std::string& reason, bool force) {
+    const bool isNews = reason != m_refusal;
+    m_refusal = reason;
+    if (!isNews && !force) return base::SentenceError(reason);
     zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "OnlineConfigLoader", __LINE__,
                                          "online configuration refused, the old values stay: %s: %s", m_path.c_str(),
                                          reason.c_str());

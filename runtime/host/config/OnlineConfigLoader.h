@@ -16,7 +16,8 @@
 namespace zelhost {
 
 /// Thread-safety: Start and Stop from one thread, Reload from any.
-/// Errors: a bad file is logged once per state of the file, and everything stays as it was.
+/// Errors: a bad file is logged once, and everything stays as it was. What keeps one from being read, as a directory
+/// that others may write, can go without the file's changing: it is looked at again each time.
 class COnlineConfigLoader {
 public:
     COnlineConfigLoader(COnlineClientConf& conf, std::string path, unsigned int pollMs);
@@ -49,7 +50,7 @@ private:
     /// Waits for the file to come back when it is gone. Returns: its mark.
     base::FileMark LookAtFile() const;
     base::Status FallBack(bool force);
-    base::Status Refuse(const std::string& reason) const;
+    base::Status Refuse(const std::string& reason, bool force);
     void Accept(const OnlineValues& values, bool force);
 
     COnlineClientConf& m_conf;
@@ -64,6 +65,7 @@ private:
     base::FileMark m_seen;
     bool m_checkedOnce = false;
     bool m_fileInForce = false;
+    std::string m_refusal;  // as told last; empty when the file was taken since
     OnlineValues m_values;  // of the file in force
 
     base::Mutex m_lock;

@@ -148,6 +148,19 @@ TEST_F(OnlineConfigTest, AForeignOrGroupWritableFileIsRefusedForRoot) {
     EXPECT_EQ(m_conf.maxCpu.Get(), 21);
 }
 
+TEST_F(OnlineConfigTest, AMendedDirectoryIsNoticedWithTheFileAsItWas) {
+    WriteText(m_path, "{\"maxCpu\":21}");
+    ASSERT_EQ(chmod((m_dir / "conf").c_str(), 0777), 0);
+    Load(20);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // ten looks at the same place
+    const Lines told = TakeLog();
+    ASSERT_EQ(told.size(), 1u) << "told once";
+    EXPECT_NE(told[0].find("online configuration refused"), std::string::npos) << told[0];
+    EXPECT_EQ(m_conf.maxCpu.Get(), 10);
+    ASSERT_EQ(chmod((m_dir / "conf").c_str(), 0750), 0);
+    EXPECT_TRUE(Eventually([&] { return m_conf.maxCpu.Get() == 21; }));
+}
+
 TEST_F(OnlineConfigTest, PublishedValuesSurviveAbsentKeys) {
     Load();
     m_conf.maxCpu.Set(15);  // as the module does after reading its own file
