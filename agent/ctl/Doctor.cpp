@@ -10,6 +10,7 @@
 #include <iterator>
 #include <optional>
 
+#include "AgentConfig.h"
 #include "AskAgent.h"
 #include "ComponentsConfig.h"
 #include "Health.h"
@@ -160,7 +161,7 @@ Findings JudgeTrust(const std::string& appDir, const std::vector<ComponentConfig
     Findings found;
     const auto directory = base::OpenTrustedDirectory(appDir);
     if (!directory) AddRefusal(found, appDir, directory.GetError());
-    for (const char* name : {zel::kResourceConfigFileName, zel::kOnlineConfigFileName}) {
+    for (const char* name : {zel::kResourceConfigFileName, zel::kOnlineConfigFileName, zel::kAgentConfigFileName}) {
         const auto file = base::OpenTrusted(appDir + name, base::TrustScope::kWithPlace);
         if (!file) AddRefusal(found, appDir + name, file.GetError());
     }
@@ -190,6 +191,11 @@ Findings JudgeFiles(const std::string& appDir, int64_t now) {
     } else {
         found.push_back({Severity::kProblem, "no component is started: " + components.GetError().Text(),
                          appDir + zel::kComponentsFileName, "correct it, or remove it to run the built-in components"});
+    }
+    const auto config = LoadAgentConfig(appDir + zel::kAgentConfigFileName);
+    if (!config && config.GetError().kind == base::ErrorKind::kMalformed) {
+        found.push_back({Severity::kProblem, "not taken over: " + config.GetError().Text(), "",
+                         "correct it there: until then events and metrics go where they went before"});
     }
     Append(found, JudgeTrust(appDir, components ? *components : std::vector<ComponentConfig>()));
     Append(found, LookAtPause(appDir, now));

@@ -136,6 +136,19 @@ TEST_F(DoctorFilesTest, WhatOthersMayChangeIsAProblemByName) {
                           (dir / "conf") + ": writable by everybody, mode 1777 (chmod o-w)"));
 }
 
+TEST_F(DoctorFilesTest, TheAgentsOwnConfigurationIsJudgedToo) {
+    const std::string path = dir / "conf/agent.json";
+    ASSERT_TRUE(support::WriteText(path, R"({"syslog":true})"));
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow))) << TextOf(JudgeFiles(dir.Path(), kNow));
+    ASSERT_EQ(0, chmod(path.c_str(), 0666));
+    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path(), kNow)));
+    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)), HasSubstr(path + " is not used: somebody else could have"));
+    ASSERT_EQ(0, chmod(path.c_str(), 0640));
+    ASSERT_TRUE(support::WriteText(path, R"({"sylog":true})"));
+    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path(), kNow)));
+    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)), HasSubstr("not taken over: " + path + ": sylog: unknown key"));
+}
+
 TEST_F(DoctorFilesTest, ALineWithoutEffectIsAWarning) {
     ASSERT_TRUE(support::WriteText(dir / "conf/resource_config", "max_cpu = much\n"));
     EXPECT_EQ(Severity::kWarning, WorstOf(JudgeFiles(dir.Path(), kNow)));
