@@ -89,7 +89,7 @@ void DeclareComponents(const std::string& appDir) {
     zel::SetUnlistedComponents(std::move(unlisted));
 }
 
-ComponentCare::ComponentCare(CMonitor& monitor, ComponentPulses* pulses)
+ComponentCare::ComponentCare(CMonitor& monitor, ComponentPulses& pulses)
     : m_monitor(monitor), m_pulses(pulses), m_kills(ReadTree) {}
 
 void ComponentCare::Start(const Options& options, const std::string& program) {
@@ -120,7 +120,7 @@ void ComponentCare::Tick(int64_t now) {
         m_monitor.SetWatcherProcess(running);
     }
     std::vector<ComponentStatus> status = m_supervisor->Status(now);
-    if (m_pulses != nullptr) m_pulses->Judge(status, now);
+    m_pulses.Judge(status, now);
     base::MutexLock guard(m_lock);
     m_status = std::move(status);
 }

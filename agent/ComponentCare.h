@@ -25,8 +25,8 @@ namespace agent {
 /// Lifetime: Stop before the monitor is stopped.
 class ComponentCare {
 public:
-    /// `pulses`: what the components say; null when nothing can be heard.
-    ComponentCare(CMonitor& monitor, ComponentPulses* pulses);
+    /// `pulses`: what the components say.
+    ComponentCare(CMonitor& monitor, ComponentPulses& pulses);
 
     /// Reads which components there are. `program` is this executable; nothing is started before the first Tick.
     /// On failure: one log line, and there are no components.
@@ -47,7 +47,7 @@ public:
 
 private:
     CMonitor& m_monitor;
-    ComponentPulses* m_pulses;
+    ComponentPulses& m_pulses;
     std::unique_ptr<Supervisor> m_supervisor;
     std::map<unsigned int, std::string> m_watched;
     std::string m_placeProblems;  // as told last

@@ -208,6 +208,7 @@ void Process::ServeBroadcast() {
     std::string problem;
     if (m_broadcast->Start(m_options.appDir + zel::kBroadcastSocketName, problem)) {
         g_broadcast = m_broadcast.get();
+        m_pulses.Listen();
     } else if (problem != m_broadcastProblem) {
         LogLine("broadcast to the components: " + problem +
                     "; they follow changes only when they restart, and none is seen to hang; it is tried again",
@@ -355,7 +356,7 @@ void Process::StopLoad() {
 
 int Process::StartComponents() {
     if (!m_options.IsMain()) return kExitClean;
-    m_components = std::make_unique<ComponentCare>(*m_monitor, g_broadcast == nullptr ? nullptr : &m_pulses);
+    m_components = std::make_unique<ComponentCare>(*m_monitor, m_pulses);
     m_components->Start(m_options, m_program);
     m_services.SetMetricsSource(
         [this](std::vector<zelhost::Metric>& metrics) { AddAgentMetrics(*m_components, metrics); });

@@ -67,7 +67,7 @@ bool ComponentPulses::Note(int pid, const std::string& text, int64_t now) {
 void ComponentPulses::JudgeOne(ComponentStatus& component, const Heard& heard, Watched& watched, int64_t now) const {
     const std::string who = "component " + component.name + " (process " + std::to_string(component.pid) + ") ";
     // Who is stopped says nothing and is told apart; what was said while this process did not run is still on its way.
-    const bool blind = m_judgedAt != 0 && now - m_judgedAt >= kBeatSeconds;
+    const bool blind = m_judgedAt == 0 || now - m_judgedAt >= kBeatSeconds;
     if (component.suspended || blind) watched.from = now;
     const int64_t silent = now - std::max({heard.at, watched.from, now - component.runsSeconds});
     const bool main = silent >= (heard.at == 0 ? kHungAtStartSeconds : kHungSeconds);
@@ -88,6 +88,7 @@ void ComponentPulses::JudgeOne(ComponentStatus& component, const Heard& heard, W
 }
 
 void ComponentPulses::Judge(std::vector<ComponentStatus>& components, int64_t now) {
+    if (!m_listens) return;
     std::map<int, Heard> heard;
     std::map<int, Watched> watched;
     const base::MutexLock guard(m_lock);

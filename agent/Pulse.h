@@ -49,14 +49,17 @@ std::string FormatBeat(int64_t samplingSilentSeconds);
 bool ParseBeat(const std::string& text, int64_t& samplingSilentSeconds);
 
 /// The components' signs of life, as the main process has heard them.
-/// Thread-safety: Note from any thread, the rest from the main thread.
+/// Thread-safety: Note from any thread, the rest from the main thread. To be judged every second or so.
 class ComponentPulses {
 public:
+    /// From here on the components can be heard: before, their silence says nothing.
+    void Listen() { m_listens = true; }
+
     /// Returns: whether the text is a sign of life.
     bool Note(int pid, const std::string& text, int64_t now) ZEL_EXCLUDES(m_lock);
 
     /// Fills in which of the components hang. One log line when one begins to, one when it goes on.
-    /// Silence counts while the component and this process both ran.
+    /// Silence counts while the component and this process both ran, and the one could be heard by the other.
     void Judge(std::vector<ComponentStatus>& components, int64_t now) ZEL_EXCLUDES(m_lock);
 
 private:
@@ -75,6 +78,7 @@ private:
     base::Mutex m_lock;
     std::map<int, Heard> m_heard ZEL_GUARDED_BY(m_lock);  // by process
     std::map<int, Watched> m_watched;
+    bool m_listens = false;
     int64_t m_judgedAt = 0;
 };
 

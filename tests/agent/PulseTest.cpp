@@ -15,6 +15,7 @@ class PulseTest : public testing::Test {
 protected:
     /// Returns: for how long it counts as hung.
     int64_t JudgeAt(int64_t now) {
+        if (m_listens) m_pulses.Listen();
         m_component.runsSeconds = now - kStarted;
         std::vector<ComponentStatus> all{m_component};
         m_pulses.Judge(all, now);
@@ -35,8 +36,17 @@ protected:
     ComponentStatus m_component{"QorNet", "", ComponentState::kRunning, kPid, 0, 0, false, 0, 0, 0, false, "", false,
                                 0,        ""};
     ComponentPulses m_pulses;
+    bool m_listens = true;
     std::string m_what;
 };
+
+TEST_F(PulseTest, WhoCannotBeHeardIsNotBlamed) {
+    m_listens = false;
+    EXPECT_EQ(0, JudgeEachSecond(kStarted, kStarted + 300, false));
+    m_listens = true;
+    EXPECT_EQ(0, JudgeEachSecond(kStarted + 301, kStarted + 360, false)) << "it has just begun to listen";
+    EXPECT_EQ(60, JudgeAt(kStarted + 361));
+}
 
 TEST_F(PulseTest, WhoBeatsDoesNotHang) {
     EXPECT_EQ(0, JudgeEachSecond(kStarted, kStarted + 300, true));
