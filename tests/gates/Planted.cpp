@@ -1,0 +1,54 @@
+// A regression of every kind, for the test of the gates: loaded into each process of an agent by the dynamic linker, it
+// adds one thread that wakes a few times a second, opens and reads a file and appends to another, one descriptor that
+// stays open, some private memory, and itself as a library.
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr size_t kMemoryBytes = 1 << 20;
+constexpr useconds_t kPauseUs = 250000;
+constexpr size_t kPageBytes = 4096;
+
+void* Disturb(void* path) {
+    int kept = -1;
+    void* memory = std::malloc(kMemoryBytes);
+    for (int round = 0;; ++round) {
+        if (memory != nullptr) std::memset(memory, round, kMemoryBytes);
+        char page[kPageBytes];
+        std::memset(page, 'x', sizeof(page));
+        const int file = open("/proc/self/statm", O_RDONLY | O_CLOEXEC);
+        if (file >= 0) {
+            if (read(file, page, sizeof(page)) < 0) return nullptr;
+            close(file);
+        }
+        // Again and again, so that it is the file of the process that lives on and not of the one before its exec.
+        if (kept < 0) kept = open(static_cast<const char*>(path), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        if (kept >= 0 && write(kept, page, sizeof(page)) < 0) return nullptr;
+        usleep(kPauseUs);
+    }
+}
+
+__attribute__((constructor)) void Plant() {
+    char* path = getenv("PLANTED_FILE");
+    if (path == nullptr) return;
+    pthread_t thread;
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    // The agent takes its signals on one thread; this one exists before it says so.
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &before);
+    pthread_create(&thread, &attributes, Disturb, path);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    pthread_attr_destroy(&attributes);
+}
+
+}  // namespace
