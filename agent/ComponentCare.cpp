@@ -3,6 +3,7 @@
 
 #include <json/value.h>
 
+#include <algorithm>
 #include <ctime>
 
 #include "AgentLog.h"
@@ -63,6 +64,14 @@ bool ReadTree(zel::CgroupTreeStatus& tree) {
     return zel::ReadCgroupTreeStatus(tree, problem);
 }
 
+/// What was seen `seconds` ago.
+void CountOn(ComponentStatus& component, int64_t seconds) {
+    if (component.state == ComponentState::kRunning) component.runsSeconds += seconds;
+    component.waitsSeconds = std::max<int64_t>(0, component.waitsSeconds - seconds);
+    if (component.suspended) component.suspendedSeconds += seconds;
+    if (component.hungSeconds > 0) component.hungSeconds += seconds;
+}
+
 /// A component's end is the end of everything that it has started, wherever that has got to in the process tree.
 void EndWhatIsLeft(const std::string& name) {
     const zel::CgroupLeafEnd end = zel::EndCgroupComponent(name);
@@ -120,9 +129,10 @@ void ComponentCare::Tick(int64_t now) {
         m_monitor.SetWatcherProcess(running);
     }
     std::vector<ComponentStatus> status = m_supervisor->Status(now);
-    m_pulses.Judge(status, now);
+    m_nextDue = std::min(m_supervisor->NextStart(), m_pulses.Judge(status, now));
     base::MutexLock guard(m_lock);
     m_status = std::move(status);
+    m_statusAt = now;
 }
 
 void ComponentCare::PlacePrograms() {
@@ -156,7 +166,9 @@ void ComponentCare::Stop() {
 
 std::vector<ComponentStatus> ComponentCare::Status() const {
     base::MutexLock guard(m_lock);
-    return m_status;
+    std::vector<ComponentStatus> status = m_status;
+    for (ComponentStatus& component : status) CountOn(component, SecondsSinceBoot() - m_statusAt);
+    return status;
 }
 
 }  // namespace agent

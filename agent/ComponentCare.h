@@ -33,6 +33,8 @@ public:
     void Start(const Options& options, const std::string& program);
     /// Starts what is due, notices what ended.
     void Tick(int64_t now);
+    /// Returns: the second of SecondsSinceBoot() in which Tick has something to do that no signal tells.
+    int64_t NextDue() const { return m_nextDue; }
     /// See Supervisor.
     bool OutputFlows() const { return m_supervisor != nullptr && m_supervisor->OutputFlows(); }
     /// Puts components that are other programs where the groups are now: they cannot follow by themselves.
@@ -42,7 +44,7 @@ public:
 
     /// The running components' processes.
     std::vector<zel::CgroupMember> Members() const;
-    /// What the last Tick saw.
+    /// What the last Tick saw; how long it lasts is counted up to now.
     std::vector<ComponentStatus> Status() const ZEL_EXCLUDES(m_lock);
 
 private:
@@ -52,7 +54,9 @@ private:
     std::map<unsigned int, std::string> m_watched;
     std::string m_placeProblems;  // as told last
     OomHistory m_kills;
+    int64_t m_nextDue = 0;
     mutable base::Mutex m_lock;
+    int64_t m_statusAt ZEL_GUARDED_BY(m_lock) = 0;
     std::vector<ComponentStatus> m_status ZEL_GUARDED_BY(m_lock);
 };
 

@@ -2,6 +2,7 @@
 #include "ComponentOutput.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +20,12 @@ namespace {
 /// Taken at one look: what a pipe holds as a rule.
 constexpr size_t kMostBytesAtOnce = 64 * 1024;
 
+/// Whether SIGIO waits until it is taken, as the main thread has it; otherwise it would end the process.
+bool IsOutputSignalTaken() {
+    sigset_t blocked;
+    return pthread_sigmask(SIG_BLOCK, nullptr, &blocked) == 0 && sigismember(&blocked, SIGIO) == 1;
+}
+
 }  // namespace
 
 ComponentOutput::ComponentOutput(const std::string& name, Sink sink)
@@ -32,6 +39,10 @@ base::Result<base::Fd> ComponentOutput::Open() {
     // Of this end alone: each end has flags of its own, and a program must not find its output full for a moment.
     if (fcntl(m_end.Get(), F_SETFL, O_NONBLOCK) != 0) {
         return base::ErrnoError(errno, "set up the pipe for the output of", m_prefix);
+    }
+    // Without the signal the rare look finds what came.
+    if (IsOutputSignalTaken() && fcntl(m_end.Get(), F_SETOWN, getpid()) == 0) {
+        fcntl(m_end.Get(), F_SETFL, O_NONBLOCK | O_ASYNC);
     }
     m_line.clear();
     m_cut = false;

@@ -12,11 +12,10 @@
 
 namespace agent {
 
-/// The reading end of one component's output. The main process looks in each second, and a few times a second
-/// while something comes, which bounds what a program that writes without end costs it: the program waits while the
-/// pipe is full. What is more than the log takes
-/// is read all the same, left out and counted.
-/// Thread-safety: none. Lifetime: any; a program that goes on writing after Close gets a broken pipe.
+/// The reading end of one component's output. A process whose opening thread blocks SIGIO gets it when something comes,
+/// and then looks a few times a second while it flows, which bounds what a program that writes without end costs it:
+/// the program waits while the pipe is full. What is more than the log takes is read all the same, left out and
+/// counted. Thread-safety: none. Lifetime: any; a program that goes on writing after Close gets a broken pipe.
 class ComponentOutput {
 public:
     using Sink = std::function<void(const std::string& line, int level)>;

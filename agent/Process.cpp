@@ -25,6 +25,7 @@
 #include "SteadyTime.h"
 #include "base/Clock.h"
 #include "base/TrustedRead.h"
+#include "platform/host/OnlineClientConf.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupClient.h"
 #include "platform/zel/CgroupTreeStatus.h"
@@ -39,7 +40,8 @@ namespace agent {
 namespace {
 
 constexpr int64_t kLimitRetrySeconds = 1;
-constexpr int64_t kComponentConfigLookSeconds = 5;  // with its beat
+constexpr int64_t kLookSeconds = 5;  // of the main process at all, and of any at limits that nobody else keeps
+static_assert(kLookSeconds < kBlindSeconds && kBlindSeconds + kBeatSeconds < kHungSeconds);
 constexpr long kOutputLookNs = 250L * 1000 * 1000;  // a program that writes fills its pipe between two looks
 constexpr int kGoOn = -1;
 /// The main process looks after the component file every few seconds.
@@ -86,7 +88,7 @@ timespec Until(int64_t second) {
 sigset_t TakenSignals() {
     sigset_t taken;
     sigemptyset(&taken);
-    for (int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGCHLD, SIGALRM}) sigaddset(&taken, signal);
+    for (int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGCHLD, SIGALRM, SIGIO}) sigaddset(&taken, signal);
     return taken;
 }
 
@@ -123,6 +125,7 @@ Process::Process(Options options, std::string program)
       m_program(std::move(program)),
       m_sink(m_options.name, WakeMain),
       m_keeping(m_options.limitCheckSeconds),
+      m_limitNews(WakeMain),
       m_life(*this, Life(m_options.IsMain())) {
     if (m_options.configPath.empty()) m_options.configPath = m_options.appDir + zel::kResourceConfigFileName;
 }
@@ -404,20 +407,24 @@ void Process::TryAgain() {
 
 int Process::Loop() {
     const sigset_t taken = TakenSignals();
-    const int64_t begin = SecondsSinceBoot();
-    int64_t second = 0;
+    sigset_t withoutOutput = taken;
+    sigdelset(&withoutOutput, SIGIO);
+    int64_t second = SecondsSinceBoot();
+    if (m_options.forSeconds != 0) m_endAt = second + static_cast<int64_t>(m_options.forSeconds);
+    m_nextLimitCheck = NextOfRhythm(second, kLookSeconds);
     for (;;) {
+        const int code = LookAround(second);
+        if (code != kGoOn) return code;
+        // While output flows its signal would come with every line: it is looked at by the clock then.
         const bool flows = m_components != nullptr && m_components->OutputFlows();
-        const timespec wait = flows ? timespec{0, kOutputLookNs} : Until(begin + NextDue(second));
-        const int signal = sigtimedwait(&taken, nullptr, &wait);
+        const timespec wait = flows ? timespec{0, kOutputLookNs} : Until(NextDue(second));
+        const int signal = sigtimedwait(flows ? &withoutOutput : &taken, nullptr, &wait);
         if (signal == SIGTERM || signal == SIGINT) {
             LogLine(std::string("stopping on ") + strsignal(signal), zel::kLogInfo);
             return kExitClean;
         }
         Handle(signal);
-        second = SecondsSinceBoot() - begin;
-        const int code = LookAround(second);
-        if (code != kGoOn) return code;
+        second = SecondsSinceBoot();
     }
 }
 
@@ -433,7 +440,7 @@ void Process::Handle(int signal) {
 int Process::LookAround(int64_t second) {
     if (m_sink.SelfKillRequested()) return kExitSelfKill;
     if (!ParentIsThere(m_options.parentPid)) return kExitParentGone;
-    if (m_components != nullptr) m_components->Tick(SecondsSinceBoot());
+    if (m_components != nullptr) m_components->Tick(second);
     Beat(second);
     if (m_components != nullptr) m_keeping.Tick(second, m_components->Members());
     LookAfterLimits(second);
@@ -441,31 +448,32 @@ int Process::LookAround(int64_t second) {
     const bool wanted = g_configWanted.exchange(false);
     if (wanted) m_agentConfig->ReadAnew();
     if (wanted || second >= m_nextConfigLook) {
-        m_nextConfigLook = second + (m_options.IsMain() ? 1 : kComponentConfigLookSeconds);
+        m_nextConfigLook = NextOfRhythm(second, m_options.IsMain() ? kLookSeconds : kBeatSeconds);
         m_agentConfig->Follow(m_services);
         TryAgain();
     }
-    if (m_options.forSeconds != 0 && second >= static_cast<int64_t>(m_options.forSeconds)) return kExitClean;
+    if (m_endAt != 0 && second >= m_endAt) return kExitClean;
     return kGoOn;
 }
 
-// A component has nothing to do between its beats: it sleeps, where the main process looks at its components each
-// second.
 int64_t Process::NextDue(int64_t second) const {
-    if (m_components != nullptr) return second + 1;
     int64_t due = std::min({m_nextBeat, m_nextLimitCheck, m_nextConfigLook});
-    if (m_options.forSeconds != 0) due = std::min(due, static_cast<int64_t>(m_options.forSeconds));
+    if (m_components != nullptr) due = std::min({due, m_keeping.NextDue(), m_components->NextDue()});
+    if (m_limitNews.DueAt() != 0) due = std::min(due, m_limitNews.DueAt());
+    if (m_endAt != 0) due = std::min(due, m_endAt);
     return std::max(due, second + 1);
 }
 
 void Process::Beat(int64_t second) {
     if (second < m_nextBeat) return;
-    const int64_t now = SecondsSinceBoot();
     zelhost::SamplerFigures figures;
     m_services.GetSamplerFigures(figures);
-    m_pulse.Beat(now, figures);
-    const bool heard = m_subscriber == nullptr || m_subscriber->Report(FormatBeat(m_pulse.SamplingSilentSeconds(now)));
-    m_nextBeat = second + (heard && m_pulse.HasBegun() ? kBeatSeconds : 1);
+    m_pulse.Beat(second, figures);
+    const bool heard =
+        m_subscriber == nullptr || m_subscriber->Report(FormatBeat(m_pulse.SamplingSilentSeconds(second)));
+    // The main process is awake for other things anyway.
+    const int64_t next = m_options.IsMain() ? NextOfRhythm(second, kLookSeconds) : m_pulse.NextBeat(second);
+    m_nextBeat = heard && m_pulse.HasBegun() ? next : second + 1;
 }
 
 // The monitor looks at its groups when the configuration changes; a group can disappear, and a join fail, at any time.
@@ -474,7 +482,18 @@ void Process::LookAfterLimits(int64_t second) {
     if (m_components != nullptr) m_components->PlacePrograms();
     const bool settled = m_placement == nullptr || m_placement->Look();
     KeepLegacy();
-    m_nextLimitCheck = second + (settled ? kLimitCheckSeconds : kLimitRetrySeconds);
+    m_nextLimitCheck = NextOfRhythm(second, settled ? LimitCheckSeconds() : kLimitRetrySeconds);
+}
+
+// A limit of the legacy group is kept by whoever is in it; a place in the tree is kept by the main process, so that a
+// component that has its own looks as rarely as it wakes at all.
+int64_t Process::LimitCheckSeconds() const {
+    if (m_client == nullptr) return kLookSeconds;
+    const COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance();
+    const long mode = conf == nullptr ? 0 : conf->resourceLimitMode.Get();
+    const bool kept = ((mode & zel::kModeCpu) == 0 || m_client->IsCpuJoined()) &&
+                      ((mode & zel::kModeMemory) == 0 || m_client->IsMemJoined());
+    return kept ? kBeatSeconds : kLookSeconds;
 }
 
 StatusSources Process::Sources() {

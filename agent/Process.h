@@ -47,7 +47,6 @@ public:
     int Run();
 
 private:
-    static constexpr int64_t kLimitCheckSeconds = 5;
     using Step = Steps<Process>::Step;
     /// What is set up, in this order; taken back in reverse.
     static std::vector<Step> Life(bool isMain);
@@ -83,8 +82,10 @@ private:
     void ServeBroadcast();
     void ServeConsole();
     void LookAfterLimits(int64_t second);
-    /// Returns: the second of the loop in which something is to be done next.
+    /// Returns: the second in which something is to be done next that nothing else wakes for.
     int64_t NextDue(int64_t second) const;
+    /// Returns: how often the limits of this process are looked after.
+    int64_t LimitCheckSeconds() const;
     /// Says which limits were asked for and do not hold, and why, as far as that is news.
     void TellLimits();
     /// Shows that the main thread works.
@@ -100,10 +101,10 @@ private:
     zelhost::CHostServices m_services;
     EventSink m_sink;
     std::unique_ptr<AgentConfigFile> m_agentConfig;
-    int64_t m_nextConfigLook = 0;  // second of the loop
+    int64_t m_nextConfigLook = 0;  // these and the like: SecondsSinceBoot()
     std::unique_ptr<LogTail> m_log;
     OwnPulse m_pulse;
-    int64_t m_nextBeat = 0;  // second of the loop
+    int64_t m_nextBeat = 0;
     ComponentPulses m_pulses;
     std::unique_ptr<zel::CIpcBroadcastServer> m_broadcast;
     std::string m_broadcastProblem;  // as told last
@@ -116,10 +117,11 @@ private:
     std::unique_ptr<ComponentCare> m_components;
     std::unique_ptr<ControlServer> m_control;
     int64_t m_startedAt = 0;
-    int64_t m_nextLimitCheck = kLimitCheckSeconds;  // second of the loop
+    int64_t m_endAt = 0;  // 0: no time is set
+    int64_t m_nextLimitCheck = 0;
     TreeKeeping m_keeping;
-    std::unique_ptr<RunRecord> m_run;
     LimitNews m_limitNews;
+    std::unique_ptr<RunRecord> m_run;
     Steps<Process> m_life;
 };
 

@@ -14,10 +14,13 @@
 
 namespace agent {
 
-/// How often a sign of life is given, and after how much silence a process counts as hung: four of them, so that one
-/// that gets little of a CPU is not blamed.
-constexpr int64_t kBeatSeconds = 5;
+/// How often a sign of life is given, and after how much silence a process counts as hung: more than two of them, so
+/// that one that gets little of a CPU is not blamed.
+constexpr int64_t kBeatSeconds = 8;
 constexpr int64_t kHungSeconds = 20;
+/// A main process that has not judged for this long did not run itself. More than it leaves between two looks; with one
+/// beat on top it is less than kHungSeconds.
+constexpr int64_t kBlindSeconds = 10;
 /// The same for one that has not been heard yet: with little of a CPU a start takes its time.
 constexpr int64_t kHungAtStartSeconds = 60;
 
@@ -27,6 +30,10 @@ class OwnPulse {
 public:
     /// The main thread works, and this is what the sampling has done so far.
     void Beat(int64_t now, const zelhost::SamplerFigures& figures);
+
+    /// Returns: the second of the beat after one at `now`: the next of the rhythm, or before that the one in which
+    /// sampling that has made no round for a while counts as standing still. For the main thread.
+    int64_t NextBeat(int64_t now) const;
 
     /// Whether the main thread has looked around once, and a round was sampled.
     bool HasBegun() const { return m_begun.load(std::memory_order_relaxed); }
@@ -41,6 +48,7 @@ private:
     std::atomic<int64_t> m_roundAt{0};
     std::atomic<int64_t> m_roundBound{kHungSeconds};
     uint64_t m_rounds = 0;
+    uint64_t m_missed = 0;
 };
 
 /// What a component says. Pure.
@@ -60,7 +68,8 @@ public:
 
     /// Fills in which of the components hang. One log line when one begins to, one when it goes on.
     /// Silence counts while the component and this process both ran, and the one could be heard by the other.
-    void Judge(std::vector<ComponentStatus>& components, int64_t now) ZEL_EXCLUDES(m_lock);
+    /// Returns: when to judge again, if nothing is heard until then; INT64_MAX: there is nobody to judge.
+    int64_t Judge(std::vector<ComponentStatus>& components, int64_t now) ZEL_EXCLUDES(m_lock);
 
 private:
     struct Heard {
@@ -73,7 +82,8 @@ private:
         int64_t toldAt = 0;
         const char* what = "";
     };
-    void JudgeOne(ComponentStatus& component, const Heard& heard, Watched& watched, int64_t now) const;
+    /// Returns: when to judge it again.
+    int64_t JudgeOne(ComponentStatus& component, const Heard& heard, Watched& watched, int64_t now) const;
 
     base::Mutex m_lock;
     std::map<int, Heard> m_heard ZEL_GUARDED_BY(m_lock);  // by process

@@ -13,4 +13,10 @@ inline int64_t SecondsSinceBoot() {
     return now.tv_sec;
 }
 
+/// The next second of a rhythm that all processes keep together: its multiples since boot, so that those who wake do so
+/// at once, and one awake processor serves them all. Returns: the first multiple of `period` after `second`. Pure.
+constexpr int64_t NextOfRhythm(int64_t second, int64_t period) {
+    return period <= 1 ? second + 1 : (second / period + 1) * period;
+}
+
 }  // namespace agent

@@ -61,6 +61,13 @@ std::string Why(const base::Error& error, const std::string& path) {
     return error.kind == base::ErrorKind::kRefused ? "not run: " + base::ReasonOf(error, path) : error.Reason();
 }
 
+/// Whether a child has changed its state since that was last asked of it: one call, however many there are.
+bool AnyChildChanged() {
+    siginfo_t info{};
+    constexpr int kLookOnly = WNOHANG | WNOWAIT | WEXITED | WSTOPPED | WCONTINUED;
+    return waitid(P_ALL, 0, &info, kLookOnly) == 0 && info.si_pid != 0;
+}
+
 }  // namespace
 
 std::string DescribeEnd(int status) {
@@ -191,6 +198,9 @@ void Supervisor::Start(Component& component, int64_t now) {
 }
 
 void Supervisor::Reap(int64_t now) {
+    // Signals of several children merge into one, and a child may stop, go on and end meanwhile: each is asked, by its
+    // own id, for a child that is none of the components is not ours to take.
+    if (!AnyChildChanged()) return;
     for (Component& component : m_components) {
         if (component.state != ComponentState::kRunning) continue;
         int status = 0;
@@ -249,6 +259,14 @@ void Supervisor::Tick(int64_t now) {
         if (component.state != ComponentState::kWaiting) continue;
         if (component.nextStartAt <= now) Start(component, now);
     }
+}
+
+int64_t Supervisor::NextStart() const {
+    int64_t next = INT64_MAX;
+    for (const Component& component : m_components) {
+        if (component.state == ComponentState::kWaiting) next = std::min(next, component.nextStartAt);
+    }
+    return next;
 }
 
 void Supervisor::TakeOutput(int64_t now) {

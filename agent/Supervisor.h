@@ -56,8 +56,8 @@ public:
     void SetCleaning(std::function<void(const std::string& name)> clean) { m_clean = std::move(clean); }
 
     void Configure(const std::vector<ComponentConfig>& components);
-    /// Starts what is due, reaps what ended. Call it about four times a second and after SIGCHLD. `now`, here and
-    /// below: SecondsSinceBoot().
+    /// Starts what is due, reaps what ended, hands on what was written. Call it after SIGCHLD and SIGIO, when NextStart
+    /// has come, and now and then for what no signal told. `now`, here and below: SecondsSinceBoot().
     void Tick(int64_t now);
     /// SIGTERM to all, SIGKILL to those that stay. Blocks: up to `graceMs`, then a little.
     void StopAll(unsigned int graceMs);
@@ -67,6 +67,8 @@ public:
     std::map<unsigned int, std::string> Running() const;
     /// The same of those that are programs other than this one.
     std::map<unsigned int, std::string> RunningPrograms() const;
+    /// Returns: when the next component that waits is to be started; INT64_MAX: none waits.
+    int64_t NextStart() const;
     /// A program wrote something before the last Tick: it may have filled its pipe again long before the next second.
     bool OutputFlows() const { return m_outputFlows; }
 

@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "EventSink.h"
+#include "SteadyTime.h"
 #include "platform/zel/AgentNames.h"
 
 namespace agent {
@@ -39,10 +40,10 @@ std::string FormatDrift(const zel::CgroupDrift& drift, int64_t now) {
 }
 
 void TreeKeeping::Tick(int64_t second, const std::vector<zel::CgroupMember>& members) {
-    if (second - m_lookedAt < m_everySeconds) return;
+    if (second < m_nextLook) return;
     std::vector<zel::CgroupDrift> news;
     if (!zel::KeepCgroupTree(members, news)) return;
-    m_lookedAt = second;
+    m_nextLook = NextOfRhythm(second, m_everySeconds);
     DeliverAll(news);
 }
 

@@ -15,12 +15,16 @@ class TreeKeeping {
 public:
     explicit TreeKeeping(unsigned int everySeconds) : m_everySeconds(everySeconds) {}
 
-    /// Looks at the tree when it is time to. While another change of it is under way, at the next call.
+    /// Looks at the tree when it is time to. While another change of it is under way, at the next call. `second`:
+    /// SecondsSinceBoot().
     void Tick(int64_t second, const std::vector<zel::CgroupMember>& members);
+
+    /// Returns: the second of the next look; one that is over: as soon as can be.
+    int64_t NextDue() const { return m_nextLook; }
 
 private:
     const int64_t m_everySeconds;
-    int64_t m_lookedAt = 0;
+    int64_t m_nextLook = 0;
 };
 
 /// Looks at this process's part of the legacy limit, in any process of the agent, and delivers what is news.

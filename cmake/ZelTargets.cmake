@@ -3,6 +3,8 @@ include(GoogleTest)
 
 add_library(zelFlags INTERFACE)
 target_compile_options(zelFlags INTERFACE -Wall -Wextra -Wconversion -Wshadow -Wnon-virtual-dtor)
+# So that a program takes no more of the libraries than it uses.
+target_compile_options(zelFlags INTERFACE -ffunction-sections -fdata-sections)
 if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
   target_compile_options(zelFlags INTERFACE -Wthread-safety)
 endif()

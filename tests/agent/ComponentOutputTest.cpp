@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -53,6 +54,25 @@ TEST_F(ComponentOutputTest, EachLineIsWrittenWholeAndOnce) {
     m_output.Close(1001);
     EXPECT_THAT(Lines(), ElementsAre("component A: one", "component A: two", "component A: three"));
     EXPECT_THAT(m_levels, testing::Each(zel::kLogInfo));
+}
+
+TEST_F(ComponentOutputTest, WhatIsWrittenWakesWhoWaitsForIt) {
+    sigset_t output;
+    sigset_t before;
+    sigemptyset(&output);
+    sigaddset(&output, SIGIO);
+    pthread_sigmask(SIG_BLOCK, &output, &before);
+    Begin();
+    const timespec atOnce{};
+    EXPECT_EQ(-1, sigtimedwait(&output, nullptr, &atOnce));
+    Write("one\n");
+    const timespec most{20, 0};
+    EXPECT_EQ(SIGIO, sigtimedwait(&output, nullptr, &most));
+    m_output.Take(1000);
+    EXPECT_THAT(Lines(), ElementsAre("component A: one"));
+    EXPECT_EQ(-1, sigtimedwait(&output, nullptr, &atOnce)) << "told once";
+    m_output.Close(1000);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 TEST_F(ComponentOutputTest, ALineWithoutEndTakesNoMoreThanItsBound) {

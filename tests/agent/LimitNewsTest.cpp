@@ -21,6 +21,20 @@ TEST(LimitNewsTest, AChangeIsDueOnceAndWhenItHasSettled) {
     EXPECT_FALSE(news.IsDue(15));
 }
 
+int g_wakes = 0;
+
+TEST(LimitNewsTest, AChangeWakesAndSaysWhenItIsDue) {
+    g_wakes = 0;
+    LimitNews news([] { ++g_wakes; });
+    EXPECT_EQ(0, news.DueAt());
+    news.OnUpdate();
+    EXPECT_EQ(1, g_wakes) << "nobody else tells the thread that sleeps";
+    EXPECT_FALSE(news.IsDue(10));
+    EXPECT_EQ(12, news.DueAt());
+    EXPECT_TRUE(news.IsDue(12));
+    EXPECT_EQ(0, news.DueAt());
+}
+
 TEST(LimitNewsTest, TheSameRefusalOfTheSameLimitIsToldOnce) {
     LimitNews news;
     StatusReport report;

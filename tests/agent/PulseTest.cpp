@@ -4,13 +4,15 @@
 
 #include <algorithm>
 
+#include "SteadyTime.h"
+
 using namespace agent;
 
 namespace {
 
 constexpr int kPid = 77;
 
-/// One component of a main process that judges every second.
+/// One component of a main process that judges every second, or as seldom as it may.
 class PulseTest : public testing::Test {
 protected:
     /// Returns: for how long it counts as hung.
@@ -18,7 +20,7 @@ protected:
         if (m_listens) m_pulses.Listen();
         m_component.runsSeconds = now - kStarted;
         std::vector<ComponentStatus> all{m_component};
-        m_pulses.Judge(all, now);
+        m_nextJudgement = m_pulses.Judge(all, now);
         m_what = all[0].hungWhat;
         return all[0].hungSeconds;
     }
@@ -38,6 +40,7 @@ protected:
     ComponentPulses m_pulses;
     bool m_listens = true;
     std::string m_what;
+    int64_t m_nextJudgement = 0;
 };
 
 TEST_F(PulseTest, WhoCannotBeHeardIsNotBlamed) {
@@ -53,13 +56,33 @@ TEST_F(PulseTest, WhoBeatsDoesNotHang) {
 }
 
 TEST_F(PulseTest, SilenceIsAHangUntilTheNextBeat) {
-    JudgeEachSecond(kStarted, kStarted + 100, true);
-    EXPECT_EQ(0, JudgeEachSecond(kStarted + 101, kStarted + 119, false));
-    EXPECT_EQ(20, JudgeAt(kStarted + 120));
+    JudgeEachSecond(kStarted, kStarted + 104, true);
+    EXPECT_EQ(0, JudgeEachSecond(kStarted + 105, kStarted + 123, false));
+    EXPECT_EQ(20, JudgeAt(kStarted + 124));
     EXPECT_EQ("its main thread does nothing", m_what);
-    EXPECT_EQ(21, JudgeAt(kStarted + 121));
-    m_pulses.Note(kPid, FormatBeat(0), kStarted + 122);
-    EXPECT_EQ(0, JudgeAt(kStarted + 122));
+    EXPECT_EQ(21, JudgeAt(kStarted + 125));
+    m_pulses.Note(kPid, FormatBeat(0), kStarted + 126);
+    EXPECT_EQ(0, JudgeAt(kStarted + 126));
+}
+
+TEST_F(PulseTest, SaysWhenSilenceBecomesAHang) {
+    JudgeEachSecond(kStarted, kStarted + 7, true);
+    m_pulses.Note(kPid, FormatBeat(0), kStarted + 8);
+    EXPECT_EQ(0, JudgeAt(kStarted + 10));
+    EXPECT_EQ(kStarted + 28, m_nextJudgement);
+    EXPECT_EQ(0, JudgeAt(kStarted + 19));
+    EXPECT_EQ(20, JudgeAt(m_nextJudgement));
+    EXPECT_EQ(kStarted + 29, m_nextJudgement) << "it may go on at any moment";
+    m_component.program = true;
+    JudgeAt(kStarted + 30);
+    EXPECT_EQ(INT64_MAX, m_nextJudgement) << "nobody to judge";
+}
+
+TEST_F(PulseTest, LooksAsRareAsTheMainProcessMakesThemBlame) {
+    for (int64_t now = kStarted; now <= kStarted + 100; now += 5) {
+        if (now <= kStarted + 40) m_pulses.Note(kPid, FormatBeat(0), now - now % kBeatSeconds);
+        EXPECT_EQ(now >= kStarted + 60, JudgeAt(now) > 0) << now;
+    }
 }
 
 TEST_F(PulseTest, OneThatNeverSpokeHasTimeToStart) {
@@ -118,21 +141,37 @@ TEST(OwnPulseTest, EachHalfIsJudgedByItself) {
     EXPECT_FALSE(pulse.HasBegun());
     pulse.Beat(999, figures);
     EXPECT_FALSE(pulse.HasBegun()) << "nothing was sampled";
-    for (int64_t now = 1000; now <= 1100; now += kBeatSeconds) {
-        ++figures.rounds;
+    for (int64_t now = 1000; now <= 1096; now += kBeatSeconds) {
+        figures.rounds += kBeatSeconds - 1;
+        ++figures.missedRounds;
         pulse.Beat(now, figures);
         EXPECT_TRUE(pulse.HasBegun());
         EXPECT_EQ(0, pulse.SamplingSilentSeconds(now));
+        EXPECT_EQ(now + kBeatSeconds, pulse.NextBeat(now));
     }
-    for (int64_t now = 1105; now < 1120; now += kBeatSeconds) pulse.Beat(now, figures);
-    EXPECT_EQ(0, pulse.SamplingSilentSeconds(1119));
-    pulse.Beat(1120, figures);
-    EXPECT_EQ(20, pulse.SamplingSilentSeconds(1120));
-    EXPECT_EQ(0, pulse.MainSilentSeconds(1139));
-    EXPECT_EQ(20, pulse.MainSilentSeconds(1140));
+    figures.rounds += 2;
+    pulse.Beat(1104, figures);
+    EXPECT_EQ(0, pulse.SamplingSilentSeconds(1104));
+    EXPECT_EQ(1112, pulse.NextBeat(1104));
+    pulse.Beat(1112, figures);
+    EXPECT_EQ(0, pulse.SamplingSilentSeconds(1112));
+    EXPECT_EQ(1118, pulse.NextBeat(1112)) << "the last round was at 1098";
+    pulse.Beat(1118, figures);
+    EXPECT_EQ(20, pulse.SamplingSilentSeconds(1118));
+    EXPECT_EQ(1120, pulse.NextBeat(1118)) << "it is told, and the rhythm goes on";
+    EXPECT_EQ(0, pulse.MainSilentSeconds(1137));
+    EXPECT_EQ(20, pulse.MainSilentSeconds(1138));
     figures.roundMs = 60000;
     pulse.Beat(1200, figures);
     EXPECT_EQ(0, pulse.SamplingSilentSeconds(1200)) << "long rounds are no silence";
+}
+
+TEST(RhythmTest, AllProcessesMeetAtTheMultiples) {
+    EXPECT_EQ(1005, NextOfRhythm(1000, 5));
+    EXPECT_EQ(1005, NextOfRhythm(1004, 5));
+    EXPECT_EQ(1008, NextOfRhythm(1000, 8));
+    EXPECT_EQ(1001, NextOfRhythm(1000, 1));
+    EXPECT_EQ(1001, NextOfRhythm(1000, 0));
 }
 
 }  // namespace

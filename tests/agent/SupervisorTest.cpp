@@ -47,10 +47,12 @@ TEST_F(SupervisorTest, DeadComponentIsStartedAfterBackoffNotBefore) {
     ASSERT_EQ(1u, m_ends.size());
     EXPECT_EQ("exit code 20 (over its own maximum, ended itself)", m_ends[0].reason);
     EXPECT_EQ(1, m_ends[0].waitSeconds);
+    EXPECT_EQ(1001, supervisor->NextStart());
     supervisor->Tick(1000);
     EXPECT_EQ(ComponentState::kWaiting, supervisor->Status(1000)[0].state);
     supervisor->Tick(1001);
     EXPECT_EQ(ComponentState::kRunning, supervisor->Status(1001)[0].state);
+    EXPECT_EQ(INT64_MAX, supervisor->NextStart()) << "nobody waits";
     supervisor->StopAll(1000);
 }
 
@@ -67,6 +69,7 @@ TEST_F(SupervisorTest, ComponentWithoutPlaceWaitsAndCountsAsNoDeath) {
     EXPECT_EQ(ComponentState::kWaiting, status.state);
     EXPECT_EQ("no group for it", status.lastReason);
     EXPECT_EQ(0u, status.recentRestarts);
+    EXPECT_EQ(1005, supervisor->NextStart());
     place = true;
     supervisor->Tick(1004);
     EXPECT_EQ(ComponentState::kWaiting, supervisor->Status(1004)[0].state);
