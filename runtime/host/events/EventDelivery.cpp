@@ -4,11 +4,15 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
-#include <system_error>
+#include <exception>
+#include <thread>
+#include <utility>
+
+#include <malloc.h>
 
 #include "events/HttpService.h"
 #include "platform/zel/LogMessage.h"
-#include "platform/zel/ThreadUtil.h"
+#include "platform/zel/ProcessLoop.h"
 
 namespace {
 std::atomic<IMsgTransmit*> g_transmit{nullptr};
@@ -20,8 +24,11 @@ IMsgTransmit* GetMsgTransmitInstance() {
 
 namespace zelhost {
 namespace {
-constexpr unsigned int kIdleMs = 60000;        // a lane that has everything looks again after this anyway
-constexpr unsigned int kMemoryRetryMs = 1000;  // while messages wait in memory
+// While messages come, and while something waits for the disk.
+constexpr std::chrono::seconds kCarePeriod{1};
+// A thread for each sink that can be, so that none waits for another, and one for the spool.
+constexpr size_t kMostJobs = 4;
+constexpr char kThreadName[] = "Events";
 constexpr size_t kBatchBytes = 1 << 20;
 
 template <class... Args>
@@ -35,7 +42,11 @@ void SetMsgTransmitInstance(IMsgTransmit* transmit) {
 }
 
 CEventDelivery::CEventDelivery(const DeliveryOptions& options, const std::string& process)
-    : m_options(options), m_process(process) {}
+    : m_options(options),
+      m_backoffMin(options.backoffMinMs),
+      m_backoffMax(options.backoffMaxMs),
+      m_rest(options.restMs),
+      m_process(process) {}
 
 CEventDelivery::~CEventDelivery() {
     Stop();
@@ -44,13 +55,39 @@ CEventDelivery::~CEventDelivery() {
 base::Status CEventDelivery::Start() {
     base::Result<Sinks> sinks = MakeSinks(m_options, m_process);
     if (!sinks) return sinks.GetError();
+    const base::Status started = StartJobs();
+    if (!started) return started;
+    m_spool.SetListener([this] { OnNews(); });
     const base::Status opened = m_spool.Open(m_options.spoolPath, m_options.spoolMaxBytes, m_options.memoryRing);
     if (!opened) {
         Log(zel::kLogError, __LINE__, "event spool %s: %s; messages wait in memory, and it is tried again",
             m_options.spoolPath.c_str(), opened.GetError().Reason().c_str());
     }
-    MakeLanes(std::move(*sinks));
-    return StartThreads();
+    Lanes lanes = MakeLanes(std::move(*sinks));
+    {
+        base::MutexLock lock(m_stateLock);
+        m_lanes = lanes;
+    }
+    if (m_spool.IsResting()) return {};
+    for (const auto& lane : lanes) StartLane(lane);
+    CareLater(kCarePeriod);
+    return {};
+}
+
+base::Status CEventDelivery::StartJobs() {
+    std::string problem;
+    std::shared_ptr<base::IoLoop> loop = zel::JoinProcessLoop(problem);
+    if (loop == nullptr) return base::SentenceError("event delivery: " + problem);
+    auto jobs = std::make_unique<base::WorkQueue>(*loop, kThreadName, kMostJobs);
+    m_link = std::make_shared<Link>();
+    {
+        base::MutexLock lock(m_link->lock);
+        m_link->owner = this;
+    }
+    base::MutexLock lock(m_stateLock);
+    m_loop = std::move(loop);
+    m_jobs = std::move(jobs);
+    return {};
 }
 
 base::Result<CEventDelivery::Sinks> CEventDelivery::MakeSinks(const DeliveryOptions& options,
@@ -72,37 +109,26 @@ base::Result<CEventDelivery::Sinks> CEventDelivery::MakeSinks(const DeliveryOpti
     return sinks;
 }
 
-void CEventDelivery::MakeLanes(Sinks sinks) {
+CEventDelivery::Lanes CEventDelivery::MakeLanes(Sinks sinks) {
+    Lanes lanes;
     std::vector<std::string> names;
     for (auto& sink : sinks) {
         names.push_back(sink->Name());
-        m_lanes.push_back(std::make_unique<Lane>());
-        m_lanes.back()->sink = std::move(sink);
+        lanes.push_back(std::make_shared<Lane>());
+        lanes.back()->sink = std::move(sink);
+        lanes.back()->backoff = m_backoffMin;
     }
     const base::Status set = m_spool.SetSinks(names);
     if (!set) {
-        Log(zel::kLogWarning, __LINE__, "the sinks' cursors cannot be kept: %s", set.GetError().Reason().c_str());
+        Log(zel::kLogWarning, __LINE__, "the sinks' cursors cannot be kept: %s; it is tried again",
+            set.GetError().Reason().c_str());
     }
+    return lanes;
 }
 
-base::Status CEventDelivery::StartLanes() {
-    try {
-        for (auto& lane : m_lanes) lane->thread = std::thread([this, each = lane.get()] { RunLane(*each); });
-    } catch (const std::system_error& e) {
-        return base::SentenceError(std::string("event delivery: no thread: ") + e.what());
-    }
-    return {};
-}
-
-base::Status CEventDelivery::StartThreads() {
-    base::Status started = StartLanes();
-    try {
-        if (started) m_keeper = std::thread([this] { RunKeeper(); });
-    } catch (const std::system_error& e) {
-        started = base::SentenceError(std::string("event delivery: no thread: ") + e.what());
-    }
-    if (!started) Stop();
-    return started;
+CEventDelivery::Lanes CEventDelivery::GetLanes() {
+    base::MutexLock lock(m_stateLock);
+    return m_lanes;
 }
 
 base::Status CEventDelivery::SetSinks(const DeliveryOptions& options) {
@@ -115,13 +141,11 @@ base::Status CEventDelivery::SetSinks(const DeliveryOptions& options) {
     next.httpTimeoutMs = options.httpTimeoutMs;
     base::Result<Sinks> sinks = MakeSinks(next, m_process);
     if (!sinks) return sinks.GetError();
-    StopLanes();
-    base::MutexLock lock(m_lanesLock);
-    std::vector<std::unique_ptr<Lane>> old;
-    old.swap(m_lanes);
+    const Lanes old = GetLanes();
+    StopLanes(old);
     m_options = next;
-    MakeLanes(std::move(*sinks));
-    for (auto& lane : m_lanes) {
+    const Lanes lanes = MakeLanes(std::move(*sinks));
+    for (const auto& lane : lanes) {
         for (const auto& before : old) {
             if (before->sink->Name() != lane->sink->Name()) continue;
             base::MutexLock counts(before->lock);
@@ -130,37 +154,145 @@ base::Status CEventDelivery::SetSinks(const DeliveryOptions& options) {
             lane->failures = before->failures;
         }
     }
-    return StartLanes();
+    {
+        base::MutexLock lock(m_stateLock);
+        m_lanes = lanes;
+    }
+    for (const auto& lane : lanes) StartLane(lane);
+    CareLater(kCarePeriod);
+    return {};
 }
 
-void CEventDelivery::StopLanes() {
-    {
-        base::MutexLock lock(m_stopLock);
-        for (auto& lane : m_lanes) lane->stop = true;
-    }
-    m_stopped.notify_all();
-    m_spool.Wake();
-    for (auto& lane : m_lanes) {
-        if (lane->thread.joinable()) lane->thread.join();
-    }
+void CEventDelivery::StopLanes(const Lanes& lanes) {
+    base::MutexLock lock(m_stateLock);
+    for (const auto& lane : lanes) lane->stop = true;
+    const auto anyRuns = [&] {
+        return std::any_of(lanes.begin(), lanes.end(), [](const auto& lane) { return lane->running; });
+    };
+    while (anyRuns()) m_changed.wait(m_stateLock);
 }
 
 void CEventDelivery::Stop() {
+    m_stop = true;
+    if (m_link == nullptr) return;
     {
-        base::MutexLock lock(m_stopLock);
-        m_stop = true;
+        base::MutexLock lock(m_link->lock);
+        m_link->owner = nullptr;
     }
-    StopLanes();
-    if (m_keeper.joinable()) m_keeper.join();
+    StopLanes(GetLanes());
+    std::unique_ptr<base::WorkQueue> jobs;
+    std::shared_ptr<base::IoLoop> loop;
+    {
+        base::MutexLock lock(m_stateLock);
+        jobs = std::move(m_jobs);
+        loop = std::move(m_loop);
+    }
+    jobs.reset();
+    m_spool.FlushMemory();
     m_spool.Close();
+    m_link.reset();
 }
 
-void CEventDelivery::Pause(unsigned int ms, const std::atomic<bool>& stop) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    base::MutexLock lock(m_stopLock);
-    while (!stop && m_stopped.wait_until(m_stopLock, end) != std::cv_status::timeout) {
-    }
+// --- when there is something to do ---
+
+template <class Member>
+void CEventDelivery::Later(Clock::duration delay, Member member) {
+    if (m_loop == nullptr) return;
+    const auto ms = std::chrono::ceil<std::chrono::milliseconds>(delay);
+    m_loop->PostLater(ms, [weak = std::weak_ptr<Link>(m_link), member] {
+        const std::shared_ptr<Link> link = weak.lock();
+        if (link == nullptr) return;
+        base::MutexLock lock(link->lock);
+        if (link->owner != nullptr) member(*link->owner);
+    });
 }
+
+void CEventDelivery::OnNews() {
+    if (m_stop) return;
+    {
+        base::MutexLock lock(m_stateLock);
+        m_lastNews = Clock::now();
+    }
+    for (const auto& lane : GetLanes()) StartLane(lane);
+    CareLater(kCarePeriod);
+}
+
+void CEventDelivery::StartLane(const std::shared_ptr<Lane>& lane) {
+    base::MutexLock lock(m_stateLock);
+    if (lane->stop || lane->resting || m_jobs == nullptr) return;
+    lane->again = true;
+    if (lane->busy) return;
+    lane->busy = m_jobs->Add([this, lane] { RunLane(lane); });
+}
+
+bool CEventDelivery::Begin(Lane& lane) {
+    base::MutexLock lock(m_stateLock);
+    lane.again = false;
+    lane.running = !lane.stop;
+    lane.busy = lane.running;
+    return lane.running;
+}
+
+void CEventDelivery::RunLane(const std::shared_ptr<Lane>& lane) {
+    bool goOn = Begin(*lane);
+    while (goOn) {
+        bool more = false;
+        const bool delivered = TryLane(*lane, more);
+        goOn = GoOn(lane, delivered, more);
+    }
+    if (!m_spool.IsResting()) CareLater(kCarePeriod);
+}
+
+bool CEventDelivery::GoOn(const std::shared_ptr<Lane>& lane, bool delivered, bool more) {
+    base::MutexLock lock(m_stateLock);
+    if (delivered) lane->backoff = m_backoffMin;
+    if (!lane->stop && delivered && (more || std::exchange(lane->again, false))) return true;
+    lane->busy = false;
+    lane->running = false;
+    m_changed.notify_all();
+    if (lane->stop || delivered) return false;
+    Later(lane->backoff, [lane](CEventDelivery& self) {
+        {
+            base::MutexLock state(self.m_stateLock);
+            lane->resting = false;
+        }
+        self.StartLane(lane);
+    });
+    lane->resting = true;
+    lane->backoff = std::min(lane->backoff * 2, m_backoffMax);
+    return false;
+}
+
+void CEventDelivery::CareLater(Clock::duration delay) {
+    base::MutexLock lock(m_stateLock);
+    const Clock::time_point due = Clock::now() + delay;
+    if (m_stop || due >= m_careDue) return;
+    m_careDue = due;
+    Later(delay, [due](CEventDelivery& self) {
+        base::MutexLock state(self.m_stateLock);
+        if (self.m_careDue != due || self.m_jobs == nullptr) return;  // an earlier one has come
+        self.m_careDue = Clock::time_point::max();
+        static_cast<void>(self.m_jobs->Add([owner = &self] { owner->RunCare(); }));  // never full: a handful of jobs
+    });
+}
+
+void CEventDelivery::RunCare() {
+    if (m_stop) return;
+    if (!m_spool.FlushMemory()) return CareLater(kCarePeriod);
+    if (m_spool.IsResting()) return;
+    m_spool.Checkpoint();
+    Clock::time_point quietAt;
+    {
+        base::MutexLock lock(m_stateLock);
+        quietAt = m_lastNews == Clock::time_point::min() ? m_lastNews : m_lastNews + m_rest;
+    }
+    const Clock::time_point now = Clock::now();
+    if (now < quietAt) return CareLater(quietAt - now);
+    // With what it took for its connections. Where messages wait, their delivery is the next news.
+    if (m_spool.Rest()) malloc_trim(0);
+}
+
+// --- what is done ---
 
 bool CEventDelivery::SendMsg(const std::string& type, const std::string& body, const std::string& extra, int arg1,
                              int arg2) {
@@ -191,7 +323,11 @@ base::Result<bool> CEventDelivery::DeliverSome(Lane& lane) {
     if (!messages) {
         return NoteFailure(lane, base::SentenceError("the spool cannot be read: " + messages.GetError().Reason()));
     }
-    if (messages->empty()) return false;
+    if (messages->empty()) {
+        base::MutexLock lock(lane.lock);
+        if (!m_spool.HasUnsaved()) NoteSuccess(lane);
+        return false;
+    }
     const Handover handed = lane.sink->Deliver(*messages, lane.stop);
     base::Status outcome = handed.rest;
     {
@@ -241,38 +377,6 @@ bool CEventDelivery::TryLane(Lane& lane, bool& more) {
     }
 }
 
-void CEventDelivery::RunLane(Lane& lane) {
-    zel::CThreadUtil::SetThreadName("Event-" + lane.sink->Name());
-    unsigned int backoffMs = m_options.backoffMinMs;
-    while (!lane.stop) {
-        const uint64_t seen = m_spool.News();
-        if (lane.stop) return;  // a stop that the mark includes would wake nobody any more
-        bool more = false;
-        if (!TryLane(lane, more)) {
-            Pause(backoffMs, lane.stop);
-            backoffMs = std::min(backoffMs * 2, m_options.backoffMaxMs);
-            continue;
-        }
-        backoffMs = m_options.backoffMinMs;
-        if (!more) m_spool.WaitForNews(seen, kIdleMs);
-    }
-}
-
-void CEventDelivery::RunKeeper() {
-    zel::CThreadUtil::SetThreadName("EventKeeper");
-    uint64_t seen = 0;
-    bool settled = !m_spool.GetFigures().broken;
-    while (!m_stop) {
-        seen = m_spool.WaitForNews(seen, settled ? kIdleMs : kMemoryRetryMs);
-        if (m_stop) break;
-        settled = m_spool.FlushMemory();
-        m_spool.Checkpoint();
-        // News come with every message; the pages can be moved for many at once.
-        Pause(kMemoryRetryMs, m_stop);
-    }
-    m_spool.FlushMemory();
-}
-
 DeliveryStats CEventDelivery::Stats() {
     DeliveryStats stats;
     const CEventSpool::Figures figures = m_spool.GetFigures();
@@ -284,8 +388,7 @@ DeliveryStats CEventDelivery::Stats() {
     stats.dropped = figures.dropped;
     stats.inMemory = figures.inMemory;
     stats.spoolBroken = figures.broken;
-    base::MutexLock lanes(m_lanesLock);
-    for (auto& lane : m_lanes) {
+    for (const auto& lane : GetLanes()) {
         SinkStats sink;
         sink.name = lane->sink->Name();
         sink.waiting = m_spool.Waiting(sink.name);
@@ -300,16 +403,14 @@ DeliveryStats CEventDelivery::Stats() {
 }
 
 bool CEventDelivery::Flush(unsigned int timeoutMs) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    constexpr std::chrono::milliseconds kStep{5};
+    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
         bool all = m_spool.GetFigures().inMemory == 0;
-        {
-            base::MutexLock lanes(m_lanesLock);
-            for (auto& lane : m_lanes) all = all && m_spool.Waiting(lane->sink->Name()) == 0;
-        }
+        for (const auto& lane : GetLanes()) all = all && m_spool.Waiting(lane->sink->Name()) == 0;
         if (all) return true;
-        if (m_stop || std::chrono::steady_clock::now() >= end) return false;
-        Pause(5, m_stop);
+        if (m_stop || Clock::now() >= end) return false;
+        std::this_thread::sleep_for(kStep);
     }
 }
 

@@ -1,15 +1,17 @@
-// Event delivery: the transmit object behind GetMsgTransmitInstance, its spool, one thread per sink, and one that
-// keeps the spool in order.
+// Event delivery: the transmit object behind GetMsgTransmitInstance, its spool, and a lane for each sink. While nothing
+// waits there is no thread and no timer of it; what is due later is a timer of the process's loop.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "base/IoLoop.h"
 #include "base/Mutex.h"
 #include "base/Result.h"
+#include "base/WorkQueue.h"
 #include "events/EventSinks.h"
 #include "events/EventSpool.h"
 #include "platform/host/MsgTransmit.h"
@@ -37,23 +39,46 @@ public:
     static constexpr size_t kMostTextBytes = 1 << 20;
 
 private:
+    using Clock = std::chrono::steady_clock;
+
+    /// The way of messages to one sink: at most one job at a time, which goes on until there is nothing more.
     struct Lane {
         std::unique_ptr<IEventSink> sink;
-        std::thread thread;
-        std::atomic<bool> stop{false};  // set under m_stopLock, read without it
+        std::atomic<bool> stop{false};  // set under m_stateLock, read without it
+        // under m_stateLock
+        bool busy = false;     ///< a job of it waits or runs
+        bool running = false;  ///< it runs
+        bool again = false;    ///< something came meanwhile
+        bool resting = false;  ///< it failed, and a timer begins it again
+        std::chrono::milliseconds backoff{0};
         base::Mutex lock;
         uint64_t delivered ZEL_GUARDED_BY(lock) = 0;
         uint64_t failures ZEL_GUARDED_BY(lock) = 0;
         std::string lastError ZEL_GUARDED_BY(lock);
     };
+    using Lanes = std::vector<std::shared_ptr<Lane>>;
     using Sinks = std::vector<std::unique_ptr<IEventSink>>;
 
+    /// What timers have of this object, which may be gone when they fire.
+    struct Link {
+        base::Mutex lock;
+        CEventDelivery* owner ZEL_GUARDED_BY(lock) = nullptr;
+    };
+
     static base::Result<Sinks> MakeSinks(const DeliveryOptions& options, const std::string& process);
-    void MakeLanes(Sinks sinks);
-    base::Status StartLanes();
-    base::Status StartThreads();
-    void StopLanes();
-    void RunLane(Lane& lane);
+    Lanes MakeLanes(Sinks sinks);
+    Lanes GetLanes();
+    base::Status StartJobs();
+    void StopLanes(const Lanes& lanes);
+
+    /// Begins what there may be to do. Any thread, the loop's too: it only hands over jobs.
+    void OnNews();
+    void StartLane(const std::shared_ptr<Lane>& lane);
+    void RunLane(const std::shared_ptr<Lane>& lane);
+    /// Returns: whether a job of the lane is to run after all.
+    bool Begin(Lane& lane);
+    /// After a batch. Returns: whether the lane goes on at once.
+    bool GoOn(const std::shared_ptr<Lane>& lane, bool delivered, bool more);
     /// One batch, whatever the sink throws. Returns: false when the sink failed.
     bool TryLane(Lane& lane, bool& more);
     /// One batch. Returns: whether there may be more. Errors: the sink failed; counted and logged already.
@@ -61,18 +86,27 @@ private:
     /// Returns: the failure it has noted.
     static base::Error NoteFailure(Lane& lane, const base::Error& error);
     static void NoteSuccess(Lane& lane) ZEL_REQUIRES(lane.lock);
-    void RunKeeper();
-    void Pause(unsigned int ms, const std::atomic<bool>& stop);
 
-    DeliveryOptions m_options;  // changed only while no lane runs
+    /// Has the spool looked after, at the latest so much later.
+    void CareLater(Clock::duration delay);
+    void RunCare();
+    /// Calls a member on the loop's thread, unless this object is gone by then.
+    template <class Member>
+    void Later(Clock::duration delay, Member member) ZEL_REQUIRES(m_stateLock);
+
+    DeliveryOptions m_options;  // of the thread of Start
+    const std::chrono::milliseconds m_backoffMin, m_backoffMax, m_rest;
     const std::string m_process;
     CEventSpool m_spool;
-    base::Mutex m_lanesLock;  // held to replace the lanes, and by threads other than that of Start to look at them
-    std::vector<std::unique_ptr<Lane>> m_lanes;
-    std::thread m_keeper;
-    base::Mutex m_stopLock;
-    base::Condition m_stopped;
-    std::atomic<bool> m_stop{false};  // set under the lock, read without it
+    std::shared_ptr<Link> m_link;
+    base::Mutex m_stateLock;
+    base::Condition m_changed;
+    std::shared_ptr<base::IoLoop> m_loop ZEL_GUARDED_BY(m_stateLock);
+    std::unique_ptr<base::WorkQueue> m_jobs ZEL_GUARDED_BY(m_stateLock);
+    Lanes m_lanes ZEL_GUARDED_BY(m_stateLock);
+    Clock::time_point m_careDue ZEL_GUARDED_BY(m_stateLock) = Clock::time_point::max();
+    Clock::time_point m_lastNews ZEL_GUARDED_BY(m_stateLock) = Clock::time_point::min();
+    std::atomic<bool> m_stop{false};
 };
 
 /// What GetMsgTransmitInstance() gives.

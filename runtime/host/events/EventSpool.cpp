@@ -29,6 +29,11 @@ constexpr mode_t kReserveMode = 0640;
 // What is committed at once, and what waits in memory, is at most this part of what the write-ahead log may hold.
 constexpr uint64_t kLogParts = 8;
 constexpr size_t kNameDigits = 16;
+// Bytes of a database that hold its user version, and what that is in a spool that holds nothing: neither a message nor
+// a count that somebody asks for. Source: sqlite.org/fileformat2.html, "The Database Header".
+constexpr off_t kUserVersionAt = 60;
+constexpr unsigned char kSettled[4] = {0, 0, 0, 1};
+constexpr off_t kSmallFile = 256 * 1024;  // a resting file beyond it is made small first
 const std::string kGivenUpBy = "given up by ";
 const std::string kPutAsideMark = ".corrupt-";
 // Places of a damaged file that are stepped over; what is behind the last one is looked for from the end.
@@ -71,7 +76,11 @@ void CEventSpool::Close() {
     }
     m_unsavedDrops += m_memory.size();
     m_memory.clear();
+    // Ignoring failures: then a count is short, or messages come again under the same ids.
+    if (m_resting.exchange(false) && (m_unsavedDrops > 0 || m_unsaved)) static_cast<void>(OpenFiles());
     if (m_unsavedDrops > 0 && NoteDrops(m_unsavedDrops)) m_unsavedDrops = 0;
+    if (m_unsaved) static_cast<void>(KeepAndRemove());
+    if (m_unsavedDrops == 0 && !m_unsaved && IsEmptied()) MarkSettled();
     CloseFiles();
 }
 
@@ -85,6 +94,8 @@ base::Status CEventSpool::Open(const std::string& path, uint64_t maxBytes, size_
     m_path = path;
     m_maxBytes = maxBytes;
     m_memoryMost = memoryRing;
+    m_resting = IsSettled();
+    if (m_resting) return {};
     base::MutexLock lock(m_readLock);
     base::Status status = OpenFiles();
     if (!status) {
@@ -104,9 +115,13 @@ base::Status CEventSpool::OpenFiles() {
         ReleaseReserve();
         status = OpenOnce();
     }
+    if (status && m_damage) status = SaveDamaged();
+    // A file that is new here, because somebody took the other one away, must not number below the cursors.
+    if (status && !GoOnCounting(0)) status = m_writer.LastError("write");
     if (status) m_openFailures = 0;
     const bool hopeless = failedAs(base::ErrorKind::kUnreadable) && ++m_openFailures >= kMostReadFailures;
     if (hopeless || failedAs(base::ErrorKind::kMalformed)) status = Replace(status.GetError());
+    if (!status) CloseFiles();
     if (status) TouchReserve();
     return status;
 }
@@ -159,42 +174,144 @@ base::Status CEventSpool::ReadFacts() {
                           "(SELECT count(*) FROM messages), (SELECT coalesce(sum(bytes), 0) FROM messages);");
     if (!m_insert.IsOk() || !facts.Row()) return m_writer.LastError("open");
     m_name = facts.Text(0);
-    base::MutexLock lock(m_figuresLock);
-    m_figures.dropped = static_cast<uint64_t>(facts.Int(1)) + m_unsavedDrops;
-    m_messages = facts.Int(2);
-    m_bytes = facts.Int(3);
+    {
+        base::MutexLock lock(m_figuresLock);
+        m_figures.dropped = static_cast<uint64_t>(facts.Int(1)) + m_unsavedDrops;
+        m_messages = facts.Int(2);
+        m_bytes = facts.Int(3);
+    }
+    base::Statement version(m_writer, "PRAGMA user_version;");
+    m_settled = version.Row() && version.Int(0) != 0;
+    return ReadGivenUp();
+}
+
+base::Status CEventSpool::ReadGivenUp() {
+    m_givenUp.clear();
+    base::Statement facts(m_writer, "SELECT name, value FROM facts;");
+    base::Statement::Outcome step = facts.Step();
+    for (; step == base::Statement::Outcome::kRow; step = facts.Step()) {
+        const std::string name = facts.Text(0);
+        if (name.compare(0, kGivenUpBy.size(), kGivenUpBy) != 0) continue;
+        m_givenUp[name.substr(kGivenUpBy.size())] = static_cast<uint64_t>(facts.Int(1));
+    }
+    if (step == base::Statement::Outcome::kFailed) return m_writer.LastError("open");
     return {};
+}
+
+// --- resting ---
+
+bool CEventSpool::IsSettled() const {
+    if (base::ReadFileMark(m_path + "-wal").size > 0 || base::ReadFileMark(ReservePath()).size < kReserveBytes) {
+        return false;
+    }
+    const base::Result<base::Fd> file = base::OpenForReading(m_path);
+    unsigned char version[sizeof(kSettled)] = {};
+    return file && pread(file->Get(), version, sizeof(version), kUserVersionAt) == sizeof(version) &&
+           std::equal(std::begin(version), std::end(version), std::begin(kSettled));
+}
+
+bool CEventSpool::IsEmptied() const {
+    base::Statement any(m_writer, "SELECT count(*) FROM (SELECT 1 FROM messages LIMIT 1);");
+    return any.Row() && any.Int(0) == 0;
+}
+
+void CEventSpool::MarkSettled() {
+    // Ignoring failures: the next start opens the file and sees for itself.
+    if (base::ReadFileMark(m_path).size > kSmallFile) {
+        m_insert.Finish();
+        static_cast<void>(m_writer.Execute("PRAGMA temp_store=MEMORY; VACUUM;"));
+    }
+    {
+        base::MutexLock lock(m_figuresLock);
+        if (m_settled || m_figures.dropped > 0) return;
+    }
+    if (m_givenUp.empty()) static_cast<void>(m_writer.Execute("PRAGMA user_version=1;"));
+}
+
+bool CEventSpool::TryRest() {
+    if (m_resting) return true;
+    if (!m_writer.IsOpen() || !m_memory.empty() || m_unsavedDrops > 0) return false;
+    base::MutexLock lock(m_readLock);
+    if (m_unsaved || !m_sinksKept) return false;
+    const bool emptied = IsEmptied();
+    if (!emptied && !m_sinks.empty()) return false;
+    if (emptied) MarkSettled();
+    CloseFiles();
+    m_resting = true;
+    return true;
+}
+
+bool CEventSpool::Rest() {
+    TakeLead();
+    bool resting = false;
+    try {
+        resting = TryRest();
+    } catch (const std::exception&) {
+        // Ignoring: for want of memory, and it is only put off.
+    }
+    GiveUpLead();
+    return resting;
 }
 
 // --- a damaged file ---
 
-base::Status CEventSpool::Replace(const base::Error& why) {
-    Salvaged salvaged;
-    salvaged.name = m_name;
-    int64_t had = -1;
+base::Status CEventSpool::PutAside(const base::Error& why) {
+    Damage damage;
+    damage.reason = why.Reason();
+    damage.name = m_name;
     if (m_counted) {
         base::MutexLock lock(m_figuresLock);
-        had = m_messages;
+        damage.had = m_messages;
     }
     CloseFiles();
     ReleaseReserve();
-    std::string aside = m_path + kPutAsideMark + std::to_string(time(nullptr));
-    for (int i = 2; base::ReadFileMark(aside).exists; ++i) {
-        aside = m_path + kPutAsideMark + std::to_string(time(nullptr)) + "-" + std::to_string(i);
+    damage.aside = m_path + kPutAsideMark + std::to_string(time(nullptr));
+    for (int i = 2; base::ReadFileMark(damage.aside).exists; ++i) {
+        damage.aside = m_path + kPutAsideMark + std::to_string(time(nullptr)) + "-" + std::to_string(i);
     }
-    base::Status status = base::PutDatabaseAside(m_path, aside);
+    const base::Status status = base::PutDatabaseAside(m_path, damage.aside);
+    // One that came after another was never written to: what is to be saved is in the first.
+    if (status && !m_damage) m_damage = damage;
     // Ignoring a failure: more than one too many does not come of it.
     static_cast<void>(base::ThinOutPutAside(m_path + kPutAsideMark, kMostPutAside, 2 * MostLogBytes()));
+    return status;
+}
+
+base::Status CEventSpool::Replace(const base::Error& why) {
+    base::Status status = PutAside(why);
     if (status) status = OpenOnce();
+    if (status) status = SaveDamaged();
+    if (!status) {
+        CloseFiles();
+        return status;
+    }
+    return KeepSinks();
+}
+
+base::Status CEventSpool::SaveDamaged() {
+    Salvaged salvaged;
+    base::Database old;
+    base::DatabaseOptions options;
+    options.setUp = "PRAGMA wal_autocheckpoint=0;";
+    // Writable, because its log has to be read as well. Ignoring a failure: then there is nothing to save.
+    static_cast<void>(old.Open(m_damage->aside, options));
+    base::Status status = SalvageFacts(old, salvaged);
     if (!status) return status;
-    const base::Status saved = Salvage(aside, salvaged);
+    const base::Status saved = SalvageTexts(old, salvaged);
     if (!saved) {
-        Log(zel::kLogError, __LINE__, "the messages of %s cannot be written again: %s", aside,
+        Log(zel::kLogError, __LINE__, "the messages of %s cannot be written again: %s", m_damage->aside,
             saved.GetError().Reason());
         salvaged.saved = 0;
     }
+    status = ReadFacts();
+    if (status) NoteSalvaged(salvaged);
+    return status;
+}
+
+void CEventSpool::NoteSalvaged(const Salvaged& salvaged) {
     // The numbers of what waits follow each other and the oldest go first. Of what was counted some may have been
     // confirmed, and could not be removed any more.
+    int64_t had = m_damage->had;
     const int64_t first = std::max(salvaged.lowest, salvaged.confirmed + 1);
     if (salvaged.newest > 0) {
         had = had < 0 ? salvaged.newest - first + 1 : std::min(had, salvaged.newest - salvaged.confirmed);
@@ -206,30 +323,36 @@ base::Status CEventSpool::Replace(const base::Error& why) {
         m_figures.dropped += lost;
     }
     Log(zel::kLogError, __LINE__, "the event spool %s is damaged (%s", m_path,
-        why.Reason() + "); put aside as " + aside + ": " + std::to_string(salvaged.saved) + " messages saved, " +
+        m_damage->reason + "); put aside as " + m_damage->aside + ": " + std::to_string(salvaged.saved) +
+            " messages saved, " +
             (had < 0 ? std::string("how many are lost is not known") : std::to_string(lost) + " lost"));
-    return KeepSinks();
+    m_damage.reset();
 }
 
-base::Status CEventSpool::Salvage(const std::string& aside, Salvaged& salvaged) {
-    base::Database old;
-    base::DatabaseOptions options;
-    options.setUp = "PRAGMA wal_autocheckpoint=0;";
-    // Writable, because its log has to be read as well. Ignoring a failure: then there is nothing to save.
-    static_cast<void>(old.Open(aside, options));
+base::Status CEventSpool::SalvageFacts(const base::Database& old, Salvaged& salvaged) {
+    bool ok = m_writer.Execute("BEGIN IMMEDIATE;").Ok();
+    if (ok && old.IsOpen()) CopyFacts(old, salvaged);
+    int64_t last = salvaged.newest;
+    for (const auto& cursor : m_confirmed) last = std::max(last, cursor.second);
+    // Neither is an id given twice: as many numbers may have been given as the file had room for.
+    if (salvaged.sameName && !salvaged.numbered) last += static_cast<int64_t>(m_maxBytes / kRowBytes) + 1;
+    ok = ok && GoOnCounting(last) && m_writer.Execute("COMMIT;");
+    if (ok) return {};
+    const base::Error error = m_writer.LastError("write");
+    static_cast<void>(m_writer.Execute("ROLLBACK;"));  // ignoring: there may be no transaction any more
+    return error;
+}
+
+base::Status CEventSpool::SalvageTexts(const base::Database& old, Salvaged& salvaged) {
+    if (!old.IsOpen()) return {};
     base::Status status = m_writer.Execute("BEGIN IMMEDIATE;");
-    if (status && old.IsOpen()) {
-        SalvageFacts(old, salvaged);
-        if (!SalvageMessages(old, salvaged)) status = m_writer.LastError("write");
-    }
-    if (status && !GoOnCounting(salvaged)) status = m_writer.LastError("write");
+    if (status && !SalvageMessages(old, salvaged)) status = m_writer.LastError("write");
     if (status) status = m_writer.Execute("COMMIT;");
-    if (!status) static_cast<void>(m_writer.Execute("ROLLBACK;"));  // ignoring: there may be no transaction any more
-    const base::Status read = ReadFacts();
-    return status ? read : status;
+    if (!status) static_cast<void>(m_writer.Execute("ROLLBACK;"));  // ignoring: as above
+    return status;
 }
 
-void CEventSpool::SalvageFacts(const base::Database& old, Salvaged& salvaged) {
+void CEventSpool::CopyFacts(const base::Database& old, Salvaged& salvaged) {
     // The ids stay those of the old file. What fails here costs a count or a cursor: a message comes a second time.
     base::Statement fact(m_writer, "INSERT OR REPLACE INTO facts VALUES(?1, ?2);");
     const auto keep = [&](const std::string& key, const auto& value) {
@@ -246,7 +369,7 @@ void CEventSpool::SalvageFacts(const base::Database& old, Salvaged& salvaged) {
             named = keep(key, facts.Text(1));
         }
     }
-    if (!named && !salvaged.name.empty()) named = keep("name", salvaged.name);
+    if (!named && !m_damage->name.empty()) named = keep("name", m_damage->name);
     base::Statement cursors(old, "SELECT sink, seq FROM cursors;");
     while (cursors.Row()) {
         int64_t& confirmed = m_confirmed[cursors.Text(0)];
@@ -261,11 +384,13 @@ void CEventSpool::SalvageFacts(const base::Database& old, Salvaged& salvaged) {
     salvaged.numbered = salvaged.newest > 0;
 }
 
-bool CEventSpool::GoOnCounting(const Salvaged& salvaged) {
-    // Neither is an id given twice, nor is a new message below what the sinks have confirmed.
-    int64_t last = salvaged.newest;
+bool CEventSpool::GoOnCounting(int64_t last) {
+    // No new message is below what the sinks have confirmed.
     for (const auto& cursor : m_confirmed) last = std::max(last, cursor.second);
-    if (salvaged.sameName && !salvaged.numbered) last += static_cast<int64_t>(m_maxBytes / kRowBytes) + 1;
+    base::Statement now(m_writer, "SELECT coalesce(max(seq), 0) FROM sqlite_sequence WHERE name = 'messages';");
+    if (!now.Row()) return false;
+    if (now.Int(0) >= last) return true;
+    now.Finish();
     base::Statement begin(m_writer,
                           "INSERT INTO sqlite_sequence(name, seq) SELECT 'messages', 0 WHERE NOT EXISTS"
                           " (SELECT 1 FROM sqlite_sequence WHERE name = 'messages');");
@@ -339,7 +464,7 @@ void CEventSpool::Repair(const base::Error& why, uint64_t generation) {
         }
     }
     GiveUpLead();
-    Wake();
+    Notify();
 }
 
 // --- the reserve ---
@@ -398,7 +523,7 @@ bool CEventSpool::DropOldest(uint64_t bytes, Change& change) {
         bytes -= std::min(bytes, static_cast<uint64_t>(cost));
         change.bytes -= cost;
         --change.messages;
-        if (!confirmed) ++change.dropped;
+        if (!confirmed || !m_sinksKept) ++change.dropped;
     }
     return true;
 }
@@ -407,7 +532,7 @@ base::Status CEventSpool::WriteTransaction(const std::vector<Request*>& batch, C
     change = Change();
     base::Status room = BoundLog();
     if (!room) return room;
-    bool ok = m_writer.Execute("BEGIN IMMEDIATE;").Ok();
+    bool ok = m_writer.Execute(m_settled ? "BEGIN IMMEDIATE; PRAGMA user_version=0;" : "BEGIN IMMEDIATE;").Ok();
     int64_t held = 0;
     if (ok) {
         // The sum as it is under the write lock: the readers remove confirmed messages beside us.
@@ -427,7 +552,10 @@ base::Status CEventSpool::WriteTransaction(const std::vector<Request*>& batch, C
     }
     if (const uint64_t drops = change.dropped + m_unsavedDrops; ok && drops > 0) ok = NoteDrops(drops);
     ok = ok && m_writer.Execute("COMMIT;");
-    if (ok) return {};
+    if (ok) {
+        m_settled = false;
+        return {};
+    }
     const base::Error error = m_writer.LastError("write");
     static_cast<void>(m_writer.Execute("ROLLBACK;"));  // ignoring: there may be no transaction any more
     return error;
@@ -489,6 +617,10 @@ base::Status CEventSpool::BoundLog() {
 }
 
 base::Status CEventSpool::WriteSomehow(const std::vector<Request*>& batch, Change& change) {
+    if (m_resting) {
+        base::Status opened = EnsureOpen();
+        if (!opened) return opened;
+    }
     if (!m_writer.IsOpen()) return base::SentenceError("it is not open yet");
     base::Status written = WriteTransaction(batch, change);
     if (!written && written.GetError().kind == base::ErrorKind::kMalformed) {
@@ -524,11 +656,11 @@ bool CEventSpool::CommitBatch(const std::vector<Request*>& batch) {
         if (wasBroken) {
             Log(zel::kLogWarning, __LINE__, "the event spool %s can be written again%s", m_path, "");
         }
-        Wake();
+        Notify();
         return true;
     }
     for (const Request* request : batch) KeepInMemory(request->message);
-    Wake();  // somebody has to try again
+    Notify();  // somebody has to try again
     if (!wasBroken) {
         Log(zel::kLogError, __LINE__, "the event spool %s cannot be written (%s); messages wait in memory", m_path,
             written.GetError().Reason());
@@ -617,14 +749,17 @@ void CEventSpool::NoteRefused() {
         ++m_unsavedDrops;
     }
     GiveUpLead();
+    Notify();
 }
 
 base::Status CEventSpool::EnsureOpen() {
     if (m_writer.IsOpen()) return {};
     base::MutexLock lock(m_readLock);
-    base::Status opened = OpenFiles();
-    if (opened) opened = KeepSinks();
+    const bool rested = m_resting.exchange(false);
+    const base::Status opened = OpenFiles();
     if (!opened) return opened;
+    static_cast<void>(KeepSinks());  // ignoring: Settle tries it again
+    if (rested) return {};
     Log(zel::kLogWarning, __LINE__, "the event spool %s can be written again%s", m_path, "");
     base::MutexLock figures(m_figuresLock);
     m_figures.broken = false;
@@ -632,14 +767,20 @@ base::Status CEventSpool::EnsureOpen() {
 }
 
 bool CEventSpool::Settle() {
+    if (m_resting && m_memory.empty() && m_unsavedDrops == 0 && !m_unsaved) return true;
     if (!EnsureOpen()) return false;
     if (!m_memory.empty() && !CommitBatch({})) return false;
+    if (m_unsavedDrops > 0 && !NoteDrops(m_unsavedDrops)) return false;
+    m_unsavedDrops = 0;
     if (!m_reserve) TouchReserve();
-    return true;
+    base::MutexLock lock(m_readLock);
+    if (!m_sinksKept && !KeepSinks()) return false;
+    return !m_unsaved || KeepAndRemove();
 }
 
 bool CEventSpool::FlushMemory() {
     TakeLead();
+    const bool news = !m_writer.IsOpen() || m_unsaved;
     bool settled = false;
     try {
         settled = Settle();
@@ -647,7 +788,7 @@ bool CEventSpool::FlushMemory() {
         static_cast<void>(m_writer.Execute("ROLLBACK;"));  // as above
     }
     GiveUpLead();
-    if (settled) Wake();
+    if (settled && news && !m_resting) Notify();
     return settled;
 }
 
@@ -656,11 +797,18 @@ bool CEventSpool::FlushMemory() {
 base::Status CEventSpool::SetSinks(const std::vector<std::string>& sinks) {
     base::MutexLock lock(m_readLock);
     m_sinks = sinks;
+    m_sinksKept = false;
     if (!m_reader.IsOpen()) return {};  // as soon as it is
     return KeepSinks();
 }
 
 base::Status CEventSpool::KeepSinks() {
+    const auto isSink = [&](const std::string& name) ZEL_REQUIRES(m_readLock) {
+        return std::find(m_sinks.begin(), m_sinks.end(), name) != m_sinks.end();
+    };
+    for (auto next = m_confirmed.begin(); next != m_confirmed.end();) {
+        next = isSink(next->first) ? std::next(next) : m_confirmed.erase(next);
+    }
     std::vector<std::string> known;
     {
         base::Statement all(m_reader, "SELECT sink FROM cursors;");
@@ -668,21 +816,14 @@ base::Status CEventSpool::KeepSinks() {
     }
     bool ok = true;
     for (const std::string& sink : known) {
-        if (std::find(m_sinks.begin(), m_sinks.end(), sink) != m_sinks.end()) continue;
+        if (isSink(sink)) continue;
         base::Statement remove(m_reader, "DELETE FROM cursors WHERE sink = ?1;");
         remove.Bind(1, sink);
         ok = remove.Done() && ok;
-        m_confirmed.erase(sink);
     }
-    for (const std::string& sink : m_sinks) {
-        base::Statement add(m_reader,
-                            "INSERT INTO cursors VALUES(?1, ?2) ON CONFLICT(sink) DO UPDATE SET seq = max(seq, ?2);");
-        add.Bind(1, sink);
-        add.Bind(2, m_confirmed.count(sink) != 0 ? m_confirmed[sink] : 0);
-        ok = add.Done() && ok;
-    }
-    if (!ok) return m_reader.LastError("write");
-    return {};
+    base::Status kept = ok ? KeepConfirmed() : base::Status(m_reader.LastError("write"));
+    m_sinksKept = kept.Ok();
+    return kept;
 }
 
 base::Result<std::vector<SpoolMessage>> CEventSpool::Read(const std::string& sink, size_t most, size_t mostBytes) {
@@ -744,8 +885,12 @@ base::Status CEventSpool::Confirm(const std::string& sink, int64_t seq, uint64_t
     base::MutexLock lock(m_readLock);
     m_confirmed[sink] = std::max(m_confirmed[sink], seq);
     if (givenUp > 0) m_unsavedGivenUp[sink] += givenUp;
+    return KeepAndRemove();
+}
+
+base::Status CEventSpool::KeepAndRemove() {
     base::Status kept = KeepConfirmed();
-    if (kept) RemoveConfirmed();
+    if (kept && m_sinksKept) RemoveConfirmed();
     return kept;
 }
 
@@ -755,10 +900,12 @@ int64_t CEventSpool::ConfirmedBy(const std::string& sink) {
 }
 
 base::Status CEventSpool::KeepConfirmed() {
+    m_unsaved = true;
     bool ok = m_reader.Execute("BEGIN IMMEDIATE;").Ok();
-    for (auto next = m_confirmed.begin(); ok && next != m_confirmed.end(); ++next) {
-        base::Statement move(m_reader, "UPDATE cursors SET seq = max(seq, ?2) WHERE sink = ?1;");
-        ok = move.Bind(1, next->first) && move.Bind(2, next->second) && move.Done();
+    for (auto next = m_sinks.begin(); ok && next != m_sinks.end(); ++next) {
+        base::Statement move(m_reader,
+                             "INSERT INTO cursors VALUES(?1, ?2) ON CONFLICT(sink) DO UPDATE SET seq = max(seq, ?2);");
+        ok = move.Bind(1, *next) && move.Bind(2, ConfirmedBy(*next)) && move.Done();
     }
     for (auto next = m_unsavedGivenUp.begin(); ok && next != m_unsavedGivenUp.end(); ++next) {
         base::Statement count(m_reader,
@@ -768,7 +915,9 @@ base::Status CEventSpool::KeepConfirmed() {
     }
     ok = ok && m_reader.Execute("COMMIT;");
     if (ok) {
+        for (const auto& count : m_unsavedGivenUp) m_givenUp[count.first] += count.second;
         m_unsavedGivenUp.clear();
+        m_unsaved = false;
         return {};
     }
     const base::Error error = m_reader.LastError("write");
@@ -778,11 +927,12 @@ base::Status CEventSpool::KeepConfirmed() {
 
 uint64_t CEventSpool::GivenUp(const std::string& sink) {
     base::MutexLock lock(m_readLock);
-    const auto unsaved = m_unsavedGivenUp.find(sink);
-    base::Statement query(m_reader, "SELECT value FROM facts WHERE name = ?1;");
-    query.Bind(1, kGivenUpBy + sink);
-    return (query.Row() ? static_cast<uint64_t>(query.Int(0)) : 0) +
-           (unsaved != m_unsavedGivenUp.end() ? unsaved->second : 0);
+    uint64_t count = 0;
+    for (const auto* counts : {&m_givenUp, &m_unsavedGivenUp}) {
+        const auto found = counts->find(sink);
+        if (found != counts->end()) count += found->second;
+    }
+    return count;
 }
 
 void CEventSpool::RemoveConfirmed() {
@@ -815,25 +965,8 @@ void CEventSpool::Checkpoint() {
     m_reader.Checkpoint();
 }
 
-uint64_t CEventSpool::News() {
-    base::MutexLock lock(m_newsLock);
-    return m_newsCount;
-}
-
-uint64_t CEventSpool::WaitForNews(uint64_t seen, unsigned int timeoutMs) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    base::MutexLock lock(m_newsLock);
-    while (m_newsCount == seen && m_news.wait_until(m_newsLock, end) != std::cv_status::timeout) {
-    }
-    return m_newsCount;
-}
-
-void CEventSpool::Wake() {
-    {
-        base::MutexLock lock(m_newsLock);
-        ++m_newsCount;
-    }
-    m_news.notify_all();
+void CEventSpool::Notify() {
+    if (m_listener) m_listener();
 }
 
 CEventSpool::Figures CEventSpool::GetFigures() {
@@ -846,6 +979,7 @@ CEventSpool::Figures CEventSpool::GetFigures() {
 
 uint64_t CEventSpool::Waiting(const std::string& sink) {
     base::MutexLock lock(m_readLock);
+    if (m_resting && !m_sinks.empty()) return 0;
     base::Statement query(m_reader,
                           "SELECT count(*) FROM messages"
                           " WHERE seq > max(?2, coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0));");

@@ -5,9 +5,12 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/Database.h"
@@ -34,8 +37,13 @@ public:
     CEventSpool(const CEventSpool&) = delete;
     CEventSpool& operator=(const CEventSpool&) = delete;
 
-    /// Opens or creates the file. One that is damaged is put aside, and what can be read of it goes into a new one.
-    /// On failure: the spool works all the same, from memory; FlushMemory opens it as soon as that is possible.
+    /// Has `listener` called, by whatever thread it happens on, when there may be something to deliver or to tidy up.
+    /// To be set before Open.
+    void SetListener(std::function<void()> listener) { m_listener = std::move(listener); }
+
+    /// Opens or creates the file; one of which a look says that nothing waits in it stays closed. One that is damaged
+    /// is put aside, and what can be read of it goes into a new one. On failure: the spool works all the same, from
+    /// memory; FlushMemory opens it as soon as that is possible.
     base::Status Open(const std::string& path, uint64_t maxBytes, size_t memoryRing);
     void Close();
 
@@ -44,9 +52,11 @@ public:
     bool Append(SpoolMessage message);
     /// Counts a message that is not taken at all.
     void NoteRefused();
-    /// Opens what could not be opened, and tries to bring what waits in memory to disk.
+    /// Opens what could not be opened, and tries to bring to disk what waits in memory: messages, cursors, sinks.
     /// Returns: whether nothing waits any more.
     bool FlushMemory();
+    /// Returns: whether what sinks have confirmed is not in the file yet.
+    bool HasUnsaved() const { return m_unsaved; }
 
     /// The oldest messages that this sink has not confirmed yet, at most `most` and about `mostBytes`.
     base::Result<std::vector<SpoolMessage>> Read(const std::string& sink, size_t most, size_t mostBytes);
@@ -57,17 +67,16 @@ public:
     /// Returns: how many this sink has given up over the spool's life.
     uint64_t GivenUp(const std::string& sink);
     /// Which sinks there are: others' cursors are forgotten, new ones start at the oldest message.
+    /// On failure: they are the sinks all the same, and FlushMemory writes it down; until then no message goes.
     base::Status SetSinks(const std::vector<std::string>& sinks);
 
-    /// A mark of what there is now; take it before reading.
-    uint64_t News();
-    /// Waits until there may be something new since `seen`, or for so long. Returns: the new mark.
-    uint64_t WaitForNews(uint64_t seen, unsigned int timeoutMs);
-    /// Wakes every waiter.
-    void Wake();
-
-    /// Moves the log's pages into the file. Called by a sink's thread now and then, never by SendMsg.
+    /// Moves the log's pages into the file. Called now and then while there is news, never by SendMsg.
     void Checkpoint();
+    /// Closes the file, made small, when every sink has everything; it opens again with the next message.
+    /// Returns: whether it is closed.
+    bool Rest();
+    /// Returns: whether the file is closed because nothing waits in it.
+    bool IsResting() const { return m_resting; }
 
     struct Figures {
         uint64_t accepted = 0, refused = 0, messages = 0, bytes = 0, dropped = 0, inMemory = 0;
@@ -94,9 +103,16 @@ private:
         bool durable = false;
     };
 
+    /// A file that was put aside and whose messages are still to be saved.
+    struct Damage {
+        std::string aside;   ///< where it is now
+        std::string reason;  ///< what was wrong with it
+        std::string name;    ///< of the spool, as far as this process knew it
+        int64_t had = -1;    ///< messages that were in it, -1: not known
+    };
+
     /// What came of a damaged file.
     struct Salvaged {
-        std::string name;  ///< of the spool, as far as this process knew it
         uint64_t saved = 0;
         int64_t lowest = 0;     ///< number of a message that was saved
         int64_t confirmed = 0;  ///< by every sink
@@ -131,20 +147,36 @@ private:
     /// Moves the log into the file when it is long. On failure: it is too long to be written to.
     base::Status BoundLog();
     bool Settle();
+    bool TryRest();
     base::Status EnsureOpen();
+    void Notify();
 
     // Of the leader, or before there are threads.
     base::Status OpenFiles() ZEL_REQUIRES(m_readLock);
     base::Status OpenOnce() ZEL_REQUIRES(m_readLock);
     void CloseFiles() ZEL_REQUIRES(m_readLock);
     base::Status ReadFacts() ZEL_REQUIRES(m_readLock);
+    base::Status ReadGivenUp() ZEL_REQUIRES(m_readLock);
+    /// Returns: whether no message is in the file; false too when it cannot be read.
+    bool IsEmptied() const ZEL_REQUIRES(m_readLock);
+    /// Says in the file itself, where a look finds it, that it holds nothing that anybody waits for.
+    void MarkSettled() ZEL_REQUIRES(m_readLock);
+    /// Returns: whether the file says so. Requires: it is not open.
+    bool IsSettled() const;
     base::Status KeepSinks() ZEL_REQUIRES(m_readLock);
     base::Status Replace(const base::Error& why) ZEL_REQUIRES(m_readLock);
-    base::Status Salvage(const std::string& aside, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
-    void SalvageFacts(const base::Database& old, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
+    base::Status PutAside(const base::Error& why) ZEL_REQUIRES(m_readLock);
+    /// Brings over what can be read of the file that was put aside; afterwards there is none.
+    /// On failure: not even its facts could be written, nothing may go into the new file, and it is to be tried again.
+    base::Status SaveDamaged() ZEL_REQUIRES(m_readLock);
+    /// Ids, counts, cursors and numbers, in a transaction of their own: they fit where the messages do not.
+    base::Status SalvageFacts(const base::Database& old, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
+    base::Status SalvageTexts(const base::Database& old, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
+    void CopyFacts(const base::Database& old, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
+    void NoteSalvaged(const Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
     bool SalvageMessages(const base::Database& old, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
-    /// The numbers of new messages follow those of the old file.
-    bool GoOnCounting(const Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
+    /// The numbers of new messages follow `last` and what the sinks have confirmed.
+    bool GoOnCounting(int64_t last) ZEL_REQUIRES(m_readLock);
     /// Saves what can be read in one go of the messages between `after` and `before`. Returns: false when the new file
     /// cannot be written.
     bool SalvageRun(const base::Database& old, bool forward, Run& run, Salvaged& salvaged) ZEL_REQUIRES(m_readLock);
@@ -161,10 +193,13 @@ private:
     int64_t ConfirmedBy(const std::string& sink) ZEL_REQUIRES(m_readLock);
     /// Writes down what was confirmed and is not in the file yet, of every sink.
     base::Status KeepConfirmed() ZEL_REQUIRES(m_readLock);
+    /// As above, and what every sink has goes.
+    base::Status KeepAndRemove() ZEL_REQUIRES(m_readLock);
     void RemoveConfirmed() ZEL_REQUIRES(m_readLock);
     /// The file that failed with `why` while it was the `generation`th is replaced, unless somebody has done so.
     void Repair(const base::Error& why, uint64_t generation) ZEL_EXCLUDES(m_readLock);
 
+    std::function<void()> m_listener;
     std::string m_path;
     uint64_t m_maxBytes = 0;
     size_t m_memoryMost = 0;
@@ -182,16 +217,22 @@ private:
     uint64_t m_unsavedDrops = 0;  // counted already, and not yet in the file
     uint64_t m_nextLogBound = 0;  // length of the log at which it is moved into the file
     bool m_reserve = false;
+    bool m_settled = false;                // the file says that it holds nothing
+    std::atomic<bool> m_resting{false};    // closed because nothing waits; changed by the leader
+    std::atomic<bool> m_unsaved{false};    // something was confirmed, and the file does not say so
+    std::atomic<bool> m_sinksKept{false};  // the cursors in the file are those of the sinks that there are
 
     base::Mutex m_readLock;  // taken by the leader after it leads, never the other way round
     base::Database m_reader ZEL_GUARDED_BY(m_readLock);
     std::string m_name ZEL_GUARDED_BY(m_readLock);
     std::vector<std::string> m_sinks ZEL_GUARDED_BY(m_readLock);
     std::map<std::string, int64_t> m_confirmed ZEL_GUARDED_BY(m_readLock);  // by this process, and what was salvaged
+    std::map<std::string, uint64_t> m_givenUp ZEL_GUARDED_BY(m_readLock);   // as the file says
     std::map<std::string, uint64_t> m_unsavedGivenUp ZEL_GUARDED_BY(m_readLock);
     uint64_t m_generation ZEL_GUARDED_BY(m_readLock) = 0;  // which file in turn this is
     unsigned int m_readFailures ZEL_GUARDED_BY(m_readLock) = 0;
     unsigned int m_openFailures ZEL_GUARDED_BY(m_readLock) = 0;
+    std::optional<Damage> m_damage ZEL_GUARDED_BY(m_readLock);
     bool m_counted ZEL_GUARDED_BY(m_readLock) = false;  // whether the figures are those of the file
 
     base::Mutex m_figuresLock;
@@ -199,10 +240,6 @@ private:
     // Signed: a reader may subtract what the writer is about to add.
     int64_t m_messages ZEL_GUARDED_BY(m_figuresLock) = 0;
     int64_t m_bytes ZEL_GUARDED_BY(m_figuresLock) = 0;
-
-    base::Mutex m_newsLock;
-    base::Condition m_news;
-    uint64_t m_newsCount ZEL_GUARDED_BY(m_newsLock) = 0;
 };
 
 }  // namespace zelhost

@@ -34,6 +34,7 @@ struct DeliveryOptions {
     unsigned int httpTimeoutMs = 5000;  ///< for a whole request
     unsigned int backoffMinMs = 500;    ///< after the first failure of a sink, doubled up to the maximum
     unsigned int backoffMaxMs = 60000;
+    unsigned int restMs = 60000;  ///< without a message for so long, the spool's file is closed until the next one
 };
 
 struct MetricsOptions {

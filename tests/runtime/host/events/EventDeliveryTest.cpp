@@ -4,10 +4,10 @@
 #include <fcntl.h>
 #include <json/json.h>
 #include <sqlite3.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "HostSupport.h"
+#include "events/NoGrowth.h"
 #include "support/SmallDisk.h"
 #include "support/HttpServer.h"
 #include "support/Waiting.h"
@@ -358,6 +359,86 @@ TEST_F(EventDeliveryTest, StoppingBreaksOffARequestThatIsSilent) {
     server.Hang(false);
 }
 
+/// Names of the threads of this process.
+static Lines Threads() {
+    Lines names;
+    for (const std::string& thread : support::NamesIn("/proc/self/task")) {
+        names.push_back(support::ReadText("/proc/self/task/" + thread + "/comm"));
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+/// How often the thread of the process's loop has slept.
+static std::string LoopSleeps() {
+    for (const std::string& thread : support::NamesIn("/proc/self/task")) {
+        const std::string task = "/proc/self/task/" + thread;
+        if (support::ReadText(task + "/comm") != "zel-io\n") continue;
+        const std::string status = support::ReadText(task + "/status");
+        return status.substr(status.find("voluntary_ctxt_switches"));
+    }
+    return {};
+}
+
+static bool HoldsOpen(const std::string& path) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        if (std::filesystem::read_symlink(entry.path(), gone).string().find(path) != std::string::npos) return true;
+    }
+    return false;
+}
+
+TEST_F(EventDeliveryTest, WhileNothingWaitsThereIsNothingToRun) {
+    support::HttpServer server;
+    DeliveryOptions options = Options();
+    options.httpUrl = server.Url();
+    options.restMs = 50;
+    const Lines before = Threads();
+    Lines idle = before;
+    idle.push_back("zel-io\n");
+    std::sort(idle.begin(), idle.end());
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_TRUE(delivery.SendMsg("T", std::to_string(round), "", 1, 0));
+        ASSERT_TRUE(delivery.Flush(20000));
+        EXPECT_TRUE(Eventually([&] { return Threads() == idle; })) << testing::PrintToString(Threads());
+        EXPECT_TRUE(Eventually([&] { return !HoldsOpen(options.spoolPath); }));
+        support::SleepMs(1500);  // for what had been due
+        const std::string slept = LoopSleeps();
+        EXPECT_FALSE(slept.empty());
+        support::SleepMs(1500);
+        EXPECT_EQ(LoopSleeps(), slept) << "nothing wakes it";
+        EXPECT_EQ(delivery.Stats().sinks[0].waiting, 0u);
+    }
+    EXPECT_FALSE(HoldsOpen(options.spoolPath)) << "not by a look at the figures either";
+    EXPECT_EQ(Field(m_dir / "log/e.jsonl", "body"), (Lines{"0", "1"}));
+    EXPECT_EQ(server.Accepted().size(), 2u);
+    delivery.Stop();
+    EXPECT_TRUE(Eventually([&] { return Threads() == before; }));
+}
+
+TEST_F(EventDeliveryTest, ASilentEndpointHoldsUpNoOtherSink) {
+    support::HttpServer server;
+    server.Hang(true);
+    DeliveryOptions options = Options();
+    options.httpUrl = server.Url();
+    options.httpTimeoutMs = 60000;
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    delivery.SendMsg("T", "first", "", 1, 0);
+    ASSERT_TRUE(Eventually([&] { return server.Connections() > 0; }));
+    for (int i = 0; i < 20; ++i) {
+        delivery.SendMsg("T", std::to_string(i), "", 1, 0);
+        ASSERT_TRUE(Eventually([&] { return delivery.Stats().sinks[0].waiting == 0; })) << i;
+    }
+    EXPECT_EQ(delivery.Stats().sinks[1].delivered, 0u);
+    DeliveryOptions without = Options();
+    ASSERT_TRUE(support::IsOk(delivery.SetSinks(without)));
+    server.Hang(false);
+    EXPECT_TRUE(delivery.Flush(20000));
+}
+
 TEST_F(EventDeliveryTest, SinksAreSwitchedWhileItRuns) {
     support::HttpServer server;
     CEventDelivery delivery(Options(), "tervane");
@@ -383,24 +464,6 @@ TEST_F(EventDeliveryTest, SinksAreSwitchedWhileItRuns) {
     EXPECT_EQ(Field(m_dir / "log/e.jsonl", "body"), (Lines{"file only", "both", "file again"}));
 }
 
-/// Files of this process grow no more while it lives: a full disk.
-class NoGrowth {
-public:
-    NoGrowth() {
-        signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &m_old);
-        rlimit none = m_old;
-        none.rlim_cur = 1;
-        setrlimit(RLIMIT_FSIZE, &none);
-    }
-    ~NoGrowth() { setrlimit(RLIMIT_FSIZE, &m_old); }
-    NoGrowth(const NoGrowth&) = delete;
-    NoGrowth& operator=(const NoGrowth&) = delete;
-
-private:
-    rlimit m_old{};
-};
-
 TEST_F(EventDeliveryTest, AnUnwrittenCursorCountsNothingTwice) {
     support::HttpServer server;
     server.AnswerWith(503);
@@ -413,7 +476,7 @@ TEST_F(EventDeliveryTest, AnUnwrittenCursorCountsNothingTwice) {
         ASSERT_TRUE(support::IsOk(delivery.Start()));
         for (int i = 0; i < 10; ++i) EXPECT_TRUE(delivery.SendMsg("T", "b" + std::to_string(i), "", 1, 0));
         {
-            const NoGrowth full;
+            const support::NoGrowth full;
             server.Refuse("\"b3\"", 400);
             server.AnswerWith(200);
             ASSERT_TRUE(Eventually([&] { return delivery.Stats().sinks[0].waiting == 0; }));
@@ -423,6 +486,8 @@ TEST_F(EventDeliveryTest, AnUnwrittenCursorCountsNothingTwice) {
             EXPECT_EQ(delivery.Stats().sinks[0].givenUp, 1u);
             EXPECT_EQ(server.Accepted().size(), 9u) << "nothing is delivered again";
         }
+        EXPECT_TRUE(Eventually([&] { return delivery.Stats().sinks[0].lastError.empty(); })) << "without news";
+        EXPECT_EQ(delivery.Stats().spooled, 0u);
         EXPECT_TRUE(Eventually([&] { return delivery.SendMsg("T", "last", "", 1, 0); }));
         ASSERT_TRUE(delivery.Flush(20000));
     }

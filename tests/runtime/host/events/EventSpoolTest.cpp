@@ -4,9 +4,11 @@
 #include <sqlite3.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <thread>
@@ -165,13 +167,13 @@ TEST_F(EventSpoolTest, ManySendersAndReadersLoseNothing) {
     }
     std::vector<std::string> seen;
     while (seen.size() < kSenders * kEach) {
-        const uint64_t news = spool.News();
         const std::vector<SpoolMessage> messages = Read(spool, "one", 16);
         for (const auto& m : messages) seen.push_back(m.body);
-        if (messages.empty())
-            spool.WaitForNews(news, 1000);
-        else
+        if (messages.empty()) {
+            support::SleepMs(1);
+        } else {
             EXPECT_TRUE(spool.Confirm("one", messages.back().seq));
+        }
     }
     for (auto& sender : senders) sender.join();
     EXPECT_EQ(std::set<std::string>(seen.begin(), seen.end()).size(), seen.size());
@@ -502,4 +504,82 @@ TEST_F(EventSpoolTest, ASenderForWhomThereIsNoMemoryGetsItsAnswer) {
     }
     EXPECT_EQ(answered, 60);
     EXPECT_TRUE(spool.Append(Message("b"))) << "and nobody leads for ever";
+}
+
+TEST_F(EventSpoolTest, WithoutMessagesItStaysClosedAtTheStart) {
+    CEventSpool spool;
+    Open(spool);
+    EXPECT_FALSE(spool.IsResting());
+    Fill(spool, 3);
+    const std::string before = Read(spool, "one").back().id;
+    ASSERT_TRUE(support::IsOk(spool.Confirm("one", 3)));
+    spool.Close();
+    Open(spool);
+    EXPECT_TRUE(spool.IsResting());
+    EXPECT_TRUE(spool.FlushMemory());
+    EXPECT_TRUE(spool.IsResting()) << "nothing waits";
+    EXPECT_TRUE(spool.Append(Message("next")));
+    EXPECT_FALSE(spool.IsResting());
+    ASSERT_EQ(Bodies(spool, "one"), Lines{"next"});
+    EXPECT_EQ(Read(spool, "one").back().seq, 4) << before;
+    spool.Close();
+    Open(spool);
+    EXPECT_FALSE(spool.IsResting()) << "a message waits";
+    EXPECT_EQ(Bodies(spool, "one"), Lines{"next"});
+}
+
+TEST_F(EventSpoolTest, AKilledWriterLeavesNothingThatLooksSettled) {
+    {
+        CEventSpool spool;
+        Open(spool);
+    }
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        CEventSpool spool;
+        const bool rested = spool.Open(m_dir / "spool/e.db", 1 << 20, 8) && spool.IsResting();
+        static_cast<void>(spool.SetSinks({"one"}));
+        _exit(rested && spool.Append(Message("a")) ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_EQ(status, 0);
+    CEventSpool spool;
+    Open(spool);
+    EXPECT_FALSE(spool.IsResting());
+    EXPECT_EQ(Bodies(spool, "one"), Lines{"a"});
+}
+
+TEST_F(EventSpoolTest, ItRestsSmallOnceEverySinkHasEverything) {
+    CEventSpool spool;
+    Open(spool, 32 << 20);
+    for (int i = 0; i < 40; ++i) ASSERT_TRUE(spool.Append(Message(std::string(100000, 'x'))));
+    EXPECT_FALSE(spool.Rest()) << "messages wait";
+    spool.Checkpoint();
+    EXPECT_GT(std::filesystem::file_size(m_dir / "spool/e.db"), 4000000u);
+    ASSERT_TRUE(support::IsOk(spool.Confirm("one", 40)));
+    EXPECT_TRUE(spool.Rest());
+    EXPECT_TRUE(spool.Rest());
+    EXPECT_LT(std::filesystem::file_size(m_dir / "spool/e.db"), 100000u);
+    EXPECT_EQ(support::NamesIn(m_dir / "spool"), (Lines{"e.db", "e.db.reserve"}));
+    EXPECT_EQ(spool.Waiting("one"), 0u);
+    EXPECT_TRUE(Bodies(spool, "one").empty());
+    EXPECT_TRUE(spool.Append(Message("next")));
+    EXPECT_EQ(Read(spool, "one").at(0).seq, 41);
+}
+
+TEST_F(EventSpoolTest, WhatIsCountedWhileItRestsIsWrittenDown) {
+    CEventSpool spool;
+    Open(spool);
+    ASSERT_TRUE(spool.Rest());
+    spool.NoteRefused();
+    EXPECT_TRUE(spool.FlushMemory());
+    spool.Close();
+    Open(spool);
+    EXPECT_EQ(spool.GetFigures().dropped, 1u);
+    ASSERT_TRUE(spool.Rest());
+    spool.NoteRefused();
+    spool.Close();
+    Open(spool);
+    EXPECT_EQ(spool.GetFigures().dropped, 2u);
 }
