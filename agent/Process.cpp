@@ -113,10 +113,10 @@ std::vector<Process::Step> Process::Life(bool isMain) {
                : Step{&Process::JoinOwnGroups, &Process::ForgetOwnGroups},
         {&Process::StartMonitor, &Process::StopMonitor},
         {&Process::FollowChanges, &Process::StopFollowing},
-        {&Process::ExplainLimits, nullptr},
         {&Process::StartLoad, &Process::StopLoad},
         {&Process::StartComponents, &Process::StopComponents},
         {&Process::OpenConsole, &Process::CloseConsole},
+        {&Process::ExplainLimits, nullptr},  // dear, and nobody waits for it
     };
 }
 
@@ -331,12 +331,11 @@ int Process::ExplainLimits() {
     if (m_options.IsMain() && !report.undelegated.empty()) {
         LogLine(DescribeUndelegated(report.undelegated), zel::kLogWarning);
     }
-    TellLimits();
+    TellLimits(report);
     return kExitClean;
 }
 
-void Process::TellLimits() {
-    const StatusReport report = CollectStatus(Sources());
+void Process::TellLimits(const StatusReport& report) {
     std::vector<std::string> lines = ExplainMissingLimits(report, geteuid() == 0);
     for (std::string& line : ExplainMemoryRefusal(report, m_options.appDir, m_options.configPath)) {
         lines.push_back(std::move(line));
@@ -363,6 +362,7 @@ int Process::StartComponents() {
     m_components->Start(m_options, m_program);
     m_services.SetMetricsSource(
         [this](std::vector<zelhost::Metric>& metrics) { AddAgentMetrics(*m_components, metrics); });
+    m_components->Tick(SecondsSinceBoot());  // before anything else that takes its time
     return kExitClean;
 }
 
@@ -444,7 +444,7 @@ int Process::LookAround(int64_t second) {
     Beat(second);
     if (m_components != nullptr) m_keeping.Tick(second, m_components->Members());
     LookAfterLimits(second);
-    if (m_limitNews.IsDue(second)) TellLimits();
+    if (m_limitNews.IsDue(second)) TellLimits(CollectStatus(Sources()));
     const bool wanted = g_configWanted.exchange(false);
     if (wanted) m_agentConfig->ReadAnew();
     if (wanted || second >= m_nextConfigLook) {

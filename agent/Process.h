@@ -87,7 +87,7 @@ private:
     /// Returns: how often the limits of this process are looked after.
     int64_t LimitCheckSeconds() const;
     /// Says which limits were asked for and do not hold, and why, as far as that is news.
-    void TellLimits();
+    void TellLimits(const StatusReport& report);
     /// Shows that the main thread works.
     void Beat(int64_t second);
     /// The parts that a status is made from, as far as they are there by now.
