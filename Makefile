@@ -4,8 +4,9 @@
 #   make test-all            the same, and the tests that take long: every row under a real service manager, many rounds
 #   make sanitize            the same tests under the address, undefined and thread sanitizers (sanitize-module: a part)
 #   make lint [ALL=1]        clang-tidy on what has changed, or on everything
-#   make bench               build and run the benchmarks
-#   make bench-peers         the idle agent beside programs of its kind from Debian, in one run
+#   make bench               build and measure every figure of docs/PERFORMANCE.md, beside a floor and peers
+#   make bench-peers         the same, after installing the peers from Debian without starting their services
+#   make bench-scale         what one more group, component, thread, descriptor and event costs, as a plot in docs/
 #   make install [PREFIX=]   install libraries, headers, agent, unit file and man pages
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
@@ -13,7 +14,7 @@ FOR ?=
 ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel AllFuzzers RuntimeBaseTests
 TSAN_QUICK = UnitCore UnitLimits RuntimeBaseTests RuntimeUtilTests RuntimeIpcTests
 
-.PHONY: all run test test-all lint sanitize sanitize-module bench bench-peers fuzz install clean deps deps-build
+.PHONY: all run test test-all lint sanitize sanitize-module bench bench-peers bench-scale fuzz install clean deps deps-build
 
 all: deps
 	cmake --preset dev
@@ -70,13 +71,16 @@ fuzz: deps
 bench: deps
 	cmake --preset bench
 	cmake --build --preset bench -j $(JOBS)
-	scripts/run-benchmarks build/bench
+	bench/rows.py --build build/bench --write docs/PERFORMANCE.md
 
 bench-peers:
 	scripts/install-deps --peers
+	$(MAKE) bench
+
+bench-scale: deps
 	cmake --preset bench
 	cmake --build --preset bench -j $(JOBS)
-	bench/peers.py --build build/bench
+	bench/scale.py --build build/bench --draw docs/scale.svg
 
 install: deps-build
 	cmake --preset release -DCMAKE_INSTALL_PREFIX=$(PREFIX)

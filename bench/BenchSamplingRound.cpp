@@ -5,6 +5,7 @@
 // CPU is the kernel's count of the thread (schedstat, nanoseconds). System calls are counted in a second phase by
 // stopping at each of them with ptrace; CPU is never taken from that phase. Rounds are counted by the children.
 // Usage: BenchSamplingRound [period in ms, default 200] [seconds, default 10]
+//        BenchSamplingRound floor PERIOD    the floor program alone, until it is ended
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -206,6 +207,10 @@ double PrintCalls(const char* who, Child& child) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 3 && std::strcmp(argv[1], "floor") == 0) {
+        static Shared alone;
+        RunFloor(alone, std::max(1, std::atoi(argv[2])));
+    }
     const int periodMs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 200;
     const int seconds = argc > 2 ? std::max(1, std::atoi(argv[2])) : 10;
     Child floorProgram(RunFloor, periodMs);

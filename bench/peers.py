@@ -58,6 +58,12 @@ class Peers:
             self.scraper = threading.Thread(target=self._scrape)
             self.scraper.start()
 
+    def start_floor(self, build):
+        """As little as the figures of a round can be had for, each second."""
+        program = os.path.join(build, "bin/BenchSamplingRound")
+        if os.path.exists(program):
+            self._run("floor program, 1 s", [program, "floor", "1000"])
+
     def _run(self, name, command):
         log = open(os.path.join(self.directory, name.split(",")[0].replace(" ", "-") + ".log"), "w")
         self.started[name] = subprocess.Popen(command, stdout=log, stderr=log, stdin=subprocess.DEVNULL,
@@ -96,6 +102,39 @@ def table(rows, calls, base):
     return lines
 
 
+def compare(build, source, directory, seconds=60, warm_up=13, trace=20):
+    """One run of the agent, the floor program and the peers.
+    Returns: figures by process, (calls, opens) by process, CPU us/s and bytes written of the whole agent, spans."""
+    peers = Peers(directory)
+    agent = Agent(build, directory, source)
+    spans = {}
+    try:
+        spans["start"] = agent.start()
+        peers.start()
+        peers.start_floor(build)
+        time.sleep(warm_up)
+        components = agent.children()
+        processes = dict(peers.alive())
+        processes["our main process"] = agent.process.pid
+        processes["our component"] = components[0]
+        for number, pid in enumerate(components[1:], 2):
+            processes[f"component {number}"] = pid
+        rows = measure(processes, seconds)
+        others = [name for name in rows if name.startswith("component ")]
+        ours = others + ["our main process", "our component"]
+        whole = {key: sum(rows[name][key] for name in ours) for key in ["cpu_us_s", "written_bytes"]}
+        for name in others:
+            del rows[name]
+        calls = {name: system_calls(processes[name], trace, directory) for name in rows} if trace else {}
+        spans["change"] = agent.change(35)
+        spans["stop"] = agent.stop()
+    finally:
+        if agent.process and agent.process.poll() is None:
+            agent.stop()
+        peers.end()
+    return rows, calls, whole, spans
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build", default="build/bench", help="build directory with the agent (release flags)")
@@ -106,37 +145,13 @@ def main():
     source = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
     directory = os.path.join(os.path.abspath(options.build), "peers")
     os.makedirs(directory, mode=0o750, exist_ok=True)
-    peers = Peers(directory)
-    agent = Agent(options.build, directory, source)
-    spans = {}
-    try:
-        spans["start to limits in force, six processes"] = agent.start()
-        peers.start()
-        time.sleep(options.warm_up)
-        components = agent.children()
-        processes = dict(peers.alive())
-        processes["our main process"] = agent.process.pid
-        processes["our component"] = components[0]
-        for number, pid in enumerate(components[1:], 2):
-            processes[f"component {number}"] = pid
-        rows = measure(processes, options.seconds)
-        others = [name for name in rows if name.startswith("component ")]
-        whole = sum(rows[name]["cpu_us_s"] for name in others + ["our main process", "our component"])
-        for name in others:
-            del rows[name]
-        calls = {name: system_calls(processes[name], options.trace, directory)
-                 for name in rows} if options.trace else {}
-        spans["online change to the last kernel value"] = agent.change(35)
-        spans["SIGTERM to all gone"] = agent.stop()
-    finally:
-        if agent.process and agent.process.poll() is None:
-            agent.process.terminate()
-            agent.process.wait()
-        peers.end()
+    rows, calls, whole, spans = compare(options.build, source, directory, options.seconds, options.warm_up,
+                                        options.trace)
     earlyoom = rows.get("earlyoom, 1 s", {}).get("cpu_us_s")
     oomd = rows.get("oomd, 1 s", {}).get("cpu_us_s")
     print("\n".join(table(rows, calls, earlyoom)))
-    print(f"\nwhole agent, six processes: {whole:.0f} us/s" + (f", {whole / oomd:.2f} of one oomd" if oomd else ""))
+    print(f"\nwhole agent, six processes: {whole['cpu_us_s']:.0f} us/s" +
+          (f", {whole['cpu_us_s'] / oomd:.2f} of one oomd" if oomd else ""))
     for name, value in spans.items():
         print(f"{name}: " + ("nothing changed" if value is None else f"{value:.3f} s"))
     for name in ["earlyoom, 1 s", "oomd, 1 s", "node exporter, scraped each second"]:

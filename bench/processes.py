@@ -91,7 +91,11 @@ def system_calls(pid, seconds, directory):
 class Agent:
     """The agent with idle components in a directory and a tree of groups of its own."""
 
-    def __init__(self, build, directory, source, built_in_table=False, environment=None):
+    def __init__(self, build, directory, source, built_in_table=False, environment=None, components=None,
+                 load="idle"):
+        components = components or COMPONENTS
+        self.components = len(components)
+        self.load = load
         self.bin = os.path.join(build, "bin")
         self.tree = f"zel.idle-{os.getpid()}"
         self.environment = dict(os.environ, ZEL_CGROUP_NAME=self.tree, **(environment or {}))
@@ -100,12 +104,14 @@ class Agent:
         os.makedirs(os.path.join(self.app, "conf"), mode=0o750)
         config = read(os.path.join(source, "agent/conf/resource_config"))
         if not built_in_table:
-            config += f"\ncgroup_groups = {GROUPS}\ncgroup_components = {SHARES}\n"
+            more = "".join(f",{name}:collect-defense:collect-defense:5000:10240" for name in components
+                           if name not in COMPONENTS)
+            config += f"\ncgroup_groups = {GROUPS}\ncgroup_components = {SHARES}{more}\n"
         self._write("resource_config", config)
         self._write("online_config.json", '{"osAbnormalSwitch": 1}\n')
         groups = {"TervaneUpdate": "guard"}
         self._write("components.json", json.dumps({"version": 1, "components": [
-            {"name": name, "group": groups.get(name, "collect-defense")} for name in COMPONENTS]}))
+            {"name": name, "group": groups.get(name, "collect-defense"), "load": load} for name in components]}))
         self.process = None
 
     def _write(self, name, text):
@@ -115,17 +121,17 @@ class Agent:
             file.write(text)
         os.rename(path + ".new", path)
 
-    def status(self):
-        answer = subprocess.run([os.path.join(self.bin, "tervanectl"), "--app-dir", self.app, "status", "--json"],
+    def status(self, name="tervane"):
+        answer = subprocess.run([os.path.join(self.bin, "tervanectl"), "--app-dir", self.app, "--name", name, "status",
+                                 "--json"],
                                 capture_output=True, text=True)
         try:
             return json.loads(answer.stdout)
         except ValueError:
             return {}
 
-    def groups(self):
-        """{group: (quota, processes)} of the tree, read from the kernel."""
-        found = {}
+    def tree_directory(self):
+        """Of the hierarchy that limits CPU; none while there is no tree."""
         tree = None
         for line in read(f"/proc/{self.process.pid}/cgroup").splitlines():
             number, controllers, path = line.split(":", 2)
@@ -133,6 +139,12 @@ class Agent:
                 tree = self._mount(controllers) + path[:path.index("/", path.index(self.tree))]
             elif number == "0" and self.tree in path and os.path.exists(f"/sys/fs/cgroup{path}/cpu.max"):
                 tree = "/sys/fs/cgroup" + path[:path.index("/", path.index(self.tree))]
+        return tree
+
+    def groups(self):
+        """{group: (quota, processes)} of the tree, read from the kernel."""
+        found = {}
+        tree = self.tree_directory()
         for folder, _, _ in os.walk(tree) if tree else []:
             quota = (read(folder + "/cpu.cfs_quota_us") or read(folder + "/cpu.max").split(" ")[0]).strip()
             found[folder[len(tree):]] = (quota, len(read(folder + "/cgroup.procs").split()))
@@ -147,13 +159,18 @@ class Agent:
         return "/sys/fs/cgroup/" + controllers
 
     def in_force(self):
-        leaves = [value for group, value in self.groups().items() if group.count("/") == 2]
-        return sum(1 for quota, members in leaves if members and quota not in ("-1", "max", "")) == len(COMPONENTS) + 1
+        """Every process in its leaf, the limits written: a leaf of a group without a limit has none either."""
+        none = ("-1", "max", "")
+        groups = self.groups()
+        leaves = [(quota, members, groups[group[:group.rindex("/")]][0]) for group, (quota, members) in groups.items()
+                  if group.count("/") == 2]
+        placed = [leaf for leaf in leaves if leaf[1] and (leaf[0] not in none or leaf[2] in none)]
+        return len(placed) == self.components + 1 and groups.get("", ("", 0))[0] not in none
 
     def start(self, limit=60):
         log = open(os.path.join(os.path.dirname(self.app), "agent.log"), "w")
         began = time.monotonic()
-        self.process = subprocess.Popen([os.path.join(self.bin, "tervane"), "--app-dir", self.app, "--load", "idle"],
+        self.process = subprocess.Popen([os.path.join(self.bin, "tervane"), "--app-dir", self.app, "--load", self.load],
                                         stdout=log, stderr=log, stdin=subprocess.DEVNULL, start_new_session=True,
                                         env=self.environment)
         while not self.in_force():
