@@ -32,7 +32,7 @@ HostOptions Completed(HostOptions o) {
         if (path.empty()) path = standard;
     };
     fill(o.onlineConfigPath, o.appDir + zel::kOnlineConfigFileName);
-    fill(o.statisticsDbPath, o.appDir + "/data/" + name + ".stats.db");
+    fill(o.statisticsDbPath, o.isMain ? o.appDir + "/data/" + name + ".stats.db" : "-");
     fill(o.delivery.spoolPath, o.appDir + "/spool/" + name + ".db");
     fill(o.delivery.jsonLinesPath, o.appDir + "/log/" + name + ".events.jsonl");
     fill(o.metrics.listen, "unix:" + o.appDir + "/run/" + name + ".metrics.sock");

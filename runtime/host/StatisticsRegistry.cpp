@@ -9,6 +9,7 @@
 #include <ctime>
 #include <system_error>
 
+#include "base/Database.h"
 #include "base/FileIo.h"
 #include "base/FilePath.h"
 #include "base/MakeDirectories.h"
@@ -34,56 +35,94 @@ void Log(int level, int line, const std::string& text) {
 
 // --- history ---
 
-base::Status CStatisticsHistory::Open(const std::string& path) {
+base::Status CStatisticsHistory::Begin(const std::string& path) {
     m_path = path;
-    base::Status status = base::MakeDirectories(base::DirectoryOf(path));
-    if (!status) return base::SentenceError(status.GetError().Text(), status.GetError().kind);
-    status = OpenOnce();
-    if (!status && status.GetError().kind == base::ErrorKind::kMalformed) status = Replace(status.GetError());
+    m_rows.clear();
+    m_failed = false;
+    if (path.empty()) return {};
+    const base::Status made = base::MakeDirectories(base::DirectoryOf(path));
+    m_failed = !made;
+    return made ? made : base::SentenceError(made.GetError().Text(), made.GetError().kind);
+}
+
+void CStatisticsHistory::Add(int64_t wallTime, const std::map<std::string, std::string>& values) {
+    if (m_path.empty()) return;
+    Row row;
+    row.wallTime = wallTime;
+    Names names;
+    for (const auto& item : values) {
+        names.push_back(item.first);
+        row.values.append(item.second.c_str()).push_back('\0');
+    }
+    const bool same = !m_rows.empty() && *m_rows.back().names == names;
+    row.names = same ? m_rows.back().names : std::make_shared<const Names>(std::move(names));
+    row.values.shrink_to_fit();
+    m_rows.push_back(std::move(row));
+    if (m_rows.size() > 2 * kRowsPerWrite) m_rows.pop_front();
+}
+
+base::Status CStatisticsHistory::Write() {
+    if (m_path.empty() || m_rows.empty()) return {};
+    base::Status status = base::MakeDirectories(base::DirectoryOf(m_path));
+    if (status) {
+        status = WriteRows();
+    } else {
+        status = base::SentenceError(status.GetError().Text(), status.GetError().kind);
+    }
+    if (!status && status.GetError().kind == base::ErrorKind::kMalformed) {
+        status = Replace(status.GetError());
+        if (status) status = WriteRows();
+    }
+    m_failed = !status;
+    if (status) m_rows.clear();
     return status;
 }
 
-base::Status CStatisticsHistory::OpenOnce() {
-    base::DatabaseOptions options;
-    options.busyMs = 1000;
-    // Figures of the last minutes may be lost with the power; the file itself may not.
-    options.setUp =
-        "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
-        "CREATE TABLE IF NOT EXISTS history(id INTEGER PRIMARY KEY AUTOINCREMENT,"
-        " time INTEGER NOT NULL, figures TEXT NOT NULL);";
-    return m_database.Open(m_path, options);
-}
-
 base::Status CStatisticsHistory::Replace(const base::Error& why) {
-    m_database.Close();
     const std::string aside = m_path + ".corrupt";
     const base::Status moved = base::PutDatabaseAside(m_path, aside);
     if (!moved) return moved;
     Log(zel::kLogWarning, __LINE__,
         "the history of the statistics " + m_path + " is damaged (" + why.Reason() + "); put aside as " + aside);
-    return OpenOnce();
+    return {};
 }
 
-base::Status CStatisticsHistory::Append(int64_t wallTime, const std::map<std::string, std::string>& values) {
+std::string CStatisticsHistory::FiguresOf(const Row& row) {
     Json::Value root(Json::objectValue);
-    for (const auto& item : values) root[item.first] = item.second;
+    const char* value = row.values.c_str();
+    for (const std::string& name : *row.names) {
+        root[name] = value;
+        value += root[name].asString().size() + 1;
+    }
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
-    const std::string figures = Json::writeString(builder, root);
-    base::Status kept = AppendOnce(wallTime, figures);
-    if (kept || kept.GetError().kind != base::ErrorKind::kMalformed) return kept;
-    const base::Status replaced = Replace(kept.GetError());
-    return replaced ? AppendOnce(wallTime, figures) : replaced;
+    return Json::writeString(builder, root);
 }
 
-base::Status CStatisticsHistory::AppendOnce(int64_t wallTime, const std::string& figures) {
-    base::Statement insert(m_database, "INSERT INTO history(time, figures) VALUES(?1, ?2);");
-    base::Statement remove(m_database,
+base::Status CStatisticsHistory::WriteRows() {
+    base::Database database;
+    base::DatabaseOptions options;
+    options.busyMs = 1000;
+    // The last rows may be lost with the power; the file itself may not.
+    options.setUp =
+        "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
+        "CREATE TABLE IF NOT EXISTS history(id INTEGER PRIMARY KEY AUTOINCREMENT,"
+        " time INTEGER NOT NULL, figures TEXT NOT NULL);"
+        "BEGIN IMMEDIATE;";
+    base::Status opened = database.Open(m_path, options);
+    if (!opened) return opened;
+    base::Statement insert(database, "INSERT INTO history(time, figures) VALUES(?1, ?2);");
+    base::Statement remove(database,
                            "DELETE FROM history WHERE time < ?1 OR id <= (SELECT max(id) FROM history) - ?2;");
-    const bool kept = insert.Bind(1, wallTime) && insert.Bind(2, figures) && insert.Done() &&
-                      remove.Bind(1, wallTime - kKeptSeconds) && remove.Bind(2, kKeptRows) && remove.Done();
-    if (!kept) return m_database.LastError("write");
-    return {};
+    bool kept = insert.IsOk();
+    for (auto row = m_rows.begin(); kept && row != m_rows.end(); ++row) {
+        kept = insert.Bind(1, row->wallTime) && insert.Bind(2, FiguresOf(*row)) && insert.Done();
+        insert.Reset();
+    }
+    kept = kept && remove.Bind(1, m_rows.back().wallTime - kKeptSeconds) && remove.Bind(2, kKeptRows) &&
+           remove.Done() && database.Execute("COMMIT;");
+    // Closing without a commit takes back what there is of it.
+    return kept ? base::Status() : base::Status(database.LastError("write"));
 }
 
 // --- registry ---
@@ -127,7 +166,7 @@ base::Status CStatisticsRegistry::Start(unsigned int periodMs, unsigned int prov
         base::MutexLock collecting(m_collectLock);
         m_historyProblem.clear();
         m_historyPath = dbPath == "-" ? std::string() : dbPath;
-        OpenHistory();
+        NoteHistory(m_history.Begin(m_historyPath), "no history of the statistics, it is tried again");
         base::MutexLock lock(m_lock);
         m_periodMs = std::max(1u, periodMs);
         m_providerMs = std::max(1u, providerMs);
@@ -141,11 +180,6 @@ base::Status CStatisticsRegistry::Start(unsigned int periodMs, unsigned int prov
         return base::SentenceError(std::string("statistics: no thread: ") + e.what());
     }
     return {};
-}
-
-void CStatisticsRegistry::OpenHistory() {
-    if (m_historyPath.empty() || m_history.IsOpen()) return;
-    NoteHistory(m_history.Open(m_historyPath), "no history of the statistics, it is tried again");
 }
 
 void CStatisticsRegistry::NoteHistory(const base::Status& outcome, const char* failed) {
@@ -165,7 +199,7 @@ void CStatisticsRegistry::Stop() {
     }
     if (m_thread.joinable()) m_thread.join();
     base::MutexLock collecting(m_collectLock);
-    m_history.Close();
+    WriteHistory();
     base::MutexLock lock(m_lock);
     if (m_worker) {
         m_worker->quit = true;
@@ -311,10 +345,12 @@ void CStatisticsRegistry::LeaveWorkerBehind() {
 }
 
 void CStatisticsRegistry::Keep(const StatisticsSnapshot& snapshot) {
-    OpenHistory();
-    if (!m_history.IsOpen()) return;
-    NoteHistory(m_history.Append(snapshot.wallTime, snapshot.values),
-                "the history of the statistics cannot be written");
+    m_history.Add(snapshot.wallTime, snapshot.values);
+    if (m_history.IsDue()) WriteHistory();
+}
+
+void CStatisticsRegistry::WriteHistory() {
+    NoteHistory(m_history.Write(), "the history of the statistics cannot be written, it is tried again");
 }
 
 StatisticsSnapshot CStatisticsRegistry::Snapshot() {

@@ -2,13 +2,14 @@
 // Providers are entered on worker threads of the registry, one collection at a time.
 #pragma once
 
+#include <deque>
 #include <list>
 #include <map>
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
-#include "base/Database.h"
 #include "base/Mutex.h"
 #include "base/Result.h"
 #include "platform/host/HostRecords.h"
@@ -16,28 +17,42 @@
 
 namespace zelhost {
 
-/// A day of collected figures, one row each. Not thread-safe: the registry serialises.
+/// A day of collected figures, one row each. Rows wait in memory, an hour's at most, and are written together: at a
+/// rest of an hour, the disk sleeps. Not thread-safe: the registry serialises.
 class CStatisticsHistory {
 public:
-    /// Opens or creates the file. A file that is no sound database is put aside, here and by Append; the one that was
+    /// Where it is written, nothing when empty. Rows that wait are forgotten. Makes the directory, not the file.
+    base::Status Begin(const std::string& path);
+    void Add(int64_t wallTime, const std::map<std::string, std::string>& values);
+    /// Returns: whether so much waits, or failed, that it is to be written now.
+    bool IsDue() const { return m_rows.size() >= kRowsPerWrite || m_failed; }
+    /// Writes what waits. The file is open for just that. One that is no sound database is put aside; the one that was
     /// put aside before it goes.
-    base::Status Open(const std::string& path);
-    void Close() { m_database.Close(); }
-    bool IsOpen() const { return m_database.IsOpen(); }
-    base::Status Append(int64_t wallTime, const std::map<std::string, std::string>& values);
+    /// On failure: the rows go on waiting, the newest of them.
+    base::Status Write();
 
     static constexpr int64_t kKeptSeconds = 24 * 3600;
     /// Also bounds the file when the clock jumps: more rows than one a minute for a day are never kept.
     static constexpr int kKeptRows = 1500;
+    static constexpr size_t kRowsPerWrite = 60;
 
 private:
-    base::Status OpenOnce();
-    base::Status AppendOnce(int64_t wallTime, const std::string& figures);
+    using Names = std::vector<std::string>;
+    /// The values end with NUL each; the names are shared with the rows before that had the same.
+    struct Row {
+        int64_t wallTime = 0;
+        std::shared_ptr<const Names> names;
+        std::string values;
+    };
+
+    static std::string FiguresOf(const Row& row);
+    base::Status WriteRows();
     /// Begins anew after damage.
     base::Status Replace(const base::Error& why);
 
     std::string m_path;
-    base::Database m_database;
+    std::deque<Row> m_rows;
+    bool m_failed = false;
 };
 
 /// Thread-safety: every operation from any thread.
@@ -51,7 +66,7 @@ public:
     /// Blocks: until a call that is inside the provider has left it, unless called from within.
     void Unregister(IMtInfo* info);
 
-    /// Figures without a history are better than none: one that cannot be opened is logged, and tried again with every
+    /// Figures without a history are better than none: one that cannot be written is logged, and tried again with every
     /// collection.
     base::Status Start(unsigned int periodMs, unsigned int providerMs, const std::string& dbPath);
     void Stop();
@@ -83,7 +98,6 @@ private:
     void Run();
     std::shared_ptr<Worker> MakeWorker();
     void RunWorker(const std::shared_ptr<Worker>& worker);
-    void OpenHistory() ZEL_REQUIRES(m_collectLock);
     /// Says why once, until it works or fails in another way.
     void NoteHistory(const base::Status& outcome, const char* failed) ZEL_REQUIRES(m_collectLock);
     /// Enters the provider without the lock.
@@ -95,6 +109,7 @@ private:
     void LeaveWorkerBehind() ZEL_REQUIRES(m_lock);
     static void Merge(const Call& call, StatisticsSnapshot& snapshot);
     void Keep(const StatisticsSnapshot& snapshot) ZEL_REQUIRES(m_collectLock);
+    void WriteHistory() ZEL_REQUIRES(m_collectLock);
 
     base::Mutex m_collectLock;  // one collection at a time; taken before m_lock
     CStatisticsHistory m_history ZEL_GUARDED_BY(m_collectLock);

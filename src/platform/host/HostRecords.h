@@ -62,7 +62,8 @@ struct HostOptions {
     unsigned int onlinePollMs = 5000;  ///< fallback beside the directory watch
     unsigned int statisticsPeriodMs = 60000;
     unsigned int statisticsProviderMs = 5000;  ///< a provider that takes longer is left out of this collection
-    std::string statisticsDbPath;              ///< empty: <app dir>/data/<process>.stats.db; "-": no history
+    std::string statisticsDbPath;              ///< empty: <app dir>/data/<process>.stats.db in the main process,
+                                               ///< none in the others; "-": no history
     DeliveryOptions delivery;
     MetricsOptions metrics;
     SamplingOptions sampling;

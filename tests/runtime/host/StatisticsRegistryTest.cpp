@@ -2,8 +2,13 @@
 #include "StatisticsRegistry.h"
 
 #include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <random>
 #include <thread>
 
 #include "HostSupport.h"
@@ -66,6 +71,7 @@ TEST_F(StatisticsRegistryTest, CollectsEveryProviderFirstValueWins) {
     EXPECT_EQ(snapshot.values, (std::map<std::string, std::string>{{"a", "1"}, {"b", "2"}, {"both", "first"}}));
     EXPECT_EQ(snapshot.providers, 2u);
     EXPECT_EQ(snapshot.failedProviders, 0u);
+    registry().Stop();
     EXPECT_EQ(Rows().size(), 1u);
     EXPECT_EQ(Rows()[0].second, "{\"a\":\"1\",\"b\":\"2\",\"both\":\"first\"}");
 }
@@ -184,12 +190,14 @@ TEST_F(StatisticsRegistryTest, HugeFiguresAreBounded) {
 
 TEST_F(StatisticsRegistryTest, TheHistoryKeepsADay) {
     zelhost::CStatisticsHistory history;
-    ASSERT_TRUE(support::IsOk(history.Open(m_dir / "data/s.db")));
+    ASSERT_TRUE(support::IsOk(history.Begin(m_dir / "data/s.db")));
     constexpr int64_t kStart = 1700000000;
     for (int minute = 0; minute < 1600; ++minute) {
-        ASSERT_TRUE(support::IsOk(history.Append(kStart + minute * 60, {{"m", std::to_string(minute)}})));
+        history.Add(kStart + minute * 60, {{"m", std::to_string(minute)}});
+        if (!history.IsDue()) continue;
+        ASSERT_TRUE(support::IsOk(history.Write()));
     }
-    history.Close();
+    ASSERT_TRUE(support::IsOk(history.Write()));
     const auto rows = Rows();
     ASSERT_EQ(rows.size(), 1441u);
     EXPECT_EQ(rows.front().first, kStart + 159 * 60);
@@ -198,9 +206,12 @@ TEST_F(StatisticsRegistryTest, TheHistoryKeepsADay) {
 
 TEST_F(StatisticsRegistryTest, StandingClockDoesNotGrowTheHistory) {
     zelhost::CStatisticsHistory history;
-    ASSERT_TRUE(support::IsOk(history.Open(m_dir / "data/s.db")));
-    for (int i = 0; i < 1700; ++i) ASSERT_TRUE(support::IsOk(history.Append(1700000000, {})));
-    history.Close();
+    ASSERT_TRUE(support::IsOk(history.Begin(m_dir / "data/s.db")));
+    for (int i = 0; i < 1700; ++i) {
+        history.Add(1700000000, {});
+        if (i % 50 != 49) continue;
+        ASSERT_TRUE(support::IsOk(history.Write()));
+    }
     EXPECT_EQ(Rows().size(), 1500u);
 }
 
@@ -211,6 +222,7 @@ TEST_F(StatisticsRegistryTest, ADamagedHistoryIsPutAside) {
     Start();
     Provider provider(Figures{{"a", "1"}});
     registry().Collect();
+    registry().Stop();
     EXPECT_EQ(Rows().size(), 1u);
     EXPECT_THAT(support::NamesIn(m_dir / "data"), testing::Contains("s.db.corrupt"));
 }
@@ -224,10 +236,10 @@ TEST_F(StatisticsRegistryTest, CollectsFiguresWithoutAHistory) {
     EXPECT_EQ(registry().Snapshot().values.size(), 1u);
     registry().Collect();
     EXPECT_EQ(support::LogCount("3 no history of the statistics"), 1u);
+    EXPECT_EQ(support::LogCount("cannot be written, it is tried again"), 0u) << "the same reason is told once";
     unlink((m_dir / "data").c_str());
     registry().Collect();
-    registry().Collect();
-    EXPECT_EQ(Rows().size(), 2u) << "it begins when it can";
+    EXPECT_EQ(Rows().size(), 3u) << "it begins when it can";
     EXPECT_EQ(support::LogCount("is written again"), 1u);
 }
 
@@ -235,17 +247,76 @@ TEST_F(StatisticsRegistryTest, DamageBelowTheHeaderCostsOldRowsOnly) {
     constexpr size_t kPage = 4096;
     support::TakeLog();
     zelhost::CStatisticsHistory history;
-    ASSERT_TRUE(support::IsOk(history.Open(m_dir / "data/s.db")));
-    for (int i = 0; i < 20; ++i) ASSERT_TRUE(support::IsOk(history.Append(1700000000, {{"a", "old"}})));
-    history.Close();
+    ASSERT_TRUE(support::IsOk(history.Begin(m_dir / "data/s.db")));
+    for (int i = 0; i < 20; ++i) history.Add(1700000000, {{"a", "old"}});
+    ASSERT_TRUE(support::IsOk(history.Write()));
     const std::string sound = support::ReadText(m_dir / "data/s.db");
     ASSERT_GT(sound.size(), kPage);
     support::WriteText(m_dir / "data/s.db", sound.substr(0, kPage) + std::string(sound.size() - kPage, '\x7f'));
-    ASSERT_TRUE(support::IsOk(history.Open(m_dir / "data/s.db"))) << "the damage shows later";
-    EXPECT_TRUE(support::IsOk(history.Append(1700000060, {{"a", "new"}})));
-    history.Close();
+    history.Add(1700000060, {{"a", "new"}});
+    EXPECT_TRUE(support::IsOk(history.Write()));
     ASSERT_EQ(Rows().size(), 1u);
     EXPECT_EQ(Rows()[0].second, "{\"a\":\"new\"}");
     EXPECT_TRUE(support::LogHolds("3 the history of the statistics " + (m_dir / "data/s.db") + " is damaged"));
     EXPECT_TRUE(support::Exists(m_dir / "data/s.db.corrupt"));
+}
+
+TEST_F(StatisticsRegistryTest, AnHourOfFiguresIsWrittenAtOnce) {
+    Start();
+    Provider provider(Figures{{"a", "one"}, {"b", std::string("x\0y", 3)}, {"c", ""}});
+    for (size_t i = 1; i < zelhost::CStatisticsHistory::kRowsPerWrite; ++i) registry().Collect();
+    EXPECT_TRUE(support::NamesIn(m_dir / "data").empty()) << "nothing is written, nothing is opened";
+    registry().Collect();
+    EXPECT_EQ(support::NamesIn(m_dir / "data"), Lines{"s.db"}) << "and it is closed again";
+    ASSERT_EQ(Rows().size(), 60u);
+    EXPECT_EQ(Rows().back().second, "{\"a\":\"one\",\"b\":\"x\",\"c\":\"\"}");
+    registry().Collect();
+    EXPECT_EQ(Rows().size(), 60u);
+    registry().Stop();
+    EXPECT_EQ(Rows().size(), 61u) << "the stop writes the rest";
+}
+
+TEST_F(StatisticsRegistryTest, RowsThatCannotBeWrittenAreBounded) {
+    zelhost::CStatisticsHistory history;
+    ASSERT_TRUE(support::IsOk(history.Begin(m_dir / "data/s.db")));
+    support::WriteText(m_dir / "data/s.db/in the way", "");
+    for (int i = 0; i < 500; ++i) {
+        history.Add(1700000000 + i, {{"i", std::to_string(i)}});
+        EXPECT_FALSE(history.IsDue() && history.Write());
+    }
+    std::filesystem::remove_all(m_dir / "data/s.db");
+    ASSERT_TRUE(support::IsOk(history.Write()));
+    ASSERT_EQ(Rows().size(), 2 * zelhost::CStatisticsHistory::kRowsPerWrite);
+    EXPECT_EQ(Rows().back().second, "{\"i\":\"499\"}");
+}
+
+TEST_F(StatisticsRegistryTest, AKilledWriterLeavesASoundHistory) {
+    std::mt19937 random(4711);
+    for (int round = 0; round < 40; ++round) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            zelhost::CStatisticsHistory history;
+            if (!history.Begin(m_dir / "data/s.db")) _exit(1);
+            for (int64_t i = 0;; ++i) {
+                history.Add(1700000000 + i, {{"i", std::to_string(i)}});
+                if (history.IsDue() && !history.Write()) _exit(2);
+            }
+        }
+        usleep(static_cast<useconds_t>(random() % 20000));
+        kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSIGNALED(status)) << "exit " << WEXITSTATUS(status) << " in round " << round;
+    }
+    support::TakeLog();
+    zelhost::CStatisticsHistory history;
+    ASSERT_TRUE(support::IsOk(history.Begin(m_dir / "data/s.db")));
+    history.Add(1700000000, {{"a", "last"}});
+    ASSERT_TRUE(support::IsOk(history.Write()));
+    EXPECT_EQ(support::LogCount("is damaged"), 0u);
+    const auto rows = Rows();
+    ASSERT_GT(rows.size(), 60u);
+    EXPECT_EQ((rows[rows.size() - 2].first + 1 - 1700000000) % 60, 0) << "what is written is written whole";
+    EXPECT_EQ(rows.back().second, "{\"a\":\"last\"}");
 }
