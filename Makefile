@@ -4,6 +4,7 @@
 #   make test-all            the same, and the tests that take long: every row under a real service manager, many rounds
 #   make sanitize            the same tests under the address, undefined and thread sanitizers (sanitize-module: a part)
 #   make lint [ALL=1]        clang-tidy on what has changed, or on everything
+#   make mutate [SUITE=module] [ARGS=]  small faults planted in the sources: which of them does no test notice?
 #   make bench               build and measure every figure of docs/PERFORMANCE.md, beside a floor and peers
 #   make bench-peers         the same, after installing the peers from Debian without starting their services
 #   make bench-scale         what one more group, component, thread, descriptor and event costs, as a plot in docs/
@@ -11,10 +12,12 @@
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 FOR ?=
+SUITE ?= module
+ARGS ?=
 ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel AllFuzzers RuntimeBaseTests
 TSAN_QUICK = UnitCore UnitLimits RuntimeBaseTests RuntimeUtilTests RuntimeIpcTests
 
-.PHONY: all run test test-all lint sanitize sanitize-module bench bench-peers bench-scale fuzz install clean deps deps-build
+.PHONY: all run test test-all lint sanitize sanitize-module mutate mutate-sample bench bench-peers bench-scale fuzz install clean deps deps-build
 
 all: deps
 	cmake --preset dev
@@ -62,6 +65,15 @@ sanitize-module: deps
 	cmake --preset tsan
 	cmake --build --preset tsan -j $(JOBS) --target $(TSAN_QUICK)
 	scripts/run-tests tsan -L "unit|runtime" -E "NOT_BUILT|UnitUnifiedModel|LongRun"
+
+mutate: deps
+	cmake --preset dev
+	scripts/mutate --build build/dev --suite $(SUITE) --jobs $(JOBS) $(ARGS)
+
+# Sixty faults drawn by the commit. The bound stands well below what a full run gives, see docs/TESTING.md.
+mutate-sample: deps
+	cmake --preset dev
+	scripts/mutate --build build/dev --jobs $(JOBS) --sample 60 --seed "$$(git rev-parse HEAD)" --least 70
 
 fuzz: deps
 	cmake --preset fuzz
