@@ -10,33 +10,68 @@
 
 namespace {
 
-/// Runs each body over and over in a thread of its own until the last one of `rounds` is done.
+/// Runs each body over and over in a thread of its own until every one of them has done its `rounds`, so that a short
+/// body still meets the last round of the longest.
 void RunTogether(int rounds, const std::vector<std::function<void(int)>>& bodies) {
     std::atomic<size_t> ready{0};
+    std::atomic<size_t> unfinished{bodies.size()};
     std::vector<std::thread> threads;
     for (const auto& body : bodies) {
         threads.emplace_back([&, body] {
             ++ready;
             while (ready < bodies.size()) std::this_thread::yield();
-            for (int round = 0; round < rounds; ++round) body(round);
+            for (int round = 0; round < rounds || unfinished > 0; ++round) {
+                body(round);
+                if (round + 1 == rounds) --unfinished;
+            }
         });
     }
     for (std::thread& thread : threads) thread.join();
 }
 
-class Point final : public IMonitorInfo {
+/// Counts who is inside of it, and lets others run meanwhile: when the facade has let go of an object, nobody is.
+class Visited {
 public:
-    std::string GetMonitorMessage() override { return "here"; }
+    bool IsVisited() const { return m_inside != 0; }
+
+protected:
+    void Visit() {
+        ++m_inside;
+        std::this_thread::yield();
+        --m_inside;
+    }
+
+private:
+    std::atomic<int> m_inside{0};
 };
 
-class SysIntfDouble final : public CSysIntf {
+class Point final : public IMonitorInfo, public Visited {
+public:
+    explicit Point(std::string message) : m_message(std::move(message)) {}
+    std::string GetMonitorMessage() override {
+        Visit();
+        return m_message;
+    }
+
+private:
+    const std::string m_message;
+};
+
+class SysIntfDouble final : public CSysIntf, public Visited {
 public:
     void GetHighCpuUsageThread(long& tid, unsigned int& usage) override {
+        Visit();
         tid = 5;
         usage = 50;
     }
-    void GetThreadsCpuUsage(std::list<CSysThreadsCpuUsage>& list) override { list.emplace_back(); }
-    unsigned long GetCurrThreadId() override { return 9; }
+    void GetThreadsCpuUsage(std::list<CSysThreadsCpuUsage>& list) override {
+        Visit();
+        list.emplace_back();
+    }
+    unsigned long GetCurrThreadId() override {
+        Visit();
+        return 9;
+    }
 };
 
 constexpr int kRounds = 300;
@@ -127,30 +162,45 @@ TEST_F(ThreadsTest, EnterTheFacadeTogether) {
     m_pri.reset();
     CMonitor monitor;
     SysIntfDouble sysIntf;
-    Point kept, passing;
+    Point kept("here"), passing("passing"), other("other");
     monitor.AddMonitorPoint(&kept);
     std::atomic<int> wrong{0};
-    RunTogether(kRounds, {
-                             [&](int) {
-                                 std::string report;
-                                 unsigned int highTid = 7;
-                                 monitor.GetThreadsInfo(report, &highTid);
-                                 if (highTid != 0 || report.find("here\n") == std::string::npos) ++wrong;
-                             },
-                             [&](int) {
-                                 monitor.AddMonitorPoint(&passing);
-                                 monitor.RemoveMonitorPoint(&passing);
-                             },
-                             [&](int round) { monitor.SetSysIntf(round % 2 == 0 ? &sysIntf : nullptr); },
-                             [&](int) {
-                                 const unsigned long id = monitor.GetCurrThreadId();
-                                 if (id != 0 && id != 9) ++wrong;
-                                 std::string name;
-                                 long tid = 1;
-                                 unsigned int usage = 1;
-                                 monitor.GetHighCpuUsageThreadName(name, tid, usage);
-                                 if (!(tid == 0 && usage == 0) && !(tid == 5 && usage == 50)) ++wrong;
-                             },
-                         });
+    const auto comeAndGo = [&](Point& point) {
+        monitor.AddMonitorPoint(&point);
+        monitor.RemoveMonitorPoint(&point);
+        if (point.IsVisited()) ++wrong;
+    };
+    RunTogether(kRounds / 6, {
+                                 [&](int) {
+                                     std::string report;
+                                     unsigned int highTid = 7;
+                                     monitor.GetThreadsInfo(report, &highTid);
+                                     if (highTid != 0 || report.find("here\n") == std::string::npos) ++wrong;
+                                 },
+                                 [&](int) { comeAndGo(passing); },
+                                 [&](int) { comeAndGo(other); },
+                                 [&](int) {
+                                     monitor.SetSysIntf(&sysIntf);
+                                     monitor.SetSysIntf(nullptr);
+                                     if (sysIntf.IsVisited()) ++wrong;
+                                 },
+                                 [&](int) {
+                                     const unsigned long id = monitor.GetCurrThreadId();
+                                     if (id != 0 && id != 9) ++wrong;
+                                     std::string name;
+                                     long tid = 1;
+                                     unsigned int usage = 1;
+                                     monitor.GetHighCpuUsageThreadName(name, tid, usage);
+                                     if (!(tid == 0 && usage == 0) && !(tid == 5 && usage == 50)) ++wrong;
+                                 },
+                             });
     EXPECT_EQ(0, wrong);
+    // All that came has gone, and what stayed is there once.
+    std::string report;
+    monitor.GetThreadsInfo(report, nullptr);
+    const std::string messages = "here\n";
+    ASSERT_GE(report.size(), messages.size());
+    EXPECT_EQ(report.size() - messages.size(), report.find("here\n")) << report;
+    EXPECT_EQ(std::string::npos, report.find("passing")) << report;
+    EXPECT_EQ(std::string::npos, report.find("other")) << report;
 }
