@@ -72,14 +72,18 @@ void CWatchedProcesses::TakeNewSet() {
     m_next = 0;
 }
 
-int64_t CWatchedProcesses::JudgeCpu(Entry& entry, int64_t cpu, int64_t maxCpu100Times) {
-    if (entry.commonMaxCpu != maxCpu100Times) entry.ownCpuLimit = 0;
-    entry.commonMaxCpu = maxCpu100Times;
+void CWatchedProcesses::AskOwnLimit(Entry& entry, int64_t nowNs) {
+    entry.ownCpuLimit = m_ownCpuLimit(entry.pid);
+    entry.askedNs = nowNs;
+    m_asked = true;
+}
+
+int64_t CWatchedProcesses::JudgeCpu(Entry& entry, int64_t nowNs, int64_t cpu, int64_t maxCpu100Times) {
     const int before = entry.cpuLevel;
     int64_t limit = entry.ownCpuLimit > 0 ? entry.ownCpuLimit : maxCpu100Times;
     entry.cpuLevel = NextLevel(before, cpu, limit);
     if (entry.cpuLevel != 2 || before == 2) return 0;
-    entry.ownCpuLimit = m_ownCpuLimit(entry.pid);
+    AskOwnLimit(entry, nowNs);
     limit = entry.ownCpuLimit > 0 ? entry.ownCpuLimit : maxCpu100Times;
     entry.cpuLevel = NextLevel(before, cpu, limit);
     return entry.cpuLevel == 2 ? limit : 0;
@@ -97,10 +101,15 @@ void CWatchedProcesses::Look(Entry& entry, int64_t nowNs, int64_t maxCpu100Times
         events.push_back({WatchedEvent::kEnded, entry.pid, entry.name, 0, 0});
         return;
     }
+    const bool isDue = entry.askedNs == 0 || nowNs - entry.askedNs >= kAskAgainNs;
+    if (!m_asked && (isDue || entry.commonMaxCpu != maxCpu100Times)) {
+        AskOwnLimit(entry, nowNs);
+        entry.commonMaxCpu = maxCpu100Times;
+    }
     const uint64_t ticks = stat->userTicks + stat->systemTicks;
     if (entry.lastNs != 0) {
         const int64_t cpu = Cpu100Times(static_cast<int64_t>(ticks - entry.lastTicks) * TickNs(), nowNs - entry.lastNs);
-        const int64_t limit = JudgeCpu(entry, cpu, maxCpu100Times);
+        const int64_t limit = JudgeCpu(entry, nowNs, cpu, maxCpu100Times);
         if (limit > 0) events.push_back({WatchedEvent::kCpuHigh, entry.pid, entry.name, cpu, limit});
     }
     const int64_t memKb = stat->residentPages * pageKb;
@@ -116,6 +125,7 @@ void CWatchedProcesses::Look(Entry& entry, int64_t nowNs, int64_t maxCpu100Times
 void CWatchedProcesses::Round(int64_t nowNs, int64_t maxCpu100Times, int64_t maxMemKb,
                               std::vector<WatchedEvent>& events) {
     TakeNewSet();
+    m_asked = false;
     const size_t looks = std::min(kPerRound, m_entries.size());
     for (size_t i = 0; i < looks; ++i) {
         Look(m_entries[m_next], nowNs, maxCpu100Times, maxMemKb, events);

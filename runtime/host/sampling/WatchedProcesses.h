@@ -30,7 +30,8 @@ int64_t ReadOwnCpuLimit(unsigned int pid);
 /// Thread-safety: Set and SetMost from any thread, the rest from the sampling thread.
 class CWatchedProcesses {
 public:
-    /// `ownCpuLimit` is asked when a process seems to be at its maximum, and not in a steady round.
+    /// `ownCpuLimit` is asked at the first look at a process, once more when it seems to be at its maximum, and each
+    /// kAskAgainNs: of one process at most in a round, and of none in a steady one.
     explicit CWatchedProcesses(std::function<int64_t(unsigned int pid)> ownCpuLimit = ReadOwnCpuLimit)
         : m_ownCpuLimit(std::move(ownCpuLimit)) {}
 
@@ -49,6 +50,8 @@ public:
     void Clear();
 
     static constexpr size_t kPerRound = 4;
+    /// Another may have changed the limit. Asking opens a dozen files.
+    static constexpr int64_t kAskAgainNs = 300LL * 1000 * 1000 * 1000;
 
 private:
     struct Entry {
@@ -60,13 +63,15 @@ private:
         uint64_t lastTicks = 0;
         int cpuLevel = 0;
         int64_t ownCpuLimit = 0;   // when it was asked for last
+        int64_t askedNs = 0;       // 0: not yet
         int64_t commonMaxCpu = 0;  // that held then: with another, the configuration has changed
         int memLevel = 0;
         bool ended = false;
     };
     void TakeNewSet();
+    void AskOwnLimit(Entry& entry, int64_t nowNs);
     /// Returns: the event's limit; 0: its CPU use is no event.
-    int64_t JudgeCpu(Entry& entry, int64_t cpu, int64_t maxCpu100Times);
+    int64_t JudgeCpu(Entry& entry, int64_t nowNs, int64_t cpu, int64_t maxCpu100Times);
     void Look(Entry& entry, int64_t nowNs, int64_t maxCpu100Times, int64_t maxMemKb, std::vector<WatchedEvent>& events);
 
     const std::function<int64_t(unsigned int pid)> m_ownCpuLimit;
@@ -76,6 +81,7 @@ private:
     std::map<unsigned int, std::string> m_wanted ZEL_GUARDED_BY(m_lock);
     std::vector<Entry> m_entries;  // of the sampling thread
     size_t m_next = 0;
+    bool m_asked = false;  // in this round
 };
 
 }  // namespace zelhost

@@ -29,7 +29,7 @@ protected:
         waitpid(pid, nullptr, 0);
     }
     /// Two rounds with some CPU time of the child between them.
-    std::vector<WatchedEvent> EventsWith(int64_t ownLimit) {
+    std::vector<WatchedEvent> EventsWith(int64_t ownLimit, int64_t commonMax = kCommonMax) {
         CWatchedProcesses watched([&](unsigned int asked) {
             EXPECT_EQ(static_cast<unsigned int>(pid), asked);
             ++questions;
@@ -38,7 +38,7 @@ protected:
         watched.Set({{static_cast<unsigned int>(pid), "busy"}});
         std::vector<WatchedEvent> events;
         for (int64_t round = 1; round <= 4; ++round) {
-            watched.Round(round * kSecondNs, kCommonMax, 0, events);
+            watched.Round(round * kSecondNs, commonMax, 0, events);
             std::this_thread::sleep_for(std::chrono::milliseconds(300));
         }
         return events;
@@ -63,6 +63,34 @@ TEST_F(WatchedProcessesTest, OneWithoutALimitIsJudgedByTheCommon) {
     const std::vector<WatchedEvent> events = EventsWith(0);
     ASSERT_EQ(1u, events.size());
     EXPECT_EQ(kCommonMax, events[0].limit);
+}
+
+TEST_F(WatchedProcessesTest, ALimitBelowTheCommonIsHeeded) {
+    const std::vector<WatchedEvent> events = EventsWith(50, 100000);
+    ASSERT_EQ(1u, events.size());
+    EXPECT_EQ(50, events[0].limit);
+}
+
+TEST_F(WatchedProcessesTest, ALimitThatWasChangedIsHeededInTime) {
+    int64_t ownLimit = 100000;
+    CWatchedProcesses watched([&](unsigned int) {
+        ++questions;
+        return ownLimit;
+    });
+    watched.Set({{static_cast<unsigned int>(pid), "busy"}});
+    std::vector<WatchedEvent> events;
+    const auto round = [&](int64_t nowNs) {
+        watched.Round(nowNs, kCommonMax, 0, events);
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    };
+    for (int64_t second = 1; second <= 4; ++second) round(second * kSecondNs);
+    EXPECT_TRUE(events.empty());
+    EXPECT_EQ(1, questions) << "in a steady round nothing is opened";
+    ownLimit = 50;
+    const int64_t later = 5 * kSecondNs + CWatchedProcesses::kAskAgainNs;
+    for (int64_t second = 0; second <= 2; ++second) round(later + second * kSecondNs);
+    ASSERT_EQ(1u, events.size());
+    EXPECT_EQ(50, events[0].limit);
 }
 
 }  // namespace
