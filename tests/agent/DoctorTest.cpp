@@ -144,6 +144,12 @@ TEST_F(DoctorFilesTest, TheAgentsOwnConfigurationIsJudgedToo) {
     EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path(), kNow)));
     EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)), HasSubstr(path + " is not used: somebody else could have"));
     ASSERT_EQ(0, chmod(path.c_str(), 0640));
+    const std::string authorities = dir / "ca.pem";
+    ASSERT_TRUE(support::WriteText(authorities, "x"));
+    ASSERT_TRUE(support::WriteText(path, R"({"http":{"url":"https://h/","ca_file":")" + authorities + R"("}})"));
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow))) << TextOf(JudgeFiles(dir.Path(), kNow));
+    ASSERT_EQ(0, chmod(authorities.c_str(), 0666));
+    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)), HasSubstr(authorities + " is not used: somebody else could"));
     ASSERT_TRUE(support::WriteText(path, R"({"sylog":true})"));
     EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path(), kNow)));
     EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)), HasSubstr("not taken over: " + path + ": sylog: unknown key"));

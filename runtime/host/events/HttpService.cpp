@@ -8,6 +8,7 @@
 #include <chrono>
 #include <thread>
 
+#include "base/TrustedRead.h"
 #include "platform/zel/LogMessage.h"
 
 IHttp* GetHttpInstance() {
@@ -19,6 +20,7 @@ namespace {
 
 constexpr unsigned int kRetryPauseMs = 200;
 constexpr long kMostAnswerBytes = 64 * 1024;
+constexpr size_t kMostAuthorityBytes = 4 * 1024 * 1024;  // a system's store has a quarter of one
 
 /// The functions of libcurl that are used; null when the library is not installed.
 struct Curl {
@@ -81,13 +83,26 @@ int AskToGoOn(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
     return IsStopped(*static_cast<const HttpRequest*>(user)) ? 1 : 0;
 }
 
-/// One request that is being made; `request` must outlive it.
+/// The text of the authorities that the request names, judged each time: whoever can write that file can pose as the
+/// peer. Returns: an empty one where the system's store counts, or nobody's word is asked for.
+base::Result<std::string> ReadAuthorities(const HttpRequest& request) {
+    if (request.caFile.empty() || !request.verifyTls) return std::string();
+    base::Result<std::string> text =
+        base::ReadTrusted(request.caFile, kMostAuthorityBytes, base::TrustScope::kWithPlace);
+    if (text && !text->empty()) return text;
+    const std::string reason = text ? "it is empty" : base::ReasonOf(text.GetError(), request.caFile);
+    return base::SentenceError("the authorities of " + request.caFile + " are not used: " + reason);
+}
+
+/// One request that is being made; `request` and `authorities` must outlive it.
 class CurlPost {
 public:
-    CurlPost(const Curl& curl, const HttpRequest& request) : m_curl(curl), m_handle(curl.easyInit()) {
+    CurlPost(const Curl& curl, const HttpRequest& request, const std::string& authorities)
+        : m_curl(curl), m_handle(curl.easyInit()) {
         if (m_handle == nullptr) return;
         SetContent(request);
         SetBounds(request);
+        SetAuthorities(authorities);
     }
     ~CurlPost() {
         if (m_headers != nullptr) m_curl.freeAll(m_headers);
@@ -98,6 +113,7 @@ public:
 
     base::Status Perform(long& status) {
         if (m_handle == nullptr) return base::SentenceError("libcurl gives no handle");
+        if (!m_usable) return m_usable;
         const CURLcode code = m_curl.perform(m_handle);
         m_curl.getinfo(m_handle, CURLINFO_RESPONSE_CODE, &status);
         if (code != CURLE_OK) return base::SentenceError(m_error[0] != '\0' ? m_error : m_curl.strerror(code));
@@ -125,7 +141,6 @@ private:
         m_curl.setopt(m_handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.timeoutMs));
         m_curl.setopt(m_handle, CURLOPT_SSL_VERIFYPEER, verify);
         m_curl.setopt(m_handle, CURLOPT_SSL_VERIFYHOST, verify * 2);
-        if (!request.caFile.empty()) m_curl.setopt(m_handle, CURLOPT_CAINFO, request.caFile.c_str());
         m_curl.setopt(m_handle, CURLOPT_ERRORBUFFER, m_error);
         m_curl.setopt(m_handle, CURLOPT_NOPROGRESS, 0L);
         m_curl.setopt(m_handle, CURLOPT_XFERINFOFUNCTION, AskToGoOn);
@@ -134,8 +149,22 @@ private:
         m_curl.setopt(m_handle, CURLOPT_WRITEDATA, &m_answered);
     }
 
+    // By its text: what was judged is what is used.
+    void SetAuthorities(const std::string& text) {
+        if (text.empty()) return;
+        curl_blob blob{};
+        blob.data = const_cast<char*>(text.data());  // which is only read
+        blob.len = text.size();
+        blob.flags = CURL_BLOB_NOCOPY;
+        const CURLcode code = m_curl.setopt(m_handle, CURLOPT_CAINFO_BLOB, &blob);
+        if (code == CURLE_OK) return;
+        m_usable =
+            base::SentenceError(std::string("libcurl takes no authorities of one's own: ") + m_curl.strerror(code));
+    }
+
     const Curl& m_curl;
     CURL* const m_handle;
+    base::Status m_usable;
     curl_slist* m_headers = nullptr;
     char m_error[CURL_ERROR_SIZE] = "";
     long m_answered = 0;
@@ -145,7 +174,9 @@ base::Status PostOnce(const HttpRequest& request, long& status) {
     status = 0;
     const Curl& curl = LoadedCurl();
     if (!curl.usable) return curl.usable;
-    return CurlPost(curl, request).Perform(status);
+    const base::Result<std::string> authorities = ReadAuthorities(request);
+    if (!authorities) return authorities.GetError();
+    return CurlPost(curl, request, *authorities).Perform(status);
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ struct HttpRequest {
     std::string body;
     std::string contentType = "application/json";
     std::vector<std::string> headers;  ///< "Name: value"
-    std::string caFile;                ///< empty: the system's store
+    std::string caFile;                ///< empty: the system's store; used when only root or this user can write it
     bool verifyTls = true;
     unsigned int timeoutMs = 5000;            ///< of one attempt, connecting included
     unsigned int attempts = 1;                ///< at most; further ones are taken from the retry budget

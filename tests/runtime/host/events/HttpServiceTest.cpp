@@ -131,6 +131,10 @@ TEST(HttpServiceTest, ACertificateThatNobodySignedIsNotAccepted) {
     request.caFile = dir / "cert.pem";
     result = CHttpService::Instance().Post(request);
     EXPECT_TRUE(talked()) << "with the right authority it talks: " << error();
+    ASSERT_EQ(chmod(request.caFile.c_str(), 0666), 0);
+    result = CHttpService::Instance().Post(request);
+    EXPECT_FALSE(talked()) << "somebody else could have put his own there";
+    EXPECT_THAT(error(), testing::HasSubstr(request.caFile + " are not used: writable by everybody, mode 0666"));
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
 }
