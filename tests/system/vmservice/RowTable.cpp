@@ -5,6 +5,7 @@
 #include <string>
 
 #include "ServiceGuest.h"
+#include "support/RunTests.h"
 
 namespace {
 
@@ -27,5 +28,5 @@ class RowTable final : public testing::EmptyTestEventListener {
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     testing::UnitTest::GetInstance()->listeners().Append(new RowTable);
-    return RUN_ALL_TESTS();
+    return support::RunTests();
 }
