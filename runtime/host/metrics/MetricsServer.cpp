@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
 #include <utility>
 
 #include "base/FileIo.h"
@@ -21,6 +22,7 @@ constexpr char kLocalPrefix[] = "unix:";
 constexpr mode_t kTextFileMode = 0644;
 /// The second one is for a scrape while a source of metrics hangs.
 constexpr size_t kWorkers = 2;
+constexpr size_t kMostTextFilesLeft = 16;
 
 bool IsLocal(const std::string& listen) {
     return listen.compare(0, sizeof kLocalPrefix - 1, kLocalPrefix) == 0;
@@ -169,7 +171,25 @@ void CMetricsServer::EndTextFile() {
         wanted = m_textFile;
     }
     const bool soon = std::exchange(m_textFileSoon, false);
-    if (soon || !wanted.path.empty()) ScheduleTextFile(soon ? std::chrono::milliseconds(0) : wanted.period);
+    if (soon || !wanted.path.empty())
+        ScheduleTextFile(soon ? std::chrono::milliseconds(0) : wanted.period);
+    else if (!m_textFilesLeft.empty())
+        ScheduleTextFile(kTryAgainAfter);
+}
+
+// A collector would go on with figures that nobody renews.
+base::Status CMetricsServer::RemoveTextFiles(const std::string& wanted) {
+    if (!m_textFileWritten.empty() && m_textFileWritten != wanted && m_textFilesLeft.size() < kMostTextFilesLeft) {
+        m_textFilesLeft.insert(std::exchange(m_textFileWritten, ""));
+    }
+    m_textFilesLeft.erase(wanted);
+    base::Status done;
+    for (auto left = m_textFilesLeft.begin(); left != m_textFilesLeft.end();) {
+        const base::Status removed = base::RemoveReplaced(*left);
+        if (!removed) done = removed;
+        left = removed ? m_textFilesLeft.erase(left) : std::next(left);
+    }
+    return done;
 }
 
 void CMetricsServer::WriteTextFile() {
@@ -180,12 +200,7 @@ void CMetricsServer::WriteTextFile() {
     }
     std::string reason;
     try {
-        base::Status done;
-        if (!m_textFileWritten.empty() && m_textFileWritten != path) {
-            // A collector would go on with figures that nobody renews.
-            done = base::RemoveReplaced(m_textFileWritten);
-            m_textFileWritten.clear();
-        }
+        base::Status done = RemoveTextFiles(path);
         if (!path.empty()) {
             const base::Status written =
                 base::ReplaceFile(path, m_text.Get(), kTextFileMode, base::Durability::kRenewed);

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "base/IoLoop.h"
@@ -61,6 +62,7 @@ private:
     void BeginTextFile();
     void EndTextFile();
     void WriteTextFile();
+    base::Status RemoveTextFiles(const std::string& wanted);
 
     struct TextFile {
         std::string path;
@@ -81,6 +83,7 @@ private:
     // Of the job that writes the file, one at a time.
     std::string m_textFileError;
     std::string m_textFileWritten;
+    std::set<std::string> m_textFilesLeft;  // earlier ones that are still to be taken away
     // In the order of their making; each ends before those above it.
     std::shared_ptr<base::IoLoop> m_loop;  // the process's
     std::unique_ptr<base::WorkQueue> m_fileQueue;

@@ -278,6 +278,25 @@ TEST(MetricsServerTest, TheTextFileIsAnotherOneFromNowOn) {
     EXPECT_TRUE(has({"last.prom"}));
 }
 
+TEST(MetricsServerTest, ATextFileThatCannotBeRemovedGoesLater) {
+    support::TempDir dir;
+    CMetricsServer server(On("127.0.0.1:0"), [] { return "m 1\n"; });
+    ASSERT_TRUE(support::IsOk(server.Start()));
+    ASSERT_EQ(mkdir((dir / "sub").c_str(), 0750), 0);
+    server.SetTextFile(dir / "sub/a.prom", 100);
+    ASSERT_TRUE(support::Eventually([&] { return support::Exists(dir / "sub/a.prom"); }));
+    // Its directory cannot be reached for a while.
+    ASSERT_EQ(rename((dir / "sub").c_str(), (dir / "away").c_str()), 0);
+    ASSERT_TRUE(support::WriteText(dir / "sub", "in its place"));
+    server.SetTextFile(dir / "b.prom", 100);
+    ASSERT_TRUE(support::Eventually([&] { return support::Exists(dir / "b.prom"); }));
+    server.SetTextFile("", 100);
+    ASSERT_TRUE(support::Eventually([&] { return !support::Exists(dir / "b.prom"); }));
+    ASSERT_EQ(unlink((dir / "sub").c_str()), 0);
+    ASSERT_EQ(rename((dir / "away").c_str(), (dir / "sub").c_str()), 0);
+    EXPECT_TRUE(support::Eventually([&] { return !support::Exists(dir / "sub/a.prom"); }));
+}
+
 TEST(KeptTextTest, IsMadeAgainWhenItIsOldAndAFailureIsKeptToo) {
     KeptText::Clock::time_point now;
     int made = 0;
