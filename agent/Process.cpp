@@ -32,6 +32,7 @@
 #include "platform/zel/FileUtil.h"
 #include "platform/zel/IpcBroadcast.h"
 #include "platform/zel/LogControl.h"
+#include "platform/zel/ProcessUtil.h"
 #include "platform/zel/ResourceLimitUtil.h"
 #include "platform/zel/ToolUtil.h"
 
@@ -43,6 +44,7 @@ constexpr int64_t kLimitRetrySeconds = 1;
 constexpr int64_t kLookSeconds = 5;  // of the main process at all, and of any at limits that nobody else keeps
 static_assert(kLookSeconds < kBlindSeconds && kBlindSeconds + kBeatSeconds < kHungSeconds);
 constexpr long kOutputLookNs = 250L * 1000 * 1000;  // a program that writes fills its pipe between two looks
+constexpr int64_t kTidySeconds = 5;                 // after a start or a change, at the next look
 constexpr int kGoOn = -1;
 /// The main process looks after the component file every few seconds.
 constexpr int kFileWaitMs = 30000;
@@ -412,6 +414,7 @@ int Process::Loop() {
     int64_t second = SecondsSinceBoot();
     if (m_options.forSeconds != 0) m_endAt = second + static_cast<int64_t>(m_options.forSeconds);
     m_nextLimitCheck = NextOfRhythm(second, kLookSeconds);
+    m_tidyAt = second + kTidySeconds;
     for (;;) {
         const int code = LookAround(second);
         if (code != kGoOn) return code;
@@ -444,13 +447,20 @@ int Process::LookAround(int64_t second) {
     Beat(second);
     if (m_components != nullptr) m_keeping.Tick(second, m_components->Members());
     LookAfterLimits(second);
-    if (m_limitNews.IsDue(second)) TellLimits(CollectStatus(Sources()));
+    if (m_limitNews.IsDue(second)) {
+        TellLimits(CollectStatus(Sources()));
+        m_tidyAt = second + kTidySeconds;
+    }
     const bool wanted = g_configWanted.exchange(false);
     if (wanted) m_agentConfig->ReadAnew();
     if (wanted || second >= m_nextConfigLook) {
         m_nextConfigLook = NextOfRhythm(second, m_options.IsMain() ? kLookSeconds : kBeatSeconds);
         m_agentConfig->Follow(m_services);
         TryAgain();
+    }
+    if (m_tidyAt != 0 && second >= m_tidyAt) {
+        m_tidyAt = 0;
+        zel::GiveBackFreedMemory();
     }
     if (m_endAt != 0 && second >= m_endAt) return kExitClean;
     return kGoOn;

@@ -117,7 +117,8 @@ private:
     std::unique_ptr<ComponentCare> m_components;
     std::unique_ptr<ControlServer> m_control;
     int64_t m_startedAt = 0;
-    int64_t m_endAt = 0;  // 0: no time is set
+    int64_t m_endAt = 0;   // 0: no time is set
+    int64_t m_tidyAt = 0;  // 0: nothing to give back
     int64_t m_nextLimitCheck = 0;
     TreeKeeping m_keeping;
     LimitNews m_limitNews;

@@ -85,12 +85,11 @@ Result<Fd> OpenOwnDirectory(const std::string& path) {
 }
 
 Result<size_t> ReadMore(const Fd& fd, std::string& text, const std::string& path) {
-    const size_t before = text.size();
-    text.resize(before + kReadChunkBytes);
-    const ssize_t got = RetryOnSignal([&] { return ::read(fd.Get(), &text[before], kReadChunkBytes); });
-    const int error = errno;
-    text.resize(before + (got > 0 ? static_cast<size_t>(got) : 0));
-    if (got < 0) return ErrnoError(error, "read", path);
+    // By way of the stack: the text is neither filled with zeros first nor keeps room that it does not need.
+    char piece[kReadChunkBytes];
+    const ssize_t got = RetryOnSignal([&] { return ::read(fd.Get(), piece, sizeof piece); });
+    if (got < 0) return ErrnoError(errno, "read", path);
+    text.append(piece, static_cast<size_t>(got));
     return static_cast<size_t>(got);
 }
 

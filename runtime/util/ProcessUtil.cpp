@@ -11,7 +11,9 @@ namespace zel {
 namespace {
 
 constexpr unsigned long kBytesPerKb = 1024;
-constexpr int kHeaps = 2;  // a second, so that a busy thread does not hold up the sampler
+// One for all threads: a second keeps what its threads ever freed, and the sampler's rounds, which must not be held up
+// by a busy thread, allocate nothing.
+constexpr int kHeaps = 1;
 
 class ProcessUtil final : public IProcessUtil {
 public:
@@ -35,6 +37,10 @@ IProcessUtil* GetProcessUtil() {
 bool KeepProcessMemorySmall() {
     mallopt(M_ARENA_MAX, kHeaps);
     return sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, 0) == SQLITE_OK;
+}
+
+void GiveBackFreedMemory() {
+    malloc_trim(0);
 }
 
 }  // namespace zel

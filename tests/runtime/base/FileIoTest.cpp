@@ -118,6 +118,14 @@ TEST_F(FileIoTest, AWholeReadTakesUpToTheLimitAndRefusesMore) {
     EXPECT_TRUE(base::ReadWholeFile("/proc/self/status", 65536));
 }
 
+TEST_F(FileIoTest, AShortTextKeepsNoRoomThatItDoesNotNeed) {
+    WriteText(m_file, std::string(300, 'x'));
+    const Result<std::string> text = base::ReadWholeFile(m_file, 100000);
+    ASSERT_TRUE(text.Ok());
+    EXPECT_EQ(300u, text->size());
+    EXPECT_LT(text->capacity(), 1000u);
+}
+
 TEST_F(FileIoTest, FailedAndInterruptedReadsAreTold) {
     WriteText(m_file, std::string(40000, 'x'));
     {

@@ -1,10 +1,12 @@
 // Paths, disk space, sleeping, processes, mutexes, time and the hash mode.
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -228,6 +230,25 @@ TEST(ProcessUtilTest, AProcessThatAsksKeepsLessMemory) {
     ASSERT_GT(after, 0);
 #if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)  // whose own memory hides the program's
     EXPECT_LT(after + 100, before) << "KB";
+#endif
+}
+
+TEST(ProcessUtilTest, WhatWasFreedCanBeGivenBack) {
+    constexpr size_t kPieces = 20000;
+    std::vector<std::unique_ptr<char[]>> pieces;
+    for (size_t count = 0; count < kPieces; ++count) {
+        pieces.push_back(std::make_unique<char[]>(1024));
+        std::fill_n(pieces.back().get(), 1024, 'x');
+    }
+    // One that stays at the end holds all that was freed before it.
+    pieces.erase(pieces.begin(), pieces.end() - 1);
+    const unsigned long before = zel::GetProcessUtil()->GetProcessMemory(::getpid());
+    zel::GiveBackFreedMemory();
+    const unsigned long after = zel::GetProcessUtil()->GetProcessMemory(::getpid());
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)  // which have a heap of their own
+    EXPECT_LT(after + kPieces / 2, before) << "KB";
+#else
+    EXPECT_LE(after, before + kPieces);
 #endif
 }
 
