@@ -2,6 +2,7 @@
 #include "base/FileIo.h"
 
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -82,6 +83,15 @@ Result<Fd> OpenDirectory(const std::string& path) {
 
 Result<Fd> OpenOwnDirectory(const std::string& path) {
     return Open(AT_FDCWD, path, O_RDONLY | O_DIRECTORY | kNeverFollowed, 0);
+}
+
+Fd OpenDetachedView(int directory) {
+#ifndef SYS_open_tree
+    constexpr long SYS_open_tree = 428;  // the same on all but one old architecture
+#endif
+    constexpr unsigned int kClone = 1;  // OPEN_TREE_CLONE of linux/mount.h
+    const unsigned int flags = kClone | static_cast<unsigned int>(O_CLOEXEC | AT_EMPTY_PATH);
+    return Fd(static_cast<int>(syscall(SYS_open_tree, directory, "", flags)));
 }
 
 Result<size_t> ReadMore(const Fd& fd, std::string& text, const std::string& path) {

@@ -44,6 +44,11 @@ Result<Fd> OpenDirectory(const std::string& path);
 /// The same for a directory whose name must not be a link.
 Result<Fd> OpenOwnDirectory(const std::string& path);
 
+/// Opens a mount of its own for what an open directory shows. It has no place in the file tree, and ends with the last
+/// descriptor in it; what is open in it does not keep the directory's mount busy.
+/// Kernel: Linux 5.2, CAP_SYS_ADMIN. Returns: not open, with errno set.
+Fd OpenDetachedView(int directory);
+
 /// Appends the next piece of a file to `text`. `path` is for the error. Returns: how many bytes it was, 0 at the end.
 Result<size_t> ReadMore(const Fd& fd, std::string& text, const std::string& path);
 

@@ -216,6 +216,13 @@ bool ProcessExists(int pid) {
     return access(ProcessFile(pid, "").c_str(), F_OK) == 0;
 }
 
+Result<uint64_t> CountThreads(int pid) {
+    const ProcPath path = ProcessFile(pid, "task");
+    struct stat info = {};
+    if (stat(path.c_str(), &info) != 0) return ErrnoError(errno, "stat", path.c_str());
+    return static_cast<uint64_t>(info.st_nlink);
+}
+
 Result<std::string> ReadProgramPath(int pid) {
     return ReadLink(ProcessFile(pid, "exe").c_str());
 }
@@ -327,6 +334,14 @@ int64_t DescriptorCounter::Count() {
         if (entry->d_name[0] != '.') ++count;
     }
     return count;
+}
+
+std::optional<uint64_t> ParseVmStat(std::string_view text, std::string_view field) {
+    while (!text.empty()) {
+        std::string_view line = NextLine(text);
+        if (NextWord(line) == field) return ParseUnsigned(NextWord(line));
+    }
+    return std::nullopt;
 }
 
 std::optional<MemInfo> ParseMemInfo(std::string_view text) {

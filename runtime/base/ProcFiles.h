@@ -24,6 +24,7 @@ constexpr char kMountInfoFile[] = "/proc/self/mountinfo";
 constexpr char kOwnGroupsFile[] = "/proc/self/cgroup";
 constexpr char kCgroupsFile[] = "/proc/cgroups";
 constexpr char kMemInfoFile[] = "/proc/meminfo";
+constexpr char kVmStatFile[] = "/proc/vmstat";
 constexpr char kLoadAvgFile[] = "/proc/loadavg";
 constexpr char kMemoryPressureFile[] = "/proc/pressure/memory";
 constexpr char kOwnStatmFile[] = "/proc/self/statm";
@@ -128,6 +129,9 @@ Result<uint64_t> ReadOwnStatusNumber(std::string_view field);
 /// Returns: numbers of all processes, at most `most` of them, sorted.
 Result<std::vector<int>> ReadProcessIds(size_t most);
 bool ProcessExists(int pid);
+/// Counts a process's threads without opening anything. Returns: a number that is another one when there are more or
+/// fewer. Kernel: the links of /proc/PID/task.
+Result<uint64_t> CountThreads(int pid);
 /// Returns: path of the executable.
 Result<std::string> ReadProgramPath(int pid);
 Result<std::string> ReadOwnProgramPath();
@@ -209,6 +213,9 @@ int UsagePercent(const MemInfo& info);
 
 /// Returns: load average of the last minute. Source: proc_loadavg(5).
 std::optional<float> ParseLoadAvg(std::string_view text);
+
+/// /proc/vmstat. Returns: the number of the line "<field> <number>". Source: proc_vmstat(5).
+std::optional<uint64_t> ParseVmStat(std::string_view text, std::string_view field);
 
 /// Returns: the kernel's number of this boot, 36 characters; empty when the text is none.
 std::string ParseBootId(std::string_view text);

@@ -146,12 +146,11 @@ Error WithLimitsLifted(const Branch& branch, Error error) {
 }
 
 /// A process may come in between the look and the removal: then it is kept, and looked at the next time.
-void RemoveIfEmpty(const GroupDir& parent, const OwnChild& child) {
+bool RemoveIfEmpty(const GroupDir& parent, const OwnChild& child) {
     Result<std::vector<int>> pids = child.dir.Processes();
     Result<std::vector<std::string>> children = child.dir.Children();
-    if (!pids || !pids->empty() || !children || !children->empty()) return;
-    Status removed = parent.RemoveChild(child.name);
-    static_cast<void>(removed);
+    if (!pids || !pids->empty() || !children || !children->empty()) return false;
+    return parent.RemoveChild(child.name).Ok();
 }
 
 }  // namespace
@@ -217,19 +216,23 @@ Status MoveOutLike(const Branch& branch, int pid, int like) {
     return MoveBesideTree(branch, pid);
 }
 
-void SweepTree(const Branch& branch, const GroupTargets& targets) {
+bool SweepTree(const Branch& branch, const GroupTargets& targets) {
     Result<GroupDir> tree = OpenTree(branch);
-    if (!tree) return;
+    if (!tree) return IsNotFound(tree.GetError());
     Result<std::vector<OwnChild>> groups = OpenOwnChildren(*tree);
-    if (!groups) return;
+    if (!groups) return false;
+    bool clean = true;
     for (const OwnChild& group : *groups) {
         Result<std::vector<OwnChild>> leaves = OpenOwnChildren(group.dir);
+        clean = clean && leaves;
         if (!leaves) continue;
         for (const OwnChild& leaf : *leaves) {
-            if (!targets.KeepsLeaf(branch.serves, group.name, leaf.name)) RemoveIfEmpty(group.dir, leaf);
+            if (targets.KeepsLeaf(branch.serves, group.name, leaf.name)) continue;
+            clean = RemoveIfEmpty(group.dir, leaf) && clean;
         }
-        if (targets.Find(group.name) == nullptr) RemoveIfEmpty(*tree, group);
+        if (targets.Find(group.name) == nullptr) clean = RemoveIfEmpty(*tree, group) && clean;
     }
+    return clean;
 }
 
 Status RemoveEmptiedTree(const Branch& branch) {

@@ -29,7 +29,8 @@ Status MoveBesideTree(const Branch& branch, int pid);
 Status MoveOutLike(const Branch& branch, int pid, int like);
 
 /// Removes what is empty and has no place in the targets. What holds processes is looked at again the next time.
-void SweepTree(const Branch& branch, const GroupTargets& targets);
+/// Returns: whether nothing of that is left.
+bool SweepTree(const Branch& branch, const GroupTargets& targets);
 
 /// Removes the tree if no process is in it any more, and moves nobody. kBusy: one is, or a group of others.
 Status RemoveEmptiedTree(const Branch& branch);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <optional>
 #include <utility>
 
 #include "AgentTree.h"
@@ -18,10 +19,12 @@
 #include "OomCounters.h"
 #include "OwnGroup.h"
 #include "OwnPlacement.h"
+#include "QuietTree.h"
 #include "Reconcile.h"
 #include "base/Clock.h"
 #include "base/FileIo.h"
 #include "base/Mutex.h"
+#include "base/ProcFiles.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/LogMessage.h"
 
@@ -87,6 +90,44 @@ bool AreSameGroups(const GroupTargets& a, const GroupTargets& b) {
                       });
 }
 
+bool AreSameMembers(const std::vector<CgroupMember>& a, const std::vector<CgroupMember>& b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const CgroupMember& one, const CgroupMember& other) {
+        return one.pid == other.pid && one.component == other.component;
+    });
+}
+
+int64_t NowMs() {
+    return base::ClockNs(CLOCK_MONOTONIC) / kNsPerMs;
+}
+
+int64_t OwnCpuUs() {
+    return base::ClockNs(CLOCK_THREAD_CPUTIME_ID) / kNsPerUs;
+}
+
+/// The kernel's count of its out-of-memory kills on the whole host: while it stands still no group's count moves.
+/// Kernel: Linux 4.13.
+class HostKills {
+public:
+    /// One system call. Returns: nothing where the kernel does not tell.
+    std::optional<uint64_t> Read() {
+        if (!m_file.IsOpen() && !m_file.Open(base::kVmStatFile)) return std::nullopt;
+        char buffer[kBytes];  // not filled
+        return base::ParseVmStat(m_file.Read(buffer, sizeof buffer), "oom_kill");
+    }
+
+private:
+    static constexpr size_t kBytes = 16384;
+    base::KeptFile m_file;
+};
+
+/// What was so when the out-of-memory counters of all groups were read last.
+struct OomRest {
+    bool valid = false;
+    uint64_t changes = 0;
+    uint64_t counts = 0;
+    int64_t atMs = 0;
+};
+
 CgroupKeeperStatus TreeKeeperStatus() {
     const base::MutexLock lock(g_statusLock);
     return g_status;
@@ -110,6 +151,11 @@ struct CCgroupManager::Impl {
     bool mainInside ZEL_GUARDED_BY(mutex) = false;  ///< this process was put into the tree
     bool mainLeft ZEL_GUARDED_BY(mutex) = false;    ///< it has left it, and the tree is there still
     Keeper keeper ZEL_GUARDED_BY(mutex);
+    QuietTree quiet ZEL_GUARDED_BY(mutex);
+    std::vector<CgroupMember> settledMembers ZEL_GUARDED_BY(mutex);  ///< of the keeper's last whole round
+    OomRest oomRest ZEL_GUARDED_BY(mutex);
+    HostKills hostKills ZEL_GUARDED_BY(mutex);
+    std::optional<uint64_t> lastKills ZEL_GUARDED_BY(mutex);  ///< at the poll before
 
     void Locate() ZEL_REQUIRES(mutex);
     void TellPlaces() ZEL_REQUIRES(mutex);
@@ -119,10 +165,13 @@ struct CCgroupManager::Impl {
     bool RemovePid(int pid) ZEL_REQUIRES(mutex);
     bool WriteConfig(const std::string& path, const std::vector<CgroupComponentQuota>& quotas, const Amounts& parent)
         ZEL_REQUIRES(mutex);
-    void Sweep() ZEL_REQUIRES(mutex);
+    bool Sweep() ZEL_REQUIRES(mutex);
     bool Keep(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) ZEL_EXCLUDES(mutex);
     void RemoveEmptied() ZEL_REQUIRES(mutex);
     void RunKeeper(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) ZEL_REQUIRES(mutex);
+    bool PassKeeper(const std::vector<CgroupMember>& members) ZEL_REQUIRES(mutex);
+    bool PollOom(std::vector<CgroupMemoryOomEvent>& out) ZEL_REQUIRES(mutex);
+    bool IsOomAtRest(int64_t nowMs) ZEL_REQUIRES(mutex);
     Status ReadOom() ZEL_REQUIRES(mutex);
     void ObserveOom() ZEL_REQUIRES(mutex);
 };
@@ -158,6 +207,7 @@ bool CCgroupManager::Impl::Reconcile(const Flags& wanted, const CgroupTotalLimit
     if (branches.of.cpu && branches.of.cpu->placement) next.outer = branches.of.cpu->placement->outer;
     targets = std::move(next);
     published.valid = false;
+    quiet.Disturb();
     ForgetWanted();
     mainLeft = mainLeft && !wanted.cpu && !wanted.memory;
     keeper.ForgetGroups();
@@ -202,6 +252,7 @@ bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
     if (entries.empty()) {
         return Fail(__LINE__, MakeError(ErrorKind::kNoController, operation, group, "no controller is in use"));
     }
+    quiet.Disturb();
     std::vector<Error> stranded;
     const base::MutexLock placing(PlacementMutex());
     Status joined = membership.Join(pid, entries, stranded);
@@ -215,6 +266,7 @@ bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
 
 bool CCgroupManager::Impl::RemovePid(int pid) {
     bool ok = true;
+    quiet.Disturb();
     const base::MutexLock placing(PlacementMutex());
     if (pid == getpid()) {
         // The way out of the unified mode: until it is published anew there is nothing to put back.
@@ -235,6 +287,7 @@ bool CCgroupManager::Impl::RemovePid(int pid) {
 
 bool CCgroupManager::Impl::WriteConfig(const std::string& path, const std::vector<CgroupComponentQuota>& quotas,
                                        const Amounts& parent) {
+    quiet.Disturb();
     ComponentPublisher publisher(branches, targets, inUse, membership);
     std::vector<Remark> remarks;
     Result<std::map<LeafKey, int>> leaves = publisher.Publish(path, WithUnlisted(quotas, targets, remarks), parent);
@@ -252,14 +305,31 @@ bool CCgroupManager::Impl::WriteConfig(const std::string& path, const std::vecto
     return true;
 }
 
-void CCgroupManager::Impl::Sweep() {
-    for (const std::shared_ptr<Branch>& branch : branches.all) SweepTree(*branch, targets);
+/// Returns: whether nothing is left that has no place any more.
+bool CCgroupManager::Impl::Sweep() {
+    bool clean = true;
+    for (const std::shared_ptr<Branch>& branch : branches.all) clean = SweepTree(*branch, targets) && clean;
+    return clean;
+}
+
+/// In place of a round while nothing can have changed: no file is opened, and nothing is copied.
+bool CCgroupManager::Impl::PassKeeper(const std::vector<CgroupMember>& members) {
+    const int64_t begin = OwnCpuUs();
+    const int64_t nowMs = NowMs();
+    if (!AreSameMembers(members, settledMembers) || base::ReadFileMark(published.path) != published.file) return false;
+    if (!quiet.Holds(nowMs)) return false;
+    const base::MutexLock lock(g_statusLock);
+    keeper.Pass(nowMs, g_status);
+    g_status.lastRoundUs = OwnCpuUs() - begin;
+    g_status.totalUs += g_status.lastRoundUs;
+    return true;
 }
 
 /// One round of the keeper. What is news is in the log before it is handed on.
 void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) {
     CgroupKeeperStatus status = TreeKeeperStatus();
-    const int64_t begin = base::ClockNs(CLOCK_THREAD_CPUTIME_ID) / kNsPerUs;
+    const int64_t begin = OwnCpuUs();
+    quiet.Begin();
     Locate();
     KeeperRound round;
     round.branches = &branches;
@@ -267,7 +337,8 @@ void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, s
     round.inUse = inUse;
     round.mainInside = mainInside;
     round.members = &members;
-    round.nowMs = base::ClockNs(CLOCK_MONOTONIC) / kNsPerMs;
+    round.nowMs = NowMs();
+    round.quiet = &quiet;
     const Publication last = published;
     round.filePath = last.path;
     round.judgeFile = [&last] { return JudgeFile(last); };
@@ -277,8 +348,10 @@ void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, s
     for (const std::string& thing : keeper.TakeEndedContests()) {
         LogLine(kLogInfo, __LINE__, thing + " is no longer contested");
     }
+    quiet.Settle(keeper.IsInOrder(), NowMs());
+    settledMembers = members;
     branches = Branches();
-    status.lastRoundUs = base::ClockNs(CLOCK_THREAD_CPUTIME_ID) / kNsPerUs - begin;
+    status.lastRoundUs = OwnCpuUs() - begin;
     status.totalUs += status.lastRoundUs;
     const base::MutexLock lock(g_statusLock);
     g_status = std::move(status);
@@ -301,13 +374,44 @@ void CCgroupManager::Impl::RemoveEmptied() {
 
 bool CCgroupManager::Impl::Keep(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) {
     if (!mutex.try_lock()) return false;
-    if (published.valid) RunKeeper(members, news);
+    if (published.valid && !PassKeeper(members)) RunKeeper(members, news);
     if (mainLeft) RemoveEmptied();
     mutex.unlock();
     return true;
 }
 
+/// Whether no counter can have moved since they were read: the kernel has told of none, and has killed nobody on the
+/// whole host. One that is noticed while it still counts is read once more at the next poll.
+bool CCgroupManager::Impl::IsOomAtRest(int64_t nowMs) {
+    const std::optional<uint64_t> kills = hostKills.Read();
+    const bool calm = kills && kills == std::exchange(lastKills, kills);
+    if (!calm || !oomRest.valid || !quiet.IsSettled() || nowMs - oomRest.atMs >= kMostQuietMs)
+        return oomRest.valid = false;
+    const Result<LayoutMark> layout = ReadLayoutMark();
+    if (!layout) return false;
+    quiet.FollowMounts(*layout);
+    TreeWatch& told = quiet.Told();
+    told.Drain();
+    return quiet.IsSettled() && told.Changes() == oomRest.changes && told.Counts() == oomRest.counts;
+}
+
+bool CCgroupManager::Impl::PollOom(std::vector<CgroupMemoryOomEvent>& out) {
+    const int64_t nowMs = NowMs();
+    if (inUse.memory && IsOomAtRest(nowMs)) return true;
+    Locate();
+    TreeWatch& told = quiet.Told();
+    told.Drain();
+    const OomRest before{true, told.Changes(), told.Counts(), nowMs};
+    Status read = ReadOom();
+    if (!read) return Fail(__LINE__, read.GetError());
+    out = oom.TakeRises();
+    // Leaves and groups that were still in use when their configuration went are looked at again here.
+    if (Sweep()) oomRest = before;
+    return true;
+}
+
 Status CCgroupManager::Impl::ReadOom() {
+    oomRest.valid = false;
     if (!inUse.memory) {
         // What the groups counted before the controller comes back is not news then.
         oom.Reset();
@@ -449,6 +553,7 @@ bool CCgroupManager::WriteComponentConfig(const std::string& path, const std::ve
 bool CCgroupManager::WriteDisabledConfig(const std::string& path) {
     const base::MutexLock lock(m_impl->mutex);
     m_impl->published.valid = false;
+    m_impl->quiet.Disturb();
     ForgetWanted();
     Status written = PublishDisabled(path);
     if (written) return true;
@@ -459,6 +564,7 @@ bool CCgroupManager::WriteDisabledConfig(const std::string& path) {
 void CCgroupManager::ResetMemoryOomMonitor() {
     const base::MutexLock lock(m_impl->mutex);
     m_impl->oom.Reset();
+    m_impl->oomRest.valid = false;
 }
 
 bool CCgroupManager::SnapshotSelfMemoryOomCounters(std::vector<CgroupMemoryOomEvent>& out) {
@@ -470,14 +576,11 @@ bool CCgroupManager::SnapshotSelfMemoryOomCounters(std::vector<CgroupMemoryOomEv
 }
 
 bool CCgroupManager::PollMemoryOomEvents(std::vector<CgroupMemoryOomEvent>& out) {
-    const Impl::Scope scope(*m_impl);
     out.clear();
-    Status read = m_impl->ReadOom();
-    if (!read) return Fail(__LINE__, read.GetError());
-    out = m_impl->oom.TakeRises();
-    // Leaves and groups that were still in use when their configuration went are looked at again here.
-    m_impl->Sweep();
-    return true;
+    const base::MutexLock lock(m_impl->mutex);
+    const bool ok = m_impl->PollOom(out);
+    m_impl->branches = Branches();
+    return ok;
 }
 
 bool KeepCgroupTree(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) {

@@ -205,6 +205,12 @@ Result<std::string> GroupDir::Read(const char* file) const {
     return base::ReadAll(fd, kMaxControlFileBytes, path);
 }
 
+base::Fd GroupDir::OpenDetached(const char* file) const {
+    if (!IsSafeComponent(file)) return {};
+    const base::Fd view = base::OpenDetachedView(m_fd.Get());
+    return view ? OpenAt(view.Get(), file, O_RDONLY | O_CLOEXEC | O_NOFOLLOW) : base::Fd();
+}
+
 Result<int64_t> GroupDir::ReadNumber(const char* file) const {
     Result<std::string> text = Read(file);
     if (!text) return text.GetError();

@@ -94,6 +94,8 @@ public:
             m_keeper.m_identities.clear();
         }
         for (const std::shared_ptr<Branch>& branch : m_in.branches->all) KeepMembers(*branch);
+        for (const auto& [key, state] : m_seen) m_inOrder = m_inOrder && state == MemberState::kInside;
+        m_keeper.m_inOrder = m_inOrder;
         m_keeper.m_seen = std::move(m_seen);
         m_keeper.m_identities = std::move(m_identities);
         return std::move(m_news);
@@ -115,9 +117,10 @@ private:
 
     void KeepMembers(const Branch& branch);
     void KeepLeaf(const Branch& branch, const GroupDir& dir, const LeafName& name);
+    void NoteMembers(const GroupDir& dir, const std::set<MemberKey>& members) const;
     void KeepMember(const Branch& branch, const GroupDir& dir, const LeafName& name, const MemberKey& key);
     std::string PlaceOf(const Branch& branch, const GroupDir& dir, const std::string& path, int pid,
-                        const std::set<int>& inside) const;
+                        const std::set<int>& inside);
     void FindForeign(const GroupDir& dir, const LeafName& name);
     bool BelongsToAgent(int pid) const;
 
@@ -132,6 +135,7 @@ private:
     std::map<std::string, GroupIdentity> m_identities;
     std::vector<CgroupDrift> m_news;
     bool m_groupsMade = false;
+    bool m_inOrder = true;  ///< nothing differs, and nothing is waited for
 };
 
 // --- what is asked for ----------------------------------------------------------------------------------------------
@@ -167,9 +171,16 @@ void Keeper::Round::KeepBranch(const Branch& branch) {
     if (!active.cpu && !active.memory) return;
     Drifts missing;
     OpenTreeFacts tree;
+    if (m_in.quiet != nullptr && branch.GetVersion() == Version::kV2) {
+        m_in.quiet->WatchFile(branch.placement->base, v2::kSubtreeControl);
+    }
     Result<GroupDir> dir = OpenTree(branch);
     if (dir) {
-        tree = ReadTree(std::move(*dir), branch.serves, 2);
+        tree = ReadTree(std::move(*dir), branch.serves, 2, {}, [&](const GroupDir& group) {
+            if (m_in.quiet != nullptr) m_in.quiet->Watch(group);
+        });
+        if (m_in.quiet != nullptr) m_in.quiet->NoteTree(tree.dirs.front());
+        m_inOrder = m_inOrder && tree.unread.empty();
         FindMissing(branch, tree, missing);
         if (branch.GetVersion() == Version::kV2) FindTakenControllers(branch, tree, missing);
     } else {
@@ -260,6 +271,7 @@ void Keeper::Round::KeepLimits(const OpenTreeFacts& tree, Controller controller,
     if (tree.dirs.empty()) return;
     const LimitPlan plan = PlanLimits(*m_in.targets, tree.facts, controller);
     for (const Error& error : plan.problems) m_status.notInForce.push_back(error.Text());
+    m_inOrder = m_inOrder && plan.problems.empty();
     for (const GroupFacts& node : tree.facts.nodes) {
         m_status.wanted.push_back(
             {node.path, ControllerName(controller), AmountOf(controller, node.limits[controller].limit)});
@@ -332,17 +344,29 @@ void Keeper::Round::KeepLeaf(const Branch& branch, const GroupDir& dir, const Le
         if (key.leaf != dir.Path() || state != MemberState::kInside || m_components.count(key.pid) != 0) continue;
         if (LiveSince(key.pid) == key.startTicks) members.insert(key);
     }
+    if (members.empty()) return;
+    NoteMembers(dir, members);
     for (const MemberKey& key : members) KeepMember(branch, dir, name, key);
+}
+
+/// Before they are judged: what is moved meanwhile is another list.
+void Keeper::Round::NoteMembers(const GroupDir& dir, const std::set<MemberKey>& members) const {
+    if (m_in.quiet == nullptr) return;
+    const bool byThread = dir.GetVersion() == Version::kV1;
+    m_in.quiet->NoteMembers(dir, byThread ? v1::kThreadsFile : kProcsFile);
+    if (!byThread) return;
+    for (const MemberKey& key : members) m_in.quiet->NoteThreads(key.pid);
 }
 
 /// Returns: where the process, or the first thread of it that is elsewhere, is; empty when all are in the leaf or
 /// below.
 std::string Keeper::Round::PlaceOf(const Branch& branch, const GroupDir& dir, const std::string& path, int pid,
-                                   const std::set<int>& inside) const {
+                                   const std::set<int>& inside) {
     const Territory leaf{branch.hierarchy, path};
     const bool byThread = dir.GetVersion() == Version::kV1;
     for (const int tid : byThread ? ThreadsOf(pid) : std::vector<int>{pid}) {
         if (inside.count(tid) != 0) continue;
+        m_inOrder = false;  // below the leaf, where the leaf's list says nothing of it, or not listed yet
         // The list may be older than the thread: the kernel's word on the thread itself counts.
         Result<std::string> place = ReadGroupOf(tid, branch.hierarchy);
         if (!place || leaf.Holds(*place)) continue;
@@ -438,10 +462,12 @@ bool Keeper::Round::BelongsToAgent(int pid) const {
 // --- what is told ---------------------------------------------------------------------------------------------------
 
 void Keeper::Round::Report(CgroupDrift drift) {
+    m_inOrder = false;
     m_keeper.m_book.Report(std::move(drift), m_in.nowMs, m_status, m_news);
 }
 
 void Keeper::Round::Postpone(const CgroupDrift& drift) {
+    m_inOrder = false;
     m_keeper.m_book.Postpone(drift, m_status);
 }
 
@@ -452,8 +478,14 @@ std::vector<CgroupDrift> Keeper::Run(const KeeperRound& in, CgroupKeeperStatus& 
     std::vector<CgroupDrift> news = Round(*this, in, status).Run();
     for (std::string& thing : m_book.EndQuiet(in.nowMs)) m_ended.push_back(std::move(thing));
     status.contested = m_book.Contested();
+    m_inOrder = m_inOrder && status.contested.empty();
     ++status.rounds;
     return news;
+}
+
+void Keeper::Pass(int64_t nowMs, CgroupKeeperStatus& status) {
+    for (std::string& thing : m_book.EndQuiet(nowMs)) m_ended.push_back(std::move(thing));
+    ++status.rounds;
 }
 
 }  // namespace cgroup

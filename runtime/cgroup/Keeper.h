@@ -13,6 +13,7 @@
 #include "Branch.h"
 #include "DriftBook.h"
 #include "GroupTargets.h"
+#include "QuietTree.h"
 #include "TreeFacts.h"
 #include "platform/zel/CgroupKeeper.h"
 
@@ -30,6 +31,7 @@ struct KeeperRound {
     std::string filePath;                    ///< of the component file
     std::function<std::string()> judgeFile;  ///< what is wrong with it; empty when it is as it was written
     std::function<bool()> republish;         ///< makes the published leaves and writes the component file again
+    QuietTree* quiet = nullptr;              ///< notes what is in order; may be null
 };
 
 /// Thread-safety: none, the manager locks.
@@ -39,6 +41,11 @@ public:
     /// One round. Adds to `status`; its lists are those of this round.
     /// Returns: what is news, in the order in which it was found. Everything else is in the counts.
     std::vector<CgroupDrift> Run(const KeeperRound& round, CgroupKeeperStatus& status);
+    /// Returns: whether the last round found everything in order and has nothing to wait for.
+    bool IsInOrder() const { return m_inOrder; }
+
+    /// Instead of a round when nothing can have changed since one that found everything in order.
+    void Pass(int64_t nowMs, CgroupKeeperStatus& status);
 
     /// The manager itself changes groups: identities are learned anew.
     void ForgetGroups() { m_identities.clear(); }
@@ -67,6 +74,7 @@ private:
     std::map<std::string, GroupIdentity> m_identities;  ///< by directory
     std::map<MemberKey, MemberState> m_seen;            ///< of the last round
     std::vector<std::string> m_ended;
+    bool m_inOrder = false;
 };
 
 }  // namespace cgroup

@@ -59,19 +59,28 @@ GroupFacts ReadGroupFacts(const GroupDir& dir, const Flags& serves) {
     return out;
 }
 
-OpenTreeFacts ReadTree(GroupDir tree, const Flags& serves, int depth, const std::set<std::string>& without) {
+OpenTreeFacts ReadTree(GroupDir tree, const Flags& serves, int depth, const std::set<std::string>& without,
+                       const GroupObserver& observe) {
+    const auto begin = [&](const GroupDir& group) {
+        if (observe) observe(group);
+    };
     OpenTreeFacts out;
     out.facts.version = tree.GetVersion();
     out.facts.serves = serves;
+    begin(tree);
     std::vector<OwnChild> groups;
     if (depth > 0) groups = OpenChildren(tree, out.unread);
     AddNode(out, std::move(tree), {}, {});
     for (OwnChild& group : groups) {
         if (without.count(group.name) != 0) continue;
+        begin(group.dir);
         std::vector<OwnChild> leaves;
         if (depth > 1) leaves = OpenChildren(group.dir, out.unread);
         AddNode(out, std::move(group.dir), group.name, {});
-        for (OwnChild& leaf : leaves) AddNode(out, std::move(leaf.dir), group.name, leaf.name);
+        for (OwnChild& leaf : leaves) {
+            begin(leaf.dir);
+            AddNode(out, std::move(leaf.dir), group.name, leaf.name);
+        }
     }
     return out;
 }

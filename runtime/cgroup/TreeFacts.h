@@ -2,6 +2,7 @@
 // Touches the limit files of the agent's own groups; every value that is written is read back.
 #pragma once
 
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -24,9 +25,13 @@ struct OpenTreeFacts {
 /// Reads the limits of one group.
 GroupFacts ReadGroupFacts(const GroupDir& dir, const Flags& serves);
 
+/// Hears of each group before anything of it is read.
+using GroupObserver = std::function<void(const GroupDir& group)>;
+
 /// Reads a tree of ours, the parent first; groups of others in it are left out, and so are the groups named in
 /// `without`. `depth`: 0 for the parent alone, 1 with the groups, 2 with their leaves.
-OpenTreeFacts ReadTree(GroupDir tree, const Flags& serves, int depth, const std::set<std::string>& without = {});
+OpenTreeFacts ReadTree(GroupDir tree, const Flags& serves, int depth, const std::set<std::string>& without = {},
+                       const GroupObserver& observe = {});
 
 /// Nothing else in the same hierarchy will succeed after such an error.
 bool IsHopeless(const Error& error);

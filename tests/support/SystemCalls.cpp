@@ -2,14 +2,19 @@
 // nothing but the kernel.
 #include "support/SystemCalls.h"
 
+#include <linux/filter.h>
 #include <linux/ptrace.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
+#include <thread>
 
 namespace support {
 namespace {
@@ -80,7 +85,7 @@ void Trace(pid_t tid, int ready, int result) {
 
 }  // namespace
 
-SystemCalls CountSystemCalls(const std::function<void()>& body) {
+SystemCalls CountSystemCalls(const std::function<void()>& body, const std::function<void()>& prepare) {
     SystemCalls counts;
     int ready[2];
     int result[2];
@@ -92,6 +97,7 @@ SystemCalls CountSystemCalls(const std::function<void()>& body) {
     char byte = 0;
     while (read(ready[0], &byte, 1) < 0 && errno == EINTR) {
     }
+    if (prepare) prepare();
     Mark();
     body();
     Mark();
@@ -100,6 +106,24 @@ SystemCalls CountSystemCalls(const std::function<void()>& body) {
     for (const int fd : {ready[0], ready[1], result[0], result[1]}) close(fd);
     waitpid(tracer, nullptr, 0);
     return counts;
+}
+
+bool RunWithoutCall(long number, int error, const std::function<void()>& body) {
+    bool filtered = false;
+    std::thread thread([&] {
+        sock_filter code[] = {
+            {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
+            {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, static_cast<uint32_t>(number)},
+            {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | static_cast<uint32_t>(error)},
+            {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
+        };
+        const sock_fprog program = {sizeof code / sizeof code[0], code};
+        filtered = prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+                   syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &program) == 0;
+        if (filtered) body();
+    });
+    thread.join();
+    return filtered;
 }
 
 }  // namespace support

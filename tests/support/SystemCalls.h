@@ -13,7 +13,12 @@ struct SystemCalls {
     int writes = 0;  ///< write, pwrite64, writev
 };
 
-/// Runs the body in the calling thread and counts what that thread asks of the kernel meanwhile.
-SystemCalls CountSystemCalls(const std::function<void()>& body);
+/// Runs the body in the calling thread and counts what that thread asks of the kernel meanwhile. `prepare` runs before,
+/// uncounted, when the tracing child is there already.
+SystemCalls CountSystemCalls(const std::function<void()>& body, const std::function<void()>& prepare = {});
+
+/// Runs the body in a thread for which the kernel refuses one kind of call with `error`, as a service's filter does.
+/// Returns: false, without running it, where no filter can be set.
+bool RunWithoutCall(long number, int error, const std::function<void()>& body);
 
 }  // namespace support

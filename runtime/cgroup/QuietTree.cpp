@@ -1,0 +1,150 @@
+// Noting what is in order, and comparing it.
+#include "QuietTree.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <string_view>
+#include <utility>
+
+#include "base/ProcFiles.h"
+
+namespace zel {
+namespace cgroup {
+namespace {
+
+/// A list that came in one piece of less than this is whole.
+/// Kernel: a list is given in pieces of at least a page, less its last line.
+constexpr size_t kWholePiece = 3072;
+constexpr size_t kPieceBytes = 65536;
+
+/// Kernel: version 1 gives an open list as it was for a second after it was last read.
+constexpr int64_t kFreshAfterMs = 1500;
+
+/// Returns: whether an open list reads as `text`.
+bool ReadsAs(int fd, std::string_view text, std::string& buffer) {
+    buffer.resize(std::min(text.size() + kWholePiece, kPieceBytes));
+    size_t done = 0;
+    for (;;) {
+        const ssize_t got =
+            base::RetryOnSignal([&] { return pread(fd, buffer.data(), buffer.size(), static_cast<off_t>(done)); });
+        if (got < 0) return false;
+        const auto size = static_cast<size_t>(got);
+        if (text.substr(done, size) != std::string_view(buffer.data(), size)) return false;
+        done += size;
+        if (size == 0) return done == text.size();
+        if (done == text.size() && size < kWholePiece && done == size) return true;
+    }
+}
+
+}  // namespace
+
+void QuietTree::Begin() {
+    m_settled = false;
+    m_complete = true;
+    m_watch.Begin();
+    m_changes = m_watch.Changes();
+    const Result<LayoutMark> layout = ReadLayoutMark();
+    m_complete = layout.Ok();
+    if (layout) FollowMounts(*layout);
+    m_trees.clear();
+    m_threads.clear();
+    m_before.clear();
+    for (Members& members : m_members) {
+        std::string path = members.path;
+        m_before[std::move(path)] = std::move(members);
+    }
+    m_members.clear();
+}
+
+void QuietTree::FollowMounts(const LayoutMark& layout) {
+    if (layout.mounts != m_layout.mounts) {
+        for (Members& members : m_members) members.kept.Reset();
+    }
+    m_settled = m_settled && layout == m_layout;
+    m_layout = layout;
+}
+
+void QuietTree::NoteTree(const GroupDir& tree) {
+    const Result<GroupIdentity> identity = tree.Identity();
+    if (identity) m_trees.push_back({tree.Path(), *identity});
+    m_complete = m_complete && identity;
+}
+
+void QuietTree::NoteMembers(const GroupDir& leaf, const char* file) {
+    Result<std::string> text = leaf.Read(file);
+    const Result<GroupIdentity> identity = leaf.Identity();
+    if (!text || !identity) {
+        m_complete = false;
+        return;
+    }
+    Members members;
+    members.path = leaf.Path();
+    members.version = leaf.GetVersion();
+    members.identity = *identity;
+    members.file = file;
+    members.text = std::move(*text);
+    const auto before = m_before.find(members.path);
+    if (before != m_before.end() && before->second.identity == members.identity) {
+        members.kept = std::move(before->second.kept);
+        members.readMs = before->second.readMs;
+    }
+    if (!members.kept) members.kept = leaf.OpenDetached(file);
+    m_members.push_back(std::move(members));
+}
+
+void QuietTree::NoteThreads(int pid) {
+    const Result<uint64_t> count = base::CountThreads(pid);
+    if (count) m_threads.push_back({pid, *count});
+    m_complete = m_complete && count;
+}
+
+void QuietTree::Settle(bool inOrder, int64_t nowMs) {
+    m_watch.End();
+    m_before.clear();
+    m_settled = inOrder && m_complete && m_watch.IsWhole();
+    m_settledAtMs = nowMs;
+    if (!m_settled) Disturb();
+}
+
+void QuietTree::Disturb() {
+    m_settled = false;
+}
+
+bool QuietTree::IsSame(const Tree& tree) {
+    struct stat info = {};
+    return stat(tree.path.c_str(), &info) == 0 && info.st_dev == tree.identity.device &&
+           info.st_ino == tree.identity.inode;
+}
+
+bool QuietTree::IsSame(Members& members, int64_t nowMs) {
+    const bool fresh = members.version == Version::kV2 || nowMs - members.readMs >= kFreshAfterMs;
+    if (members.kept && fresh) {
+        members.readMs = nowMs;
+        return ReadsAs(members.kept.Get(), members.text, m_buffer);
+    }
+    const Result<GroupDir> group = GroupDir::Open(members.path, members.version);
+    if (!group) return false;
+    const Result<std::string> text = group->Read(members.file);
+    return text && *text == members.text;
+}
+
+bool QuietTree::Holds(int64_t nowMs) {
+    if (!m_settled) return false;
+    m_watch.Drain();
+    const Result<LayoutMark> layout = ReadLayoutMark();
+    if (layout) FollowMounts(*layout);
+    const auto sameThreads = [](const Threads& threads) {
+        const Result<uint64_t> now = base::CountThreads(threads.pid);
+        return now && *now == threads.count;
+    };
+    m_settled = layout && m_settled && m_watch.IsWhole() && m_watch.Changes() == m_changes &&
+                nowMs - m_settledAtMs < kMostQuietMs &&
+                std::all_of(m_trees.begin(), m_trees.end(), [](const Tree& tree) { return IsSame(tree); }) &&
+                std::all_of(m_threads.begin(), m_threads.end(), sameThreads) &&
+                std::all_of(m_members.begin(), m_members.end(), [&](Members& each) { return IsSame(each, nowMs); });
+    return m_settled;
+}
+
+}  // namespace cgroup
+}  // namespace zel

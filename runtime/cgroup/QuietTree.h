@@ -1,0 +1,91 @@
+// Whether anything can have changed since a look at the whole tree found it in order. What the kernel tells by itself
+// is waited for (TreeWatch), what it does not tell is compared by one cheap call each: the mounts, this process's own
+// groups, which directory the tree is, the members of every leaf with a component in it, and how many threads those
+// components have. No file is opened for it where the kernel lets a list be kept open without keeping a mount busy.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Errors.h"
+#include "GroupDir.h"
+#include "Layout.h"
+#include "TreeWatch.h"
+#include "base/Fd.h"
+
+namespace zel {
+namespace cgroup {
+
+/// How long silence is believed: what neither the watch nor the comparisons see is found then.
+constexpr int64_t kMostQuietMs = 60000;
+
+/// Thread-safety: none, the owner locks.
+/// Lifetime: lists stay open until the mounts change, the tree is disturbed, or the object ends.
+class QuietTree {
+public:
+    /// A look at everything begins. Nothing is quiet until Settle.
+    void Begin();
+    /// Before anything is read of the group.
+    void Watch(const GroupDir& group) { m_watch.Watch(group); }
+    void WatchFile(const GroupDir& group, const char* file) { m_watch.WatchFile(group, file); }
+    /// The tree's own directory: another one of that name is a change.
+    void NoteTree(const GroupDir& tree);
+    /// A leaf whose members belong there, with its list, before they are judged.
+    void NoteMembers(const GroupDir& leaf, const char* file);
+    /// A process of whose threads each is judged.
+    void NoteThreads(int pid);
+    /// The look is over. `inOrder`: it found nothing to put right, and nothing to wait for.
+    void Settle(bool inOrder, int64_t nowMs);
+
+    /// Returns: whether all of that still holds. A change is remembered: then nothing is quiet until the next look.
+    bool Holds(int64_t nowMs);
+    /// The tree is about to be changed, or is no longer looked after.
+    void Disturb();
+    /// Returns: whether the last look found everything in order and nothing was noticed since.
+    bool IsSettled() const { return m_settled; }
+    /// Lets go of open lists when the mounts have changed.
+    void FollowMounts(const LayoutMark& layout);
+
+    TreeWatch& Told() { return m_watch; }
+
+private:
+    struct Tree {
+        std::string path;
+        GroupIdentity identity;
+    };
+    /// A leaf's list as it was read.
+    struct Members {
+        std::string path;
+        Version version = Version::kNone;
+        GroupIdentity identity;
+        const char* file = "";
+        std::string text;
+        base::Fd kept;
+        int64_t readMs = 0;  ///< when the open list was read last
+    };
+    struct Threads {
+        int pid = 0;
+        uint64_t count = 0;
+    };
+    static bool IsSame(const Tree& tree);
+    bool IsSame(Members& members, int64_t nowMs);
+
+    TreeWatch m_watch;
+    bool m_settled = false;
+    bool m_complete = false;  ///< everything that was to be noted is
+    uint64_t m_changes = 0;
+    int64_t m_settledAtMs = 0;
+    LayoutMark m_layout;
+    std::vector<Tree> m_trees;
+    std::vector<Members> m_members;
+    std::vector<Threads> m_threads;
+    std::map<std::string, Members> m_before;  ///< lists of the look before, by path
+    std::string m_buffer;
+};
+
+}  // namespace cgroup
+}  // namespace zel

@@ -1,0 +1,277 @@
+// A tree that nobody touches costs next to nothing to look after, however many groups it has, and nothing that somebody
+// does to it is missed for that.
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "AgentTreeFixture.h"
+#include "QuietTree.h"
+#include "platform/zel/CgroupKeeper.h"
+#include "support/SystemCalls.h"
+
+namespace {
+
+using namespace treetest;
+using support::CountSystemCalls;
+using support::SystemCalls;
+using zel::cgroup::GroupDir;
+using zel::cgroup::TreeWatch;
+using zel::cgroup::Version;
+
+/// An open list of version 1 is read afresh only so long after it was read last.
+constexpr int kFreshMs = 1700;
+/// Nearly as many as there may be; with their leaves 300 in each hierarchy.
+constexpr int kMany = 60;
+constexpr char kNoTrace[] = "SKIP direct: this thread cannot be traced";
+constexpr char kLeaf[] = "collect-defense/QorHips";
+
+class QuietTreeTest : public AgentTree {
+protected:
+    void TearDown() override {
+        component.reset();
+        if (prepared && manager) manager->RemovePidFromGroup("main", getpid());
+        AgentTree::TearDown();
+    }
+    /// A tree with a component and `extra` groups besides, each with four leaves, in the sight of a keeper at rest.
+    void Build(int extra) {
+        manager = std::make_unique<zel::CCgroupManager>();
+        std::vector<zel::CgroupGroupConfig> groups = {Group("main", 0, 0), Group("collect-defense", 20000, 262144)};
+        std::vector<zel::CgroupComponentQuota> quotas = {Quota("Tervane", "main", 0, 0),
+                                                         Quota("QorHips", "collect-defense", 5000, 131072)};
+        for (int i = 0; i < extra; ++i) {
+            const std::string number = std::to_string(i);
+            groups.push_back(Group("extra-" + number, 0, 65536));
+            for (const char* each : {"A", "B", "C", "D"}) {
+                quotas.push_back(Quota("Component" + number + each, "extra-" + number, 0, 0));
+            }
+        }
+        ASSERT_TRUE(manager->Reconcile(true, true, Total(350, 1048576), groups))
+            << ::testing::PrintToString(Warnings());
+        ASSERT_TRUE(manager->AddPidToGroup("main", getpid()));
+        ASSERT_TRUE(manager->WriteComponentConfig(file, quotas, 35000, 1048576));
+        component = std::make_unique<Child>(Sleeper);
+        for (const std::string& tree : {cpuTree, memTree}) {
+            ASSERT_TRUE(WriteText(tree + "/" + kLeaf + "/cgroup.procs", std::to_string(component->Pid())));
+        }
+        Round();
+        Round();
+        PollOom();
+        PollOom();
+        support::SleepMs(kFreshMs);
+        ClearFaults();
+    }
+    std::vector<zel::CgroupDrift> Round() {
+        std::vector<zel::CgroupDrift> found;
+        EXPECT_TRUE(zel::KeepCgroupTree({{"QorHips", component->Pid()}}, found));
+        return found;
+    }
+    std::vector<zel::CgroupMemoryOomEvent> PollOom() {
+        std::vector<zel::CgroupMemoryOomEvent> events;
+        EXPECT_TRUE(manager->PollMemoryOomEvents(events));
+        return events;
+    }
+    /// The tracer is a child of this process, in the leaf of the main process: a change of its own.
+    SystemCalls CountRound() {
+        return CountSystemCalls([&] { Round(); },
+                                [&] {
+                                    Round();
+                                    Round();
+                                    support::SleepMs(kFreshMs);
+                                });
+    }
+    static uint64_t Rounds() { return zel::GetCgroupKeeperStatus().rounds; }
+
+    std::unique_ptr<zel::CCgroupManager> manager;
+    std::unique_ptr<Child> component;
+};
+
+TEST_F(QuietTreeTest, ARoundOpensNothingAndIsFlatInTheGroups) {
+    Build(0);
+    const uint64_t rounds = Rounds();
+    Round();
+    EXPECT_EQ(rounds + 1, Rounds()) << "it counts as a round";
+    const SystemCalls few = CountRound();
+    if (!few.counted) GTEST_SKIP() << kNoTrace;
+    EXPECT_EQ(0, few.opens);
+    EXPECT_EQ(0, few.writes);
+    EXPECT_GT(zel::GetCgroupKeeperStatus().lastGroups, 0);
+    Build(kMany);
+    const SystemCalls many = CountRound();
+    EXPECT_EQ(0, many.opens);
+    EXPECT_EQ(few.all, many.all);
+    printf("[ FIGURE ] a round at rest: %d system calls, with %d groups more %d\n", few.all, 5 * kMany, many.all);
+}
+
+TEST_F(QuietTreeTest, APollOpensNothingAndIsFlatInTheGroups) {
+    Build(0);
+    PollOom();
+    const SystemCalls few = CountSystemCalls([&] { PollOom(); });
+    if (!few.counted) GTEST_SKIP() << kNoTrace;
+    EXPECT_EQ(0, few.opens);
+    EXPECT_EQ(0, few.writes);
+    Build(kMany);
+    PollOom();
+    const SystemCalls many = CountSystemCalls([&] { PollOom(); });
+    EXPECT_EQ(0, many.opens);
+    EXPECT_EQ(few.all, many.all);
+    printf("[ FIGURE ] a poll at rest: %d system calls, with %d groups more %d\n", few.all, 5 * kMany, many.all);
+}
+
+TEST_F(QuietTreeTest, AMoveAwayIsSeenInAListThatStaysOpen) {
+    Build(0);
+    for (const std::string& root : {layout.cpuMount, layout.memMount}) {
+        ASSERT_TRUE(WriteText(root + "/cgroup.procs", std::to_string(component->Pid())));
+        const std::vector<zel::CgroupDrift> found = Round();
+        ASSERT_EQ(1u, found.size()) << root;
+        EXPECT_TRUE(found[0].repaired);
+        EXPECT_TRUE(IsIn(component->Pid(), kLeaf));
+        Round();
+        support::SleepMs(kFreshMs);
+        EXPECT_TRUE(Round().empty());
+        support::SleepMs(kFreshMs);
+    }
+}
+
+// What is open in it must not keep an operator from unmounting a hierarchy.
+TEST_F(QuietTreeTest, KeepsNoMountBusy) {
+    Build(0);
+    const support::TempDir folder;
+    for (const std::string& source : {layout.cpuMount, layout.memMount}) {
+        ASSERT_EQ(0, mount(source.c_str(), folder.Path().c_str(), nullptr, MS_BIND, nullptr));
+        Round();
+        Round();
+        support::SleepMs(kFreshMs);
+        Round();
+        EXPECT_EQ(0, umount(folder.Path().c_str())) << "busy, errno " << errno;
+    }
+    EXPECT_TRUE(Round().empty());
+}
+
+// The later mount of two is the one that is used: the tree is looked after through it, and it can be unmounted.
+TEST_F(QuietTreeTest, TheMountInUseIsNotBusyEither) {
+    const support::TempDir folder;
+    ASSERT_EQ(0, mount(layout.cpuMount.c_str(), folder.Path().c_str(), nullptr, MS_BIND, nullptr));
+    const std::string real = cpuTree;
+    cpuTree = folder.Path() + "/" + treeName;
+    Build(0);
+    const bool open = Round().empty();
+    const int done = umount(folder.Path().c_str());
+    const int error = errno;
+    cpuTree = real;
+    EXPECT_TRUE(open);
+    EXPECT_EQ(0, done) << "errno " << error;
+    for (int i = 0; i < 3; ++i) Round();
+    EXPECT_TRUE(IsIn(component->Pid(), kLeaf));
+}
+
+void DisturbAndExpectRepair(const std::string& cpuTree, bool isV2, const std::function<void()>& round) {
+    const std::string file = cpuTree + "/" + kLeaf + (isV2 ? "/cpu.max" : "/cpu.cfs_quota_us");
+    const std::string asked = ReadValue(file);
+    ASSERT_TRUE(WriteText(file, isV2 ? "max" : "-1"));
+    ASSERT_NE(asked, ReadValue(file));
+    round();
+    EXPECT_EQ(asked, ReadValue(file));
+}
+
+TEST_F(QuietTreeTest, WithoutInotifyEachRoundLooksAtEverything) {
+    const bool ran = support::RunWithoutCall(SYS_inotify_init1, EMFILE, [&] {
+        Build(0);
+        EXPECT_GT(CountRound().opens, 0);
+        DisturbAndExpectRepair(cpuTree, layout.cpuV2, [&] { Round(); });
+    });
+    if (!ran) GTEST_SKIP() << "SKIP direct: no filter can be set";
+}
+
+TEST_F(QuietTreeTest, WithoutRoomForAWatchEachRoundLooksAtEverything) {
+    const bool ran = support::RunWithoutCall(SYS_inotify_add_watch, ENOSPC, [&] {
+        Build(0);
+        EXPECT_GT(CountRound().opens, 0);
+        DisturbAndExpectRepair(cpuTree, layout.cpuV2, [&] { Round(); });
+    });
+    if (!ran) GTEST_SKIP() << "SKIP direct: no filter can be set";
+}
+
+TEST_F(QuietTreeTest, WithoutAPrivateViewListsAreOpenedEachTime) {
+    constexpr long kOpenTree = 428;
+    const bool ran = support::RunWithoutCall(kOpenTree, EPERM, [&] {
+        Build(0);
+        const SystemCalls calls = CountRound();
+        if (calls.counted) {
+            EXPECT_GT(calls.opens, 0);
+            EXPECT_LE(calls.opens, 8) << "nothing but the lists of two leaves in two hierarchies";
+        }
+        ASSERT_TRUE(WriteText(layout.cpuMount + "/cgroup.procs", std::to_string(component->Pid())));
+        Round();
+        EXPECT_TRUE(IsIn(component->Pid(), kLeaf));
+        DisturbAndExpectRepair(cpuTree, layout.cpuV2, [&] { Round(); });
+    });
+    if (!ran) GTEST_SKIP() << "SKIP direct: no filter can be set";
+}
+
+TEST_F(QuietTreeTest, AnOverflowOfWhatIsToldCountsAsAChangeOfEverything) {
+    Build(0);
+    auto leaf = GroupDir::Open(cpuTree + "/" + kLeaf, layout.cpuV2 ? Version::kV2 : Version::kV1);
+    ASSERT_TRUE(leaf.Ok());
+    TreeWatch watch;
+    watch.Begin();
+    watch.Watch(*leaf);
+    watch.End();
+    ASSERT_TRUE(watch.IsWhole());
+    const uint64_t counts = watch.Counts();
+    const uint64_t queue = std::stoull(ReadValue("/proc/sys/fs/inotify/max_queued_events"));
+    if (queue > 100000) GTEST_SKIP() << "SKIP direct: " << queue << " events are queued here";
+    const std::string asked = ReadValue(cpuTree + "/" + kLeaf + "/cgroup.procs");
+    for (uint64_t i = 0; i <= queue / 2; ++i) {
+        // One after the other, since the same event twice in a row is told once.
+        ASSERT_TRUE(WriteText(cpuTree + "/" + kLeaf + "/cgroup.procs", asked.substr(0, asked.find('\n'))));
+        const std::string other = layout.cpuV2 ? "/cgroup.max.depth" : "/notify_on_release";
+        ASSERT_TRUE(WriteText(cpuTree + "/" + kLeaf + other, layout.cpuV2 ? "max" : "0"));
+    }
+    watch.Drain();
+    EXPECT_GE(watch.Changes(), queue);
+    EXPECT_EQ(counts + 1, watch.Counts()) << "the overflow may hide any event";
+}
+
+class QuietOomTest : public QuietTreeTest {
+protected:
+    /// Returns: wait status of a process that touches 200 MB in the component's leaf.
+    int Eat() const {
+        Child hog([&] {
+            constexpr size_t kBytes = 200U << 20;
+            if (!WriteText(memTree + "/" + kLeaf + "/cgroup.procs", std::to_string(getpid()))) return 2;
+            char* memory =
+                static_cast<char*>(mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+            if (memory == MAP_FAILED) return 3;
+            for (size_t at = 0; at < kBytes; at += 4096) memory[at] = 1;
+            return 0;
+        });
+        return hog.Wait();
+    }
+};
+
+TEST_F(QuietOomTest, AKillIsReportedAfterALongSilence) {
+    Build(0);
+    for (int i = 0; i < 5; ++i) EXPECT_TRUE(PollOom().empty());
+    const int status = Eat();
+    ASSERT_TRUE(WIFSIGNALED(status)) << status;
+    std::vector<zel::CgroupMemoryOomEvent> events = PollOom();
+    ASSERT_EQ(2u, events.size());
+    EXPECT_EQ("collect-defense", events[1].group);
+    EXPECT_EQ(1, events[1].oom_kill_delta);
+    for (int i = 0; i < 5; ++i) EXPECT_TRUE(PollOom().empty());
+}
+
+// A snapshot between two polls takes nothing away from the second one.
+TEST_F(QuietOomTest, AKillThatASnapshotSawFirstIsReported) {
+    Build(0);
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(PollOom().empty());
+    ASSERT_TRUE(WIFSIGNALED(Eat()));
+    std::vector<zel::CgroupMemoryOomEvent> snapshot;
+    ASSERT_TRUE(manager->SnapshotSelfMemoryOomCounters(snapshot));
+    EXPECT_EQ(2u, PollOom().size());
+}
+
+}  // namespace
