@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "ControlText.h"
+#include "kernel/ControlText.h"
 #include "Hierarchy.h"
 #include "base/ProcGroups.h"
 

@@ -4,7 +4,7 @@
 
 #include <optional>
 
-#include "GroupDir.h"
+#include "kernel/GroupDir.h"
 
 namespace zel {
 namespace cgroup {

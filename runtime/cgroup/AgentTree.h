@@ -6,8 +6,8 @@
 #include <string>
 
 #include "Branch.h"
-#include "Errors.h"
-#include "GroupDir.h"
+#include "kernel/Errors.h"
+#include "kernel/GroupDir.h"
 #include "GroupTargets.h"
 
 namespace zel {

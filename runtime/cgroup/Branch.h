@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "Errors.h"
-#include "GroupDir.h"
-#include "GroupTypes.h"
+#include "kernel/Errors.h"
+#include "kernel/GroupDir.h"
+#include "kernel/GroupTypes.h"
 #include "Hierarchy.h"
 #include "Placement.h"
 

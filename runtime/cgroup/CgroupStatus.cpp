@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "Hierarchy.h"
-#include "Limits.h"
+#include "kernel/Limits.h"
 #include "OwnGroup.h"
 #include "base/ProcFiles.h"
 

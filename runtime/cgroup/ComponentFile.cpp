@@ -9,7 +9,7 @@
 #include <set>
 #include <utility>
 
-#include "GroupDir.h"
+#include "kernel/GroupDir.h"
 #include "base/FileReplace.h"
 #include "base/TrustedRead.h"
 

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "Errors.h"
-#include "GroupTypes.h"
+#include "kernel/Errors.h"
+#include "kernel/GroupTypes.h"
 
 namespace zel {
 namespace cgroup {

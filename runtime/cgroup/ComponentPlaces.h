@@ -8,9 +8,9 @@
 
 #include "Branch.h"
 #include "ComponentFile.h"
-#include "Errors.h"
-#include "GroupDir.h"
-#include "GroupTypes.h"
+#include "kernel/Errors.h"
+#include "kernel/GroupDir.h"
+#include "kernel/GroupTypes.h"
 
 namespace zel {
 namespace cgroup {

@@ -8,7 +8,7 @@
 
 #include "AgentTree.h"
 #include "LimitPlan.h"
-#include "Limits.h"
+#include "kernel/Limits.h"
 #include "OwnPlacement.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/AgentNames.h"

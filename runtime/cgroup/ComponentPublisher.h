@@ -7,7 +7,7 @@
 
 #include "Branch.h"
 #include "ComponentFile.h"
-#include "Errors.h"
+#include "kernel/Errors.h"
 #include "GroupTargets.h"
 #include "Membership.h"
 #include "platform/zel/CgroupRecords.h"

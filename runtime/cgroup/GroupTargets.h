@@ -9,9 +9,9 @@
 #include <tuple>
 #include <vector>
 
-#include "Errors.h"
-#include "GroupTypes.h"
-#include "LimitUnits.h"
+#include "kernel/Errors.h"
+#include "kernel/GroupTypes.h"
+#include "kernel/LimitUnits.h"
 #include "platform/zel/CgroupRecords.h"
 
 namespace zel {

@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "CgroupFiles.h"
+#include "kernel/CgroupFiles.h"
 #include "base/ProcFiles.h"
 #include "base/ProcGroups.h"
 

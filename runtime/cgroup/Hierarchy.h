@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
-#include "GroupDir.h"
-#include "Errors.h"
-#include "Layout.h"
+#include "kernel/GroupDir.h"
+#include "kernel/Errors.h"
+#include "kernel/Layout.h"
 
 namespace zel {
 namespace cgroup {

@@ -11,11 +11,11 @@
 #include <optional>
 #include <set>
 
-#include "CgroupFiles.h"
-#include "ControlText.h"
+#include "kernel/CgroupFiles.h"
+#include "kernel/ControlText.h"
 #include "Hierarchy.h"
 #include "LimitPlan.h"
-#include "Limits.h"
+#include "kernel/Limits.h"
 #include "OwnGroup.h"
 #include "OwnPlacement.h"
 #include "Reconcile.h"

@@ -7,7 +7,7 @@
 #include <set>
 
 #include "Branch.h"
-#include "CgroupFiles.h"
+#include "kernel/CgroupFiles.h"
 #include "Hierarchy.h"
 #include "OwnGroup.h"
 #include "base/Fd.h"

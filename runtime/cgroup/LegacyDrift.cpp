@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-#include "CgroupFiles.h"
-#include "ControlText.h"
+#include "kernel/CgroupFiles.h"
+#include "kernel/ControlText.h"
 #include "DriftBook.h"
 #include "LegacyGroup.h"
 #include "ProcessTable.h"

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "Limits.h"
+#include "kernel/Limits.h"
 #include "OwnGroup.h"
 #include "ProcessTable.h"
 #include "base/ProcFiles.h"

@@ -9,11 +9,11 @@
 #include <utility>
 #include <vector>
 
-#include "Errors.h"
-#include "GroupDir.h"
+#include "kernel/Errors.h"
+#include "kernel/GroupDir.h"
 #include "Hierarchy.h"
-#include "LimitUnits.h"
-#include "Limits.h"
+#include "kernel/LimitUnits.h"
+#include "kernel/Limits.h"
 #include "Membership.h"
 #include "platform/zel/CgroupKeeper.h"
 #include "Placement.h"

@@ -8,7 +8,7 @@
 #include <set>
 #include <utility>
 
-#include "CgroupFiles.h"
+#include "kernel/CgroupFiles.h"
 #include "OwnPlacement.h"
 #include "Placement.h"
 #include "base/Clock.h"

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "DriftBook.h"
-#include "Errors.h"
+#include "kernel/Errors.h"
 #include "LegacyGroup.h"
 #include "Membership.h"
 #include "base/Mutex.h"

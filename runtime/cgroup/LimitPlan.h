@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "Errors.h"
+#include "kernel/Errors.h"
 #include "GroupTargets.h"
-#include "GroupTypes.h"
-#include "LimitUnits.h"
+#include "kernel/GroupTypes.h"
+#include "kernel/LimitUnits.h"
 
 namespace zel {
 namespace cgroup {

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "Errors.h"
-#include "GroupDir.h"
+#include "kernel/Errors.h"
+#include "kernel/GroupDir.h"
 #include "Hierarchy.h"
 
 namespace zel {

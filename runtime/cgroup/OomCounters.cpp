@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "CgroupFiles.h"
+#include "kernel/CgroupFiles.h"
 
 namespace zel {
 namespace cgroup {

@@ -9,10 +9,10 @@
 #include <utility>
 #include <vector>
 
-#include "GroupDir.h"
+#include "kernel/GroupDir.h"
 #include "OomRecord.h"
-#include "Limits.h"
-#include "Errors.h"
+#include "kernel/Limits.h"
+#include "kernel/Errors.h"
 #include "platform/zel/CgroupRecords.h"
 
 namespace zel {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "GroupTypes.h"
+#include "kernel/GroupTypes.h"
 
 namespace zel {
 namespace cgroup {

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "Errors.h"
-#include "GroupDir.h"
+#include "kernel/Errors.h"
+#include "kernel/GroupDir.h"
 
 namespace zel {
 namespace cgroup {

@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "AgentProcesses.h"
-#include "CgroupFiles.h"
-#include "Limits.h"
+#include "kernel/CgroupFiles.h"
+#include "kernel/Limits.h"
 #include "OwnGroup.h"
 #include "base/Mutex.h"
 #include "base/ProcGroups.h"

@@ -5,10 +5,10 @@
 
 #include <string>
 
-#include "Errors.h"
-#include "GroupDir.h"
+#include "kernel/Errors.h"
+#include "kernel/GroupDir.h"
 #include "Hierarchy.h"
-#include "LimitUnits.h"
+#include "kernel/LimitUnits.h"
 
 namespace zel {
 namespace cgroup {

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <set>
 
-#include "Errors.h"
+#include "kernel/Errors.h"
 #include "base/ProcFiles.h"
 
 namespace zel {

@@ -94,6 +94,10 @@ void QuietTree::NoteMembers(const GroupDir& leaf, const char* file) {
 }
 
 void QuietTree::NoteThreads(int pid) {
+    // One count serves the leaves of all hierarchies: the first one, since what began meanwhile is judged with it.
+    for (const Threads& known : m_threads) {
+        if (known.pid == pid) return;
+    }
     const Result<uint64_t> count = base::CountThreads(pid);
     if (count) m_threads.push_back({pid, *count});
     m_complete = m_complete && count;

@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "Errors.h"
-#include "GroupDir.h"
-#include "Layout.h"
-#include "TreeWatch.h"
+#include "kernel/Errors.h"
+#include "kernel/GroupDir.h"
+#include "kernel/Layout.h"
+#include "kernel/TreeWatch.h"
 #include "base/Fd.h"
 
 namespace zel {

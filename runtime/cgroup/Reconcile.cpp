@@ -7,7 +7,7 @@
 
 #include "AgentTree.h"
 #include "LimitPlan.h"
-#include "Limits.h"
+#include "kernel/Limits.h"
 #include "TreeFacts.h"
 
 namespace zel {

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "Branch.h"
-#include "Errors.h"
+#include "kernel/Errors.h"
 #include "GroupTargets.h"
 
 namespace zel {

@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "Limits.h"
+#include "kernel/Limits.h"
 #include "OwnGroup.h"
 
 namespace zel {

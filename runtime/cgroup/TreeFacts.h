@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "Branch.h"
-#include "Errors.h"
-#include "GroupDir.h"
+#include "kernel/Errors.h"
+#include "kernel/GroupDir.h"
 #include "LimitPlan.h"
 
 namespace zel {

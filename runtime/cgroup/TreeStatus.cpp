@@ -6,8 +6,8 @@
 #include <set>
 
 #include "Branch.h"
-#include "Limits.h"
-#include "LimitUnits.h"
+#include "kernel/Limits.h"
+#include "kernel/LimitUnits.h"
 #include "OomCounters.h"
 #include "OwnGroup.h"
 #include "base/ProcFiles.h"

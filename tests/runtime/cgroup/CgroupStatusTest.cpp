@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 
 #include "LegacyLimit.h"
-#include "Limits.h"
+#include "kernel/Limits.h"
 #include "RealKernel.h"
 
 using namespace zel::cgroup;

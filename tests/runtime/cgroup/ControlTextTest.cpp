@@ -1,5 +1,5 @@
 // The readers of control files, with good and with hostile text.
-#include "ControlText.h"
+#include "kernel/ControlText.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

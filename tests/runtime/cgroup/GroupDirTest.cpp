@@ -1,12 +1,12 @@
 // Groups and limits on the machine's version 1 controllers.
-#include "GroupDir.h"
+#include "kernel/GroupDir.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
 #include <cerrno>
 
-#include "Limits.h"
+#include "kernel/Limits.h"
 #include "Placement.h"
 #include "RealKernel.h"
 #include "support/Faults.h"

@@ -1,5 +1,5 @@
 // The layout is parsed once for each change of the mounts, and read without an open in between.
-#include "Layout.h"
+#include "kernel/Layout.h"
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>

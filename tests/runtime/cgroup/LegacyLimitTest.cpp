@@ -16,7 +16,7 @@
 #include <memory>
 #include <thread>
 
-#include "Limits.h"
+#include "kernel/Limits.h"
 #include "ProcessTable.h"
 #include "RealKernel.h"
 #include "base/ProcFiles.h"

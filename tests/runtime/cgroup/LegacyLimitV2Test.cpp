@@ -10,7 +10,7 @@
 #include <memory>
 
 #include "LegacyLimit.h"
-#include "Limits.h"
+#include "kernel/Limits.h"
 #include "RealKernel.h"
 #include "support/Files.h"
 #include "support/RecordedLog.h"

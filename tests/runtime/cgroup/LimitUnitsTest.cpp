@@ -1,5 +1,5 @@
 // Amounts to the kernel's quota, period and pages, and back.
-#include "LimitUnits.h"
+#include "kernel/LimitUnits.h"
 
 #include <gtest/gtest.h>
 

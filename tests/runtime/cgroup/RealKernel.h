@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "GroupDir.h"
+#include "kernel/GroupDir.h"
 #include "Hierarchy.h"
 #include "support/Files.h"
 
