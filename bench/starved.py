@@ -9,6 +9,7 @@ keeper repairs it, and how long the console's status takes; says which of them i
 """
 import argparse
 import os
+import re
 import shutil
 import statistics
 import subprocess
@@ -21,6 +22,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from processes import Agent, COMPONENTS, read  # noqa: E402
 from rows import SOURCE  # noqa: E402
 
+SAMPLER = "ResourceMonitor"  # its thread's name
 RHYTHM_SECONDS = 5  # of the keeper
 MISSED_SHARE = 0.01
 RHYTHMS = 3
@@ -82,6 +84,17 @@ def rounds(agent):
     return found
 
 
+def waited_ms(agent):
+    """{process: how long its sampler was ready and did not get a processor, in all}"""
+    found = {}
+    for pid in [agent.process.pid] + agent.children():
+        name = (re.search(rb"--name\0([^\0]+)", open(f"/proc/{pid}/cmdline", "rb").read()) or [b"", b"tervane"])[1]
+        for task in os.listdir(f"/proc/{pid}/task"):
+            if read(f"/proc/{pid}/task/{task}/comm").strip() == SAMPLER:
+                found[name.decode()] = int(read(f"/proc/{pid}/task/{task}/schedstat").split()[1]) / 1e6
+    return found
+
+
 def repair_seconds(agent, drifts):
     """How long a foreign quota stands in a component's leaf, each time."""
     times = []
@@ -123,16 +136,20 @@ def throttled(agent):
 
 def report(agent, options):
     before = rounds(agent)
+    waits = waited_ms(agent)
     periods = throttled(agent)
     time.sleep(options.seconds)
     after = rounds(agent)
+    waited = waited_ms(agent)
     wrong = [] if len(after) == len(COMPONENTS) + 1 else ["not every process gave its status"]
     for name in sorted(set(before) & set(after)):
         made = after[name][0] - before[name][0]
         span = after[name][1] - before[name][1]
         # Two moments lie within a round each: one round more or less is not known.
         missed = max(0.0, (span - 1 - made) / span)
-        print(f"{name}: {made} rounds in {span:.1f} s, {100 * missed:.1f} % missed")
+        wait = (waited.get(name, 0) - waits.get(name, 0)) / max(made, 1)
+        print(f"{name}: {made} rounds in {span:.1f} s, {100 * missed:.1f} % missed; ready without a processor for "
+              f"{wait:.0f} ms a round")
         if missed > MISSED_SHARE:
             wrong.append(f"{name} missed {100 * missed:.1f} % of its rounds")
     for leaf, (total, held) in sorted(throttled(agent).items()):
