@@ -28,6 +28,12 @@ constexpr off_t kReserveBytes = 512 * 1024;
 constexpr mode_t kReserveMode = 0640;
 // What is committed at once, and what waits in memory, is at most this part of what the write-ahead log may hold.
 constexpr uint64_t kLogParts = 8;
+// The log begins anew at about this length, below what it is cut to: writing over what is there already takes a disk
+// less than making a file longer.
+constexpr uint64_t kLogStep = 768 * 1024;
+// What is waited for other senders is at most this part of a commit, and never longer than this.
+constexpr int kLingerParts = 4;
+constexpr std::chrono::milliseconds kMostLinger{20};
 constexpr size_t kNameDigits = 16;
 // Bytes of a database that hold its user version, and what that is in a spool that holds nothing: neither a message nor
 // a count that somebody asks for. Source: sqlite.org/fileformat2.html, "The Database Header".
@@ -131,8 +137,8 @@ base::Status CEventSpool::OpenOnce() {
     options.busyMs = kBusyMs;
     options.manyThreads = true;
     options.countLog = true;
-    // FULL: a commit is on disk when it returns. The log is moved into the file by the keeper, so that no sender pays
-    // for it, and by a sender only when the keeper cannot follow.
+    // FULL: a commit is on disk when it returns. The log is moved into the file once a second, and by a sender at a
+    // rate at which it has become long by then.
     options.setUp =
         "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA wal_autocheckpoint=0;"
         "PRAGMA journal_size_limit=1048576;"
@@ -146,6 +152,7 @@ base::Status CEventSpool::OpenOnce() {
         "COMMIT;";
     m_counted = false;
     m_nextLogBound = 0;
+    m_nextLogMove = 0;
     base::Status status = m_writer.Open(m_path, options);
     if (status) status = ReadFacts();
     // A cursor that is lost with the power means a message delivered twice, with the same id: allowed, and cheap.
@@ -601,6 +608,11 @@ uint64_t CEventSpool::MostLogBytes() const {
 base::Status CEventSpool::BoundLog() {
     const uint64_t most = MostLogBytes();
     if (m_nextLogBound == 0) m_nextLogBound = most / 4;
+    if (m_writer.LogBytes() < kLogStep) m_nextLogMove = kLogStep;
+    if (m_writer.LogBytes() >= m_nextLogMove) {
+        m_nextLogMove = m_writer.LogBytes() + kLogStep;
+        m_writer.Checkpoint();
+    }
     if (m_writer.LogBytes() < m_nextLogBound) return {};
     base::MutexLock lock(m_readLock);  // no reader of ours is in its way
     const base::Status restarted = m_writer.RestartLog();
@@ -694,6 +706,13 @@ void CEventSpool::GiveUpLead() {
     m_committed.notify_all();
 }
 
+void CEventSpool::WaitForOthers() {
+    const auto end =
+        std::chrono::steady_clock::now() + std::min<std::chrono::nanoseconds>(m_commitTime / kLingerParts, kMostLinger);
+    while (m_queue.size() < m_expected && m_arrived.wait_until(m_queueLock, end) != std::cv_status::timeout) {
+    }
+}
+
 std::vector<CEventSpool::Request*> CEventSpool::TakeBatch() {
     size_t count = 0;
     for (uint64_t bytes = 0; count < m_queue.size() && bytes < MostLogBytes() / kLogParts; ++count) {
@@ -710,24 +729,31 @@ bool CEventSpool::Append(SpoolMessage message) {
     request.message = std::move(message);
     base::MutexLock lock(m_queueLock);
     m_queue.push_back(&request);
+    m_arrived.notify_one();
     while (!request.done) {
         if (m_leader) {
             m_committed.wait(m_queueLock);
             continue;
         }
+        m_leader = true;
+        WaitForOthers();
         std::vector<Request*> batch;
         try {
             batch = TakeBatch();
         } catch (const std::exception&) {
+            m_leader = false;
             m_queue.erase(std::find(m_queue.begin(), m_queue.end(), &request));
             m_committed.notify_all();  // another one leads
             throw;
         }
-        m_leader = true;
         lock.unlock();
+        const auto begun = std::chrono::steady_clock::now();
         const bool durable = CommitOrDrop(batch);
+        const auto took = std::chrono::steady_clock::now() - begun;
         lock.lock();
         m_leader = false;
+        m_commitTime = took;
+        m_expected = batch.size() + m_queue.size();
         for (Request* each : batch) {
             each->durable = durable;
             each->done = true;

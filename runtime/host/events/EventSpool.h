@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -29,7 +30,8 @@ struct SpoolMessage {
 
 /// Thread-safety: every operation from any thread between Open and Close.
 /// Writers are committed in groups: whoever finds nobody writing commits for all that wait, so a caller waits for at
-/// most the commit under way and its own. The readers' side has a connection of its own that never syncs.
+/// most the commit under way and its own. Where several send at a time, the one that commits gives the others a moment
+/// to come, a small part of what a commit takes. The readers' side has a connection of its own that never syncs.
 class CEventSpool {
 public:
     CEventSpool() = default;
@@ -130,6 +132,8 @@ private:
     // Of the leader.
     void TakeLead();
     void GiveUpLead();
+    /// Gives those a moment that were there for the last commits.
+    void WaitForOthers() ZEL_REQUIRES(m_queueLock);
     std::vector<Request*> TakeBatch() ZEL_REQUIRES(m_queueLock);
     bool CommitOrDrop(const std::vector<Request*>& batch);
     bool CommitBatch(const std::vector<Request*>& batch);
@@ -208,6 +212,9 @@ private:
     base::Condition m_committed;
     std::vector<Request*> m_queue ZEL_GUARDED_BY(m_queueLock);
     bool m_leader ZEL_GUARDED_BY(m_queueLock) = false;
+    base::Condition m_arrived;
+    size_t m_expected ZEL_GUARDED_BY(m_queueLock) = 1;  // senders that the last commits have seen
+    std::chrono::nanoseconds m_commitTime ZEL_GUARDED_BY(m_queueLock){0};
 
     // of the leader, and of FlushMemory as one
     base::Database m_writer;
@@ -215,7 +222,8 @@ private:
     std::deque<SpoolMessage> m_memory;
     uint64_t m_memoryBytes = 0;
     uint64_t m_unsavedDrops = 0;  // counted already, and not yet in the file
-    uint64_t m_nextLogBound = 0;  // length of the log at which it is moved into the file
+    uint64_t m_nextLogBound = 0;  // length of the log at which it is moved into the file, whoever reads
+    uint64_t m_nextLogMove = 0;   // the same, as far as nobody reads
     bool m_reserve = false;
     bool m_settled = false;                // the file says that it holds nothing
     std::atomic<bool> m_resting{false};    // closed because nothing waits; changed by the leader
