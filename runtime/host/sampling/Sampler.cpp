@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <utility>
 
 #include "base/FileIo.h"
 #include "platform/zel/ThreadUtil.h"
@@ -80,11 +81,16 @@ void CSampler::Run() {
     zel::CThreadUtil::SetThreadName("ResourceMonitor");
     Begin();
     auto due = std::chrono::steady_clock::now();
+    std::chrono::milliseconds length(0);
     for (;;) {
         MakeRound();
-        const auto length = std::chrono::milliseconds(m_rules.RoundMs());
-        due += length;
+        const auto before = std::exchange(length, std::chrono::milliseconds(m_rules.RoundMs()));
         const auto now = std::chrono::steady_clock::now();
+        if (length == before) {
+            due += length;
+        } else {
+            due += ToSharedPhase(std::chrono::nanoseconds(ClockNs(CLOCK_BOOTTIME)) - (now - due), length);
+        }
         if (now > due) {
             // Rounds that could not be made are left out, not made up for: the figures count by real time.
             const auto behind = (now - due) / length + 1;

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "sampling/ActiveSampler.h"
+#include "sampling/Sampler.h"
 #include "sampling/SamplerEvents.h"
 #include "sampling/SamplingSettings.h"
 #include "HostSupport.h"
@@ -533,3 +534,56 @@ TEST(SamplerEventsTest, AThreadThatServesIsNamedAsSuch) {
     EXPECT_THAT(zelhost::ServingWords("console-work"), testing::HasSubstr("console"));
     EXPECT_EQ("", zelhost::ServingWords("worker"));
 }
+
+namespace {
+
+TEST(SamplingPhaseTest, TheNextRoundIsOnTheMultiplesSinceBoot) {
+    for (const int64_t length : {1000, 2000, 10000}) {
+        for (int64_t madeAt = 123450; madeAt < 123450 + 2 * length; madeAt += 50) {
+            const int64_t wait = std::chrono::duration_cast<milliseconds>(
+                                     zelhost::ToSharedPhase(milliseconds(madeAt), milliseconds(length)))
+                                     .count();
+            EXPECT_EQ(0, (madeAt + wait) % length) << madeAt;
+            EXPECT_GE(wait, length / 2) << madeAt;
+            EXPECT_LT(wait, length + length / 2) << madeAt;
+        }
+    }
+    EXPECT_EQ(milliseconds(100), zelhost::ToSharedPhase(milliseconds(1234), milliseconds(100))) << "keeps none";
+}
+
+/// When its rounds were made.
+class TimedSampler : public CResourceMonitor {
+public:
+    ~TimedSampler() override { StopMonitor(); }
+    void MonitorOther(unsigned long) override {
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_rounds.push_back(std::chrono::steady_clock::now());
+    }
+    std::vector<std::chrono::steady_clock::time_point> Rounds() {
+        std::lock_guard<std::mutex> lock(m_lock);
+        return m_rounds;
+    }
+
+private:
+    std::mutex m_lock;
+    std::vector<std::chrono::steady_clock::time_point> m_rounds;
+};
+
+TEST(SamplingPhaseTest, SamplersThatStartApartMeetAtTheirRounds) {
+    TimedSampler one;
+    TimedSampler other;
+    ASSERT_TRUE(one.StartMonitor(nullptr));
+    std::this_thread::sleep_for(milliseconds(400));
+    ASSERT_TRUE(other.StartMonitor(nullptr));
+    ASSERT_TRUE(Eventually([&] { return one.Rounds().size() >= 4 && other.Rounds().size() >= 4; }));
+    const auto a = one.Rounds();
+    const auto b = other.Rounds();
+    const auto apart = [](auto x, auto y) { return x < y ? y - x : x - y; };
+    auto closest = apart(a[1], b[1]);
+    for (size_t i = 1; i < a.size(); ++i) {
+        for (size_t k = 1; k < b.size(); ++k) closest = std::min(closest, apart(a[i], b[k]));
+    }
+    EXPECT_LT(closest * 5, apart(a[0], b[0]));
+}
+
+}  // namespace
