@@ -1,24 +1,19 @@
 // Broadcast between the agent's processes over SOCK_SEQPACKET: one packet is one message, "<type>\0<body>".
-// The server's loop owns the connections; senders only append to bounded queues and wake it. All sockets are
-// non-blocking, so neither a stopped nor a dead subscriber can hold anybody up.
+// The process's loop owns the connections of both sides; senders only append to bounded queues and wake it, and a
+// message is given to its receiver by a job. All sockets are non-blocking, so neither a stopped nor a dead subscriber
+// can hold anybody up.
 #include "platform/zel/IpcBroadcast.h"
 
-#include <poll.h>
-#include <pthread.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <deque>
 #include <map>
+#include <new>
 #include <string>
-#include <system_error>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -28,6 +23,7 @@
 #include "base/LocalSocket.h"
 #include "base/Mutex.h"
 #include "base/RateBudget.h"
+#include "base/WorkQueue.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ProcessLoop.h"
 
@@ -41,8 +37,8 @@ constexpr size_t kMaxQueued = 32;
 /// Types whose latest message is kept for late joiners.
 constexpr size_t kMaxRetainedTypes = 16;
 /// Pause between two attempts to connect: short after a loss, longer while there is no server.
-constexpr int kFirstRetryMs = 50;
-constexpr int kLongestRetryMs = 1000;
+constexpr std::chrono::milliseconds kFirstRetry(50);
+constexpr std::chrono::milliseconds kLongestRetry(1000);
 /// Pause after the kernel had no memory for a packet, which says nothing about when it will have some.
 constexpr std::chrono::milliseconds kNoMemoryPause(100);
 
@@ -301,15 +297,22 @@ uint64_t CIpcBroadcastServer::GetDroppedCount() {
     return m_impl->dropped;
 }
 
+// The loop waits for one message at a time; the next one is looked at when the receiver is done with it. So a receiver
+// that takes long holds up neither the loop nor the server, which drops what is too much for its queue.
 struct CIpcBroadcastSubscriber::Impl {
     std::string path;
     Callback callback;
-    base::Fd stop;
+    std::shared_ptr<base::IoLoop> loop;  // the process's; null while it is stopped
+    std::unique_ptr<base::WorkQueue> calls;
     std::atomic<bool> connected{false};
-    std::thread thread;
-    bool refusalLogged = false;
     base::Mutex mutex;
     int speaking ZEL_GUARDED_BY(mutex) = -1;  // the connection's descriptor, while it is open
+    // Of the loop's thread.
+    std::unique_ptr<base::IoTimer> retry;
+    std::chrono::milliseconds pause = kFirstRetry;
+    bool refusalLogged = false;
+    base::Fd socket;
+    std::unique_ptr<base::IoWatch> watch;  // null unless connected; ends before the socket does
 
     void WarnOnce(const std::string& text);
     base::Fd Connect();
@@ -317,10 +320,13 @@ struct CIpcBroadcastSubscriber::Impl {
         const base::MutexLock guard(mutex);
         speaking = descriptor;
     }
-    bool WaitForStop(int milliseconds) const;
-    void Deliver(const char* data, size_t size) const;
-    void Listen(const base::Fd& socket) const;
-    void Run();
+    void TryToListen();
+    void Disconnect();
+    void TryLater();
+    void WaitForMessage();
+    void TakeMessage();
+    /// Of the job. `message`: "<type>\0<body>".
+    void Deliver(const std::string& message) const;
 };
 
 void CIpcBroadcastSubscriber::Impl::WarnOnce(const std::string& text) {
@@ -329,86 +335,91 @@ void CIpcBroadcastSubscriber::Impl::WarnOnce(const std::string& text) {
 
 /// Returns: an empty descriptor when there is no server that may be listened to.
 base::Fd CIpcBroadcastSubscriber::Impl::Connect() {
-    base::Result<base::Fd> socket = base::ConnectLocal(path, base::SocketKind::kPacket, base::DirectoryOwner::kTrusted);
-    if (!socket) {
+    base::Result<base::Fd> made = base::ConnectLocal(path, base::SocketKind::kPacket, base::DirectoryOwner::kTrusted);
+    if (!made) {
         // A server that is not there yet, or busy, is no news.
-        const base::Error& error = socket.GetError();
+        const base::Error& error = made.GetError();
         if (error.kind != base::ErrorKind::kNoServer) WarnOnce("cannot listen: " + error.Text());
         return base::Fd();
     }
-    const base::Result<base::Peer> peer = base::ReadPeer(socket->Get());
+    const base::Result<base::Peer> peer = base::ReadPeer(made->Get());
     if (!peer || !peer->IsTrusted()) {
         WarnOnce((peer ? *peer : base::Peer()).Text() + " serves " + path + " and is not listened to");
         return base::Fd();
     }
     refusalLogged = false;
-    return std::move(*socket);
+    return std::move(*made);
 }
 
-bool CIpcBroadcastSubscriber::Impl::WaitForStop(int milliseconds) const {
-    pollfd polled{stop.Get(), POLLIN, 0};
-    return poll(&polled, 1, milliseconds) > 0;
+void CIpcBroadcastSubscriber::Impl::TryToListen() {
+    socket = Connect();
+    if (!socket.IsOpen()) return TryLater();
+    watch = std::make_unique<base::IoWatch>(*loop);
+    if (!watch->Open(socket.Get())) {  // no memory for it in the kernel
+        Disconnect();
+        return TryLater();
+    }
+    pause = kFirstRetry;
+    Speak(socket.Get());
+    connected = true;
+    WaitForMessage();
 }
 
-void CIpcBroadcastSubscriber::Impl::Deliver(const char* data, size_t size) const {
-    const void* end = std::memchr(data, '\0', size);
-    if (end == nullptr) {
+void CIpcBroadcastSubscriber::Impl::Disconnect() {
+    connected = false;
+    Speak(-1);
+    watch.reset();
+    socket.Reset();
+}
+
+void CIpcBroadcastSubscriber::Impl::TryLater() {
+    retry->Start(pause, [this] { TryToListen(); });
+    pause = std::min(pause * 2, kLongestRetry);
+}
+
+void CIpcBroadcastSubscriber::Impl::WaitForMessage() {
+    if (watch == nullptr) return;
+    watch->WaitReadable([this] {
+        try {
+            TakeMessage();
+        } catch (const std::bad_alloc&) {
+            // The server gives the latest messages again.
+            Disconnect();
+            TryLater();
+        }
+    });
+}
+
+void CIpcBroadcastSubscriber::Impl::TakeMessage() {
+    const ssize_t size = recv(socket.Get(), nullptr, 0, MSG_PEEK | MSG_TRUNC);
+    if (size < 0 && (errno == EINTR || errno == EAGAIN)) return WaitForMessage();
+    if (size <= 0) {
+        Disconnect();
+        return TryLater();
+    }
+    const bool fits = static_cast<size_t>(size) <= kIpcMaxTypeBytes + 1 + kIpcMaxBodyBytes;
+    std::string message(fits ? static_cast<size_t>(size) : 0, '\0');
+    if (recv(socket.Get(), message.data(), message.size(), MSG_TRUNC) != size) return WaitForMessage();
+    if (!fits) {
+        Log(kLogWarning, __LINE__, "a message beyond the bounds was dropped");
+        return WaitForMessage();
+    }
+    calls->Add([this, held = std::move(message)] {
+        Deliver(held);
+        loop->Post([this] { WaitForMessage(); });
+    });
+}
+
+void CIpcBroadcastSubscriber::Impl::Deliver(const std::string& message) const {
+    const size_t end = message.find('\0');
+    if (end == std::string::npos) {
         Log(kLogWarning, __LINE__, "a message without a type was dropped");
         return;
     }
-    const size_t typeSize = static_cast<size_t>(static_cast<const char*>(end) - data);
     try {
-        callback(std::string(data, typeSize), std::string(data + typeSize + 1, size - typeSize - 1));
+        callback(message.substr(0, end), message.substr(end + 1));
     } catch (...) {
         Log(kLogWarning, __LINE__, "the receiver of a message threw, ignoring it");
-    }
-}
-
-/// Returns when the server is gone or a stop was asked for.
-void CIpcBroadcastSubscriber::Impl::Listen(const base::Fd& socket) const {
-    std::vector<char> buffer(kIpcMaxTypeBytes + 1 + kIpcMaxBodyBytes);
-    for (;;) {
-        pollfd polled[2] = {{stop.Get(), POLLIN, 0}, {socket.Get(), POLLIN, 0}};
-        if (poll(polled, 2, -1) < 0) {
-            continue;
-        }
-        if (polled[0].revents != 0) {
-            return;
-        }
-        const ssize_t size = recv(socket.Get(), buffer.data(), buffer.size(), MSG_TRUNC);
-        if (size < 0 && (errno == EINTR || errno == EAGAIN)) {
-            continue;
-        }
-        if (size <= 0) {
-            return;
-        }
-        if (static_cast<size_t>(size) > buffer.size()) {
-            Log(kLogWarning, __LINE__, "a message beyond the bounds was dropped");
-            continue;
-        }
-        Deliver(buffer.data(), static_cast<size_t>(size));
-    }
-}
-
-void CIpcBroadcastSubscriber::Impl::Run() {
-    pthread_setname_np(pthread_self(), "broadcast-in");
-    int pause = kFirstRetryMs;
-    for (;;) {
-        {
-            const base::Fd socket = Connect();
-            if (socket.IsOpen()) {
-                Speak(socket.Get());
-                connected = true;
-                Listen(socket);
-                connected = false;
-                Speak(-1);
-                pause = kFirstRetryMs;
-            }
-        }
-        if (WaitForStop(pause)) {
-            return;
-        }
-        pause = pause * 2 < kLongestRetryMs ? pause * 2 : kLongestRetryMs;
     }
 }
 
@@ -419,31 +430,33 @@ CIpcBroadcastSubscriber::~CIpcBroadcastSubscriber() {
 }
 
 bool CIpcBroadcastSubscriber::Start(const std::string& path, Callback callback) {
-    if (m_impl->thread.joinable() || !callback) {
-        return false;
-    }
-    m_impl->stop = base::Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!m_impl->stop.IsOpen()) {
-        return false;
-    }
-    m_impl->path = path;
-    m_impl->callback = std::move(callback);
-    try {
-        m_impl->thread = std::thread([this] { m_impl->Run(); });
-    } catch (const std::system_error&) {
-        return false;
-    }
+    Impl& impl = *m_impl;
+    if (impl.loop != nullptr || !callback) return false;
+    std::string ignored;
+    impl.loop = JoinProcessLoop(ignored);
+    if (impl.loop == nullptr) return false;
+    impl.path = path;
+    impl.callback = std::move(callback);
+    impl.calls = std::make_unique<base::WorkQueue>(*impl.loop, "broadcast-in", 1);
+    impl.loop->Post([&impl] {
+        impl.retry = std::make_unique<base::IoTimer>(*impl.loop);
+        impl.pause = kFirstRetry;
+        impl.TryToListen();
+    });
     return true;
 }
 
 void CIpcBroadcastSubscriber::Stop() {
-    if (!m_impl->thread.joinable()) {
-        return;
-    }
-    eventfd_write(m_impl->stop.Get(), 1);
-    m_impl->thread.join();
-    m_impl->stop.Reset();
-    m_impl->callback = nullptr;
+    Impl& impl = *m_impl;
+    if (impl.loop == nullptr) return;
+    impl.loop->Run([&impl] {
+        impl.retry.reset();
+        impl.Disconnect();
+    });
+    impl.calls.reset();
+    impl.loop->Run([] {});  // what the last callback posted has run
+    impl.loop.reset();
+    impl.callback = nullptr;
 }
 
 bool CIpcBroadcastSubscriber::Report(const std::string& text) {

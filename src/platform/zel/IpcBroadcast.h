@@ -31,7 +31,8 @@ public:
     CIpcBroadcastServer(const CIpcBroadcastServer&) = delete;
     CIpcBroadcastServer& operator=(const CIpcBroadcastServer&) = delete;
 
-    /// Takes what a subscriber says, and which process it is by the kernel's word. Runs on the serving thread.
+    /// Takes what a subscriber says, and which process it is by the kernel's word. Runs on the
+    /// process's loop and must not block.
     /// Returns: whether that was anything; who says something else is thrown out, and so is who talks all the time.
     using Report = std::function<bool(int pid, const std::string& text)>;
     /// To be called before Start. Without it a subscriber that says anything is thrown out.
@@ -41,7 +42,7 @@ public:
     /// On failure: false with the reason in `error`; also when another process serves that path.
     bool Start(const std::string& path, std::string& error);
 
-    /// Closes every connection and removes the socket. Blocks: until the serving thread has ended.
+    /// Closes every connection and removes the socket. Blocks: until a report that is being taken is.
     void Stop();
 
     /// Queues one message for every subscriber. Never waits for one: a subscriber that does not read loses its
@@ -59,7 +60,8 @@ private:
 };
 
 /// The listening side, one per component.
-/// Thread-safety: Start and Stop from one thread, not from the callback; the callback runs on a thread of its own.
+/// Thread-safety: Start and Stop from one thread, not from the callback; the callback runs on a thread that is there
+/// while there are messages, one call at a time; it may block.
 /// Lifetime: the destructor stops it.
 class ZEL_API CIpcBroadcastSubscriber {
 public:
@@ -72,10 +74,10 @@ public:
 
     /// Listens to the server at `path` and calls back for each message, in order. Connects as soon as there is a
     /// server and again whenever it went away. A server of another user is not listened to.
-    /// Returns: false when it runs already or no thread could be started.
+    /// Returns: false when it runs already or the process has no loop.
     bool Start(const std::string& path, Callback callback);
 
-    /// Blocks: until the listening thread has ended, a callback that runs included.
+    /// Blocks: until a callback that runs has returned.
     void Stop();
 
     bool IsConnected();

@@ -403,6 +403,84 @@ TEST_F(IpcBroadcastTest, OutlivesAReceiverThatThrows) {
     EXPECT_EQ(2, calls);
 }
 
+int ThreadsNamed(const std::string& name) {
+    int count = 0;
+    for (const std::string& thread : support::NamesIn("/proc/self/task")) {
+        count += support::ReadText("/proc/self/task/" + thread + "/comm") == name + "\n" ? 1 : 0;
+    }
+    return count;
+}
+
+TEST_F(IpcBroadcastTest, ReceiverThatTakesLongHoldsUpNobody) {
+    zel::CIpcBroadcastServer server;
+    std::atomic<int> reports{0};
+    server.SetReport([&](int, const std::string&) {
+        ++reports;
+        return true;
+    });
+    ASSERT_TRUE(Start(server)) << error;
+    support::Signal begun;
+    support::Signal release;
+    Ear ears[2];
+    zel::CIpcBroadcastSubscriber slow;
+    zel::CIpcBroadcastSubscriber other;
+    ASSERT_TRUE(slow.Start(path, [&, hear = ears[0].Callback()](const std::string& type, const std::string& body) {
+        begun.Set();
+        EXPECT_TRUE(release.Wait());
+        hear(type, body);
+    }));
+    ASSERT_TRUE(other.Start(path, ears[1].Callback()));
+    ASSERT_TRUE(WaitForSubscribers(server, 2));
+    ASSERT_TRUE(server.Broadcast("A", "1"));
+    ASSERT_TRUE(begun.Wait());
+    ASSERT_TRUE(server.Broadcast("A", "2"));
+    EXPECT_EQ((Lines{"A 1", "A 2"}), ears[1].Wait(2));
+    EXPECT_TRUE(slow.Report("still here"));
+    EXPECT_TRUE(support::Eventually([&] { return reports == 1; }));
+    EXPECT_EQ(Lines{}, ears[0].Wait(0));
+    release.Set();
+    EXPECT_EQ((Lines{"A 1", "A 2"}), ears[0].Wait(2));
+}
+
+TEST_F(IpcBroadcastTest, HasNoThreadOfItsOwnWhileNothingComes) {
+    zel::CIpcBroadcastServer server;
+    ASSERT_TRUE(Start(server)) << error;
+    Ear ear;
+    zel::CIpcBroadcastSubscriber subscriber;
+    ASSERT_TRUE(subscriber.Start(path, ear.Callback()));
+    ASSERT_TRUE(server.Broadcast("A", "1"));
+    EXPECT_EQ(Lines{"A 1"}, ear.Wait(1));
+    EXPECT_TRUE(support::Eventually([] { return ThreadsNamed("broadcast-in") == 0; }));
+    EXPECT_EQ(1, ThreadsNamed("zel-io")) << "for both sides";
+    EXPECT_EQ(0, ThreadsNamed("broadcast"));
+    ASSERT_TRUE(server.Broadcast("A", "2"));
+    EXPECT_EQ((Lines{"A 1", "A 2"}), ear.Wait(2));
+}
+
+TEST_F(IpcBroadcastTest, StopWaitsForTheReceiverAndDropsTheRest) {
+    zel::CIpcBroadcastServer server;
+    ASSERT_TRUE(Start(server)) << error;
+    for (int round = 0; round < 20; ++round) {
+        std::atomic<bool> stopped{false};
+        std::atomic<int> heard{0};
+        support::Signal first;
+        zel::CIpcBroadcastSubscriber subscriber;
+        ASSERT_TRUE(subscriber.Start(path, [&](const std::string&, const std::string&) {
+            ++heard;
+            first.Set();
+            std::this_thread::sleep_for(milliseconds(5));
+            EXPECT_FALSE(stopped);
+        }));
+        for (int count = 0; count < 5; ++count) ASSERT_TRUE(server.Broadcast("A", std::to_string(count)));
+        ASSERT_TRUE(first.Wait());
+        subscriber.Stop();
+        stopped = true;
+        const int before = heard;
+        ASSERT_TRUE(server.Broadcast("A", "late"));
+        EXPECT_EQ(before, heard);
+    }
+}
+
 TEST_F(IpcBroadcastTest, StartsOnceAndStopsAtOnce) {
     zel::CIpcBroadcastServer server;
     ASSERT_TRUE(Start(server)) << error;
