@@ -2,13 +2,16 @@
 #include "base/FileIo.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/syscall.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <iterator>
 
 namespace base {
 namespace {
@@ -171,6 +174,19 @@ FileMark ReadFileMark(const std::string& path) {
     mark.modified = info.st_mtim;
     mark.changed = info.st_ctim;
     return mark;
+}
+
+bool IsNetworkFileSystemType(long type) {
+    // A program in user space serves the last one, from wherever it likes.
+    static constexpr uint32_t kTypes[] = {NFS_SUPER_MAGIC,  SMB_SUPER_MAGIC,   CIFS_SUPER_MAGIC, SMB2_SUPER_MAGIC,
+                                          CODA_SUPER_MAGIC, AFS_SUPER_MAGIC,   CEPH_SUPER_MAGIC, V9FS_MAGIC,
+                                          AFS_FS_MAGIC,     OCFS2_SUPER_MAGIC, FUSE_SUPER_MAGIC};
+    return std::find(std::begin(kTypes), std::end(kTypes), static_cast<uint32_t>(type)) != std::end(kTypes);
+}
+
+bool IsNetworkFileSystem(const std::string& path) {
+    struct statfs info {};
+    return ::statfs(path.c_str(), &info) == 0 && IsNetworkFileSystemType(info.f_type);
 }
 
 }  // namespace base

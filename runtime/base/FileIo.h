@@ -89,4 +89,10 @@ struct FileMark {
 /// Returns: the mark of what stands at the path itself, be it a link; one that does not exist when it cannot be seen.
 FileMark ReadFileMark(const std::string& path);
 
+/// Whether the file system may change under another host's or program's hands without a word of the kernel here.
+/// Errors: none; a path that cannot be looked at counts as local.
+bool IsNetworkFileSystem(const std::string& path);
+/// The same by the number that statfs gives. Source: linux/magic.h, statfs(2).
+bool IsNetworkFileSystemType(long type);
+
 }  // namespace base

@@ -59,7 +59,7 @@ struct HostOptions {
     bool isMain = false;
     std::string appDir;                ///< empty: zel::CToolUtil::GetApplicationDirPath()
     std::string onlineConfigPath;      ///< empty: <app dir>/conf/online_config.json; need not exist
-    unsigned int onlinePollMs = 5000;  ///< fallback beside the directory watch
+    unsigned int onlinePollMs = 5000;  ///< where the kernel does not tell of changes
     unsigned int statisticsPeriodMs = 60000;
     unsigned int statisticsProviderMs = 5000;  ///< a provider that takes longer is left out of this collection
     std::string statisticsDbPath;              ///< empty: <app dir>/data/<process>.stats.db in the main process,

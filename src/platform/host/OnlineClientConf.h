@@ -1,5 +1,5 @@
 // The online configuration of the agent: 64-bit values that any thread may read, and the notification that
-// they changed. The notify thread enters the subscribers.
+// they changed. A job of the loader enters the subscribers.
 #pragma once
 
 #include <atomic>
@@ -24,7 +24,7 @@ private:
 class ZEL_API IOnlineClientConfNotify {
 public:
     virtual ~IOnlineClientConfNotify() {}
-    /// Called on the notify thread, one call at a time.
+    /// Called on a thread of the loader, one call at a time; it may take its time.
     virtual void OnUpdate() = 0;
 };
 

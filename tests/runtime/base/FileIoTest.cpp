@@ -234,6 +234,18 @@ TEST_F(FileIoTest, FilesAreMovedAndRemoved) {
     EXPECT_FALSE(base::RemoveFile(m_dir / "folder"));
 }
 
+TEST_F(FileIoTest, FileSystemsOfOtherHostsAreKnownByTheirType) {
+    for (const long type : {0x6969L, 0xFF534D42L, 0xFE534D42L, 0x01021997L, 0x65735546L, -11317950L}) {
+        EXPECT_TRUE(base::IsNetworkFileSystemType(type)) << type;
+    }
+    // tmpfs, ext4, xfs, btrfs, overlay, proc
+    for (const long type : {0x01021994L, 0xEF53L, 0x58465342L, 0x9123683EL, 0x794c7630L, 0x9fa0L}) {
+        EXPECT_FALSE(base::IsNetworkFileSystemType(type)) << type;
+    }
+    EXPECT_FALSE(base::IsNetworkFileSystem("/proc/self"));
+    EXPECT_FALSE(base::IsNetworkFileSystem("/missing"));
+}
+
 TEST_F(FileIoTest, AMarkTellsEveryChangeOfAFile) {
     const base::FileMark before = base::ReadFileMark(m_file);
     EXPECT_TRUE(before.exists);

@@ -1,4 +1,6 @@
 // The online configuration on a real, watched file.
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,7 +11,10 @@
 
 #include "HostSupport.h"
 #include "config/OnlineConfigLoader.h"
+#include "base/IoLoop.h"
+#include "support/SmallDisk.h"
 #include "platform/host/OnlineClientConf.h"
+#include "platform/zel/ProcessLoop.h"
 
 using support::Eventually;
 using support::LogHolds;
@@ -18,6 +23,14 @@ using support::TakeLog;
 using support::WriteText;
 
 namespace {
+
+size_t ThreadsNamed(const std::string& name) {
+    size_t count = 0;
+    for (const std::string& thread : support::NamesIn("/proc/self/task")) {
+        count += support::ReadText("/proc/self/task/" + thread + "/comm") == name + "\n" ? 1 : 0;
+    }
+    return count;
+}
 
 class Listener : public IOnlineClientConfNotify {
 public:
@@ -81,6 +94,75 @@ TEST_F(OnlineConfigTest, ADirectoryThatAppearsLaterIsFoundByLooking) {
     Load(20);
     WriteText(m_path, "{\"maxCpu\":46}");
     EXPECT_TRUE(Eventually([&] { return m_conf.maxCpu.Get() == 46; }));
+}
+
+TEST_F(OnlineConfigTest, ADirectoryThatIsMountedOverIsSeenAtOnce) {
+    support::SmallDisk disk(64);
+    if (!disk.Missing().empty()) GTEST_SKIP() << disk.Missing();
+    const std::string directory = m_dir / "conf";
+    WriteText(m_path, "{\"maxCpu\":46}");
+    WriteText(disk / "online_config.json", "{\"maxCpu\":47}");
+    Load();
+    EXPECT_EQ(m_conf.maxCpu.Get(), 46);
+    ASSERT_EQ(mount(disk.Path().c_str(), directory.c_str(), nullptr, MS_BIND, nullptr), 0);
+    EXPECT_TRUE(Eventually([&] { return m_conf.maxCpu.Get() == 47; }));
+    ReplaceText(disk / "online_config.json", "{\"maxCpu\":48}");
+    EXPECT_TRUE(Eventually([&] { return m_conf.maxCpu.Get() == 48; })) << "what is mounted is watched";
+    ASSERT_EQ(umount(directory.c_str()), 0) << "and not held";
+    EXPECT_TRUE(Eventually([&] { return m_conf.maxCpu.Get() == 46; }));
+}
+
+TEST_F(OnlineConfigTest, SleepsWhileTheKernelTellsOfChanges) {
+    WriteText(m_path, "{\"maxCpu\":46}");
+    Load(10);
+    std::string problem;
+    const std::shared_ptr<base::IoLoop> loop = zel::JoinProcessLoop(problem);
+    ASSERT_NE(nullptr, loop);
+    rusage before{};
+    rusage after{};
+    loop->Run([&] { getrusage(RUSAGE_THREAD, &before); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // thirty looks
+    loop->Run([&] { getrusage(RUSAGE_THREAD, &after); });
+    EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 5);
+    EXPECT_EQ(0u, ThreadsNamed("OnlineConfig")) << "nothing was to be read";
+    WriteText(m_path, "{\"maxCpu\":47}");
+    EXPECT_TRUE(Eventually([&] { return m_conf.maxCpu.Get() == 47; }));
+}
+
+TEST_F(OnlineConfigTest, SubscriberThatTakesLongHoldsUpNoOtherHandler) {
+    Load();
+    Listener slow;
+    support::Signal inside;
+    support::Signal release;
+    slow.m_onUpdate = [&] {
+        inside.Set();
+        EXPECT_TRUE(release.Wait());
+    };
+    m_conf.AddNotify(&slow);
+    WriteText(m_path, "{\"maxCpu\":50}");
+    ASSERT_TRUE(inside.Wait());
+    std::string problem;
+    const std::shared_ptr<base::IoLoop> loop = zel::JoinProcessLoop(problem);
+    ASSERT_NE(nullptr, loop);
+    bool ran = false;
+    loop->Run([&] { ran = true; });
+    EXPECT_TRUE(ran);
+    WriteText(m_path, "{\"maxCpu\":51}");  // while it is entered
+    release.Set();
+    EXPECT_TRUE(Eventually([&] { return slow.m_maxCpu == 51; }));
+    m_conf.RemoveNotify(&slow);
+}
+
+TEST_F(OnlineConfigTest, AWriterThatNeverRestsIsFollowed) {
+    Load();
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        for (int count = 0; !stop; ++count)
+            ReplaceText(m_path, "{\"maxCpu\":" + std::to_string(100 + count % 50) + "}");
+    });
+    EXPECT_TRUE(Eventually([&] { return m_conf.maxCpu.Get() >= 100; }));
+    stop = true;
+    writer.join();
 }
 
 TEST_F(OnlineConfigTest, RefusedFileChangesNothingAndIsToldOnce) {
