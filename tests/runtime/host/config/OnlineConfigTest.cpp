@@ -129,7 +129,7 @@ TEST_F(OnlineConfigTest, SleepsWhileTheKernelTellsOfChanges) {
     EXPECT_TRUE(Eventually([&] { return m_conf.maxCpu.Get() == 47; }));
 }
 
-TEST_F(OnlineConfigTest, SubscriberThatTakesLongHoldsUpNoOtherHandler) {
+TEST_F(OnlineConfigTest, SubscriberThatTakesLongHoldsUpNobody) {
     Load();
     Listener slow;
     support::Signal inside;
