@@ -3,6 +3,7 @@
 #include "base/IoLoop.h"
 
 #include <cstdint>
+#include <ctime>
 #include <future>
 #include <system_error>
 #include <thread>
@@ -187,7 +188,10 @@ std::chrono::nanoseconds UntilGrid(std::chrono::nanoseconds now, std::chrono::mi
 }
 
 void IoTimer::StartOnGrid(std::chrono::milliseconds period, IoLoop::Handler handler) {
-    m_body->Start(UntilGrid(std::chrono::steady_clock::now().time_since_epoch(), period), std::move(handler));
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    const auto sinceBoot = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    m_body->Start(UntilGrid(sinceBoot, period), std::move(handler));
 }
 
 void IoTimer::Stop() {

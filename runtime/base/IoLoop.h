@@ -60,7 +60,7 @@ public:
     IoTimer& operator=(const IoTimer&) = delete;
 
     void Start(std::chrono::milliseconds delay, IoLoop::Handler handler);
-    /// Fires at the next multiple of `period` on the steady clock that is at least half of it away. Timers of one
+    /// Fires at the next multiple of `period` since boot that is at least half of it away. Timers of one
     /// rhythm, in whatever process, so wake their processors together. Requires: period > 0.
     void StartOnGrid(std::chrono::milliseconds period, IoLoop::Handler handler);
     void Stop();
@@ -69,7 +69,7 @@ private:
     const std::shared_ptr<TimerBody> m_body;
 };
 
-/// When the next point of a grid is that is at least half a period away, from a time since the clock's zero.
+/// When the next point of a grid is that is at least half a period away, from a time since boot.
 /// Returns: how long that is from `now` on.
 std::chrono::nanoseconds UntilGrid(std::chrono::nanoseconds now, std::chrono::milliseconds period);
 

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <new>
 #include <system_error>
 
 #include "base/Database.h"
@@ -15,6 +16,7 @@
 #include "base/MakeDirectories.h"
 #include "sampling/ThreadFacts.h"
 #include "platform/zel/LogMessage.h"
+#include "platform/zel/ProcessLoop.h"
 #include "platform/zel/ThreadUtil.h"
 
 void CMtIntf::RegMtInfoCallback(IMtInfo* info) {
@@ -26,6 +28,9 @@ void CMtIntf::UnRegMtInfoCallback(IMtInfo* info) {
 
 namespace zelhost {
 namespace {
+
+/// The next turn is far away.
+constexpr std::chrono::milliseconds kNoLinger(0);
 
 void Log(int level, int line, const std::string& text) {
     zel::CLogMessage::GetInstance()->log(level, "StatisticsRegistry", line, "%s", text.c_str());
@@ -168,17 +173,21 @@ base::Status CStatisticsRegistry::Start(unsigned int periodMs, unsigned int prov
         m_historyPath = dbPath == "-" ? std::string() : dbPath;
         NoteHistory(m_history.Begin(m_historyPath), "no history of the statistics, it is tried again");
         base::MutexLock lock(m_lock);
-        m_periodMs = std::max(1u, periodMs);
         m_providerMs = std::max(1u, providerMs);
-        m_stop = false;
         m_last = StatisticsSnapshot();
     }
-    try {
-        m_thread = std::thread([this] { Run(); });
-    } catch (const std::system_error& e) {
+    std::string problem;
+    m_loop = zel::JoinProcessLoop(problem);
+    if (m_loop == nullptr) {
         Stop();
-        return base::SentenceError(std::string("statistics: no thread: ") + e.what());
+        return base::SentenceError("statistics: " + problem);
     }
+    m_period = std::chrono::milliseconds(std::max(1u, periodMs));
+    m_jobs = std::make_unique<base::WorkQueue>(*m_loop, "Statistics", 1, kNoLinger);
+    m_loop->Run([this] {
+        m_timer = std::make_unique<base::IoTimer>(*m_loop);
+        Schedule();
+    });
     return {};
 }
 
@@ -192,36 +201,30 @@ void CStatisticsRegistry::NoteHistory(const base::Status& outcome, const char* f
 }
 
 void CStatisticsRegistry::Stop() {
-    {
-        base::MutexLock lock(m_lock);
-        m_stop = true;
-        m_changed.notify_all();
-    }
-    if (m_thread.joinable()) m_thread.join();
+    if (m_loop != nullptr) m_loop->Run([this] { m_timer.reset(); });
+    m_jobs.reset();
+    m_loop.reset();
     base::MutexLock collecting(m_collectLock);
     WriteHistory();
-    base::MutexLock lock(m_lock);
-    if (m_worker) {
-        m_worker->quit = true;
-        m_worker.reset();
-        m_changed.notify_all();
-    }
 }
 
-void CStatisticsRegistry::Run() {
-    zel::CThreadUtil::SetThreadName("Statistics");
-    auto due = std::chrono::steady_clock::now();
-    for (;;) {
-        {
-            base::MutexLock lock(m_lock);
-            due = std::max(due + std::chrono::milliseconds(m_periodMs), std::chrono::steady_clock::now());
-            while (!m_stop && m_changed.wait_until(m_lock, due) != std::cv_status::timeout) {
-            }
-            if (m_stop) return;
-        }
+void CStatisticsRegistry::Schedule() {
+    m_timer->StartOnGrid(m_period, [this] {
+        Schedule();
+        // One that takes longer than the period goes on; its next turn is the one after it.
+        if (m_collecting.exchange(true)) return;
+        if (!m_jobs->Add([this] { CollectInTurn(); })) m_collecting = false;
+    });
+}
+
+void CStatisticsRegistry::CollectInTurn() {
+    try {
         CThreadFacts::Instance().Sample();  // the slow rhythm of the thread facts
         Collect();
+    } catch (const std::bad_alloc&) {
+        Log(zel::kLogWarning, __LINE__, "no memory for the statistics of this turn");
     }
+    m_collecting = false;
 }
 
 std::shared_ptr<CStatisticsRegistry::Worker> CStatisticsRegistry::MakeWorker() {
@@ -299,6 +302,7 @@ void CStatisticsRegistry::Collect() {
         snapshot.wallTime = time(nullptr);
         snapshot.collections = m_last.collections + 1;
         m_last = snapshot;
+        DismissWorker();
     }
     Keep(snapshot);
 }
@@ -342,6 +346,13 @@ void CStatisticsRegistry::LeaveWorkerBehind() {
     zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "StatisticsRegistry", __LINE__,
                                          "a provider of statistics did not return within %u ms; left out",
                                          m_providerMs);
+}
+
+void CStatisticsRegistry::DismissWorker() {
+    if (m_worker == nullptr) return;
+    m_worker->quit = true;
+    m_worker.reset();
+    m_changed.notify_all();
 }
 
 void CStatisticsRegistry::Keep(const StatisticsSnapshot& snapshot) {

@@ -1,7 +1,10 @@
 // The host's statistics registry: who provides figures, what they gave last, and a day's history in SQLite.
-// Providers are entered on worker threads of the registry, one collection at a time.
+// The process's loop keeps the rhythm, a job collects, and providers are entered on worker threads of the registry, one
+// collection at a time; between two collections there is no thread.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <deque>
 #include <list>
 #include <map>
@@ -10,8 +13,10 @@
 #include <thread>
 #include <vector>
 
+#include "base/IoLoop.h"
 #include "base/Mutex.h"
 #include "base/Result.h"
+#include "base/WorkQueue.h"
 #include "platform/host/HostRecords.h"
 #include "platform/host/MtIntf.h"
 
@@ -55,7 +60,7 @@ private:
     bool m_failed = false;
 };
 
-/// Thread-safety: every operation from any thread.
+/// Thread-safety: Start and Stop from one thread, the others from any.
 /// A provider that does not return in time is left behind on its worker and out of the collections until it returns;
 /// at most kStuckWorkers can be left behind, after that a collection ends early and says so.
 class CStatisticsRegistry {
@@ -66,8 +71,8 @@ public:
     /// Blocks: until a call that is inside the provider has left it, unless called from within.
     void Unregister(IMtInfo* info);
 
-    /// Figures without a history are better than none: one that cannot be written is logged, and tried again with every
-    /// collection.
+    /// Collects at the multiples of the period since boot. Figures without a history are better than none: one that
+    /// cannot be written is logged, and tried again with every collection.
     base::Status Start(unsigned int periodMs, unsigned int providerMs, const std::string& dbPath);
     void Stop();
 
@@ -95,7 +100,9 @@ private:
     };
     struct Worker;
 
-    void Run();
+    /// Of the loop's thread.
+    void Schedule();
+    void CollectInTurn();
     std::shared_ptr<Worker> MakeWorker();
     void RunWorker(const std::shared_ptr<Worker>& worker);
     /// Says why once, until it works or fails in another way.
@@ -107,6 +114,8 @@ private:
     /// Returns: whether the call was done within the provider's bound.
     bool WaitForCall(const Call& call) ZEL_REQUIRES(m_lock);
     void LeaveWorkerBehind() ZEL_REQUIRES(m_lock);
+    /// Ends the worker that has nothing to do.
+    void DismissWorker() ZEL_REQUIRES(m_lock);
     static void Merge(const Call& call, StatisticsSnapshot& snapshot);
     void Keep(const StatisticsSnapshot& snapshot) ZEL_REQUIRES(m_collectLock);
     void WriteHistory() ZEL_REQUIRES(m_collectLock);
@@ -123,9 +132,13 @@ private:
     std::shared_ptr<Worker> m_worker ZEL_GUARDED_BY(m_lock);  // the idle one, null when it was left behind
     size_t m_stuck ZEL_GUARDED_BY(m_lock) = 0;
     unsigned int m_providerMs ZEL_GUARDED_BY(m_lock) = 5000;
-    unsigned int m_periodMs ZEL_GUARDED_BY(m_lock) = 60000;
-    bool m_stop ZEL_GUARDED_BY(m_lock) = false;
-    std::thread m_thread;
+
+    std::atomic<bool> m_collecting{false};  // in its turn
+    // Made by Start, in this order; each ends before those above it.
+    std::chrono::milliseconds m_period{60000};
+    std::shared_ptr<base::IoLoop> m_loop;  // the process's
+    std::unique_ptr<base::WorkQueue> m_jobs;
+    std::unique_ptr<base::IoTimer> m_timer;  // of the loop's thread
 };
 
 }  // namespace zelhost

@@ -108,6 +108,13 @@ std::vector<std::string> FoldersIn(const std::string& path) {
     return names;
 }
 
+size_t ThreadsNamed(const std::string& name) {
+    const std::vector<std::string> threads = NamesIn("/proc/self/task");
+    return static_cast<size_t>(std::count_if(threads.begin(), threads.end(), [&](const std::string& thread) {
+        return ReadText("/proc/self/task/" + thread + "/comm") == name + "\n";
+    }));
+}
+
 size_t OpenDescriptors() {
     return NamesIn("/proc/self/fd").size();
 }

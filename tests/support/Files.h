@@ -40,6 +40,8 @@ int ModeOf(const std::string& path);
 std::vector<std::string> NamesIn(const std::string& path);
 /// Returns: names of the directories in a directory, sorted.
 std::vector<std::string> FoldersIn(const std::string& path);
+/// Returns: how many threads of this process have the name. By name, because a checker of threads keeps one of its own.
+size_t ThreadsNamed(const std::string& name);
 /// Returns: number of open descriptors of this process.
 size_t OpenDescriptors();
 

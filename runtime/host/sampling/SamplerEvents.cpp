@@ -61,6 +61,7 @@ std::string QuantityText(ResourceKind kind, int64_t value) {
 
 std::string ServingWords(const std::string& threadName) {
     if (threadName.compare(0, 7, "Metrics") == 0) return ": it answers scrapes of the metrics, look at who asks";
+    if (threadName == "zel-io") return ": it takes in scrapes, consoles and messages, look at who asks";
     if (threadName.compare(0, 7, "console") == 0) return ": it answers the console, look at who asks";
     return "";
 }

@@ -170,11 +170,13 @@ TEST_F(IoLoopTest, PostsLaterInTheOrderOfTheirTimes) {
 
 TEST_F(IoLoopTest, GridTimersFireAtMultiplesOfTheirPeriod) {
     const milliseconds period(200);
-    std::vector<steady_clock::duration> when;
+    std::vector<std::chrono::nanoseconds> when;
     support::Signal third;
     std::unique_ptr<base::IoTimer> timer;
     const std::function<void()> fire = [&] {
-        when.push_back(steady_clock::now().time_since_epoch());
+        timespec now{};
+        clock_gettime(CLOCK_BOOTTIME, &now);
+        when.push_back(std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec));
         if (when.size() == 3) return third.Set();
         timer->StartOnGrid(period, fire);
     };

@@ -20,15 +20,6 @@
 
 namespace {
 
-// By name: a checker of threads keeps one of its own.
-int ThreadsNamed(const std::string& name) {
-    int count = 0;
-    for (const std::string& thread : support::NamesIn("/proc/self/task")) {
-        count += support::ReadText("/proc/self/task/" + thread + "/comm") == name + "\n" ? 1 : 0;
-    }
-    return count;
-}
-
 class WorkQueueTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -42,11 +33,11 @@ protected:
 
 TEST_F(WorkQueueTest, StartsNoThreadBeforeThereIsWork) {
     base::WorkQueue queue(*loop, "worker", 4);
-    EXPECT_EQ(0, ThreadsNamed("worker"));
+    EXPECT_EQ(0u, support::ThreadsNamed("worker"));
     support::Signal done;
     ASSERT_TRUE(queue.Add([&] { done.Set(); }));
     ASSERT_TRUE(done.Wait());
-    EXPECT_EQ(1, ThreadsNamed("worker"));
+    EXPECT_EQ(1u, support::ThreadsNamed("worker"));
 }
 
 TEST_F(WorkQueueTest, JobsRunAtATimeUpToItsBoundAndTheRestAfterwards) {
@@ -137,7 +128,7 @@ TEST_F(WorkQueueTest, ThreadsEndWithoutWorkAndBeginAgain) {
             EXPECT_TRUE(first.Wait());
         }));
         EXPECT_TRUE(first.Wait() && second.Wait());
-        EXPECT_TRUE(support::Eventually([] { return ThreadsNamed("worker") == 0; })) << "round " << round;
+        EXPECT_TRUE(support::Eventually([] { return support::ThreadsNamed("worker") == 0; })) << "round " << round;
     }
 }
 
@@ -149,7 +140,7 @@ TEST_F(WorkQueueTest, EndsWhileItsThreadsDo) {
         ASSERT_TRUE(support::Eventually([&] { return done == 3; }));
         if (round % 2 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    EXPECT_EQ(0, ThreadsNamed("worker"));
+    EXPECT_EQ(0u, support::ThreadsNamed("worker"));
 }
 
 TEST_F(WorkQueueTest, JobsWaitForAThreadThatIsRefused) {
@@ -165,7 +156,7 @@ TEST_F(WorkQueueTest, JobsWaitForAThreadThatIsRefused) {
             done.Set();
         }));
     }
-    EXPECT_EQ(0, ThreadsNamed("worker"));
+    EXPECT_EQ(0u, support::ThreadsNamed("worker"));
     EXPECT_TRUE(done.Wait()) << "nobody adds a job, and it is tried again";
     queue.Stop();
     EXPECT_EQ("abc", order);

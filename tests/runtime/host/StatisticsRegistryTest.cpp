@@ -12,6 +12,8 @@
 #include <thread>
 
 #include "HostSupport.h"
+#include "base/IoLoop.h"
+#include "platform/zel/ProcessLoop.h"
 
 using support::Eventually;
 using zelhost::CStatisticsRegistry;
@@ -80,6 +82,34 @@ TEST_F(StatisticsRegistryTest, CollectsInItsOwnRhythm) {
     Provider provider(Figures{{"a", "1"}});
     Start(10);
     EXPECT_TRUE(Eventually([&] { return provider.m_calls >= 5; }));
+}
+
+TEST_F(StatisticsRegistryTest, HasNoThreadBetweenItsCollections) {
+    Provider provider(Figures{{"a", "1"}});
+    Start(500);
+    for (int calls = 1; calls <= 2; ++calls) {
+        EXPECT_TRUE(Eventually([&] { return provider.m_calls >= calls; }));
+        EXPECT_TRUE(Eventually([&] {
+            // By name; the one that was left behind in another test is not counted.
+            return support::ThreadsNamed("Statistics") + support::ThreadsNamed("StatisticsWork") == 0;
+        }));
+    }
+}
+
+TEST_F(StatisticsRegistryTest, AProviderThatHangsDoesNotEndTheRhythm) {
+    std::atomic<bool> go{false};
+    Provider blocking(Figures{{"late", "1"}}), good(Figures{{"good", "1"}});
+    blocking.m_act = [&] {
+        while (!go.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    };
+    Start(20, 50);
+    EXPECT_TRUE(Eventually([&] { return good.m_calls >= 3; }));
+    EXPECT_EQ(blocking.m_calls, 1);
+    std::string problem;
+    bool ran = false;
+    zel::JoinProcessLoop(problem)->Run([&] { ran = true; });
+    EXPECT_TRUE(ran) << "the loop goes on";
+    go = true;
 }
 
 TEST_F(StatisticsRegistryTest, AProviderThatFailsOrThrowsHarmsNobody) {

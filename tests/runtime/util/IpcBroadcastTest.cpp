@@ -403,14 +403,6 @@ TEST_F(IpcBroadcastTest, OutlivesAReceiverThatThrows) {
     EXPECT_EQ(2, calls);
 }
 
-int ThreadsNamed(const std::string& name) {
-    int count = 0;
-    for (const std::string& thread : support::NamesIn("/proc/self/task")) {
-        count += support::ReadText("/proc/self/task/" + thread + "/comm") == name + "\n" ? 1 : 0;
-    }
-    return count;
-}
-
 TEST_F(IpcBroadcastTest, ReceiverThatTakesLongHoldsUpNobody) {
     zel::CIpcBroadcastServer server;
     std::atomic<int> reports{0};
@@ -450,9 +442,9 @@ TEST_F(IpcBroadcastTest, HasNoThreadOfItsOwnWhileNothingComes) {
     ASSERT_TRUE(subscriber.Start(path, ear.Callback()));
     ASSERT_TRUE(server.Broadcast("A", "1"));
     EXPECT_EQ(Lines{"A 1"}, ear.Wait(1));
-    EXPECT_TRUE(support::Eventually([] { return ThreadsNamed("broadcast-in") == 0; }));
-    EXPECT_EQ(1, ThreadsNamed("zel-io")) << "for both sides";
-    EXPECT_EQ(0, ThreadsNamed("broadcast"));
+    EXPECT_TRUE(support::Eventually([] { return support::ThreadsNamed("broadcast-in") == 0; }));
+    EXPECT_EQ(1u, support::ThreadsNamed("zel-io")) << "for both sides";
+    EXPECT_EQ(0u, support::ThreadsNamed("broadcast"));
     ASSERT_TRUE(server.Broadcast("A", "2"));
     EXPECT_EQ((Lines{"A 1", "A 2"}), ear.Wait(2));
 }

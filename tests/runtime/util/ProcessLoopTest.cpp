@@ -20,30 +20,22 @@
 
 namespace {
 
-int LoopThreads() {
-    int count = 0;
-    for (const std::string& thread : support::NamesIn("/proc/self/task")) {
-        count += support::ReadText("/proc/self/task/" + thread + "/comm") == "zel-io\n" ? 1 : 0;
-    }
-    return count;
-}
-
 TEST(ProcessLoopTest, HasOneThreadFromItsFirstUserToItsLast) {
     std::string error;
-    EXPECT_EQ(0, LoopThreads());
+    EXPECT_EQ(0u, support::ThreadsNamed("zel-io"));
     for (int round = 0; round < 3; ++round) {
         std::shared_ptr<base::IoLoop> first = zel::JoinProcessLoop(error);
         ASSERT_NE(nullptr, first) << error;
         std::shared_ptr<base::IoLoop> second = zel::JoinProcessLoop(error);
         EXPECT_EQ(first, second);
         first->Run([] {});
-        EXPECT_EQ(1, LoopThreads());
+        EXPECT_EQ(1u, support::ThreadsNamed("zel-io"));
         first.reset();
         bool ran = false;
         second->Run([&] { ran = true; });
         EXPECT_TRUE(ran);
         second.reset();
-        EXPECT_TRUE(support::Eventually([] { return LoopThreads() == 0; }));
+        EXPECT_TRUE(support::Eventually([] { return support::ThreadsNamed("zel-io") == 0; }));
     }
 }
 

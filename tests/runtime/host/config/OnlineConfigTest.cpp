@@ -24,14 +24,6 @@ using support::WriteText;
 
 namespace {
 
-size_t ThreadsNamed(const std::string& name) {
-    size_t count = 0;
-    for (const std::string& thread : support::NamesIn("/proc/self/task")) {
-        count += support::ReadText("/proc/self/task/" + thread + "/comm") == name + "\n" ? 1 : 0;
-    }
-    return count;
-}
-
 class Listener : public IOnlineClientConfNotify {
 public:
     void OnUpdate() override {
@@ -124,7 +116,7 @@ TEST_F(OnlineConfigTest, SleepsWhileTheKernelTellsOfChanges) {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // thirty looks
     loop->Run([&] { getrusage(RUSAGE_THREAD, &after); });
     EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 5);
-    EXPECT_EQ(0u, ThreadsNamed("OnlineConfig")) << "nothing was to be read";
+    EXPECT_EQ(0u, support::ThreadsNamed("OnlineConfig")) << "nothing was to be read";
     WriteText(m_path, "{\"maxCpu\":47}");
     EXPECT_TRUE(Eventually([&] { return m_conf.maxCpu.Get() == 47; }));
 }

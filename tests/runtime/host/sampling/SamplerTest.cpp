@@ -531,6 +531,7 @@ TEST_F(SamplerTest, SettersAndQueriesMayRaceWithTheRounds) {
 TEST(SamplerEventsTest, AThreadThatServesIsNamedAsSuch) {
     EXPECT_THAT(zelhost::ServingWords("Metrics-work"), testing::HasSubstr("scrapes"));
     EXPECT_THAT(zelhost::ServingWords("Metrics"), testing::HasSubstr("scrapes"));
+    EXPECT_THAT(zelhost::ServingWords("zel-io"), testing::HasSubstr("scrapes"));
     EXPECT_THAT(zelhost::ServingWords("console-work"), testing::HasSubstr("console"));
     EXPECT_EQ("", zelhost::ServingWords("worker"));
 }
