@@ -33,21 +33,31 @@ int HeadOfFamily(const std::vector<ProcessEntry>& table, const std::string& prog
 
 }  // namespace
 
+Program JudgeProgram(int pid, const std::string& applicationDir) {
+    const Result<std::string> program = base::ReadProgramPath(pid);
+    if (!program && program.GetError().kind == ErrorKind::kNotFound) {
+        // A thread of the kernel has no program either, and it lives.
+        const Result<base::ProcStat> stat = base::ReadProcessStat(pid);
+        const bool lives = stat && !stat->IsDead() && !stat->IsExiting();
+        return lives ? Program::kStranger : Program::kEnded;
+    }
+    const Result<std::string> own = base::ReadOwnProgramPath();
+    if (program && own && *program == *own) return Program::kAgents;
+    const bool inside = program && !applicationDir.empty() && base::StartsWith(*program, applicationDir + "/");
+    return inside ? Program::kAgents : Program::kStranger;
+}
+
 std::optional<int> FindStranger(const GroupDir& group) {
     Result<std::vector<int>> members = group.Processes();
     if (!members) return 0;
     if (members->empty()) return std::nullopt;
     const Result<std::string> program = base::ReadOwnProgramPath();
-    const std::string directory = CToolUtil::GetApplicationDirPath() + "/";
+    const std::string directory = CToolUtil::GetApplicationDirPath();
     const std::vector<ProcessEntry> table = ReadProcessTable();
     const int head = HeadOfFamily(table, program ? *program : std::string());
     for (const int pid : *members) {
         if (IsBelow(table, pid, head)) continue;
-        const Result<std::string> other = base::ReadProgramPath(pid);
-        if (!other && other.GetError().kind == ErrorKind::kNotFound) continue;  // it has ended
-        if (other && program && *other == *program) continue;
-        if (other && directory.size() > 1 && base::StartsWith(*other, directory)) continue;
-        return pid;
+        if (JudgeProgram(pid, directory) == Program::kStranger) return pid;
     }
     return std::nullopt;
 }

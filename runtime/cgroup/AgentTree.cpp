@@ -145,6 +145,10 @@ Error WithLimitsLifted(const Branch& branch, Error error) {
     return error;
 }
 
+Status Busy(const GroupDir& tree) {
+    return MakeError(ErrorKind::kBusy, "remove", tree.Path(), "its place cannot be used now");
+}
+
 /// A process may come in between the look and the removal: then it is kept, and looked at the next time.
 bool RemoveIfEmpty(const GroupDir& parent, const OwnChild& child) {
     Result<std::vector<int>> pids = child.dir.Processes();
@@ -236,11 +240,20 @@ bool SweepTree(const Branch& branch, const GroupTargets& targets) {
 }
 
 Status RemoveEmptiedTree(const Branch& branch) {
-    Result<GroupDir> tree = OpenTree(branch);
-    if (!tree) return IsNotFound(tree.GetError()) ? Status() : Status(tree.GetError());
+    // Where groups cannot be made now, a tree of ours may stand from before.
+    Result<GroupDir> tree = branch.placement ? OpenTree(branch) : OpenTreeAtRoot(branch);
+    if (!tree) {
+        const ErrorKind kind = tree.GetError().kind;
+        const bool noneOfOurs = kind == ErrorKind::kNotFound || kind == ErrorKind::kRefused;
+        return noneOfOurs ? Status() : Status(tree.GetError());
+    }
+    if (!branch.placement) return branch.error.kind == ErrorKind::kRefused ? Busy(*tree) : Status(branch.error);
     Status removed = CheckIsEmpty(*tree, 0);
-    if (removed) removed = RemoveLevel(branch, *tree, 0);
-    return removed ? branch.placement->base.RemoveChild(AgentGroupName()) : removed;
+    if (!removed) return removed;
+    removed = RemoveLevel(branch, *tree, 0);
+    if (removed) return branch.placement->base.RemoveChild(AgentGroupName());
+    const Error& error = removed.GetError();
+    return error.kind == ErrorKind::kRefused ? Status(WithLimitsLifted(branch, error)) : removed;
 }
 
 Status RemoveTree(const Branch& branch) {

@@ -124,13 +124,16 @@ Result<GroupDir> OpenTree(const Branch& branch) {
     return OpenOwnChild(branch.placement->base, AgentGroupName());
 }
 
+Result<GroupDir> OpenTreeAtRoot(const Branch& branch) {
+    Result<GroupDir> root = GroupDir::Open(branch.hierarchy.mountPoint, branch.GetVersion());
+    if (!root) return root;
+    return OpenOwnChild(*root, AgentGroupName());
+}
+
 Result<GroupDir> OpenTreeToRead(const Branches& branches, Controller controller) {
     const std::shared_ptr<Branch>& branch = branches.of[controller];
     if (!branch) return branches.errors[controller];
-    if (branch->placement) return OpenTree(*branch);
-    Result<GroupDir> root = GroupDir::Open(branch->hierarchy.mountPoint, branch->GetVersion());
-    if (!root) return root;
-    return OpenOwnChild(*root, AgentGroupName());
+    return branch->placement ? OpenTree(*branch) : OpenTreeAtRoot(*branch);
 }
 
 }  // namespace cgroup

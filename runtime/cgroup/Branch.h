@@ -51,6 +51,8 @@ void KeepPlace(const Branch& branch);
 
 /// Opens the agent's parent group. kNotFound: there is no tree.
 Result<GroupDir> OpenTree(const Branch& branch);
+/// The same below the root of what the mount shows, where no place for groups is known.
+Result<GroupDir> OpenTreeAtRoot(const Branch& branch);
 /// The same for a controller, and also where no groups can be made, say because the mount became read-only: what stands
 /// there can still be read.
 Result<GroupDir> OpenTreeToRead(const Branches& branches, Controller controller);

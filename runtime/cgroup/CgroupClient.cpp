@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <optional>
 #include <utility>
 
@@ -14,6 +15,8 @@
 #include "ComponentPlaces.h"
 #include "Membership.h"
 #include "OwnPlacement.h"
+#include "QuietTree.h"
+#include "base/Clock.h"
 #include "base/FileIo.h"
 #include "base/Mutex.h"
 #include "platform/zel/CgroupTreeStatus.h"
@@ -80,6 +83,19 @@ Result<LeafPlaces> FindOwnPlaces(const Branches& branches, const ComponentFile& 
     return MakeError(ErrorKind::kNotFound, "use", path, "it has no component named [" + component + "]");
 }
 
+/// What was so when a reload found everything as the file says.
+struct AtRest {
+    bool valid = false;
+    base::FileMark file;
+    LayoutMark layout;
+    std::string component;
+    int64_t atMs = 0;
+};
+
+int64_t NowMs() {
+    return base::ClockNs(CLOCK_MONOTONIC) / 1000000;
+}
+
 }  // namespace
 
 struct CCgroupClient::Impl {
@@ -88,7 +104,10 @@ struct CCgroupClient::Impl {
     Membership membership ZEL_GUARDED_BY(mutex);
     std::string lastRefusal ZEL_GUARDED_BY(mutex);  ///< empty after a reload that succeeded
     base::FileMark lastFile ZEL_GUARDED_BY(mutex);  ///< what it was said about
+    AtRest rest ZEL_GUARDED_BY(mutex);
 
+    bool IsAtRest() ZEL_REQUIRES(mutex);
+    bool ReloadWhole() ZEL_REQUIRES(mutex);
     bool Reload() ZEL_REQUIRES(mutex);
     bool Refuse(int line, const Error& error) ZEL_REQUIRES(mutex);
     void TellStrays(const LeafPlaces& places) ZEL_REQUIRES(mutex);
@@ -199,13 +218,35 @@ bool CCgroupClient::Impl::Reload() {
     return ok;
 }
 
+/// Whether a reload would find what the last one found: the same file, the same groups of this process, the same
+/// mounts. Its leaf cannot go while it is in it. No file is opened.
+bool CCgroupClient::Impl::IsAtRest() {
+    if (!rest.valid || NowMs() - rest.atMs >= kMostQuietMs) return false;
+    const Result<LayoutMark> layout = ReadLayoutMark();
+    return layout && *layout == rest.layout && base::ReadFileMark(ComponentFilePath()) == rest.file &&
+           GetComponentName() == rest.component;
+}
+
+/// A process that was moved meanwhile, be it by this reload, is looked at once more.
+bool CCgroupClient::Impl::ReloadWhole() {
+    rest.valid = false;
+    const Result<LayoutMark> before = ReadLayoutMark();
+    const AtRest now{true, base::ReadFileMark(ComponentFilePath()), before ? *before : LayoutMark(), GetComponentName(),
+                     NowMs()};
+    if (!Reload()) return false;
+    const Result<LayoutMark> after = ReadLayoutMark();
+    if (before && after && *before == *after) rest = now;
+    return true;
+}
+
 CCgroupClient::CCgroupClient() : m_impl(std::make_unique<Impl>()) {}
 
 CCgroupClient::~CCgroupClient() = default;
 
 bool CCgroupClient::ReloadConfig() {
     const base::MutexLock lock(m_impl->mutex);
-    const bool ok = m_impl->Reload();
+    if (m_impl->IsAtRest()) return true;
+    const bool ok = m_impl->ReloadWhole();
     if (ok) m_impl->lastRefusal.clear();
     NoteProblem(m_impl->lastRefusal);
     return ok;

@@ -78,6 +78,15 @@ void ForgetWanted() {
     g_status.wanted.clear();
 }
 
+/// Nothing is looked after any more.
+void ForgetKept() {
+    const base::MutexLock lock(g_statusLock);
+    g_status.wanted.clear();
+    g_status.notInForce.clear();
+    g_status.contested.clear();
+    g_status.lastGroups = 0;
+}
+
 bool AreSameGroups(const GroupTargets& a, const GroupTargets& b) {
     const auto same = [](const Amounts& one, const Amounts& other) {
         return one.cpu == other.cpu && one.memory == other.memory;
@@ -146,7 +155,8 @@ struct CCgroupManager::Impl {
     Flags isV2 ZEL_GUARDED_BY(mutex);            ///< as last located
     Membership membership ZEL_GUARDED_BY(mutex);
     OomMonitor oom ZEL_GUARDED_BY(mutex);
-    std::vector<OomCarried> carried ZEL_GUARDED_BY(mutex);  ///< as the file has it
+    std::vector<OomCarried> carried ZEL_GUARDED_BY(mutex);     ///< as the file has it
+    std::vector<OomCarried> notCarried ZEL_GUARDED_BY(mutex);  ///< as it could not be written
     Publication published ZEL_GUARDED_BY(mutex);
     bool mainInside ZEL_GUARDED_BY(mutex) = false;  ///< this process was put into the tree
     bool mainLeft ZEL_GUARDED_BY(mutex) = false;    ///< it has left it, and the tree is there still
@@ -273,7 +283,7 @@ bool CCgroupManager::Impl::RemovePid(int pid) {
         mainInside = false;
         mainLeft = true;
         published.valid = false;
-        ForgetWanted();
+        ForgetKept();
     }
     for (const std::shared_ptr<Branch>& branch : branches.all) {
         if (!branch->placement) continue;
@@ -300,7 +310,7 @@ bool CCgroupManager::Impl::WriteConfig(const std::string& path, const std::vecto
     targets.leaves = std::move(*leaves);
     ForgetWanted();
     published = {path, quotas, parent, targets, true, base::ReadFileMark(path)};
-    keeper.ForgetGroups();
+    keeper.NotePublished();
     Sweep();
     return true;
 }
@@ -361,15 +371,19 @@ void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, s
 void CCgroupManager::Impl::RemoveEmptied() {
     Locate();
     mainLeft = false;
+    bool stays = false;
     for (const std::shared_ptr<Branch>& branch : branches.all) {
-        if (!branch->placement) continue;
         Status removed = RemoveEmptiedTree(*branch);
-        mainLeft = mainLeft || (!removed && removed.GetError().kind != ErrorKind::kRefused);
+        if (removed) continue;
+        const bool refused = removed.GetError().kind == ErrorKind::kRefused;
+        mainLeft = mainLeft || !refused;
+        stays = stays || refused;
+        if (refused) Fail(__LINE__, removed.GetError());
     }
     branches = Branches();
     if (mainLeft) return;
     inUse = Flags();
-    LogLine(kLogInfo, __LINE__, "the groups of the unified mode were removed, nobody is in them any more");
+    if (!stays) LogLine(kLogInfo, __LINE__, "the groups of the unified mode were removed, nobody is in them any more");
 }
 
 bool CCgroupManager::Impl::Keep(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) {
@@ -432,8 +446,11 @@ Status CCgroupManager::Impl::ReadOom() {
     oom.Observe(*readings);
     // Before anybody is told of totals that include it.
     std::vector<OomCarried> now = oom.Carried();
-    if (now != carried) SaveOomRecord(now);
+    if (now == carried) return {};
+    const bool tell = now != std::exchange(notCarried, now);
+    if (!SaveOomRecord(now, tell)) return {};
     carried = std::move(now);
+    notCarried.clear();
     return {};
 }
 
@@ -554,7 +571,7 @@ bool CCgroupManager::WriteDisabledConfig(const std::string& path) {
     const base::MutexLock lock(m_impl->mutex);
     m_impl->published.valid = false;
     m_impl->quiet.Disturb();
-    ForgetWanted();
+    ForgetKept();
     Status written = PublishDisabled(path);
     if (written) return true;
     Fail(__LINE__, written.GetError());

@@ -4,11 +4,13 @@
 #include <optional>
 #include <utility>
 
+#include "AgentProcesses.h"
 #include "AgentTree.h"
 #include "OwnGroup.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/PathInfo.h"
+#include "platform/zel/ToolUtil.h"
 
 namespace zel {
 namespace cgroup {
@@ -77,6 +79,7 @@ Status TakePublishedPlace(Branch& branch, const std::string& tree) {
 }  // namespace
 
 bool IsTreeInUse(const Branches& branches) {
+    const std::string applicationDir = CToolUtil::GetApplicationDirPath();
     for (const std::shared_ptr<Branch>& branch : branches.all) {
         Result<GroupDir> tree = OpenTree(*branch);
         if (!tree) continue;
@@ -86,7 +89,11 @@ bool IsTreeInUse(const Branches& branches) {
             Result<GroupDir> leaf = OpenOwnChild(group.dir, kMainComponent);
             if (!leaf) continue;
             Result<std::vector<int>> pids = leaf->Processes();
-            if (pids && !pids->empty()) return true;
+            if (!pids) continue;
+            // Somebody else's process that stayed behind there is no main process.
+            for (const int pid : *pids) {
+                if (JudgeProgram(pid, applicationDir) == Program::kAgents) return true;
+            }
         }
     }
     return false;

@@ -13,6 +13,7 @@
 
 #include "kernel/CgroupFiles.h"
 #include "kernel/ControlText.h"
+#include "AgentProcesses.h"
 #include "Hierarchy.h"
 #include "LimitPlan.h"
 #include "kernel/Limits.h"
@@ -79,6 +80,8 @@ Status Move(const GroupDir& dir, int pid) {
 
 /// What one round works on.
 class Keeper::Round {
+    using Drifts = std::vector<CgroupDrift>;
+
 public:
     Round(Keeper& keeper, const KeeperRound& in, CgroupKeeperStatus& status)
         : m_keeper(keeper), m_in(in), m_status(status) {
@@ -89,10 +92,6 @@ public:
     std::vector<CgroupDrift> Run() {
         for (const std::shared_ptr<Branch>& branch : m_in.branches->all) KeepBranch(*branch);
         KeepFile();
-        if (m_groupsMade) {
-            m_in.republish();  // its failures are in the log, and the next round sees what is missing
-            m_keeper.m_identities.clear();
-        }
         for (const std::shared_ptr<Branch>& branch : m_in.branches->all) KeepMembers(*branch);
         for (const auto& [key, state] : m_seen) m_inOrder = m_inOrder && state == MemberState::kInside;
         m_keeper.m_inOrder = m_inOrder;
@@ -102,7 +101,6 @@ public:
     }
 
 private:
-    using Drifts = std::vector<CgroupDrift>;
     using LeafName = std::pair<std::string, std::string>;  ///< group and leaf
 
     Flags Active(const Branch& branch) const;
@@ -124,6 +122,7 @@ private:
     void FindForeign(const GroupDir& dir, const LeafName& name);
     bool BelongsToAgent(int pid) const;
 
+    void ReportMade(bool published);
     void Report(CgroupDrift drift);
     void Postpone(const CgroupDrift& drift);
 
@@ -133,7 +132,9 @@ private:
     std::map<int, std::string> m_components;  ///< by process
     std::map<MemberKey, MemberState> m_seen;
     std::map<std::string, GroupIdentity> m_identities;
+    std::map<std::string, GroupIdentity> m_replacing;  ///< groups in the place of known ones
     std::vector<CgroupDrift> m_news;
+    Drifts m_made;  ///< what was made again, to be told when it is known whether the components are told
     bool m_groupsMade = false;
     bool m_inOrder = true;  ///< nothing differs, and nothing is waited for
 };
@@ -198,7 +199,15 @@ void Keeper::Round::KeepBranch(const Branch& branch) {
     for (const Controller controller : kAllControllers) {
         if (active[controller]) KeepLimits(tree, controller, due, problem);
     }
-    for (CgroupDrift& drift : missing) due ? Report(std::move(drift)) : Postpone(drift);
+    for (CgroupDrift& drift : missing) {
+        if (!due) {
+            Postpone(drift);
+        } else if (drift.kind == CgroupDriftKind::kGroup) {
+            m_made.push_back(std::move(drift));
+        } else {
+            Report(std::move(drift));
+        }
+    }
 }
 
 void Keeper::Round::FindMissing(const Branch& branch, const OpenTreeFacts& tree, Drifts& out) {
@@ -207,7 +216,8 @@ void Keeper::Round::FindMissing(const Branch& branch, const OpenTreeFacts& tree,
         drift.kind = CgroupDriftKind::kGroup;
         drift.group = group;
         drift.component = leaf;
-        drift.path = tree.facts.nodes.front().path + "/" + group + (leaf.empty() ? "" : "/" + leaf);
+        drift.path =
+            tree.facts.nodes.front().path + (group.empty() ? "" : "/" + group) + (leaf.empty() ? "" : "/" + leaf);
         drift.found = found;
         out.push_back(std::move(drift));
     };
@@ -219,7 +229,9 @@ void Keeper::Round::FindMissing(const Branch& branch, const OpenTreeFacts& tree,
         const auto known = m_keeper.m_identities.find(node.path);
         const bool replaced = known != m_keeper.m_identities.end() && known->second != node.identity;
         if (replaced) miss(node.group, node.leaf, "another group of that name");
-        m_identities[node.path] = node.identity;
+        // Until it is dealt with, the one that the components know is the one that is missed.
+        m_identities[node.path] = replaced ? known->second : node.identity;
+        if (replaced) m_replacing[node.path] = node.identity;
     }
     for (const GroupTarget& target : m_in.targets->groups) {
         if (groups.count(target.name) == 0) miss(target.name, {}, "not there");
@@ -262,7 +274,10 @@ void Keeper::Round::Rebuild(const Branch& branch, Drifts& drifts) {
     for (CgroupDrift& drift : drifts) {
         drift.repaired = problems.empty();
         if (!problems.empty()) drift.problem = problems.front().Text();
-        m_groupsMade = m_groupsMade || drift.kind == CgroupDriftKind::kGroup;
+        if (drift.kind != CgroupDriftKind::kGroup) continue;
+        m_groupsMade = true;
+        const auto now = m_replacing.find(drift.path);
+        if (now != m_replacing.end()) m_identities[drift.path] = now->second;
     }
 }
 
@@ -300,17 +315,35 @@ void Keeper::Round::KeepLimits(const OpenTreeFacts& tree, Controller controller,
     }
 }
 
-/// What the components go by. Groups that were made again have it written anew anyway.
+/// What the components go by. It is written anew with groups that were made again, and until that has succeeded.
 void Keeper::Round::KeepFile() {
     CgroupDrift drift;
     drift.kind = CgroupDriftKind::kFile;
     drift.path = m_in.filePath;
     drift.found = m_in.judgeFile();
-    if (drift.found.empty()) return;
+    if (drift.found.empty() && m_keeper.m_unpublished) drift.found = "about groups that were made again since";
+    const bool differs = !drift.found.empty();
+    if (!differs && !m_groupsMade) return;
     if (!m_groupsMade && !m_keeper.m_book.IsDue(drift, m_in.nowMs)) return Postpone(drift);
-    drift.repaired = m_groupsMade || m_in.republish();
-    if (!drift.repaired) drift.problem = "the log says why";
+    const bool published = m_in.republish();
+    m_keeper.m_unpublished = !published;
+    ReportMade(published);
+    if (!differs) return;
+    drift.repaired = published;
+    if (!published) drift.problem = "the log says why";
     Report(std::move(drift));
+}
+
+/// A group that nobody is told of is not made again for those who belong into it.
+void Keeper::Round::ReportMade(bool published) {
+    for (CgroupDrift& drift : m_made) {
+        if (!published && drift.repaired) {
+            drift.repaired = false;
+            drift.problem = "it was made, but the components could not be told of it; the log says why";
+        }
+        Report(std::move(drift));
+    }
+    m_made.clear();
 }
 
 // --- members --------------------------------------------------------------------------------------------------------
@@ -445,11 +478,7 @@ void Keeper::Round::FindForeign(const GroupDir& dir, const LeafName& name) {
 /// The agent's are its components with everything below them, this process's children, and every program whose file is
 /// the agent's or lies in the application directory.
 bool Keeper::Round::BelongsToAgent(int pid) const {
-    const Result<std::string> program = base::ReadProgramPath(pid);
-    const Result<std::string> own = base::ReadOwnProgramPath();
-    if (program && own && *program == *own) return true;
-    const std::string directory = CToolUtil::GetApplicationDirPath() + "/";
-    if (program && directory.size() > 1 && program->compare(0, directory.size(), directory) == 0) return true;
+    if (JudgeProgram(pid, CToolUtil::GetApplicationDirPath()) != Program::kStranger) return true;
     for (int each = pid, steps = 0; each > 1 && steps < kMaxAncestors; ++steps) {
         if (each == getpid() || m_components.count(each) != 0) return true;
         const Result<base::ProcStat> stat = base::ReadProcessStat(each);

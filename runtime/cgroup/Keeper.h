@@ -49,6 +49,11 @@ public:
 
     /// The manager itself changes groups: identities are learned anew.
     void ForgetGroups() { m_identities.clear(); }
+    /// The component file was written about the groups of now.
+    void NotePublished() {
+        m_identities.clear();
+        m_unpublished = false;
+    }
 
     /// Returns: contested things that have been left in peace for a while, since the last call, in words.
     std::vector<std::string> TakeEndedContests() { return std::exchange(m_ended, {}); }
@@ -75,6 +80,7 @@ private:
     std::map<MemberKey, MemberState> m_seen;            ///< of the last round
     std::vector<std::string> m_ended;
     bool m_inOrder = false;
+    bool m_unpublished = false;  ///< groups were made, and the component file could not be written about them
 };
 
 }  // namespace cgroup

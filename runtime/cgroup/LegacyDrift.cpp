@@ -109,7 +109,7 @@ void LegacyGroup::FindValueDrifts(std::vector<CgroupDrift>& out) {
     MemLimit wanted = *found;
     wanted.hardBytes = m_applied.limit.bytes;
     wanted.swapBytes = SwapLimitFor(m_group.GetVersion(), wanted.hardBytes);
-    if (m_group.GetVersion() == Version::kV1) wanted.softBytes = PageRoundDown(m_applied.softBytes);
+    if (m_group.HasFile(v1::kMemSoftLimitBytes)) wanted.softBytes = PageRoundDown(m_applied.softBytes);
     if (IsSame(*found, wanted)) return;
     if (!IsUnlimitedAnywhere(*found, wanted) && !IsSame(*found, before)) {
         m_otherMem = *found;

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "kernel/Limits.h"
+#include "AgentProcesses.h"
 #include "OwnGroup.h"
 #include "ProcessTable.h"
 #include "base/ProcFiles.h"
@@ -203,14 +204,9 @@ std::vector<int> LegacyGroup::Foreign() const {
     for (int pid : *members) {
         if (pid != head && IsBelow(table, head, pid)) head = pid;
     }
-    const std::string directory = m_options.applicationDir + "/";
-    const Result<std::string> program = base::ReadProgramPath(Self());
     for (int pid : *members) {
         if (IsBelow(table, pid, head)) continue;
-        const Result<std::string> other = base::ReadProgramPath(pid);
-        if (other && program && *other == *program) continue;
-        if (other && directory.size() > 1 && base::StartsWith(*other, directory)) continue;
-        out.push_back(pid);
+        if (JudgeProgram(pid, m_options.applicationDir) == Program::kStranger) out.push_back(pid);
     }
     return out;
 }

@@ -73,17 +73,18 @@ std::vector<OomCarried> ParseOomRecord(const std::string& text, const std::strin
 }
 
 std::vector<OomCarried> LoadOomRecord() {
-    const base::Result<std::string> text = base::ReadTrusted(RecordPath(), kMaxFileBytes, base::TrustScope::kFile);
+    const base::Result<std::string> text = base::ReadTrusted(RecordPath(), kMaxFileBytes, base::TrustScope::kWithPlace);
     return text ? ParseOomRecord(*text, base::ReadBootId()) : std::vector<OomCarried>();
 }
 
-void SaveOomRecord(const std::vector<OomCarried>& carried) {
+bool SaveOomRecord(const std::vector<OomCarried>& carried, bool tell) {
     const std::string text = FormatOomRecord(base::ReadBootId(), carried);
     const base::Status saved = base::ReplaceFile(RecordPath(), text, kFileMode, base::Durability::kSynced);
-    if (saved) return;
+    if (saved || !tell) return saved.Ok();
     CLogMessage::GetInstance()->log(kLogWarning, "OomRecord", __LINE__,
                                     "counts of removed control groups are not kept: %s",
                                     saved.GetError().Text().c_str());
+    return false;
 }
 
 }  // namespace cgroup

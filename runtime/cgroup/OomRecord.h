@@ -32,8 +32,9 @@ std::vector<OomCarried> ParseOomRecord(const std::string& text, const std::strin
 
 /// Reads the file in the directory that the agent's processes share. One that is not there or not trusted says nothing.
 std::vector<OomCarried> LoadOomRecord();
-/// Replaces it. A failure is logged: kills of a time without the main process may then go untold.
-void SaveOomRecord(const std::vector<OomCarried>& carried);
+/// Replaces it. Returns: whether it could. With `tell` a failure is logged: kills of a time without the main process
+/// may then go untold.
+bool SaveOomRecord(const std::vector<OomCarried>& carried, bool tell);
 
 }  // namespace cgroup
 }  // namespace zel

@@ -5,6 +5,7 @@
 #include "AgentTreeFixture.h"
 #include "platform/zel/CgroupClient.h"
 #include "platform/zel/CgroupTreeStatus.h"
+#include "support/SystemCalls.h"
 
 namespace {
 
@@ -216,6 +217,62 @@ TEST_F(CgroupClientTest, ComesBackWhenSomebodyMovedItAway) {
     ASSERT_TRUE(WriteText(layout.memMount + "/cgroup.procs", std::to_string(getpid())));
     ASSERT_TRUE(client.ReloadConfig());
     EXPECT_TRUE(IsIn(getpid(), "main/Worker"));
+}
+
+TEST_F(CgroupClientTest, AStrangerInTheMainLeafIsNoMainProcess) {
+    ASSERT_TRUE(manager.WriteComponentConfig(file, {Quota("Tervane", "main", 0, 0), Quota("Worker", "main", 0, 0)},
+                                             40000, 524288));
+    ASSERT_TRUE(client.ReloadConfig());
+    ASSERT_TRUE(IsIn(getpid(), "main/Worker"));
+    Child stranger([] { return execl("/bin/sleep", "sleep", "100", nullptr); });
+    const std::string sleeping = "/proc/" + std::to_string(stranger.Pid()) + "/comm";
+    ASSERT_TRUE(Eventually([&] { return ReadValue(sleeping) == "sleep"; }));
+    for (const std::string& tree : {cpuTree, memTree}) {
+        ASSERT_TRUE(WriteText(tree + "/main/Tervane/cgroup.procs", std::to_string(stranger.Pid())));
+    }
+    ASSERT_EQ(0, unlink(file.c_str()));
+    EXPECT_TRUE(client.ReloadConfig());
+    EXPECT_FALSE(IsIn(getpid(), "main/Worker"));
+}
+
+TEST_F(CgroupClientTest, ALookAtRestOpensNothing) {
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(client.ReloadConfig());
+    constexpr int kTimes = 20;
+    const support::SystemCalls calls = support::CountSystemCalls([&] {
+        for (int i = 0; i < kTimes; ++i) EXPECT_TRUE(client.ReloadConfig());
+    });
+    if (!calls.counted) GTEST_SKIP() << "SKIP direct: this thread cannot be traced";
+    EXPECT_EQ(0, calls.opens);
+    EXPECT_LE(calls.all, 4 * kTimes);
+    printf("[ FIGURE ] a look at rest: %d system calls\n", calls.all / kTimes);
+}
+
+TEST_F(CgroupClientTest, ALongRestEndsWithWhateverHappens) {
+    const auto rest = [&] {
+        for (int i = 0; i < 5; ++i) ASSERT_TRUE(client.ReloadConfig());
+    };
+    rest();
+    for (const std::string& root : {layout.cpuMount, layout.memMount}) {
+        ASSERT_TRUE(WriteText(root + "/cgroup.procs", std::to_string(getpid())));
+        ASSERT_TRUE(client.ReloadConfig());
+        EXPECT_TRUE(IsIn(getpid(), "main/Worker")) << root;
+        rest();
+    }
+    ASSERT_TRUE(Publish(20000, 204800));
+    ASSERT_TRUE(client.ReloadConfig());
+    EXPECT_EQ(20000, client.GetCpuQuota100Times());
+    rest();
+    zel::SetCgroupClientComponent("Somebody");
+    ASSERT_TRUE(client.ReloadConfig());
+    EXPECT_TRUE(IsIn(getpid(), "other/Somebody"));
+    zel::SetCgroupClientComponent("Worker");
+    ASSERT_TRUE(client.ReloadConfig());
+    rest();
+    SwitchOff();
+    ASSERT_TRUE(client.ReloadConfig());
+    EXPECT_FALSE(client.IsCpuJoined());
+    rest();
+    EXPECT_EQ(before, ReadValue("/proc/self/cgroup"));
 }
 
 TEST_F(CgroupClientTest, RefusesEveryMalformedFile) {

@@ -12,6 +12,8 @@
 
 #include "AgentTreeFixture.h"
 #include "DriftLedger.h"
+#include "Keeper.h"
+#include "OwnGroup.h"
 #include "platform/zel/CgroupKeeper.h"
 
 namespace {
@@ -416,6 +418,113 @@ TEST_F(KeeperTest, WritesTheComponentFileAgainWithNewGroups) {
     Round();
     EXPECT_NE(old, ReadValue(file));
     EXPECT_THAT(ReadValue(file), ::testing::HasSubstr(std::to_string(InodeOf(cpuTree + "/" + kLeaf))));
+}
+
+TEST_F(KeeperTest, AFileThatCouldNotBeWrittenIsWrittenTheNextTime) {
+    Remove(cpuTree, kLeaf);
+    {
+        const faults::Failing full(faults::Call::kFsync, ENOSPC);
+        Round();
+        ASSERT_GE(full.Calls(), 1);
+    }
+    const std::string inode = std::to_string(InodeOf(cpuTree + "/" + kLeaf));
+    ASSERT_FALSE(news.empty());
+    ASSERT_EQ(CgroupDriftKind::kGroup, news[0].kind);
+    EXPECT_FALSE(news[0].repaired) << "nobody was told of the group";
+    EXPECT_THAT(news[0].problem, ::testing::HasSubstr("could not be told"));
+    EXPECT_THAT(ReadValue(file), ::testing::Not(::testing::HasSubstr(inode)));
+    Round();
+    EXPECT_THAT(ReadValue(file), ::testing::HasSubstr(inode));
+    EXPECT_EQ(1u, Found(CgroupDriftKind::kFile));
+    Round();
+    EXPECT_EQ(1u, Found(CgroupDriftKind::kFile)) << "once it is written it is right";
+    EXPECT_THAT(zel::GetCgroupKeeperStatus().notInForce, ::testing::IsEmpty());
+}
+
+// While it is contested nothing is done about it; the one that the components know stays the one that is missed.
+TEST_F(KeeperTest, AContestedGroupMadeAnewIsPublishedInTheEnd) {
+    using namespace zel::cgroup;
+    std::vector<Error> refused;
+    const zel::CgroupTotalLimitConfig total = Total(350, 1048576);
+    GroupTargets targets = BuildGroupTargets(
+        {true, true}, &total, {Group("main", 30000, 524288), Group("collect-defense", 20000, 262144)}, refused);
+    targets.leaves.emplace();
+    for (const Controller controller : kAllControllers) {
+        (*targets.leaves)[LeafKey{controller, "collect-defense", "QorHips"}] = 5000;
+    }
+    const Branches branches = FindBranches();
+    Keeper keeper;
+    int published = 0;
+    KeeperRound round;
+    round.branches = &branches;
+    round.targets = &targets;
+    round.inUse = {true, true};
+    const std::vector<zel::CgroupMember> nobody;
+    round.members = &nobody;
+    round.judgeFile = [] { return std::string(); };
+    round.republish = [&] { return ++published > 0; };
+    zel::CgroupKeeperStatus status;
+    const auto look = [&](int64_t atMs) {
+        round.nowMs = atMs;
+        keeper.Run(round, status);
+    };
+    const auto remake = [&] {
+        const std::string path = cpuTree + "/" + kLeaf;
+        Remove(cpuTree, kLeaf);
+        ASSERT_EQ(0, mkdir(path.c_str(), 0755));
+        auto leaf = GroupDir::Open(path, layout.cpuV2 ? Version::kV2 : Version::kV1);
+        ASSERT_TRUE(leaf && MarkOwn(*leaf));
+    };
+    look(0);
+    published = 0;
+    constexpr int kRepairs = 5;
+    for (int i = 1; i <= kRepairs; ++i) {
+        remake();
+        look(1000 * i);
+    }
+    ASSERT_EQ(kRepairs, published);
+    remake();
+    look(6000);
+    look(7000);
+    ASSERT_EQ(kRepairs, published) << "it is contested";
+    look(40000);
+    EXPECT_EQ(kRepairs + 1, published);
+}
+
+TEST_F(KeeperTest, WhatIsNotKeptIsNotInTheStatus) {
+    for (int i = 0; i < 6; ++i) {
+        LiftCpu(kLeaf);
+        Round();
+    }
+    ASSERT_FALSE(zel::GetCgroupKeeperStatus().contested.empty());
+    ASSERT_FALSE(zel::GetCgroupKeeperStatus().notInForce.empty());
+    ASSERT_TRUE(manager.RemovePidFromGroup("main", getpid()));
+    ASSERT_TRUE(manager.Reconcile(false, false, {Group("main", 0, 0, false, false)}));
+    ASSERT_TRUE(manager.WriteDisabledConfig(file));
+    EXPECT_THAT(zel::GetCgroupKeeperStatus().contested, ::testing::IsEmpty());
+    EXPECT_THAT(zel::GetCgroupKeeperStatus().notInForce, ::testing::IsEmpty());
+    EXPECT_EQ(0, zel::GetCgroupKeeperStatus().lastGroups);
+}
+
+// With limits of ours on it nobody would look after it any more.
+TEST_F(KeeperTest, ATreeWithAGroupOfOthersInsideIsLiftedNotRemoved) {
+    component.reset();
+    const std::string theirs = cpuTree + "/collect-defense/theirs";
+    ASSERT_EQ(0, mkdir(theirs.c_str(), 0755));
+    ASSERT_TRUE(manager.RemovePidFromGroup("main", getpid()));
+    ASSERT_TRUE(manager.WriteDisabledConfig(file));
+    std::vector<zel::CgroupDrift> found;
+    ClearFaults();
+    ASSERT_TRUE(zel::KeepCgroupTree({}, found));
+    EXPECT_TRUE(Exists(theirs));
+    EXPECT_EQ("max", CpuLimit(""));
+    EXPECT_EQ("max", CpuLimit("collect-defense"));
+    for (const support::LogLine& line : support::LogLines()) {
+        EXPECT_THAT(line.text, ::testing::Not(::testing::HasSubstr("were removed")));
+    }
+    EXPECT_EQ(1u, Warnings().size());
+    ASSERT_EQ(0, rmdir(theirs.c_str()));
+    component = std::make_unique<Child>(Sleeper);
 }
 
 TEST_F(KeeperTest, KeepsNothingThatIsNotAskedForAnyMore) {

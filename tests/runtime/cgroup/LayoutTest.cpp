@@ -2,6 +2,7 @@
 #include "kernel/Layout.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -53,25 +54,30 @@ TEST(LayoutTest, IsNotOpenedNorParsedAgainWithoutAChange) {
     EXPECT_EQ(parses, zel::cgroup::CountLayoutParses());
 }
 
+/// In mounts of its own, so that nobody else uses what is mounted. Returns: 0, or the number of what is wrong.
+int SeeAMountComeAndGo(const std::string& folder) {
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return 1;
+    auto before = zel::cgroup::ReadLayoutMark();
+    auto any = zel::cgroup::ReadLayout();
+    if (!before || !any || any->mounts->empty()) return 2;
+    if (mount(any->mounts->front().mountPoint.c_str(), folder.c_str(), nullptr, MS_BIND, nullptr) != 0) return 3;
+    auto during = zel::cgroup::ReadLayoutMark();
+    auto shown = zel::cgroup::ReadLayout();
+    if (!during || during->mounts == before->mounts || !shown || !HasMount(*shown, folder)) return 4;
+    if (umount(folder.c_str()) != 0) return 5;
+    auto after = zel::cgroup::ReadLayout();
+    return after && !HasMount(*after, folder) ? 0 : 6;
+}
+
 TEST(LayoutTest, AMountAndAnUnmountAreSeenAtOnce) {
     if (geteuid() != 0) GTEST_SKIP() << "SKIP direct: not root";
     const support::TempDir folder;
-    auto before = zel::cgroup::ReadLayoutMark();
-    ASSERT_TRUE(before.Ok());
-    auto any = zel::cgroup::ReadLayout();
-    ASSERT_TRUE(any.Ok());
-    if (any->mounts->empty()) GTEST_SKIP() << "SKIP direct: no hierarchy is mounted";
-    const std::string source = any->mounts->front().mountPoint;
-    ASSERT_EQ(0, mount(source.c_str(), folder.Path().c_str(), nullptr, MS_BIND, nullptr));
-    auto during = zel::cgroup::ReadLayoutMark();
-    auto shown = zel::cgroup::ReadLayout();
-    ASSERT_EQ(0, umount(folder.Path().c_str()));
-    ASSERT_TRUE(during.Ok() && shown.Ok());
-    EXPECT_NE(before->mounts, during->mounts);
-    EXPECT_TRUE(HasMount(*shown, folder.Path()));
-    auto after = zel::cgroup::ReadLayout();
-    ASSERT_TRUE(after.Ok());
-    EXPECT_FALSE(HasMount(*after, folder.Path()));
+    const pid_t child = fork();
+    if (child == 0) _exit(SeeAMountComeAndGo(folder.Path()));
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_TRUE(WIFEXITED(status));
 }
 
 // A child is another process: what its parent keeps open tells of the parent.
