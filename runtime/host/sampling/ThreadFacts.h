@@ -1,7 +1,7 @@
 // CPU figures of this process's threads, without stopping anything and only when asked: by a report, by the statistics
 // collector once a minute, by the sampler during a breach. A pass lists /proc/self/task and asks each thread's CPU
-// clock; /proc/self/task/TID/stat is read only of threads that ran since the pass before, as nothing else of it can
-// have changed.
+// clock; /proc/self/task/TID/stat is read only of threads that ran since the pass before: of the others nothing has
+// changed but the state of one that waits for a CPU and gets none, which counts as no hit.
 #pragma once
 
 #include <cstdint>
