@@ -16,6 +16,8 @@ namespace cgroup {
 namespace {
 
 constexpr size_t kMaxKnown = 8192;
+/// Looks are five seconds apart, and one more comes with each change of the configuration.
+constexpr int64_t kStandsMs = 4000;
 
 int Self() {
     return static_cast<int>(getpid());
@@ -85,36 +87,48 @@ std::vector<CgroupDrift> LegacyGroup::FindDrifts() {
     return out;
 }
 
+/// Returns: whether a process is in the group that is neither this one nor started by it.
+bool LegacyGroup::HasOtherMembers() const {
+    Result<std::vector<int>> members = m_group.Processes();
+    if (!members) return true;
+    const std::vector<ProcessEntry> table = ReadProcessTable();
+    return std::any_of(members->begin(), members->end(), [&](int pid) { return !IsBelow(table, pid, Self()); });
+}
+
+/// Notes what was found. Returns: whether it has been there long enough.
+template <class Value, class Same>
+bool LegacyGroup::HasStood(const Value& found, std::optional<Value>& before, const Same& same) {
+    const int64_t nowMs = m_options.nowMs();
+    if (!before || !same(*before, found)) m_otherSinceMs = nowMs;
+    before = found;
+    return nowMs - m_otherSinceMs >= kStandsMs;
+}
+
 void LegacyGroup::FindValueDrifts(std::vector<CgroupDrift>& out) {
     LimitStep step;
     step.controller = m_controller;
     step.wanted = m_applied.limit;
     if (m_controller == Controller::kCpu) {
-        const CpuQuota before = std::exchange(m_otherCpu, CpuQuota());
         Result<CpuQuota> found = ReadCpuQuota(m_group);
-        if (!found || *found == m_applied.limit.cpu) return;
-        const bool certain = found->Unlimited() || found->burstUs != 0 || *found == before;
-        if (!certain) {
-            m_otherCpu = *found;
-            return;
-        }
+        if (!found || *found == m_applied.limit.cpu) return m_otherCpu.reset();
+        const bool stood = HasStood(*found, m_otherCpu, std::equal_to<>());
+        if (!stood && found->burstUs == 0 && (!found->Unlimited() || HasOtherMembers())) return;
+        m_otherCpu.reset();
         step.inForce.cpu = *found;
         out.push_back(DriftOf(CgroupDriftKind::kCpuQuota));
         DescribeStep(step, out.back());
         return;
     }
-    const MemLimit before = std::exchange(m_otherMem, MemLimit());
     Result<MemLimit> found = ReadMemLimit(m_group);
-    if (!found) return;
+    if (!found) return m_otherMem.reset();
     MemLimit wanted = *found;
     wanted.hardBytes = m_applied.limit.bytes;
     wanted.swapBytes = SwapLimitFor(m_group.GetVersion(), wanted.hardBytes);
     if (m_group.HasFile(v1::kMemSoftLimitBytes)) wanted.softBytes = PageRoundDown(m_applied.softBytes);
-    if (IsSame(*found, wanted)) return;
-    if (!IsUnlimitedAnywhere(*found, wanted) && !IsSame(*found, before)) {
-        m_otherMem = *found;
-        return;
-    }
+    if (IsSame(*found, wanted)) return m_otherMem.reset();
+    const bool stood = HasStood(*found, m_otherMem, IsSame);
+    if (!stood && (!IsUnlimitedAnywhere(*found, wanted) || HasOtherMembers())) return;
+    m_otherMem.reset();
     step.inForce.bytes = found->hardBytes;
     step.swapInForce = found->swapBytes;
     step.swapWanted = wanted.swapBytes;

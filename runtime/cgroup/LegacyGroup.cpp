@@ -11,6 +11,7 @@
 #include "AgentProcesses.h"
 #include "OwnGroup.h"
 #include "ProcessTable.h"
+#include "base/Clock.h"
 #include "base/ProcFiles.h"
 #include "base/TextScan.h"
 #include "platform/zel/LogMessage.h"
@@ -40,6 +41,10 @@ std::string LimitText(Controller controller, const Limit& limit) {
 }
 
 }  // namespace
+
+int64_t MonotonicMs() {
+    return base::ClockNs(CLOCK_MONOTONIC) / 1000000;
+}
 
 void LogLegacy(int level, int line, const std::string& text) {
     CLogMessage::GetInstance()->log(level, "LegacyLimit", line, "%s", text.c_str());
@@ -133,8 +138,8 @@ Status LegacyGroup::Start(const LegacyGroup& other) {
     if (status) {
         m_started = true;
         m_applied = m_wanted;
-        m_otherCpu = CpuQuota();
-        m_otherMem = MemLimit();
+        m_otherCpu.reset();
+        m_otherMem.reset();
         JoinDescendants();
     } else if (m_group.IsOpen() && !m_started && !IsSharedWith(other)) {
         RemoveIfEmpty();
@@ -159,8 +164,8 @@ void LegacyGroup::Reset(bool forgetOrigin) {
     m_group = GroupDir();
     m_wanted = LegacyValue();
     m_applied = LegacyValue();
-    m_otherCpu = CpuQuota();
-    m_otherMem = MemLimit();
+    m_otherCpu.reset();
+    m_otherMem.reset();
     m_inside.clear();
     m_awaited.clear();
     m_judged.clear();

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -21,11 +22,15 @@
 namespace zel {
 namespace cgroup {
 
+/// The clock of the looks.
+int64_t MonotonicMs();
+
 struct LegacyOptions {
     std::string groupName;       ///< a safe name; the group's
     std::string treeName;        ///< name of the unified tree: processes in it are left there
     std::string applicationDir;  ///< executables in it are the agent's
     std::function<Result<Layout>()> readLayout = ReadLayout;
+    std::function<int64_t()> nowMs = MonotonicMs;
 };
 
 /// What a legacy group holds its members to.
@@ -82,9 +87,11 @@ public:
     // is.
 
     /// Looks at everything that was applied last. Children that were never in the group are moved in, in silence.
-    /// Returns: what differs. Another finite limit than ours counts at its second look: one process of the agent hears
-    /// of a new limit before the next, and what it has written is no news of somebody else; so does a child that is out
-    /// of the group, since it may have left by itself. Requires: IsStarted().
+    /// Returns: what differs. Another limit than ours counts when it has stood for nearly the time between two looks:
+    /// one process of the agent hears of a new limit, or that there is to be none, before the next, and what it has
+    /// written is no news of somebody else. Where no other process of the agent is in the group a limit that was lifted
+    /// counts at once. A child that is out of the group counts at its second look, since it may have left by itself.
+    /// Requires: IsStarted().
     std::vector<CgroupDrift> FindDrifts();
     /// Puts back what one of them is about.
     Status Repair(const CgroupDrift& drift);
@@ -105,6 +112,9 @@ private:
     bool Holds(const LegacyValue& value) const;
     CgroupDrift DriftOf(CgroupDriftKind kind) const;
     void FindValueDrifts(std::vector<CgroupDrift>& out);
+    bool HasOtherMembers() const;
+    template <class Value, class Same>
+    bool HasStood(const Value& found, std::optional<Value>& before, const Same& same);
     void FindOwnDrift(std::vector<CgroupDrift>& out) const;
     void FindMemberDrifts(std::vector<CgroupDrift>& out);
     Status Lift() const;
@@ -123,8 +133,9 @@ private:
     GroupDir m_group;
     LegacyValue m_wanted;                      ///< as last asked for
     LegacyValue m_applied;                     ///< as last put in force
-    CpuQuota m_otherCpu;                       ///< another than ours, as seen at the last look; unlimited: none
-    MemLimit m_otherMem;                       ///< the same
+    std::optional<CpuQuota> m_otherCpu;        ///< another than ours, as seen at the last look
+    std::optional<MemLimit> m_otherMem;        ///< the same
+    int64_t m_otherSinceMs = 0;                ///< when that was seen first
     using Process = std::pair<int, uint64_t>;  ///< pid and start time
     std::set<Process> m_inside;                ///< this process's children that belong into the group, at the last look
     std::set<Process> m_awaited;               ///< those of them that were out of it

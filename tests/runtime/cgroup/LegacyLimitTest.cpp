@@ -94,9 +94,12 @@ protected:
         options.groupName = m_group;
         options.treeName = m_name;
         options.applicationDir = "/opt/zeltest-nowhere";
+        options.nowMs = [this] { return m_nowMs += m_betweenLooksMs; };
         return std::make_unique<LegacyLimit>(std::move(options));
     }
     std::string Quota() const { return ReadValue(CpuDir(m_group) + "/cpu.cfs_quota_us"); }
+    mutable int64_t m_nowMs = 0;
+    int64_t m_betweenLooksMs = 5000;
     std::string Period() const { return ReadValue(CpuDir(m_group) + "/cpu.cfs_period_us"); }
     std::string Hard() const { return ReadValue(MemDir(m_group) + "/memory.limit_in_bytes"); }
     std::string SelfGroup(const Hierarchy& hierarchy) const {
@@ -223,6 +226,41 @@ TEST_F(LegacyLimitTest, AChangedValueIsSeenAndSetAgainBySync) {
     ASSERT_THAT(warnings, SizeIs(1));
     EXPECT_EQ("CPU quota of " + CpuDir(m_group) + " was: no limit, asked for: 20000 us in 100000 us; set back",
               warnings[0]);
+    Stop();
+}
+
+// The main process hears of a new limit first, and this one looks twice before it hears of it too.
+TEST_F(LegacyLimitTest, AnotherLimitCountsWhenItHasStoodForALook) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    m_betweenLooksMs = 0;
+    ASSERT_TRUE(Root(m_cpu).OpenChild(m_group)->Write("cpu.cfs_quota_us", "30000").Ok());
+    support::TakeLogLines();
+    for (int i = 0; i < 4; ++i) m_limit->SyncCpuLimit();
+    EXPECT_EQ("30000", Quota());
+    EXPECT_THAT(Warnings(), SizeIs(0));
+    m_nowMs += 5000;
+    m_limit->SyncCpuLimit();
+    EXPECT_EQ("20000", Quota());
+    EXPECT_THAT(Warnings(), SizeIs(1));
+    Stop();
+}
+
+// Of several processes one hears first that there is to be no limit.
+TEST_F(LegacyLimitTest, ALiftedLimitOfASharedGroupMustHaveStoodToo) {
+    ASSERT_EQ(kLegacyOk, Start(20, 0));
+    m_betweenLooksMs = 0;
+    const int other = Orphan(nullptr);
+    ASSERT_GT(other, 0);
+    ASSERT_TRUE(Root(m_cpu).OpenChild(m_group)->MoveHere(other).Ok());
+    ASSERT_TRUE(Root(m_cpu).OpenChild(m_group)->Write("cpu.cfs_quota_us", "-1").Ok());
+    support::TakeLogLines();
+    for (int i = 0; i < 4; ++i) m_limit->SyncCpuLimit();
+    EXPECT_EQ("-1", Quota());
+    EXPECT_THAT(Warnings(), SizeIs(0));
+    m_nowMs += 5000;
+    m_limit->SyncCpuLimit();
+    EXPECT_EQ("20000", Quota());
+    ASSERT_TRUE(Root(m_cpu).MoveHere(other).Ok());
     Stop();
 }
 

@@ -65,6 +65,7 @@ protected:
         options.groupName = m_name + ".legacy";
         options.treeName = m_name;
         options.applicationDir = "/opt/zeltest-nowhere";
+        options.nowMs = [nowMs = int64_t{0}]() mutable { return nowMs += 5000; };
         return std::make_unique<LegacyLimit>(std::move(options));
     }
     std::string Dir(const std::string& relative) const { return m_cpu.mountPoint + "/" + m_name + relative; }
