@@ -236,9 +236,9 @@ def describe():
     model = re.search(r"^model name\s*: (.*)$", read("/proc/cpuinfo"), re.M)
     commit = subprocess.run(["git", "-C", SOURCE, "describe", "--always", "--dirty"], capture_output=True, text=True)
     system = re.search(r'^PRETTY_NAME="(.*)"$', read("/etc/os-release"), re.M)
-    return (f"{os.cpu_count()} x {model.group(1) if model else platform.machine()}, Linux {platform.release()}, "
-            f"{system.group(1) if system else 'unknown system'}; {datetime.date.today()}; commit "
-            f"{commit.stdout.strip() or 'unknown'}; load average {os.getloadavg()[0]:.1f} at the start.")
+    return (f"- {os.cpu_count()} x {model.group(1) if model else platform.machine()}, Linux {platform.release()}, "
+            f"{system.group(1) if system else 'unknown system'}\n- {datetime.date.today()}, commit "
+            f"{commit.stdout.strip() or 'unknown'}, load average {os.getloadavg()[0]:.1f} at the start")
 
 
 def write(path, machine, table):
