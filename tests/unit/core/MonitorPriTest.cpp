@@ -406,6 +406,58 @@ TEST_F(MonitorPriTest, IgnoresOtherTimers) {
     EXPECT_EQ(Lines({}), journal());
 }
 
+// The upper half of a timer's id counts like the lower one.
+TEST_F(MonitorPriTest, KeepsTimerIdsAndMagicNumbersWhole) {
+    constexpr unsigned long kId = 0x700000000UL;
+    platform().timerId.Always(kId);
+    platform().magicNum = 0x900000001UL;
+    pri().SetConfigPath(WriteConfig(""));
+    EXPECT_TRUE(pri().StartMonitor(nullptr, "collector"));
+    EXPECT_EQ(kId, pri().m_heartbeatTimerId);
+    EXPECT_THAT(journal(), testing::Contains("CTimerEvent::startTimer(60000,38654705665)"));
+    pri().timeEvent(0);
+    pri().timeEvent(0x800000000UL);
+    EXPECT_EQ(Lines({}), journal());
+    pri().timeEvent(kId);
+    EXPECT_EQ(Lines({"CResourceMonitor::SetThreadHeartbeat(77,main,1800)"}), journal());
+    pri().m_heartbeatTimerId = 5;
+    pri().timeEvent(0x700000005UL);
+    EXPECT_EQ(Lines({}), journal());
+    pri().m_heartbeatTimerId = kId;
+    EXPECT_TRUE(pri().StopMonitor());
+    EXPECT_EQ("CTimerEvent::killTimer(30064771072)", journal().front());
+}
+
+// What the start calls may ask the object back: its name and role stand before.
+TEST_F(MonitorPriTest, KnowsItsNameBeforeTheOsAbnormalMonitorStarts) {
+    pri().SetConfigPath(WriteConfig(""));
+    int seen = 0;
+    platform().keepInJournal = [&](const std::string& line) {
+        if (line == "CThreadUtil::startThread()") {
+            ++seen;
+            EXPECT_EQ("tervane", pri().m_appName);
+            EXPECT_TRUE(pri().m_isMainAgent);
+        }
+        return true;
+    };
+    EXPECT_TRUE(pri().StartMonitor(nullptr, "tervane"));
+    platform().keepInJournal = nullptr;
+    EXPECT_EQ(1, seen);
+}
+
+TEST_F(MonitorPriTest, LooksForConfigurationAfterItsTimerHasEnded) {
+    pri().m_heartbeatTimerId = 9001;
+    platform().keepInJournal = [](const std::string& line) {
+        if (line == "CTimerEvent::killTimer(9001)") doubles::ForgetOnlineConf();
+        return true;
+    };
+    EXPECT_TRUE(pri().StopMonitor());
+    platform().keepInJournal = nullptr;
+    EXPECT_EQ(
+        Lines({"CTimerEvent::killTimer(9001)", "CThreadUtil::IsThreadRunning()", "CResourceMonitor::StopMonitor()"}),
+        journal());
+}
+
 // --- periodic schedule and memory line ---
 
 class MonitorScheduleTest : public MonitorPriTest {
@@ -437,6 +489,28 @@ TEST_F(MonitorScheduleTest, LogsMemoryEvery60thChecksOomEvery15th) {
         pri().MonitorOther(tick);
         EXPECT_EQ(Lines({}), journal()) << tick;
     }
+}
+
+// 2^32 is 16 rounds after a minute's and one after a quarter's.
+TEST_F(MonitorScheduleTest, CountsRoundsBeyond32Bits) {
+    LogMemInfo();
+    journal();
+    constexpr unsigned long kBeyond = 1UL << 32;
+    pri().MonitorOther(kBeyond);
+    EXPECT_EQ(Lines({}), journal());
+    pri().MonitorOther(kBeyond + 14);
+    EXPECT_EQ(Lines({m_oomCheck}), journal());
+    pri().MonitorOther(kBeyond + 44);
+    EXPECT_EQ(Lines({m_memoryAsked, m_oomCheck}), journal());
+}
+
+TEST_F(MonitorScheduleTest, AsksTheClockOnceAndThenTheMemory) {
+    platform().journalTime = true;
+    LogMemInfo();
+    const Lines all = journal();
+    ASSERT_EQ(3u, all.size());
+    EXPECT_EQ(1, std::count_if(all.begin(), all.end(), [](const std::string& l) { return l.rfind("time(", 0) == 0; }));
+    EXPECT_EQ(m_memoryAsked, all[1]);
 }
 
 TEST_F(MonitorScheduleTest, ForcesTheMemoryLineOnceAnHour) {
@@ -519,6 +593,26 @@ TEST(MonitorMemoryLineDeathTest, ForcesTheFirstLineAfterLoading) {
         testing::ExitedWithCode(0), "");
 }
 
+TEST(MonitorMemoryLineDeathTest, ForcesTheLineBeyondTheYear2038) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            doubles::ResetPlatform();
+            doubles::P().memory.usagePercent = 3;
+            std::string seen;
+            for (const time_t now : {2147483000L, 2147486600L, 2147486601L, 2147490201L, 2147490202L, 8000000000L,
+                                     8000003600L, 8000003601L}) {
+                doubles::P().now = now;
+                doubles::P().journal.clear();
+                doubles::P().logs.clear();
+                LogMemInfo();
+                seen += doubles::P().LogJournal().empty() ? '-' : 'L';
+            }
+            _exit(seen == "L-L-LL-L" ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 TEST_F(MonitorPriTest, SkipsTheOomCheckOutsideTheMainProcess) {
     pri().m_cgroupManager = new zel::CCgroupManager;
     journal();
@@ -557,6 +651,60 @@ TEST_F(MonitorPriTest, ReappliesEverythingInOrderAfterAnUpdate) {
     EXPECT_EQ(300, pri().m_effectiveMaxMem);
     EXPECT_EQ(300 * 1024 * 3 / 2, pri().m_legacyMemFirstLimit) << "the larger limit comes first";
     EXPECT_EQ(300 * 1024, pri().m_legacyMemSecondLimit);
+}
+
+// Another update may come while one is applied: each works with one set of values, and with one configuration.
+TEST_F(MonitorPriTest, AppliesOneSetOfValuesWhateverComesMeanwhile) {
+    conf().maxCpu.Set(20);
+    conf().maxMemory.Set(300);
+    conf().groupMaxCpu.Set(40);
+    conf().groupMaxMemory.Set(400);
+    conf().resourceLimitMode.Set(1);
+    conf().hashMode.Set(2);
+    journal();
+    platform().keepInJournal = [this](const std::string& line) {
+        if (line.rfind("COnlineClientConf::", 0) == 0) return false;
+        if (line == "CResourceMonitor::SetCpuSolarisMode(0)") {
+            doubles::ForgetOnlineConf();
+            conf().maxCpu.Set(77);
+            conf().maxMemory.Set(777);
+            conf().groupMaxCpu.Set(78);
+            conf().groupMaxMemory.Set(778);
+            conf().resourceLimitMode.Set(12);
+            conf().cpuAll.Set(1);
+        }
+        if (line == "CResourceMonitor::SetMaxFdCount(0)") conf().hashMode.Set(3);
+        return true;
+    };
+    pri().OnUpdate();
+    platform().keepInJournal = nullptr;
+    EXPECT_EQ(Joined({{"CResourceMonitor::SetCpuSolarisMode(0)"},
+                      LegacyCpuOn(1, 20, 19, 0),
+                      {"CResourceMonitor::SetMaxCpu(20)"},
+                      LegacyMemOff(),
+                      UpdateTail(300, 0, 0, 0, 0, 3)}),
+              calls());
+    EXPECT_EQ(20, pri().m_effectiveMaxCpu);
+    EXPECT_EQ(300, pri().m_effectiveMaxMem);
+    EXPECT_EQ(300 * 1024, pri().m_legacyMemSecondLimit);
+}
+
+// With the percent of one processor taken for that of all, no widening bounds the value first.
+TEST_F(MonitorPriTest, TakesCpuMaximaBeyond32BitsWhole) {
+    constexpr long kBeyond = (1L << 32) + 20;
+    conf().cpuAll.Set(1);
+    conf().groupMaxCpu.Set(kBeyond);
+    conf().resourceLimitMode.Set(8);
+    pri().OnUpdate();
+    EXPECT_EQ(kBeyond, pri().m_effectiveMaxCpu);
+    conf().maxCpu.Set(kBeyond + 1);
+    conf().resourceLimitMode.Set(0);
+    pri().OnUpdate();
+    EXPECT_EQ(kBeyond + 1, pri().m_effectiveMaxCpu);
+    conf().resourceLimitMode.Set(1);
+    journal();
+    pri().OnUpdate();
+    EXPECT_THAT(calls(), testing::Contains("IResourceLimitUtil::StartCpuLimit(400,0,error=0)"));
 }
 
 TEST_F(MonitorPriTest, ReappliesThresholdsAlsoWhenNothingChanged) {

@@ -1,5 +1,6 @@
 // The resource configuration file: keys and defaults, publication, the first application of every limit, bad input.
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -105,6 +106,45 @@ TEST_F(ResourceConfigurationTest, LeavesNoDescriptorOpen) {
     const int after = dup(STDIN_FILENO);
     close(after);
     EXPECT_EQ(before, after);
+}
+
+TEST_F(ResourceConfigurationTest, OpensTheFileOnce) {
+    const std::string path = WriteConfig("max_cpu=20\n");
+    const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(watch, 0);
+    ASSERT_GE(inotify_add_watch(watch, path.c_str(), IN_CLOSE), 0);
+    EXPECT_TRUE(pri().ParseMonitorConfig(path, m_config));
+    // Equal events that follow each other are told once, so closing is watched and the length compared.
+    char events[4096];
+    EXPECT_EQ(static_cast<ssize_t>(sizeof(inotify_event)), read(watch, events, sizeof events));
+    EXPECT_EQ(-1, read(watch, events, sizeof events));
+    close(watch);
+}
+
+TEST_F(ResourceConfigurationTest, ReadsThroughDescriptorZeroToo) {
+    const std::string path = WriteConfig("max_cpu=20\n");
+    const int kept = dup(STDIN_FILENO);
+    ASSERT_GT(kept, STDIN_FILENO);
+    close(STDIN_FILENO);
+    const bool parsed = pri().ParseMonitorConfig(path, m_config);
+    EXPECT_EQ(STDIN_FILENO, dup2(kept, STDIN_FILENO));
+    close(kept);
+    EXPECT_TRUE(parsed);
+    EXPECT_EQ(20, m_config.maxCpu);
+}
+
+TEST_F(ResourceConfigurationTest, TakesAFileOfExactlySixtyFourMegabytes) {
+    const std::string path = WriteConfig("max_cpu=20\n");
+    EXPECT_EQ(0, truncate(path.c_str(), 64L * 1024 * 1024));
+    EXPECT_TRUE(pri().ParseMonitorConfig(path, m_config));
+    EXPECT_EQ(20, m_config.maxCpu);
+}
+
+// A key that stands twice counts once, and a value does not go on in the next line.
+TEST_F(ResourceConfigurationTest, ReadsOneLineForAKeyAndTheLastOfTwo) {
+    EXPECT_TRUE(Parse("cgroup_groups=<<<END\nmain:50:1024\nEND\nmax_cpu=20\nmax_cpu=30\n"));
+    EXPECT_EQ("<<<END", pri().m_cgroupGroupsSpec);
+    EXPECT_EQ(30, m_config.maxCpu);
 }
 
 // --- keys ---

@@ -282,6 +282,48 @@ TEST_F(ThreadReportTest, PrintsTheLow32BitsOfIds) {
         report);
 }
 
+TEST_F(ThreadReportTest, NamesThreadsByTheWholeId) {
+    constexpr long kId = (1L << 32) + 7;
+    m_sysIntf.threads = {Thread(kId, 0, 0, 0, 0)};
+    m_sysIntf.busiestTid = kId;
+    platform().threadNames = {{7, "another"}, {kId, "mine"}};
+    std::list<CSysThreadsCpuUsage> list;
+    m_monitor->GetThreadsCpuUsage(list);
+    ASSERT_EQ(1u, list.size());
+    EXPECT_EQ("mine", list.front().name);
+    std::string name;
+    long tid = 0;
+    unsigned int usage = 0;
+    m_monitor->GetHighCpuUsageThreadName(name, tid, usage);
+    EXPECT_EQ("mine", name);
+}
+
+TEST_F(ThreadReportTest, TakesALoadOfOneForTheBusiest) {
+    m_sysIntf.threads = {Thread(101, 0, 0, 1, 0)};
+    std::string report;
+    unsigned int highTid = 0;
+    m_monitor->GetThreadsInfo(report, &highTid);
+    EXPECT_EQ(101u, highTid);
+}
+
+// A message may come from code that looks after the points itself: what is no point needs no lock.
+TEST_F(ThreadReportTest, IgnoresNoPointWhileThePointsAreAsked) {
+    Point asking("asked");
+    asking.onAsked = [this] {
+        std::future<void> done = std::async(std::launch::async, [this] {
+            m_monitor->AddMonitorPoint(nullptr);
+            m_monitor->RemoveMonitorPoint(nullptr);
+        });
+        const bool ended = done.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+        EXPECT_TRUE(ended);
+        if (!ended) _exit(1);  // the other thread waits for this one
+    };
+    m_monitor->AddMonitorPoint(&asking);
+    std::string report;
+    m_monitor->GetThreadsInfo(report, nullptr);
+    EXPECT_EQ(1u, m_monitor->m_monitorPoints.size());
+}
+
 TEST_F(ThreadReportTest, AsksTheSingletonForTheCurrentThread) {
     CMonitor other;  // takes the singleton's pointer and has no system interface
     std::string report;
