@@ -1006,3 +1006,118 @@ TEST_F(OsAbnormalMonitorTest, HighMemoryIsOneOfThreeAboveBound) {
     EXPECT_FALSE(IsHighMem());
     EXPECT_EQ(Strings({query, kSecond, query, kSecond, query, kSecond}), journal());
 }
+
+// --- what only a caller in between, a later call or a wide value shows ---
+
+TEST_F(OsAbnormalMonitorTest, StopRequestStandsWhenTheThreadIsAsked) {
+    int seen = 0;
+    platform().keepInJournal = [&](const std::string& line) {
+        if (line == "CThreadUtil::startThread()") {
+            ++seen;
+            EXPECT_FALSE(monitor().m_stopRequested);
+        } else if (line == "CThreadUtil::stopThread()") {
+            ++seen;
+            EXPECT_TRUE(monitor().m_stopRequested);
+        }
+        return true;
+    };
+    monitor().m_stopRequested = true;
+    EXPECT_TRUE(monitor().Start());
+    platform().threadRunning = true;
+    EXPECT_TRUE(monitor().Uninit());
+    platform().keepInJournal = nullptr;
+    EXPECT_EQ(2, seen);
+}
+
+TEST_F(OsAbnormalMonitorTest, TakesMemoryOf64BitsWhole) {
+    constexpr unsigned long kBeyond = 1UL << 32;  // its lower half is 0, which would be short
+    EXPECT_FALSE(monitor().IsCheckMemory(50, kBeyond));
+    EXPECT_FALSE(monitor().IsCheckMemory(83, kBeyond));
+    conf().availableMemThreshold.Set(static_cast<long>(kBeyond + 1));
+    EXPECT_TRUE(monitor().IsCheckMemory(50, kBeyond));
+    EXPECT_FALSE(monitor().IsCheckMemory(50, kBeyond + 1));
+
+    platform().memory = {90, 2 * kBeyond + 3};
+    Json::Value out(Json::objectValue);
+    int eventTime = 0;
+    bool swapAlarm = true;
+    EXPECT_TRUE(monitor().IsMemoryAbnormal(out, eventTime, swapAlarm));
+    EXPECT_EQ(2 * kBeyond + 3, out["available_mem"].asUInt64());
+    EXPECT_FALSE(swapAlarm);
+}
+
+TEST_F(OsAbnormalMonitorTest, TakesDiskFiguresOf64BitsWhole) {
+    constexpr unsigned long kBeyond = 1UL << 32;
+    Json::Value out(Json::objectValue);
+    int eventTime = 0;
+    platform().disk.freeSpace = kBeyond;
+    platform().disk.freeInodes = kBeyond;
+    EXPECT_FALSE(monitor().IsDiskAbnormal(out, eventTime));
+    platform().disk.freeInodes = 5;
+    EXPECT_TRUE(monitor().IsDiskAbnormal(out, eventTime));
+    EXPECT_EQ(kBeyond, out["free_space"].asUInt64());
+    platform().disk.freeSpace = 5;
+    platform().disk.freeInodes = kBeyond + 7;
+    EXPECT_TRUE(monitor().IsDiskAbnormal(out, eventTime));
+    EXPECT_EQ(kBeyond + 7, out["free_inode"].asUInt64());
+}
+
+// Ticks are counted in 64 bits: of these the lower half falls on no check.
+TEST_F(OsAbnormalMonitorTest, CountsTicksBeyond32Bits) {
+    constexpr unsigned long kBeyond = 21600UL << 30;
+    static_assert(kBeyond % (1UL << 32) == 0, "the lower half is tick 0");
+    platform().memory = {90, 8000};
+    monitor().m_lastMemUsage = 90;
+    monitor().m_lastReportTick = kBeyond + 2;
+    conf().osAbnormalReportInterval.Set(10);
+    monitor().CheckOsAbnormal(kBeyond + 5);
+    EXPECT_TRUE(platform().sent.empty()) << "three ticks after the last report";
+    monitor().CheckOsAbnormal(kBeyond + 15);
+    EXPECT_EQ(1u, platform().sent.size());
+    EXPECT_EQ(kBeyond + 15, monitor().m_lastReportTick);
+    conf().osAbnormalReportInterval.Set(static_cast<long>(1UL << 32) + 10);
+    monitor().CheckOsAbnormal(kBeyond + 35);
+    EXPECT_EQ(1u, platform().sent.size()) << "an interval beyond 32 bits has not passed";
+}
+
+TEST_F(OsAbnormalMonitorTest, ComputesSwapRatesBeyond32BitsAnd2038) {
+    constexpr unsigned long kBeyond = 1UL << 40;
+    for (const time_t now : {time_t{2147483647}, time_t{4294967296}, time_t{8000000000}}) {
+        platform().now = now;
+        platform().files.content["/proc/vmstat"] = Vmstat(3 * kBeyond + 8, 4);
+        monitor().m_lastSwapTime = now - 2;
+        monitor().m_prevSwapIndex = {{"pgmajfault", kBeyond}, {"pgsteal_kswapd_dma", 3 * kBeyond}};
+        Json::Value out(Json::objectValue);
+        EXPECT_FALSE(monitor().FetchSwapIndexIncrement(out)) << now;
+        EXPECT_EQ(kBeyond + 4, out["pgmajfault"].asUInt64()) << now;
+        EXPECT_EQ(4u, out["pgsteal_kswapd_dma"].asUInt64()) << now;
+        EXPECT_EQ(now, monitor().m_lastSwapTime);
+        EXPECT_EQ(3 * kBeyond + 8, monitor().m_prevSwapIndex["pgsteal_kswapd_dma32"]);
+    }
+}
+
+// A child of its own, because the alarm belongs to the process: the first one after loading is new.
+TEST(OsAbnormalAlarmDeathTest, AlarmIsDownAfterLoading) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            doubles::ResetPlatform();
+            COnlineClientConf conf;
+            conf.osAbnormalSwitch.Set(1);
+            conf.osAbnormalReportInterval.Set(10);
+            OsAbnormalMonitorProbe monitor;
+            doubles::P().memory.usagePercent = 90;
+            monitor.m_lastMemUsage = 90;
+            monitor.m_lastReportTick = 9;
+            monitor.CheckOsAbnormal(15);  // the first sample of a run: nothing has risen
+            const size_t before = doubles::P().sent.size();
+            monitor.m_lastSwapTime = doubles::P().now - 1;
+            for (auto& index : monitor.m_swapThresholds) monitor.m_prevSwapIndex[index.first] = 0;
+            std::string vmstat;
+            for (const auto& index : monitor.m_swapThresholds) vmstat += index.first + " 100000\n";
+            doubles::P().files.content["/proc/vmstat"] = vmstat;
+            monitor.CheckOsAbnormal(15);
+            _exit(before == 0 && doubles::P().sent.size() == 1 ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}

@@ -80,6 +80,24 @@ TEST_F(MonitorSingletonTest, GetInstanceNeverCreates) {
     EXPECT_EQ(Lines({}), journal());
 }
 
+// The host is called while the private object is made, and may call back.
+TEST_F(MonitorTest, BeginsWithoutWhatACallDuringConstructionSet) {
+    m_monitor.reset();
+    SysIntfDouble sysIntf;
+    int early = 0;
+    platform().keepInJournal = [&](const std::string& line) {
+        if (line == "CMtIntf::RegMtInfoCallback()") {
+            ++early;
+            CSingleton<CMonitor>::GetInstance()->SetSysIntf(&sysIntf);
+        }
+        return true;
+    };
+    m_monitor = std::make_unique<MonitorProbe>();
+    platform().keepInJournal = nullptr;
+    EXPECT_EQ(1, early);
+    EXPECT_EQ(nullptr, m_monitor->m_sysIntf);
+}
+
 TEST_F(MonitorTest, ConstructsItsPrivateObjectAndStartsNothing) {
     EXPECT_EQ(Lines({"CToolUtil::GetApplicationDirPath()", "CMtIntf::RegMtInfoCallback()",
                      "CToolUtil::GetApplicationDirPath()"}),
