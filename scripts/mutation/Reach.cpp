@@ -39,7 +39,8 @@ class Listener final : public testing::EmptyTestEventListener {
 
 const bool g_registered = [] {
     const char* path = getenv("MUTATE_REACH");
-    g_out = path != nullptr ? fopen(path, "w") : nullptr;
+    // A death test starts the program again: only the first one writes.
+    g_out = path != nullptr ? fopen(path, "wx") : nullptr;
     if (g_out != nullptr) testing::UnitTest::GetInstance()->listeners().Append(new Listener);
     return g_out != nullptr;
 }();

@@ -191,5 +191,5 @@ IMsgTransmit* GetMsgTransmitInstance() {
 }
 IHttp* GetHttpInstance() {
     static HttpDouble http;
-    return &http;
+    return P().httpPresent ? &http : nullptr;
 }

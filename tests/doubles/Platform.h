@@ -208,6 +208,7 @@ struct Platform {
     bool transmitPresent = true;
     Answers<bool> sendMsg{true};
     std::vector<SentMessage> sent;
+    bool httpPresent = true;
     unsigned int httpFailCount = 0;
 
     std::vector<IMtInfo*> registered;

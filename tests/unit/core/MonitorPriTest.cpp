@@ -689,6 +689,18 @@ TEST_F(MonitorPriTest, AppliesOneSetOfValuesWhateverComesMeanwhile) {
     EXPECT_EQ(300 * 1024, pri().m_legacyMemSecondLimit);
 }
 
+TEST_F(MonitorPriTest, WidensByTheValueItReadWhateverComesMeanwhile) {
+    conf().groupMaxCpu.Set(40);
+    conf().resourceLimitMode.Set(8);
+    platform().keepInJournal = [this](const std::string& line) {
+        if (line == "CResourceMonitor::SetCpuSolarisMode(0)") conf().cpuAll.Set(1);
+        return true;
+    };
+    pri().OnUpdate();
+    platform().keepInJournal = nullptr;
+    EXPECT_EQ(45, pri().m_effectiveMaxCpu);
+}
+
 // With the percent of one processor taken for that of all, no widening bounds the value first.
 TEST_F(MonitorPriTest, TakesCpuMaximaBeyond32BitsWhole) {
     constexpr long kBeyond = (1L << 32) + 20;

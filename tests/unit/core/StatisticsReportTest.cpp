@@ -190,6 +190,23 @@ TEST_F(StatisticsReportTest, CountsHttpFailuresOnlyWhenThereAreAny) {
     EXPECT_EQ(Joined({m_fullReport, {"F4 [MonitorPri] http fail count is 4294967295"}}), calls());
 }
 
+TEST_F(StatisticsReportTest, CountsNoHttpFailuresWithoutAnHttpClient) {
+    platform().httpPresent = false;
+    platform().httpFailCount = 5;
+    Map map;
+    EXPECT_TRUE(pri().GetExceptionInfo(map));
+    EXPECT_EQ(0u, map.count("guard_http_fail_count"));
+    EXPECT_EQ(Expected("guard"), map);
+}
+
+TEST_F(StatisticsReportTest, TakesMemoryBeyond32BitsForEnough) {
+    pri().m_isMainAgent = true;
+    platform().memory.available = 1UL << 32;
+    Map map;
+    EXPECT_TRUE(pri().GetExceptionInfo(map));
+    EXPECT_TRUE(platform().sent.empty());
+}
+
 TEST_F(StatisticsReportTest, LeavesOnlyItsLogLineWithoutFigures) {
     platform().base.fetchOk = false;
     platform().httpFailCount = 5;
