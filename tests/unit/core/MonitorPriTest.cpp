@@ -701,6 +701,37 @@ TEST_F(MonitorPriTest, WidensByTheValueItReadWhateverComesMeanwhile) {
     EXPECT_EQ(45, pri().m_effectiveMaxCpu);
 }
 
+TEST_F(MonitorPriTest, UpdatesGroupsThenKillsThenLegacyInMainProcess) {
+    pri().m_isMainAgent = true;
+    pri().m_cgroupManager = new zel::CCgroupManager;
+    journal();
+    platform().keepInJournal = [this](const std::string& line) {
+        if (line == "CResourceMonitor::SetCpuSolarisMode(0)") conf().resourceLimitMode.Set(13);
+        return true;
+    };
+    pri().OnUpdate();
+    platform().keepInJournal = nullptr;
+    const Lines all = journal();
+    const auto at = [&](const std::string& line) { return std::find(all.begin(), all.end(), line) - all.begin(); };
+    const auto left = at("CFileUtil::IsFile(/opt/agent/home/conf/cgroup_resource.json)");
+    const auto kills = at("CCgroupManager::ResetMemoryOomMonitor()");
+    const auto legacy = at("GetResourceLimitUtil()");
+    EXPECT_LT(left, kills) << "the mode that was read at the start leaves the unified mode";
+    EXPECT_LT(kills, legacy);
+    EXPECT_LT(legacy, static_cast<std::ptrdiff_t>(all.size()));
+    for (const std::string& line : all) EXPECT_EQ(std::string::npos, line.find("Reconcile")) << line;
+}
+
+// All of four processors, not the twenty percent that the lower half says.
+TEST_F(MonitorPriTest, TakesGroupMaximumBeyond32BitsWhole) {
+    pri().m_isMainAgent = true;
+    conf().cpuAll.Set(1);
+    conf().groupMaxCpu.Set((1L << 32) + 20);
+    conf().resourceLimitMode.Set(8);
+    pri().OnUpdate();
+    EXPECT_EQ(400, pri().m_lastUnifiedMaxCpu);
+}
+
 // With the percent of one processor taken for that of all, no widening bounds the value first.
 TEST_F(MonitorPriTest, TakesCpuMaximaBeyond32BitsWhole) {
     constexpr long kBeyond = (1L << 32) + 20;
