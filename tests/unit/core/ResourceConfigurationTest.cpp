@@ -133,7 +133,7 @@ TEST_F(ResourceConfigurationTest, ReadsThroughDescriptorZeroToo) {
     EXPECT_EQ(20, m_config.maxCpu);
 }
 
-TEST_F(ResourceConfigurationTest, TakesAFileOfExactlySixtyFourMegabytes) {
+TEST_F(ResourceConfigurationTest, TakesAFileOfSixtyFourMegabytes) {
     const std::string path = WriteConfig("max_cpu=20\n");
     EXPECT_EQ(0, truncate(path.c_str(), 64L * 1024 * 1024));
     EXPECT_TRUE(pri().ParseMonitorConfig(path, m_config));
