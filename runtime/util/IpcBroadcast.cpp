@@ -46,6 +46,10 @@ constexpr std::chrono::milliseconds kNoMemoryPause(100);
 /// seconds.
 constexpr unsigned int kReportsPerSecond = 2;
 constexpr unsigned int kReportBurst = 16;
+/// What comes beyond it is read and dropped: much of it can have waited while this process did not run. Who goes on for
+/// this long, without a pause of the other length, is thrown out.
+constexpr std::chrono::seconds kExcessBorne(3);
+constexpr std::chrono::seconds kExcessPause(1);
 
 using Packet = std::string;
 
@@ -61,6 +65,9 @@ struct Subscriber {
     std::deque<Packet> queue;
     bool dropping = false;
     bool waiting = false;  // for room in the socket
+    // When it said too much, for the first time in a row and the last time; the loop's thread.
+    base::RateBudget::Clock::time_point excessFrom{};
+    base::RateBudget::Clock::time_point excessLast{};
     base::IoTimer pause;
     base::IoWatch watch;  // last: ends before the socket does
 };
@@ -87,7 +94,8 @@ struct CIpcBroadcastServer::Impl {
     base::Listener::Handlers MakeHandlers();
     void Add(base::Connection connection);
     void WaitForReport(const SubscriberPtr& subscriber);
-    bool TakeReport(const Subscriber& subscriber);
+    bool TakeReport(Subscriber& subscriber);
+    static bool BearsExcess(Subscriber& subscriber, base::RateBudget::Clock::time_point now);
     void Enqueue(Subscriber& subscriber, const Packet& packet) ZEL_REQUIRES(mutex);
     void FlushAll();
     void Flush(const SubscriberPtr& subscriber) ZEL_REQUIRES(mutex);
@@ -153,7 +161,13 @@ void CIpcBroadcastServer::Impl::WaitForReport(const SubscriberPtr& subscriber) {
     });
 }
 
-bool CIpcBroadcastServer::Impl::TakeReport(const Subscriber& subscriber) {
+bool CIpcBroadcastServer::Impl::BearsExcess(Subscriber& subscriber, base::RateBudget::Clock::time_point now) {
+    if (now - subscriber.excessLast > kExcessPause) subscriber.excessFrom = now;
+    subscriber.excessLast = now;
+    return now - subscriber.excessFrom < kExcessBorne;
+}
+
+bool CIpcBroadcastServer::Impl::TakeReport(Subscriber& subscriber) {
     char text[kIpcMaxReportBytes];
     const ssize_t size = recv(subscriber.connection.socket.Get(), text, sizeof text, MSG_DONTWAIT | MSG_TRUNC);
     if (size < 0) return errno == EAGAIN || errno == EINTR;
@@ -162,6 +176,7 @@ bool CIpcBroadcastServer::Impl::TakeReport(const Subscriber& subscriber) {
     const auto now = base::RateBudget::Clock::now();
     const base::RateBudget::Clock::duration none(0);
     if (reports.Take(static_cast<uint64_t>(pid), now, none) > none) {
+        if (BearsExcess(subscriber, now)) return true;
         Log(kLogWarning, __LINE__, "process " + std::to_string(pid) + " says too much and is thrown out");
         return false;
     }
