@@ -16,6 +16,7 @@
 #include <memory>
 #include <thread>
 
+#include "LegacyDriftTests.h"
 #include "kernel/Limits.h"
 #include "ProcessTable.h"
 #include "RealKernel.h"
@@ -792,34 +793,25 @@ TEST_F(LegacyLimitTest, SyncKeepsTheOldValueAndTriesNoFailedOne) {
 
 // --- what somebody else changes --------------------------------------------------------------------------------------
 
-class LegacyDriftBase : public LegacyLimitTest {
+class LegacyDriftBase : public LegacyDriftFixture<LegacyLimitTest> {
 public:
     void SetUp() override {
         LegacyLimitTest::SetUp();
         if (IsSkipped()) return;
-        m_child = std::make_unique<WaitingChild>();
         m_sleeper = std::thread([this] {
             m_tid = static_cast<int>(gettid());
             while (!m_end) usleep(1000);
         });
         while (m_tid == 0) usleep(1000);
-        ASSERT_EQ(kLegacyOk, Start(50, 0));
-        ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(768 << 20, 512 << 20, m_error));
-        for (int i = 0; i < 2; ++i) m_limit->SyncCpuLimit();
-        ASSERT_THAT(m_limit->TakeNews(), IsEmpty()) << "an undisturbed group is not in need of repair";
-        m_asked = Picture();
-        support::TakeLogLines();
+        Limit(768 << 20, 512 << 20);
     }
     void TearDown() override {
         m_end = true;
         if (m_sleeper.joinable()) m_sleeper.join();
-        if (m_limit) m_limit->ReleaseLimits();
-        m_child.reset();
-        LegacyLimitTest::TearDown();
+        LegacyDriftFixture::TearDown();
     }
 
-    /// Everything that is kept, as the kernel shows it.
-    std::string Picture() const {
+    std::string Picture() const override {
         std::string out;
         for (const char* file : {"cpu.cfs_quota_us", "cpu.cfs_period_us", "cpu.cfs_burst_us"}) {
             out += std::string(file) + " " + ReadValue(CpuDir(m_group) + "/" + file) + "\n";
@@ -828,7 +820,7 @@ public:
              {"memory.limit_in_bytes", "memory.memsw.limit_in_bytes", "memory.soft_limit_in_bytes"}) {
             out += std::string(file) + " " + ReadValue(MemDir(m_group) + "/" + file) + "\n";
         }
-        for (const int id : {static_cast<int>(getpid()), m_tid.load(), m_child->Pid()}) {
+        for (const int id : {static_cast<int>(getpid()), m_tid.load(), ChildPid()}) {
             for (const Hierarchy* hierarchy : {&m_cpu, &m_memory}) {
                 out += ReadGroupOf(id, *hierarchy).Value() == "/" + m_group ? " inside" : " outside";
             }
@@ -855,27 +847,14 @@ public:
     using LegacyLimitTest::m_cpu;
     using LegacyLimitTest::m_group;
     using LegacyLimitTest::m_memory;
-    std::unique_ptr<WaitingChild> m_child;
     std::atomic<int> m_tid{0};
 
 protected:
-    static void Write(const std::string& path, const std::string& value) {
-        ASSERT_TRUE(support::WriteText(path, value)) << path;
-    }
-    uint64_t Found(zel::CgroupDriftKind kind) const { return m_limit->KeeperStatus().found[static_cast<size_t>(kind)]; }
-
     std::thread m_sleeper;
     std::atomic<bool> m_end{false};
-    std::string m_asked;
 };
 
-/// One thing that somebody else does.
-struct Drift {
-    const char* name;
-    zel::CgroupDriftKind kind;
-    void (*disturb)(LegacyDriftBase&);
-    friend void PrintTo(const Drift& drift, std::ostream* out) { *out << drift.name; }
-};
+using Drift = DriftRow<LegacyDriftBase>;
 
 class LegacyDriftTable : public LegacyDriftBase, public testing::WithParamInterface<Drift> {};
 
@@ -906,8 +885,8 @@ const Drift kDrifts[] = {
     {"SelfMovedInMemory", Kind::kMember, [](Test& t) { t.Move(t.m_memory, "cgroup.procs", getpid()); }},
     {"ThreadMoved", Kind::kMember, [](Test& t) { t.Move(t.m_cpu, "tasks", t.m_tid); }},
     {"ThreadMovedInMemory", Kind::kMember, [](Test& t) { t.Move(t.m_memory, "tasks", t.m_tid); }},
-    {"ChildMoved", Kind::kMember, [](Test& t) { t.Move(t.m_cpu, "cgroup.procs", t.m_child->Pid()); }},
-    {"ChildMovedInMemory", Kind::kMember, [](Test& t) { t.Move(t.m_memory, "cgroup.procs", t.m_child->Pid()); }},
+    {"ChildMoved", Kind::kMember, [](Test& t) { t.Move(t.m_cpu, "cgroup.procs", t.ChildPid()); }},
+    {"ChildMovedInMemory", Kind::kMember, [](Test& t) { t.Move(t.m_memory, "cgroup.procs", t.ChildPid()); }},
     {"GroupRemoved", Kind::kGroup, [](Test& t) { t.Remove(t.m_cpu); }},
     {"GroupRemovedInMemory", Kind::kGroup, [](Test& t) { t.Remove(t.m_memory); }},
     {"GroupRemovedAndMadeAgain", Kind::kGroup,
@@ -925,17 +904,7 @@ TEST_P(LegacyDriftTable, IsPutRightWithinTwoLooksToldOnceAndCounted) {
     }
     if (drift.kind == Kind::kSwap && !HasSwapLimit()) GTEST_SKIP() << "SKIP direct: no swap accounting";
     drift.disturb(*this);
-    ASSERT_NE(m_asked, Picture()) << "nothing was disturbed";
-    m_limit->SyncCpuLimit();
-    m_limit->SyncCpuLimit();
-    EXPECT_EQ(m_asked, Picture());
-    const std::vector<zel::CgroupDrift> news = m_limit->TakeNews();
-    ASSERT_THAT(news, SizeIs(1));
-    EXPECT_EQ(drift.kind, news[0].kind);
-    EXPECT_TRUE(news[0].repaired) << news[0].problem;
-    EXPECT_EQ(1u, Found(drift.kind));
-    EXPECT_GT(m_limit->KeeperStatus().lastRepairedAt, 0);
-    EXPECT_THAT(m_limit->KeeperStatus().notInForce, IsEmpty());
+    ExpectPutRight(drift.kind, 1);
     EXPECT_THAT(Warnings(), SizeIs(1));
     faults::ClearControlWrites();
     m_limit->SyncCpuLimit();
@@ -943,8 +912,7 @@ TEST_P(LegacyDriftTable, IsPutRightWithinTwoLooksToldOnceAndCounted) {
     EXPECT_THAT(m_limit->TakeNews(), IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, LegacyDriftTable, testing::ValuesIn(kDrifts),
-                         [](const testing::TestParamInfo<Drift>& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(Rows, LegacyDriftTable, testing::ValuesIn(kDrifts), NameOfRow<LegacyDriftBase>);
 
 class LegacyKeeperTest : public LegacyDriftBase {};
 

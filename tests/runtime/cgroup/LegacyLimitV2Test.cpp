@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 
+#include "LegacyDriftTests.h"
 #include "LegacyLimit.h"
 #include "kernel/Limits.h"
 #include "RealKernel.h"
@@ -261,32 +262,19 @@ TEST_F(LegacyLimitV2Test, IsNotMovedBesideChildrenWithControllers) {
 
 // --- what somebody else changes --------------------------------------------------------------------------------------
 
-class LegacyDriftV2Base : public LegacyLimitV2Test {
+class LegacyDriftV2Base : public LegacyDriftFixture<LegacyLimitV2Test> {
 public:
     void SetUp() override {
         LegacyLimitV2Test::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
-        m_child = std::make_unique<WaitingChild>();
-        ASSERT_EQ(kLegacyOk, m_limit->StartCpuLimit(50, 0, m_error));
-        ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(256 << 20, 128 << 20, m_error));
-        for (int i = 0; i < 2; ++i) m_limit->SyncCpuLimit();
-        ASSERT_THAT(m_limit->TakeNews(), IsEmpty()) << "an undisturbed group is not in need of repair";
-        m_asked = Picture();
-        support::TakeLogLines();
+        Limit(256 << 20, 128 << 20);
     }
-    void TearDown() override {
-        if (m_limit) m_limit->ReleaseLimits();
-        m_child.reset();
-        LegacyLimitV2Test::TearDown();
-    }
-
-    /// Everything that is kept, as the kernel shows it.
-    std::string Picture() const {
+    std::string Picture() const override {
         std::string out;
         for (const char* file : {"cpu.max", "cpu.max.burst", "memory.max", "memory.swap.max"}) {
             out += std::string(file) + " " + ReadValue(Dir(".legacy/") + file) + "\n";
         }
-        for (const int id : {static_cast<int>(getpid()), m_child->Pid()}) {
+        for (const int id : {static_cast<int>(getpid()), ChildPid()}) {
             out += ReadGroupOf(id, m_cpu).Value() == "/" + m_name + ".legacy" ? " inside" : " outside";
         }
         return out;
@@ -300,25 +288,9 @@ public:
         ASSERT_TRUE(MoveAll(*m_root.OpenChild(m_name + ".legacy"), m_root).Ok());
         ASSERT_EQ(0, rmdir(Dir(".legacy").c_str()));
     }
-    int ChildPid() const { return m_child->Pid(); }
-
-protected:
-    static void Write(const std::string& path, const std::string& value) {
-        ASSERT_TRUE(support::WriteText(path, value)) << path;
-    }
-
-    std::unique_ptr<WaitingChild> m_child;
-    std::string m_asked;
 };
 
-/// One thing that somebody else does.
-struct Drift {
-    const char* name;
-    zel::CgroupDriftKind kind;
-    void (*disturb)(LegacyDriftV2Base&);
-    friend void PrintTo(const Drift& drift, std::ostream* out) { *out << drift.name; }
-};
-
+using Drift = DriftRow<LegacyDriftV2Base>;
 class LegacyDriftV2Table : public LegacyDriftV2Base, public testing::WithParamInterface<Drift> {};
 
 using Kind = zel::CgroupDriftKind;
@@ -344,23 +316,12 @@ const Drift kDrifts[] = {
 TEST_P(LegacyDriftV2Table, IsPutRightInTwoLooksToldOnceAndCounted) {
     const Drift& drift = GetParam();
     drift.disturb(*this);
-    ASSERT_NE(m_asked, Picture()) << "nothing was disturbed";
-    m_limit->SyncCpuLimit();
-    m_limit->SyncCpuLimit();
-    EXPECT_EQ(m_asked, Picture());
-    const std::vector<zel::CgroupDrift> news = m_limit->TakeNews();
-    ASSERT_THAT(news, SizeIs(1));
-    EXPECT_EQ(drift.kind, news[0].kind);
-    EXPECT_TRUE(news[0].repaired) << news[0].problem;
     // Both limits share the group here: its end is found by each, and told once.
-    const uint64_t found = drift.kind == Kind::kGroup ? 2 : 1;
-    EXPECT_EQ(found, m_limit->KeeperStatus().found[static_cast<size_t>(drift.kind)]);
-    EXPECT_THAT(m_limit->KeeperStatus().notInForce, IsEmpty());
+    ExpectPutRight(drift.kind, drift.kind == Kind::kGroup ? 2 : 1);
     m_limit->SyncCpuLimit();
     EXPECT_THAT(m_limit->TakeNews(), IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, LegacyDriftV2Table, testing::ValuesIn(kDrifts),
-                         [](const testing::TestParamInfo<Drift>& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(Rows, LegacyDriftV2Table, testing::ValuesIn(kDrifts), NameOfRow<LegacyDriftV2Base>);
 
 }  // namespace
