@@ -1,6 +1,6 @@
 // A regression of every kind, for the test of the gates: loaded into each process of an agent by the dynamic linker, it
-// adds one thread that wakes a few times a second, opens and reads a file and appends to another, one descriptor that
-// stays open, some private memory, and itself as a library.
+// adds threads that wake, open and read a file and append to another, descriptors that stay open, some private memory,
+// and itself as a library. More of each than the table leaves as room.
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -12,7 +12,9 @@
 namespace {
 
 constexpr size_t kMemoryBytes = 1 << 20;
-constexpr useconds_t kPauseUs = 250000;
+constexpr useconds_t kPauseUs = 20000;
+constexpr int kThreads = 4;
+constexpr int kDescriptors = 30;
 constexpr size_t kPageBytes = 4096;
 
 void* Disturb(void* path) {
@@ -46,7 +48,10 @@ __attribute__((constructor)) void Plant() {
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, &before);
-    pthread_create(&thread, &attributes, Disturb, path);
+    for (int i = 0; i < kThreads; ++i) pthread_create(&thread, &attributes, Disturb, path);
+    for (int i = 0; i < kDescriptors; ++i) {
+        if (fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0) < 0) break;
+    }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     pthread_attr_destroy(&attributes);
 }
