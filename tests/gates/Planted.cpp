@@ -16,6 +16,7 @@ constexpr useconds_t kPauseUs = 20000;
 constexpr int kThreads = 4;
 constexpr int kDescriptors = 30;
 constexpr size_t kPageBytes = 4096;
+constexpr size_t kLineBytes = 64;
 
 void* Disturb(void* path) {
     int kept = -1;
@@ -31,7 +32,7 @@ void* Disturb(void* path) {
         }
         // Again and again, so that it is the file of the process that lives on and not of the one before its exec.
         if (kept < 0) kept = open(static_cast<const char*>(path), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-        if (kept >= 0 && write(kept, page, sizeof(page)) < 0) return nullptr;
+        if (kept >= 0 && write(kept, page, kLineBytes) < 0) return nullptr;
         usleep(kPauseUs);
     }
 }
