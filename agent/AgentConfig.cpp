@@ -65,12 +65,12 @@ base::Status ReadNumber(const Json::Value& value, const std::string& key, unsign
 
 base::Status ReadHttpKey(const std::string& key, const Json::Value& value, AgentConfig& config) {
     const std::string at = "http." + key;
-    if (key == "url") return ReadText(value, at, config.httpUrl);
-    if (key == "ca_file") return ReadText(value, at, config.httpCaFile);
-    if (key == "header") return ReadHeader(value, at, config.httpHeader);
-    if (key == "verify_tls") return ReadSwitch(value, at, config.httpVerifyTls);
+    if (key == "url") return ReadText(value, at, config.sinks.httpUrl);
+    if (key == "ca_file") return ReadText(value, at, config.sinks.httpCaFile);
+    if (key == "header") return ReadHeader(value, at, config.sinks.httpHeader);
+    if (key == "verify_tls") return ReadSwitch(value, at, config.sinks.httpVerifyTls);
     if (key == "timeout_ms") {
-        return ReadNumber(value, at, kLeastTimeoutMs, kMostTimeoutMs, "milliseconds", config.httpTimeoutMs);
+        return ReadNumber(value, at, kLeastTimeoutMs, kMostTimeoutMs, "milliseconds", config.sinks.httpTimeoutMs);
     }
     return Bad(at + ": unknown key; known are url, ca_file, header, verify_tls, timeout_ms");
 }
@@ -89,9 +89,11 @@ base::Status ReadHttp(const Json::Value& http, AgentConfig& config) {
         base::Status read = ReadHttpKey(key, http[key], config);
         if (!read) return read;
     }
-    if (!config.httpCaFile.empty() && config.httpCaFile[0] != '/') return Bad("http.ca_file: an absolute path");
-    if (config.httpUrl.empty()) return Bad("http: the key url is missing");
-    return IsHttpUrl(config.httpUrl) ? base::Status() : Bad("http.url: an http:// or https:// address is expected");
+    if (!config.sinks.httpCaFile.empty() && config.sinks.httpCaFile[0] != '/')
+        return Bad("http.ca_file: an absolute path");
+    if (config.sinks.httpUrl.empty()) return Bad("http: the key url is missing");
+    return IsHttpUrl(config.sinks.httpUrl) ? base::Status()
+                                           : Bad("http.url: an http:// or https:// address is expected");
 }
 
 base::Status ReadTextFileKey(const std::string& key, const Json::Value& value, AgentConfig& config) {
@@ -117,7 +119,7 @@ base::Status ReadTextFile(const Json::Value& file, AgentConfig& config) {
 
 base::Status ReadMember(const std::string& key, const Json::Value& value, AgentConfig& config) {
     if (key == "version") return value == 1 ? base::Status() : Bad("version: only 1 is known");
-    if (key == "syslog") return ReadSwitch(value, key, config.syslog);
+    if (key == "syslog") return ReadSwitch(value, key, config.sinks.syslog);
     if (key == "http") return ReadHttp(value, config);
     if (key == "textfile") return ReadTextFile(value, config);
     return Bad(key + ": unknown key; known are version, syslog, http, textfile");
@@ -149,17 +151,8 @@ base::Result<AgentConfig> LoadAgentConfig(const std::string& path) {
     return parsed;
 }
 
-void ApplyDelivery(const AgentConfig& config, zelhost::DeliveryOptions& delivery) {
-    delivery.syslog = config.syslog;
-    delivery.httpUrl = config.httpUrl;
-    delivery.httpCaFile = config.httpCaFile;
-    delivery.httpHeader = config.httpHeader;
-    delivery.httpVerifyTls = config.httpVerifyTls;
-    delivery.httpTimeoutMs = config.httpTimeoutMs;
-}
-
 void ApplyAgentConfig(const AgentConfig& config, zelhost::HostOptions& host) {
-    ApplyDelivery(config, host.delivery);
+    static_cast<zelhost::SinkOptions&>(host.delivery) = config.sinks;
     if (!host.isMain) return;
     host.metrics.textFile = config.textFile;
     host.metrics.textFilePeriodMs = config.textFileSeconds * kMsPerSecond;

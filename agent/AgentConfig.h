@@ -10,12 +10,7 @@ namespace agent {
 
 /// What the file may say; without it nothing but the JSON-lines file is written.
 struct AgentConfig {
-    bool syslog = false;
-    std::string httpUrl;  ///< empty: off
-    std::string httpCaFile;
-    std::string httpHeader;
-    bool httpVerifyTls = true;
-    unsigned int httpTimeoutMs = 5000;
+    zelhost::SinkOptions sinks;
     std::string textFile;  ///< empty: none
     unsigned int textFileSeconds = 15;
 };
@@ -27,9 +22,7 @@ base::Result<AgentConfig> ParseAgentConfig(const std::string& text);
 /// kMalformed for what it says, any other for what keeps it from being read.
 base::Result<AgentConfig> LoadAgentConfig(const std::string& path);
 
-/// Fills in what the file says about the delivery.
-void ApplyDelivery(const AgentConfig& config, zelhost::DeliveryOptions& delivery);
-/// Fills in all of it. The text file is the main process's: the others have none.
+/// Fills in what the file says. The text file is the main process's: the others have none.
 void ApplyAgentConfig(const AgentConfig& config, zelhost::HostOptions& host);
 
 }  // namespace agent

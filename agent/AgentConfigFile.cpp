@@ -11,12 +11,6 @@ namespace {
 
 constexpr unsigned int kMsPerSecond = 1000;
 
-/// What an HTTP and a syslog sink are made from.
-auto SinksOf(const AgentConfig& config) {
-    return std::tie(config.syslog, config.httpUrl, config.httpCaFile, config.httpHeader, config.httpVerifyTls,
-                    config.httpTimeoutMs);
-}
-
 auto TextFileOf(const AgentConfig& config) {
     return std::tie(config.textFile, config.textFileSeconds);
 }
@@ -44,14 +38,15 @@ bool AgentConfigFile::Renew() {
 
 const AgentConfig& AgentConfigFile::Read() {
     Renew();
-    m_sinksFrom = m_textFileFrom = m_config;
+    m_sinksInForce = m_config.sinks;
+    m_textFileFrom = m_config;
     return m_config;
 }
 
 void AgentConfigFile::Follow(zelhost::CHostServices& services) {
     const bool renewed = Renew();
     // What stays as it is goes on undisturbed.
-    const bool sinks = SinksOf(m_config) != SinksOf(m_sinksFrom);
+    const bool sinks = m_config.sinks != m_sinksInForce;
     const bool textFile = m_isMain && TextFileOf(m_config) != TextFileOf(m_textFileFrom);
     if (sinks && !FollowSinks(services)) return;
     if (textFile && !FollowTextFile(services)) return;
@@ -59,14 +54,12 @@ void AgentConfigFile::Follow(zelhost::CHostServices& services) {
 }
 
 bool AgentConfigFile::FollowSinks(zelhost::CHostServices& services) {
-    zelhost::DeliveryOptions delivery;
-    ApplyDelivery(m_config, delivery);
     std::string problem;
-    if (!services.SetSinks(delivery, problem)) {
+    if (!services.SetSinks(m_config.sinks, problem)) {
         Tell("agent configuration " + m_path + ": " + problem + "; it is tried again");
         return false;
     }
-    m_sinksFrom = m_config;
+    m_sinksInForce = m_config.sinks;
     m_told.clear();
     return true;
 }

@@ -37,9 +37,8 @@ private:
     /// Of the file whose content was judged for good.
     std::optional<base::FileMark> m_seen = base::FileMark();
     AgentConfig m_config;
-    // whose sinks and whose text file are in force
-    AgentConfig m_sinksFrom;
-    AgentConfig m_textFileFrom;
+    zelhost::SinkOptions m_sinksInForce;
+    AgentConfig m_textFileFrom;  // whose text file is in force
     std::string m_told;
 };
 

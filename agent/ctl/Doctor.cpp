@@ -193,9 +193,9 @@ Findings JudgeFiles(const std::string& appDir, int64_t now) {
                          appDir + zel::kComponentsFileName, "correct it, or remove it to run the built-in components"});
     }
     const auto config = LoadAgentConfig(appDir + zel::kAgentConfigFileName);
-    if (config && !config->httpCaFile.empty()) {
-        const auto file = base::OpenTrusted(config->httpCaFile, base::TrustScope::kWithPlace);
-        if (!file) AddRefusal(found, config->httpCaFile, file.GetError());
+    if (config && !config->sinks.httpCaFile.empty()) {
+        const auto file = base::OpenTrusted(config->sinks.httpCaFile, base::TrustScope::kWithPlace);
+        if (!file) AddRefusal(found, config->sinks.httpCaFile, file.GetError());
     }
     if (!config && config.GetError().kind == base::ErrorKind::kMalformed) {
         found.push_back({Severity::kProblem, "not taken over: " + config.GetError().Text(), "",

@@ -200,7 +200,7 @@ DeliveryStats CHostServices::GetDeliveryStats() {
     return m_impl->m_delivery ? m_impl->m_delivery->Stats() : DeliveryStats();
 }
 
-bool CHostServices::SetSinks(const DeliveryOptions& options, std::string& error) {
+bool CHostServices::SetSinks(const SinkOptions& options, std::string& error) {
     if (!m_impl->m_delivery) {
         error = "this process delivers no messages";
         return false;

@@ -85,7 +85,7 @@ TEST(AgentConfigTest, OnlyItsOwnersFileIsTaken) {
     ASSERT_EQ(chmod(path.c_str(), 0640), 0);
     const auto good = LoadAgentConfig(path);
     ASSERT_TRUE(good.Ok()) << good.GetError().Text();
-    EXPECT_TRUE(good->syslog);
+    EXPECT_TRUE(good->sinks.syslog);
     ASSERT_EQ(chmod(path.c_str(), 0666), 0);
     const auto open = LoadAgentConfig(path);
     ASSERT_FALSE(open.Ok());
@@ -98,9 +98,9 @@ TEST(AgentConfigTest, WhatKeptItFromBeingReadIsTriedAgain) {
     ASSERT_TRUE(support::WriteText(path, R"({"syslog":true})"));
     ASSERT_EQ(chmod((dir / "conf").c_str(), 0777), 0);
     AgentConfigFile file(path, true);
-    EXPECT_FALSE(file.Read().syslog);
+    EXPECT_FALSE(file.Read().sinks.syslog);
     ASSERT_EQ(chmod((dir / "conf").c_str(), 0750), 0);
-    EXPECT_TRUE(file.Read().syslog) << "the file itself is the same";
+    EXPECT_TRUE(file.Read().sinks.syslog) << "the file itself is the same";
 }
 
 TEST(AgentConfigTest, ARefusalNamesTheDirectoryAtFault) {
@@ -173,10 +173,10 @@ TEST_F(LoggedConfigTest, TheSameRefusalIsToldOnce) {
     for (int look = 0; look < 5; ++look) file.Read();
     EXPECT_EQ(Logged("agent configuration refused, the old values stay: " + m_path), 1u);
     ASSERT_EQ(chmod((m_dir / "conf").c_str(), 0750), 0);
-    EXPECT_TRUE(file.Read().syslog);
+    EXPECT_TRUE(file.Read().sinks.syslog);
     ASSERT_EQ(chmod((m_dir / "conf").c_str(), 0777), 0);
     ASSERT_TRUE(support::WriteText(m_path, R"({"syslog":false})"));
-    for (int look = 0; look < 5; ++look) EXPECT_TRUE(file.Read().syslog) << "the old values stay";
+    for (int look = 0; look < 5; ++look) EXPECT_TRUE(file.Read().sinks.syslog) << "the old values stay";
     EXPECT_EQ(Logged("agent configuration refused, the old values stay: " + m_path), 2u);
 }
 

@@ -131,14 +131,9 @@ CEventDelivery::Lanes CEventDelivery::GetLanes() {
     return m_lanes;
 }
 
-base::Status CEventDelivery::SetSinks(const DeliveryOptions& options) {
+base::Status CEventDelivery::SetSinks(const SinkOptions& options) {
     DeliveryOptions next = m_options;
-    next.syslog = options.syslog;
-    next.httpUrl = options.httpUrl;
-    next.httpCaFile = options.httpCaFile;
-    next.httpHeader = options.httpHeader;
-    next.httpVerifyTls = options.httpVerifyTls;
-    next.httpTimeoutMs = options.httpTimeoutMs;
+    static_cast<SinkOptions&>(next) = options;
     base::Result<Sinks> sinks = MakeSinks(next, m_process);
     if (!sinks) return sinks.GetError();
     const Lanes old = GetLanes();

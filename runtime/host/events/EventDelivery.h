@@ -27,7 +27,7 @@ public:
     base::Status Start();
     void Stop();
     /// Replaces syslog and HTTP by those of `options`. On failure: nothing has changed.
-    base::Status SetSinks(const DeliveryOptions& options);
+    base::Status SetSinks(const SinkOptions& options);
 
     bool SendMsg(const std::string& type, const std::string& body, const std::string& extra, int arg1,
                  int arg2) override;

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -17,8 +18,25 @@ enum class Switch : int {
     kOff,
 };
 
-/// Where messages go. A sink whose path or URL is empty is off.
-struct DeliveryOptions {
+/// Sinks that can be exchanged while the agent runs. One whose URL is empty is off.
+struct SinkOptions {
+    bool syslog = false;     ///< to syslog(3), which the journal collects
+    std::string httpUrl;     ///< http:// or https:// endpoint that takes POSTs of one JSON message
+    std::string httpCaFile;  ///< empty: the system's certificate store
+    std::string httpHeader;  ///< one extra header line, "Name: value"
+    bool httpVerifyTls = true;
+    unsigned int httpTimeoutMs = 5000;  ///< for a whole request
+
+    bool operator==(const SinkOptions& other) const {
+        return std::tie(syslog, httpUrl, httpCaFile, httpHeader, httpVerifyTls, httpTimeoutMs) ==
+               std::tie(other.syslog, other.httpUrl, other.httpCaFile, other.httpHeader, other.httpVerifyTls,
+                        other.httpTimeoutMs);
+    }
+    bool operator!=(const SinkOptions& other) const { return !(*this == other); }
+};
+
+/// Where messages go. A file whose path is empty has its usual place.
+struct DeliveryOptions : SinkOptions {
     Switch enabled = Switch::kOn;          ///< off: GetMsgTransmitInstance() gives null
     std::string spoolPath;                 ///< empty: <app dir>/spool/<process>.db
     uint64_t spoolMaxBytes = 32 << 20;     ///< oldest messages are dropped and counted beyond this
@@ -26,13 +44,7 @@ struct DeliveryOptions {
     std::string jsonLinesPath;             ///< empty: <app dir>/log/<process>.events.jsonl; "-": off
     uint64_t jsonLinesMaxBytes = 8 << 20;  ///< size at which the file is rotated
     unsigned int jsonLinesKeep = 4;        ///< rotated files kept
-    bool syslog = false;                   ///< also to syslog(3), which the journal collects
-    std::string httpUrl;                   ///< http:// or https:// endpoint that takes POSTs of one JSON message
-    std::string httpCaFile;                ///< empty: the system's certificate store
-    std::string httpHeader;                ///< one extra header line, "Name: value"
-    bool httpVerifyTls = true;
-    unsigned int httpTimeoutMs = 5000;  ///< for a whole request
-    unsigned int backoffMinMs = 500;    ///< after the first failure of a sink, doubled up to the maximum
+    unsigned int backoffMinMs = 500;       ///< after the first failure of a sink, doubled up to the maximum
     unsigned int backoffMaxMs = 60000;
     unsigned int restMs = 60000;  ///< without a message for so long, the spool's file is closed until the next one
 };
