@@ -119,15 +119,18 @@ TEST_F(WorkQueueTest, ThreadsEndWithoutWorkAndBeginAgain) {
         support::Signal first;
         support::Signal second;
         // Each waits for the other: two threads.
+        std::atomic<int> done{0};
         ASSERT_TRUE(queue.Add([&] {
             first.Set();
             EXPECT_TRUE(second.Wait());
+            ++done;
         }));
         ASSERT_TRUE(queue.Add([&] {
             second.Set();
             EXPECT_TRUE(first.Wait());
+            ++done;
         }));
-        EXPECT_TRUE(first.Wait() && second.Wait());
+        EXPECT_TRUE(support::Eventually([&] { return done == 2; }));
         EXPECT_TRUE(support::Eventually([] { return support::ThreadsNamed("worker") == 0; })) << "round " << round;
     }
 }
