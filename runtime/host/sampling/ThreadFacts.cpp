@@ -11,6 +11,7 @@ namespace {
 // A second reader within this time gets the first one's pass: many askers cost as much as one.
 constexpr int64_t kFreshNs = 20 * 1000000;
 constexpr int64_t kBaselineNs = 60 * kNsPerSecond;
+constexpr int64_t kYoungNs = kNsPerSecond;
 }  // namespace
 
 CThreadFacts& CThreadFacts::Instance() {
@@ -97,7 +98,9 @@ ThreadFigures CThreadFacts::FiguresOf(long tid, const Entry& entry) {
     ThreadFigures f;
     f.tid = tid;
     f.name = entry.name;
-    const int64_t wallNs = entry.now.timeNs - entry.older.timeNs;
+    // Of a thread that has just begun the time is known to a tick at best, and it has done nothing but work.
+    const int64_t leastNs = entry.older.samples == 0 ? kYoungNs : 0;
+    const int64_t wallNs = std::max(entry.now.timeNs - entry.older.timeNs, leastNs);
     const auto load = [&](int64_t cpuNs) {
         if (wallNs <= 0 || cpuNs <= 0) return uint32_t{0};
         const double value = static_cast<double>(cpuNs) * 10000.0 / static_cast<double>(wallNs) + 0.5;

@@ -26,7 +26,8 @@ struct ThreadFigures {
 
 /// Thread-safety: every operation from any thread.
 /// A thread's load is taken over the sampled time: from the older of two baselines, which move on once a minute; a
-/// thread that is new since then counts from its own start.
+/// thread that is new since then counts from its own start, and as if that were a second ago at least: one that was
+/// begun to make the report is not its busiest.
 class CThreadFacts final : public CSysIntf {
 public:
     static CThreadFacts& Instance();

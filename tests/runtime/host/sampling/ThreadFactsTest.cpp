@@ -101,6 +101,27 @@ TEST(ThreadFactsTest, AThreadThatIsNewIsCountedFromItsStart) {
     EXPECT_EQ(entry->statCnt, 1u);
 }
 
+TEST(ThreadFactsTest, WhoBeganInOrderToAskIsNotTheBusiest) {
+    CThreadFacts::Instance().MarkBaseline();
+    Worker busy("busy", true);
+    std::this_thread::sleep_for(milliseconds(1500));
+    long tid = 0;
+    unsigned int usage = 0;
+    std::thread asker([&] {
+        support::Burn(milliseconds(15));
+        CThreadFacts::Instance().GetHighCpuUsageThread(tid, usage);
+    });
+    asker.join();
+    EXPECT_EQ(tid, busy.Tid());
+    std::list<CSysThreadsCpuUsage> list;
+    std::this_thread::sleep_for(milliseconds(30));
+    Worker young("young", true);
+    support::Burn(milliseconds(15));
+    CThreadFacts::Instance().GetThreadsCpuUsage(list);
+    ASSERT_NE(Find(list, young.Tid()), nullptr);
+    EXPECT_LT(Find(list, young.Tid())->avgLoad, 1000u) << "15 ms of work are not a busy second";
+}
+
 TEST(ThreadFactsTest, ThreadsThatWentAreNotListed) {
     long gone = 0;
     {
