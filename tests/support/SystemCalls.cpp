@@ -31,6 +31,8 @@ void Mark() {
 }
 
 void Count(uint64_t number, SystemCalls& counts) {
+    // Time is read without the kernel, but for machines whose clock no program can read.
+    if (number == SYS_clock_gettime) return;
     ++counts.all;
     switch (number) {
 #ifdef SYS_open

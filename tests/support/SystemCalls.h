@@ -8,9 +8,9 @@ namespace support {
 
 struct SystemCalls {
     bool counted = false;  ///< false: the thread cannot be traced here
-    int all = 0;
-    int opens = 0;   ///< open, openat, openat2, open_tree
-    int writes = 0;  ///< write, pwrite64, writev
+    int all = 0;           ///< readings of a clock left out
+    int opens = 0;         ///< open, openat, openat2, open_tree
+    int writes = 0;        ///< write, pwrite64, writev
 };
 
 /// Runs the body in the calling thread and counts what that thread asks of the kernel meanwhile. `prepare` runs before,
