@@ -115,6 +115,19 @@ size_t ThreadsNamed(const std::string& name) {
     }));
 }
 
+bool IsEnding(const std::string& pid) {
+    constexpr unsigned long kExiting = 0x4;  // PF_EXITING of include/linux/sched.h
+    const std::string stat = ReadText("/proc/" + pid + "/stat");
+    const size_t name = stat.rfind(')');
+    if (name == std::string::npos) return true;
+    std::istringstream fields(stat.substr(name + 1));
+    std::string skipped;
+    for (int field = 3; field < 9; ++field) fields >> skipped;
+    unsigned long flags = 0;
+    fields >> flags;
+    return (flags & kExiting) != 0;
+}
+
 size_t OpenDescriptors() {
     return NamesIn("/proc/self/fd").size();
 }

@@ -42,6 +42,9 @@ std::vector<std::string> NamesIn(const std::string& path);
 std::vector<std::string> FoldersIn(const std::string& path);
 /// Returns: how many threads of this process have the name. By name, because a checker of threads keeps one of its own.
 size_t ThreadsNamed(const std::string& name);
+/// Returns: whether a process is on its way out. On version 1 the kernel shows it in the root group from then on, while
+/// it still has its program for a moment.
+bool IsEnding(const std::string& pid);
 /// Returns: number of open descriptors of this process.
 size_t OpenDescriptors();
 

@@ -63,8 +63,7 @@ private:
                 const char next = groups[at + std::string(controller).size() + m_inside.size()];
                 if (next == '\n' || next == '/') ++inside;
             }
-            // One that is ending is in no group any more; it has lost its program before that.
-            if (inside == 2 || !IsOurs(pid)) continue;
+            if (inside == 2 || support::IsEnding(pid) || !IsOurs(pid)) continue;
             const std::lock_guard<std::mutex> lock(m_mutex);
             if (m_escaped.empty()) m_escaped = "process " + pid + ": " + groups;
         }

@@ -97,8 +97,7 @@ protected:
             if ((line.substr(path) + "/").compare(0, std::string(kOuter).size() + 1, std::string(kOuter) + "/") == 0) {
                 continue;
             }
-            // One that is ending is in no group any more; it has lost its program before that.
-            if (!RunsAgent(pid)) continue;
+            if (support::IsEnding(pid) || !RunsAgent(pid)) continue;
             const std::lock_guard<std::mutex> lock(m_mutex);
             if (m_escaped.empty()) m_escaped = "process " + pid + ": " + line;
         }
