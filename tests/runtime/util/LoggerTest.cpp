@@ -202,7 +202,11 @@ protected:
         Write("the line that the writer sits in");
         EXPECT_TRUE(m_entered.Wait());
     }
-    ~StalledLoggerTest() override { m_release.Set(); }
+    ~StalledLoggerTest() override {
+        m_release.Set();
+        SetLogTap(nullptr);
+        FlushLog();  // the writer is out of the tap before the signals go
+    }
 
     Signal m_entered;
     Signal m_release;
