@@ -41,6 +41,14 @@ protected:
         options.backoffMaxMs = 20;
         return options;
     }
+    /// To an endpoint that takes connections and never answers.
+    DeliveryOptions ToSilent(support::HttpServer& server) {
+        server.Hang(true);
+        DeliveryOptions options = Options();
+        options.httpUrl = server.Url();
+        options.httpTimeoutMs = 60000;
+        return options;
+    }
     static std::vector<std::string> Field(const std::string& path, const char* field) {
         std::vector<std::string> values;
         for (const auto& line : ReadLines(path)) {
@@ -345,11 +353,7 @@ TEST_F(EventDeliveryTest, StoppingWaitsForOneRequestAtMost) {
 
 TEST_F(EventDeliveryTest, StoppingBreaksOffARequestThatIsSilent) {
     support::HttpServer server;
-    server.Hang(true);
-    DeliveryOptions options = Options();
-    options.httpUrl = server.Url();
-    options.httpTimeoutMs = 60000;
-    CEventDelivery delivery(options, "tervane");
+    CEventDelivery delivery(ToSilent(server), "tervane");
     ASSERT_TRUE(support::IsOk(delivery.Start()));
     delivery.SendMsg("T", "a", "", 1, 0);
     ASSERT_TRUE(Eventually([&] { return server.Connections() > 0; }));
@@ -420,11 +424,7 @@ TEST_F(EventDeliveryTest, WhileNothingWaitsThereIsNothingToRun) {
 
 TEST_F(EventDeliveryTest, ASilentEndpointHoldsUpNoOtherSink) {
     support::HttpServer server;
-    server.Hang(true);
-    DeliveryOptions options = Options();
-    options.httpUrl = server.Url();
-    options.httpTimeoutMs = 60000;
-    CEventDelivery delivery(options, "tervane");
+    CEventDelivery delivery(ToSilent(server), "tervane");
     ASSERT_TRUE(support::IsOk(delivery.Start()));
     delivery.SendMsg("T", "first", "", 1, 0);
     ASSERT_TRUE(Eventually([&] { return server.Connections() > 0; }));

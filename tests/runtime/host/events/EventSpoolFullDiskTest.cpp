@@ -7,20 +7,13 @@
 #include "HostSupport.h"
 #include "events/EventSpool.h"
 #include "events/NoGrowth.h"
+#include "events/SpoolMessages.h"
 #include "support/SmallDisk.h"
 
 using zelhost::CEventSpool;
 using zelhost::SpoolMessage;
 
 namespace {
-
-SpoolMessage Message(const std::string& body) {
-    SpoolMessage m;
-    m.time = 1700000000;
-    m.type = "T";
-    m.body = body;
-    return m;
-}
 
 std::vector<std::string> Bodies(CEventSpool& spool, const std::string& sink) {
     const auto messages = spool.Read(sink, 10000, 1 << 30);

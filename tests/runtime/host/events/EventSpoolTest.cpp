@@ -17,21 +17,13 @@
 #include "HostSupport.h"
 #include "events/BadDisk.h"
 #include "events/SlowSync.h"
+#include "events/SpoolMessages.h"
 #include "support/SmallDisk.h"
 
 using zelhost::CEventSpool;
 using zelhost::SpoolMessage;
 
 namespace {
-
-SpoolMessage Message(const std::string& body) {
-    SpoolMessage m;
-    m.time = 1700000000;
-    m.type = "T";
-    m.body = body;
-    m.arg1 = 1;
-    return m;
-}
 
 class EventSpoolTest : public ::testing::Test {
 protected:
