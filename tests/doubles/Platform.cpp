@@ -43,6 +43,7 @@ void ForgetMonitor() {
 
 void Platform::Record(const std::string& line) {
     std::lock_guard<std::recursive_mutex> guard(lock);
+    if (onCall) onCall(line);
     if (keepInJournal && !keepInJournal(line)) return;
     journal.push_back(line);
 }

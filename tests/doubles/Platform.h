@@ -176,6 +176,8 @@ struct Platform {
     std::vector<LogLine> logs;
     /// Which lines the journal keeps; unset: all. Keeps the journal small in a test of millions of ticks.
     std::function<bool(const std::string&)> keepInJournal;
+    /// Sees every line before the operation answers, so that an answer can depend on what was done before.
+    std::function<void(const std::string&)> onCall;
 
     bool clockScripted = true;
     bool journalTime = false;                   ///< time() is a line of the journal too
