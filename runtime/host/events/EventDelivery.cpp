@@ -30,6 +30,8 @@ constexpr std::chrono::seconds kCarePeriod{1};
 constexpr size_t kMostJobs = 4;
 constexpr char kThreadName[] = "Events";
 constexpr size_t kBatchBytes = 1 << 20;
+// A sink that syncs competes with the senders for the disk: where they keep it busy, it does so this often at most.
+constexpr std::chrono::milliseconds kGather{20};
 
 template <class... Args>
 void Log(int level, int line, const char* format, Args... args) {
@@ -231,22 +233,32 @@ bool CEventDelivery::Begin(Lane& lane) {
 void CEventDelivery::RunLane(const std::shared_ptr<Lane>& lane) {
     bool goOn = Begin(*lane);
     while (goOn) {
-        bool more = false;
-        const bool delivered = TryLane(*lane, more);
-        goOn = GoOn(lane, delivered, more);
+        goOn = GoOn(lane, TryLane(*lane));
     }
     if (!m_spool.IsResting()) CareLater(kCarePeriod);
 }
 
-bool CEventDelivery::GoOn(const std::shared_ptr<Lane>& lane, bool delivered, bool more) {
+bool CEventDelivery::GoOn(const std::shared_ptr<Lane>& lane, Batch batch) {
     base::MutexLock lock(m_stateLock);
-    if (delivered) lane->backoff = m_backoffMin;
-    if (!lane->stop && delivered && (more || std::exchange(lane->again, false))) return true;
+    const bool failed = batch == Batch::kFailed;
+    if (!failed) lane->backoff = m_backoffMin;
+    const bool gather = batch == Batch::kSome && lane->again;
+    const bool more = !failed && (batch != Batch::kNothing || std::exchange(lane->again, false));
+    if (!lane->stop && more && !gather) return true;
     lane->busy = false;
     lane->running = false;
     m_changed.notify_all();
-    if (lane->stop || delivered) return false;
-    Later(lane->backoff, [lane](CEventDelivery& self) {
+    if (lane->stop) return false;
+    if (gather) RestLane(lane, kGather);
+    if (failed) {
+        RestLane(lane, lane->backoff);
+        lane->backoff = std::min(lane->backoff * 2, m_backoffMax);
+    }
+    return false;
+}
+
+void CEventDelivery::RestLane(const std::shared_ptr<Lane>& lane, Clock::duration delay) {
+    Later(delay, [lane](CEventDelivery& self) {
         {
             base::MutexLock state(self.m_stateLock);
             lane->resting = false;
@@ -254,8 +266,6 @@ bool CEventDelivery::GoOn(const std::shared_ptr<Lane>& lane, bool delivered, boo
         self.StartLane(lane);
     });
     lane->resting = true;
-    lane->backoff = std::min(lane->backoff * 2, m_backoffMax);
-    return false;
 }
 
 void CEventDelivery::CareLater(Clock::duration delay) {
@@ -313,15 +323,16 @@ bool CEventDelivery::SendMsg(const std::string& type, const std::string& body, c
     }
 }
 
-base::Result<bool> CEventDelivery::DeliverSome(Lane& lane) {
-    const auto messages = m_spool.Read(lane.sink->Name(), lane.sink->BatchSize(), kBatchBytes);
+base::Result<CEventDelivery::Batch> CEventDelivery::DeliverSome(Lane& lane) {
+    const size_t most = lane.sink->BatchSize();
+    const auto messages = m_spool.Read(lane.sink->Name(), most, kBatchBytes);
     if (!messages) {
         return NoteFailure(lane, base::SentenceError("the spool cannot be read: " + messages.GetError().Reason()));
     }
     if (messages->empty()) {
         base::MutexLock lock(lane.lock);
         if (!m_spool.HasUnsaved()) NoteSuccess(lane);
-        return false;
+        return Batch::kNothing;
     }
     const Handover handed = lane.sink->Deliver(*messages, lane.stop);
     base::Status outcome = handed.rest;
@@ -336,10 +347,10 @@ base::Result<bool> CEventDelivery::DeliverSome(Lane& lane) {
         lane.delivered += handed.safe - handed.givenUp;
         if (outcome) {
             NoteSuccess(lane);
-            return true;
+            return messages->size() < most ? Batch::kSome : Batch::kFull;
         }
     }
-    if (lane.stop) return false;  // what was under way comes again
+    if (lane.stop) return Batch::kNothing;  // what was under way comes again
     return NoteFailure(lane, outcome.GetError());
 }
 
@@ -361,14 +372,13 @@ void CEventDelivery::NoteSuccess(Lane& lane) {
     lane.lastError.clear();
 }
 
-bool CEventDelivery::TryLane(Lane& lane, bool& more) {
+CEventDelivery::Batch CEventDelivery::TryLane(Lane& lane) {
     try {
-        const base::Result<bool> done = DeliverSome(lane);
-        more = done.Ok() && *done;
-        return done.Ok();
+        const base::Result<Batch> done = DeliverSome(lane);
+        return done ? *done : Batch::kFailed;
     } catch (const std::exception& e) {
         Log(zel::kLogWarning, __LINE__, "event sink %s: %s", lane.sink->Name().c_str(), e.what());
-        return false;
+        return Batch::kFailed;
     }
 }
 

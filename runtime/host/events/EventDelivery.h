@@ -41,7 +41,11 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    /// The way of messages to one sink: at most one job at a time, which goes on until there is nothing more.
+    /// What a batch came to. kSome: fewer than a batch has room for.
+    enum class Batch { kFailed, kNothing, kSome, kFull };
+
+    /// The way of messages to one sink: at most one job at a time, which goes on until there is nothing more. While
+    /// messages come faster than that, it gathers some before the next batch, so that it holds up no sender.
     struct Lane {
         std::unique_ptr<IEventSink> sink;
         std::atomic<bool> stop{false};  // set under m_stateLock, read without it
@@ -49,7 +53,7 @@ private:
         bool busy = false;     ///< a job of it waits or runs
         bool running = false;  ///< it runs
         bool again = false;    ///< something came meanwhile
-        bool resting = false;  ///< it failed, and a timer begins it again
+        bool resting = false;  ///< it failed or gathers, and a timer begins it again
         std::chrono::milliseconds backoff{0};
         base::Mutex lock;
         uint64_t delivered ZEL_GUARDED_BY(lock) = 0;
@@ -78,11 +82,13 @@ private:
     /// Returns: whether a job of the lane is to run after all.
     bool Begin(Lane& lane);
     /// After a batch. Returns: whether the lane goes on at once.
-    bool GoOn(const std::shared_ptr<Lane>& lane, bool delivered, bool more);
-    /// One batch, whatever the sink throws. Returns: false when the sink failed.
-    bool TryLane(Lane& lane, bool& more);
-    /// One batch. Returns: whether there may be more. Errors: the sink failed; counted and logged already.
-    base::Result<bool> DeliverSome(Lane& lane);
+    bool GoOn(const std::shared_ptr<Lane>& lane, Batch batch);
+    /// Has a lane that ends begin again after a while.
+    void RestLane(const std::shared_ptr<Lane>& lane, Clock::duration delay) ZEL_REQUIRES(m_stateLock);
+    /// One batch, whatever the sink throws.
+    Batch TryLane(Lane& lane);
+    /// One batch. Errors: the sink failed; counted and logged already.
+    base::Result<Batch> DeliverSome(Lane& lane);
     /// Returns: the failure it has noted.
     static base::Error NoteFailure(Lane& lane, const base::Error& error);
     static void NoteSuccess(Lane& lane) ZEL_REQUIRES(lane.lock);

@@ -696,8 +696,26 @@ bool CEventSpool::CommitOrDrop(const std::vector<Request*>& batch) {
 
 void CEventSpool::TakeLead() {
     base::MutexLock lock(m_queueLock);
+    ++m_others;
     while (m_leader) m_committed.wait(m_queueLock);
+    --m_others;
     m_leader = true;
+}
+
+bool CEventSpool::TryTakeLead() {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyMs);
+    base::MutexLock lock(m_queueLock);
+    ++m_others;
+    while (m_leader && m_committed.wait_until(m_queueLock, end) != std::cv_status::timeout) {
+    }
+    --m_others;
+    if (m_leader) return false;
+    m_leader = true;
+    return true;
+}
+
+base::Status CEventSpool::Lead::Refused() const {
+    return base::MakeError(base::ErrorKind::kBusy, "write", m_spool.m_path, "a commit has not ended yet");
 }
 
 void CEventSpool::GiveUpLead() {
@@ -729,9 +747,9 @@ bool CEventSpool::Append(SpoolMessage message) {
     request.message = std::move(message);
     base::MutexLock lock(m_queueLock);
     m_queue.push_back(&request);
-    m_arrived.notify_one();
+    if (m_queue.size() >= m_expected) m_arrived.notify_one();
     while (!request.done) {
-        if (m_leader) {
+        if (m_leader || m_others > 0) {
             m_committed.wait(m_queueLock);
             continue;
         }
@@ -821,9 +839,14 @@ bool CEventSpool::FlushMemory() {
 // --- reading ---
 
 base::Status CEventSpool::SetSinks(const std::vector<std::string>& sinks) {
+    {
+        base::MutexLock lock(m_readLock);
+        m_sinks = sinks;
+        m_sinksKept = false;
+    }
+    Lead lead(*this);
+    if (!lead) return lead.Refused();
     base::MutexLock lock(m_readLock);
-    m_sinks = sinks;
-    m_sinksKept = false;
     if (!m_reader.IsOpen()) return {};  // as soon as it is
     return KeepSinks();
 }
@@ -908,9 +931,15 @@ base::Result<std::vector<SpoolMessage>> CEventSpool::ReadOnce(const std::string&
 }
 
 base::Status CEventSpool::Confirm(const std::string& sink, int64_t seq, uint64_t givenUp) {
+    {
+        base::MutexLock lock(m_readLock);
+        m_confirmed[sink] = std::max(m_confirmed[sink], seq);
+        if (givenUp > 0) m_unsavedGivenUp[sink] += givenUp;
+        m_unsaved = true;
+    }
+    Lead lead(*this);
+    if (!lead) return lead.Refused();
     base::MutexLock lock(m_readLock);
-    m_confirmed[sink] = std::max(m_confirmed[sink], seq);
-    if (givenUp > 0) m_unsavedGivenUp[sink] += givenUp;
     return KeepAndRemove();
 }
 

@@ -31,7 +31,8 @@ struct SpoolMessage {
 /// Thread-safety: every operation from any thread between Open and Close.
 /// Writers are committed in groups: whoever finds nobody writing commits for all that wait, so a caller waits for at
 /// most the commit under way and its own. Where several send at a time, the one that commits gives the others a moment
-/// to come, a small part of what a commit takes. The readers' side has a connection of its own that never syncs.
+/// to come, a small part of what a commit takes. The readers' side has a connection of its own that never syncs; what
+/// it writes takes its turn with the commits.
 class CEventSpool {
 public:
     CEventSpool() = default;
@@ -129,8 +130,28 @@ private:
         bool whole = false;                     ///< it was read to its other end
     };
 
-    // Of the leader.
+    /// The lead for something else than a message, for as long as a stranger's lock would be waited for. Two
+    /// connections of ours that want to write would wait for each other by sleeping, and the readers' for ever behind
+    /// busy senders.
+    class Lead {
+    public:
+        explicit Lead(CEventSpool& spool) : m_spool(spool), m_taken(spool.TryTakeLead()) {}
+        ~Lead() {
+            if (m_taken) m_spool.GiveUpLead();
+        }
+        Lead(const Lead&) = delete;
+        Lead& operator=(const Lead&) = delete;
+        explicit operator bool() const { return m_taken; }
+        base::Status Refused() const;
+
+    private:
+        CEventSpool& m_spool;
+        const bool m_taken;
+    };
+
+    // Of the leader. Who wants the lead for something else than a message is the next to have it.
     void TakeLead();
+    bool TryTakeLead();
     void GiveUpLead();
     /// Gives those a moment that were there for the last commits.
     void WaitForOthers() ZEL_REQUIRES(m_queueLock);
@@ -212,6 +233,7 @@ private:
     base::Condition m_committed;
     std::vector<Request*> m_queue ZEL_GUARDED_BY(m_queueLock);
     bool m_leader ZEL_GUARDED_BY(m_queueLock) = false;
+    size_t m_others ZEL_GUARDED_BY(m_queueLock) = 0;  // who want the lead and send nothing
     base::Condition m_arrived;
     size_t m_expected ZEL_GUARDED_BY(m_queueLock) = 1;  // senders that the last commits have seen
     std::chrono::nanoseconds m_commitTime ZEL_GUARDED_BY(m_queueLock){0};

@@ -19,6 +19,7 @@
 #include "events/SlowSync.h"
 #include "events/SpoolMessages.h"
 #include "support/SmallDisk.h"
+#include "support/Waiting.h"
 
 using zelhost::CEventSpool;
 using zelhost::SpoolMessage;
@@ -210,6 +211,52 @@ TEST_F(EventSpoolTest, SendersThatComeTogetherShareACommit) {
     const int before = disk.Count();
     for (int i = 0; i < kEach; ++i) EXPECT_TRUE(spool.Append(Message("alone")));
     EXPECT_EQ(disk.Count() - before, kEach) << "and who is alone syncs once";
+}
+
+TEST_F(EventSpoolTest, SendersAndConfirmationsTakeTurns) {
+    constexpr int kSenders = 4, kEach = 30;
+    CEventSpool spool;
+    Open(spool);
+    ASSERT_TRUE(spool.Append(Message("first")));
+    const support::SlowSync disk(2);
+    std::vector<std::thread> senders;
+    for (int s = 0; s < kSenders; ++s) {
+        senders.emplace_back([&] {
+            for (int i = 0; i < kEach; ++i) EXPECT_TRUE(spool.Append(Message("x")));
+        });
+    }
+    int confirmed = 0;
+    for (size_t had = 0; had < 1 + kSenders * kEach;) {
+        const std::vector<SpoolMessage> messages = Read(spool, "one");
+        if (messages.empty()) continue;
+        EXPECT_TRUE(support::IsOk(spool.Confirm("one", messages.back().seq)));
+        ++confirmed;
+        had += messages.size();
+    }
+    for (auto& sender : senders) sender.join();
+    EXPECT_EQ(disk.Sleeps(), 0) << "in " << disk.Count() << " commits and " << confirmed << " confirmations";
+}
+
+TEST_F(EventSpoolTest, AConfirmationOutlastsACommitThatHangs) {
+    CEventSpool spool;
+    Open(spool);
+    ASSERT_TRUE(spool.Append(Message("a")));
+    const SpoolMessage a = Read(spool, "one").front();
+    std::thread sender;
+    {
+        const support::SlowSync disk(4000);
+        sender = std::thread([&] { EXPECT_TRUE(spool.Append(Message("b"))); });
+        ASSERT_TRUE(support::Eventually([&] { return disk.Count() > 0; }));
+        const base::Status kept = spool.Confirm("one", a.seq);
+        ASSERT_FALSE(kept) << "a reader waits for a while only";
+        EXPECT_EQ(kept.GetError().kind, base::ErrorKind::kBusy);
+        EXPECT_TRUE(spool.HasUnsaved());
+    }
+    sender.join();
+    EXPECT_EQ(Bodies(spool, "one"), std::vector<std::string>{"b"}) << "it holds all the same";
+    EXPECT_TRUE(spool.FlushMemory());
+    EXPECT_FALSE(spool.HasUnsaved());
+    EXPECT_EQ(spool.GetFigures().messages, 1u);
 }
 
 TEST_F(EventSpoolTest, ADamagedSpoolIsPutAsideAndANewOneBegins) {

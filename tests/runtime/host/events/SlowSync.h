@@ -13,6 +13,8 @@ public:
 
     /// Returns: how many there were so far.
     int Count() const;
+    /// Returns: how often somebody slept for another's lock meanwhile, by usleep.
+    int Sleeps() const;
 };
 
 }  // namespace support
