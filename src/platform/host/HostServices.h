@@ -38,10 +38,10 @@ public:
     bool GetSamplerFigures(SamplerFigures& figures);
 
     DeliveryStats GetDeliveryStats();
-    /// Sends messages to these sinks from now on, beside the file. A sink that stays
-    /// goes on where it was. Blocks: for a second at most, while what is under way is broken off. Thread-safety: the
-    /// thread of Start and Stop.
-    /// Returns: false with the reason in `error`; then nothing has changed.
+    /// Sends messages to these sinks from now on, beside the file. A sink that stays goes on where it was.
+    /// Blocks: for a second at most, while what is under way is broken off.
+    /// Thread-safety: the thread of Start and Stop.
+    /// Returns: false with the reason in `error`, a sentence about what was asked for; then the sinks are as before.
     bool SetSinks(const SinkOptions& options, std::string& error);
     /// Another metrics text file from now on, none when the path is empty; the one before it is taken away.
     /// Thread-safety: as above. Returns: false when this process has no metrics.
