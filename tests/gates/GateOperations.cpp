@@ -16,13 +16,13 @@
 #include <fstream>
 #include <string>
 
+#include "MeasuredHost.h"
 #include "Monitor.h"
 #include "MonitorPri.h"
 #include "platform/host/HostServices.h"
 #include "platform/host/OnlineClientConf.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupTreeStatus.h"
-#include "platform/zel/LogControl.h"
 
 extern "C" void* __libc_malloc(size_t size);
 
@@ -39,11 +39,6 @@ namespace {
 
 constexpr int kWarmUp = 10;
 constexpr int kRounds = 100;
-constexpr int kQueries = 10000;
-constexpr int kUpdates = 20;
-constexpr int kReports = 10;
-constexpr int kThreads = 100;
-constexpr int kControlFiles = 100;  // of a tree of six components, about
 
 bool g_planted = false;
 
@@ -105,6 +100,7 @@ void CountRounds() {
 }
 
 void CountQueries() {
+    constexpr int kQueries = 10000;
     CMonitor monitor;
     Count count;
     int sum = 0;
@@ -119,6 +115,8 @@ void CountQueries() {
 
 /// The main process's part, with the tree of groups that the configuration asks for.
 int CountUpdates(const std::string& directory) {
+    constexpr int kUpdates = 20;
+    constexpr int kControlFiles = 100;  // of a tree of six components, about
     CMonitorPri monitor;
     monitor.SetConfigPath(directory + zel::kResourceConfigFileName);
     const bool started = monitor.StartMonitor(nullptr, "tervane");
@@ -143,6 +141,8 @@ void* Sleep(void*) {
 }
 
 void CountReports(zelhost::CHostServices& services) {
+    constexpr int kReports = 10;
+    constexpr int kThreads = 100;
     CMonitor monitor;
     monitor.SetSysIntf(services.GetSysIntf());
     for (int i = 0; i < kThreads; ++i) {
@@ -173,29 +173,15 @@ int main(int argc, char** argv) {
     const std::string operation = argv[1];
     const std::string directory = argv[2];
     g_planted = argc > 3 && std::strcmp(argv[3], "planted") == 0;
-    setenv("ZEL_APP_DIR", directory.c_str(), 1);
-    zel::LogOptions log;
-    log.processName = "gates";
-    zel::ConfigureLog(log);
-    zelhost::CHostServices services;
-    zelhost::HostOptions options;
-    options.processName = "gates";
-    options.isMain = operation == "update";
-    options.statisticsDbPath = "-";
-    options.delivery.enabled = zelhost::Switch::kOff;
-    options.metrics.enabled = zelhost::Switch::kOff;
-    options.sampling.selfKill = false;
-    options.sampling.roundMs = operation == "round" ? 5 : 0;
-    std::string error;
-    if (!services.Start(options, error)) {
-        std::fprintf(stderr, "%s\n", error.c_str());
-        return 1;
-    }
+    MeasuredHost host("gates", directory);
+    host.Options().isMain = operation == "update";
+    host.Options().sampling.roundMs = operation == "round" ? 5 : 0;
+    if (!host.Start()) return 1;
     int code = 0;
     if (operation == "round") CountRounds();
     if (operation == "query") CountQueries();
     if (operation == "update") code = CountUpdates(directory);
-    if (operation == "report") CountReports(services);
-    services.Stop();
+    if (operation == "report") CountReports(host.Services());
+    host.Stop();
     return code;
 }
