@@ -125,7 +125,7 @@ def compare(build, source, directory, seconds=60, warm_up=13, trace=20):
         whole = {key: sum(rows[name][key] for name in ours) for key in ["cpu_us_s", "written_bytes"]}
         for name in others:
             del rows[name]
-        calls = {name: system_calls(processes[name], trace, directory) for name in rows} if trace else {}
+        calls = system_calls({name: processes[name] for name in rows}, trace, directory) if trace else {}
         spans["change"] = agent.change(35)
         spans["stop"] = agent.stop()
     finally:
@@ -140,7 +140,7 @@ def main():
     parser.add_argument("--build", default="build/bench", help="build directory with the agent (release flags)")
     parser.add_argument("--seconds", type=int, default=60, help="length of the window")
     parser.add_argument("--warm-up", type=int, default=13)
-    parser.add_argument("--trace", type=int, default=20, help="seconds under strace for each process; 0: none")
+    parser.add_argument("--trace", type=int, default=20, help="seconds under strace; 0: none")
     options = parser.parse_args()
     source = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
     directory = os.path.join(os.path.abspath(options.build), "peers")

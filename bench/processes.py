@@ -79,13 +79,13 @@ class Trace:
         return found
 
 
-def system_calls(pid, seconds, directory):
-    """System calls and opens a second, of all threads."""
+def system_calls(processes, seconds, directory):
+    """{name: (system calls a second, opens a second)}, all at the same time; none for what could not be traced."""
     if not shutil.which("strace"):
-        return None, None
-    trace = Trace({"it": pid}, directory)
+        return {}
+    trace = Trace(processes, directory)
     time.sleep(seconds)
-    return trace.end().get("it", (None, None))
+    return trace.end()
 
 
 class Agent:
@@ -175,7 +175,8 @@ class Agent:
                                         env=self.environment)
         while not self.in_force():
             if self.process.poll() is not None or time.monotonic() - began > limit:
-                raise SystemExit(f"the agent's limits did not come into force, see {log.name}")
+                said = (read(log.name).strip().splitlines() or ["nothing"])[-1]
+                raise SystemExit(f"the agent's limits did not come into force; it said last: {said}")
             time.sleep(0.005)
         return time.monotonic() - began
 

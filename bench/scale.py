@@ -18,7 +18,7 @@ import time
 sys.dont_write_bytecode = True  # nothing is left in the source tree
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from processes import Agent, COMPONENTS, measure  # noqa: E402
-from rows import Bench, SOURCE  # noqa: E402
+from rows import Bench, NotMeasured, SOURCE  # noqa: E402
 
 IDLE_SECONDS = 20
 MANY = 64
@@ -36,8 +36,9 @@ SERIES = {
     "components-one": ("one component, idle, a second", "components"),
     "components-start": ("start to limits in force", "components"),
 }
-WIDTH, HEIGHT, COLUMNS = 300, 190, 3
-LEFT, RIGHT, TOP, BOTTOM = 52, 14, 34, 34
+WIDTH, HEIGHT, COLUMNS = 420, 200, 2
+LEFT, RIGHT, TOP, BOTTOM = 66, 38, 48, 36
+LETTER = 6.5  # width of a tick's, about
 
 
 def slope(points):
@@ -81,7 +82,12 @@ def collect(bench, only):
     for part, names, command in programs:
         if part not in only:
             continue
-        for (what, number), (us, _) in sorted(bench.scale(*command).items()):
+        try:
+            figures = bench.scale(*command)
+        except NotMeasured as why:
+            print(f"not measured: {part}: {why}")
+            continue
+        for (what, number), (us, _) in sorted(figures.items()):
             if what in names:
                 found[what].append((number, us))
     if "components" in only:
@@ -109,17 +115,26 @@ def panel(name, points, left, top):
     def place(x, y):
         return (left + LEFT + inner_w * (math.log10(x) - x0) / (x1 - x0),
                 top + TOP + inner_h * (1 - (math.log10(max(y, 1e-3)) - low) / (high - low)))
-    parts = [f'<text class="title" x="{left + LEFT}" y="{top + 15}">{title}</text>',
-             f'<text class="note" x="{left + LEFT}" y="{top + 28}">by {unit}, slope {slope(points):.2f}</text>']
+    parts = [f'<text class="title" x="{left + LEFT}" y="{top + 23}">{title}</text>',
+             f'<text class="note" x="{left + LEFT}" y="{top + 38}">by {unit}, slope {slope(points):.2f}</text>']
     for power in range(low, high + 1):
         _, y = place(points[0][0], 10.0 ** power)
         parts.append(f'<line class="grid" x1="{left + LEFT}" y1="{y:.1f}" x2="{left + WIDTH - RIGHT}" y2="{y:.1f}"/>')
         parts.append(f'<text class="tick" text-anchor="end" x="{left + LEFT - 5}" y="{y + 3.5:.1f}">'
                      f'{amount(10.0 ** power)}</text>')
+    taken = -math.inf
     for number, us in points:
         x, _ = place(number, us)
-        parts.append(f'<text class="tick" text-anchor="middle" x="{x:.1f}" y="{top + HEIGHT - BOTTOM + 16}">'
-                     f'{count(number)}</text>')
+        half = LETTER * len(count(number)) / 2
+        if x - half > taken:  # a number that would stand in another is left out
+            parts.append(f'<text class="tick" text-anchor="middle" x="{x:.1f}" y="{top + HEIGHT - BOTTOM + 17}">'
+                         f'{count(number)}</text>')
+            taken = x + half
+    # What it would be if it grew as the number does, as far as the panel goes.
+    first, last = points[0], points[-1]
+    end = min(last[0], first[0] * 10.0 ** high / first[1])
+    ends = [*place(*first), *place(end, first[1] * end / first[0])]
+    parts.append('<line class="guide" x1="{:.1f}" y1="{:.1f}" x2="{:.1f}" y2="{:.1f}"/>'.format(*ends))
     spots = [place(x, y) for x, y in points]
     parts.append('<polyline class="line" points="' + " ".join(f"{x:.1f},{y:.1f}" for x, y in spots) + '"/>')
     parts += [f'<circle class="spot" cx="{x:.1f}" cy="{y:.1f}" r="3.5"><title>{count(number)} {unit}: {amount(us)}'
@@ -127,18 +142,21 @@ def panel(name, points, left, top):
     return parts
 
 
-STYLE = """text{font-family:system-ui,sans-serif;fill:#24292f}.title{font-size:13px;font-weight:600}
+# A viewer's scheme and its page's ground may differ, so the plot brings its own ground.
+STYLE = """.ground{fill:#fff}text{font-family:system-ui,sans-serif;fill:#24292f}.title{font-size:13px;font-weight:600}
 .note,.tick{font-size:11px;fill:#57606a}.grid{stroke:#d0d7de;stroke-width:1}
 .line{fill:none;stroke:#0969da;stroke-width:2}.spot{fill:#0969da}
-@media (prefers-color-scheme:dark){text{fill:#e6edf3}.note,.tick{fill:#9198a1}.grid{stroke:#3d444d}
+.guide{stroke:#8c959f;stroke-width:1.5;stroke-dasharray:5 4}
+@media (prefers-color-scheme:dark){.ground{fill:#0d1117}.guide{stroke:#6e7681}text{fill:#e6edf3}.note,.tick{fill:#9198a1}.grid{stroke:#3d444d}
 .line{stroke:#58a6ff}.spot{fill:#58a6ff}}"""
 
 
 def draw(path, found):
     rows = (len(found) + COLUMNS - 1) // COLUMNS
-    lines = [f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH * COLUMNS} {HEIGHT * rows}" '
-             f'width="{WIDTH * COLUMNS}" height="{HEIGHT * rows}" role="img" aria-label="What one more costs">',
-             f"<style>{STYLE}</style>"]
+    width, height = WIDTH * COLUMNS, HEIGHT * rows + 14
+    lines = [f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" width="{width}" '
+             f'height="{height}" role="img" aria-label="What one more costs">', f"<style>{STYLE}</style>",
+             f'<rect class="ground" width="{width}" height="{height}" rx="6"/>']
     for number, (name, points) in enumerate(found.items()):
         lines += panel(name, points, number % COLUMNS * WIDTH, number // COLUMNS * HEIGHT)
     with open(path, "w") as file:
