@@ -32,22 +32,53 @@ if(ZEL_LIBFUZZER)
   target_link_options(zelFlags INTERFACE -fsanitize=address,undefined)
 endif()
 
-# zel_add_tests(NAME SOURCES ... LIBS ... [LABELS ...] [TIMEOUT s] [WHOLE])
-# A GoogleTest program. Each of its tests becomes a test of its own, or with WHOLE the program is one test.
+# What nearly every test includes, read once. Not where a compiler cache stands before the compiler, which does better
+# with plain sources; so what a test forgets to include is missed in those builds.
+if(ZEL_TOP_LEVEL AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(ZEL_READ_HEADERS_ONCE ON)
+else()
+  set(ZEL_READ_HEADERS_ONCE OFF)
+endif()
+
+# zel_compile_tests(NAME): a test program is compiled to be right, not to be fast: its sources are most of what a build
+# compiles, and nobody waits for them to run.
+function(zel_compile_tests name)
+  target_compile_options(${name} PRIVATE $<$<NOT:$<CONFIG:Debug>>:-O0>)
+  if(ZEL_READ_HEADERS_ONCE)
+    target_precompile_headers(${name} REUSE_FROM testHeaders)
+    # What is compiled in from elsewhere is compiled as there.
+    get_target_property(sources ${name} SOURCES)
+    list(FILTER sources INCLUDE REGEX "^${PROJECT_SOURCE_DIR}/(agent|runtime|src)/")
+    set_source_files_properties(${sources} PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
+  endif()
+endfunction()
+
+# zel_add_tests(NAME SOURCES ... LIBS ... [LABELS ...] [TIMEOUT s] [WHOLE] [FAST] [ALONE filter])
+# A GoogleTest program. Each of its tests becomes a test of its own, or with WHOLE the program is one test. FAST: it
+# computes so much that it is worth an optimised build. ALONE: tests that nothing may run beside, as a filter of GoogleTest.
 function(zel_add_tests name)
-  cmake_parse_arguments(ARG "WHOLE" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  cmake_parse_arguments(ARG "WHOLE;FAST" "TIMEOUT;ALONE" "SOURCES;LIBS;LABELS" ${ARGN})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} testSupport zelFlags GTest::gmock testMain)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  if(NOT ARG_FAST OR ZEL_SANITIZE)
+    zel_compile_tests(${name})
+  endif()
+  set(properties TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}" SKIP_RETURN_CODE 77)
   if(ARG_WHOLE)
     add_test(NAME ${name} COMMAND ${name})
-    set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}" SKIP_RETURN_CODE 77)
+    set_tests_properties(${name} PROPERTIES ${properties})
+  elseif(ARG_ALONE)
+    # The two filters complete each other: no test is left out by both.
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 TEST_FILTER "-${ARG_ALONE}"
+      PROPERTIES ${properties})
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 TEST_FILTER "${ARG_ALONE}"
+      TEST_LIST ${name}_ALONE PROPERTIES ${properties} RUN_SERIAL ON)
   else()
-    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
-      PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}" SKIP_RETURN_CODE 77)
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
   endif()
 endfunction()
 
