@@ -264,26 +264,30 @@ OwnThreads::~OwnThreads() {
 }
 
 long OwnThreads::Next() {
-    m_tid = 0;
-    while (m_dir != nullptr && m_tid == 0) {
+    long tid = 0;
+    while (m_dir != nullptr && tid == 0) {
         const dirent* entry = readdir(m_dir);
         if (entry == nullptr) break;
-        m_tid = ParseInt(entry->d_name).value_or(0);
+        tid = ParseInt(entry->d_name).value_or(0);
     }
-    return m_tid;
+    return tid;
 }
 
-std::string_view OwnThreads::Read(const char* file, char* buffer, size_t size) const {
-    if (m_dir == nullptr || m_tid == 0) return {};
-    std::array<char, 64> path;
-    Print(path, "%ld/%s", m_tid, file);
-    const Fd opened = OpenFile(dirfd(m_dir), path.data());
-    return opened ? RereadText(opened.Get(), buffer, size) : std::string_view();
-}
-
-std::optional<ProcStat> OwnThreads::Stat() const {
+std::optional<ProcStat> ReadOwnThreadStat(long tid) {
+    if (tid <= 0) return std::nullopt;
     char buffer[kSmallProcBytes];
-    return ParseProcStat(Read("stat", buffer, sizeof buffer));
+    KeptFile file;
+    if (!file.Open(OwnThreadFile(tid, "stat").c_str())) return std::nullopt;
+    return ParseProcStat(file.Read(buffer, sizeof buffer));
+}
+
+size_t CountOwnThreads() {
+    // The directory's links: itself, its parent, and one for each thread. Source: linux/fs/proc/base.c
+    // (proc_task_getattr).
+    constexpr nlink_t kOfTheDirectory = 2;
+    struct stat about {};
+    if (stat(kOwnTasksDir, &about) != 0 || about.st_nlink <= kOfTheDirectory) return 0;
+    return about.st_nlink - kOfTheDirectory;
 }
 
 std::optional<int64_t> ReadOwnThreadCpuNs(long tid) {

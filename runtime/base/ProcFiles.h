@@ -149,7 +149,14 @@ std::string ReadKernelStack(long tid);
 /// Returns: nothing when there is no such thread here. Units: ns.
 std::optional<int64_t> ReadOwnThreadCpuNs(long tid);
 
-/// A walk over this process's threads. Files: /proc/self/task/TID/stat.
+/// Of a thread of this process. Returns: nothing when there is no such thread here.
+std::optional<ProcStat> ReadOwnThreadStat(long tid);
+
+/// How many threads this process has, without a list of them: one call, no file opened.
+/// Returns: 0 when the kernel does not tell.
+size_t CountOwnThreads();
+
+/// A walk over this process's threads.
 class OwnThreads {
 public:
     OwnThreads();
@@ -160,16 +167,9 @@ public:
     bool IsOpen() const { return m_dir != nullptr; }
     /// Goes to the next thread. Returns: its number, 0 after the last one.
     long Next();
-    /// Of the thread that Next gave. Returns: nothing when it ended since the directory was read.
-    std::optional<ProcStat> Stat() const;
-    /// See ReadOwnThreadCpuNs.
-    std::optional<int64_t> CpuNs() const { return ReadOwnThreadCpuNs(m_tid); }
 
 private:
-    std::string_view Read(const char* file, char* buffer, size_t size) const;
-
     DIR* m_dir = nullptr;
-    long m_tid = 0;
 };
 
 /// Counts the open descriptors of this process.

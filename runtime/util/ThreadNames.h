@@ -1,9 +1,10 @@
 // Names of this process's threads, kept from report to report.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
-#include <unordered_map>
+#include <vector>
 
 #include "base/Mutex.h"
 
@@ -26,12 +27,16 @@ public:
 
 private:
     struct Kept {
+        long tid = 0;
         int64_t clockNs = -1;
-        std::string name;
+        std::array<char, 16> name{};  // the kernel's bound, the ending zero included
     };
 
+    Kept& Find(long tid) ZEL_REQUIRES(m_lock);
+
     base::Mutex m_lock;
-    std::unordered_map<long, Kept> m_names ZEL_GUARDED_BY(m_lock);
+    std::vector<Kept> m_names ZEL_GUARDED_BY(m_lock);  // by number
+    size_t m_next ZEL_GUARDED_BY(m_lock) = 0;          // after the one that was asked for last
 };
 
 }  // namespace zel

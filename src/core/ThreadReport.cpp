@@ -3,9 +3,13 @@
 // Entered by host threads; they never hold both of the facade's mutexes, nor either of them while the report is logged.
 #include <unistd.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
+#include <limits>
 
 #include "Monitor.h"
 #include "MonitorCommon.h"
@@ -16,6 +20,42 @@ namespace {
 
 constexpr size_t kLineBytes = 1024;  // one formatted line; what is longer is cut
 constexpr unsigned long kStackReadLimit = 104857600;
+
+// One row of the table, what printf makes of "%-20s" and five times "%-12u" ("%-10u" the first): a report of ten
+// thousand threads is ten thousand of them.
+class Row {
+public:
+    Row& Column(const char* text, size_t length, size_t width) {
+        Put(text, length);
+        static constexpr char kBlanks[] = "                    ";
+        static_assert(sizeof kBlanks > kNameWidth, "as wide as the widest column");
+        if (length < width) Put(kBlanks, width - length);
+        return *this;
+    }
+    Row& Column(uint32_t number, size_t width) {
+        char digits[std::numeric_limits<uint32_t>::digits10 + 1];
+        const char* const end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+        return Column(digits, static_cast<size_t>(end - digits), width);
+    }
+    void EndIn(std::string& report) {
+        Put("\n", 1);
+        report.append(m_line, m_length);
+    }
+    static constexpr size_t kNameWidth = 20;
+    static constexpr size_t kIdWidth = 10;
+    static constexpr size_t kFigureWidth = 12;
+
+private:
+    // What is beyond the line's bound is cut, its end included.
+    void Put(const char* text, size_t length) {
+        length = std::min(length, kLineBytes - 1 - m_length);
+        memcpy(m_line + m_length, text, length);
+        m_length += length;
+    }
+
+    char m_line[kLineBytes];
+    size_t m_length = 0;
+};
 
 __attribute__((format(printf, 2, 3))) void AppendFormatted(std::string& text, const char* format, ...) {
     char line[kLineBytes];
@@ -56,8 +96,12 @@ void CMonitor::GetThreadsInfo(std::string& report, unsigned int* highTid) {
                     "Hit");
     for (const CSysThreadsCpuUsage& thread : threads) {
         const unsigned int tid = static_cast<unsigned int>(thread.tid);
-        AppendFormatted(report, "%-20s%-10u%-12u%-12u%-12u%-12u\n", thread.name.c_str(), tid, thread.statCnt,
-                        thread.sysLoad, thread.avgLoad, thread.hit);
+        Row row;
+        row.Column(thread.name.c_str(), strlen(thread.name.c_str()), Row::kNameWidth).Column(tid, Row::kIdWidth);
+        for (const uint32_t figure : {thread.statCnt, thread.sysLoad, thread.avgLoad, thread.hit}) {
+            row.Column(figure, Row::kFigureWidth);
+        }
+        row.EndIn(report);
         if (thread.avgLoad > largestLoad) {
             busiestTid = tid;
             largestLoad = thread.avgLoad;

@@ -2,7 +2,10 @@
 #include "sampling/ThreadFacts.h"
 
 #include <algorithm>
+#include <optional>
+#include <utility>
 
+#include "base/ProcFiles.h"
 #include "platform/zel/ThreadUtil.h"
 #include "sampling/Clock.h"
 
@@ -23,81 +26,102 @@ unsigned long CThreadFacts::GetCurrThreadId() {
     return zel::CThreadUtil::GetCurrentThreadId();
 }
 
-bool CThreadFacts::ReadThread(const base::OwnThreads& threads, Reading& reading) {
-    const std::optional<base::ProcStat> stat = threads.Stat();
-    if (!stat) return false;  // ended since the directory was read
-    reading.name = stat->name.data();
-    reading.running = stat->state == 'R';
-    reading.systemTicks = stat->systemTicks;
-    reading.startTicks = stat->startTicks;
-    return true;
-}
-
-void CThreadFacts::Account(Entry& entry, const Reading& reading, int64_t nowNs) {
-    if (entry.pass == 0 || entry.startTicks != reading.startTicks) {
+bool CThreadFacts::Account(Entry& entry, int64_t clockNs, int64_t nowNs) {
+    const std::optional<base::ProcStat> stat = base::ReadOwnThreadStat(entry.tid);
+    if (!stat) return false;
+    if (entry.clockNs < 0 || entry.startTicks != stat->startTicks) {
         // New, or a new thread under an old number: it counts from its start.
+        const long tid = entry.tid;
         entry = Entry();
-        entry.startTicks = reading.startTicks;
+        entry.tid = tid;
+        entry.startTicks = stat->startTicks;
         const int64_t bootNs = ClockNs(CLOCK_BOOTTIME);
-        const int64_t startNs = static_cast<int64_t>(reading.startTicks) * TickNs();
+        const int64_t startNs = static_cast<int64_t>(stat->startTicks) * TickNs();
         entry.older.timeNs = std::min(nowNs - 1, nowNs - (bootNs - startNs));
         entry.newer = entry.older;
         entry.now = entry.older;
     }
-    entry.name = reading.name;
-    entry.clockNs = reading.clockNs;
-    entry.now.cpuNs = reading.clockNs;
-    entry.now.systemTicks = reading.systemTicks;
-    entry.now.hit += reading.running ? 1 : 0;
+    entry.clockNs = clockNs;
+    entry.now.cpuNs = clockNs;
+    entry.now.systemTicks = stat->systemTicks;
+    // The one that asks runs because it is reading.
+    const bool asks = entry.tid == static_cast<long>(zel::CThreadUtil::GetCurrentThreadId());
+    if (stat->state == 'R' && !asks) entry.now.hit += 1;
+    return true;
 }
 
-void CThreadFacts::SampleThread(const base::OwnThreads& threads, long tid, int64_t nowNs, bool moveBaseline) {
-    Reading reading;
-    const std::optional<int64_t> clockNs = threads.CpuNs();
-    if (!clockNs) return;  // ended since the directory was read
-    Entry& entry = m_threads[tid];
+/// Returns: false when it has ended since its clock was asked.
+bool CThreadFacts::SampleThread(Entry& entry, int64_t clockNs, int64_t nowNs, bool moveBaseline) {
     if (moveBaseline) {
         entry.older = entry.newer;
         entry.newer = entry.now;
     }
-    if (entry.clockNs != *clockNs) {
-        reading.clockNs = *clockNs;
-        if (!ReadThread(threads, reading)) return;
-        if (tid == static_cast<long>(zel::CThreadUtil::GetCurrentThreadId())) {
-            reading.running = false;  // it runs because it is reading
-        }
-        Account(entry, reading, nowNs);
-    }
+    if (entry.clockNs != clockNs && !Account(entry, clockNs, nowNs)) return false;
     entry.now.timeNs = nowNs;
     entry.now.samples += 1;
-    entry.pass = m_pass;
+    return true;
+}
+
+/// Asks the clocks of the threads that are known. Returns: whether these are all there are. The number is read first:
+/// as many as are known, and each of those still there afterwards, leaves no place for another.
+bool CThreadFacts::AskKnown() {
+    if (m_threads.empty() || base::CountOwnThreads() != m_threads.size()) return false;
+    m_clocks.clear();
+    for (const Entry& entry : m_threads) {
+        const std::optional<int64_t> clockNs = base::ReadOwnThreadCpuNs(entry.tid);
+        if (!clockNs) return false;
+        m_clocks.push_back(*clockNs);
+    }
+    return true;
+}
+
+/// Lists the threads and asks their clocks. Returns: false when there is no descriptor for that.
+bool CThreadFacts::ListAnew() {
+    base::OwnThreads threads;
+    if (!threads.IsOpen()) return false;
+    std::vector<std::pair<long, int64_t>> found;
+    found.reserve(m_threads.size() + 1);
+    for (long tid = threads.Next(); tid != 0 && found.size() < kMaxThreads; tid = threads.Next()) {
+        const std::optional<int64_t> clockNs = base::ReadOwnThreadCpuNs(tid);
+        if (clockNs) found.emplace_back(tid, *clockNs);
+    }
+    std::sort(found.begin(), found.end());
+    std::vector<Entry> listed;
+    listed.reserve(found.size());
+    m_clocks.clear();
+    auto known = m_threads.begin();
+    for (const auto& [tid, clockNs] : found) {
+        while (known != m_threads.end() && known->tid < tid) ++known;
+        const bool isKnown = known != m_threads.end() && known->tid == tid;
+        listed.push_back(isKnown ? *known : Entry());
+        listed.back().tid = tid;
+        m_clocks.push_back(clockNs);
+    }
+    m_threads = std::move(listed);
+    return true;
 }
 
 void CThreadFacts::SampleLocked() {
     const int64_t nowNs = ClockNs(CLOCK_MONOTONIC);
     if (m_lastSampleNs != 0 && nowNs - m_lastSampleNs < kFreshNs) return;
     const int64_t costFrom = ClockNs(CLOCK_THREAD_CPUTIME_ID);
-    base::OwnThreads threads;
-    if (!threads.IsOpen()) return;
+    if (!AskKnown() && !ListAnew()) return;
     const bool moveBaseline = m_baselineNs != 0 && nowNs - m_baselineNs >= kBaselineNs;
     if (moveBaseline || m_baselineNs == 0) m_baselineNs = nowNs;
-    ++m_pass;
-    size_t count = 0;
-    for (long tid = threads.Next(); tid != 0; tid = threads.Next()) {
-        if (++count > kMaxThreads) break;
-        SampleThread(threads, tid, nowNs, moveBaseline);
+    size_t kept = 0;
+    for (size_t i = 0; i < m_threads.size(); ++i) {
+        if (!SampleThread(m_threads[i], m_clocks[i], nowNs, moveBaseline)) continue;
+        if (kept != i) m_threads[kept] = m_threads[i];
+        ++kept;
     }
-    for (auto it = m_threads.begin(); it != m_threads.end();) {
-        it = it->second.pass == m_pass ? std::next(it) : m_threads.erase(it);
-    }
+    m_threads.resize(kept);
     m_lastSampleNs = nowNs;
     m_lastPassNs = ClockNs(CLOCK_THREAD_CPUTIME_ID) - costFrom;
 }
 
-ThreadFigures CThreadFacts::FiguresOf(long tid, const Entry& entry) {
+ThreadFigures CThreadFacts::FiguresOf(const Entry& entry) {
     ThreadFigures f;
-    f.tid = tid;
-    f.name = entry.name;
+    f.tid = entry.tid;
     // Of a thread that has just begun the time is known to a tick at best, and it has done nothing but work.
     const int64_t leastNs = entry.older.samples == 0 ? kYoungNs : 0;
     const int64_t wallNs = std::max(entry.now.timeNs - entry.older.timeNs, leastNs);
@@ -114,13 +138,6 @@ ThreadFigures CThreadFacts::FiguresOf(long tid, const Entry& entry) {
     return f;
 }
 
-std::vector<ThreadFigures> CThreadFacts::AllLocked() const {
-    std::vector<ThreadFigures> all;
-    all.reserve(m_threads.size());
-    for (const auto& entry : m_threads) all.push_back(FiguresOf(entry.first, entry.second));
-    return all;
-}
-
 void CThreadFacts::Sample() {
     base::MutexLock lock(m_lock);
     SampleLocked();
@@ -128,7 +145,7 @@ void CThreadFacts::Sample() {
 
 void CThreadFacts::MarkBaseline() {
     base::MutexLock lock(m_lock);
-    for (auto& entry : m_threads) entry.second.older = entry.second.newer = entry.second.now;
+    for (Entry& entry : m_threads) entry.older = entry.newer = entry.now;
     m_baselineNs = m_lastSampleNs;
 }
 
@@ -137,12 +154,13 @@ int64_t CThreadFacts::LastPassNs() {
     return m_lastPassNs;
 }
 
-std::vector<ThreadFigures> CThreadFacts::Busiest(size_t most) {
+std::vector<ThreadFigures> CThreadFacts::SampleBusiest(size_t most) {
     std::vector<ThreadFigures> all;
     {
         base::MutexLock lock(m_lock);
         SampleLocked();
-        all = AllLocked();
+        all.reserve(m_threads.size());
+        for (const Entry& entry : m_threads) all.push_back(FiguresOf(entry));
     }
     const auto busier = [](const ThreadFigures& a, const ThreadFigures& b) {
         return a.avgLoad != b.avgLoad ? a.avgLoad > b.avgLoad : a.tid < b.tid;
@@ -153,30 +171,30 @@ std::vector<ThreadFigures> CThreadFacts::Busiest(size_t most) {
     return all;
 }
 
+std::vector<ThreadFigures> CThreadFacts::Busiest(size_t most) {
+    std::vector<ThreadFigures> top = SampleBusiest(most);
+    for (ThreadFigures& figures : top) figures.name = zel::CThreadUtil::GetThreadName(figures.tid);
+    return top;
+}
+
 void CThreadFacts::GetHighCpuUsageThread(long& tid, unsigned int& usage) {
-    const std::vector<ThreadFigures> top = Busiest(1);
+    const std::vector<ThreadFigures> top = SampleBusiest(1);
     if (top.empty() || top[0].avgLoad == 0) return;
     tid = top[0].tid;
     usage = top[0].avgLoad;
 }
 
 void CThreadFacts::GetThreadsCpuUsage(std::list<CSysThreadsCpuUsage>& list) {
-    std::vector<ThreadFigures> all;
-    {
-        base::MutexLock lock(m_lock);
-        SampleLocked();
-        all = AllLocked();
-    }
-    std::sort(all.begin(), all.end(), [](const ThreadFigures& a, const ThreadFigures& b) { return a.tid < b.tid; });
-    for (const ThreadFigures& f : all) {
-        CSysThreadsCpuUsage usage;
+    base::MutexLock lock(m_lock);
+    SampleLocked();
+    for (const Entry& entry : m_threads) {
+        const ThreadFigures f = FiguresOf(entry);
+        CSysThreadsCpuUsage& usage = list.emplace_back();
         usage.tid = f.tid;
-        usage.name = f.name;
         usage.hit = f.hit;
         usage.sysLoad = f.sysLoad;
         usage.avgLoad = f.avgLoad;
         usage.statCnt = f.statCnt;
-        list.push_back(usage);
     }
 }
 

@@ -1,23 +1,22 @@
 // CPU figures of this process's threads, without stopping anything and only when asked: by a report, by the statistics
-// collector once a minute, by the sampler during a breach. A pass lists /proc/self/task and asks each thread's CPU
-// clock; /proc/self/task/TID/stat is read only of threads that ran since the pass before: of the others nothing has
-// changed but the state of one that waits for a CPU and gets none, which counts as no hit.
+// collector once a minute, by the sampler during a breach. A pass asks each thread's CPU clock; /proc/self/task is
+// listed only when a thread came or went, and /proc/self/task/TID/stat is read only of threads that ran since the pass
+// before: of the others nothing has changed but the state of one that waits for a CPU and gets none, which counts as no
+// hit. Names are not kept here: who shows a thread asks for its name.
 #pragma once
 
 #include <cstdint>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "base/Mutex.h"
-#include "base/ProcFiles.h"
 #include "platform/host/SysIntf.h"
 
 namespace zelhost {
 
 struct ThreadFigures {
     long tid = 0;
-    std::string name;
+    std::string name;  ///< of the busiest only
     uint32_t hit = 0;
     uint32_t sysLoad = 0;
     uint32_t avgLoad = 0;
@@ -56,30 +55,24 @@ private:
         uint32_t samples = 0;
     };
     struct Entry {
+        long tid = 0;
         uint64_t startTicks = 0;
         int64_t clockNs = -1;  // the thread's CPU clock just before its file was read
-        std::string name;
         Point older, newer, now;
-        uint64_t pass = 0;
-    };
-    struct Reading {
-        bool running = false;
-        int64_t clockNs = 0;
-        uint64_t systemTicks = 0;
-        uint64_t startTicks = 0;
-        std::string name;
     };
 
     void SampleLocked() ZEL_REQUIRES(m_lock);
-    static bool ReadThread(const base::OwnThreads& threads, Reading& reading);
-    void SampleThread(const base::OwnThreads& threads, long tid, int64_t nowNs, bool moveBaseline) ZEL_REQUIRES(m_lock);
-    static void Account(Entry& entry, const Reading& reading, int64_t nowNs);
-    static ThreadFigures FiguresOf(long tid, const Entry& entry);
-    std::vector<ThreadFigures> AllLocked() const ZEL_REQUIRES(m_lock);
+    bool AskKnown() ZEL_REQUIRES(m_lock);
+    bool ListAnew() ZEL_REQUIRES(m_lock);
+    static bool SampleThread(Entry& entry, int64_t clockNs, int64_t nowNs, bool moveBaseline);
+    static bool Account(Entry& entry, int64_t clockNs, int64_t nowNs);
+    static ThreadFigures FiguresOf(const Entry& entry);
+    /// Without their names.
+    std::vector<ThreadFigures> SampleBusiest(size_t most);
 
     base::Mutex m_lock;
-    std::unordered_map<long, Entry> m_threads ZEL_GUARDED_BY(m_lock);
-    uint64_t m_pass ZEL_GUARDED_BY(m_lock) = 0;
+    std::vector<Entry> m_threads ZEL_GUARDED_BY(m_lock);   // by number
+    std::vector<int64_t> m_clocks ZEL_GUARDED_BY(m_lock);  // of the pass that is made, in the same order
     int64_t m_lastSampleNs ZEL_GUARDED_BY(m_lock) = 0;
     int64_t m_baselineNs ZEL_GUARDED_BY(m_lock) = 0;
     int64_t m_lastPassNs ZEL_GUARDED_BY(m_lock) = 0;

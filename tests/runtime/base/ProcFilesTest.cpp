@@ -361,20 +361,20 @@ TEST(OwnThreadsTest, TellsNameExistenceAndFigures) {
     EXPECT_EQ("a) R (b", ReadOwnThreadName(tid));
     OwnThreads threads;
     ASSERT_TRUE(threads.IsOpen());
-    EXPECT_FALSE(threads.Stat()) << "before the first thread";
     int found = 0;
+    size_t all = 0;
     for (long at = threads.Next(); at != 0; at = threads.Next()) {
-        const auto stat = threads.Stat();
-        if (at != tid) continue;
-        ++found;
-        ASSERT_TRUE(stat);
-        EXPECT_EQ(tid, stat->pid);
-        EXPECT_STREQ("a) R (b", stat->name.data());
-        EXPECT_GE(threads.CpuNs().value_or(0), 0);
+        ++all;
+        if (at == tid) ++found;
     }
     EXPECT_EQ(1, found);
-    EXPECT_FALSE(threads.Stat()) << "after the last one";
-    EXPECT_FALSE(threads.CpuNs()) << "after the last one";
+    EXPECT_EQ(0, threads.Next()) << "after the last one";
+    EXPECT_EQ(all, CountOwnThreads());
+    const auto stat = ReadOwnThreadStat(tid);
+    ASSERT_TRUE(stat);
+    EXPECT_EQ(tid, stat->pid);
+    EXPECT_STREQ("a) R (b", stat->name.data());
+    for (const long none : {0L, -1L, 1L}) EXPECT_FALSE(ReadOwnThreadStat(none)) << none;
     clockid_t clock = 0;
     ASSERT_EQ(0, pthread_getcpuclockid(other.native_handle(), &clock));
     const auto timeNs = [&] {

@@ -214,6 +214,31 @@ TEST(ThreadUtilTest, ANameIsTheNewestThatTheThreadGaveItself) {
     worker.join();
 }
 
+TEST(ThreadUtilTest, NamesAreRightInWhateverOrderTheyAreAsked) {
+    constexpr int kThreads = 8;
+    std::vector<std::thread> threads;
+    std::vector<std::atomic<long>> tids(kThreads);
+    std::atomic<bool> stop{false};
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&, i] {
+            CThreadUtil::SetThreadName("thread " + std::to_string(i));
+            tids[static_cast<size_t>(i)] = gettid();
+            while (!stop) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        });
+    }
+    for (auto& tid : tids) {
+        while (tid == 0) std::this_thread::yield();
+    }
+    for (const size_t step : {3u, 1u, 7u, 5u}) {
+        for (size_t asked = 0, at = step; asked < kThreads; ++asked, at = (at + step) % kThreads) {
+            EXPECT_EQ("thread " + std::to_string(at), CThreadUtil::GetThreadName(tids[at])) << "in steps of " << step;
+        }
+    }
+    stop = true;
+    for (std::thread& thread : threads) thread.join();
+    for (const auto& tid : tids) EXPECT_EQ("", CThreadUtil::GetThreadName(tid));
+}
+
 TEST(ThreadUtilTest, StartsAndStopsFromManyThreadsLeaveNothing) {
     std::atomic<int> inside{0};
     std::atomic<bool> overlap{false};

@@ -12,9 +12,11 @@
 #include <vector>
 
 #include "HostSupport.h"
+#include "platform/zel/ThreadUtil.h"
 #include "sampling/Clock.h"
 
 using std::chrono::milliseconds;
+using zel::CThreadUtil;
 using zelhost::CThreadFacts;
 
 namespace {
@@ -68,7 +70,7 @@ TEST(ThreadFactsTest, TheBusyThreadIsFoundAmongIdleOnes) {
     CThreadFacts::Instance().GetThreadsCpuUsage(list);
     EXPECT_GE(list.size(), 22u);
     ASSERT_NE(Find(list, busy.Tid()), nullptr);
-    EXPECT_EQ(Find(list, busy.Tid())->name, "busy");
+    EXPECT_EQ(CThreadFacts::Instance().Busiest(1).at(0).name, "busy");
     ASSERT_NE(Find(list, idle[3]->Tid()), nullptr);
     EXPECT_GT(Find(list, busy.Tid())->avgLoad, Find(list, idle[3]->Tid())->avgLoad);
 }
@@ -135,6 +137,22 @@ TEST(ThreadFactsTest, ThreadsThatWentAreNotListed) {
     EXPECT_EQ(Find(list, gone), nullptr);
 }
 
+// As many as before are not the same as before.
+TEST(ThreadFactsTest, OneThatTookTheOthersPlaceIsListed) {
+    auto first = std::make_unique<Worker>("first", false);
+    const long before = first->Tid();
+    CThreadFacts::Instance().Sample();
+    first.reset();
+    const Worker second("second", false);
+    std::this_thread::sleep_for(milliseconds(30));
+    std::list<CSysThreadsCpuUsage> list;
+    CThreadFacts::Instance().GetThreadsCpuUsage(list);
+    EXPECT_EQ(Find(list, before), nullptr);
+    ASSERT_NE(Find(list, second.Tid()), nullptr);
+    EXPECT_EQ(Find(list, second.Tid())->statCnt, 1u);
+    EXPECT_TRUE(std::is_sorted(list.begin(), list.end(), [](const auto& a, const auto& b) { return a.tid < b.tid; }));
+}
+
 TEST(ThreadFactsTest, AskersThatFollowEachOtherShareAPass) {
     const auto samples = [] {
         std::list<CSysThreadsCpuUsage> list;
@@ -195,19 +213,19 @@ TEST(ThreadFactsTest, AThreadThatRanAgainIsReadAgain) {
     };
     std::this_thread::sleep_for(milliseconds(30));
     const CSysThreadsCpuUsage before = entry();
+    EXPECT_EQ("before", CThreadUtil::GetThreadName(tid.load()));
     step = 1;
     while (step.load() != 2) std::this_thread::sleep_for(milliseconds(5));
     std::this_thread::sleep_for(milliseconds(30));
     const CSysThreadsCpuUsage after = entry();
+    EXPECT_EQ("after", CThreadUtil::GetThreadName(tid.load()));
     step = 3;
     worker.join();
-    EXPECT_EQ("before", before.name);
-    EXPECT_EQ("after", after.name);
     EXPECT_GT(after.avgLoad, before.avgLoad);
     EXPECT_EQ(before.statCnt + 1, after.statCnt);
 }
 
-// A pass over sleeping threads is a list of them and a question to each one's clock, no file: tens of times cheaper.
+// A pass over sleeping threads is a question to each one's clock: no file, and no list of those that are known.
 TEST(ThreadFactsTest, SleepingThreadsCostLittleMoreThanTheirClocks) {
     constexpr int kThreads = 500;
     std::vector<std::thread> sleepers;
@@ -240,6 +258,6 @@ TEST(ThreadFactsTest, SleepingThreadsCostLittleMoreThanTheirClocks) {
     end.notify_all();
     for (std::thread& sleeper : sleepers) sleeper.join();
     std::sort(ratios.begin(), ratios.end());
-    EXPECT_LT(ratios[ratios.size() / 2], 8.0);
+    EXPECT_LT(ratios[ratios.size() / 2], 4.0);
     printf("a pass costs %.1f times its clocks\n", ratios[ratios.size() / 2]);
 }
