@@ -157,7 +157,7 @@ void LegacyGroup::FindMemberDrifts(std::vector<CgroupDrift>& out) {
     if (!members) return;
     std::set<Process> inside;
     std::set<Process> awaited;
-    for (const ProcessEntry& entry : DescendantsOf(ReadProcessTable(), Self())) {
+    for (const ProcessEntry& entry : OwnFamily()) {
         if (entry.pid == Self() || inside.size() >= kMaxKnown) continue;
         const Process process{entry.pid, entry.startTicks};
         if (std::binary_search(members->begin(), members->end(), entry.pid)) {

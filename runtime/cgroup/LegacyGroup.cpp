@@ -187,7 +187,7 @@ bool LegacyGroup::Holds(const LegacyValue& value) const {
 void LegacyGroup::JoinDescendants() const {
     Result<std::vector<int>> members = m_group.Processes();
     if (!members) return;
-    for (const ProcessEntry& entry : DescendantsOf(ReadProcessTable(), Self())) {
+    for (const ProcessEntry& entry : OwnFamily()) {
         if (entry.pid == Self() || std::binary_search(members->begin(), members->end(), entry.pid)) continue;
         if (m_inside.count({entry.pid, entry.startTicks}) != 0) continue;  // the look at what differs decides
         Result<std::string> where = ReadGroupOf(entry.pid, m_hierarchy);
@@ -245,7 +245,7 @@ Status LegacyGroup::Leave(const LegacyGroup& other) {
         Result<std::vector<int>> members = m_group.Processes();
         if (!members) return members.GetError();
         int left = 0;
-        for (const ProcessEntry& entry : DescendantsOf(ReadProcessTable(), Self())) {
+        for (const ProcessEntry& entry : OwnFamily()) {
             if (!std::binary_search(members->begin(), members->end(), entry.pid)) continue;
             ++left;
             wasMember = true;

@@ -1,7 +1,12 @@
 // Reads the parent and the start time of every process.
 #include "ProcessTable.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <set>
 
 #include "kernel/Errors.h"
@@ -50,6 +55,16 @@ std::vector<ProcessEntry> DescendantsOf(const std::vector<ProcessEntry>& table, 
         }
     }
     return out;
+}
+
+std::vector<ProcessEntry> OwnFamily() {
+    const int self = static_cast<int>(getpid());
+    // One that has ended counts until it has been waited for, so a process without a child has nobody below it.
+    siginfo_t child{};
+    if (waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT | __WALL) == 0 || errno != ECHILD) {
+        return DescendantsOf(ReadProcessTable(), self);
+    }
+    return {{self, static_cast<int>(getppid()), StartTicksOf(self)}};
 }
 
 bool IsBelow(const std::vector<ProcessEntry>& table, int pid, int ancestor) {

@@ -23,6 +23,9 @@ std::vector<ProcessEntry> ReadProcessTable();
 /// Pure. Returns: `pid` and every process below it, `pid` first.
 std::vector<ProcessEntry> DescendantsOf(const std::vector<ProcessEntry>& table, int pid);
 
+/// Returns: this process and every process below it, itself first. One that has started nobody reads no table.
+std::vector<ProcessEntry> OwnFamily();
+
 /// Pure. Returns: whether `pid` is `ancestor` or below it.
 bool IsBelow(const std::vector<ProcessEntry>& table, int pid, int ancestor);
 

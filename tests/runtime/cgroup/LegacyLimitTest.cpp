@@ -7,12 +7,15 @@
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/utsname.h>
+#include <sys/wait.h>
 
 #include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -27,6 +30,8 @@
 using namespace zel::cgroup;
 using faults::Call;
 using faults::Failing;
+using testing::ElementsAre;
+using testing::Field;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -1027,6 +1032,43 @@ TEST(ProcessTableTest, FindsDescendantsAndBearsALoop) {
     EXPECT_TRUE(IsBelow(table, 3, 1));
     EXPECT_FALSE(IsBelow(table, 4, 2));
     EXPECT_FALSE(IsBelow(table, 5, 1));
+}
+
+/// Reads that this thread has made, by the kernel's count; negative where the kernel keeps none.
+int64_t ReadsSoFar() {
+    std::ifstream file("/proc/thread-self/io");
+    std::string word;
+    int64_t count = -1;
+    while (file >> word && word != "syscr:") continue;
+    file >> count;
+    return count;
+}
+
+TEST(ProcessTableTest, OneThatStartedNobodyReadsNoTable) {
+    if (ReadsSoFar() < 0) GTEST_SKIP() << "the kernel counts no reads";
+    const auto readsOf = [](const std::function<void()>& work) {
+        const int64_t before = ReadsSoFar();
+        const int64_t between = ReadsSoFar();
+        work();
+        return ReadsSoFar() - between - (between - before);
+    };
+    EXPECT_LE(readsOf([] { EXPECT_THAT(OwnFamily(), ElementsAre(Field(&ProcessEntry::pid, getpid()))); }), 1);
+    EXPECT_EQ(OwnFamily().at(0).startTicks, StartTicksOf(getpid()));
+    EXPECT_EQ(OwnFamily().at(0).parent, getppid());
+    int hold[2];
+    ASSERT_EQ(0, pipe2(hold, O_CLOEXEC));
+    const pid_t child = fork();
+    if (child == 0) {
+        char nothing;
+        close(hold[1]);
+        _exit(read(hold[0], &nothing, 1) == 0 ? 0 : 1);
+    }
+    close(hold[0]);
+    EXPECT_THAT(OwnFamily(), ElementsAre(Field(&ProcessEntry::pid, getpid()), Field(&ProcessEntry::pid, child)));
+    close(hold[1]);
+    int status = 0;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_THAT(OwnFamily(), SizeIs(1));
 }
 
 }  // namespace
