@@ -135,11 +135,12 @@ int CResourceMonitor::GetMaxMem() {
     P().Record("CResourceMonitor::GetMaxMem()");
     return P().base.maxMem;
 }
-int CResourceMonitor::GetCpuUsageLevel() {
+// Nothing is ever judged here, so that each query comes to the journal.
+int CResourceMonitor::CpuLevelUnjudged() {
     P().Record("CResourceMonitor::GetCpuUsageLevel()");
     return P().base.cpuLevel;
 }
-int CResourceMonitor::GetMemUsageLevel() {
+int CResourceMonitor::MemLevelUnjudged() {
     P().Record("CResourceMonitor::GetMemUsageLevel()");
     return P().base.memLevel;
 }

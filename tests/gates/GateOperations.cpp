@@ -99,9 +99,20 @@ void CountRounds() {
     sampler.StopMonitor();
 }
 
+/// With the sampling at work, as it is wherever workers ask.
+class SampledMonitor : public CMonitor {
+public:
+    SampledMonitor() {
+        if (!m_pri->CResourceMonitor::StartMonitor(nullptr)) std::exit(1);
+        ResourceMonitorInfo info;
+        while (!m_pri->FetchResourceMonitorInfo(info)) usleep(1000);
+    }
+    ~SampledMonitor() override { m_pri->CResourceMonitor::StopMonitor(); }
+};
+
 void CountQueries() {
     constexpr int kQueries = 10000;
-    CMonitor monitor;
+    SampledMonitor monitor;
     Count count;
     int sum = 0;
     count.Begin();

@@ -25,18 +25,21 @@ void CLevels::Judge(RoundFigures& round) {
 }
 
 void CLevels::ForgetLevels() {
-    m_cpuLevel.store(0, std::memory_order_relaxed);
-    m_memLevel.store(0, std::memory_order_relaxed);
+    m_levels.cpu.store(ResourceUsageLevels::kNotJudged, std::memory_order_relaxed);
+    m_levels.mem.store(ResourceUsageLevels::kNotJudged, std::memory_order_relaxed);
 }
 
 void CLevels::JudgeLevels(RoundFigures& round) {
     SamplerFigures& now = round.figures;
-    const int cpuLevel = NextLevel(m_cpuLevel.load(std::memory_order_relaxed), now.cpu100Times, m_rules.MaxCpu100());
-    const int memLevel = NextLevel(m_memLevel.load(std::memory_order_relaxed), now.memKb, m_rules.MaxMemKb());
+    const auto before = [](const std::atomic<int>& level) {
+        return std::max(level.load(std::memory_order_relaxed), 0);
+    };
+    const int cpuLevel = NextLevel(before(m_levels.cpu), now.cpu100Times, m_rules.MaxCpu100());
+    const int memLevel = NextLevel(before(m_levels.mem), now.memKb, m_rules.MaxMemKb());
     // The first round spans no time worth judging.
     const int judged = round.tick == 0 ? 0 : cpuLevel;
-    m_cpuLevel.store(judged, std::memory_order_relaxed);
-    m_memLevel.store(memLevel, std::memory_order_relaxed);
+    m_levels.cpu.store(judged, std::memory_order_relaxed);
+    m_levels.mem.store(memLevel, std::memory_order_relaxed);
     now.cpuLevel = judged;
     now.memLevel = memLevel;
     if (judged >= 1) ++now.cpuWarnCount;

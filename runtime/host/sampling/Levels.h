@@ -17,7 +17,8 @@ namespace zelhost {
 /// single atomic loads, because worker threads ask them before every piece of work.
 class CLevels {
 public:
-    explicit CLevels(const SamplingRules& rules) : m_rules(rules) {}
+    /// Publishes the levels in `levels`, which is its owner's.
+    CLevels(const SamplingRules& rules, ResourceUsageLevels& levels) : m_rules(rules), m_levels(levels) {}
 
     void Begin(const Totals& totals);
     /// Fills in levels, averages and their counters, and publishes the answers of the queries.
@@ -28,8 +29,6 @@ public:
     /// Returns: whether the minute's average spans a whole minute.
     bool WholeMinute() const { return m_rounds.Reaches(kMinuteRounds); }
 
-    int CpuLevel() const { return m_cpuLevel.load(std::memory_order_relaxed); }
-    int MemLevel() const { return m_memLevel.load(std::memory_order_relaxed); }
     bool HighAllRound() const { return m_highAllRound.load(std::memory_order_relaxed); }
     bool BusyLastHour() const { return m_busyLastHour.load(std::memory_order_relaxed); }
     bool MinuteBusy() const { return m_minuteBusy.load(std::memory_order_relaxed); }
@@ -46,10 +45,9 @@ private:
     void PublishInfo(const RoundFigures& round, const Averages& window);
 
     const SamplingRules& m_rules;
+    ResourceUsageLevels& m_levels;
 
-    // Answers of the hot queries.
-    std::atomic<int> m_cpuLevel{0};
-    std::atomic<int> m_memLevel{0};
+    // Answers of the other hot queries.
     std::atomic<bool> m_highAllRound{false};
     std::atomic<bool> m_busyLastHour{false};
     std::atomic<bool> m_minuteBusy{false};

@@ -15,13 +15,13 @@ constexpr auto kRelaxed = std::memory_order_relaxed;
 }  // namespace
 
 struct CResourceMonitor::Impl {
-    explicit Impl(CResourceMonitor& owner) : m_sampler(owner) {}
+    Impl(CResourceMonitor& owner, ResourceUsageLevels& levels) : m_sampler(owner, levels) {}
     zelhost::SamplingRules& Rules() { return m_sampler.Rules(); }
 
     zelhost::CSampler m_sampler;
 };
 
-CResourceMonitor::CResourceMonitor() : m_impl(std::make_unique<Impl>(*this)) {}
+CResourceMonitor::CResourceMonitor() : m_impl(std::make_unique<Impl>(*this, m_levels)) {}
 
 CResourceMonitor::~CResourceMonitor() {
     zelhost::ClearActiveSampler(&m_impl->m_sampler);
@@ -102,11 +102,12 @@ int CResourceMonitor::GetMaxCpu() {
 int CResourceMonitor::GetMaxMem() {
     return m_impl->Rules().maxMem.load(kRelaxed);
 }
-int CResourceMonitor::GetCpuUsageLevel() {
-    return m_impl->m_sampler.Levels().CpuLevel();
+// Workers must not hold back on the word of a round that nobody makes.
+int CResourceMonitor::CpuLevelUnjudged() {
+    return 0;
 }
-int CResourceMonitor::GetMemUsageLevel() {
-    return m_impl->m_sampler.Levels().MemLevel();
+int CResourceMonitor::MemLevelUnjudged() {
+    return 0;
 }
 bool CResourceMonitor::GetCpuHighAllRound() {
     return m_impl->m_sampler.Levels().HighAllRound();

@@ -36,7 +36,7 @@ constexpr std::chrono::nanoseconds ToSharedPhase(std::chrono::nanoseconds madeAt
 /// everything else from any thread.
 class CSampler {
 public:
-    explicit CSampler(CResourceMonitor& owner) : m_owner(owner) {}
+    CSampler(CResourceMonitor& owner, ResourceUsageLevels& levels) : m_owner(owner), m_levels(m_rules, levels) {}
     CSampler(const CSampler&) = delete;
     CSampler& operator=(const CSampler&) = delete;
 
@@ -77,7 +77,7 @@ private:
     RoundFigures m_round;
     CSamplerEvents m_events;
     CProcessCounters m_counters{m_rules};
-    CLevels m_levels{m_rules};
+    CLevels m_levels;
     CBreaches m_breaches{m_rules, m_events};
     CHeartbeatCheck m_heartbeatCheck{m_rules, m_heartbeats, m_events};
     CWatchedCheck m_watchedCheck{m_rules, m_watched, m_events};

@@ -2,6 +2,7 @@
 // with their maxima. Reads /proc/self/*, /proc/loadavg and the process CPU clock.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -38,6 +39,14 @@ struct ResourceMonitorInfo {
     uint32_t avgFdCount = 0;
     float loadAvg = 0;        ///< one-minute load average of the host
     float singleLoadAvg = 0;  ///< the same per configured CPU
+};
+
+/// Usage levels as the sampling class publishes them. Part of its layout, so that a query is one load wherever it is
+/// asked from.
+struct ResourceUsageLevels {
+    static constexpr int kNotJudged = -1;  ///< no round has been judged, or nobody samples any more
+    std::atomic<int> cpu{kNotJudged};
+    std::atomic<int> mem{kNotJudged};
 };
 
 /// The resource-sampling thread class.
@@ -80,8 +89,14 @@ public:
     int GetMaxMem();                               ///< MB, as set last
 
     /// Returns: 0 below 80 % of the maximum, 1 busy, 2 at or over the maximum; with hysteresis on the way down.
-    int GetCpuUsageLevel();
-    int GetMemUsageLevel();
+    int GetCpuUsageLevel() {
+        const int level = m_levels.cpu.load(std::memory_order_relaxed);
+        return level != ResourceUsageLevels::kNotJudged ? level : CpuLevelUnjudged();
+    }
+    int GetMemUsageLevel() {
+        const int level = m_levels.mem.load(std::memory_order_relaxed);
+        return level != ResourceUsageLevels::kNotJudged ? level : MemLevelUnjudged();
+    }
     /// Returns: every round of the window was at level 2.
     bool GetCpuHighAllRound();
     bool GetCpuBusyLastHour();
@@ -91,6 +106,11 @@ public:
     bool FetchResourceMonitorInfo(ResourceMonitorInfo& info);
 
 private:
+    /// What the queries say while no level has been published. Not inline: the platform's own answer.
+    int CpuLevelUnjudged();
+    int MemLevelUnjudged();
+
+    ResourceUsageLevels m_levels;
     struct ZEL_HIDDEN Impl;
     std::unique_ptr<Impl> m_impl;
 };
