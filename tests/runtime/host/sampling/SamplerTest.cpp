@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <json/json.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -65,6 +66,7 @@ public:
     void MonitorOther(unsigned long tick) override {
         for (const int64_t end = ThreadCpuMs() + m_burnMs; ThreadCpuMs() < end;) {
         }
+        m_thread = gettid();
         std::lock_guard<std::mutex> lock(m_lock);
         m_ticks.push_back(tick);
         if (m_throws) throw std::runtime_error("from a round");
@@ -77,6 +79,7 @@ public:
     std::vector<unsigned long> m_ticks;
     bool m_throws = false;
     int64_t m_burnMs = 0;  // CPU of every round; set before the start
+    std::atomic<pid_t> m_thread{0};
 
 private:
     static int64_t ThreadCpuMs() {
@@ -142,6 +145,16 @@ TEST_F(SamplerTest, StopsAtOnceInTheMiddleOfALongRound) {
     ASSERT_TRUE(m_monitor.StartMonitor(nullptr));
     ASSERT_TRUE(Eventually([&] { return m_monitor.Ticks().size() == 1; }));
     EXPECT_TRUE(m_monitor.StopMonitor());  // the test's own time limit is far below the round
+}
+
+TEST_F(SamplerTest, ItsThreadGoesBeforeThoseOfItsGroup) {
+    const auto niceOf = [](pid_t thread) { return getpriority(PRIO_PROCESS, static_cast<id_t>(thread)); };
+    const int own = niceOf(0);
+    if (geteuid() != 0 || own < -10) GTEST_SKIP() << "only root may go before others";
+    ASSERT_TRUE(m_monitor.StartMonitor(nullptr));
+    ASSERT_TRUE(Eventually([&] { return m_monitor.m_thread != 0; }));
+    EXPECT_LT(niceOf(m_monitor.m_thread), own);
+    EXPECT_EQ(niceOf(0), own) << "and nobody else";
 }
 
 TEST_F(SamplerTest, AnExceptionInARoundDoesNotEndTheRounds) {
