@@ -17,7 +17,7 @@ import urllib.request
 
 sys.dont_write_bytecode = True  # nothing is left in the source tree
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from processes import Agent, Figures, measure, read, system_calls  # noqa: E402,F401
+from processes import Agent, Figures, end_on_request, measure, read, system_calls  # noqa: E402,F401
 
 NODE_PORT = 29123
 # oomd without a kill: the smallest rule set that reads what the packaged one reads.
@@ -142,6 +142,7 @@ def main():
     parser.add_argument("--warm-up", type=int, default=13)
     parser.add_argument("--trace", type=int, default=20, help="seconds under strace; 0: none")
     options = parser.parse_args()
+    end_on_request()
     source = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
     directory = os.path.join(os.path.abspath(options.build), "peers")
     os.makedirs(directory, mode=0o750, exist_ok=True)

@@ -8,6 +8,7 @@ import re
 import shutil
 import signal
 import subprocess
+import sys
 import time
 
 COMPONENTS = ["TervaneMonitor", "TervaneUpdate", "QorHips", "QorNet", "QorWebGuard"]  # with the main process: six
@@ -23,6 +24,11 @@ SHARES = ",".join(
         ("QorWebGuard", "collect-defense", 5000, 20480),
     ]
 )
+
+
+def end_on_request():
+    """A request to end ends what was started, too: without it no `finally` runs."""
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
 
 
 def read(path):

@@ -23,7 +23,7 @@ import traceback
 sys.dont_write_bytecode = True  # nothing is left in the source tree
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import peers  # noqa: E402
-from processes import Agent, GROUPS, SHARES, read  # noqa: E402
+from processes import GROUPS, SHARES, Agent, end_on_request, read  # noqa: E402
 
 SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BEGIN = "<!-- table of bench/rows.py: begin -->"
@@ -347,6 +347,7 @@ def main():
     parser.add_argument("--only", default=",".join(ROWS), help="parts, by comma")
     parser.add_argument("--write", metavar="FILE")
     options = parser.parse_args()
+    end_on_request()
     if os.geteuid() != 0:
         sys.exit("rows: needs root: control groups are made")
     unknown = set(options.only.split(",")) - set(ROWS)

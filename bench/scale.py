@@ -17,7 +17,7 @@ import time
 
 sys.dont_write_bytecode = True  # nothing is left in the source tree
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from processes import Agent, COMPONENTS, measure  # noqa: E402
+from processes import COMPONENTS, Agent, end_on_request, measure  # noqa: E402
 from rows import Bench, NotMeasured, SOURCE  # noqa: E402
 
 IDLE_SECONDS = 20
@@ -169,6 +169,7 @@ def main():
     parser.add_argument("--only", default="groups,threads,descriptors,events,components")
     parser.add_argument("--draw", metavar="FILE")
     options = parser.parse_args()
+    end_on_request()
     if os.geteuid() != 0:
         sys.exit("scale: needs root: control groups are made")
     build = os.path.abspath(options.build)

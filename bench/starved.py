@@ -19,7 +19,7 @@ import time
 
 sys.dont_write_bytecode = True  # nothing is left in the source tree
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from processes import Agent, COMPONENTS, read  # noqa: E402
+from processes import COMPONENTS, Agent, end_on_request, read  # noqa: E402
 from rows import SOURCE  # noqa: E402
 
 SAMPLER = "ResourceMonitor"  # its thread's name
@@ -174,6 +174,7 @@ def main():
     parser.add_argument("--drifts", type=int, default=6)
     parser.add_argument("--quiet", action="store_true")
     options = parser.parse_args()
+    end_on_request()
     if os.geteuid() != 0:
         sys.exit("starved: needs root: control groups are made")
     build = os.path.abspath(options.build)
