@@ -79,10 +79,12 @@ TEST_F(FiguresTest, BusiestOfManyThreadsIsNamedWithItsKernelStack) {
     Child agent = StartRunningAgent({"--load", load});
     // A thread is there before it has its name.
     std::vector<pid_t> greedy;
-    ASSERT_TRUE(Poll(kStartSeconds, [&] {
-        greedy = ThreadsNamed(agent.Pid(), "greedy worker");
-        return greedy.size() == 4 && ThreadsOf(agent.Pid()) >= 204;
-    })) << greedy.size() << " of " << ThreadsOf(agent.Pid());
+    ASSERT_TRUE(Poll(kStartSeconds,
+                     [&] {
+                         greedy = ThreadsNamed(agent.Pid(), "greedy worker");
+                         return greedy.size() == 4 && ThreadsOf(agent.Pid()) >= 204;
+                     }))
+        << greedy.size() << " of " << ThreadsOf(agent.Pid());
     SleepMs(2000);  // so that the averages know who works
 
     auto busiest = [&](const std::string& text) {
