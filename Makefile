@@ -3,7 +3,7 @@
 #   make test                build and run every test that this machine allows; says which it could not run and why
 #   make test-all            the same, and the tests that take long: every row under a real service manager, many rounds
 #   make sanitize            the same tests under the address, undefined and thread sanitizers (sanitize-module: a part)
-#   make lint [ALL=1]        clang-tidy on what has changed, or on everything
+#   make lint [ALL=1]        cppcheck on everything, clang-tidy on what has changed or on everything
 #   make mutate [SUITE=module] [ARGS=]  small faults planted in the sources: which of them does no test notice?
 #   make bench               build and measure every figure of docs/PERFORMANCE.md, beside a floor and peers
 #   make bench-peers         the same, after installing the peers from Debian without starting their services

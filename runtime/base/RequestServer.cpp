@@ -48,7 +48,7 @@ void Drain(int socket) {
 }  // namespace
 
 struct RequestServer::Impl {
-    Impl(IoLoop& usedLoop, WorkQueue& usedQueue, RequestLimits bounds, RequestService served)
+    Impl(IoLoop& usedLoop, WorkQueue& usedQueue, const RequestLimits& bounds, RequestService served)
         : loop(usedLoop),
           queue(usedQueue),
           limits(bounds),

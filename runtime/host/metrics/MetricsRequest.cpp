@@ -1,6 +1,8 @@
 // The one line of HTTP that is understood: GET or HEAD of /metrics.
 #include "metrics/MetricsRequest.h"
 
+#include <algorithm>
+
 namespace zelhost {
 namespace {
 
@@ -22,7 +24,7 @@ std::string AnswerMetricsRequest(const std::string& head, const std::function<st
     if (!request) return Answer("400 Bad Request", "text/plain", "bad request\n", true);
     const std::string method = line.substr(0, first);
     std::string target = line.substr(first + 1, second - first - 1);
-    target = target.substr(0, target.find('?'));
+    target.resize(std::min(target.find('?'), target.size()));
     if (method != "GET" && method != "HEAD") {
         return Answer("405 Method Not Allowed", "text/plain", "only GET\n", true);
     }
