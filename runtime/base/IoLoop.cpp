@@ -162,6 +162,8 @@ Result<std::unique_ptr<IoLoop>> IoLoop::Start(const std::string& threadName) {
     std::unique_ptr<AsioLoop> made;
     try {
         made = std::make_unique<AsioLoop>();
+        // Asio opens its descriptors for the first timer; a loop that cannot have them is to fail here.
+        made->MakeTimer();
     } catch (const std::system_error& failure) {
         return ErrnoError(failure.code().value(), "start the thread", threadName);
     }

@@ -38,6 +38,8 @@ base::Mutex g_loopMutex;
 class TimerLoop {
 public:
     TimerLoop() {
+        // Asio opens its descriptors for the first timer; a loop that cannot have them is to fail here.
+        asio::steady_timer first(m_context);
         sigset_t all;
         sigset_t before;
         ::sigfillset(&all);

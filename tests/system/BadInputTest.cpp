@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <set>
+
 #include "AgentFixture.h"
 
 namespace agenttest {
@@ -155,6 +157,33 @@ TEST_F(BadInputTest, BadCommandLineHasItsOwnExitCode) {
     ExpectRefuses(AgentWords({"--name", "../other"}), 11, "--name ../other");
     ExpectRefuses(AgentWords({"--exec"}), 11, "--exec and a command go together");
     ExpectRefuses(AgentWords({"--for", "-3"}), 11, "--for");
+}
+
+TEST_F(BadInputTest, ResourceFileThatTheMonitorRefusesHasItsCode) {
+    // More than a configuration can be; its holes cost no disk.
+    ASSERT_EQ(truncate(Conf("resource_config").c_str(), 70 * 1024 * 1024), 0);
+    ExpectRefuses(AgentWords(), 15, "the resource monitor did not start with " + Conf("resource_config"));
+}
+
+TEST_F(BadInputTest, AComponentOfAnotherParentEndsWithItsCode) {
+    ExpectRefuses(AgentWords({"--name", "QorHips", "--parent-pid", "1"}), 21, "");
+    EXPECT_FALSE(Exists(Dir() + "/log")) << "it ends before it writes anything";
+}
+
+TEST_F(BadInputTest, WithFewDescriptorsTheStartEndsWithACode) {
+    std::set<int> codes;
+    for (int most = 4; most <= 12; ++most) {
+        std::vector<std::string> words{"prlimit", "--nofile=" + std::to_string(most) + ":" + std::to_string(most)};
+        for (const std::string& word : AgentWords({"--for", "1"})) words.push_back(word);
+        std::string output;
+        const int code = RunToEnd(words, output);
+        EXPECT_GE(code, 12) << most << " descriptors: " << output;
+        EXPECT_LE(code, 15) << most << " descriptors: " << output;
+        EXPECT_NE(output.find("Too many open files"), std::string::npos) << output;
+        codes.insert(code);
+    }
+    EXPECT_EQ(codes.count(13), 1U) << "with some, the host's services are what cannot start";
+    ExpectNothingLeft();
 }
 
 class BadDirectoryTest : public AgentOnV1Test {};

@@ -93,6 +93,80 @@ TEST_F(EventsTest, TheEndpointIsSwitchedWhileTheAgentRuns) {
     ExpectNothingLeft();
 }
 
+/// A log daemon of the test's own, at the end of a link that stands in the agent's /dev.
+class SyslogTest : public EventsTest {
+protected:
+    void SetUp() override {
+        EventsTest::SetUp();
+        if (geteuid() != 0) GTEST_SKIP() << "SKIP system: not root: no /dev of its own";
+        WriteConf("agent.json", R"({"version":1,"syslog":true})");
+    }
+    void TearDown() override {
+        CloseDaemon();
+        EventsTest::TearDown();
+    }
+    void OpenDaemon() {
+        m_daemon = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        snprintf(address.sun_path, sizeof(address.sun_path), "%s", m_place.c_str());
+        ASSERT_EQ(bind(m_daemon, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    }
+    void CloseDaemon() {
+        if (m_daemon >= 0) close(m_daemon);
+        m_daemon = -1;
+        unlink(m_place.c_str());
+    }
+    Child StartWithItsOwnDev() {
+        const std::string dev = m_scratch.Path() + "/dev";
+        const std::string make = "mkdir " + dev + " && cp -a /dev/null /dev/zero /dev/random /dev/urandom " + dev +
+                                 " && ln -s " + m_place + " " + dev + "/log && mount --bind " + dev + " /dev";
+        return Spawn(InPrivateMounts(make, AgentWords()), Environment(), NextOutput());
+    }
+    /// What came at the daemon of this process's end; empty while nothing did.
+    std::string LineOf(pid_t pid) {
+        std::string line(65536, '\0');
+        for (ssize_t got = 0; (got = recv(m_daemon, line.data(), line.size(), 0)) > 0;) {
+            m_lines.push_back(line.substr(0, static_cast<size_t>(got)));
+        }
+        for (const std::string& each : m_lines) {
+            Json::Value body;
+            const size_t begin = each.find('{');
+            if (begin == std::string::npos || !ParseJson(each.substr(begin), body)) continue;
+            if (each.find(" T_MSG_COMPONENT_END ") != std::string::npos && body["pid"].asInt() == pid) return each;
+        }
+        return "";
+    }
+
+    const support::TempDir m_scratch;
+    const std::string m_place = m_scratch.Path() + "/log.socket";
+    int m_daemon = -1;
+    std::vector<std::string> m_lines;
+};
+
+TEST_F(SyslogTest, EachMessageIsOneLineAndWaitsForTheDaemon) {
+    OpenDaemon();
+    Child agent = StartWithItsOwnDev();
+    ASSERT_TRUE(WaitLog(" is running, process ")) << agent.Output();
+    pid_t ended = MakeEvent();
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return !LineOf(ended).empty(); })) << Status()["delivery"].toStyledString();
+    const std::string line = LineOf(ended);
+    EXPECT_THAT(line, testing::StartsWith("<28>tervane[" + std::to_string(agent.Pid()) + "]: "));
+    EXPECT_THAT(line, HasSubstr(" T_MSG_COMPONENT_END {"));
+    EXPECT_EQ(line.find('\n'), std::string::npos);
+
+    CloseDaemon();
+    ended = MakeEvent();
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return Sink("syslog")["waiting"].asInt() > 0; }));
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return Sink("syslog")["failures"].asInt() > 0; }));
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return Sink("jsonl")["waiting"].asInt() == 0; }));
+    OpenDaemon();
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return !LineOf(ended).empty(); })) << Status()["delivery"].toStyledString();
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return Sink("syslog")["waiting"].asInt() == 0; }));
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
 TEST_F(EventsTest, AnEndpointThatIsDownGetsEverythingWhenItIsBack) {
     support::HttpServer server;
     server.AnswerWith(503);

@@ -6,7 +6,9 @@
 #include <netinet/in.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -41,6 +43,28 @@ protected:
     base::Fd ours;
     base::Fd theirs;
 };
+
+/// Exit code of a child that begins a loop with so many more descriptors than the standard ones.
+int BeginWithRoomFor(int descriptors) {
+    const pid_t child = fork();
+    if (child == 0) {
+        const rlim_t most = static_cast<rlim_t>(3 + descriptors);
+        const rlimit limit{most, most};
+        if (close_range(3, ~0U, 0) != 0 || setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(2);
+        const auto begun = base::IoLoop::Start("loop under test");
+        if (!begun) _exit(1);
+        base::IoTimer timer(**begun);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+}
+
+TEST(IoLoopStartTest, WithoutItsDescriptorsItFailsAndThrowsNot) {
+    for (const int few : {0, 1}) EXPECT_EQ(1, BeginWithRoomFor(few)) << few;
+    EXPECT_EQ(0, BeginWithRoomFor(8));
+}
 
 TEST_F(IoLoopTest, HandlersRunOnItsNamedThreadThatTakesNoSignal) {
     std::thread::id where;
