@@ -106,7 +106,7 @@ Result<size_t> ReadMore(const Fd& fd, std::string& text, const std::string& path
     return static_cast<size_t>(got);
 }
 
-Result<std::string> ReadAll(const Fd& fd, size_t limit, const std::string& path) {
+Result<std::string> ReadAll(const Fd& fd, size_t limit, const std::string& path, size_t lastBelow) {
     std::string text;
     for (;;) {
         const Result<size_t> got = ReadMore(fd, text, path);
@@ -114,7 +114,7 @@ Result<std::string> ReadAll(const Fd& fd, size_t limit, const std::string& path)
         if (text.size() > limit) {
             return MakeError(ErrorKind::kTooLarge, "read", path, "longer than " + std::to_string(limit) + " bytes");
         }
-        if (*got == 0) return text;
+        if (*got < lastBelow) return text;
     }
 }
 

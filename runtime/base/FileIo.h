@@ -52,9 +52,14 @@ Fd OpenDetachedView(int directory);
 /// Appends the next piece of a file to `text`. `path` is for the error. Returns: how many bytes it was, 0 at the end.
 Result<size_t> ReadMore(const Fd& fd, std::string& text, const std::string& path);
 
-/// Reads from where the descriptor stands to the end. `path` is for the error.
+/// A piece of less than this is the last one of a text that the kernel makes by lines.
+/// Kernel: such a text is given in pieces of at least a page, less its last line.
+constexpr size_t kWholePiece = 3072;
+
+/// Reads from where the descriptor stands to the end. `path` is for the error. `lastBelow`: a piece of less than that
+/// many bytes is the last one, and nothing is asked for behind it.
 /// On failure: kTooLarge when there is more than `limit` bytes; a part of a record is worse than none.
-Result<std::string> ReadAll(const Fd& fd, size_t limit, const std::string& path);
+Result<std::string> ReadAll(const Fd& fd, size_t limit, const std::string& path, size_t lastBelow = 1);
 
 /// Reads a regular file whole.
 Result<std::string> ReadWholeFile(const std::string& path, size_t limit);

@@ -1,17 +1,26 @@
 // Finding the hierarchies and the tree in them.
 #include "Branch.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <ctime>
 #include <map>
 #include <tuple>
 #include <utility>
 
 #include "OwnGroup.h"
+#include "kernel/TreeWatch.h"
+#include "base/Clock.h"
 #include "base/Mutex.h"
 
 namespace zel {
 namespace cgroup {
 namespace {
+
+/// How long silence is believed.
+constexpr int64_t kMostKnownMs = 60000;
+constexpr int64_t kNsPerMs = 1000000;
 
 bool IsSameMount(const Hierarchy& a, const Hierarchy& b) {
     return a.devMajor == b.devMajor && a.devMinor == b.devMinor && a.mountPoint == b.mountPoint;
@@ -55,9 +64,9 @@ void TakeKeptPlace(const Hierarchy& hierarchy, Result<Placement>& found) {
     if (placement) found = std::move(placement);
 }
 
-std::shared_ptr<Branch> MakeBranch(Hierarchy hierarchy, const Layout& layout) {
+std::shared_ptr<Branch> MakeBranch(Hierarchy hierarchy, const Layout& layout, const GroupObserver& observe) {
     auto branch = std::make_shared<Branch>();
-    Result<Placement> placement = FindPlacement(hierarchy, layout);
+    Result<Placement> placement = FindPlacement(hierarchy, layout, observe);
     TakeKeptPlace(hierarchy, placement);
     if (placement) {
         branch->placement = std::move(*placement);
@@ -66,6 +75,139 @@ std::shared_ptr<Branch> MakeBranch(Hierarchy hierarchy, const Layout& layout) {
     }
     branch->hierarchy = std::move(hierarchy);
     return branch;
+}
+
+Branches LookForBranches(const GroupObserver& observe) {
+    Branches out;
+    Result<Layout> layout = ReadLayout();
+    if (!layout) {
+        out.errors = {layout.GetError(), layout.GetError()};
+        return out;
+    }
+    for (const Controller controller : kAllControllers) {
+        Hierarchy hierarchy = FindHierarchy(controller, *layout);
+        if (hierarchy.version == Version::kNone) {
+            out.errors[controller] =
+                MakeError(ErrorKind::kNoController, "use controller", ControllerName(controller), hierarchy.reason);
+            continue;
+        }
+        const auto known = std::find_if(out.all.begin(), out.all.end(), [&](const std::shared_ptr<Branch>& branch) {
+            return IsSameMount(branch->hierarchy, hierarchy);
+        });
+        if (known == out.all.end()) {
+            out.all.push_back(MakeBranch(std::move(hierarchy), *layout, observe));
+            out.of[controller] = out.all.back();
+        } else {
+            out.of[controller] = *known;
+        }
+        out.of[controller]->serves[controller] = true;
+    }
+    return out;
+}
+
+/// A branch as it was found, without the open base.
+struct KnownBranch {
+    Branch branch;
+    Placement place;
+    std::string baseBelowMount;
+};
+
+/// Where the tree is, for the process that has made it and is in it: the same as long as nothing is told of the groups
+/// whose limits and marks have decided it, of the mounts, and of this process's own groups.
+class KnownBranches {
+public:
+    Branches Find() ZEL_EXCLUDES(m_mutex) {
+        const base::MutexLock lock(m_mutex);
+        Branches out;
+        if (StillHolds() && Recall(out)) return out;
+        return Learn();
+    }
+    /// This process has made its tree somewhere: from now on it pays to know.
+    void Begin() ZEL_EXCLUDES(m_mutex) {
+        const base::MutexLock lock(m_mutex);
+        m_wanted = true;
+        m_valid = false;
+    }
+
+private:
+    bool StillHolds() ZEL_REQUIRES(m_mutex);
+    bool Recall(Branches& out) ZEL_REQUIRES(m_mutex);
+    Branches Learn() ZEL_REQUIRES(m_mutex);
+
+    base::Mutex m_mutex;
+    bool m_wanted ZEL_GUARDED_BY(m_mutex) = false;
+    bool m_valid ZEL_GUARDED_BY(m_mutex) = false;
+    pid_t m_pid ZEL_GUARDED_BY(m_mutex) = 0;
+    std::string m_name ZEL_GUARDED_BY(m_mutex);
+    LayoutMark m_layout ZEL_GUARDED_BY(m_mutex);
+    uint64_t m_changes ZEL_GUARDED_BY(m_mutex) = 0;
+    int64_t m_learnedMs ZEL_GUARDED_BY(m_mutex) = 0;
+    TreeWatch m_watch ZEL_GUARDED_BY(m_mutex);
+    std::vector<KnownBranch> m_known ZEL_GUARDED_BY(m_mutex);
+};
+
+bool KnownBranches::StillHolds() {
+    if (!m_valid || m_pid != getpid() || m_name != AgentGroupName()) return false;
+    if (base::ClockNs(CLOCK_MONOTONIC_COARSE) / kNsPerMs - m_learnedMs >= kMostKnownMs) return false;
+    const Result<LayoutMark> layout = ReadLayoutMark();
+    m_watch.Drain();
+    return layout && *layout == m_layout && m_watch.IsWhole() && m_watch.Changes() == m_changes;
+}
+
+/// Returns: false when a base cannot be opened any more.
+bool KnownBranches::Recall(Branches& out) {
+    for (const KnownBranch& known : m_known) {
+        Result<GroupDir> base = GroupDir::Open(known.branch.hierarchy.mountPoint, known.branch.GetVersion());
+        if (base && !known.baseBelowMount.empty()) base = base->OpenBelow(known.baseBelowMount);
+        if (!base) return false;
+        auto branch = std::make_shared<Branch>();
+        branch->hierarchy = known.branch.hierarchy;
+        branch->serves = known.branch.serves;
+        branch->placement = known.place.With(std::move(*base));
+        for (const Controller controller : kAllControllers) {
+            if (branch->serves[controller]) out.of[controller] = branch;
+        }
+        out.all.push_back(std::move(branch));
+    }
+    return true;
+}
+
+Branches KnownBranches::Learn() {
+    m_valid = false;
+    if (!m_wanted) return LookForBranches({});
+    m_watch.Begin();
+    const Result<LayoutMark> layout = ReadLayoutMark();
+    m_changes = m_watch.Changes();
+    Branches out = LookForBranches([this](const GroupDir& group) ZEL_REQUIRES(m_mutex) { m_watch.Watch(group); });
+    m_watch.End();
+    m_known.clear();
+    m_valid = layout && out.of.cpu && out.of.memory;
+    for (const std::shared_ptr<Branch>& branch : out.all) {
+        const std::optional<std::string> below =
+            branch->placement ? branch->hierarchy.BelowMount(branch->placement->groupPath) : std::nullopt;
+        if (!below || !branch->placement->inside) {
+            m_valid = false;
+            break;
+        }
+        KnownBranch known;
+        known.branch.hierarchy = branch->hierarchy;
+        known.branch.serves = branch->serves;
+        known.place = branch->placement->With({});
+        known.baseBelowMount = *below;
+        m_known.push_back(std::move(known));
+    }
+    if (!m_valid) return out;
+    m_pid = getpid();
+    m_name = AgentGroupName();
+    m_layout = *layout;
+    m_learnedMs = base::ClockNs(CLOCK_MONOTONIC_COARSE) / kNsPerMs;
+    return out;
+}
+
+// Never destroyed: threads of the host may still ask while the process ends.
+KnownBranches& ProcessBranches() {
+    static KnownBranches* const known = new KnownBranches;
+    return *known;
 }
 
 }  // namespace
@@ -86,37 +228,18 @@ std::string Branches::PlaceText(Controller controller) const {
 }
 
 Branches FindBranches() {
-    Branches out;
-    Result<Layout> layout = ReadLayout();
-    if (!layout) {
-        out.errors = {layout.GetError(), layout.GetError()};
-        return out;
-    }
-    for (const Controller controller : kAllControllers) {
-        Hierarchy hierarchy = FindHierarchy(controller, *layout);
-        if (hierarchy.version == Version::kNone) {
-            out.errors[controller] =
-                MakeError(ErrorKind::kNoController, "use controller", ControllerName(controller), hierarchy.reason);
-            continue;
-        }
-        const auto known = std::find_if(out.all.begin(), out.all.end(), [&](const std::shared_ptr<Branch>& branch) {
-            return IsSameMount(branch->hierarchy, hierarchy);
-        });
-        if (known == out.all.end()) {
-            out.all.push_back(MakeBranch(std::move(hierarchy), *layout));
-            out.of[controller] = out.all.back();
-        } else {
-            out.of[controller] = *known;
-        }
-        out.of[controller]->serves[controller] = true;
-    }
-    return out;
+    return ProcessBranches().Find();
 }
 
 void KeepPlace(const Branch& branch) {
     KeptPlaces& all = ProcessPlaces();
-    const base::MutexLock lock(all.mutex);
-    all.places[KeptPlaces::KeyOf(branch.hierarchy)] = {branch.placement->groupPath, branch.placement->delegated};
+    {
+        const base::MutexLock lock(all.mutex);
+        KeptPlace& place = all.places[KeptPlaces::KeyOf(branch.hierarchy)];
+        if (place.path == branch.placement->groupPath && place.delegated == branch.placement->delegated) return;
+        place = {branch.placement->groupPath, branch.placement->delegated};
+    }
+    ProcessBranches().Begin();
 }
 
 Result<GroupDir> OpenTree(const Branch& branch) {

@@ -96,13 +96,14 @@ bool HasDelegationMark(int fd) {
 
 // The nearest group at or above `own` that carries the service manager's mark of delegation; "" when none does.
 std::string FindMarkedGroup(const std::string& mountPoint, const std::string& mountRoot, std::string own,
-                            Version version) {
+                            Version version, const GroupObserver& observe) {
     Result<GroupDir> root = GroupDir::Open(mountPoint, version);
     if (!root) return {};
     for (int depth = 0; depth < 128; ++depth) {
         std::string relative;
         if (!RelativeTo(own, mountRoot, relative)) return {};
         Result<GroupDir> dir = root->OpenBelow(relative);
+        if (dir && observe) observe(*dir);
         if (dir && HasDelegationMark(dir->Descriptor())) return own;
         if (relative.empty() || own == "/") return {};
         own = ParentOf(own);
@@ -209,7 +210,7 @@ Hierarchy FindHierarchy(Controller controller, const Layout& layout) {
 }
 
 // Marks stand on the hierarchy in which the service manager keeps its units: cgroup2, or name=systemd beside it.
-std::string FindDelegatedGroup(const Hierarchy& hierarchy, const Layout& layout) {
+std::string FindDelegatedGroup(const Hierarchy& hierarchy, const Layout& layout, const GroupObserver& observe) {
     const std::vector<CgroupMembership>& own = *layout.own;
     for (const CgroupMount& mount : *layout.mounts) {
         const bool service = !mount.v2 && std::find(mount.controllers.begin(), mount.controllers.end(),
@@ -219,7 +220,7 @@ std::string FindDelegatedGroup(const Hierarchy& hierarchy, const Layout& layout)
         const std::string path = MembershipPath(own, mount.v2 ? "" : kManagerHierarchy);
         if (path.empty() || path == "/") continue;
         const std::string marked =
-            FindMarkedGroup(mount.mountPoint, mount.root, path, mount.v2 ? Version::kV2 : Version::kV1);
+            FindMarkedGroup(mount.mountPoint, mount.root, path, mount.v2 ? Version::kV2 : Version::kV1, observe);
         if (!marked.empty() && marked != "/") return marked;
     }
     return {};

@@ -55,7 +55,7 @@ bool IsAtOrBelow(std::string_view path, std::string_view above);
 
 /// The nearest group at or above this process's own that a service manager has marked as delegated; empty when none is.
 /// Kernel: version 1 carries the marks on the name=systemd hierarchy (or on cgroup2 in hybrid layouts).
-std::string FindDelegatedGroup(const Hierarchy& hierarchy, const Layout& layout);
+std::string FindDelegatedGroup(const Hierarchy& hierarchy, const Layout& layout, const GroupObserver& observe = {});
 
 /// The version 1 hierarchy in which a service manager keeps its units.
 constexpr char kManagerHierarchy[] = "name=systemd";

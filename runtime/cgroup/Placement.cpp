@@ -37,6 +37,7 @@ struct Standing {
     std::string ours;   ///< the group above the topmost group of ours on the way; empty: none is
     std::string bound;  ///< the deepest group with a limit of others; empty: none has
     Limit outer;        ///< the tightest CPU quota
+    std::vector<std::pair<std::string, Limit>> outers;  ///< the same of each group and all above it, from the root down
 };
 
 bool HasMemoryBound(const GroupDir& group) {
@@ -64,12 +65,15 @@ void NoteLimits(const GroupDir& group, const std::string& path, Standing& out) {
         limit.cpu = *quota;
         if (IsTighter(Controller::kCpu, limit, out.outer)) out.outer = limit;
     }
+    out.outers.emplace_back(path, out.outer);
 }
 
 /// From the mount's root down to the group, as far as that is there and not ours.
-Standing LookDown(const GroupDir& root, const Hierarchy& hierarchy, const std::string& relative) {
+Standing LookDown(const GroupDir& root, const Hierarchy& hierarchy, const std::string& relative,
+                  const GroupObserver& observe = {}) {
     Standing out;
     std::string path = hierarchy.mountRoot;
+    if (observe) observe(root);
     NoteLimits(root, path, out);
     Result<GroupDir> current = root.OpenBelow("");
     for (size_t at = 0; current && at < relative.size();) {
@@ -84,10 +88,20 @@ Standing LookDown(const GroupDir& root, const Hierarchy& hierarchy, const std::s
             break;
         }
         path += (path == "/" ? "" : "/") + name;
+        if (observe) observe(*next);
         NoteLimits(*next, path, out);
         current = std::move(next);
     }
     return out;
+}
+
+/// Returns: the tightest CPU quota at the group or above.
+Limit OuterOf(const GroupDir& root, const Hierarchy& hierarchy, const Standing& standing, const std::string& path) {
+    for (const auto& [group, limit] : standing.outers) {
+        if (group == path) return limit;
+    }
+    const std::optional<std::string> relative = hierarchy.BelowMount(path);
+    return relative ? LookDown(root, hierarchy, *relative).outer : Limit();
 }
 
 /// A limited group that is the kernel's no-man's-land for us: it cannot hold both processes of others and groups of
@@ -114,8 +128,9 @@ Status CheckMayBeUsed(const Placement& placement) {
 }
 
 /// A delegated group that this mount shows. Version 1: a unit may have no directory of its own in this hierarchy.
-Result<std::string> FindUsableDelegation(const Hierarchy& hierarchy, const Layout& layout, const GroupDir& root) {
-    std::string marked = FindDelegatedGroup(hierarchy, layout);
+Result<std::string> FindUsableDelegation(const Hierarchy& hierarchy, const Layout& layout, const GroupDir& root,
+                                         const GroupObserver& observe) {
+    std::string marked = FindDelegatedGroup(hierarchy, layout, observe);
     const std::optional<std::string> relative = hierarchy.BelowMount(marked);
     if (!relative) return std::string();
     Result<GroupDir> group = root.OpenBelow(*relative);
@@ -156,9 +171,44 @@ std::string UndelegatedServiceOf(const Hierarchy& hierarchy, const Layout& layou
     return service.empty() ? ServiceIn(base::MembershipPath(own, "")) : service;
 }
 
+/// A place with everything but the quota of others.
+Result<Placement> OpenPlacement(const GroupDir& root, const Hierarchy& hierarchy, const std::string& groupPath,
+                                bool delegated) {
+    const std::optional<std::string> relative = hierarchy.BelowMount(groupPath);
+    Result<GroupDir> base = relative ? root.OpenBelow(*relative) : OpenGroup(hierarchy, groupPath);
+    if (!base) return base.GetError();
+    Placement out;
+    out.base = std::move(*base);
+    out.groupPath = groupPath;
+    out.delegated = delegated;
+    out.bound = true;
+    if (delegated) {
+        out.reason = "inside the group that the service manager delegated, " + groupPath;
+    } else if (groupPath != hierarchy.mountRoot) {
+        out.reason = "inside " + groupPath + ", so that the limits of others there go on holding";
+    } else {
+        out.reason = "in a group of its own at the root of the hierarchy";
+    }
+    return out;
+}
+
 }  // namespace
 
-Result<Placement> FindPlacement(const Hierarchy& hierarchy, const Layout& layout) {
+Placement Placement::With(GroupDir dir) const {
+    Placement out;
+    out.base = std::move(dir);
+    out.groupPath = groupPath;
+    out.delegated = delegated;
+    out.bound = bound;
+    out.inside = inside;
+    out.outer = outer;
+    out.origin = origin;
+    out.service = service;
+    out.reason = reason;
+    return out;
+}
+
+Result<Placement> FindPlacement(const Hierarchy& hierarchy, const Layout& layout, const GroupObserver& observe) {
     const std::string name = ControllerName(hierarchy.controller);
     if (hierarchy.version == Version::kNone) {
         return MakeError(ErrorKind::kNoController, "use controller", name, hierarchy.reason);
@@ -176,8 +226,8 @@ Result<Placement> FindPlacement(const Hierarchy& hierarchy, const Layout& layout
                              " does not show this group, so the limits that it carries are not known: run the agent "
                              "in the host's cgroup namespace, or mount the hierarchy anew in its own");
     }
-    const Standing standing = LookDown(*root, hierarchy, *own);
-    Result<std::string> marked = FindUsableDelegation(hierarchy, layout, *root);
+    const Standing standing = LookDown(*root, hierarchy, *own, observe);
+    Result<std::string> marked = FindUsableDelegation(hierarchy, layout, *root, observe);
     if (!marked) return marked.GetError();
     const std::string service = hierarchy.version == Version::kV2 ? ServiceIn(hierarchy.ownPath) : std::string();
     if (marked->empty() && standing.ours.empty() && !service.empty()) {
@@ -190,8 +240,10 @@ Result<Placement> FindPlacement(const Hierarchy& hierarchy, const Layout& layout
     } else if (!standing.bound.empty() && !IsAtOrBelow(path, standing.bound)) {
         path = standing.bound;
     }
-    Result<Placement> out = PlacementAt(hierarchy, path, !marked->empty() && IsAtOrBelow(path, *marked));
+    Result<Placement> out = OpenPlacement(*root, hierarchy, path, !marked->empty() && IsAtOrBelow(path, *marked));
     if (!out) return out;
+    if (hierarchy.version == Version::kV1) out->outer = OuterOf(*root, hierarchy, standing, path);
+    out->inside = !standing.ours.empty();
     out->bound = out->delegated || !standing.ours.empty() || !standing.bound.empty();
     out->origin = NoteOrigin(hierarchy, standing);
     if (!out->IsBelowBase(out->origin)) out->origin.clear();
@@ -207,22 +259,8 @@ Result<Placement> FindPlacement(const Hierarchy& hierarchy, const Layout& layout
 Result<Placement> PlacementAt(const Hierarchy& hierarchy, const std::string& groupPath, bool delegated) {
     Result<GroupDir> root = GroupDir::Open(hierarchy.mountPoint, hierarchy.version);
     if (!root) return root.GetError();
-    const std::optional<std::string> relative = hierarchy.BelowMount(groupPath);
-    Result<GroupDir> base = relative ? root->OpenBelow(*relative) : OpenGroup(hierarchy, groupPath);
-    if (!base) return base.GetError();
-    Placement out;
-    out.base = std::move(*base);
-    out.groupPath = groupPath;
-    out.delegated = delegated;
-    out.bound = true;
-    if (hierarchy.version == Version::kV1) out.outer = LookDown(*root, hierarchy, *relative).outer;
-    if (delegated) {
-        out.reason = "inside the group that the service manager delegated, " + groupPath;
-    } else if (groupPath != hierarchy.mountRoot) {
-        out.reason = "inside " + groupPath + ", so that the limits of others there go on holding";
-    } else {
-        out.reason = "in a group of its own at the root of the hierarchy";
-    }
+    Result<Placement> out = OpenPlacement(*root, hierarchy, groupPath, delegated);
+    if (out && hierarchy.version == Version::kV1) out->outer = OuterOf(*root, hierarchy, {}, groupPath);
     return out;
 }
 

@@ -21,6 +21,7 @@ struct Placement {
     /// A limit of others, a delegation or a group of ours that this process is in says that it is this base; otherwise
     /// it is the root for want of anything else.
     bool bound = false;
+    bool inside = false;  ///< this process is in a group of ours below the base
     /// Version 1: the tightest CPU quota of others at the base or above. The kernel takes no higher one below it.
     Limit outer;
     /// This process's group before it first was in one of ours, if that is below the base; empty: it is not, or is not
@@ -30,6 +31,8 @@ struct Placement {
     std::string service;
     std::string reason;  ///< one sentence
 
+    /// Returns: the same place with another descriptor of its base.
+    Placement With(GroupDir dir) const;
     /// Returns: whether a group from which a process came is one below the base: there the same limits of others hold.
     bool IsBelowBase(const std::string& path) const { return path != groupPath && IsAtOrBelow(path, groupPath); }
     /// Returns: a child of the base, from the hierarchy's root.
@@ -42,7 +45,8 @@ struct Placement {
 /// On failure: nothing can be made where the limits of others go on holding, and the hint says why. kNotDelegated: on
 /// version 2 a service that is not delegated, since a process that leaves its unit's group is lost to the service
 /// manager; or a limited group that holds processes of others. kRefused: the process's own group cannot be seen.
-Result<Placement> FindPlacement(const Hierarchy& hierarchy, const Layout& layout);
+/// `observe`: hears of the groups by whose limits and marks that is decided.
+Result<Placement> FindPlacement(const Hierarchy& hierarchy, const Layout& layout, const GroupObserver& observe = {});
 
 /// The same for a base that is known already, without a look at whether it may be used.
 Result<Placement> PlacementAt(const Hierarchy& hierarchy, const std::string& groupPath, bool delegated);

@@ -7,15 +7,13 @@
 #include <string_view>
 #include <utility>
 
+#include "base/FileIo.h"
 #include "base/ProcFiles.h"
 
 namespace zel {
 namespace cgroup {
 namespace {
 
-/// A list that came in one piece of less than this is whole.
-/// Kernel: a list is given in pieces of at least a page, less its last line.
-constexpr size_t kWholePiece = 3072;
 constexpr size_t kPieceBytes = 65536;
 
 /// Kernel: version 1 gives an open list as it was for a second after it was last read.
@@ -23,7 +21,7 @@ constexpr int64_t kFreshAfterMs = 1500;
 
 /// Returns: whether an open list reads as `text`.
 bool ReadsAs(int fd, std::string_view text, std::string& buffer) {
-    buffer.resize(std::min(text.size() + kWholePiece, kPieceBytes));
+    buffer.resize(std::min(text.size() + base::kWholePiece, kPieceBytes));
     size_t done = 0;
     for (;;) {
         const ssize_t got =
@@ -33,7 +31,7 @@ bool ReadsAs(int fd, std::string_view text, std::string& buffer) {
         if (text.substr(done, size) != std::string_view(buffer.data(), size)) return false;
         done += size;
         if (size == 0) return done == text.size();
-        if (done == text.size() && size < kWholePiece && done == size) return true;
+        if (done == text.size() && size < base::kWholePiece && done == size) return true;
     }
 }
 

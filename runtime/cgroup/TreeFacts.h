@@ -2,7 +2,6 @@
 // Touches the limit files of the agent's own groups; every value that is written is read back.
 #pragma once
 
-#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -24,9 +23,6 @@ struct OpenTreeFacts {
 
 /// Reads the limits of one group.
 GroupFacts ReadGroupFacts(const GroupDir& dir, const Flags& serves);
-
-/// Hears of each group before anything of it is read.
-using GroupObserver = std::function<void(const GroupDir& group)>;
 
 /// Reads a tree of ours, the parent first; groups of others in it are left out, and so are the groups named in
 /// `without`. `depth`: 0 for the parent alone, 1 with the groups, 2 with their leaves.

@@ -202,7 +202,7 @@ Result<std::string> GroupDir::Read(const char* file) const {
         const int error = errno;
         return ErrnoError(error, "open", path, WriteHint(error, file, m_version));
     }
-    return base::ReadAll(fd, kMaxControlFileBytes, path);
+    return base::ReadAll(fd, kMaxControlFileBytes, path, base::kWholePiece);
 }
 
 base::Fd GroupDir::OpenDetached(const char* file) const {

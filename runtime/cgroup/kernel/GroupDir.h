@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -95,6 +96,9 @@ private:
     std::string m_path;
     Version m_version = Version::kNone;
 };
+
+/// Hears of each group before anything of it is read.
+using GroupObserver = std::function<void(const GroupDir& group)>;
 
 /// Moves every process of `from` to `to` until none is left; `rounds` bounds how often new ones are looked for.
 /// Returns: number of processes moved.

@@ -3,6 +3,7 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <set>
 
 #include "AgentTreeFixture.h"
+#include "Branch.h"
 #include "QuietTree.h"
 #include "platform/zel/CgroupKeeper.h"
 #include "support/SystemCalls.h"
@@ -103,6 +105,23 @@ protected:
     std::unique_ptr<zel::CCgroupManager> manager;
     std::unique_ptr<Child> component;
 };
+
+TEST_F(QuietTreeTest, ThePlaceIsKnownUntilSomethingTells) {
+    Build(0);
+    const auto find = [] { zel::cgroup::FindBranches(); };
+    const SystemCalls known = CountSystemCalls(find, find);
+    if (!known.counted) GTEST_SKIP() << kNoTrace;
+    const auto bases = static_cast<int>(zel::cgroup::FindBranches().all.size());
+    EXPECT_EQ(bases, known.opens) << "the bases and nothing else";
+    const std::string beside = cpuTree + "-beside";
+    const SystemCalls told = CountSystemCalls(find, [&] {
+        find();
+        ASSERT_EQ(0, mkdir(beside.c_str(), 0755));
+    });
+    EXPECT_EQ(0, rmdir(beside.c_str()));
+    EXPECT_GT(told.opens, known.opens) << "it is decided anew";
+    EXPECT_EQ(known.opens, CountSystemCalls(find, find).opens);
+}
 
 TEST_F(QuietTreeTest, ARoundOpensNothingAndIsFlatInTheGroups) {
     Build(0);
