@@ -5,6 +5,8 @@
 #include <map>
 #include <utility>
 
+#include "platform/zel/AgentNames.h"
+
 namespace zel {
 namespace cgroup {
 namespace {
@@ -52,7 +54,7 @@ private:
         } else if (const GroupTarget* target = m_targets.Find(node.group)) {
             amount = target->limits[m_controller];
         }
-        if (amount) return LimitFromAmount(m_controller, *amount);
+        if (amount) return AskedLimit(m_controller, node.group, node.leaf, *amount);
         const LimitFacts& present = node.limits[m_controller];
         if (!present.Known()) return std::nullopt;
         Limit kept = present.limit;
@@ -110,6 +112,14 @@ LimitPlan PlanLimits(const GroupTargets& targets, const TreeFacts& facts, Contro
     return plan;
 }
 
+Limit AskedLimit(Controller controller, const std::string& group, const std::string& leaf, int amount) {
+    Limit out = LimitFromAmount(controller, amount);
+    // The main process sleeps nearly always; what it then does for the whole agent is not to be done in slices.
+    const bool isMain = leaf.empty() ? group == kMainGroup : leaf == kMainComponent;
+    if (isMain && controller == Controller::kCpu) out.cpu = QuotaInPieces(amount);
+    return out;
+}
+
 Limit TotalLimit(const GroupTargets& targets, Version version, Controller controller) {
     return Clamped(controller, version, LimitFromAmount(controller, targets.total[controller]), targets.outer);
 }
@@ -117,10 +127,11 @@ Limit TotalLimit(const GroupTargets& targets, Version version, Controller contro
 Limit LeafLimit(const GroupTargets& targets, Version version, const LeafKey& key, int quota) {
     const Controller controller = key.controller;
     const Limit bound = Bound(targets, controller, TotalLimit(targets, version, controller));
-    const Limit limit = Clamped(controller, version, LimitFromAmount(controller, quota), bound);
+    const Limit limit = Clamped(controller, version, AskedLimit(controller, key.group, key.leaf, quota), bound);
     const GroupTarget* group = targets.Find(key.group);
     if (group == nullptr) return limit;
-    return Clamped(controller, version, limit, LimitFromAmount(controller, group->limits[controller]));
+    return Clamped(controller, version, limit,
+                   AskedLimit(controller, key.group, {}, static_cast<int>(group->limits[controller])));
 }
 
 bool IsInUse(const GroupTargets& targets, const TreeFacts& facts, Controller controller) {

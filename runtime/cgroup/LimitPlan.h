@@ -66,6 +66,9 @@ struct LimitPlan {
 /// version 2 takes the lower one. There the lower one is the target.
 LimitPlan PlanLimits(const GroupTargets& targets, const TreeFacts& facts, Controller controller);
 
+/// Returns: what an amount asks for in the kernel's figures, for a group (`leaf` empty) or a leaf. The main process's
+/// own have their CPU in longer pieces.
+Limit AskedLimit(Controller controller, const std::string& group, const std::string& leaf, int amount);
 /// Returns: the total limit as the plan would write it.
 Limit TotalLimit(const GroupTargets& targets, Version version, Controller controller);
 /// Returns: the limit as the plan would write it, for a leaf that is about to be made.

@@ -38,6 +38,18 @@ CpuQuota QuotaFrom100Times(int64_t hundredths) {
     return out;
 }
 
+CpuQuota QuotaInPieces(int64_t hundredths) {
+    constexpr int64_t kPieceUs = 10000;
+    const CpuQuota usual = QuotaFrom100Times(hundredths);
+    if (usual.Unlimited() || usual.quotaUs >= kPieceUs) return usual;
+    const int64_t share = hundredths * (kDefaultPeriodUs / kHundredthsPerCpu);
+    const int64_t periods = std::clamp<int64_t>(kPieceUs / share, 1, kMaxPeriodUs / kDefaultPeriodUs);
+    CpuQuota out;
+    out.periodUs = periods * kDefaultPeriodUs;
+    out.quotaUs = std::max(periods * share, kMinQuotaUs);
+    return out;
+}
+
 int QuotaTo100Times(const CpuQuota& quota) {
     if (quota.Unlimited() || quota.periodUs <= 0) return 0;
     const __int128 scaled = static_cast<__int128>(quota.quotaUs) * kHundredthsPerCpu + quota.periodUs / 2;

@@ -26,7 +26,7 @@ GroupFacts Node(const std::string& group, const std::string& leaf, int cpu, int 
     for (const Controller controller : kAllControllers) {
         const int amount = controller == kCpu ? cpu : memKb;
         out.limits[controller].hasFile = amount >= 0;
-        out.limits[controller].limit = LimitFromAmount(controller, amount);
+        out.limits[controller].limit = AskedLimit(controller, group, leaf, amount);
     }
     return out;
 }

@@ -35,6 +35,27 @@ TEST(LimitUnitsTest, QuotaFollowsTheTable) {
     }
 }
 
+TEST(LimitUnitsTest, QuotaInPiecesIsTheSameShare) {
+    struct Case {
+        int64_t hundredths, quotaUs, periodUs;
+    };
+    const Case cases[] = {{4000, 40000, 100000}, {950, 9500, 100000},   {501, 5010, 100000}, {500, 10000, 200000},
+                          {280, 8400, 300000},   {100, 10000, 1000000}, {56, 5600, 1000000}, {33, 3300, 1000000},
+                          {10, 1000, 1000000},   {1, 1000, 1000000}};
+    for (const Case& c : cases) {
+        const CpuQuota quota = QuotaInPieces(c.hundredths);
+        EXPECT_EQ(c.quotaUs, quota.quotaUs) << c.hundredths;
+        EXPECT_EQ(c.periodUs, quota.periodUs) << c.hundredths;
+    }
+    for (int hundredths = 10; hundredths <= 2000; ++hundredths) {
+        const CpuQuota quota = QuotaInPieces(hundredths);
+        ASSERT_EQ(hundredths, QuotaTo100Times(quota));
+        ASSERT_EQ(quota.quotaUs * 10000, quota.periodUs * hundredths);
+        ASSERT_GE(quota.quotaUs, QuotaFrom100Times(hundredths).quotaUs);
+    }
+    EXPECT_TRUE(QuotaInPieces(0).Unlimited());
+}
+
 TEST(LimitUnitsTest, AmountsDownToTenthOfPercentComeBackAsTheyWere) {
     for (int hundredths = 10; hundredths <= 20000; ++hundredths) {
         const CpuQuota quota = QuotaFrom100Times(hundredths);
