@@ -68,6 +68,15 @@ CgroupDrift LegacyGroup::DriftOf(CgroupDriftKind kind) const {
     return drift;
 }
 
+void LegacyGroup::WatchBy(QuietTree& quiet) const {
+    const bool byThread = m_group.GetVersion() == Version::kV1;
+    quiet.Watch(m_group);
+    if (!byThread) quiet.WatchFile(m_placement.base, v2::kSubtreeControl);
+    quiet.NoteTree(m_group);
+    quiet.NoteMembers(m_group, byThread ? v1::kThreadsFile : kProcsFile);
+    if (byThread) quiet.NoteThreads(Self());
+}
+
 std::vector<CgroupDrift> LegacyGroup::FindDrifts() {
     std::vector<CgroupDrift> out;
     if (!m_group.IsAlive()) {

@@ -18,6 +18,7 @@
 #include "Membership.h"
 #include "platform/zel/CgroupKeeper.h"
 #include "Placement.h"
+#include "QuietTree.h"
 
 namespace zel {
 namespace cgroup {
@@ -86,6 +87,10 @@ public:
     // What somebody else has changed, LegacyDrift.cpp. A change that failed is not looked after, the value before it
     // is.
 
+    /// Before a look: notes what tells of a change afterwards.
+    void WatchBy(QuietTree& quiet) const;
+    /// Returns: whether the last look has seen something that counts only when it stays so.
+    bool Awaits() const { return m_otherCpu || m_otherMem || !m_awaited.empty(); }
     /// Looks at everything that was applied last. Children that were never in the group are moved in, in silence.
     /// Returns: what differs. Another limit than ours counts when it has stood for nearly the time between two looks:
     /// one process of the agent hears of a new limit, or that there is to be none, before the next, and what it has

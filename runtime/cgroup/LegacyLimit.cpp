@@ -116,6 +116,7 @@ bool LegacyLimit::StepAside(LegacyGroup& group) {
 
 int LegacyLimit::Start(LegacyGroup& group, int& error) {
     error = 0;
+    m_quiet.Disturb();
     const base::MutexLock placing(PlacementMutex());
     return StepAside(group) ? kLegacyOk : StartPlaced(group, error);
 }
@@ -143,6 +144,7 @@ int LegacyLimit::StartPlaced(LegacyGroup& group, int& error) {
 
 int LegacyLimit::Stop(LegacyGroup& group, int& error) {
     error = 0;
+    m_quiet.Disturb();
     // A group of an earlier run, or one that this process was born into.
     if (!group.IsStarted() && !group.Adopt()) {
         group.Reset(false);
@@ -162,13 +164,27 @@ int LegacyLimit::Stop(LegacyGroup& group, int& error) {
     return code;
 }
 
-void LegacyLimit::Keep(LegacyGroup& group, CgroupKeeperStatus& status, std::vector<CgroupDrift>& news) {
-    if (!group.IsStarted()) return;
+bool LegacyLimit::Pass() {
+    if (!m_cpu.IsStarted() && !m_mem.IsStarted()) return false;
+    const int64_t begin = OwnCpuUs();
+    if (!m_quiet.Holds(NowMs())) return false;
+    const base::MutexLock telling(m_toldMutex);
+    ++m_status.rounds;
+    m_status.lastRoundUs = OwnCpuUs() - begin;
+    m_status.totalUs += m_status.lastRoundUs;
+    return true;
+}
+
+bool LegacyLimit::Keep(LegacyGroup& group, CgroupKeeperStatus& status, std::vector<CgroupDrift>& news) {
+    if (!group.IsStarted()) return true;
     const base::MutexLock placing(PlacementMutex());
-    if (StepAside(group)) return;
+    if (StepAside(group)) return true;
     ++status.lastGroups;
     const int64_t nowMs = NowMs();
-    for (CgroupDrift& drift : group.FindDrifts()) {
+    group.WatchBy(m_quiet);
+    std::vector<CgroupDrift> drifts = group.FindDrifts();
+    const bool inOrder = drifts.empty() && !group.Awaits();
+    for (CgroupDrift& drift : drifts) {
         if (drift.kind != CgroupDriftKind::kForeign) {
             if (!m_book.IsDue(drift, nowMs)) {
                 m_book.Postpone(drift, status);
@@ -184,23 +200,28 @@ void LegacyLimit::Keep(LegacyGroup& group, CgroupKeeperStatus& status, std::vect
         }
         m_book.Report(std::move(drift), nowMs, status, news);
     }
+    return inOrder;
 }
 
 void LegacyLimit::SyncCpuLimit() {
     const base::MutexLock lock(m_mutex);
+    if (Pass()) return;
     CgroupKeeperStatus status = KeeperStatus();
     status.notInForce.clear();
     status.lastGroups = 0;
-    if (m_cpu.IsStarted() || m_mem.IsStarted()) ++status.rounds;
+    const bool started = m_cpu.IsStarted() || m_mem.IsStarted();
+    if (started) ++status.rounds;
     std::vector<CgroupDrift> news;
     const int64_t begin = OwnCpuUs();
-    Keep(m_cpu, status, news);
-    Keep(m_mem, status, news);
+    if (started) m_quiet.Begin();
+    bool inOrder = Keep(m_cpu, status, news);
+    inOrder = Keep(m_mem, status, news) && inOrder;
     for (const std::string& thing : m_book.EndQuiet(NowMs())) {
         LogLegacy(kLogInfo, __LINE__, thing + " is no longer contested");
     }
     for (const CgroupDrift& drift : news) LogLegacy(kLogWarning, __LINE__, DescribeDrift(drift));
     status.contested = m_book.Contested();
+    if (started) m_quiet.Settle(inOrder && status.contested.empty(), NowMs());
     status.lastRoundUs = OwnCpuUs() - begin;
     status.totalUs += status.lastRoundUs;
     const base::MutexLock telling(m_toldMutex);
@@ -339,6 +360,7 @@ void LegacyLimit::Forget(Controller controller) {
 }
 
 void LegacyLimit::ForgetGroup(LegacyGroup& group) {
+    m_quiet.Disturb();
     const bool shared = group.IsSharedWith(OtherOf(group));
     if (group.IsStarted() && !shared) group.RemoveIfEmpty();
     group.Reset(!shared);

@@ -10,6 +10,7 @@
 #include "kernel/Errors.h"
 #include "LegacyGroup.h"
 #include "Membership.h"
+#include "QuietTree.h"
 #include "base/Mutex.h"
 #include "platform/zel/ResourceLimitUtil.h"
 
@@ -72,8 +73,10 @@ private:
     int Start(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
     int StartPlaced(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
     int Stop(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
-    /// One look at what was applied, and its repair.
-    void Keep(LegacyGroup& group, CgroupKeeperStatus& status, std::vector<CgroupDrift>& news) ZEL_REQUIRES(m_mutex);
+    /// In place of a look while nothing can have changed: nothing is opened. Returns: whether that is so.
+    bool Pass() ZEL_REQUIRES(m_mutex);
+    /// One look at what was applied, and its repair. Returns: whether it found nothing and has nothing to wait for.
+    bool Keep(LegacyGroup& group, CgroupKeeperStatus& status, std::vector<CgroupDrift>& news) ZEL_REQUIRES(m_mutex);
     /// Leaves the process to the unified tree if it is in that. Returns: whether it is.
     bool StepAside(LegacyGroup& group) ZEL_REQUIRES(m_mutex);
     void ForgetGroup(LegacyGroup& group) ZEL_REQUIRES(m_mutex);
@@ -86,6 +89,7 @@ private:
     LegacyGroup m_cpu ZEL_GUARDED_BY(m_mutex);
     LegacyGroup m_mem ZEL_GUARDED_BY(m_mutex);
     DriftBook m_book ZEL_GUARDED_BY(m_mutex);
+    QuietTree m_quiet ZEL_GUARDED_BY(m_mutex);
     std::string m_excludeRanges ZEL_GUARDED_BY(m_mutex);
     std::string m_excludePrefixes ZEL_GUARDED_BY(m_mutex);
     base::Mutex m_toldMutex;  ///< taken last

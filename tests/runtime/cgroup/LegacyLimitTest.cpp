@@ -26,6 +26,8 @@
 #include "base/ProcFiles.h"
 #include "support/Faults.h"
 #include "support/RecordedLog.h"
+#include "support/SystemCalls.h"
+#include "support/Waiting.h"
 
 using namespace zel::cgroup;
 using faults::Call;
@@ -125,6 +127,35 @@ protected:
     std::vector<int> m_orphans;
     int m_error = 0;
 };
+
+TEST_F(LegacyLimitTest, ALookAtRestOpensNothingAndMissesNothing) {
+    ASSERT_EQ(kLegacyOk, Start(50, 0));
+    ASSERT_EQ(kLegacyOk, m_limit->StartMemLimit(1 << 30, 1 << 30, m_error));
+    const auto look = [&] { m_limit->SyncCpuLimit(); };
+    const auto settle = [&] {
+        look();
+        look();
+        support::SleepMs(1700);  // a list of version 1 is read afresh only so long after it was read last
+    };
+    const support::SystemCalls calls = support::CountSystemCalls(look, settle);
+    if (!calls.counted) GTEST_SKIP() << "SKIP direct: this thread cannot be traced";
+    EXPECT_EQ(0, calls.opens);
+    EXPECT_EQ(0, calls.writes);
+    settle();
+    const uint64_t rounds = m_limit->KeeperStatus().rounds;
+    look();
+    EXPECT_EQ(rounds + 1, m_limit->KeeperStatus().rounds) << "it counts as a look";
+    ASSERT_TRUE(support::WriteText(CpuDir(m_group) + "/cpu.cfs_quota_us", "70000"));
+    look();
+    look();
+    EXPECT_EQ("50000", Quota());
+    settle();
+    ASSERT_TRUE(support::WriteText(m_cpu.mountPoint + "/cgroup.procs", std::to_string(getpid())));
+    look();
+    EXPECT_EQ("/" + m_group, SelfGroup(m_cpu));
+    ASSERT_EQ(kLegacyOk, Stop());
+    ASSERT_EQ(kLegacyOk, m_limit->StopMemLimit(m_error, true));
+}
 
 TEST_F(LegacyLimitTest, StartHoldsThisProcessAndStopLeavesNothing) {
     const std::string before = SelfGroup(m_cpu);
