@@ -15,6 +15,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "MeasuredHost.h"
 #include "Monitor.h"
@@ -22,6 +23,7 @@
 #include "platform/host/HostServices.h"
 #include "platform/host/OnlineClientConf.h"
 #include "platform/zel/AgentNames.h"
+#include "platform/zel/CgroupKeeper.h"
 #include "platform/zel/CgroupTreeStatus.h"
 
 extern "C" void* __libc_malloc(size_t size);
@@ -131,6 +133,9 @@ int CountUpdates(const std::string& directory) {
     CMonitorPri monitor;
     monitor.SetConfigPath(directory + zel::kResourceConfigFileName);
     const bool started = monitor.StartMonitor(nullptr, "tervane");
+    // As the agent's main thread does every few seconds: from then on the kernel tells of what others change.
+    std::vector<zel::CgroupDrift> drifts;
+    zel::KeepCgroupTree({}, drifts);
     for (int i = 0; i < kWarmUp && started; ++i) monitor.OnUpdate();
     if (started) {
         Count count;
