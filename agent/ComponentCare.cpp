@@ -22,22 +22,6 @@ constexpr unsigned int kComponentGraceMs = 5000;
 constexpr char kGroupMissing[] = "it has no \"group\" in components.json";
 constexpr char kRestartsFileName[] = "/data/restarts.json";
 
-/// The groups that a component is to be born in. Where the place cannot be read it starts without one, and its client
-/// goes on trying; where there is none for it, it would be born into the main process's.
-base::Result<std::vector<std::string>> GroupsOf(const ComponentConfig& component) {
-    zel::ComponentPlaces places;
-    std::string problem;
-    if (zel::IsComponentFileAwaited(problem))
-        return base::SentenceError(problem + "; that file is being written again");
-    if (!zel::ReadComponentPlaces(component.name, places, problem)) return std::vector<std::string>();
-    if (!places.unified || places.named) return places.directories;
-    if (component.group.empty()) {
-        return base::SentenceError("the unified limits do not name it and " + std::string(kGroupMissing));
-    }
-    return base::SentenceError("its group \"" + component.group +
-                               "\" is not one of the unified limits: configure that, or name another");
-}
-
 void ReportEnd(const ComponentEnd& end) {
     Json::Value body(Json::objectValue);
     body["component"] = end.name;
@@ -61,7 +45,7 @@ void ReportEnd(const ComponentEnd& end) {
 
 bool ReadTree(zel::CgroupTreeStatus& tree) {
     std::string problem;
-    return zel::ReadCgroupTreeStatus(tree, problem);
+    return zel::ReadCgroupMemoryStatus(tree, problem);
 }
 
 /// What was seen `seconds` ago.
@@ -110,7 +94,7 @@ void ComponentCare::Start(const Options& options, const std::string& program) {
     const std::vector<std::string> common{"--app-dir", options.appDir, "--config", options.configPath};
     m_supervisor = std::make_unique<Supervisor>(program, common, options.appDir + kRestartsFileName, ReportEnd);
     m_supervisor->SetPlacement([this](const ComponentConfig& component) {
-        m_kills.BeforeStart(SecondsSinceBoot());
+        m_kills.BeforeStart(m_now);
         return GroupsOf(component);
     });
     m_supervisor->SetCleaning(EndWhatIsLeft);
@@ -119,9 +103,31 @@ void ComponentCare::Start(const Options& options, const std::string& program) {
     m_supervisor->Configure(*components);
 }
 
+/// Where the place cannot be read a component starts without one, and its client goes on trying; where there is none
+/// for it, it would be born into the main process's.
+base::Result<std::vector<std::string>> ComponentCare::GroupsOf(const ComponentConfig& component) {
+    if (!m_places) {
+        m_places.emplace();
+        m_placesProblem.clear();
+        zel::ReadComponentPlaces(*m_places, m_placesProblem);
+    }
+    if (m_places->awaited) return base::SentenceError(m_placesProblem + "; that file is being written again");
+    const auto named = m_places->directories.find(component.name);
+    if (named != m_places->directories.end()) return named->second;
+    if (!m_places->unified) return std::vector<std::string>();
+    if (component.group.empty()) {
+        return base::SentenceError("the unified limits do not name it and " + std::string(kGroupMissing));
+    }
+    return base::SentenceError("its group \"" + component.group +
+                               "\" is not one of the unified limits: configure that, or name another");
+}
+
 void ComponentCare::Tick(int64_t now) {
     if (m_supervisor == nullptr) return;
+    m_now = now;
+    m_places.reset();
     m_supervisor->Tick(now);
+    m_places.reset();
     m_kills.Tick(now);
     const std::map<unsigned int, std::string> running = m_supervisor->Running();
     if (running != m_watched) {

@@ -15,6 +15,7 @@
 #include "Supervisor.h"
 #include "base/Mutex.h"
 #include "platform/zel/CgroupKeeper.h"
+#include "platform/zel/CgroupTreeStatus.h"
 
 class CMonitor;
 
@@ -48,12 +49,18 @@ public:
     std::vector<ComponentStatus> Status() const ZEL_EXCLUDES(m_lock);
 
 private:
+    /// The groups that a component is to be born in.
+    base::Result<std::vector<std::string>> GroupsOf(const ComponentConfig& component);
+
     CMonitor& m_monitor;
     ComponentPulses& m_pulses;
     std::unique_ptr<Supervisor> m_supervisor;
     std::map<unsigned int, std::string> m_watched;
     std::string m_placeProblems;  // as told last
     OomHistory m_kills;
+    int64_t m_now = 0;                             // of this Tick
+    std::optional<zel::ComponentPlaces> m_places;  // read once a Tick, for all that it starts
+    std::string m_placesProblem;
     int64_t m_nextDue = 0;
     mutable base::Mutex m_lock;
     int64_t m_statusAt ZEL_GUARDED_BY(m_lock) = 0;

@@ -195,15 +195,6 @@ Result<GroupDir> MakeGroup(const Branch& branch, const Flags& wanted, const Grou
     return group;
 }
 
-Result<GroupDir> MakeLeaf(const Branch& branch, const Flags& wanted, const std::string& group,
-                          const std::string& leaf) {
-    Result<GroupDir> tree = OpenTree(branch);
-    if (!tree) return tree;
-    Result<GroupDir> dir = MakeGroup(branch, wanted, *tree, group);
-    if (!dir) return dir;
-    return MakeOwnChild(*dir, leaf);
-}
-
 Status MoveBesideTree(const Branch& branch, int pid) {
     Result<GroupDir> origin = OpenOrigin(branch);
     if (origin && origin->MoveHere(pid)) return {};

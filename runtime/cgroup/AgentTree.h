@@ -18,8 +18,6 @@ Result<GroupDir> MakeTree(const Branch& branch, const Flags& wanted);
 /// Makes a group of the tree. Kernel: version 2 takes no process beside children with controllers: those that are in
 /// the group itself move to its own leaf.
 Result<GroupDir> MakeGroup(const Branch& branch, const Flags& wanted, const GroupDir& tree, const std::string& name);
-/// Makes a leaf with its group; the tree must be there.
-Result<GroupDir> MakeLeaf(const Branch& branch, const Flags& wanted, const std::string& group, const std::string& leaf);
 
 /// Moves a process out of the tree where nothing is known of its own origin: to the main process's, or, where that is
 /// unknown, gone or takes no process, to the base or a leaf of ours beside the tree.

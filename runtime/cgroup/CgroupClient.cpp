@@ -79,7 +79,8 @@ struct Joined {
 Result<LeafPlaces> FindOwnPlaces(const Branches& branches, const ComponentFile& file, const std::string& path) {
     const std::string component = GetComponentName();
     const ComponentEntry* entry = file.Find(component);
-    if (entry != nullptr) return OpenPlaces(branches, file, *entry);
+    OpenedGroups opened;
+    if (entry != nullptr) return OpenPlaces(branches, file, *entry, opened);
     return MakeError(ErrorKind::kNotFound, "use", path, "it has no component named [" + component + "]");
 }
 

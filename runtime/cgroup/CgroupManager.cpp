@@ -17,6 +17,7 @@
 #include "LegacyLimit.h"
 #include "Membership.h"
 #include "OomCounters.h"
+#include "OpenedGroups.h"
 #include "OwnGroup.h"
 #include "OwnPlacement.h"
 #include "QuietTree.h"
@@ -249,12 +250,13 @@ bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
         return Fail(__LINE__, MakeError(ErrorKind::kNotFound, operation, group, "there is no group of that name"));
     }
     const char* leaf = pid == getpid() && group == kMainGroup ? kMainComponent : kOwnLeaf;
+    OpenedGroups opened;
     std::vector<GroupDir> dirs;
     std::vector<Entry> entries;
     dirs.reserve(branches.all.size());
     for (const std::shared_ptr<Branch>& branch : branches.all) {
         if (!branch->ServesAnyOf(inUse)) continue;
-        Result<GroupDir> dir = MakeLeaf(*branch, targets.wanted, group, leaf);
+        Result<GroupDir> dir = opened.MakeLeaf(*branch, targets.wanted, group, leaf);
         if (!dir) return Fail(__LINE__, dir.GetError());
         dirs.push_back(std::move(*dir));
         entries.push_back({branch->Tree(), &dirs.back()});

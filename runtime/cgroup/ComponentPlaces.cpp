@@ -26,7 +26,7 @@ Status CheckIdentity(const GroupDir& dir, uint64_t inode, const std::string& lea
 }
 
 Result<LeafPlace> OpenPlace(const Branches& branches, Controller controller, const ComponentLeaf& leaf,
-                            const ComponentParent& parent, const std::string& component) {
+                            const ComponentParent& parent, const std::string& component, OpenedGroups& opened) {
     const std::shared_ptr<Branch>& branch = branches.of[controller];
     if (!branch) return branches.errors[controller];
     if (leaf.version != branch->GetVersion()) {
@@ -34,17 +34,17 @@ Result<LeafPlace> OpenPlace(const Branches& branches, Controller controller, con
             ErrorKind::kRefused, "join", leaf.path,
             std::string("controller ") + ControllerName(controller) + " is on the other cgroup version on this host");
     }
-    Result<GroupDir> tree = OpenTree(*branch);
+    const Result<const GroupDir*> tree = opened.Tree(*branch);
     if (!tree) return tree.GetError();
-    if (parent.path != tree->Path()) {
-        return MakeError(ErrorKind::kRefused, "join", leaf.path, "it lies outside the agent's tree " + tree->Path());
+    if (parent.path != (*tree)->Path()) {
+        return MakeError(ErrorKind::kRefused, "join", leaf.path, "it lies outside the agent's tree " + (*tree)->Path());
     }
-    Result<GroupDir> group = OpenOwnChild(*tree, leaf.group);
+    const Result<const GroupDir*> group = opened.Group(*branch, leaf.group);
     if (!group) return group.GetError();
-    Result<GroupDir> dir = OpenOwnChild(*group, component);
+    Result<GroupDir> dir = OpenOwnChild(**group, component);
     if (!dir) return dir.GetError();
     Status same = CheckIdentity(*dir, leaf.inode, leaf.path);
-    if (same) same = CheckIdentity(*tree, parent.inode, leaf.path);
+    if (same) same = CheckIdentity(**tree, parent.inode, leaf.path);
     if (!same) return same.GetError();
     return LeafPlace{branch, std::move(*dir), leaf.quota};
 }
@@ -59,6 +59,12 @@ std::optional<std::string> BaseOf(const Hierarchy& hierarchy, const std::string&
     if (below.empty()) return hierarchy.mountRoot;
     if (below.front() != '/') return std::nullopt;
     return hierarchy.mountRoot == "/" ? below : hierarchy.mountRoot + below;
+}
+
+/// The same as long as this process lives.
+std::string OwnBootId() {
+    static const std::string* const known = new std::string(base::ReadBootId());
+    return known->empty() ? base::ReadBootId() : *known;
 }
 
 Status TakePublishedPlace(Branch& branch, const std::string& tree) {
@@ -115,16 +121,17 @@ std::string ComponentFilePath() {
 
 Result<ComponentFile> ReadCurrentFile(const std::string& path) {
     Result<ComponentFile> file = ReadComponentFile(path);
-    if (!file || !file->enabled || file->bootId == base::ReadBootId()) return file;
+    if (!file || !file->enabled || file->bootId == OwnBootId()) return file;
     return MakeError(ErrorKind::kRefused, "use", path, "it was written before the last boot");
 }
 
-Result<LeafPlaces> OpenPlaces(const Branches& branches, const ComponentFile& file, const ComponentEntry& entry) {
+Result<LeafPlaces> OpenPlaces(const Branches& branches, const ComponentFile& file, const ComponentEntry& entry,
+                              OpenedGroups& opened) {
     LeafPlaces out;
     for (const Controller controller : kAllControllers) {
         const ComponentLeaf& leaf = entry.Leaf(controller);
         if (!leaf.present) continue;
-        Result<LeafPlace> place = OpenPlace(branches, controller, leaf, file.Parent(controller), entry.name);
+        Result<LeafPlace> place = OpenPlace(branches, controller, leaf, file.Parent(controller), entry.name, opened);
         if (!place) return place.GetError();
         out[controller] = std::move(*place);
     }

@@ -11,6 +11,7 @@
 #include "kernel/Errors.h"
 #include "kernel/GroupDir.h"
 #include "kernel/GroupTypes.h"
+#include "OpenedGroups.h"
 
 namespace zel {
 namespace cgroup {
@@ -35,7 +36,9 @@ Result<ComponentFile> ReadCurrentFile(const std::string& path);
 Status TakePublishedPlaces(Branches& branches, const ComponentFile& file);
 
 /// Opens every leaf of the entry, by way of this host's own view of the tree.
-Result<LeafPlaces> OpenPlaces(const Branches& branches, const ComponentFile& file, const ComponentEntry& entry);
+/// `opened`: of these branches.
+Result<LeafPlaces> OpenPlaces(const Branches& branches, const ComponentFile& file, const ComponentEntry& entry,
+                              OpenedGroups& opened);
 
 /// Whether the main process is in the tree, so that a component file which cannot be read is one that somebody took
 /// away or damaged.

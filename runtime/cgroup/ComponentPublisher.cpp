@@ -34,7 +34,7 @@ ComponentPublisher::ComponentPublisher(const Branches& branches, const GroupTarg
                                        Membership& membership)
     : m_branches(branches), m_targets(targets), m_inUse(inUse), m_membership(membership) {}
 
-Status ComponentPublisher::AddParents(const std::string& path, const Amounts& amounts, ComponentFile& file) const {
+Status ComponentPublisher::AddParents(const std::string& path, const Amounts& amounts, ComponentFile& file) {
     for (const Controller controller : kAllControllers) {
         if (!m_inUse[controller]) continue;
         Result<GroupDir> tree = OpenTreeToRead(m_branches, controller);
@@ -50,9 +50,9 @@ Status ComponentPublisher::AddParents(const std::string& path, const Amounts& am
     return MakeError(ErrorKind::kNoController, "write", path, "no controller is in use");
 }
 
-Result<ComponentLeaf> ComponentPublisher::PlaceLeaf(const LeafKey& key, int quota) const {
+Result<ComponentLeaf> ComponentPublisher::PlaceLeaf(const LeafKey& key, int quota) {
     const Branch& branch = *m_branches.of[key.controller];
-    Result<GroupDir> dir = MakeLeaf(branch, m_targets.wanted, key.group, key.leaf);
+    Result<GroupDir> dir = m_opened.MakeLeaf(branch, m_targets.wanted, key.group, key.leaf);
     if (!dir) return dir.GetError();
     const Limit limit = LeafLimit(m_targets, branch.GetVersion(), key, quota);
     Status applied = ApplyLimit(key.controller, *dir, limit);
@@ -65,7 +65,7 @@ Result<ComponentLeaf> ComponentPublisher::PlaceLeaf(const LeafKey& key, int quot
     leaf.path = dir->Path();
     leaf.version = branch.GetVersion();
     leaf.inode = identity->inode;
-    const bool asAsked = SameLimit(key.controller, limit, LimitFromAmount(key.controller, quota));
+    const bool asAsked = SameLimit(key.controller, limit, AskedLimit(key.controller, key.group, key.leaf, quota));
     leaf.quota = asAsked ? quota : AmountOf(key.controller, limit);
     return leaf;
 }
@@ -108,7 +108,7 @@ Status ComponentPublisher::FollowOwnLeaf(const ComponentFile& file) {
         const Territory tree = branch.Tree();
         Result<std::string> path = ReadGroupOf(getpid(), branch.hierarchy);
         if (!path || !tree.Holds(*path)) continue;
-        Result<GroupDir> dir = MakeLeaf(branch, m_targets.wanted, leaf.group, kMainComponent);
+        Result<GroupDir> dir = m_opened.MakeLeaf(branch, m_targets.wanted, leaf.group, kMainComponent);
         if (!dir) return dir.GetError();
         dirs.push_back(std::move(*dir));
         entries.push_back({tree, &dirs.back()});

@@ -10,6 +10,7 @@
 #include "kernel/Errors.h"
 #include "GroupTargets.h"
 #include "Membership.h"
+#include "OpenedGroups.h"
 #include "platform/zel/CgroupRecords.h"
 
 namespace zel {
@@ -39,15 +40,16 @@ public:
     const std::vector<Remark>& Remarks() const { return m_remarks; }
 
 private:
-    Status AddParents(const std::string& path, const Amounts& amounts, ComponentFile& file) const;
+    Status AddParents(const std::string& path, const Amounts& amounts, ComponentFile& file);
     Status AddComponent(const ComponentTarget& target, ComponentFile& file, std::map<LeafKey, int>& leaves);
-    Result<ComponentLeaf> PlaceLeaf(const LeafKey& key, int quota) const;
+    Result<ComponentLeaf> PlaceLeaf(const LeafKey& key, int quota);
     Status FollowOwnLeaf(const ComponentFile& file);
 
     const Branches& m_branches;
     const GroupTargets& m_targets;
     const Flags m_inUse;
     Membership& m_membership;
+    OpenedGroups m_opened;
     std::vector<Remark> m_remarks;
 };
 

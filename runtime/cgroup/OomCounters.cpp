@@ -19,7 +19,7 @@ bool IsGone(const Error& error) {
 }
 
 Result<OomReading> ReadOne(const GroupDir& dir, const std::string& group, const GroupDir& reported, bool parent) {
-    Result<MemCounters> counters = ReadMemCounters(dir);
+    Result<MemCounters> counters = ReadOomCounts(dir);
     if (!counters) return counters.GetError();
     Result<GroupIdentity> identity = dir.Identity();
     if (!identity) return identity.GetError();

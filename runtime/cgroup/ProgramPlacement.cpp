@@ -24,7 +24,6 @@ constexpr int kPlaceRounds = 4;
 struct Belonging {
     Branches branches;
     bool unified = false;  ///< there are unified limits
-    bool named = false;    ///< and the file has the component
     LeafPlaces places;
 };
 
@@ -39,8 +38,8 @@ Result<Belonging> FindBelonging(const std::string& component) {
     out.unified = file->enabled;
     const ComponentEntry* entry = out.unified ? file->Find(component) : nullptr;
     if (entry == nullptr) return out;
-    out.named = true;
-    Result<LeafPlaces> places = OpenPlaces(out.branches, *file, *entry);
+    OpenedGroups opened;
+    Result<LeafPlaces> places = OpenPlaces(out.branches, *file, *entry, opened);
     if (!places) return places.GetError();
     out.places = std::move(*places);
     return out;
@@ -85,19 +84,28 @@ Result<size_t> PlaceAll(const Belonging& belonging, int pid) {
 
 }  // namespace
 
-bool ReadComponentPlaces(const std::string& component, ComponentPlaces& out, std::string& error) {
-    Result<Belonging> belonging = FindBelonging(component);
-    if (!belonging) {
-        error = belonging.GetError().Text();
+bool ReadComponentPlaces(ComponentPlaces& out, std::string& error) {
+    out = {};
+    const Branches branches = FindBranches();
+    const Result<ComponentFile> file = ReadCurrentFile(ComponentFilePath());
+    if (!file) {
+        const bool none = file.GetError().kind == ErrorKind::kNotFound;
+        out.awaited = IsTreeInUse(branches);
+        if (none && !out.awaited) return true;
+        error = file.GetError().Text();
         return false;
     }
-    out = {};
-    out.unified = belonging->unified;
-    out.named = belonging->named;
-    for (const Controller controller : kAllControllers) {
-        const std::optional<LeafPlace>& place = belonging->places[controller];
-        if (!place || (!out.directories.empty() && out.directories.back() == place->leaf.Path())) continue;
-        out.directories.push_back(place->leaf.Path());
+    out.unified = file->enabled;
+    if (!out.unified) return true;
+    OpenedGroups opened;
+    for (const ComponentEntry& entry : file->components) {
+        std::vector<std::string>& directories = out.directories[entry.name];
+        const Result<LeafPlaces> places = OpenPlaces(branches, *file, entry, opened);
+        for (const Controller controller : kAllControllers) {
+            if (!places || !(*places)[controller]) continue;
+            const std::string& path = (*places)[controller]->leaf.Path();
+            if (directories.empty() || directories.back() != path) directories.push_back(path);
+        }
     }
     return true;
 }

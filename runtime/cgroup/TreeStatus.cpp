@@ -91,17 +91,23 @@ struct Found {
 
 using NodeKey = std::pair<std::string, std::string>;  ///< group and component; both empty for the parent
 
-void ReadNode(const Branch& branch, const GroupDir& dir, CgroupLevel level, const NodeKey& key, int depthBelow,
-              std::map<NodeKey, Found>& found) {
+/// What is read of each node.
+struct Wanted {
+    Flags controllers;
+    bool processes = false;
+};
+
+void ReadNode(const Branch& branch, const GroupDir& dir, const Wanted& wanted, CgroupLevel level, const NodeKey& key,
+              int depthBelow, std::map<NodeKey, Found>& found) {
     Found& node = found[key];
     node.status.level = level;
     node.status.group = level == CgroupLevel::kComponent ? key.first : std::string();
     node.status.name = level == CgroupLevel::kComponent ? key.second
                        : level == CgroupLevel::kGroup   ? key.first
                                                         : AgentGroupName();
-    Result<std::vector<int>> pids = dir.Processes();
+    Result<std::vector<int>> pids = wanted.processes ? dir.Processes() : std::vector<int>();
     for (const Controller controller : kAllControllers) {
-        if (!branch.serves[controller]) continue;
+        if (!branch.serves[controller] || !wanted.controllers[controller]) continue;
         CgroupUse use = controller == Controller::kCpu ? ReadCpuUse(dir, depthBelow) : ReadMemoryUse(dir);
         if (!use.present) continue;
         (controller == Controller::kCpu ? node.status.cpu : node.status.memory) = std::move(use);
@@ -109,14 +115,15 @@ void ReadNode(const Branch& branch, const GroupDir& dir, CgroupLevel level, cons
     }
 }
 
-Status ReadBranch(const Branch& branch, std::map<NodeKey, Found>& found) {
+Status ReadBranch(const Branch& branch, const Wanted& wanted, std::map<NodeKey, Found>& found) {
+    if (!branch.ServesAnyOf(wanted.controllers)) return {};
     Result<GroupDir> tree = OpenTree(branch);
     if (!tree) {
         if (tree.GetError().kind == ErrorKind::kNotFound) return {};
         return tree.GetError();
     }
     const auto visit = [&](const GroupDir& dir, CgroupLevel level, const NodeKey& key, int depthBelow) {
-        ReadNode(branch, dir, level, key, depthBelow, found);
+        ReadNode(branch, dir, wanted, level, key, depthBelow, found);
     };
     visit(*tree, CgroupLevel::kParent, {}, 2);
     Result<std::vector<OwnChild>> groups = OpenOwnChildren(*tree);
@@ -172,16 +179,7 @@ void AddVictimsBelow(std::map<NodeKey, Found>& found) {
     }
 }
 
-}  // namespace
-
-std::string UndelegatedService() {
-    for (const std::shared_ptr<Branch>& branch : FindBranches().all) {
-        if (branch->placement && !branch->placement->service.empty()) return branch->placement->service;
-    }
-    return {};
-}
-
-bool ReadCgroupTreeStatus(CgroupTreeStatus& out, std::string& error) {
+bool ReadStatus(const Wanted& wanted, CgroupTreeStatus& out, std::string& error) {
     const Branches branches = FindBranches();
     CgroupTreeStatus status;
     status.layout = LayoutOf(branches);
@@ -193,7 +191,7 @@ bool ReadCgroupTreeStatus(CgroupTreeStatus& out, std::string& error) {
         if (status.problem.empty() && !(branch && branch->placement)) status.problem = branches.PlaceText(controller);
     }
     for (const std::shared_ptr<Branch>& branch : branches.all) {
-        Status read = ReadBranch(*branch, found);
+        Status read = ReadBranch(*branch, wanted, found);
         if (!read && branch->placement) {
             error = read.GetError().Text();
             return false;
@@ -210,6 +208,23 @@ bool ReadCgroupTreeStatus(CgroupTreeStatus& out, std::string& error) {
     status.present = !status.nodes.empty();
     out = std::move(status);
     return true;
+}
+
+}  // namespace
+
+std::string UndelegatedService() {
+    for (const std::shared_ptr<Branch>& branch : FindBranches().all) {
+        if (branch->placement && !branch->placement->service.empty()) return branch->placement->service;
+    }
+    return {};
+}
+
+bool ReadCgroupTreeStatus(CgroupTreeStatus& out, std::string& error) {
+    return ReadStatus({{true, true}, true}, out, error);
+}
+
+bool ReadCgroupMemoryStatus(CgroupTreeStatus& out, std::string& error) {
+    return ReadStatus({{false, true}, false}, out, error);
 }
 
 }  // namespace zel

@@ -101,6 +101,14 @@ Result<int64_t> ReadV1Limit(const GroupDir& group, const char* file) {
     return *bytes < 0 || *bytes >= kV1UnlimitedFromBytes ? kUnlimited : *bytes;
 }
 
+/// A kernel without swap accounting has no such file.
+Result<MemLimit> ReadSwapLimit(const Result<int64_t>& swap, MemLimit limit) {
+    limit.hasSwapLimit = swap.Ok();
+    if (swap) limit.swapBytes = *swap;
+    if (!swap && swap.GetError().kind != ErrorKind::kNotFound) return swap.GetError();
+    return limit;
+}
+
 bool HostHasSwap() {
     const Result<std::string> text = base::ReadProcText(base::kMemInfoFile);
     if (!text) return false;
@@ -187,7 +195,7 @@ Status ApplyCpuQuota(const GroupDir& group, const CpuQuota& quota) {
         written = WriteV1Quota(group, *old, quota);
     }
     if (!written) return written;
-    Result<CpuQuota> now = ReadCpuQuota(group);
+    Result<CpuQuota> now = old->burstUs != 0 ? ReadCpuQuota(group) : ReadQuotaAndPeriod(group);
     if (!now) return now.GetError();
     if (*now == quota) return {};
     return MakeError(ErrorKind::kNotInForce, "set CPU quota " + QuotaText(quota) + " on", group.Path(),
@@ -221,28 +229,15 @@ Result<MemLimit> ReadMemLimit(const GroupDir& group) {
         Result<int64_t> hard = group.ReadNumber(v2::kMemMax);
         if (!hard) return hard.GetError();
         out.hardBytes = *hard;
-        out.hasSwapLimit = group.HasFile(v2::kMemSwapMax);
-        if (!out.hasSwapLimit) return out;
-        Result<int64_t> swap = group.ReadNumber(v2::kMemSwapMax);
-        if (!swap) return swap.GetError();
-        out.swapBytes = *swap;
-        return out;
+        return ReadSwapLimit(group.ReadNumber(v2::kMemSwapMax), out);
     }
     Result<int64_t> hard = ReadV1Limit(group, v1::kMemLimitBytes);
     if (!hard) return hard.GetError();
     out.hardBytes = *hard;
-    if (group.HasFile(v1::kMemSoftLimitBytes)) {
-        Result<int64_t> soft = ReadV1Limit(group, v1::kMemSoftLimitBytes);
-        if (!soft) return soft.GetError();
-        out.softBytes = *soft;
-    }
-    out.hasSwapLimit = group.HasFile(v1::kMemSwapLimitBytes);
-    if (out.hasSwapLimit) {
-        Result<int64_t> withSwap = ReadV1Limit(group, v1::kMemSwapLimitBytes);
-        if (!withSwap) return withSwap.GetError();
-        out.swapBytes = *withSwap;
-    }
-    return out;
+    Result<int64_t> soft = ReadV1Limit(group, v1::kMemSoftLimitBytes);
+    if (!soft && soft.GetError().kind != ErrorKind::kNotFound) return soft.GetError();
+    if (soft) out.softBytes = *soft;
+    return ReadSwapLimit(ReadV1Limit(group, v1::kMemSwapLimitBytes), out);
 }
 
 int64_t SumFixedBytes(const std::string& memStat, Version version, bool canSwap) {
@@ -339,10 +334,20 @@ Status EnsureMemHierarchical(const GroupDir& group) {
 }
 
 Result<MemCounters> ReadMemCounters(const GroupDir& group) {
-    MemCounters out;
+    Result<MemCounters> out = ReadOomCounts(group);
+    if (!out) return out;
     const bool isV2 = group.GetVersion() == Version::kV2;
     Result<int64_t> usage = group.ReadNumber(isV2 ? v2::kMemCurrent : v1::kMemUsageBytes);
-    if (usage) out.usageBytes = *usage;
+    if (usage) out->usageBytes = *usage;
+    if (isV2) return out;
+    Result<int64_t> hits = group.ReadNumber(v1::kMemFailCount);
+    if (hits) out->limitHits = *hits;
+    return out;
+}
+
+Result<MemCounters> ReadOomCounts(const GroupDir& group) {
+    MemCounters out;
+    const bool isV2 = group.GetVersion() == Version::kV2;
     // The root group has no events and no current of its own; that is not an error of the others.
     Result<std::string> events = group.Read(isV2 ? v2::kMemEvents : v1::kMemOomControl);
     if (!events) return events.GetError();
@@ -351,17 +356,13 @@ Result<MemCounters> ReadMemCounters(const GroupDir& group) {
     if (!isV2) {
         out.underOom = static_cast<int>(ValueOr(values, "under_oom", 0));
         out.oomKillDisable = static_cast<int>(ValueOr(values, "oom_kill_disable", 0));
-        Result<int64_t> hits = group.ReadNumber(v1::kMemFailCount);
-        if (hits) out.limitHits = *hits;
         return out;
     }
     out.limitHits = ValueOr(values, "max", -1);
     out.ooms = ValueOr(values, "oom", -1);
     out.oomGroupKills = ValueOr(values, "oom_group_kill", -1);
-    if (group.HasFile(v2::kMemEventsLocal)) {
-        Result<std::string> local = group.Read(v2::kMemEventsLocal);
-        if (local) out.localOoms = ValueOr(ParseFlatKeyed(*local), "oom", -1);
-    }
+    Result<std::string> local = group.Read(v2::kMemEventsLocal);
+    if (local) out.localOoms = ValueOr(ParseFlatKeyed(*local), "oom", -1);
     return out;
 }
 

@@ -87,6 +87,8 @@ struct MemCounters {
     int oomKillDisable = 0;      ///< version 1 only
 };
 Result<MemCounters> ReadMemCounters(const GroupDir& group);
+/// The same without use and version 1's hits of the limit.
+Result<MemCounters> ReadOomCounts(const GroupDir& group);
 
 }  // namespace cgroup
 }  // namespace zel

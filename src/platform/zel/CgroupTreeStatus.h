@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,9 @@ struct CgroupTreeStatus {
 /// Returns: false with the reason in `error` when the kernel's files cannot be read; no tree is not a failure.
 ZEL_API bool ReadCgroupTreeStatus(CgroupTreeStatus& out, std::string& error);
 
+/// The same of memory alone: of each group its limit and counters, without its processes.
+ZEL_API bool ReadCgroupMemoryStatus(CgroupTreeStatus& out, std::string& error);
+
 /// Returns: name of this process's service when its manager has not delegated it and a controller is on version 1:
 /// groups can be made then, and the manager may still move the processes out of them. Empty otherwise.
 ZEL_API std::string UndelegatedService();
@@ -63,15 +67,16 @@ ZEL_API std::string UndelegatedService();
 /// Returns: true when nothing is left behind; else false with every reason in `error`.
 ZEL_API bool RemoveAgentCgroupTree(std::string& error);
 
-/// Where the component file puts a component.
+/// Where the component file puts the components.
 struct ComponentPlaces {
-    bool unified = false;                  ///< there are unified limits
-    bool named = false;                    ///< and the file has the component
-    std::vector<std::string> directories;  ///< of its leaves
+    bool unified = false;  ///< there are unified limits
+    bool awaited = false;  ///< the file cannot be read and is one to wait for, see IsComponentFileAwaited
+    /// The leaves of those that the file names; none of one whose leaves are not there as the file says.
+    std::map<std::string, std::vector<std::string>> directories;
 };
 
 /// Reads that, checked against this host's own groups. On failure: false with the reason in `error`.
-ZEL_API bool ReadComponentPlaces(const std::string& component, ComponentPlaces& out, std::string& error);
+ZEL_API bool ReadComponentPlaces(ComponentPlaces& out, std::string& error);
 
 /// Whether the main process is in the tree, and the component file, which says where each belongs, is missing or
 /// damaged. The main process writes it again at its keeper's rhythm; who is to be placed waits for that, because what

@@ -141,7 +141,8 @@ TEST_F(CgroupClientTest, StaysWhenItsFileIsTakenBesideMain) {
     EXPECT_TRUE(zel::IsComponentFileAwaited(problem));
     EXPECT_THAT(problem, HasSubstr(file));
     zel::ComponentPlaces places;
-    EXPECT_FALSE(zel::ReadComponentPlaces("Worker", places, problem)) << "nothing is known of its place";
+    EXPECT_FALSE(zel::ReadComponentPlaces(places, problem)) << "nothing is known of any place";
+    EXPECT_TRUE(places.awaited);
     Put("{");
     ExpectRefused(file);
     EXPECT_TRUE(zel::IsComponentFileAwaited(problem));
