@@ -18,7 +18,7 @@ namespace {
 
 using namespace cgroup;
 
-/// Together two seconds: what is alive then is stuck in the kernel.
+/// Together two seconds for all leaves of a component: what is alive then is stuck in the kernel.
 constexpr int kRounds = 100;
 constexpr useconds_t kPauseUs = 20000;
 /// Groups that a component has made below its leaf, no deeper.
@@ -46,15 +46,16 @@ void EndIfInside(int pid, const Territory& leaf) {
     }
 }
 
-void EndLeaf(const GroupDir& leaf, const Territory& territory, CgroupLeafEnd& end) {
+/// `rounds`: how many there still are; each takes one.
+void EndLeaf(const GroupDir& leaf, const Territory& territory, int& rounds, CgroupLeafEnd& end) {
     std::set<int> met;
     std::set<int> left;
-    for (int round = 0; round < kRounds; ++round) {
+    for (;; --rounds) {
         left.clear();
         CollectProcesses(leaf, 0, left);
         left.erase(getpid());
-        if (left.empty()) break;
         met.insert(left.begin(), left.end());
+        if (left.empty() || rounds == 0) break;
         // A list is old when it is read: what was born meanwhile is in the next one.
         const bool whole = leaf.HasFile(v2::kKill) && leaf.Write(v2::kKill, "1").Ok();
         for (const int pid : left) {
@@ -66,26 +67,28 @@ void EndLeaf(const GroupDir& leaf, const Territory& territory, CgroupLeafEnd& en
     end.left.insert(end.left.end(), left.begin(), left.end());
 }
 
-void EndInGroup(const Branch& branch, const OwnChild& group, const std::string& component, CgroupLeafEnd& end) {
+void EndInGroup(const Branch& branch, const OwnChild& group, const std::string& component, int& rounds,
+                CgroupLeafEnd& end) {
     Result<GroupDir> leaf = OpenOwnChild(group.dir, component);
     if (!leaf) return;
     const Territory territory{branch.hierarchy, branch.Tree().path + "/" + group.name + "/" + component};
     // This process among them: it is its own leaf, or one that nothing is known of.
     Result<bool> holdsUs = leaf->Contains(getpid());
-    if (holdsUs && !*holdsUs) EndLeaf(*leaf, territory, end);
+    if (holdsUs && !*holdsUs) EndLeaf(*leaf, territory, rounds, end);
 }
 
 }  // namespace
 
 CgroupLeafEnd EndCgroupComponent(const std::string& component) {
     CgroupLeafEnd end;
+    int rounds = kRounds;
     if (!IsSafeGroupName(component)) return end;
     for (const std::shared_ptr<Branch>& branch : FindBranches().all) {
         Result<GroupDir> tree = OpenTree(*branch);
         if (!tree) continue;
         Result<std::vector<OwnChild>> groups = OpenOwnChildren(*tree);
         if (!groups) continue;
-        for (const OwnChild& group : *groups) EndInGroup(*branch, group, component, end);
+        for (const OwnChild& group : *groups) EndInGroup(*branch, group, component, rounds, end);
     }
     std::sort(end.left.begin(), end.left.end());
     end.left.erase(std::unique(end.left.begin(), end.left.end()), end.left.end());
