@@ -39,6 +39,7 @@ constexpr char kCpuMaxBurst[] = "cpu.max.burst";
 constexpr char kCpuStat[] = "cpu.stat";
 constexpr char kMemMax[] = "memory.max";
 constexpr char kMemHigh[] = "memory.high";
+constexpr char kMemSwapCurrent[] = "memory.swap.current";
 constexpr char kMemSwapMax[] = "memory.swap.max";
 constexpr char kMemLow[] = "memory.low";
 constexpr char kMemCurrent[] = "memory.current";

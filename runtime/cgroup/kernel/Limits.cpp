@@ -122,7 +122,9 @@ Status CheckRoomUnder(const GroupDir& group, const MemLimit& old, int64_t bytes)
     if (!stat) return {};
     // Where swap is accounted for, the limit that is set with this one leaves none.
     const bool canSwap = !old.hasSwapLimit && HostHasSwap();
-    const int64_t fixed = SumFixedBytes(*stat, group.GetVersion(), canSwap);
+    const bool isV2 = group.GetVersion() == Version::kV2;
+    Result<int64_t> swapped = isV2 ? group.ReadNumber(v2::kMemSwapCurrent) : int64_t{0};
+    const int64_t fixed = SumFixedBytes(*stat, group.GetVersion(), canSwap, swapped ? *swapped : 0);
     if (fixed <= bytes) return {};
     return Error{ErrorKind::kBusy, EBUSY, "set memory limit " + LimitText(bytes) + " on", group.Path(),
                  "its processes hold " + LimitText(fixed) + " bytes that cannot be reclaimed: the kernel would kill"};
@@ -240,7 +242,7 @@ Result<MemLimit> ReadMemLimit(const GroupDir& group) {
     return ReadSwapLimit(ReadV1Limit(group, v1::kMemSwapLimitBytes), out);
 }
 
-int64_t SumFixedBytes(const std::string& memStat, Version version, bool canSwap) {
+int64_t SumFixedBytes(const std::string& memStat, Version version, bool canSwap, int64_t swappedBytes) {
     const std::map<std::string, int64_t> stat = ParseFlatKeyed(memStat);
     const bool isV2 = version == Version::kV2;
     const auto value = [&](const char* key) {
@@ -252,6 +254,8 @@ int64_t SumFixedBytes(const std::string& memStat, Version version, bool canSwap)
     if (!canSwap) {
         // Two counts of the same pages: by kind, and by the kernel's lists, where locked ones of all kinds are apart.
         fixed = std::max(anonymous + value("shmem"), value("active_anon") + value("inactive_anon") + locked);
+        // What is in memory again and keeps its place in swap is counted already.
+        fixed += std::max<int64_t>(0, swappedBytes - value("swapcached"));
     }
     if (!isV2) return fixed;
     const int64_t sum = value("kernel");
@@ -270,11 +274,13 @@ Status ApplyMemHardLimit(const GroupDir& group, int64_t bytes) {
         return limit.hardBytes == wanted && (!limit.hasSwapLimit || limit.swapBytes == swap);
     };
     if (isThere(*old)) return {};
-    if (Above(old->hardBytes, wanted)) {
+    const bool isV2 = group.GetVersion() == Version::kV2;
+    // Version 1 refuses by itself a limit on memory and swap below what is in use.
+    const bool losesSwap = isV2 && old->hasSwapLimit && Above(old->swapBytes, swap);
+    if (Above(old->hardBytes, wanted) || losesSwap) {
         Status room = CheckRoomUnder(group, *old, wanted);
         if (!room) return room;
     }
-    const bool isV2 = group.GetVersion() == Version::kV2;
     Status written = isV2 ? WriteV2Hard(group, *old, wanted) : WriteV1Hard(group, *old, wanted);
     if (!written) return written;
     Result<MemLimit> now = ReadMemLimit(group);

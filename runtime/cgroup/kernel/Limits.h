@@ -73,7 +73,8 @@ Status EnsureMemHierarchical(const GroupDir& group);
 /// Kernel: version 1 counts the groups below in the "total_" lines, and refuses by itself what its own kernel memory
 /// does not leave room for, so that is not counted. Version 2 counts kernel memory less the caches that can be dropped;
 /// before 5.18 by its kinds.
-int64_t SumFixedBytes(const std::string& memStat, Version version, bool canSwap);
+/// `swappedBytes`: what version 2 has in swap. Where nothing may go there any more it comes back as it is touched.
+int64_t SumFixedBytes(const std::string& memStat, Version version, bool canSwap, int64_t swappedBytes);
 
 /// Usage and counters. Absent ones are -1.
 struct MemCounters {

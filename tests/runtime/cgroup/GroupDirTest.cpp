@@ -269,7 +269,15 @@ TEST(FixedBytesTest, CountsWhatNoReclaimCanTakeAway) {
          160},
         {"total_rss 100\ntotal_shmem 50\n", Version::kV1, true, 100},
     };
-    for (const auto& c : cases) EXPECT_EQ(c.bytes, SumFixedBytes(c.stat, c.version, c.canSwap)) << c.stat;
+    for (const auto& c : cases) EXPECT_EQ(c.bytes, SumFixedBytes(c.stat, c.version, c.canSwap, 0)) << c.stat;
+}
+
+TEST(FixedBytesTest, WhatIsInSwapComesBackWhereNothingMayGoThere) {
+    EXPECT_EQ(130, SumFixedBytes("anon 100\n", Version::kV2, false, 30));
+    EXPECT_EQ(100, SumFixedBytes("anon 100\n", Version::kV2, true, 30));
+    EXPECT_EQ(110, SumFixedBytes("anon 100\nswapcached 20\n", Version::kV2, false, 30))
+        << "20 of them are here already";
+    EXPECT_EQ(100, SumFixedBytes("anon 100\nswapcached 40\n", Version::kV2, false, 30));
 }
 
 // Shared memory and kernel memory are not "anon", and go nowhere all the same.
