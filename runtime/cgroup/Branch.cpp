@@ -122,6 +122,12 @@ public:
         if (StillHolds() && Recall(out)) return out;
         return Learn();
     }
+    void Forget() ZEL_EXCLUDES(m_mutex) {
+        const base::MutexLock lock(m_mutex);
+        m_valid = false;
+        m_known.clear();
+        m_watch = TreeWatch();
+    }
     /// This process has made its tree somewhere: from now on it pays to know.
     void Begin() ZEL_EXCLUDES(m_mutex) {
         const base::MutexLock lock(m_mutex);
@@ -229,6 +235,10 @@ std::string Branches::PlaceText(Controller controller) const {
 
 Branches FindBranches() {
     return ProcessBranches().Find();
+}
+
+void ForgetBranches() {
+    ProcessBranches().Forget();
 }
 
 void KeepPlace(const Branch& branch) {

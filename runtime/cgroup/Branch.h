@@ -46,6 +46,9 @@ struct Branches {
 /// process is put later, unless limits of others want another place and the tree is not there any more.
 Branches FindBranches();
 
+/// Lets go of what is known, with the descriptor that tells of it: nobody will ask for a while.
+void ForgetBranches();
+
 /// Notes that the tree is made here.
 void KeepPlace(const Branch& branch);
 

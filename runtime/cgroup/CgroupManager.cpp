@@ -361,6 +361,7 @@ void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, s
         LogLine(kLogInfo, __LINE__, thing + " is no longer contested");
     }
     quiet.Settle(keeper.IsInOrder(), NowMs());
+    if (quiet.IsSettled()) ForgetBranches();
     settledMembers = members;
     branches = Branches();
     status.lastRoundUs = OwnCpuUs() - begin;
