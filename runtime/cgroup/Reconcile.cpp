@@ -1,6 +1,7 @@
 // Targets, facts, plan, kernel.
 #include "Reconcile.h"
 
+#include <algorithm>
 #include <set>
 #include <string>
 #include <utility>
@@ -54,6 +55,16 @@ void TellWhatWasNotRead(const GroupTargets& targets, const std::set<std::string>
     }
 }
 
+/// Returns: whether a group or a leaf may be there that has no place: one that was read, or something was not.
+bool MayHaveUnplaced(const GroupTargets& targets, const std::set<std::string>& missing, const OpenTreeFacts& tree) {
+    if (!missing.empty() || !tree.unread.empty()) return true;
+    return std::any_of(tree.facts.nodes.begin(), tree.facts.nodes.end(), [&](const GroupFacts& node) {
+        if (node.Depth() == 0) return false;
+        if (targets.Find(node.group) == nullptr) return true;
+        return node.Depth() == 2 && !targets.KeepsLeaf(tree.facts.serves, node.group, node.leaf);
+    });
+}
+
 /// Nothing is limited by us where no tree is, or none of ours, or where we may make none.
 bool MeansNothingToLift(const Branch& branch, const Error& error) {
     return error.kind == ErrorKind::kNotFound || error.kind == ErrorKind::kRefused || !branch.placement;
@@ -77,7 +88,7 @@ void ReconcileBranch(const Branch& branch, const GroupTargets& targets, std::vec
     const OpenTreeFacts facts = ReadTree(std::move(*tree), branch.serves, 2, missing);
     if (wanted) TellWhatWasNotRead(targets, missing, facts, problems);
     BringAbout(targets, facts, problems);
-    SweepTree(branch, targets);
+    if (MayHaveUnplaced(targets, missing, facts)) SweepTree(branch, targets);
 }
 
 bool ReadInUse(const Branches& branches, const GroupTargets& targets, Controller controller,
