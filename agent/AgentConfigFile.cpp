@@ -4,6 +4,8 @@
 #include <tuple>
 
 #include "AgentLog.h"
+#include "AgentPaths.h"
+#include "platform/zel/AgentNames.h"
 
 namespace agent {
 
@@ -23,6 +25,7 @@ void AgentConfigFile::Tell(const std::string& problem) {
 }
 
 bool AgentConfigFile::Renew() {
+    m_path = ConfigurationFile(m_appDir, zel::kAgentConfigFileName);
     const base::FileMark mark = base::ReadFileMark(m_path);
     if (m_seen == mark) return false;
     base::Result<AgentConfig> loaded = LoadAgentConfig(m_path);

@@ -15,7 +15,7 @@ namespace agent {
 /// Thread-safety: the main thread alone. Errors: in the log, the same one only once in a row.
 class AgentConfigFile {
 public:
-    AgentConfigFile(std::string path, bool isMain) : m_path(std::move(path)), m_isMain(isMain) {}
+    AgentConfigFile(std::string appDir, bool isMain) : m_appDir(std::move(appDir)), m_isMain(isMain) {}
 
     /// For a start that goes by it. Returns: what the file says now, what a bad file said before it.
     const AgentConfig& Read();
@@ -32,7 +32,8 @@ private:
     bool FollowSinks(zelhost::CHostServices& services);
     bool FollowTextFile(zelhost::CHostServices& services);
 
-    const std::string m_path;
+    const std::string m_appDir;
+    std::string m_path;  // of the file that was looked at last
     const bool m_isMain;
     /// Of the file whose content was judged for good.
     std::optional<base::FileMark> m_seen = base::FileMark();

@@ -30,4 +30,10 @@ inline std::string EventFile(const std::string& appDir, const std::string& proce
     return appDir + "/log/" + process + ".events.jsonl";
 }
 
+/// Returns: the path of a file that an administrator writes, `name` with its "/conf/": the one in the application
+/// directory, or where that is the default one and has none, the one in the administrators' directory.
+std::string ConfigurationFile(const std::string& appDir, const char* name);
+/// The same for any two directories.
+std::string ChooseConfigurationFile(const std::string& appDir, const char* name, const std::string& adminDir);
+
 }  // namespace agent

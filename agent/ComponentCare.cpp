@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "AgentLog.h"
+#include "AgentPaths.h"
 #include "ComponentsConfig.h"
 #include "EventSink.h"
 #include "Monitor.h"
@@ -73,7 +74,7 @@ void EndWhatIsLeft(const std::string& name) {
 }  // namespace
 
 void DeclareComponents(const std::string& appDir) {
-    const auto components = LoadComponents(appDir + zel::kComponentsFileName);
+    const auto components = LoadComponents(ConfigurationFile(appDir, zel::kComponentsFileName));
     if (!components) return;  // said by ComponentCare::Start
     std::vector<zel::CgroupComponentQuota> unlisted;
     for (const ComponentConfig& component : *components) {
@@ -86,7 +87,7 @@ ComponentCare::ComponentCare(CMonitor& monitor, ComponentPulses& pulses)
     : m_monitor(monitor), m_pulses(pulses), m_kills(ReadTree) {}
 
 void ComponentCare::Start(const Options& options, const std::string& program) {
-    const auto components = LoadComponents(options.appDir + zel::kComponentsFileName);
+    const auto components = LoadComponents(ConfigurationFile(options.appDir, zel::kComponentsFileName));
     if (!components) {
         LogLine(components.GetError().Text() + "; no component is started", zel::kLogWarning);
         return;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "AgentConfig.h"
+#include "AgentPaths.h"
 #include "StatusJson.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/host/HostServices.h"
@@ -37,10 +38,9 @@ ConsoleActions MakeConsoleActions(const StatusSources& sources, std::function<vo
         services->CollectStatistics();
         return services->GetStatistics().values;
     };
-    const std::string agentConfig = sources.appDir + zel::kAgentConfigFileName;
-    actions.reload = [services, agentConfig, wantConfig = std::move(wantConfig)](std::string& problem) {
+    actions.reload = [services, appDir = sources.appDir, wantConfig = std::move(wantConfig)](std::string& problem) {
         wantConfig();
-        return Reload(*services, agentConfig, problem);
+        return Reload(*services, ConfigurationFile(appDir, zel::kAgentConfigFileName), problem);
     };
     // The main thread takes the signal and ends the process.
     actions.stop = [] { kill(getpid(), SIGTERM); };

@@ -10,6 +10,7 @@
 #include "UncleanStop.h"
 #include "base/FileIo.h"
 #include "base/ProcFiles.h"
+#include "platform/zel/AgentNames.h"
 #include "platform/zel/ProcessUtil.h"
 
 namespace {
@@ -29,7 +30,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "tervane: %s\n", program.GetError().Text().c_str());
         return agent::kExitInternal;
     }
-    if (options.appDir.empty()) options.appDir = program->substr(0, program->rfind('/'));
+    if (options.appDir.empty()) options.appDir = zel::kDefaultAppDir;
     // Everything below the seam finds the directory by the environment; components inherit it.
     setenv("ZEL_APP_DIR", options.appDir.c_str(), 1);
     if (options.exec) return agent::ExecComponent(options);

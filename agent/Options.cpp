@@ -23,9 +23,9 @@ bool IsMetricsAddress(const std::string& address) {
 }
 
 void Declare(CLI::App& app, Options& options, std::string& load) {
-    app.add_option("--app-dir", options.appDir, "application directory (default: the executable's, or ZEL_APP_DIR)");
+    app.add_option("--app-dir", options.appDir, "application directory (default: ZEL_APP_DIR, else /var/lib/tervane)");
     app.add_option("--name", options.name, "process name; \"tervane\" is the main process")->capture_default_str();
-    app.add_option("--config", options.configPath, "resource configuration (default: <app dir>/conf/resource_config)");
+    app.add_option("--config", options.configPath, "resource configuration (default: conf/resource_config)");
     app.add_flag("--foreground", options.logToConsole, "log to the console as well");
     app.add_option("--for", options.forSeconds, "end by itself after this many seconds");
     app.add_option("--limit-check", options.limitCheckSeconds,
@@ -74,7 +74,26 @@ bool ResolveDirectory(Options& options) {
 
 }  // namespace
 
+namespace {
+
+constexpr char kIntroduction[] =
+    "tervane is the main process of a host agent: it keeps the agent's processes inside their budget of CPU and\n"
+    "memory by control groups, starts its components, and reports what the host runs short of.\n\n"
+    "As a service:  systemctl start tervane\n"
+    "By hand:       tervane --app-dir DIRECTORY --foreground\n"
+    "               with conf/resource_config in DIRECTORY; a sample is in /usr/share/tervane/conf\n"
+    "How it does:   tervanectl status, tervanectl doctor\n\n"
+    "tervane --help names the options, tervane(8) explains them.\n";
+
+}  // namespace
+
 bool ParseOptions(int argc, const char* const* argv, Options& options, std::string& text, int& exitCode) {
+    // Who only types the name wants to know what it is; a directory by the environment is a wish.
+    if (argc <= 1 && getenv("ZEL_APP_DIR") == nullptr) {
+        text = kIntroduction;
+        exitCode = kExitUsage;
+        return false;
+    }
     CLI::App app{"Host agent with its resource monitor"};
     std::string load;
     Declare(app, options, load);

@@ -10,9 +10,9 @@
 namespace agent {
 
 struct Options {
-    std::string appDir;  ///< absolute; empty: the executable's directory
+    std::string appDir;  ///< absolute; empty: the default one
     std::string name = zel::kMainProcessName;
-    std::string configPath;              ///< resource configuration; empty: <app dir>/conf/resource_config
+    std::string configPath;              ///< resource configuration; empty: that of the application directory
     bool logToConsole = false;           ///< beside the log file
     unsigned int limitCheckSeconds = 5;  ///< how often the main process looks after its control groups
     unsigned int forSeconds = 0;         ///< end by itself after this time; 0: run until a signal

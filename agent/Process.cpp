@@ -129,7 +129,8 @@ Process::Process(Options options, std::string program)
       m_keeping(m_options.limitCheckSeconds),
       m_limitNews(WakeMain),
       m_life(*this, Life(m_options.IsMain())) {
-    if (m_options.configPath.empty()) m_options.configPath = m_options.appDir + zel::kResourceConfigFileName;
+    if (m_options.configPath.empty())
+        m_options.configPath = ConfigurationFile(m_options.appDir, zel::kResourceConfigFileName);
 }
 
 Process::~Process() = default;
@@ -140,6 +141,7 @@ int Process::Run() {
         LogLine(m_options.name + " " ZEL_VERSION " is running, process " + std::to_string(getpid()), zel::kLogInfo);
         code = Loop();
     }
+    m_manager.TellStopping();
     m_life.TakeBack();
     zel::FlushLog();
     return code;
@@ -176,7 +178,7 @@ int Process::OpenDirectory() {
 }
 
 int Process::StartServices() {
-    m_agentConfig = std::make_unique<AgentConfigFile>(m_options.appDir + zel::kAgentConfigFileName, m_options.IsMain());
+    m_agentConfig = std::make_unique<AgentConfigFile>(m_options.appDir, m_options.IsMain());
     zelhost::HostOptions host = MakeHostOptions(m_options);
     ApplyAgentConfig(m_agentConfig->Read(), host);
     const base::Status started = agent::StartServices(m_services, host);
@@ -445,6 +447,7 @@ int Process::LookAround(int64_t second) {
     if (!ParentIsThere(m_options.parentPid)) return kExitParentGone;
     if (m_components != nullptr) m_components->Tick(second);
     Beat(second);
+    TellReady(second);
     if (m_components != nullptr) m_keeping.Tick(second, m_components->Members());
     LookAfterLimits(second);
     if (m_limitNews.IsDue(second)) {
@@ -471,7 +474,25 @@ int64_t Process::NextDue(int64_t second) const {
     if (m_components != nullptr) due = std::min({due, m_keeping.NextDue(), m_components->NextDue()});
     if (m_limitNews.DueAt() != 0) due = std::min(due, m_limitNews.DueAt());
     if (m_endAt != 0) due = std::min(due, m_endAt);
+    if (m_manager.AwaitsReady()) due = second + 1;
     return std::max(due, second + 1);
+}
+
+void Process::TellReady(int64_t second) {
+    if (!m_manager.AwaitsReady()) return;
+    const StatusReport report = CollectStatus(Sources());
+    const int asked = report.mode & (zel::kModeCpu | zel::kModeMemory);
+    const bool holds = !report.starting && (report.modeInForce & asked) == asked;
+    const bool runs = std::all_of(report.components.begin(), report.components.end(),
+                                  [](const ComponentStatus& one) { return one.state == ComponentState::kRunning; });
+    if ((!holds || !runs) && second - m_startedAt < kReadyPatienceSeconds) return;
+    if (!holds || !runs) {
+        LogLine("the start counts as over, but " +
+                    std::string(holds ? "not all components run" : "not all limits hold") +
+                    ": tervanectl status says which and why",
+                zel::kLogWarning);
+    }
+    m_manager.TellReady();
 }
 
 void Process::Beat(int64_t second) {
@@ -479,6 +500,7 @@ void Process::Beat(int64_t second) {
     zelhost::SamplerFigures figures;
     m_services.GetSamplerFigures(figures);
     m_pulse.Beat(second, figures);
+    m_manager.Beat(second, figures.rounds, figures.stalledThreads == 0);
     const bool heard =
         m_subscriber == nullptr || m_subscriber->Report(FormatBeat(m_pulse.SamplingSilentSeconds(second)));
     // The main process is awake for other things anyway.

@@ -15,6 +15,7 @@
 #include "Options.h"
 #include "PlacementCare.h"
 #include "Pulse.h"
+#include "ServiceManager.h"
 #include "StatusCollect.h"
 #include "Steps.h"
 #include "TreeKeeping.h"
@@ -88,6 +89,8 @@ private:
     int64_t LimitCheckSeconds() const;
     /// Says which limits were asked for and do not hold, and why, as far as that is news.
     void TellLimits(const StatusReport& report);
+    /// Tells the service manager that the start is over: once what is asked for is in force and all components run.
+    void TellReady(int64_t second);
     /// Shows that the main thread works.
     void Beat(int64_t second);
     /// The parts that a status is made from, as far as they are there by now.
@@ -97,6 +100,7 @@ private:
 
     Options m_options;
     std::string m_program;
+    ServiceManager m_manager;
     AppDirectory m_directory;
     zelhost::CHostServices m_services;
     EventSink m_sink;

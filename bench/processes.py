@@ -109,7 +109,9 @@ class Agent:
         shutil.rmtree(self.app, ignore_errors=True)
         os.makedirs(os.path.join(self.app, "conf"), mode=0o750)
         config = read(os.path.join(source, "agent/conf/resource_config"))
-        if not built_in_table:
+        if built_in_table:
+            config = "".join(line for line in config.splitlines(True) if not line.startswith("cgroup_"))
+        else:
             more = "".join(f",{name}:collect-defense:collect-defense:5000:10240" for name in components
                            if name not in COMPONENTS)
             config += f"\ncgroup_groups = {GROUPS}\ncgroup_components = {SHARES}{more}\n"

@@ -1,34 +1,52 @@
-# What `make install` puts where: libraries, headers, CMake package, pkg-config file, agent, unit file, man pages.
+# What an installation puts where. Components: "libraries" is what programs that embed the module need to run,
+# "development" what they are built with, "agent" the agent and its console, "configuration" the administrator's files
+# in /etc, which only packages bring (cmake --install leaves /etc alone; `make install` copies what is not there yet).
 include(CMakePackageConfigHelpers)
 
 install(TARGETS zelSeam zelUtil zelHost zelMonitor EXPORT zelMonitorTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(EXPORT zelMonitorTargets NAMESPACE zel:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelMonitor)
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libraries NAMELINK_COMPONENT development)
+install(EXPORT zelMonitorTargets NAMESPACE zel:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelMonitor
+  COMPONENT development)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/zelMonitorConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/zelMonitorConfig.cmake INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelMonitor)
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/zelMonitorConfigVersion.cmake
   VERSION ${PROJECT_VERSION} COMPATIBILITY SameMinorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelMonitorConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/zelMonitorConfigVersion.cmake
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelMonitor)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelMonitor COMPONENT development)
 
-install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelMonitor FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY src/platform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelMonitor FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelMonitor COMPONENT development
+  FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY src/platform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelMonitor COMPONENT development
+  FILES_MATCHING PATTERN "*.h")
+# The file says where it is itself, so that a tree that was moved is still found.
+file(RELATIVE_PATH ZEL_PC_TO_PREFIX /usr/${CMAKE_INSTALL_LIBDIR}/pkgconfig /usr)
 configure_file(packaging/zelMonitor.pc.in zelMonitor.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelMonitor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-
-if(TARGET tervane)
-  set_target_properties(tervane PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
-  install(TARGETS tervane RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-  configure_file(packaging/tervane.service.in tervane.service @ONLY)
-  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tervane.service DESTINATION lib/systemd/system)
-  install(DIRECTORY agent/conf/ DESTINATION ${CMAKE_INSTALL_DATADIR}/tervane/conf)
-  install(FILES man/tervane.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-endif()
-if(TARGET tervanectl)
-  set_target_properties(tervanectl PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
-  install(TARGETS tervanectl RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-  install(FILES man/tervanectl.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-endif()
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelMonitor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+  COMPONENT development)
 foreach(library zelHost zelMonitor)
   set_target_properties(${library} PROPERTIES INSTALL_RPATH "$ORIGIN")
 endforeach()
+
+if(TARGET tervane)
+  install(TARGETS tervane RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
+  # Written when it is installed: only then is it known which prefix the programs have.
+  install(CODE "set(SBINDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}\")
+    configure_file(\"${PROJECT_SOURCE_DIR}/packaging/tervane.service.in\"
+      \"${CMAKE_CURRENT_BINARY_DIR}/install/tervane.service\" @ONLY)" COMPONENT agent)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/install/tervane.service DESTINATION lib/systemd/system COMPONENT agent)
+  # The same for a service manager's own directory of the host, for tests in guests.
+  set(SBINDIR /usr/sbin)
+  configure_file(packaging/tervane.service.in tervane.service @ONLY)
+  install(FILES packaging/tervane.tmpfiles DESTINATION lib/tmpfiles.d RENAME tervane.conf COMPONENT agent)
+  install(DIRECTORY agent/conf/ DESTINATION ${CMAKE_INSTALL_DATADIR}/tervane/conf COMPONENT agent
+    PATTERN demo_components.json EXCLUDE)
+  install(FILES man/tervane.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT agent)
+  install(FILES agent/conf/resource_config agent/conf/components.json DESTINATION /etc/tervane
+    COMPONENT configuration EXCLUDE_FROM_ALL)
+  install(FILES agent/conf/agent.json DESTINATION /etc/tervane  # may hold a password of an endpoint
+    PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ COMPONENT configuration EXCLUDE_FROM_ALL)
+endif()
+if(TARGET tervanectl)
+  install(TARGETS tervanectl RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
+  install(FILES man/tervanectl.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT agent)
+endif()

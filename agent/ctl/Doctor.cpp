@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "AgentConfig.h"
+#include "AgentPaths.h"
 #include "AskAgent.h"
 #include "ComponentsConfig.h"
 #include "Health.h"
@@ -161,9 +162,11 @@ Findings JudgeTrust(const std::string& appDir, const std::vector<ComponentConfig
     Findings found;
     const auto directory = base::OpenTrustedDirectory(appDir);
     if (!directory) AddRefusal(found, appDir, directory.GetError());
-    for (const char* name : {zel::kResourceConfigFileName, zel::kOnlineConfigFileName, zel::kAgentConfigFileName}) {
-        const auto file = base::OpenTrusted(appDir + name, base::TrustScope::kWithPlace);
-        if (!file) AddRefusal(found, appDir + name, file.GetError());
+    for (const std::string& path :
+         {ConfigurationFile(appDir, zel::kResourceConfigFileName), appDir + zel::kOnlineConfigFileName,
+          ConfigurationFile(appDir, zel::kAgentConfigFileName)}) {
+        const auto file = base::OpenTrusted(path, base::TrustScope::kWithPlace);
+        if (!file) AddRefusal(found, path, file.GetError());
     }
     for (const ComponentConfig& component : components) {
         if (component.command.empty()) continue;
@@ -175,7 +178,7 @@ Findings JudgeTrust(const std::string& appDir, const std::vector<ComponentConfig
 
 Findings JudgeFiles(const std::string& appDir, int64_t now) {
     Findings found;
-    const std::string resource = appDir + zel::kResourceConfigFileName;
+    const std::string resource = ConfigurationFile(appDir, zel::kResourceConfigFileName);
     if (!zel::CFileUtil::IsFile(resource)) {
         found.push_back({Severity::kProblem, resource + " is missing", "", "copy the sample there"});
     } else {
@@ -185,14 +188,15 @@ Findings JudgeFiles(const std::string& appDir, int64_t now) {
         }
         if (wrong.empty()) found.push_back(Ok(resource));
     }
-    const auto components = LoadComponents(appDir + zel::kComponentsFileName);
+    const std::string list = ConfigurationFile(appDir, zel::kComponentsFileName);
+    const auto components = LoadComponents(list);
     if (components) {
         found.push_back(Ok(Text("%d components", static_cast<int>(components->size()))));
     } else {
-        found.push_back({Severity::kProblem, "no component is started: " + components.GetError().Text(),
-                         appDir + zel::kComponentsFileName, "correct it, or remove it to run the built-in components"});
+        found.push_back({Severity::kProblem, "no component is started: " + components.GetError().Text(), list,
+                         "correct it, or remove it to run the built-in components"});
     }
-    const auto config = LoadAgentConfig(appDir + zel::kAgentConfigFileName);
+    const auto config = LoadAgentConfig(ConfigurationFile(appDir, zel::kAgentConfigFileName));
     if (config && !config->sinks.httpCaFile.empty()) {
         const auto file = base::OpenTrusted(config->sinks.httpCaFile, base::TrustScope::kWithPlace);
         if (!file) AddRefusal(found, config->sinks.httpCaFile, file.GetError());

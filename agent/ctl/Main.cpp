@@ -10,6 +10,7 @@
 #include "StatusJson.h"
 #include "StatusText.h"
 #include "Top.h"
+#include "base/FileIo.h"
 #include "platform/zel/AgentNames.h"
 
 namespace {
@@ -28,10 +29,12 @@ struct CommandLine {
 
 void Declare(CLI::App& app, CommandLine& line) {
     if (const char* fromEnvironment = getenv("ZEL_APP_DIR")) line.appDir = fromEnvironment;
-    app.add_option("--app-dir", line.appDir, "application directory of the agent (default: ZEL_APP_DIR)");
+    app.add_option("--app-dir", line.appDir,
+                   "application directory of the agent (default: ZEL_APP_DIR, else /var/lib/tervane)");
     app.add_option("--name", line.name, "process to ask")->capture_default_str();
     app.set_version_flag("--version", std::string(ZEL_VERSION));
     app.require_subcommand(1);
+    app.fallthrough();  // the options of all commands are taken before and after the command
     CLI::App* status = app.add_subcommand("status", "use against limits, mode and its reason, components, delivery");
     status->add_flag("--json", line.json, "as JSON");
     app.add_subcommand("check", "one line for a monitoring system: OK, DEGRADED or UNREACHABLE");
@@ -100,10 +103,6 @@ int Run(const CommandLine& line) {
         fputs(diagnosis.Text().c_str(), stdout);
         return static_cast<int>(diagnosis.Worst());
     }
-    if (line.appDir.empty()) {
-        fprintf(stderr, "tervanectl: which agent? name its directory with --app-dir or ZEL_APP_DIR\n");
-        return kUsage;
-    }
     if (line.command == "events") {
         fputs(agent::ShowEvents(line.appDir, line.name, line.last).c_str(), stdout);
         return kOk;
@@ -127,5 +126,8 @@ int main(int argc, char** argv) {
         return kUsage;
     }
     line.command = app.get_subcommands().front()->get_name();
+    // Before an agent is installed the doctor looks at the host alone.
+    const bool installed = base::ReadFileMark(zel::kDefaultAppDir).exists;
+    if (line.appDir.empty() && (installed || line.command != "doctor")) line.appDir = zel::kDefaultAppDir;
     return Run(line);
 }

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include "ExitCode.h"
 
 using namespace agent;
@@ -31,6 +33,19 @@ TEST(OptionsTest, TheMainProcessIsTheDefault) {
     EXPECT_TRUE(parsed.options.IsMain());
     EXPECT_EQ("/tmp", parsed.options.appDir);
     EXPECT_EQ(0u, parsed.options.forSeconds);
+}
+
+TEST(OptionsTest, WithoutArgumentsItExplainsItself) {
+    unsetenv("ZEL_APP_DIR");
+    Parsed parsed = Parse({});
+    EXPECT_FALSE(parsed.go);
+    EXPECT_EQ(kExitUsage, parsed.code);
+    for (const char* part : {"systemctl start tervane", "--app-dir DIRECTORY", "tervanectl status", "--help"}) {
+        EXPECT_NE(std::string::npos, parsed.text.find(part)) << part;
+    }
+    setenv("ZEL_APP_DIR", "/tmp", 1);
+    EXPECT_TRUE(Parse({}).go) << "a directory by the environment is a wish";
+    unsetenv("ZEL_APP_DIR");
 }
 
 TEST(OptionsTest, ANameInOtherLettersIsNotTheMainProcess) {

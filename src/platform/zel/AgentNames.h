@@ -23,6 +23,13 @@ constexpr char kMainGroup[] = "main";
 constexpr char kGuardGroup[] = "guard";
 constexpr char kCollectGroup[] = "collect-defense";
 
+// --- directories ----------------------------------------------------------------------------------------------------
+
+/// Application directory where none is named.
+constexpr char kDefaultAppDir[] = "/var/lib/tervane";
+/// Where the files of an administrator are that the default application directory has none of in its conf/.
+constexpr char kAdminConfDir[] = "/etc/tervane";
+
 // --- files, each with the slash that joins it to its directory ------------------------------------------------------
 
 /// Below the global configuration directory: which component belongs into which group, with what quota.

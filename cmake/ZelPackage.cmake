@@ -1,0 +1,68 @@
+# Debian packages of the installation: libzelmonitor0, libzelmonitor-dev, tervane. `make package`; the build that they
+# are made of may be any.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_VENDOR "the zelMonitor project")
+set(CPACK_PACKAGE_CONTACT "zelMonitor maintainers <maintainers@zelmonitor.invalid>")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
+# Staged below a directory of its own, with the prefix of a distribution's package.
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/ZelPackageTidy.cmake)
+set(CPACK_ZEL_SOURCE ${PROJECT_SOURCE_DIR})
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
+set(CPACK_COMPONENTS_ALL libraries development agent configuration)
+
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(CPACK_DEBIAN_LIBZELMONITOR0_PACKAGE_NAME libzelmonitor0)
+set(CPACK_DEBIAN_LIBZELMONITOR0_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_LIBZELMONITOR0_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/triggers)
+set(CPACK_DEBIAN_LIBZELMONITOR0_PACKAGE_RECOMMENDS libcurl4)  # loaded by name where events go out by HTTP
+set(CPACK_DEBIAN_LIBZELMONITOR0_DESCRIPTION "resource monitor for host agents - libraries
+Keeps the processes of a host agent inside a budget of CPU and memory by
+control groups, tells worker threads when to hold back, notices kills for
+want of memory, and watches the host for memory pressure, swapping and full
+disks.")
+
+set(CPACK_DEBIAN_LIBZELMONITOR-DEV_PACKAGE_NAME libzelmonitor-dev)
+set(CPACK_DEBIAN_LIBZELMONITOR-DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_LIBZELMONITOR-DEV_PACKAGE_DEPENDS "libzelmonitor0 (= ${PROJECT_VERSION}-1)")
+set(CPACK_DEBIAN_LIBZELMONITOR-DEV_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_LIBZELMONITOR-DEV_DESCRIPTION "resource monitor for host agents - development files
+Headers, CMake package and pkg-config file of the resource monitor, for
+those who embed it in an agent of their own.")
+
+set(CPACK_DEBIAN_TERVANE_PACKAGE_NAME tervane)
+set(CPACK_DEBIAN_TERVANE_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_TERVANE_PACKAGE_RECOMMENDS libcurl4)
+set(CPACK_DEBIAN_TERVANE_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_SOURCE_DIR}/packaging/debian/conffiles
+  ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
+  ${PROJECT_SOURCE_DIR}/packaging/debian/prerm
+  ${PROJECT_SOURCE_DIR}/packaging/debian/postrm)
+set(CPACK_DEBIAN_TERVANE_DESCRIPTION "host agent that stays inside its budget
+Runs the components of a host agent in a tree of control groups with a quota
+of CPU and memory for each, starts those again that end, tells why they
+ended, and reports what the host runs short of. With its console tervanectl.")
+
+# Each package has a summary of its own in the first line of its description.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
+include(CPack)
+cpack_add_component_group(libzelmonitor0)
+cpack_add_component_group(libzelmonitor-dev)
+cpack_add_component_group(tervane)
+cpack_add_component(libraries GROUP libzelmonitor0)
+cpack_add_component(development GROUP libzelmonitor-dev)
+cpack_add_component(agent GROUP tervane)
+cpack_add_component(configuration GROUP tervane)
