@@ -8,7 +8,10 @@
 #   make bench               build and measure every figure of docs/PERFORMANCE.md, beside a floor and peers
 #   make bench-peers         the same, after installing the peers from Debian without starting their services
 #   make bench-scale         what one more group, component, thread, descriptor and event costs, as a plot in docs/
-#   make install [PREFIX=]   install libraries, headers, agent, unit file and man pages
+#   make package             Debian packages in build/package/packages: libzelmonitor0, libzelmonitor-dev, tervane
+#   make install [PREFIX=]   install libraries, headers, agent, unit file and man pages, and the sample configuration in
+#                            /etc/tervane where there is none (DESTDIR= is heeded)
+#   make uninstall           take away what that has installed, and no more
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 FOR ?=
@@ -17,7 +20,7 @@ ARGS ?=
 ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel AllFuzzers RuntimeBaseTests
 TSAN_QUICK = UnitCore UnitLimits RuntimeBaseTests RuntimeUtilTests RuntimeIpcTests
 
-.PHONY: all run test test-all lint sanitize sanitize-module mutate mutate-sample bench bench-peers bench-scale fuzz install clean deps deps-build
+.PHONY: all run test test-all lint sanitize sanitize-module mutate mutate-sample bench bench-peers bench-scale fuzz package install uninstall clean deps deps-build
 
 all: deps
 	cmake --preset dev
@@ -98,6 +101,22 @@ install: deps-build
 	cmake --preset release -DCMAKE_INSTALL_PREFIX=$(PREFIX)
 	cmake --build --preset release -j $(JOBS)
 	cmake --install build/release
+	cp build/release/install_manifest.txt build/release/installed.txt
+	install -d -m 0755 "$(DESTDIR)/etc/tervane"
+	for file in resource_config components.json agent.json; do \
+	  [ -e "$(DESTDIR)/etc/tervane/$$file" ] || install -m 0640 agent/conf/$$file "$(DESTDIR)/etc/tervane/$$file"; \
+	done
+
+uninstall:
+	@[ -e build/release/installed.txt ] || { echo "uninstall: this tree has installed nothing"; exit 1; }
+	sed "s|^|$(DESTDIR)|" build/release/installed.txt | tr '\n' '\0' | xargs -0 rm -f
+	rm build/release/installed.txt
+	@echo "uninstall: configuration in /etc/tervane and state in /var/lib/tervane are left; remove them by hand"
+
+package: deps-build
+	cmake --preset package
+	cmake --build --preset package -j $(JOBS)
+	cd build/package && cpack
 
 clean:
 	rm -rf build

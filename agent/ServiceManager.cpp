@@ -19,12 +19,12 @@ namespace {
 
 constexpr int64_t kUsPerSecond = 1000 * 1000;
 
-/// Returns: a variable's value, which is gone from the environment then.
-std::string Take(const char* name) {
-    const char* value = getenv(name);
-    std::string taken = value == nullptr ? "" : value;
-    unsetenv(name);
-    return taken;
+constexpr char kSocketVariable[] = "NOTIFY_SOCKET";
+constexpr char kPeriodVariable[] = "WATCHDOG_USEC";
+constexpr char kWatchedVariable[] = "WATCHDOG_PID";
+
+std::string TextOf(const char* value) {
+    return value == nullptr ? "" : value;
 }
 
 /// Returns: how often to be heard, twice in the manager's period; 0 when it does not watch this process.
@@ -36,9 +36,9 @@ int64_t WatchdogRhythm(const std::string& period, const std::string& pid) {
 
 }  // namespace
 
-ServiceManager::ServiceManager() : m_address(Take("NOTIFY_SOCKET")) {
-    const std::string period = Take("WATCHDOG_USEC");
-    m_everySeconds = WatchdogRhythm(period, Take("WATCHDOG_PID"));
+ServiceManager::ServiceManager() : m_address(TextOf(getenv(kSocketVariable))) {
+    m_everySeconds = WatchdogRhythm(TextOf(getenv(kPeriodVariable)), TextOf(getenv(kWatchedVariable)));
+    for (const char* name : {kSocketVariable, kPeriodVariable, kWatchedVariable}) unsetenv(name);
     // A path, or a name that is no file's, which has a null byte in front.
     const bool usable = m_address.size() > 1 && m_address.size() < sizeof sockaddr_un::sun_path &&
                         (m_address[0] == '/' || m_address[0] == '@');

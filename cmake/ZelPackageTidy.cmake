@@ -1,29 +1,34 @@
-# Run by cpack on each staged package: what Debian expects beside the files themselves, and paths that only a tree that
-# may be moved needs.
-file(GLOB packages LIST_DIRECTORIES true ${CPACK_TEMPORARY_DIRECTORY}/*)
+# Run by cpack on the staged packages: what Debian expects beside the files themselves, and without the paths that only a
+# tree that may be moved needs.
+
+# found(RESULT arguments of find ...)
+function(found result)
+  execute_process(COMMAND find ${CPACK_TEMPORARY_DIRECTORY} ${ARGN} OUTPUT_VARIABLE text COMMAND_ERROR_IS_FATAL ANY)
+  string(REGEX REPLACE "\n$" "" text "${text}")
+  string(REPLACE "\n" ";" text "${text}")
+  set(${result} "${text}" PARENT_SCOPE)
+endfunction()
+
+found(programs -type f ( -name *.so.* -o -path */usr/sbin/* ))
+foreach(program ${programs})
+  file(RPATH_REMOVE FILE ${program})
+endforeach()
+found(pages -type f -path */usr/share/man/man* -not -name *.gz)
+foreach(page ${pages})
+  execute_process(COMMAND gzip -9n ${page} COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
+
+set(VERSION ${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
+execute_process(COMMAND git -C ${CPACK_ZEL_SOURCE} log -1 --format=%cD OUTPUT_VARIABLE DATE
+  OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+if(NOT DATE)  # not a checkout
+  execute_process(COMMAND date -R OUTPUT_VARIABLE DATE OUTPUT_STRIP_TRAILING_WHITESPACE)
+endif()
+found(packages -mindepth 1 -maxdepth 1 -type d)
 foreach(staged ${packages})
-  if(NOT IS_DIRECTORY ${staged}/usr)
-    continue()
-  endif()
   get_filename_component(PACKAGE ${staged} NAME)
-  file(GLOB_RECURSE programs ${staged}/usr/*.so.* ${staged}/usr/sbin/*)
-  foreach(program ${programs})
-    if(NOT IS_SYMLINK ${program})
-      file(RPATH_REMOVE FILE ${program})
-    endif()
-  endforeach()
-  file(GLOB_RECURSE pages ${staged}/usr/share/man/*.[1-8])
-  foreach(page ${pages})
-    execute_process(COMMAND gzip -9nf ${page} COMMAND_ERROR_IS_FATAL ANY)
-  endforeach()
   set(doc ${staged}/usr/share/doc/${PACKAGE})
   configure_file(${CPACK_ZEL_SOURCE}/packaging/debian/copyright ${doc}/copyright COPYONLY)
-  set(VERSION ${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
-  execute_process(COMMAND git -C ${CPACK_ZEL_SOURCE} log -1 --format=%cD OUTPUT_VARIABLE DATE
-    OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
-  if(NOT DATE)
-    execute_process(COMMAND date -R OUTPUT_VARIABLE DATE OUTPUT_STRIP_TRAILING_WHITESPACE)
-  endif()
   configure_file(${CPACK_ZEL_SOURCE}/packaging/debian/changelog.in ${doc}/changelog.Debian @ONLY)
   execute_process(COMMAND gzip -9nf ${doc}/changelog.Debian COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
