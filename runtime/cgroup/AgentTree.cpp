@@ -259,19 +259,36 @@ Status RemoveTree(const Branch& branch) {
     return GiveBackBase(branch);
 }
 
+namespace {
+
+/// One pass over the hierarchies. Returns: whether nothing of ours is left that it knows of.
+bool RemoveTrees(std::string& error) {
+    error.clear();
+    const auto note = [&error](const Error& problem) { error += (error.empty() ? "" : "; ") + problem.Text(); };
+    const Branches branches = FindBranches();
+    size_t seen = 0;
+    for (const std::shared_ptr<Branch>& branch : branches.all) {
+        if (!branch->placement) continue;
+        if (HasKeptPlace(branch->hierarchy)) ++seen;
+        const Status removed = RemoveTree(*branch);
+        // A group of that name that is not ours is nothing that we left behind.
+        if (!removed && removed.GetError().kind != ErrorKind::kNotFound) note(removed.GetError());
+    }
+    // Where nothing can be made nothing was made, unless that was otherwise before.
+    if (seen == CountKeptPlaces()) return error.empty();
+    for (const Controller controller : kAllControllers) {
+        const std::shared_ptr<Branch>& branch = branches.of[controller];
+        if (!branch || !branch->placement) note(branch ? branch->error : branches.errors[controller]);
+    }
+    return error.empty();
+}
+
+}  // namespace
 }  // namespace cgroup
 
 bool RemoveAgentCgroupTree(std::string& error) {
-    error.clear();
-    for (const std::shared_ptr<cgroup::Branch>& branch : cgroup::FindBranches().all) {
-        if (!branch->placement) continue;
-        cgroup::Status removed = cgroup::RemoveTree(*branch);
-        // A group of that name that is not ours is nothing that we left behind.
-        if (removed || removed.GetError().kind == cgroup::ErrorKind::kNotFound) continue;
-        if (!error.empty()) error += "; ";
-        error += removed.GetError().Text();
-    }
-    return error.empty();
+    // Once more where something is left: a call that failed for a moment is no reason to leave groups for ever.
+    return cgroup::RemoveTrees(error) || cgroup::RemoveTrees(error);
 }
 
 }  // namespace zel

@@ -252,6 +252,18 @@ void KeepPlace(const Branch& branch) {
     ProcessBranches().Begin();
 }
 
+size_t CountKeptPlaces() {
+    KeptPlaces& all = ProcessPlaces();
+    const base::MutexLock lock(all.mutex);
+    const std::string name = AgentGroupName();
+    return static_cast<size_t>(std::count_if(all.places.begin(), all.places.end(),
+                                             [&](const auto& place) { return std::get<2>(place.first) == name; }));
+}
+
+bool HasKeptPlace(const Hierarchy& hierarchy) {
+    return !KeptPlaceOf(hierarchy).path.empty();
+}
+
 Result<GroupDir> OpenTree(const Branch& branch) {
     if (!branch.placement) return branch.error;
     return OpenOwnChild(branch.placement->base, AgentGroupName());

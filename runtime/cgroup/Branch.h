@@ -51,6 +51,10 @@ void ForgetBranches();
 
 /// Notes that the tree is made here.
 void KeepPlace(const Branch& branch);
+/// Returns: in how many hierarchies this process has made its tree.
+size_t CountKeptPlaces();
+/// Returns: whether this is one of them.
+bool HasKeptPlace(const Hierarchy& hierarchy);
 
 /// Opens the agent's parent group. kNotFound: there is no tree.
 Result<GroupDir> OpenTree(const Branch& branch);

@@ -453,6 +453,26 @@ TEST_F(CgroupManagerTest, NeverTouchesAGroupThatItDidNotMake) {
     ASSERT_EQ(0, rmdir(foreign.c_str()));
 }
 
+// Whichever of its opens fails, once: nothing of the tree is left.
+TEST_F(CgroupManagerTest, GoesAwayThoughAnyOneOpenFails) {
+    bool reached = true;
+    int nth = 0;
+    while (reached && ++nth < 1000 && !HasFailure()) {
+        ASSERT_TRUE(ReconcileWorked());
+        ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
+        std::string error;
+        {
+            const faults::Failing failing(faults::Call::kOpenat, EMFILE, nth);
+            EXPECT_TRUE(zel::RemoveAgentCgroupTree(error)) << error;
+            reached = failing.Calls() >= nth;
+        }
+        EXPECT_FALSE(Exists(cpuTree)) << nth;
+        EXPECT_FALSE(Exists(memTree)) << nth;
+    }
+    EXPECT_FALSE(reached) << "the last of them went through undisturbed";
+    EXPECT_GT(nth, 10);
+}
+
 TEST_F(CgroupManagerTest, LiftsTheLimitsAroundAStrangerAtTheEnd) {
     ASSERT_TRUE(ReconcileWorked());
     ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
