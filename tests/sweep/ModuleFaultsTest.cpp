@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <ostream>
 #include <random>
 
 #include "platform/zel/CgroupClient.h"
@@ -50,6 +51,10 @@ const Scenario kScenarios[] = {
     {"a component", false, false, false, false, {13, 13, 5, 13, 9, 5}, {10, 20, 20, 10, 10, 10}},
     {"a component on version 2", false, true, false, false, {5, 13, 13, 5, 13, 13}, {10, 20, 20, 10, 10, 10}},
 };
+
+std::ostream& operator<<(std::ostream& out, const Scenario& scenario) {
+    return out << scenario.name;
+}
 
 void Broadcast(const std::string&, const std::string&) {}
 

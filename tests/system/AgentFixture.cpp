@@ -154,7 +154,7 @@ int ExitCodeOf(int status) {
 }
 
 Child Spawn(const std::vector<std::string>& words, const std::map<std::string, std::string>& environment,
-            const std::string& outputPath) {
+            const std::string& outputPath, const std::function<void()>& before) {
     Child child;
     child.m_outputPath = outputPath;
     std::vector<char*> argv;
@@ -176,6 +176,7 @@ Child Spawn(const std::vector<std::string>& words, const std::map<std::string, s
             setenv(variable.first.c_str(), variable.second.c_str(), 1);
         }
     }
+    if (before) before();
     execvp(argv[0], argv.data());
     perror(argv[0]);
     _exit(127);

@@ -66,15 +66,17 @@ public:
     std::string Output() const { return ReadText(m_outputPath); }
 
 private:
-    friend Child Spawn(const std::vector<std::string>&, const std::map<std::string, std::string>&, const std::string&);
+    friend Child Spawn(const std::vector<std::string>&, const std::map<std::string, std::string>&, const std::string&,
+                       const std::function<void()>&);
     pid_t m_pid = -1;
     int m_status = -1;
     std::string m_outputPath;
 };
 
-/// Starts a program with the given variables added to the environment; an empty value removes the variable.
+/// Starts a program with the given variables added to the environment; an empty value removes the variable. `before`
+/// runs in the child, right before its exec.
 Child Spawn(const std::vector<std::string>& words, const std::map<std::string, std::string>& environment,
-            const std::string& outputPath);
+            const std::string& outputPath, const std::function<void()>& before = {});
 int ExitCodeOf(int status);
 
 /// Returns: whether the text is JSON; the value is left alone otherwise.
