@@ -1096,6 +1096,60 @@ TEST_F(OsAbnormalMonitorTest, ComputesSwapRatesBeyond32BitsAnd2038) {
     }
 }
 
+// Of the ticks beyond 32 bits the lower half falls on checks that the whole does not.
+TEST_F(OsAbnormalMonitorTest, ChecksAreDueByTheWholeTick) {
+    constexpr unsigned long kLowerHalfIsZero = 1UL << 32;
+    monitor().CheckOsAbnormal(kLowerHalfIsZero);
+    EXPECT_EQ(Strings(), journal());
+    EXPECT_FALSE(monitor().m_initialised);
+    monitor().CheckOsAbnormal(5 * kLowerHalfIsZero);
+    EXPECT_EQ(Strings({kMemory}), journal());
+    EXPECT_FALSE(monitor().m_initialised);
+}
+
+TEST_F(OsAbnormalMonitorTest, ConfigurationThatGoesMeanwhileIsDefault) {
+    ShortOfMemory();
+    monitor().m_lastReportTick = 91;
+    platform().keepInJournal = [](const std::string& line) {
+        if (line == kMemory) doubles::ForgetOnlineConf();
+        return true;
+    };
+    EXPECT_FALSE(Sends(95)) << "the interval is 90 ticks without it";
+    platform().keepInJournal = nullptr;
+}
+
+TEST_F(OsAbnormalMonitorTest, SampleOfTheFirstSecondsIsASample) {
+    monitor().m_lastSwapTime = 1;
+    platform().now = 3;
+    Json::Value out(Json::objectValue);
+    EXPECT_FALSE(monitor().FetchSwapIndexIncrement(out));
+    EXPECT_EQ(Strings({kVmstat}), journal());
+    EXPECT_EQ(3, monitor().m_lastSwapTime);
+}
+
+TEST_F(OsAbnormalMonitorTest, FirstSampleHoldsWhileTheSecondIsAwaited) {
+    monitor().m_lastSwapTime = 0;
+    monitor().m_prevSwapIndex.clear();
+    platform().onSleep = [&](unsigned int) {
+        EXPECT_EQ(kNow, monitor().m_lastSwapTime);
+        EXPECT_EQ(11u, monitor().m_prevSwapIndex.size());
+    };
+    Json::Value out(Json::objectValue);
+    EXPECT_FALSE(monitor().FetchSwapIndexIncrement(out));
+    EXPECT_EQ(Strings({kVmstat, kSecond, kVmstat}), journal());
+}
+
+TEST_F(OsAbnormalMonitorTest, StandingClockIsAnErrorAfter2038Too) {
+    for (const time_t now : {time_t{2147483648}, time_t{4294967290}, time_t{4294967297}}) {
+        monitor().m_lastSwapTime = now + 5;
+        platform().now = now;
+        Json::Value out(Json::objectValue);
+        EXPECT_FALSE(monitor().FetchSwapIndexIncrement(out));
+        EXPECT_EQ("fetch time error", out["error"].asString()) << now;
+        EXPECT_EQ(now + 5, monitor().m_lastSwapTime);
+    }
+}
+
 // A child of its own, because the alarm belongs to the process: the first one after loading is new.
 TEST(OsAbnormalAlarmDeathTest, AlarmIsDownAfterLoading) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
