@@ -42,11 +42,13 @@ OPERATORS = ("relational", "arithmetic", "width", "term-dropped", "negated", "sw
 class Mutant:
     """One fault: where it is, what it does, and the file's text with it."""
 
-    def __init__(self, file, function, operator, ordinal, digest, edits, line, mangled, scope):
+    def __init__(self, file, function, operator, ordinal, digest, edits, line, mangled, scope, body):
         self.file, self.function, self.operator = file, function, operator
         self.edits, self.line = edits, line
         self.mangled = mangled  # of the function that has to run for a test to notice; None: unknown, any test may
         self.scope = scope  # the class whose constructors hold the fault, for a member's first value
+        # Byte range of the function's body where all edits lie in one that may exist more than once; else None
+        self.body = body if body and all(body[0] <= e[0] and e[1] <= body[1] for e in edits) else None
         self.key = "%s:%s:%s#%s" % (file, function, operator, digest)
         self.id = "%s:%s:%s:%d#%s" % (file, function, operator, ordinal, digest)
 
@@ -134,7 +136,7 @@ class Reader:
         base.update(b"%d" % self.digests[base.digest()])
         self.counts[where[0], operator] += 1
         self.found.append(Mutant(self.name, where[0], operator, self.counts[where[0], operator], base.hexdigest()[:8],
-                                 edits, self.source.count(b"\n", 0, first) + 1, where[1], where[2]))
+                                 edits, self.source.count(b"\n", 0, first) + 1, where[1], where[2], where[3]))
 
     def mutants(self):
         for node in self.unit.cursor.get_children():
@@ -154,7 +156,7 @@ class Reader:
                 self.outer(child, inner)
         elif node.kind in (K.VAR_DECL, K.FIELD_DECL):
             where = ((scope + "::" if scope else "") + node.spelling, None,
-                     scope if node.kind == K.FIELD_DECL else None)
+                     scope if node.kind == K.FIELD_DECL else None, None)
             for child in node.get_children():
                 self.expression(child, where, node)
 
@@ -171,7 +173,7 @@ class Reader:
         template = node.kind == K.FUNCTION_TEMPLATE or (parent is not None and K.CLASS_TEMPLATE in (
             p.kind for p in ancestors(node)))
         mangled = None if template or re.search(r"\bconstexpr\b", head) else node.mangled_name
-        where = (re.sub(r"\s+", "_", "::".join(names)), mangled, None)
+        where = (re.sub(r"\s+", "_", "::".join(names)), mangled, None, self.span(body) if mangled else None)
         for child in node.get_children():
             if child.kind == K.COMPOUND_STMT:
                 self.block(child, where, node)

@@ -76,6 +76,7 @@ struct FakeFiles {
     std::set<std::string> alsoFiles;  ///< IsFile answers true although nothing is there
     std::set<std::string> failRead, failWrite, failRemove, failRename;
     bool failedReadLeavesLines = false;  ///< ReadFileLineToList hands over what it has before it fails
+    bool failedReadLeavesText = false;   ///< ReadFullFile likewise
     std::set<std::string> existing;      ///< paths for which access(F_OK) succeeds besides `content`
     bool realIsFile = false;             ///< IsFile asks the real file system too
 };

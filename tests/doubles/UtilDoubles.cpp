@@ -150,8 +150,11 @@ bool CFileUtil::ReadFileLineToList(const std::string& path, std::list<std::strin
 bool CFileUtil::ReadFullFile(const std::string& path, std::string& text, unsigned long limit) {
     P().Record(Format("CFileUtil::ReadFullFile(%s,%lu)", path.c_str(), limit));
     auto found = P().files.content.find(path);
-    if (found == P().files.content.end() || P().files.failRead.count(path) != 0) return false;
-    if (found->second.size() > limit) return false;
+    if (found == P().files.content.end()) return false;
+    if (P().files.failRead.count(path) != 0 || found->second.size() > limit) {
+        if (P().files.failedReadLeavesText) text = found->second;
+        return false;
+    }
     text = found->second;
     return true;
 }

@@ -224,6 +224,15 @@ TEST_F(OomWatermarkTest, UnreadableFileIsNoWatermark) {
     EXPECT_EQ(Lines({"CFileUtil::IsFile(" + kPath + ")", "CFileUtil::ReadFullFile(" + kPath + ",65536)"}), journal());
 }
 
+TEST_F(OomWatermarkTest, WhatAFailedReadLeftBehindIsNoWatermark) {
+    platform().files.content[kPath] = FormatOomWatermark({Counters("main", "/p", false, false, 1, 2, 3)});
+    platform().files.failRead.insert(kPath);
+    platform().files.failedReadLeavesText = true;
+    OomWatermarkMap map{{"old", {1, 2, 3}}};
+    EXPECT_FALSE(ReadOomWatermarkFile(kPath, map));
+    EXPECT_TRUE(map.empty());
+}
+
 TEST_F(OomWatermarkTest, FileUpToTheBoundIsReadAndALongerOneIsNot) {
     std::string text = FormatOomWatermark({Counters("main", "/p", false, false, 1, 2, 3)});
     text.insert(0, 65536 - text.size(), ' ');
@@ -302,6 +311,12 @@ TEST_F(OomWatermarkTest, ItemsAreReadLeniently) {
          "k=0/0/0 "},
         {"{\"items\":{\"k\":{\"oom_kill\":-9223372036854775809,\"oom\":1e300,\"oom_group_kill\":-1e300}}}",
          "k=-9223372036854775808/0/0 "},
+        // the numbers with a fraction next to the ends
+        {"{\"items\":{\"k\":{\"oom_kill\":9223372036854775808.0,\"oom\":-9223372036854775808.0,"
+         "\"oom_group_kill\":9223372036854774784.0}}}",
+         "k=0/-9223372036854775808/9223372036854774784 "},
+        {"{\"items\":{\"k\":{\"oom_kill\":9.25e18,\"oom\":-9.25e18,\"oom_group_kill\":9.2e18}}}",
+         "k=0/0/9200000000000000000 "},
         // the last of two equal names
         {"{\"items\":{\"k\":{\"oom\":1},\"k\":{\"oom\":2,\"oom\":3}}}", "k=0/3/0 "},
         {"{\"items\":[],\"items\":{\"k\":{\"oom\":1}}}", "k=0/1/0 "},

@@ -666,6 +666,17 @@ TEST_F(UnifiedModeTest, TheComparisonIsWithTheEffectiveCpu) {
     EXPECT_EQ(Lines({kSolaris}), journal());
 }
 
+TEST_F(UnifiedModeTest, ComparesAnEffectiveCpuBeyond32Bits) {
+    Enable(true, true);
+    platform().base.solaris = true;
+    platform().kernel.configuredCpus = 1L << 32;
+    EXPECT_TRUE(pri().InitMultiCgroup(13, 10, 200));
+    EXPECT_EQ("13 38654705664 200", Remembered());
+    journal();
+    EXPECT_TRUE(pri().UpdateMultiCgroup(13, 10, 200));
+    EXPECT_EQ(Lines({kSolaris, "sysconf(_SC_NPROCESSORS_CONF)"}), journal());
+}
+
 TEST_F(UnifiedModeTest, EachOfModeCpuAndMemoryAloneIsAChange) {
     struct {
         int mode;
