@@ -483,6 +483,24 @@ TEST_F(CgroupOomTest, SecondReportNeedsThreeHundredSeconds) {
     EXPECT_EQ(1700005000, pri().m_lastRuntimeOomReportTime);
 }
 
+TEST_F(CgroupOomTest, OneReadingOfTheClockDecidesAndIsKept) {
+    platform().manager.poll.Always({Counters("guard", false, true, 1, 1, 1)});
+    platform().journalTime = true;
+    platform().keepInJournal = [&](const std::string& line) {
+        if (line == "time()") ++platform().now;
+        return true;
+    };
+    platform().now = 1700000000;
+    pri().m_lastRuntimeOomReportTime = 1700000001 - 299;  // a reading later it would be over
+    pri().CheckMultiCgroupOom();
+    EXPECT_TRUE(platform().sent.empty());
+    platform().now = 1700001000;
+    pri().CheckMultiCgroupOom();
+    EXPECT_EQ(1u, platform().sent.size());
+    EXPECT_EQ(1700001001, pri().m_lastRuntimeOomReportTime);
+    platform().keepInJournal = nullptr;
+}
+
 TEST_F(CgroupOomTest, HeldBackItemsAreDroppedNotQueued) {
     platform().manager.poll.Then({Counters("a", false, true, 1, 1, 1)});
     platform().manager.poll.Then({Counters("b", false, true, 1, 1, 1)});

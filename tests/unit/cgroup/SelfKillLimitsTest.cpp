@@ -59,6 +59,16 @@ TEST_F(SelfKillLimitsTest, SettingClientLogsItsAddressEvenWhenNull) {
         journal());
 }
 
+TEST_F(SelfKillLimitsTest, ClientIsSetWhenItIsLogged) {
+    platform().keepInJournal = [&](const std::string&) {
+        EXPECT_EQ(&m_client, pri().m_cgroupClient);
+        return true;
+    };
+    pri().SetCgroupClient(&m_client);
+    platform().keepInJournal = nullptr;
+    EXPECT_EQ(1u, journal().size());
+}
+
 TEST_F(SelfKillLimitsTest, NotifyCallsTheCallbackBeforeItLogs) {
     pri().SetIpcBroadcastCallback(RecordBroadcast);
     pri().NotifyCgroupConfigChanged();

@@ -220,6 +220,43 @@ TEST_F(UnifiedExitTest, DisabledHoldsWhenTheOthersAreTold) {
     EXPECT_EQ(Lines({"active=1 last=13 9 200 legacy=forgotten"}), m_broadcasts);
 }
 
+TEST_F(UnifiedExitTest, QuotaIsClearedBeforeTheGroupIsLeft) {
+    for (const bool fallback : {true, false}) {
+        if (pri().m_cgroupManager == nullptr) HaveManager();
+        HaveSelfKillQuota();
+        int looks = 0;
+        platform().keepInJournal = [&](const std::string& line) {
+            if (line == (fallback ? kResetOom : kReconcileOff)) {
+                ++looks;
+                EXPECT_TRUE(SelfKillQuotaCleared()) << line;
+            }
+            return true;
+        };
+        if (fallback) {
+            pri().EnterLegacyFallback(m_groups);
+        } else {
+            pri().EnterUnifiedDisabled(m_groups);
+        }
+        platform().keepInJournal = nullptr;
+        EXPECT_EQ(1, looks) << fallback;
+    }
+}
+
+TEST_F(UnifiedExitTest, DisabledIsActiveOnceTheLegacyLimitsAreOff) {
+    HaveManager();
+    pri().m_unifiedActive = false;
+    std::string seen;
+    platform().keepInJournal = [&](const std::string& line) {
+        if (line.find("StopCpuLimit") != std::string::npos || line == kBroadcast) {
+            seen += pri().m_unifiedActive ? "active " : "not yet ";
+        }
+        return true;
+    };
+    EXPECT_TRUE(pri().EnterUnifiedDisabled(m_groups));
+    platform().keepInJournal = nullptr;
+    EXPECT_EQ("not yet active ", seen);
+}
+
 TEST_F(UnifiedExitTest, DisabledTakesPlaceOfItsFileAfterTheReconcile) {
     HaveManager();
     platform().keepInJournal = [this](const std::string& line) {

@@ -672,6 +672,8 @@ TEST_F(UnifiedModeTest, ComparesAnEffectiveCpuBeyond32Bits) {
     platform().kernel.configuredCpus = 1L << 32;
     EXPECT_TRUE(pri().InitMultiCgroup(13, 10, 200));
     EXPECT_EQ("13 38654705664 200", Remembered());
+    ASSERT_FALSE(platform().manager.lastGroups.empty());
+    EXPECT_EQ(21474836, platform().manager.lastGroups[0].cpuLimitPercent) << "the most that fits";
     journal();
     EXPECT_TRUE(pri().UpdateMultiCgroup(13, 10, 200));
     EXPECT_EQ(Lines({kSolaris, "sysconf(_SC_NPROCESSORS_CONF)"}), journal());
