@@ -173,7 +173,7 @@ class Reader:
         template = node.kind == K.FUNCTION_TEMPLATE or (parent is not None and K.CLASS_TEMPLATE in (
             p.kind for p in ancestors(node)))
         mangled = None if template or re.search(r"\bconstexpr\b", head) else node.mangled_name
-        where = (re.sub(r"\s+", "_", "::".join(names)), mangled, None, self.span(body) if mangled else None)
+        where = (re.sub(r"\s+", "_", "::".join(names)), mangled, None, None if template else self.span(body))
         for child in node.get_children():
             if child.kind == K.COMPOUND_STMT:
                 self.block(child, where, node)

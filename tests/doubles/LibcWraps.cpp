@@ -25,10 +25,9 @@ time_t __wrap_time(time_t* out) {
 int __wrap_uname(struct utsname* name) {
     P().Record("uname()");
     ++P().kernel.unameCalls;
-    if (P().kernel.unameResult != 0) return P().kernel.unameResult;
     memset(name, 0, sizeof *name);
     strncpy(name->release, P().kernel.release.c_str(), sizeof name->release - 1);
-    return 0;
+    return P().kernel.unameResult;  // also what a failed call left behind is none of the caller's
 }
 
 long __wrap_sysconf(int name) {

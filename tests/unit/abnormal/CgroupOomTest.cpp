@@ -98,6 +98,16 @@ TEST_F(CgroupOomTest, ReportIsHeldBackThreeHundredSecondsAfterLast) {
     for (const auto& c : cases) EXPECT_EQ(c.heldBack, IsRuntimeOomReportHeldBack(c.now, c.last)) << c.now;
 }
 
+TEST_F(CgroupOomTest, DecisionsTakeWideValuesWhole) {
+    constexpr int64_t kWide = 1L << 32;
+    EXPECT_TRUE(IsOomKillIncrease(kWide, 0));
+    EXPECT_TRUE(IsOomKillIncrease(0, kWide));
+    EXPECT_TRUE(IsRuntimeOomReportHeldBack(kWide + 10, kWide));
+    EXPECT_FALSE(IsRuntimeOomReportHeldBack(2 * kWide, kWide));
+    EXPECT_FALSE(IsRuntimeOomReportHeldBack(kWide + 5, 10));
+    EXPECT_TRUE(IsRuntimeOomReportHeldBack(kWide + 10, kWide + 5));
+}
+
 // --- the message ---
 
 TEST_F(CgroupOomTest, ReportSendsTypeProcessTimeAndItems) {

@@ -132,6 +132,24 @@ TEST_F(OsAbnormalDataBaseTest, NextDayRotatesBeforeTheInsert) {
     store().Close();
 }
 
+TEST_F(OsAbnormalDataBaseTest, MidnightWhileItRotatesIsTheNextOpens) {
+    EXPECT_TRUE(store().OpenDb(true));
+    store().Close();
+    platform().dayOfMonth = 15;
+    platform().keepInJournal = [&](const std::string& line) {
+        if (line == kRename) platform().dayOfMonth = 16;
+        return true;
+    };
+    EXPECT_TRUE(store().OpenDb(true));
+    platform().keepInJournal = nullptr;
+    EXPECT_EQ(15, store().m_dayOfMonth) << "the day that was found to be another";
+    store().Close();
+    journal();
+    EXPECT_TRUE(store().OpenDb(true));
+    EXPECT_EQ(Lines({kIsLast, kRemoveLast, kRename, kIsCurrent, kOpen, kCreate}), journal());
+    store().Close();
+}
+
 TEST_F(OsAbnormalDataBaseTest, OnlyTheDayOfTheMonthIsCompared) {
     EXPECT_TRUE(store().OpenDb(true));
     store().Close();

@@ -1107,7 +1107,7 @@ TEST_F(OsAbnormalMonitorTest, ChecksAreDueByTheWholeTick) {
     EXPECT_FALSE(monitor().m_initialised);
 }
 
-TEST_F(OsAbnormalMonitorTest, ConfigurationThatGoesMeanwhileIsDefault) {
+TEST_F(OsAbnormalMonitorTest, ConfigurationThatWentIsTheDefault) {
     ShortOfMemory();
     monitor().m_lastReportTick = 91;
     platform().keepInJournal = [](const std::string& line) {
@@ -1116,6 +1116,70 @@ TEST_F(OsAbnormalMonitorTest, ConfigurationThatGoesMeanwhileIsDefault) {
     };
     EXPECT_FALSE(Sends(95)) << "the interval is 90 ticks without it";
     platform().keepInJournal = nullptr;
+}
+
+TEST_F(OsAbnormalMonitorTest, DecisionsTakeWideValuesWhole) {
+    constexpr uint64_t kWide = 1UL << 32;  // its lower half is 0
+    const struct {
+        uint64_t tick, last, interval;
+        bool sent;
+    } cases[] = {
+        {kWide + 100, 100, 200, true}, {150, 100, kWide + 10, false},     {kWide, kWide - 5, 10, false},
+        {8, 5, kWide + 4, false},      {kWide + 5, kWide + 3, 10, false}, {kWide + 5, 3, 10, true},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.sent, DecideSend(c.tick, c.last, c.interval, false, true, false).send) << c.tick << " " << c.last;
+    }
+    EXPECT_FALSE(DecideSend(kWide, kWide - 5, 3 * kWide, false, true, false).send);
+    EXPECT_EQ(kWide, EffectiveAvailableMemThreshold(static_cast<long>(kWide)));
+    EXPECT_EQ(kWide + 1, EffectiveReportIntervalTicks(static_cast<long>(kWide + 1)));
+    EXPECT_TRUE(IsSwapAlarm(kWide, 2));
+    EXPECT_FALSE(IsSwapAlarm(5, 2 * kWide));
+    EXPECT_TRUE(IsMemoryShort(50, 0, 0)) << "none at all is short of any threshold";
+}
+
+TEST_F(OsAbnormalMonitorTest, RatesAndReadingsAreTakenWhole) {
+    constexpr unsigned long kWide = 1UL << 32;
+    EXPECT_EQ(0u, ComputeSwapRates({{"a", 0}}, {{"a", 10}}, 1, {{"a", kWide + 5}}).reached);
+    EXPECT_EQ(1u, ComputeSwapRates({{"a", 0}}, {{"a", kWide}}, 1, {{"a", 1}}).reached);
+    EXPECT_EQ(1u, ComputeSwapRates({{"a", 0}}, {{"a", kWide + 1}}, kWide + 1, {}).rates["a"]);
+
+    platform().kernel.majorFaults.Always(static_cast<long>(kWide + 3));
+    platform().files.failRead.insert("/proc/vmstat");
+    platform().files.failedReadLeavesLines = true;
+    std::map<std::string, unsigned long> sample;
+    monitor().ReadSwapIndexForSwap(sample);
+    EXPECT_EQ((std::map<std::string, unsigned long>{{"maj_flt", kWide + 3}}), sample) << "and nothing half read";
+
+    platform().memory = {50, kWide};
+    Json::Value out(Json::objectValue);
+    int eventTime = 0;
+    bool swapAlarm = false;
+    EXPECT_FALSE(monitor().IsMemoryAbnormal(out, eventTime, swapAlarm));
+    platform().process.processMemory.Always(kWide);
+    EXPECT_TRUE(IsHighMem());
+}
+
+TEST_F(OsAbnormalMonitorTest, FirstSampleAfter2038AlarmsToo) {
+    for (const time_t now : {time_t{2147483647}, time_t{4294967297}}) {
+        monitor().m_lastSwapTime = 0;
+        platform().now = now;
+        platform().files.content["/proc/vmstat"] = Vmstat(0);
+        platform().onSleep = [&](unsigned int) { platform().files.content["/proc/vmstat"] = Vmstat(1000); };
+        Json::Value out(Json::objectValue);
+        EXPECT_TRUE(monitor().FetchSwapIndexIncrement(out)) << now;
+        EXPECT_EQ(1000u, out["pgmajfault"].asUInt64()) << now;
+        EXPECT_EQ(now + 1, monitor().m_lastSwapTime);
+    }
+    platform().onSleep = nullptr;
+    constexpr long kWide = 1L << 32;
+    monitor().m_lastSwapTime = 1;
+    monitor().m_prevSwapIndex = {{"pgmajfault", 0}};
+    platform().now = kWide + 2;
+    platform().files.content["/proc/vmstat"] = "pgmajfault " + std::to_string(kWide + 1) + "\n";
+    Json::Value out(Json::objectValue);
+    EXPECT_FALSE(monitor().FetchSwapIndexIncrement(out));
+    EXPECT_EQ(1u, out["pgmajfault"].asUInt64());
 }
 
 TEST_F(OsAbnormalMonitorTest, SampleOfTheFirstSecondsIsASample) {
@@ -1127,7 +1191,7 @@ TEST_F(OsAbnormalMonitorTest, SampleOfTheFirstSecondsIsASample) {
     EXPECT_EQ(3, monitor().m_lastSwapTime);
 }
 
-TEST_F(OsAbnormalMonitorTest, FirstSampleHoldsWhileTheSecondIsAwaited) {
+TEST_F(OsAbnormalMonitorTest, FirstSampleHoldsWhileSecondIsAwaited) {
     monitor().m_lastSwapTime = 0;
     monitor().m_prevSwapIndex.clear();
     platform().onSleep = [&](unsigned int) {

@@ -124,6 +124,35 @@ TEST_F(CgroupErrorRecordTest, TakesUnreadableOrEmptyFileForNoRecord) {
     EXPECT_TRUE(FileIsThere());
 }
 
+TEST_F(CgroupErrorRecordTest, WhatAFailedReadLeftBehindIsNoRecord) {
+    OnRecord(At(13, 1));
+    EXPECT_TRUE(pri().CheckCgroupError());
+    platform().files.failRead.insert(kPath);
+    platform().files.failedReadLeavesLines = true;
+    EXPECT_FALSE(pri().CheckCgroupError());
+    EXPECT_TRUE(FileIsThere());
+}
+
+TEST_F(CgroupErrorRecordTest, LineOfAnotherShapeTouchesNothing) {
+    for (const char* line : {"", "13", "13-1-2", "-", "--"}) {
+        int code = 7;
+        int64_t when = 8;
+        const bool two = std::string(line) == "-";
+        EXPECT_EQ(two, ParseCgroupError(line, code, when)) << line;
+        EXPECT_EQ(two ? 0 : 7, code) << line;
+        EXPECT_EQ(two ? 0 : 8, when) << line;
+    }
+}
+
+TEST_F(CgroupErrorRecordTest, AgesARecordAcross2038) {
+    OnRecord("13-2147483000");
+    platform().now = 2147483000L + 43199;
+    EXPECT_TRUE(pri().CheckCgroupError());
+    platform().now = 2147483000L + 43200;  // 32 bits would see the record in the future
+    EXPECT_FALSE(pri().CheckCgroupError());
+    EXPECT_FALSE(FileIsThere());
+}
+
 TEST_F(CgroupErrorRecordTest, JudgesARecordByItsCodeAndAge) {
     const std::vector<CheckCase> cases = {
         {"just written", At(13, 0), true, false},

@@ -73,6 +73,7 @@ TEST(LegacyLimitMathTest, LetsARetryThroughEvery600Seconds) {
         {-700, -100, true},
     };
     for (const Case& c : cases) EXPECT_EQ(c.due, IsLegacyCpuRetryDue(c.last, c.now)) << c.last << " " << c.now;
+    EXPECT_TRUE(IsLegacyCpuRetryDue((1L << 32) + 100, 200)) << "the lower halves are 100 seconds apart";
 }
 
 TEST(LegacyLimitMathTest, ShiftsKilobytesToBytesIn32Bits) {

@@ -65,6 +65,26 @@ TEST_F(LegacyLimitStateTest, MemoryDetachMakesTheLibraryForgetToo) {
     EXPECT_EQ(kMemForgotten, MemState());
 }
 
+TEST_F(LegacyLimitStateTest, ValuesAreForgottenAfterTheLibraryHas) {
+    std::string seen;
+    platform().keepInJournal = [&](const std::string& line) {
+        if (line == "ClearResourceLimitCpuCgroupState()") seen += CpuState() == kCpuFilled ? "cpu " : "";
+        if (line == "ClearResourceLimitMemCgroupState()") seen += MemState() == kMemFilled ? "mem " : "";
+        if (line == "IResourceLimitUtil::ReleaseLimits()") {
+            seen += CpuState() == kCpuFilled && MemState() == kMemFilled ? "both " : "";
+        }
+        return true;
+    };
+    pri().DetachLegacyCpuRuntimeState();
+    pri().DetachLegacyMemRuntimeState();
+    FillLegacyState();
+    pri().DisableLegacyCgroupLimitState("");
+    platform().keepInJournal = nullptr;
+    EXPECT_EQ("cpu mem both ", seen);
+    EXPECT_EQ(kCpuForgotten, CpuState());
+    EXPECT_EQ(kMemForgotten, MemState());
+}
+
 TEST_F(LegacyLimitStateTest, V2DetachChangesNothingOnAVersion1Host) {
     pri().DetachLegacyV2RuntimeState();
     EXPECT_EQ(Lines({"IsResourceLimitCpuCgroupV2Runtime()", "IsResourceLimitMemCgroupV2Runtime()"}), journal());
