@@ -1,28 +1,28 @@
-# What an installation puts where. Components: "libraries" is what programs that embed the module need to run,
-# "development" what they are built with, "agent" the agent and its console, "configuration" the administrator's files
+# What an installation puts where. Components: "lib" is what programs that embed the module need to run,
+# "dev" what they are built with, "agent" the agent and its console, "configuration" the administrator's files
 # in /etc, which only packages bring (cmake --install leaves /etc alone; `make install` copies what is not there yet).
 include(CMakePackageConfigHelpers)
 
 install(TARGETS zelSeam zelUtil zelHost zelMonitor EXPORT zelMonitorTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libraries NAMELINK_COMPONENT development)
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT lib NAMELINK_COMPONENT dev)
 install(EXPORT zelMonitorTargets NAMESPACE zel:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelMonitor
-  COMPONENT development)
+  COMPONENT dev)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/zelMonitorConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/zelMonitorConfig.cmake INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelMonitor)
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/zelMonitorConfigVersion.cmake
   VERSION ${PROJECT_VERSION} COMPATIBILITY SameMinorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelMonitorConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/zelMonitorConfigVersion.cmake
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelMonitor COMPONENT development)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelMonitor COMPONENT dev)
 
-install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelMonitor COMPONENT development
+install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelMonitor COMPONENT dev
   FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY src/platform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelMonitor COMPONENT development
+install(DIRECTORY src/platform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelMonitor COMPONENT dev
   FILES_MATCHING PATTERN "*.h")
 # The file says where it is itself, so that a tree that was moved is still found.
 file(RELATIVE_PATH ZEL_PC_TO_PREFIX /usr/${CMAKE_INSTALL_LIBDIR}/pkgconfig /usr)
 configure_file(packaging/zelMonitor.pc.in zelMonitor.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelMonitor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-  COMPONENT development)
+  COMPONENT dev)
 foreach(library zelHost zelMonitor)
   set_target_properties(${library} PROPERTIES INSTALL_RPATH "$ORIGIN")
 endforeach()

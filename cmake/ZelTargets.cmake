@@ -5,6 +5,8 @@ add_library(zelFlags INTERFACE)
 target_compile_options(zelFlags INTERFACE -Wall -Wextra -Wconversion -Wshadow -Wnon-virtual-dtor)
 # So that a program takes no more of the libraries than it uses.
 target_compile_options(zelFlags INTERFACE -ffunction-sections -fdata-sections)
+# What -O3 adds is size alone, see docs/PERFORMANCE.md.
+target_compile_options(zelFlags INTERFACE $<$<CONFIG:Release>:-O2>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
   target_compile_options(zelFlags INTERFACE -Wthread-safety)
 endif()
@@ -31,6 +33,15 @@ if(ZEL_LIBFUZZER)
   target_compile_options(zelFlags INTERFACE -fsanitize=fuzzer-no-link,address,undefined)
   target_link_options(zelFlags INTERFACE -fsanitize=address,undefined)
 endif()
+
+# For code that runs at start or when somebody asks: small. The ground floor and the control groups, which an update of
+# all limits goes through, are not; what of the other folders runs each second or is asked before each piece of work is
+# named with zel_fast(SOURCE...) beside its target.
+add_library(zelSmall INTERFACE)
+target_compile_options(zelSmall INTERFACE $<$<NOT:$<CONFIG:Debug>>:-Os>)
+function(zel_fast)
+  set_property(SOURCE ${ARGN} APPEND PROPERTY COMPILE_OPTIONS $<$<NOT:$<CONFIG:Debug>>:-O2>)
+endfunction()
 
 # What nearly every test includes, read once. Not where a compiler cache stands before the compiler, which does better
 # with plain sources; so what a test forgets to include is missed in those builds.
