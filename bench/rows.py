@@ -31,7 +31,7 @@ END = "<!-- table of bench/rows.py: end -->"
 STARTS = 3
 COLD_STARTS = 15
 PROGRAM_SECONDS = 120  # of one program of ours; then its rows are not measured
-TRACE_SECONDS = 20
+TRACE_SECONDS = 60  # the agent's whole look at everything, once a minute, is in it
 SPANS = [("start", "start to limits in force"), ("stop", "SIGTERM to all gone"),
          ("change", "online change to the last kernel value")]
 TABLES = [("shipped table", False, (0.3, 0.5, 0.1)), ("built-in table", True, (1, 0.5, 0.1))]
@@ -175,7 +175,7 @@ class Bench:
     # --- the parts ---
 
     def idle(self):
-        rows, calls, whole, spans = peers.compare(self.build, SOURCE, self.directory)
+        rows, calls, whole, spans = peers.compare(self.build, SOURCE, self.directory, trace=TRACE_SECONDS)
         ours, main = rows["our component"], rows["our main process"]
         floor = rows.get("floor program, 1 s", {})
         early = rows.get("earlyoom, 1 s", {})
