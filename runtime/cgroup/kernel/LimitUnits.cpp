@@ -41,7 +41,7 @@ CpuQuota QuotaFrom100Times(int64_t hundredths) {
 CpuQuota QuotaInPieces(int64_t hundredths) {
     constexpr int64_t kPieceUs = 10000;
     const CpuQuota usual = QuotaFrom100Times(hundredths);
-    if (usual.Unlimited() || usual.quotaUs >= kPieceUs) return usual;
+    if (usual.Unlimited() || usual.periodUs == kDefaultPeriodUs) return usual;
     const int64_t share = hundredths * (kDefaultPeriodUs / kHundredthsPerCpu);
     const int64_t periods = std::clamp<int64_t>(kPieceUs / share, 1, kMaxPeriodUs / kDefaultPeriodUs);
     CpuQuota out;

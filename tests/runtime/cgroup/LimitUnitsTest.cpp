@@ -39,9 +39,9 @@ TEST(LimitUnitsTest, QuotaInPiecesIsTheSameShare) {
     struct Case {
         int64_t hundredths, quotaUs, periodUs;
     };
-    const Case cases[] = {{4000, 40000, 100000}, {950, 9500, 100000},   {501, 5010, 100000}, {500, 10000, 200000},
-                          {280, 8400, 300000},   {100, 10000, 1000000}, {56, 5600, 1000000}, {33, 3300, 1000000},
-                          {10, 1000, 1000000},   {1, 1000, 1000000}};
+    const Case cases[] = {{4000, 40000, 100000}, {950, 9500, 100000}, {501, 5010, 100000}, {500, 5000, 100000},
+                          {280, 2800, 100000},   {100, 1000, 100000}, {99, 9900, 1000000}, {56, 5600, 1000000},
+                          {33, 3300, 1000000},   {10, 1000, 1000000}, {1, 1000, 1000000}};
     for (const Case& c : cases) {
         const CpuQuota quota = QuotaInPieces(c.hundredths);
         EXPECT_EQ(c.quotaUs, quota.quotaUs) << c.hundredths;

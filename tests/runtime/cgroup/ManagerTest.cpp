@@ -26,7 +26,7 @@ TEST_F(CgroupManagerTest, PutsConfiguredLimitsOnParentAndGroups) {
     ASSERT_TRUE(manager.EnsureInitialized());
     ASSERT_TRUE(ReconcileWorked());
     EXPECT_EQ("9000 100000", CpuLimit(""));
-    EXPECT_EQ("9000 500000", CpuLimit("main")) << "the same share in longer pieces";
+    EXPECT_EQ("1800 100000", CpuLimit("main"));
     EXPECT_EQ("max", CpuLimit("guard"));
     EXPECT_EQ("5400 100000", CpuLimit("collect-defense"));
     EXPECT_EQ("307200", MemLimit(""));
@@ -88,7 +88,7 @@ TEST_F(CgroupManagerTest, NeverSaysYesWhenAGroupCouldNotBeOpened) {
             reached = failing.Calls() >= nth;
         }
         if (worked) {
-            EXPECT_EQ(scale == 9 ? "9000 500000" : "9600 600000", CpuLimit("main")) << nth;
+            EXPECT_EQ(std::to_string(200 * scale) + " 100000", CpuLimit("main")) << nth;
             EXPECT_EQ(std::to_string(600 * scale) + " 100000", CpuLimit("collect-defense")) << nth;
         } else {
             ++refused;
@@ -235,7 +235,7 @@ TEST_F(CgroupManagerTest, RepairsALimitThatSomebodyChanged) {
     }
     ASSERT_TRUE(WriteText(memTree + (layout.memV2 ? "/memory.max" : "/memory.limit_in_bytes"), "200M"));
     ASSERT_TRUE(ReconcileWorked());
-    EXPECT_EQ("9000 500000", CpuLimit("main"));
+    EXPECT_EQ("1800 100000", CpuLimit("main"));
     EXPECT_EQ("2700 100000", CpuLimit("collect-defense/QorHips"));
     EXPECT_EQ("307200", MemLimit(""));
 }
@@ -250,7 +250,7 @@ TEST_F(CgroupManagerTest, EnablesControllersThatSomebodyTookAway) {
     ASSERT_FALSE(Exists(cpuTree + "/main/cpu.max"));
     EXPECT_TRUE(manager.IsParentCpuActive());
     ASSERT_TRUE(ReconcileWorked());
-    EXPECT_EQ("9000 500000", CpuLimit("main"));
+    EXPECT_EQ("1800 100000", CpuLimit("main"));
     EXPECT_EQ("3240 100000", CpuLimit("collect-defense/TervaneMonitor"));
 }
 
@@ -309,7 +309,7 @@ TEST_F(CgroupManagerTest, AppliesOtherGroupsWhenOneIsSomebodyElses) {
     EXPECT_FALSE(ReconcileWorked());
     ASSERT_EQ(1u, Warnings().size());
     EXPECT_THAT(Warnings()[0], HasSubstr("it was not made by this agent and is in use"));
-    EXPECT_EQ("9000 500000", CpuLimit("main"));
+    EXPECT_EQ("1800 100000", CpuLimit("main"));
     EXPECT_EQ("23040", MemLimit("main"));
     EXPECT_EQ("138240", MemLimit("collect-defense"));
     EXPECT_EQ("max", MemLimit("guard"));
@@ -338,7 +338,7 @@ TEST_F(CgroupManagerTest, RefusesNamesThatLeadElsewhereTakesOthers) {
         const std::vector<zel::CgroupGroupConfig> groups = {Group(name, 100, 1024), Group("main", 180, 23040)};
         EXPECT_FALSE(manager.Reconcile(true, true, Total(9, 307200), groups)) << name;
         EXPECT_EQ(1u, Warnings().size()) << name;
-        EXPECT_EQ("9000 500000", CpuLimit("main"));
+        EXPECT_EQ("1800 100000", CpuLimit("main"));
         EXPECT_TRUE(manager.IsCpuCgroupEnabled());
     }
     EXPECT_FALSE(Exists(layout.cpuMount + "/evil"));
@@ -380,7 +380,7 @@ TEST_F(CgroupManagerTest, SwitchesOneControllerOffAndOnAgain) {
     ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 0, 307200));
     EXPECT_THAT(ReadValue(file), HasSubstr("\"cpu\": null"));
     ASSERT_TRUE(ReconcileWorked());
-    EXPECT_EQ("9000 500000", CpuLimit("main"));
+    EXPECT_EQ("1800 100000", CpuLimit("main"));
     EXPECT_TRUE(manager.IsParentCpuActive());
 }
 
@@ -749,7 +749,7 @@ TEST_F(CgroupManagerWithoutMemoryTest, LimitsCpuAndSaysWhyNotMemory) {
     EXPECT_TRUE(manager.IsCpuCgroupEnabled());
     EXPECT_FALSE(manager.IsMemCgroupEnabled());
     EXPECT_FALSE(manager.IsParentMemActive());
-    EXPECT_EQ("9000 500000", CpuLimit("main"));
+    EXPECT_EQ("1800 100000", CpuLimit("main"));
     EXPECT_THAT(Warnings(), ::testing::Each(HasSubstr("remove cgroup_disable=memory")));
     EXPECT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 0));
     EXPECT_THAT(ReadValue(file), HasSubstr("\"memory\": null"));
