@@ -21,7 +21,7 @@ namespace zel {
 namespace cgroup {
 namespace {
 
-constexpr int kStartAttempts = 3;
+constexpr int kStartAttempts = 10;  // four processes that start and stop at once have needed more than three
 constexpr int kMemoryKind = 2;
 /// News that wait to be taken; what is beyond is in log and counts.
 constexpr size_t kMostNews = 64;
