@@ -125,7 +125,8 @@ TEST_F(HostServicesTest, AStartThatFailsLeavesNothingBehind) {
     EXPECT_FALSE(services.Start(options, m_error));
     EXPECT_THAT(m_error, testing::HasSubstr("no loopback address"));
     EXPECT_EQ(GetMsgTransmitInstance(), nullptr);
-    EXPECT_TRUE(Eventually([&] { return Threads() == threads; }));
+    // One that had nothing left to do may have been on its way out when they were counted.
+    EXPECT_TRUE(Eventually([&] { return Threads() <= threads; }));
     EXPECT_EQ(Descriptors(), descriptors);
     EXPECT_TRUE(services.Start(Options(), m_error)) << "a better attempt succeeds: " << m_error;
     EXPECT_FALSE(services.Start(Options(), m_error)) << "but only once";
@@ -179,7 +180,8 @@ TEST_F(HostServicesTest, StartingAndStoppingLeaksNothing) {
         services.CollectStatistics();
         services.Stop();
     }
-    EXPECT_TRUE(Eventually([&] { return Threads() == threads; }));
+    // One that had nothing left to do may have been on its way out when they were counted.
+    EXPECT_TRUE(Eventually([&] { return Threads() <= threads; }));
     EXPECT_EQ(Descriptors(), descriptors);
 }
 
