@@ -97,7 +97,7 @@ TEST(AgentConfigTest, WhatKeptItFromBeingReadIsTriedAgain) {
     const std::string path = dir / "conf/agent.json";
     ASSERT_TRUE(support::WriteText(path, R"({"syslog":true})"));
     ASSERT_EQ(chmod((dir / "conf").c_str(), 0777), 0);
-    AgentConfigFile file(path, true);
+    AgentConfigFile file(dir.Path(), true);
     EXPECT_FALSE(file.Read().sinks.syslog);
     ASSERT_EQ(chmod((dir / "conf").c_str(), 0750), 0);
     EXPECT_TRUE(file.Read().sinks.syslog) << "the file itself is the same";
@@ -144,7 +144,7 @@ protected:
 };
 
 TEST_F(LoggedConfigTest, WhatTheServicesDidNotTakeIsHandedAgain) {
-    AgentConfigFile file(m_path, true);
+    AgentConfigFile file(m_dir.Path(), true);
     file.Read();
     zelhost::CHostServices services;
     ASSERT_TRUE(support::WriteText(
@@ -169,7 +169,7 @@ TEST_F(LoggedConfigTest, WhatTheServicesDidNotTakeIsHandedAgain) {
 TEST_F(LoggedConfigTest, TheSameRefusalIsToldOnce) {
     ASSERT_TRUE(support::WriteText(m_path, R"({"syslog":true})"));
     ASSERT_EQ(chmod((m_dir / "conf").c_str(), 0777), 0);
-    AgentConfigFile file(m_path, true);
+    AgentConfigFile file(m_dir.Path(), true);
     for (int look = 0; look < 5; ++look) file.Read();
     EXPECT_EQ(Logged("agent configuration refused, the old values stay: " + m_path), 1u);
     ASSERT_EQ(chmod((m_dir / "conf").c_str(), 0750), 0);

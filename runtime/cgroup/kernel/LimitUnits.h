@@ -39,8 +39,8 @@ struct CpuQuota {
 /// Zero and negative amounts give no limit.
 CpuQuota QuotaFrom100Times(int64_t hundredths);
 
-/// The same, but a share below the kernel's least comes in pieces of up to 10 ms, in a period of up to ten times 100 ms:
-/// for who has little to do most of the time and is to do it without a break. Exact down to 0.10 %.
+/// The same, but a share below the kernel's least comes in pieces of up to 10 ms, in a period of up to ten times 100
+/// ms: for who has little to do most of the time and is to do it without a break. Exact down to 0.10 %.
 CpuQuota QuotaInPieces(int64_t hundredths);
 
 /// The reverse, rounded to the nearest hundredth, at least 1 for a limit, saturated at 2147483647. No limit: 0.
