@@ -504,7 +504,8 @@ void Process::Beat(int64_t second) {
     const bool heard =
         m_subscriber == nullptr || m_subscriber->Report(FormatBeat(m_pulse.SamplingSilentSeconds(second)));
     // The main process is awake for other things anyway.
-    const int64_t next = m_options.IsMain() ? NextOfRhythm(second, kLookSeconds) : m_pulse.NextBeat(second);
+    const int64_t own = m_options.IsMain() ? NextOfRhythm(second, kLookSeconds) : m_pulse.NextBeat(second);
+    const int64_t next = std::min(own, m_manager.NextBeat(second));
     m_nextBeat = heard && m_pulse.HasBegun() ? next : second + 1;
 }
 

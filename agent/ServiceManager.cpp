@@ -69,6 +69,10 @@ void ServiceManager::TellStopping() const {
     Send("STOPPING=1");
 }
 
+int64_t ServiceManager::NextBeat(int64_t now) const {
+    return m_address.empty() || m_everySeconds == 0 ? INT64_MAX : now + m_everySeconds;
+}
+
 void ServiceManager::Beat(int64_t now, uint64_t rounds, bool well) {
     if (m_address.empty() || m_everySeconds == 0 || now - m_toldAt < m_everySeconds) return;
     const bool works = well && rounds != m_toldRounds;

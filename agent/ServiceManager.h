@@ -27,6 +27,8 @@ public:
     /// known to hang. The manager hears of it where rounds were made since it heard last; when it hears nothing for as
     /// long as it has set, it ends this process and starts another one. Times: SecondsSinceBoot().
     void Beat(int64_t now, uint64_t rounds, bool well);
+    /// Returns: the second by which Beat is to be called again; INT64_MAX: nobody listens.
+    int64_t NextBeat(int64_t now) const;
 
 private:
     void Send(const std::string& state) const;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -97,6 +98,12 @@ TEST_F(ServiceManagerTest, WatchdogIsFedTwiceInItsPeriodByNewRounds) {
     EXPECT_EQ(Words{"WATCHDOG=1"}, Heard()) << "it goes on at the first look that finds one";
     manager.Beat(135, kRounds + 21, false);
     EXPECT_EQ(Words(), Heard()) << "a thread hangs";
+}
+
+TEST_F(ServiceManagerTest, ShortPeriodIsKeptToo) {
+    setenv("WATCHDOG_USEC", "4000000", 1);
+    EXPECT_EQ(102, ServiceManager().NextBeat(100));
+    EXPECT_EQ(INT64_MAX, ServiceManager().NextBeat(100)) << "without a manager nothing has to be done";
 }
 
 TEST_F(ServiceManagerTest, SaysOnceWhyWatchdogHearsNothing) {

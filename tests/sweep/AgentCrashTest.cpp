@@ -3,15 +3,14 @@
 // that can be read, limits as they were asked for, every event once, and leaves nothing that a life without a kill does
 // not.
 #include <signal.h>
-#include <sqlite3.h>
 
 #include <algorithm>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <random>
 #include <set>
 
+#include "support/SqliteCheck.h"
 #include "sweep/SweepFixture.h"
 
 namespace sweep {
@@ -23,31 +22,6 @@ using agenttest::Poll;
 constexpr int kDefaultKills = 3;
 constexpr int kDeepest = 4;
 constexpr int kHogProcesses = 3;  // a shell and a pipe of two
-
-/// What SQLite says of a database as the kill left it, journal and all. Looks at a copy.
-std::string Integrity(const std::string& path, const std::string& copy) {
-    for (const char* part : {"", "-wal", "-journal"}) {
-        unlink((copy + part).c_str());
-        std::ifstream from(path + part, std::ios::binary);
-        if (from && from.peek() != std::ifstream::traits_type::eof()) {
-            std::ofstream(copy + part, std::ios::binary) << from.rdbuf();
-        }
-    }
-    unlink((copy + "-shm").c_str());
-    sqlite3* db = nullptr;
-    sqlite3_stmt* check = nullptr;
-    std::string answer;
-    sqlite3_open_v2(copy.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-    if (sqlite3_prepare_v2(db, "pragma integrity_check", -1, &check, nullptr) == SQLITE_OK &&
-        sqlite3_step(check) == SQLITE_ROW) {
-        answer = reinterpret_cast<const char*>(sqlite3_column_text(check, 0));
-    } else {
-        answer = sqlite3_errmsg(db);
-    }
-    sqlite3_finalize(check);
-    sqlite3_close(db);
-    return answer;
-}
 
 class AgentCrashTest : public SweepFixture {
 protected:
@@ -95,7 +69,7 @@ protected:
     void ExpectWholeDatabases() {
         for (const char* name : {"/spool/tervane.db", "/current_os_abnormal.db", "/last_os_abnormal.db"}) {
             if (!support::Exists(Dir() + name)) continue;
-            EXPECT_EQ("ok", Integrity(Dir() + name, Dir() + "/output.copy.db")) << name;
+            EXPECT_EQ("ok", support::CheckCopyOfDatabase(Dir() + name, Dir() + "/output.copy.db")) << name;
         }
     }
 

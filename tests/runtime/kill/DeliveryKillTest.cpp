@@ -5,7 +5,6 @@
 #include <json/json.h>
 #include <poll.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,6 +24,7 @@
 #include "platform/host/MsgTransmit.h"
 #include "platform/zel/LogControl.h"
 #include "support/Files.h"
+#include "support/SqliteCheck.h"
 
 namespace {
 
@@ -146,30 +146,7 @@ protected:
     /// What SQLite says of a database as a kill left it. Looks at a copy, so that the next child finds it untouched.
     std::string LookAt(const std::string& path) const {
         const std::string copy = m_directory + "/copy.db";
-        for (const char* part : {"", "-wal"}) {
-            unlink((copy + part).c_str());
-            std::ifstream from(path + part, std::ios::binary);
-            if (from && from.peek() != std::ifstream::traits_type::eof()) {
-                std::ofstream(copy + part, std::ios::binary) << from.rdbuf();
-            }
-        }
-        unlink((copy + "-shm").c_str());
-        return Integrity(copy);
-    }
-    static std::string Integrity(const std::string& path) {
-        sqlite3* db = nullptr;
-        sqlite3_stmt* check = nullptr;
-        std::string answer;
-        sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-        if (sqlite3_prepare_v2(db, "pragma integrity_check", -1, &check, nullptr) == SQLITE_OK &&
-            sqlite3_step(check) == SQLITE_ROW) {
-            answer = reinterpret_cast<const char*>(sqlite3_column_text(check, 0));
-        } else {
-            answer = sqlite3_errmsg(db);
-        }
-        sqlite3_finalize(check);
-        sqlite3_close(db);
-        return answer;
+        return support::CheckCopyOfDatabase(path, copy);
     }
 
     /// A last run that is not killed and delivers what is left. In a process of its own like the others.
@@ -242,7 +219,7 @@ TEST_F(DeliveryKillTest, EveryEventArrivesUnderOneIdThroughKills) {
         ASSERT_EQ("ok", LookAt(Spool())) << "round " << round;
     }
     ASSERT_NO_FATAL_FAILURE(DeliverTheRest());
-    EXPECT_EQ("ok", Integrity(Spool()));
+    EXPECT_EQ("ok", support::CheckDatabase(Spool()));
     ASSERT_NO_FATAL_FAILURE(ReadDelivered());
     printf("%zu accepted in %d rounds, %zu delivered in %zu lines\n", m_accepted.size(), m_roundsThatSent,
            m_idsOf.size(), m_lines);
