@@ -117,12 +117,34 @@ base::Status ReadTextFile(const Json::Value& file, AgentConfig& config) {
     return path[0] == '/' && named ? base::Status() : Bad("textfile.path: an absolute path that ends with .prom");
 }
 
+base::Status ReadShare(const Json::Value& value, const std::string& key, int& percent) {
+    unsigned int read = 0;
+    const base::Status status = ReadNumber(value, key, 0, 100, "percent of two seconds; 0: not watched", read);
+    if (status) percent = static_cast<int>(read);
+    return status;
+}
+
+base::Status ReadPressure(const Json::Value& pressure, AgentConfig& config) {
+    if (!pressure.isObject()) return Bad("pressure: an object is expected");
+    for (const std::string& key : pressure.getMemberNames()) {
+        int* const percent = key == "memory" ? &config.pressure.memory
+                             : key == "io"   ? &config.pressure.io
+                             : key == "cpu"  ? &config.pressure.cpu
+                                             : nullptr;
+        if (percent == nullptr) return Bad("pressure." + key + ": unknown key; known are memory, io, cpu");
+        base::Status read = ReadShare(pressure[key], "pressure." + key, *percent);
+        if (!read) return read;
+    }
+    return {};
+}
+
 base::Status ReadMember(const std::string& key, const Json::Value& value, AgentConfig& config) {
     if (key == "version") return value == 1 ? base::Status() : Bad("version: only 1 is known");
     if (key == "syslog") return ReadSwitch(value, key, config.sinks.syslog);
     if (key == "http") return ReadHttp(value, config);
     if (key == "textfile") return ReadTextFile(value, config);
-    return Bad(key + ": unknown key; known are version, syslog, http, textfile");
+    if (key == "pressure") return ReadPressure(value, config);
+    return Bad(key + ": unknown key; known are version, syslog, http, textfile, pressure");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "AgentRecords.h"
 #include "base/Result.h"
 #include "platform/host/HostRecords.h"
 
@@ -13,6 +14,7 @@ struct AgentConfig {
     zelhost::SinkOptions sinks;
     std::string textFile;  ///< empty: none
     unsigned int textFileSeconds = 15;
+    PressureThresholds pressure;
 };
 
 /// Errors: which key, and what it takes. Pure.

@@ -21,6 +21,8 @@ public:
     const AgentConfig& Read();
     /// Hands a file that has changed to the services. A bad one changes nothing. To be called every few seconds.
     void Follow(zelhost::CHostServices& services);
+    /// Returns: what the file said when it was last good.
+    const AgentConfig& Current() const { return m_config; }
     /// The next look reads the file also when it is the one that was seen last.
     void ReadAnew() { m_seen.reset(); }
 

@@ -129,4 +129,16 @@ std::vector<zelhost::Metric> MakeKeeperMetrics(const zel::CgroupKeeperStatus& ke
     return metrics;
 }
 
+std::vector<zelhost::Metric> MakePressureMetrics(const std::vector<PressureStatus>& pressure) {
+    std::vector<zelhost::Metric> metrics;
+    for (const PressureStatus& status : pressure) {
+        if (!status.watched) continue;
+        Samples samples(metrics, {{"resource", status.resource}});
+        samples.Counter("zel_host_stalls_total",
+                        "Stalls of the host beyond the threshold, told by the kernel once a minute at most.",
+                        static_cast<int64_t>(status.stalls));
+    }
+    return metrics;
+}
+
 }  // namespace agent

@@ -24,4 +24,7 @@ std::vector<zelhost::Metric> MakeAgentMetrics(const AgentFigures& figures);
 /// What was put right on the tree, by kind of difference (label "kind"). None before the first look. Pure.
 std::vector<zelhost::Metric> MakeKeeperMetrics(const zel::CgroupKeeperStatus& keeper);
 
+/// Stalls of the host, of each resource that is watched. Pure.
+std::vector<zelhost::Metric> MakePressureMetrics(const std::vector<PressureStatus>& pressure);
+
 }  // namespace agent

@@ -27,6 +27,32 @@ struct ComponentStatus {
     std::string hungWhat;     ///< which part of it does nothing
 };
 
+/// Percent of two seconds in which tasks waited; 0: not watched. Of a CPU somebody always waits on a busy host, so that
+/// is for those who ask for it.
+struct PressureThresholds {
+    int memory = 20;  ///< anybody
+    int io = 60;      ///< all that have something to do
+    int cpu = 0;      ///< anybody
+
+    bool operator==(const PressureThresholds& other) const {
+        return memory == other.memory && io == other.io && cpu == other.cpu;
+    }
+};
+
+/// Stalls of the host for want of one resource, as the kernel counts them.
+struct PressureStatus {
+    std::string resource;      ///< "memory", "io" or "cpu"
+    bool full = false;         ///< the figures are of all tasks that have something to do; else of any
+    int thresholdPercent = 0;  ///< of two seconds, from which on a stall is told of
+    bool watched = false;
+    std::string reason;       ///< why it is not
+    int avg10_100times = -1;  ///< Units: hundredths of a percent of the last 10 s; -1: the kernel does not tell
+    int avg60_100times = -1;
+    uint64_t stalls = 0;  ///< told by the kernel, once a minute at most
+    bool lasts = false;   ///< one is under way
+    int64_t lastAt = 0;   ///< wall clock; 0: none yet
+};
+
 /// What the workers of one kind did so far.
 struct WorkerFigures {
     int threads = 0;

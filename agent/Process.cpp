@@ -364,13 +364,16 @@ int Process::StartComponents() {
     if (!m_options.IsMain()) return kExitClean;
     m_components = std::make_unique<ComponentCare>(*m_monitor, m_pulses);
     m_components->Start(m_options, m_program);
+    m_pressure = std::make_unique<HostPressure>(WakeMain);
     m_services.SetMetricsSource(
-        [this](std::vector<zelhost::Metric>& metrics) { AddAgentMetrics(*m_components, metrics); });
+        [this](std::vector<zelhost::Metric>& metrics) { AddAgentMetrics(*m_components, *m_pressure, metrics); });
     m_components->Tick(SecondsSinceBoot());  // before anything else that takes its time
+    m_pressure->Follow(m_agentConfig->Current().pressure);
     return kExitClean;
 }
 
 void Process::StopComponents() {
+    if (m_pressure != nullptr) m_pressure->Close();
     if (m_components != nullptr) m_components->Stop();
 }
 
@@ -449,6 +452,7 @@ int Process::LookAround(int64_t second) {
     Beat(second);
     TellReady(second);
     if (m_components != nullptr) m_keeping.Tick(second, m_components->Members());
+    if (m_pressure != nullptr) m_pressure->Tick(second, *m_components);
     LookAfterLimits(second);
     if (m_limitNews.IsDue(second)) {
         TellLimits(CollectStatus(Sources()));
@@ -459,6 +463,7 @@ int Process::LookAround(int64_t second) {
     if (wanted || second >= m_nextConfigLook) {
         m_nextConfigLook = NextOfRhythm(second, m_options.IsMain() ? kLookSeconds : kBeatSeconds);
         m_agentConfig->Follow(m_services);
+        if (m_pressure != nullptr) m_pressure->Follow(m_agentConfig->Current().pressure);
         TryAgain();
     }
     if (m_tidyAt != 0 && second >= m_tidyAt) {
@@ -473,6 +478,7 @@ int64_t Process::NextDue(int64_t second) const {
     int64_t due = std::min({m_nextBeat, m_nextLimitCheck, m_nextConfigLook});
     if (m_components != nullptr) due = std::min({due, m_keeping.NextDue(), m_components->NextDue()});
     if (m_limitNews.DueAt() != 0) due = std::min(due, m_limitNews.DueAt());
+    if (m_pressure != nullptr && m_pressure->NextDue() != 0) due = std::min(due, m_pressure->NextDue());
     if (m_endAt != 0) due = std::min(due, m_endAt);
     if (m_manager.AwaitsReady()) due = second + 1;
     return std::max(due, second + 1);
@@ -541,6 +547,7 @@ StatusSources Process::Sources() {
     sources.log = m_log.get();
     sources.workers = m_workers.get();
     sources.components = m_components.get();
+    sources.pressure = m_pressure.get();
     return sources;
 }
 

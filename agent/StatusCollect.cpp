@@ -12,6 +12,7 @@
 #include "ComponentCare.h"
 #include "EventSink.h"
 #include "EventTail.h"
+#include "HostPressure.h"
 #include "LogTail.h"
 #include "Monitor.h"
 #include "Pulse.h"
@@ -66,6 +67,7 @@ StatusReport CollectStatus(const StatusSources& sources) {
     report.stalls = sources.events->Stalls();
     report.delivery = sources.services->GetDeliveryStats();
     if (sources.components != nullptr) report.components = sources.components->Status();
+    if (sources.pressure != nullptr) report.pressure = sources.pressure->Status();
     zel::ReadCgroupStatus(report.cgroup);
     std::string problem;
     report.unified = (report.mode & zel::kModeUnified) != 0 && zel::ReadCgroupTreeStatus(report.tree, problem) &&
@@ -89,7 +91,8 @@ std::string ThreadReport(CMonitor& monitor) {
     return report;
 }
 
-void AddAgentMetrics(const ComponentCare& components, std::vector<zelhost::Metric>& metrics) {
+void AddAgentMetrics(const ComponentCare& components, const HostPressure& pressure,
+                     std::vector<zelhost::Metric>& metrics) {
     AgentFigures figures;
     figures.mode = LimitMode();
     figures.components = components.Status();
@@ -99,6 +102,8 @@ void AddAgentMetrics(const ComponentCare& components, std::vector<zelhost::Metri
     metrics.insert(metrics.end(), std::make_move_iterator(own.begin()), std::make_move_iterator(own.end()));
     std::vector<zelhost::Metric> kept = MakeKeeperMetrics(zel::GetCgroupKeeperStatus());
     metrics.insert(metrics.end(), std::make_move_iterator(kept.begin()), std::make_move_iterator(kept.end()));
+    std::vector<zelhost::Metric> stalls = MakePressureMetrics(pressure.Status());
+    metrics.insert(metrics.end(), std::make_move_iterator(stalls.begin()), std::make_move_iterator(stalls.end()));
 }
 
 }  // namespace agent

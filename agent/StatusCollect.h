@@ -17,6 +17,7 @@ namespace agent {
 
 class ComponentCare;
 class EventSink;
+class HostPressure;
 class LogTail;
 class OwnPulse;
 class Workers;
@@ -33,6 +34,7 @@ struct StatusSources {
     const LogTail* log = nullptr;               ///< null: no log yet
     const Workers* workers = nullptr;           ///< null: no synthetic load yet
     const ComponentCare* components = nullptr;  ///< null: not the main process
+    const HostPressure* pressure = nullptr;     ///< likewise
 };
 
 /// Asks all of them. Blocks: for small reads of the kernel's files. Any thread.
@@ -43,6 +45,7 @@ std::string ThreadReport(CMonitor& monitor);
 
 /// Adds the agent's own metrics. The tree is read when somebody asks and not otherwise; one that cannot be read is one
 /// without samples.
-void AddAgentMetrics(const ComponentCare& components, std::vector<zelhost::Metric>& metrics);
+void AddAgentMetrics(const ComponentCare& components, const HostPressure& pressure,
+                     std::vector<zelhost::Metric>& metrics);
 
 }  // namespace agent

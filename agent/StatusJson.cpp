@@ -136,6 +136,20 @@ void Fields(Io& io, Of<Io, ComponentStatus>& component) {
 }
 
 template <class Io>
+void Fields(Io& io, Of<Io, PressureStatus>& pressure) {
+    io("resource", pressure.resource);
+    io("full", pressure.full);
+    io("threshold_percent", pressure.thresholdPercent);
+    io("watched", pressure.watched);
+    io("reason", pressure.reason);
+    io("avg10_100times", pressure.avg10_100times);
+    io("avg60_100times", pressure.avg60_100times);
+    io("stalls", pressure.stalls);
+    io("lasts", pressure.lasts);
+    io("last_at", pressure.lastAt);
+}
+
+template <class Io>
 void Fields(Io& io, Of<Io, zelhost::SinkStats>& sink) {
     io("name", sink.name);
     io("delivered", sink.delivered);
@@ -203,6 +217,7 @@ void Fields(Io& io, Of<Io, StatusReport>& report) {
     io.Record("keeper", report.keeper);
     io.List("components", report.components);
     io.Record("delivery", report.delivery);
+    io.List("pressure", report.pressure);
     io.List("last_events", report.lastEvents);
     io.Group("log", [&report](Io& log) {
         log("count", report.logCount);

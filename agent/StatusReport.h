@@ -36,13 +36,14 @@ struct StatusReport {
     uint64_t stalls = 0;
     zelhost::DeliveryStats delivery;
     std::vector<ComponentStatus> components;
-    zel::CgroupStatus cgroup;             ///< this process's own groups, as the kernel says
-    zel::CgroupTreeStatus tree;           ///< the unified tree; empty in the legacy mode
-    std::string undelegated;              ///< service whose manager may move processes out of the groups; else empty
-    zel::CgroupKeeperStatus keeper;       ///< of the main process: what was put right on the tree
-    std::vector<std::string> lastEvents;  ///< delivered last, in words, oldest first
-    uint64_t logCount = 0;                ///< log lines of level 3 or worse so far
-    std::vector<std::string> logLines;    ///< the last of them, oldest first
+    zel::CgroupStatus cgroup;              ///< this process's own groups, as the kernel says
+    zel::CgroupTreeStatus tree;            ///< the unified tree; empty in the legacy mode
+    std::string undelegated;               ///< service whose manager may move processes out of the groups; else empty
+    zel::CgroupKeeperStatus keeper;        ///< of the main process: what was put right on the tree
+    std::vector<PressureStatus> pressure;  ///< of the host; from the main process
+    std::vector<std::string> lastEvents;   ///< delivered last, in words, oldest first
+    uint64_t logCount = 0;                 ///< log lines of level 3 or worse so far
+    std::vector<std::string> logLines;     ///< the last of them, oldest first
 };
 
 /// Whether a limit that the agent has set holds, rather than one of others alone. Pure.

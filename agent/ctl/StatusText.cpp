@@ -214,6 +214,27 @@ void AddKept(Lines& lines, const StatusReport& report) {
     for (const std::string& thing : keeper.notInForce) Add(lines, "        not in force: " + thing, LineKind::kAlarm);
 }
 
+/// What the host waits for, where its kernel tells.
+void AddPressure(Lines& lines, const StatusReport& report) {
+    std::string figures;
+    std::string stalls;
+    bool lasts = false;
+    for (const PressureStatus& pressure : report.pressure) {
+        if (pressure.avg10_100times >= 0) {
+            figures += (figures.empty() ? "" : ", ") + pressure.resource + " " + Percent(pressure.avg10_100times);
+        }
+        if (pressure.stalls == 0) continue;
+        lasts = lasts || pressure.lasts;
+        stalls += Text(
+            "%s%s %llu%s", stalls.empty() ? "" : ", ", pressure.resource.c_str(), Number(pressure.stalls),
+            pressure.lasts ? ", now" : Text(", last %lld s ago", AtLeastZero(report.now - pressure.lastAt)).c_str());
+    }
+    if (figures.empty()) return;
+    Add(lines, "");
+    Add(lines, "host    waited in the last 10 s: " + figures + (stalls.empty() ? "" : "; stalls: " + stalls),
+        lasts ? LineKind::kAlarm : LineKind::kPlain);
+}
+
 std::string EndsOf(const ComponentStatus& component) {
     return Text("%s ended %llu times, last: %s", component.name.c_str(), Number(component.restarts),
                 component.lastReason.c_str());
@@ -302,6 +323,7 @@ std::vector<TextLine> MakePicture(const StatusReport& report, const CpuShares& s
     AddTree(lines, report, shares, options);
     AddKept(lines, report);
     AddComponents(lines, report, options.allComponents);
+    AddPressure(lines, report);
     AddDelivery(lines, report);
     return lines;
 }

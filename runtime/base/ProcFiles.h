@@ -27,6 +27,8 @@ constexpr char kMemInfoFile[] = "/proc/meminfo";
 constexpr char kVmStatFile[] = "/proc/vmstat";
 constexpr char kLoadAvgFile[] = "/proc/loadavg";
 constexpr char kMemoryPressureFile[] = "/proc/pressure/memory";
+constexpr char kIoPressureFile[] = "/proc/pressure/io";
+constexpr char kCpuPressureFile[] = "/proc/pressure/cpu";
 constexpr char kOwnStatmFile[] = "/proc/self/statm";
 constexpr char kOwnIoFile[] = "/proc/self/io";
 

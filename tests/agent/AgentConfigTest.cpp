@@ -68,6 +68,10 @@ TEST(AgentConfigTest, WhatItDoesNotKnowIsRefusedByName) {
         {R"({"textfile":{"path":"/a.prom","period_seconds":0}})", "textfile.period_seconds: 1..3600 seconds"},
         {R"({"textfile":{"path":"/a.prom","period_seconds":3601}})", "textfile.period_seconds"},
         {R"({"textfile":{"path":"/a.prom","mode":1}})", "textfile.mode: unknown key"},
+        {R"({"pressure":20})", "pressure: an object"},
+        {R"({"pressure":{"disk":20}})", "pressure.disk: unknown key; known are memory, io, cpu"},
+        {R"({"pressure":{"memory":101}})", "pressure.memory: 0..100 percent of two seconds; 0: not watched"},
+        {R"({"pressure":{"cpu":-1}})", "pressure.cpu"},
         {R"({"http":{"url":"http://)" + std::string(3000, 'x') + R"("}})", "http.url"},
     };
     for (const auto& each : cases) {
@@ -75,6 +79,18 @@ TEST(AgentConfigTest, WhatItDoesNotKnowIsRefusedByName) {
         ASSERT_FALSE(config.Ok()) << each.first;
         EXPECT_THAT(config.GetError().Text(), testing::HasSubstr(each.second));
     }
+}
+
+TEST(AgentConfigTest, ThresholdsOfPressureStandAlone) {
+    const PressureThresholds usual;
+    const auto none = ParseAgentConfig("{}");
+    ASSERT_TRUE(none.Ok());
+    EXPECT_TRUE(none->pressure == usual);
+    const auto some = ParseAgentConfig(R"({"pressure":{"memory":0,"cpu":100}})");
+    ASSERT_TRUE(some.Ok()) << some.GetError().Text();
+    EXPECT_EQ(some->pressure.memory, 0);
+    EXPECT_EQ(some->pressure.io, usual.io);
+    EXPECT_EQ(some->pressure.cpu, 100);
 }
 
 TEST(AgentConfigTest, OnlyItsOwnersFileIsTaken) {

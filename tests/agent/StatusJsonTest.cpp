@@ -115,6 +115,7 @@ StatusReport FullReport() {
     report.keeper.wanted = {{"/cpu/f", "cpu", 560}};
     report.keeper.contested = {"swap of /e"};
     report.keeper.notInForce = {"group /f"};
+    report.pressure = {{"memory", true, 20, true, "why", 150, 151, 5, true, 1700000002}};
     report.lastEvents = {"one", "two"};
     report.logCount = 12;
     report.logLines = {"a line"};
@@ -189,6 +190,7 @@ TEST(StatusJsonTest, KeepsTheNamesThatScriptsRead) {
                              ".components[0].last_reason",
                              ".delivery.spool_broken",
                              ".delivery.sinks[0].last_error",
+                             ".pressure[0].avg10_100times",
                              ".last_events[1]",
                              ".log.count",
                              ".log.lines[0]"}) {

@@ -58,6 +58,7 @@ constexpr char kThreadStallMessage[] = "T_MSG_THREAD_STALL";
 constexpr char kComponentEndMessage[] = "T_MSG_COMPONENT_END";
 constexpr char kUncleanStopMessage[] = "T_MSG_UNCLEAN_STOP";
 constexpr char kLimitDriftMessage[] = "T_MSG_LIMIT_DRIFT";
+constexpr char kHostPressureMessage[] = "T_MSG_HOST_PRESSURE";
 
 // --- bits of the limit mode -----------------------------------------------------------------------------------------
 

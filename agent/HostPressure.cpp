@@ -1,0 +1,242 @@
+// The kernel's triggers on the process's loop, and what the main thread makes of them.
+#include "HostPressure.h"
+
+#include <json/value.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+
+#include "AgentLog.h"
+#include "ComponentCare.h"
+#include "EventSink.h"
+#include "SteadyTime.h"
+#include "base/Clock.h"
+#include "platform/zel/AgentNames.h"
+#include "platform/zel/ProcessLoop.h"
+
+namespace agent {
+
+namespace {
+
+constexpr size_t kMostProcesses = 4096;
+constexpr size_t kNamedConsumers = 5;
+constexpr int64_t kNsPerMs = 1000000;
+constexpr int64_t kUsPerMs = 1000;
+constexpr int64_t kHundredths = 10000;  // of the whole
+
+int64_t NowMs() {
+    return base::ClockNs(CLOCK_BOOTTIME) / kNsPerMs;
+}
+
+base::PressureTrigger TriggerFor(base::PressureResource resource, const PressureThresholds& thresholds) {
+    switch (resource) {
+        case base::PressureResource::kMemory: return {false, thresholds.memory};
+        case base::PressureResource::kIo: return {true, thresholds.io};
+        case base::PressureResource::kCpu: break;
+    }
+    return {false, thresholds.cpu};
+}
+
+const base::PressureLine& LineOf(const base::Pressure& pressure, bool full) {
+    return full && pressure.full ? *pressure.full : pressure.some;
+}
+
+/// Why a stall of it is not told of, for an operator.
+std::string Refusal(const base::Error& error) {
+    if (error.kind == base::ErrorKind::kNotFound) return "the kernel was built without pressure figures";
+    if (error.error == EOPNOTSUPP) return "switched off: boot with psi=1";
+    if (error.kind == base::ErrorKind::kDenied) return "only root may ask for it before Linux 6.4";
+    return error.Text();
+}
+
+}  // namespace
+
+bool StallEpisode::Begin(int64_t second) {
+    m_goesOn = IsUnderWay(second);
+    ++m_stalls;
+    m_armAt = second + kPauseSeconds;
+    m_endsAt = m_armAt + kPauseSeconds;
+    return !m_goesOn || second - m_toldAt >= kAgainSeconds;
+}
+
+bool StallEpisode::TakeArming(int64_t second) {
+    if (m_armAt == 0 || second < m_armAt) return false;
+    m_armAt = 0;
+    return true;
+}
+
+HostPressure::~HostPressure() {
+    Close();
+}
+
+void HostPressure::Follow(const PressureThresholds& thresholds) {
+    if (m_thresholds && thresholds == *m_thresholds) return;
+    m_thresholds = thresholds;
+    for (const base::PressureResource resource : base::kAllPressureResources) {
+        Watched& watched = m_watched[static_cast<size_t>(resource)];
+        Disarm(watched);
+        watched.resource = resource;
+        watched.trigger = TriggerFor(resource, thresholds);
+        Arm(watched);
+    }
+}
+
+void HostPressure::Arm(Watched& watched) {
+    const std::string off = "switched off in the configuration";
+    if (watched.trigger.percent == 0) return Publish(watched, SecondsSinceBoot(), &off);
+    std::string problem;
+    if (m_loop == nullptr) m_loop = zel::JoinProcessLoop(problem);
+    if (m_loop == nullptr) return Publish(watched, SecondsSinceBoot(), &problem);
+    base::Result<base::Fd> file = base::OpenPressureTrigger(watched.resource, watched.trigger);
+    if (!file) {
+        problem = Refusal(file.GetError());
+        return Publish(watched, SecondsSinceBoot(), &problem);
+    }
+    watched.file = std::move(*file);
+    m_loop->Run([&] {
+        auto watch = std::make_unique<base::IoWatch>(*m_loop);
+        const base::Status opened = watch->Open(watched.file.Get());
+        if (!opened) {
+            problem = opened.GetError().Text();
+            return;
+        }
+        // One wait calls once: until it is armed anew a stall that goes on wakes nobody.
+        watch->WaitUrgent([this, &watched] {
+            watched.fired = true;
+            m_wakeMain();
+        });
+        watched.watch = std::move(watch);
+    });
+    if (watched.watch == nullptr) watched.file.Reset();
+    Publish(watched, SecondsSinceBoot(), &problem);
+}
+
+void HostPressure::Disarm(Watched& watched) {
+    if (watched.watch != nullptr) m_loop->Run([&] { watched.watch.reset(); });
+    watched.file.Reset();
+    watched.fired = false;
+}
+
+void HostPressure::Close() {
+    for (Watched& watched : m_watched) Disarm(watched);
+    m_loop.reset();
+}
+
+void HostPressure::Tick(int64_t second, const ComponentCare& components) {
+    for (Watched& watched : m_watched) {
+        if (watched.fired) {
+            Disarm(watched);  // its window would be counted on for nobody
+            const bool toTell = watched.episode.Begin(second);
+            if (toTell) BeginMeasuring(watched, second);
+            Publish(watched, second);
+        }
+        if (watched.measureAt != 0 && second >= watched.measureAt) {
+            Report(watched, components.Members());
+            watched.episode.Told(second);
+        }
+        if (watched.episode.TakeArming(second)) Arm(watched);
+    }
+}
+
+int64_t HostPressure::NextDue() const {
+    int64_t due = 0;
+    for (const Watched& watched : m_watched) {
+        for (const int64_t at : {watched.measureAt, watched.episode.ArmAt()}) {
+            if (at != 0 && (due == 0 || at < due)) due = at;
+        }
+    }
+    return due;
+}
+
+void HostPressure::BeginMeasuring(Watched& watched, int64_t second) {
+    const base::Result<base::Pressure> now = base::ReadPressure(watched.resource);
+    watched.totalUs = now ? LineOf(*now, watched.trigger.full).totalUs : 0;
+    watched.before = LookAtProcesses(watched.resource == base::PressureResource::kIo, kMostProcesses);
+    watched.measuredFromMs = NowMs();
+    watched.measureAt = second + 1;
+}
+
+void HostPressure::Report(Watched& watched, const std::vector<zel::CgroupMember>& members) {
+    watched.measureAt = 0;
+    StallFacts facts;
+    facts.resource = watched.resource;
+    facts.trigger = watched.trigger;
+    facts.goesOn = watched.episode.GoesOn();
+    const int64_t elapsedMs = std::max<int64_t>(NowMs() - watched.measuredFromMs, 1);
+    const base::Result<base::Pressure> now = base::ReadPressure(watched.resource);
+    if (now) {
+        facts.line = LineOf(*now, watched.trigger.full);
+        const auto stalledUs = static_cast<int64_t>(facts.line.totalUs - watched.totalUs);
+        facts.stalled100Times = std::min(stalledUs * kHundredths / (elapsedMs * kUsPerMs), kHundredths);
+    }
+    const std::vector<ProcessUse> after =
+        LookAtProcesses(watched.resource == base::PressureResource::kIo, kMostProcesses);
+    facts.consumers =
+        FindTopConsumers(watched.before, after, elapsedMs, sysconf(_SC_CLK_TCK), watched.resource, kNamedConsumers);
+    watched.before = {};
+    Deliver(zel::kHostPressureMessage, FormatStall(facts, members, time(nullptr)));
+}
+
+void HostPressure::Publish(const Watched& watched, int64_t second, const std::string* problem) {
+    const base::MutexLock lock(m_lock);
+    PressureStatus& status = m_status[static_cast<size_t>(watched.resource)];
+    status.resource = base::PressureName(watched.resource);
+    status.full = watched.trigger.full;
+    status.thresholdPercent = watched.trigger.percent;
+    if (problem != nullptr) {
+        const bool news = *problem != status.reason && !problem->empty() && watched.trigger.percent != 0;
+        if (news) LogLine("pressure of the host: " + status.resource + " is not watched: " + *problem, zel::kLogInfo);
+        status.watched = problem->empty();
+        status.reason = *problem;
+    }
+    if (status.stalls != watched.episode.Stalls()) status.lastAt = time(nullptr);
+    status.stalls = watched.episode.Stalls();
+    status.lasts = watched.episode.IsUnderWay(second);
+}
+
+std::vector<PressureStatus> HostPressure::Status() const {
+    std::vector<PressureStatus> out;
+    {
+        const base::MutexLock lock(m_lock);
+        for (const PressureStatus& status : m_status) {
+            if (!status.resource.empty()) out.push_back(status);
+        }
+    }
+    for (size_t i = 0; i < out.size(); ++i) {
+        const base::Result<base::Pressure> now = base::ReadPressure(base::kAllPressureResources[i]);
+        if (!now) continue;
+        const base::PressureLine& line = LineOf(*now, out[i].full);
+        out[i].avg10_100times = line.avg10_100times;
+        out[i].avg60_100times = line.avg60_100times;
+    }
+    return out;
+}
+
+std::string FormatStall(const StallFacts& facts, const std::vector<zel::CgroupMember>& members, int64_t now) {
+    Json::Value body(Json::objectValue);
+    body["detect_time"] = Json::Int64(now);
+    body["resource"] = base::PressureName(facts.resource);
+    body["kind"] = facts.trigger.full ? "full" : "some";
+    body["threshold_percent"] = facts.trigger.percent;
+    body["goes_on"] = facts.goesOn;
+    body["stalled_100times"] = Json::Int64(facts.stalled100Times);
+    body["avg10_100times"] = facts.line.avg10_100times;
+    body["avg60_100times"] = facts.line.avg60_100times;
+    Json::Value& list = body["consumers"] = Json::Value(Json::arrayValue);
+    for (const Consumer& consumer : facts.consumers) {
+        Json::Value& entry = list.append(Json::Value(Json::objectValue));
+        const auto own = std::find_if(members.begin(), members.end(),
+                                      [&](const zel::CgroupMember& member) { return member.pid == consumer.pid; });
+        entry["pid"] = consumer.pid;
+        entry["name"] = consumer.name;
+        entry["component"] = own == members.end() ? std::string() : own->component;
+        entry["cpu_100times"] = Json::Int64(consumer.cpu100Times);
+        entry["resident_kb"] = Json::Int64(consumer.residentKb);
+        entry["read_kbps"] = Json::Int64(consumer.readKbps);
+        entry["write_kbps"] = Json::Int64(consumer.writeKbps);
+    }
+    return body.toStyledString();
+}
+
+}  // namespace agent

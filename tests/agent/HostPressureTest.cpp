@@ -1,0 +1,131 @@
+// When a stall of the host is told of, what is said of it, and whose it was.
+#include "HostPressure.h"
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "JsonText.h"
+
+namespace {
+
+using agent::Consumer;
+using agent::FindTopConsumers;
+using agent::ProcessUse;
+using agent::StallEpisode;
+using base::PressureResource;
+
+constexpr int64_t kPause = StallEpisode::kPauseSeconds;
+
+TEST(StallEpisodeTest, OneMessageWhileItGoesOn) {
+    StallEpisode episode;
+    int64_t second = 1000;
+    EXPECT_TRUE(episode.Begin(second));
+    EXPECT_FALSE(episode.GoesOn());
+    episode.Told(second);
+    for (; second < 1000 + StallEpisode::kAgainSeconds - kPause; second += kPause) {
+        EXPECT_FALSE(episode.Begin(second + kPause)) << second;
+        EXPECT_TRUE(episode.GoesOn());
+    }
+    EXPECT_TRUE(episode.Begin(1000 + StallEpisode::kAgainSeconds)) << "once an hour";
+    EXPECT_TRUE(episode.GoesOn());
+}
+
+TEST(StallEpisodeTest, TheKernelIsAskedAgainAfterAMinute) {
+    StallEpisode episode;
+    EXPECT_EQ(episode.ArmAt(), 0);
+    EXPECT_FALSE(episode.TakeArming(1000));
+    episode.Begin(1000);
+    EXPECT_EQ(episode.ArmAt(), 1000 + kPause);
+    EXPECT_FALSE(episode.TakeArming(1000 + kPause - 1));
+    EXPECT_TRUE(episode.TakeArming(1000 + kPause));
+    EXPECT_FALSE(episode.TakeArming(1000 + kPause)) << "once";
+    EXPECT_EQ(episode.ArmAt(), 0);
+}
+
+TEST(StallEpisodeTest, EndsWhenTheKernelTellsOfNoneForAsLong) {
+    StallEpisode episode;
+    episode.Begin(1000);
+    episode.Told(1000);
+    EXPECT_TRUE(episode.IsUnderWay(1000 + 2 * kPause - 1));
+    EXPECT_FALSE(episode.IsUnderWay(1000 + 2 * kPause));
+    EXPECT_TRUE(episode.Begin(1000 + 2 * kPause)) << "a new one is told of";
+    EXPECT_FALSE(episode.GoesOn());
+    EXPECT_EQ(episode.Stalls(), 2U);
+}
+
+ProcessUse Use(int pid, uint64_t start, uint64_t ticks, int64_t kb, base::ProcIo io = {}) {
+    return {pid, start, "p" + std::to_string(pid), ticks, kb, io};
+}
+
+std::vector<int> Pids(const std::vector<Consumer>& consumers) {
+    std::vector<int> out;
+    for (const Consumer& consumer : consumers) out.push_back(consumer.pid);
+    return out;
+}
+
+TEST(TopConsumersTest, OrdersByWhatIsShort) {
+    const std::vector<ProcessUse> before{Use(1, 1, 100, 500), Use(2, 1, 100, 400, {1 << 20, 0}), Use(3, 1, 0, 300)};
+    const std::vector<ProcessUse> after{Use(1, 1, 150, 500), Use(2, 1, 200, 400, {1 << 20, 1 << 20}),
+                                        Use(3, 1, 0, 600, {0, 4096})};
+    EXPECT_EQ(Pids(FindTopConsumers(before, after, 1000, 100, PressureResource::kCpu, 5)), (std::vector<int>{2, 1}));
+    EXPECT_EQ(Pids(FindTopConsumers(before, after, 1000, 100, PressureResource::kMemory, 2)), (std::vector<int>{3, 1}));
+    const auto io = FindTopConsumers(before, after, 2000, 100, PressureResource::kIo, 5);
+    ASSERT_EQ(Pids(io), (std::vector<int>{2, 3}));
+    EXPECT_EQ(io[0].writeKbps, 512);
+    EXPECT_EQ(io[0].readKbps, 0);
+    EXPECT_EQ(io[0].cpu100Times, 5000) << "100 ticks of a 100th second in 2 s are half a CPU";
+}
+
+TEST(TopConsumersTest, ALaterProcessOfTheSameNumberIsAnother) {
+    const std::vector<ProcessUse> before{Use(7, 1, 1000, 10)};
+    const std::vector<ProcessUse> after{Use(7, 2, 1050, 10)};
+    const auto found = FindTopConsumers(before, after, 1000, 100, PressureResource::kCpu, 5);
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found[0].cpu100Times, 105000) << "since its start";
+}
+
+TEST(TopConsumersTest, CountersThatWentBackAreNothing) {
+    const auto found =
+        FindTopConsumers({Use(7, 1, 1000, 0)}, {Use(7, 1, 900, 0)}, 1000, 100, PressureResource::kCpu, 5);
+    EXPECT_TRUE(found.empty());
+}
+
+TEST(TopConsumersTest, FindsThisProcess) {
+    const std::vector<ProcessUse> all = agent::LookAtProcesses(true, 100000);
+    bool self = false;
+    for (const ProcessUse& use : all) self = self || (use.pid == getpid() && use.residentKb > 0 && !use.name.empty());
+    EXPECT_TRUE(self);
+}
+
+TEST(HostPressureTest, FormatsAStall) {
+    agent::StallFacts facts;
+    facts.resource = PressureResource::kIo;
+    facts.trigger = {true, 60};
+    facts.goesOn = true;
+    facts.stalled100Times = 7512;
+    facts.line.avg10_100times = 6400;
+    facts.line.avg60_100times = 1200;
+    facts.consumers = {{42, "backup", 150, 2048, 1000, 20000}, {43, "tervane", 10, 4096, 0, 12}};
+    const auto body = agent::ParseJson(agent::FormatStall(facts, {{"QorNet", 43}}, 1700000000));
+    ASSERT_TRUE(body);
+    EXPECT_EQ((*body)["detect_time"].asInt64(), 1700000000);
+    EXPECT_EQ((*body)["resource"].asString(), "io");
+    EXPECT_EQ((*body)["kind"].asString(), "full");
+    EXPECT_EQ((*body)["threshold_percent"].asInt(), 60);
+    EXPECT_TRUE((*body)["goes_on"].asBool());
+    EXPECT_EQ((*body)["stalled_100times"].asInt(), 7512);
+    EXPECT_EQ((*body)["avg10_100times"].asInt(), 6400);
+    EXPECT_EQ((*body)["avg60_100times"].asInt(), 1200);
+    ASSERT_EQ((*body)["consumers"].size(), 2U);
+    const Json::Value& first = (*body)["consumers"][0];
+    EXPECT_EQ(first["pid"].asInt(), 42);
+    EXPECT_EQ(first["name"].asString(), "backup");
+    EXPECT_EQ(first["component"].asString(), "");
+    EXPECT_EQ(first["cpu_100times"].asInt(), 150);
+    EXPECT_EQ(first["resident_kb"].asInt(), 2048);
+    EXPECT_EQ(first["read_kbps"].asInt(), 1000);
+    EXPECT_EQ(first["write_kbps"].asInt(), 20000);
+    EXPECT_EQ((*body)["consumers"][1]["component"].asString(), "QorNet");
+}
+
+}  // namespace
