@@ -201,6 +201,8 @@ void AgentTest::SetUp() {
     m_memoryRoot = MountOf("memory");
     WriteResource({});
     WriteComponents("");
+    // A machine that runs tests stalls; a message of it is no part of what most of them count.
+    WriteConf("agent.json", R"({"version": 1, "pressure": {"memory": 0, "io": 0}})");
 }
 
 void AgentTest::TearDown() {
