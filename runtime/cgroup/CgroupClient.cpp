@@ -15,7 +15,7 @@
 #include "ComponentPlaces.h"
 #include "Membership.h"
 #include "OwnPlacement.h"
-#include "QuietTree.h"
+#include "kernel/Rhythm.h"
 #include "base/Clock.h"
 #include "base/FileIo.h"
 #include "base/Mutex.h"
@@ -222,7 +222,7 @@ bool CCgroupClient::Impl::Reload() {
 /// Whether a reload would find what the last one found: the same file, the same groups of this process, the same
 /// mounts. Its leaf cannot go while it is in it. No file is opened.
 bool CCgroupClient::Impl::IsAtRest() {
-    if (!rest.valid || NowMs() - rest.atMs >= kMostQuietMs) return false;
+    if (!rest.valid || NowMs() - rest.atMs >= MostBelievedMs()) return false;
     const Result<LayoutMark> layout = ReadLayoutMark();
     return layout && *layout == rest.layout && base::ReadFileMark(ComponentFilePath()) == rest.file &&
            GetComponentName() == rest.component;

@@ -21,6 +21,7 @@
 #include "OwnGroup.h"
 #include "OwnPlacement.h"
 #include "QuietTree.h"
+#include "kernel/Rhythm.h"
 #include "Reconcile.h"
 #include "base/Clock.h"
 #include "base/FileIo.h"
@@ -402,7 +403,7 @@ bool CCgroupManager::Impl::Keep(const std::vector<CgroupMember>& members, std::v
 bool CCgroupManager::Impl::IsOomAtRest(int64_t nowMs) {
     const std::optional<uint64_t> kills = hostKills.Read();
     const bool calm = kills && kills == std::exchange(lastKills, kills);
-    if (!calm || !oomRest.valid || !quiet.IsSettled() || nowMs - oomRest.atMs >= kMostQuietMs)
+    if (!calm || !oomRest.valid || !quiet.IsSettled() || nowMs - oomRest.atMs >= MostBelievedMs())
         return oomRest.valid = false;
     const Result<LayoutMark> layout = ReadLayoutMark();
     if (!layout) return false;

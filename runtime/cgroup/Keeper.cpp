@@ -178,7 +178,9 @@ void Keeper::Round::KeepBranch(const Branch& branch) {
     Result<GroupDir> dir = OpenTree(branch);
     if (dir) {
         tree = ReadTree(std::move(*dir), branch.serves, 2, {}, [&](const GroupDir& group) {
-            if (m_in.quiet != nullptr) m_in.quiet->Watch(group);
+            if (m_in.quiet == nullptr) return;
+            m_in.quiet->Watch(group);
+            m_in.quiet->NoteLimits(group, active);
         });
         if (m_in.quiet != nullptr) m_in.quiet->NoteTree(tree.dirs.front());
         m_inOrder = m_inOrder && tree.unread.empty();

@@ -2,11 +2,16 @@
 #include "QuietTree.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <string_view>
 #include <utility>
 
+#include "kernel/CgroupFiles.h"
+#include "kernel/Limits.h"
+#include "kernel/Rhythm.h"
 #include "base/FileIo.h"
 #include "base/ProcFiles.h"
 
@@ -18,6 +23,17 @@ constexpr size_t kPieceBytes = 65536;
 
 /// Kernel: version 1 gives an open list as it was for a second after it was last read.
 constexpr int64_t kFreshAfterMs = 1500;
+
+/// Nothing that only saves work is kept open by a process that may have few descriptors.
+constexpr long kPlentyOfDescriptors = 512;
+constexpr size_t kValueBytes = 256;
+constexpr size_t kPlaceBytes = 4096;
+
+/// The files that say how much one controller gives a group.
+std::vector<const char*> ValueFilesOf(Controller controller, Version version) {
+    if (controller == Controller::kCpu && version == Version::kV1) return {v1::kCpuQuotaUs, v1::kCpuPeriodUs};
+    return {LimitFileOf(controller, version)};
+}
 
 /// Returns: whether an open list reads as `text`.
 bool ReadsAs(int fd, std::string_view text, std::string& buffer) {
@@ -45,6 +61,7 @@ void QuietTree::Begin() {
     const Result<LayoutMark> layout = ReadLayoutMark();
     m_complete = layout.Ok();
     if (layout) FollowMounts(*layout);
+    m_comparable = sysconf(_SC_OPEN_MAX) >= kPlentyOfDescriptors;
     m_trees.clear();
     m_threads.clear();
     m_before.clear();
@@ -53,11 +70,24 @@ void QuietTree::Begin() {
         m_before[std::move(path)] = std::move(members);
     }
     m_members.clear();
+    m_valuesBefore.clear();
+    for (Value& value : m_values) {
+        std::string path = value.path;
+        m_valuesBefore[std::move(path)] = std::move(value);
+    }
+    m_values.clear();
+}
+
+void QuietTree::ForgetValues() {
+    m_comparable = false;
+    m_values.clear();
+    m_valuesBefore.clear();
 }
 
 void QuietTree::FollowMounts(const LayoutMark& layout) {
     if (layout.mounts != m_layout.mounts) {
         for (Members& members : m_members) members.kept.Reset();
+        ForgetValues();
     }
     m_settled = m_settled && layout == m_layout;
     m_layout = layout;
@@ -97,15 +127,54 @@ void QuietTree::NoteThreads(int pid) {
         if (known.pid == pid) return;
     }
     const Result<uint64_t> count = base::CountThreads(pid);
-    if (count) m_threads.push_back({pid, *count});
     m_complete = m_complete && count;
+    if (!count) return;
+    Threads threads;
+    threads.pid = pid;
+    threads.count = *count;
+    NotePlace(threads);
+    m_threads.push_back(std::move(threads));
+}
+
+/// This process's own place is the layout's to know.
+void QuietTree::NotePlace(Threads& threads) const {
+    if (!m_comparable || threads.pid == getpid()) return;
+    if (!threads.place.Open(base::ProcessFile(threads.pid, "cgroup").c_str())) return;
+    std::array<char, kPlaceBytes> buffer;  // not filled
+    threads.groups = threads.place.Read(buffer.data(), buffer.size());
+}
+
+void QuietTree::NoteLimits(const GroupDir& group, const Flags& controllers) {
+    for (const Controller controller : kAllControllers) {
+        if (!controllers[controller]) continue;
+        for (const char* file : ValueFilesOf(controller, group.GetVersion())) NoteValue(group, file);
+    }
+}
+
+void QuietTree::NoteValue(const GroupDir& group, const char* file) {
+    if (!m_comparable) return;
+    const Result<GroupIdentity> identity = group.Identity();
+    Value value;
+    value.path = group.Path() + "/" + file;
+    const auto before = m_valuesBefore.find(value.path);
+    if (before != m_valuesBefore.end() && identity && before->second.identity == *identity) {
+        value.kept = std::move(before->second.kept);
+    }
+    if (!value.kept && !group.HasFile(file)) return;  // the controller is off there; that it comes is told
+    if (!value.kept && m_values.size() < kMostValues) value.kept = group.OpenDetached(file);
+    std::array<char, kValueBytes> buffer;  // not filled
+    if (value.kept) value.text = base::RereadText(value.kept.Get(), buffer.data(), buffer.size());
+    if (!identity || value.text.empty()) return ForgetValues();
+    value.identity = *identity;
+    m_values.push_back(std::move(value));
 }
 
 void QuietTree::Settle(bool inOrder, int64_t nowMs) {
     m_watch.End();
     m_before.clear();
     m_settled = inOrder && m_complete && m_watch.IsWhole();
-    m_settledAtMs = nowMs;
+    m_settledAtMs = m_comparedAtMs = nowMs;
+    m_valuesBefore.clear();
     if (!m_settled) Disturb();
 }
 
@@ -141,11 +210,27 @@ bool QuietTree::Holds(int64_t nowMs) {
         return now && *now == threads.count;
     };
     m_settled = layout && m_settled && m_watch.IsWhole() && m_watch.Changes() == m_changes &&
-                nowMs - m_settledAtMs < kMostQuietMs &&
                 std::all_of(m_trees.begin(), m_trees.end(), [](const Tree& tree) { return IsSame(tree); }) &&
                 std::all_of(m_threads.begin(), m_threads.end(), sameThreads) &&
-                std::all_of(m_members.begin(), m_members.end(), [&](Members& each) { return IsSame(each, nowMs); });
+                std::all_of(m_members.begin(), m_members.end(), [&](Members& each) { return IsSame(each, nowMs); }) &&
+                StandsAsNoted(nowMs);
     return m_settled;
+}
+
+/// What is compared once in a while only. Returns: whether that holds, too.
+bool QuietTree::StandsAsNoted(int64_t nowMs) {
+    if (nowMs - m_comparedAtMs < MostQuietMs()) return true;
+    if (!m_comparable || nowMs - m_settledAtMs >= MostBelievedMs()) return false;
+    m_comparedAtMs = nowMs;
+    std::array<char, kPlaceBytes> buffer;  // not filled
+    const auto sameText = [&](int fd, const std::string& text) {
+        return base::RereadText(fd, buffer.data(), buffer.size()) == text;
+    };
+    return std::all_of(m_values.begin(), m_values.end(),
+                       [&](const Value& value) { return sameText(value.kept.Get(), value.text); }) &&
+           std::all_of(m_threads.begin(), m_threads.end(), [&](const Threads& threads) {
+               return !threads.place.IsOpen() || threads.place.Read(buffer.data(), buffer.size()) == threads.groups;
+           });
 }
 
 }  // namespace cgroup

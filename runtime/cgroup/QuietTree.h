@@ -2,6 +2,9 @@
 // is waited for (TreeWatch), what it does not tell is compared by one cheap call each: the mounts, this process's own
 // groups, which directory the tree is, the members of every leaf with a component in it, and how many threads those
 // components have. No file is opened for it where the kernel lets a list be kept open without keeping a mount busy.
+// After a minute of silence the limits themselves are compared as well, and where the processes are, through files that
+// stay open; so a hand that nothing has told of is noticed then. Everything is looked at from the start once in half an
+// hour, and each minute where the limits are too many, or cannot be kept open.
 #pragma once
 
 #include <sys/types.h>
@@ -16,12 +19,10 @@
 #include "kernel/Layout.h"
 #include "kernel/TreeWatch.h"
 #include "base/Fd.h"
+#include "base/ProcFiles.h"
 
 namespace zel {
 namespace cgroup {
-
-/// How long silence is believed: what neither the watch nor the comparisons see is found then.
-constexpr int64_t kMostQuietMs = 60000;
 
 /// Thread-safety: none, the owner locks.
 /// Lifetime: lists stay open until the mounts change, the tree is disturbed, or the object ends.
@@ -38,6 +39,8 @@ public:
     void NoteMembers(const GroupDir& leaf, const char* file);
     /// A process of whose threads each is judged.
     void NoteThreads(int pid);
+    /// A group with its limits of those controllers, before they are judged.
+    void NoteLimits(const GroupDir& group, const Flags& controllers);
     /// The look is over. `inOrder`: it found nothing to put right, and nothing to wait for.
     void Settle(bool inOrder, int64_t nowMs);
 
@@ -51,6 +54,9 @@ public:
     void FollowMounts(const LayoutMark& layout);
 
     TreeWatch& Told() { return m_watch; }
+
+    /// Values that are kept open: each is a descriptor, and a page of the kernel's.
+    static constexpr size_t kMostValues = 64;
 
 private:
     struct Tree {
@@ -67,23 +73,40 @@ private:
         base::Fd kept;
         int64_t readMs = 0;  ///< when the open list was read last
     };
+    /// One limit of a group as it was read.
+    struct Value {
+        std::string path;  ///< of the file
+        GroupIdentity identity;
+        std::string text;
+        base::Fd kept;
+    };
     struct Threads {
         int pid = 0;
         uint64_t count = 0;
+        base::KeptFile place;  ///< its groups; a list of version 1 may be an old one
+        std::string groups;
     };
+    void NoteValue(const GroupDir& group, const char* file);
+    void NotePlace(Threads& threads) const;
+    void ForgetValues();
+    bool StandsAsNoted(int64_t nowMs);
     static bool IsSame(const Tree& tree);
     bool IsSame(Members& members, int64_t nowMs);
 
     TreeWatch m_watch;
     bool m_settled = false;
-    bool m_complete = false;  ///< everything that was to be noted is
+    bool m_complete = false;    ///< everything that was to be noted is
+    bool m_comparable = false;  ///< and every limit is open
     uint64_t m_changes = 0;
     int64_t m_settledAtMs = 0;
+    int64_t m_comparedAtMs = 0;
     LayoutMark m_layout;
     std::vector<Tree> m_trees;
     std::vector<Members> m_members;
     std::vector<Threads> m_threads;
+    std::vector<Value> m_values;
     std::map<std::string, Members> m_before;  ///< lists of the look before, by path
+    std::map<std::string, Value> m_valuesBefore;
     std::string m_buffer;
 };
 

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "Rhythm.h"
 #include "base/Clock.h"
 #include "base/Fd.h"
 #include "base/FileIo.h"
@@ -19,8 +20,7 @@ namespace zel {
 namespace cgroup {
 namespace {
 
-/// Mounts are compared that often in any case: a sandboxed kernel may have no poll for them.
-constexpr int64_t kCompareNs = 60LL * 1000000000;
+constexpr int64_t kNsPerMs = 1000000;
 constexpr size_t kOwnGroupsBytes = 16384;
 
 template <class T>
@@ -51,7 +51,7 @@ public:
 private:
     Status Refresh() ZEL_REQUIRES(m_mutex);
     Status Open() ZEL_REQUIRES(m_mutex);
-    Status ReadMounts() ZEL_REQUIRES(m_mutex);
+    Status ReadMounts(bool told, int64_t nowNs) ZEL_REQUIRES(m_mutex);
     Status ReadOwn() ZEL_REQUIRES(m_mutex);
     bool AreMountsTold() const ZEL_REQUIRES(m_mutex);
 
@@ -63,6 +63,7 @@ private:
     std::string m_controllerText ZEL_GUARDED_BY(m_mutex);
     std::string m_ownText ZEL_GUARDED_BY(m_mutex);
     int64_t m_comparedNs ZEL_GUARDED_BY(m_mutex) = 0;
+    int64_t m_controllersNs ZEL_GUARDED_BY(m_mutex) = 0;
     uint64_t m_parses ZEL_GUARDED_BY(m_mutex) = 0;
     Layout m_layout ZEL_GUARDED_BY(m_mutex);
     LayoutMark m_mark ZEL_GUARDED_BY(m_mutex);
@@ -79,17 +80,21 @@ Status LayoutCache::Open() {
     if (!m_mountFile) return ErrnoError(errno, "open", base::kMountInfoFile);
     if (!m_ownFile.Open(base::kOwnGroupsFile)) return ErrnoError(errno, "open", base::kOwnGroupsFile);
     m_pid = static_cast<int>(getpid());
-    m_comparedNs = 0;
+    m_comparedNs = m_controllersNs = 0;
     return {};
 }
 
-Status LayoutCache::ReadMounts() {
+Status LayoutCache::ReadMounts(bool told, int64_t nowNs) {
     if (lseek(m_mountFile.Get(), 0, SEEK_SET) != 0) return ErrnoError(errno, "read", base::kMountInfoFile);
     Result<std::string> mounts = base::ReadAll(m_mountFile, base::kMaxProcTextBytes, base::kMountInfoFile);
     if (!mounts) return mounts.GetError();
+    const bool same = *mounts == m_mountText && m_parses != 0;
+    const bool known = m_controllersNs != 0 && nowNs - m_controllersNs < MostBelievedMs() * kNsPerMs;
+    if (same && known && !told) return {};
     Result<std::string> controllers = base::ReadProcText(base::kCgroupsFile);
     const std::string controllerText = controllers ? std::move(*controllers) : std::string();
-    if (*mounts == m_mountText && controllerText == m_controllerText && m_parses != 0) return {};
+    m_controllersNs = nowNs;
+    if (same && controllerText == m_controllerText) return {};
     m_mountText = std::move(*mounts);
     m_controllerText = controllerText;
     m_layout.mounts = Shared(base::ParseMountInfo(m_mountText));
@@ -122,11 +127,12 @@ Status LayoutCache::Refresh() {
         if (!opened) return opened;
     }
     const int64_t now = base::ClockNs(CLOCK_MONOTONIC_COARSE);
+    // They are compared after a while in any case: a sandboxed kernel may have no poll for them.
     // Before the text is read: what changes while it is read is told the next time.
     const bool told = AreMountsTold();
-    if (told || m_comparedNs == 0 || now - m_comparedNs >= kCompareNs) {
+    if (told || m_comparedNs == 0 || now - m_comparedNs >= MostQuietMs() * kNsPerMs) {
         const uint64_t before = m_parses;
-        const Status read = ReadMounts();
+        const Status read = ReadMounts(told, now);
         if (!read) {
             m_pid = 0;
             return read;

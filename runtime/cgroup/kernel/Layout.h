@@ -33,7 +33,8 @@ struct Layout {
 };
 
 /// The layout as it is now. Without a change of the mounts: two system calls, none of them an open.
-/// Kernel: /proc/cgroups, which may be missing, is read with the mounts, and with them once a minute in any case.
+/// Kernel: the mounts are read again after MostQuietMs() in any case. /proc/cgroups, which may be missing, is read when
+/// they have changed, and after MostBelievedMs() in any case.
 /// Thread-safety: any thread.
 Result<Layout> ReadLayout();
 

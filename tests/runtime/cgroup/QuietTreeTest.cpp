@@ -13,6 +13,7 @@
 #include "AgentTreeFixture.h"
 #include "Branch.h"
 #include "QuietTree.h"
+#include "kernel/Rhythm.h"
 #include "platform/zel/CgroupKeeper.h"
 #include "support/SystemCalls.h"
 
@@ -22,6 +23,9 @@ using namespace treetest;
 using support::CountSystemCalls;
 using support::SystemCalls;
 using zel::cgroup::GroupDir;
+using zel::cgroup::MostBelievedMs;
+using zel::cgroup::MostQuietMs;
+using zel::cgroup::QuietTree;
 using zel::cgroup::TreeWatch;
 using zel::cgroup::Version;
 
@@ -268,6 +272,70 @@ TEST_F(QuietTreeTest, AnOverflowIsAChangeOfEverything) {
     watch.Drain();
     EXPECT_GE(watch.Changes(), queue);
     EXPECT_EQ(counts + 1, watch.Counts()) << "the overflow may hide any event";
+}
+
+/// What was noted of a leaf of which nobody tells anything.
+class UntoldTest : public QuietTreeTest {
+protected:
+    void SetUp() override {
+        QuietTreeTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        Build(0);
+        Note();
+    }
+    /// A look at the leaf, as long ago as the clock of the test says.
+    void Note() {
+        const auto leaf = GroupDir::Open(cpuTree + "/" + kLeaf, layout.cpuV2 ? Version::kV2 : Version::kV1);
+        ASSERT_TRUE(leaf.Ok());
+        quiet.Begin();
+        quiet.NoteLimits(*leaf, {true, false});
+        quiet.NoteThreads(component->Pid());
+        quiet.Settle(true, 0);
+        ASSERT_TRUE(quiet.Holds(1));
+    }
+    QuietTree quiet;
+};
+
+TEST_F(UntoldTest, ALimitThatNobodyToldOfIsNoticedWithinAMinute) {
+    const std::string value = cpuTree + "/" + kLeaf + (layout.cpuV2 ? "/cpu.max" : "/cpu.cfs_period_us");
+    const std::string asked = ReadValue(value);
+    ASSERT_TRUE(WriteText(value, layout.cpuV2 ? "max" : "200000"));
+    EXPECT_TRUE(quiet.Holds(MostQuietMs() - 1));
+    EXPECT_FALSE(quiet.Holds(MostQuietMs()));
+    EXPECT_TRUE(WriteText(value, asked));
+}
+
+TEST_F(UntoldTest, AMoveThatNoListShowsIsNoticedWithinAMinute) {
+    if (layout.cpuV2) GTEST_SKIP() << "SKIP direct: lists of version 2 are never old";
+    ASSERT_TRUE(WriteText(layout.cpuMount + "/cgroup.procs", std::to_string(component->Pid())));
+    EXPECT_TRUE(quiet.Holds(MostQuietMs() - 1));
+    EXPECT_FALSE(quiet.Holds(MostQuietMs()));
+}
+
+TEST_F(UntoldTest, WhatStandsIsComparedEachMinuteAndLookedAtInTheEnd) {
+    int64_t now = 0;
+    const auto compare = [&] {
+        now += MostQuietMs();
+        EXPECT_TRUE(quiet.Holds(now));
+    };
+    const SystemCalls once = CountSystemCalls(compare, compare);
+    const SystemCalls between = CountSystemCalls([&] { quiet.Holds(now + 1); });
+    while (now + MostQuietMs() < MostBelievedMs()) compare();
+    EXPECT_FALSE(quiet.Holds(MostBelievedMs()));
+    if (!once.counted) GTEST_SKIP() << kNoTrace;
+    EXPECT_EQ(0, once.opens);
+    EXPECT_EQ(between.all + (layout.cpuV2 ? 1 : 3), once.all) << "a call for each value, and for where the process is";
+}
+
+TEST_F(UntoldTest, WhereLimitsCannotStayOpenEachMinuteIsALook) {
+    constexpr long kOpenTree = 428;
+    const bool ran = support::RunWithoutCall(kOpenTree, EPERM, [&] {
+        quiet = QuietTree();
+        Note();
+        EXPECT_TRUE(quiet.Holds(MostQuietMs() - 1));
+        EXPECT_FALSE(quiet.Holds(MostQuietMs()));
+    });
+    if (!ran) GTEST_SKIP() << "SKIP direct: no filter can be set";
 }
 
 class QuietOomTest : public QuietTreeTest {
