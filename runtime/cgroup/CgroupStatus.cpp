@@ -3,11 +3,16 @@
 
 #include <unistd.h>
 
+#include <ctime>
 #include <utility>
 
 #include "Hierarchy.h"
+#include "KnownLimits.h"
 #include "kernel/Limits.h"
+#include "kernel/Rhythm.h"
 #include "OwnGroup.h"
+#include "base/Clock.h"
+#include "base/Mutex.h"
 #include "base/ProcFiles.h"
 
 namespace zel {
@@ -147,7 +152,33 @@ void ReadMem(int pid, const Layout& layout, CgroupMemStatus& out) {
     Explain(own.hierarchy, own.path, out);
 }
 
+/// Five minutes, each process apart: its place is one open.
+constexpr int64_t kRhythmFactor = 5;
+constexpr int64_t kNsPerMs = 1000000;
+
+struct ProcessLimits {
+    base::Mutex mutex;
+    cgroup::KnownLimits known ZEL_GUARDED_BY(mutex);
+};
+
+// Never destroyed: threads of the host may still ask while the process ends.
+ProcessLimits& LimitsOfProcesses() {
+    static ProcessLimits* const limits = new ProcessLimits;
+    return *limits;
+}
+
 }  // namespace
+
+int ReadCgroupCpuLimit(int pid) {
+    ProcessLimits& limits = LimitsOfProcesses();
+    const base::MutexLock lock(limits.mutex);
+    const cgroup::Limit limit = limits.known.CpuLimitOf(pid, base::ClockNs(CLOCK_MONOTONIC) / kNsPerMs);
+    return cgroup::IsLimited(Controller::kCpu, limit) ? cgroup::QuotaTo100Times(limit.cpu) : 0;
+}
+
+int64_t CgroupLimitRhythmMs() {
+    return kRhythmFactor * cgroup::MostQuietMs();
+}
 
 bool ReadCgroupStatus(CgroupStatus& out, int pid) {
     if (pid < 0) return false;

@@ -12,8 +12,12 @@
 namespace zelhost {
 
 int64_t ReadOwnCpuLimit(unsigned int pid) {
-    zel::CgroupStatus status;
-    return zel::ReadCgroupStatus(status, static_cast<int>(pid)) && status.cpu.limited ? status.cpu.limit100Times : 0;
+    return zel::ReadCgroupCpuLimit(static_cast<int>(pid));
+}
+
+int64_t CWatchedProcesses::AskAgainNs() {
+    static const int64_t askAgainNs = zel::CgroupLimitRhythmMs() * 1000000;
+    return askAgainNs;
 }
 
 void CWatchedProcesses::Set(std::map<unsigned int, std::string> processes) {
@@ -101,7 +105,7 @@ void CWatchedProcesses::Look(Entry& entry, int64_t nowNs, int64_t maxCpu100Times
         events.push_back({WatchedEvent::kEnded, entry.pid, entry.name, 0, 0});
         return;
     }
-    const bool isDue = entry.askedNs == 0 || nowNs - entry.askedNs >= kAskAgainNs;
+    const bool isDue = entry.askedNs == 0 || nowNs - entry.askedNs >= AskAgainNs();
     if (!m_asked && (isDue || entry.commonMaxCpu != maxCpu100Times)) {
         AskOwnLimit(entry, nowNs);
         entry.commonMaxCpu = maxCpu100Times;
@@ -126,7 +130,7 @@ void CWatchedProcesses::Round(int64_t nowNs, int64_t maxCpu100Times, int64_t max
                               std::vector<WatchedEvent>& events) {
     TakeNewSet();
     m_asked = false;
-    const size_t looks = std::min(kPerRound, m_entries.size());
+    const size_t looks = std::min(kPerRound, (m_entries.size() + kRestRounds - 1) / kRestRounds);
     for (size_t i = 0; i < looks; ++i) {
         Look(m_entries[m_next], nowNs, maxCpu100Times, maxMemKb, events);
         m_next = (m_next + 1) % m_entries.size();

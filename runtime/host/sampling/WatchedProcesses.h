@@ -31,7 +31,7 @@ int64_t ReadOwnCpuLimit(unsigned int pid);
 class CWatchedProcesses {
 public:
     /// `ownCpuLimit` is asked at the first look at a process, once more when it seems to be at its maximum, and each
-    /// kAskAgainNs: of one process at most in a round, and of none in a steady one.
+    /// AskAgainNs(): of one process at most in a round, and of none in a steady one.
     explicit CWatchedProcesses(std::function<int64_t(unsigned int pid)> ownCpuLimit = ReadOwnCpuLimit)
         : m_ownCpuLimit(std::move(ownCpuLimit)) {}
 
@@ -40,18 +40,19 @@ public:
     /// The most processes that are watched; the highest numbers are left out. 0 or less: none.
     void SetMost(int most);
 
-    /// Looks at the next kPerRound processes, so that a round costs the same however many there are.
-    /// `maxCpu100Times` and `maxMemKb`: 0 or less: none. The first is for processes without a CPU limit of their own:
-    /// this process's maximum says nothing about another that has one. Events are appended; nothing is allocated
-    /// without one.
+    /// Looks at the next few processes: at each of them in kRestRounds rounds, but at no more than kPerRound in a
+    /// round, so that a round costs the same however many there are. `maxCpu100Times` and `maxMemKb`: 0 or less: none.
+    /// The first is for processes without a CPU limit of their own: this process's maximum says nothing about another
+    /// that has one. Events are appended; nothing is allocated without one.
     void Round(int64_t nowNs, int64_t maxCpu100Times, int64_t maxMemKb, std::vector<WatchedEvent>& events);
 
     size_t Count() const { return m_entries.size(); }
     void Clear();
 
     static constexpr size_t kPerRound = 4;
-    /// Another may have changed the limit. Asking opens a dozen files.
-    static constexpr int64_t kAskAgainNs = 300LL * 1000 * 1000 * 1000;
+    static constexpr size_t kRestRounds = 3;
+    /// Another may have changed the limit. Asking opens a file.
+    static int64_t AskAgainNs();
 
 private:
     struct Entry {

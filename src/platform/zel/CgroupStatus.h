@@ -50,4 +50,13 @@ struct CgroupStatus {
 /// Returns: false when the process or /proc cannot be read, and the output stays untouched.
 ZEL_API bool ReadCgroupStatus(CgroupStatus& out, int pid = 0);
 
+/// The CPU limit alone, as often as somebody wants to know: what stands in the groups is read when something tells of a
+/// change, and only where the process is each time.
+/// Thread-safety: any thread.
+/// Returns: hundredths of a percent of one CPU; 0: no limit, or no such process.
+ZEL_API int ReadCgroupCpuLimit(int pid);
+
+/// Returns: after how long another may have changed what a process is limited by without a word. Units: milliseconds.
+ZEL_API int64_t CgroupLimitRhythmMs();
+
 }  // namespace zel

@@ -6,6 +6,8 @@
 #include "LegacyLimit.h"
 #include "kernel/Limits.h"
 #include "RealKernel.h"
+#include "kernel/CgroupFiles.h"
+#include "support/SystemCalls.h"
 
 using namespace zel::cgroup;
 using zel::CgroupStatus;
@@ -55,6 +57,43 @@ TEST_F(CgroupStatusTest, TheTightestLimitOnTheWayUpCounts) {
     EXPECT_EQ(200000, status.cpu.periodUs);
     EXPECT_EQ("limited by its own group, " + CpuDir(m_name) + "/leaf", status.cpu.reason);
     EXPECT_EQ("", status.cpu.advice);
+}
+
+TEST_F(CgroupStatusTest, TheCpuLimitAloneFollowsWhatIsToldAndWhereTheProcessIs) {
+    GroupDir parent = Make(m_cpu);
+    GroupDir leaf = std::move(*parent.MakeChild("leaf"));
+    WaitingChild child;
+    ASSERT_TRUE(leaf.MoveHere(child.Pid()).Ok());
+    EXPECT_EQ(0, zel::ReadCgroupCpuLimit(child.Pid()));
+    ASSERT_TRUE(ApplyCpuQuota(parent, QuotaFrom100Times(2000)).Ok());
+    EXPECT_EQ(2000, zel::ReadCgroupCpuLimit(child.Pid()));
+    ASSERT_TRUE(ApplyCpuQuota(leaf, QuotaFrom100Times(50)).Ok());
+    EXPECT_EQ(50, zel::ReadCgroupCpuLimit(child.Pid()));
+    ASSERT_TRUE(leaf.Write(v1::kCpuPeriodUs, "400000").Ok());
+    EXPECT_EQ(25, zel::ReadCgroupCpuLimit(child.Pid()));
+    ASSERT_TRUE(parent.MoveHere(child.Pid()).Ok());
+    EXPECT_EQ(2000, zel::ReadCgroupCpuLimit(child.Pid())) << "it has gone elsewhere";
+    // Another group of the same name.
+    ASSERT_TRUE(parent.RemoveChild("leaf").Ok());
+    leaf = std::move(*parent.MakeChild("leaf"));
+    ASSERT_TRUE(leaf.MoveHere(child.Pid()).Ok());
+    EXPECT_EQ(2000, zel::ReadCgroupCpuLimit(child.Pid()));
+    const int pid = child.Pid();
+    child.End();
+    EXPECT_EQ(0, zel::ReadCgroupCpuLimit(pid)) << "it has ended";
+}
+
+TEST_F(CgroupStatusTest, AKnownCpuLimitOpensNothingButTheProcess) {
+    GroupDir parent = Make(m_cpu);
+    GroupDir leaf = std::move(*parent.MakeChild("leaf"));
+    ASSERT_TRUE(ApplyCpuQuota(leaf, QuotaFrom100Times(50)).Ok());
+    WaitingChild child;
+    ASSERT_TRUE(leaf.MoveHere(child.Pid()).Ok());
+    const auto ask = [&] { EXPECT_EQ(50, zel::ReadCgroupCpuLimit(child.Pid())); };
+    const support::SystemCalls calls = support::CountSystemCalls(ask, ask);
+    if (!calls.counted) GTEST_SKIP() << "SKIP direct: this thread cannot be traced";
+    EXPECT_EQ(1, calls.opens);
+    EXPECT_LE(calls.all, 10);
 }
 
 TEST_F(CgroupStatusTest, ShowsThisProcessUnderItsLegacyMemoryLimit) {

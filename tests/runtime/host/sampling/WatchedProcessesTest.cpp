@@ -9,6 +9,8 @@
 #include <chrono>
 #include <thread>
 
+#include "support/SystemCalls.h"
+
 namespace {
 
 using zelhost::CWatchedProcesses;
@@ -87,10 +89,36 @@ TEST_F(WatchedProcessesTest, ALimitThatWasChangedIsHeededInTime) {
     EXPECT_TRUE(events.empty());
     EXPECT_EQ(1, questions) << "in a steady round nothing is opened";
     ownLimit = 50;
-    const int64_t later = 5 * kSecondNs + CWatchedProcesses::kAskAgainNs;
+    const int64_t later = 5 * kSecondNs + CWatchedProcesses::AskAgainNs();
     for (int64_t second = 0; second <= 2; ++second) round(later + second * kSecondNs);
     ASSERT_EQ(1u, events.size());
     EXPECT_EQ(50, events[0].limit);
+}
+
+TEST(WatchedRoundsTest, SixAreLookedAtInThreeRoundsTwoAtATime) {
+    std::map<unsigned int, std::string> all;
+    for (int i = 0; i < 6; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            for (;;) pause();
+        }
+        all[static_cast<unsigned int>(child)] = "resting";
+    }
+    CWatchedProcesses watched([](unsigned int) { return int64_t{0}; });
+    watched.Set(all);
+    std::vector<WatchedEvent> events;
+    int64_t second = 0;
+    const auto round = [&] { watched.Round(++second * kSecondNs, kCommonMax, 0, events); };
+    const support::SystemCalls calls = support::CountSystemCalls(round, round);
+    for (const auto& [child, name] : all) {
+        kill(static_cast<pid_t>(child), SIGKILL);
+        waitpid(static_cast<pid_t>(child), nullptr, 0);
+    }
+    EXPECT_TRUE(events.empty());
+    for (int i = 0; i < 3; ++i) round();
+    EXPECT_EQ(all.size(), events.size()) << "each of them has been seen to have ended";
+    if (!calls.counted) GTEST_SKIP() << "SKIP direct: this thread cannot be traced";
+    EXPECT_EQ(2, calls.all);
 }
 
 }  // namespace
