@@ -189,11 +189,11 @@ std::chrono::nanoseconds UntilGrid(std::chrono::nanoseconds now, std::chrono::mi
     return ((earliest + width - std::chrono::nanoseconds(1)) / width) * width - now;
 }
 
-void IoTimer::StartOnGrid(std::chrono::milliseconds period, IoLoop::Handler handler) {
+void IoTimer::StartOnGrid(std::chrono::milliseconds period, IoLoop::Handler handler, std::chrono::milliseconds ahead) {
     timespec now{};
     clock_gettime(CLOCK_BOOTTIME, &now);
     const auto sinceBoot = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
-    m_body->Start(UntilGrid(sinceBoot, period), std::move(handler));
+    m_body->Start(UntilGrid(sinceBoot + ahead, period), std::move(handler));
 }
 
 void IoTimer::Stop() {

@@ -61,8 +61,10 @@ public:
 
     void Start(std::chrono::milliseconds delay, IoLoop::Handler handler);
     /// Fires at the next multiple of `period` since boot that is at least half of it away. Timers of one
-    /// rhythm, in whatever process, so wake their processors together. Requires: period > 0.
-    void StartOnGrid(std::chrono::milliseconds period, IoLoop::Handler handler);
+    /// rhythm, in whatever process, so wake their processors together. `ahead`: so much before it, for what would
+    /// disturb others of that rhythm. Requires: period > 0.
+    void StartOnGrid(std::chrono::milliseconds period, IoLoop::Handler handler,
+                     std::chrono::milliseconds ahead = std::chrono::milliseconds(0));
     void Stop();
 
 private:

@@ -14,6 +14,7 @@
 #include "base/FileIo.h"
 #include "base/FilePath.h"
 #include "base/MakeDirectories.h"
+#include "base/ProcFiles.h"
 #include "sampling/ThreadFacts.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ProcessLoop.h"
@@ -29,6 +30,10 @@ void CMtIntf::UnRegMtInfoCallback(IMtInfo* info) {
 namespace zelhost {
 namespace {
 
+/// A turn has threads of its own, in every process of the agent: not while the main process looks at who is there.
+constexpr std::chrono::seconds kAhead(2);
+/// So many are asked on the loop.
+constexpr uint64_t kFewThreads = 64;
 /// The next turn is far away.
 constexpr std::chrono::milliseconds kNoLinger(0);
 
@@ -209,17 +214,23 @@ void CStatisticsRegistry::Stop() {
 }
 
 void CStatisticsRegistry::Schedule() {
-    m_timer->StartOnGrid(m_period, [this] {
-        Schedule();
-        // One that takes longer than the period goes on; its next turn is the one after it.
-        if (m_collecting.exchange(true)) return;
-        if (!m_jobs->Add([this] { CollectInTurn(); })) m_collecting = false;
-    });
+    m_timer->StartOnGrid(
+        m_period,
+        [this] {
+            Schedule();
+            // One that takes longer than the period goes on; its next turn is the one after it.
+            if (m_collecting.exchange(true)) return;
+            // Before the turn's own threads are there, so that those of before are all there are.
+            const bool few = base::CountOwnThreads() <= kFewThreads;
+            if (few) CThreadFacts::Instance().SampleAtRest();
+            if (!m_jobs->Add([this, few] { CollectInTurn(!few); })) m_collecting = false;
+        },
+        kAhead);
 }
 
-void CStatisticsRegistry::CollectInTurn() {
+void CStatisticsRegistry::CollectInTurn(bool sampleThreads) {
     try {
-        CThreadFacts::Instance().Sample();  // the slow rhythm of the thread facts
+        if (sampleThreads) CThreadFacts::Instance().SampleAtRest();  // the slow rhythm of the thread facts
         Collect();
     } catch (const std::bad_alloc&) {
         Log(zel::kLogWarning, __LINE__, "no memory for the statistics of this turn");

@@ -102,7 +102,7 @@ private:
 
     /// Of the loop's thread.
     void Schedule();
-    void CollectInTurn();
+    void CollectInTurn(bool sampleThreads);
     std::shared_ptr<Worker> MakeWorker();
     void RunWorker(const std::shared_ptr<Worker>& worker);
     /// Says why once, until it works or fails in another way.

@@ -51,12 +51,17 @@ bool CThreadFacts::Account(Entry& entry, int64_t clockNs, int64_t nowNs) {
 }
 
 /// Returns: false when it has ended since its clock was asked.
-bool CThreadFacts::SampleThread(Entry& entry, int64_t clockNs, int64_t nowNs, bool moveBaseline) {
+bool CThreadFacts::SampleThread(Entry& entry, int64_t clockNs, int64_t nowNs, int64_t heedNs, bool moveBaseline) {
     if (moveBaseline) {
         entry.older = entry.newer;
         entry.newer = entry.now;
     }
-    if (entry.clockNs != clockNs && !Account(entry, clockNs, nowNs)) return false;
+    const int64_t ranNs = entry.clockNs < 0 ? -1 : clockNs - entry.clockNs;
+    if (ranNs > 0 && ranNs < heedNs) {
+        entry.now.cpuNs = clockNs;
+    } else if (ranNs != 0 && !Account(entry, clockNs, nowNs)) {
+        return false;
+    }
     entry.now.timeNs = nowNs;
     entry.now.samples += 1;
     return true;
@@ -101,7 +106,7 @@ bool CThreadFacts::ListAnew() {
     return true;
 }
 
-void CThreadFacts::SampleLocked() {
+void CThreadFacts::SampleLocked(int64_t heedNs) {
     const int64_t nowNs = ClockNs(CLOCK_MONOTONIC);
     if (m_lastSampleNs != 0 && nowNs - m_lastSampleNs < kFreshNs) return;
     const int64_t costFrom = ClockNs(CLOCK_THREAD_CPUTIME_ID);
@@ -110,7 +115,7 @@ void CThreadFacts::SampleLocked() {
     if (moveBaseline || m_baselineNs == 0) m_baselineNs = nowNs;
     size_t kept = 0;
     for (size_t i = 0; i < m_threads.size(); ++i) {
-        if (!SampleThread(m_threads[i], m_clocks[i], nowNs, moveBaseline)) continue;
+        if (!SampleThread(m_threads[i], m_clocks[i], nowNs, heedNs, moveBaseline)) continue;
         if (kept != i) m_threads[kept] = m_threads[i];
         ++kept;
     }
@@ -141,6 +146,11 @@ ThreadFigures CThreadFacts::FiguresOf(const Entry& entry) {
 void CThreadFacts::Sample() {
     base::MutexLock lock(m_lock);
     SampleLocked();
+}
+
+void CThreadFacts::SampleAtRest() {
+    base::MutexLock lock(m_lock);
+    SampleLocked(TickNs());
 }
 
 void CThreadFacts::MarkBaseline() {

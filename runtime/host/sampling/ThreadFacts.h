@@ -37,6 +37,9 @@ public:
 
     /// Reads every thread once. At most kMaxThreads; a pass that follows another within kFreshNs is left out.
     void Sample();
+    /// The same for a process that may be at rest: of a thread that has run for less than a tick since its file was
+    /// read the file says nothing else by now. Reads the files of the others.
+    void SampleAtRest();
     /// Samples and gives the busiest threads, the busiest first.
     std::vector<ThreadFigures> Busiest(size_t most);
     /// Has every thread's load counted from now on (from the last pass, to be exact).
@@ -61,10 +64,10 @@ private:
         Point older, newer, now;
     };
 
-    void SampleLocked() ZEL_REQUIRES(m_lock);
+    void SampleLocked(int64_t heedNs = 0) ZEL_REQUIRES(m_lock);
     bool AskKnown() ZEL_REQUIRES(m_lock);
     bool ListAnew() ZEL_REQUIRES(m_lock);
-    static bool SampleThread(Entry& entry, int64_t clockNs, int64_t nowNs, bool moveBaseline);
+    static bool SampleThread(Entry& entry, int64_t clockNs, int64_t nowNs, int64_t heedNs, bool moveBaseline);
     static bool Account(Entry& entry, int64_t clockNs, int64_t nowNs);
     static ThreadFigures FiguresOf(const Entry& entry);
     /// Without their names.

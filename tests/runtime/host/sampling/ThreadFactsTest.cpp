@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "HostSupport.h"
+#include "support/SystemCalls.h"
 #include "platform/zel/ThreadUtil.h"
 #include "sampling/Clock.h"
 
@@ -135,6 +136,25 @@ TEST(ThreadFactsTest, ThreadsThatWentAreNotListed) {
     std::list<CSysThreadsCpuUsage> list;
     CThreadFacts::Instance().GetThreadsCpuUsage(list);
     EXPECT_EQ(Find(list, gone), nullptr);
+}
+
+TEST(ThreadFactsTest, AtRestOnlyThoseThatWorkHaveTheirFilesRead) {
+    Worker idle("idle", false);
+    const auto sample = [] { CThreadFacts::Instance().SampleAtRest(); };
+    const auto before = [] {
+        std::this_thread::sleep_for(milliseconds(30));  // a pass of its own
+        CThreadFacts::Instance().Sample();
+        std::this_thread::sleep_for(milliseconds(60));
+    };
+    const support::SystemCalls resting = support::CountSystemCalls(sample, before);
+    if (!resting.counted) GTEST_SKIP() << "SKIP direct: this thread cannot be traced";
+    EXPECT_EQ(0, resting.opens);
+    Worker busy("busy", true);
+    EXPECT_EQ(1, support::CountSystemCalls(sample, before).opens);
+    std::list<CSysThreadsCpuUsage> list;
+    CThreadFacts::Instance().GetThreadsCpuUsage(list);
+    ASSERT_NE(Find(list, idle.Tid()), nullptr);
+    EXPECT_GT(Find(list, idle.Tid())->statCnt, 1u) << "it was sampled for all that";
 }
 
 // As many as before are not the same as before.
