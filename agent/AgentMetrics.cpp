@@ -1,6 +1,7 @@
 // From the kernel's units to those that Prometheus asks for.
 #include "AgentMetrics.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -49,7 +50,16 @@ Labels LabelsOf(const zel::CgroupNodeStatus& node) {
     return {{"group", ""}, {"component", ""}};
 }
 
-void AddNode(const zel::CgroupNodeStatus& node, std::vector<zelhost::Metric>& metrics) {
+/// Whether a process has to be in the component's leaf. A leaf stands for every component of the table of groups, also
+/// for those that this agent does not start, or does not run now.
+bool IsInhabited(const zel::CgroupNodeStatus& node, const std::vector<ComponentStatus>& components) {
+    if (!node.pids.empty() || node.name == zel::kMainComponent) return true;
+    return std::any_of(components.begin(), components.end(), [&](const ComponentStatus& component) {
+        return component.name == node.name && component.state == ComponentState::kRunning;
+    });
+}
+
+void AddNode(const zel::CgroupNodeStatus& node, bool inhabited, std::vector<zelhost::Metric>& metrics) {
     Samples samples(metrics, LabelsOf(node));
     const zel::CgroupUse& cpu = node.cpu;
     if (cpu.present) {
@@ -73,10 +83,12 @@ void AddNode(const zel::CgroupNodeStatus& node, std::vector<zelhost::Metric>& me
                         memory.limitHits);
         samples.Counter("zel_tree_memory_oom_kills_total", "Processes killed for want of memory.", memory.oomKills);
     }
-    if (node.level == zel::CgroupLevel::kComponent) {
-        samples.Gauge("zel_tree_membership_verified",
-                      "1 while the component's processes are in its control group of every controller in use.",
-                      node.membershipVerified ? 1 : 0);
+    if (node.level == zel::CgroupLevel::kComponent && inhabited) {
+        samples.Gauge(
+            "zel_tree_membership_verified",
+            "1 while the component's processes are in its control group of every controller in use; none while "
+            "it has no process and needs none.",
+            node.membershipVerified ? 1 : 0);
     }
 }
 
@@ -90,7 +102,9 @@ std::vector<zelhost::Metric> MakeAgentMetrics(const AgentFigures& figures) {
                 figures.mode);
     agent.Gauge("zel_limit_tree_present", "1 while the mode asks for one control group per component and they exist.",
                 (figures.mode & zel::kModeUnified) != 0 && figures.tree.present ? 1 : 0);
-    for (const zel::CgroupNodeStatus& node : figures.tree.nodes) AddNode(node, metrics);
+    for (const zel::CgroupNodeStatus& node : figures.tree.nodes) {
+        AddNode(node, IsInhabited(node, figures.components), metrics);
+    }
     for (const ComponentStatus& component : figures.components) {
         Samples samples(metrics, {{"group", component.group}, {"component", component.name}});
         samples.Gauge("zel_component_up", "1 while the component's process runs.",

@@ -40,6 +40,7 @@ if(TARGET tervane)
   install(FILES packaging/tervane.tmpfiles DESTINATION lib/tmpfiles.d RENAME tervane.conf COMPONENT agent)
   install(DIRECTORY agent/conf/ DESTINATION ${CMAKE_INSTALL_DATADIR}/tervane/conf COMPONENT agent
     PATTERN demo_components.json EXCLUDE)
+  install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/tervane COMPONENT agent)
   install(FILES man/tervane.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT agent)
   install(FILES agent/conf/resource_config agent/conf/components.json DESTINATION /etc/tervane
     COMPONENT configuration EXCLUDE_FROM_ALL)

@@ -5,6 +5,8 @@
 #include <map>
 #include <string>
 
+#include "platform/zel/AgentNames.h"
+
 using namespace agent;
 using zelhost::Metric;
 using zelhost::MetricType;
@@ -133,9 +135,29 @@ TEST(AgentMetricsTest, ComponentThatWaitsOrStoppedIsNotUp) {
         figures.components[0].state = state;
         std::map<std::string, double> values = Values(MakeAgentMetrics(figures));
         EXPECT_EQ(0, values.at("zel_component_up{collect-defense/QorNet}"));
-        EXPECT_EQ(0, values.at("zel_tree_membership_verified{collect-defense/QorNet}"));
         EXPECT_EQ(2, values.at("zel_component_restarts_total{collect-defense/QorNet}"));
     }
+}
+
+TEST(AgentMetricsTest, ALeafThatNeedsNoProcessIsNotUnverified) {
+    const std::string key = "zel_tree_membership_verified{collect-defense/QorNet}";
+    AgentFigures figures = OneComponent();
+    figures.tree.nodes[0].membershipVerified = false;
+    EXPECT_EQ(0, Values(MakeAgentMetrics(figures)).at(key)) << "it runs, and not in its leaf";
+
+    for (ComponentState state : {ComponentState::kWaiting, ComponentState::kStopped}) {
+        figures.components[0].state = state;
+        EXPECT_EQ(0u, Values(MakeAgentMetrics(figures)).count(key)) << "it does not run";
+    }
+    figures.components.clear();
+    EXPECT_EQ(0u, Values(MakeAgentMetrics(figures)).count(key)) << "the table names it, nobody starts it";
+    figures.tree.nodes[0].pids = {4711};
+    EXPECT_EQ(0, Values(MakeAgentMetrics(figures)).at(key)) << "somebody is in it, of one controller only";
+
+    figures.tree.nodes[0].pids.clear();
+    figures.tree.nodes[0].name = zel::kMainComponent;
+    EXPECT_EQ(0, Values(MakeAgentMetrics(figures)).at("zel_tree_membership_verified{collect-defense/Tervane}"))
+        << "the main process always runs";
 }
 
 TEST(AgentMetricsTest, TreeCountsAsPresentOnlyInModeThatAsksForIt) {

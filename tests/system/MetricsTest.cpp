@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <map>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -20,6 +21,19 @@ constexpr double kNanosecondsPerSecond = 1e9;
 constexpr double kPrinted = 1e-6;  ///< nine digits are printed, and microseconds are counted
 constexpr double kPage = 4096;
 constexpr double kNoMemoryLimit = 9e18;
+
+/// A body that was sent in pieces, each behind its length.
+std::string Unchunked(const std::string& body) {
+    std::string whole;
+    for (size_t at = 0;;) {
+        const size_t line = body.find("\r\n", at);
+        if (line == std::string::npos) return whole;
+        const size_t length = strtoul(body.c_str() + at, nullptr, 16);
+        if (length == 0) return whole;
+        whole += body.substr(line + 2, length);
+        at = line + 2 + length + 2;
+    }
+}
 
 /// GET from a port of this host. Returns: the body of a 200, else nothing.
 std::string Get(uint16_t port, const std::string& target) {
@@ -42,7 +56,9 @@ std::string Get(uint16_t port, const std::string& target) {
     }
     close(connection);
     size_t end = answer.find("\r\n\r\n");
-    return end == std::string::npos || answer.compare(0, 12, "HTTP/1.1 200") != 0 ? "" : answer.substr(end + 4);
+    if (end == std::string::npos || answer.compare(0, 12, "HTTP/1.1 200") != 0) return "";
+    const std::string body = answer.substr(end + 4);
+    return answer.find("Transfer-Encoding: chunked") < end ? Unchunked(body) : body;
 }
 
 /// A port that nothing listens on now.
@@ -121,6 +137,19 @@ protected:
         return now;
     }
 
+    /// A Prometheus server of this test's own, which asks the agent each second and knows our rules.
+    Child StartPrometheus(uint16_t port) {
+        EXPECT_TRUE(WriteText(Dir() + "/prometheus.yml",
+                              "global:\n  evaluation_interval: 1s\nrule_files:\n  - " ZEL_PROMETHEUS_DIR
+                              "/alerts.yml\nscrape_configs:\n  - job_name: tervane\n    scrape_interval: 1s\n"
+                              "    scrape_timeout: 1s\n    static_configs:\n      - targets: ['127.0.0.1:" +
+                                  std::to_string(m_port) + "']\n"));
+        return Spawn(
+            {"prometheus", "--config.file=" + Dir() + "/prometheus.yml", "--storage.tsdb.path=" + Dir() + "/prometheus",
+             "--web.listen-address=127.0.0.1:" + std::to_string(port), "--log.level=warn"},
+            Environment(), NextOutput());
+    }
+
     static void ExpectBetween(double before, double value, double after, const std::string& what) {
         EXPECT_GE(value, before - kPrinted - before * 1e-8) << what;
         EXPECT_LE(value, after + kPrinted + after * 1e-8) << what;
@@ -195,7 +224,45 @@ TEST_F(MetricsTest, DebiansOwnCheckerHasNothingToSay) {
     ExpectNothingLeft();
 }
 
-TEST_F(MetricsTest, PrometheusServerScrapesTheAgent) {
+/// The answer of a Prometheus server to a query at this moment.
+Json::Value Query(uint16_t port, const std::string& expression) {
+    std::string escaped;
+    for (const char c : expression) {
+        char code[4];
+        std::snprintf(code, sizeof code, "%%%02X", static_cast<unsigned char>(c));
+        escaped += code;
+    }
+    Json::Value answer;
+    ParseJson(Get(port, "/api/v1/query?query=" + escaped), answer);
+    return answer["status"].asString() == "success" ? answer["data"]["result"] : Json::Value();
+}
+
+std::string ValueOf(uint16_t port, const std::string& expression) {
+    const Json::Value result = Query(port, expression);
+    return result.isArray() && !result.empty() ? result[0]["value"][1].asString() : "";
+}
+
+/// Every query of the dashboard, with its variables filled in as Grafana does.
+std::vector<std::string> QueriesOfTheDashboard() {
+    Json::Value dashboard;
+    std::vector<std::string> queries;
+    if (!ParseJson(ReadText(ZEL_PROMETHEUS_DIR "/dashboard.json"), dashboard)) return queries;
+    for (const Json::Value& panel : dashboard["panels"]) {
+        for (const Json::Value& target : panel["targets"]) {
+            std::string query = target["expr"].asString();
+            for (const auto& [variable, value] :
+                 std::map<std::string, std::string>{{"$instance", ".*"}, {"$__rate_interval", "30s"}}) {
+                for (size_t at = 0; (at = query.find(variable)) != std::string::npos;) {
+                    query.replace(at, variable.size(), value);
+                }
+            }
+            queries.push_back(query);
+        }
+    }
+    return queries;
+}
+
+TEST_F(MetricsTest, PrometheusAnswersEachQueryOfTheDashboard) {
     std::string output;
     if (RunToEnd({"sh", "-c", "command -v prometheus"}, output) != 0) {
         GTEST_SKIP() << "SKIP system: prometheus is not installed (package prometheus)";
@@ -203,24 +270,78 @@ TEST_F(MetricsTest, PrometheusServerScrapesTheAgent) {
     Child agent = StartServingAgent();
     const uint16_t port = FreePort();
     ASSERT_NE(port, 0);
-    ASSERT_TRUE(WriteText(Dir() + "/prometheus.yml",
-                          "scrape_configs:\n  - job_name: agent\n    scrape_interval: 1s\n    scrape_timeout: 1s\n"
-                          "    honor_labels: true\n    static_configs:\n      - targets: ['127.0.0.1:" +
-                              std::to_string(m_port) + "']\n"));
-    Child server = Spawn(
-        {"prometheus", "--config.file=" + Dir() + "/prometheus.yml", "--storage.tsdb.path=" + Dir() + "/prometheus",
-         "--web.listen-address=127.0.0.1:" + std::to_string(port), "--log.level=warn"},
-        Environment(), NextOutput());
-    auto has = [&](const std::string& query, const std::string& value) {
-        const std::string answer = Get(port, "/api/v1/query?query=" + query);
-        return answer.find("\"status\":\"success\"") != std::string::npos &&
-               answer.find(",\"" + value + "\"]") != std::string::npos;
-    };
-    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return has("up", "1") || !server.Running(); })) << server.Output();
-    EXPECT_TRUE(has("up", "1")) << Get(port, "/api/v1/targets") << server.Output();
-    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return has("zel_limit_mode", "13"); })) << server.Output();
-    EXPECT_TRUE(has("zel_component_up%7Bcomponent=%22QorHips%22,group=%22collect-defense%22%7D", "1"));
+    Child server = StartPrometheus(port);
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return ValueOf(port, "up") == "1" || !server.Running(); }))
+        << Get(port, "/api/v1/targets") << server.Output();
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return ValueOf(port, "zel_limit_mode") == "13"; })) << server.Output();
+    EXPECT_EQ(ValueOf(port, "zel_component_up{component=\"QorHips\",group=\"collect-defense\"}"), "1");
+
+    const std::vector<std::string> queries = QueriesOfTheDashboard();
+    EXPECT_GE(queries.size(), 20U);
+    for (const std::string& query : queries) {
+        EXPECT_TRUE(Poll(kSettleSeconds, [&] { return !ValueOf(port, query).empty(); })) << query;
+    }
+    // Our rules as the server has loaded them: none that it cannot evaluate, none that a healthy agent raises.
+    Json::Value rules;
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] {
+        return ParseJson(Get(port, "/api/v1/rules"), rules) &&
+               rules.toStyledString().find("\"unknown\"") == std::string::npos;
+    })) << rules.toStyledString();
+    EXPECT_GE(rules["data"]["groups"][0]["rules"].size(), 10U);
+    for (const Json::Value& rule : rules["data"]["groups"][0]["rules"]) {
+        EXPECT_EQ(rule["health"].asString(), "ok") << rule.toStyledString();
+        EXPECT_NE(rule["state"].asString(), "firing") << rule.toStyledString();
+    }
     EXPECT_EQ(server.Stop(), 0) << server.Output();
+    EXPECT_EQ(agent.Stop(), 0);
+    ExpectNothingLeft();
+}
+
+/// Name to type, of the tables of docs/METRICS.md.
+std::map<std::string, std::string> DocumentedMetrics() {
+    std::map<std::string, std::string> metrics;
+    std::istringstream lines(ReadText(ZEL_METRICS_DOCUMENT));
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("| `zel_", 0) != 0) continue;
+        const size_t end = line.find('`', 3);
+        const size_t type = end + 4;
+        metrics[line.substr(3, end - 3)] = line.substr(type, line.find(' ', type) - type);
+    }
+    return metrics;
+}
+
+TEST_F(MetricsTest, EveryMetricOfARunningAgentIsDocumented) {
+    Child agent = StartServingAgent();
+    // What the first looks of keeper and registry bring.
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return Scrape().find("zel_limit_checks_total") != std::string::npos; }));
+    const std::map<std::string, std::string> documented = DocumentedMetrics();
+    std::map<std::string, std::string> scraped;
+    std::istringstream lines(Scrape());
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string sign, keyword, name, type;
+        if (words >> sign >> keyword >> name >> type && sign == "#" && keyword == "TYPE") scraped[name] = type;
+    }
+    EXPECT_GE(scraped.size(), 60U);
+    for (const auto& [name, type] : scraped) {
+        ASSERT_EQ(documented.count(name), 1U) << name;
+        EXPECT_EQ(documented.at(name), type) << name;
+    }
+    // Those that may be missing, and why.
+    const std::set<std::string> conditional{"zel_cgroup_memory_limit_bytes",
+                                            "zel_cgroup_memory_usage_bytes",
+                                            "zel_cgroup_cpu_throttled_periods_total",
+                                            "zel_cgroup_cpu_throttled_seconds_total",  // this host's groups
+                                            "zel_statistics_last_collection_timestamp_seconds",
+                                            "zel_statistic"};  // once a minute
+    for (const auto& [name, type] : documented) {
+        EXPECT_TRUE(scraped.count(name) == 1 || conditional.count(name) == 1) << name << " is not served";
+    }
+    // A leaf of the table in which nobody is to be, and one whose component runs.
+    const std::map<std::string, double> samples = Samples(Scrape());
+    EXPECT_EQ(samples.count("zel_tree_cpu_quota_ratio collect-defense/QorNet"), 1U);
+    EXPECT_EQ(samples.count("zel_tree_membership_verified collect-defense/QorNet"), 0U);
+    EXPECT_EQ(samples.count("zel_tree_membership_verified collect-defense/QorHips"), 1U);
     EXPECT_EQ(agent.Stop(), 0);
     ExpectNothingLeft();
 }
