@@ -1,9 +1,13 @@
 // Making, sweeping and removing the tree.
 #include "AgentTree.h"
 
+#include <unistd.h>
+
+#include <atomic>
 #include <utility>
 #include <vector>
 
+#include "LegacyLimit.h"
 #include "LimitPlan.h"
 #include "OwnGroup.h"
 #include "TreeFacts.h"
@@ -261,6 +265,9 @@ Status RemoveTree(const Branch& branch) {
 
 namespace {
 
+/// The process that has asked for limits in the tree; 0: none. Not its forked children, which have this too.
+std::atomic<pid_t> g_treeMaker{0};
+
 /// One pass over the hierarchies. Returns: whether nothing of ours is left that it knows of.
 bool RemoveTrees(std::string& error) {
     error.clear();
@@ -284,11 +291,24 @@ bool RemoveTrees(std::string& error) {
 }
 
 }  // namespace
+
+void NoteTreeMade() {
+    g_treeMaker = getpid();
+}
+
 }  // namespace cgroup
 
 bool RemoveAgentCgroupTree(std::string& error) {
     // Once more where something is left: a call that failed for a moment is no reason to leave groups for ever.
-    return cgroup::RemoveTrees(error) || cgroup::RemoveTrees(error);
+    const bool removed = cgroup::RemoveTrees(error) || cgroup::RemoveTrees(error);
+    if (removed) cgroup::g_treeMaker = 0;
+    return removed;
+}
+
+bool ReleaseOwnLimits(std::string& error) {
+    error.clear();
+    cgroup::ReleaseStartedLegacyLimits();
+    return cgroup::g_treeMaker != getpid() || RemoveAgentCgroupTree(error);
 }
 
 }  // namespace zel

@@ -38,5 +38,8 @@ Status RemoveEmptiedTree(const Branch& branch);
 /// the error names them.
 Status RemoveTree(const Branch& branch);
 
+/// Limits in the tree are asked for by this process, which has to take it down.
+void NoteTreeMade();
+
 }  // namespace cgroup
 }  // namespace zel

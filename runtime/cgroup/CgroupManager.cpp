@@ -218,6 +218,7 @@ bool CCgroupManager::Impl::Reconcile(const Flags& wanted, const CgroupTotalLimit
     }
     if (branches.of.cpu && branches.of.cpu->placement) next.outer = branches.of.cpu->placement->outer;
     targets = std::move(next);
+    if (wanted.cpu || wanted.memory) NoteTreeMade();
     published.valid = false;
     quiet.Disturb();
     ForgetWanted();

@@ -347,6 +347,13 @@ void LegacyLimit::ReleaseLimits() {
     Stop(m_mem, error);
 }
 
+void LegacyLimit::ReleaseStarted() {
+    const base::MutexLock lock(m_mutex);
+    int error = 0;
+    if (m_cpu.IsStarted()) Stop(m_cpu, error);
+    if (m_mem.IsStarted()) Stop(m_mem, error);
+}
+
 void LegacyLimit::SetKernelExcludeLists(int kind, const std::string& excludeRange, const std::string& excludeKernels) {
     if (kind != kMemoryKind) return;
     const base::MutexLock lock(m_mutex);
@@ -388,6 +395,10 @@ LegacyLimit& TheLegacyLimit() {
 }
 
 }  // namespace
+
+void ReleaseStartedLegacyLimits() {
+    TheLegacyLimit().ReleaseStarted();
+}
 
 CgroupKeeperStatus LegacyKeeperStatus() {
     return TheLegacyLimit().KeeperStatus();

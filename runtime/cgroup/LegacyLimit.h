@@ -60,6 +60,9 @@ public:
     void ReleaseLimits() override;
     void SetKernelExcludeLists(int kind, const std::string& excludeRange, const std::string& excludeKernels) override;
 
+    /// The same for what was started alone: a group of an earlier run is left as it is.
+    void ReleaseStarted();
+
     /// Forgets the controller's state; removes the group when it is already empty, and nothing else.
     void Forget(Controller controller);
     /// Returns: whether a started limit of the controller is on version 2.
@@ -96,6 +99,9 @@ private:
     CgroupKeeperStatus m_status ZEL_GUARDED_BY(m_toldMutex);
     std::vector<CgroupDrift> m_news ZEL_GUARDED_BY(m_toldMutex);
 };
+
+/// Leaves the group of each legacy limit that this process has started.
+void ReleaseStartedLegacyLimits();
 
 /// Returns: what the looks at this process's legacy limit have found.
 CgroupKeeperStatus LegacyKeeperStatus();

@@ -11,6 +11,9 @@
 #include "metrics/MetricsServer.h"
 #include "metrics/MetricsText.h"
 #include "platform/zel/AgentNames.h"
+#include "platform/zel/CgroupTreeStatus.h"
+#include "platform/zel/LogControl.h"
+#include "platform/zel/LogMessage.h"
 #include "platform/zel/ToolUtil.h"
 #include "sampling/ActiveSampler.h"
 #include "sampling/SamplingSettings.h"
@@ -168,6 +171,8 @@ bool CHostServices::Start(const HostOptions& options, std::string& error) {
         error = "the process has no name";
         return false;
     }
+    if (!options.appDir.empty()) zel::SetApplicationDirPath(options.appDir);
+    zel::NameLog(options.processName);
     impl.m_options = Completed(options);
     impl.m_started = true;
     SetSamplingSettings({impl.m_options.processName, impl.m_options.sampling});
@@ -185,6 +190,12 @@ bool CHostServices::Start(const HostOptions& options, std::string& error) {
 }
 
 void CHostServices::Stop() {
+    if (!m_impl->m_started) return;
+    std::string problem;
+    if (!zel::ReleaseOwnLimits(problem)) {
+        zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "HostServices", __LINE__,
+                                             "control groups are left behind: %s", problem.c_str());
+    }
     m_impl->UndoSteps();
 }
 

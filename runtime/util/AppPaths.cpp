@@ -1,7 +1,11 @@
-// The agent's directories: from the environment when set, else from where the executable lies.
+// The agent's directories: as the process named them, from the environment when set, else from where the executable
+// lies.
+#include <atomic>
 #include <cstdlib>
+#include <set>
 #include <string>
 
+#include "base/Mutex.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/PathInfo.h"
 #include "platform/zel/ToolUtil.h"
@@ -36,9 +40,22 @@ std::string ReadExecutableDirectory() {
     return WithoutTrailingSlashes(program->substr(0, program->rfind('/')));
 }
 
+/// What the process named itself; null: nothing.
+std::atomic<const std::string*> g_named{nullptr};
+
 }  // namespace
 
+void SetApplicationDirPath(const std::string& path) {
+    // Each name once and never destroyed: another thread may be reading the one before.
+    static base::Mutex& mutex = *new base::Mutex;
+    static std::set<std::string>& names = *new std::set<std::string>;
+    const base::MutexLock lock(mutex);
+    g_named = path.empty() ? nullptr : &*names.insert(WithoutTrailingSlashes(path)).first;
+}
+
 std::string CToolUtil::GetApplicationDirPath() {
+    const std::string* const named = g_named;
+    if (named != nullptr) return *named;
     if (IsSet(kAppDirVariable)) return DirectoryFromEnvironment(kAppDirVariable);
     // Never destroyed: the log's thread still asks for it while the process ends.
     static const std::string& executableDirectory = *new std::string(ReadExecutableDirectory());

@@ -244,7 +244,7 @@ class Logger {
 public:
     Logger() = default;
     // For a forked child: the same set-up, none of the parent's lines and no writing thread yet.
-    explicit Logger(Logger* parent) : m_parent(parent), m_options(parent->m_options) {
+    explicit Logger(Logger* parent) : m_parent(parent), m_options(parent->m_options), m_isSetUp(parent->m_isSetUp) {
         m_maxLevel.store(parent->m_maxLevel.load(std::memory_order_relaxed), std::memory_order_relaxed);
         m_tap.store(parent->m_tap.load(std::memory_order_relaxed), std::memory_order_relaxed);
     }
@@ -279,7 +279,15 @@ public:
         base::MutexLock guard(m_mutex);
         m_maxLevel.store(options.maxLevel, std::memory_order_relaxed);
         m_options = options;
+        m_isSetUp = true;
         m_configure = true;  // the writer changes over before it takes up further lines
+    }
+
+    void Name(const std::string& processName) {
+        base::MutexLock guard(m_mutex);
+        if (m_isSetUp) return;
+        m_options.processName = processName;
+        m_configure = true;
     }
 
     bool Flush() {
@@ -456,6 +464,7 @@ private:
     base::Condition m_work;
     base::Condition m_progress;
     LogOptions m_options ZEL_GUARDED_BY(m_mutex);
+    bool m_isSetUp ZEL_GUARDED_BY(m_mutex) = false;  ///< by the host, which names what it wants named
     bool m_configure ZEL_GUARDED_BY(m_mutex) = false;
     bool m_ended ZEL_GUARDED_BY(m_mutex) = false;
     unsigned long m_submitted ZEL_GUARDED_BY(m_mutex) = 0;
@@ -544,6 +553,9 @@ void CLogMessage::log(int level, const char* sourceFileName, int line, const cha
 
 void ConfigureLog(const LogOptions& options) {
     TheLogger().Configure(options);
+}
+void NameLog(const std::string& processName) {
+    TheLogger().Name(processName);
 }
 
 bool FlushLog() {

@@ -69,7 +69,7 @@ struct HostOptions {
     std::string component;    ///< label of metrics; empty: the process name
     std::string group;        ///< label of metrics; empty: none known
     bool isMain = false;
-    std::string appDir;                ///< empty: zel::CToolUtil::GetApplicationDirPath()
+    std::string appDir;                ///< empty: zel::CToolUtil::GetApplicationDirPath(); else named to that for all
     std::string onlineConfigPath;      ///< empty: <app dir>/conf/online_config.json; need not exist
     unsigned int onlinePollMs = 5000;  ///< where the kernel does not tell of changes
     unsigned int statisticsPeriodMs = 60000;

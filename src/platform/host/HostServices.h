@@ -27,7 +27,9 @@ public:
     /// Starts every service of the options. A bad online configuration file is no failure: it is logged.
     /// Returns: false with the reason in `error`.
     bool Start(const HostOptions& options, std::string& error);
-    /// Stops them again. Messages that are not delivered stay in the spool. Blocks: a few seconds at most.
+    /// Stops them again, and takes off the limits that this process has put on: it leaves its legacy group, and the
+    /// process that made the tree of control groups removes it. Messages that are not delivered stay in the spool.
+    /// Blocks: a few seconds at most.
     void Stop();
 
     /// Returns: the thread facts for CMonitor::SetSysIntf, never null.

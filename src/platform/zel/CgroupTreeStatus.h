@@ -67,6 +67,12 @@ ZEL_API std::string UndelegatedService();
 /// Returns: true when nothing is left behind; else false with every reason in `error`.
 ZEL_API bool RemoveAgentCgroupTree(std::string& error);
 
+/// Takes off what this process has put on itself and others, for its clean end: it leaves its legacy group, which the
+/// last one removes, and the process that made the tree removes it. What was taken off already, or never put on, is
+/// left alone, so that a process without limits touches nobody's. CHostServices::Stop does it. Returns: true when
+/// nothing is left behind; else false with every reason in `error`.
+ZEL_API bool ReleaseOwnLimits(std::string& error);
+
 /// Where the component file puts the components.
 struct ComponentPlaces {
     bool unified = false;  ///< there are unified limits

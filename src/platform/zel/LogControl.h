@@ -41,6 +41,10 @@ using LogTap = void (*)(int level, const std::string& line);
 /// Until the first call a process logs to the file of a default LogOptions.
 ZEL_API void ConfigureLog(const LogOptions& options);
 
+/// Names this process in a log that nobody has set up with ConfigureLog: in its lines and its file, as found from the
+/// application directory of now. CHostServices::Start does it.
+ZEL_API void NameLog(const std::string& processName);
+
 /// Waits until everything logged before the call has been written.
 /// Blocks: at most 2 s. Returns: false when that was not enough.
 ZEL_API bool FlushLog();

@@ -43,7 +43,8 @@ protected:
     ~IResourceLimitUtil() = default;
 };
 
-/// Returns: the process's legacy limit object, or null where a platform has none.
+/// Returns: the process's legacy limit object. The module asks it whenever a configuration is applied, also one without
+/// limits, so a platform that has none gives an object that refuses, and never null.
 ZEL_API IResourceLimitUtil* GetResourceLimitUtil();
 
 /// Forget the library's record of the legacy group; no process is moved and no limit is written. A group that is

@@ -10,7 +10,8 @@ namespace zel {
 /// Thread-safety: any thread.
 class ZEL_API CToolUtil {
 public:
-    /// Returns: the application directory without a trailing "/": ZEL_APP_DIR when set, else the executable's.
+    /// Returns: the application directory without a trailing "/": as named with SetApplicationDirPath, else ZEL_APP_DIR
+    /// when set, else the executable's.
     static std::string GetApplicationDirPath();
 
     /// Free space and free inodes for an unprivileged writer on the file system of `path` (empty: the
@@ -24,6 +25,10 @@ public:
     /// Sleeps milliseconds.
     static void msleep(unsigned int milliseconds);
 };
+
+/// Names this process's application directory, instead of ZEL_APP_DIR and of the executable's. An empty path takes that
+/// back. CHostServices::Start does it with its option. Any thread; to be called before the first line of the log.
+ZEL_API void SetApplicationDirPath(const std::string& path);
 
 class ZEL_API CSleepUtil {
 public:

@@ -706,6 +706,32 @@ TEST_F(CgroupManagerTest, LeavesNothingBehindAndMovesProcessesOut) {
     EXPECT_TRUE(zel::RemoveAgentCgroupTree(error)) << "nothing to remove is no failure: " << error;
 }
 
+TEST_F(CgroupManagerTest, OnlyWhoMadeTheTreeTakesItDownAtItsEnd) {
+    std::string error;
+    Child before([&] { return zel::ReleaseOwnLimits(error) ? 0 : 1; });
+    EXPECT_EQ(0, before.Wait());
+    ASSERT_TRUE(manager.Reconcile(true, true, Total(400, 1048576), WorkedGroups()));
+    // A forked child has the same memory and did not make it.
+    Child forked([&] { return zel::ReleaseOwnLimits(error) ? 0 : 1; });
+    EXPECT_EQ(0, forked.Wait());
+    EXPECT_TRUE(Exists(cpuTree)) << "a child has taken its parent's tree down";
+    EXPECT_TRUE(Exists(memTree));
+    ASSERT_TRUE(zel::ReleaseOwnLimits(error)) << error;
+    EXPECT_FALSE(Exists(cpuTree));
+    EXPECT_FALSE(Exists(memTree));
+
+    // Made by another process, after ours was taken down.
+    Child other([&] {
+        zel::CCgroupManager another;
+        return another.Reconcile(true, true, Total(400, 1048576), WorkedGroups()) ? 0 : 1;
+    });
+    EXPECT_EQ(0, other.Wait());
+    ASSERT_TRUE(Exists(cpuTree));
+    EXPECT_TRUE(zel::ReleaseOwnLimits(error)) << error;
+    EXPECT_TRUE(Exists(cpuTree)) << "a tree of another process was taken down";
+    EXPECT_TRUE(zel::RemoveAgentCgroupTree(error)) << error;
+}
+
 TEST_F(CgroupManagerTest, WorksInDelegatedGroupAndGivesItBack) {
     if (!layout.cpuV2 || !layout.memV2) GTEST_SKIP() << "SKIP direct v2: covered by vm v2";
     const std::string unit = layout.cpuMount + "/" + treeName + ".unit";

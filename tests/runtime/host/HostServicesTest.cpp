@@ -11,6 +11,7 @@
 #include "platform/host/MsgTransmit.h"
 #include "platform/host/MtIntf.h"
 #include "platform/host/OnlineClientConf.h"
+#include "platform/zel/ToolUtil.h"
 
 using support::Eventually;
 using zelhost::CHostServices;
@@ -51,6 +52,12 @@ TEST_F(HostServicesTest, StartsEverythingInAnEmptyDirectory) {
     EXPECT_EQ(support::ReadLines(m_dir / "log/tervane.events.jsonl").size(), 1u);
     services.Stop();
     EXPECT_EQ(GetMsgTransmitInstance(), nullptr);
+}
+
+TEST_F(HostServicesTest, ItsDirectoryIsTheOneOfTheWholeProcess) {
+    CHostServices services;
+    ASSERT_TRUE(services.Start(Options(), m_error)) << m_error;
+    EXPECT_EQ(zel::CToolUtil::GetApplicationDirPath(), m_dir.Path());
 }
 
 TEST_F(HostServicesTest, AComponentServesNoMetricsUnlessAsked) {

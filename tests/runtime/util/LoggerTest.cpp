@@ -107,6 +107,14 @@ TEST_F(LoggerTest, AFixedTextIsDataAndHasNoSource) {
     EXPECT_THAT(lines[0], EndsWith("] 100%s {} %n"));
 }
 
+TEST_F(LoggerTest, ANameDoesNotOverruleAHostThatHasSetItUp) {
+    Configure();
+    zel::NameLog("Another");
+    Write("a line");
+    EXPECT_EQ(1U, Lines().size());
+    EXPECT_EQ(1U, NamesIn(m_dir / "log").size());
+}
+
 TEST_F(LoggerTest, LevelsBeyondTheThreeHaveNamesToo) {
     m_options.maxLevel = 9;
     Configure();

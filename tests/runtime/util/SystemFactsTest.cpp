@@ -69,6 +69,10 @@ TEST(AppPathsTest, ApplicationDirectoryIsTheExecutablesUnlessSet) {
     {
         const Variable set("ZEL_APP_DIR", "/opt/agent//");
         EXPECT_EQ("/opt/agent", CToolUtil::GetApplicationDirPath());
+        zel::SetApplicationDirPath("/srv/own/");
+        EXPECT_EQ("/srv/own", CToolUtil::GetApplicationDirPath()) << "what the process names itself comes first";
+        zel::SetApplicationDirPath("");
+        EXPECT_EQ("/opt/agent", CToolUtil::GetApplicationDirPath());
     }
     {
         const Variable root("ZEL_APP_DIR", "/");
