@@ -5,6 +5,7 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS zelSeam zelUtil zelHost zelMonitor EXPORT zelMonitorTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT lib NAMELINK_COMPONENT dev)
+install(TARGETS zelMonitorModule EXPORT zelMonitorTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 install(EXPORT zelMonitorTargets NAMESPACE zel:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelMonitor
   COMPONENT dev)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/zelMonitorConfig.cmake.in
@@ -21,8 +22,13 @@ install(DIRECTORY src/platform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelMonito
 # The file says where it is itself, so that a tree that was moved is still found.
 file(RELATIVE_PATH ZEL_PC_TO_PREFIX /usr/${CMAKE_INSTALL_LIBDIR}/pkgconfig /usr)
 configure_file(packaging/zelMonitor.pc.in zelMonitor.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelMonitor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-  COMPONENT dev)
+configure_file(packaging/zelMonitorModule.pc.in zelMonitorModule.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelMonitor.pc ${CMAKE_CURRENT_BINARY_DIR}/zelMonitorModule.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+# What an agent maker reads and begins with.
+install(FILES docs/EMBEDDING.md docs/CONFIG.md docs/CGROUP.md docs/EVENTS.md docs/METRICS.md
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzelmonitor-dev COMPONENT dev)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzelmonitor-dev COMPONENT dev)
 foreach(library zelHost zelMonitor)
   set_target_properties(${library} PROPERTIES INSTALL_RPATH "$ORIGIN")
 endforeach()

@@ -18,6 +18,12 @@ foreach(page ${pages})
   execute_process(COMMAND gzip -9n ${page} COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
 
+# An archive is stripped of what it was debugged with; its symbols are what it is for.
+found(archives -type f -name *.a)
+foreach(archive ${archives})
+  execute_process(COMMAND strip --strip-debug --enable-deterministic-archives ${archive} COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
+
 set(VERSION ${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
 execute_process(COMMAND git -C ${CPACK_ZEL_SOURCE} log -1 --format=%cD OUTPUT_VARIABLE DATE
   OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
