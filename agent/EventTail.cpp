@@ -50,6 +50,17 @@ std::string ReadEnd(const std::string& path) {
 
 }  // namespace
 
+bool ParseEventLine(const std::string& line, TailEvent& event) {
+    Json::Value object;
+    if (!ParseObject(line, object)) return false;
+    event.id = Word(object["id"]);
+    event.time = object["time"].isInt64() ? object["time"].asInt64() : 0;
+    event.process = Word(object["process"]);
+    event.type = Word(object["type"]);
+    event.body = Word(object["body"]);
+    return true;
+}
+
 std::vector<TailEvent> ReadEventTail(const std::string& path, size_t count) {
     std::vector<TailEvent> events;
     const std::string text = ReadEnd(path);
@@ -57,15 +68,8 @@ std::vector<TailEvent> ReadEventTail(const std::string& path, size_t count) {
     while (end != std::string::npos && events.size() < count) {
         size_t before = end == 0 ? std::string::npos : text.rfind('\n', end - 1);
         size_t begin = before == std::string::npos ? 0 : before + 1;
-        Json::Value line;
-        if (ParseObject(text.substr(begin, end - begin), line)) {
-            TailEvent event;
-            event.id = Word(line["id"]);
-            event.time = line["time"].isInt64() ? line["time"].asInt64() : 0;
-            event.type = Word(line["type"]);
-            event.body = Word(line["body"]);
-            events.insert(events.begin(), event);
-        }
+        TailEvent event;
+        if (ParseEventLine(text.substr(begin, end - begin), event)) events.insert(events.begin(), event);
         end = before;
     }
     return events;

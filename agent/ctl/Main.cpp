@@ -4,7 +4,9 @@
 #include <cstdlib>
 
 #include "AskAgent.h"
+#include "CtlExit.h"
 #include "Doctor.h"
+#include "EventWords.h"
 #include "Health.h"
 #include "ShowEvents.h"
 #include "StatusJson.h"
@@ -15,36 +17,60 @@
 
 namespace {
 
-enum CtlExit { kOk = 0, kRefused = 1, kDegraded = 1, kUnreachable = 2, kUsage = 11 };
+using agent::kDegraded;
+using agent::kOk;
+using agent::kRefused;
+using agent::kUnreachable;
+using agent::kUsage;
 
 /// What was asked for.
 struct CommandLine {
     std::string appDir;
     std::string name = zel::kMainProcessName;
     std::string command;
-    bool json = false;       ///< of status
-    unsigned int last = 20;  ///< of events
+    bool named = false;  ///< whether the name was given
+    bool json = false;
+    agent::EventsOptions events;
     agent::TopOptions top;
 };
+
+void DeclareEvents(CLI::App& app, agent::EventsOptions& events) {
+    CLI::App* view = app.add_subcommand(
+        "events", "the last delivered events of all processes, or of one with --name, and findings about the host");
+    view->add_option("--last", events.last, "how many; 20, and all of them with --since")->check(CLI::Range(1, 10000));
+    view->add_option("--since", events.since, "those of the last 90s, 30m, 2h, 7d, or since 2026-11-22 13:00");
+    std::string kinds;
+    for (const char* kind : agent::kEventKindNames) kinds += (kinds.empty() ? "" : ",") + std::string(kind);
+    const CLI::Validator known(
+        [](std::string& word) {
+            for (const char* kind : agent::kEventKindNames) {
+                if (word == kind) return std::string();
+            }
+            const bool message = word.compare(0, 6, "T_MSG_") == 0;
+            return message ? std::string() : "no type of events, nor a message's name as T_MSG_SELF_KILL: " + word;
+        },
+        "{" + kinds + "}");
+    view->add_option("--type", events.types, "only these")->delimiter(',')->take_all()->check(known);
+    view->add_option("--component", events.component, "only those about or of this component or group");
+    view->add_flag("--follow", events.follow, "go on with what comes");
+}
 
 void Declare(CLI::App& app, CommandLine& line) {
     if (const char* fromEnvironment = getenv("ZEL_APP_DIR")) line.appDir = fromEnvironment;
     app.add_option("--app-dir", line.appDir,
                    "application directory of the agent (default: ZEL_APP_DIR, else /var/lib/tervane)");
     app.add_option("--name", line.name, "process to ask")->capture_default_str();
+    app.add_flag("--json", line.json, "as JSON, by the schemas of CONSOLE.md");
     app.set_version_flag("--version", std::string(ZEL_VERSION));
     app.require_subcommand(1);
     app.fallthrough();  // the options of all commands are taken before and after the command
-    CLI::App* status = app.add_subcommand("status", "use against limits, mode and its reason, components, delivery");
-    status->add_flag("--json", line.json, "as JSON");
+    app.add_subcommand("status", "use against limits, mode and its reason, components, delivery");
     app.add_subcommand("check", "one line for a monitoring system: OK, DEGRADED or UNREACHABLE");
     CLI::App* top = app.add_subcommand("top", "the same once a second, as a live page on a terminal");
     top->add_option("--for", line.top.forSeconds, "end after this many seconds");
     top->add_flag("--summary", line.top.summary, "at the end, what came of it");
     app.add_subcommand("doctor", "what this host allows, what is in force, and what to do about the rest");
-    CLI::App* events =
-        app.add_subcommand("events", "the last delivered events, and the stored findings about the host");
-    events->add_option("--last", line.last, "how many")->capture_default_str()->check(CLI::Range(1, 1000));
+    DeclareEvents(app, line.events);
     app.add_subcommand("metrics", "the process's metrics in Prometheus text form");
     app.add_subcommand("threads", "per-thread CPU report with the busiest thread's kernel stack");
     app.add_subcommand("statistics", "the registered statistics, collected now");
@@ -97,16 +123,21 @@ int Ask(const CommandLine& line) {
     return answer->ok ? kOk : kRefused;
 }
 
+int ShowEvents(const CommandLine& line) {
+    agent::EventsOptions options = line.events;
+    options.appDir = line.appDir;
+    options.json = line.json;
+    if (line.named) options.process = line.name;
+    return agent::RunEvents(options);
+}
+
 int Run(const CommandLine& line) {
     if (line.command == "doctor") {
         const agent::Diagnosis diagnosis = agent::Diagnose(line.appDir);
         fputs(diagnosis.Text().c_str(), stdout);
         return static_cast<int>(diagnosis.Worst());
     }
-    if (line.command == "events") {
-        fputs(agent::ShowEvents(line.appDir, line.name, line.last).c_str(), stdout);
-        return kOk;
-    }
+    if (line.command == "events") return ShowEvents(line);
     if (line.command == "top") return Watch(line);
     return line.command == "status" || line.command == "check" ? Judge(line) : Ask(line);
 }
@@ -125,6 +156,7 @@ int main(int argc, char** argv) {
         app.exit(error);
         return kUsage;
     }
+    line.named = app.get_option("--name")->count() > 0;
     line.command = app.get_subcommands().front()->get_name();
     // Before an agent is installed the doctor looks at the host alone.
     const bool installed = base::ReadFileMark(zel::kDefaultAppDir).exists;

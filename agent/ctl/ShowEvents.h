@@ -1,10 +1,25 @@
-// What was delivered and what is stored, from the files of an application directory; needs no running agent.
+// `tervanectl events`: what was delivered and what is stored, from the files of an application directory; needs no
+// running agent.
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace agent {
 
-std::string ShowEvents(const std::string& appDir, const std::string& process, unsigned int last);
+struct EventsOptions {
+    std::string appDir;
+    std::string process;  ///< empty: all of them
+    std::string since;    ///< as ParseSince takes it; empty: from the beginning
+    std::vector<std::string> types;
+    std::string component;
+    unsigned int last = 0;  ///< 0: twenty, and with `since` all of them
+    bool follow = false;
+    bool json = false;
+};
+
+/// Prints them; what could not be read goes to stderr. With `follow` until a signal or the reader ends.
+/// Returns: exit code: 0; 1 when a part could not be read; 2 when nothing could; 11 for a time that is none.
+int RunEvents(const EventsOptions& options);
 
 }  // namespace agent

@@ -1,0 +1,178 @@
+// Wording of events. Every text of a body may be anybody's and is made printable.
+#include "EventWords.h"
+
+#include <json/json.h>
+
+#include "HumanText.h"
+#include "JsonText.h"
+#include "Printable.h"
+#include "platform/zel/AgentNames.h"
+
+namespace agent {
+
+namespace {
+
+constexpr size_t kSpoolDigits = 4;
+constexpr int64_t kMsPerSecond = 1000;
+
+struct TypeOfKind {
+    const char* type;
+    EventKind kind;
+};
+constexpr TypeOfKind kTypes[] = {{zel::kComponentEndMessage, EventKind::kComponentEnd},
+                                 {zel::kSelfKillMessage, EventKind::kSelfKill},
+                                 {zel::kThreadStallMessage, EventKind::kStall},
+                                 {zel::kUncleanStopMessage, EventKind::kUncleanStop},
+                                 {zel::kLimitDriftMessage, EventKind::kDrift}};
+
+EventKind KindOf(const TailEvent& event, const Json::Value& body) {
+    for (const TypeOfKind& known : kTypes) {
+        if (event.type == known.type) return known.kind;
+    }
+    if (event.type != zel::kOsAbnormalMessage) return EventKind::kOther;
+    return body.isObject() && body["items"].isObject() ? EventKind::kOom : EventKind::kHost;
+}
+
+void WordOom(const Json::Value& body, EventInWords& words) {
+    const bool before = WordIn(body, "type") == "multi_cgroup_oom_after_restart";
+    std::string list;
+    for (const std::string& key : body["items"].getMemberNames()) {
+        const Json::Value& item = body["items"][key];
+        if (!item.isObject() || NumberIn(item, "oom_kill_delta") <= 0) continue;
+        const bool parent = FlagIn(item, "parent");
+        const std::string group = WordIn(item, "group");
+        if (!parent) words.about.push_back(group);
+        list += (list.empty() ? " " : ", ") + (parent ? std::string("whole agent") : group) + " +" +
+                std::to_string(NumberIn(item, "oom_kill_delta"));
+    }
+    words.what = std::string("killed for want of memory") + (before ? " while the agent was down:" : ":") + list;
+}
+
+void WordHost(const Json::Value& body, EventInWords& words) {
+    if (body.isMember("mem_usage")) {
+        words.what = "memory of the host: " + std::to_string(NumberIn(body, "mem_usage")) + " % in use, " +
+                     std::to_string(NumberIn(body, "available_mem")) + " MB available" +
+                     (NumberIn(body, "swap") != 0 ? ", it swaps" : "");
+    }
+    if (body.isMember("free_space")) {
+        words.what += (words.what.empty() ? "" : "; ") + std::string("disk of the agent: ") +
+                      HumanBytes(NumberIn(body, "free_space")) + " and " +
+                      std::to_string(NumberIn(body, "free_inode")) + " inodes free";
+    }
+}
+
+void WordComponentEnd(const TailEvent& event, const Json::Value& body, EventInWords& words) {
+    words.about = {WordIn(body, "component")};
+    const Json::Value& oom = body["oom"];
+    if (oom.isObject()) words.about.push_back(WordIn(oom, "group"));
+    const int64_t wait = NumberIn(body, "next_start") - event.time;
+    words.what = "process " + std::to_string(NumberIn(body, "pid")) + " ended: " + WordIn(body, "reason");
+    if (FlagIn(body, "budget_exhausted")) {
+        words.what += "; its restarts of this hour are used up";
+    } else {
+        words.what += wait > 0 ? "; starts again in " + HumanDuration(wait * kMsPerSecond) : "; starts again at once";
+    }
+}
+
+void WordSelfKill(const Json::Value& body, EventInWords& words) {
+    words.about = {WordIn(body, "process")};
+    const bool cpu = WordIn(body, "resource") == "cpu";
+    const auto amount = [&](const char* key) {
+        return cpu ? HumanPercent(NumberIn(body, key)) : HumanBytes(NumberIn(body, key) * 1024);
+    };
+    words.what = "ends itself: " + std::string(cpu ? "CPU " : "memory ") + amount("value") + ", its maximum is " +
+                 amount("limit") + ", for " + HumanDuration(NumberIn(body, "sustained_ms"));
+}
+
+void WordStall(const Json::Value& body, EventInWords& words) {
+    words.about = {WordIn(body, "process")};
+    words.what = "thread \"" + WordIn(body, "thread") + "\" (" + std::to_string(NumberIn(body, "tid")) + ") " +
+                 (FlagIn(body, "gone")        ? "is gone without a word"
+                  : FlagIn(body, "recovered") ? "works again"
+                                              : "is silent for " + HumanDuration(NumberIn(body, "silent_ms")));
+}
+
+void WordUncleanStop(const Json::Value& body, EventInWords& words) {
+    words.about = {WordIn(body, "process")};
+    std::string cause = WordIn(body, "cause");
+    for (char& c : cause) c = c == '_' ? ' ' : c;
+    words.what = "the run of process " + std::to_string(NumberIn(body, "pid")) +
+                 " did not end in order: " + (FlagIn(body, "certain") ? "" : "presumably ") + cause;
+}
+
+void WordDrift(const Json::Value& body, EventInWords& words) {
+    for (const char* key : {"component", "group"}) {
+        if (!WordIn(body, key).empty()) words.about.push_back(WordIn(body, key));
+    }
+    if (words.about.empty()) words.about = {"agent"};
+    words.what = WordIn(body, "kind") + " was changed by somebody else: found " + WordIn(body, "found") + ", wanted " +
+                 WordIn(body, "wanted") + "; " +
+                 (FlagIn(body, "repaired") ? "put right" : "not put right: " + WordIn(body, "problem")) +
+                 (FlagIn(body, "contested") ? ", contested" : "");
+}
+
+}  // namespace
+
+std::string WordIn(const Json::Value& object, const char* key) {
+    const Json::Value& value = object.isObject() ? object[key] : Json::Value::nullSingleton();
+    return value.isString() ? Printable(value.asString()) : "";
+}
+
+int64_t NumberIn(const Json::Value& object, const char* key) {
+    const Json::Value& value = object.isObject() ? object[key] : Json::Value::nullSingleton();
+    return value.isInt64() ? value.asInt64() : 0;
+}
+
+bool FlagIn(const Json::Value& object, const char* key) {
+    const Json::Value& value = object.isObject() ? object[key] : Json::Value::nullSingleton();
+    return value.isBool() && value.asBool();
+}
+
+Json::Value EventBody(const TailEvent& event) {
+    const base::Result<Json::Value> body = ParseJson(event.body);
+    return body && body->isObject() ? *body : Json::Value();
+}
+
+EventInWords WordEvent(const TailEvent& event) {
+    const Json::Value body = EventBody(event);
+    EventInWords words;
+    words.kind = KindOf(event, body);
+    switch (words.kind) {
+        case EventKind::kOom: WordOom(body, words); break;
+        case EventKind::kHost: WordHost(body, words); break;
+        case EventKind::kComponentEnd: WordComponentEnd(event, body, words); break;
+        case EventKind::kSelfKill: WordSelfKill(body, words); break;
+        case EventKind::kStall: WordStall(body, words); break;
+        case EventKind::kUncleanStop: WordUncleanStop(body, words); break;
+        case EventKind::kDrift: WordDrift(body, words); break;
+        case EventKind::kOther: break;
+    }
+    if (words.kind == EventKind::kHost) words.about = {"host"};
+    if (words.what.empty()) words.what = Printable(event.type);
+    if (words.about.empty() || words.about[0].empty()) words.about = {Printable(event.process)};
+    return words;
+}
+
+const char* NameOf(EventKind kind) {
+    return kEventKindNames[static_cast<size_t>(kind)];
+}
+
+bool IsOfType(const TailEvent& event, EventKind kind, const std::string& word) {
+    return word == NameOf(kind) || word == event.type;
+}
+
+std::string ShortId(const std::string& id) {
+    const size_t dash = id.rfind('-');
+    if (dash == std::string::npos || dash <= kSpoolDigits) return Printable(id);
+    return Printable(id.substr(0, kSpoolDigits) + id.substr(dash));
+}
+
+bool MeansId(const std::string& word, const std::string& id) {
+    if (word == id) return true;
+    const size_t typed = word.rfind('-');
+    const size_t dash = id.rfind('-');
+    if (typed == std::string::npos || dash == std::string::npos || typed == 0) return false;
+    return word.substr(typed) == id.substr(dash) && typed <= dash && id.compare(0, typed, word, 0, typed) == 0;
+}
+
+}  // namespace agent

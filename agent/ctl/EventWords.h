@@ -1,0 +1,45 @@
+// A delivered event as an operator reads it: of what kind it is, whom it is about, what happened in one sentence. Pure.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+#include <vector>
+
+#include "EventTail.h"
+
+namespace agent {
+
+enum class EventKind { kOom, kHost, kComponentEnd, kSelfKill, kStall, kUncleanStop, kDrift, kOther };
+
+/// Short names as they are shown and typed, in the order of EventKind.
+constexpr const char* kEventKindNames[] = {"oom",   "host",         "component-end", "self-kill",
+                                           "stall", "unclean-stop", "drift",         "other"};
+
+struct EventInWords {
+    EventKind kind = EventKind::kOther;
+    std::vector<std::string> about;  ///< components and groups; the first one is whom it is mainly about
+    std::string what;                ///< a sentence without a full stop, printable
+};
+
+/// The body as JSON; null when it is no object.
+Json::Value EventBody(const TailEvent& event);
+
+EventInWords WordEvent(const TailEvent& event);
+
+const char* NameOf(EventKind kind);
+/// Whether `word` names the kind or the type of the event.
+bool IsOfType(const TailEvent& event, EventKind kind, const std::string& word);
+
+/// An id as it is shown: the first digits of its spool's name and the running number.
+std::string ShortId(const std::string& id);
+/// Whether somebody who typed `word` may mean this id: the id, or its number behind the beginning of its spool's name.
+bool MeansId(const std::string& word, const std::string& id);
+
+// --- members of a body: what is missing or of another type is empty, 0 or false ---
+
+std::string WordIn(const Json::Value& object, const char* key);
+int64_t NumberIn(const Json::Value& object, const char* key);
+bool FlagIn(const Json::Value& object, const char* key);
+
+}  // namespace agent

@@ -1,0 +1,144 @@
+// Events in words: one row for each kind, odd bodies, ids as people type them.
+#include "EventWords.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/zel/AgentNames.h"
+
+using namespace agent;
+
+namespace {
+
+TailEvent Event(const std::string& type, const std::string& body) {
+    TailEvent event;
+    event.id = "c5f103700d05934b-42";
+    event.time = 1700000000;
+    event.process = "tervane";
+    event.type = type;
+    event.body = body;
+    return event;
+}
+
+struct Row {
+    const char* type;
+    const char* body;
+    EventKind kind;
+    std::vector<std::string> about;
+    const char* what;
+};
+
+const Row kRows[] = {
+    {zel::kOsAbnormalMessage,
+     R"({"type":"multi_cgroup_oom_runtime","items":{"a":{"group":"main","oom_kill_delta":0,"parent":false},
+        "b":{"group":"collect-defense","oom_kill_delta":2,"parent":false},"c":{"oom_kill_delta":2,"parent":true}}})",
+     EventKind::kOom,
+     {"collect-defense"},
+     "killed for want of memory: collect-defense +2, whole agent +2"},
+    {zel::kOsAbnormalMessage,
+     R"({"type":"multi_cgroup_oom_after_restart","items":{"b":{"group":"guard","oom_kill_delta":1}}})",
+     EventKind::kOom,
+     {"guard"},
+     "killed for want of memory while the agent was down: guard +1"},
+    {zel::kOsAbnormalMessage,
+     R"({"mem_usage":91,"available_mem":180,"swap":1,"free_space":40960,"free_inode":12})",
+     EventKind::kHost,
+     {"host"},
+     "memory of the host: 91 % in use, 180 MB available, it swaps; disk of the agent: 40.0 KB and 12 inodes free"},
+    {zel::kComponentEndMessage,
+     R"({"component":"QorNet","pid":42,"reason":"killed by signal 9","next_start":1700000002,
+        "oom":{"group":"collect-defense"}})",
+     EventKind::kComponentEnd,
+     {"QorNet", "collect-defense"},
+     "process 42 ended: killed by signal 9; starts again in 2 s"},
+    {zel::kComponentEndMessage,
+     R"({"component":"QorNet","pid":42,"reason":"exit code 1","next_start":1700000900,"budget_exhausted":true})",
+     EventKind::kComponentEnd,
+     {"QorNet"},
+     "process 42 ended: exit code 1; its restarts of this hour are used up"},
+    {zel::kSelfKillMessage,
+     R"({"process":"QorNet","resource":"cpu","value":2512,"limit":1000,"sustained_ms":600000})",
+     EventKind::kSelfKill,
+     {"QorNet"},
+     "ends itself: CPU 25.12 %, its maximum is 10 %, for 10 min"},
+    {zel::kSelfKillMessage,
+     R"({"process":"QorNet","resource":"memory","value":307200,"limit":204800,"sustained_ms":60000})",
+     EventKind::kSelfKill,
+     {"QorNet"},
+     "ends itself: memory 300.0 MB, its maximum is 200.0 MB, for 1 min"},
+    {zel::kThreadStallMessage,
+     R"({"process":"QorNet","thread":"worker","tid":7,"silent_ms":6012})",
+     EventKind::kStall,
+     {"QorNet"},
+     "thread \"worker\" (7) is silent for 6 s"},
+    {zel::kThreadStallMessage,
+     R"({"process":"QorNet","thread":"worker","tid":7,"recovered":true})",
+     EventKind::kStall,
+     {"QorNet"},
+     "thread \"worker\" (7) works again"},
+    {zel::kUncleanStopMessage,
+     R"({"process":"tervane","pid":9,"cause":"out_of_memory","certain":false})",
+     EventKind::kUncleanStop,
+     {"tervane"},
+     "the run of process 9 did not end in order: presumably out of memory"},
+    {zel::kLimitDriftMessage,
+     R"({"component":"","group":"","kind":"cpu_quota","found":"no limit","wanted":"1800 us in 100000 us",
+        "repaired":true,"contested":true})",
+     EventKind::kDrift,
+     {"agent"},
+     "cpu_quota was changed by somebody else: found no limit, wanted 1800 us in 100000 us; put right, contested"},
+    {zel::kLimitDriftMessage,
+     R"({"component":"QorNet","group":"collect-defense","kind":"memory","found":"a","wanted":"b",
+        "repaired":false,"problem":"no right"})",
+     EventKind::kDrift,
+     {"QorNet", "collect-defense"},
+     "memory was changed by somebody else: found a, wanted b; not put right: no right"},
+    {"T_MSG_NEW", "{\"a\":1}", EventKind::kOther, {"tervane"}, "T_MSG_NEW"},
+};
+
+}  // namespace
+
+TEST(EventWordsTest, EachKindIsASentenceAndSaysWhomItIsAbout) {
+    for (const Row& row : kRows) {
+        const EventInWords words = WordEvent(Event(row.type, row.body));
+        EXPECT_EQ(words.kind, row.kind) << row.body;
+        EXPECT_EQ(words.about, row.about) << row.body;
+        EXPECT_EQ(words.what, row.what) << row.body;
+    }
+}
+
+TEST(EventWordsTest, OddBodiesAreBorneAndTextsMadePrintable) {
+    for (const Row& row : kRows) {
+        for (const char* body : {"", "null", "[]", "{", "{\"items\":[1]}", "{\"items\":{\"k\":5}}", "{\"pid\":\"x\"}",
+                                 "{\"component\":5,\"oom\":7,\"process\":[]}"}) {
+            const EventInWords words = WordEvent(Event(row.type, body));
+            EXPECT_FALSE(words.what.empty());
+            ASSERT_FALSE(words.about.empty());
+            EXPECT_FALSE(words.about[0].empty()) << row.type << body;
+        }
+    }
+    const EventInWords words =
+        WordEvent(Event(zel::kComponentEndMessage, R"({"component":"a\u001b[31m","reason":"b\nc"})"));
+    EXPECT_EQ(words.about[0], "a\\x1B[31m");
+    EXPECT_NE(words.what.find("b\\x0Ac"), std::string::npos);
+}
+
+TEST(EventWordsTest, IdsAreShownShortAndFoundByWhatIsShown) {
+    const std::string id = "c5f103700d05934b-42";
+    EXPECT_EQ(ShortId(id), "c5f1-42");
+    EXPECT_EQ(ShortId("a-1"), "a-1");
+    EXPECT_EQ(ShortId("\033"), "\\x1B");
+    for (const char* word : {"c5f1-42", "c-42", "c5f103700d05934b-42"}) EXPECT_TRUE(MeansId(word, id)) << word;
+    for (const char* word : {"", "42", "-42", "c5f2-42", "c5f1-4", "c5f1-421", "c5f1", "c5f103700d05934b0-42"}) {
+        EXPECT_FALSE(MeansId(word, id)) << word;
+    }
+}
+
+TEST(EventWordsTest, ATypeIsNamedShortOrAsTheMessage) {
+    const TailEvent event = Event(zel::kSelfKillMessage, "{}");
+    EXPECT_TRUE(IsOfType(event, EventKind::kSelfKill, "self-kill"));
+    EXPECT_TRUE(IsOfType(event, EventKind::kSelfKill, zel::kSelfKillMessage));
+    EXPECT_FALSE(IsOfType(event, EventKind::kSelfKill, "drift"));
+}
