@@ -1,6 +1,7 @@
 // Requests of the console, answered from the parts of the process. Entered by the console's threads.
 #include "ConsoleWiring.h"
 
+#include <json/json.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -9,8 +10,10 @@
 #include "AgentConfig.h"
 #include "AgentPaths.h"
 #include "StatusJson.h"
-#include "platform/zel/AgentNames.h"
 #include "platform/host/HostServices.h"
+#include "platform/host/OnlineClientConf.h"
+#include "platform/host/OnlineConfigText.h"
+#include "platform/zel/AgentNames.h"
 
 namespace agent {
 
@@ -25,6 +28,18 @@ bool Reload(zelhost::CHostServices& services, const std::string& agentConfig, st
     return false;
 }
 
+/// The values that are in force in this process, and the files that it looks at.
+std::string FormatConfig(const StatusSources& sources) {
+    Json::Value root(Json::objectValue);
+    root["resource_config"] = sources.configPath;
+    root["online_config"] = sources.appDir + zel::kOnlineConfigFileName;
+    Json::Value& values = root["values"] = Json::Value(Json::objectValue);
+    if (const COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance()) {
+        for (const auto& [name, value] : zelhost::GetPublishedValues(*conf)) values[name] = Json::Int64(value);
+    }
+    return root.toStyledString();
+}
+
 }  // namespace
 
 ConsoleActions MakeConsoleActions(const StatusSources& sources, std::function<void()> wantConfig) {
@@ -34,6 +49,7 @@ ConsoleActions MakeConsoleActions(const StatusSources& sources, std::function<vo
     actions.status = [sources] { return FormatStatusJson(CollectStatus(sources)); };
     actions.metrics = [services] { return services->GetMetricsText(); };
     actions.threads = [monitor] { return ThreadReport(*monitor); };
+    actions.config = [sources] { return FormatConfig(sources); };
     actions.statistics = [services] {
         services->CollectStatistics();
         return services->GetStatistics().values;

@@ -60,6 +60,7 @@ Answer ControlServer::Handle(const std::string& request) const {
     if (request == "status") return {true, m_actions.status()};
     if (request == "metrics") return {true, m_actions.metrics()};
     if (request == "threads") return {true, m_actions.threads()};
+    if (request == "config") return {true, m_actions.config()};
     if (request == "statistics") {
         Json::Value values(Json::objectValue);
         for (const auto& item : m_actions.statistics()) values[item.first] = item.second;
@@ -74,7 +75,7 @@ Answer ControlServer::Handle(const std::string& request) const {
         m_actions.stop();
         return {true, "stopping\n"};
     }
-    return {false, "unknown request; known are status, metrics, threads, statistics, reload, stop\n"};
+    return {false, "unknown request; known are status, metrics, threads, config, statistics, reload, stop\n"};
 }
 
 }  // namespace agent

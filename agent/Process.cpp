@@ -539,6 +539,7 @@ StatusSources Process::Sources() {
     StatusSources sources;
     sources.process = m_options.name;
     sources.appDir = m_options.appDir;
+    sources.configPath = m_options.configPath;
     sources.startedAt = m_startedAt;
     sources.monitor = m_monitor.get();
     sources.services = &m_services;

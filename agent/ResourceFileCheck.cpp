@@ -51,6 +51,15 @@ std::string CheckKernelRanges(const std::string& key, const std::string& value) 
     return "";
 }
 
+/// The monitor leaves out an entry of its table that has not so many fields.
+std::string CheckEntries(const std::string& key, const std::string& value, size_t fields) {
+    for (const std::string& entry : zel::CStringUtil::stringSplit(value, ",")) {
+        if (entry.empty() || zel::CStringUtil::stringSplit(entry, ":").size() == fields) continue;
+        return key + ": " + Shown(entry) + " has not " + std::to_string(fields) + " fields with : between them";
+    }
+    return "";
+}
+
 std::string LowerCase(std::string text) {
     for (char& c : text) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
     return text;
@@ -60,6 +69,9 @@ std::string LowerCase(std::string text) {
 std::string CheckValue(const zel::LimitKey& key, const std::string& value) {
     if (key.resourceName == std::string(zel::kKernelRangeKey.resourceName))
         return CheckKernelRanges(key.resourceName, value);
+    if (key.resourceName == std::string(zel::kGroupsKey.resourceName)) return CheckEntries(key.resourceName, value, 3);
+    if (key.resourceName == std::string(zel::kComponentsKey.resourceName))
+        return CheckEntries(key.resourceName, value, 5);
     if (key.kind == zel::LimitKeyKind::kText) return "";
     const std::string pair = std::string(key.resourceName) + " = " + Shown(value);
     char* end = nullptr;

@@ -26,7 +26,8 @@ class Workers;
 struct StatusSources {
     std::string process;
     std::string appDir;
-    int64_t startedAt = 0;  ///< SecondsSinceBoot(); 0: not yet
+    std::string configPath;  ///< resource configuration
+    int64_t startedAt = 0;   ///< SecondsSinceBoot(); 0: not yet
     CMonitor* monitor = nullptr;
     zelhost::CHostServices* services = nullptr;
     const EventSink* events = nullptr;

@@ -4,6 +4,8 @@
 #include <cstdlib>
 
 #include "AskAgent.h"
+#include "ConfigCommands.h"
+#include "ConfigFiles.h"
 #include "CtlExit.h"
 #include "Doctor.h"
 #include "EventWords.h"
@@ -31,6 +33,7 @@ struct CommandLine {
     bool named = false;  ///< whether the name was given
     bool json = false;
     agent::EventsOptions events;
+    agent::ConfigOptions config;
     agent::TopOptions top;
 };
 
@@ -55,6 +58,23 @@ void DeclareEvents(CLI::App& app, agent::EventsOptions& events) {
     view->add_flag("--follow", events.follow, "go on with what comes");
 }
 
+void DeclareConfig(CLI::App& app, agent::ConfigOptions& config) {
+    CLI::App* group = app.add_subcommand("config", "the configuration: what is in force, checks, changes");
+    group->require_subcommand(1);
+    group->add_subcommand("show", "each value, its unit and where it came from; what was refused and why");
+    CLI::App* check = group->add_subcommand("check", "whether the agent takes a file");
+    check->add_option("FILE", config.argument, "the file")->required()->type_name("FILE");
+    std::string files;
+    for (const char* name : agent::kConfigFileNames) files += (files.empty() ? "" : ",") + std::string(name);
+    check->add_option("--as", config.as, "which of the agent's files it is to be; by its name otherwise")
+        ->type_name("{" + files + "}");
+    CLI::App* set = group->add_subcommand("set", "change a value, after the agent's own parser has taken it");
+    set->add_option("KEY=VALUE", config.argument, "maxCpu=20")->required()->type_name("KEY=VALUE");
+    CLI::App* unset = group->add_subcommand("unset", "take a key out of its file");
+    unset->add_option("KEY", config.argument, "maxCpu")->required()->type_name("KEY");
+    group->add_subcommand("undo", "take the last change back");
+}
+
 void Declare(CLI::App& app, CommandLine& line) {
     if (const char* fromEnvironment = getenv("ZEL_APP_DIR")) line.appDir = fromEnvironment;
     app.add_option("--app-dir", line.appDir,
@@ -71,6 +91,7 @@ void Declare(CLI::App& app, CommandLine& line) {
     top->add_flag("--summary", line.top.summary, "at the end, what came of it");
     app.add_subcommand("doctor", "what this host allows, what is in force, and what to do about the rest");
     DeclareEvents(app, line.events);
+    DeclareConfig(app, line.config);
     app.add_subcommand("metrics", "the process's metrics in Prometheus text form");
     app.add_subcommand("threads", "per-thread CPU report with the busiest thread's kernel stack");
     app.add_subcommand("statistics", "the registered statistics, collected now");
@@ -131,6 +152,14 @@ int ShowEvents(const CommandLine& line) {
     return agent::RunEvents(options);
 }
 
+int Configure(const CommandLine& line) {
+    agent::ConfigOptions options = line.config;
+    options.appDir = line.appDir;
+    options.process = line.name;
+    options.json = line.json;
+    return agent::RunConfig(options);
+}
+
 int Run(const CommandLine& line) {
     if (line.command == "doctor") {
         const agent::Diagnosis diagnosis = agent::Diagnose(line.appDir);
@@ -138,6 +167,7 @@ int Run(const CommandLine& line) {
         return static_cast<int>(diagnosis.Worst());
     }
     if (line.command == "events") return ShowEvents(line);
+    if (line.command == "config") return Configure(line);
     if (line.command == "top") return Watch(line);
     return line.command == "status" || line.command == "check" ? Judge(line) : Ask(line);
 }
@@ -158,6 +188,7 @@ int main(int argc, char** argv) {
     }
     line.named = app.get_option("--name")->count() > 0;
     line.command = app.get_subcommands().front()->get_name();
+    if (line.command == "config") line.config.action = app.get_subcommand("config")->get_subcommands()[0]->get_name();
     // Before an agent is installed the doctor looks at the host alone.
     const bool installed = base::ReadFileMark(zel::kDefaultAppDir).exists;
     if (line.appDir.empty() && (installed || line.command != "doctor")) line.appDir = zel::kDefaultAppDir;

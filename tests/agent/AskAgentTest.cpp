@@ -28,6 +28,7 @@ agent::ConsoleActions Actions() {
     actions.status = [] { return std::string(1 << 20, 's'); };
     actions.metrics = [] { return std::string("m 1\n"); };
     actions.threads = []() -> std::string { throw 1; };
+    actions.config = [] { return std::string("{}\n"); };
     actions.statistics = [] { return std::map<std::string, std::string>{{"key", "value"}}; };
     actions.reload = [](std::string& problem) {
         problem = "not today";

@@ -124,7 +124,7 @@ class Console : public Server {
 public:
     bool Start(const std::string& path, std::string& error) override {
         agent::ConsoleActions actions;
-        actions.status = actions.metrics = actions.threads = [] { return g_answer(); };
+        actions.status = actions.metrics = actions.threads = actions.config = [] { return g_answer(); };
         actions.statistics = [] { return std::map<std::string, std::string>{}; };
         actions.reload = [](std::string&) { return true; };
         actions.stop = [] {};

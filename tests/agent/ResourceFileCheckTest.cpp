@@ -14,9 +14,17 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 TEST(ResourceFileCheckTest, UnderstoodFileGivesNoFinding) {
-    EXPECT_THAT(CheckResourceText("\xEF\xBB\xBF; comment\r\n# another\n\nmax_cpu = 10\r\nMAX_MEMORY=200\n"
-                                  "resource_limit_mode = 13\ncgroup_groups = a:1:2,b\nhash_mode = -3"),
-                IsEmpty());
+    EXPECT_THAT(
+        CheckResourceText(
+            "\xEF\xBB\xBF; comment\r\n# another\n\nmax_cpu = 10\r\nMAX_MEMORY=200\n"
+            "resource_limit_mode = 13\ncgroup_groups = a:1:2,b:0:3\ncgroup_components = x:a:a:1:2\nhash_mode = -3"),
+        IsEmpty());
+}
+
+TEST(ResourceFileCheckTest, AnEntryThatIsLeftOutIsNamed) {
+    EXPECT_THAT(CheckResourceText("cgroup_groups = a:1:2,b\ncgroup_components = x:a:a:1\nmax_cpu = 1\n"),
+                ElementsAre("line 1: cgroup_groups: \"b\" has not 3 fields with : between them",
+                            "line 2: cgroup_components: \"x:a:a:1\" has not 5 fields with : between them"));
 }
 
 TEST(ResourceFileCheckTest, EveryKindOfMistakeIsNamedWithItsLine) {

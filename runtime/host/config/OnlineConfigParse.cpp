@@ -5,7 +5,9 @@
 
 #include <exception>
 #include <memory>
+#include <utility>
 
+#include "platform/host/OnlineConfigText.h"
 #include "platform/zel/LimitKeys.h"
 
 namespace zelhost {
@@ -93,30 +95,39 @@ base::Result<Json::Value> ParseRoot(const std::string& text) {
     return root;
 }
 
-/// Adds the value of a member to `values`.
-base::Status TakeMember(const std::string& name, const Json::Value& value, OnlineValues& values) {
+/// What a text says, and everything for which it is refused.
+struct Judged {
+    OnlineValues values;
+    std::vector<OnlineFinding> findings;
+};
+
+void JudgeMember(const std::string& name, const Json::Value& value, Judged& judged) {
     const auto refuse = [&](const std::string& reason) {
-        return Refuse("key '" + Shown(name) + "', value " + ShownValue(value) + ": " + reason);
+        judged.findings.push_back({Shown(name), ShownValue(value), reason});
     };
     size_t at = 0;
     while (at < kOnlineKeyCount && name != kKeys[at].name) ++at;
     if (at == kOnlineKeyCount) return refuse("there is no such key");
     const base::Result<long> number = TakeValue(kKeys[at], value);
     if (!number) return refuse(number.GetError().Text());
-    values[at] = *number;
-    return {};
+    judged.values[at] = *number;
 }
 
-base::Result<OnlineValues> ParseChecked(const std::string& text) {
-    const base::Result<Json::Value> root = ParseRoot(text);
-    if (!root) return root.GetError();
-    OnlineValues values;
-    for (const std::string& name : root->getMemberNames()) {
-        if (!name.empty() && name[0] == '_') continue;
-        const base::Status taken = TakeMember(name, (*root)[name], values);
-        if (!taken) return taken.GetError();
+Judged Judge(const std::string& text) {
+    Judged judged;
+    try {
+        const base::Result<Json::Value> root = ParseRoot(text);
+        if (!root) {
+            judged.findings.push_back({"", "", root.GetError().Text()});
+            return judged;
+        }
+        for (const std::string& name : root->getMemberNames()) {
+            if (name.empty() || name[0] != '_') JudgeMember(name, (*root)[name], judged);
+        }
+    } catch (const std::exception& e) {
+        judged.findings.push_back({"", "", std::string("not a JSON object: ") + Shown(e.what())});
     }
-    return values;
+    return judged;
 }
 
 }  // namespace
@@ -126,11 +137,25 @@ const OnlineKey* OnlineKeys() {
 }
 
 base::Result<OnlineValues> ParseOnlineConfig(const std::string& text) {
-    try {
-        return ParseChecked(text);
-    } catch (const std::exception& e) {
-        return Refuse(std::string("not a JSON object: ") + Shown(e.what()));
+    Judged judged = Judge(text);
+    if (judged.findings.empty()) return std::move(judged.values);
+    const OnlineFinding& first = judged.findings.front();
+    const std::string where = first.value.empty() ? "" : "key '" + first.key + "', value " + first.value + ": ";
+    return Refuse(where + first.reason);
+}
+
+std::vector<OnlineFinding> JudgeOnlineText(const std::string& text, OnlineNumbers& values) {
+    Judged judged = Judge(text);
+    if (judged.findings.empty()) {
+        for (const auto& [at, value] : judged.values) values[kKeys[at].name] = value;
     }
+    return std::move(judged.findings);
+}
+
+OnlineNumbers GetPublishedValues(const COnlineClientConf& conf) {
+    OnlineNumbers values;
+    for (const OnlineKey& key : kKeys) values[key.name] = (conf.*key.value).Get();
+    return values;
 }
 
 }  // namespace zelhost

@@ -42,6 +42,8 @@ constexpr char kAgentConfigFileName[] = "/conf/agent.json";
 constexpr char kResourceConfigFileName[] = "/conf/resource_config";
 constexpr char kOnlineConfigFileName[] = "/conf/online_config.json";
 constexpr char kComponentsFileName[] = "/conf/components.json";
+/// What the console has changed, so that it can take it back.
+constexpr char kConfigChangesFileName[] = "/conf/config_changes.json";
 constexpr char kCgroupErrorFileName[] = "/cgroup_errors";
 constexpr char kCurrentOsAbnormalDbName[] = "/current_os_abnormal.db";
 constexpr char kLastOsAbnormalDbName[] = "/last_os_abnormal.db";
