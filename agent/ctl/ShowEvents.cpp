@@ -198,7 +198,10 @@ int RunEvents(const EventsOptions& options) {
     const std::vector<Finding> findings = ReadFindings(options, query.since, most, page.unread);
     if (options.json && !options.follow) PrintJson(page, findings);
     if (!options.json) PrintWords(page, findings, options);
-    for (const std::string& sentence : page.unread) fprintf(stderr, "tervanectl: %s\n", sentence.c_str());
+    const bool said = options.json && !options.follow;
+    for (const std::string& sentence : page.unread) {
+        if (!said) fprintf(stderr, "tervanectl: %s\n", sentence.c_str());
+    }
     if (page.events.empty() && findings.empty() && !page.unread.empty()) return kUnreachable;
     std::set<std::string> shown;
     for (const TailEvent& event : page.events) {
