@@ -9,6 +9,7 @@
 
 #include "AgentConfig.h"
 #include "AgentPaths.h"
+#include "HistoryRow.h"
 #include "StatusJson.h"
 #include "platform/host/HostServices.h"
 #include "platform/host/OnlineClientConf.h"
@@ -54,6 +55,7 @@ ConsoleActions MakeConsoleActions(const StatusSources& sources, std::function<vo
         services->CollectStatistics();
         return services->GetStatistics().values;
     };
+    actions.history = [services] { return FormatWaitingRows(services->GetWaitingStatistics()); };
     actions.reload = [services, appDir = sources.appDir, wantConfig = std::move(wantConfig)](std::string& problem) {
         wantConfig();
         return Reload(*services, ConfigurationFile(appDir, zel::kAgentConfigFileName), problem);

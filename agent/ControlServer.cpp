@@ -66,6 +66,7 @@ Answer ControlServer::Handle(const std::string& request) const {
         for (const auto& item : m_actions.statistics()) values[item.first] = item.second;
         return {true, values.toStyledString()};
     }
+    if (request == "history") return {true, m_actions.history()};
     if (request == "reload") {
         std::string problem;
         if (m_actions.reload(problem)) return {true, "online configuration read again\n"};
@@ -75,7 +76,7 @@ Answer ControlServer::Handle(const std::string& request) const {
         m_actions.stop();
         return {true, "stopping\n"};
     }
-    return {false, "unknown request; known are status, metrics, threads, config, statistics, reload, stop\n"};
+    return {false, "unknown request; known are status, metrics, threads, config, statistics, history, reload, stop\n"};
 }
 
 }  // namespace agent

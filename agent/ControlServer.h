@@ -23,12 +23,13 @@ struct ConsoleActions {
     std::function<std::string()> threads;  ///< the thread report
     std::function<std::string()> config;   ///< JSON text: the values in force and where they were read
     std::function<std::map<std::string, std::string>()> statistics;
+    std::function<std::string()> history;  ///< what of the day's history is not on the disk yet
     std::function<bool(std::string& problem)> reload;
     std::function<void()> stop;  ///< asks and does not wait
 };
 
 /// Serves several consoles at a time; a silent peer is cut after two seconds and delays nobody.
-/// Requests: status, metrics, threads, config, statistics, reload, stop.
+/// Requests: status, metrics, threads, config, statistics, history, reload, stop.
 /// Thread-safety: Start and Stop from one thread.
 /// Lifetime: an object is started once.
 class ControlServer {

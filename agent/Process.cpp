@@ -369,11 +369,13 @@ int Process::StartComponents() {
         [this](std::vector<zelhost::Metric>& metrics) { AddAgentMetrics(*m_components, *m_pressure, metrics); });
     m_components->Tick(SecondsSinceBoot());  // before anything else that takes its time
     m_pressure->Follow(m_agentConfig->Current().pressure);
+    m_history = std::make_unique<GroupHistory>();
     return kExitClean;
 }
 
 void Process::StopComponents() {
     if (m_pressure != nullptr) m_pressure->Close();
+    m_history.reset();
     if (m_components != nullptr) m_components->Stop();
 }
 

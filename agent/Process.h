@@ -12,6 +12,7 @@
 #include "ComponentCare.h"
 #include "EventSink.h"
 #include "HostPressure.h"
+#include "GroupHistory.h"
 #include "LimitNews.h"
 #include "Options.h"
 #include "PlacementCare.h"
@@ -129,6 +130,7 @@ private:
     TreeKeeping m_keeping;
     LimitNews m_limitNews;
     std::unique_ptr<RunRecord> m_run;
+    std::unique_ptr<GroupHistory> m_history;
     Steps<Process> m_life;
 };
 

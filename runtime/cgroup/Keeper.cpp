@@ -290,8 +290,9 @@ void Keeper::Round::KeepLimits(const OpenTreeFacts& tree, Controller controller,
     for (const Error& error : plan.problems) m_status.notInForce.push_back(error.Text());
     m_inOrder = m_inOrder && plan.problems.empty();
     for (const GroupFacts& node : tree.facts.nodes) {
-        m_status.wanted.push_back(
-            {node.path, ControllerName(controller), AmountOf(controller, node.limits[controller].limit)});
+        m_status.wanted.push_back({node.path, ControllerName(controller),
+                                   AmountOf(controller, node.limits[controller].limit),
+                                   tree.dirs.front().GetVersion() == Version::kV2});
     }
     const size_t first = m_status.wanted.size() - tree.facts.nodes.size();
     for (const LimitStep& step : plan.steps) {

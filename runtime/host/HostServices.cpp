@@ -238,6 +238,10 @@ bool CHostServices::FlushDelivery(unsigned int timeoutMs) {
 StatisticsSnapshot CHostServices::GetStatistics() {
     return CStatisticsRegistry::Instance().Snapshot();
 }
+std::vector<StatisticsRow> CHostServices::GetWaitingStatistics() {
+    return CStatisticsRegistry::Instance().WaitingRows();
+}
+
 void CHostServices::CollectStatistics() {
     CStatisticsRegistry::Instance().Collect();
 }

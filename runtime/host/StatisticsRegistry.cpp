@@ -109,6 +109,12 @@ std::string CStatisticsHistory::FiguresOf(const Row& row) {
     return Json::writeString(builder, root);
 }
 
+std::vector<StatisticsRow> CStatisticsHistory::Waiting() const {
+    std::vector<StatisticsRow> rows;
+    for (const Row& row : m_rows) rows.push_back({row.wallTime, FiguresOf(row)});
+    return rows;
+}
+
 base::Status CStatisticsHistory::WriteRows() {
     base::Database database;
     base::DatabaseOptions options;
@@ -378,6 +384,11 @@ void CStatisticsRegistry::WriteHistory() {
 StatisticsSnapshot CStatisticsRegistry::Snapshot() {
     base::MutexLock lock(m_lock);
     return m_last;
+}
+
+std::vector<StatisticsRow> CStatisticsRegistry::WaitingRows() {
+    base::MutexLock collecting(m_collectLock);
+    return m_history.Waiting();
 }
 
 }  // namespace zelhost

@@ -36,6 +36,9 @@ public:
     /// On failure: the rows go on waiting, the newest of them.
     base::Status Write();
 
+    /// Returns: what waits to be written, oldest first.
+    std::vector<StatisticsRow> Waiting() const;
+
     static constexpr int64_t kKeptSeconds = 24 * 3600;
     /// Also bounds the file when the clock jumps: more rows than one a minute for a day are never kept.
     static constexpr int kKeptRows = 1500;
@@ -78,6 +81,8 @@ public:
 
     void Collect();
     StatisticsSnapshot Snapshot();
+    /// Returns: rows of the history that are not written yet, oldest first.
+    std::vector<StatisticsRow> WaitingRows();
 
     static constexpr size_t kStuckWorkers = 4;
     static constexpr size_t kMostEntries = 4096;

@@ -30,6 +30,7 @@ agent::ConsoleActions Actions() {
     actions.threads = []() -> std::string { throw 1; };
     actions.config = [] { return std::string("{}\n"); };
     actions.statistics = [] { return std::map<std::string, std::string>{{"key", "value"}}; };
+    actions.history = [] { return std::string("1 {}\n"); };
     actions.reload = [](std::string& problem) {
         problem = "not today";
         return false;

@@ -126,6 +126,7 @@ public:
         agent::ConsoleActions actions;
         actions.status = actions.metrics = actions.threads = actions.config = [] { return g_answer(); };
         actions.statistics = [] { return std::map<std::string, std::string>{}; };
+        actions.history = [] { return std::string(); };
         actions.reload = [](std::string&) { return true; };
         actions.stop = [] {};
         m_server = std::make_unique<agent::ControlServer>(actions);

@@ -209,6 +209,22 @@ Result<std::string> GroupDir::Read(const char* file) const {
     return base::ReadAll(fd, kMaxControlFileBytes, path, base::kWholePiece);
 }
 
+Result<std::string> GroupDir::ReadBelow(std::string_view relative, const char* file) const {
+    if (relative.empty()) return Read(file);
+    const std::string below = std::string(relative) + "/" + file;
+    const std::string path = FilePath(below);
+    for (std::string_view rest = below; !rest.empty();) {
+        const size_t end = rest.find('/');
+        if (!IsSafeComponent(std::string(rest.substr(0, end)))) {
+            return MakeError(ErrorKind::kRefused, "read", path, "not a name of one file");
+        }
+        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+    }
+    const base::Fd fd = OpenAt(m_fd.Get(), below.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (!fd) return ErrnoError(errno, "open", path);
+    return base::ReadAll(fd, kMaxControlFileBytes, path, base::kWholePiece);
+}
+
 base::Fd GroupDir::OpenDetached(const char* file) const {
     if (!IsSafeComponent(file)) return {};
     const base::Fd view = base::OpenDetachedView(m_fd.Get());

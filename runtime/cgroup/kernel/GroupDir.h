@@ -55,6 +55,8 @@ public:
 
     bool HasFile(const char* file) const;
     Result<std::string> Read(const char* file) const;
+    /// The same of a group below this one, without opening that: for who reads one file of many groups.
+    Result<std::string> ReadBelow(std::string_view relative, const char* file) const;
     /// Reads one number; "max" and nothing else gives -1.
     Result<int64_t> ReadNumber(const char* file) const;
     /// Opens a control file for reading through a view of the group that nobody else has, so that no mount of the host

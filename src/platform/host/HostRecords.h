@@ -151,6 +151,12 @@ struct StatisticsSnapshot {
     uint64_t collections = 0;
 };
 
+/// One row of the history of the statistics.
+struct StatisticsRow {
+    int64_t wallTime = 0;  ///< seconds since the epoch
+    std::string figures;   ///< a JSON object, each value a text
+};
+
 enum class MetricType : int { kGauge = 0, kCounter };
 
 /// One sample for /metrics. Name and unit follow the Prometheus naming rules; the labels process, component and group

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/host/HostRecords.h"
 #include "platform/host/SysIntf.h"
@@ -55,6 +56,9 @@ public:
     bool FlushDelivery(unsigned int timeoutMs);
 
     StatisticsSnapshot GetStatistics();
+    /// Returns: rows of the history that are not written yet, oldest first: an hour's, or two where the disk takes
+    /// none.
+    std::vector<StatisticsRow> GetWaitingStatistics();
     /// Collects now instead of at the next period. Blocks: as long as the slowest provider, within its bound.
     void CollectStatistics();
 

@@ -57,6 +57,7 @@ struct CgroupWanted {
     std::string path;  ///< of the group
     std::string controller;
     int amount = 0;  ///< hundredths of a percent of one CPU, or KB, as the kernel rounds it; 0: none
+    bool isV2 = false;
 };
 
 /// The rounds so far.

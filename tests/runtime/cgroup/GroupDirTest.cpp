@@ -59,6 +59,10 @@ TEST_F(GroupDirTest, RefusesNamesThatLeadElsewhere) {
         EXPECT_EQ(ErrorKind::kRefused, made.GetError().kind) << name;
     }
     EXPECT_EQ(ErrorKind::kRefused, m_cpuRoot.OpenBelow("../x").GetError().kind);
+    for (const char* below : {"..", "a/../b", "/a", "a//b", "a/"}) {
+        EXPECT_EQ(ErrorKind::kRefused, m_cpuRoot.ReadBelow(below, "cpu.stat").GetError().kind) << below;
+    }
+    EXPECT_EQ(ErrorKind::kRefused, m_cpuRoot.ReadBelow("a", "../cpu.stat").GetError().kind);
     EXPECT_EQ(ErrorKind::kRefused, m_cpuRoot.Write("../x", "1").GetError().kind);
     EXPECT_EQ(ErrorKind::kRefused, m_cpuRoot.Read("a/b").GetError().kind);
 }

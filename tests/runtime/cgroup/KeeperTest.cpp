@@ -14,6 +14,7 @@
 #include "DriftLedger.h"
 #include "Keeper.h"
 #include "OwnGroup.h"
+#include "platform/zel/CgroupFigures.h"
 #include "platform/zel/CgroupKeeper.h"
 
 namespace {
@@ -325,6 +326,32 @@ TEST_F(KeeperTest, TheComponentFileIsPutRightToldOnceAndCounted) {
     Round();
     EXPECT_EQ(seen, Found());
     unlink(aside.c_str());
+}
+
+TEST_F(KeeperTest, FiguresOfEachGroupStandBesideItsLimits) {
+    std::vector<zel::CgroupFigures> figures = zel::ReadCgroupFigures(true);
+    // Reading costs the time that is to be seen.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (figures.size() == 5 && figures[4].cpuMs <= 0 && std::chrono::steady_clock::now() < end) {
+        figures = zel::ReadCgroupFigures(true);
+    }
+    std::vector<std::string> names;
+    for (const zel::CgroupFigures& group : figures) names.push_back(group.name);
+    EXPECT_EQ(names, (std::vector<std::string>{"", "collect-defense", kLeaf, "main", "main/Tervane"}));
+    for (const zel::CgroupFigures& group : figures) {
+        EXPECT_GE(group.cpuMs, 0) << group.name;
+        EXPECT_GE(group.periods, 0) << group.name;
+        EXPECT_GE(group.throttledPeriods, 0) << group.name;
+        EXPECT_GE(group.throttledMs, 0) << group.name;
+        EXPECT_GE(group.memoryKb, 0) << group.name;
+        EXPECT_GE(group.limitHits, 0) << group.name;
+        EXPECT_EQ(std::to_string(group.memoryLimitKb), MemLimit(group.name)) << group.name;
+    }
+    ASSERT_EQ(figures.size(), 5u);
+    EXPECT_EQ(figures[0].cpuLimit100Times, 35000);
+    EXPECT_GT(figures[4].cpuMs, 0) << "this process is in it";
+    EXPECT_GE(figures[0].cpuMs, figures[4].cpuMs) << "and counts above it as well";
+    for (const zel::CgroupFigures& group : zel::ReadCgroupFigures(false)) EXPECT_EQ(group.limitHits, -1) << group.name;
 }
 
 TEST_F(KeeperTest, TellsOnceAndSaysContestedWhenItGoesOn) {

@@ -291,6 +291,22 @@ TEST_F(StatisticsRegistryTest, DamageBelowTheHeaderCostsOldRowsOnly) {
     EXPECT_TRUE(support::Exists(m_dir / "data/s.db.corrupt"));
 }
 
+TEST_F(StatisticsRegistryTest, RowsThatAreNotWrittenYetCanBeAskedFor) {
+    Start();
+    Provider provider(Figures{{"a", "one"}});
+    registry().Collect();
+    provider.m_values["a"] = "two";
+    registry().Collect();
+    const auto waiting = registry().WaitingRows();
+    ASSERT_EQ(waiting.size(), 2u);
+    EXPECT_EQ(waiting[0].figures, "{\"a\":\"one\"}");
+    EXPECT_EQ(waiting[1].figures, "{\"a\":\"two\"}");
+    EXPECT_TRUE(support::NamesIn(m_dir / "data").empty()) << "asking writes nothing";
+    registry().Stop();
+    EXPECT_TRUE(registry().WaitingRows().empty());
+    EXPECT_EQ(Rows().size(), 2u);
+}
+
 TEST_F(StatisticsRegistryTest, AnHourOfFiguresIsWrittenAtOnce) {
     Start();
     Provider provider(Figures{{"a", "one"}, {"b", std::string("x\0y", 3)}, {"c", ""}});
