@@ -10,6 +10,7 @@
 #include "Doctor.h"
 #include "EventWords.h"
 #include "Health.h"
+#include "HistoryCommands.h"
 #include "ShowEvents.h"
 #include "StatusJson.h"
 #include "StatusText.h"
@@ -35,6 +36,7 @@ struct CommandLine {
     agent::EventsOptions events;
     agent::ConfigOptions config;
     agent::TopOptions top;
+    agent::HistoryOptions history;
 };
 
 void DeclareEvents(CLI::App& app, agent::EventsOptions& events) {
@@ -92,6 +94,7 @@ void Declare(CLI::App& app, CommandLine& line) {
     app.add_subcommand("doctor", "what this host allows, what is in force, and what to do about the rest");
     DeclareEvents(app, line.events);
     DeclareConfig(app, line.config);
+    agent::DeclareHistoryCommands(app, line.history);
     app.add_subcommand("metrics", "the process's metrics in Prometheus text form");
     app.add_subcommand("threads", "per-thread CPU report with the busiest thread's kernel stack");
     app.add_subcommand("statistics", "the registered statistics, collected now");
@@ -169,6 +172,9 @@ int Run(const CommandLine& line) {
     if (line.command == "events") return ShowEvents(line);
     if (line.command == "config") return Configure(line);
     if (line.command == "top") return Watch(line);
+    if (agent::IsHistoryCommand(line.command)) {
+        return agent::RunHistoryCommand(line.command, line.appDir, line.history);
+    }
     return line.command == "status" || line.command == "check" ? Judge(line) : Ask(line);
 }
 

@@ -1,0 +1,116 @@
+// Gathering for report and advice; the page is written by the runtime's writer of files.
+#include "HistoryCommands.h"
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <set>
+
+#include "Advice.h"
+#include "AgentPaths.h"
+#include "DayHistory.h"
+#include "Doctor.h"
+#include "EventTail.h"
+#include "ReportPage.h"
+#include "base/FileIo.h"
+#include "base/FileReplace.h"
+#include "platform/zel/AgentNames.h"
+
+namespace agent {
+
+namespace {
+
+constexpr mode_t kPageMode = 0640;
+constexpr size_t kMostEvents = 400;  ///< of one process
+constexpr size_t kMostMarks = 2000;
+
+std::string HostName() {
+    std::array<char, 256> name{};
+    return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "this host";
+}
+
+/// Names of the processes whose events may be there: each leaf is a component.
+std::set<std::string> ProcessesOf(const DayHistory& day) {
+    std::set<std::string> names = {zel::kMainProcessName};
+    for (const GroupUse& group : day.groups) {
+        const size_t slash = group.name.rfind('/');
+        const std::string leaf = slash == std::string::npos ? "" : group.name.substr(slash + 1);
+        if (!leaf.empty() && leaf != zel::kMainComponent) names.insert(leaf);
+    }
+    return names;
+}
+
+void ReadMarks(const std::string& appDir, ReportFacts& facts) {
+    for (const std::string& process : ProcessesOf(facts.day)) {
+        const std::string path = EventFile(appDir, process);
+        if (base::ReadFileMark(path).exists && !base::OpenForReading(path)) {
+            facts.day.problems.push_back("its events cannot be read by this user: " + path);
+        }
+        for (Mark& mark : MarksOfEvents(ReadEventTail(path, kMostEvents), facts.since)) {
+            facts.marks.push_back(std::move(mark));
+        }
+    }
+    for (Mark& mark : MarksOfLimits(facts.day)) facts.marks.push_back(std::move(mark));
+    std::stable_sort(facts.marks.begin(), facts.marks.end(),
+                     [](const Mark& a, const Mark& b) { return a.time < b.time; });
+    if (facts.marks.size() <= kMostMarks) return;
+    facts.marks.erase(facts.marks.begin(), facts.marks.end() - static_cast<std::ptrdiff_t>(kMostMarks));
+}
+
+int WriteReport(const std::string& appDir, const HistoryOptions& options, int64_t since) {
+    ReportFacts facts;
+    facts.host = HostName();
+    facts.directory = appDir;
+    facts.version = ZEL_VERSION;
+    facts.now = time(nullptr);
+    facts.since = since;
+    facts.day = ReadDayHistory(appDir, since);
+    ReadMarks(appDir, facts);
+    facts.findings = Diagnose(appDir).findings;
+    const base::Status written =
+        base::ReplaceFile(options.htmlFile, MakeReportPage(facts), kPageMode, base::Durability::kSynced);
+    if (!written) {
+        fprintf(stderr, "tervanectl: %s\n", written.GetError().Text().c_str());
+        return 1;
+    }
+    for (const std::string& problem : facts.day.problems) fprintf(stderr, "tervanectl: note: %s\n", problem.c_str());
+    printf("%s: %zu recorded minutes, %zu groups, %zu marks\n", options.htmlFile.c_str(), facts.day.rows,
+           facts.day.groups.size(), facts.marks.size());
+    return 0;
+}
+
+}  // namespace
+
+void DeclareHistoryCommands(CLI::App& app, HistoryOptions& options) {
+    const auto isSpan = [](const std::string& text) {
+        return ParseSpan(text) > 0 ? std::string() : "a time is a number and s, m, h or d, such as 90m";
+    };
+    CLI::App* report = app.add_subcommand("report", "the last day as one page for a browser, by group and limit");
+    report->add_option("--since", options.since, "how far back: 90m, 24h; a day is kept")
+        ->capture_default_str()
+        ->check(isSpan);
+    report->add_option("--html", options.htmlFile, "file to write")->required();
+    CLI::App* advise =
+        app.add_subcommand("advise", "limits that the last day would have needed, and how often today's held");
+    advise->add_option("--since", options.since, "how far back: 90m, 24h; a day is kept")
+        ->capture_default_str()
+        ->check(isSpan);
+}
+
+bool IsHistoryCommand(const std::string& command) {
+    return command == "report" || command == "advise";
+}
+
+int RunHistoryCommand(const std::string& command, const std::string& appDir, const HistoryOptions& options) {
+    const int64_t since = time(nullptr) - ParseSpan(options.since);
+    if (command == "report") return WriteReport(appDir, options, since);
+    const DayHistory day = ReadDayHistory(appDir, since);
+    fputs(AdviceText(day, MakeAdvice(day)).c_str(), stdout);
+    return 0;
+}
+
+}  // namespace agent

@@ -1,0 +1,155 @@
+// From events and limits to marks.
+#include "ReportMarks.h"
+
+#include <json/json.h>
+
+#include <algorithm>
+#include <map>
+
+#include "JsonText.h"
+#include "Printable.h"
+#include "Text.h"
+#include "platform/zel/AgentNames.h"
+
+namespace agent {
+
+namespace {
+
+constexpr size_t kMostTextBytes = 400;
+constexpr int kPercent = 100;
+constexpr int kKbPerMb = 1024;
+
+struct Look {
+    const char* letter;
+    const char* name;
+};
+/// In the order of MarkKind.
+constexpr Look kLooks[kMarkKinds] = {{"M", "out-of-memory kill"}, {"K", "self-kill"},
+                                     {"D", "drift of a limit"},   {"C", "change of a limit"},
+                                     {"E", "end of a component"}, {"H", "host"}};
+
+std::string Word(const Json::Value& value) {
+    return value.isString() ? value.asString() : "";
+}
+
+void AddSubject(std::vector<std::string>& subjects, const std::string& name) {
+    if (!name.empty() && subjects.size() < kMostGroups) subjects.push_back(name);
+}
+
+MarkKind KindOf(const TailEvent& event, const Json::Value& body) {
+    if (event.type == zel::kSelfKillMessage) return MarkKind::kKill;
+    if (event.type == zel::kLimitDriftMessage) return MarkKind::kDrift;
+    if (event.type == zel::kComponentEndMessage && body["oom"].isObject()) return MarkKind::kOom;
+    if (event.type == zel::kComponentEndMessage || event.type == zel::kUncleanStopMessage) return MarkKind::kEnd;
+    const bool ofGroups = body.isMember("items") && body["items"].isObject();
+    return event.type == zel::kOsAbnormalMessage && ofGroups ? MarkKind::kOom : MarkKind::kHost;
+}
+
+/// Whose limit it was is named by its leaf, else by its group.
+std::vector<std::string> SubjectsOf(const Json::Value& body) {
+    std::vector<std::string> subjects;
+    if (body.isMember("items") && body["items"].isObject()) {
+        for (const std::string& key : body["items"].getMemberNames()) {
+            const Json::Value& item = body["items"][key];
+            if (item.isObject()) AddSubject(subjects, Word(item["group"]));
+        }
+    }
+    const std::string component = Word(body["component"]);
+    AddSubject(subjects, component.empty() ? Word(body["group"]) : component);
+    AddSubject(subjects, Word(body["process"]));
+    return subjects;
+}
+
+std::string Number(const Json::Value& value) {
+    return value.isInt64() ? std::to_string(value.asInt64()) : "?";
+}
+
+/// What is told of an event beside its time and its kind.
+std::string WordsOf(const TailEvent& event, const Json::Value& body) {
+    if (event.type == zel::kComponentEndMessage) return Word(body["component"]) + ": " + Word(body["reason"]);
+    if (event.type == zel::kSelfKillMessage) {
+        return Word(body["process"]) + ": " + Word(body["resource"]) + " " + Number(body["value"]) + " above " +
+               Number(body["limit"]) + " for " + Number(body["sustained_ms"]) + " ms";
+    }
+    if (event.type == zel::kLimitDriftMessage) {
+        const std::string where = Word(body["component"]).empty() ? Word(body["path"]) : Word(body["component"]);
+        const std::string cause = Word(body["cause"]);
+        return where + ": " + Word(body["kind"]) + " was " + Word(body["found"]) + ", asked for " +
+               Word(body["wanted"]) +
+               (body["repaired"].isBool() && body["repaired"].asBool() ? ", repaired" : ", stays") +
+               (cause.empty() ? "" : "; " + cause);
+    }
+    const std::string text = DescribeEvent(event);
+    const size_t type = text.find(event.type);
+    return type == std::string::npos ? text : text.substr(type);
+}
+
+std::string LimitText(int cpu100Times, int memoryKb, bool cpu) {
+    if ((cpu ? cpu100Times : memoryKb) == 0) return "none";
+    return cpu ? Text("%.2f %%", static_cast<double>(cpu100Times) / kPercent)
+               : Text("%.1f MB", static_cast<double>(memoryKb) / kKbPerMb);
+}
+
+}  // namespace
+
+const char* LetterOf(MarkKind kind) {
+    return kLooks[static_cast<size_t>(kind)].letter;
+}
+
+const char* NameOf(MarkKind kind) {
+    return kLooks[static_cast<size_t>(kind)].name;
+}
+
+std::vector<Mark> MarksOfEvents(const std::vector<TailEvent>& events, int64_t since) {
+    std::vector<Mark> marks;
+    for (const TailEvent& event : events) {
+        if (event.time < since) continue;
+        const base::Result<Json::Value> parsed = ParseJson(event.body);
+        const Json::Value body = parsed && parsed->isObject() ? *parsed : Json::Value(Json::objectValue);
+        Mark mark;
+        mark.time = event.time;
+        mark.kind = KindOf(event, body);
+        mark.text = Printable(WordsOf(event, body)).substr(0, kMostTextBytes);
+        mark.subjects = SubjectsOf(body);
+        marks.push_back(std::move(mark));
+    }
+    return marks;
+}
+
+std::vector<Mark> MarksOfLimits(const DayHistory& day) {
+    std::map<int64_t, Mark> found;
+    const auto note = [&found](int64_t time, const std::string& name, const std::string& change) {
+        Mark& mark = found[time];
+        mark.time = time;
+        mark.kind = MarkKind::kConfig;
+        if (mark.text.size() < kMostTextBytes) {
+            mark.text += (mark.text.empty() ? "" : "; ") + (name.empty() ? std::string("whole agent") : name) + change;
+        }
+        mark.subjects.push_back(name.empty() ? "/" : name);
+    };
+    for (const GroupUse& group : day.groups) {
+        for (size_t i = 1; i < group.points.size(); ++i) {
+            const UsePoint& was = group.points[i - 1];
+            const UsePoint& is = group.points[i];
+            for (const bool cpu : {true, false}) {
+                const std::string before = LimitText(was.cpuLimit100Times, was.memoryLimitKb, cpu);
+                const std::string after = LimitText(is.cpuLimit100Times, is.memoryLimitKb, cpu);
+                if (before == after) continue;
+                note(is.to, group.name, std::string(cpu ? " CPU " : " memory ") + before + " to " + after);
+            }
+        }
+    }
+    std::vector<Mark> marks;
+    for (auto& entry : found) marks.push_back(std::move(entry.second));
+    return marks;
+}
+
+bool Concerns(const Mark& mark, const std::string& group) {
+    if (mark.subjects.empty()) return true;
+    const std::string leaf = group.substr(group.rfind('/') == std::string::npos ? 0 : group.rfind('/') + 1);
+    return std::any_of(mark.subjects.begin(), mark.subjects.end(), [&](const std::string& subject) {
+        return subject == group || subject == leaf || (group.empty() && subject == "/");
+    });
+}
+
+}  // namespace agent

@@ -1,0 +1,224 @@
+// Rows to differences, marks and advice.
+#include "ctl/DayHistory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "ctl/Advice.h"
+#include "ctl/ReportMarks.h"
+
+using namespace agent;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr int64_t kBegin = 1700000000;
+
+/// A minute in which the group used `percent` of a CPU and was held back in `throttled` of 600 periods.
+struct Minute {
+    int64_t percent;
+    int64_t throttled = 0;
+    int64_t memoryKb = 1024;
+    int64_t hits = 0;
+};
+
+std::vector<HistoryRow> Rows(const std::vector<Minute>& minutes, int cpuLimit = 1000, int memoryLimit = 4096) {
+    std::vector<HistoryRow> rows;
+    zel::CgroupFigures group;
+    group.name = "guard/QorHips";
+    group.cpuLimit100Times = cpuLimit;
+    group.memoryLimitKb = memoryLimit;
+    group.cpuMs = group.periods = group.throttledPeriods = group.throttledMs = group.limitHits = 0;
+    for (const Minute& minute : minutes) {
+        group.cpuMs += minute.percent * 600;
+        group.periods += 600;
+        group.throttledPeriods += minute.throttled;
+        group.memoryKb = minute.memoryKb;
+        group.limitHits += minute.hits;
+        HistoryRow row;
+        row.time = kBegin + static_cast<int64_t>(rows.size()) * 60;
+        row.groups = {group};
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+GroupAdvice Advice(const std::vector<Minute>& minutes, int cpuLimit = 1000) {
+    const auto advice = MakeAdvice(MakeDayHistory(Rows(minutes, cpuLimit), kBegin));
+    return advice.empty() ? GroupAdvice() : advice.front();
+}
+
+}  // namespace
+
+TEST(DayHistoryTest, CountersBecomeSharesOfTheTimeBetween) {
+    const DayHistory day = MakeDayHistory(Rows({{0}, {5, 60}, {7, 600}}), kBegin);
+    ASSERT_EQ(day.groups.size(), 1u);
+    const std::vector<UsePoint>& points = day.groups[0].points;
+    ASSERT_EQ(points.size(), 3u);
+    EXPECT_EQ(points[0].cpu100Times, -1) << "nothing stood before";
+    EXPECT_EQ(points[1].cpu100Times, 500);
+    EXPECT_EQ(points[1].throttled100Times, 1000);
+    EXPECT_EQ(points[2].cpu100Times, 700);
+    EXPECT_EQ(points[2].throttled100Times, 10000);
+    EXPECT_EQ(points[2].from, kBegin + 60);
+    EXPECT_EQ(day.rows, 3u);
+}
+
+TEST(DayHistoryTest, AGroupMadeAnewAndAPauseAreNoUse) {
+    std::vector<HistoryRow> rows = Rows({{1}, {1}, {1}, {1}, {1}});
+    for (size_t i = 2; i < rows.size(); ++i) {
+        rows[i].groups[0].cpuMs -= 1000;
+        rows[i].groups[0].throttledPeriods = 0;
+    }
+    for (size_t i = 3; i < rows.size(); ++i) rows[i].time += 3600;
+    const DayHistory day = MakeDayHistory(rows, kBegin);
+    const std::vector<UsePoint>& points = day.groups[0].points;
+    EXPECT_EQ(points[1].cpu100Times, 100);
+    EXPECT_EQ(points[2].cpu100Times, -1) << "its counter went back";
+    EXPECT_EQ(points[3].cpu100Times, -1) << "an hour of which nothing is known";
+    EXPECT_EQ(points[4].cpu100Times, 100);
+}
+
+TEST(DayHistoryTest, RowsOfStoreAndProcessCountOnce) {
+    std::vector<HistoryRow> rows = Rows({{1}, {2}, {3}});
+    std::vector<HistoryRow> twice = rows;
+    twice.insert(twice.end(), rows.begin() + 1, rows.end());
+    twice.insert(twice.begin(), rows.back());
+    HistoryRow between = rows[1];
+    between.time += 5;  // somebody asked for statistics
+    twice.push_back(between);
+    const DayHistory day = MakeDayHistory(twice, kBegin);
+    EXPECT_EQ(day.rows, 3u);
+    ASSERT_EQ(day.groups[0].points.size(), 3u);
+    EXPECT_EQ(day.groups[0].points[2].cpu100Times, 300);
+    EXPECT_EQ(MakeDayHistory(twice, kBegin + 60).rows, 2u) << "what is older does not count";
+}
+
+TEST(DayHistoryTest, HitsCountFromTheLastRowThatHasThem) {
+    std::vector<HistoryRow> rows = Rows({{1}, {1, 0, 1024, 2}, {1, 0, 1024, 3}});
+    rows[1].groups[0].limitHits = -1;
+    const DayHistory day = MakeDayHistory(rows, kBegin);
+    EXPECT_EQ(day.groups[0].points[1].hits, -1);
+    EXPECT_EQ(day.groups[0].points[2].hits, 5);
+}
+
+TEST(DayHistoryTest, MoreGroupsThanCanBeShownAreBounded) {
+    HistoryRow row;
+    row.time = kBegin;
+    for (int i = 0; i < 500; ++i) {
+        row.groups.emplace_back();
+        row.groups.back().name = std::to_string(i);
+    }
+    EXPECT_EQ(MakeDayHistory({row}, 0).groups.size(), kMostGroups);
+}
+
+TEST(DayHistoryTest, PressureIsAShareOfTheTime) {
+    std::vector<HistoryRow> rows = Rows({{1}, {1}});
+    rows[0].pressure = {1000, 0, 0, 500, 0};
+    rows[1].pressure = {31000, 600, 0, 500, 0};
+    const DayHistory day = MakeDayHistory(rows, kBegin);
+    ASSERT_EQ(day.pressure.size(), 1u);
+    EXPECT_EQ(day.pressure[0].cpu, 5000);
+    EXPECT_EQ(day.pressure[0].memory, 100);
+    EXPECT_EQ(day.pressure[0].io, 0);
+}
+
+TEST(DayHistoryTest, ASpanIsANumberAndAUnit) {
+    EXPECT_EQ(ParseSpan("90s"), 90);
+    EXPECT_EQ(ParseSpan("45m"), 2700);
+    EXPECT_EQ(ParseSpan("24h"), 86400);
+    EXPECT_EQ(ParseSpan("2d"), 172800);
+    for (const char* text : {"", "h", "24", "0h", "-1h", "1.5h", "1hh", "1 h", "9999999999999999999h", "400d", "1w"}) {
+        EXPECT_EQ(ParseSpan(text), 0) << text;
+    }
+}
+
+TEST(ReportMarksTest, EventsAreMarksOfTheirGroups) {
+    const auto mark = [](const char* type, const char* body) {
+        const auto marks = MarksOfEvents({{"1", kBegin, type, body}, {"0", kBegin - 1, type, body}}, kBegin);
+        return marks.size() == 1 ? marks[0] : Mark();
+    };
+    const Mark end = mark("T_MSG_COMPONENT_END", R"({"component":"QorNet","reason":"exit code 3"})");
+    EXPECT_EQ(end.kind, MarkKind::kEnd);
+    EXPECT_EQ(end.text, "QorNet: exit code 3");
+    EXPECT_TRUE(Concerns(end, "guard/QorNet"));
+    EXPECT_FALSE(Concerns(end, "guard/QorHips"));
+    EXPECT_FALSE(Concerns(end, ""));
+    EXPECT_EQ(mark("T_MSG_COMPONENT_END", R"({"component":"QorNet","oom":{"limit_kb":1}})").kind, MarkKind::kOom);
+    const Mark oom = mark("T_MSG_OS_ABNORMAL", R"({"type":"x","items":{"a":{"group":"guard","oom_kill_delta":2}}})");
+    EXPECT_EQ(oom.kind, MarkKind::kOom);
+    EXPECT_TRUE(Concerns(oom, "guard"));
+    EXPECT_EQ(mark("T_MSG_SELF_KILL", R"({"process":"QorNet","resource":"cpu","value":9})").kind, MarkKind::kKill);
+    const Mark drift = mark("T_MSG_LIMIT_DRIFT", R"({"component":"QorNet","kind":"memory","repaired":true})");
+    EXPECT_EQ(drift.kind, MarkKind::kDrift);
+    EXPECT_THAT(drift.text, HasSubstr("QorNet: memory was "));
+    EXPECT_THAT(drift.text, HasSubstr(", repaired"));
+    EXPECT_EQ(mark("T_MSG_OS_ABNORMAL", "no json").kind, MarkKind::kHost);
+    EXPECT_TRUE(Concerns(mark("T_MSG_UNCLEAN_STOP", "{}"), "guard")) << "the whole agent's is everybody's";
+}
+
+TEST(ReportMarksTest, AChangeOfLimitsIsOneMark) {
+    std::vector<HistoryRow> rows = Rows({{1}, {1}, {1}});
+    rows[2].groups[0].cpuLimit100Times = 2000;
+    rows[2].groups[0].memoryLimitKb = 0;
+    const auto marks = MarksOfLimits(MakeDayHistory(rows, kBegin));
+    ASSERT_EQ(marks.size(), 1u);
+    EXPECT_EQ(marks[0].time, kBegin + 120);
+    EXPECT_EQ(marks[0].text, "guard/QorHips CPU 10.00 % to 20.00 %; guard/QorHips memory 4.0 MB to none");
+    EXPECT_TRUE(Concerns(marks[0], "guard/QorHips"));
+    EXPECT_FALSE(Concerns(marks[0], "guard"));
+}
+
+TEST(AdviceTest, ProposesTheNeedWithHeadRoom) {
+    std::vector<Minute> minutes(200, Minute{2, 0, 2048, 0});
+    minutes[50] = {3, 0, 3000, 0};
+    const GroupAdvice advice = Advice(minutes);
+    EXPECT_EQ(advice.cpu.peak, 300);
+    EXPECT_EQ(advice.cpu.p99, 200);
+    EXPECT_EQ(advice.cpu.limit, 1000);
+    EXPECT_EQ(advice.cpu.hitMinutes, 0);
+    EXPECT_EQ(advice.cpu.knownMinutes, 199);
+    EXPECT_EQ(advice.cpu.proposal, 300) << "the peak is above p99 and a quarter";
+    EXPECT_FALSE(advice.cpu.raised);
+    EXPECT_EQ(advice.memory.proposal, 3 * 1024) << "in whole megabytes";
+}
+
+TEST(AdviceTest, ALimitThatIsHitIsRaisedRatherThanBelieved) {
+    std::vector<Minute> minutes(60, Minute{10, 300, 4000, 0});
+    minutes[30].hits = 2;
+    const GroupAdvice advice = Advice(minutes);
+    EXPECT_EQ(advice.cpu.hitMinutes, 59);
+    EXPECT_TRUE(advice.cpu.raised);
+    EXPECT_EQ(advice.cpu.proposal, 1500);
+    EXPECT_TRUE(advice.memory.raised);
+    EXPECT_EQ(advice.memory.hitMinutes, 1);
+    EXPECT_EQ(advice.memory.proposal, 6 * 1024);
+}
+
+TEST(AdviceTest, BurstsOfAnIdleGroupLeaveTheLimit) {
+    const GroupAdvice advice = Advice(std::vector<Minute>(60, Minute{1, 60}));
+    EXPECT_EQ(advice.cpu.hitMinutes, 59);
+    EXPECT_FALSE(advice.cpu.raised);
+    EXPECT_TRUE(advice.cpu.bursts);
+    EXPECT_EQ(advice.cpu.proposal, 1000);
+}
+
+TEST(AdviceTest, AFewMinutesAreNoGround) {
+    const GroupAdvice advice = Advice(std::vector<Minute>(5, Minute{2}));
+    EXPECT_EQ(advice.cpu.peak, 200);
+    EXPECT_EQ(advice.cpu.proposal, 0);
+    const DayHistory none;
+    EXPECT_THAT(AdviceText(none, MakeAdvice(none)), HasSubstr("nothing is known of any group yet"));
+}
+
+TEST(AdviceTest, TheTableSaysHowOftenTodaysLimitHeld) {
+    const DayHistory day = MakeDayHistory(Rows(std::vector<Minute>(21, Minute{10, 300})), kBegin);
+    const std::string text = AdviceText(day, MakeAdvice(day));
+    EXPECT_THAT(text, HasSubstr("from 21 recorded minutes of the last 0.3 hours"));
+    EXPECT_THAT(text, testing::ContainsRegex("guard/QorHips +10.00% +10.00% +10.00% +20/20 +15.00% raise, look again"));
+    for (size_t at = 0, end = 0; at < text.size(); at = end + 1) {
+        end = text.find('\n', at);
+        EXPECT_LE(end - at, 120u);
+        EXPECT_NE(text[end - 1], ' ') << text.substr(at, end - at);
+    }
+}
