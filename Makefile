@@ -5,6 +5,7 @@
 #   make sanitize            the same tests under the address, undefined and thread sanitizers (sanitize-module: a part)
 #   make lint [ALL=1]        cppcheck on everything, clang-tidy on what has changed or on everything
 #   make mutate [SUITE=module] [ARGS=]  small faults planted in the sources: which of them does no test notice?
+#   make matrix [ARGS=]      the agent on every kernel, layout and place of its own in guests; more than an hour
 #   make soak [FOR=600] [ARGS="--seed N"]  the agent through kills, drift, full disks and outages: nothing may grow
 #   make bench               build and measure every figure of docs/PERFORMANCE.md, beside a floor and peers
 #   make bench-peers         the same, after installing the peers from Debian without starting their services
@@ -21,7 +22,7 @@ ARGS ?=
 ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel AllFuzzers RuntimeBaseTests SweepModule
 TSAN_QUICK = UnitCore UnitLimits RuntimeBaseTests RuntimeUtilTests RuntimeIpcTests
 
-.PHONY: all run test test-all lint sanitize sanitize-module mutate mutate-sample soak bench bench-peers bench-scale fuzz package install uninstall clean deps deps-build
+.PHONY: all run test test-all lint sanitize sanitize-module mutate mutate-sample matrix soak bench bench-peers bench-scale fuzz package install uninstall clean deps deps-build
 
 all: deps
 	cmake --preset dev
@@ -83,6 +84,11 @@ fuzz: deps
 	cmake --preset fuzz
 	cmake --build --preset fuzz -j $(JOBS)
 	scripts/run-tests fuzz
+
+matrix: deps
+	cmake --preset dev
+	cmake --build --preset dev -j $(JOBS) --target tervane tervanectl vmMatrixTests
+	tests/system/matrix/matrix.py --build build/dev --write docs/TESTING.md $(ARGS)
 
 soak: deps
 	cmake --preset dev

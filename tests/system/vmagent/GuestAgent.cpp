@@ -3,7 +3,9 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -41,7 +43,22 @@ void Collect(const std::string& path, std::vector<std::string>& all) {
     all.push_back(path);
 }
 
-pid_t Spawn(const std::vector<std::string>& words, const std::string& output, const std::vector<std::string>& groups) {
+std::string& Place() {
+    static std::string place;
+    return place;
+}
+
+/// From here on this process is root of a user namespace that knows no other user.
+bool EnterUserNamespace(uid_t user) {
+    const std::string mapping = "0 " + std::to_string(user) + " 1";
+    // Who has changed its user may not write its own mapping before it can be traced again.
+    return setgid(user) == 0 && setuid(user) == 0 && prctl(PR_SET_DUMPABLE, 1) == 0 && unshare(CLONE_NEWUSER) == 0 &&
+           WriteText("/proc/self/uid_map", mapping) && WriteText("/proc/self/setgroups", "deny") &&
+           WriteText("/proc/self/gid_map", mapping);
+}
+
+pid_t Spawn(const std::vector<std::string>& words, const std::string& output, const std::vector<std::string>& groups,
+            uid_t user = 0) {
     std::vector<char*> argv;
     for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
     argv.push_back(nullptr);
@@ -54,6 +71,7 @@ pid_t Spawn(const std::vector<std::string>& words, const std::string& output, co
     dup2(out, STDOUT_FILENO);
     dup2(out, STDERR_FILENO);
     close(out);
+    if (user != 0 && !EnterUserNamespace(user)) _exit(124);
     execvp(argv[0], argv.data());
     perror(argv[0]);
     _exit(127);
@@ -84,14 +102,18 @@ bool IsV2(const std::string& controller) {
     return layout == "v2" || (layout == "mixed" && controller == "memory");
 }
 
+void SetPlace(const std::string& group) {
+    Place() = group;
+}
+
+std::string MountOf(const std::string& controller) {
+    const std::string root = "/sys/fs/cgroup";
+    if (Layout() == "v2") return root;
+    return root + (IsV2(controller) ? "/unified" : "/" + controller);
+}
+
 std::string GroupDir(const std::string& controller, const std::string& below) {
-    std::string root = "/sys/fs/cgroup";
-    if (Layout() == "mixed" && controller == "memory") {
-        root += "/unified";
-    } else if (Layout() != "v2") {
-        root += "/" + controller;
-    }
-    root += std::string("/") + kTree;
+    const std::string root = MountOf(controller) + Place() + "/" + kTree;
     return below.empty() ? root : root + "/" + below;
 }
 
@@ -166,8 +188,10 @@ void AgentInGuest::SetUp() {
     ASSERT_NE(Layout(), "") << "these tests run in virtual machines only: they take the whole guest for themselves";
     ASSERT_EQ(Command(std::string("rm -rf ") + kAppDir + " 2>&1"), "");
     ASSERT_EQ(AllGroups(), std::vector<std::string>()) << "left by the test before this one";
-    mkdir(kAppDir, 0750);
-    mkdir((std::string(kAppDir) + "/conf").c_str(), 0750);
+    for (const std::string& directory : {std::string(kAppDir), std::string(kAppDir) + "/conf"}) {
+        ASSERT_TRUE(mkdir(directory.c_str(), 0750) == 0 && chown(directory.c_str(), m_owner, m_owner) == 0)
+            << directory;
+    }
     unlink("/tmp/kill");
 }
 
@@ -200,7 +224,7 @@ void AgentInGuest::WriteResource(const std::map<std::string, std::string>& keys)
     for (const auto& key : keys) all[key.first] = key.second;
     std::string text;
     for (const auto& key : all) text += key.first + " = " + key.second + "\n";
-    ASSERT_TRUE(WriteText(std::string(kAppDir) + "/conf/resource_config", text));
+    WriteOwned("resource_config", text);
 }
 
 void AgentInGuest::WriteRoomyResource(const std::map<std::string, std::string>& more) {
@@ -214,14 +238,17 @@ void AgentInGuest::WriteRoomyResource(const std::map<std::string, std::string>& 
 }
 
 void AgentInGuest::WriteOnline(const std::string& text) {
-    const std::string path = std::string(kAppDir) + "/conf/online_config.json";
-    ASSERT_TRUE(WriteText(path + ".new", text));
-    ASSERT_EQ(rename((path + ".new").c_str(), path.c_str()), 0);
+    WriteOwned("online_config.json", text);
 }
 
 void AgentInGuest::WriteComponents(const std::string& list) {
-    ASSERT_TRUE(WriteText(std::string(kAppDir) + "/conf/components.json",
-                          "{\"version\": 1, \"components\": [" + list + "]}\n"));
+    WriteOwned("components.json", "{\"version\": 1, \"components\": [" + list + "]}\n");
+}
+
+void AgentInGuest::WriteOwned(const std::string& name, const std::string& text) {
+    const std::string path = std::string(kAppDir) + "/conf/" + name;
+    ASSERT_TRUE(WriteText(path + ".new", text) && chown((path + ".new").c_str(), m_owner, m_owner) == 0);
+    ASSERT_EQ(rename((path + ".new").c_str(), path.c_str()), 0);
 }
 
 void AgentInGuest::StartAgent(const std::vector<std::string>& more) {
@@ -229,7 +256,7 @@ void AgentInGuest::StartAgent(const std::vector<std::string>& more) {
     std::vector<std::string> words{TERVANE_PROGRAM, "--app-dir", kAppDir};
     words.insert(words.end(), more.begin(), more.end());
     m_lastOutput = "/tmp/agent." + std::to_string(++m_starts) + ".out";
-    m_pid = Spawn(words, m_lastOutput, {m_startGroups.begin(), m_startGroups.end()});
+    m_pid = Spawn(words, m_lastOutput, {m_startGroups.begin(), m_startGroups.end()}, m_owner);
     bool ended = false;
     const bool up = Poll(kStartSeconds, [&] {
         ended = waitpid(m_pid, nullptr, WNOHANG) == m_pid;
@@ -262,7 +289,7 @@ void AgentInGuest::KillMain() {
 
 Json::Value AgentInGuest::Status() {
     Json::Value status(Json::objectValue);
-    Parse(Command(std::string(TERVANECTL_PROGRAM) + " --app-dir " + kAppDir + " status --json 2>&1"), status);
+    Parse(Command(m_console + " --app-dir " + kAppDir + " status --json 2>&1"), status);
     return status;
 }
 

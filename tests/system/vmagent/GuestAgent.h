@@ -35,7 +35,11 @@ using support::WriteText;
 int64_t Field(const std::string& path, const std::string& key);
 std::string Command(const std::string& words);  ///< output of a shell command, for what a failed test prints
 
-/// The directory of one group in the hierarchy that serves a controller ("cpu" or "memory") in this guest.
+/// The group, "" or "/..." in every hierarchy, below which the agent's are expected from now on; at first the root.
+void SetPlace(const std::string& group);
+/// The mount of the hierarchy that serves a controller ("cpu" or "memory") in this guest.
+std::string MountOf(const std::string& controller);
+/// The directory of one group of the agent's in that hierarchy.
 std::string GroupDir(const std::string& controller, const std::string& below = "");
 /// Whether this guest's controller is version 2.
 bool IsV2(const std::string& controller);
@@ -65,6 +69,8 @@ protected:
     void WriteRoomyResource(const std::map<std::string, std::string>& more = {});
     void WriteOnline(const std::string& text);
     void WriteComponents(const std::string& list);
+    /// A file of conf/ that is the agent's own, replaced as an editor does.
+    void WriteOwned(const std::string& name, const std::string& text);
 
     void StartAgent(const std::vector<std::string>& more = {});
     /// SIGTERM and the wait. Returns: its exit code; -1 when it did not end.
@@ -90,6 +96,9 @@ protected:
     void KillComponentOnce(const std::string& name, const std::string& group);
 
     std::set<std::string> m_startGroups;  ///< where the agent is started; none: where the test is
+    uid_t m_owner =
+        0;  ///< not 0: the agent runs in a user namespace whose root this user is, and the files are its own
+    std::string m_console = TERVANECTL_PROGRAM;  ///< words that run the console as whom the agent listens to
     pid_t m_pid = -1;
     int m_starts = 0;
     std::string m_lastOutput;
