@@ -19,6 +19,7 @@ import re
 import subprocess
 import sys
 import tempfile
+import textwrap
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -225,12 +226,11 @@ def drawn(table, verdicts):
             if any(row):
                 lines.append(f"| {kernel} {layout} | " + " | ".join(row) + " |")
     reasons = dict(table.reasons, **{"kernel-not-there": ("", "this machine's archive does not have the kernel")})
-    lines.append("")
-    lines.append("In each cell: " + ", ".join(table.who) + "; + passed, a number: not run.")
-    lines += [f"{number}: {reasons[reason][1]}." for reason, number in notes.items()]
+    text = ["In each cell: " + ", ".join(table.who) + "; + passed, a number: not run."]
+    text += [f"{number}: {reasons[reason][1]}." for reason, number in notes.items()]
     if left_out:
-        lines.append(f"{left_out} rows of the table were not part of this run.")
-    return lines
+        text.append(f"{left_out} rows of the table were not part of this run.")
+    return lines, text
 
 
 def write(document, lines):
@@ -276,13 +276,12 @@ def main():
         if not table.kernels[kernel]:
             run.problems.append(f"kernel {kernel} cannot be had, and is not declared optional")
     run.judge(chosen, missing)
-    lines = drawn(table, run.verdicts)
-    print("\n" + "\n".join(lines))
-    lines.append("")
+    lines, text = drawn(table, run.verdicts)
     counts = collections.Counter(run.verdicts[c].split(":")[0] for c in chosen)
     sums = f"{len(chosen)} cells: " + ", ".join(f"{n} {what}" for what, n in sorted(counts.items()))
+    lines += ["", *textwrap.wrap(" ".join([*text, sums + "."]), 120)]
+    print("\n" + "\n".join(lines))
     print(f"matrix: {sums}; {run.seconds:.0f} s in guests")
-    lines.append(sums + ".")
     for problem in run.problems:
         print("FAILED " + problem)
     if run.problems:
