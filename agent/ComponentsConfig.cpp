@@ -27,6 +27,8 @@ base::Status ReadCommand(const Json::Value& value, const std::string& at, std::v
     for (const Json::Value& argument : value) {
         if (!argument.isString()) return Bad(at + ": every argument is a text");
         command.push_back(argument.asString());
+        // A program's argument ends there, and what runs would not be what the file says.
+        if (command.back().find('\0') != std::string::npos) return Bad(at + ": an argument holds no character 0");
     }
     if (command[0].empty() || command[0][0] != '/') return Bad(at + ": the program is named by its absolute path");
     return {};

@@ -15,7 +15,7 @@ constexpr size_t kMaxEntries = 256;
 constexpr size_t kMostTimes = 1000;
 
 bool InWindow(int64_t time, int64_t now) {
-    return time <= now && now - time < kBudgetWindowSeconds;
+    return time <= now && time > now - kBudgetWindowSeconds;
 }
 }  // namespace
 

@@ -204,8 +204,8 @@ void AddKept(Lines& lines, const StatusReport& report) {
     Add(lines, "");
     std::string text = Text("kept    %llu changes by others (%s)", Number(all), kinds.c_str());
     if (keeper.lastRepairedAt > 0) {
-        text +=
-            Text(", last repaired %lld s ago: ", AtLeastZero(report.now - keeper.lastRepairedAt)) + keeper.lastRepair;
+        const int64_t ago = report.now > keeper.lastRepairedAt ? report.now - keeper.lastRepairedAt : 0;
+        text += Text(", last repaired %lld s ago: ", static_cast<long long>(ago)) + keeper.lastRepair;
     }
     Add(lines, text);
     for (const std::string& thing : keeper.contested) {

@@ -14,7 +14,10 @@ void TopHistory::Take(const StatusReport& report, int64_t nowUs) {
         const auto before = m_used.find(node.cpu.path);
         // A group that was made anew begins at nothing.
         if (before == m_used.end() || nowUs <= m_takenUs || node.cpu.used < before->second) continue;
-        m_shares[node.cpu.path] = (node.cpu.used - before->second) * 10000 / (nowUs - m_takenUs);
+        int64_t hundredths = 0;
+        // More than a clock can count: another process's word, which nothing need be made of.
+        if (__builtin_mul_overflow(node.cpu.used - before->second, int64_t{10000}, &hundredths)) continue;
+        m_shares[node.cpu.path] = hundredths / (nowUs - m_takenUs);
     }
     m_used = std::move(used);
     m_takenUs = nowUs;

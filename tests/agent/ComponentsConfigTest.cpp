@@ -58,6 +58,7 @@ TEST(ComponentsConfigTest, RefusesWithKeyAndReason) {
         {"{\"components\":[{\"name\":\"A\",\"command\":[]}]}", "components[0].command"},
         {"{\"components\":[{\"name\":\"A\",\"command\":[\"sleep\"]}]}", "components[0].command"},
         {"{\"components\":[{\"name\":\"A\",\"command\":[\"/bin/sleep\",5]}]}", "components[0].command"},
+        {R"({"components":[{"name":"A","command":["/bin/sleep\u0000x"]}]})", "components[0].command"},
         {"{\"version\":2,\"components\":[]}", "version"},
         {"{\"components\":[],\"extra\":1}", "extra"},
         {"{\"components\":[]", ""},

@@ -74,3 +74,10 @@ TEST(RestartBudgetTest, TimesOfAnotherBootAreForgottenReasonsStay) {
     EXPECT_EQ("x", after.LastReason("A"));
     EXPECT_EQ(31, after.NoteDeath("A", 20, 30, "y"));
 }
+
+TEST(RestartBudgetTest, TimesThatCannotBeAreNotCounted) {
+    RestartBudget budget("boot");
+    ASSERT_TRUE(budget.Parse(R"({"boot_id":"boot","components":{"A":{"restarts":
+        [-9223372036854775808, 9223372036854775807, 999]}}})"));
+    EXPECT_EQ(1u, budget.RecentRestarts("A", 1000));
+}

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "Printable.h"
+
 using namespace agent;
 
 namespace {
@@ -235,4 +237,13 @@ TEST(StatusTextTest, LongLinesGoOnBelowAtABlank) {
     EXPECT_EQ("ääääääääääääääääääääääää\n          ä\n", fold("äääääääääääääääääääääääää", 24));
     EXPECT_EQ(words + "\n", fold(words, 5)) << "a page this narrow cuts";
     EXPECT_EQ("\n", fold("", 40));
+}
+
+TEST(StatusTextTest, ALineThatIsCutEndsWithAWholeCharacter) {
+    for (size_t before = 0; before < 3; ++before) {
+        StatusReport report = Report();
+        report.modeReason = std::string(before, 'x');
+        for (int i = 0; i < 600; ++i) report.modeReason += "\xE2\x82\xAC";
+        for (const TextLine& line : MakePicture(report, {}, {})) EXPECT_EQ(line.text, Printable(line.text));
+    }
 }

@@ -44,6 +44,9 @@ TEST(TopHistoryTest, WhatCannotBeComparedHasNoShare) {
     EXPECT_EQ(CpuShares{}, history.Shares());
     history.Take(WithUse(-1), 7000000);  // the kernel does not say
     EXPECT_EQ(CpuShares{}, history.Shares());
+    history.Take(WithUse(0), 8000000);
+    history.Take(WithUse(INT64_MAX / 2), 9000000);  // more than can have been used
+    EXPECT_EQ(CpuShares{}, history.Shares());
 }
 
 TEST(TopHistoryTest, EachLineOfTheLogIsNewOnce) {
