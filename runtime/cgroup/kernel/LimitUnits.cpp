@@ -82,6 +82,8 @@ Limit LimitFromAmount(Controller controller, int64_t amount) {
         out.cpu = QuotaFrom100Times(amount);
     } else {
         out.bytes = PageRoundDown(BytesFromKb(amount));
+        // A part of a page would become a limit of nothing, which reads as none.
+        if (out.bytes == 0) out.bytes = PageBytes();
     }
     return out;
 }

@@ -64,7 +64,7 @@ struct Limit {
     int64_t bytes = kUnlimited;  ///< whole pages
 };
 
-/// Units: hundredths of a percent of one CPU, or KB; zero and negative: no limit.
+/// Units: hundredths of a percent of one CPU, or KB; zero and negative: no limit. Less than a page is one page.
 Limit LimitFromAmount(Controller controller, int64_t amount);
 /// The reverse, 0 for no limit.
 int AmountOf(Controller controller, const Limit& limit);

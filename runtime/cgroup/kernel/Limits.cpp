@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <initializer_list>
 #include <map>
 #include <optional>
 #include <string>
@@ -107,6 +108,15 @@ Result<MemLimit> ReadSwapLimit(const Result<int64_t>& swap, MemLimit limit) {
     if (swap) limit.swapBytes = *swap;
     if (!swap && swap.GetError().kind != ErrorKind::kNotFound) return swap.GetError();
     return limit;
+}
+
+/// Of figures that the kernel has counted apart, so that nothing need be true of their sum.
+int64_t Sum(std::initializer_list<int64_t> figures) {
+    int64_t sum = 0;
+    for (const int64_t figure : figures) {
+        if (__builtin_add_overflow(sum, std::max<int64_t>(0, figure), &sum)) return INT64_MAX;
+    }
+    return sum;
 }
 
 bool HostHasSwap() {
@@ -253,16 +263,17 @@ int64_t SumFixedBytes(const std::string& memStat, Version version, bool canSwap,
     int64_t fixed = std::max(anonymous, locked);
     if (!canSwap) {
         // Two counts of the same pages: by kind, and by the kernel's lists, where locked ones of all kinds are apart.
-        fixed = std::max(anonymous + value("shmem"), value("active_anon") + value("inactive_anon") + locked);
+        fixed = std::max(Sum({anonymous, value("shmem")}), Sum({value("active_anon"), value("inactive_anon"), locked}));
         // What is in memory again and keeps its place in swap is counted already.
-        fixed += std::max<int64_t>(0, swappedBytes - value("swapcached"));
+        const int64_t here = value("swapcached");
+        fixed = Sum({fixed, here < 0 || swappedBytes < here ? 0 : swappedBytes - here});
     }
     if (!isV2) return fixed;
     const int64_t sum = value("kernel");
     const int64_t kernel =
-        sum > 0 ? sum - value("slab_reclaimable")
-                : value("kernel_stack") + value("pagetables") + value("percpu") + value("slab_unreclaimable");
-    return fixed + std::max<int64_t>(kernel, 0) + value("sock");
+        sum > 0 ? sum - std::clamp<int64_t>(value("slab_reclaimable"), 0, sum)
+                : Sum({value("kernel_stack"), value("pagetables"), value("percpu"), value("slab_unreclaimable")});
+    return Sum({fixed, kernel, value("sock")});
 }
 
 Status ApplyMemHardLimit(const GroupDir& group, int64_t bytes) {

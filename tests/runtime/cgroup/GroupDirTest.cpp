@@ -284,6 +284,12 @@ TEST(FixedBytesTest, WhatIsInSwapComesBackWhereNothingMayGoThere) {
     EXPECT_EQ(100, SumFixedBytes("anon 100\nswapcached 40\n", Version::kV2, false, 30));
 }
 
+TEST(FixedBytesTest, FiguresThatCannotBeDoNotWrapAround) {
+    const char* const huge = "anon 9223372036854775807\nshmem 9223372036854775807\nsock 9223372036854775807\n";
+    EXPECT_EQ(INT64_MAX, SumFixedBytes(huge, Version::kV2, false, INT64_MAX));
+    EXPECT_EQ(10, SumFixedBytes("anon 10\nsock -9223372036854775807\nswapcached -5\n", Version::kV2, false, 7));
+}
+
 // Shared memory and kernel memory are not "anon", and go nowhere all the same.
 TEST_F(GroupDirTest, LimitBelowWhatCannotBeReclaimedIsRefused) {
     GroupDir group = Make(m_memRoot);

@@ -74,6 +74,14 @@ TEST(LimitUnitsTest, NothingAskedForIsNoLimit) {
     EXPECT_EQ(0, QuotaTo100Times(CpuQuota{1000, 0}));
 }
 
+TEST(LimitUnitsTest, LessThanAPageIsOnePageAndNoLimitOfNothing) {
+    for (int64_t kb = 1; kb < 4; ++kb) {
+        const Limit limit = LimitFromAmount(Controller::kMemory, kb);
+        EXPECT_GE(limit.bytes, 4096) << kb;
+        EXPECT_EQ(limit.bytes / 1024, AmountOf(Controller::kMemory, limit)) << kb;
+    }
+}
+
 TEST(LimitUnitsTest, HugeAmountsSaturate) {
     EXPECT_EQ(kMaxQuotaUs, QuotaFrom100Times(INT64_MAX).quotaUs);
     EXPECT_EQ(2147483647, QuotaTo100Times(CpuQuota{INT64_MAX, 1}));
