@@ -149,6 +149,9 @@ base::Status CEventSpool::OpenOnce() {
         "CREATE TABLE IF NOT EXISTS cursors(sink TEXT PRIMARY KEY, seq INTEGER NOT NULL);"
         "CREATE TABLE IF NOT EXISTS facts(name TEXT PRIMARY KEY, value);"
         "INSERT OR IGNORE INTO facts VALUES('dropped', 0);"
+        // Behind every number that was given, where only damage leaves a cursor, it would swallow what comes.
+        "UPDATE cursors SET seq = coalesce((SELECT seq FROM sqlite_sequence WHERE name = 'messages'), 0)"
+        " WHERE seq > coalesce((SELECT seq FROM sqlite_sequence WHERE name = 'messages'), 0);"
         "COMMIT;";
     m_counted = false;
     m_nextLogBound = 0;

@@ -458,6 +458,23 @@ TEST_F(EventSpoolTest, AfterDamageTheNumbersGoOn) {
     }
 }
 
+TEST_F(EventSpoolTest, ACursorBehindTheLastNumberSwallowsNothing) {
+    CEventSpool spool;
+    Open(spool);
+    ASSERT_TRUE(spool.Append(Message("old")));
+    spool.Close();
+    {
+        base::Database file;
+        ASSERT_TRUE(support::IsOk(file.Open(m_dir / "spool/e.db", {})));
+        ASSERT_TRUE(support::IsOk(file.Execute("UPDATE cursors SET seq = 9223372036854775807;")));
+    }
+    Open(spool);
+    ASSERT_TRUE(spool.Append(Message("new")));
+    const std::vector<std::string> bodies = Bodies(spool, "one");
+    ASSERT_FALSE(bodies.empty());
+    EXPECT_EQ(bodies.back(), "new");
+}
+
 TEST_F(EventSpoolTest, WhatPassesIsNoDamage) {
     {
         CEventSpool spool;
