@@ -7,6 +7,7 @@
 #   make mutate [SUITE=module] [ARGS=]  small faults planted in the sources: which of them does no test notice?
 #   make matrix [ARGS=]      the agent on every kernel, layout and place of its own in guests; more than an hour
 #   make soak [FOR=600] [ARGS="--seed N"]  the agent through kills, drift, full disks and outages: nothing may grow
+#   make fuzz [FOR=600] [ARGS=FuzzX]  the fuzz targets with libFuzzer, the time divided among them
 #   make bench               build and measure every figure of docs/PERFORMANCE.md, beside a floor and peers
 #   make bench-peers         the same, after installing the peers from Debian without starting their services
 #   make bench-scale         what one more group, component, thread, descriptor and event costs, as a plot in docs/
@@ -82,8 +83,8 @@ mutate-sample: deps
 
 fuzz: deps
 	cmake --preset fuzz
-	cmake --build --preset fuzz -j $(JOBS)
-	scripts/run-tests fuzz
+	cmake --build --preset fuzz -j $(JOBS) --target AllFuzzers
+	scripts/fuzz --build build/fuzz $(if $(FOR),--for $(FOR)) --jobs $(JOBS) $(ARGS)
 
 matrix: deps
 	cmake --preset dev

@@ -1,0 +1,76 @@
+// A kernel's control groups as far as limits, members and controllers go, in a directory of ordinary files: what is
+// written to them is taken, refused or changed as a kernel does. Stands in front of fstatfs, write, mkdirat and
+// unlinkat.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "kernel/GroupTypes.h"
+#include "support/Files.h"
+
+namespace fuzzing {
+
+/// One hierarchy with the controllers cpu and memory. Several at a time, each in its own directory.
+class FakeKernel {
+public:
+    /// `swap`: swap is accounted for.
+    FakeKernel(zel::cgroup::Version version, bool swap, const std::set<int>& processes);
+    ~FakeKernel();
+    FakeKernel(const FakeKernel&) = delete;
+    FakeKernel& operator=(const FakeKernel&) = delete;
+
+    const std::string& Root() const { return m_root; }
+
+    /// What others do. Paths are below the root: "" or "/a/b".
+    int WriteAs(const std::string& group, const std::string& file, const std::string& value);
+    void Use(const std::string& group, int64_t bytes);
+    /// The n-th write from now on fails once.
+    void FailWrite(int n, int error) {
+        m_failIn = n;
+        m_failWith = error;
+    }
+
+    // For the calls that stand in front of the C library's. Returns: an errno, 0 when it was taken.
+    static FakeKernel* Of(int fd, std::string& group, std::string& file);
+    static FakeKernel* OfDirectory(int fd, std::string& group);
+    int TakeWrite(const std::string& group, const std::string& file, std::string_view value);
+    int MakeGroup(const std::string& group);
+    int RemoveGroup(const std::string& group);
+    zel::cgroup::Version GetVersion() const { return m_version; }
+
+private:
+    struct Group {
+        std::map<std::string, std::string> files;
+        std::set<int> processes;
+        std::set<std::string> offered, given;  // version 2: controllers
+        int64_t used = 0;
+    };
+    int TakeValue(const std::string& path, Group& group, const std::string& file, const std::string& value);
+    int MoveProcess(const std::string& path, Group& group, const std::string& value);
+    int GiveController(const std::string& path, Group& group, const std::string& value);
+    int TakeCpuMax(Group& group, const std::string& value);
+    int TakeV1Cpu(const std::string& path, Group& group, const std::string& file, const std::string& value);
+    int TakeMemory(Group& group, const std::string& file, const std::string& value);
+    void AddControllerFiles(const std::string& path, Group& group, const std::string& controller);
+    void DropControllerFiles(const std::string& path, Group& group, const std::string& controller);
+    void Put(const std::string& path, Group& group, const std::string& file, const std::string& text);
+    void ShowProcesses(const std::string& path, Group& group);
+    void ShowControllers(const std::string& path, Group& group);
+    bool FitsV1(const std::string& path, int64_t quota, int64_t period) const;
+
+    const support::TempDir m_directory;
+    const zel::cgroup::Version m_version;
+    const bool m_swap;
+    const std::string m_root;
+    std::map<std::string, Group> m_groups;  // by path below the root
+    int m_failIn = 0;
+    int m_failWith = 0;
+};
+
+}  // namespace fuzzing
