@@ -2,9 +2,9 @@
 // the monitor says itself what it made of them.
 #include "ResourceFileCheck.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <set>
-#include <sstream>
 
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/FileUtil.h"
@@ -23,6 +23,20 @@ constexpr size_t kShownBytes = 40;
 size_t BeginOf(const std::string& text) {
     static const std::string kByteOrderMark = "\xEF\xBB\xBF";
     return text.compare(0, kByteOrderMark.size(), kByteOrderMark) == 0 ? kByteOrderMark.size() : 0;
+}
+
+/// What the monitor reads of a text: its parser ends at a character 0.
+std::string TextThatCounts(const std::string& text) {
+    const std::string behind = text.substr(BeginOf(text));
+    return behind.substr(0, behind.find('\0'));
+}
+
+/// Takes the next line off the front, as the monitor's parser ends one: with a line feed, a carriage return or both.
+std::string TakeLine(const std::string& text, size_t& at) {
+    const size_t end = std::min(text.find_first_of("\r\n", at), text.size());
+    const std::string line = text.substr(at, end - at);
+    at = end + (text.compare(end, 2, "\r\n") == 0 ? 2 : 1);
+    return line;
 }
 
 std::string Trim(const std::string& text) {
@@ -111,17 +125,14 @@ std::string CheckLegacyMemory(const std::string& text) {
 
 }  // namespace
 
-std::vector<std::string> CheckResourceText(const std::string& text) {
+std::vector<std::string> CheckResourceText(const std::string& whole) {
+    const std::string text = TextThatCounts(whole);
     std::vector<std::string> findings;
     std::set<std::string> seen;
     bool inSection = false;
     size_t line = 0;
-    size_t at = BeginOf(text);
-    while (at < text.size() && findings.size() < kMaxResourceFindings) {
-        size_t end = text.find('\n', at);
-        if (end == std::string::npos) end = text.size();
-        std::string content = Trim(text.substr(at, end - at));
-        at = end + 1;
+    for (size_t at = 0; at < text.size() && findings.size() < kMaxResourceFindings;) {
+        const std::string content = Trim(TakeLine(text, at));
         ++line;
         if (content.empty() || content[0] == ';' || content[0] == '#') continue;
         std::string where = "line " + std::to_string(line) + ": ";
@@ -141,6 +152,9 @@ std::vector<std::string> CheckResourceText(const std::string& text) {
         if (problem.empty() && !seen.insert(key).second) problem = key + " stands there twice, the last one counts";
         if (!problem.empty()) findings.push_back(where + problem);
     }
+    if (whole.find('\0') != std::string::npos && findings.size() < kMaxResourceFindings) {
+        findings.push_back("line " + std::to_string(line) + ": what is behind the character 0 is not read");
+    }
     const std::string wraps = CheckLegacyMemory(text);
     if (!wraps.empty() && findings.size() < kMaxResourceFindings) findings.push_back(wraps);
     if (seen.empty()) {
@@ -151,9 +165,9 @@ std::vector<std::string> CheckResourceText(const std::string& text) {
 
 std::string FindResourceValue(const std::string& text, const std::string& key) {
     std::string found;
-    std::istringstream lines(text.substr(BeginOf(text)));
-    for (std::string line; std::getline(lines, line);) {
-        const std::string content = Trim(line);
+    const std::string read = TextThatCounts(text);
+    for (size_t at = 0; at < read.size();) {
+        const std::string content = Trim(TakeLine(read, at));
         if (content.empty() || content[0] == ';' || content[0] == '#') continue;
         if (content[0] == '[') break;  // keys below are not read
         const size_t equals = content.find('=');

@@ -97,6 +97,19 @@ TEST(ResourceFileCheckTest, AValueIsFoundBehindAByteOrderMark) {
     EXPECT_EQ(FindResourceValue("\xEF\xBB\xBF", "max_memory"), "");
 }
 
+TEST(ResourceFileCheckTest, LinesEndAsTheMonitorReadsThem) {
+    EXPECT_EQ("10", FindResourceValue("max_cpu = 10\rmax_memory = 20\r", "max_cpu"));
+    EXPECT_EQ("20", FindResourceValue("max_cpu = 10\rmax_memory = 20\r", "max_memory"));
+    EXPECT_THAT(CheckResourceText("max_cpu = 1\r\rmax_memory = x\r\nmax_fd = y"),
+                ElementsAre(HasSubstr("line 3: max_memory"), HasSubstr("line 4: max_fd")));
+}
+
+TEST(ResourceFileCheckTest, NothingIsReadBehindACharacterZero) {
+    const std::string text("max_cpu = 10\nmax_mem\0ory = 20\n", 30);
+    EXPECT_EQ("", FindResourceValue(text, "max_memory"));
+    EXPECT_THAT(CheckResourceText(text), Contains(HasSubstr("behind the character 0")));
+}
+
 TEST(ResourceFileCheckTest, MissingFileIsAFindingToo) {
     EXPECT_THAT(CheckResourceFile("/nonexistent/resource_config"), ElementsAre(HasSubstr("it cannot be read")));
 }
