@@ -118,7 +118,7 @@ void CheckEvent(const std::string& text) {
     agent::TailEvent event;
     event.body = text;
     event.type = text.substr(0, 8);
-    event.time = static_cast<long long>(text.size()) << (text.size() % 60);
+    event.time = static_cast<long long>(uint64_t{text.size()} << (text.size() % 63));
     Require(fuzzing::IsOnOneLine(agent::Printable(agent::DescribeEvent(event))), "an event is told on one line");
 }
 
