@@ -9,6 +9,7 @@
 #include "CtlExit.h"
 #include "Doctor.h"
 #include "EventWords.h"
+#include "Explain.h"
 #include "Health.h"
 #include "HistoryCommands.h"
 #include "ShowEvents.h"
@@ -34,6 +35,7 @@ struct CommandLine {
     bool named = false;  ///< whether the name was given
     bool json = false;
     agent::EventsOptions events;
+    agent::ExplainOptions explain;
     agent::ConfigOptions config;
     agent::TopOptions top;
     agent::HistoryOptions history;
@@ -58,6 +60,11 @@ void DeclareEvents(CLI::App& app, agent::EventsOptions& events) {
     view->add_option("--type", events.types, "only these")->delimiter(',')->take_all()->check(known);
     view->add_option("--component", events.component, "only those about or of this component or group");
     view->add_flag("--follow", events.follow, "go on with what comes");
+}
+
+void DeclareExplain(CLI::App& app, agent::ExplainOptions& explain) {
+    CLI::App* view = app.add_subcommand("explain", "the whole story of an event, or of limits that are not in force");
+    view->add_option("ID", explain.which, "an id as events shows it; or: last, limits")->type_name("{last,limits}");
 }
 
 void DeclareConfig(CLI::App& app, agent::ConfigOptions& config) {
@@ -93,6 +100,7 @@ void Declare(CLI::App& app, CommandLine& line) {
     top->add_flag("--summary", line.top.summary, "at the end, what came of it");
     app.add_subcommand("doctor", "what this host allows, what is in force, and what to do about the rest");
     DeclareEvents(app, line.events);
+    DeclareExplain(app, line.explain);
     DeclareConfig(app, line.config);
     agent::DeclareHistoryCommands(app, line.history);
     app.add_subcommand("metrics", "the process's metrics in Prometheus text form");
@@ -155,6 +163,15 @@ int ShowEvents(const CommandLine& line) {
     return agent::RunEvents(options);
 }
 
+int Explain(const CommandLine& line) {
+    agent::ExplainOptions options = line.explain;
+    options.appDir = line.appDir;
+    options.process = line.name;
+    options.named = line.named;
+    options.json = line.json;
+    return agent::RunExplain(options);
+}
+
 int Configure(const CommandLine& line) {
     agent::ConfigOptions options = line.config;
     options.appDir = line.appDir;
@@ -170,6 +187,7 @@ int Run(const CommandLine& line) {
         return static_cast<int>(diagnosis.Worst());
     }
     if (line.command == "events") return ShowEvents(line);
+    if (line.command == "explain") return Explain(line);
     if (line.command == "config") return Configure(line);
     if (line.command == "top") return Watch(line);
     if (agent::IsHistoryCommand(line.command)) {

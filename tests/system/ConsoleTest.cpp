@@ -77,6 +77,10 @@ TEST_F(ConsoleTest, EventsAreShownFilteredAndFollowed) {
     EXPECT_EQ(agent.Stop(), 0);
     EXPECT_EQ(RunConsole({"events"}, text), 0);
     EXPECT_THAT(text, HasSubstr("process " + std::to_string(second))) << "needs no running agent";
+    EXPECT_EQ(RunConsole({"explain"}, text), 0);
+    EXPECT_THAT(text, AllOf(HasSubstr("component-end of QorHips"),
+                            HasSubstr("process " + std::to_string(second) + ": killed by signal 9"),
+                            HasSubstr("done      starts it again at ")));
 }
 
 TEST_F(ConsoleTest, AChangeIsInForceWhenTheCommandEnds) {
@@ -94,6 +98,9 @@ TEST_F(ConsoleTest, AChangeIsInForceWhenTheCommandEnds) {
     EXPECT_EQ(RunConsole({"config", "show"}, text), 1);
     EXPECT_THAT(text, HasSubstr("refused  " + Conf("online_config.json") + ": maxCpu = \"much\""));
     EXPECT_EQ(InForce("maxCpu"), "20") << "the old value stays, and is shown";
+    EXPECT_EQ(RunConsole({"explain", "limits"}, text), 0) << text;
+    EXPECT_THAT(text, AllOf(HasSubstr("mode 0: no limit is asked for"),
+                            HasSubstr("refused: " + Conf("online_config.json") + ": maxCpu = \"much\"")));
     WriteOnline("{\"maxCpu\": 20}");
     EXPECT_EQ(RunConsole({"config", "undo"}, text), 0) << text;
     EXPECT_EQ(InForce("maxCpu"), "10");
