@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "AskAgent.h"
+#include "Completion.h"
 #include "ConfigCommands.h"
 #include "ConfigFiles.h"
 #include "CtlExit.h"
@@ -39,6 +40,7 @@ struct CommandLine {
     agent::ConfigOptions config;
     agent::TopOptions top;
     agent::HistoryOptions history;
+    std::string shell;  ///< of completion
 };
 
 void DeclareEvents(CLI::App& app, agent::EventsOptions& events) {
@@ -58,7 +60,8 @@ void DeclareEvents(CLI::App& app, agent::EventsOptions& events) {
         },
         "{" + kinds + "}");
     view->add_option("--type", events.types, "only these")->delimiter(',')->take_all()->check(known);
-    view->add_option("--component", events.component, "only those about or of this component or group");
+    view->add_option("--component", events.component, "only those about or of this component or group")
+        ->type_name("COMPONENT");
     view->add_flag("--follow", events.follow, "go on with what comes");
 }
 
@@ -87,8 +90,9 @@ void DeclareConfig(CLI::App& app, agent::ConfigOptions& config) {
 void Declare(CLI::App& app, CommandLine& line) {
     if (const char* fromEnvironment = getenv("ZEL_APP_DIR")) line.appDir = fromEnvironment;
     app.add_option("--app-dir", line.appDir,
-                   "application directory of the agent (default: ZEL_APP_DIR, else /var/lib/tervane)");
-    app.add_option("--name", line.name, "process to ask")->capture_default_str();
+                   "application directory of the agent (default: ZEL_APP_DIR, else /var/lib/tervane)")
+        ->type_name("DIRECTORY");
+    app.add_option("--name", line.name, "process to ask")->capture_default_str()->type_name("PROCESS");
     app.add_flag("--json", line.json, "as JSON, by the schemas of CONSOLE.md");
     app.set_version_flag("--version", std::string(ZEL_VERSION));
     app.require_subcommand(1);
@@ -108,6 +112,10 @@ void Declare(CLI::App& app, CommandLine& line) {
     app.add_subcommand("statistics", "the registered statistics, collected now");
     app.add_subcommand("reload", "read the online configuration and agent.json again now");
     app.add_subcommand("stop", "stop the agent process");
+    app.add_subcommand("completion", "completion of this program's commands for a shell, on standard output")
+        ->add_option("SHELL", line.shell, "bash or zsh")
+        ->required()
+        ->check(CLI::IsMember({"bash", "zsh"}));
 }
 
 int Unreachable(const base::Error& error) {
@@ -212,6 +220,10 @@ int main(int argc, char** argv) {
     }
     line.named = app.get_option("--name")->count() > 0;
     line.command = app.get_subcommands().front()->get_name();
+    if (line.command == "completion") {
+        fputs(agent::MakeCompletion(app, line.shell).c_str(), stdout);
+        return kOk;
+    }
     if (line.command == "config") line.config.action = app.get_subcommand("config")->get_subcommands()[0]->get_name();
     // Before an agent is installed the doctor looks at the host alone.
     const bool installed = base::ReadFileMark(zel::kDefaultAppDir).exists;
