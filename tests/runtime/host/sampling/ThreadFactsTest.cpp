@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "HostSupport.h"
+#include "base/ProcFiles.h"
 #include "support/SystemCalls.h"
 #include "platform/zel/ThreadUtil.h"
 #include "sampling/Clock.h"
@@ -150,7 +151,14 @@ TEST(ThreadFactsTest, AtRestOnlyThoseThatWorkHaveTheirFilesRead) {
     if (!resting.counted) GTEST_SKIP() << "SKIP direct: this thread cannot be traced";
     EXPECT_EQ(0, resting.opens);
     Worker busy("busy", true);
-    EXPECT_EQ(1, support::CountSystemCalls(sample, before).opens);
+    const auto worked = [&] {
+        before();
+        const int64_t from = base::ReadOwnThreadCpuNs(busy.Tid()).value_or(0);
+        while (base::ReadOwnThreadCpuNs(busy.Tid()).value_or(INT64_MAX) < from + 2 * zelhost::TickNs()) {
+            std::this_thread::sleep_for(milliseconds(5));
+        }
+    };
+    EXPECT_EQ(1, support::CountSystemCalls(sample, worked).opens);
     std::list<CSysThreadsCpuUsage> list;
     CThreadFacts::Instance().GetThreadsCpuUsage(list);
     ASSERT_NE(Find(list, idle.Tid()), nullptr);
