@@ -70,8 +70,9 @@ class Trace:
                                          stderr=subprocess.DEVNULL) for name, pid in processes.items()]
         self.began = time.monotonic()
 
-    def end(self):
-        """{name: (calls a second, opens a second)}; none for a process that could not be traced."""
+    def end(self, without=None):
+        """{name: (calls a second, opens a second)}; none for a process that could not be traced. `without`: opens of
+        paths that begin so do not count."""
         took = time.monotonic() - self.began
         found = {}
         for tracer in self.tracers:
@@ -81,7 +82,8 @@ class Trace:
             # A call that was under way when the tracer came was not made in this span.
             calls = [line for line in read(log).splitlines()
                      if re.match(r"\d+ +\w+\(", line) and "resuming interrupted" not in line]
-            opens = [line for line in calls if re.match(r"\d+ +open(at2?)?\(", line)]
+            opens = [line for line in calls if re.match(r"\d+ +open(at2?)?\(", line)
+                     and not (without and f'"{without}' in line)]
             if calls:
                 found[name] = (len(calls) / took, len(opens) / took)
         return found

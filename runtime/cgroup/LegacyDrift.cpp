@@ -72,6 +72,7 @@ void LegacyGroup::WatchBy(QuietTree& quiet) const {
     const bool byThread = m_group.GetVersion() == Version::kV1;
     quiet.Watch(m_group);
     if (!byThread) quiet.WatchFile(m_placement.base, v2::kSubtreeControl);
+    quiet.NoteLimits(m_group, {m_controller == Controller::kCpu, m_controller == Controller::kMemory});
     quiet.NoteTree(m_group);
     quiet.NoteMembers(m_group, byThread ? v1::kThreadsFile : kProcsFile);
     if (byThread) quiet.NoteThreads(Self());

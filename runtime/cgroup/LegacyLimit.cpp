@@ -212,7 +212,7 @@ void LegacyLimit::SyncCpuLimit() {
     const bool started = m_cpu.IsStarted() || m_mem.IsStarted();
     if (started) ++status.rounds;
     std::vector<CgroupDrift> news;
-    const int64_t begin = OwnCpuUs();
+    const int64_t begin = started ? OwnCpuUs() : 0;
     if (started) m_quiet.Begin();
     bool inOrder = Keep(m_cpu, status, news);
     inOrder = Keep(m_mem, status, news) && inOrder;
@@ -222,7 +222,7 @@ void LegacyLimit::SyncCpuLimit() {
     for (const CgroupDrift& drift : news) LogLegacy(kLogWarning, __LINE__, DescribeDrift(drift));
     status.contested = m_book.Contested();
     if (started) m_quiet.Settle(inOrder && status.contested.empty(), NowMs());
-    status.lastRoundUs = OwnCpuUs() - begin;
+    status.lastRoundUs = started ? OwnCpuUs() - begin : 0;
     status.totalUs += status.lastRoundUs;
     const base::MutexLock telling(m_toldMutex);
     m_status = std::move(status);

@@ -1,6 +1,7 @@
 // A regression of every kind, for the test of the gates: loaded into each process of an agent by the dynamic linker, it
 // adds threads that wake, open and read a file and append to another, descriptors that stay open, some private memory,
-// and itself as a library. More of each than the table leaves as room.
+// and itself as a library. More of each than the table leaves as room. Or, where that is asked for, one thread that does
+// nothing but open a file every few seconds.
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -37,9 +38,18 @@ void* Disturb(void* path) {
     }
 }
 
+void* OpenNowAndThen(void* seconds) {
+    for (;;) {
+        const int file = open("/proc/self/statm", O_RDONLY | O_CLOEXEC);
+        if (file >= 0) close(file);
+        sleep(static_cast<unsigned int>(std::atoi(static_cast<const char*>(seconds))));
+    }
+}
+
 __attribute__((constructor)) void Plant() {
     char* path = getenv("PLANTED_FILE");
-    if (path == nullptr) return;
+    char* seconds = getenv("PLANTED_OPEN_SECONDS");
+    if (path == nullptr && seconds == nullptr) return;
     pthread_t thread;
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
@@ -49,8 +59,9 @@ __attribute__((constructor)) void Plant() {
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, &before);
-    for (int i = 0; i < kThreads; ++i) pthread_create(&thread, &attributes, Disturb, path);
-    for (int i = 0; i < kDescriptors; ++i) {
+    if (seconds != nullptr) pthread_create(&thread, &attributes, OpenNowAndThen, seconds);
+    for (int i = 0; path != nullptr && i < kThreads; ++i) pthread_create(&thread, &attributes, Disturb, path);
+    for (int i = 0; path != nullptr && i < kDescriptors; ++i) {
         if (fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0) < 0) break;
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);

@@ -18,6 +18,8 @@ constexpr uint64_t kDearFdRounds = 10;
 constexpr uint64_t kVeryDearFdRounds = 60;
 constexpr int64_t kManyFds = 1000;
 constexpr uint64_t kReopenRounds = 60;
+/// Kernel: the load is reckoned anew every five seconds (LOAD_FREQ).
+constexpr int64_t kLoadNs = 4500LL * 1000000;
 constexpr size_t kFileBytes = 1024;
 }  // namespace
 
@@ -108,6 +110,8 @@ void CProcessCounters::ReadIo(RoundFigures& round) {
 }
 
 void CProcessCounters::ReadLoad(RoundFigures& round) {
+    if (m_loadNs != 0 && round.nowNs - m_loadNs < kLoadNs) return;
+    m_loadNs = round.nowNs;
     char text[kFileBytes];
     const std::optional<float> load = base::ParseLoadAvg(m_loadavg.Read(text, sizeof(text)));
     if (load) round.figures.loadAvg = *load;

@@ -31,6 +31,7 @@ private:
     const SamplingRules& m_rules;
     const long m_pageKb;
     base::KeptFile m_statm, m_io, m_loadavg;
+    int64_t m_loadNs = 0;  // when the load was read last
     base::DescriptorCounter m_fdCounter;
     int64_t m_lastNs = 0;
     int64_t m_lastProcessNs = 0;
