@@ -3,28 +3,22 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "AskAgent.h"
 #include "Completion.h"
 #include "ConfigCommands.h"
 #include "ConfigFiles.h"
 #include "CtlExit.h"
-#include "Doctor.h"
 #include "EventWords.h"
 #include "Explain.h"
-#include "Health.h"
 #include "HistoryCommands.h"
 #include "ShowEvents.h"
-#include "StatusJson.h"
-#include "StatusText.h"
+#include "ShowStatus.h"
 #include "Top.h"
 #include "base/FileIo.h"
 #include "platform/zel/AgentNames.h"
 
 namespace {
 
-using agent::kDegraded;
 using agent::kOk;
-using agent::kRefused;
 using agent::kUnreachable;
 using agent::kUsage;
 
@@ -36,6 +30,7 @@ struct CommandLine {
     bool named = false;  ///< whether the name was given
     bool json = false;
     agent::EventsOptions events;
+    agent::StatusOptions status;
     agent::ExplainOptions explain;
     agent::ConfigOptions config;
     agent::TopOptions top;
@@ -97,7 +92,11 @@ void Declare(CLI::App& app, CommandLine& line) {
     app.set_version_flag("--version", std::string(ZEL_VERSION));
     app.require_subcommand(1);
     app.fallthrough();  // the options of all commands are taken before and after the command
-    app.add_subcommand("status", "use against limits, mode and its reason, components, delivery");
+    CLI::App* status = app.add_subcommand("status", "use against limits, mode and its reason, components, delivery");
+    status->add_flag("--watch", line.status.watch, "again and again");
+    status->add_option("--every", line.status.every, "with --watch: seconds between two looks")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 3600));
     app.add_subcommand("check", "one line for a monitoring system: OK, DEGRADED or UNREACHABLE");
     CLI::App* top = app.add_subcommand("top", "the same once a second, as a live page on a terminal");
     top->add_option("--for", line.top.forSeconds, "end after this many seconds");
@@ -131,38 +130,6 @@ int Watch(const CommandLine& line) {
     return shown ? kOk : Unreachable(shown.GetError());
 }
 
-std::string InWords(const agent::StatusReport& report) {
-    agent::PictureOptions options;
-    options.allComponents = true;
-    std::string text = agent::JoinLines(agent::MakePicture(report, {}, options)) + "\n";
-    const std::vector<agent::Trouble> found = agent::FindTrouble(report);
-    if (found.empty()) text += "healthy\n";
-    for (const agent::Trouble& trouble : found) text += "degraded  " + trouble.what + "\n";
-    return text;
-}
-
-/// Status and check: the exit code says whether all is as it was asked for.
-int Judge(const CommandLine& line) {
-    const bool check = line.command == "check";
-    const base::Result<agent::Answer> answer = agent::AskAgent(line.appDir, line.name, "status");
-    const base::Result<agent::StatusReport> report = agent::ReadStatus(answer);
-    if (!report) {
-        if (check) printf("UNREACHABLE: %s, %s\n", line.name.c_str(), report.GetError().Text().c_str());
-        return check ? static_cast<int>(kUnreachable) : Unreachable(report.GetError());
-    }
-    const std::string text = check ? agent::HealthLine(*report) + "\n" : line.json ? answer->body : InWords(*report);
-    fputs(text.c_str(), stdout);
-    return agent::FindTrouble(*report).empty() ? kOk : kDegraded;
-}
-
-/// Every other command is a request of the console's socket.
-int Ask(const CommandLine& line) {
-    const base::Result<agent::Answer> answer = agent::AskAgent(line.appDir, line.name, line.command);
-    if (!answer) return Unreachable(answer.GetError());
-    fputs(answer->body.c_str(), answer->ok ? stdout : stderr);
-    return answer->ok ? kOk : kRefused;
-}
-
 int ShowEvents(const CommandLine& line) {
     agent::EventsOptions options = line.events;
     options.appDir = line.appDir;
@@ -189,11 +156,13 @@ int Configure(const CommandLine& line) {
 }
 
 int Run(const CommandLine& line) {
-    if (line.command == "doctor") {
-        const agent::Diagnosis diagnosis = agent::Diagnose(line.appDir);
-        fputs(diagnosis.Text().c_str(), stdout);
-        return static_cast<int>(diagnosis.Worst());
-    }
+    agent::StatusOptions asked = line.status;
+    asked.appDir = line.appDir;
+    asked.process = line.name;
+    asked.json = line.json;
+    if (line.command == "status") return agent::RunStatus(asked);
+    if (line.command == "check") return agent::RunCheck(asked);
+    if (line.command == "doctor") return agent::RunDoctor(asked);
     if (line.command == "events") return ShowEvents(line);
     if (line.command == "explain") return Explain(line);
     if (line.command == "config") return Configure(line);
@@ -201,7 +170,7 @@ int Run(const CommandLine& line) {
     if (agent::IsHistoryCommand(line.command)) {
         return agent::RunHistoryCommand(line.command, line.appDir, line.history);
     }
-    return line.command == "status" || line.command == "check" ? Judge(line) : Ask(line);
+    return agent::RunRequest(asked, line.command);
 }
 
 }  // namespace

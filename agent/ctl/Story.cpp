@@ -118,14 +118,15 @@ void AddOwnMaximum(const Json::Value& body, const ConfigPicture& picture, Story&
     StoryLimit maximum;
     maximum.what = "the maximum of the process: " + amount;
     const ConfigRow* row = FindRow(picture, cpu ? "maxCpu" : "maxMemory");
-    const bool component = process != zel::kMainProcessName && IsUnified(picture);
+    const bool component = IsUnified(picture);
     if (row != nullptr && !component) {
         maximum.origin = OriginOf(*row);
         const int64_t now = strtoll(row->value.c_str(), nullptr, 10) * (cpu ? 100 : kKbPerMb);
         if (now != limit) maximum.note = "it says " + row->value + " " + row->unit + " now: it was changed since";
     }
     story.limits.push_back(maximum);
-    if (component) AddTreeLimits(picture, cpu, "", process, story);
+    const std::string name = process == zel::kMainProcessName ? zel::kMainComponent : process;
+    if (component) AddTreeLimits(picture, cpu, "", name, story);
 }
 
 void TellSelfKill(const Json::Value& body, const Json::Value& record, const ConfigPicture& picture, Story& story) {
@@ -152,7 +153,7 @@ void TellSelfKill(const Json::Value& body, const Json::Value& record, const Conf
                               : "; the main process starts it again by its restart budget"));
     const std::string who = story.threads.empty() ? "" : "see what thread \"" + story.threads[0].name + "\" does; ";
     story.todo.push_back(who + (cpu ? "if the work is wanted: " : "look for what holds memory; if it is wanted: ") +
-                         (process == zel::kMainProcessName || !IsUnified(picture)
+                         (!IsUnified(picture)
                               ? std::string("tervanectl config set ") + (cpu ? "maxCpu=PERCENT" : "maxMemory=MB")
                               : Set(cpu)));
 }

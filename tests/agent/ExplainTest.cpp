@@ -122,13 +122,17 @@ TEST_F(ExplainTest, ALimitThatWasChangedSinceSaysSo) {
 TEST_F(ExplainTest, AComponentsLimitIsItsShareOfTheBudget) {
     Resource(
         "resource_limit_mode = 13\ncgroup_groups = collect-defense:60:92160\n"
-        "cgroup_components = QorNetwork:a:a:1:2,QorNet:collect-defense:collect-defense:5000:10240\n");
+        "cgroup_components = "
+        "Tervane:main:main:2000:15360,QorNetwork:a:a:1:2,QorNet:collect-defense:collect-defense:5000:10240\n");
     Add("abcd-1", 1000, zel::kSelfKillMessage, SelfKill("QorNet", ""));
     Add("abcd-2", 1001, zel::kLimitDriftMessage, Drift(true));
     EXPECT_EQ(Explain("abcd-1"), 0);
     EXPECT_THAT(m_said, AllOf(HasSubstr("the budget of the agent: 10 percent: " + Conf("resource_config")),
                               HasSubstr("its share: QorNet:collect-defense:collect-defense:5000:10240: " +
                                         Conf("resource_config") + ", key cgroup_components\n")));
+    Add("abcd-4", 1000, zel::kSelfKillMessage, SelfKill("tervane", ""));
+    EXPECT_EQ(Explain("abcd-4"), 0);
+    EXPECT_THAT(m_said, HasSubstr("its share: Tervane:main:main:2000:15360: ")) << "the main process has one as well";
     EXPECT_EQ(Explain("last"), 0);
     EXPECT_THAT(m_said, AllOf(HasSubstr("drift of QorNet"), HasSubstr("its share: collect-defense:60:92160: "),
                               HasSubstr("found no limit, wanted 1800 us in 100000 us\n"),

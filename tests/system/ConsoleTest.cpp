@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
+#include <map>
+#include <regex>
+
 #include "AgentFixture.h"
 
 namespace agenttest {
@@ -32,8 +35,8 @@ protected:
         words.push_back("--json");
         RunConsole(words, text);
         Json::Value view(Json::objectValue);
-        EXPECT_TRUE(ParseJson(text, view)) << text;
-        return view;
+        EXPECT_TRUE(ParseJson(text, view) && view.isObject()) << text;
+        return view.isObject() ? view : Json::Value(Json::objectValue);
     }
     std::string InForce(const std::string& key) {
         const Json::Value view = View({"config", "show"});
@@ -106,6 +109,121 @@ TEST_F(ConsoleTest, AChangeIsInForceWhenTheCommandEnds) {
     EXPECT_EQ(InForce("maxCpu"), "10");
     EXPECT_EQ(agent.Stop(), 0);
     ExpectNothingLeft();
+}
+
+/// The tables of the document: type by member, by schema.
+using Schemas = std::map<std::string, std::map<std::string, std::string>>;
+
+Schemas ReadSchemas() {
+    Schemas schemas;
+    std::string schema;
+    for (const std::string& line : support::ReadLines(ZEL_CONSOLE_DOCUMENT)) {
+        std::smatch found;
+        if (std::regex_match(line, found, std::regex("### (tervanectl\\.[a-z-]+)"))) schema = found[1];
+        if (std::regex_match(line, found, std::regex("\\| `([^`]+)` \\| ([a-z ]+) \\|.*\\|"))) {
+            schemas[schema][found[1]] = found[2];
+        }
+    }
+    return schemas;
+}
+
+/// What a document holds: type by member, as the tables write them.
+void Walk(const std::string& path, const Json::Value& value, const std::map<std::string, std::string>& known,
+          std::map<std::string, std::string>& seen) {
+    const std::string any = path.substr(0, path.rfind('.') + 1) + "*";
+    const std::string name = known.count(path) == 0 && known.count(any) != 0 ? any : path;
+    const auto listed = known.find(name);
+    if (value.isObject() && listed != known.end() && listed->second == "object") {
+        seen[name] = "object";
+    } else if (value.isObject()) {
+        for (const std::string& key : value.getMemberNames())
+            Walk(path.empty() ? key : path + "." + key, value[key], known, seen);
+    } else if (value.isArray()) {
+        for (const Json::Value& entry : value) Walk(path + "[]", entry, known, seen);
+    } else {
+        const std::string type = value.isNull()       ? "null"
+                                 : value.isBool()     ? "flag"
+                                 : value.isString()   ? "text"
+                                 : value.isIntegral() ? "number"
+                                                      : "another";
+        const bool either = listed != known.end() && listed->second.find(" or ") != std::string::npos &&
+                            listed->second.find(type) != std::string::npos;
+        seen[name] = either ? listed->second : type;
+    }
+}
+
+/// Members of lists that no document had an entry of are not missed.
+bool CanBeAbsent(const std::string& member, const std::map<std::string, std::string>& seen) {
+    const size_t list = member.rfind("[]");
+    if (list == std::string::npos) return member == "values.*";
+    for (const auto& [name, type] : seen) {
+        if (name.compare(0, list + 2, member, 0, list + 2) == 0) return false;
+    }
+    return true;
+}
+
+TEST_F(ConsoleTest, EachViewHoldsItsDocumentedSchema) {
+    WriteResource({{"resource_limit_mode", "13"}, {"max_cpu", "50"}});
+    EXPECT_EQ(View({"check"})["state"].asString(), "UNREACHABLE");
+    Child agent = StartRunningAgent();
+    KillComponent();
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return !View({"events"})["events"].empty(); }));
+    WriteConf("agent.json", "{\"syslog\": 5}");
+    const Schemas schemas = ReadSchemas();
+    std::map<std::string, std::map<std::string, std::string>> seen;
+    const std::vector<std::vector<std::string>> views = {{"status"},
+                                                         {"check"},
+                                                         {"doctor"},
+                                                         {"events"},
+                                                         {"explain"},
+                                                         {"explain", "limits"},
+                                                         {"config", "show"},
+                                                         {"config", "check", Conf("agent.json")},
+                                                         {"config", "set", "maxCpu=60"},
+                                                         {"config", "set", "maxCpu=99999"},
+                                                         {"config", "undo"},
+                                                         {"statistics"},
+                                                         {"metrics"},
+                                                         {"threads"},
+                                                         {"reload"},
+                                                         {"stop"}};
+    for (const std::vector<std::string>& request : views) {
+        const Json::Value view = View(request);
+        const std::string schema = view["schema"].asString();
+        ASSERT_EQ(schemas.count(schema), 1u) << request[0] << " " << view.toStyledString();
+        Walk("", view, schemas.at(schema), seen[schema]);
+    }
+    for (const auto& [schema, members] : schemas) {
+        if (schema == "tervanectl.event") continue;  // as an entry of events
+        for (const auto& [member, type] : members) {
+            const auto found = seen[schema].find(member);
+            if (found == seen[schema].end()) {
+                EXPECT_TRUE(CanBeAbsent(member, seen[schema])) << schema << " has no " << member;
+            } else {
+                EXPECT_EQ(found->second, type) << schema << " " << member;
+            }
+        }
+        for (const auto& [member, type] : seen[schema]) EXPECT_EQ(members.count(member), 1u) << schema << " " << member;
+    }
+    EXPECT_TRUE(agent.WaitEnd(kStopSeconds) >= 0);
+}
+
+TEST_F(ConsoleTest, AWatchedStatusGoesOnThroughARestart) {
+    Child agent = StartRunningAgent();
+    const std::vector<std::string> words = AgentWords();
+    const std::string console = words[0].substr(0, words[0].rfind('/')) + "/tervanectl";
+    Child watch = Spawn({console, "--app-dir", Dir(), "status", "--watch", "--every", "1"}, {}, NextOutput());
+    const auto shows = [&](const std::string& text, size_t times) {
+        return Poll(kSettleSeconds, [&] { return support::CountOf(watch.Output(), text) >= times; });
+    };
+    EXPECT_TRUE(shows("process " + std::to_string(agent.Pid()), 2)) << watch.Output();
+    EXPECT_EQ(agent.Stop(), 0);
+    EXPECT_TRUE(shows("is the agent running?", 1)) << watch.Output();
+    Child again = StartRunningAgent();
+    EXPECT_TRUE(shows("process " + std::to_string(again.Pid()), 1)) << watch.Output();
+    EXPECT_EQ(watch.Output().find('\033'), std::string::npos) << "colours are for a terminal";
+    watch.Kill();
+    EXPECT_EQ(again.Stop(), 0);
 }
 
 }  // namespace
