@@ -15,6 +15,10 @@ void Add(Lines& lines, std::string text, LineKind kind = LineKind::kPlain) {
     lines.push_back({std::move(text), kind});
 }
 
+void AddRow(Lines& lines, std::string text, LineKind kind) {
+    lines.push_back({std::move(text), kind, true});
+}
+
 std::string Percent(int64_t hundredths) {
     return Text("%lld.%02lld %%", static_cast<long long>(hundredths / 100), static_cast<long long>(hundredths % 100));
 }
@@ -117,8 +121,21 @@ std::string UseOf(double used, bool known, double limit, const char* unit, int d
     return Text(wide ? "%9s of %-12s" : "%6s/%-7s", one.c_str(), other.c_str());
 }
 
+/// Held back since the last picture where that is known, else since the group is there.
+std::string ThrottledText(const zel::CgroupUse& cpu, const CpuShares* now) {
+    if (!cpu.present) return "-";
+    if (cpu.periods < 0) return "not counted";
+    const double seconds = SecondsOfUs(cpu.throttledUs);
+    const auto share = now == nullptr ? CpuShares::const_iterator() : now->find(cpu.path);
+    if (now != nullptr && share != now->end()) {
+        return Text("%3lld %% %7.1fs", static_cast<long long>(share->second / 100), seconds);
+    }
+    return Text("%lld/%lld %.1fs", static_cast<long long>(cpu.throttledPeriods), static_cast<long long>(cpu.periods),
+                seconds);
+}
+
 /// One group of the tree in the table's columns.
-std::string TableRow(const zel::CgroupNodeStatus& node, const CpuShares& shares, bool wide) {
+std::string TableRow(const zel::CgroupNodeStatus& node, const CpuShares& shares, const CpuShares* held, bool wide) {
     const std::string name = node.level == zel::CgroupLevel::kParent
                                  ? "whole agent"
                                  : std::string(static_cast<size_t>(DepthOf(node)) * 2, ' ') + node.name;
@@ -126,11 +143,7 @@ std::string TableRow(const zel::CgroupNodeStatus& node, const CpuShares& shares,
     const bool shareKnown = share != shares.end();
     const std::string cpu = UseOf(shareKnown ? static_cast<double>(share->second) / 100 : 0, shareKnown,
                                   static_cast<double>(node.cpu.limit) / 100, " %", 2, wide);
-    const std::string throttled =
-        !node.cpu.present      ? "-"
-        : node.cpu.periods < 0 ? "not counted"
-                               : Text("%lld/%lld %.1fs", static_cast<long long>(node.cpu.throttledPeriods),
-                                      static_cast<long long>(node.cpu.periods), SecondsOfUs(node.cpu.throttledUs));
+    const std::string throttled = ThrottledText(node.cpu, held);
     const std::string memory =
         UseOf(MbOfKb(node.memory.used), node.memory.used >= 0, MbOfKb(node.memory.limit), " MB", 1, wide);
     const char* member = node.level != zel::CgroupLevel::kComponent ? ""
@@ -174,19 +187,47 @@ std::vector<zel::CgroupNodeStatus> Sorted(const StatusReport& report, const CpuS
     return nodes;
 }
 
+/// Whether a group was held back in most of its periods just now.
+bool IsShort(const zel::CgroupNodeStatus& node, const CpuShares* throttled) {
+    constexpr int64_t kMost = 5000;
+    if (throttled == nullptr) return false;
+    const auto share = throttled->find(node.cpu.path);
+    return share != throttled->end() && share->second > kMost;
+}
+
 void AddTree(Lines& lines, const StatusReport& report, const CpuShares& shares, const PictureOptions& options) {
     if (report.tree.nodes.empty() || !report.tree.present) return;
     Add(lines, "");
-    Add(lines,
-        options.wide
-            ? Text("%-26s%-24s%-18s%-24s%-5s%s", "group", "cpu used of quota", "throttled", "memory used of limit",
-                   "oom", "member")
-            : Text("%-19s%-14s%-15s%-14s%-4s%s", "group", "  cpu %", "throttled", "  memory MB", "oom", "member"),
-        LineKind::kTableHead);
+    AddRow(lines,
+           options.wide
+               ? Text("%-26s%-25s%-18s%-25s%-5s%s", "group", "cpu used of quota", "throttled", "memory used of limit",
+                      "oom", "member")
+               : Text("%-19s%-14s%-15s%-14s%-4s%s", "group", "  cpu %", "throttled", "  memory MB", "oom", "member"),
+           LineKind::kTableHead);
     for (const zel::CgroupNodeStatus& node : Sorted(report, shares, options.order)) {
         const bool astray =
             node.level == zel::CgroupLevel::kComponent && !node.pids.empty() && !node.membershipVerified;
-        Add(lines, TableRow(node, shares, options.wide), astray ? LineKind::kAlarm : LineKind::kPlain);
+        AddRow(lines, TableRow(node, shares, options.throttled, options.wide),
+               astray                             ? LineKind::kAlarm
+               : IsShort(node, options.throttled) ? LineKind::kNotice
+                                                  : LineKind::kPlain);
+    }
+}
+
+/// The answers of the components to their workers.
+void AddCooperation(Lines& lines, const Cooperation& components) {
+    Add(lines, "");
+    AddRow(lines,
+           Text("%-19s%-11s%-14s%-10s%-10s%s", "holds back", "cpu level", "memory level", "prio 0", "prio 1", "prio 2"),
+           LineKind::kTableHead);
+    for (const auto& [name, seen] : components) {
+        std::string row = Text("  %-17s%-11d%-14d", name.c_str(), seen.cpuLevel, seen.memoryLevel);
+        for (size_t priority = 0; priority < kPriorities; ++priority) {
+            const uint64_t share = seen.held[priority] * 100 / std::max<uint64_t>(1, seen.looks);
+            row += Text("%-4s%3llu %% ", seen.now[priority] ? "yes" : "no", Number(share));
+        }
+        row += Text("of %llu looks", Number(seen.looks));
+        AddRow(lines, row, seen.now[kPriorities - 1] ? LineKind::kNotice : LineKind::kPlain);
     }
 }
 
@@ -321,6 +362,7 @@ std::vector<TextLine> MakePicture(const StatusReport& report, const CpuShares& s
     AddOwnUse(lines, report);
     AddOwnGroup(lines, report);
     AddTree(lines, report, shares, options);
+    if (options.cooperation != nullptr && !options.cooperation->empty()) AddCooperation(lines, *options.cooperation);
     AddKept(lines, report);
     AddComponents(lines, report, options.allComponents);
     AddPressure(lines, report);
@@ -360,7 +402,7 @@ std::vector<TextLine> FoldLines(const std::vector<TextLine>& lines, size_t colum
     constexpr char kIndent[] = "          ";
     Lines folded;
     for (const TextLine& line : lines) {
-        std::string rest = line.text;
+        std::string rest = line.isRow ? line.text.substr(0, BytesOf(line.text, columns)) : line.text;
         for (;;) {
             const size_t end = BytesOf(rest, columns);
             if (end >= rest.size() || columns <= 2 * sizeof kIndent) break;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "Cooperation.h"
 #include "StatusReport.h"
 
 namespace agent {
@@ -15,12 +16,14 @@ enum class LineKind {
     kPlain,
     kTitle,
     kTableHead,
-    kAlarm  ///< something is not as it should be
+    kNotice,  ///< worth a look: held back at its limit
+    kAlarm    ///< something is not as it should be
 };
 
 struct TextLine {
     std::string text;  ///< without a line end
     LineKind kind = LineKind::kPlain;
+    bool isRow = false;  ///< of columns: cut where there is no room, since folded they are none
 };
 
 /// By what the components of one group are ordered.
@@ -35,6 +38,9 @@ struct PictureOptions {
     SortOrder order = SortOrder::kTree;
     bool wide = true;            ///< columns for 112 characters, otherwise for 80
     bool allComponents = false;  ///< those without trouble too
+    /// For a picture that is drawn again and again; null: not known.
+    const CpuShares* throttled = nullptr;      ///< share of the periods since the last one, as TopHistory has it
+    const Cooperation* cooperation = nullptr;  ///< who holds back
 };
 
 /// Use against limits, who is told to hold back, the tree, what went wrong, the last events. Pure.
@@ -43,7 +49,7 @@ std::vector<TextLine> MakePicture(const StatusReport& report, const CpuShares& s
 /// What came of the time since the process started, for its end. Pure.
 std::vector<TextLine> MakeSummary(const StatusReport& report);
 
-/// Lines that are longer than `columns` go on below, at a blank where there is one. Pure.
+/// Lines that are longer than `columns` go on below, at a blank where there is one; rows of a table are cut. Pure.
 std::vector<TextLine> FoldLines(const std::vector<TextLine>& lines, size_t columns);
 
 /// The lines one below the other. Pure.

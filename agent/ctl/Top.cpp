@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "AskAgent.h"
+#include "Cooperation.h"
 #include "StatusJson.h"
 #include "Text.h"
 #include "TopHistory.h"
@@ -80,6 +81,7 @@ private:
 
 class PageView final : public View {
 public:
+    explicit PageView(const std::string& appDir) : m_watch(appDir) {}
     bool Open() { return m_screen.Open(); }
 
     void Show(const StatusReport& report, const TopHistory& history) override {
@@ -88,6 +90,9 @@ public:
         if (m_paused) return;
         m_report = report;
         m_shares = history.Shares();
+        m_throttled = history.Throttled();
+        m_watch.Follow(report);
+        m_cooperation = m_watch.Get();
         Draw();
     }
     bool Wait(int milliseconds) override {
@@ -98,6 +103,8 @@ public:
         m_help = !helped && (key == 'h' || key == 'H' || key == '?');
         if (key == 'p' || key == 'P') m_paused = !m_paused;
         if (key == 's' || key == 'S') m_picture.order = NextOrder(m_picture.order);
+        if (key == 'j' || key == TopScreen::kDown) ++m_first;
+        if ((key == 'k' || key == TopScreen::kUp) && m_first > 0) --m_first;
         Draw();
         return true;
     }
@@ -105,6 +112,8 @@ public:
 private:
     void Draw() {
         m_picture.wide = m_screen.Columns() >= kWideColumns;
+        m_picture.throttled = &m_throttled;
+        m_picture.cooperation = &m_cooperation;
         std::vector<TextLine> lines = m_help ? Help() : MakePicture(m_report, m_shares, m_picture);
         if (!m_help && !m_log.empty()) {
             const auto count = static_cast<unsigned long long>(m_report.logCount);
@@ -112,38 +121,48 @@ private:
             lines.push_back({Text("log, level 3 or worse (%llu so far):", count), LineKind::kTitle});
             for (const std::string& line : m_log) lines.push_back({"  " + line, LineKind::kPlain});
         }
-        m_screen.Show(FoldLines(lines, static_cast<size_t>(m_screen.Columns() - 1)),
-                      std::string("q quit  h help  p ") + (m_paused ? "go on (PAUSED)" : "pause") +
-                          "  s sort: " + NameOf(m_picture.order));
+        m_first = m_screen.Show(FoldLines(lines, static_cast<size_t>(m_screen.Columns() - 1)), m_first,
+                                std::string("q quit  h help  p ") + (m_paused ? "go on (PAUSED)" : "pause") +
+                                    "  s sort: " + NameOf(m_picture.order) + "  j/k scroll");
     }
 
     static std::vector<TextLine> Help() {
-        return {{"keys", LineKind::kTitle},
-                {"  q  quit", LineKind::kPlain},
-                {"  p  pause: the picture stands still; the process is asked all the same", LineKind::kPlain},
-                {"  s  order of the components in each group: tree, cpu, memory, throttling", LineKind::kPlain},
-                {"  h  this help, any key leaves it", LineKind::kPlain},
-                {"", LineKind::kPlain},
-                {"columns", LineKind::kTitle},
-                {"  cpu        used since the last second, of the quota; 100 % is one CPU", LineKind::kPlain},
-                {"  throttled  periods in which the group was held back, of those it ran in; time", LineKind::kPlain},
-                {"  memory     charged to the group now, of its limit", LineKind::kPlain},
-                {"  oom        processes killed for want of memory", LineKind::kPlain},
-                {"  member     whether the component's processes are in its groups", LineKind::kPlain}};
+        return {
+            {"keys", LineKind::kTitle},
+            {"  q  quit", LineKind::kPlain},
+            {"  p  pause: the picture stands still; the process is asked all the same", LineKind::kPlain},
+            {"  s  order of the components in each group: tree, cpu, memory, throttling", LineKind::kPlain},
+            {"  j  k  or the arrows: down and up, where the page has more lines than the terminal", LineKind::kPlain},
+            {"  h  this help, any key leaves it", LineKind::kPlain},
+            {"", LineKind::kPlain},
+            {"columns", LineKind::kTitle},
+            {"  cpu        used since the last second, of the quota; 100 % is one CPU", LineKind::kPlain},
+            {"  throttled  share of the periods since the last second in which it was held back; time in all",
+             LineKind::kPlain},
+            {"  memory     charged to the group now, of its limit", LineKind::kPlain},
+            {"  oom        processes killed for want of memory", LineKind::kPlain},
+            {"  member     whether the component's processes are in its groups", LineKind::kPlain},
+            {"  holds back the answer that a component gives its workers now, and how often it was yes; each is",
+             LineKind::kPlain},
+            {"             asked every two seconds. Levels: 0 well, 1 busy, 2 very busy", LineKind::kPlain}};
     }
 
     TopScreen m_screen;
+    CooperationWatch m_watch;
     StatusReport m_report;
     CpuShares m_shares;
+    CpuShares m_throttled;
+    Cooperation m_cooperation;
+    size_t m_first = 0;  // line of the page that stands first
     std::deque<std::string> m_log;
     PictureOptions m_picture;
     bool m_paused = false;
     bool m_help = false;
 };
 
-std::unique_ptr<View> MakeView() {
+std::unique_ptr<View> MakeView(const std::string& appDir) {
     if (isatty(STDOUT_FILENO) != 0 && isatty(STDIN_FILENO) != 0) {
-        auto page = std::make_unique<PageView>();
+        auto page = std::make_unique<PageView>(appDir);
         if (page->Open()) return page;
     }
     return std::make_unique<PlainView>();
@@ -155,7 +174,7 @@ base::Status RunTop(const TopOptions& options) {
     base::Result<StatusReport> status = ReadStatus(options);
     if (!status) return status.GetError();
     TakeSignals();
-    std::unique_ptr<View> view = MakeView();
+    std::unique_ptr<View> view = MakeView(options.appDir);
     TopHistory history;
     StatusReport last;
     const int64_t begin = MonotonicUs();

@@ -4,6 +4,7 @@
 #include <curses.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <clocale>
 #include <cwchar>
 
@@ -12,6 +13,7 @@ namespace agent {
 namespace {
 
 constexpr short kAlarmPair = 1;
+constexpr short kNoticePair = 2;
 
 /// The text as far as it fits; what this terminal's character set does not have becomes '?'.
 std::wstring Fitting(const std::string& text, int columns) {
@@ -42,6 +44,7 @@ attr_t AttributesOf(LineKind kind) {
         case LineKind::kPlain: break;
         case LineKind::kTitle: return A_BOLD;
         case LineKind::kTableHead: return A_REVERSE;
+        case LineKind::kNotice: return has_colors() ? static_cast<attr_t>(COLOR_PAIR(kNoticePair)) : A_BOLD;
         case LineKind::kAlarm: return A_BOLD | (has_colors() ? static_cast<attr_t>(COLOR_PAIR(kAlarmPair)) : 0);
     }
     return A_NORMAL;
@@ -76,6 +79,7 @@ bool TopScreen::Open() {
         start_color();
         use_default_colors();
         init_pair(kAlarmPair, COLOR_RED, -1);
+        init_pair(kNoticePair, COLOR_YELLOW, -1);
     }
     return true;
 }
@@ -84,23 +88,27 @@ int TopScreen::Columns() const {
     return COLS;
 }
 
-void TopScreen::Show(const std::vector<TextLine>& lines, const std::string& footer) {
-    const int rows = LINES - 1;
+size_t TopScreen::Show(const std::vector<TextLine>& lines, size_t first, const std::string& footer) {
+    const auto rows = static_cast<size_t>(std::max(1, LINES - 1));
+    first = std::min(first, lines.size() > rows ? lines.size() - rows : 0);
     erase();
-    for (int row = 0; row < rows && row < static_cast<int>(lines.size()); ++row) {
-        const TextLine& line = lines[static_cast<size_t>(row)];
-        DrawRow(row, line.text, AttributesOf(line.kind));
+    for (size_t row = 0; row < rows && first + row < lines.size(); ++row) {
+        const TextLine& line = lines[first + row];
+        DrawRow(static_cast<int>(row), line.text, AttributesOf(line.kind));
     }
-    const int hidden = static_cast<int>(lines.size()) - rows;
-    DrawRow(LINES - 1, hidden > 0 ? footer + "  (" + std::to_string(hidden) + " more lines below)" : footer, A_REVERSE);
+    const size_t below = lines.size() - std::min(lines.size(), first + rows);
+    std::string shown = footer;
+    if (below > 0) shown = "(" + std::to_string(below) + " more lines below)  " + footer;
+    DrawRow(LINES - 1, shown, A_REVERSE);
     refresh();
+    return first;
 }
 
 int TopScreen::WaitKey(int milliseconds) {
     timeout(milliseconds);
     const int key = getch();
     if (key == ERR) return kNone;
-    return key == KEY_RESIZE ? kResized : key;
+    return key == KEY_RESIZE ? kResized : key == KEY_UP ? kUp : key == KEY_DOWN ? kDown : key;
 }
 
 }  // namespace agent

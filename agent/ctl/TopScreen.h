@@ -22,13 +22,16 @@ public:
     bool Open();
 
     int Columns() const;
-    /// Shows lines from the top and `footer` on the last row; what does not fit is cut, and the footer says so.
-    void Show(const std::vector<TextLine>& lines, const std::string& footer);
+    /// Shows lines from the `first` on, as far as there is one, and `footer` on the last row; what does not fit is cut,
+    /// and the footer says so. Returns: the line that stands first.
+    size_t Show(const std::vector<TextLine>& lines, size_t first, const std::string& footer);
     /// Waits for a key or the time. Returns: the key, kResized when the page must be drawn again, kNone.
     int WaitKey(int milliseconds);
 
     static constexpr int kNone = -1;
     static constexpr int kResized = -2;
+    static constexpr int kUp = -3;
+    static constexpr int kDown = -4;
 
 private:
     screen* m_screen = nullptr;

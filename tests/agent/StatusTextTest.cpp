@@ -103,6 +103,48 @@ TEST(StatusTextTest, ANarrowTableFitsEightyColumns) {
     EXPECT_LE(row->text.size(), 79U);
 }
 
+TEST(StatusTextTest, ALiveTableShowsWhatIsHeldBackNow) {
+    PictureOptions options;
+    options.wide = false;
+    const StatusReport report = Report();
+    CpuShares throttled;
+    for (const zel::CgroupNodeStatus& node : report.tree.nodes)
+        throttled[node.cpu.path] = node.name == "QorHips" ? 9900 : 0;
+    options.throttled = &throttled;
+    const auto lines = MakePicture(report, kShares, options);
+    EXPECT_EQ("    QorNet           7.98/8.40     0 %     0.0s    4.0/30.0   0   NOT VERIFIED",
+              Find(lines, "QorNet")->text);
+    EXPECT_EQ(LineKind::kNotice, Find(lines, "QorHips")->kind);
+}
+
+TEST(StatusTextTest, WhoHoldsBackIsATableOfItsOwn) {
+    StatusReport look;
+    HoldBack seen;
+    NoteLook(look, seen);
+    look.sampler.cpuLevel = 2;
+    look.cpuNeedLimit[0] = look.cpuNeedLimit[2] = true;
+    NoteLook(look, seen);
+    NoteLook(look, seen);
+    EXPECT_EQ(seen.looks, 3U);
+    EXPECT_EQ(seen.held, (std::array<uint64_t, 3>{2, 0, 2}));
+    const Cooperation cooperation = {{"QorHips", seen}, {"TervaneUpdate", HoldBack()}};
+    PictureOptions options;
+    options.cooperation = &cooperation;
+    const auto lines = MakePicture(Report(), kShares, options);
+    const TextLine* row = Find(lines, " looks");
+    ASSERT_NE(nullptr, row);
+    EXPECT_EQ("  QorHips          2          0             yes  66 % no    0 % yes  66 % of 3 looks", row->text);
+    EXPECT_EQ(LineKind::kNotice, row->kind);
+    EXPECT_EQ("  TervaneUpdate    0          0             no    0 % no    0 % no    0 % of 0 looks", (row + 1)->text);
+}
+
+TEST(StatusTextTest, RowsOfATableAreCutRatherThanFolded) {
+    const auto lines =
+        FoldLines({{std::string(40, 'r'), LineKind::kPlain, true}, {std::string(40, 't'), LineKind::kPlain}}, 30);
+    ASSERT_EQ(3U, lines.size());
+    EXPECT_EQ(std::string(30, 'r'), lines[0].text);
+}
+
 TEST(StatusTextTest, TheOrderIsKeptInsideEachGroup) {
     const StatusReport report = Report();
     EXPECT_EQ("whole collect-defense QorHips QorNet QorWebGuard guard TervaneUpdate ",

@@ -35,6 +35,24 @@ TEST(TopHistoryTest, AShareIsUseOverTime) {
     EXPECT_EQ((CpuShares{{"/g", 250}}), history.Shares());
 }
 
+TEST(TopHistoryTest, HeldBackIsAShareOfThePeriodsSinceTheLast) {
+    const auto counted = [](int64_t periods, int64_t throttled) {
+        StatusReport report = WithUse(periods * 1000);
+        report.tree.nodes[0].cpu.periods = periods;
+        report.tree.nodes[0].cpu.throttledPeriods = throttled;
+        return report;
+    };
+    TopHistory history;
+    history.Take(counted(100, 90), 1000000);
+    EXPECT_TRUE(history.Throttled().empty());
+    history.Take(counted(110, 92), 2000000);
+    EXPECT_EQ((CpuShares{{"/g", 2000}}), history.Throttled());
+    history.Take(counted(110, 92), 3000000);
+    EXPECT_EQ((CpuShares{{"/g", 0}}), history.Throttled()) << "it did not run";
+    history.Take(counted(-1, -1), 4000000);
+    EXPECT_TRUE(history.Throttled().empty()) << "the kernel keeps no such counters";
+}
+
 TEST(TopHistoryTest, WhatCannotBeComparedHasNoShare) {
     TopHistory history;
     history.Take(WithUse(1000000), 5000000);
