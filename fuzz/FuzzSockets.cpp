@@ -28,6 +28,7 @@
 
 namespace {
 
+using base::RetryOnSignal;  // the fuzzer's own alarm interrupts calls
 using fuzzing::Draw;
 using fuzzing::Require;
 
@@ -44,7 +45,8 @@ sockaddr_un AddressOf(const std::string& path) {
 base::Fd ConnectTo(const std::string& path) {
     base::Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const sockaddr_un address = AddressOf(path);
-    Require(connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0, "somebody serves");
+    const auto* const where = reinterpret_cast<const sockaddr*>(&address);
+    Require(RetryOnSignal([&] { return connect(fd.Get(), where, sizeof address); }) == 0, "somebody serves");
     return fd;
 }
 
@@ -53,8 +55,8 @@ std::string ReadToEnd(int fd) {
     char piece[4096];
     for (;;) {
         pollfd wait{fd, POLLIN, 0};
-        Require(poll(&wait, 1, kPatienceMs) == 1, "an answer or an end comes");
-        const ssize_t got = read(fd, piece, sizeof piece);
+        Require(RetryOnSignal([&] { return poll(&wait, 1, kPatienceMs); }) == 1, "an answer or an end comes");
+        const ssize_t got = RetryOnSignal([&] { return read(fd, piece, sizeof piece); });
         if (got <= 0) return text;
         text.append(piece, static_cast<size_t>(got));
     }
@@ -125,7 +127,7 @@ void SpeakAsMainProcess(Draw& draw) {
                                      heard.more.notify_all();
                                  }),
                 "it starts");
-        const base::Fd peer(accept(server.Get(), nullptr, nullptr));
+        const base::Fd peer(RetryOnSignal([&] { return accept(server.Get(), nullptr, nullptr); }));
         std::vector<std::string> expected;
         const size_t count = draw.Below(6);
         for (size_t i = 0; i < count; ++i) {
@@ -168,12 +170,12 @@ void AnswerAsEndpoint(Draw& draw) {
     const bool good = draw.Byte() % 2 == 0;
     const std::string answer = (good ? "HTTP/1.1 " : "") + draw.Rest();
     std::thread endpoint([&] {
-        const base::Fd peer(accept(server.Get(), nullptr, nullptr));
+        const base::Fd peer(RetryOnSignal([&] { return accept(server.Get(), nullptr, nullptr); }));
         char request[4096];
-        if (recv(peer.Get(), request, sizeof request, 0) <= 0) return;
+        if (RetryOnSignal([&] { return recv(peer.Get(), request, sizeof request, 0); }) <= 0) return;
         (void)send(peer.Get(), answer.data(), answer.size(), MSG_NOSIGNAL);
         shutdown(peer.Get(), SHUT_WR);
-        while (recv(peer.Get(), request, sizeof request, 0) > 0) {
+        while (RetryOnSignal([&] { return recv(peer.Get(), request, sizeof request, 0); }) > 0) {
         }
     });
     zelhost::HttpRequest request;

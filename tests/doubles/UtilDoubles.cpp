@@ -217,7 +217,8 @@ int CStringUtil::StringToInt(const std::string& text, bool* ok, int base) {
 unsigned long CStringUtil::StringToUInt(const std::string& text, bool* ok, int base) {
     char* end = nullptr;
     errno = 0;
-    bool digit = !text.empty() && std::isalnum(static_cast<unsigned char>(text[0])) != 0;
+    const size_t first = text.find_first_not_of(" \t\n\v\f\r");
+    bool digit = first != std::string::npos && std::isalnum(static_cast<unsigned char>(text[first])) != 0;
     unsigned long value = digit ? strtoul(text.c_str(), &end, base) : 0;
     bool clean = digit && end != text.c_str() && *end == '\0' && errno == 0;
     if (ok != nullptr) *ok = clean;
