@@ -83,6 +83,7 @@ void TreeWatch::Drain() {
             memcpy(&event, buffer.data() + at, sizeof event);
             at += sizeof event;
             const char* name = buffer.data() + at;
+            if (event.len > static_cast<size_t>(got) - at) break;  // no kernel gives a part of one
             at += event.len;
             Take(event.wd, event.mask, {name, event.len == 0 ? 0 : strnlen(name, event.len)});
         }
