@@ -1,7 +1,7 @@
 // A regression of every kind, for the test of the gates: loaded into each process of an agent by the dynamic linker, it
 // adds threads that wake, open and read a file and append to another, descriptors that stay open, some private memory,
-// and itself as a library. More of each than the table leaves as room. Or, where that is asked for, one thread that does
-// nothing but open a file every few seconds.
+// and itself as a library. More of each than the table leaves as room. Or, where that is asked for, one thread that
+// does nothing but open a file every few seconds.
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
