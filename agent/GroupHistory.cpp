@@ -4,7 +4,7 @@
 #include <ctime>
 
 #include "HistoryRow.h"
-#include "base/ProcFiles.h"
+#include "base/Pressure.h"
 
 namespace agent {
 
@@ -12,12 +12,13 @@ namespace {
 
 /// How often a limit on memory was reached changes seldom, and needs one more file for each group.
 constexpr unsigned int kHitsEvery = 5;
+constexpr uint64_t kUsPerMs = 1000;
 
-void ReadPressure(const char* file, int64_t& some, int64_t* full) {
-    const base::Result<std::string> text = base::ReadProcText(file, base::kSmallProcBytes);
-    if (!text) return;
-    some = ParsePressureMs(*text, "some");
-    if (full != nullptr) *full = ParsePressureMs(*text, "full");
+void ReadWaits(base::PressureResource resource, int64_t& some, int64_t* full) {
+    const base::Result<base::Pressure> now = base::ReadPressure(resource);
+    if (!now) return;
+    some = static_cast<int64_t>(now->some.totalUs / kUsPerMs);
+    if (full != nullptr && now->full) *full = static_cast<int64_t>(now->full->totalUs / kUsPerMs);
 }
 
 }  // namespace
@@ -25,9 +26,9 @@ void ReadPressure(const char* file, int64_t& some, int64_t* full) {
 bool GroupHistory::GetExceptionInfo(std::map<std::string, std::string>& info) {
     HistoryRow row;
     row.groups = zel::ReadCgroupFigures(m_asked++ % kHitsEvery == 0);
-    ReadPressure(base::kCpuPressureFile, row.pressure.cpuMs, nullptr);
-    ReadPressure(base::kMemoryPressureFile, row.pressure.memoryMs, &row.pressure.memoryFullMs);
-    ReadPressure(base::kIoPressureFile, row.pressure.ioMs, &row.pressure.ioFullMs);
+    ReadWaits(base::PressureResource::kCpu, row.pressure.cpuMs, nullptr);
+    ReadWaits(base::PressureResource::kMemory, row.pressure.memoryMs, &row.pressure.memoryFullMs);
+    ReadWaits(base::PressureResource::kIo, row.pressure.ioMs, &row.pressure.ioFullMs);
     AddHistoryFigures(row, info);
     return true;
 }

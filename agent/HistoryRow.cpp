@@ -17,7 +17,6 @@ constexpr char kUsePrefix[] = "use/";
 constexpr char kPressureKey[] = "pressure";
 constexpr char kLeftOutKey[] = "use_left_out";
 constexpr size_t kMostKeyBytes = 200;
-constexpr int64_t kUsPerMs = 1000;
 constexpr size_t kJsonBytes = 6;  // quotes, colon and comma around a key and its value
 
 /// The numbers of a group in the order in which they stand.
@@ -72,25 +71,10 @@ void AddHistoryFigures(const HistoryRow& row, std::map<std::string, std::string>
         bytes += more;
         values.emplace(key, value);
     }
-    const HostPressure& pressure = row.pressure;
+    const StallTimes& pressure = row.pressure;
     values.emplace(kPressureKey, JoinNumbers<5>({pressure.cpuMs, pressure.memoryMs, pressure.memoryFullMs,
                                                  pressure.ioMs, pressure.ioFullMs}));
     if (leftOut > 0) values.emplace(kLeftOutKey, std::to_string(leftOut));
-}
-
-int64_t ParsePressureMs(const std::string& text, const std::string& kind) {
-    constexpr std::string_view kTotal = " total=";
-    for (size_t begin = 0; begin < text.size();) {
-        const size_t end = std::min(text.find('\n', begin), text.size());
-        const std::string_view line(text.data() + begin, end - begin);
-        begin = end + 1;
-        const size_t total = line.find(kTotal);
-        if (line.substr(0, kind.size() + 1) != kind + " " || total == std::string_view::npos) continue;
-        std::string_view number = line.substr(total + kTotal.size());
-        const int64_t us = TakeNumber(number);
-        return us < 0 ? -1 : us / kUsPerMs;
-    }
-    return -1;
 }
 
 base::Result<HistoryRow> ParseHistoryRow(int64_t time, const std::string& figures) {
@@ -106,7 +90,7 @@ base::Result<HistoryRow> ParseHistoryRow(int64_t time, const std::string& figure
         const std::string value = member.asString();
         std::string_view rest = value;
         if (key == kPressureKey) {
-            HostPressure& pressure = row.pressure;
+            StallTimes& pressure = row.pressure;
             for (int64_t* field :
                  {&pressure.cpuMs, &pressure.memoryMs, &pressure.memoryFullMs, &pressure.ioMs, &pressure.ioFullMs}) {
                 *field = TakeNumber(rest);

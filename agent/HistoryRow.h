@@ -19,7 +19,7 @@
 namespace agent {
 
 /// Stall times of the host since its boot, in ms; -1: the kernel keeps none.
-struct HostPressure {
+struct StallTimes {
     int64_t cpuMs = -1;
     int64_t memoryMs = -1;
     int64_t memoryFullMs = -1;
@@ -30,7 +30,7 @@ struct HostPressure {
 struct HistoryRow {
     int64_t time = 0;                        ///< seconds since the epoch
     std::vector<zel::CgroupFigures> groups;  ///< sorted by name
-    HostPressure pressure;
+    StallTimes pressure;
     int64_t leftOut = 0;  ///< groups for which there was no room
 };
 
@@ -40,9 +40,6 @@ constexpr size_t kMostRowBytes = 8192;
 
 /// The row's part of a collection of statistics. What is there already stays.
 void AddHistoryFigures(const HistoryRow& row, std::map<std::string, std::string>& values);
-
-/// "some" and "full" lines of a file below /proc/pressure. Returns: total stall time in ms; -1: no such line.
-int64_t ParsePressureMs(const std::string& text, const std::string& kind);
 
 /// Errors: kMalformed. Other keys are skipped; of a value that is no figure nothing is known.
 base::Result<HistoryRow> ParseHistoryRow(int64_t time, const std::string& figures);

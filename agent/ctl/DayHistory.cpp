@@ -61,12 +61,12 @@ void AddPressure(const HistoryRow& before, const HistoryRow& now, std::vector<Pr
     PressurePoint point;
     point.from = before.time;
     point.to = now.time;
-    const auto share = [&](int64_t HostPressure::*kind) {
+    const auto share = [&](int64_t StallTimes::*kind) {
         return std::min(kWhole, Share(Grown(before.pressure.*kind, now.pressure.*kind), seconds));
     };
-    point.cpu = share(&HostPressure::cpuMs);
-    point.memory = share(&HostPressure::memoryMs);
-    point.io = share(&HostPressure::ioMs);
+    point.cpu = share(&StallTimes::cpuMs);
+    point.memory = share(&StallTimes::memoryMs);
+    point.io = share(&StallTimes::ioMs);
     points.push_back(point);
 }
 

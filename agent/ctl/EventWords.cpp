@@ -14,16 +14,16 @@ namespace {
 
 constexpr size_t kSpoolDigits = 4;
 constexpr int64_t kMsPerSecond = 1000;
+constexpr Json::ArrayIndex kNamedConsumers = 3;
 
 struct TypeOfKind {
     const char* type;
     EventKind kind;
 };
-constexpr TypeOfKind kTypes[] = {{zel::kComponentEndMessage, EventKind::kComponentEnd},
-                                 {zel::kSelfKillMessage, EventKind::kSelfKill},
-                                 {zel::kThreadStallMessage, EventKind::kStall},
-                                 {zel::kUncleanStopMessage, EventKind::kUncleanStop},
-                                 {zel::kLimitDriftMessage, EventKind::kDrift}};
+constexpr TypeOfKind kTypes[] = {
+    {zel::kComponentEndMessage, EventKind::kComponentEnd}, {zel::kSelfKillMessage, EventKind::kSelfKill},
+    {zel::kThreadStallMessage, EventKind::kStall},         {zel::kUncleanStopMessage, EventKind::kUncleanStop},
+    {zel::kLimitDriftMessage, EventKind::kDrift},          {zel::kHostPressureMessage, EventKind::kPressure}};
 
 EventKind KindOf(const TailEvent& event, const Json::Value& body) {
     for (const TypeOfKind& known : kTypes) {
@@ -111,6 +111,22 @@ void WordDrift(const Json::Value& body, EventInWords& words) {
                  (FlagIn(body, "contested") ? ", contested" : "");
 }
 
+void WordPressure(const Json::Value& body, EventInWords& words) {
+    words.about = {"host"};
+    std::string list;
+    const Json::Value& consumers = body["consumers"];
+    for (Json::ArrayIndex i = 0; consumers.isArray() && i < consumers.size() && i < kNamedConsumers; ++i) {
+        if (!consumers[i].isObject()) continue;
+        const std::string component = WordIn(consumers[i], "component");
+        list += (list.empty() ? "; most of it by " : ", ") + WordIn(consumers[i], "name") + " (" +
+                std::to_string(NumberIn(consumers[i], "pid")) + ")";
+        if (!component.empty()) words.about.push_back(component);
+    }
+    words.what = "the host waits for " + WordIn(body, "resource") + ": " +
+                 std::to_string(NumberIn(body, "avg10_100times") / 100) + " % of the last 10 s" +
+                 (FlagIn(body, "goes_on") ? ", for an hour already" : "") + list;
+}
+
 }  // namespace
 
 std::string WordIn(const Json::Value& object, const char* key) {
@@ -145,6 +161,7 @@ EventInWords WordEvent(const TailEvent& event) {
         case EventKind::kStall: WordStall(body, words); break;
         case EventKind::kUncleanStop: WordUncleanStop(body, words); break;
         case EventKind::kDrift: WordDrift(body, words); break;
+        case EventKind::kPressure: WordPressure(body, words); break;
         case EventKind::kOther: break;
     }
     if (words.kind == EventKind::kHost) words.about = {"host"};

@@ -10,11 +10,11 @@
 
 namespace agent {
 
-enum class EventKind { kOom, kHost, kComponentEnd, kSelfKill, kStall, kUncleanStop, kDrift, kOther };
+enum class EventKind { kOom, kHost, kComponentEnd, kSelfKill, kStall, kUncleanStop, kDrift, kPressure, kOther };
 
 /// Short names as they are shown and typed, in the order of EventKind.
-constexpr const char* kEventKindNames[] = {"oom",   "host",         "component-end", "self-kill",
-                                           "stall", "unclean-stop", "drift",         "other"};
+constexpr const char* kEventKindNames[] = {"oom",          "host",  "component-end", "self-kill", "stall",
+                                           "unclean-stop", "drift", "pressure",      "other"};
 
 struct EventInWords {
     EventKind kind = EventKind::kOther;

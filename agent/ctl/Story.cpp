@@ -294,6 +294,12 @@ Story TellStory(const TailEvent& event, const Json::Value& record, const ConfigP
             story.done.push_back("told it; the agent's own limits do not depend on it");
             story.todo.push_back("free memory or disk space on the host");
             break;
+        case EventKind::kPressure:
+            story.measured.push_back(words.what);
+            story.done.push_back("told it; the agent's own limits do not depend on it");
+            story.todo.push_back("give those processes a limit of their own, or the host more of what it waits for; " +
+                                 std::string("thresholds: \"pressure\" in conf/agent.json"));
+            break;
         case EventKind::kOther: story.measured.push_back(words.what); break;
     }
     return story;

@@ -135,7 +135,8 @@ TEST(DayHistoryTest, ASpanIsANumberAndAUnit) {
 
 TEST(ReportMarksTest, EventsAreMarksOfTheirGroups) {
     const auto mark = [](const char* type, const char* body) {
-        const auto marks = MarksOfEvents({{"1", kBegin, "tervane", type, body}, {"0", kBegin - 1, "tervane", type, body}}, kBegin);
+        const auto marks =
+            MarksOfEvents({{"1", kBegin, "tervane", type, body}, {"0", kBegin - 1, "tervane", type, body}}, kBegin);
         return marks.size() == 1 ? marks[0] : Mark();
     };
     const Mark end = mark("T_MSG_COMPONENT_END", R"({"component":"QorNet","reason":"exit code 3"})");

@@ -95,6 +95,12 @@ const Row kRows[] = {
      EventKind::kDrift,
      {"QorNet", "collect-defense"},
      "memory was changed by somebody else: found a, wanted b; not put right: no right"},
+    {zel::kHostPressureMessage,
+     R"({"resource":"io","avg10_100times":4250,"goes_on":true,"consumers":[{"name":"backup","pid":8,"component":""},
+        {"name":"tervane","pid":9,"component":"QorNet"},7,{"name":"c","pid":10},{"name":"d","pid":11}]})",
+     EventKind::kPressure,
+     {"host", "QorNet"},
+     "the host waits for io: 42 % of the last 10 s, for an hour already; most of it by backup (8), tervane (9)"},
     {"T_MSG_NEW", "{\"a\":1}", EventKind::kOther, {"tervane"}, "T_MSG_NEW"},
 };
 

@@ -103,16 +103,6 @@ TEST(HistoryRowTest, BearsAnythingInTheStore) {
     }
 }
 
-TEST(HistoryRowTest, ReadsTheKernelsPressure) {
-    const std::string text =
-        "some avg10=0.00 avg60=0.32 avg300=2.24 total=1417824398\nfull avg10=0.00 avg60=0.00 avg300=0.00 total=2999\n";
-    EXPECT_EQ(ParsePressureMs(text, "some"), 1417824);
-    EXPECT_EQ(ParsePressureMs(text, "full"), 2);
-    EXPECT_EQ(ParsePressureMs("some avg10=0.00", "some"), -1);
-    EXPECT_EQ(ParsePressureMs("some avg10=0.00 total=x\n", "some"), -1);
-    EXPECT_EQ(ParsePressureMs("", "full"), -1);
-}
-
 TEST(HistoryRowTest, RowsThatWaitComeAsLines) {
     const std::string text = FormatWaitingRows({{1700000000, "{\"a\":\"1\"}"}, {1700000060, "{\n}"}});
     const auto rows = ParseWaitingRows(text + "\nno row\n17x {}\n5");
