@@ -18,6 +18,7 @@ const char* CodeOf(LineKind kind) {
     switch (kind) {
         case LineKind::kTitle: return "\033[1m";
         case LineKind::kTableHead: return "\033[2m";
+        case LineKind::kNotice: return "\033[33m";
         case LineKind::kAlarm: return "\033[31m";
         case LineKind::kPlain: break;
     }
