@@ -59,7 +59,7 @@ TEST_F(CgroupStatusTest, TheTightestLimitOnTheWayUpCounts) {
     EXPECT_EQ("", status.cpu.advice);
 }
 
-TEST_F(CgroupStatusTest, TheCpuLimitAloneFollowsWhatIsToldAndWhereTheProcessIs) {
+TEST_F(CgroupStatusTest, TheCpuLimitAloneFollowsTheProcess) {
     GroupDir parent = Make(m_cpu);
     GroupDir leaf = std::move(*parent.MakeChild("leaf"));
     WaitingChild child;
