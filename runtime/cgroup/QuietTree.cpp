@@ -123,8 +123,10 @@ void QuietTree::NoteMembers(const GroupDir& leaf, const char* file) {
 
 void QuietTree::NoteThreads(int pid) {
     // One count serves the leaves of all hierarchies: the first one, since what began meanwhile is judged with it.
-    for (const Threads& known : m_threads) {
-        if (known.pid == pid) return;
+    for (Threads& known : m_threads) {
+        if (known.pid != pid) continue;
+        known.listedTwice = true;
+        return;
     }
     const Result<uint64_t> count = base::CountThreads(pid);
     m_complete = m_complete && count;
@@ -188,6 +190,11 @@ bool QuietTree::IsSame(const Tree& tree) {
            info.st_ino == tree.identity.inode;
 }
 
+bool QuietTree::IsSame(const Threads& threads) {
+    const Result<uint64_t> now = base::CountThreads(threads.pid);
+    return now && *now == threads.count;
+}
+
 bool QuietTree::IsSame(Members& members, int64_t nowMs) {
     const bool fresh = members.version == Version::kV2 || nowMs - members.readMs >= kFreshAfterMs;
     if (members.kept && fresh) {
@@ -205,13 +212,9 @@ bool QuietTree::Holds(int64_t nowMs) {
     m_watch.Drain();
     const Result<LayoutMark> layout = ReadLayoutMark();
     if (layout) FollowMounts(*layout);
-    const auto sameThreads = [](const Threads& threads) {
-        const Result<uint64_t> now = base::CountThreads(threads.pid);
-        return now && *now == threads.count;
-    };
     m_settled = layout && m_settled && m_watch.IsWhole() && m_watch.Changes() == m_changes &&
-                std::all_of(m_trees.begin(), m_trees.end(), [](const Tree& tree) { return IsSame(tree); }) &&
-                std::all_of(m_threads.begin(), m_threads.end(), sameThreads) &&
+                std::all_of(m_threads.begin(), m_threads.end(),
+                            [](const Threads& threads) { return threads.listedTwice || IsSame(threads); }) &&
                 std::all_of(m_members.begin(), m_members.end(), [&](Members& each) { return IsSame(each, nowMs); }) &&
                 StandsAsNoted(nowMs);
     return m_settled;
@@ -222,6 +225,12 @@ bool QuietTree::StandsAsNoted(int64_t nowMs) {
     if (nowMs - m_comparedAtMs < MostQuietMs()) return true;
     if (!m_comparable || nowMs - m_settledAtMs >= MostBelievedMs()) return false;
     m_comparedAtMs = nowMs;
+    return std::all_of(m_trees.begin(), m_trees.end(), [](const Tree& tree) { return IsSame(tree); }) &&
+           std::all_of(m_threads.begin(), m_threads.end(), [](const Threads& threads) { return IsSame(threads); }) &&
+           AreValuesAsNoted();
+}
+
+bool QuietTree::AreValuesAsNoted() {
     std::array<char, kPlaceBytes> buffer;  // not filled
     const auto sameText = [&](int fd, const std::string& text) {
         return base::RereadText(fd, buffer.data(), buffer.size()) == text;

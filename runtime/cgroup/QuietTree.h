@@ -1,10 +1,11 @@
 // Whether anything can have changed since a look at the whole tree found it in order. What the kernel tells by itself
 // is waited for (TreeWatch), what it does not tell is compared by one cheap call each: the mounts, this process's own
-// groups, which directory the tree is, the members of every leaf with a component in it, and how many threads those
-// components have. No file is opened for it where the kernel lets a list be kept open without keeping a mount busy.
-// After a minute of silence the limits themselves are compared as well, and where the processes are, through files that
-// stay open; so a hand that nothing has told of is noticed then. Everything is looked at from the start once in half an
-// hour, and each minute where the limits are too many, or cannot be kept open.
+// groups, the members of every leaf with a component in it, and how many threads those components have where one
+// hierarchy alone would show it. No file is opened for it where the kernel lets a list be kept open without keeping a
+// mount busy. After a minute of silence the limits themselves are compared as well, which directory the tree is, and
+// where the processes are, through files that stay open; so a hand that nothing has told of is noticed then. Everything
+// is looked at from the start once in half an hour, and each minute where the limits are too many, or cannot be kept
+// open.
 #pragma once
 
 #include <sys/types.h>
@@ -83,13 +84,16 @@ private:
     struct Threads {
         int pid = 0;
         uint64_t count = 0;
-        base::KeptFile place;  ///< its groups; a list of version 1 may be an old one
+        bool listedTwice = false;  ///< one that was born and moved away still shows in the other list
+        base::KeptFile place;      ///< its groups; a list of version 1 may be an old one
         std::string groups;
     };
     void NoteValue(const GroupDir& group, const char* file);
     void NotePlace(Threads& threads) const;
     void ForgetValues();
     bool StandsAsNoted(int64_t nowMs);
+    bool AreValuesAsNoted();
+    static bool IsSame(const Threads& threads);
     static bool IsSame(const Tree& tree);
     bool IsSame(Members& members, int64_t nowMs);
 

@@ -7,8 +7,11 @@
 #include <sys/syscall.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <iterator>
 #include <memory>
 #include <set>
+#include <thread>
 
 #include "AgentTreeFixture.h"
 #include "Branch.h"
@@ -312,6 +315,38 @@ TEST_F(UntoldTest, AMoveThatNoListShowsIsNoticedWithinAMinute) {
     EXPECT_FALSE(quiet.Holds(MostQuietMs()));
 }
 
+// Born and moved away between two looks, out of both hierarchies.
+TEST_F(UntoldTest, AThreadInNeitherListIsNoticedWithinAMinute) {
+    int begin[2] = {-1, -1};
+    ASSERT_EQ(0, pipe(begin));
+    const Child grows([&] {
+        char word = 0;
+        if (read(begin[0], &word, 1) != 1) return 1;
+        std::thread([] { pause(); }).join();
+        return 0;
+    });
+    const std::string tasks = "/proc/" + std::to_string(grows.Pid()) + "/task";
+    QuietTree oneList;
+    QuietTree twoLists;
+    for (QuietTree* each : {&oneList, &twoLists}) {
+        each->Begin();
+        each->NoteThreads(grows.Pid());
+        if (each == &twoLists) each->NoteThreads(grows.Pid());
+        each->Settle(true, 0);
+        ASSERT_TRUE(each->Holds(1));
+    }
+    ASSERT_EQ(1, write(begin[1], "x", 1));
+    const auto threads = [&] {
+        return std::distance(std::filesystem::directory_iterator(tasks), std::filesystem::directory_iterator());
+    };
+    while (threads() < 2) support::SleepMs(5);
+    EXPECT_FALSE(oneList.Holds(2));
+    EXPECT_TRUE(twoLists.Holds(MostQuietMs() - 1));
+    EXPECT_FALSE(twoLists.Holds(MostQuietMs()));
+    close(begin[0]);
+    close(begin[1]);
+}
+
 TEST_F(UntoldTest, WhatStandsIsComparedEachMinuteAndLookedAtInTheEnd) {
     int64_t now = 0;
     const auto compare = [&] {
@@ -324,7 +359,8 @@ TEST_F(UntoldTest, WhatStandsIsComparedEachMinuteAndLookedAtInTheEnd) {
     EXPECT_FALSE(quiet.Holds(MostBelievedMs()));
     if (!once.counted) GTEST_SKIP() << kNoTrace;
     EXPECT_EQ(0, once.opens);
-    EXPECT_EQ(between.all + (layout.cpuV2 ? 1 : 3), once.all) << "a call for each value, and for where the process is";
+    EXPECT_EQ(between.all + (layout.cpuV2 ? 3 : 4), once.all)
+        << "a call for each value, for where the process is, and for its threads";
 }
 
 TEST_F(UntoldTest, WhereLimitsCannotStayOpenEachMinuteIsALook) {
