@@ -170,7 +170,8 @@ struct CCgroupManager::Impl {
     int64_t passUs ZEL_GUARDED_BY(mutex) = 0;  ///< what the last measured one took
     OomRest oomRest ZEL_GUARDED_BY(mutex);
     HostKills hostKills ZEL_GUARDED_BY(mutex);
-    std::optional<uint64_t> lastKills ZEL_GUARDED_BY(mutex);  ///< at the poll before
+    std::optional<uint64_t> lastKills ZEL_GUARDED_BY(mutex);      ///< at the poll before
+    std::optional<uint64_t> observedKills ZEL_GUARDED_BY(mutex);  ///< before all counters were read for a change
 
     void Locate() ZEL_REQUIRES(mutex);
     void TellPlaces() ZEL_REQUIRES(mutex);
@@ -466,11 +467,14 @@ Status CCgroupManager::Impl::ReadOom() {
     return {};
 }
 
-/// Before groups are removed: what they have counted is kept. A failure here is told by the next poll.
+/// Before groups are removed: what they have counted is kept. Nobody counts while the kernel kills nobody on the whole
+/// host. A failure here is told by the next poll.
 void CCgroupManager::Impl::ObserveOom() {
     if (!inUse.memory) return;
-    Status read = ReadOom();
-    static_cast<void>(read);
+    const std::optional<uint64_t> kills = hostKills.Read();
+    if (kills && kills == observedKills && oom.HasBegun()) return;
+    const Status read = ReadOom();
+    observedKills = read ? kills : std::nullopt;
 }
 
 /// One operation: locked, with the hierarchies looked at afresh. A descriptor kept in a mount would keep an operator

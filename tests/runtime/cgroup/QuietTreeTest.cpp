@@ -403,6 +403,20 @@ TEST_F(QuietOomTest, AKillIsReportedAfterALongSilence) {
     for (int i = 0; i < 5; ++i) EXPECT_TRUE(PollOom().empty());
 }
 
+TEST_F(QuietOomTest, AChangeReadsTheCountersAfterAKillOnly) {
+    Build(0);
+    const std::vector<zel::CgroupComponentQuota> quotas = {Quota("Tervane", "main", 0, 0),
+                                                           Quota("QorHips", "collect-defense", 5000, 131072)};
+    const auto change = [&] { EXPECT_TRUE(manager->WriteComponentConfig(file, quotas, 35000, 1048576)); };
+    SystemCalls calm = CountSystemCalls(change, change);
+    if (!calm.counted) GTEST_SKIP() << kNoTrace;
+    // Somebody else's kill is looked into as well.
+    for (int i = 0; i < 2; ++i) calm.opens = std::min(calm.opens, CountSystemCalls(change, change).opens);
+    ASSERT_TRUE(WIFSIGNALED(Eat()));
+    EXPECT_GT(CountSystemCalls(change).opens, calm.opens);
+    EXPECT_EQ(2u, PollOom().size()) << "and the kill is reported";
+}
+
 // A snapshot between two polls takes nothing away from the second one.
 TEST_F(QuietOomTest, AKillThatASnapshotSawFirstIsReported) {
     Build(0);
