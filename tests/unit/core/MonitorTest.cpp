@@ -176,7 +176,7 @@ TEST_F(MonitorTest, ForwardsEveryQueryToThePrivateObjectUnchanged) {
     CMonitor& m = *m_monitor;
     doubles::FakeMonitorBase& base = platform().base;
 
-    for (const int level : {0, 1, 2, 7, -3}) {
+    for (const int level : {0, 1, 2, 7, -1, -3}) {
         base.cpuLevel = level;
         base.memLevel = level + 1;
         EXPECT_EQ(level, m.GetCpuUsageLevel());
@@ -201,14 +201,16 @@ TEST_F(MonitorTest, ForwardsEveryQueryToThePrivateObjectUnchanged) {
                   journal());
     }
 
-    base.maxCpu = 25;
-    base.maxMem = 0;
-    long cpu = 1, mem = 1;
-    EXPECT_TRUE(m.GetMaxCpu(cpu));
-    EXPECT_FALSE(m.GetMaxMem(mem));
-    EXPECT_EQ(25, cpu);
-    EXPECT_EQ(1, mem);
-    EXPECT_EQ(Lines({"CResourceMonitor::GetMaxCpu()", "CResourceMonitor::GetMaxMem()"}), journal());
+    for (const bool known : {true, false}) {
+        base.maxCpu = known ? 25 : 0;
+        base.maxMem = known ? 0 : 30;
+        long cpu = 1, mem = 1;
+        EXPECT_EQ(known, m.GetMaxCpu(cpu));
+        EXPECT_EQ(!known, m.GetMaxMem(mem));
+        EXPECT_EQ(known ? 25 : 1, cpu);
+        EXPECT_EQ(known ? 1 : 30, mem);
+        EXPECT_EQ(Lines({"CResourceMonitor::GetMaxCpu()", "CResourceMonitor::GetMaxMem()"}), journal());
+    }
 
     base.cpuLevel = 1;
     EXPECT_TRUE(m.IsCpuNeedLimit(1));

@@ -1,5 +1,6 @@
 // The resource configuration without enough memory. This file replaces the program's allocation functions: they refuse
-// requests of exactly one size while a test names it, and else do what the library's own do.
+// requests of exactly one size while a test names it, or one request after so many others, and else do what the
+// library's own do.
 #include <atomic>
 #include <cstdlib>
 #include <new>
@@ -10,10 +11,12 @@ namespace {
 
 std::atomic<size_t> refusedBytes{0};  // 0: none
 std::atomic<int> refusals{0};
+std::atomic<int> refusedAfter{-1};  // below 0: none
 
 void* Allocate(size_t bytes) noexcept {
     if (bytes == 0) bytes = 1;
-    if (bytes != refusedBytes) return malloc(bytes);
+    const bool isTurn = refusedAfter >= 0 && refusedAfter-- == 0;
+    if (bytes != refusedBytes && !isTurn) return malloc(bytes);
     ++refusals;
     return nullptr;
 }
@@ -80,6 +83,19 @@ protected:
         return !parsed && refusals > 0;
     }
 
+    /// Parses while one request fails, after so many others. Returns: whether the parse refused the file in order.
+    bool IsRefusedAfter(int requests) {
+        refusals = 0;
+        refusedAfter = requests;
+        bool parsed = true;
+        try {
+            parsed = pri().ParseMonitorConfig(m_path, m_config);
+        } catch (const std::bad_alloc&) {  // of the scripted platform, which remembers each call
+        }
+        refusedAfter = -1;
+        return !parsed && refusals == 1;
+    }
+
     std::string m_text, m_path;
     ResourceConfig m_config;
 };
@@ -88,6 +104,16 @@ TEST_F(OutOfMemoryTest, SaysThatFileCannotBeLoadedWhenItDoesNotFit) {
     EXPECT_TRUE(IsRefused(m_text.size() + 1));
     EXPECT_EQ(Lines({"CFileUtil::IsFile(" + m_path + ")", "W2 read resource monitor config fail"}), journal());
     EXPECT_EQ(0, m_config.maxCpu);
+}
+
+TEST_F(OutOfMemoryTest, WhereverItIsShortTheParserRefusesTheFile) {
+    const Lines refused{"CFileUtil::IsFile(" + m_path + ")", "W2 read resource monitor config fail"};
+    int times = 0;
+    for (int requests = 0; requests < 60; ++requests) {
+        if (IsRefusedAfter(requests) && journal() == refused) ++times;
+        journal();
+    }
+    EXPECT_GE(times, 4) << "section, names and values have a node each, beside the text itself";
 }
 
 TEST_F(OutOfMemoryTest, SaysNothingOfLoadedFileWhenValueDoesNotFit) {
