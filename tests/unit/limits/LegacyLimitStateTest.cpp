@@ -194,7 +194,9 @@ size_t PlaceInTable(Member member) {
     static_assert(sizeof member == 2 * sizeof(size_t), "not the ABI that the layout is shared in");
     size_t words[2];
     memcpy(words, &member, sizeof words);
-    return (words[0] - 1) / sizeof(void*);
+    // That it is a place in the table is told by the lowest bit: of the place, or on arm64 of what stands behind it.
+    const bool isBehind = (words[1] & 1) != 0;
+    return (isBehind ? words[0] : words[0] - 1) / sizeof(void*);
 }
 }  // namespace
 
