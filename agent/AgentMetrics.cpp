@@ -119,6 +119,19 @@ std::vector<zelhost::Metric> MakeAgentMetrics(const AgentFigures& figures) {
     return metrics;
 }
 
+std::vector<zelhost::Metric> MakeHoldBackMetrics(const std::vector<HoldBackFigures>& figures) {
+    constexpr double kMsPerSecond = 1000;
+    std::vector<zelhost::Metric> metrics;
+    for (size_t priority = 0; priority < figures.size(); ++priority) {
+        Samples samples(metrics, {{"priority", std::to_string(priority)}});
+        samples.Counter("zel_hold_back_answers_total", "Times that work of this priority was told to hold back.",
+                        static_cast<int64_t>(figures[priority].answers));
+        samples.Counter("zel_hold_back_seconds_total", "Time for which work of this priority was paused.",
+                        static_cast<int64_t>(figures[priority].sleptMs), kMsPerSecond);
+    }
+    return metrics;
+}
+
 std::vector<zelhost::Metric> MakeKeeperMetrics(const zel::CgroupKeeperStatus& keeper) {
     std::vector<zelhost::Metric> metrics;
     if (keeper.rounds == 0) return metrics;

@@ -21,6 +21,9 @@ struct AgentFigures {
 /// always given: a group as a whole has an empty component, the tree as a whole two empty labels. Pure.
 std::vector<zelhost::Metric> MakeAgentMetrics(const AgentFigures& figures);
 
+/// What workers of this process were told, by priority. Pure.
+std::vector<zelhost::Metric> MakeHoldBackMetrics(const std::vector<HoldBackFigures>& figures);
+
 /// What was put right on the tree, by kind of difference (label "kind"). None before the first look. Pure.
 std::vector<zelhost::Metric> MakeKeeperMetrics(const zel::CgroupKeeperStatus& keeper);
 

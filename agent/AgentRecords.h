@@ -53,6 +53,12 @@ struct PressureStatus {
     int64_t lastAt = 0;   ///< wall clock; 0: none yet
 };
 
+/// What work of one priority was told so far.
+struct HoldBackFigures {
+    uint64_t answers = 0;  ///< times it was told to hold back
+    uint64_t sleptMs = 0;  ///< for how long it was paused
+};
+
 /// What the workers of one kind did so far.
 struct WorkerFigures {
     int threads = 0;

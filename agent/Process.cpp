@@ -365,8 +365,10 @@ int Process::StartComponents() {
     m_components = std::make_unique<ComponentCare>(*m_monitor, m_pulses);
     m_components->Start(m_options, m_program);
     m_pressure = std::make_unique<HostPressure>(WakeMain);
-    m_services.SetMetricsSource(
-        [this](std::vector<zelhost::Metric>& metrics) { AddAgentMetrics(*m_components, *m_pressure, metrics); });
+    m_services.SetMetricsSource([this](std::vector<zelhost::Metric>& metrics) {
+        AddAgentMetrics(*m_components, *m_pressure, metrics);
+        AddHoldBackMetrics(*m_monitor, metrics);
+    });
     m_components->Tick(SecondsSinceBoot());  // before anything else that takes its time
     m_pressure->Follow(m_agentConfig->Current().pressure);
     m_history = std::make_unique<GroupHistory>();

@@ -34,6 +34,18 @@ int LimitMode() {
     return conf == nullptr ? 0 : static_cast<int>(conf->resourceLimitMode.Get());
 }
 
+/// The counts of each priority, and the answers now.
+std::vector<HoldBackFigures> ReadHoldBacks(CMonitor& monitor, bool (&now)[3]) {
+    std::vector<HoldBackFigures> figures;
+    for (unsigned int priority = 0; priority < 3; ++priority) {
+        unsigned long answers = 0;
+        unsigned long sleptMs = 0;
+        now[priority] = monitor.GetHoldBacks(priority, answers, sleptMs);
+        figures.push_back({answers, sleptMs});
+    }
+    return figures;
+}
+
 void FindWhyMissing(StatusReport& report) {
     if ((report.mode & (zel::kModeCpu | zel::kModeMemory)) != 0) report.undelegated = zel::UndelegatedService();
     report.cgroup.cpu.advice = AdviseOnMissing(report, report.cgroup.cpu, zel::kModeCpu);
@@ -51,9 +63,7 @@ StatusReport CollectStatus(const StatusSources& sources) {
     report.starting = !sources.pulse->HasBegun();
     report.mode = LimitMode();
     report.diskFull = sources.monitor->IsDiskFull();
-    for (unsigned int priority = 0; priority < 3; ++priority) {
-        report.cpuNeedLimit[priority] = sources.monitor->IsCpuNeedLimit(priority);
-    }
+    report.holdBacks = ReadHoldBacks(*sources.monitor, report.cpuNeedLimit);
     report.samplerRuns = sources.services->GetSamplerFigures(report.sampler);
     const int64_t second = SecondsSinceBoot();
     report.mainSilentSeconds = sources.pulse->MainSilentSeconds(second);
@@ -89,6 +99,12 @@ std::string ThreadReport(CMonitor& monitor) {
     unsigned int busiest = 0;
     monitor.GetThreadsInfo(report, &busiest);
     return report;
+}
+
+void AddHoldBackMetrics(CMonitor& monitor, std::vector<zelhost::Metric>& metrics) {
+    bool now[3] = {};
+    std::vector<zelhost::Metric> own = MakeHoldBackMetrics(ReadHoldBacks(monitor, now));
+    metrics.insert(metrics.end(), std::make_move_iterator(own.begin()), std::make_move_iterator(own.end()));
 }
 
 void AddAgentMetrics(const ComponentCare& components, const HostPressure& pressure,

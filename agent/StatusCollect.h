@@ -44,6 +44,9 @@ StatusReport CollectStatus(const StatusSources& sources);
 /// The per-thread CPU report, as it is also logged.
 std::string ThreadReport(CMonitor& monitor);
 
+/// Adds what workers of this process were told.
+void AddHoldBackMetrics(CMonitor& monitor, std::vector<zelhost::Metric>& metrics);
+
 /// Adds the agent's own metrics. The tree is read when somebody asks and not otherwise; one that cannot be read is one
 /// without samples.
 void AddAgentMetrics(const ComponentCare& components, const HostPressure& pressure,

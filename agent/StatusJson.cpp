@@ -117,6 +117,12 @@ void Fields(Io& io, Of<Io, WorkerFigures>& workers) {
 }
 
 template <class Io>
+void Fields(Io& io, Of<Io, HoldBackFigures>& figures) {
+    io("answers", figures.answers);
+    io("slept_ms", figures.sleptMs);
+}
+
+template <class Io>
 void Fields(Io& io, Of<Io, ComponentStatus>& component) {
     io("name", component.name);
     io("group", component.group);
@@ -209,6 +215,7 @@ void Fields(Io& io, Of<Io, StatusReport>& report) {
     io("mode_reason", report.modeReason);
     io("disk_full", report.diskFull);
     io.Each("cpu_need_limit", report.cpuNeedLimit);
+    io.List("hold_backs", report.holdBacks);
     io.Group("own", [&report](Io& own) { OwnFields<Io>(own, report); });
     io.Record("cpu", report.cgroup.cpu);
     io.Record("memory", report.cgroup.mem);

@@ -25,6 +25,7 @@ struct StatusReport {
     std::string modeReason;  ///< which limits hold this process, and why not others
     bool diskFull = false;
     bool cpuNeedLimit[3] = {false, false, false};  ///< answer per priority, now
+    std::vector<HoldBackFigures> holdBacks;        ///< by priority, since the process started
     zelhost::SamplerFigures sampler;
     bool samplerRuns = false;
     int64_t mainSilentSeconds = 0;      ///< for how long its main thread has done nothing; 0: it works

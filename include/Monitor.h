@@ -50,6 +50,9 @@ public:
     bool IsCpuNeedLimit(unsigned int priority);
     /// The same, and sleeps 5 or 10 ms when the answer is yes. Blocks.
     bool CpuLimit(unsigned int priority);
+    /// How often these two have said yes to work of this priority so far, and for how long CpuLimit has paused it.
+    /// Returns: the answer now, which does not count.
+    bool GetHoldBacks(unsigned int priority, unsigned long& answers, unsigned long& sleptMs);
     /// Returns: memory use is above its free level.
     bool IsMemBusy();
     /// Returns: every round of the window was at the maximum; the average of the last hour, minute or window reached

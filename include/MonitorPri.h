@@ -146,6 +146,10 @@ public:
     bool IsCpuNeedLimit(unsigned int priority);
     /// Asks and pauses. Blocks: up to 10 ms.
     bool CpuLimit(unsigned int priority);
+    /// How often the two above have told work of this priority to hold back so far, in this process, and for how long
+    /// CpuLimit has paused it. Returns: the answer now, which does not count; false and nothing set when there is no
+    /// such priority.
+    bool GetHoldBacks(unsigned int priority, unsigned long& answers, unsigned long& sleptMs);
     /// Returns: memory use is above its free level.
     bool IsMemBusy();
     /// Units: MB; percent. The maximum in force for the process's own sampling, which is the one it ends itself at.

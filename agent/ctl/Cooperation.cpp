@@ -34,6 +34,11 @@ void NoteLook(const StatusReport& component, HoldBack& seen) {
     seen.cpuLevel = component.sampler.cpuLevel;
     seen.memoryLevel = component.sampler.memLevel;
     ++seen.looks;
+    seen.told = seen.sleptMs = 0;
+    for (const HoldBackFigures& figures : component.holdBacks) {
+        seen.told += figures.answers;
+        seen.sleptMs += figures.sleptMs;
+    }
     for (size_t priority = 0; priority < kPriorities; ++priority) {
         seen.now[priority] = component.cpuNeedLimit[priority];
         if (seen.now[priority]) ++seen.held[priority];

@@ -21,6 +21,8 @@ struct HoldBack {
     std::array<bool, kPriorities> now{};       ///< the answer that it gives its workers
     std::array<uint64_t, kPriorities> held{};  ///< looks at which it was yes
     uint64_t looks = 0;
+    uint64_t told = 0;     ///< times its workers were told to, of all priorities
+    uint64_t sleptMs = 0;  ///< for how long they were paused
 };
 using Cooperation = std::map<std::string, HoldBack>;  // by component
 

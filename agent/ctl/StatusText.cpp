@@ -58,6 +58,21 @@ int DepthOf(const zel::CgroupNodeStatus& node) {
     return node.level == zel::CgroupLevel::kParent ? 0 : node.level == zel::CgroupLevel::kGroup ? 1 : 2;
 }
 
+/// How often work was told to hold back, when it was.
+void AddHeldBack(Lines& lines, const StatusReport& report) {
+    uint64_t told = 0;
+    uint64_t sleptMs = 0;
+    std::string each;
+    for (const HoldBackFigures& figures : report.holdBacks) {
+        told += figures.answers;
+        sleptMs += figures.sleptMs;
+        each += Text("%s%llu", each.empty() ? "" : ", ", Number(figures.answers));
+    }
+    if (told == 0) return;
+    Add(lines, Text("held back so far  %s times by priority, paused for %.1f s", each.c_str(),
+                    static_cast<double>(sleptMs) / 1000));
+}
+
 void AddOwnUse(Lines& lines, const StatusReport& report) {
     const zelhost::SamplerFigures& own = report.sampler;
     Add(lines,
@@ -78,6 +93,7 @@ void AddOwnUse(Lines& lines, const StatusReport& report) {
              report.cpuNeedLimit[1] ? "yes" : "no", report.cpuNeedLimit[2] ? "yes" : "no",
              report.diskFull ? "; the disk is full" : ""),
         report.diskFull ? LineKind::kAlarm : LineKind::kPlain);
+    AddHeldBack(lines, report);
     const std::pair<const char*, const WorkerFigures*> kinds[] = {{"greedy", &report.greedy},
                                                                   {"polite", &report.polite}};
     for (const auto& [name, worker] : kinds) {
@@ -218,7 +234,8 @@ void AddTree(Lines& lines, const StatusReport& report, const CpuShares& shares, 
 void AddCooperation(Lines& lines, const Cooperation& components) {
     Add(lines, "");
     AddRow(lines,
-           Text("%-19s%-11s%-14s%-10s%-10s%s", "holds back", "cpu level", "memory level", "prio 0", "prio 1", "prio 2"),
+           Text("%-19s%-11s%-14s%-10s%-10s%s", "holds back", "cpu level", "memory level", "prio 0", "prio 1",
+                "prio 2    looks    told so far    paused"),
            LineKind::kTableHead);
     for (const auto& [name, seen] : components) {
         std::string row = Text("  %-17s%-11d%-14d", name.c_str(), seen.cpuLevel, seen.memoryLevel);
@@ -226,7 +243,8 @@ void AddCooperation(Lines& lines, const Cooperation& components) {
             const uint64_t share = seen.held[priority] * 100 / std::max<uint64_t>(1, seen.looks);
             row += Text("%-4s%3llu %% ", seen.now[priority] ? "yes" : "no", Number(share));
         }
-        row += Text("of %llu looks", Number(seen.looks));
+        row += Text("of %-4llu %10llu %9.1fs", Number(seen.looks), Number(seen.told),
+                    static_cast<double>(seen.sleptMs) / 1000);
         AddRow(lines, row, seen.now[kPriorities - 1] ? LineKind::kNotice : LineKind::kPlain);
     }
 }

@@ -56,6 +56,10 @@ bool CMonitor::CpuLimit(unsigned int priority) {
     return m_pri != nullptr && m_pri->CpuLimit(priority);
 }
 
+bool CMonitor::GetHoldBacks(unsigned int priority, unsigned long& answers, unsigned long& sleptMs) {
+    return m_pri != nullptr && m_pri->GetHoldBacks(priority, answers, sleptMs);
+}
+
 bool CMonitor::IsMemBusy() {
     return m_pri != nullptr && m_pri->IsMemBusy();
 }

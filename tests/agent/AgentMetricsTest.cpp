@@ -209,3 +209,20 @@ TEST(AgentMetricsTest, TheKeeperCountsByKind) {
     }
     EXPECT_EQ(expected, values);
 }
+
+TEST(AgentMetricsTest, WhatWorkersWereToldCountsByPriority) {
+    std::map<std::string, double> values;
+    for (const Metric& metric : MakeHoldBackMetrics({{1, 0}, {20, 1500}, {300, 4000}})) {
+        ASSERT_EQ(1U, metric.labels.size());
+        EXPECT_EQ("priority", metric.labels[0].first);
+        EXPECT_EQ(zelhost::MetricType::kCounter, metric.type);
+        values[metric.name + "/" + metric.labels[0].second] = metric.value;
+    }
+    EXPECT_EQ((std::map<std::string, double>{{"zel_hold_back_answers_total/0", 1},
+                                             {"zel_hold_back_answers_total/1", 20},
+                                             {"zel_hold_back_answers_total/2", 300},
+                                             {"zel_hold_back_seconds_total/0", 0},
+                                             {"zel_hold_back_seconds_total/1", 1.5},
+                                             {"zel_hold_back_seconds_total/2", 4}}),
+              values);
+}

@@ -45,6 +45,7 @@ StatusReport FullReport() {
     report.modeReason = "mode 13: one group per component, v1";
     report.diskFull = true;
     for (bool& need : report.cpuNeedLimit) need = true;
+    report.holdBacks = {{1, 2}, {3, 4}, {5, 6}};
     report.samplerRuns = true;
     report.sampler.cpu100Times = 250;
     report.sampler.cpuMinute100Times = 260;
@@ -174,6 +175,8 @@ TEST(StatusJsonTest, KeepsTheNamesThatScriptsRead) {
                              ".mode_reason",
                              ".disk_full",
                              ".cpu_need_limit[0]",
+                             ".hold_backs[1].answers",
+                             ".hold_backs[2].slept_ms",
                              ".own.cpu_100times",
                              ".own.greedy.threads",
                              ".cpu.limit_100times",

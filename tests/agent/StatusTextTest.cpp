@@ -123,6 +123,7 @@ TEST(StatusTextTest, WhoHoldsBackIsATableOfItsOwn) {
     NoteLook(look, seen);
     look.sampler.cpuLevel = 2;
     look.cpuNeedLimit[0] = look.cpuNeedLimit[2] = true;
+    look.holdBacks = {{1, 0}, {20, 1500}, {300, 3000}};
     NoteLook(look, seen);
     NoteLook(look, seen);
     EXPECT_EQ(seen.looks, 3U);
@@ -131,11 +132,13 @@ TEST(StatusTextTest, WhoHoldsBackIsATableOfItsOwn) {
     PictureOptions options;
     options.cooperation = &cooperation;
     const auto lines = MakePicture(Report(), kShares, options);
-    const TextLine* row = Find(lines, " looks");
+    const TextLine* row = Find(lines, "% of 3 ");
     ASSERT_NE(nullptr, row);
-    EXPECT_EQ("  QorHips          2          0             yes  66 % no    0 % yes  66 % of 3 looks", row->text);
+    EXPECT_EQ("  QorHips          2          0             yes  66 % no    0 % yes  66 % of 3           321       4.5s",
+              row->text);
     EXPECT_EQ(LineKind::kNotice, row->kind);
-    EXPECT_EQ("  TervaneUpdate    0          0             no    0 % no    0 % no    0 % of 0 looks", (row + 1)->text);
+    EXPECT_EQ("  TervaneUpdate    0          0             no    0 % no    0 % no    0 % of 0             0       0.0s",
+              (row + 1)->text);
 }
 
 TEST(StatusTextTest, RowsOfATableAreCutRatherThanFolded) {

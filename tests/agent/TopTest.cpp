@@ -207,7 +207,7 @@ TEST_F(TopTest, ShowsWhoHoldsBackAndHowOften) {
     StartOnTerminal();
     ASSERT_TRUE(Await("holds back")) << m_text;
     ASSERT_TRUE(Await("  QorHips")) << m_text;
-    ASSERT_TRUE(Await("yes 100 % yes 100 % of 1 looks")) << m_text;
+    ASSERT_TRUE(Await("yes 100 % yes 100 % of 1 ")) << m_text;
     Press("q");
     ASSERT_TRUE(Await("summary after")) << m_text;
     EXPECT_EQ(0, ExitCode());

@@ -50,6 +50,34 @@ TEST_F(ThrottleQueriesTest, ThrottlesByLevelAndPriority) {
     }
 }
 
+TEST_F(ThrottleQueriesTest, CountsWhatItTellsWorkersByPriority) {
+    struct Counts {
+        unsigned long answers = 0;
+        unsigned long sleptMs = 0;
+    };
+    const auto read = [this](unsigned int priority, bool now) {
+        Counts counts;
+        EXPECT_EQ(now, pri().GetHoldBacks(priority, counts.answers, counts.sleptMs));
+        return counts;
+    };
+    platform().base.cpuLevel = 1;
+    const Counts zero = read(0, false), one = read(1, true), two = read(2, true);
+    EXPECT_FALSE(pri().CpuLimit(0));
+    EXPECT_TRUE(pri().IsCpuNeedLimit(1));
+    EXPECT_TRUE(pri().CpuLimit(1));
+    platform().base.cpuLevel = 2;
+    EXPECT_TRUE(pri().CpuLimit(1));
+    EXPECT_TRUE(pri().IsCpuNeedLimit(2));
+    platform().base.cpuLevel = 0;
+    EXPECT_FALSE(pri().CpuLimit(2));
+    EXPECT_EQ(read(0, false).answers, zero.answers);
+    EXPECT_EQ(read(1, false).answers, one.answers + 3);
+    EXPECT_EQ(read(1, false).sleptMs, one.sleptMs + 5 + 10);
+    EXPECT_EQ(read(2, false).answers, two.answers + 1) << "who asks for the counts is not told";
+    EXPECT_EQ(read(2, false).sleptMs, two.sleptMs);
+    EXPECT_EQ(read(3, false).answers, 0U) << "no such priority";
+}
+
 TEST_F(ThrottleQueriesTest, RefusesUnknownPriorityBeforeItAsks) {
     doubles::ForgetOnlineConf();  // not even the switch is looked up
     for (const int level : {0, 1, 2}) {
