@@ -38,6 +38,10 @@ protected:
         EXPECT_TRUE(ParseJson(text, view) && view.isObject()) << text;
         return view.isObject() ? view : Json::Value(Json::objectValue);
     }
+    std::string ConsoleProgram() const {
+        const std::string agent = AgentWords()[0];
+        return agent.substr(0, agent.rfind('/')) + "/tervanectl";
+    }
     std::string InForce(const std::string& key) {
         const Json::Value view = View({"config", "show"});
         EXPECT_TRUE(view["agent_runs"].asBool());
@@ -66,9 +70,7 @@ TEST_F(ConsoleTest, EventsAreShownFilteredAndFollowed) {
     EXPECT_EQ(count({"--component", "QorHips"}), 1u);
     EXPECT_EQ(count({"--component", "QorNet"}), 0u);
     EXPECT_EQ(count({"--type", "oom,drift"}), 0u);
-    const std::vector<std::string> words = AgentWords();
-    const std::string console = words[0].substr(0, words[0].rfind('/')) + "/tervanectl";
-    Child follower = Spawn({console, "--app-dir", Dir(), "events", "--follow"}, {}, NextOutput());
+    Child follower = Spawn({ConsoleProgram(), "--app-dir", Dir(), "events", "--follow"}, {}, NextOutput());
     const auto shows = [&](pid_t pid) {
         return Poll(kSettleSeconds,
                     [&] { return follower.Output().find("process " + std::to_string(pid)) != std::string::npos; });
@@ -117,7 +119,7 @@ using Schemas = std::map<std::string, std::map<std::string, std::string>>;
 Schemas ReadSchemas() {
     Schemas schemas;
     std::string schema;
-    for (const std::string& line : support::ReadLines(ZEL_CONSOLE_DOCUMENT)) {
+    for (const std::string& line : support::ReadLines(std::string(ZEL_DOCUMENTS) + "/docs/CONSOLE.md")) {
         std::smatch found;
         if (std::regex_match(line, found, std::regex("### (tervanectl\\.[a-z-]+)"))) schema = found[1];
         if (std::regex_match(line, found, std::regex("\\| `([^`]+)` \\| ([a-z ]+) \\|.*\\|"))) {
@@ -208,11 +210,63 @@ TEST_F(ConsoleTest, EachViewHoldsItsDocumentedSchema) {
     EXPECT_TRUE(agent.WaitEnd(kStopSeconds) >= 0);
 }
 
+/// The command lines of a text that stand behind `before` at the beginning of a line.
+std::vector<std::string> CommandsIn(const std::string& path, const std::string& before) {
+    std::vector<std::string> commands;
+    for (const std::string& line : support::ReadLines(path)) {
+        if (line.compare(0, before.size(), before) != 0 || line.compare(before.size(), 11, "tervanectl ") != 0)
+            continue;
+        commands.push_back(line.substr(before.size() + 11, line.find("  ", before.size()) - before.size() - 11));
+    }
+    return commands;
+}
+
+TEST_F(ConsoleTest, TheExamplesOfItsDocumentsRun) {
+    WriteConf("agent.json", "{\"version\": 1}");
+    Child agent = StartRunningAgent();
+    KillComponent();
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return !View({"events"})["events"].empty(); }));
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return ComponentPid("QorHips") > 0; }));
+    const std::string documents = ZEL_DOCUMENTS;
+    const std::vector<std::string> manual = CommandsIn(documents + "/man/tervanectl.8", ".Dl ");
+    const std::vector<std::string> configuration = CommandsIn(documents + "/docs/CONFIG.md", "    ");
+    EXPECT_GE(manual.size(), 6u);
+    EXPECT_GE(configuration.size(), 5u);
+    for (const std::vector<std::string>& commands : {manual, configuration}) {
+        for (const std::string& command : commands) {
+            std::string text;
+            const std::string line = "cd \"$1\" && \"$2\" --app-dir . " + command;
+            EXPECT_EQ(RunToEnd({"/bin/sh", "-c", line, "sh", Dir(), ConsoleProgram()}, text), 0) << command << "\n"
+                                                                                                 << text;
+        }
+    }
+    EXPECT_EQ(InForce("maxCpu"), "20") << "the last of them takes a removal back";
+    EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST_F(ConsoleTest, ColoursAreForTerminalsThatWantThem) {
+    if (!Exists("/usr/bin/script")) GTEST_SKIP() << "SKIP system: no script(1): no terminal to print on";
+    Child agent = StartRunningAgent();
+    const auto painted = [&](const std::string& setting) {
+        std::string text;
+        RunToEnd({"/usr/bin/env", "-u", "NO_COLOR", "TERM=xterm", setting, "/usr/bin/script", "-qec",
+                  ConsoleProgram() + " --app-dir " + Dir() + " status", "/dev/null"},
+                 text);
+        EXPECT_THAT(text, HasSubstr("process " + std::to_string(agent.Pid())));
+        return text.find('\033') != std::string::npos;
+    };
+    EXPECT_TRUE(painted("NO_COLOR="));
+    EXPECT_FALSE(painted("NO_COLOR=1"));
+    EXPECT_FALSE(painted("TERM=dumb"));
+    std::string text;
+    EXPECT_EQ(RunConsole({"status"}, text), 0);
+    EXPECT_EQ(text.find('\033'), std::string::npos);
+    EXPECT_EQ(agent.Stop(), 0);
+}
+
 TEST_F(ConsoleTest, AWatchedStatusGoesOnThroughARestart) {
     Child agent = StartRunningAgent();
-    const std::vector<std::string> words = AgentWords();
-    const std::string console = words[0].substr(0, words[0].rfind('/')) + "/tervanectl";
-    Child watch = Spawn({console, "--app-dir", Dir(), "status", "--watch", "--every", "1"}, {}, NextOutput());
+    Child watch = Spawn({ConsoleProgram(), "--app-dir", Dir(), "status", "--watch", "--every", "1"}, {}, NextOutput());
     const auto shows = [&](const std::string& text, size_t times) {
         return Poll(kSettleSeconds, [&] { return support::CountOf(watch.Output(), text) >= times; });
     };
