@@ -58,7 +58,9 @@ long long TimeOf(const std::string& line) {
 /// Collects one process's events, the newest first, until there are `query.most` and one more.
 class Collector {
 public:
-    Collector(const EventQuery& query, std::vector<std::string>& unread) : m_query(query), m_unread(unread) {}
+    /// `known`: a process of this name has run there, so no file means no events.
+    Collector(const EventQuery& query, bool known, std::vector<std::string>& unread)
+        : m_query(query), m_known(known), m_unread(unread) {}
 
     void ReadProcess(const std::string& path) {
         for (int old = 0; old <= kMostOldFiles && !m_done; ++old) {
@@ -68,9 +70,9 @@ public:
                 TakeLines(*text);
             } else if (text.GetError().kind != base::ErrorKind::kNotFound) {
                 m_unread.push_back(Unread(file, text.GetError()));
-            } else if (old == 0 && !m_query.process.empty()) {
-                m_unread.push_back(file + " is not there: no event was ever delivered by " + m_query.process +
-                                   ", or it is no process of this directory");
+            } else if (old == 0 && !m_query.process.empty() && !m_known) {
+                m_unread.push_back(file + " is not there: no process " + m_query.process +
+                                   " has run on this directory");
             }
         }
     }
@@ -98,6 +100,7 @@ private:
     }
 
     const EventQuery& m_query;
+    const bool m_known;
     std::vector<std::string>& m_unread;
     std::vector<TailEvent> m_found;
     bool m_done = false;
@@ -117,8 +120,9 @@ EventPage ReadEvents(const std::string& appDir, const EventQuery& query) {
         page.unread.push_back(Unread(files.GetError().path, files.GetError()));
         return page;
     }
+    const bool known = !query.process.empty() && base::ReadFileMark(LockFile(appDir, query.process)).exists;
     for (const std::string& file : *files) {
-        Collector collector(query, page.unread);
+        Collector collector(query, known, page.unread);
         collector.ReadProcess(file);
         std::vector<TailEvent>& found = collector.Found();
         page.events.insert(page.events.end(), found.rbegin(), found.rend());

@@ -189,7 +189,7 @@ bool MeansId(const std::string& word, const std::string& id) {
     const size_t typed = word.rfind('-');
     const size_t dash = id.rfind('-');
     if (typed == std::string::npos || dash == std::string::npos || typed == 0) return false;
-    return word.substr(typed) == id.substr(dash) && typed <= dash && id.compare(0, typed, word, 0, typed) == 0;
+    return word.substr(typed) == id.substr(dash) && id.compare(0, typed, word, 0, typed) == 0;
 }
 
 }  // namespace agent

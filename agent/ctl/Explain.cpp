@@ -2,19 +2,24 @@
 #include "Explain.h"
 
 #include <json/json.h>
+#include <sys/utsname.h>
 
 #include <cstdio>
+#include <optional>
 
 #include "AskAgent.h"
 #include "CtlExit.h"
 #include "EventLog.h"
 #include "EventWords.h"
 #include "JsonText.h"
+#include "MemoryRefusal.h"
 #include "Printable.h"
 #include "Story.h"
 #include "View.h"
 #include "base/FilePath.h"
 #include "base/TrustedRead.h"
+#include "platform/zel/AgentNames.h"
+#include "platform/zel/LimitKeys.h"
 
 namespace agent {
 
@@ -59,10 +64,34 @@ int Print(const ExplainOptions& options, const Story& story, const TailEvent* ev
     return kOk;
 }
 
+/// What keeps the legacy mode from asking the kernel for a memory limit at all.
+void AddMemoryRefusal(const ExplainOptions& options, const StatusReport& report, const ConfigPicture& picture,
+                      Story& story) {
+    if ((report.mode & zel::kModeMemory) == 0 || report.unified || HoldsOwnLimit(report.cgroup.mem)) return;
+    if (const std::optional<MemoryPause> pause = ReadMemoryPause(options.appDir, report.now)) {
+        story.measured.push_back("the memory limit is " + DescribePause(*pause) + ", as " + pause->path + " has it");
+        story.todo.push_back("remove the reason that the log names, then remove " + pause->path + " to try at once");
+    }
+    const ConfigRow* row = FindRow(picture, zel::kKernelRangeKey.resourceName);
+    const bool named = row != nullptr && !row->file.empty();
+    const std::string path = named ? row->file : PathOf(ConfigFile::kResource, options.appDir);
+    const base::Result<std::string> text = ReadConfigText(path);
+    utsname kernel{};
+    const std::string refusal = text && uname(&kernel) == 0 ? ExplainKernelList(*text, kernel.release) : "";
+    if (refusal.empty()) return;
+    story.measured.push_back("the memory limit is refused by " + path + ": " + refusal);
+    if (row != nullptr) story.limits.push_back({row->key + " " + row->value, OriginOf(*row), row->note});
+    story.todo.push_back("name this kernel in " + std::string(zel::kKernelRangeKey.resourceName) +
+                         " if its memory limits are known to work");
+}
+
 int ExplainLimits(const ExplainOptions& options) {
     const base::Result<StatusReport> report = ReadStatus(AskAgent(options.appDir, options.process, "status"));
     if (!report) return Fail(kUnreachable, report.GetError().Text());
-    return Print(options, TellLimits(*report, ReadConfigPicture(options.appDir, options.process)), nullptr);
+    const ConfigPicture picture = ReadConfigPicture(options.appDir, options.process);
+    Story story = TellLimits(*report, picture);
+    AddMemoryRefusal(options, *report, picture, story);
+    return Print(options, story, nullptr);
 }
 
 }  // namespace

@@ -55,8 +55,10 @@ protected:
 TEST_F(ConsoleTest, EventsAreShownFilteredAndFollowed) {
     Child agent = StartRunningAgent();
     std::string text;
-    EXPECT_EQ(RunConsole({"events"}, text), 2) << text;
-    EXPECT_THAT(text, HasSubstr("no event was ever delivered by tervane"));
+    EXPECT_EQ(RunConsole({"events"}, text), 0) << text;
+    EXPECT_EQ(text, "no event was delivered yet\n");
+    EXPECT_EQ(RunConsole({"events"}, text, "absent"), 2);
+    EXPECT_THAT(text, HasSubstr("no process absent has run on this directory"));
     const pid_t first = KillComponent();
     const auto count = [&](const std::vector<std::string>& more) {
         std::vector<std::string> request{"events"};
@@ -111,6 +113,19 @@ TEST_F(ConsoleTest, AChangeIsInForceWhenTheCommandEnds) {
     EXPECT_EQ(InForce("maxCpu"), "10");
     EXPECT_EQ(agent.Stop(), 0);
     ExpectNothingLeft();
+}
+
+TEST_F(ConsoleTest, ARefusedLimitIsExplainedByFileAndKey) {
+    WriteResource({{"resource_limit_mode", "4"}, {"mem_limit_kernel_range", "2.6.0-0,2.6.1-0"}});
+    Child agent = StartRunningAgent();
+    std::string text;
+    EXPECT_EQ(RunConsole({"explain", "limits"}, text), 0);
+    EXPECT_THAT(text, AllOf(HasSubstr("memory limit is asked for and not in force"),
+                            HasSubstr("the memory limit is refused by " + Conf("resource_config")),
+                            HasSubstr("mem_limit_kernel_range 2.6.0-0,2.6.1-0: " + Conf("resource_config") +
+                                      ", key mem_limit_kernel_range"),
+                            HasSubstr("name this kernel in mem_limit_kernel_range")));
+    EXPECT_EQ(agent.Stop(), 0);
 }
 
 /// The tables of the document: type by member, by schema.
