@@ -62,6 +62,7 @@ StatusReport CollectStatus(const StatusSources& sources) {
     report.uptimeSeconds = sources.startedAt == 0 ? 0 : SecondsSinceBoot() - sources.startedAt;
     report.starting = !sources.pulse->HasBegun();
     report.mode = LimitMode();
+    report.configProblem = sources.services->GetOnlineConfigProblem();
     report.diskFull = sources.monitor->IsDiskFull();
     report.holdBacks = ReadHoldBacks(*sources.monitor, report.cpuNeedLimit);
     report.samplerRuns = sources.services->GetSamplerFigures(report.sampler);

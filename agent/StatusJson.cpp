@@ -213,6 +213,7 @@ void Fields(Io& io, Of<Io, StatusReport>& report) {
     io("unified", report.unified);
     io("mode_in_force", report.modeInForce);
     io("mode_reason", report.modeReason);
+    io("config_problem", report.configProblem);
     io("disk_full", report.diskFull);
     io.Each("cpu_need_limit", report.cpuNeedLimit);
     io.List("hold_backs", report.holdBacks);

@@ -18,11 +18,12 @@ struct StatusReport {
     int pid = 0;
     int64_t now = 0;
     int64_t uptimeSeconds = 0;
-    bool starting = false;   ///< nothing has been looked at yet: what is not known to be wrong need not be well
-    int mode = 0;            ///< limit mode of the online configuration
-    bool unified = false;    ///< a component's group of the unified tree holds this process
-    int modeInForce = 0;     ///< bits of the limit mode that hold this process now
-    std::string modeReason;  ///< which limits hold this process, and why not others
+    bool starting = false;      ///< nothing has been looked at yet: what is not known to be wrong need not be well
+    int mode = 0;               ///< limit mode of the online configuration
+    bool unified = false;       ///< a component's group of the unified tree holds this process
+    int modeInForce = 0;        ///< bits of the limit mode that hold this process now
+    std::string modeReason;     ///< which limits hold this process, and why not others
+    std::string configProblem;  ///< why the online configuration's file is refused; empty while it is not
     bool diskFull = false;
     bool cpuNeedLimit[3] = {false, false, false};  ///< answer per priority, now
     std::vector<HoldBackFigures> holdBacks;        ///< by priority, since the process started

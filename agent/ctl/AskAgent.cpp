@@ -81,7 +81,8 @@ base::Result<Answer> AskAgent(const std::string& appDir, const std::string& name
     if (!connection) {
         const base::Error& error = connection.GetError();
         const bool absent = error.kind == base::ErrorKind::kNoServer || error.kind == base::ErrorKind::kNotFound;
-        return absent ? base::SentenceError(error.Text() + " (is the agent running?)", base::ErrorKind::kNotFound)
+        return absent ? base::Error{base::ErrorKind::kNotFound, error.error, "", "",
+                                    error.Text() + " (is the agent running?)"}
                       : base::SentenceError(error.Text(), error.kind);
     }
     // A line is less than what a socket takes at once. One that refuses us may have spoken and gone before it.

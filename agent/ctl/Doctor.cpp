@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <iterator>
 #include <optional>
@@ -35,6 +36,7 @@ using Findings = std::vector<DoctorFinding>;
 
 constexpr unsigned long kLeastFreeBytes = 64UL * 1024 * 1024;
 constexpr unsigned long kLeastFreeInodes = 32;
+constexpr size_t kShownLogLines = 3;
 
 DoctorFinding Ok(const std::string& what, const std::string& evidence = "") {
     return {Severity::kOk, what, evidence, ""};
@@ -130,6 +132,11 @@ Findings JudgeController(const char* name, const zel::CgroupControllerStatus& co
 Findings JudgeAgent(const base::Result<StatusReport>& report) {
     if (!report) {
         const std::string why = report.GetError().Text();
+        if (report.GetError().kind == base::ErrorKind::kNotFound && report.GetError().error == ECONNREFUSED) {
+            return {{Severity::kWarning,
+                     "no agent runs here, and the last one left its socket: it was killed or crashed", why,
+                     "start it again, the socket is no obstacle; the log then says what is known of the last end"}};
+        }
         if (report.GetError().kind == base::ErrorKind::kNotFound) return {Ok("no agent runs here", why)};
         return {{Severity::kProblem, "the agent does not answer", why,
                  "see whether its process is there, is stopped or hangs; start it, let it go on, or end it"}};
@@ -146,6 +153,18 @@ Findings JudgeAgent(const base::Result<StatusReport>& report) {
     }
     for (const Trouble& trouble : FindTrouble(*report)) {
         found.push_back({Severity::kProblem, trouble.what, "answer of the agent to status", trouble.remedy});
+    }
+    // What was refused and left everything as it was is no trouble that lasts, and only the log knows it.
+    const size_t shown = std::min(report->logLines.size(), kShownLogLines);
+    if (shown > 0) {
+        std::string lines;
+        for (auto line = report->logLines.end() - static_cast<std::ptrdiff_t>(shown); line != report->logLines.end();
+             ++line) {
+            lines += (lines.empty() ? "" : "\n               ") + *line;
+        }
+        found.push_back(Ok(Text("%llu warnings in the log of this run, these came last",
+                                static_cast<unsigned long long>(report->logCount)),
+                           lines));
     }
     return found;
 }

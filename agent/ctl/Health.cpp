@@ -171,6 +171,10 @@ void FindDelivery(const StatusReport& report, Troubles& found) {
 std::vector<Trouble> FindTrouble(const StatusReport& report) {
     Troubles found;
     if (report.starting) found.push_back({kStarting, "wait a few seconds"});
+    if (!report.configProblem.empty()) {
+        found.push_back({"the online configuration is refused and older values are in force: " + report.configProblem,
+                         "correct it there; it is read again at once"});
+    }
     FindLimits(report, found);
     FindLiftedLimits(report, found);
     if (report.unified) FindOtherLimits(report, found);

@@ -268,6 +268,10 @@ bool CHostServices::ReloadOnlineConfig(std::string& error) {
     return reloaded.Ok();
 }
 
+std::string CHostServices::GetOnlineConfigProblem() {
+    return m_impl->m_loader ? m_impl->m_loader->Problem() : "";
+}
+
 void CHostServices::RepeatOnlineConfig() {
     if (m_impl->m_loader) m_impl->m_loader->Repeat();
 }

@@ -137,7 +137,9 @@ Status CheckRoomUnder(const GroupDir& group, const MemLimit& old, int64_t bytes)
     const int64_t fixed = SumFixedBytes(*stat, group.GetVersion(), canSwap, swapped ? *swapped : 0);
     if (fixed <= bytes) return {};
     return Error{ErrorKind::kBusy, EBUSY, "set memory limit " + LimitText(bytes) + " on", group.Path(),
-                 "its processes hold " + LimitText(fixed) + " bytes that cannot be reclaimed: the kernel would kill"};
+                 "its processes hold " + LimitText(fixed) +
+                     " bytes that cannot be reclaimed: the kernel would kill; "
+                     "the limit stays as it was: ask for more memory, or have them use less"};
 }
 
 bool Above(int64_t a, int64_t b) {

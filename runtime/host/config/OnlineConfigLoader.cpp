@@ -277,7 +277,7 @@ base::Status COnlineConfigLoader::Check(bool force) {
     if (!text) return Refuse(base::ReasonOf(text.GetError(), m_path), force);
     const base::Result<OnlineValues> values = ParseOnlineConfig(*text);
     if (!values) return Refuse(values.GetError().Text(), true);
-    m_refusal.clear();
+    SetRefusal("");
     zel::CLogMessage::GetInstance()->log(zel::kLogInfo, "OnlineConfigLoader", __LINE__,
                                          "online configuration %s: %zu values taken over", m_path.c_str(),
                                          values->size());
@@ -287,7 +287,7 @@ base::Status COnlineConfigLoader::Check(bool force) {
 }
 
 base::Status COnlineConfigLoader::FallBack(bool force) {
-    m_refusal.clear();
+    SetRefusal("");
     if (!m_fileInForce) return {};
     zel::CLogMessage::GetInstance()->log(zel::kLogInfo, "OnlineConfigLoader", __LINE__,
                                          "online configuration %s is gone; its values fall back", m_path.c_str());
@@ -296,9 +296,20 @@ base::Status COnlineConfigLoader::FallBack(bool force) {
     return {};
 }
 
+void COnlineConfigLoader::SetRefusal(const std::string& reason) {
+    m_refusal = reason;
+    const base::MutexLock lock(m_lock);
+    m_problem = reason.empty() ? "" : m_path + ": " + reason;
+}
+
+std::string COnlineConfigLoader::Problem() {
+    const base::MutexLock lock(m_lock);
+    return m_problem;
+}
+
 base::Status COnlineConfigLoader::Refuse(const std::string& reason, bool force) {
     const bool isNews = reason != m_refusal;
-    m_refusal = reason;
+    SetRefusal(reason);
     if (!isNews && !force) return base::SentenceError(reason);
     zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "OnlineConfigLoader", __LINE__,
                                          "online configuration refused, the old values stay: %s: %s", m_path.c_str(),

@@ -43,6 +43,9 @@ public:
     /// Has the subscribers entered once more with the values in force.
     void Repeat();
 
+    /// Returns: file and reason while the file is refused; else empty.
+    std::string Problem();
+
     /// Between two looks where the kernel tells of changes: for what it cannot tell, such as another directory that
     /// was renamed into the path.
     static constexpr std::chrono::milliseconds kRareLook{60000};
@@ -80,6 +83,7 @@ private:
     base::FileMark LookAtFile() const;
     base::Status FallBack(bool force);
     base::Status Refuse(const std::string& reason, bool force);
+    void SetRefusal(const std::string& reason);
     void Accept(const OnlineValues& values, bool force);
 
     COnlineClientConf& m_conf;
@@ -112,6 +116,7 @@ private:
     uint64_t m_reloadDone ZEL_GUARDED_BY(m_lock) = 0;
     bool m_repeatWanted ZEL_GUARDED_BY(m_lock) = false;
     base::Status m_reloadOutcome ZEL_GUARDED_BY(m_lock);
+    std::string m_problem ZEL_GUARDED_BY(m_lock);  // the refusal, with its file
     std::vector<IOnlineClientConfNotify*> m_newSubscribers ZEL_GUARDED_BY(m_lock);
 
     std::unique_ptr<base::WorkQueue> m_jobs;  // ends before what its job uses

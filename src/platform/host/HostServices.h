@@ -72,6 +72,9 @@ public:
 
     /// Reads the online configuration again now. Returns: false when it was refused; `error` has the reason.
     bool ReloadOnlineConfig(std::string& error);
+    /// Returns: file and reason while the online configuration's file is refused and older values are in force; else
+    /// empty.
+    std::string GetOnlineConfigProblem();
     /// Has the online configuration's subscribers entered once more, with the values in force, on the thread that
     /// always enters them: what they decide by may have changed beside the values. Does not wait for them.
     void RepeatOnlineConfig();
