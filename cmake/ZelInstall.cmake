@@ -26,7 +26,7 @@ configure_file(packaging/zelMonitorModule.pc.in zelMonitorModule.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelMonitor.pc ${CMAKE_CURRENT_BINARY_DIR}/zelMonitorModule.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 # What an agent maker reads and begins with.
-install(FILES docs/EMBEDDING.md docs/CONFIG.md docs/CGROUP.md docs/EVENTS.md docs/METRICS.md
+install(FILES docs/EMBEDDING.md docs/CONFIG.md docs/CGROUP.md docs/EVENTS.md docs/LOG.md docs/METRICS.md
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzelmonitor-dev COMPONENT dev)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzelmonitor-dev COMPONENT dev)
 foreach(library zelHost zelMonitor)
