@@ -46,6 +46,8 @@ if(TARGET tervane)
   install(FILES packaging/tervane.tmpfiles DESTINATION lib/tmpfiles.d RENAME tervane.conf COMPONENT agent)
   install(DIRECTORY agent/conf/ DESTINATION ${CMAKE_INSTALL_DATADIR}/tervane/conf COMPONENT agent
     PATTERN demo_components.json EXCLUDE)
+  install(FILES docs/OPERATING.md docs/CONFIG.md docs/EVENTS.md docs/LOG.md docs/METRICS.md
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tervane COMPONENT agent)
   install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/tervane COMPONENT agent)
   install(FILES man/tervane.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT agent)
   install(FILES agent/conf/resource_config agent/conf/components.json DESTINATION /etc/tervane

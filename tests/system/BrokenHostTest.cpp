@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <sstream>
 
 #include "AgentFixture.h"
 
@@ -191,6 +192,42 @@ TEST_F(BrokenHostTest, AConfigurationFileBelongsToAnotherUser) {
     EXPECT_EQ(ExitCodeOf(agent.WaitEnd(kSettleSeconds)), 14) << agent.Output();
     EXPECT_NE(agent.Output().find("chown"), std::string::npos) << agent.Output();
     ExpectDoctorNames("resource_config is not used", "take that right away");
+}
+
+/// The commands of a document's blocks that are marked to be run.
+std::vector<std::string> CommandsOf(const std::string& text) {
+    std::vector<std::string> commands;
+    std::istringstream lines(text);
+    bool marked = false;
+    for (std::string line; std::getline(lines, line);) {
+        if (line == "<!-- run -->") {
+            marked = true;
+        } else if (line.compare(0, 4, "    ") != 0 && !line.empty()) {
+            marked = false;
+        } else if (marked && !line.empty()) {
+            commands.push_back(line.substr(4));
+        }
+    }
+    return commands;
+}
+
+TEST_F(BrokenHostTest, EachCommandForOperatorsWorksOnAHealthyHost) {
+    const std::vector<std::string> commands = CommandsOf(ReadText(ZEL_OPERATING_DOCUMENT));
+    ASSERT_GE(commands.size(), 8U);
+    WriteResource({{"max_cpu", "100"}, {"max_memory", "400"}, {"resource_limit_mode", "13"}});
+    Child agent = StartRunningAgent();
+    std::string text;
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return RunConsole({"check"}, text) == 0; })) << text;
+    for (const std::string& command : commands) {
+        std::istringstream split(command);
+        std::vector<std::string> words;
+        for (std::string word; split >> word;) words.push_back(word);
+        ASSERT_EQ(words[0], "tervanectl") << command;
+        words.erase(words.begin());
+        EXPECT_EQ(RunConsole(words, text), 0) << command << "\n" << text;
+        EXPECT_FALSE(text.empty()) << command;
+    }
+    StopAndExpectNothingLeft(agent);
 }
 
 }  // namespace
