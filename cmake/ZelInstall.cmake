@@ -49,6 +49,7 @@ if(TARGET tervane)
   install(FILES docs/OPERATING.md docs/CONFIG.md docs/EVENTS.md docs/LOG.md docs/METRICS.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tervane COMPONENT agent)
   install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/tervane COMPONENT agent)
+  install(FILES man/tervane.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT agent)
   install(FILES man/tervane.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT agent)
   install(FILES agent/conf/resource_config agent/conf/components.json DESTINATION /etc/tervane
     COMPONENT configuration EXCLUDE_FROM_ALL)
