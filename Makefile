@@ -8,6 +8,7 @@
 #   make matrix [ARGS=]      the agent on every kernel, layout and place of its own in guests; more than an hour
 #   make soak [FOR=600] [ARGS="--seed N"]  the agent through kills, drift, full disks and outages: nothing may grow
 #   make fuzz [FOR=600] [ARGS=FuzzX]  the fuzz targets with libFuzzer, the time divided among them
+#   make coverage            which lines and branches of src/ and runtime/ the tests without guests run
 #   make bench               build and measure every figure of docs/PERFORMANCE.md, beside a floor and peers
 #   make bench-peers         the same, after installing the peers from Debian without starting their services
 #   make bench-scale         what one more group, component, thread, descriptor and event costs, as a plot in docs/
@@ -23,7 +24,7 @@ ARGS ?=
 ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel AllFuzzers RuntimeBaseTests SweepModule
 TSAN_QUICK = UnitCore UnitLimits RuntimeBaseTests RuntimeUtilTests RuntimeIpcTests
 
-.PHONY: all run test test-all lint sanitize sanitize-module mutate mutate-sample matrix soak bench bench-peers bench-scale fuzz package install uninstall clean deps deps-build
+.PHONY: all run test test-all lint sanitize sanitize-module mutate mutate-sample matrix soak bench bench-peers bench-scale fuzz coverage package install uninstall clean deps deps-build
 
 all: deps
 	cmake --preset dev
@@ -90,6 +91,12 @@ matrix: deps
 	cmake --preset dev
 	cmake --build --preset dev -j $(JOBS) --target tervane tervanectl vmMatrixTests
 	tests/system/matrix/matrix.py --build build/dev --write docs/TESTING.md $(ARGS)
+
+# What the tests that need no guest run of src/ and runtime/, beside the bounds in scripts/coverage.
+coverage: deps
+	cmake --preset coverage
+	cmake --build --preset coverage -j $(JOBS)
+	scripts/coverage --build build/coverage $(ARGS)
 
 soak: deps
 	cmake --preset dev
