@@ -6,6 +6,7 @@
 #   make lint [ALL=1]        cppcheck on everything, clang-tidy on what has changed or on everything
 #   make mutate [SUITE=module] [ARGS=]  small faults planted in the sources: which of them does no test notice?
 #   make matrix [ARGS=]      the agent on every kernel, layout and place of its own in guests; more than an hour
+#   make portability [ARGS=]  the tree under C++20 and for arm64, with the tests that an emulator can run
 #   make soak [FOR=600] [ARGS="--seed N"]  the agent through kills, drift, full disks and outages: nothing may grow
 #   make fuzz [FOR=600] [ARGS=FuzzX]  the fuzz targets with libFuzzer, the time divided among them
 #   make coverage            which lines and branches of src/ and runtime/ the tests without guests run
@@ -24,7 +25,7 @@ ARGS ?=
 ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel AllFuzzers RuntimeBaseTests SweepModule
 TSAN_QUICK = UnitCore UnitLimits RuntimeBaseTests RuntimeUtilTests RuntimeIpcTests
 
-.PHONY: all run test test-all lint sanitize sanitize-module mutate mutate-sample matrix soak bench bench-peers bench-scale fuzz coverage package install uninstall clean deps deps-build
+.PHONY: all run test test-all lint sanitize sanitize-module mutate mutate-sample matrix portability soak bench bench-peers bench-scale fuzz coverage package install uninstall clean deps deps-build
 
 all: deps
 	cmake --preset dev
@@ -97,6 +98,10 @@ coverage: deps
 	cmake --preset coverage
 	cmake --build --preset coverage -j $(JOBS)
 	scripts/coverage --build build/coverage $(ARGS)
+
+portability:
+	scripts/install-deps --portability
+	JOBS=$(JOBS) scripts/portability $(ARGS)
 
 soak: deps
 	cmake --preset dev

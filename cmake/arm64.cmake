@@ -1,0 +1,18 @@
+# Debian's compiler for arm64, with the headers and libraries of that machine in a directory of their own (ZEL_ARM64_ROOT)
+# and its programs run by user-mode emulation: `make portability`.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
+set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ZEL_ARM64_ROOT)
+# The loader by its path here: an emulator that looks for it below a directory looks there for "/" as well.
+set(CMAKE_EXE_LINKER_FLAGS_INIT -Wl,--dynamic-linker=${ZEL_ARM64_ROOT}/lib/ld-linux-aarch64.so.1)
+set(CMAKE_SYSROOT ${ZEL_ARM64_ROOT})
+set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(ENV{PKG_CONFIG_SYSROOT_DIR} ${ZEL_ARM64_ROOT})
+set(ENV{PKG_CONFIG_LIBDIR} ${ZEL_ARM64_ROOT}/usr/lib/aarch64-linux-gnu/pkgconfig:${ZEL_ARM64_ROOT}/usr/share/pkgconfig)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64;-E;LD_LIBRARY_PATH=${ZEL_ARM64_ROOT}/lib/aarch64-linux-gnu:${ZEL_ARM64_ROOT}/usr/lib/aarch64-linux-gnu)
