@@ -61,6 +61,11 @@ void MakeUnit(const std::string& path, uid_t user) {
                           "mount -t cgroup -o none,name=systemd cgroup /sys/fs/cgroup/systemd 2>&1"),
                   "");
     }
+    // What a service manager does when it mounts this: limits hold for groups below. From 5.11 on they always do.
+    const std::string hierarchical = MountOf("memory") + "/memory.use_hierarchy";
+    if (ReadText(hierarchical) == "0\n") {
+        ASSERT_TRUE(WriteText(hierarchical, "1")) << strerror(errno);
+    }
     for (const std::string& mount : Mounts()) {
         const std::string slice = mount + "/unit.slice";
         const std::string unit = mount + path;
