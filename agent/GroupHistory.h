@@ -1,10 +1,15 @@
 // What the main process adds to the statistics once a minute: the use of its groups and the host's pressure.
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <map>
 #include <string>
 
+#include "base/Pressure.h"
+#include "base/ProcFiles.h"
 #include "platform/host/MtIntf.h"
+#include "platform/zel/CgroupFigures.h"
 
 namespace agent {
 
@@ -20,7 +25,12 @@ public:
     bool GetExceptionInfo(std::map<std::string, std::string>& info) override;
 
 private:
+    /// Nothing is opened anew for a row.
+    void ReadWaits(base::PressureResource resource, int64_t& some, int64_t* full);
+
     unsigned int m_asked = 0;
+    zel::CCgroupFiguresReader m_reader;
+    std::array<base::KeptFile, base::kPressureResources> m_pressure;
 };
 
 }  // namespace agent

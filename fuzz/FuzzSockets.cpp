@@ -69,10 +69,11 @@ struct Console {
     std::atomic<int> stops{0};
     agent::ControlServer server{agent::ConsoleActions{
         [] { return std::string("{}"); }, [] { return std::string("m 1\n"); }, [] { return std::string("t\n"); },
+        [] { return std::string("{\"c\":1}"); },
         [] {
             return std::map<std::string, std::string>{{"k", "v"}};
         },
-        [](std::string&) { return true; }, [this] { ++stops; }}};
+        [] { return std::string("1700000000 {}\n"); }, [](std::string&) { return true; }, [this] { ++stops; }}};
     const std::string path = directory / "c";
 
     Console() { Require(server.Start(path).Ok(), "the server starts"); }

@@ -1,5 +1,5 @@
-// Use of each group for the history. Reads one file for each figure below the tree's open directory, and opens no
-// group.
+// Use of each group for the history. The files that are read each minute stay open where that keeps no mount busy; what
+// is read seldom is opened below the tree's directory, and no group is.
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +10,8 @@
 #include "kernel/CgroupFiles.h"
 #include "kernel/ControlText.h"
 #include "kernel/GroupDir.h"
+#include "kernel/Layout.h"
+#include "base/Mutex.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/CgroupFigures.h"
 #include "platform/zel/CgroupKeeper.h"
@@ -24,43 +26,110 @@ constexpr int64_t kUsPerMs = 1000;
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kBytesPerKb = 1024;
 
-/// One controller's tree, opened for one reading.
+/// Files that are kept open: each is a descriptor, and a page of the kernel's.
+constexpr size_t kMostKept = 64;
+constexpr long kPlentyOfDescriptors = 512;
+constexpr size_t kKeptBytes = 4096;
+
+/// Control files that stay open between two readings.
+class KeptFiles {
+public:
+    /// A reading begins: lets go of everything when the mounts have changed.
+    void Begin() {
+        const Result<LayoutMark> layout = ReadLayoutMark();
+        if (layout && layout->mounts == m_mounts) return;
+        m_files.clear();
+        m_keepsTime.clear();
+        m_mounts = layout ? layout->mounts : 0;
+    }
+    /// Nothing is read any more.
+    void End() { m_files.clear(); }
+    /// Returns: the file as it reads now; empty when it is not open, or its group is gone.
+    std::string Read(const std::string& group, const char* file) {
+        const auto kept = m_files.find(group + "/" + file);
+        if (kept == m_files.end()) return {};
+        char buffer[kKeptBytes];  // not filled
+        std::string text(base::RereadText(kept->second.Get(), buffer, sizeof buffer));
+        if (text.empty()) m_files.erase(kept);
+        return text;
+    }
+    void Keep(const std::string& group, Version version, const char* file) {
+        if (m_files.size() >= kMostKept || sysconf(_SC_OPEN_MAX) < kPlentyOfDescriptors) return;
+        const Result<GroupDir> dir = GroupDir::Open(group, version);
+        if (!dir) return;
+        base::Fd opened = dir->OpenDetached(file);
+        if (opened) m_files[group + "/" + file] = std::move(opened);
+    }
+    /// Whether the kernel keeps CPU time for groups of that tree, once it was looked at.
+    std::map<std::string, bool>& KeepsTime() { return m_keepsTime; }
+
+private:
+    uint64_t m_mounts = 0;
+    std::map<std::string, base::Fd> m_files;
+    std::map<std::string, bool> m_keepsTime;
+};
+
+/// One controller's tree during one reading.
 class Tree {
 public:
     /// Requires: paths of one controller, not empty. The shortest is the tree's own.
-    explicit Tree(const std::vector<const CgroupWanted*>& nodes) {
+    Tree(const std::vector<const CgroupWanted*>& nodes, KeptFiles& kept) : m_kept(kept) {
         const auto shortest = [](const CgroupWanted* a, const CgroupWanted* b) {
             return a->path.size() < b->path.size();
         };
         const CgroupWanted& top = **std::min_element(nodes.begin(), nodes.end(), shortest);
-        m_isV2 = top.isV2;
+        m_version = top.isV2 ? Version::kV2 : Version::kV1;
         m_path = top.path;
-        Result<GroupDir> opened = GroupDir::Open(m_path, m_isV2 ? Version::kV2 : Version::kV1);
-        if (opened) m_dir = std::move(*opened);
-        m_keepsTime = m_isV2 || (IsOpen() && m_dir.HasFile(v1::kCpuacctUsageNs));
     }
-    bool IsOpen() const { return m_dir.IsOpen(); }
-    bool IsV2() const { return m_isV2; }
+    bool IsV2() const { return m_version == Version::kV2; }
     /// Returns: whether the kernel keeps CPU time for groups there.
-    bool KeepsTime() const { return m_keepsTime; }
+    bool KeepsTime() {
+        if (IsV2()) return true;
+        const auto known = m_kept.KeepsTime().find(m_path);
+        if (known != m_kept.KeepsTime().end()) return known->second;
+        const bool keeps = Dir().IsOpen() && Dir().HasFile(v1::kCpuacctUsageNs);
+        if (Dir().IsOpen()) m_kept.KeepsTime()[m_path] = keeps;
+        return keeps;
+    }
     /// Returns: nothing for a path elsewhere.
     std::optional<std::string> NameOf(const std::string& path) const {
         if (path == m_path) return std::string();
         if (path.compare(0, m_path.size() + 1, m_path + "/") != 0) return std::nullopt;
         return path.substr(m_path.size() + 1);
     }
-    Result<std::string> Read(const std::string& name, const char* file) const { return m_dir.ReadBelow(name, file); }
-    int64_t Number(const std::string& name, const char* file) const {
-        const Result<std::string> text = Read(name, file);
+    Result<std::string> Read(const std::string& name, const char* file) {
+        if (!Dir().IsOpen()) return MakeError(ErrorKind::kNotFound, "open", m_path);
+        return Dir().ReadBelow(name, file);
+    }
+    /// The same of a file that is read at each reading.
+    Result<std::string> ReadKept(const std::string& name, const char* file) {
+        const std::string group = name.empty() ? m_path : m_path + "/" + name;
+        std::string text = m_kept.Read(group, file);
+        if (!text.empty()) return text;
+        Result<std::string> now = Read(name, file);
+        if (now) m_kept.Keep(group, m_version, file);
+        return now;
+    }
+    static int64_t NumberIn(const Result<std::string>& text) {
         const Result<int64_t> number = text ? ParseNumberOrMax(*text) : Result<int64_t>(text.GetError());
         return number ? *number : -1;
     }
 
 private:
+    /// Opened by the first who needs it.
+    const GroupDir& Dir() {
+        if (m_tried) return m_dir;
+        m_tried = true;
+        Result<GroupDir> opened = GroupDir::Open(m_path, m_version);
+        if (opened) m_dir = std::move(*opened);
+        return m_dir;
+    }
+
+    KeptFiles& m_kept;
     GroupDir m_dir;
+    bool m_tried = false;
     std::string m_path;
-    bool m_isV2 = false;
-    bool m_keepsTime = false;
+    Version m_version = Version::kV1;
 };
 
 int64_t Scaled(const std::map<std::string, int64_t>& values, const char* key, int64_t divisor) {
@@ -69,7 +138,7 @@ int64_t Scaled(const std::map<std::string, int64_t>& values, const char* key, in
 }
 
 /// CPU time of the processes that are in the group itself.
-int64_t ProcessMs(const Tree& tree, const std::string& name) {
+int64_t ProcessMs(Tree& tree, const std::string& name) {
     const Result<std::string> text = tree.Read(name, kProcsFile);
     if (!text) return 0;
     int64_t ticks = 0;
@@ -80,8 +149,8 @@ int64_t ProcessMs(const Tree& tree, const std::string& name) {
     return ticks * kMsPerSecond / std::max(1L, sysconf(_SC_CLK_TCK));
 }
 
-void ReadCpu(const Tree& tree, CgroupFigures& out) {
-    const Result<std::string> text = tree.Read(out.name, v1::kCpuStat);
+void ReadCpu(Tree& tree, CgroupFigures& out) {
+    const Result<std::string> text = tree.ReadKept(out.name, v1::kCpuStat);
     if (!text) return;
     const std::map<std::string, int64_t> values = ParseFlatKeyed(*text);
     out.periods = Scaled(values, "nr_periods", 1);
@@ -92,13 +161,13 @@ void ReadCpu(const Tree& tree, CgroupFigures& out) {
         return;
     }
     out.throttledMs = Scaled(values, "throttled_time", kNsPerMs);
-    const int64_t usedNs = tree.KeepsTime() ? tree.Number(out.name, v1::kCpuacctUsageNs) : -1;
+    const int64_t usedNs = tree.KeepsTime() ? Tree::NumberIn(tree.ReadKept(out.name, v1::kCpuacctUsageNs)) : -1;
     if (usedNs >= 0) out.cpuMs = usedNs / kNsPerMs;
 }
 
 /// Where the kernel keeps no time for groups it is that of their processes, summed up from the leaves. Nothing but the
 /// leaves holds processes.
-void SumProcessTimes(const Tree& tree, std::map<std::string, CgroupFigures>& found) {
+void SumProcessTimes(Tree& tree, std::map<std::string, CgroupFigures>& found) {
     for (auto& [name, figures] : found) {
         const size_t slash = name.find('/');
         if (slash == std::string::npos || figures.cpuMs >= 0 || figures.periods < 0) continue;
@@ -110,12 +179,12 @@ void SumProcessTimes(const Tree& tree, std::map<std::string, CgroupFigures>& fou
     }
 }
 
-void ReadMemory(const Tree& tree, bool withHits, CgroupFigures& out) {
-    const int64_t bytes = tree.Number(out.name, tree.IsV2() ? v2::kMemCurrent : v1::kMemUsageBytes);
+void ReadMemory(Tree& tree, bool withHits, CgroupFigures& out) {
+    const int64_t bytes = Tree::NumberIn(tree.ReadKept(out.name, tree.IsV2() ? v2::kMemCurrent : v1::kMemUsageBytes));
     if (bytes >= 0) out.memoryKb = bytes / kBytesPerKb;
     if (!withHits || out.memoryLimitKb == 0) return;
     if (!tree.IsV2()) {
-        out.limitHits = tree.Number(out.name, v1::kMemFailCount);
+        out.limitHits = Tree::NumberIn(tree.Read(out.name, v1::kMemFailCount));
         return;
     }
     const Result<std::string> events = tree.Read(out.name, v2::kMemEvents);
@@ -123,10 +192,9 @@ void ReadMemory(const Tree& tree, bool withHits, CgroupFigures& out) {
 }
 
 void ReadController(Controller controller, const std::vector<const CgroupWanted*>& nodes, bool withHits,
-                    std::map<std::string, CgroupFigures>& found) {
+                    KeptFiles& kept, std::map<std::string, CgroupFigures>& found) {
     if (nodes.empty()) return;
-    const Tree tree(nodes);
-    if (!tree.IsOpen()) return;
+    Tree tree(nodes, kept);
     for (const CgroupWanted* node : nodes) {
         const std::optional<std::string> name = tree.NameOf(node->path);
         if (!name) continue;
@@ -144,15 +212,29 @@ void ReadController(Controller controller, const std::vector<const CgroupWanted*
 
 }  // namespace
 
-std::vector<CgroupFigures> ReadCgroupFigures(bool withHits) {
+struct CCgroupFiguresReader::Impl {
+    base::Mutex mutex;
+    KeptFiles kept ZEL_GUARDED_BY(mutex);
+};
+
+CCgroupFiguresReader::CCgroupFiguresReader() : m_impl(std::make_unique<Impl>()) {}
+CCgroupFiguresReader::~CCgroupFiguresReader() = default;
+
+std::vector<CgroupFigures> CCgroupFiguresReader::Read(bool withHits) {
     const CgroupKeeperStatus keeper = GetCgroupKeeperStatus();
     std::map<std::string, CgroupFigures> found;
+    const base::MutexLock lock(m_impl->mutex);
+    if (keeper.wanted.empty()) {
+        m_impl->kept.End();
+        return {};
+    }
+    m_impl->kept.Begin();
     for (const Controller controller : kAllControllers) {
         std::vector<const CgroupWanted*> nodes;
         for (const CgroupWanted& wanted : keeper.wanted) {
             if (wanted.controller == ControllerName(controller)) nodes.push_back(&wanted);
         }
-        ReadController(controller, nodes, withHits, found);
+        ReadController(controller, nodes, withHits, m_impl->kept, found);
     }
     std::vector<CgroupFigures> figures;
     figures.reserve(found.size());

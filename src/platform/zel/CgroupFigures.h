@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -24,9 +25,25 @@ struct CgroupFigures {
     int64_t limitHits = -1;  ///< times the memory limit was reached
 };
 
-/// Reads the figures of every group that the keeper looks after; none while it looks after nothing.
-/// `withHits`: also how often the limits on memory were reached, which is one more file for each group.
-/// Thread-safety: any thread. Blocks: for two or three small reads of the kernel's files for each group.
-ZEL_API std::vector<CgroupFigures> ReadCgroupFigures(bool withHits);
+/// Reads the figures of every group that the keeper looks after.
+/// Thread-safety: any thread.
+/// Lifetime: keeps the files that it reads each time open, at most 64, until the keeper looks after nothing at a
+/// reading, the mounts change, or it ends.
+class ZEL_API CCgroupFiguresReader {
+public:
+    CCgroupFiguresReader();
+    ~CCgroupFiguresReader();
+    CCgroupFiguresReader(const CCgroupFiguresReader&) = delete;
+    CCgroupFiguresReader& operator=(const CCgroupFiguresReader&) = delete;
+
+    /// `withHits`: also how often the limits on memory were reached, which is one more file for each group.
+    /// Returns: none while the keeper looks after nothing.
+    /// Blocks: for two or three small reads of the kernel's files for each group.
+    std::vector<CgroupFigures> Read(bool withHits);
+
+private:
+    struct Impl;
+    const std::unique_ptr<Impl> m_impl;
+};
 
 }  // namespace zel

@@ -14,8 +14,10 @@
 #include "DriftLedger.h"
 #include "Keeper.h"
 #include "OwnGroup.h"
+#include "base/FileIo.h"
 #include "platform/zel/CgroupFigures.h"
 #include "platform/zel/CgroupKeeper.h"
+#include "support/SystemCalls.h"
 
 namespace {
 
@@ -329,11 +331,12 @@ TEST_F(KeeperTest, TheComponentFileIsPutRightToldOnceAndCounted) {
 }
 
 TEST_F(KeeperTest, FiguresOfEachGroupStandBesideItsLimits) {
-    std::vector<zel::CgroupFigures> figures = zel::ReadCgroupFigures(true);
+    zel::CCgroupFiguresReader reader;
+    std::vector<zel::CgroupFigures> figures = reader.Read(true);
     // Reading costs the time that is to be seen.
     const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
     while (figures.size() == 5 && figures[4].cpuMs <= 0 && std::chrono::steady_clock::now() < end) {
-        figures = zel::ReadCgroupFigures(true);
+        figures = reader.Read(true);
     }
     std::vector<std::string> names;
     for (const zel::CgroupFigures& group : figures) names.push_back(group.name);
@@ -350,10 +353,28 @@ TEST_F(KeeperTest, FiguresOfEachGroupStandBesideItsLimits) {
     ASSERT_EQ(figures.size(), 5u);
     EXPECT_EQ(figures[0].cpuLimit100Times, 35000);
     EXPECT_GT(figures[4].cpuMs, 0) << "this process is in it";
-    const std::vector<zel::CgroupFigures> later = zel::ReadCgroupFigures(false);
+    const std::vector<zel::CgroupFigures> later = reader.Read(false);
     ASSERT_EQ(later.size(), 5u);
     EXPECT_GE(later[0].cpuMs, figures[4].cpuMs) << "and counts above it as well";
     for (const zel::CgroupFigures& group : later) EXPECT_EQ(group.limitHits, -1) << group.name;
+}
+
+TEST_F(KeeperTest, FiguresAreReadAgainWithoutAnOpenAndOfGroupsMadeAnew) {
+    zel::CCgroupFiguresReader reader;
+    ASSERT_EQ(reader.Read(false).size(), 5u);
+    const support::SystemCalls calls = support::CountSystemCalls([&] { reader.Read(false); });
+    if (!calls.counted) GTEST_SKIP() << "SKIP direct: this thread cannot be traced";
+    const base::Result<base::Fd> place = base::OpenOwnDirectory("/sys/fs/cgroup");
+    ASSERT_TRUE(place);
+    if (base::OpenDetachedView(place->Get())) EXPECT_EQ(calls.opens, 0);
+    Remove(cpuTree, kLeaf);
+    Round();
+    const std::vector<zel::CgroupFigures> anew = reader.Read(false);
+    ASSERT_EQ(anew.size(), 5u);
+    for (const zel::CgroupFigures& group : anew) {
+        EXPECT_GE(group.periods, 0) << group.name;
+        EXPECT_GE(group.memoryKb, 0) << group.name;
+    }
 }
 
 TEST_F(KeeperTest, TellsOnceAndSaysContestedWhenItGoesOn) {
