@@ -104,6 +104,17 @@ void Print(std::array<char, 64>& text, const char* format, Args... args) {
     std::snprintf(text.data(), text.size(), format, args...);
 }
 
+/// The number of a CPU clock: the id inverted above three bits, which say "scheduler's count" (2) and "of one thread"
+/// (4); pthread_getcpuclockid and clock_getcpuclockid make the same. Source: linux/posix-timers.h
+/// (MAKE_THREAD_CPUCLOCK).
+std::optional<int64_t> ReadCpuClockNs(long id, clockid_t bits) {
+    constexpr long kMostId = 1L << 22;  // the kernel's own bound (linux/threads.h, PID_MAX_LIMIT)
+    if (id <= 0 || id > kMostId) return std::nullopt;
+    timespec time{};
+    if (clock_gettime((-static_cast<clockid_t>(id) - 1) * 8 + bits, &time) != 0) return std::nullopt;
+    return static_cast<int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
+}
+
 }  // namespace
 
 ProcPath ProcessFile(int pid, const char* file) {
@@ -291,15 +302,13 @@ size_t CountOwnThreads() {
 }
 
 std::optional<int64_t> ReadOwnThreadCpuNs(long tid) {
-    // The number of a thread's CPU clock: its id inverted above three bits, which say "scheduler's count" (2) and "of
-    // one thread" (4); pthread_getcpuclockid makes the same of a handle. Source: linux/posix-timers.h
-    // (MAKE_THREAD_CPUCLOCK).
     constexpr clockid_t kCountOfOneThread = 6;
-    constexpr long kMostThreadId = 1L << 22;  // the kernel's own bound (linux/threads.h, PID_MAX_LIMIT)
-    if (tid <= 0 || tid > kMostThreadId) return std::nullopt;
-    timespec time{};
-    if (clock_gettime((-static_cast<clockid_t>(tid) - 1) * 8 + kCountOfOneThread, &time) != 0) return std::nullopt;
-    return static_cast<int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
+    return ReadCpuClockNs(tid, kCountOfOneThread);
+}
+
+std::optional<int64_t> ReadProcessCpuNs(int pid) {
+    constexpr clockid_t kCountOfAllThreads = 2;
+    return ReadCpuClockNs(pid, kCountOfAllThreads);
 }
 
 DescriptorCounter::~DescriptorCounter() {

@@ -131,6 +131,9 @@ Result<uint64_t> ReadOwnStatusNumber(std::string_view field);
 /// Returns: numbers of all processes, at most `most` of them, sorted.
 Result<std::vector<int>> ReadProcessIds(size_t most);
 bool ProcessExists(int pid);
+/// Time that a process has been on a CPU, in all its threads, those that ended too; its children's is not in it. No
+/// file is opened. Returns: nothing when there is no such process. Units: ns.
+std::optional<int64_t> ReadProcessCpuNs(int pid);
 /// Counts a process's threads without opening anything. Returns: a number that is another one when there are more or
 /// fewer. Kernel: the links of /proc/PID/task.
 Result<uint64_t> CountThreads(int pid);

@@ -21,7 +21,6 @@ namespace {
 
 using namespace cgroup;
 
-constexpr int64_t kMsPerSecond = 1000;
 constexpr int64_t kUsPerMs = 1000;
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kBytesPerKb = 1024;
@@ -139,14 +138,11 @@ int64_t Scaled(const std::map<std::string, int64_t>& values, const char* key, in
 
 /// CPU time of the processes that are in the group itself.
 int64_t ProcessMs(Tree& tree, const std::string& name) {
-    const Result<std::string> text = tree.Read(name, kProcsFile);
+    const Result<std::string> text = tree.ReadKept(name, kProcsFile);
     if (!text) return 0;
-    int64_t ticks = 0;
-    for (const int pid : ParsePids(*text)) {
-        const Result<base::ProcStat> stat = base::ReadProcessStat(pid);
-        if (stat) ticks += static_cast<int64_t>(stat->userTicks + stat->systemTicks);
-    }
-    return ticks * kMsPerSecond / std::max(1L, sysconf(_SC_CLK_TCK));
+    int64_t ns = 0;
+    for (const int pid : ParsePids(*text)) ns += base::ReadProcessCpuNs(pid).value_or(0);
+    return ns / kNsPerMs;
 }
 
 void ReadCpu(Tree& tree, CgroupFigures& out) {

@@ -397,6 +397,23 @@ TEST(OwnThreadsTest, TellsNameExistenceAndFigures) {
     EXPECT_EQ("", ReadKernelStack(tid));
 }
 
+TEST(ProcessCpuTest, IsTheKernelsClockOfAnyProcess) {
+    const auto clockOf = [](int pid) {
+        clockid_t clock = 0;
+        timespec time{};
+        EXPECT_EQ(0, clock_getcpuclockid(pid, &clock));
+        clock_gettime(clock, &time);
+        return static_cast<int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
+    };
+    for (const int pid : {getpid(), getppid()}) {
+        const int64_t before = clockOf(pid);
+        const int64_t between = ReadProcessCpuNs(pid).value_or(-1);
+        EXPECT_LE(before, between);
+        EXPECT_LE(between, clockOf(pid));
+    }
+    for (const int none : {0, -1, INT_MIN, INT_MAX}) EXPECT_FALSE(ReadProcessCpuNs(none)) << none;
+}
+
 TEST(DescriptorCounterTest, CountsOneByOne) {
     DescriptorCounter counter;
     EXPECT_LT(counter.Count(), 0) << "not open";
