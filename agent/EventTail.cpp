@@ -54,7 +54,8 @@ bool ParseEventLine(const std::string& line, TailEvent& event) {
     Json::Value object;
     if (!ParseObject(line, object)) return false;
     event.id = Word(object["id"]);
-    event.time = object["time"].isInt64() ? object["time"].asInt64() : 0;
+    constexpr Json::Int64 kMostSeconds = Json::Int64{1} << 40;
+    event.time = object["time"].isInt64() ? std::clamp<Json::Int64>(object["time"].asInt64(), 0, kMostSeconds) : 0;
     event.process = Word(object["process"]);
     event.type = Word(object["type"]);
     event.body = Word(object["body"]);

@@ -36,13 +36,17 @@ std::string JoinNumbers(const std::array<int64_t, kCount>& numbers) {
 }
 
 /// Returns: the number, -1 for an empty field and for anything else. `text` begins behind it afterwards.
+/// What can be reckoned with in hundredths of a percent.
+constexpr int64_t kMostFigure = int64_t{1} << 48;
+
 int64_t TakeNumber(std::string_view& text) {
     const size_t end = text.find(',');
     const std::string_view field = text.substr(0, end);
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
     int64_t number = -1;
     const auto read = std::from_chars(field.data(), field.data() + field.size(), number);
-    return read.ec == std::errc() && read.ptr == field.data() + field.size() && number >= 0 ? number : -1;
+    const bool known = read.ec == std::errc() && read.ptr == field.data() + field.size() && number >= 0;
+    return known && number <= kMostFigure ? number : -1;
 }
 
 int Limit(int64_t number) {

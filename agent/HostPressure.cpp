@@ -46,7 +46,7 @@ const base::PressureLine& LineOf(const base::Pressure& pressure, bool full) {
 std::string Refusal(const base::Error& error) {
     if (error.kind == base::ErrorKind::kNotFound) return "the kernel was built without pressure figures";
     if (error.error == EOPNOTSUPP) return "switched off: boot with psi=1";
-    if (error.kind == base::ErrorKind::kDenied) return "only root may ask for it before Linux 6.4";
+    if (error.kind == base::ErrorKind::kDenied) return "before Linux 6.4 it takes the right CAP_SYS_RESOURCE";
     return error.Text();
 }
 
@@ -75,23 +75,26 @@ void HostPressure::Follow(const PressureThresholds& thresholds) {
     m_thresholds = thresholds;
     for (const base::PressureResource resource : base::kAllPressureResources) {
         Watched& watched = m_watched[static_cast<size_t>(resource)];
-        Disarm(watched);
         watched.resource = resource;
         watched.trigger = TriggerFor(resource, thresholds);
+        watched.episode.ForgetArming();
+        watched.measureAt = 0;
+        watched.before = {};
         Arm(watched);
     }
 }
 
 void HostPressure::Arm(Watched& watched) {
+    Disarm(watched);
     const std::string off = "switched off in the configuration";
-    if (watched.trigger.percent == 0) return Publish(watched, SecondsSinceBoot(), &off);
+    if (watched.trigger.percent == 0) return Publish(watched, &off);
     std::string problem;
     if (m_loop == nullptr) m_loop = zel::JoinProcessLoop(problem);
-    if (m_loop == nullptr) return Publish(watched, SecondsSinceBoot(), &problem);
+    if (m_loop == nullptr) return Publish(watched, &problem);
     base::Result<base::Fd> file = base::OpenPressureTrigger(watched.resource, watched.trigger);
     if (!file) {
         problem = Refusal(file.GetError());
-        return Publish(watched, SecondsSinceBoot(), &problem);
+        return Publish(watched, &problem);
     }
     watched.file = std::move(*file);
     m_loop->Run([&] {
@@ -109,7 +112,7 @@ void HostPressure::Arm(Watched& watched) {
         watched.watch = std::move(watch);
     });
     if (watched.watch == nullptr) watched.file.Reset();
-    Publish(watched, SecondsSinceBoot(), &problem);
+    Publish(watched, &problem);
 }
 
 void HostPressure::Disarm(Watched& watched) {
@@ -129,7 +132,7 @@ void HostPressure::Tick(int64_t second, const ComponentCare& components) {
             Disarm(watched);  // its window would be counted on for nobody
             const bool toTell = watched.episode.Begin(second);
             if (toTell) BeginMeasuring(watched, second);
-            Publish(watched, second);
+            Publish(watched);
         }
         if (watched.measureAt != 0 && second >= watched.measureAt) {
             Report(watched, components.Members());
@@ -172,13 +175,13 @@ void HostPressure::Report(Watched& watched, const std::vector<zel::CgroupMember>
     }
     const std::vector<ProcessUse> after =
         LookAtProcesses(watched.resource == base::PressureResource::kIo, kMostProcesses);
-    facts.consumers =
-        FindTopConsumers(watched.before, after, elapsedMs, sysconf(_SC_CLK_TCK), watched.resource, kNamedConsumers);
+    facts.consumers = FindTopConsumers(watched.before, after, {watched.measuredFromMs, elapsedMs, sysconf(_SC_CLK_TCK)},
+                                       watched.resource, kNamedConsumers);
     watched.before = {};
     Deliver(zel::kHostPressureMessage, FormatStall(facts, members, time(nullptr)));
 }
 
-void HostPressure::Publish(const Watched& watched, int64_t second, const std::string* problem) {
+void HostPressure::Publish(const Watched& watched, const std::string* problem) {
     const base::MutexLock lock(m_lock);
     PressureStatus& status = m_status[static_cast<size_t>(watched.resource)];
     status.resource = base::PressureName(watched.resource);
@@ -192,16 +195,17 @@ void HostPressure::Publish(const Watched& watched, int64_t second, const std::st
     }
     if (status.stalls != watched.episode.Stalls()) status.lastAt = time(nullptr);
     status.stalls = watched.episode.Stalls();
-    status.lasts = watched.episode.IsUnderWay(second);
+    m_endsAt[static_cast<size_t>(watched.resource)] = watched.episode.EndsAt();
 }
 
 std::vector<PressureStatus> HostPressure::Status() const {
     std::vector<PressureStatus> out;
+    const int64_t second = SecondsSinceBoot();
     {
         const base::MutexLock lock(m_lock);
-        for (const PressureStatus& status : m_status) {
-            if (!status.resource.empty()) out.push_back(status);
-        }
+        if (m_status[0].resource.empty()) return out;  // before the first Follow
+        out.assign(m_status.begin(), m_status.end());
+        for (size_t i = 0; i < out.size(); ++i) out[i].lasts = second < m_endsAt[i];
     }
     for (size_t i = 0; i < out.size(); ++i) {
         const base::Result<base::Pressure> now = base::ReadPressure(base::kAllPressureResources[i]);

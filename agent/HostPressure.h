@@ -42,8 +42,12 @@ public:
     /// Returns: whether one is under way: until the kernel was asked for as long as it was not, and told of none.
     bool IsUnderWay(int64_t second) const { return m_endsAt != 0 && second < m_endsAt; }
     uint64_t Stalls() const { return m_stalls; }
+    /// The kernel is asked already.
+    void ForgetArming() { m_armAt = 0; }
     /// Returns: 0 when nothing is due.
     int64_t ArmAt() const { return m_armAt; }
+    /// Returns: the second from which on it is over; 0: there was none.
+    int64_t EndsAt() const { return m_endsAt; }
 
 private:
     uint64_t m_stalls = 0;
@@ -82,8 +86,8 @@ private:
         std::unique_ptr<base::IoWatch> watch;  // the loop's thread
         std::atomic<bool> fired{false};
         StallEpisode episode;
-        int64_t measureAt = 0;  // 0: nothing is being measured
-        int64_t measuredFromMs = 0;
+        int64_t measureAt = 0;       // 0: nothing is being measured
+        int64_t measuredFromMs = 0;  // since boot
         uint64_t totalUs = 0;
         std::vector<ProcessUse> before;
     };
@@ -92,7 +96,7 @@ private:
     void Disarm(Watched& watched);
     void BeginMeasuring(Watched& watched, int64_t second);
     void Report(Watched& watched, const std::vector<zel::CgroupMember>& members);
-    void Publish(const Watched& watched, int64_t second, const std::string* problem = nullptr);
+    void Publish(const Watched& watched, const std::string* problem = nullptr);
 
     void (*const m_wakeMain)();
     std::shared_ptr<base::IoLoop> m_loop;            // the process's; null while nothing is watched
@@ -101,6 +105,7 @@ private:
 
     mutable base::Mutex m_lock;
     std::array<PressureStatus, base::kPressureResources> m_status ZEL_GUARDED_BY(m_lock);
+    std::array<int64_t, base::kPressureResources> m_endsAt ZEL_GUARDED_BY(m_lock){};
 };
 
 /// A stall as the message has it.

@@ -32,15 +32,15 @@ int64_t Taken(const Consumer& consumer, base::PressureResource resource) {
     return consumer.cpu100Times;
 }
 
-Consumer Between(const ProcessUse& from, const ProcessUse& to, int64_t elapsedMs, long ticksPerSecond) {
+Consumer Between(const ProcessUse& from, const ProcessUse& to, const LookSpan& span) {
     Consumer out;
     out.pid = to.pid;
     out.name = to.name;
     const auto ticks = static_cast<int64_t>(Grown(from.cpuTicks, to.cpuTicks));
-    out.cpu100Times = ticks * kMsPerSecond * kHundredthsPerCpu / ticksPerSecond / elapsedMs;
+    out.cpu100Times = ticks * kMsPerSecond * kHundredthsPerCpu / span.ticksPerSecond / span.elapsedMs;
     out.residentKb = to.residentKb;
-    out.readKbps = KbPerSecond(Grown(from.io.readBytes, to.io.readBytes), elapsedMs);
-    out.writeKbps = KbPerSecond(Grown(from.io.writeBytes, to.io.writeBytes), elapsedMs);
+    out.readKbps = KbPerSecond(Grown(from.io.readBytes, to.io.readBytes), span.elapsedMs);
+    out.writeKbps = KbPerSecond(Grown(from.io.writeBytes, to.io.writeBytes), span.elapsedMs);
     return out;
 }
 
@@ -75,15 +75,16 @@ std::vector<ProcessUse> LookAtProcesses(bool withIo, size_t most) {
 }
 
 std::vector<Consumer> FindTopConsumers(const std::vector<ProcessUse>& before, const std::vector<ProcessUse>& after,
-                                       int64_t elapsedMs, long ticksPerSecond, base::PressureResource resource,
-                                       size_t count) {
+                                       const LookSpan& span, base::PressureResource resource, size_t count) {
     std::vector<Consumer> out;
+    const auto firstTicks = static_cast<uint64_t>(span.firstMs * span.ticksPerSecond / kMsPerSecond);
     for (const ProcessUse& use : after) {
         const auto known = std::lower_bound(before.begin(), before.end(), use.pid,
                                             [](const ProcessUse& one, int pid) { return one.pid < pid; });
         // A later process of the same number has not taken what the earlier one had.
         const bool same = known != before.end() && known->pid == use.pid && known->startTicks == use.startTicks;
-        Consumer consumer = Between(same ? *known : ProcessUse(), use, elapsedMs, ticksPerSecond);
+        const bool born = use.startTicks >= firstTicks;
+        Consumer consumer = Between(same ? *known : born ? ProcessUse() : use, use, span);
         if (Taken(consumer, resource) > 0) out.push_back(std::move(consumer));
     }
     std::stable_sort(out.begin(), out.end(), [&](const Consumer& one, const Consumer& other) {

@@ -35,10 +35,17 @@ struct Consumer {
 /// Reads /proc. Returns: sorted by number; those that cannot be read are left out.
 std::vector<ProcessUse> LookAtProcesses(bool withIo, size_t most);
 
+/// The time between two looks.
+struct LookSpan {
+    int64_t firstMs = 0;    ///< when the first look was over, since boot
+    int64_t elapsedMs = 1;  ///< more than 0
+    long ticksPerSecond = 100;
+};
+
 /// Returns: the `count` that took most of the resource, the greatest first; without those that took nothing. A process
-/// that began between the looks counts from its start. Requires: elapsedMs > 0. Pure.
+/// that began between the looks counts from its start; of one that the first look missed nothing is known but its
+/// memory. Pure.
 std::vector<Consumer> FindTopConsumers(const std::vector<ProcessUse>& before, const std::vector<ProcessUse>& after,
-                                       int64_t elapsedMs, long ticksPerSecond, base::PressureResource resource,
-                                       size_t count);
+                                       const LookSpan& span, base::PressureResource resource, size_t count);
 
 }  // namespace agent

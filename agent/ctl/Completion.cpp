@@ -143,14 +143,14 @@ std::string PlaceCases(const Table& table) {
 
 /// What both shells have in common: from `word`, `before`, `path`, `places` to `list` and `kind`.
 std::string Decision(const Table& table) {
-    return "    case \"$path $before\" in\n" + ValueCases(table) +
+    return "    case \"$way $before\" in\n" + ValueCases(table) +
            "    esac\n"
            "    if [ -z \"$kind\" ]; then\n"
            "        case \"$word\" in\n"
-           "        -*) case \"$path\" in\n" +
+           "        -*) case \"$way\" in\n" +
            OptionCases(table) +
            "            esac ;;\n"
-           "        *) if [ \"$places\" -eq 0 ]; then case \"$path\" in\n" +
+           "        *) if [ \"$places\" -eq 0 ]; then case \"$way\" in\n" +
            PlaceCases(table) +
            "            esac; fi ;;\n"
            "        esac\n"
@@ -165,17 +165,17 @@ std::string Step(const Table& table) {
            ValuedNames(table) +
            ") skip=2 ;;\n"
            "        -*|=) ;;\n"
-           "        *) case \"$path $one\" in\n"
+           "        *) case \"$way $one\" in\n"
            "            " +
            CommandNames(table) +
-           ") path=\"$path $one\" ;;\n"
+           ") way=\"$way $one\" ;;\n"
            "            *) places=$((places + 1)) ;;\n"
            "            esac ;;\n"
            "        esac\n";
 }
 
 std::string Locals() {
-    return std::string("    local path= places=0 skip=0 list= kind= one name dir=${ZEL_APP_DIR:-") +
+    return std::string("    local way= places=0 skip=0 list= kind= one name dir=${ZEL_APP_DIR:-") +
            zel::kDefaultAppDir + "}\n";
 }
 
@@ -196,13 +196,18 @@ std::string Bash(const Table& table) {
            Step(table) + "    done\n" + Decision(table) +
            "    COMPREPLY=()\n"
            "    case \"$kind\" in\n"
-           "    file) compopt -o filenames 2>/dev/null; COMPREPLY=($(compgen -f -- \"$word\")); return ;;\n"
-           "    directory) compopt -o filenames 2>/dev/null; COMPREPLY=($(compgen -d -- \"$word\")); return ;;\n"
+           "    file) compopt -o filenames 2>/dev/null; mapfile -t COMPREPLY < <(compgen -f -- \"$word\"); return ;;\n"
+           "    directory) compopt -o filenames 2>/dev/null; mapfile -t COMPREPLY < <(compgen -d -- \"$word\"); return "
+           ";;\n"
            "    process) for name in \"$dir\"/run/*.ctl; do\n"
-           "            [ ! -S \"$name\" ] || { name=${name##*/}; list=\"$list ${name%.ctl}\"; }\n"
+           "            [ -S \"$name\" ] || continue\n"
+           "            name=${name##*/}\n"
+           "            name=${name%.ctl}\n"
+           "            case \"$name\" in *[!A-Za-z0-9._-]*) continue ;; esac\n"  // the shell would expand it
+           "            list=\"$list $name\"\n"
            "        done ;;\n"
            "    esac\n"
-           "    COMPREPLY=($(compgen -W \"$list\" -- \"$word\"))\n"
+           "    mapfile -t COMPREPLY < <(compgen -W \"$list\" -- \"$word\")\n"
            "    case \"${COMPREPLY[0]}\" in *=) compopt -o nospace 2>/dev/null ;; esac\n"
            "    return 0\n"
            "}\n"
@@ -227,7 +232,11 @@ std::string Zsh(const Table& table) {
            "    file) _files; return ;;\n"
            "    directory) _files -/; return ;;\n"
            "    process) for name in \"$dir\"/run/*.ctl(N); do\n"
-           "            [ ! -S \"$name\" ] || { name=${name##*/}; list=\"$list ${name%.ctl}\"; }\n"
+           "            [ -S \"$name\" ] || continue\n"
+           "            name=${name##*/}\n"
+           "            name=${name%.ctl}\n"
+           "            case \"$name\" in *[!A-Za-z0-9._-]*) continue ;; esac\n"  // the shell would expand it
+           "            list=\"$list $name\"\n"
            "        done ;;\n"
            "    esac\n"
            "    case \"$list\" in\n"

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <optional>
@@ -17,6 +18,7 @@
 #include "ConfigJournal.h"
 #include "ConfigPicture.h"
 #include "CtlExit.h"
+#include "JsonText.h"
 #include "Printable.h"
 #include "View.h"
 #include "base/FileIo.h"
@@ -24,6 +26,7 @@
 #include "base/FileReplace.h"
 #include "base/TrustedRead.h"
 #include "platform/zel/AgentNames.h"
+#include "platform/zel/ToolUtil.h"
 
 namespace agent {
 
@@ -31,6 +34,8 @@ namespace {
 
 constexpr mode_t kNewFileMode = 0640;
 constexpr mode_t kOthersMayWrite = 022;
+constexpr int kLockTries = 50;
+constexpr unsigned int kLockPauseMs = 100;
 
 using Value = std::optional<std::string>;
 
@@ -54,7 +59,13 @@ base::Result<base::Fd> LockPlace(const std::string& appDir) {
                                    trusted.GetError().kind);
     }
     base::Result<base::Fd> directory = base::OpenOwnDirectory(place);
-    if (directory && flock(directory->Get(), LOCK_EX) != 0) return base::ErrnoError(errno, "lock", place);
+    if (!directory) return directory;
+    // Whoever may read the directory may hold the lock.
+    for (int tries = 0; flock(directory->Get(), LOCK_EX | LOCK_NB) != 0; ++tries) {
+        if ((errno != EWOULDBLOCK && errno != EINTR) || tries >= kLockTries)
+            return base::ErrnoError(errno, "lock", place, "another program holds it");
+        zel::CToolUtil::msleep(kLockPauseMs);
+    }
     return directory;
 }
 
@@ -150,10 +161,26 @@ std::vector<ConfigFinding> NewFindings(const Edit& edit, const std::string& chan
     return findings;
 }
 
+/// Returns: the resource file of the process that runs, when it was started with another; else empty.
+std::string OtherResourceFile(const ConfigOptions& options, const std::string& path) {
+    const base::Result<Answer> answer = AskAgent(options.appDir, options.process, "config");
+    const base::Result<Json::Value> root =
+        answer && answer->ok ? ParseJson(answer->body) : base::Result<Json::Value>(Json::Value());
+    if (!root || !root->isObject() || !(*root)["resource_config"].isString()) return "";
+    const std::string used = Printable((*root)["resource_config"].asString());
+    return used == path ? "" : used;
+}
+
 int Change(const ConfigOptions& options, const SettableKey& key, const Value& after) {
     const base::Result<base::Fd> lock = LockPlace(options.appDir);
     if (!lock) return Fail(kUnreachable, lock.GetError().Text());
-    base::Result<Edit> edit = BeginEdit(key, PathOf(key.file, options.appDir));
+    const std::string path = PathOf(key.file, options.appDir);
+    const std::string other = key.file == ConfigFile::kResource ? OtherResourceFile(options, path) : "";
+    if (!other.empty()) {
+        return Fail(kRefused, "the agent that runs reads " + other + ", not " + path + ": change " + key.name +
+                                  " there, by hand");
+    }
+    base::Result<Edit> edit = BeginEdit(key, path);
     if (!edit) return Fail(kUnreachable, edit.GetError().Text());
     const base::Result<std::string> changed = ChangeValue(key, after, edit->text);
     if (!changed)
@@ -164,7 +191,11 @@ int Change(const ConfigOptions& options, const SettableKey& key, const Value& af
     if (!journal) return Fail(kUnreachable, journal.GetError().Text());
     const Value now = FindValue(key, *changed);
     ConfigChange change{journal->lastRevision + 1, time(nullptr), geteuid(), edit->path, key.name, edit->before, now};
-    if (now == edit->before) return Fail(kOk, key.name + " is " + Shown(key, now) + " already, nothing is changed");
+    if (now == edit->before) {
+        const std::string same = key.name + " is " + Shown(key, now) + " already, nothing is changed";
+        change.revision = journal->lastRevision;
+        return options.json ? PrintChange(options, key, change, "nothing is changed", "") : Fail(kOk, same);
+    }
     journal->lastRevision = change.revision;
     journal->changes.push_back(change);
     base::Status written = WriteConfigJournal(options.appDir, *journal);
@@ -226,13 +257,16 @@ int Undo(const ConfigOptions& options) {
     if (!changed) return Fail(kRefused, last.file + ": " + changed.GetError().Text());
     const std::vector<ConfigFinding> findings = NewFindings(*edit, *changed);
     if (!findings.empty()) return Refuse(options, last.file, findings);
-    base::Status written = edit->before == last.before ? base::Status() : WriteConfig(last.file, *changed);
-    journal->changes.pop_back();
-    if (written) written = WriteConfigJournal(options.appDir, *journal);
+    const base::Status written = edit->before == last.before ? base::Status() : WriteConfig(last.file, *changed);
     if (!written) return Fail(kUnreachable, "nothing is undone: " + written.GetError().Text());
+    journal->changes.pop_back();
+    const base::Status listed = WriteConfigJournal(options.appDir, *journal);
     ConfigChange undone = last;
     std::swap(undone.before, undone.after);
-    return PrintChange(options, *key, undone, TellAgent(options, key->file), "taken back");
+    const std::string outcome = TellAgent(options, key->file);
+    if (listed) return PrintChange(options, *key, undone, outcome, "taken back");
+    PrintChange(options, *key, undone, outcome, "taken back, and the list of changes still has it");
+    return Fail(kUnreachable, listed.GetError().Text());
 }
 
 int Check(const ConfigOptions& options) {

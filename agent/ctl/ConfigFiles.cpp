@@ -25,9 +25,15 @@ namespace {
 constexpr size_t kMostConfigBytes = 1024 * 1024;
 constexpr const char* kPlaces[] = {zel::kResourceConfigFileName, zel::kOnlineConfigFileName, zel::kAgentConfigFileName,
                                    zel::kComponentsFileName};
-constexpr char kSecretKey[] = "http.header";
 constexpr const char* kAgentKeys[] = {"syslog",          "http.url",        "http.ca_file",  "http.header",
-                                      "http.verify_tls", "http.timeout_ms", "textfile.path", "textfile.period_seconds"};
+                                      "http.verify_tls", "http.timeout_ms", "textfile.path", "textfile.period_seconds",
+                                      "pressure.memory", "pressure.io",     "pressure.cpu"};
+
+/// Whether a value of it may hold a password, as that of a header does.
+bool IsSecret(const std::string& key) {
+    constexpr char kBlock[] = "http";
+    return key == kBlock || key.compare(0, sizeof kBlock, std::string(kBlock) + ".") == 0;
+}
 
 std::string Lower(std::string text) {
     for (char& c : text) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
@@ -78,8 +84,7 @@ std::vector<ConfigFinding> JudgeJson(const base::Result<Parsed>& parsed, const s
     if (parsed) return {};
     ConfigFinding finding = SplitReason(parsed.GetError().Text());
     const base::Result<Json::Value> root = ParseJson(text);
-    // A header may hold a password.
-    if (root && !finding.key.empty() && finding.value.empty() && finding.key != kSecretKey)
+    if (root && !finding.key.empty() && finding.value.empty() && !IsSecret(finding.key))
         finding.value = Compact(ValueAt(*root, finding.key));
     return {finding};
 }
@@ -255,7 +260,15 @@ std::optional<std::string> FindValue(const SettableKey& key, const std::string& 
 
 base::Result<std::string> ChangeValue(const SettableKey& key, const std::optional<std::string>& value,
                                       const std::string& text) {
-    if (key.file == ConfigFile::kResource) return ChangeLine(key.name, value, text);
+    if (key.file == ConfigFile::kResource) {
+        for (size_t at = text.find('\r'); at != std::string::npos; at = text.find('\r', at + 1)) {
+            if (at + 1 < text.size() && text[at + 1] == '\n') continue;
+            return base::SentenceError("a line ends with a carriage return alone", base::ErrorKind::kMalformed);
+        }
+        if (text.find('\0') != std::string::npos)
+            return base::SentenceError("it holds a character 0", base::ErrorKind::kMalformed);
+        return ChangeLine(key.name, value, text);
+    }
     base::Result<Json::Value> root = ParseJson(text.empty() ? "{}" : text, JsonRules::kStrict);
     if (!root) return root.GetError();
     if (!root->isObject()) return base::SentenceError("not a JSON object", base::ErrorKind::kMalformed);

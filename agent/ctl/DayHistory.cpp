@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <ctime>
 #include <map>
 
 #include "AskAgent.h"
@@ -18,6 +19,7 @@ constexpr int kMostRows = 2000;
 /// Rows that somebody's asking has brought in between: differences over so little say nothing.
 constexpr int64_t kLeastGapSeconds = 20;
 constexpr int64_t kMsPerSecond = 1000;
+constexpr int64_t kDaySeconds = 86400;
 constexpr int64_t kWhole = 10000;  // hundredths of a percent
 
 /// Returns: how much a counter has grown; -1 when that is not known, also of a group that was made anew.
@@ -143,6 +145,10 @@ DayHistory ReadDayHistory(const std::string& appDir, int64_t since) {
         problems.push_back("what is not on disk yet, an hour at most, is missing: " +
                            (answer ? answer->body : answer.GetError().Text()));
     }
+    const int64_t tomorrow = time(nullptr) + kDaySeconds;
+    rows.erase(
+        std::remove_if(rows.begin(), rows.end(), [tomorrow](const HistoryRow& row) { return row.time > tomorrow; }),
+        rows.end());
     DayHistory day = MakeDayHistory(std::move(rows), since);
     day.problems = std::move(problems);
     return day;

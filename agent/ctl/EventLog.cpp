@@ -67,6 +67,7 @@ public:
             const std::string file = old == 0 ? path : path + "." + std::to_string(old);
             const base::Result<std::string> text = base::ReadWholeFile(file, kMostFileBytes);
             if (text) {
+                m_anyRead = true;
                 TakeLines(*text);
             } else if (text.GetError().kind != base::ErrorKind::kNotFound) {
                 m_unread.push_back(Unread(file, text.GetError()));
@@ -77,6 +78,7 @@ public:
         }
     }
     std::vector<TailEvent>& Found() { return m_found; }
+    bool AnyRead() const { return m_anyRead; }
 
 private:
     void TakeLines(const std::string& text) {
@@ -104,6 +106,7 @@ private:
     std::vector<std::string>& m_unread;
     std::vector<TailEvent> m_found;
     bool m_done = false;
+    bool m_anyRead = false;
 };
 
 void SortByTime(std::vector<TailEvent>& events) {
@@ -124,6 +127,7 @@ EventPage ReadEvents(const std::string& appDir, const EventQuery& query) {
     for (const std::string& file : *files) {
         Collector collector(query, known, page.unread);
         collector.ReadProcess(file);
+        page.anyRead = page.anyRead || collector.AnyRead();
         std::vector<TailEvent>& found = collector.Found();
         page.events.insert(page.events.end(), found.rbegin(), found.rend());
     }

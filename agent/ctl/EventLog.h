@@ -24,6 +24,7 @@ struct EventQuery {
 
 struct EventPage {
     std::vector<TailEvent> events;    ///< oldest first
+    bool anyRead = false;             ///< some file was there and could be read
     std::vector<std::string> unread;  ///< what could not be read and why, with what to do; sentences
     bool cut = false;                 ///< there are more than were asked for
 };

@@ -3,6 +3,8 @@
 
 #include <json/json.h>
 
+#include <algorithm>
+
 #include "HumanText.h"
 #include "JsonText.h"
 #include "Printable.h"
@@ -14,6 +16,7 @@ namespace {
 
 constexpr size_t kSpoolDigits = 4;
 constexpr int64_t kMsPerSecond = 1000;
+constexpr int64_t kMostNumber = int64_t{1} << 50;
 constexpr Json::ArrayIndex kNamedConsumers = 3;
 
 struct TypeOfKind {
@@ -136,7 +139,8 @@ std::string WordIn(const Json::Value& object, const char* key) {
 
 int64_t NumberIn(const Json::Value& object, const char* key) {
     const Json::Value& value = object.isObject() ? object[key] : Json::Value::nullSingleton();
-    return value.isInt64() ? value.asInt64() : 0;
+    // Anybody's word: bounded so that it can be reckoned with, in whatever unit.
+    return value.isInt64() ? std::clamp(value.asInt64(), -kMostNumber, kMostNumber) : 0;
 }
 
 bool FlagIn(const Json::Value& object, const char* key) {

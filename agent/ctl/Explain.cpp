@@ -28,7 +28,7 @@ namespace {
 constexpr size_t kMostRecordBytes = 1024 * 1024;
 
 int Fail(CtlExit code, const std::string& sentence) {
-    fprintf(stderr, "tervanectl: %s\n", sentence.c_str());
+    fprintf(stderr, "tervanectl: %s\n", Printable(sentence).c_str());
     return code;
 }
 

@@ -15,6 +15,7 @@
 #include "DayHistory.h"
 #include "Doctor.h"
 #include "EventTail.h"
+#include "Printable.h"
 #include "ReportPage.h"
 #include "base/FileIo.h"
 #include "base/FileReplace.h"
@@ -27,6 +28,7 @@ namespace {
 constexpr mode_t kPageMode = 0640;
 constexpr size_t kMostEvents = 400;  ///< of one process
 constexpr size_t kMostMarks = 2000;
+constexpr int64_t kDaySeconds = 86400;
 
 std::string HostName() {
     std::array<char, 256> name{};
@@ -55,6 +57,11 @@ void ReadMarks(const std::string& appDir, ReportFacts& facts) {
         }
     }
     for (Mark& mark : MarksOfLimits(facts.day)) facts.marks.push_back(std::move(mark));
+    // A clock that was wrong, or somebody's joke, is no reason for an axis of centuries.
+    const int64_t tomorrow = facts.now + kDaySeconds;
+    facts.marks.erase(std::remove_if(facts.marks.begin(), facts.marks.end(),
+                                     [tomorrow](const Mark& mark) { return mark.time > tomorrow; }),
+                      facts.marks.end());
     std::stable_sort(facts.marks.begin(), facts.marks.end(),
                      [](const Mark& a, const Mark& b) { return a.time < b.time; });
     if (facts.marks.size() <= kMostMarks) return;
@@ -77,7 +84,9 @@ int WriteReport(const std::string& appDir, const HistoryOptions& options, int64_
         fprintf(stderr, "tervanectl: %s\n", written.GetError().Text().c_str());
         return 1;
     }
-    for (const std::string& problem : facts.day.problems) fprintf(stderr, "tervanectl: note: %s\n", problem.c_str());
+    for (const std::string& problem : facts.day.problems) {
+        fprintf(stderr, "tervanectl: note: %s\n", Printable(problem).c_str());
+    }
     printf("%s: %zu recorded minutes, %zu groups, %zu marks\n", options.htmlFile.c_str(), facts.day.rows,
            facts.day.groups.size(), facts.marks.size());
     return 0;
@@ -93,7 +102,7 @@ void DeclareHistoryCommands(CLI::App& app, HistoryOptions& options) {
     report->add_option("--since", options.since, "how far back: 90m, 24h; a day is kept")
         ->capture_default_str()
         ->check(isSpan);
-    report->add_option("--html", options.htmlFile, "file to write")->required();
+    report->add_option("--html", options.htmlFile, "file to write")->required()->type_name("FILE");
     CLI::App* advise =
         app.add_subcommand("advise", "limits that the last day would have needed, and how often today's held");
     advise->add_option("--since", options.since, "how far back: 90m, 24h; a day is kept")

@@ -156,6 +156,10 @@ int Configure(const CommandLine& line) {
 }
 
 int Run(const CommandLine& line) {
+    if (line.json && (line.command == "top" || agent::IsHistoryCommand(line.command))) {
+        fprintf(stderr, "tervanectl: %s has no --json\n", line.command.c_str());
+        return kUsage;
+    }
     agent::StatusOptions asked = line.status;
     asked.appDir = line.appDir;
     asked.process = line.name;

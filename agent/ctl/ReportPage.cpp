@@ -152,7 +152,10 @@ std::string DrawChart(const Chart& chart, const std::vector<Piece>& pieces, cons
     const std::vector<int64_t> values = Columns(pieces, axis, &Piece::value);
     std::string html = "<div class=\"head\"><span>" + std::string(chart.title) + "</span><span>";
     html += peak < 0 ? "nothing known" : "peak " + chart.format(static_cast<double>(peak));
-    if (limit > 0) html += ", limit " + chart.format(static_cast<double>(pieces.back().limit));
+    if (limit > 0) {
+        const int64_t last = pieces.back().limit;
+        html += last < 0 ? std::string(", no limit at the end") : ", limit " + chart.format(static_cast<double>(last));
+    }
     html += "</span></div><div class=\"row\"><div class=\"y\"><span>" + chart.format(static_cast<double>(top)) +
             "</span><span>0</span></div><div class=\"plot" + (chart.low ? " low" : "") + "\">" +
             Text("<svg viewBox=\"0 0 %d %d\" preserveAspectRatio=\"none\" aria-hidden=\"true\">", kColumns, kHeight) +
@@ -409,7 +412,7 @@ std::string MakeReportPage(const ReportFacts& facts) {
     Axis axis{known ? facts.day.from : facts.since, known ? facts.day.to : facts.now};
     for (const Mark& mark : facts.marks) {
         axis.from = std::min(axis.from, mark.time);
-        axis.to = std::max(axis.to, mark.time);
+        axis.to = std::max(axis.to, mark.time);  // none is later than tomorrow
     }
     std::string html =
         "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"

@@ -12,6 +12,7 @@
 #include "EventLog.h"
 #include "EventWords.h"
 #include "HumanText.h"
+#include "Printable.h"
 #include "Text.h"
 #include "View.h"
 #include "base/Database.h"
@@ -200,9 +201,9 @@ int RunEvents(const EventsOptions& options) {
     if (!options.json) PrintWords(page, findings, options);
     const bool said = options.json && !options.follow;
     for (const std::string& sentence : page.unread) {
-        if (!said) fprintf(stderr, "tervanectl: %s\n", sentence.c_str());
+        if (!said) fprintf(stderr, "tervanectl: %s\n", Printable(sentence).c_str());
     }
-    if (page.events.empty() && findings.empty() && !page.unread.empty()) return kUnreachable;
+    if (!page.anyRead && findings.empty() && !page.unread.empty()) return kUnreachable;
     std::set<std::string> shown;
     for (const TailEvent& event : page.events) {
         if (!options.json) shown.insert(event.id);

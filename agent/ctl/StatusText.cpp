@@ -48,6 +48,11 @@ std::string Count(int64_t value) {
     return value < 0 ? "unknown" : std::to_string(value);
 }
 
+/// How long before its status that was; another process's word.
+int64_t SecondsSince(int64_t time, const StatusReport& report) {
+    return time >= 0 && report.now > time ? report.now - time : 0;
+}
+
 /// For how many of its periods a group was held back.
 std::string HeldBack(int64_t throttled, int64_t periods) {
     if (periods < 0) return "an unknown number of periods";
@@ -263,8 +268,8 @@ void AddKept(Lines& lines, const StatusReport& report) {
     Add(lines, "");
     std::string text = Text("kept    %llu changes by others (%s)", Number(all), kinds.c_str());
     if (keeper.lastRepairedAt > 0) {
-        const int64_t ago = report.now > keeper.lastRepairedAt ? report.now - keeper.lastRepairedAt : 0;
-        text += Text(", last repaired %lld s ago: ", static_cast<long long>(ago)) + keeper.lastRepair;
+        const auto ago = static_cast<long long>(SecondsSince(keeper.lastRepairedAt, report));
+        text += Text(", last repaired %lld s ago: ", ago) + keeper.lastRepair;
     }
     Add(lines, text);
     for (const std::string& thing : keeper.contested) {
@@ -286,7 +291,9 @@ void AddPressure(Lines& lines, const StatusReport& report) {
         lasts = lasts || pressure.lasts;
         stalls += Text(
             "%s%s %llu%s", stalls.empty() ? "" : ", ", pressure.resource.c_str(), Number(pressure.stalls),
-            pressure.lasts ? ", now" : Text(", last %lld s ago", AtLeastZero(report.now - pressure.lastAt)).c_str());
+            pressure.lasts
+                ? ", now"
+                : Text(", last %lld s ago", static_cast<long long>(SecondsSince(pressure.lastAt, report))).c_str());
     }
     if (figures.empty()) return;
     Add(lines, "");

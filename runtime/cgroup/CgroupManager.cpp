@@ -172,6 +172,8 @@ struct CCgroupManager::Impl {
     HostKills hostKills ZEL_GUARDED_BY(mutex);
     std::optional<uint64_t> lastKills ZEL_GUARDED_BY(mutex);      ///< at the poll before
     std::optional<uint64_t> observedKills ZEL_GUARDED_BY(mutex);  ///< before all counters were read for a change
+    uint64_t observedCounts ZEL_GUARDED_BY(mutex) = 0;            ///< what had been told by then
+    std::optional<uint64_t> noticedKills ZEL_GUARDED_BY(mutex);   ///< at the observation before
 
     void Locate() ZEL_REQUIRES(mutex);
     void TellPlaces() ZEL_REQUIRES(mutex);
@@ -468,13 +470,18 @@ Status CCgroupManager::Impl::ReadOom() {
 }
 
 /// Before groups are removed: what they have counted is kept. Nobody counts while the kernel kills nobody on the whole
-/// host. A failure here is told by the next poll.
+/// host and tells of no counter; one that is noticed while it still counts is read once more. A failure here is told by
+/// the next poll.
 void CCgroupManager::Impl::ObserveOom() {
     if (!inUse.memory) return;
     const std::optional<uint64_t> kills = hostKills.Read();
-    if (kills && kills == observedKills && oom.HasBegun()) return;
+    quiet.Told().Drain();
+    const uint64_t counts = quiet.Told().Counts();
+    const bool calm = kills && kills == std::exchange(noticedKills, kills);
+    if (calm && kills == observedKills && counts == observedCounts && oom.HasBegun()) return;
     const Status read = ReadOom();
-    observedKills = read ? kills : std::nullopt;
+    observedKills = read && calm ? kills : std::nullopt;
+    observedCounts = counts;
 }
 
 /// One operation: locked, with the hierarchies looked at afresh. A descriptor kept in a mount would keep an operator

@@ -60,6 +60,7 @@ const Limit* KnownLimits::LimitOf(const std::string& path) {
     if (!group) return nullptr;
     WatchLimit(*group, path == "/");
     const Result<Limit> limit = ReadLimit(Controller::kCpu, *group);
+    m_valid = m_valid && (limit || limit.GetError().kind == ErrorKind::kNotFound);  // it is asked again at once
     return &m_limits.emplace(path, limit ? *limit : Limit()).first->second;
 }
 

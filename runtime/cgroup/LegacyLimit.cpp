@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "kernel/CgroupFiles.h"
+#include "kernel/Rhythm.h"
 #include "OwnPlacement.h"
 #include "Placement.h"
 #include "base/Clock.h"
@@ -167,7 +168,8 @@ int LegacyLimit::Stop(LegacyGroup& group, int& error) {
 bool LegacyLimit::Pass() {
     if (!m_cpu.IsStarted() && !m_mem.IsStarted()) return false;
     const int64_t begin = OwnCpuUs();
-    if (!m_quiet.Holds(NowMs())) return false;
+    // A child of this process's that was never in the group is in no list: it is looked for.
+    if (NowMs() - m_lookedAtMs >= MostQuietMs() || !m_quiet.Holds(NowMs())) return false;
     const base::MutexLock telling(m_toldMutex);
     ++m_status.rounds;
     m_status.lastRoundUs = OwnCpuUs() - begin;
@@ -222,6 +224,7 @@ void LegacyLimit::SyncCpuLimit() {
     for (const CgroupDrift& drift : news) LogLegacy(kLogWarning, __LINE__, DescribeDrift(drift));
     status.contested = m_book.Contested();
     if (started) m_quiet.Settle(inOrder && status.contested.empty(), NowMs());
+    m_lookedAtMs = NowMs();
     status.lastRoundUs = started ? OwnCpuUs() - begin : 0;
     status.totalUs += status.lastRoundUs;
     const base::MutexLock telling(m_toldMutex);

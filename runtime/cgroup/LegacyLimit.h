@@ -93,6 +93,7 @@ private:
     LegacyGroup m_mem ZEL_GUARDED_BY(m_mutex);
     DriftBook m_book ZEL_GUARDED_BY(m_mutex);
     QuietTree m_quiet ZEL_GUARDED_BY(m_mutex);
+    int64_t m_lookedAtMs ZEL_GUARDED_BY(m_mutex) = 0;  ///< when everything was looked at last
     std::string m_excludeRanges ZEL_GUARDED_BY(m_mutex);
     std::string m_excludePrefixes ZEL_GUARDED_BY(m_mutex);
     base::Mutex m_toldMutex;  ///< taken last

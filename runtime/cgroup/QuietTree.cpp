@@ -64,6 +64,7 @@ void QuietTree::Begin() {
     m_comparable = sysconf(_SC_OPEN_MAX) >= kPlentyOfDescriptors;
     m_trees.clear();
     m_threads.clear();
+    m_places = 0;
     m_before.clear();
     for (Members& members : m_members) {
         std::string path = members.path;
@@ -139,8 +140,12 @@ void QuietTree::NoteThreads(int pid) {
 }
 
 /// This process's own place is the layout's to know.
-void QuietTree::NotePlace(Threads& threads) const {
+void QuietTree::NotePlace(Threads& threads) {
     if (!m_comparable || threads.pid == getpid()) return;
+    if (++m_places > kMostValues) {  // a component with many children
+        for (Threads& known : m_threads) known.place.Close();
+        return ForgetValues();
+    }
     if (!threads.place.Open(base::ProcessFile(threads.pid, "cgroup").c_str())) return;
     std::array<char, kPlaceBytes> buffer;  // not filled
     threads.groups = threads.place.Read(buffer.data(), buffer.size());

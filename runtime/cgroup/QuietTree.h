@@ -2,10 +2,10 @@
 // is waited for (TreeWatch), what it does not tell is compared by one cheap call each: the mounts, this process's own
 // groups, the members of every leaf with a component in it, and how many threads those components have where one
 // hierarchy alone would show it. No file is opened for it where the kernel lets a list be kept open without keeping a
-// mount busy. After a minute of silence the limits themselves are compared as well, which directory the tree is, and
-// where the processes are, through files that stay open; so a hand that nothing has told of is noticed then. Everything
-// is looked at from the start once in half an hour, and each minute where the limits are too many, or cannot be kept
-// open.
+// mount busy. After a minute of silence quotas and limits themselves are compared as well, which directory the tree is,
+// and where the processes are, through files that stay open; so a hand that nothing has told of is noticed then.
+// Everything, bursts and swap too, is looked at from the start once in half an hour, and each minute where the limits
+// or the processes are too many, or cannot be kept open.
 #pragma once
 
 #include <sys/types.h>
@@ -89,7 +89,7 @@ private:
         std::string groups;
     };
     void NoteValue(const GroupDir& group, const char* file);
-    void NotePlace(Threads& threads) const;
+    void NotePlace(Threads& threads);
     void ForgetValues();
     bool StandsAsNoted(int64_t nowMs);
     bool AreValuesAsNoted();
@@ -108,6 +108,7 @@ private:
     std::vector<Tree> m_trees;
     std::vector<Members> m_members;
     std::vector<Threads> m_threads;
+    size_t m_places = 0;  ///< of those, whose groups are kept open
     std::vector<Value> m_values;
     std::map<std::string, Members> m_before;  ///< lists of the look before, by path
     std::map<std::string, Value> m_valuesBefore;

@@ -3,9 +3,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <iterator>
 #include <map>
 #include <optional>
-#include <string_view>
+#include <memory>
+#include <string>
 
 #include "kernel/CgroupFiles.h"
 #include "kernel/ControlText.h"
@@ -36,35 +39,45 @@ public:
     /// A reading begins: lets go of everything when the mounts have changed.
     void Begin() {
         const Result<LayoutMark> layout = ReadLayoutMark();
+        for (auto& entry : m_files) entry.second.read = false;
         if (layout && layout->mounts == m_mounts) return;
         m_files.clear();
         m_keepsTime.clear();
         m_mounts = layout ? layout->mounts : 0;
     }
-    /// Nothing is read any more.
-    void End() { m_files.clear(); }
-    /// Returns: the file as it reads now; empty when it is not open, or its group is gone.
-    std::string Read(const std::string& group, const char* file) {
+    /// The reading is over: lets go of what was not read in it, as the files of groups that were removed.
+    void End() {
+        for (auto at = m_files.begin(); at != m_files.end();) at = at->second.read ? std::next(at) : m_files.erase(at);
+    }
+    /// Returns: the file as it reads now; nothing when it is not open, too long, or its group is gone.
+    std::optional<std::string> Read(const std::string& group, const char* file) {
         const auto kept = m_files.find(group + "/" + file);
-        if (kept == m_files.end()) return {};
+        if (kept == m_files.end()) return std::nullopt;
         char buffer[kKeptBytes];  // not filled
-        std::string text(base::RereadText(kept->second.Get(), buffer, sizeof buffer));
-        if (text.empty()) m_files.erase(kept);
-        return text;
+        errno = 0;
+        std::string text(base::RereadText(kept->second.file.Get(), buffer, sizeof buffer));
+        kept->second.read = true;
+        if ((!text.empty() || errno == 0) && text.size() + 1 < sizeof buffer) return text;
+        m_files.erase(kept);
+        return std::nullopt;
     }
     void Keep(const std::string& group, Version version, const char* file) {
         if (m_files.size() >= kMostKept || sysconf(_SC_OPEN_MAX) < kPlentyOfDescriptors) return;
         const Result<GroupDir> dir = GroupDir::Open(group, version);
         if (!dir) return;
         base::Fd opened = dir->OpenDetached(file);
-        if (opened) m_files[group + "/" + file] = std::move(opened);
+        if (opened) m_files[group + "/" + file] = {std::move(opened), true};
     }
     /// Whether the kernel keeps CPU time for groups of that tree, once it was looked at.
     std::map<std::string, bool>& KeepsTime() { return m_keepsTime; }
 
 private:
+    struct Kept {
+        base::Fd file;
+        bool read = false;  ///< in the reading under way
+    };
     uint64_t m_mounts = 0;
-    std::map<std::string, base::Fd> m_files;
+    std::map<std::string, Kept> m_files;
     std::map<std::string, bool> m_keepsTime;
 };
 
@@ -103,10 +116,10 @@ public:
     /// The same of a file that is read at each reading.
     Result<std::string> ReadKept(const std::string& name, const char* file) {
         const std::string group = name.empty() ? m_path : m_path + "/" + name;
-        std::string text = m_kept.Read(group, file);
-        if (!text.empty()) return text;
+        std::optional<std::string> text = m_kept.Read(group, file);
+        if (text) return *std::move(text);
         Result<std::string> now = Read(name, file);
-        if (now) m_kept.Keep(group, m_version, file);
+        if (now && now->size() + 1 < kKeptBytes) m_kept.Keep(group, m_version, file);
         return now;
     }
     static int64_t NumberIn(const Result<std::string>& text) {
@@ -220,10 +233,6 @@ std::vector<CgroupFigures> CCgroupFiguresReader::Read(bool withHits) {
     const CgroupKeeperStatus keeper = GetCgroupKeeperStatus();
     std::map<std::string, CgroupFigures> found;
     const base::MutexLock lock(m_impl->mutex);
-    if (keeper.wanted.empty()) {
-        m_impl->kept.End();
-        return {};
-    }
     m_impl->kept.Begin();
     for (const Controller controller : kAllControllers) {
         std::vector<const CgroupWanted*> nodes;
@@ -232,6 +241,7 @@ std::vector<CgroupFigures> CCgroupFiguresReader::Read(bool withHits) {
         }
         ReadController(controller, nodes, withHits, m_impl->kept, found);
     }
+    m_impl->kept.End();
     std::vector<CgroupFigures> figures;
     figures.reserve(found.size());
     for (auto& entry : found) figures.push_back(std::move(entry.second));

@@ -227,9 +227,16 @@ void CStatisticsRegistry::Schedule() {
             // One that takes longer than the period goes on; its next turn is the one after it.
             if (m_collecting.exchange(true)) return;
             // Before the turn's own threads are there, so that those of before are all there are.
-            const bool few = base::CountOwnThreads() <= kFewThreads;
-            if (few) CThreadFacts::Instance().SampleAtRest();
-            if (!m_jobs->Add([this, few] { CollectInTurn(!few); })) m_collecting = false;
+            bool sampled = false;
+            try {
+                if (base::CountOwnThreads() <= kFewThreads) {
+                    CThreadFacts::Instance().SampleAtRest();
+                    sampled = true;
+                }
+                if (!m_jobs->Add([this, sampled] { CollectInTurn(!sampled); })) m_collecting = false;
+            } catch (const std::bad_alloc&) {
+                m_collecting = false;  // the next turn may have the memory
+            }
         },
         kAhead);
 }

@@ -67,9 +67,11 @@ TEST(TopConsumersTest, OrdersByWhatIsShort) {
     const std::vector<ProcessUse> before{Use(1, 1, 100, 500), Use(2, 1, 100, 400, {1 << 20, 0}), Use(3, 1, 0, 300)};
     const std::vector<ProcessUse> after{Use(1, 1, 150, 500), Use(2, 1, 200, 400, {1 << 20, 1 << 20}),
                                         Use(3, 1, 0, 600, {0, 4096})};
-    EXPECT_EQ(Pids(FindTopConsumers(before, after, 1000, 100, PressureResource::kCpu, 5)), (std::vector<int>{2, 1}));
-    EXPECT_EQ(Pids(FindTopConsumers(before, after, 1000, 100, PressureResource::kMemory, 2)), (std::vector<int>{3, 1}));
-    const auto io = FindTopConsumers(before, after, 2000, 100, PressureResource::kIo, 5);
+    EXPECT_EQ(Pids(FindTopConsumers(before, after, {0, 1000, 100}, PressureResource::kCpu, 5)),
+              (std::vector<int>{2, 1}));
+    EXPECT_EQ(Pids(FindTopConsumers(before, after, {0, 1000, 100}, PressureResource::kMemory, 2)),
+              (std::vector<int>{3, 1}));
+    const auto io = FindTopConsumers(before, after, {0, 2000, 100}, PressureResource::kIo, 5);
     ASSERT_EQ(Pids(io), (std::vector<int>{2, 3}));
     EXPECT_EQ(io[0].writeKbps, 512);
     EXPECT_EQ(io[0].readKbps, 0);
@@ -79,14 +81,21 @@ TEST(TopConsumersTest, OrdersByWhatIsShort) {
 TEST(TopConsumersTest, ALaterProcessOfTheSameNumberIsAnother) {
     const std::vector<ProcessUse> before{Use(7, 1, 1000, 10)};
     const std::vector<ProcessUse> after{Use(7, 2, 1050, 10)};
-    const auto found = FindTopConsumers(before, after, 1000, 100, PressureResource::kCpu, 5);
+    const auto found = FindTopConsumers(before, after, {0, 1000, 100}, PressureResource::kCpu, 5);
     ASSERT_EQ(found.size(), 1U);
     EXPECT_EQ(found[0].cpu100Times, 105000) << "since its start";
 }
 
+TEST(TopConsumersTest, OfOneThatTheFirstLookMissedOnlyItsMemoryIsKnown) {
+    const std::vector<ProcessUse> after{Use(7, 499, 1000, 10), Use(8, 500, 50, 10)};
+    const auto busy = FindTopConsumers({}, after, {5000, 1000, 100}, PressureResource::kCpu, 5);
+    EXPECT_EQ(Pids(busy), (std::vector<int>{8})) << "the other one had run before";
+    EXPECT_EQ(FindTopConsumers({}, after, {5000, 1000, 100}, PressureResource::kMemory, 5).size(), 2U);
+}
+
 TEST(TopConsumersTest, CountersThatWentBackAreNothing) {
     const auto found =
-        FindTopConsumers({Use(7, 1, 1000, 0)}, {Use(7, 1, 900, 0)}, 1000, 100, PressureResource::kCpu, 5);
+        FindTopConsumers({Use(7, 1, 1000, 0)}, {Use(7, 1, 900, 0)}, {0, 1000, 100}, PressureResource::kCpu, 5);
     EXPECT_TRUE(found.empty());
 }
 

@@ -332,6 +332,7 @@ TEST_F(MetricsTest, EveryMetricOfARunningAgentIsDocumented) {
                                             "zel_cgroup_memory_usage_bytes",
                                             "zel_cgroup_cpu_throttled_periods_total",
                                             "zel_cgroup_cpu_throttled_seconds_total",  // this host's groups
+                                            "zel_host_stalls_total",                   // a kernel without figures
                                             "zel_statistics_last_collection_timestamp_seconds",
                                             "zel_statistic"};  // once a minute
     for (const auto& [name, type] : documented) {

@@ -93,7 +93,8 @@ Status LayoutCache::ReadMounts(bool told, int64_t nowNs) {
     if (same && known && !told) return {};
     Result<std::string> controllers = base::ReadProcText(base::kCgroupsFile);
     const std::string controllerText = controllers ? std::move(*controllers) : std::string();
-    m_controllersNs = nowNs;
+    const bool absent = !controllers && controllers.GetError().kind == ErrorKind::kNotFound;
+    m_controllersNs = controllers.Ok() || absent ? nowNs : 0;
     if (same && controllerText == m_controllerText) return {};
     m_mountText = std::move(*mounts);
     m_controllerText = controllerText;

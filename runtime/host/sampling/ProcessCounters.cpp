@@ -29,6 +29,7 @@ CProcessCounters::CProcessCounters(const SamplingRules& rules)
 void CProcessCounters::Begin() {
     m_ioKnown = false;
     m_ioWarned = false;
+    m_loadNs = 0;
     OpenFiles();
     m_lastNs = ClockNs(CLOCK_MONOTONIC);
     m_lastProcessNs = ClockNs(CLOCK_PROCESS_CPUTIME_ID);
@@ -111,10 +112,11 @@ void CProcessCounters::ReadIo(RoundFigures& round) {
 
 void CProcessCounters::ReadLoad(RoundFigures& round) {
     if (m_loadNs != 0 && round.nowNs - m_loadNs < kLoadNs) return;
-    m_loadNs = round.nowNs;
     char text[kFileBytes];
     const std::optional<float> load = base::ParseLoadAvg(m_loadavg.Read(text, sizeof(text)));
-    if (load) round.figures.loadAvg = *load;
+    if (!load) return;
+    m_loadNs = round.nowNs;
+    round.figures.loadAvg = *load;
 }
 
 }  // namespace zelhost

@@ -56,6 +56,7 @@ public:
     bool FlushDelivery(unsigned int timeoutMs);
 
     StatisticsSnapshot GetStatistics();
+    /// Blocks: while a collection is under way.
     /// Returns: rows of the history that are not written yet, oldest first: an hour's, or two where the disk takes
     /// none.
     std::vector<StatisticsRow> GetWaitingStatistics();

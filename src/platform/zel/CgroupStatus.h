@@ -56,7 +56,8 @@ ZEL_API bool ReadCgroupStatus(CgroupStatus& out, int pid = 0);
 /// Returns: hundredths of a percent of one CPU; 0: no limit, or no such process.
 ZEL_API int ReadCgroupCpuLimit(int pid);
 
-/// Returns: after how long another may have changed what a process is limited by without a word. Units: milliseconds.
+/// Returns: how often to ask for a process's limit of which nothing tells. A change without a word of the kernel's is
+/// seen within half an hour. Units: milliseconds.
 ZEL_API int64_t CgroupLimitRhythmMs();
 
 }  // namespace zel
