@@ -179,6 +179,18 @@ std::string Locals() {
            zel::kDefaultAppDir + "}\n";
 }
 
+/// The names of processes by their sockets. One with other letters would be expanded by the shell.
+std::string Sockets(const char* pattern) {
+    return std::string("    process) for name in \"$dir\"/run/") + pattern +
+           "; do\n"
+           "            [ -S \"$name\" ] || continue\n"
+           "            name=${name##*/}\n"
+           "            name=${name%.ctl}\n"
+           "            case \"$name\" in *[!A-Za-z0-9._-]*) continue ;; esac\n"
+           "            list=\"$list $name\"\n"
+           "        done ;;\n";
+}
+
 std::string Bash(const Table& table) {
     return "# Completion of tervanectl for bash, made by: tervanectl completion bash\n"
            "_tervanectl() {\n"
@@ -199,13 +211,8 @@ std::string Bash(const Table& table) {
            "    file) compopt -o filenames 2>/dev/null; mapfile -t COMPREPLY < <(compgen -f -- \"$word\"); return ;;\n"
            "    directory) compopt -o filenames 2>/dev/null; mapfile -t COMPREPLY < <(compgen -d -- \"$word\"); return "
            ";;\n"
-           "    process) for name in \"$dir\"/run/*.ctl; do\n"
-           "            [ -S \"$name\" ] || continue\n"
-           "            name=${name##*/}\n"
-           "            name=${name%.ctl}\n"
-           "            case \"$name\" in *[!A-Za-z0-9._-]*) continue ;; esac\n"  // the shell would expand it
-           "            list=\"$list $name\"\n"
-           "        done ;;\n"
+           "" +
+           Sockets("*.ctl") +
            "    esac\n"
            "    mapfile -t COMPREPLY < <(compgen -W \"$list\" -- \"$word\")\n"
            "    case \"${COMPREPLY[0]}\" in *=) compopt -o nospace 2>/dev/null ;; esac\n"
@@ -231,13 +238,8 @@ std::string Zsh(const Table& table) {
            "    case \"$kind\" in\n"
            "    file) _files; return ;;\n"
            "    directory) _files -/; return ;;\n"
-           "    process) for name in \"$dir\"/run/*.ctl(N); do\n"
-           "            [ -S \"$name\" ] || continue\n"
-           "            name=${name##*/}\n"
-           "            name=${name%.ctl}\n"
-           "            case \"$name\" in *[!A-Za-z0-9._-]*) continue ;; esac\n"  // the shell would expand it
-           "            list=\"$list $name\"\n"
-           "        done ;;\n"
+           "" +
+           Sockets("*.ctl(N)") +
            "    esac\n"
            "    case \"$list\" in\n"
            "    *=*) compadd -S '' -- ${=list} ;;\n"

@@ -29,10 +29,12 @@ constexpr const char* kAgentKeys[] = {"syslog",          "http.url",        "htt
                                       "http.verify_tls", "http.timeout_ms", "textfile.path", "textfile.period_seconds",
                                       "pressure.memory", "pressure.io",     "pressure.cpu"};
 
-/// Whether a value of it may hold a password, as that of a header does.
+/// Whether a value of it may hold a password: a header's, and that of a key that may have been meant as one.
 bool IsSecret(const std::string& key) {
     constexpr char kBlock[] = "http";
-    return key == kBlock || key.compare(0, sizeof kBlock, std::string(kBlock) + ".") == 0;
+    if (key == kBlock) return true;
+    if (key.compare(0, sizeof kBlock, std::string(kBlock) + ".") != 0) return false;
+    return key == "http.header" || std::find(std::begin(kAgentKeys), std::end(kAgentKeys), key) == std::end(kAgentKeys);
 }
 
 std::string Lower(std::string text) {

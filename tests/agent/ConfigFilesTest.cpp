@@ -60,6 +60,13 @@ TEST(ConfigFilesTest, ARefusalNamesKeyValueAndReason) {
     }
     EXPECT_EQ(JudgeConfigText(ConfigFile::kOnline, R"({"maxCpu":-1,"b":2,"cpuAll":7})").size(), 3u) << "all of them";
     EXPECT_TRUE(JudgeConfigText(ConfigFile::kOnline, R"({"maxCpu":20,"_why":"x","cpuAll":true})").empty());
+    for (const char* text : {R"({"http":{"header":"A: secret"}})", R"({"http":{"headers":"A: secret"}})",
+                             R"({"http":{"url":"http://x","header":"secret"}})"}) {
+        const std::vector<ConfigFinding> findings = JudgeConfigText(ConfigFile::kAgent, text);
+        ASSERT_EQ(findings.size(), 1u) << text;
+        EXPECT_EQ(findings[0].value, "") << text;
+    }
+    EXPECT_EQ(Set("max_cpu", "7", "a = 1\rmax_cpu = 5\n").compare(0, 7, "refused"), 0) << "its lines end otherwise";
 }
 
 TEST(ConfigFilesTest, AChangedResourceFileKeepsItsOtherLines) {

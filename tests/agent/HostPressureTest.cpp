@@ -86,7 +86,7 @@ TEST(TopConsumersTest, ALaterProcessOfTheSameNumberIsAnother) {
     EXPECT_EQ(found[0].cpu100Times, 105000) << "since its start";
 }
 
-TEST(TopConsumersTest, OfOneThatTheFirstLookMissedOnlyItsMemoryIsKnown) {
+TEST(TopConsumersTest, OfOneMissedAtFirstOnlyItsMemoryIsKnown) {
     const std::vector<ProcessUse> after{Use(7, 499, 1000, 10), Use(8, 500, 50, 10)};
     const auto busy = FindTopConsumers({}, after, {5000, 1000, 100}, PressureResource::kCpu, 5);
     EXPECT_EQ(Pids(busy), (std::vector<int>{8})) << "the other one had run before";
