@@ -178,6 +178,10 @@ void HostPressure::Report(Watched& watched, const std::vector<zel::CgroupMember>
     facts.consumers = FindTopConsumers(watched.before, after, {watched.measuredFromMs, elapsedMs, sysconf(_SC_CLK_TCK)},
                                        watched.resource, kNamedConsumers);
     watched.before = {};
+    LogLine(std::string("pressure of the host: tasks wait for ") + base::PressureName(watched.resource) +
+                (facts.consumers.empty() ? std::string() : ", most of it goes to " + facts.consumers[0].name) +
+                "; the message has the rest",
+            zel::kLogInfo);
     Deliver(zel::kHostPressureMessage, FormatStall(facts, members, time(nullptr)));
 }
 

@@ -122,7 +122,7 @@ class Agent:
         self._write("resource_config", config)
         self._write("online_config.json", '{"osAbnormalSwitch": 1}\n')
         # Watched as in the sample, but a machine that stalls beside it is no part of what it costs.
-        self._write("agent.json", '{"version": 1, "pressure": {"memory": 100, "io": 100}}\n')
+        self._write("agent.json", '{"version": 1, "pressure": {"memory": 100, "io": 0}}\n')
         groups = {"TervaneUpdate": "guard"}
         self._write("components.json", json.dumps({"version": 1, "components": [
             {"name": name, "group": groups.get(name, "collect-defense"), "load": load} for name in components]}))

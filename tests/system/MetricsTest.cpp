@@ -311,6 +311,7 @@ std::map<std::string, std::string> DocumentedMetrics() {
 }
 
 TEST_F(MetricsTest, EveryMetricOfARunningAgentIsDocumented) {
+    WriteConf("agent.json", R"({"version": 1, "pressure": {"memory": 100, "io": 0}})");
     Child agent = StartServingAgent();
     // What the first looks of keeper and registry bring.
     ASSERT_TRUE(Poll(kSettleSeconds, [&] { return Scrape().find("zel_limit_checks_total") != std::string::npos; }));
