@@ -140,6 +140,7 @@ std::vector<Mark> MarksOfLimits(const DayHistory& day) {
         }
     }
     std::vector<Mark> marks;
+    marks.reserve(found.size());
     for (auto& entry : found) marks.push_back(std::move(entry.second));
     return marks;
 }

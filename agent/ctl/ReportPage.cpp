@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <ctime>
 #include <functional>
 #include <map>
@@ -77,7 +78,7 @@ int64_t RoundTop(int64_t value, double unit) {
     const double wanted = static_cast<double>(std::max<int64_t>(1, value)) * 1.04 / unit;
     for (double power = 0.01;; power *= 10) {
         for (const double each : kRound) {
-            if (each * power >= wanted) return std::max<int64_t>(1, static_cast<int64_t>(each * power * unit + 0.5));
+            if (each * power >= wanted) return std::max<int64_t>(1, std::llround(each * power * unit));
         }
     }
 }
