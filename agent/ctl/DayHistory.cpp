@@ -2,7 +2,6 @@
 #include "DayHistory.h"
 
 #include <algorithm>
-#include <charconv>
 #include <ctime>
 #include <map>
 
@@ -152,16 +151,6 @@ DayHistory ReadDayHistory(const std::string& appDir, int64_t since) {
     DayHistory day = MakeDayHistory(std::move(rows), since);
     day.problems = std::move(problems);
     return day;
-}
-
-int64_t ParseSpan(const std::string& text) {
-    constexpr int64_t kMost = 366LL * 24 * 3600;
-    int64_t number = 0;
-    const auto read = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (read.ec != std::errc() || read.ptr + 1 != text.data() + text.size() || number <= 0 || number > kMost) return 0;
-    const char unit = *read.ptr;
-    const int64_t seconds = unit == 's' ? 1 : unit == 'm' ? 60 : unit == 'h' ? 3600 : unit == 'd' ? 24 * 3600 : 0;
-    return number * seconds > kMost ? 0 : number * seconds;
 }
 
 }  // namespace agent

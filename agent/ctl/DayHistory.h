@@ -60,7 +60,4 @@ DayHistory MakeDayHistory(std::vector<HistoryRow> rows, int64_t since);
 /// Errors: none; what could not be read is among the problems.
 DayHistory ReadDayHistory(const std::string& appDir, int64_t since);
 
-/// "90s", "45m", "24h", "2d". Returns: seconds; 0 when it is none of these or longer than a year.
-int64_t ParseSpan(const std::string& text);
-
 }  // namespace agent

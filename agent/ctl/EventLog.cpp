@@ -143,7 +143,7 @@ EventFollower::EventFollower(std::string appDir, std::string process)
     if (!files) return;
     for (const std::string& file : *files) {
         const base::FileMark mark = base::ReadFileMark(file);
-        if (mark.exists) m_places[file] = {mark.inode, mark.size};
+        if (mark.exists) m_places[file] = {mark.inode, mark.size, false};
     }
 }
 
@@ -156,7 +156,7 @@ std::vector<TailEvent> EventFollower::Next() {
         if (!mark.exists) continue;
         Place& place = m_places[file];
         if (place.inode != 0 && place.inode != mark.inode) Read(file + ".1", place, events);
-        if (place.inode != mark.inode) place = {mark.inode, 0};
+        if (place.inode != mark.inode) place = {mark.inode, 0, false};
         Read(file, place, events);
     }
     SortByTime(events);
@@ -168,18 +168,25 @@ void EventFollower::Read(const std::string& path, Place& place, std::vector<Tail
     struct stat info {};
     if (!file || fstat(file->Get(), &info) != 0 || info.st_ino != place.inode) return;
     if (info.st_size <= place.at) {  // a line that was cut is taken away again
+        if (info.st_size < place.at) place.inLine = false;
         place.at = info.st_size;
         return;
     }
     std::string text(std::min(static_cast<size_t>(info.st_size - place.at), kMostStepBytes), '\0');
     const ssize_t length = pread(file->Get(), text.data(), text.size(), place.at);
     const size_t end = length <= 0 ? std::string::npos : text.rfind('\n', static_cast<size_t>(length) - 1);
-    if (end == std::string::npos) return;
+    if (end == std::string::npos) {
+        if (length != static_cast<ssize_t>(kMostStepBytes)) return;
+        place.at += length;  // no line of ours is as long: it is not waited for
+        place.inLine = true;
+        return;
+    }
     place.at += static_cast<off_t>(end) + 1;
     for (size_t begin = 0; begin <= end;) {
         const size_t lineEnd = text.find('\n', begin);
         TailEvent event;
-        if (ParseEventLine(text.substr(begin, lineEnd - begin), event)) events.push_back(std::move(event));
+        const bool whole = !std::exchange(place.inLine, false);
+        if (whole && ParseEventLine(text.substr(begin, lineEnd - begin), event)) events.push_back(std::move(event));
         begin = lineEnd + 1;
     }
 }

@@ -43,6 +43,7 @@ private:
     struct Place {
         ino_t inode = 0;
         off_t at = 0;
+        bool inLine = false;  // the rest of a line that is longer than one step is passed over
     };
     void Read(const std::string& path, Place& place, std::vector<TailEvent>& events) const;
 

@@ -15,6 +15,7 @@
 #include "DayHistory.h"
 #include "Doctor.h"
 #include "EventTail.h"
+#include "HumanText.h"
 #include "Printable.h"
 #include "ReportPage.h"
 #include "base/FileIo.h"
@@ -95,19 +96,22 @@ int WriteReport(const std::string& appDir, const HistoryOptions& options, int64_
 }  // namespace
 
 void DeclareHistoryCommands(CLI::App& app, HistoryOptions& options) {
-    const auto isSpan = [](const std::string& text) {
-        return ParseSpan(text) > 0 ? std::string() : "a time is a number and s, m, h or d, such as 90m";
+    const auto isPast = [](const std::string& text) {
+        const int64_t now = time(nullptr);
+        const base::Result<int64_t> since = ParseSince(text, now);
+        if (!since) return since.GetError().Text();
+        return *since < now ? std::string() : "\"" + text + "\" is not in the past";
     };
     CLI::App* report = app.add_subcommand("report", "the last day as one page for a browser, by group and limit");
-    report->add_option("--since", options.since, "how far back: 90m, 24h; a day is kept")
+    report->add_option("--since", options.since, "from when on: 90m, 24h or a date; a day is kept")
         ->capture_default_str()
-        ->check(isSpan);
+        ->check(isPast);
     report->add_option("--html", options.htmlFile, "file to write")->required()->type_name("FILE");
     CLI::App* advise =
         app.add_subcommand("advise", "limits that the last day would have needed, and how often today's held");
-    advise->add_option("--since", options.since, "how far back: 90m, 24h; a day is kept")
+    advise->add_option("--since", options.since, "from when on: 90m, 24h or a date; a day is kept")
         ->capture_default_str()
-        ->check(isSpan);
+        ->check(isPast);
 }
 
 bool IsHistoryCommand(const std::string& command) {
@@ -115,7 +119,8 @@ bool IsHistoryCommand(const std::string& command) {
 }
 
 int RunHistoryCommand(const std::string& command, const std::string& appDir, const HistoryOptions& options) {
-    const int64_t since = time(nullptr) - ParseSpan(options.since);
+    const base::Result<int64_t> asked = ParseSince(options.since, time(nullptr));
+    const int64_t since = asked ? *asked : 0;
     if (command == "report") return WriteReport(appDir, options, since);
     const DayHistory day = ReadDayHistory(appDir, since);
     fputs(AdviceText(day, MakeAdvice(day)).c_str(), stdout);

@@ -2,6 +2,7 @@
 #include "StatusText.h"
 
 #include <algorithm>
+#include <string_view>
 
 #include "Text.h"
 
@@ -357,7 +358,7 @@ void AddDelivery(Lines& lines, const StatusReport& report) {
 }
 
 /// How many bytes the first `columns` letters take; each letter is taken for one column wide.
-size_t BytesOf(const std::string& text, size_t columns) {
+size_t BytesOf(std::string_view text, size_t columns) {
     size_t at = 0;
     for (size_t letters = 0; at < text.size(); ++at) {
         const bool begins = (static_cast<unsigned char>(text[at]) & 0xC0U) != 0x80U;
@@ -424,19 +425,22 @@ std::vector<TextLine> MakeSummary(const StatusReport& report) {
 }
 
 std::vector<TextLine> FoldLines(const std::vector<TextLine>& lines, size_t columns) {
-    constexpr char kIndent[] = "          ";
+    constexpr size_t kIndent = 10;
+    constexpr size_t kLeastHead = kIndent + 1;  // a blank before it would leave a piece with hardly anything on it
     Lines folded;
     for (const TextLine& line : lines) {
-        std::string rest = line.isRow ? line.text.substr(0, BytesOf(line.text, columns)) : line.text;
-        for (;;) {
-            const size_t end = BytesOf(rest, columns);
-            if (end >= rest.size() || columns <= 2 * sizeof kIndent) break;
-            const size_t blank = rest.rfind(' ', end);
-            const bool atBlank = blank != std::string::npos && blank > sizeof kIndent;
-            Add(folded, rest.substr(0, atBlank ? blank : end), line.kind);
-            rest = kIndent + rest.substr(atBlank ? blank + 1 : end);
+        std::string_view rest = line.text;
+        if (line.isRow) rest = rest.substr(0, BytesOf(rest, columns));
+        for (bool first = true;; first = false) {
+            const size_t before = first ? 0 : kIndent;
+            const size_t end = columns <= 2 * kLeastHead ? rest.size() : BytesOf(rest, columns - before);
+            const size_t blank = end >= rest.size() ? std::string_view::npos : rest.rfind(' ', end);
+            const bool atBlank = blank != std::string_view::npos && before + blank > kLeastHead;
+            const std::string_view piece = rest.substr(0, atBlank ? blank : end);
+            Add(folded, std::string(before, ' ').append(piece), line.kind);
+            if (end >= rest.size()) break;
+            rest.remove_prefix(atBlank ? blank + 1 : end);
         }
-        Add(folded, rest, line.kind);
     }
     return folded;
 }

@@ -123,16 +123,6 @@ TEST(DayHistoryTest, PressureIsAShareOfTheTime) {
     EXPECT_EQ(day.pressure[0].io, 0);
 }
 
-TEST(DayHistoryTest, ASpanIsANumberAndAUnit) {
-    EXPECT_EQ(ParseSpan("90s"), 90);
-    EXPECT_EQ(ParseSpan("45m"), 2700);
-    EXPECT_EQ(ParseSpan("24h"), 86400);
-    EXPECT_EQ(ParseSpan("2d"), 172800);
-    for (const char* text : {"", "h", "24", "0h", "-1h", "1.5h", "1hh", "1 h", "9999999999999999999h", "400d", "1w"}) {
-        EXPECT_EQ(ParseSpan(text), 0) << text;
-    }
-}
-
 TEST(ReportMarksTest, EventsAreMarksOfTheirGroups) {
     const auto mark = [](const char* type, const char* body) {
         const auto marks =

@@ -114,6 +114,18 @@ TEST_F(EventLogTest, FollowsWhatIsAddedThroughARotation) {
     EXPECT_THAT(follower.Next(), IsEmpty());
 }
 
+TEST_F(EventLogTest, ALineOfManyMegabytesIsPassedOver) {
+    Add(File("tervane"), Line("a-1", 1));
+    EventFollower follower(m_directory.Path(), "");
+    const std::string hidden = Line("a-2", 2);
+    std::ofstream(File("tervane"), std::ios::app) << std::string(16UL << 20, 'x') << hidden << Line("a-3", 3);
+    std::vector<std::string> ids;
+    for (int step = 0; step < 4; ++step) {
+        for (const std::string& id : Ids(follower.Next())) ids.push_back(id);
+    }
+    EXPECT_THAT(ids, ElementsAre("a-3")) << "the end of a long line is no event of its own";
+}
+
 TEST_F(EventLogTest, AnOrdinaryUserIsToldWhatItMayNotRead) {
     if (geteuid() != 0) GTEST_SKIP() << "SKIP agent: not root: cannot become another user";
     Add(File("tervane"), Line("a-1", 1, "T_MSG_THREAD_STALL"));

@@ -284,6 +284,14 @@ TEST(StatusTextTest, LongLinesGoOnBelowAtABlank) {
     EXPECT_EQ("\n", fold("", 40));
 }
 
+TEST(StatusTextTest, ALongLineIsFoldedPieceByPiece) {
+    const size_t length = 24UL << 20;  // copied whole for each piece it would be 4 TB
+    const std::vector<TextLine> lines = FoldLines({{std::string(length, 'x'), LineKind::kTitle}}, 80);
+    ASSERT_EQ(lines.size(), 1 + (length - 80 + 69) / 70);
+    EXPECT_EQ(lines[1].text, std::string(10, ' ') + std::string(70, 'x'));
+    EXPECT_EQ(lines.back().kind, LineKind::kTitle);
+}
+
 TEST(StatusTextTest, ALineThatIsCutEndsWithAWholeCharacter) {
     for (size_t before = 0; before < 3; ++before) {
         StatusReport report = Report();
