@@ -25,6 +25,7 @@
 #include "base/FilePath.h"
 #include "base/FileReplace.h"
 #include "base/TrustedRead.h"
+#include "fleet/RemoteConfig.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/ToolUtil.h"
 
@@ -171,6 +172,19 @@ std::string OtherResourceFile(const ConfigOptions& options, const std::string& p
     return used == path ? "" : used;
 }
 
+/// Why a change of the file will not last or has no effect; empty where it has.
+std::string NoteOf(const ConfigOptions& options, const SettableKey& key, const std::string& changed) {
+    if (key.file == ConfigFile::kOnline && ReadFleetOrigin(changed) && !IsPinned(changed)) {
+        return "the fleet wrote this file and puts it back: change the value there, or add \"" +
+               std::string(kPinnedRemark) + "\": true to the file";
+    }
+    if (key.file != ConfigFile::kResource || key.limit->onlineName == nullptr) return "";
+    const ConfigPicture picture = ReadConfigPicture(options.appDir, options.process);
+    const ConfigRow* row = FindRow(picture, key.limit->onlineName);
+    if (row == nullptr || row->fileKey != key.limit->onlineName) return "";
+    return "it stays without effect while " + OriginOf(*row) + " is there";
+}
+
 int Change(const ConfigOptions& options, const SettableKey& key, const Value& after) {
     const base::Result<base::Fd> lock = LockPlace(options.appDir);
     if (!lock) return Fail(kUnreachable, lock.GetError().Text());
@@ -201,15 +215,7 @@ int Change(const ConfigOptions& options, const SettableKey& key, const Value& af
     base::Status written = WriteConfigJournal(options.appDir, *journal);
     if (written) written = WriteConfig(edit->path, *changed);
     if (!written) return Fail(kUnreachable, "nothing is changed: " + written.GetError().Text());
-    std::string note;
-    const ConfigPicture picture = key.file == ConfigFile::kResource && key.limit->onlineName != nullptr
-                                      ? ReadConfigPicture(options.appDir, options.process)
-                                      : ConfigPicture();
-    const ConfigRow* row = picture.rows.empty() ? nullptr : FindRow(picture, key.limit->onlineName);
-    if (row != nullptr && row->fileKey == key.limit->onlineName) {
-        note = "it stays without effect while " + OriginOf(*row) + " is there";
-    }
-    return PrintChange(options, key, change, TellAgent(options, key.file), note);
+    return PrintChange(options, key, change, TellAgent(options, key.file), NoteOf(options, key, *changed));
 }
 
 int Set(const ConfigOptions& options) {

@@ -17,6 +17,7 @@
 #include "Text.h"
 #include "View.h"
 #include "base/FilePath.h"
+#include "fleet/RemoteConfig.h"
 #include "platform/host/OnlineConfigText.h"
 
 namespace agent {
@@ -44,6 +45,7 @@ public:
         Ask(process);
         m_resource = Read(ConfigFile::kResource, m_resourcePath);
         m_online = Read(ConfigFile::kOnline, PathOf(ConfigFile::kOnline, appDir));
+        m_fleet = ReadFleetOrigin(m_online.text);
         m_agent = Read(ConfigFile::kAgent, PathOf(ConfigFile::kAgent, appDir));
         m_components = Read(ConfigFile::kComponents, PathOf(ConfigFile::kComponents, appDir));
         base::Result<ConfigJournal> journal = ReadConfigJournal(appDir);
@@ -111,6 +113,9 @@ private:
         row.fileKey = key.name;
         const ConfigChange* change = FindChange(m_journal, source.path, key.name, value);
         row.revision = change != nullptr ? change->revision : 0;
+        if (key.file == ConfigFile::kOnline && m_fleet && m_fleet->levels.count(key.name) != 0) {
+            row.fleet = m_fleet->levels.at(key.name) + ", revision " + std::to_string(m_fleet->revision);
+        }
         return true;
     }
 
@@ -188,6 +193,7 @@ private:
     std::string m_resourcePath;
     std::map<std::string, std::string> m_inForce;
     Source m_resource, m_online, m_agent, m_components;
+    std::optional<FleetOrigin> m_fleet;
     ConfigJournal m_journal;
     ConfigPicture m_picture;
 };
@@ -214,6 +220,7 @@ std::string OriginOf(const ConfigRow& row) {
     if (row.file.empty()) return "the default";
     std::string text = row.file + ", key " + row.fileKey;
     if (row.revision != 0) text += ", revision " + std::to_string(row.revision);
+    if (!row.fleet.empty()) text += ", by the fleet: " + row.fleet;
     return text;
 }
 
@@ -271,6 +278,7 @@ Json::Value ConfigJson(const ConfigPicture& picture) {
         object["file"] = row.file;
         object["file_key"] = row.fileKey;
         object["revision"] = Json::UInt64(row.revision);
+        object["fleet"] = row.fleet;
         object["note"] = row.note;
         object["differs"] = row.differs;
     }

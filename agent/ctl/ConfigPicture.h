@@ -20,6 +20,7 @@ struct ConfigRow {
     std::string file;       ///< path that it came from; empty: the default
     std::string fileKey;    ///< its name there
     uint64_t revision = 0;  ///< of the console's change that gave it; 0: it was written otherwise
+    std::string fleet;      ///< level and revision of the fleet's configuration that gave it; empty: it did not
     std::string note;       ///< what else is to be known; may be empty
     bool differs = false;   ///< the running agent has another value than its files
 };
@@ -42,7 +43,7 @@ ConfigPicture ReadConfigPicture(const std::string& appDir, const std::string& pr
 /// Returns: null when there is no such row.
 const ConfigRow* FindRow(const ConfigPicture& picture, const std::string& key);
 
-/// "conf/online_config.json, key maxCpu, revision 3", or "the default". Pure.
+/// "conf/online_config.json, key maxCpu, revision 3", "... by the fleet: group.web, revision 9", or "the default". Pure.
 std::string OriginOf(const ConfigRow& row);
 
 /// "FILE: KEY = VALUE: why". Pure.

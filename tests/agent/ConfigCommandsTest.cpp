@@ -66,6 +66,23 @@ TEST_F(ConfigCommandsTest, EachValueSaysWhereItCameFrom) {
     EXPECT_EQ(Row("maxMemory").value, "2147483647") << "as the agent counts it";
 }
 
+TEST_F(ConfigCommandsTest, AValueOfTheFleetSaysWhichLevelGaveIt) {
+    const std::string remark = R"("_fleet": {"revision": 12, "from": {"maxCpu": "group.web"}})";
+    Write("online_config.json", "{" + remark + R"(, "maxCpu": 30, "maxMemory": 300})");
+    EXPECT_EQ(OriginOf(Row("maxCpu")),
+              Conf("online_config.json") + ", key maxCpu, by the fleet: group.web, revision 12");
+    EXPECT_EQ(Row("maxMemory").fleet, "") << "somebody put it beside";
+    EXPECT_EQ(Row("hashMode").fleet, "");
+    const std::string back = "the fleet wrote this file and puts it back";
+    EXPECT_EQ(Run("set", "maxCpu=20"), 0);
+    EXPECT_THAT(m_said, HasSubstr(back));
+    EXPECT_EQ(Run("set", "max_memory=20"), 0);
+    EXPECT_THAT(m_said, HasSubstr("it stays without effect while"));
+    Write("online_config.json", "{" + remark + R"(, "_pinned": true, "maxCpu": 30})");
+    EXPECT_EQ(Run("set", "maxCpu=20"), 0);
+    EXPECT_THAT(m_said, Not(HasSubstr(back)));
+}
+
 TEST_F(ConfigCommandsTest, ARefusedFileIsNamedAndCountsForNothing) {
     Write("online_config.json", "{\"maxCpu\": 20, \"maxFdCount\": \"x\"}");
     EXPECT_EQ(Row("maxCpu").value, "10");
