@@ -123,6 +123,7 @@ class Run:
                               errors="replace")
         self.seconds += time.monotonic() - began
         if self.options.logs:
+            os.makedirs(self.options.logs, exist_ok=True)
             with open(os.path.join(self.options.logs, name + ".log"), "w", encoding="utf-8") as log:
                 log.write(done.stdout)
         return done.returncode, done.stdout

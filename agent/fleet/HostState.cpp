@@ -1,0 +1,176 @@
+// The state as JSON, a fixed set of members with a version.
+#include "fleet/HostState.h"
+
+#include <json/json.h>
+
+#include <algorithm>
+#include <tuple>
+
+#include "Health.h"
+#include "JsonText.h"
+#include "Printable.h"
+
+namespace agent {
+
+namespace {
+
+constexpr int kStateVersion = 1;
+constexpr size_t kMostFindings = 8;
+constexpr size_t kMostTextBytes = 512;
+constexpr int64_t kLateIntervals = 3;
+constexpr int64_t kGoneIntervals = 10;
+
+std::string Short(const std::string& text) {
+    std::string cut = Printable(text);
+    if (cut.size() <= kMostTextBytes) return cut;
+    size_t end = kMostTextBytes;
+    while (end > 0 && (static_cast<unsigned char>(cut[end]) & 0xC0U) == 0x80U) --end;  // not inside a character
+    return cut.substr(0, end);
+}
+
+std::string TextAt(const Json::Value& object, const char* member) {
+    const Json::Value& value = object[member];
+    return value.isString() ? Short(value.asString()) : std::string();
+}
+
+uint64_t CountAt(const Json::Value& object, const char* member) {
+    const Json::Value& value = object[member];
+    return value.isUInt64() ? value.asUInt64() : 0;
+}
+
+int64_t NumberAt(const Json::Value& object, const char* member) {
+    const Json::Value& value = object[member];
+    return value.isInt64() ? value.asInt64() : 0;
+}
+
+bool FlagAt(const Json::Value& object, const char* member) {
+    return object[member].isBool() && object[member].asBool();
+}
+
+Json::Value JsonOf(const HostState& state) {
+    Json::Value root(Json::objectValue);
+    root["version"] = kStateVersion;
+    root["host"] = state.host;
+    root["agent"] = state.version;
+    root["time"] = Json::Int64(state.time);
+    root["uptime"] = Json::Int64(state.uptimeSeconds);
+    root["runs"] = state.agentRuns;
+    root["mode"] = Short(state.mode);
+    root["problems"] = Json::UInt64(state.problems);
+    root["findings"] = Json::Value(Json::arrayValue);
+    for (const std::string& finding : state.findings) root["findings"].append(Short(finding));
+    Json::Value& config = root["config"] = Json::Value(Json::objectValue);
+    config["seen"] = Json::UInt64(state.config.seen);
+    config["applied"] = Json::UInt64(state.config.applied);
+    config["pinned"] = state.config.pinned;
+    config["error"] = Short(state.config.error);
+    Json::Value& events = root["events"] = Json::Value(Json::objectValue);
+    events["waiting"] = Json::UInt64(state.eventsWaiting);
+    events["oldest"] = Json::Int64(state.oldestWaitingSeconds);
+    events["dropped"] = Json::UInt64(state.eventsDropped);
+    events["given_up"] = Json::UInt64(state.eventsGivenUp);
+    root["drifts"] = Json::UInt64(state.drifts);
+    Json::Value& kill = root["kill"] = Json::Value(Json::objectValue);
+    kill["time"] = Json::Int64(state.lastKill.time);
+    kill["event"] = Short(state.lastKill.event);
+    kill["component"] = Short(state.lastKill.component);
+    return root;
+}
+
+}  // namespace
+
+HostState TakeHostState(const StatusReport& report) {
+    HostState state;
+    state.agentRuns = true;
+    state.time = report.now;
+    state.uptimeSeconds = report.uptimeSeconds;
+    state.mode = report.modeReason;
+    const std::vector<Trouble> troubles = FindTrouble(report);
+    state.problems = troubles.size();
+    for (const Trouble& trouble : troubles) {
+        if (state.findings.size() < kMostFindings) state.findings.push_back(trouble.what + ": " + trouble.remedy);
+    }
+    state.eventsDropped = report.delivery.dropped;
+    for (const zelhost::SinkStats& sink : report.delivery.sinks) {
+        state.eventsWaiting = std::max(state.eventsWaiting, sink.waiting);
+        state.eventsGivenUp += sink.givenUp;
+    }
+    for (const uint64_t found : report.keeper.found) state.drifts += found;
+    return state;
+}
+
+std::string FormatHostState(const HostState& state) {
+    Json::Value root = JsonOf(state);
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    std::string text = Json::writeString(builder, root);
+    while (text.size() > kMostHostStateBytes && !root["findings"].empty()) {
+        root["findings"].resize(root["findings"].size() - 1);
+        text = Json::writeString(builder, root);
+    }
+    return text;
+}
+
+base::Result<HostState> ParseHostState(const std::string& text) {
+    const base::Result<Json::Value> root =
+        text.size() > kMostHostStateBytes
+            ? base::SentenceError("it is longer than a host's state can be", base::ErrorKind::kMalformed)
+            : ParseJson(text, JsonRules::kStrict);
+    if (!root) return root.GetError();
+    if (!root->isObject() || !(*root)["version"].isInt() || (*root)["version"].asInt() < kStateVersion) {
+        return base::SentenceError("it is no state of a host", base::ErrorKind::kMalformed);
+    }
+    HostState state;
+    state.host = TextAt(*root, "host");
+    state.version = TextAt(*root, "agent");
+    state.time = NumberAt(*root, "time");
+    state.uptimeSeconds = NumberAt(*root, "uptime");
+    state.agentRuns = FlagAt(*root, "runs");
+    state.mode = TextAt(*root, "mode");
+    state.problems = CountAt(*root, "problems");
+    for (const Json::Value& finding : (*root)["findings"]) {
+        if (finding.isString() && state.findings.size() < kMostFindings) {
+            state.findings.push_back(Short(finding.asString()));
+        }
+    }
+    const auto part = [&root](const char* name) {
+        return (*root)[name].isObject() ? (*root)[name] : Json::Value(Json::objectValue);
+    };
+    const Json::Value config = part("config"), events = part("events"), kill = part("kill");
+    state.config = {CountAt(config, "seen"), CountAt(config, "applied"), FlagAt(config, "pinned"),
+                    TextAt(config, "error")};
+    state.eventsWaiting = CountAt(events, "waiting");
+    state.oldestWaitingSeconds = NumberAt(events, "oldest");
+    state.eventsDropped = CountAt(events, "dropped");
+    state.eventsGivenUp = CountAt(events, "given_up");
+    state.drifts = CountAt(*root, "drifts");
+    state.lastKill = {NumberAt(kill, "time"), TextAt(kill, "event"), TextAt(kill, "component")};
+    return state;
+}
+
+bool DiffersForFleet(const HostState& before, const HostState& after) {
+    const auto config = [](const AppliedConfig& c) { return std::tie(c.seen, c.applied, c.pinned, c.error); };
+    return before.version != after.version || before.agentRuns != after.agentRuns || before.mode != after.mode ||
+           before.problems != after.problems || before.drifts != after.drifts ||
+           before.eventsDropped != after.eventsDropped || before.eventsGivenUp != after.eventsGivenUp ||
+           before.lastKill.event != after.lastKill.event || config(before.config) != config(after.config);
+}
+
+const char* NameOf(Presence presence) {
+    switch (presence) {
+        case Presence::kOk: return "ok";
+        case Presence::kTroubled: return "troubled";
+        case Presence::kLate: return "late";
+        case Presence::kGone: break;
+    }
+    return "gone";
+}
+
+Presence PresenceOf(const HostState& state, int64_t silentSeconds) {
+    if (silentSeconds >= kGoneIntervals * kHostStateSeconds) return Presence::kGone;
+    if (silentSeconds >= kLateIntervals * kHostStateSeconds) return Presence::kLate;
+    const bool well = state.agentRuns && state.problems == 0 && state.config.error.empty();
+    return well ? Presence::kOk : Presence::kTroubled;
+}
+
+}  // namespace agent
