@@ -16,6 +16,7 @@ namespace {
 
 constexpr int kStateVersion = 1;
 constexpr size_t kMostFindings = 8;
+constexpr size_t kMostGroups = 16;
 constexpr size_t kMostTextBytes = 512;
 constexpr int64_t kLateIntervals = 3;
 constexpr int64_t kGoneIntervals = 10;
@@ -47,10 +48,20 @@ bool FlagAt(const Json::Value& object, const char* member) {
     return object[member].isBool() && object[member].asBool();
 }
 
+std::vector<std::string> TextsAt(const Json::Value& object, const char* member, size_t most) {
+    std::vector<std::string> texts;
+    for (const Json::Value& text : object[member]) {
+        if (text.isString() && texts.size() < most) texts.push_back(Short(text.asString()));
+    }
+    return texts;
+}
+
 Json::Value JsonOf(const HostState& state) {
     Json::Value root(Json::objectValue);
     root["version"] = kStateVersion;
     root["host"] = state.host;
+    root["groups"] = Json::Value(Json::arrayValue);
+    for (const std::string& group : state.groups) root["groups"].append(Short(group));
     root["agent"] = state.version;
     root["time"] = Json::Int64(state.time);
     root["uptime"] = Json::Int64(state.uptimeSeconds);
@@ -128,11 +139,8 @@ base::Result<HostState> ParseHostState(const std::string& text) {
     state.agentRuns = FlagAt(*root, "runs");
     state.mode = TextAt(*root, "mode");
     state.problems = CountAt(*root, "problems");
-    for (const Json::Value& finding : (*root)["findings"]) {
-        if (finding.isString() && state.findings.size() < kMostFindings) {
-            state.findings.push_back(Short(finding.asString()));
-        }
-    }
+    state.groups = TextsAt(*root, "groups", kMostGroups);
+    state.findings = TextsAt(*root, "findings", kMostFindings);
     const auto part = [&root](const char* name) {
         return (*root)[name].isObject() ? (*root)[name] : Json::Value(Json::objectValue);
     };
@@ -150,8 +158,8 @@ base::Result<HostState> ParseHostState(const std::string& text) {
 
 bool DiffersForFleet(const HostState& before, const HostState& after) {
     const auto config = [](const AppliedConfig& c) { return std::tie(c.seen, c.applied, c.pinned, c.error); };
-    return before.version != after.version || before.agentRuns != after.agentRuns || before.mode != after.mode ||
-           before.problems != after.problems || before.drifts != after.drifts ||
+    return before.version != after.version || before.groups != after.groups || before.agentRuns != after.agentRuns ||
+           before.mode != after.mode || before.problems != after.problems || before.drifts != after.drifts ||
            before.eventsDropped != after.eventsDropped || before.eventsGivenUp != after.eventsGivenUp ||
            before.lastKill.event != after.lastKill.event || config(before.config) != config(after.config);
 }

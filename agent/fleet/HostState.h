@@ -33,8 +33,9 @@ struct LastKill {
 
 struct HostState {
     std::string host;
-    std::string version;  ///< of the agent
-    int64_t time = 0;     ///< seconds since the epoch by the host's clock
+    std::vector<std::string> groups;  ///< of the fleet that it belongs to, by weight, the heaviest last
+    std::string version;              ///< of the agent
+    int64_t time = 0;                 ///< seconds since the epoch by the host's clock
     int64_t uptimeSeconds = 0;
     bool agentRuns = false;             ///< otherwise nothing below but `config` is known
     std::string mode;                   ///< which limits are in force, one sentence
@@ -49,8 +50,8 @@ struct HostState {
     LastKill lastKill;
 };
 
-/// The part of it that the main process's own status tells; `host`, `config` and what is known of waiting events and
-/// of kills are the caller's. Pure.
+/// The part of it that the main process's own status tells; `host`, `groups`, `config` and what is known of waiting
+/// events and of kills are the caller's. Pure.
 HostState TakeHostState(const StatusReport& report);
 
 /// Pure. At most kMostHostStateBytes: findings are left out, then cut, until it fits.

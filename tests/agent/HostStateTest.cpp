@@ -12,6 +12,7 @@ namespace {
 HostState Full() {
     HostState state;
     state.host = "h1";
+    state.groups = {"web", "db"};
     state.version = "0.1.0";
     state.time = 4102444800;  // beyond 2038
     state.uptimeSeconds = 3;
@@ -37,6 +38,7 @@ TEST(HostStateTest, EverythingComesBack) {
     ASSERT_TRUE(back);
     EXPECT_EQ(FormatHostState(*back), text);
     EXPECT_EQ(back->host, "h1");
+    EXPECT_EQ(back->groups, (std::vector<std::string>{"web", "db"}));
     EXPECT_EQ(back->version, "0.1.0");
     EXPECT_EQ(back->time, 4102444800);
     EXPECT_EQ(back->uptimeSeconds, 3);
@@ -124,6 +126,7 @@ TEST(HostStateTest, OnlyWhatMattersIsToldBeforeTheMinuteIsOver) {
     EXPECT_TRUE(differs([](HostState& s) { s.version = "2"; }));
     EXPECT_TRUE(differs([](HostState& s) { s.agentRuns = false; }));
     EXPECT_TRUE(differs([](HostState& s) { s.mode = "x"; }));
+    EXPECT_TRUE(differs([](HostState& s) { s.groups.pop_back(); }));
     EXPECT_TRUE(differs([](HostState& s) { ++s.problems; }));
     EXPECT_TRUE(differs([](HostState& s) { ++s.drifts; }));
     EXPECT_TRUE(differs([](HostState& s) { ++s.eventsDropped; }));

@@ -1,0 +1,98 @@
+// A change of the fleet's configuration in two steps: first on a few hosts, and on all only if those stay well. Pure:
+// what was put and what hosts say comes in, what is to be put goes out.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fleet/HostState.h"
+#include "fleet/RemoteConfig.h"
+
+namespace agent {
+
+struct RolloutPlan {
+    std::string target;          ///< level that is changed: "all" or "group.web"
+    std::string change;          ///< a JSON object with the values to set; null takes a key away
+    int percent = 5;             ///< of the hosts of the target that get it first; one at least
+    int64_t waitSeconds = 600;   ///< for which they have to stay well with it
+    int64_t applySeconds = 180;  ///< within which they have to report it
+};
+
+/// A host as it was last heard of.
+struct FleetHost {
+    HostState state;
+    int64_t silentSeconds = 0;  ///< by the broker's clock
+};
+using FleetHosts = std::map<std::string, FleetHost>;  ///< by name
+
+/// To be stored only while the key has the revision that is expected; 0: while it is not there.
+struct RolloutPut {
+    std::string level;
+    std::optional<std::string> text;  ///< none: the key is deleted
+    uint64_t expected = 0;
+};
+
+enum class RolloutPhase {
+    kCanaries,   ///< the chosen hosts get it
+    kWatching,   ///< they have it, or are to have it, and are looked at
+    kWidening,   ///< all get it
+    kClearing,   ///< what the chosen hosts had of their own comes back below it
+    kGoingBack,  ///< the chosen hosts get what they had
+    kDone,
+    kFailed
+};
+
+/// Thread-safety: one thread. Times: seconds of one clock that never goes back.
+class Rollout {
+public:
+    /// levels: the target's, and those of hosts that have one of their own.
+    Rollout(RolloutPlan plan, const FleetHosts& hosts, std::vector<RemoteLevel> levels, int64_t now);
+
+    RolloutPhase Phase() const { return m_phase; }
+    bool HasEnded() const { return m_phase == RolloutPhase::kDone || m_phase == RolloutPhase::kFailed; }
+    /// One sentence: why it failed or goes back; empty otherwise.
+    const std::string& Reason() const { return m_reason; }
+    /// What could not be brought back and why, sentences.
+    const std::vector<std::string>& Left() const { return m_left; }
+    const std::vector<std::string>& Canaries() const { return m_canaries; }
+
+    /// What is to be put next, one at a time; none: wait for Look.
+    std::optional<RolloutPut> Next() const;
+    /// The answer to Next(). revision: of what was stored; error: why it was not, empty when it was.
+    void OnPut(uint64_t revision, const std::string& error);
+    /// To be called every few seconds with what is known of the hosts.
+    void Look(const FleetHosts& hosts, int64_t now);
+    /// Somebody ends it: the chosen hosts get what they had.
+    void Cancel(const std::string& why);
+
+private:
+    struct Canary {
+        FleetHost before;
+        RemoteLevel level;      // as it was
+        uint64_t revision = 0;  // of what was put; 0: nothing
+    };
+    RemoteLevel LevelOf(const std::string& name) const;
+    void Choose(const FleetHosts& hosts);
+    std::string Trouble(const std::string& name, const FleetHosts& hosts) const;
+    void GoBack(const std::string& why);
+    void Take(RolloutPhase phase);
+
+    const RolloutPlan m_plan;
+    std::map<std::string, RemoteLevel> m_levels;
+    std::vector<std::string> m_canaries;
+    std::map<std::string, Canary> m_of;
+    RolloutPhase m_phase = RolloutPhase::kCanaries;
+    size_t m_at = 0;  // of the canaries, in the phases that put one after the other
+    int64_t m_putAt = 0;
+    std::optional<int64_t> m_appliedAt;
+    std::string m_reason;
+    std::vector<std::string> m_left;
+};
+
+/// A level's text with the values of `change` set. Errors: one of them is no object, or the agent refuses the result.
+base::Result<std::string> ChangeLevel(const std::optional<std::string>& text, const std::string& change);
+
+}  // namespace agent

@@ -1,0 +1,242 @@
+// A staged change: who gets it first, what stops it, and that everything comes back.
+#include "fleet/Rollout.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+using namespace agent;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace {
+
+/// A broker's keys and hosts that take what they are given.
+class RolloutTest : public testing::Test {
+protected:
+    RolloutTest() {
+        for (int i = 0; i < 40; ++i) {
+            FleetHost host;
+            host.state.agentRuns = true;
+            host.state.uptimeSeconds = 1000;
+            host.state.groups = {i < 30 ? "web" : "db"};
+            m_hosts["h" + std::to_string(i)] = host;
+        }
+        m_plan = {"group.web", R"({"maxCpu": 20})", 5, 600, 180};
+    }
+
+    Rollout Begin() {
+        std::vector<RemoteLevel> levels;
+        for (const auto& [name, level] : m_levels) levels.push_back(level);
+        return Rollout(m_plan, m_hosts, levels, m_now);
+    }
+    /// Stores what is to be put, as a broker does: only with the revision that is expected.
+    void Store(Rollout& rollout) {
+        while (const std::optional<RolloutPut> put = rollout.Next()) {
+            RemoteLevel& level = m_levels[put->level];
+            m_puts.push_back(put->level + (put->text ? " " + *put->text : " deleted"));
+            if (level.revision != put->expected || put->level == m_contested) {
+                rollout.OnPut(0, "somebody else has changed it");
+                if (put->level == m_contested) m_contested.clear();
+                continue;
+            }
+            level = {put->level, ++m_revision, put->text};
+            rollout.OnPut(m_revision, "");
+        }
+    }
+    void Apply(const std::string& host) { m_hosts.at(host).state.config.applied = m_revision; }
+    void Until(Rollout& rollout, int64_t seconds) {
+        for (const int64_t end = m_now + seconds; m_now < end; m_now += 5) rollout.Look(m_hosts, m_now);
+        rollout.Look(m_hosts, m_now);
+    }
+    std::map<std::string, std::optional<std::string>> Texts() const {
+        std::map<std::string, std::optional<std::string>> texts;
+        for (const auto& [name, level] : m_levels) {
+            if (level.text) texts[name] = level.text;
+        }
+        return texts;
+    }
+
+    FleetHosts m_hosts;
+    RolloutPlan m_plan;
+    std::map<std::string, RemoteLevel> m_levels;
+    std::vector<std::string> m_puts;
+    std::string m_contested;
+    uint64_t m_revision = 100;
+    int64_t m_now = 50;
+};
+
+}  // namespace
+
+TEST_F(RolloutTest, AFewGetItAndThenAll) {
+    m_levels["group.web"] = {"group.web", 7, R"({"maxMemory": 300})"};
+    Rollout rollout = Begin();
+    ASSERT_THAT(rollout.Canaries(), SizeIs(2)) << "5 % of the 30 that belong to it";
+    for (const std::string& name : rollout.Canaries()) m_levels["host." + name].name = "host." + name;
+    Store(rollout);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kWatching);
+    EXPECT_EQ(m_puts[0], "host." + rollout.Canaries()[0] + R"( {"maxCpu":20})");
+    for (const std::string& name : rollout.Canaries()) Apply(name);
+    Until(rollout, 595);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kWatching) << "they are looked at for the whole time";
+    Until(rollout, 5);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kWidening);
+    Store(rollout);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kDone);
+    EXPECT_EQ(m_puts[2], R"(group.web {"maxCpu":20,"maxMemory":300})");
+    EXPECT_THAT(Texts(), SizeIs(1)) << "the hosts have no level of their own any more";
+    EXPECT_THAT(rollout.Left(), IsEmpty());
+}
+
+TEST_F(RolloutTest, WhatStopsItBringsEverythingBack) {
+    using Change = void (*)(FleetHost&);
+    const std::pair<const char*, Change> cases[] = {
+        {"is late", [](FleetHost& h) { h.silentSeconds = 180; }},
+        {"is gone", [](FleetHost& h) { h.silentSeconds = 600; }},
+        {"refuses it: why", [](FleetHost& h) { h.state.config.error = "why"; }},
+        {"keeps a file of its own", [](FleetHost& h) { h.state.config.pinned = true; }},
+        {"has no running agent", [](FleetHost& h) { h.state.agentRuns = false; }},
+        {"had a kill: QorNet",
+         [](FleetHost& h) {
+             h.state.lastKill = {9, "x-1", "QorNet"};
+         }},
+        {"had limits changed", [](FleetHost& h) { h.state.drifts = 4; }},
+        {"has a new finding: it burns", [](FleetHost& h) { h.state.problems = 1, h.state.findings = {"it burns"}; }},
+    };
+    for (auto& [name, host] : m_hosts) host.state.drifts = 3;
+    const FleetHosts hosts = m_hosts;
+    for (const auto& [text, change] : cases) {
+        m_hosts = hosts;
+        m_levels.clear();
+        m_levels["group.web"] = {"group.web", 7, R"({"maxCpu": 10})"};
+        const std::vector<std::string> chosen = Begin().Canaries();
+        const std::string &first = chosen[0], &second = chosen[1];
+        m_levels["host." + first] = {"host." + first, 3, R"({"maxCpu": 1, "maxFdCount": 5})"};
+        const auto before = Texts();
+        Rollout rollout = Begin();
+        Store(rollout);
+        Apply(first);
+        Apply(second);
+        Until(rollout, 300);
+        ASSERT_EQ(rollout.Phase(), RolloutPhase::kWatching) << text;
+        change(m_hosts.at(second));
+        Until(rollout, 5);
+        EXPECT_EQ(rollout.Phase(), RolloutPhase::kGoingBack) << text;
+        EXPECT_THAT(rollout.Reason(), HasSubstr(second + " " + text));
+        Store(rollout);
+        EXPECT_EQ(rollout.Phase(), RolloutPhase::kFailed);
+        EXPECT_EQ(Texts(), before) << text;
+    }
+}
+
+TEST_F(RolloutTest, AnAgentThatWasRestartedCountsItsDriftsAnew) {
+    for (auto& [name, host] : m_hosts) host.state.drifts = 3;
+    Rollout rollout = Begin();
+    Store(rollout);
+    for (const std::string& name : rollout.Canaries()) {
+        Apply(name);
+        m_hosts.at(name).state.uptimeSeconds = 5;
+        m_hosts.at(name).state.drifts = 0;
+    }
+    Until(rollout, 300);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kWatching);
+    m_hosts.at(rollout.Canaries()[1]).state.drifts = 1;
+    Until(rollout, 5);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kGoingBack);
+}
+
+TEST_F(RolloutTest, WhoDoesNotReportItInTimeStopsIt) {
+    Rollout rollout = Begin();
+    Store(rollout);
+    Apply(rollout.Canaries()[0]);
+    m_hosts.at(rollout.Canaries()[1]).state.config.applied = m_revision - 1;
+    Until(rollout, 175);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kWatching);
+    Until(rollout, 5);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kGoingBack);
+    EXPECT_THAT(rollout.Reason(), HasSubstr(rollout.Canaries()[1] + " has not reported it in time"));
+}
+
+TEST_F(RolloutTest, SomebodyElsesChangeIsNotOverwritten) {
+    Rollout rollout = Begin();
+    m_contested = "host." + rollout.Canaries()[1];
+    Store(rollout);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kFailed);
+    EXPECT_THAT(rollout.Reason(), HasSubstr("somebody else has changed it"));
+    EXPECT_THAT(m_puts, SizeIs(3)) << "the second was never changed and is not brought back";
+    EXPECT_THAT(Texts(), IsEmpty());
+
+    Rollout wide = Begin();
+    Store(wide);
+    for (const std::string& name : wide.Canaries()) Apply(name);
+    m_contested = "group.web";
+    Until(wide, 600);
+    Store(wide);
+    EXPECT_EQ(wide.Phase(), RolloutPhase::kFailed);
+    EXPECT_THAT(wide.Reason(), HasSubstr("group.web could not be changed"));
+    EXPECT_THAT(Texts(), IsEmpty());
+}
+
+TEST_F(RolloutTest, WhatCannotBeBroughtBackIsTold) {
+    Rollout rollout = Begin();
+    Store(rollout);
+    m_levels["host." + rollout.Canaries()[0]] = {"", ++m_revision, R"({"maxCpu": 33})"};
+    rollout.Cancel("asked for");
+    Store(rollout);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kFailed);
+    EXPECT_EQ(rollout.Reason(), "asked for");
+    ASSERT_THAT(rollout.Left(), SizeIs(1));
+    EXPECT_THAT(rollout.Left()[0], HasSubstr("host." + rollout.Canaries()[0] + " keeps the value"));
+    EXPECT_THAT(Texts(), SizeIs(1)) << "the other one's is back, the foreign change stays";
+}
+
+TEST_F(RolloutTest, ItBeginsOnlyWhereItCanSucceed) {
+    m_plan.change = R"({"maxCpu": 90000})";
+    Rollout bad = Begin();
+    EXPECT_EQ(bad.Phase(), RolloutPhase::kFailed);
+    EXPECT_THAT(bad.Reason(), HasSubstr("outside 0..10000"));
+    EXPECT_FALSE(bad.Next());
+    m_plan = {"group.none", R"({"maxCpu": 1})", 5, 600, 180};
+    EXPECT_EQ(Begin().Phase(), RolloutPhase::kFailed);
+    m_plan.target = "group.db";
+    for (auto& [name, host] : m_hosts) host.state.problems = 1;
+    EXPECT_EQ(Begin().Phase(), RolloutPhase::kFailed) << "nobody is well";
+    for (auto& [name, host] : m_hosts) host.state.problems = 0, host.state.config.pinned = true;
+    EXPECT_EQ(Begin().Phase(), RolloutPhase::kFailed) << "nobody takes it";
+}
+
+TEST_F(RolloutTest, TheShareIsOfAllAndOneAtLeast) {
+    const auto share = [this](const char* target, int percent) {
+        m_plan.target = target;
+        m_plan.percent = percent;
+        return Begin().Canaries().size();
+    };
+    EXPECT_EQ(share("all", 5), 2u);
+    EXPECT_EQ(share("all", 6), 3u);
+    EXPECT_EQ(share("group.db", 1), 1u);
+    EXPECT_EQ(share("group.db", 100), 10u);
+    EXPECT_EQ(share("group.db", 0), 1u);
+    EXPECT_EQ(share("group.db", 1000), 10u);
+    m_plan.target = "group.web";
+    m_plan.percent = 5;
+    const std::vector<std::string> web = Begin().Canaries();
+    EXPECT_EQ(web, Begin().Canaries()) << "the same for the same fleet";
+    m_hosts.at(web[0]).silentSeconds = 200;
+    const std::vector<std::string> others = Begin().Canaries();
+    EXPECT_EQ(std::count(others.begin(), others.end(), web[0]), 0) << "who is late is no judge";
+    m_levels["host." + others[0]] = {"host." + others[0], 3, "[]"};
+    const std::vector<std::string> changeable = Begin().Canaries();
+    EXPECT_EQ(std::count(changeable.begin(), changeable.end(), others[0]), 0) << "its own level is damaged";
+}
+
+TEST_F(RolloutTest, AValueIsTakenAwayByNull) {
+    EXPECT_EQ(*ChangeLevel(R"({"maxCpu": 1, "maxMemory": 2})", R"({"maxCpu": null, "maxFdCount": 3})"),
+              R"({"maxFdCount":3,"maxMemory":2})");
+    EXPECT_EQ(*ChangeLevel(std::nullopt, R"({"maxCpu": 1})"), R"({"maxCpu":1})");
+    EXPECT_FALSE(ChangeLevel("[]", R"({"maxCpu": 1})"));
+    EXPECT_FALSE(ChangeLevel("{}", "3"));
+    EXPECT_FALSE(ChangeLevel("{}", R"({"maxCpuu": 1})"));
+    EXPECT_FALSE(ChangeLevel("{", R"({"maxCpu": 1})"));
+}
