@@ -12,12 +12,15 @@
 
 #include "Advice.h"
 #include "AgentPaths.h"
+#include "CtlExit.h"
 #include "DayHistory.h"
 #include "Doctor.h"
 #include "EventTail.h"
 #include "HumanText.h"
+#include "HistoryJson.h"
 #include "Printable.h"
 #include "ReportPage.h"
+#include "View.h"
 #include "base/FileIo.h"
 #include "base/FileReplace.h"
 #include "platform/zel/AgentNames.h"
@@ -69,7 +72,7 @@ void ReadMarks(const std::string& appDir, ReportFacts& facts) {
     facts.marks.erase(facts.marks.begin(), facts.marks.end() - static_cast<std::ptrdiff_t>(kMostMarks));
 }
 
-int WriteReport(const std::string& appDir, const HistoryOptions& options, int64_t since) {
+ReportFacts GatherReport(const std::string& appDir, int64_t since) {
     ReportFacts facts;
     facts.host = HostName();
     facts.directory = appDir;
@@ -79,18 +82,34 @@ int WriteReport(const std::string& appDir, const HistoryOptions& options, int64_
     facts.day = ReadDayHistory(appDir, since);
     ReadMarks(appDir, facts);
     facts.findings = Diagnose(appDir).findings;
-    const base::Status written =
-        base::ReplaceFile(options.htmlFile, MakeReportPage(facts), kPageMode, base::Durability::kSynced);
+    return facts;
+}
+
+base::Status WritePage(const ReportFacts& facts, const std::string& path) {
+    return base::ReplaceFile(path, MakeReportPage(facts), kPageMode, base::Durability::kSynced);
+}
+
+int Report(const std::string& appDir, const HistoryOptions& options, int64_t since) {
+    if (options.htmlFile.empty() && !options.json) {
+        fprintf(stderr, "tervanectl: report needs --html FILE for a page, or --json\n");
+        return kUsage;
+    }
+    const ReportFacts facts = GatherReport(appDir, since);
+    const base::Status written = options.htmlFile.empty() ? base::Status() : WritePage(facts, options.htmlFile);
     if (!written) {
         fprintf(stderr, "tervanectl: %s\n", written.GetError().Text().c_str());
-        return 1;
+        return kRefused;
+    }
+    if (options.json) {
+        fputs(ViewText(ReportView(facts), true).c_str(), stdout);
+        return kOk;
     }
     for (const std::string& problem : facts.day.problems) {
         fprintf(stderr, "tervanectl: note: %s\n", Printable(problem).c_str());
     }
     printf("%s: %zu recorded minutes, %zu groups, %zu marks\n", options.htmlFile.c_str(), facts.day.rows,
            facts.day.groups.size(), facts.marks.size());
-    return 0;
+    return kOk;
 }
 
 }  // namespace
@@ -102,11 +121,11 @@ void DeclareHistoryCommands(CLI::App& app, HistoryOptions& options) {
         if (!since) return since.GetError().Text();
         return *since < now ? std::string() : "\"" + text + "\" is not in the past";
     };
-    CLI::App* report = app.add_subcommand("report", "the last day as one page for a browser, by group and limit");
+    CLI::App* report = app.add_subcommand("report", "the last day by group and limit: a page for a browser, or JSON");
     report->add_option("--since", options.since, "from when on: 90m, 24h or a date; a day is kept")
         ->capture_default_str()
         ->check(isPast);
-    report->add_option("--html", options.htmlFile, "file to write")->required()->type_name("FILE");
+    report->add_option("--html", options.htmlFile, "the page to write")->type_name("FILE");
     CLI::App* advise =
         app.add_subcommand("advise", "limits that the last day would have needed, and how often today's held");
     advise->add_option("--since", options.since, "from when on: 90m, 24h or a date; a day is kept")
@@ -121,10 +140,11 @@ bool IsHistoryCommand(const std::string& command) {
 int RunHistoryCommand(const std::string& command, const std::string& appDir, const HistoryOptions& options) {
     const base::Result<int64_t> asked = ParseSince(options.since, time(nullptr));
     const int64_t since = asked ? *asked : 0;
-    if (command == "report") return WriteReport(appDir, options, since);
+    if (command == "report") return Report(appDir, options, since);
     const DayHistory day = ReadDayHistory(appDir, since);
-    fputs(AdviceText(day, MakeAdvice(day)).c_str(), stdout);
-    return 0;
+    const std::vector<GroupAdvice> advice = MakeAdvice(day);
+    fputs((options.json ? ViewText(AdviceView(day, advice)) : AdviceText(day, advice)).c_str(), stdout);
+    return kOk;
 }
 
 }  // namespace agent

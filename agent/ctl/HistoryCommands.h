@@ -11,7 +11,8 @@ namespace agent {
 
 struct HistoryOptions {
     std::string since = "24h";
-    std::string htmlFile;
+    std::string htmlFile;  ///< of report; may be empty with json
+    bool json = false;
 };
 
 /// Adds both to the command line.
@@ -20,7 +21,7 @@ void DeclareHistoryCommands(CLI::App& app, HistoryOptions& options);
 /// Whether one of them was asked for.
 bool IsHistoryCommand(const std::string& command);
 
-/// Runs it. Returns: 0; 1 when the page cannot be written, with the reason on stderr.
+/// Runs it. Returns: kOk; kRefused when the page cannot be written, with the reason on stderr; kUsage.
 int RunHistoryCommand(const std::string& command, const std::string& appDir, const HistoryOptions& options);
 
 }  // namespace agent

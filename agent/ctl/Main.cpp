@@ -126,6 +126,11 @@ int Watch(const CommandLine& line) {
     agent::TopOptions options = line.top;
     options.appDir = line.appDir;
     options.process = line.name;
+    options.json = line.json;
+    if (options.json && options.summary) {
+        fprintf(stderr, "tervanectl: --summary is words, and --json has none\n");
+        return kUsage;
+    }
     const base::Status shown = agent::RunTop(options);
     return shown ? kOk : Unreachable(shown.GetError());
 }
@@ -156,10 +161,6 @@ int Configure(const CommandLine& line) {
 }
 
 int Run(const CommandLine& line) {
-    if (line.json && (line.command == "top" || agent::IsHistoryCommand(line.command))) {
-        fprintf(stderr, "tervanectl: %s has no --json\n", line.command.c_str());
-        return kUsage;
-    }
     agent::StatusOptions asked = line.status;
     asked.appDir = line.appDir;
     asked.process = line.name;
@@ -172,7 +173,9 @@ int Run(const CommandLine& line) {
     if (line.command == "config") return Configure(line);
     if (line.command == "top") return Watch(line);
     if (agent::IsHistoryCommand(line.command)) {
-        return agent::RunHistoryCommand(line.command, line.appDir, line.history);
+        agent::HistoryOptions options = line.history;
+        options.json = line.json;
+        return agent::RunHistoryCommand(line.command, line.appDir, options);
     }
     return agent::RunRequest(asked, line.command);
 }

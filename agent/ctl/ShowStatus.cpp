@@ -21,8 +21,6 @@ namespace agent {
 
 namespace {
 
-constexpr const char* kSeverityNames[] = {"ok", "warning", "problem"};  // in the order of Severity
-
 std::string InWords(const StatusReport& report, const std::vector<Trouble>& found) {
     PictureOptions options;
     options.allComponents = true;
@@ -120,15 +118,8 @@ int RunDoctor(const StatusOptions& options) {
         return static_cast<int>(diagnosis.Worst());
     }
     Json::Value view = NewView("doctor");
-    view["worst"] = kSeverityNames[static_cast<size_t>(diagnosis.Worst())];
-    view["findings"] = Json::Value(Json::arrayValue);
-    for (const DoctorFinding& finding : diagnosis.findings) {
-        Json::Value& object = view["findings"].append(Json::Value(Json::objectValue));
-        object["severity"] = kSeverityNames[static_cast<size_t>(finding.severity)];
-        object["what"] = finding.what;
-        object["evidence"] = finding.evidence;
-        object["remedy"] = finding.remedy;
-    }
+    view["worst"] = NameOf(diagnosis.Worst());
+    view["findings"] = FindingsJson(diagnosis.findings);
     fputs(ViewText(view).c_str(), stdout);
     return static_cast<int>(diagnosis.Worst());
 }

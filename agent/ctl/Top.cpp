@@ -15,7 +15,9 @@
 #include "StatusJson.h"
 #include "Text.h"
 #include "TopHistory.h"
+#include "TopJson.h"
 #include "TopScreen.h"
+#include "View.h"
 #include "base/Clock.h"
 
 namespace agent {
@@ -50,15 +52,15 @@ base::Result<StatusReport> ReadStatus(const TopOptions& options) {
 }
 
 /// Whoever shows one status after the other.
-class View {
+class Viewer {
 public:
-    virtual ~View() = default;
+    virtual ~Viewer() = default;
     virtual void Show(const StatusReport& report, const TopHistory& history) = 0;
     /// Waits for something to do. Returns: false when the watcher has seen enough.
     virtual bool Wait(int milliseconds) = 0;
 };
 
-class PlainView final : public View {
+class PlainView final : public Viewer {
 public:
     void Show(const StatusReport& report, const TopHistory& history) override {
         std::string text;
@@ -79,7 +81,26 @@ private:
     bool m_readerIsGone = false;
 };
 
-class PageView final : public View {
+class JsonView final : public Viewer {
+public:
+    explicit JsonView(const std::string& appDir) : m_watch(appDir) {}
+
+    void Show(const StatusReport& report, const TopHistory& history) override {
+        m_watch.Follow(report);
+        fputs(ViewText(TopLook(report, history, m_watch.Get()), true).c_str(), stdout);
+        if (fflush(stdout) != 0) m_readerIsGone = true;
+    }
+    bool Wait(int milliseconds) override {
+        poll(nullptr, 0, milliseconds);
+        return !m_readerIsGone;
+    }
+
+private:
+    CooperationWatch m_watch;
+    bool m_readerIsGone = false;
+};
+
+class PageView final : public Viewer {
 public:
     explicit PageView(const std::string& appDir) : m_watch(appDir) {}
     bool Open() { return m_screen.Open(); }
@@ -160,9 +181,10 @@ private:
     bool m_help = false;
 };
 
-std::unique_ptr<View> MakeView(const std::string& appDir) {
+std::unique_ptr<Viewer> MakeView(const TopOptions& options) {
+    if (options.json) return std::make_unique<JsonView>(options.appDir);
     if (isatty(STDOUT_FILENO) != 0 && isatty(STDIN_FILENO) != 0) {
-        auto page = std::make_unique<PageView>(appDir);
+        auto page = std::make_unique<PageView>(options.appDir);
         if (page->Open()) return page;
     }
     return std::make_unique<PlainView>();
@@ -174,7 +196,7 @@ base::Status RunTop(const TopOptions& options) {
     base::Result<StatusReport> status = ReadStatus(options);
     if (!status) return status.GetError();
     TakeSignals();
-    std::unique_ptr<View> view = MakeView(options.appDir);
+    std::unique_ptr<Viewer> view = MakeView(options);
     TopHistory history;
     StatusReport last;
     const int64_t begin = MonotonicUs();
@@ -194,7 +216,7 @@ base::Status RunTop(const TopOptions& options) {
         if (watched) status = ReadStatus(options);
     }
     view.reset();  // the terminal is itself again
-    if (!status) printf("%s has ended\n", options.process.c_str());
+    if (!status) fprintf(options.json ? stderr : stdout, "%s has ended\n", options.process.c_str());
     if (options.summary) fputs(JoinLines(MakeSummary(last)).c_str(), stdout);
     return {};
 }

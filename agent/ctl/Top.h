@@ -1,5 +1,5 @@
 // `tervanectl top`: the status of a running process again and again, on a terminal as a page that is drawn anew, as
-// plain lines otherwise.
+// plain lines otherwise, or as JSON.
 #pragma once
 
 #include <string>
@@ -13,6 +13,7 @@ struct TopOptions {
     std::string process;
     unsigned int forSeconds = 0;  ///< 0: until the process ends, a signal or the key q
     bool summary = false;         ///< what came of it, at the end
+    bool json = false;            ///< a line for each look, on a terminal too
 };
 
 /// Shows the process until it ends or somebody has seen enough. Reads nothing but its console socket.

@@ -11,6 +11,7 @@ namespace agent {
 
 namespace {
 
+constexpr const char* kSeverityNames[] = {"ok", "warning", "problem"};  // in the order of Severity
 constexpr char kNoColourVariable[] = "NO_COLOR";
 constexpr char kTerminalVariable[] = "TERM";
 
@@ -62,6 +63,22 @@ std::string ViewText(const Json::Value& view, bool oneLine) {
 Json::Value JsonList(const std::vector<std::string>& texts) {
     Json::Value list(Json::arrayValue);
     for (const std::string& text : texts) list.append(text);
+    return list;
+}
+
+const char* NameOf(Severity severity) {
+    return kSeverityNames[static_cast<size_t>(severity)];
+}
+
+Json::Value FindingsJson(const std::vector<DoctorFinding>& findings) {
+    Json::Value list(Json::arrayValue);
+    for (const DoctorFinding& finding : findings) {
+        Json::Value& object = list.append(Json::Value(Json::objectValue));
+        object["severity"] = NameOf(finding.severity);
+        object["what"] = finding.what;
+        object["evidence"] = finding.evidence;
+        object["remedy"] = finding.remedy;
+    }
     return list;
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "Doctor.h"
 #include "StatusText.h"
 
 namespace agent {
@@ -25,5 +26,8 @@ Json::Value NewView(const char* name);
 /// As text that ends with a line end; `oneLine`: without any other.
 std::string ViewText(const Json::Value& view, bool oneLine = false);
 Json::Value JsonList(const std::vector<std::string>& texts);
+/// "ok", "warning" or "problem".
+const char* NameOf(Severity severity);
+Json::Value FindingsJson(const std::vector<DoctorFinding>& findings);
 
 }  // namespace agent

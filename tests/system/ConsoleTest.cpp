@@ -38,6 +38,17 @@ protected:
         EXPECT_TRUE(ParseJson(text, view) && view.isObject()) << text;
         return view.isObject() ? view : Json::Value(Json::objectValue);
     }
+    /// The lines of `top`.
+    std::vector<Json::Value> Looks(const std::string& seconds) {
+        std::string text;
+        EXPECT_EQ(RunConsole({"top", "--json", "--for", seconds}, text), 0) << text;
+        std::vector<Json::Value> looks;
+        for (size_t begin = 0, end = 0; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
+            looks.emplace_back();
+            EXPECT_TRUE(ParseJson(text.substr(begin, end - begin), looks.back()) && looks.back().isObject()) << text;
+        }
+        return looks;
+    }
     std::string ConsoleProgram() const {
         const std::string agent = AgentWords()[0];
         return agent.substr(0, agent.rfind('/')) + "/tervanectl";
@@ -202,12 +213,24 @@ TEST_F(ConsoleTest, EachViewHoldsItsDocumentedSchema) {
                                                          {"statistics"},
                                                          {"metrics"},
                                                          {"threads"},
+                                                         {"report"},
+                                                         {"advise"},
                                                          {"reload"},
                                                          {"stop"}};
+    std::vector<Json::Value> shown = Looks("4");
+    ASSERT_FALSE(shown.empty());
+    EXPECT_FALSE(shown.back()["groups"].empty());
+    EXPECT_GE(shown.back()["groups"][0]["cpu_100times"].asInt64(), 0) << "a look has a look before it";
+    EXPECT_EQ(shown.front()["groups"][0]["cpu_100times"].asInt64(), -1);
     for (const std::vector<std::string>& request : views) {
-        const Json::Value view = View(request);
+        shown.push_back(View(request));
+        if (request[0] == "report" || request[0] == "advise") {
+            EXPECT_FALSE(shown.back()["groups"].empty());
+        }
+    }
+    for (const Json::Value& view : shown) {
         const std::string schema = view["schema"].asString();
-        ASSERT_EQ(schemas.count(schema), 1u) << request[0] << " " << view.toStyledString();
+        ASSERT_EQ(schemas.count(schema), 1u) << view.toStyledString();
         Walk("", view, schemas.at(schema), seen[schema]);
     }
     for (const auto& [schema, members] : schemas) {
