@@ -26,7 +26,8 @@ configure_file(packaging/zelMonitorModule.pc.in zelMonitorModule.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelMonitor.pc ${CMAKE_CURRENT_BINARY_DIR}/zelMonitorModule.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 # What an agent maker reads and begins with.
-install(FILES docs/EMBEDDING.md docs/CONFIG.md docs/CGROUP.md docs/EVENTS.md docs/LOG.md docs/METRICS.md
+install(FILES docs/EMBEDDING.md docs/ASSURANCE.md docs/CGROUP.md docs/CONFIG.md docs/CONSOLE.md docs/EVENTS.md
+  docs/LOG.md docs/METRICS.md CHANGELOG.md
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzelmonitor-dev COMPONENT dev)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzelmonitor-dev COMPONENT dev)
 foreach(library zelHost zelMonitor)
@@ -46,7 +47,8 @@ if(TARGET tervane)
   install(FILES packaging/tervane.tmpfiles DESTINATION lib/tmpfiles.d RENAME tervane.conf COMPONENT agent)
   install(DIRECTORY agent/conf/ DESTINATION ${CMAKE_INSTALL_DATADIR}/tervane/conf COMPONENT agent
     PATTERN demo_components.json EXCLUDE)
-  install(FILES docs/OPERATING.md docs/CONFIG.md docs/EVENTS.md docs/LOG.md docs/METRICS.md
+  install(FILES docs/OPERATING.md docs/ASSURANCE.md docs/CGROUP.md docs/CONFIG.md docs/CONSOLE.md docs/EVENTS.md
+    docs/LOG.md docs/METRICS.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tervane COMPONENT agent)
   install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/tervane COMPONENT agent)
   install(FILES man/tervane.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT agent)
