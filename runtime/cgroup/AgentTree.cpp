@@ -136,7 +136,7 @@ Status GiveBackBase(const Branch& branch) {
 Error WithLimitsLifted(const Branch& branch, Error error) {
     Result<GroupDir> tree = OpenTree(branch);
     if (!tree) return error;
-    const OpenTreeFacts facts = ReadTree(std::move(*tree), branch.serves, 2);
+    OpenTreeFacts facts = ReadTree(std::move(*tree), branch.serves, 2);
     std::vector<Error> failed;
     for (const Controller controller : kAllControllers) {
         if (!branch.serves[controller]) continue;

@@ -170,7 +170,8 @@ struct CCgroupManager::Impl {
     int64_t passUs ZEL_GUARDED_BY(mutex) = 0;  ///< what the last measured one took
     OomRest oomRest ZEL_GUARDED_BY(mutex);
     HostKills hostKills ZEL_GUARDED_BY(mutex);
-    std::optional<uint64_t> lastKills ZEL_GUARDED_BY(mutex);      ///< at the poll before
+    std::optional<std::vector<TreeFacts>> reconciled ZEL_GUARDED_BY(mutex);  ///< until the next publication
+    std::optional<uint64_t> lastKills ZEL_GUARDED_BY(mutex);                 ///< at the poll before
     std::optional<uint64_t> observedKills ZEL_GUARDED_BY(mutex);  ///< before all counters were read for a change
     uint64_t observedCounts ZEL_GUARDED_BY(mutex) = 0;            ///< what had been told by then
     std::optional<uint64_t> noticedKills ZEL_GUARDED_BY(mutex);   ///< at the observation before
@@ -179,7 +180,11 @@ struct CCgroupManager::Impl {
     void TellPlaces() ZEL_REQUIRES(mutex);
     bool Reconcile(const Flags& wanted, const CgroupTotalLimitConfig* total,
                    const std::vector<CgroupGroupConfig>& groups) ZEL_REQUIRES(mutex);
+    std::optional<std::vector<TreeFacts>> ReconcileBranches(std::vector<Error>& problems) ZEL_REQUIRES(mutex);
     bool AddPid(const std::string& group, int pid) ZEL_REQUIRES(mutex);
+    TreeFacts* ReconciledTree(const Branch* branch) ZEL_REQUIRES(mutex);
+    void NoteMade(const Branch& branch, const std::string& group, const std::string& leaf) ZEL_REQUIRES(mutex);
+    bool HasNothingToSweep() ZEL_REQUIRES(mutex);
     bool RemovePid(int pid) ZEL_REQUIRES(mutex);
     bool WriteConfig(const std::string& path, const std::vector<CgroupComponentQuota>& quotas, const Amounts& parent)
         ZEL_REQUIRES(mutex);
@@ -233,13 +238,14 @@ bool CCgroupManager::Impl::Reconcile(const Flags& wanted, const CgroupTotalLimit
     for (const Controller controller : kAllControllers) {
         if (wanted[controller] && !branches.of[controller]) problems.push_back(branches.errors[controller]);
     }
-    ObserveOom();
-    for (const std::shared_ptr<Branch>& branch : branches.all) ReconcileBranch(*branch, targets, problems);
+    reconciled = ReconcileBranches(problems);
     for (const Error& problem : problems) Fail(__LINE__, problem);
     bool ok = problems.empty();
     for (const Controller controller : kAllControllers) {
         std::vector<Error> unread;
-        inUse[controller] = ReadInUse(branches, targets, controller, unread);
+        const TreeFacts* const tree = ReconciledTree(branches.of[controller].get());
+        inUse[controller] =
+            tree != nullptr ? IsInUse(targets, *tree, controller) : ReadInUse(branches, targets, controller, unread);
         if (inUse[controller] || !wanted[controller]) continue;
         // What was told already is not told again for its consequence.
         if (problems.empty()) {
@@ -250,6 +256,18 @@ bool CCgroupManager::Impl::Reconcile(const Flags& wanted, const CgroupTotalLimit
     // Back at what the components know.
     published.valid = ok && AreSameGroups(targets, published.targets);
     return ok;
+}
+
+/// Returns: the trees of all branches as the kernel shows them afterwards; nothing after a failure.
+std::optional<std::vector<TreeFacts>> CCgroupManager::Impl::ReconcileBranches(std::vector<Error>& problems) {
+    std::vector<TreeFacts> trees;
+    for (const std::shared_ptr<Branch>& branch : branches.all) {
+        std::optional<TreeFacts> tree =
+            ReconcileBranch(*branch, targets, problems, [this]() ZEL_REQUIRES(mutex) { ObserveOom(); });
+        if (tree) trees.push_back(std::move(*tree));
+    }
+    if (!problems.empty() || trees.size() != branches.all.size()) return std::nullopt;
+    return trees;
 }
 
 bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
@@ -266,6 +284,7 @@ bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
         if (!branch->ServesAnyOf(inUse)) continue;
         Result<GroupDir> dir = opened.MakeLeaf(*branch, targets.wanted, group, leaf);
         if (!dir) return Fail(__LINE__, dir.GetError());
+        NoteMade(*branch, group, leaf);
         dirs.push_back(std::move(*dir));
         entries.push_back({branch->Tree(), &dirs.back()});
     }
@@ -282,6 +301,25 @@ bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
         mainLeft = false;
     }
     return joined || Fail(__LINE__, joined.GetError());
+}
+
+/// Returns: what the last reconcile has seen of the branch; none after a failure, and once that was published.
+TreeFacts* CCgroupManager::Impl::ReconciledTree(const Branch* branch) {
+    if (!reconciled || reconciled->size() != branches.all.size()) return nullptr;
+    for (size_t i = 0; i < branches.all.size(); ++i) {
+        if (branches.all[i].get() == branch) return &(*reconciled)[i];
+    }
+    return nullptr;
+}
+
+/// What was made since the trees were looked at.
+void CCgroupManager::Impl::NoteMade(const Branch& branch, const std::string& group, const std::string& leaf) {
+    TreeFacts* const tree = ReconciledTree(&branch);
+    if (tree == nullptr) return;
+    GroupFacts node;
+    node.group = group;
+    node.leaf = leaf;
+    tree->nodes.push_back(std::move(node));
 }
 
 bool CCgroupManager::Impl::RemovePid(int pid) {
@@ -316,13 +354,22 @@ bool CCgroupManager::Impl::WriteConfig(const std::string& path, const std::vecto
         LogLine(remark.warning ? kLogWarning : kLogInfo, __LINE__, remark.text);
     }
     if (!leaves) return Fail(__LINE__, leaves.GetError());
-    ObserveOom();
     targets.leaves = std::move(*leaves);
     ForgetWanted();
     published = {path, quotas, parent, targets, true, base::ReadFileMark(path)};
     keeper.NotePublished();
+    if (HasNothingToSweep()) return true;
+    ObserveOom();
     Sweep();
     return true;
+}
+
+/// Whether all that the last reconcile has seen has a place; once, since others may have made something by then.
+bool CCgroupManager::Impl::HasNothingToSweep() {
+    const std::optional<std::vector<TreeFacts>> seen = std::exchange(reconciled, std::nullopt);
+    return seen && std::none_of(seen->begin(), seen->end(), [this](const TreeFacts& tree) ZEL_REQUIRES(mutex) {
+               return HasUnplaced(targets, tree);
+           });
 }
 
 /// Returns: whether nothing is left that has no place any more.
@@ -355,6 +402,7 @@ void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, s
     const int64_t begin = OwnCpuUs();
     quiet.Begin();
     Locate();
+    reconciled.reset();
     KeeperRound round;
     round.branches = &branches;
     round.targets = &targets;

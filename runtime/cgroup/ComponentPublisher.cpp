@@ -37,8 +37,11 @@ ComponentPublisher::ComponentPublisher(const Branches& branches, const GroupTarg
 Status ComponentPublisher::AddParents(const std::string& path, const Amounts& amounts, ComponentFile& file) {
     for (const Controller controller : kAllControllers) {
         if (!m_inUse[controller]) continue;
-        Result<GroupDir> tree = OpenTreeToRead(m_branches, controller);
-        if (!tree) return tree.GetError();
+        const std::shared_ptr<Branch>& branch = m_branches.of[controller];
+        if (!branch) return m_branches.errors[controller];
+        const Result<const GroupDir*> opened = m_opened.Tree(*branch);
+        if (!opened) return opened.GetError();
+        const GroupDir* const tree = *opened;
         Result<GroupIdentity> identity = tree->Identity();
         if (!identity) return identity.GetError();
         const Limit asked = LimitFromAmount(controller, m_targets.total[controller]);
@@ -67,6 +70,7 @@ Result<ComponentLeaf> ComponentPublisher::PlaceLeaf(const LeafKey& key, int quot
     leaf.inode = identity->inode;
     const bool asAsked = SameLimit(key.controller, limit, AskedLimit(key.controller, key.group, key.leaf, quota));
     leaf.quota = asAsked ? quota : AmountOf(key.controller, limit);
+    if (key.leaf == kMainComponent) m_own[key.controller] = std::move(*dir);
     return leaf;
 }
 
@@ -97,9 +101,7 @@ Status ComponentPublisher::AddComponent(const ComponentTarget& target, Component
 Status ComponentPublisher::FollowOwnLeaf(const ComponentFile& file) {
     const ComponentEntry* own = file.Find(kMainComponent);
     if (own == nullptr) return {};
-    std::vector<GroupDir> dirs;
     std::vector<Entry> entries;
-    dirs.reserve(kAllControllers.size());
     const base::MutexLock placing(PlacementMutex());
     for (const Controller controller : kAllControllers) {
         const ComponentLeaf& leaf = own->Leaf(controller);
@@ -108,10 +110,7 @@ Status ComponentPublisher::FollowOwnLeaf(const ComponentFile& file) {
         const Territory tree = branch.Tree();
         Result<std::string> path = ReadGroupOf(getpid(), branch.hierarchy);
         if (!path || !tree.Holds(*path)) continue;
-        Result<GroupDir> dir = m_opened.MakeLeaf(branch, m_targets.wanted, leaf.group, kMainComponent);
-        if (!dir) return dir.GetError();
-        dirs.push_back(std::move(*dir));
-        entries.push_back({tree, &dirs.back()});
+        entries.push_back({tree, &m_own[controller]});
     }
     std::vector<Error> stranded;
     Status joined = m_membership.Join(getpid(), entries, stranded);

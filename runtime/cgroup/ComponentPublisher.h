@@ -50,6 +50,7 @@ private:
     const Flags m_inUse;
     Membership& m_membership;
     OpenedGroups m_opened;
+    PerController<GroupDir> m_own;  ///< the main process's leaves
     std::vector<Remark> m_remarks;
 };
 

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -269,7 +270,13 @@ Result<GroupDir> OpenGroup(const Hierarchy& hierarchy, std::string_view groupPat
 }
 
 Result<std::string> ReadGroupOf(int pid, const Hierarchy& hierarchy) {
-    const Result<std::vector<CgroupMembership>> lines = base::ReadProcessGroups(pid);
+    Result<std::vector<CgroupMembership>> lines = std::vector<CgroupMembership>();
+    if (pid != getpid()) {
+        lines = base::ReadProcessGroups(pid);
+    } else {
+        const Result<Layout> layout = ReadLayout();  // reads them anew, from a file that stays open
+        lines = layout ? Result<std::vector<CgroupMembership>>(*layout->own) : layout.GetError();
+    }
     if (!lines) return lines.GetError();
     const std::string group =
         MembershipPath(*lines, hierarchy.version == Version::kV2 ? "" : ControllerName(hierarchy.controller));

@@ -113,12 +113,14 @@ Result<GroupDir> MakeOwnChild(const GroupDir& parent, const std::string& name) {
     return *own ? std::move(child) : Adopt(std::move(*child));
 }
 
-Result<std::vector<OwnChild>> OpenOwnChildren(const GroupDir& parent, std::vector<Error>& unread) {
+Result<std::vector<OwnChild>> OpenOwnChildren(const GroupDir& parent, std::vector<Error>& unread,
+                                              OpenChildrenByName opened) {
     Result<std::vector<std::string>> names = parent.Children();
     if (!names) return names.GetError();
     std::vector<OwnChild> out;
     for (std::string& name : *names) {
-        Result<GroupDir> child = OpenOwnChild(parent, name);
+        const auto known = opened.find(name);
+        Result<GroupDir> child = known == opened.end() ? OpenOwnChild(parent, name) : std::move(known->second);
         if (child) {
             out.push_back({std::move(name), std::move(*child)});
             continue;

@@ -4,6 +4,7 @@
 // Touches the extended attributes trusted.zel.agent, trusted.zel.origin and the same of user of a group's directory.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -33,10 +34,14 @@ struct OwnChild {
     std::string name;
     GroupDir dir;
 };
+/// Children that are open already, by name.
+using OpenChildrenByName = std::map<std::string, GroupDir>;
 /// Opens the children that are ours, sorted by name; the others, and those that vanish meanwhile, are left out.
 Result<std::vector<OwnChild>> OpenOwnChildren(const GroupDir& parent);
-/// The same, and tells in `unread` what may be ours and could not be looked at, say for want of descriptors.
-Result<std::vector<OwnChild>> OpenOwnChildren(const GroupDir& parent, std::vector<Error>& unread);
+/// The same, and tells in `unread` what may be ours and could not be looked at, say for want of descriptors. `opened`:
+/// children that are taken from there and not opened again.
+Result<std::vector<OwnChild>> OpenOwnChildren(const GroupDir& parent, std::vector<Error>& unread,
+                                              OpenChildrenByName opened = {});
 
 }  // namespace cgroup
 }  // namespace zel

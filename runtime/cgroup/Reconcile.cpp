@@ -15,14 +15,15 @@ namespace zel {
 namespace cgroup {
 namespace {
 
-/// Returns: names of the groups that could not be made.
+/// `opened`: those that are there now. Returns: names of the groups that could not be made.
 std::set<std::string> MakeGroups(const Branch& branch, const GroupTargets& targets, const GroupDir& tree,
-                                 std::vector<Error>& problems) {
+                                 OpenChildrenByName& opened, std::vector<Error>& problems) {
     std::set<std::string> missing;
     bool hopeless = false;
     for (const GroupTarget& target : targets.groups) {
         if (!hopeless) {
             Result<GroupDir> group = MakeGroup(branch, targets.wanted, tree, target.name);
+            if (group) opened[target.name] = std::move(*group);
             if (group) continue;
             problems.push_back(group.GetError());
             hopeless = IsHopeless(group.GetError());
@@ -32,7 +33,7 @@ std::set<std::string> MakeGroups(const Branch& branch, const GroupTargets& targe
     return missing;
 }
 
-void BringAbout(const GroupTargets& targets, const OpenTreeFacts& tree, std::vector<Error>& problems) {
+void BringAbout(const GroupTargets& targets, OpenTreeFacts& tree, std::vector<Error>& problems) {
     for (const Controller controller : kAllControllers) {
         if (!tree.facts.serves[controller]) continue;
         LimitPlan plan = PlanLimits(targets, tree.facts, controller);
@@ -55,16 +56,6 @@ void TellWhatWasNotRead(const GroupTargets& targets, const std::set<std::string>
     }
 }
 
-/// Returns: whether a group or a leaf may be there that has no place: one that was read, or something was not.
-bool MayHaveUnplaced(const GroupTargets& targets, const std::set<std::string>& missing, const OpenTreeFacts& tree) {
-    if (!missing.empty() || !tree.unread.empty()) return true;
-    return std::any_of(tree.facts.nodes.begin(), tree.facts.nodes.end(), [&](const GroupFacts& node) {
-        if (node.Depth() == 0) return false;
-        if (targets.Find(node.group) == nullptr) return true;
-        return node.Depth() == 2 && !targets.KeepsLeaf(tree.facts.serves, node.group, node.leaf);
-    });
-}
-
 /// Nothing is limited by us where no tree is, or none of ours, or where we may make none.
 bool MeansNothingToLift(const Branch& branch, const Error& error) {
     return error.kind == ErrorKind::kNotFound || error.kind == ErrorKind::kRefused || !branch.placement;
@@ -72,23 +63,39 @@ bool MeansNothingToLift(const Branch& branch, const Error& error) {
 
 }  // namespace
 
-void ReconcileBranch(const Branch& branch, const GroupTargets& targets, std::vector<Error>& problems) {
+bool HasUnplaced(const GroupTargets& targets, const TreeFacts& tree) {
+    return std::any_of(tree.nodes.begin(), tree.nodes.end(), [&](const GroupFacts& node) {
+        if (node.Depth() == 0) return false;
+        if (targets.Find(node.group) == nullptr) return true;
+        return node.Depth() == 2 && !targets.KeepsLeaf(tree.serves, node.group, node.leaf);
+    });
+}
+
+std::optional<TreeFacts> ReconcileBranch(const Branch& branch, const GroupTargets& targets,
+                                         std::vector<Error>& problems, const std::function<void()>& beforeSweep) {
     const bool wanted = branch.ServesAnyOf(targets.wanted);
     Result<GroupDir> tree = wanted ? MakeTree(branch, targets.wanted) : OpenTree(branch);
     if (!tree) {
         if (wanted || !MeansNothingToLift(branch, tree.GetError())) problems.push_back(tree.GetError());
-        return;
+        return std::nullopt;
     }
     if (branch.serves.memory && targets.wanted.memory) {
         Status reaching = EnsureMemHierarchical(*tree);
         if (!reaching) problems.push_back(reaching.GetError());
     }
     std::set<std::string> missing;
-    if (wanted) missing = MakeGroups(branch, targets, *tree, problems);
-    const OpenTreeFacts facts = ReadTree(std::move(*tree), branch.serves, 2, missing);
+    OpenChildrenByName opened;
+    if (wanted) missing = MakeGroups(branch, targets, *tree, opened, problems);
+    OpenTreeFacts facts = ReadTree(std::move(*tree), branch.serves, 2, missing, {}, std::move(opened));
     if (wanted) TellWhatWasNotRead(targets, missing, facts, problems);
     BringAbout(targets, facts, problems);
-    if (MayHaveUnplaced(targets, missing, facts)) SweepTree(branch, targets);
+    const bool wholeTree = missing.empty() && facts.unread.empty();
+    if (!wholeTree || HasUnplaced(targets, facts.facts)) {
+        if (beforeSweep) beforeSweep();
+        SweepTree(branch, targets);
+    }
+    if (!wholeTree) return std::nullopt;
+    return std::move(facts.facts);
 }
 
 bool ReadInUse(const Branches& branches, const GroupTargets& targets, Controller controller,

@@ -10,19 +10,24 @@ namespace zel {
 namespace cgroup {
 namespace {
 
+/// A file that is not there: the controller is off, which is as good as no limit.
+void NoteFailure(const Error& error, LimitFacts& out) {
+    out.hasFile = error.kind != ErrorKind::kNotFound;
+    if (out.hasFile) out.failure = error;
+}
+
 LimitFacts ReadLimitFacts(Controller controller, const GroupDir& dir) {
     LimitFacts out;
-    out.hasFile = dir.HasFile(LimitFileOf(controller, dir.GetVersion()));
-    if (!out.hasFile) return out;
+    out.hasFile = true;
     if (controller == Controller::kCpu) {
         Result<CpuQuota> quota = ReadCpuQuota(dir);
-        if (!quota) out.failure = quota.GetError();
         if (quota) out.limit.cpu = *quota;
+        if (!quota) NoteFailure(quota.GetError(), out);
         return out;
     }
-    Result<MemLimit> limit = ReadMemLimit(dir);
+    Result<MemLimit> limit = ReadMemHardLimit(dir);
     if (!limit) {
-        out.failure = limit.GetError();
+        NoteFailure(limit.GetError(), out);
         return out;
     }
     out.limit.bytes = limit->hardBytes;
@@ -31,8 +36,18 @@ LimitFacts ReadLimitFacts(Controller controller, const GroupDir& dir) {
     return out;
 }
 
-std::vector<OwnChild> OpenChildren(const GroupDir& parent, std::vector<Error>& unread) {
-    Result<std::vector<OwnChild>> children = OpenOwnChildren(parent, unread);
+/// Writes what differs from the facts, which were read for this.
+Status ApplyStep(const LimitStep& step, const GroupDir& dir, const LimitFacts& facts) {
+    if (step.controller == Controller::kCpu) return ChangeCpuQuota(dir, facts.limit.cpu, step.wanted.cpu);
+    MemLimit old;
+    old.hardBytes = facts.limit.bytes;
+    old.hasSwapLimit = facts.hasSwapLimit;
+    old.swapBytes = facts.swapBytes;
+    return ChangeMemHardLimit(dir, old, step.wanted.bytes);
+}
+
+std::vector<OwnChild> OpenChildren(const GroupDir& parent, std::vector<Error>& unread, OpenChildrenByName opened = {}) {
+    Result<std::vector<OwnChild>> children = OpenOwnChildren(parent, unread, std::move(opened));
     if (children) return std::move(*children);
     unread.push_back(children.GetError());
     return {};
@@ -60,7 +75,7 @@ GroupFacts ReadGroupFacts(const GroupDir& dir, const Flags& serves) {
 }
 
 OpenTreeFacts ReadTree(GroupDir tree, const Flags& serves, int depth, const std::set<std::string>& without,
-                       const GroupObserver& observe) {
+                       const GroupObserver& observe, OpenChildrenByName opened) {
     const auto begin = [&](const GroupDir& group) {
         if (observe) observe(group);
     };
@@ -69,7 +84,7 @@ OpenTreeFacts ReadTree(GroupDir tree, const Flags& serves, int depth, const std:
     out.facts.serves = serves;
     begin(tree);
     std::vector<OwnChild> groups;
-    if (depth > 0) groups = OpenChildren(tree, out.unread);
+    if (depth > 0) groups = OpenChildren(tree, out.unread, std::move(opened));
     AddNode(out, std::move(tree), {}, {});
     for (OwnChild& group : groups) {
         if (without.count(group.name) != 0) continue;
@@ -90,11 +105,16 @@ bool IsHopeless(const Error& error) {
            error.kind == ErrorKind::kNotCgroup;
 }
 
-std::vector<Error> ApplyPlan(const LimitPlan& plan, const OpenTreeFacts& tree) {
+std::vector<Error> ApplyPlan(const LimitPlan& plan, OpenTreeFacts& tree) {
     std::vector<Error> failed;
     for (const LimitStep& step : plan.steps) {
-        Status applied = ApplyLimit(step.controller, tree.dirs[step.node], step.wanted);
-        if (applied) continue;
+        LimitFacts& facts = tree.facts.nodes[step.node].limits[step.controller];
+        Status applied = ApplyStep(step, tree.dirs[step.node], facts);
+        if (applied) {
+            facts.limit = step.wanted;
+            facts.swapBytes = step.swapWanted;
+            continue;
+        }
         failed.push_back(applied.GetError());
         if (IsHopeless(applied.GetError())) break;
     }

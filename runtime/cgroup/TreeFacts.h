@@ -10,6 +10,7 @@
 #include "kernel/Errors.h"
 #include "kernel/GroupDir.h"
 #include "LimitPlan.h"
+#include "OwnGroup.h"
 
 namespace zel {
 namespace cgroup {
@@ -25,16 +26,16 @@ struct OpenTreeFacts {
 GroupFacts ReadGroupFacts(const GroupDir& dir, const Flags& serves);
 
 /// Reads a tree of ours, the parent first; groups of others in it are left out, and so are the groups named in
-/// `without`. `depth`: 0 for the parent alone, 1 with the groups, 2 with their leaves.
+/// `without`. `depth`: 0 for the parent alone, 1 with the groups, 2 with their leaves. `opened`: groups that are open.
 OpenTreeFacts ReadTree(GroupDir tree, const Flags& serves, int depth, const std::set<std::string>& without = {},
-                       const GroupObserver& observe = {});
+                       const GroupObserver& observe = {}, OpenChildrenByName opened = {});
 
 /// Nothing else in the same hierarchy will succeed after such an error.
 bool IsHopeless(const Error& error);
 
 /// Carries the steps out in their order. A step that fails does not hold up the others, unless it is hopeless.
-/// Returns: what failed; empty: everything planned is in force.
-std::vector<Error> ApplyPlan(const LimitPlan& plan, const OpenTreeFacts& tree);
+/// Returns: what failed; empty: everything planned is in force. The facts are then what the kernel has shown of it.
+std::vector<Error> ApplyPlan(const LimitPlan& plan, OpenTreeFacts& tree);
 
 }  // namespace cgroup
 }  // namespace zel

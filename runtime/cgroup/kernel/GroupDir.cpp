@@ -4,12 +4,13 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
+#include <cstring>
 #include <utility>
 
 #include "CgroupFiles.h"
@@ -40,6 +41,31 @@ Status CheckFileSystem(int fd, const std::string& path, Version version) {
     return MakeError(ErrorKind::kNotCgroup, "use", path,
                      version == Version::kV2 ? "no cgroup2 file system is mounted there"
                                              : "no cgroup version 1 file system is mounted there");
+}
+
+Result<GroupIdentity> IdentityOf(int fd, const std::string& path) {
+    struct stat info = {};
+    if (fstat(fd, &info) != 0) return ErrnoError(errno, "stat", path);
+    return GroupIdentity{static_cast<uint64_t>(info.st_dev), static_cast<uint64_t>(info.st_ino)};
+}
+
+/// An entry of a directory as the kernel gives it. Source: getdents64(2).
+struct Entry {
+    uint16_t bytes = 0;
+    unsigned char type = 0;
+    const char* name = nullptr;
+};
+constexpr size_t kEntryBytesAt = 16;
+constexpr size_t kEntryTypeAt = 18;
+constexpr size_t kEntryNameAt = 19;
+constexpr size_t kEntriesBytes = 8192;
+
+Entry EntryAt(const char* data) {
+    Entry out;
+    memcpy(&out.bytes, data + kEntryBytesAt, sizeof out.bytes);
+    out.type = static_cast<unsigned char>(data[kEntryTypeAt]);
+    out.name = data + kEntryNameAt;
+    return out;
 }
 
 bool StartsWith(std::string_view text, std::string_view prefix) {
@@ -108,7 +134,9 @@ Result<GroupDir> GroupDir::Open(const std::string& path, Version version) {
     if (!fd) return ErrnoError(errno, "open", path);
     Status checked = CheckFileSystem(fd.Get(), path, version);
     if (!checked) return checked.GetError();
-    return GroupDir(std::move(fd), path, version);
+    const Result<GroupIdentity> identity = IdentityOf(fd.Get(), path);
+    if (!identity) return identity.GetError();
+    return GroupDir(std::move(fd), path, version, *identity);
 }
 
 Result<GroupDir> GroupDir::OpenChild(const std::string& name) const {
@@ -116,15 +144,18 @@ Result<GroupDir> GroupDir::OpenChild(const std::string& name) const {
     if (!IsSafeComponent(name)) return MakeError(ErrorKind::kRefused, "open", path, "not a name of one group");
     base::Fd fd = OpenAt(m_fd.Get(), name.c_str(), kDirFlags);
     if (!fd) return ErrnoError(errno, "open", path);
-    Status checked = CheckFileSystem(fd.Get(), path, m_version);
+    const Result<GroupIdentity> identity = IdentityOf(fd.Get(), path);
+    if (!identity) return identity.GetError();
+    // What is on this group's device is on its file system; another mount may be of any kind.
+    Status checked = identity->device == m_identity.device ? Status() : CheckFileSystem(fd.Get(), path, m_version);
     if (!checked) return checked.GetError();
-    return GroupDir(std::move(fd), path, m_version);
+    return GroupDir(std::move(fd), path, m_version, *identity);
 }
 
 Result<GroupDir> GroupDir::OpenBelow(std::string_view relative) const {
     base::Fd own(fcntl(m_fd.Get(), F_DUPFD_CLOEXEC, 0));
     if (!own) return ErrnoError(errno, "open", m_path);
-    GroupDir current(std::move(own), m_path, m_version);
+    GroupDir current(std::move(own), m_path, m_version, m_identity);
     while (!relative.empty()) {
         const size_t end = relative.find('/');
         const std::string name(relative.substr(0, end));
@@ -144,12 +175,15 @@ Result<GroupDir> GroupDir::MakeChild(const std::string& name, bool* created) con
         return MakeError(ErrorKind::kRefused, "mkdir", path,
                          "only ASCII letters, digits, '.', '_' and '-' are allowed");
     }
+    // Mostly it is there.
+    Result<GroupDir> child = OpenChild(name);
+    if (child || child.GetError().kind != ErrorKind::kNotFound) return child;
     const bool made = mkdirat(m_fd.Get(), name.c_str(), 0755) == 0;
     if (!made && errno != EEXIST) {
         const int error = errno;
         return ErrnoError(error, "mkdir", path, WriteHint(error, "", m_version));
     }
-    Result<GroupDir> child = OpenChild(name);
+    child = OpenChild(name);
     if (child && created != nullptr) *created = made;
     return child;
 }
@@ -164,20 +198,25 @@ Status GroupDir::RemoveChild(const std::string& name) const {
 }
 
 Result<std::vector<std::string>> GroupDir::Children() const {
-    // A descriptor of its own: a directory stream moves the offset that all holders of a descriptor share.
-    base::Fd fd = OpenAt(m_fd.Get(), ".", kDirFlags);
+    // A descriptor of its own: listing moves the offset that all holders of a descriptor share.
+    const base::Fd fd = OpenAt(m_fd.Get(), ".", kDirFlags);
     if (!fd) return ErrnoError(errno, "list", m_path);
-    std::unique_ptr<DIR, int (*)(DIR*)> dir(fdopendir(fd.Get()), closedir);
-    if (!dir) return ErrnoError(errno, "list", m_path);
-    fd.Release();
     std::vector<std::string> out;
-    for (errno = 0; const dirent* entry = readdir(dir.get()); errno = 0) {
-        const std::string_view name = entry->d_name;
-        if (name == "." || name == ".." || entry->d_type != DT_DIR) continue;
-        if (out.size() >= kMaxChildren) return MakeError(ErrorKind::kTooLarge, "list", m_path);
-        out.emplace_back(name);
+    alignas(8) char entries[kEntriesBytes];  // not filled
+    for (;;) {
+        const long got =
+            base::RetryOnSignal([&] { return syscall(SYS_getdents64, fd.Get(), entries, sizeof entries); });
+        if (got < 0) return ErrnoError(errno, "list", m_path);
+        if (got == 0) break;
+        for (long at = 0; at < got;) {
+            const Entry entry = EntryAt(entries + at);
+            at += entry.bytes;
+            const std::string_view name = entry.name;
+            if (name == "." || name == ".." || entry.type != DT_DIR) continue;
+            if (out.size() >= kMaxChildren) return MakeError(ErrorKind::kTooLarge, "list", m_path);
+            out.emplace_back(name);
+        }
     }
-    if (errno != 0) return ErrnoError(errno, "list", m_path);
     std::sort(out.begin(), out.end());
     return out;
 }
@@ -189,9 +228,8 @@ bool GroupDir::IsAlive() const {
 }
 
 Result<GroupIdentity> GroupDir::Identity() const {
-    struct stat info = {};
-    if (fstat(m_fd.Get(), &info) != 0) return ErrnoError(errno, "stat", m_path);
-    return GroupIdentity{static_cast<uint64_t>(info.st_dev), static_cast<uint64_t>(info.st_ino)};
+    if (!m_fd) return ErrnoError(EBADF, "stat", m_path);
+    return m_identity;
 }
 
 bool GroupDir::HasFile(const char* file) const {
@@ -239,24 +277,51 @@ Result<int64_t> GroupDir::ReadNumber(const char* file) const {
     return number;
 }
 
-Status GroupDir::Write(const char* file, std::string_view value) const {
+namespace {
+
+std::string WriteOperation(std::string_view value) {
+    return "write " + std::string(value.substr(0, 64)) + " to";
+}
+
+}  // namespace
+
+Result<base::Fd> GroupDir::OpenToWrite(const char* file, std::string_view value, int mode) const {
     const std::string path = FilePath(file);
-    const std::string operation = "write " + std::string(value.substr(0, 64)) + " to";
+    const std::string operation = WriteOperation(value);
     if (!IsSafeComponent(file)) return MakeError(ErrorKind::kRefused, operation, path, "not a name of one file");
     if (value.size() > kMaxControlValueBytes) return MakeError(ErrorKind::kTooLarge, operation, path);
     // No O_CREAT and no O_TRUNC: a control file exists or the limit does not.
-    base::Fd fd = OpenAt(m_fd.Get(), file, O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (!fd) {
-        const int error = errno;
-        return ErrnoError(error, operation, path, WriteHint(error, file, m_version));
-    }
+    base::Fd fd = OpenAt(m_fd.Get(), file, mode | O_CLOEXEC | O_NOFOLLOW);
+    if (fd) return fd;
+    const int error = errno;
+    return ErrnoError(error, operation, path, WriteHint(error, file, m_version));
+}
+
+Status GroupDir::WriteTo(const base::Fd& fd, const char* file, std::string_view value) const {
     const ssize_t put = base::RetryOnSignal([&] { return write(fd.Get(), value.data(), value.size()); });
     if (put < 0) {
         const int error = errno;
-        return ErrnoError(error, operation, path, WriteHint(error, file, m_version));
+        return ErrnoError(error, WriteOperation(value), FilePath(file), WriteHint(error, file, m_version));
     }
-    if (static_cast<size_t>(put) != value.size()) return MakeError(ErrorKind::kShortWrite, operation, path);
-    return {};
+    if (static_cast<size_t>(put) == value.size()) return {};
+    return MakeError(ErrorKind::kShortWrite, WriteOperation(value), FilePath(file));
+}
+
+Status GroupDir::Write(const char* file, std::string_view value) const {
+    const Result<base::Fd> fd = OpenToWrite(file, value, O_WRONLY);
+    return fd ? WriteTo(*fd, file, value) : Status(fd.GetError());
+}
+
+Result<std::string> GroupDir::WriteAndReadBack(const char* file, std::string_view value) const {
+    const Result<base::Fd> fd = OpenToWrite(file, value, O_RDWR);
+    if (!fd) return fd.GetError();
+    const Status written = WriteTo(*fd, file, value);
+    if (!written) return written.GetError();
+    // Kernel: a control file reads from its beginning whatever was written.
+    char text[kMaxControlValueBytes];  // not filled
+    const ssize_t got = base::RetryOnSignal([&] { return pread(fd->Get(), text, sizeof text, 0); });
+    if (got < 0) return ErrnoError(errno, "read", FilePath(file));
+    return std::string(text, static_cast<size_t>(got));
 }
 
 Result<std::vector<int>> GroupDir::Processes() const {

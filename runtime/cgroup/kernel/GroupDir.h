@@ -51,6 +51,7 @@ public:
     Version GetVersion() const { return m_version; }
     /// Returns: whether the group still exists under its descriptor.
     bool IsAlive() const;
+    /// As it was when it was opened; it does not change.
     Result<GroupIdentity> Identity() const;
 
     bool HasFile(const char* file) const;
@@ -65,6 +66,8 @@ public:
     base::Fd OpenDetached(const char* file) const;
     /// Writes the value in one write. Never creates the file.
     Status Write(const char* file, std::string_view value) const;
+    /// The same, and reads back through the same descriptor what the kernel then shows.
+    Result<std::string> WriteAndReadBack(const char* file, std::string_view value) const;
 
     /// Processes that are directly in this group, as this process's pid namespace sees them.
     Result<std::vector<int>> Processes() const;
@@ -86,9 +89,11 @@ public:
     Status DisableForChildren(const char* controller) const;
 
 private:
-    GroupDir(base::Fd fd, std::string path, Version version)
-        : m_fd(std::move(fd)), m_path(std::move(path)), m_version(version) {}
+    GroupDir(base::Fd fd, std::string path, Version version, GroupIdentity identity)
+        : m_fd(std::move(fd)), m_path(std::move(path)), m_version(version), m_identity(identity) {}
     std::string FilePath(std::string_view file) const;
+    Result<base::Fd> OpenToWrite(const char* file, std::string_view value, int mode) const;
+    Status WriteTo(const base::Fd& fd, const char* file, std::string_view value) const;
     /// Version 2: whether the file lists the word. Version 1: everything is enabled.
     Result<bool> HasWord(const char* file, const char* word) const;
     Status CheckMayHoldProcesses() const;
@@ -97,6 +102,7 @@ private:
     base::Fd m_fd;
     std::string m_path;
     Version m_version = Version::kNone;
+    GroupIdentity m_identity;
 };
 
 /// Hears of each group before anything of it is read.

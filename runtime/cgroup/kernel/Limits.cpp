@@ -34,30 +34,38 @@ bool RetryOtherOrder(const Status& status) {
     return !status && status.GetError().kind == ErrorKind::kInvalidValue;
 }
 
+/// Writes one of the two files. `shown`: what the kernel shows of both, with what it shows of this one now.
+Status WriteV1Part(const GroupDir& group, bool quota, int64_t value, CpuQuota& shown) {
+    const char* const file = quota ? v1::kCpuQuotaUs : v1::kCpuPeriodUs;
+    const Result<std::string> text = group.WriteAndReadBack(file, std::to_string(value));
+    if (!text) return text.GetError();
+    const Result<int64_t> now = ParseNumberOrMax(*text);
+    if (!now) return MakeError(ErrorKind::kMalformed, "read a number from", group.Path() + "/" + file);
+    (quota ? shown.quotaUs : shown.periodUs) = *now < 0 ? kUnlimited : *now;
+    return {};
+}
+
 // Two files, each write checked by the kernel against the other one, the parent and the children.
-Status WriteV1Quota(const GroupDir& group, const CpuQuota& old, const CpuQuota& wanted) {
-    const std::string quota = std::to_string(wanted.quotaUs);
-    const std::string period = std::to_string(wanted.periodUs);
-    if (wanted.Unlimited()) return group.Write(v1::kCpuQuotaUs, "-1");
-    if (old.periodUs == wanted.periodUs) return group.Write(v1::kCpuQuotaUs, quota);
-    if (old.Unlimited()) {
-        Status status = group.Write(v1::kCpuPeriodUs, period);
-        return status ? group.Write(v1::kCpuQuotaUs, quota) : status;
-    }
-    Status first = group.Write(v1::kCpuPeriodUs, period);
+Status WriteV1Quota(const GroupDir& group, const CpuQuota& old, const CpuQuota& wanted, CpuQuota& shown) {
+    const auto writeQuota = [&](int64_t us) { return WriteV1Part(group, true, us, shown); };
+    const auto writePeriod = [&](int64_t us) { return WriteV1Part(group, false, us, shown); };
+    if (wanted.Unlimited()) return writeQuota(-1);
+    if (old.periodUs == wanted.periodUs) return writeQuota(wanted.quotaUs);
+    Status first = writePeriod(wanted.periodUs);
+    if (old.Unlimited()) return first ? writeQuota(wanted.quotaUs) : first;
     if (first) {
-        Status second = group.Write(v1::kCpuQuotaUs, quota);
+        Status second = writeQuota(wanted.quotaUs);
         if (second) return second;
-        Status back = group.Write(v1::kCpuPeriodUs, std::to_string(old.periodUs));
-        (void)back;  // the failure to report is the one of the quota; the caller's read-back sees what stands
+        Status back = writePeriod(old.periodUs);
+        (void)back;  // the failure to report is the one of the quota; the next look sees what stands
         return second;
     }
     if (!RetryOtherOrder(first)) return first;
-    Status second = group.Write(v1::kCpuQuotaUs, quota);
+    Status second = writeQuota(wanted.quotaUs);
     if (!second) return second;
-    Status third = group.Write(v1::kCpuPeriodUs, period);
+    Status third = writePeriod(wanted.periodUs);
     if (!third) {
-        Status back = group.Write(v1::kCpuQuotaUs, std::to_string(old.quotaUs));
+        Status back = writeQuota(old.quotaUs);
         (void)back;
     }
     return third;
@@ -194,26 +202,35 @@ Result<CpuQuota> ReadCpuQuota(const GroupDir& group) {
 
 Status ApplyCpuQuota(const GroupDir& group, const CpuQuota& quota) {
     Result<CpuQuota> old = ReadCpuQuota(group);
-    if (!old) return old.GetError();
-    if (*old == quota) return {};
-    Status written;
-    if (old->burstUs != 0) written = group.Write(BurstFileOf(group), "0");
-    if (!written) return written;
-    if (SameQuotaAndPeriod(*old, quota)) {
+    return old ? ChangeCpuQuota(group, *old, quota) : Status(old.GetError());
+}
+
+Status ChangeCpuQuota(const GroupDir& group, const CpuQuota& old, const CpuQuota& quota) {
+    if (old == quota) return {};
+    CpuQuota now = old;
+    if (old.burstUs != 0) {
+        const Result<std::string> text = group.WriteAndReadBack(BurstFileOf(group), "0");
+        if (!text) return text.GetError();
+        const Result<int64_t> burst = ParseNumberOrMax(*text);
+        now.burstUs = burst ? *burst : old.burstUs;
+    }
+    if (SameQuotaAndPeriod(old, quota)) {
         // the burst was all that differed
     } else if (group.GetVersion() == Version::kV2) {
-        written = group.Write(v2::kCpuMax, quota.Unlimited()
-                                               ? std::string("max")
-                                               : std::to_string(quota.quotaUs) + " " + std::to_string(quota.periodUs));
+        const std::string text = std::to_string(quota.quotaUs) + " " + std::to_string(quota.periodUs);
+        const Result<std::string> shown = group.WriteAndReadBack(v2::kCpuMax, quota.Unlimited() ? "max" : text);
+        if (!shown) return shown.GetError();
+        const Result<CpuQuota> both = ParseCpuMax(*shown, group.Path());
+        if (!both) return both.GetError();
+        now.quotaUs = both->quotaUs;
+        now.periodUs = both->periodUs;
     } else {
-        written = WriteV1Quota(group, *old, quota);
+        Status written = WriteV1Quota(group, old, quota, now);
+        if (!written) return written;
     }
-    if (!written) return written;
-    Result<CpuQuota> now = old->burstUs != 0 ? ReadCpuQuota(group) : ReadQuotaAndPeriod(group);
-    if (!now) return now.GetError();
-    if (*now == quota) return {};
+    if (now == quota) return {};
     return MakeError(ErrorKind::kNotInForce, "set CPU quota " + QuotaText(quota) + " on", group.Path(),
-                     "the kernel shows " + QuotaText(*now) + ": somebody else writes this group");
+                     "the kernel shows " + QuotaText(now) + ": somebody else writes this group");
 }
 
 Result<CpuCounters> ReadCpuCounters(const GroupDir& group) {
@@ -237,7 +254,7 @@ Result<CpuCounters> ReadCpuCounters(const GroupDir& group) {
     return out;
 }
 
-Result<MemLimit> ReadMemLimit(const GroupDir& group) {
+Result<MemLimit> ReadMemHardLimit(const GroupDir& group) {
     MemLimit out;
     if (group.GetVersion() == Version::kV2) {
         Result<int64_t> hard = group.ReadNumber(v2::kMemMax);
@@ -248,10 +265,16 @@ Result<MemLimit> ReadMemLimit(const GroupDir& group) {
     Result<int64_t> hard = ReadV1Limit(group, v1::kMemLimitBytes);
     if (!hard) return hard.GetError();
     out.hardBytes = *hard;
+    return ReadSwapLimit(ReadV1Limit(group, v1::kMemSwapLimitBytes), out);
+}
+
+Result<MemLimit> ReadMemLimit(const GroupDir& group) {
+    Result<MemLimit> out = ReadMemHardLimit(group);
+    if (!out || group.GetVersion() == Version::kV2) return out;
     Result<int64_t> soft = ReadV1Limit(group, v1::kMemSoftLimitBytes);
     if (!soft && soft.GetError().kind != ErrorKind::kNotFound) return soft.GetError();
-    if (soft) out.softBytes = *soft;
-    return ReadSwapLimit(ReadV1Limit(group, v1::kMemSwapLimitBytes), out);
+    if (soft) out->softBytes = *soft;
+    return out;
 }
 
 int64_t SumFixedBytes(const std::string& memStat, Version version, bool canSwap, int64_t swappedBytes) {
@@ -279,24 +302,27 @@ int64_t SumFixedBytes(const std::string& memStat, Version version, bool canSwap,
 }
 
 Status ApplyMemHardLimit(const GroupDir& group, int64_t bytes) {
+    Result<MemLimit> old = ReadMemHardLimit(group);
+    return old ? ChangeMemHardLimit(group, *old, bytes) : Status(old.GetError());
+}
+
+Status ChangeMemHardLimit(const GroupDir& group, const MemLimit& old, int64_t bytes) {
     const int64_t wanted = PageRoundDown(bytes);
-    Result<MemLimit> old = ReadMemLimit(group);
-    if (!old) return old.GetError();
     const int64_t swap = SwapLimitFor(group.GetVersion(), wanted);
     const auto isThere = [&](const MemLimit& limit) {
         return limit.hardBytes == wanted && (!limit.hasSwapLimit || limit.swapBytes == swap);
     };
-    if (isThere(*old)) return {};
+    if (isThere(old)) return {};
     const bool isV2 = group.GetVersion() == Version::kV2;
     // Version 1 refuses by itself a limit on memory and swap below what is in use.
-    const bool losesSwap = isV2 && old->hasSwapLimit && Above(old->swapBytes, swap);
-    if (Above(old->hardBytes, wanted) || losesSwap) {
-        Status room = CheckRoomUnder(group, *old, wanted);
+    const bool losesSwap = isV2 && old.hasSwapLimit && Above(old.swapBytes, swap);
+    if (Above(old.hardBytes, wanted) || losesSwap) {
+        Status room = CheckRoomUnder(group, old, wanted);
         if (!room) return room;
     }
-    Status written = isV2 ? WriteV2Hard(group, *old, wanted) : WriteV1Hard(group, *old, wanted);
+    Status written = isV2 ? WriteV2Hard(group, old, wanted) : WriteV1Hard(group, old, wanted);
     if (!written) return written;
-    Result<MemLimit> now = ReadMemLimit(group);
+    Result<MemLimit> now = ReadMemHardLimit(group);
     if (!now) return now.GetError();
     if (isThere(*now)) return {};
     return MakeError(ErrorKind::kNotInForce, "set memory limit " + LimitText(wanted) + " on", group.Path(),
@@ -327,7 +353,7 @@ Result<Limit> ReadLimit(Controller controller, const GroupDir& group) {
         if (!quota) return quota.GetError();
         out.cpu = *quota;
     } else {
-        Result<MemLimit> limit = ReadMemLimit(group);
+        Result<MemLimit> limit = ReadMemHardLimit(group);
         if (!limit) return limit.GetError();
         out.bytes = limit->hardBytes;
     }
@@ -339,10 +365,11 @@ Status ApplyLimit(Controller controller, const GroupDir& group, const Limit& lim
 }
 
 Status EnsureMemHierarchical(const GroupDir& group) {
-    if (group.GetVersion() != Version::kV1 || !group.HasFile(v1::kMemUseHierarchy)) return {};
+    if (group.GetVersion() != Version::kV1) return {};
     Result<int64_t> now = group.ReadNumber(v1::kMemUseHierarchy);
-    if (!now) return now.GetError();
-    if (*now == 1) return {};
+    const bool hasFile = now || now.GetError().kind != ErrorKind::kNotFound;
+    if (!now && hasFile) return now.GetError();
+    if (!hasFile || *now == 1) return {};
     Status written = group.Write(v1::kMemUseHierarchy, "1");
     if (written) return written;
     Error error = written.GetError();

@@ -24,6 +24,8 @@ Result<CpuQuota> ReadCpuQuota(const GroupDir& group);
 /// the kernel takes no quota below it.
 /// On failure: the old limit stays, except for kNotInForce.
 Status ApplyCpuQuota(const GroupDir& group, const CpuQuota& quota);
+/// The same for who has just read what is there.
+Status ChangeCpuQuota(const GroupDir& group, const CpuQuota& old, const CpuQuota& quota);
 
 /// Reads and writes the hard limit of either controller.
 Result<Limit> ReadLimit(Controller controller, const GroupDir& group);
@@ -47,6 +49,8 @@ struct MemLimit {
     bool hasSwapLimit = false;
 };
 Result<MemLimit> ReadMemLimit(const GroupDir& group);
+/// The same without the soft limit, which reads unlimited.
+Result<MemLimit> ReadMemHardLimit(const GroupDir& group);
 
 /// Writes the hard limit unless it is there, and reads it back, rounded down to pages as the kernel does.
 /// With it goes the limit that keeps the group out of swap, where swap is accounted for, since a limit that only moves
@@ -59,6 +63,8 @@ Result<MemLimit> ReadMemLimit(const GroupDir& group);
 /// fill the swap before it refuses.
 /// On failure: kBusy when more is in use than can be reclaimed; the old pair is put back.
 Status ApplyMemHardLimit(const GroupDir& group, int64_t bytes);
+/// The same for who has just read what is there.
+Status ChangeMemHardLimit(const GroupDir& group, const MemLimit& old, int64_t bytes);
 
 /// Version 1: memory.soft_limit_in_bytes. Version 2: nothing, because memory.high can stall a process for good.
 Status ApplyMemSoftLimit(const GroupDir& group, int64_t bytes);
