@@ -526,7 +526,8 @@ void CCgroupManager::Impl::ObserveOom() {
     quiet.Told().Drain();
     const uint64_t counts = quiet.Told().Counts();
     const bool calm = kills && kills == std::exchange(noticedKills, kills);
-    if (calm && kills == observedKills && counts == observedCounts && oom.HasBegun()) return;
+    const bool told = quiet.Told().IsWhole();
+    if (calm && told && kills == observedKills && counts == observedCounts && oom.HasBegun()) return;
     const Status read = ReadOom();
     observedKills = read && calm ? kills : std::nullopt;
     observedCounts = counts;

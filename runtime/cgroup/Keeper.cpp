@@ -391,7 +391,7 @@ void Keeper::Round::NoteMembers(const GroupDir& dir, const std::set<MemberKey>& 
     const bool byThread = dir.GetVersion() == Version::kV1;
     m_in.quiet->NoteMembers(dir, byThread ? v1::kThreadsFile : kProcsFile);
     if (!byThread) return;
-    for (const MemberKey& key : members) m_in.quiet->NoteThreads(key.pid);
+    for (const MemberKey& key : members) m_in.quiet->NoteThreads(dir, key.pid);
 }
 
 /// Returns: where the process, or the first thread of it that is elsewhere, is; empty when all are in the leaf or

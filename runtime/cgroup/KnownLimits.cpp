@@ -32,6 +32,7 @@ void KnownLimits::Begin(const LayoutMark& layout, int64_t nowMs) {
     m_watch.End();  // nothing of what was watched before is
     m_changes = m_watch.Changes();
     m_mounts = layout.mounts;
+    m_process = layout.process;
     m_begunAtMs = nowMs;
     const Result<Layout> whole = ReadLayout();
     m_hierarchy = whole ? FindHierarchy(Controller::kCpu, *whole) : Hierarchy();
@@ -68,6 +69,7 @@ Limit KnownLimits::CpuLimitOf(int pid, int64_t nowMs) {
     Limit tightest;
     const Result<LayoutMark> layout = ReadLayoutMark();
     if (!layout) return tightest;
+    if (layout->process != m_process) m_watch.LetGo();
     m_watch.Drain();
     if (!StillHolds(*layout, nowMs)) Begin(*layout, nowMs);
     if (m_hierarchy.version == Version::kNone) return tightest;

@@ -31,6 +31,7 @@ private:
 
     bool m_valid = false;
     uint64_t m_mounts = 0;
+    int m_process = 0;
     uint64_t m_changes = 0;
     int64_t m_begunAtMs = 0;
     Hierarchy m_hierarchy;

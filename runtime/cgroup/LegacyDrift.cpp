@@ -75,7 +75,7 @@ void LegacyGroup::WatchBy(QuietTree& quiet) const {
     quiet.NoteLimits(m_group, {m_controller == Controller::kCpu, m_controller == Controller::kMemory});
     quiet.NoteTree(m_group);
     quiet.NoteMembers(m_group, byThread ? v1::kThreadsFile : kProcsFile);
-    if (byThread) quiet.NoteThreads(Self());
+    if (byThread) quiet.NoteThreads(m_group, Self());
 }
 
 std::vector<CgroupDrift> LegacyGroup::FindDrifts() {

@@ -55,12 +55,11 @@ bool ReadsAs(int fd, std::string_view text, std::string& buffer) {
 
 void QuietTree::Begin() {
     m_settled = false;
-    m_complete = true;
-    m_watch.Begin();
-    m_changes = m_watch.Changes();
     const Result<LayoutMark> layout = ReadLayoutMark();
     m_complete = layout.Ok();
     if (layout) FollowMounts(*layout);
+    m_watch.Begin();
+    m_changes = m_watch.Changes();
     m_comparable = sysconf(_SC_OPEN_MAX) >= kPlentyOfDescriptors;
     m_trees.clear();
     m_threads.clear();
@@ -90,6 +89,7 @@ void QuietTree::FollowMounts(const LayoutMark& layout) {
         for (Members& members : m_members) members.kept.Reset();
         ForgetValues();
     }
+    if (layout.process != m_layout.process) m_watch.LetGo();
     m_settled = m_settled && layout == m_layout;
     m_layout = layout;
 }
@@ -122,11 +122,14 @@ void QuietTree::NoteMembers(const GroupDir& leaf, const char* file) {
     m_members.push_back(std::move(members));
 }
 
-void QuietTree::NoteThreads(int pid) {
+void QuietTree::NoteThreads(const GroupDir& leaf, int pid) {
+    const Result<GroupIdentity> list = leaf.Identity();
+    m_complete = m_complete && list;
+    if (!list) return;
     // One count serves the leaves of all hierarchies: the first one, since what began meanwhile is judged with it.
     for (Threads& known : m_threads) {
         if (known.pid != pid) continue;
-        known.listedTwice = true;
+        known.listedTwice = known.listedTwice || known.list != *list;
         return;
     }
     const Result<uint64_t> count = base::CountThreads(pid);
@@ -135,6 +138,7 @@ void QuietTree::NoteThreads(int pid) {
     Threads threads;
     threads.pid = pid;
     threads.count = *count;
+    threads.list = *list;
     NotePlace(threads);
     m_threads.push_back(std::move(threads));
 }
@@ -214,9 +218,9 @@ bool QuietTree::IsSame(Members& members, int64_t nowMs) {
 
 bool QuietTree::Holds(int64_t nowMs) {
     if (!m_settled) return false;
-    m_watch.Drain();
     const Result<LayoutMark> layout = ReadLayoutMark();
     if (layout) FollowMounts(*layout);
+    m_watch.Drain();
     m_settled = layout && m_settled && m_watch.IsWhole() && m_watch.Changes() == m_changes &&
                 std::all_of(m_threads.begin(), m_threads.end(),
                             [](const Threads& threads) { return threads.listedTwice || IsSame(threads); }) &&

@@ -38,8 +38,8 @@ public:
     void NoteTree(const GroupDir& tree);
     /// A leaf whose members belong there, with its list, before they are judged.
     void NoteMembers(const GroupDir& leaf, const char* file);
-    /// A process of whose threads each is judged.
-    void NoteThreads(int pid);
+    /// A process of whose threads each is judged, by that group's list.
+    void NoteThreads(const GroupDir& leaf, int pid);
     /// A group with its limits of those controllers, before they are judged.
     void NoteLimits(const GroupDir& group, const Flags& controllers);
     /// The look is over. `inOrder`: it found nothing to put right, and nothing to wait for.
@@ -84,6 +84,7 @@ private:
     struct Threads {
         int pid = 0;
         uint64_t count = 0;
+        GroupIdentity list;        ///< the first one
         bool listedTwice = false;  ///< one that was born and moved away still shows in the other list
         base::KeptFile place;      ///< its groups; a list of version 1 may be an old one
         std::string groups;

@@ -79,7 +79,7 @@ Status LayoutCache::Open() {
     m_mountFile = base::OpenProcFile(base::kMountInfoFile);
     if (!m_mountFile) return ErrnoError(errno, "open", base::kMountInfoFile);
     if (!m_ownFile.Open(base::kOwnGroupsFile)) return ErrnoError(errno, "open", base::kOwnGroupsFile);
-    m_pid = static_cast<int>(getpid());
+    m_pid = m_mark.process = static_cast<int>(getpid());
     m_comparedNs = m_controllersNs = 0;
     return {};
 }

@@ -42,7 +42,10 @@ Result<Layout> ReadLayout();
 struct LayoutMark {
     uint64_t mounts = 0;  ///< number of changes of the mounts that were noticed
     uint64_t own = 0;     ///< the same for this process's groups
-    bool operator==(const LayoutMark& other) const { return mounts == other.mounts && own == other.own; }
+    int process = 0;      ///< whose they are: a forked child's are its own
+    bool operator==(const LayoutMark& other) const {
+        return mounts == other.mounts && own == other.own && process == other.process;
+    }
     bool operator!=(const LayoutMark& other) const { return !(*this == other); }
 };
 

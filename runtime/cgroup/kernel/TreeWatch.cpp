@@ -60,6 +60,12 @@ void TreeWatch::End() {
     }
 }
 
+void TreeWatch::LetGo() {
+    m_fd.Reset();
+    m_watches.clear();
+    m_whole = false;
+}
+
 void TreeWatch::Take(int watch, uint32_t mask, std::string_view name) {
     if ((mask & IN_Q_OVERFLOW) != 0) {
         ++m_changes;

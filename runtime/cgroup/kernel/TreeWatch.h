@@ -27,6 +27,8 @@ public:
     /// One file of a group whose directory is not watched.
     void WatchFile(const GroupDir& group, const char* file);
     void End();
+    /// In a forked child: what it has of its parent's watches. The parent is told as before.
+    void LetGo();
 
     /// Takes what was told since the last call. One system call.
     void Drain();

@@ -1,6 +1,7 @@
 // A tree that nobody touches costs next to nothing to look after, however many groups it has, and nothing that somebody
 // does to it is missed for that.
 #include <sched.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -16,6 +17,7 @@
 #include "AgentTreeFixture.h"
 #include "Branch.h"
 #include "QuietTree.h"
+#include "base/Fd.h"
 #include "kernel/Rhythm.h"
 #include "platform/zel/CgroupKeeper.h"
 #include "support/SystemCalls.h"
@@ -292,9 +294,20 @@ protected:
         ASSERT_TRUE(leaf.Ok());
         quiet.Begin();
         quiet.NoteLimits(*leaf, {true, false});
-        quiet.NoteThreads(component->Pid());
+        quiet.NoteThreads(*leaf, component->Pid());
         quiet.Settle(true, 0);
         ASSERT_TRUE(quiet.Holds(1));
+    }
+    /// A process with one thread more as soon as it is told.
+    static int GrowWhenTold(int told) {
+        char word = 0;
+        if (read(told, &word, 1) != 1) return 1;
+        std::thread([] { pause(); }).join();
+        return 0;
+    }
+    static long CountThreads(int pid) {
+        const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+        return std::distance(std::filesystem::directory_iterator(tasks), std::filesystem::directory_iterator());
     }
     QuietTree quiet;
 };
@@ -308,6 +321,40 @@ TEST_F(UntoldTest, ALimitThatNobodyToldOfIsNoticedWithinAMinute) {
     EXPECT_TRUE(WriteText(value, asked));
 }
 
+TEST_F(UntoldTest, AForkedChildTakesNothingThatIsToldToItsParent) {
+    const auto leaf = GroupDir::Open(cpuTree + "/" + kLeaf, layout.cpuV2 ? Version::kV2 : Version::kV1);
+    ASSERT_TRUE(leaf.Ok());
+    quiet.Begin();
+    quiet.Watch(*leaf);
+    quiet.Settle(true, 0);
+    ASSERT_TRUE(quiet.Holds(1));
+    const std::string value = cpuTree + "/" + kLeaf + (layout.cpuV2 ? "/cpu.max" : "/cpu.cfs_period_us");
+    const std::string asked = ReadValue(value);
+    ASSERT_TRUE(WriteText(value, layout.cpuV2 ? "max" : "200000"));
+    Child child([&] { return quiet.Holds(1) ? 1 : 0; });
+    EXPECT_EQ(0, child.Wait()) << "a child looks for itself";
+    EXPECT_FALSE(quiet.Holds(1));
+    EXPECT_TRUE(WriteText(value, asked));
+}
+
+// One hierarchy with both controllers has one list, whoever asks for it.
+TEST_F(UntoldTest, OneListThatIsNotedTwiceIsOneList) {
+    int begin[2] = {-1, -1};
+    ASSERT_EQ(0, pipe(begin));
+    const Child grows([&] { return GrowWhenTold(begin[0]); });
+    const auto leaf = GroupDir::Open(cpuTree + "/" + kLeaf, layout.cpuV2 ? Version::kV2 : Version::kV1);
+    ASSERT_TRUE(leaf.Ok());
+    quiet.Begin();
+    for (int i = 0; i < 2; ++i) quiet.NoteThreads(*leaf, grows.Pid());
+    quiet.Settle(true, 0);
+    ASSERT_TRUE(quiet.Holds(1));
+    ASSERT_EQ(1, write(begin[1], "x", 1));
+    while (CountThreads(grows.Pid()) < 2) support::SleepMs(5);
+    EXPECT_FALSE(quiet.Holds(2));
+    close(begin[0]);
+    close(begin[1]);
+}
+
 TEST_F(UntoldTest, AMoveThatNoListShowsIsNoticedWithinAMinute) {
     if (layout.cpuV2) GTEST_SKIP() << "SKIP direct: lists of version 2 are never old";
     ASSERT_TRUE(WriteText(layout.cpuMount + "/cgroup.procs", std::to_string(component->Pid())));
@@ -319,27 +366,22 @@ TEST_F(UntoldTest, AMoveThatNoListShowsIsNoticedWithinAMinute) {
 TEST_F(UntoldTest, AThreadInNeitherListIsNoticedWithinAMinute) {
     int begin[2] = {-1, -1};
     ASSERT_EQ(0, pipe(begin));
-    const Child grows([&] {
-        char word = 0;
-        if (read(begin[0], &word, 1) != 1) return 1;
-        std::thread([] { pause(); }).join();
-        return 0;
-    });
-    const std::string tasks = "/proc/" + std::to_string(grows.Pid()) + "/task";
+    const Child grows([&] { return GrowWhenTold(begin[0]); });
+    const Version cpu = layout.cpuV2 ? Version::kV2 : Version::kV1;
+    const auto one = GroupDir::Open(cpuTree + "/" + kLeaf, cpu);
+    const auto other = GroupDir::Open(cpuTree, cpu);
+    ASSERT_TRUE(one.Ok() && other.Ok());
     QuietTree oneList;
     QuietTree twoLists;
     for (QuietTree* each : {&oneList, &twoLists}) {
         each->Begin();
-        each->NoteThreads(grows.Pid());
-        if (each == &twoLists) each->NoteThreads(grows.Pid());
+        each->NoteThreads(*one, grows.Pid());
+        if (each == &twoLists) each->NoteThreads(*other, grows.Pid());
         each->Settle(true, 0);
         ASSERT_TRUE(each->Holds(1));
     }
     ASSERT_EQ(1, write(begin[1], "x", 1));
-    const auto threads = [&] {
-        return std::distance(std::filesystem::directory_iterator(tasks), std::filesystem::directory_iterator());
-    };
-    while (threads() < 2) support::SleepMs(5);
+    while (CountThreads(grows.Pid()) < 2) support::SleepMs(5);
     EXPECT_FALSE(oneList.Holds(2));
     EXPECT_TRUE(twoLists.Holds(MostQuietMs() - 1));
     EXPECT_FALSE(twoLists.Holds(MostQuietMs()));
@@ -415,6 +457,27 @@ TEST_F(QuietOomTest, AChangeReadsTheCountersAfterAKillOnly) {
     ASSERT_TRUE(WIFSIGNALED(Eat()));
     EXPECT_GT(CountSystemCalls(change).opens, calm.opens);
     EXPECT_EQ(2u, PollOom().size()) << "and the kill is reported";
+}
+
+// Kernel: of version 2's count of limits that were met nobody but inotify tells.
+TEST_F(QuietOomTest, WithoutInotifyEachChangeReadsTheCounters) {
+    Build(0);
+    const base::Fd opened(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    const std::string counters = memTree + (layout.memV2 ? "/memory.events" : "/memory.oom_control");
+    ASSERT_GE(inotify_add_watch(opened.Get(), counters.c_str(), IN_OPEN), 0);
+    char events[4096];
+    const auto wereOpened = [&] { return read(opened.Get(), events, sizeof events) > 0; };
+    const std::vector<zel::CgroupComponentQuota> quotas = {Quota("Tervane", "main", 0, 0),
+                                                           Quota("QorHips", "collect-defense", 5000, 131072)};
+    const auto change = [&] { EXPECT_TRUE(manager->WriteComponentConfig(file, quotas, 35000, 1048576)); };
+    const bool ran = support::RunWithoutCall(SYS_inotify_init1, EMFILE, [&] {
+        Build(0);
+        for (int i = 0; i < 3; ++i) change();
+        while (wereOpened()) continue;
+        change();
+        EXPECT_TRUE(wereOpened());
+    });
+    if (!ran) GTEST_SKIP() << "SKIP direct: no filter can be set";
 }
 
 // A snapshot between two polls takes nothing away from the second one.
