@@ -287,4 +287,185 @@ TEST_F(DatabaseTest, AMovedStatementLeavesNoneBehind) {
     EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db")) << "a closed database keeps no log";
 }
 
+TEST_F(DatabaseTest, WhatFailsToOpenClosesWhatWasOpen) {
+    Database database;
+    ASSERT_TRUE(database.Open(m_path, Logged()));
+    const Status status = database.Open(m_dir / "none/x.db", Logged());
+    ASSERT_FALSE(status);
+    EXPECT_EQ(ErrorKind::kOther, status.GetError().kind);
+    EXPECT_THAT(status.GetError().Text(), testing::HasSubstr(m_dir / "none/x.db"));
+    EXPECT_FALSE(database.IsOpen());
+    EXPECT_EQ(SQLITE_CANTOPEN_FULLPATH, database.Code());
+    DatabaseOptions wrong = Logged();
+    wrong.setUp = "NO STATEMENT;";
+    EXPECT_FALSE(database.Open(m_path, wrong));
+    EXPECT_FALSE(database.IsOpen());
+    EXPECT_EQ(SQLITE_ERROR, database.Code());
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db"));
+}
+
+TEST_F(DatabaseTest, WhatOthersHaveAHandInIsNotWritten) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: another user's file";
+    {
+        Database database;
+        ASSERT_TRUE(database.Open(m_path, Logged()));
+    }
+    WriteText(m_dir / "other", "");
+    for (const char* beside : {"", "-wal", "-shm", "-journal"}) {
+        const std::string file = m_path + beside;
+        ASSERT_EQ(0,
+                  *beside == 0 ? ::chown(file.c_str(), 65534, 65534) : ::link((m_dir / "other").c_str(), file.c_str()));
+        Database database;
+        const Status refused = database.Open(m_path, Logged());
+        ASSERT_FALSE(refused) << file;
+        EXPECT_EQ(ErrorKind::kRefused, refused.GetError().kind) << file;
+        EXPECT_THAT(refused.GetError().Text(), testing::HasSubstr(file + ":")) << file;
+        EXPECT_EQ(SQLITE_CANTOPEN, database.Code());
+        EXPECT_FALSE(database.IsOpen());
+        ASSERT_EQ(0, *beside == 0 ? ::chown(file.c_str(), 0, 0) : ::unlink(file.c_str()));
+    }
+    ASSERT_EQ(0, ::chmod(m_dir.Path().c_str(), 0777));
+    Database database;
+    EXPECT_EQ(ErrorKind::kRefused, database.Open(m_path, Logged()).GetError().kind);
+    DatabaseOptions reading;
+    reading.readOnly = true;
+    EXPECT_TRUE(database.Open(m_path, reading)) << "who only reads may";
+}
+
+TEST_F(DatabaseTest, TheLogIsCountedAndBeginsAnewWhenAsked) {
+    DatabaseOptions counting = Logged();
+    counting.countLog = true;
+    counting.setUp =
+        "PRAGMA journal_mode=WAL; CREATE TABLE IF NOT EXISTS x(n INTEGER, t TEXT); PRAGMA wal_autocheckpoint=1;";
+    const auto sizeOfLog = [this] { return static_cast<uint64_t>(ReadText(m_path + "-wal").size()); };
+    constexpr uint64_t kHeader = 32;
+    Database database;
+    EXPECT_FALSE(database.RestartLog());
+    ASSERT_TRUE(database.Open(m_path, counting));
+    EXPECT_EQ(0U, database.LogBytes());
+    ASSERT_TRUE(database.Execute("INSERT INTO x VALUES(1, 'one');"));
+    EXPECT_EQ(sizeOfLog(), database.LogBytes() + kHeader);
+    ASSERT_TRUE(database.Execute("INSERT INTO x VALUES(2, zeroblob(20000));"));
+    const uint64_t before = database.LogBytes();
+    EXPECT_EQ(sizeOfLog(), before + kHeader) << "and nothing moved it in between";
+    ASSERT_TRUE(database.RestartLog());
+    EXPECT_EQ(0U, database.LogBytes());
+    ASSERT_TRUE(database.Execute("INSERT INTO x VALUES(3, 'three');"));
+    EXPECT_LT(database.LogBytes(), before);
+    EXPECT_LT(0U, database.LogBytes());
+    Database reader;
+    DatabaseOptions reading;
+    reading.readOnly = true;
+    ASSERT_TRUE(reader.Open(m_path, reading));
+    Statement held(reader, "SELECT n FROM x;");
+    ASSERT_TRUE(held.Row());
+    ASSERT_TRUE(database.Execute("INSERT INTO x VALUES(4, 'four');"));
+    const Status busy = database.RestartLog();
+    ASSERT_FALSE(busy);
+    EXPECT_EQ(ErrorKind::kBusy, busy.GetError().kind);
+    EXPECT_LT(0U, database.LogBytes());
+    held.Finish();
+    reader.Close();
+    ASSERT_TRUE(database.Open(m_path, counting));
+    EXPECT_EQ(0U, database.LogBytes());
+}
+
+TEST_F(DatabaseTest, ACheckpointPutsTheRowsIntoTheFile) {
+    DatabaseOptions counting = Logged();
+    counting.countLog = true;
+    Database database;
+    database.Checkpoint();
+    ASSERT_TRUE(database.Open(m_path, counting));
+    ASSERT_TRUE(database.Execute("INSERT INTO x VALUES(1, 'a row of the file');"));
+    EXPECT_EQ(std::string::npos, ReadText(m_path).find("a row of the file"));
+    database.Checkpoint();
+    EXPECT_NE(std::string::npos, ReadText(m_path).find("a row of the file"));
+}
+
+TEST_F(DatabaseTest, ARenamedOneTakesAlongWhatItsLogHolds) {
+    Database database;
+    ASSERT_TRUE(database.Open(m_path, Logged()));
+    ASSERT_TRUE(database.Execute("INSERT INTO x VALUES(1, 'one');"));
+    WriteText(m_dir / "from.db", ReadText(m_path));
+    WriteText(m_dir / "from.db-wal", ReadText(m_path + "-wal"));
+    database.Close();
+    ASSERT_EQ(0, ::unlink(m_path.c_str()));
+    for (const char* left : {"to.db-wal", "to.db-shm", "to.db-journal"}) WriteText(m_dir / left, "of another one");
+    ASSERT_TRUE(base::RenameDatabase(m_dir / "from.db", m_dir / "to.db"));
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("to.db"));
+    ASSERT_TRUE(database.Open(m_dir / "to.db", Logged()));
+    EXPECT_EQ(1, Rows(database));
+}
+
+TEST_F(DatabaseTest, ARenamedOneIsRolledBackFirst) {
+    Database database;
+    DatabaseOptions journal;
+    journal.setUp = "PRAGMA cache_size=1; CREATE TABLE x(n, t); INSERT INTO x VALUES(1, 'one');";
+    ASSERT_TRUE(database.Open(m_path, journal));
+    ASSERT_TRUE(database.Execute("BEGIN; UPDATE x SET n = 2; INSERT INTO x VALUES(3, zeroblob(100000));"));
+    WriteText(m_dir / "from.db", ReadText(m_path));
+    WriteText(m_dir / "from.db-journal", ReadText(m_path + "-journal"));
+    ASSERT_TRUE(base::RenameDatabase(m_dir / "from.db", m_dir / "to.db"));
+    EXPECT_FALSE(support::Exists(m_dir / "from.db-journal"));
+    EXPECT_FALSE(support::Exists(m_dir / "to.db-journal"));
+    Database renamed;
+    ASSERT_TRUE(renamed.Open(m_dir / "to.db", {}));
+    Statement rows(renamed, "SELECT n FROM x;");
+    ASSERT_TRUE(rows.Row());
+    EXPECT_EQ(1, rows.Int(0));
+    EXPECT_FALSE(rows.Row());
+}
+
+TEST_F(DatabaseTest, OneThatSomebodyWritesStaysWhereItIs) {
+    Database database;
+    ASSERT_TRUE(database.Open(m_path, {}));
+    ASSERT_TRUE(database.Execute("CREATE TABLE x(n, t); BEGIN EXCLUSIVE; INSERT INTO x VALUES(1, 'one');"));
+    ASSERT_TRUE(support::Exists(m_path + "-journal"));
+    const Status busy = base::RenameDatabase(m_path, m_dir / "to.db");
+    ASSERT_FALSE(busy);
+    EXPECT_EQ(ErrorKind::kBusy, busy.GetError().kind);
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db", "x.db-journal"));
+    ASSERT_TRUE(database.Execute("COMMIT;"));
+    EXPECT_EQ(1, Rows(database));
+}
+
+TEST_F(DatabaseTest, ADamagedOneIsRenamedWithoutItsLogs) {
+    WriteText(m_path, std::string(5000, 'x'));
+    WriteText(m_path + "-journal", "no journal");
+    ASSERT_TRUE(base::RenameDatabase(m_path, m_dir / "to.db"));
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("to.db"));
+    EXPECT_EQ(std::string(5000, 'x'), ReadText(m_dir / "to.db"));
+}
+
+TEST_F(DatabaseTest, RenamingNothingChangesNothing) {
+    WriteText(m_dir / "to.db-wal", "somebody's");
+    const Status missing = base::RenameDatabase(m_dir / "from.db", m_dir / "to.db");
+    ASSERT_FALSE(missing);
+    EXPECT_EQ(ErrorKind::kNotFound, missing.GetError().kind);
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("to.db-wal"));
+}
+
+TEST_F(DatabaseTest, WhatWasPutAsideCountsByItsOwnTimeAndKind) {
+    ASSERT_EQ(0, ::mkdir((m_dir / "x.db.bad-0").c_str(), 0700));
+    for (const char* name : {"x.db.bad-1", "x.db.bad-2", "x.db.bad-3-wal", "x.db.bad-3", "x.db.bad-1-wal"}) {
+        WriteText(m_dir / name, "x");
+        support::SleepMs(15);  // a file's time is as fine as the kernel's tick
+    }
+    ASSERT_TRUE(base::ThinOutPutAside(m_path + ".bad-", 2, 1 << 20));
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db.bad-0", "x.db.bad-2", "x.db.bad-3", "x.db.bad-3-wal"))
+        << "a younger log makes nothing younger, a folder is none";
+    EXPECT_FALSE(base::ThinOutPutAside(m_dir / "none/x.db.bad-", 2, 1 << 20));
+}
+
+TEST_F(DatabaseTest, ATextBeyondTheLibrarysBoundIsTooLarge) {
+    Database database;
+    ASSERT_TRUE(database.Open(m_path, {}));
+    Statement large(database, "SELECT length(zeroblob(1000000) || zeroblob(2000000000));");
+    EXPECT_FALSE(large.Row());
+    EXPECT_EQ(ErrorKind::kTooLarge, database.LastError("read").kind);
+    const Status executed = database.Execute("CREATE TABLE y(n); CREATE TABLE y(n);");
+    ASSERT_FALSE(executed);
+    EXPECT_EQ("table y already exists", executed.GetError().Reason());
+}
+
 }  // namespace

@@ -183,6 +183,33 @@ TEST_F(FileIoTest, DirectoriesAreMadeWithTheirParents) {
     EXPECT_FALSE(base::MakeDirectories(""));
 }
 
+TEST_F(FileIoTest, RelativeDirectoriesAreMadeFromWhereWeAre) {
+    const base::Result<Fd> before = base::OpenDirectory(".");
+    ASSERT_TRUE(before);
+    ASSERT_EQ(0, ::chdir(m_dir.Path().c_str()));
+    EXPECT_TRUE(base::MakeDirectories("near"));
+    EXPECT_TRUE(base::MakeDirectories("folder/far/off"));
+    EXPECT_TRUE(base::MakeDirectories("./here//"));
+    const Status broken = base::MakeDirectories("file/a");
+    const Status linked = base::MakeDirectories("link/a");
+    ASSERT_EQ(0, ::fchdir(before->Get()));
+    for (const char* made : {"near", "folder/far/off", "here"}) EXPECT_EQ(0750, ModeOf(m_dir / made)) << made;
+    ASSERT_FALSE(broken);
+    EXPECT_FALSE(linked);
+    EXPECT_THAT(broken.GetError().Text(), testing::HasSubstr("file"));
+}
+
+TEST_F(FileIoTest, ADirectoryThatCannotBeMadeIsNamed) {
+    ASSERT_EQ(0, ::symlink("nowhere", (m_dir / "folder/dangling").c_str()));
+    const Status dangling = base::MakeDirectories(m_dir / "folder/dangling/below");
+    ASSERT_FALSE(dangling);
+    EXPECT_THAT(dangling.GetError().Text(), testing::HasSubstr(m_dir / "folder/dangling"));
+    const Status tooLong = base::MakeDirectories(m_dir / "folder/" + std::string(300, 'x') + "/below");
+    ASSERT_FALSE(tooLong);
+    EXPECT_EQ(ENAMETOOLONG, tooLong.GetError().error);
+    EXPECT_THAT(NamesIn(m_dir / "folder"), ElementsAre("dangling"));
+}
+
 TEST_F(FileIoTest, DirectoriesAreMadeInTrustedPlacesOnly) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root: another user's directory";
     constexpr uid_t kForeigner = 65534;
@@ -202,6 +229,7 @@ TEST_F(FileIoTest, DirectoriesAreMadeInTrustedPlacesOnly) {
     EXPECT_THAT(NamesIn(m_dir / "victim"), ElementsAre());
     EXPECT_THAT(NamesIn(m_dir / "theirs"), ElementsAre("link"));
     EXPECT_THAT(NamesIn(m_dir / "shared"), ElementsAre());
+    EXPECT_TRUE(base::MakeDirectories(m_dir / "theirs/link")) << "what is there already is not looked into";
     EXPECT_TRUE(base::MakeDirectories(m_dir / "ours/x/y")) << "a link of our own";
     EXPECT_TRUE(support::Exists(m_dir / "victim/x/y"));
 }

@@ -1,0 +1,318 @@
+// The sinks by themselves: the text of a message, the file of lines as a crash leaves it, syslog's socket.
+#include "events/EventSinks.h"
+
+#include <gmock/gmock.h>
+#include <json/json.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "base/Fd.h"
+#include "support/Files.h"
+#include "support/HostTricks.h"
+
+using support::LinesOf;
+using support::ReadText;
+using support::WriteText;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+using zelhost::Handover;
+using zelhost::SpoolMessage;
+
+namespace {
+
+SpoolMessage Message(const std::string& body, int64_t seq = 1) {
+    SpoolMessage message;
+    message.seq = seq;
+    message.id = "id-" + std::to_string(seq);
+    message.type = "T";
+    message.body = body;
+    return message;
+}
+
+/// A character's UTF-8 as Unicode's definition has it (D92): shortest form, no surrogates, up to 10FFFF.
+std::string Encode(unsigned int point) {
+    const auto tail = [&](unsigned int shift) { return static_cast<char>(0x80 | ((point >> shift) & 0x3f)); };
+    if (point < 0x80) return {static_cast<char>(point)};
+    if (point < 0x800) return {static_cast<char>(0xc0 | (point >> 6)), tail(0)};
+    if (point < 0x10000) return {static_cast<char>(0xe0 | (point >> 12)), tail(6), tail(0)};
+    return {static_cast<char>(0xf0 | (point >> 18)), tail(12), tail(6), tail(0)};
+}
+
+/// The body of a message as it stands in its line.
+std::string BodyOf(const std::string& body) {
+    const std::string line = zelhost::MessageJson(Message(body), "p");
+    const std::string before = "\"body\":\"";
+    const size_t from = line.find(before) + before.size();
+    return line.substr(from, line.find("\",\"extra\"") - from);
+}
+
+const std::string kNoText = "\\ufffd";
+
+TEST(MessageJsonTest, EveryCharacterStandsAsItIs) {
+    for (unsigned int point = 0x20; point <= 0x10ffff; point += point < 0x3000 ? 1 : 61) {
+        if (point >= 0xd800 && point <= 0xdfff) continue;
+        const std::string text = Encode(point);
+        const bool isEscaped = point == '"' || point == '\\';
+        ASSERT_EQ((isEscaped ? "\\" : "") + text + "|", BodyOf(text + "|")) << std::hex << point;
+    }
+    for (const unsigned int edge : {0x7fU, 0x80U, 0x7ffU, 0x800U, 0xfffU, 0x1000U, 0xcfffU, 0xd000U, 0xd7ffU, 0xe000U,
+                                    0xffffU, 0x10000U, 0x3ffffU, 0x40000U, 0xfffffU, 0x100000U, 0x10ffffU}) {
+        EXPECT_EQ(Encode(edge) + "|", BodyOf(Encode(edge) + "|")) << std::hex << edge;
+    }
+}
+
+TEST(MessageJsonTest, ControlCharactersAreEscaped) {
+    for (int byte = 0; byte < 0x20; ++byte) {
+        char wanted[8];
+        snprintf(wanted, sizeof wanted, "\\u%04x", static_cast<unsigned int>(byte));
+        const std::string special = byte == '\n' ? "\\n" : byte == '\t' ? "\\t" : wanted;
+        EXPECT_EQ("a" + special + "b", BodyOf("a" + std::string(1, static_cast<char>(byte)) + "b"));
+    }
+}
+
+TEST(MessageJsonTest, EachByteThatIsNoTextIsOneReplacement) {
+    // First bytes that nothing begins with.
+    for (unsigned int byte = 0x80; byte <= 0xff; ++byte) {
+        if (byte >= 0xc2 && byte <= 0xf4) continue;
+        const std::string text(1, static_cast<char>(byte));
+        EXPECT_EQ(kNoText + "x", BodyOf(text + "x")) << byte;
+        EXPECT_EQ(kNoText + kNoText, BodyOf(text + "\x80")) << byte;
+    }
+    // Characters that are cut off, by the end or by another one; each byte that is left is one replacement.
+    for (const unsigned int point : {0x80U, 0x7ffU, 0x800U, 0x1000U, 0xd7ffU, 0xffffU, 0x10000U, 0x40000U, 0x10ffffU}) {
+        const std::string whole = Encode(point);
+        for (size_t length = 1; length < whole.size(); ++length) {
+            std::string wanted;
+            for (size_t i = 0; i < length; ++i) wanted += kNoText;
+            EXPECT_EQ(wanted, BodyOf(whole.substr(0, length))) << point;
+            EXPECT_EQ(wanted + "x", BodyOf(whole.substr(0, length) + "x")) << point;
+            EXPECT_EQ(wanted + "\xc3\xa4", BodyOf(whole.substr(0, length) + "\xc3\xa4")) << point;
+        }
+    }
+    // Longer than need be, surrogates, beyond the last character; each right beside one that is a character.
+    const std::string three = kNoText + kNoText + kNoText;
+    EXPECT_EQ(three, BodyOf("\xe0\x9f\xbf"));
+    EXPECT_EQ("\xe0\xa0\x80", BodyOf("\xe0\xa0\x80"));
+    EXPECT_EQ(three, BodyOf("\xed\xa0\x80"));
+    EXPECT_EQ("\xed\x9f\xbf", BodyOf("\xed\x9f\xbf"));
+    EXPECT_EQ(three + kNoText, BodyOf("\xf0\x8f\xbf\xbf"));
+    EXPECT_EQ(three + kNoText, BodyOf("\xf4\x90\x80\x80"));
+    EXPECT_EQ("\xf4\x8f\xbf\xbf", BodyOf("\xf4\x8f\xbf\xbf"));
+}
+
+TEST(MessageJsonTest, NumbersKeepTheirWholeWidth) {
+    SpoolMessage message = Message("b");
+    message.time = 5000000000LL;
+    message.arg1 = -2147483647 - 1;
+    message.arg2 = 2147483647;
+    const std::string line = zelhost::MessageJson(message, "p");
+    EXPECT_THAT(line, HasSubstr("\"time\":5000000000,"));
+    EXPECT_THAT(line, EndsWith("\"arg1\":-2147483648,\"arg2\":2147483647}"));
+}
+
+class JsonLinesTest : public testing::Test {
+protected:
+    Handover Deliver(zelhost::CJsonLinesSink& sink, const std::string& body) {
+        return sink.Deliver({Message(body)}, m_goOn);
+    }
+    Handover DeliverOnce(const std::string& body) {
+        zelhost::CJsonLinesSink sink(m_path, 1 << 20, 2, "p");
+        return Deliver(sink, body);
+    }
+    static std::string LineOf(const std::string& body) { return zelhost::MessageJson(Message(body), "p") + "\n"; }
+
+    support::TempDir m_dir;
+    const std::string m_path = m_dir / "log/e.jsonl";
+    const std::atomic<bool> m_goOn{false};
+};
+
+TEST_F(JsonLinesTest, WhatACrashLeftOfALineGoesHoweverLongItIs) {
+    // Around the size of the pieces in which the end is looked for.
+    for (const size_t whole : {0U, 1U, 100U, 4095U, 4096U, 4097U, 9000U}) {
+        for (const size_t torn : {0U, 1U, 4095U, 4096U, 4097U, 12288U, 20000U}) {
+            const std::string kept = whole == 0 ? "" : std::string(whole - 1, 'k') + "\n";
+            ASSERT_TRUE(WriteText(m_path, "first\n" + kept + std::string(torn, 't')));
+            ASSERT_EQ(1U, DeliverOnce("next").safe);
+            ASSERT_EQ("first\n" + kept + LineOf("next"), ReadText(m_path)) << whole << " " << torn;
+        }
+    }
+    ASSERT_TRUE(WriteText(m_path, std::string(10000, 't')));
+    ASSERT_EQ(1U, DeliverOnce("next").safe);
+    EXPECT_EQ(LineOf("next"), ReadText(m_path)) << "all of it was torn";
+}
+
+TEST_F(JsonLinesTest, TheSizeGoesOnFromWhatStandsThere) {
+    const std::string line = LineOf("x");
+    WriteText(m_path, line + line + "torn");
+    zelhost::CJsonLinesSink sink(m_path, line.size() * 3, 1, "p");
+    ASSERT_EQ(1U, Deliver(sink, "x").safe);
+    EXPECT_EQ(line + line + line, ReadText(m_path)) << "the torn line does not count";
+    ASSERT_EQ(1U, Deliver(sink, "x").safe);
+    EXPECT_EQ(line, ReadText(m_path));
+    EXPECT_EQ(line + line + line, ReadText(m_path + ".1"));
+}
+
+TEST_F(JsonLinesTest, OneHandoverIsDividedAmongTheFiles) {
+    const std::string line = LineOf("x");
+    zelhost::CJsonLinesSink sink(m_path, line.size() * 2, 2, "p");
+    const Handover handed = sink.Deliver(std::vector<SpoolMessage>(7, Message("x")), m_goOn);
+    EXPECT_EQ(7U, handed.safe);
+    EXPECT_TRUE(handed.rest);
+    EXPECT_EQ(1U, LinesOf(ReadText(m_path)).size());
+    EXPECT_EQ(2U, LinesOf(ReadText(m_path + ".1")).size());
+    EXPECT_EQ(2U, LinesOf(ReadText(m_path + ".2")).size());
+    EXPECT_FALSE(support::Exists(m_path + ".3"));
+}
+
+TEST_F(JsonLinesTest, WithoutGenerationsAFullFileGoes) {
+    const std::string line = LineOf("x");
+    zelhost::CJsonLinesSink sink(m_path, line.size(), 0, "p");
+    EXPECT_EQ(3U, sink.Deliver(std::vector<SpoolMessage>(3, Message("x")), m_goOn).safe);
+    EXPECT_EQ(line, ReadText(m_path));
+    EXPECT_EQ(std::vector<std::string>{"e.jsonl"}, support::NamesIn(m_dir / "log"));
+    EXPECT_EQ(0640, support::ModeOf(m_path));
+}
+
+TEST_F(JsonLinesTest, WhatIsToStopHandsOverNothingMore) {
+    zelhost::CJsonLinesSink sink(m_path, 1 << 20, 1, "p");
+    const std::atomic<bool> stop{true};
+    const Handover handed = sink.Deliver({Message("x")}, stop);
+    EXPECT_EQ(0U, handed.safe);
+    EXPECT_EQ("the process stops", handed.rest.GetError().Text());
+    EXPECT_FALSE(support::Exists(m_path));
+}
+
+TEST_F(JsonLinesTest, WhatIsNoFileOfItsOwnIsNamed) {
+    ASSERT_TRUE(WriteText(m_dir / "target", ""));
+    ASSERT_EQ(0, mkdir((m_dir / "log").c_str(), 0755));
+    ASSERT_EQ(0, symlink("../target", m_path.c_str()));
+    const Handover handed = DeliverOnce("x");
+    EXPECT_EQ(0U, handed.safe);
+    ASSERT_FALSE(handed.rest);
+    EXPECT_THAT(handed.rest.GetError().Text(), HasSubstr(m_path));
+    EXPECT_EQ("", ReadText(m_dir / "target"));
+}
+
+TEST_F(JsonLinesTest, OnAFullDiskNoHalfLineStays) {
+    const std::string reason = OnSmallDisk(m_dir.Path(), "size=64k", [&] {
+        ASSERT_EQ(1U, DeliverOnce("before").safe);
+        zelhost::CJsonLinesSink sink(m_path, 1 << 20, 2, "p");
+        ASSERT_EQ(1U, Deliver(sink, "open").safe);
+        const std::string before = ReadText(m_path);
+        const Handover full = Deliver(sink, std::string(100000, 'x'));
+        EXPECT_EQ(0U, full.safe);
+        ASSERT_FALSE(full.rest);
+        EXPECT_EQ(base::ErrorKind::kNoSpace, full.rest.GetError().kind);
+        EXPECT_EQ(before, ReadText(m_path));
+        EXPECT_EQ(1U, Deliver(sink, "after").safe);
+        EXPECT_EQ(before + LineOf("after"), ReadText(m_path));
+    });
+    if (!reason.empty()) GTEST_SKIP() << reason;
+}
+
+/// What a daemon at /dev/log is told, on a /dev of the test's own.
+class SyslogDaemon {
+public:
+    SyslogDaemon() : m_socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, "/dev/log");
+        unlink("/dev/log");
+        EXPECT_EQ(0, bind(m_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    }
+    std::string Next() {
+        char text[65536];
+        const ssize_t got = recv(m_socket.Get(), text, sizeof text, 0);
+        return got < 0 ? std::string() : std::string(text, static_cast<size_t>(got));
+    }
+
+private:
+    base::Fd m_socket;
+};
+
+class SyslogSinkTest : public testing::Test {
+protected:
+    void WithOwnDev(const std::function<void()>& body) {
+        const std::string reason = OnSmallDisk("/dev", "size=64k", body);
+        if (!reason.empty()) GTEST_SKIP() << reason;
+    }
+    const std::atomic<bool> m_goOn{false};
+    zelhost::CSyslogSink m_sink{"tervane"};
+};
+
+TEST_F(SyslogSinkTest, AMessageIsOneLineOfTheDaemonsFacility) {
+    WithOwnDev([&] {
+        SyslogDaemon daemon;
+        const Handover handed =
+            m_sink.Deliver({Message("two\n  lines\tand  \x01 blanks "), Message("next", 2)}, m_goOn);
+        EXPECT_EQ(2U, handed.safe);
+        EXPECT_TRUE(handed.rest);
+        EXPECT_EQ(0U, handed.givenUp);
+        const std::string who = "<28>tervane[" + std::to_string(getpid()) + "]: ";
+        EXPECT_EQ(who + "id-1 T two lines and blanks ", daemon.Next());
+        EXPECT_EQ(who + "id-2 T next", daemon.Next());
+        EXPECT_EQ("", daemon.Next());
+    });
+}
+
+TEST_F(SyslogSinkTest, ALineIsNoLongerThanDaemonsTake) {
+    WithOwnDev([&] {
+        SyslogDaemon daemon;
+        ASSERT_EQ(1U, m_sink.Deliver({Message(std::string(9000, 'x'))}, m_goOn).safe);
+        const std::string line = daemon.Next();
+        EXPECT_EQ(8000U, line.size());
+        EXPECT_THAT(line, StartsWith("<28>tervane["));
+        EXPECT_THAT(line, EndsWith("xxx"));
+    });
+}
+
+TEST_F(SyslogSinkTest, WithoutADaemonNothingIsSafeUntilOneIsThere) {
+    WithOwnDev([&] {
+        Handover handed = m_sink.Deliver({Message("x")}, m_goOn);
+        EXPECT_EQ(0U, handed.safe);
+        ASSERT_FALSE(handed.rest);
+        EXPECT_THAT(handed.rest.GetError().Text(), StartsWith("no syslog daemon at /dev/log: "));
+        {
+            SyslogDaemon daemon;
+            EXPECT_EQ(1U, m_sink.Deliver({Message("x")}, m_goOn).safe);
+            EXPECT_THAT(daemon.Next(), EndsWith(" T x"));
+        }
+        handed = m_sink.Deliver({Message("lost", 2), Message("lost", 3)}, m_goOn);
+        EXPECT_EQ(0U, handed.safe);
+        EXPECT_THAT(handed.rest.GetError().Text(), StartsWith("syslog: "));
+        SyslogDaemon restarted;
+        EXPECT_EQ(1U, m_sink.Deliver({Message("again", 2)}, m_goOn).safe) << "a restarted one is found";
+        EXPECT_THAT(restarted.Next(), EndsWith(" T again"));
+    });
+}
+
+TEST_F(SyslogSinkTest, WhatIsToStopHandsOverNothingMore) {
+    WithOwnDev([&] {
+        SyslogDaemon daemon;
+        const std::atomic<bool> stop{true};
+        const Handover handed = m_sink.Deliver({Message("x")}, stop);
+        EXPECT_EQ(0U, handed.safe);
+        EXPECT_FALSE(handed.rest);
+        EXPECT_EQ("", daemon.Next());
+    });
+}
+
+TEST(HttpUrlTest, IsAHostByOneOfTwoProtocols) {
+    for (const char* good : {"http://h", "https://h", "http://h:1/p?q=1#f", "https://[::1]/", "http://h/~"}) {
+        EXPECT_TRUE(zelhost::IsHttpUrl(good)) << good;
+    }
+    for (const char* bad :
+         {"", "http://", "https://", "http:/h", "ttp://h", "https:/h/", "ftp://h", "HTTP://h", "httpss://h",
+          "http://h ", "http://h\n", "http://h\x7f", "http://\xc3\xa4", " http://h", "http://a b"}) {
+        EXPECT_FALSE(zelhost::IsHttpUrl(bad)) << bad;
+    }
+}
+
+}  // namespace
