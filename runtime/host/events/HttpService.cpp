@@ -182,8 +182,9 @@ base::Status PostOnce(const HttpRequest& request, long& status) {
 }  // namespace
 
 bool IsHttpUrl(const std::string& url) {
-    for (char c : url) {
-        if (c <= ' ' || c == 0x7f) return false;
+    // Whether a char has a sign depends on the machine.
+    for (const unsigned char c : url) {
+        if (c <= ' ' || c >= 0x7f) return false;
     }
     return (url.compare(0, 7, "http://") == 0 && url.size() > 7) ||
            (url.compare(0, 8, "https://") == 0 && url.size() > 8);

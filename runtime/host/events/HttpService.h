@@ -70,7 +70,7 @@ private:
     RetryBudget m_budget ZEL_GUARDED_BY(m_lock);
 };
 
-/// "http://host/..." or "https://host/...", no control characters or blanks.
+/// "http://host/..." or "https://host/...", no blanks, control characters or bytes beyond ASCII.
 bool IsHttpUrl(const std::string& url);
 
 }  // namespace zelhost
