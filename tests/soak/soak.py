@@ -4,14 +4,15 @@ grown. Befall it: changes of its configuration, good and bad; components killed,
 limits and members changed by somebody else; a full disk; an endpoint for events that refuses, hangs or is gone; steps
 of the wall clock by up to a day; the main process killed.
 
-  soak.py [--build DIRECTORY] [--for SECONDS] [--seed NUMBER] | --self-test
+  soak.py [--build DIRECTORY] [--for SECONDS] [--seed NUMBER] [--planted LIBRARY] | --self-test
 
 What is judged: of the main process and of a component that is left alive the private memory, descriptors and threads;
 the groups of the tree; the databases. Each is read once a second. The slope is Theil and Sen's, the middle of the slopes
 of all pairs of readings, so that spikes have no say; the growth that it means over the run has its bound in BOUNDS.
 Then everything is set right: every message that was accepted has reached the file and the endpoint under one id, the
 tree is as it was, and a stop leaves nothing. Needs root and room for a small file system in memory; ends with 77 where
-that is not to be had. Without libfaketime the clock is not stepped, and the run says so.
+that is not to be had. Without libfaketime the clock is not stepped, and the run says so. With --planted the library is
+loaded into the agent's processes, and the run fails unless each kind of growth in PLANTED is seen in both.
 """
 import argparse
 import collections
@@ -43,6 +44,8 @@ DAY = 86400
 # Growth over the judged part that is still none: (share of the middle value, and so much besides).
 BOUNDS = {"private_kib": (0.10, 128), "fds": (0.0, 2), "threads": (0.0, 1.5), "groups": (0.0, 0.9),
           "databases_kib": (0.0, 1024)}
+# What the planted library makes grow.
+PLANTED = ("private_kib", "fds", "threads")
 FAKETIME = "/usr/lib/*/faketime/libfaketime.so.1"
 
 
@@ -112,6 +115,10 @@ class Soak:
             self.set_clock(0)
             environment = {"LD_PRELOAD": self.faketime, "FAKETIME_TIMESTAMP_FILE": self.clock, "FAKETIME_NO_CACHE": "1",
                            "DONT_FAKE_MONOTONIC": "1", "FAKETIME_XRESET": "1"}
+        self.planted = options.planted
+        if self.planted:
+            environment["LD_PRELOAD"] = ":".join(filter(None, [environment.get("LD_PRELOAD"),
+                                                               os.path.abspath(self.planted)]))
         self.agent = Agent(os.path.abspath(options.build), directory, SOURCE, environment=environment)
         self.set_sinks()
 
@@ -281,6 +288,14 @@ class Soak:
                 wrong.append(f"{label} {key} grew by {growth:.1f}")
         return wrong
 
+    @staticmethod
+    def unseen(wrong):
+        """Of the growth that was planted, what the verdict does not name."""
+        print("\n".join(wrong))
+        wanted = [f"{label} {key}" for label in ("main", LEFT_ALONE) for key in PLANTED]
+        return [f"{each} was made to grow, and it was not seen" for each in wanted
+                if not any(line.startswith(each + " grew by") for line in wrong)]
+
     def waiting(self):
         """Messages of every process that have not reached a sink."""
         total = 0
@@ -353,6 +368,8 @@ class Soak:
         print("befell it: " + ", ".join(f"{name} {count}" for name, count in sorted(self.done.items())))
         if failures:
             print(f"{len(failures)} readings failed, the last with: {failures[-1]}")
+        if self.planted:
+            return self.unseen(self.judge(self.series, self.seconds))
         self.set_clock(0)
         self.write("online_config.json", '{"osAbnormalSwitch": 1}\n')
         self.set_sinks()
@@ -402,6 +419,7 @@ def main():
     parser.add_argument("--build", default="build/dev")
     parser.add_argument("--for", dest="seconds", type=int, default=600)
     parser.add_argument("--seed", type=int, default=int.from_bytes(os.urandom(4), "big"))
+    parser.add_argument("--planted", metavar="LIBRARY", help="a library that makes the agent grow: is it seen?")
     parser.add_argument("--self-test", action="store_true", help="only whether growth would be noticed")
     options = parser.parse_args()
     if options.self_test:
@@ -431,7 +449,8 @@ def main():
             print(f"its log is kept in {kept}")
         subprocess.run(["umount", "-l", directory])
         os.rmdir(directory)
-    print("\n".join(f"seed {options.seed}: {what}" for what in wrong) or f"seed {options.seed}: nothing grew")
+    print("\n".join(f"seed {options.seed}: {what}" for what in wrong) or f"seed {options.seed}: " + (
+        "what was planted is seen" if options.planted else "nothing grew"))
     return 1 if wrong else 0
 
 
