@@ -6,6 +6,7 @@ a statement that is a macro call as a whole is treated like any other statement.
 import collections
 import glob
 import hashlib
+import os
 import re
 import sys
 
@@ -35,8 +36,21 @@ ASSIGNING = {"+=": "-=", "-=": "+=", "*=": "/=", "/=": "*=", "|=": "&=", "&=": "
              ">>=": "<<="}
 LEVELS = {"kLogError": "kLogWarning", "kLogWarning": "kLogInfo", "kLogInfo": "kLogWarning", "kLogDebug": "kLogInfo"}
 
+# Names of functions that give the same for the same arguments; of the C++ library all that are const are taken for it.
+PURE_FILE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tests", "mutants", "pure.txt")
+PURE_STD = {"min", "max", "abs", "to_string", "stoi", "stol", "stoul", "tie", "make_tuple"} | {
+    "operator" + sign for sign in ("+", "-", "*", "/", "%", "==", "!=", "<", ">", "<=", ">=", "[]")}
+# What counts things that stand in memory.
+SIZES = re.compile(r"(^|\W)(s?size_t|size_type|difference_type)$")
+
 OPERATORS = ("relational", "arithmetic", "width", "term-dropped", "negated", "swapped", "removed", "constant", "level",
              "early-return", "re-read")
+
+
+def read_pure():
+    """A name stands at the beginning of a line; what is indented says why."""
+    with open(PURE_FILE, encoding="utf-8") as file:
+        return {line.strip() for line in file if line.strip() and line[0] not in "# "}
 
 
 class Mutant:
@@ -82,6 +96,8 @@ class Reader:
         self.unit = unit
         self.macros = [(n.extent.start.offset, n.extent.end.offset) for n in unit.cursor.get_children()
                        if n.kind == K.MACRO_INSTANTIATION and self.is_here(n)]
+        self.pure = read_pure()
+        self.current = None
         self.found = []
         self.seen = set()
         self.counts = collections.Counter()
@@ -174,6 +190,7 @@ class Reader:
             p.kind for p in ancestors(node)))
         mangled = None if template or re.search(r"\bconstexpr\b", head) else node.mangled_name
         where = (re.sub(r"\s+", "_", "::".join(names)), mangled, None, None if template else self.span(body))
+        self.current = body
         for child in node.get_children():
             if child.kind == K.COMPOUND_STMT:
                 self.block(child, where, node)
@@ -452,7 +469,8 @@ class Reader:
             self.add(where, "constant", self.replace(node, "0"))
 
     def width(self, node, where, parent):
-        """A value of 64 bits loses its upper half where it is handed on."""
+        """A value of 64 bits loses its upper half where it is handed on. Sizes of what stands in memory are left out:
+        no text or table of 4 GiB can be had to tell the difference."""
         if parent is None or parent.kind not in (
                 K.CALL_EXPR, K.VAR_DECL, K.BINARY_OPERATOR, K.RETURN_STMT, K.COMPOUND_ASSIGNMENT_OPERATOR,
                 K.CXX_METHOD, K.FUNCTION_DECL, K.CONDITIONAL_OPERATOR, K.CXX_STATIC_CAST_EXPR,
@@ -479,6 +497,9 @@ class Reader:
             below = list(inner.get_children())
             if below and below[0].type.get_canonical().kind not in WIDE and below[0].kind != K.CALL_EXPR:
                 return
+        if SIZES.search(re.sub(r"\bconst\b", "", inner.type.spelling).strip()) and inner.kind in (
+                K.CALL_EXPR, K.DECL_REF_EXPR, K.UNEXPOSED_EXPR, K.BINARY_OPERATOR):
+            return
         text = self.of(node)
         # What is handed over by reference cannot be copied, and a constant is what it is.
         if re.fullmatch(r"(\w+::)*k[A-Z]\w*|[A-Z][A-Z0-9_]*", text):
@@ -502,6 +523,8 @@ class Reader:
                 continue
             if "[&" in match.group(1) or "[this" in match.group(1):
                 continue
+            if self.is_pure(list(variable.get_children())[-1]):
+                continue
             uses = []
             for later in statements[index + 1:]:
                 uses += [n for n in later.walk_preorder() if n.kind == K.DECL_REF_EXPR and
@@ -515,6 +538,52 @@ class Reader:
                 self.add(where, "re-read", self.replace(use, "(%s)" % match.group(1)))
         self.kept(statements, where)
 
+    def is_pure(self, expression):
+        """Whether it gives the same when it is read again: nothing but functions of arguments that nobody changes."""
+        for node in expression.walk_preorder():
+            target = node.referenced
+            if node.kind in (K.LAMBDA_EXPR, K.CXX_NEW_EXPR, K.CXX_THIS_EXPR, K.COMPOUND_ASSIGNMENT_OPERATOR):
+                return False
+            if node.kind == K.MEMBER_REF_EXPR and (target is None or target.kind == K.FIELD_DECL):
+                return False
+            if node.kind == K.CALL_EXPR and not self.is_pure_call(target):
+                return False
+            if node.kind == K.DECL_REF_EXPR and target is not None and target.kind in (K.VAR_DECL, K.PARM_DECL) and \
+                    self.may_change(target):
+                return False
+        return not re.search(r"\+\+|--|[^=!<>]=[^=]", self.of(expression))
+
+    def is_pure_call(self, target):
+        if target is None:
+            return False
+        standard = any(node.kind == K.NAMESPACE and node.spelling == "std" for node in ancestors(target))
+        if not standard:
+            return target.spelling in self.pure
+        if target.kind in (K.CONSTRUCTOR, K.CONVERSION_FUNCTION):
+            return True
+        return target.is_const_method() if target.kind == K.CXX_METHOD else target.spelling in PURE_STD
+
+    def may_change(self, variable):
+        kind = variable.type.get_canonical()
+        if kind.is_const_qualified() or kind.kind == T.LVALUEREFERENCE and kind.get_pointee().is_const_qualified():
+            return False
+        if kind.kind in (T.LVALUEREFERENCE, T.RVALUEREFERENCE, T.POINTER) or self.current is None:
+            return True
+        name = re.escape(variable.spelling)
+        if re.search(r"\b%s\s*([-+*/%%|&^]|<<|>>)?=[^=]|\b%s\s*(\+\+|--)|(\+\+|--|&)\s*%s\b|\[&\]" % (name, name, name),
+                     re.sub(r"\b[\w:<>]+\s+%s\s*=" % name, "", self.of(self.current))):
+            return True
+        for parent in self.current.walk_preorder():
+            target = parent.referenced
+            for child in parent.get_children():
+                if child.kind != K.DECL_REF_EXPR or child.spelling != variable.spelling:
+                    continue
+                if parent.kind == K.CALL_EXPR:
+                    return True  # handed over by a reference that is not const
+                if parent.kind == K.MEMBER_REF_EXPR and (target is None or not target.is_const_method()):
+                    return True
+        return False
+
     def kept(self, statements, where):
         """The second of two equal calls in a block gives what the first one gave."""
         first = {}
@@ -526,6 +595,8 @@ class Reader:
                 kind = part.type.get_canonical().kind
                 if kind in (T.VOID, T.RECORD, T.LVALUEREFERENCE) or "&" in text or not (
                         "(" in text or text.startswith("m_")):
+                    continue
+                if self.is_pure(part):
                     continue
                 if text in first and first[text][0] < index:
                     at = first[text][1]
