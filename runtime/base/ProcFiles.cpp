@@ -211,6 +211,19 @@ Result<uint64_t> ReadOwnStatusNumber(std::string_view field) {
     return ReadSmall(kOwnStatusFile, [&](std::string_view text) { return ParseStatusNumber(text, field); });
 }
 
+std::optional<ProcMemory> ParseProcMemory(std::string_view text) {
+    const std::optional<uint64_t> resident = LabelledNumber(text, "VmRSS", " kB");
+    if (!resident) return std::nullopt;
+    const std::optional<uint64_t> anonymous = LabelledNumber(text, "RssAnon", " kB");
+    const uint64_t shared = LabelledNumber(text, "RssShmem", " kB").value_or(0);
+    return ProcMemory{static_cast<int64_t>(*resident),
+                      static_cast<int64_t>(anonymous ? *anonymous + shared : *resident)};
+}
+
+Result<ProcMemory> ReadProcessMemory(int pid) {
+    return ReadSmall(ProcessFile(pid, "status").c_str(), ParseProcMemory);
+}
+
 Result<std::vector<int>> ReadProcessIds(size_t most) {
     std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(kProcDir), closedir);
     if (!dir) return ErrnoError(errno, "open", kProcDir);

@@ -128,6 +128,15 @@ std::optional<ProcIo> ParseProcIo(std::string_view text);
 std::optional<uint64_t> ParseStatusNumber(std::string_view text, std::string_view field);
 Result<uint64_t> ReadOwnStatusNumber(std::string_view field);
 
+/// Memory of a process. Units: KB.
+struct ProcMemory {
+    int64_t residentKb = 0;
+    int64_t keptKb = 0;  ///< of it, what the kernel cannot take back without swap: anonymous and shared memory
+};
+/// /proc/PID/status. Kernel: Linux 4.5 tells what is kept apart; before, all of it counts as kept.
+std::optional<ProcMemory> ParseProcMemory(std::string_view text);
+Result<ProcMemory> ReadProcessMemory(int pid);
+
 /// Returns: numbers of all processes, at most `most` of them, sorted.
 Result<std::vector<int>> ReadProcessIds(size_t most);
 bool ProcessExists(int pid);

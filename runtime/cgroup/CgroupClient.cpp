@@ -116,6 +116,7 @@ struct CCgroupClient::Impl {
     bool LeaveBranch(const Branch& branch) ZEL_REQUIRES(mutex);
     bool Join(const LeafPlaces& places) ZEL_REQUIRES(mutex);
     void Take(Controller controller, const std::optional<LeafPlace>& place) ZEL_REQUIRES(mutex);
+    void Observe(const ComponentFile& file) ZEL_REQUIRES(mutex);
 };
 
 /// Reloads are tried again until one succeeds: what stays the same is told once for each state of the file.
@@ -146,7 +147,7 @@ bool CCgroupClient::Impl::LeaveAll(const char* why) {
         const bool left = LeaveBranch(*branch);
         for (const Controller controller : kAllControllers) {
             if (!branch->serves[controller]) continue;
-            was = was || joined[controller].joined;
+            was = was || !joined[controller].path.empty();
             if (left) joined[controller] = Joined();
         }
         ok = ok && left;
@@ -196,6 +197,15 @@ void CCgroupClient::Impl::Take(Controller controller, const std::optional<LeafPl
     state = now;
 }
 
+/// Limits that are only observed count as joined, without a group: the maxima of this process follow them.
+void CCgroupClient::Impl::Observe(const ComponentFile& file) {
+    const ObservedEntry* own = file.FindObserved(GetComponentName());
+    for (const Controller controller : kAllControllers) {
+        const bool present = own != nullptr && own->Leaf(controller).present;
+        if (present && !joined[controller].joined) joined[controller] = {true, own->Leaf(controller).quota, ""};
+    }
+}
+
 bool CCgroupClient::Impl::Reload() {
     const std::string path = ComponentFilePath();
     Result<ComponentFile> file = ReadCurrentFile(path);
@@ -204,7 +214,11 @@ bool CCgroupClient::Impl::Reload() {
     const bool none = !file && file.GetError().kind == ErrorKind::kNotFound;
     if (none && !IsTreeInUse(branches)) return LeaveAll("there is no component file");
     if (!file) return Refuse(__LINE__, file.GetError());
-    if (!file->enabled) return LeaveAll("they are switched off");
+    if (!file->enabled) {
+        const bool left = LeaveAll(file->observed.empty() ? "they are switched off" : "they are only observed");
+        Observe(*file);
+        return left;
+    }
     Status found = TakePublishedPlaces(branches, *file);
     if (!found) return Refuse(__LINE__, found.GetError());
     Result<LeafPlaces> places = FindOwnPlaces(branches, *file, path);
@@ -216,6 +230,7 @@ bool CCgroupClient::Impl::Reload() {
         if (!branch->ServesAnyOf(stays)) ok = LeaveBranch(*branch) && ok;
     }
     for (const Controller controller : kAllControllers) Take(controller, (*places)[controller]);
+    Observe(*file);
     return ok;
 }
 

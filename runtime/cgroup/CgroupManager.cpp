@@ -16,6 +16,7 @@
 #include "Keeper.h"
 #include "LegacyLimit.h"
 #include "Membership.h"
+#include "Observation.h"
 #include "OomCounters.h"
 #include "OpenedGroups.h"
 #include "OwnGroup.h"
@@ -28,6 +29,7 @@
 #include "base/Mutex.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/AgentNames.h"
+#include "platform/zel/CgroupObserve.h"
 #include "platform/zel/LogMessage.h"
 
 namespace zel {
@@ -68,6 +70,7 @@ std::string JudgeFile(const Publication& published) {
 base::Mutex g_currentLock;
 const void* g_current ZEL_GUARDED_BY(g_currentLock) = nullptr;
 std::function<bool(const std::vector<CgroupMember>&, std::vector<CgroupDrift>&)> g_keep ZEL_GUARDED_BY(g_currentLock);
+std::function<bool()> g_follow ZEL_GUARDED_BY(g_currentLock);
 constexpr int64_t kNsPerUs = 1000;
 constexpr int64_t kNsPerMs = 1000000;
 constexpr uint64_t kMeasuredPasses = 12;
@@ -140,6 +143,29 @@ struct OomRest {
     int64_t atMs = 0;
 };
 
+/// What the module asked for last, whether its limits are put in force or only observed.
+struct Asked {
+    bool valid = false;  ///< the components were told of it
+    Flags wanted;
+    Flags observed;  ///< as of the last reconcile
+    std::optional<CgroupTotalLimitConfig> total;
+    std::vector<CgroupGroupConfig> groups;
+    GroupTargets targets;  ///< of what is observed alone
+    std::string path;
+    std::vector<CgroupComponentQuota> quotas;
+    Amounts parent;
+    int64_t retryAtMs = 0;
+
+    /// Controllers that are asked for and only observed.
+    Flags Shown() const { return {wanted.cpu && observed.cpu, wanted.memory && observed.memory}; }
+    bool ShowsAny() const { return Shown().cpu || Shown().memory; }
+};
+constexpr int64_t kRetryMs = 60000;
+
+bool AreSame(const Flags& a, const Flags& b) {
+    return a.cpu == b.cpu && a.memory == b.memory;
+}
+
 CgroupKeeperStatus TreeKeeperStatus() {
     const base::MutexLock lock(g_statusLock);
     return g_status;
@@ -174,7 +200,8 @@ struct CCgroupManager::Impl {
     std::optional<uint64_t> lastKills ZEL_GUARDED_BY(mutex);                 ///< at the poll before
     std::optional<uint64_t> observedKills ZEL_GUARDED_BY(mutex);  ///< before all counters were read for a change
     uint64_t observedCounts ZEL_GUARDED_BY(mutex) = 0;            ///< what had been told by then
-    std::optional<uint64_t> noticedKills ZEL_GUARDED_BY(mutex);   ///< at the observation before
+    Asked asked ZEL_GUARDED_BY(mutex);
+    std::optional<uint64_t> noticedKills ZEL_GUARDED_BY(mutex);  ///< at the observation before
 
     void Locate() ZEL_REQUIRES(mutex);
     void TellPlaces() ZEL_REQUIRES(mutex);
@@ -197,6 +224,15 @@ struct CCgroupManager::Impl {
     bool IsOomAtRest(int64_t nowMs) ZEL_REQUIRES(mutex);
     Status ReadOom() ZEL_REQUIRES(mutex);
     void ObserveOom() ZEL_REQUIRES(mutex);
+    bool Ask(const Flags& wanted, const CgroupTotalLimitConfig* total, const std::vector<CgroupGroupConfig>& groups)
+        ZEL_REQUIRES(mutex);
+    bool TakeIn(const std::string& group, int pid) ZEL_REQUIRES(mutex);
+    bool Publish(const std::string& path, const std::vector<CgroupComponentQuota>& quotas, const Amounts& parent)
+        ZEL_REQUIRES(mutex);
+    bool FollowObserved() ZEL_EXCLUDES(mutex);
+    void Forgo() ZEL_REQUIRES(mutex);
+    std::vector<ComponentTarget> ObservedPlaces() ZEL_REQUIRES(mutex);
+    int ParentAmount(Controller controller) ZEL_REQUIRES(mutex);
 };
 
 void CCgroupManager::Impl::Locate() {
@@ -268,6 +304,84 @@ std::optional<std::vector<TreeFacts>> CCgroupManager::Impl::ReconcileBranches(st
     }
     if (!problems.empty() || trees.size() != branches.all.size()) return std::nullopt;
     return trees;
+}
+
+/// The limits that are only observed are kept from the kernel, and taken off where they held before.
+bool CCgroupManager::Impl::Ask(const Flags& wanted, const CgroupTotalLimitConfig* total,
+                               const std::vector<CgroupGroupConfig>& groups) {
+    const Flags observed = ObservedControllers();
+    asked.wanted = wanted;
+    asked.observed = observed;
+    asked.total = total == nullptr ? std::nullopt : std::optional<CgroupTotalLimitConfig>(*total);
+    asked.groups = groups;
+    std::vector<Error> refused;  // the other half tells of them
+    asked.targets = BuildGroupTargets(asked.Shown(), total, groups, refused);
+    return Reconcile({wanted.cpu && !observed.cpu, wanted.memory && !observed.memory}, total, groups);
+}
+
+/// The main process stays out of a tree that is only observed, and leaves one that was not.
+bool CCgroupManager::Impl::TakeIn(const std::string& group, int pid) {
+    if (inUse.cpu || inUse.memory || !asked.ShowsAny()) return AddPid(group, pid);
+    return pid != getpid() || !IsTreeInUse(branches) || RemovePid(pid);
+}
+
+std::vector<ComponentTarget> CCgroupManager::Impl::ObservedPlaces() {
+    if (!asked.ShowsAny()) return {};
+    std::vector<Remark> remarks;  // the other half tells of them
+    const std::vector<CgroupComponentQuota> all = WithUnlisted(asked.quotas, asked.targets, remarks);
+    return BuildComponentTargets(all, asked.targets, asked.Shown(), branches.IsOneHierarchy());
+}
+
+/// Writes the file; also where everything in it is only observed.
+bool CCgroupManager::Impl::Publish(const std::string& path, const std::vector<CgroupComponentQuota>& quotas,
+                                   const Amounts& parent) {
+    asked.path = path;
+    asked.quotas = quotas;
+    asked.parent = parent;
+    const std::vector<ComponentTarget> places = ObservedPlaces();
+    bool written = false;
+    if (inUse.cpu || inUse.memory || !asked.ShowsAny()) {
+        written = WriteConfig(path, quotas, parent);
+    } else {
+        published.valid = false;
+        quiet.Disturb();
+        ForgetKept();
+        const Status disabled = PublishDisabled(path, MakeObservedEntries(places));
+        written = disabled || disabled.GetError().kind == ErrorKind::kNotSynced;  // the others read it already
+        if (!disabled) Fail(__LINE__, disabled.GetError());
+    }
+    asked.valid = asked.valid || written;
+    ObserveTree(asked.ShowsAny() ? MakeObservedTree(asked.targets, asked.Shown(), places) : ObservedTree());
+    return written;
+}
+
+/// Nothing is asked for any more.
+void CCgroupManager::Impl::Forgo() {
+    asked = Asked();
+    ObserveTree({});
+}
+
+/// Returns: whether the components are to be told.
+bool CCgroupManager::Impl::FollowObserved() {
+    const base::MutexLock lock(mutex);
+    if (!asked.valid || AreSame(asked.observed, ObservedControllers()) || NowMs() < asked.retryAtMs) return false;
+    Locate();
+    const Asked last = asked;
+    const bool changed = Ask(last.wanted, last.total ? &*last.total : nullptr, last.groups) &&
+                         TakeIn(kMainGroup, static_cast<int>(getpid())) && Publish(last.path, last.quotas, last.parent);
+    branches = Branches();
+    if (changed) return true;
+    asked.observed = last.observed;
+    asked.valid = true;
+    asked.retryAtMs = NowMs() + kRetryMs;
+    LogLine(kLogWarning, __LINE__,
+            "what is to be observed, and what to be in force, could not be changed: the lines before this one say "
+            "why; it is tried again in a minute");
+    return true;
+}
+
+int CCgroupManager::Impl::ParentAmount(Controller controller) {
+    return asked.Shown()[controller] ? asked.targets.total[controller] : ReadParentAmount(branches, controller);
 }
 
 bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
@@ -347,6 +461,7 @@ bool CCgroupManager::Impl::WriteConfig(const std::string& path, const std::vecto
                                        const Amounts& parent) {
     quiet.Disturb();
     ComponentPublisher publisher(branches, targets, inUse, membership);
+    publisher.SetObserved(MakeObservedEntries(ObservedPlaces()));
     std::vector<Remark> remarks;
     Result<std::map<LeafKey, int>> leaves = publisher.Publish(path, WithUnlisted(quotas, targets, remarks), parent);
     remarks.insert(remarks.end(), publisher.Remarks().begin(), publisher.Remarks().end());
@@ -558,6 +673,7 @@ CCgroupManager::CCgroupManager() : m_impl(std::make_unique<Impl>()) {
     g_keep = [impl = m_impl.get()](const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) {
         return impl->Keep(members, news);
     };
+    g_follow = [impl = m_impl.get()] { return impl->FollowObserved(); };
 }
 
 CCgroupManager::~CCgroupManager() {
@@ -565,6 +681,8 @@ CCgroupManager::~CCgroupManager() {
     if (g_current != m_impl.get()) return;
     g_current = nullptr;
     g_keep = nullptr;
+    g_follow = nullptr;
+    ObserveTree({});
 }
 
 bool CCgroupManager::EnsureInitialized() {
@@ -576,22 +694,22 @@ bool CCgroupManager::EnsureInitialized() {
 bool CCgroupManager::Reconcile(bool cpuOn, bool memOn, const CgroupTotalLimitConfig& total,
                                const std::vector<CgroupGroupConfig>& groups) {
     const Impl::Scope scope(*m_impl);
-    return m_impl->Reconcile({cpuOn, memOn}, &total, groups);
+    return m_impl->Ask({cpuOn, memOn}, &total, groups);
 }
 
 bool CCgroupManager::Reconcile(bool cpuOn, bool memOn, const std::vector<CgroupGroupConfig>& groups) {
     const Impl::Scope scope(*m_impl);
-    return m_impl->Reconcile({cpuOn, memOn}, nullptr, groups);
+    return m_impl->Ask({cpuOn, memOn}, nullptr, groups);
 }
 
 bool CCgroupManager::IsCpuCgroupEnabled() {
     const base::MutexLock lock(m_impl->mutex);
-    return m_impl->inUse.cpu;
+    return m_impl->inUse.cpu || m_impl->asked.Shown().cpu;
 }
 
 bool CCgroupManager::IsMemCgroupEnabled() {
     const base::MutexLock lock(m_impl->mutex);
-    return m_impl->inUse.memory;
+    return m_impl->inUse.memory || m_impl->asked.Shown().memory;
 }
 
 bool CCgroupManager::IsCpuV2() {
@@ -614,33 +732,35 @@ bool CCgroupManager::IsParentMemActive() {
 
 int CCgroupManager::GetParentCpuLimit100Times() {
     const Impl::Scope scope(*m_impl);
-    return ReadParentAmount(m_impl->branches, Controller::kCpu);
+    return m_impl->ParentAmount(Controller::kCpu);
 }
 
 int CCgroupManager::GetParentMemLimitKB() {
     const Impl::Scope scope(*m_impl);
-    return ReadParentAmount(m_impl->branches, Controller::kMemory);
+    return m_impl->ParentAmount(Controller::kMemory);
 }
 
 bool CCgroupManager::AddPidToGroup(const std::string& group, int pid) {
     const Impl::Scope scope(*m_impl);
-    return m_impl->AddPid(group, pid);
+    return m_impl->TakeIn(group, pid);
 }
 
 bool CCgroupManager::RemovePidFromGroup(const std::string& group, int pid) {
     static_cast<void>(group);  // Out of the tree is out of every group in it.
     const Impl::Scope scope(*m_impl);
+    if (pid == getpid()) m_impl->Forgo();
     return m_impl->RemovePid(pid);
 }
 
 bool CCgroupManager::WriteComponentConfig(const std::string& path, const std::vector<CgroupComponentQuota>& quotas,
                                           int parentCpu100Times, int parentMemKB) {
     const Impl::Scope scope(*m_impl);
-    return m_impl->WriteConfig(path, quotas, {parentCpu100Times, parentMemKB});
+    return m_impl->Publish(path, quotas, {parentCpu100Times, parentMemKB});
 }
 
 bool CCgroupManager::WriteDisabledConfig(const std::string& path) {
     const base::MutexLock lock(m_impl->mutex);
+    m_impl->Forgo();
     m_impl->published.valid = false;
     m_impl->quiet.Disturb();
     ForgetKept();
@@ -677,6 +797,12 @@ bool KeepCgroupTree(const std::vector<CgroupMember>& members, std::vector<Cgroup
     // Held for the round, so that the manager cannot end in the middle of it.
     const base::MutexLock lock(g_currentLock);
     return !g_keep || g_keep(members, news);
+}
+
+bool FollowObservedLimits() {
+    FollowObservedLegacyLimits();
+    const base::MutexLock lock(g_currentLock);
+    return g_follow && g_follow();
 }
 
 CgroupKeeperStatus GetCgroupKeeperStatus() {

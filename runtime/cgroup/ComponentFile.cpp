@@ -39,6 +39,26 @@ std::string LeafText(const ComponentLeaf& leaf, const char* quotaName) {
            "}";
 }
 
+std::string ObservedText(const ObservedLeaf& leaf, const char* quotaName) {
+    if (!leaf.present) return "null";
+    return "{\"group\": " + Quoted(leaf.group) + ", \"" + quotaName + "\": " + std::to_string(leaf.quota) + "}";
+}
+
+// The list of what is only observed, after the member before it; empty when nothing is.
+std::string ObservedListText(const std::vector<ObservedEntry>& observed) {
+    if (observed.empty()) return {};
+    std::string out = ",\n  \"observed\": [";
+    const char* separator = "\n";
+    for (const ObservedEntry& entry : observed) {
+        out += separator;
+        out += "    {\n      \"name\": " + Quoted(entry.name) + ",\n";
+        out += "      \"cpu\": " + ObservedText(entry.cpu, "quota_100times") + ",\n";
+        out += "      \"memory\": " + ObservedText(entry.memory, "quota_kb") + "\n    }";
+        separator = ",\n";
+    }
+    return out + "\n  ]";
+}
+
 Error Bad(std::string hint) {
     return MakeError(ErrorKind::kMalformed, "use", "component file", std::move(hint));
 }
@@ -161,6 +181,36 @@ ComponentLeaf ReadLeaf(Reader& reader, const Json::Value& object, const char* co
     return out;
 }
 
+ObservedLeaf ReadObservedLeaf(Reader& reader, const Json::Value& object, const char* controller, const char* quotaName,
+                              const std::string& name) {
+    ObservedLeaf out;
+    const std::string where = std::string("observed ") + controller + " of component " + name;
+    const Json::Value& value = reader.Member(object, controller, "observed component " + name);
+    if (reader.Failed() || value.isNull()) return out;
+    out.group = reader.Name(value, "group", where);
+    out.quota = reader.Number(value, quotaName, where);
+    out.present = !reader.Failed();
+    return out;
+}
+
+void ReadObserved(Reader& reader, const Json::Value& root, ComponentFile& out) {
+    if (!root.isMember("observed")) return;
+    const Json::Value& list = root["observed"];
+    if (!list.isArray()) return reader.Fail("\"observed\" is not a list");
+    if (list.size() > kMaxComponents) return reader.Fail("too many observed components");
+    for (const Json::Value& item : list) {
+        ObservedEntry entry;
+        entry.name = reader.Name(item, "name", "an observed component");
+        if (!reader.Failed() && out.FindObserved(entry.name) != nullptr) {
+            reader.Fail("observed component " + entry.name + " is there twice");
+        }
+        entry.cpu = ReadObservedLeaf(reader, item, "cpu", "quota_100times", entry.name);
+        entry.memory = ReadObservedLeaf(reader, item, "memory", "quota_kb", entry.name);
+        if (reader.Failed()) return;
+        out.observed.push_back(std::move(entry));
+    }
+}
+
 Result<ComponentFile> FromJson(const Json::Value& root) {
     Reader reader;
     ComponentFile out;
@@ -174,6 +224,7 @@ Result<ComponentFile> FromJson(const Json::Value& root) {
     }
     out.enabled = reader.Flag(root, "enabled", where);
     out.bootId = reader.Text(root, "boot_id", where);
+    ReadObserved(reader, root, out);
     if (reader.Failed()) return Bad(reader.Hint());
     if (!out.enabled) return out;
 
@@ -210,12 +261,19 @@ const ComponentEntry* ComponentFile::Find(std::string_view name) const {
     return nullptr;
 }
 
+const ObservedEntry* ComponentFile::FindObserved(std::string_view name) const {
+    for (const ObservedEntry& entry : observed) {
+        if (entry.name == name) return &entry;
+    }
+    return nullptr;
+}
+
 std::string FormatComponentFile(const ComponentFile& file) {
     std::string out = "{\n";
     out += "  \"version\": " + std::to_string(kComponentFileVersion) + ",\n";
     out += std::string("  \"enabled\": ") + (file.enabled ? "true" : "false") + ",\n";
     out += "  \"boot_id\": " + Quoted(file.bootId);
-    if (!file.enabled) return out + "\n}\n";
+    if (!file.enabled) return out + ObservedListText(file.observed) + "\n}\n";
     out += ",\n  \"parent\": {\n";
     out += "    \"cpu\": " + ParentText(file.cpu, "limit_100times") + ",\n";
     out += "    \"memory\": " + ParentText(file.memory, "limit_kb") + "\n  },\n";
@@ -228,8 +286,8 @@ std::string FormatComponentFile(const ComponentFile& file) {
         out += "      \"memory\": " + LeafText(entry.memory, "quota_kb") + "\n    }";
         separator = ",\n";
     }
-    out += file.components.empty() ? "]\n}\n" : "\n  ]\n}\n";
-    return out;
+    out += file.components.empty() ? "]" : "\n  ]";
+    return out + ObservedListText(file.observed) + "\n}\n";
 }
 
 Result<ComponentFile> ParseComponentFile(std::string_view text) {

@@ -39,6 +39,22 @@ struct ComponentEntry {
     const ComponentLeaf& Leaf(Controller controller) const { return controller == Controller::kCpu ? cpu : memory; }
 };
 
+/// One controller of a component whose limit is only observed: what it would be.
+struct ObservedLeaf {
+    bool present = false;
+    std::string group;
+    int quota = 0;  ///< hundredths of a percent of one CPU, or KB; 0: the group's limit alone
+};
+
+struct ObservedEntry {
+    std::string name;
+    ObservedLeaf cpu;
+    ObservedLeaf memory;
+
+    ObservedLeaf& Leaf(Controller controller) { return controller == Controller::kCpu ? cpu : memory; }
+    const ObservedLeaf& Leaf(Controller controller) const { return controller == Controller::kCpu ? cpu : memory; }
+};
+
 /// One controller of the parent that holds all groups.
 struct ComponentParent {
     bool present = false;
@@ -54,11 +70,14 @@ struct ComponentFile {
     ComponentParent cpu;
     ComponentParent memory;
     std::vector<ComponentEntry> components;
+    std::vector<ObservedEntry> observed;  ///< also where `enabled` is false; the text has none where it is empty
 
     ComponentParent& Parent(Controller controller) { return controller == Controller::kCpu ? cpu : memory; }
     const ComponentParent& Parent(Controller controller) const { return controller == Controller::kCpu ? cpu : memory; }
     /// Returns: the entry of that name, null when there is none.
     const ComponentEntry* Find(std::string_view name) const;
+    /// The same of what is only observed.
+    const ObservedEntry* FindObserved(std::string_view name) const;
 };
 
 /// Returns: the file's text. The same record gives the same bytes.

@@ -124,6 +124,7 @@ Result<std::map<LeafKey, int>> ComponentPublisher::Publish(const std::string& pa
     ComponentFile file;
     file.enabled = true;
     file.bootId = base::ReadBootId();
+    file.observed = m_observed;
     Status status = AddParents(path, parent, file);
     if (!status) return status.GetError();
     std::map<LeafKey, int> leaves;
@@ -159,9 +160,25 @@ std::vector<CgroupComponentQuota> WithUnlisted(std::vector<CgroupComponentQuota>
     return quotas;
 }
 
-Status PublishDisabled(const std::string& path) {
+std::vector<ObservedEntry> MakeObservedEntries(const std::vector<ComponentTarget>& components) {
+    std::vector<ObservedEntry> entries;
+    for (const ComponentTarget& component : components) {
+        if (component.refusal) continue;
+        ObservedEntry entry;
+        entry.name = component.name;
+        for (const Controller controller : kAllControllers) {
+            const LeafTarget& leaf = component.leaves[controller];
+            if (!leaf.group.empty()) entry.Leaf(controller) = {true, leaf.group, leaf.quota};
+        }
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
+Status PublishDisabled(const std::string& path, std::vector<ObservedEntry> observed) {
     ComponentFile file;
     file.bootId = base::ReadBootId();
+    file.observed = std::move(observed);
     return WriteComponentFile(path, file);
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Branch.h"
@@ -30,6 +31,9 @@ public:
     ComponentPublisher(const Branches& branches, const GroupTargets& targets, const Flags& inUse,
                        Membership& membership);
 
+    /// What the file says of limits that are only observed.
+    void SetObserved(std::vector<ObservedEntry> observed) { m_observed = std::move(observed); }
+
     /// Writes the file about the given components.
     /// Returns: the quota of every leaf in it.
     /// On failure: the old file stays; leaves that were made stay too and are swept later.
@@ -51,6 +55,7 @@ private:
     Membership& m_membership;
     OpenedGroups m_opened;
     PerController<GroupDir> m_own;  ///< the main process's leaves
+    std::vector<ObservedEntry> m_observed;
     std::vector<Remark> m_remarks;
 };
 
@@ -59,8 +64,11 @@ private:
 std::vector<CgroupComponentQuota> WithUnlisted(std::vector<CgroupComponentQuota> quotas, const GroupTargets& targets,
                                                std::vector<Remark>& remarks);
 
-/// Writes the form of the file which says that there are no unified limits.
-Status PublishDisabled(const std::string& path);
+/// Returns: where each component would be, for the file; a controller that is not observed is left out. Pure.
+std::vector<ObservedEntry> MakeObservedEntries(const std::vector<ComponentTarget>& components);
+
+/// Writes the form of the file which says that there are no unified limits, beside those that are observed.
+Status PublishDisabled(const std::string& path, std::vector<ObservedEntry> observed = {});
 
 }  // namespace cgroup
 }  // namespace zel

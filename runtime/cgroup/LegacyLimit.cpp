@@ -10,6 +10,7 @@
 
 #include "kernel/CgroupFiles.h"
 #include "kernel/Rhythm.h"
+#include "Observation.h"
 #include "OwnPlacement.h"
 #include "Placement.h"
 #include "base/Clock.h"
@@ -120,6 +121,53 @@ int LegacyLimit::Start(LegacyGroup& group, int& error) {
     m_quiet.Disturb();
     const base::MutexLock placing(PlacementMutex());
     return StepAside(group) ? kLegacyOk : StartPlaced(group, error);
+}
+
+int LegacyLimit::Ask(LegacyGroup& group, const LegacyValue& value, int& error) {
+    const Controller controller = group.GetController();
+    const bool observed = ObservedControllers()[controller];
+    error = 0;
+    int code = kLegacyOk;
+    if (!observed) {
+        group.Want(value);
+        code = Start(group, error);
+    } else if (group.IsStarted()) {
+        code = Stop(group, error);
+    }
+    if (observed) {
+        LogLegacy(kLogInfo, __LINE__,
+                  std::string("legacy ") + ControllerName(controller) + " limit is only observed, nothing is written");
+    }
+    if (code == kLegacyOk) m_asked[controller] = {true, observed, value};
+    TellObserved();
+    return code;
+}
+
+void LegacyLimit::Forgo(Controller controller) {
+    m_asked[controller] = Asked();
+    TellObserved();
+}
+
+void LegacyLimit::TellObserved() {
+    const auto amount = [&](Controller controller) ZEL_REQUIRES(m_mutex) {
+        const Asked& asked = m_asked[controller];
+        return asked.observed ? AmountOf(controller, asked.value.limit) : 0;
+    };
+    ObserveLegacy({amount(Controller::kCpu), amount(Controller::kMemory)});
+}
+
+void LegacyLimit::FollowObserved() {
+    const base::MutexLock lock(m_mutex);
+    const Flags observed = ObservedControllers();
+    for (const Controller controller : kAllControllers) {
+        if (!m_asked[controller].valid || m_asked[controller].observed == observed[controller]) continue;
+        const LegacyValue value = m_asked[controller].value;
+        int error = 0;
+        if (Ask(Of(controller), value, error) == kLegacyOk) continue;
+        // As after any start that fails: the next change of the configuration tries again, and doctor says so.
+        m_asked[controller] = {true, observed[controller], value};
+        TellObserved();
+    }
 }
 
 int LegacyLimit::StartPlaced(LegacyGroup& group, int& error) {
@@ -253,12 +301,12 @@ int LegacyLimit::StartCpuLimit(int percent, int hundredths, int& error) {
                           m_options.groupName, "the share must be above 0"},
                     kCpuNotSet, kLegacyBadValue, error);
     }
-    m_cpu.Want({LimitFromAmount(Controller::kCpu, amount), kUnlimited});
-    return Start(m_cpu, error);
+    return Ask(m_cpu, {LimitFromAmount(Controller::kCpu, amount), kUnlimited}, error);
 }
 
 int LegacyLimit::StopCpuLimit(int& error) {
     const base::MutexLock lock(m_mutex);
+    Forgo(Controller::kCpu);
     return Stop(m_cpu, error);
 }
 
@@ -280,12 +328,12 @@ bool LegacyLimit::IsSelfRemovedFromCgroup() {
 
 bool LegacyLimit::IsCpuLimited() {
     const base::MutexLock lock(m_mutex);
-    return m_cpu.IsInForce();
+    return m_asked.cpu.observed || m_cpu.IsInForce();
 }
 
 bool LegacyLimit::IsMemLimited() {
     const base::MutexLock lock(m_mutex);
-    return m_mem.IsInForce();
+    return m_asked.memory.observed || m_mem.IsInForce();
 }
 
 int LegacyLimit::PrepareMemLimit() {
@@ -334,20 +382,22 @@ int LegacyLimit::StartMemLimit(int firstLimit, int secondLimit, int& error) {
                               "wrapped around"},
                     kMemoryNotSet, kLegacyBadValue, error);
     }
-    m_mem.Want(value);
-    return Start(m_mem, error);
+    return Ask(m_mem, value, error);
 }
 
 int LegacyLimit::StopMemLimit(int& error, bool) {
     const base::MutexLock lock(m_mutex);
+    Forgo(Controller::kMemory);
     return Stop(m_mem, error);
 }
 
 void LegacyLimit::ReleaseLimits() {
     const base::MutexLock lock(m_mutex);
     int error = 0;
-    Stop(m_cpu, error);
-    Stop(m_mem, error);
+    for (const Controller controller : kAllControllers) {
+        Forgo(controller);
+        Stop(Of(controller), error);
+    }
 }
 
 void LegacyLimit::ReleaseStarted() {
@@ -366,6 +416,7 @@ void LegacyLimit::SetKernelExcludeLists(int kind, const std::string& excludeRang
 
 void LegacyLimit::Forget(Controller controller) {
     const base::MutexLock lock(m_mutex);
+    Forgo(controller);
     ForgetGroup(Of(controller));
 }
 
@@ -398,6 +449,10 @@ LegacyLimit& TheLegacyLimit() {
 }
 
 }  // namespace
+
+void FollowObservedLegacyLimits() {
+    TheLegacyLimit().FollowObserved();
+}
 
 void ReleaseStartedLegacyLimits() {
     TheLegacyLimit().ReleaseStarted();

@@ -63,6 +63,9 @@ public:
     /// The same for what was started alone: a group of an earlier run is left as it is.
     void ReleaseStarted();
 
+    /// Takes off what is only observed from now on, and puts in force what is not any more.
+    void FollowObserved();
+
     /// Forgets the controller's state; removes the group when it is already empty, and nothing else.
     void Forget(Controller controller);
     /// Returns: whether a started limit of the controller is on version 2.
@@ -73,6 +76,16 @@ public:
     CgroupKeeperStatus KeeperStatus();
 
 private:
+    /// What the limit of one controller was last asked to be.
+    struct Asked {
+        bool valid = false;
+        bool observed = false;  ///< and it is not put in force
+        LegacyValue value;
+    };
+    /// Starts it, or notes that it is only observed.
+    int Ask(LegacyGroup& group, const LegacyValue& value, int& error) ZEL_REQUIRES(m_mutex);
+    void Forgo(Controller controller) ZEL_REQUIRES(m_mutex);
+    void TellObserved() ZEL_REQUIRES(m_mutex);
     int Start(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
     int StartPlaced(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
     int Stop(LegacyGroup& group, int& error) ZEL_REQUIRES(m_mutex);
@@ -91,6 +104,7 @@ private:
     Membership m_membership ZEL_GUARDED_BY(m_mutex);
     LegacyGroup m_cpu ZEL_GUARDED_BY(m_mutex);
     LegacyGroup m_mem ZEL_GUARDED_BY(m_mutex);
+    PerController<Asked> m_asked ZEL_GUARDED_BY(m_mutex);
     DriftBook m_book ZEL_GUARDED_BY(m_mutex);
     QuietTree m_quiet ZEL_GUARDED_BY(m_mutex);
     int64_t m_lookedAtMs ZEL_GUARDED_BY(m_mutex) = 0;  ///< when everything was looked at last
@@ -103,6 +117,9 @@ private:
 
 /// Leaves the group of each legacy limit that this process has started.
 void ReleaseStartedLegacyLimits();
+
+/// Brings this process's legacy limits into line with what is observed now.
+void FollowObservedLegacyLimits();
 
 /// Returns: what the looks at this process's legacy limit have found.
 CgroupKeeperStatus LegacyKeeperStatus();

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "Observation.h"
 #include "kernel/CgroupFiles.h"
 #include "kernel/ControlText.h"
 #include "kernel/GroupDir.h"
@@ -18,6 +19,7 @@
 #include "base/ProcFiles.h"
 #include "platform/zel/CgroupFigures.h"
 #include "platform/zel/CgroupKeeper.h"
+#include "platform/zel/CgroupObserve.h"
 
 namespace zel {
 namespace {
@@ -219,6 +221,26 @@ void ReadController(Controller controller, const std::vector<const CgroupWanted*
     if (controller == Controller::kCpu && !tree.KeepsTime()) SumProcessTimes(tree, found);
 }
 
+/// What is only observed has no group of its own: its figures are of the processes.
+void AddObserved(std::map<std::string, CgroupFigures>& found) {
+    const Flags observed = ObservedControllers();
+    for (const CgroupFigures& seen : TakeObservedRow()) {
+        CgroupFigures& figures = found[seen.name];
+        figures.name = seen.name;
+        if (observed.cpu) {
+            figures.cpuLimit100Times = seen.cpuLimit100Times;
+            figures.cpuMs = seen.cpuMs;
+            figures.periods = seen.periods;
+            figures.throttledPeriods = seen.throttledPeriods;
+            figures.throttledMs = seen.throttledMs;
+        }
+        if (!observed.memory) continue;
+        figures.memoryLimitKb = seen.memoryLimitKb;
+        figures.memoryKb = seen.memoryKb;
+        figures.limitHits = seen.limitHits;
+    }
+}
+
 }  // namespace
 
 struct CCgroupFiguresReader::Impl {
@@ -242,6 +264,7 @@ std::vector<CgroupFigures> CCgroupFiguresReader::Read(bool withHits) {
         ReadController(controller, nodes, withHits, m_impl->kept, found);
     }
     m_impl->kept.End();
+    if (ObservedLimits() != 0) AddObserved(found);
     std::vector<CgroupFigures> figures;
     figures.reserve(found.size());
     for (auto& entry : found) figures.push_back(std::move(entry.second));

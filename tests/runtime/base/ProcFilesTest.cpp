@@ -215,6 +215,22 @@ TEST(ProcIoTest, TakesTheStorageCounters) {
     }
 }
 
+TEST(ProcFilesTest, MemoryThatIsKeptIsAnonymousAndShared) {
+    const std::optional<ProcMemory> whole =
+        ParseProcMemory("VmRSS:\t     900 kB\nRssAnon:\t     500 kB\nRssFile:\t     300 kB\nRssShmem:\t     100 kB\n");
+    ASSERT_TRUE(whole);
+    EXPECT_EQ(900, whole->residentKb);
+    EXPECT_EQ(600, whole->keptKb);
+    const std::optional<ProcMemory> old = ParseProcMemory("VmRSS:\t     900 kB\nThreads:\t1\n");
+    ASSERT_TRUE(old);
+    EXPECT_EQ(900, old->keptKb) << "a kernel that does not tell them apart";
+    EXPECT_FALSE(ParseProcMemory("Name:\tkthread\n"));
+    const Result<ProcMemory> own = ReadProcessMemory(static_cast<int>(getpid()));
+    ASSERT_TRUE(own);
+    EXPECT_GT(own->keptKb, 0);
+    EXPECT_LE(own->keptKb, own->residentKb);
+}
+
 TEST(ProcStatusTest, FindsAFieldByItsWholeName) {
     EXPECT_EQ(3u, ParseStatusNumber("Name:\ta\nThreads:\t3\nThreads:\t4\n", "Threads"));
     for (const char* bad : {"", "Threads:\t3", "Threads\t3\n", "Threads:\t\n", "NoThreads:\t3\n", "Threads:\tx\n",

@@ -57,6 +57,38 @@ TEST(ComponentFileTest, BearsMembersThatItDoesNotKnow) {
     EXPECT_TRUE(ParseComponentFile(text));
 }
 
+TEST(ComponentFileTest, SaysWhatIsOnlyObservedInBothForms) {
+    ObservedEntry one;
+    one.name = "QorNet";
+    one.cpu = {true, "guard", 120};
+    for (const bool enabled : {true, false}) {
+        ComponentFile file = Sample();
+        file.enabled = enabled;
+        file.observed = {one};
+        const std::string text = FormatComponentFile(file);
+        Result<ComponentFile> parsed = ParseComponentFile(text);
+        ASSERT_TRUE(parsed) << parsed.GetError().Text();
+        EXPECT_EQ(text, FormatComponentFile(*parsed));
+        ASSERT_NE(nullptr, parsed->FindObserved("QorNet"));
+        EXPECT_EQ(120, parsed->FindObserved("QorNet")->cpu.quota);
+        EXPECT_EQ("guard", parsed->FindObserved("QorNet")->cpu.group);
+        EXPECT_FALSE(parsed->FindObserved("QorNet")->memory.present);
+        EXPECT_EQ(nullptr, parsed->FindObserved("Tervane"));
+    }
+}
+
+TEST(ComponentFileTest, RefusesObservedOnesThatAreNone) {
+    for (const char* bad :
+         {"{}", "[{\"name\": \"a\"}]", "[{\"name\": \"..\", \"cpu\": null, \"memory\": null}]",
+          "[{\"name\": \"a\", \"cpu\": {\"group\": \"g\", \"quota_100times\": -1}, \"memory\": null}]",
+          "[{\"name\": \"a\", \"cpu\": null, \"memory\": null}, "
+          "{\"name\": \"a\", \"cpu\": null, \"memory\": null}]"}) {
+        EXPECT_FALSE(ParseComponentFile(
+            std::string("{\"version\": 1, \"enabled\": false, \"boot_id\": \"\", \"observed\": ") + bad + "}"))
+            << bad;
+    }
+}
+
 TEST(ComponentFileTest, RefusesLeafOfControllerThatTheParentHasNot) {
     ComponentFile file = Sample();
     file.cpu = ComponentParent();
