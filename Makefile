@@ -1,5 +1,6 @@
 # Front of the build: all work is in CMake.
-#   make run [FOR=seconds]   install what is missing, build, run the agent's demonstration
+#   make demo                install what is missing, build, show in 40 s what the agent does, told line by line
+#   make run [FOR=seconds]   the same agent with a live page of its own, until Ctrl-C
 #   make test                build and run every test that this machine allows; says which it could not run and why
 #   make test-all            the same, and the tests that take long: every row under a real service manager, many rounds
 #   make sanitize            the same tests under the address, undefined and thread sanitizers (sanitize-module: a part)
@@ -25,7 +26,7 @@ ARGS ?=
 ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel AllFuzzers RuntimeBaseTests SweepModule
 TSAN_QUICK = UnitCore UnitLimits RuntimeBaseTests RuntimeUtilTests RuntimeIpcTests
 
-.PHONY: all run test test-all lint sanitize sanitize-module mutate mutate-sample matrix portability soak bench bench-peers bench-scale fuzz coverage package install uninstall clean deps deps-build
+.PHONY: all demo run test test-all lint sanitize sanitize-module mutate mutate-sample matrix portability soak bench bench-peers bench-scale fuzz coverage package install uninstall clean deps deps-build
 
 all: deps
 	cmake --preset dev
@@ -36,6 +37,11 @@ deps:
 
 deps-build:
 	scripts/install-deps --build
+
+demo: deps-build
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS)
+	build/release/bin/tervanedemo --samples agent
 
 run: deps-build
 	cmake --preset release
