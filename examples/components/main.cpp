@@ -18,11 +18,17 @@
 #include "platform/zel/CgroupKeeper.h"
 #include "platform/zel/CgroupTreeStatus.h"
 #include "platform/zel/IpcBroadcast.h"
+#include "platform/zel/ToolUtil.h"
 
 namespace {
 
 constexpr char kComponent[] = "Scanner";  // the name of its entry in cgroup_components of conf/resource_config
 constexpr int kKeepSeconds = 5;
+
+/// Below the application directory, as the services have it from their options.
+std::string BroadcastPath() {
+    return zel::CToolUtil::GetApplicationDirPath() + zel::kBroadcastSocketName;
+}
 
 /// The module hands its broadcast to a plain function.
 zel::CIpcBroadcastServer* g_broadcast = nullptr;
@@ -96,7 +102,7 @@ int RunMain(const char* program, const char* directory) {
     }
     zel::CIpcBroadcastServer broadcast;
     g_broadcast = &broadcast;
-    if (!broadcast.Start(std::string(directory) + zel::kBroadcastSocketName, problem)) {
+    if (!broadcast.Start(BroadcastPath(), problem)) {
         fprintf(stderr, "broadcast: %s\n", problem.c_str());  // the component follows changes when it starts again
     }
     CMonitor monitor;
@@ -135,12 +141,11 @@ int RunComponent(const char* directory) {
     const bool started = monitor.StartMonitor(nullptr, kComponent);
     zel::CIpcBroadcastSubscriber subscriber;
     if (started) {
-        subscriber.Start(std::string(directory) + zel::kBroadcastSocketName,
-                         [&](const std::string& type, const std::string&) {
-                             if (type != zel::kConfigNotifyMessage) return;
-                             monitor.ReloadCgroupClientConfig();
-                             services.RepeatOnlineConfig();  // its limits depend on where it is
-                         });
+        subscriber.Start(BroadcastPath(), [&](const std::string& type, const std::string&) {
+            if (type != zel::kConfigNotifyMessage) return;
+            monitor.ReloadCgroupClientConfig();
+            services.RepeatOnlineConfig();  // its limits depend on where it is
+        });
         const sigset_t taken = Signals();
         int signal = 0;
         do sigwait(&taken, &signal);

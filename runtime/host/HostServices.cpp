@@ -28,7 +28,7 @@ bool IsOn(Switch value, bool byDefault) {
 
 /// Fills in every path that was left to us.
 HostOptions Completed(HostOptions o) {
-    if (o.appDir.empty()) o.appDir = zel::CToolUtil::GetApplicationDirPath();
+    o.appDir = zel::CToolUtil::GetApplicationDirPath();
     if (o.component.empty()) o.component = o.processName;
     const std::string name = base::FileNamePart(o.processName);
     const auto fill = [](std::string& path, const std::string& standard) {

@@ -1,6 +1,9 @@
 // The agent's directories: as the process named them, from the environment when set, else from where the executable
 // lies.
+#include <unistd.h>
+
 #include <atomic>
+#include <climits>
 #include <cstdlib>
 #include <set>
 #include <string>
@@ -23,9 +26,19 @@ std::string WithoutTrailingSlashes(std::string path) {
     return path;
 }
 
+/// A directory that is named from where the process stands now is meant from there, wherever it goes. Returns: the path
+/// as it is where the process stands nowhere that has a name.
+std::string Absolute(std::string path) {
+    if (path.empty() || path.front() == '/') return WithoutTrailingSlashes(std::move(path));
+    char here[PATH_MAX];
+    if (::getcwd(here, sizeof here) == nullptr || here[0] != '/') return WithoutTrailingSlashes(std::move(path));
+    while (path == "." || path.compare(0, 2, "./") == 0) path.erase(0, 2);
+    return WithoutTrailingSlashes(WithoutTrailingSlashes(here) + "/" + path);
+}
+
 std::string DirectoryFromEnvironment(const char* variable) {
     const char* value = ::secure_getenv(variable);
-    return value == nullptr ? std::string() : WithoutTrailingSlashes(value);
+    return value == nullptr ? std::string() : Absolute(value);
 }
 
 bool IsSet(const char* variable) {
@@ -50,7 +63,7 @@ void SetApplicationDirPath(const std::string& path) {
     static base::Mutex& mutex = *new base::Mutex;
     static std::set<std::string>& names = *new std::set<std::string>;
     const base::MutexLock lock(mutex);
-    g_named = path.empty() ? nullptr : &*names.insert(WithoutTrailingSlashes(path)).first;
+    g_named = path.empty() ? nullptr : &*names.insert(Absolute(path)).first;
 }
 
 std::string CToolUtil::GetApplicationDirPath() {

@@ -11,7 +11,7 @@ namespace zel {
 class ZEL_API CToolUtil {
 public:
     /// Returns: the application directory without a trailing "/": as named with SetApplicationDirPath, else ZEL_APP_DIR
-    /// when set, else the executable's.
+    /// when set, else the executable's. Absolute, also where a relative one was named.
     static std::string GetApplicationDirPath();
 
     /// Free space and free inodes for an unprivileged writer on the file system of `path` (empty: the
@@ -27,7 +27,8 @@ public:
 };
 
 /// Names this process's application directory, instead of ZEL_APP_DIR and of the executable's. An empty path takes that
-/// back. CHostServices::Start does it with its option. Any thread; to be called before the first line of the log.
+/// back. A relative one is meant from the working directory of this moment. CHostServices::Start does it with its
+/// option. Any thread; to be called before the first line of the log.
 ZEL_API void SetApplicationDirPath(const std::string& path);
 
 class ZEL_API CSleepUtil {

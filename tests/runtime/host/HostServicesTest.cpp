@@ -2,6 +2,7 @@
 #include <dirent.h>
 #include <unistd.h>
 
+#include <climits>
 #include <thread>
 
 #include "HostSupport.h"
@@ -58,6 +59,22 @@ TEST_F(HostServicesTest, ItsDirectoryIsTheOneOfTheWholeProcess) {
     CHostServices services;
     ASSERT_TRUE(services.Start(Options(), m_error)) << m_error;
     EXPECT_EQ(zel::CToolUtil::GetApplicationDirPath(), m_dir.Path());
+}
+
+TEST_F(HostServicesTest, ADirectoryMayBeNamedFromWhereItStands) {
+    char here[PATH_MAX] = {};
+    ASSERT_NE(::getcwd(here, sizeof here), nullptr);
+    HostOptions options = Options();
+    options.appDir = ".";
+    CHostServices services;
+    ASSERT_EQ(::chdir(m_dir.Path().c_str()), 0);
+    const bool started = services.Start(options, m_error);
+    ASSERT_EQ(::chdir(here), 0);
+    ASSERT_TRUE(started) << m_error;
+    EXPECT_EQ(services.GetMetricsAddress(), "unix:" + (m_dir / "run/tervane.metrics.sock"));
+    EXPECT_TRUE(GetMsgTransmitInstance()->SendMsg("T", "b", "", 1, 0));
+    EXPECT_TRUE(services.FlushDelivery(20000));
+    EXPECT_EQ(support::ReadLines(m_dir / "log/tervane.events.jsonl").size(), 1u);
 }
 
 TEST_F(HostServicesTest, AComponentServesNoMetricsUnlessAsked) {

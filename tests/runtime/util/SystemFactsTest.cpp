@@ -82,6 +82,28 @@ TEST(AppPathsTest, ApplicationDirectoryIsTheExecutablesUnlessSet) {
     EXPECT_EQ(path.substr(0, path.rfind('/')), CToolUtil::GetApplicationDirPath());
 }
 
+TEST(AppPathsTest, ARelativeDirectoryStaysWhereItWasNamed) {
+    const Variable unset("ZEL_APP_DIR", nullptr);
+    char here[PATH_MAX] = {};
+    ASSERT_NE(::getcwd(here, sizeof here), nullptr);
+    const std::string base = here;
+    const std::pair<const char*, std::string> names[] = {
+        {".", base}, {"./", base}, {"./agent/", base + "/agent"}, {"agent", base + "/agent"}, {"..", base + "/.."}};
+    for (const auto& [name, path] : names) {
+        zel::SetApplicationDirPath(name);
+        EXPECT_EQ(path, CToolUtil::GetApplicationDirPath()) << name;
+    }
+    zel::SetApplicationDirPath("agent");
+    ASSERT_EQ(::chdir("/"), 0);
+    EXPECT_EQ(base + "/agent", CToolUtil::GetApplicationDirPath());
+    zel::SetApplicationDirPath("agent");
+    EXPECT_EQ("/agent", CToolUtil::GetApplicationDirPath()) << "the root has its slash already";
+    ASSERT_EQ(::chdir(here), 0);
+    zel::SetApplicationDirPath("");
+    const Variable set("ZEL_APP_DIR", "agent");
+    EXPECT_EQ(base + "/agent", CToolUtil::GetApplicationDirPath());
+}
+
 TEST(AppPathsTest, SharedDirectoryIsBelowApplicationUnlessSet) {
     const Variable app("ZEL_APP_DIR", "/opt/agent");
     const Variable unset("ZEL_GLOBAL_CFG_DIR", nullptr);
