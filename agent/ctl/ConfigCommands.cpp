@@ -77,7 +77,7 @@ base::Status WriteConfig(const std::string& path, const std::string& text) {
     struct stat info {};
     const bool there = lstat(path.c_str(), &info) == 0;
     const mode_t mode = there ? info.st_mode & 0777 & ~kOthersMayWrite : kNewFileMode;
-    return base::ReplaceFile(path, text, mode, base::Durability::kSynced);
+    return base::ReplaceFile(path, text, mode, base::Durability::kSynced, base::Owner::kAsBefore);
 }
 
 /// What the running agent says to the change.
@@ -282,7 +282,9 @@ int Check(const ConfigOptions& options) {
                                 " is to be: resource_config, online_config.json, agent.json or components.json");
     }
     // What an operator prepares may stand anywhere: only its content is judged.
-    const base::Result<std::string> text = base::ReadWholeFile(options.argument, 64UL << 20);
+    const base::Result<std::string> text = base::ReadWholeFile(options.argument, MostBytesOf(*file));
+    const bool tooLong = !text && text.GetError().kind == base::ErrorKind::kTooLarge;
+    if (tooLong) return Refuse(options, options.argument, {TooLong(*file)});
     if (!text) return Fail(kUnreachable, options.argument + ": " + text.GetError().Reason());
     return Refuse(options, options.argument, JudgeConfigText(*file, *text));
 }

@@ -22,7 +22,8 @@ namespace agent {
 
 namespace {
 
-constexpr size_t kMostConfigBytes = 1024 * 1024;
+constexpr size_t kMostConfigBytes = 1024 * 1024;  // of the resource file, and of any file that is to be changed
+constexpr size_t kMostJsonBytes = 64 * 1024;
 constexpr const char* kPlaces[] = {zel::kResourceConfigFileName, zel::kOnlineConfigFileName, zel::kAgentConfigFileName,
                                    zel::kComponentsFileName};
 constexpr const char* kAgentKeys[] = {"syslog",          "http.url",        "http.ca_file",  "http.header",
@@ -208,8 +209,17 @@ base::Result<std::string> ReadConfigText(const std::string& path) {
     return base::SentenceError(base::ReasonOf(text.GetError(), path), text.GetError().kind);
 }
 
+size_t MostBytesOf(ConfigFile file) {
+    return file == ConfigFile::kResource ? kMostConfigBytes : kMostJsonBytes;
+}
+
+ConfigFinding TooLong(ConfigFile file) {
+    return {"", "", "it is longer than " + std::to_string(MostBytesOf(file)) + " bytes"};
+}
+
 std::vector<ConfigFinding> JudgeConfigText(ConfigFile file, const std::string& text) {
     std::vector<ConfigFinding> findings;
+    if (text.size() > MostBytesOf(file)) return {TooLong(file)};
     if (file == ConfigFile::kAgent) return JudgeJson(ParseAgentConfig(text), text);
     if (file == ConfigFile::kComponents) return JudgeJson(ParseComponents(text), text);
     if (file == ConfigFile::kResource) {

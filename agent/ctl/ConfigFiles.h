@@ -33,6 +33,11 @@ std::optional<ConfigFile> ConfigFileOf(const std::string& path);
 /// agent would not read it.
 base::Result<std::string> ReadConfigText(const std::string& path);
 
+/// As much as the agent reads of a file: a longer one is refused as a whole.
+size_t MostBytesOf(ConfigFile file);
+/// That it is longer.
+ConfigFinding TooLong(ConfigFile file);
+
 /// Returns: empty when the agent takes all of the text. Pure.
 std::vector<ConfigFinding> JudgeConfigText(ConfigFile file, const std::string& text);
 

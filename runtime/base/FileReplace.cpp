@@ -62,15 +62,18 @@ public:
     Aside(const Aside&) = delete;
     Aside& operator=(const Aside&) = delete;
 
-    Status Make(mode_t mode) {
+    /// `like`: what it is to replace, whose owner it gets; null: the writer's.
+    Status Make(mode_t mode, const struct stat* like) {
         if (::unlinkat(m_directory.Get(), m_name.c_str(), 0) != 0 && errno != ENOENT) {
             return ErrnoError(errno, "remove", m_path);
         }
         m_file.Reset(RetryOnSignal([&] {
             return ::openat(m_directory.Get(), m_name.c_str(),
-                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, mode);
+                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, mode & S_IRWXU);
         }));
         if (!m_file) return ErrnoError(errno, "make", m_path);
+        // The owner first: nobody may read it meanwhile who may not in the end.
+        if (like != nullptr && !TakeOwner(*like)) mode &= ~static_cast<mode_t>(S_IRWXG);
         // Again, because the process's umask was applied at creation.
         if (::fchmod(m_file.Get(), mode) != 0) return ErrnoError(errno, "set the mode of", m_path);
         return {};
@@ -92,16 +95,26 @@ public:
     }
 
 private:
+    /// Returns: false when the file is of another group than that.
+    bool TakeOwner(const struct stat& like) {
+        struct stat info {};
+        if (::fstat(m_file.Get(), &info) != 0) return false;
+        // The user alone may not be given, and then the writer is one who may write it anyway.
+        if (info.st_uid != like.st_uid && ::fchown(m_file.Get(), like.st_uid, like.st_gid) == 0) return true;
+        return info.st_gid == like.st_gid || ::fchown(m_file.Get(), static_cast<uid_t>(-1), like.st_gid) == 0;
+    }
+
     const Fd& m_directory;
     const std::string m_name;
     const std::string m_path;
     Fd m_file;
 };
 
-Status CheckTarget(const Fd& directory, const std::string& path) {
+/// `info` is set where there is such a file, and has no link where there is none.
+Status CheckTarget(const Fd& directory, const std::string& path, struct stat& info) {
     const std::string name = FileNameOf(path);
+    info = {};
     if (name.empty()) return MakeError(ErrorKind::kInvalidValue, "replace", path, "it names no file");
-    struct stat info {};
     if (::fstatat(directory.Get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
         if (errno == ENOENT) return {};
         return ErrnoError(errno, "stat", path);
@@ -123,18 +136,19 @@ Status SyncDirectory(const Fd& directory, const std::string& path) {
 
 }  // namespace
 
-Status ReplaceFile(const std::string& path, std::string_view text, mode_t mode, Durability durability) {
+Status ReplaceFile(const std::string& path, std::string_view text, mode_t mode, Durability durability, Owner owner) {
     const Result<Fd> place = OpenNamedDirectory(DirectoryOf(path));
     if (!place) return place.GetError();
     // Only what is to be synced needs a descriptor that is open for reading.
     const int access = durability == Durability::kSynced ? O_RDONLY : O_PATH;
     const Fd directory(RetryOnSignal([&] { return ::openat(place->Get(), ".", access | O_DIRECTORY | O_CLOEXEC); }));
     if (!directory) return ErrnoError(errno, "open directory", DirectoryOf(path));
-    Status status = CheckTarget(directory, path);
+    struct stat before {};
+    Status status = CheckTarget(directory, path, before);
     if (!status) return status;
     RemoveLeftOvers(directory, FileNameOf(path));
     Aside aside(directory, path);
-    status = aside.Make(mode);
+    status = aside.Make(mode, owner == Owner::kAsBefore && before.st_nlink > 0 ? &before : nullptr);
     if (status) status = aside.Fill(text, durability);
     if (status) status = aside.RenameOver(path);
     if (!status || durability == Durability::kRenewed) return status;
@@ -144,7 +158,8 @@ Status ReplaceFile(const std::string& path, std::string_view text, mode_t mode, 
 Status RemoveReplaced(const std::string& path) {
     const Result<Fd> place = OpenNamedDirectory(DirectoryOf(path));
     if (!place) return place.GetError();
-    Status status = CheckTarget(*place, path);
+    struct stat info {};
+    Status status = CheckTarget(*place, path, info);
     if (!status) return status;
     if (::unlinkat(place->Get(), FileNameOf(path).c_str(), 0) == 0 || errno == ENOENT) return {};
     return ErrnoError(errno, "remove", path);

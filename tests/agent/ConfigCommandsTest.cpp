@@ -196,3 +196,32 @@ TEST_F(ConfigCommandsTest, AFileIsCheckedByItsNameOrByAWord) {
     EXPECT_EQ(m_error, Conf("new") + ": maxCup = 2: there is no such key\n");
     EXPECT_EQ(Run("check", Conf("absent"), "agent.json"), 2);
 }
+
+TEST_F(ConfigCommandsTest, AFileIsCheckedToTheLengthTheAgentReads) {
+    const std::string blanks(64 * 1024 - 2, ' ');
+    for (const char* name : {"agent.json", "online_config.json"}) {
+        Write(name, "{}" + blanks);
+        EXPECT_EQ(Run("check", Conf(name)), 0) << m_error;
+        Write(name, "{}" + blanks + " ");
+        EXPECT_EQ(Run("check", Conf(name)), 1);
+        EXPECT_EQ(m_error, Conf(name) + ": it is longer than 65536 bytes\n");
+    }
+    Write("online_config.json", "{" + blanks + "}");
+    EXPECT_EQ(Run("set", "maxCpu=20"), 0) << m_error;
+    Write("resource_config", "max_cpu = 10\n;" + std::string(1024 * 1024, 'x') + "\n");
+    EXPECT_EQ(Run("check", Conf("resource_config")), 1);
+    EXPECT_THAT(m_error, HasSubstr("it is longer than 1048576 bytes"));
+}
+
+TEST_F(ConfigCommandsTest, AChangedFileKeepsItsGroupAndMode) {
+    if (geteuid() != 0) GTEST_SKIP() << "SKIP agent: only root gives files away";
+    constexpr gid_t kGroup = 54321;
+    Write("online_config.json", "{}");
+    ASSERT_EQ(chown(Conf("online_config.json").c_str(), 0, kGroup), 0);
+    ASSERT_EQ(chmod(Conf("online_config.json").c_str(), 0640), 0);
+    EXPECT_EQ(Run("set", "maxCpu=20"), 0) << m_error;
+    struct stat info {};
+    ASSERT_EQ(stat(Conf("online_config.json").c_str(), &info), 0);
+    EXPECT_EQ(info.st_gid, kGroup) << "the agent's user may read it by that";
+    EXPECT_EQ(info.st_mode & 0777, 0640u);
+}

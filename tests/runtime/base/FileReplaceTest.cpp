@@ -4,9 +4,11 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
+#include "base/FilePath.h"
 #include "support/FileTests.h"
 
 using base::Durability;
@@ -66,6 +68,37 @@ TEST_F(FileReplaceTest, MakesAndReplacesWithExactlyTextAndMode) {
         EXPECT_EQ(0640, ModeOf(m_file));
         EXPECT_EQ("", ReadText(m_file));
     }
+}
+
+TEST_F(FileReplaceTest, KeepsTheOwnerOrTakesTheGroupsRights) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: files of others";
+    constexpr uid_t kUser = 65534;
+    constexpr gid_t kGroup = 54321;
+    const auto replace = [&] { return ReplaceFile(m_file, "b", 0640, Durability::kRenewed, base::Owner::kAsBefore); };
+    struct stat info {};
+    ASSERT_TRUE(replace()) << "there is none to be like";
+    ASSERT_EQ(0, ::chown(m_file.c_str(), kUser, kGroup));
+    ASSERT_TRUE(replace());
+    ASSERT_EQ(0, ::stat(m_file.c_str(), &info));
+    EXPECT_EQ(kUser, info.st_uid);
+    EXPECT_EQ(kGroup, info.st_gid);
+    EXPECT_EQ(0640u, info.st_mode & 07777);
+    // A user of his own place who is not of that group.
+    ASSERT_EQ(0, ::chown(base::DirectoryOf(m_file).c_str(), kUser, kUser));
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const bool other = ::setgroups(0, nullptr) == 0 && ::setgid(kUser) == 0 && ::setuid(kUser) == 0;
+        _exit(other && replace() ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(child, ::waitpid(child, &status, 0));
+    ASSERT_EQ(0, status);
+    ASSERT_EQ(0, ::stat(m_file.c_str(), &info));
+    EXPECT_EQ(kUser, info.st_gid);
+    EXPECT_EQ(0600u, info.st_mode & 07777) << "the new group was never meant to read it";
+    ASSERT_TRUE(ReplaceFile(m_file, "c", 0640, Durability::kRenewed));
+    ASSERT_EQ(0, ::stat(m_file.c_str(), &info));
+    EXPECT_EQ(0u, info.st_uid) << "the writer's, where nothing else is asked for";
 }
 
 TEST_F(FileReplaceTest, WhatIsNoRegularFileIsRefusedAndStays) {
