@@ -298,8 +298,8 @@ bool CCgroupManager::Impl::Reconcile(const Flags& wanted, const CgroupTotalLimit
 std::optional<std::vector<TreeFacts>> CCgroupManager::Impl::ReconcileBranches(std::vector<Error>& problems) {
     std::vector<TreeFacts> trees;
     for (const std::shared_ptr<Branch>& branch : branches.all) {
-        std::optional<TreeFacts> tree =
-            ReconcileBranch(*branch, targets, problems, [this]() ZEL_REQUIRES(mutex) { ObserveOom(); });
+        std::optional<TreeFacts> tree = ReconcileBranch(*branch, targets, problems, Leaves::kAreToBePublished,
+                                                        [this]() ZEL_REQUIRES(mutex) { ObserveOom(); });
         if (tree) trees.push_back(std::move(*tree));
     }
     if (!problems.empty() || trees.size() != branches.all.size()) return std::nullopt;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <utility>
 
 #include "platform/zel/AgentNames.h"
@@ -26,8 +27,8 @@ Limit Bound(const GroupTargets& targets, Controller controller, const Limit& tot
 /// What one controller's tree is to be, from the top down.
 class Wishes {
 public:
-    Wishes(const GroupTargets& targets, const TreeFacts& facts, Controller controller)
-        : m_targets(targets), m_facts(facts), m_controller(controller) {
+    Wishes(const GroupTargets& targets, const TreeFacts& facts, Controller controller, Leaves leaves)
+        : m_targets(targets), m_facts(facts), m_controller(controller), m_leaves(leaves) {
         if (targets.wanted[controller]) m_total = TotalLimit(targets, facts.version, controller);
         m_bound = Bound(targets, controller, m_total);
     }
@@ -39,12 +40,25 @@ public:
         const auto group = m_groups.find(node.group);
         const bool bySelf = node.Depth() < 2 || group == m_groups.end();
         limit = Clamped(m_controller, m_facts.version, *limit, bySelf ? m_bound : group->second);
+        if (!bySelf && GrowsWithGroup(node, *limit, group->second)) limit = group->second;
         // What binds the leaves of a group without a limit of its own is the total.
         if (node.Depth() == 1) m_groups[node.group] = IsLimited(m_controller, *limit) ? *limit : m_bound;
+        if (node.Depth() == 1) m_present[node.group] = node.limits[m_controller].limit;
         return limit;
     }
 
 private:
+    /// A leaf of the main process that has all of its group's CPU as it was published. What is published next has the
+    /// last word.
+    bool GrowsWithGroup(const GroupFacts& node, const Limit& published, const Limit& group) const {
+        if (m_leaves == Leaves::kArePublished || m_controller != Controller::kCpu) return false;
+        if (node.leaf != kMainComponent) return false;
+        const LimitFacts& present = node.limits[m_controller];
+        const auto before = m_present.find(node.group);
+        return present.Known() && SameLimit(m_controller, present.limit, published) && before != m_present.end() &&
+               SameLimit(m_controller, before->second, published) && IsTighter(m_controller, published, group);
+    }
+
     std::optional<Limit> Unbounded(const GroupFacts& node) const {
         if (!m_targets.wanted[m_controller]) return Limit();
         if (node.Depth() == 0) return m_total;
@@ -65,9 +79,11 @@ private:
     const GroupTargets& m_targets;
     const TreeFacts& m_facts;
     const Controller m_controller;
+    const Leaves m_leaves;
     Limit m_total;
-    Limit m_bound;                          ///< of the groups: the total, or what others leave where there is none
-    std::map<std::string, Limit> m_groups;  ///< what binds the leaves of each group
+    Limit m_bound;                           ///< of the groups: the total, or what others leave where there is none
+    std::map<std::string, Limit> m_groups;   ///< what binds the leaves of each group
+    std::map<std::string, Limit> m_present;  ///< of each group
 };
 
 bool IsInForce(const LimitStep& step, const LimitFacts& present) {
@@ -75,23 +91,37 @@ bool IsInForce(const LimitStep& step, const LimitFacts& present) {
     return step.controller == Controller::kCpu || !present.hasSwapLimit || step.swapInForce == step.swapWanted;
 }
 
-/// Grows first, from the top down; then what shrinks, from the leaves up.
+/// Grows first, from the top down; then what shrinks, from the leaves up. The main process, which does it, has what it
+/// gets before all others, and has what it loses for longest.
 void Order(const TreeFacts& facts, std::vector<LimitStep>& steps) {
+    std::set<std::string> homes;  // groups with a leaf of it
+    for (const GroupFacts& node : facts.nodes) {
+        if (node.leaf == kMainComponent) homes.insert(node.group);
+    }
+    const auto isMain = [&](const LimitStep& step) {
+        const GroupFacts& node = facts.nodes[step.node];
+        return node.Depth() == 1 ? homes.count(node.group) != 0 : node.leaf == kMainComponent;
+    };
     const auto depth = [&](const LimitStep& step) { return facts.nodes[step.node].Depth(); };
+    const auto onTheWay = [&](const LimitStep& step) { return depth(step) == 0 || isMain(step); };
+    const auto grows = [&](const LimitStep& a, const LimitStep& b) {
+        return std::make_pair(!onTheWay(a), depth(a)) < std::make_pair(!onTheWay(b), depth(b));
+    };
+    const auto shrinks = [&](const LimitStep& a, const LimitStep& b) {
+        return std::make_pair(-depth(a), isMain(a)) < std::make_pair(-depth(b), isMain(b));
+    };
     const auto shrinking = std::stable_partition(steps.begin(), steps.end(), [](const LimitStep& step) {
         return !IsTighter(step.controller, step.wanted, step.inForce);
     });
-    std::stable_sort(steps.begin(), shrinking,
-                     [&](const LimitStep& a, const LimitStep& b) { return depth(a) < depth(b); });
-    std::stable_sort(shrinking, steps.end(),
-                     [&](const LimitStep& a, const LimitStep& b) { return depth(a) > depth(b); });
+    std::stable_sort(steps.begin(), shrinking, grows);
+    std::stable_sort(shrinking, steps.end(), shrinks);
 }
 
 }  // namespace
 
-LimitPlan PlanLimits(const GroupTargets& targets, const TreeFacts& facts, Controller controller) {
+LimitPlan PlanLimits(const GroupTargets& targets, const TreeFacts& facts, Controller controller, Leaves leaves) {
     LimitPlan plan;
-    Wishes wishes(targets, facts, controller);
+    Wishes wishes(targets, facts, controller, leaves);
     for (size_t index = 0; index < facts.nodes.size(); ++index) {
         const GroupFacts& node = facts.nodes[index];
         const LimitFacts& present = node.limits[controller];

@@ -54,6 +54,9 @@ struct LimitStep {
     int64_t swapWanted = kUnlimited;
 };
 
+/// Whether the leaves' quotas among the targets hold, or those that follow are not known yet.
+enum class Leaves { kArePublished, kAreToBePublished };
+
 struct LimitPlan {
     std::vector<LimitStep> steps;  ///< in the order in which they are to be written; empty: everything is in force
     std::vector<Error> problems;   ///< limits that no step can bring about
@@ -64,7 +67,10 @@ struct LimitPlan {
 /// A group that is not configured and a leaf that was not published keep their limit, as far as their parent's allows.
 /// Kernel: version 1 refuses a CPU quota above the parent's, be it one of ours or one of others above the tree, where
 /// version 2 takes the lower one. There the lower one is the target.
-LimitPlan PlanLimits(const GroupTargets& targets, const TreeFacts& facts, Controller controller);
+/// Where the leaves are about to be published anew the main process's one that has all of its group's CPU gets what
+/// the group gets, so that what is left to do is not done with what it had before.
+LimitPlan PlanLimits(const GroupTargets& targets, const TreeFacts& facts, Controller controller,
+                     Leaves leaves = Leaves::kArePublished);
 
 /// Returns: what an amount asks for in the kernel's figures, for a group (`leaf` empty) or a leaf. The main process's
 /// own have their CPU in longer pieces.

@@ -33,10 +33,10 @@ std::set<std::string> MakeGroups(const Branch& branch, const GroupTargets& targe
     return missing;
 }
 
-void BringAbout(const GroupTargets& targets, OpenTreeFacts& tree, std::vector<Error>& problems) {
+void BringAbout(const GroupTargets& targets, Leaves leaves, OpenTreeFacts& tree, std::vector<Error>& problems) {
     for (const Controller controller : kAllControllers) {
         if (!tree.facts.serves[controller]) continue;
-        LimitPlan plan = PlanLimits(targets, tree.facts, controller);
+        LimitPlan plan = PlanLimits(targets, tree.facts, controller, leaves);
         for (Error& problem : plan.problems) problems.push_back(std::move(problem));
         for (Error& failure : ApplyPlan(plan, tree)) problems.push_back(std::move(failure));
     }
@@ -72,7 +72,8 @@ bool HasUnplaced(const GroupTargets& targets, const TreeFacts& tree) {
 }
 
 std::optional<TreeFacts> ReconcileBranch(const Branch& branch, const GroupTargets& targets,
-                                         std::vector<Error>& problems, const std::function<void()>& beforeSweep) {
+                                         std::vector<Error>& problems, Leaves leaves,
+                                         const std::function<void()>& beforeSweep) {
     const bool wanted = branch.ServesAnyOf(targets.wanted);
     Result<GroupDir> tree = wanted ? MakeTree(branch, targets.wanted) : OpenTree(branch);
     if (!tree) {
@@ -88,7 +89,7 @@ std::optional<TreeFacts> ReconcileBranch(const Branch& branch, const GroupTarget
     if (wanted) missing = MakeGroups(branch, targets, *tree, opened, problems);
     OpenTreeFacts facts = ReadTree(std::move(*tree), branch.serves, 2, missing, {}, std::move(opened));
     if (wanted) TellWhatWasNotRead(targets, missing, facts, problems);
-    BringAbout(targets, facts, problems);
+    BringAbout(targets, leaves, facts, problems);
     const bool wholeTree = missing.empty() && facts.unread.empty();
     if (!wholeTree || HasUnplaced(targets, facts.facts)) {
         if (beforeSweep) beforeSweep();

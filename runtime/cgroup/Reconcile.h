@@ -19,7 +19,8 @@ namespace cgroup {
 /// is added when all that was asked for is in force. `beforeSweep`: called before groups are removed.
 /// Returns: the tree as the kernel shows it afterwards; nothing where not all of it could be looked at.
 std::optional<TreeFacts> ReconcileBranch(const Branch& branch, const GroupTargets& targets,
-                                         std::vector<Error>& problems, const std::function<void()>& beforeSweep = {});
+                                         std::vector<Error>& problems, Leaves leaves,
+                                         const std::function<void()>& beforeSweep = {});
 
 /// Returns: whether a group or a leaf has no place among the targets.
 bool HasUnplaced(const GroupTargets& targets, const TreeFacts& tree);
