@@ -197,6 +197,8 @@ struct CCgroupManager::Impl {
     OomRest oomRest ZEL_GUARDED_BY(mutex);
     HostKills hostKills ZEL_GUARDED_BY(mutex);
     std::optional<std::vector<TreeFacts>> reconciled ZEL_GUARDED_BY(mutex);  ///< until the next publication
+    LayoutMark reconciledLayout ZEL_GUARDED_BY(mutex);                       ///< of then
+    uint64_t reconciledChanges ZEL_GUARDED_BY(mutex) = 0;                    ///< what had been told by then
     std::optional<uint64_t> lastKills ZEL_GUARDED_BY(mutex);                 ///< at the poll before
     std::optional<uint64_t> observedKills ZEL_GUARDED_BY(mutex);  ///< before all counters were read for a change
     uint64_t observedCounts ZEL_GUARDED_BY(mutex) = 0;            ///< what had been told by then
@@ -209,6 +211,8 @@ struct CCgroupManager::Impl {
                    const std::vector<CgroupGroupConfig>& groups) ZEL_REQUIRES(mutex);
     std::optional<std::vector<TreeFacts>> ReconcileBranches(std::vector<Error>& problems) ZEL_REQUIRES(mutex);
     bool AddPid(const std::string& group, int pid) ZEL_REQUIRES(mutex);
+    const std::vector<TreeFacts>* FreshTrees() ZEL_REQUIRES(mutex);
+    int ParentAmount(Controller controller) ZEL_EXCLUDES(mutex);
     TreeFacts* ReconciledTree(const Branch* branch) ZEL_REQUIRES(mutex);
     void NoteMade(const Branch& branch, const std::string& group, const std::string& leaf) ZEL_REQUIRES(mutex);
     bool HasNothingToSweep() ZEL_REQUIRES(mutex);
@@ -232,7 +236,6 @@ struct CCgroupManager::Impl {
     bool FollowObserved() ZEL_EXCLUDES(mutex);
     void Forgo() ZEL_REQUIRES(mutex);
     std::vector<ComponentTarget> ObservedPlaces() ZEL_REQUIRES(mutex);
-    int ParentAmount(Controller controller) ZEL_REQUIRES(mutex);
 };
 
 void CCgroupManager::Impl::Locate() {
@@ -302,7 +305,11 @@ std::optional<std::vector<TreeFacts>> CCgroupManager::Impl::ReconcileBranches(st
                                                         [this]() ZEL_REQUIRES(mutex) { ObserveOom(); });
         if (tree) trees.push_back(std::move(*tree));
     }
-    if (!problems.empty() || trees.size() != branches.all.size()) return std::nullopt;
+    const Result<LayoutMark> layout = ReadLayoutMark();
+    if (!layout || !problems.empty() || trees.size() != branches.all.size()) return std::nullopt;
+    reconciledLayout = *layout;
+    quiet.Told().Drain();
+    reconciledChanges = quiet.Told().Changes();
     return trees;
 }
 
@@ -380,41 +387,16 @@ bool CCgroupManager::Impl::FollowObserved() {
     return true;
 }
 
-int CCgroupManager::Impl::ParentAmount(Controller controller) {
-    return asked.Shown()[controller] ? asked.targets.total[controller] : ReadParentAmount(branches, controller);
-}
-
-bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
-    const std::string operation = "add process " + std::to_string(pid) + " to";
-    if (targets.Find(group) == nullptr) {
-        return Fail(__LINE__, MakeError(ErrorKind::kNotFound, operation, group, "there is no group of that name"));
-    }
-    const char* leaf = pid == getpid() && group == kMainGroup ? kMainComponent : kOwnLeaf;
-    OpenedGroups opened;
-    std::vector<GroupDir> dirs;
-    std::vector<Entry> entries;
-    dirs.reserve(branches.all.size());
-    for (const std::shared_ptr<Branch>& branch : branches.all) {
-        if (!branch->ServesAnyOf(inUse)) continue;
-        Result<GroupDir> dir = opened.MakeLeaf(*branch, targets.wanted, group, leaf);
-        if (!dir) return Fail(__LINE__, dir.GetError());
-        NoteMade(*branch, group, leaf);
-        dirs.push_back(std::move(*dir));
-        entries.push_back({branch->Tree(), &dirs.back()});
-    }
-    if (entries.empty()) {
-        return Fail(__LINE__, MakeError(ErrorKind::kNoController, operation, group, "no controller is in use"));
-    }
-    quiet.Disturb();
-    std::vector<Error> stranded;
-    const base::MutexLock placing(PlacementMutex());
-    Status joined = membership.Join(pid, entries, stranded);
-    for (const Error& error : stranded) LogLine(kLogWarning, __LINE__, "cannot go back: " + error.Text());
-    if (joined && pid == getpid()) {
-        mainInside = true;
-        mainLeft = false;
-    }
-    return joined || Fail(__LINE__, joined.GetError());
+/// Returns: what the last reconcile has seen, while nothing tells that it is otherwise by now; none where nobody would.
+const std::vector<TreeFacts>* CCgroupManager::Impl::FreshTrees() {
+    if (!reconciled) return nullptr;
+    const Result<LayoutMark> layout = ReadLayoutMark();
+    TreeWatch& told = quiet.Told();
+    told.Drain();
+    const bool same = layout && *layout == reconciledLayout && told.IsWhole() && told.Changes() == reconciledChanges;
+    const auto isWatched = [this](const TreeFacts& tree)
+                               ZEL_REQUIRES(mutex) { return quiet.HasTree(tree.nodes.front().identity); };
+    return same && std::all_of(reconciled->begin(), reconciled->end(), isWatched) ? &*reconciled : nullptr;
 }
 
 /// Returns: what the last reconcile has seen of the branch; none after a failure, and once that was published.
@@ -460,7 +442,7 @@ bool CCgroupManager::Impl::RemovePid(int pid) {
 bool CCgroupManager::Impl::WriteConfig(const std::string& path, const std::vector<CgroupComponentQuota>& quotas,
                                        const Amounts& parent) {
     quiet.Disturb();
-    ComponentPublisher publisher(branches, targets, inUse, membership);
+    ComponentPublisher publisher(branches, targets, inUse, membership, FreshTrees());
     publisher.SetObserved(MakeObservedEntries(ObservedPlaces()));
     std::vector<Remark> remarks;
     Result<std::map<LeafKey, int>> leaves = publisher.Publish(path, WithUnlisted(quotas, targets, remarks), parent);
@@ -667,6 +649,55 @@ private:
     Impl& m_impl;
 };
 
+/// Returns: the parent's limit, as the kernel says now or as it is observed; 0 when there is none.
+int CCgroupManager::Impl::ParentAmount(Controller controller) {
+    {
+        const base::MutexLock lock(mutex);
+        if (asked.Shown()[controller]) return asked.targets.total[controller];
+        const std::vector<TreeFacts>* const trees = FreshTrees();
+        for (size_t i = 0; trees != nullptr && i < trees->size(); ++i) {
+            const TreeFacts& tree = (*trees)[i];
+            const LimitFacts& parent = tree.nodes.front().limits[controller];
+            if (tree.serves[controller]) return parent.Known() ? AmountOf(controller, parent.limit) : 0;
+        }
+    }
+    const Scope scope(*this);
+    return ReadParentAmount(branches, controller);
+}
+
+bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
+    const std::string operation = "add process " + std::to_string(pid) + " to";
+    if (targets.Find(group) == nullptr) {
+        return Fail(__LINE__, MakeError(ErrorKind::kNotFound, operation, group, "there is no group of that name"));
+    }
+    const char* leaf = pid == getpid() && group == kMainGroup ? kMainComponent : kOwnLeaf;
+    OpenedGroups opened;
+    std::vector<GroupDir> dirs;
+    std::vector<Entry> entries;
+    dirs.reserve(branches.all.size());
+    for (const std::shared_ptr<Branch>& branch : branches.all) {
+        if (!branch->ServesAnyOf(inUse)) continue;
+        Result<GroupDir> dir = opened.MakeLeaf(*branch, targets.wanted, group, leaf);
+        if (!dir) return Fail(__LINE__, dir.GetError());
+        NoteMade(*branch, group, leaf);
+        dirs.push_back(std::move(*dir));
+        entries.push_back({branch->Tree(), &dirs.back()});
+    }
+    if (entries.empty()) {
+        return Fail(__LINE__, MakeError(ErrorKind::kNoController, operation, group, "no controller is in use"));
+    }
+    quiet.Disturb();
+    std::vector<Error> stranded;
+    const base::MutexLock placing(PlacementMutex());
+    Status joined = membership.Join(pid, entries, stranded);
+    for (const Error& error : stranded) LogLine(kLogWarning, __LINE__, "cannot go back: " + error.Text());
+    if (joined && pid == getpid()) {
+        mainInside = true;
+        mainLeft = false;
+    }
+    return joined || Fail(__LINE__, joined.GetError());
+}
+
 CCgroupManager::CCgroupManager() : m_impl(std::make_unique<Impl>()) {
     const base::MutexLock lock(g_currentLock);
     g_current = m_impl.get();
@@ -731,12 +762,10 @@ bool CCgroupManager::IsParentMemActive() {
 }
 
 int CCgroupManager::GetParentCpuLimit100Times() {
-    const Impl::Scope scope(*m_impl);
     return m_impl->ParentAmount(Controller::kCpu);
 }
 
 int CCgroupManager::GetParentMemLimitKB() {
-    const Impl::Scope scope(*m_impl);
     return m_impl->ParentAmount(Controller::kMemory);
 }
 

@@ -10,6 +10,7 @@
 #include "LimitPlan.h"
 #include "kernel/Limits.h"
 #include "OwnPlacement.h"
+#include "TreeFacts.h"
 #include "base/ProcFiles.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupTreeStatus.h"
@@ -31,8 +32,8 @@ UnlistedComponents& Unlisted() {
 }  // namespace
 
 ComponentPublisher::ComponentPublisher(const Branches& branches, const GroupTargets& targets, const Flags& inUse,
-                                       Membership& membership)
-    : m_branches(branches), m_targets(targets), m_inUse(inUse), m_membership(membership) {}
+                                       Membership& membership, const std::vector<TreeFacts>* trees)
+    : m_branches(branches), m_targets(targets), m_inUse(inUse), m_membership(membership), m_trees(trees) {}
 
 Status ComponentPublisher::AddParents(const std::string& path, const Amounts& amounts, ComponentFile& file) {
     for (const Controller controller : kAllControllers) {
@@ -53,15 +54,27 @@ Status ComponentPublisher::AddParents(const std::string& path, const Amounts& am
     return MakeError(ErrorKind::kNoController, "write", path, "no controller is in use");
 }
 
+/// Returns: what is known of the group; none: it has to be read.
+const LimitFacts* ComponentPublisher::FactsOf(const GroupIdentity& group, Controller controller) const {
+    for (size_t i = 0; m_trees != nullptr && i < m_trees->size(); ++i) {
+        for (const GroupFacts& node : (*m_trees)[i].nodes) {
+            if (node.identity == group && node.limits[controller].Known()) return &node.limits[controller];
+        }
+    }
+    return nullptr;
+}
+
 Result<ComponentLeaf> ComponentPublisher::PlaceLeaf(const LeafKey& key, int quota) {
     const Branch& branch = *m_branches.of[key.controller];
     Result<GroupDir> dir = m_opened.MakeLeaf(branch, m_targets.wanted, key.group, key.leaf);
     if (!dir) return dir.GetError();
     const Limit limit = LeafLimit(m_targets, branch.GetVersion(), key, quota);
-    Status applied = ApplyLimit(key.controller, *dir, limit);
-    if (!applied) return applied.GetError();
     Result<GroupIdentity> identity = dir->Identity();
     if (!identity) return identity.GetError();
+    const LimitFacts* const facts = FactsOf(*identity, key.controller);
+    Status applied =
+        facts != nullptr ? ChangeLimit(key.controller, *dir, *facts, limit) : ApplyLimit(key.controller, *dir, limit);
+    if (!applied) return applied.GetError();
     ComponentLeaf leaf;
     leaf.present = true;
     leaf.group = key.group;

@@ -10,6 +10,7 @@
 #include "ComponentFile.h"
 #include "kernel/Errors.h"
 #include "GroupTargets.h"
+#include "LimitPlan.h"
 #include "Membership.h"
 #include "OpenedGroups.h"
 #include "platform/zel/CgroupRecords.h"
@@ -27,9 +28,9 @@ struct Remark {
 /// Lifetime: for one operation; what it is given must outlive it.
 class ComponentPublisher {
 public:
-    /// `inUse`: controllers that the trees really use.
+    /// `inUse`: controllers that the trees really use. `trees`: what was just read of them; may be null.
     ComponentPublisher(const Branches& branches, const GroupTargets& targets, const Flags& inUse,
-                       Membership& membership);
+                       Membership& membership, const std::vector<TreeFacts>* trees);
 
     /// What the file says of limits that are only observed.
     void SetObserved(std::vector<ObservedEntry> observed) { m_observed = std::move(observed); }
@@ -46,6 +47,7 @@ public:
 private:
     Status AddParents(const std::string& path, const Amounts& amounts, ComponentFile& file);
     Status AddComponent(const ComponentTarget& target, ComponentFile& file, std::map<LeafKey, int>& leaves);
+    const LimitFacts* FactsOf(const GroupIdentity& group, Controller controller) const;
     Result<ComponentLeaf> PlaceLeaf(const LeafKey& key, int quota);
     Status FollowOwnLeaf(const ComponentFile& file);
 
@@ -53,6 +55,7 @@ private:
     const GroupTargets& m_targets;
     const Flags m_inUse;
     Membership& m_membership;
+    const std::vector<TreeFacts>* const m_trees;
     OpenedGroups m_opened;
     PerController<GroupDir> m_own;  ///< the main process's leaves
     std::vector<ObservedEntry> m_observed;

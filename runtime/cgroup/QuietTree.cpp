@@ -100,6 +100,10 @@ void QuietTree::NoteTree(const GroupDir& tree) {
     m_complete = m_complete && identity;
 }
 
+bool QuietTree::HasTree(const GroupIdentity& tree) const {
+    return std::any_of(m_trees.begin(), m_trees.end(), [&](const Tree& each) { return each.identity == tree; });
+}
+
 void QuietTree::NoteMembers(const GroupDir& leaf, const char* file) {
     Result<std::string> text = leaf.Read(file);
     const Result<GroupIdentity> identity = leaf.Identity();

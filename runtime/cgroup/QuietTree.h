@@ -55,6 +55,8 @@ public:
     void FollowMounts(const LayoutMark& layout);
 
     TreeWatch& Told() { return m_watch; }
+    /// Returns: whether the last look was at that tree.
+    bool HasTree(const GroupIdentity& tree) const;
 
     /// Values that are kept open: each is a descriptor, and a page of the kernel's.
     static constexpr size_t kMostValues = 64;

@@ -36,16 +36,6 @@ LimitFacts ReadLimitFacts(Controller controller, const GroupDir& dir) {
     return out;
 }
 
-/// Writes what differs from the facts, which were read for this.
-Status ApplyStep(const LimitStep& step, const GroupDir& dir, const LimitFacts& facts) {
-    if (step.controller == Controller::kCpu) return ChangeCpuQuota(dir, facts.limit.cpu, step.wanted.cpu);
-    MemLimit old;
-    old.hardBytes = facts.limit.bytes;
-    old.hasSwapLimit = facts.hasSwapLimit;
-    old.swapBytes = facts.swapBytes;
-    return ChangeMemHardLimit(dir, old, step.wanted.bytes);
-}
-
 std::vector<OwnChild> OpenChildren(const GroupDir& parent, std::vector<Error>& unread, OpenChildrenByName opened = {}) {
     Result<std::vector<OwnChild>> children = OpenOwnChildren(parent, unread, std::move(opened));
     if (children) return std::move(*children);
@@ -100,6 +90,15 @@ OpenTreeFacts ReadTree(GroupDir tree, const Flags& serves, int depth, const std:
     return out;
 }
 
+Status ChangeLimit(Controller controller, const GroupDir& dir, const LimitFacts& facts, const Limit& wanted) {
+    if (controller == Controller::kCpu) return ChangeCpuQuota(dir, facts.limit.cpu, wanted.cpu);
+    MemLimit old;
+    old.hardBytes = facts.limit.bytes;
+    old.hasSwapLimit = facts.hasSwapLimit;
+    old.swapBytes = facts.swapBytes;
+    return ChangeMemHardLimit(dir, old, wanted.bytes);
+}
+
 bool IsHopeless(const Error& error) {
     return error.kind == ErrorKind::kReadOnly || error.kind == ErrorKind::kDenied ||
            error.kind == ErrorKind::kNotCgroup;
@@ -109,7 +108,7 @@ std::vector<Error> ApplyPlan(const LimitPlan& plan, OpenTreeFacts& tree) {
     std::vector<Error> failed;
     for (const LimitStep& step : plan.steps) {
         LimitFacts& facts = tree.facts.nodes[step.node].limits[step.controller];
-        Status applied = ApplyStep(step, tree.dirs[step.node], facts);
+        Status applied = ChangeLimit(step.controller, tree.dirs[step.node], facts, step.wanted);
         if (applied) {
             facts.limit = step.wanted;
             facts.swapBytes = step.swapWanted;

@@ -30,6 +30,9 @@ GroupFacts ReadGroupFacts(const GroupDir& dir, const Flags& serves);
 OpenTreeFacts ReadTree(GroupDir tree, const Flags& serves, int depth, const std::set<std::string>& without = {},
                        const GroupObserver& observe = {}, OpenChildrenByName opened = {});
 
+/// Writes what differs from the facts, which were just read, and reads it back.
+Status ChangeLimit(Controller controller, const GroupDir& dir, const LimitFacts& facts, const Limit& wanted);
+
 /// Nothing else in the same hierarchy will succeed after such an error.
 bool IsHopeless(const Error& error);
 

@@ -459,6 +459,23 @@ TEST_F(QuietOomTest, AChangeReadsTheCountersAfterAKillOnly) {
     EXPECT_EQ(2u, PollOom().size()) << "and the kill is reported";
 }
 
+// What was read for a change is believed until something tells otherwise.
+TEST_F(QuietTreeTest, WhatIsDoneAmidAChangeIsSeenByItsPublication) {
+    Build(0);
+    const std::string total = cpuTree + (layout.cpuV2 ? "/cpu.max" : "/cpu.cfs_quota_us");
+    const std::string leaf = cpuTree + "/" + kLeaf + (layout.cpuV2 ? "/cpu.max" : "/cpu.cfs_quota_us");
+    const std::string asked = ReadValue(leaf);
+    ASSERT_TRUE(manager->Reconcile(true, true, Total(350, 1048576),
+                                   {Group("main", 0, 0), Group("collect-defense", 20000, 262144)}));
+    EXPECT_EQ(35000, manager->GetParentCpuLimit100Times());
+    ASSERT_TRUE(WriteText(leaf, layout.cpuV2 ? "3000 100000" : "3000"));
+    ASSERT_TRUE(WriteText(total, layout.cpuV2 ? "500000 100000" : "500000"));
+    EXPECT_EQ(50000, manager->GetParentCpuLimit100Times());
+    EXPECT_TRUE(manager->WriteComponentConfig(
+        file, {Quota("Tervane", "main", 0, 0), Quota("QorHips", "collect-defense", 5000, 131072)}, 35000, 1048576));
+    EXPECT_EQ(asked, ReadValue(leaf));
+}
+
 // Kernel: of version 2's count of limits that were met nobody but inotify tells.
 TEST_F(QuietOomTest, WithoutInotifyEachChangeReadsTheCounters) {
     Build(0);
