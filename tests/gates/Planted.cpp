@@ -1,12 +1,14 @@
 // A regression of every kind, for the test of the gates: loaded into each process of an agent by the dynamic linker, it
 // adds threads that wake, open and read a file and append to another, descriptors that stay open, some private memory,
 // and itself as a library. More of each than the table leaves as room. Or, where that is asked for, one thread that
-// does nothing but open a file every few seconds.
+// does nothing but open a file every few seconds; or every open that is made below a directory is made twice.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
@@ -69,3 +71,22 @@ __attribute__((constructor)) void Plant() {
 }
 
 }  // namespace
+
+extern "C" int OpenTwice(int directory, const char* path, int flags, ...) {
+    using OpenAt = int (*)(int, const char*, int, ...);
+    static const auto next = reinterpret_cast<OpenAt>(dlsym(RTLD_NEXT, "openat"));
+    va_list more;
+    va_start(more, flags);
+    const auto mode = (flags & O_CREAT) != 0 ? va_arg(more, mode_t) : mode_t{0};
+    va_end(more);
+    static const bool twice = getenv("PLANTED_OPENS") != nullptr;
+    const int first = next(directory, path, flags, mode);
+    if (!twice || first < 0) return first;
+    close(first);
+    return next(directory, path, flags & ~O_EXCL, mode);
+}
+// The two names that a program may have it under.
+extern "C" int OpenAt(int, const char*, int, ...) __asm__("openat")
+    __attribute__((alias("OpenTwice"), visibility("default")));
+extern "C" int OpenAt64(int, const char*, int, ...) __asm__("openat64")
+    __attribute__((alias("OpenTwice"), visibility("default")));
