@@ -210,6 +210,7 @@ TEST_F(DatabaseTest, AConnectionForManyThreadsBearsThem) {
     options.manyThreads = true;
     Database database;
     ASSERT_TRUE(database.Open(m_path, options));
+    EXPECT_NE(nullptr, sqlite3_db_mutex(database.Handle()));
     std::vector<std::thread> threads;
     for (int number = 0; number < 4; ++number) {
         threads.emplace_back([&, number] {
@@ -220,6 +221,8 @@ TEST_F(DatabaseTest, AConnectionForManyThreadsBearsThem) {
     }
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(200, Rows(database));
+    ASSERT_TRUE(database.Open(m_path, Logged()));
+    EXPECT_EQ(nullptr, sqlite3_db_mutex(database.Handle())) << "and one for a single thread pays for no lock";
 }
 
 TEST_F(DatabaseTest, AStatementSaysWhatFailedAndGoesOn) {
@@ -324,6 +327,9 @@ TEST_F(DatabaseTest, WhatOthersHaveAHandInIsNotWritten) {
         EXPECT_FALSE(database.IsOpen());
         ASSERT_EQ(0, *beside == 0 ? ::chown(file.c_str(), 0, 0) : ::unlink(file.c_str()));
     }
+    ASSERT_EQ(0, ::symlink("other", (m_path + "-wal").c_str()));
+    EXPECT_EQ("not a regular file", Database().Open(m_path, Logged()).GetError().Reason());
+    ASSERT_EQ(0, ::unlink((m_path + "-wal").c_str()));
     ASSERT_EQ(0, ::chmod(m_dir.Path().c_str(), 0777));
     Database database;
     EXPECT_EQ(ErrorKind::kRefused, database.Open(m_path, Logged()).GetError().kind);
@@ -455,6 +461,10 @@ TEST_F(DatabaseTest, WhatWasPutAsideCountsByItsOwnTimeAndKind) {
     EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db.bad-0", "x.db.bad-2", "x.db.bad-3", "x.db.bad-3-wal"))
         << "a younger log makes nothing younger, a folder is none";
     EXPECT_FALSE(base::ThinOutPutAside(m_dir / "none/x.db.bad-", 2, 1 << 20));
+    WriteText(m_dir / "x.db.bad-4-wal", "x");
+    ASSERT_TRUE(base::ThinOutPutAside(m_path + ".bad-", 2, 1 << 20));
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db.bad-0", "x.db.bad-3", "x.db.bad-3-wal", "x.db.bad-4-wal"))
+        << "a log without its database has its own time";
 }
 
 TEST_F(DatabaseTest, ATextBeyondTheLibrarysBoundIsTooLarge) {

@@ -180,7 +180,7 @@ TEST_F(FileIoTest, DirectoriesAreMadeWithTheirParents) {
     EXPECT_TRUE(support::Exists(m_dir / "a/d/e"));
     EXPECT_EQ(ErrorKind::kRefused, base::MakeDirectories(m_file).GetError().kind);
     EXPECT_FALSE(base::MakeDirectories(m_dir / "file/below"));
-    EXPECT_FALSE(base::MakeDirectories(""));
+    EXPECT_EQ(ErrorKind::kInvalidValue, base::MakeDirectories("").GetError().kind);
 }
 
 TEST_F(FileIoTest, RelativeDirectoriesAreMadeFromWhereWeAre) {

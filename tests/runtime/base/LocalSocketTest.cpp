@@ -155,4 +155,59 @@ TEST_F(LocalSocketTest, LoopbackGetsItsPortAndOthersAreRefused) {
     }
 }
 
+TEST_F(LocalSocketTest, ASocketThatWasLeftIsReplaced) {
+    {
+        auto left = ListeningSocket::Local(path, SocketKind::kStream, ServeLock::kFile);
+        ASSERT_TRUE(left);
+        ASSERT_EQ(0, rename(path.c_str(), (dir / "kept").c_str()));
+    }
+    ASSERT_EQ(0, rename((dir / "kept").c_str(), path.c_str()));
+    const auto server = ListeningSocket::Local(path, SocketKind::kStream, ServeLock::kFile);
+    ASSERT_TRUE(server) << server.GetError().Text();
+    EXPECT_TRUE(base::ConnectLocal(path, SocketKind::kStream, DirectoryOwner::kTrusted));
+    EXPECT_EQ(0600, support::ModeOf(path));
+}
+
+TEST_F(LocalSocketTest, OneThatTakesThePlaceOfAnotherEndsIt) {
+    const std::string second = dir / "second";
+    auto server = ListeningSocket::Local(path, SocketKind::kStream, ServeLock::kFile);
+    auto other = ListeningSocket::Local(second, SocketKind::kStream, ServeLock::kFile);
+    ASSERT_TRUE(server && other);
+    *server = std::move(*other);
+    EXPECT_EQ(second, server->Address());
+    EXPECT_TRUE(server->IsLocal());
+    EXPECT_FALSE(support::Exists(path));
+    EXPECT_TRUE(base::ConnectLocal(second, SocketKind::kStream, DirectoryOwner::kTrusted));
+    EXPECT_TRUE(ListeningSocket::Local(path, SocketKind::kStream, ServeLock::kFile)) << "its lock went with it";
+    EXPECT_FALSE(ListeningSocket::Local(second, SocketKind::kStream, ServeLock::kFile)) << "the other's came along";
+    { const ListeningSocket gone = std::move(*server); }
+    EXPECT_FALSE(support::Exists(second));
+}
+
+TEST_F(LocalSocketTest, AnyPathServesWhoseNameFitsBehindItsDirectory) {
+    // From a path that fits itself to one that is reached by its directory's descriptor.
+    constexpr size_t kRoom = 107;
+    for (size_t length = dir.Path().size() + 2; length <= kRoom + 20; ++length) {
+        const std::string place = dir / std::string(length - dir.Path().size() - 1, 'n');
+        if (length > kRoom && place.size() - dir.Path().size() > 80) break;
+        const auto server = ListeningSocket::Local(place, SocketKind::kStream, ServeLock::kCallers);
+        ASSERT_TRUE(server) << length;
+        EXPECT_TRUE(base::ConnectLocal(place, SocketKind::kStream, DirectoryOwner::kTrusted)) << length;
+        EXPECT_TRUE(support::Exists(place)) << length;
+    }
+    const std::string deep = dir / std::string(120, 'd');
+    ASSERT_EQ(0, mkdir(deep.c_str(), 0700));
+    // As long as the number of the next descriptor is, which the directory gets.
+    const int next = dup(0);
+    ASSERT_LE(0, next);
+    close(next);
+    const size_t most = kRoom - ("/proc/self/fd/" + std::to_string(next) + "/").size();
+    EXPECT_TRUE(ListeningSocket::Local(deep + "/" + std::string(most, 'n'), SocketKind::kStream, ServeLock::kCallers));
+    const auto longer =
+        ListeningSocket::Local(deep + "/" + std::string(most + 1, 'n'), SocketKind::kStream, ServeLock::kCallers);
+    ASSERT_FALSE(longer);
+    EXPECT_THAT(longer.GetError().Text(), HasSubstr("too long for a socket"));
+    EXPECT_THAT(support::NamesIn(deep), testing::IsEmpty());
+}
+
 }  // namespace

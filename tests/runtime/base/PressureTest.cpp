@@ -33,6 +33,7 @@ TEST(PressureTest, LivesWithoutTheSecondLine) {
 TEST(PressureTest, TakesNothingElse) {
     for (const char* text :
          {"", "full avg10=0.00 avg60=0.00 avg300=0.00 total=7", "some avg10=0.00 avg60=0.00 total=7",
+          "some xavg10=0.00 avg60=0.00 avg300=0.00 total=7", "some avg10x=0.00 avg60=0.00 avg300=0.00 total=7",
           "some avg10=0.0 avg60=0.00 avg300=0.00 total=7",
           "some avg10=-1.00 avg60=0.00 avg300=0.00 "
           "total=7",

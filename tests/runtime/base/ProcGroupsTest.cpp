@@ -52,6 +52,9 @@ TEST(MountInfoTest, KeepsSeveralMountsOfOneHierarchyAndBindMounts) {
         "1 2 0:29 / /cg/cpu rw - cgroup c rw,cpu\n"
         "3 2 0:29 /docker/abc /mnt/cpu rw - cgroup c rw,cpu\n");
     ASSERT_THAT(mounts, SizeIs(2));
+    EXPECT_FALSE(mounts[1].readOnly);
+    EXPECT_TRUE(ParseMountInfo("1 2 0:29 / /cg/cpu rw - cgroup c ro,cpu\n").at(0).readOnly) << "all of that hierarchy";
+    EXPECT_FALSE(ParseMountInfo("1 2 0:29 / /cg/cpu rw,rox - cgroup c xro,cpu\n").at(0).readOnly);
     EXPECT_EQ("/docker/abc", mounts[1].root);
     EXPECT_EQ(mounts[0].devMinor, mounts[1].devMinor);
 }

@@ -2,8 +2,12 @@
 #include "base/RequestServer.h"
 
 #include <gmock/gmock.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -45,6 +49,14 @@ public:
             base::ConnectLocal(path, base::SocketKind::kStream, base::DirectoryOwner::kTrusted, milliseconds(20000));
         EXPECT_TRUE(connected);
         if (connected) m_socket = std::move(*connected);
+        Say(words);
+    }
+    Client(uint16_t port, const std::string& words) : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(0, connect(m_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
         Say(words);
     }
     /// What the other end does not take any more is not said.
@@ -285,14 +297,59 @@ TEST_F(RequestServerTest, WhenAllAreWorkedForTheNewestIsRefused) {
         Client first = Ask("a\n");
         Client second = Ask("b\n");
         ASSERT_TRUE(Eventually([&] { return m_working == 2; }));
-        EXPECT_TRUE(Ask("").Hear().ended);
-        EXPECT_TRUE(Ask("").Hear().ended);
+        for (int refused = 0; refused < 3; ++refused) EXPECT_TRUE(Ask("").Hear().ended);
         EXPECT_THAT(Lines(), ElementsAre("refused a connection: too many are open"));
         m_go.Set();
         EXPECT_EQ("a\n", first.Hear().text);
         EXPECT_EQ("b\n", second.Hear().text);
     }
     EXPECT_EQ("c\n", Ask("c\n").Hear().text);
+}
+
+TEST_F(RequestServerTest, AnotherUsersProcessHearsThatItIsRefused) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root: another user's process";
+    m_service.refused = "not for you";
+    Serve();
+    ASSERT_EQ(0, chmod(m_dir.Path().c_str(), 0755));
+    ASSERT_EQ(0, chmod(m_path.c_str(), 0666));
+    const pid_t child = fork();
+    if (child == 0) {
+        if (setresuid(65534, 65534, 65534) != 0) _exit(1);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        m_path.copy(address.sun_path, sizeof address.sun_path - 1);
+        const int client = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) _exit(2);
+        char text[64] = {};
+        if (recv(client, text, sizeof text - 1, 0) != 11 || std::string(text) != "not for you") _exit(3);
+        _exit(recv(client, text, sizeof text, 0) == 0 ? 0 : 4);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_THAT(Lines(), ElementsAre("refused process " + std::to_string(child) + " of user 65534"));
+    EXPECT_EQ("<a\n>", Ask("a\n").Hear().text);
+}
+
+TEST_F(RequestServerTest, WhoIsCutOnLoopbackKeepsNothingInTheKernel) {
+    m_limits.sending = kSoon;
+    m_service.answer = [](const std::string& request) {
+        return request == "short\n" ? request : std::string(64 << 20, 'x');
+    };
+    auto socket = base::ListeningSocket::Loopback("127.0.0.1:0");
+    ASSERT_TRUE(socket) << socket.GetError().Text();
+    const std::string address = socket->Address();
+    m_server = std::make_unique<base::RequestServer>(*m_loop, *m_queue, std::move(*socket), m_limits, m_service);
+    ASSERT_TRUE(m_server->Start());
+    const size_t before = support::OpenDescriptors();
+    const auto port = static_cast<uint16_t>(std::stoi(address.substr(address.rfind(':') + 1)));
+    Client client(port, "long\n");
+    ASSERT_TRUE(Eventually([&] { return support::OpenDescriptors() == before + 2; }));
+    ASSERT_TRUE(Eventually([&] { return support::OpenDescriptors() == before + 1; }));
+    EXPECT_TRUE(client.Hear().cut) << "what it has not read is not kept for it";
+    const Heard whole = Client(port, "short\n").Hear();
+    EXPECT_EQ("short\n", whole.text);
+    EXPECT_FALSE(whole.cut);
 }
 
 TEST_F(RequestServerTest, OneUsersShareCostsHisOwnOldest) {
