@@ -144,7 +144,8 @@ base::Status ReadMember(const std::string& key, const Json::Value& value, AgentC
     if (key == "http") return ReadHttp(value, config);
     if (key == "textfile") return ReadTextFile(value, config);
     if (key == "pressure") return ReadPressure(value, config);
-    return Bad(key + ": unknown key; known are version, syslog, http, textfile, pressure");
+    if (key == "observe") return ReadSwitch(value, key, config.observe);
+    return Bad(key + ": unknown key; known are version, syslog, http, textfile, pressure, observe");
 }
 
 }  // namespace

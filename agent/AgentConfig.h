@@ -15,6 +15,7 @@ struct AgentConfig {
     std::string textFile;  ///< empty: none
     unsigned int textFileSeconds = 15;
     PressureThresholds pressure;
+    bool observe = false;  ///< limits are only observed
 };
 
 /// Errors: which key, and what it takes. Pure.

@@ -13,6 +13,7 @@ namespace {
 
 constexpr double kHundredthsPerCpu = 10000;
 constexpr double kMicrosecondsPerSecond = 1e6;
+constexpr double kMillisecondsPerSecond = 1e3;
 constexpr double kBytesPerKb = 1024;
 
 using Labels = std::vector<std::pair<std::string, std::string>>;
@@ -128,6 +129,29 @@ std::vector<zelhost::Metric> MakeHoldBackMetrics(const std::vector<HoldBackFigur
                         static_cast<int64_t>(figures[priority].answers));
         samples.Counter("zel_hold_back_seconds_total", "Time for which work of this priority was paused.",
                         static_cast<int64_t>(figures[priority].sleptMs), kMsPerSecond);
+    }
+    return metrics;
+}
+
+std::vector<zelhost::Metric> MakeObservedMetrics(int limits, const std::vector<zel::ObservedGroup>& groups) {
+    std::vector<zelhost::Metric> metrics;
+    if (limits == 0) return metrics;
+    Samples agent(metrics, {});
+    agent.Gauge("zel_observed_limits", "Limits that are only observed, a sum: 1 CPU, 4 memory.", limits);
+    for (const zel::ObservedGroup& group : groups) {
+        const zel::CgroupFigures& figures = group.figures;
+        const size_t slash = figures.name.find('/');
+        const std::string component = slash == std::string::npos ? "" : figures.name.substr(slash + 1);
+        Samples samples(metrics, {{"group", figures.name.substr(0, slash)}, {"component", component}});
+        if (figures.cpuLimit100Times > 0) {
+            samples.Counter("zel_observed_throttled_seconds_total",
+                            "Time for which the CPU limit would have held the group back, at least.",
+                            figures.throttledMs, kMillisecondsPerSecond);
+        }
+        if (figures.memoryLimitKb == 0) continue;
+        samples.Counter("zel_observed_memory_kills_total",
+                        "Times that the kernel would have killed a process of the group for its memory limit.",
+                        static_cast<int64_t>(group.memoryKills));
     }
     return metrics;
 }

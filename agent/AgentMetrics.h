@@ -6,6 +6,7 @@
 #include "Supervisor.h"
 #include "platform/host/HostRecords.h"
 #include "platform/zel/CgroupKeeper.h"
+#include "platform/zel/CgroupObserve.h"
 #include "platform/zel/CgroupTreeStatus.h"
 
 namespace agent {
@@ -23,6 +24,9 @@ std::vector<zelhost::Metric> MakeAgentMetrics(const AgentFigures& figures);
 
 /// What workers of this process were told, by priority. Pure.
 std::vector<zelhost::Metric> MakeHoldBackMetrics(const std::vector<HoldBackFigures>& figures);
+
+/// What limits that are only observed would have done. None while none are. Pure.
+std::vector<zelhost::Metric> MakeObservedMetrics(int limits, const std::vector<zel::ObservedGroup>& groups);
 
 /// What was put right on the tree, by kind of difference (label "kind"). None before the first look. Pure.
 std::vector<zelhost::Metric> MakeKeeperMetrics(const zel::CgroupKeeperStatus& keeper);

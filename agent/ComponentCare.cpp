@@ -92,7 +92,8 @@ void ComponentCare::Start(const Options& options, const std::string& program) {
         LogLine(components.GetError().Text() + "; no component is started", zel::kLogWarning);
         return;
     }
-    const std::vector<std::string> common{"--app-dir", options.appDir, "--config", options.configPath};
+    std::vector<std::string> common{"--app-dir", options.appDir, "--config", options.configPath};
+    if (options.observe) common.push_back("--observe");
     m_supervisor = std::make_unique<Supervisor>(program, common, options.appDir + kRestartsFileName, ReportEnd);
     m_supervisor->SetPlacement([this](const ComponentConfig& component) {
         m_kills.BeforeStart(m_now);

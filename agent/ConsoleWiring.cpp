@@ -15,6 +15,7 @@
 #include "platform/host/OnlineClientConf.h"
 #include "platform/host/OnlineConfigText.h"
 #include "platform/zel/AgentNames.h"
+#include "platform/zel/CgroupObserve.h"
 
 namespace agent {
 
@@ -38,6 +39,7 @@ std::string FormatConfig(const StatusSources& sources) {
     if (const COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance()) {
         for (const auto& [name, value] : zelhost::GetPublishedValues(*conf)) values[name] = Json::Int64(value);
     }
+    values["observe"] = zel::ObservedLimits(zel::ObservationOrder::kAgent);
     return root.toStyledString();
 }
 

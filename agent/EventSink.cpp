@@ -7,9 +7,17 @@
 #include "AgentLog.h"
 #include "Monitor.h"
 #include "platform/host/MsgTransmit.h"
+#include "SteadyTime.h"
 #include "platform/zel/AgentNames.h"
+#include "platform/zel/CgroupObserve.h"
 
 namespace agent {
+
+namespace {
+
+constexpr int64_t kWouldEndSeconds = 3600;
+
+}  // namespace
 
 void Deliver(const char* type, const std::string& body) {
     IMsgTransmit* transmit = GetMsgTransmitInstance();
@@ -38,7 +46,31 @@ void EventSink::OnBuildRecord(ResourceKind kind, std::string& extra) {
     m_monitor->GetThreadsInfo(extra, kind == ResourceKind::kCpu ? &tid : nullptr);
 }
 
+/// It is asked for again after every further breach period: a message when it begins, and one an hour.
+void EventSink::TellWouldEnd(const SelfKillRecord& record) {
+    const int64_t second = SecondsSinceBoot();
+    const auto told = m_wouldEndToldAt.find(record.kind);
+    if (told != m_wouldEndToldAt.end() && second - told->second < kWouldEndSeconds) return;
+    m_wouldEndToldAt[record.kind] = second;
+    m_wouldEnd.fetch_add(1, std::memory_order_relaxed);
+    LogLine(std::string("this process would have ended itself for its maximum of ") + ResourceKindName(record.kind) +
+                ", and goes on: that limit is only observed",
+            zel::kLogWarning);
+    Json::Value body(Json::objectValue);
+    body["detect_time"] = Json::Int64(record.wallTime);
+    body["component"] = m_processName;
+    body["pid"] = static_cast<int>(getpid());
+    body["group"] = "";
+    body["resource"] = ResourceKindName(record.kind);
+    body["value"] = Json::Int64(record.value);
+    body["limit"] = Json::Int64(record.limit);
+    body["by"] = "itself";
+    Deliver(zel::kWouldKillMessage, body.toStyledString());
+}
+
 void EventSink::OnSelfKill(const SelfKillRecord& record) {
+    const int limit = record.kind == ResourceKind::kMemory ? zel::kModeMemory : zel::kModeCpu;
+    if ((zel::ObservedLimits() & limit) != 0) return TellWouldEnd(record);
     if (m_selfKill.exchange(true)) return;
     Json::Value body(Json::objectValue);
     body["process"] = m_processName;

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <string>
 
 #include "platform/host/ResourceEventSink.h"
@@ -25,15 +26,21 @@ public:
     void OnThreadStalled(const ThreadStall& stall) override;
     void OnBuildRecord(ResourceKind kind, std::string& extra) override;
 
+    /// How often the process would have ended itself, were its limit not only observed.
+    uint64_t WouldEnd() const { return m_wouldEnd.load(std::memory_order_relaxed); }
     bool SelfKillRequested() const { return m_selfKill.load(std::memory_order_relaxed); }
     uint64_t Warnings() const { return m_warnings.load(std::memory_order_relaxed); }
     uint64_t Stalls() const { return m_stalls.load(std::memory_order_relaxed); }
 
 private:
+    void TellWouldEnd(const SelfKillRecord& record);
+
     std::string m_processName;
     void (*m_wakeMain)();
     CMonitor* m_monitor = nullptr;
     std::atomic<bool> m_selfKill{false};
+    std::atomic<uint64_t> m_wouldEnd{0};
+    std::map<ResourceKind, int64_t> m_wouldEndToldAt;  // the sampling thread
     std::atomic<uint64_t> m_warnings{0};
     std::atomic<uint64_t> m_stalls{0};
 };

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "HistoryRow.h"
+#include "platform/zel/CgroupObserve.h"
 
 namespace agent {
 
@@ -28,6 +29,7 @@ void GroupHistory::ReadWaits(base::PressureResource resource, int64_t& some, int
 
 bool GroupHistory::GetExceptionInfo(std::map<std::string, std::string>& info) {
     HistoryRow row;
+    row.observed = zel::ObservedLimits();
     row.groups = m_reader.Read(m_asked++ % kHitsEvery == 0);
     ReadWaits(base::PressureResource::kCpu, row.pressure.cpuMs, nullptr);
     ReadWaits(base::PressureResource::kMemory, row.pressure.memoryMs, &row.pressure.memoryFullMs);

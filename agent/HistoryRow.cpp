@@ -15,6 +15,7 @@ namespace {
 
 constexpr char kUsePrefix[] = "use/";
 constexpr char kPressureKey[] = "pressure";
+constexpr char kObservedKey[] = "observed";
 constexpr char kLeftOutKey[] = "use_left_out";
 constexpr size_t kMostKeyBytes = 200;
 constexpr size_t kJsonBytes = 6;  // quotes, colon and comma around a key and its value
@@ -78,6 +79,7 @@ void AddHistoryFigures(const HistoryRow& row, std::map<std::string, std::string>
     const StallTimes& pressure = row.pressure;
     values.emplace(kPressureKey, JoinNumbers<5>({pressure.cpuMs, pressure.memoryMs, pressure.memoryFullMs,
                                                  pressure.ioMs, pressure.ioFullMs}));
+    if (row.observed > 0) values.emplace(kObservedKey, std::to_string(row.observed));
     if (leftOut > 0) values.emplace(kLeftOutKey, std::to_string(leftOut));
 }
 
@@ -99,6 +101,8 @@ base::Result<HistoryRow> ParseHistoryRow(int64_t time, const std::string& figure
                  {&pressure.cpuMs, &pressure.memoryMs, &pressure.memoryFullMs, &pressure.ioMs, &pressure.ioFullMs}) {
                 *field = TakeNumber(rest);
             }
+        } else if (key == kObservedKey) {
+            row.observed = Limit(TakeNumber(rest));
         } else if (key == kLeftOutKey) {
             row.leftOut = std::max<int64_t>(0, TakeNumber(rest));
         } else if (key.compare(0, sizeof kUsePrefix - 1, kUsePrefix) == 0) {

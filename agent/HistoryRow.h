@@ -4,7 +4,8 @@
 // A row is a JSON object of texts. Key "use/NAME", NAME as in CgroupFigures: eight figures between commas, those that
 // are not known left out: CPU time in ms, periods, throttled periods, throttled time in ms, CPU limit in hundredths of
 // a percent of one CPU, memory in KB, hits of its limit, that limit in KB. Key "pressure": stall times of the host in
-// ms: CPU, memory, memory of all, I/O, I/O of all. Counters go up; who reads makes the differences.
+// ms: CPU, memory, memory of all, I/O, I/O of all. Key "observed", where there are any: limits that were only observed,
+// whose figures are what would have been. Counters go up; who reads makes the differences.
 #pragma once
 
 #include <cstdint>
@@ -32,6 +33,7 @@ struct HistoryRow {
     std::vector<zel::CgroupFigures> groups;  ///< sorted by name
     StallTimes pressure;
     int64_t leftOut = 0;  ///< groups for which there was no room
+    int observed = 0;     ///< limits that were only observed, the sum of 1 CPU and 4 memory
 };
 
 /// What the groups of one row take at most: a day is 1500 rows, so it stays below 12 MB on disk, and an hour below

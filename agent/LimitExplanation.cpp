@@ -30,7 +30,7 @@ void Explain(const char* name, const zel::CgroupControllerStatus& controller, bo
 
 std::vector<std::string> ExplainMemoryRefusal(const StatusReport& report, const std::string& appDir,
                                               const std::string& configPath) {
-    if ((report.mode & zel::kModeMemory) == 0 || report.unified || HoldsOwnLimit(report.cgroup.mem)) return {};
+    if ((ModeToHold(report) & zel::kModeMemory) == 0 || report.unified || HoldsOwnLimit(report.cgroup.mem)) return {};
     const std::optional<MemoryPause> pause = ReadMemoryPause(appDir, report.now);
     if (pause) return {"memory limit " + DescribePause(*pause) + "; remove " + pause->path + " to try now"};
     std::string text;
@@ -43,8 +43,8 @@ std::vector<std::string> ExplainMemoryRefusal(const StatusReport& report, const 
 
 std::vector<std::string> ExplainMissingLimits(const StatusReport& report, bool root) {
     std::vector<std::string> lines;
-    if ((report.mode & zel::kModeCpu) != 0) Explain("CPU", report.cgroup.cpu, root, lines);
-    if ((report.mode & zel::kModeMemory) != 0) Explain("memory", report.cgroup.mem, root, lines);
+    if ((ModeToHold(report) & zel::kModeCpu) != 0) Explain("CPU", report.cgroup.cpu, root, lines);
+    if ((ModeToHold(report) & zel::kModeMemory) != 0) Explain("memory", report.cgroup.mem, root, lines);
     return lines;
 }
 

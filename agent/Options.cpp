@@ -38,6 +38,8 @@ void Declare(CLI::App& app, Options& options, std::string& load) {
         "serve /metrics on 127.0.0.1:PORT, [::1]:PORT or unix:/PATH (default: a socket of the main process)");
     app.add_option("--parent-pid", options.parentPid, "set by the main process for its components");
     app.add_option("--group", options.group, "set by the main process for its components");
+    app.add_flag("--observe", options.observe,
+                 "only observe the limits: decide and report what they would do, and touch nothing");
     app.add_flag("--note-end", options.noteEnd,
                  "for ExecStopPost= of a unit: keep what the service manager knows of the end, for the next start");
     app.add_flag("--exec", options.exec, "put this process into the component's groups, then run COMMAND in its place");

@@ -20,6 +20,7 @@ struct Options {
     int parentPid = 0;                   ///< of a component: the main process, whose end ends it
     std::string group;                   ///< of a component: its group, a label of its metrics
     std::string metricsListen;  ///< address of /metrics; empty: a socket in run/ of the main process, none of others
+    bool observe = false;       ///< limits are only observed
     bool noteEnd = false;       ///< leave word of how the main process ended, for its next start
     bool exec = false;          ///< join the component's groups, then become `command`
     std::vector<std::string> command;

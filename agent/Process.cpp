@@ -126,6 +126,7 @@ Process::Process(Options options, std::string program)
     : m_options(std::move(options)),
       m_program(std::move(program)),
       m_sink(m_options.name, WakeMain),
+      m_observe(m_options.observe, m_options.IsMain(), m_options.limitCheckSeconds),
       m_keeping(m_options.limitCheckSeconds),
       m_limitNews(WakeMain),
       m_life(*this, Life(m_options.IsMain())) {
@@ -181,6 +182,7 @@ int Process::StartServices() {
     m_agentConfig = std::make_unique<AgentConfigFile>(m_options.appDir, m_options.IsMain());
     zelhost::HostOptions host = MakeHostOptions(m_options);
     ApplyAgentConfig(m_agentConfig->Read(), host);
+    m_observe.Order(m_agentConfig->Current().observe);
     const base::Status started = agent::StartServices(m_services, host);
     return started ? kExitClean : Refuse(kExitServices, started.GetError().Text());
 }
@@ -455,7 +457,12 @@ int Process::LookAround(int64_t second) {
     if (m_components != nullptr) m_components->Tick(second);
     Beat(second);
     TellReady(second);
-    if (m_components != nullptr) m_keeping.Tick(second, m_components->Members());
+    if (m_observe.Follow()) Broadcast(zel::kConfigNotifyMessage, "");
+    if (m_components != nullptr) {
+        const std::vector<zel::CgroupMember> members = m_components->Members();
+        m_keeping.Tick(second, members);
+        m_observe.Tick(second, members);
+    }
     if (m_pressure != nullptr) m_pressure->Tick(second, *m_components);
     LookAfterLimits(second);
     if (m_limitNews.IsDue(second)) {
@@ -467,6 +474,7 @@ int Process::LookAround(int64_t second) {
     if (wanted || second >= m_nextConfigLook) {
         m_nextConfigLook = NextOfRhythm(second, m_options.IsMain() ? kLookSeconds : kBeatSeconds);
         m_agentConfig->Follow(m_services);
+        m_observe.Order(m_agentConfig->Current().observe);
         if (m_pressure != nullptr) m_pressure->Follow(m_agentConfig->Current().pressure);
         TryAgain();
     }
@@ -491,7 +499,7 @@ int64_t Process::NextDue(int64_t second) const {
 void Process::TellReady(int64_t second) {
     if (!m_manager.AwaitsReady()) return;
     const StatusReport report = CollectStatus(Sources());
-    const int asked = report.mode & (zel::kModeCpu | zel::kModeMemory);
+    const int asked = report.mode & (zel::kModeCpu | zel::kModeMemory) & ~report.observed;
     const bool holds = !report.starting && (report.modeInForce & asked) == asked;
     const bool runs = std::all_of(report.components.begin(), report.components.end(),
                                   [](const ComponentStatus& one) { return one.state == ComponentState::kRunning; });

@@ -14,6 +14,7 @@
 #include "HostPressure.h"
 #include "GroupHistory.h"
 #include "LimitNews.h"
+#include "ObserveMode.h"
 #include "Options.h"
 #include "PlacementCare.h"
 #include "Pulse.h"
@@ -127,6 +128,7 @@ private:
     int64_t m_endAt = 0;   // 0: no time is set
     int64_t m_tidyAt = 0;  // 0: nothing to give back
     int64_t m_nextLimitCheck = 0;
+    ObserveMode m_observe;
     TreeKeeping m_keeping;
     LimitNews m_limitNews;
     std::unique_ptr<RunRecord> m_run;

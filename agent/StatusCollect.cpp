@@ -14,6 +14,7 @@
 #include "EventTail.h"
 #include "HostPressure.h"
 #include "LogTail.h"
+#include "ObserveMode.h"
 #include "Monitor.h"
 #include "Pulse.h"
 #include "SteadyTime.h"
@@ -36,6 +37,7 @@ int LimitMode() {
 
 /// The counts of each priority, and the answers now.
 std::vector<HoldBackFigures> ReadHoldBacks(CMonitor& monitor, bool (&now)[3]) {
+    const zelhost::CUncountedQueries uncounted;
     std::vector<HoldBackFigures> figures;
     for (unsigned int priority = 0; priority < 3; ++priority) {
         unsigned long answers = 0;
@@ -63,6 +65,10 @@ StatusReport CollectStatus(const StatusSources& sources) {
     report.starting = !sources.pulse->HasBegun();
     report.mode = LimitMode();
     report.configProblem = sources.services->GetOnlineConfigProblem();
+    report.observed = zel::ObservedLimits();
+    report.observation = DescribeObservation();
+    if (sources.components != nullptr) report.observedGroups = zel::ReadObservedGroups();
+    report.wouldEnd = sources.events->WouldEnd();
     report.diskFull = sources.monitor->IsDiskFull();
     report.holdBacks = ReadHoldBacks(*sources.monitor, report.cpuNeedLimit);
     report.samplerRuns = sources.services->GetSamplerFigures(report.sampler);
@@ -111,7 +117,8 @@ void AddHoldBackMetrics(CMonitor& monitor, std::vector<zelhost::Metric>& metrics
 void AddAgentMetrics(const ComponentCare& components, const HostPressure& pressure,
                      std::vector<zelhost::Metric>& metrics) {
     AgentFigures figures;
-    figures.mode = LimitMode();
+    figures.mode = LimitMode() & ~zel::ObservedLimits();
+    if ((figures.mode & (zel::kModeCpu | zel::kModeMemory)) == 0) figures.mode = 0;
     figures.components = components.Status();
     std::string problem;
     if ((figures.mode & zel::kModeUnified) != 0) zel::ReadCgroupTreeStatus(figures.tree, problem);
@@ -119,6 +126,8 @@ void AddAgentMetrics(const ComponentCare& components, const HostPressure& pressu
     metrics.insert(metrics.end(), std::make_move_iterator(own.begin()), std::make_move_iterator(own.end()));
     std::vector<zelhost::Metric> kept = MakeKeeperMetrics(zel::GetCgroupKeeperStatus());
     metrics.insert(metrics.end(), std::make_move_iterator(kept.begin()), std::make_move_iterator(kept.end()));
+    std::vector<zelhost::Metric> observed = MakeObservedMetrics(zel::ObservedLimits(), zel::ReadObservedGroups());
+    metrics.insert(metrics.end(), std::make_move_iterator(observed.begin()), std::make_move_iterator(observed.end()));
     std::vector<zelhost::Metric> stalls = MakePressureMetrics(pressure.Status());
     metrics.insert(metrics.end(), std::make_move_iterator(stalls.begin()), std::make_move_iterator(stalls.end()));
 }

@@ -109,6 +109,24 @@ void Fields(Io& io, Of<Io, zel::CgroupKeeperStatus>& keeper) {
 }
 
 template <class Io>
+void Fields(Io& io, Of<Io, zel::ObservedGroup>& group) {
+    auto& figures = group.figures;
+    io("name", figures.name);
+    io("observed_ms", group.observedMs);
+    io("cpu_limit_100times", figures.cpuLimit100Times);
+    io("cpu_ms", figures.cpuMs);
+    io("peak_cpu_100times", group.peakCpu100Times);
+    io("periods", figures.periods);
+    io("throttled_periods", figures.throttledPeriods);
+    io("throttled_ms", figures.throttledMs);
+    io("memory_limit_kb", figures.memoryLimitKb);
+    io("memory_kb", figures.memoryKb);
+    io("peak_memory_kb", group.peakMemoryKb);
+    io("memory_kills", group.memoryKills);
+    io("last_kill_at", group.lastKillAt);
+}
+
+template <class Io>
 void Fields(Io& io, Of<Io, WorkerFigures>& workers) {
     io("threads", workers.threads);
     io("pieces", workers.pieces);
@@ -186,6 +204,7 @@ void OwnFields(Io& io, Of<Io, StatusReport>& report) {
     io("cpu_total_ns", sampler.cpuTotalNs);
     io("cpu_level", sampler.cpuLevel);
     io("max_cpu", sampler.maxCpu);
+    io("observed_hold_backs", sampler.observedHoldBacks);
     io("memory_kb", sampler.memKb);
     io("memory_level", sampler.memLevel);
     io("max_memory_mb", sampler.maxMemMb);
@@ -214,6 +233,10 @@ void Fields(Io& io, Of<Io, StatusReport>& report) {
     io("mode_in_force", report.modeInForce);
     io("mode_reason", report.modeReason);
     io("config_problem", report.configProblem);
+    io("observed", report.observed);
+    io("observation", report.observation);
+    io.List("observed_groups", report.observedGroups);
+    io("would_end", report.wouldEnd);
     io("disk_full", report.diskFull);
     io.Each("cpu_need_limit", report.cpuNeedLimit);
     io.List("hold_backs", report.holdBacks);

@@ -23,6 +23,10 @@ bool IsInUnifiedTree(const zel::CgroupTreeStatus& tree, int pid) {
     });
 }
 
+int ModeToHold(const StatusReport& report) {
+    return report.mode & (zel::kModeCpu | zel::kModeMemory) & ~report.observed;
+}
+
 std::string DescribeUndelegated(const std::string& service) {
     return service +
            " is not delegated: its manager moves the processes out of the agent's groups when another unit gets a "
@@ -31,6 +35,7 @@ std::string DescribeUndelegated(const std::string& service) {
 
 std::string AdviseOnMissing(const StatusReport& report, const zel::CgroupControllerStatus& controller, int modeBit) {
     if (controller.limited || controller.version == 0 || !controller.advice.empty()) return controller.advice;
+    if ((report.mode & report.observed & modeBit) != 0) return "it is observed only, by " + report.observation;
     if ((report.mode & modeBit) == 0) {
         return "switch the limit on: resource_limit_mode 1 for CPU, 4 for memory, 13 for one limit per component";
     }
@@ -38,8 +43,9 @@ std::string AdviseOnMissing(const StatusReport& report, const zel::CgroupControl
     return "it is switched on; the log says why it does not hold";
 }
 
-std::string DescribeMode(const StatusReport& report) {
-    const std::string wanted = "mode " + std::to_string(report.mode) + ": ";
+namespace {
+
+std::string DescribeHeldMode(const StatusReport& report, const std::string& wanted) {
     const bool cpu = (report.mode & zel::kModeCpu) != 0;
     const bool memory = (report.mode & zel::kModeMemory) != 0;
     if (!cpu && !memory) return wanted + "no limit is asked for";
@@ -53,6 +59,16 @@ std::string DescribeMode(const StatusReport& report) {
                (report.tree.problem.empty() ? "" : "; " + report.tree.problem);
     }
     return wanted + "one group for the whole agent";
+}
+
+}  // namespace
+
+std::string DescribeMode(const StatusReport& report) {
+    const std::string wanted = "mode " + std::to_string(report.mode) + ": ";
+    const int asked = report.mode & (zel::kModeCpu | zel::kModeMemory);
+    if ((asked & report.observed) == 0) return DescribeHeldMode(report, wanted);
+    const std::string observed = "observed only: " + report.observation + ", nothing is limited for it";
+    return ModeToHold(report) == 0 ? wanted + observed : DescribeHeldMode(report, wanted) + "; " + observed;
 }
 
 }  // namespace agent

@@ -8,6 +8,7 @@
 #include "AgentRecords.h"
 #include "platform/host/HostRecords.h"
 #include "platform/zel/CgroupKeeper.h"
+#include "platform/zel/CgroupObserve.h"
 #include "platform/zel/CgroupStatus.h"
 #include "platform/zel/CgroupTreeStatus.h"
 
@@ -18,11 +19,15 @@ struct StatusReport {
     int pid = 0;
     int64_t now = 0;
     int64_t uptimeSeconds = 0;
-    bool starting = false;      ///< nothing has been looked at yet: what is not known to be wrong need not be well
-    int mode = 0;               ///< limit mode of the online configuration
-    bool unified = false;       ///< a component's group of the unified tree holds this process
-    int modeInForce = 0;        ///< bits of the limit mode that hold this process now
-    std::string modeReason;     ///< which limits hold this process, and why not others
+    bool starting = false;    ///< nothing has been looked at yet: what is not known to be wrong need not be well
+    int mode = 0;             ///< limit mode of the online configuration
+    bool unified = false;     ///< a component's group of the unified tree holds this process
+    int modeInForce = 0;      ///< bits of the limit mode that hold this process now
+    std::string modeReason;   ///< which limits hold this process, and why not others
+    int observed = 0;         ///< bits of the limit mode that are only observed
+    std::string observation;  ///< which limits, and by whose order; empty: none
+    std::vector<zel::ObservedGroup> observedGroups;  ///< what they would have done; from the main process
+    uint64_t wouldEnd = 0;                           ///< times it would have ended itself
     std::string configProblem;  ///< why the online configuration's file is refused; empty while it is not
     bool diskFull = false;
     bool cpuNeedLimit[3] = {false, false, false};  ///< answer per priority, now
@@ -52,6 +57,8 @@ struct StatusReport {
 bool HoldsOwnLimit(const zel::CgroupControllerStatus& controller);
 /// Bits of the limit mode: which limits the kernel shows for this process, and whether it is in the tree. Pure.
 int ModeInForce(const StatusReport& report);
+/// Bits of the limit mode that are asked for and not only observed: CPU and memory. Pure.
+int ModeToHold(const StatusReport& report);
 /// Whether a group of the tree holds the process. Pure.
 bool IsInUnifiedTree(const zel::CgroupTreeStatus& tree, int pid);
 /// What an operator can do about a limit that does not hold, as the kernel's files have it and by whether the limit is

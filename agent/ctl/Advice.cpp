@@ -3,8 +3,10 @@
 
 #include <algorithm>
 
+#include "HumanText.h"
 #include "Printable.h"
 #include "Text.h"
+#include "platform/zel/AgentNames.h"
 
 namespace agent {
 
@@ -105,7 +107,50 @@ std::string Table(const std::vector<GroupAdvice>& advice, const char* title, Lim
     return text;
 }
 
+std::string ObservedCpu(const GroupUse& group, const LimitAdvice& advice) {
+    int64_t minutes = 0;
+    int64_t held = 0;
+    int64_t heldMs = 0;
+    for (const UsePoint& point : group.points) {
+        if ((point.observed & zel::kModeCpu) == 0 || point.throttledMs < 0) continue;
+        ++minutes;
+        if (point.throttledMs > 0) ++held;
+        heldMs += point.throttledMs;
+    }
+    if (advice.limit == 0 || minutes == 0) return "";
+    return Text("CPU peak %s, p99 %s of %s: held back in %lld of %lld minutes, for %s", Cpu(advice.peak).c_str(),
+                Cpu(advice.p99).c_str(), Cpu(advice.limit).c_str(), static_cast<long long>(held),
+                static_cast<long long>(minutes), HumanDuration(heldMs).c_str());
+}
+
+std::string ObservedMemory(const GroupUse& group, const LimitAdvice& advice) {
+    int64_t kills = 0;
+    bool observed = false;
+    for (const UsePoint& point : group.points) {
+        if ((point.observed & zel::kModeMemory) == 0) continue;
+        observed = true;
+        kills += std::max<int64_t>(0, point.hits);
+    }
+    if (advice.limit == 0 || !observed) return "";
+    return Text("memory peak %s, p99 %s of %s: %lld would have been killed", Memory(advice.peak).c_str(),
+                Memory(advice.p99).c_str(), Memory(advice.limit).c_str(), static_cast<long long>(kills));
+}
+
 }  // namespace
+
+std::string ObservedText(const DayHistory& day, const std::vector<GroupAdvice>& advice) {
+    if (day.observed == 0) return "";
+    std::string text = Text("observed only, nothing is limited: with these limits, in the last %s:\n",
+                            HumanDuration((day.to - day.from) * 1000).c_str());
+    for (size_t i = 0; i < day.groups.size() && i < advice.size(); ++i) {
+        const std::string cpu = ObservedCpu(day.groups[i], advice[i].cpu);
+        const std::string memory = ObservedMemory(day.groups[i], advice[i].memory);
+        if (cpu.empty() && memory.empty()) continue;
+        text += "  " + (advice[i].name.empty() ? std::string("whole agent") : Printable(advice[i].name)) + ": " + cpu +
+                (cpu.empty() || memory.empty() ? "" : "; ") + memory + "\n";
+    }
+    return text;
+}
 
 std::vector<GroupAdvice> MakeAdvice(const DayHistory& day) {
     std::vector<GroupAdvice> advice;
@@ -124,6 +169,8 @@ std::string AdviceText(const DayHistory& day, const std::vector<GroupAdvice>& ad
     }
     text += Text("from %zu recorded minutes of the last %.1f hours\n\n", day.rows,
                  static_cast<double>(day.to - day.from) / 3600);
+    const std::string observed = ObservedText(day, advice);
+    if (!observed.empty()) text += observed + "  when each was: tervanectl events --type would-kill\n\n";
     text += Table(advice, "CPU, of one processor", &GroupAdvice::cpu, Cpu) + "\n";
     text += Table(advice, "memory", &GroupAdvice::memory, Memory) + "\n";
     return text +

@@ -33,6 +33,9 @@ constexpr int64_t kLeastMinutes = 10;
 /// Pure.
 std::vector<GroupAdvice> MakeAdvice(const DayHistory& day);
 
+/// "with these limits, in the last ...", a line for each group; empty where they are in force. Pure.
+std::string ObservedText(const DayHistory& day, const std::vector<GroupAdvice>& advice);
+
 /// A table and what it means. Pure.
 std::string AdviceText(const DayHistory& day, const std::vector<GroupAdvice>& advice);
 

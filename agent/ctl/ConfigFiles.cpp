@@ -28,7 +28,7 @@ constexpr const char* kPlaces[] = {zel::kResourceConfigFileName, zel::kOnlineCon
                                    zel::kComponentsFileName};
 constexpr const char* kAgentKeys[] = {"syslog",          "http.url",        "http.ca_file",  "http.header",
                                       "http.verify_tls", "http.timeout_ms", "textfile.path", "textfile.period_seconds",
-                                      "pressure.memory", "pressure.io",     "pressure.cpu"};
+                                      "pressure.memory", "pressure.io",     "pressure.cpu",  "observe"};
 
 /// Whether a value of it may hold a password: a header's, and that of a key that may have been meant as one.
 bool IsSecret(const std::string& key) {

@@ -160,7 +160,7 @@ private:
 
     void AddAgentKey(const SettableKey& key) {
         static const std::map<std::string, std::string> kDefaults = {
-            {"syslog", "false"}, {"http.url", ""}, {"textfile.path", ""}};
+            {"syslog", "false"}, {"http.url", ""}, {"textfile.path", ""}, {"observe", "false"}};
         ConfigRow row;
         row.key = key.name;
         const bool there = Take(m_agent, key, row);
@@ -168,6 +168,11 @@ private:
         if (!there && byDefault == kDefaults.end()) return;  // of a sink that is off, or at its default
         if (!there) row.value = byDefault->second;
         if (there && key.name == "http.header") row.value = "(set, not shown)";
+        const auto ordered = m_inForce.find(key.name);
+        if (key.name == "observe" && ordered != m_inForce.end() && ordered->second != "0" && row.value != "true") {
+            row.value = "true";
+            row.note = "by --observe of the running agent";
+        }
         if (key.name == "http.timeout_ms") row.unit = "ms";
         if (key.name == "textfile.period_seconds") row.unit = "s";
         m_picture.rows.push_back(row);

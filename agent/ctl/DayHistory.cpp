@@ -112,6 +112,7 @@ DayHistory MakeDayHistory(std::vector<HistoryRow> rows, int64_t since) {
         day.leftOut = std::max(day.leftOut, row.leftOut);
         if (last == nullptr) day.from = row.time;
         day.to = row.time;
+        day.observed = row.observed;
         ++day.rows;
         if (last != nullptr) AddPressure(*last, row, day.pressure);
         for (const zel::CgroupFigures& figures : row.groups) {
@@ -119,9 +120,11 @@ DayHistory MakeDayHistory(std::vector<HistoryRow> rows, int64_t since) {
             const auto before = known.find(figures.name);
             GroupUse& group = groups[figures.name];
             group.name = figures.name;
-            group.points.push_back(MakePoint(before == known.end() ? nullptr : &before->second, figures, row.time));
-            const int64_t hits =
-                figures.limitHits >= 0 || before == known.end() ? figures.limitHits : before->second.hits;
+            // Counts of a limit that is observed are others than those of one in force.
+            const bool same = before != known.end() && last->observed == row.observed;
+            group.points.push_back(MakePoint(same ? &before->second : nullptr, figures, row.time));
+            group.points.back().observed = row.observed;
+            const int64_t hits = figures.limitHits >= 0 || !same ? figures.limitHits : before->second.hits;
             known[figures.name] = {figures, row.time, hits};
         }
         last = &row;

@@ -22,6 +22,7 @@ struct UsePoint {
     int64_t hits = -1;      ///< of the memory limit; since the last row that has them
     int cpuLimit100Times = 0;
     int memoryLimitKb = 0;
+    int observed = 0;  ///< limits that were only observed: throttling and hits are what would have been
 };
 
 struct GroupUse {
@@ -44,6 +45,7 @@ struct DayHistory {
     size_t rows = 0;
     std::vector<GroupUse> groups;  ///< the whole agent first, each group before its components
     std::vector<PressurePoint> pressure;
+    int observed = 0;                   ///< limits that were only observed in the last row
     int64_t leftOut = 0;                ///< groups for which the store had no room
     std::vector<std::string> problems;  ///< what could not be read, in sentences
 };

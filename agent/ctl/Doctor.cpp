@@ -143,6 +143,13 @@ Findings JudgeAgent(const base::Result<StatusReport>& report) {
     }
     Findings found{Ok(Text("the agent runs, process %d, %s", report->pid, report->modeReason.c_str()),
                       Text("mode asked for %d, in force %d", report->mode, report->modeInForce))};
+    if (!report->observation.empty()) {
+        found.push_back(
+            {Severity::kWarning,
+             "limits are observed only: " + report->observation + ", nothing is limited for them, and nobody ended",
+             "answer of the agent to status",
+             "tervanectl advise says what they would have done; take the order back to put them in force"});
+    }
     if (report->tree.present) {
         found.push_back(Ok("layout " + report->tree.layout,
                            "CPU: " + report->tree.cpuPlace + "; memory: " + report->tree.memoryPlace));

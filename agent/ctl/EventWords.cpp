@@ -26,7 +26,8 @@ struct TypeOfKind {
 constexpr TypeOfKind kTypes[] = {
     {zel::kComponentEndMessage, EventKind::kComponentEnd}, {zel::kSelfKillMessage, EventKind::kSelfKill},
     {zel::kThreadStallMessage, EventKind::kStall},         {zel::kUncleanStopMessage, EventKind::kUncleanStop},
-    {zel::kLimitDriftMessage, EventKind::kDrift},          {zel::kHostPressureMessage, EventKind::kPressure}};
+    {zel::kLimitDriftMessage, EventKind::kDrift},          {zel::kHostPressureMessage, EventKind::kPressure},
+    {zel::kObservationMessage, EventKind::kObservation},   {zel::kWouldKillMessage, EventKind::kWouldKill}};
 
 EventKind KindOf(const TailEvent& event, const Json::Value& body) {
     for (const TypeOfKind& known : kTypes) {
@@ -130,6 +131,31 @@ void WordPressure(const Json::Value& body, EventInWords& words) {
                  (FlagIn(body, "goes_on") ? ", for an hour already" : "") + list;
 }
 
+void WordObservation(const Json::Value& body, EventInWords& words) {
+    words.about = {"agent"};
+    const int64_t limits = NumberIn(body, "limits");
+    const bool cpu = (limits & zel::kModeCpu) != 0;
+    const bool memory = (limits & zel::kModeMemory) != 0;
+    words.what = cpu || memory
+                     ? std::string("limits are observed only: ") + (cpu ? "CPU" : "") + (cpu && memory ? " and " : "") +
+                           (memory ? "memory" : "") + ", by " + WordIn(body, "order")
+                     : "limits are put in force, and not only observed any more";
+}
+
+void WordWouldKill(const Json::Value& body, EventInWords& words) {
+    words.about = {WordIn(body, "component")};
+    if (!WordIn(body, "group").empty()) words.about.push_back(WordIn(body, "group"));
+    const bool cpu = WordIn(body, "resource") == "cpu";
+    const auto amount = [&](const char* key) {
+        return cpu ? HumanPercent(NumberIn(body, key)) : HumanBytes(NumberIn(body, key) * 1024);
+    };
+    const std::string pid = std::to_string(NumberIn(body, "pid"));
+    words.what = (WordIn(body, "by") == "itself" ? "process " + pid + " would have ended itself: "
+                                                 : "the kernel would have killed process " + pid + ": ") +
+                 std::string(cpu ? "CPU " : "memory ") + amount("value") + ", the limit of " + amount("limit") +
+                 " is observed only";
+}
+
 }  // namespace
 
 std::string WordIn(const Json::Value& object, const char* key) {
@@ -166,6 +192,8 @@ EventInWords WordEvent(const TailEvent& event) {
         case EventKind::kUncleanStop: WordUncleanStop(body, words); break;
         case EventKind::kDrift: WordDrift(body, words); break;
         case EventKind::kPressure: WordPressure(body, words); break;
+        case EventKind::kObservation: WordObservation(body, words); break;
+        case EventKind::kWouldKill: WordWouldKill(body, words); break;
         case EventKind::kOther: break;
     }
     if (words.kind == EventKind::kHost) words.about = {"host"};

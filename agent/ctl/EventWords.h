@@ -10,11 +10,23 @@
 
 namespace agent {
 
-enum class EventKind { kOom, kHost, kComponentEnd, kSelfKill, kStall, kUncleanStop, kDrift, kPressure, kOther };
+enum class EventKind {
+    kOom,
+    kHost,
+    kComponentEnd,
+    kSelfKill,
+    kStall,
+    kUncleanStop,
+    kDrift,
+    kPressure,
+    kObservation,
+    kWouldKill,
+    kOther
+};
 
 /// Short names as they are shown and typed, in the order of EventKind.
-constexpr const char* kEventKindNames[] = {"oom",          "host",  "component-end", "self-kill", "stall",
-                                           "unclean-stop", "drift", "pressure",      "other"};
+constexpr const char* kEventKindNames[] = {"oom",   "host",     "component-end", "self-kill",  "stall", "unclean-stop",
+                                           "drift", "pressure", "observed",      "would-kill", "other"};
 
 struct EventInWords {
     EventKind kind = EventKind::kOther;

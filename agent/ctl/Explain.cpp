@@ -67,7 +67,7 @@ int Print(const ExplainOptions& options, const Story& story, const TailEvent* ev
 /// What keeps the legacy mode from asking the kernel for a memory limit at all.
 void AddMemoryRefusal(const ExplainOptions& options, const StatusReport& report, const ConfigPicture& picture,
                       Story& story) {
-    if ((report.mode & zel::kModeMemory) == 0 || report.unified || HoldsOwnLimit(report.cgroup.mem)) return;
+    if ((ModeToHold(report) & zel::kModeMemory) == 0 || report.unified || HoldsOwnLimit(report.cgroup.mem)) return;
     if (const std::optional<MemoryPause> pause = ReadMemoryPause(options.appDir, report.now)) {
         story.measured.push_back("the memory limit is " + DescribePause(*pause) + ", as " + pause->path + " has it");
         story.todo.push_back("remove the reason that the log names, then remove " + pause->path + " to try at once");

@@ -24,10 +24,10 @@ void FindMissingLimit(const char* name, const zel::CgroupControllerStatus& contr
 }
 
 void FindLimits(const StatusReport& report, Troubles& found) {
-    if ((report.mode & zel::kModeCpu) != 0) FindMissingLimit("CPU", report.cgroup.cpu, found);
-    if ((report.mode & zel::kModeMemory) != 0) FindMissingLimit("memory", report.cgroup.mem, found);
-    const bool limits = (report.mode & (zel::kModeCpu | zel::kModeMemory)) != 0;
-    if (limits && (report.mode & zel::kModeUnified) != 0 && !report.unified)
+    const int held = ModeToHold(report);
+    if ((held & zel::kModeCpu) != 0) FindMissingLimit("CPU", report.cgroup.cpu, found);
+    if ((held & zel::kModeMemory) != 0) FindMissingLimit("memory", report.cgroup.mem, found);
+    if (held != 0 && (report.mode & zel::kModeUnified) != 0 && !report.unified)
         found.push_back({report.modeReason, "the log says why; reload tries again"});
 }
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <map>
 
+#include "EventWords.h"
 #include "JsonText.h"
 #include "Printable.h"
 #include "Text.h"
@@ -37,7 +38,8 @@ void AddSubject(std::vector<std::string>& subjects, const std::string& name) {
 }
 
 MarkKind KindOf(const TailEvent& event, const Json::Value& body) {
-    if (event.type == zel::kSelfKillMessage) return MarkKind::kKill;
+    if (event.type == zel::kSelfKillMessage || event.type == zel::kWouldKillMessage) return MarkKind::kKill;
+    if (event.type == zel::kObservationMessage) return MarkKind::kConfig;
     if (event.type == zel::kLimitDriftMessage) return MarkKind::kDrift;
     if (event.type == zel::kComponentEndMessage && body["oom"].isObject()) return MarkKind::kOom;
     if (event.type == zel::kComponentEndMessage || event.type == zel::kUncleanStopMessage) return MarkKind::kEnd;
@@ -79,6 +81,7 @@ std::string WordsOf(const TailEvent& event, const Json::Value& body) {
                (body["repaired"].isBool() && body["repaired"].asBool() ? ", repaired" : ", stays") +
                (cause.empty() ? "" : "; " + cause);
     }
+    if (event.type == zel::kObservationMessage || event.type == zel::kWouldKillMessage) return WordEvent(event).what;
     const std::string text = DescribeEvent(event);
     const size_t type = text.find(event.type);
     return type == std::string::npos ? text : text.substr(type);

@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 
+#include "Advice.h"
 #include "ReportStyle.h"
 #include "Text.h"
 
@@ -24,6 +25,7 @@ constexpr size_t kShownLines = 60;   ///< of marks in one chart
 constexpr size_t kShownFindings = 50;
 constexpr size_t kShownProblems = 10;
 constexpr size_t kShownText = 250;  ///< bytes of one mark or finding
+constexpr size_t kShownObserved = 16384;
 constexpr double kPercent = 100;
 constexpr double kKbPerMb = 1024;
 
@@ -341,10 +343,15 @@ std::string DrawGroups(const ReportFacts& facts, const Axis& axis) {
                "<section class=\"card\"><p>No minute of any group is known. Groups are recorded once a minute while "
                "the main process keeps a unified tree (resource_limit_mode has bit 8).</p></section>";
     }
+    const std::string observed = ObservedText(facts.day, MakeAdvice(facts.day));
+    if (!observed.empty())
+        html += "<section class=\"card\"><pre>" + EscapeHtml(observed, kShownObserved) + "</pre></section>";
+    const std::string limit = observed.empty() ? " limit in force" : " limit, observed only";
     html +=
         "<p class=\"key\"><span><svg viewBox=\"0 0 20 10\" aria-hidden=\"true\"><path class=\"lim\" d=\"M0 "
-        "5H20\"/></svg>"
-        " limit in force</span><span>each point is the highest minute in it</span><span>upright lines: the marks "
+        "5H20\"/></svg>" +
+        limit +
+        "</span><span>each point is the highest minute in it</span><span>upright lines: the marks "
         "above</span></p><div class=\"grid\">";
     for (size_t i = 0; i < facts.day.groups.size() && i < kShownGroups; ++i) {
         html += DrawGroup(facts.day.groups[i], facts, axis);

@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <string_view>
 
+#include "HumanText.h"
 #include "Text.h"
+#include "platform/zel/AgentNames.h"
 
 namespace agent {
 
@@ -110,9 +112,46 @@ void AddOwnUse(Lines& lines, const StatusReport& report) {
     }
 }
 
-std::string NoLimit(const char* name, const zel::CgroupControllerStatus& controller) {
+std::string NoLimit(const char* name, const zel::CgroupControllerStatus& controller, bool observed) {
+    if (observed) return std::string(name) + " observed only, no limit is set: " + controller.advice;
     return std::string(name) + " no limit in force: " + controller.reason +
            (controller.advice.empty() ? "" : "; " + controller.advice);
+}
+
+/// What one group's limits would have done.
+std::string ObservedRow(const zel::ObservedGroup& group) {
+    const zel::CgroupFigures& figures = group.figures;
+    std::string text = figures.name.empty() ? "whole agent" : figures.name;
+    if (figures.cpuLimit100Times > 0 && figures.throttledMs >= 0) {
+        text +=
+            Text(": cpu peak %s of %s, held back %s, %.1f s", Percent(group.peakCpu100Times).c_str(),
+                 Percent(figures.cpuLimit100Times).c_str(), HeldBack(figures.throttledPeriods, figures.periods).c_str(),
+                 static_cast<double>(figures.throttledMs) / 1000);
+    }
+    if (figures.memoryLimitKb > 0) {
+        text += Text("%s memory peak %.1f of %.1f MB, %llu would have been killed",
+                     text.find(':') == std::string::npos ? ":" : ";", MbOfKb(group.peakMemoryKb),
+                     MbOfKb(figures.memoryLimitKb), Number(group.memoryKills));
+    }
+    return text;
+}
+
+/// With these limits: what would have been, since they are observed.
+void AddObserved(Lines& lines, const StatusReport& report) {
+    if (report.observed == 0) return;
+    if (report.wouldEnd > 0 || report.sampler.observedHoldBacks > 0) {
+        Add(lines, Text("observed  this process would have ended itself %llu times; work asked %llu times while it "
+                        "would have been told to hold back, and went on",
+                        Number(report.wouldEnd), Number(report.sampler.observedHoldBacks)));
+    }
+    if (report.observedGroups.empty()) return;
+    Add(lines, Text("observed  with these limits, in the last %s:",
+                    HumanDuration(report.observedGroups.front().observedMs).c_str()));
+    for (const zel::ObservedGroup& group : report.observedGroups) {
+        if (group.figures.cpuLimit100Times == 0 && group.figures.memoryLimitKb == 0) continue;
+        Add(lines, "          " + ObservedRow(group),
+            group.memoryKills > 0 || group.figures.throttledPeriods > 0 ? LineKind::kAlarm : LineKind::kPlain);
+    }
 }
 
 void AddOwnGroup(Lines& lines, const StatusReport& report) {
@@ -124,7 +163,7 @@ void AddOwnGroup(Lines& lines, const StatusReport& report) {
                        (cpu.throttledUs < 0 ? ", the kernel keeps no throttling counters"
                                             : Text(", %.1f s", SecondsOfUs(cpu.throttledUs))));
     } else {
-        Add(lines, NoLimit("cpu    ", cpu));
+        Add(lines, NoLimit("cpu    ", cpu, (report.mode & report.observed & zel::kModeCpu) != 0));
     }
     if (memory.limited) {
         Add(lines, Text("memory  limit %.1f MB in %s, used %s; limit reached %s times, %s killed",
@@ -132,7 +171,7 @@ void AddOwnGroup(Lines& lines, const StatusReport& report) {
                         memory.usageBytes < 0 ? "unknown" : Text("%.1f MB", MbOfBytes(memory.usageBytes)).c_str(),
                         Count(memory.limitHits).c_str(), Count(memory.oomKills).c_str()));
     } else {
-        Add(lines, NoLimit("memory ", memory));
+        Add(lines, NoLimit("memory ", memory, (report.mode & report.observed & zel::kModeMemory) != 0));
     }
 }
 
@@ -387,6 +426,7 @@ std::vector<TextLine> MakePicture(const StatusReport& report, const CpuShares& s
     Lines lines;
     AddOwnUse(lines, report);
     AddOwnGroup(lines, report);
+    AddObserved(lines, report);
     AddTree(lines, report, shares, options);
     if (options.cooperation != nullptr && !options.cooperation->empty()) AddCooperation(lines, *options.cooperation);
     AddKept(lines, report);

@@ -300,6 +300,18 @@ Story TellStory(const TailEvent& event, const Json::Value& record, const ConfigP
             story.todo.push_back("give those processes a limit of their own, or the host more of what it waits for; " +
                                  std::string("thresholds: \"pressure\" in conf/agent.json"));
             break;
+        case EventKind::kObservation:
+            story.measured.push_back(words.what);
+            story.done.push_back("told it");
+            story.todo.push_back("tervanectl advise says what the limits would have done");
+            break;
+        case EventKind::kWouldKill:
+            story.measured.push_back(words.what);
+            story.done.push_back("told it, and left the process alone");
+            story.todo.push_back(
+                "raise that limit before it is put in force, or find out why so much is taken: "
+                "tervanectl advise");
+            break;
         case EventKind::kOther: story.measured.push_back(words.what); break;
     }
     return story;

@@ -210,6 +210,24 @@ TEST(AgentMetricsTest, TheKeeperCountsByKind) {
     EXPECT_EQ(expected, values);
 }
 
+TEST(AgentMetricsTest, ObservedLimitsHaveMetricsOfTheirOwn) {
+    zel::ObservedGroup group;
+    group.figures.name = "guard/QorNet";
+    group.figures.cpuLimit100Times = 100;
+    group.figures.throttledMs = 2500;
+    group.figures.memoryLimitKb = 4096;
+    group.memoryKills = 3;
+    EXPECT_TRUE(MakeObservedMetrics(0, {group}).empty());
+    const std::vector<zelhost::Metric> metrics = MakeObservedMetrics(5, {group});
+    ASSERT_EQ(metrics.size(), 3u);
+    EXPECT_EQ(metrics[0].name, std::string("zel_observed_limits"));
+    EXPECT_EQ(metrics[0].value, 5);
+    EXPECT_EQ(metrics[1].value, 2.5);
+    EXPECT_EQ(metrics[2].value, 3);
+    group.figures.memoryLimitKb = 0;
+    EXPECT_EQ(MakeObservedMetrics(1, {group}).size(), 2u) << "of a limit that is not observed none";
+}
+
 TEST(AgentMetricsTest, WhatWorkersWereToldCountsByPriority) {
     std::map<std::string, double> values;
     for (const Metric& metric : MakeHoldBackMetrics({{1, 0}, {20, 1500}, {300, 4000}})) {

@@ -160,6 +160,39 @@ TEST(ReportMarksTest, AChangeOfLimitsIsOneMark) {
     EXPECT_FALSE(Concerns(marks[0], "guard"));
 }
 
+TEST(AdviceTest, SaysWhatObservedLimitsWouldHaveDone) {
+    std::vector<HistoryRow> rows = Rows({{0}, {20, 300, 5000, 1}, {20, 300}, {2}});
+    for (HistoryRow& row : rows) row.observed = 5;
+    for (size_t i = 1; i < 3; ++i) rows[i].groups[0].throttledMs = static_cast<int64_t>(i) * 30000;
+    rows[3].groups[0].throttledMs = 60000;
+    const DayHistory day = MakeDayHistory(rows, kBegin);
+    const std::string text = AdviceText(day, MakeAdvice(day));
+    EXPECT_THAT(text, HasSubstr("observed only, nothing is limited: with these limits, in the last 3 min"));
+    EXPECT_THAT(text, HasSubstr("  guard/QorHips: CPU peak 20.00%, p99 20.00% of 10.00%: held back in 2 of 3 minutes, "
+                                "for 1 min"));
+    EXPECT_THAT(text, HasSubstr("memory peak 4.9M, p99 4.9M of 4.0M: 1 would have been killed"));
+    for (HistoryRow& row : rows) row.observed = 4;
+    const DayHistory memory = MakeDayHistory(rows, kBegin);
+    EXPECT_THAT(AdviceText(memory, MakeAdvice(memory)), HasSubstr("  guard/QorHips: memory peak"));
+    for (HistoryRow& row : rows) row.observed = 0;
+    const DayHistory held = MakeDayHistory(rows, kBegin);
+    EXPECT_EQ("", ObservedText(held, MakeAdvice(held)));
+}
+
+TEST(DayHistoryTest, CountsOfObservedAndHeldLimitsAreNotMixed) {
+    std::vector<HistoryRow> rows = Rows({{5}, {5}, {5, 100, 1024, 2}, {5}});
+    rows[0].observed = rows[1].observed = 5;
+    const DayHistory day = MakeDayHistory(rows, kBegin);
+    const std::vector<UsePoint>& points = day.groups[0].points;
+    EXPECT_EQ(points[1].observed, 5);
+    EXPECT_EQ(points[1].cpu100Times, 500);
+    EXPECT_EQ(points[2].observed, 0);
+    EXPECT_EQ(points[2].cpu100Times, -1);
+    EXPECT_EQ(points[2].hits, -1);
+    EXPECT_EQ(points[3].cpu100Times, 500);
+    EXPECT_EQ(day.observed, 0);
+}
+
 TEST(AdviceTest, ProposesTheNeedWithHeadRoom) {
     std::vector<Minute> minutes(200, Minute{2, 0, 2048, 0});
     minutes[50] = {3, 0, 3000, 0};

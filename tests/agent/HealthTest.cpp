@@ -67,6 +67,24 @@ void Want(StatusReport& report, const char* controller, int amount) {
 
 }  // namespace
 
+TEST(HealthTest, WhatIsOnlyObservedIsNoTroubleAndSaidToBeSo) {
+    StatusReport report = Healthy();
+    report.unified = false;
+    report.tree = {};
+    report.cgroup.cpu.limited = report.cgroup.mem.limited = false;
+    report.observed = zel::kModeCpu | zel::kModeMemory;
+    report.observation = "CPU and memory (by --observe)";
+    EXPECT_THAT(FindTrouble(report), IsEmpty());
+    EXPECT_EQ("mode 13: observed only: CPU and memory (by --observe), nothing is limited for it", DescribeMode(report));
+    report.observed = zel::kModeCpu;
+    report.observation = "CPU (by --observe)";
+    const auto found = FindTrouble(report);
+    ASSERT_FALSE(found.empty()) << "the other limit is missing";
+    EXPECT_THAT(found[0].what, HasSubstr("memory limit is asked for and not in force"));
+    EXPECT_THAT(DescribeMode(report), HasSubstr("not in force; no limit holds"));
+    EXPECT_THAT(DescribeMode(report), HasSubstr("observed only: CPU (by --observe)"));
+}
+
 TEST(HealthTest, WhatIsAsItWasAskedForIsNoFinding) {
     StatusReport report = Healthy();
     Want(report, "cpu", 560);

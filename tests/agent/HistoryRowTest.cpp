@@ -40,9 +40,11 @@ TEST(HistoryRowTest, GivesBackWhatWasWritten) {
     row.groups[1].limitHits = -1;
     row.groups[1].cpuLimit100Times = 0;
     row.pressure = {1000, 200, -1, 30, 4};
+    row.observed = 4;
     const base::Result<HistoryRow> read = ParseHistoryRow(1700000000, Store(row));
     ASSERT_TRUE(read) << read.GetError().Text();
     EXPECT_EQ(read->time, 1700000000);
+    EXPECT_EQ(read->observed, 4);
     ASSERT_EQ(read->groups.size(), 3u);
     for (size_t i = 0; i < 3; ++i) {
         const zel::CgroupFigures& was = row.groups[i];

@@ -72,6 +72,11 @@ StatusReport FullReport() {
     report.delivery.inMemory = 7;
     report.delivery.spoolBroken = true;
     report.delivery.sinks = {{"jsonl", 1, 2, 3, "no space"}};
+    report.observed = 4;
+    report.observation = "memory (by --observe)";
+    report.observedGroups = {{{"guard", 100, 200, 1, 2, 3, 4, 5, 6}, 7, 8, 9, 10, 11}};
+    report.wouldEnd = 12;
+    report.sampler.observedHoldBacks = 13;
     report.mainSilentSeconds = 31;
     report.samplingSilentSeconds = 32;
     report.components = {{"QorNet", "collect-defense", ComponentState::kRunning, 99, 1, 2, true, 9, 3, 4, true,

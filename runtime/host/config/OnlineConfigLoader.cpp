@@ -15,6 +15,7 @@
 #include "base/ProcFiles.h"
 #include "base/TrustedRead.h"
 #include "config/OnlineClientConfImpl.h"
+#include "platform/zel/CgroupObserve.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ProcessLoop.h"
 
@@ -320,6 +321,8 @@ base::Status COnlineConfigLoader::Refuse(const std::string& reason, bool force) 
 void COnlineConfigLoader::Accept(const OnlineValues& values, bool force) {
     m_values = values;
     const bool changed = m_conf.GetImpl()->Apply(m_values);
+    // Before anybody applies limits: what is only observed is not put in force for a moment either.
+    zel::ObserveLimits(zel::ObservationOrder::kOnlineConfig, static_cast<int>(m_conf.observedLimits.Get()));
     if (changed || force) m_conf.GetImpl()->Notify();
 }
 

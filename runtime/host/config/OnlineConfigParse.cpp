@@ -35,6 +35,7 @@ constexpr OnlineKey kKeys[kOnlineKeyCount] = {
     Publish(zel::kMaxFdKey, &C::maxFdCount),
     Publish(zel::kMaxPidCheckKey, &C::maxPidCheck),
     Publish(zel::kHashModeKey, &C::hashMode),
+    Publish(zel::kObservedLimitsKey, &C::observedLimits),
     Publish(zel::kCpuLimitEnabledKey, &C::cpuLimitEnabled),
     Publish(zel::kAvailableMemThresholdKey, &C::availableMemThreshold),
     Publish(zel::kOsAbnormalReportIntervalKey, &C::osAbnormalReportInterval),

@@ -22,7 +22,7 @@ struct OnlineKey {
     bool isSwitch;   ///< takes true and false too
 };
 
-constexpr size_t kOnlineKeyCount = 15;
+constexpr size_t kOnlineKeyCount = 16;
 /// Bytes of the largest file that is read; a full file is below 1 KiB.
 constexpr size_t kOnlineFileMaxBytes = 64 * 1024;
 

@@ -3,7 +3,25 @@
 
 #include <algorithm>
 
+#include "platform/host/HostServices.h"
+#include "platform/zel/AgentNames.h"
+#include "platform/zel/CgroupObserve.h"
+
 namespace zelhost {
+
+namespace {
+
+thread_local int t_uncounted = 0;  // CUncountedQueries of this thread
+
+}  // namespace
+
+CUncountedQueries::CUncountedQueries() {
+    ++t_uncounted;
+}
+
+CUncountedQueries::~CUncountedQueries() {
+    --t_uncounted;
+}
 
 void CLevels::Begin(const Totals& totals) {
     m_rounds.Clear();
@@ -11,6 +29,7 @@ void CLevels::Begin(const Totals& totals) {
     m_rounds.Push(totals);
     m_minutes.Push(totals);
     m_highRun = 0;
+    m_cpuLevel = 0;
     base::MutexLock lock(m_infoLock);
     m_info = ResourceMonitorInfo();
     m_infoValid = false;
@@ -27,21 +46,32 @@ void CLevels::Judge(RoundFigures& round) {
 void CLevels::ForgetLevels() {
     m_levels.cpu.store(ResourceUsageLevels::kNotJudged, std::memory_order_relaxed);
     m_levels.mem.store(ResourceUsageLevels::kNotJudged, std::memory_order_relaxed);
+    m_wouldHoldBack.store(false, std::memory_order_relaxed);
+    m_cpuLevel = 0;
+}
+
+int CLevels::AnswerUnjudgedCpu() {
+    const bool counts = t_uncounted == 0 && m_wouldHoldBack.load(std::memory_order_relaxed);
+    if (counts) m_observedHoldBacks.fetch_add(1, std::memory_order_relaxed);
+    return 0;
 }
 
 void CLevels::JudgeLevels(RoundFigures& round) {
     SamplerFigures& now = round.figures;
-    const auto before = [](const std::atomic<int>& level) {
-        return std::max(level.load(std::memory_order_relaxed), 0);
-    };
-    const int cpuLevel = NextLevel(before(m_levels.cpu), now.cpu100Times, m_rules.MaxCpu100());
-    const int memLevel = NextLevel(before(m_levels.mem), now.memKb, m_rules.MaxMemKb());
+    const int cpuLevel = NextLevel(m_cpuLevel, now.cpu100Times, m_rules.MaxCpu100());
+    const int memBefore = std::max(m_levels.mem.load(std::memory_order_relaxed), 0);
+    const int memLevel = NextLevel(memBefore, now.memKb, m_rules.MaxMemKb());
     // The first round spans no time worth judging.
     const int judged = round.tick == 0 ? 0 : cpuLevel;
-    m_levels.cpu.store(judged, std::memory_order_relaxed);
+    m_cpuLevel = judged;
+    // Without a level the workers ask the platform, which counts what they would have been told.
+    const bool kept = judged != 0 && (zel::ObservedLimits() & zel::kModeCpu) != 0;
+    m_wouldHoldBack.store(kept, std::memory_order_relaxed);
+    m_levels.cpu.store(kept ? ResourceUsageLevels::kNotJudged : judged, std::memory_order_relaxed);
     m_levels.mem.store(memLevel, std::memory_order_relaxed);
     now.cpuLevel = judged;
     now.memLevel = memLevel;
+    now.observedHoldBacks = ObservedHoldBacks();
     if (judged >= 1) ++now.cpuWarnCount;
     if (judged == 2) ++now.cpuHighCount;
     m_highRun = judged == 2 ? m_highRun + 1 : 0;

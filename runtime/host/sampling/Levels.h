@@ -29,6 +29,12 @@ public:
     /// Returns: whether the minute's average spans a whole minute.
     bool WholeMinute() const { return m_rounds.Reaches(kMinuteRounds); }
 
+    /// Work asks while no level is published. Counts it where that is so for an observed limit. Returns: the level to
+    /// answer with.
+    int AnswerUnjudgedCpu();
+    /// Returns: how often work would have been told to hold back.
+    uint64_t ObservedHoldBacks() const { return m_observedHoldBacks.load(std::memory_order_relaxed); }
+
     bool HighAllRound() const { return m_highAllRound.load(std::memory_order_relaxed); }
     bool BusyLastHour() const { return m_busyLastHour.load(std::memory_order_relaxed); }
     bool MinuteBusy() const { return m_minuteBusy.load(std::memory_order_relaxed); }
@@ -52,6 +58,8 @@ private:
     std::atomic<bool> m_busyLastHour{false};
     std::atomic<bool> m_minuteBusy{false};
     std::atomic<bool> m_windowBusy{false};
+    std::atomic<bool> m_wouldHoldBack{false};  // the level is kept from the workers, and is not 0
+    std::atomic<uint64_t> m_observedHoldBacks{0};
 
     base::Mutex m_infoLock;
     ResourceMonitorInfo m_info ZEL_GUARDED_BY(m_infoLock);
@@ -61,6 +69,7 @@ private:
     TotalsRing<kMinuteRounds + 1> m_rounds;
     TotalsRing<kHourMinutes + 1> m_minutes;
     uint64_t m_highRun = 0;  // rounds in a row at level 2
+    int m_cpuLevel = 0;      // of the last round; published or not
 };
 
 }  // namespace zelhost

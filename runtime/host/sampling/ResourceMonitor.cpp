@@ -104,7 +104,7 @@ int CResourceMonitor::GetMaxMem() {
 }
 // Workers must not hold back on the word of a round that nobody makes.
 int CResourceMonitor::CpuLevelUnjudged() {
-    return 0;
+    return m_impl->m_sampler.Levels().AnswerUnjudgedCpu();
 }
 int CResourceMonitor::MemLevelUnjudged() {
     return 0;

@@ -118,6 +118,7 @@ struct SamplerFigures {
     uint64_t stalledThreads = 0;  ///< of these, silent for too long now
     uint64_t selfKillWarnings = 0;
     uint64_t selfKillRequests = 0;
+    uint64_t observedHoldBacks = 0;  ///< times work was not told to hold back, as the CPU limit is only observed
 };
 
 struct SinkStats {

@@ -85,4 +85,14 @@ private:
     std::unique_ptr<Impl> m_impl;
 };
 
+/// While it is there, what this thread asks of the usage levels is no work's question: it is not counted among those in
+/// which an observed limit would have told it to hold back.
+class ZEL_API CUncountedQueries {
+public:
+    CUncountedQueries();
+    ~CUncountedQueries();
+    CUncountedQueries(const CUncountedQueries&) = delete;
+    CUncountedQueries& operator=(const CUncountedQueries&) = delete;
+};
+
 }  // namespace zelhost

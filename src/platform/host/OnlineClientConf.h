@@ -56,6 +56,7 @@ public:
     CAtomicInt64<long> availableMemThreshold;     ///< MB
     CAtomicInt64<long> osAbnormalReportInterval;  ///< ticks of a little over 2 s
     CAtomicInt64<long> osAbnormalSwitch;          ///< bit 0: OS abnormal monitor on
+    CAtomicInt64<long> observedLimits;            ///< bit set: limits that are only observed; the host's own matter
 
     struct ZEL_HIDDEN Impl;
     /// For the host's own loader. Returns: null in a process that loads none.

@@ -80,6 +80,8 @@ inline constexpr LimitKey kGroupMaxCpuKey =
     NumberKey(nullptr, "groupMaxCpu", "percent", 0, kMaxCpuPercent, kMaxCpuKey.byDefault);
 inline constexpr LimitKey kGroupMaxMemoryKey =
     NumberKey(nullptr, "groupMaxMemory", "MB", 0, kMaxMemoryMb, kMaxMemoryKey.byDefault);
+/// The bits of resource_limit_mode that name a limit.
+inline constexpr LimitKey kObservedLimitsKey = NumberKey(nullptr, "observedLimits", "bit set", 0, 5, 0);
 inline constexpr LimitKey kCpuLimitEnabledKey = SwitchKey(nullptr, "cpuLimitEnabled", 1);
 inline constexpr LimitKey kAvailableMemThresholdKey =
     NumberKey(nullptr, "availableMemThreshold", "MB", 0, kMaxMemoryMb, 200);
@@ -105,6 +107,7 @@ inline constexpr const LimitKey* kLimitKeys[] = {
     &kComponentsKey,
     &kGroupMaxCpuKey,
     &kGroupMaxMemoryKey,
+    &kObservedLimitsKey,
     &kCpuLimitEnabledKey,
     &kAvailableMemThresholdKey,
     &kOsAbnormalReportIntervalKey,

@@ -18,7 +18,10 @@
 #include "HostSupport.h"
 #include "base/Fd.h"
 #include "base/FileIo.h"
+#include "platform/host/HostServices.h"
 #include "platform/host/ResourceEventSink.h"
+#include "platform/zel/AgentNames.h"
+#include "platform/zel/CgroupObserve.h"
 
 using std::chrono::milliseconds;
 using support::Burn;
@@ -230,6 +233,36 @@ TEST_F(SamplerTest, LevelsFollowTheLoadAndTheSettings) {
     EXPECT_GT(Figures().cpuHighCount, 0u);
     m_monitor.StopMonitor();
     EXPECT_EQ(m_monitor.GetCpuUsageLevel(), 0);
+}
+
+TEST_F(SamplerTest, ObservedCpuLimitTellsNobodyToHoldBack) {
+    zel::ObserveLimits(zel::ObservationOrder::kAgent, zel::kModeCpu);
+    m_monitor.SetMaxCpu(1);
+    ASSERT_TRUE(m_monitor.StartMonitor(nullptr));
+    const bool counted = Eventually([&] {
+        Burn(milliseconds(10));
+        EXPECT_EQ(m_monitor.GetCpuUsageLevel(), 0);
+        return Figures().observedHoldBacks > 0;
+    });
+    EXPECT_TRUE(counted);
+    EXPECT_GT(Figures().cpuWarnCount, 0u) << "it is judged all the same";
+    // What a status asks is no work's question.
+    ASSERT_TRUE(Rounds(2));
+    const uint64_t before = Figures().observedHoldBacks;
+    {
+        const zelhost::CUncountedQueries uncounted;
+        for (int i = 0; i < 20; ++i) {
+            Burn(milliseconds(10));
+            EXPECT_EQ(m_monitor.GetCpuUsageLevel(), 0);
+        }
+    }
+    ASSERT_TRUE(Rounds(2));
+    EXPECT_EQ(before, Figures().observedHoldBacks);
+    zel::ObserveLimits(zel::ObservationOrder::kAgent, 0);
+    EXPECT_TRUE(Eventually([&] {
+        Burn(milliseconds(10));
+        return m_monitor.GetCpuUsageLevel() > 0;
+    }));
 }
 
 TEST_F(SamplerTest, WholeMachinePercentagesAreDividedByTheCpus) {

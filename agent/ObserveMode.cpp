@@ -1,0 +1,97 @@
+// Orders, lines and messages of observe mode.
+#include "ObserveMode.h"
+
+#include <json/value.h>
+
+#include <atomic>
+#include <ctime>
+
+#include "AgentLog.h"
+#include "EventSink.h"
+#include "SteadyTime.h"
+#include "platform/zel/AgentNames.h"
+
+namespace agent {
+
+namespace {
+
+constexpr int kBoth = zel::kModeCpu | zel::kModeMemory;
+
+std::atomic<bool> g_byCommandLine{false};
+
+std::string OrderOf() {
+    const bool agent = zel::ObservedLimits(zel::ObservationOrder::kAgent) != 0;
+    const bool online = zel::ObservedLimits(zel::ObservationOrder::kOnlineConfig) != 0;
+    std::string order = !agent ? "" : g_byCommandLine ? "--observe" : "observe in conf/agent.json";
+    if (online) order += std::string(order.empty() ? "" : " and ") + "observedLimits in the online configuration";
+    return order;
+}
+
+}  // namespace
+
+std::string NameLimits(int limits) {
+    const bool cpu = (limits & zel::kModeCpu) != 0;
+    const bool memory = (limits & zel::kModeMemory) != 0;
+    return cpu && memory ? "CPU and memory" : cpu ? "CPU" : memory ? "memory" : "";
+}
+
+std::string DescribeObservation() {
+    const int limits = zel::ObservedLimits();
+    return limits == 0 ? "" : NameLimits(limits) + " (by " + OrderOf() + ")";
+}
+
+std::string FormatObservation(int limits, const std::string& order, int64_t now) {
+    Json::Value body(Json::objectValue);
+    body["detect_time"] = Json::Int64(now);
+    body["limits"] = limits;
+    body["order"] = order;
+    return body.toStyledString();
+}
+
+std::string FormatWouldKill(const zel::ObservedKill& kill, int64_t now) {
+    Json::Value body(Json::objectValue);
+    body["detect_time"] = Json::Int64(now);
+    body["component"] = kill.component;
+    body["pid"] = kill.pid;
+    body["group"] = kill.group;
+    body["resource"] = "memory";
+    body["value"] = Json::Int64(kill.usedKb);
+    body["limit"] = Json::Int64(kill.limitKb);
+    body["by"] = "kernel";
+    return body.toStyledString();
+}
+
+void ObserveMode::Order(bool byFile) {
+    g_byCommandLine = m_commandLine;
+    zel::ObserveLimits(zel::ObservationOrder::kAgent, m_commandLine || byFile ? kBoth : 0);
+}
+
+bool ObserveMode::Follow() {
+    const bool tellComponents = zel::FollowObservedLimits();
+    const int now = zel::ObservedLimits();
+    if (now == m_told) return tellComponents;
+    LogLine(now != 0 ? "limits are only observed: " + DescribeObservation() +
+                           "; nothing of them is written, nobody is limited or ended for them"
+                     : std::string("limits are not only observed any more: what is asked for is put in force"),
+            zel::kLogInfo);
+    if (m_isMain) Deliver(zel::kObservationMessage, FormatObservation(now, OrderOf(), time(nullptr)));
+    m_told = now;
+    return tellComponents;
+}
+
+void ObserveMode::Tick(int64_t second, const std::vector<zel::CgroupMember>& members) {
+    if (zel::ObservedLimits() == 0 || second < m_nextLook) return;
+    m_nextLook = NextOfRhythm(second, m_everySeconds);
+    std::vector<zel::ObservedKill> kills;
+    zel::ObserveComponents(members, kills);
+    for (const zel::ObservedKill& kill : kills) {
+        LogLine("the kernel would have killed process " + std::to_string(kill.pid) + " of component " + kill.component +
+                    ": " + std::to_string(kill.usedKb) + " KB in use, the memory limit of " +
+                    (kill.group.empty() ? std::string("the whole agent") : kill.group) + " is " +
+                    std::to_string(kill.limitKb) + " KB and only observed",
+                zel::kLogWarning);
+        Deliver(zel::kWouldKillMessage, FormatWouldKill(kill, time(nullptr)));
+    }
+}
+
+}  // namespace agent
