@@ -333,7 +333,10 @@ TEST_F(MetricsTest, EveryMetricOfARunningAgentIsDocumented) {
                                             "zel_cgroup_memory_usage_bytes",
                                             "zel_cgroup_cpu_throttled_periods_total",
                                             "zel_cgroup_cpu_throttled_seconds_total",  // this host's groups
-                                            "zel_host_stalls_total",                   // a kernel without figures
+                                            "zel_observed_limits",                     // limits that are only observed
+                                            "zel_observed_throttled_seconds_total",
+                                            "zel_observed_memory_kills_total",
+                                            "zel_host_stalls_total",  // a kernel without figures
                                             "zel_statistics_last_collection_timestamp_seconds",
                                             "zel_statistic"};  // once a minute
     for (const auto& [name, type] : documented) {

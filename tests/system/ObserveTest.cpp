@@ -8,7 +8,7 @@
 namespace agenttest {
 namespace {
 
-using testing::Each;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -60,9 +60,14 @@ TEST_F(ObserveTest, NothingIsLimitedAndTheReportNamesBoth) {
     EXPECT_THAT(text, HasSubstr("QorHips: cpu peak"));
     EXPECT_THAT(text, HasSubstr("1 would have been killed"));
     EXPECT_THAT(text, Not(HasSubstr("not in force")));
-    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return RunConsole({"check"}, text) == 0; })) << text;
+    RunConsole({"check"}, text);
+    EXPECT_THAT(text, Not(HasSubstr("limit is asked for")));
     RunConsole({"doctor"}, text);
     EXPECT_THAT(text, HasSubstr("limits are observed only: CPU and memory (by --observe)"));
+    RunConsole({"metrics"}, text);
+    EXPECT_THAT(text, ContainsRegex("zel_observed_limits[^ ]* 5\n"));
+    EXPECT_THAT(text, ContainsRegex("zel_limit_mode[^ ]* 0\n"));
+    EXPECT_THAT(text, ContainsRegex("zel_observed_memory_kills_total[^ ]*\"QorNet\"[^ ]* 1\n"));
     RunConsole({"config", "show"}, text);
     EXPECT_THAT(text, HasSubstr("by --observe of the running agent"));
     EXPECT_EQ(0, RunConsole({"events", "--type", "would-kill"}, text));
@@ -103,7 +108,8 @@ TEST_F(ObserveTest, OneLimitIsObservedByTheOnlineConfiguration) {
     EXPECT_EQ(0, group["cpu_limit_100times"].asInt());
     EXPECT_GT(group["memory_limit_kb"].asInt(), 0);
     std::string text;
-    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return RunConsole({"check"}, text) == 0; })) << text;
+    RunConsole({"check"}, text);
+    EXPECT_THAT(text, Not(HasSubstr("limit is asked for")));
     EXPECT_THAT(Status()["mode_reason"].asString(), HasSubstr("observed only: memory (by observedLimits"));
     WriteOnline("{}");
     EXPECT_TRUE(Poll(kSettleSeconds, [&] { return !ProcessesIn(MemoryRoot() + leaf).empty(); })) << Ask({"status"});
