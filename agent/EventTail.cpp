@@ -1,4 +1,4 @@
-// Reading and wording of delivered events.
+// Reading of delivered events.
 #include "EventTail.h"
 
 #include <json/json.h>
@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <ctime>
 
 #include "JsonText.h"
 #include "base/FileIo.h"
@@ -26,14 +25,6 @@ bool ParseObject(const std::string& text, Json::Value& value) {
 
 std::string Word(const Json::Value& value) {
     return value.isString() ? value.asString() : "";
-}
-
-std::string Clock(long long seconds) {
-    time_t time = static_cast<time_t>(seconds);
-    tm local{};
-    char text[32] = "";
-    if (localtime_r(&time, &local) != nullptr) strftime(text, sizeof text, "%F %T", &local);
-    return text;
 }
 
 /// The last bytes of a file; empty when it cannot be read.
@@ -74,29 +65,6 @@ std::vector<TailEvent> ReadEventTail(const std::string& path, size_t count) {
         end = before;
     }
     return events;
-}
-
-std::string DescribeEvent(const TailEvent& event) {
-    std::string text = Clock(event.time) + " " + event.type;
-    Json::Value body;
-    if (!ParseObject(event.body, body)) return text;
-    if (body.isMember("items") && body["items"].isObject()) {  // kills for memory in control groups
-        text += " " + Word(body["type"]) + ":";
-        for (const std::string& key : body["items"].getMemberNames()) {
-            const Json::Value& item = body["items"][key];
-            if (!item.isObject() || !item["oom_kill_delta"].isInt64()) continue;
-            bool parent = item["parent"].isBool() && item["parent"].asBool();
-            text += " " + (parent ? std::string("whole agent") : Word(item["group"])) + " +" +
-                    std::to_string(item["oom_kill_delta"].asInt64());
-        }
-        return text;
-    }
-    for (const std::string& key : body.getMemberNames()) {
-        const Json::Value& value = body[key];
-        if (key == "stack" || key == "detect_time" || value.isObject() || value.isArray()) continue;
-        text += " " + key + "=" + (value.isString() ? value.asString() : value.isNull() ? "" : value.asString());
-    }
-    return text;
 }
 
 }  // namespace agent

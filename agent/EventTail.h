@@ -21,7 +21,4 @@ bool ParseEventLine(const std::string& line, TailEvent& event);
 /// last 256 KB of the file only.
 std::vector<TailEvent> ReadEventTail(const std::string& path, size_t count);
 
-/// One line for an operator: time, what happened, where. Pure.
-std::string DescribeEvent(const TailEvent& event);
-
 }  // namespace agent

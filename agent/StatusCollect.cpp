@@ -12,6 +12,7 @@
 #include "ComponentCare.h"
 #include "EventSink.h"
 #include "EventTail.h"
+#include "EventWords.h"
 #include "HostPressure.h"
 #include "LogTail.h"
 #include "ObserveMode.h"

@@ -8,6 +8,7 @@
 #include "AgentConfig.h"
 #include "ComponentsConfig.h"
 #include "EventTail.h"
+#include "EventWords.h"
 #include "FuzzSupport.h"
 #include "LoadProfile.h"
 #include "OomRecord.h"

@@ -7,10 +7,7 @@
 #include <map>
 
 #include "EventWords.h"
-#include "JsonText.h"
-#include "Printable.h"
 #include "Text.h"
-#include "platform/zel/AgentNames.h"
 
 namespace agent {
 
@@ -37,14 +34,18 @@ void AddSubject(std::vector<std::string>& subjects, const std::string& name) {
     if (!name.empty() && subjects.size() < kMostGroups) subjects.push_back(name);
 }
 
-MarkKind KindOf(const TailEvent& event, const Json::Value& body) {
-    if (event.type == zel::kSelfKillMessage || event.type == zel::kWouldKillMessage) return MarkKind::kKill;
-    if (event.type == zel::kObservationMessage) return MarkKind::kConfig;
-    if (event.type == zel::kLimitDriftMessage) return MarkKind::kDrift;
-    if (event.type == zel::kComponentEndMessage && body["oom"].isObject()) return MarkKind::kOom;
-    if (event.type == zel::kComponentEndMessage || event.type == zel::kUncleanStopMessage) return MarkKind::kEnd;
-    const bool ofGroups = body.isMember("items") && body["items"].isObject();
-    return event.type == zel::kOsAbnormalMessage && ofGroups ? MarkKind::kOom : MarkKind::kHost;
+/// A component that ended for want of memory is marked as that.
+MarkKind KindOf(EventKind kind, const Json::Value& body) {
+    switch (kind) {
+        case EventKind::kOom: return MarkKind::kOom;
+        case EventKind::kSelfKill:
+        case EventKind::kWouldKill: return MarkKind::kKill;
+        case EventKind::kObservation: return MarkKind::kConfig;
+        case EventKind::kDrift: return MarkKind::kDrift;
+        case EventKind::kComponentEnd: return body["oom"].isObject() ? MarkKind::kOom : MarkKind::kEnd;
+        case EventKind::kUncleanStop: return MarkKind::kEnd;
+        default: return MarkKind::kHost;
+    }
 }
 
 /// Whose limit it was is named by its leaf, else by its group.
@@ -60,31 +61,6 @@ std::vector<std::string> SubjectsOf(const Json::Value& body) {
     AddSubject(subjects, component.empty() ? Word(body["group"]) : component);
     AddSubject(subjects, Word(body["process"]));
     return subjects;
-}
-
-std::string Number(const Json::Value& value) {
-    return value.isInt64() ? std::to_string(value.asInt64()) : "?";
-}
-
-/// What is told of an event beside its time and its kind.
-std::string WordsOf(const TailEvent& event, const Json::Value& body) {
-    if (event.type == zel::kComponentEndMessage) return Word(body["component"]) + ": " + Word(body["reason"]);
-    if (event.type == zel::kSelfKillMessage) {
-        return Word(body["process"]) + ": " + Word(body["resource"]) + " " + Number(body["value"]) + " above " +
-               Number(body["limit"]) + " for " + Number(body["sustained_ms"]) + " ms";
-    }
-    if (event.type == zel::kLimitDriftMessage) {
-        const std::string where = Word(body["component"]).empty() ? Word(body["path"]) : Word(body["component"]);
-        const std::string cause = Word(body["cause"]);
-        return where + ": " + Word(body["kind"]) + " was " + Word(body["found"]) + ", asked for " +
-               Word(body["wanted"]) +
-               (body["repaired"].isBool() && body["repaired"].asBool() ? ", repaired" : ", stays") +
-               (cause.empty() ? "" : "; " + cause);
-    }
-    if (event.type == zel::kObservationMessage || event.type == zel::kWouldKillMessage) return WordEvent(event).what;
-    const std::string text = DescribeEvent(event);
-    const size_t type = text.find(event.type);
-    return type == std::string::npos ? text : text.substr(type);
 }
 
 std::string LimitText(int cpu100Times, int memoryKb, bool cpu) {
@@ -107,12 +83,13 @@ std::vector<Mark> MarksOfEvents(const std::vector<TailEvent>& events, int64_t si
     std::vector<Mark> marks;
     for (const TailEvent& event : events) {
         if (event.time < since) continue;
-        const base::Result<Json::Value> parsed = ParseJson(event.body);
-        const Json::Value body = parsed && parsed->isObject() ? *parsed : Json::Value(Json::objectValue);
+        const Json::Value parsed = EventBody(event);
+        const Json::Value body = parsed.isObject() ? parsed : Json::Value(Json::objectValue);
+        const EventInWords words = WordEvent(event);
         Mark mark;
         mark.time = event.time;
-        mark.kind = KindOf(event, body);
-        mark.text = Printable(WordsOf(event, body)).substr(0, kMostTextBytes);
+        mark.kind = KindOf(words.kind, body);
+        mark.text = (words.about[0] + ": " + words.what).substr(0, kMostTextBytes);
         mark.subjects = SubjectsOf(body);
         marks.push_back(std::move(mark));
     }

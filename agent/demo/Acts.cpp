@@ -5,9 +5,9 @@
 #include <ctime>
 
 #include "ctl/EventLog.h"
-#include "ctl/EventWords.h"
-#include "ctl/HumanText.h"
-#include "ctl/Text.h"
+#include "EventWords.h"
+#include "HumanText.h"
+#include "Text.h"
 #include "base/Clock.h"
 #include "base/FileIo.h"
 #include "platform/zel/AgentNames.h"
@@ -151,7 +151,8 @@ base::Status ShowStart(Stage& stage, Narrator& narrator) {
         report = *status;
         if (runsSince == 0) runsSince = NowMs();
         const bool limited = (report.modeInForce & zel::kModeUnified) != 0;
-        return AllAreInTheirGroups(report) || (!limited && NowMs() - runsSince > kSettleSeconds * kMsPerSecond);
+        return (AllAreInTheirGroups(report) && stage.Ask(kPolite) && stage.Ask(kGreedy)) ||
+               (!limited && NowMs() - runsSince > kSettleSeconds * kMsPerSecond);
     });
     stage.Remember(report);
     const zel::CgroupNodeStatus* whole = FindNode(report, "");

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <ctime>
 
-#include "ctl/Text.h"
+#include "Text.h"
 #include "ctl/View.h"
 #include "base/Clock.h"
 

@@ -131,7 +131,7 @@ TEST(ReportMarksTest, EventsAreMarksOfTheirGroups) {
     };
     const Mark end = mark("T_MSG_COMPONENT_END", R"({"component":"QorNet","reason":"exit code 3"})");
     EXPECT_EQ(end.kind, MarkKind::kEnd);
-    EXPECT_EQ(end.text, "QorNet: exit code 3");
+    EXPECT_THAT(end.text, HasSubstr("QorNet: process 0 ended: exit code 3"));
     EXPECT_TRUE(Concerns(end, "guard/QorNet"));
     EXPECT_FALSE(Concerns(end, "guard/QorHips"));
     EXPECT_FALSE(Concerns(end, ""));
@@ -142,8 +142,8 @@ TEST(ReportMarksTest, EventsAreMarksOfTheirGroups) {
     EXPECT_EQ(mark("T_MSG_SELF_KILL", R"({"process":"QorNet","resource":"cpu","value":9})").kind, MarkKind::kKill);
     const Mark drift = mark("T_MSG_LIMIT_DRIFT", R"({"component":"QorNet","kind":"memory","repaired":true})");
     EXPECT_EQ(drift.kind, MarkKind::kDrift);
-    EXPECT_THAT(drift.text, HasSubstr("QorNet: memory was "));
-    EXPECT_THAT(drift.text, HasSubstr(", repaired"));
+    EXPECT_THAT(drift.text, HasSubstr("QorNet: the memory limit was "));
+    EXPECT_THAT(drift.text, HasSubstr("; put right"));
     EXPECT_EQ(mark("T_MSG_OS_ABNORMAL", "no json").kind, MarkKind::kHost);
     EXPECT_TRUE(Concerns(mark("T_MSG_UNCLEAN_STOP", "{}"), "guard")) << "the whole agent's is everybody's";
 }

@@ -48,19 +48,3 @@ TEST_F(EventTailTest, ReadsTheEndOfALongFileOnly) {
     ASSERT_EQ(3u, events.size());
     EXPECT_EQ("a-19999", events[2].id);
 }
-
-TEST_F(EventTailTest, DescribesKillsAndMeasurementsAndBearsOddBodies) {
-    TailEvent event;
-    event.type = "T_MSG_OS_ABNORMAL";
-    event.body =
-        "{\"type\":\"multi_cgroup_oom_runtime\",\"items\":{\"k\":{\"group\":\"main\",\"oom_kill_delta\":2,"
-        "\"parent\":false},\"p\":{\"group\":\"x\",\"oom_kill_delta\":2,\"parent\":true}}}";
-    EXPECT_NE(std::string::npos, DescribeEvent(event).find("multi_cgroup_oom_runtime: main +2 whole agent +2"));
-    event.body = "{\"mem_usage\":91,\"available_mem\":12}";
-    EXPECT_NE(std::string::npos, DescribeEvent(event).find("available_mem=12 mem_usage=91"));
-    for (const char* body :
-         {"", "null", "[]", "{\"items\":[1]}", "{\"items\":{\"k\":5}}", "{\"a\":null,\"b\":{\"c\":1}}"}) {
-        event.body = body;
-        EXPECT_NE(std::string::npos, DescribeEvent(event).find("T_MSG_OS_ABNORMAL")) << body;
-    }
-}

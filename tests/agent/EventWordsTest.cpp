@@ -6,7 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "HumanText.h"
+#include "ReportMarks.h"
 #include "platform/zel/AgentNames.h"
+#include "platform/zel/CgroupKeeper.h"
 
 using namespace agent;
 
@@ -88,19 +91,19 @@ const Row kRows[] = {
         "repaired":true,"contested":true})",
      EventKind::kDrift,
      {"agent"},
-     "cpu_quota was changed by somebody else: found no limit, wanted 1800 us in 100000 us; put right, contested"},
+     "the CPU quota was changed by somebody else: found no limit, wanted 1800 us in 100000 us; put right, contested"},
     {zel::kLimitDriftMessage,
      R"({"component":"QorNet","group":"collect-defense","kind":"memory","found":"a","wanted":"b",
-        "repaired":false,"problem":"no right"})",
+        "repaired":false,"problem":"no right","cause":"the manager moved it"})",
      EventKind::kDrift,
      {"QorNet", "collect-defense"},
-     "memory was changed by somebody else: found a, wanted b; not put right: no right"},
+     "the memory limit was changed by somebody else: found a, wanted b; not put right: no right; the manager moved it"},
     {zel::kHostPressureMessage,
      R"({"resource":"io","avg10_100times":4250,"goes_on":true,"consumers":[{"name":"backup","pid":8,"component":""},
         {"name":"tervane","pid":9,"component":"QorNet"},7,{"name":"c","pid":10},{"name":"d","pid":11}]})",
      EventKind::kPressure,
      {"host", "QorNet"},
-     "the host waits for io: 42 % of the last 10 s, for an hour already; most of it by backup (8), tervane (9)"},
+     "the host waits for io: 42.50 % of the last 10 s, for an hour already; most of it by backup (8), tervane (9)"},
     {zel::kObservationMessage,
      R"({"limits":5,"order":"--observe"})",
      EventKind::kObservation,
@@ -132,6 +135,25 @@ TEST(EventWordsTest, EachKindIsASentenceAndSaysWhomItIsAbout) {
         EXPECT_EQ(words.kind, row.kind) << row.body;
         EXPECT_EQ(words.about, row.about) << row.body;
         EXPECT_EQ(words.what, row.what) << row.body;
+    }
+}
+
+TEST(EventWordsTest, EveryViewHasTheSameWords) {
+    for (const Row& row : kRows) {
+        const TailEvent event = Event(row.type, row.body);
+        const std::string said = row.about[0] + ": " + row.what;
+        EXPECT_EQ(DescribeEvent(event), ClockText(event.time) + " " + NameOf(row.kind) + " " + said);
+        const std::vector<Mark> marks = MarksOfEvents({event}, 0);
+        ASSERT_EQ(marks.size(), 1u);
+        EXPECT_EQ(marks[0].text, said);
+    }
+}
+
+TEST(EventWordsTest, EveryKindOfDriftHasWordsOfItsOwn) {
+    for (const char* kind : zel::kCgroupDriftKinds) {
+        const auto words = WordEvent(Event(zel::kLimitDriftMessage, std::string(R"({"kind":")") + kind + "\"}"));
+        EXPECT_NE(words.what.find("the "), std::string::npos) << kind;
+        EXPECT_NE(words.what.compare(0, std::string(kind).size() + 1, std::string(kind) + " "), 0) << kind;
     }
 }
 

@@ -53,13 +53,16 @@ inline agent::ReportFacts Day(const std::vector<std::string>& names) {
     const auto add = [&](int minute, agent::MarkKind kind, const std::string& text) {
         facts.marks.push_back({kBegin + minute * 60, kind, text, {leaf}});
     };
-    add(60, agent::MarkKind::kHost, "T_MSG_OS_ABNORMAL mem_usage=91");
-    add(200, agent::MarkKind::kOom, leaf + ": killed by signal 9 (Killed), out of memory at its own limit of 64 MB");
-    add(215, agent::MarkKind::kOom, leaf + ": killed by signal 9 (Killed), out of memory at its own limit of 64 MB");
+    add(60, agent::MarkKind::kHost, "host: memory of the host: 91 % in use, 180 MB available");
+    add(200, agent::MarkKind::kOom,
+        leaf + ": process 811 ended: killed by signal 9 (Killed), out of memory at its own limit of 64 MB");
+    add(215, agent::MarkKind::kOom,
+        leaf + ": process 811 ended: killed by signal 9 (Killed), out of memory at its own limit of 64 MB");
     add(500, agent::MarkKind::kEnd, "the last run ended without a stop: killed by signal 9");
-    add(700, agent::MarkKind::kDrift, leaf + ": cpu_quota was none, asked for 8 % of one CPU, repaired");
+    add(700, agent::MarkKind::kDrift,
+        leaf + ": the CPU quota was changed by somebody else: found no limit, wanted 8 % of one CPU; put right");
     for (agent::Mark& mark : agent::MarksOfLimits(facts.day)) facts.marks.push_back(std::move(mark));
-    add(1100, agent::MarkKind::kKill, leaf + ": cpu 14 above 12 for 300000 ms");
+    add(1100, agent::MarkKind::kKill, leaf + ": ends itself: CPU 14 %, its maximum is 12 %, for 5 min");
     facts.findings = {
         {agent::Severity::kOk, "version 2 is mounted", "", ""},
         {agent::Severity::kWarning, "no swap accounting", "/proc/cmdline", "boot with swapaccount=1"},

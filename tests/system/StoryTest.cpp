@@ -157,7 +157,8 @@ protected:
     }
     void ExpectDriftTold() {
         const auto drift = Told(
-            "the quota is ([0-9.]+) % again, and there is an event: cpu.quota .* found ([^,]+), "
+            "the quota is ([0-9.]+) % again, and there is an event: the CPU quota was changed by somebody else: found "
+            "([^,]+), "
             "wanted (\\d+) us in");
         const std::vector<Json::Value> drifts = Bodies("T_MSG_LIMIT_DRIFT");
         ASSERT_EQ(1u, drifts.size()) << m_raw;

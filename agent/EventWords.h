@@ -37,7 +37,10 @@ struct EventInWords {
 /// The body as JSON; null when it is no object.
 Json::Value EventBody(const TailEvent& event);
 
+/// The one wording of events, for every view.
 EventInWords WordEvent(const TailEvent& event);
+/// One line: time, kind, whom it is about, what happened.
+std::string DescribeEvent(const TailEvent& event);
 
 const char* NameOf(EventKind kind);
 /// Whether `word` names the kind or the type of the event.

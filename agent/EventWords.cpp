@@ -104,15 +104,33 @@ void WordUncleanStop(const Json::Value& body, EventInWords& words) {
                  " did not end in order: " + (FlagIn(body, "certain") ? "" : "presumably ") + cause;
 }
 
+/// What was changed, as an operator calls it.
+std::string DriftedThing(const std::string& kind) {
+    struct Row {
+        const char* kind;
+        const char* words;
+    };
+    constexpr Row kRows[] = {{"cpu_quota", "the CPU quota"},       {"cpu_burst", "the CPU burst"},
+                             {"memory", "the memory limit"},       {"swap", "the swap limit"},
+                             {"controller", "the controller"},     {"group", "the control group"},
+                             {"member", "the place of a process"}, {"foreign", "who is in the group"},
+                             {"file", "the component file"},       {"memory_soft", "the soft memory limit"}};
+    for (const Row& row : kRows) {
+        if (kind == row.kind) return row.words;
+    }
+    return kind.empty() ? "something" : kind;
+}
+
 void WordDrift(const Json::Value& body, EventInWords& words) {
     for (const char* key : {"component", "group"}) {
         if (!WordIn(body, key).empty()) words.about.push_back(WordIn(body, key));
     }
     if (words.about.empty()) words.about = {"agent"};
-    words.what = WordIn(body, "kind") + " was changed by somebody else: found " + WordIn(body, "found") + ", wanted " +
-                 WordIn(body, "wanted") + "; " +
+    const std::string cause = WordIn(body, "cause");
+    words.what = DriftedThing(WordIn(body, "kind")) + " was changed by somebody else: found " + WordIn(body, "found") +
+                 ", wanted " + WordIn(body, "wanted") + "; " +
                  (FlagIn(body, "repaired") ? "put right" : "not put right: " + WordIn(body, "problem")) +
-                 (FlagIn(body, "contested") ? ", contested" : "");
+                 (FlagIn(body, "contested") ? ", contested" : "") + (cause.empty() ? "" : "; " + cause);
 }
 
 void WordPressure(const Json::Value& body, EventInWords& words) {
@@ -127,7 +145,7 @@ void WordPressure(const Json::Value& body, EventInWords& words) {
         if (!component.empty()) words.about.push_back(component);
     }
     words.what = "the host waits for " + WordIn(body, "resource") + ": " +
-                 std::to_string(NumberIn(body, "avg10_100times") / 100) + " % of the last 10 s" +
+                 HumanPercent(NumberIn(body, "avg10_100times")) + " of the last 10 s" +
                  (FlagIn(body, "goes_on") ? ", for an hour already" : "") + list;
 }
 
@@ -200,6 +218,11 @@ EventInWords WordEvent(const TailEvent& event) {
     if (words.what.empty()) words.what = Printable(event.type);
     if (words.about.empty() || words.about[0].empty()) words.about = {Printable(event.process)};
     return words;
+}
+
+std::string DescribeEvent(const TailEvent& event) {
+    const EventInWords words = WordEvent(event);
+    return ClockText(event.time) + " " + NameOf(words.kind) + " " + words.about[0] + ": " + words.what;
 }
 
 const char* NameOf(EventKind kind) {
