@@ -250,8 +250,9 @@ base::Status ShowDrift(Stage& stage, Narrator& narrator, ShownSoFar& shown) {
     const base::Result<StatusReport> before = stage.Ask(zel::kMainProcessName);
     const zel::CgroupNodeStatus* leaf = before ? FindNode(*before, kGreedy) : nullptr;
     if (leaf == nullptr) return Failed("the main process does not answer");
-    const std::string path = leaf->cpu.path + (leaf->cpu.v2 ? "/cpu.max" : "/cpu.cfs_quota_us");
-    const std::string none = leaf->cpu.v2 ? "max" : "-1";
+    const bool v2 = base::ReadFileMark(leaf->cpu.path + "/cpu.max").exists;
+    const std::string path = leaf->cpu.path + (v2 ? "/cpu.max" : "/cpu.cfs_quota_us");
+    const std::string none = v2 ? "max" : "-1";
     const int wanted = leaf->cpu.limit;
     narrator.Say(Text("The quota of %s is %s. Now it is taken away behind the agent's back:", kGreedy,
                       HumanPercent(wanted).c_str()));
