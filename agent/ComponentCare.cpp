@@ -67,7 +67,9 @@ void EndWhatIsLeft(const std::string& name) {
     std::string pids;
     for (const int pid : end.left) pids += " " + std::to_string(pid);
     if (!pids.empty()) {
-        LogLine("of component " + name + " these processes do not end and keep its limits:" + pids, zel::kLogWarning);
+        LogLine("of component " + name + " these processes do not end and keep its limits:" + pids +
+                    "; they are stuck in the kernel, /proc/PID/stack says where",
+                zel::kLogWarning);
     }
 }
 

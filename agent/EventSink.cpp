@@ -23,7 +23,9 @@ void Deliver(const char* type, const std::string& body) {
     IMsgTransmit* transmit = GetMsgTransmitInstance();
     if (transmit == nullptr) return;
     if (!transmit->SendMsg(type, body, "", 1, 0)) {
-        LogLine(std::string("message ") + type + " was not accepted for delivery", zel::kLogWarning);
+        LogLine(std::string("message ") + type +
+                    " was not accepted for delivery and is lost; tervanectl status says what is wrong with the spool",
+                zel::kLogWarning);
     }
 }
 

@@ -26,7 +26,8 @@ int ExecComponent(const Options& options) {
     {
         zel::CCgroupClient client;
         if (!client.ReloadConfig()) {
-            LogLine(options.command[0] + " runs outside its groups: its CPU and memory are not limited",
+            LogLine(options.command[0] +
+                        " runs outside its groups, its CPU and memory are not limited; the line before says why",
                     zel::kLogWarning);
         }
     }

@@ -251,7 +251,9 @@ int Process::JoinOwnGroups() {
         m_client->ReloadConfig();
         return kExitClean;
     }
-    LogLine("no component file after " + std::to_string(kFileWaitMs / 1000) + " s", zel::kLogError);
+    LogLine("there is no component file after " + std::to_string(kFileWaitMs / 1000) +
+                " s, and this process ends: the main process writes it, its log says why it does not",
+            zel::kLogError);
     return Refuse(kExitNoGroups, problem);
 }
 

@@ -91,7 +91,9 @@ Supervisor::Supervisor(std::string program, std::vector<std::string> common, std
         base::ReadTrusted(m_budgetPath, kMaxBudgetBytes, base::TrustScope::kWithPlace);
     if (!text && text.GetError().kind == base::ErrorKind::kNotFound) return;
     if (!text || !m_budget.Parse(*text)) {
-        LogLine("restart budget " + m_budgetPath + " cannot be read: it starts anew", zel::kLogWarning);
+        LogLine("restart budget " + m_budgetPath +
+                    " cannot be read, it starts anew: " + (text ? "its text is damaged" : text.GetError().Reason()),
+                zel::kLogWarning);
     }
 }
 
@@ -283,7 +285,10 @@ void Supervisor::StopAll(unsigned int graceMs) {
     if (!WaitAll(graceMs)) {
         for (const Component& component : m_components) {
             if (component.state != ComponentState::kRunning) continue;
-            LogLine("component " + component.config.name + " did not stop in time, killing it", zel::kLogWarning);
+            LogLine("component " + component.config.name + " (process " + std::to_string(component.pid) +
+                        ") did not stop within " + std::to_string(graceMs) +
+                        " ms and is killed; see in its own log what it was doing",
+                    zel::kLogWarning);
         }
         SignalAll(SIGKILL);
         WaitAll(kKillGraceMs);  // what is left then is stuck in the kernel: nothing more can be done from here
@@ -322,8 +327,11 @@ bool Supervisor::WaitAll(unsigned int ms) {
 }
 
 void Supervisor::SaveBudget() {
-    if (!base::ReplaceFile(m_budgetPath, m_budget.Format(), kBudgetMode, base::Durability::kSynced)) {
-        LogLine("restart budget " + m_budgetPath + " cannot be written: a restart of the main process forgets it",
+    const base::Status kept =
+        base::ReplaceFile(m_budgetPath, m_budget.Format(), kBudgetMode, base::Durability::kSynced);
+    if (!kept) {
+        LogLine("restart budget " + m_budgetPath + " cannot be written, a restart of the main process forgets it: " +
+                    kept.GetError().Reason() + "; make room in its directory",
                 zel::kLogWarning);
     }
 }

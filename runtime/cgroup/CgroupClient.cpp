@@ -182,7 +182,9 @@ bool CCgroupClient::Impl::Join(const LeafPlaces& places) {
     const base::MutexLock placing(PlacementMutex());
     TellStrays(places);
     Status status = membership.Join(getpid(), entries, stranded);
-    for (const Error& error : stranded) LogLine(kLogWarning, __LINE__, "cannot go back: " + error.Text());
+    for (const Error& error : stranded)
+        LogLine(kLogWarning, __LINE__,
+                "this process cannot go back to where it was before the unified groups, and stays: " + error.Text());
     return status || Refuse(__LINE__, status.GetError());
 }
 
@@ -191,7 +193,7 @@ void CCgroupClient::Impl::Take(Controller controller, const std::optional<LeafPl
     const Joined now = place ? Joined{true, place->quota, place->leaf.Path()} : Joined();
     if (now.joined && (now.path != state.path || now.quota != state.quota)) {
         LogLine(kLogInfo, __LINE__,
-                "in " + now.path + " with " + std::to_string(now.quota) +
+                "this process is in " + now.path + " with a quota of " + std::to_string(now.quota) +
                     (controller == Controller::kCpu ? " hundredths of a percent" : " KB"));
     }
     state = now;

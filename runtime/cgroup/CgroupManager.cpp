@@ -690,7 +690,10 @@ bool CCgroupManager::Impl::AddPid(const std::string& group, int pid) {
     std::vector<Error> stranded;
     const base::MutexLock placing(PlacementMutex());
     Status joined = membership.Join(pid, entries, stranded);
-    for (const Error& error : stranded) LogLine(kLogWarning, __LINE__, "cannot go back: " + error.Text());
+    for (const Error& error : stranded)
+        LogLine(
+            kLogWarning, __LINE__,
+            "the main process cannot go back to where it was before the unified groups, and stays: " + error.Text());
     if (joined && pid == getpid()) {
         mainInside = true;
         mainLeft = false;

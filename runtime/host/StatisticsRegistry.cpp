@@ -246,7 +246,8 @@ void CStatisticsRegistry::CollectInTurn(bool sampleThreads) {
         if (sampleThreads) CThreadFacts::Instance().SampleAtRest();  // the slow rhythm of the thread facts
         Collect();
     } catch (const std::bad_alloc&) {
-        Log(zel::kLogWarning, __LINE__, "no memory for the statistics of this turn");
+        Log(zel::kLogWarning, __LINE__,
+            "there is no memory for the statistics of this turn, the next turn tries again");
     }
     m_collecting = false;
 }
@@ -338,8 +339,10 @@ void CStatisticsRegistry::Ask(const std::shared_ptr<Provider>& provider, Statist
     }
     if (m_worker == nullptr && m_stuck < kStuckWorkers) m_worker = MakeWorker();
     if (m_worker == nullptr) {
-        zel::CLogMessage::GetInstance()->log(zel::kLogWarning, "StatisticsRegistry", __LINE__,
-                                             "%zu providers of statistics do not return; the others wait", m_stuck);
+        zel::CLogMessage::GetInstance()->log(
+            zel::kLogWarning, "StatisticsRegistry", __LINE__,
+            "%zu providers of statistics do not return and the others wait; restart the process, and mend them",
+            m_stuck);
         ++snapshot.slowProviders;
         return;
     }

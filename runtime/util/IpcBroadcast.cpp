@@ -282,7 +282,9 @@ void CIpcBroadcastServer::Stop() {
 bool CIpcBroadcastServer::Broadcast(const std::string& type, const std::string& body) {
     if (type.empty() || type.size() > kIpcMaxTypeBytes || body.size() > kIpcMaxBodyBytes ||
         type.find('\0') != std::string::npos) {
-        Log(kLogWarning, __LINE__, "a message without a type or beyond the bounds is not sent");
+        Log(kLogWarning, __LINE__,
+            "a message of " + std::to_string(type.size() + body.size()) +
+                " bytes is not sent: it has no type, or is beyond the bounds");
         return false;
     }
     Packet packet = type;
@@ -354,12 +356,14 @@ base::Fd CIpcBroadcastSubscriber::Impl::Connect() {
     if (!made) {
         // A server that is not there yet, or busy, is no news.
         const base::Error& error = made.GetError();
-        if (error.kind != base::ErrorKind::kNoServer) WarnOnce("cannot listen: " + error.Text());
+        if (error.kind != base::ErrorKind::kNoServer)
+            WarnOnce("news of changes is not heard and is looked for again: " + error.Text());
         return base::Fd();
     }
     const base::Result<base::Peer> peer = base::ReadPeer(made->Get());
     if (!peer || !peer->IsTrusted()) {
-        WarnOnce((peer ? *peer : base::Peer()).Text() + " serves " + path + " and is not listened to");
+        WarnOnce((peer ? *peer : base::Peer()).Text() + " serves " + path +
+                 " and is not listened to: it is neither root nor this user; end it");
         return base::Fd();
     }
     refusalLogged = false;
@@ -416,7 +420,9 @@ void CIpcBroadcastSubscriber::Impl::TakeMessage() {
     std::string message(fits ? static_cast<size_t>(size) : 0, '\0');
     if (recv(socket.Get(), message.data(), message.size(), MSG_TRUNC) != size) return WaitForMessage();
     if (!fits) {
-        Log(kLogWarning, __LINE__, "a message beyond the bounds was dropped");
+        Log(kLogWarning, __LINE__,
+            "a message of " + std::to_string(size) +
+                " bytes was dropped, which is beyond the bounds; its sender is at fault");
         return WaitForMessage();
     }
     calls->Add([this, held = std::move(message)] {
@@ -428,13 +434,17 @@ void CIpcBroadcastSubscriber::Impl::TakeMessage() {
 void CIpcBroadcastSubscriber::Impl::Deliver(const std::string& message) const {
     const size_t end = message.find('\0');
     if (end == std::string::npos) {
-        Log(kLogWarning, __LINE__, "a message without a type was dropped");
+        Log(kLogWarning, __LINE__,
+            "a message of " + std::to_string(message.size()) +
+                " bytes without a type was dropped; its sender is at fault");
         return;
     }
     try {
         callback(message.substr(0, end), message.substr(end + 1));
     } catch (...) {
-        Log(kLogWarning, __LINE__, "the receiver of a message threw, ignoring it");
+        Log(kLogWarning, __LINE__,
+            "the receiver of message " + message.substr(0, end) +
+                " threw, which is ignored; it did not do all that it should");
     }
 }
 

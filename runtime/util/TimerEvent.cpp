@@ -67,7 +67,9 @@ public:
             current = new TimerLoop;
             owner = ::getpid();
         } catch (const std::exception& error) {
-            CLogMessage::GetInstance()->log(kLogWarning, kOwnSource, __LINE__, "the timer thread could not start: %s",
+            CLogMessage::GetInstance()->log(kLogWarning, kOwnSource, __LINE__,
+                                            "the timer thread could not start (%s), and nothing of this process runs "
+                                            "at its times: see ulimit -u and pids.max",
                                             error.what());
             return nullptr;
         }
@@ -221,7 +223,8 @@ unsigned long CTimerEvent::startTimer(unsigned long periodMs, unsigned long magi
         if (replaced != nullptr) m_impl->Remove(replaced);
         return timer->id;
     } catch (const std::exception& error) {
-        CLogMessage::GetInstance()->log(kLogWarning, kOwnSource, __LINE__, "a timer could not start: %s", error.what());
+        CLogMessage::GetInstance()->log(kLogWarning, kOwnSource, __LINE__,
+                                        "a timer could not start (%s): see ulimit -u and pids.max", error.what());
         return 0;
     }
 }

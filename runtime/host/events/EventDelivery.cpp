@@ -105,7 +105,11 @@ base::Result<CEventDelivery::Sinks> CEventDelivery::MakeSinks(const DeliveryOpti
         return base::SentenceError("event delivery: '" + options.httpUrl + "' is not an http or https address");
     }
     if (!options.httpVerifyTls && options.httpUrl.compare(0, 8, "https://") == 0) {
-        Log(zel::kLogWarning, __LINE__, "the certificate of %s is not verified", options.httpUrl.c_str());
+        Log(zel::kLogWarning, __LINE__,
+            "the certificate of %s is not verified, as verify_tls in agent.json wants it: anybody on the way can read "
+            "and "
+            "change the messages",
+            options.httpUrl.c_str());
     }
     sinks.push_back(std::make_unique<CHttpSink>(options, process));
     return sinks;
@@ -303,8 +307,9 @@ bool CEventDelivery::SendMsg(const std::string& type, const std::string& body, c
                              int arg2) {
     if (m_stop) return false;
     if (type.size() > kMostTypeBytes || body.size() > kMostTextBytes || extra.size() > kMostTextBytes) {
-        Log(zel::kLogWarning, __LINE__, "a message of type '%.64s' is refused: %zu bytes are too long", type.c_str(),
-            type.size() + body.size() + extra.size());
+        Log(zel::kLogWarning, __LINE__,
+            "a message of type '%.64s' is refused and lost: %zu bytes, a text may have %zu; send it in parts",
+            type.c_str(), type.size() + body.size() + extra.size(), kMostTextBytes);
         m_spool.NoteRefused();
         return false;
     }

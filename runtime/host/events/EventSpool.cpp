@@ -677,8 +677,9 @@ bool CEventSpool::CommitBatch(const std::vector<Request*>& batch) {
     for (const Request* request : batch) KeepInMemory(request->message);
     Notify();  // somebody has to try again
     if (!wasBroken) {
-        Log(zel::kLogError, __LINE__, "the event spool %s cannot be written (%s); messages wait in memory", m_path,
-            written.GetError().Reason());
+        Log(zel::kLogError, __LINE__,
+            "the event spool %s cannot be written (%s); messages wait in memory: make room, the oldest are dropped",
+            m_path, written.GetError().Reason());
     }
     return false;
 }

@@ -32,9 +32,11 @@ void CHeartbeatCheck::Tell(ThreadStall& change) {
         } else {
             change.stack = base::ReadKernelStack(change.tid);
         }
-        LogSampler(zel::kLogError, __LINE__, "thread %u (%s) %s: no heartbeat for %lld ms, %d s are allowed",
-                   change.tid, change.name.c_str(), change.gone ? "has ended without saying so" : "is stuck",
-                   static_cast<long long>(change.silentMs), change.timeoutSeconds);
+        LogSampler(
+            zel::kLogError, __LINE__,
+            "thread %u (%s) %s: no heartbeat for %lld ms, %d s are allowed; tervanectl threads shows where it is",
+            change.tid, change.name.c_str(), change.gone ? "has ended without saying so" : "is stuck",
+            static_cast<long long>(change.silentMs), change.timeoutSeconds);
     }
     m_events.TellStall(change);
 }

@@ -39,8 +39,9 @@ void CProcessCounters::OpenFiles() {
     if (!m_statm.IsOpen()) m_statm.Open(base::kOwnStatmFile);
     if (!m_io.IsOpen() && !m_io.Open(base::kOwnIoFile) && !m_ioWarned) {
         m_ioWarned = true;
-        LogSampler(zel::kLogWarning, __LINE__, "cannot open %s (%s); I/O is not measured", base::kOwnIoFile,
-                   base::ErrnoText(errno).c_str());
+        LogSampler(zel::kLogWarning, __LINE__,
+                   "cannot open %s (%s); the I/O of this process is not measured, its limits do not depend on it",
+                   base::kOwnIoFile, base::ErrnoText(errno).c_str());
     }
     if (!m_loadavg.IsOpen()) m_loadavg.Open(base::kLoadAvgFile);
     m_fdCounter.Open();
