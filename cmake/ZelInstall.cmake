@@ -60,7 +60,7 @@ if(TARGET tervane)
 endif()
 if(TARGET tervanectl)
   install(TARGETS tervanectl RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
-  install(FILES man/tervanectl.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT agent)
+  install(FILES man/tervanectl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT agent)
   if(TARGET completions)
     install(FILES ${PROJECT_BINARY_DIR}/agent/tervanectl.bash RENAME tervanectl
       DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT agent)

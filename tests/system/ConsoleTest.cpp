@@ -266,7 +266,7 @@ TEST_F(ConsoleTest, TheExamplesOfItsDocumentsRun) {
     ASSERT_TRUE(Poll(kSettleSeconds, [&] { return !View({"events"})["events"].empty(); }));
     ASSERT_TRUE(Poll(kSettleSeconds, [&] { return ComponentPid("QorHips") > 0; }));
     const std::string documents = ZEL_DOCUMENTS;
-    const std::vector<std::string> manual = CommandsIn(documents + "/man/tervanectl.8", ".Dl ");
+    const std::vector<std::string> manual = CommandsIn(documents + "/man/tervanectl.1", ".Dl ");
     const std::vector<std::string> configuration = CommandsIn(documents + "/docs/CONFIG.md", "    ");
     EXPECT_GE(manual.size(), 6u);
     EXPECT_GE(configuration.size(), 5u);
