@@ -299,16 +299,19 @@ void NoteTreeMade() {
 }  // namespace cgroup
 
 bool RemoveAgentCgroupTree(std::string& error) {
+    cgroup::StopKeepingTree();
+    cgroup::g_treeMaker = 0;  // also where something is left: its reasons are told here, once
     // Once more where something is left: a call that failed for a moment is no reason to leave groups for ever.
-    const bool removed = cgroup::RemoveTrees(error) || cgroup::RemoveTrees(error);
-    if (removed) cgroup::g_treeMaker = 0;
-    return removed;
+    return cgroup::RemoveTrees(error) || cgroup::RemoveTrees(error);
 }
 
 bool ReleaseOwnLimits(std::string& error) {
     error.clear();
     cgroup::ReleaseStartedLegacyLimits();
-    return cgroup::g_treeMaker != getpid() || RemoveAgentCgroupTree(error);
+    const bool mine = cgroup::g_treeMaker == getpid();
+    const bool released = !mine || RemoveAgentCgroupTree(error);
+    if (!released) cgroup::NoteTreeMade();  // who asks again is told again
+    return released;
 }
 
 }  // namespace zel

@@ -41,5 +41,8 @@ Status RemoveTree(const Branch& branch);
 /// Limits in the tree are asked for by this process, which has to take it down.
 void NoteTreeMade();
 
+/// The manager of this process puts nothing of the tree back until it is asked for anew.
+void StopKeepingTree();
+
 }  // namespace cgroup
 }  // namespace zel

@@ -71,6 +71,7 @@ base::Mutex g_currentLock;
 const void* g_current ZEL_GUARDED_BY(g_currentLock) = nullptr;
 std::function<bool(const std::vector<CgroupMember>&, std::vector<CgroupDrift>&)> g_keep ZEL_GUARDED_BY(g_currentLock);
 std::function<bool()> g_follow ZEL_GUARDED_BY(g_currentLock);
+std::function<void()> g_stopKeeping ZEL_GUARDED_BY(g_currentLock);
 constexpr int64_t kNsPerUs = 1000;
 constexpr int64_t kNsPerMs = 1000000;
 constexpr uint64_t kMeasuredPasses = 12;
@@ -221,6 +222,7 @@ struct CCgroupManager::Impl {
         ZEL_REQUIRES(mutex);
     bool Sweep() ZEL_REQUIRES(mutex);
     bool Keep(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) ZEL_EXCLUDES(mutex);
+    void StopKeeping() ZEL_EXCLUDES(mutex);
     void RemoveEmptied() ZEL_REQUIRES(mutex);
     void RunKeeper(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) ZEL_REQUIRES(mutex);
     bool PassKeeper(const std::vector<CgroupMember>& members) ZEL_REQUIRES(mutex);
@@ -554,6 +556,15 @@ bool CCgroupManager::Impl::Keep(const std::vector<CgroupMember>& members, std::v
     return true;
 }
 
+/// The tree is about to be taken down: until it is asked for anew nothing of it is put back.
+void CCgroupManager::Impl::StopKeeping() {
+    const base::MutexLock lock(mutex);
+    published.valid = false;
+    quiet.Disturb();
+    ForgetKept();
+    Forgo();
+}
+
 /// Whether no counter can have moved since they were read: the kernel has told of none, and has killed nobody on the
 /// whole host. One that is noticed while it still counts is read once more at the next poll.
 bool CCgroupManager::Impl::IsOomAtRest(int64_t nowMs) {
@@ -708,6 +719,7 @@ CCgroupManager::CCgroupManager() : m_impl(std::make_unique<Impl>()) {
         return impl->Keep(members, news);
     };
     g_follow = [impl = m_impl.get()] { return impl->FollowObserved(); };
+    g_stopKeeping = [impl = m_impl.get()] { impl->StopKeeping(); };
 }
 
 CCgroupManager::~CCgroupManager() {
@@ -717,6 +729,7 @@ CCgroupManager::~CCgroupManager() {
     g_keep = nullptr;
     g_follow = nullptr;
     ObserveTree({});
+    g_stopKeeping = nullptr;
 }
 
 bool CCgroupManager::EnsureInitialized() {
@@ -835,6 +848,11 @@ bool FollowObservedLimits() {
     FollowObservedLegacyLimits();
     const base::MutexLock lock(g_currentLock);
     return g_follow && g_follow();
+}
+
+void cgroup::StopKeepingTree() {
+    const base::MutexLock lock(g_currentLock);
+    if (g_stopKeeping) g_stopKeeping();
 }
 
 CgroupKeeperStatus GetCgroupKeeperStatus() {

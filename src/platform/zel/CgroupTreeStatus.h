@@ -64,6 +64,8 @@ ZEL_API std::string UndelegatedService();
 
 /// Moves every process out of the agent's tree and removes its groups, for the clean end of the main process.
 /// What others have made inside is left, and so is the tree then.
+/// From then on KeepCgroupTree puts nothing back, until the module asks for the tree anew; and ReleaseOwnLimits, so
+/// CHostServices::Stop, leaves to the caller what could not be removed.
 /// Returns: true when nothing is left behind; else false with every reason in `error`.
 ZEL_API bool RemoveAgentCgroupTree(std::string& error);
 

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "AgentTreeFixture.h"
+#include "platform/zel/CgroupKeeper.h"
 
 namespace {
 
@@ -704,6 +705,43 @@ TEST_F(CgroupManagerTest, LeavesNothingBehindAndMovesProcessesOut) {
     EXPECT_FALSE(Exists(memTree));
     EXPECT_EQ(0, kill(child.Pid(), 0)) << "a process is moved, not ended";
     EXPECT_TRUE(zel::RemoveAgentCgroupTree(error)) << "nothing to remove is no failure: " << error;
+}
+
+TEST_F(CgroupManagerTest, KeepsNoTreeThatWasTakenDownOnPurpose) {
+    ASSERT_TRUE(ReconcileWorked());
+    ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
+    std::vector<zel::CgroupDrift> found;
+    ASSERT_TRUE(zel::KeepCgroupTree({}, found));
+    ASSERT_FALSE(zel::GetCgroupKeeperStatus().wanted.empty());
+    std::string error;
+    ASSERT_TRUE(zel::RemoveAgentCgroupTree(error)) << error;
+    ASSERT_TRUE(zel::KeepCgroupTree({}, found));
+    EXPECT_TRUE(found.empty());
+    EXPECT_TRUE(zel::GetCgroupKeeperStatus().wanted.empty());
+    EXPECT_FALSE(Exists(cpuTree)) << "nobody would take it down again";
+    EXPECT_FALSE(Exists(memTree));
+
+    ASSERT_TRUE(ReconcileWorked());
+    ASSERT_TRUE(manager.WriteComponentConfig(file, WorkedQuotas(), 900, 307200));
+    ASSERT_EQ(0, rmdir((cpuTree + "/collect-defense/QorHips").c_str()));
+    ASSERT_TRUE(zel::KeepCgroupTree({}, found));
+    EXPECT_FALSE(found.empty()) << "a tree that is asked for anew is kept";
+    EXPECT_TRUE(zel::ReleaseOwnLimits(error)) << error;
+    EXPECT_FALSE(Exists(cpuTree));
+}
+
+TEST_F(CgroupManagerTest, WhatCannotGoIsToldToOneCallerOnly) {
+    ASSERT_TRUE(ReconcileWorked());
+    const std::string foreign = memTree + "/foreign";
+    ASSERT_EQ(0, mkdir(foreign.c_str(), 0755));
+    std::string error;
+    EXPECT_FALSE(zel::ReleaseOwnLimits(error));
+    EXPECT_THAT(error, HasSubstr("foreign"));
+    EXPECT_FALSE(zel::ReleaseOwnLimits(error)) << "who asks again is told again";
+    EXPECT_FALSE(zel::RemoveAgentCgroupTree(error));
+    EXPECT_TRUE(zel::ReleaseOwnLimits(error)) << error;
+    EXPECT_EQ("", error);
+    ASSERT_EQ(0, rmdir(foreign.c_str()));
 }
 
 TEST_F(CgroupManagerTest, OnlyWhoMadeTheTreeTakesItDownAtItsEnd) {
