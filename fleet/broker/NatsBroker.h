@@ -1,0 +1,62 @@
+// The broker's client (libnats) behind the answers that the rule knows: one connection, synchronous requests. Nothing
+// is published asynchronously and nothing waits in the client: what is not answered stays with its owner.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/Result.h"
+#include "rule/PublishRule.h"
+
+namespace fleet {
+
+struct BrokerOptions {
+    std::vector<std::string> servers;  ///< "nats://host:port", "tls://host:port"
+    std::string host;                  ///< this host's name, not yet escaped
+    std::string caFile;                ///< with it only servers of this authority count, and their name is checked
+    std::string stream = "EVENTS";
+    int64_t requestMs = 5000;    ///< how long an answer is waited for
+    int64_t reconnectMs = 1000;  ///< between two attempts, and as much again by chance
+};
+
+/// What goes to the stream.
+struct BrokerMessage {
+    std::string subject;
+    std::string id;     ///< of its last event
+    int64_t first = 0;  ///< number of its first event, as a header
+    const std::string* payload = nullptr;
+    uint64_t expected = 0;  ///< sequence of the subject's last message; 0: there is none
+};
+
+/// Thread-safety: Publish, ReadLast and the queries from any thread.
+/// Lifetime: connects in the background and goes on trying for as long as it lives.
+class NatsBroker {
+public:
+    /// Errors: an option that cannot be used; a broker that is not there is none.
+    static base::Result<std::unique_ptr<NatsBroker>> Open(const BrokerOptions& options);
+    ~NatsBroker();
+    NatsBroker(const NatsBroker&) = delete;
+    NatsBroker& operator=(const NatsBroker&) = delete;
+
+    /// Blocks: at most `requestMs`; without a connection for as long as an attempt to make one takes, now and then.
+    Answer Publish(const BrokerMessage& message);
+    /// The subject's last message. Blocks: as above.
+    Answer ReadLast(const std::string& subject);
+
+    bool IsConnected() const;
+    /// Returns: how many connections there have been; another one makes what was known of the stream unsure.
+    uint64_t Connections() const;
+    const std::string& Host() const;
+
+private:
+    struct Impl;
+    explicit NatsBroker(std::unique_ptr<Impl> impl);
+    std::unique_ptr<Impl> m_impl;
+};
+
+/// Returns: the sequence that the text of a wrong expectation names; 0: none.
+uint64_t SequenceInText(const std::string& text);
+
+}  // namespace fleet

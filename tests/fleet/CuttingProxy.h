@@ -1,0 +1,34 @@
+// Stands between a client and a broker, and cuts some of the connections right when an acknowledgement is due: what it
+// acknowledged is stored, and nobody hears of it.
+#pragma once
+
+#include <atomic>
+#include <thread>
+
+namespace fleet {
+
+class CuttingProxy {
+public:
+    /// To 127.0.0.1:`port`; cuts `percent` of the acknowledgements.
+    CuttingProxy(int port, int percent);
+    ~CuttingProxy();
+    CuttingProxy(const CuttingProxy&) = delete;
+    CuttingProxy& operator=(const CuttingProxy&) = delete;
+
+    int Port() const { return m_port; }
+    int Cuts() const { return m_cuts; }
+
+private:
+    void Run();
+    void Serve(int client, int server);
+
+    const int m_target;
+    const int m_percent;
+    int m_listener = -1;
+    int m_port = 0;
+    std::atomic<int> m_cuts{0};
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+}  // namespace fleet
