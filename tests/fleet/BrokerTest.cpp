@@ -297,7 +297,7 @@ public:
                  }),
           m_count(count) {}
 
-    /// Returns: whether all are stored, before `patience` answers in a row have said "later".
+    /// Returns: whether all are stored, before 600 answers in a row have said "later".
     bool Run(const std::function<void(int64_t at)>& disturb) {
         for (int later = 0; m_cursor < m_count && later < 600;) {
             disturb(m_cursor);
@@ -309,11 +309,15 @@ public:
                 continue;
             }
             later = 0;
+            // A kill takes nothing back: whoever is sent back was told too much before.
+            if (answer.step.number < m_cursor) ++m_sentBack;
             m_cursor = answer.step.number;
         }
         return m_cursor == m_count;
     }
     const Situation& Get() const { return m_lane.Get(); }
+    /// Returns: how often what was said to be stored had to be sent again.
+    int SentBack() const { return m_sentBack; }
 
 private:
     BatchFrame NextBatch() {
@@ -329,6 +333,7 @@ private:
     std::minstd_rand m_random{7};
     int64_t m_ms = 0;
     int64_t m_cursor = 0;
+    int m_sentBack = 0;
     Lane m_lane;
     const int64_t m_count;
 };
@@ -366,6 +371,7 @@ TEST_F(BrokerTest, KilledBrokerLosesAndDoublesNothing) {
     });
     EXPECT_TRUE(sent) << sender.Get().reason;
     EXPECT_EQ(kills, 4);
+    EXPECT_EQ(sender.SentBack(), 0);
     BrokerAdmin admin(*m_server);
     EXPECT_EQ(Judge(admin, count), "");
 }
@@ -380,6 +386,7 @@ TEST_F(BrokerTest, AcknowledgementsThatAreCutDoubleNothing) {
     const int64_t count = EventsToSend() / 5;
     Sender sender(*m_broker, count);
     EXPECT_TRUE(sender.Run([](int64_t) {})) << sender.Get().reason;
+    EXPECT_EQ(sender.SentBack(), 0);
     m_broker.reset();
     EXPECT_GT(proxy.Cuts(), count / 100);
     EXPECT_EQ(Judge(*m_admin, count), "");
