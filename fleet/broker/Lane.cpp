@@ -21,11 +21,20 @@ Step Lane::Follow(const Step& step, const BatchFrame& frame) {
     return m_rule.OnPublish(m_broker.Publish(message), m_now());
 }
 
+Step Lane::Refuse(const base::Error& error) {
+    const bool isOld = error.kind == base::ErrorKind::kRefused;
+    const std::string words = isOld ? error.Text() : "no connection to the broker: " + error.Text();
+    return m_rule.Refuse(isOld ? Block::kServerTooOld : Block::kNone, words, m_now());
+}
+
 AnswerFrame Lane::Deliver(const BatchFrame& frame) {
     const uint64_t connections = m_broker.Connections();
     if (connections != m_connections) m_rule.OnConnected();
     m_connections = connections;
     Step step = m_rule.Begin(frame.batch, m_now());
+    const bool asks = step.kind == Step::Kind::kRead || step.kind == Step::Kind::kPublish;
+    const base::Status usable = asks ? m_broker.Judge() : base::Status();
+    if (!usable) step = Refuse(usable.GetError());
     while (step.kind == Step::Kind::kRead || step.kind == Step::Kind::kPublish) step = Follow(step, frame);
     AnswerFrame answer;
     answer.step = step;

@@ -23,6 +23,7 @@ public:
     const Situation& Get() const { return m_rule.Get(); }
 
 private:
+    Step Refuse(const base::Error& error);
     Step Follow(const Step& step, const BatchFrame& frame);
 
     NatsBroker& m_broker;

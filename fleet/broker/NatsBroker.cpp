@@ -5,10 +5,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <optional>
 #include <utility>
 
 #include "base/Mutex.h"
 #include "base/TrustedRead.h"
+#include "broker/ServerInfo.h"
 #include "rule/FleetNames.h"
 
 namespace fleet {
@@ -21,6 +23,7 @@ constexpr int kMostPings = 2;
 constexpr int kLeastBuffer = 32 << 10;  // what waits for a connection waits in the spool
 // Why there is no connection, the library does not say of attempts in the background: it is asked this often at most.
 constexpr std::chrono::seconds kProbePeriod{5};
+constexpr std::chrono::milliseconds kGreetingPatience{2000};
 constexpr char kIdHeader[] = "Nats-Msg-Id";
 constexpr char kFirstHeader[] = "Zel-First";
 // The stream takes no message of this length.
@@ -85,6 +88,9 @@ struct NatsBroker::Impl {
     base::Mutex probeLock;
     std::string probed ZEL_GUARDED_BY(probeLock);  // why the last attempt failed
     std::chrono::steady_clock::time_point probeDue ZEL_GUARDED_BY(probeLock);
+    base::Mutex judgeLock;
+    std::optional<uint64_t> judged ZEL_GUARDED_BY(judgeLock);  // which connection
+    base::Status verdict ZEL_GUARDED_BY(judgeLock);
 
     ~Impl() {
         jsCtx_Destroy(stream);
@@ -115,6 +121,7 @@ struct NatsBroker::Impl {
     std::string Probe();
     Answer AnswerOf(natsStatus status, int code, uint64_t refusalsBefore);
     Answer NotConnected();
+    base::Status JudgeConnected() const;
 };
 
 base::Status NatsBroker::Impl::SetAuthorities(natsOptions* made) const {
@@ -209,6 +216,28 @@ base::Result<std::unique_ptr<NatsBroker>> NatsBroker::Open(const BrokerOptions& 
     const base::Status status = impl->Connect();
     if (!status) return status.GetError();
     return std::unique_ptr<NatsBroker>(new NatsBroker(std::move(impl)));
+}
+
+base::Status NatsBroker::Impl::JudgeConnected() const {
+    char url[512] = "";
+    const natsStatus status = natsConnection_GetConnectedUrl(connection, url, sizeof(url));
+    if (status != NATS_OK) return base::SentenceError("the connection to the broker is gone again");
+    const auto info = ReadServerInfo(PlaceOf(url), kGreetingPatience);
+    if (!info) return info.GetError();
+    return JudgeServer(*info);
+}
+
+base::Status NatsBroker::Judge() {
+    if (!IsConnected()) return base::SentenceError(m_impl->NotConnected().text);
+    base::MutexLock held(m_impl->judgeLock);
+    const uint64_t connection = m_impl->connections;
+    if (m_impl->judged == connection) return m_impl->verdict;
+    m_impl->verdict = m_impl->JudgeConnected();
+    // One that has not said what it is is asked again.
+    const bool isSaid = m_impl->verdict.Ok() || m_impl->verdict.GetError().kind == base::ErrorKind::kRefused;
+    m_impl->judged.reset();
+    if (isSaid) m_impl->judged = connection;
+    return m_impl->verdict;
 }
 
 bool NatsBroker::IsConnected() const {

@@ -45,6 +45,10 @@ public:
     /// The subject's last message. Blocks: as above.
     Answer ReadLast(const std::string& subject);
 
+    /// Whether the broker at the other end may be used; asked once for each connection. Blocks: as an attempt to
+    /// connect. Errors: kRefused for one that is too old; others where it does not say what it is, or there is none.
+    base::Status Judge();
+
     bool IsConnected() const;
     /// Returns: how many connections there have been; another one makes what was known of the stream unsure.
     uint64_t Connections() const;

@@ -315,6 +315,7 @@ public:
         }
         return m_cursor == m_count;
     }
+    AnswerFrame Once() { return m_lane.Deliver(NextBatch()); }
     const Situation& Get() const { return m_lane.Get(); }
     /// Returns: how often what was said to be stored had to be sent again.
     int SentBack() const { return m_sentBack; }
@@ -390,6 +391,22 @@ TEST_F(BrokerTest, AcknowledgementsThatAreCutDoubleNothing) {
     m_broker.reset();
     EXPECT_GT(proxy.Cuts(), count / 100);
     EXPECT_EQ(Judge(*m_admin, count), "");
+}
+
+TEST_F(BrokerTest, OldBrokerOfAClusterIsRefused) {
+    m_server = std::make_unique<RealBroker>(
+        "cluster { name: lab, listen: \"127.0.0.1:-1\", routes: [ \"nats-route://127.0.0.1:1\" ] }\n");
+    ASSERT_TRUE(m_server->Start());
+    Connect(m_server->Url("h1"));
+    ASSERT_TRUE(support::Eventually([&] { return m_broker->IsConnected(); }));
+    const base::Status status = m_broker->Judge();
+    if (status.Ok()) GTEST_SKIP() << "the broker of this machine may have replicas";
+    Sender sender(*m_broker, 9);
+    const AnswerFrame answer = sender.Once();
+    EXPECT_EQ(static_cast<int>(answer.step.kind), static_cast<int>(Step::Kind::kPause));
+    EXPECT_EQ(static_cast<int>(answer.block), static_cast<int>(Block::kServerTooOld));
+    EXPECT_EQ(answer.reason, status.GetError().Text());
+    EXPECT_NE(answer.reason.find("cluster 'lab'"), std::string::npos) << answer.reason;
 }
 
 TEST_F(BrokerTest, FullStreamBlocksAndGoesOnWhenThereIsRoom) {

@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <random>
 #include <string>
 
 namespace fleet {
@@ -34,7 +33,7 @@ bool SendAll(int to, const std::string& bytes) {
 
 }  // namespace
 
-CuttingProxy::CuttingProxy(int port, int percent) : m_target(port), m_percent(percent) {
+CuttingProxy::CuttingProxy(int port, int every) : m_target(port), m_every(every) {
     m_listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = Loopback(0);
     socklen_t length = sizeof(address);
@@ -48,6 +47,7 @@ CuttingProxy::CuttingProxy(int port, int percent) : m_target(port), m_percent(pe
 CuttingProxy::~CuttingProxy() {
     m_stop = true;
     m_thread.join();
+    for (std::thread& one : m_served) one.join();
     close(m_listener);
 }
 
@@ -56,16 +56,19 @@ void CuttingProxy::Run() {
         pollfd ready{m_listener, POLLIN, 0};
         if (poll(&ready, 1, kStepMs) != 1) continue;
         const int client = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-        const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const sockaddr_in address = Loopback(m_target);
-        if (connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) Serve(client, server);
-        close(client);
-        close(server);
+        m_served.emplace_back([this, client] { Connect(client); });
     }
 }
 
+void CuttingProxy::Connect(int client) {
+    const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in address = Loopback(m_target);
+    if (connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) Serve(client, server);
+    close(client);
+    close(server);
+}
+
 void CuttingProxy::Serve(int client, int server) {
-    static std::minstd_rand random(11);
     char buffer[16384];
     while (!m_stop) {
         pollfd ready[2] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
@@ -76,7 +79,7 @@ void CuttingProxy::Serve(int client, int server) {
             if (got <= 0) return;
             const std::string bytes(buffer, static_cast<size_t>(got));
             const bool isAck = one.fd == server && bytes.find("{\"stream\":\"EVENTS\"") != std::string::npos;
-            if (isAck && static_cast<int>(random() % 100) < m_percent) {
+            if (isAck && ++m_acks % m_every == 0) {
                 ++m_cuts;
                 return;
             }

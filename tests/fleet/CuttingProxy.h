@@ -4,13 +4,14 @@
 
 #include <atomic>
 #include <thread>
+#include <vector>
 
 namespace fleet {
 
 class CuttingProxy {
 public:
-    /// To 127.0.0.1:`port`; cuts `percent` of the acknowledgements.
-    CuttingProxy(int port, int percent);
+    /// To 127.0.0.1:`port`; cuts one of `every` acknowledgements.
+    CuttingProxy(int port, int every);
     ~CuttingProxy();
     CuttingProxy(const CuttingProxy&) = delete;
     CuttingProxy& operator=(const CuttingProxy&) = delete;
@@ -20,14 +21,17 @@ public:
 
 private:
     void Run();
+    void Connect(int client);
     void Serve(int client, int server);
 
     const int m_target;
-    const int m_percent;
+    const int m_every;
     int m_listener = -1;
     int m_port = 0;
+    std::atomic<int> m_acks{0};
     std::atomic<int> m_cuts{0};
     std::atomic<bool> m_stop{false};
+    std::vector<std::thread> m_served;  // of the thread below
     std::thread m_thread;
 };
 

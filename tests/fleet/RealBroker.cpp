@@ -17,6 +17,7 @@ namespace fleet {
 namespace {
 
 constexpr char kProgram[] = "/usr/sbin/nats-server";
+constexpr char kUrl[] = "://127.0.0.1:";
 
 std::string UsualUsers() {
     return "authorization { users: [ { user: admin, password: pw }, { user: h1, password: pw } ] }\n";
@@ -39,8 +40,8 @@ RealBroker::~RealBroker() {
 int RealBroker::ReadPort() const {
     for (const std::string& name : support::NamesIn(m_directory / "ports")) {
         const std::string text = support::ReadText(m_directory / ("ports/" + name));
-        const size_t at = text.find("127.0.0.1:");
-        if (at != std::string::npos && text.back() == '}') return std::atoi(text.c_str() + at + 10);
+        const size_t at = text.find(kUrl);
+        if (at != std::string::npos && text.back() == '}') return std::atoi(text.c_str() + at + sizeof(kUrl) - 1);
     }
     return -1;
 }
