@@ -305,4 +305,18 @@ TEST_F(FileReplaceTest, ItLeavesNoDescriptorOpen) {
     EXPECT_EQ(before, support::OpenDescriptors());
 }
 
+TEST_F(FileReplaceTest, OnlyARegularFileIsRemoved) {
+    WriteText(m_file, "text");
+    ASSERT_EQ(0, ::symlink("file", (m_dir / "link").c_str()));
+    ASSERT_EQ(0, ::mkdir((m_dir / "folder").c_str(), 0700));
+    EXPECT_EQ(ErrorKind::kRefused, base::RemoveReplaced(m_dir / "link").GetError().kind);
+    EXPECT_EQ(ErrorKind::kRefused, base::RemoveReplaced(m_dir / "folder").GetError().kind);
+    EXPECT_EQ(ErrorKind::kNotFound, base::RemoveReplaced(m_dir / "none/file").GetError().kind);
+    EXPECT_FALSE(base::RemoveReplaced(m_dir / ""));
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file", "folder", "link"));
+    EXPECT_TRUE(base::RemoveReplaced(m_file));
+    EXPECT_TRUE(base::RemoveReplaced(m_file)) << "gone is gone";
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("folder", "link"));
+}
+
 }  // namespace

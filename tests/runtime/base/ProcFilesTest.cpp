@@ -6,12 +6,15 @@
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <climits>
 #include <csignal>
 #include <fstream>
 #include <thread>
+
+#include "support/Waiting.h"
 
 using namespace base;
 using testing::HasSubstr;
@@ -441,6 +444,39 @@ TEST(DescriptorCounterTest, CountsOneByOne) {
     EXPECT_EQ(before + 20, counter.Count());
     fds.clear();
     EXPECT_EQ(before, counter.Count());
+}
+
+TEST(VmStatTest, TakesTheCounterOfThisWholeName) {
+    const std::string text = "pgsteal_kswapd_x 1\nxpgsteal_kswapd 2\npgsteal_kswapd 4294967297\npswpin x\noom_kill 0";
+    EXPECT_EQ(4294967297U, base::ParseVmStat(text, "pgsteal_kswapd"));
+    EXPECT_EQ(0U, base::ParseVmStat(text, "oom_kill"));
+    EXPECT_FALSE(base::ParseVmStat(text, "pswpin")) << "no number";
+    EXPECT_FALSE(base::ParseVmStat(text, "pswpout"));
+    EXPECT_FALSE(base::ParseVmStat("", "oom_kill"));
+}
+
+TEST(ThreadCountTest, IsThatOfAnyProcess) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::pause();
+        ::_exit(0);
+    }
+    // One thread, and what the kernel counts besides for the directory itself.
+    const auto one = base::CountThreads(child);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    ASSERT_TRUE(one);
+    const auto before = base::CountThreads(::getpid());
+    support::Signal over;
+    std::thread more([&] { over.Wait(); });
+    const auto after = base::CountThreads(::getpid());
+    over.Set();
+    more.join();
+    ASSERT_TRUE(before && after);
+    EXPECT_EQ(*before + 1, *after);
+    EXPECT_LE(*one, *before);
+    const base::Error missing = base::CountThreads(-1).GetError();
+    EXPECT_EQ(base::ErrorKind::kNotFound, missing.kind);
 }
 
 }  // namespace
