@@ -1,6 +1,7 @@
 // Findings about kernel, hierarchies, rights, memory figures, the application directory and the agent on it.
 #include "Doctor.h"
 
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -20,6 +21,7 @@
 #include "ResourceFileCheck.h"
 #include "StatusJson.h"
 #include "Text.h"
+#include "base/FileIo.h"
 #include "base/ProcFiles.h"
 #include "base/TrustedRead.h"
 #include "platform/zel/AgentNames.h"
@@ -183,6 +185,39 @@ void AddRefusal(Findings& found, const std::string& path, const base::Error& err
                      base::ReasonOf(error, path), "take that right away, then see that what stands there is yours"});
 }
 
+// Something else in a file's place, a link too. Returns: whether it is so.
+bool AddNoFile(Findings& found, const std::string& path) {
+    if (!base::ReadFileMark(path).exists || zel::CFileUtil::IsFile(path)) return false;
+    found.push_back({Severity::kProblem, path + " is not used: it is not a regular file", "",
+                     "move it away, and put the file itself there"});
+    return true;
+}
+
+// Directories that the agent makes, where something else stands in the way: it does not start then.
+void AddNoDirectories(Findings& found, const std::string& appDir) {
+    for (const char* const name : {"/log", "/run", "/data", "/spool", "/selfkill"}) {
+        struct stat info {};
+        if (stat((appDir + name).c_str(), &info) != 0 || S_ISDIR(info.st_mode)) continue;
+        found.push_back({Severity::kProblem, appDir + name + " is not a directory", "",
+                         "move it away: the agent makes the directory at its start"});
+    }
+}
+
+// What is said of the resource file's content is said of one that is used.
+void JudgeResourceFile(Findings& found, const std::string& path) {
+    if (!base::ReadFileMark(path).exists) {
+        found.push_back({Severity::kProblem, path + " is missing", "", "copy the sample there"});
+        return;
+    }
+    const auto trusted = base::OpenTrusted(path, base::TrustScope::kWithPlace);
+    if (!trusted && trusted.GetError().kind == base::ErrorKind::kRefused) return;
+    const std::vector<std::string> wrong = CheckResourceFile(path);
+    for (const std::string& sentence : wrong) {
+        found.push_back({Severity::kWarning, sentence, path, "correct it there, or take it out"});
+    }
+    if (wrong.empty()) found.push_back(Ok(path));
+}
+
 // What the agent refuses to read or to run.
 Findings JudgeTrust(const std::string& appDir, const std::vector<ComponentConfig>& components) {
     Findings found;
@@ -191,6 +226,7 @@ Findings JudgeTrust(const std::string& appDir, const std::vector<ComponentConfig
     for (const std::string& path :
          {ConfigurationFile(appDir, zel::kResourceConfigFileName), appDir + zel::kOnlineConfigFileName,
           ConfigurationFile(appDir, zel::kAgentConfigFileName)}) {
+        if (AddNoFile(found, path)) continue;
         const auto file = base::OpenTrusted(path, base::TrustScope::kWithPlace);
         if (!file) AddRefusal(found, path, file.GetError());
     }
@@ -204,16 +240,8 @@ Findings JudgeTrust(const std::string& appDir, const std::vector<ComponentConfig
 
 Findings JudgeFiles(const std::string& appDir, int64_t now) {
     Findings found;
-    const std::string resource = ConfigurationFile(appDir, zel::kResourceConfigFileName);
-    if (!zel::CFileUtil::IsFile(resource)) {
-        found.push_back({Severity::kProblem, resource + " is missing", "", "copy the sample there"});
-    } else {
-        const std::vector<std::string> wrong = CheckResourceFile(resource);
-        for (const std::string& sentence : wrong) {
-            found.push_back({Severity::kWarning, sentence, resource, "correct it there, or take it out"});
-        }
-        if (wrong.empty()) found.push_back(Ok(resource));
-    }
+    AddNoDirectories(found, appDir);
+    JudgeResourceFile(found, ConfigurationFile(appDir, zel::kResourceConfigFileName));
     const std::string list = ConfigurationFile(appDir, zel::kComponentsFileName);
     const auto components = LoadComponents(list);
     if (components) {

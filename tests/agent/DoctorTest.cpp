@@ -165,6 +165,46 @@ TEST_F(DoctorFilesTest, AMissingResourceFileIsAProblem) {
     EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path(), kNow)));
 }
 
+TEST_F(DoctorFilesTest, SomethingElseInAFilesPlaceIsNamedOnce) {
+    const std::string path = dir / "conf/resource_config";
+    ASSERT_EQ(0, rename(path.c_str(), (dir / "conf/real").c_str()));
+    const auto expect = [&](const char* what) {
+        const std::string text = TextOf(JudgeFiles(dir.Path(), kNow));
+        EXPECT_THAT(text,
+                    HasSubstr("PROBLEM  " + path + " is not used: it is not a regular file\n         do:   move it"))
+            << what;
+        EXPECT_EQ(text.find("is missing"), std::string::npos) << what;
+        EXPECT_EQ(text.find("somebody else"), std::string::npos) << what;
+        EXPECT_EQ(text.find("WARNING"), std::string::npos) << what << text;
+    };
+    ASSERT_EQ(0, symlink("real", path.c_str()));
+    expect("a link");
+    ASSERT_EQ(0, unlink(path.c_str()));
+    ASSERT_EQ(0, mkdir(path.c_str(), 0755));
+    expect("a directory");
+}
+
+TEST_F(DoctorFilesTest, ContentOfAFileThatIsNotUsedIsNoFinding) {
+    const std::string path = dir / "conf/resource_config";
+    ASSERT_EQ(0, chmod(path.c_str(), 0666));
+    const std::string text = TextOf(JudgeFiles(dir.Path(), kNow));
+    EXPECT_THAT(text, HasSubstr(path + " is not used: somebody else could have changed it"));
+    EXPECT_EQ(text.find("cannot be read"), std::string::npos) << text;
+}
+
+TEST_F(DoctorFilesTest, AFileInADirectorysPlaceIsAProblem) {
+    for (const char* const name : {"log", "run", "data", "spool", "selfkill"}) {
+        ASSERT_EQ(0, mkdir((dir / name).c_str(), 0750));
+    }
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow)));
+    for (const char* const name : {"log", "run", "data", "spool", "selfkill"}) {
+        ASSERT_EQ(0, rmdir((dir / name).c_str()));
+        ASSERT_TRUE(support::WriteText(dir / name, ""));
+        EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)),
+                    HasSubstr("PROBLEM  " + (dir / name) + " is not a directory\n         do:   move it away"));
+    }
+}
+
 TEST_F(DoctorFilesTest, APauseOfTheLimitIsAProblemUntilItIsOver) {
     const std::string record = dir.Path() + zel::kCgroupErrorFileName;
     ASSERT_TRUE(support::WriteText(record, "119-" + std::to_string(kNow - 3600) + "\n"));
