@@ -68,6 +68,7 @@ TEST(AgentConfigTest, WhatItDoesNotKnowIsRefusedByName) {
         {R"({"textfile":{"path":"/a.prom","period_seconds":0}})", "textfile.period_seconds: 1..3600 seconds"},
         {R"({"textfile":{"path":"/a.prom","period_seconds":3601}})", "textfile.period_seconds"},
         {R"({"textfile":{"path":"/a.prom","mode":1}})", "textfile.mode: unknown key"},
+        {R"({"observe":1})", "observe: true or false is expected"},
         {R"({"pressure":20})", "pressure: an object"},
         {R"({"pressure":{"disk":20}})", "pressure.disk: unknown key; known are memory, io, cpu"},
         {R"({"pressure":{"memory":101}})", "pressure.memory: 0..100 percent of two seconds; 0: not watched"},
