@@ -95,6 +95,13 @@ DoctorFinding LookAtRoom(const std::string& appDir) {
     if (!zel::CToolUtil::GetSelfDiskFreeSpace(space, &inodes, appDir)) {
         return {Severity::kProblem, appDir + " cannot be examined", "", "name the agent's directory with --app-dir"};
     }
+    struct statvfs mounted {};
+    if (statvfs(appDir.c_str(), &mounted) == 0 && (mounted.f_flag & ST_RDONLY) != 0) {
+        return {
+            Severity::kProblem, appDir + " is on a file system that is mounted read-only", "",
+            "mount it writable, and see in the kernel's log whether an error made it so: log, events and the console's "
+            "socket need it"};
+    }
     const std::string room =
         appDir + ": " + std::to_string(space >> 20) + " MB and " + std::to_string(inodes) + " inodes free";
     if (space > kLeastFreeBytes && inodes > kLeastFreeInodes) return Ok(room);

@@ -90,6 +90,19 @@ TEST(DoctorTest, AControllerThatIsNotMountedIsAProblem) {
     EXPECT_THAT(TextOf(JudgeController("memory", controller)), HasSubstr("seen: not mounted\n         do:   "));
 }
 
+TEST(DoctorTest, AReadOnlyDirectoryIsAProblem) {
+    support::TempDir dir;
+    const std::string what =
+        "PROBLEM  " + dir.Path() + " is on a file system that is mounted read-only\n         do:   mount";
+    EXPECT_EQ(TextOf(Diagnose(dir.Path()).findings).find(what), std::string::npos);
+    if (mount("none", dir.Path().c_str(), "tmpfs", MS_RDONLY, "size=64m") != 0) {
+        GTEST_SKIP() << "SKIP direct: nothing can be mounted here";
+    }
+    const std::string text = TextOf(Diagnose(dir.Path()).findings);
+    EXPECT_EQ(0, umount(dir.Path().c_str()));
+    EXPECT_THAT(text, HasSubstr(what));
+}
+
 TEST(DoctorTest, AReadOnlyHierarchyIsAProblem) {
     support::TempDir dir;
     zel::CgroupControllerStatus controller;
