@@ -77,14 +77,39 @@ uint64_t SequenceInText(const std::string& text) {
 }
 
 struct NatsBroker::Impl {
+    /// What the library's callbacks touch. They may come after a connection is closed, so it lives until the last one.
+    struct Heard {
+        std::atomic<uint64_t> connections{0};
+        std::atomic<uint64_t> refusals{0};        // of a right
+        std::atomic<bool> answersRefused{false};  // on this connection: no answer can come
+        base::Mutex lock;
+        std::string refused ZEL_GUARDED_BY(lock);  // the broker's words
+
+        void NoteRefusal(natsConnection* of) {
+            const char* words = nullptr;
+            natsConnection_GetLastError(of, &words);
+            base::MutexLock held(lock);
+            refused = words != nullptr ? words : "";
+            // The subscription that answers come by is made once: without it every request ends in silence.
+            if (refused.find("ubscription") != std::string::npos) answersRefused = true;
+            ++refusals;
+        }
+    };
+    using Share = std::shared_ptr<Heard>;
+
+    static Heard& Of(void* share) { return **static_cast<Share*>(share); }
+    static void OnConnected(natsConnection*, void* share) { ++Of(share).connections; }
+    static void OnDisconnected(natsConnection*, void* share) { Of(share).answersRefused = false; }
+    static void OnError(natsConnection* connection, natsSubscription*, natsStatus status, void* share) {
+        if (status == NATS_NOT_PERMITTED) Of(share).NoteRefusal(connection);
+    }
+    // The last one.
+    static void OnClosed(natsConnection*, void* share) { delete static_cast<Share*>(share); }
+
     BrokerOptions options;
+    Share heard = std::make_shared<Heard>();
     natsConnection* connection = nullptr;
     jsCtx* stream = nullptr;
-    std::atomic<uint64_t> connections{0};
-    std::atomic<uint64_t> refusals{0};        // of a right
-    std::atomic<bool> answersRefused{false};  // on this connection: no answer can come
-    base::Mutex lock;
-    std::string refused ZEL_GUARDED_BY(lock);  // the broker's words
     base::Mutex probeLock;
     std::string probed ZEL_GUARDED_BY(probeLock);  // why the last attempt failed
     std::chrono::steady_clock::time_point probeDue ZEL_GUARDED_BY(probeLock);
@@ -97,26 +122,11 @@ struct NatsBroker::Impl {
         natsConnection_Destroy(connection);
     }
 
-    static void OnConnected(natsConnection*, void* self) { ++static_cast<Impl*>(self)->connections; }
-    static void OnDisconnected(natsConnection*, void* self) { static_cast<Impl*>(self)->answersRefused = false; }
-    static void OnError(natsConnection* connection, natsSubscription*, natsStatus status, void* self) {
-        if (status == NATS_NOT_PERMITTED) static_cast<Impl*>(self)->NoteRefusal(connection);
-    }
-    void NoteRefusal(natsConnection* of) {
-        const char* words = nullptr;
-        natsConnection_GetLastError(of, &words);
-        base::MutexLock held(lock);
-        refused = words != nullptr ? words : "";
-        // The subscription that answers come by is made once: without it every request ends in silence.
-        if (refused.find("ubscription") != std::string::npos) answersRefused = true;
-        ++refusals;
-    }
-
     /// What every attempt to connect has.
     base::Result<Options> MakeOptions() const;
     base::Status SetAuthorities(natsOptions* made) const;
     /// Has the library go on trying, and call back.
-    natsStatus TryForEver(natsOptions* made);
+    static natsStatus TryForEver(natsOptions* made, int64_t waitMs, Share* share);
     base::Status Connect();
     std::string Probe();
     Answer AnswerOf(natsStatus status, int code, uint64_t refusalsBefore);
@@ -160,26 +170,29 @@ base::Result<Options> NatsBroker::Impl::MakeOptions() const {
     return owned;
 }
 
-natsStatus NatsBroker::Impl::TryForEver(natsOptions* made) {
+natsStatus NatsBroker::Impl::TryForEver(natsOptions* made, int64_t waitMs, Share* share) {
     natsStatus status = NATS_OK;
     const auto then = [&](natsStatus next) { status = status == NATS_OK ? next : status; };
     then(natsOptions_SetAllowReconnect(made, true));
     then(natsOptions_SetMaxReconnect(made, -1));
-    then(natsOptions_SetReconnectWait(made, options.reconnectMs));
-    then(natsOptions_SetReconnectJitter(made, options.reconnectMs, options.reconnectMs));
-    then(natsOptions_SetRetryOnFailedConnect(made, true, OnConnected, this));
-    then(natsOptions_SetReconnectedCB(made, OnConnected, this));
-    then(natsOptions_SetDisconnectedCB(made, OnDisconnected, this));
-    then(natsOptions_SetErrorHandler(made, OnError, this));
+    then(natsOptions_SetReconnectWait(made, waitMs));
+    then(natsOptions_SetReconnectJitter(made, waitMs, waitMs));
+    then(natsOptions_SetRetryOnFailedConnect(made, true, OnConnected, share));
+    then(natsOptions_SetReconnectedCB(made, OnConnected, share));
+    then(natsOptions_SetDisconnectedCB(made, OnDisconnected, share));
+    then(natsOptions_SetErrorHandler(made, OnError, share));
+    then(natsOptions_SetClosedCB(made, OnClosed, share));
     return status;
 }
 
 base::Status NatsBroker::Impl::Connect() {
     const auto made = MakeOptions();
     if (!made) return made.GetError();
-    natsStatus status = TryForEver(made->get());
+    auto share = std::make_unique<Share>(heard);
+    natsStatus status = TryForEver(made->get(), options.reconnectMs, share.get());
     if (status == NATS_OK) status = natsConnection_Connect(&connection, made->get());
-    if (status == NATS_OK) ++connections;
+    if (status == NATS_OK) ++heard->connections;
+    if (connection != nullptr) static_cast<void>(share.release());  // of the callbacks from now on
     if (status != NATS_OK && status != NATS_NOT_YET_CONNECTED) return ErrorOf(status, "the broker");
     jsOptions defaults;
     status = jsOptions_Init(&defaults);
@@ -202,10 +215,7 @@ std::string NatsBroker::Impl::Probe() {
 
 NatsBroker::NatsBroker(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
 
-// Closed while what its callbacks use is still there; the library waits for those that run.
-NatsBroker::~NatsBroker() {
-    natsConnection_Close(m_impl->connection);
-}
+NatsBroker::~NatsBroker() = default;
 
 base::Result<std::unique_ptr<NatsBroker>> NatsBroker::Open(const BrokerOptions& options) {
     if (options.servers.empty() || options.host.empty()) {
@@ -230,7 +240,7 @@ base::Status NatsBroker::Impl::JudgeConnected() const {
 base::Status NatsBroker::Judge() {
     if (!IsConnected()) return base::SentenceError(m_impl->NotConnected().text);
     base::MutexLock held(m_impl->judgeLock);
-    const uint64_t connection = m_impl->connections;
+    const uint64_t connection = m_impl->heard->connections;
     if (m_impl->judged == connection) return m_impl->verdict;
     m_impl->verdict = m_impl->JudgeConnected();
     // One that has not said what it is is asked again.
@@ -245,7 +255,7 @@ bool NatsBroker::IsConnected() const {
 }
 
 uint64_t NatsBroker::Connections() const {
-    return m_impl->connections;
+    return m_impl->heard->connections;
 }
 
 const std::string& NatsBroker::Host() const {
@@ -275,16 +285,16 @@ Answer NatsBroker::Impl::AnswerOf(natsStatus status, int code, uint64_t refusals
     if (code == kCodeWrongSequence) answer.sequence = SequenceInText(answer.text);
     if (status != NATS_TIMEOUT) return answer;
     answer.text = natsStatus_GetText(status);
-    if (refusals == refusalsBefore && !answersRefused) return answer;
+    if (heard->refusals == refusalsBefore && !heard->answersRefused) return answer;
     answer.notPermitted = true;
-    base::MutexLock held(lock);
-    answer.text = refused;
+    base::MutexLock held(heard->lock);
+    answer.text = heard->refused;
     return answer;
 }
 
 Answer NatsBroker::Publish(const BrokerMessage& message) {
     if (!IsConnected()) return m_impl->NotConnected();
-    const uint64_t refusals = m_impl->refusals;
+    const uint64_t refusals = m_impl->heard->refusals;
     natsMsg* made = nullptr;
     natsStatus status = natsMsg_Create(&made, message.subject.c_str(), nullptr, message.payload->data(),
                                        static_cast<int>(message.payload->size()));
@@ -311,7 +321,7 @@ Answer NatsBroker::Publish(const BrokerMessage& message) {
 
 Answer NatsBroker::ReadLast(const std::string& subject) {
     if (!IsConnected()) return m_impl->NotConnected();
-    const uint64_t refusals = m_impl->refusals;
+    const uint64_t refusals = m_impl->heard->refusals;
     jsDirectGetMsgOptions which;
     natsStatus status = jsDirectGetMsgOptions_Init(&which);
     which.LastBySubject = subject.c_str();

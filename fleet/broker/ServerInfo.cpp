@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <memory>
@@ -108,7 +109,7 @@ base::Status JudgeServer(const ServerInfo& info) {
 ServerPlace PlaceOf(const std::string& url) {
     const size_t scheme = url.find("://");
     std::string rest = scheme == std::string::npos ? url : url.substr(scheme + 3);
-    rest = rest.substr(0, rest.find('/'));
+    rest.resize(std::min(rest.size(), rest.find('/')));
     const size_t user = rest.rfind('@');
     if (user != std::string::npos) rest = rest.substr(user + 1);
     ServerPlace place{rest, "4222"};
