@@ -158,4 +158,5 @@ TEST_F(OomWatermarkFileTest, ReaderSeesAWholeFileWhenWriterIsKilled) {
         before = after;
     }
     EXPECT_GT(before, 0) << "no write was ever finished";
+    EXPECT_TRUE(WriteOomWatermarkFile(Path(), AllAt(before + 1))) << "what the last one left goes with it";
 }
