@@ -43,7 +43,8 @@ ConfigPicture ReadConfigPicture(const std::string& appDir, const std::string& pr
 /// Returns: null when there is no such row.
 const ConfigRow* FindRow(const ConfigPicture& picture, const std::string& key);
 
-/// "conf/online_config.json, key maxCpu, revision 3", "... by the fleet: group.web, revision 9", or "the default". Pure.
+/// "conf/online_config.json, key maxCpu, revision 3", "... by the fleet: group.web, revision 9", or "the default".
+/// Pure.
 std::string OriginOf(const ConfigRow& row);
 
 /// "FILE: KEY = VALUE: why". Pure.

@@ -139,7 +139,7 @@ TEST(LimitKeysTest, EveryKeyIsThereOnceAndItsDefaultIsInRange) {
         EXPECT_GE(key->most, key->byDefault);
     }
     EXPECT_EQ(14U, resourceNames.size());
-    EXPECT_EQ(15U, onlineNames.size());
+    EXPECT_EQ(16U, onlineNames.size());
 }
 
 TEST(LimitKeysTest, DocumentedResourceFileKeysAreTheTables) {
