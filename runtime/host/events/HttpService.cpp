@@ -183,8 +183,8 @@ base::Status PostOnce(const HttpRequest& request, long& status) {
 
 bool IsHttpUrl(const std::string& url) {
     // Whether a char has a sign depends on the machine.
-    for (const unsigned char c : url) {
-        if (c <= ' ' || c >= 0x7f) return false;
+    for (const char c : url) {
+        if (static_cast<unsigned char>(c) <= ' ' || static_cast<unsigned char>(c) >= 0x7f) return false;
     }
     return (url.compare(0, 7, "http://") == 0 && url.size() > 7) ||
            (url.compare(0, 8, "https://") == 0 && url.size() > 8);
