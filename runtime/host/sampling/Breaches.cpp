@@ -6,10 +6,16 @@
 #include "sampling/SamplerLog.h"
 #include "sampling/SelfKillRecord.h"
 #include "sampling/ThreadFacts.h"
+#include "platform/zel/AgentNames.h"
+#include "platform/zel/CgroupObserve.h"
 
 namespace zelhost {
 namespace {
 constexpr uint64_t kBreachThreadRounds = 10;  // rhythm of the thread facts during a CPU breach
+
+bool IsObserved(ResourceKind kind) {
+    return (zel::ObservedLimits() & (kind == ResourceKind::kMemory ? zel::kModeMemory : zel::kModeCpu)) != 0;
+}
 }  // namespace
 
 void CBreaches::Begin() {
@@ -89,6 +95,15 @@ void CBreaches::SelfKill(RoundFigures& round, const Supervised& what, int64_t su
     record.limit = what.limit;
     record.sustainedMs = sustainedMs;
     record.wallTime = time(nullptr);
+    // The sink hears of it and is asked for nothing: it has no record, and it is no request.
+    if (IsObserved(what.kind)) {
+        LogSampler(zel::kLogWarning, __LINE__,
+                   "%s at its maximum for a second breach period in a row (%s of %s), which is only observed: nobody "
+                   "is asked to stop this process",
+                   ResourceKindName(what.kind), QuantityText(what.kind, what.value).c_str(),
+                   QuantityText(what.kind, what.limit).c_str());
+        return m_events.AskToStop(record);
+    }
     ++round.figures.selfKillRequests;
     const char* kind = ResourceKindName(what.kind);
     try {

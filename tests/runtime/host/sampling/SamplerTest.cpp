@@ -387,6 +387,22 @@ TEST_F(SamplerTest, ASustainedBreachWarnsThenWritesItsRecordThenAsks) {
     EXPECT_EQ(NamesIn(m_dir / "records").size(), m_sink.m_kills.size());
 }
 
+TEST_F(SamplerTest, ABreachOfAnObservedMaximumIsNoRequestAndNoRecord) {
+    Settings(10, 8);
+    zel::ObserveLimits(zel::ObservationOrder::kAgent, zel::kModeMemory);
+    m_monitor.SetMaxMem(1);
+    ASSERT_TRUE(m_monitor.StartMonitor(&m_sink));
+    EXPECT_TRUE(Eventually([&] { return m_sink.Kills() >= 1; })) << "the host hears what would have been";
+    EXPECT_EQ(Figures().selfKillRequests, 0u);
+    m_monitor.StopMonitor();
+    zel::ObserveLimits(zel::ObservationOrder::kAgent, 0);
+    EXPECT_EQ(m_sink.m_kills[0].path, "");
+    EXPECT_EQ(NamesIn(m_dir / "records"), Lines{});
+    const std::string log = testing::PrintToString(support::TakeLog());
+    EXPECT_THAT(log, testing::HasSubstr("which is only observed: nobody is asked to stop this process"));
+    EXPECT_THAT(log, testing::Not(testing::HasSubstr("asking the host to stop")));
+}
+
 TEST_F(SamplerTest, ABreachOfCpuNamesTheBusiestThreadAndItsStack) {
     Settings(10, 10);
     m_monitor.SetMaxCpu(5);
