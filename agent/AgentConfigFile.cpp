@@ -19,22 +19,45 @@ auto TextFileOf(const AgentConfig& config) {
 
 }  // namespace
 
-void AgentConfigFile::Tell(const std::string& problem) {
-    if (problem != m_told && !problem.empty()) LogLine(problem, zel::kLogWarning);
+void AgentConfigFile::Tell(const std::string& problem, int level) {
+    if (problem != m_told && !problem.empty()) LogLine(problem, level);
     m_told = problem;
+}
+
+void AgentConfigFile::Refuse(const base::Error& error) {
+    if (m_standing == Standing::kTaken) {
+        return Tell("agent configuration refused, the old values stay: " + error.Text(), zel::kLogWarning);
+    }
+    // What it orders is not known: a host that is to be left untouched must not be touched for a slip of the pen.
+    m_standing = Standing::kNeverRead;
+    Tell("agent configuration refused, and limits are only observed until it can be read: " + error.Text() +
+             "; correct it there, or remove it, and it is taken within seconds",
+         zel::kLogError);
+}
+
+bool AgentConfigFile::IsInExchange(const base::FileMark& mark) {
+    const bool gone = !mark.exists && m_isThere;
+    const bool first = gone && !m_missed;
+    m_missed = first;
+    return first;
 }
 
 bool AgentConfigFile::Renew() {
     m_path = ConfigurationFile(m_appDir, zel::kAgentConfigFileName);
     const base::FileMark mark = base::ReadFileMark(m_path);
-    if (m_seen == mark) return false;
+    if (IsInExchange(mark) || m_seen == mark) return false;
+    m_isThere = mark.exists;
     base::Result<AgentConfig> loaded = LoadAgentConfig(m_path);
+    if (loaded && base::ReadFileMark(m_path) != mark) {
+        loaded = base::SentenceError(m_path + ": it changes while it is read", base::ErrorKind::kBusy);
+    }
     if (loaded || loaded.GetError().kind == base::ErrorKind::kMalformed) m_seen = mark;
     if (!loaded) {
-        Tell("agent configuration refused, the old values stay: " + loaded.GetError().Text());
+        Refuse(loaded.GetError());
         return false;
     }
     m_config = std::move(*loaded);
+    m_standing = Standing::kTaken;
     m_told.clear();
     return true;
 }
@@ -59,7 +82,7 @@ void AgentConfigFile::Follow(zelhost::CHostServices& services) {
 bool AgentConfigFile::FollowSinks(zelhost::CHostServices& services) {
     std::string problem;
     if (!services.SetSinks(m_config.sinks, problem)) {
-        Tell("agent configuration " + m_path + ": " + problem + "; it is tried again");
+        Tell("agent configuration " + m_path + ": " + problem + "; it is tried again", zel::kLogWarning);
         return false;
     }
     m_sinksInForce = m_config.sinks;
@@ -69,7 +92,8 @@ bool AgentConfigFile::FollowSinks(zelhost::CHostServices& services) {
 
 bool AgentConfigFile::FollowTextFile(zelhost::CHostServices& services) {
     if (!services.SetTextFile(m_config.textFile, m_config.textFileSeconds * kMsPerSecond)) {
-        Tell("agent configuration " + m_path + ": this process has no metrics, so no text file of them");
+        Tell("agent configuration " + m_path + ": this process has no metrics, so no text file of them",
+             zel::kLogWarning);
         return false;
     }
     m_textFileFrom = m_config;

@@ -8,6 +8,7 @@
 #include "HumanText.h"
 #include "JsonText.h"
 #include "Printable.h"
+#include "StatusReport.h"
 #include "platform/zel/AgentNames.h"
 
 namespace agent {
@@ -154,10 +155,11 @@ void WordObservation(const Json::Value& body, EventInWords& words) {
     const int64_t limits = NumberIn(body, "limits");
     const bool cpu = (limits & zel::kModeCpu) != 0;
     const bool memory = (limits & zel::kModeMemory) != 0;
-    words.what = cpu || memory
-                     ? std::string("limits are observed only: ") + (cpu ? "CPU" : "") + (cpu && memory ? " and " : "") +
-                           (memory ? "memory" : "") + ", by " + WordIn(body, "order")
-                     : "limits are put in force, and not only observed any more";
+    const std::string held = DescribeHeldThoughObserved(static_cast<int>(limits & NumberIn(body, "in_force")));
+    words.what = cpu || memory ? std::string("limits are observed only: ") + (cpu ? "CPU" : "") +
+                                     (cpu && memory ? " and " : "") + (memory ? "memory" : "") + ", by " +
+                                     WordIn(body, "order") + (held.empty() ? "" : "; but " + held)
+                               : "limits are to be put in force, and not only observed any more";
 }
 
 void WordWouldKill(const Json::Value& body, EventInWords& words) {

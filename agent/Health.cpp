@@ -27,6 +27,11 @@ void FindLimits(const StatusReport& report, Troubles& found) {
     const int held = ModeToHold(report);
     if ((held & zel::kModeCpu) != 0) FindMissingLimit("CPU", report.cgroup.cpu, found);
     if ((held & zel::kModeMemory) != 0) FindMissingLimit("memory", report.cgroup.mem, found);
+    const std::string observed = DescribeHeldThoughObserved(HeldThoughObserved(report));
+    if (!observed.empty()) {
+        found.push_back({observed + ", though limits are to be only observed",
+                         "the log says which file refused it and why; it is tried again every minute"});
+    }
     if (held != 0 && (report.mode & zel::kModeUnified) != 0 && !report.unified)
         found.push_back({report.modeReason, "the log says why; reload tries again"});
 }

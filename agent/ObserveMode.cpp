@@ -8,8 +8,10 @@
 
 #include "AgentLog.h"
 #include "EventSink.h"
+#include "StatusReport.h"
 #include "SteadyTime.h"
 #include "platform/zel/AgentNames.h"
+#include "platform/zel/CgroupStatus.h"
 
 namespace agent {
 
@@ -18,13 +20,25 @@ namespace {
 constexpr int kBoth = zel::kModeCpu | zel::kModeMemory;
 
 std::atomic<bool> g_byCommandLine{false};
+std::atomic<bool> g_byUnreadFile{false};
+
+const char* AgentsOrder() {
+    if (g_byCommandLine) return "--observe";
+    return g_byUnreadFile ? "conf/agent.json, which is refused" : "observe in conf/agent.json";
+}
 
 std::string OrderOf() {
     const bool agent = zel::ObservedLimits(zel::ObservationOrder::kAgent) != 0;
     const bool online = zel::ObservedLimits(zel::ObservationOrder::kOnlineConfig) != 0;
-    std::string order = !agent ? "" : g_byCommandLine ? "--observe" : "observe in conf/agent.json";
+    std::string order = agent ? AgentsOrder() : "";
     if (online) order += std::string(order.empty() ? "" : " and ") + "observedLimits in the online configuration";
     return order;
+}
+
+/// What the kernel shows at this moment.
+int LimitsOfThisProcess() {
+    StatusReport report;
+    return zel::ReadCgroupStatus(report.cgroup) ? ModeInForce(report) : 0;
 }
 
 }  // namespace
@@ -40,10 +54,11 @@ std::string DescribeObservation() {
     return limits == 0 ? "" : NameLimits(limits) + " (by " + OrderOf() + ")";
 }
 
-std::string FormatObservation(int limits, const std::string& order, int64_t now) {
+std::string FormatObservation(int limits, int inForce, const std::string& order, int64_t now) {
     Json::Value body(Json::objectValue);
     body["detect_time"] = Json::Int64(now);
     body["limits"] = limits;
+    body["in_force"] = inForce;
     body["order"] = order;
     return body.toStyledString();
 }
@@ -61,8 +76,9 @@ std::string FormatWouldKill(const zel::ObservedKill& kill, int64_t now) {
     return body.toStyledString();
 }
 
-void ObserveMode::Order(bool byFile) {
+void ObserveMode::Order(bool byFile, bool unread) {
     g_byCommandLine = m_commandLine;
+    g_byUnreadFile = unread;
     zel::ObserveLimits(zel::ObservationOrder::kAgent, m_commandLine || byFile ? kBoth : 0);
 }
 
@@ -70,11 +86,22 @@ bool ObserveMode::Follow() {
     const bool tellComponents = zel::FollowObservedLimits();
     const int now = zel::ObservedLimits();
     if (now == m_told) return tellComponents;
-    LogLine(now != 0 ? "limits are only observed: " + DescribeObservation() +
-                           "; nothing of them is written, nobody is limited or ended for them"
-                     : std::string("limits are not only observed any more: what is asked for is put in force"),
+    const int held = now == 0 ? 0 : LimitsOfThisProcess() & now;
+    if (now == 0) {
+        LogLine(
+            "limits are not only observed any more: what is asked for is being put in force, and a limit that "
+            "does not hold gets a line of its own",
             zel::kLogInfo);
-    if (m_isMain) Deliver(zel::kObservationMessage, FormatObservation(now, OrderOf(), time(nullptr)));
+    } else if (held == 0) {
+        LogLine("limits are only observed: " + DescribeObservation() +
+                    "; nothing of them is written, nobody is limited or ended for them",
+                zel::kLogInfo);
+    } else {
+        LogLine("limits are to be only observed: " + DescribeObservation() + ", but " +
+                    DescribeHeldThoughObserved(held) + "; the lines before this one say why, it is tried again",
+                zel::kLogWarning);
+    }
+    if (m_isMain) Deliver(zel::kObservationMessage, FormatObservation(now, held, OrderOf(), time(nullptr)));
     m_told = now;
     return tellComponents;
 }

@@ -14,8 +14,8 @@ std::string DescribeObservation();
 /// "CPU and memory", "CPU", "memory"; empty: nothing. Pure.
 std::string NameLimits(int limits);
 
-/// Bodies of the two messages. Pure.
-std::string FormatObservation(int limits, const std::string& order, int64_t now);
+/// Bodies of the two messages. `inForce`: those of the limits that hold all the same. Pure.
+std::string FormatObservation(int limits, int inForce, const std::string& order, int64_t now);
 std::string FormatWouldKill(const zel::ObservedKill& kill, int64_t now);
 
 /// Runs on the main thread.
@@ -25,8 +25,9 @@ public:
     ObserveMode(bool commandLine, bool isMain, unsigned int everySeconds)
         : m_commandLine(commandLine), m_isMain(isMain), m_everySeconds(everySeconds) {}
 
-    /// `byFile`: conf/agent.json says so. To be called before the monitor is started, and when the file has changed.
-    void Order(bool byFile);
+    /// `byFile`: conf/agent.json says so; `unread`: it is there and what it says is not known. To be called before the
+    /// monitor is started, and when the file has changed.
+    void Order(bool byFile, bool unread = false);
     /// Brings the limits into line with what was ordered, and tells of a change.
     /// Returns: whether the components are to be told of a change of their groups.
     bool Follow();

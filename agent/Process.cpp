@@ -182,7 +182,7 @@ int Process::StartServices() {
     m_agentConfig = std::make_unique<AgentConfigFile>(m_options.appDir, m_options.IsMain());
     zelhost::HostOptions host = MakeHostOptions(m_options);
     ApplyAgentConfig(m_agentConfig->Read(), host);
-    m_observe.Order(m_agentConfig->Current().observe);
+    m_observe.Order(m_agentConfig->Observes(), m_agentConfig->IsUnread());
     const base::Status started = agent::StartServices(m_services, host);
     return started ? kExitClean : Refuse(kExitServices, started.GetError().Text());
 }
@@ -476,7 +476,7 @@ int Process::LookAround(int64_t second) {
     if (wanted || second >= m_nextConfigLook) {
         m_nextConfigLook = NextOfRhythm(second, m_options.IsMain() ? kLookSeconds : kBeatSeconds);
         m_agentConfig->Follow(m_services);
-        m_observe.Order(m_agentConfig->Current().observe);
+        m_observe.Order(m_agentConfig->Observes(), m_agentConfig->IsUnread());
         if (m_pressure != nullptr) m_pressure->Follow(m_agentConfig->Current().pressure);
         TryAgain();
     }

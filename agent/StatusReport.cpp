@@ -16,6 +16,20 @@ bool HoldsOwnLimit(const zel::CgroupControllerStatus& controller) {
     return controller.limited && !controller.byOthers;
 }
 
+int HeldThoughObserved(const StatusReport& report) {
+    return ModeInForce(report) & report.observed & (zel::kModeCpu | zel::kModeMemory);
+}
+
+std::string DescribeHeldThoughObserved(int limits) {
+    const bool cpu = (limits & zel::kModeCpu) != 0;
+    const bool memory = (limits & zel::kModeMemory) != 0;
+    if (!cpu && !memory) return "";
+    return std::string(cpu && memory ? "the limits of CPU and memory are"
+                       : cpu         ? "the CPU limit is"
+                                     : "the memory limit is") +
+           " still in force and could not be taken off";
+}
+
 bool IsInUnifiedTree(const zel::CgroupTreeStatus& tree, int pid) {
     if (!tree.present) return false;
     return std::any_of(tree.nodes.begin(), tree.nodes.end(), [pid](const zel::CgroupNodeStatus& node) {
@@ -67,7 +81,9 @@ std::string DescribeMode(const StatusReport& report) {
     const std::string wanted = "mode " + std::to_string(report.mode) + ": ";
     const int asked = report.mode & (zel::kModeCpu | zel::kModeMemory);
     if ((asked & report.observed) == 0) return DescribeHeldMode(report, wanted);
-    const std::string observed = "observed only: " + report.observation + ", nothing is limited for it";
+    const std::string held = DescribeHeldThoughObserved(HeldThoughObserved(report));
+    const std::string observed = "observed only: " + report.observation +
+                                 (held.empty() ? std::string(", nothing is limited for it") : ", but " + held);
     return ModeToHold(report) == 0 ? wanted + observed : DescribeHeldMode(report, wanted) + "; " + observed;
 }
 

@@ -59,6 +59,10 @@ bool HoldsOwnLimit(const zel::CgroupControllerStatus& controller);
 int ModeInForce(const StatusReport& report);
 /// Bits of the limit mode that are asked for and not only observed: CPU and memory. Pure.
 int ModeToHold(const StatusReport& report);
+/// Bits of the limit mode that are to be only observed and hold this process all the same: CPU and memory. Pure.
+int HeldThoughObserved(const StatusReport& report);
+/// Those in words, a clause; empty: none. Pure.
+std::string DescribeHeldThoughObserved(int limits);
 /// Whether a group of the tree holds the process. Pure.
 bool IsInUnifiedTree(const zel::CgroupTreeStatus& tree, int pid);
 /// What an operator can do about a limit that does not hold, as the kernel's files have it and by whether the limit is

@@ -153,9 +153,11 @@ Findings JudgeAgent(const base::Result<StatusReport>& report) {
     Findings found{Ok(Text("the agent runs, process %d, %s", report->pid, report->modeReason.c_str()),
                       Text("mode asked for %d, in force %d", report->mode, report->modeInForce))};
     if (!report->observation.empty()) {
+        const std::string held = DescribeHeldThoughObserved(HeldThoughObserved(*report));
         found.push_back(
             {Severity::kWarning,
-             "limits are observed only: " + report->observation + ", nothing is limited for them, and nobody ended",
+             "limits are observed only: " + report->observation +
+                 (held.empty() ? std::string(", nothing is limited for them, and nobody ended") : ", but " + held),
              "answer of the agent to status",
              "tervanectl advise says what they would have done; take the order back to put them in force"});
     }

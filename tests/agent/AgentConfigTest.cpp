@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <utility>
 #include <vector>
@@ -188,13 +189,78 @@ TEST_F(LoggedConfigTest, TheSameRefusalIsToldOnce) {
     ASSERT_EQ(chmod((m_dir / "conf").c_str(), 0777), 0);
     AgentConfigFile file(m_dir.Path(), true);
     for (int look = 0; look < 5; ++look) file.Read();
-    EXPECT_EQ(Logged("agent configuration refused, the old values stay: " + m_path), 1u);
+    EXPECT_EQ(Logged("refused, and limits are only observed until it can be read: " + m_path), 1u);
     ASSERT_EQ(chmod((m_dir / "conf").c_str(), 0750), 0);
     EXPECT_TRUE(file.Read().sinks.syslog);
     ASSERT_EQ(chmod((m_dir / "conf").c_str(), 0777), 0);
     ASSERT_TRUE(support::WriteText(m_path, R"({"syslog":false})"));
     for (int look = 0; look < 5; ++look) EXPECT_TRUE(file.Read().sinks.syslog) << "the old values stay";
-    EXPECT_EQ(Logged("agent configuration refused, the old values stay: " + m_path), 2u);
+    EXPECT_EQ(Logged("agent configuration refused, the old values stay: " + m_path), 1u);
+}
+
+TEST_F(LoggedConfigTest, AFileRefusedAtTheStartMeansObserve) {
+    for (const char* const text : {R"({"observe": true, "htpp": 1})", R"({"observe": false)", ""}) {
+        ASSERT_TRUE(support::WriteText(m_path, text));
+        AgentConfigFile file(m_dir.Path(), true);
+        EXPECT_FALSE(file.Read().observe);
+        EXPECT_TRUE(file.Observes()) << text;
+        EXPECT_TRUE(file.IsUnread());
+        zelhost::CHostServices services;
+        file.Follow(services);
+        EXPECT_TRUE(file.Observes()) << "looked at again";
+        ASSERT_TRUE(support::WriteText(m_path, R"({"observe": false})"));
+        file.Follow(services);
+        EXPECT_FALSE(file.Observes()) << "read, and it says no";
+        ASSERT_TRUE(support::WriteText(m_path, R"({"observe": true, "htpp": 1})"));
+        file.Follow(services);
+        EXPECT_FALSE(file.Observes()) << "the last good value, which is known";
+    }
+    ASSERT_EQ(chmod(m_path.c_str(), 0666), 0);
+    AgentConfigFile file(m_dir.Path(), true);
+    file.Read();
+    EXPECT_TRUE(file.Observes()) << "others may have written it";
+    AgentConfigFile none(m_dir / "none", true);
+    none.Read();
+    EXPECT_FALSE(none.Observes()) << "no file orders nothing";
+}
+
+TEST_F(LoggedConfigTest, ARefusedFileThatIsRemovedOrdersNothing) {
+    ASSERT_TRUE(support::WriteText(m_path, "{}"));
+    ASSERT_EQ(chmod(m_path.c_str(), 0666), 0);
+    AgentConfigFile file(m_dir.Path(), true);
+    file.Read();
+    ASSERT_EQ(unlink(m_path.c_str()), 0);
+    zelhost::CHostServices services;
+    for (int look = 0; look < 2; ++look) {
+        EXPECT_TRUE(file.Observes());
+        file.Follow(services);
+    }
+    EXPECT_FALSE(file.Observes());
+}
+
+TEST_F(LoggedConfigTest, AFileIsMissedTwiceBeforeItCountsAsRemoved) {
+    ASSERT_TRUE(support::WriteText(m_path, R"({"observe": true})"));
+    AgentConfigFile file(m_dir.Path(), true);
+    EXPECT_TRUE(file.Read().observe);
+    zelhost::CHostServices services;
+    for (int exchange = 0; exchange < 3; ++exchange) {
+        ASSERT_EQ(unlink(m_path.c_str()), 0);
+        file.Follow(services);
+        EXPECT_TRUE(file.Observes()) << "it may be exchanged just now";
+        ASSERT_TRUE(support::WriteText(m_path, R"({"observe": true})"));
+        file.Follow(services);
+        EXPECT_TRUE(file.Observes());
+    }
+    ASSERT_EQ(unlink(m_path.c_str()), 0);
+    file.Follow(services);
+    file.Follow(services);
+    EXPECT_FALSE(file.Observes());
+    ASSERT_TRUE(support::WriteText(m_path, R"({"observe": true})"));
+    file.Follow(services);
+    ASSERT_EQ(unlink(m_path.c_str()), 0);
+    file.ReadAnew();
+    file.Follow(services);
+    EXPECT_FALSE(file.Observes()) << "somebody asked for it";
 }
 
 }  // namespace

@@ -83,6 +83,20 @@ TEST(DoctorTest, WhatTheAgentWantsAndHasNotIsAProblem) {
                 HasSubstr("PROBLEM  memory limit is asked for and not in force: no group has a limit\n"));
 }
 
+TEST(DoctorTest, AnObservedLimitThatStillHoldsIsAProblem) {
+    StatusReport report = Limited();
+    report.observed = zel::kModeCpu | zel::kModeMemory;
+    report.observation = "CPU and memory (by --observe)";
+    report.cgroup.mem.limited = false;
+    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeAgent(report)));
+    const std::string text = TextOf(JudgeAgent(report));
+    EXPECT_THAT(text, HasSubstr("(by --observe), but the CPU limit is still in force and could not be taken off\n"));
+    EXPECT_EQ(text.find("nothing is limited"), std::string::npos) << text;
+    report.cgroup.cpu.limited = false;
+    EXPECT_EQ(Severity::kWarning, WorstOf(JudgeAgent(report)));
+    EXPECT_THAT(TextOf(JudgeAgent(report)), HasSubstr("nothing is limited for them, and nobody ended"));
+}
+
 TEST(DoctorTest, AControllerThatIsNotMountedIsAProblem) {
     zel::CgroupControllerStatus controller;
     controller.reason = "not mounted";

@@ -85,6 +85,25 @@ TEST(HealthTest, WhatIsOnlyObservedIsNoTroubleAndSaidToBeSo) {
     EXPECT_THAT(DescribeMode(report), HasSubstr("observed only: CPU (by --observe)"));
 }
 
+TEST(HealthTest, AnObservedLimitThatStillHoldsIsTrouble) {
+    StatusReport report = Healthy();
+    report.observed = zel::kModeCpu | zel::kModeMemory;
+    report.observation = "CPU and memory (by --observe)";
+    report.cgroup.cpu.limited = false;
+    const auto found = FindTrouble(report);
+    ASSERT_EQ(1u, found.size());
+    EXPECT_THAT(found[0].what, HasSubstr("the memory limit is still in force and could not be taken off"));
+    EXPECT_THAT(found[0].remedy, HasSubstr("tried again"));
+    EXPECT_EQ(
+        "mode 13: observed only: CPU and memory (by --observe), but the memory limit is still in force and could not "
+        "be taken off",
+        DescribeMode(report));
+    report.cgroup.cpu.limited = true;
+    EXPECT_THAT(DescribeMode(report), HasSubstr("the limits of CPU and memory are still in force"));
+    report.cgroup.cpu.byOthers = report.cgroup.mem.byOthers = true;
+    EXPECT_THAT(FindTrouble(report), IsEmpty()) << "what others have set is not ours to take off";
+}
+
 TEST(HealthTest, WhatIsAsItWasAskedForIsNoFinding) {
     StatusReport report = Healthy();
     Want(report, "cpu", 560);

@@ -38,6 +38,8 @@ TEST_F(ObserveModeTest, SaysWhichLimitsAndByWhoseOrder) {
     ObserveMode byFile(false, false, 5);
     byFile.Order(true);
     EXPECT_EQ("CPU and memory (by observe in conf/agent.json)", DescribeObservation());
+    byFile.Order(true, true);
+    EXPECT_EQ("CPU and memory (by conf/agent.json, which is refused)", DescribeObservation());
     byFile.Order(false);
     zel::ObserveLimits(zel::ObservationOrder::kOnlineConfig, zel::kModeMemory);
     EXPECT_EQ("memory (by observedLimits in the online configuration)", DescribeObservation());
@@ -70,9 +72,10 @@ TEST_F(ObserveModeTest, MessagesHaveWhatTheyAreAbout) {
     EXPECT_EQ(1024, (*kill)["limit"].asInt64());
     EXPECT_EQ("kernel", (*kill)["by"].asString());
     EXPECT_EQ(7, (*kill)["pid"].asInt());
-    const base::Result<Json::Value> order = ParseJson(FormatObservation(4, "--observe", 1700000000));
+    const base::Result<Json::Value> order = ParseJson(FormatObservation(5, 4, "--observe", 1700000000));
     ASSERT_TRUE(order);
-    EXPECT_EQ(4, (*order)["limits"].asInt());
+    EXPECT_EQ(5, (*order)["limits"].asInt());
+    EXPECT_EQ(4, (*order)["in_force"].asInt());
     EXPECT_EQ("--observe", (*order)["order"].asString());
     EXPECT_EQ(1700000000, (*order)["detect_time"].asInt64());
 }
