@@ -171,9 +171,11 @@ TEST_F(LocalSocketTest, ASocketThatWasLeftIsReplaced) {
 TEST_F(LocalSocketTest, OneThatTakesThePlaceOfAnotherEndsIt) {
     const std::string second = dir / "second";
     auto server = ListeningSocket::Local(path, SocketKind::kStream, ServeLock::kFile);
-    auto other = ListeningSocket::Local(second, SocketKind::kStream, ServeLock::kFile);
-    ASSERT_TRUE(server && other);
-    *server = std::move(*other);
+    {
+        auto other = ListeningSocket::Local(second, SocketKind::kStream, ServeLock::kFile);
+        ASSERT_TRUE(server && other);
+        *server = std::move(*other);
+    }  // nothing that it left behind may hold what came along
     EXPECT_EQ(second, server->Address());
     EXPECT_TRUE(server->IsLocal());
     EXPECT_FALSE(support::Exists(path));
