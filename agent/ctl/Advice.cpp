@@ -107,46 +107,72 @@ std::string Table(const std::vector<GroupAdvice>& advice, const char* title, Lim
     return text;
 }
 
-std::string ObservedCpu(const GroupUse& group, const LimitAdvice& advice) {
+/// What a group has used while a limit was only observed: nothing of the minutes in which it was in force.
+struct ObservedUse {
+    std::vector<int64_t> values;
+    int64_t limit = 0;  ///< of the last such minute
+    int64_t hits = 0;
     int64_t minutes = 0;
-    int64_t held = 0;
-    int64_t heldMs = 0;
-    for (const UsePoint& point : group.points) {
-        if ((point.observed & zel::kModeCpu) == 0 || point.throttledMs < 0) continue;
-        ++minutes;
-        if (point.throttledMs > 0) ++held;
-        heldMs += point.throttledMs;
+    int64_t hitMinutes = 0;
+
+    std::string Sentence(const char* name, std::string (*show)(int64_t)) const {
+        std::vector<int64_t> sorted = values;
+        const int64_t peak = values.empty() ? -1 : *std::max_element(values.begin(), values.end());
+        return std::string(name) + " peak " + show(peak) + ", p99 " + show(Percentile99(sorted)) + " of " + show(limit);
     }
-    if (advice.limit == 0 || minutes == 0) return "";
-    return Text("CPU peak %s, p99 %s of %s: held back in %lld of %lld minutes, for %s", Cpu(advice.peak).c_str(),
-                Cpu(advice.p99).c_str(), Cpu(advice.limit).c_str(), static_cast<long long>(held),
-                static_cast<long long>(minutes), HumanDuration(heldMs).c_str());
+};
+
+/// `value` and `hits` of the limit whose bit of the mode is `bit`.
+ObservedUse UseWhileObserved(const GroupUse& group, int bit, int64_t UsePoint::*value, int64_t UsePoint::*hits,
+                             int UsePoint::*limit) {
+    ObservedUse use;
+    for (const UsePoint& point : group.points) {
+        if ((point.observed & bit) == 0) continue;
+        use.limit = point.*limit;
+        if (point.*value >= 0) use.values.push_back(point.*value);
+        if (point.*hits < 0) continue;
+        ++use.minutes;
+        use.hitMinutes += point.*hits > 0 ? 1 : 0;
+        use.hits += point.*hits;
+    }
+    return use;
 }
 
-std::string ObservedMemory(const GroupUse& group, const LimitAdvice& advice) {
-    int64_t kills = 0;
-    bool observed = false;
-    for (const UsePoint& point : group.points) {
-        if ((point.observed & zel::kModeMemory) == 0) continue;
-        observed = true;
-        kills += std::max<int64_t>(0, point.hits);
+std::string ObservedCpu(const GroupUse& group) {
+    const ObservedUse use = UseWhileObserved(group, zel::kModeCpu, &UsePoint::cpu100Times, &UsePoint::throttledMs,
+                                             &UsePoint::cpuLimit100Times);
+    if (use.limit == 0 || use.minutes == 0) return "";
+    return use.Sentence("CPU", Cpu) + Text(": held back in %lld of %lld minutes, for %s",
+                                           static_cast<long long>(use.hitMinutes), static_cast<long long>(use.minutes),
+                                           HumanDuration(use.hits).c_str());
+}
+
+std::string ObservedMemory(const GroupUse& group) {
+    const ObservedUse use =
+        UseWhileObserved(group, zel::kModeMemory, &UsePoint::memoryKb, &UsePoint::hits, &UsePoint::memoryLimitKb);
+    if (use.limit == 0) return "";
+    return use.Sentence("memory", Memory) + Text(": %lld would have been killed", static_cast<long long>(use.hits));
+}
+
+std::string ObservedHead(const DayHistory& day) {
+    if (day.observedRows == day.rows) {
+        return Text("observed only, nothing is limited: with these limits, in the last %s:\n",
+                    HumanDuration((day.to - day.from) * 1000).c_str());
     }
-    if (advice.limit == 0 || !observed) return "";
-    return Text("memory peak %s, p99 %s of %s: %lld would have been killed", Memory(advice.peak).c_str(),
-                Memory(advice.p99).c_str(), Memory(advice.limit).c_str(), static_cast<long long>(kills));
+    return Text("observed only in %zu of %zu recorded minutes%s; with these limits, in those minutes:\n",
+                day.observedRows, day.rows, day.observedAtEnd == 0 ? ", in force at the end" : "");
 }
 
 }  // namespace
 
-std::string ObservedText(const DayHistory& day, const std::vector<GroupAdvice>& advice) {
+std::string ObservedText(const DayHistory& day) {
     if (day.observed == 0) return "";
-    std::string text = Text("observed only, nothing is limited: with these limits, in the last %s:\n",
-                            HumanDuration((day.to - day.from) * 1000).c_str());
-    for (size_t i = 0; i < day.groups.size() && i < advice.size(); ++i) {
-        const std::string cpu = ObservedCpu(day.groups[i], advice[i].cpu);
-        const std::string memory = ObservedMemory(day.groups[i], advice[i].memory);
+    std::string text = ObservedHead(day);
+    for (const GroupUse& group : day.groups) {
+        const std::string cpu = ObservedCpu(group);
+        const std::string memory = ObservedMemory(group);
         if (cpu.empty() && memory.empty()) continue;
-        text += "  " + (advice[i].name.empty() ? std::string("whole agent") : Printable(advice[i].name)) + ": " + cpu +
+        text += "  " + (group.name.empty() ? std::string("whole agent") : Printable(group.name)) + ": " + cpu +
                 (cpu.empty() || memory.empty() ? "" : "; ") + memory + "\n";
     }
     return text;
@@ -169,7 +195,7 @@ std::string AdviceText(const DayHistory& day, const std::vector<GroupAdvice>& ad
     }
     text += Text("from %zu recorded minutes of the last %.1f hours\n\n", day.rows,
                  static_cast<double>(day.to - day.from) / 3600);
-    const std::string observed = ObservedText(day, advice);
+    const std::string observed = ObservedText(day);
     if (!observed.empty()) text += observed + "  when each was: tervanectl events --type would-kill\n\n";
     text += Table(advice, "CPU, of one processor", &GroupAdvice::cpu, Cpu) + "\n";
     text += Table(advice, "memory", &GroupAdvice::memory, Memory) + "\n";

@@ -33,8 +33,9 @@ constexpr int64_t kLeastMinutes = 10;
 /// Pure.
 std::vector<GroupAdvice> MakeAdvice(const DayHistory& day);
 
-/// "with these limits, in the last ...", a line for each group; empty where they are in force. Pure.
-std::string ObservedText(const DayHistory& day, const std::vector<GroupAdvice>& advice);
+/// "with these limits, in the last ...", a line for each group, of the minutes in which they were only observed; empty
+/// where there is none. Pure.
+std::string ObservedText(const DayHistory& day);
 
 /// A table and what it means. Pure.
 std::string AdviceText(const DayHistory& day, const std::vector<GroupAdvice>& advice);

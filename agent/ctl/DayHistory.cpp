@@ -112,7 +112,9 @@ DayHistory MakeDayHistory(std::vector<HistoryRow> rows, int64_t since) {
         day.leftOut = std::max(day.leftOut, row.leftOut);
         if (last == nullptr) day.from = row.time;
         day.to = row.time;
-        day.observed = row.observed;
+        day.observed |= row.observed;
+        day.observedAtEnd = row.observed;
+        day.observedRows += row.observed != 0 ? 1 : 0;
         ++day.rows;
         if (last != nullptr) AddPressure(*last, row, day.pressure);
         for (const zel::CgroupFigures& figures : row.groups) {

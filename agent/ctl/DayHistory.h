@@ -45,7 +45,9 @@ struct DayHistory {
     size_t rows = 0;
     std::vector<GroupUse> groups;  ///< the whole agent first, each group before its components
     std::vector<PressurePoint> pressure;
-    int observed = 0;                   ///< limits that were only observed in the last row
+    int observed = 0;                   ///< limits that were only observed in any row
+    int observedAtEnd = 0;              ///< in the last one
+    size_t observedRows = 0;            ///< rows in which one was
     int64_t leftOut = 0;                ///< groups for which the store had no room
     std::vector<std::string> problems;  ///< what could not be read, in sentences
 };

@@ -8,7 +8,7 @@ namespace agent {
 namespace {
 
 /// In the order of MarkKind.
-constexpr const char* kMarkWords[kMarkKinds] = {"oom", "self-kill", "drift", "limit", "end", "host"};
+constexpr const char* kMarkWords[kMarkKinds] = {"oom", "self-kill", "would-kill", "drift", "limit", "end", "host"};
 
 Json::Value Number(int64_t value) {
     return {static_cast<Json::Int64>(value)};
@@ -25,6 +25,7 @@ Json::Value PointJson(const UsePoint& point) {
     object["memory_kb"] = Number(point.memoryKb);
     object["memory_limit_kb"] = point.memoryLimitKb;
     object["limit_hits"] = Number(point.hits);
+    object["observed"] = point.observed;
     return object;
 }
 
@@ -60,6 +61,8 @@ void AddSource(const DayHistory& day, Json::Value& view) {
     view["from"] = Number(day.from);
     view["to"] = Number(day.to);
     view["recorded_minutes"] = Number(static_cast<int64_t>(day.rows));
+    view["observed"] = day.observed;
+    view["observed_minutes"] = Number(static_cast<int64_t>(day.observedRows));
     view["groups_left_out"] = Number(day.leftOut);
     view["unread"] = JsonList(day.problems);
     view["groups"] = Json::Value(Json::arrayValue);

@@ -22,9 +22,13 @@ struct Look {
     const char* name;
 };
 /// In the order of MarkKind.
-constexpr Look kLooks[kMarkKinds] = {{"M", "out-of-memory kill"}, {"K", "self-kill"},
-                                     {"D", "drift of a limit"},   {"C", "change of a limit"},
-                                     {"E", "end of a component"}, {"H", "host"}};
+constexpr Look kLooks[kMarkKinds] = {{"M", "out-of-memory kill"},
+                                     {"K", "self-kill"},
+                                     {"W", "kill that an observed limit would have caused"},
+                                     {"D", "drift of a limit"},
+                                     {"C", "change of a limit"},
+                                     {"E", "end of a component"},
+                                     {"H", "host"}};
 
 std::string Word(const Json::Value& value) {
     return value.isString() ? value.asString() : "";
@@ -38,8 +42,8 @@ void AddSubject(std::vector<std::string>& subjects, const std::string& name) {
 MarkKind KindOf(EventKind kind, const Json::Value& body) {
     switch (kind) {
         case EventKind::kOom: return MarkKind::kOom;
-        case EventKind::kSelfKill:
-        case EventKind::kWouldKill: return MarkKind::kKill;
+        case EventKind::kSelfKill: return MarkKind::kKill;
+        case EventKind::kWouldKill: return MarkKind::kWouldKill;
         case EventKind::kObservation: return MarkKind::kConfig;
         case EventKind::kDrift: return MarkKind::kDrift;
         case EventKind::kComponentEnd: return body["oom"].isObject() ? MarkKind::kOom : MarkKind::kEnd;

@@ -10,8 +10,8 @@
 
 namespace agent {
 
-enum class MarkKind { kOom, kKill, kDrift, kConfig, kEnd, kHost };
-constexpr size_t kMarkKinds = 6;
+enum class MarkKind { kOom, kKill, kWouldKill, kDrift, kConfig, kEnd, kHost };
+constexpr size_t kMarkKinds = 7;
 
 struct Mark {
     int64_t time = 0;

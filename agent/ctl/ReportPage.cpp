@@ -11,6 +11,7 @@
 #include "Advice.h"
 #include "ReportStyle.h"
 #include "Text.h"
+#include "platform/zel/AgentNames.h"
 
 namespace agent {
 
@@ -200,14 +201,31 @@ std::vector<Piece> PiecesOf(const GroupUse& group, int64_t UsePoint::*value, int
     return pieces;
 }
 
+std::string DescribeHits(const GroupUse& group) {
+    int64_t held = 0;
+    int64_t observed = 0;
+    for (const UsePoint& point : group.points) {
+        ((point.observed & zel::kModeMemory) != 0 ? observed : held) += std::max<int64_t>(0, point.hits);
+    }
+    std::string html;
+    if (held > 0)
+        html =
+            Text("<p class=\"small muted\">its memory limit was reached %lld times</p>", static_cast<long long>(held));
+    if (observed > 0) {
+        html += Text(
+            "<p class=\"small muted\">%lld would have been killed for its memory limit while it was only "
+            "observed</p>",
+            static_cast<long long>(observed));
+    }
+    return html;
+}
+
 std::string DrawGroup(const GroupUse& group, const ReportFacts& facts, const Axis& axis) {
     std::vector<const Mark*> marks;
     for (const Mark& mark : facts.marks) {
         if (Concerns(mark, group.name)) marks.push_back(&mark);
     }
     const std::string lines = MarkLines(marks, axis);
-    int64_t hits = 0;
-    for (const UsePoint& point : group.points) hits += std::max<int64_t>(0, point.hits);
     std::string html = "<section class=\"card\"><h3>" +
                        (group.name.empty() ? std::string("whole agent") : EscapeHtml(group.name)) + "</h3>";
     html += DrawChart({"CPU, of one processor", "cpu", Percent, kPercent},
@@ -217,10 +235,7 @@ std::string DrawGroup(const GroupUse& group, const ReportFacts& facts, const Axi
     html += DrawChart({"memory", "mem", Megabytes, kKbPerMb},
                       PiecesOf(group, &UsePoint::memoryKb, &UsePoint::memoryLimitKb), axis, lines);
     html += DrawTimes(axis);
-    if (hits > 0)
-        html +=
-            Text("<p class=\"small muted\">its memory limit was reached %lld times</p>", static_cast<long long>(hits));
-    return html + "</section>";
+    return html + DescribeHits(group) + "</section>";
 }
 
 std::string DrawPressure(const ReportFacts& facts, const Axis& axis) {
@@ -332,6 +347,9 @@ std::string DrawTiles(const ReportFacts& facts) {
     for (const DoctorFinding& finding : facts.findings) trouble += finding.severity != Severity::kOk ? 1 : 0;
     return "<div class=\"tiles\">" + Tile(std::to_string(facts.day.groups.size()), "groups") +
            Tile(count(MarkKind::kOom), "out-of-memory events") + Tile(count(MarkKind::kKill), "self-kills") +
+           (facts.day.observed != 0 || counts[static_cast<size_t>(MarkKind::kWouldKill)] > 0
+                ? Tile(count(MarkKind::kWouldKill), "would have been killed")
+                : "") +
            Tile(count(MarkKind::kDrift), "drifts of a limit") + Tile(count(MarkKind::kConfig), "changes of limits") +
            Tile(std::to_string(trouble), "findings to act on") + "</div>";
 }
@@ -343,10 +361,14 @@ std::string DrawGroups(const ReportFacts& facts, const Axis& axis) {
                "<section class=\"card\"><p>No minute of any group is known. Groups are recorded once a minute while "
                "the main process keeps a unified tree (resource_limit_mode has bit 8).</p></section>";
     }
-    const std::string observed = ObservedText(facts.day, MakeAdvice(facts.day));
+    const std::string observed = ObservedText(facts.day);
     if (!observed.empty())
         html += "<section class=\"card\"><pre>" + EscapeHtml(observed, kShownObserved) + "</pre></section>";
-    const std::string limit = observed.empty() ? " limit in force" : " limit, observed only";
+    const std::string limit =
+        observed.empty() ? " limit in force"
+        : facts.day.observedRows == facts.day.rows
+            ? std::string(" limit, observed only")
+            : Text(" limit, in %zu of %zu minutes observed only", facts.day.observedRows, facts.day.rows);
     html +=
         "<p class=\"key\"><span><svg viewBox=\"0 0 20 10\" aria-hidden=\"true\"><path class=\"lim\" d=\"M0 "
         "5H20\"/></svg>" +

@@ -6,10 +6,10 @@ namespace agent {
 constexpr char kReportStyle[] = R"css(
 :root{color-scheme:light dark;--bg:#f6f7f9;--card:#fff;--text:#1b1f24;--muted:#626b77;--line:#e1e5ea;--cpu:#2563eb;
 --cpu-f:#2563eb26;--thr:#d97706;--thr-f:#d9770640;--mem:#0f8a6a;--mem-f:#0f8a6a26;--lim:#c42b4a;--oom:#c42b4a;
---kill:#a21caf;--drift:#b45309;--config:#2563eb;--end:#626b77;--host:#0f766e;--ok:#0f8a6a;--warn:#b45309;--bad:#c42b4a}
+--kill:#a21caf;--would:#7c6f9b;--drift:#b45309;--config:#2563eb;--end:#626b77;--host:#0f766e;--ok:#0f8a6a;--warn:#b45309;--bad:#c42b4a}
 @media(prefers-color-scheme:dark){:root{--bg:#12151a;--card:#1b2027;--text:#e6e9ee;--muted:#98a2b0;--line:#2d343e;
 --cpu:#6ea0ff;--cpu-f:#6ea0ff2e;--thr:#f0a03c;--thr-f:#f0a03c45;--mem:#3fc79b;--mem-f:#3fc79b2a;--lim:#ff6b85;
---oom:#ff6b85;--kill:#e07bf0;--drift:#f0a03c;--config:#6ea0ff;--end:#98a2b0;--host:#3fc7b8;--ok:#3fc79b;
+--oom:#ff6b85;--kill:#e07bf0;--would:#b3a6d4;--drift:#f0a03c;--config:#6ea0ff;--end:#98a2b0;--host:#3fc7b8;--ok:#3fc79b;
 --warn:#f0a03c;--bad:#ff6b85}}
 *{box-sizing:border-box}
 body{margin:0;background:var(--bg);color:var(--text);font:15px/1.45 system-ui,-apple-system,"Segoe UI",Roboto,
@@ -37,7 +37,7 @@ path{vector-effect:non-scaling-stroke;fill:none;stroke-width:1.4}
 .cpu{stroke:var(--cpu)}.cpu-f{fill:var(--cpu-f);stroke:none}.thr{stroke:var(--thr)}.thr-f{fill:var(--thr-f);stroke:none}
 .mem{stroke:var(--mem)}.mem-f{fill:var(--mem-f);stroke:none}.lim{stroke:var(--lim);stroke-dasharray:5 3}
 .g{stroke:var(--line);stroke-width:1}.mk{stroke-width:1;stroke-opacity:.75}
-.M{--c:var(--oom)}.K{--c:var(--kill)}.D{--c:var(--drift)}.C{--c:var(--config)}.E{--c:var(--end)}.H{--c:var(--host)}
+.M{--c:var(--oom)}.K{--c:var(--kill)}.W{--c:var(--would)}.D{--c:var(--drift)}.C{--c:var(--config)}.E{--c:var(--end)}.H{--c:var(--host)}
 .mk{stroke:var(--c)}
 .strip{position:relative;height:1.5rem;border-left:1px solid var(--line);border-bottom:1px solid var(--line)}
 .strip i{position:absolute;top:.15rem;transform:translateX(-50%)}

@@ -176,7 +176,31 @@ TEST(AdviceTest, SaysWhatObservedLimitsWouldHaveDone) {
     EXPECT_THAT(AdviceText(memory, MakeAdvice(memory)), HasSubstr("  guard/QorHips: memory peak"));
     for (HistoryRow& row : rows) row.observed = 0;
     const DayHistory held = MakeDayHistory(rows, kBegin);
-    EXPECT_EQ("", ObservedText(held, MakeAdvice(held)));
+    EXPECT_EQ("", ObservedText(held));
+}
+
+TEST(AdviceTest, MinutesThatWereObservedAreToldOfApart) {
+    std::vector<HistoryRow> rows = Rows({{1}, {20, 0, 5000, 1}, {20}, {90, 0, 9000, 3}, {90}});
+    for (size_t i = 0; i < rows.size(); ++i) rows[i].groups[0].throttledMs = static_cast<int64_t>(i) * 30000;
+    for (size_t i = 0; i < 3; ++i) rows[i].observed = 5;
+    rows[3].groups[0].cpuLimit100Times = rows[4].groups[0].cpuLimit100Times = 9000;
+    const std::string text = ObservedText(MakeDayHistory(rows, kBegin));
+    EXPECT_THAT(text, HasSubstr("observed only in 3 of 5 recorded minutes, in force at the end; with these limits, in "
+                                "those minutes:\n"));
+    EXPECT_THAT(text, HasSubstr("CPU peak 20.00%, p99 20.00% of 10.00%: held back in 2 of 2 minutes, for 1 min"));
+    EXPECT_THAT(text, HasSubstr("memory peak 4.9M, p99 4.9M of 4.0M: 1 would have been killed"));
+    for (HistoryRow& row : rows) row.observed = 0;
+    rows.back().observed = 4;
+    EXPECT_THAT(ObservedText(MakeDayHistory(rows, kBegin)), HasSubstr("observed only in 1 of 5 recorded minutes; "));
+}
+
+TEST(ReportMarksTest, AKillThatWasOnlyObservedIsNoSelfKill) {
+    const auto marks = MarksOfEvents(
+        {{"1", kBegin, "tervane", "T_MSG_WOULD_KILL", R"({"by":"itself","component":"QorNet","pid":7})"}}, kBegin);
+    ASSERT_EQ(marks.size(), 1u);
+    EXPECT_EQ(marks[0].kind, MarkKind::kWouldKill);
+    EXPECT_STREQ(LetterOf(marks[0].kind), "W");
+    EXPECT_THAT(NameOf(marks[0].kind), HasSubstr("would have"));
 }
 
 TEST(DayHistoryTest, CountsOfObservedAndHeldLimitsAreNotMixed) {
@@ -190,7 +214,9 @@ TEST(DayHistoryTest, CountsOfObservedAndHeldLimitsAreNotMixed) {
     EXPECT_EQ(points[2].cpu100Times, -1);
     EXPECT_EQ(points[2].hits, -1);
     EXPECT_EQ(points[3].cpu100Times, 500);
-    EXPECT_EQ(day.observed, 0);
+    EXPECT_EQ(day.observed, 5) << "in some of the minutes";
+    EXPECT_EQ(day.observedAtEnd, 0);
+    EXPECT_EQ(day.observedRows, 2u);
 }
 
 TEST(AdviceTest, ProposesTheNeedWithHeadRoom) {

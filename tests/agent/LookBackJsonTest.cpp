@@ -59,7 +59,7 @@ TEST(LookBackJsonTest, AReportHasEveryMinuteMarkAndFinding) {
     ASSERT_EQ(view["pressure"].size(), facts.day.pressure.size());
     EXPECT_EQ(view["pressure"][0]["cpu_100times"].asInt64(), 500);
     EXPECT_EQ(view["pressure"][0]["io_100times"].asInt64(), 150);
-    EXPECT_EQ(TypesOf(view["marks"]), "host oom oom end drift limit self-kill ");
+    EXPECT_EQ(TypesOf(view["marks"]), "host oom oom end drift limit self-kill would-kill ");
     EXPECT_EQ(view["marks"][1]["about"][0].asString(), "TervaneUpdate");
     ASSERT_EQ(view["findings"].size(), 3U);
     EXPECT_EQ(view["findings"][2]["severity"].asString(), "problem");

@@ -63,6 +63,7 @@ inline agent::ReportFacts Day(const std::vector<std::string>& names) {
         leaf + ": the CPU quota was changed by somebody else: found no limit, wanted 8 % of one CPU; put right");
     for (agent::Mark& mark : agent::MarksOfLimits(facts.day)) facts.marks.push_back(std::move(mark));
     add(1100, agent::MarkKind::kKill, leaf + ": ends itself: CPU 14 %, its maximum is 12 %, for 5 min");
+    add(1200, agent::MarkKind::kWouldKill, leaf + ": process 811 would have ended itself: CPU 14 %");
     facts.findings = {
         {agent::Severity::kOk, "version 2 is mounted", "", ""},
         {agent::Severity::kWarning, "no swap accounting", "/proc/cmdline", "boot with swapaccount=1"},

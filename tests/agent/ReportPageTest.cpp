@@ -31,11 +31,29 @@ TEST(ReportPageTest, ShowsEachGroupAgainstItsLimitsWithMarks) {
     EXPECT_THAT(page, HasSubstr("Host pressure"));
     EXPECT_THAT(page, HasSubstr("do: boot with swapaccount=1"));
     EXPECT_THAT(page, HasSubstr("1 looked at and well"));
-    for (const char* letter : {"M", "K", "D", "C", "E", "H"}) {
+    for (const char* letter : {"M", "K", "W", "D", "C", "E", "H"}) {
         EXPECT_GE(CountOf(page, std::string("<i class=\"k ") + letter + "\" style="), 1U) << letter;
         EXPECT_GE(CountOf(page, std::string("<path class=\"mk ") + letter + "\""), 3U) << letter << " in its charts";
     }
     EXPECT_EQ(CountOf(page, "<path class=\"mk D\""), 3U) << "and in no other group's";
+}
+
+TEST(ReportPageTest, WhatWasOnlyObservedIsWordedSo) {
+    ReportFacts facts = reporttest::Day({"guard"});
+    const std::string held = MakeReportPage(facts);
+    EXPECT_THAT(held, HasSubstr("its memory limit was reached 3 times"));
+    EXPECT_THAT(held, HasSubstr(" limit in force<"));
+    EXPECT_THAT(held, HasSubstr("<b>1</b><span class=\"small muted\">self-kills</span>"));
+    EXPECT_THAT(held, HasSubstr("<b>1</b><span class=\"small muted\">would have been killed</span>"));
+    for (UsePoint& point : facts.day.groups[0].points) point.observed = point.to < reporttest::kBegin + 30000 ? 5 : 0;
+    facts.day.observed = 5;
+    facts.day.observedRows = 500;
+    const std::string mixed = MakeReportPage(facts);
+    EXPECT_THAT(mixed, HasSubstr("its memory limit was reached 2 times"));
+    EXPECT_THAT(mixed, HasSubstr("1 would have been killed for its memory limit while it was only observed"));
+    EXPECT_THAT(mixed, HasSubstr(" limit, in 500 of 1379 minutes observed only<"));
+    facts.day.observedRows = facts.day.rows;
+    EXPECT_THAT(MakeReportPage(facts), HasSubstr(" limit, observed only<"));
 }
 
 TEST(ReportPageTest, AnHourWithoutRowsIsAHoleInTheLine) {
@@ -86,7 +104,7 @@ TEST(ReportPageTest, StaysBelowItsBoundWhateverThereIs) {
         }
     }
     for (int i = 0; i < 5000; ++i) {
-        facts.marks.push_back({reporttest::kBegin + i * 17, static_cast<MarkKind>(i % 6), std::string(4000, '"'), {}});
+        facts.marks.push_back({reporttest::kBegin + i * 17, static_cast<MarkKind>(i % 7), std::string(4000, '"'), {}});
     }
     for (int i = 0; i < 500; ++i) {
         const std::string text(4000, '"');
