@@ -37,7 +37,8 @@ int main(int argc, char** argv) {
     options.programs = std::filesystem::canonical(argv[0], ignored).parent_path().string();
     app.add_option("--programs", options.programs, "directory of tervane and tervanectl (default: this program's)");
     app.add_option("--samples", options.samples, "directory with the shipped conf/")->required();
-    app.add_option("--app-dir", options.appDir, "application directory, which stays (default: one that goes)");
+    app.add_option("--app-dir", options.appDir,
+                   "application directory without a configuration, which stays (default: one that goes)");
     int budgetPercent = 20;
     app.add_option("--new-budget", budgetPercent, "what groupMaxCpu is set to while it runs: not what is shipped")
         ->capture_default_str()

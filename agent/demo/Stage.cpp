@@ -31,6 +31,7 @@ constexpr int kStopSeconds = 60;
 constexpr size_t kMostSampleBytes = 1024 * 1024;
 constexpr size_t kMostOutputBytes = 1024 * 1024;
 constexpr mode_t kFileMode = 0640;
+constexpr const char* kWritten[] = {zel::kResourceConfigFileName, zel::kOnlineConfigFileName, zel::kComponentsFileName};
 constexpr char kOutputName[] = "/agent.out";
 
 /// The polite worker and the greedy one have the same share of the same group; the table is the shipped one.
@@ -118,6 +119,13 @@ base::Status Stage::MakeDirectory() {
         if (mkdtemp(path) == nullptr) return base::ErrnoError(errno, "make a directory in", "/tmp");
         m_appDir = path;
         m_ownDirectory = true;
+    }
+    // What stands there is somebody's: an installation's configuration is not overwritten for a demonstration.
+    for (const char* name : kWritten) {
+        if (!base::ReadFileMark(m_appDir + name).exists) continue;
+        return base::SentenceError(m_appDir + name +
+                                   " is there already: name a directory that no agent is configured "
+                                   "in, or none");
     }
     if (base::Status made = base::MakeDirectories(m_appDir + "/conf"); !made) return made;
     const auto put = [this](const char* name, const std::string& text) {

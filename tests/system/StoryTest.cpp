@@ -3,6 +3,7 @@
 #include "AgentFixture.h"
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <regex>
 
@@ -22,6 +23,11 @@ int64_t AsNumber(const std::string& text) {
 
 class StoryTest : public AgentOnV1Test {
 protected:
+    /// It configures a directory that is nobody's yet.
+    void SetUp() override {
+        AgentOnV1Test::SetUp();
+        for (const char* name : {"resource_config", "components.json"}) unlink(Conf(name).c_str());
+    }
     std::vector<std::string> Words() const {
         return {ZEL_STORY_PROGRAM, "--samples", ZEL_SAMPLE_DIR "/..", "--app-dir", m_dir};
     }
@@ -219,6 +225,17 @@ TEST_F(StoryTest, EveryToldFactIsWhatHappened) {
     ExpectChangeTold();
     ExpectSummaryTold();
     EXPECT_EQ(std::string::npos, m_raw.find('\033')) << "terminal codes without a terminal";
+    ExpectNothingLeft();
+}
+
+TEST_F(StoryTest, AnInstallationIsNotConfiguredAnew) {
+    WriteComponents("");
+    const std::string components = ReadText(Conf("components.json"));
+    std::string output;
+    EXPECT_EQ(1, RunToEnd(Words(), output)) << output;
+    EXPECT_NE(output.find(Conf("components.json") + " is there already"), std::string::npos) << output;
+    EXPECT_EQ(components, ReadText(Conf("components.json")));
+    EXPECT_FALSE(Exists(Conf("resource_config"))) << "nothing was written beside it";
     ExpectNothingLeft();
 }
 

@@ -40,6 +40,8 @@ TEST_F(StoryInGuest, TellsWhatTheKernelDid) {
     resource = std::regex_replace(resource, std::regex("\ncpu_all = \\d+"), "\ncpu_all = 1");
     ASSERT_TRUE(WriteText("/tmp/samples/conf/resource_config", resource));
     ASSERT_TRUE(WriteText("/tmp/samples/conf/online_config.json", ReadText("/job/conf/online_config.json")));
+    // It configures a directory that is nobody's yet.
+    Command(std::string("cd ") + kAppDir + "/conf && rm -f resource_config online_config.json components.json");
     Command(std::string(TERVANEDEMO_PROGRAM) + " --samples /tmp/samples --new-budget 90 --app-dir " + kAppDir + " >" +
             kOutput + " 2>&1 &");
     ASSERT_TRUE(WaitStory("2. A polite worker"));
