@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <poll.h>
 #include <unistd.h>
@@ -25,6 +26,8 @@
 #include "Monitor.h"
 #include "platform/host/HostServices.h"
 #include "platform/host/ResourceEventSink.h"
+#include "platform/zel/AgentNames.h"
+#include "platform/zel/CgroupObserve.h"
 #include "platform/zel/CgroupStatus.h"
 
 namespace {
@@ -33,6 +36,9 @@ constexpr char kName[] = "server";
 constexpr unsigned int kPriority = 1;  // 0 the most important, 2 the least
 constexpr int kHeartbeatSeconds = 30;  // allowed silence of a worker, more than its longest request
 constexpr auto kIdleWait = std::chrono::seconds(5);
+constexpr timeval kClientPatience{5, 0};  // one that says or takes nothing holds no worker, nor the end, for longer
+constexpr size_t kMostMegabytes = 512;    // of one entry: what a client writes is bounded before it is believed
+constexpr size_t kMostWaiting = 64;       // clients that no worker has taken yet; more are turned away
 
 /// Callbacks come from the sampling thread: note and return.
 class Notes final : public IResourceEventSink {
@@ -43,6 +49,8 @@ public:
     }
     /// A maximum was exceeded for too long and the record is written: this process is asked to end, as by a signal.
     void OnSelfKill(const SelfKillRecord& record) override {
+        const int limit = record.kind == ResourceKind::kMemory ? zel::kModeMemory : zel::kModeCpu;
+        if ((zel::ObservedLimits() & limit) != 0) return Print("would have been asked to end, the limit is observed");
         Print("asked to end, see " + record.path);
         kill(getpid(), SIGTERM);
     }
@@ -105,7 +113,7 @@ public:
 
     /// Returns: false when no port can be had.
     bool Open() {
-        m_listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        m_listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -122,8 +130,15 @@ public:
         pollfd watched[] = {{m_listener, POLLIN, 0}, {signals, POLLIN, 0}};
         while (poll(watched, 2, -1) >= 0 && watched[1].revents == 0) {
             const int client = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
+            if (client < 0) continue;
+            setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &kClientPatience, sizeof kClientPatience);
+            setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &kClientPatience, sizeof kClientPatience);
             const std::lock_guard<std::mutex> lock(m_lock);
-            if (client >= 0) m_clients.push_back(client);
+            if (m_clients.size() >= kMostWaiting) {
+                close(client);
+                continue;
+            }
+            m_clients.push_back(client);
             m_more.notify_one();
         }
     }
@@ -134,6 +149,7 @@ public:
             m_more.notify_all();
         }
         for (std::thread& worker : m_workers) worker.join();
+        for (const int client : m_clients) close(client);
         close(m_listener);
     }
 
@@ -165,7 +181,11 @@ private:
         std::string verb, name, answer = "done";
         size_t megabytes = 0;
         words >> verb >> name >> megabytes;
-        if (verb == "put") answer = "shed " + std::to_string(m_cache.Put(name, megabytes << 20));
+        if (verb == "put" && megabytes > kMostMegabytes) {
+            answer = "too much, at most " + std::to_string(kMostMegabytes);
+        } else if (verb == "put") {
+            answer = "shed " + std::to_string(m_cache.Put(name, megabytes << 20));
+        }
         if (verb == "run") answer = RunChild();
         if (verb == "work") {
             for (volatile int i = 0; i < 10000000;) i = i + 1;
