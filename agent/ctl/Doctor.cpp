@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <filesystem>
 #include <iterator>
 #include <optional>
 
@@ -136,6 +137,30 @@ Findings JudgeController(const char* name, const zel::CgroupControllerStatus& co
                  "mount -o remount,rw " + controller.hierarchyPath}};
     }
     return {Ok(who, where)};
+}
+
+Findings JudgeLostAgent(const std::string& appDir) {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    const std::string lock = LockFile(fs::canonical(appDir, error).string(), zel::kMainProcessName);
+    if (error) return {};
+    for (fs::directory_iterator process("/proc", error), end; !error && process != end; process.increment(error)) {
+        const std::string pid = process->path().filename().string();
+        if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
+        std::error_code hidden;  // it has ended, or belongs to somebody else
+        for (fs::directory_iterator fd(process->path() / "fd", hidden); !hidden && fd != end; fd.increment(hidden)) {
+            std::error_code closed;
+            const std::string file = fs::read_symlink(fd->path(), closed).string();
+            if (closed || (file != lock && file != lock + " (deleted)")) continue;
+            return {{Severity::kProblem,
+                     "the agent runs, process " + pid + ", and nobody can ask it: what it had in run/ was removed",
+                     "it has " + file + " open",
+                     "kill " + pid +
+                         ", then start it again: it makes run/ anew. Until then a second one could start "
+                         "beside it"}};
+        }
+    }
+    return {};
 }
 
 Findings JudgeAgent(const base::Result<StatusReport>& report) {
@@ -299,7 +324,10 @@ Diagnosis Diagnose(const std::string& appDir) {
     if (appDir.empty()) return diagnosis;
     found.push_back(LookAtRoom(appDir));
     Append(found, JudgeFiles(appDir, time(nullptr)));
-    Append(found, JudgeAgent(ReadStatus(AskAgent(appDir, zel::kMainProcessName, "status"))));
+    const base::Result<StatusReport> status = ReadStatus(AskAgent(appDir, zel::kMainProcessName, "status"));
+    const bool absent = !status && status.GetError().kind == base::ErrorKind::kNotFound;
+    Findings lost = absent ? JudgeLostAgent(appDir) : Findings();
+    Append(found, lost.empty() ? JudgeAgent(status) : std::move(lost));
     return diagnosis;
 }
 

@@ -38,6 +38,10 @@ Diagnosis Diagnose(const std::string& appDir);
 /// What the agent answered to "status", or why it did not. Pure.
 std::vector<DoctorFinding> JudgeAgent(const base::Result<StatusReport>& report);
 
+/// An agent whose console is not there and that lives all the same: by its lock, which it has open, removed or not.
+/// Looks at the descriptors of all processes that this user may look at. Empty: there is none.
+std::vector<DoctorFinding> JudgeLostAgent(const std::string& appDir);
+
 /// A controller as this process sees it: mounted, and not read-only. Looks at the mount.
 std::vector<DoctorFinding> JudgeController(const char* name, const zel::CgroupControllerStatus& controller);
 

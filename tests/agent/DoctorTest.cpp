@@ -9,6 +9,7 @@
 #include <string>
 
 #include "Health.h"
+#include "base/FileIo.h"
 #include "platform/zel/AgentNames.h"
 #include "support/Files.h"
 
@@ -230,6 +231,21 @@ TEST_F(DoctorFilesTest, AFileInADirectorysPlaceIsAProblem) {
         EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)),
                     HasSubstr("PROBLEM  " + (dir / name) + " is not a directory\n         do:   move it away"));
     }
+}
+
+TEST_F(DoctorFilesTest, AnAgentThatLostItsRunDirectoryIsFound) {
+    const std::string lock = dir / "run/tervane.lock";
+    ASSERT_TRUE(support::WriteText(lock, ""));
+    EXPECT_TRUE(JudgeLostAgent(dir.Path()).empty()) << "a lock that nobody has open";
+    const base::Result<base::Fd> held = base::OpenForReading(lock);
+    ASSERT_TRUE(held);
+    const std::string what = "PROBLEM  the agent runs, process " + std::to_string(getpid()) + ", and nobody can ask it";
+    EXPECT_THAT(TextOf(JudgeLostAgent(dir.Path())), HasSubstr(what)) << "its socket is gone";
+    ASSERT_EQ(0, unlink(lock.c_str()));
+    ASSERT_EQ(0, rmdir((dir / "run").c_str()));
+    EXPECT_THAT(TextOf(JudgeLostAgent(dir.Path())), HasSubstr(what));
+    EXPECT_THAT(TextOf(Diagnose(dir.Path()).findings), HasSubstr(what));
+    EXPECT_TRUE(JudgeLostAgent(dir / "none").empty());
 }
 
 TEST_F(DoctorFilesTest, APauseOfTheLimitIsAProblemUntilItIsOver) {
