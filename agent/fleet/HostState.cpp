@@ -18,20 +18,40 @@ constexpr int kStateVersion = 1;
 constexpr size_t kMostFindings = 8;
 constexpr size_t kMostGroups = 16;
 constexpr size_t kMostTextBytes = 512;
+constexpr size_t kMostNameBytes = 64;  // as hosts and groups are called
 constexpr int64_t kLateIntervals = 3;
 constexpr int64_t kGoneIntervals = 10;
 
-std::string Short(const std::string& text) {
+std::string Short(const std::string& text, size_t most = kMostTextBytes) {
     std::string cut = Printable(text);
-    if (cut.size() <= kMostTextBytes) return cut;
-    size_t end = kMostTextBytes;
+    if (cut.size() <= most) return cut;
+    size_t end = most;
     while (end > 0 && (static_cast<unsigned char>(cut[end]) & 0xC0U) == 0x80U) --end;  // not inside a character
     return cut.substr(0, end);
 }
 
-std::string TextAt(const Json::Value& object, const char* member) {
+std::string TextAt(const Json::Value& object, const char* member, size_t most = kMostTextBytes) {
     const Json::Value& value = object[member];
-    return value.isString() ? Short(value.asString()) : std::string();
+    return value.isString() ? Short(value.asString(), most) : std::string();
+}
+
+/// The heaviest of them, whole: a name that was cut would be another group's.
+std::vector<std::string> BoundGroups(const std::vector<std::string>& groups) {
+    std::vector<std::string> kept;
+    for (const std::string& group : groups) {
+        const std::string name = Printable(group);
+        if (name.size() <= kMostNameBytes) kept.push_back(name);
+    }
+    if (kept.size() > kMostGroups) kept.erase(kept.begin(), kept.end() - kMostGroups);
+    return kept;
+}
+
+std::vector<std::string> GroupsAt(const Json::Value& object) {
+    std::vector<std::string> groups;
+    for (const Json::Value& group : object["groups"]) {
+        if (group.isString()) groups.push_back(group.asString());
+    }
+    return BoundGroups(groups);
 }
 
 uint64_t CountAt(const Json::Value& object, const char* member) {
@@ -59,10 +79,10 @@ std::vector<std::string> TextsAt(const Json::Value& object, const char* member, 
 Json::Value JsonOf(const HostState& state) {
     Json::Value root(Json::objectValue);
     root["version"] = kStateVersion;
-    root["host"] = state.host;
+    root["host"] = Short(state.host, kMostNameBytes);
     root["groups"] = Json::Value(Json::arrayValue);
-    for (const std::string& group : state.groups) root["groups"].append(Short(group));
-    root["agent"] = state.version;
+    for (const std::string& group : BoundGroups(state.groups)) root["groups"].append(group);
+    root["agent"] = Short(state.version, kMostNameBytes);
     root["time"] = Json::Int64(state.time);
     root["uptime"] = Json::Int64(state.uptimeSeconds);
     root["runs"] = state.agentRuns;
@@ -110,6 +130,7 @@ HostState TakeHostState(const StatusReport& report) {
     return state;
 }
 
+// What is left without findings fits in any case: a byte of a text becomes three at most, and the texts are bounded.
 std::string FormatHostState(const HostState& state) {
     Json::Value root = JsonOf(state);
     Json::StreamWriterBuilder builder;
@@ -132,14 +153,14 @@ base::Result<HostState> ParseHostState(const std::string& text) {
         return base::SentenceError("it is no state of a host", base::ErrorKind::kMalformed);
     }
     HostState state;
-    state.host = TextAt(*root, "host");
-    state.version = TextAt(*root, "agent");
+    state.host = TextAt(*root, "host", kMostNameBytes);
+    state.version = TextAt(*root, "agent", kMostNameBytes);
     state.time = NumberAt(*root, "time");
     state.uptimeSeconds = NumberAt(*root, "uptime");
     state.agentRuns = FlagAt(*root, "runs");
     state.mode = TextAt(*root, "mode");
     state.problems = CountAt(*root, "problems");
-    state.groups = TextsAt(*root, "groups", kMostGroups);
+    state.groups = GroupsAt(*root);
     state.findings = TextsAt(*root, "findings", kMostFindings);
     const auto part = [&root](const char* name) {
         return (*root)[name].isObject() ? (*root)[name] : Json::Value(Json::objectValue);

@@ -54,7 +54,8 @@ struct HostState {
 /// events and of kills are the caller's. Pure.
 HostState TakeHostState(const StatusReport& report);
 
-/// Pure. At most kMostHostStateBytes: findings are left out, then cut, until it fits.
+/// Pure. At most kMostHostStateBytes: texts are cut, of many groups the heaviest stay, and findings are left out until
+/// it fits.
 std::string FormatHostState(const HostState& state);
 /// Texts come back printable and short. Pure. Errors: kMalformed when it is no such state.
 base::Result<HostState> ParseHostState(const std::string& text);

@@ -33,6 +33,15 @@ std::string Judge(const std::string& text) {
     return "key '" + first.key + "', value " + first.value + ": " + first.reason;
 }
 
+/// Returns: empty when the host's own file may be read; otherwise why it cannot, and so may say what nobody sees.
+std::string JudgeLocal(const std::optional<std::string>& local) {
+    if (!local || local->find_first_not_of(" \t\r\n") == std::string::npos) return "";
+    const base::Result<Json::Value> root = ParseJson(*local, JsonRules::kStrict);
+    if (root && root->isObject()) return "";
+    return Printable("the host's own file stays as it is, since it cannot be read: " +
+                     (root ? std::string("it is no JSON object") : root.GetError().Text()));
+}
+
 std::string Write(const Json::Value& root) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "    ";
@@ -69,6 +78,7 @@ RemoteDecision DecideRemoteConfig(const std::vector<RemoteLevel>& levels, const 
     merged[kFleetRemark]["revision"] = Json::UInt64(decision.revision);
     merged[kFleetRemark]["from"] = origin;
     const std::string text = Write(merged);
+    if (decision.error.empty()) decision.error = JudgeLocal(local);
     if (decision.error.empty()) decision.error = Judge(text);
     if (!decision.error.empty()) {
         decision.action = RemoteAction::kRefused;

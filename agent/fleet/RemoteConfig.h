@@ -19,7 +19,7 @@ constexpr char kFleetRemark[] = "_fleet";
 
 /// One key of the fleet's configuration as the broker has it.
 struct RemoteLevel {
-    std::string name;                 ///< "all", "group.web", "host.h1"
+    std::string name;                 ///< "all", "group.web", "host.h1"; the host's name escaped as in subjects
     uint64_t revision = 0;            ///< of the last change, a deletion included; 0: there never was one
     std::optional<std::string> text;  ///< none: deleted or never there
 };
@@ -28,7 +28,7 @@ enum class RemoteAction {
     kNothing,  ///< the file is as it is to be, or the fleet has never said anything
     kWrite,    ///< `text` is to be written
     kPinned,   ///< the file belongs to the host's own administrator
-    kRefused   ///< the last good file stays
+    kRefused   ///< the file that is there stays
 };
 
 struct RemoteDecision {
@@ -38,7 +38,9 @@ struct RemoteDecision {
     std::string error;      ///< of kRefused: a sentence with level, revision, key, value and reason
 };
 
-/// levels: in the order of weight, a later one wins; local: the file as it is now, none where there is no file.
+/// levels: in the order of weight, a later one wins; local: the file as it is now, none where there is no file. An
+/// empty file is none; one that is no JSON object is left alone, since it may have been meant to keep the fleet's hands
+/// off.
 RemoteDecision DecideRemoteConfig(const std::vector<RemoteLevel>& levels, const std::optional<std::string>& local);
 
 /// Where the values of an online configuration came from, when the fleet wrote it.

@@ -88,6 +88,41 @@ TEST(HostStateTest, ItStaysSmallWhateverItSays) {
     EXPECT_EQ(back->problems, 2u) << "how many there are is told though they are left out";
 }
 
+TEST(HostStateTest, EveryTextAtItsLongestStillFits) {
+    HostState state = Full();
+    std::string wide;
+    for (int i = 0; i < 4000; ++i) wide += "\xC3\xA9";
+    state.host = state.version = state.mode = state.config.error = state.lastKill.event = state.lastKill.component =
+        wide;
+    state.findings.assign(100, wide);
+    state.groups.assign(500, wide.substr(0, 64));
+    const std::string text = FormatHostState(state);
+    EXPECT_LE(text.size(), kMostHostStateBytes);
+    const base::Result<HostState> back = ParseHostState(text);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(FormatHostState(*back), text);
+    EXPECT_EQ(back->host, wide.substr(0, 64));
+    EXPECT_EQ(back->version, wide.substr(0, 64));
+}
+
+TEST(HostStateTest, OfManyGroupsTheHeaviestAreKept) {
+    HostState state = Full();
+    state.groups.clear();
+    for (int i = 0; i < 20; ++i) state.groups.push_back("g" + std::to_string(i));
+    state.groups.insert(state.groups.begin() + 19, std::string(65, 'x'));  // cut, it would be another one
+    const auto back = ParseHostState(FormatHostState(state));
+    ASSERT_TRUE(back);
+    ASSERT_EQ(back->groups.size(), 16u);
+    EXPECT_EQ(back->groups.front(), "g4");
+    EXPECT_EQ(back->groups.back(), "g19");
+    std::string written = R"({"version": 1, "groups": ["light")";
+    for (int i = 0; i < 16; ++i) written += ", \"g" + std::to_string(i) + "\"";
+    const auto read = ParseHostState(written + "]}");
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->groups.front(), "g0");
+    EXPECT_EQ(read->groups.back(), "g15");
+}
+
 TEST(HostStateTest, WhatIsWrongIsToldWithItsRemedy) {
     StatusReport report;
     report.now = 100;

@@ -78,9 +78,22 @@ TEST(RemoteConfigTest, APinnedFileStays) {
     const RemoteDecision pinned = DecideRemoteConfig(levels, R"({"_pinned": true, "maxCpu": 5})");
     EXPECT_EQ(pinned.action, RemoteAction::kPinned);
     EXPECT_EQ(pinned.revision, 9u) << "what was seen is reported all the same";
-    for (const char* text : {R"({"_pinned": false})", R"({"_pinned": "true"})", R"({"_pinned": 1})", "[]", "{", ""}) {
+    for (const char* text : {R"({"_pinned": false})", R"({"_pinned": "true"})", R"({"_pinned": 1})", "", " \n"}) {
         EXPECT_EQ(DecideRemoteConfig(levels, text).action, RemoteAction::kWrite) << text;
     }
+}
+
+TEST(RemoteConfigTest, AFileThatCannotBeReadStays) {
+    const auto levels = Levels(R"({"maxCpu": 10})", nullptr, nullptr, nullptr);
+    for (const char* text : {R"({"_pinned": true)", R"({"_pinned": True})", "{", "[]", R"({"_pinned": true} x)"}) {
+        const RemoteDecision decision = DecideRemoteConfig(levels, text);
+        EXPECT_EQ(decision.action, RemoteAction::kRefused) << text;
+        EXPECT_EQ(decision.text, "");
+        EXPECT_EQ(decision.revision, 9u);
+        EXPECT_EQ(decision.error.rfind("the host's own file stays as it is, since it cannot be read: ", 0), 0u)
+            << decision.error;
+    }
+    EXPECT_EQ(DecideRemoteConfig({Level("all", 0, nullptr)}, "{").action, RemoteAction::kNothing);
 }
 
 TEST(RemoteConfigTest, OneBadLevelRefusesAll) {
