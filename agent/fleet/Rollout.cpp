@@ -13,6 +13,7 @@ namespace agent {
 namespace {
 
 constexpr char kHostLevel[] = "host.";
+constexpr int kMostRestarts = 1;  // one may be an update of the agent
 
 /// The same hosts for the same names, but no favourites: FNV-1a over target and name (its constants, 64 bits).
 uint64_t LotOf(const std::string& target, const std::string& host) {
@@ -25,6 +26,14 @@ bool IsOfTarget(const std::string& target, const HostState& state) {
     if (target == "all") return true;
     return std::any_of(state.groups.begin(), state.groups.end(),
                        [&target](const std::string& group) { return "group." + group == target; });
+}
+
+bool TakesAway(const std::string& change) {
+    const base::Result<Json::Value> values = ParseJson(change, JsonRules::kStrict);
+    if (!values || !values->isObject()) return false;
+    const std::vector<std::string> names = values->getMemberNames();
+    return std::any_of(names.begin(), names.end(),
+                       [&values](const std::string& name) { return (*values)[name].isNull(); });
 }
 
 }  // namespace
@@ -50,13 +59,16 @@ base::Result<std::string> ChangeLevel(const std::optional<std::string>& text, co
     return changed;
 }
 
-Rollout::Rollout(RolloutPlan plan, const FleetHosts& hosts, std::vector<RemoteLevel> levels, int64_t now)
-    : m_plan(std::move(plan)), m_putAt(now) {
+Rollout::Rollout(RolloutPlan plan, const FleetHosts& hosts, std::vector<RemoteLevel> levels) : m_plan(std::move(plan)) {
     for (RemoteLevel& level : levels) m_levels[level.name] = std::move(level);
     Choose(hosts);
     const base::Result<std::string> whole = ChangeLevel(LevelOf(m_plan.target).text, m_plan.change);
     if (!whole) {
         m_reason = whole.GetError().Text();
+    } else if (TakesAway(m_plan.change)) {
+        m_reason =
+            "a value that is taken away (null) cannot be tried on a few hosts: set the value that is to hold instead, "
+            "or take it away without a rollout";
     } else if (m_canaries.empty()) {
         m_reason = "no host of " + m_plan.target + " is well enough to try it on";
     } else {
@@ -85,7 +97,12 @@ void Rollout::Choose(const FleetHosts& hosts) {
     if (well.size() > share) well.resize(share);
     for (const auto& [lot, name] : well) {
         m_canaries.push_back(name);
-        m_of[name] = {hosts.at(name), LevelOf(kHostLevel + name), 0};
+        Canary canary;
+        canary.before = hosts.at(name);
+        canary.level = LevelOf(kHostLevel + name);
+        canary.last = canary.before.state;
+        canary.drifts = canary.last.drifts;
+        m_of[name] = std::move(canary);
     }
 }
 
@@ -94,57 +111,100 @@ void Rollout::Take(RolloutPhase phase) {
     m_at = 0;
 }
 
+void Rollout::FindNext() {
+    const auto hasNothing = [this](const Canary& canary) { return canary.revision == 0 && !canary.isUnknown; };
+    while (m_at < m_canaries.size() && hasNothing(m_of.at(m_canaries[m_at]))) ++m_at;
+    if (m_at < m_canaries.size()) return;
+    Take(m_phase == RolloutPhase::kClearing ? RolloutPhase::kDone : RolloutPhase::kFailed);
+}
+
 void Rollout::GoBack(const std::string& why) {
     m_reason = why;
     Take(RolloutPhase::kGoingBack);
-    while (m_at < m_canaries.size() && m_of.at(m_canaries[m_at]).revision == 0) ++m_at;
-    if (m_at == m_canaries.size()) Take(RolloutPhase::kFailed);
+    FindNext();
 }
 
 void Rollout::Cancel(const std::string& why) {
-    const bool before = m_phase == RolloutPhase::kCanaries || m_phase == RolloutPhase::kWatching;
-    if (before) GoBack(why);
+    const bool before =
+        m_phase == RolloutPhase::kCanaries || m_phase == RolloutPhase::kWatching || m_phase == RolloutPhase::kWidening;
+    if (!before) return;
+    if (m_underWay)
+        m_cancelled = why;
+    else
+        GoBack(why);
 }
 
-std::optional<RolloutPut> Rollout::Next() const {
+std::optional<RolloutPut> Rollout::Next() {
     if (m_phase == RolloutPhase::kWidening) {
         const RemoteLevel level = LevelOf(m_plan.target);
+        m_underWay = true;
         return RolloutPut{level.name, *ChangeLevel(level.text, m_plan.change), level.revision};
     }
     const bool putsCanaries =
         m_phase == RolloutPhase::kCanaries || m_phase == RolloutPhase::kClearing || m_phase == RolloutPhase::kGoingBack;
     if (!putsCanaries) return std::nullopt;
+    m_underWay = true;
     const Canary& canary = m_of.at(m_canaries[m_at]);
-    if (m_phase != RolloutPhase::kCanaries) return RolloutPut{canary.level.name, canary.level.text, canary.revision};
+    if (m_phase != RolloutPhase::kCanaries)
+        return RolloutPut{canary.level.name, canary.level.text, canary.revision, canary.isUnknown};
     const base::Result<std::string> changed = ChangeLevel(canary.level.text, m_plan.change);
     return RolloutPut{canary.level.name, *changed, canary.level.revision};
 }
 
-void Rollout::OnPut(uint64_t revision, const std::string& error) {
-    if (m_phase == RolloutPhase::kWidening) {
-        if (error.empty())
-            Take(RolloutPhase::kClearing);
-        else
-            GoBack(m_plan.target + " could not be changed: " + error);
-        return;
-    }
+void Rollout::OnPut(PutOutcome outcome, uint64_t revision, const std::string& error) {
+    m_underWay = false;
+    if (m_phase == RolloutPhase::kWidening)
+        OnPutTarget(outcome, error);
+    else if (m_phase == RolloutPhase::kCanaries)
+        OnPutCanary(outcome, revision, error);
+    else
+        OnPutBack(outcome, error);
+    if (m_cancelled.empty()) return;
+    const std::string why = std::exchange(m_cancelled, "");
+    Cancel(why);  // nothing once all have got it, or where it goes back already
+}
+
+void Rollout::OnPutTarget(PutOutcome outcome, const std::string& error) {
+    if (outcome == PutOutcome::kStored) return Take(RolloutPhase::kClearing);
+    if (outcome != PutOutcome::kUnknown) return GoBack(m_plan.target + " could not be changed: " + error);
+    m_left.push_back("it is not known whether " + m_plan.target + " was changed: " + error);
+    GoBack(m_left.back());
+}
+
+void Rollout::OnPutCanary(PutOutcome outcome, uint64_t revision, const std::string& error) {
     const std::string& name = m_canaries[m_at];
-    if (m_phase == RolloutPhase::kCanaries) {
-        if (!error.empty()) {
-            GoBack(std::string(kHostLevel) + name + " could not be changed: " + error);
-            return;
-        }
-        m_of.at(name).revision = revision;
-        if (++m_at == m_canaries.size()) Take(RolloutPhase::kWatching);
-        return;
+    Canary& canary = m_of.at(name);
+    canary.isUnknown = outcome == PutOutcome::kUnknown;
+    if (canary.isUnknown) return GoBack("it is not known whether " + canary.level.name + " was changed: " + error);
+    if (outcome != PutOutcome::kStored)
+        return GoBack(std::string(kHostLevel) + name + " could not be changed: " + error);
+    canary.revision = revision;
+    if (++m_at == m_canaries.size()) Take(RolloutPhase::kWatching);
+}
+
+void Rollout::OnPutBack(PutOutcome outcome, const std::string& error) {
+    const std::string level = kHostLevel + m_canaries[m_at];
+    switch (outcome) {
+        case PutOutcome::kStored: break;
+        case PutOutcome::kConflict: m_left.push_back(level + " was changed by somebody else and stays as it is"); break;
+        case PutOutcome::kRefused: m_left.push_back(level + " keeps the value it was tried with: " + error); break;
+        case PutOutcome::kUnknown:
+            m_left.push_back("it is not known whether " + level + " keeps the value it was tried with: " + error);
+            break;
     }
-    if (!error.empty())
-        m_left.push_back(std::string(kHostLevel) + name + " keeps the value it was tried with: " + error);
-    do {
-        ++m_at;
-    } while (m_at < m_canaries.size() && m_of.at(m_canaries[m_at]).revision == 0);
-    if (m_at < m_canaries.size()) return;
-    Take(m_phase == RolloutPhase::kClearing ? RolloutPhase::kDone : RolloutPhase::kFailed);
+    ++m_at;
+    FindNext();
+}
+
+void Rollout::OnRead(const base::Result<RemoteLevel>& found) {
+    m_underWay = false;
+    Canary& canary = m_of.at(m_canaries[m_at]);
+    if (!found) return OnPutBack(PutOutcome::kUnknown, found.GetError().Text());
+    const base::Result<std::string> tried = ChangeLevel(canary.level.text, m_plan.change);
+    const bool isOurs = found->revision == canary.level.revision || (tried && found->text == *tried);
+    if (!isOurs) return OnPutBack(PutOutcome::kConflict, "");
+    canary.isUnknown = false;
+    canary.revision = found->revision;
 }
 
 std::string Rollout::Trouble(const std::string& name, const FleetHosts& hosts) const {
@@ -157,18 +217,36 @@ std::string Rollout::Trouble(const std::string& name, const FleetHosts& hosts) c
     if (!now.config.error.empty()) return "refuses it: " + now.config.error;
     if (now.config.pinned) return "keeps a file of its own (\"_pinned\")";
     if (!now.agentRuns) return "has no running agent";
-    if (now.lastKill.event != before.lastKill.event) return "had a kill: " + now.lastKill.component;
-    const bool restarted = now.uptimeSeconds < before.uptimeSeconds;
-    if (now.drifts > (restarted ? 0 : before.drifts)) return "had limits changed by somebody else";
+    // A state without one says nothing: an agent that was restarted may not know of any yet.
+    if (!now.lastKill.event.empty() && now.lastKill.event != before.lastKill.event) {
+        return "had a kill: " + now.lastKill.component;
+    }
+    const Canary& canary = m_of.at(name);
+    if (canary.restarts > kMostRestarts) return "has restarted its agent " + std::to_string(canary.restarts) + " times";
+    if (now.drifts > canary.drifts) return "had limits changed by somebody else";
     if (now.problems > before.problems) {
         return "has a new finding: " + (now.findings.empty() ? std::string("see its doctor") : now.findings.back());
     }
     return "";
 }
 
+// The agent counts from its start.
+void Rollout::NoteRestart(Canary& canary, const HostState& now) const {
+    if (!now.agentRuns) return;
+    if (now.uptimeSeconds < canary.last.uptimeSeconds) {
+        ++canary.restarts;
+        canary.drifts = 0;
+    }
+    canary.last = now;
+}
+
 void Rollout::Look(const FleetHosts& hosts, int64_t now) {
-    if (m_phase == RolloutPhase::kCanaries) m_putAt = now;
-    if (m_phase != RolloutPhase::kWatching) return;
+    if (m_phase != RolloutPhase::kCanaries && m_phase != RolloutPhase::kWatching) return;
+    for (auto& [name, canary] : m_of) {
+        const auto host = hosts.find(name);
+        if (host != hosts.end()) NoteRestart(canary, host->second.state);
+    }
+    if (m_phase == RolloutPhase::kCanaries) return;
     std::string waitsFor;
     for (const std::string& name : m_canaries) {
         const std::string trouble = Trouble(name, hosts);
@@ -177,9 +255,11 @@ void Rollout::Look(const FleetHosts& hosts, int64_t now) {
     }
     if (!waitsFor.empty()) {
         m_appliedAt.reset();
-        if (now - m_putAt >= m_plan.applySeconds) GoBack(waitsFor + " has not reported it in time");
+        if (!m_waitsSince) m_waitsSince = now;
+        if (now - *m_waitsSince >= m_plan.applySeconds) GoBack(waitsFor + " has not reported it in time");
         return;
     }
+    m_waitsSince.reset();
     if (!m_appliedAt) m_appliedAt = now;
     if (now - *m_appliedAt >= m_plan.waitSeconds) Take(RolloutPhase::kWidening);
 }

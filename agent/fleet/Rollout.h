@@ -15,7 +15,7 @@ namespace agent {
 
 struct RolloutPlan {
     std::string target;          ///< level that is changed: "all" or "group.web"
-    std::string change;          ///< a JSON object with the values to set; null takes a key away
+    std::string change;          ///< a JSON object with the values to set; no null, which a few hosts cannot try
     int percent = 5;             ///< of the hosts of the target that get it first; one at least
     int64_t waitSeconds = 600;   ///< for which they have to stay well with it
     int64_t applySeconds = 180;  ///< within which they have to report it
@@ -26,13 +26,22 @@ struct FleetHost {
     HostState state;
     int64_t silentSeconds = 0;  ///< by the broker's clock
 };
-using FleetHosts = std::map<std::string, FleetHost>;  ///< by name
+using FleetHosts = std::map<std::string, FleetHost>;  ///< by the name in its keys, escaped as there
 
 /// To be stored only while the key has the revision that is expected; 0: while it is not there.
 struct RolloutPut {
     std::string level;
     std::optional<std::string> text;  ///< none: the key is deleted
     uint64_t expected = 0;
+    bool isUnknown = false;  ///< an earlier put of the key had no answer: it is to be read first, for OnRead
+};
+
+/// What became of a put.
+enum class PutOutcome {
+    kStored,
+    kConflict,  ///< not stored: the key has another revision than was expected
+    kRefused,   ///< not stored for another reason
+    kUnknown    ///< no answer came: it may be stored, or may be so later
 };
 
 enum class RolloutPhase {
@@ -49,34 +58,48 @@ enum class RolloutPhase {
 class Rollout {
 public:
     /// levels: the target's, and those of hosts that have one of their own.
-    Rollout(RolloutPlan plan, const FleetHosts& hosts, std::vector<RemoteLevel> levels, int64_t now);
+    Rollout(RolloutPlan plan, const FleetHosts& hosts, std::vector<RemoteLevel> levels);
 
     RolloutPhase Phase() const { return m_phase; }
     bool HasEnded() const { return m_phase == RolloutPhase::kDone || m_phase == RolloutPhase::kFailed; }
     /// One sentence: why it failed or goes back; empty otherwise.
     const std::string& Reason() const { return m_reason; }
-    /// What could not be brought back and why, sentences.
+    /// What was not brought back, or is not known to be, and why: sentences.
     const std::vector<std::string>& Left() const { return m_left; }
     const std::vector<std::string>& Canaries() const { return m_canaries; }
 
-    /// What is to be put next, one at a time; none: wait for Look.
-    std::optional<RolloutPut> Next() const;
-    /// The answer to Next(). revision: of what was stored; error: why it was not, empty when it was.
-    void OnPut(uint64_t revision, const std::string& error);
+    /// What is to be put next, one at a time; none: wait for Look. It is under way until OnPut or OnRead.
+    std::optional<RolloutPut> Next();
+    /// The answer to Next(). revision: of what was stored; error: why it was not, or is not known to be.
+    void OnPut(PutOutcome outcome, uint64_t revision, const std::string& error);
+    /// The answer to a Next() that is to be read first: the key as it is now, or why it cannot be read. It is put then
+    /// in any case, with that revision, so that what is still under way comes too late.
+    void OnRead(const base::Result<RemoteLevel>& found);
     /// To be called every few seconds with what is known of the hosts.
     void Look(const FleetHosts& hosts, int64_t now);
-    /// Somebody ends it: the chosen hosts get what they had.
+    /// Somebody ends it: the chosen hosts get what they had. While a put is under way its answer is waited for; what
+    /// all have got stays.
     void Cancel(const std::string& why);
 
 private:
     struct Canary {
         FleetHost before;
-        RemoteLevel level;      // as it was
-        uint64_t revision = 0;  // of what was put; 0: nothing
+        RemoteLevel level;       // as it was
+        uint64_t revision = 0;   // of what was put; 0: nothing
+        bool isUnknown = false;  // what was put, perhaps
+        HostState last;          // as it was last looked at
+        uint64_t drifts = 0;     // those before it
+        int restarts = 0;
     };
     RemoteLevel LevelOf(const std::string& name) const;
     void Choose(const FleetHosts& hosts);
     std::string Trouble(const std::string& name, const FleetHosts& hosts) const;
+    void NoteRestart(Canary& canary, const HostState& now) const;
+    void OnPutCanary(PutOutcome outcome, uint64_t revision, const std::string& error);
+    void OnPutBack(PutOutcome outcome, const std::string& error);
+    void OnPutTarget(PutOutcome outcome, const std::string& error);
+    /// Goes on to the next canary from `m_at` that has got something, or to the end.
+    void FindNext();
     void GoBack(const std::string& why);
     void Take(RolloutPhase phase);
 
@@ -85,8 +108,10 @@ private:
     std::vector<std::string> m_canaries;
     std::map<std::string, Canary> m_of;
     RolloutPhase m_phase = RolloutPhase::kCanaries;
-    size_t m_at = 0;  // of the canaries, in the phases that put one after the other
-    int64_t m_putAt = 0;
+    size_t m_at = 0;          // of the canaries, in the phases that put one after the other
+    bool m_underWay = false;  // an answer to Next() is due
+    std::string m_cancelled;  // why, while one is
+    std::optional<int64_t> m_waitsSince;
     std::optional<int64_t> m_appliedAt;
     std::string m_reason;
     std::vector<std::string> m_left;

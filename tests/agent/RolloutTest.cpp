@@ -7,6 +7,7 @@
 #include <algorithm>
 
 using namespace agent;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -30,21 +31,36 @@ protected:
     Rollout Begin() {
         std::vector<RemoteLevel> levels;
         for (const auto& [name, level] : m_levels) levels.push_back(level);
-        return Rollout(m_plan, m_hosts, levels, m_now);
+        return Rollout(m_plan, m_hosts, levels);
     }
     /// Stores what is to be put, as a broker does: only with the revision that is expected.
     void Store(Rollout& rollout) {
         while (const std::optional<RolloutPut> put = rollout.Next()) {
             RemoteLevel& level = m_levels[put->level];
+            if (put->isUnknown) {
+                rollout.OnRead(level);
+                continue;
+            }
             m_puts.push_back(put->level + (put->text ? " " + *put->text : " deleted"));
             if (level.revision != put->expected || put->level == m_contested) {
-                rollout.OnPut(0, "somebody else has changed it");
+                rollout.OnPut(PutOutcome::kConflict, 0, "somebody else has changed it");
                 if (put->level == m_contested) m_contested.clear();
                 continue;
             }
+            if (put->level == m_silent && m_silentStores == Silent::kNever) {
+                Lose(rollout);
+                continue;
+            }
             level = {put->level, ++m_revision, put->text};
-            rollout.OnPut(m_revision, "");
+            if (put->level == m_silent)
+                Lose(rollout);
+            else
+                rollout.OnPut(PutOutcome::kStored, m_revision, "");
         }
+    }
+    void Lose(Rollout& rollout) {
+        m_silent.clear();
+        rollout.OnPut(PutOutcome::kUnknown, 0, "no answer");
     }
     void Apply(const std::string& host) { m_hosts.at(host).state.config.applied = m_revision; }
     void Until(Rollout& rollout, int64_t seconds) {
@@ -64,6 +80,8 @@ protected:
     std::map<std::string, RemoteLevel> m_levels;
     std::vector<std::string> m_puts;
     std::string m_contested;
+    enum class Silent { kStored, kNever } m_silentStores = Silent::kStored;
+    std::string m_silent;  // the level whose next put has no answer
     uint64_t m_revision = 100;
     int64_t m_now = 50;
 };
@@ -188,8 +206,172 @@ TEST_F(RolloutTest, WhatCannotBeBroughtBackIsTold) {
     EXPECT_EQ(rollout.Phase(), RolloutPhase::kFailed);
     EXPECT_EQ(rollout.Reason(), "asked for");
     ASSERT_THAT(rollout.Left(), SizeIs(1));
-    EXPECT_THAT(rollout.Left()[0], HasSubstr("host." + rollout.Canaries()[0] + " keeps the value"));
+    EXPECT_EQ(rollout.Left()[0], "host." + rollout.Canaries()[0] + " was changed by somebody else and stays as it is");
     EXPECT_THAT(Texts(), SizeIs(1)) << "the other one's is back, the foreign change stays";
+}
+
+TEST_F(RolloutTest, ACanaryWhosePutHadNoAnswerGoesBackToo) {
+    for (const Silent stores : {Silent::kStored, Silent::kNever}) {
+        m_levels.clear();
+        const std::string first = Begin().Canaries()[0], second = Begin().Canaries()[1];
+        m_levels["host." + second] = {"host." + second, 3, R"({"maxCpu": 1})"};
+        const auto before = Texts();
+        Rollout rollout = Begin();
+        m_silent = "host." + second;
+        m_silentStores = stores;
+        Store(rollout);
+        EXPECT_EQ(rollout.Phase(), RolloutPhase::kFailed);
+        EXPECT_EQ(rollout.Reason(), "it is not known whether host." + second + " was changed: no answer");
+        EXPECT_EQ(Texts(), before);
+        EXPECT_GT(m_levels["host." + second].revision, 3u) << "an attempt that comes late finds another revision";
+        EXPECT_THAT(rollout.Left(), IsEmpty());
+    }
+}
+
+TEST_F(RolloutTest, WhatNobodyKnowsIsTold) {
+    Rollout unread = Begin();
+    const std::string first = "host." + unread.Canaries()[0];
+    unread.Next();
+    unread.OnPut(PutOutcome::kUnknown, 0, "no answer");
+    ASSERT_TRUE(unread.Next()->isUnknown);
+    unread.OnRead(base::SentenceError("no broker"));
+    EXPECT_EQ(unread.Phase(), RolloutPhase::kFailed);
+    EXPECT_THAT(unread.Left(),
+                ElementsAre("it is not known whether " + first + " keeps the value it was tried with: no broker"));
+
+    Rollout foreign = Begin();
+    foreign.Next();
+    foreign.OnPut(PutOutcome::kUnknown, 0, "no answer");
+    foreign.Next();
+    foreign.OnRead(RemoteLevel{first, 77, R"({"maxCpu": 33})"});
+    EXPECT_THAT(foreign.Left(), ElementsAre(first + " was changed by somebody else and stays as it is"));
+
+    Rollout wide = Begin();
+    Store(wide);
+    for (const std::string& name : wide.Canaries()) Apply(name);
+    Until(wide, 600);
+    m_silent = "group.web";
+    Store(wide);
+    EXPECT_EQ(wide.Phase(), RolloutPhase::kFailed);
+    EXPECT_THAT(wide.Left(), ElementsAre("it is not known whether group.web was changed: no answer"));
+
+    Rollout back = Begin();
+    Store(back);
+    back.Cancel("asked for");
+    back.Next();
+    back.OnPut(PutOutcome::kRefused, 0, "no right");
+    back.Next();
+    back.OnPut(PutOutcome::kUnknown, 0, "no answer");
+    EXPECT_EQ(back.Phase(), RolloutPhase::kFailed);
+    EXPECT_THAT(back.Left(), ElementsAre(first + " keeps the value it was tried with: no right",
+                                         "it is not known whether host." + back.Canaries()[1] +
+                                             " keeps the value it was tried with: no answer"));
+}
+
+TEST_F(RolloutTest, AnEndThatIsAskedForWaitsForTheAnswer) {
+    Rollout rollout = Begin();
+    const std::optional<RolloutPut> put = rollout.Next();
+    ASSERT_TRUE(put);
+    rollout.Cancel("asked for");
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kCanaries) << "an answer is due";
+    m_levels[put->level] = {put->level, ++m_revision, put->text};
+    rollout.OnPut(PutOutcome::kStored, m_revision, "");
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kGoingBack);
+    EXPECT_EQ(rollout.Reason(), "asked for");
+    Store(rollout);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kFailed);
+    EXPECT_THAT(Texts(), IsEmpty());
+    EXPECT_THAT(rollout.Left(), IsEmpty());
+
+    for (const bool stored : {true, false}) {
+        m_levels.clear();
+        Rollout wide = Begin();
+        Store(wide);
+        for (const std::string& name : wide.Canaries()) Apply(name);
+        Until(wide, 600);
+        ASSERT_TRUE(wide.Next());
+        wide.Cancel("too late");
+        wide.OnPut(stored ? PutOutcome::kStored : PutOutcome::kConflict, ++m_revision, "why");
+        Store(wide);
+        EXPECT_EQ(wide.Phase(), stored ? RolloutPhase::kDone : RolloutPhase::kFailed);
+    }
+    Rollout before = Begin();
+    Store(before);
+    for (const std::string& name : before.Canaries()) Apply(name);
+    Until(before, 600);
+    ASSERT_EQ(before.Phase(), RolloutPhase::kWidening);
+    before.Cancel("in time");
+    EXPECT_EQ(before.Phase(), RolloutPhase::kGoingBack) << "all have got nothing yet";
+}
+
+TEST_F(RolloutTest, ASecondRestartOfAnAgentStopsIt) {
+    Rollout rollout = Begin();
+    Store(rollout);
+    for (const std::string& name : rollout.Canaries()) Apply(name);
+    const std::string& name = rollout.Canaries()[0];
+    Until(rollout, 5);
+    m_hosts.at(name).state.uptimeSeconds = 10;
+    Until(rollout, 100);
+    m_hosts.at(name).state.uptimeSeconds = 2000;  // longer than before it all began
+    Until(rollout, 100);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kWatching) << "one may be an update";
+    m_hosts.at(name).state.uptimeSeconds = 1500;
+    Until(rollout, 5);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kGoingBack);
+    EXPECT_THAT(rollout.Reason(), HasSubstr(name + " has restarted its agent 2 times"));
+}
+
+TEST_F(RolloutTest, DriftsOfARestartedAgentCountHoweverLongAgo) {
+    for (auto& [name, host] : m_hosts) host.state.drifts = 3;
+    Rollout rollout = Begin();
+    Store(rollout);
+    for (const std::string& name : rollout.Canaries()) Apply(name);
+    HostState& state = m_hosts.at(rollout.Canaries()[0]).state;
+    state.uptimeSeconds = 5;
+    state.drifts = 0;
+    Until(rollout, 5);
+    state.uptimeSeconds = 1400;
+    Until(rollout, 5);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kWatching);
+    state.drifts = 2;
+    Until(rollout, 5);
+    EXPECT_THAT(rollout.Reason(), HasSubstr("had limits changed"));
+}
+
+TEST_F(RolloutTest, AKillThatIsForgottenIsNoKill) {
+    for (auto& [name, host] : m_hosts) host.state.lastKill = {9, "x-1", "QorNet"};
+    Rollout rollout = Begin();
+    Store(rollout);
+    for (const std::string& name : rollout.Canaries()) {
+        Apply(name);
+        m_hosts.at(name).state.lastKill = {};
+    }
+    Until(rollout, 300);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kWatching) << rollout.Reason();
+    m_hosts.at(rollout.Canaries()[0]).state.lastKill = {12, "x-2", "QorNet"};
+    Until(rollout, 5);
+    EXPECT_THAT(rollout.Reason(), HasSubstr("had a kill"));
+}
+
+TEST_F(RolloutTest, WhoLosesItAgainHasTimeToReportIt) {
+    Rollout rollout = Begin();
+    Store(rollout);
+    for (const std::string& name : rollout.Canaries()) Apply(name);
+    Until(rollout, 300);
+    m_hosts.at(rollout.Canaries()[0]).state.config.applied = 0;
+    Until(rollout, 100);
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kWatching) << rollout.Reason();
+    Until(rollout, 90);
+    EXPECT_THAT(rollout.Reason(), HasSubstr("has not reported it in time"));
+}
+
+TEST_F(RolloutTest, AValueCannotBeTakenAwayInSteps) {
+    m_plan.change = R"({"maxFdCount": 9, "maxCpu": null})";
+    m_levels["group.web"] = {"group.web", 7, R"({"maxCpu": 10})"};
+    Rollout rollout = Begin();
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kFailed);
+    EXPECT_THAT(rollout.Reason(), HasSubstr("a value that is taken away (null) cannot be tried on a few hosts"));
+    EXPECT_FALSE(rollout.Next());
 }
 
 TEST_F(RolloutTest, ItBeginsOnlyWhereItCanSucceed) {
