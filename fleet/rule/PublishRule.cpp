@@ -49,6 +49,7 @@ void PublishRule::OnConnected() {
     m_last.known = false;
     m_failures = 0;
     m_pauseUntilMs = 0;
+    m_clonedUntilMs = 0;
 }
 
 Step PublishRule::Begin(const Batch& batch, const Moment& now) {
@@ -58,6 +59,7 @@ Step PublishRule::Begin(const Batch& batch, const Moment& now) {
         m_truthSequence = 0;
         m_toldSequence = 0;
         m_foreign = 0;
+        m_ownSince = 0;
         m_pauseUntilMs = 0;
     }
     m_batch = batch;
@@ -66,7 +68,11 @@ Step PublishRule::Begin(const Batch& batch, const Moment& now) {
         step.pauseMs = m_pauseUntilMs - now.ms;
         return step;
     }
-    if (m_foreign >= kMostForeign) return Pause(State::kBlocked, Block::kClonedHost, m_situation.reason, now);
+    if (m_foreign >= kMostForeign) {
+        if (now.ms < m_clonedUntilMs) return Pause(State::kBlocked, Block::kClonedHost, m_situation.reason, now);
+        m_foreign = kMostForeign - 1;  // one more, and nothing is published again
+        m_last.known = false;
+    }
     // Memory is good for what the broker checks. Nothing is called stored by it: the broker may have lost that since.
     return m_last.known && IsNext() ? Publish(now) : Read(now);
 }
@@ -130,6 +136,7 @@ bool PublishRule::IsContested() {
     if (!IsLastOurs() && m_truthSequence != 0 && m_last.sequence > m_truthSequence) {
         m_truthSequence = m_last.sequence;
         ++m_foreign;
+        m_ownSince = 0;
     }
     m_truthSequence = std::max(m_truthSequence, m_toldSequence);
     return m_foreign >= kMostForeign;
@@ -145,6 +152,7 @@ Step PublishRule::OnRead(const Answer& answer, const Moment& now) {
     if (IsLastOurs()) m_ownSequence = std::max(m_ownSequence, m_last.sequence);
     if (IsContested()) {
         m_last.known = false;
+        m_clonedUntilMs = now.ms + kClonedMs;
         return Pause(State::kBlocked, Block::kClonedHost,
                      "somebody else writes events under this host's name, last of spool '" + answer.spool + "'", now);
     }
@@ -190,6 +198,7 @@ Step PublishRule::OnPublish(const Answer& answer, const Moment& now) {
     const uint64_t expected = m_last.sequence;
     if (answer.outcome == Answer::Outcome::kOk && answer.sequence > expected) {
         if (!answer.duplicate) m_truthSequence = answer.sequence;
+        if (++m_ownSince >= kForgiving) m_foreign = 0;
         m_ownSequence = answer.sequence;
         m_last = Last{true, answer.sequence, m_batch.spool, m_batch.last};
         return Stored(m_batch.last, now);

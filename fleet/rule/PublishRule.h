@@ -106,8 +106,12 @@ class PublishRule {
 public:
     static constexpr int64_t kLeastPauseMs = 500;
     static constexpr int64_t kMostPauseMs = 30000;
-    /// Messages of somebody else after ours that end in kClonedHost.
+    /// Messages of somebody else after ours that end in kClonedHost, as long as fewer of ours than kForgiving come
+    /// between them.
     static constexpr unsigned int kMostForeign = 2;
+    static constexpr unsigned int kForgiving = 8;
+    /// After this long, or with a new connection, it is looked whether somebody else still writes.
+    static constexpr int64_t kClonedMs = 600000;
 
     /// A batch is brought. Requires: after < first <= last, and that no request is under way.
     Step Begin(const Batch& batch, const Moment& now);
@@ -148,7 +152,9 @@ private:
     uint64_t m_truthSequence = 0;  // what was the subject's last, by the broker's word, while this spool was in hand
     uint64_t m_toldSequence = 0;   // what the broker has said is the last, and was not read yet
     unsigned int m_foreign = 0;    // messages of somebody else that came after that
-    unsigned int m_failures = 0;   // in a row
+    unsigned int m_ownSince = 0;   // messages of ours that were stored since the last of those
+    int64_t m_clonedUntilMs = 0;
+    unsigned int m_failures = 0;  // in a row
     int64_t m_pauseUntilMs = 0;
     Situation m_situation;
 };

@@ -227,10 +227,53 @@ TEST_F(PublishRuleTest, ClonedHostStopsAndDoesNotFight) {
     EXPECT_NE(m_rule.Get().reason.find(kOther), std::string::npos);
     for (int i = 0; i < 5; ++i) {
         WaitOut(step);
-        m_rule.OnConnected();
         step = Begin(6, 7, 8);
         Expect(step, Kind::kPause);
         EXPECT_EQ(static_cast<int>(m_rule.Get().block), static_cast<int>(Block::kClonedHost));
+    }
+}
+
+TEST_F(PublishRuleTest, ABlockedCloneLooksAgainAndPublishesOnlyAlone) {
+    for (const bool connects : {true, false}) {
+        m_rule = PublishRule();
+        Expect(Begin(0, 1, 1), Kind::kRead);
+        Expect(Read(Empty()), Kind::kPublish);
+        Expect(Publish(Ack(5)), Kind::kStored, 1);
+        uint64_t last = 5;
+        Step step;
+        for (int i = 0; i < 2; ++i) {
+            Expect(Begin(1 + i, 2 + i, 2 + i), Kind::kPublish, 0, last);
+            Expect(Publish(WrongSequence(last + 1)), Kind::kRead);
+            step = Read(Found(last + 1, kOther, i + 1));
+            if (i == 0) Expect(Publish(Ack(last += 2)), Kind::kStored, 2);
+        }
+        for (int i = 0; i < 2; ++i) {
+            ASSERT_EQ(static_cast<int>(m_rule.Get().block), static_cast<int>(Block::kClonedHost));
+            connects ? m_rule.OnConnected() : static_cast<void>(m_ms += PublishRule::kClonedMs);
+            Expect(Begin(2, 3, 3), Kind::kRead);
+            step = Read(Found(9, kOther, 3));  // once more, and then no more
+            Expect(step, i == 0 ? Kind::kPause : Kind::kPublish, 0, i == 0 ? 0 : 9);
+        }
+        Expect(Publish(Ack(11)), Kind::kStored, 3);
+        EXPECT_EQ(m_rule.Get().reason, "");
+    }
+}
+
+TEST_F(PublishRuleTest, ForeignMessagesFarApartAreNoClone) {
+    BeginFirst();
+    Expect(Publish(Ack(5)), Kind::kStored, 3);
+    uint64_t last = 5;
+    int64_t cursor = 3;
+    for (int foreign = 0; foreign < 5; ++foreign) {
+        Expect(Begin(cursor, cursor + 1, cursor + 1), Kind::kPublish, 0, last);
+        Expect(Publish(WrongSequence(last + 1)), Kind::kRead);
+        Expect(Read(Found(last + 1, kOther, foreign + 1)), Kind::kPublish, 0, last + 1);
+        Expect(Publish(Ack(last += 2)), Kind::kStored, ++cursor);
+        for (unsigned int i = 1; i < PublishRule::kForgiving; ++i) {
+            Expect(Begin(cursor, cursor + 1, cursor + 1), Kind::kPublish, 0, last);
+            Expect(Publish(Ack(++last)), Kind::kStored, cursor + 1);
+            ++cursor;
+        }
     }
 }
 
