@@ -2,9 +2,11 @@
 #include "broker/NatsBroker.h"
 
 #include <nats/nats.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <chrono>
+#include <map>
 #include <optional>
 #include <utility>
 
@@ -17,6 +19,8 @@ namespace fleet {
 namespace {
 
 constexpr size_t kMostAuthorityBytes = 1 << 20;
+constexpr size_t kMostRefusedSubjects = 256;
+constexpr char kDirectRead[] = "$JS.API.DIRECT.GET.";
 // A frozen broker is noticed after so long twice; the library's own two minutes would be without events for as long.
 constexpr int64_t kPingMs = 5000;
 constexpr int kMostPings = 2;
@@ -76,30 +80,68 @@ uint64_t SequenceInText(const std::string& text) {
     return sequence;
 }
 
+/// A connection as the library has it. It may have given up; then another one takes its place.
+struct NatsBroker::Link {
+    Link() = default;
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+    ~Link() {
+        jsCtx_Destroy(stream);
+        natsConnection_Destroy(connection);
+    }
+    natsConnection* connection = nullptr;
+    jsCtx* stream = nullptr;
+};
+
 struct NatsBroker::Impl {
+    /// How often a right was refused, and the broker's words for the last time.
+    struct Refusals {
+        uint64_t count = 0;
+        std::string words;
+    };
     /// What the library's callbacks touch. They may come after a connection is closed, so it lives until the last one.
     struct Heard {
         std::atomic<uint64_t> connections{0};
-        std::atomic<uint64_t> refusals{0};        // of a right
-        std::atomic<bool> answersRefused{false};  // on this connection: no answer can come
         base::Mutex lock;
-        std::string refused ZEL_GUARDED_BY(lock);  // the broker's words
+        // By subject: what one process may not says nothing of another one's silence.
+        std::map<std::string, Refusals> refused ZEL_GUARDED_BY(lock);
+        std::string answersRefused ZEL_GUARDED_BY(lock);  // on this connection: no answer can come
 
         void NoteRefusal(natsConnection* of) {
-            const char* words = nullptr;
-            natsConnection_GetLastError(of, &words);
+            const char* said = nullptr;
+            natsConnection_GetLastError(of, &said);
+            const std::string words = said != nullptr ? said : "";
             base::MutexLock held(lock);
-            refused = words != nullptr ? words : "";
             // The subscription that answers come by is made once: without it every request ends in silence.
-            if (refused.find("ubscription") != std::string::npos) answersRefused = true;
-            ++refusals;
+            if (words.find("ubscription") != std::string::npos) answersRefused = words;
+            const size_t begin = words.find('"'), end = words.find('"', begin + 1);
+            if (begin == std::string::npos || end == std::string::npos) return;
+            if (refused.size() >= kMostRefusedSubjects) refused.clear();
+            Refusals& its = refused[words.substr(begin + 1, end - begin - 1)];
+            ++its.count;
+            its.words = words;
+        }
+        void ForgetAnswers() {
+            base::MutexLock held(lock);
+            answersRefused.clear();
+        }
+        uint64_t RefusalsOf(const std::string& subject) {
+            base::MutexLock held(lock);
+            const auto found = refused.find(subject);
+            return found == refused.end() ? 0 : found->second.count;
+        }
+        /// Returns: the broker's words where it has refused the subject since, or any answer; empty: neither.
+        std::string WordsOf(const std::string& subject, uint64_t before) {
+            base::MutexLock held(lock);
+            const auto found = refused.find(subject);
+            return found != refused.end() && found->second.count > before ? found->second.words : answersRefused;
         }
     };
     using Share = std::shared_ptr<Heard>;
 
     static Heard& Of(void* share) { return **static_cast<Share*>(share); }
     static void OnConnected(natsConnection*, void* share) { ++Of(share).connections; }
-    static void OnDisconnected(natsConnection*, void* share) { Of(share).answersRefused = false; }
+    static void OnDisconnected(natsConnection*, void* share) { Of(share).ForgetAnswers(); }
     static void OnError(natsConnection* connection, natsSubscription*, natsStatus status, void* share) {
         if (status == NATS_NOT_PERMITTED) Of(share).NoteRefusal(connection);
     }
@@ -108,8 +150,8 @@ struct NatsBroker::Impl {
 
     BrokerOptions options;
     Share heard = std::make_shared<Heard>();
-    natsConnection* connection = nullptr;
-    jsCtx* stream = nullptr;
+    mutable base::Mutex linkLock;
+    std::shared_ptr<Link> link ZEL_GUARDED_BY(linkLock);
     base::Mutex probeLock;
     std::string probed ZEL_GUARDED_BY(probeLock);  // why the last attempt failed
     std::chrono::steady_clock::time_point probeDue ZEL_GUARDED_BY(probeLock);
@@ -117,19 +159,24 @@ struct NatsBroker::Impl {
     std::optional<uint64_t> judged ZEL_GUARDED_BY(judgeLock);  // which connection
     base::Status verdict ZEL_GUARDED_BY(judgeLock);
 
-    ~Impl() {
-        jsCtx_Destroy(stream);
-        natsConnection_Destroy(connection);
+    /// A request keeps the one that it began with.
+    std::shared_ptr<Link> Now() const {
+        base::MutexLock held(linkLock);
+        return link;
     }
 
     /// What every attempt to connect has.
     base::Result<Options> MakeOptions() const;
     base::Status SetAuthorities(natsOptions* made) const;
+    base::Status SetCredentials(natsOptions* made) const;
     /// Has the library go on trying, and call back.
     static natsStatus TryForEver(natsOptions* made, int64_t waitMs, Share* share);
+    /// Makes the connection, or another one in its place.
     base::Status Connect();
-    std::string Probe();
-    Answer AnswerOf(natsStatus status, int code, uint64_t refusalsBefore);
+    base::Status Probe() const;
+    /// One attempt to see why there is none; where it succeeds and the library has given up, another one is made.
+    std::string TryAgain();
+    Answer AnswerOf(natsStatus status, int code, const std::string& subject, uint64_t refusalsBefore);
     Answer NotConnected();
     base::Status JudgeConnected() const;
 };
@@ -144,6 +191,21 @@ base::Status NatsBroker::Impl::SetAuthorities(natsOptions* made) const {
     natsStatus status = natsOptions_SetSecure(made, true);
     if (status == NATS_OK) status = natsOptions_SetCATrustedCertificates(made, text->c_str());
     if (status != NATS_OK) return ErrorOf(status, "the broker's authorities");
+    return {};
+}
+
+// The library reads the file itself, with each connection: nobody else can change it, nor its place, once it is judged.
+base::Status NatsBroker::Impl::SetCredentials(natsOptions* made) const {
+    if (options.credsFile.empty()) return {};
+    const std::string what = "the credentials of " + options.credsFile + " are not used: ";
+    const base::Result<base::Fd> file = base::OpenTrusted(options.credsFile, base::TrustScope::kWithPlace);
+    if (!file) return base::SentenceError(what + base::ReasonOf(file.GetError(), options.credsFile));
+    struct stat info {};
+    if (fstat(file->Get(), &info) != 0 || (info.st_mode & 077U) != 0) {
+        return base::SentenceError(what + "others may read them: chmod 600", base::ErrorKind::kRefused);
+    }
+    const natsStatus status = natsOptions_SetUserCredentialsFromFiles(made, options.credsFile.c_str(), nullptr);
+    if (status != NATS_OK) return ErrorOf(status, "the broker's credentials");
     return {};
 }
 
@@ -167,6 +229,8 @@ base::Result<Options> NatsBroker::Impl::MakeOptions() const {
     if (status != NATS_OK) return ErrorOf(status, "the broker's client");
     const base::Status authorities = SetAuthorities(made);
     if (!authorities) return authorities.GetError();
+    const base::Status credentials = SetCredentials(made);
+    if (!credentials) return credentials.GetError();
     return owned;
 }
 
@@ -189,28 +253,41 @@ base::Status NatsBroker::Impl::Connect() {
     const auto made = MakeOptions();
     if (!made) return made.GetError();
     auto share = std::make_unique<Share>(heard);
+    auto next = std::make_shared<Link>();
     natsStatus status = TryForEver(made->get(), options.reconnectMs, share.get());
-    if (status == NATS_OK) status = natsConnection_Connect(&connection, made->get());
+    if (status == NATS_OK) status = natsConnection_Connect(&next->connection, made->get());
     if (status == NATS_OK) ++heard->connections;
-    if (connection != nullptr) static_cast<void>(share.release());  // of the callbacks from now on
+    if (next->connection != nullptr) static_cast<void>(share.release());  // of the callbacks from now on
     if (status != NATS_OK && status != NATS_NOT_YET_CONNECTED) return ErrorOf(status, "the broker");
     jsOptions defaults;
     status = jsOptions_Init(&defaults);
     defaults.Wait = options.requestMs;
-    if (status == NATS_OK) status = natsConnection_JetStream(&stream, connection, &defaults);
+    if (status == NATS_OK) status = natsConnection_JetStream(&next->stream, next->connection, &defaults);
     if (status != NATS_OK) return ErrorOf(status, "the broker's streams");
+    base::MutexLock held(linkLock);
+    link.swap(next);
     return {};
 }
 
-std::string NatsBroker::Impl::Probe() {
+base::Status NatsBroker::Impl::Probe() const {
     const auto made = MakeOptions();
-    if (!made) return made.GetError().Text();
+    if (!made) return made.GetError();
     natsConnection* one = nullptr;
     const natsStatus status = natsConnection_Connect(&one, made->get());
     natsConnection_Destroy(one);
-    if (status == NATS_OK) return "it is being made";
+    if (status == NATS_OK) return {};
     const char* detail = nats_GetLastError(nullptr);
-    return detail != nullptr && *detail != '\0' ? detail : natsStatus_GetText(status);
+    return base::SentenceError(detail != nullptr && *detail != '\0' ? detail : natsStatus_GetText(status));
+}
+
+std::string NatsBroker::Impl::TryAgain() {
+    base::Status status = Probe();
+    // The library closes a connection for good that was refused twice in the same words.
+    if (status && natsConnection_IsClosed(Now()->connection)) {
+        heard->ForgetAnswers();
+        status = Connect();
+    }
+    return status ? "it is being made" : status.GetError().Text();
 }
 
 NatsBroker::NatsBroker(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
@@ -230,7 +307,7 @@ base::Result<std::unique_ptr<NatsBroker>> NatsBroker::Open(const BrokerOptions& 
 
 base::Status NatsBroker::Impl::JudgeConnected() const {
     char url[512] = "";
-    const natsStatus status = natsConnection_GetConnectedUrl(connection, url, sizeof(url));
+    const natsStatus status = natsConnection_GetConnectedUrl(Now()->connection, url, sizeof(url));
     if (status != NATS_OK) return base::SentenceError("the connection to the broker is gone again");
     const auto info = ReadServerInfo(PlaceOf(url), kGreetingPatience);
     if (!info) return info.GetError();
@@ -251,7 +328,7 @@ base::Status NatsBroker::Judge() {
 }
 
 bool NatsBroker::IsConnected() const {
-    return natsConnection_Status(m_impl->connection) == NATS_CONN_STATUS_CONNECTED;
+    return natsConnection_Status(m_impl->Now()->connection) == NATS_CONN_STATUS_CONNECTED;
 }
 
 uint64_t NatsBroker::Connections() const {
@@ -268,14 +345,14 @@ Answer NatsBroker::Impl::NotConnected() {
     base::MutexLock held(probeLock);
     const auto now = std::chrono::steady_clock::now();
     if (now >= probeDue) {
-        probed = Probe();
+        probed = TryAgain();
         probeDue = std::chrono::steady_clock::now() + kProbePeriod;
     }
     answer.text = probed;
     return answer;
 }
 
-Answer NatsBroker::Impl::AnswerOf(natsStatus status, int code, uint64_t refusalsBefore) {
+Answer NatsBroker::Impl::AnswerOf(natsStatus status, int code, const std::string& subject, uint64_t refusalsBefore) {
     Answer answer;
     answer.outcome = OutcomeOf(status, code);
     answer.code = code;
@@ -284,17 +361,16 @@ Answer NatsBroker::Impl::AnswerOf(natsStatus status, int code, uint64_t refusals
     answer.text = detail != nullptr && *detail != '\0' ? detail : natsStatus_GetText(status);
     if (code == kCodeWrongSequence) answer.sequence = SequenceInText(answer.text);
     if (status != NATS_TIMEOUT) return answer;
-    answer.text = natsStatus_GetText(status);
-    if (heard->refusals == refusalsBefore && !heard->answersRefused) return answer;
-    answer.notPermitted = true;
-    base::MutexLock held(heard->lock);
-    answer.text = heard->refused;
+    const std::string refused = heard->WordsOf(subject, refusalsBefore);
+    answer.notPermitted = !refused.empty();
+    answer.text = answer.notPermitted ? refused : natsStatus_GetText(status);
     return answer;
 }
 
 Answer NatsBroker::Publish(const BrokerMessage& message) {
     if (!IsConnected()) return m_impl->NotConnected();
-    const uint64_t refusals = m_impl->heard->refusals;
+    const std::shared_ptr<Link> link = m_impl->Now();
+    const uint64_t refusals = m_impl->heard->RefusalsOf(message.subject);
     natsMsg* made = nullptr;
     natsStatus status = natsMsg_Create(&made, message.subject.c_str(), nullptr, message.payload->data(),
                                        static_cast<int>(message.payload->size()));
@@ -302,7 +378,7 @@ Answer NatsBroker::Publish(const BrokerMessage& message) {
     if (status == NATS_OK) status = natsMsgHeader_Set(made, kFirstHeader, std::to_string(message.first).c_str());
     jsPubOptions options;
     if (status == NATS_OK) status = jsPubOptions_Init(&options);
-    if (status != NATS_OK) return m_impl->AnswerOf(status, 0, refusals);
+    if (status != NATS_OK) return m_impl->AnswerOf(status, 0, message.subject, refusals);
     options.MaxWait = m_impl->options.requestMs;
     options.MsgId = message.id.c_str();
     options.ExpectStream = m_impl->options.stream.c_str();
@@ -310,9 +386,9 @@ Answer NatsBroker::Publish(const BrokerMessage& message) {
     options.ExpectNoMessage = message.expected == 0;
     jsPubAck* got = nullptr;
     jsErrCode code = static_cast<jsErrCode>(0);
-    status = js_PublishMsg(&got, m_impl->stream, made, &options, &code);
+    status = js_PublishMsg(&got, link->stream, made, &options, &code);
     const std::unique_ptr<jsPubAck, FreeAck> ack(got);
-    Answer answer = m_impl->AnswerOf(status, static_cast<int>(code), refusals);
+    Answer answer = m_impl->AnswerOf(status, static_cast<int>(code), message.subject, refusals);
     if (status != NATS_OK) return answer;
     answer.sequence = ack->Sequence;
     answer.duplicate = ack->Duplicate;
@@ -321,16 +397,18 @@ Answer NatsBroker::Publish(const BrokerMessage& message) {
 
 Answer NatsBroker::ReadLast(const std::string& subject) {
     if (!IsConnected()) return m_impl->NotConnected();
-    const uint64_t refusals = m_impl->heard->refusals;
+    const std::shared_ptr<Link> link = m_impl->Now();
+    const std::string asked = kDirectRead + m_impl->options.stream + "." + subject;
+    const uint64_t refusals = m_impl->heard->RefusalsOf(asked);
     jsDirectGetMsgOptions which;
     natsStatus status = jsDirectGetMsgOptions_Init(&which);
     which.LastBySubject = subject.c_str();
     natsMsg* got = nullptr;
     if (status == NATS_OK) {
-        status = js_DirectGetMsg(&got, m_impl->stream, m_impl->options.stream.c_str(), nullptr, &which);
+        status = js_DirectGetMsg(&got, link->stream, m_impl->options.stream.c_str(), nullptr, &which);
     }
     const Message owned(got);
-    Answer answer = m_impl->AnswerOf(status, 0, refusals);
+    Answer answer = m_impl->AnswerOf(status, 0, asked, refusals);
     if (status != NATS_OK) return answer;
     answer.sequence = natsMsg_GetSequence(got);
     const char* text = nullptr;

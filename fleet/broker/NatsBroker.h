@@ -16,6 +16,9 @@ struct BrokerOptions {
     std::vector<std::string> servers;  ///< "nats://host:port", "tls://host:port"
     std::string host;                  ///< this host's name, not yet escaped
     std::string caFile;                ///< with it only servers of this authority count, and their name is checked
+    /// Of this host (scripts/fleet-enrol); empty: none. It and its place belong to root or this user, and it is nobody
+    /// else's to read. Read anew with each connection.
+    std::string credsFile;
     std::string stream = "EVENTS";
     int64_t requestMs = 5000;    ///< how long an answer is waited for
     int64_t reconnectMs = 1000;  ///< between two attempts, and as much again by chance
@@ -31,7 +34,8 @@ struct BrokerMessage {
 };
 
 /// Thread-safety: Publish, ReadLast and the queries from any thread.
-/// Lifetime: connects in the background and goes on trying for as long as it lives.
+/// Lifetime: connects in the background and goes on trying for as long as it lives. Where the broker has refused this
+/// host the library ends that: from then on an attempt is made with a request, every few seconds at most.
 class NatsBroker {
 public:
     /// Errors: an option that cannot be used; a broker that is not there is none.
@@ -55,6 +59,7 @@ public:
     const std::string& Host() const;
 
 private:
+    struct Link;
     struct Impl;
     explicit NatsBroker(std::unique_ptr<Impl> impl);
     std::unique_ptr<Impl> m_impl;

@@ -2,12 +2,16 @@
 // for.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <memory>
 #include <random>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "broker/Lane.h"
@@ -15,6 +19,7 @@
 #include "fleet/CuttingProxy.h"
 #include "fleet/RealBroker.h"
 #include "rule/FleetNames.h"
+#include "support/Files.h"
 #include "support/Waiting.h"
 
 namespace fleet {
@@ -211,6 +216,117 @@ TEST_F(BrokerTest, WrongPasswordIsNamed) {
     const Answer answer = Publish(1, 1, 0);
     Expect(answer, Outcome::kDisconnected);
     EXPECT_NE(answer.text.find("uthorization"), std::string::npos) << answer.text;
+}
+
+TEST_F(BrokerTest, HostThatWasRefusedComesBackWhenItIsLetIn) {
+    m_server = std::make_unique<RealBroker>("authorization { users: [ { user: admin, password: pw } ] }\n");
+    ASSERT_TRUE(m_server->Start());
+    Connect(m_server->Url("h1"));
+    support::SleepMs(1500);  // refused again and again: the library has given up
+    EXPECT_EQ(static_cast<int>(Publish(1, 1, 0).outcome), static_cast<int>(Outcome::kDisconnected));
+    m_server->Kill();
+    m_server->Become("authorization { users: [ { user: admin, password: pw }, { user: h1, password: pw } ] }\n");
+    ASSERT_TRUE(m_server->Start());
+    m_admin = std::make_unique<BrokerAdmin>(*m_server);
+    ASSERT_TRUE(m_admin->MakeStream());
+    EXPECT_TRUE(support::Eventually([&] { return Publish(1, 1, 0).outcome == Outcome::kOk; }));
+    EXPECT_TRUE(m_broker->IsConnected());
+    EXPECT_EQ(m_broker->Connections(), 1u);
+}
+
+TEST_F(BrokerTest, AnotherProcessesMissingRightIsNotThisOnes) {
+    m_requestMs = 1500;
+    StartAll(UsersWith("\"zel.quiet\"", "\"_INBOX.h1.>\""));
+    ASSERT_TRUE(m_admin->Hold("zel.quiet"));
+    const std::string payload = "x";
+    Answer quiet;
+    std::thread other([&] { quiet = m_broker->Publish({"zel.quiet", "h1/00000000000000aa-1", 1, &payload, 0}); });
+    support::SleepMs(300);
+    EXPECT_TRUE(Publish(1, 1, 0).notPermitted);
+    other.join();
+    Expect(quiet, Outcome::kTimeout);
+    EXPECT_FALSE(quiet.notPermitted) << quiet.text;
+}
+
+// --- as an operator sets it up ---
+
+/// A broker of the example's configuration, and the host `name` enrolled at it.
+class EnrolledBroker {
+public:
+    explicit EnrolledBroker(const std::string& name) {
+        const std::string log = m_directory / "log";
+        const std::string command = std::string("PYTHONDONTWRITEBYTECODE=1 exec " ZEL_ENROLLED_BROKER " '") +
+                                    m_directory.Path() + "' '" + name + "' >'" + log + "' 2>&1";
+        m_process = popen(command.c_str(), "w");
+        support::Eventually([&] { return support::Exists(m_directory / "ready"); });
+    }
+    ~EnrolledBroker() { pclose(m_process); }
+    EnrolledBroker(const EnrolledBroker&) = delete;
+    EnrolledBroker& operator=(const EnrolledBroker&) = delete;
+    std::string Credentials() const { return m_directory / "host.creds"; }
+    std::string Log() const { return support::ReadText(m_directory / "log"); }
+    BrokerOptions Options(const std::string& host) const {
+        BrokerOptions options;
+        options.servers = {"tls://127.0.0.1:" + support::ReadText(m_directory / "ready")};
+        options.host = host;
+        options.caFile = m_directory / "fleet/tls/ca.pem";
+        options.credsFile = Credentials();
+        options.reconnectMs = 50;
+        return options;
+    }
+
+private:
+    support::TempDir m_directory;
+    FILE* m_process = nullptr;
+};
+
+class EnrolledHostTest : public BrokerTest {
+protected:
+    void SetUp() override {
+        BrokerTest::SetUp();
+        if (std::system("python3 -c 'import cryptography' >/dev/null 2>&1") != 0) {
+            GTEST_SKIP() << "no cryptography for Python on this machine";
+        }
+    }
+    Answer PublishAs(const std::string& host) {
+        const std::string payload = "{}\n";
+        return m_broker->Publish({EventSubject(host, "tervane"), FormatMessageId(host, {kSpool, 1}), 1, &payload, 0});
+    }
+};
+
+TEST_F(EnrolledHostTest, HostsOfAnyNameMayPublishTheirEvents) {
+    for (const char* host : {"db_01", "web.example"}) {
+        const EnrolledBroker fleet(host);
+        auto opened = NatsBroker::Open(fleet.Options(host));
+        ASSERT_TRUE(opened.Ok()) << opened.GetError().Text();
+        m_broker = std::move(*opened);
+        ASSERT_TRUE(support::Eventually([&] { return m_broker->IsConnected(); }))
+            << PublishAs(host).text << fleet.Log();
+        Expect(m_broker->ReadLast(EventSubject(host, "tervane")), Outcome::kNotFound);
+        Expect(PublishAs(host), Outcome::kOk);
+        const Answer read = m_broker->ReadLast(EventSubject(host, "tervane"));
+        Expect(read, Outcome::kOk);
+        EXPECT_EQ(read.number, 1);
+        m_broker.reset();
+    }
+}
+
+TEST_F(EnrolledHostTest, CredentialsThatOthersMayReadAreRefused) {
+    const support::TempDir directory;
+    BrokerOptions options;
+    options.servers = {"tls://127.0.0.1:1"};
+    options.host = "h1";
+    options.credsFile = directory / "h1.creds";
+    EXPECT_FALSE(NatsBroker::Open(options).Ok()) << "there are none";
+    ASSERT_TRUE(support::WriteText(options.credsFile, "x"));
+    for (const mode_t mode : {0640, 0604, 0660, 0601}) {
+        ASSERT_EQ(chmod(options.credsFile.c_str(), mode), 0);
+        const auto opened = NatsBroker::Open(options);
+        ASSERT_FALSE(opened.Ok()) << mode;
+        EXPECT_NE(opened.GetError().Text().find(options.credsFile), std::string::npos) << opened.GetError().Text();
+    }
+    ASSERT_EQ(chmod(options.credsFile.c_str(), 0600), 0);
+    EXPECT_TRUE(NatsBroker::Open(options).Ok());
 }
 
 TEST_F(BrokerTest, OptionsThatCannotBeUsedAreRefused) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -26,6 +27,18 @@ TEST(FleetNamesTest, AnyOtherByteIsEscaped) {
                                                    {"a/b", "a_2fb"},
                                                    {std::string(1, '\0'), "_00"}};
     for (const auto& one : cases) EXPECT_EQ(EscapeName(one.first), one.second) << one.first;
+}
+
+// The tool that signs the hosts' rights is tested with the same file.
+TEST(FleetNamesTest, NamesAreWrittenAsTheEnrolmentWritesThem) {
+    std::ifstream table(ZEL_FLEET_NAMES);
+    int cases = 0;
+    for (std::string line; std::getline(table, line); ++cases) {
+        const size_t tab = line.find('\t');
+        ASSERT_NE(tab, std::string::npos) << line;
+        EXPECT_EQ(EscapeName(line.substr(0, tab)), line.substr(tab + 1)) << line;
+    }
+    EXPECT_GE(cases, 20);
 }
 
 TEST(FleetNamesTest, TwoNamesNeverBecomeOne) {

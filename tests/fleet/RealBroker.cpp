@@ -93,6 +93,7 @@ BrokerAdmin::BrokerAdmin(const RealBroker& broker) {
 }
 
 BrokerAdmin::~BrokerAdmin() {
+    natsSubscription_Destroy(m_held);
     jsCtx_Destroy(m_stream);
     natsConnection_Destroy(m_connection);
 }
@@ -117,6 +118,13 @@ bool BrokerAdmin::MakeStream(int64_t most) {
 bool BrokerAdmin::RemoveStream() {
     jsErrCode code = static_cast<jsErrCode>(0);
     return js_DeleteStream(m_stream, "EVENTS", nullptr, &code) == NATS_OK;
+}
+
+bool BrokerAdmin::Hold(const std::string& subject) {
+    natsSubscription_Destroy(m_held);
+    m_held = nullptr;
+    return natsConnection_SubscribeSync(&m_held, m_connection, subject.c_str()) == NATS_OK &&
+           natsConnection_Flush(m_connection) == NATS_OK;
 }
 
 std::vector<BrokerAdmin::Stored> BrokerAdmin::ReadAll() {

@@ -10,6 +10,7 @@
 
 struct __natsConnection;
 struct __jsCtx;
+struct __natsSubscription;
 
 namespace fleet {
 
@@ -28,6 +29,8 @@ public:
 
     /// Starts it, at its second start on the same port. Returns: false when it is not ready in time.
     bool Start();
+    /// Has the next start read other lines of configuration.
+    void Become(const std::string& more) { m_more = more; }
     /// kill -9, and waits for the end.
     void Kill();
     std::string Url(const std::string& user, const std::string& scheme = "nats") const;
@@ -54,6 +57,8 @@ public:
     /// Makes or replaces the stream of events. `most`: messages that it takes, then it is full; 0: any number.
     bool MakeStream(int64_t most = 0);
     bool RemoveStream();
+    /// Listens to the subject, and never answers.
+    bool Hold(const std::string& subject);
     struct Stored {
         std::string subject, id, first, payload;
     };
@@ -63,6 +68,7 @@ public:
 private:
     __natsConnection* m_connection = nullptr;
     __jsCtx* m_stream = nullptr;
+    __natsSubscription* m_held = nullptr;
 };
 
 }  // namespace fleet
