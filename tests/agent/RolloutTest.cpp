@@ -356,6 +356,7 @@ TEST_F(RolloutTest, AKillThatIsForgottenIsNoKill) {
 TEST_F(RolloutTest, WhoLosesItAgainHasTimeToReportIt) {
     Rollout rollout = Begin();
     Store(rollout);
+    Until(rollout, 100);
     for (const std::string& name : rollout.Canaries()) Apply(name);
     Until(rollout, 300);
     m_hosts.at(rollout.Canaries()[0]).state.config.applied = 0;
