@@ -127,11 +127,14 @@ ObservedTree MakeObservedTree(const GroupTargets& targets, const Flags& observed
     tree[""] = take(targets.total);
     for (const GroupTarget& group : targets.groups) tree[group.name] = take(group.limits);
     for (const ComponentTarget& component : components) {
+        const bool apart =
+            observed.cpu && observed.memory && component.leaves.cpu.group != component.leaves.memory.group;
         for (const Controller controller : kAllControllers) {
             const LeafTarget& leaf = component.leaves[controller];
             if (!observed[controller] || leaf.group.empty()) continue;
             ObservedAmounts& amounts = tree[leaf.group + "/" + component.name];
             (controller == Controller::kCpu ? amounts.cpu100Times : amounts.memoryKb) = leaf.quota;
+            if (apart) (controller == Controller::kCpu ? amounts.holdsMemory : amounts.holdsCpu) = false;
         }
     }
     return tree;

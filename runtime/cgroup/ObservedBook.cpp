@@ -20,11 +20,14 @@ bool Holds(const std::string& group, const std::string& leaf) {
     return leaf.size() > group.size() && leaf[group.size()] == '/' && leaf.compare(0, group.size(), group) == 0;
 }
 
-/// Returns: the component's leaf; the name of no group where it has none, and then it counts for the whole alone.
-std::string LeafOf(const ObservedTree& tree, const std::string& component) {
+/// Returns: the component's leaf of a controller; the name of no group where it has none, and then it counts for the
+/// whole alone.
+std::string LeafOf(const ObservedTree& tree, const std::string& component, bool ObservedAmounts::*holds) {
     const std::string tail = "/" + component;
     for (const auto& [name, amounts] : tree) {
-        if (name.size() > tail.size() && name.compare(name.size() - tail.size(), tail.size(), tail) == 0) return name;
+        if (amounts.*holds && name.size() > tail.size() &&
+            name.compare(name.size() - tail.size(), tail.size(), tail) == 0)
+            return name;
     }
     return tail;
 }
@@ -39,11 +42,12 @@ struct Sum {
 std::map<std::string, Sum> SumUp(const ObservedTree& tree, const std::vector<ComponentUse>& uses) {
     std::map<std::string, Sum> sums;
     for (const ComponentUse& use : uses) {
-        const std::string leaf = LeafOf(tree, use.component);
+        const std::string cpuLeaf = LeafOf(tree, use.component, &ObservedAmounts::holdsCpu);
+        const std::string memoryLeaf = LeafOf(tree, use.component, &ObservedAmounts::holdsMemory);
         for (const auto& entry : tree) {
-            if (!Holds(entry.first, leaf)) continue;
             Sum& sum = sums[entry.first];
-            sum.cpuNs += use.cpuNs;
+            if (Holds(entry.first, cpuLeaf)) sum.cpuNs += use.cpuNs;
+            if (!Holds(entry.first, memoryLeaf)) continue;
             sum.memoryKb += use.memoryKb;
             sum.keptKb += use.keptKb;
             if (sum.largest == nullptr || use.keptKb > sum.largest->keptKb) sum.largest = &use;

@@ -16,8 +16,11 @@ namespace cgroup {
 struct ObservedAmounts {
     int cpu100Times = 0;
     int memoryKb = 0;
+    bool holdsCpu = true;  ///< of a leaf: its component's place of that controller, where there is another one, too
+    bool holdsMemory = true;
     bool operator==(const ObservedAmounts& other) const {
-        return cpu100Times == other.cpu100Times && memoryKb == other.memoryKb;
+        return cpu100Times == other.cpu100Times && memoryKb == other.memoryKb && holdsCpu == other.holdsCpu &&
+               holdsMemory == other.holdsMemory;
     }
 };
 

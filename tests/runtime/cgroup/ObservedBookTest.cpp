@@ -120,4 +120,25 @@ TEST(ObservedTreeTest, HoldsWhatIsObservedAlone) {
     EXPECT_EQ((ObservedTree{{"", {0, 1000}}, {"g", {0, 600}}, {"g/A", {0, 200}}}), tree);
 }
 
+TEST(ObservedTreeTest, PlacesThatDifferHoldOneControllerEach) {
+    GroupTargets targets;
+    targets.groups = {{"c", {500, 0}}, {"m", {0, 600}}};
+    ComponentTarget component;
+    component.name = "A";
+    component.leaves.cpu = {"c", 100, "", std::nullopt};
+    component.leaves.memory = {"m", 200, "", std::nullopt};
+    ObservedBook book;
+    book.SetTree(MakeObservedTree(targets, {true, true}, {component}));
+    const std::vector<ObservedKill> kills = book.Look({{"A", 7, kSecondNs / 2, 310, 300}}, kSecondNs, 0, 0);
+    ASSERT_EQ(1u, kills.size());
+    EXPECT_EQ("m/A", kills[0].group);
+    std::map<std::string, std::pair<int64_t, int64_t>> use;
+    for (const ObservedGroup& group : book.Groups()) {
+        use[group.figures.name] = {group.figures.cpuMs, group.figures.memoryKb};
+    }
+    const std::map<std::string, std::pair<int64_t, int64_t>> expected = {
+        {"", {500, 310}}, {"c", {500, 0}}, {"c/A", {500, 0}}, {"m", {0, 310}}, {"m/A", {0, 310}}};
+    EXPECT_EQ(expected, use);
+}
+
 }  // namespace
