@@ -155,7 +155,9 @@ struct Asked {
     std::string path;
     std::vector<CgroupComponentQuota> quotas;
     Amounts parent;
-    int64_t retryAtMs = 0;
+    bool failed = false;    ///< the last change of what is observed: all of the above is as it was before
+    Flags tried;            ///< then: what was to be observed
+    int64_t retryAtMs = 0;  ///< then: when that is tried again
 
     /// Controllers that are asked for and only observed.
     Flags Shown() const { return {wanted.cpu && observed.cpu, wanted.memory && observed.memory}; }
@@ -227,6 +229,7 @@ struct CCgroupManager::Impl {
     void RunKeeper(const std::vector<CgroupMember>& members, std::vector<CgroupDrift>& news) ZEL_REQUIRES(mutex);
     bool PassKeeper(const std::vector<CgroupMember>& members) ZEL_REQUIRES(mutex);
     bool PollOom(std::vector<CgroupMemoryOomEvent>& out) ZEL_REQUIRES(mutex);
+    TreeWatch& DrainTold() ZEL_REQUIRES(mutex);
     bool IsOomAtRest(int64_t nowMs) ZEL_REQUIRES(mutex);
     Status ReadOom() ZEL_REQUIRES(mutex);
     void ObserveOom() ZEL_REQUIRES(mutex);
@@ -235,9 +238,13 @@ struct CCgroupManager::Impl {
     bool TakeIn(const std::string& group, int pid) ZEL_REQUIRES(mutex);
     bool Publish(const std::string& path, const std::vector<CgroupComponentQuota>& quotas, const Amounts& parent)
         ZEL_REQUIRES(mutex);
+    bool HasTree() ZEL_REQUIRES(mutex);
     bool FollowObserved() ZEL_EXCLUDES(mutex);
+    bool ChangeObserved() ZEL_REQUIRES(mutex);
+    bool AskAgain(const Asked& last) ZEL_REQUIRES(mutex);
+    void WithdrawObserved() ZEL_REQUIRES(mutex);
     void Forgo() ZEL_REQUIRES(mutex);
-    std::vector<ComponentTarget> ObservedPlaces() ZEL_REQUIRES(mutex);
+    std::vector<ComponentTarget> ObservedPlaces(const std::vector<CgroupComponentQuota>& quotas) ZEL_REQUIRES(mutex);
 };
 
 void CCgroupManager::Impl::Locate() {
@@ -279,6 +286,8 @@ bool CCgroupManager::Impl::Reconcile(const Flags& wanted, const CgroupTotalLimit
     for (const Controller controller : kAllControllers) {
         if (wanted[controller] && !branches.of[controller]) problems.push_back(branches.errors[controller]);
     }
+    // Nobody asks its groups any more once the controller is off, and they may go.
+    if (inUse.memory && !wanted.memory) ObserveOom();
     reconciled = ReconcileBranches(problems);
     for (const Error& problem : problems) Fail(__LINE__, problem);
     bool ok = problems.empty();
@@ -310,7 +319,7 @@ std::optional<std::vector<TreeFacts>> CCgroupManager::Impl::ReconcileBranches(st
     const Result<LayoutMark> layout = ReadLayoutMark();
     if (!layout || !problems.empty() || trees.size() != branches.all.size()) return std::nullopt;
     reconciledLayout = *layout;
-    quiet.Told().Drain();
+    DrainTold();
     reconciledChanges = quiet.Told().Changes();
     return trees;
 }
@@ -321,6 +330,7 @@ bool CCgroupManager::Impl::Ask(const Flags& wanted, const CgroupTotalLimitConfig
     const Flags observed = ObservedControllers();
     asked.wanted = wanted;
     asked.observed = observed;
+    asked.failed = false;
     asked.total = total == nullptr ? std::nullopt : std::optional<CgroupTotalLimitConfig>(*total);
     asked.groups = groups;
     std::vector<Error> refused;  // the other half tells of them
@@ -331,37 +341,44 @@ bool CCgroupManager::Impl::Ask(const Flags& wanted, const CgroupTotalLimitConfig
 /// The main process stays out of a tree that is only observed, and leaves one that was not.
 bool CCgroupManager::Impl::TakeIn(const std::string& group, int pid) {
     if (inUse.cpu || inUse.memory || !asked.ShowsAny()) return AddPid(group, pid);
-    return pid != getpid() || !IsTreeInUse(branches) || RemovePid(pid);
+    return pid != getpid() || !HasTree() || RemovePid(pid);
 }
 
-std::vector<ComponentTarget> CCgroupManager::Impl::ObservedPlaces() {
+/// Whether a tree of ours is there, be it one of an agent that was killed.
+bool CCgroupManager::Impl::HasTree() {
+    return std::any_of(branches.all.begin(), branches.all.end(),
+                       [](const std::shared_ptr<Branch>& branch) { return OpenTree(*branch).Ok(); });
+}
+
+std::vector<ComponentTarget> CCgroupManager::Impl::ObservedPlaces(const std::vector<CgroupComponentQuota>& quotas) {
     if (!asked.ShowsAny()) return {};
     std::vector<Remark> remarks;  // the other half tells of them
-    const std::vector<CgroupComponentQuota> all = WithUnlisted(asked.quotas, asked.targets, remarks);
+    const std::vector<CgroupComponentQuota> all = WithUnlisted(quotas, asked.targets, remarks);
     return BuildComponentTargets(all, asked.targets, asked.Shown(), branches.IsOneHierarchy());
 }
 
 /// Writes the file; also where everything in it is only observed.
 bool CCgroupManager::Impl::Publish(const std::string& path, const std::vector<CgroupComponentQuota>& quotas,
                                    const Amounts& parent) {
-    asked.path = path;
-    asked.quotas = quotas;
-    asked.parent = parent;
-    const std::vector<ComponentTarget> places = ObservedPlaces();
+    const std::vector<ComponentTarget> places = ObservedPlaces(quotas);
     bool written = false;
     if (inUse.cpu || inUse.memory || !asked.ShowsAny()) {
         written = WriteConfig(path, quotas, parent);
     } else {
-        published.valid = false;
+        published = Publication();
         quiet.Disturb();
         ForgetKept();
         const Status disabled = PublishDisabled(path, MakeObservedEntries(places));
         written = disabled || disabled.GetError().kind == ErrorKind::kNotSynced;  // the others read it already
         if (!disabled) Fail(__LINE__, disabled.GetError());
     }
-    asked.valid = asked.valid || written;
+    if (!written) return false;
+    asked.valid = true;
+    asked.path = path;
+    asked.quotas = quotas;
+    asked.parent = parent;
     ObserveTree(asked.ShowsAny() ? MakeObservedTree(asked.targets, asked.Shown(), places) : ObservedTree());
-    return written;
+    return true;
 }
 
 /// Nothing is asked for any more.
@@ -370,18 +387,34 @@ void CCgroupManager::Impl::Forgo() {
     ObserveTree({});
 }
 
-/// Returns: whether the components are to be told.
+/// Who asks comes again a second later: it does not wait for another operation on the tree.
 bool CCgroupManager::Impl::FollowObserved() {
-    const base::MutexLock lock(mutex);
-    if (!asked.valid || AreSame(asked.observed, ObservedControllers()) || NowMs() < asked.retryAtMs) return false;
+    if (!mutex.try_lock()) return false;
+    const bool told = ChangeObserved();
+    mutex.unlock();
+    return told;
+}
+
+/// As the module goes on where only a part of what it wants can be put in force.
+bool CCgroupManager::Impl::AskAgain(const Asked& last) {
+    const bool whole = Ask(last.wanted, last.total ? &*last.total : nullptr, last.groups);
+    const bool usable = whole || inUse.cpu || inUse.memory || asked.ShowsAny();
+    return usable && TakeIn(kMainGroup, static_cast<int>(getpid())) && Publish(last.path, last.quotas, last.parent);
+}
+
+/// Returns: whether the components are to be told.
+bool CCgroupManager::Impl::ChangeObserved() {
+    const Flags now = ObservedControllers();
+    if (!asked.valid || (!asked.failed && AreSame(asked.observed, now))) return false;
+    if (asked.failed && AreSame(asked.tried, now) && NowMs() < asked.retryAtMs) return false;
     Locate();
     const Asked last = asked;
-    const bool changed = Ask(last.wanted, last.total ? &*last.total : nullptr, last.groups) &&
-                         TakeIn(kMainGroup, static_cast<int>(getpid())) && Publish(last.path, last.quotas, last.parent);
+    const bool changed = AskAgain(last);
     branches = Branches();
     if (changed) return true;
-    asked.observed = last.observed;
-    asked.valid = true;
+    asked = last;
+    asked.failed = true;
+    asked.tried = now;
     asked.retryAtMs = NowMs() + kRetryMs;
     LogLine(kLogWarning, __LINE__,
             "what is to be observed, and what to be in force, could not be changed: the lines before this one say "
@@ -389,12 +422,18 @@ bool CCgroupManager::Impl::FollowObserved() {
     return true;
 }
 
+/// A forked child takes nothing of what its parent is told.
+TreeWatch& CCgroupManager::Impl::DrainTold() {
+    quiet.Told().LetGoOfParents();
+    quiet.Told().Drain();
+    return quiet.Told();
+}
+
 /// Returns: what the last reconcile has seen, while nothing tells that it is otherwise by now; none where nobody would.
 const std::vector<TreeFacts>* CCgroupManager::Impl::FreshTrees() {
     if (!reconciled) return nullptr;
     const Result<LayoutMark> layout = ReadLayoutMark();
-    TreeWatch& told = quiet.Told();
-    told.Drain();
+    TreeWatch& told = DrainTold();
     const bool same = layout && *layout == reconciledLayout && told.IsWhole() && told.Changes() == reconciledChanges;
     const auto isWatched = [this](const TreeFacts& tree)
                                ZEL_REQUIRES(mutex) { return quiet.HasTree(tree.nodes.front().identity); };
@@ -445,7 +484,7 @@ bool CCgroupManager::Impl::WriteConfig(const std::string& path, const std::vecto
                                        const Amounts& parent) {
     quiet.Disturb();
     ComponentPublisher publisher(branches, targets, inUse, membership, FreshTrees());
-    publisher.SetObserved(MakeObservedEntries(ObservedPlaces()));
+    publisher.SetObserved(MakeObservedEntries(ObservedPlaces(quotas)));
     std::vector<Remark> remarks;
     Result<std::map<LeafKey, int>> leaves = publisher.Publish(path, WithUnlisted(quotas, targets, remarks), parent);
     remarks.insert(remarks.end(), publisher.Remarks().begin(), publisher.Remarks().end());
@@ -512,6 +551,7 @@ void CCgroupManager::Impl::RunKeeper(const std::vector<CgroupMember>& members, s
     round.quiet = &quiet;
     const Publication last = published;
     round.filePath = last.path;
+    round.beforeSweep = [this]() ZEL_REQUIRES(mutex) { ObserveOom(); };
     round.judgeFile = [&last] { return JudgeFile(last); };
     round.republish = [&]() ZEL_REQUIRES(mutex) { return WriteConfig(last.path, last.quotas, last.parent); };
     news = keeper.Run(round, status);
@@ -556,12 +596,21 @@ bool CCgroupManager::Impl::Keep(const std::vector<CgroupMember>& members, std::v
     return true;
 }
 
+/// Who is started by hand afterwards is not to take itself for one that is looked after. A file about groups proves
+/// itself by them.
+void CCgroupManager::Impl::WithdrawObserved() {
+    if (!asked.valid || !asked.ShowsAny() || inUse.cpu || inUse.memory) return;
+    const Status written = PublishDisabled(asked.path);
+    if (!written) Fail(__LINE__, written.GetError());
+}
+
 /// The tree is about to be taken down: until it is asked for anew nothing of it is put back.
 void CCgroupManager::Impl::StopKeeping() {
     const base::MutexLock lock(mutex);
     published.valid = false;
     quiet.Disturb();
     ForgetKept();
+    WithdrawObserved();
     Forgo();
 }
 
@@ -584,12 +633,13 @@ bool CCgroupManager::Impl::PollOom(std::vector<CgroupMemoryOomEvent>& out) {
     const int64_t nowMs = NowMs();
     if (inUse.memory && IsOomAtRest(nowMs)) return true;
     Locate();
-    TreeWatch& told = quiet.Told();
-    told.Drain();
+    TreeWatch& told = DrainTold();
     const OomRest before{true, told.Changes(), told.Counts(), nowMs};
+    // Of a controller that was switched off: what it counted until then.
+    if (!inUse.memory) out = oom.TakeRises();
     Status read = ReadOom();
     if (!read) return Fail(__LINE__, read.GetError());
-    out = oom.TakeRises();
+    if (inUse.memory) out = oom.TakeRises();
     // Leaves and groups that were still in use when their configuration went are looked at again here.
     if (Sweep()) oomRest = before;
     return true;
@@ -631,7 +681,7 @@ Status CCgroupManager::Impl::ReadOom() {
 void CCgroupManager::Impl::ObserveOom() {
     if (!inUse.memory) return;
     const std::optional<uint64_t> kills = hostKills.Read();
-    quiet.Told().Drain();
+    DrainTold();
     const uint64_t counts = quiet.Told().Counts();
     const bool calm = kills && kills == std::exchange(noticedKills, kills);
     const bool told = quiet.Told().IsWhole();
@@ -806,7 +856,7 @@ bool CCgroupManager::WriteComponentConfig(const std::string& path, const std::ve
 bool CCgroupManager::WriteDisabledConfig(const std::string& path) {
     const base::MutexLock lock(m_impl->mutex);
     m_impl->Forgo();
-    m_impl->published.valid = false;
+    m_impl->published = Publication();
     m_impl->quiet.Disturb();
     ForgetKept();
     Status written = PublishDisabled(path);

@@ -121,7 +121,10 @@ std::string ComponentFilePath() {
 
 Result<ComponentFile> ReadCurrentFile(const std::string& path) {
     Result<ComponentFile> file = ReadComponentFile(path);
-    if (!file || !file->enabled || file->bootId == OwnBootId()) return file;
+    if (!file || file->bootId == OwnBootId()) return file;
+    // That the limits are off is true of any boot; who was observed then is not observed for that now.
+    file->observed.clear();
+    if (!file->enabled) return file;
     return MakeError(ErrorKind::kRefused, "use", path, "it was written before the last boot");
 }
 

@@ -272,7 +272,7 @@ void Keeper::Round::FindTakenControllers(const Branch& branch, const OpenTreeFac
 /// Everything of a branch as at the first time, its limits with it.
 void Keeper::Round::Rebuild(const Branch& branch, Drifts& drifts) {
     std::vector<Error> problems;
-    ReconcileBranch(branch, *m_in.targets, problems, Leaves::kArePublished);
+    ReconcileBranch(branch, *m_in.targets, problems, Leaves::kArePublished, m_in.beforeSweep);
     for (CgroupDrift& drift : drifts) {
         drift.repaired = problems.empty();
         if (!problems.empty()) drift.problem = problems.front().Text();

@@ -30,6 +30,7 @@ struct KeeperRound {
     int64_t nowMs = 0;                       ///< monotonic
     std::string filePath;                    ///< of the component file
     std::function<std::string()> judgeFile;  ///< what is wrong with it; empty when it is as it was written
+    std::function<void()> beforeSweep;       ///< before groups may be removed; may be empty
     std::function<bool()> republish;         ///< makes the published leaves and writes the component file again
     QuietTree* quiet = nullptr;              ///< notes what is in order; may be null
 };

@@ -31,7 +31,7 @@ struct LegacyOptions {
     std::string treeName;        ///< name of the unified tree: processes in it are left there
     std::string applicationDir;  ///< executables in it are the agent's
     std::function<Result<Layout>()> readLayout = ReadLayout;
-    std::function<int64_t()> nowMs = MonotonicMs;
+    std::function<int64_t()> nowMs = MonotonicMs;  ///< of the looks, and of what is tried again
 };
 
 /// What a legacy group holds its members to.

@@ -25,6 +25,7 @@ namespace {
 
 constexpr int kStartAttempts = 10;  // four processes that start and stop at once have needed more than three
 constexpr int kMemoryKind = 2;
+constexpr int64_t kRetryMs = 60000;  ///< after a change of what is observed that failed
 /// News that wait to be taken; what is beyond is in log and counts.
 constexpr size_t kMostNews = 64;
 constexpr char kCpuNotSet[] = "legacy CPU limit not set";
@@ -131,10 +132,8 @@ int LegacyLimit::Ask(LegacyGroup& group, const LegacyValue& value, int& error) {
     if (!observed) {
         group.Want(value);
         code = Start(group, error);
-    } else if (group.IsStarted()) {
-        code = Stop(group, error);
-    }
-    if (observed) {
+    } else {
+        code = Stop(group, error);  // also one of an earlier run, or one that this process was born into
         LogLegacy(kLogInfo, __LINE__,
                   std::string("legacy ") + ControllerName(controller) + " limit is only observed, nothing is written");
     }
@@ -160,12 +159,14 @@ void LegacyLimit::FollowObserved() {
     const base::MutexLock lock(m_mutex);
     const Flags observed = ObservedControllers();
     for (const Controller controller : kAllControllers) {
-        if (!m_asked[controller].valid || m_asked[controller].observed == observed[controller]) continue;
-        const LegacyValue value = m_asked[controller].value;
+        const Asked asked = m_asked[controller];
+        if (!asked.valid) continue;
+        const bool changed = asked.observed != observed[controller];
+        const bool due = asked.failed && m_options.nowMs() >= asked.retryAtMs;
         int error = 0;
-        if (Ask(Of(controller), value, error) == kLegacyOk) continue;
-        // As after any start that fails: the next change of the configuration tries again, and doctor says so.
-        m_asked[controller] = {true, observed[controller], value};
+        if ((!changed && !due) || Ask(Of(controller), asked.value, error) == kLegacyOk) continue;
+        // What is asked for is said as it is; only the kernel does not know it yet.
+        m_asked[controller] = {true, observed[controller], asked.value, true, m_options.nowMs() + kRetryMs};
         TellObserved();
     }
 }
@@ -417,7 +418,14 @@ void LegacyLimit::SetKernelExcludeLists(int kind, const std::string& excludeRang
 void LegacyLimit::Forget(Controller controller) {
     const base::MutexLock lock(m_mutex);
     Forgo(controller);
-    ForgetGroup(Of(controller));
+    LegacyGroup& group = Of(controller);
+    // A limit that is only observed takes the place of none: the one in force would stay, and nobody would know of it.
+    int error = 0;
+    if (group.IsStarted() && ObservedControllers()[controller] && !group.IsSelfInTree()) {
+        Stop(group, error);
+    } else {
+        ForgetGroup(group);
+    }
 }
 
 void LegacyLimit::ForgetGroup(LegacyGroup& group) {

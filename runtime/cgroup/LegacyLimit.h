@@ -63,10 +63,12 @@ public:
     /// The same for what was started alone: a group of an earlier run is left as it is.
     void ReleaseStarted();
 
-    /// Takes off what is only observed from now on, and puts in force what is not any more.
+    /// Takes off what is only observed from now on, and puts in force what is not any more. What fails is tried again a
+    /// minute later.
     void FollowObserved();
 
-    /// Forgets the controller's state; removes the group when it is already empty, and nothing else.
+    /// Forgets the controller's state; removes the group when it is already empty, and nothing else. Where the
+    /// controller is only observed now, the limit is taken off: nothing else takes its place.
     void Forget(Controller controller);
     /// Returns: whether a started limit of the controller is on version 2.
     bool IsV2Runtime(Controller controller);
@@ -81,6 +83,8 @@ private:
         bool valid = false;
         bool observed = false;  ///< and it is not put in force
         LegacyValue value;
+        bool failed = false;    ///< the last change of what is observed
+        int64_t retryAtMs = 0;  ///< then: when it is tried again
     };
     /// Starts it, or notes that it is only observed.
     int Ask(LegacyGroup& group, const LegacyValue& value, int& error) ZEL_REQUIRES(m_mutex);

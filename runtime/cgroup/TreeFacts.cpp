@@ -110,7 +110,10 @@ std::vector<Error> ApplyPlan(const LimitPlan& plan, OpenTreeFacts& tree) {
         LimitFacts& facts = tree.facts.nodes[step.node].limits[step.controller];
         Status applied = ChangeLimit(step.controller, tree.dirs[step.node], facts, step.wanted);
         if (applied) {
+            const int64_t period = facts.limit.cpu.periodUs;
             facts.limit = step.wanted;
+            // A quota that is taken off leaves the period.
+            if (facts.limit.cpu.Unlimited()) facts.limit.cpu.periodUs = period;
             facts.swapBytes = step.swapWanted;
             continue;
         }

@@ -26,6 +26,8 @@ bool IsCounter(std::string_view name) {
 }  // namespace
 
 void TreeWatch::Begin() {
+    LetGoOfParents();
+    m_pid = getpid();
     ++m_look;
     m_whole = true;
     if (!m_fd) m_fd.Reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
@@ -64,6 +66,10 @@ void TreeWatch::LetGo() {
     m_fd.Reset();
     m_watches.clear();
     m_whole = false;
+}
+
+void TreeWatch::LetGoOfParents() {
+    if (m_fd && m_pid != getpid()) LetGo();
 }
 
 void TreeWatch::Take(int watch, uint32_t mask, std::string_view name) {

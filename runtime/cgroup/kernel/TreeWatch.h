@@ -5,6 +5,8 @@
 // Kernel: a watch keeps no mount busy. What a mount hides or shows is the layout's to know.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <map>
 #include <string_view>
@@ -29,6 +31,8 @@ public:
     void End();
     /// In a forked child: what it has of its parent's watches. The parent is told as before.
     void LetGo();
+    /// The same where it is one; to be called before Drain where nobody else has looked. One system call.
+    void LetGoOfParents();
 
     /// Takes what was told since the last call. One system call.
     void Drain();
@@ -44,6 +48,7 @@ private:
     void Take(int watch, uint32_t mask, std::string_view name);
 
     base::Fd m_fd;
+    pid_t m_pid = 0;                    ///< whose it is
     std::map<int, uint64_t> m_watches;  ///< number of the look that wanted it, by watch
     uint64_t m_look = 0;
     uint64_t m_changes = 0;

@@ -744,6 +744,20 @@ TEST_F(CgroupManagerTest, WhatCannotGoIsToldToOneCallerOnly) {
     ASSERT_EQ(0, rmdir(foreign.c_str()));
 }
 
+TEST_F(CgroupManagerTest, ALeafThatGrewWithItsGroupTakesAnyPeriod) {
+    const auto apply = [&](int group, int leaf) {
+        return manager.Reconcile(true, true, {Group("main", group, 262144), Group("other", 5000, 65536)}) &&
+               manager.WriteComponentConfig(file, {Quota("Tervane", "main", leaf, 0)}, 0, 0);
+    };
+    ASSERT_TRUE(apply(33, 33));
+    EXPECT_EQ("3300 1000000", CpuLimit("main/Tervane"));
+    std::vector<zel::CgroupDrift> news;
+    for (int i = 0; i < 2; ++i) ASSERT_TRUE(zel::KeepCgroupTree({}, news));
+    EXPECT_TRUE(apply(0, 5000));
+    EXPECT_EQ("50000 100000", CpuLimit("main/Tervane"));
+    EXPECT_THAT(Warnings(), ::testing::IsEmpty());
+}
+
 TEST_F(CgroupManagerTest, OnlyWhoMadeTheTreeTakesItDownAtItsEnd) {
     std::string error;
     Child before([&] { return zel::ReleaseOwnLimits(error) ? 0 : 1; });

@@ -1,8 +1,11 @@
 // Limits that are only observed, on the real kernel: nothing is made, written or moved, and the way in and out of it.
 #include <algorithm>
+#include <future>
+#include <thread>
 
 #include "AgentTreeFixture.h"
 #include "LegacyLimit.h"
+#include "OwnPlacement.h"
 #include "platform/zel/AgentNames.h"
 #include "platform/zel/CgroupClient.h"
 #include "platform/zel/CgroupFigures.h"
@@ -34,14 +37,24 @@ protected:
         AgentTree::TearDown();
     }
     /// What the module does at its first application.
-    bool Apply(bool cpuOn = true, bool memOn = true) {
-        return manager.Reconcile(cpuOn, memOn, Total(400, 524288, cpuOn, memOn),
-                                 {Group("main", 0, 262144), Group("other", 5000, 65536)}) &&
-               manager.AddPidToGroup("main", getpid()) &&
-               manager.WriteComponentConfig(
-                   file, {Quota("Tervane", "main", 20000, 262144), Quota("Worker", "other", 2500, 32768)}, 40000,
-                   524288);
+    bool Apply() { return ApplyBy(manager); }
+    bool ApplyBy(zel::CCgroupManager& by) const {
+        return Decide(by) && by.AddPidToGroup("main", getpid()) && Write(by, file);
     }
+    static bool Decide(zel::CCgroupManager& by) {
+        return by.Reconcile(true, true, Total(400, 524288), {Group("main", 0, 262144), Group("other", 5000, 65536)});
+    }
+    static bool Write(zel::CCgroupManager& by, const std::string& path) {
+        return by.WriteComponentConfig(
+            path, {Quota("Tervane", "main", 20000, 262144), Quota("Worker", "other", 2500, 32768)}, 40000, 524288);
+    }
+    zel::cgroup::LegacyOptions LegacyOptionsOfTest() const {
+        zel::cgroup::LegacyOptions options;
+        options.treeName = treeName;
+        options.groupName = treeName + ".legacy";
+        return options;
+    }
+    std::string LegacyCpuGroup() const { return layout.cpuMount + "/" + treeName + ".legacy"; }
     bool IsUntouched() const {
         return !Exists(cpuTree) && !Exists(memTree) && ReadValue("/proc/self/cgroup") == before;
     }
@@ -167,11 +180,8 @@ TEST_F(ObservedLimitsTest, TellsWhatTheLimitsWouldHaveDone) {
 }
 
 TEST_F(ObservedLimitsTest, LegacyLimitIsObservedTakenOffAndPutBack) {
-    zel::cgroup::LegacyOptions options;
-    options.treeName = treeName;
-    options.groupName = treeName + ".legacy";
-    zel::cgroup::LegacyLimit limit(options);
-    const std::string group = layout.cpuMount + "/" + options.groupName;
+    zel::cgroup::LegacyLimit limit(LegacyOptionsOfTest());
+    const std::string group = LegacyCpuGroup();
     int error = -1;
     Observe(zel::kModeCpu);
     EXPECT_EQ(0, limit.StartCpuLimit(50, 0, error));
@@ -182,7 +192,7 @@ TEST_F(ObservedLimitsTest, LegacyLimitIsObservedTakenOffAndPutBack) {
     limit.FollowObserved();
     EXPECT_TRUE(Exists(group));
     EXPECT_TRUE(limit.IsCpuLimited());
-    EXPECT_THAT(ReadValue("/proc/self/cgroup"), HasSubstr(options.groupName));
+    EXPECT_THAT(ReadValue("/proc/self/cgroup"), HasSubstr(treeName + ".legacy"));
     EXPECT_THAT(zel::ReadObservedGroups(), ::testing::IsEmpty());
     Observe(zel::kModeCpu);
     limit.FollowObserved();
@@ -191,6 +201,164 @@ TEST_F(ObservedLimitsTest, LegacyLimitIsObservedTakenOffAndPutBack) {
     EXPECT_EQ(0, limit.StopCpuLimit(error));
     EXPECT_FALSE(limit.IsCpuLimited());
     EXPECT_THAT(zel::ReadObservedGroups(), ::testing::IsEmpty());
+}
+
+// The module lets the legacy limit be forgotten for a unified one, which is only observed from the same change on.
+TEST_F(ObservedLimitsTest, ObservedUnifiedModeLeavesNoLegacyLimit) {
+    zel::cgroup::LegacyLimit limit(LegacyOptionsOfTest());
+    int error = -1;
+    ASSERT_EQ(0, limit.StartCpuLimit(50, 0, error));
+    const Child component(Sleeper);
+    Observe(zel::kModeCpu);
+    limit.Forget(zel::cgroup::Controller::kCpu);
+    EXPECT_FALSE(Exists(LegacyCpuGroup()));
+    EXPECT_EQ(before, ReadValue("/proc/self/cgroup"));
+    EXPECT_EQ(before, ReadValue("/proc/" + std::to_string(component.Pid()) + "/cgroup"));
+    EXPECT_EQ(0, limit.StopCpuLimit(error));
+}
+
+TEST_F(ObservedLimitsTest, LegacyGroupOfBirthIsLeftWhenOnlyObserved) {
+    int error = -1;
+    {
+        zel::cgroup::LegacyLimit parent(LegacyOptionsOfTest());
+        ASSERT_EQ(0, parent.StartCpuLimit(50, 0, error));
+    }
+    ASSERT_TRUE(Exists(LegacyCpuGroup()));
+    Observe(zel::kModeCpu);
+    zel::cgroup::LegacyLimit limit(LegacyOptionsOfTest());
+    EXPECT_EQ(0, limit.StartCpuLimit(50, 0, error));
+    EXPECT_FALSE(Exists(LegacyCpuGroup()));
+    EXPECT_EQ(before, ReadValue("/proc/self/cgroup"));
+    EXPECT_EQ(0, limit.StopCpuLimit(error));
+}
+
+TEST_F(ObservedLimitsTest, LegacyLimitThatFailsIsTriedInAMinute) {
+    zel::cgroup::LegacyOptions options = LegacyOptionsOfTest();
+    int64_t nowMs = 1000;
+    options.nowMs = [&] { return nowMs; };
+    zel::cgroup::LegacyLimit limit(options);
+    int error = -1;
+    Observe(zel::kModeCpu);
+    ASSERT_EQ(0, limit.StartCpuLimit(50, 0, error));
+    Observe(0);
+    faults::FailControlWrite(0, EIO, true);
+    limit.FollowObserved();
+    faults::ClearControlWrites();
+    EXPECT_FALSE(limit.IsCpuLimited());
+    limit.FollowObserved();
+    EXPECT_FALSE(limit.IsCpuLimited()) << "too early";
+    nowMs += 60000;
+    limit.FollowObserved();
+    EXPECT_TRUE(limit.IsCpuLimited());
+    EXPECT_THAT(ReadValue("/proc/self/cgroup"), HasSubstr(treeName + ".legacy"));
+    EXPECT_EQ(0, limit.StopCpuLimit(error));
+    EXPECT_EQ(before, ReadValue("/proc/self/cgroup"));
+}
+
+// As the module goes on with the limits that can be put in force.
+TEST_F(ObservedLimitsTest, LeavingItPutsInForceWhatCanBe) {
+    Observe(kBoth);
+    ASSERT_TRUE(Apply());
+    Observe(0);
+    faults::FailControlWritesTo(layout.memV2 ? "memory.max" : "memory.limit_in_bytes", EIO);
+    EXPECT_TRUE(zel::FollowObservedLimits());
+    faults::ClearControlWrites();
+    EXPECT_EQ("50000 100000", CpuLimit("other"));
+    EXPECT_THAT(Procs(cpuTree + "/main/Tervane"), ::testing::Contains(std::to_string(getpid())));
+    EXPECT_THAT(ReadValue(file), HasSubstr("\"enabled\": true"));
+    EXPECT_THAT(Warnings(), ::testing::Not(::testing::Contains(HasSubstr("could not be changed"))));
+    EXPECT_FALSE(zel::FollowObservedLimits()) << "there is nothing to follow";
+}
+
+TEST_F(ObservedLimitsTest, OrderTakenBackAfterAFailureIsFollowed) {
+    ASSERT_TRUE(Apply());
+    Observe(kBoth);
+    ASSERT_EQ(0, rename(cfgDir.c_str(), (cfgDir + ".away").c_str()));
+    EXPECT_TRUE(zel::FollowObservedLimits());
+    EXPECT_EQ("max", CpuLimit("other"));
+    EXPECT_FALSE(zel::FollowObservedLimits()) << "not before a minute is over";
+    ASSERT_EQ(0, rename((cfgDir + ".away").c_str(), cfgDir.c_str()));
+    EXPECT_THAT(Warnings(), ::testing::Contains(HasSubstr("it is tried again in a minute")));
+    Observe(0);
+    EXPECT_TRUE(zel::FollowObservedLimits());
+    EXPECT_EQ("50000 100000", CpuLimit("other"));
+    EXPECT_TRUE(IsIn(getpid(), "main/Tervane"));
+}
+
+TEST_F(ObservedLimitsTest, AnotherOperationIsNotWaitedFor) {
+    ASSERT_TRUE(Apply());
+    auto& placement = zel::cgroup::PlacementMutex();
+    placement.lock();
+    std::thread busy([&] { manager.AddPidToGroup("main", getpid()); });
+    std::vector<zel::CgroupDrift> news;
+    EXPECT_TRUE(Eventually([&] { return !zel::KeepCgroupTree({}, news); }));
+    Observe(kBoth);
+    std::future<bool> followed = std::async(std::launch::async, [] { return zel::FollowObservedLimits(); });
+    const bool returned = followed.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    placement.unlock();
+    busy.join();
+    EXPECT_TRUE(returned) << "the caller's other work would wait as well";
+    EXPECT_FALSE(followed.get());
+    EXPECT_TRUE(zel::FollowObservedLimits()) << "the next time";
+}
+
+TEST_F(ObservedLimitsTest, WhatWasNotWrittenIsNotObserved) {
+    Observe(kBoth);
+    ASSERT_TRUE(Decide(manager));
+    EXPECT_FALSE(Write(manager, cfgDir + "/none/file.json"));
+    EXPECT_THAT(zel::ReadObservedGroups(), ::testing::IsEmpty());
+}
+
+TEST_F(ObservedLimitsTest, WhatWasPublishedBeforeItDoesNotCountAgain) {
+    ASSERT_TRUE(Apply());
+    Observe(kBoth);
+    ASSERT_TRUE(zel::FollowObservedLimits());
+    Observe(0);
+    ASSERT_TRUE(Decide(manager));
+    std::vector<zel::CgroupDrift> news;
+    ASSERT_TRUE(zel::KeepCgroupTree({}, news));
+    EXPECT_THAT(news, ::testing::IsEmpty()) << "the file was written by ourselves";
+    EXPECT_THAT(Warnings(), ::testing::IsEmpty());
+}
+
+TEST_F(ObservedLimitsTest, TreeOfAKilledAgentIsLeftAndGoes) {
+    ASSERT_TRUE(Apply());
+    // Started again by what was in a leaf.
+    for (const std::string& tree : {cpuTree, memTree}) {
+        ASSERT_TRUE(WriteText(tree + "/other/Worker/cgroup.procs", std::to_string(getpid())));
+    }
+    Observe(kBoth);
+    zel::CCgroupManager next;
+    ASSERT_TRUE(ApplyBy(next));
+    EXPECT_EQ(before, ReadValue("/proc/self/cgroup"));
+    std::vector<zel::CgroupDrift> news;
+    ASSERT_TRUE(zel::KeepCgroupTree({}, news));
+    EXPECT_TRUE(IsUntouched());
+}
+
+TEST_F(ObservedLimitsTest, WhoWasObservedBeforeTheBootIsNotNow) {
+    Observe(kBoth);
+    ASSERT_TRUE(Apply());
+    std::string text = ReadValue(file);
+    const size_t at = text.find("boot_id\": \"");
+    ASSERT_NE(std::string::npos, at);
+    text.replace(at + 11, 8, "00000000");
+    ASSERT_TRUE(WriteText(file, text));
+    zel::CCgroupClient client;
+    EXPECT_TRUE(client.ReloadConfig());
+    EXPECT_FALSE(client.IsCpuJoined());
+    EXPECT_FALSE(client.IsMemJoined());
+}
+
+TEST_F(ObservedLimitsTest, WhoStartsAfterTheAgentsEndIsNotObserved) {
+    Observe(kBoth);
+    ASSERT_TRUE(Apply());
+    std::string error;
+    ASSERT_TRUE(zel::RemoveAgentCgroupTree(error)) << error;
+    zel::CCgroupClient client;
+    EXPECT_TRUE(client.ReloadConfig());
+    EXPECT_FALSE(client.IsCpuJoined());
+    EXPECT_FALSE(client.IsMemJoined());
 }
 
 }  // namespace

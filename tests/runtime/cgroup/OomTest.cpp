@@ -3,6 +3,7 @@
 
 #include "AgentTreeFixture.h"
 #include "OomCounters.h"
+#include "platform/zel/CgroupKeeper.h"
 
 namespace {
 
@@ -169,8 +170,10 @@ class MemoryOomTest : public AgentTree {
 protected:
     static constexpr size_t kMb = 1024 * 1024;
 
+    /// `first`: done when it is in the leaf, before it touches anything.
     /// Returns: wait status of a process that touches `mb` in the leaf.
-    int Eat(const std::string& leaf, size_t mb) {
+    int Eat(
+        const std::string& leaf, size_t mb, const std::function<void()>& first = [] {}) {
         int gate[2];
         if (pipe(gate) != 0) return -1;
         Child hog([&] {
@@ -185,6 +188,7 @@ protected:
         });
         close(gate[0]);
         const bool moved = WriteText(memTree + "/" + leaf + "/cgroup.procs", std::to_string(hog.Pid()));
+        first();
         const ssize_t told = write(gate[1], moved ? "x" : "", moved ? 1 : 0);
         static_cast<void>(told);
         close(gate[1]);
@@ -347,6 +351,32 @@ TEST_F(MemoryOomTest, ReportsNothingOldWhenTheControllerComesBack) {
     ASSERT_TRUE(Build(200000, 100000, 24576));
     EXPECT_EQ(Lines{}, Poll());
     ASSERT_TRUE(WasKilled(Eat("guard/Hog", 60)));
+    EXPECT_EQ(2u, Poll().size());
+}
+
+TEST_F(MemoryOomTest, ReportsAKillBeforeTheControllerWentOff) {
+    ASSERT_TRUE(Build(200000, 100000, 24576));
+    EXPECT_EQ(Lines{}, Poll());
+    ASSERT_TRUE(WasKilled(Eat("guard/Hog", 60)));
+    ASSERT_TRUE(manager.Reconcile(true, false, Total(400, 0, true, false), {Group("main", 0, 0)}));
+    ASSERT_TRUE(manager.WriteComponentConfig(file, {Quota("Tervane", "main", 0, 0)}, 40000, 0));
+    ASSERT_FALSE(Exists(memTree + "/guard"));
+    EXPECT_EQ(2u, Poll().size());
+    EXPECT_EQ(Lines{}, Poll());
+}
+
+TEST_F(MemoryOomTest, KeepsTheCountOfALeafThatGoesWithARepair) {
+    ASSERT_TRUE(Build(200000, 100000, 24576));
+    EXPECT_EQ(Lines{}, Poll());
+    const auto drop = [&] {
+        ASSERT_TRUE(manager.WriteComponentConfig(file, {Quota("Tervane", "main", 0, 0)}, 40000, 200000));
+    };
+    ASSERT_TRUE(WasKilled(Eat("guard/Hog", 60, drop)));
+    ASSERT_TRUE(Exists(memTree + "/guard/Hog")) << "it was in use";
+    ASSERT_EQ(0, rmdir((memTree + "/main/Tervane").c_str()));
+    std::vector<zel::CgroupDrift> news;
+    ASSERT_TRUE(zel::KeepCgroupTree({}, news));
+    ASSERT_FALSE(Exists(memTree + "/guard/Hog"));
     EXPECT_EQ(2u, Poll().size());
 }
 

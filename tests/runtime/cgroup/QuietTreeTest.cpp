@@ -255,6 +255,19 @@ TEST_F(QuietTreeTest, WithoutAPrivateViewListsAreOpenedEachTime) {
     if (!ran) GTEST_SKIP() << "SKIP direct: no filter can be set";
 }
 
+TEST_F(QuietTreeTest, AForkedChildTakesNothingThatItsParentIsTold) {
+    Build(0);
+    DisturbAndExpectRepair(cpuTree, layout.cpuV2, [&] {
+        Child forked([&] {
+            manager->ResetMemoryOomMonitor();
+            std::vector<zel::CgroupMemoryOomEvent> events;
+            return manager->PollMemoryOomEvents(events) ? 0 : 1;
+        });
+        EXPECT_EQ(0, forked.Wait());
+        Round();
+    });
+}
+
 TEST_F(QuietTreeTest, AnOverflowIsAChangeOfEverything) {
     Build(0);
     auto leaf = GroupDir::Open(cpuTree + "/" + kLeaf, layout.cpuV2 ? Version::kV2 : Version::kV1);
