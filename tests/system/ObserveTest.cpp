@@ -97,6 +97,21 @@ TEST_F(ObserveTest, LiveSwitchPutsLimitsInForceAndTakesThemOff) {
     EXPECT_EQ(0, agent.Stop());
 }
 
+TEST_F(ObserveTest, ARefusedFileAtTheStartLeavesTheHostUntouched) {
+    WriteConf("agent.json", R"({"version": 1, "observe": true, "htpp": 1})");
+    Child agent = StartRunningAgent({"--limit-check", "1"});
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return !Status()["observed_groups"].empty(); })) << Ask({"status"});
+    EXPECT_THAT(Groups(), IsEmpty());
+    EXPECT_TRUE(
+        WaitLog("refused, and limits are only observed until it can be read: " + Conf("agent.json") + ": htpp"));
+    EXPECT_THAT(Status()["observation"].asString(), HasSubstr("by conf/agent.json, which is refused"));
+    WriteConf("agent.json", R"({"version": 1})");
+    const std::string leaf = "/" + Tree() + "/collect-defense/QorHips";
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return !ProcessesIn(CpuRoot() + leaf).empty(); })) << Ask({"status"});
+    EXPECT_EQ(Status()["observed"].asInt(), 0);
+    EXPECT_EQ(0, agent.Stop());
+}
+
 TEST_F(ObserveTest, OneLimitIsObservedByTheOnlineConfiguration) {
     WriteComponents(R"({"name": "QorHips", "group": "collect-defense"})");
     WriteOnline(R"({"observedLimits": 4})");
