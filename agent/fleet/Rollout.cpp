@@ -112,7 +112,7 @@ void Rollout::Take(RolloutPhase phase) {
 }
 
 void Rollout::FindNext() {
-    const auto hasNothing = [this](const Canary& canary) { return canary.revision == 0 && !canary.isUnknown; };
+    const auto hasNothing = [](const Canary& canary) { return canary.revision == 0 && !canary.isUnknown; };
     while (m_at < m_canaries.size() && hasNothing(m_of.at(m_canaries[m_at]))) ++m_at;
     if (m_at < m_canaries.size()) return;
     Take(m_phase == RolloutPhase::kClearing ? RolloutPhase::kDone : RolloutPhase::kFailed);
