@@ -72,7 +72,9 @@ void EventSink::TellWouldEnd(const SelfKillRecord& record) {
 
 void EventSink::OnSelfKill(const SelfKillRecord& record) {
     const int limit = record.kind == ResourceKind::kMemory ? zel::kModeMemory : zel::kModeCpu;
-    if ((zel::ObservedLimits() & limit) != 0) return TellWouldEnd(record);
+    // Without a record nobody was asked: the order may have been taken back since.
+    const bool unasked = record.path.empty() && record.json.empty();
+    if (unasked || (zel::ObservedLimits() & limit) != 0) return TellWouldEnd(record);
     if (m_selfKill.exchange(true)) return;
     Json::Value body(Json::objectValue);
     body["process"] = m_processName;

@@ -30,7 +30,7 @@ void FindLimits(const StatusReport& report, Troubles& found) {
     const std::string observed = DescribeHeldThoughObserved(HeldThoughObserved(report));
     if (!observed.empty()) {
         found.push_back({observed + ", though limits are to be only observed",
-                         "the log says which file refused it and why; it is tried again every minute"});
+                         "the log says which file refused it and why; it is tried again"});
     }
     if (held != 0 && (report.mode & zel::kModeUnified) != 0 && !report.unified)
         found.push_back({report.modeReason, "the log says why; reload tries again"});

@@ -18,6 +18,8 @@ namespace agent {
 namespace {
 
 constexpr int kBoth = zel::kModeCpu | zel::kModeMemory;
+/// The main process looks at its file every 5 s and the components every 8 s, and a change of the tree takes its time.
+constexpr int64_t kPatienceSeconds = 20;
 
 std::atomic<bool> g_byCommandLine{false};
 std::atomic<bool> g_byUnreadFile{false};
@@ -85,8 +87,22 @@ void ObserveMode::Order(bool byFile, bool unread) {
 bool ObserveMode::Follow() {
     const bool tellComponents = zel::FollowObservedLimits();
     const int now = zel::ObservedLimits();
-    if (now == m_told) return tellComponents;
+    if (now == m_told && m_toldHeld == 0) return tellComponents;
     const int held = now == 0 ? 0 : LimitsOfThisProcess() & now;
+    if (now == m_told && held == m_toldHeld) return tellComponents;
+    if (held != 0 && now != m_told) {
+        // The main process, or the module in this one, may be about to take them off.
+        if (m_heldSince == 0) m_heldSince = SecondsSinceBoot();
+        if (SecondsSinceBoot() - m_heldSince < kPatienceSeconds) return tellComponents;
+    }
+    m_heldSince = 0;
+    Tell(now, held);
+    m_told = now;
+    m_toldHeld = held;
+    return tellComponents;
+}
+
+void ObserveMode::Tell(int now, int held) const {
     if (now == 0) {
         LogLine(
             "limits are not only observed any more: what is asked for is being put in force, and a limit that "
@@ -98,12 +114,12 @@ bool ObserveMode::Follow() {
                 zel::kLogInfo);
     } else {
         LogLine("limits are to be only observed: " + DescribeObservation() + ", but " +
-                    DescribeHeldThoughObserved(held) + "; the lines before this one say why, it is tried again",
+                    DescribeHeldThoughObserved(held) +
+                    (m_isMain ? "; the lines before this one say why, it is tried again"
+                              : "; the log of the main process says why"),
                 zel::kLogWarning);
     }
     if (m_isMain) Deliver(zel::kObservationMessage, FormatObservation(now, held, OrderOf(), time(nullptr)));
-    m_told = now;
-    return tellComponents;
 }
 
 void ObserveMode::Tick(int64_t second, const std::vector<zel::CgroupMember>& members) {

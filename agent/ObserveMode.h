@@ -35,10 +35,14 @@ public:
     void Tick(int64_t second, const std::vector<zel::CgroupMember>& members);
 
 private:
+    void Tell(int now, int held) const;
+
     const bool m_commandLine;
     const bool m_isMain;
     const int64_t m_everySeconds;
-    int m_told = 0;
+    int m_told = 0;           // limits that are observed, as they were told last
+    int m_toldHeld = 0;       // those of them that were in force all the same
+    int64_t m_heldSince = 0;  // that an order has not been followed; 0: it has
     int64_t m_nextLook = 0;
 };
 

@@ -36,10 +36,12 @@ namespace agent {
 namespace {
 
 using Findings = std::vector<DoctorFinding>;
+namespace fs = std::filesystem;
 
 constexpr unsigned long kLeastFreeBytes = 64UL * 1024 * 1024;
 constexpr unsigned long kLeastFreeInodes = 32;
 constexpr size_t kShownLogLines = 3;
+constexpr size_t kMostPidBytes = 32;
 
 DoctorFinding Ok(const std::string& what, const std::string& evidence = "") {
     return {Severity::kOk, what, evidence, ""};
@@ -139,25 +141,55 @@ Findings JudgeController(const char* name, const zel::CgroupControllerStatus& co
     return {Ok(who, where)};
 }
 
+namespace {
+
+/// Whether it is the very file, and not one of that name in a container.
+bool IsSameFile(const std::string& one, const std::string& other) {
+    struct stat a {
+    }, b{};
+    return stat(one.c_str(), &a) == 0 && stat(other.c_str(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+bool SeesTheSameMounts(const fs::path& process) {
+    std::error_code hidden;
+    const fs::path theirs = fs::read_symlink(process / "ns/mnt", hidden);
+    return !hidden && theirs == fs::read_symlink(process.parent_path() / "self/ns/mnt", hidden) && !hidden;
+}
+
+/// What the process is when it has the lock open as this file; none where it is no agent of this directory.
+Findings JudgeHolder(const fs::path& process, const fs::path& fd, const std::string& lock) {
+    std::error_code closed;
+    const std::string file = fs::read_symlink(fd, closed).string();
+    const std::string pid = process.filename().string();
+    if (closed) return {};
+    if (file == lock) {
+        const base::Result<std::string> owner = base::ReadWholeFile(lock, kMostPidBytes);
+        if (!IsSameFile(fd.string(), lock) || !owner || *owner != pid + "\n") return {};
+        return {{Severity::kWarning, "the agent, process " + pid + ", holds its lock and has no socket",
+                 "it is starting or stopping, or its socket was removed; it has " + file + " open",
+                 "ask again in a minute; if it stays so, restart it"}};
+    }
+    if (file != lock + " (deleted)" || !SeesTheSameMounts(process)) return {};
+    return {{Severity::kProblem,
+             "the agent runs, process " + pid + ", and nobody can ask it: what it had in run/ was removed",
+             "it has " + file + " open",
+             "kill " + pid +
+                 ", then start it again: it makes run/ anew. Until then a second one could start "
+                 "beside it"}};
+}
+
+}  // namespace
+
 Findings JudgeLostAgent(const std::string& appDir) {
-    namespace fs = std::filesystem;
     std::error_code error;
     const std::string lock = LockFile(fs::canonical(appDir, error).string(), zel::kMainProcessName);
     if (error) return {};
     for (fs::directory_iterator process("/proc", error), end; !error && process != end; process.increment(error)) {
-        const std::string pid = process->path().filename().string();
-        if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
+        if (process->path().filename().string().find_first_not_of("0123456789") != std::string::npos) continue;
         std::error_code hidden;  // it has ended, or belongs to somebody else
         for (fs::directory_iterator fd(process->path() / "fd", hidden); !hidden && fd != end; fd.increment(hidden)) {
-            std::error_code closed;
-            const std::string file = fs::read_symlink(fd->path(), closed).string();
-            if (closed || (file != lock && file != lock + " (deleted)")) continue;
-            return {{Severity::kProblem,
-                     "the agent runs, process " + pid + ", and nobody can ask it: what it had in run/ was removed",
-                     "it has " + file + " open",
-                     "kill " + pid +
-                         ", then start it again: it makes run/ anew. Until then a second one could start "
-                         "beside it"}};
+            Findings found = JudgeHolder(process->path(), fd->path(), lock);
+            if (!found.empty()) return found;
         }
     }
     return {};

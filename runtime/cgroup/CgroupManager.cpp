@@ -155,15 +155,17 @@ struct Asked {
     std::string path;
     std::vector<CgroupComponentQuota> quotas;
     Amounts parent;
-    bool failed = false;    ///< the last change of what is observed: all of the above is as it was before
+    bool failed = false;    ///< the last change of what is observed, in whole or in part
     Flags tried;            ///< then: what was to be observed
     int64_t retryAtMs = 0;  ///< then: when that is tried again
+    int64_t pauseMs = 0;    ///< then: how long that was after the failure
 
     /// Controllers that are asked for and only observed.
     Flags Shown() const { return {wanted.cpu && observed.cpu, wanted.memory && observed.memory}; }
     bool ShowsAny() const { return Shown().cpu || Shown().memory; }
 };
 constexpr int64_t kRetryMs = 60000;
+constexpr int64_t kMostRetryMs = 3600000;
 
 bool AreSame(const Flags& a, const Flags& b) {
     return a.cpu == b.cpu && a.memory == b.memory;
@@ -241,7 +243,7 @@ struct CCgroupManager::Impl {
     bool HasTree() ZEL_REQUIRES(mutex);
     bool FollowObserved() ZEL_EXCLUDES(mutex);
     bool ChangeObserved() ZEL_REQUIRES(mutex);
-    bool AskAgain(const Asked& last) ZEL_REQUIRES(mutex);
+    bool AskAgain(const Asked& last, bool& whole) ZEL_REQUIRES(mutex);
     void WithdrawObserved() ZEL_REQUIRES(mutex);
     void Forgo() ZEL_REQUIRES(mutex);
     std::vector<ComponentTarget> ObservedPlaces(const std::vector<CgroupComponentQuota>& quotas) ZEL_REQUIRES(mutex);
@@ -396,8 +398,8 @@ bool CCgroupManager::Impl::FollowObserved() {
 }
 
 /// As the module goes on where only a part of what it wants can be put in force.
-bool CCgroupManager::Impl::AskAgain(const Asked& last) {
-    const bool whole = Ask(last.wanted, last.total ? &*last.total : nullptr, last.groups);
+bool CCgroupManager::Impl::AskAgain(const Asked& last, bool& whole) {
+    whole = Ask(last.wanted, last.total ? &*last.total : nullptr, last.groups);
     const bool usable = whole || inUse.cpu || inUse.memory || asked.ShowsAny();
     return usable && TakeIn(kMainGroup, static_cast<int>(getpid())) && Publish(last.path, last.quotas, last.parent);
 }
@@ -409,13 +411,17 @@ bool CCgroupManager::Impl::ChangeObserved() {
     if (asked.failed && AreSame(asked.tried, now) && NowMs() < asked.retryAtMs) return false;
     Locate();
     const Asked last = asked;
-    const bool changed = AskAgain(last);
+    const bool again = last.failed && AreSame(last.tried, now);
+    bool whole = false;
+    const bool changed = AskAgain(last, whole);
     branches = Branches();
-    if (changed) return true;
-    asked = last;
-    asked.failed = true;
+    if (!changed) asked = last;
+    asked.failed = !changed || !whole;
     asked.tried = now;
-    asked.retryAtMs = NowMs() + kRetryMs;
+    // What will not go at all, as a controller that is not there, is tried less and less often.
+    asked.pauseMs = changed && again ? std::min(2 * last.pauseMs, kMostRetryMs) : kRetryMs;
+    asked.retryAtMs = NowMs() + asked.pauseMs;
+    if (changed) return whole || !again;  // of the same part the components are told once
     LogLine(kLogWarning, __LINE__,
             "what is to be observed, and what to be in force, could not be changed: the lines before this one say "
             "why; it is tried again in a minute");

@@ -57,8 +57,17 @@ TEST_F(ObserveModeTest, ASelfKillForAnObservedLimitIsOnlyNoted) {
     sink.OnSelfKill(Record(ResourceKind::kMemory));
     EXPECT_FALSE(sink.SelfKillRequested());
     EXPECT_EQ(1u, sink.WouldEnd()) << "asked for again, told once an hour";
-    sink.OnSelfKill(Record(ResourceKind::kCpu));
+    SelfKillRecord asked = Record(ResourceKind::kCpu);
+    asked.json = "{}";
+    sink.OnSelfKill(asked);
     EXPECT_TRUE(sink.SelfKillRequested()) << "the other limit is in force";
+    EXPECT_EQ(1u, sink.WouldEnd());
+}
+
+TEST_F(ObserveModeTest, WithoutARecordNobodyEndsThoughTheOrderIsTakenBack) {
+    EventSink sink("QorNet", [] {});
+    sink.OnSelfKill(Record(ResourceKind::kMemory));
+    EXPECT_FALSE(sink.SelfKillRequested()) << "it was judged while the limit was only observed";
     EXPECT_EQ(1u, sink.WouldEnd());
 }
 

@@ -82,7 +82,8 @@ class ZEL_API IResourceEventSink : public IResourceMonitorEvent {
 public:
     virtual void OnResourceWarning(const ResourceWarning& warning) = 0;
     /// The last stage: the record is on disk already, the host is asked to stop this process. The sampling class
-    /// ends nothing itself; while the breach lasts it asks again after every further breach period.
+    /// ends nothing itself; while the breach lasts it asks again after every further breach period. For a maximum that
+    /// is only observed it is told as well, with `path` and `json` empty: then nobody is to end.
     virtual void OnSelfKill(const SelfKillRecord& record) = 0;
     virtual void OnThreadStalled(const ThreadStall& stall) = 0;
     /// Asked before a self-kill record is written: text to be kept with it (a thread report, a state dump).
