@@ -64,7 +64,7 @@ TEST_F(ObserveModeTest, ASelfKillForAnObservedLimitIsOnlyNoted) {
     EXPECT_EQ(1u, sink.WouldEnd());
 }
 
-TEST_F(ObserveModeTest, WithoutARecordNobodyEndsThoughTheOrderIsTakenBack) {
+TEST_F(ObserveModeTest, NobodyEndsWithoutARecordWhateverIsOrdered) {
     EventSink sink("QorNet", [] {});
     sink.OnSelfKill(Record(ResourceKind::kMemory));
     EXPECT_FALSE(sink.SelfKillRequested()) << "it was judged while the limit was only observed";
