@@ -23,7 +23,7 @@ PREFIX ?= /usr/local
 FOR ?=
 SUITE ?= module
 ARGS ?=
-ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel AllFuzzers RuntimeBaseTests SweepModule
+ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel AllFuzzers RuntimeBaseTests SweepModule FleetRule FleetFrames
 TSAN_QUICK = UnitCore UnitLimits RuntimeBaseTests RuntimeUtilTests RuntimeIpcTests
 
 .PHONY: all demo run test test-all lint sanitize sanitize-module mutate mutate-sample matrix portability soak bench bench-peers bench-scale fuzz coverage package install uninstall clean deps deps-build
@@ -75,10 +75,10 @@ sanitize: deps
 sanitize-module: deps
 	cmake --preset asan
 	cmake --build --preset asan -j $(JOBS) --target $(ASAN_QUICK)
-	scripts/run-tests asan -L "unit|fuzz|runtime" -E "NOT_BUILT|UtilExports|SweepModule.pairs|SweepPower"
+	scripts/run-tests asan -L "unit|fuzz|runtime" -E "NOT_BUILT|UtilExports|SweepModule.pairs|SweepPower|FleetRule.histories"
 	cmake --preset tsan
 	cmake --build --preset tsan -j $(JOBS) --target $(TSAN_QUICK)
-	scripts/run-tests tsan -L "unit|runtime" -E "NOT_BUILT|UnitUnifiedModel|LongRun|Sweep"
+	scripts/run-tests tsan -L "unit|runtime" -E "NOT_BUILT|UnitUnifiedModel|LongRun|Sweep|FleetRule"
 
 mutate: deps
 	cmake --preset dev
