@@ -27,7 +27,7 @@ std::string DescribeHeldThoughObserved(int limits) {
     return std::string(cpu && memory ? "the limits of CPU and memory are"
                        : cpu         ? "the CPU limit is"
                                      : "the memory limit is") +
-           " still in force and could not be taken off";
+           " still in force and not taken off so far";
 }
 
 bool IsInUnifiedTree(const zel::CgroupTreeStatus& tree, int pid) {

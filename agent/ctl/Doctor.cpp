@@ -145,8 +145,8 @@ namespace {
 
 /// Whether it is the very file, and not one of that name in a container.
 bool IsSameFile(const std::string& one, const std::string& other) {
-    struct stat a {
-    }, b{};
+    struct stat a {};
+    struct stat b {};
     return stat(one.c_str(), &a) == 0 && stat(other.c_str(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 

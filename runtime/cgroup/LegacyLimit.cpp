@@ -134,10 +134,12 @@ int LegacyLimit::Ask(LegacyGroup& group, const LegacyValue& value, int& error) {
         code = Start(group, error);
     } else {
         code = Stop(group, error);  // also one of an earlier run, or one that this process was born into
+    }
+    if (code == kLegacyOk) m_asked[controller] = {true, observed, value};
+    if (observed && code == kLegacyOk) {
         LogLegacy(kLogInfo, __LINE__,
                   std::string("legacy ") + ControllerName(controller) + " limit is only observed, nothing is written");
     }
-    if (code == kLegacyOk) m_asked[controller] = {true, observed, value};
     TellObserved();
     return code;
 }

@@ -91,7 +91,7 @@ TEST(DoctorTest, AnObservedLimitThatStillHoldsIsAProblem) {
     report.cgroup.mem.limited = false;
     EXPECT_EQ(Severity::kProblem, WorstOf(JudgeAgent(report)));
     const std::string text = TextOf(JudgeAgent(report));
-    EXPECT_THAT(text, HasSubstr("(by --observe), but the CPU limit is still in force and could not be taken off\n"));
+    EXPECT_THAT(text, HasSubstr("(by --observe), but the CPU limit is still in force and not taken off so far\n"));
     EXPECT_EQ(text.find("nothing is limited"), std::string::npos) << text;
     report.cgroup.cpu.limited = false;
     EXPECT_EQ(Severity::kWarning, WorstOf(JudgeAgent(report)));

@@ -113,8 +113,8 @@ const Row kRows[] = {
      R"({"limits":5,"in_force":4,"order":"--observe"})",
      EventKind::kObservation,
      {"agent"},
-     "limits are observed only: CPU and memory, by --observe; but the memory limit is still in force and could not be "
-     "taken off"},
+     "limits are observed only: CPU and memory, by --observe; but the memory limit is still in force and not taken "
+     "off so far"},
     {zel::kObservationMessage,
      R"({"limits":0,"order":""})",
      EventKind::kObservation,

@@ -92,11 +92,11 @@ TEST(HealthTest, AnObservedLimitThatStillHoldsIsTrouble) {
     report.cgroup.cpu.limited = false;
     const auto found = FindTrouble(report);
     ASSERT_EQ(1u, found.size());
-    EXPECT_THAT(found[0].what, HasSubstr("the memory limit is still in force and could not be taken off"));
+    EXPECT_THAT(found[0].what, HasSubstr("the memory limit is still in force and not taken off so far"));
     EXPECT_THAT(found[0].remedy, HasSubstr("tried again"));
     EXPECT_EQ(
-        "mode 13: observed only: CPU and memory (by --observe), but the memory limit is still in force and could not "
-        "be taken off",
+        "mode 13: observed only: CPU and memory (by --observe), but the memory limit is still in force and not taken "
+        "off so far",
         DescribeMode(report));
     report.cgroup.cpu.limited = true;
     EXPECT_THAT(DescribeMode(report), HasSubstr("the limits of CPU and memory are still in force"));
