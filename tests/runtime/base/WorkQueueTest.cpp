@@ -98,18 +98,19 @@ TEST_F(WorkQueueTest, StopWaitsForWhatRunsAndDropsWhatWaits) {
 }
 
 TEST_F(WorkQueueTest, RefusesMoreThanItsBoundOfWaitingJobs) {
-    base::WorkQueue queue(*loop, "worker", 1);
+    // Before the queue, whose end waits for the job that uses them.
     support::Signal begun;
-    std::promise<void> release;
+    support::Signal release;
+    base::WorkQueue queue(*loop, "worker", 1);
     ASSERT_TRUE(queue.Add([&] {
         begun.Set();
-        release.get_future().wait();
+        EXPECT_TRUE(release.Wait());
     }));
     ASSERT_TRUE(begun.Wait());
     size_t taken = 0;
     while (taken < 1000 && queue.Add([] {})) ++taken;
     EXPECT_EQ(64u, taken);
-    release.set_value();
+    release.Set();
 }
 
 TEST_F(WorkQueueTest, ThreadsEndWithoutWorkAndBeginAgain) {
