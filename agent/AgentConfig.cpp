@@ -138,6 +138,13 @@ base::Status ReadPressure(const Json::Value& pressure, AgentConfig& config) {
     return {};
 }
 
+base::Status ReadFleet(const Json::Value& block, AgentConfig& config) {
+    base::Result<FleetConfig> fleet = ReadFleetConfig(block);
+    if (!fleet) return fleet.GetError();
+    config.fleet = std::move(*fleet);
+    return {};
+}
+
 base::Status ReadMember(const std::string& key, const Json::Value& value, AgentConfig& config) {
     if (key == "version") return value == 1 ? base::Status() : Bad("version: only 1 is known");
     if (key == "syslog") return ReadSwitch(value, key, config.sinks.syslog);
@@ -145,7 +152,8 @@ base::Status ReadMember(const std::string& key, const Json::Value& value, AgentC
     if (key == "textfile") return ReadTextFile(value, config);
     if (key == "pressure") return ReadPressure(value, config);
     if (key == "observe") return ReadSwitch(value, key, config.observe);
-    return Bad(key + ": unknown key; known are version, syslog, http, textfile, pressure, observe");
+    if (key == "fleet") return ReadFleet(value, config);
+    return Bad(key + ": unknown key; known are version, syslog, http, textfile, pressure, observe, fleet");
 }
 
 }  // namespace

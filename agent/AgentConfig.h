@@ -1,9 +1,11 @@
 // conf/agent.json: where the events of this agent go beside its own file, and its metrics beside their socket.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "AgentRecords.h"
+#include "FleetConfig.h"
 #include "base/Result.h"
 #include "platform/host/HostRecords.h"
 
@@ -15,7 +17,8 @@ struct AgentConfig {
     std::string textFile;  ///< empty: none
     unsigned int textFileSeconds = 15;
     PressureThresholds pressure;
-    bool observe = false;  ///< limits are only observed
+    bool observe = false;              ///< limits are only observed
+    std::optional<FleetConfig> fleet;  ///< none: the host is in no fleet
 };
 
 /// Errors: which key, and what it takes. Pure.

@@ -57,6 +57,7 @@ bool AgentConfigFile::Renew() {
         return false;
     }
     m_config = std::move(*loaded);
+    if (m_config.fleet) m_config.sinks.fleetSocket = m_appDir + zel::kFleetSocketFile;
     m_standing = Standing::kTaken;
     m_told.clear();
     return true;

@@ -70,6 +70,25 @@ TEST(AgentConfigTest, WhatItDoesNotKnowIsRefusedByName) {
         {R"({"textfile":{"path":"/a.prom","period_seconds":3601}})", "textfile.period_seconds"},
         {R"({"textfile":{"path":"/a.prom","mode":1}})", "textfile.mode: unknown key"},
         {R"({"observe":1})", "observe: true or false is expected"},
+        {R"({"fleet":1})", "fleet: an object"},
+        {R"({"fleet":{}})", "fleet: the key servers is missing"},
+        {R"({"fleet":{"servers":[]}})", "fleet: the key servers is missing"},
+        {R"({"fleet":{"servers":"nats://b"}})", "fleet.servers: a list of nats:// or tls:// addresses"},
+        {R"({"fleet":{"servers":["http://b"]}})", "fleet.servers"},
+        {R"({"fleet":{"servers":["nats://"]}})", "fleet.servers"},
+        {R"({"fleet":{"servers":["nats://a b"]}})", "fleet.servers"},
+        {R"({"fleet":{"servers":["nats://a,nats://b"]}})", "fleet.servers"},
+        {R"({"fleet":{"servers":[7]}})", "fleet.servers"},
+        {R"({"fleet":{"servers":["tls://b","tls://b"]}})", "\"tls://b\" stands there twice"},
+        {R"({"fleet":{"servers":["tls://b"],"host":""}})", "fleet.host: a name of 1 to 64 bytes"},
+        {R"({"fleet":{"servers":["tls://b"],"host":")" + std::string(65, 'x') + R"("}})", "fleet.host"},
+        {R"({"fleet":{"servers":["tls://b"],"groups":"web"}})", "fleet.groups: a list of names"},
+        {R"({"fleet":{"servers":["tls://b"],"groups":["web","web"]}})", "stands there twice"},
+        {R"({"fleet":{"servers":["tls://b"],"ca_file":""}})", "fleet.ca_file: a path"},
+        {R"({"fleet":{"servers":["tls://b"],"credentials_file":1}})", "fleet.credentials_file: a path"},
+        {R"({"fleet":{"servers":["tls://b"],"configuration":"no"}})", "fleet.configuration: true or false"},
+        {R"({"fleet":{"servers":["tls://b"],"stream":"A.B"}})", "fleet.stream: a name without dots"},
+        {R"({"fleet":{"servers":["tls://b"],"server":"x"}})", "fleet.server: unknown key; known are servers, host"},
         {R"({"pressure":20})", "pressure: an object"},
         {R"({"pressure":{"disk":20}})", "pressure.disk: unknown key; known are memory, io, cpu"},
         {R"({"pressure":{"memory":101}})", "pressure.memory: 0..100 percent of two seconds; 0: not watched"},
@@ -93,6 +112,41 @@ TEST(AgentConfigTest, ThresholdsOfPressureStandAlone) {
     EXPECT_EQ(some->pressure.memory, 0);
     EXPECT_EQ(some->pressure.io, usual.io);
     EXPECT_EQ(some->pressure.cpu, 100);
+}
+
+TEST(AgentConfigTest, AFleetIsTakenWhole) {
+    const auto least = ParseAgentConfig(R"({"fleet":{"servers":["nats://b:4222"]}})");
+    ASSERT_TRUE(least.Ok()) << least.GetError().Text();
+    ASSERT_TRUE(least->fleet);
+    EXPECT_THAT(least->fleet->servers, testing::ElementsAre("nats://b:4222"));
+    EXPECT_TRUE(least->fleet->configuration);
+    EXPECT_EQ(least->fleet->stream, "EVENTS");
+    EXPECT_NE(FleetHost(*least->fleet), "") << "the host's own";
+    EXPECT_EQ(FleetFile("/app", least->fleet->caFile), "");
+    const auto all = ParseAgentConfig(
+        R"({"fleet":{"servers":["tls://b1","tls://u:p@[::1]:4223"],"host":"web.example","groups":["all linux","web"],)"
+        R"("ca_file":"conf/ca.pem","credentials_file":"/etc/host.creds","configuration":false,"stream":"E2"}})");
+    ASSERT_TRUE(all.Ok()) << all.GetError().Text();
+    const FleetConfig& fleet = *all->fleet;
+    EXPECT_THAT(fleet.servers, testing::ElementsAre("tls://b1", "tls://u:p@[::1]:4223"));
+    EXPECT_EQ(FleetHost(fleet), "web.example");
+    EXPECT_THAT(fleet.groups, testing::ElementsAre("all linux", "web"));
+    EXPECT_EQ(FleetFile("/app", fleet.caFile), "/app/conf/ca.pem");
+    EXPECT_EQ(FleetFile("/app", fleet.credentialsFile), "/etc/host.creds");
+    EXPECT_FALSE(fleet.configuration);
+    EXPECT_EQ(fleet.stream, "E2");
+    EXPECT_TRUE(fleet != *least->fleet);
+}
+
+TEST(AgentConfigTest, WithAFleetEventsGoToItsRelay) {
+    const support::TempDir dir;
+    AgentConfigFile none(dir.Path(), false);
+    EXPECT_EQ(none.Read().sinks.fleetSocket, "");
+    ASSERT_TRUE(support::WriteText(dir / "conf/agent.json", R"({"fleet":{"servers":["nats://b"]}})"));
+    AgentConfigFile file(dir.Path(), false);
+    zelhost::HostOptions host;
+    ApplyAgentConfig(file.Read(), host);
+    EXPECT_EQ(host.delivery.fleetSocket, dir / "run/fleet.sock");
 }
 
 TEST(AgentConfigTest, OnlyItsOwnersFileIsTaken) {

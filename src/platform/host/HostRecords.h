@@ -18,7 +18,7 @@ enum class Switch : int {
     kOff,
 };
 
-/// Sinks that can be exchanged while the agent runs. One whose URL is empty is off.
+/// Sinks that can be exchanged while the agent runs. One whose URL or socket is empty is off.
 struct SinkOptions {
     bool syslog = false;     ///< to syslog(3), which the journal collects
     std::string httpUrl;     ///< http:// or https:// endpoint that takes POSTs of one JSON message
@@ -26,11 +26,12 @@ struct SinkOptions {
     std::string httpHeader;  ///< one extra header line, "Name: value"
     bool httpVerifyTls = true;
     unsigned int httpTimeoutMs = 5000;  ///< for a whole request
+    std::string fleetSocket;            ///< of the relay to the fleet's broker, an absolute path
 
     bool operator==(const SinkOptions& other) const {
-        return std::tie(syslog, httpUrl, httpCaFile, httpHeader, httpVerifyTls, httpTimeoutMs) ==
+        return std::tie(syslog, httpUrl, httpCaFile, httpHeader, httpVerifyTls, httpTimeoutMs, fleetSocket) ==
                std::tie(other.syslog, other.httpUrl, other.httpCaFile, other.httpHeader, other.httpVerifyTls,
-                        other.httpTimeoutMs);
+                        other.httpTimeoutMs, other.fleetSocket);
     }
     bool operator!=(const SinkOptions& other) const { return !(*this == other); }
 };

@@ -15,6 +15,8 @@ constexpr char kUpdateComponent[] = "TervaneUpdate";
 constexpr char kHipsComponent[] = "QorHips";
 constexpr char kNetComponent[] = "QorNet";
 constexpr char kWebGuardComponent[] = "QorWebGuard";
+/// Brings events to the fleet's broker; there only while a fleet is configured.
+constexpr char kRelayComponent[] = "TervaneRelay";
 
 // --- control groups -------------------------------------------------------------------------------------------------
 
@@ -48,6 +50,11 @@ constexpr char kCgroupErrorFileName[] = "/cgroup_errors";
 constexpr char kCurrentOsAbnormalDbName[] = "/current_os_abnormal.db";
 constexpr char kLastOsAbnormalDbName[] = "/last_os_abnormal.db";
 constexpr char kBroadcastSocketName[] = "/run/broadcast.sock";
+/// Where the relay takes the events of the agent's processes.
+constexpr char kFleetSocketFile[] = "/run/fleet.sock";
+/// The relay's program, in the directory of the agent's own or in that below it.
+constexpr char kRelayProgram[] = "/tervane-relay";
+constexpr char kRelayDirectory[] = "/../libexec/tervane";
 
 // --- messages -------------------------------------------------------------------------------------------------------
 

@@ -1,0 +1,114 @@
+// The block "fleet" of the agent's own configuration file.
+#include "FleetConfig.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace agent {
+namespace {
+
+constexpr unsigned int kMostServers = 16;
+constexpr unsigned int kMostGroups = 16;
+constexpr size_t kMostNameBytes = 64;
+constexpr size_t kMostTextBytes = 1024;
+
+base::Error Bad(const std::string& text) {
+    return base::SentenceError(text, base::ErrorKind::kMalformed);
+}
+
+/// Returns: whether each byte can be printed; of ASCII alone.
+bool IsPrintable(const std::string& text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
+/// An address without anything behind host and port.
+bool IsServer(const std::string& text) {
+    const bool named = text.compare(0, 7, "nats://") == 0 || text.compare(0, 6, "tls://") == 0;
+    const std::string rest = named ? text.substr(text.find("://") + 3) : "";
+    return !rest.empty() && text.size() <= kMostTextBytes && IsPrintable(rest) &&
+           rest.find_first_of(" /,\"") == std::string::npos && rest.back() != '@' && rest.front() != ':';
+}
+
+bool IsName(const std::string& text) {
+    return !text.empty() && text.size() <= kMostNameBytes && IsPrintable(text);
+}
+
+/// One level of a subject, as it stands.
+bool IsToken(const std::string& text) {
+    return IsName(text) && text.find_first_of(" .*>/\\") == std::string::npos;
+}
+
+base::Status ReadList(const Json::Value& value, const std::string& key, unsigned int most, const char* what,
+                      bool (*fits)(const std::string&), std::vector<std::string>& list) {
+    const std::string expected = key + ": a list of " + what + " is expected, at most " + std::to_string(most);
+    if (!value.isArray() || value.size() > most) return Bad(expected);
+    for (const Json::Value& one : value) {
+        if (!one.isString() || !fits(one.asString())) return Bad(expected);
+        if (std::find(list.begin(), list.end(), one.asString()) != list.end()) {
+            return Bad(key + ": \"" + one.asString() + "\" stands there twice");
+        }
+        list.push_back(one.asString());
+    }
+    return {};
+}
+
+base::Status ReadText(const Json::Value& value, const std::string& key, const char* what,
+                      bool (*fits)(const std::string&), std::string& text) {
+    if (!value.isString() || !fits(value.asString())) return Bad(key + ": " + what + " is expected");
+    text = value.asString();
+    return {};
+}
+
+bool IsPath(const std::string& text) {
+    return !text.empty() && text.size() <= kMostTextBytes && IsPrintable(text);
+}
+
+base::Status ReadKey(const std::string& key, const Json::Value& value, FleetConfig& config) {
+    const std::string at = "fleet." + key;
+    if (key == "servers") {
+        return ReadList(value, at, kMostServers, "nats:// or tls:// addresses", IsServer, config.servers);
+    }
+    if (key == "groups") return ReadList(value, at, kMostGroups, "names of groups", IsName, config.groups);
+    if (key == "host") return ReadText(value, at, "a name of 1 to 64 bytes that can be printed", IsName, config.host);
+    if (key == "ca_file") return ReadText(value, at, "a path", IsPath, config.caFile);
+    if (key == "credentials_file") return ReadText(value, at, "a path", IsPath, config.credentialsFile);
+    if (key == "stream") {
+        return ReadText(value, at, "a name without dots, spaces and slashes", IsToken, config.stream);
+    }
+    if (key != "configuration") {
+        return Bad(at + ": unknown key; known are servers, host, groups, ca_file, credentials_file, configuration, " +
+                   "stream");
+    }
+    if (!value.isBool()) return Bad(at + ": true or false is expected");
+    config.configuration = value.asBool();
+    return {};
+}
+
+}  // namespace
+
+base::Result<FleetConfig> ReadFleetConfig(const Json::Value& block) {
+    if (!block.isObject()) return Bad("fleet: an object is expected");
+    FleetConfig config;
+    for (const std::string& key : block.getMemberNames()) {
+        const base::Status read = ReadKey(key, block[key], config);
+        if (!read) return read.GetError();
+    }
+    if (config.servers.empty()) return Bad("fleet: the key servers is missing, or names none");
+    return config;
+}
+
+std::string FleetHost(const FleetConfig& config) {
+    if (!config.host.empty()) return config.host;
+    char name[kMostNameBytes + 1] = "";
+    // Kernel: a host's name has 64 bytes at most.
+    if (gethostname(name, sizeof name) != 0) return "localhost";
+    name[kMostNameBytes] = '\0';
+    return *name == '\0' ? "localhost" : name;
+}
+
+std::string FleetFile(const std::string& appDir, const std::string& named) {
+    return named.empty() || named[0] == '/' ? named : appDir + "/" + named;
+}
+
+}  // namespace agent
