@@ -183,6 +183,15 @@ base::Status FrameReader::Add(std::string_view bytes) {
     return {};
 }
 
+std::optional<size_t> FrameReader::BodyLength() const {
+    const auto head = ReadHead();
+    return head ? *head : std::nullopt;
+}
+
+size_t FrameReader::Missing() const {
+    return kFrameHeaderBytes + BodyLength().value_or(0) - m_bytes.size();
+}
+
 std::optional<Frame> FrameReader::Next() {
     const auto head = ReadHead();
     if (m_broken || !head || !*head || m_bytes.size() < kFrameHeaderBytes + **head) return std::nullopt;

@@ -71,6 +71,10 @@ public:
     base::Status Add(std::string_view bytes);
     /// Returns: the next whole frame, if there is one.
     std::optional<Frame> Next();
+    /// Returns: length of the body under way; nothing while its head is not whole.
+    std::optional<size_t> BodyLength() const;
+    /// Returns: bytes that the frame under way still lacks; of its head, while that is not whole.
+    size_t Missing() const;
     /// Returns: bytes that are kept.
     size_t Kept() const { return m_bytes.size(); }
 
