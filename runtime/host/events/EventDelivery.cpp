@@ -10,6 +10,7 @@
 
 #include <malloc.h>
 
+#include "events/FleetSink.h"
 #include "events/HttpService.h"
 #include "platform/zel/LogMessage.h"
 #include "platform/zel/ProcessLoop.h"
@@ -27,7 +28,7 @@ namespace {
 // While messages come, and while something waits for the disk.
 constexpr std::chrono::seconds kCarePeriod{1};
 // A thread for each sink that can be, so that none waits for another, and one for the spool.
-constexpr size_t kMostJobs = 4;
+constexpr size_t kMostJobs = 5;
 constexpr char kThreadName[] = "Events";
 constexpr size_t kBatchBytes = 1 << 20;
 // A sink that syncs competes with the senders for the disk: where they keep it busy, it does so this often at most.
@@ -100,6 +101,10 @@ base::Result<CEventDelivery::Sinks> CEventDelivery::MakeSinks(const DeliveryOpti
                                                          options.jsonLinesKeep, process));
     }
     if (options.syslog) sinks.push_back(std::make_unique<CSyslogSink>(process));
+    if (!options.fleetSocket.empty()) {
+        sinks.push_back(std::make_unique<CFleetSink>(options.fleetSocket, process,
+                                                     std::chrono::milliseconds(options.fleetAnswerMs)));
+    }
     if (options.httpUrl.empty()) return sinks;
     if (!IsHttpUrl(options.httpUrl)) {
         return base::SentenceError("event delivery: '" + options.httpUrl + "' is not an http or https address");
@@ -254,7 +259,10 @@ bool CEventDelivery::GoOn(const std::shared_ptr<Lane>& lane, Batch batch) {
     m_changed.notify_all();
     if (lane->stop) return false;
     if (gather) RestLane(lane, kGather);
-    if (failed) {
+    if (failed && lane->retryAfter.count() > 0) {
+        RestLane(lane, std::exchange(lane->retryAfter, std::chrono::milliseconds(0)));
+        lane->backoff = m_backoffMin;
+    } else if (failed) {
         RestLane(lane, lane->backoff);
         lane->backoff = std::min(lane->backoff * 2, m_backoffMax);
     }
@@ -340,6 +348,10 @@ base::Result<CEventDelivery::Batch> CEventDelivery::DeliverSome(Lane& lane) {
         return Batch::kNothing;
     }
     const Handover handed = lane.sink->Deliver(*messages, lane.stop);
+    {
+        base::MutexLock lock(m_stateLock);
+        lane.retryAfter = handed.retryAfter;
+    }
     base::Status outcome = handed.rest;
     {
         // Under the lock, so that nobody who sees the spool empty reads a count that is not there yet.
@@ -350,13 +362,25 @@ base::Result<CEventDelivery::Batch> CEventDelivery::DeliverSome(Lane& lane) {
             if (!kept) outcome = base::SentenceError("the cursor cannot be kept: " + kept.GetError().Reason());
         }
         lane.delivered += handed.safe - handed.givenUp;
+        if (outcome && handed.goBack) outcome = GoBack(lane, messages->front().after, *handed.goBack);
         if (outcome) {
             NoteSuccess(lane);
-            return messages->size() < most ? Batch::kSome : Batch::kFull;
+            return handed.goBack || messages->size() >= most ? Batch::kFull : Batch::kSome;
         }
     }
     if (lane.stop) return Batch::kNothing;  // what was under way comes again
     return NoteFailure(lane, outcome.GetError());
+}
+
+base::Status CEventDelivery::GoBack(const Lane& lane, int64_t from, int64_t to) {
+    const std::string name = lane.sink->Name();
+    const base::Status gone = m_spool.GoBack(name, to);
+    Log(zel::kLogWarning, __LINE__,
+        "event sink %s: what came after message %lld is lost there, though up to %lld was confirmed; what the spool "
+        "still has goes again",
+        name.c_str(), static_cast<long long>(to), static_cast<long long>(from));
+    if (gone) return {};
+    return base::SentenceError("the cursor cannot be kept: " + gone.GetError().Reason());
 }
 
 base::Error CEventDelivery::NoteFailure(Lane& lane, const base::Error& error) {

@@ -55,6 +55,7 @@ private:
         bool again = false;    ///< something came meanwhile
         bool resting = false;  ///< it failed or gathers, and a timer begins it again
         std::chrono::milliseconds backoff{0};
+        std::chrono::milliseconds retryAfter{0};  ///< said by the sink: in the place of the pause that grows
         base::Mutex lock;
         uint64_t delivered ZEL_GUARDED_BY(lock) = 0;
         uint64_t failures ZEL_GUARDED_BY(lock) = 0;
@@ -89,6 +90,8 @@ private:
     Batch TryLane(Lane& lane);
     /// One batch. Errors: the sink failed; counted and logged already.
     base::Result<Batch> DeliverSome(Lane& lane);
+    /// The sink's receiver has lost what comes after `to`, of what it had confirmed up to `from`.
+    base::Status GoBack(const Lane& lane, int64_t from, int64_t to) ZEL_REQUIRES(lane.lock);
     /// Returns: the failure it has noted.
     static base::Error NoteFailure(Lane& lane, const base::Error& error);
     static void NoteSuccess(Lane& lane) ZEL_REQUIRES(lane.lock);

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -22,6 +23,8 @@ namespace zelhost {
 namespace {
 
 constexpr mode_t kFileMode = 0640;
+constexpr size_t kQuotes = 2;       // around a text
+constexpr size_t kMostDigits = 20;  // of a count
 
 base::Error Stopping() {
     return base::SentenceError("the process stops");
@@ -47,35 +50,47 @@ size_t Utf8Length(const std::string& text, size_t at) {
     return 0;
 }
 
-void AppendQuoted(std::string& out, const std::string& text) {
+/// Appends the character at `at` as it stands between quotes. Returns: how many bytes of the text it is.
+size_t AppendEscaped(std::string& out, const std::string& text, size_t at) {
+    const char c = text[at];
+    const size_t length = Utf8Length(text, at);
+    if (length == 0) {
+        out += "\\ufffd";
+        return 1;
+    }
+    if (c == '"' || c == '\\') {
+        out += '\\';
+        out += c;
+    } else if (c == '\n') {
+        out += "\\n";
+    } else if (c == '\t') {
+        out += "\\t";
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+        char escape[8];
+        std::snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned int>(c));
+        out += escape;
+    } else {
+        out.append(text, at, length);
+    }
+    return length;
+}
+
+/// Appends what of the text fits between quotes in `most` bytes. Returns: how many bytes of it are left out.
+size_t AppendQuoted(std::string& out, const std::string& text, size_t most = SIZE_MAX) {
+    const size_t begin = out.size();
     out += '"';
-    for (size_t i = 0; i < text.size();) {
-        const char c = text[i];
-        const size_t length = Utf8Length(text, i);
-        if (length == 0) {
-            out += "\\ufffd";
-            ++i;
-        } else if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-            ++i;
-        } else if (c == '\n') {
-            out += "\\n";
-            ++i;
-        } else if (c == '\t') {
-            out += "\\t";
-            ++i;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char escape[8];
-            std::snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned int>(c));
-            out += escape;
-            ++i;
-        } else {
-            out.append(text, i, length);
-            i += length;
+    size_t at = 0;
+    while (at < text.size()) {
+        const size_t end = out.size();
+        const size_t length = AppendEscaped(out, text, at);
+        if (out.size() - begin >= most) {  // the closing quote has no room any more
+            out.resize(end);
+            break;
         }
+        at += length;
     }
     out += '"';
+    return text.size() - at;
 }
 
 std::string OneLine(const std::string& text) {
@@ -103,6 +118,26 @@ std::string MessageJson(const SpoolMessage& message, const std::string& process)
     AppendQuoted(out, message.extra);
     out += ",\"arg1\":" + std::to_string(message.arg1) + ",\"arg2\":" + std::to_string(message.arg2) + "}";
     return out;
+}
+
+std::string MessageJsonWithin(const SpoolMessage& message, const std::string& process, size_t most) {
+    std::string whole = MessageJson(message, process);
+    if (whole.size() <= most) return whole;
+    SpoolMessage cut = message;
+    cut.body.clear();
+    cut.extra.clear();
+    const std::string mark = ",\"cut\":";
+    const size_t frame = MessageJson(cut, process).size() + mark.size() + kMostDigits;
+    const size_t room = most > frame ? most - frame : 0;
+    std::string body, extra;
+    size_t missing = AppendQuoted(body, message.body, room + kQuotes);
+    cut.body = message.body.substr(0, message.body.size() - missing);
+    const size_t missingExtra = AppendQuoted(extra, message.extra, room + kQuotes - (body.size() - kQuotes));
+    cut.extra = message.extra.substr(0, message.extra.size() - missingExtra);
+    missing += missingExtra;
+    whole = MessageJson(cut, process);
+    whole.insert(whole.size() - 1, mark + std::to_string(missing));
+    return whole;
 }
 
 // --- JSON lines ---

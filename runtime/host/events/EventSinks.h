@@ -5,8 +5,10 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,12 +22,18 @@ namespace zelhost {
 
 /// One message as one JSON object without a line end. Keys in fixed order; bytes that are no UTF-8 become U+FFFD.
 std::string MessageJson(const SpoolMessage& message, const std::string& process);
+/// The same in at most `most` bytes: where it would be longer, its end is "cut":N and N bytes of extra and body are
+/// left out, extra's first. Requires: room for an empty message.
+std::string MessageJsonWithin(const SpoolMessage& message, const std::string& process, size_t most);
 
 /// What became of messages that a sink was handed.
 struct Handover {
-    size_t safe = 0;       ///< how many of the first ones are safely there, or given up
-    base::Status rest;     ///< why not all of them
-    uint64_t givenUp = 0;  ///< of the safe ones, those that this sink will never have
+    size_t safe = 0;                          ///< how many of the first ones are safely there, or given up
+    base::Status rest;                        ///< why not all of them
+    uint64_t givenUp = 0;                     ///< of the safe ones, those that this sink will never have
+    std::chrono::milliseconds retryAfter{0};  ///< when the rest is to be tried; 0: the lane's own pause, which grows
+    /// Where the receiver has lost what it had confirmed: only what comes up to this number is there.
+    std::optional<int64_t> goBack = std::nullopt;
 };
 
 class IEventSink {

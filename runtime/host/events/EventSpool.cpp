@@ -41,6 +41,8 @@ constexpr off_t kUserVersionAt = 60;
 constexpr unsigned char kSettled[4] = {0, 0, 0, 1};
 constexpr off_t kSmallFile = 256 * 1024;  // a resting file beyond it is made small first
 const std::string kGivenUpBy = "given up by ";
+// Up to where a sink has everything; see BindCursor.
+const std::string kCursor = "max(?2, coalesce((SELECT seq FROM cursors WHERE sink = ?1 AND ?3 = 0), 0))";
 const std::string kPutAsideMark = ".corrupt-";
 // Places of a damaged file that are stepped over; what is behind the last one is looked for from the end.
 constexpr int kMostGaps = 64;
@@ -862,6 +864,9 @@ base::Status CEventSpool::KeepSinks() {
     for (auto next = m_confirmed.begin(); next != m_confirmed.end();) {
         next = isSink(next->first) ? std::next(next) : m_confirmed.erase(next);
     }
+    for (auto next = m_goneBack.begin(); next != m_goneBack.end();) {
+        next = isSink(*next) ? std::next(next) : m_goneBack.erase(next);
+    }
     std::vector<std::string> known;
     {
         base::Statement all(m_reader, "SELECT sink FROM cursors;");
@@ -915,20 +920,19 @@ SpoolMessage CEventSpool::MessageOf(const base::Statement& row) const {
 base::Result<std::vector<SpoolMessage>> CEventSpool::ReadOnce(const std::string& sink, size_t most, size_t mostBytes) {
     std::vector<SpoolMessage> messages;
     if (!m_reader.IsOpen()) return messages;  // what there is comes when it can be opened
-    base::Statement query(m_reader,
-                          "SELECT seq, time, type, body, extra, arg1, arg2 FROM messages"
-                          " WHERE seq > max(?3, coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0))"
-                          " ORDER BY seq LIMIT ?2;");
+    base::Statement query(m_reader, "SELECT seq, time, type, body, extra, arg1, arg2, " + kCursor +
+                                        " FROM messages WHERE seq > " + kCursor + " ORDER BY seq LIMIT ?4;");
     if (!query.IsOk()) return m_reader.LastError("read");
-    query.Bind(1, sink);
-    query.Bind(3, ConfirmedBy(sink));
-    query.Bind(2, static_cast<int64_t>(most));
+    BindCursor(query, sink);
+    query.Bind(4, static_cast<int64_t>(most));
     for (size_t bytes = 0; bytes < mostBytes;) {
         const base::Statement::Outcome step = query.Step();
         // What was read before the damage is good; the next call begins at the damage.
         if (step == base::Statement::Outcome::kFailed && messages.empty()) return m_reader.LastError("read");
         if (step != base::Statement::Outcome::kRow) break;
+        const int64_t after = messages.empty() ? query.Int(7) : messages.back().seq;
         messages.push_back(MessageOf(query));
+        messages.back().after = after;
         bytes += CostOf(messages.back());
     }
     return messages;
@@ -953,9 +957,32 @@ base::Status CEventSpool::KeepAndRemove() {
     return kept;
 }
 
-int64_t CEventSpool::ConfirmedBy(const std::string& sink) {
+base::Status CEventSpool::GoBack(const std::string& sink, int64_t seq) {
+    {
+        base::MutexLock lock(m_readLock);
+        m_confirmed[sink] = seq;
+        m_goneBack.insert(sink);
+        m_unsaved = true;
+    }
+    Lead lead(*this);
+    if (!lead) return lead.Refused();
+    base::MutexLock lock(m_readLock);
+    return KeepAndRemove();
+}
+
+int64_t CEventSpool::ConfirmedBy(const std::string& sink) const {
     const auto found = m_confirmed.find(sink);
     return found != m_confirmed.end() ? found->second : 0;
+}
+
+bool CEventSpool::HasGoneBack(const std::string& sink) const {
+    return m_goneBack.count(sink) != 0;
+}
+
+void CEventSpool::BindCursor(base::Statement& query, const std::string& sink) const {
+    query.Bind(1, sink);
+    query.Bind(2, ConfirmedBy(sink));
+    query.Bind(3, HasGoneBack(sink) ? 1 : 0);
 }
 
 base::Status CEventSpool::KeepConfirmed() {
@@ -963,8 +990,10 @@ base::Status CEventSpool::KeepConfirmed() {
     bool ok = m_reader.Execute("BEGIN IMMEDIATE;").Ok();
     for (auto next = m_sinks.begin(); ok && next != m_sinks.end(); ++next) {
         base::Statement move(m_reader,
-                             "INSERT INTO cursors VALUES(?1, ?2) ON CONFLICT(sink) DO UPDATE SET seq = max(seq, ?2);");
-        ok = move.Bind(1, *next) && move.Bind(2, ConfirmedBy(*next)) && move.Done();
+                             "INSERT INTO cursors VALUES(?1, ?2) ON CONFLICT(sink) DO UPDATE"
+                             " SET seq = CASE ?3 WHEN 0 THEN max(seq, ?2) ELSE ?2 END;");
+        BindCursor(move, *next);
+        ok = move.Done();
     }
     for (auto next = m_unsavedGivenUp.begin(); ok && next != m_unsavedGivenUp.end(); ++next) {
         base::Statement count(m_reader,
@@ -976,6 +1005,7 @@ base::Status CEventSpool::KeepConfirmed() {
     if (ok) {
         for (const auto& count : m_unsavedGivenUp) m_givenUp[count.first] += count.second;
         m_unsavedGivenUp.clear();
+        m_goneBack.clear();
         m_unsaved = false;
         return {};
     }
@@ -1039,11 +1069,8 @@ CEventSpool::Figures CEventSpool::GetFigures() {
 uint64_t CEventSpool::Waiting(const std::string& sink) {
     base::MutexLock lock(m_readLock);
     if (m_resting && !m_sinks.empty()) return 0;
-    base::Statement query(m_reader,
-                          "SELECT count(*) FROM messages"
-                          " WHERE seq > max(?2, coalesce((SELECT seq FROM cursors WHERE sink = ?1), 0));");
-    query.Bind(1, sink);
-    query.Bind(2, ConfirmedBy(sink));
+    base::Statement query(m_reader, "SELECT count(*) FROM messages WHERE seq > " + kCursor + ";");
+    BindCursor(query, sink);
     if (query.Row()) return static_cast<uint64_t>(query.Int(0));
     base::MutexLock figures(m_figuresLock);
     return static_cast<uint64_t>(std::max<int64_t>(0, m_messages));

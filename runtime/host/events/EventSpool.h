@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,7 +23,8 @@ namespace zelhost {
 
 struct SpoolMessage {
     int64_t seq = 0;
-    std::string id;  ///< "<spool>-<seq>": unique, and the same at every delivery
+    int64_t after = 0;  ///< to the sink that reads it: what it has confirmed, or been handed, right before this one
+    std::string id;     ///< "<spool>-<seq>": unique, and the same at every delivery
     int64_t time = 0;
     std::string type, body, extra;
     int arg1 = 0, arg2 = 0;
@@ -67,6 +69,9 @@ public:
     /// this process whatever comes.
     /// On failure: a later one writes it down; were the process killed before, the messages would come again.
     base::Status Confirm(const std::string& sink, int64_t seq, uint64_t givenUp = 0);
+    /// Of what the sink has confirmed, only what comes up to `seq` is there: what the spool still has after it is read
+    /// by this sink again. As Confirm on failure; were the process killed before, the sink would have to say it again.
+    base::Status GoBack(const std::string& sink, int64_t seq);
     /// Returns: how many this sink has given up over the spool's life.
     uint64_t GivenUp(const std::string& sink);
     /// Which sinks there are: others' cursors are forgotten, new ones start at the oldest message.
@@ -214,8 +219,12 @@ private:
     base::Result<std::vector<SpoolMessage>> ReadOnce(const std::string& sink, size_t most, size_t mostBytes)
         ZEL_REQUIRES(m_readLock);
     SpoolMessage MessageOf(const base::Statement& row) const ZEL_REQUIRES(m_readLock);
-    /// Returns: up to where this sink has everything.
-    int64_t ConfirmedBy(const std::string& sink) ZEL_REQUIRES(m_readLock);
+    /// Returns: up to where this sink has everything, as far as this process knows.
+    int64_t ConfirmedBy(const std::string& sink) const ZEL_REQUIRES(m_readLock);
+    /// Returns: whether it has gone back, and the file does not say so.
+    bool HasGoneBack(const std::string& sink) const ZEL_REQUIRES(m_readLock);
+    /// Binds ?1 to the sink, and ?2 and ?3 so that its cursor is kCursor.
+    void BindCursor(base::Statement& query, const std::string& sink) const ZEL_REQUIRES(m_readLock);
     /// Writes down what was confirmed and is not in the file yet, of every sink.
     base::Status KeepConfirmed() ZEL_REQUIRES(m_readLock);
     /// As above, and what every sink has goes.
@@ -257,6 +266,7 @@ private:
     std::string m_name ZEL_GUARDED_BY(m_readLock);
     std::vector<std::string> m_sinks ZEL_GUARDED_BY(m_readLock);
     std::map<std::string, int64_t> m_confirmed ZEL_GUARDED_BY(m_readLock);  // by this process, and what was salvaged
+    std::set<std::string> m_goneBack ZEL_GUARDED_BY(m_readLock);            // whose cursor in the file is too high
     std::map<std::string, uint64_t> m_givenUp ZEL_GUARDED_BY(m_readLock);   // as the file says
     std::map<std::string, uint64_t> m_unsavedGivenUp ZEL_GUARDED_BY(m_readLock);
     uint64_t m_generation ZEL_GUARDED_BY(m_readLock) = 0;  // which file in turn this is

@@ -26,7 +26,7 @@ struct SinkOptions {
     std::string httpHeader;  ///< one extra header line, "Name: value"
     bool httpVerifyTls = true;
     unsigned int httpTimeoutMs = 5000;  ///< for a whole request
-    std::string fleetSocket;            ///< of the relay to the fleet's broker, an absolute path
+    std::string fleetSocket;            ///< absolute path of the socket of the relay on this host, to a broker
 
     bool operator==(const SinkOptions& other) const {
         return std::tie(syslog, httpUrl, httpCaFile, httpHeader, httpVerifyTls, httpTimeoutMs, fleetSocket) ==
@@ -48,6 +48,7 @@ struct DeliveryOptions : SinkOptions {
     unsigned int backoffMinMs = 500;       ///< after the first failure of a sink, doubled up to the maximum
     unsigned int backoffMaxMs = 60000;
     unsigned int restMs = 60000;  ///< without a message for so long, the spool's file is closed until the next one
+    unsigned int fleetAnswerMs = 60000;  ///< a relay that has not answered by then is asked anew
 };
 
 struct MetricsOptions {
@@ -123,7 +124,7 @@ struct SamplerFigures {
 };
 
 struct SinkStats {
-    std::string name;  ///< "jsonl", "syslog", "http"
+    std::string name;  ///< "jsonl", "syslog", "http", "fleet"
     uint64_t delivered = 0;
     uint64_t failures = 0;
     uint64_t waiting = 0;   ///< accepted and not yet delivered here

@@ -1,0 +1,419 @@
+// The sink of a fleet against a relay that answers as it is told, by itself and as a lane of the delivery.
+#include "events/FleetSink.h"
+
+#include <json/json.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <mutex>
+#include <random>
+
+#include "HostSupport.h"
+#include "events/EventDelivery.h"
+#include "events/RelayPlayer.h"
+#include "fleet/ModelBroker.h"
+#include "support/HostTricks.h"
+#include "support/Waiting.h"
+
+using fleet::BatchFrame;
+using support::Eventually;
+using support::RelayPlayer;
+using support::Reply;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using zelhost::CEventDelivery;
+using zelhost::CFleetSink;
+using zelhost::Handover;
+using zelhost::SpoolMessage;
+
+namespace {
+
+constexpr char kSpool[] = "c5f103700d05934b";
+
+std::vector<SpoolMessage> MessagesOf(int64_t first, const std::vector<std::string>& bodies) {
+    std::vector<SpoolMessage> messages;
+    for (const std::string& body : bodies) {
+        SpoolMessage m;
+        m.seq = first + static_cast<int64_t>(messages.size());
+        m.after = m.seq - 1;
+        m.id = std::string(kSpool) + "-" + std::to_string(m.seq);
+        m.type = "T";
+        m.body = body;
+        messages.push_back(m);
+    }
+    return messages;
+}
+
+Reply TakeAll(const BatchFrame& batch) {
+    return support::Stored(batch.batch.last);
+}
+
+class FleetSinkTest : public ::testing::Test {
+protected:
+    std::string Socket() const { return m_dir / "run/fleet.sock"; }
+    CFleetSink Sink(int answerMs = 20000) {
+        return CFleetSink(Socket(), "QorNet", std::chrono::milliseconds(answerMs));
+    }
+    /// Hands `count` messages from number `first` on to a relay that does `play`.
+    Handover Deliver(const RelayPlayer::Play& play, size_t count = 3, int64_t first = 10) {
+        RelayPlayer relay(Socket(), play);
+        CFleetSink sink = Sink();
+        const Handover handed = sink.Deliver(MessagesOf(first, std::vector<std::string>(count, "b")), m_stop);
+        m_connections = relay.Connections();
+        m_batches = relay.Batches();
+        return handed;
+    }
+    static std::string Reason(const Handover& handed) {
+        return handed.rest ? std::string() : handed.rest.GetError().Text();
+    }
+    support::TempDir m_dir;
+    std::atomic<bool> m_stop{false};
+    int m_connections = 0;
+    std::vector<BatchFrame> m_batches;
+};
+
+}  // namespace
+
+TEST_F(FleetSinkTest, ABatchGoesWholeAndIsConfirmed) {
+    const Handover handed = Deliver(TakeAll);
+    EXPECT_EQ(handed.safe, 3u) << Reason(handed);
+    EXPECT_TRUE(handed.rest);
+    EXPECT_FALSE(handed.goBack);
+    ASSERT_EQ(m_batches.size(), 1u);
+    const BatchFrame& batch = m_batches[0];
+    EXPECT_EQ(batch.process, "QorNet");
+    EXPECT_EQ(batch.batch.spool, kSpool);
+    EXPECT_EQ(batch.batch.after, 9);
+    EXPECT_EQ(batch.batch.first, 10);
+    EXPECT_EQ(batch.batch.last, 12);
+    EXPECT_EQ(batch.events, 3u);
+    std::string lines;
+    for (const auto& m : MessagesOf(10, {"b", "b", "b"}))
+        lines += (lines.empty() ? "" : "\n") + MessageJson(m, "QorNet");
+    EXPECT_EQ(batch.payload, lines);
+}
+
+TEST_F(FleetSinkTest, TheConnectionStaysForTheNextBatch) {
+    RelayPlayer relay(Socket(), TakeAll);
+    CFleetSink sink = Sink();
+    for (int64_t n = 1; n <= 5; ++n) EXPECT_EQ(sink.Deliver(MessagesOf(n, {"b"}), m_stop).safe, 1u);
+    EXPECT_EQ(relay.Connections(), 1);
+}
+
+TEST_F(FleetSinkTest, BatchesKeepToTheirBounds) {
+    RelayPlayer relay(Socket(), TakeAll);
+    CFleetSink sink = Sink();
+    const std::string big(100000, 'x'), middle(40000, 'x');
+    EXPECT_EQ(sink.Deliver(MessagesOf(1, {"a", big, "b", middle, middle, "c"}), m_stop).safe, 6u);
+    std::vector<std::vector<int64_t>> parts;
+    for (const auto& batch : relay.Batches()) {
+        parts.push_back(support::NumbersOf(batch));
+        EXPECT_EQ(batch.batch.after, parts.back().front() - 1);
+    }
+    EXPECT_THAT(parts, ElementsAre(ElementsAre(1), ElementsAre(2), ElementsAre(3, 4), ElementsAre(5, 6)));
+    EXPECT_EQ(sink.Deliver(MessagesOf(7, std::vector<std::string>(70, "s")), m_stop).safe, 70u);
+    EXPECT_EQ(relay.Batches()[4].events, fleet::kMostEvents);
+    EXPECT_EQ(relay.Batches()[5].events, 70 - fleet::kMostEvents);
+}
+
+TEST_F(FleetSinkTest, AnEventTooLongIsCutAndSaysSo) {
+    RelayPlayer relay(Socket(), TakeAll);
+    CFleetSink sink = Sink();
+    auto messages = MessagesOf(1, {std::string(1 << 20, '\x01'), std::string(600000, 'b'), "after"});
+    messages[1].extra = std::string(900000, 'e');
+    EXPECT_EQ(sink.Deliver(messages, m_stop).safe, 3u);
+    const auto batches = relay.Batches();
+    ASSERT_EQ(batches.size(), 3u);
+    size_t event = 0;
+    for (const size_t kept : {size_t{163000}, size_t{982000}}) {
+        Json::Value root;
+        const std::string& payload = batches[event].payload;
+        ASSERT_TRUE(Json::Reader().parse(payload, root));
+        EXPECT_LE(payload.size(), fleet::kMostEventBytes);
+        EXPECT_GT(payload.size(), fleet::kMostEventBytes - 64) << "no more than needed";
+        const std::string body = root["body"].asString(), extra = root["extra"].asString();
+        EXPECT_GT(body.size() + extra.size(), kept);
+        EXPECT_EQ(messages[event].body.compare(0, body.size(), body), 0);
+        EXPECT_EQ(root["cut"].asUInt64(),
+                  messages[event].body.size() + messages[event].extra.size() - body.size() - extra.size());
+        ++event;
+    }
+    EXPECT_THAT(batches[1].payload, HasSubstr(std::string(600000, 'b'))) << "extra goes first";
+    EXPECT_EQ(batches[2].payload.find("cut"), std::string::npos);
+}
+
+TEST_F(FleetSinkTest, WhatIsStoredInPartIsConfirmedInPart) {
+    bool first = true;
+    const Handover handed = Deliver([&](const BatchFrame&) {
+        return std::exchange(first, false) ? support::Stored(11) : support::Later(700, fleet::State::kWaiting, "why");
+    });
+    EXPECT_EQ(handed.safe, 2u);
+    EXPECT_EQ(Reason(handed), "waiting: why");
+    ASSERT_EQ(m_batches.size(), 2u);
+    EXPECT_EQ(m_batches[1].batch.after, 11);
+    EXPECT_EQ(m_batches[1].batch.first, 12);
+}
+
+TEST_F(FleetSinkTest, APauseSaysHowLongAndWhy) {
+    const Handover handed =
+        Deliver([](const BatchFrame&) { return support::Later(1500, fleet::State::kBlocked, "the stream is full"); });
+    EXPECT_EQ(handed.safe, 0u);
+    EXPECT_EQ(handed.retryAfter.count(), 1500);
+    EXPECT_EQ(Reason(handed), "blocked: the stream is full");
+    EXPECT_EQ(m_batches.size(), 1u);
+}
+
+TEST_F(FleetSinkTest, GoingBackIsHandedOn) {
+    const Handover handed = Deliver([](const BatchFrame&) { return support::GoBackTo(4); });
+    EXPECT_EQ(handed.safe, 0u);
+    ASSERT_TRUE(handed.goBack);
+    EXPECT_EQ(*handed.goBack, 4);
+}
+
+TEST_F(FleetSinkTest, AnAnswerInPiecesIsAnAnswer) {
+    const Handover handed = Deliver([](const BatchFrame& batch) {
+        Reply reply = TakeAll(batch);
+        reply.torn = true;
+        return reply;
+    });
+    EXPECT_EQ(handed.safe, 3u) << Reason(handed);
+}
+
+TEST_F(FleetSinkTest, AnAnswerToSomethingElseEndsTheConnection) {
+    const std::vector<Reply> wrong{support::Stored(9),
+                                   support::Stored(13),
+                                   support::GoBackTo(9),
+                                   support::GoBackTo(10),
+                                   {std::string(8, '\x07'), false, false}};
+    for (const Reply& reply : wrong) {
+        RelayPlayer relay(Socket(),
+                          [&](const BatchFrame& batch) { return relay.Connections() == 1 ? reply : TakeAll(batch); });
+        CFleetSink sink = Sink(500);
+        const auto messages = MessagesOf(10, {"a", "b", "c"});
+        const Handover handed = sink.Deliver(messages, m_stop);
+        EXPECT_EQ(handed.safe, 0u);
+        EXPECT_FALSE(handed.goBack);
+        EXPECT_NE(Reason(handed), "");
+        EXPECT_EQ(sink.Deliver(messages, m_stop).safe, 3u) << Reason(handed);
+        EXPECT_EQ(relay.Connections(), 2);
+    }
+}
+
+TEST_F(FleetSinkTest, ABatchInPlaceOfAnAnswerIsRefused) {
+    const Handover handed = Deliver([](const BatchFrame& batch) {
+        return Reply{fleet::EncodeBatch(batch), false, false};
+    });
+    EXPECT_EQ(handed.safe, 0u);
+    EXPECT_NE(Reason(handed), "");
+}
+
+TEST_F(FleetSinkTest, ARelayThatClosesIsAskedAnewOnce) {
+    RelayPlayer relay(Socket(), [&](const BatchFrame& batch) {
+        // The second of the first connection is closed upon, and so is all of the third.
+        const bool closes = relay.Batches().size() == 2 || relay.Connections() >= 3;
+        return closes ? support::Closing() : TakeAll(batch);
+    });
+    {
+        CFleetSink sink = Sink();
+        EXPECT_EQ(sink.Deliver(MessagesOf(1, {"a"}), m_stop).safe, 1u);
+        const Handover second = sink.Deliver(MessagesOf(2, {"b"}), m_stop);
+        EXPECT_EQ(second.safe, 1u) << Reason(second);
+        EXPECT_EQ(relay.Connections(), 2);
+    }
+    CFleetSink other = Sink();
+    const Handover third = other.Deliver(MessagesOf(3, {"c"}), m_stop);
+    EXPECT_EQ(third.safe, 0u);
+    EXPECT_THAT(Reason(third), HasSubstr("closed"));
+    EXPECT_EQ(relay.Connections(), 3) << "a new connection that is closed is a failure";
+}
+
+TEST_F(FleetSinkTest, WhatTheRelaySaysUnaskedIsNoAnswer) {
+    RelayPlayer relay(Socket(), [](const BatchFrame&) { return support::Later(1, fleet::State::kWaiting, "why"); });
+    CFleetSink sink = Sink();
+    EXPECT_EQ(Reason(sink.Deliver(MessagesOf(2, {"a"}), m_stop)), "waiting: why");
+    relay.Say(support::Stored(2).bytes);
+    const Handover handed = sink.Deliver(MessagesOf(2, {"a"}), m_stop);
+    EXPECT_EQ(handed.safe, 0u) << "an answer that came before the question";
+    EXPECT_EQ(Reason(handed), "waiting: why");
+    EXPECT_EQ(relay.Connections(), 2);
+}
+
+TEST_F(FleetSinkTest, WithoutARelayItSaysWhatToDo) {
+    CFleetSink sink = Sink();
+    std::filesystem::create_directories(m_dir / "run");
+    const Handover handed = sink.Deliver(MessagesOf(1, {"a"}), m_stop);
+    EXPECT_EQ(handed.safe, 0u);
+    EXPECT_THAT(Reason(handed), HasSubstr(Socket()));
+    EXPECT_THAT(Reason(handed), HasSubstr("agent.json has a block fleet"));
+}
+
+TEST_F(FleetSinkTest, SomebodyElsesSocketGetsNothing) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can act as another user";
+    RelayPlayer relay(Socket(), TakeAll, kNobody);
+    CFleetSink sink = Sink();
+    const Handover handed = sink.Deliver(MessagesOf(1, {"a"}), m_stop);
+    EXPECT_EQ(handed.safe, 0u);
+    EXPECT_THAT(Reason(handed), HasSubstr("user 65534"));
+    EXPECT_TRUE(relay.Batches().empty());
+}
+
+TEST_F(FleetSinkTest, ASocketInAnOpenDirectoryIsNotUsed) {
+    RelayPlayer relay(Socket(), TakeAll);
+    std::filesystem::permissions(m_dir / "run", std::filesystem::perms::all);
+    CFleetSink sink = Sink();
+    EXPECT_EQ(sink.Deliver(MessagesOf(1, {"a"}), m_stop).safe, 0u);
+    EXPECT_EQ(relay.Connections(), 0);
+}
+
+TEST_F(FleetSinkTest, ASilentRelayIsWaitedForUntilTheStop) {
+    RelayPlayer relay(Socket(), [](const BatchFrame&) { return support::NoAnswer(); });
+    CFleetSink sink = Sink(3600000);
+    support::Signal ended;
+    std::thread lane([&] {
+        EXPECT_EQ(sink.Deliver(MessagesOf(1, {"a"}), m_stop).safe, 0u);
+        ended.Set();
+    });
+    EXPECT_TRUE(Eventually([&] { return !relay.Batches().empty(); }));
+    m_stop = true;
+    EXPECT_TRUE(ended.Wait());
+    lane.join();
+}
+
+TEST_F(FleetSinkTest, ARelayThatDoesNotReadIsWaitedForUntilTheStop) {
+    RelayPlayer relay(Socket(), TakeAll);
+    relay.Sleep(true);
+    CFleetSink sink = Sink(3600000);
+    support::Signal ended;
+    std::thread lane([&] {
+        EXPECT_EQ(sink.Deliver(MessagesOf(1, {std::string(1 << 20, '\x01')}), m_stop).safe, 0u);
+        ended.Set();
+    });
+    EXPECT_TRUE(Eventually([&] { return relay.Connections() == 1; }));
+    m_stop = true;
+    EXPECT_TRUE(ended.Wait());
+    lane.join();
+}
+
+TEST_F(FleetSinkTest, ARelayThatHangsIsAskedAnew) {
+    RelayPlayer relay(Socket(), [&](const BatchFrame& batch) {
+        return relay.Connections() == 1 ? support::NoAnswer() : TakeAll(batch);
+    });
+    CFleetSink sink = Sink(50);
+    const Handover handed = sink.Deliver(MessagesOf(1, {"a"}), m_stop);
+    EXPECT_THAT(Reason(handed), HasSubstr("has not answered"));
+    CFleetSink patient = Sink();
+    EXPECT_EQ(patient.Deliver(MessagesOf(1, {"a"}), m_stop).safe, 1u);
+}
+
+// --- as a lane ---
+
+namespace {
+
+class FleetLaneTest : public FleetSinkTest {
+protected:
+    zelhost::DeliveryOptions Options() {
+        zelhost::DeliveryOptions options;
+        options.spoolPath = m_dir / "spool/e.db";
+        options.jsonLinesPath = "-";
+        options.fleetSocket = Socket();
+        options.backoffMinMs = 5;
+        options.backoffMaxMs = 20;
+        return options;
+    }
+    static zelhost::SinkStats Fleet(CEventDelivery& delivery) {
+        for (const auto& sink : delivery.Stats().sinks) {
+            if (sink.name == "fleet") return sink;
+        }
+        ADD_FAILURE() << "no such sink";
+        return {};
+    }
+    static void Send(CEventDelivery& delivery, int count) {
+        for (int i = 0; i < count; ++i) EXPECT_TRUE(delivery.SendMsg("T", "b", "", 1, 0));
+    }
+};
+
+}  // namespace
+
+TEST_F(FleetLaneTest, TheRelaysStateIsShownUntilItWorks) {
+    std::atomic<bool> full{true};
+    RelayPlayer relay(Socket(), [&](const BatchFrame& batch) {
+        return full ? support::Later(10, fleet::State::kBlocked, "the stream is full") : TakeAll(batch);
+    });
+    CEventDelivery delivery(Options(), "QorNet");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    Send(delivery, 5);
+    ASSERT_TRUE(Eventually([&] { return Fleet(delivery).failures >= 3; }));
+    EXPECT_EQ(Fleet(delivery).lastError, "blocked: the stream is full");
+    EXPECT_EQ(Fleet(delivery).waiting, 5u);
+    full = false;
+    ASSERT_TRUE(delivery.Flush(20000));
+    EXPECT_TRUE(Eventually([&] { return Fleet(delivery).lastError.empty(); }));
+    EXPECT_EQ(Fleet(delivery).delivered, 5u);
+}
+
+TEST_F(FleetLaneTest, TheRelaysPauseStandsInPlaceOfTheLanes) {
+    std::atomic<int64_t> pause{1};
+    RelayPlayer relay(Socket(),
+                      [&](const BatchFrame&) { return support::Later(pause, fleet::State::kWaiting, "no leader"); });
+    zelhost::DeliveryOptions options = Options();
+    options.backoffMinMs = options.backoffMaxMs = 3600000;
+    CEventDelivery delivery(options, "QorNet");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    Send(delivery, 1);
+    EXPECT_TRUE(Eventually([&] { return relay.Batches().size() > 5; })) << "the lane's own pause is an hour";
+    pause = 30000;
+    ASSERT_TRUE(Eventually([&] { return Fleet(delivery).failures >= 6; }));
+    const size_t before = relay.Batches().size();
+    support::SleepMs(200);
+    EXPECT_LE(relay.Batches().size(), before + 1) << "thirty seconds is what it says now";
+}
+
+TEST_F(FleetLaneTest, ARelayThatIsDownHoldsUpNoOtherSink) {
+    zelhost::DeliveryOptions options = Options();
+    options.jsonLinesPath = m_dir / "log/e.jsonl";
+    CEventDelivery delivery(options, "QorNet");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    Send(delivery, 5);
+    EXPECT_TRUE(Eventually([&] { return support::ReadLines(m_dir / "log/e.jsonl").size() == 5; }));
+    EXPECT_TRUE(Eventually([&] { return Fleet(delivery).failures > 0; }));
+    EXPECT_THAT(Fleet(delivery).lastError, HasSubstr("block fleet"));
+    RelayPlayer relay(Socket(), TakeAll);
+    EXPECT_TRUE(delivery.Flush(20000));
+}
+
+TEST_F(FleetLaneTest, WithoutTheSinkNobodyConnects) {
+    RelayPlayer relay(Socket(), TakeAll);
+    zelhost::DeliveryOptions options = Options();
+    options.fleetSocket.clear();
+    CEventDelivery delivery(options, "QorNet");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    Send(delivery, 3);
+    EXPECT_EQ(delivery.Stats().sinks.size(), 0u);
+    ASSERT_TRUE(support::IsOk(delivery.SetSinks(Options())));
+    EXPECT_TRUE(delivery.Flush(20000));
+    EXPECT_EQ(relay.Connections(), 1);
+    EXPECT_EQ(Fleet(delivery).delivered, 3u);
+}
+
+TEST_F(FleetLaneTest, WhatTheBrokerLostGoesAgain) {
+    support::TakeLog();
+    std::atomic<bool> lost{false};
+    RelayPlayer relay(Socket(), [&](const BatchFrame& batch) {
+        return lost.exchange(false) ? support::GoBackTo(2) : TakeAll(batch);
+    });
+    zelhost::DeliveryOptions options = Options();
+    options.jsonLinesPath = m_dir / "blocked/e.jsonl";  // so that everything stays in the spool
+    support::WriteText(m_dir / "blocked", "");
+    CEventDelivery delivery(options, "QorNet");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    Send(delivery, 5);
+    ASSERT_TRUE(Eventually([&] { return Fleet(delivery).waiting == 0; }));
+    lost = true;
+    Send(delivery, 1);
+    ASSERT_TRUE(Eventually([&] { return Fleet(delivery).waiting == 0; }));
+    const auto batches = relay.Batches();
+    EXPECT_THAT(support::NumbersOf(batches[batches.size() - 2]), ElementsAre(6));
+    EXPECT_THAT(support::NumbersOf(batches.back()), ElementsAre(3, 4, 5, 6));
+    EXPECT_EQ(batches.back().batch.after, 2);
+    EXPECT_TRUE(support::LogHolds("event sink fleet: what came after message 2 is lost there, though up to 5"));
+}
