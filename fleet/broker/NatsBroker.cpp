@@ -30,6 +30,9 @@ constexpr std::chrono::seconds kProbePeriod{5};
 constexpr std::chrono::milliseconds kGreetingPatience{2000};
 constexpr char kIdHeader[] = "Nats-Msg-Id";
 constexpr char kFirstHeader[] = "Zel-First";
+constexpr char kOperationHeader[] = "KV-Operation";
+constexpr char kMarkerHeader[] = "Nats-Marker-Reason";  // the broker's own, where a key has outlived its time
+constexpr char kInbox[] = "_INBOX.";
 // The stream takes no message of this length.
 constexpr int kCodeMessageTooLong = 10054;
 
@@ -42,8 +45,17 @@ struct FreeMessage {
 struct FreeAck {
     void operator()(jsPubAck* ack) const { jsPubAck_Destroy(ack); }
 };
+struct FreeSubscription {
+    void operator()(natsSubscription* subscription) const { natsSubscription_Destroy(subscription); }
+};
 using Options = std::unique_ptr<natsOptions, FreeOptions>;
 using Message = std::unique_ptr<natsMsg, FreeMessage>;
+using Subscription = std::unique_ptr<natsSubscription, FreeSubscription>;
+
+std::string HeaderOf(natsMsg* message, const char* name) {
+    const char* text = nullptr;
+    return natsMsgHeader_Get(message, name, &text) == NATS_OK && text != nullptr ? text : "";
+}
 
 base::Error ErrorOf(natsStatus status, const char* what) {
     const char* detail = nats_GetLastError(nullptr);
@@ -86,11 +98,13 @@ struct NatsBroker::Link {
     Link(const Link&) = delete;
     Link& operator=(const Link&) = delete;
     ~Link() {
+        bells.clear();
         jsCtx_Destroy(stream);
         natsConnection_Destroy(connection);
     }
     natsConnection* connection = nullptr;
     jsCtx* stream = nullptr;
+    std::vector<Subscription> bells;
 };
 
 struct NatsBroker::Impl {
@@ -106,14 +120,18 @@ struct NatsBroker::Impl {
         // By subject: what one process may not says nothing of another one's silence.
         std::map<std::string, Refusals> refused ZEL_GUARDED_BY(lock);
         std::string answersRefused ZEL_GUARDED_BY(lock);  // on this connection: no answer can come
+        std::string bellRefused ZEL_GUARDED_BY(lock);     // on this connection
+        std::function<void()> news ZEL_GUARDED_BY(lock);
 
         void NoteRefusal(natsConnection* of) {
             const char* said = nullptr;
             natsConnection_GetLastError(of, &said);
             const std::string words = said != nullptr ? said : "";
             base::MutexLock held(lock);
-            // The subscription that answers come by is made once: without it every request ends in silence.
-            if (words.find("ubscription") != std::string::npos) answersRefused = words;
+            if (words.find("ubscription") != std::string::npos) {
+                // The one that answers come by is made once: without it every request ends in silence.
+                (words.find(kInbox) != std::string::npos ? answersRefused : bellRefused) = words;
+            }
             const size_t begin = words.find('"'), end = words.find('"', begin + 1);
             if (begin == std::string::npos || end == std::string::npos) return;
             if (refused.size() >= kMostRefusedSubjects) refused.clear();
@@ -124,6 +142,11 @@ struct NatsBroker::Impl {
         void ForgetAnswers() {
             base::MutexLock held(lock);
             answersRefused.clear();
+            bellRefused.clear();
+        }
+        void TellNews() {
+            base::MutexLock held(lock);
+            if (news) news();
         }
         uint64_t RefusalsOf(const std::string& subject) {
             base::MutexLock held(lock);
@@ -140,7 +163,16 @@ struct NatsBroker::Impl {
     using Share = std::shared_ptr<Heard>;
 
     static Heard& Of(void* share) { return **static_cast<Share*>(share); }
-    static void OnConnected(natsConnection*, void* share) { ++Of(share).connections; }
+    static void OnConnected(natsConnection*, void* share) {
+        ++Of(share).connections;
+        Of(share).TellNews();
+    }
+    static void OnBell(natsConnection*, natsSubscription*, natsMsg* message, void* share) {
+        natsMsg_Destroy(message);
+        Of(share).TellNews();
+    }
+    // The last one of a subscription.
+    static void OnBellGone(void* share) { delete static_cast<Share*>(share); }
     static void OnDisconnected(natsConnection*, void* share) { Of(share).ForgetAnswers(); }
     static void OnError(natsConnection* connection, natsSubscription*, natsStatus status, void* share) {
         if (status == NATS_NOT_PERMITTED) Of(share).NoteRefusal(connection);
@@ -152,6 +184,7 @@ struct NatsBroker::Impl {
     Share heard = std::make_shared<Heard>();
     mutable base::Mutex linkLock;
     std::shared_ptr<Link> link ZEL_GUARDED_BY(linkLock);
+    std::vector<std::string> bells ZEL_GUARDED_BY(linkLock);  // subjects
     base::Mutex probeLock;
     std::string probed ZEL_GUARDED_BY(probeLock);  // why the last attempt failed
     std::chrono::steady_clock::time_point probeDue ZEL_GUARDED_BY(probeLock);
@@ -173,6 +206,8 @@ struct NatsBroker::Impl {
     static natsStatus TryForEver(natsOptions* made, int64_t waitMs, Share* share);
     /// Makes the connection, or another one in its place.
     base::Status Connect();
+    /// Has the connection hear the subjects, now or as soon as there is one.
+    natsStatus HearBells(Link& on, const std::vector<std::string>& subjects) const;
     base::Status Probe() const;
     /// One attempt to see why there is none; where it succeeds and the library has given up, another one is made.
     std::string TryAgain();
@@ -225,6 +260,7 @@ base::Result<Options> NatsBroker::Impl::MakeOptions() const {
     then(natsOptions_SetMaxPingsOut(made, kMostPings));
     then(natsOptions_SetReconnectBufSize(made, kLeastBuffer));
     then(natsOptions_SetFailRequestsOnDisconnect(made, true));
+    then(natsOptions_UseGlobalMessageDelivery(made, true));  // one thread for all subjects
     then(natsOptions_SetAllowReconnect(made, false));
     if (status != NATS_OK) return ErrorOf(status, "the broker's client");
     const base::Status authorities = SetAuthorities(made);
@@ -264,9 +300,28 @@ base::Status NatsBroker::Impl::Connect() {
     defaults.Wait = options.requestMs;
     if (status == NATS_OK) status = natsConnection_JetStream(&next->stream, next->connection, &defaults);
     if (status != NATS_OK) return ErrorOf(status, "the broker's streams");
-    base::MutexLock held(linkLock);
-    link.swap(next);
+    {
+        base::MutexLock held(linkLock);
+        status = HearBells(*next, bells);
+        if (status != NATS_OK) return ErrorOf(status, "what the broker is listened to for");
+        link.swap(next);
+    }
+    heard->TellNews();
     return {};
+}
+
+natsStatus NatsBroker::Impl::HearBells(Link& on, const std::vector<std::string>& subjects) const {
+    for (const std::string& subject : subjects) {
+        auto share = std::make_unique<Share>(heard);
+        natsSubscription* made = nullptr;
+        natsStatus status = natsConnection_Subscribe(&made, on.connection, subject.c_str(), OnBell, share.get());
+        if (status != NATS_OK) return status;
+        on.bells.emplace_back(made);
+        // Of the callbacks from now on; where the last one cannot be asked for, it stays.
+        status = natsSubscription_SetOnCompleteCB(made, OnBellGone, share.release());
+        if (status != NATS_OK) return status;
+    }
+    return NATS_OK;
 }
 
 base::Status NatsBroker::Impl::Probe() const {
@@ -396,28 +451,80 @@ Answer NatsBroker::Publish(const BrokerMessage& message) {
 }
 
 Answer NatsBroker::ReadLast(const std::string& subject) {
+    StoredMessage message;
+    Answer answer = Read(m_impl->options.stream, subject, message);
+    if (answer.outcome != Answer::Outcome::kOk) return answer;
+    const auto id = ParseMessageId(m_impl->options.host, message.id);
+    if (!id) return answer;
+    answer.spool = id->spool;
+    answer.number = id->number;
+    return answer;
+}
+
+Answer NatsBroker::Read(const std::string& stream, const std::string& subject, StoredMessage& message) {
     if (!IsConnected()) return m_impl->NotConnected();
     const std::shared_ptr<Link> link = m_impl->Now();
-    const std::string asked = kDirectRead + m_impl->options.stream + "." + subject;
+    const std::string asked = kDirectRead + stream + "." + subject;
     const uint64_t refusals = m_impl->heard->RefusalsOf(asked);
     jsDirectGetMsgOptions which;
     natsStatus status = jsDirectGetMsgOptions_Init(&which);
     which.LastBySubject = subject.c_str();
     natsMsg* got = nullptr;
-    if (status == NATS_OK) {
-        status = js_DirectGetMsg(&got, link->stream, m_impl->options.stream.c_str(), nullptr, &which);
-    }
+    if (status == NATS_OK) status = js_DirectGetMsg(&got, link->stream, stream.c_str(), nullptr, &which);
     const Message owned(got);
     Answer answer = m_impl->AnswerOf(status, 0, asked, refusals);
     if (status != NATS_OK) return answer;
     answer.sequence = natsMsg_GetSequence(got);
-    const char* text = nullptr;
-    if (natsMsgHeader_Get(got, kIdHeader, &text) != NATS_OK || text == nullptr) return answer;
-    const auto id = ParseMessageId(m_impl->options.host, text);
-    if (!id) return answer;
-    answer.spool = id->spool;
-    answer.number = id->number;
+    message.id = HeaderOf(got, kIdHeader);
+    message.removal = HeaderOf(got, kOperationHeader);
+    if (message.removal.empty()) message.removal = HeaderOf(got, kMarkerHeader);
+    message.payload.assign(natsMsg_GetData(got), static_cast<size_t>(natsMsg_GetDataLength(got)));
+    message.timeMs = natsMsg_GetTime(got) / 1000000;
     return answer;
+}
+
+Answer NatsBroker::Put(const PlainMessage& message) {
+    if (!IsConnected()) return m_impl->NotConnected();
+    const std::shared_ptr<Link> link = m_impl->Now();
+    const uint64_t refusals = m_impl->heard->RefusalsOf(message.subject);
+    natsMsg* made = nullptr;
+    natsStatus status = natsMsg_Create(&made, message.subject.c_str(), nullptr, message.payload.data(),
+                                       static_cast<int>(message.payload.size()));
+    const Message owned(made);
+    if (status == NATS_OK && !message.operation.empty()) {
+        status = natsMsgHeader_Set(made, kOperationHeader, message.operation.c_str());
+    }
+    jsPubOptions options;
+    if (status == NATS_OK) status = jsPubOptions_Init(&options);
+    if (status != NATS_OK) return m_impl->AnswerOf(status, 0, message.subject, refusals);
+    options.MaxWait = m_impl->options.requestMs;
+    options.ExpectStream = message.stream.c_str();
+    options.ExpectLastSubjectSeq = message.expected.value_or(0);
+    options.ExpectNoMessage = message.expected == 0U;
+    jsPubAck* got = nullptr;
+    jsErrCode code = static_cast<jsErrCode>(0);
+    status = js_PublishMsg(&got, link->stream, made, &options, &code);
+    const std::unique_ptr<jsPubAck, FreeAck> ack(got);
+    Answer answer = m_impl->AnswerOf(status, static_cast<int>(code), message.subject, refusals);
+    if (status == NATS_OK) answer.sequence = ack->Sequence;
+    return answer;
+}
+
+base::Status NatsBroker::Listen(const std::vector<std::string>& subjects, std::function<void()> news) {
+    {
+        base::MutexLock held(m_impl->heard->lock);
+        m_impl->heard->news = std::move(news);
+    }
+    base::MutexLock held(m_impl->linkLock);
+    m_impl->bells = subjects;
+    m_impl->link->bells.clear();
+    const natsStatus status = m_impl->HearBells(*m_impl->link, subjects);
+    return status == NATS_OK ? base::Status() : ErrorOf(status, "what the broker is listened to for");
+}
+
+std::string NatsBroker::ListenRefused() const {
+    base::MutexLock held(m_impl->heard->lock);
+    return m_impl->heard->bellRefused;
 }
 
 }  // namespace fleet

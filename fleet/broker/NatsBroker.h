@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,7 +35,24 @@ struct BrokerMessage {
     uint64_t expected = 0;  ///< sequence of the subject's last message; 0: there is none
 };
 
-/// Thread-safety: Publish, ReadLast and the queries from any thread.
+/// The last message of a subject, as its stream has it.
+struct StoredMessage {
+    std::string id;       ///< as its sender called it; empty: not at all
+    std::string removal;  ///< why there is no value any more, in the broker's word; empty: there is one
+    std::string payload;
+    int64_t timeMs = 0;  ///< since the epoch, by the broker's clock
+};
+
+/// What goes to a stream that is kept by subject.
+struct PlainMessage {
+    std::string stream;
+    std::string subject;
+    std::string operation;  ///< header of a key that is taken away; empty: none
+    std::string payload;
+    std::optional<uint64_t> expected;  ///< sequence of the subject's last message, 0: there is none; empty: any
+};
+
+/// Thread-safety: requests and queries from any thread.
 /// Lifetime: connects in the background and goes on trying for as long as it lives. Where the broker has refused this
 /// host the library ends that: from then on an attempt is made with a request, every few seconds at most.
 class NatsBroker {
@@ -48,6 +67,19 @@ public:
     Answer Publish(const BrokerMessage& message);
     /// The subject's last message. Blocks: as above.
     Answer ReadLast(const std::string& subject);
+
+    /// The subject's last message in any stream that allows direct reads. Blocks: as above. `message` is set with kOk.
+    Answer Read(const std::string& stream, const std::string& subject, StoredMessage& message);
+    /// Stores it, and waits until the broker says so. Blocks: as above.
+    Answer Put(const PlainMessage& message);
+
+    /// Calls `news` whenever there is another connection, and whenever a message comes on one of the subjects: not
+    /// which, and not what is in it. `news` is entered on the library's threads, must return at once and not call back.
+    /// Another call takes the place of the one before: after it with nothing, `news` is entered no more.
+    /// Errors: the library refuses a subject.
+    base::Status Listen(const std::vector<std::string>& subjects, std::function<void()> news);
+    /// Returns: the broker's words where it has refused one of those subjects; empty: it has not.
+    std::string ListenRefused() const;
 
     /// Whether the broker at the other end may be used; asked once for each connection. Blocks: as an attempt to
     /// connect. Errors: kRefused for one that is too old; others where it does not say what it is, or there is none.

@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -17,6 +18,7 @@
 #include "broker/Lane.h"
 #include "broker/NatsBroker.h"
 #include "fleet/CuttingProxy.h"
+#include "fleet/EnrolledBroker.h"
 #include "fleet/RealBroker.h"
 #include "rule/FleetNames.h"
 #include "support/Files.h"
@@ -222,6 +224,8 @@ TEST_F(BrokerTest, HostThatWasRefusedComesBackWhenItIsLetIn) {
     m_server = std::make_unique<RealBroker>("authorization { users: [ { user: admin, password: pw } ] }\n");
     ASSERT_TRUE(m_server->Start());
     Connect(m_server->Url("h1"));
+    std::atomic<int> news{0};
+    ASSERT_TRUE(m_broker->Listen({kSubject}, [&] { ++news; }).Ok());
     support::SleepMs(1500);  // refused again and again: the library has given up
     EXPECT_EQ(static_cast<int>(Publish(1, 1, 0).outcome), static_cast<int>(Outcome::kDisconnected));
     m_server->Kill();
@@ -232,6 +236,12 @@ TEST_F(BrokerTest, HostThatWasRefusedComesBackWhenItIsLetIn) {
     EXPECT_TRUE(support::Eventually([&] { return Publish(1, 1, 0).outcome == Outcome::kOk; }));
     EXPECT_TRUE(m_broker->IsConnected());
     EXPECT_EQ(m_broker->Connections(), 1u);
+    const int before = news;
+    EXPECT_TRUE(support::Eventually([&] {
+        Publish(2, 2, 1);
+        return news > before;
+    })) << "what it listens to is heard on the new connection";
+    EXPECT_TRUE(m_broker->Listen({}, nullptr).Ok());
 }
 
 TEST_F(BrokerTest, AnotherProcessesMissingRightIsNotThisOnes) {
@@ -250,43 +260,11 @@ TEST_F(BrokerTest, AnotherProcessesMissingRightIsNotThisOnes) {
 
 // --- as an operator sets it up ---
 
-/// A broker of the example's configuration, and the host `name` enrolled at it.
-class EnrolledBroker {
-public:
-    explicit EnrolledBroker(const std::string& name) {
-        const std::string log = m_directory / "log";
-        const std::string command = std::string("PYTHONDONTWRITEBYTECODE=1 exec " ZEL_ENROLLED_BROKER " '") +
-                                    m_directory.Path() + "' '" + name + "' >'" + log + "' 2>&1";
-        m_process = popen(command.c_str(), "w");
-        support::Eventually([&] { return support::Exists(m_directory / "ready"); });
-    }
-    ~EnrolledBroker() { pclose(m_process); }
-    EnrolledBroker(const EnrolledBroker&) = delete;
-    EnrolledBroker& operator=(const EnrolledBroker&) = delete;
-    std::string Credentials() const { return m_directory / "host.creds"; }
-    std::string Log() const { return support::ReadText(m_directory / "log"); }
-    BrokerOptions Options(const std::string& host) const {
-        BrokerOptions options;
-        options.servers = {"tls://127.0.0.1:" + support::ReadText(m_directory / "ready")};
-        options.host = host;
-        options.caFile = m_directory / "fleet/tls/ca.pem";
-        options.credsFile = Credentials();
-        options.reconnectMs = 50;
-        return options;
-    }
-
-private:
-    support::TempDir m_directory;
-    FILE* m_process = nullptr;
-};
-
 class EnrolledHostTest : public BrokerTest {
 protected:
     void SetUp() override {
         BrokerTest::SetUp();
-        if (std::system("python3 -c 'import cryptography' >/dev/null 2>&1") != 0) {
-            GTEST_SKIP() << "no cryptography for Python on this machine";
-        }
+        if (!EnrolledBroker::IsPossible()) GTEST_SKIP() << "no cryptography for Python on this machine";
     }
     Answer PublishAs(const std::string& host) {
         const std::string payload = "{}\n";
