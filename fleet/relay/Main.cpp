@@ -15,11 +15,11 @@
 #include "platform/zel/AgentNames.h"
 #include "relay/Deliverer.h"
 #include "relay/RelayServer.h"
-#ifdef ZEL_FLEET_CONSOLE
-#include "console/Console.h"
-#endif
 
 namespace fleet {
+#ifdef ZEL_FLEET_CONSOLE
+int RunConsole(int argc, char** argv);  // of fleet/console, which this folder need not know otherwise
+#endif
 namespace {
 
 constexpr size_t kWorkers = 8;
