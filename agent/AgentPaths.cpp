@@ -12,6 +12,14 @@ std::string ChooseConfigurationFile(const std::string& appDir, const char* name,
     return base::ReadFileMark(own).exists ? own : adminDir + "/" + base::FileNameOf(name);
 }
 
+std::string RelayProgram(const std::string& ownProgram) {
+    const std::string directory = ownProgram.substr(0, ownProgram.rfind('/'));
+    const std::string beside = directory + zel::kRelayProgram;
+    if (base::ReadFileMark(beside).exists) return beside;
+    const std::string parent = directory.substr(0, directory.rfind('/'));
+    return parent + zel::kRelayDirectory + zel::kRelayProgram;
+}
+
 std::string ConfigurationFile(const std::string& appDir, const char* name) {
     if (appDir != zel::kDefaultAppDir) return appDir + name;
     return ChooseConfigurationFile(appDir, name, zel::kAdminConfDir);

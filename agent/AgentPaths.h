@@ -30,6 +30,10 @@ inline std::string EventFile(const std::string& appDir, const std::string& proce
     return appDir + "/log/" + process + ".events.jsonl";
 }
 
+/// Returns: where the relay's program is, by the path of one of this agent's; where it would be installed, if it is
+/// nowhere.
+std::string RelayProgram(const std::string& ownProgram);
+
 /// Returns: the path of a file that an administrator writes, `name` with its "/conf/": the one in the application
 /// directory, or where that is the default one and has none, the one in the administrators' directory.
 std::string ConfigurationFile(const std::string& appDir, const char* name);

@@ -75,12 +75,16 @@ void EndWhatIsLeft(const std::string& name) {
 
 }  // namespace
 
-void DeclareComponents(const std::string& appDir) {
+void DeclareComponents(const std::string& appDir, bool relay) {
     const auto components = LoadComponents(ConfigurationFile(appDir, zel::kComponentsFileName));
-    if (!components) return;  // said by ComponentCare::Start
     std::vector<zel::CgroupComponentQuota> unlisted;
-    for (const ComponentConfig& component : *components) {
+    // A file that cannot be read is said by ComponentCare::Start.
+    for (const ComponentConfig& component : components ? *components : std::vector<ComponentConfig>()) {
         if (!component.group.empty()) unlisted.push_back({component.name, component.group, component.group, 0, 0});
+    }
+    // Not the main process's group where there is another: what is short there is the main process's.
+    for (const char* const group : {zel::kCollectGroup, zel::kMainGroup}) {
+        if (relay) unlisted.push_back({zel::kRelayComponent, group, group, 0, kRelayMemoryKb});
     }
     zel::SetUnlistedComponents(std::move(unlisted));
 }
@@ -90,10 +94,8 @@ ComponentCare::ComponentCare(CMonitor& monitor, ComponentPulses& pulses)
 
 void ComponentCare::Start(const Options& options, const std::string& program) {
     const auto components = LoadComponents(ConfigurationFile(options.appDir, zel::kComponentsFileName));
-    if (!components) {
-        LogLine(components.GetError().Text() + "; no component is started", zel::kLogWarning);
-        return;
-    }
+    if (!components) LogLine(components.GetError().Text() + "; no component is started", zel::kLogWarning);
+    m_appDir = options.appDir;
     std::vector<std::string> common{"--app-dir", options.appDir, "--config", options.configPath};
     if (options.observe) common.push_back("--observe");
     m_supervisor = std::make_unique<Supervisor>(program, common, options.appDir + kRestartsFileName, ReportEnd);
@@ -104,7 +106,28 @@ void ComponentCare::Start(const Options& options, const std::string& program) {
     m_supervisor->SetCleaning(EndWhatIsLeft);
     m_supervisor->SetKillExplanation(
         [this](const std::string& name) { return m_kills.Explain(name, SecondsSinceBoot()); });
-    m_supervisor->Configure(*components);
+    if (components) m_supervisor->Configure(*components);
+    m_relay = std::make_unique<RelayCare>(*m_supervisor, options.appDir, program);
+}
+
+bool ComponentCare::FollowFleet(const std::optional<FleetConfig>& fleet) {
+    m_relay->Follow(fleet);
+    const bool declared = m_relay->NeedsGroup();
+    if (declared == m_relayDeclared) return false;
+    m_relayDeclared = declared;
+    DeclareComponents(m_appDir, declared);
+    return true;
+}
+
+/// It has no limit but that of the whole agent, where there is one, and that is no reason to go without.
+void ComponentCare::TellRelayUnlimited(bool unlimited) {
+    if (unlimited && !m_relayUnlimited) {
+        LogLine(std::string("component ") + zel::kRelayComponent + " has no control group of its own, so no limit of " +
+                    std::to_string(kRelayMemoryKb / 1024) +
+                    " MB: unified memory limits are not in force here (resource_limit_mode 12 and above)",
+                zel::kLogInfo);
+    }
+    m_relayUnlimited = unlimited;
 }
 
 /// Where the place cannot be read a component starts without one, and its client goes on trying; where there is none
@@ -117,6 +140,11 @@ base::Result<std::vector<std::string>> ComponentCare::GroupsOf(const ComponentCo
     }
     if (m_places->awaited) return base::SentenceError(m_placesProblem + "; that file is being written again");
     const auto named = m_places->directories.find(component.name);
+    if (component.name == zel::kRelayComponent) {
+        const base::Status installed = m_relay->Judge();
+        if (!installed) return installed.GetError();
+        TellRelayUnlimited(named == m_places->directories.end());
+    }
     if (named != m_places->directories.end()) return named->second;
     if (!m_places->unified) return std::vector<std::string>();
     if (component.group.empty()) {

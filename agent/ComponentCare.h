@@ -12,6 +12,7 @@
 #include "OomAttribution.h"
 #include "Options.h"
 #include "Pulse.h"
+#include "RelayCare.h"
 #include "Supervisor.h"
 #include "base/Mutex.h"
 #include "platform/zel/CgroupKeeper.h"
@@ -32,6 +33,9 @@ public:
     /// Reads which components there are. `program` is this executable; nothing is started before the first Tick.
     /// On failure: one log line, and there are no components.
     void Start(const Options& options, const std::string& program);
+    /// Has the relay run while the host is in a fleet. To be called every few seconds. Returns: whether the control
+    /// groups are to be made anew for it.
+    bool FollowFleet(const std::optional<FleetConfig>& fleet);
     /// Starts what is due, notices what ended.
     void Tick(int64_t now);
     /// Returns: the second of SecondsSinceBoot() in which Tick has something to do that no signal tells.
@@ -49,12 +53,17 @@ public:
     std::vector<ComponentStatus> Status() const ZEL_EXCLUDES(m_lock);
 
 private:
+    void TellRelayUnlimited(bool unlimited);
     /// The groups that a component is to be born in.
     base::Result<std::vector<std::string>> GroupsOf(const ComponentConfig& component);
 
     CMonitor& m_monitor;
     ComponentPulses& m_pulses;
     std::unique_ptr<Supervisor> m_supervisor;
+    std::unique_ptr<RelayCare> m_relay;
+    std::string m_appDir;
+    bool m_relayDeclared = false;
+    bool m_relayUnlimited = false;  // said
     std::map<unsigned int, std::string> m_watched;
     std::string m_placeProblems;  // as told last
     OomHistory m_kills;
@@ -68,7 +77,7 @@ private:
 };
 
 /// Tells the control groups of the components there will be, before the monitor makes those: each has a leaf of its own
-/// in the group that it names, also when the unified mode's table does not name it.
-void DeclareComponents(const std::string& appDir);
+/// in the group that it names, also when the unified mode's table does not name it. `relay`: so has the relay.
+void DeclareComponents(const std::string& appDir, bool relay);
 
 }  // namespace agent

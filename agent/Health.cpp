@@ -108,7 +108,8 @@ void FindComponents(const StatusReport& report, Troubles& found) {
                                       : "it was stopped") +
                                  (component.exhausted ? ", its restarts of this hour are used up" : "") +
                                  (component.lastReason.empty() ? "" : ": " + component.lastReason),
-                             "its own log says why it ended: log/" + component.name + ".log"});
+                             component.program ? "log/tervane.log has what it said before it ended"
+                                               : "its own log says why it ended: log/" + component.name + ".log"});
             continue;
         }
         if (component.suspended) {

@@ -276,7 +276,7 @@ int Process::StartMonitor() {
     } else {
         m_monitor->SetCgroupClient(m_client.get());
     }
-    if (m_options.IsMain()) DeclareComponents(m_options.appDir);
+    if (m_options.IsMain()) DeclareComponents(m_options.appDir, m_agentConfig->Current().fleet.has_value());
     const std::string& path = m_options.configPath;
     const std::string untrusted = JudgeConfiguration(path);
     if (!untrusted.empty()) {
@@ -368,6 +368,7 @@ int Process::StartComponents() {
     if (!m_options.IsMain()) return kExitClean;
     m_components = std::make_unique<ComponentCare>(*m_monitor, m_pulses);
     m_components->Start(m_options, m_program);
+    FollowFleet();
     m_pressure = std::make_unique<HostPressure>(WakeMain);
     m_services.SetMetricsSource([this](std::vector<zelhost::Metric>& metrics) {
         AddAgentMetrics(*m_components, *m_pressure, metrics);
@@ -383,6 +384,12 @@ void Process::StopComponents() {
     if (m_pressure != nullptr) m_pressure->Close();
     m_history.reset();
     if (m_components != nullptr) m_components->Stop();
+}
+
+void Process::FollowFleet() {
+    if (m_components == nullptr || !m_components->FollowFleet(m_agentConfig->Current().fleet)) return;
+    // The group first, so that the relay is born in it.
+    if (zel::FollowObservedLimits()) Broadcast(zel::kConfigNotifyMessage, "");
 }
 
 int Process::OpenConsole() {
@@ -477,6 +484,7 @@ int Process::LookAround(int64_t second) {
         m_nextConfigLook = NextOfRhythm(second, m_options.IsMain() ? kLookSeconds : kBeatSeconds);
         m_agentConfig->Follow(m_services);
         m_observe.Order(m_agentConfig->Observes(), m_agentConfig->IsUnread());
+        FollowFleet();
         if (m_pressure != nullptr) m_pressure->Follow(m_agentConfig->Current().pressure);
         TryAgain();
     }

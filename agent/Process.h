@@ -75,6 +75,7 @@ private:
     void StopLoad();
     int StartComponents();
     void StopComponents();
+    void FollowFleet();
     int OpenConsole();
     void CloseConsole();
 

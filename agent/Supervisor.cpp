@@ -30,6 +30,7 @@ constexpr mode_t kBudgetMode = 0640;
 constexpr unsigned int kStopStepMs = 20;
 constexpr unsigned int kKillGraceMs = 2000;
 constexpr int64_t kPlaceRetrySeconds = 5;
+constexpr int64_t kLeaveSeconds = 5;  // then it is killed
 
 /// The child's side of a fork, up to its program. The child of a process with threads may only make system calls.
 [[noreturn]] void Become(const base::TrustedProgram& program, char* const* argv, const std::vector<base::Fd>& groups,
@@ -105,6 +106,61 @@ void Supervisor::Configure(const std::vector<ComponentConfig>& components) {
         if (!config.command.empty()) component.output = std::make_unique<ComponentOutput>(config.name, LogLine);
         m_components.push_back(std::move(component));
     }
+}
+
+Supervisor::Component* Supervisor::Find(const std::string& name) {
+    for (Component& component : m_components) {
+        if (component.config.name == name) return &component;
+    }
+    return nullptr;
+}
+
+bool Supervisor::Has(const std::string& name) const {
+    return std::any_of(m_components.begin(), m_components.end(),
+                       [&](const Component& component) { return component.config.name == name; });
+}
+
+void Supervisor::Want(const ComponentConfig& config) {
+    Component* const there = Find(config.name);
+    if (there == nullptr) return Configure({config});
+    if (!there->dropped) {
+        return LogLine("component " + config.name + " is there twice: name the one of components.json otherwise",
+                       zel::kLogWarning);
+    }
+    there->dropped = false;
+    there->config = config;
+}
+
+void Supervisor::AskToLeave(Component& component) {
+    component.leaving = true;
+    component.leavesUntil = SecondsSinceBoot() + kLeaveSeconds;
+    kill(component.pid, SIGTERM);
+    kill(component.pid, SIGCONT);  // one that is stopped would take it only then
+}
+
+void Supervisor::Drop(const std::string& name) {
+    Component* const component = Find(name);
+    if (component == nullptr) return;
+    component->dropped = true;
+    if (component->state == ComponentState::kRunning && !component->leaving) AskToLeave(*component);
+}
+
+void Supervisor::Renew(const std::string& name) {
+    Component* const component = Find(name);
+    if (component == nullptr || component->leaving) return;
+    // One that waits after a failure may have failed for what is mended now.
+    component->nextStartAt = 0;
+    if (component->state == ComponentState::kRunning) AskToLeave(*component);
+}
+
+/// Those that do not end, and those that have.
+void Supervisor::LookAfterLeaving(int64_t now) {
+    for (const Component& component : m_components) {
+        if (!component.leaving || now < component.leavesUntil) continue;
+        kill(component.pid, SIGKILL);
+    }
+    const auto gone = [](const Component& one) { return one.dropped && one.state != ComponentState::kRunning; };
+    m_components.erase(std::remove_if(m_components.begin(), m_components.end(), gone), m_components.end());
 }
 
 base::Result<std::vector<base::Fd>> Supervisor::OpenGroups(const ComponentConfig& config) const {
@@ -209,6 +265,8 @@ void Supervisor::Reap(int64_t now) {
         if (waitpid(component.pid, &status, WNOHANG | WUNTRACED | WCONTINUED) != component.pid) continue;
         if (WIFSTOPPED(status) || WIFCONTINUED(status)) {
             NoteSuspension(component, WIFSTOPPED(status), now);
+        } else if (component.leaving) {
+            NoteLeave(component, now);
         } else {
             NoteEnd(component, status, now);
         }
@@ -225,6 +283,19 @@ void Supervisor::NoteSuspension(Component& component, bool suspended, int64_t no
     }
     component.suspended = suspended;
     component.suspendedAt = now;
+}
+
+void Supervisor::NoteLeave(Component& component, int64_t now) {
+    LogLine(
+        "component " + component.config.name + " (process " + std::to_string(component.pid) + ") has ended, as asked",
+        zel::kLogInfo);
+    if (m_clean) m_clean(component.config.name);
+    if (component.output) component.output->Close(now);
+    component.state = ComponentState::kWaiting;
+    component.pid = 0;
+    component.suspended = false;
+    component.leaving = false;
+    component.nextStartAt = now;
 }
 
 void Supervisor::NoteEnd(Component& component, int status, int64_t now) {
@@ -257,6 +328,7 @@ void Supervisor::NoteEnd(Component& component, int status, int64_t now) {
 void Supervisor::Tick(int64_t now) {
     TakeOutput(now);
     Reap(now);
+    LookAfterLeaving(now);
     for (Component& component : m_components) {
         if (component.state != ComponentState::kWaiting) continue;
         if (component.nextStartAt <= now) Start(component, now);
@@ -267,6 +339,7 @@ int64_t Supervisor::NextStart() const {
     int64_t next = INT64_MAX;
     for (const Component& component : m_components) {
         if (component.state == ComponentState::kWaiting) next = std::min(next, component.nextStartAt);
+        if (component.leaving) next = std::min(next, component.leavesUntil);
     }
     return next;
 }

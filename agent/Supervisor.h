@@ -56,6 +56,14 @@ public:
     void SetCleaning(std::function<void(const std::string& name)> clean) { m_clean = std::move(clean); }
 
     void Configure(const std::vector<ComponentConfig>& components);
+    /// One more from now on. Of a name that is there already it is refused, with a line in the log; one that is being
+    /// ended comes back.
+    void Want(const ComponentConfig& config);
+    /// One is not wanted any more: ended, and forgotten then. Its end is no news, here and below.
+    void Drop(const std::string& name);
+    /// One is ended and started again at once.
+    void Renew(const std::string& name);
+    bool Has(const std::string& name) const;
     /// Starts what is due, reaps what ended, hands on what was written. Call it after SIGCHLD and SIGIO, when NextStart
     /// has come, and now and then for what no signal told. `now`, here and below: SecondsSinceBoot().
     void Tick(int64_t now);
@@ -82,6 +90,9 @@ private:
         bool suspended = false;
         int64_t suspendedAt = 0;
         uint64_t restarts = 0;
+        bool leaving = false;  ///< it was told to end
+        bool dropped = false;  ///< and is not to come back
+        int64_t leavesUntil = 0;
         std::string refusal;                      ///< why it has no place; empty when it has
         std::unique_ptr<ComponentOutput> output;  ///< of another program than this one
     };
@@ -98,6 +109,11 @@ private:
     bool WaitAll(unsigned int ms);
     void Reap(int64_t now);
     void NoteEnd(Component& component, int status, int64_t now);
+    void NoteLeave(Component& component, int64_t now);
+    Component* Find(const std::string& name);
+    /// Has one end that runs.
+    static void AskToLeave(Component& component);
+    void LookAfterLeaving(int64_t now);
     /// Stopped by a signal, or going on after it.
     static void NoteSuspension(Component& component, bool suspended, int64_t now);
     void TakeOutput(int64_t now);

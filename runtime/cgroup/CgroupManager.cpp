@@ -155,6 +155,7 @@ struct Asked {
     std::string path;
     std::vector<CgroupComponentQuota> quotas;
     Amounts parent;
+    uint64_t unlisted = 0;  ///< see UnlistedChanges
     bool failed = false;    ///< the last change of what is observed, in whole or in part
     Flags tried;            ///< then: what was to be observed
     int64_t retryAtMs = 0;  ///< then: when that is tried again
@@ -362,6 +363,7 @@ std::vector<ComponentTarget> CCgroupManager::Impl::ObservedPlaces(const std::vec
 /// Writes the file; also where everything in it is only observed.
 bool CCgroupManager::Impl::Publish(const std::string& path, const std::vector<CgroupComponentQuota>& quotas,
                                    const Amounts& parent) {
+    const uint64_t unlisted = UnlistedChanges();
     const std::vector<ComponentTarget> places = ObservedPlaces(quotas);
     bool written = false;
     if (inUse.cpu || inUse.memory || !asked.ShowsAny()) {
@@ -379,6 +381,7 @@ bool CCgroupManager::Impl::Publish(const std::string& path, const std::vector<Cg
     asked.path = path;
     asked.quotas = quotas;
     asked.parent = parent;
+    asked.unlisted = unlisted;
     ObserveTree(asked.ShowsAny() ? MakeObservedTree(asked.targets, asked.Shown(), places) : ObservedTree());
     return true;
 }
@@ -407,7 +410,8 @@ bool CCgroupManager::Impl::AskAgain(const Asked& last, bool& whole) {
 /// Returns: whether the components are to be told.
 bool CCgroupManager::Impl::ChangeObserved() {
     const Flags now = ObservedControllers();
-    if (!asked.valid || (!asked.failed && AreSame(asked.observed, now))) return false;
+    const bool isSame = AreSame(asked.observed, now) && asked.unlisted == UnlistedChanges();
+    if (!asked.valid || (!asked.failed && isSame)) return false;
     if (asked.failed && AreSame(asked.tried, now) && NowMs() < asked.retryAtMs) return false;
     Locate();
     const Asked last = asked;

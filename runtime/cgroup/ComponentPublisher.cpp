@@ -22,7 +22,13 @@ namespace {
 struct UnlistedComponents {
     base::Mutex mutex;
     std::vector<CgroupComponentQuota> components ZEL_GUARDED_BY(mutex);
+    uint64_t changes ZEL_GUARDED_BY(mutex) = 0;
 };
+
+bool AreSame(const CgroupComponentQuota& a, const CgroupComponentQuota& b) {
+    return a.name == b.name && a.cpuGroup == b.cpuGroup && a.memGroup == b.memGroup &&
+           a.cpuQuota100Times == b.cpuQuota100Times && a.memQuotaKB == b.memQuotaKB;
+}
 
 UnlistedComponents& Unlisted() {
     static UnlistedComponents* const unlisted = new UnlistedComponents;
@@ -156,16 +162,24 @@ Result<std::map<LeafKey, int>> ComponentPublisher::Publish(const std::string& pa
     return leaves;
 }
 
+uint64_t UnlistedChanges() {
+    UnlistedComponents& unlisted = Unlisted();
+    const base::MutexLock lock(unlisted.mutex);
+    return unlisted.changes;
+}
+
 std::vector<CgroupComponentQuota> WithUnlisted(std::vector<CgroupComponentQuota> quotas, const GroupTargets& targets,
                                                std::vector<Remark>& remarks) {
     UnlistedComponents& unlisted = Unlisted();
     const base::MutexLock lock(unlisted.mutex);
+    const auto fits = [&](const CgroupComponentQuota& one) { return targets.Find(one.cpuGroup) != nullptr; };
     for (const CgroupComponentQuota& extra : unlisted.components) {
         const auto same = [&](const CgroupComponentQuota& quota) { return quota.name == extra.name; };
+        const auto other = [&](const CgroupComponentQuota& quota) { return same(quota) && fits(quota); };
         if (std::any_of(quotas.begin(), quotas.end(), same)) continue;
-        if (targets.Find(extra.cpuGroup) != nullptr) {
+        if (fits(extra)) {
             quotas.push_back(extra);
-        } else {
+        } else if (std::none_of(unlisted.components.begin(), unlisted.components.end(), other)) {
             remarks.push_back({true, "component " + extra.name + " is left out: its group [" + extra.cpuGroup +
                                          "] is not configured"});
         }
@@ -200,6 +214,9 @@ Status PublishDisabled(const std::string& path, std::vector<ObservedEntry> obser
 void SetUnlistedComponents(std::vector<CgroupComponentQuota> components) {
     cgroup::UnlistedComponents& unlisted = cgroup::Unlisted();
     const base::MutexLock lock(unlisted.mutex);
+    const bool same = std::equal(components.begin(), components.end(), unlisted.components.begin(),
+                                 unlisted.components.end(), cgroup::AreSame);
+    if (!same) ++unlisted.changes;
     unlisted.components = std::move(components);
 }
 

@@ -62,6 +62,9 @@ private:
     std::vector<Remark> m_remarks;
 };
 
+/// Returns: how often SetUnlistedComponents has named others than before.
+uint64_t UnlistedChanges();
+
 /// Returns: the quotas, with those of SetUnlistedComponents that they do not have and whose groups are configured.
 /// `remarks` gets the ones that are left out.
 std::vector<CgroupComponentQuota> WithUnlisted(std::vector<CgroupComponentQuota> quotas, const GroupTargets& targets,

@@ -52,9 +52,9 @@ constexpr char kLastOsAbnormalDbName[] = "/last_os_abnormal.db";
 constexpr char kBroadcastSocketName[] = "/run/broadcast.sock";
 /// Where the relay takes the events of the agent's processes.
 constexpr char kFleetSocketFile[] = "/run/fleet.sock";
-/// The relay's program, in the directory of the agent's own or in that below it.
+/// The relay's program: in the directory of the agent's own programs, or in this one beside that.
 constexpr char kRelayProgram[] = "/tervane-relay";
-constexpr char kRelayDirectory[] = "/../libexec/tervane";
+constexpr char kRelayDirectory[] = "/libexec/tervane";
 
 // --- messages -------------------------------------------------------------------------------------------------------
 

@@ -98,7 +98,8 @@ ZEL_API bool IsComponentFileAwaited(std::string& problem);
 ZEL_API bool PlaceComponentProcess(const std::string& component, int pid, std::string& error);
 
 /// Components that get a leaf in their group also when the module's table does not name them; their quotas hold then.
-/// To be called before the manager first writes the component file.
+/// To be called before the manager first writes the component file; later ones come with FollowObservedLimits.
+/// Of several of one name the first counts whose group is configured.
 ZEL_API void SetUnlistedComponents(std::vector<CgroupComponentQuota> components);
 
 /// What became of the processes in a component's leaves.
