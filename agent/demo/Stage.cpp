@@ -14,7 +14,7 @@
 #include <ctime>
 #include <filesystem>
 
-#include "ctl/AskAgent.h"
+#include "AskAgent.h"
 #include "base/Clock.h"
 #include "base/FileIo.h"
 #include "base/FileReplace.h"

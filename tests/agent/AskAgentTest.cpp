@@ -16,7 +16,7 @@
 
 #include "ControlServer.h"
 #include "support/Files.h"
-#include "ctl/AskAgent.h"
+#include "AskAgent.h"
 
 namespace {
 

@@ -22,8 +22,6 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr size_t kMostHeadBytes = 32;
-/// For the whole of it: to be let in, to ask, and to hear the answer, which may take as long as the agent allows.
-constexpr std::chrono::seconds kPatience(30);
 /// To be let in: a process that is well takes connections at once, whatever it is busy with.
 constexpr std::chrono::seconds kConnectPatience(3);
 /// How often the process is looked at while nothing comes.
@@ -73,11 +71,13 @@ base::Result<std::string> ReadToEnd(const base::Fd& socket, Clock::time_point en
 
 }  // namespace
 
-base::Result<Answer> AskAgent(const std::string& appDir, const std::string& name, const std::string& request) {
+base::Result<Answer> AskAgent(const std::string& appDir, const std::string& name, const std::string& request,
+                              std::chrono::milliseconds patience) {
     const std::string path = ConsoleSocket(appDir, name);
-    const auto end = Clock::now() + kPatience;
+    const auto end = Clock::now() + patience;
     const base::Result<base::Fd> connection =
-        base::ConnectLocal(path, base::SocketKind::kStream, base::DirectoryOwner::kAnybody, kConnectPatience);
+        base::ConnectLocal(path, base::SocketKind::kStream, base::DirectoryOwner::kAnybody,
+                           std::min<milliseconds>(kConnectPatience, patience));
     if (!connection) {
         const base::Error& error = connection.GetError();
         const bool absent = error.kind == base::ErrorKind::kNoServer || error.kind == base::ErrorKind::kNotFound;
