@@ -12,6 +12,7 @@
 
 #include "base/Mutex.h"
 #include "base/TrustedRead.h"
+#include "broker/NatsTexts.h"
 #include "broker/ServerInfo.h"
 #include "rule/FleetNames.h"
 
@@ -21,6 +22,7 @@ namespace {
 constexpr size_t kMostAuthorityBytes = 1 << 20;
 constexpr size_t kMostRefusedSubjects = 256;
 constexpr char kDirectRead[] = "$JS.API.DIRECT.GET.";
+constexpr char kLeaderRead[] = "$JS.API.STREAM.MSG.GET.";
 // A frozen broker is noticed after so long twice; the library's own two minutes would be without events for as long.
 constexpr int64_t kPingMs = 5000;
 constexpr int kMostPings = 2;
@@ -28,10 +30,6 @@ constexpr int kLeastBuffer = 32 << 10;  // what waits for a connection waits in 
 // Why there is no connection, the library does not say of attempts in the background: it is asked this often at most.
 constexpr std::chrono::seconds kProbePeriod{5};
 constexpr std::chrono::milliseconds kGreetingPatience{2000};
-constexpr char kIdHeader[] = "Nats-Msg-Id";
-constexpr char kFirstHeader[] = "Zel-First";
-constexpr char kOperationHeader[] = "KV-Operation";
-constexpr char kMarkerHeader[] = "Nats-Marker-Reason";  // the broker's own, where a key has outlived its time
 constexpr char kInbox[] = "_INBOX.";
 // The stream takes no message of this length.
 constexpr int kCodeMessageTooLong = 10054;
@@ -52,9 +50,8 @@ using Options = std::unique_ptr<natsOptions, FreeOptions>;
 using Message = std::unique_ptr<natsMsg, FreeMessage>;
 using Subscription = std::unique_ptr<natsSubscription, FreeSubscription>;
 
-std::string HeaderOf(natsMsg* message, const char* name) {
-    const char* text = nullptr;
-    return natsMsgHeader_Get(message, name, &text) == NATS_OK && text != nullptr ? text : "";
+StoredMessage Take(natsMsg* message) {
+    return {HeaderOf(message, kIdHeader), RemovalOf(message), PayloadOf(message), natsMsg_GetTime(message) / 1000000};
 }
 
 base::Error ErrorOf(natsStatus status, const char* what) {
@@ -185,6 +182,7 @@ struct NatsBroker::Impl {
     mutable base::Mutex linkLock;
     std::shared_ptr<Link> link ZEL_GUARDED_BY(linkLock);
     std::vector<std::string> bells ZEL_GUARDED_BY(linkLock);  // subjects
+    base::Mutex askLock;  // of what may well be refused: of two refusals at once the library tells one
     base::Mutex probeLock;
     std::string probed ZEL_GUARDED_BY(probeLock);  // why the last attempt failed
     std::chrono::steady_clock::time_point probeDue ZEL_GUARDED_BY(probeLock);
@@ -198,6 +196,9 @@ struct NatsBroker::Impl {
         return link;
     }
 
+    std::string InboxPrefix() const {
+        return kInbox + (options.token.empty() ? EscapeName(options.host) : options.token);
+    }
     /// What every attempt to connect has.
     base::Result<Options> MakeOptions() const;
     base::Status SetAuthorities(natsOptions* made) const;
@@ -213,7 +214,6 @@ struct NatsBroker::Impl {
     std::string TryAgain();
     Answer AnswerOf(natsStatus status, int code, const std::string& subject, uint64_t refusalsBefore);
     Answer NotConnected();
-    base::Status JudgeConnected() const;
 };
 
 base::Status NatsBroker::Impl::SetAuthorities(natsOptions* made) const {
@@ -251,7 +251,7 @@ base::Result<Options> NatsBroker::Impl::MakeOptions() const {
     Options owned(made);
     std::vector<const char*> servers;
     for (const std::string& server : options.servers) servers.push_back(server.c_str());
-    const std::string inbox = "_INBOX." + EscapeName(options.host);
+    const std::string inbox = InboxPrefix();
     const auto then = [&](natsStatus next) { status = status == NATS_OK ? next : status; };
     then(natsOptions_SetServers(made, servers.data(), static_cast<int>(servers.size())));
     then(natsOptions_SetName(made, options.host.c_str()));
@@ -360,13 +360,15 @@ base::Result<std::unique_ptr<NatsBroker>> NatsBroker::Open(const BrokerOptions& 
     return std::unique_ptr<NatsBroker>(new NatsBroker(std::move(impl)));
 }
 
-base::Status NatsBroker::Impl::JudgeConnected() const {
+base::Result<ServerInfo> NatsBroker::Greeting() {
     char url[512] = "";
-    const natsStatus status = natsConnection_GetConnectedUrl(Now()->connection, url, sizeof(url));
+    const natsStatus status = natsConnection_GetConnectedUrl(m_impl->Now()->connection, url, sizeof(url));
     if (status != NATS_OK) return base::SentenceError("the connection to the broker is gone again");
-    const auto info = ReadServerInfo(PlaceOf(url), kGreetingPatience);
-    if (!info) return info.GetError();
-    return JudgeServer(*info);
+    return ReadServerInfo(PlaceOf(url), kGreetingPatience);
+}
+
+std::string NatsBroker::WhyNot() {
+    return m_impl->NotConnected().text;
 }
 
 base::Status NatsBroker::Judge() {
@@ -374,7 +376,8 @@ base::Status NatsBroker::Judge() {
     base::MutexLock held(m_impl->judgeLock);
     const uint64_t connection = m_impl->heard->connections;
     if (m_impl->judged == connection) return m_impl->verdict;
-    m_impl->verdict = m_impl->JudgeConnected();
+    const auto said = Greeting();
+    m_impl->verdict = said ? JudgeServer(*said) : base::Status(said.GetError());
     // One that has not said what it is is asked again.
     const bool isSaid = m_impl->verdict.Ok() || m_impl->verdict.GetError().kind == base::ErrorKind::kRefused;
     m_impl->judged.reset();
@@ -475,12 +478,50 @@ Answer NatsBroker::Read(const std::string& stream, const std::string& subject, S
     Answer answer = m_impl->AnswerOf(status, 0, asked, refusals);
     if (status != NATS_OK) return answer;
     answer.sequence = natsMsg_GetSequence(got);
-    message.id = HeaderOf(got, kIdHeader);
-    message.removal = HeaderOf(got, kOperationHeader);
-    if (message.removal.empty()) message.removal = HeaderOf(got, kMarkerHeader);
-    message.payload.assign(natsMsg_GetData(got), static_cast<size_t>(natsMsg_GetDataLength(got)));
-    message.timeMs = natsMsg_GetTime(got) / 1000000;
+    message = Take(got);
     return answer;
+}
+
+Answer NatsBroker::ReadNewest(const std::string& stream, const std::string& subject, StoredMessage& message) {
+    if (!IsConnected()) return m_impl->NotConnected();
+    const std::shared_ptr<Link> link = m_impl->Now();
+    const std::string asked = kLeaderRead + stream;
+    base::MutexLock oneAtATime(m_impl->askLock);
+    const uint64_t refusals = m_impl->heard->RefusalsOf(asked);
+    natsMsg* got = nullptr;
+    jsErrCode code = static_cast<jsErrCode>(0);
+    const natsStatus status = js_GetLastMsg(&got, link->stream, stream.c_str(), subject.c_str(), nullptr, &code);
+    const Message owned(got);
+    Answer answer = m_impl->AnswerOf(status, static_cast<int>(code), asked, refusals);
+    if (status != NATS_OK) return answer;
+    answer.sequence = natsMsg_GetSequence(got);
+    message = Take(got);
+    return answer;
+}
+
+Answer NatsBroker::Ask(const std::string& subject, const std::string& body, std::string& reply) {
+    if (!IsConnected()) return m_impl->NotConnected();
+    const std::shared_ptr<Link> link = m_impl->Now();
+    base::MutexLock oneAtATime(m_impl->askLock);
+    const uint64_t refusals = m_impl->heard->RefusalsOf(subject);
+    natsMsg* got = nullptr;
+    const natsStatus status = natsConnection_Request(&got, link->connection, subject.c_str(), body.data(),
+                                                     static_cast<int>(body.size()), m_impl->options.requestMs);
+    const Message owned(got);
+    if (status == NATS_OK) reply = PayloadOf(got);
+    return m_impl->AnswerOf(status, 0, subject, refusals);
+}
+
+std::unique_ptr<Inbox> NatsBroker::OpenInbox() {
+    const std::shared_ptr<Link> link = m_impl->Now();
+    natsInbox* made = nullptr;
+    if (!IsConnected() || natsInbox_Create(&made) != NATS_OK) return nullptr;
+    // The library's own name of a new place, below the only prefix that there is a right to.
+    const std::string subject = m_impl->InboxPrefix() + (made + sizeof(kInbox) - 2);
+    natsInbox_Destroy(made);
+    natsSubscription* heard = nullptr;
+    if (natsConnection_SubscribeSync(&heard, link->connection, subject.c_str()) != NATS_OK) return nullptr;
+    return std::make_unique<Inbox>(link, link->connection, heard, subject);
 }
 
 Answer NatsBroker::Put(const PlainMessage& message) {

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "base/Result.h"
+#include "broker/Inbox.h"
+#include "broker/ServerInfo.h"
 #include "rule/PublishRule.h"
 
 namespace fleet {
@@ -17,6 +19,7 @@ namespace fleet {
 struct BrokerOptions {
     std::vector<std::string> servers;  ///< "nats://host:port", "tls://host:port"
     std::string host;                  ///< this host's name, not yet escaped
+    std::string token;                 ///< what its answers come to, "_INBOX.<token>."; empty: the name, escaped
     std::string caFile;                ///< with it only servers of this authority count, and their name is checked
     /// Of this host (scripts/fleet-enrol); empty: none. It and its place belong to root or this user, and it is nobody
     /// else's to read. Read anew with each connection.
@@ -73,6 +76,14 @@ public:
     /// Stores it, and waits until the broker says so. Blocks: as above.
     Answer Put(const PlainMessage& message);
 
+    /// As Read, and asked of the stream's leader: no replica that lags behind answers. Needs another right.
+    Answer ReadNewest(const std::string& stream, const std::string& subject, StoredMessage& message);
+    /// Asks one of the broker's services. Blocks: as above. `reply` is set with kOk.
+    Answer Ask(const std::string& subject, const std::string& body, std::string& reply);
+    /// Opens a place of its own for many answers to one request, on the connection that there is now.
+    /// Returns: nothing where there is none.
+    std::unique_ptr<Inbox> OpenInbox();
+
     /// Calls `news` whenever there is another connection, and whenever a message comes on one of the subjects: not
     /// which, and not what is in it. `news` is entered on the library's threads, must return at once and not call back.
     /// Another call takes the place of the one before: after it with nothing, `news` is entered no more.
@@ -85,7 +96,11 @@ public:
     /// connect. Errors: kRefused for one that is too old; others where it does not say what it is, or there is none.
     base::Status Judge();
 
+    /// What the broker at the other end says of itself. Blocks: as an attempt to connect.
+    base::Result<ServerInfo> Greeting();
     bool IsConnected() const;
+    /// Why there is no connection. Blocks: as an attempt to connect, every few seconds at most.
+    std::string WhyNot();
     /// Returns: how many connections there have been; another one makes what was known of the stream unsure.
     uint64_t Connections() const;
     const std::string& Host() const;

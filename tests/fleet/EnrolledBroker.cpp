@@ -44,15 +44,19 @@ BrokerOptions EnrolledBroker::Options(const std::string& host) const {
     options.servers = {"tls://127.0.0.1:" + m_port};
     options.host = host;
     options.caFile = m_directory / "fleet/tls/ca.pem";
-    options.credsFile = m_directory / "host.creds";
+    options.credsFile = Credentials("host");
     options.reconnectMs = 50;
     return options;
 }
 
 BrokerOptions EnrolledBroker::AdminOptions() const {
     BrokerOptions options = Options("chief");
-    options.credsFile = m_directory / "fleet/creds/chief.creds";
+    options.credsFile = Credentials("chief");
     return options;
+}
+
+std::string EnrolledBroker::Credentials(const std::string& who) const {
+    return m_directory / (who == "host" ? "host.creds" : "fleet/creds/" + who + ".creds");
 }
 
 std::string EnrolledBroker::Log() const {

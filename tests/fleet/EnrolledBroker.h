@@ -1,4 +1,4 @@
-// A broker as an operator sets it up, with an enrolled host and an administrator, as a process of a test.
+// A broker as an operator sets it up, with an enrolled host, an administrator and a console, as a process of a test.
 #pragma once
 
 #include <cstdio>
@@ -28,6 +28,8 @@ public:
     BrokerOptions Options(const std::string& host) const;
     /// Of a connection that may write the configuration and read the states.
     BrokerOptions AdminOptions() const;
+    /// Returns: the credentials of "host", the administrator "chief" or the console "ann".
+    std::string Credentials(const std::string& who) const;
     std::string Log() const;
 
 private:
