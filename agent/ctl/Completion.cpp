@@ -76,14 +76,17 @@ void AddOption(const CLI::Option& option, Command& command, Table& table) {
     table.valued.push_back({command.path.empty() ? "*" : command.path, names, choice});
 }
 
-void AddCommand(const CLI::App& app, const std::string& path, Table& table) {
+/// inherited: options of the group that the command is of.
+void AddCommand(const CLI::App& app, const std::string& path, const std::string& inherited, Table& table) {
     Command command;
     command.path = path;
+    command.options = inherited;
     for (const CLI::Option* option : app.get_options()) AddOption(*option, command, table);
     const std::vector<const CLI::App*> below = app.get_subcommands([](const CLI::App*) { return true; });
     for (const CLI::App* one : below) command.commands = Joined(command.commands, one->get_name(), " ");
     table.commands.push_back(command);
-    for (const CLI::App* one : below) AddCommand(*one, path + " " + one->get_name(), table);
+    const std::string handedDown = path.empty() ? "" : command.options;
+    for (const CLI::App* one : below) AddCommand(*one, path + " " + one->get_name(), handedDown, table);
 }
 
 std::string Quoted(const std::string& text) {
@@ -94,7 +97,7 @@ std::string Quoted(const std::string& text) {
 std::string ValueCases(const Table& table) {
     std::string text;
     for (const ValuedOption& option : table.valued) {
-        const std::string path = option.path == "*" ? "*" : Quoted(option.path);
+        const std::string path = option.path == "*" ? "*" : Quoted(option.path) + "*";  // taken below it as well
         std::string pattern;
         for (size_t at = 0; at < option.names.size();) {
             const size_t end = std::min(option.names.find('|', at), option.names.size());
@@ -253,7 +256,7 @@ std::string Zsh(const Table& table) {
 
 std::string MakeCompletion(const CLI::App& app, const std::string& shell) {
     Table table;
-    AddCommand(app, "", table);
+    AddCommand(app, "", "", table);
     return shell == "zsh" ? Zsh(table) : Bash(table);
 }
 

@@ -9,6 +9,7 @@
 #include "CtlExit.h"
 #include "EventWords.h"
 #include "Explain.h"
+#include "FleetCommands.h"
 #include "HistoryCommands.h"
 #include "ShowEvents.h"
 #include "ShowStatus.h"
@@ -35,6 +36,7 @@ struct CommandLine {
     agent::ConfigOptions config;
     agent::TopOptions top;
     agent::HistoryOptions history;
+    agent::FleetOptions fleet;
     std::string shell;  ///< of completion
 };
 
@@ -106,6 +108,7 @@ void Declare(CLI::App& app, CommandLine& line) {
     DeclareExplain(app, line.explain);
     DeclareConfig(app, line.config);
     agent::DeclareHistoryCommands(app, line.history);
+    agent::DeclareFleet(app, line.fleet);
     app.add_subcommand("metrics", "the process's metrics in Prometheus text form");
     app.add_subcommand("threads", "per-thread CPU report with the busiest thread's kernel stack");
     app.add_subcommand("statistics", "the registered statistics, collected now");
@@ -160,6 +163,13 @@ int Configure(const CommandLine& line) {
     return agent::RunConfig(options);
 }
 
+int AskFleet(const CommandLine& line) {
+    agent::FleetOptions options = line.fleet;
+    options.place.appDir = line.appDir;
+    options.json = line.json;
+    return agent::RunFleet(options);
+}
+
 int Run(const CommandLine& line) {
     agent::StatusOptions asked = line.status;
     asked.appDir = line.appDir;
@@ -172,6 +182,7 @@ int Run(const CommandLine& line) {
     if (line.command == "explain") return Explain(line);
     if (line.command == "config") return Configure(line);
     if (line.command == "top") return Watch(line);
+    if (line.command == "fleet") return AskFleet(line);
     if (agent::IsHistoryCommand(line.command)) {
         agent::HistoryOptions options = line.history;
         options.json = line.json;
@@ -200,6 +211,7 @@ int main(int argc, char** argv) {
         fputs(agent::MakeCompletion(app, line.shell).c_str(), stdout);
         return kOk;
     }
+    if (line.command == "fleet") agent::NoteFleetCommand(app, line.fleet);
     if (line.command == "config") line.config.action = app.get_subcommand("config")->get_subcommands()[0]->get_name();
     // Before an agent is installed the doctor looks at the host alone.
     const bool installed = base::ReadFileMark(zel::kDefaultAppDir).exists;

@@ -100,6 +100,7 @@ Json::Value JsonOf(const HostState& state) {
     events["oldest"] = Json::Int64(state.oldestWaitingSeconds);
     events["dropped"] = Json::UInt64(state.eventsDropped);
     events["given_up"] = Json::UInt64(state.eventsGivenUp);
+    events["blocked"] = Short(state.blocked);
     root["drifts"] = Json::UInt64(state.drifts);
     Json::Value& kill = root["kill"] = Json::Value(Json::objectValue);
     kill["time"] = Json::Int64(state.lastKill.time);
@@ -172,6 +173,7 @@ base::Result<HostState> ParseHostState(const std::string& text) {
     state.oldestWaitingSeconds = NumberAt(events, "oldest");
     state.eventsDropped = CountAt(events, "dropped");
     state.eventsGivenUp = CountAt(events, "given_up");
+    state.blocked = TextAt(events, "blocked");
     state.drifts = CountAt(*root, "drifts");
     state.lastKill = {NumberAt(kill, "time"), TextAt(kill, "event"), TextAt(kill, "component")};
     return state;
@@ -182,7 +184,8 @@ bool DiffersForFleet(const HostState& before, const HostState& after) {
     return before.version != after.version || before.groups != after.groups || before.agentRuns != after.agentRuns ||
            before.mode != after.mode || before.problems != after.problems || before.drifts != after.drifts ||
            before.eventsDropped != after.eventsDropped || before.eventsGivenUp != after.eventsGivenUp ||
-           before.lastKill.event != after.lastKill.event || config(before.config) != config(after.config);
+           before.blocked != after.blocked || before.lastKill.event != after.lastKill.event ||
+           config(before.config) != config(after.config);
 }
 
 const char* NameOf(Presence presence) {
@@ -198,7 +201,7 @@ const char* NameOf(Presence presence) {
 Presence PresenceOf(const HostState& state, int64_t silentSeconds) {
     if (silentSeconds >= kGoneIntervals * kHostStateSeconds) return Presence::kGone;
     if (silentSeconds >= kLateIntervals * kHostStateSeconds) return Presence::kLate;
-    const bool well = state.agentRuns && state.problems == 0 && state.config.error.empty();
+    const bool well = state.agentRuns && state.problems == 0 && state.config.error.empty() && state.blocked.empty();
     return well ? Presence::kOk : Presence::kTroubled;
 }
 

@@ -46,6 +46,7 @@ struct HostState {
     int64_t oldestWaitingSeconds = 0;
     uint64_t eventsDropped = 0;
     uint64_t eventsGivenUp = 0;
+    std::string blocked;  ///< why its events do not get into the stream until somebody does something; empty: they do
     uint64_t drifts = 0;  ///< differences found by the keeper since the agent started
     LastKill lastKill;
 };

@@ -1,0 +1,61 @@
+// Looking for the broker's address and the relay's program.
+#include "FleetAccess.h"
+
+#include "AgentConfig.h"
+#include "AgentPaths.h"
+#include "base/FileIo.h"
+#include "base/FilePath.h"
+#include "base/ProcFiles.h"
+#include "platform/zel/AgentNames.h"
+
+namespace agent {
+
+namespace {
+
+std::string Joined(const std::vector<std::string>& texts) {
+    std::string joined;
+    for (const std::string& text : texts) joined += (joined.empty() ? "" : ",") + text;
+    return joined;
+}
+
+}  // namespace
+
+base::Result<std::string> FindRelayProgram(const std::string& directory) {
+    const std::string beside = directory + zel::kRelayProgram;
+    const std::string below = directory + zel::kRelayDirectory + zel::kRelayProgram;
+    if (base::ReadFileMark(beside).exists) return beside;
+    if (base::ReadFileMark(below).exists) return below;
+    return base::SentenceError("the program that speaks to a fleet's broker is not installed, neither as " + beside +
+                                   " nor as " + below +
+                                   ": it is built and installed where libnats is (libnats3.4 to "
+                                   "run it, libnats-dev to build it)",
+                               base::ErrorKind::kNotFound);
+}
+
+base::Result<FleetAccess> FindFleet(const FleetPlace& place) {
+    const base::Result<std::string> own = base::ReadOwnProgramPath();
+    if (!own && place.programs.empty()) return own.GetError();
+    const base::Result<std::string> program =
+        FindRelayProgram(place.programs.empty() ? base::DirectoryOf(*own) : place.programs);
+    if (!program) return program.GetError();
+    FleetAccess access;
+    access.program = *program;
+    access.servers = Joined(place.servers);
+    access.credentials = place.credentials;
+    access.caFile = place.caFile;
+    if (!place.servers.empty()) return access;
+    const std::string path = ConfigurationFile(place.appDir, zel::kAgentConfigFileName);
+    const base::Result<AgentConfig> config = LoadAgentConfig(path);
+    if (!config) {
+        return base::SentenceError(config.GetError().Text() + "; or name the brokers: --servers tls://HOST:4222");
+    }
+    if (!config->fleet) {
+        return base::SentenceError(
+            "no broker is known: name it with --servers tls://HOST:4222, or in the block \"fleet\" of " + path);
+    }
+    access.servers = Joined(config->fleet->servers);
+    if (access.caFile.empty()) access.caFile = FleetFile(place.appDir, config->fleet->caFile);
+    return access;
+}
+
+}  // namespace agent

@@ -1,0 +1,102 @@
+// The command line of `fleet`, and the two views of its hosts.
+#include "FleetCommands.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+
+#include "CtlExit.h"
+#include "FleetCluster.h"
+#include "FleetLink.h"
+#include "FleetReading.h"
+#include "FleetRoster.h"
+#include "View.h"
+
+namespace agent {
+
+namespace {
+
+int ShowStatus(FleetLink& link, const FleetOptions& options) {
+    const base::Result<FleetRoster> roster = ReadRoster(link);
+    if (!roster) return FleetFail(kUnreachable, roster.GetError().Text());
+    const FleetCluster cluster = ReadCluster(link);
+    const std::vector<DoctorFinding> findings = JudgeFleet(cluster, *roster);
+    if (options.json) {
+        fputs(ViewText(FleetJson(cluster, *roster, findings)).c_str(), stdout);
+    } else {
+        fputs(PaintLines(WordFleet(cluster, *roster, findings)).c_str(), stdout);
+    }
+    return findings.empty() ? kOk : kDegraded;
+}
+
+/// A host at a time: of ten thousand no text is made as a whole.
+void PrintHostsJson(const std::vector<const FleetRow*>& rows, const FleetRoster& roster) {
+    Json::Value view = NewView("fleet-hosts");
+    view["time"]["broker"] = Json::Int64(roster.Time().now);
+    view["time"]["told"] = roster.Time().isTold;
+    const std::string head = ViewText(view, true);
+    printf("%s,\"hosts\":[", head.substr(0, head.rfind('}')).c_str());
+    for (const FleetRow* row : rows) {
+        const std::string text = ViewText(HostJson(*row), true);
+        printf("%s%s", row == rows.front() ? "\n" : ",\n", text.substr(0, text.size() - 1).c_str());
+    }
+    printf("]}\n");
+}
+
+int ShowHosts(FleetLink& link, const FleetOptions& options) {
+    const base::Result<FleetRoster> roster = ReadRoster(link);
+    if (!roster) return FleetFail(kUnreachable, roster.GetError().Text());
+    std::vector<const FleetRow*> rows;
+    for (const FleetRow& row : roster->Rows()) {
+        if (IsWanted(row, options.group, options.state)) rows.push_back(&row);
+    }
+    if (options.json) {
+        PrintHostsJson(rows, *roster);
+        return kOk;
+    }
+    if (rows.empty()) {
+        printf("no host%s\n", roster->Rows().empty() ? " has said anything of itself yet" : " of this kind");
+        return kOk;
+    }
+    for (const TextLine& line : HostTable(rows)) printf("%s\n", Painted(line.text, line.kind).c_str());
+    return kOk;
+}
+
+}  // namespace
+
+void DeclareFleet(CLI::App& app, FleetOptions& options) {
+    CLI::App* fleet =
+        app.add_subcommand("fleet", "the hosts of a fleet, their events and configuration, by its broker");
+    fleet->require_subcommand(1);
+    fleet->add_option("--servers", options.place.servers, "brokers to ask; those of agent.json otherwise")
+        ->delimiter(',')
+        ->take_all()
+        ->type_name("ADDRESS");
+    fleet->add_option("--creds", options.place.credentials, "credentials of this console")->type_name("FILE");
+    fleet->add_option("--ca", options.place.caFile, "authorities that a broker's certificate is to be of")
+        ->type_name("FILE");
+    fleet->add_subcommand("status", "hosts by state, versions, the cluster's health, and what to do");
+    CLI::App* hosts = fleet->add_subcommand("hosts", "each host: state, version, configuration, events, last kill");
+    hosts->add_option("--group", options.group, "only those of this group of hosts")->type_name("GROUP");
+    const std::vector<std::string> standings(std::begin(kHostStandingNames), std::end(kHostStandingNames));
+    hosts->add_option("--state", options.state, "only those in this state")->check(CLI::IsMember(standings));
+}
+
+void NoteFleetCommand(const CLI::App& app, FleetOptions& options) {
+    for (const CLI::App* at = app.get_subcommands()[0]; !at->get_subcommands().empty();) {
+        at = at->get_subcommands()[0];
+        options.command += (options.command.empty() ? "" : " ") + at->get_name();
+    }
+}
+
+int RunFleet(const FleetOptions& options) {
+    const base::Result<FleetAccess> access = FindFleet(options.place);
+    if (!access) return FleetFail(kUnreachable, access.GetError().Text());
+    const base::Result<std::unique_ptr<FleetLink>> link = FleetLink::Open(*access);
+    if (!link) return FleetFail(kUnreachable, link.GetError().Text());
+    if (options.command == "hosts") return ShowHosts(**link, options);
+    return ShowStatus(**link, options);
+}
+
+}  // namespace agent

@@ -1,0 +1,37 @@
+// The JSON of the fleet's views is what its document says.
+#include "FleetFixture.h"
+#include "support/SchemaWalk.h"
+
+using namespace agent;
+
+namespace {
+
+class FleetSchemaTest : public fleettest::FleetFixture {
+protected:
+    /// Each line of what the command prints.
+    void See(const std::string& command) {
+        options.json = true;
+        Run(command);
+        const Json::Value view = Parsed(out);
+        const std::string schema = view["schema"].asString();
+        ASSERT_EQ(m_schemas.count(schema), 1u) << out << err;
+        EXPECT_EQ(view["version"].asInt(), 1);
+        support::WalkSchema("", view, m_schemas.at(schema), m_seen[schema]);
+    }
+
+    const support::Schemas m_schemas = support::ReadSchemas(ZEL_CONSOLE_DOCUMENT);
+    std::map<std::string, std::map<std::string, std::string>> m_seen;
+};
+
+TEST_F(FleetSchemaTest, EachFleetViewHoldsItsDocument) {
+    HostState host = WellHost("web1");
+    host.findings = {"something"};
+    AddHost(host, 300);
+    See("status");
+    See("hosts");
+    for (const auto& [schema, members] : m_schemas) {
+        if (schema.compare(0, 17, "tervanectl.fleet-") == 0) support::ExpectSchema(schema, members, m_seen[schema]);
+    }
+}
+
+}  // namespace
