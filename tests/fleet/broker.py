@@ -1,7 +1,9 @@
 """A broker of a test's own, and a client that speaks its text protocol with the credentials that a host gets."""
 import base64
+import contextlib
 import json
 import os
+import random
 import re
 import shutil
 import signal
@@ -14,28 +16,35 @@ import urllib.request
 from cryptography.hazmat.primitives.asymmetric import ed25519
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-EXAMPLE = os.path.join(ROOT, "packaging", "fleet", "one-broker.conf")
+EXAMPLES = os.path.join(ROOT, "packaging", "fleet")
 PATIENCE_SECONDS = 60
+# An attempt that was lost on its way through three brokers stands in the way of the next one for so long.
+DUPLICATE_SECONDS = 2
 
 
 def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+    """One that no outgoing connection is given: a broker that was killed has to find it free again."""
+    with open("/proc/sys/net/ipv4/ip_local_port_range") as file:
+        first = int(file.read().split()[0])
+    while True:
+        with socket.socket() as probe, contextlib.suppress(OSError):
+            probe.bind(("127.0.0.1", random.randrange(10000, max(first, 20000))))
+            return probe.getsockname()[1]
 
 
 class Broker:
-    """The example configuration on ports and in a directory of its own."""
+    """An example configuration on ports and in a directory of its own."""
 
-    def __init__(self, directory, fleet, server="b1"):
-        self.port, self.http, self.process = free_port(), free_port(), None
+    def __init__(self, directory, fleet, server="b1", program="nats-server", example="one-broker.conf", changes=None):
+        self.port, self.http, self.process, self.program = free_port(), free_port(), None, program
         self.directory, self.log = directory, os.path.join(directory, "broker.log")
-        self.config = os.path.join(directory, "broker.conf")
-        with open(EXAMPLE) as file:
+        self.config, self.server = os.path.join(directory, "broker.conf"), server
+        with open(os.path.join(EXAMPLES, example)) as file:
             text = file.read()
         changes = {"0.0.0.0:4222": f"127.0.0.1:{self.port}", "127.0.0.1:8222": f"127.0.0.1:{self.http}",
                    "/var/lib/nats": os.path.join(directory, "store"), "20GB": "2GB",
-                   "/etc/nats/b1": os.path.join(fleet, "tls", server)}
+                   "server_name: b1": f"server_name: {server}",
+                   "/etc/nats/b1": os.path.join(fleet, "tls", server), **(changes or {})}
         for old, new in changes.items():
             if old not in text:
                 raise AssertionError(f"the example has no {old}")
@@ -49,9 +58,15 @@ class Broker:
         shutil.copy(os.path.join(self.fleet, "auth.conf"), os.path.join(self.directory, "auth.conf"))
 
     def start(self):
+        self.launch()
+        return self.wait_ready()
+
+    def launch(self):
         with open(self.log, "ab") as log:
-            self.process = subprocess.Popen(["nats-server", "-c", self.config], stdout=log, stderr=log,
-                                            env=dict(os.environ, GOMAXPROCS="2"))
+            self.process = subprocess.Popen([self.program, "-c", self.config], stdout=log, stderr=log,
+                                            env=dict(os.environ, GOMAXPROCS="2", GOMEMLIMIT="256MiB"))
+
+    def wait_ready(self):
         end = time.monotonic() + PATIENCE_SECONDS
         while time.monotonic() < end:
             try:
@@ -63,7 +78,13 @@ class Broker:
             if self.process.poll() is not None:
                 break
         with open(self.log) as log:
-            raise AssertionError("the broker does not start: " + log.read()[-2000:])
+            said = "".join(line for line in log if "Healthcheck failed" not in line)
+            raise AssertionError("the broker does not start: " + said[-4000:])
+
+    def figures(self, path):
+        """What the broker says of itself at its port for that."""
+        with urllib.request.urlopen(f"http://127.0.0.1:{self.http}/{path}", timeout=5) as answer:
+            return json.load(answer)
 
     def reload(self):
         before = self.count("Reloaded server configuration")
@@ -121,7 +142,7 @@ class Client:
         connect = {"verbose": False, "pedantic": False, "headers": True, "no_responders": True, "lang": "test",
                    "version": "1", "protocol": 1, "tls_required": not plain, "jwt": credentials.token,
                    "sig": credentials.sign(self.info["nonce"])}
-        self._send(b"CONNECT " + json.dumps(connect).encode() + b"\r\n")
+        self.send(b"CONNECT " + json.dumps(connect).encode() + b"\r\n")
         self.sync()
 
     @staticmethod
@@ -143,7 +164,7 @@ class Client:
     def __exit__(self, *_):
         self.close()
 
-    def _send(self, data):
+    def send(self, data):
         try:
             self.socket.sendall(data)
         except OSError as error:
@@ -174,7 +195,7 @@ class Client:
         line = self._line()
         word, _, rest = line.partition(" ")
         if word == "PING":
-            self._send(b"PONG\r\n")
+            self.send(b"PONG\r\n")
         elif word == "-ERR":
             self.errors.append(rest)
         elif word in ("MSG", "HMSG"):
@@ -186,15 +207,22 @@ class Client:
 
     def sync(self):
         """Until everything sent so far was worked on. Returns: the errors that came, which are forgotten with that."""
-        self._send(b"PING\r\n")
+        self.send(b"PING\r\n")
         while self._step() != "PONG":
             pass
         errors, self.errors = self.errors, []
         return errors
 
+    def receive(self, number):
+        """Waits until as many messages are there, and takes them."""
+        while len(self.messages) < number:
+            self._step()
+        messages, self.messages = self.messages, []
+        return messages
+
     def subscribe(self, subject):
         self.sid += 1
-        self._send(f"SUB {subject} {self.sid}\r\n".encode())
+        self.send(f"SUB {subject} {self.sid}\r\n".encode())
         return self.sync()
 
     def publish(self, subject, data=b"", reply="", headers=None):
@@ -202,7 +230,7 @@ class Client:
         if head:
             head = "NATS/1.0\r\n" + head + "\r\n"
             sizes = f"{len(head)} {len(head) + len(data)}"
-        self._send(f"{'HPUB' if head else 'PUB'} {subject} {reply + ' ' if reply else ''}"
+        self.send(f"{'HPUB' if head else 'PUB'} {subject} {reply + ' ' if reply else ''}"
                    f"{sizes if head else len(data)}\r\n{head}".encode() + data + b"\r\n")
         return self.sync()
 
@@ -226,14 +254,14 @@ class Client:
             raise Refused(answer)
         return json.loads(answer)
 
-    def make_streams(self):
-        """The three streams of a fleet on one broker."""
+    def make_streams(self, replicas=1):
+        """The three streams of a fleet."""
         for config in (
                 {"name": "EVENTS", "subjects": ["zel.events.>"], "max_age": 7 * 86400 * 10**9, "allow_direct": True,
-                 "deny_delete": True, "duplicate_window": 120 * 10**9},
+                 "deny_delete": True, "duplicate_window": DUPLICATE_SECONDS * 10**9},
                 {"name": "KV_state", "subjects": ["$KV.state.>"], "max_msgs_per_subject": 1, "allow_direct": True},
                 {"name": "KV_config", "subjects": ["$KV.config.>"], "max_msgs_per_subject": 10, "allow_direct": True}):
-            config = dict(config, storage="file", retention="limits", discard="old", num_replicas=1)
+            config = dict(config, storage="file", retention="limits", discard="old", num_replicas=replicas)
             answer = self.api("STREAM.CREATE." + config["name"], **config)
             if "error" in answer:
                 raise AssertionError(answer)
