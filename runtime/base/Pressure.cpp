@@ -105,10 +105,15 @@ Result<Fd> OpenPressureTrigger(PressureResource resource, const PressureTrigger&
     const char* const path = PressureFile(resource);
     Fd file(open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
     if (!file) return ErrnoError(errno, "open", path);
-    const std::string text = FormatPressureTrigger(trigger);
-    // With its zero, as the kernel's document has it.
-    if (write(file.Get(), text.c_str(), text.size() + 1) < 0) return ErrnoError(errno, "write " + text, path);
+    const Status armed = ArmPressureTrigger(file, FormatPressureTrigger(trigger), path);
+    if (!armed) return armed.GetError();
     return file;
+}
+
+Status ArmPressureTrigger(const Fd& file, const std::string& trigger, const std::string& path) {
+    // With its zero, as the kernel's document has it.
+    if (write(file.Get(), trigger.c_str(), trigger.size() + 1) >= 0) return {};
+    return ErrnoError(errno, "write " + trigger, path);
 }
 
 }  // namespace base

@@ -54,6 +54,9 @@ constexpr unsigned int kPressureWindowMs = 2000;
 /// Kernel: Linux 5.2; before 6.4 for root only. It ends with the descriptor.
 Result<Fd> OpenPressureTrigger(PressureResource resource, const PressureTrigger& trigger);
 
+/// The same for a pressure file that is open to be written, as a control group's. `path`: for messages.
+Status ArmPressureTrigger(const Fd& file, const std::string& trigger, const std::string& path);
+
 /// What is written for it. Pure.
 std::string FormatPressureTrigger(const PressureTrigger& trigger);
 

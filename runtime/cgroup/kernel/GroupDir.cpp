@@ -263,10 +263,11 @@ Result<std::string> GroupDir::ReadBelow(std::string_view relative, const char* f
     return base::ReadAll(fd, kMaxControlFileBytes, path, base::kWholePiece);
 }
 
-base::Fd GroupDir::OpenDetached(const char* file) const {
+base::Fd GroupDir::OpenDetached(const char* file, bool forWriting) const {
     if (!IsSafeComponent(file)) return {};
     const base::Fd view = base::OpenDetachedView(m_fd.Get());
-    return view ? OpenAt(view.Get(), file, O_RDONLY | O_CLOEXEC | O_NOFOLLOW) : base::Fd();
+    const int mode = forWriting ? O_RDWR | O_NONBLOCK : O_RDONLY;
+    return view ? OpenAt(view.Get(), file, mode | O_CLOEXEC | O_NOFOLLOW) : base::Fd();
 }
 
 Result<int64_t> GroupDir::ReadNumber(const char* file) const {

@@ -61,9 +61,10 @@ public:
     /// Reads one number; "max" and nothing else gives -1.
     Result<int64_t> ReadNumber(const char* file) const;
     /// Opens a control file for reading through a view of the group that nobody else has, so that no mount of the host
-    /// is busy while it stays open. A version 1 hierarchy that is unmounted everywhere lives on as long. Kernel:
-    /// Linux 5.2, CAP_SYS_ADMIN. Returns: not open where that is not to be had.
-    base::Fd OpenDetached(const char* file) const;
+    /// is busy while it stays open. A version 1 hierarchy that is unmounted everywhere lives on as long. `forWriting`:
+    /// for both, and for who waits on it. Kernel: Linux 5.2, CAP_SYS_ADMIN. Returns: not open where that is not to be
+    /// had.
+    base::Fd OpenDetached(const char* file, bool forWriting = false) const;
     /// Writes the value in one write. Never creates the file.
     Status Write(const char* file, std::string_view value) const;
     /// The same, and reads back through the same descriptor what the kernel then shows.
