@@ -127,11 +127,15 @@ base::Status ReadShare(const Json::Value& value, const std::string& key, int& pe
 base::Status ReadPressure(const Json::Value& pressure, AgentConfig& config) {
     if (!pressure.isObject()) return Bad("pressure: an object is expected");
     for (const std::string& key : pressure.getMemberNames()) {
-        int* const percent = key == "memory" ? &config.pressure.memory
-                             : key == "io"   ? &config.pressure.io
-                             : key == "cpu"  ? &config.pressure.cpu
-                                             : nullptr;
-        if (percent == nullptr) return Bad("pressure." + key + ": unknown key; known are memory, io, cpu");
+        int* const percent = key == "memory"       ? &config.pressure.memory
+                             : key == "io"         ? &config.pressure.io
+                             : key == "cpu"        ? &config.pressure.cpu
+                             : key == "own_memory" ? &config.pressure.ownMemory
+                             : key == "own_cpu"    ? &config.pressure.ownCpu
+                                                   : nullptr;
+        if (percent == nullptr) {
+            return Bad("pressure." + key + ": unknown key; known are memory, io, cpu, own_memory, own_cpu");
+        }
         base::Status read = ReadShare(pressure[key], "pressure." + key, *percent);
         if (!read) return read;
     }

@@ -192,4 +192,17 @@ std::vector<zelhost::Metric> MakePressureMetrics(const std::vector<PressureStatu
     return metrics;
 }
 
+std::vector<zelhost::Metric> MakeStallMetrics(const GroupPressureStatus& groups) {
+    std::vector<zelhost::Metric> metrics;
+    for (const ComponentStall& stall : groups.components) {
+        if (!stall.watched && stall.stalls == 0) continue;
+        Samples samples(metrics,
+                        {{"group", stall.group}, {"component", stall.component}, {"resource", stall.resource}});
+        samples.Counter("zel_component_stalls_total",
+                        "Stalls of the component in its own group beyond the threshold, once a minute at most.",
+                        static_cast<int64_t>(stall.stalls));
+    }
+    return metrics;
+}
+
 }  // namespace agent

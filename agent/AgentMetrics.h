@@ -34,4 +34,7 @@ std::vector<zelhost::Metric> MakeKeeperMetrics(const zel::CgroupKeeperStatus& ke
 /// Stalls of the host, of each resource that is watched. Pure.
 std::vector<zelhost::Metric> MakePressureMetrics(const std::vector<PressureStatus>& pressure);
 
+/// Stalls of the components in their own groups, of each that is watched. Pure.
+std::vector<zelhost::Metric> MakeStallMetrics(const GroupPressureStatus& groups);
+
 }  // namespace agent

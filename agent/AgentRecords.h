@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace agent {
 
@@ -33,9 +34,13 @@ struct PressureThresholds {
     int memory = 20;  ///< anybody
     int io = 60;      ///< all that have something to do
     int cpu = 0;      ///< anybody
+    // Of a component in its own group.
+    int ownMemory = 20;  ///< any of its tasks
+    int ownCpu = 80;     ///< all that want to run: one that works at its limit always waits
 
     bool operator==(const PressureThresholds& other) const {
-        return memory == other.memory && io == other.io && cpu == other.cpu;
+        return memory == other.memory && io == other.io && cpu == other.cpu && ownMemory == other.ownMemory &&
+               ownCpu == other.ownCpu;
     }
 };
 
@@ -51,6 +56,22 @@ struct PressureStatus {
     uint64_t stalls = 0;  ///< told by the kernel, once a minute at most
     bool lasts = false;   ///< one is under way
     int64_t lastAt = 0;   ///< wall clock; 0: none yet
+};
+
+/// Stalls of one component in its own group. The figures are of that group.
+struct ComponentStall : PressureStatus {
+    std::string component;
+    std::string group;  ///< in which its own one is
+    // What was measured of the last one.
+    bool byLimit = false;     ///< a limit of the agent's held it back, that of the group `limitGroup`
+    std::string limitGroup;   ///< below the tree; empty: the whole agent
+    int limit = 0;            ///< hundredths of a percent of one CPU, or KB
+    int stalled100Times = 0;  ///< share of those two seconds
+};
+
+struct GroupPressureStatus {
+    std::string reason;  ///< why not every controller is watched; empty: nothing is in the way
+    std::vector<ComponentStall> components;
 };
 
 /// What work of one priority was told so far.

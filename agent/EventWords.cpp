@@ -4,6 +4,7 @@
 #include <json/json.h>
 
 #include <algorithm>
+#include <limits>
 
 #include "HumanText.h"
 #include "JsonText.h"
@@ -28,7 +29,8 @@ constexpr TypeOfKind kTypes[] = {
     {zel::kComponentEndMessage, EventKind::kComponentEnd}, {zel::kSelfKillMessage, EventKind::kSelfKill},
     {zel::kThreadStallMessage, EventKind::kStall},         {zel::kUncleanStopMessage, EventKind::kUncleanStop},
     {zel::kLimitDriftMessage, EventKind::kDrift},          {zel::kHostPressureMessage, EventKind::kPressure},
-    {zel::kObservationMessage, EventKind::kObservation},   {zel::kWouldKillMessage, EventKind::kWouldKill}};
+    {zel::kLimitStallMessage, EventKind::kPressure},       {zel::kObservationMessage, EventKind::kObservation},
+    {zel::kWouldKillMessage, EventKind::kWouldKill}};
 
 EventKind KindOf(const TailEvent& event, const Json::Value& body) {
     for (const TypeOfKind& known : kTypes) {
@@ -134,7 +136,15 @@ void WordDrift(const Json::Value& body, EventInWords& words) {
                  (FlagIn(body, "contested") ? ", contested" : "") + (cause.empty() ? "" : "; " + cause);
 }
 
+/// A component in its own group, in place of the host.
+void WordComponentStall(const Json::Value& body, EventInWords& words) {
+    const ComponentStall stall = StallIn(body);
+    words.about = {stall.component};
+    words.what = DescribeStall(stall) + (FlagIn(body, "goes_on") ? ", for an hour already" : "");
+}
+
 void WordPressure(const Json::Value& body, EventInWords& words) {
+    if (!WordIn(body, "component").empty()) return WordComponentStall(body, words);
     words.about = {"host"};
     std::string list;
     const Json::Value& consumers = body["consumers"];
@@ -192,6 +202,36 @@ int64_t NumberIn(const Json::Value& object, const char* key) {
 bool FlagIn(const Json::Value& object, const char* key) {
     const Json::Value& value = object.isObject() ? object[key] : Json::Value::nullSingleton();
     return value.isBool() && value.asBool();
+}
+
+std::string DescribeStall(const ComponentStall& stall) {
+    const bool cpu = stall.resource == "cpu";
+    const std::string whose = stall.limitGroup.empty()                          ? "the whole agent"
+                              : stall.limitGroup.find('/') == std::string::npos ? "group " + stall.limitGroup
+                                                                                : "its own group " + stall.limitGroup;
+    return "it waited " + HumanPercent(stall.stalled100Times) + " of the time for " + (cpu ? "a CPU" : "memory") +
+           ", held back by the limit of " + whose + ", " +
+           (cpu ? HumanPercent(stall.limit) + " of a CPU" : HumanBytes(static_cast<int64_t>(stall.limit) * 1024));
+}
+
+std::string AdviseOnStall(const ComponentStall& stall) {
+    const bool cpu = stall.resource == "cpu";
+    const std::string maximum = cpu ? "groupMaxCpu" : "groupMaxMemory";
+    if (stall.limitGroup.empty()) return "raise " + maximum;
+    const std::string table = stall.limitGroup.find('/') == std::string::npos ? "cgroup_groups" : "cgroup_components";
+    return std::string("raise its ") + (cpu ? "share" : "KB") + " in " + table + ", or " + maximum +
+           ", or have it do less";
+}
+
+ComponentStall StallIn(const Json::Value& body) {
+    ComponentStall stall;
+    stall.component = WordIn(body, "component");
+    stall.resource = WordIn(body, "resource");
+    stall.limitGroup = WordIn(body, "limit_group");
+    const int64_t limit = NumberIn(body, stall.resource == "cpu" ? "limit_100times" : "limit_kb");
+    stall.limit = static_cast<int>(std::clamp<int64_t>(limit, 0, std::numeric_limits<int>::max()));
+    stall.stalled100Times = static_cast<int>(std::clamp<int64_t>(NumberIn(body, "stalled_100times"), 0, 10000));
+    return stall;
 }
 
 Json::Value EventBody(const TailEvent& event) {

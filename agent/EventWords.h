@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "AgentRecords.h"
 #include "EventTail.h"
 
 namespace agent {
@@ -36,6 +37,12 @@ struct EventInWords {
 
 /// The body as JSON; null when it is no object.
 Json::Value EventBody(const TailEvent& event);
+/// One clause: for how long it waited, and whose limit held it back. Pure.
+std::string DescribeStall(const ComponentStall& stall);
+/// What an operator can do about it, a clause. Pure.
+std::string AdviseOnStall(const ComponentStall& stall);
+/// What the body of a message about a component's stall says of it. Pure.
+ComponentStall StallIn(const Json::Value& body);
 
 /// The one wording of events, for every view.
 EventInWords WordEvent(const TailEvent& event);

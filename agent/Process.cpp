@@ -370,18 +370,22 @@ int Process::StartComponents() {
     m_components->Start(m_options, m_program);
     FollowFleet();
     m_pressure = std::make_unique<HostPressure>(WakeMain);
+    m_groupPressure = std::make_unique<GroupPressure>(WakeMain);
     m_services.SetMetricsSource([this](std::vector<zelhost::Metric>& metrics) {
-        AddAgentMetrics(*m_components, *m_pressure, metrics);
+        AddAgentMetrics(*m_components, *m_pressure, *m_groupPressure, metrics);
         AddHoldBackMetrics(*m_monitor, metrics);
     });
     m_components->Tick(SecondsSinceBoot());  // before anything else that takes its time
     m_pressure->Follow(m_agentConfig->Current().pressure);
+    m_groupPressure->Order(m_agentConfig->Current().pressure);
+    m_groupPressure->Follow();
     m_history = std::make_unique<GroupHistory>();
     return kExitClean;
 }
 
 void Process::StopComponents() {
     if (m_pressure != nullptr) m_pressure->Close();
+    if (m_groupPressure != nullptr) m_groupPressure->Close();
     m_history.reset();
     if (m_components != nullptr) m_components->Stop();
 }
@@ -473,6 +477,7 @@ int Process::LookAround(int64_t second) {
         m_observe.Tick(second, members);
     }
     if (m_pressure != nullptr) m_pressure->Tick(second, *m_components);
+    if (m_groupPressure != nullptr) m_groupPressure->Tick(second);
     LookAfterLimits(second);
     if (m_limitNews.IsDue(second)) {
         TellLimits(CollectStatus(Sources()));
@@ -486,6 +491,7 @@ int Process::LookAround(int64_t second) {
         m_observe.Order(m_agentConfig->Observes(), m_agentConfig->IsUnread());
         FollowFleet();
         if (m_pressure != nullptr) m_pressure->Follow(m_agentConfig->Current().pressure);
+        if (m_groupPressure != nullptr) m_groupPressure->Order(m_agentConfig->Current().pressure);
         TryAgain();
     }
     if (m_tidyAt != 0 && second >= m_tidyAt) {
@@ -501,6 +507,7 @@ int64_t Process::NextDue(int64_t second) const {
     if (m_components != nullptr) due = std::min({due, m_keeping.NextDue(), m_components->NextDue()});
     if (m_limitNews.DueAt() != 0) due = std::min(due, m_limitNews.DueAt());
     if (m_pressure != nullptr && m_pressure->NextDue() != 0) due = std::min(due, m_pressure->NextDue());
+    if (m_groupPressure != nullptr && m_groupPressure->NextDue() != 0) due = std::min(due, m_groupPressure->NextDue());
     if (m_endAt != 0) due = std::min(due, m_endAt);
     if (m_manager.AwaitsReady()) due = second + 1;
     return std::max(due, second + 1);
@@ -539,7 +546,9 @@ void Process::Beat(int64_t second) {
 
 // The monitor looks at its groups when the configuration changes; a group can disappear, and a join fail, at any time.
 void Process::LookAfterLimits(int64_t second) {
-    if (!g_groupsChanged.exchange(false) && second < m_nextLimitCheck) return;
+    const bool changed = g_groupsChanged.exchange(false);
+    if (!changed && second < m_nextLimitCheck) return;
+    if (changed && m_groupPressure != nullptr) m_groupPressure->Follow();
     if (m_components != nullptr) m_components->PlacePrograms();
     const bool settled = m_placement == nullptr || m_placement->Look();
     KeepLegacy();
@@ -571,6 +580,7 @@ StatusSources Process::Sources() {
     sources.workers = m_workers.get();
     sources.components = m_components.get();
     sources.pressure = m_pressure.get();
+    sources.groupPressure = m_groupPressure.get();
     return sources;
 }
 

@@ -11,6 +11,7 @@
 #include "AppDirectory.h"
 #include "ComponentCare.h"
 #include "EventSink.h"
+#include "GroupPressure.h"
 #include "HostPressure.h"
 #include "GroupHistory.h"
 #include "LimitNews.h"
@@ -124,6 +125,7 @@ private:
     std::unique_ptr<Workers> m_workers;
     std::unique_ptr<ComponentCare> m_components;
     std::unique_ptr<HostPressure> m_pressure;
+    std::unique_ptr<GroupPressure> m_groupPressure;
     std::unique_ptr<ControlServer> m_control;
     int64_t m_startedAt = 0;
     int64_t m_endAt = 0;   // 0: no time is set

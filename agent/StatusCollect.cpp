@@ -13,6 +13,7 @@
 #include "EventSink.h"
 #include "EventTail.h"
 #include "EventWords.h"
+#include "GroupPressure.h"
 #include "HostPressure.h"
 #include "LogTail.h"
 #include "ObserveMode.h"
@@ -86,6 +87,7 @@ StatusReport CollectStatus(const StatusSources& sources) {
     report.delivery = sources.services->GetDeliveryStats();
     if (sources.components != nullptr) report.components = sources.components->Status();
     if (sources.pressure != nullptr) report.pressure = sources.pressure->Status();
+    if (sources.groupPressure != nullptr) report.groupPressure = sources.groupPressure->Status();
     zel::ReadCgroupStatus(report.cgroup);
     std::string problem;
     report.unified = (report.mode & zel::kModeUnified) != 0 && zel::ReadCgroupTreeStatus(report.tree, problem) &&
@@ -115,7 +117,7 @@ void AddHoldBackMetrics(CMonitor& monitor, std::vector<zelhost::Metric>& metrics
     metrics.insert(metrics.end(), std::make_move_iterator(own.begin()), std::make_move_iterator(own.end()));
 }
 
-void AddAgentMetrics(const ComponentCare& components, const HostPressure& pressure,
+void AddAgentMetrics(const ComponentCare& components, const HostPressure& pressure, const GroupPressure& groups,
                      std::vector<zelhost::Metric>& metrics) {
     AgentFigures figures;
     figures.mode = LimitMode() & ~zel::ObservedLimits();
@@ -131,6 +133,8 @@ void AddAgentMetrics(const ComponentCare& components, const HostPressure& pressu
     metrics.insert(metrics.end(), std::make_move_iterator(observed.begin()), std::make_move_iterator(observed.end()));
     std::vector<zelhost::Metric> stalls = MakePressureMetrics(pressure.Status());
     metrics.insert(metrics.end(), std::make_move_iterator(stalls.begin()), std::make_move_iterator(stalls.end()));
+    std::vector<zelhost::Metric> held = MakeStallMetrics(groups.Status());
+    metrics.insert(metrics.end(), std::make_move_iterator(held.begin()), std::make_move_iterator(held.end()));
 }
 
 }  // namespace agent

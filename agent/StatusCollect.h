@@ -17,6 +17,7 @@ namespace agent {
 
 class ComponentCare;
 class EventSink;
+class GroupPressure;
 class HostPressure;
 class LogTail;
 class OwnPulse;
@@ -32,10 +33,11 @@ struct StatusSources {
     zelhost::CHostServices* services = nullptr;
     const EventSink* events = nullptr;
     const OwnPulse* pulse = nullptr;
-    const LogTail* log = nullptr;               ///< null: no log yet
-    const Workers* workers = nullptr;           ///< null: no synthetic load yet
-    const ComponentCare* components = nullptr;  ///< null: not the main process
-    const HostPressure* pressure = nullptr;     ///< likewise
+    const LogTail* log = nullptr;                  ///< null: no log yet
+    const Workers* workers = nullptr;              ///< null: no synthetic load yet
+    const ComponentCare* components = nullptr;     ///< null: not the main process
+    const HostPressure* pressure = nullptr;        ///< likewise
+    const GroupPressure* groupPressure = nullptr;  ///< likewise
 };
 
 /// Asks all of them. Blocks: for small reads of the kernel's files. Any thread.
@@ -49,7 +51,7 @@ void AddHoldBackMetrics(CMonitor& monitor, std::vector<zelhost::Metric>& metrics
 
 /// Adds the agent's own metrics. The tree is read when somebody asks and not otherwise; one that cannot be read is one
 /// without samples.
-void AddAgentMetrics(const ComponentCare& components, const HostPressure& pressure,
+void AddAgentMetrics(const ComponentCare& components, const HostPressure& pressure, const GroupPressure& groups,
                      std::vector<zelhost::Metric>& metrics);
 
 }  // namespace agent

@@ -174,6 +174,23 @@ void Fields(Io& io, Of<Io, PressureStatus>& pressure) {
 }
 
 template <class Io>
+void Fields(Io& io, Of<Io, ComponentStall>& stall) {
+    io("component", stall.component);
+    io("group", stall.group);
+    Fields(io, static_cast<Of<Io, PressureStatus>&>(stall));
+    io("by_limit", stall.byLimit);
+    io("limit_group", stall.limitGroup);
+    io("limit", stall.limit);
+    io("stalled_100times", stall.stalled100Times);
+}
+
+template <class Io>
+void Fields(Io& io, Of<Io, GroupPressureStatus>& groups) {
+    io("reason", groups.reason);
+    io.List("components", groups.components);
+}
+
+template <class Io>
 void Fields(Io& io, Of<Io, zelhost::SinkStats>& sink) {
     io("name", sink.name);
     io("delivered", sink.delivered);
@@ -249,6 +266,7 @@ void Fields(Io& io, Of<Io, StatusReport>& report) {
     io.List("components", report.components);
     io.Record("delivery", report.delivery);
     io.List("pressure", report.pressure);
+    io.Record("group_pressure", report.groupPressure);
     io.List("last_events", report.lastEvents);
     io.Group("log", [&report](Io& log) {
         log("count", report.logCount);

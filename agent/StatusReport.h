@@ -48,6 +48,7 @@ struct StatusReport {
     std::string undelegated;               ///< service whose manager may move processes out of the groups; else empty
     zel::CgroupKeeperStatus keeper;        ///< of the main process: what was put right on the tree
     std::vector<PressureStatus> pressure;  ///< of the host; from the main process
+    GroupPressureStatus groupPressure;     ///< of the components in their own groups; likewise
     std::vector<std::string> lastEvents;   ///< delivered last, in words, oldest first
     uint64_t logCount = 0;                 ///< log lines of level 3 or worse so far
     std::vector<std::string> logLines;     ///< the last of them, oldest first

@@ -26,9 +26,10 @@ constexpr size_t kMostConfigBytes = 1024 * 1024;  // of the resource file, and o
 constexpr size_t kMostJsonBytes = 64 * 1024;
 constexpr const char* kPlaces[] = {zel::kResourceConfigFileName, zel::kOnlineConfigFileName, zel::kAgentConfigFileName,
                                    zel::kComponentsFileName};
-constexpr const char* kAgentKeys[] = {"syslog",          "http.url",        "http.ca_file",  "http.header",
-                                      "http.verify_tls", "http.timeout_ms", "textfile.path", "textfile.period_seconds",
-                                      "pressure.memory", "pressure.io",     "pressure.cpu",  "observe"};
+constexpr const char* kAgentKeys[] = {"syslog",           "http.url",        "http.ca_file",  "http.header",
+                                      "http.verify_tls",  "http.timeout_ms", "textfile.path", "textfile.period_seconds",
+                                      "pressure.memory",  "pressure.io",     "pressure.cpu",  "pressure.own_memory",
+                                      "pressure.own_cpu", "observe"};
 
 /// Whether a value of it may hold a password: a header's, and that of a key that may have been meant as one.
 bool IsSecret(const std::string& key) {

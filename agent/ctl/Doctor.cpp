@@ -17,6 +17,7 @@
 #include "AgentPaths.h"
 #include "AskAgent.h"
 #include "ComponentsConfig.h"
+#include "EventWords.h"
 #include "Health.h"
 #include "MemoryRefusal.h"
 #include "ResourceFileCheck.h"
@@ -195,6 +196,22 @@ Findings JudgeLostAgent(const std::string& appDir) {
     return {};
 }
 
+namespace {
+
+// Limits that do their work, and who pays for it.
+void AddStalls(Findings& found, const GroupPressureStatus& groups) {
+    for (const ComponentStall& stall : groups.components) {
+        if (!stall.lasts || !stall.byLimit) continue;
+        found.push_back({Severity::kWarning, "component " + stall.component + " stalls: " + DescribeStall(stall),
+                         "answer of the agent to status", AdviseOnStall(stall)});
+    }
+    if (!groups.reason.empty()) {
+        found.push_back(Ok("stalls of the components in their own groups are not told", groups.reason));
+    }
+}
+
+}  // namespace
+
 Findings JudgeAgent(const base::Result<StatusReport>& report) {
     if (!report) {
         const std::string why = report.GetError().Text();
@@ -226,6 +243,7 @@ Findings JudgeAgent(const base::Result<StatusReport>& report) {
         found.push_back({Severity::kWarning, DescribeUndelegated(report->undelegated), "answer of the agent to status",
                          "systemctl edit " + report->undelegated + ", then restart it"});
     }
+    AddStalls(found, report->groupPressure);
     for (const Trouble& trouble : FindTrouble(*report)) {
         found.push_back({Severity::kProblem, trouble.what, "answer of the agent to status", trouble.remedy});
     }

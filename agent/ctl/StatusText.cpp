@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "EventWords.h"
 #include "HumanText.h"
 #include "Text.h"
 #include "platform/zel/AgentNames.h"
@@ -341,6 +342,22 @@ void AddPressure(Lines& lines, const StatusReport& report) {
         lasts ? LineKind::kAlarm : LineKind::kPlain);
 }
 
+/// Components that wait in their own groups.
+void AddStalls(Lines& lines, const StatusReport& report) {
+    bool first = true;
+    for (const ComponentStall& stall : report.groupPressure.components) {
+        if (stall.stalls == 0) continue;
+        const std::string when =
+            stall.lasts ? "now" : Text("last %lld s ago", static_cast<long long>(SecondsSince(stall.lastAt, report)));
+        const std::string why = stall.byLimit ? DescribeStall(stall) : "for " + stall.resource + ", by no limit";
+        Add(lines,
+            (first ? "stalls  " : "        ") + Text("%s %llu, ", stall.component.c_str(), Number(stall.stalls)) +
+                when + ": " + why,
+            stall.lasts && stall.byLimit ? LineKind::kAlarm : LineKind::kPlain);
+        first = false;
+    }
+}
+
 std::string EndsOf(const ComponentStatus& component) {
     return Text("%s ended %llu times, last: %s", component.name.c_str(), Number(component.restarts),
                 component.lastReason.c_str());
@@ -432,6 +449,7 @@ std::vector<TextLine> MakePicture(const StatusReport& report, const CpuShares& s
     AddKept(lines, report);
     AddComponents(lines, report, options.allComponents);
     AddPressure(lines, report);
+    AddStalls(lines, report);
     AddDelivery(lines, report);
     return lines;
 }

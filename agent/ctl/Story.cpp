@@ -296,6 +296,11 @@ Story TellStory(const TailEvent& event, const Json::Value& record, const ConfigP
             break;
         case EventKind::kPressure:
             story.measured.push_back(words.what);
+            if (!WordIn(body, "component").empty()) {
+                story.done.push_back("told it; the limit holds as it was asked for");
+                story.todo.push_back(AdviseOnStall(StallIn(body)));
+                break;
+            }
             story.done.push_back("told it; the agent's own limits do not depend on it");
             story.todo.push_back("give those processes a limit of their own, or the host more of what it waits for; " +
                                  std::string("thresholds: \"pressure\" in conf/agent.json"));

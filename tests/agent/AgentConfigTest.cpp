@@ -90,9 +90,11 @@ TEST(AgentConfigTest, WhatItDoesNotKnowIsRefusedByName) {
         {R"({"fleet":{"servers":["tls://b"],"stream":"A.B"}})", "fleet.stream: a name without dots"},
         {R"({"fleet":{"servers":["tls://b"],"server":"x"}})", "fleet.server: unknown key; known are servers, host"},
         {R"({"pressure":20})", "pressure: an object"},
-        {R"({"pressure":{"disk":20}})", "pressure.disk: unknown key; known are memory, io, cpu"},
+        {R"({"pressure":{"disk":20}})", "pressure.disk: unknown key; known are memory, io, cpu, own_memory, own_cpu"},
         {R"({"pressure":{"memory":101}})", "pressure.memory: 0..100 percent of two seconds; 0: not watched"},
         {R"({"pressure":{"cpu":-1}})", "pressure.cpu"},
+        {R"({"pressure":{"own_cpu":101}})", "pressure.own_cpu: 0..100 percent"},
+        {R"({"pressure":{"own_memory":"1"}})", "pressure.own_memory"},
         {R"({"http":{"url":"http://)" + std::string(3000, 'x') + R"("}})", "http.url"},
     };
     for (const auto& each : cases) {
@@ -107,11 +109,13 @@ TEST(AgentConfigTest, ThresholdsOfPressureStandAlone) {
     const auto none = ParseAgentConfig("{}");
     ASSERT_TRUE(none.Ok());
     EXPECT_TRUE(none->pressure == usual);
-    const auto some = ParseAgentConfig(R"({"pressure":{"memory":0,"cpu":100}})");
+    const auto some = ParseAgentConfig(R"({"pressure":{"memory":0,"cpu":100,"own_cpu":55,"own_memory":7}})");
     ASSERT_TRUE(some.Ok()) << some.GetError().Text();
     EXPECT_EQ(some->pressure.memory, 0);
     EXPECT_EQ(some->pressure.io, usual.io);
     EXPECT_EQ(some->pressure.cpu, 100);
+    EXPECT_EQ(some->pressure.ownCpu, 55);
+    EXPECT_EQ(some->pressure.ownMemory, 7);
 }
 
 TEST(AgentConfigTest, AFleetIsTakenWhole) {

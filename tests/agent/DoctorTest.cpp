@@ -98,6 +98,31 @@ TEST(DoctorTest, AnObservedLimitThatStillHoldsIsAProblem) {
     EXPECT_THAT(TextOf(JudgeAgent(report)), HasSubstr("nothing is limited for them, and nobody ended"));
 }
 
+TEST(DoctorTest, NamesTheLimitThatStallsAComponentAndTheCure) {
+    StatusReport report = Limited();
+    ComponentStall stall;
+    stall.component = "QorNet";
+    stall.resource = "cpu";
+    stall.lasts = stall.byLimit = true;
+    stall.limitGroup = "collect-defense";
+    stall.limit = 420;
+    stall.stalled100Times = 9130;
+    report.groupPressure.components = {stall};
+    EXPECT_EQ(Severity::kWarning, WorstOf(JudgeAgent(report)));
+    EXPECT_THAT(TextOf(JudgeAgent(report)),
+                HasSubstr("component QorNet stalls: it waited 91.30 % of the time for a CPU, held back by the limit of "
+                          "group collect-defense, 4.20 % of a CPU\n"));
+    EXPECT_THAT(TextOf(JudgeAgent(report)), HasSubstr("do:   raise its share in cgroup_groups, or groupMaxCpu, or"));
+    report.groupPressure.components[0].byLimit = false;
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeAgent(report))) << "the host is short, and no limit of the agent's";
+    report.groupPressure.components[0] = stall;
+    report.groupPressure.components[0].lasts = false;
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeAgent(report))) << "it is over";
+    report.groupPressure = {"version 1 has none", {}};
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeAgent(report)));
+    EXPECT_THAT(TextOf(JudgeAgent(report)), HasSubstr("own groups are not told\n         seen: version 1 has none"));
+}
+
 TEST(DoctorTest, AControllerThatIsNotMountedIsAProblem) {
     zel::CgroupControllerStatus controller;
     controller.reason = "not mounted";

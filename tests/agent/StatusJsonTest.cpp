@@ -123,6 +123,9 @@ StatusReport FullReport() {
     report.keeper.contested = {"swap of /e"};
     report.keeper.notInForce = {"group /f"};
     report.pressure = {{"memory", true, 20, true, "why", 150, 151, 5, true, 1700000002}};
+    report.groupPressure.reason = "half";
+    report.groupPressure.components = {
+        {{"cpu", true, 80, true, "why", 160, 161, 6, true, 1700000003}, "QorNet", "g", true, "g/QorNet", 420, 9100}};
     report.lastEvents = {"one", "two"};
     report.logCount = 12;
     report.logLines = {"a line"};
@@ -200,6 +203,9 @@ TEST(StatusJsonTest, KeepsTheNamesThatScriptsRead) {
                              ".delivery.spool_broken",
                              ".delivery.sinks[0].last_error",
                              ".pressure[0].avg10_100times",
+                             ".group_pressure.reason",
+                             ".group_pressure.components[0].limit_group",
+                             ".group_pressure.components[0].stalled_100times",
                              ".last_events[1]",
                              ".log.count",
                              ".log.lines[0]"}) {

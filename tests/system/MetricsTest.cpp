@@ -336,7 +336,8 @@ TEST_F(MetricsTest, EveryMetricOfARunningAgentIsDocumented) {
                                             "zel_observed_limits",                     // limits that are only observed
                                             "zel_observed_throttled_seconds_total",
                                             "zel_observed_memory_kills_total",
-                                            "zel_host_stalls_total",  // a kernel without figures
+                                            "zel_host_stalls_total",       // a kernel without figures
+                                            "zel_component_stalls_total",  // and version 1
                                             "zel_statistics_last_collection_timestamp_seconds",
                                             "zel_statistic"};  // once a minute
     for (const auto& [name, type] : documented) {

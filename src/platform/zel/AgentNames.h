@@ -68,6 +68,7 @@ constexpr char kComponentEndMessage[] = "T_MSG_COMPONENT_END";
 constexpr char kUncleanStopMessage[] = "T_MSG_UNCLEAN_STOP";
 constexpr char kLimitDriftMessage[] = "T_MSG_LIMIT_DRIFT";
 constexpr char kHostPressureMessage[] = "T_MSG_HOST_PRESSURE";
+constexpr char kLimitStallMessage[] = "T_MSG_LIMIT_STALL";
 constexpr char kObservationMessage[] = "T_MSG_LIMITS_OBSERVED";
 constexpr char kWouldKillMessage[] = "T_MSG_WOULD_KILL";
 

@@ -55,6 +55,8 @@ TEST_F(NoPressureFiguresInGuest, RunsAndConsoleSaysWhatIsMissing) {
     EXPECT_EQ(LogCount("limit is not in force"), 0);
     const std::string doctor = Command(std::string(TERVANECTL_PROGRAM) + " --app-dir " + kAppDir + " doctor 2>&1");
     EXPECT_NE(doctor.find("(PSI): absent"), std::string::npos) << doctor;
+    EXPECT_EQ(LogCount("stalls of the components in their own groups are not told: the kernel has no pressure"), 1);
+    EXPECT_TRUE(status["group_pressure"]["components"].empty());
     // Short memory is told all the same: it is measured, not taken from the pressure figures.
     EXPECT_TRUE(Poll(kSettleSeconds, [] { return !Messages("T_MSG_OS_ABNORMAL").empty(); }));
     EXPECT_EQ(StopAgent(), 0);
