@@ -44,12 +44,33 @@ void Judge(std::vector<int64_t> values, bool often, int64_t step, LimitAdvice& o
     out.proposal = RoundUp(out.raised ? std::max(need, out.limit + out.limit / 2) : std::max(need, step), step);
 }
 
+/// The minutes of one limit that are ground for a proposal.
+struct Ground {
+    std::vector<UsePoint> points;
+    bool observed = false;
+};
+
+/// While a limit was only observed the group took what it wanted, otherwise what the limit left it: the two say nothing
+/// of each other. Where enough minutes were observed these alone count, else the others do; where those are fewer
+/// still, the observed ones.
+Ground FindGround(const GroupUse& group, int bit, int64_t UsePoint::*value) {
+    std::vector<UsePoint> observed;
+    std::vector<UsePoint> held;
+    for (const UsePoint& point : group.points) {
+        if (point.*value < 0) continue;
+        ((point.observed & bit) != 0 ? observed : held).push_back(point);
+    }
+    const size_t enough = std::min<size_t>(held.size() + 1, kLeastMinutes);
+    if (!observed.empty() && observed.size() >= enough) return {std::move(observed), true};
+    return {std::move(held), false};
+}
+
 LimitAdvice AdviseOnCpu(const GroupUse& group) {
     LimitAdvice out;
     std::vector<int64_t> values;
     int64_t throttled = 0;
-    for (const UsePoint& point : group.points) {
-        if (point.cpu100Times < 0) continue;
+    const Ground ground = FindGround(group, zel::kModeCpu, &UsePoint::cpu100Times);
+    for (const UsePoint& point : ground.points) {
         values.push_back(point.cpu100Times);
         if (point.throttled100Times > 0) {
             ++out.hitMinutes;
@@ -60,7 +81,8 @@ LimitAdvice AdviseOnCpu(const GroupUse& group) {
     const bool often = throttled > static_cast<int64_t>(values.size()) * kOftenPercent * kPercent;
     std::vector<int64_t> sorted = values;
     const bool near = Percentile99(sorted) * kPercent >= out.limit * kNearPercent;
-    Judge(std::move(values), often && near, kCpuStep, out);
+    // What was only observed took what it needs.
+    Judge(std::move(values), often && near && !ground.observed, kCpuStep, out);
     // What is taken in a minute is no measure for what is wanted in a tenth of a second.
     out.bursts = often && !near && out.proposal > 0;
     if (out.bursts) out.proposal = std::max(out.proposal, out.limit);
@@ -70,12 +92,13 @@ LimitAdvice AdviseOnCpu(const GroupUse& group) {
 LimitAdvice AdviseOnMemory(const GroupUse& group) {
     LimitAdvice out;
     std::vector<int64_t> values;
-    for (const UsePoint& point : group.points) {
-        if (point.memoryKb >= 0) values.push_back(point.memoryKb);
+    const Ground ground = FindGround(group, zel::kModeMemory, &UsePoint::memoryKb);
+    for (const UsePoint& point : ground.points) {
+        values.push_back(point.memoryKb);
         if (point.hits > 0) ++out.hitMinutes;
     }
     out.limit = group.points.empty() ? 0 : group.points.back().memoryLimitKb;
-    Judge(std::move(values), out.hitMinutes > 0, kKbPerMb, out);
+    Judge(std::move(values), out.hitMinutes > 0 && !ground.observed, kKbPerMb, out);
     return out;
 }
 

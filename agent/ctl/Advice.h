@@ -9,7 +9,8 @@
 
 namespace agent {
 
-/// One limit of one group. Units: hundredths of a percent of one CPU, or KB.
+/// One limit of one group, by the minutes in which it was only observed or by those in which it held, not by both.
+/// Units: hundredths of a percent of one CPU, or KB.
 struct LimitAdvice {
     int64_t peak = -1;  ///< highest minute; -1: nothing known
     int64_t p99 = -1;

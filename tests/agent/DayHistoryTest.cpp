@@ -245,6 +245,29 @@ TEST(AdviceTest, ALimitThatIsHitIsRaisedRatherThanBelieved) {
     EXPECT_EQ(advice.memory.proposal, 6 * 1024);
 }
 
+TEST(AdviceTest, ObservedMinutesAndHeldOnesAreNoGroundTogether) {
+    // Twenty minutes in which it takes 20 % and 30 MB, then forty in which 10 % and 4 MB hold it.
+    std::vector<Minute> minutes(21, Minute{20, 300, 30000, 0});
+    minutes.insert(minutes.end(), 40, Minute{10, 300, 4000, 0});
+    minutes.back().hits = 1;
+    std::vector<HistoryRow> rows = Rows(minutes);
+    for (size_t i = 0; i <= 20; ++i) rows[i].observed = 5;
+    const GroupAdvice advice = MakeAdvice(MakeDayHistory(rows, kBegin)).front();
+    EXPECT_EQ(20, advice.cpu.knownMinutes);
+    EXPECT_EQ(2000, advice.cpu.p99);
+    EXPECT_EQ(2500, advice.cpu.proposal) << "of what it took, with head room";
+    EXPECT_FALSE(advice.cpu.raised) << "what it needs was seen";
+    EXPECT_EQ(30000, advice.memory.peak);
+    EXPECT_EQ(0, advice.memory.hitMinutes) << "the limit was hit when it held";
+    EXPECT_FALSE(advice.memory.raised);
+
+    for (size_t i = 0; i < 15; ++i) rows[i].observed = 0;
+    const GroupAdvice few = MakeAdvice(MakeDayHistory(rows, kBegin)).front();
+    EXPECT_EQ(53, few.cpu.knownMinutes) << "six are no ground, and the one between is neither";
+    EXPECT_TRUE(few.cpu.raised);
+    EXPECT_TRUE(few.memory.raised);
+}
+
 TEST(AdviceTest, BurstsOfAnIdleGroupLeaveTheLimit) {
     const GroupAdvice advice = Advice(std::vector<Minute>(60, Minute{1, 60}));
     EXPECT_EQ(advice.cpu.hitMinutes, 59);
