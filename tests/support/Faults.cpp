@@ -16,6 +16,7 @@
 #include <cstdarg>
 #include <map>
 #include <mutex>
+#include <utility>
 
 namespace faults {
 namespace {
@@ -32,6 +33,12 @@ struct ThreadPlan {
     int calls = 0;
 };
 
+struct Interlude {
+    Call call = Call::kRead;
+    int left = 0;
+    std::function<void()> action;
+};
+
 struct ControlPlan {
     int writes = 0;
     int failAt = -1;
@@ -41,12 +48,21 @@ struct ControlPlan {
 };
 
 thread_local ThreadPlan t_plan;
+thread_local Interlude t_interlude;
+thread_local bool t_unsized = false;
 thread_local size_t t_mostPerWrite = 0;
 std::mutex g_controlMutex;
 ControlPlan g_control;
 
+void TakeInterlude(Call call) {
+    if (!t_interlude.action || t_interlude.call != call || --t_interlude.left > 0) return;
+    // Taken first: the calls that it makes itself are not counted.
+    std::exchange(t_interlude.action, nullptr)();
+}
+
 /// Returns: whether this call is one that shall not be made.
 bool IsDue(Call call) {
+    TakeInterlude(call);
     if (!t_plan.active || t_plan.call != call) return false;
     ++t_plan.calls;
     return t_plan.calls >= t_plan.first && t_plan.calls <= t_plan.last;
@@ -144,6 +160,22 @@ int Failing::Calls() const {
     return t_plan.calls;
 }
 
+Before::Before(Call call, int nth, std::function<void()> action) {
+    t_interlude = Interlude{call, nth, std::move(action)};
+}
+
+Before::~Before() {
+    t_interlude = Interlude();
+}
+
+UnsizedDirectories::UnsizedDirectories() {
+    t_unsized = true;
+}
+
+UnsizedDirectories::~UnsizedDirectories() {
+    t_unsized = false;
+}
+
 ShortWrites::ShortWrites(size_t bytes) {
     t_mostPerWrite = bytes;
 }
@@ -231,6 +263,19 @@ ZEL_IN_FRONT ssize_t write(int fd, const void* buffer, size_t size) {
 ZEL_IN_FRONT int fsync(int fd) {
     static const auto next = faults::Next<int (*)(int)>("fsync");
     return faults::Fails(faults::Call::kFsync) ? -1 : next(fd);
+}
+
+ZEL_IN_FRONT int fstat64(int fd, struct stat64* info) noexcept {
+    static const auto next = faults::Next<int (*)(int, struct stat64*)>("fstat64");
+    if (faults::Fails(faults::Call::kFstat)) return -1;
+    const int result = next(fd, info);
+    if (result == 0 && faults::t_unsized && S_ISDIR(info->st_mode)) info->st_size = 0;
+    return result;
+}
+
+ZEL_IN_FRONT int unlink(const char* path) noexcept {
+    static const auto next = faults::Next<int (*)(const char*)>("unlink");
+    return faults::Fails(faults::Call::kUnlink) ? -1 : next(path);
 }
 
 ZEL_IN_FRONT int statvfs64(const char* path, struct statvfs64* info) noexcept {

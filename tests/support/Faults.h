@@ -3,11 +3,12 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 
 namespace faults {
 
-enum class Call { kRead, kWrite, kFsync, kStatvfs, kMkdirat, kOpenat, kThreadCreate };
+enum class Call { kRead, kWrite, kFsync, kFstat, kStatvfs, kMkdirat, kOpenat, kUnlink, kThreadCreate };
 
 constexpr int kOneByteLess = 0;  ///< in the place of an errno: the write puts one byte less than it was given
 
@@ -22,6 +23,25 @@ public:
 
     /// Returns: how many calls of the kind were made so far.
     int Calls() const;
+};
+
+/// Does something just before the call number `nth` (1 is the next) of this kind, as another process might: what was
+/// looked at by then is not what the call finds. Once, and for the calling thread only; one at a time.
+class Before {
+public:
+    Before(Call call, int nth, std::function<void()> action);
+    ~Before();
+    Before(const Before&) = delete;
+    Before& operator=(const Before&) = delete;
+};
+
+/// Directories of descriptors have no size for this thread while the object lives, as in kernels before 6.2.
+class UnsizedDirectories {
+public:
+    UnsizedDirectories();
+    ~UnsizedDirectories();
+    UnsizedDirectories(const UnsizedDirectories&) = delete;
+    UnsizedDirectories& operator=(const UnsizedDirectories&) = delete;
 };
 
 /// Writes of this thread put at most `bytes` at a time while the object lives.

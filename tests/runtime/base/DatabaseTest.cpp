@@ -1,18 +1,22 @@
 // One opener of databases: modes, links, full and damaged files, and what a statement says when it fails.
 #include "base/Database.h"
 
+#include <cerrno>
 #include <chrono>
+#include <climits>
 #include <thread>
 
+#include <dlfcn.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 
+#include "support/Faults.h"
 #include "support/Files.h"
-#include "support/Waiting.h"
 #include "support/SmallDisk.h"
+#include "support/Waiting.h"
 
 using base::Database;
 using base::DatabaseOptions;
@@ -26,6 +30,24 @@ using support::SmallDisk;
 using support::TempDir;
 using support::WriteText;
 using testing::ElementsAre;
+
+namespace {
+
+/// What was last asked to be called after each commit to a write-ahead log.
+struct Hook {
+    int (*function)(void*, sqlite3*, const char*, int) = nullptr;
+    void* self = nullptr;
+};
+Hook g_hook;
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) void* sqlite3_wal_hook(
+    sqlite3* database, int (*function)(void*, sqlite3*, const char*, int), void* self) {
+    static const auto next = reinterpret_cast<decltype(&sqlite3_wal_hook)>(dlsym(RTLD_NEXT, "sqlite3_wal_hook"));
+    g_hook = {function, self};
+    return next(database, function, self);
+}
 
 namespace {
 
@@ -476,6 +498,62 @@ TEST_F(DatabaseTest, ATextBeyondTheLibrarysBoundIsTooLarge) {
     const Status executed = database.Execute("CREATE TABLE y(n); CREATE TABLE y(n);");
     ASSERT_FALSE(executed);
     EXPECT_EQ("table y already exists", executed.GetError().Reason());
+}
+
+TEST_F(DatabaseTest, ALogBeyondFourGigabytesIsCountedWhole) {
+    DatabaseOptions counting = Logged();
+    counting.countLog = true;
+    Database database;
+    ASSERT_TRUE(database.Open(m_path, counting));
+    ASSERT_NE(nullptr, g_hook.function);
+    for (const int pages : {1, 0, 1 << 21, INT_MAX}) {
+        EXPECT_EQ(SQLITE_OK, g_hook.function(g_hook.self, database.Handle(), "main", pages));
+        EXPECT_EQ(static_cast<uint64_t>(pages) * (4096 + 24), database.LogBytes());
+    }
+}
+
+TEST_F(DatabaseTest, WhatWasBusyIsToldThoughItIsFreeByThen) {
+    DatabaseOptions counting = Logged();
+    counting.countLog = true;
+    Database database;
+    ASSERT_TRUE(database.Open(m_path, counting));
+    ASSERT_TRUE(database.Execute("INSERT INTO x VALUES(1, 'one'), (2, 'two');"));
+    Database reader;
+    ASSERT_TRUE(reader.Open(m_path, {}));
+    Statement held(reader, "SELECT n FROM x;");
+    ASSERT_TRUE(held.Row());
+    ASSERT_TRUE(database.Execute("INSERT INTO x VALUES(3, 'three');"));
+    const auto goAway = [](void* statement, int) {
+        static_cast<Statement*>(statement)->Finish();
+        return 0;
+    };
+    ASSERT_EQ(SQLITE_OK, sqlite3_busy_handler(database.Handle(), goAway, &held));
+    const Status busy = database.RestartLog();
+    ASSERT_FALSE(busy);
+    EXPECT_EQ(ErrorKind::kBusy, busy.GetError().kind);
+    EXPECT_TRUE(database.RestartLog()) << "the reader is gone";
+}
+
+TEST_F(DatabaseTest, AFileThatIsNotRemovedOnceIsTold) {
+    const std::string from = m_dir / "from.db";
+    WriteText(from, "");
+    for (int nth = 1; nth <= 3; ++nth) {
+        for (const char* left : {"-wal", "-journal", "-shm"}) WriteText(m_path + left, "of another one");
+        const faults::Failing failing(faults::Call::kUnlink, EIO, nth);
+        const Status renamed = base::RenameDatabase(from, m_path);
+        ASSERT_FALSE(renamed) << nth;
+        EXPECT_EQ(EIO, renamed.GetError().error) << nth;
+        EXPECT_TRUE(support::Exists(from)) << nth;
+        EXPECT_FALSE(support::Exists(m_path)) << nth;
+    }
+    ASSERT_TRUE(base::RenameDatabase(from, m_path));
+    WriteText(m_path + "-wal", "log");
+    const faults::Failing failing(faults::Call::kUnlink, EIO);
+    const Status aside = base::PutDatabaseAside(m_path, m_dir / "aside");
+    ASSERT_FALSE(aside);
+    EXPECT_EQ(EIO, aside.GetError().error);
+    EXPECT_TRUE(support::Exists(m_path));
+    EXPECT_TRUE(base::PutDatabaseAside(m_path, m_dir / "aside"));
 }
 
 }  // namespace

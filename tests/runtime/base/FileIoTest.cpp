@@ -3,6 +3,7 @@
 #include "base/MakeDirectories.h"
 
 #include <climits>
+#include <functional>
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
@@ -286,6 +287,64 @@ TEST_F(FileIoTest, AMarkTellsEveryChangeOfAFile) {
     EXPECT_NE(base::ReadFileMark(m_dir / "link"), base::ReadFileMark(m_file)) << "a link has a mark of its own";
     EXPECT_FALSE(base::ReadFileMark(m_dir / "none").exists);
     EXPECT_EQ(base::FileMark(), base::ReadFileMark(m_dir / "none"));
+}
+
+TEST_F(FileIoTest, AMarkIsComparedInEachOfItsPartsAndWhole) {
+    constexpr int64_t kLarge = int64_t{1} << 32;
+    base::FileMark mark;
+    mark.exists = true;
+    mark.device = 7;
+    mark.inode = 8;
+    mark.size = 9;
+    mark.modified = {10, 11};
+    mark.changed = {12, 13};
+    const base::FileMark same = mark;
+    EXPECT_EQ(mark, same);
+    const std::function<void(base::FileMark&)> changes[] = {
+        [](base::FileMark& each) { each.exists = false; },
+        [](base::FileMark& each) { ++each.device; },
+        [](base::FileMark& each) { each.device += kLarge; },
+        [](base::FileMark& each) { ++each.inode; },
+        [](base::FileMark& each) { each.inode += kLarge; },
+        [](base::FileMark& each) { ++each.size; },
+        [](base::FileMark& each) { each.size += kLarge; },
+        [](base::FileMark& each) { ++each.modified.tv_sec; },
+        [](base::FileMark& each) { each.modified.tv_sec += kLarge; },
+        [](base::FileMark& each) { ++each.modified.tv_nsec; },
+        [](base::FileMark& each) { ++each.changed.tv_sec; },
+        [](base::FileMark& each) { each.changed.tv_sec += kLarge; },
+        [](base::FileMark& each) { ++each.changed.tv_nsec; }};
+    size_t number = 0;
+    for (const auto& change : changes) {
+        base::FileMark other = mark;
+        change(other);
+        EXPECT_FALSE(mark == other) << number;
+        EXPECT_FALSE(other == mark) << number;
+        EXPECT_NE(mark, other) << number++;
+    }
+    base::FileMark none = mark;
+    none.exists = false;
+    EXPECT_EQ(base::FileMark(), none) << "of what is not there nothing else counts";
+}
+
+TEST_F(FileIoTest, AMarkHoldsWhatTheKernelSaysWhole) {
+    ASSERT_EQ(0, ::truncate(m_file.c_str(), 100));
+    const timespec times[2] = {{(int64_t{1} << 32) + 5, 6}, {(int64_t{1} << 32) + 7, 8}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, m_file.c_str(), times, 0));
+    // The first is there on every machine, the second is larger than 4 GiB where it is there.
+    for (const std::string& path : {m_file, std::string("/proc/kcore")}) {
+        struct stat info {};
+        if (::lstat(path.c_str(), &info) != 0) continue;
+        const base::FileMark mark = base::ReadFileMark(path);
+        EXPECT_TRUE(mark.exists);
+        EXPECT_EQ(info.st_dev, mark.device);
+        EXPECT_EQ(info.st_ino, mark.inode);
+        EXPECT_EQ(info.st_size, mark.size);
+        EXPECT_EQ(info.st_mtim.tv_sec, mark.modified.tv_sec);
+        EXPECT_EQ(info.st_mtim.tv_nsec, mark.modified.tv_nsec);
+        EXPECT_EQ(info.st_ctim.tv_sec, mark.changed.tv_sec);
+        EXPECT_EQ(info.st_ctim.tv_nsec, mark.changed.tv_nsec);
+    }
 }
 
 }  // namespace

@@ -101,6 +101,56 @@ TEST_F(FileReplaceTest, KeepsTheOwnerOrTakesTheGroupsRights) {
     EXPECT_EQ(0u, info.st_uid) << "the writer's, where nothing else is asked for";
 }
 
+struct WriterCase {
+    const char* name;
+    uid_t writer;
+    gid_t second;  // a group that the writer is in besides
+    uid_t owner;
+    gid_t group;
+    uid_t expectedOwner;
+    gid_t expectedGroup;
+    mode_t expectedMode;
+};
+
+TEST_F(FileReplaceTest, EachWriterGivesWhatItMayAndNoMore) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: files of others";
+    constexpr uid_t kUser = 65533;
+    constexpr uid_t kOther = 65534;
+    constexpr gid_t kGroup = 54321;
+    const WriterCase cases[] = {
+        {"root gives both", 0, 0, kOther, kGroup, kOther, kGroup, 0640},
+        {"root gives the user", 0, 0, kOther, 0, kOther, 0, 0640},
+        {"root gives the group and stays the owner", 0, 0, 0, kGroup, 0, kGroup, 0640},
+        {"nothing to be given", 0, 0, 0, 0, 0, 0, 0640},
+        {"a member of the group gives that alone", kUser, kGroup, kOther, kGroup, kUser, kGroup, 0640},
+        {"the owner gives a group of his", kUser, kGroup, kUser, kGroup, kUser, kGroup, 0640},
+        {"who is not in it takes its rights away", kUser, kUser, kOther, kGroup, kUser, kUser, 0600},
+        {"who is in no other has the group already", kUser, kUser, kOther, kUser, kUser, kUser, 0640}};
+    for (const WriterCase& one : cases) {
+        WriteText(m_file, "a");
+        ASSERT_EQ(0, ::chown(m_file.c_str(), one.owner, one.group));
+        ASSERT_EQ(0, ::chown(m_dir.Path().c_str(), one.writer, one.writer));
+        const pid_t child = ::fork();
+        if (child == 0) {
+            const bool became = one.writer == 0 || (::setgroups(1, &one.second) == 0 && ::setgid(one.writer) == 0 &&
+                                                    ::setuid(one.writer) == 0);
+            _exit(became && ReplaceFile(m_file, "b", 0640, Durability::kRenewed, base::Owner::kAsBefore) ? 0 : 1);
+        }
+        int status = -1;
+        ASSERT_EQ(child, ::waitpid(child, &status, 0));
+        ASSERT_EQ(0, status) << one.name;
+        struct stat info {};
+        ASSERT_EQ(0, ::stat(m_file.c_str(), &info));
+        EXPECT_EQ("b", ReadText(m_file)) << one.name;
+        EXPECT_EQ(one.expectedOwner, info.st_uid) << one.name;
+        EXPECT_EQ(one.expectedGroup, info.st_gid) << one.name;
+        EXPECT_EQ(one.expectedMode, info.st_mode & 07777) << one.name;
+        EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("file")) << one.name;
+        ASSERT_EQ(0, ::unlink(m_file.c_str()));
+    }
+    ASSERT_EQ(0, ::chown(m_dir.Path().c_str(), 0, 0));
+}
+
 TEST_F(FileReplaceTest, WhatIsNoRegularFileIsRefusedAndStays) {
     WriteText(m_dir / "target", "untouched");
     ASSERT_EQ(0, ::symlink("target", (m_dir / "link").c_str()));

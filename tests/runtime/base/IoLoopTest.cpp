@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -307,6 +308,21 @@ TEST_F(IoLoopTest, IsQuietWhileNothingHappens) {
     std::this_thread::sleep_for(milliseconds(500));
     clock_gettime(clock, &after);
     EXPECT_LT((after.tv_sec - before.tv_sec) * 1000000000L + after.tv_nsec - before.tv_nsec, 2000000L);
+}
+
+TEST_F(IoLoopTest, WhatCannotBeWatchedIsToldAndChangesNothing) {
+    loop->Run([&] {
+        base::IoWatch watch(*loop);
+        const int closed = dup(ours.Get());
+        close(closed);
+        for (const int none : {-1, closed}) {
+            const base::Status refused = watch.Open(none);
+            ASSERT_FALSE(refused) << none;
+            EXPECT_EQ(EBADF, refused.GetError().error);
+            EXPECT_EQ("descriptor " + std::to_string(none), refused.GetError().path);
+        }
+        EXPECT_TRUE(watch.Open(ours.Get())) << "and another one may follow";
+    });
 }
 
 }  // namespace

@@ -9,11 +9,14 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <fstream>
 #include <thread>
 
+#include "support/Faults.h"
+#include "support/Files.h"
 #include "support/Waiting.h"
 
 using namespace base;
@@ -362,7 +365,7 @@ TEST(ProcessIdsTest, ListsThisProcessAndNoMoreThanAsked) {
 TEST(ProgramPathTest, IsTheSameByNumberAndBySelf) {
     const Result<std::string> own = ReadOwnProgramPath();
     ASSERT_TRUE(own.Ok());
-    EXPECT_THAT(*own, HasSubstr("RuntimeBaseTests"));
+    EXPECT_THAT(*own, testing::EndsWith(std::string("/") + program_invocation_short_name));
     EXPECT_EQ(*own, *ReadProgramPath(getpid()));
     EXPECT_EQ(ErrorKind::kNotFound, ReadProgramPath(INT_MAX).GetError().kind);
 }
@@ -444,6 +447,28 @@ TEST(DescriptorCounterTest, CountsOneByOne) {
     EXPECT_EQ(before + 20, counter.Count());
     fds.clear();
     EXPECT_EQ(before, counter.Count());
+}
+
+TEST(DescriptorCounterTest, AnOlderKernelsEntriesAreCounted) {
+    const size_t before = support::OpenDescriptors();
+    {
+        DescriptorCounter newer;
+        ASSERT_TRUE(newer.Open());
+        const faults::UnsizedDirectories from;
+        DescriptorCounter older;
+        for (int round = 0; round < 2; ++round) {
+            ASSERT_TRUE(older.Open()) << "again as well";
+            const int64_t first = older.Count();
+            std::vector<Fd> fds;
+            for (int i = 0; i < 20; ++i) fds.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+            EXPECT_EQ(first + 20, older.Count());
+            fds.clear();
+            EXPECT_EQ(first, older.Count());
+        }
+        const int64_t all = older.Count();
+        EXPECT_EQ(static_cast<int64_t>(before) + 1, all) << "those before without the listing's own, and the two";
+    }
+    EXPECT_EQ(before, support::OpenDescriptors());
 }
 
 TEST(VmStatTest, TakesTheCounterOfThisWholeName) {

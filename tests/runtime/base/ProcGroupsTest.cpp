@@ -98,6 +98,14 @@ TEST(ProcCgroupTest, ReadsBothVersions) {
     EXPECT_EQ("", MembershipPath(lines, "pids"));
 }
 
+TEST(ProcCgroupTest, TheUnifiedLineHasNoControllers) {
+    const auto lines = ParseProcCgroup("0:cpu:/a\n3::/b\n0::/c\n0::/d\n");
+    ASSERT_THAT(lines, SizeIs(4));
+    EXPECT_EQ("/c", MembershipPath(lines, "")) << "number 0 and no controller, both";
+    EXPECT_EQ("/a", MembershipPath(lines, "cpu"));
+    EXPECT_EQ("", MembershipPath({lines[0], lines[1]}, ""));
+}
+
 TEST(ProcCgroupTest, MarksARemovedGroup) {
     const auto lines = ParseProcCgroup("0::/gone (deleted)\n");
     ASSERT_THAT(lines, SizeIs(1));

@@ -234,6 +234,14 @@ TEST_F(RequestServerTest, ARequestIsTakenUpToItsBoundAndNoFurther) {
     EXPECT_FALSE(more.cut) << "what is too much is read, or the answer would be lost";
 }
 
+TEST_F(RequestServerTest, ABoundBeyondFourGigabytesIsOne) {
+    m_limits.mostRequestBytes = size_t{1} << 32;
+    Serve();
+    Client client = Ask(std::string(5000, 'a'));
+    client.Say("\n");
+    EXPECT_EQ(5003U, client.Hear().text.size());
+}
+
 TEST_F(RequestServerTest, ARequestThatEndsTooEarlyIsToldSo) {
     Serve();
     Client cut = Ask("abc");
