@@ -126,19 +126,20 @@ TEST_F(FileReplaceTest, EachWriterGivesWhatItMayAndNoMore) {
         {"the owner gives a group of his", kUser, kGroup, kUser, kGroup, kUser, kGroup, 0640},
         {"who is not in it takes its rights away", kUser, kUser, kOther, kGroup, kUser, kUser, 0600},
         {"who is in no other has the group already", kUser, kUser, kOther, kUser, kUser, kUser, 0640}};
+    std::vector<gid_t> groups(static_cast<size_t>(::getgroups(0, nullptr)));
+    ASSERT_EQ(static_cast<int>(groups.size()), ::getgroups(static_cast<int>(groups.size()), groups.data()));
     for (const WriterCase& one : cases) {
         WriteText(m_file, "a");
         ASSERT_EQ(0, ::chown(m_file.c_str(), one.owner, one.group));
         ASSERT_EQ(0, ::chown(m_dir.Path().c_str(), one.writer, one.writer));
-        const pid_t child = ::fork();
-        if (child == 0) {
-            const bool became = one.writer == 0 || (::setgroups(1, &one.second) == 0 && ::setgid(one.writer) == 0 &&
-                                                    ::setuid(one.writer) == 0);
-            _exit(became && ReplaceFile(m_file, "b", 0640, Durability::kRenewed, base::Owner::kAsBefore) ? 0 : 1);
-        }
-        int status = -1;
-        ASSERT_EQ(child, ::waitpid(child, &status, 0));
-        ASSERT_EQ(0, status) << one.name;
+        ASSERT_EQ(0, ::setgroups(1, &one.second));
+        ASSERT_EQ(0, ::setegid(one.writer));
+        ASSERT_EQ(0, ::seteuid(one.writer));
+        const Status status = ReplaceFile(m_file, "b", 0640, Durability::kRenewed, base::Owner::kAsBefore);
+        ASSERT_EQ(0, ::seteuid(0));
+        ASSERT_EQ(0, ::setegid(0));
+        ASSERT_EQ(0, ::setgroups(groups.size(), groups.data()));
+        ASSERT_TRUE(status) << one.name;
         struct stat info {};
         ASSERT_EQ(0, ::stat(m_file.c_str(), &info));
         EXPECT_EQ("b", ReadText(m_file)) << one.name;

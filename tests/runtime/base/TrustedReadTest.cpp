@@ -6,9 +6,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <functional>
+#include <utility>
+
 #include <gmock/gmock.h>
 
 #include "base/FileIo.h"
+#include "support/Faults.h"
 #include "support/Files.h"
 
 using base::ErrorKind;
@@ -20,6 +28,9 @@ using base::ReadTrusted;
 using base::Result;
 using base::TrustedProgram;
 using base::TrustScope;
+using faults::Before;
+using faults::Call;
+using faults::Failing;
 using support::TempDir;
 using support::WriteText;
 using testing::HasSubstr;
@@ -303,6 +314,168 @@ TEST_F(TrustedReadTest, NoVerdictLeavesADescriptorOpen) {
     }
     EXPECT_TRUE(OpenTrustedDirectory(m_place));
     EXPECT_EQ(before, support::OpenDescriptors());
+}
+
+// The name may lead elsewhere the next time: what was judged is what is opened, and nothing is looked up twice.
+TEST_F(TrustedReadTest, EachElementIsOpenedOnce) {
+    char real[PATH_MAX];
+    ASSERT_NE(nullptr, ::realpath(m_place.c_str(), real));
+    const std::string place = real;
+    const int elements = static_cast<int>(std::count(place.begin(), place.end(), '/'));
+    const auto opened = [](const auto& body) {
+        const Failing counter(Call::kOpenat, 0, 0);
+        EXPECT_TRUE(body());
+        return counter.Calls();
+    };
+    EXPECT_EQ(elements, opened([&] { return OpenTrustedDirectory(place).Ok(); }));
+    EXPECT_EQ(elements, opened([&] { return base::OpenNamedDirectory(place).Ok(); }));
+    EXPECT_EQ(elements + 1, opened([&] { return OpenTrusted(place + "/file", TrustScope::kWithPlace).Ok(); }));
+    const std::string interpreter = place + "/interpreter";
+    const std::string script = place + "/script";
+    WriteText(interpreter, "no script");
+    WriteText(script, "#!" + interpreter + "\n");
+    for (const std::string& path : {interpreter, script}) ASSERT_EQ(0, ::chmod(path.c_str(), 0755));
+    // The file itself twice: to be judged, and to be read by its directory and name.
+    const int each = elements + 2;
+    EXPECT_EQ(each, opened([&] { return OpenTrustedProgram(interpreter).Ok(); }));
+    EXPECT_EQ(2 * each, opened([&] { return OpenTrustedProgram(script).Ok(); }));
+}
+
+TEST_F(TrustedReadTest, AProgramThatIsExchangedMeanwhileIsRefused) {
+    const std::string program = m_place + "/program";
+    const std::string other = m_place + "/other";
+    const auto make = [](const std::string& path) {
+        ASSERT_TRUE(WriteText(path, "no script"));
+        ASSERT_EQ(0, ::chmod(path.c_str(), 0755));
+    };
+    make(program);
+    int opens = 0;
+    {
+        const Failing counter(Call::kOpenat, 0, 0);
+        ASSERT_TRUE(OpenTrustedProgram(program));
+        opens = counter.Calls();
+    }
+    make(other);
+    {
+        const Before last(Call::kOpenat, opens, [&] { EXPECT_EQ(0, ::rename(other.c_str(), program.c_str())); });
+        const Result<TrustedProgram> refused = OpenTrustedProgram(program);
+        ASSERT_FALSE(refused);
+        EXPECT_EQ(program + ": it was exchanged meanwhile", base::ReasonOf(refused.GetError(), other));
+        EXPECT_EQ(ErrorKind::kRefused, refused.GetError().kind);
+    }
+    {
+        const Before last(Call::kOpenat, opens, [&] { EXPECT_EQ(0, ::rename(program.c_str(), other.c_str())); });
+        EXPECT_EQ(ErrorKind::kNotFound, OpenTrustedProgram(program).GetError().kind);
+    }
+    make(program);
+    const Before last(Call::kOpenat, opens, [&] {
+        EXPECT_EQ(0, ::unlink(program.c_str()));
+        EXPECT_EQ(0, ::symlink("other", program.c_str()));
+    });
+    EXPECT_EQ(ELOOP, OpenTrustedProgram(program).GetError().error);
+}
+
+TEST_F(TrustedReadTest, WhatCannotBeLookedAtIsToldAndNotTrusted) {
+    const std::string script = m_place + "/script";
+    WriteText(script, "#!/bin/sh\n");
+    ASSERT_EQ(0, ::chmod(script.c_str(), 0755));
+    const std::pair<const char*, std::function<base::Error()>> ways[] = {
+        {"directory", [&] { return OpenTrustedDirectory(m_place).GetError(); }},
+        {"named directory", [&] { return base::OpenNamedDirectory(m_place).GetError(); }},
+        {"file", [&] { return OpenTrusted(m_file, TrustScope::kFile).GetError(); }},
+        {"file in its place", [&] { return OpenTrusted(m_file, TrustScope::kWithPlace).GetError(); }},
+        {"program", [&] { return OpenTrustedProgram(script).GetError(); }}};
+    const size_t before = support::OpenDescriptors();
+    for (const auto& [name, way] : ways) {
+        for (const Call call : {Call::kOpenat, Call::kFstat}) {
+            int calls = 0;
+            {
+                const Failing counter(call, 0, 0);
+                way();
+                calls = counter.Calls();
+            }
+            EXPECT_GT(calls, 0) << name;
+            for (int nth = 1; nth <= calls; ++nth) {
+                const Failing failing(call, EIO, nth);
+                const base::Error error = way();
+                EXPECT_EQ(EIO, error.error) << name << " " << nth << " of " << calls;
+                EXPECT_FALSE(error.path.empty());
+            }
+        }
+    }
+    EXPECT_EQ(before, support::OpenDescriptors());
+}
+
+TEST_F(TrustedReadTest, TheInterpreterIsTheFirstWordOfTheFirstLine) {
+    struct Line {
+        std::string text;
+        std::string interpreter;  // empty: no script
+    };
+    const std::string longest(256 - 3, 'x');  // what the kernel looks at, without "#!/"
+    const Line lines[] = {{"", ""},
+                          {"#", ""},
+                          {"!#/none", ""},
+                          {" #!/none", ""},
+                          {"\n#!/none", ""},
+                          {"#?/none", ""},
+                          {"#!", ""},
+                          {"#! \t", ""},
+                          {"#!\n/none", ""},
+                          {"#!/none", "/none"},
+                          {"#!/none\n", "/none"},
+                          {"#! \t /none\t-e x\n/more", "/none"},
+                          {"#!/none -e\t/more", "/none"},
+                          {std::string("#!/none\0more", 12), "/none"},
+                          {"#!/" + longest, "/" + longest},
+                          {"#!/" + longest + "more\n", "/" + longest}};
+    const std::string script = m_place + "/script";
+    for (const Line& line : lines) {
+        WriteText(script, line.text);
+        ASSERT_EQ(0, ::chmod(script.c_str(), 0755));
+        const Result<TrustedProgram> program = OpenTrustedProgram(script);
+        ASSERT_EQ(line.interpreter.empty(), program.Ok()) << line.text;
+        if (program) {
+            EXPECT_FALSE(program->isScript) << line.text;
+        } else {
+            EXPECT_EQ(line.interpreter, program.GetError().path) << line.text;
+        }
+    }
+    WriteText(script, "#!/bin/sh\n");
+    const Result<TrustedProgram> program = OpenTrustedProgram(script);
+    ASSERT_TRUE(program);
+    EXPECT_TRUE(program->isScript);
+}
+
+TEST_F(TrustedReadTest, FourInterpretersAreFollowedAndNoMore) {
+    WriteText(m_place + "/0", "no script");
+    for (int number = 0; number <= 5; ++number) {
+        const std::string path = m_place + "/" + std::to_string(number);
+        if (number > 0) WriteText(path, "#!" + m_place + "/" + std::to_string(number - 1) + "\n");
+        ASSERT_EQ(0, ::chmod(path.c_str(), 0755));
+        const Result<TrustedProgram> program = OpenTrustedProgram(path);
+        ASSERT_EQ(number <= 4, program.Ok()) << number;
+        if (!program) {
+            EXPECT_EQ("too many interpreters", program.GetError().Reason());
+        }
+    }
+}
+
+TEST_F(TrustedReadTest, LinksAndElementsAreFollowedUpToTheirBounds) {
+    char real[PATH_MAX];
+    ASSERT_NE(nullptr, ::realpath(m_dir.Path().c_str(), real));
+    const std::string top = real;
+    ASSERT_EQ(0, ::symlink("place", (top + "/1").c_str()));
+    for (int number = 2; number <= 41; ++number) {
+        ASSERT_EQ(0, ::symlink(std::to_string(number - 1).c_str(), (top + "/" + std::to_string(number)).c_str()));
+    }
+    EXPECT_TRUE(OpenTrustedDirectory(top + "/40"));
+    EXPECT_EQ(ELOOP, OpenTrustedDirectory(top + "/41").GetError().error);
+    std::string path = top;
+    for (auto left = 256 - std::count(top.begin(), top.end(), '/'); left > 0; --left) path += "/..";
+    EXPECT_TRUE(OpenTrustedDirectory(path + "/./")) << "above the root is the root";
+    const Result<Fd> more = OpenTrustedDirectory(path + "/..");
+    ASSERT_FALSE(more);
+    EXPECT_EQ(ErrorKind::kTooLarge, more.GetError().kind);
 }
 
 }  // namespace
