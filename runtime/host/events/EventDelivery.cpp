@@ -123,13 +123,15 @@ base::Result<CEventDelivery::Sinks> CEventDelivery::MakeSinks(const DeliveryOpti
 CEventDelivery::Lanes CEventDelivery::MakeLanes(Sinks sinks) {
     Lanes lanes;
     std::vector<std::string> names;
+    KeepFor keep;
     for (auto& sink : sinks) {
         names.push_back(sink->Name());
+        if (sink->KeepsConfirmed()) keep = {sink->Name(), std::chrono::milliseconds(m_options.keepConfirmedMs)};
         lanes.push_back(std::make_shared<Lane>());
         lanes.back()->sink = std::move(sink);
         lanes.back()->backoff = m_backoffMin;
     }
-    const base::Status set = m_spool.SetSinks(names);
+    const base::Status set = m_spool.SetSinks(names, keep);
     if (!set) {
         Log(zel::kLogWarning, __LINE__, "the sinks' cursors cannot be kept: %s; it is tried again",
             set.GetError().Reason().c_str());
@@ -303,8 +305,11 @@ void CEventDelivery::RunCare() {
         base::MutexLock lock(m_stateLock);
         quietAt = m_lastNews == Clock::time_point::min() ? m_lastNews : m_lastNews + m_rest;
     }
+    quietAt = std::max(quietAt, m_spool.KeptUntil());
     const Clock::time_point now = Clock::now();
     if (now < quietAt) return CareLater(quietAt - now);
+    while (m_spool.RemoveExpired()) {
+    }
     // With what it took for its connections. Where messages wait, their delivery is the next news.
     if (m_spool.Rest()) malloc_trim(0);
 }

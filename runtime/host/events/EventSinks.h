@@ -45,6 +45,8 @@ public:
     virtual Handover Deliver(const std::vector<SpoolMessage>& messages, const std::atomic<bool>& stop) = 0;
     /// Messages that a sink may be handed at once.
     virtual size_t BatchSize() const = 0;
+    /// Whether it may go back, so that what it has confirmed is to be kept for a while.
+    virtual bool KeepsConfirmed() const { return false; }
 };
 
 /// Appends lines to a file; at `maxBytes` it becomes PATH.1, PATH.1 becomes PATH.2 and so on, `keep` of them.

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/random.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -48,6 +49,7 @@ const std::string kPutAsideMark = ".corrupt-";
 constexpr int kMostGaps = 64;
 constexpr std::chrono::seconds kSalvagePatience{5};  // a disk that cannot read takes its time to say so
 constexpr int64_t kMostStep = int64_t{1} << 40;      // beyond any number of a message
+constexpr int64_t kMostRemoved = 512;                // of kept messages at a time: senders wait meanwhile
 // A message's share of pages, index and log beyond its texts.
 constexpr uint64_t kRowBytes = 128;
 
@@ -245,7 +247,8 @@ bool CEventSpool::TryRest() {
     if (!m_writer.IsOpen() || !m_memory.empty() || m_unsavedDrops > 0) return false;
     base::MutexLock lock(m_readLock);
     if (m_unsaved || !m_sinksKept) return false;
-    const bool emptied = IsEmptied();
+    // What a run that was killed has left, and what was kept for a sink that is gone.
+    const bool emptied = IsEmptied() || (RemoveConfirmed() > 0 && IsEmptied());
     if (!emptied && !m_sinks.empty()) return false;
     if (emptied) MarkSettled();
     CloseFiles();
@@ -327,6 +330,8 @@ void CEventSpool::NoteSalvaged(const Salvaged& salvaged) {
     const int64_t first = std::max(salvaged.lowest, salvaged.confirmed + 1);
     if (salvaged.newest > 0) {
         had = had < 0 ? salvaged.newest - first + 1 : std::min(had, salvaged.newest - salvaged.confirmed);
+    } else if (m_keeps) {
+        had = -1;  // how many of them were kept only is not known
     }
     const auto lost = static_cast<uint64_t>(std::max<int64_t>(0, had - static_cast<int64_t>(salvaged.saved)));
     if (!NoteDrops(lost)) m_unsavedDrops += lost;
@@ -639,17 +644,29 @@ base::Status CEventSpool::WriteSomehow(const std::vector<Request*>& batch, Chang
         if (!opened) return opened;
     }
     if (!m_writer.IsOpen()) return base::SentenceError("it is not open yet");
+    if (m_holdsKept && !MayKeep()) ReleaseKept();
     base::Status written = WriteTransaction(batch, change);
     if (!written && written.GetError().kind == base::ErrorKind::kMalformed) {
         base::MutexLock lock(m_readLock);
         const base::Status replaced = Replace(written.GetError());
         written = replaced ? WriteTransaction(batch, change) : replaced;
     }
+    if (!written && written.GetError().kind != base::ErrorKind::kBusy && ReleaseKept()) {
+        written = WriteTransaction(batch, change);
+    }
     if (!written && m_reserve) {
         ReleaseReserve();
+        ReleaseKept();  // there is room now to move the log for it
         written = WriteTransaction(batch, change);
     }
     return written;
+}
+
+bool CEventSpool::ReleaseKept() {
+    if (!m_holdsKept || !m_writer.IsOpen()) return false;
+    m_writer.Checkpoint();  // or the log would have to grow for it
+    base::MutexLock lock(m_readLock);
+    return RemoveUpTo(INT64_MAX) > 0;
 }
 
 bool CEventSpool::CommitBatch(const std::vector<Request*>& batch) {
@@ -844,10 +861,14 @@ bool CEventSpool::FlushMemory() {
 
 // --- reading ---
 
-base::Status CEventSpool::SetSinks(const std::vector<std::string>& sinks) {
+base::Status CEventSpool::SetSinks(const std::vector<std::string>& sinks, const KeepFor& keep) {
     {
         base::MutexLock lock(m_readLock);
         m_sinks = sinks;
+        m_keep = keep;
+        m_keeps = !keep.sink.empty();
+        m_marks.clear();
+        m_expired = 0;
         m_sinksKept = false;
     }
     Lead lead(*this);
@@ -881,6 +902,7 @@ base::Status CEventSpool::KeepSinks() {
     }
     base::Status kept = ok ? KeepConfirmed() : base::Status(m_reader.LastError("write"));
     m_sinksKept = kept.Ok();
+    if (kept) MarkConfirmed();
     return kept;
 }
 
@@ -953,8 +975,61 @@ base::Status CEventSpool::Confirm(const std::string& sink, int64_t seq, uint64_t
 
 base::Status CEventSpool::KeepAndRemove() {
     base::Status kept = KeepConfirmed();
+    if (kept) MarkConfirmed();
     if (kept && m_sinksKept) RemoveConfirmed();
     return kept;
+}
+
+// --- confirmed messages that are kept ---
+
+void CEventSpool::MarkConfirmed() {
+    if (!m_keeps) return;
+    base::Statement cursor(m_reader,
+                           "SELECT seq, EXISTS(SELECT 1 FROM messages WHERE messages.seq <= cursors.seq) FROM cursors"
+                           " WHERE sink = ?1;");
+    if (!cursor.Bind(1, m_keep.sink) || !cursor.Row()) return;
+    const int64_t seq = cursor.Int(0);
+    // What it has gone back from is confirmed no more, and is kept anew when it is.
+    m_expired = std::min(m_expired, seq);
+    for (Mark& mark : m_marks) mark.seq = std::min(mark.seq, seq);
+    if (cursor.Int(1) == 0 || seq <= (m_marks.empty() ? m_expired : m_marks.back().seq)) return;
+    m_holdsKept = true;
+    const Clock::time_point now = m_now();
+    if (!m_marks.empty() && now - m_marks.back().begin < m_keep.time / kKeepParts) {
+        m_marks.back().seq = seq;
+    } else {
+        m_marks.push_back({now, seq});
+    }
+}
+
+bool CEventSpool::MayKeep() const {
+    struct statvfs disk {};
+    if (!m_keeps || !m_reserve || statvfs(base::DirectoryOf(m_path).c_str(), &disk) != 0) return false;
+    return uint64_t{disk.f_bavail} * disk.f_frsize >= MostLogBytes();
+}
+
+int64_t CEventSpool::Expired() {
+    if (!MayKeep()) return INT64_MAX;
+    const Clock::time_point now = m_now();
+    while (!m_marks.empty() && m_marks.front().begin + m_keep.time + m_keep.time / kKeepParts <= now) {
+        m_expired = m_marks.front().seq;
+        m_marks.pop_front();
+    }
+    return m_expired;
+}
+
+CEventSpool::Clock::time_point CEventSpool::KeptUntil() {
+    base::MutexLock lock(m_readLock);
+    if (m_marks.empty() || !MayKeep()) return Clock::time_point::min();
+    return m_marks.back().begin + m_keep.time + m_keep.time / kKeepParts;
+}
+
+bool CEventSpool::RemoveExpired() {
+    if (!m_keeps) return false;
+    Lead lead(*this);
+    if (!lead) return false;
+    base::MutexLock lock(m_readLock);
+    return m_reader.IsOpen() && m_sinksKept && RemoveConfirmed() > 0;
 }
 
 base::Status CEventSpool::GoBack(const std::string& sink, int64_t seq) {
@@ -1024,29 +1099,38 @@ uint64_t CEventSpool::GivenUp(const std::string& sink) {
     return count;
 }
 
-void CEventSpool::RemoveConfirmed() {
-    if (!m_reader.Execute("BEGIN IMMEDIATE;")) return;
+int64_t CEventSpool::RemoveUpTo(int64_t last) {
+    if (last == 0 || !m_reader.Execute("BEGIN IMMEDIATE;")) return 0;
+    const std::string gone = m_keeps ? " WHERE seq <= min(?1, (SELECT min(seq) FROM cursors),"
+                                       " (SELECT min(seq) FROM messages) + ?2);"
+                                     : " WHERE seq <= (SELECT min(seq) FROM cursors);";
     int64_t count = 0, bytes = 0;
     bool ok = false;
+    const auto bind = [&](base::Statement& statement) {
+        return !m_keeps || (statement.Bind(1, last) && statement.Bind(2, kMostRemoved - 1));
+    };
     {
-        base::Statement sum(m_reader,
-                            "SELECT count(*), coalesce(sum(bytes), 0) FROM messages"
-                            " WHERE seq <= (SELECT min(seq) FROM cursors);");
-        if (sum.Row()) {
+        base::Statement sum(m_reader, "SELECT count(*), coalesce(sum(bytes), 0) FROM messages" + gone);
+        if (bind(sum) && sum.Row()) {
             count = sum.Int(0);
             bytes = sum.Int(1);
             ok = true;
         }
     }
-    ok = ok && m_reader.Execute("DELETE FROM messages WHERE seq <= (SELECT min(seq) FROM cursors);");
+    {
+        base::Statement remove(m_reader, "DELETE FROM messages" + gone);
+        ok = ok && bind(remove) && remove.Done();
+    }
     // The figures move before the write lock is given up, so that a writer's sums never count a message twice.
     base::MutexLock lock(m_figuresLock);
     if (!ok || !m_reader.Execute("COMMIT;")) {
         static_cast<void>(m_reader.Execute("ROLLBACK;"));  // ignoring: there may be no transaction any more
-        return;
+        return 0;
     }
+    if (last == INT64_MAX && count < kMostRemoved) m_holdsKept = false;
     m_messages -= count;
     m_bytes -= bytes;
+    return count;
 }
 
 void CEventSpool::Checkpoint() {
@@ -1059,11 +1143,23 @@ void CEventSpool::Notify() {
 }
 
 CEventSpool::Figures CEventSpool::GetFigures() {
+    const int64_t kept = m_keeps ? CountKept() : 0;
     base::MutexLock lock(m_figuresLock);
     Figures figures = m_figures;
-    figures.messages = static_cast<uint64_t>(std::max<int64_t>(0, m_messages));
+    const int64_t all = std::max<int64_t>(0, m_messages);
+    figures.kept = static_cast<uint64_t>(std::min(kept, all));
+    figures.messages = static_cast<uint64_t>(all) - figures.kept;
     figures.bytes = static_cast<uint64_t>(std::max<int64_t>(0, m_bytes));
     return figures;
+}
+
+int64_t CEventSpool::CountKept() {
+    base::MutexLock lock(m_readLock);
+    // From the other end, as those that wait are few.
+    base::Statement waiting(m_reader, "SELECT count(*) FROM messages WHERE seq > (SELECT min(seq) FROM cursors);");
+    const bool known = waiting.Row();
+    base::MutexLock figures(m_figuresLock);
+    return known ? std::max<int64_t>(0, m_messages - waiting.Int(0)) : 0;
 }
 
 uint64_t CEventSpool::Waiting(const std::string& sink) {

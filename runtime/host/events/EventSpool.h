@@ -30,6 +30,12 @@ struct SpoolMessage {
     int arg1 = 0, arg2 = 0;
 };
 
+/// Messages that one sink has confirmed stay for a while, where there is room, so that it can go back.
+struct KeepFor {
+    std::string sink;  ///< empty: none
+    std::chrono::milliseconds time{0};
+};
+
 /// Thread-safety: every operation from any thread between Open and Close.
 /// Writers are committed in groups: whoever finds nobody writing commits for all that wait, so a caller waits for at
 /// most the commit under way and its own. Where several send at a time, the one that commits gives the others a moment
@@ -37,6 +43,8 @@ struct SpoolMessage {
 /// it writes takes its turn with the commits.
 class CEventSpool {
 public:
+    using Clock = std::chrono::steady_clock;
+
     CEventSpool() = default;
     ~CEventSpool();
     CEventSpool(const CEventSpool&) = delete;
@@ -45,6 +53,9 @@ public:
     /// Has `listener` called, by whatever thread it happens on, when there may be something to deliver or to tidy up.
     /// To be set before Open.
     void SetListener(std::function<void()> listener) { m_listener = std::move(listener); }
+
+    /// For tests: what says how late it is for messages that are kept. To be set before Open.
+    void SetClock(std::function<Clock::time_point()> now) { m_now = std::move(now); }
 
     /// Opens or creates the file; one of which a look says that nothing waits in it stays closed. One that is damaged
     /// is put aside, and what can be read of it goes into a new one. On failure: the spool works all the same, from
@@ -76,10 +87,14 @@ public:
     uint64_t GivenUp(const std::string& sink);
     /// Which sinks there are: others' cursors are forgotten, new ones start at the oldest message.
     /// On failure: they are the sinks all the same, and FlushMemory writes it down; until then no message goes.
-    base::Status SetSinks(const std::vector<std::string>& sinks);
+    base::Status SetSinks(const std::vector<std::string>& sinks, const KeepFor& keep = {});
 
     /// Moves the log's pages into the file. Called now and then while there is news, never by SendMsg.
     void Checkpoint();
+    /// Returns: until when messages that every sink has are kept at most; the clock's beginning when there are none.
+    Clock::time_point KeptUntil();
+    /// Removes some messages that have been kept for long enough. Returns: whether there may be more of them.
+    bool RemoveExpired();
     /// Closes the file, made small, when every sink has everything; it opens again with the next message.
     /// Returns: whether it is closed.
     bool Rest();
@@ -87,7 +102,10 @@ public:
     bool IsResting() const { return m_resting; }
 
     struct Figures {
-        uint64_t accepted = 0, refused = 0, messages = 0, bytes = 0, dropped = 0, inMemory = 0;
+        uint64_t accepted = 0, refused = 0, dropped = 0, inMemory = 0;
+        uint64_t messages = 0;  ///< that not every sink has
+        uint64_t kept = 0;      ///< that every sink has
+        uint64_t bytes = 0;     ///< of both
         bool broken = false;
     };
     Figures GetFigures();
@@ -97,6 +115,7 @@ public:
     static constexpr uint64_t kLeastLogBytes = 4 << 20;   ///< bound of the write-ahead log of a small spool
     static constexpr unsigned int kMostReadFailures = 5;  ///< in a row; then the file counts as damaged
     static constexpr size_t kMostPutAside = 3;            ///< damaged files that are kept, while they are small
+    static constexpr int kKeepParts = 32;                 ///< a message is kept for so much of the time longer at most
 
 private:
     /// What one transaction does to the figures.
@@ -127,6 +146,12 @@ private:
         int64_t newest = 0;     ///< last number that was ever used, as far as it is known
         bool numbered = false;  ///< the file itself said so
         bool sameName = false;  ///< the ids begin as they did
+    };
+
+    /// What was confirmed up to `seq` within a part of the time from `begin` on.
+    struct Mark {
+        Clock::time_point begin;
+        int64_t seq = 0;
     };
 
     /// A stretch of a damaged file.
@@ -229,11 +254,25 @@ private:
     base::Status KeepConfirmed() ZEL_REQUIRES(m_readLock);
     /// As above, and what every sink has goes.
     base::Status KeepAndRemove() ZEL_REQUIRES(m_readLock);
-    void RemoveConfirmed() ZEL_REQUIRES(m_readLock);
+    /// Removes what every sink has, but for what is kept. Returns: how many.
+    int64_t RemoveConfirmed() ZEL_REQUIRES(m_readLock) { return RemoveUpTo(Expired()); }
+    /// Removes what every sink has, up to `last`; some at a time where messages are kept. Returns: how many.
+    int64_t RemoveUpTo(int64_t last) ZEL_REQUIRES(m_readLock);
+    /// Notes up to where the sink that messages are kept for has them now.
+    void MarkConfirmed() ZEL_REQUIRES(m_readLock);
+    /// Returns: whether confirmed messages may stay: while there is a reserve, and as much room as the log may take.
+    bool MayKeep() const;
+    /// Returns: the last message that is kept no longer; INT64_MAX where none is kept.
+    int64_t Expired() ZEL_REQUIRES(m_readLock);
+    /// Whatever is kept may make room for what comes. Returns: whether there was something.
+    bool ReleaseKept();
+    /// Returns: how many messages every sink has.
+    int64_t CountKept();
     /// The file that failed with `why` while it was the `generation`th is replaced, unless somebody has done so.
     void Repair(const base::Error& why, uint64_t generation) ZEL_EXCLUDES(m_readLock);
 
     std::function<void()> m_listener;
+    std::function<Clock::time_point()> m_now = Clock::now;
     std::string m_path;
     uint64_t m_maxBytes = 0;
     size_t m_memoryMost = 0;
@@ -252,13 +291,15 @@ private:
     base::Statement m_insert;
     std::deque<SpoolMessage> m_memory;
     uint64_t m_memoryBytes = 0;
-    uint64_t m_unsavedDrops = 0;  // counted already, and not yet in the file
-    uint64_t m_nextLogBound = 0;  // length of the log at which it is moved into the file, whoever reads
-    uint64_t m_nextLogMove = 0;   // the same, as far as nobody reads
-    bool m_reserve = false;
+    uint64_t m_unsavedDrops = 0;           // counted already, and not yet in the file
+    uint64_t m_nextLogBound = 0;           // length of the log at which it is moved into the file, whoever reads
+    uint64_t m_nextLogMove = 0;            // the same, as far as nobody reads
+    std::atomic<bool> m_reserve{false};    // there is one; changed by the leader
     bool m_settled = false;                // the file says that it holds nothing
     std::atomic<bool> m_resting{false};    // closed because nothing waits; changed by the leader
     std::atomic<bool> m_unsaved{false};    // something was confirmed, and the file does not say so
+    std::atomic<bool> m_keeps{false};      // a sink wants confirmed messages to stay for a while
+    std::atomic<bool> m_holdsKept{false};  // some may be in the file
     std::atomic<bool> m_sinksKept{false};  // the cursors in the file are those of the sinks that there are
 
     base::Mutex m_readLock;  // taken by the leader after it leads, never the other way round
@@ -267,7 +308,12 @@ private:
     std::vector<std::string> m_sinks ZEL_GUARDED_BY(m_readLock);
     std::map<std::string, int64_t> m_confirmed ZEL_GUARDED_BY(m_readLock);  // by this process, and what was salvaged
     std::set<std::string> m_goneBack ZEL_GUARDED_BY(m_readLock);            // whose cursor in the file is too high
-    std::map<std::string, uint64_t> m_givenUp ZEL_GUARDED_BY(m_readLock);   // as the file says
+    KeepFor m_keep ZEL_GUARDED_BY(m_readLock);
+    // When what was confirmed, oldest first. Only of this process: a start keeps what there is for as long again, so no
+    // clock has to be believed that somebody sets, or that begins anew with the host.
+    std::deque<Mark> m_marks ZEL_GUARDED_BY(m_readLock);
+    int64_t m_expired ZEL_GUARDED_BY(m_readLock) = 0;                      // up to here nothing is kept any longer
+    std::map<std::string, uint64_t> m_givenUp ZEL_GUARDED_BY(m_readLock);  // as the file says
     std::map<std::string, uint64_t> m_unsavedGivenUp ZEL_GUARDED_BY(m_readLock);
     uint64_t m_generation ZEL_GUARDED_BY(m_readLock) = 0;  // which file in turn this is
     unsigned int m_readFailures ZEL_GUARDED_BY(m_readLock) = 0;

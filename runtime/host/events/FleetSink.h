@@ -24,6 +24,7 @@ public:
     std::string Name() const override { return "fleet"; }
     Handover Deliver(const std::vector<SpoolMessage>& messages, const std::atomic<bool>& stop) override;
     size_t BatchSize() const override { return fleet::kMostEvents; }
+    bool KeepsConfirmed() const override { return true; }
 
 private:
     using Clock = std::chrono::steady_clock;

@@ -108,8 +108,9 @@ void AddDeliveryMetrics(const DeliveryStats& s, std::vector<Metric>& metrics) {
     add.Counter("zel_events_dropped_total",
                 "Messages dropped for want of room, as too long or with a damaged file, over the spool's life.",
                 s.dropped);
-    add.Gauge("zel_events_spooled", "Messages in the spool.", static_cast<double>(s.spooled));
-    add.Gauge("zel_events_spool_bytes", "Size of the messages in the spool.", static_cast<double>(s.spoolBytes));
+    add.Gauge("zel_events_spooled", "Messages in the spool that a sink waits for.", static_cast<double>(s.spooled));
+    add.Gauge("zel_events_spool_bytes", "Size of the messages in the spool, with those that are only kept.",
+              static_cast<double>(s.spoolBytes));
     add.Gauge("zel_events_in_memory", "Messages that wait for a spool that can be written.",
               static_cast<double>(s.inMemory));
     add.Gauge("zel_events_spool_broken", "1 while the spool cannot be written.", s.spoolBroken ? 1 : 0);

@@ -48,7 +48,8 @@ struct DeliveryOptions : SinkOptions {
     unsigned int backoffMinMs = 500;       ///< after the first failure of a sink, doubled up to the maximum
     unsigned int backoffMaxMs = 60000;
     unsigned int restMs = 60000;  ///< without a message for so long, the spool's file is closed until the next one
-    unsigned int fleetAnswerMs = 60000;  ///< a relay that has not answered by then is asked anew
+    unsigned int keepConfirmedMs = 300000;  ///< what the relay has confirmed stays so long, while there is room
+    unsigned int fleetAnswerMs = 60000;     ///< a relay that has not answered by then is asked anew
 };
 
 struct MetricsOptions {
@@ -136,7 +137,7 @@ struct DeliveryStats {
     bool present = false;
     uint64_t accepted = 0;  ///< by SendMsg since the start of the process
     uint64_t refused = 0;
-    uint64_t spooled = 0;  ///< messages in the spool now
+    uint64_t spooled = 0;  ///< messages in the spool now that a sink waits for
     uint64_t spoolBytes = 0;
     uint64_t dropped = 0;   ///< for want of room, with a damaged file or as too long, over the spool's life
     uint64_t inMemory = 0;  ///< messages that wait for a spool that can be written again

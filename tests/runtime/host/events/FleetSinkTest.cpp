@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <mutex>
+#include <numeric>
 #include <random>
 
 #include "HostSupport.h"
@@ -416,4 +417,124 @@ TEST_F(FleetLaneTest, WhatTheBrokerLostGoesAgain) {
     EXPECT_THAT(support::NumbersOf(batches.back()), ElementsAre(3, 4, 5, 6));
     EXPECT_EQ(batches.back().batch.after, 2);
     EXPECT_TRUE(support::LogHolds("event sink fleet: what came after message 2 is lost there, though up to 5"));
+}
+
+// --- against the rule and a model of the broker ---
+
+namespace {
+
+/// A relay with a broker behind it, both with faults.
+class FaultyWay {
+public:
+    explicit FaultyWay(uint32_t seed)
+        : m_random(seed), m_broker(seed % 2 == 0, [this](uint32_t below) { return Chance(below); }) {}
+
+    Reply Play(const BatchFrame& batch) {
+        const std::lock_guard<std::mutex> lock(m_lock);
+        if (!m_quiet && Chance(12) == 0) return Cut({});
+        fleet::Step step = m_rule.Begin(batch.batch, Now());
+        while (step.kind == fleet::Step::Kind::kRead || step.kind == fleet::Step::Kind::kPublish) {
+            m_broker.Settle(m_quiet);
+            step = step.kind == fleet::Step::Kind::kRead
+                       ? m_rule.OnRead(m_broker.Read(NextFault()), Now())
+                       : m_rule.OnPublish(
+                             m_broker.Publish(batch.batch.spool, support::NumbersOf(batch), step.sequence, NextFault()),
+                             Now());
+        }
+        m_nowMs += step.pauseMs;
+        m_wentBack += step.kind == fleet::Step::Kind::kGoBack ? 1 : 0;
+        fleet::AnswerFrame answer;
+        answer.step = step;
+        answer.step.pauseMs = std::min<int64_t>(step.pauseMs, 1);
+        answer.state = m_rule.Get().state;
+        answer.reason = m_rule.Get().reason;
+        if (step.kind == fleet::Step::Kind::kStored && !m_quiet && Chance(25) == 0) Lose();
+        const std::string bytes = fleet::EncodeAnswer(answer);
+        return !m_quiet && Chance(8) == 0 ? Cut(bytes) : Reply{bytes, Chance(4) == 0, false};
+    }
+    /// Nothing befalls what comes from now on.
+    void Quieten() {
+        const std::lock_guard<std::mutex> lock(m_lock);
+        m_quiet = true;
+    }
+    std::vector<int64_t> Stored() {
+        const std::lock_guard<std::mutex> lock(m_lock);
+        std::vector<int64_t> numbers;
+        for (const auto& message : m_broker.Messages()) {
+            numbers.insert(numbers.end(), message.numbers.begin(), message.numbers.end());
+        }
+        return numbers;
+    }
+    int WentBack() const { return m_wentBack; }
+    int Cuts() const { return m_cuts; }
+
+private:
+    uint32_t Chance(uint32_t below) { return static_cast<uint32_t>(m_random() % below); }
+    fleet::Moment Now() { return {m_nowMs, Chance(1u << 30)}; }
+    fleet::Fault NextFault() {
+        return m_quiet || Chance(5) > 0 ? fleet::Fault::kNone
+                                        : static_cast<fleet::Fault>(Chance(static_cast<uint32_t>(fleet::kFaults)));
+    }
+    /// The connection ends somewhere within what was to be said.
+    Reply Cut(const std::string& bytes) {
+        ++m_cuts;
+        return {bytes.substr(0, bytes.empty() ? 0 : Chance(static_cast<uint32_t>(bytes.size()))), false, true};
+    }
+    void Lose() { m_broker.Lose(std::min<size_t>(m_broker.Messages().size(), 1 + Chance(4))); }
+
+    std::mt19937 m_random;
+    std::mutex m_lock;
+    fleet::ModelBroker m_broker;
+    fleet::PublishRule m_rule;
+    int64_t m_nowMs = 1000;
+    std::atomic<bool> m_quiet{false};
+    std::atomic<int> m_wentBack{0}, m_cuts{0};
+};
+
+}  // namespace
+
+TEST_F(FleetLaneTest, EachEventIsStoredOnceThroughCutsAndLosses) {
+    for (uint32_t seed = 1; seed <= 4; ++seed) {
+        FaultyWay way(seed);
+        RelayPlayer relay(Socket(), [&](const BatchFrame& batch) { return way.Play(batch); });
+        zelhost::DeliveryOptions options = Options();
+        options.spoolPath = m_dir / ("spool/" + std::to_string(seed) + ".db");
+        options.backoffMinMs = options.backoffMaxMs = 1;
+        constexpr int kParts = 4, kEach = 60;
+        for (int part = 0; part < kParts; ++part) {
+            // A process that ends takes nothing along, and the next one goes on where it was.
+            CEventDelivery delivery(options, "QorNet");
+            ASSERT_TRUE(support::IsOk(delivery.Start()));
+            Send(delivery, kEach);
+            if (part + 1 < kParts) continue;
+            ASSERT_TRUE(delivery.Flush(20000)) << Fleet(delivery).lastError;
+            way.Quieten();
+            Send(delivery, 1);  // what the broker lost is noticed with the next event
+            ASSERT_TRUE(delivery.Flush(20000)) << Fleet(delivery).lastError;
+        }
+        const std::vector<int64_t> stored = way.Stored();
+        std::vector<int64_t> all(kParts * kEach + 1);
+        std::iota(all.begin(), all.end(), 1);
+        EXPECT_EQ(stored, all) << "seed " << seed;
+        EXPECT_GT(way.Cuts(), 0);
+        printf("seed %u: %d connections, %d cut, went back %d times\n", seed, relay.Connections(), way.Cuts(),
+               way.WentBack());
+    }
+}
+
+TEST_F(FleetLaneTest, TheSpoolRestsAfterTheTimeOfWhatItKeeps) {
+    RelayPlayer relay(Socket(), TakeAll);
+    zelhost::DeliveryOptions options = Options();
+    options.restMs = 1;
+    options.keepConfirmedMs = 1500;
+    CEventDelivery delivery(options, "QorNet");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    Send(delivery, 3);
+    ASSERT_TRUE(delivery.Flush(20000));
+    EXPECT_EQ(delivery.Stats().spooled, 0u) << "kept ones wait for nobody";
+    EXPECT_GT(delivery.Stats().spoolBytes, 0u);
+    const auto isOpen = [&] { return support::Exists(options.spoolPath + "-wal"); };
+    EXPECT_TRUE(isOpen());
+    EXPECT_TRUE(Eventually([&] { return !isOpen(); })) << "closed, so that it costs nothing";
+    EXPECT_EQ(delivery.Stats().spoolBytes, 0u);
 }
