@@ -41,6 +41,7 @@ Json::Value Put(const std::string& key, const std::string& value) {
 /// Publishes events of one process as its host does.
 class EventSource {
 public:
+    explicit EventSource(const std::string& url) : EventSource(OptionsOf(url)) {}
     explicit EventSource(const BrokerOptions& options) {
         auto opened = NatsBroker::Open(options);
         if (opened) m_broker = std::move(*opened);
@@ -70,6 +71,13 @@ public:
     bool IsConnected() const { return m_broker && m_broker->IsConnected(); }
 
 private:
+    static BrokerOptions OptionsOf(const std::string& url) {
+        BrokerOptions options;
+        options.servers = {url};
+        options.host = kHost;
+        return options;
+    }
+
     std::unique_ptr<NatsBroker> m_broker;
     uint64_t m_sequence = 0;
     int64_t m_last = 0;
@@ -379,6 +387,59 @@ TEST_F(ConsoleTest, EndOfTheInputEndsFollowersAndFinishesLists) {
     EXPECT_TRUE(ann->Next(2)["ok"].asBool());
     EXPECT_EQ(ann->Next(3)["messages"].asInt64(), 1000);
     end.join();
+}
+
+/// A broker without keys and channels of its own, to which a proxy stands in the way.
+class ConsoleCutTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!RealBroker::IsInstalled()) GTEST_SKIP() << "no broker on this machine (package nats-server)";
+        ASSERT_TRUE(m_server.Start());
+        m_admin = std::make_unique<BrokerAdmin>(m_server);
+        ASSERT_TRUE(m_admin->MakeStream());
+        ASSERT_TRUE(m_admin->MakeBucket("config"));
+    }
+    std::unique_ptr<ConsoleProcess> Console(const CuttingProxy& proxy) {
+        BrokerOptions options;
+        options.servers = {"nats://h1:pw@127.0.0.1:" + std::to_string(proxy.Port())};
+        return std::make_unique<ConsoleProcess>(options, std::vector<std::string>{"--name", "h1"});
+    }
+    RealBroker m_server;
+    std::unique_ptr<BrokerAdmin> m_admin;
+};
+
+TEST_F(ConsoleCutTest, PutWhoseAnswerIsCutIsUnknownAndStored) {
+    CuttingProxy proxy(m_server.Port(), 2, "KV_config");
+    const auto console = Console(proxy);
+    EXPECT_EQ(console->Ask(Put("all", "1"))["revision"].asUInt64(), 1u);
+    Json::Value put = Put("all", "2");
+    put["expected"] = 1;
+    const Json::Value cut = console->Ask(put);
+    EXPECT_EQ(cut["outcome"].asString(), "unknown") << cut;
+    EXPECT_EQ(proxy.Cuts(), 1);
+    Json::Value got;
+    EXPECT_TRUE(support::Eventually([&] {
+        got = console->Ask(Line(R"("op":"get","bucket":"config","key":"all")"));
+        return got.isMember("found");
+    }));
+    EXPECT_EQ(got["value"].asString(), "2");
+    EXPECT_EQ(console->Ask(put)["outcome"].asString(), "conflict");
+}
+
+TEST_F(ConsoleCutTest, StreamThatIsMadeAnewIsReadFromItsBeginning) {
+    const CuttingProxy proxy(m_server.Port(), 1, "none");
+    EventSource source(m_server.Url("h1"));
+    ASSERT_TRUE(source.PublishUpTo(20));
+    const auto console = Console(proxy);
+    const int64_t id = console->Send(Line(R"("op":"events","subject":"zel.events.>","follow":true)"));
+    for (int64_t i = 1; i <= 20; ++i) ASSERT_EQ(console->Next(id)["item"]["first"].asInt64(), i);
+    ASSERT_TRUE(m_admin->MakeStream());
+    EventSource again(m_server.Url("h1"));
+    ASSERT_TRUE(again.PublishUpTo(5));
+    for (int64_t i = 1; i <= 5; ++i) {
+        const Json::Value line = console->Next(id);
+        ASSERT_EQ(line["item"]["sequence"].asInt64(), i) << line;
+    }
 }
 
 TEST(ConsoleStartTest, WhatCannotStartSaysWhy) {

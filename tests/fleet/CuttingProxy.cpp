@@ -7,8 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <string>
-
 namespace fleet {
 namespace {
 
@@ -33,7 +31,8 @@ bool SendAll(int to, const std::string& bytes) {
 
 }  // namespace
 
-CuttingProxy::CuttingProxy(int port, int every) : m_target(port), m_every(every) {
+CuttingProxy::CuttingProxy(int port, int every, const std::string& stream)
+    : m_target(port), m_every(every), m_ack("{\"stream\":\"" + stream + "\"") {
     m_listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = Loopback(0);
     socklen_t length = sizeof(address);
@@ -78,7 +77,7 @@ void CuttingProxy::Serve(int client, int server) {
             const ssize_t got = recv(one.fd, buffer, sizeof(buffer), 0);
             if (got <= 0) return;
             const std::string bytes(buffer, static_cast<size_t>(got));
-            const bool isAck = one.fd == server && bytes.find("{\"stream\":\"EVENTS\"") != std::string::npos;
+            const bool isAck = one.fd == server && bytes.find(m_ack) != std::string::npos;
             if (isAck && ++m_acks % m_every == 0) {
                 ++m_cuts;
                 return;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -10,8 +11,8 @@ namespace fleet {
 
 class CuttingProxy {
 public:
-    /// To 127.0.0.1:`port`; cuts one of `every` acknowledgements.
-    CuttingProxy(int port, int every);
+    /// To 127.0.0.1:`port`; cuts one of `every` acknowledgements of the stream.
+    CuttingProxy(int port, int every, const std::string& stream = "EVENTS");
     ~CuttingProxy();
     CuttingProxy(const CuttingProxy&) = delete;
     CuttingProxy& operator=(const CuttingProxy&) = delete;
@@ -26,6 +27,7 @@ private:
 
     const int m_target;
     const int m_every;
+    const std::string m_ack;  // how one begins
     int m_listener = -1;
     int m_port = 0;
     std::atomic<int> m_acks{0};

@@ -115,6 +115,18 @@ bool BrokerAdmin::MakeStream(int64_t most) {
     return js_AddStream(nullptr, m_stream, &config, nullptr, &code) == NATS_OK;
 }
 
+bool BrokerAdmin::MakeBucket(const std::string& bucket) {
+    jsStreamConfig config;
+    jsStreamConfig_Init(&config);
+    const std::string name = "KV_" + bucket, subject = "$KV." + bucket + ".>";
+    const char* subjects[] = {subject.c_str()};
+    config.Name = name.c_str();
+    config.Subjects = subjects;
+    config.SubjectsLen = 1;
+    config.AllowDirect = true;
+    return js_AddStream(nullptr, m_stream, &config, nullptr, nullptr) == NATS_OK;
+}
+
 bool BrokerAdmin::RemoveStream() {
     jsErrCode code = static_cast<jsErrCode>(0);
     return js_DeleteStream(m_stream, "EVENTS", nullptr, &code) == NATS_OK;

@@ -56,6 +56,8 @@ public:
 
     /// Makes or replaces the stream of events. `most`: messages that it takes, then it is full; 0: any number.
     bool MakeStream(int64_t most = 0);
+    /// Makes the stream of a bucket of keys.
+    bool MakeBucket(const std::string& bucket);
     bool RemoveStream();
     /// Listens to the subject, and never answers.
     bool Hold(const std::string& subject);
