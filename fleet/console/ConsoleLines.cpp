@@ -274,9 +274,17 @@ std::string ErrorAnswer(int64_t id, const std::string& sentence, const char* out
     return LineOf(root);
 }
 
-std::string InfoAnswer(int64_t id, bool isConnected, const std::optional<ServerInfo>& server) {
+std::string ListAnswer(int64_t id, double brokerTime) {
     Json::Value root = Head(id);
     root["ok"] = true;
+    if (brokerTime > 0) root["now"] = brokerTime;
+    return LineOf(root);
+}
+
+std::string InfoAnswer(int64_t id, bool isConnected, const std::optional<ServerInfo>& server, const std::string& why) {
+    Json::Value root = Head(id);
+    root["ok"] = true;
+    if (!why.empty()) root["reason"] = why;
     root["connected"] = isConnected;
     root["server"] = Json::Value(Json::objectValue);
     if (!server) return LineOf(root);

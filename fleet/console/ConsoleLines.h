@@ -91,7 +91,11 @@ struct StreamReport {
 std::string OkAnswer(int64_t id);
 std::string ErrorAnswer(int64_t id, const std::string& sentence, const char* outcome = nullptr);
 /// `server`: nothing where there is no connection, or it does not say what it is.
-std::string InfoAnswer(int64_t id, bool isConnected, const std::optional<ServerInfo>& server);
+/// `why`: why there is none.
+std::string InfoAnswer(int64_t id, bool isConnected, const std::optional<ServerInfo>& server,
+                       const std::string& why = "");
+/// The end of a list. `brokerTime`: the broker's clock when it began, 0: not said.
+std::string ListAnswer(int64_t id, double brokerTime);
 std::string KeyItem(int64_t id, const KvEntry& entry);
 /// `entry`: nothing where there is none of that name.
 std::string GetAnswer(int64_t id, const std::optional<KvEntry>& entry);

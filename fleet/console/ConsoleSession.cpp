@@ -189,7 +189,7 @@ std::string ConsoleSession::Follow(const ConsoleRequest& request, StreamReader& 
     auto lastCame = Clock::now();
     while (!IsOver(task)) {
         const Got got = reader.Next(message);
-        if (got == Got::kNoMore) return OkAnswer(request.id);
+        if (got == Got::kNoMore) return ListAnswer(request.id, reader.BrokerTime());
         if (got == Got::kMessage && !m_output.Say(LineOf(request, message))) return "";
         if (got == Got::kMessage) lastCame = Clock::now();
         hasBegun = hasBegun || got != Got::kFailed;
@@ -230,8 +230,8 @@ std::string ConsoleSession::AnswerShort(const ConsoleRequest& request) {
 
 std::string ConsoleSession::AnswerInfo(int64_t id) {
     if (!m_broker.IsConnected()) {
-        m_broker.WhyNot();  // makes an attempt where the library has given up
-        return InfoAnswer(id, m_broker.IsConnected(), std::nullopt);
+        const std::string why = m_broker.WhyNot();  // makes an attempt where the library has given up
+        return InfoAnswer(id, m_broker.IsConnected(), std::nullopt, why);
     }
     const auto server = m_broker.Greeting();
     return InfoAnswer(id, m_broker.IsConnected(), server ? std::optional<ServerInfo>(*server) : std::nullopt);

@@ -73,6 +73,7 @@ bool StreamReader::Open() {
     m_why = made ? "" : "a reader of the stream " + m_query.stream + ": " + made.GetError().Text();
     if (!made) return false;
     m_consumer = made->name;
+    m_time = made->time;
     m_pending = made->pending;
     m_delivered = 0;
     m_wanted = 0;

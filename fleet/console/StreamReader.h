@@ -44,6 +44,8 @@ public:
     /// Blocks: a quarter of a second, or for as long as a few requests. `message` is set with kMessage.
     Got Next(StreamMessage& message);
     const std::string& Why() const { return m_why; }
+    /// Returns: the broker's clock when it last began to read; 0: not said.
+    double BrokerTime() const { return m_time; }
     /// Whether it can go on behind the last message: a list of last ones cannot.
     bool CanResume() const { return m_query.from.kind != ReadFrom::Kind::kLastOfEach || m_position == 0; }
 
@@ -63,6 +65,7 @@ private:
     StreamQuery m_query;
     std::unique_ptr<Inbox> m_inbox;  // with it there is a consumer
     std::string m_consumer;
+    double m_time = 0;
     uint64_t m_connection = 0;
     uint64_t m_position = 0;  // the last message's; 0: none yet
     std::string m_created;

@@ -146,7 +146,7 @@ std::string ConsumerRequest(const std::string& stream, const std::string& filter
 base::Result<MadeConsumer> ParseMadeConsumer(const std::string& answer) {
     const auto root = AnswerOf(answer);
     if (!root) return root.GetError();
-    MadeConsumer made{Word(*root, "name"), Count(*root, "num_pending")};
+    MadeConsumer made{Word(*root, "name"), Count(*root, "num_pending"), ParseTime(Word(*root, "created")).value_or(0)};
     if (made.name.empty()) return NotAnAnswer();
     return made;
 }

@@ -29,6 +29,7 @@ std::string ConsumerRequest(const std::string& stream, const std::string& filter
 struct MadeConsumer {
     std::string name;
     uint64_t pending = 0;  ///< messages that wait for it
+    double time = 0;       ///< when it was made, by the broker; 0: not said
 };
 /// Errors: the broker's own words; an answer that is none.
 base::Result<MadeConsumer> ParseMadeConsumer(const std::string& answer);

@@ -140,7 +140,9 @@ TEST_F(ConsoleTest, ListsComeWholeAndInTheirOrder) {
     chief->Ask(Line(R"("op":"put","bucket":"config","key":"group.web")"));
     const auto ann = Console("ann");
     Items keys, history;
-    EXPECT_TRUE(ann->Ask(Line(R"("op":"keys","bucket":"config")"), &keys)["ok"].asBool());
+    const Json::Value end = ann->Ask(Line(R"("op":"keys","bucket":"config")"), &keys);
+    EXPECT_TRUE(end["ok"].asBool()) << end;
+    EXPECT_GE(end["now"].asDouble(), chief->Ask(Line(R"("op":"stream","name":"KV_config")"))["lastTime"].asDouble());
     ASSERT_EQ(keys.size(), 2u);
     EXPECT_EQ(keys[0]["key"].asString(), "all");
     EXPECT_EQ(keys[0]["value"].asString(), "3");
@@ -253,7 +255,12 @@ TEST_F(ConsoleTest, BrokerThatIsAwayIsSaidAndTriedFor) {
     const auto chief = Console("chief");
     ASSERT_TRUE(chief->Ask(Line(R"("op":"info")"))["connected"].asBool());
     ASSERT_TRUE(m_fleet->Kill());
-    ASSERT_TRUE(support::Eventually([&] { return !chief->Ask(Line(R"("op":"info")"))["connected"].asBool(); }));
+    Json::Value info;
+    ASSERT_TRUE(support::Eventually([&] {
+        info = chief->Ask(Line(R"("op":"info")"));
+        return !info["connected"].asBool();
+    }));
+    EXPECT_FALSE(info["reason"].asString().empty()) << info;
     for (const char* asked : {R"("op":"keys","bucket":"config")", R"("op":"get","bucket":"config","key":"all")",
                               R"("op":"stream")", R"("op":"events","subject":"zel.events.>","follow":true)"}) {
         const Json::Value answer = chief->Ask(Line(asked));

@@ -64,8 +64,10 @@ TEST(StreamTextsTest, ConsumerBeginsWhereItIsAsked) {
 }
 
 TEST(StreamTextsTest, AnswersOfTheBrokerAreRead) {
-    const auto made = ParseMadeConsumer(R"({"type":"x","name":"abc","num_pending":3})");
+    const auto made =
+        ParseMadeConsumer(R"({"type":"x","name":"abc","num_pending":3,"created":"2023-11-14T22:13:20Z"})");
     ASSERT_TRUE(made.Ok());
+    EXPECT_EQ(made->time, 1700000000.0);
     EXPECT_EQ(made->name, "abc");
     EXPECT_EQ(made->pending, 3u);
     const auto refused = ParseMadeConsumer(R"({"error":{"code":404,"description":"stream not found"}})");
