@@ -20,8 +20,8 @@
 #include "base/FileIo.h"
 #include "base/QuietThread.h"
 #include "broker/NatsBroker.h"
+#include "fleet/BrokerKeys.h"
 #include "fleet/DutyRound.h"
-#include "rule/FleetNames.h"
 
 namespace agent {
 
@@ -31,32 +31,6 @@ constexpr char kThreadName[] = "fleet-duties";
 /// Answers come in milliseconds; what is slower than this is told of as not answering.
 constexpr std::chrono::seconds kPatience(5);
 constexpr int64_t kNsPerMs = 1000000;
-
-/// The broker's client as the duties use it. Once it is to end, nothing is asked any more.
-class BrokerKeys final : public FleetKeys {
-public:
-    explicit BrokerKeys(fleet::NatsBroker& broker) : m_broker(broker), m_own(fleet::EscapeName(broker.Host())) {}
-
-    void End() { m_ends = true; }
-    bool Ends() const { return m_ends; }
-    bool IsConnected() override { return !m_ends && m_broker.IsConnected(); }
-    uint64_t Connections() override { return m_broker.Connections(); }
-    base::Status Judge() override { return m_broker.Judge(); }
-    fleet::KvRead GetLevel(const std::string& key) override {
-        if (!m_ends) return fleet::GetKey(m_broker, fleet::kConfigBucket, key);
-        fleet::KvRead ended;
-        ended.answer.outcome = fleet::Answer::Outcome::kDisconnected;
-        return ended;
-    }
-    fleet::Answer PutState(const std::string& text) override {
-        return fleet::PutKey(m_broker, fleet::kStateBucket, m_own, text);
-    }
-
-private:
-    fleet::NatsBroker& m_broker;
-    const std::string m_own;
-    std::atomic<bool> m_ends{false};
-};
 
 }  // namespace
 

@@ -1,17 +1,21 @@
-// tervane-relay: brings the events of this host's agent to the fleet's broker. Started by the agent's main process
+// tervane-relay: brings the events of this host's agent to the fleet's broker, tells the fleet what the host is, and
+// takes the fleet's configuration. Started by the agent's main process
 // where a fleet is configured, and ended by it; it keeps nothing but its socket.
 #include <malloc.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "AgentConfig.h"
 #include "AgentPaths.h"
 #include "ExitCode.h"
 #include "base/FileIo.h"
+#include "fleet/FleetDuties.h"
 #include "platform/zel/AgentNames.h"
 #include "relay/Deliverer.h"
 #include "relay/RelayServer.h"
@@ -55,9 +59,46 @@ BrokerOptions OptionsOf(const agent::FleetConfig& config, const std::string& app
     return options;
 }
 
+/// What the host does in its fleet beside its events, as soon as there is a client of the broker.
+class Duties {
+public:
+    Duties(const agent::FleetConfig& config, const std::string& appDir) {
+        m_options.host = agent::FleetHost(config);
+        m_options.groups = config.groups;
+        m_options.appDir = appDir;
+        m_options.takesConfiguration = config.configuration;
+        m_options.log = Say;
+    }
+    void Begin(NatsBroker& broker) {
+        m_duties = std::make_unique<agent::FleetDuties>(broker, m_options);
+        const base::Status begun = m_duties->Start();
+        if (!begun) return Say("this host says nothing of itself to its fleet: " + begun.GetError().Text());
+        m_begun = true;
+    }
+    /// Any thread. An event passed: it may tell of a change.
+    void Note() {
+        if (m_begun) m_duties->Note();
+    }
+
+private:
+    agent::FleetDutyOptions m_options;
+    std::unique_ptr<agent::FleetDuties> m_duties;
+    std::atomic<bool> m_begun{false};
+};
+
 int Fail(int code, const std::string& why) {
     Say(why);
     return code;
+}
+
+/// A client that cannot be made yet is tried again, whether events come or not.
+void WaitForEnd(const sigset_t& ending, Deliverer& deliverer) {
+    constexpr timespec kAgain{60, 0};
+    while (deliverer.Open() == nullptr) {
+        if (sigtimedwait(&ending, nullptr, &kAgain) > 0) return;
+    }
+    int signal = 0;
+    sigwait(&ending, &signal);
 }
 
 /// Blocks: until a signal ends it. Returns: only where it cannot begin.
@@ -71,17 +112,24 @@ int Serve(const agent::FleetConfig& config, const std::string& appDir) {
     auto loop = base::IoLoop::Start("relay");
     if (!loop) return Fail(agent::kExitServices, loop.GetError().Text());
     const BrokerOptions options = OptionsOf(config, appDir);
-    Deliverer deliverer([&] { return NatsBroker::Open(options); }, Say);
+    Duties duties(config, appDir);
+    const auto open = [&] {
+        auto opened = NatsBroker::Open(options);
+        if (opened) duties.Begin(**opened);
+        return opened;
+    };
+    Deliverer deliverer(open, Say);
     base::WorkQueue queue(**loop, "relay-work", kWorkers);
     RelayServer::Service service;
-    service.deliver = [&](const BatchFrame& batch) { return deliverer.Deliver(batch); };
+    service.deliver = [&](const BatchFrame& batch) {
+        duties.Note();
+        return deliverer.Deliver(batch);
+    };
     service.warn = Say;
     RelayServer server(**loop, queue, std::move(*socket), RelayBounds(), std::move(service));
     const base::Status started = server.Start();
     if (!started) return Fail(agent::kExitServices, started.GetError().Text());
-    deliverer.Open();
-    int signal = 0;
-    sigwait(&ending, &signal);
+    WaitForEnd(ending, deliverer);
     server.TakeAway();
     // A request may wait for the broker for seconds. What became of it is read back before the next one, so nothing is
     // waited for.
