@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 #include "rule/FleetNames.h"
 
@@ -171,6 +172,8 @@ base::Status FrameReader::Add(std::string_view bytes) {
         // The head first, so that a body beyond the bound is refused before it is kept.
         const size_t missing = m_bytes.size() < kFrameHeaderBytes ? kFrameHeaderBytes - m_bytes.size() : bytes.size();
         const size_t part = std::min(missing, bytes.size());
+        // As much as it takes and no more: by doubling it would be up to twice that.
+        if (m_bytes.size() >= kFrameHeaderBytes) m_bytes.reserve(m_bytes.size() + Missing());
         m_bytes.append(bytes.substr(0, part));
         bytes.remove_prefix(part);
         const auto head = ReadHead();
@@ -197,8 +200,9 @@ std::optional<Frame> FrameReader::Next() {
     if (m_broken || !head || !*head || m_bytes.size() < kFrameHeaderBytes + **head) return std::nullopt;
     Frame frame;
     frame.kind = static_cast<FrameKind>(m_bytes[0]);
-    frame.body = m_bytes.substr(kFrameHeaderBytes);
-    m_bytes.clear();
+    // The bytes go with it: a reader between two frames keeps no room for the last one.
+    frame.body = std::exchange(m_bytes, std::string());
+    frame.body.erase(0, kFrameHeaderBytes);
     return frame;
 }
 

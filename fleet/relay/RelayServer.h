@@ -18,7 +18,9 @@ namespace fleet {
 
 struct RelayBounds {
     size_t mostConnections = 64;
-    size_t mostHeldBytes = 2 << 20;            ///< of frames, from their first byte to their answer
+    /// Of frames, from their first byte to their answer: a big event and a few batches. The client of the broker makes
+    /// copies of each, so a frame costs a multiple of itself.
+    size_t mostHeldBytes = kMostFrameBytes + 4 * kMostBatchBytes;
     std::chrono::milliseconds patience{5000};  ///< for a whole frame to come, and for an answer to be taken
 };
 
