@@ -1,5 +1,5 @@
 # What an installation puts where. Components: "lib" is what programs that embed the module need to run,
-# "dev" what they are built with, "agent" the agent and its console, "configuration" the administrator's files
+# "dev" what they are built with, "agent" the agent and its console, "fleet" its relay to a broker, "configuration" the administrator's files
 # in /etc, which only packages bring (cmake --install leaves /etc alone; `make install` copies what is not there yet).
 include(CMakePackageConfigHelpers)
 
@@ -27,7 +27,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelMonitor.pc ${CMAKE_CURRENT_BINARY_D
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 # What an agent maker reads and begins with.
 install(FILES docs/EMBEDDING.md docs/ASSURANCE.md docs/CGROUP.md docs/CONFIG.md docs/CONSOLE.md docs/EVENTS.md
-  docs/LOG.md docs/METRICS.md CHANGELOG.md
+  docs/FLEET.md docs/LOG.md docs/METRICS.md CHANGELOG.md
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzelmonitor-dev COMPONENT dev)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzelmonitor-dev COMPONENT dev)
 foreach(library zelHost zelMonitor)
@@ -48,7 +48,7 @@ if(TARGET tervane)
   install(DIRECTORY agent/conf/ DESTINATION ${CMAKE_INSTALL_DATADIR}/tervane/conf COMPONENT agent
     PATTERN demo_components.json EXCLUDE)
   install(FILES docs/OPERATING.md docs/ASSURANCE.md docs/CGROUP.md docs/CONFIG.md docs/CONSOLE.md docs/EVENTS.md
-    docs/LOG.md docs/METRICS.md
+    docs/FLEET.md docs/LOG.md docs/METRICS.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tervane COMPONENT agent)
   install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/tervane COMPONENT agent)
   install(FILES man/tervane.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT agent)
@@ -57,6 +57,12 @@ if(TARGET tervane)
     COMPONENT configuration EXCLUDE_FROM_ALL)
   install(FILES agent/conf/agent.json DESTINATION /etc/tervane  # may hold a password of an endpoint
     PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ COMPONENT configuration EXCLUDE_FROM_ALL)
+endif()
+# Alone it needs libnats. Not in a directory of commands: the main process starts it.
+if(TARGET tervane-relay)
+  install(TARGETS tervane-relay RUNTIME DESTINATION libexec/tervane COMPONENT fleet)
+  install(DIRECTORY packaging/fleet DESTINATION ${CMAKE_INSTALL_DATADIR}/tervane COMPONENT fleet)
+  install(FILES man/tervane-relay.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT fleet)
 endif()
 if(TARGET tervanectl)
   install(TARGETS tervanectl RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)

@@ -1,5 +1,5 @@
-# Debian packages of the installation: libzelmonitor0, libzelmonitor-dev, tervane. `make package`; the build that they
-# are made of may be any.
+# Debian packages of the installation: libzelmonitor0, libzelmonitor-dev, tervane, and tervane-fleet where libnats
+# was there to build it. `make package`; the build that they are made of may be any.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "the zelMonitor project")
 set(CPACK_PACKAGE_CONTACT "zelMonitor maintainers <maintainers@zelmonitor.invalid>")
@@ -15,6 +15,9 @@ set(CPACK_ZEL_SOURCE ${PROJECT_SOURCE_DIR})
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 set(CPACK_COMPONENTS_ALL lib dev agent configuration)
+if(TARGET tervane-relay)
+  list(APPEND CPACK_COMPONENTS_ALL fleet)
+endif()
 
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
@@ -56,12 +59,23 @@ Runs the components of a host agent in a tree of control groups with a quota
 of CPU and memory for each, starts those again that end, tells why they
 ended, and reports what the host runs short of. With its console tervanectl.")
 
+set(CPACK_DEBIAN_TERVANE-FLEET_PACKAGE_NAME tervane-fleet)
+set(CPACK_DEBIAN_TERVANE-FLEET_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_TERVANE-FLEET_PACKAGE_DEPENDS "tervane (= ${PROJECT_VERSION}-1)")
+set(CPACK_DEBIAN_TERVANE-FLEET_DESCRIPTION "host agent that stays inside its budget - relay to a fleet's broker
+Brings the events of a host's agent to a broker (NATS JetStream), each once,
+where its configuration names one. A host that is in no fleet needs none of it.")
+
 # Each package has a summary of its own in the first line of its description.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 include(CPack)
 cpack_add_component_group(libzelmonitor0)
 cpack_add_component_group(libzelmonitor-dev)
 cpack_add_component_group(tervane)
+if(TARGET tervane-relay)
+  cpack_add_component_group(tervane-fleet)
+  cpack_add_component(fleet GROUP tervane-fleet)
+endif()
 cpack_add_component(lib GROUP libzelmonitor0)
 cpack_add_component(dev GROUP libzelmonitor-dev)
 cpack_add_component(agent GROUP tervane)

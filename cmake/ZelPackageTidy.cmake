@@ -9,7 +9,7 @@ function(found result)
   set(${result} "${text}" PARENT_SCOPE)
 endfunction()
 
-found(programs -type f ( -name *.so.* -o -path */usr/sbin/* ))
+found(programs -type f ( -name *.so.* -o -path */usr/sbin/* -o -path */usr/libexec/* ))
 foreach(program ${programs})
   file(RPATH_REMOVE FILE ${program})
 endforeach()

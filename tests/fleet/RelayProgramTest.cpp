@@ -151,7 +151,7 @@ protected:
     pid_t m_relay = -1;
 };
 
-TEST_F(RelayProgramTest, KillsOfRelayAndBrokerCostNoEventAndDoubleNone) {
+TEST_F(RelayProgramTest, KillsOfRelayAndBrokerLoseAndDoubleNothing) {
     StartBroker();
     MakeStream();
     Configure();
@@ -223,7 +223,7 @@ TEST_F(RelayProgramTest, AnOldBrokerOfAClusterIsRefusedWithItsReason) {
     EXPECT_THAT(answer->reason, HasSubstr("replicas may differ silently before 2.10.27"));
 }
 
-TEST_F(RelayProgramTest, CredentialsThatAreNotTrustedAreNamedAndAwaited) {
+TEST_F(RelayProgramTest, CredentialsThatAreNotTrustedAreNamed) {
     StartBroker();
     MakeStream();
     Configure(", \"credentials_file\": \"conf/host.creds\"");
