@@ -656,7 +656,6 @@ base::Status CEventSpool::WriteSomehow(const std::vector<Request*>& batch, Chang
     }
     if (!written && m_reserve) {
         ReleaseReserve();
-        ReleaseKept();  // there is room now to move the log for it
         written = WriteTransaction(batch, change);
     }
     return written;

@@ -227,6 +227,7 @@ TEST_F(EventSpoolKeptTest, AStartKeepsThemForAsLongAgain) {
         OpenKeeping(spool);
         RemoveAllExpired(spool);
         EXPECT_EQ(spool.GetFigures().kept, 5u);
+        EXPECT_GT(spool.KeptUntil().time_since_epoch(), m_now) << "or they would stay for ever";
         EXPECT_FALSE(spool.Rest());
         EXPECT_THAT(Numbers(spool, "fleet"), IsEmpty());
         ASSERT_TRUE(support::IsOk(spool.GoBack("fleet", 3)));
@@ -338,4 +339,11 @@ TEST_F(EventSpoolSmallDiskTest, TheyMakeRoomWhereItIsFullAtOnce) {
     EXPECT_EQ(Send(450, false), 0);
     EXPECT_EQ(m_spool.GetFigures().dropped, 0u);
     EXPECT_EQ(m_spool.Waiting("fleet"), 450u);
+    EXPECT_TRUE(support::Exists(m_disk / "e.db.reserve")) << "they go before it does";
+}
+
+TEST_F(EventSpoolSmallDiskTest, TheyMakeRoomWhereTheLogCannotBeMoved) {
+    m_disk.Fill();  // what the log holds of new pages has no room in the file
+    EXPECT_EQ(Send(400, false), 0);
+    EXPECT_EQ(m_spool.GetFigures().dropped, 0u);
 }
