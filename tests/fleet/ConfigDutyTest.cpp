@@ -116,6 +116,18 @@ TEST_F(ConfigDutyTest, PinnedFileStays) {
     EXPECT_EQ(File(), own);
 }
 
+TEST_F(ConfigDutyTest, FileOfTheFleetThatIsPinnedOutlivesItsLevels) {
+    m_keys.Set("all", R"({"maxCpu": 10})");
+    ConfigDuty duty = Make();
+    ASSERT_TRUE(Settle(duty));
+    const std::string pinned = File().replace(File().find('{'), 1, "{\"_pinned\": true,");
+    ASSERT_TRUE(support::ReplaceText(m_file, pinned));
+    m_keys.Delete("all");
+    ASSERT_TRUE(Settle(duty));
+    EXPECT_EQ(File(), pinned);
+    EXPECT_TRUE(duty.Get().pinned);
+}
+
 TEST_F(ConfigDutyTest, BadLevelChangesNothingUntilItIsMended) {
     m_keys.Set("all", R"({"maxCpu": 10})");
     ConfigDuty duty = Make();
