@@ -226,6 +226,7 @@ TEST_F(FileIoTest, DirectoriesAreMadeInTrustedPlacesOnly) {
         const Status refused = base::MakeDirectories(m_dir / place);
         ASSERT_FALSE(refused) << place;
         EXPECT_EQ(ErrorKind::kRefused, refused.GetError().kind) << place;
+        EXPECT_EQ("trust", refused.GetError().operation) << "by the verdict, and not by what followed";
     }
     EXPECT_THAT(NamesIn(m_dir / "victim"), ElementsAre());
     EXPECT_THAT(NamesIn(m_dir / "theirs"), ElementsAre("link"));
