@@ -191,7 +191,7 @@ TEST_F(LoopbackQuestionTest, OneOfTheSixthVersionIsAskedFor) {
     Asks(AF_INET6);
 }
 
-TEST_F(LoopbackQuestionTest, WhatHasNoTwoAddressesOfAFamilyIsNotAsked) {
+TEST_F(LoopbackQuestionTest, WithoutTwoAddressesOfAFamilyNobodyAsks) {
     const sockaddr_storage v4 = m_play.ours;
     const sockaddr_storage v6 = AddressOf("::1", 9090);
     sockaddr_storage local{};
