@@ -21,6 +21,7 @@ using Of = std::conditional_t<Io::kWrites, const Record, Record>;
 template <class Io>
 void Fields(Io& io, Of<Io, zel::CgroupUse>& use) {
     io("present", use.present);
+    io("v2", use.v2);
     io("path", use.path);
     io("limit", use.limit);
     io("used", use.used);

@@ -15,6 +15,7 @@ zel::CgroupNodeStatus Node(zel::CgroupLevel level, const std::string& name) {
     node.name = name;
     node.group = "guard";
     node.cpu.present = true;
+    node.cpu.v2 = true;
     node.cpu.path = "/cpu/" + name;
     node.cpu.limit = 1400;
     node.cpu.used = 123456789012;
@@ -193,6 +194,8 @@ TEST(StatusJsonTest, KeepsTheNamesThatScriptsRead) {
                              ".memory.limit_bytes",
                              ".tree.layout",
                              ".tree.nodes[0].cpu.throttled_us",
+                             ".tree.nodes[0].cpu.v2",
+                             ".tree.nodes[0].memory.v2",
                              ".tree.nodes[2].pids[1]",
                              ".tree.nodes[2].membership_verified",
                              ".keeper.found.cpu_burst",
