@@ -12,6 +12,8 @@ using Troubles = std::vector<Trouble>;
 
 /// A component joins its groups in its first moments.
 constexpr int64_t kSettledSeconds = 5;
+/// From this share of its descriptors on the next ones may be those that it lacks.
+constexpr int64_t kManyDescriptorsPercent = 90;
 constexpr char kStarting[] = "it is starting: its components and its own use have not been looked at yet";
 constexpr char kKept[] = "it is put back within seconds; where it does not stay, the log names who changes it";
 constexpr char kMoved[] = "something else moved it, or it could not join: its log says so; restart it";
@@ -156,6 +158,13 @@ void FindOwn(const StatusReport& report, Troubles& found) {
     if (report.samplerRuns && own.memLevel >= 2) {
         found.push_back(
             {Text("its memory is over its maximum of %d MB", own.maxMemMb), "raise max_memory, or restart it"});
+    }
+    const auto open = static_cast<int64_t>(own.descriptors);
+    if (report.samplerRuns && report.descriptorLimit > 0 &&
+        open * 100 >= report.descriptorLimit * kManyDescriptorsPercent) {
+        found.push_back({Text("too few descriptors: %lld of %lld are open", static_cast<long long>(open),
+                              static_cast<long long>(report.descriptorLimit)),
+                         "raise LimitNOFILE= in its unit, or ulimit -n where it is started, and restart it"});
     }
     if (report.diskFull) found.push_back({"the disk is full", "make room on the agent's disk"});
 }

@@ -2,6 +2,7 @@
 // metrics' threads beside the main thread.
 #include "StatusCollect.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -35,6 +36,13 @@ constexpr size_t kMostEventBytes = 512;
 int LimitMode() {
     COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance();
     return conf == nullptr ? 0 : static_cast<int>(conf->resourceLimitMode.Get());
+}
+
+/// How many descriptors this process may have open; 0: without a limit.
+int64_t DescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return 0;
+    return static_cast<int64_t>(limit.rlim_cur);
 }
 
 /// The counts of each priority, and the answers now.
@@ -74,6 +82,7 @@ StatusReport CollectStatus(const StatusSources& sources) {
     report.diskFull = sources.monitor->IsDiskFull();
     report.holdBacks = ReadHoldBacks(*sources.monitor, report.cpuNeedLimit);
     report.samplerRuns = sources.services->GetSamplerFigures(report.sampler);
+    report.descriptorLimit = DescriptorLimit();
     const int64_t second = SecondsSinceBoot();
     report.mainSilentSeconds = sources.pulse->MainSilentSeconds(second);
     report.samplingSilentSeconds = sources.pulse->SamplingSilentSeconds(second);

@@ -227,6 +227,7 @@ void OwnFields(Io& io, Of<Io, StatusReport>& report) {
     io("memory_level", sampler.memLevel);
     io("max_memory_mb", sampler.maxMemMb);
     io("descriptors", sampler.descriptors);
+    io("descriptor_limit", report.descriptorLimit);
     io("read_kbps", sampler.readKbps);
     io("write_kbps", sampler.writeKbps);
     io("rounds", sampler.rounds);

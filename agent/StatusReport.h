@@ -34,6 +34,7 @@ struct StatusReport {
     std::vector<HoldBackFigures> holdBacks;        ///< by priority, since the process started
     zelhost::SamplerFigures sampler;
     bool samplerRuns = false;
+    int64_t descriptorLimit = 0;        ///< how many it may have open; 0: not known, or no limit
     int64_t mainSilentSeconds = 0;      ///< for how long its main thread has done nothing; 0: it works
     int64_t samplingSilentSeconds = 0;  ///< the same of its sampling
     WorkerFigures greedy;

@@ -67,6 +67,19 @@ void Want(StatusReport& report, const char* controller, int amount) {
 
 }  // namespace
 
+TEST(HealthTest, FewDescriptorsLeftAreNamedWithTheCure) {
+    StatusReport report = Healthy();
+    report.descriptorLimit = 128;
+    report.sampler.descriptors = 115;
+    EXPECT_THAT(FindTrouble(report), IsEmpty()) << "less than nine tenths";
+    report.sampler.descriptors = 116;
+    ASSERT_EQ(1U, FindTrouble(report).size());
+    EXPECT_EQ("too few descriptors: 116 of 128 are open", FindTrouble(report)[0].what);
+    EXPECT_THAT(FindTrouble(report)[0].remedy, HasSubstr("LimitNOFILE="));
+    report.descriptorLimit = 0;
+    EXPECT_THAT(FindTrouble(report), IsEmpty()) << "there is no limit";
+}
+
 TEST(HealthTest, WhatIsOnlyObservedIsNoTroubleAndSaidToBeSo) {
     StatusReport report = Healthy();
     report.unified = false;

@@ -78,6 +78,7 @@ StatusReport FullReport() {
     report.observedGroups = {{{"guard", 100, 200, 1, 2, 3, 4, 5, 6}, 7, 8, 9, 10, 11}};
     report.wouldEnd = 12;
     report.sampler.observedHoldBacks = 13;
+    report.descriptorLimit = 30;
     report.mainSilentSeconds = 31;
     report.samplingSilentSeconds = 32;
     report.components = {{"QorNet", "collect-defense", ComponentState::kRunning, 99, 1, 2, true, 9, 3, 4, true,
