@@ -14,6 +14,7 @@
 #   make bench               build and measure every figure of docs/PERFORMANCE.md, beside a floor and peers
 #   make bench-peers         the same, after installing the peers from Debian without starting their services
 #   make bench-scale         what one more group, component, thread, descriptor and event costs, as a plot in docs/
+#   make bench-fleet         what 100, 1,000 and 10,000 hosts of a fleet cost their broker, as a plot in docs/
 #   make package             Debian packages in build/package/packages: libzelmonitor0, libzelmonitor-dev, tervane
 #   make install [PREFIX=]   install libraries, headers, agent, unit file and man pages, and the sample configuration in
 #                            /etc/tervane where there is none (DESTDIR= is heeded)
@@ -26,7 +27,7 @@ ARGS ?=
 ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel AllFuzzers RuntimeBaseTests SweepModule FleetRule FleetFrames
 TSAN_QUICK = UnitCore UnitLimits RuntimeBaseTests RuntimeUtilTests RuntimeIpcTests
 
-.PHONY: all demo run test test-all lint sanitize sanitize-module mutate mutate-sample matrix portability soak bench bench-peers bench-scale fuzz coverage package install uninstall clean deps deps-build
+.PHONY: all demo run test test-all lint sanitize sanitize-module mutate mutate-sample matrix portability soak bench bench-peers bench-scale bench-fleet fuzz coverage package install uninstall clean deps deps-build
 
 all: deps
 	cmake --preset dev
@@ -127,6 +128,11 @@ bench-scale: deps
 	cmake --preset bench
 	cmake --build --preset bench -j $(JOBS)
 	bench/scale.py --build build/bench --draw docs/scale.svg
+
+bench-fleet: deps
+	cmake --preset bench
+	cmake --build --preset bench -j $(JOBS) --target FleetScale
+	bench/fleet-scale --build build/bench --draw docs/fleet-scale.svg
 
 install: deps-build
 	cmake --preset release -DCMAKE_INSTALL_PREFIX=$(PREFIX)

@@ -35,10 +35,11 @@ def free_port():
 class Broker:
     """An example configuration on ports and in a directory of its own."""
 
-    def __init__(self, directory, fleet, server="b1", program="nats-server", example="one-broker.conf", changes=None):
+    def __init__(self, directory, fleet, server="b1", program="nats-server", example="one-broker.conf", changes=None,
+                 memory="256MiB"):
         self.port, self.http, self.process, self.program = free_port(), free_port(), None, program
         self.directory, self.log = directory, os.path.join(directory, "broker.log")
-        self.config, self.server = os.path.join(directory, "broker.conf"), server
+        self.config, self.memory = os.path.join(directory, "broker.conf"), memory
         with open(os.path.join(EXAMPLES, example)) as file:
             text = file.read()
         changes = {"0.0.0.0:4222": f"127.0.0.1:{self.port}", "127.0.0.1:8222": f"127.0.0.1:{self.http}",
@@ -64,7 +65,7 @@ class Broker:
     def launch(self):
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen([self.program, "-c", self.config], stdout=log, stderr=log,
-                                            env=dict(os.environ, GOMAXPROCS="2", GOMEMLIMIT="256MiB"))
+                                            env=dict(os.environ, GOMAXPROCS="2", GOMEMLIMIT=self.memory))
 
     def wait_ready(self):
         end = time.monotonic() + PATIENCE_SECONDS
