@@ -35,6 +35,7 @@ struct ConfigPicture {
     std::vector<ConfigRow> rows;
     std::vector<ConfigRefusal> refusals;
     std::string journalProblem;  ///< why no revision is known; may be empty
+    bool isElsewhere = false;    ///< nothing of it is known: another host has it
 };
 
 /// Asks the process for what it has in force, and reads the files. Blocks: as AskAgent.

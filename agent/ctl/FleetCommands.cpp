@@ -8,9 +8,11 @@
 
 #include "CtlExit.h"
 #include "FleetCluster.h"
+#include "FleetExplain.h"
 #include "FleetLink.h"
 #include "FleetReading.h"
 #include "FleetRoster.h"
+#include "ShowEvents.h"
 #include "View.h"
 
 namespace agent {
@@ -63,6 +65,23 @@ int ShowHosts(FleetLink& link, const FleetOptions& options) {
     return kOk;
 }
 
+void DeclareEvents(CLI::App& fleet, FleetOptions& options) {
+    CLI::App* events = fleet.add_subcommand("events", "events of the hosts out of the stream, each once");
+    events->add_option("--last", options.events.last, "how many; 20, and 10000 with --since")
+        ->check(CLI::Range(1, 10000));
+    events->add_option("--since", options.events.since, "from when on: 90s, 30m, 2h, 7d or a date; an hour otherwise");
+    events->add_option("--type", options.events.types, "only these")
+        ->delimiter(',')
+        ->take_all()
+        ->check(CLI::Validator([](std::string& word) { return JudgeType(word); }, "{" + KnownTypes() + "}"));
+    events->add_option("--host", options.events.host, "only those of this host")->type_name("HOST");
+    events->add_flag("--follow", options.events.follow, "go on with what comes");
+    CLI::App* explain = fleet.add_subcommand("explain", "the story of an event as far as it carries it");
+    explain->add_option("EVENT", options.event, "as events shows it: HOST/ID, or an id alone")
+        ->required()
+        ->type_name("EVENT");
+}
+
 }  // namespace
 
 void DeclareFleet(CLI::App& app, FleetOptions& options) {
@@ -81,6 +100,7 @@ void DeclareFleet(CLI::App& app, FleetOptions& options) {
     hosts->add_option("--group", options.group, "only those of this group of hosts")->type_name("GROUP");
     const std::vector<std::string> standings(std::begin(kHostStandingNames), std::end(kHostStandingNames));
     hosts->add_option("--state", options.state, "only those in this state")->check(CLI::IsMember(standings));
+    DeclareEvents(*fleet, options);
 }
 
 void NoteFleetCommand(const CLI::App& app, FleetOptions& options) {
@@ -96,6 +116,12 @@ int RunFleet(const FleetOptions& options) {
     const base::Result<std::unique_ptr<FleetLink>> link = FleetLink::Open(*access);
     if (!link) return FleetFail(kUnreachable, link.GetError().Text());
     if (options.command == "hosts") return ShowHosts(**link, options);
+    if (options.command == "explain") return ExplainFleetEvent(**link, options.event, options.json);
+    if (options.command == "events") {
+        FleetEventsOptions events = options.events;
+        events.json = options.json;
+        return ShowFleetEvents(**link, events);
+    }
     return ShowStatus(**link, options);
 }
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "FleetAccess.h"
+#include "FleetEvents.h"
 
 namespace CLI {
 class App;
@@ -18,6 +19,8 @@ struct FleetOptions {
     bool json = false;
     std::string group;  ///< of hosts
     std::string state;
+    FleetEventsOptions events;
+    std::string event;  ///< to be explained
 };
 
 /// Adds the group of commands to the command line.

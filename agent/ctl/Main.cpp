@@ -7,7 +7,6 @@
 #include "ConfigCommands.h"
 #include "ConfigFiles.h"
 #include "CtlExit.h"
-#include "EventWords.h"
 #include "Explain.h"
 #include "FleetCommands.h"
 #include "HistoryCommands.h"
@@ -45,17 +44,8 @@ void DeclareEvents(CLI::App& app, agent::EventsOptions& events) {
         "events", "the last delivered events of all processes, or of one with --name, and findings about the host");
     view->add_option("--last", events.last, "how many; 20, and all of them with --since")->check(CLI::Range(1, 10000));
     view->add_option("--since", events.since, "those of the last 90s, 30m, 2h, 7d, or since 2026-11-22 13:00");
-    std::string kinds;
-    for (const char* kind : agent::kEventKindNames) kinds += (kinds.empty() ? "" : ",") + std::string(kind);
-    const CLI::Validator known(
-        [](std::string& word) {
-            for (const char* kind : agent::kEventKindNames) {
-                if (word == kind) return std::string();
-            }
-            const bool message = word.compare(0, 6, "T_MSG_") == 0;
-            return message ? std::string() : "no type of events, nor a message's name as T_MSG_SELF_KILL: " + word;
-        },
-        "{" + kinds + "}");
+    const CLI::Validator known([](std::string& word) { return agent::JudgeType(word); },
+                               "{" + agent::KnownTypes() + "}");
     view->add_option("--type", events.types, "only these")->delimiter(',')->take_all()->check(known);
     view->add_option("--component", events.component, "only those about or of this component or group")
         ->type_name("COMPONENT");

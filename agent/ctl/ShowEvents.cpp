@@ -87,21 +87,6 @@ std::vector<Finding> ReadFindings(const EventsOptions& options, int64_t since, u
     return findings;
 }
 
-Json::Value EventJson(const TailEvent& event) {
-    const EventInWords words = WordEvent(event);
-    Json::Value object(Json::objectValue);
-    object["id"] = event.id;
-    object["time"] = Json::Int64(event.time);
-    object["process"] = event.process;
-    object["type"] = NameOf(words.kind);
-    object["message"] = event.type;
-    object["about"] = JsonList(words.about);
-    object["what"] = words.what;
-    const Json::Value body = EventBody(event);
-    object["body"] = body.isNull() ? Json::Value(Json::objectValue) : body;
-    return object;
-}
-
 /// Lines under one another: time, id, type, whom it is about, what happened.
 void PrintTable(const std::vector<TailEvent>& events, bool withHead) {
     size_t idWidth = 2;
@@ -179,6 +164,35 @@ int Follow(const EventsOptions& options, EventFollower& follower, const std::set
 }
 
 }  // namespace
+
+Json::Value EventJson(const TailEvent& event) {
+    const EventInWords words = WordEvent(event);
+    Json::Value object(Json::objectValue);
+    object["id"] = event.id;
+    object["time"] = Json::Int64(event.time);
+    object["process"] = event.process;
+    object["type"] = NameOf(words.kind);
+    object["message"] = event.type;
+    object["about"] = JsonList(words.about);
+    object["what"] = words.what;
+    const Json::Value body = EventBody(event);
+    object["body"] = body.isNull() ? Json::Value(Json::objectValue) : body;
+    return object;
+}
+
+std::string JudgeType(const std::string& word) {
+    for (const char* kind : kEventKindNames) {
+        if (word == kind) return "";
+    }
+    const bool message = word.compare(0, 6, "T_MSG_") == 0;
+    return message ? "" : "no type of events, nor a message's name as T_MSG_SELF_KILL: " + word;
+}
+
+std::string KnownTypes() {
+    std::string kinds;
+    for (const char* kind : kEventKindNames) kinds += (kinds.empty() ? "" : ",") + std::string(kind);
+    return kinds;
+}
 
 int RunEvents(const EventsOptions& options) {
     EventQuery query;

@@ -62,6 +62,7 @@ StoryLimit BudgetLimit(const ConfigPicture& picture, const char* key) {
 /// The limits of a group: its budget, and its share of it where it is not the whole agent.
 void AddTreeLimits(const ConfigPicture& picture, bool cpu, const std::string& group, const std::string& component,
                    Story& story) {
+    if (picture.isElsewhere) return;
     story.limits.push_back(BudgetLimit(picture, cpu ? "groupMaxCpu" : "groupMaxMemory"));
     if (!group.empty()) story.limits.push_back(TableLimit(picture, kGroupTable, group));
     if (!component.empty()) story.limits.push_back(TableLimit(picture, kComponentTable, component));
@@ -144,9 +145,9 @@ void TellSelfKill(const Json::Value& body, const Json::Value& record, const Conf
     AddStack(record, "busiest_thread_stack", story);
     const std::string file = WordIn(body, "record");
     story.done.push_back("warned when the maximum was reached, and again after a whole breach period");
-    story.done.push_back(file.empty()
-                             ? "could not write a record: the log of the process says why"
-                             : "wrote the record " + file + (record.isObject() ? "" : ", which cannot be read now"));
+    const bool unreadable = !record.isObject() && !picture.isElsewhere;
+    story.done.push_back(file.empty() ? "could not write a record: the log of the process says why"
+                                      : "wrote the record " + file + (unreadable ? ", which cannot be read now" : ""));
     story.done.push_back("asked process " + std::to_string(NumberIn(body, "pid")) + " to end, exit code 20" +
                          (process == zel::kMainProcessName
                               ? "; the service manager starts it again"

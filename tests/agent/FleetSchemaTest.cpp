@@ -29,6 +29,18 @@ TEST_F(FleetSchemaTest, EachFleetViewHoldsItsDocument) {
     AddHost(host, 300);
     See("status");
     See("hosts");
+    Json::Value item(Json::objectValue);
+    item["subject"] = "zel.events.web1.QorHips";
+    item["time"] = 1000000000;
+    item["messageId"] = "web1/ab12000000000001-1";
+    item["payload"] = R"({"id":"ab12000000000001-1","time":1000000000,"process":"p","type":"T_MSG_X","body":"{}"})";
+    world["events"].append(item);
+    options.events.since = "2001-01-01";
+    See("events");
+    options.event = "ab12-1";
+    See("explain");
+    options.events.follow = true;
+    See("events");
     for (const auto& [schema, members] : m_schemas) {
         if (schema.compare(0, 17, "tervanectl.fleet-") == 0) support::ExpectSchema(schema, members, m_seen[schema]);
     }
