@@ -26,9 +26,7 @@ base::Result<std::string> FindRelayProgram(const std::string& directory) {
     if (base::ReadFileMark(beside).exists) return beside;
     if (base::ReadFileMark(below).exists) return below;
     return base::SentenceError("the program that speaks to a fleet's broker is not installed, neither as " + beside +
-                                   " nor as " + below +
-                                   ": it is built and installed where libnats is (libnats3.4 to "
-                                   "run it, libnats-dev to build it)",
+                                   " nor as " + below + ": install the package tervane-fleet",
                                base::ErrorKind::kNotFound);
 }
 

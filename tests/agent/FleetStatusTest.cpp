@@ -235,7 +235,7 @@ TEST_F(FleetStatusTest, AMissingProgramIsNamedWithWhatToInstall) {
     ASSERT_EQ(0, unlink((m_directory / "tervane-relay").c_str()));
     EXPECT_EQ(Run("status"), 2);
     EXPECT_THAT(err, AllOf(HasSubstr(m_directory / "tervane-relay"), HasSubstr("/../libexec/tervane/tervane-relay"),
-                           HasSubstr("libnats")));
+                           HasSubstr("package tervane-fleet")));
 }
 
 TEST_F(FleetStatusTest, AProgramThatOthersMayWriteIsNotRun) {
