@@ -21,13 +21,12 @@ std::string Joined(const std::vector<std::string>& texts) {
 }  // namespace
 
 base::Result<std::string> FindRelayProgram(const std::string& directory) {
-    const std::string beside = directory + zel::kRelayProgram;
-    const std::string below = directory + zel::kRelayDirectory + zel::kRelayProgram;
-    if (base::ReadFileMark(beside).exists) return beside;
-    if (base::ReadFileMark(below).exists) return below;
-    return base::SentenceError("the program that speaks to a fleet's broker is not installed, neither as " + beside +
-                                   " nor as " + below + ": install the package tervane-fleet",
-                               base::ErrorKind::kNotFound);
+    const std::string path = RelayProgram(directory + "/tervanectl");
+    if (base::ReadFileMark(path).exists) return path;
+    return base::SentenceError(
+        "the program that speaks to a fleet's broker is not there, neither beside this console in " + directory +
+            " nor as " + path + ": install the package tervane-fleet",
+        base::ErrorKind::kNotFound);
 }
 
 base::Result<FleetAccess> FindFleet(const FleetPlace& place) {

@@ -234,8 +234,18 @@ TEST_F(FleetStatusTest, BrokersComeFromAgentJsonWhereNoneIsNamed) {
 TEST_F(FleetStatusTest, AMissingProgramIsNamedWithWhatToInstall) {
     ASSERT_EQ(0, unlink((m_directory / "tervane-relay").c_str()));
     EXPECT_EQ(Run("status"), 2);
-    EXPECT_THAT(err, AllOf(HasSubstr(m_directory / "tervane-relay"), HasSubstr("/../libexec/tervane/tervane-relay"),
-                           HasSubstr("package tervane-fleet")));
+    EXPECT_THAT(err,
+                AllOf(HasSubstr("beside this console in " + m_directory.Path()), HasSubstr("package tervane-fleet")));
+}
+
+TEST_F(FleetStatusTest, TheProgramIsFoundAsItIsInstalled) {
+    const std::string bin = m_directory / "usr/bin", libexec = m_directory / "usr/libexec/tervane";
+    for (const std::string& made : {m_directory / "usr", bin, m_directory / "usr/libexec", libexec}) {
+        ASSERT_EQ(0, mkdir(made.c_str(), 0755));
+    }
+    ASSERT_EQ(0, rename((m_directory / "tervane-relay").c_str(), (libexec + "/tervane-relay").c_str()));
+    options.place.programs = bin;
+    EXPECT_EQ(Run("hosts"), 0) << err;
 }
 
 TEST_F(FleetStatusTest, AProgramThatOthersMayWriteIsNotRun) {
