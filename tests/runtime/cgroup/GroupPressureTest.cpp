@@ -23,7 +23,7 @@ protected:
         AgentTree::SetUp();
         if (!prepared) return;
         ASSERT_TRUE(manager.Reconcile(true, true, Total(40, 524288),
-                                      {Group("main", 0, 0), Group("greedy", 1000, 51200), Group("guard", 0, 0)}));
+                                      {Group("main", 0, 0), Group("greedy", 0, 51200), Group("guard", 0, 0)}));
         ASSERT_TRUE(manager.WriteComponentConfig(
             file, {Quota("Tervane", "main", 0, 0), Quota("Greedy", "greedy", 500, 20480)}, 40000, 524288));
     }
@@ -87,8 +87,8 @@ TEST_F(GroupPressureTest, TellsWhoseLimitHoldsAComponentBack) {
     EXPECT_GT(after.levels[0].held, before.levels[0].held);
     EXPECT_GE(after.levels[0].periods, after.levels[0].held);
     EXPECT_EQ("greedy", after.levels[1].name);
-    EXPECT_EQ(1000, after.levels[1].limit);
-    EXPECT_EQ(before.levels[1].held, after.levels[1].held) << "its group has twice as much";
+    EXPECT_EQ(0, after.levels[1].limit);
+    EXPECT_EQ(before.levels[1].held, after.levels[1].held) << "its group has no limit";
     EXPECT_EQ("", after.levels[2].name);
     EXPECT_EQ(4000, after.levels[2].limit);
 }

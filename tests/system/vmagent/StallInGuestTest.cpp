@@ -52,11 +52,14 @@ TEST_F(StallInGuest, WhoseLimitItIsAndWhatToDoIsToldOnce) {
     const std::string doctor = Console("doctor");
     EXPECT_TRUE(Has(doctor, "component Greedy stalls: it waited ")) << doctor;
     EXPECT_TRUE(Has(doctor, "raise its share in cgroup_components, or groupMaxCpu")) << doctor;
-    EXPECT_TRUE(Has(Console("status"), "stalls  Greedy 1, now")) << Console("status");
-    EXPECT_TRUE(Has(Console("metrics"),
-                    "zel_component_stalls_total{component=\"Greedy\",group=\"collect-defense\",process=\"tervane\","
-                    "resource=\"cpu\"} 1\n"))
-        << Console("metrics");
+    // The kernel is asked again after a minute, which a slow guest may have passed by now: the count is not held to 1.
+    const std::string status = Console("status");
+    EXPECT_TRUE(Has(status, "stalls  Greedy ") && Has(status, ", now: it waited ")) << status;
+    const std::string series =
+        "zel_component_stalls_total{component=\"Greedy\",group=\"collect-defense\",process=\"tervane\",resource="
+        "\"cpu\"} ";
+    const std::string metrics = Console("metrics");
+    EXPECT_TRUE(Has(metrics, series) && !Has(metrics, series + "0\n")) << metrics;
     EXPECT_EQ(stalls().size(), 1U);
     EXPECT_EQ(LogCount("stall of Greedy: it waited"), 1);
     EXPECT_EQ(StopAgent(), 0);
