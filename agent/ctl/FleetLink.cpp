@@ -254,7 +254,8 @@ FleetAnswer FleetLink::Judge(Json::Value body) const {
 base::Result<FleetAnswer> FleetLink::Ask(Json::Value request, const OnItem& onItem) {
     const int number = ++m_number;
     request["id"] = number;
-    const bool follows = request["follow"].isBool() && request["follow"].asBool();
+    const Json::Value& asked = request;  // looked at as a constant: a member that is not there stays so
+    const bool follows = asked["follow"].isBool() && asked["follow"].asBool();
     const base::Status sent = Send(ViewText(request, true));
     if (!sent) return sent.GetError();
     for (int cancelled = 0;;) {

@@ -311,8 +311,9 @@ TEST_F(FleetStatusTest, EnoughIsEnough) {
     int seen = 0;
     ASSERT_TRUE((*link)->Ask(request, [&seen](const Json::Value&) { return ++seen < 3; }));
     EXPECT_EQ(seen, 3);
-    request["op"] = "info";
-    const base::Result<FleetAnswer> answer = (*link)->Ask(request);
+    Json::Value next(Json::objectValue);
+    next["op"] = "info";
+    const base::Result<FleetAnswer> answer = (*link)->Ask(next);
     ASSERT_TRUE(answer) << answer.GetError().Text();
     EXPECT_TRUE(answer->body["server"].isObject());
 }
