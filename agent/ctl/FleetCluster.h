@@ -47,6 +47,7 @@ const char* NameOf(Copies copies);
 struct FleetCluster {
     std::string version;
     std::string cluster;  ///< its name; empty: a single node
+    std::string unfit;    ///< why hosts give it nothing; empty: they do
     std::vector<FleetStream> streams;
 };
 

@@ -69,8 +69,8 @@ bool HasWord(const std::string& text, const char* word) {
 /// What to do about a broker's words; empty where they say it.
 std::string RemedyOf(const std::string& error) {
     if (HasWord(error, "ermission") || HasWord(error, "uthorization")) {
-        return "; these credentials have no right to it: name a console's with --creds (fleet-enrol user DIR NAME "
-               "--role console), to change the configuration an administrator's (--role admin)";
+        return "; name the credentials of a console with --creds (fleet-enrol user DIR NAME --role console), to change "
+               "the configuration an administrator's (--role admin)";
     }
     return "";
 }
@@ -97,7 +97,7 @@ base::Result<std::unique_ptr<FleetLink>> FleetLink::Open(const FleetAccess& acce
 base::Status FleetLink::Start(const FleetAccess& access) {
     const auto program = base::OpenTrustedProgram(access.program);
     if (!program) return NotStarted(access.program, base::ReasonOf(program.GetError(), access.program));
-    std::vector<std::string> words{access.program, "console", "--servers", access.servers, "--name", "tervanectl"};
+    std::vector<std::string> words{access.program, "console", "--servers", access.servers};
     if (!access.credentials.empty()) words.insert(words.end(), {"--creds", access.credentials});
     if (!access.caFile.empty()) words.insert(words.end(), {"--ca", access.caFile});
     std::vector<char*> arguments;
@@ -142,13 +142,15 @@ base::Status FleetLink::Greet() {
         return base::SentenceError("no broker is reached at " + ShortText(m_servers) + ": " + answer->error,
                                    base::ErrorKind::kNoServer);
     }
-    const Json::Value& connected = answer->body["connected"];
-    if (!connected.isBool() || !connected.asBool()) {
+    const Json::Value& said = answer->body;
+    if (!said["connected"].isBool() || !said["connected"].asBool()) {
+        const std::string reason = said["reason"].isString() ? ShortText(said["reason"].asString()) : "";
         return base::SentenceError("no broker is reached at " + ShortText(m_servers) +
-                                       ": see whether it runs there, and whether this host may connect to it",
+                                       (reason.empty() ? "" : ": " + reason + RemedyOf(reason)) +
+                                       "; see whether it runs there, and whether this host may connect to it",
                                    base::ErrorKind::kNoServer);
     }
-    if (answer->body["server"].isObject()) m_server = answer->body["server"];
+    if (said["server"].isObject()) m_server = said["server"];
     return {};
 }
 

@@ -48,6 +48,7 @@ FleetCluster ReadCluster(FleetLink& link) {
     FleetCluster cluster;
     cluster.version = TextIn(link.Server(), "version");
     cluster.cluster = TextIn(link.Server(), "cluster");
+    if (link.Server()["unfit"].isString()) cluster.unfit = ShortText(link.Server()["unfit"].asString());
     for (const char* name : kStreams) {
         Json::Value request(Json::objectValue);
         request["op"] = "stream";

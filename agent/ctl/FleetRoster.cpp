@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <tuple>
 
 #include "FleetLink.h"
 #include "HumanText.h"
@@ -104,12 +105,13 @@ const char* NameOf(HostStanding standing) {
 
 void FleetRoster::Take(const Json::Value& item) {
     const Json::Value& key = item["key"];
-    const bool deleted = item["deleted"].isBool() && item["deleted"].asBool();
-    if (deleted || !key.isString()) return;
+    if (!key.isString()) return;
     FleetRow row;
     row.key = ShortText(key.asString(), kMostKeyBytes);
     row.name = row.key;
     row.storedAt = TimeIn(item["time"]);
+    row.revision = item["revision"].isUInt64() ? item["revision"].asUInt64() : 0;
+    row.isDeleted = item["deleted"].isBool() && item["deleted"].asBool();
     const base::Result<HostState> state = ParseHostState(item["value"].isString() ? item["value"].asString() : "");
     if (state) {
         row.state = *state;
@@ -121,8 +123,18 @@ void FleetRoster::Take(const Json::Value& item) {
     m_rows.push_back(std::move(row));
 }
 
+void FleetRoster::DropOlder() {
+    std::sort(m_rows.begin(), m_rows.end(), [](const FleetRow& a, const FleetRow& b) {
+        return std::tie(a.key, b.revision) < std::tie(b.key, a.revision);
+    });
+    const auto same = [](const FleetRow& a, const FleetRow& b) { return a.key == b.key; };
+    m_rows.erase(std::unique(m_rows.begin(), m_rows.end(), same), m_rows.end());
+    const auto deleted = [](const FleetRow& row) { return row.isDeleted; };
+    m_rows.erase(std::remove_if(m_rows.begin(), m_rows.end(), deleted), m_rows.end());
+}
+
 void FleetRoster::Finish(double toldNow, double consoleNow) {
-    std::sort(m_rows.begin(), m_rows.end(), [](const FleetRow& a, const FleetRow& b) { return a.key < b.key; });
+    DropOlder();
     m_time.now = std::clamp(toldNow, 0.0, kMostTime);
     m_time.isTold = toldNow > 0;
     for (const FleetRow& row : m_rows) m_time.now = std::max(m_time.now, row.storedAt);

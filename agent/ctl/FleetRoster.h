@@ -27,12 +27,14 @@ constexpr const char* kHostStandingNames[] = {"ok", "troubled", "late", "gone", 
 const char* NameOf(HostStanding standing);
 
 struct FleetRow {
-    std::string key;      ///< the host's name, escaped as in subjects
-    std::string name;     ///< as it calls itself where that is the same name, else the key
-    HostState state;      ///< texts cut, of the findings the first one
+    std::string key;   ///< the host's name, escaped as in subjects
+    std::string name;  ///< as it calls itself where that is the same name, else the key
+    HostState state;   ///< texts cut, of the findings the first one
+    uint64_t revision = 0;
     double storedAt = 0;  ///< seconds since the epoch by the broker
     int64_t silentSeconds = 0;
     HostStanding standing = HostStanding::kOk;
+    bool isDeleted = false;
     std::string problem;  ///< of kUnreadable: why
 };
 
@@ -46,7 +48,7 @@ struct BrokerTime {
 /// Thread-safety: one thread.
 class FleetRoster {
 public:
-    /// item: of a list of the bucket. Deleted keys are passed over.
+    /// item: of a list of the bucket. A key that comes twice counts with its higher revision; a deleted one does not.
     void Take(const Json::Value& item);
     /// To be called when all are there. toldNow: by the broker, 0 where it said nothing.
     void Finish(double toldNow, double consoleNow);
@@ -56,6 +58,8 @@ public:
     FleetHosts Hosts() const;
 
 private:
+    void DropOlder();
+
     std::vector<FleetRow> m_rows;
     BrokerTime m_time;
 };

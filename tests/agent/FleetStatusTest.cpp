@@ -110,6 +110,7 @@ TEST_F(FleetStatusTest, ANameComesBackFromItsKey) {
 TEST_F(FleetStatusTest, AWellFleetIsSaidInSixLines) {
     AddHost(WellHost("web1"), 3);
     AddHost(WellHost("web2"), 30);
+    world["streams"]["KV_state"]["maxBytes"] = -1;
     world["now"] = static_cast<Json::Int64>(time(nullptr));
     for (const char* name : {"web1", "web2"}) world["state"][name]["time"] = world["now"].asInt64() - 5;
     for (const char* name : {"EVENTS", "KV_state", "KV_config"}) {
@@ -121,7 +122,7 @@ TEST_F(FleetStatusTest, AWellFleetIsSaidInSixLines) {
               "agents   1.4.0 (2)\n"
               "broker   version 2.10.27, cluster fleet\n"
               "stream   EVENTS: 120 messages, 4.8 MB, 5 % of 95.4 MB, oldest 2 h; copies: equal (3, leader n1)\n"
-              "stream   KV_state: 120 messages, 4.8 MB, 5 % of 95.4 MB, oldest 2 h; copies: equal (3, leader n1)\n"
+              "stream   KV_state: 120 messages, 4.8 MB, no limit, oldest 2 h; copies: equal (3, leader n1)\n"
               "stream   KV_config: 120 messages, 4.8 MB, 5 % of 95.4 MB, oldest 2 h; copies: equal (3, leader n1)\n"
               "all is as it should be\n");
 }
@@ -176,7 +177,7 @@ TEST_F(FleetStatusTest, TimeIsTheBrokersAndDoubtIsSaid) {
 }
 
 TEST_F(FleetStatusTest, EqualCopiesAreClaimedOnlyWhereTheyAreKnown) {
-    FleetCluster cluster{"2.10.27", "fleet", {}};
+    FleetCluster cluster{"2.10.27", "fleet", "", {}};
     FleetStream stream;
     stream.leader = "n1";
     EXPECT_EQ(CopiesOf(cluster, stream), Copies::kOne);
@@ -205,9 +206,8 @@ TEST_F(FleetStatusTest, TheChildGetsItsWordsAndNothingElse) {
     Run("hosts");
     unsetenv("SSL_CERT_FILE");
     const Json::Value start = Parsed(support::ReadText(WorldFile() + ".start"));
-    EXPECT_EQ(Compact(start["arguments"]),
-              R"(["console","--servers","nats://a:1,tls://b:2","--name","tervanectl","--creds","/c/me.creds",)"
-              R"("--ca","/c/ca.pem"])");
+    EXPECT_EQ(Compact(start["arguments"]), R"(["console","--servers","nats://a:1,tls://b:2","--creds","/c/me.creds",)"
+                                           R"("--ca","/c/ca.pem"])");
     for (const Json::Value& name : start["environment"]) {
         EXPECT_THAT(name.asString(), testing::AnyOf("LC_CTYPE", "PWD", "OLDPWD", "SHLVL", "_"));
     }
@@ -224,8 +224,8 @@ TEST_F(FleetStatusTest, BrokersComeFromAgentJsonWhereNoneIsNamed) {
     for (const char* folder : {"", "/conf"}) ASSERT_EQ(0, chmod((options.place.appDir + folder).c_str(), 0755));
     EXPECT_EQ(Run("hosts"), 0) << err;
     const Json::Value start = Parsed(support::ReadText(WorldFile() + ".start"));
-    EXPECT_EQ(Compact(start["arguments"]), R"(["console","--servers","tls://b:4222","--name","tervanectl","--ca",")" +
-                                               options.place.appDir + R"(/conf/ca.pem"])");
+    EXPECT_EQ(Compact(start["arguments"]),
+              R"(["console","--servers","tls://b:4222","--ca",")" + options.place.appDir + R"(/conf/ca.pem"])");
     ASSERT_TRUE(support::WriteText(file, R"({"fleet":{"servers":[]}})"));
     EXPECT_EQ(Run("hosts"), 2);
     EXPECT_THAT(err, AllOf(HasSubstr(file), HasSubstr("servers")));
@@ -264,7 +264,34 @@ TEST_F(FleetStatusTest, ABrokerThatIsAwayIsSaidInASentence) {
     world.removeMember("complaint");
     world["connected"] = false;
     EXPECT_EQ(Run("hosts"), 2);
-    EXPECT_THAT(err, HasSubstr("no broker is reached at nats://broker:4222: see whether it runs"));
+    EXPECT_THAT(err, HasSubstr("no broker is reached at nats://broker:4222; see whether it runs"));
+}
+
+TEST_F(FleetStatusTest, ABrokerThatHostsRefuseIsNamed) {
+    world["server"]["unfit"] = "version 2.9.10 in a cluster";
+    EXPECT_EQ(Run("status"), 1);
+    EXPECT_THAT(out, HasSubstr("problem: hosts give this broker nothing: version 2.9.10 in a cluster\n  to do: "));
+}
+
+TEST_F(FleetStatusTest, AKeyThatComesTwiceIsOneHost) {
+    FleetRoster roster;
+    Json::Value item(Json::objectValue);
+    item["key"] = "web1";
+    item["value"] = FormatHostState(WellHost("web1"));
+    for (const int revision : {7, 9, 8}) {
+        item["revision"] = revision;
+        item["time"] = 100 + revision;
+        roster.Take(item);
+    }
+    item["key"] = "web2";
+    roster.Take(item);
+    item["revision"] = 10;
+    item["deleted"] = true;
+    roster.Take(item);
+    roster.Finish(200, 200);
+    ASSERT_EQ(roster.Rows().size(), 1u);
+    EXPECT_EQ(roster.Rows()[0].revision, 9u);
+    EXPECT_EQ(roster.Rows()[0].silentSeconds, 91);
 }
 
 TEST_F(FleetStatusTest, MissingRightsSayWhoseCredentialsAreNeeded) {
