@@ -22,6 +22,7 @@ namespace agent {
 namespace {
 
 constexpr char kSubjects[] = "zel.events.";
+constexpr char kAnyHost[] = "h";  // an event's own id has none
 constexpr size_t kFewEvents = 20;
 constexpr size_t kMostEvents = 10000;
 constexpr int64_t kUsualSeconds = 3600;
@@ -38,10 +39,21 @@ std::string KeyOf(const std::string& subject) {
     return end == std::string::npos ? "" : subject.substr(kBegin, std::min(end - kBegin, kMostHostBytes));
 }
 
-/// The host's name as its messages are called, where that is the subject's host.
-std::string HostOf(const std::string& key, const std::string& messageId) {
-    const std::string host = ShortText(messageId.substr(0, messageId.rfind('/')), kMostHostBytes);
-    return fleet::EscapeName(host) == key ? host : ShortText(key, kMostHostBytes);
+/// The value of a digit as names are escaped with; -1: it is none.
+int DigitOf(char c) {
+    return c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+}
+
+/// The name that is written so in subjects; the key itself where none is.
+std::string HostOf(const std::string& key) {
+    std::string name;
+    for (size_t at = 0; at < key.size(); ++at) {
+        const int high = key[at] == '_' && at + 2 < key.size() ? DigitOf(key[at + 1]) : -1;
+        const int low = high < 0 ? -1 : DigitOf(key[at + 2]);
+        name += low < 0 ? key[at] : static_cast<char>(high * 16 + low);
+        at += low < 0 ? 0 : 2;
+    }
+    return ShortText(fleet::EscapeName(name) == key ? name : key, kMostHostBytes);
 }
 
 std::string TextIn(const Json::Value& item, const char* member) {
@@ -178,7 +190,7 @@ bool MeansEvent(const std::string& word, const FleetEvent& event) {
 }
 
 bool FleetEventReader::IsNew(const std::string& host, const std::string& id) {
-    const std::optional<fleet::MessageId> named = fleet::ParseMessageId(host, host + "/" + id);
+    const std::optional<fleet::MessageId> named = fleet::ParseMessageId(kAnyHost, std::string(kAnyHost) + "/" + id);
     if (!named) return false;
     int64_t& highest = m_highest.try_emplace(host + "/" + named->spool, -1).first->second;
     if (named->number <= highest) {
@@ -196,7 +208,7 @@ bool FleetEventReader::Take(const Json::Value& item, const OnEvent& onEvent) {
         ++m_unread;
         return true;
     }
-    event.host = HostOf(event.key, TextIn(item, "messageId"));
+    event.host = HostOf(event.key);
     event.storedAt = item["time"].isNumeric() ? std::clamp(item["time"].asDouble(), 0.0, kMostTime) : 0;
     const std::string payload = TextIn(item, "payload");
     for (size_t at = 0; at < payload.size();) {

@@ -69,6 +69,17 @@ TEST_F(FleetEventsTest, ShowsEachEventOnceInTheHostsWords) {
     EXPECT_EQ(Parsed(out)["repeated"].asInt(), 2);
 }
 
+TEST_F(FleetEventsTest, AHostIsCalledAsItIsAndNotAsInSubjects) {
+    AddMessage("web_2eexample_5f01", 1, 1, Line(1, SelfKill()));
+    AddMessage("a_5f1", 1, 1, Line(1, SelfKill()));  // "_" before one digit is written as it is
+    AddMessage("_1b_5b2Jevil", 1, 1, Line(1, SelfKill()));
+    EXPECT_EQ(Run("events"), 0) << err;
+    EXPECT_THAT(out, AllOf(HasSubstr("web.example_01/ab12-1 "), HasSubstr("a_5f1/ab12-1 "), Not(HasSubstr("\x1b"))));
+    EXPECT_EQ(err, "");
+    options.event = "web.example_01/ab12-1";
+    EXPECT_EQ(Run("explain"), 0) << err;
+}
+
 TEST_F(FleetEventsTest, WhatIsNoEventIsCountedAndMovesNoCursor) {
     Json::Value body = SelfKill();
     body["process"] = "\x1b[2Jroot";
@@ -76,7 +87,7 @@ TEST_F(FleetEventsTest, WhatIsNoEventIsCountedAndMovesNoCursor) {
     AddMessage("w\x1b[31m", 1, 1, Line(1, SelfKill()));
     EXPECT_EQ(Run("events"), 0);
     EXPECT_THAT(out, AllOf(HasSubstr("web1/ab12-1"), Not(HasSubstr("\x1b"))));
-    EXPECT_EQ(err, "tervanectl: 2 lines of the stream are no events and are left out\n");
+    EXPECT_EQ(err, "tervanectl: 1 lines of the stream are no events and are left out\n");
 }
 
 TEST_F(FleetEventsTest, TakesTheTypeAndTheLastOnes) {
