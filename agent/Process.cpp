@@ -378,7 +378,6 @@ int Process::StartComponents() {
     m_components->Tick(SecondsSinceBoot());  // before anything else that takes its time
     m_pressure->Follow(m_agentConfig->Current().pressure);
     m_groupPressure->Order(m_agentConfig->Current().pressure);
-    m_groupPressure->Follow();
     m_history = std::make_unique<GroupHistory>();
     return kExitClean;
 }
@@ -398,6 +397,8 @@ void Process::FollowFleet() {
 
 int Process::OpenConsole() {
     ServeConsole();
+    // Opens files in each group: nobody who asks is to wait for it.
+    if (m_groupPressure != nullptr) m_groupPressure->Follow();
     return kExitClean;
 }
 
