@@ -42,7 +42,7 @@ public:
     Outcome Look(FleetKeys& keys);
 
     /// Whether the file has been written, or found, since the agent was last known to have read it.
-    bool IsUnread() const { return m_unread; }
+    bool IsUnread() const { return m_known && m_unread; }
     /// The agent has read the file again, and refuses it with `problem`; empty: it takes it.
     void OnRead(const std::string& problem);
     /// The same of a status that came without a new reading.

@@ -54,8 +54,8 @@ void DutyRound::OnNote() {
     m_earlyDue = std::min(m_earlyDue.value_or(due), due);
 }
 
-bool DutyRound::IsNoteDue() const {
-    return !m_earlyDue || m_options.nowMs() >= *m_earlyDue;
+bool DutyRound::IsTellDue() const {
+    return m_options.nowMs() >= std::min(m_regularDue, m_earlyDue.value_or(m_regularDue));
 }
 
 void DutyRound::NoticeConnection(int64_t now) {

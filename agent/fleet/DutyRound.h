@@ -37,8 +37,10 @@ public:
     /// and the disk.
     int64_t Run();
 
-    /// Whether what was noted is told with the next Run: what happens from now on is to be noted anew.
-    bool IsNoteDue() const;
+    /// Whether the next Run tells the host's state: what happens from now on is to be noted anew.
+    bool IsTellDue() const;
+    /// Whether a note waits to be told.
+    bool HasNote() const { return m_earlyDue.has_value(); }
 
     const ConfigDuty& Config() const { return m_config; }
 

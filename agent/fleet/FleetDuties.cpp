@@ -88,8 +88,14 @@ void FleetDuties::Impl::Serve() {
     std::string refused;
     uint64_t connections = broker.Connections();
     while (!keys.Ends()) {
-        if (round.IsNoteDue()) raised->noted = false;
-        Wait(round.Run());
+        // While a note waits for its turn, further ones wake nobody; a regular telling takes it along.
+        if (round.IsTellDue()) raised->noted = false;
+        const int64_t waitMs = round.Run();
+        if (raised->noted && !round.HasNote()) {
+            round.OnNote();  // since it was asked whether something is told
+            continue;
+        }
+        Wait(waitMs);
         if (raised->noted) round.OnNote();
         // A new connection rings too, and is looked at for itself.
         if (raised->bell.exchange(false) && broker.Connections() == connections) round.OnBell();

@@ -10,7 +10,7 @@ namespace fleet {
 namespace {
 
 constexpr std::chrono::seconds kOpenPeriod(5);
-constexpr size_t kMostLanes = 64;
+constexpr size_t kMostLanes = 128;
 
 Moment Now() {
     static thread_local std::minstd_rand chance{std::random_device{}()};

@@ -8,9 +8,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <deque>
+#include <exception>
 #include <list>
 #include <map>
 #include <set>
+#include <string>
 #include <utility>
 
 #include "base/Listener.h"
@@ -72,6 +74,7 @@ struct RelayServer::Impl : std::enable_shared_from_this<Impl> {
     void Take(const SessionPtr& session, const Frame& frame);
     /// Whose batch this is. Returns: why it is not delivered now; nothing where it is.
     std::optional<AnswerFrame> Claim(const SessionPtr& session, const std::string& process);
+    AnswerFrame Deliver(const BatchFrame& batch) const;
     void Work(const SessionPtr& session, BatchFrame batch);
     void Answer(const SessionPtr& session, const AnswerFrame& answer);
     void Write(const SessionPtr& session);
@@ -201,7 +204,11 @@ bool RelayServer::Impl::TakePiece(const SessionPtr& session) {
     const std::optional<Frame> frame = session->reader.Next();
     if (!frame) return true;
     session->deadline.Stop();
-    Take(session, *frame);
+    try {
+        Take(session, *frame);
+    } catch (const std::exception& e) {  // for want of memory: what it holds is given back
+        Cut(session, e.what());
+    }
     return false;
 }
 
@@ -236,11 +243,20 @@ std::optional<AnswerFrame> RelayServer::Impl::Claim(const SessionPtr& session, c
     return Later("an earlier batch of this process is still under way", kBusyPauseMs);
 }
 
+/// Whatever happens there is an answer: without one the process would stay under way for ever.
+AnswerFrame RelayServer::Impl::Deliver(const BatchFrame& batch) const {
+    try {
+        return service.deliver(batch);
+    } catch (const std::exception& e) {
+        return Later(std::string("a batch could not be brought on: ") + e.what(), kBusyPauseMs);
+    }
+}
+
 void RelayServer::Impl::Work(const SessionPtr& session, BatchFrame batch) {
     const auto shared = std::make_shared<const BatchFrame>(std::move(batch));
     // While a batch is under way the socket is not looked at: that its peer has gone is seen with the answer.
     const auto job = [self = shared_from_this(), session, shared]() {
-        const AnswerFrame answer = self->service.deliver(*shared);
+        const AnswerFrame answer = self->Deliver(*shared);
         self->loop.Post([self, session, process = shared->process, answer] {
             self->underWay.erase(process);
             if (!session->closed) self->Answer(session, answer);

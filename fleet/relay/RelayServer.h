@@ -17,7 +17,7 @@
 namespace fleet {
 
 struct RelayBounds {
-    size_t mostConnections = 64;
+    size_t mostConnections = 128;
     /// Of frames, from their first byte to their answer: a big event and a few batches. The client of the broker makes
     /// copies of each, so a frame costs a multiple of itself.
     size_t mostHeldBytes = kMostFrameBytes + 4 * kMostBatchBytes;

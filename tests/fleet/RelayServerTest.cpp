@@ -64,6 +64,7 @@ protected:
             const std::lock_guard<std::mutex> guard(m_lock);
             m_order.push_back(batch.process);
         }
+        if (m_throws.exchange(false)) throw std::bad_alloc();
         if (m_holds) m_open.Wait();
         --m_underWay;
         return Stored(batch);
@@ -86,6 +87,7 @@ protected:
     }
 
     support::TempDir m_dir;
+    std::atomic<bool> m_throws{false};
     std::mutex m_lock;
     std::string m_said;
     std::vector<std::string> m_order;
@@ -97,6 +99,19 @@ protected:
     std::unique_ptr<base::WorkQueue> m_queue;
     std::unique_ptr<RelayServer> m_server;
 };
+
+TEST_F(RelayServerTest, ABatchThatCannotBeBroughtOnIsAnsweredAndForgotten) {
+    Start();
+    RelayClient client(Path());
+    m_throws = true;
+    const auto failed = client.Ask(MakeBatch("tervane", 1, 1));
+    ASSERT_TRUE(failed);
+    EXPECT_EQ(Step::Kind::kPause, failed->step.kind);
+    EXPECT_THAT(failed->reason, HasSubstr("could not be brought on"));
+    const auto again = client.Ask(MakeBatch("tervane", 1, 1));
+    ASSERT_TRUE(again);
+    EXPECT_EQ(Step::Kind::kStored, again->step.kind) << again->reason;
+}
 
 TEST_F(RelayServerTest, EachProcessHasTheAnswerToItsBatch) {
     Start();

@@ -638,6 +638,11 @@ base::Status CEventSpool::BoundLog() {
                            "its write-ahead log is full: " + restarted.GetError().Reason());
 }
 
+base::Status CEventSpool::ReplaceLocked(const base::Error& why) {
+    base::MutexLock lock(m_readLock);
+    return Replace(why);
+}
+
 base::Status CEventSpool::WriteSomehow(const std::vector<Request*>& batch, Change& change) {
     if (m_resting) {
         base::Status opened = EnsureOpen();
@@ -647,8 +652,8 @@ base::Status CEventSpool::WriteSomehow(const std::vector<Request*>& batch, Chang
     if (m_holdsKept && !MayKeep()) ReleaseKept();
     base::Status written = WriteTransaction(batch, change);
     if (!written && written.GetError().kind == base::ErrorKind::kMalformed) {
-        base::MutexLock lock(m_readLock);
-        const base::Status replaced = Replace(written.GetError());
+        const base::Status replaced = ReplaceLocked(written.GetError());
+        // Without the lock: a log that what was saved has made long takes it.
         written = replaced ? WriteTransaction(batch, change) : replaced;
     }
     if (!written && written.GetError().kind != base::ErrorKind::kBusy && ReleaseKept()) {
@@ -1155,7 +1160,8 @@ CEventSpool::Figures CEventSpool::GetFigures() {
 int64_t CEventSpool::CountKept() {
     base::MutexLock lock(m_readLock);
     // From the other end, as those that wait are few.
-    base::Statement waiting(m_reader, "SELECT count(*) FROM messages WHERE seq > (SELECT min(seq) FROM cursors);");
+    base::Statement waiting(m_reader,
+                            "SELECT count(*) FROM messages WHERE seq > coalesce((SELECT min(seq) FROM cursors), 0);");
     const bool known = waiting.Row();
     base::MutexLock figures(m_figuresLock);
     return known ? std::max<int64_t>(0, m_messages - waiting.Int(0)) : 0;

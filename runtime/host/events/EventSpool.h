@@ -188,9 +188,9 @@ private:
     std::vector<Request*> TakeBatch() ZEL_REQUIRES(m_queueLock);
     bool CommitOrDrop(const std::vector<Request*>& batch);
     bool CommitBatch(const std::vector<Request*>& batch);
-    base::Status WriteSomehow(const std::vector<Request*>& batch, Change& change);
+    base::Status WriteSomehow(const std::vector<Request*>& batch, Change& change) ZEL_EXCLUDES(m_readLock);
     /// One transaction with everything in memory first, then the batch.
-    base::Status WriteTransaction(const std::vector<Request*>& batch, Change& change);
+    base::Status WriteTransaction(const std::vector<Request*>& batch, Change& change) ZEL_EXCLUDES(m_readLock);
     bool Insert(const SpoolMessage& message, int64_t seq = 0);
     bool DropOldest(uint64_t bytes, Change& change);
     /// Adds to the count in the file.
@@ -200,7 +200,7 @@ private:
     /// Returns: how long the write-ahead log may become.
     uint64_t MostLogBytes() const;
     /// Moves the log into the file when it is long. On failure: it is too long to be written to.
-    base::Status BoundLog();
+    base::Status BoundLog() ZEL_EXCLUDES(m_readLock);
     bool Settle();
     bool TryRest();
     base::Status EnsureOpen();
@@ -220,6 +220,7 @@ private:
     bool IsSettled() const;
     base::Status KeepSinks() ZEL_REQUIRES(m_readLock);
     base::Status Replace(const base::Error& why) ZEL_REQUIRES(m_readLock);
+    base::Status ReplaceLocked(const base::Error& why) ZEL_EXCLUDES(m_readLock);
     base::Status PutAside(const base::Error& why) ZEL_REQUIRES(m_readLock);
     /// Brings over what can be read of the file that was put aside; afterwards there is none.
     /// On failure: not even its facts could be written, nothing may go into the new file, and it is to be tried again.

@@ -393,6 +393,23 @@ TEST_F(EventSpoolTest, ADamagedPageCostsNoOtherMessages) {
     EXPECT_EQ(Read(spool, "one", 1000).back().seq, 401);
 }
 
+// What is saved makes the log long at once, and who writes bounds it: that takes the lock under which it was saved.
+TEST_F(EventSpoolTest, DamageThatAWriterMeetsStopsNobodyHoweverMuchIsSaved) {
+    const std::string big(16000, '.');
+    CEventSpool spool;
+    Open(spool, 4 << 20);
+    for (int i = 0; i < 300; ++i) ASSERT_TRUE(spool.Append(Message(big)));
+    ASSERT_GT(spool.GetFigures().dropped, 0u) << "full: each new one costs the oldest, whose pages are read";
+    spool.Checkpoint();
+    support::TakeLog();
+    Damage(250, 60);
+    for (int i = 0; i < 100 && spool.GetFigures().dropped < 150; ++i) EXPECT_TRUE(spool.Append(Message("a" + big)));
+    const auto log = support::TakeLog();
+    EXPECT_TRUE(std::any_of(log.begin(), log.end(),
+                            [](const std::string& line) { return line.find("messages saved") != std::string::npos; }));
+    EXPECT_EQ("a" + big, Read(spool, "one", 1000).back().body);
+}
+
 TEST_F(EventSpoolTest, DamageThatAReaderMeetsIsNeverTakenForTheEnd) {
     CEventSpool spool;
     Open(spool, 8 << 20);
