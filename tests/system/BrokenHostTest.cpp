@@ -61,7 +61,7 @@ protected:
 TEST_F(BrokenHostTest, AComponentsProgramIsMissing) {
     WriteComponents(R"({"name": "QorHips", "group": "collect-defense", "command": ["/opt/none/qorhips"]})");
     Child agent = StartRunningAgent();
-    ExpectDoctorNames("component QorHips does not run", "log/QorHips.log");
+    ExpectDoctorNames("component QorHips does not run", "log/tervane.log");
     EXPECT_NE(m_text.find("/opt/none/qorhips"), std::string::npos) << m_text;
     StopAndExpectNothingLeft(agent);
 }
