@@ -100,7 +100,7 @@ protected:
     std::unique_ptr<RelayServer> m_server;
 };
 
-TEST_F(RelayServerTest, ABatchThatCannotBeBroughtOnIsAnsweredAndForgotten) {
+TEST_F(RelayServerTest, ABatchThatCannotBeBroughtOnIsAnswered) {
     Start();
     RelayClient client(Path());
     m_throws = true;

@@ -394,7 +394,7 @@ TEST_F(EventSpoolTest, ADamagedPageCostsNoOtherMessages) {
 }
 
 // What is saved makes the log long at once, and who writes bounds it: that takes the lock under which it was saved.
-TEST_F(EventSpoolTest, DamageThatAWriterMeetsStopsNobodyHoweverMuchIsSaved) {
+TEST_F(EventSpoolTest, DamageThatAWriterMeetsStopsNobody) {
     const std::string big(16000, '.');
     CEventSpool spool;
     Open(spool, 4 << 20);
