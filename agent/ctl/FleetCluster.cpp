@@ -143,7 +143,7 @@ private:
                                        : "";
         Add(Severity::kWarning,
             name + " is " + HumanPercent(fill) + " full: from 100 % on each new message costs the oldest one" + oldest,
-            "give it more bytes where that is not old enough; tervanectl fleet report says who sends most");
+            "give it more bytes where that is not old enough (docs/FLEET.md)");
     }
 
     void JudgeTime() {
@@ -208,9 +208,9 @@ private:
         const auto refusing = Where([](const HostState& state) { return !state.config.error.empty(); });
         if (!refusing.empty()) {
             Add(Severity::kWarning,
-                Hosts(refusing.size()) + " refuse the fleet's configuration: " + Named(refusing) + ": " +
+                Hosts(refusing.size()) + " did not take the fleet's configuration: " + Named(refusing) + ": " +
                     refusing[0]->state.config.error,
-                "correct the level that is named: tervanectl fleet config show");
+                "mend what is named; tervanectl config show says on a host what is in force there");
         }
         const auto losing = Where([](const HostState& state) { return state.eventsDropped + state.eventsGivenUp > 0; });
         if (!losing.empty()) {

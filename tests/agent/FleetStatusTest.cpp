@@ -148,7 +148,7 @@ TEST_F(FleetStatusTest, EachThingThatIsNotWellHasARemedy) {
                                      "oldest one; the oldest is 2 h old\n"),
                            HasSubstr("warning: 1 host not heard of for three minutes or more: web3\n"),
                            HasSubstr("warning: 1 host with something that is not as it was asked for: web2\n"),
-                           HasSubstr("refuse the fleet's configuration: web2: maxCpu 500: 1 to 100\n"),
+                           HasSubstr("did not take the fleet's configuration: web2: maxCpu 500: 1 to 100\n"),
                            HasSubstr("1 host lost events for want of room: web2\n"),
                            HasSubstr("1 host with events that wait for five minutes or more: web2\n")));
     options.json = true;
