@@ -47,7 +47,7 @@ TEST_F(StallInGuest, WhoseLimitItIsAndWhatToDoIsToldOnce) {
     EXPECT_TRUE(shown["by_limit"].asBool());
     EXPECT_GE(shown["stalls"].asInt(), 1);
     EXPECT_TRUE(StallOf("Greedy", "memory")["watched"].asBool());
-    EXPECT_EQ(StallOf("Quiet", "cpu")["stalls"].asInt(), 0) << "it sleeps";
+    EXPECT_FALSE(StallOf("Quiet", "cpu")["by_limit"].asBool()) << "it sleeps; a slow guest alone may hold it up";
     EXPECT_TRUE(StallOf("Quiet", "cpu")["watched"].asBool()) << StallOf("Quiet", "cpu").toStyledString();
     const std::string doctor = Console("doctor");
     EXPECT_TRUE(Has(doctor, "component Greedy stalls: it waited ")) << doctor;

@@ -121,14 +121,18 @@ TEST_F(UnifiedInGuest, GreedyComponentIsHeldAndAnotherGroupIsNot) {
     ASSERT_TRUE(Poll(kStartSeconds, [&] {
         return ProcessesIn("cpu", leaf).size() == 1 && ProcessesIn("cpu", "guard/Quiet").size() == 1;
     }));
-    SleepMs(3000);  // both programs have begun
+    const std::string quietStat = GroupDir("cpu", "guard/Quiet") + "/cpu.stat";
+    ASSERT_TRUE(Poll(kStartSeconds, [&] {
+        const int64_t before = Field(quietStat, "nr_throttled");  // it too needs more than its share to start
+        SleepMs(3000);
+        return Field(quietStat, "nr_throttled") == before;
+    }));
     // 20 in 100 of a group that has 30 in 100 of 190 percent.
     EXPECT_EQ(CpuLimit(leaf), 1140);
     const std::string stat = GroupDir("cpu", leaf) + "/cpu.stat";
     const int64_t throttled = Field(stat, "nr_throttled");
     const int64_t periods = Field(stat, "nr_periods");
-    const std::string quietStat = GroupDir("cpu", "guard/Quiet") + "/cpu.stat";
-    const int64_t quiet = Field(quietStat, "nr_throttled");  // it too needed more than its share to start
+    const int64_t quiet = Field(quietStat, "nr_throttled");
     SleepMs(6000);
     const int64_t newPeriods = Field(stat, "nr_periods") - periods;
     const int64_t newThrottled = Field(stat, "nr_throttled") - throttled;
