@@ -120,22 +120,6 @@ int64_t OwnCpuUs() {
     return base::ClockNs(CLOCK_THREAD_CPUTIME_ID) / kNsPerUs;
 }
 
-/// The kernel's count of its out-of-memory kills on the whole host: while it stands still no group's count moves.
-/// Kernel: Linux 4.13.
-class HostKills {
-public:
-    /// One system call. Returns: nothing where the kernel does not tell.
-    std::optional<uint64_t> Read() {
-        if (!m_file.IsOpen() && !m_file.Open(base::kVmStatFile)) return std::nullopt;
-        char buffer[kBytes];  // not filled
-        return base::ParseVmStat(m_file.Read(buffer, sizeof buffer), "oom_kill");
-    }
-
-private:
-    static constexpr size_t kBytes = 16384;
-    base::KeptFile m_file;
-};
-
 /// What was so when the out-of-memory counters of all groups were read last.
 struct OomRest {
     bool valid = false;
@@ -201,7 +185,9 @@ struct CCgroupManager::Impl {
     uint64_t passes ZEL_GUARDED_BY(mutex) = 0;
     int64_t passUs ZEL_GUARDED_BY(mutex) = 0;  ///< what the last measured one took
     OomRest oomRest ZEL_GUARDED_BY(mutex);
-    HostKills hostKills ZEL_GUARDED_BY(mutex);
+    /// The kernel's count of its out-of-memory kills on the whole host: while it stands still no group's count moves.
+    /// Kernel: Linux 4.13.
+    base::VmStatCounter hostKills ZEL_GUARDED_BY(mutex){"oom_kill"};
     std::optional<std::vector<TreeFacts>> reconciled ZEL_GUARDED_BY(mutex);  ///< until the next publication
     LayoutMark reconciledLayout ZEL_GUARDED_BY(mutex);                       ///< of then
     uint64_t reconciledChanges ZEL_GUARDED_BY(mutex) = 0;                    ///< what had been told by then

@@ -45,6 +45,11 @@ private:
     const std::string m_path = testing::TempDir() + "procFilesTest." + std::to_string(getpid());
 };
 
+/// What this process has read so far.
+uint64_t BytesRead() {
+    return ParseVmStat(ReadAll("/proc/self/io"), "rchar:").value_or(0);
+}
+
 /// A child that waits for its end.
 class Child {
 public:
@@ -478,6 +483,58 @@ TEST(VmStatTest, TakesTheCounterOfThisWholeName) {
     EXPECT_FALSE(base::ParseVmStat(text, "pswpin")) << "no number";
     EXPECT_FALSE(base::ParseVmStat(text, "pswpout"));
     EXPECT_FALSE(base::ParseVmStat("", "oom_kill"));
+    size_t end = 0;
+    EXPECT_TRUE(base::ParseVmStat(text, "pgsteal_kswapd", &end));
+    EXPECT_EQ(text.find("pswpin"), end);
+}
+
+TEST(VmStatTest, BelievesNoLineThatMayGoOn) {
+    const TextFile file("pswpin 3\noom_kill 1");
+    VmStatCounter counter("oom_kill", file.Path());
+    EXPECT_FALSE(counter.Read());
+    file.Write("pswpin 3\noom_kill 12\n");
+    EXPECT_EQ(12U, counter.Read());
+    EXPECT_TRUE(VmStatCounter("oom_kill").Read()) << "the kernel's own";
+    EXPECT_FALSE(VmStatCounter("oom_kill", testing::TempDir() + "none").Read());
+}
+
+TEST(VmStatTest, FollowsItsLineWhereverThatIs) {
+    const std::string before(100, 'x');
+    const std::string behind = "\ny " + std::string(3000, '1') + "\n";
+    const TextFile file("x 1\noom_kill 1" + behind);
+    VmStatCounter counter("oom_kill", file.Path());
+    EXPECT_EQ(1U, counter.Read());
+    EXPECT_EQ(1U, counter.Read());
+    // Each one byte later than what the read before made it expect, so that each cut of the line comes by.
+    for (size_t more = 1; more < 90; ++more) {
+        file.Write("x 1\noom_kill 7" + behind);
+        EXPECT_EQ(7U, counter.Read());
+        file.Write("x " + std::string(more, '1') + "\noom_kill 1234567890" + behind);
+        EXPECT_EQ(1234567890U, counter.Read()) << more;
+        EXPECT_EQ(1234567890U, counter.Read()) << more;
+    }
+    file.Write("x 1\n" + behind);
+    EXPECT_FALSE(counter.Read());
+    file.Write(before + "\n" + before + "\noom_kill 3" + behind);
+    EXPECT_EQ(3U, counter.Read());
+}
+
+TEST(VmStatTest, ReadsNoFurtherThanItHasTo) {
+    const std::string behind = "\ny " + std::string(3000, '1') + "\n";
+    const TextFile file("x 1\noom_kill 1" + behind);
+    VmStatCounter counter("oom_kill", file.Path());
+    const uint64_t atFirst = BytesRead();
+    EXPECT_EQ(1U, counter.Read());
+    const uint64_t before = BytesRead();
+    EXPECT_EQ(1U, counter.Read());
+    EXPECT_GT(before - atFirst, 3000U);
+    EXPECT_LT(BytesRead() - before, 1000U) << "that of the count itself is in it";
+    // Where it stood before there is none now: found in a whole read, behind what the first piece shows.
+    file.Write("x 1\n" + std::string(3000, 'z') + "\noom_kill 2\n");
+    EXPECT_EQ(2U, counter.Read());
+    // The piece reaches beyond both: the first of them is the one that counts, as in a whole read.
+    file.Write("oom_kill 5\noom_kill 6\n" + behind);
+    EXPECT_EQ(5U, counter.Read());
 }
 
 TEST(ThreadCountTest, IsThatOfAnyProcess) {
