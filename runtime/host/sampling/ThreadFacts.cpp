@@ -1,6 +1,8 @@
 // CPU figures of this process's threads.
 #include "sampling/ThreadFacts.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <optional>
 #include <utility>
@@ -15,6 +17,39 @@ namespace {
 constexpr int64_t kFreshNs = 20 * 1000000;
 constexpr int64_t kBaselineNs = 60 * kNsPerSecond;
 constexpr int64_t kYoungNs = kNsPerSecond;
+constexpr int64_t kNsPerUs = 1000;
+
+/// What a thread's clock does not say.
+struct ThreadState {
+    uint64_t startTicks = 0;
+    uint64_t systemTicks = 0;
+    bool isFoundRunning = false;
+};
+
+/// The thread that asks has mostly run since it asked last, and may ask itself what its file says: when it began stays,
+/// and the kernel takes the system time of both from the same place, whole ticks in the file.
+/// Source: linux/kernel/sys.c (RUSAGE_THREAD), linux/fs/proc/array.c (do_task_stat).
+std::optional<ThreadState> AskOneself(long tid) {
+    thread_local long known = 0;  // in the child of a fork the parent's
+    thread_local uint64_t startTicks = 0;
+    if (known != tid) {
+        const std::optional<base::ProcStat> stat = base::ReadOwnThreadStat(tid);
+        if (!stat) return std::nullopt;
+        startTicks = stat->startTicks;
+        known = tid;
+    }
+    struct rusage usage {};
+    if (getrusage(RUSAGE_THREAD, &usage) != 0) return std::nullopt;
+    const int64_t systemNs = usage.ru_stime.tv_sec * kNsPerSecond + usage.ru_stime.tv_usec * kNsPerUs;
+    // It runs because it is asking: that says nothing.
+    return ThreadState{startTicks, static_cast<uint64_t>(systemNs / TickNs()), false};
+}
+
+std::optional<ThreadState> AskFile(long tid) {
+    const std::optional<base::ProcStat> stat = base::ReadOwnThreadStat(tid);
+    if (!stat) return std::nullopt;
+    return ThreadState{stat->startTicks, stat->systemTicks, stat->state == 'R'};
+}
 }  // namespace
 
 CThreadFacts& CThreadFacts::Instance() {
@@ -27,26 +62,25 @@ unsigned long CThreadFacts::GetCurrThreadId() {
 }
 
 bool CThreadFacts::Account(Entry& entry, int64_t clockNs, int64_t nowNs) {
-    const std::optional<base::ProcStat> stat = base::ReadOwnThreadStat(entry.tid);
-    if (!stat) return false;
-    if (entry.clockNs < 0 || entry.startTicks != stat->startTicks) {
+    const bool asks = entry.tid == static_cast<long>(zel::CThreadUtil::GetCurrentThreadId());
+    const std::optional<ThreadState> state = asks ? AskOneself(entry.tid) : AskFile(entry.tid);
+    if (!state) return false;
+    if (entry.clockNs < 0 || entry.startTicks != state->startTicks) {
         // New, or a new thread under an old number: it counts from its start.
         const long tid = entry.tid;
         entry = Entry();
         entry.tid = tid;
-        entry.startTicks = stat->startTicks;
+        entry.startTicks = state->startTicks;
         const int64_t bootNs = ClockNs(CLOCK_BOOTTIME);
-        const int64_t startNs = static_cast<int64_t>(stat->startTicks) * TickNs();
+        const int64_t startNs = static_cast<int64_t>(state->startTicks) * TickNs();
         entry.older.timeNs = std::min(nowNs - 1, nowNs - (bootNs - startNs));
         entry.newer = entry.older;
         entry.now = entry.older;
     }
     entry.clockNs = clockNs;
     entry.now.cpuNs = clockNs;
-    entry.now.systemTicks = stat->systemTicks;
-    // The one that asks runs because it is reading.
-    const bool asks = entry.tid == static_cast<long>(zel::CThreadUtil::GetCurrentThreadId());
-    if (stat->state == 'R' && !asks) entry.now.hit += 1;
+    entry.now.systemTicks = state->systemTicks;
+    if (state->isFoundRunning) entry.now.hit += 1;
     return true;
 }
 

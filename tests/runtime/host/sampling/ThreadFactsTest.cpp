@@ -1,6 +1,7 @@
 // CPU figures of this process's threads.
 #include "sampling/ThreadFacts.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -163,6 +164,35 @@ TEST(ThreadFactsTest, AtRestOnlyThoseThatWorkHaveTheirFilesRead) {
     CThreadFacts::Instance().GetThreadsCpuUsage(list);
     ASSERT_NE(Find(list, idle.Tid()), nullptr);
     EXPECT_GT(Find(list, idle.Tid())->statCnt, 1u) << "it was sampled for all that";
+}
+
+// What it would find in its own file it has from the kernel without a file, once it knows when it began.
+TEST(ThreadFactsTest, WhoAsksSaysOfItselfWhatItsFileSays) {
+    std::thread([] {
+        const auto own = [] {
+            std::list<CSysThreadsCpuUsage> list;
+            CThreadFacts::Instance().GetThreadsCpuUsage(list);
+            return *Find(list, gettid());
+        };
+        const auto systemTicks = [] { return base::ReadOwnThreadStat(gettid())->systemTicks; };
+        const uint64_t before = systemTicks();
+        const int64_t from = zelhost::ClockNs(CLOCK_MONOTONIC);
+        std::vector<char> page(1 << 20);
+        const int zeros = open("/dev/zero", O_RDONLY | O_CLOEXEC);
+        while (systemTicks() < before + 20) ASSERT_GT(read(zeros, page.data(), page.size()), 0);
+        close(zeros);
+        const CSysThreadsCpuUsage usage = own();
+        // A thread's first second counts as a whole one.
+        const auto wallNs =
+            static_cast<double>(std::max(zelhost::ClockNs(CLOCK_MONOTONIC) - from, zelhost::kNsPerSecond));
+        const double ticks = usage.sysLoad / 10000.0 * wallNs / static_cast<double>(zelhost::TickNs());
+        EXPECT_GE(ticks, 15) << "of 20";
+        EXPECT_LE(usage.sysLoad, usage.avgLoad);
+        EXPECT_EQ(0u, usage.hit) << "it runs because it asks";
+        support::Burn(milliseconds(30));
+        const support::SystemCalls again = support::CountSystemCalls([] { CThreadFacts::Instance().Sample(); }, [] {});
+        EXPECT_EQ(0, again.counted ? again.opens : 0);
+    }).join();
 }
 
 // As many as before are not the same as before.
