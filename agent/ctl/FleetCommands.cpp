@@ -82,6 +82,23 @@ void DeclareEvents(CLI::App& fleet, FleetOptions& options) {
         ->type_name("EVENT");
 }
 
+void DeclareSetup(CLI::App& fleet, FleetOptions& options) {
+    CLI::App* setup = fleet.add_subcommand("setup", "make the streams of a fleet, or compare them with what is needed");
+    setup->add_option("--replicas", options.setup.replicas, "copies: 3 in a cluster, 1 otherwise")
+        ->check(CLI::IsMember({1, 3}));
+    const auto size = [](std::string& text) {
+        return ParseStreamBytes(text) > 0 ? std::string() : text + " is no size: a number with MB, GB or TB";
+    };
+    const auto age = [](std::string& text) {
+        return ParseStreamAge(text) > 0 ? std::string() : text + " is no age: a number with h or d, as 7d";
+    };
+    setup->add_option("--max-bytes", options.setup.maxBytes, "most bytes of events that are kept, as 14GB")
+        ->check(CLI::Validator(size, "SIZE"));
+    setup->add_option("--max-age", options.setup.maxAge, "how long events are kept; 7d")
+        ->check(CLI::Validator(age, "AGE"));
+    setup->add_flag("--change", options.setup.change, "change what differs, where nothing that is stored is lost");
+}
+
 }  // namespace
 
 void DeclareFleet(CLI::App& app, FleetOptions& options) {
@@ -101,6 +118,7 @@ void DeclareFleet(CLI::App& app, FleetOptions& options) {
     const std::vector<std::string> standings(std::begin(kHostStandingNames), std::end(kHostStandingNames));
     hosts->add_option("--state", options.state, "only those in this state")->check(CLI::IsMember(standings));
     DeclareEvents(*fleet, options);
+    DeclareSetup(*fleet, options);
 }
 
 void NoteFleetCommand(const CLI::App& app, FleetOptions& options) {
@@ -121,6 +139,11 @@ int RunFleet(const FleetOptions& options) {
         FleetEventsOptions events = options.events;
         events.json = options.json;
         return ShowFleetEvents(**link, events);
+    }
+    if (options.command == "setup") {
+        FleetSetupOptions setup = options.setup;
+        setup.json = options.json;
+        return SetUpFleet(**link, setup);
     }
     return ShowStatus(**link, options);
 }

@@ -6,6 +6,7 @@
 
 #include "FleetAccess.h"
 #include "FleetEvents.h"
+#include "FleetSetup.h"
 
 namespace CLI {
 class App;
@@ -21,6 +22,7 @@ struct FleetOptions {
     std::string state;
     FleetEventsOptions events;
     std::string event;  ///< to be explained
+    FleetSetupOptions setup;
 };
 
 /// Adds the group of commands to the command line.

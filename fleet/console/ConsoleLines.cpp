@@ -16,6 +16,10 @@ constexpr size_t kMostNameBytes = 512;
 constexpr int64_t kLargestId = int64_t{1} << 53;  // what every JSON reader tells apart
 constexpr double kLatestTime = 253402300799.0;    // the last second of the year 9999
 constexpr size_t kMostShownBytes = 64;
+constexpr uint64_t kLeastBytes = 1 << 20;  // of a stream: its longest message fits
+constexpr uint64_t kMostBytes = uint64_t{1} << 60;
+constexpr uint64_t kLeastAgeSeconds = 3600;
+constexpr uint64_t kMostAgeSeconds = uint64_t{36500} * 86400;
 constexpr char kEvents[] = "zel.events.";
 
 base::Error Wrong(const std::string& sentence) {
@@ -141,6 +145,20 @@ void TakeTarget(Fields& fields, ConsoleRequest& request) {
     request.target = static_cast<int64_t>(std::min(fields.Number("target", true).value_or(0), uint64_t{1} << 62));
 }
 
+void TakeSetup(Fields& fields, ConsoleRequest& request) {
+    SetupWish& wish = request.setup;
+    const uint64_t replicas = fields.Number("replicas", false).value_or(0);
+    if (replicas != 0 && replicas != 1 && replicas != 3) fields.Fail("replicas", "1 or 3");
+    const uint64_t bytes = fields.Number("maxBytes", false).value_or(kLeastBytes);
+    if (bytes < kLeastBytes || bytes > kMostBytes) fields.Fail("maxBytes", "bytes, a megabyte at least");
+    const uint64_t age = fields.Number("maxAge", false).value_or(kLeastAgeSeconds);
+    if (age < kLeastAgeSeconds || age > kMostAgeSeconds) fields.Fail("maxAge", "seconds, an hour to a hundred years");
+    wish.replicas = static_cast<int>(replicas == 3 ? 3 : replicas == 1 ? 1 : 0);
+    wish.maxBytes = fields.Has("maxBytes") ? static_cast<int64_t>(std::min(bytes, kMostBytes)) : 0;
+    wish.maxAgeSeconds = fields.Has("maxAge") ? static_cast<int64_t>(std::min(age, kMostAgeSeconds)) : 0;
+    wish.change = fields.Switch("change");
+}
+
 using Taker = void (*)(Fields&, ConsoleRequest&);
 struct Operation {
     ConsoleOp op;
@@ -156,6 +174,7 @@ const std::map<std::string, Operation>& Operations() {
         {"put", {ConsoleOp::kPut, TakePut}},
         {"events", {ConsoleOp::kEvents, TakeEvents}},
         {"stream", {ConsoleOp::kStream, [](Fields& fields, ConsoleRequest& to) { TakeStream(fields, to, "name"); }}},
+        {"setup", {ConsoleOp::kSetup, TakeSetup}},
         {"cancel", {ConsoleOp::kCancel, TakeTarget}}};
     return all;
 }
@@ -352,6 +371,30 @@ std::string StreamAnswer(int64_t id, const StreamReport& report) {
         replica["lag"] = Json::UInt64(one.lag);
         replica["offline"] = one.offline;
         root["replicas"].append(replica);
+    }
+    return LineOf(root);
+}
+
+std::string SetupAnswer(int64_t id, const std::vector<SetupReport>& reports) {
+    constexpr const char* kStates[] = {"unknown", "made", "right", "differs", "changed"};
+    Json::Value root = Head(id);
+    root["ok"] = true;
+    root["streams"] = Json::Value(Json::arrayValue);
+    for (const SetupReport& report : reports) {
+        Json::Value stream;
+        stream["name"] = report.stream;
+        stream["state"] = kStates[static_cast<int>(report.state)];
+        if (!report.error.empty()) stream["error"] = report.error;
+        stream["differences"] = Json::Value(Json::arrayValue);
+        for (const StreamDifference& one : report.differences) {
+            Json::Value difference;
+            difference["setting"] = one.setting;
+            difference["is"] = one.is;
+            difference["should"] = one.should;
+            difference["kept"] = one.kept;
+            stream["differences"].append(difference);
+        }
+        root["streams"].append(stream);
     }
     return LineOf(root);
 }

@@ -13,13 +13,14 @@
 #include "base/Result.h"
 #include "broker/KeyValue.h"
 #include "broker/ServerInfo.h"
+#include "console/StreamSetup.h"
 
 namespace fleet {
 
 constexpr size_t kMostRequestBytes = 256 << 10;
 constexpr size_t kMostAnswerBytes = 8 << 20;
 
-enum class ConsoleOp { kInfo, kKeys, kHistory, kGet, kPut, kEvents, kStream, kCancel };
+enum class ConsoleOp { kInfo, kKeys, kHistory, kGet, kPut, kEvents, kStream, kSetup, kCancel };
 
 struct ConsoleRequest {
     int64_t id = 0;
@@ -32,6 +33,7 @@ struct ConsoleRequest {
     std::optional<double> since;       ///< events: seconds since the epoch; nothing: from the oldest
     bool follow = false;
     int64_t target = 0;  ///< cancel
+    SetupWish setup;
 };
 
 struct ParsedRequest {
@@ -87,6 +89,21 @@ struct StreamReport {
     std::string created;                  ///< another stream of the name has another one
 };
 
+/// What became of one stream of a fleet.
+struct SetupReport {
+    enum class State {
+        kUnknown,  ///< `error` says why
+        kMade,
+        kRight,    ///< it was there, as it has to be
+        kDiffers,  ///< it was there, and stays as it is
+        kChanged   ///< of the differences those that could be
+    };
+    std::string stream;
+    State state = State::kUnknown;
+    std::vector<StreamDifference> differences;  ///< before anything was changed
+    std::string error;                          ///< what was refused, or had no answer; empty: nothing
+};
+
 // Each is one line with its end.
 std::string OkAnswer(int64_t id);
 std::string ErrorAnswer(int64_t id, const std::string& sentence, const char* outcome = nullptr);
@@ -103,6 +120,7 @@ std::string PutAnswer(int64_t id, uint64_t revision);
 /// A payload that does not fit into a line is left out, and "cut" says so.
 std::string EventLine(int64_t id, const EventItem& item);
 std::string StreamAnswer(int64_t id, const StreamReport& report);
+std::string SetupAnswer(int64_t id, const std::vector<SetupReport>& reports);
 
 /// Returns: what a put's answer comes to, in the word of the protocol: "conflict", "refused", "unknown".
 const char* PutOutcome(const Answer& answer);

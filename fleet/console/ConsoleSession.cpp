@@ -12,6 +12,7 @@
 
 #include "base/QuietThread.h"
 #include "base/TextScan.h"
+#include "console/StreamMaker.h"
 
 namespace fleet {
 namespace {
@@ -224,6 +225,7 @@ std::string ConsoleSession::AnswerShort(const ConsoleRequest& request) {
         case ConsoleOp::kInfo: return AnswerInfo(request.id);
         case ConsoleOp::kGet: return AnswerGet(request);
         case ConsoleOp::kPut: return AnswerPut(request);
+        case ConsoleOp::kSetup: return AnswerSetup(request);
         default: return AnswerStream(request);
     }
 }
@@ -268,6 +270,11 @@ std::string ConsoleSession::AnswerPut(const ConsoleRequest& request) {
 std::string ConsoleSession::AnswerStream(const ConsoleRequest& request) {
     const auto report = AskStream(m_broker, request.stream);
     return report ? StreamAnswer(request.id, *report) : ErrorAnswer(request.id, report.GetError().Text());
+}
+
+std::string ConsoleSession::AnswerSetup(const ConsoleRequest& request) {
+    const auto reports = SetUpStreams(m_broker, request.setup);
+    return reports ? SetupAnswer(request.id, *reports) : ErrorAnswer(request.id, reports.GetError().Text());
 }
 
 }  // namespace fleet

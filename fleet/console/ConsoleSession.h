@@ -47,6 +47,7 @@ private:
     std::string AnswerGet(const ConsoleRequest& request);
     std::string AnswerPut(const ConsoleRequest& request);
     std::string AnswerStream(const ConsoleRequest& request);
+    std::string AnswerSetup(const ConsoleRequest& request);
     void Stream(const ConsoleRequest& request, Task& task);
     /// Returns: the last answer; empty: nobody reads.
     std::string Follow(const ConsoleRequest& request, StreamReader& reader, const Task& task);

@@ -37,6 +37,10 @@ TEST_F(FleetSchemaTest, EachFleetViewHoldsItsDocument) {
     world["events"].append(item);
     options.events.since = "2001-01-01";
     See("events");
+    world["setup"] = Parsed(
+        R"({"streams":[{"name":"EVENTS","state":"differs",
+            "differences":[{"setting":"history","is":"1","should":"2","kept":""}]}]})");
+    See("setup");
     options.event = "ab12-1";
     See("explain");
     options.events.follow = true;

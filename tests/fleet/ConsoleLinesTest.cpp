@@ -52,6 +52,48 @@ TEST(ConsoleLinesTest, AbsentKeysAreNotZero) {
     EXPECT_FALSE(events.follow);
 }
 
+TEST(ConsoleLinesTest, SetupIsReadWithItsBounds) {
+    const SetupWish plain = RequestIn(R"({"id":1,"op":"setup"})").setup;
+    EXPECT_EQ(plain.replicas, 0);
+    EXPECT_EQ(plain.maxBytes, 0);
+    EXPECT_EQ(plain.maxAgeSeconds, 0);
+    EXPECT_FALSE(plain.change);
+    const ConsoleRequest all =
+        RequestIn(R"({"id":1,"op":"setup","replicas":3,"maxBytes":1048576,"maxAge":3600,"change":true})");
+    EXPECT_EQ(all.op, ConsoleOp::kSetup);
+    EXPECT_EQ(all.setup.replicas, 3);
+    EXPECT_EQ(all.setup.maxBytes, 1048576);
+    EXPECT_EQ(all.setup.maxAgeSeconds, 3600);
+    EXPECT_TRUE(all.setup.change);
+    for (const char* wrong : {R"("replicas":2)", R"("replicas":4294967297)", R"("replicas":"3")",
+                              R"("maxBytes":1048575)", R"("maxBytes":9223372036854775808)", R"("maxAge":3599)",
+                              R"("maxAge":99999999999)", R"("change":1)", R"("name":"EVENTS")"}) {
+        EXPECT_NE(WrongWith(std::string(R"({"id":1,"op":"setup",)") + wrong + "}"), "") << wrong;
+    }
+}
+
+TEST(ConsoleLinesTest, WhatBecameOfEachStreamIsSaid) {
+    using State = SetupReport::State;
+    const std::vector<SetupReport> reports{{"EVENTS", State::kMade, {}, ""},
+                                           {"KV_state", State::kDiffers, {{"history", "1", "2", "so"}}, ""},
+                                           {"KV_config", State::kUnknown, {}, "silence"}};
+    const Json::Value answer = JsonOf(SetupAnswer(4, reports));
+    EXPECT_EQ(answer["id"].asInt(), 4);
+    EXPECT_TRUE(answer["ok"].asBool());
+    const Json::Value& streams = answer["streams"];
+    ASSERT_EQ(streams.size(), 3u);
+    EXPECT_EQ(streams[0]["name"].asString() + streams[0]["state"].asString(), "EVENTSmade");
+    EXPECT_EQ(streams[0]["differences"].size(), 0u);
+    EXPECT_FALSE(streams[0].isMember("error"));
+    EXPECT_EQ(streams[1]["state"].asString(), "differs");
+    const Json::Value& one = streams[1]["differences"][0];
+    EXPECT_EQ(one["setting"].asString() + one["is"].asString() + one["should"].asString() + one["kept"].asString(),
+              "history12so");
+    EXPECT_EQ(streams[2]["state"].asString() + streams[2]["error"].asString(), "unknownsilence");
+    EXPECT_EQ(JsonOf(SetupAnswer(4, {{"X", State::kRight, {}, ""}}))["streams"][0]["state"].asString(), "right");
+    EXPECT_EQ(JsonOf(SetupAnswer(4, {{"X", State::kChanged, {}, ""}}))["streams"][0]["state"].asString(), "changed");
+}
+
 TEST(ConsoleLinesTest, WhatIsNoRequestIsRefusedWithAReason) {
     const std::vector<std::pair<const char*, const char*>> cases{
         {"", "one JSON object"},

@@ -18,6 +18,7 @@ namespace {
 
 using testing::AllOf;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 constexpr char kHost[] = "db_01";
 constexpr char kSpool[] = "ab120000000000aa";
@@ -77,6 +78,87 @@ TEST_F(FleetCommandsTest, AHostsCredentialsShowNoOtherHost) {
     ASSERT_TRUE(m_fleet->Kill());
     EXPECT_THAT(Run("hosts"), HasSubstr("no broker is reached at tls://127.0.0.1:"));
     EXPECT_EQ(code, 2);
+}
+
+/// The broker's own words of a stream.
+class StreamsOf {
+public:
+    explicit StreamsOf(const BrokerOptions& options) {
+        auto opened = NatsBroker::Open(options);
+        if (opened) m_broker = std::move(*opened);
+        EXPECT_TRUE(m_broker && support::Eventually([&] { return m_broker->IsConnected(); }));
+    }
+    std::string Ask(const std::string& what, const std::string& body = "") {
+        std::string reply;
+        const Answer answer = m_broker->Ask("$JS.API.STREAM." + what, body, reply);
+        return answer.outcome == Answer::Outcome::kOk ? reply : "no answer: " + answer.text;
+    }
+    void Delete() {
+        for (const char* name : {"EVENTS", "KV_state", "KV_config"}) {
+            EXPECT_THAT(Ask(std::string("DELETE.") + name), HasSubstr("\"success\":true"));
+        }
+    }
+
+private:
+    std::unique_ptr<NatsBroker> m_broker;
+};
+
+TEST_F(FleetCommandsTest, SetupMakesStreamsThatAFleetWorksWith) {
+    StreamsOf streams(m_fleet->AdminOptions());
+    streams.Delete();
+    EXPECT_THAT(Run("setup --max-bytes 64MB", "chief"),
+                AllOf(HasSubstr("EVENTS     made\n"), HasSubstr("KV_state   made\n"), HasSubstr("KV_config  made\n"),
+                      HasSubstr("fleet-enrol")));
+    EXPECT_EQ(code, 0);
+    EXPECT_THAT(streams.Ask("INFO.EVENTS"),
+                AllOf(HasSubstr("\"max_bytes\":67108864"), HasSubstr("\"duplicate_window\":2000000000,")));
+    EXPECT_THAT(streams.Ask("INFO.KV_config"), HasSubstr("\"max_msgs_per_subject\":64"));
+    EXPECT_EQ(PutKey(*m_host, kStateBucket, EscapeName(kHost), "{}").outcome, Answer::Outcome::kOk);
+    const std::string payload = "{}", id = FormatMessageId(kHost, {kSpool, 7});
+    EXPECT_EQ(m_host->Publish({EventSubject(kHost, "tervane"), id, 7, &payload, 0}).outcome, Answer::Outcome::kOk);
+    EXPECT_EQ(m_host->ReadLast(EventSubject(kHost, "tervane")).number, 7);
+    const std::string before = streams.Ask("INFO.EVENTS");
+    EXPECT_EQ(Run("setup --change", "chief"),
+              "EVENTS     as it has to be\nKV_state   as it has to be\nKV_config  as it has to be\n");
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(before.substr(0, before.find(",\"ts\"")), streams.Ask("INFO.EVENTS").substr(0, before.find(",\"ts\"")));
+}
+
+TEST_F(FleetCommandsTest, SetupWidensOnlyWhenAskedAndNeverLowers) {
+    StreamsOf streams(m_fleet->AdminOptions());
+    const std::string differs = "KV_config  differs, and stays as it is\n           history is 10 and should be 64\n";
+    EXPECT_THAT(Run("setup", "chief"), AllOf(StartsWith("EVENTS     as it has to be\n"), HasSubstr(differs),
+                                             HasSubstr("setup --change changes what may be")));
+    EXPECT_EQ(code, 1);
+    EXPECT_THAT(streams.Ask("INFO.KV_config"), HasSubstr("\"max_msgs_per_subject\":10,"));
+    EXPECT_THAT(Run("setup --change --max-age 24h --max-bytes 1GB", "chief"),
+                AllOf(HasSubstr("KV_config  changed\n           history: 10 -> 64\n"),
+                      HasSubstr("max_age is 7 d and should be 1 d; it stays so: what is stored would be lost"),
+                      HasSubstr("max_bytes is no bound and should be 1 GB; it stays so")));
+    EXPECT_EQ(code, 1);
+    EXPECT_THAT(streams.Ask("INFO.KV_config"), HasSubstr("\"max_msgs_per_subject\":64,"));
+    EXPECT_THAT(streams.Ask("INFO.EVENTS"),
+                AllOf(HasSubstr("\"max_bytes\":-1,"), HasSubstr("\"max_age\":604800000000000,")));
+    EXPECT_THAT(Run("setup --replicas 3 --change", "chief"), HasSubstr("one copy of each stream: ask for 1"));
+    EXPECT_EQ(code, 1);
+}
+
+TEST_F(FleetCommandsTest, OnlyAnAdministratorSetsUp) {
+    StreamsOf streams(m_fleet->AdminOptions());
+    streams.Delete();
+    for (const char* who : {"ann", "host"}) {
+        EXPECT_THAT(Run("setup", who), AllOf(HasSubstr("Permissions Violation"), HasSubstr("--role admin"),
+                                             HasSubstr("KV_config  not known\n           nothing was asked of it")));
+        EXPECT_EQ(code, 1) << who;
+        EXPECT_THAT(streams.Ask("INFO.EVENTS"), HasSubstr("stream not found")) << who;
+    }
+    EXPECT_THAT(Run("setup --max-bytes 900TB", "chief"),
+                AllOf(HasSubstr("insufficient storage"), HasSubstr("ask for less")));
+    EXPECT_EQ(code, 1);
+    for (const char* wrong : {"--max-bytes 5", "--max-bytes 5kb", "--max-age 7", "--replicas 2", "--max-age 0d"}) {
+        Run(std::string("setup ") + wrong, "chief");
+        EXPECT_EQ(code, 11) << wrong;
+    }
 }
 
 }  // namespace
