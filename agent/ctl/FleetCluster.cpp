@@ -95,8 +95,9 @@ private:
     void JudgeStream(const FleetStream& stream) {
         const std::string name = "stream " + stream.name;
         if (!stream.problem.empty()) {
-            return Add(Severity::kProblem, "nothing is known of " + name + ": " + stream.problem,
-                       "make it where it is not there (docs/FLEET.md), or name credentials that may ask for it");
+            return Add(
+                Severity::kProblem, "nothing is known of " + name + ": " + stream.problem,
+                "make it with tervanectl fleet setup where it is not there, or name credentials that may ask for it");
         }
         JudgeCopies(stream, name);
         JudgeFill(stream, name);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <string_view>
 
 #include "CtlExit.h"
 #include "FleetCluster.h"
@@ -18,6 +19,8 @@
 namespace agent {
 
 namespace {
+
+constexpr std::string_view kConfigWords = "config ";
 
 int ShowStatus(FleetLink& link, const FleetOptions& options) {
     const base::Result<FleetRoster> roster = ReadRoster(link);
@@ -119,6 +122,7 @@ void DeclareFleet(CLI::App& app, FleetOptions& options) {
     hosts->add_option("--state", options.state, "only those in this state")->check(CLI::IsMember(standings));
     DeclareEvents(*fleet, options);
     DeclareSetup(*fleet, options);
+    DeclareFleetConfig(*fleet, options.config);
 }
 
 void NoteFleetCommand(const CLI::App& app, FleetOptions& options) {
@@ -129,6 +133,9 @@ void NoteFleetCommand(const CLI::App& app, FleetOptions& options) {
 }
 
 int RunFleet(const FleetOptions& options) {
+    const bool isConfig = options.command.compare(0, kConfigWords.size(), kConfigWords) == 0;
+    const std::string action = isConfig ? options.command.substr(kConfigWords.size()) : "";
+    if (const int wrong = isConfig ? JudgeFleetConfig(action, options.config) : kOk; wrong != kOk) return wrong;
     const base::Result<FleetAccess> access = FindFleet(options.place);
     if (!access) return FleetFail(kUnreachable, access.GetError().Text());
     const base::Result<std::unique_ptr<FleetLink>> link = FleetLink::Open(*access);
@@ -144,6 +151,11 @@ int RunFleet(const FleetOptions& options) {
         FleetSetupOptions setup = options.setup;
         setup.json = options.json;
         return SetUpFleet(**link, setup);
+    }
+    if (isConfig) {
+        FleetConfigOptions config = options.config;
+        config.json = options.json;
+        return RunFleetConfig(**link, action, config);
     }
     return ShowStatus(**link, options);
 }

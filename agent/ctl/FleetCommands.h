@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "FleetAccess.h"
+#include "FleetConfigCommands.h"
 #include "FleetEvents.h"
 #include "FleetSetup.h"
 
@@ -23,6 +24,7 @@ struct FleetOptions {
     FleetEventsOptions events;
     std::string event;  ///< to be explained
     FleetSetupOptions setup;
+    FleetConfigOptions config;
 };
 
 /// Adds the group of commands to the command line.

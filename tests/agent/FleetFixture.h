@@ -87,6 +87,16 @@ protected:
         item["time"] = 1000000 - silentSeconds;
         item["value"] = agent::FormatHostState(state);
     }
+    /// A change of a level; no text: it is taken away. where: "config", or "meanwhile": before the next put.
+    void AddLevel(const std::string& level, int revision, const std::string& text, const char* where = "config") {
+        Json::Value one(Json::objectValue);
+        one["key"] = level;
+        one["revision"] = revision;
+        one["time"] = 1000000 + revision;
+        one["value"] = text;
+        one["deleted"] = text.empty();
+        world[where].append(one);
+    }
     /// Runs a command. Returns: its exit code; what it printed is in `out` and `err`.
     int Run(const std::string& command) {
         WriteWorld();

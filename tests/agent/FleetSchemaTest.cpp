@@ -41,6 +41,13 @@ TEST_F(FleetSchemaTest, EachFleetViewHoldsItsDocument) {
         R"({"streams":[{"name":"EVENTS","state":"differs",
             "differences":[{"setting":"history","is":"1","should":"2","kept":""}]}]})");
     See("setup");
+    AddLevel("all", 12, R"({"maxCpu":20})");
+    See("config show");
+    See("config history");
+    options.config.words = {"maxCpu=30"};
+    See("config set");
+    options.config.host = "web1";
+    See("config show");
     options.event = "ab12-1";
     See("explain");
     options.events.follow = true;

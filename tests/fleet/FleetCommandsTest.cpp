@@ -161,5 +161,51 @@ TEST_F(FleetCommandsTest, OnlyAnAdministratorSetsUp) {
     }
 }
 
+TEST_F(FleetCommandsTest, AChangeReachesTheKeyThatHostsRead) {
+    const std::string state =
+        R"({"version":1,"host":"db_01","groups":["db"],"agent":"1.4.0","runs":true,"uptime":9,"config":{"seen":0}})";
+    ASSERT_EQ(PutKey(*m_host, kStateBucket, EscapeName(kHost), state).outcome, Answer::Outcome::kOk);
+    EXPECT_EQ(Run("config show"), "the fleet gives nothing\n");
+    EXPECT_EQ(Run("config set maxCpu=20 maxMemory=300", "chief"),
+              "maxCpu: nothing -> 20\nmaxMemory: nothing -> 300\n"
+              "all has revision 1; 1 host reads it, and takes it within ten seconds\n");
+    EXPECT_EQ(code, 0);
+    const KvRead all = GetKey(*m_host, kConfigBucket, "all");
+    ASSERT_TRUE(all.entry.has_value()) << all.answer.text;
+    EXPECT_EQ(all.entry->value, R"({"maxCpu":20,"maxMemory":300})");
+    EXPECT_THAT(Run("config set maxCpu=30 --host db_01", "chief"), HasSubstr("host.db_5f01 has revision 2; 1 host"));
+    EXPECT_THAT(Run("config show --host db_01"),
+                AllOf(HasSubstr("  maxCpu = 30, from host.db_5f01\n"), HasSubstr("  maxMemory = 300, from all\n")));
+    EXPECT_EQ(code, 0);
+    EXPECT_THAT(Run("config unset maxCpu --host db_01", "chief"), HasSubstr("revision 3, and is taken away"));
+    EXPECT_THAT(Run("config show --all-levels"), AllOf(HasSubstr("all  revision 1, "), HasSubstr("; taken away\n")));
+    EXPECT_TRUE(GetKey(*m_host, kConfigBucket, "host.db_5f01").entry->deleted);
+    EXPECT_THAT(Run("config undo --host db_01", "chief"), HasSubstr("maxCpu: nothing -> 30\nas of revision 2\n"));
+}
+
+TEST_F(FleetCommandsTest, UndoAndHistoryFollowTheBrokersOwn) {
+    for (const char* value : {"1", "2", "3"}) Run(std::string("config set --group web maxCpu=") + value, "chief");
+    EXPECT_THAT(Run("config undo --group web", "chief"), HasSubstr("maxCpu: 3 -> 2\nas of revision 2\n"));
+    EXPECT_THAT(Run("config undo --group web", "chief"), HasSubstr("maxCpu: 2 -> 1\nas of revision 1\n"));
+    EXPECT_THAT(Run("config undo --group web", "chief"), HasSubstr("the broker has nothing before revision 1"));
+    EXPECT_EQ(code, 1);
+    EXPECT_THAT(Run("config history --group web"),
+                AllOf(StartsWith("revision 1, "), HasSubstr("\n  maxCpu = 1\nrevision 2, "),
+                      HasSubstr("\n  maxCpu: 2 -> 3\nrevision 4, "), HasSubstr("\n  maxCpu: 2 -> 1\n")));
+    EXPECT_EQ(code, 0);
+}
+
+TEST_F(FleetCommandsTest, OnlyAnAdministratorChangesTheConfiguration) {
+    EXPECT_THAT(Run("config set maxCpu=20", "ann"), AllOf(HasSubstr("all was not changed"), HasSubstr("--role admin")));
+    EXPECT_EQ(code, 1);
+    EXPECT_THAT(Run("config set maxCpu=much", "chief"), HasSubstr("the agent refuses it: maxCpu"));
+    EXPECT_EQ(code, 1);
+    EXPECT_EQ(Run("config history"), "nothing was ever set on all\n");
+    Run("config show --host a --group b");
+    EXPECT_EQ(code, 11);
+    Run("config set", "chief");
+    EXPECT_EQ(code, 11);
+}
+
 }  // namespace
 }  // namespace fleet
