@@ -40,9 +40,11 @@ std::string Joined(const std::string& text, const std::string& more, const char*
     return text.empty() || more.empty() ? text + more : text + between + more;
 }
 
-std::string Keys(bool withSign) {
+std::string Keys(bool withSign, bool ofFleet) {
     std::string words;
-    for (const SettableKey& key : SettableKeys()) words = Joined(words, key.name + (withSign ? "=" : ""), " ");
+    for (const SettableKey& key : SettableKeys()) {
+        if (!ofFleet || key.file == ConfigFile::kOnline) words = Joined(words, key.name + (withSign ? "=" : ""), " ");
+    }
     return words;
 }
 
@@ -50,7 +52,8 @@ Choice ChoiceOf(const std::string& type) {
     if (type == "FILE") return {"", "file"};
     if (type == "DIRECTORY") return {"", "directory"};
     if (type == "PROCESS" || type == "COMPONENT") return {"", "process"};
-    if (type == "KEY" || type == "KEY=VALUE") return {Keys(type != "KEY"), ""};
+    if (type == "KEY" || type == "KEY=VALUE") return {Keys(type != "KEY", false), ""};
+    if (type == "FLEET-KEY" || type == "FLEET-KEY=VALUE") return {Keys(type != "FLEET-KEY", true), ""};
     const size_t begin = type.find('{');
     const size_t end = type.find('}', begin == std::string::npos ? 0 : begin);
     if (begin == std::string::npos || end == std::string::npos) return {};

@@ -411,10 +411,10 @@ void DeclareFleetConfig(CLI::App& fleet, FleetConfigOptions& options) {
     AddLevel(*show, options);
     show->add_flag("--all-levels", options.allLevels, "those of single hosts, and those that were taken away, too");
     CLI::App* set = config->add_subcommand("set", "give keys a value, for all hosts, a group or one host");
-    set->add_option("KEY=VALUE", options.words, "what to set")->required()->type_name("TEXT");
+    set->add_option("FLEET-KEY=VALUE", options.words, "what to set")->required()->type_name("FLEET-KEY=VALUE");
     AddLevel(*set, options);
     CLI::App* unset = config->add_subcommand("unset", "take keys away");
-    unset->add_option("KEY", options.words, "what to take away")->required()->type_name("TEXT");
+    unset->add_option("FLEET-KEY", options.words, "what to take away")->required()->type_name("FLEET-KEY");
     AddLevel(*unset, options);
     AddLevel(*config->add_subcommand("history", "states of a level that the broker still has"), options);
     CLI::App* undo = config->add_subcommand("undo", "bring the state before the last change back");

@@ -65,6 +65,14 @@ TEST_F(FleetConfigTest, LevelsAreShownWithThoseWhoReadThem) {
     EXPECT_EQ(out, "the fleet gives nothing on this level\n");
 }
 
+TEST_F(FleetConfigTest, OfAKeyThatComesTwiceTheNewerCounts) {
+    AddLevel("all", 5, R"({"maxCpu":1})", "again");
+    AddLevel("group.web", 19, R"({"maxCpu":2})", "again");
+    EXPECT_EQ(Run("config show"), 0);
+    EXPECT_THAT(out, AllOf(HasSubstr("all  revision 11, "), HasSubstr("group.web  revision 19, "),
+                           HasSubstr("\n  maxCpu = 2\n"), Not(HasSubstr("maxCpu = 1\n"))));
+}
+
 TEST_F(FleetConfigTest, AHostsValuesNameTheirLevel) {
     options.config.host = "web.1";
     EXPECT_EQ(Run("config show"), 0) << err;

@@ -49,6 +49,7 @@ TEST(FleetLevelsTest, EachUndoGoesOneFurtherBack) {
     EXPECT_EQ(history.size(), 5u);
     history.push_back({"all", 6, 0, kC, false});
     EXPECT_EQ(UndoOnce(history), "5");  // which is 1 once more
+    EXPECT_EQ(history.back().text, R"({"_back_to":1,"maxCpu":1})");
     EXPECT_THAT(UndoOnce(history), HasSubstr("nothing before revision 1"));
 }
 
