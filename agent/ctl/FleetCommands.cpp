@@ -12,6 +12,7 @@
 #include "FleetExplain.h"
 #include "FleetLink.h"
 #include "FleetReading.h"
+#include "FleetRollout.h"
 #include "FleetRoster.h"
 #include "ShowEvents.h"
 #include "View.h"
@@ -138,6 +139,11 @@ int RunFleet(const FleetOptions& options) {
     if (const int wrong = isConfig ? JudgeFleetConfig(action, options.config) : kOk; wrong != kOk) return wrong;
     const base::Result<FleetAccess> access = FindFleet(options.place);
     if (!access) return FleetFail(kUnreachable, access.GetError().Text());
+    if (isConfig && options.config.IsStaged(action)) {
+        FleetConfigOptions config = options.config;
+        config.json = options.json;
+        return RunRollout(*access, config);
+    }
     const base::Result<std::unique_ptr<FleetLink>> link = FleetLink::Open(*access);
     if (!link) return FleetFail(kUnreachable, link.GetError().Text());
     if (options.command == "hosts") return ShowHosts(**link, options);

@@ -14,7 +14,7 @@
 namespace agent {
 
 struct RolloutPlan {
-    std::string target;          ///< level that is changed: "all" or "group.web"
+    std::string target;          ///< level that is changed: "all" or "group.web", the group's name escaped
     std::string change;          ///< a JSON object with the values to set; no null, which a few hosts cannot try
     int percent = 5;             ///< of the hosts of the target that get it first; one at least
     int64_t waitSeconds = 600;   ///< for which they have to stay well with it
@@ -68,6 +68,13 @@ public:
     const std::vector<std::string>& Left() const { return m_left; }
     const std::vector<std::string>& Canaries() const { return m_canaries; }
 
+    /// Of how many hosts they are chosen.
+    size_t HostCount() const { return m_hostCount; }
+    /// How many of them report the change.
+    size_t CountApplied(const FleetHosts& hosts) const;
+    /// Since when all of them do; none: not yet.
+    std::optional<int64_t> AppliedAt() const { return m_appliedAt; }
+
     /// What is to be put next, one at a time; none: wait for Look. It is under way until OnPut or OnRead.
     std::optional<RolloutPut> Next();
     /// The answer to Next(). revision: of what was stored; error: why it was not, or is not known to be.
@@ -105,6 +112,7 @@ private:
 
     const RolloutPlan m_plan;
     std::map<std::string, RemoteLevel> m_levels;
+    size_t m_hostCount = 0;
     std::vector<std::string> m_canaries;
     std::map<std::string, Canary> m_of;
     RolloutPhase m_phase = RolloutPhase::kCanaries;
