@@ -4,12 +4,11 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <ctime>
 #include <functional>
 #include <map>
 
 #include "Advice.h"
-#include "ReportStyle.h"
+#include "ReportParts.h"
 #include "Text.h"
 #include "platform/zel/AgentNames.h"
 
@@ -23,30 +22,14 @@ constexpr int kStripPlaces = 32;     ///< marks closer than that share a place
 constexpr size_t kShownGroups = 40;  ///< charts
 constexpr size_t kShownMarks = 200;  ///< lines of the list
 constexpr size_t kShownLines = 60;   ///< of marks in one chart
-constexpr size_t kShownFindings = 50;
 constexpr size_t kShownProblems = 10;
 constexpr size_t kShownText = 250;  ///< bytes of one mark or finding
 constexpr size_t kShownObserved = 16384;
 constexpr double kPercent = 100;
 constexpr double kKbPerMb = 1024;
 
-/// From a moment to a place between 0 and 1.
-struct Axis {
-    int64_t from = 0;
-    int64_t to = 1;
-    double At(int64_t time) const {
-        return std::clamp(static_cast<double>(time - from) / static_cast<double>(std::max<int64_t>(1, to - from)), 0.0,
-                          1.0);
-    }
-    int Column(int64_t time) const { return std::min(kColumns - 1, static_cast<int>(At(time) * kColumns)); }
-};
-
-std::string Clock(int64_t seconds, const char* format) {
-    const time_t time = static_cast<time_t>(seconds);
-    tm local{};
-    std::array<char, 64> text{};
-    if (localtime_r(&time, &local) != nullptr) strftime(text.data(), text.size(), format, &local);
-    return text.data();
+int ColumnOf(const ReportAxis& axis, int64_t time) {
+    return std::min(kColumns - 1, static_cast<int>(axis.At(time) * kColumns));
 }
 
 std::string Percent(double hundredths) {
@@ -87,12 +70,12 @@ int64_t RoundTop(int64_t value, double unit) {
 }
 
 /// The highest figure of each column; negative: none.
-std::vector<int64_t> Columns(const std::vector<Piece>& pieces, const Axis& axis, int64_t Piece::*what) {
+std::vector<int64_t> Columns(const std::vector<Piece>& pieces, const ReportAxis& axis, int64_t Piece::*what) {
     std::vector<int64_t> columns(kColumns, -1);
     for (const Piece& piece : pieces) {
-        const int last = axis.Column(piece.to);
+        const int last = ColumnOf(axis, piece.to);
         // A figure belongs to the time behind the row before it.
-        const int first = piece.from == piece.to ? last : std::min(last, axis.Column(piece.from) + 1);
+        const int first = piece.from == piece.to ? last : std::min(last, ColumnOf(axis, piece.from) + 1);
         for (int column = first; column <= last; ++column) {
             int64_t& place = columns[static_cast<size_t>(column)];
             place = std::max(place, piece.*what);
@@ -130,9 +113,9 @@ std::string Path(const char* style, const std::string& outline) {
     return outline.empty() ? "" : Text("<path class=\"%s\" d=\"", style) + outline + "\"/>";
 }
 
-std::string MarkLines(const std::vector<const Mark*>& marks, const Axis& axis) {
+std::string MarkLines(const std::vector<const Mark*>& marks, const ReportAxis& axis) {
     std::map<std::pair<int, MarkKind>, int> places;
-    for (const Mark* mark : marks) ++places[{axis.Column(mark->time), mark->kind}];
+    for (const Mark* mark : marks) ++places[{ColumnOf(axis, mark->time), mark->kind}];
     std::string lines;
     size_t shown = 0;
     for (const auto& place : places) {
@@ -143,7 +126,7 @@ std::string MarkLines(const std::vector<const Mark*>& marks, const Axis& axis) {
     return lines;
 }
 
-std::string DrawChart(const Chart& chart, const std::vector<Piece>& pieces, const Axis& axis,
+std::string DrawChart(const Chart& chart, const std::vector<Piece>& pieces, const ReportAxis& axis,
                       const std::string& lines) {
     int64_t peak = -1;
     int64_t limit = -1;
@@ -168,28 +151,6 @@ std::string DrawChart(const Chart& chart, const std::vector<Piece>& pieces, cons
     html += Path(chart.style, Outline(values, top, false));
     if (limit > 0) html += Path("lim", Outline(Columns(pieces, axis, &Piece::limit), top, false));
     return html + lines + "</svg></div></div>";
-}
-
-std::string DrawTimes(const Axis& axis) {
-    constexpr int64_t kSteps[] = {60, 120, 300, 600, 900, 1800, 3600, 7200, 10800, 14400, 21600, 43200, 86400};
-    constexpr int64_t kMostLabels = 6;
-    const int64_t span = axis.to - axis.from;
-    int64_t step = kSteps[0];
-    for (const int64_t each : kSteps) {
-        step = each;
-        if (span / each <= kMostLabels) break;
-    }
-    const time_t begin = static_cast<time_t>(axis.from);
-    tm local{};
-    localtime_r(&begin, &local);
-    const int64_t shift = local.tm_gmtoff;
-    std::string html = "<div class=\"row\"><span></span><div class=\"x\">";
-    for (int64_t at = (axis.from + shift + step - 1) / step * step - shift; at <= axis.to; at += step) {
-        const double place = axis.At(at) * kPercent;
-        if (place < 3 || place > 97) continue;  // half of it would be cut
-        html += Text("<span style=\"left:%.2f%%\">", place) + Clock(at, step >= 86400 ? "%d %b" : "%H:%M") + "</span>";
-    }
-    return html + "</div></div>";
 }
 
 std::vector<Piece> PiecesOf(const GroupUse& group, int64_t UsePoint::*value, int UsePoint::*limit) {
@@ -220,7 +181,7 @@ std::string DescribeHits(const GroupUse& group) {
     return html;
 }
 
-std::string DrawGroup(const GroupUse& group, const ReportFacts& facts, const Axis& axis) {
+std::string DrawGroup(const GroupUse& group, const ReportFacts& facts, const ReportAxis& axis) {
     std::vector<const Mark*> marks;
     for (const Mark& mark : facts.marks) {
         if (Concerns(mark, group.name)) marks.push_back(&mark);
@@ -238,7 +199,7 @@ std::string DrawGroup(const GroupUse& group, const ReportFacts& facts, const Axi
     return html + DescribeHits(group) + "</section>";
 }
 
-std::string DrawPressure(const ReportFacts& facts, const Axis& axis) {
+std::string DrawPressure(const ReportFacts& facts, const ReportAxis& axis) {
     if (facts.day.pressure.empty()) return "";
     const auto pieces = [&facts](int64_t PressurePoint::*kind) {
         std::vector<Piece> out;
@@ -259,7 +220,7 @@ std::string Badge(MarkKind kind, const std::string& text, const std::string& mor
     return Text("<i class=\"k %s\"", LetterOf(kind)) + more + ">" + text + "</i>";
 }
 
-std::string DrawStrip(const ReportFacts& facts, const Axis& axis) {
+std::string DrawStrip(const ReportFacts& facts, const ReportAxis& axis) {
     std::map<std::pair<int, MarkKind>, int> places;
     for (const Mark& mark : facts.marks) {
         ++places[{static_cast<int>(axis.At(mark.time) * (kStripPlaces - 1)), mark.kind}];
@@ -284,7 +245,7 @@ std::string DrawStrip(const ReportFacts& facts, const Axis& axis) {
     return html.empty() ? html : html + DrawTimes(axis);
 }
 
-std::string DrawMarks(const ReportFacts& facts, const Axis& axis) {
+std::string DrawMarks(const ReportFacts& facts, const ReportAxis& axis) {
     std::string html = "<h2>What happened</h2><section class=\"card\">";
     if (facts.marks.empty()) return html + "<p class=\"muted\">nothing that is told of</p></section>";
     html += DrawStrip(facts, axis) + "<p class=\"key\">";
@@ -296,7 +257,7 @@ std::string DrawMarks(const ReportFacts& facts, const Axis& axis) {
                  facts.marks.size() <= 12 ? " open" : "");
     size_t shown = 0;
     for (auto mark = facts.marks.rbegin(); mark != facts.marks.rend() && shown < kShownMarks; ++mark, ++shown) {
-        html += "<li><time>" + Clock(mark->time, "%d %b %H:%M:%S") + "</time>" +
+        html += "<li><time>" + ReportClock(mark->time, "%d %b %H:%M:%S") + "</time>" +
                 Badge(mark->kind, LetterOf(mark->kind), Text(" title=\"%s\"", NameOf(mark->kind))) + "<span>" +
                 EscapeHtml(mark->text, kShownText) + "</span></li>";
     }
@@ -307,36 +268,10 @@ std::string DrawMarks(const ReportFacts& facts, const Axis& axis) {
 }
 
 std::string DrawFindings(const ReportFacts& facts) {
-    constexpr const char* kNames[] = {"ok", "warning", "problem"};
-    std::string html = "<h2>Findings of the doctor</h2><section class=\"card\"><ul class=\"list find\">";
-    std::vector<const DoctorFinding*> order;
-    for (const DoctorFinding& finding : facts.findings) order.push_back(&finding);
-    std::stable_sort(order.begin(), order.end(),
-                     [](const DoctorFinding* a, const DoctorFinding* b) { return a->severity > b->severity; });
     size_t well = 0;
-    size_t shown = 0;
-    for (const DoctorFinding* finding : order) {
-        if (finding->severity == Severity::kOk) {
-            ++well;
-            continue;
-        }
-        if (++shown > kShownFindings) continue;
-        const char* name = kNames[static_cast<size_t>(finding->severity)];
-        html += Text("<li><span class=\"tag %s\">%s</span><span>", name, name) + EscapeHtml(finding->what, kShownText) +
-                "</span>";
-        if (!finding->evidence.empty())
-            html += "<span class=\"do\">seen: " + EscapeHtml(finding->evidence, kShownText) + "</span>";
-        if (!finding->remedy.empty())
-            html += "<span class=\"do\">do: " + EscapeHtml(finding->remedy, kShownText) + "</span>";
-        html += "</li>";
-    }
-    html += "</ul>";
-    if (shown > kShownFindings) html += Text("<p class=\"muted\">and %zu more</p>", shown - kShownFindings);
-    return html + Text("<p class=\"ok\">%zu looked at and well</p></section>", well);
-}
-
-std::string Tile(const std::string& figure, const char* what) {
-    return "<div class=\"card\"><b>" + figure + "</b><span class=\"small muted\">" + what + "</span></div>";
+    for (const DoctorFinding& finding : facts.findings) well += finding.severity == Severity::kOk ? 1 : 0;
+    return "<h2>Findings of the doctor</h2><section class=\"card\">" + DrawFindingList(facts.findings) +
+           Text("<p class=\"ok\">%zu looked at and well</p></section>", well);
 }
 
 std::string DrawTiles(const ReportFacts& facts) {
@@ -345,16 +280,17 @@ std::string DrawTiles(const ReportFacts& facts) {
     const auto count = [&counts](MarkKind kind) { return std::to_string(counts[static_cast<size_t>(kind)]); };
     size_t trouble = 0;
     for (const DoctorFinding& finding : facts.findings) trouble += finding.severity != Severity::kOk ? 1 : 0;
-    return "<div class=\"tiles\">" + Tile(std::to_string(facts.day.groups.size()), "groups") +
-           Tile(count(MarkKind::kOom), "out-of-memory events") + Tile(count(MarkKind::kKill), "self-kills") +
+    return "<div class=\"tiles\">" + DrawTile(std::to_string(facts.day.groups.size()), "groups") +
+           DrawTile(count(MarkKind::kOom), "out-of-memory events") + DrawTile(count(MarkKind::kKill), "self-kills") +
            (facts.day.observed != 0 || counts[static_cast<size_t>(MarkKind::kWouldKill)] > 0
-                ? Tile(count(MarkKind::kWouldKill), "would have been killed")
+                ? DrawTile(count(MarkKind::kWouldKill), "would have been killed")
                 : "") +
-           Tile(count(MarkKind::kDrift), "drifts of a limit") + Tile(count(MarkKind::kConfig), "changes of limits") +
-           Tile(std::to_string(trouble), "findings to act on") + "</div>";
+           DrawTile(count(MarkKind::kDrift), "drifts of a limit") +
+           DrawTile(count(MarkKind::kConfig), "changes of limits") +
+           DrawTile(std::to_string(trouble), "findings to act on") + "</div>";
 }
 
-std::string DrawGroups(const ReportFacts& facts, const Axis& axis) {
+std::string DrawGroups(const ReportFacts& facts, const ReportAxis& axis) {
     std::string html = "<h2>Groups against their limits</h2>";
     if (facts.day.groups.empty()) {
         return html +
@@ -387,80 +323,28 @@ std::string DrawGroups(const ReportFacts& facts, const Axis& axis) {
     return html;
 }
 
-/// Where a character of well-formed UTF-8 ends that begins there; the same place when there is none.
-size_t EndOfCharacter(const std::string& text, size_t at) {
-    const auto byte = [&text](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
-    const auto follows = [&byte](size_t i) { return (byte(i) & 0xc0U) == 0x80U; };
-    const unsigned first = byte(at);
-    if (first < 0x80) return at + 1;
-    if (first >= 0xc2 && first < 0xe0) return follows(at + 1) ? at + 2 : at;
-    if (first >= 0xe0 && first < 0xf0) {
-        const bool sound = follows(at + 1) && follows(at + 2) && !(first == 0xe0 && byte(at + 1) < 0xa0) &&
-                           !(first == 0xed && byte(at + 1) >= 0xa0);
-        return sound ? at + 3 : at;
-    }
-    if (first < 0xf0 || first > 0xf4) return at;
-    const bool sound = follows(at + 1) && follows(at + 2) && follows(at + 3) &&
-                       !(first == 0xf0 && byte(at + 1) < 0x90) && !(first == 0xf4 && byte(at + 1) >= 0x90);
-    return sound ? at + 4 : at;
-}
-
 }  // namespace
-
-std::string EscapeHtml(const std::string& text, size_t most) {
-    std::string out;
-    size_t at = 0;
-    while (at < text.size() && at < most) {
-        const size_t end = EndOfCharacter(text, at);
-        const char c = text[at];
-        if (end == at) {
-            out += '?';
-        } else if (c == '&') {
-            out += "&amp;";
-        } else if (c == '<') {
-            out += "&lt;";
-        } else if (c == '>') {
-            out += "&gt;";
-        } else if (c == '"') {
-            out += "&quot;";
-        } else if (c == '\'') {
-            out += "&#39;";
-        } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
-            out += c == '\n' || c == '\t' ? ' ' : '?';
-        } else {
-            out.append(text, at, end - at);
-        }
-        at = std::max(end, at + 1);
-    }
-    if (at < text.size()) out += "...";
-    return out;
-}
 
 std::string MakeReportPage(const ReportFacts& facts) {
     const bool known = facts.day.from != 0 && facts.day.to > facts.day.from;
     // A young agent's hour fills the page; the rest of the day, of which nothing is known, does not.
-    Axis axis{known ? facts.day.from : facts.since, known ? facts.day.to : facts.now};
+    ReportAxis axis{known ? facts.day.from : facts.since, known ? facts.day.to : facts.now};
     for (const Mark& mark : facts.marks) {
         axis.from = std::min(axis.from, mark.time);
         axis.to = std::max(axis.to, mark.time);  // none is later than tomorrow
     }
     std::string html =
-        "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
-        "<meta name=\"viewport\" content=\"width=device-width,initial-scale=1\">"
-        "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src 'unsafe-inline'\">"
-        "<meta name=\"color-scheme\" content=\"light dark\"><title>Resource report of ";
-    html += EscapeHtml(facts.host, 100) + "</title><style>" + kReportStyle +
-            "</style></head><body><main><h1>Resources of " + EscapeHtml(facts.host, 100) + "</h1><p class=\"muted\">" +
-            Clock(axis.from, "%a %d %b %Y %H:%M") + " to " + Clock(axis.to, "%a %d %b %Y %H:%M %Z") +
-            "</p><p class=\"muted small\">agent in " + EscapeHtml(facts.directory) + ", tervanectl " +
-            EscapeHtml(facts.version, 40) + ", made " + Clock(facts.now, "%d %b %Y %H:%M:%S") +
-            Text(" from %zu recorded minutes</p>", facts.day.rows);
+        BeginPage("Resource report of " + EscapeHtml(facts.host, 100)) + "<h1>Resources of " +
+        EscapeHtml(facts.host, 100) + "</h1><p class=\"muted\">" + ReportClock(axis.from, "%a %d %b %Y %H:%M") +
+        " to " + ReportClock(axis.to, "%a %d %b %Y %H:%M %Z") + "</p><p class=\"muted small\">agent in " +
+        EscapeHtml(facts.directory) + ", tervanectl " + EscapeHtml(facts.version, 40) + ", made " +
+        ReportClock(facts.now, "%d %b %Y %H:%M:%S") + Text(" from %zu recorded minutes</p>", facts.day.rows);
     for (size_t i = 0; i < facts.day.problems.size() && i < kShownProblems; ++i) {
         html += "<p class=\"warning\">" + EscapeHtml(facts.day.problems[i]) + "</p>";
     }
     html += DrawTiles(facts) + DrawMarks(facts, axis) + DrawGroups(facts, axis) + DrawPressure(facts, axis) +
             DrawFindings(facts);
-    return html + "</main></body></html>\n";
+    return html + EndPage();
 }
 
 }  // namespace agent

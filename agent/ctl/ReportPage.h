@@ -10,6 +10,7 @@
 #include "DayHistory.h"
 #include "Doctor.h"
 #include "ReportMarks.h"
+#include "ReportParts.h"
 
 namespace agent {
 
@@ -27,10 +28,6 @@ struct ReportFacts {
 /// What the page takes at most, whatever stands in the history and in the events: what there is no room for is counted
 /// on the page.
 constexpr size_t kMostPageBytes = 2U << 20;
-
-/// Text from outside as text of a page: no character of it is part of the page's own language. Bytes that are no UTF-8
-/// and control characters become '?'. At most `most` bytes of it are taken.
-std::string EscapeHtml(const std::string& text, size_t most = 400);
 
 /// Pure but for the time zone.
 std::string MakeReportPage(const ReportFacts& facts);
