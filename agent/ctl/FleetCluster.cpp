@@ -16,7 +16,6 @@ namespace agent {
 
 namespace {
 
-constexpr char kEventStream[] = "EVENTS";
 constexpr size_t kMostReplicas = 64;
 constexpr size_t kMostNamed = 3;
 constexpr size_t kMostVersions = 6;
@@ -232,54 +231,13 @@ private:
     std::vector<DoctorFinding> m_found;
 };
 
-using Counts = std::array<size_t, std::size(kHostStandingNames)>;
-
-Counts CountHosts(const FleetRoster& roster) {
-    Counts counts{};
-    for (const FleetRow& row : roster.Rows()) ++counts[static_cast<size_t>(row.standing)];
-    return counts;
-}
-
-std::map<std::string, size_t> CountVersions(const FleetRoster& roster) {
-    std::map<std::string, size_t> versions;
-    for (const FleetRow& row : roster.Rows()) {
-        if (row.problem.empty()) ++versions[row.state.version.empty() ? "unknown" : row.state.version];
-    }
-    return versions;
-}
-
 std::string HostsLine(const FleetRoster& roster) {
-    const Counts counts = CountHosts(roster);
+    const HostCounts counts = CountHosts(roster);
     std::string text = std::to_string(roster.Rows().size());
     for (size_t i = 0; i < counts.size(); ++i) {
         if (counts[i] > 0)
             text += std::string(text.find(':') == std::string::npos ? ": " : ", ") + std::to_string(counts[i]) + " " +
                     kHostStandingNames[i];
-    }
-    return text;
-}
-
-std::string VersionsLine(const FleetRoster& roster) {
-    const std::map<std::string, size_t> versions = CountVersions(roster);
-    std::string text;
-    size_t shown = 0;
-    for (const auto& [version, count] : versions) {
-        if (shown++ == kMostVersions) return text + " and " + std::to_string(versions.size() - kMostVersions) + " more";
-        text += (text.empty() ? "" : ", ") + version + " (" + std::to_string(count) + ")";
-    }
-    return text.empty() ? "none" : text;
-}
-
-std::string StreamLine(const FleetCluster& cluster, const FleetStream& stream, double now) {
-    if (!stream.problem.empty()) return stream.problem;
-    const int64_t fill = FillOf(stream);
-    std::string text = std::to_string(stream.messages) + " messages, " + HumanBytes(stream.bytes) +
-                       (fill < 0 ? ", no limit" : ", " + HumanPercent(fill) + " of " + HumanBytes(stream.maxBytes));
-    if (stream.firstTime > 0 && now > 0) text += ", oldest " + AgeText(now - stream.firstTime);
-    text += std::string("; copies: ") + NameOf(CopiesOf(cluster, stream));
-    if (!stream.replicas.empty()) {
-        text += " (" + std::to_string(stream.replicas.size() + 1) + ", leader " +
-                (stream.leader.empty() ? "none" : stream.leader) + ")";
     }
     return text;
 }
@@ -321,12 +279,57 @@ const char* NameOf(Copies copies) {
     return "not known";
 }
 
+HostCounts CountHosts(const FleetRoster& roster) {
+    HostCounts counts{};
+    for (const FleetRow& row : roster.Rows()) ++counts[static_cast<size_t>(row.standing)];
+    return counts;
+}
+
+std::map<std::string, size_t> CountVersions(const FleetRoster& roster) {
+    std::map<std::string, size_t> versions;
+    for (const FleetRow& row : roster.Rows()) {
+        if (row.problem.empty()) ++versions[row.state.version.empty() ? "unknown" : row.state.version];
+    }
+    return versions;
+}
+
+std::string DescribeVersions(const FleetRoster& roster) {
+    const std::map<std::string, size_t> versions = CountVersions(roster);
+    std::string text;
+    size_t shown = 0;
+    for (const auto& [version, count] : versions) {
+        if (shown++ == kMostVersions) return text + " and " + std::to_string(versions.size() - kMostVersions) + " more";
+        text += (text.empty() ? "" : ", ") + version + " (" + std::to_string(count) + ")";
+    }
+    return text.empty() ? "none" : text;
+}
+
+std::string DescribeStream(const FleetCluster& cluster, const FleetStream& stream, double now) {
+    if (!stream.problem.empty()) return stream.problem;
+    const int64_t fill = FillOf(stream);
+    std::string text = std::to_string(stream.messages) + " messages, " + HumanBytes(stream.bytes) +
+                       (fill < 0 ? ", no limit" : ", " + HumanPercent(fill) + " of " + HumanBytes(stream.maxBytes));
+    if (stream.firstTime > 0 && now > 0) text += ", oldest " + AgeText(now - stream.firstTime);
+    text += std::string("; copies: ") + NameOf(CopiesOf(cluster, stream));
+    if (!stream.replicas.empty()) {
+        text += " (" + std::to_string(stream.replicas.size() + 1) + ", leader " +
+                (stream.leader.empty() ? "none" : stream.leader) + ")";
+    }
+    return text;
+}
+
+std::string DescribeBroker(const FleetCluster& cluster) {
+    return "version " + (cluster.version.empty() ? "not known" : cluster.version) +
+           (cluster.cluster.empty() ? ", single node" : ", cluster " + cluster.cluster);
+}
+
 FleetStream ReadStream(const std::string& name, const Json::Value& answer) {
     FleetStream stream;
     stream.name = name;
     stream.messages = CountIn(answer, "messages");
     stream.bytes = WholeIn(answer, "bytes");
     stream.maxBytes = WholeIn(answer, "maxBytes");
+    stream.firstSequence = CountIn(answer, "firstSequence");
     stream.firstTime = TimeIn(answer, "firstTime");
     stream.lastTime = TimeIn(answer, "lastTime");
     stream.subjects = CountIn(answer, "subjects");
@@ -372,12 +375,10 @@ std::vector<DoctorFinding> JudgeFleet(const FleetCluster& cluster, const FleetRo
 std::vector<TextLine> WordFleet(const FleetCluster& cluster, const FleetRoster& roster,
                                 const std::vector<DoctorFinding>& findings) {
     const auto row = [](const char* name, const std::string& text) { return TextLine{Text("%-9s", name) + text}; };
-    std::vector<TextLine> lines{
-        row("hosts", HostsLine(roster)), row("agents", VersionsLine(roster)),
-        row("broker", "version " + (cluster.version.empty() ? "not known" : cluster.version) +
-                          (cluster.cluster.empty() ? ", single node" : ", cluster " + cluster.cluster))};
+    std::vector<TextLine> lines{row("hosts", HostsLine(roster)), row("agents", DescribeVersions(roster)),
+                                row("broker", DescribeBroker(cluster))};
     for (const FleetStream& stream : cluster.streams) {
-        lines.push_back(row("stream", stream.name + ": " + StreamLine(cluster, stream, roster.Time().now)));
+        lines.push_back(row("stream", stream.name + ": " + DescribeStream(cluster, stream, roster.Time().now)));
     }
     if (findings.empty()) lines.push_back({"all is as it should be"});
     for (const DoctorFinding& finding : findings) {
@@ -392,7 +393,7 @@ std::vector<TextLine> WordFleet(const FleetCluster& cluster, const FleetRoster& 
 Json::Value FleetJson(const FleetCluster& cluster, const FleetRoster& roster,
                       const std::vector<DoctorFinding>& findings) {
     Json::Value view = NewView("fleet-status");
-    const Counts counts = CountHosts(roster);
+    const HostCounts counts = CountHosts(roster);
     view["healthy"] = findings.empty();
     view["findings"] = FindingsJson(findings);
     view["hosts"]["all"] = Json::UInt64(roster.Rows().size());

@@ -4,7 +4,9 @@
 
 #include <json/value.h>
 
+#include <array>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -13,6 +15,8 @@
 #include "StatusText.h"
 
 namespace agent {
+
+constexpr char kEventStream[] = "EVENTS";
 
 struct StreamReplica {
     std::string name;
@@ -26,8 +30,9 @@ struct FleetStream {
     std::string problem;  ///< why nothing is known of it; empty: it is
     uint64_t messages = 0;
     int64_t bytes = 0;
-    int64_t maxBytes = 0;  ///< 0 or less: none
-    double firstTime = 0;  ///< of the oldest message, seconds since the epoch by the broker; 0: it is empty
+    int64_t maxBytes = 0;        ///< 0 or less: none
+    uint64_t firstSequence = 0;  ///< of the oldest message; above 1 there were others before it
+    double firstTime = 0;        ///< of the oldest message, seconds since the epoch by the broker; 0: it is empty
     double lastTime = 0;
     uint64_t subjects = 0;
     std::string leader;                   ///< empty on a single node, or where there is none
@@ -61,6 +66,19 @@ int64_t FillOf(const FleetStream& stream);
 
 /// Everything that is not as it should be, the worst first, each with a remedy.
 std::vector<DoctorFinding> JudgeFleet(const FleetCluster& cluster, const FleetRoster& roster);
+
+/// By HostStanding.
+using HostCounts = std::array<size_t, std::size(kHostStandingNames)>;
+HostCounts CountHosts(const FleetRoster& roster);
+/// Hosts by their agents' version.
+std::map<std::string, size_t> CountVersions(const FleetRoster& roster);
+
+// --- in words, a clause each ---
+
+std::string DescribeVersions(const FleetRoster& roster);
+std::string DescribeBroker(const FleetCluster& cluster);
+/// now: by the broker; 0: not known.
+std::string DescribeStream(const FleetCluster& cluster, const FleetStream& stream, double now);
 
 std::vector<TextLine> WordFleet(const FleetCluster& cluster, const FleetRoster& roster,
                                 const std::vector<DoctorFinding>& findings);

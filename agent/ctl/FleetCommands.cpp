@@ -12,6 +12,7 @@
 #include "FleetExplain.h"
 #include "FleetLink.h"
 #include "FleetReading.h"
+#include "FleetReport.h"
 #include "FleetRollout.h"
 #include "FleetRoster.h"
 #include "ShowEvents.h"
@@ -124,6 +125,7 @@ void DeclareFleet(CLI::App& app, FleetOptions& options) {
     DeclareEvents(*fleet, options);
     DeclareSetup(*fleet, options);
     DeclareFleetConfig(*fleet, options.config);
+    DeclareFleetReport(*fleet, options.report);
 }
 
 void NoteFleetCommand(const CLI::App& app, FleetOptions& options) {
@@ -137,6 +139,9 @@ int RunFleet(const FleetOptions& options) {
     const bool isConfig = options.command.compare(0, kConfigWords.size(), kConfigWords) == 0;
     const std::string action = isConfig ? options.command.substr(kConfigWords.size()) : "";
     if (const int wrong = isConfig ? JudgeFleetConfig(action, options.config) : kOk; wrong != kOk) return wrong;
+    if (options.command == "report" && options.report.htmlFile.empty() && !options.json) {
+        return FleetFail(kUsage, "fleet report needs --html FILE for a page, or --json");
+    }
     const base::Result<FleetAccess> access = FindFleet(options.place);
     if (!access) return FleetFail(kUnreachable, access.GetError().Text());
     if (isConfig && options.config.IsStaged(action)) {
@@ -157,6 +162,11 @@ int RunFleet(const FleetOptions& options) {
         FleetSetupOptions setup = options.setup;
         setup.json = options.json;
         return SetUpFleet(**link, setup);
+    }
+    if (options.command == "report") {
+        FleetReportOptions report = options.report;
+        report.json = options.json;
+        return MakeFleetReport(**link, report);
     }
     if (isConfig) {
         FleetConfigOptions config = options.config;

@@ -8,6 +8,7 @@
 #include "FleetConfigCommands.h"
 #include "FleetEvents.h"
 #include "FleetSetup.h"
+#include "FleetReport.h"
 
 namespace CLI {
 class App;
@@ -25,6 +26,7 @@ struct FleetOptions {
     std::string event;  ///< to be explained
     FleetSetupOptions setup;
     FleetConfigOptions config;
+    FleetReportOptions report;
 };
 
 /// Adds the group of commands to the command line.

@@ -153,6 +153,15 @@ FleetHosts FleetRoster::Hosts() const {
     return hosts;
 }
 
+FleetRoster FleetRoster::OfGroup(const std::string& group) const {
+    FleetRoster part;
+    part.m_time = m_time;
+    for (const FleetRow& row : m_rows) {
+        if (IsWanted(row, group, "")) part.m_rows.push_back(row);
+    }
+    return part;
+}
+
 bool IsWanted(const FleetRow& row, const std::string& group, const std::string& standing) {
     const std::vector<std::string>& groups = row.state.groups;
     const bool grouped = group.empty() || std::find(groups.begin(), groups.end(), group) != groups.end();

@@ -56,6 +56,8 @@ public:
     const std::vector<FleetRow>& Rows() const { return m_rows; }  ///< by name, after Finish
     const BrokerTime& Time() const { return m_time; }
     FleetHosts Hosts() const;
+    /// The same of this group of hosts alone; ages stay.
+    FleetRoster OfGroup(const std::string& group) const;
 
 private:
     void DropOlder();

@@ -19,6 +19,35 @@ protected:
         support::WalkSchema("", view, m_schemas.at(schema), m_seen[schema]);
     }
 
+    /// With an event that is counted, a change of the configuration, and another one that cannot be read.
+    void SeeReport() {
+        Json::Value event(Json::objectValue);
+        event["id"] = "ab12000000000001-1";
+        event["time"] = 999000;
+        event["process"] = "QorHips";
+        event["type"] = "T_MSG_SELF_KILL";
+        event["body"] = "{}";
+        Json::Value item(Json::objectValue);
+        item["subject"] = "zel.events.web1.QorHips";
+        item["time"] = 999001;
+        item["payload"] = Compact(event);
+        world["events"].append(item);
+        for (const char* key : {"all", "group.web"}) {
+            Json::Value put(Json::objectValue);
+            put["key"] = key;
+            put["revision"] = 12 + static_cast<int>(world["config"].size());
+            put["time"] = 999000;
+            put["value"] = "{}";
+            world["config"].append(put);
+        }
+        Json::Value refusal(Json::objectValue);
+        refusal["error"] = "not permitted";
+        world["faults"]["history"].append("none");
+        world["faults"]["history"].append(refusal);
+        See("report");
+        world["events"].clear();
+    }
+
     const support::Schemas m_schemas = support::ReadSchemas(ZEL_CONSOLE_DOCUMENT);
     std::map<std::string, std::map<std::string, std::string>> m_seen;
 };
@@ -29,6 +58,7 @@ TEST_F(FleetSchemaTest, EachFleetViewHoldsItsDocument) {
     AddHost(host, 300);
     See("status");
     See("hosts");
+    SeeReport();
     Json::Value item(Json::objectValue);
     item["subject"] = "zel.events.web1.QorHips";
     item["time"] = 1000000000;

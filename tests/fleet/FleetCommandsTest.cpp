@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <ctime>
 #include <memory>
 #include <string>
 
@@ -11,6 +12,7 @@
 #include "fleet/EnrolledBroker.h"
 #include "fleet/RealBroker.h"
 #include "rule/FleetNames.h"
+#include "support/Files.h"
 #include "support/Waiting.h"
 
 namespace fleet {
@@ -70,6 +72,35 @@ TEST_F(FleetCommandsTest, APersonSeesHostsEventsAndTheBroker) {
     EXPECT_EQ(code, 0);
     EXPECT_THAT(Run("explain db_01/ab12-7"), HasSubstr("only db_01 knows which file gave its limits"));
     EXPECT_EQ(code, 0);
+}
+
+TEST_F(FleetCommandsTest, AReportShowsEventsAndChangesOfTheFleet) {
+    const std::string state = R"({"version":1,"host":"db_01","groups":["db"],"agent":"1.4.0","runs":true,"uptime":9})";
+    ASSERT_EQ(PutKey(*m_host, kStateBucket, EscapeName(kHost), state).outcome, Answer::Outcome::kOk);
+    auto opened = NatsBroker::Open(m_fleet->AdminOptions());
+    ASSERT_TRUE(opened) << opened.GetError().Text();
+    ASSERT_TRUE(support::Eventually([&] { return (*opened)->IsConnected(); })) << m_fleet->Log();
+    for (const char* value : {R"({"maxCpu":10})", R"({"maxCpu":12})"}) {
+        ASSERT_EQ(PutKey(**opened, kConfigBucket, "all", value).outcome, Answer::Outcome::kOk);
+    }
+    const auto now = std::to_string(time(nullptr));
+    const std::string payload = std::string(R"({"id":")") + kSpool + R"(-7","time":)" + now +
+                                R"(,"process":"tervane","type":"T_MSG_SELF_KILL",)"
+                                R"("body":"{\"process\":\"<b>\",\"resource\":\"cpu\",\"limit\":1000}"})";
+    const std::string id = FormatMessageId(kHost, {kSpool, 7});
+    ASSERT_EQ(m_host->Publish({EventSubject(kHost, "tervane"), id, 7, &payload, 0}).outcome, Answer::Outcome::kOk);
+
+    support::TempDir directory;
+    const std::string file = directory / "fleet.html";
+    EXPECT_EQ(Run("report --since 2h --html " + file), file + ": 1 hosts, 1 events, 2 changes of the configuration\n");
+    EXPECT_EQ(code, 0);
+    EXPECT_THAT(support::ReadText(file),
+                AllOf(HasSubstr("all (2): maxCpu 10 to 12"), HasSubstr("db_01/ab12-7"), HasSubstr("&lt;b&gt;: ends"),
+                      HasSubstr("The stream&#39;s first event is of"), HasSubstr("agents: 1.4.0 (1)")));
+    EXPECT_THAT(Run("report --json --group db"), AllOf(HasSubstr("\"self_kill\":1"), HasSubstr("\"host\":\"db_01\"")));
+    EXPECT_EQ(code, 0);
+    EXPECT_THAT(Run("report --html " + file, "host"), HasSubstr("Permissions Violation"));
+    EXPECT_EQ(code, 2);
 }
 
 TEST_F(FleetCommandsTest, AHostsCredentialsShowNoOtherHost) {
