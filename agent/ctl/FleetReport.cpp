@@ -118,15 +118,13 @@ private:
         if (!listed) m_facts.problems.push_back("the configuration cannot be read: " + listed.GetError().Text());
         std::sort(levels.begin(), levels.end(),
                   [](const LevelPut& a, const LevelPut& b) { return a.revision > b.revision; });
-        std::unordered_set<std::string> read;  // a key that was put during the list comes twice
+        std::unordered_set<std::string> seen;  // a key that was put during the list comes twice
         for (const LevelPut& level : levels) {
-            if (read.count(level.key) != 0) continue;
-            if (read.size() == kMostLevels || m_facts.changes.size() >= kMostChanges) {
-                ++m_facts.changesLeftOut;
-                continue;
+            if (!seen.insert(level.key).second) continue;
+            if (seen.size() <= kMostLevels && m_facts.changes.size() < kMostChanges && !ReadHistory(level.key, since)) {
+                break;
             }
-            read.insert(level.key);
-            if (!ReadHistory(level.key, since)) break;
+            if (seen.size() > kMostLevels || m_facts.changes.size() >= kMostChanges) ++m_facts.changesLeftOut;
         }
         std::sort(m_facts.changes.begin(), m_facts.changes.end(),
                   [](const FleetChange& a, const FleetChange& b) { return a.revision < b.revision; });
@@ -138,9 +136,8 @@ private:
         const base::Status read = AskAll(m_link, "history", key, [&](const Json::Value& item) {
             LevelPut put = PutOf(item);
             if (put.time >= since) {
-                const std::string text = before.isDeleted ? "{}" : before.value;
                 m_facts.changes.push_back({put.time, ShortText(key, kMostLevelBytes), put.revision,
-                                           WordChange(isKnown ? &text : nullptr, put.value, put.isDeleted)});
+                                           WordChange(isKnown ? &before.value : nullptr, put.value, put.isDeleted)});
             }
             before = std::move(put);
             isKnown = true;

@@ -248,7 +248,7 @@ std::string DrawChanges(const FleetReportFacts& facts) {
     if (facts.changes.size() > shown)
         html += Text("<p class=\"muted\">and %zu before these</p>", facts.changes.size() - shown);
     if (facts.changesLeftOut > 0)
-        html += Text("<p class=\"muted\">the changes of %zu more keys were not read</p>", facts.changesLeftOut);
+        html += Text("<p class=\"muted\">not all changes of %zu more keys were read</p>", facts.changesLeftOut);
     return html + "</details>";
 }
 

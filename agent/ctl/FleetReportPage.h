@@ -31,7 +31,7 @@ struct FleetReportFacts {
     uint64_t repeated = 0;
     uint64_t unread = 0;
     std::vector<FleetChange> changes;   ///< oldest first
-    size_t changesLeftOut = 0;          ///< keys whose changes were not read
+    size_t changesLeftOut = 0;          ///< keys of which not all changes were read
     std::vector<std::string> problems;  ///< what could not be read, in sentences
 };
 

@@ -104,13 +104,10 @@ TEST_F(FleetTallyTest, AnImpossibleTimeGivesWayToTheBrokers) {
         int64_t stored;
         size_t column;
     };
-    const Case cases[] = {{kDayBegin + 1801, kDayBegin + 40000, 1},
-                          {kDayBegin, kDayBegin + 40000, 0},
-                          {kDayBegin - 1, kDayBegin + 40000, 22},
-                          {kDayBegin + 40059, kDayBegin + 40000, 22},
-                          {kDayBegin + 43200, kDayBegin + 40000, 22},
-                          {kDayEnd + 999999999, kDayBegin + 3600, 2},
-                          {kDayEnd + 5, kDayEnd + 5, 47}};
+    const Case cases[] = {{kDayBegin + 1801, kDayBegin + 40000, 1},   {kDayBegin, kDayBegin + 40000, 0},
+                          {kDayBegin - 1, kDayBegin + 40000, 22},     {kDayBegin + 41459, kDayBegin + 41399, 23},
+                          {kDayBegin + 41460, kDayBegin + 41399, 22}, {kDayBegin + 43200, kDayBegin + 40000, 22},
+                          {kDayEnd + 999999999, kDayBegin + 3600, 2}, {kDayEnd + 5, kDayEnd + 5, 47}};
     for (const Case& one : cases) {
         FleetTally tally(facts.tally.Period());
         FleetEvent event = Event("web1", 1, one.happened, each[1].type, each[1].body);
@@ -177,6 +174,18 @@ TEST_F(FleetPageTest, ShowsStatesEventsAndWhoStandsOut) {
     EXPECT_THAT(page, Not(HasSubstr("together"))) << "there are no others";
 }
 
+TEST_F(FleetPageTest, HostsBeyondTheThirtyAreOneStrip) {
+    for (int i = 0; i < 30; ++i) {
+        for (int at = 0; at < 2; ++at) Take("heavy" + std::to_string(i), kDayBegin + 2000, each[1]);
+    }
+    for (int i = 0; i < 3; ++i) Take("light" + std::to_string(i), kDayBegin + 80000, each[1]);
+    const std::string page = MakeFleetPage(facts);
+    EXPECT_EQ(CountOf(page, "<rect class=\"K\" x=\"10\""), 31U) << "the fleet's and the thirty's, not the others'";
+    EXPECT_EQ(CountOf(page, "<rect class=\"K\" x=\"440\""), 2U);
+    EXPECT_THAT(page,
+                HasSubstr("<span>3 other hosts together</span></div><div class=\"row\"><div class=\"n\">3</div>"));
+}
+
 TEST_F(FleetPageTest, ChangesOfTheConfigurationAreMarksOnTheSameAxis) {
     Take("web1", kDayBegin + 5000, each[1]);
     facts.changes = {{kDayBegin + 43200, "all", 12, "maxCpu 10 to 12"},
@@ -187,7 +196,7 @@ TEST_F(FleetPageTest, ChangesOfTheConfigurationAreMarksOnTheSameAxis) {
     EXPECT_THAT(page, HasSubstr("<span>all (13): maxCpu 12 to 9</span>"));
     EXPECT_LT(page.find("all (13)"), page.find("all (12)"));
     facts.changesLeftOut = 7;
-    EXPECT_THAT(MakeFleetPage(facts), HasSubstr("the changes of 7 more keys were not read"));
+    EXPECT_THAT(MakeFleetPage(facts), HasSubstr("not all changes of 7 more keys were read"));
 }
 
 TEST_F(FleetPageTest, WhatIsNotWellStandsFirst) {

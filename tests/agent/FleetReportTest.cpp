@@ -132,6 +132,32 @@ TEST_F(FleetReportTest, AGroupHasItsHostsEventsAndLevelsAlone) {
     EXPECT_THAT(err, HasSubstr("no host says that it is of the group \"none\""));
 }
 
+TEST_F(FleetReportTest, ManyHostsAndKeysAreBoundedAndCounted) {
+    for (int i = 0; i < 32; ++i) {
+        const std::string name = "host" + std::to_string(100 + i);
+        AddHost(WellHost(name), 20);
+        AddEvent(name, 1, kNow - 100, each[1]);
+    }
+    AddEvent("host131", 2, kNow - 90, each[1]);
+    for (int i = 0; i < 408; ++i) {
+        const bool old = i < 205;
+        AddPut("host." + std::to_string(i), i + 1, old ? kNow - 99000 : kNow - 5000, R"({"maxCpu":10})");
+    }
+    world["times"] = 2;
+    const Json::Value view = View();
+    EXPECT_EQ(view["changes"].size(), 200U);
+    EXPECT_EQ(view["changes"][0]["level"], "host.208") << "the newest, the oldest of them first";
+    EXPECT_EQ(view["keys_left_out"].asInt(), 3);
+    size_t shown = 0;
+    std::string without;
+    for (const Json::Value& row : view["rows"]) {
+        shown += row["pieces"].size() == 48 ? 1 : 0;
+        if (row["events"].asInt() > 0 && row["pieces"].empty()) without += row["host"].asString() + " ";
+    }
+    EXPECT_EQ(without, "host129 host130 ");
+    EXPECT_EQ(shown, 30U) << "the most first, then by name";
+}
+
 TEST_F(FleetReportTest, ALinkIsNotFollowedAndTheOldPageStays) {
     const std::string target = m_directory / "target";
     ASSERT_TRUE(support::WriteText(target, "precious"));
