@@ -1,6 +1,7 @@
 // The verdict on a status. Every sentence names what it is about and what was seen.
 #include "Health.h"
 
+#include "HumanText.h"
 #include "Text.h"
 #include "platform/zel/AgentNames.h"
 
@@ -74,6 +75,21 @@ void FindOtherLimits(const StatusReport& report, Troubles& found) {
                                   : who + AmountText(cpu, now) + asked + " (" + wanted.path + ")",
                          kKept});
     }
+}
+
+/// In one group for everything the limit is the maximum and half of it. The kernel refuses one below what is in use and
+/// cannot be given back, and the one before stays.
+void FindLegacyMemory(const StatusReport& report, Troubles& found) {
+    constexpr int64_t kHeadroomBytes = 1024 * 1024 / 2 * 3;  // for each MB of the maximum
+    constexpr int64_t kRoundingBytes = 65536;                // a page, and some are large
+    const zel::CgroupMemStatus& memory = report.cgroup.mem;
+    const int64_t asked = report.sampler.maxMemMb * kHeadroomBytes;
+    if (report.unified || (ModeToHold(report) & zel::kModeMemory) == 0 || !HoldsOwnLimit(memory)) return;
+    if (!report.samplerRuns || asked <= 0 || memory.limitBytes <= asked + kRoundingBytes) return;
+    found.push_back({"the memory limit in force is " + HumanBytes(memory.limitBytes) + ", asked for is " +
+                         HumanBytes(asked) + " (" + memory.limitPath + ")",
+                     "the kernel refuses a limit below what is in use: end what uses " + HumanBytes(memory.usageBytes) +
+                         " there and reload, or raise maxMemory"});
 }
 
 /// What the rounds of repairing have found, in the tree as in the legacy group.
@@ -193,6 +209,7 @@ std::vector<Trouble> FindTrouble(const StatusReport& report) {
     FindLimits(report, found);
     FindLiftedLimits(report, found);
     if (report.unified) FindOtherLimits(report, found);
+    FindLegacyMemory(report, found);
     FindKept(report, found);
     FindComponents(report, found);
     FindOwn(report, found);

@@ -234,6 +234,37 @@ TEST(HealthTest, TheLegacyGroupIsLookedAfterToo) {
     EXPECT_EQ(3u, FindTrouble(report).size()) << HealthLine(report);
 }
 
+TEST(HealthTest, ALegacyLimitAboveTheOneAskedForIsTrouble) {
+    StatusReport report = Healthy();
+    report.mode = zel::kModeCpu | zel::kModeMemory;
+    report.unified = false;
+    report.tree = {};
+    report.sampler.maxMemMb = 24;
+    report.cgroup.mem.limitPath = "/legacy";
+    report.cgroup.mem.usageBytes = 51 << 20;
+    report.cgroup.mem.limitBytes = 36 << 20;
+    EXPECT_THAT(FindTrouble(report), IsEmpty());
+    report.cgroup.mem.limitBytes = 300 << 20;
+    EXPECT_THAT(HealthLine(report), HasSubstr("the memory limit in force is 300.0 MB, asked for is 36.0 MB (/legacy)"));
+    ASSERT_EQ(1u, FindTrouble(report).size());
+    EXPECT_THAT(FindTrouble(report)[0].remedy, HasSubstr("end what uses 51.0 MB there"));
+    using Change = void (*)(StatusReport&);
+    const Change isNone[] = {
+        [](StatusReport& r) { r.cgroup.mem.limitBytes = 20 << 20; },  // somebody's tighter one
+        [](StatusReport& r) { r.sampler.maxMemMb = 0; },              // none is asked for
+        [](StatusReport& r) { r.mode = zel::kModeCpu; },
+        [](StatusReport& r) {
+            r.observed = zel::kModeMemory;
+            r.cgroup.mem.limited = false;
+        },
+    };
+    for (const Change& change : isNone) {
+        StatusReport other = report;
+        change(other);
+        EXPECT_THAT(FindTrouble(other), IsEmpty()) << HealthLine(other);
+    }
+}
+
 TEST(HealthTest, AComponentThatStartsHasTimeToJoin) {
     StatusReport report = Healthy();
     report.components[0].pid = 12;
