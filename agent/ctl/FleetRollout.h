@@ -5,7 +5,7 @@
 #include <string>
 
 #include "FleetAccess.h"
-#include "FleetConfigCommands.h"
+#include "FleetConfigOptions.h"
 #include "base/Result.h"
 #include "fleet/Rollout.h"
 

@@ -62,6 +62,7 @@ private:
     bool m_isAwayTold = false;
     std::optional<size_t> m_appliedTold;
     int64_t m_wellTold = 0;
+    bool m_isLaterTold = false;
     std::optional<int64_t> m_blindSince;
     bool m_hasEnded = false;  // the end that was asked for is heeded
 };
@@ -175,6 +176,9 @@ void Follower::TellWatch(const FleetHosts& hosts) {
         m_wellTold = m_world.Now();
         Say(std::to_string(applied) + " of " + CountText(all, "host reports", "hosts report") + " it" +
             (since ? ": well for " + Duration(m_plan.waitSeconds) + ", and all get it" : ""));
+    } else if (since && m_world.Now() - *since >= m_plan.waitSeconds) {
+        if (!m_isLaterTold) Say("well so far; one more state of each is waited for, which comes within a minute");
+        m_isLaterTold = true;
     } else if (since && m_world.Now() - m_wellTold >= kTellSeconds) {
         m_wellTold = m_world.Now();
         Say("well for " + Duration(m_world.Now() - *since) + " of " + Duration(m_plan.waitSeconds));

@@ -269,7 +269,11 @@ void Rollout::Look(const FleetHosts& hosts, int64_t now) {
     }
     m_waitsSince.reset();
     if (!m_appliedAt) m_appliedAt = now;
-    if (now - *m_appliedAt >= m_plan.waitSeconds) Take(RolloutPhase::kWidening);
+    // The state that reported it says nothing of what came of it yet: each has to tell one more.
+    const int64_t since = now - *m_appliedAt;
+    const bool areFresh = std::all_of(m_canaries.begin(), m_canaries.end(),
+                                      [&](const std::string& name) { return hosts.at(name).silentSeconds < since; });
+    if (since >= m_plan.waitSeconds && areFresh) Take(RolloutPhase::kWidening);
 }
 
 }  // namespace agent

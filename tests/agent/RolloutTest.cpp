@@ -108,6 +108,33 @@ TEST_F(RolloutTest, AFewGetItAndThenAll) {
     EXPECT_THAT(rollout.Left(), IsEmpty());
 }
 
+TEST_F(RolloutTest, EachTellsAStateAfterTheOneThatReportedIt) {
+    m_plan.waitSeconds = 8;
+    Rollout rollout = Begin();
+    Store(rollout);
+    for (const std::string& name : rollout.Canaries()) Apply(name);
+    FleetHost& last = m_hosts.at(rollout.Canaries()[1]);
+    rollout.Look(m_hosts, m_now);
+    for (int64_t i = 1; i <= 60; ++i) {
+        last.silentSeconds = i;
+        rollout.Look(m_hosts, m_now + i);
+    }
+    EXPECT_EQ(rollout.Phase(), RolloutPhase::kWatching) << "what it last said was before anything could have shown";
+    last.silentSeconds = 0;
+    last.state.problems = 1;
+    rollout.Look(m_hosts, m_now + 61);
+    EXPECT_THAT(rollout.Reason(), HasSubstr("has a new finding"));
+}
+
+TEST_F(RolloutTest, AGroupIsFoundByItsEscapedName) {
+    for (auto& [name, host] : m_hosts) host.state.groups = {"web.eu"};
+    m_plan.target = "group.web_2eeu";
+    EXPECT_THAT(Begin().Canaries(), SizeIs(2));
+    EXPECT_EQ(Begin().HostCount(), 40U);
+    m_plan.target = "group.web.eu";
+    EXPECT_THAT(Begin().Canaries(), IsEmpty());
+}
+
 TEST_F(RolloutTest, WhatStopsItBringsEverythingBack) {
     using Change = void (*)(FleetHost&);
     const std::pair<const char*, Change> cases[] = {
