@@ -1,6 +1,7 @@
 # Front of the build: all work is in CMake.
 #   make demo                install what is missing, build, show in 40 s what the agent does, told line by line
 #   make run [FOR=seconds]   the same agent with a live page of its own, until Ctrl-C
+#   make fleet-demo          a broker and three agents on loopback: events, states, a limit that goes back, all told
 #   make test                build and run every test that this machine allows; says which it could not run and why
 #   make test-all            the same, and the tests that take long: every row under a real service manager, many rounds
 #   make sanitize            the same tests under the address, undefined and thread sanitizers (sanitize-module: a part)
@@ -27,7 +28,7 @@ ARGS ?=
 ASAN_QUICK = UnitCore UnitLimits UnitCgroup UnitAbnormal UnitUnifiedModel AllFuzzers RuntimeBaseTests SweepModule FleetRule FleetFrames
 TSAN_QUICK = UnitCore UnitLimits RuntimeBaseTests RuntimeUtilTests RuntimeIpcTests
 
-.PHONY: all demo run test test-all lint sanitize sanitize-module mutate mutate-sample matrix portability soak bench bench-peers bench-scale bench-fleet fuzz coverage package install uninstall clean deps deps-build
+.PHONY: all demo run fleet-demo test test-all lint sanitize sanitize-module mutate mutate-sample matrix portability soak bench bench-peers bench-scale bench-fleet fuzz coverage package install uninstall clean deps deps-build
 
 all: deps
 	cmake --preset dev
@@ -48,6 +49,12 @@ run: deps-build
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
 	scripts/demo --build build/release $(if $(FOR),--for $(FOR))
+
+fleet-demo:
+	scripts/install-deps --fleet
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS)
+	scripts/fleet-demo --build build/release
 
 test: deps
 	cmake --preset dev
