@@ -63,6 +63,7 @@ Step PublishRule::Begin(const Batch& batch, const Moment& now) {
         m_pauseUntilMs = 0;
     }
     m_batch = batch;
+    m_doubted = false;
     if (now.ms < m_pauseUntilMs) {
         Step step = MakeStep(Step::Kind::kPause);
         step.pauseMs = m_pauseUntilMs - now.ms;
@@ -169,6 +170,11 @@ bool PublishRule::IsNext() const {
 Step PublishRule::Decide(const Moment& now) {
     if (IsNext()) return Publish(now);
     if (IsLastOurs() && m_last.number >= m_batch.first) return Stored(std::min(m_last.number, m_batch.last), now);
+    // Any copy answers a read, and one that lags shows what looks like a loss.
+    if (!std::exchange(m_doubted, true)) {
+        m_last.known = false;
+        return Read(now);
+    }
     Step step = MakeStep(Step::Kind::kGoBack);
     step.number = IsLastOurs() ? m_last.number : 0;
     return step;

@@ -101,7 +101,7 @@ struct Step {
 };
 
 /// Thread-safety: none. One request at a time: after kRead comes OnRead, after kPublish OnPublish; after the others the
-/// next Begin. A connection that broke is an answer like any other.
+/// next Begin. kGoBack takes two reads in a row that show a loss. A connection that broke is an answer like any other.
 class PublishRule {
 public:
     static constexpr int64_t kLeastPauseMs = 500;
@@ -152,6 +152,7 @@ private:
     uint64_t m_truthSequence = 0;  // what was the subject's last, by the broker's word, while this spool was in hand
     uint64_t m_toldSequence = 0;   // what the broker has said is the last, and was not read yet
     unsigned int m_foreign = 0;    // messages of somebody else that came after that
+    bool m_doubted = false;        // a read of this batch has shown a loss
     unsigned int m_ownSince = 0;   // messages of ours that were stored since the last of those
     int64_t m_clonedUntilMs = 0;
     unsigned int m_failures = 0;  // in a row

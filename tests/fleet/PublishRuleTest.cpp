@@ -181,8 +181,37 @@ TEST_F(PublishRuleTest, ConfirmsOnlyWhatWasBroughtAndJustRead) {
 
 TEST_F(PublishRuleTest, GoesBackWhereTheBrokerLostConfirmedOnes) {
     Expect(Begin(10, 11, 12), Kind::kRead);
+    Expect(Read(Found(9, kOwn, 7)), Kind::kRead);
     Expect(Read(Found(9, kOwn, 7)), Kind::kGoBack, 7);
     Expect(Begin(7, 8, 10), Kind::kPublish, 0, 9);
+}
+
+TEST_F(PublishRuleTest, ACopyThatLagsIsNoLoss) {
+    for (const Answer& lagging : {Found(9, kOwn, 7), Empty(), Found(4, kOther, 400)}) {
+        m_rule = PublishRule();
+        Expect(Begin(0, 9, 10), Kind::kRead);
+        Expect(Read(Found(9, kOwn, 8)), Kind::kPublish, 0, 9);
+        Expect(Publish(Ack(12)), Kind::kStored, 10);
+        m_rule.OnConnected();
+        Expect(Begin(10, 11, 12), Kind::kRead);
+        Expect(Read(lagging), Kind::kRead);
+        Expect(Read(Found(12, kOwn, 10)), Kind::kPublish, 0, 12);
+        Expect(Publish(Ack(13)), Kind::kStored, 12);
+    }
+}
+
+TEST_F(PublishRuleTest, ALossIsLookedAtTwiceForEachBatch) {
+    Expect(Begin(10, 11, 12), Kind::kRead);
+    Expect(Read(Found(9, kOwn, 7)), Kind::kRead);
+    const Step step = Read(Plain(Outcome::kTimeout));
+    Expect(step, Kind::kPause);
+    WaitOut(step);
+    Expect(Begin(10, 11, 12), Kind::kRead);
+    Expect(Read(Found(9, kOwn, 7)), Kind::kRead);
+    Expect(Read(Found(9, kOwn, 6)), Kind::kGoBack, 6);
+    m_rule.OnConnected();
+    Expect(Begin(6, 7, 8), Kind::kRead);
+    Expect(Read(Found(8, kOwn, 5)), Kind::kRead);
 }
 
 TEST_F(PublishRuleTest, GoesOnOverEventsThatWereDropped) {
@@ -192,6 +221,7 @@ TEST_F(PublishRuleTest, GoesOnOverEventsThatWereDropped) {
 
 TEST_F(PublishRuleTest, EmptySubjectBeginsWithTheOldestThatIsKept) {
     Expect(Begin(10, 11, 12), Kind::kRead);
+    Expect(Read(Empty()), Kind::kRead);
     Expect(Read(Empty()), Kind::kGoBack, 0);
     Expect(Begin(0, 9, 10), Kind::kPublish);
     Expect(Publish(Ack(4)), Kind::kStored, 10);
@@ -208,6 +238,7 @@ TEST_F(PublishRuleTest, LostBelowAnotherSpoolGoesBackToTheOldest) {
     Expect(Publish(Ack(20)), Kind::kStored, 3);
     Expect(Begin(3, 4, 6), Kind::kPublish, 0, 20);
     Expect(Publish(WrongSequence(9)), Kind::kRead);
+    Expect(Read(Found(9, kOther, 400)), Kind::kRead);
     Expect(Read(Found(9, kOther, 400)), Kind::kGoBack, 0);
     Expect(Begin(0, 1, 3), Kind::kPublish, 0, 9);
 }
