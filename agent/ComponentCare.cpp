@@ -75,27 +75,34 @@ void EndWhatIsLeft(const std::string& name) {
 
 }  // namespace
 
-void DeclareComponents(const std::string& appDir, bool relay) {
-    const auto components = LoadComponents(ConfigurationFile(appDir, zel::kComponentsFileName));
+std::vector<zel::CgroupComponentQuota> GroupsToDeclare(const std::vector<ComponentConfig>& components, bool relay) {
     std::vector<zel::CgroupComponentQuota> unlisted;
-    // A file that cannot be read is said by ComponentCare::Start.
-    for (const ComponentConfig& component : components ? *components : std::vector<ComponentConfig>()) {
+    for (const ComponentConfig& component : components) {
         if (!component.group.empty()) unlisted.push_back({component.name, component.group, component.group, 0, 0});
     }
     // Not the main process's group where there is another: what is short there is the main process's.
     for (const char* const group : {zel::kCollectGroup, zel::kMainGroup}) {
         if (relay) unlisted.push_back({zel::kRelayComponent, group, group, 0, kRelayMemoryKb});
     }
-    zel::SetUnlistedComponents(std::move(unlisted));
+    return unlisted;
+}
+
+std::vector<ComponentConfig> DeclareComponents(const std::string& appDir, bool relay) {
+    base::Result<std::vector<ComponentConfig>> components =
+        LoadComponents(ConfigurationFile(appDir, zel::kComponentsFileName));
+    if (!components) {
+        LogLine(components.GetError().Text() + "; no component is started", zel::kLogWarning);
+        components = std::vector<ComponentConfig>();
+    }
+    zel::SetUnlistedComponents(GroupsToDeclare(*components, relay));
+    return std::move(*components);
 }
 
 ComponentCare::ComponentCare(CMonitor& monitor, ComponentPulses& pulses)
     : m_monitor(monitor), m_pulses(pulses), m_kills(ReadTree) {}
 
-void ComponentCare::Start(const Options& options, const std::string& program) {
-    const auto components = LoadComponents(ConfigurationFile(options.appDir, zel::kComponentsFileName));
-    if (!components) LogLine(components.GetError().Text() + "; no component is started", zel::kLogWarning);
-    m_appDir = options.appDir;
+void ComponentCare::Start(const Options& options, const std::string& program, std::vector<ComponentConfig> components) {
+    m_configured = std::move(components);
     std::vector<std::string> common{"--app-dir", options.appDir, "--config", options.configPath};
     if (options.observe) common.push_back("--observe");
     m_supervisor = std::make_unique<Supervisor>(program, common, options.appDir + kRestartsFileName, ReportEnd);
@@ -106,7 +113,7 @@ void ComponentCare::Start(const Options& options, const std::string& program) {
     m_supervisor->SetCleaning(EndWhatIsLeft);
     m_supervisor->SetKillExplanation(
         [this](const std::string& name) { return m_kills.Explain(name, SecondsSinceBoot()); });
-    if (components) m_supervisor->Configure(*components);
+    m_supervisor->Configure(m_configured);
     m_relay = std::make_unique<RelayCare>(*m_supervisor, options.appDir, program);
 }
 
@@ -115,7 +122,8 @@ bool ComponentCare::FollowFleet(const std::optional<FleetConfig>& fleet) {
     const bool declared = m_relay->NeedsGroup();
     if (declared == m_relayDeclared) return false;
     m_relayDeclared = declared;
-    DeclareComponents(m_appDir, declared);
+    // As it was at the start: what the file says since then is not what runs.
+    zel::SetUnlistedComponents(GroupsToDeclare(m_configured, declared));
     return true;
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "ComponentsConfig.h"
 #include "OomAttribution.h"
 #include "Options.h"
 #include "Pulse.h"
@@ -30,9 +31,9 @@ public:
     /// `pulses`: what the components say.
     ComponentCare(CMonitor& monitor, ComponentPulses& pulses);
 
-    /// Reads which components there are. `program` is this executable; nothing is started before the first Tick.
-    /// On failure: one log line, and there are no components.
-    void Start(const Options& options, const std::string& program);
+    /// `program` is this executable, `components` what DeclareComponents has read; nothing is started before the first
+    /// Tick.
+    void Start(const Options& options, const std::string& program, std::vector<ComponentConfig> components);
     /// Has the relay run while the host is in a fleet. To be called every few seconds. Returns: whether the control
     /// groups are to be made anew for it.
     bool FollowFleet(const std::optional<FleetConfig>& fleet);
@@ -61,7 +62,7 @@ private:
     ComponentPulses& m_pulses;
     std::unique_ptr<Supervisor> m_supervisor;
     std::unique_ptr<RelayCare> m_relay;
-    std::string m_appDir;
+    std::vector<ComponentConfig> m_configured;
     bool m_relayDeclared = false;
     bool m_relayUnlimited = false;  // said
     std::map<unsigned int, std::string> m_watched;
@@ -76,8 +77,12 @@ private:
     std::vector<ComponentStatus> m_status ZEL_GUARDED_BY(m_lock);
 };
 
-/// Tells the control groups of the components there will be, before the monitor makes those: each has a leaf of its own
-/// in the group that it names, also when the unified mode's table does not name it. `relay`: so has the relay.
-void DeclareComponents(const std::string& appDir, bool relay);
+/// The control groups of components: each has a leaf of its own in the group that it names, also when the unified
+/// mode's table does not name it. `relay`: so has the relay. Pure.
+std::vector<zel::CgroupComponentQuota> GroupsToDeclare(const std::vector<ComponentConfig>& components, bool relay);
+
+/// Reads which components there are, and tells the control groups of them before the monitor makes those.
+/// Returns: the components. On failure: one log line, and there are none.
+std::vector<ComponentConfig> DeclareComponents(const std::string& appDir, bool relay);
 
 }  // namespace agent

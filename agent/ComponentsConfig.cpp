@@ -48,6 +48,10 @@ base::Status ReadKey(const std::string& key, const Json::Value& value, const std
         return {};
     }
     if (!IsPlainName(value.asString())) return Bad(at + " \"" + value.asString() + "\"" + kPlainNameRule);
+    if (key == "name" && value.asString() == zel::kRelayComponent) {
+        return Bad(at + " \"" + value.asString() +
+                   "\": the agent's relay to a fleet's broker is called so, name it otherwise");
+    }
     (key == "name" ? component.name : component.group) = value.asString();
     return {};
 }

@@ -276,7 +276,9 @@ int Process::StartMonitor() {
     } else {
         m_monitor->SetCgroupClient(m_client.get());
     }
-    if (m_options.IsMain()) DeclareComponents(m_options.appDir, m_agentConfig->Current().fleet.has_value());
+    if (m_options.IsMain()) {
+        m_declared = DeclareComponents(m_options.appDir, m_agentConfig->Current().fleet.has_value());
+    }
     const std::string& path = m_options.configPath;
     const std::string untrusted = JudgeConfiguration(path);
     if (!untrusted.empty()) {
@@ -367,7 +369,7 @@ void Process::StopLoad() {
 int Process::StartComponents() {
     if (!m_options.IsMain()) return kExitClean;
     m_components = std::make_unique<ComponentCare>(*m_monitor, m_pulses);
-    m_components->Start(m_options, m_program);
+    m_components->Start(m_options, m_program, std::move(m_declared));
     FollowFleet();
     m_pressure = std::make_unique<HostPressure>(WakeMain);
     m_groupPressure = std::make_unique<GroupPressure>(WakeMain);

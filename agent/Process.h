@@ -123,6 +123,7 @@ private:
     std::unique_ptr<CMonitor> m_monitor;
     std::unique_ptr<PlacementCare> m_placement;
     std::unique_ptr<Workers> m_workers;
+    std::vector<ComponentConfig> m_declared;  // until they are started
     std::unique_ptr<ComponentCare> m_components;
     std::unique_ptr<HostPressure> m_pressure;
     std::unique_ptr<GroupPressure> m_groupPressure;

@@ -54,6 +54,8 @@ TEST(ComponentsConfigTest, RefusesWithKeyAndReason) {
         {"{\"components\":[{\"name\":\"A\",\"nice\":1}]}", "components[0].nice"},
         {"{\"components\":[{\"name\":\"A\"},{\"name\":\"A\"}]}", "components[1].name"},
         {"{\"components\":[{\"name\":\"tervane\"}]}", "components[0].name"},
+        {R"({"components":[{"name":"A"},{"name":"TervaneRelay"}]})",
+         "components[1].name \"TervaneRelay\": the agent's relay to a fleet's broker is called so"},
         {"{\"components\":[{\"name\":\"A\",\"load\":\"busy\"}]}", "components[0].load"},
         {"{\"components\":[{\"name\":\"A\",\"command\":[]}]}", "components[0].command"},
         {"{\"components\":[{\"name\":\"A\",\"command\":[\"sleep\"]}]}", "components[0].command"},
