@@ -1,9 +1,12 @@
 // The block "fleet" of the agent's own configuration file.
 #include "FleetConfig.h"
 
+#include <json/writer.h>
 #include <unistd.h>
 
 #include <algorithm>
+
+#include "JsonText.h"
 
 namespace agent {
 namespace {
@@ -96,6 +99,25 @@ base::Result<FleetConfig> ReadFleetConfig(const Json::Value& block) {
     }
     if (config.servers.empty()) return Bad("fleet: the key servers is missing, or names none");
     return config;
+}
+
+base::Result<FleetConfig> ParseFleetConfig(const std::string& block) {
+    const base::Result<Json::Value> root = ParseJson(block, JsonRules::kStrict);
+    return root ? ReadFleetConfig(*root) : base::Result<FleetConfig>(root.GetError());
+}
+
+std::string FormatFleetConfig(const FleetConfig& config) {
+    Json::Value block(Json::objectValue);
+    for (const std::string& server : config.servers) block["servers"].append(server);
+    for (const std::string& group : config.groups) block["groups"].append(group);
+    if (!config.host.empty()) block["host"] = config.host;
+    if (!config.caFile.empty()) block["ca_file"] = config.caFile;
+    if (!config.credentialsFile.empty()) block["credentials_file"] = config.credentialsFile;
+    block["configuration"] = config.configuration;
+    block["stream"] = config.stream;
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, block);
 }
 
 std::string FleetHost(const FleetConfig& config) {

@@ -30,6 +30,10 @@ struct FleetConfig {
 
 /// Pure. Errors: kMalformed, which key and what it takes.
 base::Result<FleetConfig> ReadFleetConfig(const Json::Value& block);
+base::Result<FleetConfig> ParseFleetConfig(const std::string& block);
+
+/// Returns: the block as one line of JSON, which reads as the same again.
+std::string FormatFleetConfig(const FleetConfig& config);
 
 /// Returns: the name under which this host is enrolled.
 std::string FleetHost(const FleetConfig& config);

@@ -26,22 +26,24 @@ void RelayCare::Follow(const std::optional<FleetConfig>& fleet) {
     if (!fleet->credentialsFile.empty()) {
         order.credentials = base::ReadFileMark(FleetFile(m_appDir, fleet->credentialsFile));
     }
-    if (m_order && !(*m_order != order)) return;
+    if (m_isTaken || (m_order && !(*m_order != order))) return;
+    ComponentConfig config;
+    config.name = zel::kRelayComponent;
+    config.group = zel::kCollectGroup;
+    // As it was read here: the file may be one since then that is refused, and the relay begins anew all the same.
+    config.command = {m_relay, "--app-dir", m_appDir, "--fleet", FormatFleetConfig(*fleet)};
     if (m_order) {
         LogLine("the fleet's configuration or one of its files has changed: the relay begins anew", zel::kLogInfo);
-        m_supervisor.Renew(zel::kRelayComponent);
-    } else {
-        ComponentConfig config;
-        config.name = zel::kRelayComponent;
-        config.group = zel::kCollectGroup;
-        config.command = {m_relay, "--app-dir", m_appDir};
-        m_supervisor.Want(config);
+        m_supervisor.Renew(config);
+    } else if (!m_supervisor.Want(config)) {
+        m_isTaken = true;
+        return;
     }
     m_order = std::move(order);
 }
 
 bool RelayCare::NeedsGroup() const {
-    return m_order || m_supervisor.Has(zel::kRelayComponent);
+    return m_order || (!m_isTaken && m_supervisor.Has(zel::kRelayComponent));
 }
 
 base::Status RelayCare::Judge() const {

@@ -44,6 +44,7 @@ private:
     const std::string m_appDir;
     const std::string m_relay;  // its program
     std::optional<Order> m_order;
+    bool m_isTaken = false;  // another component has its name
 };
 
 }  // namespace agent

@@ -120,15 +120,20 @@ bool Supervisor::Has(const std::string& name) const {
                        [&](const Component& component) { return component.config.name == name; });
 }
 
-void Supervisor::Want(const ComponentConfig& config) {
+bool Supervisor::Want(const ComponentConfig& config) {
     Component* const there = Find(config.name);
-    if (there == nullptr) return Configure({config});
+    if (there == nullptr) {
+        Configure({config});
+        return true;
+    }
     if (!there->dropped) {
-        return LogLine("component " + config.name + " is there twice: name the one of components.json otherwise",
-                       zel::kLogWarning);
+        LogLine("component " + config.name + " is there twice: name the one of components.json otherwise",
+                zel::kLogWarning);
+        return false;
     }
     there->dropped = false;
     there->config = config;
+    return true;
 }
 
 void Supervisor::AskToLeave(Component& component) {
@@ -145,9 +150,11 @@ void Supervisor::Drop(const std::string& name) {
     if (component->state == ComponentState::kRunning && !component->leaving) AskToLeave(*component);
 }
 
-void Supervisor::Renew(const std::string& name) {
-    Component* const component = Find(name);
-    if (component == nullptr || component->leaving) return;
+void Supervisor::Renew(const ComponentConfig& config) {
+    Component* const component = Find(config.name);
+    if (component == nullptr) return;
+    component->config = config;
+    if (component->leaving) return;
     // One that waits after a failure may have failed for what is mended now.
     component->nextStartAt = 0;
     if (component->state == ComponentState::kRunning) AskToLeave(*component);

@@ -58,11 +58,12 @@ public:
     void Configure(const std::vector<ComponentConfig>& components);
     /// One more from now on. Of a name that is there already it is refused, with a line in the log; one that is being
     /// ended comes back.
-    void Want(const ComponentConfig& config);
+    /// Returns: whether it is one now.
+    [[nodiscard]] bool Want(const ComponentConfig& config);
     /// One is not wanted any more: ended, and forgotten then. Its end is no news, here and below.
     void Drop(const std::string& name);
-    /// One is ended and started again at once.
-    void Renew(const std::string& name);
+    /// The one of that name is ended, and started again at once as this says.
+    void Renew(const ComponentConfig& config);
     bool Has(const std::string& name) const;
     /// Starts what is due, reaps what ended, hands on what was written. Call it after SIGCHLD and SIGIO, when NextStart
     /// has come, and now and then for what no signal told. `now`, here and below: SecondsSinceBoot().

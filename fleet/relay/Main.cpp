@@ -138,13 +138,25 @@ int Serve(const agent::FleetConfig& config, const std::string& appDir) {
 
 int Usage(FILE* to, int code) {
     fprintf(to,
-            "usage: tervane-relay --app-dir DIR\n"
-            "Brings events of the host's agent to the broker that the block \"fleet\" of conf/agent.json names.\n");
+            "usage: tervane-relay --app-dir DIR [--fleet BLOCK]\n"
+            "Brings events of the host's agent to the broker that the block \"fleet\" of conf/agent.json names;\n"
+            "BLOCK is taken instead, as JSON.\n");
     return code;
+}
+
+/// `block`: as it was handed over; empty: that of the file.
+base::Result<agent::FleetConfig> FindConfig(const std::string& appDir, const std::string& block) {
+    if (!block.empty()) return agent::ParseFleetConfig(block);
+    const std::string path = agent::ConfigurationFile(appDir, zel::kAgentConfigFileName);
+    base::Result<agent::AgentConfig> config = agent::LoadAgentConfig(path);
+    if (!config) return config.GetError();
+    if (!config->fleet) return base::SentenceError(path + " has no block \"fleet\": nothing to do");
+    return std::move(*config->fleet);
 }
 
 int Run(int argc, char** argv) {
     std::string appDir;
+    std::string block;
     for (int at = 1; at < argc; ++at) {
         const std::string word = argv[at];
         if (word == "--help") return Usage(stdout, agent::kExitClean);
@@ -152,17 +164,18 @@ int Run(int argc, char** argv) {
             puts("tervane-relay " ZEL_VERSION);
             return agent::kExitClean;
         }
-        if (word != "--app-dir" || at + 1 == argc || argv[at + 1][0] != '/') return Usage(stderr, agent::kExitUsage);
-        appDir = argv[++at];
+        if (at + 1 == argc) return Usage(stderr, agent::kExitUsage);
+        const std::string value = argv[++at];
+        const bool isPlace = word == "--app-dir" && !value.empty() && value.front() == '/';
+        if (!isPlace && (word != "--fleet" || value.empty())) return Usage(stderr, agent::kExitUsage);
+        (isPlace ? appDir : block) = value;
     }
     if (appDir.empty()) return Usage(stderr, agent::kExitUsage);
     base::SetFileMask(kOwnFilesMask);
     KeepMemorySmall();
-    const std::string path = agent::ConfigurationFile(appDir, zel::kAgentConfigFileName);
-    const base::Result<agent::AgentConfig> config = agent::LoadAgentConfig(path);
+    const base::Result<agent::FleetConfig> config = FindConfig(appDir, block);
     if (!config) return Fail(agent::kExitConfiguration, config.GetError().Text());
-    if (!config->fleet) return Fail(agent::kExitConfiguration, path + " has no block \"fleet\": nothing to do");
-    return Serve(*config->fleet, appDir);
+    return Serve(*config, appDir);
 }
 
 }  // namespace

@@ -140,6 +140,11 @@ TEST(AgentConfigTest, AFleetIsTakenWhole) {
     EXPECT_FALSE(fleet.configuration);
     EXPECT_EQ(fleet.stream, "E2");
     EXPECT_TRUE(fleet != *least->fleet);
+    for (const FleetConfig& one : {fleet, *least->fleet}) {
+        const auto again = ParseAgentConfig("{\"fleet\":" + FormatFleetConfig(one) + "}");
+        ASSERT_TRUE(again.Ok()) << again.GetError().Text();
+        EXPECT_TRUE(*again->fleet == one);
+    }
 }
 
 TEST(AgentConfigTest, WithAFleetEventsGoToItsRelay) {

@@ -96,12 +96,13 @@ protected:
         support::WriteText(m_dir / "conf/agent.json", "{\"fleet\": {\"servers\": [\"" + m_broker->Url("h1") +
                                                           "\"], \"host\": \"h1\"" + more + "}}");
     }
-    void StartRelay() {
+    void StartRelay(const std::string& block = "") {
         m_relay = fork();
         if (m_relay != 0) return;
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         freopen((m_dir / "said").c_str(), "a", stderr);
-        execl(ZEL_RELAY_PROGRAM, "tervane-relay", "--app-dir", m_dir.Path().c_str(), nullptr);
+        const char* const option = block.empty() ? nullptr : "--fleet";
+        execl(ZEL_RELAY_PROGRAM, "tervane-relay", "--app-dir", m_dir.Path().c_str(), option, block.c_str(), nullptr);
         _exit(127);
     }
     /// Returns: what waitpid gives.
@@ -299,6 +300,24 @@ TEST_F(RelayProgramTest, LargeEventsOfManyStayInsideItsBound) {
     // Eight of them are pages of its libraries, which others may share.
     EXPECT_LT(peak, 20 << 10);
 #endif
+}
+
+TEST_F(RelayProgramTest, ABlockThatIsHandedOverCountsAndNoFile) {
+    StartBroker();
+    MakeStream();
+    Configure();
+    const std::string text = support::ReadText(m_dir / "conf/agent.json");
+    const size_t begin = text.find('{', 1);
+    support::WriteText(m_dir / "conf/agent.json", "{");
+    StartRelay(text.substr(begin, text.size() - begin - 1));
+    Sender sender(Path(), "one", 5);
+    EXPECT_TRUE(sender.Run()) << Said();
+    EndRelay(SIGTERM);
+    StartRelay(R"({"servers":[]})");
+    int status = 0;
+    ASSERT_GT(waitpid(std::exchange(m_relay, -1), &status, 0), 0);
+    EXPECT_EQ(WEXITSTATUS(status), 14);
+    EXPECT_THAT(Said(), HasSubstr("the key servers is missing"));
 }
 
 TEST_F(RelayProgramTest, WithoutABlockItSaysSoAndEnds) {
