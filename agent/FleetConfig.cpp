@@ -30,7 +30,7 @@ bool IsServer(const std::string& text) {
     const bool named = text.compare(0, 7, "nats://") == 0 || text.compare(0, 6, "tls://") == 0;
     const std::string rest = named ? text.substr(text.find("://") + 3) : "";
     return !rest.empty() && text.size() <= kMostTextBytes && IsPrintable(rest) &&
-           rest.find_first_of(" /,\"") == std::string::npos && rest.back() != '@' && rest.front() != ':';
+           rest.find_first_of(" /,\"") == std::string::npos && !NamesUser(rest) && rest.front() != ':';
 }
 
 bool IsName(const std::string& text) {
@@ -70,6 +70,12 @@ bool IsPath(const std::string& text) {
 base::Status ReadKey(const std::string& key, const Json::Value& value, FleetConfig& config) {
     const std::string at = "fleet." + key;
     if (key == "servers") {
+        const auto named = [](const Json::Value& one) { return one.isString() && NamesUser(one.asString()); };
+        // Its value is not said: it goes to logs that others read.
+        if (value.isArray() && std::any_of(value.begin(), value.end(), named)) {
+            return Bad(at + ": an address holds a user or a password, which would be shown; take it out, and name a " +
+                       "file of credentials in fleet.credentials_file of conf/agent.json");
+        }
         return ReadList(value, at, kMostServers, "nats:// or tls:// addresses", IsServer, config.servers);
     }
     if (key == "groups") return ReadList(value, at, kMostGroups, "names of groups", IsName, config.groups);
@@ -89,6 +95,10 @@ base::Status ReadKey(const std::string& key, const Json::Value& value, FleetConf
 }
 
 }  // namespace
+
+bool NamesUser(const std::string& server) {
+    return server.find('@') != std::string::npos;
+}
 
 base::Result<FleetConfig> ReadFleetConfig(const Json::Value& block) {
     if (!block.isObject()) return Bad("fleet: an object is expected");

@@ -28,6 +28,9 @@ struct FleetConfig {
     bool operator!=(const FleetConfig& other) const { return !(*this == other); }
 };
 
+/// Whether an address names a user or a password. It is shown in sentences and in the relay's command line.
+bool NamesUser(const std::string& server);
+
 /// Pure. Errors: kMalformed, which key and what it takes.
 base::Result<FleetConfig> ReadFleetConfig(const Json::Value& block);
 base::Result<FleetConfig> ParseFleetConfig(const std::string& block);

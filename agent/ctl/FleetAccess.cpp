@@ -1,6 +1,8 @@
 // Looking for the broker's address and the relay's program.
 #include "FleetAccess.h"
 
+#include <algorithm>
+
 #include "AgentConfig.h"
 #include "AgentPaths.h"
 #include "base/FileIo.h"
@@ -30,6 +32,11 @@ base::Result<std::string> FindRelayProgram(const std::string& directory) {
 }
 
 base::Result<FleetAccess> FindFleet(const FleetPlace& place) {
+    if (std::any_of(place.servers.begin(), place.servers.end(), NamesUser)) {
+        return base::SentenceError(
+            "an address of --servers holds a user or a password, which other users of this host could see: take it "
+            "out, and name a file of credentials with --creds");
+    }
     const base::Result<std::string> own = base::ReadOwnProgramPath();
     if (!own && place.programs.empty()) return own.GetError();
     const base::Result<std::string> program =

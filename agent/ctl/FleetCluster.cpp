@@ -150,7 +150,7 @@ private:
         const BrokerTime& time = m_roster.Time();
         if (m_roster.Rows().empty()) {
             return Add(Severity::kWarning, "no host has said anything of itself yet",
-                       "enrol a host (fleet-enrol host) and give it the block \"fleet\" in its agent.json");
+                       "enrol a host (fleet-enrol host) and give it the block \"fleet\" in its conf/agent.json");
         }
         const bool silent = !time.isTold && time.consoleAhead >= kSilentFleetSeconds;
         if (silent) {

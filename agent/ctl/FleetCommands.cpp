@@ -110,7 +110,7 @@ void DeclareFleet(CLI::App& app, FleetOptions& options) {
     CLI::App* fleet =
         app.add_subcommand("fleet", "the hosts of a fleet, their events and configuration, by its broker");
     fleet->require_subcommand(1);
-    fleet->add_option("--servers", options.place.servers, "brokers to ask; those of agent.json otherwise")
+    fleet->add_option("--servers", options.place.servers, "brokers to ask; those of conf/agent.json otherwise")
         ->delimiter(',')
         ->take_all()
         ->type_name("ADDRESS");

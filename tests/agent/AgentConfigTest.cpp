@@ -79,6 +79,9 @@ TEST(AgentConfigTest, WhatItDoesNotKnowIsRefusedByName) {
         {R"({"fleet":{"servers":["nats://a b"]}})", "fleet.servers"},
         {R"({"fleet":{"servers":["nats://a,nats://b"]}})", "fleet.servers"},
         {R"({"fleet":{"servers":[7]}})", "fleet.servers"},
+        {R"({"fleet":{"servers":["tls://b","tls://user:secret@c"]}})",
+         "fleet.servers: an address holds a user or a password, which would be shown; take it out"},
+        {R"({"fleet":{"servers":["nats://user@c"]}})", "fleet.credentials_file of conf/agent.json"},
         {R"({"fleet":{"servers":["tls://b","tls://b"]}})", "\"tls://b\" stands there twice"},
         {R"({"fleet":{"servers":["tls://b"],"host":""}})", "fleet.host: a name of 1 to 64 bytes"},
         {R"({"fleet":{"servers":["tls://b"],"host":")" + std::string(65, 'x') + R"("}})", "fleet.host"},
@@ -128,11 +131,11 @@ TEST(AgentConfigTest, AFleetIsTakenWhole) {
     EXPECT_NE(FleetHost(*least->fleet), "") << "the host's own";
     EXPECT_EQ(FleetFile("/app", least->fleet->caFile), "");
     const auto all = ParseAgentConfig(
-        R"({"fleet":{"servers":["tls://b1","tls://u:p@[::1]:4223"],"host":"web.example","groups":["all linux","web"],)"
+        R"({"fleet":{"servers":["tls://b1","tls://[::1]:4223"],"host":"web.example","groups":["all linux","web"],)"
         R"("ca_file":"conf/ca.pem","credentials_file":"/etc/host.creds","configuration":false,"stream":"E2"}})");
     ASSERT_TRUE(all.Ok()) << all.GetError().Text();
     const FleetConfig& fleet = *all->fleet;
-    EXPECT_THAT(fleet.servers, testing::ElementsAre("tls://b1", "tls://u:p@[::1]:4223"));
+    EXPECT_THAT(fleet.servers, testing::ElementsAre("tls://b1", "tls://[::1]:4223"));
     EXPECT_EQ(FleetHost(fleet), "web.example");
     EXPECT_THAT(fleet.groups, testing::ElementsAre("all linux", "web"));
     EXPECT_EQ(FleetFile("/app", fleet.caFile), "/app/conf/ca.pem");

@@ -231,6 +231,14 @@ TEST_F(FleetStatusTest, BrokersComeFromAgentJsonWhereNoneIsNamed) {
     EXPECT_THAT(err, AllOf(HasSubstr(file), HasSubstr("servers")));
 }
 
+TEST_F(FleetStatusTest, AnAddressWithAPasswordIsRefusedUnseen) {
+    options.place.servers = {"nats://a:1", "tls://user:secret@b:2"};
+    EXPECT_EQ(Run("hosts"), 2);
+    EXPECT_THAT(err, AllOf(HasSubstr("--servers holds a user or a password"), HasSubstr("--creds"),
+                           testing::Not(HasSubstr("secret"))));
+    EXPECT_FALSE(support::Exists(WorldFile() + ".start"));
+}
+
 TEST_F(FleetStatusTest, AMissingProgramIsNamedWithWhatToInstall) {
     ASSERT_EQ(0, unlink((m_directory / "tervane-relay").c_str()));
     EXPECT_EQ(Run("status"), 2);

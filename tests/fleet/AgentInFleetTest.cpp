@@ -68,7 +68,7 @@ protected:
 TEST_F(AgentInFleetTest, EventsOfAllProcessesAreInTheStreamInOrder) {
     Child agent = StartRunningAgent();
     MakeEvent();  // before there is a fleet: of the sinks of then
-    WriteConf("agent.json", R"({"fleet": {"servers": [")" + m_broker.Url("h1") + R"("], "host": "h1"}})");
+    WriteConf("agent.json", R"({"fleet": {"servers": [")" + m_broker.Address() + R"("], "host": "h1"}})");
     ASSERT_TRUE(Poll(kSettleSeconds, [&] { return ComponentPid("TervaneRelay") > 0; })) << Log();
     const size_t before = IdsOf(Events()).size();
     MakeEvent();

@@ -20,7 +20,8 @@ constexpr char kProgram[] = "/usr/sbin/nats-server";
 constexpr char kUrl[] = "://127.0.0.1:";
 
 std::string UsualUsers() {
-    return "authorization { users: [ { user: admin, password: pw }, { user: h1, password: pw } ] }\n";
+    return "authorization { users: [ { user: admin, password: pw }, { user: h1, password: pw } ] }\n"
+           "no_auth_user: h1\n";
 }
 
 }  // namespace
@@ -84,6 +85,10 @@ void RealBroker::Kill() {
 
 std::string RealBroker::Url(const std::string& user, const std::string& scheme) const {
     return scheme + "://" + user + ":pw@127.0.0.1:" + std::to_string(m_port);
+}
+
+std::string RealBroker::Address() const {
+    return "nats://127.0.0.1:" + std::to_string(m_port);
 }
 
 BrokerAdmin::BrokerAdmin(const RealBroker& broker) {

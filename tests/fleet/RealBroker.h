@@ -20,7 +20,7 @@ public:
     static bool IsInstalled();
 
     /// `more`: further lines of its configuration. Users "admin" and "h1", password "pw", who may do everything, where
-    /// it names none.
+    /// it names none; who says no name is "h1".
     explicit RealBroker(std::string more = "");
     /// Kills it. The store goes with the test.
     ~RealBroker();
@@ -34,6 +34,8 @@ public:
     /// kill -9, and waits for the end.
     void Kill();
     std::string Url(const std::string& user, const std::string& scheme = "nats") const;
+    /// Without a user.
+    std::string Address() const;
     int Port() const { return m_port; }
     std::string operator/(const std::string& name) const { return m_directory / name; }
 

@@ -93,7 +93,7 @@ protected:
         ASSERT_TRUE(m_admin->MakeStream());
     }
     void Configure(const std::string& more = "") {
-        support::WriteText(m_dir / "conf/agent.json", "{\"fleet\": {\"servers\": [\"" + m_broker->Url("h1") +
+        support::WriteText(m_dir / "conf/agent.json", "{\"fleet\": {\"servers\": [\"" + m_broker->Address() +
                                                           "\"], \"host\": \"h1\"" + more + "}}");
     }
     void StartRelay(const std::string& block = "") {
