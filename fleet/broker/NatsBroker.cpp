@@ -4,6 +4,7 @@
 #include <nats/nats.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <map>
@@ -11,6 +12,7 @@
 #include <utility>
 
 #include "base/Mutex.h"
+#include "base/QuietThread.h"
 #include "base/TrustedRead.h"
 #include "broker/NatsTexts.h"
 #include "broker/ServerInfo.h"
@@ -29,7 +31,13 @@ constexpr int kMostPings = 2;
 constexpr int kLeastBuffer = 32 << 10;  // what waits for a connection waits in the spool
 // Why there is no connection, the library does not say of attempts in the background: it is asked this often at most.
 constexpr std::chrono::seconds kProbePeriod{5};
+constexpr std::chrono::seconds kProbePatience{5};
 constexpr std::chrono::milliseconds kGreetingPatience{2000};
+// Of an attempt to connect: to all addresses, and to one of them.
+constexpr int64_t kConnectMs = 16000;
+constexpr int64_t kLeastConnectMs = 500;
+constexpr int64_t kMostConnectMs = 2000;
+constexpr char kBeingMade[] = "it is being made";
 constexpr char kInbox[] = "_INBOX.";
 // The stream takes no message of this length.
 constexpr int kCodeMessageTooLong = 10054;
@@ -159,6 +167,23 @@ struct NatsBroker::Impl {
     };
     using Share = std::shared_ptr<Heard>;
 
+    /// Attempts to see why there is no connection. The thread of one may outlive the broker.
+    struct Probing {
+        base::Mutex lock;
+        base::Condition ended;
+        bool underWay ZEL_GUARDED_BY(lock) = false;
+        bool isWell ZEL_GUARDED_BY(lock) = false;             // the last one succeeded
+        std::string words ZEL_GUARDED_BY(lock) = kBeingMade;  // why it failed
+        size_t next ZEL_GUARDED_BY(lock) = 0;                 // which address
+        std::chrono::steady_clock::time_point due ZEL_GUARDED_BY(lock);
+
+        void Note(bool well, const std::string& said) ZEL_REQUIRES(lock) {
+            isWell = well;
+            words = said;
+            due = std::chrono::steady_clock::now() + kProbePeriod;
+        }
+    };
+
     static Heard& Of(void* share) { return **static_cast<Share*>(share); }
     static void OnConnected(natsConnection*, void* share) {
         ++Of(share).connections;
@@ -183,9 +208,7 @@ struct NatsBroker::Impl {
     std::shared_ptr<Link> link ZEL_GUARDED_BY(linkLock);
     std::vector<std::string> bells ZEL_GUARDED_BY(linkLock);  // subjects
     base::Mutex askLock;  // of what may well be refused: of two refusals at once the library tells one
-    base::Mutex probeLock;
-    std::string probed ZEL_GUARDED_BY(probeLock);  // why the last attempt failed
-    std::chrono::steady_clock::time_point probeDue ZEL_GUARDED_BY(probeLock);
+    const std::shared_ptr<Probing> probing = std::make_shared<Probing>();
     base::Mutex judgeLock;
     std::optional<uint64_t> judged ZEL_GUARDED_BY(judgeLock);  // which connection
     base::Status verdict ZEL_GUARDED_BY(judgeLock);
@@ -200,16 +223,16 @@ struct NatsBroker::Impl {
         return kInbox + (options.token.empty() ? EscapeName(options.host) : options.token);
     }
     /// What every attempt to connect has.
-    base::Result<Options> MakeOptions() const;
+    base::Result<Options> MakeOptions(const std::vector<std::string>& servers) const;
     base::Status SetAuthorities(natsOptions* made) const;
     base::Status SetCredentials(natsOptions* made) const;
     /// Has the library go on trying, and call back.
     static natsStatus TryForEver(natsOptions* made, int64_t waitMs, Share* share);
-    /// Makes the connection, or another one in its place.
-    base::Status Connect();
+    /// Makes the connection, or another one in its place. `first`: which address is tried first; empty: by chance.
+    base::Status Connect(const std::string& first = "");
     /// Has the connection hear the subjects, now or as soon as there is one.
     natsStatus HearBells(Link& on, const std::vector<std::string>& subjects) const;
-    base::Status Probe() const;
+    base::Status Probe(const std::string& server) const;
     /// One attempt to see why there is none; where it succeeds and the library has given up, another one is made.
     std::string TryAgain();
     Answer AnswerOf(natsStatus status, int code, const std::string& subject, uint64_t refusalsBefore);
@@ -244,18 +267,20 @@ base::Status NatsBroker::Impl::SetCredentials(natsOptions* made) const {
     return {};
 }
 
-base::Result<Options> NatsBroker::Impl::MakeOptions() const {
+base::Result<Options> NatsBroker::Impl::MakeOptions(const std::vector<std::string>& addresses) const {
     natsOptions* made = nullptr;
     natsStatus status = natsOptions_Create(&made);
     if (status != NATS_OK) return ErrorOf(status, "the broker's client");
     Options owned(made);
     std::vector<const char*> servers;
-    for (const std::string& server : options.servers) servers.push_back(server.c_str());
+    for (const std::string& server : addresses) servers.push_back(server.c_str());
     const std::string inbox = InboxPrefix();
     const auto then = [&](natsStatus next) { status = status == NATS_OK ? next : status; };
     then(natsOptions_SetServers(made, servers.data(), static_cast<int>(servers.size())));
     then(natsOptions_SetName(made, options.host.c_str()));
     then(natsOptions_SetCustomInboxPrefix(made, inbox.c_str()));
+    then(natsOptions_SetTimeout(
+        made, std::clamp(kConnectMs / static_cast<int64_t>(servers.size()), kLeastConnectMs, kMostConnectMs)));
     then(natsOptions_SetPingInterval(made, kPingMs));
     then(natsOptions_SetMaxPingsOut(made, kMostPings));
     then(natsOptions_SetReconnectBufSize(made, kLeastBuffer));
@@ -285,9 +310,13 @@ natsStatus NatsBroker::Impl::TryForEver(natsOptions* made, int64_t waitMs, Share
     return status;
 }
 
-base::Status NatsBroker::Impl::Connect() {
-    const auto made = MakeOptions();
+base::Status NatsBroker::Impl::Connect(const std::string& first) {
+    std::vector<std::string> servers = options.servers;
+    const auto at = std::find(servers.begin(), servers.end(), first);
+    if (at != servers.end()) std::rotate(servers.begin(), at, servers.end());
+    const auto made = MakeOptions(servers);
     if (!made) return made.GetError();
+    natsOptions_SetNoRandomize(made->get(), !first.empty());
     auto share = std::make_unique<Share>(heard);
     auto next = std::make_shared<Link>();
     natsStatus status = TryForEver(made->get(), options.reconnectMs, share.get());
@@ -324,8 +353,8 @@ natsStatus NatsBroker::Impl::HearBells(Link& on, const std::vector<std::string>&
     return NATS_OK;
 }
 
-base::Status NatsBroker::Impl::Probe() const {
-    const auto made = MakeOptions();
+base::Status NatsBroker::Impl::Probe(const std::string& server) const {
+    const auto made = MakeOptions({server});
     if (!made) return made.GetError();
     natsConnection* one = nullptr;
     const natsStatus status = natsConnection_Connect(&one, made->get());
@@ -336,13 +365,37 @@ base::Status NatsBroker::Impl::Probe() const {
 }
 
 std::string NatsBroker::Impl::TryAgain() {
-    base::Status status = Probe();
-    // The library closes a connection for good that was refused twice in the same words.
-    if (status && natsConnection_IsClosed(Now()->connection)) {
-        heard->ForgetAnswers();
-        status = Connect();
+    const std::shared_ptr<Probing> own = probing;
+    base::MutexLock held(own->lock);
+    if (own->underWay || std::chrono::steady_clock::now() < own->due) return own->words;
+    // One address at a time: whoever asks has a batch in hand, whose owner waits for a minute.
+    const std::string server = options.servers[own->next++ % options.servers.size()];
+    // A broker that greets and then says nothing is waited for without end: not by this thread.
+    const auto probe = [own, server, copied = options] {
+        Impl one;
+        one.options = copied;
+        const base::Status status = one.Probe(server);
+        base::MutexLock done(own->lock);
+        own->Note(status.Ok(), status ? kBeingMade : status.GetError().Text());
+        own->underWay = false;
+        own->ended.notify_all();
+    };
+    base::Result<std::thread> started = base::StartQuietThread("broker-probe", probe);
+    if (!started) {
+        own->Note(false, started.GetError().Text());
+        return own->words;
     }
-    return status ? "it is being made" : status.GetError().Text();
+    started->detach();
+    own->underWay = true;
+    const auto due = std::chrono::steady_clock::now() + kProbePatience;
+    while (own->underWay && std::chrono::steady_clock::now() < due) own->ended.wait_until(own->lock, due);
+    if (own->underWay) own->Note(false, server + " takes the connection and does not answer");
+    // The library closes a connection for good that was refused twice in the same words.
+    if (!own->isWell || !natsConnection_IsClosed(Now()->connection)) return own->words;
+    heard->ForgetAnswers();
+    const base::Status status = Connect(server);
+    if (!status) own->Note(false, status.GetError().Text());
+    return own->words;
 }
 
 NatsBroker::NatsBroker(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
@@ -400,13 +453,7 @@ const std::string& NatsBroker::Host() const {
 Answer NatsBroker::Impl::NotConnected() {
     Answer answer;
     answer.outcome = Answer::Outcome::kDisconnected;
-    base::MutexLock held(probeLock);
-    const auto now = std::chrono::steady_clock::now();
-    if (now >= probeDue) {
-        probed = TryAgain();
-        probeDue = std::chrono::steady_clock::now() + kProbePeriod;
-    }
-    answer.text = probed;
+    answer.text = TryAgain();
     return answer;
 }
 

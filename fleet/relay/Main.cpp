@@ -15,6 +15,7 @@
 #include "AgentPaths.h"
 #include "ExitCode.h"
 #include "base/FileIo.h"
+#include "base/QuietThread.h"
 #include "fleet/FleetDuties.h"
 #include "platform/zel/AgentNames.h"
 #include "relay/Deliverer.h"
@@ -91,16 +92,6 @@ int Fail(int code, const std::string& why) {
     return code;
 }
 
-/// A client that cannot be made yet is tried again, whether events come or not.
-void WaitForEnd(const sigset_t& ending, Deliverer& deliverer) {
-    constexpr timespec kAgain{60, 0};
-    while (deliverer.Open() == nullptr) {
-        if (sigtimedwait(&ending, nullptr, &kAgain) > 0) return;
-    }
-    int signal = 0;
-    sigwait(&ending, &signal);
-}
-
 /// Blocks: until a signal ends it. Returns: only where it cannot begin.
 int Serve(const agent::FleetConfig& config, const std::string& appDir) {
     const sigset_t ending = EndingSignals();
@@ -129,7 +120,12 @@ int Serve(const agent::FleetConfig& config, const std::string& appDir) {
     RelayServer server(**loop, queue, std::move(*socket), RelayBounds(), std::move(service));
     const base::Status started = server.Start();
     if (!started) return Fail(agent::kExitServices, started.GetError().Text());
-    WaitForEnd(ending, deliverer);
+    // Not this thread: it is here for the signals, and a broker may take its time.
+    auto opening = base::StartQuietThread("relay-open", [&] { deliverer.Open(); });
+    if (!opening) return Fail(agent::kExitServices, opening.GetError().Text());
+    opening->detach();  // ends with the process
+    int number = 0;
+    sigwait(&ending, &number);
     server.TakeAway();
     // A request may wait for the broker for seconds. What became of it is read back before the next one, so nothing is
     // waited for.

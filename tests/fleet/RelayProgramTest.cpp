@@ -2,8 +2,11 @@
 // stream once and in order; its size, and its end.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/Fd.h"
 #include "fleet/RealBroker.h"
 #include "fleet/RelayClient.h"
 #include "support/Files.h"
@@ -74,6 +78,54 @@ private:
     const std::string m_process;
     const int64_t m_count;
     std::atomic<int64_t> m_stored{0};
+};
+
+/// Brokers that take a connection and never say a word.
+class MuteBrokers {
+public:
+    explicit MuteBrokers(size_t count) {
+        for (size_t i = 0; i < count; ++i) {
+            base::Fd listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+            sockaddr_in address{};
+            address.sin_family = AF_INET;
+            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            socklen_t size = sizeof address;
+            auto* const place = reinterpret_cast<sockaddr*>(&address);
+            EXPECT_EQ(bind(listening.Get(), place, size), 0);
+            EXPECT_EQ(listen(listening.Get(), 64), 0);
+            EXPECT_EQ(getsockname(listening.Get(), place, &size), 0);
+            m_servers += (i == 0 ? "" : ",") + ("\"nats://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "\"");
+            m_listening.push_back(std::move(listening));
+        }
+    }
+    const std::string& Servers() const { return m_servers; }
+    /// Returns: how many of them somebody has connected to.
+    size_t Reached() {
+        size_t reached = 0;
+        for (const base::Fd& one : m_listening) {
+            pollfd waits{one.Get(), POLLIN, 0};
+            if (poll(&waits, 1, 0) > 0) ++reached;
+        }
+        return reached;
+    }
+    /// Takes what connects to the first of them: the first one hears nothing, the others a greeting and no more.
+    void Greet(const std::atomic<bool>& stop) {
+        while (!stop) {
+            base::Fd taken(accept4(m_listening[0].Get(), nullptr, nullptr, SOCK_CLOEXEC));
+            if (!taken) {
+                support::SleepMs(10);
+                continue;
+            }
+            const std::string greeting = "INFO {\"version\":\"2.10.27\",\"max_payload\":1048576,\"headers\":true}\r\n";
+            if (!m_taken.empty() && send(taken.Get(), greeting.data(), greeting.size(), MSG_NOSIGNAL) < 0) continue;
+            m_taken.push_back(std::move(taken));
+        }
+    }
+
+private:
+    std::vector<base::Fd> m_taken;
+    std::vector<base::Fd> m_listening;
+    std::string m_servers;
 };
 
 class RelayProgramTest : public testing::Test {
@@ -264,6 +316,48 @@ TEST_F(RelayProgramTest, ASignalEndsItInTheMiddleOfARequest) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     EXPECT_TRUE(cut && !answered) << "half an answer, or one that nobody gave";
     EXPECT_FALSE(support::Exists(Path()));
+}
+
+TEST_F(RelayProgramTest, MuteBrokersKeepNobodyWaiting) {
+    constexpr size_t kServers = 12;
+    MuteBrokers brokers(kServers);
+    support::WriteText(m_dir / "conf/agent.json", "{\"fleet\": {\"servers\": [" + brokers.Servers() + "]}}");
+    StartRelay();
+    ASSERT_TRUE(support::Poll(60, [&] { return brokers.Reached() > 0 && support::Exists(Path()); }));
+    for (const char* process : {"one", "two", "three"}) {
+        RelayClient client(Path());
+        const auto answer = client.Ask(MakeBatch(process, 1, 1));
+        ASSERT_TRUE(answer) << process;
+        EXPECT_EQ(answer->step.kind, Step::Kind::kPause);
+        EXPECT_EQ(static_cast<int>(answer->state), static_cast<int>(State::kConnecting));
+        EXPECT_THAT(answer->reason, HasSubstr("the connection to the broker is being made"));
+    }
+    const int status = EndRelay(SIGTERM);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_LT(brokers.Reached(), kServers) << "each was waited for";
+}
+
+TEST_F(RelayProgramTest, ABrokerThatOnlyGreetsIsSaidToEverybody) {
+    MuteBrokers broker(1);
+    std::atomic<bool> stop{false};
+    std::thread greeter([&] { broker.Greet(stop); });
+    support::WriteText(m_dir / "conf/agent.json", "{\"fleet\": {\"servers\": [" + broker.Servers() + "]}}");
+    StartRelay();
+    for (const char* process : {"one", "two"}) {
+        RelayClient client(Path());
+        std::string reason;
+        EXPECT_TRUE(support::Poll(120, [&] {
+            const auto answer = client.Ask(MakeBatch(process, 1, 1));
+            reason = answer ? answer->reason : "no answer";
+            return reason == "no answer" ||
+                   reason.find("takes the connection and does not answer") != std::string::npos;
+        }));
+        EXPECT_THAT(reason, HasSubstr("nats://127.0.0.1:")) << process;
+    }
+    const int status = EndRelay(SIGTERM);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    stop = true;
+    greeter.join();
 }
 
 TEST_F(RelayProgramTest, LargeEventsOfManyStayInsideItsBound) {
