@@ -17,6 +17,7 @@ namespace agent {
 
 namespace {
 
+constexpr char kOlderEnd[] = ".1";  // behind the kept file's name: the one that was kept before
 constexpr mode_t kNewMode = 0640;
 constexpr mode_t kMostMode = 0644;
 /// An answer may be lost, and a broker may be away for a moment: that is said when it lasts.
@@ -30,6 +31,14 @@ bool IsBlank(const std::optional<std::string>& text) {
 uint64_t RevisionOf(const std::optional<std::string>& text) {
     const std::optional<FleetOrigin> origin = text ? ReadFleetOrigin(*text) : std::nullopt;
     return origin ? origin->revision : 0;
+}
+
+/// Whether the fleet's file is not what the same levels at the same revision give. Other groups of the host, for one,
+/// make another file as well.
+bool IsChangedByHand(const std::optional<std::string>& local, const std::string& text) {
+    const std::optional<FleetOrigin> before = local ? ReadFleetOrigin(*local) : std::nullopt;
+    const std::optional<FleetOrigin> now = ReadFleetOrigin(text);
+    return before && now && before->revision == now->revision && before->levels == now->levels;
 }
 
 /// Whether the fleet once gave something and now gives nothing at all.
@@ -170,9 +179,18 @@ base::Status ConfigDuty::KeepOwn(const Local& local) {
     if (base::ReadFileMark(m_keptPath).exists) {
         const auto kept = base::ReadTrusted(m_keptPath, kMostRemoteBytes, base::TrustScope::kWithPlace);
         if (kept && *kept == *local.text) return {};
-        Say(m_path + " was not the fleet's and gives way to it; " + m_keptPath + " is kept already. \"" +
+        if (!kept) {
+            return base::SentenceError(
+                m_path + " stays: " + m_keptPath +
+                ", which is to give way to it, is not read: " + base::ReasonOf(kept.GetError(), m_keptPath));
+        }
+        // The newest is the host's own one; what was kept before may be of years ago.
+        const std::string older = m_keptPath + kOlderEnd;
+        const base::Status moved =
+            base::ReplaceFile(older, *kept, ModeOf(local), base::Durability::kSynced, base::Owner::kAsBefore);
+        if (!moved) return moved;
+        Say(m_path + " was not the fleet's and gives way to it; what was kept before is " + older + " now. \"" +
             kPinnedRemark + "\": true in the file keeps the fleet's away");
-        return {};
     }
     const base::Status kept =
         base::ReplaceFile(m_keptPath, *local.text, ModeOf(local), base::Durability::kSynced, base::Owner::kAsBefore);
@@ -182,7 +200,7 @@ base::Status ConfigDuty::KeepOwn(const Local& local) {
 }
 
 base::Status ConfigDuty::Write(const std::string& text, uint64_t revision, const Local& local) {
-    if (RevisionOf(local.text) == revision) {
+    if (IsChangedByHand(local.text, text)) {
         Say(m_path + " is not what the fleet's revision " + std::to_string(revision) +
             " gives this host, and is set back; \"" + kPinnedRemark + "\": true in it keeps a change");
     }

@@ -15,6 +15,7 @@
 namespace agent {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::AnyOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -158,16 +159,23 @@ TEST_F(ConfigDutyTest, HostsOwnFileIsKeptOnceAndComesBack) {
     EXPECT_EQ(support::ModeOf(m_kept), 0644);
     EXPECT_EQ(support::ModeOf(m_file), 0644) << "as the file had it";
     EXPECT_THAT(m_said, Contains(HasSubstr(m_kept)));
-    // Another one later on gives way too, and that is said.
+    // Another one later on gives way too, and that is said: it is the one that comes back.
     m_said.clear();
-    ASSERT_TRUE(support::WriteText(m_file, "{\"maxCpu\": 45}"));
+    const std::string later = "{\"maxCpu\": 45}";
+    ASSERT_TRUE(support::WriteText(m_file, later));
     ASSERT_TRUE(Settle(duty));
-    EXPECT_EQ(support::ReadText(m_kept), own);
+    EXPECT_EQ(support::ReadText(m_kept), later);
+    EXPECT_EQ(support::ReadText(m_kept + ".1"), own);
     EXPECT_THAT(File(), HasSubstr("\"maxCpu\" : 10"));
-    EXPECT_THAT(m_said, Contains(HasSubstr("_pinned")));
+    EXPECT_THAT(m_said, Contains(AllOf(HasSubstr("_pinned"), HasSubstr(m_kept + ".1"))));
+    m_said.clear();
+    ASSERT_TRUE(support::WriteText(m_file, later));  // the same once more: nothing is moved
+    ASSERT_TRUE(Settle(duty));
+    EXPECT_EQ(support::ReadText(m_kept + ".1"), own);
+    EXPECT_THAT(m_said, Not(Contains(HasSubstr("_pinned"))));
     m_keys.Delete("all");
     ASSERT_TRUE(Settle(duty));
-    EXPECT_EQ(File(), own);
+    EXPECT_EQ(File(), later);
     EXPECT_FALSE(support::Exists(m_kept));
     EXPECT_EQ(duty.Get().seen, 2u);
     duty.OnRead("");
@@ -175,7 +183,21 @@ TEST_F(ConfigDutyTest, HostsOwnFileIsKeptOnceAndComesBack) {
     // What the fleet gives then begins anew.
     m_keys.Set("all", R"({"maxCpu": 12})");
     ASSERT_TRUE(Settle(duty));
-    EXPECT_EQ(support::ReadText(m_kept), own);
+    EXPECT_EQ(support::ReadText(m_kept), later);
+}
+
+TEST_F(ConfigDutyTest, AnotherGroupIsNoChangeByHand) {
+    m_keys.Set("group.web", R"({"maxCpu": 10})");
+    m_keys.Set("group.db", R"({"maxMemory": 300})");
+    m_keys.Set("all", R"({"maxFdCount": 900})");
+    ConfigDuty before = Make({"web"});
+    ASSERT_TRUE(Settle(before));
+    m_said.clear();
+    ConfigDuty after = Make({"db"});
+    ASSERT_TRUE(Settle(after));
+    EXPECT_THAT(File(), AllOf(HasSubstr("maxMemory"), Not(HasSubstr("maxCpu"))));
+    EXPECT_THAT(m_said, Not(Contains(HasSubstr("is set back"))));
+    EXPECT_THAT(m_said, Contains(HasSubstr("is written to")));
 }
 
 TEST_F(ConfigDutyTest, FileGoesWhereTheHostHadNone) {
@@ -330,7 +352,7 @@ TEST_F(ConfigDutyTest, FileOfTheFleetThatSomebodyChangesIsSetBack) {
     m_said.clear();
     ASSERT_TRUE(Settle(duty));
     EXPECT_THAT(File(), HasSubstr("\"maxCpu\" : 10"));
-    EXPECT_THAT(m_said, Contains(HasSubstr("_pinned")));
+    EXPECT_THAT(m_said, Contains(AllOf(HasSubstr("_pinned"), HasSubstr("is set back"))));
     EXPECT_FALSE(support::Exists(m_kept));
 }
 
