@@ -308,7 +308,7 @@ void CEventDelivery::RunCare() {
     quietAt = std::max(quietAt, m_spool.KeptUntil());
     const Clock::time_point now = Clock::now();
     if (now < quietAt) return CareLater(quietAt - now);
-    while (m_spool.RemoveExpired()) {
+    while (!m_stop && m_spool.RemoveExpired()) {
     }
     // With what it took for its connections. Where messages wait, their delivery is the next news.
     if (m_spool.Rest()) malloc_trim(0);
