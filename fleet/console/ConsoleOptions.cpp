@@ -48,19 +48,18 @@ bool IsToken(const std::string& name) {
 
 /// Answers come to a place of the credentials' own: another one there is no right to.
 base::Status TakeName(const std::map<std::string, std::string>& given, BrokerOptions& options) {
-    if (given.count("--name") != 0) {
-        options.host = given.at("--name");
-        return options.host.empty() ? base::Status(base::SentenceError("--name is empty")) : base::Status();
-    }
-    options.host = "console";
+    const bool isNamed = given.count("--name") != 0;
+    options.host = isNamed ? given.at("--name") : "console";
+    if (options.host.empty()) return base::SentenceError("--name is empty");
     if (options.credsFile.empty()) return {};
     const auto text = base::ReadTrusted(options.credsFile, kMostCredentialBytes, base::TrustScope::kWithPlace);
     const std::string what = "the credentials of " + options.credsFile + " are not used: ";
     if (!text) return base::SentenceError(what + base::ReasonOf(text.GetError(), options.credsFile));
     const auto name = NameInCredentials(*text);
+    if (!name && isNamed) return {};  // of another make: it is taken at its word
     if (!name) return base::SentenceError(what + name.GetError().Text());
-    options.host = *name;
     options.token = *name;
+    if (!isNamed) options.host = *name;
     return {};
 }
 

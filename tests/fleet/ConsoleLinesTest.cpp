@@ -5,6 +5,7 @@
 
 #include "console/ConsoleOptions.h"
 #include "fleet/ConsoleProcess.h"
+#include "support/Files.h"
 
 namespace fleet {
 namespace {
@@ -249,6 +250,21 @@ TEST(ConsoleOptionsTest, NameIsReadOutOfTheCredentials) {
         EXPECT_FALSE(NameInCredentials(head + "e30." + claims + ".c2ln\n").Ok()) << claims;
     }
     EXPECT_FALSE(NameInCredentials("").Ok());
+    // Answers come to the credentials' name, whatever the console is called.
+    const support::TempDir dir;
+    const std::string path = dir / "me.creds";
+    ASSERT_TRUE(support::WriteText(path, head + "e30.eyJuYW1lIjoiZGJfNWYwMSIsIm5hdHMiOnt9fQ.c2ln\n------END"));
+    const auto own = ParseConsoleOptions({"--servers", "a", "--creds", path});
+    ASSERT_TRUE(own.Ok()) << own.GetError().Text();
+    EXPECT_EQ(own->host + " " + own->token, "db_5f01 db_5f01");
+    const auto named = ParseConsoleOptions({"--servers", "a", "--creds", path, "--name", "ann"});
+    ASSERT_TRUE(named.Ok()) << named.GetError().Text();
+    EXPECT_EQ(named->host + " " + named->token, "ann db_5f01");
+    ASSERT_TRUE(support::WriteText(path, "none"));
+    const auto unnamed = ParseConsoleOptions({"--servers", "a", "--creds", path, "--name", "ann"});
+    ASSERT_TRUE(unnamed.Ok()) << unnamed.GetError().Text();
+    EXPECT_EQ(unnamed->host + " " + unnamed->token, "ann ");
+    EXPECT_FALSE(ParseConsoleOptions({"--servers", "a", "--creds", path}).Ok());
     EXPECT_FALSE(NameInCredentials(head).Ok());
 }
 
