@@ -17,4 +17,8 @@ enum class JsonRules {
 /// Errors: kMalformed in the parser's words, on one line.
 base::Result<Json::Value> ParseJson(const std::string& text, JsonRules rules = JsonRules::kLoose);
 
+/// Returns: JSON with the control characters from U+007F to U+009F escaped, which a writer leaves as they are and a
+/// terminal may obey.
+std::string EscapeControls(const std::string& json);
+
 }  // namespace agent

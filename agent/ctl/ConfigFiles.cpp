@@ -289,7 +289,7 @@ base::Result<std::string> ChangeValue(const SettableKey& key, const std::optiona
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "    ";
     builder["emitUTF8"] = true;
-    return Json::writeString(builder, *root) + "\n";
+    return EscapeControls(Json::writeString(builder, *root)) + "\n";
 }
 
 }  // namespace agent

@@ -1,5 +1,6 @@
 // Colours and JSON of the views.
 #include "View.h"
+#include "JsonText.h"
 
 #include <json/writer.h>
 #include <unistd.h>
@@ -57,7 +58,7 @@ std::string ViewText(const Json::Value& view, bool oneLine) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = oneLine ? "" : "  ";
     builder["emitUTF8"] = true;
-    return Json::writeString(builder, view) + "\n";
+    return EscapeControls(Json::writeString(builder, view)) + "\n";
 }
 
 Json::Value JsonList(const std::vector<std::string>& texts) {

@@ -1,11 +1,24 @@
 #include "Printable.h"
 
 #include <gtest/gtest.h>
+#include "JsonText.h"
+#include "ctl/View.h"
 
-using agent::Printable;
+using namespace agent;
 
 TEST(PrintableTest, PlainTextAndLettersOfTheWorldStay) {
     for (const char* text : {"", "cpu 5 %", "Größe", "中文", "😀", "\xEF\xBF\xBD"}) EXPECT_EQ(text, Printable(text));
+}
+
+TEST(PrintableTest, JsonHasNoControlsInItsTexts) {
+    Json::Value view(Json::objectValue);
+    view["a\u0085"] = "x\x7f\u0080\u009b\u009f\u00a0\u00e4\u20ac";
+    const std::string text = ViewText(view, true);
+    EXPECT_EQ(text, "{\"a\\u0085\":\"x\\u007f\\u0080\\u009b\\u009f\u00a0\u00e4\u20ac\"}\n");
+    const base::Result<Json::Value> again = ParseJson(text);
+    ASSERT_TRUE(again.Ok());
+    EXPECT_TRUE(*again == view);
+    EXPECT_EQ(EscapeControls("\x7f\xc2"), "\\u007f\xc2");
 }
 
 TEST(PrintableTest, EscapesWhatWouldMoveTurnOrBreak) {
