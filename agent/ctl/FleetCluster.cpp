@@ -141,8 +141,17 @@ private:
         const std::string oldest = stream.firstTime > 0 && m_roster.Time().now > 0
                                        ? "; the oldest is " + AgeText(m_roster.Time().now - stream.firstTime) + " old"
                                        : "";
-        Add(Severity::kWarning,
-            name + " is " + HumanPercent(fill) + " full: from 100 % on each new message costs the oldest one" + oldest,
+        const std::string what = name + " is " + HumanPercent(fill) + " full: from 100 % on ";
+        if (stream.discard == "new") {
+            return Add(Severity::kWarning, what + "nothing more is stored, and hosts keep their events" + oldest,
+                       "give it more bytes, or have it discard old messages (docs/FLEET.md)");
+        }
+        if (stream.discard != "old") {
+            return Add(Severity::kWarning,
+                       what + "either each new message costs the oldest one or nothing more is stored" + oldest,
+                       "give it more bytes, or see which it discards (docs/FLEET.md)");
+        }
+        Add(Severity::kWarning, what + "each new message costs the oldest one" + oldest,
             "give it more bytes where that is not old enough (docs/FLEET.md)");
     }
 
@@ -249,6 +258,7 @@ Json::Value StreamJson(const FleetCluster& cluster, const FleetStream& stream, d
     object["messages"] = Json::UInt64(stream.messages);
     object["bytes"] = Json::Int64(stream.bytes);
     object["max_bytes"] = Json::Int64(stream.maxBytes);
+    object["discard"] = stream.discard;
     object["fill_100times"] = Json::Int64(FillOf(stream));
     object["oldest_seconds"] =
         Json::Int64(stream.firstTime > 0 && now > 0 ? std::max(0.0, now - stream.firstTime) : -1);
@@ -310,7 +320,10 @@ std::string DescribeStream(const FleetCluster& cluster, const FleetStream& strea
     std::string text = std::to_string(stream.messages) + " messages, " + HumanBytes(stream.bytes) +
                        (fill < 0 ? ", no limit" : ", " + HumanPercent(fill) + " of " + HumanBytes(stream.maxBytes));
     if (stream.firstTime > 0 && now > 0) text += ", oldest " + AgeText(now - stream.firstTime);
-    text += std::string("; copies: ") + NameOf(CopiesOf(cluster, stream));
+    const Copies copies = CopiesOf(cluster, stream);
+    text += std::string("; copies: ") + NameOf(copies);
+    // Of the other nodes nobody has asked the version.
+    if (copies == Copies::kEqual) text += " by the leader\'s word";
     if (!stream.replicas.empty()) {
         text += " (" + std::to_string(stream.replicas.size() + 1) + ", leader " +
                 (stream.leader.empty() ? "none" : stream.leader) + ")";
@@ -330,6 +343,7 @@ FleetStream ReadStream(const std::string& name, const Json::Value& answer) {
     stream.bytes = WholeIn(answer, "bytes");
     stream.maxBytes = WholeIn(answer, "maxBytes");
     stream.firstSequence = CountIn(answer, "firstSequence");
+    stream.discard = TextIn(answer, "discard");
     stream.firstTime = TimeIn(answer, "firstTime");
     stream.lastTime = TimeIn(answer, "lastTime");
     stream.subjects = CountIn(answer, "subjects");

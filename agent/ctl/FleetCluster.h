@@ -32,6 +32,7 @@ struct FleetStream {
     int64_t bytes = 0;
     int64_t maxBytes = 0;        ///< 0 or less: none
     uint64_t firstSequence = 0;  ///< of the oldest message; above 1 there were others before it
+    std::string discard;         ///< which message a full one goes without: "old" or "new"; empty: not said
     double firstTime = 0;        ///< of the oldest message, seconds since the epoch by the broker; 0: it is empty
     double lastTime = 0;
     uint64_t subjects = 0;
@@ -42,7 +43,7 @@ struct FleetStream {
 /// What is known of the copies of a stream.
 enum class Copies {
     kOne,      ///< there is only one
-    kEqual,    ///< all of them are with the leader, on a version whose word counts
+    kEqual,    ///< all of them are with the leader, by its word; the node that was asked has a version that keeps it
     kLagging,  ///< some are behind
     kOffline,  ///< some are away
     kNotKnown  ///< there is no leader, or it cannot be asked

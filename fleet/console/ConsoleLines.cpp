@@ -355,6 +355,7 @@ std::string StreamAnswer(int64_t id, const StreamReport& report) {
     root["messages"] = Json::UInt64(report.messages);
     root["bytes"] = Json::UInt64(report.bytes);
     root["maxBytes"] = Json::Int64(report.maxBytes);
+    root["discard"] = report.discard;
     root["maxMessages"] = Json::Int64(report.maxMessages);
     root["maxAge"] = report.maxAgeSeconds;
     root["firstTime"] = report.firstTime;

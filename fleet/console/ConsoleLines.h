@@ -83,6 +83,7 @@ struct StreamReport {
     uint64_t messages = 0, bytes = 0, firstSequence = 0, lastSequence = 0, subjects = 0;
     double firstTime = 0, lastTime = 0;
     int64_t maxBytes = -1, maxMessages = -1;  ///< -1: no bound
+    std::string discard;                      ///< which message a full one goes without: "old" or "new"
     double maxAgeSeconds = 0;                 ///< 0: no bound
     std::string leader;
     std::vector<StreamReplica> replicas;  ///< the others

@@ -192,6 +192,7 @@ base::Result<StreamReport> ParseStreamReport(const std::string& answer) {
         report.lastTime = ParseTime(Word(state, "last_ts")).value_or(0);
     }
     report.maxBytes = Bound(config, "max_bytes");
+    report.discard = Word(config, "discard");
     report.maxMessages = Bound(config, "max_msgs");
     const int64_t age = Bound(config, "max_age");
     report.maxAgeSeconds = age > 0 ? static_cast<double>(age) / kNsInSecond : 0;

@@ -58,6 +58,7 @@ protected:
         stream["messages"] = 120;
         stream["bytes"] = 5000000;
         stream["maxBytes"] = 100000000;
+        stream["discard"] = "old";
         stream["firstTime"] = 1000000 - 7200;
         stream["lastTime"] = 1000000 - 1;
         stream["subjects"] = 4;

@@ -121,9 +121,12 @@ TEST_F(FleetStatusTest, AWellFleetIsSaidInSixLines) {
               "hosts    2: 2 ok\n"
               "agents   1.4.0 (2)\n"
               "broker   version 2.10.27, cluster fleet\n"
-              "stream   EVENTS: 120 messages, 4.8 MB, 5 % of 95.4 MB, oldest 2 h; copies: equal (3, leader n1)\n"
-              "stream   KV_state: 120 messages, 4.8 MB, no limit, oldest 2 h; copies: equal (3, leader n1)\n"
-              "stream   KV_config: 120 messages, 4.8 MB, 5 % of 95.4 MB, oldest 2 h; copies: equal (3, leader n1)\n"
+              "stream   EVENTS: 120 messages, 4.8 MB, 5 % of 95.4 MB, oldest 2 h; copies: equal by the leader's word "
+              "(3, leader n1)\n"
+              "stream   KV_state: 120 messages, 4.8 MB, no limit, oldest 2 h; copies: equal by the leader's word (3, "
+              "leader n1)\n"
+              "stream   KV_config: 120 messages, 4.8 MB, 5 % of 95.4 MB, oldest 2 h; copies: equal by the leader's "
+              "word (3, leader n1)\n"
               "all is as it should be\n");
 }
 
@@ -196,6 +199,20 @@ TEST_F(FleetStatusTest, EqualCopiesAreClaimedOnlyWhereTheyAreKnown) {
     EXPECT_EQ(CopiesOf(cluster, stream), Copies::kOffline);
     stream.leader = "";
     EXPECT_EQ(CopiesOf(cluster, stream), Copies::kNotKnown);
+}
+
+TEST_F(FleetStatusTest, AFullStreamIsJudgedByWhatItDiscards) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"old", "from 100 % on each new message costs the oldest one"},
+        {"new", "from 100 % on nothing more is stored, and hosts keep their events"},
+        {"", "from 100 % on either each new message costs the oldest one or nothing more is stored"}};
+    AddHost(WellHost("web1"), 0);
+    world["streams"]["EVENTS"]["bytes"] = world["streams"]["EVENTS"]["maxBytes"];
+    for (const auto& [discard, words] : rows) {
+        world["streams"]["EVENTS"]["discard"] = discard;
+        EXPECT_EQ(Run("status"), 1);
+        EXPECT_THAT(out, HasSubstr(words)) << discard;
+    }
 }
 
 TEST_F(FleetStatusTest, TheChildGetsItsWordsAndNothingElse) {

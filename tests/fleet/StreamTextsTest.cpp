@@ -81,7 +81,7 @@ TEST(StreamTextsTest, AnswersOfTheBrokerAreRead) {
 
 TEST(StreamTextsTest, StreamIsReportedWithItsReplicas) {
     const auto report = ParseStreamReport(R"({"created":"2026-01-01T00:00:00Z",
-        "config":{"max_bytes":1000,"max_msgs":-1,"max_age":604800000000000},
+        "config":{"max_bytes":1000,"discard":"new","max_msgs":-1,"max_age":604800000000000},
         "state":{"messages":2,"bytes":300,"first_seq":5,"first_ts":"2023-11-14T22:13:20Z","last_seq":6,
                  "last_ts":"2023-11-14T22:13:21.25Z","num_subjects":2},
         "cluster":{"leader":"n1","replicas":[{"name":"n2","current":true,"lag":0,"active":1},
@@ -91,6 +91,7 @@ TEST(StreamTextsTest, StreamIsReportedWithItsReplicas) {
     EXPECT_EQ(line["messages"].asUInt64(), 2u);
     EXPECT_EQ(line["bytes"].asUInt64(), 300u);
     EXPECT_EQ(line["maxBytes"].asInt64(), 1000);
+    EXPECT_EQ(line["discard"].asString(), "new");
     EXPECT_EQ(line["maxMessages"].asInt64(), -1);
     EXPECT_EQ(line["maxAge"].asDouble(), 604800.0);
     EXPECT_EQ(line["firstTime"].asDouble(), 1700000000.0);
