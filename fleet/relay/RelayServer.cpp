@@ -74,7 +74,7 @@ struct RelayServer::Impl : std::enable_shared_from_this<Impl> {
     void Take(const SessionPtr& session, const Frame& frame);
     /// Whose batch this is. Returns: why it is not delivered now; nothing where it is.
     std::optional<AnswerFrame> Claim(const SessionPtr& session, const std::string& process);
-    AnswerFrame Deliver(const BatchFrame& batch) const;
+    std::shared_ptr<const AnswerFrame> Deliver(const BatchFrame& batch) const;
     void Work(const SessionPtr& session, BatchFrame batch);
     void Answer(const SessionPtr& session, const AnswerFrame& answer);
     void Write(const SessionPtr& session);
@@ -243,23 +243,31 @@ std::optional<AnswerFrame> RelayServer::Impl::Claim(const SessionPtr& session, c
     return Later("an earlier batch of this process is still under way", kBusyPauseMs);
 }
 
-/// Whatever happens there is an answer: without one the process would stay under way for ever.
-AnswerFrame RelayServer::Impl::Deliver(const BatchFrame& batch) const {
+/// Returns: nothing where not even the words for what went wrong could be had.
+std::shared_ptr<const AnswerFrame> RelayServer::Impl::Deliver(const BatchFrame& batch) const {
     try {
-        return service.deliver(batch);
-    } catch (const std::exception& e) {
-        return Later(std::string("a batch could not be brought on: ") + e.what(), kBusyPauseMs);
+        try {
+            return std::make_shared<const AnswerFrame>(service.deliver(batch));
+        } catch (const std::exception& e) {
+            const std::string why = std::string("a batch could not be brought on: ") + e.what();
+            return std::make_shared<const AnswerFrame>(Later(why, kBusyPauseMs));
+        }
+    } catch (...) {
+        return nullptr;
     }
 }
 
 void RelayServer::Impl::Work(const SessionPtr& session, BatchFrame batch) {
     const auto shared = std::make_shared<const BatchFrame>(std::move(batch));
     // While a batch is under way the socket is not looked at: that its peer has gone is seen with the answer.
-    const auto job = [self = shared_from_this(), session, shared]() {
-        const AnswerFrame answer = self->Deliver(*shared);
-        self->loop.Post([self, session, process = shared->process, answer] {
-            self->underWay.erase(process);
-            if (!session->closed) self->Answer(session, answer);
+    // Whatever happens there is an answer: without one the process would stay under way for ever. So the last resort
+    // is made here.
+    const auto failed = std::make_shared<const AnswerFrame>(Later("a batch could not be brought on", kBusyPauseMs));
+    const auto job = [self = shared_from_this(), session, shared, failed]() {
+        const std::shared_ptr<const AnswerFrame> answer = self->Deliver(*shared);
+        self->loop.Post([self, session, shared, given = answer != nullptr ? answer : failed] {
+            self->underWay.erase(shared->process);
+            if (!session->closed) self->Answer(session, *given);
         });
     };
     underWay.insert(shared->process);

@@ -65,6 +65,7 @@ protected:
             m_order.push_back(batch.process);
         }
         if (m_throws.exchange(false)) throw std::bad_alloc();
+        if (m_throwsNothingKnown.exchange(false)) throw 7;
         if (m_holds) m_open.Wait();
         --m_underWay;
         return Stored(batch);
@@ -88,6 +89,7 @@ protected:
 
     support::TempDir m_dir;
     std::atomic<bool> m_throws{false};
+    std::atomic<bool> m_throwsNothingKnown{false};
     std::mutex m_lock;
     std::string m_said;
     std::vector<std::string> m_order;
@@ -108,9 +110,34 @@ TEST_F(RelayServerTest, ABatchThatCannotBeBroughtOnIsAnswered) {
     ASSERT_TRUE(failed);
     EXPECT_EQ(Step::Kind::kPause, failed->step.kind);
     EXPECT_THAT(failed->reason, HasSubstr("could not be brought on"));
+    m_throwsNothingKnown = true;
+    const auto unknown = client.Ask(MakeBatch("tervane", 1, 1));
+    ASSERT_TRUE(unknown);
+    EXPECT_EQ(Step::Kind::kPause, unknown->step.kind);
+    EXPECT_THAT(unknown->reason, HasSubstr("could not be brought on"));
     const auto again = client.Ask(MakeBatch("tervane", 1, 1));
     ASSERT_TRUE(again);
     EXPECT_EQ(Step::Kind::kStored, again->step.kind) << again->reason;
+}
+
+TEST_F(RelayServerTest, ConnectionsAreBoundedAndOneThatEndsMakesRoom) {
+    Start();
+    const size_t most = RelayBounds().mostConnections;
+    EXPECT_EQ(most, 128u);
+    std::vector<std::unique_ptr<RelayClient>> clients;
+    for (size_t i = 0; i < most; ++i) {
+        clients.push_back(std::make_unique<RelayClient>(Path()));
+        ASSERT_TRUE(clients.back()->Ask(MakeBatch("p" + std::to_string(i), 1, 1))) << i;
+    }
+    EXPECT_EQ(Said(), "");
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(RelayClient(Path()).IsCut());
+    EXPECT_EQ(Said(), "a connection is refused: too many are open\n") << "said once";
+    EXPECT_TRUE(clients.front()->Ask(MakeBatch("p0", 2, 2))) << "the others go on";
+    clients.pop_back();
+    EXPECT_TRUE(support::Poll(60, [&] {
+        RelayClient next(Path());
+        return next.Ask(MakeBatch("next", 1, 1)).has_value();
+    }));
 }
 
 TEST_F(RelayServerTest, EachProcessHasTheAnswerToItsBatch) {
