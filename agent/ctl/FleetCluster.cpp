@@ -323,7 +323,7 @@ std::string DescribeStream(const FleetCluster& cluster, const FleetStream& strea
     const Copies copies = CopiesOf(cluster, stream);
     text += std::string("; copies: ") + NameOf(copies);
     // Of the other nodes nobody has asked the version.
-    if (copies == Copies::kEqual) text += " by the leader\'s word";
+    if (copies == Copies::kEqual) text += " by the leader's word";
     if (!stream.replicas.empty()) {
         text += " (" + std::to_string(stream.replicas.size() + 1) + ", leader " +
                 (stream.leader.empty() ? "none" : stream.leader) + ")";
