@@ -13,6 +13,7 @@
 #include "base/Fd.h"
 #include "base/LocalSocket.h"
 #include "base/ProcFiles.h"
+#include "platform/zel/AgentNames.h"
 
 namespace agent {
 
@@ -69,6 +70,14 @@ base::Result<std::string> ReadToEnd(const base::Fd& socket, Clock::time_point en
     return text;
 }
 
+/// What to do where nobody answers. The doctor knows of a crash, of rights and of a wrong directory.
+std::string NobodyAnswers(const std::string& appDir) {
+    const std::string question = " (is the agent running? ";
+    if (appDir != zel::kDefaultAppDir)
+        return question + "\"tervanectl --app-dir " + appDir + " doctor\" says what is in its way)";
+    return question + "\"systemctl start tervane\" starts it, \"tervanectl doctor\" says what is in its way)";
+}
+
 }  // namespace
 
 base::Result<Answer> AskAgent(const std::string& appDir, const std::string& name, const std::string& request,
@@ -81,9 +90,9 @@ base::Result<Answer> AskAgent(const std::string& appDir, const std::string& name
     if (!connection) {
         const base::Error& error = connection.GetError();
         const bool absent = error.kind == base::ErrorKind::kNoServer || error.kind == base::ErrorKind::kNotFound;
-        return absent ? base::Error{base::ErrorKind::kNotFound, error.error, "", "",
-                                    error.Text() + " (is the agent running?)"}
-                      : base::SentenceError(error.Text(), error.kind);
+        return absent
+                   ? base::Error{base::ErrorKind::kNotFound, error.error, "", "", error.Text() + NobodyAnswers(appDir)}
+                   : base::SentenceError(error.Text(), error.kind);
     }
     // A line is less than what a socket takes at once. One that refuses us may have spoken and gone before it.
     const std::string line = request + "\n";

@@ -26,9 +26,12 @@ constexpr size_t kMostStepBytes = 16UL << 20;  // of one file between two looks
 constexpr size_t kMostProcesses = 256;
 
 std::string Unread(const std::string& path, const base::Error& error) {
-    const bool denied = error.kind == base::ErrorKind::kDenied;
-    return path + " cannot be read: " + error.Reason() +
-           (denied ? "; only root, the agent's user and its group may: try again as one of them" : "");
+    const char* remedy = "";
+    if (error.kind == base::ErrorKind::kDenied)
+        remedy = "; only root, the agent's user and its group may: try again as one of them";
+    if (error.kind == base::ErrorKind::kNotFound)
+        remedy = "; it is there once an agent has run: start it, or name another place with --app-dir or --name";
+    return path + " cannot be read: " + error.Reason() + remedy;
 }
 
 /// The event files of a directory's processes. Errors: the directory cannot be read.

@@ -17,6 +17,7 @@
 #include "ControlServer.h"
 #include "support/Files.h"
 #include "AskAgent.h"
+#include "platform/zel/AgentNames.h"
 
 namespace {
 
@@ -158,9 +159,14 @@ TEST_F(AskAgentTest, AStoppedProcessIsNamedWithinThreeSeconds) {
 }
 
 TEST_F(AskAgentTest, SaysWhenNoAgentIsThereOrNoneAnswers) {
-    EXPECT_THAT(agent::AskAgent(appDir, "x", "status").GetError().Text(), EndsWith("(is the agent running?)"));
+    const std::string elsewhere =
+        "(is the agent running? \"tervanectl --app-dir " + appDir + " doctor\" says what is in its way)";
+    EXPECT_THAT(agent::AskAgent(appDir, "x", "status").GetError().Text(), EndsWith(elsewhere));
+    // No process has this name, whether the machine has an agent of its own or not.
+    EXPECT_THAT(agent::AskAgent(zel::kDefaultAppDir, "no-process", "status").GetError().Text(),
+                EndsWith("\"systemctl start tervane\" starts it, \"tervanectl doctor\" says what is in its way)"));
     ASSERT_NO_FATAL_FAILURE(Serve(appDir));
-    EXPECT_THAT(agent::AskAgent(appDir, "y", "status").GetError().Text(), EndsWith("(is the agent running?)"));
+    EXPECT_THAT(agent::AskAgent(appDir, "y", "status").GetError().Text(), EndsWith(elsewhere));
     EXPECT_THAT(agent::AskAgent(appDir, "x", "threads").GetError().Text(),
                 EndsWith("x.ctl: no answer, the process closed it"));
 }

@@ -126,6 +126,15 @@ TEST_F(EventLogTest, ALineOfManyMegabytesIsPassedOver) {
     EXPECT_THAT(ids, ElementsAre("a-3")) << "the end of a long line is no event of its own";
 }
 
+TEST_F(EventLogTest, BeforeTheFirstRunItIsSaidWhatToDo) {
+    EventsOptions options;
+    options.appDir = m_directory / "nowhere";
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(RunEvents(options), 2);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                HasSubstr("nowhere/log cannot be read: No such file or directory; it is there once an agent has run"));
+}
+
 TEST_F(EventLogTest, AnOrdinaryUserIsToldWhatItMayNotRead) {
     if (geteuid() != 0) GTEST_SKIP() << "SKIP agent: not root: cannot become another user";
     Add(File("tervane"), Line("a-1", 1, "T_MSG_THREAD_STALL"));
