@@ -155,8 +155,10 @@ void WordPressure(const Json::Value& body, EventInWords& words) {
                 std::to_string(NumberIn(consumers[i], "pid")) + ")";
         if (!component.empty()) words.about.push_back(component);
     }
-    words.what = "the host waits for " + WordIn(body, "resource") + ": " +
-                 HumanPercent(NumberIn(body, "avg10_100times")) + " of the last 10 s" +
+    // The kernel reports within its window; its average follows two seconds later, and the first is often 0.
+    const int64_t average = NumberIn(body, "avg10_100times");
+    words.what = "the host waits for " + WordIn(body, "resource") +
+                 (average > 0 ? ": " + HumanPercent(average) + " of the last 10 s" : "") +
                  (FlagIn(body, "goes_on") ? ", for an hour already" : "") + list;
 }
 
