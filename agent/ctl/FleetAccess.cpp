@@ -5,6 +5,7 @@
 
 #include "AgentConfig.h"
 #include "AgentPaths.h"
+#include "Printable.h"
 #include "base/FileIo.h"
 #include "base/FilePath.h"
 #include "base/ProcFiles.h"
@@ -44,6 +45,11 @@ base::Result<FleetAccess> FindFleet(const FleetPlace& place) {
     if (!program) return program.GetError();
     FleetAccess access;
     access.program = *program;
+    for (const std::string& server : place.servers) {
+        if (server.compare(0, 7, "nats://") == 0 || server.compare(0, 6, "tls://") == 0) continue;
+        return base::SentenceError("--servers " + Printable(server) +
+                                   " is no address of a broker: tls://HOST:4222 or nats://HOST:4222 is one");
+    }
     access.servers = Joined(place.servers);
     access.credentials = place.credentials;
     access.caFile = place.caFile;

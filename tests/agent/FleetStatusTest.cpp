@@ -256,6 +256,15 @@ TEST_F(FleetStatusTest, AnAddressWithAPasswordIsRefusedUnseen) {
     EXPECT_FALSE(support::Exists(WorldFile() + ".start"));
 }
 
+TEST_F(FleetStatusTest, WhatIsNoAddressIsNamedBeforeAnythingStarts) {
+    for (const char* wrong : {"broker", "http://b:4222", ""}) {
+        options.place.servers = {"nats://a:1", wrong};
+        EXPECT_EQ(Run("hosts"), 2) << wrong;
+        EXPECT_THAT(err, HasSubstr("--servers " + std::string(wrong) + " is no address of a broker: tls://HOST:4222"));
+    }
+    EXPECT_EQ(support::ReadText(WorldFile() + ".start"), "");
+}
+
 TEST_F(FleetStatusTest, AMissingProgramIsNamedWithWhatToInstall) {
     ASSERT_EQ(0, unlink((m_directory / "tervane-relay").c_str()));
     EXPECT_EQ(Run("status"), 2);
