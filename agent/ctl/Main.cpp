@@ -10,6 +10,7 @@
 #include "Explain.h"
 #include "FleetCommands.h"
 #include "HistoryCommands.h"
+#include "Printable.h"
 #include "ShowEvents.h"
 #include "ShowStatus.h"
 #include "Top.h"
@@ -181,6 +182,21 @@ int Run(const CommandLine& line) {
     return agent::RunRequest(asked, line.command);
 }
 
+/// Says what is wrong with the command line. To the parser an unknown command is merely one that is missing.
+int RefuseLine(const CLI::App& app, const CLI::ParseError& error) {
+    std::string problem = error.what();
+    const bool missing = error.get_name() == "RequiredError" && app.remaining_size(true) > 0;
+    const std::string word = missing ? app.remaining(true).front() : "";
+    if (!word.empty() && word[0] != '-') problem = "there is no command \"" + agent::Printable(word) + "\"";
+    std::string help = "tervanectl";
+    for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
+        at = at->get_subcommands()[0];
+        help += " " + at->get_name();
+    }
+    fprintf(stderr, "tervanectl: %s; \"%s --help\" names what there is\n", problem.c_str(), help.c_str());
+    return kUsage;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -192,8 +208,7 @@ int main(int argc, char** argv) {
     } catch (const CLI::Success& done) {
         return app.exit(done);
     } catch (const CLI::ParseError& error) {
-        app.exit(error);
-        return kUsage;
+        return RefuseLine(app, error);
     }
     line.named = app.get_option("--name")->count() > 0;
     line.command = app.get_subcommands().front()->get_name();
