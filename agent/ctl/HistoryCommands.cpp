@@ -107,8 +107,8 @@ int Report(const std::string& appDir, const HistoryOptions& options, int64_t sin
     for (const std::string& problem : facts.day.problems) {
         fprintf(stderr, "tervanectl: note: %s\n", Printable(problem).c_str());
     }
-    printf("%s: %zu recorded minutes, %zu groups, %zu marks\n", options.htmlFile.c_str(), facts.day.rows,
-           facts.day.groups.size(), facts.marks.size());
+    printf("%s: %zu recorded minutes, %zu groups, %zu mark%s\n", options.htmlFile.c_str(), facts.day.rows,
+           facts.day.groups.size(), facts.marks.size(), facts.marks.size() == 1 ? "" : "s");
     return kOk;
 }
 
