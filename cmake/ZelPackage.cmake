@@ -40,7 +40,8 @@ disks.")
 
 set(CPACK_DEBIAN_LIBZELMONITOR-DEV_PACKAGE_NAME libzelmonitor-dev)
 set(CPACK_DEBIAN_LIBZELMONITOR-DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_LIBZELMONITOR-DEV_PACKAGE_DEPENDS "libzelmonitor0 (= ${PROJECT_VERSION}-1)")
+set(CPACK_DEBIAN_LIBZELMONITOR-DEV_PACKAGE_DEPENDS
+  "libzelmonitor0 (= ${PROJECT_VERSION}-1), libjsoncpp-dev")
 set(CPACK_DEBIAN_LIBZELMONITOR-DEV_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_LIBZELMONITOR-DEV_DESCRIPTION "resource monitor for host agents - development files
 Headers, CMake package and pkg-config file of the resource monitor, for
