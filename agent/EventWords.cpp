@@ -103,8 +103,8 @@ void WordUncleanStop(const Json::Value& body, EventInWords& words) {
     words.about = {WordIn(body, "process")};
     std::string cause = WordIn(body, "cause");
     for (char& c : cause) c = c == '_' ? ' ' : c;
-    words.what = "the run of process " + std::to_string(NumberIn(body, "pid")) +
-                 " did not end in order: " + (FlagIn(body, "certain") ? "" : "presumably ") + cause;
+    words.what = "the run of process " + std::to_string(NumberIn(body, "pid")) + " did not end in order: " +
+                 (cause == "unknown" ? "why is not known" : (FlagIn(body, "certain") ? "" : "presumably ") + cause);
 }
 
 /// What was changed, as an operator calls it.
