@@ -68,7 +68,10 @@ bool HasWord(const std::string& text, const char* word) {
 
 /// What to do about a broker's words; empty where they say it.
 std::string RemedyOf(const std::string& error) {
-    if (HasWord(error, "ermission") || HasWord(error, "uthorization")) {
+    if (HasWord(error, "(chown)")) return "";
+    if (HasWord(error, "the authorities of ")) return "; name the file of the fleet's authorities with --ca";
+    const bool unusable = HasWord(error, "the credentials of ");
+    if (unusable || HasWord(error, "ermission") || HasWord(error, "uthorization")) {
         return "; name the credentials of a console with --creds (fleet-enrol user DIR NAME --role console), to change "
                "the configuration an administrator's (--role admin)";
     }

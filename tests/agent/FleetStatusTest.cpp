@@ -289,6 +289,21 @@ TEST_F(FleetStatusTest, AProgramThatOthersMayWriteIsNotRun) {
     EXPECT_FALSE(support::Exists(WorldFile() + ".start"));
 }
 
+TEST_F(FleetStatusTest, AFileThatCannotBeUsedIsSaidWithItsRemedy) {
+    const std::string credentials = "the credentials of /c/me.creds are not used: ";
+    const std::pair<std::string, std::string> rows[] = {
+        {credentials + "No such file or directory", "; name the credentials of a console with --creds (fleet-enrol"},
+        {credentials + "it holds no token of a user", "; name the credentials of a console with --creds (fleet-enrol"},
+        {credentials + "owned by user 7; root must own it (chown)", "\n"},
+        {"the authorities of /c/ca.pem are not used: No such file or directory",
+         "; name the file of the fleet's authorities with --ca\n"}};
+    for (const auto& [complaint, remedy] : rows) {
+        world["complaint"] = complaint;
+        EXPECT_EQ(Run("status"), 2) << complaint;
+        EXPECT_THAT(err, HasSubstr("tervanectl: the fleet is not reached: " + complaint + remedy));
+    }
+}
+
 TEST_F(FleetStatusTest, ABrokerThatIsAwayIsSaidInASentence) {
     world["complaint"] = "no broker answers at nats://broker:4222: connection refused\x1b[2J";
     EXPECT_EQ(Run("status"), 2);
