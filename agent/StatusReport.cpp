@@ -49,7 +49,7 @@ std::string DescribeUndelegated(const std::string& service) {
 
 std::string AdviseOnMissing(const StatusReport& report, const zel::CgroupControllerStatus& controller, int modeBit) {
     if (controller.limited || controller.version == 0 || !controller.advice.empty()) return controller.advice;
-    if ((report.mode & report.observed & modeBit) != 0) return "it is observed only, by " + report.observation;
+    if ((report.mode & report.observed & modeBit) != 0) return "observed only: " + report.observation;
     if ((report.mode & modeBit) == 0) {
         return "switch the limit on: resource_limit_mode 1 for CPU, 4 for memory, 13 for one limit per component";
     }

@@ -114,7 +114,7 @@ void AddOwnUse(Lines& lines, const StatusReport& report) {
 }
 
 std::string NoLimit(const char* name, const zel::CgroupControllerStatus& controller, bool observed) {
-    if (observed) return std::string(name) + " observed only, no limit is set: " + controller.advice;
+    if (observed) return std::string(name) + " no limit is set, " + controller.advice;
     return std::string(name) + " no limit in force: " + controller.reason +
            (controller.advice.empty() ? "" : "; " + controller.advice);
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Printable.h"
+#include "platform/zel/AgentNames.h"
 
 using namespace agent;
 
@@ -184,6 +185,23 @@ TEST(StatusTextTest, WithoutATreeTheOwnLimitIsSaid) {
     EXPECT_EQ("", Rows(lines));
     EXPECT_NE(nullptr, Find(lines, "cpu     limit 15.00 % in /cpu/legacy; throttled 0 of 0 periods, 0.0 s"));
     EXPECT_NE(nullptr, Find(lines, "memory  no limit in force: no controller; mount it"));
+}
+
+TEST(StatusTextTest, AnObservedLimitIsSaidOnceWithItsOrder) {
+    StatusReport report = Report();
+    report.mode = report.observed = zel::kModeCpu | zel::kModeMemory;
+    report.observation = "CPU and memory (by --observe)";
+    const auto observe = [&](zel::CgroupControllerStatus& controller, int modeBit) {
+        controller.limited = false;
+        controller.version = 1;
+        controller.advice.clear();
+        controller.advice = AdviseOnMissing(report, controller, modeBit);
+    };
+    observe(report.cgroup.cpu, zel::kModeCpu);
+    observe(report.cgroup.mem, zel::kModeMemory);
+    const auto lines = MakePicture(report, {}, {});
+    EXPECT_NE(nullptr, Find(lines, "cpu     no limit is set, observed only: CPU and memory (by --observe)"));
+    EXPECT_NE(nullptr, Find(lines, "memory  no limit is set, observed only: CPU and memory (by --observe)"));
 }
 
 TEST(StatusTextTest, ComponentsAreNamedWhenTheyAreInTrouble) {
