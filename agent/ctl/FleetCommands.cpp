@@ -13,7 +13,6 @@
 #include "FleetLink.h"
 #include "FleetReading.h"
 #include "FleetReport.h"
-#include "FleetRollout.h"
 #include "FleetRoster.h"
 #include "ShowEvents.h"
 #include "View.h"
@@ -144,11 +143,6 @@ int RunFleet(const FleetOptions& options) {
     }
     const base::Result<FleetAccess> access = FindFleet(options.place);
     if (!access) return FleetFail(kUnreachable, access.GetError().Text());
-    if (isConfig && options.config.IsStaged(action)) {
-        FleetConfigOptions config = options.config;
-        config.json = options.json;
-        return RunRollout(*access, config);
-    }
     const base::Result<std::unique_ptr<FleetLink>> link = FleetLink::Open(*access);
     if (!link) return FleetFail(kUnreachable, link.GetError().Text());
     if (options.command == "hosts") return ShowHosts(**link, options);

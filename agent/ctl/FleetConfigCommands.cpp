@@ -7,11 +7,9 @@
 #include <utility>
 
 #include "CtlExit.h"
-#include "FleetLevelRequests.h"
 #include "FleetLevels.h"
 #include "FleetLink.h"
 #include "FleetReading.h"
-#include "FleetRollout.h"
 #include "HumanText.h"
 #include "Printable.h"
 #include "View.h"
@@ -22,9 +20,47 @@ namespace agent {
 
 namespace {
 
+constexpr char kBucket[] = "config";
+
 std::string LevelName(const FleetConfigOptions& options) {
     if (!options.host.empty()) return "host." + fleet::EscapeName(options.host);
     return options.group.empty() ? "all" : "group." + fleet::EscapeName(options.group);
+}
+
+Json::Value RequestFor(const char* op, const std::string& level) {
+    Json::Value request(Json::objectValue);
+    request["op"] = op;
+    request["bucket"] = kBucket;
+    if (!level.empty()) request["key"] = level;
+    return request;
+}
+
+base::Error NotRead(const std::string& level, const std::string& why) {
+    return base::SentenceError("the level " + level + " cannot be read: " + why);
+}
+
+/// As the broker has it now. Errors: a sentence; kNoServer: there was no answer.
+base::Result<LevelEntry> ReadLevel(FleetLink& link, const std::string& level) {
+    const base::Result<FleetAnswer> answer = link.Ask(RequestFor("get", level));
+    if (!answer) return answer.GetError();
+    if (!answer->ok) return NotRead(level, answer->error);
+    const bool isFound = answer->body["found"].isBool() && answer->body["found"].asBool();
+    LevelEntry entry = isFound ? TakeLevel(level, answer->body) : TakeLevel(level, Json::Value());
+    entry.level = level;
+    if (entry.isCut) return NotRead(level, "it is too long");
+    return entry;
+}
+
+/// All levels, or the states of one that the broker still has. Errors: as above.
+base::Result<std::vector<LevelEntry>> ReadLevels(FleetLink& link, const char* op, const std::string& level) {
+    std::vector<LevelEntry> levels;
+    const base::Result<FleetAnswer> answer = link.Ask(RequestFor(op, level), [&](const Json::Value& item) {
+        levels.push_back(TakeLevel(level, item));
+        return true;
+    });
+    if (!answer) return answer.GetError();
+    if (!answer->ok) return NotRead(level.empty() ? "of each kind" : level, answer->error);
+    return levels;
 }
 
 int FailReading(const base::Error& error) {
@@ -277,7 +313,7 @@ int SettleUnknown(FleetLink& link, const FleetConfigOptions& options, Edit& edit
 }
 
 int Put(FleetLink& link, const FleetConfigOptions& options, Edit& edit) {
-    Json::Value request = LevelRequest("put", edit.before.level);
+    Json::Value request = RequestFor("put", edit.before.level);
     if (edit.after) request["value"] = *edit.after;
     request["expected"] = Json::UInt64(edit.before.revision);
     const base::Result<FleetAnswer> answer = link.Ask(std::move(request));
@@ -366,11 +402,6 @@ void AddLevel(CLI::App& command, FleetConfigOptions& options) {
     command.add_option("--group", options.group, "of this group of hosts")->type_name("GROUP")->excludes(host);
 }
 
-void AddStages(CLI::App& command, FleetConfigOptions& options) {
-    command.add_option("--canary", options.canary, "share of the hosts that try it first; 5%")->type_name("SHARE");
-    command.add_option("--wait", options.wait, "how long those have to stay well with it; 10m")->type_name("TIME");
-}
-
 }  // namespace
 
 void DeclareFleetConfig(CLI::App& fleet, FleetConfigOptions& options) {
@@ -382,12 +413,6 @@ void DeclareFleetConfig(CLI::App& fleet, FleetConfigOptions& options) {
     CLI::App* set = config->add_subcommand("set", "give keys a value, for all hosts, a group or one host");
     set->add_option("FLEET-KEY=VALUE", options.words, "what to set")->required()->type_name("FLEET-KEY=VALUE");
     AddLevel(*set, options);
-    AddStages(*set, options);
-    CLI::App* rollout =
-        config->add_subcommand("rollout", "set keys on a few hosts first, and for all once those have stayed well");
-    rollout->add_option("FLEET-KEY=VALUE", options.words, "what to set")->required()->type_name("FLEET-KEY=VALUE");
-    rollout->add_option("--group", options.group, "of this group of hosts; all otherwise")->type_name("GROUP");
-    AddStages(*rollout, options);
     CLI::App* unset = config->add_subcommand("unset", "take keys away");
     unset->add_option("FLEET-KEY", options.words, "what to take away")->required()->type_name("FLEET-KEY");
     AddLevel(*unset, options);
@@ -400,13 +425,6 @@ void DeclareFleetConfig(CLI::App& fleet, FleetConfigOptions& options) {
 }
 
 int JudgeFleetConfig(const std::string& action, const FleetConfigOptions& options) {
-    if (options.IsStaged(action)) {
-        if (!options.host.empty()) return FleetFail(kUsage, "a single host needs no --canary and no --wait");
-        const base::Result<RolloutPlan> plan = ReadRolloutPlan(options);
-        if (plan) return kOk;
-        const bool isUsage = plan.GetError().kind == base::ErrorKind::kInvalidValue;
-        return FleetFail(isUsage ? kUsage : kRefused, plan.GetError().Text());
-    }
     if (action != "set" && action != "unset") return kOk;
     const base::Result<std::vector<KeyChange>> changes = ReadChanges(options.words, action == "set");
     if (!changes) {

@@ -1,9 +1,9 @@
 // `tervanectl fleet config ...`: the levels of a fleet's configuration are shown, changed and brought back.
 #pragma once
 
+#include <cstdint>
 #include <string>
-
-#include "FleetConfigOptions.h"
+#include <vector>
 
 namespace CLI {
 class App;
@@ -12,6 +12,14 @@ class App;
 namespace agent {
 
 class FleetLink;
+
+struct FleetConfigOptions {
+    std::string host, group;         ///< whose level; both empty: that of all
+    bool allLevels = false;          ///< show: those of hosts, and those that were taken away, too
+    std::vector<std::string> words;  ///< set: KEY=VALUE; unset: KEY
+    uint64_t to = 0;                 ///< undo: the revision to bring back; 0: the one before the last change
+    bool json = false;
+};
 
 /// Adds the commands below "fleet".
 void DeclareFleetConfig(CLI::App& fleet, FleetConfigOptions& options);

@@ -84,16 +84,17 @@ RemoteLevel Rollout::LevelOf(const std::string& name) const {
 }
 
 void Rollout::Choose(const FleetHosts& hosts) {
+    size_t all = 0;
     std::vector<std::pair<uint64_t, std::string>> well;
     for (const auto& [name, host] : hosts) {
         if (!IsOfTarget(m_plan.target, host.state)) continue;
-        ++m_hostCount;
+        ++all;
         const bool takes = PresenceOf(host.state, host.silentSeconds) == Presence::kOk && !host.state.config.pinned &&
                            ChangeLevel(LevelOf(kHostLevel + name).text, m_plan.change);
         if (takes) well.emplace_back(LotOf(m_plan.target, name), name);
     }
     std::sort(well.begin(), well.end());
-    const size_t share = (m_hostCount * static_cast<size_t>(std::clamp(m_plan.percent, 1, 100)) + 99) / 100;
+    const size_t share = (all * static_cast<size_t>(std::clamp(m_plan.percent, 1, 100)) + 99) / 100;
     if (well.size() > share) well.resize(share);
     for (const auto& [lot, name] : well) {
         m_canaries.push_back(name);
@@ -238,14 +239,6 @@ void Rollout::NoteRestart(Canary& canary, const HostState& now) const {
         canary.drifts = 0;
     }
     canary.last = now;
-}
-
-size_t Rollout::CountApplied(const FleetHosts& hosts) const {
-    return static_cast<size_t>(std::count_if(m_of.begin(), m_of.end(), [&hosts](const auto& each) {
-        const auto host = hosts.find(each.first);
-        return host != hosts.end() && each.second.revision != 0 &&
-               host->second.state.config.applied >= each.second.revision;
-    }));
 }
 
 void Rollout::Look(const FleetHosts& hosts, int64_t now) {

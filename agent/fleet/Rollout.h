@@ -68,12 +68,6 @@ public:
     const std::vector<std::string>& Left() const { return m_left; }
     const std::vector<std::string>& Canaries() const { return m_canaries; }
 
-    /// Of how many hosts they are chosen.
-    size_t HostCount() const { return m_hostCount; }
-    /// How many of them report the change.
-    size_t CountApplied(const FleetHosts& hosts) const;
-    /// Since when all of them do; none: not yet.
-    std::optional<int64_t> AppliedAt() const { return m_appliedAt; }
 
     /// What is to be put next, one at a time; none: wait for Look. It is under way until OnPut or OnRead.
     std::optional<RolloutPut> Next();
@@ -112,7 +106,6 @@ private:
 
     const RolloutPlan m_plan;
     std::map<std::string, RemoteLevel> m_levels;
-    size_t m_hostCount = 0;
     std::vector<std::string> m_canaries;
     std::map<std::string, Canary> m_of;
     RolloutPhase m_phase = RolloutPhase::kCanaries;

@@ -130,7 +130,6 @@ TEST_F(RolloutTest, AGroupIsFoundByItsEscapedName) {
     for (auto& [name, host] : m_hosts) host.state.groups = {"web.eu"};
     m_plan.target = "group.web_2eeu";
     EXPECT_THAT(Begin().Canaries(), SizeIs(2));
-    EXPECT_EQ(Begin().HostCount(), 40U);
     m_plan.target = "group.web.eu";
     EXPECT_THAT(Begin().Canaries(), IsEmpty());
 }
