@@ -13,6 +13,7 @@
 #include "FleetLink.h"
 #include "FleetReading.h"
 #include "FleetReport.h"
+#include "FleetRollout.h"
 #include "FleetRoster.h"
 #include "ShowEvents.h"
 #include "View.h"
@@ -22,6 +23,20 @@ namespace agent {
 namespace {
 
 constexpr std::string_view kConfigWords = "config ";
+
+bool IsRollout(const std::string& action, const FleetConfigOptions& config) {
+    return action == "rollout" || (action == "set" && (!config.canary.empty() || !config.wait.empty()));
+}
+
+RolloutOptions RolloutOf(const FleetOptions& options) {
+    RolloutOptions rollout;
+    rollout.words = options.config.words;
+    rollout.group = options.config.group;
+    if (!options.config.canary.empty()) rollout.canary = options.config.canary;
+    if (!options.config.wait.empty()) rollout.wait = options.config.wait;
+    rollout.json = options.json;
+    return rollout;
+}
 
 int ShowStatus(FleetLink& link, const FleetOptions& options) {
     const base::Result<FleetRoster> roster = ReadRoster(link);
@@ -141,6 +156,7 @@ int RunFleet(const FleetOptions& options) {
     if (options.command == "report" && options.report.htmlFile.empty() && !options.json) {
         return FleetFail(kUsage, "fleet report needs --html FILE for a page, or --json");
     }
+    if (IsRollout(action, options.config)) return RunRollout(options.place, RolloutOf(options));
     const base::Result<FleetAccess> access = FindFleet(options.place);
     if (!access) return FleetFail(kUnreachable, access.GetError().Text());
     const base::Result<std::unique_ptr<FleetLink>> link = FleetLink::Open(*access);

@@ -10,6 +10,7 @@
 #include "FleetLevels.h"
 #include "FleetLink.h"
 #include "FleetReading.h"
+#include "FleetRollout.h"
 #include "HumanText.h"
 #include "Printable.h"
 #include "View.h"
@@ -397,9 +398,32 @@ int ShowHistory(FleetLink& link, const FleetConfigOptions& options) {
     return kOk;
 }
 
-void AddLevel(CLI::App& command, FleetConfigOptions& options) {
+CLI::Option* AddGroup(CLI::App& command, FleetConfigOptions& options) {
+    return command.add_option("--group", options.group, "of this group of hosts")->type_name("GROUP");
+}
+
+CLI::Option* AddLevel(CLI::App& command, FleetConfigOptions& options) {
     CLI::Option* host = command.add_option("--host", options.host, "of this host")->type_name("HOST");
-    command.add_option("--group", options.group, "of this group of hosts")->type_name("GROUP")->excludes(host);
+    AddGroup(command, options)->excludes(host);
+    return host;
+}
+
+/// What makes a change one in two steps.
+void AddRollout(CLI::App& command, FleetConfigOptions& options, CLI::Option* host) {
+    const auto share = [](std::string& text) {
+        return ParseCanaryPercent(text) > 0 ? std::string() : text + " is no share of hosts: 1% to 100%";
+    };
+    const auto time = [](std::string& text) {
+        return ParseRolloutWait(text) > 0 ? std::string()
+                                          : text + " is no time up to a week: a number with s, m, h or d";
+    };
+    CLI::Option* canary = command.add_option("--canary", options.canary, "share of the hosts that get it first; 5%")
+                              ->check(CLI::Validator(share, "PERCENT"));
+    CLI::Option* wait = command.add_option("--wait", options.wait, "how long they have to stay well; 10m")
+                            ->check(CLI::Validator(time, "TIME"));
+    if (host == nullptr) return;
+    canary->excludes(host);
+    wait->excludes(host);
 }
 
 }  // namespace
@@ -412,7 +436,11 @@ void DeclareFleetConfig(CLI::App& fleet, FleetConfigOptions& options) {
     show->add_flag("--all-levels", options.allLevels, "those of single hosts, and those that were taken away, too");
     CLI::App* set = config->add_subcommand("set", "give keys a value, for all hosts, a group or one host");
     set->add_option("FLEET-KEY=VALUE", options.words, "what to set")->required()->type_name("FLEET-KEY=VALUE");
-    AddLevel(*set, options);
+    AddRollout(*set, options, AddLevel(*set, options));
+    CLI::App* rollout = config->add_subcommand("rollout", "the same for a few hosts, and for all if those stay well");
+    rollout->add_option("FLEET-KEY=VALUE", options.words, "what to set")->required()->type_name("FLEET-KEY=VALUE");
+    AddGroup(*rollout, options);
+    AddRollout(*rollout, options, nullptr);
     CLI::App* unset = config->add_subcommand("unset", "take keys away");
     unset->add_option("FLEET-KEY", options.words, "what to take away")->required()->type_name("FLEET-KEY");
     AddLevel(*unset, options);

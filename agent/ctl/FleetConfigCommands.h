@@ -17,6 +17,7 @@ struct FleetConfigOptions {
     std::string host, group;         ///< whose level; both empty: that of all
     bool allLevels = false;          ///< show: those of hosts, and those that were taken away, too
     std::vector<std::string> words;  ///< set: KEY=VALUE; unset: KEY
+    std::string canary, wait;        ///< set, rollout: as in RolloutOptions; of a plain set both are empty
     uint64_t to = 0;                 ///< undo: the revision to bring back; 0: the one before the last change
     bool json = false;
 };

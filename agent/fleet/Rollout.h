@@ -14,7 +14,7 @@
 namespace agent {
 
 struct RolloutPlan {
-    std::string target;          ///< level that is changed: "all" or "group.web", the group's name escaped
+    std::string target;          ///< level that is changed: "all" or "group.web", written as in keys
     std::string change;          ///< a JSON object with the values to set; no null, which a few hosts cannot try
     int percent = 5;             ///< of the hosts of the target that get it first; one at least
     int64_t waitSeconds = 600;   ///< for which they have to stay well with it

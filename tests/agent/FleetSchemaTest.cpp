@@ -47,6 +47,17 @@ protected:
         See("report");
         world["events"].clear();
     }
+    /// Each line of what a rollout prints.
+    void SeeRollout() {
+        Run("config rollout");
+        std::istringstream in(out);
+        for (std::string line; std::getline(in, line);) {
+            const Json::Value view = Parsed(line);
+            const std::string schema = view["schema"].asString();
+            ASSERT_EQ(m_schemas.count(schema), 1u) << out << err;
+            support::WalkSchema("", view, m_schemas.at(schema), m_seen[schema]);
+        }
+    }
 
     const support::Schemas m_schemas = support::ReadSchemas(ZEL_CONSOLE_DOCUMENT);
     std::map<std::string, std::map<std::string, std::string>> m_seen;
@@ -78,6 +89,14 @@ TEST_F(FleetSchemaTest, EachFleetViewHoldsItsDocument) {
     See("config set");
     options.config.host = "web1";
     See("config show");
+    // One that goes back with something left, so that each list has a member.
+    options.config.host.clear();
+    options.config.wait = "1s";
+    AddHost(WellHost("web2"), 1);
+    world["when_told"]["web2"]["runs"] = false;
+    world["faults"]["put"] = Parsed(R"(["none", {"error": "somebody else was faster", "outcome": "conflict"}])");
+    SeeRollout();
+    world.removeMember("faults");
     options.event = "ab12-1";
     See("explain");
     options.events.follow = true;
