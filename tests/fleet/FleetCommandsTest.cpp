@@ -3,10 +3,15 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "broker/KeyValue.h"
 #include "fleet/EnrolledBroker.h"
@@ -236,6 +241,79 @@ TEST_F(FleetCommandsTest, OnlyAnAdministratorChangesTheConfiguration) {
     EXPECT_EQ(code, 11);
     Run("config set", "chief");
     EXPECT_EQ(code, 11);
+}
+
+/// A host that takes what its own level and its group's give it, and says `afterwards` of itself with each change.
+class ObedientHost {
+public:
+    ObedientHost(NatsBroker& host, NatsBroker& reader, std::string afterwards)
+        : m_host(host), m_reader(reader), m_afterwards(std::move(afterwards)) {
+        m_told = Given();
+        Say(m_told, "");
+        m_thread = std::thread([this] { Obey(); });
+    }
+    ~ObedientHost() {
+        m_ends = true;
+        m_thread.join();
+    }
+    ObedientHost(const ObedientHost&) = delete;
+    ObedientHost& operator=(const ObedientHost&) = delete;
+
+private:
+    void Say(uint64_t applied, const std::string& more) {
+        const std::string number = std::to_string(applied);
+        PutKey(m_host, kStateBucket, EscapeName(kHost),
+               R"({"version":1,"host":"db_01","groups":["db.eu"],"agent":"1.4.0","runs":true,"uptime":900,)"
+               R"("config":{"seen":)" +
+                   number + R"(,"applied":)" + number + "}" + more + "}");
+    }
+    uint64_t Given() const {
+        uint64_t given = 0;
+        for (const std::string& key : {std::string("host.") + EscapeName(kHost), std::string("group.db_2eeu")}) {
+            const KvRead read = GetKey(m_reader, kConfigBucket, key);
+            if (read.entry) given = std::max(given, read.entry->revision);
+        }
+        return given;
+    }
+    void Obey() {
+        while (!m_ends) {
+            const uint64_t given = Given();
+            if (given > m_told) Say(m_told = given, m_afterwards);
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    }
+
+    NatsBroker& m_host;
+    NatsBroker& m_reader;
+    const std::string m_afterwards;
+    uint64_t m_told = 0;
+    std::atomic<bool> m_ends{false};
+    std::thread m_thread;
+};
+
+TEST_F(FleetCommandsTest, ARolloutEndsWithAllOrComesBack) {
+    auto reader = NatsBroker::Open(m_fleet->AdminOptions());
+    ASSERT_TRUE(reader) << reader.GetError().Text();
+    ASSERT_TRUE(support::Eventually([&] { return (*reader)->IsConnected(); })) << m_fleet->Log();
+    const std::string own = "host." + EscapeName(kHost);
+    {
+        const ObedientHost host(*m_host, **reader, "");
+        EXPECT_THAT(Run("config rollout maxCpu=20 --group db.eu --wait 2s", "chief"),
+                    AllOf(HasSubstr("first 1 of 1 host: db_01\n"), HasSubstr("reported by 1 of 1\n"),
+                          HasSubstr("\ndone: group.db.eu has revision ")));
+        EXPECT_EQ(code, 0);
+        EXPECT_EQ(GetKey(**reader, kConfigBucket, "group.db_2eeu").entry->value, R"({"maxCpu":20})");
+        EXPECT_TRUE(GetKey(**reader, kConfigBucket, own).entry->deleted);
+        EXPECT_THAT(Run("config rollout maxCpu=30 --group db.eu --wait 2s", "ann"), HasSubstr("not done: "));
+        EXPECT_EQ(code, 1);
+    }
+    const ObedientHost host(*m_host, **reader, R"(,"kill":{"time":9,"event":"ab12-3","component":"QorHips"})");
+    EXPECT_THAT(Run("config set maxCpu=40 --group db.eu --wait 1h", "chief"),
+                AllOf(HasSubstr("had a kill: QorHips\n"), HasSubstr("host.db_01 has what it had\n"),
+                      HasSubstr("; nothing of it is left\n")));
+    EXPECT_EQ(code, 1);
+    EXPECT_EQ(GetKey(**reader, kConfigBucket, "group.db_2eeu").entry->value, R"({"maxCpu":20})");
+    EXPECT_TRUE(GetKey(**reader, kConfigBucket, own).entry->deleted);
 }
 
 }  // namespace
