@@ -1,10 +1,15 @@
 // A rollout from the console, by a broker and a clock that are scripted: each ending, what is put, and what is named.
 #include "FleetRollout.h"
 
+#include <signal.h>
+#include <unistd.h>
+
 #include <functional>
 #include <map>
+#include <thread>
 
 #include "FleetFixture.h"
+#include "support/Waiting.h"
 
 using namespace agent;
 using testing::AllOf;
@@ -191,6 +196,22 @@ TEST_F(FleetRolloutTest, APutWithoutAnAnswerIsReadBack) {
     }
 }
 
+TEST_F(FleetRolloutTest, WhatGoesBackWithoutAnAnswerIsReadToo) {
+    const World fresh = m_world;
+    for (const bool isStored : {true, false}) {
+        m_world = fresh;
+        m_world.isSilentStored = isStored;
+        AtThirdLook([this] {
+            m_world.signals = 1;
+            m_world.silent = "host.web2";
+        });
+        EXPECT_EQ(Drive(), 1);
+        EXPECT_TRUE(HostsAreClean());
+        EXPECT_THAT(m_world.said,
+                    AllOf(HasSubstr("host.web2 has what it had\n"), HasSubstr("; nothing of it is left\n")));
+    }
+}
+
 TEST_F(FleetRolloutTest, ARefusedPutGoesBack) {
     m_world.refused = "group.web_2eeu";
     EXPECT_EQ(Drive(), 1);
@@ -252,6 +273,41 @@ TEST_F(FleetRolloutTest, EndedTwiceNamesWhatIsLeft) {
         m_world.said,
         AllOf(HasSubstr("left: host.web2 keeps the value it was tried with: somebody has ended it a second time"),
               HasSubstr("    tervanectl fleet config unset maxCpu --host web.1\n")));
+}
+
+/// At a program that answers as a broker, by requests over its pipes and real signals.
+class FleetRolloutRunTest : public fleettest::FleetFixture {};
+
+TEST_F(FleetRolloutRunTest, ASignalBringsAllBack) {
+    AddHost(WellHost("web1"), 1);
+    options.config.words = {"maxCpu=20"};
+    options.config.wait = "1h";
+    WriteWorld();
+    bool isPut = false;
+    std::thread killer([&] {
+        isPut = support::Eventually(
+            [this] { return support::ReadText(WorldFile()).find("host.web1") != std::string::npos; });
+        kill(getpid(), isPut ? SIGTERM : SIGKILL);  // it waits for an hour otherwise
+    });
+    EXPECT_EQ(Run("config rollout"), 1) << err;
+    killer.join();
+    const Json::Value config = WorldNow()["config"];
+    ASSERT_EQ(config.size(), 2u) << out;
+    EXPECT_EQ(config[0]["value"], R"({"maxCpu":20})");
+    EXPECT_TRUE(config[1]["deleted"].asBool());
+    EXPECT_THAT(out, HasSubstr("going back: somebody has ended it\nhost.web1 has what it had\n"));
+}
+
+TEST_F(FleetRolloutRunTest, AProgramThatEndsIsStartedAnew) {
+    AddHost(WellHost("web1"), 1);
+    options.config.words = {"maxCpu=20"};
+    options.config.wait = "1s";
+    world["faults"]["put"] = Parsed(R"(["none", "die", "none", "none"])");
+    EXPECT_EQ(Run("config rollout"), 0) << out << err;
+    const Json::Value config = WorldNow()["config"];
+    ASSERT_EQ(config.size(), 3u) << out;
+    EXPECT_EQ(config[1]["key"], "all");
+    EXPECT_THAT(out, HasSubstr("tried again for 5 min at most: the fleet is not reached: the connection is lost"));
 }
 
 TEST_F(FleetRolloutTest, WhatIsSoAlreadyIsNotTried) {
