@@ -273,6 +273,26 @@ TEST_F(DatabaseTest, AStatementSaysWhatFailedAndGoesOn) {
     EXPECT_THAT(texts, ElementsAre("", "", std::string("a\0b", 3)));
 }
 
+TEST_F(DatabaseTest, AStatementKeepsTheCodeOfItsLastFailure) {
+    Database database;
+    ASSERT_TRUE(database.Open(m_path, Logged()));
+    Statement insert(database, "INSERT INTO x VALUES(?1, ?2);");
+    EXPECT_TRUE(insert.Bind(1, 1) && insert.Bind(2, "text") && insert.BindBlob(2, "bytes"));
+    EXPECT_EQ(0, insert.Code()) << "nothing failed";
+    EXPECT_FALSE(insert.Bind(3, 1));
+    EXPECT_EQ(SQLITE_RANGE, insert.Code());
+    EXPECT_TRUE(insert.Done());
+    EXPECT_EQ(SQLITE_RANGE, insert.Code());
+    EXPECT_FALSE(insert.Bind(1, 2)) << "it has not been reset";
+    EXPECT_EQ(SQLITE_MISUSE, insert.Code());
+    insert.Reset();
+    EXPECT_TRUE(insert.Bind(1, 2));
+    EXPECT_EQ(SQLITE_MISUSE, insert.Code()) << "what goes well does not take it away";
+    EXPECT_FALSE(insert.Bind(0, "text"));
+    EXPECT_FALSE(insert.BindBlob(3, "bytes"));
+    EXPECT_EQ(SQLITE_RANGE, insert.Code());
+}
+
 TEST_F(DatabaseTest, WhatDoesNotCompileFailsAtEveryOperation) {
     Database database;
     ASSERT_TRUE(database.Open(m_path, Logged()));

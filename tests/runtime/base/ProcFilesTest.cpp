@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -474,6 +475,43 @@ TEST(DescriptorCounterTest, AnOlderKernelsEntriesAreCounted) {
         EXPECT_EQ(static_cast<int64_t>(before) + 1, all) << "those before without the listing's own, and the two";
     }
     EXPECT_EQ(before, support::OpenDescriptors());
+}
+
+TEST(DescriptorCounterTest, WhatTheKernelRefusesIsNoNumber) {
+    DescriptorCounter counter;
+    ASSERT_TRUE(counter.Open());
+    const int64_t before = counter.Count();
+    {
+        const faults::Failing failing(faults::Call::kFstat, EIO);
+        EXPECT_EQ(-1, counter.Count());
+    }
+    EXPECT_EQ(before, counter.Count()) << "the next time as ever";
+    {
+        const faults::Failing failing(faults::Call::kFstat, EIO);
+        ASSERT_TRUE(counter.Open()) << "then they are counted one by one";
+    }
+    EXPECT_EQ(before, counter.Count());
+    {
+        const faults::Failing failing(faults::Call::kOpenat, EMFILE);
+        EXPECT_FALSE(counter.Open());
+    }
+    EXPECT_EQ(-1, counter.Count()) << "not open any more";
+}
+
+TEST(DescriptorCounterTest, OpenedAgainItTakesNoDescriptorMore) {
+    rlimit bound{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &bound));
+    DescriptorCounter counter;
+    ASSERT_TRUE(counter.Open());
+    const int64_t before = counter.Count();
+    const Fd next(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const rlimit full{static_cast<rlim_t>(next.Get()) + 1, bound.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &full));
+    const bool opened = counter.Open();
+    const int64_t after = counter.Count();
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &bound));
+    EXPECT_TRUE(opened) << "one that has no descriptor left counts on";
+    EXPECT_EQ(before + 1, after);
 }
 
 TEST(VmStatTest, TakesTheCounterOfThisWholeName) {

@@ -117,6 +117,14 @@ TEST(ProcCgroupTest, SkipsLinesThatDoNotParse) {
     EXPECT_THAT(ParseProcCgroup("\n:\n::\nx::/a\n1:cpu\n1:cpu:\n1:cpu:rel\n-1:cpu:/a\n99999999999:cpu:/a"), IsEmpty());
 }
 
+TEST(ProcCgroupTest, NothingIsReadBehindATextThatIsCut) {
+    const std::string_view whole = "1:cpu:/";
+    EXPECT_THAT(ParseProcCgroup(whole), SizeIs(1));
+    for (size_t size = 0; size < whole.size(); ++size) {
+        EXPECT_THAT(ParseProcCgroup(whole.substr(0, size)), IsEmpty()) << size;
+    }
+}
+
 TEST(ProcCgroupsTest, ReadsStatesAndSkipsGarbage) {
     const auto states = ParseProcCgroups(
         "#subsys_name\thierarchy\tnum_cgroups\tenabled\ncpu\t1\t15\t1\nmemory\t0\t1\t0\ncut\t1\nbad\tx\t1\t1\n\n");

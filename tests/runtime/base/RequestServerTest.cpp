@@ -242,6 +242,28 @@ TEST_F(RequestServerTest, ABoundBeyondFourGigabytesIsOne) {
     EXPECT_EQ(5003U, client.Hear().text.size());
 }
 
+TEST_F(RequestServerTest, WhatFollowsARequestDoesNotCostItsAnswer) {
+    AnswerWhenTold();
+    Serve();
+    // What is read with the request at once, then sixteen pieces.
+    constexpr size_t kAll = 2048 + 16 * 4096;
+    std::vector<std::unique_ptr<Client>> clients;
+    for (const size_t size : {kAll - 1, kAll}) {
+        std::string words(size, 'x');
+        words.replace(0, 8, "request\n");
+        clients.push_back(std::make_unique<Client>(m_path, words));
+    }
+    ASSERT_TRUE(Eventually([&] { return m_working == 2; }));
+    m_go.Set();
+    std::vector<bool> cut;
+    for (const auto& client : clients) {
+        const Heard heard = client->Hear();
+        EXPECT_EQ("request\n", heard.text);
+        cut.push_back(heard.cut);
+    }
+    EXPECT_THAT(cut, ElementsAre(false, false));
+}
+
 TEST_F(RequestServerTest, ARequestThatEndsTooEarlyIsToldSo) {
     Serve();
     Client cut = Ask("abc");

@@ -406,6 +406,23 @@ TEST_F(TrustedReadTest, WhatCannotBeLookedAtIsToldAndNotTrusted) {
     EXPECT_EQ(before, support::OpenDescriptors());
 }
 
+TEST_F(TrustedReadTest, OfSeveralFaultsOfAProgramTheGravestIsTold) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: a user may let his group write";
+    const std::string script = m_place + "/script";
+    const std::pair<mode_t, const char*> faults[] = {
+        {0666, "writable by everybody"}, {0644, "not executable, mode 0644 (chmod +x)"}, {0755, "(chmod o-w)"}};
+    const std::string interpreter = m_place + "/interpreter";
+    WriteText(interpreter, "no script");
+    ASSERT_EQ(0, ::chmod(interpreter.c_str(), 0757));
+    WriteText(script, "#!" + interpreter + "\n");
+    for (const auto& [mode, told] : faults) {
+        ASSERT_EQ(0, ::chmod(script.c_str(), mode));
+        const Result<TrustedProgram> refused = OpenTrustedProgram(script);
+        ASSERT_FALSE(refused) << told;
+        EXPECT_THAT(refused.GetError().Reason(), HasSubstr(told));
+    }
+}
+
 TEST_F(TrustedReadTest, TheInterpreterIsTheFirstWordOfTheFirstLine) {
     struct Line {
         std::string text;

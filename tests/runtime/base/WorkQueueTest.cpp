@@ -166,6 +166,28 @@ TEST_F(WorkQueueTest, JobsWaitForAThreadThatIsRefused) {
     EXPECT_EQ("abc", order);
 }
 
+TEST_F(WorkQueueTest, ARefusedThreadIsTriedOnceAtATime) {
+    base::WorkQueue queue(*loop, "worker", 2);
+    std::unique_ptr<faults::Failing> refused;
+    std::atomic<int> done{0};
+    support::Signal retried;
+    int calls = 0;
+    loop->Run([&] {
+        refused = std::make_unique<faults::Failing>(faults::Call::kThreadCreate, EAGAIN, 1, 1000);
+        for (int count = 0; count < 3; ++count) EXPECT_TRUE(queue.Add([&] { ++done; }));
+        EXPECT_EQ(3, refused->Calls());
+        // Due right after the queue's own, and before what that one may ask for.
+        loop->PostLater(base::WorkQueue::kAgain, [&] {
+            calls = refused->Calls();
+            refused.reset();
+            retried.Set();
+        });
+    });
+    ASSERT_TRUE(retried.Wait());
+    EXPECT_EQ(6, calls) << "once for each job";
+    EXPECT_TRUE(support::Eventually([&] { return done == 3; }));
+}
+
 TEST_F(WorkQueueTest, StopLosesNoThreadWhileOneIsRefused) {
     auto queue = std::make_unique<base::WorkQueue>(*loop, "worker", 1);
     const faults::Failing refused(faults::Call::kThreadCreate, EAGAIN);
