@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/Fd.h"
 #include "base/FileIo.h"
 #include "base/FilePath.h"
 #include "base/MakeDirectories.h"
@@ -164,7 +165,9 @@ base::Status CJsonLinesSink::OpenFile() {
     m_fd = std::move(*fd);
     m_inode = st.st_ino;
     m_size = static_cast<uint64_t>(st.st_size);
-    return CutTornLine();
+    const base::Status cut = CutTornLine();
+    if (!cut) m_fd.Reset();  // nothing is written behind half a line: the next opening looks again
+    return cut;
 }
 
 base::Status CJsonLinesSink::CutTornLine() {
@@ -172,8 +175,9 @@ base::Status CJsonLinesSink::CutTornLine() {
     char buffer[4096];
     while (keep > 0) {
         const uint64_t from = keep > sizeof(buffer) ? keep - sizeof(buffer) : 0;
-        const ssize_t got = pread(m_fd.Get(), buffer, static_cast<size_t>(keep - from), static_cast<off_t>(from));
-        if (got <= 0) break;
+        const ssize_t got = base::RetryOnSignal(
+            [&] { return pread(m_fd.Get(), buffer, static_cast<size_t>(keep - from), static_cast<off_t>(from)); });
+        if (got <= 0) return base::ErrnoError(got < 0 ? errno : EIO, "read", m_path);  // 0: somebody has cut it since
         const void* end = memrchr(buffer, '\n', static_cast<size_t>(got));
         if (end != nullptr) {
             keep = from + static_cast<uint64_t>(static_cast<const char*>(end) - buffer) + 1;

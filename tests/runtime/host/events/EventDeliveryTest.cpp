@@ -117,6 +117,33 @@ TEST_F(EventDeliveryTest, OverlongMessagesAreRefused) {
     EXPECT_EQ(delivery.Stats().dropped, 2u) << "nobody gets them";
 }
 
+TEST_F(EventDeliveryTest, EachFieldOfAMessageHasItsOwnBoundAndPlace) {
+    CEventDelivery delivery(Options(), "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    const std::string type(256, 't'), body(1 << 20, 'b'), extra(1 << 20, 'e');
+    support::TakeLog();
+    EXPECT_FALSE(delivery.SendMsg(type + "t", "b", "ee", 0, 0));
+    EXPECT_TRUE(support::LogHolds("a message of type '" + std::string(64, 't') + "' is refused and lost: 260 bytes"));
+    EXPECT_FALSE(delivery.SendMsg("T", body + "b", "", 0, 0));
+    EXPECT_FALSE(delivery.SendMsg("T", "", extra + "e", 0, 0));
+    EXPECT_EQ(3u, support::LogCount("is refused and lost"));
+    const time_t before = ::time(nullptr);
+    EXPECT_TRUE(delivery.SendMsg(type, body, extra, -7, 2147483647));
+    const time_t after = ::time(nullptr);
+    EXPECT_EQ(3u, delivery.Stats().refused);
+    ASSERT_TRUE(delivery.Flush(20000));
+    const Lines lines = ReadLines(m_dir / "log/e.jsonl");
+    ASSERT_EQ(1u, lines.size());
+    Json::Value root;
+    ASSERT_TRUE(Json::Reader().parse(lines[0], root));
+    EXPECT_TRUE(type == root["type"].asString() && body == root["body"].asString() &&
+                extra == root["extra"].asString());
+    EXPECT_EQ(-7, root["arg1"].asInt());
+    EXPECT_EQ(2147483647, root["arg2"].asInt());
+    EXPECT_LE(before, root["time"].asInt64());
+    EXPECT_GE(after, root["time"].asInt64());
+}
+
 TEST_F(EventDeliveryTest, FileIsRotatedAndItsGenerationsAreBounded) {
     DeliveryOptions options = Options();
     options.jsonLinesMaxBytes = 1000;

@@ -1,6 +1,7 @@
 // The sinks by themselves: the text of a message, the file of lines as a crash leaves it, syslog's socket.
 #include "events/EventSinks.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <json/json.h>
 #include <sys/socket.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -24,6 +26,31 @@ using testing::HasSubstr;
 using testing::StartsWith;
 using zelhost::Handover;
 using zelhost::SpoolMessage;
+
+namespace {
+
+// The n-th next call of this thread fails with EIO; 0: none does.
+thread_local int t_readFails = 0;
+thread_local int t_cutFails = 0;
+
+bool Fails(int& left) {
+    if (left == 0 || --left > 0) return false;
+    errno = EIO;
+    return true;
+}
+
+}  // namespace
+
+// As the sources name them, whose file offsets have 64 bits.
+extern "C" __attribute__((visibility("default"))) ssize_t pread64(int fd, void* buffer, size_t size, off64_t from) {
+    static const auto next = reinterpret_cast<decltype(&pread64)>(dlsym(RTLD_NEXT, "pread64"));
+    return Fails(t_readFails) ? -1 : next(fd, buffer, size, from);
+}
+
+extern "C" __attribute__((visibility("default"))) int ftruncate64(int fd, off64_t size) noexcept {
+    static const auto next = reinterpret_cast<int (*)(int, off64_t)>(dlsym(RTLD_NEXT, "ftruncate64"));
+    return Fails(t_cutFails) ? -1 : next(fd, size);
+}
 
 namespace {
 
@@ -146,6 +173,27 @@ TEST_F(JsonLinesTest, WhatACrashLeftOfALineGoesHoweverLongItIs) {
     ASSERT_TRUE(WriteText(m_path, std::string(10000, 't')));
     ASSERT_EQ(1U, DeliverOnce("next").safe);
     EXPECT_EQ(LineOf("next"), ReadText(m_path)) << "all of it was torn";
+}
+
+TEST_F(JsonLinesTest, BehindHalfALineNothingIsWrittenWhateverFails) {
+    const std::string torn(10000, 't');
+    for (int* const fails : {&t_readFails, &t_cutFails}) {
+        for (const int nth : {1, 2}) {
+            if (fails == &t_cutFails && nth == 2) continue;  // it is cut once
+            ASSERT_TRUE(WriteText(m_path, "first\n" + torn));
+            zelhost::CJsonLinesSink sink(m_path, 1 << 20, 2, "p");
+            *fails = nth;
+            const Handover failed = Deliver(sink, "next");
+            EXPECT_EQ(0, *fails) << "it was asked";
+            EXPECT_EQ(0U, failed.safe);
+            ASSERT_FALSE(failed.rest);
+            EXPECT_EQ(EIO, failed.rest.GetError().error);
+            EXPECT_THAT(failed.rest.GetError().Text(), HasSubstr(m_path));
+            EXPECT_EQ("first\n" + torn, ReadText(m_path));
+            EXPECT_EQ(1U, Deliver(sink, "next").safe);
+            EXPECT_EQ("first\n" + LineOf("next"), ReadText(m_path));
+        }
+    }
 }
 
 TEST_F(JsonLinesTest, TheSizeGoesOnFromWhatStandsThere) {

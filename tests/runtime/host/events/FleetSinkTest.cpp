@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 #include <numeric>
 #include <random>
 
 #include "HostSupport.h"
 #include "events/EventDelivery.h"
+#include "events/NoGrowth.h"
 #include "events/RelayPlayer.h"
 #include "fleet/ModelBroker.h"
 #include "support/HostTricks.h"
@@ -417,6 +419,43 @@ TEST_F(FleetLaneTest, WhatTheBrokerLostGoesAgain) {
     EXPECT_THAT(support::NumbersOf(batches.back()), ElementsAre(3, 4, 5, 6));
     EXPECT_EQ(batches.back().batch.after, 2);
     EXPECT_TRUE(support::LogHolds("event sink fleet: what came after message 2 is lost there, though up to 5"));
+}
+
+TEST_F(FleetLaneTest, AWayBackThatCannotBeWrittenIsToldAndHolds) {
+    support::TakeLog();
+    std::atomic<bool> lost{false}, blocked{false};
+    std::mutex mutex;
+    std::unique_ptr<support::NoGrowth> full;
+    RelayPlayer relay(Socket(), [&](const BatchFrame& batch) {
+        if (lost.exchange(false)) {
+            const std::lock_guard<std::mutex> lock(mutex);
+            full = std::make_unique<support::NoGrowth>();
+            blocked = true;
+            return support::GoBackTo(2);
+        }
+        return blocked ? support::Later(10, fleet::State::kBlocked, "the stream is full") : TakeAll(batch);
+    });
+    zelhost::DeliveryOptions options = Options();
+    options.jsonLinesPath = m_dir / "blocked/e.jsonl";  // so that everything stays in the spool
+    support::WriteText(m_dir / "blocked", "");
+    CEventDelivery delivery(options, "QorNet");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    Send(delivery, 5);
+    ASSERT_TRUE(Eventually([&] { return Fleet(delivery).waiting == 0; }));
+    lost = true;
+    Send(delivery, 1);
+    ASSERT_TRUE(Eventually([&] { return Fleet(delivery).lastError == "blocked: the stream is full"; }));
+    EXPECT_TRUE(support::LogHolds("event sink fleet: the cursor cannot be kept: "));
+    EXPECT_EQ(Fleet(delivery).waiting, 4u) << "those behind the second, though it is not on the disk";
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        full.reset();
+    }
+    blocked = false;
+    ASSERT_TRUE(Eventually([&] { return Fleet(delivery).waiting == 0; }));
+    EXPECT_THAT(support::NumbersOf(relay.Batches().back()), ElementsAre(3, 4, 5, 6));
+    EXPECT_TRUE(Eventually([&] { return Fleet(delivery).lastError.empty(); }));
+    EXPECT_TRUE(support::LogHolds("event sink fleet works again"));
 }
 
 // --- against the rule and a model of the broker ---
