@@ -673,6 +673,61 @@ TEST_F(EventSpoolTest, ItRestsSmallOnceEverySinkHasEverything) {
     EXPECT_EQ(Read(spool, "one").at(0).seq, 41);
 }
 
+TEST_F(EventSpoolTest, ItRestsAsOftenAsEverythingIsDelivered) {
+    CEventSpool spool;
+    Open(spool);
+    for (int64_t round = 1; round <= 3; ++round) {
+        EXPECT_EQ(round > 1, spool.IsResting());
+        ASSERT_TRUE(spool.Append(Message("x")));
+        EXPECT_FALSE(spool.IsResting()) << round;
+        EXPECT_FALSE(spool.Rest()) << round << ": one waits";
+        EXPECT_EQ(1u, spool.Waiting("one"));
+        ASSERT_TRUE(support::IsOk(spool.Confirm("one", round)));
+        EXPECT_TRUE(spool.Rest()) << round;
+        EXPECT_EQ(support::NamesIn(m_dir / "spool"), (Lines{"e.db", "e.db.reserve"}));
+    }
+    EXPECT_TRUE(spool.IsResting());
+    EXPECT_FALSE(spool.GetFigures().broken);
+}
+
+TEST_F(EventSpoolTest, WhatIsTakenOutForRoomIsTheOldestAndNoMore) {
+    CEventSpool spool;
+    Open(spool, 10 * 1128);
+    for (int i = 0; i < 10; ++i) ASSERT_TRUE(spool.Append(Message(std::string(999, static_cast<char>('a' + i)))));
+    EXPECT_EQ(10u * 1128, spool.GetFigures().bytes);
+    EXPECT_EQ(0u, spool.GetFigures().dropped);
+    // Three of them would leave one byte too many.
+    ASSERT_TRUE(spool.Append(Message(std::string(999 + 2 * 1128 + 1, 'k'))));
+    const auto figures = spool.GetFigures();
+    EXPECT_EQ(4u, figures.dropped);
+    EXPECT_EQ(7u, figures.messages);
+    EXPECT_EQ(9u * 1128 + 1, figures.bytes);
+    EXPECT_EQ('e', Bodies(spool, "one").front()[0]);
+}
+
+TEST_F(EventSpoolTest, BytesBeyondFourGigabytesAreCountedWhole) {
+    const uint64_t huge = 5000000000;
+    {
+        CEventSpool spool;
+        Open(spool);
+        for (int i = 0; i < 2; ++i) ASSERT_TRUE(spool.Append(Message("x")));
+    }
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open((m_dir / "spool/e.db").c_str(), &other), SQLITE_OK);
+    const char* const grow = "UPDATE messages SET bytes = 5000000000 WHERE seq = 1;";
+    EXPECT_EQ(SQLITE_OK, sqlite3_exec(other, grow, nullptr, nullptr, nullptr));
+    sqlite3_close(other);
+    CEventSpool spool;
+    Open(spool, 2 * huge);
+    const uint64_t bytes = spool.GetFigures().bytes;
+    EXPECT_LT(huge, bytes);
+    ASSERT_TRUE(spool.Append(Message("x")));
+    EXPECT_EQ(bytes + (bytes - huge), spool.GetFigures().bytes);
+    EXPECT_EQ(0u, spool.GetFigures().dropped) << "it has the room";
+    ASSERT_TRUE(support::IsOk(spool.Confirm("one", 1)));
+    EXPECT_EQ(2 * (bytes - huge), spool.GetFigures().bytes);
+}
+
 TEST_F(EventSpoolTest, WhatIsCountedWhileItRestsIsWrittenDown) {
     CEventSpool spool;
     Open(spool);
