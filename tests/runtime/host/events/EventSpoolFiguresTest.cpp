@@ -59,6 +59,17 @@ TEST_F(EventSpoolFiguresTest, AFileThatCannotBeIsBrokenUntilItCan) {
     EXPECT_FALSE(support::LogHolds("are lost"));
 }
 
+TEST_F(EventSpoolFiguresTest, WithoutAMessageItIsWholeAgainAsWell) {
+    ASSERT_TRUE(support::WriteText(m_dir / "spool", "in the way"));
+    CEventSpool spool;
+    EXPECT_FALSE(spool.Open(m_path, 1 << 20, 3));
+    EXPECT_FALSE(spool.FlushMemory());
+    EXPECT_TRUE(spool.GetFigures().broken);
+    ASSERT_EQ(0, unlink((m_dir / "spool").c_str()));
+    EXPECT_TRUE(spool.FlushMemory());
+    EXPECT_FALSE(spool.GetFigures().broken);
+}
+
 TEST_F(EventSpoolFiguresTest, WhatWaitsInMemoryAtTheEndIsToldAsLost) {
     support::TakeLog();
     ASSERT_TRUE(support::WriteText(m_dir / "spool", "in the way"));
