@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -262,6 +263,14 @@ TEST_F(RequestServerTest, WhatFollowsARequestDoesNotCostItsAnswer) {
         cut.push_back(heard.cut);
     }
     EXPECT_THAT(cut, ElementsAre(false, false));
+}
+
+TEST_F(RequestServerTest, TheGreatestBoundThereIsIsOne) {
+    m_limits.mostRequestBytes = std::numeric_limits<size_t>::max();
+    Serve();
+    Client client = Ask(std::string(5000, 'a'));
+    client.Say("\n");
+    EXPECT_EQ(5003U, client.Hear().text.size());
 }
 
 TEST_F(RequestServerTest, ARequestThatEndsTooEarlyIsToldSo) {
