@@ -75,7 +75,7 @@ TEST_F(GroupPressureTest, NothingIsAskedWithoutUnifiedLimits) {
     EXPECT_EQ("", problem);
 }
 
-TEST_F(GroupPressureTest, AnUnreadableComponentFileIsNotOneWithoutGroups) {
+TEST_F(GroupPressureTest, AnUnreadableFileIsNotOneWithoutGroups) {
     support::WriteText(file, "{");
     std::string problem;
     std::vector<zel::CgroupPressureSource> sources;
