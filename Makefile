@@ -1,7 +1,7 @@
 # Front of the build: all work is in CMake.
 #   make demo                install what is missing, build, show in 40 s what the agent does, told line by line
 #   make run [FOR=seconds]   the same agent with a live page of its own, until Ctrl-C
-#   make fleet-demo          a broker and three agents on loopback: events, states, a limit that goes back, all told
+#   make fleet-demo          a broker and three agents on loopback in half a minute: an outage, a limit that goes back
 #   make test                build and run every test that this machine allows; says which it could not run and why
 #   make test-all            the same, and the tests that take long: every row under a real service manager, many rounds
 #   make sanitize            the same tests under the address, undefined and thread sanitizers (sanitize-module: a part)
