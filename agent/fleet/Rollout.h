@@ -68,7 +68,6 @@ public:
     const std::vector<std::string>& Left() const { return m_left; }
     const std::vector<std::string>& Canaries() const { return m_canaries; }
 
-
     /// What is to be put next, one at a time; none: wait for Look. It is under way until OnPut or OnRead.
     std::optional<RolloutPut> Next();
     /// The answer to Next(). revision: of what was stored; error: why it was not, or is not known to be.
