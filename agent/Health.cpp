@@ -206,6 +206,11 @@ std::vector<Trouble> FindTrouble(const StatusReport& report) {
         found.push_back({"the online configuration is refused and older values are in force: " + report.configProblem,
                          "correct it there; it is read again at once"});
     }
+    if (!report.budgetProblem.empty()) {
+        found.push_back({report.budgetProblem,
+                         "the log names the groups that hold more: end what uses it and change "
+                         "groupMaxMemory again, or raise it"});
+    }
     FindLimits(report, found);
     FindLiftedLimits(report, found);
     if (report.unified) FindOtherLimits(report, found);

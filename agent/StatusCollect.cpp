@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <ctime>
 #include <iterator>
 
@@ -36,6 +37,18 @@ constexpr size_t kMostEventBytes = 512;
 int LimitMode() {
     COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance();
     return conf == nullptr ? 0 : static_cast<int>(conf->resourceLimitMode.Get());
+}
+
+/// What the tree is asked to hold, once that has stood for a while: a change takes its way through the groups. 0: none,
+/// or it is not known yet.
+int SettledGroupMemory(int64_t second) {
+    static std::atomic<int> asked{0};
+    static std::atomic<int64_t> since{0};
+    constexpr int64_t kSettleSeconds = 2;
+    COnlineClientConf* conf = CSingleton<COnlineClientConf>::GetInstance();
+    const int now = conf == nullptr ? 0 : static_cast<int>(conf->groupMaxMemory.Get());
+    if (asked.exchange(now) != now) since = second;
+    return second - since >= kSettleSeconds ? now : 0;
 }
 
 /// How many descriptors this process may have open; 0: without a limit.
@@ -106,6 +119,7 @@ StatusReport CollectStatus(const StatusSources& sources) {
     report.modeInForce = ModeInForce(report);
     report.keeper = zel::GetCgroupKeeperStatus();
     report.modeReason = DescribeMode(report);
+    report.budgetProblem = DescribeBudgetProblem(report, SettledGroupMemory(second));
     for (const TailEvent& event : ReadEventTail(EventFile(sources.appDir, sources.process), kShownEvents)) {
         report.lastEvents.push_back(DescribeEvent(event).substr(0, kMostEventBytes));
     }

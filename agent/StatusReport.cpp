@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "HumanText.h"
 #include "platform/zel/AgentNames.h"
 
 namespace agent {
@@ -35,6 +36,26 @@ bool IsInUnifiedTree(const zel::CgroupTreeStatus& tree, int pid) {
     return std::any_of(tree.nodes.begin(), tree.nodes.end(), [pid](const zel::CgroupNodeStatus& node) {
         return std::find(node.pids.begin(), node.pids.end(), pid) != node.pids.end();
     });
+}
+
+std::string DescribeBudgetProblem(const StatusReport& report, int groupMaxMemoryMb) {
+    // What is asked for gets half more, 100 MB at most, and the whole agent half of that again (CONFIG.md).
+    constexpr int64_t kMostExtraMb = 100;
+    constexpr int64_t kKbPerMb = 1024;
+    const int64_t askedMb = groupMaxMemoryMb;
+    const int64_t askedKb = std::min(askedMb * 3 / 2, askedMb + kMostExtraMb) * kKbPerMb * 3 / 2;
+    if (!report.unified || (ModeToHold(report) & zel::kModeMemory) == 0 || askedMb <= 0) return "";
+    for (const zel::CgroupNodeStatus& node : report.tree.nodes) {
+        if (node.level != zel::CgroupLevel::kParent) continue;
+        for (const zel::CgroupWanted& wanted : report.keeper.wanted) {
+            if (wanted.controller != "memory" || wanted.path != node.memory.path || wanted.amount <= askedKb) continue;
+            return "the memory limit of the whole agent stays at " + HumanBytes(wanted.amount * kKbPerMb) +
+                   ", asked for is " + HumanBytes(askedKb * kKbPerMb) +
+                   " (groupMaxMemory = " + std::to_string(groupMaxMemoryMb) +
+                   "): the kernel refused a limit below what is in use";
+        }
+    }
+    return "";
 }
 
 int ModeToHold(const StatusReport& report) {

@@ -29,6 +29,7 @@ struct StatusReport {
     std::vector<zel::ObservedGroup> observedGroups;  ///< what they would have done; from the main process
     uint64_t wouldEnd = 0;                           ///< times it would have ended itself
     std::string configProblem;  ///< why the online configuration's file is refused; empty while it is not
+    std::string budgetProblem;  ///< why the tree keeps an older memory limit than is asked for; empty: it does not
     bool diskFull = false;
     bool cpuNeedLimit[3] = {false, false, false};  ///< answer per priority, now
     std::vector<HoldBackFigures> holdBacks;        ///< by priority, since the process started
@@ -55,6 +56,9 @@ struct StatusReport {
     std::vector<std::string> logLines;     ///< the last of them, oldest first
 };
 
+/// Why the whole agent's memory limit in the tree is above what groupMaxMemory asks for: the kernel refuses one below
+/// what is in use, and then every limit stays as it was. Empty: it is not. Pure.
+std::string DescribeBudgetProblem(const StatusReport& report, int groupMaxMemoryMb);
 /// Whether a limit that the agent has set holds, rather than one of others alone. Pure.
 bool HoldsOwnLimit(const zel::CgroupControllerStatus& controller);
 /// Bits of the limit mode: which limits the kernel shows for this process, and whether it is in the tree. Pure.

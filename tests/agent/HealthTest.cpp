@@ -234,6 +234,30 @@ TEST(HealthTest, TheLegacyGroupIsLookedAfterToo) {
     EXPECT_EQ(3u, FindTrouble(report).size()) << HealthLine(report);
 }
 
+TEST(HealthTest, ABudgetThatTheKernelRefusedIsTrouble) {
+    StatusReport report = Healthy();
+    zel::CgroupNodeStatus whole;
+    whole.memory.path = "/memory/zel.agent";
+    report.tree.nodes.push_back(whole);
+    const auto describe = [&report](int wantedKb, int askedMb) {
+        report.keeper.wanted = {{"/memory/zel.agent", "cpu", 1}, {"/memory/zel.agent", "memory", wantedKb}};
+        return DescribeBudgetProblem(report, askedMb);
+    };
+    EXPECT_EQ(describe(460800, 200), "");
+    EXPECT_EQ(describe(460801, 200).substr(0, 58), "the memory limit of the whole agent stays at 450.0 MB, ask");
+    EXPECT_EQ(describe(614400, 300), "") << "100 MB more, and half of that again";
+    EXPECT_EQ(describe(54 * 1024, 24), "");
+    report.budgetProblem = describe(460800, 24);
+    EXPECT_THAT(report.budgetProblem, HasSubstr("stays at 450.0 MB, asked for is 54.0 MB (groupMaxMemory = 24)"));
+    EXPECT_THAT(HealthLine(report), HasSubstr(report.budgetProblem));
+    EXPECT_EQ(describe(460800, 0), "") << "not known yet";
+    report.observed = zel::kModeMemory;
+    EXPECT_EQ(describe(460800, 24), "");
+    report.observed = 0;
+    report.unified = false;
+    EXPECT_EQ(describe(460800, 24), "");
+}
+
 TEST(HealthTest, ALegacyLimitAboveTheOneAskedForIsTrouble) {
     StatusReport report = Healthy();
     report.mode = zel::kModeCpu | zel::kModeMemory;
