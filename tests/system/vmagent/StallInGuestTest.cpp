@@ -1,4 +1,7 @@
 // A component that its own limit stalls, as the kernel of version 2 tells of it and as the agent says it.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "GuestAgent.h"
 
 using namespace guest;
@@ -64,6 +67,34 @@ TEST_F(StallInGuest, WhoseLimitItIsAndWhatToDoIsToldOnce) {
     EXPECT_EQ(LogCount("stall of Greedy: it waited"), 1);
     EXPECT_EQ(StopAgent(), 0);
     EXPECT_EQ(AllGroups(), std::vector<std::string>()) << "an open trigger is in nobody's way";
+}
+
+TEST_F(StallInGuest, AGroupMadeAnewAfterAStallIsAskedToo) {
+    WriteRoomyResource();
+    WriteComponents("{\"name\": \"Greedy\", \"group\": \"collect-defense\", \"command\": [\"/bin/vm-burn\", \"600\"]}");
+    // The trigger on its memory would tell that the group is gone.
+    WriteOwned("agent.json", "{\"version\": 1, \"pressure\": {\"own_memory\": 0}}");
+    StartAgent();
+    ASSERT_FALSE(HasFatalFailure());
+    const auto stalls = [] { return Messages("T_MSG_LIMIT_STALL").size(); };
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return stalls() != 0; })) << Status()["group_pressure"].toStyledString();
+    const std::string leaf = GroupDir("cpu", "collect-defense/Greedy");
+    const auto inode = [&] {
+        struct stat found {};
+        return stat(leaf.c_str(), &found) == 0 ? found.st_ino : ino_t{0};
+    };
+    const ino_t before = inode();
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] {
+        for (const pid_t pid : ProcessesIn("cpu", "collect-defense/Greedy")) {
+            WriteText(MountOf("cpu") + "/cgroup.procs", std::to_string(pid));
+        }
+        return rmdir(leaf.c_str()) == 0;
+    }));
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return inode() != 0 && inode() != before; })) << "nobody made it anew";
+    // After a stall the kernel is asked again in a minute, and the groups are looked for when it refuses.
+    EXPECT_TRUE(Poll(2 * kSettleSeconds, [&] { return stalls() >= 2; })) << Status()["group_pressure"].toStyledString();
+    EXPECT_EQ(StopAgent(), 0);
+    EXPECT_EQ(AllGroups(), std::vector<std::string>());
 }
 
 TEST_F(StallInGuest, FollowsGroupsThatAreMadeAnewAndLeavesNone) {
