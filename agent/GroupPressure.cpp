@@ -283,7 +283,6 @@ void GroupPressure::Report(Watched& watched, int64_t second) {
     stall.stalled100Times = std::min(stalledUs * kHundredths / (elapsedMs * kUsPerMs), kHundredths);
     const zel::CgroupPressureLevel* const holder = FindHolder(stall.before, stall.after);
     ComponentStall& shown = watched.shown;
-    shown.measured = true;
     shown.byLimit = holder != nullptr;
     if (holder == nullptr) return;  // over already, or the host's own
     watched.episode.Told(second);

@@ -342,12 +342,6 @@ void AddPressure(Lines& lines, const StatusReport& report) {
         lasts ? LineKind::kAlarm : LineKind::kPlain);
 }
 
-/// Whose limit it was that held a component back.
-std::string CauseOf(const ComponentStall& stall) {
-    if (stall.byLimit) return DescribeStall(stall);
-    return "for " + stall.resource + (stall.measured ? ", by no limit" : ", not measured yet");
-}
-
 /// Components that wait in their own groups.
 void AddStalls(Lines& lines, const StatusReport& report) {
     bool first = true;
@@ -355,9 +349,10 @@ void AddStalls(Lines& lines, const StatusReport& report) {
         if (stall.stalls == 0) continue;
         const std::string when =
             stall.lasts ? "now" : Text("last %lld s ago", static_cast<long long>(SecondsSince(stall.lastAt, report)));
+        const std::string why = stall.byLimit ? DescribeStall(stall) : "for " + stall.resource + ", by no limit";
         Add(lines,
             (first ? "stalls  " : "        ") + Text("%s %llu, ", stall.component.c_str(), Number(stall.stalls)) +
-                when + ": " + CauseOf(stall),
+                when + ": " + why,
             stall.lasts && stall.byLimit ? LineKind::kAlarm : LineKind::kPlain);
         first = false;
     }

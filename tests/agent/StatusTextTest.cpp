@@ -226,31 +226,6 @@ TEST(StatusTextTest, ComponentsAreNamedWhenTheyAreInTrouble) {
     EXPECT_NE(nullptr, Find(MakePicture(report, {}, all), "QorHips does not run, next start in 7 s"));
 }
 
-TEST(StatusTextTest, AStallIsBlamedOnWhatWasMeasured) {
-    StatusReport report = Report();
-    ComponentStall stall;
-    stall.component = "QorNet";
-    stall.resource = "cpu";
-    stall.stalls = 1;
-    stall.lastAt = 990;
-    const auto lineOf = [&] {
-        report.groupPressure.components = {stall};
-        std::string found;
-        for (const TextLine& line : MakePicture(report, {}, {})) {
-            if (line.text.compare(0, 8, "stalls  ") == 0) found += line.text;
-        }
-        return found;
-    };
-    EXPECT_EQ("stalls  QorNet 1, last 10 s ago: for cpu, not measured yet", lineOf());
-    stall.measured = true;
-    EXPECT_EQ("stalls  QorNet 1, last 10 s ago: for cpu, by no limit", lineOf());
-    stall.byLimit = true;
-    stall.limitGroup = "collect-defense";
-    EXPECT_NE(std::string::npos, lineOf().find("held back by the limit of group collect-defense")) << lineOf();
-    stall.stalls = 0;
-    EXPECT_EQ("", lineOf());
-}
-
 TEST(StatusTextTest, CountersThatTheKernelDoesNotKeepAreNoZero) {
     StatusReport report = Report();
     report.cgroup.cpu.limited = true;
