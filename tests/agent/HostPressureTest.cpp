@@ -69,7 +69,7 @@ TEST(StallEpisodeTest, OneNotToldOfYetIsDueAtAnyTimeOfTheClock) {
     EXPECT_FALSE(first.Begin(kPause)) << "told of at second 0";
 }
 
-TEST(StallEpisodeTest, WhatAnEarlierOneWasToldIsNotTheNexts) {
+TEST(StallEpisodeTest, WhatAnEarlierOneWasToldDoesNotCountForTheNext) {
     StallEpisode episode;
     EXPECT_TRUE(episode.Begin(1000));
     episode.Told(1000);

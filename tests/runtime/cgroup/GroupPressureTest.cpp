@@ -75,7 +75,7 @@ TEST_F(GroupPressureTest, NothingIsAskedWithoutUnifiedLimits) {
     EXPECT_EQ("", problem);
 }
 
-TEST_F(GroupPressureTest, AnUnreadableFileIsNotOneWithoutGroups) {
+TEST_F(GroupPressureTest, AnUnreadableComponentFileIsNotOneWithoutGroups) {
     support::WriteText(file, "{");
     std::string problem;
     std::vector<zel::CgroupPressureSource> sources;
