@@ -25,6 +25,7 @@ constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kUsPerMs = 1000;
 constexpr int64_t kHundredths = 10000;  // of the whole
 constexpr int64_t kMeasureSeconds = 2;
+constexpr int64_t kFollowSeconds = 10;  // the keeper makes a group anew within five
 constexpr long kPlentyOfDescriptors = 512;
 
 int64_t NowMs() {
@@ -79,32 +80,6 @@ std::string FormatGroupStall(const GroupStall& stall, const zel::CgroupPressureL
     return body.toStyledString();
 }
 
-WatchStep DecideOnWatch(const zel::CgroupPressureSource& source, bool watched, bool waits,
-                        zel::CgroupPressureFound found, const std::vector<zel::CgroupPressureSource>& sources) {
-    const bool there = std::any_of(sources.begin(), sources.end(),
-                                   [&](const zel::CgroupPressureSource& one) { return IsSame(one, source); });
-    // Not knowing what there is takes nobody's watch away.
-    if (!there && found != zel::CgroupPressureFound::kUnknown) return WatchStep::kDrop;
-    return watched || waits ? WatchStep::kKeep : WatchStep::kArm;
-}
-
-void WatchRetry::Failed(int64_t second) {
-    if (m_at) return;
-    m_pause = m_pause == 0 ? kFirstSeconds : std::min(m_pause * 2, kMostSeconds);
-    m_at = second + m_pause;
-}
-
-void WatchRetry::Settled() {
-    m_pause = 0;
-    m_at.reset();
-}
-
-bool WatchRetry::Take(int64_t second) {
-    if (!m_at || second < *m_at) return false;
-    m_at.reset();
-    return true;
-}
-
 void GroupPressure::Order(const PressureThresholds& thresholds) {
     const bool same = thresholds.ownMemory == m_thresholds.ownMemory && thresholds.ownCpu == m_thresholds.ownCpu;
     m_thresholds = thresholds;
@@ -119,40 +94,21 @@ int GroupPressure::PercentOf(zel::CgroupResource resource) const {
 }
 
 void GroupPressure::Follow() {
-    m_retry.Settled();
-    Look(SecondsSinceBoot());
-}
-
-void GroupPressure::Look(int64_t second) {
+    m_followAt = 0;
     std::string problem;
     std::vector<zel::CgroupPressureSource> sources;
-    zel::CgroupPressureFound found = zel::CgroupPressureFound::kAll;
-    if (m_thresholds.ownCpu != 0 || m_thresholds.ownMemory != 0) found = zel::FindCgroupPressure(sources, problem);
+    if (m_thresholds.ownCpu != 0 || m_thresholds.ownMemory != 0) sources = zel::FindCgroupPressure(problem);
     for (auto at = m_watched.begin(); at != m_watched.end();) {
-        const bool waits = at->fired || at->measureAt != 0 || at->episode.ArmAt() != 0;
-        const WatchStep step = DecideOnWatch(at->source, at->shown.watched && !waits, waits, found, sources);
-        if (step == WatchStep::kArm) Arm(*at);
-        if (step == WatchStep::kDrop) Disarm(*at);
-        at = step == WatchStep::kDrop ? m_watched.erase(at) : std::next(at);
+        const bool stays = std::any_of(sources.begin(), sources.end(), [&](const zel::CgroupPressureSource& source) {
+            return IsSame(source, at->source);
+        });
+        if (!stays) Disarm(*at);
+        at = stays ? std::next(at) : m_watched.erase(at);
     }
     if (!sources.empty() && sysconf(_SC_OPEN_MAX) < kPlentyOfDescriptors) {
         problem = "fewer than 512 descriptors are allowed";
         sources.clear();
     }
-    Add(sources, problem);
-    const bool all = std::all_of(m_watched.begin(), m_watched.end(), [](const Watched& watched) {
-        return watched.shown.watched || watched.episode.ArmAt() != 0;
-    });
-    if (all && found == zel::CgroupPressureFound::kAll) {
-        m_retry.Settled();
-    } else {
-        m_retry.Failed(second);
-    }
-    TellOnce(problem);
-    Publish();
-}
-
-void GroupPressure::Add(const std::vector<zel::CgroupPressureSource>& sources, std::string& problem) {
     for (const zel::CgroupPressureSource& source : sources) {
         if (PercentOf(source.resource) == 0) continue;
         const bool known = std::any_of(m_watched.begin(), m_watched.end(),
@@ -167,6 +123,8 @@ void GroupPressure::Add(const std::vector<zel::CgroupPressureSource>& sources, s
         watched.percent = PercentOf(source.resource);
         Arm(watched);
     }
+    TellOnce(problem);
+    Publish();
 }
 
 void GroupPressure::TellOnce(const std::string& problem) {
@@ -176,7 +134,7 @@ void GroupPressure::TellOnce(const std::string& problem) {
     LogLine("stalls of the components in their own groups are not told: " + problem, zel::kLogInfo);
 }
 
-bool GroupPressure::Arm(Watched& watched) {
+void GroupPressure::Arm(Watched& watched) {
     Disarm(watched);
     ComponentStall& shown = watched.shown;
     shown.component = watched.source.component;
@@ -186,10 +144,10 @@ bool GroupPressure::Arm(Watched& watched) {
     shown.full = watched.source.resource == zel::CgroupResource::kCpu;
     shown.watched = false;
     if (m_loop == nullptr) m_loop = zel::JoinProcessLoop(shown.reason);
-    if (m_loop == nullptr) return false;
+    if (m_loop == nullptr) return;
     const std::string trigger = base::FormatPressureTrigger({shown.full, watched.percent});
     watched.file = base::Fd(zel::OpenCgroupPressure(watched.source, trigger, shown.reason));
-    if (!watched.file) return false;
+    if (!watched.file) return;
     m_loop->Run([&] {
         auto watch = std::make_unique<base::IoWatch>(*m_loop);
         const base::Status opened = watch->Open(watched.file.Get());
@@ -207,7 +165,6 @@ bool GroupPressure::Arm(Watched& watched) {
     shown.watched = watched.watch != nullptr;
     if (shown.watched) shown.reason.clear();
     if (!shown.watched) watched.file.Reset();
-    return shown.watched;
 }
 
 void GroupPressure::Disarm(Watched& watched) {
@@ -219,7 +176,7 @@ void GroupPressure::Disarm(Watched& watched) {
 void GroupPressure::Close() {
     for (Watched& watched : m_watched) Disarm(watched);
     m_watched.clear();
-    m_retry.Settled();
+    m_followAt = 0;
     m_loop.reset();
     Publish();
 }
@@ -237,15 +194,15 @@ void GroupPressure::Tick(int64_t second) {
             changed = true;
         }
         if (!watched.episode.TakeArming(second)) continue;
-        if (!Arm(watched)) m_retry.Failed(second);
+        Arm(watched);
         changed = true;
     }
-    if (m_retry.Take(second)) Look(second);
+    if (m_followAt != 0 && second >= m_followAt) Follow();
     if (changed) Publish();
 }
 
 int64_t GroupPressure::NextDue() const {
-    int64_t due = m_retry.At().value_or(0);
+    int64_t due = m_followAt;
     for (const Watched& watched : m_watched) {
         for (const int64_t at : {watched.measureAt, watched.episode.ArmAt()}) {
             if (at != 0 && (due == 0 || at < due)) due = at;
@@ -260,7 +217,7 @@ void GroupPressure::BeginMeasuring(Watched& watched, int64_t second) {
         // The kernel tells so of a group that was removed, too.
         watched.shown.watched = false;
         watched.shown.reason = gone;
-        m_retry.Failed(second);
+        m_followAt = second + kFollowSeconds;
         return;
     }
     if (watched.episode.Begin(second)) watched.measureAt = second + kMeasureSeconds;
@@ -297,9 +254,6 @@ void GroupPressure::Publish() {
     std::vector<Shown> shown;
     for (const Watched& watched : m_watched) {
         shown.push_back({watched.source, watched.shown, watched.episode.EndsAt()});
-        ComponentStall& stall = shown.back().stall;
-        if (stall.watched || stall.reason.empty() || !m_retry.At()) continue;
-        stall.reason += "; it is tried again " + std::to_string(m_retry.PauseSeconds()) + " s after this failed";
     }
     const base::MutexLock lock(m_lock);
     m_shown = std::move(shown);

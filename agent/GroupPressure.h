@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,37 +37,6 @@ const zel::CgroupPressureLevel* FindHolder(const zel::CgroupPressureFigures& bef
 
 /// The body of the message. Requires: a holder. Pure.
 std::string FormatGroupStall(const GroupStall& stall, const zel::CgroupPressureLevel& holder, int64_t now);
-
-/// What a look at the groups makes of a watch.
-enum class WatchStep { kKeep, kArm, kDrop };
-
-/// `watched`: the kernel is asked. `waits`: it is to be asked, or a stall is being measured. `found`, `sources`: as
-/// FindCgroupPressure gives them. Pure.
-WatchStep DecideOnWatch(const zel::CgroupPressureSource& source, bool watched, bool waits,
-                        zel::CgroupPressureFound found, const std::vector<zel::CgroupPressureSource>& sources);
-
-/// When the groups are looked at again because one is missing or its kernel file could not be watched: soon first, for
-/// the keeper makes a group anew within five seconds, then ever more seldom. Pure.
-class WatchRetry {
-public:
-    static constexpr int64_t kFirstSeconds = 10;
-    static constexpr int64_t kMostSeconds = 640;
-
-    /// Something is not watched that could be. A look that is due already stays so.
-    void Failed(int64_t second);
-    /// All is watched, or the groups were changed: the next failure is a first one.
-    void Settled();
-    /// Returns: whether a look is due now; it is once.
-    bool Take(int64_t second);
-    /// Returns: the second of it; none: nothing is due.
-    std::optional<int64_t> At() const { return m_at; }
-    /// Returns: the pause before it, or before the last one.
-    int64_t PauseSeconds() const { return m_pause; }
-
-private:
-    int64_t m_pause = 0;
-    std::optional<int64_t> m_at;
-};
 
 /// Thread-safety: Order, Follow, Tick, NextDue and Close on the main thread; Status from any thread.
 class GroupPressure {
@@ -111,10 +79,7 @@ private:
     };
 
     int PercentOf(zel::CgroupResource resource) const;
-    void Look(int64_t second);
-    void Add(const std::vector<zel::CgroupPressureSource>& sources, std::string& problem);
-    /// Returns: false when it is not watched now; why is in what is shown.
-    bool Arm(Watched& watched);
+    void Arm(Watched& watched);
     void Disarm(Watched& watched);
     void BeginMeasuring(Watched& watched, int64_t second);
     void Report(Watched& watched, int64_t second);
@@ -125,7 +90,7 @@ private:
     std::shared_ptr<base::IoLoop> m_loop;  // the process's; null while nothing is watched
     PressureThresholds m_thresholds;
     std::list<Watched> m_watched;
-    WatchRetry m_retry;  // as when a group went away without a word of the agent's
+    int64_t m_followAt = 0;  // a group went away without a word of the agent's
     std::string m_problem;
     std::string m_told;  // the one that the log has last
 

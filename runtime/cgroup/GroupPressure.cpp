@@ -104,35 +104,21 @@ std::vector<CgroupPressureLevel> ReadLevels(const CgroupPressureSource& source, 
 
 }  // namespace
 
-CgroupPressureFound FindCgroupPressure(std::vector<CgroupPressureSource>& out, std::string& problem) {
+std::vector<CgroupPressureSource> FindCgroupPressure(std::string& problem) {
     problem.clear();
-    out.clear();
+    std::vector<CgroupPressureSource> out;
     const Result<ComponentFile> file = ReadCurrentFile(ComponentFilePath());
-    if (!file) {
-        // None, or one of an earlier boot: there are no unified limits.
-        const bool none = file.GetError().kind == ErrorKind::kNotFound || ReadComponentFile(ComponentFilePath());
-        if (none) return CgroupPressureFound::kAll;
-        problem = "which groups there are is not known: " + file.GetError().Text();
-        return CgroupPressureFound::kUnknown;
-    }
-    if (!file->enabled) return CgroupPressureFound::kAll;
-    CgroupPressureFound found = CgroupPressureFound::kAll;
-    std::string missing;
+    if (!file || !file->enabled) return out;
     const Branches branches = FindBranches();
     OpenedGroups opened;
     for (const ComponentEntry& entry : file->components) {
         const Result<LeafPlaces> places = OpenPlaces(branches, *file, entry, opened);
-        if (!places) {
-            found = CgroupPressureFound::kSomeMissing;
-            missing = "the group of component " + entry.name + " is not there: " + places.GetError().Text();
-            continue;
-        }
         for (const Controller controller : kAllControllers) {
-            if ((*places)[controller]) AddLeaf(entry.name, controller, (*places)[controller]->leaf, out, problem);
+            if (!places || !(*places)[controller]) continue;
+            AddLeaf(entry.name, controller, (*places)[controller]->leaf, out, problem);
         }
     }
-    if (problem.empty()) problem = missing;
-    return found;
+    return out;
 }
 
 int OpenCgroupPressure(const CgroupPressureSource& source, const std::string& trigger, std::string& problem) {

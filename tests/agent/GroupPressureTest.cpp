@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <vector>
-
 #include "JsonText.h"
 
 namespace {
@@ -40,59 +38,6 @@ TEST(GroupPressureTest, WhatHasNoLimitOrNoCountHoldsNobody) {
     before.levels[0].held = -1;
     EXPECT_EQ("none", HolderOf(before, Figures(6, 5, 5)));
     EXPECT_EQ("none", HolderOf({}, Figures(6, 5, 5)));
-}
-
-TEST(GroupPressureTest, ALookKeepsWhatIsThereAndArmsWhatIsNot) {
-    using agent::WatchStep;
-    using zel::CgroupPressureFound;
-    const zel::CgroupPressureSource own{"Greedy", zel::CgroupResource::kCpu, "/x/greedy/Greedy", 7};
-    const zel::CgroupPressureSource anew{"Greedy", zel::CgroupResource::kCpu, "/x/greedy/Greedy", 8};
-    const zel::CgroupPressureSource memory{"Greedy", zel::CgroupResource::kMemory, "/x/greedy/Greedy", 7};
-    const struct {
-        const char* what;
-        bool watched, waits;
-        CgroupPressureFound found;
-        std::vector<zel::CgroupPressureSource> sources;
-        WatchStep step;
-    } cases[] = {
-        {"all is well", true, false, CgroupPressureFound::kAll, {memory, own}, WatchStep::kKeep},
-        {"refused before", false, false, CgroupPressureFound::kAll, {own}, WatchStep::kArm},
-        {"refused, another is missing", false, false, CgroupPressureFound::kSomeMissing, {own}, WatchStep::kArm},
-        {"in the minute after a stall", false, true, CgroupPressureFound::kAll, {own}, WatchStep::kKeep},
-        {"made anew", true, false, CgroupPressureFound::kAll, {anew}, WatchStep::kDrop},
-        {"made anew in that minute", false, true, CgroupPressureFound::kAll, {anew}, WatchStep::kDrop},
-        {"gone", true, false, CgroupPressureFound::kSomeMissing, {}, WatchStep::kDrop},
-        {"no limits any more", true, false, CgroupPressureFound::kAll, {}, WatchStep::kDrop},
-        {"another resource's", true, false, CgroupPressureFound::kAll, {memory}, WatchStep::kDrop},
-        {"file unreadable", true, false, CgroupPressureFound::kUnknown, {}, WatchStep::kKeep},
-        {"file unreadable, refused before", false, false, CgroupPressureFound::kUnknown, {}, WatchStep::kArm},
-    };
-    for (const auto& one : cases) {
-        EXPECT_EQ(one.step, agent::DecideOnWatch(own, one.watched, one.waits, one.found, one.sources)) << one.what;
-    }
-}
-
-TEST(GroupPressureTest, AFailedWatchIsTriedAgainEverMoreSeldom) {
-    agent::WatchRetry retry;
-    EXPECT_FALSE(retry.At());
-    EXPECT_FALSE(retry.Take(1000000)) << "nothing failed";
-    int64_t second = 0;
-    for (const int64_t pause : {10, 20, 40, 80, 160, 320, 640, 640, 640}) {
-        retry.Failed(second);
-        retry.Failed(second + 1);  // one look is for all
-        ASSERT_TRUE(retry.At());
-        EXPECT_EQ(second + pause, *retry.At());
-        EXPECT_EQ(pause, retry.PauseSeconds());
-        EXPECT_FALSE(retry.Take(second + pause - 1));
-        EXPECT_TRUE(retry.Take(second + pause));
-        EXPECT_FALSE(retry.Take(second + pause)) << "once";
-        second += pause;
-    }
-    retry.Failed(second);
-    retry.Settled();
-    EXPECT_FALSE(retry.At());
-    retry.Failed(second);
-    EXPECT_EQ(second + agent::WatchRetry::kFirstSeconds, *retry.At()) << "the next one is a first one";
 }
 
 TEST(GroupPressureTest, FormatsAStall) {

@@ -20,18 +20,11 @@ struct CgroupPressureSource {
     uint64_t inode = 0;  ///< one that was made anew has another
 };
 
-/// How much of what there is was found.
-enum class CgroupPressureFound {
-    kAll,
-    kSomeMissing,  ///< a group that the component file names is not there: another time it may be
-    kUnknown,      ///< the component file could not be read
-};
-
 /// Reads the component file and looks at the leaves that it names.
 /// Thread-safety: any thread, as all of these.
-/// Returns: in `out` those on version 2 whose kernel has the figures, by component. `problem`: why there are fewer than
-/// there are controllers in use; empty where there are no unified limits.
-ZEL_API CgroupPressureFound FindCgroupPressure(std::vector<CgroupPressureSource>& out, std::string& problem);
+/// Returns: those on version 2 whose kernel has the figures, by component. `problem`: why there are fewer than there
+/// are controllers in use; empty where there are no unified limits.
+ZEL_API std::vector<CgroupPressureSource> FindCgroupPressure(std::string& problem);
 
 /// Asks the kernel to raise POLLPRI on a descriptor whenever there is a stall as `trigger` has it. The kernel raises it
 /// too when the group is removed. `trigger`: as base::FormatPressureTrigger gives it.
