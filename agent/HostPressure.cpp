@@ -53,13 +53,11 @@ std::string Refusal(const base::Error& error) {
 }  // namespace
 
 bool StallEpisode::Begin(int64_t second) {
-    // One that was measured and not told of, as where no limit had a part in it, is still to be told of.
-    if (!IsUnderWay(second)) m_toldAt.reset();
-    m_goesOn = m_toldAt.has_value();
+    m_goesOn = IsUnderWay(second);
     ++m_stalls;
     m_armAt = second + kPauseSeconds;
     m_endsAt = m_armAt + kPauseSeconds;
-    return !m_toldAt || second - *m_toldAt >= kAgainSeconds;
+    return !m_goesOn || second - m_toldAt >= kAgainSeconds;
 }
 
 bool StallEpisode::TakeArming(int64_t second) {

@@ -53,31 +53,6 @@ TEST(StallEpisodeTest, EndsWhenTheKernelTellsOfNoneForAsLong) {
     EXPECT_EQ(episode.Stalls(), 2U);
 }
 
-TEST(StallEpisodeTest, OneNotToldOfYetIsDueAtAnyTimeOfTheClock) {
-    for (const int64_t boot : {0, 10, 1000, 100000}) {
-        StallEpisode episode;
-        EXPECT_TRUE(episode.Begin(boot)) << boot;
-        EXPECT_TRUE(episode.Begin(boot + kPause)) << boot;
-        EXPECT_FALSE(episode.GoesOn()) << "nobody was told of it";
-        episode.Told(boot + kPause);
-        EXPECT_FALSE(episode.Begin(boot + 2 * kPause)) << boot;
-        EXPECT_TRUE(episode.GoesOn());
-    }
-    StallEpisode first;
-    EXPECT_TRUE(first.Begin(0));
-    first.Told(0);
-    EXPECT_FALSE(first.Begin(kPause)) << "told of at second 0";
-}
-
-TEST(StallEpisodeTest, WhatAnEarlierOneWasToldDoesNotCountForTheNext) {
-    StallEpisode episode;
-    EXPECT_TRUE(episode.Begin(1000));
-    episode.Told(1000);
-    EXPECT_TRUE(episode.Begin(1000 + 2 * kPause)) << "a new one";
-    EXPECT_TRUE(episode.Begin(1000 + 3 * kPause)) << "the new one was not told of";
-    EXPECT_FALSE(episode.GoesOn());
-}
-
 ProcessUse Use(int pid, uint64_t start, uint64_t ticks, int64_t kb, base::ProcIo io = {}) {
     return {pid, start, "p" + std::to_string(pid), ticks, kb, io};
 }
