@@ -61,8 +61,8 @@ struct PressureStatus {
 /// Stalls of one component in its own group. The figures are of that group.
 struct ComponentStall : PressureStatus {
     std::string component;
-    std::string group;  ///< in which its own one is
-    // What was measured of the last one.
+    std::string group;        ///< in which its own one is
+    bool measured = false;    ///< what follows is of the last one; false: not known yet
     bool byLimit = false;     ///< a limit of the agent's held it back, that of the group `limitGroup`
     std::string limitGroup;   ///< below the tree; empty: the whole agent
     int limit = 0;            ///< hundredths of a percent of one CPU, or KB

@@ -24,8 +24,6 @@ namespace {
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kUsPerMs = 1000;
 constexpr int64_t kHundredths = 10000;  // of the whole
-constexpr int64_t kMeasureSeconds = 2;
-constexpr int64_t kFollowSeconds = 10;  // the keeper makes a group anew within five
 constexpr long kPlentyOfDescriptors = 512;
 
 int64_t NowMs() {
@@ -42,9 +40,18 @@ std::string GroupOf(const std::string& path) {
     return above.substr(above.rfind('/') + 1);
 }
 
+int PercentOf(const PressureThresholds& thresholds, zel::CgroupResource resource) {
+    return resource == zel::CgroupResource::kCpu ? thresholds.ownCpu : thresholds.ownMemory;
+}
+
 bool IsSame(const zel::CgroupPressureSource& one, const zel::CgroupPressureSource& other) {
     return one.path == other.path && one.resource == other.resource && one.inode == other.inode &&
            one.component == other.component;
+}
+
+/// Whether one of the two is, or was, where the other one is now.
+bool IsSamePlace(const zel::CgroupPressureSource& one, const zel::CgroupPressureSource& other) {
+    return one.component == other.component && one.resource == other.resource;
 }
 
 }  // namespace
@@ -80,6 +87,69 @@ std::string FormatGroupStall(const GroupStall& stall, const zel::CgroupPressureL
     return body.toStyledString();
 }
 
+FollowPlan PlanFollow(const std::vector<zel::CgroupPressureSource>& watched, const zel::CgroupPressureLook& look,
+                      const PressureThresholds& thresholds, size_t most) {
+    FollowPlan plan;
+    plan.problem = look.problem;
+    size_t count = 0;
+    for (const zel::CgroupPressureSource& one : watched) {
+        const bool same = std::any_of(look.found.begin(), look.found.end(),
+                                      [&](const zel::CgroupPressureSource& source) { return IsSame(source, one); });
+        const bool replaced =
+            std::any_of(look.found.begin(), look.found.end(),
+                        [&](const zel::CgroupPressureSource& source) { return IsSamePlace(source, one); });
+        plan.stays.push_back(same || (!look.whole && !replaced));
+        if (plan.stays.back()) ++count;
+    }
+    for (const zel::CgroupPressureSource& source : look.found) {
+        if (PercentOf(thresholds, source.resource) == 0) continue;
+        const bool known = std::any_of(watched.begin(), watched.end(),
+                                       [&](const zel::CgroupPressureSource& one) { return IsSame(source, one); });
+        if (known) continue;
+        if (count >= most) {
+            plan.problem = "more than " + std::to_string(most) + " groups: the rest is not watched";
+            break;
+        }
+        plan.added.push_back(source);
+        ++count;
+    }
+    return plan;
+}
+
+void GroupWatchPlan::Asked(int64_t second, bool taken) {
+    m_retryAt = taken ? 0 : second + kRetrySeconds;
+    m_followAt = taken ? 0 : second + kFollowSeconds;
+}
+
+void GroupWatchPlan::Fired(int64_t second, bool read) {
+    if (!read) return Asked(second, false);
+    if (m_episode.Begin(second)) m_measureAt = second + kMeasureSeconds;
+}
+
+void GroupWatchPlan::Measured(int64_t second, bool read, bool told) {
+    if (!read) m_followAt = second + kFollowSeconds;
+    if (told) m_episode.Told(second);
+}
+
+bool GroupWatchPlan::TakeArming(int64_t second) {
+    const bool again = Take(m_retryAt, second);
+    return m_episode.TakeArming(second) || again;
+}
+
+int64_t GroupWatchPlan::DueAt() const {
+    int64_t due = 0;
+    for (const int64_t at : {m_measureAt, m_retryAt, m_followAt, m_episode.ArmAt()}) {
+        if (at != 0 && (due == 0 || at < due)) due = at;
+    }
+    return due;
+}
+
+bool GroupWatchPlan::Take(int64_t& at, int64_t second) {
+    if (at == 0 || second < at) return false;
+    at = 0;
+    return true;
+}
+
 void GroupPressure::Order(const PressureThresholds& thresholds) {
     const bool same = thresholds.ownMemory == m_thresholds.ownMemory && thresholds.ownCpu == m_thresholds.ownCpu;
     m_thresholds = thresholds;
@@ -89,42 +159,34 @@ void GroupPressure::Order(const PressureThresholds& thresholds) {
     Follow();
 }
 
-int GroupPressure::PercentOf(zel::CgroupResource resource) const {
-    return resource == zel::CgroupResource::kCpu ? m_thresholds.ownCpu : m_thresholds.ownMemory;
+void GroupPressure::Follow() {
+    const int64_t second = SecondsSinceBoot();
+    zel::CgroupPressureLook look;
+    if (m_thresholds.ownCpu != 0 || m_thresholds.ownMemory != 0) look = zel::FindCgroupPressure();
+    m_followAt = look.whole ? 0 : second + GroupWatchPlan::kRetrySeconds;
+    std::vector<zel::CgroupPressureSource> sources;
+    for (const Watched& watched : m_watched) sources.push_back(watched.source);
+    FollowPlan plan = PlanFollow(sources, look, m_thresholds, kMostWatched);
+    size_t i = 0;
+    for (auto at = m_watched.begin(); at != m_watched.end(); ++i) {
+        if (!plan.stays[i]) Disarm(*at);
+        at = plan.stays[i] ? std::next(at) : m_watched.erase(at);
+    }
+    if (!look.found.empty() && sysconf(_SC_OPEN_MAX) < kPlentyOfDescriptors) {
+        plan.problem = "fewer than 512 descriptors are allowed";
+        plan.added.clear();
+    }
+    for (const zel::CgroupPressureSource& source : plan.added) Add(source, second);
+    TellOnce(plan.problem);
+    Publish();
 }
 
-void GroupPressure::Follow() {
-    m_followAt = 0;
-    std::string problem;
-    std::vector<zel::CgroupPressureSource> sources;
-    if (m_thresholds.ownCpu != 0 || m_thresholds.ownMemory != 0) sources = zel::FindCgroupPressure(problem);
-    for (auto at = m_watched.begin(); at != m_watched.end();) {
-        const bool stays = std::any_of(sources.begin(), sources.end(), [&](const zel::CgroupPressureSource& source) {
-            return IsSame(source, at->source);
-        });
-        if (!stays) Disarm(*at);
-        at = stays ? std::next(at) : m_watched.erase(at);
-    }
-    if (!sources.empty() && sysconf(_SC_OPEN_MAX) < kPlentyOfDescriptors) {
-        problem = "fewer than 512 descriptors are allowed";
-        sources.clear();
-    }
-    for (const zel::CgroupPressureSource& source : sources) {
-        if (PercentOf(source.resource) == 0) continue;
-        const bool known = std::any_of(m_watched.begin(), m_watched.end(),
-                                       [&](const Watched& watched) { return IsSame(source, watched.source); });
-        if (known) continue;
-        if (m_watched.size() >= kMostWatched) {
-            problem = "more than 64 groups: the rest is not watched";
-            break;
-        }
-        Watched& watched = m_watched.emplace_back();
-        watched.source = source;
-        watched.percent = PercentOf(source.resource);
-        Arm(watched);
-    }
-    TellOnce(problem);
-    Publish();
+void GroupPressure::Add(const zel::CgroupPressureSource& source, int64_t second) {
+    Watched& watched = m_watched.emplace_back();
+    watched.source = source;
+    watched.percent = PercentOf(m_thresholds, source.resource);
+    Arm(watched);
+    watched.plan.Asked(second, watched.shown.watched);
 }
 
 void GroupPressure::TellOnce(const std::string& problem) {
@@ -183,66 +245,70 @@ void GroupPressure::Close() {
 
 void GroupPressure::Tick(int64_t second) {
     bool changed = false;
+    bool follow = m_followAt != 0 && second >= m_followAt;
     for (Watched& watched : m_watched) {
         if (watched.fired) {
             Disarm(watched);  // its window would be counted on for nobody
             changed = true;
             BeginMeasuring(watched, second);
         }
-        if (watched.measureAt != 0 && second >= watched.measureAt) {
+        if (watched.plan.TakeMeasuring(second)) {
             Report(watched, second);
             changed = true;
         }
-        if (!watched.episode.TakeArming(second)) continue;
+        if (watched.plan.TakeFollowing(second)) follow = true;
+        if (!watched.plan.TakeArming(second)) continue;
         Arm(watched);
+        watched.plan.Asked(second, watched.shown.watched);
         changed = true;
     }
-    if (m_followAt != 0 && second >= m_followAt) Follow();
+    if (follow) return Follow();  // shows what has changed, too
     if (changed) Publish();
 }
 
 int64_t GroupPressure::NextDue() const {
     int64_t due = m_followAt;
     for (const Watched& watched : m_watched) {
-        for (const int64_t at : {watched.measureAt, watched.episode.ArmAt()}) {
-            if (at != 0 && (due == 0 || at < due)) due = at;
-        }
+        const int64_t at = watched.plan.DueAt();
+        if (at != 0 && (due == 0 || at < due)) due = at;
     }
     return due;
 }
 
 void GroupPressure::BeginMeasuring(Watched& watched, int64_t second) {
     std::string gone;
-    if (!zel::ReadCgroupPressure(watched.source, true, watched.before, gone)) {
-        // The kernel tells so of a group that was removed, too.
+    const bool read = zel::ReadCgroupPressure(watched.source, true, watched.before, gone);
+    watched.plan.Fired(second, read);
+    if (!read) {
         watched.shown.watched = false;
         watched.shown.reason = gone;
-        m_followAt = second + kFollowSeconds;
         return;
     }
-    if (watched.episode.Begin(second)) watched.measureAt = second + kMeasureSeconds;
+    if (watched.plan.IsMeasured()) watched.shown.measured = watched.shown.byLimit = false;
     watched.measuredFromMs = NowMs();
-    watched.shown.stalls = watched.episode.Stalls();
+    watched.shown.stalls = watched.plan.Episode().Stalls();
     watched.shown.lastAt = time(nullptr);
 }
 
 void GroupPressure::Report(Watched& watched, int64_t second) {
-    watched.measureAt = 0;
     GroupStall stall;
     std::string gone;
-    if (!zel::ReadCgroupPressure(watched.source, true, stall.after, gone)) return;
+    if (!zel::ReadCgroupPressure(watched.source, true, stall.after, gone)) {
+        return watched.plan.Measured(second, false, false);
+    }
     stall.source = watched.source;
     stall.thresholdPercent = watched.percent;
-    stall.goesOn = watched.episode.GoesOn();
+    stall.goesOn = watched.plan.Episode().GoesOn();
     stall.before = std::exchange(watched.before, {});
     const int64_t elapsedMs = std::max<int64_t>(NowMs() - watched.measuredFromMs, 1);
     const auto stalledUs = static_cast<int64_t>(stall.after.totalUs - stall.before.totalUs);
     stall.stalled100Times = std::min(stalledUs * kHundredths / (elapsedMs * kUsPerMs), kHundredths);
     const zel::CgroupPressureLevel* const holder = FindHolder(stall.before, stall.after);
     ComponentStall& shown = watched.shown;
+    shown.measured = true;
     shown.byLimit = holder != nullptr;
+    watched.plan.Measured(second, true, shown.byLimit);
     if (holder == nullptr) return;  // over already, or the host's own
-    watched.episode.Told(second);
     shown.limitGroup = holder->name;
     shown.limit = holder->limit;
     shown.stalled100Times = static_cast<int>(stall.stalled100Times);
@@ -253,7 +319,7 @@ void GroupPressure::Report(Watched& watched, int64_t second) {
 void GroupPressure::Publish() {
     std::vector<Shown> shown;
     for (const Watched& watched : m_watched) {
-        shown.push_back({watched.source, watched.shown, watched.episode.EndsAt()});
+        shown.push_back({watched.source, watched.shown, watched.plan.Episode().EndsAt()});
     }
     const base::MutexLock lock(m_lock);
     m_shown = std::move(shown);

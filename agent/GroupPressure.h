@@ -38,6 +38,51 @@ const zel::CgroupPressureLevel* FindHolder(const zel::CgroupPressureFigures& bef
 /// The body of the message. Requires: a holder. Pure.
 std::string FormatGroupStall(const GroupStall& stall, const zel::CgroupPressureLevel& holder, int64_t now);
 
+/// What a look at the groups changes.
+struct FollowPlan {
+    std::vector<bool> stays;  ///< of those that are watched, in their order
+    std::vector<zel::CgroupPressureSource> added;
+    std::string problem;  ///< why not all are watched
+};
+
+/// What the look has missed is kept until it is known to be gone, or another group is in its place. `most`: how many
+/// there may be. Pure.
+FollowPlan PlanFollow(const std::vector<zel::CgroupPressureSource>& watched, const zel::CgroupPressureLook& look,
+                      const PressureThresholds& thresholds, size_t most);
+
+/// When a group is measured, asked anew, and looked for because another one may be in its place. Pure.
+class GroupWatchPlan {
+public:
+    static constexpr int64_t kMeasureSeconds = 2;
+    static constexpr int64_t kFollowSeconds = 10;  ///< the keeper makes a group anew within five
+    static constexpr int64_t kRetrySeconds = 60;   ///< after a refusal
+
+    /// The kernel was asked. `taken`: whether it tells.
+    void Asked(int64_t second, bool taken);
+    /// The kernel has told, which it does of a group that was removed, too. `read`: whether there are figures of it.
+    void Fired(int64_t second, bool read);
+    /// The measurement has ended. `told`: a message has it.
+    void Measured(int64_t second, bool read, bool told);
+
+    // Returns: whether that is to be done now; it is once.
+    bool TakeMeasuring(int64_t second) { return Take(m_measureAt, second); }
+    bool TakeArming(int64_t second);
+    bool TakeFollowing(int64_t second) { return Take(m_followAt, second); }
+
+    bool IsMeasured() const { return m_measureAt != 0; }
+    const StallEpisode& Episode() const { return m_episode; }
+    /// Returns: the second in which the next of them is due; 0: none.
+    int64_t DueAt() const;
+
+private:
+    static bool Take(int64_t& at, int64_t second);
+
+    StallEpisode m_episode;
+    int64_t m_measureAt = 0;
+    int64_t m_retryAt = 0;
+    int64_t m_followAt = 0;
+};
+
 /// Thread-safety: Order, Follow, Tick, NextDue and Close on the main thread; Status from any thread.
 class GroupPressure {
 public:
@@ -73,12 +118,11 @@ private:
         ComponentStall shown;                  // what Status has of it
         std::atomic<bool> fired{false};
         zel::CgroupPressureFigures before;
-        int64_t measureAt = 0;       // 0: nothing is being measured
         int64_t measuredFromMs = 0;  // since boot
-        StallEpisode episode;
+        GroupWatchPlan plan;
     };
 
-    int PercentOf(zel::CgroupResource resource) const;
+    void Add(const zel::CgroupPressureSource& source, int64_t second);
     void Arm(Watched& watched);
     void Disarm(Watched& watched);
     void BeginMeasuring(Watched& watched, int64_t second);
@@ -90,7 +134,7 @@ private:
     std::shared_ptr<base::IoLoop> m_loop;  // the process's; null while nothing is watched
     PressureThresholds m_thresholds;
     std::list<Watched> m_watched;
-    int64_t m_followAt = 0;  // a group went away without a word of the agent's
+    int64_t m_followAt = 0;  // the last look has missed something
     std::string m_problem;
     std::string m_told;  // the one that the log has last
 

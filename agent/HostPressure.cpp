@@ -53,11 +53,12 @@ std::string Refusal(const base::Error& error) {
 }  // namespace
 
 bool StallEpisode::Begin(int64_t second) {
-    m_goesOn = IsUnderWay(second);
+    if (!IsUnderWay(second)) m_toldAt.reset();
+    m_goesOn = m_toldAt.has_value();
     ++m_stalls;
     m_armAt = second + kPauseSeconds;
     m_endsAt = m_armAt + kPauseSeconds;
-    return !m_goesOn || second - m_toldAt >= kAgainSeconds;
+    return !m_goesOn || second - *m_toldAt >= kAgainSeconds;
 }
 
 bool StallEpisode::TakeArming(int64_t second) {

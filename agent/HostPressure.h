@@ -54,7 +54,7 @@ private:
     bool m_goesOn = false;
     int64_t m_armAt = 0;
     int64_t m_endsAt = 0;
-    int64_t m_toldAt = 0;
+    std::optional<int64_t> m_toldAt;  // of this episode
 };
 
 /// Thread-safety: Follow, Tick, NextDue and Close on the main thread; Status from any thread.

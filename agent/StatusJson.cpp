@@ -179,6 +179,7 @@ void Fields(Io& io, Of<Io, ComponentStall>& stall) {
     io("component", stall.component);
     io("group", stall.group);
     Fields(io, static_cast<Of<Io, PressureStatus>&>(stall));
+    io("measured", stall.measured);
     io("by_limit", stall.byLimit);
     io("limit_group", stall.limitGroup);
     io("limit", stall.limit);

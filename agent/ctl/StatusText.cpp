@@ -349,7 +349,10 @@ void AddStalls(Lines& lines, const StatusReport& report) {
         if (stall.stalls == 0) continue;
         const std::string when =
             stall.lasts ? "now" : Text("last %lld s ago", static_cast<long long>(SecondsSince(stall.lastAt, report)));
-        const std::string why = stall.byLimit ? DescribeStall(stall) : "for " + stall.resource + ", by no limit";
+        const std::string why =
+            stall.byLimit
+                ? DescribeStall(stall)
+                : "for " + stall.resource + (stall.measured ? ", by no limit" : ", by what is not measured yet");
         Add(lines,
             (first ? "stalls  " : "        ") + Text("%s %llu, ", stall.component.c_str(), Number(stall.stalls)) +
                 when + ": " + why,

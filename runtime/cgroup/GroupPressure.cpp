@@ -31,21 +31,27 @@ CgroupResource ResourceOf(Controller controller) {
     return controller == Controller::kCpu ? CgroupResource::kCpu : CgroupResource::kMemory;
 }
 
+void NoteUnread(const Error& error, CgroupPressureLook& look) {
+    look.whole = false;
+    look.problem = error.Text();
+}
+
 /// Adds the leaf, or says why not.
-void AddLeaf(const std::string& component, Controller controller, const GroupDir& leaf,
-             std::vector<CgroupPressureSource>& out, std::string& problem) {
+void AddLeaf(const std::string& component, Controller controller, const GroupDir& leaf, CgroupPressureLook& look) {
     if (leaf.GetVersion() != Version::kV2) {
-        problem = std::string("control groups of version 1 have no pressure figures, and ") +
-                  ControllerName(controller) + " is on it";
+        look.problem = std::string("control groups of version 1 have no pressure figures, and ") +
+                       ControllerName(controller) + " is on it";
         return;
     }
     const CgroupResource resource = ResourceOf(controller);
     if (!leaf.HasFile(FileOf(resource))) {
-        problem = "the kernel has no pressure figures for groups: boot one that was built with them, without psi=0";
+        look.problem =
+            "the kernel has no pressure figures for groups: boot one that was built with them, without psi=0";
         return;
     }
     const Result<GroupIdentity> identity = leaf.Identity();
-    if (identity) out.push_back({component, resource, leaf.Path(), identity->inode});
+    if (!identity) return NoteUnread(identity.GetError(), look);
+    look.found.push_back({component, resource, leaf.Path(), identity->inode});
 }
 
 /// The group itself, and no other one that was made in its place.
@@ -104,21 +110,29 @@ std::vector<CgroupPressureLevel> ReadLevels(const CgroupPressureSource& source, 
 
 }  // namespace
 
-std::vector<CgroupPressureSource> FindCgroupPressure(std::string& problem) {
-    problem.clear();
-    std::vector<CgroupPressureSource> out;
+CgroupPressureLook FindCgroupPressure() {
+    CgroupPressureLook look;
     const Result<ComponentFile> file = ReadCurrentFile(ComponentFilePath());
-    if (!file || !file->enabled) return out;
+    if (file && !file->enabled) return look;
     const Branches branches = FindBranches();
+    if (!file) {
+        // While the tree is in use somebody has taken the file away, and it comes back.
+        const bool none = file.GetError().kind == ErrorKind::kNotFound;
+        if (!none || IsTreeInUse(branches)) NoteUnread(file.GetError(), look);
+        return look;
+    }
     OpenedGroups opened;
     for (const ComponentEntry& entry : file->components) {
         const Result<LeafPlaces> places = OpenPlaces(branches, *file, entry, opened);
+        if (!places) {
+            NoteUnread(places.GetError(), look);
+            continue;
+        }
         for (const Controller controller : kAllControllers) {
-            if (!places || !(*places)[controller]) continue;
-            AddLeaf(entry.name, controller, (*places)[controller]->leaf, out, problem);
+            if ((*places)[controller]) AddLeaf(entry.name, controller, (*places)[controller]->leaf, look);
         }
     }
-    return out;
+    return look;
 }
 
 int OpenCgroupPressure(const CgroupPressureSource& source, const std::string& trigger, std::string& problem) {

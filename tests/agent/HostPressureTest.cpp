@@ -53,6 +53,29 @@ TEST(StallEpisodeTest, EndsWhenTheKernelTellsOfNoneForAsLong) {
     EXPECT_EQ(episode.Stalls(), 2U);
 }
 
+TEST(StallEpisodeTest, WhatWasNotToldOfIsToldOfTheNextTime) {
+    for (const int64_t begin : {int64_t{0}, int64_t{1000}, int64_t{100000}}) {
+        StallEpisode episode;
+        EXPECT_TRUE(episode.Begin(begin));
+        EXPECT_TRUE(episode.Begin(begin + kPause)) << begin << ": nobody was told";
+        EXPECT_FALSE(episode.GoesOn()) << begin << ": nobody knows of it";
+        episode.Told(begin + kPause);
+        EXPECT_FALSE(episode.Begin(begin + 2 * kPause)) << begin;
+        EXPECT_TRUE(episode.GoesOn()) << begin;
+    }
+}
+
+TEST(StallEpisodeTest, TheEpisodeBeforeDoesNotCountForTheNext) {
+    StallEpisode episode;
+    episode.Begin(0);
+    episode.Told(0);
+    EXPECT_FALSE(episode.Begin(kPause)) << "told of at second 0";
+    const int64_t next = 3 * kPause;
+    EXPECT_TRUE(episode.Begin(next));
+    EXPECT_TRUE(episode.Begin(next + kPause)) << "the message was of another one";
+    EXPECT_FALSE(episode.GoesOn());
+}
+
 ProcessUse Use(int pid, uint64_t start, uint64_t ticks, int64_t kb, base::ProcIo io = {}) {
     return {pid, start, "p" + std::to_string(pid), ticks, kb, io};
 }

@@ -127,8 +127,14 @@ StatusReport FullReport() {
     report.keeper.notInForce = {"group /f"};
     report.pressure = {{"memory", true, 20, true, "why", 150, 151, 5, true, 1700000002}};
     report.groupPressure.reason = "half";
-    report.groupPressure.components = {
-        {{"cpu", true, 80, true, "why", 160, 161, 6, true, 1700000003}, "QorNet", "g", true, "g/QorNet", 420, 9100}};
+    report.groupPressure.components = {{{"cpu", true, 80, true, "why", 160, 161, 6, true, 1700000003},
+                                        "QorNet",
+                                        "g",
+                                        true,
+                                        true,
+                                        "g/QorNet",
+                                        420,
+                                        9100}};
     report.lastEvents = {"one", "two"};
     report.logCount = 12;
     report.logLines = {"a line"};

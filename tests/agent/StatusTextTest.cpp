@@ -226,6 +226,23 @@ TEST(StatusTextTest, ComponentsAreNamedWhenTheyAreInTrouble) {
     EXPECT_NE(nullptr, Find(MakePicture(report, {}, all), "QorHips does not run, next start in 7 s"));
 }
 
+TEST(StatusTextTest, AStallSaysWhatIsNotMeasuredYet) {
+    StatusReport report = Report();
+    ComponentStall stall;
+    stall.component = "QorNet";
+    stall.resource = "cpu";
+    report.groupPressure.components = {stall};
+    EXPECT_EQ(nullptr, Find(MakePicture(report, {}, {}), "stalls  "));
+    stall.stalls = 3;
+    stall.lasts = true;
+    report.groupPressure.components = {stall};
+    EXPECT_NE(nullptr, Find(MakePicture(report, {}, {}), "QorNet 3, now: for cpu, by what is not measured yet"));
+    report.groupPressure.components[0].measured = true;
+    EXPECT_NE(nullptr, Find(MakePicture(report, {}, {}), "QorNet 3, now: for cpu, by no limit"));
+    report.groupPressure.components[0].byLimit = true;
+    EXPECT_NE(nullptr, Find(MakePicture(report, {}, {}), "QorNet 3, now: it waited "));
+}
+
 TEST(StatusTextTest, CountersThatTheKernelDoesNotKeepAreNoZero) {
     StatusReport report = Report();
     report.cgroup.cpu.limited = true;

@@ -20,11 +20,15 @@ struct CgroupPressureSource {
     uint64_t inode = 0;  ///< one that was made anew has another
 };
 
+struct CgroupPressureLook {
+    std::vector<CgroupPressureSource> found;  ///< those on version 2 whose kernel has the figures, by component
+    std::string problem;  ///< why there are fewer than there are controllers in use; empty without unified limits
+    bool whole = true;    ///< false: something could not be read just now, so what is missing here need not be gone
+};
+
 /// Reads the component file and looks at the leaves that it names.
 /// Thread-safety: any thread, as all of these.
-/// Returns: those on version 2 whose kernel has the figures, by component. `problem`: why there are fewer than there
-/// are controllers in use; empty where there are no unified limits.
-ZEL_API std::vector<CgroupPressureSource> FindCgroupPressure(std::string& problem);
+ZEL_API CgroupPressureLook FindCgroupPressure();
 
 /// Asks the kernel to raise POLLPRI on a descriptor whenever there is a stall as `trigger` has it. The kernel raises it
 /// too when the group is removed. `trigger`: as base::FormatPressureTrigger gives it.

@@ -29,11 +29,11 @@ protected:
     }
     /// Requires: the guest of version 2.
     zel::CgroupPressureSource Greedy(zel::CgroupResource resource) const {
-        std::string problem;
-        for (const zel::CgroupPressureSource& source : zel::FindCgroupPressure(problem)) {
+        const zel::CgroupPressureLook look = zel::FindCgroupPressure();
+        for (const zel::CgroupPressureSource& source : look.found) {
             if (source.component == "Greedy" && source.resource == resource) return source;
         }
-        ADD_FAILURE() << "not found: " << problem;
+        ADD_FAILURE() << "not found: " << look.problem;
         return {};
     }
     /// Works in the leaf as long as it lives.
@@ -52,18 +52,37 @@ protected:
 
 TEST_F(GroupPressureTest, VersionOneSaysWhyThereIsNothingToAsk) {
     if (layout.cpuV2 && layout.memV2) GTEST_SKIP() << "SKIP vm: both controllers are on version 2";
-    std::string problem;
-    for (const zel::CgroupPressureSource& source : zel::FindCgroupPressure(problem)) {
+    const zel::CgroupPressureLook look = zel::FindCgroupPressure();
+    for (const zel::CgroupPressureSource& source : look.found) {
         EXPECT_TRUE(source.resource == zel::CgroupResource::kCpu ? layout.cpuV2 : layout.memV2) << source.path;
     }
-    EXPECT_THAT(problem, HasSubstr("version 1 have no pressure figures"));
+    EXPECT_THAT(look.problem, HasSubstr("version 1 have no pressure figures"));
+    EXPECT_TRUE(look.whole) << "it stays so";
 }
 
 TEST_F(GroupPressureTest, NothingIsAskedWithoutUnifiedLimits) {
     ASSERT_TRUE(manager.WriteDisabledConfig(file));
-    std::string problem = "old";
-    EXPECT_THAT(zel::FindCgroupPressure(problem), IsEmpty());
-    EXPECT_EQ("", problem);
+    for (const bool written : {true, false}) {
+        if (!written) unlink(file.c_str());
+        const zel::CgroupPressureLook look = zel::FindCgroupPressure();
+        EXPECT_THAT(look.found, IsEmpty()) << written;
+        EXPECT_EQ("", look.problem) << written;
+        EXPECT_TRUE(look.whole) << written;
+    }
+}
+
+TEST_F(GroupPressureTest, WhatCannotBeReadJustNowIsNotGone) {
+    const auto whole = zel::FindCgroupPressure();
+    EXPECT_TRUE(whole.whole) << whole.problem;
+    ASSERT_EQ(0, rmdir((cpuTree + "/greedy/Greedy").c_str()));
+    const auto leafGone = zel::FindCgroupPressure();
+    EXPECT_FALSE(leafGone.whole);
+    EXPECT_THAT(leafGone.problem, HasSubstr("greedy/Greedy"));
+    support::WriteText(file, "{");
+    const auto half = zel::FindCgroupPressure();
+    EXPECT_FALSE(half.whole);
+    EXPECT_THAT(half.found, IsEmpty());
+    EXPECT_THAT(half.problem, HasSubstr(file));
 }
 
 TEST_F(GroupPressureTest, TellsWhoseLimitHoldsAComponentBack) {
