@@ -148,9 +148,12 @@ double Strength(uint64_t count, uint64_t most) {
 class Strips {
 public:
     explicit Strips(const FleetReportFacts& facts)
-        : m_facts(facts), m_period(facts.tally.Period()), m_axis(AxisOf(m_period)) {
+        : m_facts(facts),
+          m_period(facts.tally.Period()),
+          m_axis(AxisOf(m_period)),
+          m_begin(Text("<div class=\"heat\"><svg viewBox=\"0 0 %d 10\" preserveAspectRatio=\"none\">",
+                       static_cast<int>(m_period.columns) * kCell)) {
         const int units = static_cast<int>(m_period.columns) * kCell;
-        m_begin = Text("<div class=\"heat\"><svg viewBox=\"0 0 %d 10\" preserveAspectRatio=\"none\">", units);
         std::set<int> places;
         for (const FleetChange& change : facts.changes) places.insert(static_cast<int>(m_axis.At(change.time) * units));
         size_t shown = 0;
