@@ -88,7 +88,8 @@ TallyPeriod MakePeriod(int64_t from, int64_t to) {
     const auto* found = std::find_if(std::begin(kWidths), std::end(kWidths), [&](int64_t width) {
         return columnsOf(width) <= static_cast<int64_t>(kMostColumns);
     });
-    const int64_t days = (columnsOf(kDaySeconds) + static_cast<int64_t>(kMostColumns) - 1) / kMostColumns;
+    constexpr auto kMost = static_cast<int64_t>(kMostColumns);
+    const int64_t days = (columnsOf(kDaySeconds) + kMost - 1) / kMost;
     period.width = found != std::end(kWidths) ? *found : days * kDaySeconds;
     period.columns = static_cast<size_t>(columnsOf(period.width));
     return period;

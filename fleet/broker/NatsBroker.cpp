@@ -273,6 +273,7 @@ base::Result<Options> NatsBroker::Impl::MakeOptions(const std::vector<std::strin
     if (status != NATS_OK) return ErrorOf(status, "the broker's client");
     Options owned(made);
     std::vector<const char*> servers;
+    servers.reserve(addresses.size());
     for (const std::string& server : addresses) servers.push_back(server.c_str());
     const std::string inbox = InboxPrefix();
     const auto then = [&](natsStatus next) { status = status == NATS_OK ? next : status; };

@@ -165,7 +165,7 @@ void ConsoleSession::Begin(const ConsoleRequest& request) {
 void ConsoleSession::Cancel(const ConsoleRequest& request) {
     Collect();
     const auto found = m_tasks.find(request.target);
-    if (found == m_tasks.end()) {
+    if (found == m_tasks.end() || found->second->isOver) {
         m_output.Say(ErrorAnswer(request.id, "no list or stream of that id is under way"));
         return;
     }
@@ -178,6 +178,7 @@ void ConsoleSession::Cancel(const ConsoleRequest& request) {
 void ConsoleSession::Stream(const ConsoleRequest& request, Task& task) {
     StreamReader reader(m_broker, QueryOf(request));
     const std::string last = Follow(request, reader, task);
+    task.isOver = true;
     if (!last.empty()) m_output.Say(last);
     task.isDone = true;
 }

@@ -31,6 +31,7 @@ public:
 private:
     struct Task {
         std::atomic<bool> isCancelled{false};
+        std::atomic<bool> isOver{false};  ///< its last line is being said: there is nothing to cancel
         std::atomic<bool> isDone{false};
         bool follows = false;
         std::thread thread;

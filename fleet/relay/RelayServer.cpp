@@ -309,7 +309,7 @@ void RelayServer::Impl::Cut(const SessionPtr& session, const std::string& why) {
 }
 
 void RelayServer::Impl::Close(const SessionPtr& kept) {
-    const SessionPtr session = kept;  // it may be the list's
+    const SessionPtr session = kept;  // NOLINT(performance-unnecessary-copy-initialization): it may be the list's own
     if (std::exchange(session->closed, true)) return;
     session->deadline.Stop();
     session->watch.Close();
