@@ -99,9 +99,10 @@ private:
     std::optional<int64_t> m_wellSince;
     int64_t m_toldAt = 0;
     std::optional<size_t> m_reported;
-    bool m_isEnded = false;   // by a signal
-    std::string m_leaves;     // why nothing more is put; empty: it is
-    uint64_t m_revision = 0;  // of the target, once it is changed
+    bool m_waitsForLater = false;  // and says so
+    bool m_isEnded = false;        // by a signal
+    std::string m_leaves;          // why nothing more is put; empty: it is
+    uint64_t m_revision = 0;       // of the target, once it is changed
     std::vector<std::string> m_byHand;
 };
 
@@ -355,8 +356,16 @@ void Driver::TellProgress(const FleetHosts& hosts) {
               all});
     }
     const int64_t now = m_world.NowSeconds();
+    if (reported < all) m_waitsForLater = false;
     if (reported < all) return m_wellSince.reset();
     if (!m_wellSince) m_wellSince = m_toldAt = now;
+    if (now - *m_wellSince >= m_plan.waitSeconds) {
+        if (!std::exchange(m_waitsForLater, true)) {
+            Tell({"later", "well for " + TimeText(m_plan.waitSeconds) +
+                               "; one more state of each is waited for, which comes within a minute or so"});
+        }
+        return;
+    }
     if (now == *m_wellSince || now - m_toldAt < kTellSeconds) return;
     m_toldAt = now;
     Tell({"healthy", "well for " + TimeText(now - *m_wellSince) + " of " + TimeText(m_plan.waitSeconds), "", 0,

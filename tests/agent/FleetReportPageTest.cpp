@@ -163,7 +163,7 @@ TEST_F(FleetPageTest, ShowsStatesEventsAndWhoStandsOut) {
     EXPECT_THAT(page, HasSubstr("1 host not heard of for ten minutes or more: web3"));
     EXPECT_THAT(page, HasSubstr("do: see whether the host runs and reaches the broker"));
     EXPECT_THAT(page, HasSubstr("agents: 1.4.0 (3)"));
-    EXPECT_THAT(page, HasSubstr("copies: equal (3, leader n1)"));
+    EXPECT_THAT(page, HasSubstr("copies: equal by the leader&#39;s word (3, leader n1)"));
     EXPECT_THAT(page, HasSubstr("style=\"width:4.10%\""));
     EXPECT_EQ(CountOf(page, "<rect class=\"D\""), 2U + 1 + 1) << "the fleet's, and one of each host";
     EXPECT_THAT(page, HasSubstr("x=\"20\" width=\"9\" height=\"10\" fill-opacity=\"1.00\"><title>15 Nov 01:00 3<"));

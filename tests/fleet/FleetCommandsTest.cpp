@@ -278,15 +278,19 @@ private:
     void Obey() {
         while (!m_ends) {
             const uint64_t given = Given();
-            if (given > m_told) Say(m_told = given, m_afterwards);
+            if (given > m_told) Say(m_told = given, m_last = m_afterwards);
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            // As a host does each minute: what it reported the change with was too early to show what came of it.
+            if (++m_looks % 20 == 0) Say(m_told, m_last);
         }
     }
 
     NatsBroker& m_host;
     NatsBroker& m_reader;
     const std::string m_afterwards;
+    std::string m_last;
     uint64_t m_told = 0;
+    uint64_t m_looks = 0;
     std::atomic<bool> m_ends{false};
     std::thread m_thread;
 };
