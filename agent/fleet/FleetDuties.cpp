@@ -86,7 +86,6 @@ void FleetDuties::Impl::Wait(int64_t waitMs) const {
 void FleetDuties::Impl::Serve() {
     DutyRound round(keys, RoundOptions());
     std::string refused;
-    uint64_t connections = broker.Connections();
     while (!keys.Ends()) {
         // While a note waits for its turn, further ones wake nobody; a regular telling takes it along.
         if (round.IsTellDue()) raised->noted = false;
@@ -97,9 +96,7 @@ void FleetDuties::Impl::Serve() {
         }
         Wait(waitMs);
         if (raised->noted) round.OnNote();
-        // A new connection rings too, and is looked at for itself.
-        if (raised->bell.exchange(false) && broker.Connections() == connections) round.OnBell();
-        connections = broker.Connections();
+        if (raised->bell.exchange(false)) round.OnBell();
         const std::string words = Printable(broker.ListenRefused());
         if (words.empty() || words == refused) continue;
         refused = words;

@@ -110,7 +110,8 @@ bool SimHost::OnBytes(std::string& bytes) {
 void SimHost::OnMessage(const WireMessage& message) {
     constexpr std::string_view kBell = "$KV.config.";
     if (message.subject.substr(0, kBell.size()) == kBell) {
-        // It rings before the value is stored: the levels are asked, at a time by chance.
+        // It rings before the value is stored: the levels are asked, at a time by chance; once more if they just are.
+        if (m_levelsMissing > 0) m_rang = true;
         if (m_levelsDueMs < 0) m_levelsDueMs = m_shared.nowMs + m_shared.Chance(kMostBellMs);
         return;
     }
@@ -127,7 +128,10 @@ void SimHost::OnReply(std::string_view token, const WireMessage& message) {
         return;
     }
     const uint64_t number = Number(token.substr(1));
-    if (token.substr(0, 1) == "c") return OnLevel(static_cast<size_t>(number), message);
+    if (token.substr(0, 1) == "c") {
+        if (number / m_levels.size() == m_looks) OnLevel(number % m_levels.size(), message);
+        return;
+    }
     if (!m_asked || m_asked->number != number) return;  // it came too late
     if (m_asked->publishes) m_shared.publishUs.push_back(static_cast<float>(m_shared.nowUs - m_asked->sentUs));
     OnAnswer(m_asked->publishes ? AckOf(message) : LastOf(m_name, message));
@@ -175,15 +179,18 @@ void SimHost::Ask(const Step& step) {
 
 void SimHost::AskLevels() {
     m_levelsMissing = m_levels.size();
+    ++m_looks;
+    m_rang = false;
     m_levelsDueMs = m_shared.nowMs + kPatienceMs;  // what is not answered is asked again
     for (size_t level = 0; level < m_levels.size(); ++level) {
         m_levels[level].revision = 0;
-        out += Publish(kDirectConfig + m_levels[level].name, Inbox("c" + std::to_string(level)), "");
+        out += Publish(kDirectConfig + m_levels[level].name,
+                       Inbox("c" + std::to_string(m_looks * m_levels.size() + level)), "");
     }
 }
 
 void SimHost::OnLevel(size_t level, const WireMessage& message) {
-    if (level >= m_levels.size() || m_levelsMissing == 0) return;
+    if (m_levelsMissing == 0) return;
     const int status = StatusOf(message.headers);
     if (status != 0 && status != 404) return;
     m_levels[level].revision = status == 404 ? 0 : Number(HeaderOf(message.headers, "Nats-Sequence"));
@@ -193,7 +200,7 @@ void SimHost::OnLevel(size_t level, const WireMessage& message) {
 }
 
 void SimHost::Decide() {
-    m_levelsDueMs = -1;
+    m_levelsDueMs = m_rang ? m_shared.nowMs + m_shared.Chance(kMostBellMs) : -1;
     const agent::RemoteDecision decision = agent::DecideRemoteConfig(m_levels, m_file);
     m_seen = decision.revision;
     m_error = decision.error;

@@ -79,6 +79,8 @@ private:
 
     std::vector<agent::RemoteLevel> m_levels;
     size_t m_levelsMissing = 0;
+    uint64_t m_looks = 0;        // answers to an earlier one do not count
+    bool m_rang = false;         // while the levels were asked
     int64_t m_levelsDueMs = -1;  // to be asked then; -1: not
     std::optional<std::string> m_file;
     uint64_t m_applied = 0, m_seen = 0;

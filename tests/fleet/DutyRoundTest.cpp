@@ -125,6 +125,21 @@ TEST_F(DutyRoundTest, BellIsFollowedWithinTenSecondsByOneLook) {
     EXPECT_EQ(Told().config.applied, 1u) << "told before the minute is over";
 }
 
+TEST_F(DutyRoundTest, BellDuringTheFirstLookOfAConnectionIsFollowed) {
+    DutyRound round = Make();
+    RunFor(round, 20000);
+    ++m_keys.connections;  // it rings too: one look is for both
+    const int before = m_keys.reads;
+    round.OnBell();
+    RunFor(round, 20000);
+    EXPECT_EQ(m_keys.reads, before + 2);
+    m_keys.Set("all", R"({"maxCpu": 10})");
+    round.OnBell();  // for a change after what was read
+    RunFor(round, 10000);
+    EXPECT_EQ(m_keys.reads, before + 4);
+    EXPECT_TRUE(support::Exists(File()));
+}
+
 TEST_F(DutyRoundTest, BellThatIsMissedIsMadeUpForWithinMinutes) {
     DutyRound round = Make();
     RunFor(round, 20000);
