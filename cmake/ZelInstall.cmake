@@ -1,6 +1,7 @@
 # What an installation puts where. Components: "lib" is what programs that embed the module need to run,
-# "dev" what they are built with, "agent" the agent and its console, "fleet" its relay to a broker, "configuration" the administrator's files
-# in /etc, which only packages bring (cmake --install leaves /etc alone; `make install` copies what is not there yet).
+# "dev" what they are built with, "agent" the agent and its console, "fleet" its relay to a broker, "fleet-tools" what
+# makes a fleet's keys, "configuration" the administrator's files in /etc, which only packages bring (cmake --install
+# leaves /etc alone; `make install` copies what is not there yet).
 include(CMakePackageConfigHelpers)
 
 install(TARGETS zelSeam zelUtil zelHost zelMonitor EXPORT zelMonitorTargets
@@ -61,8 +62,12 @@ endif()
 # Alone it needs libnats. Not in a directory of commands: the main process starts it.
 if(TARGET tervane-relay)
   install(TARGETS tervane-relay RUNTIME DESTINATION libexec/tervane COMPONENT fleet)
-  install(DIRECTORY packaging/fleet DESTINATION ${CMAKE_INSTALL_DATADIR}/tervane COMPONENT fleet)
   install(FILES man/tervane-relay.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT fleet)
+  # For the machine that keeps a fleet's keys: no host needs it.
+  install(PROGRAMS scripts/fleet-enrol RENAME tervane-fleet-enrol DESTINATION ${CMAKE_INSTALL_SBINDIR}
+    COMPONENT fleet-tools)
+  install(DIRECTORY packaging/fleet DESTINATION ${CMAKE_INSTALL_DATADIR}/tervane COMPONENT fleet-tools)
+  install(FILES man/tervane-fleet-enrol.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT fleet-tools)
 endif()
 if(TARGET tervanectl)
   install(TARGETS tervanectl RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)

@@ -1,5 +1,5 @@
-# Debian packages of the installation: libzelmonitor0, libzelmonitor-dev, tervane, and tervane-fleet where libnats
-# was there to build it. `make package`; the build that they are made of may be any.
+# Debian packages of the installation: libzelmonitor0, libzelmonitor-dev, tervane, and tervane-fleet with
+# tervane-fleet-tools where libnats was there to build it. `make package`; the build that they are made of may be any.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "the zelMonitor project")
 set(CPACK_PACKAGE_CONTACT "zelMonitor maintainers <maintainers@zelmonitor.invalid>")
@@ -16,7 +16,7 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 set(CPACK_COMPONENTS_ALL lib dev agent configuration)
 if(TARGET tervane-relay)
-  list(APPEND CPACK_COMPONENTS_ALL fleet)
+  list(APPEND CPACK_COMPONENTS_ALL fleet fleet-tools)
 endif()
 
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -67,6 +67,15 @@ set(CPACK_DEBIAN_TERVANE-FLEET_DESCRIPTION "host agent that stays inside its bud
 Brings the events of a host's agent to a broker (NATS JetStream), each once,
 where its configuration names one. A host that is in no fleet needs none of it.")
 
+set(CPACK_DEBIAN_TERVANE-FLEET-TOOLS_PACKAGE_NAME tervane-fleet-tools)
+set(CPACK_DEBIAN_TERVANE-FLEET-TOOLS_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_TERVANE-FLEET-TOOLS_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_TERVANE-FLEET-TOOLS_PACKAGE_DEPENDS "python3, python3-cryptography")
+set(CPACK_DEBIAN_TERVANE-FLEET-TOOLS_DESCRIPTION "host agent that stays inside its budget - keys of a fleet
+Makes the operator, the rights and the credentials of a fleet's hosts and
+people, and certificates and configuration of its brokers (NATS JetStream).
+For the machine that keeps the keys; no host needs it.")
+
 # Each package has a summary of its own in the first line of its description.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 include(CPack)
@@ -76,6 +85,8 @@ cpack_add_component_group(tervane)
 if(TARGET tervane-relay)
   cpack_add_component_group(tervane-fleet)
   cpack_add_component(fleet GROUP tervane-fleet)
+  cpack_add_component_group(tervane-fleet-tools)
+  cpack_add_component(fleet-tools GROUP tervane-fleet-tools)
 endif()
 cpack_add_component(lib GROUP libzelmonitor0)
 cpack_add_component(dev GROUP libzelmonitor-dev)
