@@ -273,7 +273,12 @@ base::Result<FleetAnswer> FleetLink::Ask(Json::Value request, const OnItem& onIt
         }
         const int of = (*said)["id"].asInt();
         if (of != number && (of != cancelled || cancelled == 0)) continue;  // of an earlier one that was enough
-        if (!(*said)["item"].isObject()) return Judge(std::move(*said));
+        if (!(*said)["item"].isObject()) {
+            FleetAnswer answer = Judge(std::move(*said));
+            // What was over before it was to be cancelled has its own last line still to come.
+            if (of != number && !answer.ok) continue;
+            return answer;
+        }
         if (cancelled != 0 || !onItem || onItem((*said)["item"])) continue;
         cancelled = ++m_number;
         Json::Value cancel(Json::objectValue);

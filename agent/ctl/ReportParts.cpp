@@ -100,6 +100,8 @@ std::string DrawTimes(const ReportAxis& axis) {
         step = each;
         if (span / each <= kMostLabels) break;
     }
+    constexpr int64_t kDay = 86400;
+    if (span / step > kMostLabels) step = (span / kMostLabels + kDay - 1) / kDay * kDay;
     const time_t begin = static_cast<time_t>(axis.from);
     tm local{};
     localtime_r(&begin, &local);
@@ -108,8 +110,8 @@ std::string DrawTimes(const ReportAxis& axis) {
     for (int64_t at = (axis.from + shift + step - 1) / step * step - shift; at <= axis.to; at += step) {
         const double place = axis.At(at) * kPercent;
         if (place < 3 || place > 97) continue;  // half of it would be cut
-        html += Text("<span style=\"left:%.2f%%\">", place) + ReportClock(at, step >= 86400 ? "%d %b" : "%H:%M") +
-                "</span>";
+        html +=
+            Text("<span style=\"left:%.2f%%\">", place) + ReportClock(at, step >= kDay ? "%d %b" : "%H:%M") + "</span>";
     }
     return html + "</div></div>";
 }

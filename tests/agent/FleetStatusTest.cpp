@@ -394,4 +394,20 @@ TEST_F(FleetStatusTest, EnoughIsEnough) {
     EXPECT_TRUE(answer->body["server"].isObject());
 }
 
+TEST_F(FleetStatusTest, ListThatEndsAsItIsCancelledHasItsOwnEnd) {
+    for (int i = 0; i < 5; ++i) AddHost(WellHost("h" + std::to_string(i)), 1);
+    world["ends_as_it_is_cancelled"] = true;
+    WriteWorld();
+    const FleetAccess access{m_directory / "tervane-relay", "nats://broker:4222", "", ""};
+    const base::Result<std::unique_ptr<FleetLink>> link = FleetLink::Open(access);
+    ASSERT_TRUE(link) << link.GetError().Text();
+    Json::Value request(Json::objectValue);
+    request["op"] = "keys";
+    request["bucket"] = "state";
+    const base::Result<FleetAnswer> answer = (*link)->Ask(request, [](const Json::Value&) { return false; });
+    ASSERT_TRUE(answer) << answer.GetError().Text();
+    EXPECT_TRUE(answer->ok) << answer->error;
+    EXPECT_EQ(answer->body["now"].asInt(), 4711);
+}
+
 }  // namespace

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "ReportFixture.h"
+#include "ctl/ReportParts.h"
 
 using namespace agent;
 using testing::HasSubstr;
@@ -62,6 +63,14 @@ TEST(ReportPageTest, AnHourWithoutRowsIsAHoleInTheLine) {
     ASSERT_NE(begin, std::string::npos);
     const std::string outline = page.substr(begin, page.find("/>", begin) - begin);
     EXPECT_EQ(CountOf(outline, "M"), 2U) << outline;
+}
+
+TEST(ReportPageTest, AxisOfAnyLengthHasAFewTimes) {
+    for (const int64_t hours : {1, 5, 24, 24 * 7, 24 * 30, 24 * 400, 24 * 100000}) {
+        const std::string html = DrawTimes({reporttest::kBegin, reporttest::kBegin + hours * 3600});
+        EXPECT_GE(CountOf(html, "left:"), 3u) << hours << " hours";
+        EXPECT_LE(CountOf(html, "left:"), 7u) << hours << " hours";
+    }
 }
 
 TEST(ReportPageTest, NothingFromOutsideBecomesPartOfThePage) {
