@@ -30,7 +30,8 @@ std::string AgeText(int64_t seconds) {
 /// A host as it was is kept by the thousand: no more of its texts than is shown of one.
 void Shorten(HostState& state) {
     if (state.findings.size() > 1) state.findings.resize(1);
-    for (std::string* text : {&state.mode, &state.config.error, &state.lastKill.event, &state.lastKill.component}) {
+    for (std::string* text :
+         {&state.mode, &state.blocked, &state.config.error, &state.lastKill.event, &state.lastKill.component}) {
         *text = ShortText(*text, kMostFindingBytes);
     }
     for (std::string& finding : state.findings) finding = ShortText(finding, kMostFindingBytes);
@@ -200,6 +201,12 @@ Json::Value HostJson(const FleetRow& row) {
     host["events"]["oldest_seconds"] = Json::Int64(state.oldestWaitingSeconds);
     host["events"]["dropped"] = Json::UInt64(state.eventsDropped);
     host["events"]["given_up"] = Json::UInt64(state.eventsGivenUp);
+    host["throttled"] = Json::Value(Json::arrayValue);
+    for (const Throttling& one : state.throttled) {
+        Json::Value& entry = host["throttled"].append(Json::Value(Json::objectValue));
+        entry["name"] = one.name;
+        entry["throttled_100times"] = Json::Int64(one.share100Times);
+    }
     host["drifts"] = Json::UInt64(state.drifts);
     host["last_kill"]["time"] = Json::Int64(state.lastKill.time);
     host["last_kill"]["event"] = state.lastKill.event;

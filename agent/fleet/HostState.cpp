@@ -9,6 +9,7 @@
 #include "Health.h"
 #include "JsonText.h"
 #include "Printable.h"
+#include "rule/PublishRule.h"
 
 namespace agent {
 
@@ -17,8 +18,11 @@ namespace {
 constexpr int kStateVersion = 1;
 constexpr size_t kMostFindings = 8;
 constexpr size_t kMostGroups = 16;
+constexpr size_t kMostThrottled = 8;
+constexpr int64_t kWhole100Times = 10000;
 constexpr size_t kMostTextBytes = 512;
 constexpr size_t kMostNameBytes = 64;  // as hosts and groups are called
+constexpr char kFleetSink[] = "fleet";
 constexpr int64_t kLateIntervals = 3;
 constexpr int64_t kGoneIntervals = 10;
 
@@ -76,6 +80,41 @@ std::vector<std::string> TextsAt(const Json::Value& object, const char* member, 
     return texts;
 }
 
+std::vector<Throttling> ThrottledAt(const Json::Value& object) {
+    std::vector<Throttling> throttled;
+    for (const Json::Value& one : object["throttled"]) {
+        if (!one.isObject() || throttled.size() == kMostThrottled) continue;
+        const int64_t share = std::clamp<int64_t>(NumberAt(one, "share_100times"), 0, kWhole100Times);
+        throttled.push_back({TextAt(one, "name", kMostNameBytes), share});
+    }
+    return throttled;
+}
+
+void AddThrottling(std::vector<Throttling>& throttled, const std::string& name, int64_t periods, int64_t held) {
+    if (held <= 0 || periods < held) return;
+    throttled.push_back({name, std::max<int64_t>(1, held * kWhole100Times / periods)});
+}
+
+std::string NodeName(const zel::CgroupNodeStatus& node) {
+    if (node.level == zel::CgroupLevel::kParent) return "the whole agent";
+    return node.level == zel::CgroupLevel::kGroup ? "group " + node.name : node.name;
+}
+
+/// Of the tree each group; without one all processes are in one group, and the main process's figures are that's.
+std::vector<Throttling> FindThrottled(const StatusReport& report) {
+    std::vector<Throttling> throttled;
+    for (const zel::CgroupNodeStatus& node : report.tree.nodes) {
+        AddThrottling(throttled, NodeName(node), node.cpu.periods, node.cpu.throttledPeriods);
+    }
+    if (!report.unified && report.cgroup.cpu.limited) {
+        AddThrottling(throttled, report.process, report.cgroup.cpu.periods, report.cgroup.cpu.throttledPeriods);
+    }
+    std::stable_sort(throttled.begin(), throttled.end(),
+                     [](const Throttling& a, const Throttling& b) { return a.share100Times > b.share100Times; });
+    if (throttled.size() > kMostThrottled) throttled.resize(kMostThrottled);
+    return throttled;
+}
+
 Json::Value JsonOf(const HostState& state) {
     Json::Value root(Json::objectValue);
     root["version"] = kStateVersion;
@@ -101,6 +140,12 @@ Json::Value JsonOf(const HostState& state) {
     events["dropped"] = Json::UInt64(state.eventsDropped);
     events["given_up"] = Json::UInt64(state.eventsGivenUp);
     events["blocked"] = Short(state.blocked);
+    root["throttled"] = Json::Value(Json::arrayValue);
+    for (const Throttling& one : state.throttled) {
+        Json::Value& entry = root["throttled"].append(Json::Value(Json::objectValue));
+        entry["name"] = Short(one.name, kMostNameBytes);
+        entry["share_100times"] = Json::Int64(one.share100Times);
+    }
     root["drifts"] = Json::UInt64(state.drifts);
     Json::Value& kill = root["kill"] = Json::Value(Json::objectValue);
     kill["time"] = Json::Int64(state.lastKill.time);
@@ -127,19 +172,35 @@ HostState TakeHostState(const StatusReport& report) {
         state.eventsWaiting = std::max(state.eventsWaiting, sink.waiting);
         state.eventsGivenUp += sink.givenUp;
     }
+    state.blocked = BlockedReason(report.delivery);
+    state.throttled = FindThrottled(report);
     for (const uint64_t found : report.keeper.found) state.drifts += found;
     return state;
 }
 
-// What is left without findings fits in any case: a byte of a text becomes three at most, and the texts are bounded.
+std::string BlockedReason(const zelhost::DeliveryStats& delivery) {
+    const std::string state = fleet::StateName(fleet::State::kBlocked);  // as the sink words it
+    const std::string words = state + ": ";
+    for (const zelhost::SinkStats& sink : delivery.sinks) {
+        if (sink.name != kFleetSink) continue;
+        if (sink.lastError == state) return "no reason is known";
+        if (sink.lastError.compare(0, words.size(), words) == 0) return sink.lastError.substr(words.size());
+    }
+    return "";
+}
+
+// What is left without findings and throttling fits in any case: a byte of a text becomes three at most, and the texts
+// are bounded.
 std::string FormatHostState(const HostState& state) {
     Json::Value root = JsonOf(state);
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     std::string text = Json::writeString(builder, root);
-    while (text.size() > kMostHostStateBytes && !root["findings"].empty()) {
-        root["findings"].resize(root["findings"].size() - 1);
-        text = Json::writeString(builder, root);
+    for (const char* list : {"findings", "throttled"}) {
+        while (text.size() > kMostHostStateBytes && !root[list].empty()) {
+            root[list].resize(root[list].size() - 1);
+            text = Json::writeString(builder, root);
+        }
     }
     return text;
 }
@@ -174,6 +235,7 @@ base::Result<HostState> ParseHostState(const std::string& text) {
     state.eventsDropped = CountAt(events, "dropped");
     state.eventsGivenUp = CountAt(events, "given_up");
     state.blocked = TextAt(events, "blocked");
+    state.throttled = ThrottledAt(*root);
     state.drifts = CountAt(*root, "drifts");
     state.lastKill = {NumberAt(kill, "time"), TextAt(kill, "event"), TextAt(kill, "component")};
     return state;

@@ -31,6 +31,12 @@ struct LastKill {
     std::string component;
 };
 
+/// How often a CPU quota held something back, since its group is there.
+struct Throttling {
+    std::string name;           ///< a component, "group main", "the whole agent" or, without the tree, the main process
+    int64_t share100Times = 0;  ///< hundredths of a percent of the periods in which it ran
+};
+
 struct HostState {
     std::string host;
     std::vector<std::string> groups;  ///< of the fleet that it belongs to, by weight, the heaviest last
@@ -47,16 +53,20 @@ struct HostState {
     uint64_t eventsDropped = 0;
     uint64_t eventsGivenUp = 0;
     std::string blocked;  ///< why its events do not get into the stream until somebody does something; empty: they do
-    uint64_t drifts = 0;  ///< differences found by the keeper since the agent started
+    std::vector<Throttling> throttled;  ///< what was held back at all, the most often first; a few
+    uint64_t drifts = 0;                ///< differences found by the keeper since the agent started
     LastKill lastKill;
 };
 
 /// The part of it that the main process's own status tells; `host`, `groups`, `config` and what is known of waiting
 /// events and of kills are the caller's. Pure.
 HostState TakeHostState(const StatusReport& report);
+/// Why the events of a process do not get into the stream until somebody does something; empty: they do, or it passes
+/// by itself. Pure.
+std::string BlockedReason(const zelhost::DeliveryStats& delivery);
 
-/// Pure. At most kMostHostStateBytes: texts are cut, of many groups the heaviest stay, and findings are left out until
-/// it fits.
+/// Pure. At most kMostHostStateBytes: texts are cut, of many groups the heaviest stay, and findings, then throttling,
+/// are left out until it fits.
 std::string FormatHostState(const HostState& state);
 /// Texts come back printable and short. Pure. Errors: kMalformed when it is no such state.
 base::Result<HostState> ParseHostState(const std::string& text);

@@ -79,6 +79,7 @@ void StateDuty::NoteDelivery(const std::string& process, const zelhost::Delivery
     its.oldestSeconds = 0;
     its.givenUp = 0;
     its.dropped = delivery.dropped;
+    its.blocked = BlockedReason(delivery);
     for (const zelhost::SinkStats& sink : delivery.sinks) {
         its.waiting = std::max(its.waiting, sink.waiting);
         its.givenUp += sink.givenUp;
@@ -109,12 +110,21 @@ void StateDuty::AskComponents(const std::vector<ComponentStatus>& components, in
 void StateDuty::AddWaiting(HostState& state) const {
     state.eventsWaiting = state.eventsDropped = state.eventsGivenUp = 0;
     state.oldestWaitingSeconds = 0;
+    state.blocked.clear();
+    std::string first;
+    size_t blocked = 0;
     for (const auto& [process, its] : m_waiting) {
         state.eventsWaiting += its.waiting;
         state.eventsDropped += its.dropped;
         state.eventsGivenUp += its.givenUp;
         state.oldestWaitingSeconds = std::max(state.oldestWaitingSeconds, its.oldestSeconds);
+        if (its.blocked.empty()) continue;
+        if (blocked++ > 0 && process != zel::kMainProcessName) continue;
+        first = process;
+        state.blocked = its.blocked;
     }
+    if (blocked == 0) return;
+    state.blocked += " (" + first + (blocked > 1 ? " and " + std::to_string(blocked - 1) + " more)" : ")");
 }
 
 void StateDuty::FindKill(const std::string& process) {

@@ -71,6 +71,7 @@ private:
         int64_t oldestSeconds = 0;
         uint64_t dropped = 0;
         uint64_t givenUp = 0;
+        std::string blocked;
         std::map<std::string, WaitingAge> sinks;
     };
     void NoteDelivery(const std::string& process, const zelhost::DeliveryStats& delivery, int64_t nowSeconds);

@@ -81,6 +81,7 @@ protected:
         state.agentRuns = true;
         state.uptimeSeconds = 5000;
         state.config = {12, 12, false, ""};
+        state.throttled = {{"QorNet", 50}};
         return state;
     }
     void AddHost(const agent::HostState& state, int silentSeconds, const std::string& key = "") {

@@ -25,6 +25,8 @@ HostState Full() {
     state.oldestWaitingSeconds = 7;
     state.eventsDropped = 8;
     state.eventsGivenUp = 9;
+    state.blocked = "the stream is full";
+    state.throttled = {{"QorNet", 1250}, {"group main", 1}};
     state.drifts = 10;
     state.lastKill = {11, "abc-12", "QorNet"};
     return state;
@@ -52,6 +54,10 @@ TEST(HostStateTest, EverythingComesBack) {
     EXPECT_EQ(back->oldestWaitingSeconds, 7);
     EXPECT_EQ(back->eventsDropped, 8u);
     EXPECT_EQ(back->eventsGivenUp, 9u);
+    EXPECT_EQ(back->blocked, "the stream is full");
+    ASSERT_EQ(back->throttled.size(), 2u);
+    EXPECT_EQ(back->throttled[0].name, "QorNet");
+    EXPECT_EQ(back->throttled[0].share100Times, 1250);
     EXPECT_EQ(back->drifts, 10u);
     EXPECT_EQ(back->problems, 2u);
     EXPECT_EQ(back->lastKill.time, 11);
@@ -61,12 +67,17 @@ TEST(HostStateTest, EverythingComesBack) {
 
 TEST(HostStateTest, AStateOfAnotherVersionIsReadAsFarAsItIsKnown) {
     const base::Result<HostState> state = ParseHostState(
-        R"({"version": 2, "host": "h2", "new": [1], "problems": -1, "findings": [1, "x"], "config": 3, "runs": 1})");
+        R"({"version": 2, "host": "h2", "new": [1], "problems": -1, "findings": [1, "x"], "config": 3, "runs": 1,
+             "throttled": [7, {"name": 3, "share_100times": 99999}, {"share_100times": -1}]})");
     ASSERT_TRUE(state);
     EXPECT_EQ(state->host, "h2");
     EXPECT_EQ(state->problems, 0u);
     EXPECT_EQ(state->findings, (std::vector<std::string>{"x"}));
     EXPECT_FALSE(state->agentRuns);
+    ASSERT_EQ(state->throttled.size(), 2u);
+    EXPECT_EQ(state->throttled[0].name, "");
+    EXPECT_EQ(state->throttled[0].share100Times, 10000);
+    EXPECT_EQ(state->throttled[1].share100Times, 0);
     for (const char* text :
          {"", "[]", "{}", R"({"version": "1"})", R"({"version": 0})", R"({"version": 1)", R"({"version": 1} x)"}) {
         EXPECT_FALSE(ParseHostState(text)) << text;
@@ -78,8 +89,9 @@ TEST(HostStateTest, ItStaysSmallWhateverItSays) {
     HostState state = Full();
     std::string hostile;
     for (int i = 0; i < 4000; ++i) hostile += "\xE2\x82\xAC\x1B";
-    state.mode = state.config.error = state.lastKill.event = state.lastKill.component = hostile;
+    state.mode = state.blocked = state.config.error = state.lastKill.event = state.lastKill.component = hostile;
     state.findings.assign(100, hostile);
+    state.throttled.assign(100, {hostile, 5});
     const std::string text = FormatHostState(state);
     EXPECT_LE(text.size(), kMostHostStateBytes);
     const base::Result<HostState> back = ParseHostState(text);
@@ -94,6 +106,8 @@ TEST(HostStateTest, EveryTextAtItsLongestStillFits) {
     for (int i = 0; i < 4000; ++i) wide += "\xC3\xA9";
     state.host = state.version = state.mode = state.config.error = state.lastKill.event = state.lastKill.component =
         wide;
+    state.blocked = wide;
+    state.throttled.assign(8, {wide, 10000});
     state.findings.assign(100, wide);
     state.groups.assign(500, wide.substr(0, 64));
     const std::string text = FormatHostState(state);

@@ -79,6 +79,23 @@ TEST_F(FleetCommandsTest, APersonSeesHostsEventsAndTheBroker) {
     EXPECT_EQ(code, 0);
 }
 
+TEST_F(FleetCommandsTest, ABlockedHostIsAFindingWithItsReason) {
+    const std::string state = R"X({"version":1,"host":"db_01","groups":["db"],"agent":"1.4.0","runs":true,)X"
+                              R"X("events":{"blocked":"the stream is full (QorNet)"},)X"
+                              R"X("throttled":[{"name":"QorNet","share_100times":1250}]})X";
+    ASSERT_EQ(PutKey(*m_host, kStateBucket, EscapeName(kHost), state).outcome, Answer::Outcome::kOk);
+    EXPECT_THAT(Run("hosts --state blocked"),
+                AllOf(HasSubstr("\ndb_01  blocked "),
+                      HasSubstr("    its events do not get through: the stream is full (QorNet)\n")));
+    EXPECT_THAT(Run("status"), AllOf(HasSubstr("hosts    1: 1 blocked\n"),
+                                     HasSubstr("1 host cannot bring events to the stream: db_01")));
+    EXPECT_EQ(code, 1);
+    EXPECT_THAT(Run("hosts --json"),
+                AllOf(HasSubstr(R"X("blocked":"the stream is full (QorNet)")X"),
+                      HasSubstr(R"X("throttled":[{"name":"QorNet","throttled_100times":1250}])X")));
+    EXPECT_THAT(Run("status --json"), HasSubstr("cannot bring events to the stream: db_01"));
+}
+
 TEST_F(FleetCommandsTest, AReportShowsEventsAndChangesOfTheFleet) {
     const std::string state = R"({"version":1,"host":"db_01","groups":["db"],"agent":"1.4.0","runs":true,"uptime":9})";
     ASSERT_EQ(PutKey(*m_host, kStateBucket, EscapeName(kHost), state).outcome, Answer::Outcome::kOk);

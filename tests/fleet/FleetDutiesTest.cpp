@@ -61,6 +61,14 @@ public:
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_report.modeReason = words;
     }
+    /// The state and reason of its way to the fleet.
+    void SetSink(const std::string& error) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_report.delivery.present = true;
+        m_report.delivery.sinks.resize(1);
+        m_report.delivery.sinks[0].name = "fleet";
+        m_report.delivery.sinks[0].lastError = error;
+    }
     void Refuse(const std::string& problem) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_report.configProblem = problem;
@@ -228,6 +236,25 @@ TEST_F(DutiesByClockTest, StateOfAnotherHostIsRefusedAndNamed) {
     RunFor(5000);
     EXPECT_THAT(m_said, Contains(AnyOf(HasSubstr("$KV.state.other"), HasSubstr("_INBOX.other"))));
     EXPECT_EQ(fleet::GetKey(*m_admin, fleet::kStateBucket, "other").answer.outcome, Outcome::kNotFound);
+}
+
+TEST_F(DutiesByClockTest, BlockedHostIsToldBeforeTheMinuteIsOver) {
+    OpenHost();
+    Begin();
+    RunFor(kMinute);
+    ASSERT_TRUE(Told().agentRuns);
+    EXPECT_EQ(Told().blocked, "");
+    const int64_t before = Told().time;
+    m_agent->SetSink("blocked: the stream is full");
+    m_round->OnNote();
+    RunFor(6000);
+    EXPECT_EQ(Told().blocked, "the stream is full (tervane)");
+    EXPECT_LT(Told().time, before + 60);
+    EXPECT_EQ(PresenceOf(Told(), 0), Presence::kTroubled);
+    m_agent->SetSink("");
+    m_round->OnNote();
+    RunFor(6000);
+    EXPECT_EQ(Told().blocked, "");
 }
 
 // In real time: every wait ends long before what is due without a bell, a note or a new connection would be.

@@ -107,6 +107,74 @@ TEST_F(StateDutyTest, WaitingEventsOfAllProcessesAreSummed) {
     EXPECT_EQ(duty.Take(Depth::kAll, 160, 0).eventsDropped, 101u);
 }
 
+TEST_F(StateDutyTest, BlockedSinkOfAnyProcessIsToldWithItsReason) {
+    AddComponent("QorHips");
+    AddComponent("QorNet");
+    const auto say = [&](const std::string& process, const std::string& sink, const std::string& error) {
+        SetDelivery(m_reports[process], 0, {Sink("jsonl", 1, 0), Sink(sink, 1, 1)});
+        m_reports[process].delivery.sinks.back().lastError = error;
+    };
+    StateDuty duty = Make();
+    const auto look = [&](Depth depth) { return duty.Take(depth, 100, 0).blocked; };
+    for (const char* passing :
+         {"waiting: no leader", "connecting", "the relay is not there: blocked: no", "blockedness"}) {
+        say("tervane", "fleet", passing);
+        EXPECT_EQ(look(Depth::kAll), "") << passing;
+    }
+    say("tervane", "http", "blocked: by somebody else");
+    EXPECT_EQ(look(Depth::kAll), "");
+    say("QorNet", "fleet", "blocked: the stream is full");
+    EXPECT_EQ(look(Depth::kMain), "");
+    EXPECT_EQ(look(Depth::kAll), "the stream is full (QorNet)");
+    EXPECT_EQ(look(Depth::kMain), "the stream is full (QorNet)") << "it was not asked since";
+    say("tervane", "fleet", "blocked: no right to publish");
+    EXPECT_EQ(look(Depth::kMain), "no right to publish (tervane and 1 more)");
+    say("QorNet", "fleet", "");
+    EXPECT_EQ(look(Depth::kAll), "no right to publish (tervane)");
+    say("tervane", "fleet", "blocked");
+    EXPECT_EQ(look(Depth::kMain), "no reason is known (tervane)");
+    say("tervane", "fleet", "");
+    EXPECT_EQ(look(Depth::kMain), "");
+}
+
+TEST_F(StateDutyTest, ThrottledSharesAreThoseOfTheStatus) {
+    StatusReport& report = m_reports["tervane"];
+    const auto add = [&](zel::CgroupLevel level, const std::string& name, int64_t periods, int64_t held) {
+        zel::CgroupNodeStatus node;
+        node.level = level;
+        node.name = name;
+        node.cpu.periods = periods;
+        node.cpu.throttledPeriods = held;
+        report.tree.nodes.push_back(node);
+    };
+    report.unified = true;
+    add(zel::CgroupLevel::kParent, "parent", 1000, 10);
+    add(zel::CgroupLevel::kGroup, "main", 400, 0);
+    add(zel::CgroupLevel::kComponent, "QorNet", 400, 100);
+    add(zel::CgroupLevel::kComponent, "QorHips", 100000, 1);
+    add(zel::CgroupLevel::kGroup, "guard", 10, 10);
+    add(zel::CgroupLevel::kComponent, "QorWebGuard", -1, -1);
+    StateDuty duty = Make();
+    const auto look = [&] {
+        std::string text;
+        // As the fleet reads it.
+        const auto read = ParseHostState(FormatHostState(duty.Take(Depth::kMain, 100, 0)));
+        for (const Throttling& one : read->throttled) text += one.name + " " + std::to_string(one.share100Times) + ", ";
+        return text;
+    };
+    EXPECT_EQ(look(), "group guard 10000, QorNet 2500, the whole agent 100, QorHips 1, ");
+    for (int i = 1; i <= 9; ++i) add(zel::CgroupLevel::kComponent, "Q" + std::to_string(i), 100, 30 + i);
+    EXPECT_EQ(look(), "group guard 10000, Q9 3900, Q8 3800, Q7 3700, Q6 3600, Q5 3500, Q4 3400, Q3 3300, ");
+    // Without the tree one group holds all of them.
+    report.tree.nodes.clear();
+    report.unified = false;
+    report.cgroup.cpu.periods = 200;
+    report.cgroup.cpu.throttledPeriods = 3;
+    EXPECT_EQ(look(), "") << "no limit of its own";
+    report.cgroup.cpu.limited = true;
+    EXPECT_EQ(look(), "tervane 150, ");
+}
+
 TEST_F(StateDutyTest, OldestWaitingIsSeenFromLookToLook) {
     StateDuty duty = Make();
     const auto look = [&](uint64_t delivered, uint64_t waiting, int64_t second) {
