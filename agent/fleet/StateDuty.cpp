@@ -110,7 +110,6 @@ void StateDuty::AskComponents(const std::vector<ComponentStatus>& components, in
 void StateDuty::AddWaiting(HostState& state) const {
     state.eventsWaiting = state.eventsDropped = state.eventsGivenUp = 0;
     state.oldestWaitingSeconds = 0;
-    state.blocked.clear();
     std::string first;
     size_t blocked = 0;
     for (const auto& [process, its] : m_waiting) {

@@ -154,6 +154,10 @@ TEST_F(StateDutyTest, ThrottledSharesAreThoseOfTheStatus) {
     add(zel::CgroupLevel::kComponent, "QorHips", 100000, 1);
     add(zel::CgroupLevel::kGroup, "guard", 10, 10);
     add(zel::CgroupLevel::kComponent, "QorWebGuard", -1, -1);
+    add(zel::CgroupLevel::kComponent, "Torn", 5, 7);
+    report.cgroup.cpu.limited = true;  // by one of the groups above
+    report.cgroup.cpu.periods = 200;
+    report.cgroup.cpu.throttledPeriods = 3;
     StateDuty duty = Make();
     const auto look = [&] {
         std::string text;
@@ -168,8 +172,7 @@ TEST_F(StateDutyTest, ThrottledSharesAreThoseOfTheStatus) {
     // Without the tree one group holds all of them.
     report.tree.nodes.clear();
     report.unified = false;
-    report.cgroup.cpu.periods = 200;
-    report.cgroup.cpu.throttledPeriods = 3;
+    report.cgroup.cpu.limited = false;
     EXPECT_EQ(look(), "") << "no limit of its own";
     report.cgroup.cpu.limited = true;
     EXPECT_EQ(look(), "tervane 150, ");
