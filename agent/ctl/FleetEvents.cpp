@@ -39,23 +39,6 @@ std::string KeyOf(const std::string& subject) {
     return end == std::string::npos ? "" : subject.substr(kBegin, std::min(end - kBegin, kMostHostBytes));
 }
 
-/// The value of a digit as names are escaped with; -1: it is none.
-int DigitOf(char c) {
-    return c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-}
-
-/// The name that is written so in subjects; the key itself where none is.
-std::string HostOf(const std::string& key) {
-    std::string name;
-    for (size_t at = 0; at < key.size(); ++at) {
-        const int high = key[at] == '_' && at + 2 < key.size() ? DigitOf(key[at + 1]) : -1;
-        const int low = high < 0 ? -1 : DigitOf(key[at + 2]);
-        name += low < 0 ? key[at] : static_cast<char>(high * 16 + low);
-        at += low < 0 ? 0 : 2;
-    }
-    return ShortText(fleet::EscapeName(name) == key ? name : key, kMostHostBytes);
-}
-
 std::string TextIn(const Json::Value& item, const char* member) {
     return item[member].isString() ? item[member].asString() : "";
 }
@@ -189,15 +172,30 @@ bool MeansEvent(const std::string& word, const FleetEvent& event) {
     return (host == event.host || host == event.key) && MeansId(word.substr(slash + 1), event.event.id);
 }
 
+FleetEventReader::Known& FleetEventReader::KnownOf(const std::string& spool) {
+    const auto found = m_bySpool.find(spool);
+    if (found != m_bySpool.end()) {
+        m_known.splice(m_known.begin(), m_known, found->second);
+        return m_known.front();
+    }
+    if (m_known.size() >= m_mostSpools) {
+        m_bySpool.erase(m_known.back().spool);
+        m_known.pop_back();
+    }
+    m_known.push_front({spool, -1});
+    m_bySpool.emplace(m_known.front().spool, m_known.begin());
+    return m_known.front();
+}
+
 bool FleetEventReader::IsNew(const std::string& host, const std::string& id) {
     const std::optional<fleet::MessageId> named = fleet::ParseMessageId(kAnyHost, std::string(kAnyHost) + "/" + id);
     if (!named) return false;
-    int64_t& highest = m_highest.try_emplace(host + "/" + named->spool, -1).first->second;
-    if (named->number <= highest) {
+    Known& known = KnownOf(host + "/" + named->spool);
+    if (named->number <= known.highest) {
         ++m_repeated;
         return false;
     }
-    highest = named->number;
+    known.highest = named->number;
     return true;
 }
 
@@ -208,7 +206,7 @@ bool FleetEventReader::Take(const Json::Value& item, const OnEvent& onEvent) {
         ++m_unread;
         return true;
     }
-    event.host = HostOf(event.key);
+    event.host = ShortText(fleet::NameOfKey(event.key), kMostHostBytes);
     event.storedAt = item["time"].isNumeric() ? std::clamp(item["time"].asDouble(), 0.0, kMostTime) : 0;
     const std::string payload = TextIn(item, "payload");
     for (size_t at = 0; at < payload.size();) {

@@ -3,7 +3,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -26,12 +28,18 @@ std::string EventName(const FleetEvent& event);
 /// Whether somebody who typed `word` may mean it: with or without the host before it.
 bool MeansEvent(const std::string& word, const FleetEvent& event);
 
+/// Of so many spools an event that comes again is known as one: of a few processes of each of ten thousand hosts.
+constexpr size_t kMostKnownSpools = 65536;
+
 /// Takes messages of the stream apart and passes over what was there before: a host sends a message again where it is
-/// not known whether it was stored, and after a loss it goes back.
+/// not known whether it was stored, and after a loss it goes back. Where there are more spools than are kept, the one
+/// that was silent for longest is forgotten, and what it sends again then comes once more.
 /// Thread-safety: one thread.
 class FleetEventReader {
 public:
     using OnEvent = std::function<bool(const FleetEvent&)>;
+
+    explicit FleetEventReader(size_t mostSpools = kMostKnownSpools) : m_mostSpools(mostSpools) {}
 
     /// item: a message. Returns: false as soon as onEvent does.
     bool Take(const Json::Value& item, const OnEvent& onEvent);
@@ -39,9 +47,16 @@ public:
     uint64_t Unread() const { return m_unread; }  ///< lines and messages that are no events
 
 private:
+    struct Known {
+        std::string spool;  // with its host
+        int64_t highest;    // number of the last event that was taken
+    };
+    Known& KnownOf(const std::string& spool);
     bool IsNew(const std::string& host, const std::string& id);
 
-    std::unordered_map<std::string, int64_t> m_highest;  // by host and spool
+    const size_t m_mostSpools;
+    std::list<Known> m_known;  // the one heard of last first
+    std::unordered_map<std::string_view, std::list<Known>::iterator> m_bySpool;
     uint64_t m_repeated = 0;
     uint64_t m_unread = 0;
 };

@@ -37,6 +37,20 @@ std::string EscapeName(const std::string& name) {
     return out;
 }
 
+std::string NameOfKey(const std::string& key) {
+    const auto digit = [&key](size_t at) {
+        const char c = at < key.size() ? key[at] : '\0';
+        return c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+    };
+    std::string name;
+    for (size_t at = 0; at < key.size(); ++at) {
+        const bool isEscaped = key[at] == '_' && digit(at + 1) >= 0 && digit(at + 2) >= 0;
+        name += isEscaped ? static_cast<char>(digit(at + 1) * 16 + digit(at + 2)) : key[at];
+        at += isEscaped ? 2 : 0;
+    }
+    return EscapeName(name) == key ? name : key;
+}
+
 std::string EventSubject(const std::string& host, const std::string& process) {
     return "zel.events." + EscapeName(host) + "." + EscapeName(process);
 }

@@ -10,6 +10,8 @@ namespace fleet {
 /// Returns: `name` in letters, digits, "_" and "-": any other byte is "_" and two hex digits. Two names never become
 /// one. One without a byte is "_".
 std::string EscapeName(const std::string& name);
+/// The name that is written so; the key itself where none is. Pure.
+std::string NameOfKey(const std::string& key);
 
 /// Returns: the subject of a process's events; both names are escaped.
 std::string EventSubject(const std::string& host, const std::string& process);

@@ -50,6 +50,35 @@ protected:
     }
 };
 
+TEST_F(FleetEventsTest, RepeatsAreDroppedOfTheSpoolsHeardOfLast) {
+    FleetEventReader reader(2);
+    std::string taken;
+    const auto take = [&](const std::string& host, int number) {
+        world["events"].clear();
+        AddMessage(host, number, number, Line(number, SelfKill()));
+        reader.Take(world["events"][0], [&](const FleetEvent& event) {
+            taken += event.host + ":" + event.event.id.substr(17) + " ";
+            return true;
+        });
+    };
+    take("a", 1);
+    take("b", 1);
+    take("a", 1);  // again, so that b is the one that was silent for longest
+    take("c", 1);
+    take("a", 1);
+    take("a", 2);
+    take("c", 1);
+    EXPECT_EQ(taken, "a:1 b:1 c:1 a:2 ");
+    EXPECT_EQ(reader.Repeated(), 3u);
+    take("b", 1);  // forgotten, and a with it now
+    take("b", 1);
+    take("c", 1);
+    take("a", 2);
+    EXPECT_EQ(taken, "a:1 b:1 c:1 a:2 b:1 a:2 ");
+    EXPECT_EQ(reader.Repeated(), 5u);
+    EXPECT_EQ(reader.Unread(), 0u);
+}
+
 TEST_F(FleetEventsTest, ShowsEachEventOnceInTheHostsWords) {
     AddMessage("web1", 1, 2, Line(1, SelfKill()) + "\n" + Line(2, SelfKill()));
     AddMessage("web1", 2, 3, Line(2, SelfKill()) + "\n" + Line(3, SelfKill()));

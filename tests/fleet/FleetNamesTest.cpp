@@ -41,6 +41,14 @@ TEST(FleetNamesTest, NamesAreWrittenAsTheEnrolmentWritesThem) {
     EXPECT_GE(cases, 20);
 }
 
+TEST(FleetNamesTest, ANameComesBackFromItsKeyAndNothingElseDoes) {
+    for (const std::string name : {"web1", "db_01", "web.example", "a_b", "_", "50 %", "\xC3\xA9", "x_2e", "-"}) {
+        EXPECT_EQ(NameOfKey(EscapeName(name)), name) << EscapeName(name);
+    }
+    // Nobody writes these.
+    for (const std::string key : {"", "a_2E", "a_2", "a_", "a_61", "_2g"}) EXPECT_EQ(NameOfKey(key), key);
+}
+
 TEST(FleetNamesTest, TwoNamesNeverBecomeOne) {
     const std::string bytes = "._2ea5f";
     std::vector<std::string> names{""};
