@@ -33,6 +33,7 @@ void NoteSignal(int) {
 }
 
 /// While it lives a signal is counted, and an output that nobody reads any more is no end: things have to be put back.
+/// What was ignored before stays so: whoever has it go on without a terminal (nohup) means that.
 class SignalCount {
 public:
     SignalCount() {
@@ -41,6 +42,7 @@ public:
             struct sigaction action {};
             action.sa_handler = kSignals[i] == SIGPIPE ? SIG_IGN : NoteSignal;
             sigaction(kSignals[i], &action, &m_before[i]);
+            if (m_before[i].sa_handler == SIG_IGN) sigaction(kSignals[i], &m_before[i], nullptr);
         }
     }
     ~SignalCount() {

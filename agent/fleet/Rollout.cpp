@@ -29,6 +29,12 @@ bool IsOfTarget(const std::string& target, const HostState& state) {
                        [&target](const std::string& group) { return "group." + fleet::EscapeName(group) == target; });
 }
 
+/// As people write it: "host.db_01" for the key "host.db_5f01".
+std::string LevelName(const std::string& level) {
+    const size_t dot = level.find('.');
+    return dot == std::string::npos ? level : level.substr(0, dot + 1) + fleet::NameOfKey(level.substr(dot + 1));
+}
+
 bool TakesAway(const std::string& change) {
     const base::Result<Json::Value> values = ParseJson(change, JsonRules::kStrict);
     if (!values || !values->isObject()) return false;
@@ -71,7 +77,7 @@ Rollout::Rollout(RolloutPlan plan, const FleetHosts& hosts, std::vector<RemoteLe
             "a value that is taken away (null) cannot be tried on a few hosts: set the value that is to hold instead, "
             "or take it away without a rollout";
     } else if (m_canaries.empty()) {
-        m_reason = "no host of " + m_plan.target + " is well enough to try it on";
+        m_reason = "no host of " + LevelName(m_plan.target) + " is well enough to try it on";
     } else {
         return;
     }
@@ -167,8 +173,8 @@ void Rollout::OnPut(PutOutcome outcome, uint64_t revision, const std::string& er
 
 void Rollout::OnPutTarget(PutOutcome outcome, const std::string& error) {
     if (outcome == PutOutcome::kStored) return Take(RolloutPhase::kClearing);
-    if (outcome != PutOutcome::kUnknown) return GoBack(m_plan.target + " could not be changed: " + error);
-    m_left.push_back("it is not known whether " + m_plan.target + " was changed: " + error);
+    if (outcome != PutOutcome::kUnknown) return GoBack(LevelName(m_plan.target) + " could not be changed: " + error);
+    m_left.push_back("it is not known whether " + LevelName(m_plan.target) + " was changed: " + error);
     GoBack(m_left.back());
 }
 
@@ -176,15 +182,15 @@ void Rollout::OnPutCanary(PutOutcome outcome, uint64_t revision, const std::stri
     const std::string& name = m_canaries[m_at];
     Canary& canary = m_of.at(name);
     canary.isUnknown = outcome == PutOutcome::kUnknown;
-    if (canary.isUnknown) return GoBack("it is not known whether " + canary.level.name + " was changed: " + error);
-    if (outcome != PutOutcome::kStored)
-        return GoBack(std::string(kHostLevel) + name + " could not be changed: " + error);
+    if (canary.isUnknown)
+        return GoBack("it is not known whether " + LevelName(canary.level.name) + " was changed: " + error);
+    if (outcome != PutOutcome::kStored) return GoBack(LevelName(canary.level.name) + " could not be changed: " + error);
     canary.revision = revision;
     if (++m_at == m_canaries.size()) Take(RolloutPhase::kWatching);
 }
 
 void Rollout::OnPutBack(PutOutcome outcome, const std::string& error) {
-    const std::string level = kHostLevel + m_canaries[m_at];
+    const std::string level = LevelName(kHostLevel + m_canaries[m_at]);
     switch (outcome) {
         case PutOutcome::kStored: break;
         case PutOutcome::kConflict: m_left.push_back(level + " was changed by somebody else and stays as it is"); break;
@@ -251,13 +257,14 @@ void Rollout::Look(const FleetHosts& hosts, int64_t now) {
     std::string waitsFor;
     for (const std::string& name : m_canaries) {
         const std::string trouble = Trouble(name, hosts);
-        if (!trouble.empty()) return GoBack(name + " " + trouble);
+        if (!trouble.empty()) return GoBack(fleet::NameOfKey(name) + " " + trouble);
         if (hosts.at(name).state.config.applied < m_of.at(name).revision) waitsFor = name;
     }
     if (!waitsFor.empty()) {
         m_appliedAt.reset();
         if (!m_waitsSince) m_waitsSince = now;
-        if (now - *m_waitsSince >= m_plan.applySeconds) GoBack(waitsFor + " has not reported it in time");
+        if (now - *m_waitsSince >= m_plan.applySeconds)
+            GoBack(fleet::NameOfKey(waitsFor) + " has not reported it in time");
         return;
     }
     m_waitsSince.reset();

@@ -162,6 +162,23 @@ TEST_F(FleetRolloutTest, EachTroubleBringsBackWhatWas) {
     }
 }
 
+TEST_F(FleetRolloutTest, HostsInReasonsAreCalledAsPeopleCallThem) {
+    const World fresh = m_world;
+    AtThirdLook([this] {
+        m_world.hosts["web_2e1"].lastKill = {9, "ab-1", "QorHips"};
+        m_world.refused = "host.web_2e1";
+        m_world.onPut = [this](const std::string&) { m_world.signals = 2; };
+    });
+    EXPECT_EQ(Drive(), 1);
+    EXPECT_THAT(m_world.said, AllOf(HasSubstr("going back: web.1 had a kill: QorHips\n"),
+                                    HasSubstr("left: host.web.1 keeps the value it was tried with: ")));
+    EXPECT_THAT(m_world.said, Not(HasSubstr("_2e")));
+    m_world = fresh;
+    m_world.refused = "host.web_2e1";
+    EXPECT_EQ(Drive(), 1);
+    EXPECT_THAT(m_world.said, HasSubstr("going back: host.web.1 could not be changed: no right to publish\n"));
+}
+
 TEST_F(FleetRolloutTest, NotReportedInTimeGoesBack) {
     m_world.isDeaf = true;
     EXPECT_EQ(Drive(), 1);
@@ -215,7 +232,7 @@ TEST_F(FleetRolloutTest, WhatGoesBackWithoutAnAnswerIsReadToo) {
 TEST_F(FleetRolloutTest, ARefusedPutGoesBack) {
     m_world.refused = "group.web_2eeu";
     EXPECT_EQ(Drive(), 1);
-    EXPECT_THAT(m_world.said, HasSubstr("group.web_2eeu could not be changed: no right to publish"));
+    EXPECT_THAT(m_world.said, HasSubstr("going back: group.web.eu could not be changed: no right to publish"));
     EXPECT_TRUE(HostsAreClean());
 }
 
@@ -276,26 +293,62 @@ TEST_F(FleetRolloutTest, EndedTwiceNamesWhatIsLeft) {
 }
 
 /// At a program that answers as a broker, by requests over its pipes and real signals.
-class FleetRolloutRunTest : public fleettest::FleetFixture {};
+class FleetRolloutRunTest : public fleettest::FleetFixture {
+protected:
+    /// A rollout gets these once its host has the value.
+    void RunAndSend(const std::vector<int>& signals) {
+        AddHost(WellHost("web1"), 1);
+        options.config.words = {"maxCpu=20"};
+        options.config.wait = m_wait;
+        WriteWorld();
+        bool isPut = false;
+        std::thread killer([&] {
+            isPut = support::Eventually(
+                [this] { return support::ReadText(WorldFile()).find("host.web1") != std::string::npos; });
+            for (const int number : signals) kill(getpid(), isPut ? number : SIGKILL);
+        });
+        EXPECT_EQ(Run("config rollout"), m_code) << err;
+        killer.join();
+    }
+    void ExpectBack() {
+        const Json::Value config = WorldNow()["config"];
+        ASSERT_EQ(config.size(), 2u) << out;
+        EXPECT_EQ(config[0]["value"], R"({"maxCpu":20})");
+        EXPECT_TRUE(config[1]["deleted"].asBool());
+        EXPECT_THAT(out, HasSubstr("going back: somebody has ended it\nhost.web1 has what it had\n"));
+    }
+
+    std::string m_wait = "1h";
+    int m_code = 1;
+};
 
 TEST_F(FleetRolloutRunTest, ASignalBringsAllBack) {
-    AddHost(WellHost("web1"), 1);
-    options.config.words = {"maxCpu=20"};
-    options.config.wait = "1h";
-    WriteWorld();
-    bool isPut = false;
-    std::thread killer([&] {
-        isPut = support::Eventually(
-            [this] { return support::ReadText(WorldFile()).find("host.web1") != std::string::npos; });
-        kill(getpid(), isPut ? SIGTERM : SIGKILL);  // it waits for an hour otherwise
-    });
-    EXPECT_EQ(Run("config rollout"), 1) << err;
-    killer.join();
-    const Json::Value config = WorldNow()["config"];
-    ASSERT_EQ(config.size(), 2u) << out;
-    EXPECT_EQ(config[0]["value"], R"({"maxCpu":20})");
-    EXPECT_TRUE(config[1]["deleted"].asBool());
-    EXPECT_THAT(out, HasSubstr("going back: somebody has ended it\nhost.web1 has what it had\n"));
+    RunAndSend({SIGTERM});
+    ExpectBack();
+}
+
+TEST_F(FleetRolloutRunTest, TheTerminalsKeyBringsAllBack) {
+    RunAndSend({SIGINT});
+    ExpectBack();
+}
+
+TEST_F(FleetRolloutRunTest, ALostTerminalBringsAllBack) {
+    RunAndSend({SIGPIPE, SIGHUP});
+    ExpectBack();
+}
+
+TEST_F(FleetRolloutRunTest, WhatWasIgnoredBeforeIsNoEnd) {
+    // As below nohup: it goes on without its terminal.
+    struct sigaction before {
+    }, ignored{}, after{};
+    ignored.sa_handler = SIG_IGN;
+    sigaction(SIGHUP, &ignored, &before);
+    m_wait = "3s";
+    m_code = 0;
+    RunAndSend({SIGHUP});
+    sigaction(SIGHUP, &before, &after);
+    EXPECT_EQ(after.sa_handler, SIG_IGN);
+    EXPECT_THAT(out, HasSubstr("\ndone: all has revision "));
 }
 
 TEST_F(FleetRolloutRunTest, AProgramThatEndsIsStartedAnew) {
