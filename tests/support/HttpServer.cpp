@@ -87,9 +87,11 @@ void HttpServer::Serve(int client) {
         if (!m_refused.empty() && request.body.find(m_refused) != std::string::npos) status = m_refusedStatus;
         if (status >= 200 && status < 300) m_accepted.push_back(request);
     }
-    const std::string answer =
-        "HTTP/1.1 " + std::to_string(status) + " X\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
-    send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+    const size_t content = m_content;
+    const std::string answer = "HTTP/1.1 " + std::to_string(status) +
+                               " X\r\nContent-Length: " + std::to_string(content) + "\r\n" + m_location +
+                               "Connection: close\r\n\r\n" + std::string(content, 'c');
+    send(client, answer.data(), answer.size(), MSG_NOSIGNAL);  // whole, or the client has closed
 }
 
 }  // namespace support

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -28,6 +29,10 @@ public:
     void AnswerAfter(int milliseconds) { m_delayMs = milliseconds; }
     /// Answers a body that holds this text with this status.
     void Refuse(const std::string& text, int status);
+    /// Each answer has so many bytes of content.
+    void AnswerContent(size_t bytes) { m_content = bytes; }
+    /// Each answer names this address as the one to ask instead. To be set before the first request.
+    void PointTo(const std::string& url) { m_location = "Location: " + url + "\r\n"; }
     /// Requests that were answered with the 200 family.
     std::vector<Request> Accepted();
     int Connections() const { return m_connections; }
@@ -40,6 +45,8 @@ private:
     std::atomic<int> m_status{200};
     std::atomic<bool> m_hang{false};
     std::atomic<int> m_delayMs{0};
+    std::atomic<size_t> m_content{0};
+    std::string m_location;
     std::atomic<bool> m_stop{false};
     std::atomic<int> m_connections{0};
     std::mutex m_lock;

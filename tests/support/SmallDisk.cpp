@@ -32,7 +32,7 @@ const auto* const g_privateMounts = ::testing::AddGlobalTestEnvironment(new Priv
 
 }  // namespace
 
-SmallDisk::SmallDisk(int kilobytes) : m_missing(PrivateMounts::Missing()) {
+SmallDisk::SmallDisk(long kilobytes) : m_missing(PrivateMounts::Missing()) {
     if (!m_missing.empty()) return;
     const std::string size = "size=" + std::to_string(kilobytes) + "k,mode=0755";
     if (::mount("tmpfs", Path().c_str(), "tmpfs", MS_NOSUID | MS_NODEV, size.c_str()) != 0) {

@@ -10,7 +10,7 @@ namespace support {
 /// A tmpfs of `kilobytes` at a directory of its own, in a mount namespace that only this process sees.
 class SmallDisk {
 public:
-    explicit SmallDisk(int kilobytes);
+    explicit SmallDisk(long kilobytes);
     ~SmallDisk();
     SmallDisk(const SmallDisk&) = delete;
     SmallDisk& operator=(const SmallDisk&) = delete;

@@ -182,11 +182,12 @@ base::Status CEventSpool::ReadFacts() {
     m_insert = base::Statement(m_writer,
                                "INSERT INTO messages(time, type, body, extra, arg1, arg2, bytes, seq)"
                                " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8);");
+    if (!m_insert.IsOk()) return m_writer.LastError("open");  // before another statement has a reason of its own
     base::Statement facts(m_writer,
                           "SELECT (SELECT value FROM facts WHERE name='name'),"
                           "(SELECT value FROM facts WHERE name='dropped'),"
                           "(SELECT count(*) FROM messages), (SELECT coalesce(sum(bytes), 0) FROM messages);");
-    if (!m_insert.IsOk() || !facts.Row()) return m_writer.LastError("open");
+    if (!facts.Row()) return m_writer.LastError("open");
     m_name = facts.Text(0);
     {
         base::MutexLock lock(m_figuresLock);
@@ -300,7 +301,8 @@ base::Status CEventSpool::Replace(const base::Error& why) {
         CloseFiles();
         return status;
     }
-    return KeepSinks();
+    // At a start it is not known yet who they are; what they have confirmed stays in memory until it is.
+    return m_sinks.empty() ? status : KeepSinks();
 }
 
 base::Status CEventSpool::SaveDamaged() {
