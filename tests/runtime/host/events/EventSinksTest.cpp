@@ -14,9 +14,11 @@
 #include <string>
 #include <vector>
 
+#include "HostSupport.h"
 #include "base/Fd.h"
 #include "support/Files.h"
 #include "support/HostTricks.h"
+#include "support/HttpServer.h"
 
 using support::LinesOf;
 using support::ReadText;
@@ -364,3 +366,108 @@ TEST(HttpUrlTest, IsAHostByOneOfTwoProtocols) {
 }
 
 }  // namespace
+
+// --- HTTP ---
+
+namespace {
+
+zelhost::SpoolMessage HttpMessage(int64_t seq, const std::string& body) {
+    zelhost::SpoolMessage m;
+    m.seq = seq;
+    m.id = "c5f103700d05934b-" + std::to_string(seq);
+    m.type = "T";
+    m.body = body;
+    return m;
+}
+
+}  // namespace
+
+TEST(HttpSinkTest, WhatIsRefusedAsWrongThreeTimesIsGivenUp) {
+    const std::atomic<bool> stop{false};
+    for (const int status : {400, 413, 415, 422}) {
+        support::TakeLog();
+        support::HttpServer server;
+        server.Refuse("poison", status);
+        zelhost::DeliveryOptions options;
+        options.httpUrl = server.Url();
+        zelhost::CHttpSink sink(options, "p");
+        const std::vector<zelhost::SpoolMessage> messages = {
+            HttpMessage(5000000001, "a"), HttpMessage(5000000002, "poison"), HttpMessage(5000000003, "b")};
+        const auto first = sink.Deliver(messages, stop);
+        EXPECT_EQ(first.safe, 1u);
+        EXPECT_EQ(first.givenUp, 0u);
+        ASSERT_FALSE(first.rest);
+        EXPECT_EQ(first.rest.GetError().Text(), options.httpUrl + ": the server answered " + std::to_string(status));
+        const std::vector<zelhost::SpoolMessage> rest(messages.begin() + 1, messages.end());
+        EXPECT_EQ(sink.Deliver(rest, stop).safe, 0u);
+        EXPECT_TRUE(support::TakeLog().empty());
+        const auto third = sink.Deliver(rest, stop);
+        EXPECT_EQ(third.safe, 2u);
+        EXPECT_EQ(third.givenUp, 1u);
+        EXPECT_TRUE(third.rest);
+        EXPECT_EQ(support::TakeLog(), (Lines{"2 message c5f103700d05934b-5000000002 is given up: " + options.httpUrl +
+                                             " refuses it with " + std::to_string(status)}));
+        EXPECT_EQ(server.Connections(), 5);
+    }
+}
+
+TEST(HttpSinkTest, WhatMayGetBetterIsNeverGivenUp) {
+    const std::atomic<bool> stop{false};
+    support::HttpServer server;
+    zelhost::DeliveryOptions options;
+    options.httpUrl = server.Url();
+    zelhost::CHttpSink sink(options, "p");
+    for (const int status : {401, 403, 404, 408, 414, 429, 500, 503}) {
+        server.AnswerWith(status);
+        for (int i = 0; i < 4; ++i) {
+            const auto handed = sink.Deliver({HttpMessage(1, "a")}, stop);
+            EXPECT_EQ(handed.safe, 0u) << status;
+            EXPECT_EQ(handed.givenUp, 0u) << status;
+        }
+    }
+}
+
+TEST(HttpSinkTest, EachMessageHasItsOwnRefusals) {
+    const std::atomic<bool> stop{false};
+    support::HttpServer server;
+    server.AnswerWith(400);
+    zelhost::DeliveryOptions options;
+    options.httpUrl = server.Url();
+    zelhost::CHttpSink sink(options, "p");
+    // Their numbers differ beyond 32 bits only.
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(sink.Deliver({HttpMessage(1, "a")}, stop).safe, 0u);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(sink.Deliver({HttpMessage(4294967297, "b")}, stop).safe, 0u) << i;
+    EXPECT_EQ(sink.Deliver({HttpMessage(4294967297, "b")}, stop).givenUp, 1u);
+    EXPECT_EQ(sink.Deliver({HttpMessage(2, "c")}, stop).safe, 0u) << "a new one begins anew";
+}
+
+TEST(HttpSinkTest, AMessageIsOneLineWithItsIdBesideIt) {
+    const std::atomic<bool> stop{false};
+    support::HttpServer server;
+    zelhost::DeliveryOptions options;
+    options.httpUrl = server.Url();
+    for (const char* header : {"", "Authorization: Bearer x"}) {
+        options.httpHeader = header;
+        zelhost::CHttpSink sink(options, "proc");
+        const auto message = HttpMessage(7, "a");
+        EXPECT_EQ(sink.Deliver({message}, stop).safe, 1u);
+        const auto request = server.Accepted().back();
+        EXPECT_EQ(request.body, MessageJson(message, "proc") + "\n");
+        EXPECT_THAT(request.head, testing::HasSubstr("\r\nIdempotency-Key: c5f103700d05934b-7"));
+        EXPECT_THAT(request.head, testing::HasSubstr("\r\nContent-Type: application/json"));
+        EXPECT_EQ(request.head.find("Authorization: Bearer x") != std::string::npos, header[0] != '\0');
+    }
+}
+
+TEST(HttpSinkTest, WhatIsToStopHandsOverNothingMore) {
+    const std::atomic<bool> stop{true};
+    support::HttpServer server;
+    zelhost::DeliveryOptions options;
+    options.httpUrl = server.Url();
+    zelhost::CHttpSink sink(options, "p");
+    const auto handed = sink.Deliver({HttpMessage(1, "a")}, stop);
+    EXPECT_EQ(handed.safe, 0u);
+    ASSERT_FALSE(handed.rest);
+    EXPECT_EQ(handed.rest.GetError().Text(), "the process stops");
+    EXPECT_EQ(server.Connections(), 0);
+}

@@ -308,6 +308,116 @@ TEST_F(FleetSinkTest, ARelayThatHangsIsAskedAnew) {
     EXPECT_EQ(patient.Deliver(MessagesOf(1, {"a"}), m_stop).safe, 1u);
 }
 
+TEST_F(FleetSinkTest, NumbersBeyondFourBillionAreWhole) {
+    constexpr int64_t kFar = 5000000000;
+    const struct {
+        const char* what;
+        Reply reply;
+        size_t safe;
+        int64_t back;  // 0: none
+        const char* says;
+    } cases[] = {
+        {"all", support::Stored(kFar + 12), 3, 0, ""},
+        {"back", support::GoBackTo(kFar + 5), 0, kFar + 5, ""},
+        {"back by one", support::GoBackTo(kFar + 8), 0, kFar + 8, ""},
+        {"back to where it is", support::GoBackTo(kFar + 9), 0, 0, "the relay answers 5000000009 to a batch of "},
+        {"too many", support::Stored(kFar + 13), 0, 0,
+         "the relay answers 5000000013 to a batch of 5000000010 to 5000000012 after 5000000009"},
+        {"none of them", support::Stored(kFar + 9), 0, 0, "the relay answers 5000000009 to a batch of "},
+        {"the lower bits", support::Stored(static_cast<int32_t>(kFar + 12)), 0, 0, "the relay answers 705032716 to"},
+    };
+    for (const auto& each : cases) {
+        const Handover handed = Deliver([&](const BatchFrame&) { return each.reply; }, 3, kFar + 10);
+        EXPECT_EQ(handed.safe, each.safe) << each.what;
+        EXPECT_EQ(handed.goBack.value_or(0), each.back) << each.what;
+        EXPECT_THAT(Reason(handed), HasSubstr(each.says)) << each.what;
+        EXPECT_EQ(handed.rest.Ok(), each.says[0] == '\0') << each.what;
+        ASSERT_EQ(m_batches.size(), 1u) << each.what;
+        EXPECT_EQ(m_batches[0].batch.after, kFar + 9);
+        EXPECT_EQ(m_batches[0].batch.first, kFar + 10);
+        EXPECT_EQ(m_batches[0].batch.last, kFar + 12);
+    }
+}
+
+TEST_F(FleetSinkTest, PartsBeyondFourBillionGoOnWhereTheyEnd) {
+    constexpr int64_t kFar = 5000000000;
+    const Handover handed =
+        Deliver([](const BatchFrame& batch) { return support::Stored(batch.batch.first); }, 3, kFar);
+    EXPECT_EQ(handed.safe, 3u);
+    EXPECT_TRUE(handed.rest);
+    std::vector<int64_t> firsts;
+    for (const auto& batch : m_batches) firsts.push_back(batch.batch.first);
+    EXPECT_THAT(firsts, ElementsAre(kFar, kFar + 1, kFar + 2));
+}
+
+TEST_F(FleetSinkTest, WhatWasStoredBeforeAFailureIsKept) {
+    const struct {
+        const char* what;
+        Reply reply;
+        const char* says;
+        int pauseMs;
+        int64_t back;
+    } cases[] = {
+        {"a pause", support::Later(1234, fleet::State::kBlocked, "the stream is full"), "blocked: the stream is full",
+         1234, 0},
+        {"a pause without a reason", support::Later(1, fleet::State::kWaiting, ""), "waiting", 1, 0},
+        {"a way back", support::GoBackTo(4), "", 0, 4},
+        {"another batch's answer", support::Stored(99), "the relay answers 99 to a batch of 12 to 12 after 11", 0, 0},
+    };
+    for (const auto& each : cases) {
+        const Handover handed = Deliver(
+            [&](const BatchFrame& batch) { return batch.batch.first == 12 ? each.reply : support::Stored(11); }, 3);
+        EXPECT_EQ(handed.safe, 2u) << each.what;
+        EXPECT_EQ(handed.retryAfter.count(), each.pauseMs) << each.what;
+        EXPECT_EQ(handed.goBack.value_or(0), each.back) << each.what;
+        EXPECT_EQ(handed.givenUp, 0u);
+        EXPECT_THAT(Reason(handed), HasSubstr(each.says)) << each.what;
+        EXPECT_EQ(handed.rest.Ok(), each.says[0] == '\0') << each.what;
+        EXPECT_EQ(m_connections, 1) << each.what;
+    }
+}
+
+TEST_F(FleetSinkTest, AConnectionThatIsKnownToBeGoneIsNoSecondChance) {
+    std::atomic<bool> closing{false};
+    RelayPlayer relay(Socket(), [&](const BatchFrame& batch) { return closing ? support::Closing() : TakeAll(batch); });
+    CFleetSink sink = Sink();
+    EXPECT_EQ(sink.Deliver(MessagesOf(1, {"a"}), m_stop).safe, 1u);
+    relay.Say("unasked");
+    closing = true;
+    const Handover handed = sink.Deliver(MessagesOf(2, {"a"}), m_stop);
+    EXPECT_EQ(handed.safe, 0u);
+    EXPECT_EQ(Reason(handed), "the relay has closed the connection before it had answered");
+    EXPECT_EQ(relay.Connections(), 2) << "the new one's end is the relay's answer";
+    EXPECT_EQ(relay.Batches().size(), 2u);
+}
+
+TEST_F(FleetSinkTest, AnAnswerThatIsTooLongEndsTheConnection) {
+    std::atomic<bool> bad{true};
+    RelayPlayer relay(Socket(), [&](const BatchFrame& batch) {
+        const std::string head("\x02\x01\0\0\x01\x04\0\0", fleet::kFrameHeaderBytes);  // a body of 1025 bytes
+        return bad ? Reply{head, false, false} : TakeAll(batch);
+    });
+    CFleetSink sink = Sink();
+    const Handover handed = sink.Deliver(MessagesOf(1, {"a"}), m_stop);
+    EXPECT_EQ(handed.safe, 0u);
+    EXPECT_FALSE(handed.rest);
+    bad = false;
+    EXPECT_EQ(sink.Deliver(MessagesOf(1, {"a"}), m_stop).safe, 1u);
+    EXPECT_EQ(relay.Connections(), 2);
+}
+
+TEST_F(FleetSinkTest, ASinkThatIsToStopSaysSoAndConnectsToNobody) {
+    RelayPlayer relay(Socket(), TakeAll);
+    CFleetSink sink = Sink();
+    m_stop = true;
+    const Handover handed = sink.Deliver(MessagesOf(1, {"a"}), m_stop);
+    EXPECT_EQ(handed.safe, 0u);
+    EXPECT_EQ(Reason(handed), "the process stops");
+    EXPECT_EQ(relay.Connections(), 0);
+    EXPECT_EQ(sink.BatchSize(), fleet::kMostEvents);
+    EXPECT_TRUE(sink.KeepsConfirmed());
+}
+
 // --- as a lane ---
 
 namespace {

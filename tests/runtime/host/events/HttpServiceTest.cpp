@@ -5,7 +5,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
+#include <memory>
+#include <thread>
 
 #include "HostSupport.h"
 #include "support/HttpServer.h"
@@ -76,6 +79,164 @@ TEST(HttpServiceTest, ServerErrorsAreTriedAgainRefusalsAreNot) {
     server.AnswerWith(302);
     const auto redirected = CHttpService::Instance().Post(To(server.Url(), 1));
     EXPECT_FALSE(redirected.outcome) << "redirections are not followed";
+}
+
+TEST(HttpServiceTest, TheContentGoesWholeWhateverIsInIt) {
+    support::HttpServer server;
+    HttpRequest request = To(server.Url());
+    request.body = std::string("a\0b", 3) + std::string(2 << 20, 'x');
+    request.contentType = "text/plain";
+    CHttpService service;
+    ASSERT_TRUE(support::IsOk(service.Post(request).outcome));
+    ASSERT_EQ(server.Accepted().size(), 1u);
+    EXPECT_TRUE(server.Accepted()[0].body == request.body);
+    EXPECT_THAT(server.Accepted()[0].head, testing::HasSubstr("Content-Type: text/plain"));
+    EXPECT_THAT(server.Accepted()[0].head, testing::Not(testing::HasSubstr("Expect")))
+        << "a server that does not know it would be waited for";
+}
+
+TEST(HttpServiceTest, AnAnswersContentIsTakenUpToItsBound) {
+    support::HttpServer server;
+    CHttpService service;
+    server.AnswerContent(64 * 1024);
+    EXPECT_TRUE(support::IsOk(service.Post(To(server.Url())).outcome));
+    EXPECT_EQ(service.GetFailCount(), 0u);
+    server.AnswerContent(64 * 1024 + 1);
+    EXPECT_FALSE(service.Post(To(server.Url())).outcome);
+    EXPECT_EQ(service.GetFailCount(), 1u);
+    server.AnswerContent(100);
+    EXPECT_TRUE(support::IsOk(service.Post(To(server.Url())).outcome)) << "each answer is counted anew";
+}
+
+TEST(HttpServiceTest, EachStatusHasItsNumberOfAttempts) {
+    const struct {
+        int status;
+        bool good;
+        unsigned int attempts;
+    } cases[] = {{200, true, 1},  {204, true, 1},  {299, true, 1},  {300, false, 2}, {399, false, 2}, {400, false, 1},
+                 {404, false, 1}, {408, false, 2}, {429, false, 2}, {499, false, 1}, {500, false, 2}, {503, false, 2}};
+    support::HttpServer server;
+    for (const auto& each : cases) {
+        CHttpService service;
+        server.AnswerWith(each.status);
+        const int before = server.Connections();
+        const auto result = service.Post(To(server.Url(), 2));
+        EXPECT_EQ(result.outcome.Ok(), each.good) << each.status;
+        EXPECT_EQ(result.status, each.status);
+        EXPECT_EQ(result.attempts, each.attempts) << each.status;
+        EXPECT_EQ(server.Connections(), before + static_cast<int>(each.attempts)) << each.status;
+        EXPECT_EQ(service.GetFailCount(), each.good ? 0 : each.attempts) << each.status;
+        if (each.good) continue;
+        EXPECT_EQ(result.outcome.GetError().Text(), "the server answered " + std::to_string(each.status));
+    }
+}
+
+TEST(HttpServiceTest, ARedirectionIsNotFollowed) {
+    support::HttpServer server, other;
+    server.AnswerWith(307);
+    server.PointTo(other.Url());
+    CHttpService service;
+    const auto result = service.Post(To(server.Url()));
+    EXPECT_EQ(result.status, 307);
+    EXPECT_FALSE(result.outcome);
+    EXPECT_EQ(other.Connections(), 0);
+}
+
+TEST(HttpServiceTest, AnAttemptThatIsAnsweredEndsTheRepetitions) {
+    support::HttpServer server;
+    server.Hang(true);
+    HttpRequest request = To(server.Url(), 3);
+    CHttpService service;
+    std::thread later([&] {
+        support::Eventually([&] { return service.GetFailCount() >= 1; });
+        server.Hang(false);
+    });
+    request.timeoutMs = 500;
+    const auto result = service.Post(request);
+    later.join();
+    ASSERT_TRUE(support::IsOk(result.outcome));
+    EXPECT_EQ(result.status, 200);
+    EXPECT_EQ(result.attempts, 1 + service.GetFailCount());
+    EXPECT_GT(result.attempts, 1u);
+}
+
+TEST(HttpServiceTest, AFailedRepetitionSaysNothingOfTheAnswerBefore) {
+    auto server = std::make_unique<support::HttpServer>();
+    server->AnswerWith(503);
+    const std::string url = server->Url();
+    CHttpService service;
+    std::thread later([&] {
+        support::Eventually([&] { return service.GetFailCount() >= 1; });
+        server.reset();
+    });
+    const auto result = service.Post(To(url, 2));
+    later.join();
+    EXPECT_FALSE(result.outcome);
+    EXPECT_EQ(result.attempts, 2u);
+    EXPECT_EQ(result.status, 0) << "nobody answered the last one";
+}
+
+TEST(HttpServiceTest, WithoutRepetitionsLeftEachIsAskedOnce) {
+    support::HttpServer server;
+    CHttpService service;
+    server.AnswerWith(500);
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(service.Post(To(server.Url(), 2)).attempts, 2u) << i;
+    EXPECT_EQ(service.Post(To(server.Url(), 2)).attempts, 1u) << "ten are all it has";
+    EXPECT_EQ(service.GetFailCount(), 21u);
+    server.AnswerWith(200);
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(service.Post(To(server.Url(), 2)).attempts, 1u);
+    server.AnswerWith(500);
+    EXPECT_EQ(service.Post(To(server.Url(), 2)).attempts, 1u) << "nine answers are too few";
+    server.AnswerWith(200);
+    service.Post(To(server.Url(), 2));
+    server.AnswerWith(500);
+    EXPECT_EQ(service.Post(To(server.Url(), 2)).attempts, 2u) << "ten answers earn one";
+    EXPECT_EQ(service.Post(To(server.Url(), 2)).attempts, 1u);
+}
+
+TEST(HttpServiceTest, ARequestThatIsStoppedIsNobodysFailure) {
+    CHttpService service;
+    for (const bool before : {true, false}) {
+        support::HttpServer server;
+        server.Hang(true);
+        std::atomic<bool> stop{before};
+        HttpRequest request = To(server.Url(), 3);
+        request.timeoutMs = 3600000;
+        request.stop = &stop;
+        std::thread later([&] {
+            support::Eventually([&] { return before || server.Connections() > 0; });
+            stop = true;
+        });
+        const auto result = service.Post(request);
+        later.join();
+        EXPECT_FALSE(result.outcome);
+        EXPECT_EQ(result.attempts, 1u);
+    }
+    EXPECT_EQ(service.GetFailCount(), 0u);
+}
+
+TEST(HttpServiceTest, AuthoritiesThatAreNoneAreNamed) {
+    support::TempDir dir;
+    ASSERT_TRUE(support::WriteText(dir / "empty.pem", ""));
+    support::HttpServer server;
+    CHttpService service;
+    HttpRequest request = To(server.Url());
+    const struct {
+        std::string file, says;
+    } cases[] = {{dir / "empty.pem", "it is empty"}, {dir / "none.pem", "No such file"}};
+    for (const auto& each : cases) {
+        request.caFile = each.file;
+        request.verifyTls = true;
+        const auto refused = service.Post(request);
+        ASSERT_FALSE(refused.outcome);
+        EXPECT_THAT(refused.outcome.GetError().Text(),
+                    testing::AllOf(testing::StartsWith("the authorities of " + each.file + " are not used: "),
+                                   testing::HasSubstr(each.says)));
+        EXPECT_EQ(refused.status, 0);
+        request.verifyTls = false;
+        EXPECT_TRUE(support::IsOk(service.Post(request).outcome)) << "nobody's word is asked for";
+    }
+    EXPECT_EQ(server.Connections(), 2);
 }
 
 TEST(HttpServiceTest, TheRetryBudgetRunsDryAndRefillsByTenths) {
