@@ -271,7 +271,7 @@ TEST_F(EventDeliveryLaneTest, ALaneThatHasNothingLeftComputesNothing) {
 
 // --- the spool's care ---
 
-TEST_F(EventDeliveryLaneTest, AFileThatCannotBeOpenedIsTriedUntilItCan) {
+TEST_F(EventDeliveryLaneTest, AFileThatCannotBeOpenedIsTriedAgain) {
     ASSERT_TRUE(support::WriteText(m_dir / "spool", "in the way"));
     support::HttpServer server;
     DeliveryOptions options = Options();

@@ -160,7 +160,7 @@ TEST(HttpServiceTest, AnAttemptThatIsAnsweredEndsTheRepetitions) {
     EXPECT_GT(result.attempts, 1u);
 }
 
-TEST(HttpServiceTest, AFailedRepetitionSaysNothingOfTheAnswerBefore) {
+TEST(HttpServiceTest, AFailedRepetitionForgetsTheAnswerBefore) {
     auto server = std::make_unique<support::HttpServer>();
     server->AnswerWith(503);
     const std::string url = server->Url();
