@@ -184,7 +184,7 @@ TEST_F(EventDeliveryLaneTest, FiguresBeyondFourBillionAreToldWhole) {
 
 // --- when it is tried again ---
 
-TEST_F(EventDeliveryLaneTest, EachSuccessMakesTheFirstPauseShortAgain) {
+TEST_F(EventDeliveryLaneTest, EachSuccessMakesThePauseShortAgain) {
     std::atomic<int> asked{0};
     RelayPlayer relay(Socket(), [&](const BatchFrame& batch) {
         return support::Stored(batch.batch.last + (asked++ % 2 == 0 ? 1 : 0));  // each second answer fits

@@ -1,8 +1,12 @@
 // What the spool says of itself, and what of it outlasts the process: counts, cursors, a file that cannot be opened.
 #include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
+
 #include "HostSupport.h"
 #include "events/EventSpool.h"
+#include "events/NoGrowth.h"
 #include "events/SpoolMessages.h"
 
 using zelhost::CEventSpool;
@@ -188,6 +192,107 @@ TEST_F(EventSpoolFiguresTest, NumbersAndNamesGoOnAfterAllWasTaken) {
     EXPECT_EQ(name + "-" + std::to_string(last + 1), messages->at(0).id);
     EXPECT_EQ(16U, name.size()) << "of a random number of 64 bits";
     EXPECT_EQ(std::string::npos, name.find_first_not_of("0123456789abcdef"));
+}
+
+TEST_F(EventSpoolFiguresTest, WhatIsGivenUpCountsOnceWhateverFails) {
+    CEventSpool spool;
+    Open(spool, {"one", "two"});
+    for (const char* body : {"a", "b", "c"}) ASSERT_TRUE(spool.Append(Message(body)));
+    ASSERT_TRUE(support::IsOk(spool.Confirm("two", 3)));
+    {
+        const support::NoGrowth full;
+        EXPECT_FALSE(spool.Confirm("one", 2, 2));
+        EXPECT_TRUE(spool.HasUnsaved());
+        EXPECT_EQ(2U, spool.GivenUp("one")) << "it holds at once";
+        EXPECT_EQ(1U, spool.Waiting("one"));
+        EXPECT_EQ((Lines{"c"}), Bodies(spool, "one"));
+        EXPECT_EQ(3U, spool.GetFigures().messages) << "and what is in the file stays there";
+        EXPECT_FALSE(spool.FlushMemory());
+        EXPECT_TRUE(spool.HasUnsaved());
+        EXPECT_FALSE(spool.Rest()) << "something is to be written";
+    }
+    EXPECT_TRUE(spool.FlushMemory());
+    EXPECT_FALSE(spool.HasUnsaved());
+    EXPECT_EQ(2U, spool.GivenUp("one"));
+    EXPECT_EQ(1U, spool.GetFigures().messages);
+    ASSERT_TRUE(support::IsOk(spool.Confirm("one", 3)));
+    EXPECT_TRUE(spool.Rest());
+    spool.Close();
+    CEventSpool next;
+    Open(next, {"one", "two"});
+    EXPECT_EQ(2U, next.GivenUp("one")) << "an empty file is looked into for it";
+    EXPECT_EQ(0U, next.GivenUp("two"));
+    EXPECT_FALSE(next.IsResting());
+}
+
+TEST_F(EventSpoolFiguresTest, WhoListensHearsOfEachThingOnce) {
+    int heard = 0;
+    CEventSpool spool;
+    spool.SetListener([&] { ++heard; });
+    Open(spool);
+    EXPECT_EQ(0, heard) << "whoever opens it looks for himself";
+    ASSERT_TRUE(spool.Append(Message("a")));
+    EXPECT_EQ(1, heard);
+    EXPECT_TRUE(spool.FlushMemory());
+    EXPECT_EQ(1, heard) << "there was nothing to bring to disk";
+    {
+        const support::NoGrowth full;
+        EXPECT_FALSE(spool.Append(Message("b")));
+        EXPECT_EQ(2, heard) << "somebody has to try again";
+    }
+    EXPECT_TRUE(spool.FlushMemory());
+    EXPECT_EQ(3, heard);
+    ASSERT_TRUE(support::IsOk(spool.Confirm("one", 2)));
+    EXPECT_EQ(3, heard) << "nothing is to be delivered because of that";
+}
+
+TEST_F(EventSpoolFiguresTest, WithoutSinksItRestsOnWhatItHas) {
+    {
+        CEventSpool spool;
+        Open(spool, {});
+        for (const char* body : {"a", "b"}) ASSERT_TRUE(spool.Append(Message(body)));
+        EXPECT_EQ(2U, spool.GetFigures().messages);
+        EXPECT_TRUE(spool.Rest());
+        EXPECT_TRUE(spool.IsResting());
+        ASSERT_TRUE(spool.Append(Message("c")));
+        EXPECT_FALSE(spool.IsResting());
+        EXPECT_EQ(3U, spool.GetFigures().messages);
+        EXPECT_EQ(0U, spool.GetFigures().dropped);
+    }
+    CEventSpool spool;
+    Open(spool);
+    EXPECT_FALSE(spool.IsResting()) << "something waits in it";
+    EXPECT_EQ((Lines{"a", "b", "c"}), Bodies(spool, "one")) << "whoever comes has all of it";
+    EXPECT_FALSE(spool.Rest());
+}
+
+TEST_F(EventSpoolFiguresTest, SendersMoveALongLogIntoTheFile) {
+    CEventSpool spool;
+    ASSERT_TRUE(support::IsOk(spool.Open(m_path, 32 << 20, 3)));
+    ASSERT_TRUE(support::IsOk(spool.SetSinks({"one"})));
+    uintmax_t longest = 0;
+    for (int i = 0; i < 60; ++i) {
+        ASSERT_TRUE(spool.Append(Message(std::string(100000, 'x'))));
+        longest = std::max(longest, std::filesystem::file_size(m_path + "-wal"));
+    }
+    EXPECT_LT(longest, 1100000U) << "three quarters of a megabyte and one commit";
+    EXPECT_GT(longest, 700000U) << "and not at each of them";
+    EXPECT_GT(std::filesystem::file_size(m_path), 4800000U);
+    EXPECT_EQ(60U, Bodies(spool, "one").size());
+}
+
+TEST_F(EventSpoolFiguresTest, OfGarbageNobodyKnowsWhatItWas) {
+    support::TakeLog();
+    ASSERT_TRUE(support::WriteText(m_path, std::string(8192, 'x')));
+    CEventSpool spool;
+    Open(spool);
+    EXPECT_EQ(0U, spool.GetFigures().dropped);
+    EXPECT_FALSE(spool.GetFigures().broken);
+    const Lines log = support::TakeLog();
+    ASSERT_EQ(1U, log.size()) << testing::PrintToString(log);
+    EXPECT_THAT(log[0], testing::StartsWith("2 the event spool " + m_path + " is damaged ("));
+    EXPECT_THAT(log[0], testing::HasSubstr("); put aside as " + m_path + ".corrupt-"));
+    EXPECT_THAT(log[0], testing::EndsWith(": 0 messages saved, how many are lost is not known"));
 }
 
 }  // namespace

@@ -273,6 +273,75 @@ TEST_F(EventSpoolKeptTest, TheyGoWithTheSinkTheyAreKeptFor) {
     EXPECT_TRUE(spool.Rest());
 }
 
+TEST_F(EventSpoolKeptTest, TheyStayForTheTimeAndAPartOfIt) {
+    using Time = CEventSpool::Clock::time_point;
+    const std::chrono::milliseconds part = std::chrono::milliseconds(kTime) / CEventSpool::kKeepParts;
+    CEventSpool spool;
+    OpenKeeping(spool);
+    EXPECT_EQ(spool.KeptUntil(), Time::min());
+    Append(spool, 3);
+    ConfirmAll(spool, 1);
+    const Time first = Time(m_now) + kTime + part;
+    EXPECT_EQ(spool.KeptUntil(), first);
+    m_now += part - std::chrono::milliseconds(1);
+    ConfirmAll(spool, 2);
+    EXPECT_EQ(spool.KeptUntil(), first) << "of one part of the time with the one before";
+    m_now += std::chrono::milliseconds(1);
+    ConfirmAll(spool, 3);
+    const Time second = Time(m_now) + kTime + part;
+    EXPECT_EQ(spool.KeptUntil(), second);
+    EXPECT_EQ(spool.GetFigures().kept, 3u);
+    m_now = std::chrono::ceil<std::chrono::milliseconds>(first.time_since_epoch()) - std::chrono::milliseconds(1);
+    EXPECT_FALSE(spool.RemoveExpired());
+    EXPECT_EQ(spool.GetFigures().kept, 3u);
+    m_now += std::chrono::milliseconds(1);
+    RemoveAllExpired(spool);
+    EXPECT_EQ(spool.GetFigures().kept, 1u) << "those of the first part";
+    EXPECT_EQ(spool.KeptUntil(), second);
+    m_now = std::chrono::ceil<std::chrono::milliseconds>(second.time_since_epoch());
+    RemoveAllExpired(spool);
+    EXPECT_EQ(spool.GetFigures().kept, 0u);
+    EXPECT_EQ(spool.GetFigures().bytes, 0u);
+    EXPECT_EQ(spool.KeptUntil(), Time::min());
+    EXPECT_EQ(spool.GetFigures().dropped, 0u);
+}
+
+TEST_F(EventSpoolKeptTest, TheyGoSomeAtATime) {
+    CEventSpool spool;
+    OpenKeeping(spool);
+    Append(spool, 1100);
+    ConfirmAll(spool, 1099);
+    m_now += kWhole;
+    for (const uint64_t left : {587u, 75u, 0u}) {
+        EXPECT_TRUE(spool.RemoveExpired());
+        EXPECT_EQ(spool.GetFigures().kept, left);
+        EXPECT_EQ(spool.GetFigures().messages, 1u);
+    }
+    EXPECT_FALSE(spool.RemoveExpired());
+    EXPECT_EQ(Numbers(spool, "fleet"), std::vector<int64_t>{1100});
+}
+
+TEST_F(EventSpoolKeptTest, WhatIsKeptIsCountedApart) {
+    CEventSpool spool;
+    OpenKeeping(spool);
+    Append(spool, 5);
+    const uint64_t bytes = spool.GetFigures().bytes;
+    EXPECT_EQ(spool.GetFigures().kept, 0u);
+    ASSERT_TRUE(support::IsOk(spool.Confirm("fleet", 4)));
+    EXPECT_EQ(spool.GetFigures().kept, 0u) << "the other sink waits for all";
+    EXPECT_EQ(spool.GetFigures().messages, 5u);
+    ASSERT_TRUE(support::IsOk(spool.Confirm("other", 2)));
+    EXPECT_EQ(spool.GetFigures().kept, 2u);
+    EXPECT_EQ(spool.GetFigures().messages, 3u);
+    EXPECT_EQ(spool.GetFigures().bytes, bytes) << "of both";
+    EXPECT_EQ(spool.Waiting("fleet"), 1u);
+    EXPECT_EQ(spool.Waiting("other"), 3u);
+    ASSERT_TRUE(support::IsOk(spool.GoBack("fleet", 1)));
+    EXPECT_EQ(spool.GetFigures().kept, 1u);
+    EXPECT_EQ(spool.GetFigures().messages, 4u);
+    EXPECT_EQ(spool.Waiting("fleet"), 4u);
+}
+
 TEST_F(EventSpoolKeptTest, AFullSpoolLetsThemGoFirstAndCountsNone) {
     CEventSpool spool;
     OpenKeeping(spool, 100000);

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -339,6 +340,31 @@ TEST_F(EventSpoolOutageTest, DamageFoundAtAStartLeavesTheCursors) {
     ASSERT_TRUE(messages && messages->size() == 1);
     EXPECT_EQ(messages->front().seq, 21);
     EXPECT_EQ(messages->front().after, 20);
+}
+
+TEST_F(EventSpoolOutageTest, OfADamagedFileOnlyWhatItWeighedIsSaved) {
+    {
+        CEventSpool spool;
+        Open(spool, 8 << 20);
+        for (int i = 0; i < 400; ++i) ASSERT_TRUE(spool.Append(Message("m" + std::string(1000, '.'))));
+    }
+    Change("UPDATE messages SET body = 'of another length' WHERE seq IN (7, 390);");
+    Damage(60, 2);
+    CEventSpool spool;
+    Open(spool, 8 << 20);
+    const auto saved = spool.Read("one", 1000, 1 << 30);
+    ASSERT_TRUE(saved);
+    std::vector<int64_t> numbers;
+    for (const SpoolMessage& each : *saved) {
+        numbers.push_back(each.seq);
+        EXPECT_EQ(each.body.size(), 1001u);
+        EXPECT_EQ(each.time, 1700000000);
+        EXPECT_EQ(each.type, "T");
+        EXPECT_EQ(each.arg1, 1);
+    }
+    EXPECT_THAT(numbers, testing::IsSupersetOf({1, 6, 8, 389, 391, 400}));
+    EXPECT_EQ(400 - numbers.size(), spool.GetFigures().dropped);
+    EXPECT_EQ(std::count(numbers.begin(), numbers.end(), 7) + std::count(numbers.begin(), numbers.end(), 390), 0);
 }
 
 TEST_F(EventSpoolOutageTest, ALargeDisksRoomIsSeenWhole) {
