@@ -6,12 +6,14 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <memory>
 
 #include "HostSupport.h"
 #include "events/EventDelivery.h"
+#include "events/NoGrowth.h"
 #include "events/RelayPlayer.h"
 #include "support/HttpServer.h"
 #include "support/Waiting.h"
@@ -305,7 +307,72 @@ TEST_F(EventDeliveryLaneTest, ARefusalWhileItRestsIsInTheFileSoon) {
         << "were the process killed now, nobody would know of it";
 }
 
+TEST_F(EventDeliveryLaneTest, AStopBringsToDiskWhatWaitsInMemory) {
+    support::HttpServer server;
+    DeliveryOptions options = Options();
+    {
+        CEventDelivery delivery(options, "tervane");
+        ASSERT_TRUE(support::IsOk(delivery.Start()));
+        {
+            const support::NoGrowth full;
+            EXPECT_FALSE(delivery.SendMsg("T", "early", "", 1, 0));
+            EXPECT_EQ(delivery.Stats().inMemory, 1u);
+            EXPECT_TRUE(delivery.Stats().spoolBroken);
+        }
+        delivery.Stop();
+        EXPECT_FALSE(delivery.SendMsg("T", "late", "", 1, 0));
+    }
+    options.httpUrl = server.Url();
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    ASSERT_TRUE(delivery.Flush(20000));
+    EXPECT_EQ(Bodies(server), Lines{"early"});
+    EXPECT_EQ(delivery.Stats().dropped, 0u);
+}
+
+TEST_F(EventDeliveryLaneTest, AMessageWithoutMemoryIsRefusedAndCounted) {
+    CEventDelivery delivery(Options(), "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    const std::string body(1000, 'b');
+    support::FailAllocation(1);
+    EXPECT_FALSE(delivery.SendMsg("T", body, "", 1, 0));
+    support::FailAllocation(0);
+    const auto stats = delivery.Stats();
+    EXPECT_TRUE(stats.present);
+    EXPECT_EQ(stats.refused, 1u);
+    EXPECT_EQ(stats.dropped, 1u);
+    EXPECT_EQ(stats.accepted, 0u);
+    EXPECT_TRUE(delivery.SendMsg("T", body, "", 1, 0));
+    EXPECT_EQ(delivery.Stats().accepted, 1u);
+}
+
 // --- figures and options of a sink ---
+
+TEST_F(EventDeliveryLaneTest, EachReasonOfAFailureIsToldOnce) {
+    support::HttpServer server;
+    server.AnswerWith(503);
+    DeliveryOptions options = Options();
+    options.httpUrl = server.Url();
+    support::TakeLog();
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    Send(delivery, 1);
+    const std::string begin = "3 event sink http: " + options.httpUrl + ": the server answered ";
+    for (const char* status : {"503", "500", "404"}) {
+        server.AnswerWith(std::atoi(status));
+        ASSERT_TRUE(Eventually([&] { return support::LogHolds(begin + status + "; it is tried again"); })) << status;
+        const uint64_t failures = Sink(delivery, "http").failures;
+        ASSERT_TRUE(Eventually([&] { return Sink(delivery, "http").failures >= failures + 3; }));
+        EXPECT_EQ(Sink(delivery, "http").lastError, options.httpUrl + ": the server answered " + status);
+        EXPECT_EQ(support::LogCount(begin + status), 1u);
+    }
+    EXPECT_EQ(Sink(delivery, "http").delivered, 0u);
+    EXPECT_EQ(support::LogCount("works again"), 0u);
+    server.AnswerWith(200);
+    ASSERT_TRUE(delivery.Flush(20000));
+    EXPECT_TRUE(Eventually([&] { return Sink(delivery, "http").lastError.empty(); }));
+    EXPECT_EQ(support::LogCount("4 event sink http works again"), 1u);
+}
 
 TEST_F(EventDeliveryLaneTest, ChangedSinksKeepTheirCounts) {
     support::HttpServer server;
