@@ -2,8 +2,10 @@
 #include "events/EventSinks.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <json/json.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -11,6 +13,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -207,6 +210,53 @@ TEST_F(JsonLinesTest, TheSizeGoesOnFromWhatStandsThere) {
     ASSERT_EQ(1U, Deliver(sink, "x").safe);
     EXPECT_EQ(line, ReadText(m_path));
     EXPECT_EQ(line + line + line, ReadText(m_path + ".1"));
+}
+
+namespace {
+
+/// Lifts the bound on the length of files while it lives.
+class LongFiles {
+public:
+    LongFiles() {
+        getrlimit(RLIMIT_FSIZE, &m_old);
+        rlimit none{RLIM_INFINITY, RLIM_INFINITY};
+        m_lifted = setrlimit(RLIMIT_FSIZE, &none) == 0;
+    }
+    ~LongFiles() { setrlimit(RLIMIT_FSIZE, &m_old); }
+    LongFiles(const LongFiles&) = delete;
+    LongFiles& operator=(const LongFiles&) = delete;
+    explicit operator bool() const { return m_lifted; }
+
+private:
+    rlimit m_old{};
+    bool m_lifted = false;
+};
+
+}  // namespace
+
+TEST_F(JsonLinesTest, AFileBeyondFourGigabytesIsCutAndTurnedWhole) {
+    const LongFiles lifted;
+    if (!lifted) GTEST_SKIP() << "files may not be that long here";
+    const off_t whole = (off_t{1} << 32) + 100;  // of which the lower 32 bits are a place of their own
+    ASSERT_TRUE(WriteText(m_path, ""));
+    const base::Fd file(open(m_path.c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(5, pwrite(file.Get(), "\ntorn", 5, whole - 1));  // what stands before it takes no room
+    const uint64_t most = static_cast<uint64_t>(whole) + LineOf("x").size();
+    {
+        zelhost::CJsonLinesSink sink(m_path, most, 1, "p");
+        EXPECT_EQ(1U, Deliver(sink, "x").safe);
+        EXPECT_EQ(most, std::filesystem::file_size(m_path)) << "the torn line is gone, nothing else is";
+        EXPECT_FALSE(support::Exists(m_path + ".1"));
+        EXPECT_EQ(1U, Deliver(sink, "y").safe);
+        EXPECT_EQ(most, std::filesystem::file_size(m_path + ".1")) << "it was full";
+        EXPECT_EQ(LineOf("y"), ReadText(m_path));
+    }
+    char last[64] = {};
+    const std::string line = LineOf("x");
+    ASSERT_LE(line.size(), 256U);
+    EXPECT_EQ(static_cast<ssize_t>(sizeof(last)),
+              pread(file.Get(), last, sizeof(last), static_cast<off_t>(most - sizeof(last))));
+    EXPECT_EQ(line.substr(line.size() - sizeof(last)), std::string(last, sizeof(last)));
 }
 
 TEST_F(JsonLinesTest, OneHandoverIsDividedAmongTheFiles) {
