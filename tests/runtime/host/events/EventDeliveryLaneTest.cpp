@@ -330,7 +330,7 @@ TEST_F(EventDeliveryLaneTest, AStopBringsToDiskWhatWaitsInMemory) {
     EXPECT_EQ(delivery.Stats().dropped, 0u);
 }
 
-TEST_F(EventDeliveryLaneTest, AMessageWithoutMemoryIsRefusedAndCounted) {
+TEST_F(EventDeliveryLaneTest, AMessageWithoutMemoryIsCounted) {
     CEventDelivery delivery(Options(), "tervane");
     ASSERT_TRUE(support::IsOk(delivery.Start()));
     const std::string body(1000, 'b');
