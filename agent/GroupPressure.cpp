@@ -342,7 +342,8 @@ GroupPressureStatus GroupPressure::Status() const {
             one.stall.avg10_100times = figures.avg10_100times;
             one.stall.avg60_100times = figures.avg60_100times;
         }
-        one.stall.lasts = second < one.endsAt;
+        one.stall.lasts = IsStalledNow(second < one.endsAt, StallEpisode::IsFresh(one.endsAt, second),
+                                       one.stall.avg10_100times, one.stall.thresholdPercent);
         out.components.push_back(std::move(one.stall));
     }
     return out;

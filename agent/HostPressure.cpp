@@ -8,7 +8,6 @@
 #include <ctime>
 
 #include "AgentLog.h"
-#include "ComponentCare.h"
 #include "EventSink.h"
 #include "SteadyTime.h"
 #include "base/Clock.h"
@@ -24,6 +23,7 @@ constexpr size_t kNamedConsumers = 5;
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kUsPerMs = 1000;
 constexpr int64_t kHundredths = 10000;  // of the whole
+constexpr char kSwitchedOff[] = "switched off in the configuration";
 
 int64_t NowMs() {
     return base::ClockNs(CLOCK_BOOTTIME) / kNsPerMs;
@@ -67,6 +67,11 @@ bool StallEpisode::TakeArming(int64_t second) {
     return true;
 }
 
+bool IsStalledNow(bool underWay, bool began, int avg10_100times, int thresholdPercent) {
+    constexpr int kTenth = 10;  // hundredths for each percent
+    return underWay && (began || avg10_100times < 0 || avg10_100times >= thresholdPercent * kTenth);
+}
+
 HostPressure::~HostPressure() {
     Close();
 }
@@ -74,6 +79,7 @@ HostPressure::~HostPressure() {
 void HostPressure::Follow(const PressureThresholds& thresholds) {
     if (m_thresholds && thresholds == *m_thresholds) return;
     m_thresholds = thresholds;
+    const int64_t second = SecondsSinceBoot();
     for (const base::PressureResource resource : base::kAllPressureResources) {
         Watched& watched = m_watched[static_cast<size_t>(resource)];
         watched.resource = resource;
@@ -81,30 +87,37 @@ void HostPressure::Follow(const PressureThresholds& thresholds) {
         watched.episode.ForgetArming();
         watched.measureAt = 0;
         watched.before = {};
-        Arm(watched);
+        Arm(watched, second);
     }
 }
 
-void HostPressure::Arm(Watched& watched) {
+void HostPressure::Arm(Watched& watched, int64_t second) {
     Disarm(watched);
-    const std::string off = "switched off in the configuration";
+    const std::string off = kSwitchedOff;
     if (watched.trigger.percent == 0) return Publish(watched, &off);
+    const base::Status opened = Open(watched);
+    std::string problem;
+    if (!opened) problem = Refusal(opened.GetError());
+    // A kernel without these files will have none later, either.
+    if (!opened && opened.GetError().kind != base::ErrorKind::kNotFound) {
+        watched.episode.Refused(second);
+        problem += "; it is asked again every minute";
+    }
+    Publish(watched, &problem);
+}
+
+base::Status HostPressure::Open(Watched& watched) {
     std::string problem;
     if (m_loop == nullptr) m_loop = zel::JoinProcessLoop(problem);
-    if (m_loop == nullptr) return Publish(watched, &problem);
+    if (m_loop == nullptr) return base::SentenceError(problem);
     base::Result<base::Fd> file = base::OpenPressureTrigger(watched.resource, watched.trigger);
-    if (!file) {
-        problem = Refusal(file.GetError());
-        return Publish(watched, &problem);
-    }
+    if (!file) return file.GetError();
     watched.file = std::move(*file);
+    base::Status opened;
     m_loop->Run([&] {
         auto watch = std::make_unique<base::IoWatch>(*m_loop);
-        const base::Status opened = watch->Open(watched.file.Get());
-        if (!opened) {
-            problem = opened.GetError().Text();
-            return;
-        }
+        opened = watch->Open(watched.file.Get());
+        if (!opened) return;
         // One wait calls once: until it is armed anew a stall that goes on wakes nobody.
         watch->WaitUrgent([this, &watched] {
             watched.fired = true;
@@ -112,8 +125,8 @@ void HostPressure::Arm(Watched& watched) {
         });
         watched.watch = std::move(watch);
     });
-    if (watched.watch == nullptr) watched.file.Reset();
-    Publish(watched, &problem);
+    if (!opened) watched.file.Reset();
+    return opened;
 }
 
 void HostPressure::Disarm(Watched& watched) {
@@ -127,7 +140,7 @@ void HostPressure::Close() {
     m_loop.reset();
 }
 
-void HostPressure::Tick(int64_t second, const ComponentCare& components) {
+void HostPressure::Tick(int64_t second, const std::function<std::vector<zel::CgroupMember>()>& members) {
     for (Watched& watched : m_watched) {
         if (watched.fired) {
             Disarm(watched);  // its window would be counted on for nobody
@@ -136,10 +149,10 @@ void HostPressure::Tick(int64_t second, const ComponentCare& components) {
             Publish(watched);
         }
         if (watched.measureAt != 0 && second >= watched.measureAt) {
-            Report(watched, components.Members());
+            Report(watched, members());
             watched.episode.Told(second);
         }
-        if (watched.episode.TakeArming(second)) Arm(watched);
+        if (watched.episode.TakeArming(second)) Arm(watched, second);
     }
 }
 
@@ -194,7 +207,10 @@ void HostPressure::Publish(const Watched& watched, const std::string* problem) {
     status.thresholdPercent = watched.trigger.percent;
     if (problem != nullptr) {
         const bool news = *problem != status.reason && !problem->empty() && watched.trigger.percent != 0;
-        if (news) LogLine("pressure of the host: " + status.resource + " is not watched: " + *problem, zel::kLogInfo);
+        const std::string who = "pressure of the host: " + status.resource;
+        if (news) LogLine(who + " is not watched: " + *problem, zel::kLogInfo);
+        const bool refused = !status.watched && !status.reason.empty() && status.reason != kSwitchedOff;
+        if (problem->empty() && refused) LogLine(who + " is watched now", zel::kLogInfo);
         status.watched = problem->empty();
         status.reason = *problem;
     }
@@ -205,19 +221,23 @@ void HostPressure::Publish(const Watched& watched, const std::string* problem) {
 
 std::vector<PressureStatus> HostPressure::Status() const {
     std::vector<PressureStatus> out;
-    const int64_t second = SecondsSinceBoot();
+    std::array<int64_t, base::kPressureResources> endsAt{};
     {
         const base::MutexLock lock(m_lock);
         if (m_status[0].resource.empty()) return out;  // before the first Follow
         out.assign(m_status.begin(), m_status.end());
-        for (size_t i = 0; i < out.size(); ++i) out[i].lasts = second < m_endsAt[i];
+        endsAt = m_endsAt;
     }
+    const int64_t second = SecondsSinceBoot();
     for (size_t i = 0; i < out.size(); ++i) {
         const base::Result<base::Pressure> now = base::ReadPressure(base::kAllPressureResources[i]);
-        if (!now) continue;
-        const base::PressureLine& line = LineOf(*now, out[i].full);
-        out[i].avg10_100times = line.avg10_100times;
-        out[i].avg60_100times = line.avg60_100times;
+        if (now) {
+            const base::PressureLine& line = LineOf(*now, out[i].full);
+            out[i].avg10_100times = line.avg10_100times;
+            out[i].avg60_100times = line.avg60_100times;
+        }
+        out[i].lasts = IsStalledNow(second < endsAt[i], StallEpisode::IsFresh(endsAt[i], second), out[i].avg10_100times,
+                                    out[i].thresholdPercent);
     }
     return out;
 }

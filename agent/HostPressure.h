@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,15 +21,14 @@
 
 namespace agent {
 
-class ComponentCare;
-
 /// When a message is due and when the kernel is asked again. A stall that goes on is one episode: it has a message when
 /// it begins and one an hour; the kernel is asked once a minute, so that a long one does not cost a wake-up a window.
 /// Pure.
 class StallEpisode {
 public:
-    static constexpr int64_t kPauseSeconds = 60;  ///< after a stall until the kernel is asked again
+    static constexpr int64_t kPauseSeconds = 60;  ///< after a stall or a refusal until the kernel is asked again
     static constexpr int64_t kAgainSeconds = 3600;
+    static constexpr int64_t kFreshSeconds = 5;  ///< the kernel's averages are two seconds late
 
     /// The kernel has told of one. Returns: whether it is to be told of.
     bool Begin(int64_t second);
@@ -42,12 +42,16 @@ public:
     /// Returns: whether one is under way: until the kernel was asked for as long as it was not, and told of none.
     bool IsUnderWay(int64_t second) const { return m_endsAt != 0 && second < m_endsAt; }
     uint64_t Stalls() const { return m_stalls; }
+    /// The kernel was asked and refused.
+    void Refused(int64_t second) { m_armAt = second + kPauseSeconds; }
     /// The kernel is asked already.
     void ForgetArming() { m_armAt = 0; }
     /// Returns: 0 when nothing is due.
     int64_t ArmAt() const { return m_armAt; }
     /// Returns: the second from which on it is over; 0: there was none.
     int64_t EndsAt() const { return m_endsAt; }
+    /// Returns: whether the episode that ends then has just begun, or been told of again.
+    static bool IsFresh(int64_t endsAt, int64_t second) { return second < endsAt - 2 * kPauseSeconds + kFreshSeconds; }
 
 private:
     uint64_t m_stalls = 0;
@@ -56,6 +60,11 @@ private:
     int64_t m_endsAt = 0;
     std::optional<int64_t> m_toldAt;  // of this episode
 };
+
+/// Returns: whether tasks wait now, and not only did a moment ago: an episode goes on for minutes without the kernel
+/// being asked, and `avg10_100times` is what it counts meanwhile (-1: not known). `began`: whether it began just now,
+/// which the average may lack as yet. Pure.
+bool IsStalledNow(bool underWay, bool began, int avg10_100times, int thresholdPercent);
 
 /// Thread-safety: Follow, Tick, NextDue and Close on the main thread; Status from any thread.
 class HostPressure {
@@ -68,8 +77,9 @@ public:
 
     /// Asks the kernel, or asks it for something else. What it refuses is in Status.
     void Follow(const PressureThresholds& thresholds);
-    /// Measures and delivers what is due. `second`: SecondsSinceBoot().
-    void Tick(int64_t second, const ComponentCare& components);
+    /// Measures and delivers what is due, and asks the kernel again. `second`: SecondsSinceBoot(). `members`: the
+    /// running components' processes; called only for a message.
+    void Tick(int64_t second, const std::function<std::vector<zel::CgroupMember>()>& members);
     /// Returns: the second of the next Tick; 0 while there is nothing to do.
     int64_t NextDue() const;
     /// Blocks: for the loop's thread.
@@ -92,7 +102,8 @@ private:
         std::vector<ProcessUse> before;
     };
 
-    void Arm(Watched& watched);
+    void Arm(Watched& watched, int64_t second);
+    base::Status Open(Watched& watched);
     void Disarm(Watched& watched);
     void BeginMeasuring(Watched& watched, int64_t second);
     void Report(Watched& watched, const std::vector<zel::CgroupMember>& members);

@@ -479,7 +479,7 @@ int Process::LookAround(int64_t second) {
         m_keeping.Tick(second, members);
         m_observe.Tick(second, members);
     }
-    if (m_pressure != nullptr) m_pressure->Tick(second, *m_components);
+    if (m_pressure != nullptr) m_pressure->Tick(second, [this] { return m_components->Members(); });
     if (m_groupPressure != nullptr) m_groupPressure->Tick(second);
     LookAfterLimits(second);
     if (m_limitNews.IsDue(second)) {

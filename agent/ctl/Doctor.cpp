@@ -198,6 +198,14 @@ Findings JudgeLostAgent(const std::string& appDir) {
 
 namespace {
 
+// What the kernel was asked to tell of the host, and does not.
+void AddUnwatched(Findings& found, const std::vector<PressureStatus>& pressure) {
+    for (const PressureStatus& one : pressure) {
+        if (one.watched || one.thresholdPercent == 0) continue;
+        found.push_back(Ok("stalls of the host for " + one.resource + " are not told", one.reason));
+    }
+}
+
 // Limits that do their work, and who pays for it.
 void AddStalls(Findings& found, const GroupPressureStatus& groups) {
     for (const ComponentStall& stall : groups.components) {
@@ -243,6 +251,7 @@ Findings JudgeAgent(const base::Result<StatusReport>& report) {
         found.push_back({Severity::kWarning, DescribeUndelegated(report->undelegated), "answer of the agent to status",
                          "systemctl edit " + report->undelegated + ", then restart it"});
     }
+    AddUnwatched(found, report->pressure);
     AddStalls(found, report->groupPressure);
     for (const Trouble& trouble : FindTrouble(*report)) {
         found.push_back({Severity::kProblem, trouble.what, "answer of the agent to status", trouble.remedy});

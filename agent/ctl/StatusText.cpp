@@ -340,6 +340,10 @@ void AddPressure(Lines& lines, const StatusReport& report) {
     Add(lines, "");
     Add(lines, "host    waited in the last 10 s: " + figures + (stalls.empty() ? "" : "; stalls: " + stalls),
         lasts ? LineKind::kAlarm : LineKind::kPlain);
+    for (const PressureStatus& pressure : report.pressure) {
+        if (pressure.watched || pressure.thresholdPercent == 0) continue;
+        Add(lines, "        stalls for " + pressure.resource + " are not told: " + pressure.reason, LineKind::kNotice);
+    }
 }
 
 /// Components that wait in their own groups.

@@ -121,6 +121,15 @@ TEST(DoctorTest, NamesTheLimitThatStallsAComponentAndTheCure) {
     report.groupPressure = {"version 1 has none", {}};
     EXPECT_EQ(Severity::kOk, WorstOf(JudgeAgent(report)));
     EXPECT_THAT(TextOf(JudgeAgent(report)), HasSubstr("own groups are not told\n         seen: version 1 has none"));
+    agent::PressureStatus host;
+    host.resource = "io";
+    host.reason = "busy";
+    report.pressure = {host};
+    EXPECT_THAT(TextOf(JudgeAgent(report)), testing::Not(HasSubstr("for io are not told"))) << "it is switched off";
+    report.pressure[0].thresholdPercent = 60;
+    EXPECT_THAT(TextOf(JudgeAgent(report)), HasSubstr("stalls of the host for io are not told\n         seen: busy"));
+    report.pressure[0].watched = true;
+    EXPECT_THAT(TextOf(JudgeAgent(report)), testing::Not(HasSubstr("for io are not told")));
 }
 
 TEST(DoctorTest, AControllerThatIsNotMountedIsAProblem) {

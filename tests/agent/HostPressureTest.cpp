@@ -1,10 +1,15 @@
 // When a stall of the host is told of, what is said of it, and whose it was.
 #include "HostPressure.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
 #include "JsonText.h"
+#include "SteadyTime.h"
+#include "base/FileIo.h"
+#include "platform/zel/ProcessLoop.h"
+#include "support/Faults.h"
 
 namespace {
 
@@ -76,6 +81,22 @@ TEST(StallEpisodeTest, TheEpisodeBeforeDoesNotCountForTheNext) {
     EXPECT_FALSE(episode.GoesOn());
 }
 
+TEST(StallEpisodeTest, IsNowOnlyWhileTasksWait) {
+    using agent::IsStalledNow;
+    EXPECT_FALSE(IsStalledNow(true, false, 0, 60)) << "told a minute ago, and nobody waits";
+    EXPECT_FALSE(IsStalledNow(true, false, 599, 60)) << "what is left in the average";
+    EXPECT_TRUE(IsStalledNow(true, false, 600, 60));
+    EXPECT_TRUE(IsStalledNow(true, true, 0, 60)) << "the average does not have it yet";
+    EXPECT_TRUE(IsStalledNow(true, false, -1, 60)) << "nothing else is known";
+    EXPECT_FALSE(IsStalledNow(false, false, 9000, 60)) << "the kernel was asked and told of none";
+    StallEpisode episode;
+    EXPECT_FALSE(StallEpisode::IsFresh(episode.EndsAt(), 1000)) << "there was none";
+    episode.Begin(1000);
+    EXPECT_TRUE(StallEpisode::IsFresh(episode.EndsAt(), 1000));
+    EXPECT_TRUE(StallEpisode::IsFresh(episode.EndsAt(), 1000 + StallEpisode::kFreshSeconds - 1));
+    EXPECT_FALSE(StallEpisode::IsFresh(episode.EndsAt(), 1000 + StallEpisode::kFreshSeconds));
+}
+
 ProcessUse Use(int pid, uint64_t start, uint64_t ticks, int64_t kb, base::ProcIo io = {}) {
     return {pid, start, "p" + std::to_string(pid), ticks, kb, io};
 }
@@ -129,7 +150,87 @@ TEST(TopConsumersTest, FindsThisProcess) {
     EXPECT_TRUE(self);
 }
 
-TEST(HostPressureTest, FormatsAStall) {
+TEST(StallEpisodeTest, ARefusalIsTriedAgainEveryMinute) {
+    StallEpisode episode;
+    for (int64_t second = 1000; second < 1000 + 5 * kPause; second += kPause) {
+        episode.Refused(second);
+        EXPECT_EQ(episode.ArmAt(), second + kPause);
+        EXPECT_FALSE(episode.TakeArming(second + kPause - 1));
+        EXPECT_TRUE(episode.TakeArming(second + kPause));
+        EXPECT_FALSE(episode.TakeArming(second + kPause)) << "once";
+        EXPECT_EQ(episode.ArmAt(), 0) << "nothing is due while the kernel is asked";
+    }
+    EXPECT_EQ(episode.Stalls(), 0U) << "a refusal is no stall";
+}
+
+/// The real kernel, asked for stalls for memory alone.
+class HostPressureTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!base::ReadFileMark("/proc/pressure/memory").exists) GTEST_SKIP() << "this kernel has no pressure figures";
+        std::string problem;
+        m_loop = zel::JoinProcessLoop(problem);  // its start writes, too
+        ASSERT_NE(m_loop, nullptr) << problem;
+    }
+    void FollowRefused(int error) {
+        const faults::Failing refused(faults::Call::kWrite, error);
+        m_pressure.Follow(Thresholds(95));
+        ASSERT_EQ(refused.Calls(), 1);
+    }
+    void Tick(int64_t second) {
+        m_pressure.Tick(second, [] { return std::vector<zel::CgroupMember>(); });
+    }
+    agent::PressureStatus Memory() const { return m_pressure.Status().at(0); }
+    static agent::PressureThresholds Thresholds(int memory) {
+        agent::PressureThresholds thresholds;
+        thresholds.memory = memory;
+        thresholds.io = thresholds.cpu = 0;
+        return thresholds;
+    }
+    std::shared_ptr<base::IoLoop> m_loop;
+    agent::HostPressure m_pressure{[] {}};
+};
+
+TEST_F(HostPressureTest, WhatTheKernelRefusedIsAskedAgain) {
+    for (const int error : {EBUSY, ENOMEM, EOPNOTSUPP, EPERM}) {
+        m_pressure.Follow(Thresholds(0));
+        FollowRefused(error);
+        EXPECT_FALSE(Memory().watched) << error;
+        EXPECT_THAT(Memory().reason, testing::HasSubstr("; it is asked again every minute"));
+        const int64_t due = m_pressure.NextDue();
+        EXPECT_GT(due, agent::SecondsSinceBoot());
+        EXPECT_LE(due, agent::SecondsSinceBoot() + kPause);
+        Tick(due - 1);
+        EXPECT_FALSE(Memory().watched) << "not at once";
+        Tick(due);
+        EXPECT_TRUE(Memory().watched) << Memory().reason;
+        EXPECT_EQ(Memory().reason, "");
+        EXPECT_EQ(m_pressure.NextDue(), 0) << "nothing is done while it holds";
+    }
+}
+
+TEST_F(HostPressureTest, AKernelThatStaysWithItsRefusalIsAskedOn) {
+    FollowRefused(EBUSY);
+    const int64_t due = m_pressure.NextDue();
+    {
+        const faults::Failing refused(faults::Call::kWrite, ENOMEM, 1, 100);
+        Tick(due);
+    }
+    EXPECT_FALSE(Memory().watched);
+    EXPECT_THAT(Memory().reason, testing::HasSubstr("Cannot allocate memory"));
+    EXPECT_EQ(m_pressure.NextDue(), due + kPause);
+    Tick(due + kPause);
+    EXPECT_TRUE(Memory().watched) << Memory().reason;
+}
+
+TEST_F(HostPressureTest, WhatIsSwitchedOffMeanwhileIsNotAskedAgain) {
+    FollowRefused(EBUSY);
+    m_pressure.Follow(Thresholds(0));
+    EXPECT_EQ(m_pressure.NextDue(), 0);
+    EXPECT_EQ(Memory().reason, "switched off in the configuration");
+}
+
+TEST(StallTextTest, FormatsAStall) {
     agent::StallFacts facts;
     facts.resource = PressureResource::kIo;
     facts.trigger = {true, 60};

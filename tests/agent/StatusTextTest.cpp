@@ -243,6 +243,21 @@ TEST(StatusTextTest, AStallSaysWhatIsNotMeasuredYet) {
     EXPECT_NE(nullptr, Find(MakePicture(report, {}, {}), "QorNet 3, now: it waited "));
 }
 
+TEST(StatusTextTest, AHostThatIsNotWatchedForStallsIsNotShownAsOne) {
+    StatusReport report = Report();
+    agent::PressureStatus pressure;
+    pressure.resource = "io";
+    pressure.avg10_100times = 0;
+    pressure.reason = "switched off in the configuration";
+    report.pressure = {pressure};
+    EXPECT_EQ(nullptr, Find(MakePicture(report, {}, {}), "not told"));
+    report.pressure[0].thresholdPercent = 60;
+    report.pressure[0].reason = "busy";
+    EXPECT_NE(nullptr, Find(MakePicture(report, {}, {}), "stalls for io are not told: busy"));
+    report.pressure[0].watched = true;
+    EXPECT_EQ(nullptr, Find(MakePicture(report, {}, {}), "not told"));
+}
+
 TEST(StatusTextTest, CountersThatTheKernelDoesNotKeepAreNoZero) {
     StatusReport report = Report();
     report.cgroup.cpu.limited = true;
