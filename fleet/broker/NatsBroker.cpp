@@ -63,8 +63,7 @@ StoredMessage Take(natsMsg* message) {
 }
 
 base::Error ErrorOf(natsStatus status, const char* what) {
-    const char* detail = nats_GetLastError(nullptr);
-    return base::SentenceError(std::string(what) + ": " + (detail != nullptr ? detail : natsStatus_GetText(status)));
+    return base::SentenceError(std::string(what) + ": " + DetailOf(status));
 }
 
 Answer::Outcome OutcomeOf(natsStatus status, int code) {
@@ -361,8 +360,7 @@ base::Status NatsBroker::Impl::Probe(const std::string& server) const {
     const natsStatus status = natsConnection_Connect(&one, made->get());
     natsConnection_Destroy(one);
     if (status == NATS_OK) return {};
-    const char* detail = nats_GetLastError(nullptr);
-    return base::SentenceError(detail != nullptr && *detail != '\0' ? detail : natsStatus_GetText(status));
+    return base::SentenceError(DetailOf(status));
 }
 
 std::string NatsBroker::Impl::TryAgain() {
@@ -463,8 +461,7 @@ Answer NatsBroker::Impl::AnswerOf(natsStatus status, int code, const std::string
     answer.outcome = OutcomeOf(status, code);
     answer.code = code;
     if (status == NATS_OK) return answer;
-    const char* detail = nats_GetLastError(nullptr);
-    answer.text = detail != nullptr && *detail != '\0' ? detail : natsStatus_GetText(status);
+    answer.text = DetailOf(status);
     if (code == kCodeWrongSequence) answer.sequence = SequenceInText(answer.text);
     if (status != NATS_TIMEOUT) return answer;
     const std::string refused = heard->WordsOf(subject, refusalsBefore);

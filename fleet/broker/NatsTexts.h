@@ -23,6 +23,13 @@ inline std::string RemovalOf(natsMsg* message) {
     return operation.empty() ? HeaderOf(message, kMarkerHeader) : operation;
 }
 
+/// Returns: the words without the places in the client library's source, "(file.c:12): ", which tell an operator
+/// nothing. Pure.
+std::string WithoutPlaces(const std::string& words);
+
+/// What the library has said last in this thread, and in general words where it has said nothing.
+std::string DetailOf(natsStatus status);
+
 inline std::string PayloadOf(natsMsg* message) {
     return std::string(natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message)));
 }
