@@ -1,5 +1,7 @@
 // tervanectl: asks a running agent process over its console socket, and looks at the host before one runs.
 #include <CLI/CLI.hpp>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -125,6 +127,14 @@ int Watch(const CommandLine& line) {
         fprintf(stderr, "tervanectl: --summary is words, and --json has none\n");
         return kUsage;
     }
+    // A job without a terminal would fill its file until the process ends.
+    const bool endless = options.forSeconds == 0 && !options.json && !options.summary;
+    if (endless && isatty(STDOUT_FILENO) == 0) {
+        fprintf(stderr,
+                "tervanectl: top needs a terminal on standard output: status shows the same once, status --json for a "
+                "program, status --watch again and again, and top --for SECONDS ends by itself\n");
+        return kUsage;
+    }
     const base::Status shown = agent::RunTop(options);
     return shown ? kOk : Unreachable(shown.GetError());
 }
@@ -187,7 +197,10 @@ int RefuseLine(const CLI::App& app, const CLI::ParseError& error) {
     std::string problem = error.what();
     const bool missing = error.get_name() == "RequiredError" && app.remaining_size(true) > 0;
     const std::string word = missing ? app.remaining(true).front() : "";
-    if (!word.empty() && word[0] != '-') problem = "there is no command \"" + agent::Printable(word) + "\"";
+    if (!word.empty()) {
+        problem = word[0] == '-' ? "there is no option " + agent::Printable(word)
+                                 : "there is no command \"" + agent::Printable(word) + "\"";
+    }
     std::string help = "tervanectl";
     for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
         at = at->get_subcommands()[0];
