@@ -207,10 +207,13 @@ void HostPressure::Publish(const Watched& watched, const std::string* problem) {
     status.thresholdPercent = watched.trigger.percent;
     if (problem != nullptr) {
         const bool news = *problem != status.reason && !problem->empty() && watched.trigger.percent != 0;
-        const std::string who = "pressure of the host: " + status.resource;
-        if (news) LogLine(who + " is not watched: " + *problem, zel::kLogInfo);
+        if (news) {
+            LogLine("pressure of the host: " + status.resource + " is not watched: " + *problem, zel::kLogInfo);
+        }
         const bool refused = !status.watched && !status.reason.empty() && status.reason != kSwitchedOff;
-        if (problem->empty() && refused) LogLine(who + " is watched now", zel::kLogInfo);
+        if (problem->empty() && refused) {
+            LogLine("pressure of the host: " + status.resource + " is watched now", zel::kLogInfo);
+        }
         status.watched = problem->empty();
         status.reason = *problem;
     }

@@ -11,6 +11,7 @@
 #include "FleetCluster.h"
 #include "FleetExplain.h"
 #include "FleetLink.h"
+#include "FleetMetrics.h"
 #include "FleetReading.h"
 #include "FleetReport.h"
 #include "FleetRollout.h"
@@ -43,6 +44,10 @@ int ShowStatus(FleetLink& link, const FleetOptions& options) {
     if (!roster) return FleetFail(kUnreachable, roster.GetError().Text());
     const FleetCluster cluster = ReadCluster(link);
     const std::vector<DoctorFinding> findings = JudgeFleet(cluster, *roster);
+    if (options.command == "metrics") {
+        fputs(FleetMetrics(cluster, *roster, findings).c_str(), stdout);
+        return kOk;  // what is not well is in it
+    }
     if (options.json) {
         fputs(ViewText(FleetJson(cluster, *roster, findings)).c_str(), stdout);
     } else {
@@ -132,6 +137,7 @@ void DeclareFleet(CLI::App& app, FleetOptions& options) {
     fleet->add_option("--ca", options.place.caFile, "authorities that a broker's certificate is to be of")
         ->type_name("FILE");
     fleet->add_subcommand("status", "hosts by state, versions, the cluster's health, and what to do");
+    fleet->add_subcommand("metrics", "the figures of status for Prometheus, as a text file for a node exporter");
     CLI::App* hosts = fleet->add_subcommand("hosts", "each host: state, version, configuration, events, last kill");
     hosts->add_option("--group", options.group, "only those of this group of hosts")->type_name("GROUP");
     const std::vector<std::string> standings(std::begin(kHostStandingNames), std::end(kHostStandingNames));

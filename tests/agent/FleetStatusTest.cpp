@@ -3,6 +3,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sstream>
+
 #include "FleetCluster.h"
 #include "FleetFixture.h"
 #include "FleetLink.h"
@@ -98,6 +100,57 @@ TEST_F(FleetStatusTest, TextsOfHostsMoveNoCursor) {
     Run("hosts");
     EXPECT_THAT(out, AllOf(HasSubstr("torn"), HasSubstr("its state cannot be read")));
     EXPECT_THAT(out, Not(HasSubstr("somebody else"))) << "a host is called by its key, not as it says";
+}
+
+/// The text of the sample lines alone.
+std::string SamplesIn(const std::string& text) {
+    std::istringstream lines(text);
+    std::string samples;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.empty() || line[0] != '#') samples += line + "\n";
+    }
+    return samples;
+}
+
+TEST_F(FleetStatusTest, MetricsHaveTheFiguresOfTheStatus) {
+    AddAllKinds();
+    world["streams"]["EVENTS"]["bytes"] = Json::Int64(5) << 32;
+    world["streams"]["EVENTS"]["maxBytes"] = Json::Int64(6) << 32;
+    world["streams"]["EVENTS"]["messages"] = Json::Int64(3) << 32;
+    world["streams"]["EVENTS"]["firstTime"] = 999000;
+    world["streams"]["EVENTS"]["replicas"][0]["lag"] = 4;
+    world["streams"]["KV_state"]["maxBytes"] = -1;
+    world["streams"]["KV_state"]["firstTime"] = 0;
+    world["streams"].removeMember("KV_config");
+    WriteWorld();
+    EXPECT_EQ(Run("metrics"), 0) << err;
+    EXPECT_THAT(SamplesIn(out), HasSubstr("zel_fleet_hosts{state=\"ok\"} 1\n"
+                                          "zel_fleet_hosts{state=\"troubled\"} 1\n"
+                                          "zel_fleet_hosts{state=\"late\"} 1\n"
+                                          "zel_fleet_hosts{state=\"gone\"} 1\n"
+                                          "zel_fleet_hosts{state=\"blocked\"} 1\n"
+                                          "zel_fleet_hosts{state=\"unreadable\"} 0\n"
+                                          "zel_fleet_findings{severity=\"warning\"} "));
+    for (const char* line :
+         {"zel_fleet_fit 1", "zel_fleet_asked_timestamp_seconds 1000000", "zel_fleet_stream_known{stream=\"EVENTS\"} 1",
+          "zel_fleet_stream_known{stream=\"KV_config\"} 0", "zel_fleet_stream_messages{stream=\"EVENTS\"} 12884901888",
+          "zel_fleet_stream_bytes{stream=\"EVENTS\"} 21474836480",
+          "zel_fleet_stream_limit_bytes{stream=\"EVENTS\"} 25769803776",
+          "zel_fleet_stream_limit_bytes{stream=\"KV_state\"} 0",
+          "zel_fleet_stream_oldest_seconds{stream=\"EVENTS\"} 1000",
+          "zel_fleet_stream_oldest_seconds{stream=\"KV_state\"} 0",
+          "zel_fleet_stream_copies_equal{stream=\"EVENTS\"} 0",
+          "zel_fleet_stream_copies_equal{stream=\"KV_state\"} 1"}) {
+        EXPECT_THAT(out, HasSubstr(std::string("\n") + line + "\n"));
+    }
+    EXPECT_THAT(out, Not(HasSubstr("bytes{stream=\"KV_config\"}"))) << "nothing is known of it";
+}
+
+TEST_F(FleetStatusTest, MetricsOfABrokerThatIsAwayAreNone) {
+    world["complaint"] = "the broker is away";
+    WriteWorld();
+    EXPECT_EQ(Run("metrics"), 2);
+    EXPECT_EQ(out, "");
 }
 
 TEST_F(FleetStatusTest, ANameComesBackFromItsKey) {
