@@ -547,3 +547,22 @@ TEST(HttpSinkTest, WhatIsToStopHandsOverNothingMore) {
     EXPECT_EQ(handed.rest.GetError().Text(), "the process stops");
     EXPECT_EQ(server.Connections(), 0);
 }
+
+// --- all of them ---
+
+// The spool's file has their cursors under these names.
+TEST(EventSinkTest, EachHasItsNameAndTakesManyAtATime) {
+    zelhost::CJsonLinesSink lines("unused", 1, 1, "p");
+    zelhost::CSyslogSink syslog("p");
+    zelhost::CHttpSink http({}, "p");
+    const struct {
+        const zelhost::IEventSink& sink;
+        const char* name;
+        size_t batch;
+    } cases[] = {{lines, "jsonl", 256}, {syslog, "syslog", 64}, {http, "http", 16}};
+    for (const auto& each : cases) {
+        EXPECT_EQ(each.name, each.sink.Name());
+        EXPECT_EQ(each.batch, each.sink.BatchSize()) << each.name;
+        EXPECT_FALSE(each.sink.KeepsConfirmed()) << each.name << " goes forward only";
+    }
+}
