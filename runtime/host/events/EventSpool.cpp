@@ -693,20 +693,27 @@ bool CEventSpool::CommitBatch(const std::vector<Request*>& batch) {
     }
     if (ok) {
         ForgetMemory();
-        if (wasBroken) {
-            Log(zel::kLogWarning, __LINE__, "the event spool %s can be written again%s", m_path, "");
-        }
-        Notify();
-        return true;
+    } else {
+        for (const Request* request : batch) KeepInMemory(request->message);
     }
-    for (const Request* request : batch) KeepInMemory(request->message);
-    Notify();  // somebody has to try again
-    if (!wasBroken) {
+    try {
+        TellOf(written, wasBroken);
+    } catch (const std::exception&) {
+        // Ignoring: for want of memory, and what was sent is kept and counted already.
+    }
+    return ok;
+}
+
+void CEventSpool::TellOf(const base::Status& written, bool wasBroken) {
+    Notify();  // also of a failure: somebody has to try again
+    if (written && wasBroken) {
+        Log(zel::kLogWarning, __LINE__, "the event spool %s can be written again%s", m_path, "");
+    }
+    if (!written && !wasBroken) {
         Log(zel::kLogError, __LINE__,
             "the event spool %s cannot be written (%s); messages wait in memory: make room, the oldest are dropped",
             m_path, written.GetError().Reason());
     }
-    return false;
 }
 
 bool CEventSpool::CommitOrDrop(const std::vector<Request*>& batch) {

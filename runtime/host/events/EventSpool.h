@@ -188,6 +188,8 @@ private:
     std::vector<Request*> TakeBatch() ZEL_REQUIRES(m_queueLock);
     bool CommitOrDrop(const std::vector<Request*>& batch);
     bool CommitBatch(const std::vector<Request*>& batch);
+    /// Says that there may be something to do, and when an outage begins or ends.
+    void TellOf(const base::Status& written, bool wasBroken);
     base::Status WriteSomehow(const std::vector<Request*>& batch, Change& change) ZEL_EXCLUDES(m_readLock);
     /// One transaction with everything in memory first, then the batch.
     base::Status WriteTransaction(const std::vector<Request*>& batch, Change& change) ZEL_EXCLUDES(m_readLock);

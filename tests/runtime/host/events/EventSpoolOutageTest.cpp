@@ -6,6 +6,10 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <new>
+#include <optional>
+#include <set>
+#include <utility>
 
 #include "HostSupport.h"
 #include "events/EventSpool.h"
@@ -133,6 +137,45 @@ TEST_F(EventSpoolOutageTest, WhatMemoryLosesAtTheEndStaysCounted) {
     Open(next);
     EXPECT_EQ(next.GetFigures().dropped, 5u) << "three in the outage, two at its end";
     EXPECT_EQ(Begins(next), Lines{"du"});
+}
+
+TEST_F(EventSpoolOutageTest, WhatIsAcceptedForWantOfMemoryIsThere) {
+    CEventSpool spool;
+    Open(spool);
+    std::set<std::string> accepted;
+    size_t sent = 0, thrown = 0, refused = 0;
+    std::optional<support::NoGrowth> full;
+    for (int allocation = 1; allocation <= 120; ++allocation) {
+        if (allocation == 61) full.emplace();  // a failure wants memory for its reason
+        SpoolMessage message = Message("message number " + std::to_string(allocation));
+        const std::string body = message.body;
+        support::FailAllocation(1 + (allocation - 1) % 60);
+        bool taken = false;
+        try {
+            taken = spool.Append(std::move(message));
+            refused += taken ? 0 : 1;
+        } catch (const std::bad_alloc&) {
+            ++thrown;
+        }
+        support::FailAllocation(0);
+        if (taken) accepted.insert(body);
+        ++sent;
+    }
+    full.reset();
+    EXPECT_GT(refused, 0u);
+    EXPECT_GT(accepted.size(), 0u);
+    EXPECT_TRUE(spool.FlushMemory());
+    std::multiset<std::string> there;
+    const auto messages = spool.Read("one", 1000, 1 << 30);
+    ASSERT_TRUE(messages);
+    for (const SpoolMessage& each : *messages) there.insert(each.body);
+    for (const std::string& body : accepted) EXPECT_EQ(there.count(body), 1u) << body;
+    const auto figures = spool.GetFigures();
+    EXPECT_EQ(figures.accepted, accepted.size());
+    EXPECT_EQ(figures.refused, refused);
+    EXPECT_EQ(figures.inMemory, 0u);
+    EXPECT_EQ(figures.messages, there.size());
+    EXPECT_EQ(there.size() + figures.dropped + thrown, sent) << "what is not there is counted, or was told at once";
 }
 
 TEST_F(EventSpoolOutageTest, EachOutageIsToldAtItsBeginningAndItsEnd) {
@@ -365,6 +408,28 @@ TEST_F(EventSpoolOutageTest, OfADamagedFileOnlyWhatItWeighedIsSaved) {
     EXPECT_THAT(numbers, testing::IsSupersetOf({1, 6, 8, 389, 391, 400}));
     EXPECT_EQ(400 - numbers.size(), spool.GetFigures().dropped);
     EXPECT_EQ(std::count(numbers.begin(), numbers.end(), 7) + std::count(numbers.begin(), numbers.end(), 390), 0);
+}
+
+TEST_F(EventSpoolOutageTest, WhatIsLostIsCountedBeyondFourBillion) {
+    {
+        CEventSpool spool;
+        Open(spool, 8 << 20);
+        ASSERT_TRUE(spool.Append(Message("first")));
+        Change("UPDATE sqlite_sequence SET seq = 5000000000;");
+        for (int i = 0; i < 400; ++i) ASSERT_TRUE(spool.Append(Message("m" + std::string(1000, '.'))));
+    }
+    Change("UPDATE messages SET bytes = bytes + 4294967296 WHERE seq = 5000000007;");
+    Damage(60, 2);
+    CEventSpool spool;
+    Open(spool, 8 << 20);
+    const auto saved = spool.Read("one", 1000, 1 << 30);
+    ASSERT_TRUE(saved);
+    ASSERT_GT(saved->size(), 380u);
+    EXPECT_EQ(saved->front().seq, 1);
+    EXPECT_EQ(saved->at(6).seq, kFar + 6);
+    EXPECT_EQ(saved->at(7).seq, kFar + 8) << "one does not weigh what it weighed";
+    EXPECT_EQ(spool.GetFigures().dropped, static_cast<uint64_t>(kFar) + 400 - saved->size());
+    EXPECT_TRUE(support::LogHolds(std::to_string(kFar + 400 - static_cast<int64_t>(saved->size())) + " lost"));
 }
 
 TEST_F(EventSpoolOutageTest, ALargeDisksRoomIsSeenWhole) {
