@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 namespace {
 
 struct PathCase {
@@ -28,6 +30,14 @@ TEST(FilePathTest, NamesInPathsHoldNoSurprises) {
     EXPECT_EQ("a_b_", base::FileNamePart("a b\n"));
     EXPECT_EQ("__", base::FileNamePart("\xc3\xa4"));
     EXPECT_EQ(64U, base::FileNamePart(std::string(500, 'x')).size());
+}
+
+TEST(FilePathTest, OnlyLettersDigitsAndThreeSignsAreKept) {
+    const std::string kept = "0123456789-_.abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+    for (int code = 0; code <= 255; ++code) {
+        const std::string name = {'x', static_cast<char>(code)};
+        EXPECT_EQ(kept.find(name[1]) != std::string::npos ? name : "x_", base::FileNamePart(name)) << code;
+    }
 }
 
 }  // namespace

@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <string>
 
 #include "support/Files.h"
@@ -32,6 +34,21 @@ TEST(KernelLogTest, AMissingOrForeignFileIsAnErrorAndNothingBlocks) {
     const auto walked = base::WalkKernelLog((dir / "pipe").c_str(), never);
     ASSERT_TRUE(walked.Ok());
     EXPECT_EQ(0U, *walked);
+}
+
+TEST(KernelLogTest, ALinkInItsPlaceIsNotFollowed) {
+    support::TempDir dir;
+    const std::string link = dir / "kmsg";
+    ASSERT_EQ(0, symlink("/dev/null", link.c_str()));
+    const auto walked = base::WalkKernelLog(link.c_str(), [](const KernelMessage&) { return true; });
+    ASSERT_FALSE(walked.Ok());
+    EXPECT_EQ(ELOOP, walked.GetError().error);
+}
+
+TEST(KernelLogTest, ALogWithoutAnEndIsWalkedUpToTheBound) {
+    const auto walked = base::WalkKernelLog("/dev/zero", [](const KernelMessage&) { return true; });
+    ASSERT_TRUE(walked.Ok()) << walked.GetError().Text();
+    EXPECT_EQ(100000U, *walked);
 }
 
 TEST(KernelLogTest, WalksTheRealOneInOrderUntilToldToStop) {

@@ -143,6 +143,15 @@ TEST(OctalTest, LeavesWhatIsNoEscape) {
     EXPECT_EQ("\xff", UnescapeOctal("\\377"));
 }
 
+TEST(OctalTest, EachDigitHasItsOwnBounds) {
+    for (const char* text : {"\\/00", "\\400", "\\0/0", "\\080", "\\00/", "\\008", "/000"}) {
+        EXPECT_EQ(text, UnescapeOctal(text));
+    }
+    EXPECT_EQ(std::string(1, '\0'), UnescapeOctal("\\000"));
+    EXPECT_EQ("?", UnescapeOctal("\\077"));
+    EXPECT_EQ("\xc0", UnescapeOctal("\\300"));
+}
+
 TEST(ProcCgroupTest, AProcessesGroupsAreReadOrTheErrorSaysWhy) {
     const auto own = ReadProcessGroups(static_cast<int>(getpid()));
     ASSERT_TRUE(own.Ok()) << own.GetError().Text();

@@ -409,6 +409,43 @@ TEST_F(RequestServerTest, OneUsersShareCostsHisOwnOldest) {
     EXPECT_EQ(2, m_working);
 }
 
+TEST_F(RequestServerTest, AnotherUsersConnectionsTakeNoneOfAShare) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root: another user's process";
+    m_limits.mostOfOneUser = 2;
+    auto listening = base::ListeningSocket::Loopback("127.0.0.1:0");
+    ASSERT_TRUE(listening) << listening.GetError().Text();
+    const std::string address = listening->Address();
+    const auto port = static_cast<uint16_t>(std::stoi(address.substr(address.rfind(':') + 1)));
+    m_server = std::make_unique<base::RequestServer>(*m_loop, *m_queue, std::move(*listening), m_limits, m_service);
+    ASSERT_TRUE(m_server->Start());
+    std::vector<base::Fd> theirs;
+    ASSERT_EQ(0, seteuid(65534));  // a socket belongs to the user who made it
+    for (int count = 0; count < 2; ++count) theirs.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(0, seteuid(0));
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    for (const base::Fd& one : theirs) {
+        ASSERT_EQ(0, connect(one.Get(), reinterpret_cast<const sockaddr*>(&to), sizeof to));
+    }
+    Client first(port, "");
+    Client second(port, "");
+    EXPECT_TRUE(second.IsOpen());
+    EXPECT_TRUE(first.IsOpen()) << "two connections of one's own are within the share";
+    Client third(port, "");
+    EXPECT_TRUE(first.Hear().ended);
+    for (const base::Fd& one : theirs) {
+        char ignored = 0;
+        EXPECT_EQ(-1, recv(one.Get(), &ignored, 1, MSG_DONTWAIT));
+        EXPECT_EQ(EAGAIN, errno) << "the other user keeps what he has";
+    }
+    second.Say("b\n");
+    third.Say("c\n");
+    EXPECT_EQ("<b\n>", second.Hear().text);
+    EXPECT_EQ("<c\n>", third.Hear().text);
+}
+
 TEST_F(RequestServerTest, RequestsBeyondTheRateWaitTheirTurn) {
     m_limits.requestsPerSecond = 10;
     Serve();

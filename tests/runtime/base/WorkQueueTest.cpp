@@ -97,6 +97,26 @@ TEST_F(WorkQueueTest, StopWaitsForWhatRunsAndDropsWhatWaits) {
     EXPECT_FALSE(queue.Add([] {}));
 }
 
+TEST_F(WorkQueueTest, StopDoesNotWaitForThreadsWithoutWork) {
+    base::WorkQueue queue(*loop, "worker", 2, std::chrono::minutes(2));
+    const auto held = std::make_shared<int>();
+    support::Signal first;
+    support::Signal second;
+    ASSERT_TRUE(queue.Add([&, held] {
+        first.Set();
+        EXPECT_TRUE(second.Wait());
+    }));
+    ASSERT_TRUE(queue.Add([&, held] {
+        second.Set();
+        EXPECT_TRUE(first.Wait());
+    }));
+    ASSERT_TRUE(support::Eventually([&] { return held.use_count() == 1; })) << "both jobs are gone";
+    const auto begin = std::chrono::steady_clock::now();
+    queue.Stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::minutes(1));
+    EXPECT_EQ(0u, support::ThreadsNamed("worker"));
+}
+
 TEST_F(WorkQueueTest, RefusesMoreThanItsBoundOfWaitingJobs) {
     // Before the queue, whose end waits for the job that uses them.
     support::Signal begun;
