@@ -144,6 +144,78 @@ TEST(OomMonitorTest, WhatWasCarriedBelongsToTheSameDirectoryOnly) {
     EXPECT_EQ(Lines{"main 1(+0)"}, Text(anew.Totals()));
 }
 
+TEST(OomMonitorTest, AFallOfOneCounterBeginsAnewInItsWholeWidth) {
+    const int64_t wide = int64_t{1} << 32;
+    for (int which = 0; which < 3; ++which) {
+        const auto at = [&](int64_t value) {
+            return Reading("main", 10, which == 0 ? value : 0, which == 1 ? value : 0, which == 2 ? value : 0);
+        };
+        const auto total = [&](const OomMonitor& monitor) {
+            const CgroupMemoryOomEvent event = monitor.Totals().at(0);
+            return which == 0 ? event.oom_kill : which == 1 ? event.oom : event.oom_group_kill;
+        };
+        OomMonitor monitor;
+        monitor.Observe({at(wide + 1)});
+        monitor.Observe({at(wide + 1)});
+        EXPECT_EQ(wide + 1, total(monitor)) << "the same is no fall, counter " << which;
+        EXPECT_TRUE(monitor.Carried().empty());
+        monitor.Observe({at(wide + 2)});
+        EXPECT_EQ(wide + 2, total(monitor)) << "a rise is no fall, counter " << which;
+        monitor.Observe({at(wide)});
+        EXPECT_EQ(2 * wide + 2, total(monitor)) << "a fall by a little, counter " << which;
+        monitor.Observe({at(1)});
+        EXPECT_EQ(2 * wide + 2 + 1, total(monitor)) << "and to next to nothing, counter " << which;
+    }
+}
+
+TEST(OomMonitorTest, CarriesAGroupOfWhichOneCounterIsNotZero) {
+    for (int which = 0; which < 4; ++which) {
+        OomMonitor monitor;
+        monitor.Observe({Reading("main", 10, which == 0, which == 1, which == 2), Reading("guard", 11, 0)});
+        EXPECT_TRUE(monitor.Carried().empty()) << "its directory still holds it";
+        monitor.Observe({Reading("main", 20, 0), Reading("guard", 11, 0)});
+        const std::vector<zel::cgroup::OomCarried> carried = monitor.Carried();
+        ASSERT_EQ(which == 3 ? 0u : 1u, carried.size()) << which;
+        if (which == 3) continue;
+        const zel::cgroup::OomCarried expected{"/cg/main", false, {1, 20}, which == 0, which == 1, which == 2};
+        EXPECT_TRUE(carried[0] == expected) << which;
+    }
+}
+
+TEST(OomMonitorTest, TellsAnEmptyLookFromTheFirstOne) {
+    OomMonitor monitor;
+    monitor.Observe({});
+    EXPECT_FALSE(monitor.HasBegun());
+    monitor.Observe({Reading("main", 10, 7)});
+    EXPECT_TRUE(monitor.HasBegun());
+    EXPECT_EQ(Lines{}, Text(monitor.TakeRises())) << "counted before the first look";
+}
+
+TEST(OomMonitorTest, RisesOfEachCounterAreToldWithTheGroupsState) {
+    OomMonitor monitor;
+    monitor.Observe({Reading("main", 10, 1, 2, 3)});
+    for (int which = 0; which < 3; ++which) {
+        const int64_t more[3] = {which >= 0, which >= 1, which >= 2};
+        OomReading own = Reading("main", 10, 1 + more[0], 2 + more[1], 3 + more[2]);
+        own.underOom = 1;
+        OomReading leaf = Leaf("main", "A", 11, 0);
+        leaf.oomKillDisable = 1;
+        monitor.Observe({own, leaf});
+        const std::vector<CgroupMemoryOomEvent> events = monitor.TakeRises();
+        ASSERT_EQ(1u, events.size()) << which;
+        EXPECT_EQ(which == 0, events[0].oom_kill_delta == 1);
+        EXPECT_EQ(which == 1, events[0].oom_delta == 1);
+        EXPECT_EQ(which == 2, events[0].oom_group_kill_delta == 1);
+        EXPECT_EQ(1, events[0].under_oom);
+        EXPECT_EQ(1, events[0].oom_kill_disable);
+        EXPECT_EQ("/cg/main", events[0].path);
+        EXPECT_TRUE(events[0].v2);
+    }
+    monitor.Observe({Reading("main", 10, 2, 3, 4)});
+    EXPECT_EQ(0, monitor.Totals().at(0).under_oom) << "what was so at the look before is not";
+    EXPECT_EQ(0, monitor.Totals().at(0).oom_kill_disable);
+}
+
 TEST(OomRecordTest, ADamagedOrOldRecordSaysNothing) {
     const std::string good = zel::cgroup::FormatOomRecord("boot", {{"/cg/main", false, {1, 10}, 2, 3, 4}});
     const std::vector<zel::cgroup::OomCarried> read = zel::cgroup::ParseOomRecord(good, "boot");
