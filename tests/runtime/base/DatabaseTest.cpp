@@ -576,4 +576,36 @@ TEST_F(DatabaseTest, AFileThatIsNotRemovedOnceIsTold) {
     EXPECT_TRUE(base::PutDatabaseAside(m_path, m_dir / "aside"));
 }
 
+TEST_F(DatabaseTest, NothingIsPutAsideBesideWhatDoesNotGo) {
+    const std::string aside = m_dir / "aside";
+    for (int nth = 1; nth <= 3; ++nth) {
+        WriteText(m_path, "database");
+        WriteText(m_path + "-shm", "index");
+        const faults::Failing failing(faults::Call::kUnlink, EIO, nth);
+        const Status status = base::PutDatabaseAside(m_path, aside);
+        ASSERT_FALSE(status) << nth;
+        EXPECT_EQ(EIO, status.GetError().error) << nth;
+        EXPECT_EQ("database", ReadText(m_path)) << nth;
+        EXPECT_FALSE(support::Exists(aside)) << nth;
+    }
+    ASSERT_TRUE(base::PutDatabaseAside(m_path, aside));
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("aside"));
+}
+
+TEST_F(DatabaseTest, OneThatDoesNotGoIsToldAndTheOthersGo) {
+    for (const char* name : {"x.db.bad-1", "x.db.bad-2", "x.db.bad-3"}) {
+        WriteText(m_dir / name, "x");
+        support::SleepMs(15);  // a file's time is as fine as the kernel's tick
+    }
+    {
+        const faults::Failing failing(faults::Call::kUnlink, EIO);
+        const Status status = base::ThinOutPutAside(m_path + ".bad-", 1, 1 << 20);
+        ASSERT_FALSE(status);
+        EXPECT_EQ(EIO, status.GetError().error);
+    }
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db.bad-2", "x.db.bad-3"));
+    ASSERT_TRUE(base::ThinOutPutAside(m_path + ".bad-", 1, 1 << 20));
+    EXPECT_THAT(NamesIn(m_dir.Path()), ElementsAre("x.db.bad-3"));
+}
+
 }  // namespace

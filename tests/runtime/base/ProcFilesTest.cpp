@@ -233,6 +233,11 @@ TEST(ProcFilesTest, MemoryThatIsKeptIsAnonymousAndShared) {
     ASSERT_TRUE(whole);
     EXPECT_EQ(900, whole->residentKb);
     EXPECT_EQ(600, whole->keptKb);
+    const std::optional<ProcMemory> wide =
+        ParseProcMemory("VmRSS:\t 12884901890 kB\nRssAnon:\t 4294967297 kB\nRssShmem:\t 8589934593 kB\n");
+    ASSERT_TRUE(wide);
+    EXPECT_EQ(12884901890, wide->residentKb);
+    EXPECT_EQ(12884901890, wide->keptKb);
     const std::optional<ProcMemory> old = ParseProcMemory("VmRSS:\t     900 kB\nThreads:\t1\n");
     ASSERT_TRUE(old);
     EXPECT_EQ(900, old->keptKb) << "a kernel that does not tell them apart";

@@ -410,6 +410,17 @@ TEST_F(CgroupClientTest, TellsOnceWhatKeepsItFromJoining) {
     EXPECT_EQ(2u, Warnings().size()) << "after a success the same is news";
 }
 
+TEST_F(CgroupClientTest, WhatKeepsItOutIsToldUntilItIsIn) {
+    Edit("\"Worker\"", "\"Nobody\"");
+    EXPECT_FALSE(client.ReloadConfig());
+    EXPECT_THAT(zel::GetCgroupClientProblem(), testing::HasSubstr("component Nobody"));
+    ASSERT_TRUE(Publish(10000, 102400));
+    EXPECT_TRUE(client.ReloadConfig());
+    EXPECT_EQ("", zel::GetCgroupClientProblem());
+    EXPECT_TRUE(client.ReloadConfig());
+    EXPECT_EQ("", zel::GetCgroupClientProblem()) << "at rest it is none either";
+}
+
 TEST_F(CgroupClientTest, StaysWhereItIsWhenTheSecondMoveFails) {
     if (cpuTree == memTree) GTEST_SKIP() << "SKIP: one move serves both controllers here";
     // The first move is the CPU's, the second the memory's; the third takes the first back.

@@ -359,6 +359,58 @@ TEST_F(KeeperTest, FiguresOfEachGroupStandBesideItsLimits) {
     for (const zel::CgroupFigures& group : later) EXPECT_EQ(group.limitHits, -1) << group.name;
 }
 
+/// CPU time of another process. Units: ms.
+int64_t CpuMsOf(int pid) {
+    clockid_t clock{};
+    timespec used{};
+    if (clock_getcpuclockid(pid, &clock) != 0 || clock_gettime(clock, &used) != 0) return -1;
+    return used.tv_sec * 1000 + used.tv_nsec / 1000000;
+}
+
+TEST_F(KeeperTest, FiguresAndStatusSayWhatAGroupsProcessesUse) {
+    constexpr size_t kHeldBytes = 32 << 20;
+    component.reset();
+    Child burner([] {
+        raise(SIGSTOP);
+        std::vector<char> held(kHeldBytes, 'x');
+        timespec used{};
+        while (used.tv_sec == 0 && used.tv_nsec < 400000000) {
+            static_cast<volatile char*>(held.data())[used.tv_nsec % kHeldBytes] = 'y';
+            clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+        }
+        raise(SIGSTOP);
+        return 0;
+    });
+    int status = 0;
+    ASSERT_EQ(burner.Pid(), waitpid(burner.Pid(), &status, WUNTRACED));
+    for (const std::string& tree : Trees()) PutInto(tree + "/collect-defense/QorHips", burner.Pid());
+    ASSERT_EQ(0, kill(burner.Pid(), SIGCONT));
+    ASSERT_EQ(burner.Pid(), waitpid(burner.Pid(), &status, WUNTRACED));
+    const double usedMs = static_cast<double>(CpuMsOf(burner.Pid()));
+    ASSERT_GE(usedMs, 400);
+    const double heldKb = kHeldBytes / 1024;
+    const double slackKb = heldKb / 2;
+
+    zel::CCgroupFiguresReader reader;
+    for (const zel::CgroupFigures& group : reader.Read(true)) {
+        if (group.name.find("collect-defense") != 0) continue;
+        EXPECT_NEAR(usedMs, static_cast<double>(group.cpuMs), 150) << group.name;
+        EXPECT_NEAR(heldKb, static_cast<double>(group.memoryKb), slackKb) << group.name;
+    }
+    zel::CgroupTreeStatus tree;
+    std::string error;
+    ASSERT_TRUE(zel::ReadCgroupTreeStatus(tree, error)) << error;
+    size_t seen = 0;
+    for (const zel::CgroupNodeStatus& node : tree.nodes) {
+        if (node.name != "QorHips" && node.name != "collect-defense") continue;
+        ++seen;
+        EXPECT_NEAR(usedMs, static_cast<double>(node.cpu.used) / 1000, 150) << node.name;
+        EXPECT_NEAR(heldKb, static_cast<double>(node.memory.used), slackKb) << node.name;
+        EXPECT_EQ(0, node.memory.oomKills) << node.name;
+    }
+    EXPECT_EQ(2u, seen);
+}
+
 TEST_F(KeeperTest, FiguresAreReadAgainWithoutAnOpenAndOfNewGroups) {
     zel::CCgroupFiguresReader reader;
     ASSERT_EQ(reader.Read(false).size(), 5u);
