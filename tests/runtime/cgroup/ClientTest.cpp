@@ -163,6 +163,34 @@ TEST_F(CgroupClientTest, LeavesWhenLimitsAreSwitchedOffAndJoinsAgain) {
     EXPECT_TRUE(IsIn(getpid(), "main/Worker"));
 }
 
+TEST_F(CgroupClientTest, SaysOnceThatItLeftWhateverItHadJoined) {
+    struct Case {
+        bool cpu, memory;
+    };
+    for (const Case& joined : {Case{true, true}, Case{true, false}, Case{false, true}, Case{false, false}}) {
+        SCOPED_TRACE(testing::Message() << "cpu " << joined.cpu << ", memory " << joined.memory);
+        if (joined.cpu || joined.memory) {
+            ASSERT_TRUE(Publish(10000, 102400, joined.cpu, joined.memory));
+            ASSERT_TRUE(client.ReloadConfig());
+            EXPECT_EQ(joined.cpu, client.IsCpuJoined());
+            EXPECT_EQ(joined.memory, client.IsMemJoined());
+        }
+        ClearFaults();
+        SwitchOff();
+        EXPECT_TRUE(client.ReloadConfig());
+        unlink(file.c_str());
+        EXPECT_TRUE(client.ReloadConfig());
+        EXPECT_FALSE(client.IsCpuJoined() || client.IsMemJoined());
+        size_t said = 0;
+        for (const support::LogLine& line : support::LogLines()) {
+            if (line.text.find("left the unified groups: ") == std::string::npos) continue;
+            ++said;
+            EXPECT_EQ(zel::kLogInfo, line.level);
+        }
+        EXPECT_EQ(joined.cpu || joined.memory ? 1u : 0u, said);
+    }
+}
+
 TEST_F(CgroupClientTest, LeavesTheOneControllerThatIsSwitchedOff) {
     ASSERT_TRUE(client.ReloadConfig());
     ASSERT_TRUE(Publish(0, 102400, false, true));
@@ -439,6 +467,9 @@ TEST_F(CgroupClientTest, StaysInWhenItCannotLeave) {
     EXPECT_FALSE(client.ReloadConfig());
     EXPECT_TRUE(client.IsCpuJoined());
     EXPECT_TRUE(client.IsMemJoined());
+    for (const support::LogLine& line : support::LogLines()) {
+        EXPECT_EQ(std::string::npos, line.text.find("left the unified groups")) << "it has not";
+    }
     ClearFaults();
     EXPECT_TRUE(client.ReloadConfig());
     EXPECT_EQ(before, ReadValue("/proc/self/cgroup"));
