@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <string>
 
+#include "support/Faults.h"
 #include "support/Files.h"
 
 using base::KernelMessage;
@@ -49,6 +50,23 @@ TEST(KernelLogTest, ALogWithoutAnEndIsWalkedUpToTheBound) {
     const auto walked = base::WalkKernelLog("/dev/zero", [](const KernelMessage&) { return true; });
     ASSERT_TRUE(walked.Ok()) << walked.GetError().Text();
     EXPECT_EQ(100000U, *walked);
+}
+
+TEST(KernelLogTest, AReadThatFailsEndsTheWalkUnlessItWasOverwritten) {
+    const auto walk = [](int error, int times) {
+        const faults::Failing failing(faults::Call::kRead, error, 4, times);
+        return base::WalkKernelLog("/dev/zero", [](const KernelMessage&) { return true; });
+    };
+    const auto atEnd = walk(EAGAIN, 1);
+    ASSERT_TRUE(atEnd.Ok());
+    EXPECT_EQ(3U, *atEnd);
+    const auto overwritten = walk(EPIPE, 2);
+    ASSERT_TRUE(overwritten.Ok());
+    EXPECT_EQ(100000U - 2, *overwritten) << "the next read gives the oldest that is left";
+    const auto failed = walk(EIO, 1);
+    ASSERT_FALSE(failed.Ok());
+    EXPECT_EQ(EIO, failed.GetError().error);
+    EXPECT_NE(std::string::npos, failed.GetError().Text().find("/dev/zero"));
 }
 
 TEST(KernelLogTest, WalksTheRealOneInOrderUntilToldToStop) {
