@@ -23,9 +23,10 @@ struct ComponentStatus {
     uint64_t recentRestarts = 0;
     bool exhausted = false;
     std::string lastReason;
-    bool program = false;     ///< another program: of its life only its state is known
-    int64_t hungSeconds = 0;  ///< for how long it has given no sign of life though it runs; 0: it gives them
-    std::string hungWhat;     ///< which part of it does nothing
+    bool program = false;      ///< another program: of its life only its state is known
+    bool cannotStart = false;  ///< its last start failed, lastReason says why
+    int64_t hungSeconds = 0;   ///< for how long it has given no sign of life though it runs; 0: it gives them
+    std::string hungWhat;      ///< which part of it does nothing
 };
 
 /// Percent of two seconds in which tasks waited; 0: not watched. Of a CPU somebody always waits on a busy host, so that

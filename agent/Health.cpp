@@ -116,6 +116,16 @@ void FindLiftedLimits(const StatusReport& report, Troubles& found) {
     }
 }
 
+std::string RemedyFor(const ComponentStatus& component) {
+    if (component.cannotStart && component.program) {
+        return "put the program there and let it be executed: it is tried again by itself; or correct \"command\" of " +
+               component.name + " in components.json and restart the agent";
+    }
+    if (component.cannotStart) return "log/tervane.log says why; it is tried again by itself";
+    return component.program ? "log/tervane.log has what it said before it ended"
+                             : "its own log says why it ended: log/" + component.name + ".log";
+}
+
 void FindComponents(const StatusReport& report, Troubles& found) {
     for (const ComponentStatus& component : report.components) {
         const std::string who = "component " + component.name;
@@ -126,8 +136,7 @@ void FindComponents(const StatusReport& report, Troubles& found) {
                                       : "it was stopped") +
                                  (component.exhausted ? ", its restarts of this hour are used up" : "") +
                                  (component.lastReason.empty() ? "" : ": " + component.lastReason),
-                             component.program ? "log/tervane.log has what it said before it ended"
-                                               : "its own log says why it ended: log/" + component.name + ".log"});
+                             RemedyFor(component)});
             continue;
         }
         if (component.suspended) {

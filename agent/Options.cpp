@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <climits>
 #include <cstdlib>
+#include <filesystem>
 
 #include "ExitCode.h"
 #include "PlainName.h"
@@ -120,6 +121,8 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, std::stri
         exitCode = kExitDirectory;
         return false;
     }
+    // Components and consoles, which have it by name, may stand elsewhere.
+    if (!options.configPath.empty()) options.configPath = std::filesystem::absolute(options.configPath).string();
     exitCode = kExitClean;
     return true;
 }

@@ -158,6 +158,7 @@ void Fields(Io& io, Of<Io, ComponentStatus>& component) {
     io("restarts_last_hour", component.recentRestarts);
     io("budget_exhausted", component.exhausted);
     io("last_reason", component.lastReason);
+    io("cannot_start", component.cannotStart);
 }
 
 template <class Io>

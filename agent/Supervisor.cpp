@@ -187,7 +187,10 @@ base::Result<base::TrustedProgram> Supervisor::JudgePrograms(const ComponentConf
     // the main process and not started at all.
     if (!config.command.empty()) {
         const auto command = base::OpenTrustedProgram(config.command[0]);
-        if (!command) return base::SentenceError(config.command[0] + ": " + Why(command.GetError(), config.command[0]));
+        if (!command) {
+            return base::SentenceError(config.command[0] + ": " + Why(command.GetError(), config.command[0]) +
+                                       "; mend that, or correct \"command\" of " + config.name + " in components.json");
+        }
     }
     auto program = base::OpenTrustedProgram(m_program);
     if (!program) return base::SentenceError(m_program + ": " + Why(program.GetError(), m_program));
@@ -226,6 +229,8 @@ void Supervisor::Refuse(Component& component, int64_t now, const std::string& re
         LogLine("component " + component.config.name + " is not started: " + reason, zel::kLogWarning);
     }
     component.refusal = reason;
+    component.failed = false;
+    component.failed = false;
     component.nextStartAt = now + kPlaceRetrySeconds;
 }
 
@@ -251,11 +256,13 @@ void Supervisor::Start(Component& component, int64_t now) {
                                                 : base::Result<pid_t>(program.GetError());
     if (!started) {
         const std::string reason = program ? base::ErrnoText(started.GetError().error) : program.GetError().Text();
+        component.failed = true;
         component.nextStartAt = m_budget.NoteDeath(component.config.name, now, now, reason);
         SaveBudget();
         LogLine("component " + component.config.name + " cannot be started: " + reason, zel::kLogWarning);
         return;
     }
+    component.failed = false;
     component.state = ComponentState::kRunning;
     component.pid = *started;
     component.startedAt = now;
@@ -431,6 +438,7 @@ std::vector<ComponentStatus> Supervisor::Status(int64_t now) const {
         status.suspended = component.suspended;
         if (status.suspended) status.suspendedSeconds = now - component.suspendedAt;
         status.program = !component.config.command.empty();
+        status.cannotStart = component.failed;
         status.restarts = component.restarts;
         status.recentRestarts = m_budget.RecentRestarts(status.name, now);
         status.exhausted = m_budget.IsExhausted(status.name, now);

@@ -95,6 +95,7 @@ private:
         bool dropped = false;  ///< and is not to come back
         int64_t leavesUntil = 0;
         std::string refusal;                      ///< why it has no place; empty when it has
+        bool failed = false;                      ///< the last start: nothing has run
         std::unique_ptr<ComponentOutput> output;  ///< of another program than this one
     };
     void Start(Component& component, int64_t now);

@@ -164,11 +164,7 @@ std::vector<ConfigFinding> NewFindings(const Edit& edit, const std::string& chan
 
 /// Returns: the resource file of the process that runs, when it was started with another; else empty.
 std::string OtherResourceFile(const ConfigOptions& options, const std::string& path) {
-    const base::Result<Answer> answer = AskAgent(options.appDir, options.process, "config");
-    const base::Result<Json::Value> root =
-        answer && answer->ok ? ParseJson(answer->body) : base::Result<Json::Value>(Json::Value());
-    if (!root || !root->isObject() || !(*root)["resource_config"].isString()) return "";
-    const std::string used = Printable((*root)["resource_config"].asString());
+    const std::string used = AskResourceFile(options.appDir, options.process);
     return used == path ? "" : used;
 }
 

@@ -17,6 +17,7 @@
 #include "AgentPaths.h"
 #include "AskAgent.h"
 #include "ComponentsConfig.h"
+#include "ConfigPicture.h"
 #include "EventWords.h"
 #include "Health.h"
 #include "MemoryRefusal.h"
@@ -299,7 +300,8 @@ void AddNoDirectories(Findings& found, const std::string& appDir) {
 // What is said of the resource file's content is said of one that is used.
 void JudgeResourceFile(Findings& found, const std::string& path) {
     if (!base::ReadFileMark(path).exists) {
-        found.push_back({Severity::kProblem, path + " is missing", "", "copy the sample there"});
+        found.push_back({Severity::kProblem, path + " is missing", "",
+                         "copy the sample there, or start the agent with --config and the place where it is"});
         return;
     }
     const auto trusted = base::OpenTrusted(path, base::TrustScope::kWithPlace);
@@ -311,30 +313,54 @@ void JudgeResourceFile(Findings& found, const std::string& path) {
     if (wrong.empty()) found.push_back(Ok(path));
 }
 
-// What the agent refuses to read or to run.
-Findings JudgeTrust(const std::string& appDir, const std::vector<ComponentConfig>& components) {
+// What the agent refuses to read.
+Findings JudgeTrust(const std::string& appDir, const std::string& resource) {
     Findings found;
     const auto directory = base::OpenTrustedDirectory(appDir);
     if (!directory) AddRefusal(found, appDir, directory.GetError());
     for (const std::string& path :
-         {ConfigurationFile(appDir, zel::kResourceConfigFileName), appDir + zel::kOnlineConfigFileName,
-          ConfigurationFile(appDir, zel::kAgentConfigFileName)}) {
+         {resource, appDir + zel::kOnlineConfigFileName, ConfigurationFile(appDir, zel::kAgentConfigFileName)}) {
         if (AddNoFile(found, path)) continue;
         const auto file = base::OpenTrusted(path, base::TrustScope::kWithPlace);
         if (!file) AddRefusal(found, path, file.GetError());
     }
-    for (const ComponentConfig& component : components) {
-        if (component.command.empty()) continue;
-        const auto program = base::OpenTrustedProgram(component.command[0]);
-        if (!program) AddRefusal(found, component.command[0], program.GetError());
-    }
     return found;
 }
 
-Findings JudgeFiles(const std::string& appDir, int64_t now) {
+bool IsExecutable(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 && (info.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0;
+}
+
+// Programs of components that are not started. `list`: the file that names them.
+void JudgePrograms(Findings& found, const std::vector<ComponentConfig>& components, const std::string& list) {
+    for (const ComponentConfig& component : components) {
+        if (component.command.empty()) continue;
+        const std::string& path = component.command[0];
+        const auto program = base::OpenTrustedProgram(path);
+        if (program) continue;
+        const base::Error& error = program.GetError();
+        if (error.kind == base::ErrorKind::kDenied && geteuid() != 0) continue;
+        if (error.kind == base::ErrorKind::kRefused && IsExecutable(path)) {
+            AddRefusal(found, path, error);
+            continue;
+        }
+        found.push_back(
+            {Severity::kProblem,
+             "component " + component.name + " cannot be started: " + path + ": " + base::ReasonOf(error, path),
+             "\"command\" of " + component.name + " in " + list,
+             "put the program there and let it be executed, the agent tries again by itself; or correct "
+             "\"command\" of " +
+                 component.name + " in " + list + " and restart the agent"});
+    }
+}
+
+Findings JudgeFiles(const std::string& appDir, int64_t now, const std::string& resourceFile) {
     Findings found;
     AddNoDirectories(found, appDir);
-    JudgeResourceFile(found, ConfigurationFile(appDir, zel::kResourceConfigFileName));
+    const std::string resource =
+        resourceFile.empty() ? ConfigurationFile(appDir, zel::kResourceConfigFileName) : resourceFile;
+    JudgeResourceFile(found, resource);
     const std::string list = ConfigurationFile(appDir, zel::kComponentsFileName);
     const auto components = LoadComponents(list);
     if (components) {
@@ -352,7 +378,8 @@ Findings JudgeFiles(const std::string& appDir, int64_t now) {
         found.push_back({Severity::kProblem, "not taken over: " + config.GetError().Text(), "",
                          "correct it there: until then events and metrics go where they went before"});
     }
-    Append(found, JudgeTrust(appDir, components ? *components : std::vector<ComponentConfig>()));
+    Append(found, JudgeTrust(appDir, resource));
+    if (components) JudgePrograms(found, *components, list);
     Append(found, LookAtPause(appDir, now));
     return found;
 }
@@ -382,8 +409,10 @@ Diagnosis Diagnose(const std::string& appDir) {
     Append(found, LookAtMemory());
     if (appDir.empty()) return diagnosis;
     found.push_back(LookAtRoom(appDir));
-    Append(found, JudgeFiles(appDir, time(nullptr)));
     const base::Result<StatusReport> status = ReadStatus(AskAgent(appDir, zel::kMainProcessName, "status"));
+    // One that does not answer is not waited for twice.
+    const std::string resource = status ? AskResourceFile(appDir, zel::kMainProcessName) : "";
+    Append(found, JudgeFiles(appDir, time(nullptr), resource));
     const bool absent = !status && status.GetError().kind == base::ErrorKind::kNotFound;
     Findings lost = absent ? JudgeLostAgent(appDir) : Findings();
     Append(found, lost.empty() ? JudgeAgent(status) : std::move(lost));

@@ -46,6 +46,7 @@ std::vector<DoctorFinding> JudgeLostAgent(const std::string& appDir);
 std::vector<DoctorFinding> JudgeController(const char* name, const zel::CgroupControllerStatus& controller);
 
 /// The files that the agent reads, and what holds its memory limit back. `now`: seconds since the epoch.
-std::vector<DoctorFinding> JudgeFiles(const std::string& appDir, int64_t now);
+/// `resourceFile`: that of the agent that runs; empty: where one that is started without --config looks.
+std::vector<DoctorFinding> JudgeFiles(const std::string& appDir, int64_t now, const std::string& resourceFile = "");
 
 }  // namespace agent

@@ -289,6 +289,20 @@ TEST(HealthTest, ALegacyLimitAboveTheOneAskedForIsTrouble) {
     }
 }
 
+TEST(HealthTest, AProgramThatCannotBeRunNamesTheRemedy) {
+    StatusReport report = Healthy();
+    report.components[0].state = ComponentState::kWaiting;
+    report.components[0].program = true;
+    report.components[0].lastReason = "exit code 1";
+    const auto remedy = [&] { return FindTrouble(report).at(0).remedy; };
+    EXPECT_THAT(remedy(), HasSubstr("has what it said before it ended"));
+    report.components[0].cannotStart = true;
+    EXPECT_THAT(remedy(), HasSubstr("put the program there"));
+    EXPECT_THAT(remedy(), HasSubstr("correct \"command\" of QorNet in components.json and restart the agent"));
+    report.components[0].program = false;
+    EXPECT_THAT(remedy(), HasSubstr("log/tervane.log says why"));
+}
+
 TEST(HealthTest, AComponentThatStartsHasTimeToJoin) {
     StatusReport report = Healthy();
     report.components[0].pid = 12;

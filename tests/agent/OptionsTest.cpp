@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 
 #include "ExitCode.h"
 
@@ -33,6 +34,13 @@ TEST(OptionsTest, TheMainProcessIsTheDefault) {
     EXPECT_TRUE(parsed.options.IsMain());
     EXPECT_EQ("/tmp", parsed.options.appDir);
     EXPECT_EQ(0u, parsed.options.forSeconds);
+}
+
+TEST(OptionsTest, AnotherResourceFileIsKnownByItsWholePath) {
+    EXPECT_EQ("", Parse({"--app-dir", "/tmp"}).options.configPath);
+    EXPECT_EQ("/etc/limits", Parse({"--app-dir", "/tmp", "--config", "/etc/limits"}).options.configPath);
+    const std::string whole = std::filesystem::current_path().string() + "/conf/limits";
+    EXPECT_EQ(whole, Parse({"--app-dir", "/tmp", "--config", "conf/limits"}).options.configPath);
 }
 
 TEST(OptionsTest, WithoutArgumentsItExplainsItself) {

@@ -35,8 +35,8 @@ protected:
     }
 
     static constexpr int64_t kStarted = 1000;
-    ComponentStatus m_component{"QorNet", "", ComponentState::kRunning, kPid, 0, 0, false, 0, 0, 0, false, "", false,
-                                0,        ""};
+    ComponentStatus m_component{
+        "QorNet", "", ComponentState::kRunning, kPid, 0, 0, false, 0, 0, 0, false, "", false, false, 0, ""};
     ComponentPulses m_pulses;
     bool m_listens = true;
     std::string m_what;

@@ -83,7 +83,7 @@ StatusReport FullReport() {
     report.mainSilentSeconds = 31;
     report.samplingSilentSeconds = 32;
     report.components = {{"QorNet", "collect-defense", ComponentState::kRunning, 99, 1, 2, true, 9, 3, 4, true,
-                          "killed by signal 9", true, 33, "its main thread"}};
+                          "killed by signal 9", true, true, 33, "its main thread"}};
     report.cgroup.cpu.version = 1;
     report.cgroup.cpu.groupPath = "/a";
     report.cgroup.cpu.limited = report.cgroup.cpu.byOthers = true;

@@ -207,8 +207,8 @@ TEST(StatusTextTest, AnObservedLimitIsSaidOnceWithItsOrder) {
 TEST(StatusTextTest, ComponentsAreNamedWhenTheyAreInTrouble) {
     StatusReport report = Report();
     report.components = {
-        {"QorNet", "", ComponentState::kRunning, 77, 9, 0, false, 0, 0, 0, false, "", false, 0, ""},
-        {"QorHips", "", ComponentState::kWaiting, 0, 0, 7, false, 0, 2, 2, false, "exit code 1", false, 0, ""}};
+        {"QorNet", "", ComponentState::kRunning, 77, 9, 0, false, 0, 0, 0, false, "", false, false, 0, ""},
+        {"QorHips", "", ComponentState::kWaiting, 0, 0, 7, false, 0, 2, 2, false, "exit code 1", false, false, 0, ""}};
     const auto lines = MakePicture(report, {}, {});
     EXPECT_EQ(nullptr, Find(lines, "QorNet runs"));
     ASSERT_NE(nullptr, Find(lines, "QorHips ended 2 times, last: exit code 1, next start in 7 s"));

@@ -6,8 +6,9 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <memory>
 #include <ctime>
+#include <filesystem>
+#include <memory>
 
 #include "platform/zel/LogControl.h"
 #include "platform/zel/ToolUtil.h"
@@ -114,12 +115,28 @@ TEST_F(SupervisorTest, TellsAKilledComponentFromOneThatEnded) {
     supervisor->StopAll(1000);
 }
 
+TEST_F(SupervisorTest, ACommandThatCannotBeRunSaysWhereItIsNamed) {
+    Supervisor supervisor("/bin/true", {}, m_path + "/restarts.json", nullptr);
+    const std::string command = m_path + "/command";
+    supervisor.Configure({{"A", "main", {}, {command}}});
+    supervisor.Tick(1000);
+    EXPECT_EQ(command + ": No such file or directory; mend that, or correct \"command\" of A in components.json",
+              supervisor.Status(1000)[0].lastReason);
+    EXPECT_TRUE(supervisor.Status(1000)[0].cannotStart);
+    std::filesystem::copy_file("/bin/true", command);
+    supervisor.Tick(2000);
+    EXPECT_EQ(ComponentState::kRunning, supervisor.Status(2000)[0].state) << supervisor.Status(2000)[0].lastReason;
+    EXPECT_FALSE(supervisor.Status(2000)[0].cannotStart);
+    supervisor.StopAll(2000);
+}
+
 TEST_F(SupervisorTest, AProgramThatIsNotThereCountsAsADeath) {
     Supervisor supervisor("/nowhere/program", {}, m_path + "/restarts.json", nullptr);
     supervisor.Configure({{"A", "main", {}, {}}});
     supervisor.Tick(1000);
     EXPECT_EQ(ComponentState::kWaiting, supervisor.Status(1000)[0].state);
     EXPECT_EQ("/nowhere/program: No such file or directory", supervisor.Status(1000)[0].lastReason);
+    EXPECT_TRUE(supervisor.Status(1000)[0].cannotStart);
     EXPECT_EQ(1, supervisor.Status(1000)[0].waitsSeconds);
 }
 
