@@ -110,15 +110,9 @@ DoctorFinding LookAtRoom(const std::string& appDir) {
     const std::string room =
         appDir + ": " + std::to_string(space >> 20) + " MB and " + std::to_string(inodes) + " inodes free";
     if (space > kLeastFreeBytes && inodes > kLeastFreeInodes) return Ok(room);
-    return {Severity::kProblem, room, "", "make room there: events and the component file need it"};
-}
-
-/// The memory limit failed lately, and the monitor does not try it again before its time.
-Findings LookAtPause(const std::string& appDir, int64_t now) {
-    const std::optional<MemoryPause> pause = ReadMemoryPause(appDir, now);
-    if (!pause) return {};
-    return {{Severity::kProblem, "the memory limit is " + DescribePause(*pause), pause->path,
-             "remove the reason that the log names, then remove " + pause->path + " to try at once"}};
+    return {Severity::kProblem, room, "",
+            Text("make room there, more than %lu MB and %lu inodes: events and the component file need it",
+                 kLeastFreeBytes >> 20, kLeastFreeInodes)};
 }
 
 }  // namespace
@@ -356,6 +350,7 @@ void JudgePrograms(Findings& found, const std::vector<ComponentConfig>& componen
 }
 
 Findings JudgeFiles(const std::string& appDir, int64_t now, const std::string& resourceFile) {
+Findings JudgeFiles(const std::string& appDir) {
     Findings found;
     AddNoDirectories(found, appDir);
     const std::string resource =
@@ -381,7 +376,16 @@ Findings JudgeFiles(const std::string& appDir, int64_t now, const std::string& r
     Append(found, JudgeTrust(appDir, resource));
     if (components) JudgePrograms(found, *components, list);
     Append(found, LookAtPause(appDir, now));
+    Append(found, JudgeTrust(appDir, components ? *components : std::vector<ComponentConfig>()));
     return found;
+}
+
+Findings JudgePause(const std::string& appDir, int64_t now, const base::Result<StatusReport>& report) {
+    const std::optional<MemoryPause> pause = ReadMemoryPause(appDir, now);
+    // Only the legacy limit is paused: in the unified mode the groups have theirs, whatever failed before.
+    if (!pause || (report && (report->unified || HoldsOwnLimit(report->cgroup.mem)))) return {};
+    return {{Severity::kProblem, "the memory limit is " + DescribePause(*pause), pause->path,
+             "remove the reason that the log names, then remove " + pause->path + " to try at once"}};
 }
 
 Severity Diagnosis::Worst() const {
@@ -413,6 +417,10 @@ Diagnosis Diagnose(const std::string& appDir) {
     // One that does not answer is not waited for twice.
     const std::string resource = status ? AskResourceFile(appDir, zel::kMainProcessName) : "";
     Append(found, JudgeFiles(appDir, time(nullptr), resource));
+    const int64_t now = time(nullptr);
+    Append(found, JudgeFiles(appDir));
+    const base::Result<StatusReport> status = ReadStatus(AskAgent(appDir, zel::kMainProcessName, "status"));
+    Append(found, JudgePause(appDir, now, status));
     const bool absent = !status && status.GetError().kind == base::ErrorKind::kNotFound;
     Findings lost = absent ? JudgeLostAgent(appDir) : Findings();
     Append(found, lost.empty() ? JudgeAgent(status) : std::move(lost));

@@ -48,5 +48,11 @@ std::vector<DoctorFinding> JudgeController(const char* name, const zel::CgroupCo
 /// The files that the agent reads, and what holds its memory limit back. `now`: seconds since the epoch.
 /// `resourceFile`: that of the agent that runs; empty: where one that is started without --config looks.
 std::vector<DoctorFinding> JudgeFiles(const std::string& appDir, int64_t now, const std::string& resourceFile = "");
+/// The files that the agent reads.
+std::vector<DoctorFinding> JudgeFiles(const std::string& appDir);
+
+/// A failure on record that holds the legacy memory limit back, unless the agent that runs has a memory limit in force
+/// all the same. `now`: seconds since the epoch.
+std::vector<DoctorFinding> JudgePause(const std::string& appDir, int64_t now, const base::Result<StatusReport>& report);
 
 }  // namespace agent

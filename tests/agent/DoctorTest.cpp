@@ -168,12 +168,12 @@ TEST(DoctorTest, AReadOnlyHierarchyIsAProblem) {
 }
 
 TEST_F(DoctorFilesTest, FilesThatAreWellAreNoAlarm) {
-    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow))) << TextOf(JudgeFiles(dir.Path(), kNow));
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path()))) << TextOf(JudgeFiles(dir.Path()));
 }
 
 TEST_F(DoctorFilesTest, ARefusedComponentsFileIsAProblem) {
     ASSERT_TRUE(support::WriteText(dir / "conf/components.json", "{\"components\": 1}"));
-    const std::vector<DoctorFinding> found = JudgeFiles(dir.Path(), kNow);
+    const std::vector<DoctorFinding> found = JudgeFiles(dir.Path());
     EXPECT_EQ(Severity::kProblem, WorstOf(found));
     EXPECT_THAT(TextOf(found), HasSubstr("no component is started: "));
 }
@@ -185,15 +185,15 @@ TEST_F(DoctorFilesTest, WhatOthersMayChangeIsAProblemByName) {
     ASSERT_EQ(0, chmod(program.c_str(), 0755));
     ASSERT_TRUE(support::WriteText(dir / "conf/components.json",
                                    R"({"components":[{"name":"A","command":[")" + program + R"("]}]})"));
-    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow))) << TextOf(JudgeFiles(dir.Path(), kNow));
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path()))) << TextOf(JudgeFiles(dir.Path()));
     ASSERT_EQ(0, chmod(program.c_str(), 0757));
-    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path(), kNow)));
-    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)),
+    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path())));
+    EXPECT_THAT(TextOf(JudgeFiles(dir.Path())),
                 HasSubstr(program + " is not used: somebody else could have changed it\n         seen: writable by "
                                     "everybody, mode 0757 (chmod o-w)"));
     ASSERT_EQ(0, chmod(program.c_str(), 0755));
     ASSERT_EQ(0, chmod((dir / "conf").c_str(), 01777));
-    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)),
+    EXPECT_THAT(TextOf(JudgeFiles(dir.Path())),
                 HasSubstr("conf/resource_config is not used: somebody else could have changed it\n         seen: " +
                           (dir / "conf") + ": writable by everybody, mode 1777 (chmod o-w)"));
 }
@@ -236,37 +236,37 @@ TEST_F(DoctorFilesTest, TheResourceFileIsJudgedWhereTheAgentReadsIt) {
 TEST_F(DoctorFilesTest, TheAgentsOwnConfigurationIsJudgedToo) {
     const std::string path = dir / "conf/agent.json";
     ASSERT_TRUE(support::WriteText(path, R"({"syslog":true})"));
-    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow))) << TextOf(JudgeFiles(dir.Path(), kNow));
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path()))) << TextOf(JudgeFiles(dir.Path()));
     ASSERT_EQ(0, chmod(path.c_str(), 0666));
-    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path(), kNow)));
-    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)), HasSubstr(path + " is not used: somebody else could have"));
+    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path())));
+    EXPECT_THAT(TextOf(JudgeFiles(dir.Path())), HasSubstr(path + " is not used: somebody else could have"));
     ASSERT_EQ(0, chmod(path.c_str(), 0640));
     const std::string authorities = dir / "ca.pem";
     ASSERT_TRUE(support::WriteText(authorities, "x"));
     ASSERT_TRUE(support::WriteText(path, R"({"http":{"url":"https://h/","ca_file":")" + authorities + R"("}})"));
-    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow))) << TextOf(JudgeFiles(dir.Path(), kNow));
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path()))) << TextOf(JudgeFiles(dir.Path()));
     ASSERT_EQ(0, chmod(authorities.c_str(), 0666));
-    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)), HasSubstr(authorities + " is not used: somebody else could"));
+    EXPECT_THAT(TextOf(JudgeFiles(dir.Path())), HasSubstr(authorities + " is not used: somebody else could"));
     ASSERT_TRUE(support::WriteText(path, R"({"sylog":true})"));
-    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path(), kNow)));
-    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)), HasSubstr("not taken over: " + path + ": sylog: unknown key"));
+    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path())));
+    EXPECT_THAT(TextOf(JudgeFiles(dir.Path())), HasSubstr("not taken over: " + path + ": sylog: unknown key"));
 }
 
 TEST_F(DoctorFilesTest, ALineWithoutEffectIsAWarning) {
     ASSERT_TRUE(support::WriteText(dir / "conf/resource_config", "max_cpu = much\n"));
-    EXPECT_EQ(Severity::kWarning, WorstOf(JudgeFiles(dir.Path(), kNow)));
+    EXPECT_EQ(Severity::kWarning, WorstOf(JudgeFiles(dir.Path())));
 }
 
 TEST_F(DoctorFilesTest, AMissingResourceFileIsAProblem) {
     ASSERT_EQ(0, unlink((dir / "conf/resource_config").c_str()));
-    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path(), kNow)));
+    EXPECT_EQ(Severity::kProblem, WorstOf(JudgeFiles(dir.Path())));
 }
 
 TEST_F(DoctorFilesTest, SomethingElseInAFilesPlaceIsNamedOnce) {
     const std::string path = dir / "conf/resource_config";
     ASSERT_EQ(0, rename(path.c_str(), (dir / "conf/real").c_str()));
     const auto expect = [&](const char* what) {
-        const std::string text = TextOf(JudgeFiles(dir.Path(), kNow));
+        const std::string text = TextOf(JudgeFiles(dir.Path()));
         EXPECT_THAT(text,
                     HasSubstr("PROBLEM  " + path + " is not used: it is not a regular file\n         do:   move it"))
             << what;
@@ -284,7 +284,7 @@ TEST_F(DoctorFilesTest, SomethingElseInAFilesPlaceIsNamedOnce) {
 TEST_F(DoctorFilesTest, ContentOfAFileThatIsNotUsedIsNoFinding) {
     const std::string path = dir / "conf/resource_config";
     ASSERT_EQ(0, chmod(path.c_str(), 0666));
-    const std::string text = TextOf(JudgeFiles(dir.Path(), kNow));
+    const std::string text = TextOf(JudgeFiles(dir.Path()));
     EXPECT_THAT(text, HasSubstr(path + " is not used: somebody else could have changed it"));
     EXPECT_EQ(text.find("cannot be read"), std::string::npos) << text;
 }
@@ -293,11 +293,11 @@ TEST_F(DoctorFilesTest, AFileInADirectorysPlaceIsAProblem) {
     for (const char* const name : {"log", "run", "data", "spool", "selfkill"}) {
         ASSERT_EQ(0, mkdir((dir / name).c_str(), 0750));
     }
-    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow)));
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path())));
     for (const char* const name : {"log", "run", "data", "spool", "selfkill"}) {
         ASSERT_EQ(0, rmdir((dir / name).c_str()));
         ASSERT_TRUE(support::WriteText(dir / name, ""));
-        EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow)),
+        EXPECT_THAT(TextOf(JudgeFiles(dir.Path())),
                     HasSubstr("PROBLEM  " + (dir / name) + " is not a directory\n         do:   move it away"));
     }
 }
@@ -325,11 +325,27 @@ TEST_F(DoctorFilesTest, AnAgentThatLostItsRunDirectoryIsFound) {
 TEST_F(DoctorFilesTest, APauseOfTheLimitIsAProblemUntilItIsOver) {
     const std::string record = dir.Path() + zel::kCgroupErrorFileName;
     ASSERT_TRUE(support::WriteText(record, "119-" + std::to_string(kNow - 3600) + "\n"));
-    const std::vector<DoctorFinding> found = JudgeFiles(dir.Path(), kNow);
+    const base::Result<StatusReport> absent = base::Error();
+    const std::vector<DoctorFinding> found = JudgePause(dir.Path(), kNow, absent);
     EXPECT_EQ(Severity::kProblem, WorstOf(found));
     EXPECT_THAT(TextOf(found), HasSubstr("the memory limit is paused until "));
     EXPECT_THAT(TextOf(found), HasSubstr(" because it failed with 119 at "));
-    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow + 11 * 3600)));
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgePause(dir.Path(), kNow + 11 * 3600, absent)));
     ASSERT_TRUE(support::WriteText(record, "garbage\n\n-\n"));
-    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow)));
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgePause(dir.Path(), kNow, absent)));
+}
+
+TEST_F(DoctorFilesTest, APauseIsNoneForWhoHasAMemoryLimit) {
+    ASSERT_TRUE(support::WriteText(dir.Path() + zel::kCgroupErrorFileName, "13-" + std::to_string(kNow - 60) + "\n"));
+    StatusReport report;
+    report.mode = zel::kModeCpu | zel::kModeMemory;
+    EXPECT_EQ(Severity::kProblem, WorstOf(JudgePause(dir.Path(), kNow, report)));
+    report.cgroup.mem.limited = true;
+    report.cgroup.mem.byOthers = true;
+    EXPECT_EQ(Severity::kProblem, WorstOf(JudgePause(dir.Path(), kNow, report))) << "somebody else's";
+    report.cgroup.mem.byOthers = false;
+    EXPECT_TRUE(JudgePause(dir.Path(), kNow, report).empty());
+    report.cgroup.mem.limited = false;
+    report.unified = true;
+    EXPECT_TRUE(JudgePause(dir.Path(), kNow, report).empty()) << "only the legacy limit is paused";
 }
