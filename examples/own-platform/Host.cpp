@@ -77,6 +77,9 @@ struct CResourceMonitor::Impl {
 namespace {
 
 constexpr int kBusyPercent = 80;  // of the maximum
+// Nothing else holds this process, so its average is judged, over about so many rounds: by each second alone its
+// workers would work for one and rest for one, at half a CPU whatever the maximum is.
+constexpr double kRounds = 8;
 
 int LevelOf(double value, double maximum) {
     if (maximum <= 0) return 0;
@@ -111,11 +114,13 @@ bool CResourceMonitor::StopMonitor() {
 void CResourceMonitor::run() {
     SetThreadName("sampling");
     double before = CpuSeconds();
+    double average = 0;
     std::unique_lock<std::mutex> lock(m_impl->mutex);
     for (unsigned long tick = 0; !m_impl->stopping; ++tick) {
         lock.unlock();
         const double now = CpuSeconds();
-        m_levels.cpu = LevelOf((now - before) * 100, m_impl->maxCpu);
+        average += ((now - before) * 100 - average) / kRounds;
+        m_levels.cpu = LevelOf(average, m_impl->maxCpu);
         before = now;
         const auto memoryKb =
             static_cast<double>(zel::GetProcessUtil()->GetProcessMemory(zel::GetProcessUtil()->GetCurrentProcessId()));

@@ -1,5 +1,5 @@
 // The module on a platform of the agent's own, without our runtime: what it asks of a platform is in the three files
-// beside this one. A worker that would take a whole CPU holds itself at the maximum of its configuration.
+// beside this one. A worker that would take a whole CPU keeps its average near the maximum of its configuration.
 #include <csignal>
 #include <cstdio>
 #include <thread>
