@@ -16,6 +16,7 @@
 #include "base/TrustedRead.h"
 #include "broker/NatsTexts.h"
 #include "broker/ServerInfo.h"
+#include "broker/SilenceWatch.h"
 #include "rule/FleetNames.h"
 
 namespace fleet {
@@ -120,6 +121,7 @@ struct NatsBroker::Impl {
     /// What the library's callbacks touch. They may come after a connection is closed, so it lives until the last one.
     struct Heard {
         std::atomic<uint64_t> connections{0};
+        SilenceWatch watch;
         base::Mutex lock;
         // By subject: what one process may not says nothing of another one's silence.
         std::map<std::string, Refusals> refused ZEL_GUARDED_BY(lock);
@@ -186,6 +188,7 @@ struct NatsBroker::Impl {
     static Heard& Of(void* share) { return **static_cast<Share*>(share); }
     static void OnConnected(natsConnection*, void* share) {
         ++Of(share).connections;
+        Of(share).watch.SetConnected(true);
         Of(share).TellNews();
     }
     static void OnBell(natsConnection*, natsSubscription*, natsMsg* message, void* share) {
@@ -194,7 +197,10 @@ struct NatsBroker::Impl {
     }
     // The last one of a subscription.
     static void OnBellGone(void* share) { delete static_cast<Share*>(share); }
-    static void OnDisconnected(natsConnection*, void* share) { Of(share).ForgetAnswers(); }
+    static void OnDisconnected(natsConnection*, void* share) {
+        Of(share).watch.SetConnected(false);
+        Of(share).ForgetAnswers();
+    }
     static void OnError(natsConnection* connection, natsSubscription*, natsStatus status, void* share) {
         if (status == NATS_NOT_PERMITTED) Of(share).NoteRefusal(connection);
     }
@@ -322,6 +328,7 @@ base::Status NatsBroker::Impl::Connect(const std::string& first) {
     natsStatus status = TryForEver(made->get(), options.reconnectMs, share.get());
     if (status == NATS_OK) status = natsConnection_Connect(&next->connection, made->get());
     if (status == NATS_OK) ++heard->connections;
+    if (status == NATS_OK) heard->watch.SetConnected(true);
     if (next->connection != nullptr) static_cast<void>(share.release());  // of the callbacks from now on
     if (status != NATS_OK && status != NATS_NOT_YET_CONNECTED) return ErrorOf(status, "the broker");
     jsOptions defaults;
@@ -369,13 +376,16 @@ std::string NatsBroker::Impl::TryAgain() {
     if (own->underWay || std::chrono::steady_clock::now() < own->due) return own->words;
     // One address at a time: whoever asks has a batch in hand, whose owner waits for a minute.
     const std::string server = options.servers[own->next++ % options.servers.size()];
-    // A broker that greets and then says nothing is waited for without end: not by this thread.
-    const auto probe = [own, server, copied = options] {
+    // A broker that greets and then says nothing is waited for until its connection is cut: not by this thread.
+    const std::string silent = server + " takes the connection and does not answer";
+    const auto probe = [own, server, silent, copied = options] {
         Impl one;
         one.options = copied;
+        const auto begun = std::chrono::steady_clock::now();
         const base::Status status = one.Probe(server);
+        const bool isLate = std::chrono::steady_clock::now() - begun >= kProbePatience;
         base::MutexLock done(own->lock);
-        own->Note(status.Ok(), status ? kBeingMade : status.GetError().Text());
+        own->Note(status.Ok(), status ? kBeingMade : isLate ? silent : status.GetError().Text());
         own->underWay = false;
         own->ended.notify_all();
     };
@@ -388,7 +398,7 @@ std::string NatsBroker::Impl::TryAgain() {
     own->underWay = true;
     const auto due = std::chrono::steady_clock::now() + kProbePatience;
     while (own->underWay && std::chrono::steady_clock::now() < due) own->ended.wait_until(own->lock, due);
-    if (own->underWay) own->Note(false, server + " takes the connection and does not answer");
+    if (own->underWay) own->Note(false, silent);
     // The library closes a connection for good that was refused twice in the same words.
     if (!own->isWell || !natsConnection_IsClosed(Now()->connection)) return own->words;
     heard->ForgetAnswers();
@@ -407,6 +417,8 @@ base::Result<std::unique_ptr<NatsBroker>> NatsBroker::Open(const BrokerOptions& 
     }
     auto impl = std::make_unique<Impl>();
     impl->options = options;
+    const base::Status watches = impl->heard->watch.Start();
+    if (!watches) return watches.GetError();
     const base::Status status = impl->Connect();
     if (!status) return status.GetError();
     return std::unique_ptr<NatsBroker>(new NatsBroker(std::move(impl)));

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -337,6 +338,18 @@ void DescriptorCounter::Close() {
     if (m_dir != nullptr) closedir(m_dir);
     m_dir = nullptr;
     m_dirFd.Reset();
+}
+
+std::vector<int> ListOwnDescriptors() {
+    std::vector<int> numbers;
+    DIR* const directory = opendir(kOwnDescriptorsDir);
+    if (directory == nullptr) return numbers;
+    while (const dirent* entry = readdir(directory)) {
+        const int number = entry->d_name[0] == '.' ? dirfd(directory) : atoi(entry->d_name);
+        if (number != dirfd(directory)) numbers.push_back(number);
+    }
+    closedir(directory);
+    return numbers;
 }
 
 bool DescriptorCounter::Open() {

@@ -187,6 +187,9 @@ private:
     DIR* m_dir = nullptr;
 };
 
+/// Returns: the numbers of this process's open descriptors, as they are now; none where they cannot be read.
+std::vector<int> ListOwnDescriptors();
+
 /// Counts the open descriptors of this process.
 /// Kernel: since 6.2 the size of /proc/self/fd is their number, one call; before, the directory is read.
 class DescriptorCounter {

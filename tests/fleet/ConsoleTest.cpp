@@ -15,6 +15,7 @@
 #include "fleet/ConsoleProcess.h"
 #include "fleet/CuttingProxy.h"
 #include "fleet/EnrolledBroker.h"
+#include "fleet/GreetingBroker.h"
 #include "fleet/RealBroker.h"
 #include "rule/FleetNames.h"
 #include "support/Waiting.h"
@@ -102,6 +103,17 @@ protected:
     }
     std::unique_ptr<EnrolledBroker> m_fleet;
 };
+
+TEST_F(ConsoleTest, ABrokerThatOnlyGreetsIsSaidAndHoldsNoEnd) {
+    const GreetingBroker greeting;
+    BrokerOptions options;
+    options.servers = {greeting.Url()};
+    ConsoleProcess console(options);
+    const Json::Value info = console.Ask(Line(R"("op":"info")"));
+    EXPECT_EQ(info["reason"].asString(), greeting.Url() + " takes the connection and does not answer");
+    EXPECT_FALSE(info["connected"].asBool());
+    EXPECT_EQ(console.End(), 0);
+}
 
 TEST_F(ConsoleTest, KeysArePutComparedReadAndTakenAway) {
     const auto chief = Console("chief");

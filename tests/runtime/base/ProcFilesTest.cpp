@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -445,6 +446,17 @@ TEST(ProcessCpuTest, IsTheKernelsClockOfAnyProcess) {
         EXPECT_LE(between, clockOf(pid));
     }
     for (const int none : {0, -1, INT_MIN, INT_MAX}) EXPECT_FALSE(ReadProcessCpuNs(none)) << none;
+}
+
+TEST(DescriptorCounterTest, ListNamesEachThatIsOpenAndNotItsOwn) {
+    const std::vector<int> before = ListOwnDescriptors();
+    const Fd one(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    std::vector<int> wanted = before;
+    wanted.push_back(one.Get());
+    std::vector<int> now = ListOwnDescriptors();
+    std::sort(wanted.begin(), wanted.end());
+    std::sort(now.begin(), now.end());
+    EXPECT_EQ(now, wanted);
 }
 
 TEST(DescriptorCounterTest, CountsOneByOne) {
