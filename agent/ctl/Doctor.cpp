@@ -349,8 +349,7 @@ void JudgePrograms(Findings& found, const std::vector<ComponentConfig>& componen
     }
 }
 
-Findings JudgeFiles(const std::string& appDir, int64_t now, const std::string& resourceFile) {
-Findings JudgeFiles(const std::string& appDir) {
+Findings JudgeFiles(const std::string& appDir, const std::string& resourceFile) {
     Findings found;
     AddNoDirectories(found, appDir);
     const std::string resource =
@@ -375,8 +374,6 @@ Findings JudgeFiles(const std::string& appDir) {
     }
     Append(found, JudgeTrust(appDir, resource));
     if (components) JudgePrograms(found, *components, list);
-    Append(found, LookAtPause(appDir, now));
-    Append(found, JudgeTrust(appDir, components ? *components : std::vector<ComponentConfig>()));
     return found;
 }
 
@@ -416,11 +413,8 @@ Diagnosis Diagnose(const std::string& appDir) {
     const base::Result<StatusReport> status = ReadStatus(AskAgent(appDir, zel::kMainProcessName, "status"));
     // One that does not answer is not waited for twice.
     const std::string resource = status ? AskResourceFile(appDir, zel::kMainProcessName) : "";
-    Append(found, JudgeFiles(appDir, time(nullptr), resource));
-    const int64_t now = time(nullptr);
-    Append(found, JudgeFiles(appDir));
-    const base::Result<StatusReport> status = ReadStatus(AskAgent(appDir, zel::kMainProcessName, "status"));
-    Append(found, JudgePause(appDir, now, status));
+    Append(found, JudgeFiles(appDir, resource));
+    Append(found, JudgePause(appDir, time(nullptr), status));
     const bool absent = !status && status.GetError().kind == base::ErrorKind::kNotFound;
     Findings lost = absent ? JudgeLostAgent(appDir) : Findings();
     Append(found, lost.empty() ? JudgeAgent(status) : std::move(lost));

@@ -45,11 +45,9 @@ std::vector<DoctorFinding> JudgeLostAgent(const std::string& appDir);
 /// A controller as this process sees it: mounted, and not read-only. Looks at the mount.
 std::vector<DoctorFinding> JudgeController(const char* name, const zel::CgroupControllerStatus& controller);
 
-/// The files that the agent reads, and what holds its memory limit back. `now`: seconds since the epoch.
-/// `resourceFile`: that of the agent that runs; empty: where one that is started without --config looks.
-std::vector<DoctorFinding> JudgeFiles(const std::string& appDir, int64_t now, const std::string& resourceFile = "");
-/// The files that the agent reads.
-std::vector<DoctorFinding> JudgeFiles(const std::string& appDir);
+/// The files that the agent reads. `resourceFile`: that of the agent that runs; empty: where one that is started without
+/// --config looks.
+std::vector<DoctorFinding> JudgeFiles(const std::string& appDir, const std::string& resourceFile = "");
 
 /// A failure on record that holds the legacy memory limit back, unless the agent that runs has a memory limit in force
 /// all the same. `now`: seconds since the epoch.

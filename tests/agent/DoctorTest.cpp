@@ -203,7 +203,7 @@ TEST_F(DoctorFilesTest, AProgramThatCannotBeRunNamesTheRemedy) {
     const std::string list = dir / "conf/components.json";
     ASSERT_TRUE(support::WriteText(list, R"({"components":[{"name":"A","command":[")" + program + R"("]}]})"));
     const auto expect = [&](const std::string& why) {
-        const std::vector<DoctorFinding> found = JudgeFiles(dir.Path(), kNow);
+        const std::vector<DoctorFinding> found = JudgeFiles(dir.Path());
         EXPECT_EQ(Severity::kProblem, WorstOf(found));
         EXPECT_THAT(TextOf(found), HasSubstr("PROBLEM  component A cannot be started: " + why));
         EXPECT_THAT(TextOf(found), HasSubstr("seen: \"command\" of A in " + list + "\n         do:   put the program"));
@@ -218,19 +218,19 @@ TEST_F(DoctorFilesTest, AProgramThatCannotBeRunNamesTheRemedy) {
     ASSERT_EQ(0, chmod(program.c_str(), 0755));
     expect(program + ": " + (dir / "bin/shell") + ": No such file or directory");
     ASSERT_TRUE(support::WriteText(program, "#!/bin/sh\n"));
-    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path(), kNow))) << TextOf(JudgeFiles(dir.Path(), kNow));
+    EXPECT_EQ(Severity::kOk, WorstOf(JudgeFiles(dir.Path()))) << TextOf(JudgeFiles(dir.Path()));
 }
 
 TEST_F(DoctorFilesTest, TheResourceFileIsJudgedWhereTheAgentReadsIt) {
     const std::string other = dir / "other/limits";
     ASSERT_TRUE(support::WriteText(other, "max_cpu = much\n"));
     ASSERT_EQ(0, unlink((dir / "conf/resource_config").c_str()));
-    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow, other)), Not(HasSubstr("is missing")));
-    EXPECT_EQ(Severity::kWarning, WorstOf(JudgeFiles(dir.Path(), kNow, other))) << "its content counts";
+    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), other)), Not(HasSubstr("is missing")));
+    EXPECT_EQ(Severity::kWarning, WorstOf(JudgeFiles(dir.Path(), other))) << "its content counts";
     ASSERT_EQ(0, chmod(other.c_str(), 0666));
-    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow, other)), HasSubstr(other + " is not used: somebody else"));
+    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), other)), HasSubstr(other + " is not used: somebody else"));
     ASSERT_EQ(0, unlink(other.c_str()));
-    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), kNow, other)), HasSubstr("PROBLEM  " + other + " is missing"));
+    EXPECT_THAT(TextOf(JudgeFiles(dir.Path(), other)), HasSubstr("PROBLEM  " + other + " is missing"));
 }
 
 TEST_F(DoctorFilesTest, TheAgentsOwnConfigurationIsJudgedToo) {
