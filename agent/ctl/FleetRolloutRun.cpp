@@ -27,8 +27,16 @@ constexpr unsigned int kSliceMs = 100;
 constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
 
 volatile sig_atomic_t g_signals = 0;
+volatile sig_atomic_t g_firstAt = 0;  // second of the monotonic clock
 
-void NoteSignal(int) {
+// A terminal that is lost tells its end several times at once, by its shell and by the kernel, and is nobody who asks
+// again. Of two that are meant there is a second between.
+void NoteSignal(int number) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const auto second = static_cast<sig_atomic_t>(now.tv_sec);
+    if (g_signals == 0) g_firstAt = second;
+    if (g_signals > 0 && (number == SIGHUP || second - g_firstAt < 2)) return;
     g_signals = g_signals + 1;
 }
 

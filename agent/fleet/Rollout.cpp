@@ -14,7 +14,8 @@ namespace agent {
 namespace {
 
 constexpr char kHostLevel[] = "host.";
-constexpr int kMostRestarts = 1;  // one may be an update of the agent
+constexpr int kMostRestarts = 1;      // one may be an update of the agent
+constexpr int64_t kWholeSeconds = 2;  // what two counts of whole seconds may be wrong by
 
 /// The same hosts for the same names, but no favourites: FNV-1a over target and name (its constants, 64 bits).
 uint64_t LotOf(const std::string& target, const std::string& host) {
@@ -269,11 +270,12 @@ void Rollout::Look(const FleetHosts& hosts, int64_t now) {
     }
     m_waitsSince.reset();
     if (!m_appliedAt) m_appliedAt = now;
-    // The state that reported it says nothing of what came of it yet: each has to tell one more.
-    const int64_t since = now - *m_appliedAt;
-    const bool areFresh = std::all_of(m_canaries.begin(), m_canaries.end(),
-                                      [&](const std::string& name) { return hosts.at(name).silentSeconds < since; });
-    if (since >= m_plan.waitSeconds && areFresh) Take(RolloutPhase::kWidening);
+    // A host may fall silent at any time: each has to tell one more state when the time is over.
+    const int64_t over = now - *m_appliedAt - m_plan.waitSeconds;
+    const bool areFresh = std::all_of(m_canaries.begin(), m_canaries.end(), [&](const std::string& name) {
+        return hosts.at(name).silentSeconds + kWholeSeconds <= over;
+    });
+    if (over >= 0 && areFresh) Take(RolloutPhase::kWidening);
 }
 
 }  // namespace agent

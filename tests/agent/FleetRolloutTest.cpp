@@ -333,7 +333,7 @@ TEST_F(FleetRolloutRunTest, TheTerminalsKeyBringsAllBack) {
 }
 
 TEST_F(FleetRolloutRunTest, ALostTerminalBringsAllBack) {
-    RunAndSend({SIGPIPE, SIGHUP});
+    RunAndSend({SIGPIPE, SIGHUP, SIGTERM, SIGHUP});  // of the shell, the session's manager and the kernel
     ExpectBack();
 }
 

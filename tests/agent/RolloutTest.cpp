@@ -97,7 +97,7 @@ TEST_F(RolloutTest, AFewGetItAndThenAll) {
     EXPECT_EQ(rollout.Phase(), RolloutPhase::kWatching);
     EXPECT_EQ(m_puts[0], "host." + rollout.Canaries()[0] + R"( {"maxCpu":20})");
     for (const std::string& name : rollout.Canaries()) Apply(name);
-    Until(rollout, 595);
+    Until(rollout, 600);
     EXPECT_EQ(rollout.Phase(), RolloutPhase::kWatching) << "they are looked at for the whole time";
     Until(rollout, 5);
     EXPECT_EQ(rollout.Phase(), RolloutPhase::kWidening);
@@ -124,6 +124,24 @@ TEST_F(RolloutTest, EachTellsAStateAfterTheOneThatReportedIt) {
     last.state.problems = 1;
     rollout.Look(m_hosts, m_now + 61);
     EXPECT_THAT(rollout.Reason(), HasSubstr("has a new finding"));
+}
+
+TEST_F(RolloutTest, AHostThatFallsSilentWhileItIsWatchedStopsIt) {
+    m_plan.waitSeconds = 120;
+    Rollout rollout = Begin();
+    Store(rollout);
+    for (const std::string& name : rollout.Canaries()) Apply(name);
+    FleetHost& last = m_hosts.at(rollout.Canaries()[1]);
+    rollout.Look(m_hosts, m_now);
+    // It tells one state more, and freezes: by the end of the time it is not late yet.
+    for (int64_t i = 5; i < 180; i += 5) {
+        last.silentSeconds = i - 5;
+        rollout.Look(m_hosts, m_now + i);
+        ASSERT_EQ(rollout.Phase(), RolloutPhase::kWatching) << i;
+    }
+    last.silentSeconds = 180;
+    rollout.Look(m_hosts, m_now + 185);
+    EXPECT_THAT(rollout.Reason(), HasSubstr("is late"));
 }
 
 TEST_F(RolloutTest, AGroupIsFoundByItsEscapedName) {
@@ -216,7 +234,7 @@ TEST_F(RolloutTest, SomebodyElsesChangeIsNotOverwritten) {
     Store(wide);
     for (const std::string& name : wide.Canaries()) Apply(name);
     m_contested = "group.web";
-    Until(wide, 600);
+    Until(wide, 605);
     Store(wide);
     EXPECT_EQ(wide.Phase(), RolloutPhase::kFailed);
     EXPECT_THAT(wide.Reason(), HasSubstr("group.web could not be changed"));
@@ -275,7 +293,7 @@ TEST_F(RolloutTest, WhatNobodyKnowsIsTold) {
     Rollout wide = Begin();
     Store(wide);
     for (const std::string& name : wide.Canaries()) Apply(name);
-    Until(wide, 600);
+    Until(wide, 605);
     m_silent = "group.web";
     Store(wide);
     EXPECT_EQ(wide.Phase(), RolloutPhase::kFailed);
@@ -314,7 +332,7 @@ TEST_F(RolloutTest, AnEndThatIsAskedForWaitsForTheAnswer) {
         Rollout wide = Begin();
         Store(wide);
         for (const std::string& name : wide.Canaries()) Apply(name);
-        Until(wide, 600);
+        Until(wide, 605);
         ASSERT_TRUE(wide.Next());
         wide.Cancel("too late");
         wide.OnPut(stored ? PutOutcome::kStored : PutOutcome::kConflict, ++m_revision, "why");
@@ -324,7 +342,7 @@ TEST_F(RolloutTest, AnEndThatIsAskedForWaitsForTheAnswer) {
     Rollout before = Begin();
     Store(before);
     for (const std::string& name : before.Canaries()) Apply(name);
-    Until(before, 600);
+    Until(before, 605);
     ASSERT_EQ(before.Phase(), RolloutPhase::kWidening);
     before.Cancel("in time");
     EXPECT_EQ(before.Phase(), RolloutPhase::kGoingBack) << "all have got nothing yet";
