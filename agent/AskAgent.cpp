@@ -1,6 +1,7 @@
 // Connecting, asking and reading to the end; while nothing comes, a look at the process that should answer.
 #include "AskAgent.h"
 
+#include <json/json.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -9,6 +10,8 @@
 #include <chrono>
 
 #include "AgentPaths.h"
+#include "JsonText.h"
+#include "Printable.h"
 #include "StatusJson.h"
 #include "base/Fd.h"
 #include "base/LocalSocket.h"
@@ -115,6 +118,15 @@ base::Result<StatusReport> ReadStatus(const base::Result<Answer>& answer) {
     if (answer->ok) return ParseStatusJson(answer->body);
     return base::SentenceError("refused: " + answer->body.substr(0, answer->body.find('\n')),
                                base::ErrorKind::kRefused);
+}
+
+std::string AskResourceFile(const std::string& appDir, const std::string& process) {
+    const base::Result<Answer> answer = AskAgent(appDir, process, "config");
+    const base::Result<Json::Value> root =
+        answer && answer->ok ? ParseJson(answer->body) : base::Result<Json::Value>(Json::Value());
+    if (!root || !root->isObject() || !(*root)["resource_config"].isString()) return "";
+    const std::string used = Printable((*root)["resource_config"].asString());
+    return used.empty() || used[0] != '/' ? "" : used;
 }
 
 }  // namespace agent

@@ -23,4 +23,8 @@ base::Result<Answer> AskAgent(const std::string& appDir, const std::string& name
 /// The status in an answer to "status". Pure. Errors: that of the answer, a refusal, a text that is no status.
 base::Result<StatusReport> ReadStatus(const base::Result<Answer>& answer);
 
+/// Returns: the resource file of the process that runs, which --config may have put elsewhere; empty: it does not
+/// answer. Blocks: as AskAgent.
+std::string AskResourceFile(const std::string& appDir, const std::string& process);
+
 }  // namespace agent

@@ -69,7 +69,8 @@ bool StallEpisode::TakeArming(int64_t second) {
 
 bool IsStalledNow(bool underWay, bool began, int avg10_100times, int thresholdPercent) {
     constexpr int kTenth = 10;  // hundredths for each percent
-    return underWay && (began || avg10_100times < 0 || avg10_100times >= thresholdPercent * kTenth);
+    const int least = began ? 1 : thresholdPercent * kTenth;
+    return underWay && (avg10_100times < 0 || avg10_100times >= least);
 }
 
 HostPressure::~HostPressure() {
@@ -207,13 +208,10 @@ void HostPressure::Publish(const Watched& watched, const std::string* problem) {
     status.thresholdPercent = watched.trigger.percent;
     if (problem != nullptr) {
         const bool news = *problem != status.reason && !problem->empty() && watched.trigger.percent != 0;
-        if (news) {
-            LogLine("pressure of the host: " + status.resource + " is not watched: " + *problem, zel::kLogInfo);
-        }
+        if (news) LogLine("pressure of the host: " + status.resource + " is not watched: " + *problem, zel::kLogInfo);
         const bool refused = !status.watched && !status.reason.empty() && status.reason != kSwitchedOff;
-        if (problem->empty() && refused) {
+        if (problem->empty() && refused)
             LogLine("pressure of the host: " + status.resource + " is watched now", zel::kLogInfo);
-        }
         status.watched = problem->empty();
         status.reason = *problem;
     }

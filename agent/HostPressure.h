@@ -63,7 +63,7 @@ private:
 
 /// Returns: whether tasks wait now, and not only did a moment ago: an episode goes on for minutes without the kernel
 /// being asked, and `avg10_100times` is what it counts meanwhile (-1: not known). `began`: whether it began just now,
-/// which the average may lack as yet. Pure.
+/// which the average has only a part of. Pure.
 bool IsStalledNow(bool underWay, bool began, int avg10_100times, int thresholdPercent);
 
 /// Thread-safety: Follow, Tick, NextDue and Close on the main thread; Status from any thread.

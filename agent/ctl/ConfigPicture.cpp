@@ -214,15 +214,6 @@ ConfigPicture ReadConfigPicture(const std::string& appDir, const std::string& pr
     return Maker(appDir, process).Make();
 }
 
-std::string AskResourceFile(const std::string& appDir, const std::string& process) {
-    const base::Result<Answer> answer = AskAgent(appDir, process, "config");
-    const base::Result<Json::Value> root =
-        answer && answer->ok ? ParseJson(answer->body) : base::Result<Json::Value>(Json::Value());
-    if (!root || !root->isObject() || !(*root)["resource_config"].isString()) return "";
-    const std::string used = Printable((*root)["resource_config"].asString());
-    return used.empty() || used[0] != '/' ? "" : used;
-}
-
 const ConfigRow* FindRow(const ConfigPicture& picture, const std::string& key) {
     for (const ConfigRow& row : picture.rows) {
         if (row.key == key) return &row;

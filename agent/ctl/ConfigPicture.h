@@ -41,10 +41,6 @@ struct ConfigPicture {
 /// Asks the process for what it has in force, and reads the files. Blocks: as AskAgent.
 ConfigPicture ReadConfigPicture(const std::string& appDir, const std::string& process);
 
-/// Returns: the resource file of the process that runs, which --config may have put elsewhere; empty: it does not
-/// answer. Blocks: as AskAgent.
-std::string AskResourceFile(const std::string& appDir, const std::string& process);
-
 /// Returns: null when there is no such row.
 const ConfigRow* FindRow(const ConfigPicture& picture, const std::string& key);
 

@@ -17,7 +17,6 @@
 #include "AgentPaths.h"
 #include "AskAgent.h"
 #include "ComponentsConfig.h"
-#include "ConfigPicture.h"
 #include "EventWords.h"
 #include "Health.h"
 #include "MemoryRefusal.h"

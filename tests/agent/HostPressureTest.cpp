@@ -86,7 +86,8 @@ TEST(StallEpisodeTest, IsNowOnlyWhileTasksWait) {
     EXPECT_FALSE(IsStalledNow(true, false, 0, 60)) << "told a minute ago, and nobody waits";
     EXPECT_FALSE(IsStalledNow(true, false, 599, 60)) << "what is left in the average";
     EXPECT_TRUE(IsStalledNow(true, false, 600, 60));
-    EXPECT_TRUE(IsStalledNow(true, true, 0, 60)) << "the average does not have it yet";
+    EXPECT_TRUE(IsStalledNow(true, true, 1, 60)) << "the average has only a part of it yet";
+    EXPECT_FALSE(IsStalledNow(true, true, 0, 60)) << "nobody waits, whatever the kernel has told";
     EXPECT_TRUE(IsStalledNow(true, false, -1, 60)) << "nothing else is known";
     EXPECT_FALSE(IsStalledNow(false, false, 9000, 60)) << "the kernel was asked and told of none";
     StallEpisode episode;
@@ -221,6 +222,12 @@ TEST_F(HostPressureTest, AKernelThatStaysWithItsRefusalIsAskedOn) {
     EXPECT_EQ(m_pressure.NextDue(), due + kPause);
     Tick(due + kPause);
     EXPECT_TRUE(Memory().watched) << Memory().reason;
+}
+
+TEST_F(HostPressureTest, AKernelWithoutTheFilesIsNotAskedAgain) {
+    FollowRefused(ENOENT);
+    EXPECT_EQ(Memory().reason, "the kernel was built without pressure figures");
+    EXPECT_EQ(m_pressure.NextDue(), 0);
 }
 
 TEST_F(HostPressureTest, WhatIsSwitchedOffMeanwhileIsNotAskedAgain) {
