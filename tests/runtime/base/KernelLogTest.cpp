@@ -52,7 +52,7 @@ TEST(KernelLogTest, ALogWithoutAnEndIsWalkedUpToTheBound) {
     EXPECT_EQ(100000U, *walked);
 }
 
-TEST(KernelLogTest, AReadThatFailsEndsTheWalkUnlessItWasOverwritten) {
+TEST(KernelLogTest, AReadThatFailsEndsTheWalkUnlessOverwritten) {
     const auto walk = [](int error, int times) {
         const faults::Failing failing(faults::Call::kRead, error, 4, times);
         return base::WalkKernelLog("/dev/zero", [](const KernelMessage&) { return true; });
