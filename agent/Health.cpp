@@ -92,6 +92,13 @@ void FindLegacyMemory(const StatusReport& report, Troubles& found) {
                          " there and reload, or raise maxMemory"});
 }
 
+void AddBudgetProblem(const StatusReport& report, Troubles& found) {
+    if (report.budgetProblem.empty()) return;
+    found.push_back({report.budgetProblem,
+                     "the log names the groups that hold more: end what uses it and change groupMaxMemory again, or "
+                     "raise it"});
+}
+
 /// What the rounds of repairing have found, in the tree as in the legacy group.
 void FindKept(const StatusReport& report, Troubles& found) {
     for (const std::string& thing : report.keeper.notInForce) found.push_back({"not in force: " + thing, kKept});
@@ -215,11 +222,7 @@ std::vector<Trouble> FindTrouble(const StatusReport& report) {
         found.push_back({"the online configuration is refused and older values are in force: " + report.configProblem,
                          "correct it there; it is read again at once"});
     }
-    if (!report.budgetProblem.empty()) {
-        found.push_back({report.budgetProblem,
-                         "the log names the groups that hold more: end what uses it and change "
-                         "groupMaxMemory again, or raise it"});
-    }
+    AddBudgetProblem(report, found);
     FindLimits(report, found);
     FindLiftedLimits(report, found);
     if (report.unified) FindOtherLimits(report, found);
@@ -229,6 +232,13 @@ std::vector<Trouble> FindTrouble(const StatusReport& report) {
     FindOwn(report, found);
     FindDelivery(report, found);
     return found;
+}
+
+std::optional<Trouble> FindRefusedMemory(const StatusReport& report) {
+    Troubles found;
+    AddBudgetProblem(report, found);
+    FindLegacyMemory(report, found);
+    return found.empty() ? std::nullopt : std::optional<Trouble>(found[0]);
 }
 
 std::string HealthLine(const StatusReport& report) {

@@ -1,6 +1,7 @@
 // Whether a process of the agent is as it should be, and what is wrong where it is not.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,10 @@ struct Trouble {
 /// One for each thing that is not as it was asked for; none when the process is healthy. What is over, as a
 /// component that died and runs again, is none. Pure.
 std::vector<Trouble> FindTrouble(const StatusReport& report);
+
+/// Returns: a memory limit that was asked for and that the kernel refused, with the one that stays; none when the
+/// process knows of none. Pure.
+std::optional<Trouble> FindRefusedMemory(const StatusReport& report);
 
 /// One line for a monitoring system: "OK: ...", "STARTING: ..." or "DEGRADED: ...". Pure.
 std::string HealthLine(const StatusReport& report);

@@ -18,8 +18,10 @@
 #include "ConfigJournal.h"
 #include "ConfigPicture.h"
 #include "CtlExit.h"
+#include "Health.h"
 #include "JsonText.h"
 #include "Printable.h"
+#include "StatusJson.h"
 #include "View.h"
 #include "base/FileIo.h"
 #include "base/FilePath.h"
@@ -80,25 +82,52 @@ base::Status WriteConfig(const std::string& path, const std::string& text) {
     return base::ReplaceFile(path, text, mode, base::Durability::kSynced, base::Owner::kAsBefore);
 }
 
-/// What the running agent says to the change.
-std::string TellAgent(const ConfigOptions& options, ConfigFile file) {
-    if (file == ConfigFile::kResource) return "in force when the agent starts next";
+/// What the running agent says to a change, and what the kernel said to the agent.
+struct Outcome {
+    std::string words;
+    std::optional<Trouble> refused;
+};
+
+/// Waits for what comes of a memory limit that the agent has taken over: it goes through the groups, and the kernel may
+/// refuse it. Blocks: a few seconds. Returns: the refusal that is there at the end.
+std::optional<Trouble> AwaitRefusal(const ConfigOptions& options) {
+    constexpr int kLooks = 9;  // the agent calls it settled after two seconds
+    constexpr unsigned int kLookPauseMs = 500;
+    std::optional<Trouble> refused;
+    for (int look = 0; look < kLooks; ++look) {
+        if (look > 0) zel::CToolUtil::msleep(kLookPauseMs);
+        const base::Result<StatusReport> status = ReadStatus(AskAgent(options.appDir, options.process, "status"));
+        if (!status || (ModeToHold(*status) & zel::kModeMemory) == 0) return std::nullopt;
+        refused = FindRefusedMemory(*status);
+    }
+    return refused;
+}
+
+Outcome TellAgent(const ConfigOptions& options, const SettableKey& key) {
+    const ConfigFile file = key.file;
+    if (file == ConfigFile::kResource) return {"in force when the agent starts next", {}};
     const base::Result<Answer> answer = AskAgent(options.appDir, options.process, "reload");
     if (!answer && answer.GetError().kind == base::ErrorKind::kNotFound)
-        return "no agent runs here: in force at its start";
-    if (!answer) return "the agent was not reached, it reads the file by itself: " + answer.GetError().Text();
-    if (!answer->ok) return "the agent refuses: " + Printable(answer->body.substr(0, answer->body.find('\n')));
-    return file == ConfigFile::kOnline ? "the agent has taken it over" : "in force within seconds";
+        return {"no agent runs here: in force at its start", {}};
+    if (!answer) return {"the agent was not reached, it reads the file by itself: " + answer.GetError().Text(), {}};
+    if (!answer->ok) return {"the agent refuses: " + Printable(answer->body.substr(0, answer->body.find('\n'))), {}};
+    if (file != ConfigFile::kOnline) return {"in force within seconds", {}};
+    std::optional<Trouble> refused;
+    if (key.name == "groupMaxMemory" || key.name == "maxMemory") refused = AwaitRefusal(options);
+    if (refused) return {"the agent has read it, and it is not in force: " + refused->what, refused};
+    return {"the agent has taken it over", {}};
 }
 
 int PrintChange(const ConfigOptions& options, const SettableKey& key, const ConfigChange& change,
-                const std::string& outcome, const std::string& note) {
+                const Outcome& outcome, const std::string& note) {
+    const CtlExit code = outcome.refused ? kRefused : kOk;
     if (!options.json) {
         printf("%s: %s -> %s in %s, revision %llu; %s\n", key.name.c_str(), Shown(key, change.before).c_str(),
                Shown(key, change.after).c_str(), change.file.c_str(), static_cast<unsigned long long>(change.revision),
-               outcome.c_str());
+               outcome.words.c_str());
+        if (outcome.refused) printf("do: %s\n", outcome.refused->remedy.c_str());
         if (!note.empty()) printf("%s\n", note.c_str());
-        return kOk;
+        return code;
     }
     Json::Value view = NewView("config-change");
     view["file"] = change.file;
@@ -106,10 +135,12 @@ int PrintChange(const ConfigOptions& options, const SettableKey& key, const Conf
     view["before"] = change.before ? Json::Value(Shown(key, change.before)) : Json::Value();
     view["after"] = change.after ? Json::Value(Shown(key, change.after)) : Json::Value();
     view["revision"] = Json::UInt64(change.revision);
-    view["outcome"] = outcome;
+    view["outcome"] = outcome.words;
+    view["refused"] = outcome.refused ? outcome.refused->what : "";
+    view["remedy"] = outcome.refused ? outcome.refused->remedy : "";
     view["note"] = note;
     fputs(ViewText(view).c_str(), stdout);
-    return kOk;
+    return code;
 }
 
 int Refuse(const ConfigOptions& options, const std::string& path, const std::vector<ConfigFinding>& findings) {
@@ -204,14 +235,14 @@ int Change(const ConfigOptions& options, const SettableKey& key, const Value& af
     if (now == edit->before) {
         const std::string same = key.name + " is " + Shown(key, now) + " already, nothing is changed";
         change.revision = journal->lastRevision;
-        return options.json ? PrintChange(options, key, change, "nothing is changed", "") : Fail(kOk, same);
+        return options.json ? PrintChange(options, key, change, {"nothing is changed", {}}, "") : Fail(kOk, same);
     }
     journal->lastRevision = change.revision;
     journal->changes.push_back(change);
     base::Status written = WriteConfigJournal(options.appDir, *journal);
     if (written) written = WriteConfig(edit->path, *changed);
     if (!written) return Fail(kUnreachable, "nothing is changed: " + written.GetError().Text());
-    return PrintChange(options, key, change, TellAgent(options, key.file), NoteOf(options, key, *changed));
+    return PrintChange(options, key, change, TellAgent(options, key), NoteOf(options, key, *changed));
 }
 
 int Set(const ConfigOptions& options) {
@@ -265,7 +296,7 @@ int Undo(const ConfigOptions& options) {
     const base::Status listed = WriteConfigJournal(options.appDir, *journal);
     ConfigChange undone = last;
     std::swap(undone.before, undone.after);
-    const std::string outcome = TellAgent(options, key->file);
+    const Outcome outcome = TellAgent(options, *key);
     if (listed) return PrintChange(options, *key, undone, outcome, "taken back");
     PrintChange(options, *key, undone, outcome, "taken back, and the list of changes still has it");
     return Fail(kUnreachable, listed.GetError().Text());

@@ -163,6 +163,18 @@ TEST_F(BrokenHostTest, AMemoryLimitIsBelowWhatIsUsed) {
     EXPECT_NE(0, RunConsole({"check"}, text)) << text;
     WriteOnline("{\"groupMaxMemory\": 250}");
     EXPECT_TRUE(Poll(kSettleSeconds, [&] { return RunConsole({"check"}, text) == 0; })) << text;
+    // Who asks for it by the console hears it at once.
+    EXPECT_EQ(1, RunConsole({"config", "set", "groupMaxMemory=40"}, text)) << text;
+    EXPECT_NE(text.find("it is not in force: the memory limit of the whole agent stays at"), std::string::npos) << text;
+    EXPECT_NE(text.find("asked for is 90.0 MB (groupMaxMemory = 40)"), std::string::npos) << text;
+    EXPECT_NE(text.find("\ndo: the log names the groups that hold more"), std::string::npos) << text;
+    EXPECT_EQ(0, RunConsole({"config", "set", "groupMaxMemory=250"}, text)) << text;
+    EXPECT_NE(text.find("the agent has taken it over"), std::string::npos) << text;
+    EXPECT_EQ(1, RunConsole({"config", "undo", "--json"}, text)) << text;
+    Json::Value view;
+    ASSERT_TRUE(ParseJson(text, view)) << text;
+    EXPECT_NE(view["refused"].asString().find("the memory limit of the whole agent stays at"), std::string::npos);
+    EXPECT_NE(view["remedy"].asString().find("raise it"), std::string::npos) << text;
     StopAndExpectNothingLeft(agent);
 }
 
