@@ -103,6 +103,17 @@ std::optional<Trouble> AwaitRefusal(const ConfigOptions& options) {
     return refused;
 }
 
+bool IsMemoryLimit(const SettableKey& key) {
+    return key.name == "groupMaxMemory" || key.name == "maxMemory";
+}
+
+/// Of a value that is in the file already.
+Outcome JudgeAsItIs(const ConfigOptions& options, const SettableKey& key) {
+    const std::optional<Trouble> refused = IsMemoryLimit(key) ? AwaitRefusal(options) : std::nullopt;
+    if (refused) return {"nothing is changed, and it is not in force: " + refused->what, refused};
+    return {"nothing is changed", {}};
+}
+
 Outcome TellAgent(const ConfigOptions& options, const SettableKey& key) {
     const ConfigFile file = key.file;
     if (file == ConfigFile::kResource) return {"in force when the agent starts next", {}};
@@ -113,7 +124,7 @@ Outcome TellAgent(const ConfigOptions& options, const SettableKey& key) {
     if (!answer->ok) return {"the agent refuses: " + Printable(answer->body.substr(0, answer->body.find('\n'))), {}};
     if (file != ConfigFile::kOnline) return {"in force within seconds", {}};
     std::optional<Trouble> refused;
-    if (key.name == "groupMaxMemory" || key.name == "maxMemory") refused = AwaitRefusal(options);
+    if (IsMemoryLimit(key)) refused = AwaitRefusal(options);
     if (refused) return {"the agent has read it, and it is not in force: " + refused->what, refused};
     return {"the agent has taken it over", {}};
 }
@@ -235,7 +246,8 @@ int Change(const ConfigOptions& options, const SettableKey& key, const Value& af
     if (now == edit->before) {
         const std::string same = key.name + " is " + Shown(key, now) + " already, nothing is changed";
         change.revision = journal->lastRevision;
-        return options.json ? PrintChange(options, key, change, {"nothing is changed", {}}, "") : Fail(kOk, same);
+        const Outcome outcome = JudgeAsItIs(options, key);
+        return options.json || outcome.refused ? PrintChange(options, key, change, outcome, "") : Fail(kOk, same);
     }
     journal->lastRevision = change.revision;
     journal->changes.push_back(change);

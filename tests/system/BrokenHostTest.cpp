@@ -168,6 +168,8 @@ TEST_F(BrokenHostTest, AMemoryLimitIsBelowWhatIsUsed) {
     EXPECT_NE(text.find("it is not in force: the memory limit of the whole agent stays at"), std::string::npos) << text;
     EXPECT_NE(text.find("asked for is 90.0 MB (groupMaxMemory = 40)"), std::string::npos) << text;
     EXPECT_NE(text.find("\ndo: the log names the groups that hold more"), std::string::npos) << text;
+    EXPECT_EQ(1, RunConsole({"config", "set", "groupMaxMemory=40"}, text)) << text;
+    EXPECT_NE(text.find("nothing is changed, and it is not in force: the memory limit"), std::string::npos) << text;
     EXPECT_EQ(0, RunConsole({"config", "set", "groupMaxMemory=250"}, text)) << text;
     EXPECT_NE(text.find("the agent has taken it over"), std::string::npos) << text;
     EXPECT_EQ(1, RunConsole({"config", "undo", "--json"}, text)) << text;
