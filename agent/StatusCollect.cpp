@@ -26,6 +26,7 @@
 #include "platform/host/HostServices.h"
 #include "platform/host/OnlineClientConf.h"
 #include "platform/zel/AgentNames.h"
+#include "platform/zel/ToolUtil.h"
 
 namespace agent {
 
@@ -71,6 +72,14 @@ std::vector<HoldBackFigures> ReadHoldBacks(CMonitor& monitor, bool (&now)[3]) {
     return figures;
 }
 
+/// The monitor looks every 12 hours: the disk may have run full since then, or have room again.
+bool IsDiskFull(CMonitor& monitor) {
+    unsigned long bytes = 0;
+    unsigned long inodes = 0;
+    if (!zel::CToolUtil::GetSelfDiskFreeSpace(bytes, &inodes, "")) return monitor.IsDiskFull();
+    return IsRoomShort(bytes, inodes);
+}
+
 void FindWhyMissing(StatusReport& report) {
     if ((report.mode & (zel::kModeCpu | zel::kModeMemory)) != 0) report.undelegated = zel::UndelegatedService();
     report.cgroup.cpu.advice = AdviseOnMissing(report, report.cgroup.cpu, zel::kModeCpu);
@@ -92,7 +101,7 @@ StatusReport CollectStatus(const StatusSources& sources) {
     report.observation = DescribeObservation();
     if (sources.components != nullptr) report.observedGroups = zel::ReadObservedGroups();
     report.wouldEnd = sources.events->WouldEnd();
-    report.diskFull = sources.monitor->IsDiskFull();
+    report.diskFull = sources.components != nullptr && IsDiskFull(*sources.monitor);
     report.holdBacks = ReadHoldBacks(*sources.monitor, report.cpuNeedLimit);
     report.samplerRuns = sources.services->GetSamplerFigures(report.sampler);
     report.descriptorLimit = DescriptorLimit();

@@ -14,6 +14,13 @@
 
 namespace agent {
 
+/// Not more than this is a full disk, as the monitor judges it too.
+constexpr unsigned long kLeastFreeBytes = 64UL * 1024 * 1024;
+constexpr unsigned long kLeastFreeInodes = 32;
+constexpr bool IsRoomShort(unsigned long bytes, unsigned long inodes) {
+    return bytes <= kLeastFreeBytes || inodes <= kLeastFreeInodes;
+}
+
 struct StatusReport {
     std::string process;
     int pid = 0;

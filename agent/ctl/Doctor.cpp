@@ -39,8 +39,6 @@ namespace {
 using Findings = std::vector<DoctorFinding>;
 namespace fs = std::filesystem;
 
-constexpr unsigned long kLeastFreeBytes = 64UL * 1024 * 1024;
-constexpr unsigned long kLeastFreeInodes = 32;
 constexpr size_t kShownLogLines = 3;
 constexpr size_t kMostPidBytes = 32;
 
@@ -108,7 +106,7 @@ DoctorFinding LookAtRoom(const std::string& appDir) {
     }
     const std::string room =
         appDir + ": " + std::to_string(space >> 20) + " MB and " + std::to_string(inodes) + " inodes free";
-    if (space > kLeastFreeBytes && inodes > kLeastFreeInodes) return Ok(room);
+    if (!IsRoomShort(space, inodes)) return Ok(room);
     return {Severity::kProblem, room, "",
             Text("make room there, more than %lu MB and %lu inodes: events and the component file need it",
                  kLeastFreeBytes >> 20, kLeastFreeInodes)};

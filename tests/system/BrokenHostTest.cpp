@@ -97,13 +97,19 @@ TEST_F(BrokenHostTest, TheDiskIsFull) {
         GTEST_SKIP() << "SKIP system: no private view of the mounts: " << strerror(errno);
     }
 
-    ASSERT_EQ(mount("none", Dir().c_str(), "tmpfs", 0, "size=32m,mode=0750"), 0) << strerror(errno);
+    ASSERT_EQ(mount("none", Dir().c_str(), "tmpfs", 0, "size=160m,mode=0750"), 0) << strerror(errno);
     ASSERT_EQ(mkdir((Dir() + "/conf").c_str(), 0750), 0);
-    WriteResource({{"resource_limit_mode", "0"}});
+    WriteResource({{"max_cpu", "40"}, {"max_memory", "400"}, {"resource_limit_mode", "13"}});
     WriteComponents("");
     Child agent = StartRunningAgent();
-    ExpectDoctorNames("MB and", "make room there");
+    std::string text;
+    ASSERT_TRUE(Poll(kSettleSeconds, [&] { return RunConsole({"check"}, text) == 0; })) << text;
+    const std::string filling = Dir() + "/filling";
+    ASSERT_EQ(RunToEnd({"fallocate", "-l", "110M", filling}, text), 0) << text;
+    ExpectDoctorNames("MB and", "make room there, more than 64 MB");
     ExpectDoctorNames("the disk is full", "make room on the agent's disk");
+    ASSERT_EQ(unlink(filling.c_str()), 0);
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return RunConsole({"doctor"}, text) == 0; })) << text;
     EXPECT_EQ(agent.Stop(), 0);
     umount2(Dir().c_str(), MNT_DETACH);
 }
