@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 namespace {
 
 using base::FormatPressureTrigger;
@@ -43,6 +45,23 @@ TEST(PressureTest, TakesNothingElse) {
           "some avg10=0.00 avg60=0.00 avg300=0.00 total=99999999999999999999",
           "sometimes avg10=0.00 avg60=0.00 avg300=0.00 total=7"}) {
         EXPECT_FALSE(ParsePressure(text)) << text;
+    }
+}
+
+TEST(PressureTest, NoFigureMayBeMissingOrBad) {
+    const std::string figures[] = {" avg10=1.00", " avg60=2.00", " avg300=3.00", " total=4"};
+    const auto line = [&](size_t which, const std::string& instead) {
+        std::string text = "some";
+        for (size_t i = 0; i < 4; ++i) text += i == which ? instead : figures[i];
+        return text;
+    };
+    ASSERT_TRUE(ParsePressure(line(4, "")));
+    for (size_t which = 0; which < 4; ++which) {
+        const std::string name = figures[which].substr(0, figures[which].find('=') + 1);
+        for (const std::string& bad :
+             {std::string(), name, name + "x", name + "-1.00", name + "1.000", name + "1.x0"}) {
+            EXPECT_FALSE(ParsePressure(line(which, bad))) << line(which, bad);
+        }
     }
 }
 
