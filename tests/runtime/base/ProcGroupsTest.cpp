@@ -127,7 +127,8 @@ TEST(ProcCgroupTest, NothingIsReadBehindATextThatIsCut) {
 
 TEST(ProcCgroupsTest, ReadsStatesAndSkipsGarbage) {
     const auto states = ParseProcCgroups(
-        "#subsys_name\thierarchy\tnum_cgroups\tenabled\ncpu\t1\t15\t1\nmemory\t0\t1\t0\ncut\t1\nbad\tx\t1\t1\n\n");
+        "#subsys_name\thierarchy\tnum_cgroups\tenabled\n#io\t2\t1\t1\ncpu\t1\t15\t1\nmemory\t0\t1\t0\ncut\t1\n"
+        "bad\tx\t1\t1\n\t1\t1\t1\n\n");
     ASSERT_THAT(states, SizeIs(2));
     EXPECT_EQ("cpu", states[0].name);
     EXPECT_EQ(1, states[0].hierarchyId);
