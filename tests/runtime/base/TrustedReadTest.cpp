@@ -254,6 +254,18 @@ TEST_F(TrustedReadTest, AProgramIsRunFromTheDescriptorThatWasJudged) {
     ASSERT_EQ(0, ::chmod(m_dir.Path().c_str(), 0700));
 }
 
+TEST_F(TrustedReadTest, OneRightToExecuteMakesAProgram) {
+    const std::string program = m_place + "/program";
+    WriteText(program, "#!/bin/sh\nexit 5\n");
+    for (const mode_t mode : {0700U, 0610U, 0601U}) {
+        ASSERT_EQ(0, ::chmod(program.c_str(), mode));
+        const Result<TrustedProgram> opened = OpenTrustedProgram(program);
+        EXPECT_TRUE(opened) << std::oct << mode;
+    }
+    ASSERT_EQ(0, ::chmod(program.c_str(), 0644));
+    EXPECT_THAT(OpenTrustedProgram(program).GetError().Reason(), HasSubstr("not executable, mode 0644"));
+}
+
 TEST_F(TrustedReadTest, AScriptIsRunByItsDescriptor) {
     const std::string script = m_place + "/script";
     WriteText(script, "#! /bin/sh -e\n[ \"$1\" = one ] && cd \"$(dirname \"$0\")\" && [ -f file ] && exit 5\n");
