@@ -217,6 +217,15 @@ TEST(OomMonitorTest, RisesOfEachCounterAreToldWithTheGroupsState) {
     EXPECT_EQ(0, monitor.Totals().at(0).oom_kill_disable);
 }
 
+TEST(OomRecordTest, EveryNumberIsKeptInItsWholeWidth) {
+    constexpr int64_t kWide = int64_t{1} << 33;
+    const zel::cgroup::OomCarried wide{"/cg/main", true, {kWide + 1, kWide + 2}, kWide + 3, kWide + 4, kWide + 5};
+    const std::vector<zel::cgroup::OomCarried> read =
+        zel::cgroup::ParseOomRecord(zel::cgroup::FormatOomRecord("boot", {wide}), "boot");
+    ASSERT_EQ(1u, read.size());
+    EXPECT_TRUE(read[0] == wide);
+}
+
 TEST(OomRecordTest, ADamagedOrOldRecordSaysNothing) {
     const std::string good = zel::cgroup::FormatOomRecord("boot", {{"/cg/main", false, {1, 10}, 2, 3, 4}});
     const std::vector<zel::cgroup::OomCarried> read = zel::cgroup::ParseOomRecord(good, "boot");
