@@ -259,6 +259,38 @@ TEST_F(EventSpoolTest, AConfirmationOutlastsACommitThatHangs) {
     EXPECT_EQ(spool.GetFigures().messages, 1u);
 }
 
+TEST_F(EventSpoolTest, SinksAndWaysBackOutlastACommitThatHangs) {
+    CEventSpool spool;
+    Open(spool);
+    ASSERT_TRUE(spool.Append(Message("a")));
+    ASSERT_TRUE(support::IsOk(spool.SetSinks({"one", "old"})));
+    ASSERT_TRUE(support::IsOk(spool.Confirm("one", 1)));
+    std::thread sender, other;
+    {
+        const support::SlowSync disk(4000);
+        sender = std::thread([&] { EXPECT_TRUE(spool.Append(Message("b"))); });
+        ASSERT_TRUE(support::Eventually([&] { return disk.Count() > 0; }));
+        other = std::thread([&] {
+            const base::Status back = spool.GoBack("one", 0);
+            EXPECT_FALSE(back);
+            EXPECT_TRUE(back || back.GetError().kind == base::ErrorKind::kBusy);
+        });
+        const base::Status set = spool.SetSinks({"one", "new"});
+        ASSERT_FALSE(set) << "it is not written down yet";
+        EXPECT_EQ(set.GetError().kind, base::ErrorKind::kBusy);
+        EXPECT_THAT(set.GetError().Text(), testing::HasSubstr("a commit has not ended yet"));
+        other.join();
+        EXPECT_TRUE(spool.HasUnsaved());
+    }
+    sender.join();
+    EXPECT_TRUE(spool.FlushMemory());
+    EXPECT_FALSE(spool.HasUnsaved());
+    EXPECT_EQ(Bodies(spool, "one"), (Lines{"a", "b"})) << "it went back";
+    EXPECT_EQ(Bodies(spool, "new"), (Lines{"a", "b"}));
+    for (const char* sink : {"one", "new"}) ASSERT_TRUE(support::IsOk(spool.Confirm(sink, 2)));
+    EXPECT_EQ(spool.GetFigures().messages, 0u) << "the old one holds nothing";
+}
+
 TEST_F(EventSpoolTest, ADamagedSpoolIsPutAsideAndANewOneBegins) {
     support::TakeLog();
     support::WriteText(m_dir / "spool/e.db", std::string(8192, 'x'));
