@@ -402,7 +402,11 @@ std::string NatsBroker::Impl::TryAgain() {
     // The library closes a connection for good that was refused twice in the same words.
     if (!own->isWell || !natsConnection_IsClosed(Now()->connection)) return own->words;
     heard->ForgetAnswers();
+    own->underWay = true;  // whoever asks meanwhile has its answer at once
+    held.unlock();
     const base::Status status = Connect(server);
+    held.lock();
+    own->underWay = false;
     if (!status) own->Note(false, status.GetError().Text());
     return own->words;
 }
