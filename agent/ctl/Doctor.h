@@ -45,8 +45,8 @@ std::vector<DoctorFinding> JudgeLostAgent(const std::string& appDir);
 /// A controller as this process sees it: mounted, and not read-only. Looks at the mount.
 std::vector<DoctorFinding> JudgeController(const char* name, const zel::CgroupControllerStatus& controller);
 
-/// The files that the agent reads. `resourceFile`: that of the agent that runs; empty: where one that is started without
-/// --config looks.
+/// The files that the agent reads. `resourceFile`: that of the agent that runs; empty: where one that is started
+/// without --config looks.
 std::vector<DoctorFinding> JudgeFiles(const std::string& appDir, const std::string& resourceFile = "");
 
 /// A failure on record that holds the legacy memory limit back, unless the agent that runs has a memory limit in force
