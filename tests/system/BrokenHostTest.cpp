@@ -61,7 +61,8 @@ protected:
 TEST_F(BrokenHostTest, AComponentsProgramIsMissing) {
     WriteComponents(R"({"name": "QorHips", "group": "collect-defense", "command": ["/opt/none/qorhips"]})");
     Child agent = StartRunningAgent();
-    ExpectDoctorNames("component QorHips does not run", "log/tervane.log");
+    ExpectDoctorNames("component QorHips does not run", "put the program there");
+    EXPECT_TRUE(DoctorNames("component QorHips cannot be started", "correct \"command\" of QorHips in ")) << m_text;
     EXPECT_NE(m_text.find("/opt/none/qorhips"), std::string::npos) << m_text;
     StopAndExpectNothingLeft(agent);
 }
