@@ -67,10 +67,10 @@ bool StallEpisode::TakeArming(int64_t second) {
     return true;
 }
 
-bool IsStalledNow(bool underWay, bool began, int avg10_100times, int thresholdPercent) {
+bool IsStalledNow(bool underWay, bool began, int average100Times, int thresholdPercent) {
     constexpr int kTenth = 10;  // hundredths for each percent
     const int least = began ? 1 : thresholdPercent * kTenth;
-    return underWay && (avg10_100times < 0 || avg10_100times >= least);
+    return underWay && (average100Times < 0 || average100Times >= least);
 }
 
 HostPressure::~HostPressure() {

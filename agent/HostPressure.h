@@ -62,9 +62,9 @@ private:
 };
 
 /// Returns: whether tasks wait now, and not only did a moment ago: an episode goes on for minutes without the kernel
-/// being asked, and `avg10_100times` is what it counts meanwhile (-1: not known). `began`: whether it began just now,
+/// being asked, and `average100Times` is what it counts meanwhile (-1: not known). `began`: whether it began just now,
 /// which the average has only a part of. Pure.
-bool IsStalledNow(bool underWay, bool began, int avg10_100times, int thresholdPercent);
+bool IsStalledNow(bool underWay, bool began, int average100Times, int thresholdPercent);
 
 /// Thread-safety: Follow, Tick, NextDue and Close on the main thread; Status from any thread.
 class HostPressure {

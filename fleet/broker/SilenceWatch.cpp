@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <utility>
 
@@ -42,7 +43,7 @@ bool IsSilent(int number, std::chrono::milliseconds silence) {
 size_t CutSilentConnections(std::chrono::milliseconds silence) {
     size_t cut = 0;
     for (const int number : base::ListOwnDescriptors()) {
-        if (!IsTcp(number)) continue;
+        if (number <= STDERR_FILENO || !IsTcp(number)) continue;  // those are whoever's who started the program
         const base::Fd held(fcntl(number, F_DUPFD_CLOEXEC, 0));
         if (!held || !IsTcp(held.Get()) || !IsSilent(held.Get(), silence)) continue;
         cut += shutdown(held.Get(), SHUT_RDWR) == 0;
