@@ -406,7 +406,9 @@ int Driver::Sum() {
     if (isDone) {
         m_world.Say(Printable("done: " + target + " has revision " + std::to_string(m_revision)));
     } else {
-        const char* const end = left.empty() ? "; nothing of it is left" : "; something of it is left, see above";
+        const char* const end = left.empty()
+                                    ? "; nothing of it is left at the broker, and hosts follow as they hear of it"
+                                    : "; something of it is left, see above";
         m_world.Say(Printable("not done: " + m_rollout->Reason() + end));
     }
     return isDone && left.empty() ? kOk : kDegraded;

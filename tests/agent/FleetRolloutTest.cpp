@@ -155,7 +155,8 @@ TEST_F(FleetRolloutTest, EachTroubleBringsBackWhatWas) {
         m_world.levels["host.web2"] = {"host.web2", 7, R"({"maxMemory":300})"};
         AtThirdLook(happens);
         EXPECT_EQ(Drive(), 1) << why;
-        EXPECT_THAT(m_world.said, AllOf(HasSubstr("going back: web2 " + why), HasSubstr("; nothing of it is left\n")));
+        EXPECT_THAT(m_world.said,
+                    AllOf(HasSubstr("going back: web2 " + why), HasSubstr("; nothing of it is left at the broker, ")));
         EXPECT_EQ(m_world.levels["host.web2"].text, R"({"maxMemory":300})") << why;
         EXPECT_FALSE(m_world.levels["host.web_2e1"].text) << why;
         EXPECT_FALSE(IsWide()) << why;
@@ -224,8 +225,8 @@ TEST_F(FleetRolloutTest, WhatGoesBackWithoutAnAnswerIsReadToo) {
         });
         EXPECT_EQ(Drive(), 1);
         EXPECT_TRUE(HostsAreClean());
-        EXPECT_THAT(m_world.said,
-                    AllOf(HasSubstr("host.web2 has what it had\n"), HasSubstr("; nothing of it is left\n")));
+        EXPECT_THAT(m_world.said, AllOf(HasSubstr("host.web2 has what it had\n"),
+                                        HasSubstr("; nothing of it is left at the broker, ")));
     }
 }
 

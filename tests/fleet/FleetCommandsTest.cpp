@@ -333,7 +333,7 @@ TEST_F(FleetCommandsTest, ARolloutEndsWithAllOrComesBack) {
     const ObedientHost host(*m_host, **reader, R"(,"kill":{"time":9,"event":"ab12-3","component":"QorHips"})");
     EXPECT_THAT(Run("config set maxCpu=40 --group db.eu --wait 1h", "chief"),
                 AllOf(HasSubstr("had a kill: QorHips\n"), HasSubstr("host.db_01 has what it had\n"),
-                      HasSubstr("; nothing of it is left\n")));
+                      HasSubstr("; nothing of it is left at the broker, ")));
     EXPECT_EQ(code, 1);
     EXPECT_EQ(GetKey(**reader, kConfigBucket, "group.db_2eeu").entry->value, R"({"maxCpu":20})");
     EXPECT_TRUE(GetKey(**reader, kConfigBucket, own).entry->deleted);
