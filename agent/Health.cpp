@@ -234,10 +234,10 @@ std::vector<Trouble> FindTrouble(const StatusReport& report) {
     return found;
 }
 
-std::optional<Trouble> FindRefusedMemory(const StatusReport& report) {
+std::optional<Trouble> FindRefusedMemory(const StatusReport& report, const std::string& key) {
     Troubles found;
-    AddBudgetProblem(report, found);
-    FindLegacyMemory(report, found);
+    if (key == "groupMaxMemory") AddBudgetProblem(report, found);
+    if (key == "maxMemory") FindLegacyMemory(report, found);
     return found.empty() ? std::nullopt : std::optional<Trouble>(found[0]);
 }
 

@@ -18,9 +18,9 @@ struct Trouble {
 /// component that died and runs again, is none. Pure.
 std::vector<Trouble> FindTrouble(const StatusReport& report);
 
-/// Returns: a memory limit that was asked for and that the kernel refused, with the one that stays; none when the
-/// process knows of none. Pure.
-std::optional<Trouble> FindRefusedMemory(const StatusReport& report);
+/// Returns: what the kernel refused of the memory limit that this key asks for ("groupMaxMemory": of the whole agent,
+/// "maxMemory": of one group for everything), with the one that stays; none when the process knows of none. Pure.
+std::optional<Trouble> FindRefusedMemory(const StatusReport& report, const std::string& key);
 
 /// One line for a monitoring system: "OK: ...", "STARTING: ..." or "DEGRADED: ...". Pure.
 std::string HealthLine(const StatusReport& report);

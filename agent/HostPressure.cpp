@@ -70,7 +70,7 @@ bool StallEpisode::TakeArming(int64_t second) {
 bool IsStalledNow(bool underWay, bool began, int average100Times, int thresholdPercent) {
     constexpr int kTenth = 10;  // hundredths for each percent
     const int least = began ? 1 : thresholdPercent * kTenth;
-    return underWay && (average100Times < 0 || average100Times >= least);
+    return underWay && thresholdPercent > 0 && (average100Times < 0 || average100Times >= least);
 }
 
 HostPressure::~HostPressure() {

@@ -122,7 +122,9 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, std::stri
         return false;
     }
     // Components and consoles, which have it by name, may stand elsewhere.
-    if (!options.configPath.empty()) options.configPath = std::filesystem::absolute(options.configPath).string();
+    std::error_code error;  // in a directory that is gone it stays as it is, and is not found
+    const auto whole = std::filesystem::absolute(options.configPath, error);
+    if (!options.configPath.empty() && !error) options.configPath = whole.string();
     exitCode = kExitClean;
     return true;
 }

@@ -230,7 +230,6 @@ void Supervisor::Refuse(Component& component, int64_t now, const std::string& re
     }
     component.refusal = reason;
     component.failed = false;
-    component.failed = false;
     component.nextStartAt = now + kPlaceRetrySeconds;
 }
 

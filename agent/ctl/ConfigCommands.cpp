@@ -90,7 +90,7 @@ struct Outcome {
 
 /// Waits for what comes of a memory limit that the agent has taken over: it goes through the groups, and the kernel may
 /// refuse it. Blocks: a few seconds. Returns: the refusal that is there at the end.
-std::optional<Trouble> AwaitRefusal(const ConfigOptions& options) {
+std::optional<Trouble> AwaitRefusal(const ConfigOptions& options, const SettableKey& key) {
     constexpr int kLooks = 9;  // the agent calls it settled after two seconds
     constexpr unsigned int kLookPauseMs = 500;
     std::optional<Trouble> refused;
@@ -98,7 +98,7 @@ std::optional<Trouble> AwaitRefusal(const ConfigOptions& options) {
         if (look > 0) zel::CToolUtil::msleep(kLookPauseMs);
         const base::Result<StatusReport> status = ReadStatus(AskAgent(options.appDir, options.process, "status"));
         if (!status || (ModeToHold(*status) & zel::kModeMemory) == 0) return std::nullopt;
-        refused = FindRefusedMemory(*status);
+        refused = FindRefusedMemory(*status, key.name);
     }
     return refused;
 }
@@ -109,7 +109,7 @@ bool IsMemoryLimit(const SettableKey& key) {
 
 /// Of a value that is in the file already.
 Outcome JudgeAsItIs(const ConfigOptions& options, const SettableKey& key) {
-    const std::optional<Trouble> refused = IsMemoryLimit(key) ? AwaitRefusal(options) : std::nullopt;
+    const std::optional<Trouble> refused = IsMemoryLimit(key) ? AwaitRefusal(options, key) : std::nullopt;
     if (refused) return {"nothing is changed, and it is not in force: " + refused->what, refused};
     return {"nothing is changed", {}};
 }
@@ -124,7 +124,7 @@ Outcome TellAgent(const ConfigOptions& options, const SettableKey& key) {
     if (!answer->ok) return {"the agent refuses: " + Printable(answer->body.substr(0, answer->body.find('\n'))), {}};
     if (file != ConfigFile::kOnline) return {"in force within seconds", {}};
     std::optional<Trouble> refused;
-    if (IsMemoryLimit(key)) refused = AwaitRefusal(options);
+    if (IsMemoryLimit(key)) refused = AwaitRefusal(options, key);
     if (refused) return {"the agent has read it, and it is not in force: " + refused->what, refused};
     return {"the agent has taken it over", {}};
 }
@@ -224,7 +224,7 @@ std::string NoteOf(const ConfigOptions& options, const SettableKey& key, const s
 }
 
 int Change(const ConfigOptions& options, const SettableKey& key, const Value& after) {
-    const base::Result<base::Fd> lock = LockPlace(options.appDir);
+    base::Result<base::Fd> lock = LockPlace(options.appDir);
     if (!lock) return Fail(kUnreachable, lock.GetError().Text());
     const std::string path = PathOf(key.file, options.appDir);
     const std::string other = key.file == ConfigFile::kResource ? OtherResourceFile(options, path) : "";
@@ -246,6 +246,7 @@ int Change(const ConfigOptions& options, const SettableKey& key, const Value& af
     if (now == edit->before) {
         const std::string same = key.name + " is " + Shown(key, now) + " already, nothing is changed";
         change.revision = journal->lastRevision;
+        lock->Reset();  // the agent is waited for: nobody else has to
         const Outcome outcome = JudgeAsItIs(options, key);
         return options.json || outcome.refused ? PrintChange(options, key, change, outcome, "") : Fail(kOk, same);
     }
@@ -254,6 +255,7 @@ int Change(const ConfigOptions& options, const SettableKey& key, const Value& af
     base::Status written = WriteConfigJournal(options.appDir, *journal);
     if (written) written = WriteConfig(edit->path, *changed);
     if (!written) return Fail(kUnreachable, "nothing is changed: " + written.GetError().Text());
+    lock->Reset();  // the agent is waited for: nobody else has to
     return PrintChange(options, key, change, TellAgent(options, key), NoteOf(options, key, *changed));
 }
 
@@ -282,7 +284,7 @@ base::Result<SettableKey> KeyOf(const ConfigChange& change) {
 }
 
 int Undo(const ConfigOptions& options) {
-    const base::Result<base::Fd> lock = LockPlace(options.appDir);
+    base::Result<base::Fd> lock = LockPlace(options.appDir);
     if (!lock) return Fail(kUnreachable, lock.GetError().Text());
     base::Result<ConfigJournal> journal = ReadConfigJournal(options.appDir);
     if (!journal) return Fail(kUnreachable, journal.GetError().Text());
@@ -308,6 +310,7 @@ int Undo(const ConfigOptions& options) {
     const base::Status listed = WriteConfigJournal(options.appDir, *journal);
     ConfigChange undone = last;
     std::swap(undone.before, undone.after);
+    lock->Reset();
     const Outcome outcome = TellAgent(options, *key);
     if (listed) return PrintChange(options, *key, undone, outcome, "taken back");
     PrintChange(options, *key, undone, outcome, "taken back, and the list of changes still has it");

@@ -46,7 +46,9 @@ int ShowStatus(FleetLink& link, const FleetOptions& options) {
     const std::vector<DoctorFinding> findings = JudgeFleet(cluster, *roster);
     if (options.command == "metrics") {
         fputs(FleetMetrics(cluster, *roster, findings).c_str(), stdout);
-        return kOk;  // what is not well is in it
+        // What is not well is in it; half of it must not take the place of what is whole.
+        if (fflush(stdout) == 0 && ferror(stdout) == 0) return kOk;
+        return FleetFail(kUnreachable, "the figures could not be written: is the disk full?");
     }
     if (options.json) {
         fputs(ViewText(FleetJson(cluster, *roster, findings)).c_str(), stdout);

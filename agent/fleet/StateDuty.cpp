@@ -98,8 +98,11 @@ void StateDuty::AskComponents(const std::vector<ComponentStatus>& components, in
     m_waiting = std::move(kept);
     size_t asked = 0;
     for (const ComponentStatus& component : components) {
-        // One that is stopped or another's program has nothing to say, and what it said last is still true.
+        // One that is stopped or another's program has nothing to say. Its spool is as it was; why it did not get
+        // further nobody knows any more.
         const bool speaks = component.state == ComponentState::kRunning && !component.program && !component.suspended;
+        const auto its = m_waiting.find(component.name);
+        if (!speaks && its != m_waiting.end()) its->second.blocked.clear();
         if (!speaks || ++asked > kMostComponents) continue;
         const base::Result<StatusReport> report = ReadStatus(m_options.ask(component.name, kStatus));
         if (report) NoteDelivery(component.name, report->delivery, nowSeconds);

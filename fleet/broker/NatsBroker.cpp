@@ -33,6 +33,8 @@ constexpr int kLeastBuffer = 32 << 10;  // what waits for a connection waits in 
 // Why there is no connection, the library does not say of attempts in the background: it is asked this often at most.
 constexpr std::chrono::seconds kProbePeriod{5};
 constexpr std::chrono::seconds kProbePatience{5};
+// An attempt of that length was cut as silent: an address that does not answer at all the library leaves after two.
+constexpr std::chrono::seconds kCutProbe{4};
 constexpr std::chrono::milliseconds kGreetingPatience{2000};
 // Of an attempt to connect: to all addresses, and to one of them.
 constexpr int64_t kConnectMs = 16000;
@@ -329,6 +331,9 @@ base::Status NatsBroker::Impl::Connect(const std::string& first) {
     if (status == NATS_OK) status = natsConnection_Connect(&next->connection, made->get());
     if (status == NATS_OK) ++heard->connections;
     if (status == NATS_OK) heard->watch.SetConnected(true);
+    // It may have been lost again, and told so, before that.
+    if (status == NATS_OK && natsConnection_Status(next->connection) != NATS_CONN_STATUS_CONNECTED)
+        heard->watch.SetConnected(false);
     if (next->connection != nullptr) static_cast<void>(share.release());  // of the callbacks from now on
     if (status != NATS_OK && status != NATS_NOT_YET_CONNECTED) return ErrorOf(status, "the broker");
     jsOptions defaults;
@@ -383,7 +388,7 @@ std::string NatsBroker::Impl::TryAgain() {
         one.options = copied;
         const auto begun = std::chrono::steady_clock::now();
         const base::Status status = one.Probe(server);
-        const bool isLate = std::chrono::steady_clock::now() - begun >= kProbePatience;
+        const bool isLate = std::chrono::steady_clock::now() - begun >= kCutProbe;
         base::MutexLock done(own->lock);
         own->Note(status.Ok(), status ? kBeingMade : isLate ? silent : status.GetError().Text());
         own->underWay = false;
@@ -404,7 +409,12 @@ std::string NatsBroker::Impl::TryAgain() {
     heard->ForgetAnswers();
     own->underWay = true;  // whoever asks meanwhile has its answer at once
     held.unlock();
-    const base::Status status = Connect(server);
+    base::Status status;
+    try {
+        status = Connect(server);
+    } catch (const std::exception& error) {
+        status = base::SentenceError(error.what());  // for want of memory: the next one tries again
+    }
     held.lock();
     own->underWay = false;
     if (!status) own->Note(false, status.GetError().Text());

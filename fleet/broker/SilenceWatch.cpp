@@ -44,7 +44,7 @@ size_t CutSilentConnections(std::chrono::milliseconds silence) {
     size_t cut = 0;
     for (const int number : base::ListOwnDescriptors()) {
         if (number <= STDERR_FILENO || !IsTcp(number)) continue;  // those are whoever's who started the program
-        const base::Fd held(fcntl(number, F_DUPFD_CLOEXEC, 0));
+        const base::Fd held(fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
         if (!held || !IsTcp(held.Get()) || !IsSilent(held.Get(), silence)) continue;
         cut += shutdown(held.Get(), SHUT_RDWR) == 0;
     }

@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <memory>
 #include <set>
@@ -113,6 +115,18 @@ TEST_F(ConsoleTest, ABrokerThatOnlyGreetsIsSaidAndHoldsNoEnd) {
     EXPECT_EQ(info["reason"].asString(), greeting.Url() + " takes the connection and does not answer");
     EXPECT_FALSE(info["connected"].asBool());
     EXPECT_EQ(console.End(), 0);
+}
+
+TEST_F(ConsoleTest, WhatItsStarterLeftOpenIsNotItsOwn) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);  // without close-on-exec, as a shell's "exec 3>..."
+    const auto console = Console("chief");
+    EXPECT_TRUE(console->Ask(Line(R"("op":"info")")).isObject());
+    close(ends[1]);
+    pollfd end{ends[0], 0, 0};
+    EXPECT_EQ(poll(&end, 1, 60000), 1) << "nobody holds the other end any more";
+    close(ends[0]);
+    EXPECT_EQ(console->End(), 0);
 }
 
 TEST_F(ConsoleTest, KeysArePutComparedReadAndTakenAway) {

@@ -135,6 +135,11 @@ TEST_F(StateDutyTest, BlockedSinkOfAnyProcessIsToldWithItsReason) {
     EXPECT_EQ(look(Depth::kMain), "no reason is known (tervane)");
     say("tervane", "fleet", "");
     EXPECT_EQ(look(Depth::kMain), "");
+    // Of one that has nothing to say any more nobody knows it.
+    say("QorNet", "fleet", "blocked: the stream is full");
+    EXPECT_EQ(look(Depth::kAll), "the stream is full (QorNet)");
+    for (ComponentStatus& component : m_reports["tervane"].components) component.suspended = true;
+    EXPECT_EQ(look(Depth::kAll), "");
 }
 
 TEST_F(StateDutyTest, ThrottledSharesAreThoseOfTheStatus) {

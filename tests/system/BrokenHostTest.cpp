@@ -177,6 +177,9 @@ TEST_F(BrokenHostTest, AMemoryLimitIsBelowWhatIsUsed) {
     EXPECT_NE(text.find("\ndo: the log names the groups that hold more"), std::string::npos) << text;
     EXPECT_EQ(1, RunConsole({"config", "set", "groupMaxMemory=40"}, text)) << text;
     EXPECT_NE(text.find("nothing is changed, and it is not in force: the memory limit"), std::string::npos) << text;
+    EXPECT_EQ(0, RunConsole({"config", "set", "maxMemory=300"}, text))
+        << "another key's refusal is not this one's: " << text;
+    EXPECT_EQ(0, RunConsole({"config", "unset", "maxMemory"}, text)) << text;
     EXPECT_EQ(0, RunConsole({"config", "set", "groupMaxMemory=250"}, text)) << text;
     EXPECT_NE(text.find("the agent has taken it over"), std::string::npos) << text;
     EXPECT_EQ(1, RunConsole({"config", "undo", "--json"}, text)) << text;
