@@ -8,6 +8,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -354,7 +355,13 @@ void Life::KillEveryone() {
                          }))
             << leaf << " does not come back";
     }
-    const std::vector<std::string> groups = AllGroups();
+    // That of the mode before is removed in the round after its last process has left it.
+    std::vector<std::string> groups;
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] {
+        groups = AllGroups();
+        return std::none_of(groups.begin(), groups.end(),
+                            [](const std::string& group) { return group.find(".legacy-") != std::string::npos; });
+    }));
     KillMain();
     EXPECT_EQ(AllGroups(), groups) << "nobody was left to remove them";
     Up();
