@@ -360,6 +360,8 @@ natsStatus NatsBroker::Impl::HearBells(Link& on, const std::vector<std::string>&
         on.bells.emplace_back(made);
         // Of the callbacks from now on; where the last one cannot be asked for, it stays.
         status = natsSubscription_SetOnCompleteCB(made, OnBellGone, share.release());
+        // The library has given up between the two calls.
+        if (status == NATS_INVALID_SUBSCRIPTION) return NATS_CONNECTION_CLOSED;
         if (status != NATS_OK) return status;
     }
     return NATS_OK;
