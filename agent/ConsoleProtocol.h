@@ -16,6 +16,8 @@ struct Answer {
 };
 
 constexpr size_t kMostAnswerBytes = 16U << 20;
+/// Begins what the relay says to the main process: behind it stands what keeps the host from its fleet, or nothing.
+constexpr char kFleetRequest[] = "fleet ";
 
 /// Pure. A body beyond the bound is answered with a refusal that says so.
 std::string FormatAnswer(const Answer& answer);

@@ -9,8 +9,10 @@
 
 #include "AgentConfig.h"
 #include "AgentPaths.h"
+#include "FleetTrouble.h"
 #include "HistoryRow.h"
 #include "StatusJson.h"
+#include "SteadyTime.h"
 #include "platform/host/HostServices.h"
 #include "platform/host/OnlineClientConf.h"
 #include "platform/host/OnlineConfigText.h"
@@ -62,6 +64,11 @@ ConsoleActions MakeConsoleActions(const StatusSources& sources, std::function<vo
         wantConfig();
         return Reload(*services, ConfigurationFile(appDir, zel::kAgentConfigFileName), problem);
     };
+    if (sources.fleetTrouble != nullptr) {
+        actions.fleet = [trouble = sources.fleetTrouble](const std::string& words) {
+            trouble->Note(words, SecondsSinceBoot());
+        };
+    }
     // The main thread takes the signal and ends the process.
     actions.stop = [] { kill(getpid(), SIGTERM); };
     return actions;

@@ -15,7 +15,7 @@ namespace {
 
 /// Slow actions wait for each other only beyond this many.
 constexpr size_t kWorkers = 4;
-constexpr size_t kMostRequestBytes = 128;
+constexpr size_t kMostRequestBytes = 1024;
 constexpr std::chrono::seconds kPeerTime(2);  ///< to read a request, and again to send its answer
 
 }  // namespace
@@ -71,6 +71,10 @@ Answer ControlServer::Handle(const std::string& request) const {
         std::string problem;
         if (m_actions.reload(problem)) return {true, "online configuration read again\n"};
         return {false, problem + "\n"};
+    }
+    if (m_actions.fleet && request.compare(0, sizeof kFleetRequest - 1, kFleetRequest) == 0) {
+        m_actions.fleet(request.substr(sizeof kFleetRequest - 1));
+        return {true, "noted\n"};
     }
     if (request == "stop") {
         m_actions.stop();

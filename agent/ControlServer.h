@@ -15,7 +15,7 @@
 
 namespace agent {
 
-/// What the process behind the console does for each request. All of them must be set.
+/// What the process behind the console does for each request. All of them must be set, but for `fleet`.
 /// Thread-safety: called on the console's threads, several at a time.
 struct ConsoleActions {
     std::function<std::string()> status;   ///< JSON text
@@ -25,11 +25,13 @@ struct ConsoleActions {
     std::function<std::map<std::string, std::string>()> statistics;
     std::function<std::string()> history;  ///< what of the day's history is not on the disk yet
     std::function<bool(std::string& problem)> reload;
+    /// The relay says what keeps this host from its fleet, empty: nothing. Null: this process has no relay.
+    std::function<void(const std::string& words)> fleet;
     std::function<void()> stop;  ///< asks and does not wait
 };
 
 /// Serves several consoles at a time; a silent peer is cut after two seconds and delays nobody.
-/// Requests: status, metrics, threads, config, statistics, history, reload, stop.
+/// Requests: status, metrics, threads, config, statistics, history, reload, stop; of the relay "fleet WORDS".
 /// Thread-safety: Start and Stop from one thread.
 /// Lifetime: an object is started once.
 class ControlServer {

@@ -231,6 +231,12 @@ std::vector<Trouble> FindTrouble(const StatusReport& report) {
     FindComponents(report, found);
     FindOwn(report, found);
     FindDelivery(report, found);
+    if (!report.fleetProblem.empty()) {
+        found.push_back(
+            {"this host is not wholly in its fleet: " + report.fleetProblem,
+             "it is tried again by itself; where a right, an authority or a server is wrong, mend the block "
+             "fleet of agent.json or the host's credentials"});
+    }
     return found;
 }
 

@@ -584,6 +584,7 @@ StatusSources Process::Sources() {
     sources.components = m_components.get();
     sources.pressure = m_pressure.get();
     sources.groupPressure = m_groupPressure.get();
+    if (m_components != nullptr) sources.fleetTrouble = &m_fleetTrouble;
     return sources;
 }
 

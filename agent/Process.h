@@ -11,6 +11,7 @@
 #include "AppDirectory.h"
 #include "ComponentCare.h"
 #include "EventSink.h"
+#include "FleetTrouble.h"
 #include "GroupPressure.h"
 #include "HostPressure.h"
 #include "GroupHistory.h"
@@ -127,6 +128,7 @@ private:
     std::unique_ptr<ComponentCare> m_components;
     std::unique_ptr<HostPressure> m_pressure;
     std::unique_ptr<GroupPressure> m_groupPressure;
+    FleetTrouble m_fleetTrouble;
     std::unique_ptr<ControlServer> m_control;
     int64_t m_startedAt = 0;
     int64_t m_endAt = 0;   // 0: no time is set

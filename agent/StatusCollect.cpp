@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <ctime>
 #include <iterator>
@@ -15,6 +16,7 @@
 #include "EventSink.h"
 #include "EventTail.h"
 #include "EventWords.h"
+#include "FleetTrouble.h"
 #include "GroupPressure.h"
 #include "HostPressure.h"
 #include "LogTail.h"
@@ -86,6 +88,13 @@ void FindWhyMissing(StatusReport& report) {
     report.cgroup.mem.advice = AdviseOnMissing(report, report.cgroup.mem, zel::kModeMemory);
 }
 
+/// What a relay said is nothing any more once it has ended; why it does not run is said of the component.
+bool HasRelay(const StatusReport& report) {
+    return std::any_of(report.components.begin(), report.components.end(), [](const ComponentStatus& component) {
+        return component.name == zel::kRelayComponent && component.pid > 0;
+    });
+}
+
 }  // namespace
 
 StatusReport CollectStatus(const StatusSources& sources) {
@@ -117,6 +126,7 @@ StatusReport CollectStatus(const StatusSources& sources) {
     report.stalls = sources.events->Stalls();
     report.delivery = sources.services->GetDeliveryStats();
     if (sources.components != nullptr) report.components = sources.components->Status();
+    if (sources.fleetTrouble != nullptr && HasRelay(report)) report.fleetProblem = sources.fleetTrouble->Get(second);
     if (sources.pressure != nullptr) report.pressure = sources.pressure->Status();
     if (sources.groupPressure != nullptr) report.groupPressure = sources.groupPressure->Status();
     zel::ReadCgroupStatus(report.cgroup);

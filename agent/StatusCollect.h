@@ -17,6 +17,7 @@ namespace agent {
 
 class ComponentCare;
 class EventSink;
+class FleetTrouble;
 class GroupPressure;
 class HostPressure;
 class LogTail;
@@ -38,6 +39,7 @@ struct StatusSources {
     const ComponentCare* components = nullptr;     ///< null: not the main process
     const HostPressure* pressure = nullptr;        ///< likewise
     const GroupPressure* groupPressure = nullptr;  ///< likewise
+    FleetTrouble* fleetTrouble = nullptr;          ///< likewise
 };
 
 /// Asks all of them. Blocks: for small reads of the kernel's files. Any thread.

@@ -255,6 +255,7 @@ void Fields(Io& io, Of<Io, StatusReport>& report) {
     io("mode_reason", report.modeReason);
     io("config_problem", report.configProblem);
     io("budget_problem", report.budgetProblem);
+    io("fleet_problem", report.fleetProblem);
     io("observed", report.observed);
     io("observation", report.observation);
     io.List("observed_groups", report.observedGroups);

@@ -37,6 +37,7 @@ struct StatusReport {
     uint64_t wouldEnd = 0;                           ///< times it would have ended itself
     std::string configProblem;  ///< why the online configuration's file is refused; empty while it is not
     std::string budgetProblem;  ///< why the tree keeps an older memory limit than is asked for; empty: it does not
+    std::string fleetProblem;   ///< what keeps this host from its fleet, as its relay says; else empty
     bool diskFull = false;
     bool cpuNeedLimit[3] = {false, false, false};  ///< answer per priority, now
     std::vector<HoldBackFigures> holdBacks;        ///< by priority, since the process started

@@ -5,13 +5,16 @@
 #include <tuple>
 #include <utility>
 
+#include "FleetTrouble.h"
 #include "Printable.h"
+#include "platform/zel/AgentNames.h"
 
 namespace agent {
 
 namespace {
 
 constexpr int64_t kRegularMs = kHostStateSeconds * 1000;
+constexpr int64_t kAgainMs = kRegularMs / 2;
 constexpr int64_t kLookMs = 5 * 60 * 1000;
 constexpr int64_t kBellMs = 10 * 1000;
 constexpr int64_t kConnectedMs = 2 * 1000;
@@ -33,7 +36,7 @@ DutyRound::DutyRound(FleetKeys& keys, DutyRoundOptions options)
       m_state(m_options.state) {
     const int64_t now = m_options.nowMs();
     m_lookDue = now + kLookMs;
-    m_regularDue = now + kRegularMs;
+    m_regularDue = now + kEarlyMs;  // what keeps it from its fleet at a start is known by then
     m_putAt = now - kEarlyMs;
 }
 
@@ -62,6 +65,7 @@ void DutyRound::NoticeConnection(int64_t now) {
     const uint64_t connections = m_keys.Connections();
     if (connections == m_connections) return;
     m_connections = connections;
+    m_noConnection.clear();
     m_lookPause = m_putPause = 0;
     // A broker that comes back has all its hosts at once.
     m_lookDue = std::min(m_lookDue, now + UpTo(kConnectedMs));
@@ -77,6 +81,7 @@ int64_t DutyRound::Run() {
     } else if (m_earlyDue && now >= *m_earlyDue) {
         Tell(false);
     }
+    TellAgent();
     int64_t due = std::min(m_regularDue, m_earlyDue.value_or(m_regularDue));
     if (m_options.takesConfiguration) due = std::min(due, m_lookDue);
     return std::max<int64_t>(1, due - m_options.nowMs());
@@ -101,7 +106,7 @@ void DutyRound::Tell(bool isRegular) {
     if (isRegular) m_regularDue = m_options.nowMs() + Around(kRegularMs);
     if (!m_keys.IsConnected()) {
         // Where the client has given up, a request has it try again.
-        static_cast<void>(m_keys.GetLevel(m_config.Levels().front()));
+        m_noConnection = Printable(m_keys.GetLevel(m_config.Levels().front()).answer.text);
         return;
     }
     const bool wasRead = m_options.takesConfiguration && m_config.IsUnread() && m_state.HaveConfigRead();
@@ -128,6 +133,24 @@ void DutyRound::Put(const HostState& state) {
     m_earlyDue = m_putAt + Around(m_putPause);
     m_told.reset();
     SayOnce(m_lastPutError, "this host's state does not reach its fleet: " + Printable(answer.text));
+}
+
+std::string DutyRound::Problem() const {
+    if (!m_keys.IsConnected()) return m_noConnection;
+    if (!m_lastPutError.empty()) return m_lastPutError;
+    if (m_options.takesConfiguration && !m_config.Get().error.empty()) return m_config.Get().error;
+    return m_listenProblem;
+}
+
+void DutyRound::TellAgent() {
+    const std::string problem = Problem();
+    const int64_t now = m_options.nowMs();
+    if (m_agentKnows == problem && (problem.empty() || now < m_agentDue)) return;
+    const std::string words = kFleetRequest + Printable(problem).substr(0, FleetTrouble::kMostBytes);
+    const base::Result<Answer> answer = m_options.state.ask(zel::kMainProcessName, words);
+    if (!answer || !answer->ok) return;
+    m_agentKnows = problem;
+    m_agentDue = now + kAgainMs;
 }
 
 void DutyRound::SayOnce(std::string& last, const std::string& sentence) {

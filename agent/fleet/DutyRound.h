@@ -42,6 +42,9 @@ public:
     /// Whether a note waits to be told.
     bool HasNote() const { return m_earlyDue.has_value(); }
 
+    /// Changes of the configuration are not heard of. `words`: of the broker; empty: they are.
+    void OnListening(const std::string& words) { m_listenProblem = words; }
+
     const ConfigDuty& Config() const { return m_config; }
 
 private:
@@ -49,6 +52,10 @@ private:
     void Look();
     void Tell(bool isRegular);
     void Put(const HostState& state);
+    /// Returns: what keeps this host from its fleet, as a clause; empty: nothing.
+    std::string Problem() const;
+    /// Has the main process show that: a change at once, and what lasts with each regular telling.
+    void TellAgent();
     /// `ms` less up to a tenth, or more: hosts that began together do not stay together.
     int64_t Around(int64_t ms);
     int64_t UpTo(int64_t ms);
@@ -67,6 +74,10 @@ private:
     int64_t m_putAt = 0;
     std::optional<HostState> m_told;
     std::string m_lastPutError;
+    std::string m_listenProblem;
+    std::string m_noConnection;
+    std::optional<std::string> m_agentKnows;
+    int64_t m_agentDue = 0;
 };
 
 }  // namespace agent

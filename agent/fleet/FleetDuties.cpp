@@ -98,9 +98,11 @@ void FleetDuties::Impl::Serve() {
         if (raised->noted) round.OnNote();
         if (raised->bell.exchange(false)) round.OnBell();
         const std::string words = Printable(broker.ListenRefused());
-        if (words.empty() || words == refused) continue;
+        if (words == refused) continue;
         refused = words;
-        if (options.log) options.log("changes of the fleet's configuration are seen minutes later: " + words);
+        const std::string sentence = "changes of the fleet's configuration are seen minutes later: " + words;
+        round.OnListening(words.empty() ? "" : sentence);
+        if (!words.empty() && options.log) options.log(sentence);
     }
 }
 

@@ -208,6 +208,7 @@ TEST(HealthTest, EachThingThatIsNotAsAskedForIsOneFinding) {
          "its memory is over its maximum of 45 MB"},
         {[](StatusReport& r) { r.configProblem = "conf/online_config.json: no object"; },
          "the online configuration is refused and older values are in force: conf/online_config.json: no object"},
+        {[](StatusReport& r) { r.fleetProblem = "no right"; }, "this host is not wholly in its fleet: no right"},
         {[](StatusReport& r) { r.diskFull = true; }, "the disk is full"},
         {[](StatusReport& r) { r.delivery.spoolBroken = true; }, "the spool of events cannot be written"},
         {[](StatusReport& r) { r.delivery.sinks[0].lastError = "refused"; }, "events do not reach jsonl: refused"},

@@ -46,6 +46,7 @@ StatusReport FullReport() {
     report.modeReason = "mode 13: one group per component, v1";
     report.configProblem = "conf/online_config.json: not a JSON object";
     report.budgetProblem = "the memory limit of the whole agent stays";
+    report.fleetProblem = "no right";
     report.diskFull = true;
     for (bool& need : report.cpuNeedLimit) need = true;
     report.holdBacks = {{1, 2}, {3, 4}, {5, 6}};

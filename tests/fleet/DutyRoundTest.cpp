@@ -31,6 +31,10 @@ protected:
         DutyRoundOptions options;
         options.state = {"h1", {}, m_app.Path(), "1.2.3", {}};
         options.state.ask = [this](const std::string&, const std::string& request) -> base::Result<Answer> {
+            if (request.compare(0, 6, "fleet ") == 0) {
+                if (m_agentRuns) m_shown.push_back(request.substr(6));
+                return Answer{m_agentRuns, ""};
+            }
             request == "reload" ? ++m_reloads : ++m_questions;
             if (!m_agentRuns) return base::SentenceError("nobody", base::ErrorKind::kNotFound);
             if (request == "reload") m_taken = support::ReadText(File());
@@ -70,6 +74,7 @@ protected:
     int m_entries = 0;
     std::string m_taken;
     std::vector<std::string> m_said;
+    std::vector<std::string> m_shown;  // by the agent: what keeps the host from its fleet
 };
 
 TEST_F(DutyRoundTest, ConnectedHostSaysWhatItIsWithinSeconds) {
@@ -241,6 +246,66 @@ TEST_F(DutyRoundTest, WithoutABrokerNobodyIsAsked) {
     m_keys.Set("all", R"({"maxCpu": 10})");
     RunFor(round, 10000);
     EXPECT_EQ(Told().config.applied, 1u);
+}
+
+TEST_F(DutyRoundTest, AgentHearsWhatKeepsItFromItsFleet) {
+    m_keys.connected = false;
+    m_keys.failure.text = "nobody listens";
+    DutyRound round = Make();
+    RunFor(round, 6000);
+    EXPECT_EQ(m_shown, (std::vector<std::string>{"", "nobody listens"}));
+    RunFor(round, 10 * kMinute);
+    ASSERT_GE(m_shown.size(), 8u) << "each minute anew: a relay that says nothing may be dead";
+    EXPECT_LE(m_shown.size(), 14u);
+    EXPECT_EQ(m_shown.front(), "");
+    EXPECT_EQ(m_shown.back(), "nobody listens");
+
+    m_keys.failure.text.clear();
+    m_keys.connected = true;
+    ++m_keys.connections;
+    RunFor(round, 3000);
+    EXPECT_EQ(m_shown.back(), "");
+    m_shown.clear();
+    RunFor(round, 30 * kMinute);
+    EXPECT_EQ(m_shown.size(), 0u) << "all is well, and the agent knows it";
+}
+
+TEST_F(DutyRoundTest, AgentHearsOfEachRefusalAndOfItsEnd) {
+    DutyRound round = Make();
+    RunFor(round, 5000);
+    m_keys.putAnswer = ScriptedKeys::Silence("no right to tell");
+    RunFor(round, 2 * kMinute);
+    EXPECT_THAT(m_shown.back(), HasSubstr("this host's state does not reach its fleet: no right to tell"));
+    m_keys.putAnswer = ScriptedKeys::Ok();
+    RunFor(round, 3 * kMinute);
+    EXPECT_EQ(m_shown.back(), "");
+
+    m_keys.failure = ScriptedKeys::Silence("no right\nto read", true);
+    round.OnBell();
+    RunFor(round, 20000);
+    EXPECT_THAT(m_shown.back(), HasSubstr("is not read: \"all\": no right\\x0Ato read"));
+    m_keys.failure = ScriptedKeys::Ok();
+    RunFor(round, 5 * kMinute);
+    EXPECT_EQ(m_shown.back(), "");
+
+    round.OnListening("no right to hear");
+    RunFor(round, 1);
+    EXPECT_EQ(m_shown.back(), "no right to hear");
+    round.OnListening("");
+    RunFor(round, 1);
+    EXPECT_EQ(m_shown.back(), "");
+}
+
+TEST_F(DutyRoundTest, AgentThatDidNotHearIsToldAgain) {
+    DutyRound round = Make();
+    RunFor(round, 5000);
+    m_agentRuns = false;
+    m_keys.putAnswer = ScriptedKeys::Silence("no right");
+    RunFor(round, 2 * kMinute);
+    EXPECT_EQ(m_shown, std::vector<std::string>{""});
+    m_agentRuns = true;
+    RunFor(round, 2 * kMinute);
+    EXPECT_THAT(m_shown.back(), HasSubstr("no right"));
 }
 
 TEST_F(DutyRoundTest, UnwritableFileIsTriedEverLessOften) {
