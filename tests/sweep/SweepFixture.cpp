@@ -14,6 +14,13 @@ namespace sweep {
 using agenttest::Child;
 using agenttest::Poll;
 
+namespace {
+
+/// That it runs may be the very line that could not be written: it is asked then.
+constexpr double kLineSeconds = 10;
+
+}  // namespace
+
 void SweepFixture::SetUp() {
     AgentOnV1Test::SetUp();
     if (IsSkipped()) return;
@@ -31,9 +38,17 @@ Child SweepFixture::StartGated(CallGate& gate) {
 }
 
 bool SweepFixture::WaitRunning(Child& agent, int linesBefore) {
-    EXPECT_TRUE(Poll(agenttest::kStartSeconds, [&] { return RunningLines() > linesBefore || !agent.Running(); }))
-        << "neither running nor ended";
-    return agent.Running() && RunningLines() > linesBefore;
+    const double begun = agenttest::SecondsNow();
+    bool running = false;
+    EXPECT_TRUE(Poll(agenttest::kStartSeconds, [&] {
+        running = RunningLines() > linesBefore;
+        if (!running && agenttest::SecondsNow() > begun + kLineSeconds) {
+            const Json::Value status = Status();
+            running = status["pid"].asInt() == agent.Pid() && !status["starting"].asBool();
+        }
+        return running || !agent.Running();
+    })) << "neither running nor ended";
+    return running && agent.Running();
 }
 
 int64_t SweepFixture::ChangeLimits() {
