@@ -25,9 +25,9 @@ struct ConsoleActions {
     std::function<std::map<std::string, std::string>()> statistics;
     std::function<std::string()> history;  ///< what of the day's history is not on the disk yet
     std::function<bool(std::string& problem)> reload;
+    std::function<void()> stop;  ///< asks and does not wait
     /// The relay says what keeps this host from its fleet, empty: nothing. Null: this process has no relay.
     std::function<void(const std::string& words)> fleet;
-    std::function<void()> stop;  ///< asks and does not wait
 };
 
 /// Serves several consoles at a time; a silent peer is cut after two seconds and delays nobody.

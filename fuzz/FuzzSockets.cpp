@@ -19,6 +19,7 @@
 
 #include "ConsoleProtocol.h"
 #include "ControlServer.h"
+#include "FleetTrouble.h"
 #include "FuzzSupport.h"
 #include "base/Fd.h"
 #include "events/HttpService.h"
@@ -67,13 +68,18 @@ std::string ReadToEnd(int fd) {
 struct Console {
     support::TempDir directory;
     std::atomic<int> stops{0};
+    agent::FleetTrouble fleet;
     agent::ControlServer server{agent::ConsoleActions{
         [] { return std::string("{}"); }, [] { return std::string("m 1\n"); }, [] { return std::string("t\n"); },
         [] { return std::string("{\"c\":1}"); },
         [] {
             return std::map<std::string, std::string>{{"k", "v"}};
         },
-        [] { return std::string("1700000000 {}\n"); }, [](std::string&) { return true; }, [this] { ++stops; }}};
+        [] { return std::string("1700000000 {}\n"); }, [](std::string&) { return true; }, [this] { ++stops; },
+        [this](const std::string& words) {
+            fleet.Note(words, 1);
+            Require(fleet.Get(1).find_first_of("\n\x1b") == std::string::npos, "what is shown moves no cursor");
+        }}};
     const std::string path = directory / "c";
 
     Console() { Require(server.Start(path).Ok(), "the server starts"); }
