@@ -1,6 +1,7 @@
 // tervane-relay: brings the events of this host's agent to the fleet's broker, tells the fleet what the host is, and
 // takes the fleet's configuration. Started by the agent's main process
 // where a fleet is configured, and ended by it; it keeps nothing but its socket.
+#include <fcntl.h>
 #include <malloc.h>
 #include <signal.h>
 #include <unistd.h>
@@ -15,10 +16,13 @@
 #include "AgentPaths.h"
 #include "ExitCode.h"
 #include "base/FileIo.h"
+#include "base/ProcFiles.h"
 #include "base/QuietThread.h"
+#include "base/TrustedRead.h"
 #include "fleet/FleetDuties.h"
 #include "platform/zel/AgentNames.h"
 #include "relay/Deliverer.h"
+#include "relay/EndWatch.h"
 #include "relay/RelayServer.h"
 
 namespace fleet {
@@ -92,11 +96,29 @@ int Fail(int code, const std::string& why) {
     return code;
 }
 
+/// This program once more, in its place: process, group and output stay. Nothing that is open goes along.
+[[noreturn]] void BeginAnew(char** argv) {
+    for (const int number : base::ListOwnDescriptors()) {
+        if (number > STDERR_FILENO) fcntl(number, F_SETFD, FD_CLOEXEC);
+    }
+    const base::Result<std::string> path = base::ReadOwnProgramPath();
+    const auto program = path ? base::OpenTrustedProgram(*path) : path.GetError();
+    if (program) {
+        const sigset_t ending = EndingSignals();
+        pthread_sigmask(SIG_UNBLOCK, &ending, nullptr);
+        base::RunTrustedProgram(*program, argv, environ);
+    }
+    _exit(agent::kExitServices);  // the main process starts another one
+}
+
 /// Blocks: until a signal ends it. Returns: only where it cannot begin.
-int Serve(const agent::FleetConfig& config, const std::string& appDir) {
+int Serve(const agent::FleetConfig& config, const std::string& appDir, char** argv) {
     const sigset_t ending = EndingSignals();
     pthread_sigmask(SIG_BLOCK, &ending, nullptr);
     signal(SIGPIPE, SIG_IGN);
+    EndWatch watch;
+    const base::Status watched = watch.Begin(ending);
+    if (!watched) return Fail(agent::kExitServices, watched.GetError().Text());
     auto socket =
         base::ListeningSocket::Local(appDir + zel::kFleetSocketFile, base::SocketKind::kStream, base::ServeLock::kFile);
     if (!socket) return Fail(agent::kExitDirectory, socket.GetError().Text());
@@ -124,9 +146,12 @@ int Serve(const agent::FleetConfig& config, const std::string& appDir) {
     auto opening = base::StartQuietThread("relay-open", [&] { deliverer.Open(); });
     if (!opening) return Fail(agent::kExitServices, opening.GetError().Text());
     opening->detach();  // ends with the process
-    int number = 0;
-    sigwait(&ending, &number);
+    const EndWatch::Why why = watch.Wait();
     server.TakeAway();
+    if (why == EndWatch::Why::kClockSetBack) {
+        Say("the wall clock was set back: the relay begins anew, since its library would wait as long for an answer");
+        BeginAnew(argv);
+    }
     // A request may wait for the broker for seconds. What became of it is read back before the next one, so nothing is
     // waited for.
     _exit(agent::kExitClean);
@@ -171,7 +196,7 @@ int Run(int argc, char** argv) {
     KeepMemorySmall();
     const base::Result<agent::FleetConfig> config = FindConfig(appDir, block);
     if (!config) return Fail(agent::kExitConfiguration, config.GetError().Text());
-    return Serve(*config, appDir);
+    return Serve(*config, appDir, argv);
 }
 
 }  // namespace

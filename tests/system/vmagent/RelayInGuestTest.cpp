@@ -1,6 +1,7 @@
 // The relay of a fleet where memory is of version 2: its group and limit, its end and return, and with a broker beside
 // it every event once.
 #include <signal.h>
+#include <time.h>
 
 #include <sstream>
 
@@ -14,6 +15,7 @@ constexpr char kRelay[] = "TervaneRelay";
 constexpr char kLeaf[] = "collect-defense/TervaneRelay";
 constexpr char kServer[] = "nats://127.0.0.1:14222";
 constexpr char kBrokerProgram[] = "/job/nats-server";
+constexpr time_t kDay = 86400;
 constexpr int64_t kRelayLimitKb = 16 * 1024;
 
 class RelayInGuest : public AgentInGuest {
@@ -64,6 +66,19 @@ protected:
                                 " -c /tmp/broker.conf >>/tmp/broker.log 2>&1 & echo $!")
                             .c_str());
         ASSERT_GT(m_broker, 1);
+    }
+    /// Both, with the streams of a fleet; nothing of a test before is in them.
+    void StartWithBroker() {
+        ASSERT_TRUE(Exists(kBrokerProgram)) << "the guest was made without a broker";
+        Command("rm -rf /tmp/broker");
+        StartBroker();
+        StartInFleet();
+        ASSERT_FALSE(HasFatalFailure());
+        std::string made;
+        ASSERT_TRUE(Poll(kStartSeconds, [&] {
+            made = Fleet("setup --max-bytes 16MB");
+            return made.find("EVENTS     made") == 0;
+        })) << made;
     }
     static std::string Fleet(const std::string& words) {
         return Command(std::string(TERVANECTL_PROGRAM) + " --app-dir " + kAppDir + " fleet " + words + " 2>&1");
@@ -135,15 +150,8 @@ TEST_F(RelayInGuest, LimitHoldsAndWhoIsKilledComesBack) {
 }
 
 TEST_F(RelayInGuest, EachEventArrivesOnceThoughAllAreKilled) {
-    ASSERT_TRUE(Exists(kBrokerProgram)) << "the guest was made without a broker";
-    StartBroker();
-    StartInFleet();
+    StartWithBroker();
     ASSERT_FALSE(HasFatalFailure());
-    std::string made;
-    ASSERT_TRUE(Poll(kStartSeconds, [&] {
-        made = Fleet("setup --max-bytes 16MB");
-        return made.find("EVENTS     made") == 0;
-    })) << made;
     pid_t relay = WaitRelay();
     ASSERT_GT(relay, 0);
     KillQuiet();
@@ -159,6 +167,31 @@ TEST_F(RelayInGuest, EachEventArrivesOnceThoughAllAreKilled) {
     EXPECT_TRUE(Poll(kSettleSeconds, HaveAllArrived)) << Sent() << "--\n" << Stream() << FleetReason();
     EXPECT_EQ(KillsIn(kLeaf), 0) << "the work of a relay fits into its limit";
     EXPECT_EQ(StopAgent(), 0);
+}
+
+/// Whoever waits for a time of the wall clock waits a day longer then, as the broker's library does between attempts.
+TEST_F(RelayInGuest, ClockThatGoesADayBackHoldsNothing) {
+    StartWithBroker();
+    ASSERT_FALSE(HasFatalFailure());
+    ASSERT_GT(WaitRelay(), 0);
+    KillQuiet();
+    ASSERT_TRUE(Poll(kSettleSeconds, HaveAllArrived)) << Sent() << "--\n" << Stream() << FleetReason();
+    // The library waits until it tries again to connect.
+    ASSERT_EQ(kill(m_broker, SIGKILL), 0);
+    KillQuiet();
+    EXPECT_TRUE(Poll(kSettleSeconds, [&] { return FleetReason().find("connecting: ") == 0; })) << FleetReason();
+    timespec wall{};
+    clock_gettime(CLOCK_REALTIME, &wall);
+    wall.tv_sec -= kDay;
+    ASSERT_EQ(clock_settime(CLOCK_REALTIME, &wall), 0);
+    StartBroker();
+    EXPECT_TRUE(Poll(kSettleSeconds, HaveAllArrived)) << Sent() << "--\n" << Stream() << FleetReason();
+    KillQuiet();
+    EXPECT_TRUE(Poll(kSettleSeconds, HaveAllArrived)) << Sent() << "--\n" << Stream() << FleetReason();
+    EXPECT_EQ(EndsOfRelay().size(), 0U);
+    EXPECT_EQ(StopAgent(), 0);
+    wall.tv_sec += kDay;
+    EXPECT_EQ(clock_settime(CLOCK_REALTIME, &wall), 0);
 }
 
 }  // namespace
