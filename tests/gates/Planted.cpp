@@ -1,11 +1,14 @@
 // A regression of every kind, for the test of the gates: loaded into each process of an agent by the dynamic linker, it
 // adds threads that wake, open and read a file and append to another, descriptors that stay open, some private memory,
 // and itself as a library. More of each than the table leaves as room. Or, where that is asked for, one thread that
-// does nothing but open a file every few seconds; or every open that is made below a directory is made twice.
+// does nothing but open a file every few seconds; or every open that is made below a directory is made twice; and a
+// socket, a child and one library more.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -20,6 +23,8 @@ constexpr int kThreads = 4;
 constexpr int kDescriptors = 30;
 constexpr size_t kPageBytes = 4096;
 constexpr size_t kLineBytes = 64;
+constexpr int kSockets = 3;
+constexpr int kChildren = 2;
 
 void* Disturb(void* path) {
     int kept = -1;
@@ -48,7 +53,23 @@ void* OpenNowAndThen(void* seconds) {
     }
 }
 
+/// What a part of a fleet would bring: sockets, processes, which end with the one that they are of, and `library`.
+void PlantMore(const char* library) {
+    dlopen(library, RTLD_NOW | RTLD_LOCAL);
+    for (int i = 0; i < kSockets; ++i) {
+        if (socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0) < 0) return;
+    }
+    const pid_t parent = getpid();
+    for (int i = 0; i < kChildren; ++i) {
+        if (fork() != 0) continue;
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        while (getppid() == parent) pause();
+        _exit(0);
+    }
+}
+
 __attribute__((constructor)) void Plant() {
+    if (const char* library = getenv("PLANTED_LIBRARY")) PlantMore(library);
     char* path = getenv("PLANTED_FILE");
     char* seconds = getenv("PLANTED_OPEN_SECONDS");
     if (path == nullptr && seconds == nullptr) return;
