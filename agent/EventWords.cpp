@@ -155,10 +155,13 @@ void WordPressure(const Json::Value& body, EventInWords& words) {
                 std::to_string(NumberIn(consumers[i], "pid")) + ")";
         if (!component.empty()) words.about.push_back(component);
     }
-    // The kernel reports within its window; its average follows two seconds later, and the first is often 0.
+    // The kernel reports within its window; its average follows two seconds later, and has none of it until then: of a
+    // window that reached the threshold it shows more than a tenth of that.
+    constexpr int64_t kTenth = 10;  // hundredths for each percent
     const int64_t average = NumberIn(body, "avg10_100times");
+    const bool hasIt = average > 0 && average >= NumberIn(body, "threshold_percent") * kTenth;
     words.what = "the host waits for " + WordIn(body, "resource") +
-                 (average > 0 ? ": " + HumanPercent(average) + " of the last 10 s" : "") +
+                 (hasIt ? ": " + HumanPercent(average) + " of the last 10 s" : "") +
                  (FlagIn(body, "goes_on") ? ", for an hour already" : "") + list;
 }
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <utility>
 
 #include "AgentLog.h"
 #include "EventSink.h"
@@ -45,9 +46,18 @@ const base::PressureLine& LineOf(const base::Pressure& pressure, bool full) {
 /// Why a stall of it is not told of, for an operator.
 std::string Refusal(const base::Error& error) {
     if (error.kind == base::ErrorKind::kNotFound) return "the kernel was built without pressure figures";
-    if (error.error == EOPNOTSUPP) return "switched off: boot with psi=1";
-    if (error.kind == base::ErrorKind::kDenied) return "before Linux 6.4 it takes the right CAP_SYS_RESOURCE";
+    if (error.error == EOPNOTSUPP) return "switched off in this kernel: boot it with psi=1";
+    const char* const again = ", and start the agent again";
+    if (error.error == EPERM)
+        return std::string("before Linux 6.4 it takes the right CAP_SYS_RESOURCE: give it") + again;
+    if (error.error == EACCES) return error.Text() + ": let the agent write that file" + again;
     return error.Text();
+}
+
+/// Whether the kernel will say the same for as long as this process lives: no figures, none in this boot, or no right.
+bool IsFinal(const base::Error& error) {
+    return error.kind == base::ErrorKind::kNotFound || error.kind == base::ErrorKind::kDenied ||
+           error.error == EOPNOTSUPP;
 }
 
 }  // namespace
@@ -71,6 +81,12 @@ bool IsStalledNow(bool underWay, bool began, int average100Times, int thresholdP
     constexpr int kTenth = 10;  // hundredths for each percent
     const int least = began ? 1 : thresholdPercent * kTenth;
     return underWay && thresholdPercent > 0 && (average100Times < 0 || average100Times >= least);
+}
+
+bool HasStalled(uint64_t beforeUs, uint64_t nowUs, const base::PressureTrigger& trigger) {
+    constexpr uint64_t kPercent = 100;
+    const uint64_t leastUs = base::kPressureWindowMs * kUsPerMs * static_cast<uint64_t>(trigger.percent) / kPercent;
+    return nowUs - beforeUs >= leastUs;
 }
 
 HostPressure::~HostPressure() {
@@ -99,8 +115,7 @@ void HostPressure::Arm(Watched& watched, int64_t second) {
     const base::Status opened = Open(watched);
     std::string problem;
     if (!opened) problem = Refusal(opened.GetError());
-    // A kernel without these files will have none later, either.
-    if (!opened && opened.GetError().kind != base::ErrorKind::kNotFound) {
+    if (!opened && !IsFinal(opened.GetError())) {
         watched.episode.Refused(second);
         problem += "; it is asked again every minute";
     }
@@ -111,23 +126,38 @@ base::Status HostPressure::Open(Watched& watched) {
     std::string problem;
     if (m_loop == nullptr) m_loop = zel::JoinProcessLoop(problem);
     if (m_loop == nullptr) return base::SentenceError(problem);
+    const base::Result<base::Pressure> before = base::ReadPressure(watched.resource);
+    watched.armedTotalUs = before ? LineOf(*before, watched.trigger.full).totalUs : 0;
     base::Result<base::Fd> file = base::OpenPressureTrigger(watched.resource, watched.trigger);
     if (!file) return file.GetError();
     watched.file = std::move(*file);
     base::Status opened;
     m_loop->Run([&] {
-        auto watch = std::make_unique<base::IoWatch>(*m_loop);
-        opened = watch->Open(watched.file.Get());
-        if (!opened) return;
-        // One wait calls once: until it is armed anew a stall that goes on wakes nobody.
-        watch->WaitUrgent([this, &watched] {
-            watched.fired = true;
-            m_wakeMain();
-        });
-        watched.watch = std::move(watch);
+        watched.watch = std::make_unique<base::IoWatch>(*m_loop);
+        opened = watched.watch->Open(watched.file.Get());
+        opened ? Await(watched) : watched.watch.reset();
     });
     if (!opened) watched.file.Reset();
     return opened;
+}
+
+/// One wait calls once: until the next one a stall that goes on wakes nobody. On the loop's thread.
+void HostPressure::Await(Watched& watched) {
+    watched.watch->WaitUrgent([this, &watched] {
+        watched.fired = true;
+        m_wakeMain();
+    });
+}
+
+/// Whether the counters have what the kernel has told. Where they do not, it is waited for its next word.
+bool HostPressure::IsConfirmed(Watched& watched) {
+    const base::Result<base::Pressure> now = base::ReadPressure(watched.resource);
+    if (!now) return true;
+    const uint64_t totalUs = LineOf(*now, watched.trigger.full).totalUs;
+    if (HasStalled(std::exchange(watched.armedTotalUs, totalUs), totalUs, watched.trigger)) return true;
+    watched.fired = false;
+    m_loop->Run([&] { Await(watched); });
+    return false;
 }
 
 void HostPressure::Disarm(Watched& watched) {
@@ -143,7 +173,7 @@ void HostPressure::Close() {
 
 void HostPressure::Tick(int64_t second, const std::function<std::vector<zel::CgroupMember>()>& members) {
     for (Watched& watched : m_watched) {
-        if (watched.fired) {
+        if (watched.fired && IsConfirmed(watched)) {
             Disarm(watched);  // its window would be counted on for nobody
             const bool toTell = watched.episode.Begin(second);
             if (toTell) BeginMeasuring(watched, second);

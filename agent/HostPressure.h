@@ -66,6 +66,11 @@ private:
 /// which the average has only a part of. Pure.
 bool IsStalledNow(bool underWay, bool began, int average100Times, int thresholdPercent);
 
+/// Returns: whether the counter of a resource has grown by what the trigger asks for since `beforeUs`, when it was set.
+/// Kernel: the first window of a trigger begins with what was counted when the kernel last looked for anybody, and so
+/// tells at once of a stall of long ago. Pure.
+bool HasStalled(uint64_t beforeUs, uint64_t nowUs, const base::PressureTrigger& trigger);
+
 /// Thread-safety: Follow, Tick, NextDue and Close on the main thread; Status from any thread.
 class HostPressure {
 public:
@@ -99,11 +104,14 @@ private:
         int64_t measureAt = 0;       // 0: nothing is being measured
         int64_t measuredFromMs = 0;  // since boot
         uint64_t totalUs = 0;
+        uint64_t armedTotalUs = 0;  // when the kernel was asked, or has told of what was none
         std::vector<ProcessUse> before;
     };
 
     void Arm(Watched& watched, int64_t second);
     base::Status Open(Watched& watched);
+    void Await(Watched& watched);
+    bool IsConfirmed(Watched& watched);
     void Disarm(Watched& watched);
     void BeginMeasuring(Watched& watched, int64_t second);
     void Report(Watched& watched, const std::vector<zel::CgroupMember>& members);
