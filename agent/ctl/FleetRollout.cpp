@@ -190,7 +190,7 @@ std::optional<int> Driver::Begin() {
         return FleetFail(
             kRefused, NameOfLevel(m_plan.target) + " is not changed, the agent refuses it: " + after.GetError().Text());
     }
-    m_rollout.emplace(m_plan, roster->Hosts(), *levels);
+    m_rollout.emplace(m_plan, roster->Hosts(), *levels, m_world.NowSeconds());
     const std::vector<KeyChange> differences = CompareLevels(before, *after);
     if (!differences.empty()) TellPlan(*roster, differences);
     if (differences.empty()) {

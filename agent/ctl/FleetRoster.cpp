@@ -149,7 +149,7 @@ void FleetRoster::Finish(double toldNow, double consoleNow) {
 FleetHosts FleetRoster::Hosts() const {
     FleetHosts hosts;
     for (const FleetRow& row : m_rows) {
-        if (row.problem.empty()) hosts[row.key] = {row.state, row.silentSeconds};
+        if (row.problem.empty()) hosts[row.key] = {row.state, row.silentSeconds, row.revision};
     }
     return hosts;
 }

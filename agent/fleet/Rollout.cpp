@@ -16,6 +16,9 @@ namespace {
 constexpr char kHostLevel[] = "host.";
 constexpr int kMostRestarts = 1;      // one may be an update of the agent
 constexpr int64_t kWholeSeconds = 2;  // what two counts of whole seconds may be wrong by
+// By how much uptime and time may differ on a host that is well: its components are asked in between, a look takes
+// its time, and both are counts of whole seconds. An agent that was restarted lacks what it ran before, and more.
+constexpr int64_t kJitterSeconds = 15;
 
 /// The same hosts for the same names, but no favourites: FNV-1a over target and name (its constants, 64 bits).
 uint64_t LotOf(const std::string& target, const std::string& host) {
@@ -67,9 +70,10 @@ base::Result<std::string> ChangeLevel(const std::optional<std::string>& text, co
     return changed;
 }
 
-Rollout::Rollout(RolloutPlan plan, const FleetHosts& hosts, std::vector<RemoteLevel> levels) : m_plan(std::move(plan)) {
+Rollout::Rollout(RolloutPlan plan, const FleetHosts& hosts, std::vector<RemoteLevel> levels, int64_t now)
+    : m_plan(std::move(plan)) {
     for (RemoteLevel& level : levels) m_levels[level.name] = std::move(level);
-    Choose(hosts);
+    Choose(hosts, now);
     const base::Result<std::string> whole = ChangeLevel(LevelOf(m_plan.target).text, m_plan.change);
     if (!whole) {
         m_reason = whole.GetError().Text();
@@ -90,7 +94,7 @@ RemoteLevel Rollout::LevelOf(const std::string& name) const {
     return level == m_levels.end() ? RemoteLevel{name, 0, std::nullopt} : level->second;
 }
 
-void Rollout::Choose(const FleetHosts& hosts) {
+void Rollout::Choose(const FleetHosts& hosts, int64_t now) {
     size_t all = 0;
     std::vector<std::pair<uint64_t, std::string>> well;
     for (const auto& [name, host] : hosts) {
@@ -108,8 +112,8 @@ void Rollout::Choose(const FleetHosts& hosts) {
         Canary canary;
         canary.before = hosts.at(name);
         canary.level = LevelOf(kHostLevel + name);
-        canary.last = canary.before.state;
-        canary.drifts = canary.last.drifts;
+        canary.last = canary.since = SightOf(canary.before, now);
+        canary.drifts = canary.before.state.drifts;
         m_of[name] = std::move(canary);
     }
 }
@@ -238,21 +242,38 @@ std::string Rollout::Trouble(const std::string& name, const FleetHosts& hosts) c
     return "";
 }
 
+Rollout::Sight Rollout::SightOf(const FleetHost& host, int64_t now) {
+    return {host.revision, host.state.uptimeSeconds, now - host.silentSeconds, host.state.time};
+}
+
+/// Its uptime is less, or has grown by less than has passed. A state that was stored late, or a host's clock that was
+/// set, makes one of the two times longer than it was: both have to tell it.
+bool Rollout::IsRestarted(const Canary& canary, const Sight& sight) {
+    if (sight.uptime < canary.last.uptime) return true;
+    const int64_t passed = std::min(sight.arrivedAt - canary.since.arrivedAt, sight.toldAt - canary.since.toldAt);
+    return sight.uptime - canary.since.uptime + kJitterSeconds < passed;
+}
+
 // The agent counts from its start.
-void Rollout::NoteRestart(Canary& canary, const HostState& now) const {
-    if (!now.agentRuns) return;
-    if (now.uptimeSeconds < canary.last.uptimeSeconds) {
+void Rollout::NoteRestart(Canary& canary, const FleetHost& host, int64_t now) {
+    const Sight sight = SightOf(host, now);
+    const bool isNew = sight.revision != canary.last.revision || sight.uptime != canary.last.uptime;
+    if (!host.state.agentRuns || !isNew) return;
+    const bool isRestarted = IsRestarted(canary, sight);
+    if (isRestarted) {
         ++canary.restarts;
         canary.drifts = 0;
     }
-    canary.last = now;
+    // States that follow each other closely are compared with one before them: each alone would be within the jitter.
+    if (isRestarted || sight.arrivedAt - canary.since.arrivedAt >= kHostStateSeconds) canary.since = sight;
+    canary.last = sight;
 }
 
 void Rollout::Look(const FleetHosts& hosts, int64_t now) {
     if (m_phase != RolloutPhase::kCanaries && m_phase != RolloutPhase::kWatching) return;
     for (auto& [name, canary] : m_of) {
         const auto host = hosts.find(name);
-        if (host != hosts.end()) NoteRestart(canary, host->second.state);
+        if (host != hosts.end()) NoteRestart(canary, host->second, now);
     }
     if (m_phase == RolloutPhase::kCanaries) return;
     std::string waitsFor;

@@ -25,6 +25,7 @@ struct RolloutPlan {
 struct FleetHost {
     HostState state;
     int64_t silentSeconds = 0;  ///< by the broker's clock
+    uint64_t revision = 0;      ///< of that state
 };
 using FleetHosts = std::map<std::string, FleetHost>;  ///< by the name in its keys, escaped as there
 
@@ -57,8 +58,8 @@ enum class RolloutPhase {
 /// Thread-safety: one thread. Times: seconds of one clock that never goes back.
 class Rollout {
 public:
-    /// levels: the target's, and those of hosts that have one of their own.
-    Rollout(RolloutPlan plan, const FleetHosts& hosts, std::vector<RemoteLevel> levels);
+    /// levels: the target's, and those of hosts that have one of their own. now: when the hosts were looked at.
+    Rollout(RolloutPlan plan, const FleetHosts& hosts, std::vector<RemoteLevel> levels, int64_t now);
 
     RolloutPhase Phase() const { return m_phase; }
     bool HasEnded() const { return m_phase == RolloutPhase::kDone || m_phase == RolloutPhase::kFailed; }
@@ -82,19 +83,29 @@ public:
     void Cancel(const std::string& why);
 
 private:
+    /// What a state of a host says of its agent's age.
+    struct Sight {
+        uint64_t revision = 0;
+        int64_t uptime = 0;
+        int64_t arrivedAt = 0;  // by the clock of the looks
+        int64_t toldAt = 0;     // by the host's
+    };
     struct Canary {
         FleetHost before;
         RemoteLevel level;       // as it was
         uint64_t revision = 0;   // of what was put; 0: nothing
         bool isUnknown = false;  // what was put, perhaps
-        HostState last;          // as it was last looked at
+        Sight last;              // while its agent ran
+        Sight since;             // what ages are compared with: a while before the last one
         uint64_t drifts = 0;     // those before it
         int restarts = 0;
     };
+    static Sight SightOf(const FleetHost& host, int64_t now);
     RemoteLevel LevelOf(const std::string& name) const;
-    void Choose(const FleetHosts& hosts);
+    void Choose(const FleetHosts& hosts, int64_t now);
     std::string Trouble(const std::string& name, const FleetHosts& hosts) const;
-    void NoteRestart(Canary& canary, const HostState& now) const;
+    static bool IsRestarted(const Canary& canary, const Sight& sight);
+    static void NoteRestart(Canary& canary, const FleetHost& host, int64_t now);
     void OnPutCanary(PutOutcome outcome, uint64_t revision, const std::string& error);
     void OnPutBack(PutOutcome outcome, const std::string& error);
     void OnPutTarget(PutOutcome outcome, const std::string& error);

@@ -33,7 +33,7 @@ public:
             item["key"] = key;
             item["value"] = FormatHostState(host);
             item["time"] = static_cast<double>(1000000 + now - (key == late ? 200 : 1));
-            item["revision"] = 1;
+            item["revision"] = Json::UInt64(host.time > 0 ? host.time : 1);  // a new one for each state
             roster.Take(item);
         }
         roster.Finish(static_cast<double>(1000000 + now), static_cast<double>(1000000 + now));
@@ -161,6 +161,13 @@ TEST_F(FleetRolloutTest, EachTroubleBringsBackWhatWas) {
         EXPECT_FALSE(m_world.levels["host.web_2e1"].text) << why;
         EXPECT_FALSE(IsWide()) << why;
     }
+}
+
+TEST_F(FleetRolloutTest, AnAgentThatIsEachTimeAsYoungGoesBack) {
+    m_world.onLook = [this] { m_world.hosts["web2"].time = m_world.now; };
+    EXPECT_EQ(Drive(), 1);
+    EXPECT_THAT(m_world.said, HasSubstr("going back: web2 has restarted its agent 2 times"));
+    EXPECT_TRUE(HostsAreClean());
 }
 
 TEST_F(FleetRolloutTest, HostsInReasonsAreCalledAsPeopleCallThem) {

@@ -31,7 +31,7 @@ protected:
     Rollout Begin() {
         std::vector<RemoteLevel> levels;
         for (const auto& [name, level] : m_levels) levels.push_back(level);
-        return Rollout(m_plan, m_hosts, levels);
+        return Rollout(m_plan, m_hosts, levels, m_now);
     }
     /// Stores what is to be put, as a broker does: only with the revision that is expected.
     void Store(Rollout& rollout) {
@@ -363,6 +363,74 @@ TEST_F(RolloutTest, ASecondRestartOfAnAgentStopsIt) {
     Until(rollout, 5);
     EXPECT_EQ(rollout.Phase(), RolloutPhase::kGoingBack);
     EXPECT_THAT(rollout.Reason(), HasSubstr(name + " has restarted its agent 2 times"));
+}
+
+/// A host's next state: so much later by its own clock, stored when it is looked at.
+static void TellState(FleetHost& host, int64_t later, int64_t uptime) {
+    ++host.revision;
+    host.state.time += later;
+    host.state.uptimeSeconds = uptime;
+    host.silentSeconds = 0;
+}
+
+TEST_F(RolloutTest, ACrashLoopOfEqualUptimesStopsIt) {
+    const FleetHosts fresh = m_hosts;
+    for (const int64_t apart : {60, 5}) {  // states of each minute, or as often as a host may tell one
+        m_hosts = fresh;
+        m_levels.clear();
+        for (auto& [name, host] : m_hosts) host.state.uptimeSeconds = 4;
+        Rollout rollout = Begin();
+        Store(rollout);
+        for (const std::string& name : rollout.Canaries()) Apply(name);
+        const std::string& name = rollout.Canaries()[0];
+        for (const int64_t end = m_now + 120; m_now < end;) {
+            m_now += apart;
+            TellState(m_hosts.at(name), apart, 5);
+            rollout.Look(m_hosts, m_now);
+            rollout.Look(m_hosts, m_now);
+        }
+        EXPECT_EQ(rollout.Phase(), RolloutPhase::kGoingBack) << apart;
+        EXPECT_THAT(rollout.Reason(), HasSubstr(name + " has restarted its agent 2 times"));
+    }
+}
+
+TEST_F(RolloutTest, AHostThatTellsNothingNewHasNotRestarted) {
+    Rollout rollout = Begin();
+    Store(rollout);
+    for (const std::string& name : rollout.Canaries()) Apply(name);
+    for (int i = 0; i < 30; ++i) {
+        m_now += 5;
+        for (auto& [name, host] : m_hosts) host.silentSeconds = (i % 12) * 5 + 3;
+        if (i % 12 == 0)
+            for (auto& [name, host] : m_hosts) TellState(host, 60, host.state.uptimeSeconds + 60);
+        rollout.Look(m_hosts, m_now);
+        ASSERT_EQ(rollout.Phase(), RolloutPhase::kWatching) << rollout.Reason();
+    }
+}
+
+TEST_F(RolloutTest, AHealthyHostIsNeverCalledRestarted) {
+    struct Tick {
+        int64_t looked, byItsClock, uptime;
+    };
+    const std::pair<const char*, std::vector<Tick>> cases[] = {
+        {"states that come early and late", {{66, 54, 54}, {54, 66, 66}, {66, 54, 54}, {70, 60, 56}, {5, 5, 6}}},
+        {"states that a broker took late", {{180, 60, 60}, {200, 60, 60}, {150, 60, 60}}},
+        {"a clock that is set", {{60, 3660, 60}, {60, -3540, 60}, {60, 3660, 60}}}};
+    const FleetHosts fresh = m_hosts;
+    for (const auto& [what, ticks] : cases) {
+        m_hosts = fresh;
+        m_levels.clear();
+        Rollout rollout = Begin();
+        Store(rollout);
+        for (const std::string& name : rollout.Canaries()) Apply(name);
+        FleetHost& host = m_hosts.at(rollout.Canaries()[0]);
+        for (const Tick& tick : ticks) {
+            m_now += tick.looked;
+            TellState(host, tick.byItsClock, host.state.uptimeSeconds + tick.uptime);
+            rollout.Look(m_hosts, m_now);
+            ASSERT_EQ(rollout.Phase(), RolloutPhase::kWatching) << what << ": " << rollout.Reason();
+        }
+    }
 }
 
 TEST_F(RolloutTest, DriftsOfARestartedAgentCountHoweverLongAgo) {
