@@ -340,7 +340,7 @@ void Driver::Watch() {
     if (m_rollout->Phase() != RolloutPhase::kWatching) return;
     TellProgress(hosts);
     const int64_t left = m_wellSince ? m_plan.waitSeconds - (now - *m_wellSince) : kLookSeconds;
-    m_world.Pause(std::clamp<int64_t>(left, 1, kLookSeconds));
+    m_world.Pause(left > 0 ? std::min(left, kLookSeconds) : kLookSeconds);
 }
 
 void Driver::TellProgress(const FleetHosts& hosts) {

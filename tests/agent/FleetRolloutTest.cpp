@@ -32,7 +32,7 @@ public:
             Json::Value item(Json::objectValue);
             item["key"] = key;
             item["value"] = FormatHostState(host);
-            item["time"] = static_cast<double>(1000000 + now - (key == late ? 200 : 1));
+            item["time"] = static_cast<double>(1000000 + now - (key == late ? lateSeconds : 1));
             item["revision"] = Json::UInt64(host.time > 0 ? host.time : 1);  // a new one for each state
             roster.Take(item);
         }
@@ -81,7 +81,7 @@ public:
     bool isAway = false, isDeaf = false, isSilentStored = true;
     int signals = 0, looks = 0, puts = 0;
     uint64_t revision = 100;
-    int64_t now = 50;
+    int64_t now = 50, lateSeconds = 200;
 };
 
 class FleetRolloutTest : public testing::Test {
@@ -168,6 +168,19 @@ TEST_F(FleetRolloutTest, AnAgentThatIsEachTimeAsYoungGoesBack) {
     EXPECT_EQ(Drive(), 1);
     EXPECT_THAT(m_world.said, HasSubstr("going back: web2 has restarted its agent 2 times"));
     EXPECT_TRUE(HostsAreClean());
+}
+
+TEST_F(FleetRolloutTest, WhatIsWaitedForAtTheEndIsLookedAtAsUsual) {
+    m_world.late = "web2";  // its states are old: one that is younger than the time has to come
+    m_world.lateSeconds = 60;
+    int looks = 0;
+    m_world.onLook = [this, &looks] {
+        if (m_world.now >= 660 && ++looks == 1) m_world.now = 670;
+        if (m_world.now >= 700) m_world.late.clear();
+    };
+    EXPECT_EQ(Drive(), 0) << m_world.said;
+    EXPECT_THAT(m_world.said, HasSubstr("one more state of each is waited for"));
+    EXPECT_LE(looks, 12) << "every five seconds";
 }
 
 TEST_F(FleetRolloutTest, HostsInReasonsAreCalledAsPeopleCallThem) {
