@@ -49,6 +49,7 @@ public:
         for (size_t i = 0; i < std::size(kSignals); ++i) {
             struct sigaction action {};
             action.sa_handler = kSignals[i] == SIGPIPE ? SIG_IGN : NoteSignal;
+            sigfillset(&action.sa_mask);  // one at a time counts
             sigaction(kSignals[i], &action, &m_before[i]);
             if (m_before[i].sa_handler == SIG_IGN) sigaction(kSignals[i], &m_before[i], nullptr);
         }

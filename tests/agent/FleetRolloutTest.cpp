@@ -326,6 +326,7 @@ protected:
         std::thread killer([&] {
             isPut = support::Eventually(
                 [this] { return support::ReadText(WorldFile()).find("host.web1") != std::string::npos; });
+            sigaction(SIGTERM, nullptr, &m_meanwhile);
             for (const int number : signals) kill(getpid(), isPut ? number : SIGKILL);
         });
         EXPECT_EQ(Run("config rollout"), m_code) << err;
@@ -339,6 +340,7 @@ protected:
         EXPECT_THAT(out, HasSubstr("going back: somebody has ended it\nhost.web1 has what it had\n"));
     }
 
+    struct sigaction m_meanwhile {};
     std::string m_wait = "1h";
     int m_code = 1;
 };
@@ -346,6 +348,8 @@ protected:
 TEST_F(FleetRolloutRunTest, ASignalBringsAllBack) {
     RunAndSend({SIGTERM});
     ExpectBack();
+    for (const int number : {SIGINT, SIGHUP, SIGTERM})
+        EXPECT_EQ(sigismember(&m_meanwhile.sa_mask, number), 1) << number << " could come while one is counted";
 }
 
 TEST_F(FleetRolloutRunTest, TheTerminalsKeyBringsAllBack) {
