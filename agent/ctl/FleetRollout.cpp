@@ -23,8 +23,9 @@ namespace agent {
 namespace {
 
 constexpr int64_t kLookSeconds = 5;
-constexpr int64_t kTellSeconds = 60;       // how long they have been well
-constexpr int64_t kMostAwaySeconds = 300;  // of the broker, before it is given up
+constexpr int64_t kTellSeconds = 60;         // how long they have been well
+constexpr int64_t kMostAwaySeconds = 300;    // of the broker, before it is given up
+constexpr int64_t kMostRefusedSeconds = 60;  // of what all are to get: an election takes seconds
 constexpr int64_t kMostWaitSeconds = 7 * 86400;
 constexpr int64_t kMsPerSecond = 1000;
 
@@ -77,7 +78,7 @@ private:
     void TellProgress(const FleetHosts& hosts);
     void TellPhase();
     /// Waits for a broker that did not do what it was asked for. Returns: false when it has been so for too long.
-    bool IsPatient(const std::string& why);
+    bool IsPatient(const std::string& why, int64_t most = kMostAwaySeconds);
     void NoteLeft(const std::string& level, PutOutcome outcome);
     RemoteLevel Before(const std::string& level) const;
     std::string NameOfLevel(const std::string& level) const;
@@ -229,13 +230,13 @@ void Driver::Heed() {
     if (signals > 1 && m_leaves.empty()) m_leaves = "somebody has ended it a second time";
 }
 
-bool Driver::IsPatient(const std::string& why) {
+bool Driver::IsPatient(const std::string& why, int64_t most) {
     const int64_t now = m_world.NowSeconds();
     if (!m_awaySince) {
         m_awaySince = now;
-        Tell({"waiting", "tried again for " + TimeText(kMostAwaySeconds) + " at most: " + why});
+        Tell({"waiting", "tried again for " + TimeText(most) + " at most: " + why});
     }
-    if (now - *m_awaySince >= kMostAwaySeconds) {
+    if (now - *m_awaySince >= most) {
         m_awaySince.reset();
         return false;
     }
@@ -261,8 +262,10 @@ RolloutPutAnswer Driver::PutAll(const RolloutPut& put) {
     bool mayCome = false;
     for (;;) {
         const RolloutPutAnswer answer = PutOnce(put, mayCome);
-        if (answer.outcome != PutOutcome::kUnknown) return answer;
-        if (m_world.Signals() > 0 || !IsPatient(answer.error) || m_world.Signals() > 0) return answer;
+        const bool isRefused = answer.outcome == PutOutcome::kRefused;
+        if (answer.outcome != PutOutcome::kUnknown && !isRefused) return answer;
+        const int64_t most = isRefused ? kMostRefusedSeconds : kMostAwaySeconds;
+        if (m_world.Signals() > 0 || !IsPatient(answer.error, most) || m_world.Signals() > 0) return answer;
     }
 }
 

@@ -257,6 +257,32 @@ TEST_F(FleetRolloutTest, ARefusedPutGoesBack) {
     EXPECT_TRUE(HostsAreClean());
 }
 
+TEST_F(FleetRolloutTest, AnElectionAtThePutForAllIsWaitedFor) {
+    const World fresh = m_world;
+    for (const int tries : {3, 1000}) {
+        m_world = fresh;
+        m_world.refused = "group.web_2eeu";
+        int refusals = 0;
+        m_world.onPut = [this, &refusals, tries](const std::string& level) {
+            if (level[0] == 'g' && ++refusals == tries) m_world.refused.clear();
+        };
+        const bool isShort = tries == 3;
+        EXPECT_EQ(Drive(), isShort ? 0 : 1) << m_world.said;
+        EXPECT_EQ(IsWide(), isShort);
+        EXPECT_TRUE(HostsAreClean());
+        EXPECT_THAT(m_world.said, HasSubstr("tried again for 1 min at most: no right to publish\n"));
+        EXPECT_LE(refusals, 13) << "a minute, not for ever";
+    }
+}
+
+TEST_F(FleetRolloutTest, WhoEndsItWhileAllAreRefusedHasItBackAtOnce) {
+    m_world.refused = "group.web_2eeu";
+    m_world.onPut = [this](const std::string& level) { m_world.signals = level[0] == 'g' ? 1 : m_world.signals; };
+    EXPECT_EQ(Drive(), 1);
+    EXPECT_THAT(m_world.said, Not(HasSubstr("tried again")));
+    EXPECT_TRUE(HostsAreClean());
+}
+
 TEST_F(FleetRolloutTest, ABrokerThatIsBackInTimeGetsAllBack) {
     AtThirdLook([this] { m_world.signals = 1; });
     m_world.onPut = [this](const std::string&) { m_world.isAway = m_world.signals > 0 && m_world.puts < 10; };
