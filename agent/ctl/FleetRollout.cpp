@@ -72,13 +72,14 @@ private:
     void Serve(const RolloutPut& put);
     RolloutPutAnswer PutOnce(const RolloutPut& put, bool& mayCome);
     RolloutPutAnswer PutAll(const RolloutPut& put);
-    RolloutPutAnswer PutBack(const RolloutPut& put);
-    base::Result<RemoteLevel> ReadSurely(const std::string& level);
+    void ServeBack(const RolloutPut& put);
+    void PutOff(const std::string& level, const std::string& why);
+    void LeaveAsItIs(const RolloutPut& put);
     void Watch();
     void TellProgress(const FleetHosts& hosts);
     void TellPhase();
     /// Waits for a broker that did not do what it was asked for. Returns: false when it has been so for too long.
-    bool IsPatient(const std::string& why, int64_t most = kMostAwaySeconds);
+    bool IsPatient(const std::string& why, int64_t most = kMostAwaySeconds, bool pauses = true);
     void NoteLeft(const std::string& level, PutOutcome outcome);
     RemoteLevel Before(const std::string& level) const;
     std::string NameOfLevel(const std::string& level) const;
@@ -93,8 +94,11 @@ private:
     RolloutPlan m_plan;
     std::optional<Rollout> m_rollout;
     std::map<std::string, RemoteLevel> m_levels;
-    std::map<std::string, std::string> m_names;  // of hosts, by key
-    std::map<std::string, uint64_t> m_given;     // revision, by canary
+    std::map<std::string, std::string> m_names;    // of hosts, by key
+    std::map<std::string, uint64_t> m_given;       // revision, by canary
+    std::map<std::string, std::string> m_whyBack;  // a level could not be put back so far
+    std::map<std::string, bool> m_mayCome;         // what was put back there, without an answer
+    size_t m_putOff = 0;                           // levels, one after the other
     RolloutPhase m_told = RolloutPhase::kCanaries;
     std::optional<int64_t> m_awaySince;
     std::optional<int64_t> m_wellSince;
@@ -230,7 +234,7 @@ void Driver::Heed() {
     if (signals > 1 && m_leaves.empty()) m_leaves = "somebody has ended it a second time";
 }
 
-bool Driver::IsPatient(const std::string& why, int64_t most) {
+bool Driver::IsPatient(const std::string& why, int64_t most, bool pauses) {
     const int64_t now = m_world.NowSeconds();
     if (!m_awaySince) {
         m_awaySince = now;
@@ -240,7 +244,7 @@ bool Driver::IsPatient(const std::string& why, int64_t most) {
         m_awaySince.reset();
         return false;
     }
-    m_world.Pause(kLookSeconds);
+    if (pauses) m_world.Pause(kLookSeconds);
     return true;
 }
 
@@ -269,29 +273,43 @@ RolloutPutAnswer Driver::PutAll(const RolloutPut& put) {
     }
 }
 
-RolloutPutAnswer Driver::PutBack(const RolloutPut& put) {
-    bool mayCome = false;
-    for (;;) {
-        Heed();
-        if (!m_leaves.empty()) return {mayCome ? PutOutcome::kUnknown : PutOutcome::kRefused, 0, m_leaves};
-        const RolloutPutAnswer answer = PutOnce(put, mayCome);
-        if (answer.outcome == PutOutcome::kStored || answer.outcome == PutOutcome::kConflict) {
-            m_awaySince.reset();
-            return answer;
-        }
-        if (!IsPatient(answer.error)) m_leaves = answer.error;
-    }
+/// What cannot be put back now: the others first, and then again for a while.
+void Driver::PutOff(const std::string& level, const std::string& why) {
+    m_whyBack[level] = why;
+    m_rollout->PutOff();
+    const bool isRound = ++m_putOff >= m_rollout->Pending();
+    if (isRound) m_putOff = 0;
+    if (!IsPatient(why, kMostAwaySeconds, isRound)) m_leaves = why;
 }
 
-base::Result<RemoteLevel> Driver::ReadSurely(const std::string& level) {
-    for (;;) {
-        Heed();
-        if (!m_leaves.empty()) return base::SentenceError(m_leaves);
-        const base::Result<RemoteLevel> found = m_world.ReadLevel(level);
-        if (found) m_awaySince.reset();
-        if (found) return found;
-        if (!IsPatient(found.GetError().Text())) m_leaves = found.GetError().Text();
+/// Nothing more is put: the level is named.
+void Driver::LeaveAsItIs(const RolloutPut& put) {
+    const auto own = m_whyBack.find(put.level);
+    const std::string why = own == m_whyBack.end() ? m_leaves : own->second;
+    const bool isUnknown = put.isUnknown || m_mayCome[put.level];
+    const PutOutcome outcome = isUnknown ? PutOutcome::kUnknown : PutOutcome::kRefused;
+    NoteLeft(put.level, outcome);
+    m_rollout->OnPut(outcome, 0, why);
+}
+
+void Driver::ServeBack(const RolloutPut& put) {
+    if (!m_leaves.empty()) return LeaveAsItIs(put);
+    if (put.isUnknown) {
+        const base::Result<RemoteLevel> found = m_world.ReadLevel(put.level);
+        if (!found) return PutOff(put.level, found.GetError().Text());
+        const size_t left = m_rollout->Left().size();
+        m_rollout->OnRead(found);
+        if (m_rollout->Left().size() > left) NoteLeft(put.level, PutOutcome::kConflict);
+    } else {
+        const RolloutPutAnswer answer = PutOnce(put, m_mayCome[put.level]);
+        const bool isStored = answer.outcome == PutOutcome::kStored;
+        if (!isStored && answer.outcome != PutOutcome::kConflict) return PutOff(put.level, answer.error);
+        NoteLeft(put.level, answer.outcome);
+        if (isStored) Tell({"back", NameOfLevel(put.level) + " has what it had", put.level, answer.revision});
+        m_rollout->OnPut(answer.outcome, answer.revision, answer.error);
     }
+    m_awaySince.reset();
+    m_putOff = 0;
 }
 
 void Driver::NoteLeft(const std::string& level, PutOutcome outcome) {
@@ -301,31 +319,19 @@ void Driver::NoteLeft(const std::string& level, PutOutcome outcome) {
 
 void Driver::Serve(const RolloutPut& put) {
     const RolloutPhase phase = m_rollout->Phase();
-    if (put.isUnknown) {
-        const base::Result<RemoteLevel> found = ReadSurely(put.level);
-        const size_t left = m_rollout->Left().size();
-        m_rollout->OnRead(found);
-        if (m_rollout->Left().size() > left) NoteLeft(put.level, found ? PutOutcome::kConflict : PutOutcome::kUnknown);
-        return;
-    }
-    const bool isBack = phase == RolloutPhase::kGoingBack || phase == RolloutPhase::kClearing;
-    const RolloutPutAnswer answer = isBack                             ? PutBack(put)
-                                    : phase == RolloutPhase::kWidening ? PutAll(put)
-                                                                       : m_world.Put(put);
+    if (phase == RolloutPhase::kGoingBack || phase == RolloutPhase::kClearing) return ServeBack(put);
+    const bool isAll = phase == RolloutPhase::kWidening;
+    const RolloutPutAnswer answer = isAll ? PutAll(put) : m_world.Put(put);
     m_awaySince.reset();
-    const bool isStored = answer.outcome == PutOutcome::kStored;
-    if (isBack) NoteLeft(put.level, answer.outcome);
-    if (phase == RolloutPhase::kWidening && answer.outcome == PutOutcome::kUnknown) {
+    if (isAll && answer.outcome == PutOutcome::kUnknown) {
         m_byHand.push_back(Command("history", put.level));
         m_byHand.push_back(WayBack(put.level));
     }
-    if (phase == RolloutPhase::kWidening && isStored) m_revision = answer.revision;
-    if (phase == RolloutPhase::kCanaries && isStored) m_given[put.level.substr(5)] = answer.revision;
-    if (isStored) {
-        Tell({isBack ? "back" : "put",
-              NameOfLevel(put.level) +
-                  (isBack ? " has what it had" : " has it, revision " + std::to_string(answer.revision)),
-              put.level, answer.revision});
+    if (answer.outcome == PutOutcome::kStored) {
+        if (isAll) m_revision = answer.revision;
+        if (!isAll) m_given[put.level.substr(5)] = answer.revision;
+        Tell({"put", NameOfLevel(put.level) + " has it, revision " + std::to_string(answer.revision), put.level,
+              answer.revision});
     }
     m_rollout->OnPut(answer.outcome, answer.revision, answer.error);
 }

@@ -121,13 +121,31 @@ void Rollout::Choose(const FleetHosts& hosts, int64_t now) {
 void Rollout::Take(RolloutPhase phase) {
     m_phase = phase;
     m_at = 0;
+    m_order = m_canaries;
+}
+
+bool Rollout::HasSomething(const std::string& name) const {
+    const Canary& canary = m_of.at(name);
+    return canary.revision != 0 || canary.isUnknown;
 }
 
 void Rollout::FindNext() {
-    const auto hasNothing = [](const Canary& canary) { return canary.revision == 0 && !canary.isUnknown; };
-    while (m_at < m_canaries.size() && hasNothing(m_of.at(m_canaries[m_at]))) ++m_at;
-    if (m_at < m_canaries.size()) return;
+    while (m_at < m_order.size() && !HasSomething(m_order[m_at])) ++m_at;
+    if (m_at < m_order.size()) return;
     Take(m_phase == RolloutPhase::kClearing ? RolloutPhase::kDone : RolloutPhase::kFailed);
+}
+
+void Rollout::PutOff() {
+    m_underWay = false;
+    const auto first = m_order.begin() + static_cast<std::ptrdiff_t>(m_at);
+    std::rotate(first, first + 1, m_order.end());
+    FindNext();
+}
+
+size_t Rollout::Pending() const {
+    const auto first = m_order.begin() + static_cast<std::ptrdiff_t>(std::min(m_at, m_order.size()));
+    return static_cast<size_t>(
+        std::count_if(first, m_order.end(), [this](const std::string& name) { return HasSomething(name); }));
 }
 
 void Rollout::GoBack(const std::string& why) {
@@ -156,9 +174,9 @@ std::optional<RolloutPut> Rollout::Next() {
         m_phase == RolloutPhase::kCanaries || m_phase == RolloutPhase::kClearing || m_phase == RolloutPhase::kGoingBack;
     if (!putsCanaries) return std::nullopt;
     m_underWay = true;
-    const Canary& canary = m_of.at(m_canaries[m_at]);
-    if (m_phase != RolloutPhase::kCanaries)
-        return RolloutPut{canary.level.name, canary.level.text, canary.revision, canary.isUnknown};
+    const bool isBack = m_phase != RolloutPhase::kCanaries;
+    const Canary& canary = m_of.at(isBack ? m_order[m_at] : m_canaries[m_at]);
+    if (isBack) return RolloutPut{canary.level.name, canary.level.text, canary.revision, canary.isUnknown};
     const base::Result<std::string> changed = ChangeLevel(canary.level.text, m_plan.change);
     return RolloutPut{canary.level.name, *changed, canary.level.revision};
 }
@@ -195,7 +213,7 @@ void Rollout::OnPutCanary(PutOutcome outcome, uint64_t revision, const std::stri
 }
 
 void Rollout::OnPutBack(PutOutcome outcome, const std::string& error) {
-    const std::string level = LevelName(kHostLevel + m_canaries[m_at]);
+    const std::string level = LevelName(kHostLevel + m_order[m_at]);
     switch (outcome) {
         case PutOutcome::kStored: break;
         case PutOutcome::kConflict: m_left.push_back(level + " was changed by somebody else and stays as it is"); break;
@@ -210,7 +228,7 @@ void Rollout::OnPutBack(PutOutcome outcome, const std::string& error) {
 
 void Rollout::OnRead(const base::Result<RemoteLevel>& found) {
     m_underWay = false;
-    Canary& canary = m_of.at(m_canaries[m_at]);
+    Canary& canary = m_of.at(m_order[m_at]);
     if (!found) return OnPutBack(PutOutcome::kUnknown, found.GetError().Text());
     const base::Result<std::string> tried = ChangeLevel(canary.level.text, m_plan.change);
     const bool isOurs = found->revision == canary.level.revision || (tried && found->text == *tried);

@@ -76,6 +76,11 @@ public:
     /// The answer to a Next() that is to be read first: the key as it is now, or why it cannot be read. It is put then
     /// in any case, with that revision, so that what is still under way comes too late.
     void OnRead(const base::Result<RemoteLevel>& found);
+    /// Instead of an answer to a Next() that brings a host back what it had: it cannot be done now, the others come
+    /// first.
+    void PutOff();
+    /// How many hosts are still to get back what they had.
+    size_t Pending() const;
     /// To be called every few seconds with what is known of the hosts.
     void Look(const FleetHosts& hosts, int64_t now);
     /// Somebody ends it: the chosen hosts get what they had. While a put is under way its answer is waited for; what
@@ -111,6 +116,7 @@ private:
     void OnPutTarget(PutOutcome outcome, const std::string& error);
     /// Goes on to the next canary from `m_at` that has got something, or to the end.
     void FindNext();
+    bool HasSomething(const std::string& name) const;
     void GoBack(const std::string& why);
     void Take(RolloutPhase phase);
 
@@ -119,9 +125,10 @@ private:
     std::vector<std::string> m_canaries;
     std::map<std::string, Canary> m_of;
     RolloutPhase m_phase = RolloutPhase::kCanaries;
-    size_t m_at = 0;          // of the canaries, in the phases that put one after the other
-    bool m_underWay = false;  // an answer to Next() is due
-    std::string m_cancelled;  // why, while one is
+    size_t m_at = 0;                   // of the canaries, in the phases that put one after the other
+    std::vector<std::string> m_order;  // in which they get back what they had
+    bool m_underWay = false;           // an answer to Next() is due
+    std::string m_cancelled;           // why, while one is
     std::optional<int64_t> m_waitsSince;
     std::optional<int64_t> m_appliedAt;
     std::string m_reason;

@@ -283,6 +283,46 @@ TEST_F(FleetRolloutTest, WhoEndsItWhileAllAreRefusedHasItBackAtOnce) {
     EXPECT_TRUE(HostsAreClean());
 }
 
+TEST_F(FleetRolloutTest, OneThatIsRefusedHoldsNoOtherBack) {
+    const World fresh = m_world;
+    for (const std::string kept : {"web_2e1", "web2"}) {
+        m_world = fresh;
+        m_world.hosts["web3"] = m_world.hosts["web2"];
+        m_world.hosts["web3"].host = "web3";
+        int64_t begunAt = 0, restAt = 0;
+        AtThirdLook([&] {
+            m_world.signals = 1;
+            m_world.refused = "host." + kept;
+            begunAt = m_world.now;
+        });
+        m_world.onPut = [&](const std::string& level) {
+            if (m_world.signals > 0 && level != m_world.refused) restAt = m_world.now;
+        };
+        EXPECT_EQ(Drive(), 1);
+        EXPECT_LE(restAt, begunAt + 5) << "the others wait for nothing";
+        for (const auto& [name, host] : m_world.hosts)
+            EXPECT_EQ(m_world.levels["host." + name].text.has_value(), name == kept) << m_world.said;
+        const std::string name = kept == "web2" ? "web2" : "web.1";
+        EXPECT_THAT(m_world.said,
+                    AllOf(HasSubstr("left: host." + name + " keeps the value it was tried with: no right to publish\n"),
+                          HasSubstr("    tervanectl fleet config unset maxCpu --host " + name + "\n"),
+                          HasSubstr("host.web3 has what it had\n")));
+    }
+}
+
+TEST_F(FleetRolloutTest, OneThatIsRefusedForAWhileGetsItBackToo) {
+    AtThirdLook([this] {
+        m_world.signals = 1;
+        m_world.refused = "host.web2";
+    });
+    m_world.onPut = [this](const std::string&) {
+        if (m_world.puts > 20) m_world.refused.clear();
+    };
+    EXPECT_EQ(Drive(), 1);
+    EXPECT_TRUE(HostsAreClean()) << m_world.said;
+    EXPECT_THAT(m_world.said, HasSubstr("; nothing of it is left at the broker, "));
+}
+
 TEST_F(FleetRolloutTest, ABrokerThatIsBackInTimeGetsAllBack) {
     AtThirdLook([this] { m_world.signals = 1; });
     m_world.onPut = [this](const std::string&) { m_world.isAway = m_world.signals > 0 && m_world.puts < 10; };
