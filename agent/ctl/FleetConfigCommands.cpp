@@ -295,19 +295,41 @@ std::string WordOthers(const Edit& edit, const LevelEntry& now) {
            "history, and say again what is to be changed";
 }
 
+int FailUnknown(const Edit& edit, const std::string& why) {
+    return FleetFail(kUnreachable, "it is not known whether " + edit.before.level + " was changed: " + why +
+                                       "; look with fleet config history what became of it");
+}
+
+/// After a put without an answer, where the level is what somebody else has made of it: the change may have been stored
+/// before that.
+int SettleOvertaken(FleetLink& link, Edit& edit, const LevelEntry& now, const std::string& why) {
+    const base::Result<std::vector<LevelEntry>> history = ReadLevels(link, "history", edit.before.level);
+    if (!history) return FailUnknown(edit, why + "; " + history.GetError().Text());
+    // A copy that lags behind has not got all of it.
+    const bool isWhole = !history->empty() && history->back().revision >= now.revision;
+    if (!isWhole) return FailUnknown(edit, why + "; revision " + std::to_string(now.revision) + " is somebody else's");
+    for (const LevelEntry& entry : *history) {
+        if (entry.revision <= edit.before.revision || entry.text != edit.after) continue;
+        std::string changes;
+        for (const KeyChange& change : CompareLevels(entry.text, now.text))
+            changes += (changes.empty() ? "" : ", ") + WordChange(change);
+        return FleetFail(kRefused, entry.level + " was changed, revision " + std::to_string(entry.revision) +
+                                       ", and by somebody else since, revision " + std::to_string(now.revision) +
+                                       (changes.empty() ? "" : " (" + changes + ")") +
+                                       ": look at it with fleet config history");
+    }
+    return FleetFail(kRefused, WordOthers(edit, now));
+}
+
 /// After a put without an answer: what the level is now.
 int SettleUnknown(FleetLink& link, const FleetConfigOptions& options, Edit& edit, const std::string& why) {
     const base::Result<LevelEntry> now = ReadLevel(link, edit.before.level);
-    const std::string again = "; look with fleet config history what became of it";
-    if (!now) {
-        return FleetFail(kUnreachable, "it is not known whether " + edit.before.level + " was changed: " + why + "; " +
-                                           now.GetError().Text() + again);
-    }
+    if (!now) return FailUnknown(edit, why + "; " + now.GetError().Text());
     if (now->revision == edit.before.revision) {
         return FleetFail(kRefused, edit.before.level + " is not changed so far, and may be yet, since the broker did " +
-                                       "not answer: " + why + again);
+                                       "not answer: " + why + "; look with fleet config history what became of it");
     }
-    if (now->text != edit.after) return FleetFail(kRefused, WordOthers(edit, *now));
+    if (now->text != edit.after) return SettleOvertaken(link, edit, *now, why);
     edit.revision = now->revision;
     edit.note = "the broker did not answer, and has it now";
     return PrintEdit(link, options, edit);
@@ -318,10 +340,7 @@ int Put(FleetLink& link, const FleetConfigOptions& options, Edit& edit) {
     if (edit.after) request["value"] = *edit.after;
     request["expected"] = Json::UInt64(edit.before.revision);
     const base::Result<FleetAnswer> answer = link.Ask(std::move(request));
-    if (!answer) {
-        return FleetFail(kUnreachable, "it is not known whether " + edit.before.level + " was changed: " +
-                                           answer.GetError().Text() + "; look with fleet config history");
-    }
+    if (!answer) return FailUnknown(edit, answer.GetError().Text());
     if (answer->ok) {
         edit.revision = answer->body["revision"].isUInt64() ? answer->body["revision"].asUInt64() : 0;
         return PrintEdit(link, options, edit);

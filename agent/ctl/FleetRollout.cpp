@@ -266,6 +266,11 @@ RolloutPutAnswer Driver::PutAll(const RolloutPut& put) {
     bool mayCome = false;
     for (;;) {
         const RolloutPutAnswer answer = PutOnce(put, mayCome);
+        // What is somebody else's now may have been stored before that.
+        if (answer.outcome == PutOutcome::kConflict && mayCome) {
+            const std::string why = "the broker did not answer, and somebody else has changed it since";
+            return {PutOutcome::kUnknown, answer.revision, why};
+        }
         const bool isRefused = answer.outcome == PutOutcome::kRefused;
         if (answer.outcome != PutOutcome::kUnknown && !isRefused) return answer;
         const int64_t most = isRefused ? kMostRefusedSeconds : kMostAwaySeconds;
@@ -325,7 +330,7 @@ void Driver::Serve(const RolloutPut& put) {
     m_awaySince.reset();
     if (isAll && answer.outcome == PutOutcome::kUnknown) {
         m_byHand.push_back(Command("history", put.level));
-        m_byHand.push_back(WayBack(put.level));
+        if (answer.revision == 0) m_byHand.push_back(WayBack(put.level));  // not over what is somebody else's now
     }
     if (answer.outcome == PutOutcome::kStored) {
         if (isAll) m_revision = answer.revision;

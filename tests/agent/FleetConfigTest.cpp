@@ -173,23 +173,43 @@ TEST_F(FleetConfigTest, APutWithoutAnAnswerIsReadBack) {
 }
 
 TEST_F(FleetConfigTest, WithoutAnAnswerAnothersChangeIsToldApart) {
-    Json::Value& fault = world["faults"]["put"];
-    fault["error"] = "no word";
-    fault["outcome"] = "unknown";
-    Json::Value later(Json::objectValue), none("none");
-    later["ok"] = later["found"] = true;
-    later["revision"] = 30;
-    later["value"] = R"({"maxCpu":22})";
-    world["faults"]["get"] = Json::Value(Json::arrayValue);
-    world["faults"]["get"].append(none);
-    world["faults"]["get"].append(later);
+    world["lost"] = "no word";
+    AddLevel("all", 30, R"({"maxCpu":22})", "meanwhile");
     EXPECT_EQ(Set({"maxCpu=25"}), 1);
-    EXPECT_THAT(err, HasSubstr("by somebody else meanwhile, revision 30 (maxCpu: 20 -> 22"));
+    EXPECT_THAT(err, AllOf(HasSubstr("by somebody else meanwhile, revision 30 (maxCpu: 20 -> 22"),
+                           HasSubstr("this change was not made")));
     Json::Value lost(Json::objectValue);
     lost["error"] = "nobody leads it";
-    world["faults"]["get"][1] = lost;
+    world["faults"]["get"] = Parsed(R"(["none"])");
+    world["faults"]["get"].append(lost);
     EXPECT_EQ(Set({"maxCpu=25"}), 2);
     EXPECT_THAT(err, AllOf(HasSubstr("it is not known whether all was changed"), HasSubstr("nobody leads it")));
+}
+
+TEST_F(FleetConfigTest, WhatWasStoredAndChangedAgainIsNotCalledNotMade) {
+    world["silence"] = "no word";
+    AddLevel("all", 30, R"({"maxCpu":22})", "afterwards");
+    EXPECT_EQ(Set({"maxCpu=25"}), 1);
+    EXPECT_THAT(err,
+                AllOf(HasSubstr("all was changed, revision 13, and by somebody else since, revision 30 (maxCpu: 25 "
+                                "-> 22, maxMemory: 300 -> nothing)"),
+                      HasSubstr("look at it with fleet config history"), Not(HasSubstr("not made"))));
+}
+
+TEST_F(FleetConfigTest, AHistoryThatCannotBeReadLeavesItUnknown) {
+    world["faults"]["history"]["error"] = "nobody leads it";
+    world["silence"] = "no word";
+    AddLevel("all", 30, R"({"maxCpu":22})", "afterwards");
+    EXPECT_EQ(Set({"maxCpu=25"}), 2);
+    EXPECT_THAT(err,
+                AllOf(HasSubstr("it is not known whether all was changed: no word; "), HasSubstr("nobody leads it"),
+                      HasSubstr("look with fleet config history what became of it"), Not(HasSubstr("not made"))));
+    // A copy that lags behind has not got the change yet.
+    world["faults"]["history"] = Json::Value();
+    world["faults"]["history"]["ok"] = true;
+    EXPECT_EQ(Set({"maxCpu=25"}), 2);
+    EXPECT_THAT(err,
+                AllOf(HasSubstr("it is not known whether all was changed: no word; "), Not(HasSubstr("not made"))));
 }
 
 TEST_F(FleetConfigTest, TheLastKeyTakesItsLevelAway) {

@@ -46,6 +46,7 @@ public:
     }
     base::Result<RemoteLevel> ReadLevel(const std::string& level) override {
         if (isAway) return base::SentenceError("the broker is away");
+        if (onRead) onRead(level);
         const auto found = levels.find(level);
         return found == levels.end() ? RemoteLevel{level, 0, std::nullopt} : found->second;
     }
@@ -77,7 +78,7 @@ public:
     std::vector<std::string> stored;
     std::string said, late, refused, silent;
     std::function<void()> onLook;
-    std::function<void(const std::string&)> onPut;
+    std::function<void(const std::string&)> onPut, onRead;
     bool isAway = false, isDeaf = false, isSilentStored = true;
     int signals = 0, looks = 0, puts = 0;
     uint64_t revision = 100;
@@ -321,6 +322,20 @@ TEST_F(FleetRolloutTest, OneThatIsRefusedForAWhileGetsItBackToo) {
     EXPECT_EQ(Drive(), 1);
     EXPECT_TRUE(HostsAreClean()) << m_world.said;
     EXPECT_THAT(m_world.said, HasSubstr("; nothing of it is left at the broker, "));
+}
+
+TEST_F(FleetRolloutTest, AllThatHadNoAnswerAndIsAnothersNowIsUnknown) {
+    m_world.silent = "group.web_2eeu";
+    m_world.onRead = [this](const std::string& level) {
+        if (level[0] == 'g') m_world.levels[level] = {level, ++m_world.revision, R"({"maxCpu":33})"};
+    };
+    EXPECT_EQ(Drive(), 1);
+    EXPECT_THAT(m_world.said,
+                AllOf(HasSubstr("left: it is not known whether group.web.eu was changed: the broker did not "
+                                "answer, and somebody else has changed it since\n"),
+                      HasSubstr("    tervanectl fleet config history --group web.eu\n"),
+                      Not(HasSubstr("could not be changed")), Not(HasSubstr("config unset"))));
+    EXPECT_TRUE(HostsAreClean());
 }
 
 TEST_F(FleetRolloutTest, ABrokerThatIsBackInTimeGetsAllBack) {
