@@ -11,6 +11,7 @@
 #include "FleetCluster.h"
 #include "FleetExplain.h"
 #include "FleetLink.h"
+#include "FleetMarks.h"
 #include "FleetMetrics.h"
 #include "FleetReading.h"
 #include "FleetReport.h"
@@ -39,11 +40,33 @@ RolloutOptions RolloutOf(const FleetOptions& options) {
     return rollout;
 }
 
+/// Rollouts that were left behind. Where the levels cannot be read their stream is not well, which is a finding itself.
+void AddAbandoned(FleetLink& link, const FleetRoster& roster, std::vector<DoctorFinding>& findings) {
+    Json::Value request(Json::objectValue);
+    request["op"] = "keys";
+    request["bucket"] = "config";
+    std::vector<LevelEntry> levels;
+    const base::Result<FleetAnswer> answer = link.Ask(request, [&levels](const Json::Value& item) {
+        LevelEntry entry = TakeLevel("", item);
+        // Of ten thousand levels only those that matter are kept, and what has replaced them.
+        if (!ReadRolloutMark(entry.text)) entry.text.reset();
+        levels.push_back(std::move(entry));
+        return true;
+    });
+    if (!answer || !answer->ok) return;
+    for (const MarkedRollout& rollout : FindRollouts(levels, static_cast<int64_t>(roster.Time().now))) {
+        if (!rollout.isAbandoned) continue;
+        findings.push_back({Severity::kWarning, WordRollout(rollout) + ", was left behind: they keep what they tried",
+                            "KV_config", RemedyOf(rollout)});
+    }
+}
+
 int ShowStatus(FleetLink& link, const FleetOptions& options) {
     const base::Result<FleetRoster> roster = ReadRoster(link);
     if (!roster) return FleetFail(kUnreachable, roster.GetError().Text());
     const FleetCluster cluster = ReadCluster(link);
-    const std::vector<DoctorFinding> findings = JudgeFleet(cluster, *roster);
+    std::vector<DoctorFinding> findings = JudgeFleet(cluster, *roster);
+    AddAbandoned(link, *roster, findings);
     if (options.command == "metrics") {
         fputs(FleetMetrics(cluster, *roster, findings).c_str(), stdout);
         // What is not well is in it; half of it must not take the place of what is whole.

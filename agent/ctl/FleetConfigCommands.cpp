@@ -2,6 +2,7 @@
 #include "FleetConfigCommands.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <utility>
@@ -9,6 +10,7 @@
 #include "CtlExit.h"
 #include "FleetLevels.h"
 #include "FleetLink.h"
+#include "FleetMarks.h"
 #include "FleetReading.h"
 #include "FleetRollout.h"
 #include "HumanText.h"
@@ -144,6 +146,9 @@ int ShowLevels(FleetLink& link, const FleetConfigOptions& options) {
         if (!options.json) PrintLevel(entry, hosts);
         view["levels"].append(LevelJson(entry, hosts));
     }
+    const std::vector<MarkedRollout> rollouts = FindRollouts(*read, static_cast<int64_t>(roster->Time().now));
+    view["rollouts"] = Json::Value(Json::arrayValue);
+    for (const MarkedRollout& rollout : rollouts) view["rollouts"].append(RolloutJson(rollout));
     if (options.json) {
         fputs(ViewText(view).c_str(), stdout);
         return kOk;
@@ -152,6 +157,10 @@ int ShowLevels(FleetLink& link, const FleetConfigOptions& options) {
     if (others > 0 && options.group.empty()) {
         printf("%zu %s: --all-levels shows it too\n", others,
                others == 1 ? "level of a single host" : "levels of single hosts");
+    }
+    for (const MarkedRollout& rollout : rollouts) {
+        printf("%s, %s: %s\n", WordRollout(rollout).c_str(), rollout.isAbandoned ? "was left behind" : "goes on",
+               RemedyOf(rollout).c_str());
     }
     return kOk;
 }
@@ -355,6 +364,23 @@ int Put(FleetLink& link, const FleetConfigOptions& options, Edit& edit) {
     return SettleUnknown(link, options, edit, answer->error);
 }
 
+/// Returns: a code where a rollout's hosts would be judged by this change too.
+std::optional<int> JudgeMeddling(FleetLink& link, const std::string& level) {
+    const base::Result<std::vector<LevelEntry>> levels = ReadLevels(link, "keys", "");
+    if (!levels) return FailReading(levels.GetError());
+    const bool isMarked = std::any_of(levels->begin(), levels->end(),
+                                      [](const LevelEntry& entry) { return ReadRolloutMark(entry.text).has_value(); });
+    if (!isMarked) return std::nullopt;
+    const base::Result<FleetRoster> roster = ReadRoster(link);
+    if (!roster) return FailReading(roster.GetError());
+    const std::vector<MarkedRollout> rollouts = FindRollouts(*levels, static_cast<int64_t>(roster->Time().now));
+    const MarkedRollout* const found = FindMeddled(rollouts, *roster, level);
+    if (found == nullptr) return std::nullopt;
+    return FleetFail(kRefused, level + " is not changed: there is " + WordRollout(*found) +
+                                   (found->isAbandoned ? ", which was left behind" : ", which goes on") + ": " +
+                                   RemedyOf(*found));
+}
+
 int Change(FleetLink& link, const FleetConfigOptions& options, bool isSet) {
     const base::Result<std::vector<KeyChange>> changes = ReadChanges(options.words, isSet);
     if (!changes) return FleetFail(kRefused, changes.GetError().Text());
@@ -366,6 +392,7 @@ int Change(FleetLink& link, const FleetConfigOptions& options, bool isSet) {
         Edit same{*before, before->text, before->revision, "nothing is changed: the values are these already"};
         return PrintEdit(link, options, same);
     }
+    if (const std::optional<int> code = JudgeMeddling(link, before->level)) return *code;
     Edit edit{*before, *after, 0, ""};
     return Put(link, options, edit);
 }
@@ -377,7 +404,9 @@ int Undo(FleetLink& link, const FleetConfigOptions& options) {
     const base::Result<UndoTarget> target =
         FindUndo(*history, options.to == 0 ? std::nullopt : std::optional<uint64_t>(options.to));
     if (!target) return FleetFail(kRefused, level + " is not changed: " + target.GetError().Text());
-    Edit edit{history->back(), target->text, 0, "as of revision " + std::to_string(target->revision)};
+    const std::string note = target->revision == 0 ? std::string("as before the rollout: it was not there")
+                                                   : "as of revision " + std::to_string(target->revision);
+    Edit edit{history->back(), target->text, 0, note};
     return Put(link, options, edit);
 }
 

@@ -8,6 +8,7 @@
 #include "JsonText.h"
 #include "Printable.h"
 #include "fleet/RemoteConfig.h"
+#include "fleet/Rollout.h"
 #include "rule/FleetNames.h"
 
 namespace agent {
@@ -103,13 +104,6 @@ base::Result<size_t> FindBefore(const std::vector<LevelEntry>& history) {
     return *before;
 }
 
-bool Reads(const FleetRow& row, const std::string& level) {
-    if (level == "all") return true;
-    if (level == "host." + row.key) return true;
-    return std::any_of(row.state.groups.begin(), row.state.groups.end(),
-                       [&level](const std::string& group) { return "group." + fleet::EscapeName(group) == level; });
-}
-
 }  // namespace
 
 LevelEntry TakeLevel(const std::string& level, const Json::Value& item) {
@@ -188,6 +182,7 @@ base::Result<std::optional<std::string>> ChangeKeys(const std::optional<std::str
     }
     Json::Value root = ObjectOf(changed);
     root.removeMember(kBackRemark);
+    root.removeMember(kRolloutRemark);
     if (root.empty()) return std::optional<std::string>();
     changed = CompactText(root);
     const base::Status judged = JudgeLevel(changed);
@@ -197,6 +192,10 @@ base::Result<std::optional<std::string>> ChangeKeys(const std::optional<std::str
 
 base::Result<UndoTarget> FindUndo(const std::vector<LevelEntry>& history, std::optional<uint64_t> to) {
     if (history.empty()) return NoWayBack("nothing was ever set there");
+    // What a rollout has put names what was there before it, also where that was nothing, or had the same values.
+    const std::optional<RolloutMark> mark = to ? std::nullopt : ReadRolloutMark(history.back().text);
+    if (mark && mark->before == 0) return UndoTarget{};
+    if (mark) to = mark->before;
     size_t at = 0;
     if (to) {
         const auto found = std::find_if(history.begin(), history.end(),
@@ -218,15 +217,23 @@ base::Result<UndoTarget> FindUndo(const std::vector<LevelEntry>& history, std::o
     const base::Status judged = JudgeLevel(*entry.text);
     if (!judged) return judged.GetError();
     Json::Value root = ObjectOf(entry.text);
+    root.removeMember(kRolloutRemark);
     root[kBackRemark] = Json::UInt64(history[OriginOf(history, at)].revision);
     target.text = CompactText(root);
     return target;
 }
 
+bool ReadsLevel(const FleetRow& row, const std::string& level) {
+    if (level == "all") return true;
+    if (level == "host." + row.key) return true;
+    return std::any_of(row.state.groups.begin(), row.state.groups.end(),
+                       [&level](const std::string& group) { return "group." + fleet::EscapeName(group) == level; });
+}
+
 LevelHosts CountLevelHosts(const FleetRoster& roster, const std::string& level, uint64_t revision) {
     LevelHosts hosts;
     for (const FleetRow& row : roster.Rows()) {
-        if (!Reads(row, level)) continue;
+        if (!ReadsLevel(row, level)) continue;
         ++hosts.all;
         const AppliedConfig& config = row.state.config;
         if (config.pinned)

@@ -53,7 +53,7 @@ base::Result<std::optional<std::string>> ChangeKeys(const std::optional<std::str
 /// What an undo is to put. history: oldest first. to: the revision to bring back; none: the state before the last
 /// change, where an undo is no change: one more goes one further back. Errors: there is none, or the agent refuses it.
 struct UndoTarget {
-    uint64_t revision = 0;            ///< that comes back
+    uint64_t revision = 0;            ///< that comes back; 0: the level was not there before a rollout
     std::optional<std::string> text;  ///< none: the level is taken away
 };
 base::Result<UndoTarget> FindUndo(const std::vector<LevelEntry>& history, std::optional<uint64_t> to);
@@ -62,6 +62,8 @@ base::Result<UndoTarget> FindUndo(const std::vector<LevelEntry>& history, std::o
 struct LevelHosts {
     uint64_t all = 0, applied = 0, refused = 0, pinned = 0;
 };
+/// Whether the host takes values of that level.
+bool ReadsLevel(const FleetRow& row, const std::string& level);
 LevelHosts CountLevelHosts(const FleetRoster& roster, const std::string& level, uint64_t revision);
 std::string WordLevelHosts(const LevelHosts& hosts);
 

@@ -12,6 +12,7 @@
 #include "CtlExit.h"
 #include "FleetLevels.h"
 #include "FleetLink.h"
+#include "FleetMarks.h"
 #include "FleetReading.h"
 #include "HumanText.h"
 #include "Printable.h"
@@ -27,19 +28,12 @@ constexpr int64_t kTellSeconds = 60;         // how long they have been well
 constexpr int64_t kMostAwaySeconds = 300;    // of the broker, before it is given up
 constexpr int64_t kMostRefusedSeconds = 60;  // of what all are to get: an election takes seconds
 constexpr int64_t kMostWaitSeconds = 7 * 86400;
+constexpr int64_t kMostLongerSeconds = 1200;  // than the hosts have to stay well, until it goes back by itself
+constexpr int64_t kMostBackSeconds = 1200;    // for its way back
 constexpr int64_t kMsPerSecond = 1000;
 
 std::string TimeText(int64_t seconds) {
     return HumanDuration(seconds * kMsPerSecond);
-}
-
-/// For a shell, as one word.
-std::string Quoted(const std::string& word) {
-    const char* const plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_./:=,%@";
-    if (!word.empty() && word.find_first_not_of(plain) == std::string::npos) return word;
-    std::string quoted = "'";
-    for (const char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
 }
 
 base::Result<std::string> ChangeOf(const std::vector<KeyChange>& changes) {
@@ -67,6 +61,8 @@ public:
 private:
     /// Returns: a code where nothing is to be done.
     std::optional<int> Begin();
+    std::optional<int> Judge(const FleetRoster& roster, const std::vector<RemoteLevel>& levels);
+    void Mark(const BrokerTime& time);
     void TellPlan(const FleetRoster& roster, const std::vector<KeyChange>& changes);
     void Heed();
     void Serve(const RolloutPut& put);
@@ -84,7 +80,7 @@ private:
     RemoteLevel Before(const std::string& level) const;
     std::string NameOfLevel(const std::string& level) const;
     std::string Command(const std::string& action, const std::string& level) const;
-    std::string WayBack(const std::string& level) const;
+    std::string WayBack(const std::string& level, bool isKnown) const;
     void Tell(const Step& step);
     int Sum();
 
@@ -102,6 +98,7 @@ private:
     RolloutPhase m_told = RolloutPhase::kCanaries;
     std::optional<int64_t> m_awaySince;
     std::optional<int64_t> m_wellSince;
+    int64_t m_begunAt = 0;
     int64_t m_toldAt = 0;
     std::optional<size_t> m_reported;
     bool m_waitsForLater = false;  // and says so
@@ -141,22 +138,24 @@ std::string Driver::Command(const std::string& action, const std::string& level)
     std::string text = "tervanectl fleet";
     std::string servers;
     for (const std::string& server : m_place.servers) servers += (servers.empty() ? "" : ",") + server;
-    if (!servers.empty()) text += " --servers " + Quoted(servers);
-    if (!m_place.credentials.empty()) text += " --creds " + Quoted(m_place.credentials);
-    if (!m_place.caFile.empty()) text += " --ca " + Quoted(m_place.caFile);
+    if (!servers.empty()) text += " --servers " + ShellWord(servers);
+    if (!m_place.credentials.empty()) text += " --creds " + ShellWord(m_place.credentials);
+    if (!m_place.caFile.empty()) text += " --ca " + ShellWord(m_place.caFile);
     text += " config " + action;
     const std::string name = NameOfLevel(level);
-    if (level.compare(0, 5, "host.") == 0) return text + " --host " + Quoted(name.substr(5));
-    return m_options.group.empty() ? text : text + " --group " + Quoted(m_options.group);
+    if (level.compare(0, 5, "host.") == 0) return text + " --host " + ShellWord(name.substr(5));
+    return m_options.group.empty() ? text : text + " --group " + ShellWord(m_options.group);
 }
 
-/// The command by which a level gets what it had.
-std::string Driver::WayBack(const std::string& level) const {
+/// The command by which a level gets what it had. isKnown: it is known to have the rollout's mark, by which an undo
+/// finds the way where there was nothing before.
+std::string Driver::WayBack(const std::string& level, bool isKnown) const {
     const RemoteLevel before = Before(level);
     if (before.text) return Command("undo --to " + std::to_string(before.revision), level);
+    if (level.compare(0, 5, "host.") == 0) return Command(isKnown ? "undo" : "history", level);
     std::string keys;
     const base::Result<std::vector<KeyChange>> changes = ReadChanges(m_options.words, true);
-    for (const KeyChange& change : *changes) keys += " " + Quoted(change.key);
+    for (const KeyChange& change : *changes) keys += " " + ShellWord(change.key);
     return Command("unset" + keys, level);
 }
 
@@ -172,6 +171,36 @@ void Driver::TellPlan(const FleetRoster& roster, const std::vector<KeyChange>& c
           NameOfLevel(m_plan.target) + ": first " + std::to_string(count) + " of " + std::to_string(all) +
               (all == 1 ? " host: " : " hosts: ") + few,
           m_plan.target, 0, count, all});
+}
+
+/// Two at once would judge their hosts by each other's values.
+std::optional<int> Driver::Judge(const FleetRoster& roster, const std::vector<RemoteLevel>& levels) {
+    std::vector<LevelEntry> entries;
+    for (const RemoteLevel& level : levels) entries.push_back({level.name, level.revision, 0, level.text, false});
+    for (const MarkedRollout& other : FindRollouts(entries, static_cast<int64_t>(roster.Time().now))) {
+        const auto isOurs = [&](const FleetRow& row) {
+            const bool isFirst = std::find(other.hosts.begin(), other.hosts.end(), row.key) != other.hosts.end();
+            return isFirst && ReadsLevel(row, m_plan.target);
+        };
+        const bool meddles = m_plan.target == "all" || other.mark.level == m_plan.target ||
+                             std::any_of(roster.Rows().begin(), roster.Rows().end(), isOurs);
+        if (!meddles) continue;
+        return FleetFail(kRefused, NameOfLevel(m_plan.target) + " is not changed: there is " + WordRollout(other) +
+                                       (other.isAbandoned ? ", which was left behind" : ", which goes on") + ": " +
+                                       RemedyOf(other));
+    }
+    return std::nullopt;
+}
+
+void Driver::Mark(const BrokerTime& time) {
+    m_plan.mark = m_world.Author();
+    m_plan.mark.since = static_cast<int64_t>(time.now);
+    m_plan.mark.until = m_plan.mark.since + m_plan.waitSeconds + kMostLongerSeconds + kMostBackSeconds;
+    m_plan.mark.level = m_plan.target;
+    std::string what;
+    for (const std::string& word : m_options.words) what += (what.empty() ? "" : " ") + word;
+    m_plan.mark.what = ShortText(what);
+    m_begunAt = m_world.NowSeconds();
 }
 
 std::optional<int> Driver::Begin() {
@@ -195,6 +224,8 @@ std::optional<int> Driver::Begin() {
         return FleetFail(
             kRefused, NameOfLevel(m_plan.target) + " is not changed, the agent refuses it: " + after.GetError().Text());
     }
+    if (const std::optional<int> code = Judge(*roster, *levels)) return code;
+    Mark(roster->Time());
     m_rollout.emplace(m_plan, roster->Hosts(), *levels, m_world.NowSeconds());
     const std::vector<KeyChange> differences = CompareLevels(before, *after);
     if (!differences.empty()) TellPlan(*roster, differences);
@@ -319,7 +350,8 @@ void Driver::ServeBack(const RolloutPut& put) {
 
 void Driver::NoteLeft(const std::string& level, PutOutcome outcome) {
     if (outcome == PutOutcome::kStored) return;
-    m_byHand.push_back(outcome == PutOutcome::kConflict ? Command("history", level) : WayBack(level));
+    m_byHand.push_back(outcome == PutOutcome::kConflict ? Command("history", level)
+                                                        : WayBack(level, outcome == PutOutcome::kRefused));
 }
 
 void Driver::Serve(const RolloutPut& put) {
@@ -330,7 +362,8 @@ void Driver::Serve(const RolloutPut& put) {
     m_awaySince.reset();
     if (isAll && answer.outcome == PutOutcome::kUnknown) {
         m_byHand.push_back(Command("history", put.level));
-        if (answer.revision == 0) m_byHand.push_back(WayBack(put.level));  // not over what is somebody else's now
+        if (answer.revision == 0)
+            m_byHand.push_back(WayBack(put.level, false));  // not over what is somebody else's now
     }
     if (answer.outcome == PutOutcome::kStored) {
         if (isAll) m_revision = answer.revision;
@@ -352,6 +385,10 @@ void Driver::Watch() {
     const int64_t now = m_world.NowSeconds();
     m_rollout->Look(hosts, now);
     if (m_rollout->Phase() != RolloutPhase::kWatching) return;
+    if (now - m_begunAt >= m_plan.waitSeconds + kMostLongerSeconds) {
+        return m_rollout->Cancel("the hosts had it for too short a time at once, " + TimeText(now - m_begunAt) +
+                                 " after it began");
+    }
     TellProgress(hosts);
     const int64_t left = m_wellSince ? m_plan.waitSeconds - (now - *m_wellSince) : kLookSeconds;
     m_world.Pause(left > 0 ? std::min(left, kLookSeconds) : kLookSeconds);

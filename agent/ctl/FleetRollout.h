@@ -36,6 +36,8 @@ public:
     /// As the stream's leader has it now.
     virtual base::Result<RemoteLevel> ReadLevel(const std::string& level) = 0;
     virtual RolloutPutAnswer Put(const RolloutPut& put) = 0;
+    /// Who runs it: user, machine and process.
+    virtual RolloutMark Author() = 0;
     virtual int64_t NowSeconds() = 0;  ///< of a clock that never goes back
     /// Returns earlier when somebody wants it to end.
     virtual void Pause(int64_t seconds) = 0;

@@ -11,6 +11,7 @@
 #include "CtlExit.h"
 #include "FleetLevels.h"
 #include "FleetLink.h"
+#include "FleetMarks.h"
 #include "FleetReading.h"
 #include "FleetRollout.h"
 #include "base/Clock.h"
@@ -94,6 +95,7 @@ public:
     base::Result<std::vector<RemoteLevel>> ReadLevels() override;
     base::Result<RemoteLevel> ReadLevel(const std::string& level) override;
     RolloutPutAnswer Put(const RolloutPut& put) override;
+    RolloutMark Author() override { return OwnRolloutMark(); }
     int64_t NowSeconds() override { return base::ClockNs(CLOCK_BOOTTIME) / kNsPerSecond; }
     void Pause(int64_t seconds) override {
         const int64_t end = base::ClockNs(CLOCK_BOOTTIME) + seconds * kNsPerSecond;

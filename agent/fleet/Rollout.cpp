@@ -49,6 +49,24 @@ bool TakesAway(const std::string& change) {
 
 }  // namespace
 
+std::optional<RolloutMark> ReadRolloutMark(const std::optional<std::string>& text) {
+    const base::Result<Json::Value> level = ParseJson(text.value_or("{}"), JsonRules::kStrict);
+    if (!level || !level->isObject() || !(*level)[kRolloutRemark].isObject()) return std::nullopt;
+    const Json::Value& remark = (*level)[kRolloutRemark];
+    const auto textAt = [&remark](const char* key) { return remark[key].isString() ? remark[key].asString() : ""; };
+    const auto numberAt = [&remark](const char* key) { return remark[key].isInt64() ? remark[key].asInt64() : 0; };
+    RolloutMark mark;
+    mark.user = textAt("user");
+    mark.machine = textAt("machine");
+    mark.process = numberAt("process");
+    mark.since = numberAt("since");
+    mark.until = numberAt("until");
+    mark.level = textAt("level");
+    mark.what = textAt("what");
+    mark.before = remark["before"].isUInt64() ? remark["before"].asUInt64() : 0;
+    return mark;
+}
+
 base::Result<std::string> ChangeLevel(const std::optional<std::string>& text, const std::string& change) {
     base::Result<Json::Value> level = ParseJson(text.value_or("{}"), JsonRules::kStrict);
     const base::Result<Json::Value> values = ParseJson(change, JsonRules::kStrict);
@@ -92,6 +110,25 @@ Rollout::Rollout(RolloutPlan plan, const FleetHosts& hosts, std::vector<RemoteLe
 RemoteLevel Rollout::LevelOf(const std::string& name) const {
     const auto level = m_levels.find(name);
     return level == m_levels.end() ? RemoteLevel{name, 0, std::nullopt} : level->second;
+}
+
+base::Result<std::string> Rollout::TriedText(const Canary& canary) const {
+    base::Result<std::string> changed = ChangeLevel(canary.level.text, m_plan.change);
+    if (!changed || m_plan.mark.user.empty()) return changed;
+    base::Result<Json::Value> level = ParseJson(*changed, JsonRules::kStrict);
+    if (!level) return level.GetError();
+    Json::Value& remark = (*level)[kRolloutRemark];
+    remark["user"] = m_plan.mark.user;
+    remark["machine"] = m_plan.mark.machine;
+    remark["process"] = Json::Int64(m_plan.mark.process);
+    remark["since"] = Json::Int64(m_plan.mark.since);
+    remark["until"] = Json::Int64(m_plan.mark.until);
+    remark["level"] = m_plan.mark.level;
+    remark["what"] = m_plan.mark.what;
+    remark["before"] = Json::UInt64(canary.level.text ? canary.level.revision : 0);
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, *level);
 }
 
 void Rollout::Choose(const FleetHosts& hosts, int64_t now) {
@@ -177,8 +214,7 @@ std::optional<RolloutPut> Rollout::Next() {
     const bool isBack = m_phase != RolloutPhase::kCanaries;
     const Canary& canary = m_of.at(isBack ? m_order[m_at] : m_canaries[m_at]);
     if (isBack) return RolloutPut{canary.level.name, canary.level.text, canary.revision, canary.isUnknown};
-    const base::Result<std::string> changed = ChangeLevel(canary.level.text, m_plan.change);
-    return RolloutPut{canary.level.name, *changed, canary.level.revision};
+    return RolloutPut{canary.level.name, *TriedText(canary), canary.level.revision};
 }
 
 void Rollout::OnPut(PutOutcome outcome, uint64_t revision, const std::string& error) {
@@ -230,7 +266,7 @@ void Rollout::OnRead(const base::Result<RemoteLevel>& found) {
     m_underWay = false;
     Canary& canary = m_of.at(m_order[m_at]);
     if (!found) return OnPutBack(PutOutcome::kUnknown, found.GetError().Text());
-    const base::Result<std::string> tried = ChangeLevel(canary.level.text, m_plan.change);
+    const base::Result<std::string> tried = TriedText(canary);
     const bool isOurs = found->revision == canary.level.revision || (tried && found->text == *tried);
     if (!isOurs) return OnPutBack(PutOutcome::kConflict, "");
     canary.isUnknown = false;

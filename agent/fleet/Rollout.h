@@ -13,12 +13,28 @@
 
 namespace agent {
 
+/// The remark in the levels of a rollout's first hosts, by which others know of it.
+constexpr char kRolloutRemark[] = "_rollout";
+
+/// Who runs a rollout, since when and of what. Hosts do not judge it.
+struct RolloutMark {
+    std::string user, machine;
+    int64_t process = 0;
+    int64_t since = 0, until = 0;  ///< by the broker; it is over by `until`, whatever happens
+    std::string level;             ///< its target
+    std::string what;              ///< the change as it was typed
+    uint64_t before = 0;           ///< revision that this level had; 0: it was not there
+};
+/// text: of a level. Returns: none: it has no mark.
+std::optional<RolloutMark> ReadRolloutMark(const std::optional<std::string>& text);
+
 struct RolloutPlan {
     std::string target;          ///< level that is changed: "all" or "group.web", written as in keys
     std::string change;          ///< a JSON object with the values to set; no null, which a few hosts cannot try
     int percent = 5;             ///< of the hosts of the target that get it first; one at least
     int64_t waitSeconds = 600;   ///< for which they have to stay well with it
     int64_t applySeconds = 180;  ///< within which they have to report it
+    RolloutMark mark = {};       ///< of a user: what the chosen hosts' levels are marked with; `before` is set here
 };
 
 /// A host as it was last heard of.
@@ -107,6 +123,8 @@ private:
     };
     static Sight SightOf(const FleetHost& host, int64_t now);
     RemoteLevel LevelOf(const std::string& name) const;
+    /// What a chosen host's level is to be.
+    base::Result<std::string> TriedText(const Canary& canary) const;
     void Choose(const FleetHosts& hosts, int64_t now);
     std::string Trouble(const std::string& name, const FleetHosts& hosts) const;
     static bool IsRestarted(const Canary& canary, const Sight& sight);

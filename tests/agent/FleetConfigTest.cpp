@@ -1,4 +1,7 @@
 // The fleet's configuration from the console: what is shown, what is put, and what is said when it is not.
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include "FleetFixture.h"
 
 using namespace agent;
@@ -186,7 +189,7 @@ TEST_F(FleetConfigTest, WithoutAnAnswerAnothersChangeIsToldApart) {
     EXPECT_THAT(err, AllOf(HasSubstr("it is not known whether all was changed"), HasSubstr("nobody leads it")));
 }
 
-TEST_F(FleetConfigTest, WhatWasStoredAndChangedAgainIsNotCalledNotMade) {
+TEST_F(FleetConfigTest, StoredAndChangedAgainIsNotCalledNotMade) {
     world["silence"] = "no word";
     AddLevel("all", 30, R"({"maxCpu":22})", "afterwards");
     EXPECT_EQ(Set({"maxCpu=25"}), 1);
@@ -210,6 +213,116 @@ TEST_F(FleetConfigTest, AHistoryThatCannotBeReadLeavesItUnknown) {
     EXPECT_EQ(Set({"maxCpu=25"}), 2);
     EXPECT_THAT(err,
                 AllOf(HasSubstr("it is not known whether all was changed: no word; "), Not(HasSubstr("not made"))));
+}
+
+class FleetMarkTest : public FleetConfigTest {
+protected:
+    /// A rollout of group.web has marked the level of web.1.
+    void Mark(int until, const std::string& machine = "c2", int process = 5, int before = 0) {
+        Json::Value mark(Json::objectValue);
+        mark["user"] = "bob";
+        mark["machine"] = machine;
+        mark["process"] = process;
+        mark["since"] = 999000;
+        mark["until"] = until;
+        mark["level"] = "group.web";
+        mark["what"] = "maxCpu=77";
+        mark["before"] = before;
+        Json::Value level(Json::objectValue);
+        level["maxCpu"] = 77;
+        level["_rollout"] = mark;
+        AddLevel("host.web_2e1", 40, Compact(level));
+    }
+    const std::string m_live =
+        "a rollout of group.web (maxCpu=77), begun 1970-01-12 13:30:00 by bob on c2 (process 5), on web.1";
+    const std::string m_back = "take it back: tervanectl fleet config undo --host web.1";
+};
+
+TEST_F(FleetMarkTest, ChangesBesideARolloutThatGoesOnAreRefused) {
+    Mark(1009000);
+    const size_t puts = 6;
+    for (const char* level : {"all", "group.web", "group.old stock", "host.web.1"}) {
+        const std::string name = level;
+        options.config.group = name.compare(0, 6, "group.") == 0 ? name.substr(6) : "";
+        options.config.host = name.compare(0, 5, "host.") == 0 ? name.substr(5) : "";
+        EXPECT_EQ(Set({"maxCpu=55"}), 1) << level;
+        EXPECT_THAT(err, AllOf(HasSubstr(m_live + ", which goes on: wait for its end, "), HasSubstr(m_back)));
+        EXPECT_EQ(Puts(), puts);
+    }
+    options.config.words = {"maxCpu"};
+    EXPECT_EQ(Run("config unset"), 1);
+    EXPECT_THAT(err, HasSubstr(m_live));
+    options.config.host.clear();
+    options.config.group = "db";
+    EXPECT_EQ(Set({"maxCpu=55"}), 0) << "none of its hosts reads it";
+}
+
+TEST_F(FleetMarkTest, WhatWasLeftBehindHoldsItsHostAlone) {
+    Mark(999999);
+    EXPECT_EQ(Set({"maxCpu=55"}), 0) << err;
+    world = WorldNow();
+    options.config.host = "web.1";
+    EXPECT_EQ(Set({"maxCpu=55"}), 1);
+    EXPECT_THAT(err, HasSubstr(m_live + ", which was left behind: " + m_back + "\n"));
+}
+
+TEST_F(FleetMarkTest, AnUndoTakesARolloutBack) {
+    options.config.host = "web.1";
+    Mark(999999, "c2", 5, 9);
+    EXPECT_EQ(Run("config undo"), 0) << err;
+    EXPECT_EQ(Newest()["value"].asString(), R"({"_back_to":9,"maxMemory":400})");
+    Mark(999999);
+    world["config"][world["config"].size() - 1]["revision"] = 60;
+    EXPECT_EQ(Run("config undo"), 0) << err;
+    EXPECT_THAT(out, HasSubstr("maxCpu: 77 -> nothing\nas before the rollout: it was not there\n"));
+    EXPECT_TRUE(Newest()["deleted"].asBool());
+    options.config.to = 60;
+    EXPECT_EQ(Run("config undo"), 0) << err;
+    EXPECT_EQ(Newest()["value"].asString(), R"({"_back_to":60,"maxCpu":77})")
+        << "what comes back is no rollout's any more";
+}
+
+TEST_F(FleetMarkTest, WhatWasLeftBehindIsNamedWithItsWayBack) {
+    Run("status");
+    EXPECT_THAT(out, Not(HasSubstr("rollout")));
+    Mark(999999);
+    EXPECT_EQ(Run("config show"), 0);
+    EXPECT_THAT(out, HasSubstr("\n" + m_live + ", was left behind: " + m_back + "\n"));
+    EXPECT_EQ(Run("status"), 1);
+    EXPECT_THAT(out, AllOf(HasSubstr(m_live + ", was left behind"), HasSubstr(m_back)));
+    options.json = true;
+    EXPECT_EQ(Run("config show"), 0);
+    const Json::Value rollout = Parsed(out)["rollouts"][0];
+    EXPECT_EQ(rollout["hosts"][0], "web.1");
+    EXPECT_EQ(rollout["back"][0], "tervanectl fleet config undo --host web.1");
+    EXPECT_TRUE(rollout["abandoned"].asBool());
+}
+
+TEST_F(FleetMarkTest, OneThatGoesOnIsNoFinding) {
+    Mark(1009000);
+    Run("status");
+    EXPECT_THAT(out, Not(HasSubstr("rollout")));
+    EXPECT_EQ(Run("config show"), 0);
+    EXPECT_THAT(out, HasSubstr(m_live + ", goes on: wait for its end, "));
+}
+
+TEST_F(FleetMarkTest, AProcessOfThisMachineThatIsGoneHasLeftItBehind) {
+    char machine[256] = {};
+    ASSERT_EQ(gethostname(machine, sizeof(machine) - 1), 0);
+    const pid_t child = fork();
+    if (child == 0) _exit(0);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    Mark(1009000, machine, child);
+    EXPECT_EQ(Run("config show"), 0);
+    EXPECT_THAT(out, HasSubstr("was left behind"));
+    world["config"].resize(world["config"].size() - 1);
+    Mark(1009000, machine, getpid());
+    EXPECT_EQ(Run("config show"), 0);
+    EXPECT_THAT(out, HasSubstr("goes on"));
+    world["config"].resize(world["config"].size() - 1);
+    Mark(1009000, "c2", child);
+    EXPECT_EQ(Run("config show"), 0);
+    EXPECT_THAT(out, HasSubstr("goes on")) << "of another machine nothing is known here";
 }
 
 TEST_F(FleetConfigTest, TheLastKeyTakesItsLevelAway) {

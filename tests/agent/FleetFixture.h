@@ -89,7 +89,8 @@ protected:
         item["time"] = 1000000 - silentSeconds;
         item["value"] = agent::FormatHostState(state);
     }
-    /// A change of a level; no text: it is taken away. where: "config", or "meanwhile": before the next put; "afterwards": after it.
+    /// A change of a level; no text: it is taken away. where: "config", or "meanwhile": before the next put;
+    /// "afterwards": after it.
     void AddLevel(const std::string& level, int revision, const std::string& text, const char* where = "config") {
         Json::Value one(Json::objectValue);
         one["key"] = level;

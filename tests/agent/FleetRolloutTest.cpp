@@ -68,6 +68,7 @@ public:
         if (isSilent) return {PutOutcome::kUnknown, 0, "no answer"};
         return {PutOutcome::kStored, revision, ""};
     }
+    RolloutMark Author() override { return author; }
     int64_t NowSeconds() override { return now; }
     void Pause(int64_t seconds) override { now += seconds; }
     int Signals() override { return signals; }
@@ -80,6 +81,7 @@ public:
     std::function<void()> onLook;
     std::function<void(const std::string&)> onPut, onRead;
     bool isAway = false, isDeaf = false, isSilentStored = true;
+    RolloutMark author = {"ann", "c1", 4711, 0, 0, "", "", 0};
     int signals = 0, looks = 0, puts = 0;
     uint64_t revision = 100;
     int64_t now = 50, lateSeconds = 200;
@@ -168,6 +170,65 @@ TEST_F(FleetRolloutTest, AnAgentThatIsEachTimeAsYoungGoesBack) {
     m_world.onLook = [this] { m_world.hosts["web2"].time = m_world.now; };
     EXPECT_EQ(Drive(), 1);
     EXPECT_THAT(m_world.said, HasSubstr("going back: web2 has restarted its agent 2 times"));
+    EXPECT_TRUE(HostsAreClean());
+}
+
+TEST_F(FleetRolloutTest, ItsHostsLevelsSayWhoseTheyAre) {
+    m_world.levels["host.web2"] = {"host.web2", 7, R"({"maxMemory":300})"};
+    m_options.words = {"maxCpu=20", "maxFdCount=99"};
+    EXPECT_EQ(Drive(), 0) << m_world.said;
+    const std::string first = m_world.stored[0].substr(m_world.stored[0].find(' ') + 1);
+    const std::optional<RolloutMark> mark = ReadRolloutMark(first);
+    ASSERT_TRUE(mark) << first;
+    EXPECT_EQ(mark->user + mark->machine + std::to_string(mark->process), "annc14711");
+    EXPECT_EQ(mark->level, "group.web_2eeu");
+    EXPECT_EQ(mark->what, "maxCpu=20 maxFdCount=99");
+    EXPECT_EQ(mark->since, 1000050);
+    EXPECT_EQ(mark->until, 1000050 + 600 + 2400);
+    EXPECT_EQ(mark->before, m_world.stored[0].compare(0, 9, "host.web2") == 0 ? 7u : 0u);
+    for (const auto& [name, level] : m_world.levels)
+        EXPECT_THAT(level.text.value_or(""), Not(HasSubstr("_rollout"))) << name << " has its mark still";
+}
+
+TEST_F(FleetRolloutTest, HostsOfAnotherRolloutAreNotTakenTwice) {
+    const World fresh = m_world;
+    const auto marked = [](const char* level, int64_t until) {
+        return std::string(
+                   R"({"maxCpu":9,"_rollout":{"user":"bob","machine":"c2","process":5,"since":1000000,"until":)") +
+               std::to_string(until) + R"(,"level":")" + level + R"(","what":"maxCpu=9","before":0}})";
+    };
+    for (const int64_t until : {1009000, 1000049}) {
+        for (const char* other : {"all", "group.web_2eeu"}) {
+            m_world = fresh;
+            m_world.levels["host.web2"] = {"host.web2", 7, marked(other, until)};
+            testing::internal::CaptureStderr();
+            EXPECT_EQ(Drive(), 1);
+            const bool isAlive = until == 1009000;
+            EXPECT_THAT(
+                testing::internal::GetCapturedStderr(),
+                AllOf(HasSubstr("group.web.eu is not changed: there is a rollout of "),
+                      HasSubstr(" by bob on c2 (process 5), on web2, which "),
+                      HasSubstr(isAlive ? "which goes on: wait for its end, " : "which was left behind: take it"),
+                      HasSubstr("take it back: tervanectl fleet config undo --host web2\n")));
+            EXPECT_EQ(m_world.puts, 0);
+        }
+    }
+    // Of another group, and on a host that does not belong to this one.
+    m_world = fresh;
+    m_world.hosts["db1"] = m_world.hosts["web2"];
+    m_world.hosts["db1"].groups = {"db"};
+    m_world.levels["host.db1"] = {"host.db1", 7, marked("group.db", 1009000)};
+    EXPECT_EQ(Drive(), 0);
+}
+
+TEST_F(FleetRolloutTest, WhatNeverEndsGoesBackBeforeItsMarkIsOver) {
+    m_options.wait = "10m";
+    m_world.onLook = [this] {  // a host that loses the value again and again
+        m_world.hosts["web2"].config.applied = m_world.now % 500 < 60 ? 0 : m_world.revision;
+    };
+    EXPECT_EQ(Drive(), 1);
+    EXPECT_THAT(m_world.said, HasSubstr("going back: the hosts had it for too short a time at once, "));
+    EXPECT_LT(m_world.now, 50 + 600 + 2400);
     EXPECT_TRUE(HostsAreClean());
 }
 
@@ -306,7 +367,7 @@ TEST_F(FleetRolloutTest, OneThatIsRefusedHoldsNoOtherBack) {
         const std::string name = kept == "web2" ? "web2" : "web.1";
         EXPECT_THAT(m_world.said,
                     AllOf(HasSubstr("left: host." + name + " keeps the value it was tried with: no right to publish\n"),
-                          HasSubstr("    tervanectl fleet config unset maxCpu --host " + name + "\n"),
+                          HasSubstr("    tervanectl fleet config undo --host " + name + "\n"),
                           HasSubstr("host.web3 has what it had\n")));
     }
 }
@@ -354,7 +415,7 @@ TEST_F(FleetRolloutTest, ABrokerThatStaysAwayHasCommandsNamed) {
     EXPECT_LT(m_world.now, 50 + 700);
     EXPECT_THAT(m_world.said,
                 AllOf(HasSubstr("    tervanectl fleet --creds 'my chief.creds' config undo --to 7 --host web2\n"),
-                      HasSubstr("    tervanectl fleet --creds 'my chief.creds' config unset maxCpu --host web.1\n"),
+                      HasSubstr("    tervanectl fleet --creds 'my chief.creds' config history --host web.1\n"),
                       HasSubstr("something of it is left, see above\n"), Not(HasSubstr("nothing of it is left"))));
 }
 
@@ -391,7 +452,7 @@ TEST_F(FleetRolloutTest, EndedTwiceNamesWhatIsLeft) {
     EXPECT_THAT(
         m_world.said,
         AllOf(HasSubstr("left: host.web2 keeps the value it was tried with: somebody has ended it a second time"),
-              HasSubstr("    tervanectl fleet config unset maxCpu --host web.1\n")));
+              HasSubstr("    tervanectl fleet config undo --host web.1\n")));
 }
 
 /// At a program that answers as a broker, by requests over its pipes and real signals.
@@ -416,7 +477,7 @@ protected:
     void ExpectBack() {
         const Json::Value config = WorldNow()["config"];
         ASSERT_EQ(config.size(), 2u) << out;
-        EXPECT_EQ(config[0]["value"], R"({"maxCpu":20})");
+        EXPECT_THAT(config[0]["value"].asString(), AllOf(HasSubstr(R"("maxCpu":20)"), HasSubstr(R"("_rollout":{)")));
         EXPECT_TRUE(config[1]["deleted"].asBool());
         EXPECT_THAT(out, HasSubstr("going back: somebody has ended it\nhost.web1 has what it had\n"));
     }

@@ -1,7 +1,9 @@
 // The console's own program through the relay's to a real broker, with the credentials of a person and of a host.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -25,6 +27,7 @@ namespace {
 
 using testing::AllOf;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 constexpr char kHost[] = "db_01";
@@ -41,12 +44,14 @@ protected:
         m_host = std::move(*opened);
         ASSERT_TRUE(support::Eventually([&] { return m_host->IsConnected(); })) << m_fleet->Log();
     }
+    std::string WordsOf(const std::string& command, const std::string& who) const {
+        const BrokerOptions options = m_fleet->Options(kHost);
+        return std::string(TERVANECTL_PROGRAM) + " fleet --servers " + options.servers[0] + " --ca " + options.caFile +
+               " --creds " + m_fleet->Credentials(who) + " " + command;
+    }
     /// Returns: what the command prints on both outputs; its exit code is in `code`.
     std::string Run(const std::string& command, const std::string& who = "ann") {
-        const BrokerOptions options = m_fleet->Options(kHost);
-        const std::string words = std::string(TERVANECTL_PROGRAM) + " fleet --servers " + options.servers[0] +
-                                  " --ca " + options.caFile + " --creds " + m_fleet->Credentials(who) + " " + command +
-                                  " 2>&1";
+        const std::string words = WordsOf(command, who) + " 2>&1";
         std::string text;
         FILE* const output = popen(words.c_str(), "r");
         for (int c = fgetc(output); c != EOF; c = fgetc(output)) text += static_cast<char>(c);
@@ -265,8 +270,9 @@ TEST_F(FleetCommandsTest, OnlyAnAdministratorChangesTheConfiguration) {
 /// A host that takes what its own level and its group's give it, and says `afterwards` of itself with each change.
 class ObedientHost {
 public:
-    ObedientHost(NatsBroker& host, NatsBroker& reader, std::string afterwards)
-        : m_host(host), m_reader(reader), m_afterwards(std::move(afterwards)) {
+    /// hasClock: it tells the time too; its agent's age never grows.
+    ObedientHost(NatsBroker& host, NatsBroker& reader, std::string afterwards, bool hasClock = false)
+        : m_host(host), m_reader(reader), m_afterwards(std::move(afterwards)), m_hasClock(hasClock) {
         m_told = Given();
         Say(m_told, "");
         m_thread = std::thread([this] { Obey(); });
@@ -284,7 +290,8 @@ private:
         PutKey(m_host, kStateBucket, EscapeName(kHost),
                R"({"version":1,"host":"db_01","groups":["db.eu"],"agent":"1.4.0","runs":true,"uptime":900,)"
                R"("config":{"seen":)" +
-                   number + R"(,"applied":)" + number + "}" + more + "}");
+                   number + R"(,"applied":)" + number + "}" +
+                   (m_hasClock ? R"(,"time":)" + std::to_string(time(nullptr)) : "") + more + "}");
     }
     uint64_t Given() const {
         uint64_t given = 0;
@@ -307,6 +314,7 @@ private:
     NatsBroker& m_host;
     NatsBroker& m_reader;
     const std::string m_afterwards;
+    const bool m_hasClock;
     std::string m_last;
     uint64_t m_told = 0;
     uint64_t m_looks = 0;
@@ -337,6 +345,50 @@ TEST_F(FleetCommandsTest, ARolloutEndsWithAllOrComesBack) {
     EXPECT_EQ(code, 1);
     EXPECT_EQ(GetKey(**reader, kConfigBucket, "group.db_2eeu").entry->value, R"({"maxCpu":20})");
     EXPECT_TRUE(GetKey(**reader, kConfigBucket, own).entry->deleted);
+}
+
+TEST_F(FleetCommandsTest, AnAgentThatIsEachTimeAsYoungEndsARollout) {
+    auto reader = NatsBroker::Open(m_fleet->AdminOptions());
+    ASSERT_TRUE(reader) << reader.GetError().Text();
+    ASSERT_TRUE(support::Eventually([&] { return (*reader)->IsConnected(); })) << m_fleet->Log();
+    const ObedientHost host(*m_host, **reader, "", true);
+    EXPECT_THAT(Run("config rollout maxCpu=20 --group db.eu --wait 1h", "chief"),
+                AllOf(HasSubstr("going back: db_01 has restarted its agent 2 times\n"),
+                      HasSubstr("; nothing of it is left at the broker, ")));
+    EXPECT_EQ(code, 1);
+}
+
+TEST_F(FleetCommandsTest, AKilledRolloutIsNamedAndTakenBack) {
+    auto reader = NatsBroker::Open(m_fleet->AdminOptions());
+    ASSERT_TRUE(reader) << reader.GetError().Text();
+    ASSERT_TRUE(support::Eventually([&] { return (*reader)->IsConnected(); })) << m_fleet->Log();
+    const ObedientHost host(*m_host, **reader, "");
+    const std::string own = "host." + EscapeName(kHost);
+    const std::string words = "exec " + WordsOf("config rollout maxCpu=20 --group db.eu --wait 1h", "chief");
+    const pid_t console = fork();
+    if (console == 0) {
+        execl("/bin/sh", "sh", "-c", (words + " >/dev/null 2>&1").c_str(), nullptr);
+        _exit(127);
+    }
+    EXPECT_TRUE(support::Eventually([&] { return GetKey(**reader, kConfigBucket, own).entry.has_value(); }));
+    const std::string process = "(process " + std::to_string(console) + "), on db_01";
+    for (const char* second : {"config rollout maxCpu=30 --wait 2s", "config set maxCpu=30 --group db.eu",
+                               "config unset maxCpu --host db_01"}) {
+        EXPECT_THAT(Run(second, "chief"),
+                    AllOf(HasSubstr("(maxCpu=20), begun "), HasSubstr(process + ", which goes on")));
+        EXPECT_EQ(code, 1);
+    }
+    EXPECT_THAT(Run("status"), Not(HasSubstr("rollout")));
+    kill(console, SIGKILL);
+    waitpid(console, nullptr, 0);
+    EXPECT_THAT(Run("config show"), HasSubstr(process + ", was left behind"));
+    EXPECT_THAT(Run("status"), AllOf(HasSubstr(process + ", was left behind"),
+                                     HasSubstr("take it back: tervanectl fleet config undo --host db_01\n")));
+    EXPECT_THAT(Run("config undo --host db_01", "chief"), HasSubstr("maxCpu: 20 -> nothing\n"));
+    EXPECT_EQ(code, 0);
+    EXPECT_TRUE(GetKey(**reader, kConfigBucket, own).entry->deleted);
+    EXPECT_THAT(Run("status"), Not(HasSubstr("rollout")));
+    EXPECT_THAT(Run("config rollout maxCpu=30 --group db.eu --wait 2s", "chief"), HasSubstr("\ndone: "));
 }
 
 }  // namespace
