@@ -442,7 +442,8 @@ int Driver::Sum() {
         view["level"] = m_plan.target;
         view["revision"] = Json::UInt64(m_revision);
         view["reason"] = Printable(m_rollout->Reason());
-        view["canaries"] = JsonList(m_rollout->Canaries());
+        view["canaries"] = Json::Value(Json::arrayValue);
+        for (const std::string& name : m_rollout->Canaries()) view["canaries"].append(Printable(m_names[name]));
         view["left"] = JsonList(left);
         view["by_hand"] = JsonList(m_byHand);
         std::string line = ViewText(view, true);

@@ -173,6 +173,13 @@ TEST_F(FleetRolloutTest, AnAgentThatIsEachTimeAsYoungGoesBack) {
     EXPECT_TRUE(HostsAreClean());
 }
 
+TEST_F(FleetRolloutTest, TheSumCallsHostsAsPeopleCallThem) {
+    m_options.json = true;
+    EXPECT_EQ(Drive(), 0) << m_world.said;
+    const size_t last = m_world.said.rfind("\n", m_world.said.size() - 2) + 1;
+    EXPECT_THAT(m_world.said.substr(last), HasSubstr(R"("canaries":["web2","web.1"],)"));
+}
+
 TEST_F(FleetRolloutTest, ItsHostsLevelsSayWhoseTheyAre) {
     m_world.levels["host.web2"] = {"host.web2", 7, R"({"maxMemory":300})"};
     m_options.words = {"maxCpu=20", "maxFdCount=99"};
