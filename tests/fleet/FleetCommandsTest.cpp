@@ -203,6 +203,24 @@ TEST_F(FleetCommandsTest, SetupWidensOnlyWhenAskedAndNeverLowers) {
     EXPECT_EQ(code, 1);
 }
 
+TEST_F(FleetCommandsTest, SetupRaisesABoundThatIsThere) {
+    StreamsOf streams(m_fleet->AdminOptions());
+    streams.Delete();
+    Run("setup --max-bytes 64MB --max-age 2d", "chief");
+    EXPECT_EQ(code, 0);
+    EXPECT_THAT(Run("setup --max-bytes 128MB --max-age 3d", "chief"),
+                HasSubstr("EVENTS     differs, and stays as it is\n"));
+    EXPECT_THAT(
+        Run("setup --change --max-bytes 128MB --max-age 3d", "chief"),
+        StartsWith("EVENTS     changed\n           max_bytes: 64 MB -> 128 MB\n           max_age: 2 d -> 3 d\n"));
+    EXPECT_EQ(code, 0);
+    EXPECT_THAT(Run("setup --change --max-bytes 32MB", "chief"),
+                HasSubstr("max_bytes is 128 MB and should be 32 MB; it stays so: what is stored would be lost"));
+    EXPECT_EQ(code, 1);
+    EXPECT_THAT(streams.Ask("INFO.EVENTS"),
+                AllOf(HasSubstr("\"max_bytes\":134217728,"), HasSubstr("\"max_age\":259200000000000,")));
+}
+
 TEST_F(FleetCommandsTest, OnlyAnAdministratorSetsUp) {
     StreamsOf streams(m_fleet->AdminOptions());
     streams.Delete();
