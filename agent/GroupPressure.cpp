@@ -287,7 +287,7 @@ void GroupPressure::BeginMeasuring(Watched& watched, int64_t second) {
     if (watched.plan.IsMeasured()) watched.shown.measured = watched.shown.byLimit = false;
     watched.measuredFromMs = NowMs();
     watched.shown.stalls = watched.plan.Episode().Stalls();
-    watched.shown.lastAt = time(nullptr);
+    watched.shown.lastAt = second;  // since boot, until it is shown
 }
 
 void GroupPressure::Report(Watched& watched, int64_t second) {
@@ -335,7 +335,9 @@ GroupPressureStatus GroupPressure::Status() const {
         out.reason = m_reason;
     }
     const int64_t second = SecondsSinceBoot();
+    const int64_t wall = time(nullptr);
     for (Shown& one : shown) {
+        one.stall.lastAt = WallTimeOf(one.stall.lastAt, second, wall);
         zel::CgroupPressureFigures figures;
         std::string gone;
         if (zel::ReadCgroupPressure(one.source, false, figures, gone)) {

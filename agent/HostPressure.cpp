@@ -245,7 +245,7 @@ void HostPressure::Publish(const Watched& watched, const std::string* problem) {
         status.watched = problem->empty();
         status.reason = *problem;
     }
-    if (status.stalls != watched.episode.Stalls()) status.lastAt = time(nullptr);
+    if (status.stalls != watched.episode.Stalls()) status.lastAt = SecondsSinceBoot();
     status.stalls = watched.episode.Stalls();
     m_endsAt[static_cast<size_t>(watched.resource)] = watched.episode.EndsAt();
 }
@@ -260,7 +260,9 @@ std::vector<PressureStatus> HostPressure::Status() const {
         endsAt = m_endsAt;
     }
     const int64_t second = SecondsSinceBoot();
+    const int64_t wall = time(nullptr);
     for (size_t i = 0; i < out.size(); ++i) {
+        out[i].lastAt = WallTimeOf(out[i].lastAt, second, wall);
         const base::Result<base::Pressure> now = base::ReadPressure(base::kAllPressureResources[i]);
         if (now) {
             const base::PressureLine& line = LineOf(*now, out[i].full);

@@ -123,7 +123,7 @@ private:
     std::array<Watched, base::kPressureResources> m_watched;
 
     mutable base::Mutex m_lock;
-    std::array<PressureStatus, base::kPressureResources> m_status ZEL_GUARDED_BY(m_lock);
+    std::array<PressureStatus, base::kPressureResources> m_status ZEL_GUARDED_BY(m_lock);  // lastAt: since boot
     std::array<int64_t, base::kPressureResources> m_endsAt ZEL_GUARDED_BY(m_lock){};
 };
 

@@ -19,4 +19,10 @@ constexpr int64_t NextOfRhythm(int64_t second, int64_t period) {
     return period <= 1 ? second + 1 : (second / period + 1) * period;
 }
 
+/// Returns: what the wall clock would have shown at the second `at` since boot, were it always as it is set now: so far
+/// back from `wallNow` as `at` is from `now`, whatever steps it made meanwhile. 0 for 0, which is never. Pure.
+constexpr int64_t WallTimeOf(int64_t at, int64_t now, int64_t wallNow) {
+    return at == 0 ? 0 : wallNow - (now - at);
+}
+
 }  // namespace agent

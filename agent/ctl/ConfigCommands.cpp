@@ -327,6 +327,12 @@ int Check(const ConfigOptions& options) {
     const base::Result<std::string> text = base::ReadWholeFile(options.argument, MostBytesOf(*file));
     const bool tooLong = !text && text.GetError().kind == base::ErrorKind::kTooLarge;
     if (tooLong) return Refuse(options, options.argument, {TooLong(*file)});
+    const bool none = !text && text.GetError().kind == base::ErrorKind::kNotFound;
+    if (none) {
+        return Fail(kUnreachable, options.argument +
+                                      ": there is no such file, so nothing is judged: name one that is "
+                                      "there, with its whole path or from the directory you are in");
+    }
     if (!text) return Fail(kUnreachable, options.argument + ": " + text.GetError().Reason());
     return Refuse(options, options.argument, JudgeConfigText(*file, *text));
 }

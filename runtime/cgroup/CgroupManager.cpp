@@ -904,6 +904,10 @@ void cgroup::StopKeepingTree() {
 CgroupKeeperStatus GetCgroupKeeperStatus() {
     CgroupKeeperStatus status = TreeKeeperStatus();
     AddKeeperStatus(LegacyKeeperStatus(), status);
+    // It is kept as seconds since boot: the wall clock may have been set since.
+    constexpr int64_t kNsPerSecond = 1000000000;
+    const int64_t ago = base::ClockNs(CLOCK_BOOTTIME) / kNsPerSecond - status.lastRepairedAt;
+    if (status.lastRepairedAt != 0) status.lastRepairedAt = time(nullptr) - ago;
     return status;
 }
 

@@ -4,9 +4,13 @@
 #include <ctime>
 #include <utility>
 
+#include "base/Clock.h"
+
 namespace zel {
 namespace cgroup {
 namespace {
+
+constexpr int64_t kNsPerSecond = 1000000000;
 
 std::string QuotaText(const CpuQuota& quota) {
     return quota.Unlimited() ? "no limit"
@@ -90,7 +94,7 @@ void DriftBook::Report(CgroupDrift drift, int64_t nowMs, CgroupKeeperStatus& sta
     drift.contested = m_ledger.IsContested(thing);
     ++status.found[static_cast<size_t>(drift.kind)];
     if (drift.repaired) {
-        status.lastRepairedAt = time(nullptr);
+        status.lastRepairedAt = base::ClockNs(CLOCK_BOOTTIME) / kNsPerSecond;
         status.lastRepair = DescribeDrift(drift);
     } else if (drift.kind != CgroupDriftKind::kForeign) {
         ++status.failed;

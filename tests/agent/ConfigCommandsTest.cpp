@@ -195,6 +195,8 @@ TEST_F(ConfigCommandsTest, AFileIsCheckedByItsNameOrByAWord) {
     EXPECT_EQ(Run("check", Conf("new"), "online_config.json"), 1);
     EXPECT_EQ(m_error, Conf("new") + ": maxCup = 2: there is no such key\n");
     EXPECT_EQ(Run("check", Conf("absent"), "agent.json"), 2);
+    EXPECT_THAT(m_error,
+                testing::HasSubstr("/absent: there is no such file, so nothing is judged: name one that is there"));
 }
 
 TEST_F(ConfigCommandsTest, AFileIsCheckedToTheLengthTheAgentReads) {

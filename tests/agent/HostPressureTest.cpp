@@ -270,6 +270,23 @@ TEST_F(HostPressureTest, ARefusalThatTurnsFinalEndsTheAsking) {
     EXPECT_EQ(m_pressure.NextDue(), 0);
 }
 
+TEST(SteadyTimeTest, AgesStayWhenTheWallClockIsSet) {
+    constexpr int64_t kDay = 86400;
+    constexpr int64_t kAt = 1000;  // since boot
+    int64_t now = kAt;
+    int64_t wall = 1700000000;
+    const struct {
+        int64_t passes;
+        int64_t step;
+    } script[] = {{0, 0}, {7, 0}, {3, kDay}, {5, -2 * kDay}, {100, -wall + 5}, {1, wall}};
+    for (const auto& [passes, step] : script) {
+        now += passes;
+        wall += passes + step;
+        EXPECT_EQ(wall - agent::WallTimeOf(kAt, now, wall), now - kAt) << step;
+        EXPECT_EQ(agent::WallTimeOf(0, now, wall), 0) << "never";
+    }
+}
+
 TEST(StallWindowTest, CountsWhatTheTriggerAsksFor) {
     const base::PressureTrigger trigger{false, 60};
     EXPECT_FALSE(agent::HasStalled(0, 1199999, trigger));
@@ -324,6 +341,7 @@ TEST_F(HostPressureTest, AStallIsCountedWhateverWasToldBefore) {
         Tick(agent::SecondsSinceBoot());
         return m_pressure.Status().at(2).stalls == 1;
     });
+    EXPECT_NEAR(static_cast<double>(m_pressure.Status().at(2).lastAt), static_cast<double>(time(nullptr)), 60);
     for (const pid_t burner : burners) {
         kill(burner, SIGKILL);
         waitpid(burner, nullptr, 0);
