@@ -63,10 +63,12 @@ void MakeUnit(const std::string& path, uid_t user) {
                   "");
     }
     // What a service manager does when it mounts this: limits hold for groups below. From 5.11 on they always do.
-    // Groups that were removed count until the kernel has tidied up.
+    // Groups that were removed count there until no page is left of them.
     const std::string hierarchical = MountOf("memory") + "/memory.use_hierarchy";
     if (ReadText(hierarchical) == "0\n") {
-        ASSERT_TRUE(Poll(kSettleSeconds, [&] { return WriteText(hierarchical, "1"); })) << strerror(errno);
+        ASSERT_TRUE(Poll(kSettleSeconds, [&] {
+            return WriteText("/proc/sys/vm/drop_caches", "3") && WriteText(hierarchical, "1");
+        })) << strerror(errno);
     }
     for (const std::string& mount : Mounts()) {
         const std::string slice = mount + "/unit.slice";
