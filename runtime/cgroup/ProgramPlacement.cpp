@@ -2,6 +2,8 @@
 // put when the groups change. Moves the given process and its descendants, nobody else.
 #include <unistd.h>
 
+#include <map>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -10,6 +12,10 @@
 #include "Membership.h"
 #include "OwnPlacement.h"
 #include "ProcessTable.h"
+#include "base/Clock.h"
+#include "base/FileIo.h"
+#include "base/ProcFiles.h"
+#include "kernel/Rhythm.h"
 #include "platform/zel/CgroupTreeStatus.h"
 
 namespace zel {
@@ -19,6 +25,8 @@ using namespace cgroup;
 
 /// A program that forks while it is looked at is looked at again, this often.
 constexpr int kPlaceRounds = 4;
+constexpr size_t kMostPlaceBytes = 16384;
+constexpr int64_t kNsPerMs = 1000000;
 
 /// Where a component belongs at present.
 struct Belonging {
@@ -43,6 +51,34 @@ Result<Belonging> FindBelonging(const std::string& component) {
     if (!places) return places.GetError();
     out.places = std::move(*places);
     return out;
+}
+
+/// What was so when a program was found, or put, where it belongs.
+struct PlacedProgram {
+    std::string component;
+    base::FileMark file;
+    LayoutMark layout;
+    std::string groups;  ///< the kernel's text on where it is
+    int64_t atMs = 0;
+};
+
+constexpr size_t kMostPlaced = 256;
+std::map<int, PlacedProgram> g_placed ZEL_GUARDED_BY(PlacementMutex());
+
+/// Returns: nothing where that cannot be told.
+std::optional<PlacedProgram> LookAt(const std::string& component, int pid) {
+    const Result<LayoutMark> layout = ReadLayoutMark();
+    Result<std::string> groups = base::ReadProcText(base::ProcessFile(pid, "cgroup").c_str(), kMostPlaceBytes);
+    if (!layout || !groups) return std::nullopt;
+    return PlacedProgram{component, base::ReadFileMark(ComponentFilePath()), *layout, std::move(*groups),
+                         base::ClockNs(CLOCK_MONOTONIC) / kNsPerMs};
+}
+
+/// Whether nothing has changed since the program was put there, but for what it has started meanwhile: that is born
+/// where it is, and whatever leaves is looked for each minute.
+bool IsStillPlaced(const PlacedProgram& now, const PlacedProgram& then) {
+    return now.component == then.component && now.file == then.file && now.layout == then.layout &&
+           now.groups == then.groups && now.atMs - then.atMs < MostQuietMs();
 }
 
 /// Out of the tree, to where the main process is: under the limits that hold for that, the legacy ones included.
@@ -119,6 +155,10 @@ bool IsComponentFileAwaited(std::string& problem) {
 
 bool PlaceComponentProcess(const std::string& component, int pid, std::string& error) {
     const base::MutexLock placing(PlacementMutex());
+    const std::optional<PlacedProgram> before = LookAt(component, pid);
+    const auto known = g_placed.find(pid);
+    if (before && known != g_placed.end() && IsStillPlaced(*before, known->second)) return true;
+    g_placed.erase(pid);
     Result<Belonging> belonging = FindBelonging(component);
     if (!belonging) {
         error = belonging.GetError().Text();
@@ -135,6 +175,10 @@ bool PlaceComponentProcess(const std::string& component, int pid, std::string& e
         if (*now <= seen) break;
         seen = *now;
     }
+    // One that was moved by this is looked at once more.
+    const std::optional<PlacedProgram> after = LookAt(component, pid);
+    if (g_placed.size() >= kMostPlaced) g_placed.clear();
+    if (before && after && IsStillPlaced(*after, *before)) g_placed[pid] = *before;
     return true;
 }
 
