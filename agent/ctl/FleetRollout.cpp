@@ -176,6 +176,7 @@ void Driver::TellPlan(const FleetRoster& roster, const std::vector<KeyChange>& c
 /// Two at once would judge their hosts by each other's values.
 std::optional<int> Driver::Judge(const FleetRoster& roster, const std::vector<RemoteLevel>& levels) {
     std::vector<LevelEntry> entries;
+    entries.reserve(levels.size());
     for (const RemoteLevel& level : levels) entries.push_back({level.name, level.revision, 0, level.text, false});
     for (const MarkedRollout& other : FindRollouts(entries, static_cast<int64_t>(roster.Time().now))) {
         const auto isOurs = [&](const FleetRow& row) {
