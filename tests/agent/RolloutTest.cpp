@@ -414,6 +414,7 @@ TEST_F(RolloutTest, AHealthyHostIsNeverCalledRestarted) {
     };
     const std::pair<const char*, std::vector<Tick>> cases[] = {
         {"states that come early and late", {{66, 54, 54}, {54, 66, 66}, {66, 54, 54}, {70, 60, 56}, {5, 5, 6}}},
+        {"ages that were taken before the rest", {{70, 70, 58}, {50, 50, 62}, {70, 70, 58}, {50, 50, 62}}},
         {"states that a broker took late", {{180, 60, 60}, {200, 60, 60}, {150, 60, 60}}},
         {"a clock that is set", {{60, 3660, 60}, {60, -3540, 60}, {60, 3660, 60}}}};
     const FleetHosts fresh = m_hosts;
