@@ -63,9 +63,10 @@ void MakeUnit(const std::string& path, uid_t user) {
                   "");
     }
     // What a service manager does when it mounts this: limits hold for groups below. From 5.11 on they always do.
-    // Groups that were removed count there until no page is left of them.
+    // Groups that were removed count there until no page is left of them, nor of a file of the life before.
     const std::string hierarchical = MountOf("memory") + "/memory.use_hierarchy";
     if (ReadText(hierarchical) == "0\n") {
+        Command(std::string("rm -rf ") + kAppDir);
         ASSERT_TRUE(Poll(kSettleSeconds, [&] {
             return WriteText("/proc/sys/vm/drop_caches", "3") && WriteText(hierarchical, "1");
         })) << strerror(errno);
