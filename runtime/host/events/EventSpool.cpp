@@ -902,11 +902,14 @@ base::Status CEventSpool::KeepSinks() {
         next = isSink(*next) ? std::next(next) : m_goneBack.erase(next);
     }
     std::vector<std::string> known;
+    bool ok = false;
     {
         base::Statement all(m_reader, "SELECT sink FROM cursors;");
-        while (all.Row()) known.push_back(all.Text(0));
+        base::Statement::Outcome step = all.Step();
+        for (; step == base::Statement::Outcome::kRow; step = all.Step()) known.push_back(all.Text(0));
+        // Of a list that is not whole a sink that is gone would hold back what the others have.
+        ok = step == base::Statement::Outcome::kDone;
     }
-    bool ok = true;
     for (const std::string& sink : known) {
         if (isSink(sink)) continue;
         base::Statement remove(m_reader, "DELETE FROM cursors WHERE sink = ?1;");

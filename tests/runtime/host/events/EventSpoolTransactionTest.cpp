@@ -1,5 +1,5 @@
-// A statement that fails in the middle of one of the spool's transactions: what was done before it is undone, nothing is
-// counted, the words are those of the failure, and the next attempt has everything once.
+// A statement that fails in the middle of one of the spool's transactions: what was done before it is undone, nothing
+// is counted, the words are those of the failure, and the next attempt has everything once.
 #include <sqlite3.h>
 
 #include "HostSupport.h"
@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t kBody = 2000;
 
-class EventSpoolTransactionTest : public ::testing::Test {
+class SpoolTransactionTest : public ::testing::Test {
 protected:
     void SetUp() override {
         support::TakeLog();
@@ -57,8 +57,10 @@ protected:
     /// The figures are those of the file.
     void ExpectExact(const char* where) {
         const CEventSpool::Figures figures = m_spool.GetFigures();
-        EXPECT_EQ(static_cast<int64_t>(figures.messages + figures.kept), Number("SELECT count(*) FROM messages;")) << where;
-        EXPECT_EQ(static_cast<int64_t>(figures.bytes), Number("SELECT coalesce(sum(bytes), 0) FROM messages;")) << where;
+        EXPECT_EQ(static_cast<int64_t>(figures.messages + figures.kept), Number("SELECT count(*) FROM messages;"))
+            << where;
+        EXPECT_EQ(static_cast<int64_t>(figures.bytes), Number("SELECT coalesce(sum(bytes), 0) FROM messages;"))
+            << where;
     }
 
     support::TempDir m_dir;
@@ -66,7 +68,7 @@ protected:
     CEventSpool m_spool;
 };
 
-TEST_F(EventSpoolTransactionTest, InsertThatFailsIsMadeUpForInOrder) {
+TEST_F(SpoolTransactionTest, InsertThatFailsIsMadeUpForInOrder) {
     ASSERT_TRUE(Append('a'));
     Plant("INSERT ON messages WHEN substr(CAST(NEW.body AS TEXT), 1, 1) = 'c'");
     ASSERT_TRUE(Append('b'));
@@ -95,7 +97,7 @@ TEST_F(EventSpoolTransactionTest, InsertThatFailsIsMadeUpForInOrder) {
     ExpectExact("afterwards");
 }
 
-TEST_F(EventSpoolTransactionTest, FullSpoolThatCannotDropTakesNothing) {
+TEST_F(SpoolTransactionTest, FullSpoolThatCannotDropTakesNothing) {
     for (char letter = 'a'; letter <= 'h'; ++letter) ASSERT_TRUE(Append(letter));
     ASSERT_EQ(m_spool.GetFigures().dropped, 0u);
     // The second of two that have to go.
@@ -114,7 +116,7 @@ TEST_F(EventSpoolTransactionTest, FullSpoolThatCannotDropTakesNothing) {
     ExpectExact("afterwards");
 }
 
-TEST_F(EventSpoolTransactionTest, CountOfTheDroppedThatFailsUndoesTheDrop) {
+TEST_F(SpoolTransactionTest, CountOfTheDroppedThatFailsUndoesTheDrop) {
     for (char letter = 'a'; letter <= 'h'; ++letter) ASSERT_TRUE(Append(letter));
     Plant("UPDATE ON facts WHEN NEW.name = 'dropped'");
     EXPECT_FALSE(Append('i') && Append('j') && Append('k'));
@@ -129,7 +131,7 @@ TEST_F(EventSpoolTransactionTest, CountOfTheDroppedThatFailsUndoesTheDrop) {
     ExpectExact("afterwards");
 }
 
-TEST_F(EventSpoolTransactionTest, DropsOfTheMemoryAreCountedOnceWhenTheyCan) {
+TEST_F(SpoolTransactionTest, DropsOfTheMemoryAreCountedOnce) {
     Plant("INSERT ON messages");
     for (char letter = 'a'; letter <= 'k'; ++letter) EXPECT_FALSE(Append(letter));
     EXPECT_EQ(m_spool.GetFigures().dropped, 3u);
@@ -146,7 +148,7 @@ TEST_F(EventSpoolTransactionTest, DropsOfTheMemoryAreCountedOnceWhenTheyCan) {
     EXPECT_EQ(Letters(), "defghijk");
 }
 
-TEST_F(EventSpoolTransactionTest, CursorThatCannotMoveHoldsForTheProcess) {
+TEST_F(SpoolTransactionTest, CursorThatCannotMoveHoldsForTheProcess) {
     for (const char letter : {'a', 'b', 'c'}) ASSERT_TRUE(Append(letter));
     ASSERT_TRUE(support::IsOk(m_spool.Confirm("one", 3)));
     // The second of two: that of the first is undone as well.
@@ -175,7 +177,7 @@ TEST_F(EventSpoolTransactionTest, CursorThatCannotMoveHoldsForTheProcess) {
     ExpectExact("afterwards");
 }
 
-TEST_F(EventSpoolTransactionTest, GivenUpOnesAreCountedOnceThoughItFails) {
+TEST_F(SpoolTransactionTest, GivenUpOnesAreCountedOnceThoughItFails) {
     for (const char letter : {'a', 'b', 'c'}) ASSERT_TRUE(Append(letter));
     Plant("INSERT ON facts");
     EXPECT_FALSE(m_spool.Confirm("one", 2, 2).Ok());
@@ -194,7 +196,7 @@ TEST_F(EventSpoolTransactionTest, GivenUpOnesAreCountedOnceThoughItFails) {
     EXPECT_EQ(next.GivenUp("one"), 3u);
 }
 
-TEST_F(EventSpoolTransactionTest, WhatCannotBeRemovedIsRemovedLater) {
+TEST_F(SpoolTransactionTest, WhatCannotBeRemovedIsRemovedLater) {
     for (const char letter : {'a', 'b', 'c'}) ASSERT_TRUE(Append(letter));
     Plant("DELETE ON messages WHEN OLD.seq = 2");
     ASSERT_TRUE(support::IsOk(m_spool.Confirm("one", 2)));
@@ -208,7 +210,7 @@ TEST_F(EventSpoolTransactionTest, WhatCannotBeRemovedIsRemovedLater) {
     ExpectExact("afterwards");
 }
 
-TEST_F(EventSpoolTransactionTest, SinkThatCannotGoHoldsWhatItHasNot) {
+TEST_F(SpoolTransactionTest, SinkThatCannotGoHoldsWhatItHasNot) {
     for (const char letter : {'a', 'b'}) ASSERT_TRUE(Append(letter));
     Plant("DELETE ON cursors");
     const base::Status set = m_spool.SetSinks({"one"});
@@ -226,7 +228,26 @@ TEST_F(EventSpoolTransactionTest, SinkThatCannotGoHoldsWhatItHasNot) {
     ExpectExact("afterwards");
 }
 
-TEST_F(EventSpoolTransactionTest, GoingBackHoldsThoughItCannotBeWritten) {
+TEST_F(SpoolTransactionTest, NewSinkThatCannotBeWrittenIsTriedAgain) {
+    for (const char letter : {'a', 'b'}) ASSERT_TRUE(Append(letter));
+    ASSERT_TRUE(support::IsOk(m_spool.Confirm("one", 2)));
+    Plant("INSERT ON cursors WHEN NEW.sink = 'three'");
+    EXPECT_FALSE(m_spool.SetSinks({"one", "two", "three"}).Ok());
+    EXPECT_TRUE(m_spool.HasUnsaved());
+    ASSERT_FALSE(m_spool.Confirm("two", 2).Ok());
+    EXPECT_EQ(Number("SELECT count(*) FROM messages;"), 2);
+    EXPECT_EQ(Letters("three"), "ab") << "it has none of them";
+    TakeAway();
+    EXPECT_TRUE(m_spool.FlushMemory());
+    EXPECT_FALSE(m_spool.HasUnsaved());
+    EXPECT_EQ(Number("SELECT count(*) FROM cursors;"), 3);
+    EXPECT_EQ(Number("SELECT count(*) FROM messages;"), 2);
+    ASSERT_TRUE(support::IsOk(m_spool.Confirm("three", 2)));
+    EXPECT_EQ(Number("SELECT count(*) FROM messages;"), 0);
+    ExpectExact("afterwards");
+}
+
+TEST_F(SpoolTransactionTest, GoingBackHoldsThoughItCannotBeWritten) {
     for (const char letter : {'a', 'b', 'c'}) ASSERT_TRUE(Append(letter));
     ASSERT_TRUE(support::IsOk(m_spool.Confirm("one", 3)));
     Plant("UPDATE ON cursors");
