@@ -15,7 +15,7 @@ namespace {
 
 /// Slow actions wait for each other only beyond this many.
 constexpr size_t kWorkers = 4;
-constexpr size_t kMostRequestBytes = 1024;
+constexpr size_t kMostRequestBytes = 512;
 constexpr std::chrono::seconds kPeerTime(2);  ///< to read a request, and again to send its answer
 
 }  // namespace

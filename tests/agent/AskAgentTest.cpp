@@ -13,6 +13,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "ControlServer.h"
 #include "support/Files.h"
@@ -71,6 +72,19 @@ TEST_F(AskAgentTest, HearsEveryAnswerWhole) {
     EXPECT_FALSE(Ask("nonsense").ok);
     EXPECT_THAT(Ask("nonsense").body, HasSubstr("unknown request"));
     EXPECT_EQ("a request is one line\n", Ask(std::string(1000, 'x')).body);
+    EXPECT_THAT(Ask("fleet no right").body, HasSubstr("unknown request")) << "this process has no relay";
+}
+
+TEST_F(AskAgentTest, OfARelayEveryWordIsHeard) {
+    std::vector<std::string> heard;
+    agent::ConsoleActions actions = Actions();
+    actions.fleet = [&heard](const std::string& words) { heard.push_back(words); };
+    agent::ControlServer withRelay(actions);
+    ASSERT_EQ(0, mkdir((appDir + "/run").c_str(), 0750));
+    ASSERT_TRUE(withRelay.Start(appDir + "/run/x.ctl"));
+    EXPECT_TRUE(Ask("fleet " + std::string(400, 'x')).ok);
+    EXPECT_TRUE(Ask("fleet ").ok);
+    EXPECT_EQ(heard, (std::vector<std::string>{std::string(400, 'x'), ""}));
 }
 
 TEST_F(AskAgentTest, ReachesAnAgentBelowALongPath) {
