@@ -67,8 +67,8 @@ private:
 bool IsStalledNow(bool underWay, bool began, int average100Times, int thresholdPercent);
 
 /// Returns: whether the counter of a resource has grown by what the trigger asks for since `beforeUs`, when it was set.
-/// Kernel: the first window of a trigger begins with what was counted when the kernel last looked for anybody, and so
-/// tells at once of a stall of long ago. Pure.
+/// Kernel: a new trigger often tells at once of a stall that is not in the counter (6.18: of 76 first words 54). It
+/// looks as if its first window began with an older count; the counter has the last word. Pure.
 bool HasStalled(uint64_t beforeUs, uint64_t nowUs, const base::PressureTrigger& trigger);
 
 /// Thread-safety: Follow, Tick, NextDue and Close on the main thread; Status from any thread.

@@ -376,9 +376,7 @@ std::optional<int> JudgeMeddling(FleetLink& link, const std::string& level) {
     const std::vector<MarkedRollout> rollouts = FindRollouts(*levels, static_cast<int64_t>(roster->Time().now));
     const MarkedRollout* const found = FindMeddled(rollouts, *roster, level);
     if (found == nullptr) return std::nullopt;
-    return FleetFail(kRefused, level + " is not changed: there is " + WordRollout(*found) +
-                                   (found->isAbandoned ? ", which was left behind" : ", which goes on") + ": " +
-                                   RemedyOf(*found));
+    return FleetFail(kRefused, WordRefusal(level, *found));
 }
 
 int Change(FleetLink& link, const FleetConfigOptions& options, bool isSet) {

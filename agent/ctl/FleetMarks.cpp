@@ -117,6 +117,11 @@ std::string RemedyOf(const MarkedRollout& rollout) {
            " at the latest, or end it there; where its process is gone, take it back: " + back;
 }
 
+std::string WordRefusal(const std::string& level, const MarkedRollout& rollout) {
+    return level + " is not changed: there is " + WordRollout(rollout) +
+           (rollout.isAbandoned ? ", which was left behind" : ", which goes on") + ": " + RemedyOf(rollout);
+}
+
 const MarkedRollout* FindMeddled(const std::vector<MarkedRollout>& rollouts, const FleetRoster& roster,
                                  const std::string& level) {
     for (const MarkedRollout& rollout : rollouts) {

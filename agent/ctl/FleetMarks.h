@@ -36,6 +36,9 @@ std::vector<std::string> WaysBack(const MarkedRollout& rollout);
 /// What to do about it: one sentence without its end.
 std::string RemedyOf(const MarkedRollout& rollout);
 
+/// Why a level is not changed because of it, and what to do: one sentence without its end.
+std::string WordRefusal(const std::string& level, const MarkedRollout& rollout);
+
 /// Which of them a change of a level would meddle with: of a host's own level any; of another one those that go on, and
 /// change that level or have a first host that reads it. Returns: null: none.
 const MarkedRollout* FindMeddled(const std::vector<MarkedRollout>& rollouts, const FleetRoster& roster,

@@ -186,9 +186,7 @@ std::optional<int> Driver::Judge(const FleetRoster& roster, const std::vector<Re
         const bool meddles = m_plan.target == "all" || other.mark.level == m_plan.target ||
                              std::any_of(roster.Rows().begin(), roster.Rows().end(), isOurs);
         if (!meddles) continue;
-        return FleetFail(kRefused, NameOfLevel(m_plan.target) + " is not changed: there is " + WordRollout(other) +
-                                       (other.isAbandoned ? ", which was left behind" : ", which goes on") + ": " +
-                                       RemedyOf(other));
+        return FleetFail(kRefused, WordRefusal(NameOfLevel(m_plan.target), other));
     }
     return std::nullopt;
 }

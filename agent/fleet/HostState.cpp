@@ -162,9 +162,7 @@ HostState TakeHostState(const StatusReport& report) {
     state.time = report.now;
     state.uptimeSeconds = report.uptimeSeconds;
     state.mode = report.modeReason;
-    StatusReport own = report;
-    own.fleetProblem.clear();  // whoever hears of the state is told by what else it says of the configuration
-    const std::vector<Trouble> troubles = FindTrouble(own);
+    const std::vector<Trouble> troubles = FindTrouble(report);
     state.problems = troubles.size();
     for (const Trouble& trouble : troubles) {
         if (state.findings.size() < kMostFindings) state.findings.push_back(trouble.what + ": " + trouble.remedy);

@@ -53,10 +53,11 @@ bool StateDuty::HaveConfigRead() {
 }
 
 HostState StateDuty::Take(Depth depth, int64_t steadySeconds, int64_t wallSeconds) {
-    const base::Result<StatusReport> report = ReadStatus(m_options.ask(zel::kMainProcessName, kStatus));
+    base::Result<StatusReport> report = ReadStatus(m_options.ask(zel::kMainProcessName, kStatus));
     HostState state;
     m_configProblem.reset();
     if (report) {
+        report->fleetProblem.clear();  // of before this telling: whoever hears of the state, it has reached
         state = TakeHostState(*report);
         m_configProblem = report->configProblem;
         NoteDelivery(zel::kMainProcessName, report->delivery, steadySeconds);

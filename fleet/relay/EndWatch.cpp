@@ -32,11 +32,15 @@ base::Status EndWatch::Begin(const sigset_t& ending) {
 }
 
 base::Status EndWatch::Arm() {
-    m_offsetNs = OffsetNs();
+    const int flags = TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET;
     itimerspec never{};
     never.it_value.tv_sec = kNever;
-    if (timerfd_settime(m_clock.Get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &never, nullptr) == 0) return {};
-    return base::ErrnoError(errno, "set", "a timer");
+    int done = -1;
+    do {  // cancelled: the clock is being set right now
+        m_offsetNs = OffsetNs();
+        done = timerfd_settime(m_clock.Get(), flags, &never, nullptr);
+    } while (done != 0 && errno == ECANCELED);
+    return done == 0 ? base::Status() : base::ErrnoError(errno, "set", "a timer");
 }
 
 bool EndWatch::TakeStep() {

@@ -81,6 +81,15 @@ TEST_F(StateDutyTest, AgentThatDoesNotAnswerIsToldAsNotRunning) {
     EXPECT_FALSE(duty.ConfigProblem().has_value());
 }
 
+TEST_F(StateDutyTest, WhatKeptTheHostFromItsFleetIsNotToldToIt) {
+    StateDuty duty = Make();
+    const uint64_t problems = duty.Take(Depth::kMain, 100, 1700000000).problems;
+    m_reports["tervane"].fleetProblem = "no right";
+    EXPECT_EQ(duty.Take(Depth::kMain, 160, 1700000060).problems, problems);
+    m_reports["tervane"].diskFull = true;
+    EXPECT_EQ(duty.Take(Depth::kMain, 220, 1700000120).problems, problems + 1);
+}
+
 TEST_F(StateDutyTest, WaitingEventsOfAllProcessesAreSummed) {
     AddComponent("QorNet");
     AddComponent("QorHips");

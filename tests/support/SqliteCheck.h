@@ -1,9 +1,10 @@
-// What SQLite says of a database as a kill left it. For programs that link SQLite.
+// What SQLite says of a database as a kill left it, and changes of one from beside. For programs that link SQLite.
 #pragma once
 
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <fstream>
 #include <string>
 
@@ -37,6 +38,32 @@ inline std::string CheckCopyOfDatabase(const std::string& path, const std::strin
     }
     unlink((copy + "-shm").c_str());
     return CheckDatabase(copy);
+}
+
+/// Runs statements on a database that others may have open. Returns: empty, or what SQLite says.
+inline std::string RunStatements(const std::string& path, const std::string& statements) {
+    constexpr int kPatienceMs = 60000;
+    sqlite3* file = nullptr;
+    sqlite3_open(path.c_str(), &file);
+    sqlite3_busy_timeout(file, kPatienceMs);
+    const int done = sqlite3_exec(file, statements.c_str(), nullptr, nullptr, nullptr);
+    const std::string said = done == SQLITE_OK ? "" : sqlite3_errmsg(file);
+    sqlite3_close(file);
+    return said;
+}
+
+/// Returns: the number that a query gives, -1 when it cannot be read.
+inline int64_t AskNumber(const std::string& path, const std::string& query) {
+    sqlite3* file = nullptr;
+    sqlite3_stmt* row = nullptr;
+    int64_t number = -1;
+    if (sqlite3_open(path.c_str(), &file) == SQLITE_OK &&
+        sqlite3_prepare_v2(file, query.c_str(), -1, &row, nullptr) == SQLITE_OK && sqlite3_step(row) == SQLITE_ROW) {
+        number = sqlite3_column_int64(row, 0);
+    }
+    sqlite3_finalize(row);
+    sqlite3_close(file);
+    return number;
 }
 
 }  // namespace support

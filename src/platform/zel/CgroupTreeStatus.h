@@ -93,7 +93,8 @@ ZEL_API bool ReadComponentPlaces(ComponentPlaces& out, std::string& error);
 ZEL_API bool IsComponentFileAwaited(std::string& problem);
 
 /// Puts a child of the main process that knows nothing of its groups, with everything that it has started, into the
-/// component's leaves; where it has none, out of the tree and to the main process.
+/// component's leaves; where it has none, out of the tree and to the main process. One that is where it was put, while
+/// neither mounts nor component file have changed, is left alone but for once a minute: two files are read then.
 /// On failure: false with the reason in `error`; to be tried again.
 ZEL_API bool PlaceComponentProcess(const std::string& component, int pid, std::string& error);
 

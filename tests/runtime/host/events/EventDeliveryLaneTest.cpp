@@ -1,6 +1,5 @@
 // The way of messages to one sink: numbers of their whole width, when it is tried again, what its figures outlast.
 #include <json/json.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include "events/NoGrowth.h"
 #include "events/RelayPlayer.h"
 #include "support/HttpServer.h"
+#include "support/SqliteCheck.h"
 #include "support/Waiting.h"
 
 using fleet::BatchFrame;
@@ -48,25 +48,10 @@ protected:
     std::string Socket() const { return m_dir / "run/fleet.sock"; }
     /// Changes the file of a spool that nobody has open.
     void Change(const std::string& statements) {
-        sqlite3* file = nullptr;
-        ASSERT_EQ(SQLITE_OK, sqlite3_open((m_dir / "spool/e.db").c_str(), &file));
-        EXPECT_EQ(SQLITE_OK, sqlite3_exec(file, statements.c_str(), nullptr, nullptr, nullptr)) << sqlite3_errmsg(file);
-        sqlite3_close(file);
+        EXPECT_EQ("", support::RunStatements(m_dir / "spool/e.db", statements));
     }
     /// Returns: the number that the file of the spool gives for a query, -1 when it cannot be read.
-    int64_t Ask(const std::string& query) {
-        sqlite3* file = nullptr;
-        sqlite3_stmt* row = nullptr;
-        int64_t number = -1;
-        if (sqlite3_open((m_dir / "spool/e.db").c_str(), &file) == SQLITE_OK &&
-            sqlite3_prepare_v2(file, query.c_str(), -1, &row, nullptr) == SQLITE_OK &&
-            sqlite3_step(row) == SQLITE_ROW) {
-            number = sqlite3_column_int64(row, 0);
-        }
-        sqlite3_finalize(row);
-        sqlite3_close(file);
-        return number;
-    }
+    int64_t Ask(const std::string& query) { return support::AskNumber(m_dir / "spool/e.db", query); }
     /// A spool in whose file something is changed before it is used.
     void Prepare(const DeliveryOptions& options, const std::string& statements) {
         {

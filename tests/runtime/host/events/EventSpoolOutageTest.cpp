@@ -16,6 +16,7 @@
 #include "events/NoGrowth.h"
 #include "events/SpoolMessages.h"
 #include "support/SmallDisk.h"
+#include "support/SqliteCheck.h"
 
 using zelhost::CEventSpool;
 using zelhost::SpoolMessage;
@@ -46,12 +47,7 @@ protected:
         return begins;
     }
     /// Changes the file of a spool that nobody has open.
-    void Change(const std::string& statements) {
-        sqlite3* file = nullptr;
-        ASSERT_EQ(SQLITE_OK, sqlite3_open(m_path.c_str(), &file));
-        EXPECT_EQ(SQLITE_OK, sqlite3_exec(file, statements.c_str(), nullptr, nullptr, nullptr)) << sqlite3_errmsg(file);
-        sqlite3_close(file);
-    }
+    void Change(const std::string& statements) { EXPECT_EQ("", support::RunStatements(m_path, statements)); }
     /// Overwrites pages of the file, as a bad block would.
     void Damage(int firstPage, int pages) {
         std::fstream file(m_path, std::ios::in | std::ios::out | std::ios::binary);

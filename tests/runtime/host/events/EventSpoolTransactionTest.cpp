@@ -1,10 +1,9 @@
 // A statement that fails in the middle of one of the spool's transactions: what was done before it is undone, nothing
 // is counted, the words are those of the failure, and the next attempt has everything once.
-#include <sqlite3.h>
-
 #include "HostSupport.h"
 #include "events/EventSpool.h"
 #include "events/SpoolMessages.h"
+#include "support/SqliteCheck.h"
 
 using testing::HasSubstr;
 using zelhost::CEventSpool;
@@ -26,24 +25,8 @@ protected:
         Run("CREATE TRIGGER planted BEFORE " + when + " BEGIN SELECT RAISE(ABORT, 'planted'); END;");
     }
     void TakeAway() { Run("DROP TRIGGER planted;"); }
-    void Run(const std::string& statement) {
-        sqlite3* file = nullptr;
-        ASSERT_EQ(SQLITE_OK, sqlite3_open(m_path.c_str(), &file));
-        sqlite3_busy_timeout(file, 60000);
-        EXPECT_EQ(SQLITE_OK, sqlite3_exec(file, statement.c_str(), nullptr, nullptr, nullptr)) << sqlite3_errmsg(file);
-        sqlite3_close(file);
-    }
-    int64_t Number(const std::string& query) {
-        sqlite3* file = nullptr;
-        sqlite3_stmt* statement = nullptr;
-        int64_t number = -1;
-        EXPECT_EQ(SQLITE_OK, sqlite3_open(m_path.c_str(), &file));
-        EXPECT_EQ(SQLITE_OK, sqlite3_prepare_v2(file, query.c_str(), -1, &statement, nullptr)) << sqlite3_errmsg(file);
-        if (sqlite3_step(statement) == SQLITE_ROW) number = sqlite3_column_int64(statement, 0);
-        sqlite3_finalize(statement);
-        sqlite3_close(file);
-        return number;
-    }
+    void Run(const std::string& statement) { EXPECT_EQ("", support::RunStatements(m_path, statement)); }
+    int64_t Number(const std::string& query) { return support::AskNumber(m_path, query); }
     bool Append(char letter) { return m_spool.Append(Message(std::string(kBody, letter))); }
     /// The first letters of what waits for a sink, and that their numbers follow each other.
     std::string Letters(const std::string& sink = "one") {
