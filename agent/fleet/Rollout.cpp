@@ -83,6 +83,10 @@ base::Result<std::string> ChangeLevel(const std::optional<std::string>& text, co
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     std::string changed = Json::writeString(builder, *level);
+    // The writer puts another character in the place of what is no UTF-8: a member of that name would be a new one.
+    const base::Result<Json::Value> readBack = ParseJson(changed, JsonRules::kStrict);
+    if (!readBack || *readBack != *level)
+        return base::SentenceError("a name or value in it is not written in UTF-8", base::ErrorKind::kMalformed);
     const RemoteDecision judged = DecideRemoteConfig({{"it", 1, changed}}, std::nullopt);
     if (judged.action == RemoteAction::kRefused) return base::SentenceError(judged.error, base::ErrorKind::kMalformed);
     return changed;

@@ -536,3 +536,16 @@ TEST_F(RolloutTest, AValueIsTakenAwayByNull) {
     EXPECT_FALSE(ChangeLevel("{}", R"({"maxCpuu": 1})"));
     EXPECT_FALSE(ChangeLevel("{", R"({"maxCpu": 1})"));
 }
+
+TEST_F(RolloutTest, ALevelThatIsNoUtf8IsRefused) {
+    // A byte alone, half of a character, the half of a pair that only an escape can name.
+    for (const char* text :
+         {"{\"_a\": \"\x85\"}", "{\"_\x85\": \"x\"}", "{\"_a\": \"\xe2\x82\"}", R"({"_a": "\udc00"})"}) {
+        const base::Result<std::string> changed = ChangeLevel("{}", text);
+        ASSERT_FALSE(changed) << text;
+        EXPECT_EQ(changed.GetError().Text(), "a name or value in it is not written in UTF-8");
+        EXPECT_FALSE(ChangeLevel(text, R"({"maxCpu": 1})")) << text;
+    }
+    const std::string euro = *ChangeLevel("{}", "{\"_\xe2\x82\xac\": \"\xf0\x9f\x98\x80\"}");
+    EXPECT_EQ(*ChangeLevel(euro, "{\"_\xe2\x82\xac\": \"\xf0\x9f\x98\x80\"}"), euro);
+}
