@@ -253,6 +253,7 @@ bool CEventSpool::TryRest() {
     if (!emptied && !m_sinks.empty()) return false;
     if (emptied) MarkSettled();
     CloseFiles();
+    m_restsOnSome = !emptied;
     m_resting = true;
     return true;
 }
@@ -847,7 +848,9 @@ base::Status CEventSpool::EnsureOpen() {
 }
 
 bool CEventSpool::Settle() {
-    if (m_resting && m_memory.empty() && m_unsavedDrops == 0 && !m_unsaved) return true;
+    // What waits for nobody waits for whoever comes.
+    const bool wanted = m_restsOnSome && !m_sinksKept;
+    if (m_resting && !wanted && m_memory.empty() && m_unsavedDrops == 0 && !m_unsaved) return true;
     if (!EnsureOpen()) return false;
     if (!m_memory.empty() && !CommitBatch({})) return false;
     if (m_unsavedDrops > 0 && !NoteDrops(m_unsavedDrops)) return false;
@@ -1181,7 +1184,7 @@ int64_t CEventSpool::CountKept() {
 
 uint64_t CEventSpool::Waiting(const std::string& sink) {
     base::MutexLock lock(m_readLock);
-    if (m_resting && !m_sinks.empty()) return 0;
+    if (m_resting && !m_restsOnSome) return 0;
     base::Statement query(m_reader, "SELECT count(*) FROM messages WHERE seq > " + kCursor + ";");
     BindCursor(query, sink);
     if (query.Row()) return static_cast<uint64_t>(query.Int(0));

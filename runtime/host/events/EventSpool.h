@@ -294,16 +294,17 @@ private:
     base::Statement m_insert;
     std::deque<SpoolMessage> m_memory;
     uint64_t m_memoryBytes = 0;
-    uint64_t m_unsavedDrops = 0;           // counted already, and not yet in the file
-    uint64_t m_nextLogBound = 0;           // length of the log at which it is moved into the file, whoever reads
-    uint64_t m_nextLogMove = 0;            // the same, as far as nobody reads
-    std::atomic<bool> m_reserve{false};    // there is one; changed by the leader
-    bool m_settled = false;                // the file says that it holds nothing
-    std::atomic<bool> m_resting{false};    // closed because nothing waits; changed by the leader
-    std::atomic<bool> m_unsaved{false};    // something was confirmed, and the file does not say so
-    std::atomic<bool> m_keeps{false};      // a sink wants confirmed messages to stay for a while
-    std::atomic<bool> m_holdsKept{false};  // some may be in the file
-    std::atomic<bool> m_sinksKept{false};  // the cursors in the file are those of the sinks that there are
+    uint64_t m_unsavedDrops = 0;             // counted already, and not yet in the file
+    uint64_t m_nextLogBound = 0;             // length of the log at which it is moved into the file, whoever reads
+    uint64_t m_nextLogMove = 0;              // the same, as far as nobody reads
+    std::atomic<bool> m_reserve{false};      // there is one; changed by the leader
+    bool m_settled = false;                  // the file says that it holds nothing
+    std::atomic<bool> m_resting{false};      // closed because nothing waits; changed by the leader
+    std::atomic<bool> m_restsOnSome{false};  // there are messages all the same, and were no sinks
+    std::atomic<bool> m_unsaved{false};      // something was confirmed, and the file does not say so
+    std::atomic<bool> m_keeps{false};        // a sink wants confirmed messages to stay for a while
+    std::atomic<bool> m_holdsKept{false};    // some may be in the file
+    std::atomic<bool> m_sinksKept{false};    // the cursors in the file are those of the sinks that there are
 
     base::Mutex m_readLock;  // taken by the leader after it leads, never the other way round
     base::Database m_reader ZEL_GUARDED_BY(m_readLock);

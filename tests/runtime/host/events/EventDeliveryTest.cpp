@@ -493,6 +493,25 @@ TEST_F(EventDeliveryTest, SinksAreSwitchedWhileItRuns) {
     EXPECT_EQ(Field(m_dir / "log/e.jsonl", "body"), (Lines{"file only", "both", "file again"}));
 }
 
+TEST_F(EventDeliveryTest, AFirstSinkGetsWhatRestedForNobody) {
+    support::HttpServer server;
+    DeliveryOptions options = Options();
+    options.jsonLinesPath.clear();
+    options.restMs = 1;
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    delivery.SendMsg("T", "for nobody", "", 1, 0);
+    const std::string path = options.spoolPath;
+    // Its file is closed.
+    ASSERT_TRUE(Eventually([&] { return !std::filesystem::exists(path + "-wal"); }));
+    EXPECT_EQ(delivery.Stats().spooled, 1u);
+    options.httpUrl = server.Url();
+    ASSERT_TRUE(support::IsOk(delivery.SetSinks(options)));
+    ASSERT_TRUE(delivery.Flush(60000));
+    EXPECT_EQ(delivery.Stats().sinks.at(0).delivered, 1u);
+    EXPECT_THAT(server.Accepted().at(0).body, testing::HasSubstr("for nobody"));
+}
+
 TEST_F(EventDeliveryTest, AnUnwrittenCursorCountsNothingTwice) {
     support::HttpServer server;
     server.AnswerWith(503);

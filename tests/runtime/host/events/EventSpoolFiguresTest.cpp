@@ -266,6 +266,31 @@ TEST_F(EventSpoolFiguresTest, WithoutSinksItRestsOnWhatItHas) {
     EXPECT_FALSE(spool.Rest());
 }
 
+TEST_F(EventSpoolFiguresTest, WhoComesWhileItRestsHasWhatWaits) {
+    CEventSpool spool;
+    Open(spool, {});
+    for (const char* body : {"a", "b"}) ASSERT_TRUE(spool.Append(Message(body)));
+    ASSERT_TRUE(spool.Rest());
+    int heard = 0;
+    spool.SetListener([&heard] { ++heard; });
+    ASSERT_TRUE(spool.FlushMemory());
+    EXPECT_TRUE(spool.IsResting()) << "nobody wants it";
+    EXPECT_EQ(0, heard);
+    ASSERT_TRUE(support::IsOk(spool.SetSinks({"one"})));
+    EXPECT_EQ(2U, spool.Waiting("one"));
+    EXPECT_TRUE(spool.FlushMemory());
+    EXPECT_EQ(1, heard) << "there is something to deliver";
+    EXPECT_EQ((Lines{"a", "b"}), Bodies(spool, "one"));
+    EXPECT_EQ(2U, spool.Waiting("one"));
+    ASSERT_TRUE(support::IsOk(spool.Confirm("one", SeqOf(spool, "one", 1))));
+    ASSERT_TRUE(spool.Rest());
+    // Nothing waits in it now, so another one has no reason to open it.
+    ASSERT_TRUE(support::IsOk(spool.SetSinks({"one", "two"})));
+    EXPECT_TRUE(spool.FlushMemory());
+    EXPECT_TRUE(spool.IsResting());
+    EXPECT_EQ(0U, spool.Waiting("two"));
+}
+
 TEST_F(EventSpoolFiguresTest, SendersMoveALongLogIntoTheFile) {
     CEventSpool spool;
     ASSERT_TRUE(support::IsOk(spool.Open(m_path, 32 << 20, 3)));
