@@ -88,7 +88,7 @@ void CEventSpool::Close() {
     m_memory.clear();
     // Ignoring failures: then a count is short, or messages come again under the same ids.
     if (m_resting.exchange(false) && (m_unsavedDrops > 0 || m_unsaved)) static_cast<void>(OpenFiles());
-    if (m_unsavedDrops > 0 && NoteDrops(m_unsavedDrops)) m_unsavedDrops = 0;
+    static_cast<void>(SaveDrops());
     if (m_unsaved) static_cast<void>(KeepAndRemove());
     if (m_unsavedDrops == 0 && !m_unsaved && IsEmptied()) MarkSettled();
     CloseFiles();
@@ -587,6 +587,16 @@ bool CEventSpool::NoteDrops(uint64_t count) {
     return note.Done();
 }
 
+bool CEventSpool::SaveDrops() {
+    if (m_unsavedDrops == 0) return true;
+    // The next start has to open a file that has a count.
+    if (m_settled && !m_writer.Execute("PRAGMA user_version=0;")) return false;
+    m_settled = false;
+    if (!NoteDrops(m_unsavedDrops)) return false;
+    m_unsavedDrops = 0;
+    return true;
+}
+
 void CEventSpool::KeepInMemory(const SpoolMessage& message) {
     base::MutexLock lock(m_figuresLock);
     const auto drop = [&]() ZEL_REQUIRES(m_figuresLock) {
@@ -853,8 +863,7 @@ bool CEventSpool::Settle() {
     if (m_resting && !wanted && m_memory.empty() && m_unsavedDrops == 0 && !m_unsaved) return true;
     if (!EnsureOpen()) return false;
     if (!m_memory.empty() && !CommitBatch({})) return false;
-    if (m_unsavedDrops > 0 && !NoteDrops(m_unsavedDrops)) return false;
-    m_unsavedDrops = 0;
+    if (!SaveDrops()) return false;
     if (!m_reserve) TouchReserve();
     base::MutexLock lock(m_readLock);
     if (!m_sinksKept && !KeepSinks()) return false;

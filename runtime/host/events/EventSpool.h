@@ -197,6 +197,8 @@ private:
     bool DropOldest(uint64_t bytes, Change& change);
     /// Adds to the count in the file.
     bool NoteDrops(uint64_t count);
+    /// The same, outside of a transaction, with what is not in it yet. Returns: whether everything is.
+    bool SaveDrops();
     void KeepInMemory(const SpoolMessage& message);
     void ForgetMemory();
     /// Returns: how long the write-ahead log may become.
