@@ -143,6 +143,12 @@ TEST_F(CgroupOomTest, ReportWithoutATransmitIsRefusedWithALine) {
     EXPECT_EQ(Lines({kNullTransmit}), journal());
 }
 
+TEST_F(CgroupOomTest, ReportAfter2038HasTheWholeTime) {
+    platform().now = 5000000000;
+    EXPECT_TRUE(pri().ReportCgroupOomEvent("e", Json::Value(Json::objectValue)));
+    EXPECT_EQ(5000000000, Body()["detect_time"].asInt64());
+}
+
 // --- after a restart ---
 
 TEST_F(CgroupOomTest, RestartCheckNeedsMainAndManagerAndUnifiedMode) {
@@ -311,6 +317,32 @@ TEST_F(CgroupOomTest, HugeCountersAreLoggedInSixtyFourBits) {
                 ::testing::Contains("F3 [MonitorPri] MonitorPri: detected cgroup memory OOM after restart group=[main] "
                                     "parent=0 path=[/cg/main] oomKill=9223372036854775807(+9223372036854775807) "
                                     "oomGroupKill=5000000000(+5000000000)"));
+}
+
+TEST_F(CgroupOomTest, CountersBeyondFourBillionAreComparedWhole) {
+    constexpr int64_t kWide = 1L << 32;
+    const struct {
+        int64_t stored[3], now[3];  // kills, events, kills of groups
+    } cases[] = {
+        {{kWide + 1, kWide + 2, kWide + 3}, {kWide + 8, kWide + 7, kWide + 6}},
+        {{7, 8, 9}, {kWide + 7, 8, 9}},  // one counter alone, by what lower halves do not have
+        {{7, 8, 9}, {7, 8, kWide + 9}},
+        {{7, 8, 9}, {8, kWide + 8, 9}},
+        {{kWide, 8, 9}, {2 * kWide, 8, 9}},
+        {{7, 8, kWide}, {7, 8, 2 * kWide}},
+        {{7, kWide + 20, 9}, {8, kWide + 30, 9}},
+    };
+    for (const auto& c : cases) {
+        Store({Counters("main", false, true, c.stored[0], c.stored[1], c.stored[2])});
+        platform().manager.snapshot.Always({Counters("main", false, true, c.now[0], c.now[1], c.now[2])});
+        platform().sent.clear();
+        pri().CheckSelfCgroupOomAfterRestart();
+        ASSERT_EQ(1u, platform().sent.size()) << c.now[0];
+        const Json::Value item = Body()["items"]["main|/cg/main|v2"];
+        EXPECT_EQ(c.now[0] - c.stored[0], item["oom_kill_delta"].asInt64());
+        EXPECT_EQ(c.now[1] - c.stored[1], item["oom_delta"].asInt64()) << c.now[1];
+        EXPECT_EQ(c.now[2] - c.stored[2], item["oom_group_kill_delta"].asInt64());
+    }
 }
 
 TEST_F(CgroupOomTest, FailedReportAfterRestartIsNotRepeated) {
@@ -605,4 +637,48 @@ TEST_F(CgroupOomTest, PercentSignsInNamesAreTextNotFormat) {
         "F3 [MonitorPri] MonitorPri: cgroup v2 memory OOM group=[%s%n%d] parent=0 path=[/cg/%s%n%d] "
         "oomKill=1(+0) oom=1(+0) oomGroupKill=1(+0)",
         journal()[1]);
+}
+
+TEST_F(CgroupOomTest, RuntimeReportsAfter2038KeepTheirDistance) {
+    constexpr int64_t kWide = 1L << 32;
+    Event event = Counters("main", false, true, 1, 1, 0);
+    event.oom_kill_delta = 1;
+    platform().manager.poll.Always({event});
+    const struct {
+        int64_t now;
+        size_t sent;
+    } cases[] = {
+        {kWide + 5, 1},       {2 * kWide + 5, 2},  // the lower halves are equal
+        {2 * kWide + 10, 2},                       // too soon, though not by the lower half of the last one
+        {2 * kWide + 304, 2}, {2 * kWide + 305, 3},
+    };
+    for (const auto& c : cases) {
+        platform().now = c.now;
+        pri().CheckMultiCgroupOom();
+        EXPECT_EQ(c.sent, platform().sent.size()) << c.now;
+    }
+}
+
+TEST_F(CgroupOomTest, WhileItIsSentTheTimeOfTheReportIsKept) {
+    platform().manager.poll.Always({Counters("guard", false, true, 1, 1, 1)});
+    platform().now = 1700000000;
+    int64_t kept = -1;
+    platform().keepInJournal = [&](const std::string& line) {
+        if (line == kSend) kept = pri().m_lastRuntimeOomReportTime;
+        return true;
+    };
+    pri().CheckMultiCgroupOom();
+    EXPECT_EQ(1700000000, kept);
+    platform().keepInJournal = nullptr;
+}
+
+TEST_F(CgroupOomTest, TheTransmitThatIsAskedForIsTheOneThatSends) {
+    platform().journalTime = true;
+    platform().keepInJournal = [&](const std::string& line) {
+        if (line == "time()") platform().transmitPresent = false;
+        return true;
+    };
+    EXPECT_TRUE(pri().ReportCgroupOomEvent("e", Json::Value(Json::objectValue)));
+    EXPECT_EQ(1u, platform().sent.size());
+    platform().keepInJournal = nullptr;
 }
