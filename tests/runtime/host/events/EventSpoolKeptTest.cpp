@@ -321,6 +321,16 @@ TEST_F(EventSpoolKeptTest, TheyGoSomeAtATime) {
     EXPECT_EQ(Numbers(spool, "fleet"), std::vector<int64_t>{1100});
 }
 
+TEST_F(EventSpoolKeptTest, OneThatGoesMayHaveOthersBehindIt) {
+    CEventSpool spool;
+    OpenKeeping(spool);
+    Append(spool, 1);
+    ConfirmAll(spool, 1);
+    m_now += kWhole;
+    EXPECT_TRUE(spool.RemoveExpired());
+    EXPECT_FALSE(spool.RemoveExpired());
+}
+
 TEST_F(EventSpoolKeptTest, WhatIsKeptIsCountedApart) {
     CEventSpool spool;
     OpenKeeping(spool);
@@ -365,6 +375,7 @@ class EventSpoolSmallDiskTest : public EventSpoolKeptTest {
 protected:
     void SetUp() override {
         if (!m_disk.Missing().empty()) GTEST_SKIP() << m_disk.Missing();
+        m_spool.SetClock([this] { return m_time; });
         ASSERT_TRUE(support::IsOk(m_spool.Open(m_disk / "e.db", CEventSpool::kLeastLogBytes, 8)));
         ASSERT_TRUE(support::IsOk(m_spool.SetSinks({"fleet"}, {"fleet", kTime})));
         Send(500, true);
@@ -382,6 +393,7 @@ protected:
         return refused;
     }
     support::SmallDisk m_disk{8192};
+    CEventSpool::Clock::time_point m_time = CEventSpool::Clock::now();
     CEventSpool m_spool;
     void FillDisk() {
         m_spool.Checkpoint();  // as the delivery has done within the last second
@@ -408,6 +420,18 @@ TEST_F(EventSpoolSmallDiskTest, TheyMakeRoomWhereItIsFullAtOnce) {
     EXPECT_EQ(Send(450, false), 0);
     EXPECT_EQ(m_spool.GetFigures().dropped, 0u);
     EXPECT_EQ(m_spool.Waiting("fleet"), 450u);
+    EXPECT_TRUE(support::Exists(m_disk / "e.db.reserve")) << "they go before it does";
+}
+
+TEST_F(EventSpoolSmallDiskTest, TheyMakeRoomAfterOthersOfThemHaveGone) {
+    m_time += std::chrono::duration_cast<CEventSpool::Clock::duration>(2 * kTime);
+    Send(200, true);
+    while (m_spool.RemoveExpired()) {
+    }
+    ASSERT_EQ(m_spool.GetFigures().kept, 200u) << "the first have gone";
+    FillDisk();
+    EXPECT_EQ(Send(150, false), 0);
+    EXPECT_EQ(m_spool.GetFigures().dropped, 0u);
     EXPECT_TRUE(support::Exists(m_disk / "e.db.reserve")) << "they go before it does";
 }
 

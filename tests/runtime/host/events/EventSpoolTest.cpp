@@ -19,6 +19,7 @@
 #include "events/SlowSync.h"
 #include "events/SpoolMessages.h"
 #include "support/SmallDisk.h"
+#include "support/SqliteCheck.h"
 #include "support/Waiting.h"
 
 using zelhost::CEventSpool;
@@ -628,6 +629,7 @@ TEST_F(EventSpoolTest, FilesThatArePutAsideAreBounded) {
 TEST_F(EventSpoolTest, ASenderForWhomThereIsNoMemoryGetsItsAnswer) {
     CEventSpool spool;
     Open(spool);
+    spool.NoteRefused();
     int answered = 0;
     for (int allocation = 1; allocation <= 60; ++allocation) {
         SpoolMessage message = Message("a");
@@ -641,6 +643,10 @@ TEST_F(EventSpoolTest, ASenderForWhomThereIsNoMemoryGetsItsAnswer) {
     }
     EXPECT_EQ(answered, 60);
     EXPECT_TRUE(spool.Append(Message("b"))) << "and nobody leads for ever";
+    const uint64_t dropped = spool.GetFigures().dropped;
+    EXPECT_GE(dropped, 1u);
+    EXPECT_EQ(support::AskNumber(m_dir / "spool/e.db", "SELECT value FROM facts WHERE name = 'dropped';"),
+              static_cast<int64_t>(dropped));
 }
 
 TEST_F(EventSpoolTest, WithoutMessagesItStaysClosedAtTheStart) {
@@ -773,4 +779,27 @@ TEST_F(EventSpoolTest, WhatIsCountedWhileItRestsIsWrittenDown) {
         Open(next);
         EXPECT_EQ(next.GetFigures().dropped, flushes ? 1u : 2u);
     }
+}
+
+TEST_F(EventSpoolTest, AnEndAtRestOpensNothing) {
+    CEventSpool spool;
+    Open(spool);
+    ASSERT_TRUE(spool.Rest());
+    ASSERT_EQ(0, unlink((m_dir / "spool/e.db").c_str()));
+    spool.Close();
+    EXPECT_FALSE(support::Exists(m_dir / "spool/e.db"));
+}
+
+TEST_F(EventSpoolTest, AFileThatWasTakenAwayNumbersOnBeyond32Bits) {
+    constexpr int64_t kWide = int64_t{1} << 32;
+    CEventSpool spool;
+    Open(spool);
+    EXPECT_EQ("", support::RunStatements(m_dir / "spool/e.db",
+                                         "INSERT INTO sqlite_sequence VALUES('messages', 4294967295);"));
+    ASSERT_TRUE(spool.Append(Message("a")));
+    ASSERT_TRUE(support::IsOk(spool.Confirm("one", kWide)));
+    ASSERT_TRUE(spool.Rest());
+    ASSERT_EQ(0, unlink((m_dir / "spool/e.db").c_str()));
+    ASSERT_TRUE(spool.Append(Message("b")));
+    EXPECT_EQ(Read(spool, "one").at(0).seq, kWide + 1);
 }
