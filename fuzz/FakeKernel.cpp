@@ -212,6 +212,29 @@ void FakeKernel::Use(const std::string& path, int64_t bytes) {
     if (group.files.count("memory.stat") != 0) Put(path, group, "memory.stat", "anon " + std::to_string(bytes) + "\n");
 }
 
+void FakeKernel::Bear(const std::string& group, int pid) {
+    Group& at = m_groups[group];
+    at.processes.insert(pid);
+    ShowProcesses(group, at);
+}
+
+void FakeKernel::Show(const std::string& group, const std::string& file, const std::string& text) {
+    Group& at = m_groups.at(group);
+    at.shown[file];
+    Put(group, at, file, text);
+}
+
+std::string FakeKernel::GroupOf(int pid) const {
+    for (const auto& [path, group] : m_groups) {
+        if (group.processes.count(pid) != 0) return path;
+    }
+    return {};
+}
+
+std::string FakeKernel::WrittenTo(const std::string& group, const std::string& file) const {
+    return m_groups.at(group).shown.at(file);
+}
+
 int FakeKernel::TakeWrite(const std::string& path, const std::string& file, std::string_view value) {
     const auto found = m_groups.find(path);
     if (found == m_groups.end()) return ENODEV;
@@ -221,6 +244,10 @@ int FakeKernel::TakeWrite(const std::string& path, const std::string& file, std:
 
 int FakeKernel::TakeValue(const std::string& path, Group& group, const std::string& file, const std::string& value) {
     if (group.files.count(file) == 0) return ENOENT;
+    if (const auto shown = group.shown.find(file); shown != group.shown.end()) {
+        shown->second = value;
+        return 0;
+    }
     if (file == "cgroup.procs") return MoveProcess(path, group, value);
     if (file == "cgroup.subtree_control") return GiveController(path, group, value);
     int error = EINVAL;

@@ -30,6 +30,14 @@ public:
     /// What others do. Paths are below the root: "" or "/a/b".
     int WriteAs(const std::string& group, const std::string& file, const std::string& value);
     void Use(const std::string& group, int64_t bytes);
+    /// A process that was not there before; 0 is one that this pid namespace does not know.
+    void Bear(const std::string& group, int pid);
+    /// A file of counters in a group that is there: what is written to it is taken and changes nothing.
+    void Show(const std::string& group, const std::string& file, const std::string& text);
+    /// Returns: the group that the process is in; "" is the root.
+    std::string GroupOf(int pid) const;
+    /// Returns: what was written last to a file that was shown.
+    std::string WrittenTo(const std::string& group, const std::string& file) const;
     /// The n-th write from now on fails once.
     void FailWrite(int n, int error) {
         m_failIn = n;
@@ -47,6 +55,7 @@ public:
 private:
     struct Group {
         std::map<std::string, std::string> files;
+        std::map<std::string, std::string> shown;  // of those the counters: what was written to them
         std::set<int> processes;
         std::set<std::string> offered, given;  // version 2: controllers
         int64_t used = 0;

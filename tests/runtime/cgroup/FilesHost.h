@@ -1,0 +1,75 @@
+// A host made of files: a kernel's control groups (FakeKernel), and of /proc where they are mounted, who is in which
+// and whatever a test puts there. The processes are real ones, and so are the marks on the groups.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <string>
+
+#include "AgentTreeFixture.h"
+#include "fuzz/FakeKernel.h"
+#include "kernel/GroupTypes.h"
+
+namespace fileshost {
+
+using zel::cgroup::Version;
+
+/// The layout of a host. One at a time; what was put into /proc goes with it.
+class FilesHost {
+public:
+    /// One hierarchy with both controllers. `mountRoot`: the group that its mount shows.
+    explicit FilesHost(Version version, const std::string& mountRoot = "/", bool swap = true);
+    ~FilesHost();
+    FilesHost(const FilesHost&) = delete;
+    FilesHost& operator=(const FilesHost&) = delete;
+
+    fuzzing::FakeKernel& Kernel() { return *m_kernel; }
+    std::string Mount() const { return m_kernel->Root(); }
+    /// The mount's line; who asks is told of it.
+    void SetMounts(const std::string& lines);
+    std::string MountLine(const std::string& options = "rw") const;
+    /// This text in the place of a file of /proc, for who opens it from now on.
+    static void PutProc(const std::string& path, const std::string& text);
+    /// The file cannot be opened.
+    static void FailProc(const std::string& path, int error);
+    static void ClearProc();
+
+    // For the calls that stand in front of the C library's.
+    static FilesHost* Current();
+    /// Returns: the path of the file to be opened in its place; empty: itself, with `error` 0.
+    std::string Replacement(const std::string& path, int& error);
+    void RenewOwn() const;
+    bool TakeMountNews();
+
+private:
+    std::string GroupsText(int pid) const;
+
+    const Version m_version;
+    const std::string m_mountRoot;
+    std::unique_ptr<fuzzing::FakeKernel> m_kernel;
+    bool m_mountNews = true;
+};
+
+/// What a test of the agent's tree needs on such a host.
+class FilesTree : public testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    /// The host that the test is about; to be called once, first.
+    void Begin(Version version, const std::string& mountRoot = "/", bool swap = true);
+    void End();
+    /// A child of this process, in the group.
+    std::unique_ptr<treetest::Child> Bear(const std::string& group);
+    std::string Tree() const { return "/" + treeName; }
+    std::string Limit(const std::string& group, const std::string& limitFile) const;
+
+    const support::TempDir temp;
+    std::string treeName;
+    std::string file;
+    std::unique_ptr<FilesHost> host;
+};
+
+}  // namespace fileshost
