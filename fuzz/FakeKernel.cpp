@@ -218,6 +218,12 @@ void FakeKernel::Bear(const std::string& group, int pid) {
     ShowProcesses(group, at);
 }
 
+void FakeKernel::End(int pid) {
+    for (auto& [path, group] : m_groups) {
+        if (group.processes.erase(pid) != 0) ShowProcesses(path, group);
+    }
+}
+
 void FakeKernel::Show(const std::string& group, const std::string& file, const std::string& text) {
     Group& at = m_groups.at(group);
     at.shown[file];

@@ -32,6 +32,7 @@ public:
     void Use(const std::string& group, int64_t bytes);
     /// A process that was not there before; 0 is one that this pid namespace does not know.
     void Bear(const std::string& group, int pid);
+    void End(int pid);
     /// A file of counters in a group that is there: what is written to it is taken and changes nothing.
     void Show(const std::string& group, const std::string& file, const std::string& text);
     /// Returns: the group that the process is in; "" is the root.

@@ -48,8 +48,9 @@ Program JudgeProgram(int pid, const std::string& applicationDir) {
 }
 
 std::optional<int> FindStranger(const GroupDir& group) {
-    Result<std::vector<int>> members = group.Processes();
-    if (!members) return 0;
+    size_t unseen = 0;
+    Result<std::vector<int>> members = group.Processes(unseen);
+    if (!members || unseen > 0) return 0;
     if (members->empty()) return std::nullopt;
     const Result<std::string> program = base::ReadOwnProgramPath();
     const std::string directory = CToolUtil::GetApplicationDirPath();

@@ -20,7 +20,8 @@ Program JudgeProgram(int pid, const std::string& applicationDir);
 
 /// Returns: a process in the group that is none of the agent's; empty when all are. The agent's are the family of this
 /// process from the topmost ancestor that runs the same program, processes of that program, and those whose program
-/// lies in the application directory. A group that cannot be read holds a stranger: 0.
+/// lies in the application directory. A group that cannot be read, or that holds a process of another pid namespace,
+/// holds a stranger: 0.
 std::optional<int> FindStranger(const GroupDir& group);
 
 }  // namespace cgroup

@@ -104,11 +104,11 @@ Status RemoveLevel(const Branch& branch, const GroupDir& group, int depth) {
 }
 
 Status CheckIsEmpty(const GroupDir& group, int depth) {
-    Result<std::vector<int>> pids = group.Processes();
-    if (!pids) return pids.GetError();
+    const Result<bool> isUsed = group.HoldsProcesses();
+    if (!isUsed) return isUsed.GetError();
     Result<std::vector<std::string>> children = group.Children();
     if (!children) return children.GetError();
-    if (!pids->empty() || depth > kMaxTreeDepth) return MakeError(ErrorKind::kBusy, "remove", group.Path());
+    if (*isUsed || depth > kMaxTreeDepth) return MakeError(ErrorKind::kBusy, "remove", group.Path());
     for (const std::string& name : *children) {
         Result<GroupDir> child = group.OpenChild(name);
         Status empty = child ? CheckIsEmpty(*child, depth + 1) : Status(child.GetError());
@@ -155,9 +155,9 @@ Status Busy(const GroupDir& tree) {
 
 /// A process may come in between the look and the removal: then it is kept, and looked at the next time.
 bool RemoveIfEmpty(const GroupDir& parent, const OwnChild& child) {
-    Result<std::vector<int>> pids = child.dir.Processes();
+    const Result<bool> isUsed = child.dir.HoldsProcesses();
     Result<std::vector<std::string>> children = child.dir.Children();
-    if (!pids || !pids->empty() || !children || !children->empty()) return false;
+    if (!isUsed || *isUsed || !children || !children->empty()) return false;
     return parent.RemoveChild(child.name).Ok();
 }
 

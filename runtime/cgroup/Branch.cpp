@@ -230,7 +230,8 @@ std::string Branches::PlaceText(Controller controller) const {
     const std::shared_ptr<Branch>& branch = of[controller];
     if (!branch) return errors[controller].Text();
     if (!branch->placement) return branch->error.Text();
-    return branch->hierarchy.reason + ", " + branch->placement->reason;
+    // One hierarchy may serve both.
+    return PlaceOf(controller, branch->GetVersion(), branch->hierarchy.mountPoint) + ", " + branch->placement->reason;
 }
 
 Branches FindBranches() {

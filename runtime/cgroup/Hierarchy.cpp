@@ -71,9 +71,7 @@ Hierarchy FromMount(Controller controller, const CgroupMount& mount, const std::
     out.mountRoot = mount.root;
     out.ownPath = MembershipPath(own, mount.v2 ? "" : ControllerName(controller));
     if (out.ownPath.empty()) out.ownPath = "/";
-    const std::string name = ControllerName(controller);
-    out.reason = mount.v2 ? "controller " + name + " is on the version 2 hierarchy at " + mount.mountPoint
-                          : "controller " + name + " is on a version 1 hierarchy at " + mount.mountPoint;
+    out.reason = PlaceOf(controller, out.version, mount.mountPoint);
     return out;
 }
 
@@ -113,6 +111,12 @@ std::string FindMarkedGroup(const std::string& mountPoint, const std::string& mo
 }
 
 }  // namespace
+
+std::string PlaceOf(Controller controller, Version version, const std::string& mountPoint) {
+    return std::string("controller ") + ControllerName(controller) +
+           (version == Version::kV2 ? " is on the version 2 hierarchy at " : " is on a version 1 hierarchy at ") +
+           mountPoint;
+}
 
 std::string Hierarchy::DirectoryOf(std::string_view groupPath) const {
     std::string relative;

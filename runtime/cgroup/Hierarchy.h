@@ -42,6 +42,9 @@ struct Territory {
     bool Holds(const std::string& groupPath) const;
 };
 
+/// Pure. Returns: one sentence: where the controller is.
+std::string PlaceOf(Controller controller, Version version, const std::string& mountPoint);
+
 /// Pure: candidates in the order in which they are to be tried, best first. When no mount serves, one entry with
 /// Version::kNone and the reason.
 std::vector<Hierarchy> DecideHierarchy(Controller controller, const Layout& layout);

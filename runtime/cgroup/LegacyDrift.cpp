@@ -99,8 +99,9 @@ std::vector<CgroupDrift> LegacyGroup::FindDrifts() {
 
 /// Returns: whether a process is in the group that is neither this one nor started by it.
 bool LegacyGroup::HasOtherMembers() const {
-    Result<std::vector<int>> members = m_group.Processes();
-    if (!members) return true;
+    size_t unseen = 0;
+    Result<std::vector<int>> members = m_group.Processes(unseen);
+    if (!members || unseen > 0) return true;
     const std::vector<ProcessEntry> table = ReadProcessTable();
     return std::any_of(members->begin(), members->end(), [&](int pid) { return !IsBelow(table, pid, Self()); });
 }

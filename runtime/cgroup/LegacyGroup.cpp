@@ -272,10 +272,11 @@ void LegacyGroup::RemoveIfUnused(bool mayLift) const {
             LogLegacy(kLogWarning, __LINE__, "legacy group left behind: " + removed.GetError().Text());
             return;
         }
-        Result<std::vector<int>> members = m_group.Processes();
-        if (members && !members->empty()) {
+        size_t unseen = 0;
+        Result<std::vector<int>> members = m_group.Processes(unseen);
+        if (members && members->size() + unseen > 0) {
             // The last process of the agent lifts the limit: what is left in the group is not ours to hold down.
-            if (mayLift && Foreign().size() == members->size()) LiftForOthers(members->size());
+            if (mayLift && Foreign().size() == members->size()) LiftForOthers(members->size() + unseen);
             return;
         }
         usleep(kRemovePauseUs);

@@ -32,11 +32,11 @@ Error Foreign(const GroupDir& group) {
 /// A group that is there already where ours belongs: an operator has prepared it, or a crash came before its mark. With
 /// whatever is set on it beside our limits it becomes ours, if nobody is in it.
 Result<GroupDir> Adopt(GroupDir group) {
-    Result<std::vector<int>> processes = group.Processes();
-    if (!processes) return processes.GetError();
+    const Result<bool> isUsed = group.HoldsProcesses();
+    if (!isUsed) return isUsed.GetError();
     Result<std::vector<std::string>> children = group.Children();
     if (!children) return children.GetError();
-    if (!processes->empty() || !children->empty()) return Foreign(group);
+    if (*isUsed || !children->empty()) return Foreign(group);
     Status marked = MarkOwn(group);
     if (!marked) return marked.GetError();
     CLogMessage::GetInstance()->log(kLogInfo, "CgroupManager", __LINE__,

@@ -120,11 +120,12 @@ Status CheckMayBeUsed(const Placement& placement) {
     if (given && given->find_first_not_of(" \n") != std::string::npos) return {};
     const std::optional<int> stranger = FindStranger(base);
     if (!stranger) return {};
-    return MakeError(ErrorKind::kNotDelegated, "make groups below", base.Path(),
-                     "this process would get out of the limits there anywhere else, and process " +
-                         std::to_string(*stranger) +
-                         " in it is not the agent's: start the agent in a group of its own below it, or with "
-                         "Delegate=yes");
+    return MakeError(
+        ErrorKind::kNotDelegated, "make groups below", base.Path(),
+        "this process would get out of the limits there anywhere else, and " +
+            (*stranger == 0 ? "a process that cannot be seen from here" : "process " + std::to_string(*stranger)) +
+            " in it is not the agent's: start the agent in a group of its own below it, or with "
+            "Delegate=yes");
 }
 
 /// A delegated group that this mount shows. Version 1: a unit may have no directory of its own in this hierarchy.

@@ -36,6 +36,14 @@ std::vector<int> ParsePids(std::string_view text) {
     return out;
 }
 
+size_t CountUnseenPids(std::string_view text) {
+    size_t count = 0;
+    for (std::string_view word = NextWord(text); !word.empty(); word = NextWord(text)) {
+        if (base::ParseInt(word) == 0) ++count;
+    }
+    return count;
+}
+
 Result<int64_t> ParseNumberOrMax(std::string_view text) {
     std::string_view rest = text;
     const std::string_view word = NextWord(rest);

@@ -1,6 +1,7 @@
 // Pure readers of the texts of control files. Any input is borne: what does not parse is skipped, nothing is trusted.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -24,6 +25,8 @@ std::vector<std::string> ParseWords(std::string_view text);
 
 /// One number per line, such as cgroup.procs. Zero (a process of another pid namespace) and garbage are left out.
 std::vector<int> ParsePids(std::string_view text);
+/// Returns: how many zeros are among them.
+size_t CountUnseenPids(std::string_view text);
 
 /// A decimal number, "max" for -1. Blanks and line ends around it are allowed, nothing else is.
 Result<int64_t> ParseNumberOrMax(std::string_view text);

@@ -326,8 +326,21 @@ Result<std::string> GroupDir::WriteAndReadBack(const char* file, std::string_vie
 }
 
 Result<std::vector<int>> GroupDir::Processes() const {
+    size_t unseen = 0;
+    return Processes(unseen);
+}
+
+Result<bool> GroupDir::HoldsProcesses() const {
+    size_t unseen = 0;
+    const Result<std::vector<int>> pids = Processes(unseen);
+    if (!pids) return pids.GetError();
+    return unseen > 0 || !pids->empty();
+}
+
+Result<std::vector<int>> GroupDir::Processes(size_t& unseen) const {
     Result<std::string> text = Read(kProcsFile);
     if (!text) return text.GetError();
+    unseen = CountUnseenPids(*text);
     std::vector<int> pids = ParsePids(*text);
     // Version 1 may list a process twice while it changes groups.
     std::sort(pids.begin(), pids.end());
@@ -376,9 +389,9 @@ Status GroupDir::CheckMayHoldProcesses() const {
 
 Status GroupDir::CheckHoldsNoProcess(const std::string& operation) const {
     if (IsHierarchyRoot()) return {};
-    Result<std::vector<int>> pids = Processes();
-    if (!pids) return pids.GetError();
-    if (pids->empty()) return {};
+    const Result<bool> holds = HoldsProcesses();
+    if (!holds) return holds.GetError();
+    if (!*holds) return {};
     return ErrnoError(EBUSY, operation, FilePath(v2::kSubtreeControl),
                       WriteHint(EBUSY, v2::kSubtreeControl, m_version));
 }

@@ -72,6 +72,11 @@ public:
 
     /// Processes that are directly in this group, as this process's pid namespace sees them.
     Result<std::vector<int>> Processes() const;
+    /// Returns: whether a process is in it, be it one that this pid namespace has no number for.
+    /// Kernel: version 1 does not list such a one.
+    Result<bool> HoldsProcesses() const;
+    /// The processes, and how many there are beside them without a number.
+    Result<std::vector<int>> Processes(size_t& unseen) const;
     Result<bool> Contains(int pid) const;
     /// Moves a process (all its threads) here and checks that it arrived. A process that ended meanwhile: kNotFound.
     /// Kernel: on version 2 a group that gives controllers to its children holds no process: kBusy, nothing is written.

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <ctime>
 #include <map>
 #include <utility>
 
@@ -22,6 +23,8 @@ ssize_t __real_pread64(int fd, void* data, size_t size, off64_t at);
 ssize_t __wrap_pread64(int fd, void* data, size_t size, off64_t at);
 int __real_poll(struct pollfd* each, nfds_t count, int timeout);
 int __wrap_poll(struct pollfd* each, nfds_t count, int timeout);
+int __real_clock_gettime(clockid_t clock, struct timespec* time);
+int __wrap_clock_gettime(clockid_t clock, struct timespec* time);
 }
 
 namespace fileshost {
@@ -49,6 +52,11 @@ struct Texts {
 Texts& TheTexts() {
     static Texts texts;
     return texts;
+}
+
+std::map<int, int64_t>& TheCpuTimes() {
+    static std::map<int, int64_t> times;
+    return times;
 }
 
 bool IsFile(int fd, const std::string& path) {
@@ -104,6 +112,7 @@ void FilesHost::FailProc(const std::string& path, int error) {
 
 void FilesHost::ClearProc() {
     TheTexts().put.clear();
+    TheCpuTimes().clear();
 }
 
 std::string FilesHost::GroupsText(int pid) const {
@@ -167,12 +176,25 @@ void FilesTree::TearDown() {
 
 void FilesTree::Begin(Version version, const std::string& mountRoot, bool swap) {
     host = std::make_unique<FilesHost>(version, mountRoot, swap);
+    manager = std::make_unique<zel::CCgroupManager>();
+}
+
+void FilesTree::Publish(Version version, const std::string& mountRoot) {
+    Begin(version, mountRoot);
+    ASSERT_TRUE(PublishAgain(500));
+}
+
+bool FilesTree::PublishAgain(int cpu100Times) {
+    return manager->Reconcile(true, true, TotalOf(40, 524288), {GroupOf("main", 0, 0), GroupOf("greedy", 20, 51200)}) &&
+           manager->WriteComponentConfig(
+               file, {QuotaOf("Tervane", "main", 0, 0), QuotaOf("Greedy", "greedy", cpu100Times, 20480)}, 4000, 524288);
 }
 
 void FilesTree::End() {
     std::string error;
     EXPECT_TRUE(zel::RemoveAgentCgroupTree(error)) << error;
     EXPECT_FALSE(support::Exists(host->Mount() + Tree()));
+    manager.reset();
     host.reset();
     unlink(file.c_str());
 }
@@ -183,11 +205,20 @@ std::unique_ptr<treetest::Child> FilesTree::Bear(const std::string& group) {
     return child;
 }
 
-std::string FilesTree::Limit(const std::string& group, const std::string& limitFile) const {
-    return support::ReadValue(host->Mount() + Tree() + (group.empty() ? "" : "/" + group) + "/" + limitFile);
+void SetCpuTime(int pid, int64_t ns) {
+    TheCpuTimes()[pid] = ns;
 }
 
 }  // namespace fileshost
+
+extern "C" int __wrap_clock_gettime(clockid_t clock, struct timespec* time) {
+    const int pid = static_cast<int>(~(clock >> 3));
+    const auto known = fileshost::TheCpuTimes().find(pid);
+    if (clock >= 0 || known == fileshost::TheCpuTimes().end()) return __real_clock_gettime(clock, time);
+    time->tv_sec = known->second / 1000000000;
+    time->tv_nsec = known->second % 1000000000;
+    return 0;
+}
 
 extern "C" int __wrap_openat64(int directory, const char* path, int flags, ...) {
     va_list rest;

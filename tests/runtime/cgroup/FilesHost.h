@@ -53,23 +53,67 @@ private:
     bool m_mountNews = true;
 };
 
+/// The processes' CPU time is this from now on, by process; in nanoseconds.
+void SetCpuTime(int pid, int64_t ns);
+
+inline zel::CgroupGroupConfig GroupOf(const std::string& name, int percent, int memKb) {
+    zel::CgroupGroupConfig out;
+    out.name = name;
+    out.cpuLimitPercent = percent;
+    out.memLimitKB = memKb;
+    out.cpuEnabled = out.memEnabled = true;
+    return out;
+}
+
+inline zel::CgroupTotalLimitConfig TotalOf(int percent, int memKb) {
+    zel::CgroupTotalLimitConfig out;
+    out.cpuEnabled = out.memEnabled = true;
+    out.cpuLimitPercent = percent;
+    out.memLimitKB = memKb;
+    return out;
+}
+
+inline zel::CgroupComponentQuota QuotaOf(const std::string& name, const std::string& group, int cpu, int memKb) {
+    zel::CgroupComponentQuota out;
+    out.name = name;
+    out.cpuGroup = out.memGroup = group;
+    out.cpuQuota100Times = cpu;
+    out.memQuotaKB = memKb;
+    return out;
+}
+
+/// A layout that a table of cases goes through.
+struct Where {
+    Version version;
+    std::string mountRoot;
+    std::string Text() const { return (version == Version::kV2 ? "v2 at " : "v1 at ") + mountRoot; }
+};
+inline const Where kEverywhere[] = {
+    {Version::kV1, "/"}, {Version::kV2, "/"}, {Version::kV1, "/outer/one"}, {Version::kV2, "/outer/one"}};
+
 /// What a test of the agent's tree needs on such a host.
 class FilesTree : public testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
-    /// The host that the test is about; to be called once, first.
+    /// The host that the test is about; once more after End.
     void Begin(Version version, const std::string& mountRoot = "/", bool swap = true);
     void End();
+    /// The groups main and greedy, with a component in each: Tervane and Greedy.
+    void Publish(Version version, const std::string& mountRoot = "/");
+    bool PublishAgain(int cpu100Times);
     /// A child of this process, in the group.
     std::unique_ptr<treetest::Child> Bear(const std::string& group);
     std::string Tree() const { return "/" + treeName; }
-    std::string Limit(const std::string& group, const std::string& limitFile) const;
+    std::string Value(const std::string& group, const std::string& limitFile) const {
+        return support::ReadValue(host->Mount() + group + "/" + limitFile);
+    }
 
     const support::TempDir temp;
     std::string treeName;
     std::string file;
     std::unique_ptr<FilesHost> host;
+    std::unique_ptr<zel::CCgroupManager> manager;
 };
 
 }  // namespace fileshost

@@ -27,41 +27,8 @@ const std::string kMemoryText =
     "some avg10=4.00 avg60=5.00 avg300=6.00 total=7000000001\n"
     "full avg10=7.00 avg60=8.00 avg300=9.00 total=8000000001\n";
 
-zel::CgroupGroupConfig GroupOf(const std::string& name, int percent, int memKb) {
-    zel::CgroupGroupConfig out;
-    out.name = name;
-    out.cpuLimitPercent = percent;
-    out.memLimitKB = memKb;
-    out.cpuEnabled = out.memEnabled = true;
-    return out;
-}
-
-zel::CgroupTotalLimitConfig TotalOf(int percent, int memKb) {
-    zel::CgroupTotalLimitConfig out;
-    out.cpuEnabled = out.memEnabled = true;
-    out.cpuLimitPercent = percent;
-    out.memLimitKB = memKb;
-    return out;
-}
-
-zel::CgroupComponentQuota QuotaOf(const std::string& name, const std::string& group, int cpu, int memKb) {
-    zel::CgroupComponentQuota out;
-    out.name = name;
-    out.cpuGroup = out.memGroup = group;
-    out.cpuQuota100Times = cpu;
-    out.memQuotaKB = memKb;
-    return out;
-}
-
 class FilesPressureTest : public FilesTree {
 protected:
-    void Publish(Version version, const std::string& mountRoot = "/") {
-        Begin(version, mountRoot);
-        ASSERT_TRUE(
-            manager.Reconcile(true, true, TotalOf(40, 524288), {GroupOf("main", 0, 0), GroupOf("greedy", 20, 51200)}));
-        ASSERT_TRUE(manager.WriteComponentConfig(
-            file, {QuotaOf("Tervane", "main", 0, 0), QuotaOf("Greedy", "greedy", 500, 20480)}, 4000, 524288));
-    }
     void ShowPressure(const std::string& group) {
         host->Kernel().Show(Tree() + group, "cpu.pressure", kCpuText);
         host->Kernel().Show(Tree() + group, "memory.pressure", kMemoryText);
@@ -77,8 +44,6 @@ protected:
         return {};
     }
     std::string Leaf() const { return host->Mount() + Tree() + "/greedy/Greedy"; }
-
-    zel::CCgroupManager manager;
 };
 
 std::vector<std::string> Found(const zel::CgroupPressureLook& look) {
@@ -128,13 +93,13 @@ TEST_F(FilesPressureTest, AFileThatIsGoneIsAwaitedWhileTheTreeIsUsed) {
     zel::CgroupPressureLook look = zel::FindCgroupPressure();
     EXPECT_TRUE(look.whole) << "nobody is in the tree";
     EXPECT_EQ("", look.problem);
-    ASSERT_TRUE(manager.AddPidToGroup("main", getpid()));
+    ASSERT_TRUE(manager->AddPidToGroup("main", getpid()));
     look = zel::FindCgroupPressure();
     EXPECT_FALSE(look.whole);
     EXPECT_THAT(look.problem, HasSubstr(file));
     EXPECT_THAT(look.found, IsEmpty());
-    ASSERT_TRUE(manager.RemovePidFromGroup("main", getpid()));
-    ASSERT_TRUE(manager.WriteDisabledConfig(file));
+    ASSERT_TRUE(manager->RemovePidFromGroup("main", getpid()));
+    ASSERT_TRUE(manager->WriteDisabledConfig(file));
     look = zel::FindCgroupPressure();
     EXPECT_TRUE(look.whole);
     EXPECT_EQ("", look.problem);
