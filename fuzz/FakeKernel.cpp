@@ -159,6 +159,21 @@ void FakeKernel::AddControllerFiles(const std::string& path, Group& group, const
         Put(path, group, "memory.limit_in_bytes", std::to_string(kUnlimitedV1) + "\n");
         if (m_swap) Put(path, group, "memory.memsw.limit_in_bytes", std::to_string(kUnlimitedV1) + "\n");
     }
+    AddCounters(path, group, controller);
+}
+
+void FakeKernel::AddCounters(const std::string& path, Group& group, const std::string& controller) {
+    using Counters = std::vector<std::pair<const char*, const char*>>;
+    const bool isV2 = m_version == Version::kV2;
+    const Counters cpu = {{"cpu.stat", isV2 ? "usage_usec 0\n" : "nr_periods 0\nnr_throttled 0\nthrottled_time 0\n"}};
+    const Counters memory = isV2 ? Counters{{"memory.events", "max 0\noom 0\noom_kill 0\n"}, {"memory.current", "0\n"}}
+                                 : Counters{{"memory.oom_control", "oom_kill_disable 0\nunder_oom 0\noom_kill 0\n"},
+                                            {"memory.usage_in_bytes", "0\n"},
+                                            {"memory.failcnt", "0\n"}};
+    for (const auto& [file, text] : controller == "cpu" ? cpu : memory) {
+        group.shown[file];
+        Put(path, group, file, text);
+    }
 }
 
 void FakeKernel::DropControllerFiles(const std::string& path, Group& group, const std::string& controller) {
@@ -244,6 +259,7 @@ std::string FakeKernel::WrittenTo(const std::string& group, const std::string& f
 int FakeKernel::TakeWrite(const std::string& path, const std::string& file, std::string_view value) {
     const auto found = m_groups.find(path);
     if (found == m_groups.end()) return ENODEV;
+    ++m_writes;
     if (m_failIn > 0 && --m_failIn == 0) return m_failWith;
     return TakeValue(path, found->second, file, std::string(value));
 }

@@ -35,6 +35,8 @@ public:
     void End(int pid);
     /// A file of counters in a group that is there: what is written to it is taken and changes nothing.
     void Show(const std::string& group, const std::string& file, const std::string& text);
+    /// Returns: how many writes there were, failed ones included; what others do is none.
+    int Writes() const { return m_writes; }
     /// Returns: the group that the process is in; "" is the root.
     std::string GroupOf(int pid) const;
     /// Returns: what was written last to a file that was shown.
@@ -68,6 +70,8 @@ private:
     int TakeV1Cpu(const std::string& path, Group& group, const std::string& file, const std::string& value);
     int TakeMemory(Group& group, const std::string& file, const std::string& value);
     void AddControllerFiles(const std::string& path, Group& group, const std::string& controller);
+    /// What nobody writes to.
+    void AddCounters(const std::string& path, Group& group, const std::string& controller);
     void DropControllerFiles(const std::string& path, Group& group, const std::string& controller);
     void Put(const std::string& path, Group& group, const std::string& file, const std::string& text);
     void ShowProcesses(const std::string& path, Group& group);
@@ -79,6 +83,7 @@ private:
     const bool m_swap;
     const std::string m_root;
     std::map<std::string, Group> m_groups;  // by path below the root
+    int m_writes = 0;
     int m_failIn = 0;
     int m_failWith = 0;
 };

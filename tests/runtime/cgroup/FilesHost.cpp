@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <ctime>
 #include <map>
@@ -128,6 +129,33 @@ void FilesHost::RenewOwn() const {
     EXPECT_TRUE(written);
 }
 
+void FilesHost::NoteOpened(int fd) {
+    char path[PATH_MAX] = {};
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    struct stat info {};
+    if (readlink(link.c_str(), path, sizeof path - 1) <= 0 || fstat(fd, &info) != 0) return;
+    const std::string text = path;
+    if (text.compare(0, Mount().size(), Mount()) != 0) return;
+    const std::string below = text.size() == Mount().size() ? "." : text.substr(Mount().size() + 1);
+    ++m_opens[below + (S_ISDIR(info.st_mode) ? "/" : "")];
+}
+
+std::vector<std::string> FilesHost::Opens(bool directories) const {
+    std::vector<std::string> out;
+    for (const auto& [path, count] : m_opens) {
+        if ((path.back() == '/') == directories) out.push_back(path + " " + std::to_string(count));
+    }
+    return out;
+}
+
+std::vector<std::string> FilesHost::OpenedAgain() const {
+    std::vector<std::string> out;
+    for (const auto& [path, count] : m_opens) {
+        if (path.back() != '/' && count > 1) out.push_back(path + " " + std::to_string(count));
+    }
+    return out;
+}
+
 bool FilesHost::TakeMountNews() {
     return std::exchange(m_mountNews, false);
 }
@@ -226,14 +254,15 @@ extern "C" int __wrap_openat64(int directory, const char* path, int flags, ...) 
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
     va_end(rest);
     fileshost::FilesHost* const host = fileshost::FilesHost::Current();
-    if (host == nullptr || path[0] != '/') return __real_openat64(directory, path, flags, mode);
     int error = 0;
-    const std::string other = host->Replacement(path, error);
+    const std::string other = host != nullptr && path[0] == '/' ? host->Replacement(path, error) : std::string();
     if (error != 0) {
         errno = error;
         return -1;
     }
-    return __real_openat64(directory, other.empty() ? path : other.c_str(), flags, mode);
+    const int fd = __real_openat64(directory, other.empty() ? path : other.c_str(), flags, mode);
+    if (host != nullptr && fd >= 0) host->NoteOpened(fd);
+    return fd;
 }
 
 extern "C" ssize_t __wrap_pread64(int fd, void* data, size_t size, off64_t at) {

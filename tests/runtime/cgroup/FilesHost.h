@@ -5,9 +5,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "AgentTreeFixture.h"
 #include "fuzz/FakeKernel.h"
@@ -36,6 +38,14 @@ public:
     /// The file cannot be opened.
     static void FailProc(const std::string& path, int error);
     static void ClearProc();
+    /// From now on the opens below the mount are counted.
+    void BeginCount() { m_opens.clear(); }
+    /// Returns: how often each was opened since then, by its path below the mount ("." is the root) and in its order;
+    /// of files only, or of directories only.
+    std::vector<std::string> Opens(bool directories) const;
+    /// Returns: the files that were opened more than once, with how often.
+    std::vector<std::string> OpenedAgain() const;
+    void NoteOpened(int fd);
 
     // For the calls that stand in front of the C library's.
     static FilesHost* Current();
@@ -51,6 +61,7 @@ private:
     const std::string m_mountRoot;
     std::unique_ptr<fuzzing::FakeKernel> m_kernel;
     bool m_mountNews = true;
+    std::map<std::string, int> m_opens;  // by path below the mount, that of a directory with '/' at its end
 };
 
 /// The processes' CPU time is this from now on, by process; in nanoseconds.
