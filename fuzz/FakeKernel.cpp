@@ -260,8 +260,19 @@ int FakeKernel::TakeWrite(const std::string& path, const std::string& file, std:
     const auto found = m_groups.find(path);
     if (found == m_groups.end()) return ENODEV;
     ++m_writes;
-    if (m_failIn > 0 && --m_failIn == 0) return m_failWith;
-    return TakeValue(path, found->second, file, std::string(value));
+    const bool fails = m_failIn > 0 && --m_failIn == 0;
+    const int error = fails ? m_failWith : TakeValue(path, found->second, file, std::string(value));
+    return Note(path + "/" + file + "=" + std::string(value), error);
+}
+
+int FakeKernel::TakeChange(const std::string& group, bool make) {
+    return Note((make ? "+" : "-") + group, make ? MakeGroup(group) : RemoveGroup(group));
+}
+
+int FakeKernel::Note(const std::string& what, int error) {
+    constexpr size_t kMost = 4096;
+    if (m_journal.size() < kMost) m_journal.push_back(what + (error == 0 ? "" : " !" + std::to_string(error)));
+    return error;
 }
 
 int FakeKernel::TakeValue(const std::string& path, Group& group, const std::string& file, const std::string& value) {
@@ -407,7 +418,7 @@ extern "C" int __wrap_mkdirat(int fd, const char* path, mode_t mode) {
     std::string group;
     fuzzing::FakeKernel* kernel = fuzzing::FakeKernel::OfDirectory(fd, group);
     if (kernel == nullptr) return __real_mkdirat(fd, path, mode);
-    errno = kernel->MakeGroup(group + "/" + path);
+    errno = kernel->TakeChange(group + "/" + path, true);
     return errno == 0 ? 0 : -1;
 }
 
@@ -415,6 +426,6 @@ extern "C" int __wrap_unlinkat(int fd, const char* path, int flags) {
     std::string group;
     fuzzing::FakeKernel* kernel = fuzzing::FakeKernel::OfDirectory(fd, group);
     if (kernel == nullptr) return __real_unlinkat(fd, path, flags);
-    errno = kernel->RemoveGroup(group + "/" + path);
+    errno = kernel->TakeChange(group + "/" + path, false);
     return errno == 0 ? 0 : -1;
 }

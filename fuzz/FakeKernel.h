@@ -10,6 +10,8 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "kernel/GroupTypes.h"
 #include "support/Files.h"
@@ -35,6 +37,9 @@ public:
     void End(int pid);
     /// A file of counters in a group that is there: what is written to it is taken and changes nothing.
     void Show(const std::string& group, const std::string& file, const std::string& text);
+    /// Returns: what was written, made and removed since the last call, in its order: "/a/cpu.max=max", "+/a", "-/a";
+    /// what was refused has its errno behind it. What others do is not in it.
+    std::vector<std::string> TakeJournal() { return std::exchange(m_journal, {}); }
     /// Returns: how many writes there were, failed ones included; what others do is none.
     int Writes() const { return m_writes; }
     /// Returns: the group that the process is in; "" is the root.
@@ -51,6 +56,8 @@ public:
     static FakeKernel* Of(int fd, std::string& group, std::string& file);
     static FakeKernel* OfDirectory(int fd, std::string& group);
     int TakeWrite(const std::string& group, const std::string& file, std::string_view value);
+    /// MakeGroup or RemoveGroup for these calls.
+    int TakeChange(const std::string& group, bool make);
     int MakeGroup(const std::string& group);
     int RemoveGroup(const std::string& group);
     zel::cgroup::Version GetVersion() const { return m_version; }
@@ -63,6 +70,7 @@ private:
         std::set<std::string> offered, given;  // version 2: controllers
         int64_t used = 0;
     };
+    int Note(const std::string& what, int error);
     int TakeValue(const std::string& path, Group& group, const std::string& file, const std::string& value);
     int MoveProcess(const std::string& path, Group& group, const std::string& value);
     int GiveController(const std::string& path, Group& group, const std::string& value);
@@ -84,6 +92,7 @@ private:
     const std::string m_root;
     std::map<std::string, Group> m_groups;  // by path below the root
     int m_writes = 0;
+    std::vector<std::string> m_journal;
     int m_failIn = 0;
     int m_failWith = 0;
 };

@@ -15,6 +15,8 @@
 #include <map>
 #include <utility>
 
+#include "base/Fd.h"
+#include "base/FileIo.h"
 #include "support/Files.h"
 
 extern "C" {
@@ -187,6 +189,8 @@ void FilesTree::SetUp() {
     if (setxattr(temp.Path().c_str(), "trusted.zel.test", "1", 1, 0) != 0) {
         GTEST_SKIP() << "SKIP direct: the file system takes no trusted attributes";
     }
+    const base::Fd directory(open(temp.Path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!base::OpenDetachedView(directory.Get())) GTEST_SKIP() << "SKIP direct: no view of a directory is given here";
     static int number = 0;
     treeName = "zel.files." + std::to_string(getpid()) + "." + std::to_string(++number);
     ASSERT_EQ(0, mkdir((temp / "conf").c_str(), 0750));
