@@ -2,6 +2,7 @@
 #include "ObservedBook.h"
 
 #include <algorithm>
+#include <climits>
 #include <utility>
 
 namespace zel {
@@ -79,7 +80,9 @@ void ObservedBook::CountCpu(Account& account, int64_t cpuNs, int64_t elapsedNs) 
     account.elapsedNs += elapsedNs;
     shown.observedMs = account.elapsedNs / kNsPerMs;
     shown.figures.cpuMs = account.cpuNs / kNsPerMs;
-    shown.peakCpu100Times = std::max(shown.peakCpu100Times, static_cast<int>(cpuNs * kWhole / elapsedNs));
+    // One that is seen late brings the time of its whole life.
+    const __int128 now = static_cast<__int128>(cpuNs) * kWhole / elapsedNs;
+    shown.peakCpu100Times = std::max(shown.peakCpu100Times, static_cast<int>(std::min<__int128>(now, INT_MAX)));
     const int64_t limit = shown.figures.cpuLimit100Times;
     if (limit == 0) return;
     const int64_t allowedNs = elapsedNs / kWhole * limit;

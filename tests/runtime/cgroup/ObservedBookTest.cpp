@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 
 #include "Observation.h"
 
@@ -45,6 +46,12 @@ TEST_F(ObservedBookTest, QuotaHoldsWhatIsAboveItForTheRestOfTheTime) {
     EXPECT_EQ(1100, Of("g/A").figures.cpuMs);
     EXPECT_EQ(10000, Of("g/A").peakCpu100Times);
     EXPECT_EQ(2000, Of("g/A").observedMs);
+}
+
+TEST_F(ObservedBookTest, MoreTimeThanCanBeIsTheMost) {
+    Look(2000000000000, 0, 0, 1000);  // a process of many years, seen for the first time
+    EXPECT_EQ(INT_MAX, Of("g/A").peakCpu100Times);
+    EXPECT_EQ(2000000000000, Of("g/A").figures.cpuMs);
 }
 
 TEST_F(ObservedBookTest, FirstLookSaysNothingOfTheCpu) {
