@@ -25,7 +25,6 @@ constexpr int64_t kClockSeconds = 30;
 constexpr int64_t kSilentFleetSeconds = 180;
 constexpr int64_t kMsPerSecond = 1000;
 constexpr int64_t kMostNumber = int64_t{1} << 60;
-constexpr double kMostTime = 1e11;
 constexpr uint64_t kEqualFrom = 2010027;  // 2.10.27: older ones may differ without their leader knowing
 
 int64_t WholeIn(const Json::Value& object, const char* key) {
@@ -38,8 +37,7 @@ uint64_t CountIn(const Json::Value& object, const char* key) {
 }
 
 double TimeIn(const Json::Value& object, const char* key) {
-    const Json::Value& value = object[key];
-    return value.isNumeric() ? std::clamp(value.asDouble(), 0.0, kMostTime) : 0;
+    return BrokerTimeIn(object[key]);
 }
 
 std::string TextIn(const Json::Value& object, const char* key) {

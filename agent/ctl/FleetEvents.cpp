@@ -29,7 +29,6 @@ constexpr int64_t kUsualSeconds = 3600;
 constexpr size_t kMostTextBytes = 1000;
 constexpr size_t kMostHostBytes = 256;
 constexpr size_t kMostIdBytes = 64;
-constexpr double kMostTime = 1e11;
 
 /// The host's part of "zel.events.<host>.<process>"; empty where it is no such subject.
 std::string KeyOf(const std::string& subject) {
@@ -207,7 +206,7 @@ bool FleetEventReader::Take(const Json::Value& item, const OnEvent& onEvent) {
         return true;
     }
     event.host = ShortText(fleet::NameOfKey(event.key), kMostHostBytes);
-    event.storedAt = item["time"].isNumeric() ? std::clamp(item["time"].asDouble(), 0.0, kMostTime) : 0;
+    event.storedAt = BrokerTimeIn(item["time"]);
     const std::string payload = TextIn(item, "payload");
     for (size_t at = 0; at < payload.size();) {
         const size_t end = std::min(payload.find('\n', at), payload.size());

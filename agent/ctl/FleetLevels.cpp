@@ -112,7 +112,7 @@ LevelEntry TakeLevel(const std::string& level, const Json::Value& item) {
     if (!item.isObject()) return entry;
     if (item["key"].isString()) entry.level = item["key"].asString();
     if (item["revision"].isUInt64()) entry.revision = item["revision"].asUInt64();
-    if (item["time"].isNumeric()) entry.time = item["time"].asDouble();
+    entry.time = BrokerTimeIn(item["time"]);
     const bool isDeleted = item["deleted"].isBool() && item["deleted"].asBool();
     if (!isDeleted && item["value"].isString()) entry.text = item["value"].asString();
     entry.isCut = item["cut"].isBool() && item["cut"].asBool();

@@ -28,7 +28,6 @@ constexpr size_t kMostLevels = 200;  ///< keys of which the changes are read
 constexpr size_t kMostChanges = 2000;
 constexpr size_t kMostChangeBytes = 300;
 constexpr size_t kMostLevelBytes = 256;
-constexpr double kMostTime = 1e11;
 
 /// A key of the configuration as the list or the history has it.
 struct LevelPut {
@@ -43,7 +42,7 @@ LevelPut PutOf(const Json::Value& item) {
     LevelPut put;
     if (item["key"].isString()) put.key = item["key"].asString();
     if (item["revision"].isUInt64()) put.revision = item["revision"].asUInt64();
-    if (item["time"].isNumeric()) put.time = static_cast<int64_t>(std::clamp(item["time"].asDouble(), 0.0, kMostTime));
+    put.time = static_cast<int64_t>(BrokerTimeIn(item["time"]));
     put.isDeleted = item["deleted"].isBool() && item["deleted"].asBool();
     if (item["value"].isString()) put.value = item["value"].asString();
     return put;

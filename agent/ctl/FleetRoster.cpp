@@ -19,10 +19,6 @@ constexpr size_t kMostFindingBytes = 300;
 constexpr int64_t kMsPerSecond = 1000;
 constexpr double kMostTime = 1e11;  // seconds since the epoch, far beyond any clock
 
-double TimeIn(const Json::Value& value) {
-    return value.isNumeric() ? std::clamp(value.asDouble(), 0.0, kMostTime) : 0;
-}
-
 std::string AgeText(int64_t seconds) {
     return HumanDuration(std::max<int64_t>(0, seconds) * kMsPerSecond);
 }
@@ -100,6 +96,10 @@ std::vector<std::string> NotesOf(const FleetRow& row) {
 
 }  // namespace
 
+double BrokerTimeIn(const Json::Value& value) {
+    return value.isNumeric() ? std::clamp(value.asDouble(), 0.0, kMostTime) : 0;
+}
+
 const char* NameOf(HostStanding standing) {
     return kHostStandingNames[static_cast<size_t>(standing)];
 }
@@ -110,7 +110,7 @@ void FleetRoster::Take(const Json::Value& item) {
     FleetRow row;
     row.key = ShortText(key.asString(), kMostKeyBytes);
     row.name = row.key;
-    row.storedAt = TimeIn(item["time"]);
+    row.storedAt = BrokerTimeIn(item["time"]);
     row.revision = item["revision"].isUInt64() ? item["revision"].asUInt64() : 0;
     row.isDeleted = item["deleted"].isBool() && item["deleted"].asBool();
     const base::Result<HostState> state = ParseHostState(item["value"].isString() ? item["value"].asString() : "");

@@ -45,6 +45,10 @@ struct BrokerTime {
     int64_t consoleAhead = 0;  ///< seconds that this console's clock is later than that
 };
 
+/// A time by the broker as JSON has it, in seconds since the epoch. Returns: one that fits whole seconds of 64 bits,
+/// the nearest where it is beyond; 0 where it is no number.
+double BrokerTimeIn(const Json::Value& value);
+
 /// Thread-safety: one thread.
 class FleetRoster {
 public:

@@ -150,7 +150,22 @@ TEST(FleetLevelsTest, EntriesOfAnotherFormAreEmpty) {
     const LevelEntry entry = TakeLevel("all", odd);
     EXPECT_EQ(entry.level, "all");
     EXPECT_EQ(entry.revision, 0u);
+    EXPECT_EQ(entry.time, 0);
     EXPECT_FALSE(entry.text.has_value());
+}
+
+// A number beyond a whole one of 64 bits is another time on each kind of processor.
+TEST(FleetLevelsTest, ATimeBeyondAnyClockIsTheLatestOne) {
+    struct Case {
+        Json::Value told;
+        double time;
+    };
+    for (const Case& each : {Case{1e300, 1e11}, Case{-1e300, 0}, Case{-0.5, 0}, Case{1.5e9, 1.5e9}, Case{1e11, 1e11},
+                             Case{Json::UInt64(UINT64_MAX), 1e11}, Case{7, 7}, Case{Json::nullValue, 0}}) {
+        Json::Value item(Json::objectValue);
+        item["time"] = each.told;
+        EXPECT_EQ(TakeLevel("all", item).time, each.time) << each.told;
+    }
 }
 
 }  // namespace

@@ -2,12 +2,18 @@
 #include "kernel/LimitUnits.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdint>
 
 using namespace zel::cgroup;
 
 namespace {
+
+/// Of this kernel: 4 KB, or 16 or 64 where one of arm64 was built so.
+int64_t PageSize() {
+    return sysconf(_SC_PAGESIZE);
+}
 
 TEST(LimitUnitsTest, QuotaFollowsTheTable) {
     struct Case {
@@ -75,9 +81,9 @@ TEST(LimitUnitsTest, NothingAskedForIsNoLimit) {
 }
 
 TEST(LimitUnitsTest, LessThanAPageIsOnePageAndNoLimitOfNothing) {
-    for (int64_t kb = 1; kb < 4; ++kb) {
+    for (int64_t kb = 1; kb < PageSize() / 1024; ++kb) {
         const Limit limit = LimitFromAmount(Controller::kMemory, kb);
-        EXPECT_GE(limit.bytes, 4096) << kb;
+        EXPECT_EQ(limit.bytes, PageSize()) << kb;
         EXPECT_EQ(limit.bytes / 1024, AmountOf(Controller::kMemory, limit)) << kb;
     }
 }
@@ -95,8 +101,10 @@ TEST(LimitUnitsTest, UnlimitedQuotasAreEqualWhateverTheirPeriod) {
 }
 
 TEST(LimitUnitsTest, MemoryIsRoundedDownToPages) {
-    EXPECT_EQ(0, PageRoundDown(4095));
-    EXPECT_EQ(0, PageRoundDown(65536) % 65536);
+    EXPECT_EQ(0, PageRoundDown(PageSize() - 1));
+    EXPECT_EQ(PageSize(), PageRoundDown(PageSize()));
+    EXPECT_EQ(PageSize(), PageRoundDown(2 * PageSize() - 1));
+    EXPECT_EQ(3 * PageSize(), PageRoundDown(3 * PageSize() + 1));
     EXPECT_EQ(kUnlimited, PageRoundDown(kUnlimited));
     EXPECT_EQ(1024, BytesFromKb(1));
     EXPECT_EQ(kUnlimited, BytesFromKb(0));
@@ -108,7 +116,7 @@ TEST(LimitUnitsTest, MemoryIsRoundedDownToPages) {
 TEST(LimitUnitsTest, SwapLimitLeavesNoneOnEitherVersion) {
     EXPECT_EQ(kUnlimited, SwapLimitFor(Version::kV1, kUnlimited));
     EXPECT_EQ(kUnlimited, SwapLimitFor(Version::kV2, kUnlimited));
-    EXPECT_EQ((64 << 20) + 4096, SwapLimitFor(Version::kV1, 64 << 20));
+    EXPECT_EQ((64 << 20) + PageSize(), SwapLimitFor(Version::kV1, 64 << 20));
     EXPECT_EQ(0, SwapLimitFor(Version::kV2, 64 << 20));
 }
 

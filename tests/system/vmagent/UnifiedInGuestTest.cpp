@@ -1,6 +1,7 @@
 // One group per component, as the guest's kernel has it: the numbers of the tables, the change of the maxima, a main
 // process that dies, and a clean end.
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -25,7 +26,11 @@ struct Budget {
     int64_t LeafCpu(int64_t groupShare, int64_t share) const { return GroupCpu(groupShare) * share / 10000; }
     int64_t LeafMemory(int64_t tableKb) const { return Pages(tableKb * memoryMb / 200); }
     int64_t ParentMemory() const { return Pages(memoryMb * 1024 * 3 / 2); }
-    static int64_t Pages(int64_t kb) { return kb / 4 * 4; }  // the kernel counts in whole pages
+    /// The kernel counts in whole pages, which are of 4 KB or, as some for arm64 are built, of 16 or 64.
+    static int64_t Pages(int64_t kb) {
+        const int64_t page = sysconf(_SC_PAGESIZE) / 1024;
+        return kb / page * page;
+    }
 };
 
 class UnifiedInGuest : public AgentInGuest {

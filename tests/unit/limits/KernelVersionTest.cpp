@@ -43,13 +43,16 @@ TEST(KernelVersionTest, ReadsTheNumbersOfARelease) {
         {"4.9.151-014.x86_64", true, 4, 9, 151, 14},
         {"5.4.0-150-generic", true, 5, 4, 0, 150},  // the second piece alone
         {"6.1.0-13-cloud-amd64", true, 6, 1, 0, 13},
-        {"5.10.0", true, 5, 10, 0, 0},  // no build
+        {"6.1.0-13-cloud-arm64", true, 6, 1, 0, 13},
+        {"6.12.43+deb13-arm64-16k", true, 6, 12, 43, 0},  // the page size of its kernel is no build
+        {"5.10.0", true, 5, 10, 0, 0},                    // no build
         {"5.10.0+", true, 5, 10, 0, 0},
         {"5.10.0-", true, 5, 10, 0, 0},     // empty build
         {"5.10.0-rc1", true, 5, 10, 0, 0},  // a build that is no number
         {"5.10.0-.7", true, 5, 10, 0, 0},
         {"5.10.0-7", true, 5, 10, 0, 7},
         {"3.10.0-1160.el7.x86_64", true, 3, 10, 0, 1160},
+        {"5.14.0-503.el9.aarch64+64k", true, 5, 14, 0, 503},
         {"4.300.2-1", true, 4, 300, 2, 1},
     };
     for (const ReleaseCase& c : cases) {
