@@ -423,7 +423,7 @@ TEST_F(EventSpoolSmallDiskTest, TheyMakeRoomWhereItIsFullAtOnce) {
     EXPECT_TRUE(support::Exists(m_disk / "e.db.reserve")) << "they go before it does";
 }
 
-TEST_F(EventSpoolSmallDiskTest, TheyMakeRoomAfterOthersOfThemHaveGone) {
+TEST_F(EventSpoolSmallDiskTest, TheyMakeRoomAfterOthersHaveGone) {
     m_time += std::chrono::duration_cast<CEventSpool::Clock::duration>(2 * kTime);
     Send(200, true);
     while (m_spool.RemoveExpired()) {
