@@ -827,7 +827,11 @@ bool CEventSpool::Append(SpoolMessage message) {
     }
     lock.unlock();
     base::MutexLock figures(m_figuresLock);
-    ++(request.durable ? m_figures.accepted : m_figures.refused);
+    if (request.durable) {
+        ++m_figures.accepted;
+    } else {
+        ++m_figures.refused;
+    }
     return request.durable;
 }
 

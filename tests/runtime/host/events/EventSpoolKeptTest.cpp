@@ -430,7 +430,7 @@ TEST_F(EventSpoolSmallDiskTest, TheyMakeRoomAfterOthersHaveGone) {
     }
     ASSERT_EQ(m_spool.GetFigures().kept, 200u) << "the first have gone";
     FillDisk();
-    EXPECT_EQ(Send(150, false), 0);
+    EXPECT_EQ(Send(300, false), 0);
     EXPECT_EQ(m_spool.GetFigures().dropped, 0u);
     EXPECT_TRUE(support::Exists(m_disk / "e.db.reserve")) << "they go before it does";
 }
