@@ -139,10 +139,23 @@ public:
         const bool may = MayLimit(path, controller, limit);
         if (!may) Require(!applied.Ok(), "what the kernel does not take is told");
         if (may && !faults) Require(applied.Ok(), "what the kernel takes is in force");
+        // Refused, and the way back failed as well: what stands is seen by the next look.
+        if (!applied && !may && faults) return TakeOver(path, controller);
         if (!applied) return;
         row.amount[controller] = AmountOf(controller, limit);
         if (controller == Controller::kCpu) row.share = limit.cpu;
         if (controller == Controller::kMemory) row.swapKb = SwapFor(row.amount.memory);
+    }
+
+    void TakeOver(const std::string& path, Controller controller) {
+        Row& row = m_rows[path];
+        const Result<zel::cgroup::Limit> now = ReadLimit(controller, At(path));
+        if (!now) return;
+        row.amount[controller] = AmountOf(controller, *now);
+        if (controller == Controller::kCpu) row.share = now->cpu;
+        if (controller == Controller::kCpu || !m_swap) return;
+        const Result<zel::cgroup::MemLimit> memory = ReadMemHardLimit(At(path));
+        if (memory) row.swapKb = memory->swapBytes < 0 ? -1 : static_cast<int64_t>(memory->swapBytes / 1024);
     }
 
     /// What others do, as it comes to pass in both worlds.
