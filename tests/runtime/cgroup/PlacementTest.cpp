@@ -122,6 +122,7 @@ TEST_F(PlacementTest, AMarkThatSaysNoIsNoDelegation) {
 }
 
 TEST_F(PlacementTest, OutsideServicesTheRootIsTheBase) {
+    if (!m_root.IsHierarchyRoot()) GTEST_SKIP() << "SKIP direct v2: in a namespace of groups there is no such root";
     for (const char* own : {"/", "/user.slice/session-1.scope"}) {
         auto placement = Place(own);
         ASSERT_TRUE(placement.Ok()) << own;
