@@ -66,15 +66,15 @@ const Limit* KnownLimits::LimitOf(const std::string& path) {
 }
 
 Limit KnownLimits::CpuLimitOf(int pid, int64_t nowMs) {
-    Limit tightest;
     const Result<LayoutMark> layout = ReadLayoutMark();
-    if (!layout) return tightest;
+    if (!layout) return {};
     if (layout->process != m_process) m_watch.LetGo();
     m_watch.Drain();
     if (!StillHolds(*layout, nowMs)) Begin(*layout, nowMs);
-    if (m_hierarchy.version == Version::kNone) return tightest;
+    if (m_hierarchy.version == Version::kNone) return {};
     const Result<std::string> own = ReadGroupOf(pid, m_hierarchy);
-    if (!own) return tightest;
+    if (!own) return {};
+    Limit tightest;
     std::string path = *own;
     for (int depth = 0; depth < kMaxDepth; ++depth) {
         const Limit* const limit = LimitOf(path);

@@ -417,7 +417,6 @@ Result<bool> GroupDir::IsEnabledForChildren(const char* controller) const {
 }
 
 Status GroupDir::EnableForChildren(const char* controller) const {
-    if (m_version != Version::kV2) return {};
     Result<bool> enabled = IsEnabledForChildren(controller);
     if (!enabled) return enabled.GetError();
     if (*enabled) return {};

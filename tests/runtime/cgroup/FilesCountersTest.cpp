@@ -306,6 +306,22 @@ TEST_F(FilesStatusTest, TimesOfProcessesStandInForTheGroups) {
     host->Kernel().End(two->Pid());
 }
 
+TEST_F(FilesStatusTest, VictimsBelowCountWhereAGroupsOwnAreUnread) {
+    Publish(Version::kV1);
+    ShowAllCounters();
+    const std::string own = host->Mount() + Tree() + "/greedy/memory.oom_control";
+    ASSERT_EQ(0, rename(own.c_str(), (own + "x").c_str()));
+    zel::CgroupTreeStatus status;
+    std::string error;
+    for (const int64_t victims : {int64_t{0}, kBig}) {
+        host->Kernel().Show(Tree() + "/greedy/Greedy", "memory.oom_control",
+                            "oom_kill " + std::to_string(victims) + "\n");
+        ASSERT_TRUE(zel::ReadCgroupTreeStatus(status, error)) << error;
+        EXPECT_EQ(victims, status.nodes.at(1).memory.oomKills);
+    }
+    ASSERT_EQ(0, rename((own + "x").c_str(), own.c_str()));
+}
+
 TEST_F(FilesStatusTest, WithoutATreeOrAHierarchyItSaysSo) {
     Begin(Version::kV2);
     zel::CgroupTreeStatus status;

@@ -38,7 +38,7 @@ public:
     /// The file cannot be opened.
     static void FailProc(const std::string& path, int error);
     static void ClearProc();
-    /// From now on the opens below the mount are counted.
+    /// From now on the opens below the mount are counted, and those of the texts of /proc and of the configuration.
     void BeginCount() { m_opens.clear(); }
     /// Returns: how often each was opened since then, by its path below the mount ("." is the root) and in its order;
     /// of files only, or of directories only.

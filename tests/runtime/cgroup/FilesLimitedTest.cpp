@@ -6,6 +6,7 @@
 #include "OwnGroup.h"
 #include "kernel/GroupDir.h"
 #include "platform/zel/CgroupStatus.h"
+#include "support/Faults.h"
 
 using namespace fileshost;
 using ::testing::HasSubstr;
@@ -176,7 +177,8 @@ TEST_F(FilesLimitedTest, TheLimitAloneFollowsEveryChange) {
         EXPECT_EQ(2000, zel::ReadCgroupCpuLimit(pid));
         host->BeginCount();
         EXPECT_EQ(2000, zel::ReadCgroupCpuLimit(pid));
-        EXPECT_THAT(host->Opens(false), testing::IsEmpty()) << "what nothing tells of is not read again";
+        EXPECT_THAT(host->Opens(false), testing::ElementsAre("proc_" + std::to_string(pid) + "_cgroup 1"))
+            << "what nothing tells of is not read again";
         host->Kernel().WriteAs("/a", "cgroup.procs", std::to_string(pid));
         // Kernel: version 2 takes no process beside children with controllers.
         EXPECT_EQ(where.version == Version::kV1 ? 3000 : 2000, zel::ReadCgroupCpuLimit(pid));
@@ -192,6 +194,12 @@ TEST_F(FilesLimitedTest, TheLimitAloneFollowsEveryChange) {
         host->SetMounts(host->MountLine());
         EXPECT_EQ(1000, zel::ReadCgroupCpuLimit(pid));
         EXPECT_EQ(0, zel::ReadCgroupCpuLimit(1 << 30));
+        host->SetMounts(host->MountLine());
+        {
+            const faults::Failing failing(faults::Call::kRead, EIO);
+            EXPECT_EQ(0, zel::ReadCgroupCpuLimit(pid)) << "the mounts cannot be read";
+        }
+        EXPECT_EQ(1000, zel::ReadCgroupCpuLimit(pid));
         Close();
     }
 }
