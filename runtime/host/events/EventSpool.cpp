@@ -2,7 +2,6 @@
 #include "events/EventSpool.h"
 
 #include <fcntl.h>
-#include <sys/random.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -11,7 +10,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <ctime>
 
 #include "base/FileIo.h"
@@ -59,17 +57,6 @@ uint64_t CostOf(const SpoolMessage& m) {
 
 void Log(int level, int line, const char* format, const std::string& a, const std::string& b) {
     zel::CLogMessage::GetInstance()->log(level, "EventSpool", line, format, a.c_str(), b.c_str());
-}
-
-std::string RandomName() {
-    unsigned char bytes[8] = {};
-    if (getrandom(bytes, sizeof(bytes), 0) != static_cast<ssize_t>(sizeof(bytes))) {
-        const auto seed = static_cast<uint64_t>(time(nullptr)) ^ (static_cast<uint64_t>(getpid()) << 32);
-        for (size_t i = 0; i < sizeof(bytes); ++i) bytes[i] = static_cast<unsigned char>(seed >> (8 * i));
-    }
-    char text[2 * sizeof(bytes) + 1];
-    for (size_t i = 0; i < sizeof(bytes); ++i) std::snprintf(text + 2 * i, 3, "%02x", bytes[i]);
-    return text;
 }
 
 }  // namespace
@@ -153,6 +140,7 @@ base::Status CEventSpool::OpenOnce() {
         "CREATE TABLE IF NOT EXISTS cursors(sink TEXT PRIMARY KEY, seq INTEGER NOT NULL);"
         "CREATE TABLE IF NOT EXISTS facts(name TEXT PRIMARY KEY, value);"
         "INSERT OR IGNORE INTO facts VALUES('dropped', 0);"
+        "INSERT OR IGNORE INTO facts VALUES('name', lower(hex(randomblob(8))));"
         // Behind every number that was given, where only damage leaves a cursor, it would swallow what comes.
         "UPDATE cursors SET seq = coalesce((SELECT seq FROM sqlite_sequence WHERE name = 'messages'), 0)"
         " WHERE seq > coalesce((SELECT seq FROM sqlite_sequence WHERE name = 'messages'), 0);"
@@ -177,8 +165,6 @@ base::Status CEventSpool::OpenOnce() {
 }
 
 base::Status CEventSpool::ReadFacts() {
-    base::Statement name(m_writer, "INSERT OR IGNORE INTO facts VALUES('name', ?1);");
-    if (!name.Bind(1, RandomName()) || !name.Done()) return m_writer.LastError("open");
     m_insert = base::Statement(m_writer,
                                "INSERT INTO messages(time, type, body, extra, arg1, arg2, bytes, seq)"
                                " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8);");
@@ -428,11 +414,11 @@ bool CEventSpool::SalvageMessages(const base::Database& old, Salvaged& salvaged)
         // Behind the damage, as near to it as can be; then back to it from there.
         Run back;
         back.after = run.after;
-        base::Statement next(old, "SELECT seq FROM messages WHERE seq > ?1 ORDER BY seq LIMIT 1;");
+        base::Statement next(old, "SELECT seq FROM messages WHERE seq >= ?1 ORDER BY seq LIMIT 1;");
         for (int64_t step = 1; step < kMostStep && back.before == INT64_MAX && gaps < kMostGaps; step *= 2) {
             if (std::chrono::steady_clock::now() > end) break;
             next.Reset();
-            next.Bind(1, run.after + step);
+            next.Bind(1, run.after + 1 + step);
             const base::Statement::Outcome found = next.Step();
             if (found == base::Statement::Outcome::kDone) break;
             if (found == base::Statement::Outcome::kRow && next.Int(0) > run.after) back.before = next.Int(0);
@@ -446,10 +432,11 @@ bool CEventSpool::SalvageMessages(const base::Database& old, Salvaged& salvaged)
 }
 
 bool CEventSpool::SalvageRun(const base::Database& old, bool forward, Run& run, Salvaged& salvaged) {
+    // Not ">", for which the page of the number before is read as well.
     base::Statement query(old, std::string("SELECT seq, time, type, body, extra, arg1, arg2, bytes FROM messages"
-                                           " WHERE seq > ?1 AND seq < ?2 ORDER BY seq") +
+                                           " WHERE seq >= ?1 AND seq < ?2 ORDER BY seq") +
                                    (forward ? ";" : " DESC;"));
-    query.Bind(1, run.after);
+    query.Bind(1, run.after + 1);
     query.Bind(2, run.before);
     base::Statement::Outcome step = query.Step();
     for (; step == base::Statement::Outcome::kRow; step = query.Step()) {
