@@ -72,7 +72,13 @@ void CEventSpool::Close() {
             std::to_string(m_memory.size()));
     }
     m_unsavedDrops += m_memory.size();
+    {
+        base::MutexLock figures(m_figuresLock);
+        m_figures.dropped += m_memory.size();
+        m_figures.inMemory = 0;
+    }
     m_memory.clear();
+    m_memoryBytes = 0;
     // Ignoring failures: then a count is short, or messages come again under the same ids.
     if (m_resting.exchange(false) && (m_unsavedDrops > 0 || m_unsaved)) static_cast<void>(OpenFiles());
     static_cast<void>(SaveDrops());
@@ -92,13 +98,10 @@ base::Status CEventSpool::Open(const std::string& path, uint64_t maxBytes, size_
     m_maxBytes = maxBytes;
     m_memoryMost = memoryRing;
     m_resting = IsSettled();
-    if (m_resting) return {};
     base::MutexLock lock(m_readLock);
-    base::Status status = OpenFiles();
-    if (!status) {
-        base::MutexLock figures(m_figuresLock);
-        m_figures.broken = true;
-    }
+    base::Status status = m_resting ? base::Status() : OpenFiles();
+    base::MutexLock figures(m_figuresLock);
+    m_figures.broken = !status;
     return status;
 }
 
