@@ -21,6 +21,9 @@ TEST(FlatKeyedTest, ReadsNumbersKeepsTheFirstDuplicateAndSaturates) {
 TEST(PidsTest, LeavesOutZeroAndGarbage) {
     EXPECT_THAT(ParsePids("1\n0\n22\nx\n-5\n99999999999\n7"), ElementsAre(1, 22, 7));
     EXPECT_THAT(ParsePids(""), IsEmpty());
+    EXPECT_EQ(3U, CountUnseenPids("0\n1\n0\n22\nx\n-5\n99999999999\n10\n0\n"));
+    EXPECT_EQ(0U, CountUnseenPids("1\n20\n"));
+    EXPECT_EQ(0U, CountUnseenPids(""));
 }
 
 TEST(NumberOrMaxTest, TakesOneNumberOrMaxOnly) {
