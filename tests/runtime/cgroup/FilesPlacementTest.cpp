@@ -14,6 +14,7 @@
 #include "Hierarchy.h"
 #include "OwnGroup.h"
 #include "Placement.h"
+#include "support/Faults.h"
 
 using namespace fileshost;
 using namespace zel::cgroup;
@@ -474,6 +475,26 @@ TEST_F(FilesProgramTest, StaysWhileItsPlaceCannotBeTold) {
     const int pid = parent->Pid();
     EndTwo();
     EXPECT_TRUE(Place("Greedy", pid)) << error;
+}
+
+TEST_F(FilesProgramTest, WhatWasNotSeenIsNotTakenForPlaced) {
+    Publish(Version::kV2);
+    BearTwo();
+    const std::string leaf = Tree() + "/greedy/Greedy";
+    ASSERT_TRUE(Place("Greedy", parent->Pid()) && Place("Greedy", parent->Pid()));
+    for (const bool known : {true, false}) {
+        MoveAs(child, "");
+        host->SetMounts(host->MountLine());
+        {
+            const faults::Failing failing(faults::Call::kRead, EIO);
+            ASSERT_TRUE(Place("Greedy", parent->Pid())) << error;
+        }
+        EXPECT_EQ(leaf, Of(child)) << "known before: " << known;
+    }
+    MoveAs(child, "");
+    ASSERT_TRUE(Place("Greedy", parent->Pid()));
+    EXPECT_EQ(leaf, Of(child)) << "it could not be told where it was";
+    EndTwo();
 }
 
 TEST_F(FilesProgramTest, EveryPlaceOfTheFileIsNamed) {
