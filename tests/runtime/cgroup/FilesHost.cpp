@@ -121,7 +121,7 @@ void FilesHost::ClearProc() {
 std::string FilesHost::GroupsText(int pid) const {
     const std::string group = m_kernel->GroupOf(pid);
     const std::string path = m_mountRoot == "/" ? (group.empty() ? "/" : group) : m_mountRoot + group;
-    return (m_version == Version::kV2 ? "0::" : "3:cpu,memory:") + path + "\n";
+    return (m_version == Version::kV2 ? "0::" : "3:cpu,memory:") + path + "\n" + m_moreGroups;
 }
 
 void FilesHost::RenewOwn() const {

@@ -32,6 +32,8 @@ public:
     std::string Mount() const { return m_kernel->Root(); }
     /// The mount's line; who asks is told of it.
     void SetMounts(const std::string& lines);
+    /// Lines of hierarchies that are not mounted, in what /proc says of this process and of others.
+    void AddGroups(const std::string& lines) { m_moreGroups = lines; }
     std::string MountLine(const std::string& options = "rw") const;
     /// This text in the place of a file of /proc, for who opens it from now on.
     static void PutProc(const std::string& path, const std::string& text);
@@ -60,6 +62,7 @@ private:
     const Version m_version;
     const std::string m_mountRoot;
     std::unique_ptr<fuzzing::FakeKernel> m_kernel;
+    std::string m_moreGroups;
     bool m_mountNews = true;
     std::map<std::string, int> m_opens;  // by path below the mount, that of a directory with '/' at its end
 };

@@ -263,6 +263,18 @@ TEST_F(FilesPlacementTest, AnUnseenProcessKeepsTheTree) {
     host->Kernel().End(0);
 }
 
+TEST_F(FilesPlacementTest, AServiceThatIsNotDelegatedIsNamed) {
+    Begin(Version::kV1);
+    EXPECT_EQ("", zel::UndelegatedService());
+    host->AddGroups("1:name=systemd:/system.slice/x.service\n");
+    EXPECT_EQ("x.service", zel::UndelegatedService());
+    EXPECT_THAT(Find("/")->reason, HasSubstr("; x.service is not delegated, so its manager moves"));
+    host->AddGroups("1:name=systemd:/user.slice/x.scope\n");
+    EXPECT_EQ("", zel::UndelegatedService());
+    host->AddGroups("0::/system.slice/y.service/sub\n");
+    EXPECT_EQ("y.service", zel::UndelegatedService()) << "where version 2 carries the units";
+}
+
 TEST_F(FilesPlacementTest, TheManagerFindsItsPlace) {
     for (const Where& where : kEverywhere) {
         SCOPED_TRACE(where.Text());
