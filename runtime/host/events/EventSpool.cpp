@@ -38,6 +38,7 @@ constexpr size_t kNameDigits = 16;
 // a count that somebody asks for. Source: sqlite.org/fileformat2.html, "The Database Header".
 constexpr off_t kUserVersionAt = 60;
 constexpr unsigned char kSettled[4] = {0, 0, 0, 1};
+constexpr const char* kUnsettle = "PRAGMA user_version=0;";
 constexpr off_t kSmallFile = 256 * 1024;  // a resting file beyond it is made small first
 const std::string kGivenUpBy = "given up by ";
 // Up to where a sink has everything; see BindCursor.
@@ -574,7 +575,7 @@ base::Status CEventSpool::WriteTransaction(const std::vector<Request*>& batch, C
 bool CEventSpool::NoteDrops(uint64_t count) {
     base::Statement note(m_writer, "UPDATE facts SET value = value + ?1 WHERE name = 'dropped';");
     note.Bind(1, static_cast<int64_t>(count));
-    return note.Done();
+    return (!m_settled || m_writer.Execute(kUnsettle)) && note.Done();
 }
 
 bool CEventSpool::SaveDrops() {
@@ -1095,8 +1096,8 @@ base::Status CEventSpool::KeepConfirmed() {
     for (auto next = m_unsavedGivenUp.begin(); ok && next != m_unsavedGivenUp.end(); ++next) {
         base::Statement count(m_reader,
                               "INSERT INTO facts VALUES(?1, ?2) ON CONFLICT(name) DO UPDATE SET value = value + ?2;");
-        ok = count.Bind(1, kGivenUpBy + next->first) && count.Bind(2, static_cast<int64_t>(next->second)) &&
-             count.Done();
+        ok = (!m_settled || m_reader.Execute(kUnsettle)) && count.Bind(1, kGivenUpBy + next->first) &&
+             count.Bind(2, static_cast<int64_t>(next->second)) && count.Done();
     }
     ok = ok && m_reader.Execute("COMMIT;");
     if (ok) {

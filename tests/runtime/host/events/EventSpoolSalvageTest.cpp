@@ -414,4 +414,17 @@ TEST_F(SpoolSalvageTest, WhatTheProcessKnowsOutlivesItsFile) {
     }
 }
 
+TEST_F(SpoolSalvageTest, TheFilesOwnNameCounts) {
+    ASSERT_NO_FATAL_FAILURE(Write(Range(1, 9)));
+    CEventSpool spool;
+    Open(spool);
+    spool.Checkpoint();
+    SpoilTable("messages");
+    Run("UPDATE facts SET value = 'fedcba9876543210' WHERE name = 'name';");
+    EXPECT_TRUE(spool.Append(Message("met")));
+    const auto messages = spool.Read("one", 10, 1 << 30);
+    ASSERT_TRUE(messages && messages->size() == 1);
+    EXPECT_EQ(messages->front().id, "fedcba9876543210-10");
+}
+
 }  // namespace
