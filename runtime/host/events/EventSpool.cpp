@@ -998,8 +998,10 @@ base::Status CEventSpool::Confirm(const std::string& sink, int64_t seq, uint64_t
 
 base::Status CEventSpool::KeepAndRemove() {
     base::Status kept = KeepConfirmed();
-    if (kept) MarkConfirmed();
-    if (kept && m_sinksKept) RemoveConfirmed();
+    if (kept) {
+        MarkConfirmed();
+        RemoveConfirmed();
+    }
     return kept;
 }
 
@@ -1052,7 +1054,7 @@ bool CEventSpool::RemoveExpired() {
     Lead lead(*this);
     if (!lead) return false;
     base::MutexLock lock(m_readLock);
-    return m_reader.IsOpen() && m_sinksKept && RemoveConfirmed() > 0;
+    return RemoveConfirmed() > 0;
 }
 
 base::Status CEventSpool::GoBack(const std::string& sink, int64_t seq) {
@@ -1073,14 +1075,10 @@ int64_t CEventSpool::ConfirmedBy(const std::string& sink) const {
     return found != m_confirmed.end() ? found->second : 0;
 }
 
-bool CEventSpool::HasGoneBack(const std::string& sink) const {
-    return m_goneBack.count(sink) != 0;
-}
-
 void CEventSpool::BindCursor(base::Statement& query, const std::string& sink) const {
     query.Bind(1, sink);
     query.Bind(2, ConfirmedBy(sink));
-    query.Bind(3, HasGoneBack(sink) ? 1 : 0);
+    query.Bind(3, static_cast<int64_t>(m_goneBack.count(sink)));
 }
 
 base::Status CEventSpool::KeepConfirmed() {
@@ -1123,7 +1121,8 @@ uint64_t CEventSpool::GivenUp(const std::string& sink) {
 }
 
 int64_t CEventSpool::RemoveUpTo(int64_t last) {
-    if (last == 0 || !m_reader.Execute("BEGIN IMMEDIATE;")) return 0;
+    // A sink that is not in the file has none of them.
+    if (last == 0 || !m_sinksKept || !m_reader.Execute("BEGIN IMMEDIATE;")) return 0;
     const std::string gone = m_keeps ? " WHERE seq <= min(?1, (SELECT min(seq) FROM cursors),"
                                        " (SELECT min(seq) FROM messages) + ?2);"
                                      : " WHERE seq <= (SELECT min(seq) FROM cursors);";

@@ -251,8 +251,6 @@ private:
     SpoolMessage MessageOf(const base::Statement& row) const ZEL_REQUIRES(m_readLock);
     /// Returns: up to where this sink has everything, as far as this process knows.
     int64_t ConfirmedBy(const std::string& sink) const ZEL_REQUIRES(m_readLock);
-    /// Returns: whether it has gone back, and the file does not say so.
-    bool HasGoneBack(const std::string& sink) const ZEL_REQUIRES(m_readLock);
     /// Binds ?1 to the sink, and ?2 and ?3 so that its cursor is kCursor.
     void BindCursor(base::Statement& query, const std::string& sink) const ZEL_REQUIRES(m_readLock);
     /// Writes down what was confirmed and is not in the file yet, of every sink.

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "HostSupport.h"
+#include "base/MakeDirectories.h"
 #include "events/EventSpool.h"
 #include "events/NoGrowth.h"
 #include "events/SlowSync.h"
@@ -138,6 +139,15 @@ TEST_F(SpoolStateTest, WhoListensHearsWhatIsThereToDo) {
     EXPECT_TRUE(m_spool.FlushMemory());
     EXPECT_FALSE(m_spool.IsResting());
     EXPECT_EQ(m_heard, 5) << "it is open again, and may rest";
+}
+
+TEST_F(SpoolStateTest, AFolderThatCannotBeIsTheReason) {
+    ASSERT_TRUE(support::WriteText(m_dir / "spool", "in the way"));
+    const base::Status opened = m_spool.Open(m_path, 1 << 20, 8);
+    const base::Status made = base::MakeDirectories(m_dir / "spool");
+    ASSERT_FALSE(opened || made);
+    EXPECT_EQ(opened.GetError().Text(), made.GetError().Text());
+    EXPECT_EQ(opened.GetError().kind, made.GetError().kind);
 }
 
 TEST_F(SpoolStateTest, RestIsNoOutage) {
@@ -295,6 +305,27 @@ TEST_F(SpoolStateTest, SinksThatAreSetAgainKeepAnew) {
     EXPECT_FALSE(m_spool.RemoveExpired());
     ASSERT_NO_FATAL_FAILURE(Confirm(600));
     EXPECT_EQ(m_spool.GetFigures().messages, 0u);
+}
+
+TEST_F(SpoolStateTest, WhatIsKeptStaysUntilTheSinksAreKnown) {
+    ASSERT_NO_FATAL_FAILURE(Open({"one", "two"}, true));
+    ASSERT_NO_FATAL_FAILURE(Append(3));
+    ASSERT_NO_FATAL_FAILURE(Confirm(3));
+    ASSERT_NO_FATAL_FAILURE(
+        Change("CREATE TRIGGER planted BEFORE INSERT ON cursors WHEN NEW.sink = 'new'"
+               " BEGIN SELECT RAISE(ABORT, 'planted'); END;"
+               "CREATE TRIGGER full BEFORE INSERT ON messages BEGIN SELECT RAISE(ABORT, 'planted'); END;"));
+    EXPECT_FALSE(SetSinks({"one", "two", "new"}, true).Ok());
+    m_now += kTime + 2 * kPart;
+    // What would have them go for the room that they take: a message that has none, and no reserve any more.
+    EXPECT_FALSE(m_spool.Append(Message("x")));
+    EXPECT_FALSE(support::Exists(m_path + ".reserve"));
+    EXPECT_FALSE(m_spool.RemoveExpired());
+    EXPECT_EQ(Ask("SELECT count(*) FROM messages;"), 3);
+    ASSERT_NO_FATAL_FAILURE(Change("DROP TRIGGER planted; DROP TRIGGER full;"));
+    EXPECT_TRUE(m_spool.FlushMemory());
+    EXPECT_THAT(Numbers("new"), ElementsAre(1, 2, 3, 4));
+    EXPECT_THAT(Numbers("one"), ElementsAre(4));
 }
 
 TEST_F(SpoolStateTest, ASinkThatKeepsIsOneThatThereIs) {
