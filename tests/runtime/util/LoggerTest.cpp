@@ -74,8 +74,9 @@ protected:
         CLogMessage::GetInstance()->WriteLogMessage(text, level);
     }
 
+    /// What is queued takes a slow machine longer than one call waits.
     std::vector<std::string> Lines() {
-        EXPECT_TRUE(FlushLog());
+        EXPECT_TRUE(support::Eventually([] { return FlushLog(); }));
         return LinesOf(ReadText(m_path));
     }
 
