@@ -543,7 +543,7 @@ base::Status CEventSpool::WriteTransaction(const std::vector<Request*>& batch, C
     change = Change();
     base::Status room = BoundLog();
     if (!room) return room;
-    bool ok = m_writer.Execute(m_settled ? "BEGIN IMMEDIATE; PRAGMA user_version=0;" : "BEGIN IMMEDIATE;").Ok();
+    bool ok = m_writer.Execute(m_settled ? std::string("BEGIN IMMEDIATE;") + kUnsettle : "BEGIN IMMEDIATE;").Ok();
     int64_t held = 0;
     if (ok) {
         // The sum as it is under the write lock: the readers remove confirmed messages beside us.
@@ -575,14 +575,12 @@ base::Status CEventSpool::WriteTransaction(const std::vector<Request*>& batch, C
 bool CEventSpool::NoteDrops(uint64_t count) {
     base::Statement note(m_writer, "UPDATE facts SET value = value + ?1 WHERE name = 'dropped';");
     note.Bind(1, static_cast<int64_t>(count));
+    // The next start has to open a file that has a count.
     return (!m_settled || m_writer.Execute(kUnsettle)) && note.Done();
 }
 
 bool CEventSpool::SaveDrops() {
     if (m_unsavedDrops == 0) return true;
-    // The next start has to open a file that has a count.
-    if (m_settled && !m_writer.Execute("PRAGMA user_version=0;")) return false;
-    m_settled = false;
     if (!NoteDrops(m_unsavedDrops)) return false;
     m_unsavedDrops = 0;
     return true;

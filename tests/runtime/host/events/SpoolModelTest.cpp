@@ -82,6 +82,7 @@ struct Model {
         if (fault == Fault::kGivenUp && !unsavedGivenUp.empty()) return false;
         for (const std::string& sink : sinks) cursors[sink] = CursorOf(sink);
         for (const auto& each : unsavedGivenUp) givenUp[each.first] += each.second;
+        settled = settled && unsavedGivenUp.empty();
         unsavedGivenUp.clear();
         goneBack.clear();
         unsaved = false;
