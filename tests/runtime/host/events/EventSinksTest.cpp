@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <json/json.h>
+#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -14,6 +15,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -146,6 +148,25 @@ TEST(MessageJsonTest, EachByteThatIsNoTextIsOneReplacement) {
     EXPECT_EQ("\xf4\x8f\xbf\xbf", BodyOf("\xf4\x8f\xbf\xbf"));
 }
 
+TEST(MessageJsonTest, EachTwoBytesBeginWhatUnicodeSays) {
+    std::set<std::string> characters;  // those whose last bytes, from the third on, are 0x80
+    for (unsigned int point = 0; point <= 0x10ffff; point += point < 0x800 ? 1 : point < 0x10000 ? 0x40 : 0x1000) {
+        if (point < 0xd800 || point > 0xdfff) characters.insert(Encode(point));
+    }
+    for (unsigned int pair = 0x8000; pair <= 0xffff; ++pair) {
+        const std::string text = {static_cast<char>(pair >> 8), static_cast<char>(pair & 0xff), '\x80', '\x80', '|'};
+        if ((pair & 0xff) < 0x20 || (pair & 0xff) == '"' || (pair & 0xff) == '\\') continue;  // escaped, see above
+        std::string wanted;
+        for (size_t at = 0; at < text.size();) {
+            size_t length = 4;
+            while (length > 0 && characters.count(text.substr(at, length)) == 0) --length;
+            wanted += length == 0 ? kNoText : text.substr(at, length);
+            at += std::max<size_t>(1, length);
+        }
+        ASSERT_EQ(wanted, BodyOf(text)) << std::hex << pair;
+    }
+}
+
 TEST(MessageJsonTest, NumbersKeepTheirWholeWidth) {
     SpoolMessage message = Message("b");
     message.time = 5000000000LL;
@@ -264,6 +285,36 @@ TEST_F(JsonLinesTest, AFileBeyondFourGigabytesIsCutAndTurnedWhole) {
     EXPECT_EQ(static_cast<ssize_t>(sizeof(last)),
               pread(file.Get(), last, sizeof(last), static_cast<off_t>(most - sizeof(last))));
     EXPECT_EQ(line.substr(line.size() - sizeof(last)), std::string(last, sizeof(last)));
+}
+
+TEST_F(JsonLinesTest, AFileOfFourGigabytesIsNotTakenForEmpty) {
+    const LongFiles lifted;
+    if (!lifted) GTEST_SKIP() << "files may not be that long here";
+    ASSERT_TRUE(WriteText(m_path, ""));
+    const off_t whole = off_t{1} << 32;
+    {
+        const base::Fd file(open(m_path.c_str(), O_RDWR | O_CLOEXEC));
+        ASSERT_EQ(1, pwrite(file.Get(), "\n", 1, whole - 1));
+    }
+    zelhost::CJsonLinesSink sink(m_path, 1000, 1, "p");
+    EXPECT_EQ(1U, Deliver(sink, "x").safe);
+    EXPECT_EQ(static_cast<uintmax_t>(whole), std::filesystem::file_size(m_path + ".1"));
+    EXPECT_EQ(LineOf("x"), ReadText(m_path));
+}
+
+TEST_F(JsonLinesTest, TheFileStaysOpenUntilItsNameIsAnothers) {
+    zelhost::CJsonLinesSink sink(m_path, 1 << 20, 1, "p");
+    EXPECT_EQ(1U, Deliver(sink, "a").safe);
+    const base::Fd watch(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    ASSERT_GE(inotify_add_watch(watch.Get(), std::filesystem::path(m_path).parent_path().c_str(), IN_OPEN), 0);
+    char told[4096];
+    EXPECT_EQ(1U, Deliver(sink, "b").safe);
+    EXPECT_EQ(-1, read(watch.Get(), told, sizeof(told))) << "it is not opened again";
+    std::filesystem::rename(m_path, m_path + ".moved");
+    EXPECT_EQ(1U, Deliver(sink, "c").safe);
+    EXPECT_GT(read(watch.Get(), told, sizeof(told)), 0);
+    EXPECT_EQ(LineOf("a") + LineOf("b"), ReadText(m_path + ".moved"));
+    EXPECT_EQ(LineOf("c"), ReadText(m_path));
 }
 
 TEST_F(JsonLinesTest, OneHandoverIsDividedAmongTheFiles) {

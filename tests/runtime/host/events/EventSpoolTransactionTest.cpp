@@ -131,6 +131,19 @@ TEST_F(SpoolTransactionTest, DropsOfTheMemoryAreCountedOnce) {
     EXPECT_EQ(Letters(), "defghijk");
 }
 
+TEST_F(SpoolTransactionTest, MemoryOfASpoolOfFourGigabytesIsNotNone) {
+    m_spool.Close();
+    CEventSpool large;
+    ASSERT_TRUE(support::IsOk(large.Open(m_path, uint64_t{1} << 32, 8)));
+    ASSERT_TRUE(support::IsOk(large.SetSinks({"one", "two"})));
+    Plant("INSERT ON messages");
+    for (const char letter : {'a', 'b', 'c'}) EXPECT_FALSE(large.Append(Message(std::string(kBody, letter))));
+    EXPECT_EQ(large.GetFigures().inMemory, 3u);
+    TakeAway();
+    EXPECT_TRUE(large.FlushMemory());
+    EXPECT_EQ(large.GetFigures().dropped, 0u);
+}
+
 TEST_F(SpoolTransactionTest, CursorThatCannotMoveHoldsForTheProcess) {
     for (const char letter : {'a', 'b', 'c'}) ASSERT_TRUE(Append(letter));
     ASSERT_TRUE(support::IsOk(m_spool.Confirm("one", 3)));

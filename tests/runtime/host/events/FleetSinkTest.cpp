@@ -2,13 +2,18 @@
 #include "events/FleetSink.h"
 
 #include <json/json.h>
+#include <sys/un.h>
+#include <sys/socket.h>
+#include <poll.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <mutex>
 #include <numeric>
 #include <random>
+#include <thread>
 
 #include "HostSupport.h"
 #include "events/EventDelivery.h"
@@ -228,6 +233,27 @@ TEST_F(FleetSinkTest, ARelayThatClosesIsAskedAnewOnce) {
     EXPECT_EQ(third.safe, 0u);
     EXPECT_THAT(Reason(third), HasSubstr("closed"));
     EXPECT_EQ(relay.Connections(), 3) << "a new connection that is closed is a failure";
+}
+
+TEST_F(FleetSinkTest, ARelayThatClosesOnUnreadBytesIsSaidSo) {
+    std::filesystem::create_directories(m_dir / "run");
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, Socket().c_str(), sizeof(address.sun_path) - 1);
+    base::Fd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(0, bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)));
+    ASSERT_EQ(0, listen(listener.Get(), 8));
+    // The kernel tells the other side of that as a reset, not as an end.
+    std::thread relay([&listener] {
+        base::Fd client(accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        pollfd wanted{client.Get(), POLLIN, 0};
+        EXPECT_EQ(1, poll(&wanted, 1, 60000));
+    });
+    CFleetSink sink = Sink();
+    const Handover handed = sink.Deliver(MessagesOf(1, {"a"}), m_stop);
+    relay.join();
+    EXPECT_EQ(handed.safe, 0u);
+    EXPECT_THAT(Reason(handed), HasSubstr("before it had answered"));
 }
 
 TEST_F(FleetSinkTest, WhatTheRelaySaysUnaskedIsNoAnswer) {
