@@ -439,12 +439,18 @@ private:
     int m_heard = 0;
 };
 
-TEST_F(SpoolModelTest, RandomLivesAreThoseOfTheModel) {
+// A second or so each: what plants faults asks no test that takes for long.
+class SpoolLivesTest : public SpoolModelTest, public ::testing::WithParamInterface<unsigned int> {};
+
+TEST_P(SpoolLivesTest, AreThoseOfTheModel) {
     const char* given = std::getenv("ZEL_SPOOL_SEED");
     const char* number = std::getenv("ZEL_SPOOL_LIVES");
-    const unsigned int first = given != nullptr ? static_cast<unsigned int>(std::strtoul(given, nullptr, 10)) : 1;
-    const unsigned int lives = number != nullptr ? static_cast<unsigned int>(std::strtoul(number, nullptr, 10)) : 40;
+    const unsigned int lives = number != nullptr ? static_cast<unsigned int>(std::strtoul(number, nullptr, 10)) : 3;
+    const unsigned int first =
+        given != nullptr ? static_cast<unsigned int>(std::strtoul(given, nullptr, 10)) : 1 + GetParam() * lives;
     for (unsigned int seed = first; seed < first + lives && !HasFailure(); ++seed) Live(seed);
 }
+
+INSTANTIATE_TEST_SUITE_P(Random, SpoolLivesTest, ::testing::Range(0U, 12U));
 
 }  // namespace
