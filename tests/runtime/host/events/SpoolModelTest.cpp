@@ -445,7 +445,7 @@ class SpoolLivesTest : public SpoolModelTest, public ::testing::WithParamInterfa
 TEST_P(SpoolLivesTest, AreThoseOfTheModel) {
     const char* given = std::getenv("ZEL_SPOOL_SEED");
     const char* number = std::getenv("ZEL_SPOOL_LIVES");
-    const unsigned int lives = number != nullptr ? static_cast<unsigned int>(std::strtoul(number, nullptr, 10)) : 3;
+    const unsigned int lives = number != nullptr ? static_cast<unsigned int>(std::strtoul(number, nullptr, 10)) : 6;
     const unsigned int first =
         given != nullptr ? static_cast<unsigned int>(std::strtoul(given, nullptr, 10)) : 1 + GetParam() * lives;
     for (unsigned int seed = first; seed < first + lives && !HasFailure(); ++seed) Live(seed);
