@@ -165,4 +165,9 @@ Status RemoveReplaced(const std::string& path) {
     return ErrnoError(errno, "remove", path);
 }
 
+Status SyncNames(const Fd& place, const std::string& path) {
+    const Fd directory(RetryOnSignal([&] { return ::openat(place.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    return directory ? SyncDirectory(directory, path) : Status(ErrnoError(errno, "open directory", path));
+}
+
 }  // namespace base

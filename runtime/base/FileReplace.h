@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/Fd.h"
 #include "base/Result.h"
 
 namespace base {
@@ -34,5 +35,9 @@ Status ReplaceFile(const std::string& path, std::string_view text, mode_t mode, 
 /// Takes away a file that ReplaceFile made, in the place where that would make it. One that is not there is no failure,
 /// what is not a regular file stays.
 Status RemoveReplaced(const std::string& path);
+
+/// Has the names in a directory on disk when it returns: of files that were made or renamed there. `place` may be open
+/// for naming alone; `path` is for the error.
+Status SyncNames(const Fd& place, const std::string& path);
 
 }  // namespace base

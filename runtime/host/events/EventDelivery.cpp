@@ -112,8 +112,7 @@ base::Result<CEventDelivery::Sinks> CEventDelivery::MakeSinks(const DeliveryOpti
     if (!options.httpVerifyTls && options.httpUrl.compare(0, 8, "https://") == 0) {
         Log(zel::kLogWarning, __LINE__,
             "the certificate of %s is not verified, as verify_tls in agent.json wants it: anybody on the way can read "
-            "and "
-            "change the messages",
+            "and change the messages",
             options.httpUrl.c_str());
     }
     sinks.push_back(std::make_unique<CHttpSink>(options, process));

@@ -16,6 +16,7 @@
 #include "base/Fd.h"
 #include "base/FileIo.h"
 #include "base/FilePath.h"
+#include "base/FileReplace.h"
 #include "base/MakeDirectories.h"
 #include "base/TrustedRead.h"
 #include "platform/zel/LogMessage.h"
@@ -149,7 +150,7 @@ CJsonLinesSink::CJsonLinesSink(std::string path, uint64_t maxBytes, unsigned int
 base::Status CJsonLinesSink::OpenFile() {
     struct stat st {};
     // Somebody may have moved or removed the file under us (a log rotator): what counts is the name.
-    if (m_fd && lstat(m_path.c_str(), &st) == 0 && st.st_ino == m_inode) return {};
+    if (m_fd && lstat(m_path.c_str(), &st) == 0 && st.st_dev == m_device && st.st_ino == m_inode) return {};
     m_fd.Reset();
     const base::Status made = base::MakeDirectories(base::DirectoryOf(m_path));
     if (!made) return made;
@@ -162,7 +163,13 @@ base::Status CJsonLinesSink::OpenFile() {
         return error;
     }
     if (fstat(fd->Get(), &st) != 0) return base::ErrnoError(errno, "open", m_path);
+    if (st.st_size == 0) {
+        // A name that is gone with the power takes every line behind it along, and they were confirmed.
+        const base::Status named = base::SyncNames(*place, base::DirectoryOf(m_path));
+        if (!named) return named;
+    }
     m_fd = std::move(*fd);
+    m_device = st.st_dev;
     m_inode = st.st_ino;
     m_size = static_cast<uint64_t>(st.st_size);
     const base::Status cut = CutTornLine();
@@ -248,7 +255,7 @@ base::Status CSyslogSink::Connect() {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strcpy(address.sun_path, "/dev/log");
-    timeval limit{2, 0};
+    timeval limit{1, 0};  // as long as a stop may wait for a delivery
     if (!fd || setsockopt(fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0 ||
         connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         return base::SentenceError("no syslog daemon at /dev/log: " + base::ErrnoText(errno));
@@ -263,7 +270,8 @@ base::Status CSyslogSink::Send(const SpoolMessage& message) {
     const base::Status connected = Connect();
     if (!connected) return connected;
     std::string line = "<" + std::to_string(LOG_DAEMON | LOG_WARNING) + ">" + m_process + "[" +
-                       std::to_string(getpid()) + "]: " + message.id + " " + message.type + " " + OneLine(message.body);
+                       std::to_string(getpid()) + "]: " + message.id + " " + OneLine(message.type) + " " +
+                       OneLine(message.body);
     if (line.size() > kMostBytes) line.resize(kMostBytes);
     if (send(m_socket.Get(), line.data(), line.size(), MSG_NOSIGNAL) >= 0) return {};
     const int error = errno;

@@ -70,6 +70,7 @@ private:
     const std::string m_process;
     base::Fd m_fd;
     uint64_t m_size = 0;
+    dev_t m_device = 0;
     ino_t m_inode = 0;
 };
 

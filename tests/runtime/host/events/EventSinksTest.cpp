@@ -7,6 +7,7 @@
 #include <json/json.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -41,6 +42,8 @@ namespace {
 thread_local int t_readFails = 0;
 thread_local int t_cutFails = 0;
 thread_local int t_statFails = 0;
+thread_local int t_syncFails = 0;
+thread_local int t_namesSynced = 0;  // directories that were synced
 
 bool Fails(int& left) {
     if (left == 0 || --left > 0) return false;
@@ -64,6 +67,12 @@ extern "C" __attribute__((visibility("default"))) int ftruncate64(int fd, off64_
 extern "C" __attribute__((visibility("default"))) int fstat64(int fd, struct stat64* found) noexcept {
     static const auto next = reinterpret_cast<int (*)(int, struct stat64*)>(dlsym(RTLD_NEXT, "fstat64"));
     return Fails(t_statFails) ? -1 : next(fd, found);
+}
+
+extern "C" __attribute__((visibility("default"))) int fsync(int fd) {
+    struct stat64 found {};
+    if (syscall(SYS_newfstatat, fd, "", &found, AT_EMPTY_PATH) == 0 && S_ISDIR(found.st_mode)) ++t_namesSynced;
+    return Fails(t_syncFails) ? -1 : static_cast<int>(syscall(SYS_fsync, fd));
 }
 
 namespace {
@@ -317,6 +326,24 @@ TEST_F(JsonLinesTest, TheFileStaysOpenUntilItsNameIsAnothers) {
     EXPECT_EQ(LineOf("c"), ReadText(m_path));
 }
 
+TEST_F(JsonLinesTest, ALineIsSafeOnceTheNameOfItsFileIs) {
+    zelhost::CJsonLinesSink sink(m_path, 2 * LineOf("a").size(), 1, "p");
+    t_namesSynced = 0;
+    t_syncFails = 1;
+    const Handover failed = Deliver(sink, "a");
+    EXPECT_EQ(0U, failed.safe);
+    ASSERT_FALSE(failed.rest);
+    EXPECT_THAT(failed.rest.GetError().Text(), HasSubstr("sync"));
+    EXPECT_EQ("", ReadText(m_path));
+    EXPECT_EQ(1U, Deliver(sink, "a").safe);
+    EXPECT_EQ(2, t_namesSynced);
+    EXPECT_EQ(1U, Deliver(sink, "b").safe);
+    EXPECT_EQ(2, t_namesSynced) << "it has its name";
+    EXPECT_EQ(1U, Deliver(sink, "c").safe);
+    EXPECT_EQ(3, t_namesSynced) << "turned, and a new one made";
+    EXPECT_EQ(LineOf("c"), ReadText(m_path));
+}
+
 TEST_F(JsonLinesTest, OneHandoverIsDividedAmongTheFiles) {
     const std::string line = LineOf("x");
     zelhost::CJsonLinesSink sink(m_path, line.size() * 2, 2, "p");
@@ -429,12 +456,16 @@ TEST_F(SyslogSinkTest, AMessageIsOneLineOfTheDaemonsFacility) {
         SyslogDaemon daemon;
         const Handover handed =
             m_sink.Deliver({Message("two\n  lines\tand  \x01 blanks "), Message("next", 2)}, m_goOn);
+        SpoolMessage odd = Message("body", 3);
+        odd.type = "T\nX";
+        EXPECT_EQ(1U, m_sink.Deliver({odd}, m_goOn).safe);
         EXPECT_EQ(2U, handed.safe);
         EXPECT_TRUE(handed.rest);
         EXPECT_EQ(0U, handed.givenUp);
         const std::string who = "<28>tervane[" + std::to_string(getpid()) + "]: ";
         EXPECT_EQ(who + "id-1 T two lines and blanks ", daemon.Next());
         EXPECT_EQ(who + "id-2 T next", daemon.Next());
+        EXPECT_EQ(who + "id-3 T X body", daemon.Next());
         EXPECT_EQ("", daemon.Next());
     });
 }
