@@ -356,6 +356,30 @@ TEST_F(JsonLinesTest, OneHandoverIsDividedAmongTheFiles) {
     EXPECT_FALSE(support::Exists(m_path + ".3"));
 }
 
+TEST_F(JsonLinesTest, AFileHoldsOneMessageHoweverSmallItsBound) {
+    for (const uint64_t most : {uint64_t{0}, uint64_t{1}, uint64_t{LineOf("a").size()}}) {
+        zelhost::CJsonLinesSink sink(m_path, most, 2, "p");
+        EXPECT_EQ(3U, sink.Deliver({Message("a"), Message("b"), Message("c")}, m_goOn).safe);
+        EXPECT_EQ(LineOf("c"), ReadText(m_path)) << most;
+        EXPECT_EQ(LineOf("b"), ReadText(m_path + ".1"));
+        EXPECT_EQ(LineOf("a"), ReadText(m_path + ".2"));
+        for (const char* generation : {"", ".1", ".2"}) std::filesystem::remove(m_path + generation);
+    }
+}
+
+TEST_F(JsonLinesTest, AMissingGenerationHoldsNoOtherBack) {
+    zelhost::CJsonLinesSink sink(m_path, 1, 4, "p");
+    ASSERT_EQ(1U, Deliver(sink, "now").safe);
+    ASSERT_TRUE(WriteText(m_path + ".2", "two"));
+    ASSERT_TRUE(WriteText(m_path + ".4", "four"));
+    EXPECT_EQ(1U, Deliver(sink, "next").safe);
+    EXPECT_EQ(LineOf("next"), ReadText(m_path));
+    EXPECT_EQ(LineOf("now"), ReadText(m_path + ".1"));
+    EXPECT_FALSE(support::Exists(m_path + ".2"));
+    EXPECT_EQ("two", ReadText(m_path + ".3"));
+    EXPECT_EQ("four", ReadText(m_path + ".4")) << "nothing has come in its place";
+}
+
 TEST_F(JsonLinesTest, WithoutGenerationsAFullFileGoes) {
     const std::string line = LineOf("x");
     zelhost::CJsonLinesSink sink(m_path, line.size(), 0, "p");
@@ -478,6 +502,34 @@ TEST_F(SyslogSinkTest, ALineIsNoLongerThanDaemonsTake) {
         EXPECT_EQ(8000U, line.size());
         EXPECT_THAT(line, StartsWith("<28>tervane["));
         EXPECT_THAT(line, EndsWith("xxx"));
+    });
+}
+
+TEST_F(SyslogSinkTest, ALineIsWholeUpToTheBound) {
+    WithOwnDev([&] {
+        SyslogDaemon daemon;
+        ASSERT_EQ(1U, m_sink.Deliver({Message("")}, m_goOn).safe);
+        const size_t rest = 8000 - daemon.Next().size();
+        for (const size_t body : {rest - 1, rest, rest + 1}) {
+            ASSERT_EQ(1U, m_sink.Deliver({Message(std::string(body, 'x'))}, m_goOn).safe);
+            EXPECT_EQ(8000 - rest + std::min(body, rest), daemon.Next().size());
+        }
+    });
+}
+
+TEST_F(SyslogSinkTest, ADaemonThatDoesNotReadHasWhatItTook) {
+    WithOwnDev([&] {
+        SyslogDaemon daemon;
+        const Handover handed = m_sink.Deliver(std::vector<SpoolMessage>(20000, Message("x")), m_goOn);
+        EXPECT_GT(handed.safe, 0U);
+        EXPECT_LT(handed.safe, 20000U);
+        ASSERT_FALSE(handed.rest);
+        EXPECT_THAT(handed.rest.GetError().Text(), StartsWith("syslog: "));
+        size_t read = 0;
+        while (!daemon.Next().empty()) ++read;
+        EXPECT_EQ(handed.safe, read);
+        EXPECT_EQ(1U, m_sink.Deliver({Message("again")}, m_goOn).safe);
+        EXPECT_THAT(daemon.Next(), EndsWith(" T again"));
     });
 }
 
