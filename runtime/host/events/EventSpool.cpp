@@ -48,6 +48,7 @@ const std::string kPutAsideMark = ".corrupt-";
 constexpr int kMostGaps = 64;
 constexpr std::chrono::seconds kSalvagePatience{5};  // a disk that cannot read takes its time to say so
 constexpr int64_t kMostStep = int64_t{1} << 40;      // beyond any number of a message
+constexpr int64_t kMostNumber = int64_t{1} << 62;    // the same of a file as a whole
 constexpr int64_t kMostRemoved = 512;                // of kept messages at a time: senders wait meanwhile
 // A message's share of pages, index and log beyond its texts.
 constexpr uint64_t kRowBytes = 128;
@@ -380,18 +381,20 @@ void CEventSpool::CopyFacts(const base::Database& old, Salvaged& salvaged) {
         }
     }
     if (!named && !m_damage->name.empty()) named = keep("name", m_damage->name);
+    base::Statement sequence(old, "SELECT seq FROM sqlite_sequence WHERE name = 'messages';");
+    if (sequence.Row() && sequence.Int(0) < kMostNumber) salvaged.newest = sequence.Int(0);
+    salvaged.numbered = salvaged.newest > 0;
+    const int64_t most = salvaged.numbered ? salvaged.newest : kMostNumber;
     base::Statement cursors(old, "SELECT sink, seq FROM cursors;");
     while (cursors.Row()) {
         int64_t& confirmed = m_confirmed[cursors.Text(0)];
-        confirmed = std::max(confirmed, cursors.Int(1));
+        // A damaged page may say anything; what comes is numbered behind it, and what there is goes again rather.
+        if (cursors.Int(1) <= most) confirmed = std::max(confirmed, cursors.Int(1));
     }
     if (!m_confirmed.empty()) {
         salvaged.confirmed = INT64_MAX;
         for (const auto& cursor : m_confirmed) salvaged.confirmed = std::min(salvaged.confirmed, cursor.second);
     }
-    base::Statement sequence(old, "SELECT seq FROM sqlite_sequence WHERE name = 'messages';");
-    if (sequence.Row()) salvaged.newest = sequence.Int(0);
-    salvaged.numbered = salvaged.newest > 0;
 }
 
 bool CEventSpool::GoOnCounting(int64_t last) {
@@ -441,7 +444,7 @@ bool CEventSpool::SalvageRun(const base::Database& old, bool forward, Run& run, 
                                            " WHERE seq >= ?1 AND seq < ?2 ORDER BY seq") +
                                    (forward ? ";" : " DESC;"));
     query.Bind(1, run.after + 1);
-    query.Bind(2, run.before);
+    query.Bind(2, std::min(run.before, kMostNumber));
     base::Statement::Outcome step = query.Step();
     for (; step == base::Statement::Outcome::kRow; step = query.Step()) {
         const SpoolMessage message = MessageOf(query);

@@ -803,3 +803,25 @@ TEST_F(EventSpoolTest, AFileThatWasTakenAwayNumbersOnBeyond32Bits) {
     ASSERT_TRUE(spool.Append(Message("b")));
     EXPECT_EQ(Read(spool, "one").at(0).seq, kWide + 1);
 }
+
+TEST_F(EventSpoolTest, ADamagedCursorEndsNoNumbering) {
+    const std::string path = m_dir / "spool/e.db";
+    {
+        CEventSpool spool;
+        Open(spool, 8 << 20);
+        Fill(spool, 5);
+    }
+    const int64_t page = support::AskNumber(path, "SELECT pageno FROM dbstat WHERE name = 'sqlite_sequence';");
+    ASSERT_GT(page, 1);
+    // What is numbered behind it would have no number; a message that far out neither.
+    ASSERT_EQ("", support::RunStatements(path,
+                                         "UPDATE cursors SET seq = 9223372036854775807;"
+                                         "UPDATE messages SET seq = 9223372036854775806 WHERE seq = 5;"
+                                         "PRAGMA wal_checkpoint(TRUNCATE);"));
+    Damage(static_cast<int>(page - 1), 1);
+    CEventSpool spool;
+    Open(spool, 8 << 20);
+    EXPECT_EQ(Read(spool, "one").size(), 4u) << "rather again than never";
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(spool.Append(Message("new")));
+    EXPECT_EQ(Read(spool, "one").size(), 7u);
+}
