@@ -481,10 +481,10 @@ void DeclareFleetConfig(CLI::App& fleet, FleetConfigOptions& options) {
     AddLevel(*show, options);
     show->add_flag("--all-levels", options.allLevels, "those of single hosts, and those that were taken away, too");
     CLI::App* set = config->add_subcommand("set", "give keys a value, for all hosts, a group or one host");
-    set->add_option("FLEET-KEY=VALUE", options.words, "what to set")->required()->type_name("FLEET-KEY=VALUE");
+    set->add_option("SETTING", options.words, "what to set")->required()->type_name("FLEET-KEY=VALUE");
     AddRollout(*set, options, AddLevel(*set, options));
     CLI::App* rollout = config->add_subcommand("rollout", "the same for a few hosts, and for all if those stay well");
-    rollout->add_option("FLEET-KEY=VALUE", options.words, "what to set")->required()->type_name("FLEET-KEY=VALUE");
+    rollout->add_option("SETTING", options.words, "what to set")->required()->type_name("FLEET-KEY=VALUE");
     AddGroup(*rollout, options);
     AddRollout(*rollout, options, nullptr);
     CLI::App* unset = config->add_subcommand("unset", "take keys away");

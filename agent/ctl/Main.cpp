@@ -71,7 +71,7 @@ void DeclareConfig(CLI::App& app, agent::ConfigOptions& config) {
     check->add_option("--as", config.as, "which of the agent's files it is to be; by its name otherwise")
         ->type_name("{" + files + "}");
     CLI::App* set = group->add_subcommand("set", "change a value, after the agent's own parser has taken it");
-    set->add_option("KEY=VALUE", config.argument, "maxCpu=20")->required()->type_name("KEY=VALUE");
+    set->add_option("SETTING", config.argument, "maxCpu=20")->required()->type_name("KEY=VALUE");
     CLI::App* unset = group->add_subcommand("unset", "take a key out of its file");
     unset->add_option("KEY", config.argument, "maxCpu")->required()->type_name("KEY");
     group->add_subcommand("undo", "take the last change back");
