@@ -134,7 +134,9 @@ class Client:
         try:
             self.info = json.loads(self._first_line(raw)[5:])
             if not plain:
-                raw = ssl.create_default_context(cafile=authority).wrap_socket(raw, server_hostname=address)
+                context = ssl.create_default_context(cafile=authority)
+                context.verify_flags |= ssl.VERIFY_X509_STRICT  # as newer Pythons do of themselves
+                raw = context.wrap_socket(raw, server_hostname=address)
         except BaseException:
             raw.close()
             raise
