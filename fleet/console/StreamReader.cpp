@@ -101,7 +101,12 @@ StreamReader::Got StreamReader::Fail(const std::string& why) {
 StreamReader::Got StreamReader::TakeRemark(const Arrival& remark) {
     if (remark.status == kStillThere) return Got::kNothing;
     const bool isOver = remark.status == kNoMessages || remark.status == kWaitOver;
-    const bool isFull = remark.status == kConflict && remark.words.find("MaxBytes") != std::string::npos;
+    const auto says = [&remark](const char* words) {
+        return remark.status == kConflict && remark.words.find(words) != std::string::npos;
+    };
+    const bool isFull = says("MaxBytes");
+    // Newer brokers say so behind the last one that was asked for, which has been counted.
+    if (says("Batch Completed")) return Got::kNothing;
     if (!isOver && !isFull) return Fail("the broker ends the reading: " + remark.words);
     m_wanted = 0;
     m_isLarge = isFull && !m_cameSomething;

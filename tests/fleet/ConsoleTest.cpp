@@ -112,7 +112,8 @@ TEST_F(ConsoleTest, ABrokerThatOnlyGreetsIsSaidAndHoldsNoEnd) {
     options.servers = {greeting.Url()};
     ConsoleProcess console(options);
     const Json::Value info = console.Ask(Line(R"("op":"info")"));
-    EXPECT_EQ(info["reason"].asString(), greeting.Url() + " takes the connection and does not answer");
+    EXPECT_THAT(info["reason"].asString(), testing::StartsWith(greeting.Url()));
+    EXPECT_THAT(info["reason"].asString(), testing::HasSubstr(" does not answer"));  // by either library
     EXPECT_FALSE(info["connected"].asBool());
     EXPECT_EQ(console.End(), 0);
 }
@@ -211,7 +212,8 @@ TEST_F(ConsoleTest, TenThousandKeysAreListed) {
         ASSERT_EQ(answer["revision"].asInt(), i + 1) << answer;
     }
     Items items;
-    EXPECT_TRUE(chief->Ask(Line(R"("id":20001,"op":"keys","bucket":"config")"), &items)["ok"].asBool());
+    const Json::Value ended = chief->Ask(Line(R"("id":20001,"op":"keys","bucket":"config")"), &items);
+    EXPECT_TRUE(ended["ok"].asBool()) << ended;
     ASSERT_EQ(items.size(), static_cast<size_t>(kKeys));
     std::set<std::string> names;
     for (const Json::Value& item : items) {
