@@ -374,6 +374,9 @@ base::Status NatsBroker::Impl::Probe(const std::string& server) const {
     const natsStatus status = natsConnection_Connect(&one, made->get());
     natsConnection_Destroy(one);
     if (status == NATS_OK) return {};
+    // Newer libraries wait themselves for what a broker says first, and call that the same as an address without
+    // answer.
+    if (status == NATS_TIMEOUT) return base::SentenceError(server + " does not answer in time");
     return base::SentenceError(DetailOf(status));
 }
 
