@@ -1,6 +1,7 @@
 // What is under way when a delivery, or one of its sinks, comes to an end.
 #include <atomic>
 #include <chrono>
+#include <ctime>
 #include <future>
 
 #include "HostSupport.h"
@@ -86,6 +87,38 @@ TEST_F(EventDeliveryEndTest, AStopEndsAFlushThatWaits) {
     delivery.Stop();
     ASSERT_EQ(flushed.wait_for(std::chrono::seconds(30)), std::future_status::ready) << "an hour is what it was given";
     EXPECT_FALSE(flushed.get());
+}
+
+TEST_F(EventDeliveryEndTest, WhoWaitsForAFlushComputesLittle) {
+    support::HttpServer server;
+    server.AnswerWith(503);
+    DeliveryOptions options = Options();
+    options.jsonLinesPath = "-";
+    options.httpUrl = server.Url();
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    EXPECT_TRUE(delivery.SendMsg("T", "m", "", 1, 0));
+    const auto computed = [] {
+        timespec used{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+        return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+    };
+    const auto before = computed();
+    const auto begun = std::chrono::steady_clock::now();
+    EXPECT_FALSE(delivery.Flush(300));
+    EXPECT_LT((computed() - before) * 4, std::chrono::steady_clock::now() - begun);
+}
+
+TEST_F(EventDeliveryEndTest, EachSinkThatIsWantedIsThere) {
+    DeliveryOptions options = Options();
+    options.syslog = true;
+    options.fleetSocket = m_dir / "run/fleet.sock";
+    options.httpUrl = "http://127.0.0.1:9/";
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    std::vector<std::string> names;
+    for (const auto& sink : delivery.Stats().sinks) names.push_back(sink.name);
+    EXPECT_THAT(names, testing::ElementsAre("jsonl", "syslog", "fleet", "http"));
 }
 
 TEST_F(EventDeliveryEndTest, WhatWasStoppedBeforeItBeganTakesNothing) {

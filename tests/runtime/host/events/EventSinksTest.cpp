@@ -176,6 +176,36 @@ TEST(MessageJsonTest, EachTwoBytesBeginWhatUnicodeSays) {
     }
 }
 
+TEST(MessageJsonTest, WhatIsCutFillsItsRoom) {
+    constexpr size_t kMostDigits = 20;  // room for a count of what is missing
+    SpoolMessage message = Message("");
+    const size_t frame = zelhost::MessageJson(message, "p").size() + std::string(",\"cut\":").size() + kMostDigits;
+    struct Case {
+        size_t body, extra, room;  // of the texts, for them
+        size_t keptBody, keptExtra;
+        const char* missing;
+    };
+    const Case cases[] = {
+        {1000, 0, 990, 990, 0, "10"},      {1000, 0, 999, 999, 0, "1"},       {1000, 0, 0, 0, 0, "1000"},
+        {1000, 500, 1000, 1000, 0, "500"}, {1000, 500, 1001, 1000, 1, "499"}, {1000, 500, 1499, 1000, 499, "1"},
+        {0, 500, 1, 0, 1, "499"},
+    };
+    for (const Case& each : cases) {
+        SCOPED_TRACE(each.room);
+        message.body = std::string(each.body, 'b');
+        message.extra = std::string(each.extra, 'e');
+        const std::string cut = zelhost::MessageJsonWithin(message, "p", frame + each.room);
+        // Where all would fit but for the room of the count, nothing is cut.
+        if (frame + each.room >= zelhost::MessageJson(message, "p").size()) {
+            EXPECT_EQ(cut, zelhost::MessageJson(message, "p"));
+            continue;
+        }
+        EXPECT_THAT(cut, HasSubstr('"' + std::string(each.keptBody, 'b') + "\",\"extra\":\"" +
+                                   std::string(each.keptExtra, 'e') + '"'));
+        EXPECT_THAT(cut, testing::EndsWith(std::string(",\"cut\":") + each.missing + "}"));
+    }
+}
+
 TEST(MessageJsonTest, NumbersKeepTheirWholeWidth) {
     SpoolMessage message = Message("b");
     message.time = 5000000000LL;
@@ -274,7 +304,7 @@ private:
 TEST_F(JsonLinesTest, AFileBeyondFourGigabytesIsCutAndTurnedWhole) {
     const LongFiles lifted;
     if (!lifted) GTEST_SKIP() << "files may not be that long here";
-    const off_t whole = (off_t{1} << 32) + 100;  // of which the lower 32 bits are a place of their own
+    const off_t whole = (off_t{1} << 32) + 10000;  // of which the lower 32 bits are a place of their own
     ASSERT_TRUE(WriteText(m_path, ""));
     const base::Fd file(open(m_path.c_str(), O_RDWR | O_CLOEXEC));
     ASSERT_EQ(5, pwrite(file.Get(), "\ntorn", 5, whole - 1));  // what stands before it takes no room

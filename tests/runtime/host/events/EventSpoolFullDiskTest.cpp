@@ -73,7 +73,8 @@ TEST_F(EventSpoolFullDiskTest, DamageWithoutRoomSwallowsNothingNew) {
     CEventSpool spool;
     static_cast<void>(spool.Open(Path(), 8 << 20, 8));  // the reserve has room for a new file, not for what there was
     static_cast<void>(spool.SetSinks({"one", "two"}));
-    EXPECT_TRUE(support::LogHolds("cannot be written again"));
+    EXPECT_TRUE(support::LogHolds(" cannot be written again: "));
+    EXPECT_TRUE(support::LogHolds(" is full")) << "the first reason is told, not what it led to";
     unlink((m_disk / "filler").c_str());
     EXPECT_TRUE(support::Eventually([&] { return spool.FlushMemory(); }));
     SendAndExpect(spool, "new");

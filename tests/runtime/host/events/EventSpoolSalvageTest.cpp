@@ -414,6 +414,28 @@ TEST_F(SpoolSalvageTest, WhatTheProcessKnowsOutlivesItsFile) {
     }
 }
 
+TEST_F(SpoolSalvageTest, WhatItHadIsNoMoreThanTheNumbersThatItGave) {
+    // The lower 32 bits of the first are below 0 as a number of 32 bits, those of the second a small one.
+    for (const int64_t far : {int64_t{7000000000}, (int64_t{1} << 33) + 3}) {
+        SCOPED_TRACE(far);
+        Begin(std::to_string(far));
+        ASSERT_NO_FATAL_FAILURE(Write(Range(1, 9)));
+        ASSERT_NO_FATAL_FAILURE(Run("UPDATE sqlite_sequence SET seq = " + std::to_string(far) + ";"));
+        CEventSpool spool;
+        Open(spool);
+        spool.Checkpoint();
+        support::TakeLog();
+        ASSERT_NO_FATAL_FAILURE(SpoilTable("messages"));
+        ASSERT_NO_FATAL_FAILURE(Run("CREATE TABLE other(x);"));  // so that pages are read again
+        SpoolMessage fresh = Message(BodyOf(far + 1, 100));
+        fresh.arg2 = 2;
+        EXPECT_TRUE(spool.Append(fresh));
+        ExpectTold(0, "9 lost");
+        EXPECT_EQ(spool.GetFigures().dropped, 9u);
+        EXPECT_EQ(Saved(spool), Numbers({far + 1}));
+    }
+}
+
 TEST_F(SpoolSalvageTest, TheFilesOwnNameCounts) {
     ASSERT_NO_FATAL_FAILURE(Write(Range(1, 9)));
     CEventSpool spool;
