@@ -281,6 +281,26 @@ TEST_F(EventDeliveryLaneTest, AFileThatCannotBeOpenedIsTriedAgain) {
     EXPECT_EQ(delivery.Stats().dropped, 0u);
 }
 
+TEST_F(EventDeliveryLaneTest, ASpoolThatCannotBeReadIsSaidAndReadAgain) {
+    support::HttpServer server;
+    DeliveryOptions options = Options();
+    options.httpUrl = server.Url();
+    options.httpTimeoutMs = kHourMs;
+    support::TakeLog();
+    CEventDelivery delivery(options, "tervane");
+    ASSERT_TRUE(support::IsOk(delivery.Start()));
+    server.Hang(true);
+    Send(delivery, 40);  // more than one reading
+    ASSERT_TRUE(Eventually([&] { return server.Connections() > 0; }));
+    Change("ALTER TABLE messages RENAME TO away;");
+    server.Hang(false);
+    ASSERT_TRUE(Eventually([&] { return !Sink(delivery, "http").lastError.empty(); }));
+    EXPECT_THAT(Sink(delivery, "http").lastError, testing::HasSubstr("the spool cannot be read: "));
+    Change("ALTER TABLE away RENAME TO messages;");
+    EXPECT_TRUE(delivery.Flush(20000));
+    EXPECT_TRUE(support::LogHolds("4 event sink http works again"));
+}
+
 TEST_F(EventDeliveryLaneTest, ARefusalWhileItRestsIsInTheFileSoon) {
     DeliveryOptions options = Options();
     options.restMs = 1;
@@ -423,6 +443,10 @@ TEST_F(EventDeliveryLaneTest, AnAddressThatIsNotVerifiedIsWarnedOf) {
             ASSERT_TRUE(support::IsOk(delivery.Start()));
             const bool open = !verify && std::string(url).compare(0, 5, "https") == 0;
             EXPECT_EQ(support::LogCount("3 the certificate of " + std::string(url) + " is not verified"),
+                      open ? 1u : 0u);
+            options.httpUrl += "other";
+            ASSERT_TRUE(support::IsOk(delivery.SetSinks(options)));
+            EXPECT_EQ(support::LogCount("3 the certificate of " + options.httpUrl + " is not verified"),
                       open ? 1u : 0u);
         }
     }
