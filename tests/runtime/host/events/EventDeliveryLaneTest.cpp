@@ -281,7 +281,7 @@ TEST_F(EventDeliveryLaneTest, AFileThatCannotBeOpenedIsTriedAgain) {
     EXPECT_EQ(delivery.Stats().dropped, 0u);
 }
 
-TEST_F(EventDeliveryLaneTest, ASpoolThatCannotBeReadIsSaidAndReadAgain) {
+TEST_F(EventDeliveryLaneTest, ASpoolThatCannotBeReadIsReadAgain) {
     support::HttpServer server;
     DeliveryOptions options = Options();
     options.httpUrl = server.Url();
