@@ -28,10 +28,13 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
+# Loaded by name where events go out by HTTP; Debian 13 calls it by the width of its times.
+set(curl "libcurl4t64 | libcurl4")
+
 set(CPACK_DEBIAN_LIBZELMONITOR0_PACKAGE_NAME libzelmonitor0)
 set(CPACK_DEBIAN_LIBZELMONITOR0_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_LIBZELMONITOR0_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/triggers)
-set(CPACK_DEBIAN_LIBZELMONITOR0_PACKAGE_RECOMMENDS libcurl4)  # loaded by name where events go out by HTTP
+set(CPACK_DEBIAN_LIBZELMONITOR0_PACKAGE_RECOMMENDS "${curl}")
 set(CPACK_DEBIAN_LIBZELMONITOR0_DESCRIPTION "resource monitor for host agents - libraries
 Keeps the processes of a host agent inside a budget of CPU and memory by
 control groups, tells worker threads when to hold back, notices kills for
@@ -49,7 +52,7 @@ those who embed it in an agent of their own.")
 
 set(CPACK_DEBIAN_TERVANE_PACKAGE_NAME tervane)
 set(CPACK_DEBIAN_TERVANE_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_TERVANE_PACKAGE_RECOMMENDS libcurl4)
+set(CPACK_DEBIAN_TERVANE_PACKAGE_RECOMMENDS "${curl}")
 set(CPACK_DEBIAN_TERVANE_PACKAGE_CONTROL_EXTRA
   ${PROJECT_SOURCE_DIR}/packaging/debian/conffiles
   ${PROJECT_SOURCE_DIR}/packaging/debian/postinst

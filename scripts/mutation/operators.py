@@ -14,9 +14,11 @@ sys.path.append("/usr/lib/python3/dist-packages")
 try:
     from clang import cindex
 except ImportError:
-    sys.exit("mutate: python3-clang-14 is missing: scripts/install-deps installs it")
+    sys.exit("mutate: python3-clang is missing: scripts/install-deps installs it")
 
-for _library in sorted(glob.glob("/usr/lib/*/libclang-14.so.1") + glob.glob("/usr/lib/llvm-14/lib/libclang.so.1")):
+# Of version 14, Debian 12's, where it is there; else the newest, whose module this is.
+for _library in (glob.glob("/usr/lib/*/libclang-14.so.1") + glob.glob("/usr/lib/llvm-14/lib/libclang.so.1") +
+                 sorted(glob.glob("/usr/lib/llvm-*/lib/libclang.so.1"), reverse=True)):
     cindex.Config.set_library_file(_library)
     break
 
