@@ -18,7 +18,8 @@ except ImportError:
 
 # Of version 14, Debian 12's, where it is there; else the newest, whose module this is.
 for _library in (glob.glob("/usr/lib/*/libclang-14.so.1") + glob.glob("/usr/lib/llvm-14/lib/libclang.so.1") +
-                 sorted(glob.glob("/usr/lib/llvm-*/lib/libclang.so.1"), reverse=True)):
+                 sorted(glob.glob("/usr/lib/llvm-*/lib/libclang.so.1"), reverse=True,
+                        key=lambda path: int(re.search(r"llvm-(\d+)", path).group(1)))):
     cindex.Config.set_library_file(_library)
     break
 
