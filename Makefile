@@ -8,7 +8,7 @@
 #   make lint [ALL=1]        cppcheck on everything, clang-tidy on what has changed or on everything
 #   make mutate [SUITE=module] [ARGS=]  small faults planted in the sources: which of them does no test notice?
 #   make matrix [ARGS=]      the agent on every kernel, layout and place of its own in guests; more than an hour
-#   make portability [ARGS=]  the tree under C++20 and for arm64, with the tests that an emulator can run
+#   make portability [ARGS=]  the tree under C++20, on Debian 13 and for arm64, with the tests that can run there
 #   make soak [FOR=600] [ARGS="--seed N"]  the agent through kills, drift, full disks and outages: nothing may grow
 #   make fuzz [FOR=600] [ARGS=FuzzX]  the fuzz targets with libFuzzer, the time divided among them
 #   make coverage            which lines and branches of src/ and runtime/ the tests without guests run
@@ -98,7 +98,7 @@ mutate-sample: deps
 	scripts/mutate --build build/dev --jobs $(JOBS) --sample 60 --seed "$$(git rev-parse HEAD)" --least 80
 
 fuzz: deps
-	cmake --preset fuzz
+	cmake --preset fuzz -DCMAKE_CXX_COMPILER=$$(scripts/find-clang clang++)
 	cmake --build --preset fuzz -j $(JOBS) --target AllFuzzers
 	scripts/fuzz --build build/fuzz $(if $(FOR),--for $(FOR)) --jobs $(JOBS) $(ARGS)
 
