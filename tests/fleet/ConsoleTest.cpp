@@ -1,4 +1,5 @@
 // The console's process between a test and a real broker, with the rights that enrolled people and hosts have.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
