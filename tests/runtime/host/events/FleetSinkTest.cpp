@@ -444,6 +444,20 @@ TEST_F(FleetSinkTest, ASinkThatIsToStopSaysSoAndConnectsToNobody) {
     EXPECT_TRUE(sink.KeepsConfirmed());
 }
 
+TEST_F(FleetSinkTest, WhatTheRelayCouldNotReadIsNotSentToIt) {
+    RelayPlayer relay(Socket(), TakeAll);
+    for (const bool tooLong : {false, true}) {
+        CFleetSink sink(Socket(), std::string(fleet::kMostProcessBytes + (tooLong ? 1 : 0), 'p'),
+                        std::chrono::seconds(20));
+        const Handover handed = sink.Deliver(MessagesOf(1, {"a"}), m_stop);
+        EXPECT_EQ(handed.safe, tooLong ? 0u : 1u) << Reason(handed);
+        if (tooLong) {
+            EXPECT_THAT(Reason(handed), HasSubstr("name of the process"));
+        }
+    }
+    EXPECT_EQ(relay.Batches().size(), 1u);
+}
+
 // --- as a lane ---
 
 namespace {

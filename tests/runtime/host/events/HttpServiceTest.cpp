@@ -292,6 +292,16 @@ TEST(HttpServiceTest, ACertificateThatNobodySignedIsNotAccepted) {
     request.caFile = dir / "cert.pem";
     result = CHttpService::Instance().Post(request);
     EXPECT_TRUE(talked()) << "with the right authority it talks: " << error();
+    const std::string named = request.url;
+    request.url = "https://127.0.0.1:" + std::to_string(port) + "/";  // for which the certificate is not
+    result = CHttpService::Instance().Post(request);
+    EXPECT_FALSE(talked());
+    EXPECT_THAT(error(), testing::HasSubstr("127.0.0.1"));
+    request.verifyTls = false;
+    result = CHttpService::Instance().Post(request);
+    EXPECT_TRUE(talked()) << "unverified it may be anybody: " << error();
+    request.verifyTls = true;
+    request.url = named;
     ASSERT_EQ(chmod(request.caFile.c_str(), 0666), 0);
     result = CHttpService::Instance().Post(request);
     EXPECT_FALSE(talked()) << "somebody else could have put his own there";
