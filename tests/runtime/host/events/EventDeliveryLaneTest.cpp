@@ -286,6 +286,7 @@ TEST_F(EventDeliveryLaneTest, ASpoolThatCannotBeReadIsReadAgain) {
     DeliveryOptions options = Options();
     options.httpUrl = server.Url();
     options.httpTimeoutMs = kHourMs;
+    options.backoffMinMs = options.backoffMaxMs = 500;  // after five failures it would be taken for damaged
     support::TakeLog();
     CEventDelivery delivery(options, "tervane");
     ASSERT_TRUE(support::IsOk(delivery.Start()));
