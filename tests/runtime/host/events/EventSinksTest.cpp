@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <set>
@@ -697,6 +698,26 @@ TEST(HttpSinkTest, AMessageIsOneLineWithItsIdBesideIt) {
         EXPECT_THAT(request.head, testing::HasSubstr("\r\nContent-Type: application/json"));
         EXPECT_EQ(request.head.find("Authorization: Bearer x") != std::string::npos, header[0] != '\0');
     }
+}
+
+TEST(HttpSinkTest, ASilentServerIsLeftAfterItsTime) {
+    const std::atomic<bool> stop{false};
+    support::HttpServer server;
+    server.Hang(true);
+    zelhost::DeliveryOptions options;
+    options.httpUrl = server.Url();
+    options.httpTimeoutMs = 250;
+    zelhost::CHttpSink sink(options, "p");
+    const auto handed = sink.Deliver({HttpMessage(1, "a")}, stop);
+    EXPECT_EQ(handed.safe, 0u);
+    ASSERT_FALSE(handed.rest);
+    const std::string said = handed.rest.GetError().Text();
+    const size_t at = said.find("timed out after ");
+    ASSERT_NE(at, std::string::npos) << said;
+    const int took = std::atoi(said.c_str() + at + std::string("timed out after ").size());
+    EXPECT_GE(took, 250);
+    EXPECT_LT(took, 5000) << "a request's own time, where nobody names one";
+    server.Hang(false);
 }
 
 TEST(HttpSinkTest, WhatIsToStopHandsOverNothingMore) {
