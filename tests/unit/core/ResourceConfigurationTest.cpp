@@ -9,6 +9,7 @@
 #include <cstddef>
 
 #include "CoreFixture.h"
+#include "ResourceConfig.h"
 #include "support/Files.h"
 #include "platform/zel/CgroupClient.h"
 
