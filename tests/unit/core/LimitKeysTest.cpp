@@ -137,6 +137,9 @@ TEST(LimitKeysTest, EveryKeyIsThereOnceAndItsDefaultIsInRange) {
         EXPECT_TRUE(key->onlineName == nullptr || onlineNames.insert(key->onlineName).second);
         EXPECT_LE(key->least, key->byDefault);
         EXPECT_GE(key->most, key->byDefault);
+        if (key->kind == LimitKeyKind::kNumber) continue;
+        EXPECT_EQ(0, key->least);
+        EXPECT_EQ(key->kind == LimitKeyKind::kSwitch ? 1 : 0, key->most);
     }
     EXPECT_EQ(14U, resourceNames.size());
     EXPECT_EQ(16U, onlineNames.size());

@@ -153,6 +153,7 @@ TEST(KernelVersionTest, SkipsMalformedRangeEntriesAndCountsTheNext) {
     const PackedKernelVersion local = Local(4, 9, 93, 5);
     for (const std::string& entry : malformed) {
         EXPECT_FALSE(IsKernelInRangeList(entry, local)) << entry;
+        EXPECT_FALSE(IsKernelInRangeList(entry, Local(0, 0, 0, 0))) << entry << " is none from 0 to 0";
         EXPECT_TRUE(IsKernelInRangeList(entry + " 4.9.90-1,4.9.99-1", local)) << entry;
         EXPECT_TRUE(IsKernelInRangeList("4.9.90-1,4.9.99-1 " + entry, local)) << entry;
     }
