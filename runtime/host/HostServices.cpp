@@ -137,7 +137,10 @@ void CHostServices::Impl::StopMetrics() {
 }
 
 void CHostServices::Impl::UndoSteps() {
-    for (; m_stepsMade > 0; --m_stepsMade) (this->*kSteps[m_stepsMade - 1].stop)();
+    for (; m_stepsMade > 0; --m_stepsMade) {
+        const Step& last = kSteps[m_stepsMade - 1];
+        (this->*last.stop)();
+    }
     m_started = false;
 }
 

@@ -29,6 +29,14 @@ ZEL_APART void* operator new(size_t size) {
     if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
     throw std::bad_alloc();
 }
+// Some of the C++ library's algorithms ask by this one, and give back by the usual.
+ZEL_APART void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    try {
+        return operator new(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
 ZEL_APART void operator delete(void* memory) noexcept {
     std::free(memory);
 }
