@@ -104,9 +104,9 @@ StreamReader::Got StreamReader::TakeRemark(const Arrival& remark) {
     const auto says = [&remark](const char* words) {
         return remark.status == kConflict && remark.words.find(words) != std::string::npos;
     };
-    const bool isFull = says("MaxBytes");
     // Newer brokers say so behind the last one that was asked for, which has been counted.
     if (says("Batch Completed")) return Got::kNothing;
+    const bool isFull = says("MaxBytes");
     if (!isOver && !isFull) return Fail("the broker ends the reading: " + remark.words);
     m_wanted = 0;
     m_isLarge = isFull && !m_cameSomething;

@@ -30,6 +30,12 @@ protected:
         options.backoffMinMs = options.backoffMaxMs = 50;
         return options;
     }
+    DeliveryOptions ToHttp(const support::HttpServer& server) {
+        DeliveryOptions options = Options();
+        options.jsonLinesPath = "-";
+        options.httpUrl = server.Url();
+        return options;
+    }
     size_t CountLines() const { return support::ReadLines(m_dir / "log/e.jsonl").size(); }
 
     support::TempDir m_dir;
@@ -71,10 +77,7 @@ TEST_F(EventDeliveryEndTest, APauseThatEndsDuringAStopHarmsNobody) {
 TEST_F(EventDeliveryEndTest, AStopEndsAFlushThatWaits) {
     support::HttpServer server;
     server.AnswerWith(503);
-    DeliveryOptions options = Options();
-    options.jsonLinesPath = "-";
-    options.httpUrl = server.Url();
-    CEventDelivery delivery(options, "tervane");
+    CEventDelivery delivery(ToHttp(server), "tervane");
     ASSERT_TRUE(support::IsOk(delivery.Start()));
     EXPECT_TRUE(delivery.SendMsg("T", "m", "", 1, 0));
     std::atomic<bool> waits{false};
@@ -91,10 +94,7 @@ TEST_F(EventDeliveryEndTest, AStopEndsAFlushThatWaits) {
 TEST_F(EventDeliveryEndTest, WhoWaitsForAFlushComputesLittle) {
     support::HttpServer server;
     server.AnswerWith(503);
-    DeliveryOptions options = Options();
-    options.jsonLinesPath = "-";
-    options.httpUrl = server.Url();
-    CEventDelivery delivery(options, "tervane");
+    CEventDelivery delivery(ToHttp(server), "tervane");
     ASSERT_TRUE(support::IsOk(delivery.Start()));
     EXPECT_TRUE(delivery.SendMsg("T", "m", "", 1, 0));
     const auto computed = [] {
